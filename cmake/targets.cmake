@@ -1,0 +1,40 @@
+# The helpers that every CMakeLists.txt below uses: our own targets get the warnings, the sanitizers and the
+# include root in one place, so no folder can forget them.
+
+set(XCPLUMO_SANITIZE "" CACHE STRING "Sanitizers for our own targets, e.g. address,undefined or thread")
+
+add_library(xcplumo_options INTERFACE)
+target_compile_options(xcplumo_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wold-style-cast -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wcast-align -Wformat=2 -Wimplicit-fallthrough -Werror)
+if(XCPLUMO_SANITIZE)
+    target_compile_options(xcplumo_options INTERFACE -fsanitize=${XCPLUMO_SANITIZE} -fno-sanitize-recover=all
+                                                     -fno-omit-frame-pointer)
+    target_link_options(xcplumo_options INTERFACE -fsanitize=${XCPLUMO_SANITIZE})
+endif()
+
+# xcplumo_library(NAME SOURCES ... LINKS ...): one static library per folder of src/.
+function(xcplumo_library name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+    add_library(${name} STATIC ${arg_SOURCES})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC ${arg_LINKS} PRIVATE xcplumo_options ${arg_PRIVATE_LINKS})
+endfunction()
+
+# xcplumo_program(NAME SOURCES ... LINKS ...): an installed program.
+function(xcplumo_program name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE xcplumo_options ${arg_LINKS})
+    install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endfunction()
+
+# xcplumo_test(NAME SOURCES ... LINKS ...): a GoogleTest program; each of its cases becomes one CTest test.
+function(xcplumo_test name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
+    add_executable(${name} ${arg_SOURCES})
+    target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+    target_link_libraries(${name} PRIVATE xcplumo_options ${arg_LINKS} GTest::gtest_main)
+    include(GoogleTest)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+endfunction()

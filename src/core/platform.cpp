@@ -1,0 +1,98 @@
+#include "core/platform.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <mutex>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+#include <spdlog/spdlog.h>
+
+namespace lm {
+
+std::filesystem::path executablePath() {
+    std::error_code failure;
+    auto path = std::filesystem::read_symlink("/proc/self/exe", failure);
+    return failure ? std::filesystem::path() : path;
+}
+
+std::filesystem::path userConfigDirectory() {
+    const char* configured = std::getenv("XDG_CONFIG_HOME");
+    if (configured != nullptr && *configured != '\0') return configured;
+    const char* home = std::getenv("HOME");
+    if (home != nullptr && *home != '\0') return std::filesystem::path(home) / ".config";
+    return {};
+}
+
+void raiseOpenFileLimit() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        rlimit limit{};
+        if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+        const rlim_t before = limit.rlim_cur;
+        limit.rlim_cur = limit.rlim_max;
+        if (setrlimit(RLIMIT_NOFILE, &limit) == 0) {
+            spdlog::info("open file limit raised from {} to {}", before, limit.rlim_max);
+        }
+    });
+}
+
+namespace {
+
+Error failure(ErrorCode code, const char* what, const std::filesystem::path& path, int systemError) {
+    return Error{code, what + path.string(), systemError, Error::kNoDetail};
+}
+
+}  // namespace
+
+Result<MappedFile> MappedFile::open(const std::filesystem::path& path) {
+    int descriptor = -1;
+    do {
+        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    } while (descriptor < 0 && errno == EINTR);
+    if (descriptor < 0) {
+        const int systemError = errno;
+        const auto code = systemError == ENOENT ? ErrorCode::notFound : ErrorCode::ioError;
+        return failure(code, "cannot open ", path, systemError);
+    }
+    struct stat status {};
+    void* address = nullptr;
+    int mapError = 0;
+    if (fstat(descriptor, &status) != 0) {
+        mapError = errno;
+    } else if (status.st_size > 0) {
+        address =
+            mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_SHARED, descriptor, 0);
+        if (address == MAP_FAILED) mapError = errno;
+    }
+    ::close(descriptor);
+    if (mapError != 0) return failure(ErrorCode::ioError, "cannot map ", path, mapError);
+    return MappedFile(static_cast<const char*>(address), static_cast<std::size_t>(status.st_size));
+}
+
+MappedFile::MappedFile(MappedFile&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+
+MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+    return *this;
+}
+
+MappedFile::~MappedFile() {
+    // munmap wants a mutable pointer for a read-only mapping.
+    if (data_ != nullptr) munmap(const_cast<char*>(data_), size_);  // NOLINT(*-const-cast)
+}
+
+void MappedFile::discardBefore(std::size_t offset) const {
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t length = offset / page * page;
+    if (length > 0) madvise(const_cast<char*>(data_), length, MADV_DONTNEED);  // NOLINT(*-const-cast)
+}
+
+}  // namespace lm

@@ -1,0 +1,44 @@
+// Text helpers that do not depend on the locale: encodings of input files and numbers typed by a user.
+//
+// Threads: pure functions. Lifetime: results own their text.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/result.h"
+
+namespace lm {
+
+/// True when every byte belongs to a well-formed UTF-8 sequence (no surrogates, no overlong forms).
+bool isValidUtf8(std::string_view text);
+
+/// Windows-1252 to UTF-8; the five undefined bytes become U+FFFD.
+std::string windows1252ToUtf8(std::string_view bytes);
+
+/// UTF-16 without its byte order mark to UTF-8; a lone surrogate or a last odd byte becomes U+FFFD.
+std::string utf16ToUtf8(std::string_view bytes, bool bigEndian);
+
+/// How the digits of an unsigned number are read.
+enum class NumberBase : std::uint8_t {
+    decimal,    ///< digits only
+    automatic,  ///< 0x hexadecimal, leading 0 octal, else decimal
+};
+
+/// The whole text as an unsigned number up to `maximum`. A sign, blanks, characters left over, no digits or
+/// an overflow fail with invalidArgument and "stoul: 'TEXT' is not a number from 0 to MAXIMUM".
+Result<std::uint64_t> parseUnsigned(std::string_view text, NumberBase base, std::uint64_t maximum);
+
+/// The whole text as a decimal number in fixed or scientific notation, or nan, inf, infinity (any case, with
+/// an optional sign); none when a character is left over. A number too large for a double is infinite, one
+/// too small is 0.
+std::optional<double> parseDouble(std::string_view text);
+
+/// printf's "%.*f" (decimals given) or "%g" (none) with a decimal point in every locale and NaN without a
+/// sign.
+std::string formatFixed(double value, int decimals);
+std::string formatGeneral(double value);
+
+}  // namespace lm

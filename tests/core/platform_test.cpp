@@ -1,0 +1,68 @@
+#include "core/platform.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sys/resource.h>
+
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
+namespace lm {
+namespace {
+
+TEST(Platform, MapsWholeFilesAndTellsWhyNot) {
+    const test::TempDir dir;
+    const auto path = dir.path() / "text";
+    std::ofstream(path) << "abc";
+    auto mapped = MappedFile::open(path);
+    ASSERT_TRUE(mapped.ok());
+    MappedFile moved = std::move(mapped).value();
+    EXPECT_EQ(moved.text(), "abc");
+
+    std::ofstream(dir.path() / "empty");
+    const auto empty = MappedFile::open(dir.path() / "empty");
+    ASSERT_TRUE(empty.ok());
+    EXPECT_EQ(empty.value().size(), 0U);
+
+    const auto missing = MappedFile::open(dir.path() / "missing");
+    ASSERT_FALSE(missing.ok());
+    EXPECT_EQ(missing.error().code, ErrorCode::notFound);
+    EXPECT_EQ(missing.error().message, "cannot open " + (dir.path() / "missing").string());
+    EXPECT_EQ(missing.error().sysErrno, ENOENT);
+
+    const auto notDirectory = MappedFile::open(path / "below");
+    ASSERT_FALSE(notDirectory.ok());
+    EXPECT_EQ(notDirectory.error().code, ErrorCode::ioError);
+    EXPECT_EQ(notDirectory.error().sysErrno, ENOTDIR);
+
+    const auto directory = MappedFile::open(dir.path());
+    ASSERT_FALSE(directory.ok());
+    EXPECT_EQ(directory.error().message, "cannot map " + dir.path().string());
+}
+
+TEST(Platform, ConfigurationDirectoryFollowsTheEnvironment) {
+    setenv("HOME", "/home/someone", 1);
+    setenv("XDG_CONFIG_HOME", "/elsewhere", 1);
+    EXPECT_EQ(userConfigDirectory(), "/elsewhere");
+    setenv("XDG_CONFIG_HOME", "", 1);
+    EXPECT_EQ(userConfigDirectory(), "/home/someone/.config");
+    unsetenv("XDG_CONFIG_HOME");
+    setenv("HOME", "", 1);
+    EXPECT_EQ(userConfigDirectory(), "");
+}
+
+TEST(Platform, KnowsItsOwnPathAndRaisesTheFileLimit) {
+    EXPECT_EQ(executablePath().filename(), "core_test");
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = limit.rlim_max / 2;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    raiseOpenFileLimit();
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+}
+
+}  // namespace
+}  // namespace lm
