@@ -38,7 +38,7 @@ struct Error {
     static constexpr std::int32_t kNoDetail = -1;
 
     ErrorCode code = ErrorCode::ioError;
-    std::string message;              ///< may be empty: text() then gives the name of the code
+    std::string message = {};         ///< may be empty: text() then gives the name of the code
     std::int32_t sysErrno = 0;        ///< operating-system error number, 0 when none
     std::int32_t detail = kNoDetail;  ///< XCP error code of an ERR packet, else kNoDetail
 

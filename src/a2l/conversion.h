@@ -1,0 +1,94 @@
+// From raw to physical values and back, following a COMPU_METHOD, and the display text of a value.
+//
+// Threads: immutable once built; all queries may run on any thread. Lifetime: owns everything; independent of
+// the description it was built from.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "a2l/description.h"
+#include "a2l/formula.h"
+#include "core/result.h"
+
+namespace lm::a2l {
+
+class Conversion {
+  public:
+    struct Identical {};
+    struct Linear {  ///< physical = a * raw + b
+        double a = 1;
+        double b = 0;
+    };
+    struct Rational {  ///< raw = (a p^2 + b p + c) / (d p^2 + e p + f)
+        double a = 0;
+        double b = 1;
+        double c = 0;
+        double d = 0;
+        double e = 0;
+        double f = 1;
+    };
+    struct NumericTable {
+        bool interpolate = false;
+        std::vector<std::pair<double, double>> pairs;  ///< (input, output), ascending by input, never empty
+        std::optional<double> defaultValue;
+    };
+    struct VerbalTable {
+        struct Range {
+            double lower = 0;
+            double upper = 0;
+            std::string text;
+        };
+        std::vector<Range> ranges;  ///< in file order
+        std::string defaultText;    ///< empty: none
+    };
+    struct Formulas {
+        Formula forward;
+        std::optional<Formula> inverse;
+    };
+    /// The alternatives stand in the order of the kinds' tags 0 to 5.
+    using Kind = std::variant<Identical, Linear, Rational, NumericTable, VerbalTable, Formulas>;
+
+    Conversion() = default;
+    Conversion(Kind kind, std::string format, std::string unit);
+
+    /// The conversion of an object that names `method`; NO_COMPU_METHOD gives the identical one.
+    /// Errors: "COMPU_METHOD 'NAME' not found" and the other build errors, which leave nothing behind.
+    static Result<Conversion> build(const Description& description, std::string_view method);
+
+    /// Never fails: what has no physical value is NaN.
+    double toPhysical(double raw) const;
+
+    /// Errors: invalidArgument with the reason; unsupported for a FORM without an inverse formula.
+    Result<double> toRaw(double physical) const;
+
+    /// The text of a raw value; none for conversions that are not verbal and for values without a text.
+    std::optional<std::string_view> verbalText(double raw) const;
+
+    /// The raw value (lower bound) of a verbal text.
+    Result<double> rawFromText(std::string_view text) const;
+
+    /// Display text: the verbal text, else the physical value with the decimals that the format asks for.
+    std::string format(double raw) const;
+
+    bool isVerbal() const { return std::holds_alternative<VerbalTable>(kind_); }
+    const Kind& kind() const { return kind_; }
+    const std::string& formatText() const { return format_; }
+    const std::string& unit() const { return unit_; }
+
+    /// An object's own FORMAT and PHYS_UNIT replace the method's.
+    void setFormat(std::string format);
+    void setUnit(std::string unit);
+
+  private:
+    Kind kind_;
+    std::string format_;
+    std::string unit_;
+};
+
+}  // namespace lm::a2l

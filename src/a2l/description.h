@@ -1,0 +1,204 @@
+// The model of one A2L file: what the tool needs of its measurements, parameters, conversions and XCP
+// interface.
+//
+// Threads: immutable after load(); read from any thread. Lifetime: every std::string_view in the records
+// below points into the description's own text store and lives as long as the Description it came from
+// (moving the Description keeps them valid).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "a2l/data_type.h"
+#include "a2l/xcp_interface.h"
+#include "core/bytes.h"
+#include "core/result.h"
+
+namespace lm::a2l {
+
+/// MEASUREMENT.
+struct Measurement {
+    std::string_view name;
+    std::string_view longIdentifier;
+    std::string_view conversion;  ///< name of a COMPU_METHOD or NO_COMPU_METHOD
+    std::string_view displayIdentifier;
+    std::string_view format;    ///< overrides the method's when not empty
+    std::string_view physUnit;  ///< overrides the method's when not empty
+    double lowerLimit = 0;
+    double upperLimit = 0;
+    std::uint64_t bitMask = 0;  ///< 0: none
+    std::uint32_t ecuAddress = 0;
+    std::uint32_t elementCount = 1;  ///< product of ARRAY_SIZE or MATRIX_DIM, saturated
+    std::uint32_t firstEvent = 0;    ///< where its events begin in the description's pool
+    std::uint16_t eventCount = 0;
+    std::uint8_t addressExtension = 0;
+    DataType dataType = DataType::ubyte;
+    std::optional<ByteOrder> byteOrder;
+    bool hasAddress = false;
+    bool readOnly = false;
+    bool readWrite = false;
+};
+
+enum class CharacteristicType : std::uint8_t { value, curve, map, cuboid, cube4, cube5, valBlk, ascii };
+
+/// AXIS_DESCR of a characteristic.
+struct AxisDescription {
+    std::string_view attribute;
+    std::string_view inputQuantity;
+    std::string_view conversion;
+    std::uint32_t maxAxisPoints = 0;
+    double lowerLimit = 0;
+    double upperLimit = 0;
+    std::string_view axisPointsRef;  ///< AXIS_PTS_REF, may be empty
+};
+
+/// CHARACTERISTIC.
+struct Characteristic {
+    std::string_view name;
+    std::string_view longIdentifier;
+    std::string_view deposit;  ///< name of a RECORD_LAYOUT
+    std::string_view conversion;
+    std::string_view displayIdentifier;
+    std::string_view format;
+    std::string_view physUnit;
+    double maxDiff = 0;
+    double lowerLimit = 0;
+    double upperLimit = 0;
+    std::optional<std::pair<double, double>> extendedLimits;
+    std::uint64_t bitMask = 0;  ///< 0: none
+    std::uint32_t address = 0;
+    std::uint32_t elementCount = 1;  ///< product of MATRIX_DIM or NUMBER, saturated
+    std::uint8_t addressExtension = 0;
+    CharacteristicType type = CharacteristicType::value;
+    std::optional<ByteOrder> byteOrder;
+    bool readOnly = false;
+    bool isVirtual = false;  ///< VIRTUAL_CHARACTERISTIC: computed by tools, has no place in ECU memory
+    std::vector<AxisDescription> axes;
+};
+
+/// AXIS_PTS.
+struct AxisPoints {
+    std::string_view name;
+    std::string_view longIdentifier;
+    std::string_view inputQuantity;
+    std::string_view deposit;
+    std::string_view conversion;
+    std::uint32_t address = 0;
+    std::uint32_t maxAxisPoints = 0;
+    double lowerLimit = 0;
+    double upperLimit = 0;
+};
+
+enum class ConversionType : std::uint8_t { identical, linear, ratFunc, tabIntp, tabNointp, tabVerb, form };
+
+/// COMPU_METHOD.
+struct CompuMethod {
+    std::string_view name;
+    std::string_view longIdentifier;
+    ConversionType type = ConversionType::identical;
+    std::string_view format;
+    std::string_view unit;
+    std::vector<double> coefficients;  ///< COEFFS_LINEAR (a, b) or COEFFS (a to f), as `type` asks
+    std::string_view tableRef;         ///< COMPU_TAB_REF
+    std::string_view statusStringRef;  ///< STATUS_STRING_REF
+    std::string_view formula;          ///< text of FORMULA
+    std::optional<std::string_view> formulaInverse;
+};
+
+/// COMPU_TAB.
+struct CompuTab {
+    std::string_view name;
+    std::vector<std::pair<double, double>> pairs;  ///< (InVal, OutVal) in file order
+    std::optional<double> defaultNumeric;
+    std::string_view defaultText;
+};
+
+/// COMPU_VTAB and COMPU_VTAB_RANGE; a pair of the former has equal bounds.
+struct CompuVtab {
+    struct Range {
+        double lower = 0;
+        double upper = 0;
+        std::string_view text;
+    };
+    std::string_view name;
+    std::vector<Range> ranges;  ///< in file order
+    std::string_view defaultText;
+};
+
+/// RECORD_LAYOUT.
+struct RecordLayout {
+    struct Entry {
+        std::uint16_t position = 0;
+        DataType dataType = DataType::ubyte;
+        std::string_view indexMode;
+        std::string_view addressType;
+    };
+    std::string_view name;
+    std::optional<Entry> fncValues;
+};
+
+class Description {
+  public:
+    Description();
+    ~Description();
+    Description(Description&&) noexcept;
+    Description& operator=(Description&&) noexcept;
+    Description(const Description&) = delete;
+    Description& operator=(const Description&) = delete;
+
+    /// Lookups by exact, case-sensitive name; nullptr when there is none. The pointers live as long as the
+    /// object.
+    const Measurement* findMeasurement(std::string_view name) const;
+    const Characteristic* findCharacteristic(std::string_view name) const;
+    const CompuMethod* findCompuMethod(std::string_view name) const;
+    const CompuTab* findCompuTab(std::string_view name) const;
+    const CompuVtab* findCompuVtab(std::string_view name) const;
+    const RecordLayout* findRecordLayout(std::string_view name) const;
+
+    /// Event channels that the measurement's own XCP interface data names, in file order.
+    std::span<const std::uint16_t> events(const Measurement& measurement) const;
+
+    // Contents, each in file order. Filled by the parser; nobody changes them afterwards.
+    std::optional<std::pair<double, double>> asap2Version;
+    std::string_view projectName;
+    std::string_view projectLongIdentifier;
+    std::string_view moduleName;
+    std::string_view moduleLongIdentifier;
+    std::optional<ByteOrder> byteOrder;  ///< of MOD_COMMON
+    std::vector<Measurement> measurements;
+    std::vector<Characteristic> characteristics;
+    std::vector<AxisPoints> axisPoints;
+    std::vector<CompuMethod> compuMethods;
+    std::vector<CompuTab> compuTabs;
+    std::vector<CompuVtab> compuVtabs;
+    std::vector<RecordLayout> recordLayouts;
+    std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
+    XcpInterface xcp;
+
+    /// What was left out or odd while loading ("skipped: ..." with object kind, name, reason and line), in
+    /// file order.
+    std::vector<std::string> warnings;
+
+  private:
+    friend class Parser;
+    struct Store;  // texts, name indices and event pool
+    std::unique_ptr<Store> store_;
+};
+
+/// Reads and parses a file. Errors: "cannot open A2L file PATH" (with the errno), the tokenizer's "A2L line
+/// N: ...", "A2L: no PROJECT block", "A2L: no MODULE block". An object that cannot be read becomes a warning.
+Result<Description> load(const std::filesystem::path& path);
+
+/// The same from text in memory (UTF-8, Windows-1252 or UTF-16 with a byte order mark).
+Result<Description> parseDescription(std::string_view text);
+
+}  // namespace lm::a2l

@@ -1,0 +1,44 @@
+// What a recording says about itself: groups, signals and how their bytes become physical values.
+//
+// Threads: a plain record. Lifetime: owns everything.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "a2l/conversion.h"
+#include "a2l/raw_value.h"
+
+namespace lm::storage {
+
+/// The only format version that is written and read.
+inline constexpr std::uint32_t kFormatVersion = 2;
+
+struct SignalInfo {
+    std::string name;
+    std::string description;
+    std::string displayName;
+    a2l::RawCoding coding;
+    std::uint32_t recordOffset = 0;  ///< bytes from the start of the group's record
+    a2l::Conversion conversion;      ///< with display format and unit
+};
+
+struct GroupInfo {
+    std::string name;
+    std::uint32_t recordSize = 0;  ///< bytes of one DAQ record as stored, without its timestamp
+    std::int64_t cycleNs = 0;      ///< nominal period, 0 when not periodic
+    std::vector<SignalInfo> signals;
+};
+
+struct RecordingInfo {
+    std::uint32_t formatVersion = kFormatVersion;
+    std::int64_t startUtcNs = 0;   ///< nanoseconds since 1970, UTC
+    std::int64_t startHostNs = 0;  ///< the same instant on the host's steady clock
+    std::string source;
+    std::string name;
+    std::string ecu;
+    std::vector<GroupInfo> groups;
+};
+
+}  // namespace lm::storage
