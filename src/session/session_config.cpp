@@ -1,0 +1,426 @@
+#include "session/session_config.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <fcntl.h>
+#include <limits>
+#include <set>
+#include <unistd.h>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+#include <spdlog/spdlog.h>
+
+#include "core/text.h"
+
+namespace lm::session {
+namespace {
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+constexpr std::array<std::string_view, 3> kPolicyNames = {"abort", "retry", "retry_forever"};
+
+// A whole number written with a point or an exponent (5e5) is a whole number all the same.
+std::optional<std::uint64_t> wholeNumber(const json& value) {
+    if (value.is_number_unsigned()) return value.get<std::uint64_t>();
+    if (!value.is_number_float()) return std::nullopt;
+    constexpr double kExactLimit = 9007199254740992.0;  // 2^53
+    const double number = value.get<double>();
+    if (number < 0 || number > kExactLimit || number != std::floor(number)) return std::nullopt;
+    return static_cast<std::uint64_t>(number);
+}
+
+// One object of the document. Each read leaves its target alone when the key is missing; the first failure
+// of the document is kept and ends all further reading.
+class Section {
+  public:
+    Section(const json& object, std::string path, std::optional<Error>& failure)
+        : object_(object), path_(std::move(path)), failure_(failure) {}
+
+    void read(const char* key, std::string& target) {
+        if (const json* value = find(key)) {
+            if (value->is_string()) {
+                target = value->get<std::string>();
+            } else {
+                failType(key, "text", *value);
+            }
+        }
+    }
+
+    void read(const char* key, bool& target) {
+        if (const json* value = find(key)) {
+            if (value->is_boolean()) {
+                target = value->get<bool>();
+            } else {
+                failType(key, "true or false", *value);
+            }
+        }
+    }
+
+    template <std::unsigned_integral T>
+    void read(const char* key, T& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (const auto number = unsignedNumber(key, *value, 0, std::numeric_limits<T>::max())) {
+            target = static_cast<T>(*number);
+        }
+    }
+
+    template <std::unsigned_integral T>
+    void read(const char* key, std::optional<T>& target) {
+        T number = 0;
+        if (object_.contains(key)) {
+            read(key, number);
+            target = number;
+        } else {
+            find(key);
+        }
+    }
+
+    void readFraction(const char* key, double& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (!value->is_number()) return failType(key, "a number", *value);
+        const auto number = value->get<double>();
+        if (number < 0) return fail(key, value->dump() + " is negative");
+        target = number;
+    }
+
+    void readMilliseconds(const char* key, std::uint64_t minimum, std::chrono::milliseconds& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        // 49 days: no duration of a session comes near, and sums of time points stay far from overflow.
+        if (const auto number = unsignedNumber(key, *value, minimum, UINT32_MAX)) {
+            target = std::chrono::milliseconds(*number);
+        }
+    }
+
+    void readCanId(const char* key, std::optional<std::uint32_t>& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (!value->is_string()) {
+            if (!value->is_number()) return failType(key, "a number or text", *value);
+            if (const auto number = unsignedNumber(key, *value, 0, UINT32_MAX)) {
+                target = static_cast<std::uint32_t>(*number);
+            }
+            return;
+        }
+        auto number = parseUnsigned(value->get<std::string>(), NumberBase::automatic, UINT32_MAX);
+        if (!number) return fail(key, number.error().message);
+        target = static_cast<std::uint32_t>(number.value());
+    }
+
+    void readTimeouts(const char* key, std::optional<std::array<std::uint16_t, 7>>& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (!value->is_array()) return failType(key, "an array of 7 numbers", *value);
+        std::array<std::uint16_t, 7> timeouts{};
+        if (value->size() != timeouts.size()) {
+            return fail(key, "needs 7 numbers, but has " + std::to_string(value->size()));
+        }
+        for (std::size_t i = 0; i < timeouts.size(); ++i) {
+            const auto number = unsignedNumber(key, (*value)[i], 0, UINT16_MAX);
+            if (!number) return;
+            timeouts[i] = static_cast<std::uint16_t>(*number);
+        }
+        target = timeouts;
+    }
+
+    void readTexts(const char* key, std::vector<std::string>& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (!value->is_array()) return failType(key, "an array of texts", *value);
+        std::vector<std::string> texts;
+        for (const json& element : *value) {
+            if (!element.is_string()) return failType(key, "an array of texts", element);
+            texts.push_back(element.get<std::string>());
+        }
+        target = std::move(texts);
+    }
+
+    void readPolicy(const char* key, ReconnectPolicy& target) {
+        std::string text(reconnectPolicyName(target));
+        read(key, text);
+        if (failure_) return;
+        auto policy = parseReconnectPolicy(text);
+        if (policy) {
+            target = policy.value();
+        } else {
+            failure_ = policy.error();
+        }
+    }
+
+    /// Runs `fill` on the object below `key` when there is one.
+    template <typename Fill>
+    void section(const char* key, Fill fill) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (!value->is_object()) {
+            spdlog::warn("configuration: {} is not an object and is ignored", pathOf(key));
+            return;
+        }
+        Section inner(*value, pathOf(key), failure_);
+        fill(inner);
+        inner.warnUnknown();
+    }
+
+    void warnUnknown() const {
+        for (const auto& [key, value] : object_.items()) {
+            if (!known_.contains(key)) spdlog::warn("configuration: unknown key {}", pathOf(key));
+        }
+    }
+
+  private:
+    std::string pathOf(const std::string& key) const { return path_.empty() ? key : path_ + "." + key; }
+
+    const json* find(const char* key) {
+        known_.insert(key);
+        if (failure_) return nullptr;
+        const auto found = object_.find(key);
+        return found == object_.end() ? nullptr : &*found;
+    }
+
+    void fail(const char* key, const std::string& reason) {
+        failure_ = Error{ErrorCode::invalidArgument, "configuration: " + pathOf(key) + ": " + reason};
+    }
+
+    void failType(const char* key, const char* wanted, const json& value) {
+        fail(key, std::string("must be ") + wanted + ", but is " + value.type_name());
+    }
+
+    std::optional<std::uint64_t> unsignedNumber(const char* key, const json& value, std::uint64_t minimum,
+                                                std::uint64_t maximum) {
+        if (!value.is_number()) {
+            failType(key, "a number", value);
+            return std::nullopt;
+        }
+        const auto number = wholeNumber(value);
+        if (number && *number >= minimum && *number <= maximum) return number;
+        fail(key, value.dump() + " is not a whole number from " + std::to_string(minimum) + " to " +
+                      std::to_string(maximum));
+        return std::nullopt;
+    }
+
+    const json& object_;
+    const std::string path_;
+    std::optional<Error>& failure_;
+    std::set<std::string, std::less<>> known_;
+};
+
+void fillCan(Section& section, SessionConfig::Can& can) {
+    section.read("interface", can.interface);
+    section.read("bitrate", can.bitrate);
+    section.read("dataBitrate", can.dataBitrate);
+    section.read("fd", can.fd);
+    section.readCanId("cmdId", can.cmdId);
+    section.readCanId("resId", can.resId);
+    section.read("maxDlcRequired", can.maxDlcRequired);
+}
+
+void fillReconnect(Section& section, SessionConfig::Reconnect& reconnect) {
+    section.readPolicy("policy", reconnect.policy);
+    section.read("attempts", reconnect.attempts);
+    section.readMilliseconds("intervalMs", 1, reconnect.interval);
+    section.readMilliseconds("heartbeatMs", 1, reconnect.heartbeat);
+}
+
+void fillConfig(Section& document, const std::filesystem::path& baseDirectory, SessionConfig& config) {
+    document.read("name", config.name);
+    std::string a2l;
+    document.read("a2l", a2l);
+    config.a2l = a2l;
+    // An empty text means "none", not the directory itself.
+    if (!a2l.empty() && !config.a2l.has_root_directory()) config.a2l = baseDirectory / config.a2l;
+    document.section("can", [&](Section& section) { fillCan(section, config.can); });
+    document.section("udp", [&](Section& section) {
+        section.read("host", config.udp.host);
+        section.read("port", config.udp.port);
+    });
+    document.section("serial", [&](Section& section) {
+        section.read("port", config.serial.port);
+        section.read("baudrate", config.serial.baudrate);
+        section.readMilliseconds("resetDelayMs", 0, config.serial.resetDelay);
+    });
+    document.section("xcp", [&](Section& section) {
+        section.readTimeouts("timeoutsMs", config.xcp.timeoutsMs);
+        section.read("useShortUpload", config.xcp.useShortUpload);
+        section.read("connectAttempts", config.xcp.connectAttempts);
+    });
+    document.section("daq", [&](Section& section) {
+        section.read("useTimestamps", config.daq.useTimestamps);
+        section.readFraction("maxBusLoad", config.daq.maxBusLoad);
+        section.read("defaultEvent", config.daq.defaultEvent);
+    });
+    document.section("reconnect", [&](Section& section) { fillReconnect(section, config.reconnect); });
+    document.readTexts("measurement", config.measurement);
+}
+
+// The library keeps the last of two equal keys without a word.
+json parseWarningOfDuplicates(std::string_view text) {
+    std::vector<std::set<std::string>> keys;
+    const auto watch = [&keys](int, json::parse_event_t event, json& parsed) {
+        if (event == json::parse_event_t::object_start) {
+            keys.emplace_back();
+        } else if (event == json::parse_event_t::object_end) {
+            keys.pop_back();
+        } else if (event == json::parse_event_t::key &&
+                   !keys.back().insert(parsed.get<std::string>()).second) {
+            spdlog::warn("configuration: key {} stands twice, the last one counts",
+                         parsed.get<std::string>());
+        }
+        return true;
+    };
+    constexpr bool kAllowExceptions = true;
+    constexpr bool kIgnoreComments = true;
+    return json::parse(text, watch, kAllowExceptions, kIgnoreComments);
+}
+
+ordered_json canDocument(const SessionConfig::Can& can) {
+    ordered_json section;
+    section["interface"] = can.interface;
+    if (can.bitrate) section["bitrate"] = *can.bitrate;
+    if (can.dataBitrate) section["dataBitrate"] = *can.dataBitrate;
+    section["fd"] = can.fd;
+    if (can.cmdId) section["cmdId"] = fmt::format("0x{:X}", *can.cmdId);
+    if (can.resId) section["resId"] = fmt::format("0x{:X}", *can.resId);
+    section["maxDlcRequired"] = can.maxDlcRequired;
+    return section;
+}
+
+ordered_json documentOf(const SessionConfig& config) {
+    ordered_json document;
+    document["name"] = config.name;
+    document["a2l"] = config.a2l.generic_string();
+    document["can"] = canDocument(config.can);
+    if (!config.udp.host.empty() || config.udp.port) {
+        document["udp"]["host"] = config.udp.host;
+        if (config.udp.port) document["udp"]["port"] = *config.udp.port;
+    }
+    if (!config.serial.port.empty()) {
+        auto& serial = document["serial"];
+        serial["port"] = config.serial.port;
+        if (config.serial.baudrate) serial["baudrate"] = *config.serial.baudrate;
+        serial["resetDelayMs"] = config.serial.resetDelay.count();
+    }
+    auto& xcp = document["xcp"];
+    if (config.xcp.timeoutsMs) xcp["timeoutsMs"] = *config.xcp.timeoutsMs;
+    xcp["useShortUpload"] = config.xcp.useShortUpload;
+    xcp["connectAttempts"] = config.xcp.connectAttempts;
+    auto& daq = document["daq"];
+    daq["useTimestamps"] = config.daq.useTimestamps;
+    daq["maxBusLoad"] = config.daq.maxBusLoad;
+    daq["defaultEvent"] = config.daq.defaultEvent;
+    auto& reconnect = document["reconnect"];
+    reconnect["policy"] = reconnectPolicyName(config.reconnect.policy);
+    reconnect["attempts"] = config.reconnect.attempts;
+    reconnect["intervalMs"] = config.reconnect.interval.count();
+    reconnect["heartbeatMs"] = config.reconnect.heartbeat.count();
+    document["measurement"] = config.measurement;
+    return document;
+}
+
+std::string dumped(const ordered_json& document, ordered_json::error_handler_t onBadText) {
+    return document.dump(2, ' ', false, onBadText);
+}
+
+Result<std::string> readWhole(const std::filesystem::path& path) {
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        return Error{ErrorCode::notFound, "cannot open configuration " + path.string(), errno};
+    }
+    std::string text;
+    std::array<char, 16384> block;
+    ssize_t count = 0;
+    do {
+        count = ::read(file, block.data(), block.size());
+        if (count > 0) text.append(block.data(), static_cast<std::size_t>(count));
+    } while (count > 0 || (count < 0 && errno == EINTR));
+    const int failure = count < 0 ? errno : 0;
+    ::close(file);
+    if (failure != 0) {
+        return Error{ErrorCode::ioError, "cannot read configuration " + path.string(), failure};
+    }
+    return text;
+}
+
+// 0 or the errno of what failed. A close that was interrupted has closed the file.
+int writeWhole(const std::filesystem::path& path, std::string_view text) {
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (file < 0) return errno;
+    int failure = 0;
+    while (!text.empty() && failure == 0) {
+        const ssize_t count = ::write(file, text.data(), text.size());
+        if (count >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            failure = errno;
+        }
+    }
+    if (::close(file) != 0 && errno != EINTR && failure == 0) failure = errno;
+    return failure;
+}
+
+}  // namespace
+
+std::string_view reconnectPolicyName(ReconnectPolicy policy) {
+    return kPolicyNames.at(static_cast<std::size_t>(policy));
+}
+
+Result<ReconnectPolicy> parseReconnectPolicy(std::string_view text) {
+    const auto found = std::find(kPolicyNames.begin(), kPolicyNames.end(), text);
+    if (found == kPolicyNames.end()) {
+        return Error{ErrorCode::invalidArgument, "unknown reconnect policy '" + std::string(text) + "'"};
+    }
+    return static_cast<ReconnectPolicy>(found - kPolicyNames.begin());
+}
+
+Result<SessionConfig> sessionConfigFromJson(std::string_view text,
+                                            const std::filesystem::path& baseDirectory) {
+    try {
+        const json document = parseWarningOfDuplicates(text);
+        SessionConfig config;
+        if (!document.is_object()) {
+            spdlog::warn("configuration: the document is not an object and is ignored");
+            return config;
+        }
+        std::optional<Error> failure;
+        Section root(document, "", failure);
+        fillConfig(root, baseDirectory, config);
+        if (failure) return *failure;
+        root.warnUnknown();
+        return config;
+    } catch (const json::exception& e) {
+        return Error{ErrorCode::invalidArgument, std::string("configuration: ") + e.what()};
+    }
+}
+
+std::string sessionConfigToJson(const SessionConfig& config) {
+    return dumped(documentOf(config), ordered_json::error_handler_t::replace);
+}
+
+Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path) {
+    auto text = readWhole(path);
+    if (!text) return text.error();
+    auto config = sessionConfigFromJson(text.value(), path.parent_path());
+    if (config) return config;
+    Error error = config.error();
+    error.message = path.string() + ": " + error.message;
+    return error;
+}
+
+Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionConfig& config) {
+    std::string text;
+    try {
+        text = dumped(documentOf(config), ordered_json::error_handler_t::strict) + "\n";
+    } catch (const json::exception& e) {
+        return Error{ErrorCode::invalidArgument, "cannot write " + path.string() + ": " + e.what()};
+    }
+    if (const int failure = writeWhole(path, text); failure != 0) {
+        return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
+    }
+    return {};
+}
+
+}  // namespace lm::session

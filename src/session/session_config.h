@@ -1,0 +1,116 @@
+// The session configuration: everything needed to reach one ECU and measure it, read from and written to a
+// JSON document.
+//
+// Threads: a plain record and pure functions. Lifetime: owns everything.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/result.h"
+
+namespace lm::session {
+
+/// What to do when the connection is lost while measuring.
+enum class ReconnectPolicy : std::uint8_t {
+    abort = 0,
+    retry = 1,
+    retryForever = 2,
+};
+
+/// "abort", "retry", "retry_forever"; the texts are case-sensitive.
+std::string_view reconnectPolicyName(ReconnectPolicy policy);
+
+/// Error: invalidArgument "unknown reconnect policy 'TEXT'".
+Result<ReconnectPolicy> parseReconnectPolicy(std::string_view text);
+
+/// Defaults are those of a document without any key. What is absent is taken from the A2L, else from the
+/// protocol's own default.
+struct SessionConfig {
+    struct Can {
+        std::string interface;                     ///< network interface, e.g. can1
+        std::optional<std::uint32_t> bitrate;      ///< bit/s to set on the interface
+        std::optional<std::uint32_t> dataBitrate;  ///< bit/s of the CAN FD data phase
+        bool fd = false;
+        std::optional<std::uint32_t> cmdId;  ///< master to ECU; bit 31 marks a 29-bit identifier
+        std::optional<std::uint32_t> resId;  ///< ECU to master; likewise
+        bool maxDlcRequired = false;
+
+        bool operator==(const Can&) const = default;
+    };
+    struct Udp {
+        std::string host;
+        std::optional<std::uint16_t> port;
+
+        bool operator==(const Udp&) const = default;
+    };
+    struct Serial {
+        std::string port;  ///< device path
+        std::optional<std::uint32_t> baudrate;
+        std::chrono::milliseconds resetDelay{2000};  ///< from opening the port to the first command
+
+        bool operator==(const Serial&) const = default;
+    };
+    struct Xcp {
+        std::optional<std::array<std::uint16_t, 7>> timeoutsMs;  ///< T1 to T7
+        bool useShortUpload = true;
+        std::uint32_t connectAttempts = 3;
+
+        bool operator==(const Xcp&) const = default;
+    };
+    struct Daq {
+        bool useTimestamps = true;
+        double maxBusLoad = 0.8;  ///< fraction of 1
+        std::uint16_t defaultEvent = 0;
+
+        bool operator==(const Daq&) const = default;
+    };
+    struct Reconnect {
+        ReconnectPolicy policy = ReconnectPolicy::abort;
+        std::uint32_t attempts = 5;
+        std::chrono::milliseconds interval{1000};   ///< between attempts, at least 1 ms
+        std::chrono::milliseconds heartbeat{1000};  ///< supervision while measuring, at least 1 ms
+
+        bool operator==(const Reconnect&) const = default;
+    };
+
+    std::string name;
+    std::filesystem::path a2l;
+    Can can;
+    Udp udp;
+    Serial serial;
+    Xcp xcp;
+    Daq daq;
+    Reconnect reconnect;
+    std::vector<std::string> measurement;  ///< default signals, each NAME or NAME@EVENT
+
+    bool operator==(const SessionConfig&) const = default;
+};
+
+/// Reads a document (comments allowed); a relative `a2l` is taken from `baseDirectory`. A document that is
+/// not an object, and a section that is not one, keep the defaults; an unknown key is logged as a warning.
+/// Errors (invalidArgument): "configuration: ..." with line and column of a syntax error or the path of the
+/// value ("configuration: can.bitrate: ..."), "unknown reconnect policy 'TEXT'".
+Result<SessionConfig> sessionConfigFromJson(std::string_view text,
+                                            const std::filesystem::path& baseDirectory);
+
+/// The document, indented by 2 blanks, without a final newline. Bytes of a text (a file name) that are
+/// not UTF-8 become U+FFFD.
+std::string sessionConfigToJson(const SessionConfig& config);
+
+/// Errors: notFound "cannot open configuration PATH", ioError "cannot read configuration PATH" (both with the
+/// errno), and those of the conversion behind "PATH: ".
+Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path);
+
+/// Overwrites the file (or writes to the device) that `path` names. Errors: "cannot write PATH" with the
+/// errno, the file may then be cut short; invalidArgument "cannot write PATH: ..." when a text of the
+/// configuration is not UTF-8, the file is then untouched.
+Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionConfig& config);
+
+}  // namespace lm::session

@@ -1,0 +1,31 @@
+// The state of one ECU session as its user sees it, and who is told of its changes.
+//
+// Threads: onStateChanged is called by whatever thread changes the state (main, supervisor). Lifetime: the
+// listener is borrowed and must outlive the session or be replaced by nullptr first.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace lm::session {
+
+enum class SessionState : std::uint8_t {
+    disconnected = 0,
+    connected = 1,
+    measuring = 2,
+    reconnecting = 3,
+    failed = 4,
+};
+
+/// The name used in messages, "?" for a value outside the enumeration.
+const char* sessionStateName(SessionState state);
+
+class ISessionListener {
+  public:
+    virtual ~ISessionListener() = default;
+
+    /// `message` may be empty; it is valid during the call.
+    virtual void onStateChanged(SessionState state, const std::string& message) = 0;
+};
+
+}  // namespace lm::session

@@ -1,0 +1,106 @@
+#include "session/supervisor.h"
+
+#include <pthread.h>
+
+#include <spdlog/spdlog.h>
+
+namespace lm::session {
+
+Supervisor::Supervisor(ISupervised& supervised, const SupervisorOptions& options)
+    : supervised_(supervised), options_(options) {}
+
+Supervisor::~Supervisor() {
+    stop();
+}
+
+void Supervisor::start() {
+    recordsAtLastTick_ = supervised_.recordsReceived();
+    thread_ = std::thread([this] { run(); });
+}
+
+void Supervisor::requestStop() {
+    const std::lock_guard lock(mutex_);
+    stopRequested_ = true;
+    wake_.notify_all();
+}
+
+void Supervisor::stop() {
+    requestStop();
+    if (thread_.joinable()) thread_.join();
+}
+
+bool Supervisor::watchesData() const {
+    const auto heartbeatNs = static_cast<std::uint64_t>(std::chrono::nanoseconds(options_.heartbeat).count());
+    return options_.shortestPeriodNs > 0 && options_.shortestPeriodNs <= heartbeatNs / 4;
+}
+
+void Supervisor::run() {
+    pthread_setname_np(pthread_self(), "lm-supervisor");
+    while (!waitOrStop(options_.heartbeat)) {
+        const std::string reason = connectionLoss();
+        // A stop ends the master's waits, which must not pass for a lost connection.
+        if (stopping()) return;
+        if (reason.empty()) continue;
+        const std::string message = "connection lost: " + reason;
+        if (options_.policy == ReconnectPolicy::abort) {
+            supervised_.changeState(SessionState::failed, message);
+            return;
+        }
+        supervised_.changeState(SessionState::reconnecting, message);
+        supervised_.countReconnect();
+        if (!recover()) return;
+        recordsAtLastTick_ = supervised_.recordsReceived();
+    }
+}
+
+/// The reason why the connection counts as lost, empty when it is alive.
+std::string Supervisor::connectionLoss() {
+    if (watchesData()) {
+        const std::uint64_t records = supervised_.recordsReceived();
+        const bool silent = records == recordsAtLastTick_;
+        recordsAtLastTick_ = records;
+        return silent ? "no DAQ data for " + std::to_string(options_.heartbeat.count()) + " ms" : "";
+    }
+    const Result<bool> running = supervised_.daqRunning();
+    if (!running.ok()) return running.error().text();
+    return running.value() ? "" : "DAQ no longer running in the ECU";
+}
+
+/// True when the measurement runs again, false when supervision ends.
+bool Supervisor::recover() {
+    std::uint64_t attempt = 0;
+    while (options_.policy == ReconnectPolicy::retryForever || attempt < options_.attempts) {
+        ++attempt;
+        if (waitOrStop(options_.interval)) return false;
+        const Result<void> connected = supervised_.reconnect();
+        if (stopping()) return false;
+        if (!connected.ok()) {
+            spdlog::warn("reconnect attempt {}: {}", attempt, connected.error().text());
+            continue;
+        }
+        const Result<void> restarted = supervised_.restartDaq();
+        if (stopping()) return false;
+        if (!restarted.ok()) {
+            spdlog::warn("reconnect attempt {}: DAQ: {}", attempt, restarted.error().text());
+            continue;
+        }
+        supervised_.changeState(SessionState::measuring,
+                                "reconnected after " + std::to_string(attempt) + " attempt(s)");
+        return true;
+    }
+    supervised_.changeState(SessionState::failed,
+                            "reconnect failed after " + std::to_string(attempt) + " attempt(s)");
+    return false;
+}
+
+bool Supervisor::waitOrStop(std::chrono::milliseconds time) {
+    std::unique_lock lock(mutex_);
+    return wake_.wait_for(lock, time, [this] { return stopRequested_; });
+}
+
+bool Supervisor::stopping() {
+    const std::lock_guard lock(mutex_);
+    return stopRequested_;
+}
+
+}  // namespace lm::session

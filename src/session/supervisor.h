@@ -1,0 +1,90 @@
+// Watches a running measurement and brings it back by the configured policy when the connection is lost.
+//
+// Threads: start() and stop() belong to the owner; everything else runs on the thread "lm-supervisor", which
+// also makes all calls of ISupervised. Lifetime: the ISupervised is borrowed and must outlive the supervisor.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "core/result.h"
+#include "session/session_config.h"
+#include "session/session_state.h"
+
+namespace lm::session {
+
+/// What the supervisor needs of the measurement.
+class ISupervised {
+  public:
+    virtual ~ISupervised() = default;
+
+    /// Records received since the start; only its change counts.
+    virtual std::uint64_t recordsReceived() const = 0;
+
+    /// GET_STATUS: whether DAQ runs in the ECU. May block for the timeouts of the master.
+    virtual Result<bool> daqRunning() = 0;
+
+    /// CONNECT for one reconnection attempt.
+    virtual Result<void> reconnect() = 0;
+
+    /// Configures and starts the DAQ lists of the running measurement once more.
+    virtual Result<void> restartDaq() = 0;
+
+    virtual void countReconnect() = 0;
+    virtual void changeState(SessionState state, const std::string& message) = 0;
+};
+
+struct SupervisorOptions {
+    ReconnectPolicy policy = ReconnectPolicy::abort;
+    std::uint32_t attempts = 5;  ///< for ReconnectPolicy::retry
+    std::chrono::milliseconds interval{1000};
+    std::chrono::milliseconds heartbeat{1000};
+    /// Shortest nominal period of the lists in nanoseconds, 0 when none is cyclic. The data watch is used
+    /// when four periods fit into a heartbeat, else the status watch.
+    std::uint64_t shortestPeriodNs = 0;
+};
+
+class Supervisor {
+  public:
+    Supervisor(ISupervised& supervised, const SupervisorOptions& options);
+    ~Supervisor();
+    Supervisor(const Supervisor&) = delete;
+    Supervisor& operator=(const Supervisor&) = delete;
+
+    void start();
+
+    /// Wakes every wait of the supervisor and joins its thread; a call of ISupervised that is under way is
+    /// waited for, so its own waits must have been ended before. Idempotent.
+    void stop();
+
+    /// Ends the supervisor's waits without joining.
+    void requestStop();
+
+    bool watchesData() const;
+
+  private:
+    void run();
+    bool waitOrStop(std::chrono::milliseconds time);
+    bool stopping();
+    std::string connectionLoss();
+    bool recover();
+
+    // Constant after construction.
+    ISupervised& supervised_;
+    const SupervisorOptions options_;
+
+    // The supervisor's thread alone.
+    std::uint64_t recordsAtLastTick_ = 0;
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopRequested_ = false;  // under mutex_
+
+    std::thread thread_;
+};
+
+}  // namespace lm::session

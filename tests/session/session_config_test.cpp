@@ -1,0 +1,3 @@
+#include "session/session_config.h"
+
+#include <gtest/gtest.h>
