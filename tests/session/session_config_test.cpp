@@ -1,3 +1,254 @@
 #include "session/session_config.h"
 
+#include <fstream>
+#include <random>
+#include <sstream>
+
 #include <gtest/gtest.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "support/temp_dir.h"
+
+namespace lm::session {
+namespace {
+
+SessionConfig parsed(std::string_view text) {
+    auto config = sessionConfigFromJson(text, "/etc/x");
+    EXPECT_TRUE(config.ok()) << text << "\n" << (config.ok() ? "" : config.error().text());
+    return config.ok() ? config.value() : SessionConfig{};
+}
+
+std::string fileText(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string warningsOf(std::string_view text) {
+    std::ostringstream out;
+    auto before = spdlog::default_logger();
+    spdlog::set_default_logger(
+        std::make_shared<spdlog::logger>("", std::make_shared<spdlog::sinks::ostream_sink_st>(out)));
+    spdlog::set_pattern("%v");
+    parsed(text);
+    spdlog::set_default_logger(before);
+    return out.str();
+}
+
+TEST(SessionConfig, MissingKeysKeepTheirDefaults) {
+    SessionConfig expected;
+    expected.can.interface = "can0";
+    expected.can.cmdId = 0x7E0;
+    expected.can.resId = 0x7E8;
+    EXPECT_EQ(parsed(R"({"can":{"interface":"can0","cmdId":"0x7E0","resId":2024}})"), expected);
+    for (const char* nothing :
+         {"{}", "[]", "3", "null", R"({"can":1,"udp":[],"daq":null})", "/* a */ {} // b", "\xEF\xBB\xBF{}"}) {
+        EXPECT_EQ(parsed(nothing), SessionConfig{}) << nothing;
+    }
+}
+
+TEST(SessionConfig, RelativeA2lIsTakenFromTheBaseDirectory) {
+    const struct {
+        const char* a2l;
+        const char* expected;
+    } rows[] = {{"demo.a2l", "/etc/x/demo.a2l"},
+                {"../d/demo.a2l", "/etc/x/../d/demo.a2l"},
+                {"/abs/demo.a2l", "/abs/demo.a2l"},
+                {"", ""}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(parsed(std::string(R"({"a2l":")") + row.a2l + R"("})").a2l.string(), row.expected);
+    }
+}
+
+TEST(SessionConfig, WritesKeysInOrderAndOmitsWhatIsAbsent) {
+    SessionConfig config;
+    EXPECT_EQ(sessionConfigToJson(config), R"({
+  "name": "",
+  "a2l": "",
+  "can": {
+    "interface": "",
+    "fd": false,
+    "maxDlcRequired": false
+  },
+  "xcp": {
+    "useShortUpload": true,
+    "connectAttempts": 3
+  },
+  "daq": {
+    "useTimestamps": true,
+    "maxBusLoad": 0.8,
+    "defaultEvent": 0
+  },
+  "reconnect": {
+    "policy": "abort",
+    "attempts": 5,
+    "intervalMs": 1000,
+    "heartbeatMs": 1000
+  },
+  "measurement": []
+})");
+    config.name = "Motor-Steuerger\xC3\xA4t";
+    config.can.resId = 0x98DAF110;
+    config.udp.port = 5555;
+    config.serial.port = "/dev/ttyUSB0";
+    const std::string text = sessionConfigToJson(config);
+    for (const char* part :
+         {"Motor-Steuerger\xC3\xA4t", R"("resId": "0x98DAF110")", "\"udp\": {\n    \"host\": \"\",\n",
+          "\"port\": 5555", "\"port\": \"/dev/ttyUSB0\",\n    \"resetDelayMs\": 2000"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
+    }
+}
+
+// Every field set at random, written and read again.
+TEST(SessionConfig, SurvivesWritingAndReading) {
+    std::mt19937 random(7);
+    const auto number = [&] { return static_cast<std::uint32_t>(random()); };
+    const auto coin = [&] { return number() % 2 == 0; };
+    const auto text = [&] {
+        static constexpr const char* kTexts[] = {"", "a", "\"q\\\"\n\t\x01", "\xE2\x82\xAC@3",
+                                                 "//no comment"};
+        return std::string(kTexts[number() % std::size(kTexts)]);
+    };
+    const auto maybe = [&]() { return coin() ? std::optional<std::uint32_t>(number()) : std::nullopt; };
+    for (int round = 0; round < 500; ++round) {
+        SessionConfig config;
+        config.name = text();
+        config.a2l = coin() ? "/a/b c.a2l" : "";
+        config.can = {text(), maybe(), maybe(), coin(), maybe(), maybe(), coin()};
+        config.udp.host = text();
+        if (coin()) config.udp.port = static_cast<std::uint16_t>(number());
+        // Without a port the section is not written.
+        if (coin()) config.serial = {"/dev/x", maybe(), std::chrono::milliseconds(number())};
+        if (coin()) config.xcp.timeoutsMs = {0, 1, 65535, 4, 5, 6, static_cast<std::uint16_t>(number())};
+        config.xcp.useShortUpload = coin();
+        config.xcp.connectAttempts = number();
+        config.daq = {coin(), number() / 1e9, static_cast<std::uint16_t>(number())};
+        config.reconnect = {static_cast<ReconnectPolicy>(number() % 3), number(),
+                            std::chrono::milliseconds(1 + number() / 2), std::chrono::milliseconds(1)};
+        while (coin())
+            config.measurement.push_back(text());
+        ASSERT_EQ(parsed(sessionConfigToJson(config)), config) << sessionConfigToJson(config);
+    }
+}
+
+TEST(SessionConfig, RefusesWithThePlace) {
+    const struct {
+        const char* text;
+        const char* message;
+    } rows[] = {
+        {R"({"can":{"bitrate":-1}})",
+         "configuration: can.bitrate: -1 is not a whole number from 0 to 4294967295"},
+        {R"({"can":{"bitrate":4294967296}})",
+         "configuration: can.bitrate: 4294967296 is not a whole number from 0 to 4294967295"},
+        {R"({"udp":{"port":5555.5}})",
+         "configuration: udp.port: 5555.5 is not a whole number from 0 to 65535"},
+        {R"({"udp":{"port":65536}})", "configuration: udp.port: 65536 is not a whole number from 0 to 65535"},
+        {R"({"udp":{"port":"5555"}})", "configuration: udp.port: must be a number, but is string"},
+        {R"({"can":{"fd":1}})", "configuration: can.fd: must be true or false, but is number"},
+        {R"({"can":{"interface":null}})", "configuration: can.interface: must be text, but is null"},
+        {R"({"name":[]})", "configuration: name: must be text, but is array"},
+        {R"({"can":{"cmdId":"7E0"}})",
+         "configuration: can.cmdId: stoul: '7E0' is not a number from 0 to 4294967295"},
+        {R"({"can":{"resId":"-1"}})",
+         "configuration: can.resId: stoul: '-1' is not a number from 0 to 4294967295"},
+        {R"({"can":{"resId":true}})", "configuration: can.resId: must be a number or text, but is boolean"},
+        {R"({"xcp":{"timeoutsMs":[25,25,25,25,25,25]}})",
+         "configuration: xcp.timeoutsMs: needs 7 numbers, but has 6"},
+        {R"({"xcp":{"timeoutsMs":[1,2,3,4,5,6,65536]}})",
+         "configuration: xcp.timeoutsMs: 65536 is not a whole number from 0 to 65535"},
+        {R"({"xcp":{"timeoutsMs":7}})",
+         "configuration: xcp.timeoutsMs: must be an array of 7 numbers, but is number"},
+        {R"({"daq":{"maxBusLoad":-0.1}})", "configuration: daq.maxBusLoad: -0.1 is negative"},
+        {R"({"daq":{"maxBusLoad":"1"}})", "configuration: daq.maxBusLoad: must be a number, but is string"},
+        {R"({"serial":{"resetDelayMs":-1}})",
+         "configuration: serial.resetDelayMs: -1 is not a whole number from 0 to 4294967295"},
+        {R"({"reconnect":{"intervalMs":0}})",
+         "configuration: reconnect.intervalMs: 0 is not a whole number from 1 to 4294967295"},
+        {R"({"reconnect":{"heartbeatMs":0.5}})",
+         "configuration: reconnect.heartbeatMs: 0.5 is not a whole number from 1 to 4294967295"},
+        {R"({"reconnect":{"policy":"Retry"}})", "unknown reconnect policy 'Retry'"},
+        {R"({"measurement":["a",1]})",
+         "configuration: measurement: must be an array of texts, but is number"},
+    };
+    for (const auto& row : rows) {
+        const auto config = sessionConfigFromJson(row.text, "");
+        ASSERT_FALSE(config.ok()) << row.text;
+        EXPECT_EQ(config.error().message, row.message);
+        EXPECT_EQ(config.error().code, ErrorCode::invalidArgument);
+    }
+}
+
+TEST(SessionConfig, SyntaxErrorsTellLineAndColumn) {
+    const auto config = sessionConfigFromJson("{\n \"name\": }", "");
+    ASSERT_FALSE(config.ok());
+    EXPECT_EQ(config.error().message.find("configuration: "), 0U);
+    EXPECT_NE(config.error().message.find("line 2, column 10"), std::string::npos) << config.error().message;
+
+    const std::string good = R"({"name":"x","can":{"cmdId":"0x7E0"},"xcp":{"timeoutsMs":[1,2,3,4,5,6,7]}})";
+    for (std::size_t length = 0; length < good.size(); ++length) {
+        EXPECT_FALSE(sessionConfigFromJson(good.substr(0, length), "").ok()) << length;
+    }
+    for (const std::string& bad :
+         {std::string(R"({"daq":{"maxBusLoad":NaN}})"), std::string(R"({"daq":{"maxBusLoad":1e999}})"),
+          std::string("{\"name\":\"\xFF\"}"), std::string(100'000, '[')}) {
+        const auto result = sessionConfigFromJson(bad, "");
+        ASSERT_FALSE(result.ok());
+        EXPECT_EQ(result.error().message.find("configuration: "), 0U) << result.error().message;
+    }
+    // Depth alone neither fails nor exhausts the stack.
+    parsed(std::string(100'000, '[') + std::string(100'000, ']'));
+}
+
+TEST(SessionConfig, WarnsAboutWhatItDoesNotUse) {
+    const struct {
+        const char* text;
+        const char* warning;
+    } rows[] = {
+        {R"({"can":{"bitrate":500000,"fd":true},"udp":{"host":"a"}})", ""},
+        {R"({"a2L":"x"})", "configuration: unknown key a2L\n"},
+        {R"({"can":{"bitRate":1}})", "configuration: unknown key can.bitRate\n"},
+        {R"({"can":[]})", "configuration: can is not an object and is ignored\n"},
+        {R"({"name":"a","can":{"fd":true},"name":"b"})",
+         "configuration: key name stands twice, the last one counts\n"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(warningsOf(row.text), row.warning) << row.text;
+}
+
+TEST(SessionConfig, FilesAreReadWrittenAndNamedInErrors) {
+    const test::TempDir directory;
+    const auto path = directory.path() / "session.json";
+    SessionConfig config;
+    config.a2l = directory.path() / "demo.a2l";
+    ASSERT_TRUE(saveSessionConfig(path, config).ok());
+    EXPECT_EQ(fileText(path), sessionConfigToJson(config) + "\n");
+    auto loaded = loadSessionConfig(path);
+    ASSERT_TRUE(loaded.ok());
+    EXPECT_EQ(loaded.value(), config);
+
+    std::ofstream(path) << R"({"a2l":"sub/d.a2l","reconnect":{"policy":"never"}})";
+    EXPECT_EQ(loadSessionConfig(path).error().message, path.string() + ": unknown reconnect policy 'never'");
+    std::ofstream(path) << R"({"a2l":"sub/d.a2l"})";
+    EXPECT_EQ(loadSessionConfig(path).value().a2l, directory.path() / "sub/d.a2l");
+
+    const auto missing = loadSessionConfig(directory.path() / "none.json");
+    EXPECT_EQ(missing.error().code, ErrorCode::notFound);
+    EXPECT_EQ(missing.error().message,
+              "cannot open configuration " + (directory.path() / "none.json").string());
+    EXPECT_EQ(loadSessionConfig(directory.path()).error().message,
+              "cannot read configuration " + directory.path().string());
+
+    const auto unwritable = saveSessionConfig(directory.path() / "no/such.json", config);
+    EXPECT_EQ(unwritable.error().message, "cannot write " + (directory.path() / "no/such.json").string());
+    EXPECT_EQ(unwritable.error().code, ErrorCode::notFound);
+    const auto full = saveSessionConfig("/dev/full", config);
+    EXPECT_EQ(full.error().message, "cannot write /dev/full");
+    EXPECT_EQ(full.error().sysErrno, ENOSPC);
+
+    config.name = "\xFF";
+    EXPECT_FALSE(saveSessionConfig(path, config).ok());
+    EXPECT_EQ(fileText(path), R"({"a2l":"sub/d.a2l"})");
+}
+
+}  // namespace
+}  // namespace lm::session
