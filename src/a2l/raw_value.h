@@ -17,7 +17,7 @@ namespace lm::a2l {
 struct RawCoding {
     DataType dataType = DataType::ubyte;
     ByteOrder byteOrder = ByteOrder::littleEndian;
-    std::uint64_t bitMask = 0;  ///< 0: none; applies to integer types
+    std::uint64_t bitMask = 0;  ///< 0: none; applies to integer types, bits beyond the type do not count
 
     std::size_t size() const { return dataTypeSize(dataType); }
 };
@@ -25,6 +25,11 @@ struct RawCoding {
 /// Reads one element; `bytes` holds at least coding.size() bytes. 64-bit integers round to the nearest
 /// double.
 double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding);
+
+/// decodeRaw() with the choice by type, byte order and mask made beforehand: for loops over many values of
+/// one signal. Call it with the coding that it was chosen for.
+using RawDecodeFunction = double (*)(const std::uint8_t*, const RawCoding&);
+RawDecodeFunction rawDecoder(const RawCoding& coding);
 
 /// Writes one element. With a bit mask the buffer holds the current contents, whose other bits stay.
 /// Errors (invalidArgument, buffer untouched): "buffer too small", "value is not a number",
