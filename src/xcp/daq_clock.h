@@ -1,0 +1,80 @@
+// The slave's DAQ timestamps on the host's steady clock.
+//
+// A slave stamps with a short counter of its own clock; the host sees the counter wrap, the two clocks drift,
+// and frames arrive late and bunched. All lists of one slave share its clock and so one SlaveClock; each list
+// keeps a ListClock of its own, because its counter must be followed from stamp to stamp.
+//
+// How the time is mapped. Host time = slave time + offset, where the offset follows the lower envelope of
+// (receive time - slave time): the frames with the least delay tell where the slave's clock stands.
+// - The smallest difference of the last two windows (each at least 2 s and 16 stamps), less a guard of 50 us,
+// is the
+//   target. The offset moves towards it by at most 200 ppm of the slave time that passed (faster, in
+//   proportion, when it is more than 1 ms away), so that records keep the slave's own spacing and frames
+//   received in one bunch are as evenly spaced as they were sampled.
+// - The first stamp sets the offset 500 us below its own difference, so that quicker frames which follow fall
+//   under no record's time and the start is evenly spaced too; the slow approach then closes that gap.
+// - A frame quicker than the offset says would lie in the future: it gets its receive time, and the offset
+// drops.
+// - A list's times never step back.
+// - A counter that wrapped unseen (an event that paused, a one-byte counter): a time more than three quarters
+//   of a wrap behind the receive time gets the missing whole wraps. A time more than a second in the future
+//   means that the slave's clock began anew, a least difference more than half a second above the offset that
+//   it stood still: the offset anchors anew.
+//
+// Threads: one thread at a time (the receive thread). Lifetime: plain values.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+
+namespace lm::xcp {
+
+/// Where the timestamps of one DAQ list have got to.
+struct ListClock {
+    std::uint64_t ticks = 0;  ///< of the last stamp, wraps included; on the scale all lists share
+    std::int64_t lastNs = 0;  ///< last mapped time
+    bool started = false;
+};
+
+/// The running tick count after one more raw counter value; `modulus` is that of the counter, a power of two.
+constexpr std::uint64_t advanceTicks(std::uint64_t ticks, std::uint32_t raw, std::uint64_t modulus) {
+    return ticks + ((raw - ticks) & (modulus - 1));
+}
+
+class SlaveClock {
+  public:
+    /// `timestampSize` in bytes (1, 2 or 4); `tickNs` nanoseconds per tick. With either 0 the clock is not
+    /// usable and map() must not be called.
+    SlaveClock(std::uint8_t timestampSize, std::int64_t tickNs);
+
+    bool usable() const { return usable_; }
+
+    /// The host time in nanoseconds of a stamp received at `receiveNs`; never later than `receiveNs`.
+    std::int64_t map(ListClock& list, std::uint32_t raw, std::int64_t receiveNs);
+
+  private:
+    static constexpr std::int64_t kNone = std::numeric_limits<std::int64_t>::max();
+
+    std::int64_t slaveNs(std::uint64_t ticks) const;
+    std::uint64_t follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs);
+    void anchor(std::int64_t difference);
+    void track(std::int64_t difference, std::int64_t nowNs);
+    void slew(std::int64_t elapsedNs);
+
+    // Constant after construction.
+    bool usable_;
+    std::uint64_t modulus_ = 0;
+    std::int64_t tickNs_ = 0;
+    std::int64_t wrapNs_ = 0;
+
+    bool anchored_ = false;
+    std::uint64_t lastTicks_ = 0;     ///< of the latest stamp of any list
+    std::int64_t latestSlaveNs_ = 0;  ///< up to which the offset has been moved
+    std::int64_t offsetNs_ = 0;
+    std::int64_t windowStartNs_ = 0;  ///< slave time
+    std::uint32_t windowStamps_ = 0;
+    std::int64_t windowLeast_ = kNone;
+    std::int64_t previousLeast_ = kNone;
+};
+
+}  // namespace lm::xcp

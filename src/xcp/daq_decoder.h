@@ -1,0 +1,140 @@
+// Takes DTOs apart: finds list and ODT, joins the ODTs of one sampling cycle into a record, gives it a time,
+// counts every kind of loss, and hands complete records to a sink.
+//
+// Threads: onDto runs on one thread, the transport's receive thread; setSink and the constructor before the
+// decoder is installed at the master; counters() from any thread. onDto allocates nothing and takes no lock.
+// Lifetime: the plan and the capabilities are copied as far as needed; the sink is borrowed and must outlive
+// the last onDto; the bytes of a record are valid during the sink's call only.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "xcp/daq_clock.h"
+#include "xcp/daq_plan.h"
+#include "xcp/transport.h"
+
+namespace lm::xcp {
+
+/// Receives every DTO (packets whose first byte is below 0xFC) on the transport's receive thread. It must
+/// neither issue a command of the master nor wait for one.
+class IDtoSink {
+  public:
+    virtual ~IDtoSink() = default;
+    virtual void onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) = 0;
+};
+
+/// One complete sampling cycle of one DAQ list.
+struct DaqRecord {
+    std::uint16_t listNumber = 0;    ///< as on the wire
+    std::size_t listIndex = 0;       ///< in DaqPlan::lists
+    std::int64_t receiveTimeNs = 0;  ///< of the record's first DTO, host steady clock
+    std::int64_t slaveTimeNs = 0;    ///< the slave's timestamp on the host steady clock, if hasSlaveTime
+    bool hasSlaveTime = false;
+    bool overload = false;               ///< the slave signalled an overload since the list's last record
+    const std::uint8_t* data = nullptr;  ///< ODT payloads back to back
+    std::size_t size = 0;
+
+    /// The best time there is, host steady clock.
+    std::int64_t timeNs() const { return hasSlaveTime ? slaveTimeNs : receiveTimeNs; }
+};
+
+class IDaqRecordSink {
+  public:
+    virtual ~IDaqRecordSink() = default;
+    virtual void onRecord(const DaqRecord& record) = 0;
+};
+
+struct DaqDecoderCounters {
+    std::uint64_t dtos = 0;
+    std::uint64_t records = 0;
+    std::uint64_t lostOdts = 0;
+    std::uint64_t incompleteRecords = 0;
+    std::uint64_t missedCycles = 0;
+    std::uint64_t overloads = 0;
+    std::uint64_t unknownDtos = 0;
+    std::uint64_t malformedDtos = 0;
+};
+
+class DaqDecoder final : public IDtoSink {
+  public:
+    /// `firstPids` is what Master::configureDaq returned for the plan: the first absolute PID of each list.
+    /// It matters with absolute identification only; when empty, the plan's own PIDs hold.
+    DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
+               std::span<const std::uint8_t> firstPids = {});
+
+    void setSink(IDaqRecordSink* sink) { sink_ = sink; }
+    void onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) override;
+    DaqDecoderCounters counters() const;
+
+  private:
+    struct OdtLayout {
+        std::uint32_t payloadSize;
+        std::uint32_t recordOffset;
+    };
+    struct List {
+        std::uint16_t number = 0;
+        bool timestamp = false;
+        bool hasTime = false;      ///< `timeNs` holds a mapped slave time
+        bool hasPrevious = false;  ///< `previousNs` is set
+        bool overload = false;
+        std::uint32_t nextOdt = 0;  ///< 0: no record is open
+        std::int64_t periodNs = 0;  ///< between two records, 0 when not cyclic
+        std::int64_t receiveNs = 0;
+        std::int64_t timeNs = 0;
+        std::int64_t previousNs = 0;
+        ListClock clock = {};
+        std::vector<OdtLayout> odts = {};
+        std::vector<std::uint8_t> record = {};
+    };
+    struct PidEntry {
+        std::uint16_t list = 0;
+        std::uint8_t odt = 0;
+        bool valid = false;
+    };
+    struct Place {
+        List* list;
+        std::uint32_t odt;
+    };
+
+    /// Counters have one writer, the receive thread, so a plain load and store suffices.
+    class Counter {
+      public:
+        void add(std::uint64_t count) {
+            value_.store(value_.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
+        }
+        std::uint64_t get() const { return value_.load(std::memory_order_relaxed); }
+
+      private:
+        std::atomic<std::uint64_t> value_{0};
+    };
+
+    void numberPids(const DaqPlan& plan, std::span<const std::uint8_t> firstPids);
+    Place find(const std::uint8_t* data, std::uint8_t pid);
+    bool beginRecord(List& list, const std::uint8_t* data, std::size_t length, std::int64_t receiveNs);
+    void abandon(List& list, std::uint64_t lostOdts);
+    void finishRecord(List& list);
+    void checkCycle(List& list);
+
+    // Constant after construction (the sink: after installation).
+    DaqIdentification identification_;
+    std::uint8_t identificationSize_;
+    std::uint8_t timestampSize_;
+    bool overloadInPid_;
+    std::uint16_t firstListNumber_;
+    std::array<PidEntry, 256> pids_ = {};
+    IDaqRecordSink* sink_ = nullptr;
+
+    // Receive thread only.
+    SlaveClock clock_;
+    std::vector<List> lists_;
+
+    Counter dtos_, records_, lostOdts_, incompleteRecords_, missedCycles_, overloads_, unknownDtos_,
+        malformedDtos_;
+};
+
+}  // namespace lm::xcp

@@ -1,0 +1,287 @@
+// The XCP master of one connection: sends commands over a transport, waits for their answers with the
+// timeouts of the XCP standard, recovers from timeouts (SYNCH and repeat) and busy slaves (wait t7 and
+// repeat), reads and writes memory, configures DAQ, and hands DTOs and events on.
+//
+// Threads: every command may be called from any thread; whole operations (an upload with all its commands, a
+// DAQ configuration) are serialised. onPacket and onTransportEvent run on the transport's receive thread.
+// requestStop, clearStop, connected, connectInfo and statistics may be called from any thread at any time and
+// never wait for a command. Sinks and listeners run on the receive thread and must not call a command.
+// Lifetime: the transport is borrowed and must outlive the master, which is its sink from construction to
+// destruction and opens it at CONNECT; the destructor closes it. DTO sink and listener are borrowed until
+// replaced.
+//
+// Answers carry no command number. What keeps a late answer from being taken for another command's:
+// - An answer that was received before the command was sent is dropped.
+// - An answer shorter than its command's layout is set aside while a better one may come; it counts only when
+//   nothing else came until the timeout.
+// - After a command was repeated, timed out or was given up, the next command is preceded by one SYNCH, whose
+//   answer follows whatever was still under way; that SYNCH may stay unanswered. Should an answer still be
+//   owed then, the master waits for it for t1 after the last timeout.
+// - ERR_CMD_SYNCH answers still owed, and repetitions of the CONNECT answer after several CONNECTs, are
+// dropped.
+// - While answers may be under way, CONNECT takes only what reads as a CONNECT answer, and one unlike the
+// last
+//   connection's only the second time.
+// A run in which every command is answered in time sends no packet for this.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "xcp/daq_plan.h"
+#include "xcp/packet.h"
+#include "xcp/transport.h"
+
+namespace lm::xcp {
+
+class IDtoSink;
+
+struct MasterOptions {
+    std::uint64_t t1 = 1000;  ///< XCP timeouts in milliseconds
+    std::uint64_t t2 = 1000;
+    std::uint64_t t3 = 1000;
+    std::uint64_t t4 = 1000;
+    std::uint64_t t5 = 1000;
+    std::uint64_t t6 = 1000;
+    std::uint64_t t7 = 200;             ///< wait before a busy command is repeated
+    std::int32_t synchRepeatLimit = 2;  ///< repeats of a timed-out command
+    std::int32_t connectAttempts = 3;   ///< below 1: without limit
+    std::int32_t busyRepeatLimit = 20;
+    bool useShortUpload = true;
+};
+
+enum class ConnectMode : std::uint8_t { normal = 0, userDefined = 1 };
+
+struct MasterStatistics {
+    std::uint64_t commands = 0;
+    std::uint64_t timeouts = 0;
+    std::uint64_t errorResponses = 0;
+    std::uint64_t unexpectedResponses = 0;  ///< dropped answers
+    std::uint64_t events = 0;
+    std::uint64_t dtos = 0;
+};
+
+/// Called on the transport's receive thread; packet bytes are valid during the call only.
+class IMasterListener {
+  public:
+    virtual ~IMasterListener() = default;
+    /// An EV packet, EV_CMD_PENDING and EV_SESSION_TERMINATED included; names by eventName().
+    virtual void onEvent(std::uint8_t code, const std::uint8_t* packet, std::size_t length,
+                         ReceiveTime time) = 0;
+    /// A SERV packet.
+    virtual void onServiceRequest(std::uint8_t code, const std::uint8_t* packet, std::size_t length) = 0;
+    /// A condition of the medium, passed on unchanged.
+    virtual void onTransportEvent(const hal::CanChannelEvent& event) = 0;
+};
+
+/// Errors of every command: notOpen "XCP slave not connected"; timeout "COMMAND: no response from slave
+/// (t1)"; timeout "COMMAND: SYNCH: no response from slave"; the ERR reply of errorReply() with the XCP code
+/// in `detail`; closed "COMMAND: stopped" after requestStop(); the transport's own errors unchanged.
+class Master final : public IPacketSink {
+  public:
+    /// What transact() does around one command.
+    struct Exchange {
+        unsigned timeoutIndex = 0;      ///< 0 for t1 to 6 for t7
+        std::size_t minimumLength = 1;  ///< bytes of the shortest positive response that fits the command
+        /// Run before a timed-out command is repeated, within the same operation; its error ends the command.
+        std::function<Result<void>()> beforeRepeat = {};
+    };
+
+    Master(ITransport& transport, const MasterOptions& options);
+    ~Master() override;
+    Master(const Master&) = delete;
+    Master& operator=(const Master&) = delete;
+
+    /// Opens the transport if need be and sends CONNECT until it is answered, at most `attempts` times
+    /// (MasterOptions::connectAttempts when not given; below 1 without limit). Further errors: timeout
+    /// "CONNECT: no response from slave after N attempt(s)", the parser's, protocolError "CONNECT: MAX_CTO N
+    /// exceeds transport packet size M". A failed attempt leaves an earlier connection's state as it was.
+    Result<void> connect(ConnectMode mode = ConnectMode::normal, std::optional<std::int32_t> attempts = {});
+
+    /// DISCONNECT; succeeds at once when not connected. A failed DISCONNECT leaves connected() true.
+    Result<void> disconnect();
+    /// The same in one exchange of t1 at most, also after requestStop(); connected() is false afterwards.
+    Result<void> disconnectOnce();
+    /// Sends DISCONNECT, also after requestStop(), and does not wait for the answer; clears connected().
+    Result<void> disconnectWithoutWaiting();
+
+    Result<SlaveStatus> getStatus();
+    Result<CommModeInfo> getCommModeInfo();
+    Result<void> synch();
+    Result<void> setMta(Address address);
+
+    /// One command with recovery. The positive response; ERR replies are errors.
+    Result<Packet> transact(const Packet& command, const Exchange& exchange);
+
+    /// `size` bytes from the slave's memory. Errors (invalidArgument) "upload size must be a non-zero
+    /// multiple of AG", (protocolError) "UPLOAD response shorter than requested".
+    Result<std::vector<std::uint8_t>> upload(Address address, std::size_t size);
+    /// Errors (invalidArgument) "download size must be a non-zero multiple of AG"; what was written before a
+    /// failure stays written.
+    Result<void> download(Address address, std::span<const std::uint8_t> bytes);
+
+    /// Asks the slave. Errors: unsupported "slave does not offer the DAQ resource", shortResponse(). A slave
+    /// without GET_DAQ_EVENT_INFO gives no `events`.
+    Result<DaqCapabilities> daqCapabilities();
+    /// Allocates, writes and selects the lists of the plan. Returns the first PID of each list, which the
+    /// decoder needs with absolute identification: the slave's own numbers when it tells all of them and
+    /// their ranges are disjoint, otherwise the plan's.
+    Result<std::vector<std::uint8_t>> configureDaq(const DaqPlan& plan);
+    Result<void> startDaq();
+    Result<void> stopDaq();
+    /// Stop all in one exchange of t1 at most, without SYNCH and repeat, also after requestStop().
+    Result<void> stopDaqOnce();
+    /// Sends stop all, also after requestStop(), and does not wait for the answer.
+    Result<void> stopDaqWithoutWaiting();
+
+    /// Ends every wait of a command at once, the endless CONNECT included; commands fail with closed until
+    /// clearStop(). The ...Once and ...WithoutWaiting operations are not affected.
+    void requestStop();
+    void clearStop();
+
+    /// After a CONNECT until DISCONNECT or EV_SESSION_TERMINATED.
+    bool connected() const { return connected_.load(); }
+    /// What the slave said at the last successful CONNECT; all 0 before it.
+    ConnectInfo connectInfo() const;
+    MasterStatistics statistics() const;
+
+    /// Installs or (nullptr) removes. Returns when no delivery to the former one is in progress or will
+    /// begin; must not be called from a callback.
+    void setDtoSink(IDtoSink* sink);
+    void setListener(IMasterListener* listener);
+
+    void onPacket(const std::uint8_t* data, std::size_t length, ReceiveTime time) override;
+    void onTransportEvent(const hal::CanChannelEvent& event) override;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    /// How an exchange judges answers.
+    enum class Taking : std::uint8_t {
+        any,      ///< any RES or ERR that can be the command's
+        synch,    ///< ERR_CMD_SYNCH alone
+        connect,  ///< CONNECT's, see the head of this file
+        once,     ///< any, but as many answers as are still owed for earlier commands are set aside first
+    };
+    enum class Verdict : std::uint8_t { take, setAside, drop };
+
+    /// One command waiting for its answer.
+    struct Wait {
+        Taking taking = Taking::any;
+        std::size_t minimumLength = 1;
+        std::int64_t sentNs = 0;
+        bool active = false;
+        std::optional<Packet> response = {};
+        std::optional<Packet> aside = {};
+    };
+
+    /// Answers that may still come although nobody waits for them.
+    struct Owed {
+        bool possible = false;  ///< the next command drains first
+        std::uint32_t answers = 0;
+        std::uint32_t synchs = 0;
+        std::uint32_t connects = 0;
+        Clock::time_point answersUntil = {};
+        Clock::time_point connectsUntil = {};
+        bool unlikeConnectDropped = false;
+    };
+
+    /// A borrowed receiver that can be removed while the receive thread may be calling it.
+    template <typename T>
+    class Receiver {
+      public:
+        template <typename Call>
+        void deliver(const Call& call) {
+            inProgress_.fetch_add(1);
+            if (T* const target = target_.load()) call(*target);
+            inProgress_.fetch_sub(1);
+            inProgress_.notify_all();
+        }
+        void set(T* target) {
+            target_.store(target);
+            for (auto count = inProgress_.load(); count != 0; count = inProgress_.load()) {
+                inProgress_.wait(count);
+            }
+        }
+
+      private:
+        std::atomic<T*> target_{nullptr};
+        std::atomic<std::uint32_t> inProgress_{0};
+    };
+
+    // master.cpp; "locked" means that the command mutex is held.
+    Result<void> requireConnected() const;
+    std::chrono::milliseconds timeout(unsigned index) const;
+    Result<Packet> exchange(const Packet& command, unsigned timeoutIndex, Taking taking,
+                            std::size_t minimumLength);
+    Result<Packet> awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit, bool stoppable);
+    void noteUnanswered(Taking taking);
+    Verdict judge(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    Verdict judgeConnect(const std::uint8_t* data, std::size_t length);
+    void settleOwed(const std::uint8_t* data, std::size_t length);
+    void drainLocked();
+    Result<void> synchLocked();
+    Result<Packet> transactLocked(const Packet& command, const Exchange& exchange);
+    Result<void> commandLocked(const Packet& command);
+    Result<void> command(const Packet& command);
+    Result<void> recoverLocked(const Packet& command, const Exchange& exchange);
+    Result<void> onceLocked(const Packet& command);
+    Result<void> sendOnlyLocked(const Packet& command);
+    Result<void> acceptConnect(const Packet& response);
+    Result<void> pauseBusy(const std::string& name);
+
+    // master_memory.cpp
+    Result<void> setMtaLocked(Address address);
+    Result<std::vector<std::uint8_t>> uploadBlocksLocked(Address address, std::size_t size);
+    Result<void> uploadBlockLocked(std::size_t elements, const std::function<Result<void>()>& beforeRepeat,
+                                   std::vector<std::uint8_t>& bytes);
+
+    // master_daq.cpp
+    Result<void> readResolutionLocked(DaqCapabilities& capabilities);
+    Result<void> readEventsLocked(DaqCapabilities& capabilities);
+    Result<Packet> eventInfoLocked(std::uint16_t channel);
+    Result<std::string> eventNameLocked(std::uint16_t channel, std::size_t length);
+    Result<void> allocateLocked(const DaqPlan& plan);
+    Result<void> writeListLocked(const DaqPlan& plan, std::size_t index);
+    Result<std::vector<std::uint8_t>> selectLocked(const DaqPlan& plan);
+
+    // Constant after construction.
+    ITransport& transport_;
+    const MasterOptions options_;
+
+    // Command mutex; connection_ is written under both mutexes and so read under either.
+    std::mutex commandMutex_;
+    bool shortUploadMissing_ = false;
+    ConnectInfo connection_;
+
+    // Response mutex.
+    mutable std::mutex responseMutex_;
+    std::condition_variable wakeUp_;
+    Wait wait_;
+    Owed owed_;
+    std::optional<Packet> connectAnswer_;  ///< of the last successful CONNECT
+    std::uint64_t pendingExtensions_ = 0;
+    bool stopRequested_ = false;
+
+    // Atomic.
+    std::atomic<bool> connected_{false};
+    Receiver<IDtoSink> dtoSink_;
+    Receiver<IMasterListener> listener_;
+    std::atomic<std::uint64_t> commands_{0};
+    std::atomic<std::uint64_t> timeouts_{0};
+    std::atomic<std::uint64_t> errorResponses_{0};
+    std::atomic<std::uint64_t> unexpectedResponses_{0};
+    std::atomic<std::uint64_t> events_{0};
+    std::atomic<std::uint64_t> dtos_{0};
+};
+
+}  // namespace lm::xcp

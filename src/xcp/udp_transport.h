@@ -1,0 +1,99 @@
+// XCP on Ethernet over UDP/IP: one connected socket to the slave, a header of LEN and CTR (16 bits each,
+// little-endian) in front of every packet, and a receive thread "xcp-udp-rx" that splits datagrams into
+// packets.
+//
+// Threads: open, close and setSink belong to the owner and must not run at the same time; send may be called
+// from any thread; statistics from any thread. The sink is called on the receive thread. Lifetime: the sink
+// is borrowed, set while the transport is closed, and must outlive it or be replaced first.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "xcp/transport.h"
+
+namespace lm::xcp {
+
+struct UdpTransportConfig {
+    std::string host = {};  ///< name or address (IPv4 or IPv6)
+    std::uint16_t port = 5555;
+    std::size_t maxPacketSize = 65503;  ///< bytes without header
+};
+
+/// Totals since construction.
+struct UdpStatistics {
+    std::uint64_t datagrams = 0;
+    std::uint64_t packets = 0;
+    std::uint64_t malformedDatagrams = 0;
+    std::uint64_t counterGaps = 0;
+    std::uint64_t missingPackets = 0;  ///< how many packets the gaps skip; a step back counts none
+    std::uint64_t kernelDrops = 0;     ///< datagrams that found the socket's receive buffer full
+};
+
+class UdpTransport final : public ITransport {
+  public:
+    explicit UdpTransport(UdpTransportConfig config);
+    ~UdpTransport() override;
+    UdpTransport(const UdpTransport&) = delete;
+    UdpTransport& operator=(const UdpTransport&) = delete;
+
+    void setSink(IPacketSink* sink) override { sink_.store(sink); }
+
+    /// Errors: invalidArgument "XCP on UDP: no host configured"; notFound "XCP on UDP: cannot resolve HOST:
+    /// ..."; by errno "XCP on UDP: cannot open socket to HOST:PORT: ...".
+    Result<void> open() override;
+
+    /// From any state and any number of times; wakes the receive thread at once.
+    void close() override;
+
+    /// One datagram with one packet. Errors: notOpen "XCP on UDP: transport not started", invalidArgument
+    /// "XCP packet too large for the transport", by errno "XCP on UDP: send: ...".
+    Result<void> send(const std::uint8_t* data, std::size_t length) override;
+
+    std::size_t maxPacketSize() const override { return config_.maxPacketSize; }
+
+    UdpStatistics statistics() const;
+
+  private:
+    class Batch;
+
+    Result<void> openSocket();
+    void receiveLoop();
+    bool drain(Batch& batch);
+    void onDatagram(const std::uint8_t* data, std::size_t size, ReceiveTime time);
+    void checkCounter(std::uint16_t counter);
+    void noteKernelDrops(std::uint32_t total);
+    void reportReceiveError(int systemError);
+
+    const UdpTransportConfig config_;
+    std::atomic<IPacketSink*> sink_{nullptr};
+
+    // Set by open and close; constant while the receive thread runs.
+    int socket_ = -1;
+    int wakeUp_ = -1;
+    std::thread thread_;
+
+    std::atomic<bool> running_{false};
+
+    std::mutex sendMutex_;  ///< also keeps close from taking the socket away under a send
+    std::uint16_t sendCounter_ = 0;
+
+    // Receive thread only (open resets them before it starts).
+    bool counterSeen_ = false;
+    std::uint16_t lastCounter_ = 0;
+    std::uint32_t lastKernelDrops_ = 0;
+
+    std::atomic<std::uint64_t> datagrams_{0};
+    std::atomic<std::uint64_t> packets_{0};
+    std::atomic<std::uint64_t> malformedDatagrams_{0};
+    std::atomic<std::uint64_t> counterGaps_{0};
+    std::atomic<std::uint64_t> missingPackets_{0};
+    std::atomic<std::uint64_t> kernelDrops_{0};
+};
+
+}  // namespace lm::xcp
