@@ -1,0 +1,225 @@
+#include "session/measurement.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <limits>
+
+#include <spdlog/spdlog.h>
+
+#include "session/bus_load.h"
+#include "session/measurement_plan.h"
+
+namespace lm::session {
+namespace {
+
+/// The load as estimated, or the refusal when it exceeds the limit.
+Result<double> acceptedLoad(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities,
+                            double limit) {
+    const LoadEstimate estimate = estimateUdpLoad(loadInput(plan.daq, capabilities));
+    if (estimate.fraction <= limit) return estimate.fraction;
+    std::array<char, 200> text{};
+    std::snprintf(text.data(), text.size(), "estimated bus load %.0f %% exceeds the limit of %.0f %%",
+                  estimate.fraction * 100, limit * 100);
+    return Error{ErrorCode::invalidArgument, text.data()};
+}
+
+std::int64_t nowNs(std::chrono::nanoseconds time) {
+    return time.count();
+}
+
+void add(xcp::DaqDecoderCounters& total, const xcp::DaqDecoderCounters& part) {
+    total.dtos += part.dtos;
+    total.records += part.records;
+    total.lostOdts += part.lostOdts;
+    total.incompleteRecords += part.incompleteRecords;
+    total.missedCycles += part.missedCycles;
+    total.overloads += part.overloads;
+    total.unknownDtos += part.unknownDtos;
+    total.malformedDtos += part.malformedDtos;
+}
+
+}  // namespace
+
+Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext context,
+                                                        const MeasurementOptions& options) {
+    const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
+    auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
+                                context.master.connectInfo());
+    if (!plan.ok()) return plan.error();
+    const auto load = acceptedLoad(plan.value(), context.capabilities, context.config.daq.maxBusLoad);
+    if (!load.ok()) return load.error();
+    const std::string warning = foreignEventWarning(plan.value());
+    if (!warning.empty()) spdlog::warn("{}", warning);
+
+    // The constructor is private, which std::make_unique cannot call.
+    std::unique_ptr<Measurement> measurement(
+        new Measurement(std::move(context), std::move(plan).value(), load.value()));
+    measurement->sink_ = options.sink;
+    if (!options.recordDirectory.empty()) {
+        auto created = measurement->createRecording(options.recordDirectory);
+        if (!created.ok()) return created.error();
+    }
+    if (options.onPlanned) options.onPlanned(measurement->plan_);
+    auto started = measurement->startLists(measurement->context_.capabilities);
+    if (!started.ok()) {
+        measurement->abandonStart();
+        return started.error();
+    }
+    measurement->changeState(SessionState::measuring, "");
+    measurement->supervisor_->start();
+    return measurement;
+}
+
+Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad)
+    : context_(std::move(context)), plan_(std::move(plan)), busLoad_(busLoad) {
+    if (context_.transport.udp != nullptr) udpAtStart_ = context_.transport.udp->statistics();
+    const SessionConfig::Reconnect& reconnect = context_.config.reconnect;
+    supervisor_ = std::make_unique<Supervisor>(
+        static_cast<ISupervised&>(*this),
+        SupervisorOptions{reconnect.policy, reconnect.attempts, reconnect.interval, reconnect.heartbeat,
+                          shortestPeriodNs(plan_.daq, context_.capabilities)});
+}
+
+Measurement::~Measurement() {
+    supervisor_->stop();
+    context_.master.setDtoSink(nullptr);
+}
+
+Result<void> Measurement::createRecording(const std::filesystem::path& directory) {
+    storage::RecordingInfo info = recordingInfo(plan_, context_.capabilities);
+    info.startHostNs = nowNs(std::chrono::steady_clock::now().time_since_epoch());
+    info.startUtcNs = nowNs(std::chrono::system_clock::now().time_since_epoch());
+    // "udp:HOST:PORT" names the medium before its address.
+    const std::size_t colon = context_.transport.name.find(':');
+    info.source = "XCP on UDP " + context_.transport.name.substr(colon + 1);
+    const auto normal = directory.lexically_normal();
+    info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
+    info.ecu = context_.ecuName;
+    storage::WriterOptions options;
+    options.queueBytes = storage::recommendedQueueBytes(info);
+    auto writer = storage::RecordingWriter::create(directory, std::move(info), options);
+    if (!writer.ok()) return writer.error();
+    writer_ = std::move(writer).value();
+    return {};
+}
+
+/// Downloads the plan, installs a fresh decoder, starts DAQ.
+Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
+    const auto firstPids = context_.master.configureDaq(plan_.daq);
+    if (!firstPids.ok()) return firstPids.error();
+    removeDecoder();
+    {
+        const std::lock_guard lock(decoderMutex_);
+        decoder_ = std::make_unique<xcp::DaqDecoder>(plan_.daq, capabilities, firstPids.value());
+        decoder_->setSink(this);
+    }
+    context_.master.setDtoSink(decoder_.get());
+    return context_.master.startDaq();
+}
+
+void Measurement::removeDecoder() {
+    context_.master.setDtoSink(nullptr);
+    const std::lock_guard lock(decoderMutex_);
+    if (!decoder_) return;
+    add(totals_, decoder_->counters());
+    decoder_.reset();
+}
+
+void Measurement::abandonStart() {
+    // The reason why the start failed is what counts; an ECU that refused it may well refuse this too.
+    static_cast<void>(context_.master.stopDaq());
+    removeDecoder();
+    if (!writer_) return;
+    const auto removed = writer_->discard();
+    if (!removed.ok()) spdlog::warn("{}", removed.error().text());
+    writer_.reset();
+}
+
+Measurement::StopResult Measurement::stop(const std::function<SessionState()>& state) {
+    supervisor_->requestStop();
+    context_.master.requestStop();
+    supervisor_->stop();
+
+    StopResult result;
+    if (state() == SessionState::measuring) {
+        result.stopped = context_.master.stopDaqOnce();
+    } else {
+        // Nobody is known to listen: what cannot even be sent changes nothing.
+        static_cast<void>(context_.master.stopDaqWithoutWaiting());
+    }
+    removeDecoder();
+    if (writer_) result.recorded = writer_->close();
+    return result;
+}
+
+PlanSummary Measurement::summary() const {
+    return {plan_.planned.size(), plan_.daq.lists.size(), busLoad_};
+}
+
+MeasurementStats Measurement::statistics() const {
+    MeasurementStats stats;
+    xcp::DaqDecoderCounters decoded;
+    {
+        const std::lock_guard lock(decoderMutex_);
+        decoded = totals_;
+        if (decoder_) add(decoded, decoder_->counters());
+    }
+    stats.records = decoded.records;
+    stats.lostOdts = decoded.lostOdts;
+    stats.missedCycles = decoded.missedCycles;
+    stats.overloads = decoded.overloads;
+    stats.incompleteRecords = decoded.incompleteRecords;
+    stats.unknownDtos = decoded.unknownDtos;
+    stats.malformedDtos = decoded.malformedDtos;
+    stats.reconnects = reconnects_.load();
+    if (writer_) {
+        stats.recording = true;
+        stats.recorded = writer_->recordsWritten();
+        stats.recordedDropped = writer_->recordsDropped();
+    }
+    if (context_.transport.udp != nullptr) {
+        const xcp::UdpStatistics udp = context_.transport.udp->statistics();
+        stats.counterGaps = udp.counterGaps - udpAtStart_.counterGaps;
+        stats.missingPackets = udp.missingPackets - udpAtStart_.missingPackets;
+        stats.malformedDatagrams = udp.malformedDatagrams - udpAtStart_.malformedDatagrams;
+        stats.kernelDrops = udp.kernelDrops - udpAtStart_.kernelDrops;
+    }
+    return stats;
+}
+
+void Measurement::onRecord(const xcp::DaqRecord& record) {
+    records_.fetch_add(1, std::memory_order_relaxed);
+    if (sink_ != nullptr) sink_->onRecord(record);
+    // A record that the writer cannot take is in its own count of dropped ones.
+    if (writer_) writer_->write(record.listIndex, record.timeNs(), record.data, record.size);
+}
+
+Result<bool> Measurement::daqRunning() {
+    const auto status = context_.master.getStatus();
+    if (!status.ok()) return status.error();
+    return status.value().daqRunning();
+}
+
+Result<void> Measurement::reconnect() {
+    // An attempt that never ended would take the decision from the reconnect policy.
+    const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);
+    const std::uint32_t attempts =
+        std::min<std::uint32_t>(configured, std::numeric_limits<std::int32_t>::max());
+    return context_.master.connect(xcp::ConnectMode::normal, static_cast<std::int32_t>(attempts));
+}
+
+Result<void> Measurement::restartDaq() {
+    const auto capabilities = context_.master.daqCapabilities();
+    if (!capabilities.ok()) return capabilities.error();
+    auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());
+    if (!fits.ok()) return fits;
+    return startLists(capabilities.value());
+}
+
+void Measurement::changeState(SessionState state, const std::string& message) {
+    context_.changeState(state, message);
+}
+
+}  // namespace lm::session

@@ -1,0 +1,98 @@
+// One running DAQ measurement: planned and started in the ECU, its records handed to a sink and a recording,
+// supervised, stopped.
+//
+// Threads: start() and stop() belong to the owner; records come on the transport's receive thread; the
+// supervisor reconnects on its own thread; statistics() may be called from any thread. Lifetime: everything
+// in the context and the sink of the options is borrowed until the object is gone.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "core/result.h"
+#include "session/measurement_types.h"
+#include "session/session_config.h"
+#include "session/session_state.h"
+#include "session/supervisor.h"
+#include "session/transport_choice.h"
+#include "storage/recording_writer.h"
+#include "xcp/daq_decoder.h"
+#include "xcp/master.h"
+
+namespace lm::session {
+
+/// What a measurement needs of its session.
+struct MeasurementContext {
+    const SessionConfig& config;
+    const a2l::Description& description;
+    const TransportSetup& transport;
+    xcp::Master& master;
+    const xcp::DaqCapabilities& capabilities;
+    std::string ecuName;
+    std::function<void(SessionState, const std::string&)> changeState;
+};
+
+class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
+  public:
+    /// Nothing is sent before plan and load have been accepted. A failure leaves no list running in the ECU
+    /// and no file that it made.
+    static Result<std::unique_ptr<Measurement>> start(MeasurementContext context,
+                                                      const MeasurementOptions& options);
+
+    ~Measurement() override;
+    Measurement(const Measurement&) = delete;
+    Measurement& operator=(const Measurement&) = delete;
+
+    /// How a stop ended. `stopped`: the ECU's answer to the stop command, if one was waited for. `recorded`:
+    /// the writer's.
+    struct StopResult {
+        Result<void> stopped;
+        Result<void> recorded;
+    };
+    /// Waits of the supervisor and the master end at once; `state` tells the session's state at the time of
+    /// the stop (asked for after the supervisor has ended).
+    StopResult stop(const std::function<SessionState()>& state);
+
+    PlanSummary summary() const;
+    MeasurementStats statistics() const;
+
+  private:
+    Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad);
+
+    Result<void> createRecording(const std::filesystem::path& directory);
+    Result<void> startLists(const xcp::DaqCapabilities& capabilities);
+    void removeDecoder();
+    void abandonStart();
+
+    void onRecord(const xcp::DaqRecord& record) override;
+
+    std::uint64_t recordsReceived() const override { return records_.load(std::memory_order_relaxed); }
+    Result<bool> daqRunning() override;
+    Result<void> reconnect() override;
+    Result<void> restartDaq() override;
+    void countReconnect() override { reconnects_.fetch_add(1); }
+    void changeState(SessionState state, const std::string& message) override;
+
+    // Constant once start() has returned.
+    MeasurementContext context_;
+    const MeasurementPlan plan_;
+    const double busLoad_;
+    xcp::IDaqRecordSink* sink_ = nullptr;
+    std::unique_ptr<storage::RecordingWriter> writer_;
+    xcp::UdpStatistics udpAtStart_;
+
+    std::atomic<std::uint64_t> records_{0};
+    std::atomic<std::uint64_t> reconnects_{0};
+
+    // Under decoderMutex_: replaced by the supervisor at a reconnection while statistics are read.
+    mutable std::mutex decoderMutex_;
+    std::unique_ptr<xcp::DaqDecoder> decoder_;
+    xcp::DaqDecoderCounters totals_;  ///< of the decoders before this one
+
+    std::unique_ptr<Supervisor> supervisor_;
+};
+
+}  // namespace lm::session

@@ -1,0 +1,168 @@
+#include "session/measurement_plan.h"
+
+#include <algorithm>
+#include <limits>
+#include <optional>
+#include <set>
+#include <string_view>
+
+#include "core/text.h"
+
+namespace lm::session {
+namespace {
+
+Result<PlannedSignal> parseSignal(const a2l::Description& description, std::string_view text,
+                                  std::uint16_t defaultEvent) {
+    PlannedSignal signal;
+    signal.event = defaultEvent;
+    const std::size_t at = text.find('@');
+    if (at != std::string_view::npos) {
+        const auto event = parseUnsigned(text.substr(at + 1), NumberBase::decimal, 0xFFFF);
+        if (!event.ok()) return event.error();
+        signal.event = static_cast<std::uint16_t>(event.value());
+    }
+    try {
+        signal.object = a2l::resolve(description, text.substr(0, at));
+    } catch (const a2l::ObjectError& error) {
+        return Error{ErrorCode::notFound, error.what()};
+    }
+    return signal;
+}
+
+/// Period of a list's records in nanoseconds, 0 when its event is not cyclic.
+std::uint64_t periodNs(const xcp::DaqList& list, const xcp::DaqCapabilities& capabilities) {
+    const xcp::EventChannel* event = capabilities.findEvent(list.eventChannel);
+    if (event == nullptr || event->cycleNs <= 0) return 0;
+    return static_cast<std::uint64_t>(event->cycleNs) * std::max<std::uint8_t>(list.prescaler, 1);
+}
+
+}  // namespace
+
+Result<MeasurementPlan> planMeasurement(const a2l::Description& description,
+                                        const std::vector<std::string>& signalTexts,
+                                        const SessionConfig::Daq& daq,
+                                        const xcp::DaqCapabilities& capabilities,
+                                        const xcp::ConnectInfo& connection) {
+    MeasurementPlan plan;
+    std::vector<xcp::DaqSignal> signals;
+    for (const std::string& text : signalTexts) {
+        auto signal = parseSignal(description, text, daq.defaultEvent);
+        if (!signal.ok()) return signal.error();
+        const a2l::ResolvedObject& object = signal.value().object;
+        signals.push_back(
+            {object.address, static_cast<std::uint32_t>(object.size()), signal.value().event, 1});
+        plan.planned.push_back(std::move(signal).value());
+    }
+    if (signals.empty()) return Error{ErrorCode::invalidArgument, "no signals to measure"};
+
+    const xcp::DaqPlanOptions options{connection.maxDto, connection.granularity(), daq.useTimestamps};
+    auto packed = xcp::planDaq(signals, capabilities, options);
+    if (!packed.ok()) return packed.error();
+    plan.daq = std::move(packed).value();
+    for (std::size_t i = 0; i < plan.planned.size(); ++i) {
+        plan.planned[i].listIndex = plan.daq.signals[i].list;
+        plan.planned[i].recordOffset = static_cast<std::uint32_t>(plan.daq.signals[i].offset);
+    }
+    return plan;
+}
+
+LoadInput loadInput(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities) {
+    LoadInput input;
+    input.identificationType = static_cast<std::uint8_t>(plan.identification);
+    input.timestampSize = plan.timestampSize;
+    for (const xcp::DaqList& list : plan.lists) {
+        const xcp::EventChannel* event = capabilities.findEvent(list.eventChannel);
+        const std::int64_t cycleNs = event == nullptr ? 0 : std::max<std::int64_t>(event->cycleNs, 0);
+        LoadList load{static_cast<std::uint64_t>(cycleNs), list.prescaler, list.timestamp, {}};
+        for (const xcp::Odt& odt : list.odts)
+            load.odtBytes.push_back(odt.payloadSize);
+        input.lists.push_back(std::move(load));
+    }
+    return input;
+}
+
+std::uint64_t shortestPeriodNs(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities) {
+    std::uint64_t shortest = 0;
+    for (const xcp::DaqList& list : plan.lists) {
+        const std::uint64_t period = periodNs(list, capabilities);
+        if (period > 0 && (shortest == 0 || period < shortest)) shortest = period;
+    }
+    return shortest;
+}
+
+Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities,
+                           const xcp::ConnectInfo& connection) {
+    const auto differs = [](const std::string& what) {
+        return Error{ErrorCode::protocolError, "the ECU came back with another " + what};
+    };
+    if (!capabilities.dynamicConfiguration) return differs("DAQ configuration type");
+    if (capabilities.identification != plan.identification) return differs("identification field type");
+    if (capabilities.overloadInPid != plan.overloadInPid) return differs("overload indication");
+    if (capabilities.minDaq != plan.firstListNumber) return differs("number of predefined DAQ lists");
+    const bool timestampGone = plan.timestampSize != 0 && capabilities.timestampSize != plan.timestampSize;
+    const bool timestampForced =
+        plan.timestampSize == 0 && capabilities.timestampFixed && capabilities.timestampSize != 0;
+    if (timestampGone || timestampForced) return differs("timestamp size");
+
+    std::uint32_t largestDto = 0;
+    std::uint32_t largestEntry = 0;
+    for (const xcp::DaqList& list : plan.lists) {
+        const bool known = capabilities.events.empty() ? list.eventChannel < capabilities.maxEventChannel
+                                                       : capabilities.findEvent(list.eventChannel) != nullptr;
+        if (!known) return differs("set of event channels");
+        for (const xcp::Odt& odt : list.odts) {
+            const bool first = &odt == &list.odts.front();
+            largestDto = std::max<std::uint32_t>(
+                largestDto, plan.identificationSize + odt.payloadSize + (first ? plan.timestampSize : 0U));
+            for (const xcp::OdtEntry& entry : odt.entries) {
+                largestEntry = std::max<std::uint32_t>(largestEntry, entry.size);
+                if (entry.size % capabilities.entryGranularity != 0) return differs("ODT entry granularity");
+            }
+        }
+    }
+    if (largestDto > connection.maxDto) return differs("MAX_DTO");
+    if (capabilities.maxEntrySize != 0 && largestEntry > capabilities.maxEntrySize) {
+        return differs("maximum ODT entry size");
+    }
+    return {};
+}
+
+storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities) {
+    storage::RecordingInfo info;
+    for (const xcp::DaqList& list : plan.daq.lists) {
+        storage::GroupInfo group;
+        const xcp::EventChannel* event = capabilities.findEvent(list.eventChannel);
+        const bool named = event != nullptr && !event->name.empty();
+        group.name = named ? event->name : "event " + std::to_string(list.eventChannel);
+        group.recordSize = list.recordSize;
+        group.cycleNs = static_cast<std::int64_t>(periodNs(list, capabilities));
+        info.groups.push_back(std::move(group));
+    }
+    std::set<std::pair<std::size_t, std::string_view>> seen;
+    for (const PlannedSignal& signal : plan.planned) {
+        const a2l::ResolvedObject& object = signal.object;
+        if (!seen.insert({signal.listIndex, object.name}).second) continue;
+        info.groups[signal.listIndex].signals.push_back({object.name, object.description, object.displayName,
+                                                         object.coding, signal.recordOffset,
+                                                         object.conversion});
+    }
+    return info;
+}
+
+std::string foreignEventWarning(const MeasurementPlan& plan) {
+    const PlannedSignal* first = nullptr;
+    std::size_t count = 0;
+    for (const PlannedSignal& signal : plan.planned) {
+        const auto& events = signal.object.events;
+        if (events.empty() || std::find(events.begin(), events.end(), signal.event) != events.end()) continue;
+        if (first == nullptr) first = &signal;
+        ++count;
+    }
+    if (first == nullptr) return {};
+    std::string text = "event " + std::to_string(first->event) +
+                       " is not among those that the A2L names for '" + first->object.name + "'";
+    if (count > 1) text += " (nor for " + std::to_string(count - 1) + " more signal(s))";
+    return text;
+}
+
+}  // namespace lm::session

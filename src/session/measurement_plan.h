@@ -1,0 +1,48 @@
+// From the signal texts of a measurement to DAQ lists, load estimate and the description of a recording.
+//
+// Threads: pure functions. Lifetime: results own everything.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "a2l/description.h"
+#include "core/result.h"
+#include "session/bus_load.h"
+#include "session/measurement_types.h"
+#include "session/session_config.h"
+#include "storage/recording_info.h"
+#include "xcp/daq_plan.h"
+#include "xcp/packet.h"
+
+namespace lm::session {
+
+/// Resolves each NAME or NAME@EVENT and packs the DAQ lists. Errors: "stoul: ..." for an event that is no
+/// number, the resolver's, "no signals to measure", those of xcp::planDaq.
+Result<MeasurementPlan> planMeasurement(const a2l::Description& description,
+                                        const std::vector<std::string>& signalTexts,
+                                        const SessionConfig::Daq& daq,
+                                        const xcp::DaqCapabilities& capabilities,
+                                        const xcp::ConnectInfo& connection);
+
+/// The lists as the load estimate wants them.
+LoadInput loadInput(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities);
+
+/// Shortest nominal period of the lists in nanoseconds, 0 when none is cyclic.
+std::uint64_t shortestPeriodNs(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities);
+
+/// Whether an ECU that was connected anew still takes the plan. Error: protocolError naming the first
+/// difference.
+Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities,
+                           const xcp::ConnectInfo& connection);
+
+/// Groups and signals of a recording of the plan: one group per DAQ list, each signal once per group. Times
+/// and texts about the whole recording are left to the caller.
+storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities);
+
+/// One line about signals measured in an event that the A2L does not name for them; empty when there are
+/// none.
+std::string foreignEventWarning(const MeasurementPlan& plan);
+
+}  // namespace lm::session

@@ -1,0 +1,71 @@
+// What the user of a measurement gives and gets: options, the plan of the signals, statistics.
+//
+// Threads: plain records. Lifetime: the sink is borrowed until the measurement has been stopped; onPlanned
+// and the sink are called before startMeasurement() returns and on the transport's receive thread
+// respectively.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "a2l/object.h"
+#include "xcp/daq_decoder.h"
+#include "xcp/daq_plan.h"
+
+namespace lm::session {
+
+/// One signal as asked for and where it lies in the records of its DAQ list.
+struct PlannedSignal {
+    a2l::ResolvedObject object;
+    std::uint16_t event = 0;
+    std::size_t listIndex = 0;       ///< into MeasurementPlan::daq.lists
+    std::uint32_t recordOffset = 0;  ///< bytes from the start of the list's record
+};
+
+struct MeasurementPlan {
+    std::vector<PlannedSignal> planned;  ///< in the order asked for, repetitions included
+    xcp::DaqPlan daq;                    ///< lists in ascending event order
+};
+
+struct MeasurementOptions {
+    std::vector<std::string> signals;       ///< NAME or NAME@EVENT; empty: the configuration's list
+    std::filesystem::path recordDirectory;  ///< empty: no recording
+    xcp::IDaqRecordSink* sink = nullptr;    ///< gets every record; may be null
+    /// Called once with the plan before the first record can arrive. The plan lives until the measurement is
+    /// stopped.
+    std::function<void(const MeasurementPlan&)> onPlanned = {};
+};
+
+struct PlanSummary {
+    std::size_t signalCount = 0;
+    std::size_t listCount = 0;
+    double busLoad = 0;  ///< fraction of 1
+};
+
+/// Counters since the start of the measurement.
+struct MeasurementStats {
+    std::uint64_t records = 0;
+    std::uint64_t lostOdts = 0;
+    std::uint64_t missedCycles = 0;
+    std::uint64_t overloads = 0;
+    std::uint64_t reconnects = 0;
+    std::uint64_t canDropped = 0;
+    std::uint64_t canErrorFrames = 0;
+    bool recording = false;
+    std::uint64_t recorded = 0;
+    std::uint64_t recordedDropped = 0;  ///< records that the writer could not keep
+
+    // Losses that the statistics line does not name.
+    std::uint64_t incompleteRecords = 0;
+    std::uint64_t unknownDtos = 0;
+    std::uint64_t malformedDtos = 0;
+    std::uint64_t counterGaps = 0;         ///< UDP: places where the packet counter jumped
+    std::uint64_t missingPackets = 0;      ///< UDP: packets that the jumps stand for
+    std::uint64_t malformedDatagrams = 0;  ///< UDP
+    std::uint64_t kernelDrops = 0;         ///< UDP: datagrams the kernel dropped for want of buffer space
+};
+
+}  // namespace lm::session

@@ -1,0 +1,227 @@
+#include "session/session.h"
+
+#include <algorithm>
+#include <limits>
+
+#include <spdlog/spdlog.h>
+
+#include "session/measurement.h"
+
+namespace lm::session {
+namespace {
+
+xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::XcpInterface& interface) {
+    xcp::MasterOptions options;
+    std::array<std::uint64_t*, 7> fields = {&options.t1, &options.t2, &options.t3, &options.t4,
+                                            &options.t5, &options.t6, &options.t7};
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        if (config.timeoutsMs) {
+            *fields[i] = (*config.timeoutsMs)[i];
+        } else if (interface.protocolLayer && interface.protocolLayer->timeoutsMs[i] != 0) {
+            *fields[i] = interface.protocolLayer->timeoutsMs[i];
+        }
+    }
+    constexpr std::uint32_t kMost = std::numeric_limits<std::int32_t>::max();
+    options.connectAttempts = static_cast<std::int32_t>(std::min(config.connectAttempts, kMost));
+    options.useShortUpload = config.useShortUpload;
+    return options;
+}
+
+}  // namespace
+
+Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback) {
+    if (config.a2l.empty()) return Error{ErrorCode::invalidArgument, "no A2L file configured"};
+    auto description = a2l::load(config.a2l);
+    if (!description.ok()) return description.error();
+    for (const std::string& warning : description.value().warnings) {
+        spdlog::warn("A2L: {}", warning);
+        if (callback) callback(warning);
+    }
+    auto transport = chooseTransport(config, description.value().xcp);
+    if (!transport.ok()) return transport.error();
+    return std::unique_ptr<Session>(
+        new Session(std::move(config), std::move(description).value(), std::move(transport).value()));
+}
+
+Session::Session(SessionConfig config, a2l::Description description, TransportSetup transport)
+    : config_(std::move(config)),
+      description_(std::move(description)),
+      transport_(std::move(transport)),
+      master_(std::make_unique<xcp::Master>(*transport_.transport,
+                                            masterOptions(config_.xcp, description_.xcp))) {
+    master_->setListener(this);
+}
+
+Session::~Session() {
+    const auto closed = close();
+    if (!closed.ok()) spdlog::warn("{}", closed.error().text());
+    measurement_.reset();
+    master_->setListener(nullptr);
+}
+
+Result<void> Session::open() {
+    auto connected = master_->connect();
+    if (!connected.ok()) return connected;
+    if (master_->connectInfo().offersDaq()) {
+        auto capabilities = master_->daqCapabilities();
+        if (capabilities.ok()) {
+            capabilities_ = std::move(capabilities).value();
+        } else {
+            spdlog::warn("DAQ capabilities not available: {}", capabilities.error().text());
+        }
+    }
+    warnAboutByteOrder();
+    silent_ = false;
+    changeState(SessionState::connected, "");
+    return {};
+}
+
+void Session::warnAboutByteOrder() const {
+    const auto& layer = description_.xcp.protocolLayer;
+    const std::optional<ByteOrder> described =
+        layer && layer->byteOrder ? layer->byteOrder : description_.byteOrder;
+    const ByteOrder actual = master_->connectInfo().byteOrder();
+    if (!described || *described == actual) return;
+    spdlog::warn("the ECU says that its byte order is {}, the A2L says otherwise: values may be wrong",
+                 actual == ByteOrder::bigEndian ? "Motorola" : "Intel");
+}
+
+Result<void> Session::close() {
+    Result<void> result = stopMeasurement();
+    if (master_->connected()) {
+        // After a stop that had no answer nobody is known to listen.
+        const auto disconnected =
+            result.ok() ? master_->disconnectOnce() : master_->disconnectWithoutWaiting();
+        if (!disconnected.ok()) spdlog::info("{}", disconnected.error().text());
+    }
+    transport_.transport->close();
+    if (state() != SessionState::disconnected) changeState(SessionState::disconnected, "");
+    return result;
+}
+
+Result<a2l::ResolvedObject> Session::resolve(std::string_view name) const {
+    try {
+        return a2l::resolve(description_, name);
+    } catch (const a2l::ObjectError& error) {
+        return Error{ErrorCode::notFound, error.what()};
+    }
+}
+
+Result<SessionValue> Session::read(std::string_view name) {
+    const auto object = resolve(name);
+    if (!object.ok()) return object.error();
+    const auto bytes = master_->upload(object.value().address, object.value().size());
+    if (!bytes.ok()) return bytes.error();
+    SessionValue value;
+    value.raw = a2l::decodeRaw(bytes.value().data(), object.value().coding);
+    value.physical = object.value().conversion.toPhysical(value.raw);
+    value.text = object.value().conversion.format(value.raw);
+    return value;
+}
+
+Result<void> Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
+    const auto object = resolve(name);
+    if (!object.ok()) return object.error();
+    const bool isMeasurement = object.value().kind == a2l::ObjectKind::measurement;
+    if (!object.value().writable && !(isMeasurement && allowMeasurements)) {
+        return Error{ErrorCode::permissionDenied,
+                     std::string(name) +
+                         (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
+    }
+    {
+        const std::lock_guard lock(stopMutex_);
+        if (stopRequested_) return Error{ErrorCode::closed, std::string(name) + ": stopped"};
+        writing_ = true;
+    }
+    auto written = writeResolved(object.value(), text);
+    const std::lock_guard lock(stopMutex_);
+    writing_ = false;
+    if (stopRequested_) master_->requestStop();
+    return written;
+}
+
+Result<void> Session::writeResolved(const a2l::ResolvedObject& object, std::string_view text) {
+    auto current = master_->upload(object.address, object.size());
+    if (!current.ok()) return current.error();
+    std::vector<std::uint8_t> bytes = std::move(current).value();
+    auto encoded = a2l::encodeText(object, text, bytes);
+    if (!encoded.ok()) return encoded;
+    auto downloaded = master_->download(object.address, bytes);
+    if (!downloaded.ok()) return downloaded;
+    const auto readBack = master_->upload(object.address, object.size());
+    if (!readBack.ok()) return readBack.error();
+    if (readBack.value() != bytes) {
+        return Error{ErrorCode::protocolError,
+                     object.name + ": read back value differs from the written value"};
+    }
+    return {};
+}
+
+Result<void> Session::sendText(std::string_view /*line*/) {
+    return Error{ErrorCode::unsupported, "text input needs a serial line"};
+}
+
+Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options) {
+    if (running_) return Error{ErrorCode::alreadyOpen, "measurement already running"};
+    if (!capabilities_) return Error{ErrorCode::unsupported, "the slave offers no DAQ"};
+    measurement_.reset();
+    auto started = Measurement::start(
+        {config_, description_, transport_, *master_, *capabilities_, ecuName(),
+         [this](SessionState state, const std::string& message) { changeState(state, message); }},
+        options);
+    if (!started.ok()) return started.error();
+    measurement_ = std::move(started).value();
+    running_ = true;
+    return measurement_->summary();
+}
+
+Result<void> Session::stopMeasurement() {
+    if (!running_) return {};
+    running_ = false;
+    auto result = measurement_->stop([this] { return state(); });
+    silent_ = state() != SessionState::measuring || !result.stopped.ok();
+    {
+        const std::lock_guard lock(stopMutex_);
+        if (!stopRequested_) master_->clearStop();
+    }
+    if (state() == SessionState::measuring) changeState(SessionState::connected, "");
+    if (!result.stopped.ok()) return std::move(result.stopped);
+    return std::move(result.recorded);
+}
+
+MeasurementStats Session::statistics() const {
+    return measurement_ ? measurement_->statistics() : MeasurementStats{};
+}
+
+void Session::requestStop() {
+    const std::lock_guard lock(stopMutex_);
+    stopRequested_ = true;
+    if (!writing_) master_->requestStop();
+}
+
+std::string Session::ecuName() const {
+    return config_.name.empty() ? std::string(description_.moduleName) : config_.name;
+}
+
+void Session::changeState(SessionState state, const std::string& message) {
+    state_.exchange(state);
+    if (!message.empty()) spdlog::info("session: {} - {}", sessionStateName(state), message);
+    if (ISessionListener* listener = listener_.load()) listener->onStateChanged(state, message);
+}
+
+void Session::onEvent(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t /*length*/,
+                      xcp::ReceiveTime /*time*/) {
+    spdlog::info("XCP event {}", xcp::eventName(code));
+}
+
+void Session::onServiceRequest(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t length) {
+    spdlog::debug("XCP service request 0x{:02X}, {} bytes", code, length);
+}
+
+void Session::onTransportEvent(const hal::CanChannelEvent& event) {
+    if (event.kind == hal::CanChannelEventKind::receiveFailed) {
+        spdlog::warn("receiving failed (error {})", event.value);
+    }
+}
+
+}  // namespace lm::session

@@ -1,0 +1,135 @@
+// One ECU: its A2L description, its transport, the XCP master on it, and the state that the user sees.
+//
+// Threads: create, open, close, read, write and the measurement operations belong to one thread at a time;
+// requestStop, state and setListener may be called from any thread.
+// Lifetime: the listener and the record sink are borrowed and must outlive the session (or be replaced
+// first).
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "a2l/description.h"
+#include "a2l/object.h"
+#include "core/result.h"
+#include "session/measurement_types.h"
+#include "session/session_config.h"
+#include "session/session_state.h"
+#include "session/transport_choice.h"
+#include "xcp/master.h"
+
+namespace lm::session {
+
+class Measurement;
+
+/// A value read from the ECU.
+struct SessionValue {
+    double raw = 0;
+    double physical = 0;
+    std::string text;  ///< display text of the conversion
+};
+
+class Session final : private xcp::IMasterListener {
+  public:
+    /// Called with every warning about the A2L, beside the log.
+    using WarningCallback = std::function<void(const std::string&)>;
+
+    /// Loads the A2L and chooses the transport; nothing is sent. Errors: "no A2L file configured", those of
+    /// a2l::load and chooseTransport.
+    static Result<std::unique_ptr<Session>> create(SessionConfig config,
+                                                   const WarningCallback& callback = {});
+
+    ~Session() override;
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    void setListener(ISessionListener* listener) { listener_.store(listener); }
+
+    /// Opens the transport, connects and reads the ECU's DAQ capabilities (without which it goes on). Errors:
+    /// those of the transport and of CONNECT.
+    Result<void> open();
+
+    /// Stops a running measurement, disconnects, closes the transport. Idempotent; takes no longer than the
+    /// stop of a measurement and t1. The error is that of the measurement's stop.
+    Result<void> close();
+
+    /// Errors: the resolver's, the master's.
+    Result<SessionValue> read(std::string_view name);
+
+    /// Writes a number or verbal text and reads it back. A stop request waits until the write is read back.
+    /// Errors: the resolver's and the master's, "NAME is not writable", "NAME is a measurement without
+    /// READ_WRITE", those of a2l::encodeText, "NAME: read back value differs from the written value".
+    Result<void> write(std::string_view name, std::string_view text, bool allowMeasurements);
+
+    /// Error: unsupported "text input needs a serial line".
+    Result<void> sendText(std::string_view line);
+
+    /// Starts DAQ for the signals; the session is left "connected" with nothing started when it fails.
+    /// Errors: those of planMeasurement, of the recording writer and of the DAQ configuration, "measurement
+    /// already running", "the slave offers no DAQ".
+    Result<PlanSummary> startMeasurement(const MeasurementOptions& options);
+
+    /// Ends supervision, DAQ and recording; see docs/architecture.md for what each state sends. Succeeds when
+    /// nothing runs. Errors: the ECU's to the stop command in state "measuring", "write error in DIRECTORY".
+    Result<void> stopMeasurement();
+
+    /// Counters of the running or the last measurement.
+    MeasurementStats statistics() const;
+
+    /// Ends every wait for the ECU at once; running operations fail. Only close() and stopMeasurement() are
+    /// of use then.
+    void requestStop();
+
+    SessionState state() const { return state_.load(); }
+    const SessionConfig& config() const { return config_; }
+    const a2l::Description& description() const { return description_; }
+    TransportKind transportKind() const { return transport_.kind; }
+    /// "udp:HOST:PORT".
+    const std::string& transportName() const { return transport_.name; }
+    /// The configuration's name, else the A2L module's.
+    std::string ecuName() const;
+    xcp::ConnectInfo connectInfo() const { return master_->connectInfo(); }
+    Result<xcp::SlaveStatus> status() { return master_->getStatus(); }
+    /// Absent before open() and for an ECU without DAQ.
+    const std::optional<xcp::DaqCapabilities>& daqCapabilities() const { return capabilities_; }
+
+  private:
+    Session(SessionConfig config, a2l::Description description, TransportSetup transport);
+
+    void onEvent(std::uint8_t code, const std::uint8_t* packet, std::size_t length,
+                 xcp::ReceiveTime time) override;
+    void onServiceRequest(std::uint8_t code, const std::uint8_t* packet, std::size_t length) override;
+    void onTransportEvent(const hal::CanChannelEvent& event) override;
+
+    void changeState(SessionState state, const std::string& message);
+    Result<a2l::ResolvedObject> resolve(std::string_view name) const;
+    Result<void> writeResolved(const a2l::ResolvedObject& object, std::string_view text);
+    void warnAboutByteOrder() const;
+
+    // Constant after construction.
+    const SessionConfig config_;
+    const a2l::Description description_;
+    TransportSetup transport_;
+
+    // One thread at a time.
+    std::unique_ptr<xcp::Master> master_;
+    std::optional<xcp::DaqCapabilities> capabilities_;
+    std::unique_ptr<Measurement> measurement_;  ///< the running or the last one, for its statistics
+    bool running_ = false;
+    bool silent_ = false;  ///< the ECU did not answer last: DISCONNECT is not waited for
+
+    std::atomic<SessionState> state_{SessionState::disconnected};
+    std::atomic<ISessionListener*> listener_{nullptr};
+
+    // A stop request during a write is carried out when the write has been read back.
+    std::mutex stopMutex_;
+    bool stopRequested_ = false;  // under stopMutex_
+    bool writing_ = false;        // under stopMutex_
+};
+
+}  // namespace lm::session

@@ -1,0 +1,42 @@
+#include "session/transport_choice.h"
+
+namespace lm::session {
+namespace {
+
+constexpr std::uint16_t kDefaultUdpPort = 5555;
+
+Result<TransportSetup> chooseUdp(const SessionConfig::Udp& udp, const a2l::XcpInterface& interface) {
+    if (interface.tcp && !interface.udp) {
+        return Error{ErrorCode::unsupported, "XCP on TCP/IP is not supported yet (use UDP)"};
+    }
+    const std::uint16_t described =
+        interface.udp && interface.udp->port ? *interface.udp->port : kDefaultUdpPort;
+    xcp::UdpTransportConfig config;
+    config.host = udp.host;
+    config.port = udp.port.value_or(described);
+
+    TransportSetup setup;
+    setup.kind = TransportKind::udp;
+    setup.name = "udp:" + config.host + ":" + std::to_string(config.port);
+    auto transport = std::make_unique<xcp::UdpTransport>(std::move(config));
+    setup.udp = transport.get();
+    setup.transport = std::move(transport);
+    return setup;
+}
+
+}  // namespace
+
+Result<TransportSetup> chooseTransport(const SessionConfig& config, const a2l::XcpInterface& interface) {
+    if (!config.can.interface.empty()) {
+        return Error{ErrorCode::unsupported, "XCP on CAN is not available yet (use --udp HOST[:PORT])"};
+    }
+    if (!config.udp.host.empty()) return chooseUdp(config.udp, interface);
+    if (!config.serial.port.empty()) {
+        return Error{ErrorCode::unsupported,
+                     "XCP on a serial line is not available yet (use --udp HOST[:PORT])"};
+    }
+    return Error{ErrorCode::invalidArgument,
+                 "neither a CAN interface, a serial port nor a UDP host is configured"};
+}
+
+}  // namespace lm::session
