@@ -1,0 +1,81 @@
+#!/usr/bin/env python3
+"""Holds the architecture: no include arrow points up, libraries stay in their rooms, every test file is in a target.
+
+Fails with one line per finding and exit code 1. docs/architecture.md explains the arrows.
+"""
+import re
+import sys
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+
+# Folder -> folders whose headers it may include besides its own.
+ARROWS = {
+    "core": set(),
+    "hal": {"core"},
+    "broker": {"core", "hal"},
+    "xcp": {"core", "hal", "broker"},
+    "a2l": {"core"},
+    "storage": {"core", "a2l"},
+    "session": {"core", "hal", "broker", "a2l", "xcp", "storage"},
+    "cli": {"core", "a2l", "xcp", "storage", "session"},
+    "sim": {"core", "hal"},
+}
+# Single headers allowed across an arrow that is otherwise closed.
+EXCEPTIONS = {("a2l", "xcp/address.h")}
+# Library header -> folders that may include it.
+LIBRARIES = {"CLI/": {"cli", "sim"}, "nlohmann/": {"session", "storage"}}
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
+
+
+def sources(folder):
+    return sorted(p for p in folder.rglob("*") if p.suffix in (".h", ".cpp"))
+
+
+def include_findings():
+    for folder, allowed in ARROWS.items():
+        home = ROOT / "sim" if folder == "sim" else ROOT / "src" / folder
+        for path in sources(home):
+            for kind, header in INCLUDE.findall(path.read_text(encoding="utf-8")):
+                place = f"{path.relative_to(ROOT)}: #include {header}"
+                if kind == "<":
+                    for library, rooms in LIBRARIES.items():
+                        if header.startswith(library) and folder not in rooms:
+                            yield f"{place}: {library.rstrip('/')} belongs to {', '.join(sorted(rooms))}"
+                elif "/" not in header:
+                    if folder != "sim":
+                        yield f"{place}: name the folder, as in \"{folder}/{header}\""
+                else:
+                    target = header.split("/")[0]
+                    if target != folder and target not in allowed and (folder, header) not in EXCEPTIONS:
+                        yield f"{place}: {folder} may not use {target}"
+
+
+def unknown_folders():
+    for path in (ROOT / "src").iterdir():
+        if path.is_dir() and path.name not in ARROWS and sources(path):
+            yield f"src/{path.name}: not in the table of scripts/check_layout.py"
+
+
+def test_findings():
+    for path in sorted((ROOT / "tests").rglob("*_test.*")):
+        if path.suffix not in (".cpp", ".py"):
+            continue
+        listing = path.parent / "CMakeLists.txt"
+        words = re.split(r"[\s()]+", listing.read_text(encoding="utf-8")) if listing.exists() else []
+        if path.name not in words and path.stem not in words:
+            yield f"{path.relative_to(ROOT)}: in no target of {listing.relative_to(ROOT)}"
+
+
+def main():
+    findings = [*include_findings(), *unknown_folders(), *test_findings()]
+    for finding in findings:
+        print(finding, file=sys.stderr)
+    if not findings:
+        print("layout: ok")
+    return 1 if findings else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,43 @@
+# Sourced by the scripts beside it: installs the Debian packages that are missing.
+#
+# need PACKAGE...: returns when all are installed. As root it installs them, else through sudo; with neither it prints
+# the one command to run and ends the script.
+
+need() {
+    local missing=() package
+    for package in "$@"; do
+        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+
+    local -a as_root=()
+    if [ "$(id -u)" -ne 0 ]; then
+        if ! command -v sudo >/dev/null; then
+            echo "These Debian packages are missing. Install them as root, then start again:" >&2
+            echo "  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}" >&2
+            exit 1
+        fi
+        as_root=(sudo)
+    fi
+    echo "Installing: ${missing[*]}"
+    "${as_root[@]}" apt-get update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libspdlog-dev libfmt-dev)
+test_packages=(libgtest-dev python3)
+check_packages=(clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 python3)
+
+# build PRESET [TARGET...]: configures when needed and builds with all cores.
+build() {
+    local preset=$1
+    shift
+    cmake --preset "$preset" >"/tmp/xcplumo-configure.$$" 2>&1 || {
+        cat "/tmp/xcplumo-configure.$$" >&2
+        rm -f "/tmp/xcplumo-configure.$$"
+        return 1
+    }
+    rm -f "/tmp/xcplumo-configure.$$"
+    cmake --build --preset "$preset" --parallel "$(nproc)" ${1:+--target "$@"}
+}
