@@ -4,7 +4,7 @@
 // the description it was built from.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,7 +35,7 @@ class Conversion {
     };
     struct NumericTable {
         bool interpolate = false;
-        std::vector<std::pair<double, double>> pairs;  ///< (input, output), ascending by input, never empty
+        std::vector<std::pair<double, double>> pairs;  ///< (input, output); the constructor sorts by input
         std::optional<double> defaultValue;
     };
     struct VerbalTable {
@@ -62,7 +62,10 @@ class Conversion {
     static Result<Conversion> build(const Description& description, std::string_view method);
 
     /// Never fails: what has no physical value is NaN.
-    double toPhysical(double raw) const;
+    double toPhysical(double raw) const {
+        if (const auto* linear = std::get_if<Linear>(&kind_)) return linear->a * raw + linear->b;
+        return toPhysicalBySlowerKind(raw);
+    }
 
     /// Errors: invalidArgument with the reason; unsupported for a FORM without an inverse formula.
     Result<double> toRaw(double physical) const;
@@ -86,9 +89,25 @@ class Conversion {
     void setUnit(std::string unit);
 
   private:
+    /// A bound of verbal ranges, and which range (its position in the table) is the first one to hold it and
+    /// to hold what lies between it and the next bound. Binary search over these needs no thought of
+    /// overlapping ranges.
+    struct VerbalBound {
+        double value;
+        std::size_t at;
+        std::size_t behind;
+    };
+
+    double toPhysicalBySlowerKind(double raw) const;
+    void indexRanges(const VerbalTable& table);
+
     Kind kind_;
     std::string format_;
     std::string unit_;
+    int decimals_ = kGeneralFormat;
+    std::vector<VerbalBound> verbalBounds_;  ///< ascending; of a verbal table
+
+    static constexpr int kGeneralFormat = -1;
 };
 
 }  // namespace lm::a2l

@@ -1,0 +1,293 @@
+#include "a2l/conversion.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <set>
+#include <system_error>
+
+#include "core/text.h"
+
+namespace lm::a2l {
+namespace {
+
+using Pair = std::pair<double, double>;
+
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+constexpr unsigned kFewestGeneralDecimals = 16;
+constexpr std::size_t kLongestNumber = 63;
+constexpr std::size_t kNoRange = std::numeric_limits<std::size_t>::max();
+
+Error invalid(std::string message) {
+    return {ErrorCode::invalidArgument, std::move(message)};
+}
+
+/// "Less" with NaN behind every number, so that sorting is defined whatever a table holds.
+bool before(double a, double b) {
+    return a < b || (std::isnan(b) && !std::isnan(a));
+}
+
+// The root with the positive square root is the one that A2L means, also where both are real.
+double rationalToPhysical(const Conversion::Rational& r, double raw) {
+    const double a = r.a - raw * r.d;
+    const double b = r.b - raw * r.e;
+    const double c = r.c - raw * r.f;
+    double physical = kNan;
+    if (std::fabs(a) < 1e-15) {
+        if (b != 0) physical = -c / b;
+    } else {
+        const double discriminant = b * b - 4 * a * c;
+        if (!(discriminant < 0)) physical = (std::sqrt(discriminant) - b) / (2 * a);
+    }
+    return physical + 0.0;  // a zero without a sign, which would be displayed
+}
+
+Result<double> rationalToRaw(const Conversion::Rational& r, double p) {
+    const double denominator = r.d * p * p + r.e * p + r.f;
+    if (denominator == 0) return invalid("RAT_FUNC denominator is 0");
+    return (r.a * p * p + r.b * p + r.c) / denominator;
+}
+
+/// The first pair whose input is not below `raw`.
+auto firstNotBelow(const std::vector<Pair>& pairs, double raw) {
+    return std::partition_point(pairs.begin(), pairs.end(), [raw](const Pair& p) { return p.first < raw; });
+}
+
+double nearestOutput(const std::vector<Pair>& pairs, std::vector<Pair>::const_iterator above, double raw) {
+    if (above == pairs.begin()) return above->second;
+    const double distanceBelow = raw - std::prev(above)->first;
+    if (above != pairs.end() && above->first - raw < distanceBelow) return above->second;
+    // The earliest of those that are as near: equal inputs, and inputs whose distance rounds alike.
+    return std::partition_point(pairs.begin(), above,
+                                [&](const Pair& p) { return raw - p.first > distanceBelow; })
+        ->second;
+}
+
+double lookUp(const Conversion::NumericTable& table, double raw) {
+    const auto found = firstNotBelow(table.pairs, raw);
+    if (found != table.pairs.end() && found->first == raw) return found->second;
+    if (table.defaultValue) return *table.defaultValue;
+    return std::isnan(raw) ? kNan : nearestOutput(table.pairs, found, raw);
+}
+
+double interpolate(const Conversion::NumericTable& table, double raw) {
+    const std::vector<Pair>& pairs = table.pairs;
+    if (std::isnan(raw)) return kNan;
+    if (raw <= pairs.front().first) return pairs.front().second;
+    if (raw >= pairs.back().first) return pairs.back().second;
+    const auto upper = firstNotBelow(pairs, raw);
+    const auto lower = std::prev(upper);
+    return lower->second +
+           (upper->second - lower->second) * (raw - lower->first) / (upper->first - lower->first);
+}
+
+Result<double> lookUpInverse(const Conversion::NumericTable& table, double physical) {
+    const auto found = std::find_if(table.pairs.begin(), table.pairs.end(),
+                                    [physical](const Pair& p) { return p.second == physical; });
+    if (found == table.pairs.end()) return invalid("value not contained in the conversion table");
+    return found->first;
+}
+
+Result<double> interpolateInverse(const Conversion::NumericTable& table, double physical) {
+    std::vector<Pair> pairs = table.pairs;
+    std::stable_sort(pairs.begin(), pairs.end(),
+                     [](const Pair& a, const Pair& b) { return before(a.second, b.second); });
+    if (!(physical >= pairs.front().second && physical <= pairs.back().second))
+        return invalid("value outside the conversion table");
+    if (physical == pairs.front().second) return pairs.front().first;
+    if (physical == pairs.back().second) return pairs.back().first;
+    const auto upper = std::partition_point(pairs.begin(), pairs.end(),
+                                            [physical](const Pair& p) { return p.second < physical; });
+    const auto lower = std::prev(upper);
+    return lower->first +
+           (upper->first - lower->first) * (physical - lower->second) / (upper->second - lower->second);
+}
+
+/// The decimals that a format such as "%8.3" asks for; none for the general notation.
+std::optional<int> decimalsOf(std::string_view format) {
+    const std::size_t point = format.find('.');
+    if (point == std::string_view::npos) return std::nullopt;
+    const std::string_view digits = format.substr(point + 1);
+    unsigned decimals = 0;
+    const auto [stop, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), decimals);
+    if (failure == std::errc::result_out_of_range || decimals >= kFewestGeneralDecimals) return std::nullopt;
+    return static_cast<int>(decimals);
+}
+
+// --- Building
+
+Result<Conversion::Kind> buildNumericTable(const Description& description, const CompuMethod& method) {
+    const CompuTab* table = description.findCompuTab(method.tableRef);
+    if (table == nullptr) return invalid("COMPU_TAB '" + std::string(method.tableRef) + "' not found");
+    if (table->pairs.empty()) return invalid("conversion table is empty");
+    return Conversion::Kind(Conversion::NumericTable{method.type == ConversionType::tabIntp, table->pairs,
+                                                     table->defaultNumeric});
+}
+
+Result<Conversion::Kind> buildVerbalTable(const Description& description, const CompuMethod& method) {
+    const CompuVtab* table = description.findCompuVtab(method.tableRef);
+    if (table == nullptr) return invalid("COMPU_VTAB '" + std::string(method.tableRef) + "' not found");
+    Conversion::VerbalTable verbal;
+    verbal.ranges.reserve(table->ranges.size());
+    for (const CompuVtab::Range& range : table->ranges)
+        verbal.ranges.push_back({range.lower, range.upper, std::string(range.text)});
+    verbal.defaultText = table->defaultText;
+    return Conversion::Kind(std::move(verbal));
+}
+
+Result<Conversion::Kind> buildFormulas(const Description& description, const CompuMethod& method) {
+    Result<Formula> forward = Formula::compile(method.formula, description.systemConstants);
+    if (!forward) return forward.error();
+    Conversion::Formulas formulas{std::move(forward).value(), std::nullopt};
+    if (method.formulaInverse) {
+        Result<Formula> inverse = Formula::compile(*method.formulaInverse, description.systemConstants);
+        if (!inverse) return inverse.error();
+        formulas.inverse = std::move(inverse).value();
+    }
+    return Conversion::Kind(std::move(formulas));
+}
+
+Result<Conversion::Kind> buildKind(const Description& description, const CompuMethod& method) {
+    const std::vector<double>& c = method.coefficients;
+    switch (method.type) {
+        case ConversionType::identical:
+            break;
+        case ConversionType::linear:
+            return Conversion::Kind(Conversion::Linear{c[0], c[1]});
+        case ConversionType::ratFunc:
+            return Conversion::Kind(Conversion::Rational{c[0], c[1], c[2], c[3], c[4], c[5]});
+        case ConversionType::tabIntp:
+        case ConversionType::tabNointp:
+            return buildNumericTable(description, method);
+        case ConversionType::tabVerb:
+            return buildVerbalTable(description, method);
+        case ConversionType::form:
+            return buildFormulas(description, method);
+    }
+    return Conversion::Kind(Conversion::Identical{});
+}
+
+}  // namespace
+
+Conversion::Conversion(Kind kind, std::string format, std::string unit)
+    : kind_(std::move(kind)), unit_(std::move(unit)) {
+    setFormat(std::move(format));
+    if (auto* table = std::get_if<NumericTable>(&kind_)) {
+        std::stable_sort(table->pairs.begin(), table->pairs.end(),
+                         [](const Pair& a, const Pair& b) { return before(a.first, b.first); });
+    } else if (const auto* verbal = std::get_if<VerbalTable>(&kind_)) {
+        indexRanges(*verbal);
+    }
+}
+
+Result<Conversion> Conversion::build(const Description& description, std::string_view method) {
+    if (method == "NO_COMPU_METHOD") return Conversion();
+    const CompuMethod* found = description.findCompuMethod(method);
+    if (found == nullptr) return invalid("COMPU_METHOD '" + std::string(method) + "' not found");
+    Result<Kind> kind = buildKind(description, *found);
+    if (!kind) return kind.error();
+    return Conversion(std::move(kind).value(), std::string(found->format), std::string(found->unit));
+}
+
+double Conversion::toPhysicalBySlowerKind(double raw) const {
+    if (const auto* table = std::get_if<NumericTable>(&kind_)) {
+        if (table->pairs.empty()) return kNan;
+        return table->interpolate ? interpolate(*table, raw) : lookUp(*table, raw);
+    }
+    if (const auto* formulas = std::get_if<Formulas>(&kind_)) return formulas->forward.evaluate(raw);
+    if (const auto* rational = std::get_if<Rational>(&kind_)) return rationalToPhysical(*rational, raw);
+    return raw;
+}
+
+Result<double> Conversion::toRaw(double physical) const {
+    if (const auto* linear = std::get_if<Linear>(&kind_)) {
+        if (linear->a == 0) return invalid("LINEAR conversion with factor 0 cannot be inverted");
+        return (physical - linear->b) / linear->a;
+    }
+    if (const auto* rational = std::get_if<Rational>(&kind_)) return rationalToRaw(*rational, physical);
+    if (const auto* table = std::get_if<NumericTable>(&kind_)) {
+        if (table->pairs.empty()) return invalid("conversion table is empty");
+        return table->interpolate ? interpolateInverse(*table, physical) : lookUpInverse(*table, physical);
+    }
+    if (const auto* formulas = std::get_if<Formulas>(&kind_)) {
+        if (!formulas->inverse)
+            return Error{ErrorCode::unsupported, "FORM conversion without FORMULA_INV cannot be inverted"};
+        return formulas->inverse->evaluate(physical);
+    }
+    return physical;
+}
+
+void Conversion::indexRanges(const VerbalTable& table) {
+    struct Edge {
+        double value;
+        std::size_t position;
+        bool opens;
+    };
+    std::vector<Edge> edges;
+    for (std::size_t i = 0; i < table.ranges.size(); ++i) {
+        const VerbalTable::Range& range = table.ranges[i];
+        if (!(range.lower <= range.upper)) continue;  // holds nothing, like one with a NaN bound
+        edges.push_back({range.lower, i, true});
+        edges.push_back({range.upper, i, false});
+    }
+    std::sort(edges.begin(), edges.end(), [](const Edge& a, const Edge& b) {
+        return a.value < b.value || (a.value == b.value && a.opens && !b.opens);
+    });
+    std::set<std::size_t> open;
+    const auto first = [&open] { return open.empty() ? kNoRange : *open.begin(); };
+    for (auto edge = edges.begin(); edge != edges.end();) {
+        VerbalBound bound{edge->value, kNoRange, kNoRange};
+        for (; edge != edges.end() && edge->value == bound.value && edge->opens; ++edge)
+            open.insert(edge->position);
+        bound.at = first();
+        for (; edge != edges.end() && edge->value == bound.value; ++edge)
+            open.erase(edge->position);
+        bound.behind = first();
+        verbalBounds_.push_back(bound);
+    }
+}
+
+std::optional<std::string_view> Conversion::verbalText(double raw) const {
+    const auto* table = std::get_if<VerbalTable>(&kind_);
+    if (table == nullptr) return std::nullopt;
+    std::size_t position = kNoRange;
+    const auto above = std::partition_point(verbalBounds_.begin(), verbalBounds_.end(),
+                                            [raw](const VerbalBound& bound) { return bound.value <= raw; });
+    if (above != verbalBounds_.begin()) {
+        const VerbalBound& bound = *std::prev(above);
+        position = bound.value == raw ? bound.at : bound.behind;
+    }
+    if (position != kNoRange) return table->ranges[position].text;
+    if (!table->defaultText.empty()) return table->defaultText;
+    return std::nullopt;
+}
+
+Result<double> Conversion::rawFromText(std::string_view text) const {
+    const auto* table = std::get_if<VerbalTable>(&kind_);
+    if (table == nullptr) return invalid("conversion is not verbal");
+    for (const VerbalTable::Range& range : table->ranges)
+        if (range.text == text) return range.lower;
+    return invalid("'" + std::string(text) + "' is not a valid value");
+}
+
+std::string Conversion::format(double raw) const {
+    if (const std::optional<std::string_view> text = verbalText(raw)) return std::string(*text);
+    const double physical = toPhysical(raw);
+    std::string text =
+        decimals_ == kGeneralFormat ? formatGeneral(physical) : formatFixed(physical, decimals_);
+    if (text.size() > kLongestNumber) text.resize(kLongestNumber);
+    return text;
+}
+
+void Conversion::setFormat(std::string format) {
+    format_ = std::move(format);
+    decimals_ = decimalsOf(format_).value_or(kGeneralFormat);
+}
+
+void Conversion::setUnit(std::string unit) {
+    unit_ = std::move(unit);
+}
+
+}  // namespace lm::a2l
