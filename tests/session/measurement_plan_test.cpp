@@ -1,0 +1,141 @@
+#include "session/measurement_plan.h"
+
+#include <gtest/gtest.h>
+
+namespace lm::session {
+namespace {
+
+constexpr const char* kA2l = R"(/begin PROJECT p "" /begin MODULE engine ""
+  /begin MEASUREMENT speed "engine speed" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x100
+    /begin IF_DATA XCP /begin DAQ_EVENT FIXED_EVENT_LIST EVENT 1 /end DAQ_EVENT /end IF_DATA /end MEASUREMENT
+  /begin MEASUREMENT load "" ULONG NO_COMPU_METHOD 0 0 0 100 ECU_ADDRESS 0x200 /end MEASUREMENT
+  /begin MEASUREMENT nowhere "" UBYTE NO_COMPU_METHOD 0 0 0 255 /end MEASUREMENT
+/end MODULE /end PROJECT)";
+
+class MeasurementPlanTest : public ::testing::Test {
+  protected:
+    MeasurementPlanTest() {
+        capabilities_.dynamicConfiguration = true;
+        capabilities_.identification = xcp::DaqIdentification::relativeByte;
+        capabilities_.maxEntrySize = 8;
+        capabilities_.maxEventChannel = 3;
+        capabilities_.timestampSupported = true;
+        capabilities_.timestampSize = 2;
+        capabilities_.tickNs = 1000;
+        capabilities_.events = {{0, 0, 1, "1 ms", 1'000'000}, {1, 0, 1, "10 ms", 10'000'000}, {2, 0, 1, ""}};
+        connection_.maxCto = 8;
+        connection_.maxDto = 8;
+    }
+
+    Result<MeasurementPlan> plan(const std::vector<std::string>& signalTexts) const {
+        return planMeasurement(description_, signalTexts, daq_, capabilities_, connection_);
+    }
+    MeasurementPlan planned() const {
+        return std::move(plan({"load@1", "speed", "speed@1", "speed@1"})).value();
+    }
+
+    a2l::Description description_ = std::move(a2l::parseDescription(kA2l)).value();
+    SessionConfig::Daq daq_;
+    xcp::DaqCapabilities capabilities_;
+    xcp::ConnectInfo connection_;
+};
+
+TEST_F(MeasurementPlanTest, SignalsFollowTheirEventsAndKeepTheOrderAskedFor) {
+    const MeasurementPlan result = planned();
+    ASSERT_EQ(result.planned.size(), 4U);
+    EXPECT_EQ(result.planned[0].object.name, "load");
+    EXPECT_EQ(result.planned[0].listIndex, 1U);
+    EXPECT_EQ(result.planned[1].event, 0) << "the default event";
+    EXPECT_EQ(result.planned[1].listIndex, 0U);
+    EXPECT_EQ(result.planned[2].recordOffset, result.planned[3].recordOffset) << "asked for twice, sent once";
+    EXPECT_EQ(result.daq.lists[1].recordSize, 6U);
+    EXPECT_EQ(shortestPeriodNs(result.daq, capabilities_), 1'000'000U);
+    EXPECT_EQ(shortestPeriodNs(std::move(plan({"speed@2"})).value().daq, capabilities_), 0U);
+}
+
+TEST_F(MeasurementPlanTest, WrongTextsAreNamed) {
+    struct Row {
+        std::vector<std::string> texts;
+        const char* message;
+    };
+    const Row rows[] = {
+        {{}, "no signals to measure"},
+        {{"speed@x"}, "stoul: 'x' is not a number from 0 to 65535"},
+        {{"speed@"}, "stoul: '' is not a number from 0 to 65535"},
+        {{"speed@1@2"}, "stoul: '1@2' is not a number from 0 to 65535"},
+        {{"speed@65536"}, "stoul: '65536' is not a number from 0 to 65535"},
+        {{"speed@7"}, "event channel 7 does not exist"},
+        {{"speed", "sped"}, "'sped' is neither a MEASUREMENT nor a CHARACTERISTIC"},
+        {{"nowhere"}, "nowhere: measurement has no ECU_ADDRESS"},
+    };
+    for (const Row& row : rows) {
+        const auto result = plan(row.texts);
+        ASSERT_FALSE(result.ok()) << row.message;
+        EXPECT_EQ(result.error().text(), row.message);
+    }
+}
+
+TEST_F(MeasurementPlanTest, ARecordingNamesGroupsAndEachSignalOnce) {
+    const storage::RecordingInfo info = recordingInfo(planned(), capabilities_);
+    ASSERT_EQ(info.groups.size(), 2U);
+    EXPECT_EQ(info.groups[0].name, "1 ms");
+    EXPECT_EQ(info.groups[1].cycleNs, 10'000'000);
+    ASSERT_EQ(info.groups[1].signals.size(), 2U);
+    EXPECT_EQ(info.groups[1].signals[0].name, "load");
+    EXPECT_EQ(info.groups[1].signals[1].description, "engine speed");
+    EXPECT_EQ(info.groups[1].recordSize, 6U);
+    const auto unnamed = recordingInfo(std::move(plan({"speed@2"})).value(), capabilities_);
+    EXPECT_EQ(unnamed.groups[0].name, "event 2");
+}
+
+TEST_F(MeasurementPlanTest, EventsThatTheA2lDoesNotNameAreTold) {
+    EXPECT_EQ(foreignEventWarning(std::move(plan({"load@2", "speed@1"})).value()), "");
+    EXPECT_EQ(foreignEventWarning(std::move(plan({"speed", "speed@2"})).value()),
+              "event 0 is not among those that the A2L names for 'speed' (nor for 1 more signal(s))");
+}
+
+TEST_F(MeasurementPlanTest, AnEcuThatCameBackDifferentIsRefused) {
+    const MeasurementPlan result = planned();
+    EXPECT_TRUE(checkPlanFits(result.daq, capabilities_, connection_).ok());
+
+    using Change = void (*)(xcp::DaqCapabilities&, xcp::ConnectInfo&);
+    struct Row {
+        Change change;
+        const char* difference;  // nullptr: still fits
+    };
+    const Row rows[] = {
+        {[](auto& c, auto&) { c.dynamicConfiguration = false; }, "DAQ configuration type"},
+        {[](auto& c, auto&) { c.identification = xcp::DaqIdentification::relativeWord; },
+         "identification field type"},
+        {[](auto& c, auto&) { c.overloadInPid = true; }, "overload indication"},
+        {[](auto& c, auto&) { c.minDaq = 1; }, "number of predefined DAQ lists"},
+        {[](auto& c, auto&) { c.timestampSize = 4; }, "timestamp size"},
+        {[](auto& c, auto&) {
+             c.events.pop_back();
+             c.events.pop_back();
+         },
+         "set of event channels"},
+        {[](auto& c, auto&) { c.entryGranularity = 4; }, "ODT entry granularity"},
+        {[](auto& c, auto&) { c.maxEntrySize = 2; }, "maximum ODT entry size"},
+        {[](auto&, auto& i) { i.maxDto = 7; }, "MAX_DTO"},
+        {[](auto& c, auto& i) {
+             c.maxEntrySize = 100;
+             c.tickNs = 5;
+             i.maxDto = 64;
+         },
+         nullptr},
+    };
+    for (const Row& row : rows) {
+        auto capabilities = capabilities_;
+        auto connection = connection_;
+        row.change(capabilities, connection);
+        const auto fits = checkPlanFits(result.daq, capabilities, connection);
+        ASSERT_EQ(fits.ok(), row.difference == nullptr) << (row.difference ? row.difference : "");
+        if (!fits.ok()) {
+            EXPECT_EQ(fits.error().text(), std::string("the ECU came back with another ") + row.difference);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace lm::session
