@@ -5,9 +5,9 @@
 namespace lm::a2l {
 namespace {
 
-constexpr std::array<std::string_view, 11> kNames = {
-    "UBYTE",    "SBYTE",   "UWORD",        "SWORD",        "ULONG",       "SLONG",
-    "A_UINT64", "A_INT64", "FLOAT16_IEEE", "FLOAT32_IEEE", "FLOAT64_IEEE"};
+constexpr std::array<std::string_view, 11> kNames = {"UBYTE",        "SBYTE",        "UWORD",       "SWORD",
+                                                     "ULONG",        "SLONG",        "A_UINT64",    "A_INT64",
+                                                     "FLOAT16_IEEE", "FLOAT32_IEEE", "FLOAT64_IEEE"};
 
 }  // namespace
 

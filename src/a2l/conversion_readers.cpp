@@ -1,0 +1,188 @@
+#include "a2l/conversion_readers.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+#include "a2l/arguments.h"
+#include "a2l/object.h"
+
+namespace lm::a2l {
+namespace {
+
+enum class Word : std::uint8_t { other, coeffs, coeffsLinear, compuTabRef, statusStringRef };
+using Keyword = OptionalKeyword<Word>;
+
+constexpr std::array kMethodKeywords = {
+    Keyword{"COEFFS", 0, Word::coeffs},
+    Keyword{"COEFFS_LINEAR", 0, Word::coeffsLinear},
+    Keyword{"COMPU_TAB_REF", 1, Word::compuTabRef},
+    Keyword{"STATUS_STRING_REF", 1, Word::statusStringRef},
+    Keyword{"REF_UNIT", 1, Word::other},
+};
+
+ConversionType readConversionType(const Block& block, std::size_t index) {
+    static constexpr std::array<std::string_view, 7> kNames = {
+        "IDENTICAL", "LINEAR", "RAT_FUNC", "TAB_INTP", "TAB_NOINTP", "TAB_VERB", "FORM"};
+    const std::string_view word = readIdentifier(block, index, "conversion type");
+    const auto* found = std::find(kNames.begin(), kNames.end(), word);
+    if (found == kNames.end()) throw ObjectError("unknown conversion type '" + std::string(word) + "'");
+    return static_cast<ConversionType>(found - kNames.begin());
+}
+
+std::vector<double> numbersFrom(const Block& block, std::size_t first) {
+    std::vector<double> numbers;
+    const auto tokens = block.tokens();
+    for (std::size_t i = first; i < tokens.size() && tokens[i].kind == TokenKind::number; ++i) {
+        numbers.push_back(tokens[i].value);
+    }
+    return numbers;
+}
+
+void readFormula(CompuMethod& method, const Block& block, Keeper& keeper) {
+    method.formula = keeper.own(readString(block, 0, "FORMULA"));
+    const auto tokens = block.tokens();
+    for (std::size_t i = 1; i < tokens.size(); ++i) {
+        if (!tokens[i].is("FORMULA_INV")) continue;
+        method.formulaInverse = keeper.own(readString(block, i + 1, "FORMULA_INV"));
+    }
+}
+
+struct Coefficients {
+    std::optional<std::vector<double>> linear;
+    std::optional<std::vector<double>> rational;
+};
+
+// What the conversion type needs has to be there.
+void checkMethod(CompuMethod& method, Coefficients& coefficients, bool hasFormula) {
+    if (coefficients.linear && coefficients.linear->size() != 2) {
+        throw ObjectError("COEFFS_LINEAR needs 2 numbers");
+    }
+    if (coefficients.rational && coefficients.rational->size() != 6) {
+        throw ObjectError("COEFFS needs 6 numbers");
+    }
+    switch (method.type) {
+        case ConversionType::identical:
+            break;
+        case ConversionType::linear:
+            if (!coefficients.linear) throw ObjectError("LINEAR without COEFFS_LINEAR");
+            method.coefficients = std::move(*coefficients.linear);
+            break;
+        case ConversionType::ratFunc:
+            if (!coefficients.rational) throw ObjectError("RAT_FUNC without COEFFS");
+            method.coefficients = std::move(*coefficients.rational);
+            break;
+        case ConversionType::tabIntp:
+        case ConversionType::tabNointp:
+        case ConversionType::tabVerb:
+            if (method.tableRef.empty()) throw ObjectError("table conversion without COMPU_TAB_REF");
+            break;
+        case ConversionType::form:
+            if (!hasFormula) throw ObjectError("FORM without FORMULA");
+            break;
+    }
+}
+
+}  // namespace
+
+CompuMethod readCompuMethod(const Block& block, Keeper& keeper) {
+    constexpr std::size_t kPositional = 5;
+    CompuMethod method;
+    const std::string_view name = readIdentifier(block, 0, "name");
+    method.longIdentifier = keeper.own(readString(block, 1, "long identifier"));
+    method.type = readConversionType(block, 2);
+    method.format = keeper.common(readString(block, 3, "format"));
+    method.unit = keeper.common(readString(block, 4, "unit"));
+    Coefficients coefficients;
+    forEachOptional<Word>(block, kPositional, kMethodKeywords, [&](Word word, std::size_t value) {
+        if (word == Word::coeffs) coefficients.rational = numbersFrom(block, value);
+        if (word == Word::coeffsLinear) coefficients.linear = numbersFrom(block, value);
+        if (word == Word::compuTabRef) {
+            method.tableRef = keeper.common(readIdentifier(block, value, "COMPU_TAB_REF"));
+        }
+        if (word == Word::statusStringRef) {
+            method.statusStringRef = keeper.common(readIdentifier(block, value, "STATUS_STRING_REF"));
+        }
+    });
+    const Block* formula = block.child("FORMULA");
+    if (formula != nullptr) readFormula(method, *formula, keeper);
+    checkMethod(method, coefficients, formula != nullptr);
+    method.name = keeper.common(name);
+    return method;
+}
+
+CompuTab readCompuTab(const Block& block, Keeper& keeper) {
+    CompuTab table;
+    const std::string_view name = readIdentifier(block, 0, "name");
+    readString(block, 1, "long identifier");
+    readConversionType(block, 2);
+    const auto count = readCount<std::uint32_t>(block, 3, "number of value pairs");
+    std::size_t next = 4;
+    for (std::uint32_t i = 0; i < count; ++i, next += 2) {
+        table.pairs.emplace_back(readNumber(block, next, "InVal"), readNumber(block, next + 1, "OutVal"));
+    }
+    for (; next < block.tokens().size(); ++next) {
+        if (block.tokens()[next].is("DEFAULT_VALUE")) {
+            table.defaultText = keeper.own(readString(block, next + 1, "DEFAULT_VALUE"));
+        } else if (block.tokens()[next].is("DEFAULT_VALUE_NUMERIC")) {
+            table.defaultNumeric = readNumber(block, next + 1, "DEFAULT_VALUE_NUMERIC");
+        }
+    }
+    table.name = keeper.own(name);
+    return table;
+}
+
+namespace {
+
+// Entries of `numbers` numbers (the bounds) and a text each, then the default text.
+CompuVtab readTexts(const Block& block, std::size_t next, std::uint32_t count, std::size_t numbers,
+                    Keeper& keeper) {
+    CompuVtab table;
+    for (std::uint32_t i = 0; i < count; ++i, next += numbers + 1) {
+        CompuVtab::Range range;
+        range.lower = range.upper = readNumber(block, next, "InVal");
+        if (numbers == 2) range.upper = readNumber(block, next + 1, "InValMax");
+        range.text = keeper.common(readString(block, next + numbers, "OutVal"));
+        table.ranges.push_back(range);
+    }
+    for (; next < block.tokens().size(); ++next) {
+        if (!block.tokens()[next].is("DEFAULT_VALUE")) continue;
+        table.defaultText = keeper.common(readString(block, next + 1, "DEFAULT_VALUE"));
+    }
+    table.name = keeper.own(readIdentifier(block, 0, "name"));
+    return table;
+}
+
+}  // namespace
+
+CompuVtab readCompuVtab(const Block& block, Keeper& keeper) {
+    readIdentifier(block, 0, "name");
+    readString(block, 1, "long identifier");
+    readConversionType(block, 2);
+    return readTexts(block, 4, readCount<std::uint32_t>(block, 3, "number of value pairs"), 1, keeper);
+}
+
+CompuVtab readCompuVtabRange(const Block& block, Keeper& keeper) {
+    readIdentifier(block, 0, "name");
+    readString(block, 1, "long identifier");
+    return readTexts(block, 3, readCount<std::uint32_t>(block, 2, "number of entries"), 2, keeper);
+}
+
+RecordLayout readRecordLayout(const Block& block, Keeper& keeper) {
+    RecordLayout layout;
+    const std::string_view name = readIdentifier(block, 0, "name");
+    for (std::size_t i = 1; i < block.tokens().size(); ++i) {
+        if (!block.tokens()[i].is("FNC_VALUES")) continue;
+        RecordLayout::Entry entry;
+        entry.position = readCount<std::uint16_t>(block, i + 1, "position");
+        entry.dataType = readDataType(block, i + 2);
+        entry.indexMode = keeper.common(readIdentifier(block, i + 3, "index mode"));
+        entry.addressType = keeper.common(readIdentifier(block, i + 4, "address type"));
+        layout.fncValues = entry;
+        break;
+    }
+    layout.name = keeper.common(name);
+    return layout;
+}
+
+}  // namespace lm::a2l

@@ -1,0 +1,27 @@
+// The private side of a Description: its texts, its name indices and the pool of event channels.
+//
+// Threads and lifetime: as the Description that owns it.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "a2l/description.h"
+#include "a2l/name_index.h"
+#include "a2l/text_store.h"
+
+namespace lm::a2l {
+
+struct Description::Store {
+    TextStore texts;
+    NameIndex measurements;
+    NameIndex characteristics;
+    NameIndex axisPoints;
+    NameIndex compuMethods;
+    NameIndex compuTabs;
+    NameIndex compuVtabs;
+    NameIndex recordLayouts;
+    std::vector<std::uint16_t> events;
+};
+
+}  // namespace lm::a2l

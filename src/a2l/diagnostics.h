@@ -1,0 +1,29 @@
+// What was left out while reading a description, with the lines, in any order.
+//
+// Threads: one at a time. Lifetime: owns its texts.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace lm::a2l {
+
+class Diagnostics {
+  public:
+    /// "skipped: KIND 'NAME' (line N): REASON"; without a name "skipped: KIND (line N): REASON".
+    void skipped(std::string_view kind, std::string_view name, std::uint32_t line, std::string_view reason);
+
+    /// The texts, ordered by line.
+    std::vector<std::string> take();
+
+  private:
+    struct Entry {
+        std::uint32_t line;
+        std::string text;
+    };
+    std::vector<Entry> entries_;
+};
+
+}  // namespace lm::a2l

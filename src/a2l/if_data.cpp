@@ -1,0 +1,205 @@
+#include "a2l/if_data.h"
+
+#include <array>
+#include <string_view>
+
+#include "a2l/arguments.h"
+#include "a2l/object.h"
+
+namespace lm::a2l {
+namespace {
+
+template <typename Id>
+using Keyword = OptionalKeyword<Id>;
+
+XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
+    enum class Word : std::uint8_t { other, little, big, byte, word, dword, command };
+    static constexpr std::array kKeywords = {
+        Keyword<Word>{"BYTE_ORDER_MSB_LAST", 0, Word::little},
+        Keyword<Word>{"BYTE_ORDER_MSB_FIRST", 0, Word::big},
+        Keyword<Word>{"ADDRESS_GRANULARITY_BYTE", 0, Word::byte},
+        Keyword<Word>{"ADDRESS_GRANULARITY_WORD", 0, Word::word},
+        Keyword<Word>{"ADDRESS_GRANULARITY_DWORD", 0, Word::dword},
+        Keyword<Word>{"OPTIONAL_CMD", 1, Word::command},
+        Keyword<Word>{"OPTIONAL_LEVEL1_CMD", 1, Word::other},
+    };
+    XcpProtocolLayer layer;
+    layer.version = readNumber(block, 0, "version");
+    std::size_t next = 1;
+    for (std::uint16_t& timeout : layer.timeoutsMs)
+        timeout = readCount<std::uint16_t>(block, next++, "timeout");
+    layer.maxCto = readCount<std::uint8_t>(block, next++, "MAX_CTO");
+    layer.maxDto = readCount<std::uint16_t>(block, next++, "MAX_DTO");
+    forEachOptional<Word>(block, next, kKeywords, [&](Word word, std::size_t value) {
+        if (word == Word::little) layer.byteOrder = ByteOrder::littleEndian;
+        if (word == Word::big) layer.byteOrder = ByteOrder::bigEndian;
+        if (word == Word::byte) layer.addressGranularity = std::uint8_t{1};
+        if (word == Word::word) layer.addressGranularity = std::uint8_t{2};
+        if (word == Word::dword) layer.addressGranularity = std::uint8_t{4};
+        if (word == Word::command) {
+            layer.optionalCommands.emplace_back(readIdentifier(block, value, "OPTIONAL_CMD"));
+        }
+    });
+    return layer;
+}
+
+XcpEvent readEvent(const Block& block, Diagnostics&) {
+    XcpEvent event;
+    event.name = readString(block, 0, "name");
+    event.shortName = readString(block, 1, "short name");
+    event.channel = readCount<std::uint16_t>(block, 2, "channel");
+    event.direction = readIdentifier(block, 3, "direction");
+    event.maxDaqList = readCount<std::uint8_t>(block, 4, "max DAQ list");
+    event.timeCycle = readCount<std::uint8_t>(block, 5, "time cycle");
+    event.timeUnit = readCount<std::uint8_t>(block, 6, "time unit");
+    event.priority = readCount<std::uint8_t>(block, 7, "priority");
+    return event;
+}
+
+// The block's record, or nothing and a diagnostic.
+template <typename Part>
+std::optional<Part> readPart(const Block& block, Part (*read)(const Block&, Diagnostics&),
+                             Diagnostics& diagnostics) {
+    try {
+        return read(block, diagnostics);
+    } catch (const ObjectError& error) {
+        diagnostics.skipped(block.keyword, {}, block.line, error.what());
+        return std::nullopt;
+    }
+}
+
+std::optional<std::uint8_t> timestampSize(const Block& block) {
+    for (const Token& token : block.tokens()) {
+        if (token.is("SIZE_BYTE")) return std::uint8_t{1};
+        if (token.is("SIZE_WORD")) return std::uint8_t{2};
+        if (token.is("SIZE_DWORD")) return std::uint8_t{4};
+    }
+    return std::nullopt;
+}
+
+XcpDaq readDaq(const Block& block, Diagnostics& diagnostics) {
+    XcpDaq daq;
+    daq.dynamic = readIdentifier(block, 0, "mode") == "DYNAMIC";
+    if (const Block* timestamp = block.child("TIMESTAMP_SUPPORTED"))
+        daq.timestampSize = timestampSize(*timestamp);
+    for (const Block& child : block.children()) {
+        if (child.keyword != "EVENT") continue;
+        if (auto event = readPart(child, readEvent, diagnostics)) daq.events.push_back(std::move(*event));
+    }
+    return daq;
+}
+
+struct CanFd {
+    std::optional<std::uint32_t> dataBaudrate;
+    std::optional<std::uint8_t> maxDlc;
+    bool maxDlcRequired = false;
+};
+
+CanFd readCanFd(const Block& block, Diagnostics&) {
+    enum class Word : std::uint8_t { maxDlc, dataBaudrate, maxDlcRequired };
+    static constexpr std::array kKeywords = {
+        Keyword<Word>{"MAX_DLC", 1, Word::maxDlc},
+        Keyword<Word>{"CAN_FD_DATA_TRANSFER_BAUDRATE", 1, Word::dataBaudrate},
+        Keyword<Word>{"MAX_DLC_REQUIRED", 0, Word::maxDlcRequired},
+    };
+    CanFd fd;
+    forEachOptional<Word>(block, 0, kKeywords, [&](Word word, std::size_t value) {
+        if (word == Word::maxDlc) fd.maxDlc = readCount<std::uint8_t>(block, value, "MAX_DLC");
+        if (word == Word::dataBaudrate) {
+            fd.dataBaudrate = readCount<std::uint32_t>(block, value, "CAN_FD_DATA_TRANSFER_BAUDRATE");
+        }
+        if (word == Word::maxDlcRequired) fd.maxDlcRequired = true;
+    });
+    return fd;
+}
+
+// The identifier of a DAQ_LIST_CAN_ID block: the list's number, then VARIABLE or FIXED and the identifier.
+std::optional<std::uint32_t> readFixedListId(const Block& block, Diagnostics&) {
+    for (std::size_t i = 0; i < block.tokens().size(); ++i) {
+        if (block.tokens()[i].is("FIXED")) return readCount<std::uint32_t>(block, i + 1, "FIXED");
+    }
+    return std::nullopt;
+}
+
+void readCanChild(XcpOnCan& can, const Block& child, Diagnostics& diagnostics) {
+    if (child.keyword == "CAN_FD") {
+        const auto fd = readPart(child, readCanFd, diagnostics);
+        if (!fd || can.fd) return;
+        can.fd = true;
+        can.dataBaudrate = fd->dataBaudrate;
+        can.maxDlc = fd->maxDlc;
+        can.maxDlcRequired = can.maxDlcRequired || fd->maxDlcRequired;
+    } else if (child.keyword == "DAQ_LIST_CAN_ID") {
+        const auto id = readPart(child, readFixedListId, diagnostics);
+        if (id && *id) can.daqListIds.push_back(**id);
+    }
+}
+
+XcpOnCan readCan(const Block& block, Diagnostics& diagnostics) {
+    enum class Word : std::uint8_t { broadcast, master, slave, baudrate, maxDlcRequired };
+    static constexpr std::array kKeywords = {
+        Keyword<Word>{"CAN_ID_BROADCAST", 1, Word::broadcast},
+        Keyword<Word>{"CAN_ID_MASTER", 1, Word::master},
+        Keyword<Word>{"CAN_ID_SLAVE", 1, Word::slave},
+        Keyword<Word>{"BAUDRATE", 1, Word::baudrate},
+        Keyword<Word>{"MAX_DLC_REQUIRED", 0, Word::maxDlcRequired},
+    };
+    XcpOnCan can;
+    const auto number = [&](std::size_t index, std::string_view label) {
+        return readCount<std::uint32_t>(block, index, label);
+    };
+    forEachOptional<Word>(block, 0, kKeywords, [&](Word word, std::size_t value) {
+        if (word == Word::broadcast) can.broadcastId = number(value, "CAN_ID_BROADCAST");
+        if (word == Word::master) can.masterId = number(value, "CAN_ID_MASTER");
+        if (word == Word::slave) can.slaveId = number(value, "CAN_ID_SLAVE");
+        if (word == Word::baudrate) can.baudrate = number(value, "BAUDRATE");
+        if (word == Word::maxDlcRequired) can.maxDlcRequired = true;
+    });
+    for (const Block& child : block.children())
+        readCanChild(can, child, diagnostics);
+    return can;
+}
+
+XcpOnUdp readUdp(const Block& block, Diagnostics&) {
+    XcpOnUdp udp;
+    readNumber(block, 0, "version");
+    udp.port = readCount<std::uint16_t>(block, 1, "port");
+    const auto tokens = block.tokens();
+    for (std::size_t i = 2; i < tokens.size() && udp.host.empty(); ++i) {
+        if (!tokens[i].is("ADDRESS") && !tokens[i].is("IPV6") && !tokens[i].is("HOST_NAME")) continue;
+        udp.host = readString(block, i + 1, tokens[i].text);
+    }
+    return udp;
+}
+
+XcpOnSerial readSerial(const Block& block, Diagnostics&) {
+    readNumber(block, 0, "version");
+    return {readCount<std::uint32_t>(block, 1, "baud rate")};
+}
+
+template <typename Part>
+void readFirst(std::optional<Part>& part, const Block& block, Part (*read)(const Block&, Diagnostics&),
+               Diagnostics& diagnostics) {
+    if (!part) part = readPart(block, read, diagnostics);
+}
+
+}  // namespace
+
+bool isXcpInterfaceData(const Block& block) {
+    const auto tokens = block.tokens();
+    return block.keyword == "IF_DATA" && !tokens.empty() && (tokens[0].is("XCP") || tokens[0].is("XCPplus"));
+}
+
+void readXcpInterface(const Block& ifData, XcpInterface& xcp, Diagnostics& diagnostics) {
+    for (const Block& block : ifData.children()) {
+        if (block.keyword == "PROTOCOL_LAYER")
+            readFirst(xcp.protocolLayer, block, readProtocolLayer, diagnostics);
+        if (block.keyword == "DAQ") readFirst(xcp.daq, block, readDaq, diagnostics);
+        if (block.keyword == "XCP_ON_CAN") readFirst(xcp.can, block, readCan, diagnostics);
+        if (block.keyword == "XCP_ON_UDP_IP") readFirst(xcp.udp, block, readUdp, diagnostics);
+        if (block.keyword == "XCP_ON_TCP_IP") xcp.tcp = true;
+        if (block.keyword == "XCP_ON_SxI") readFirst(xcp.serial, block, readSerial, diagnostics);
+    }
+}
+
+}  // namespace lm::a2l

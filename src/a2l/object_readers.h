@@ -1,0 +1,31 @@
+// One block of the module to one record of the model: measurements, characteristics, axis points.
+//
+// Threads: one at a time. Lifetime: the records' texts live in the Keeper's store. All readers throw
+// ObjectError when an argument is missing or wrong.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "a2l/description.h"
+#include "a2l/text_store.h"
+#include "a2l/tokenizer.h"
+
+namespace lm::a2l {
+
+/// Where the texts and lists of the records go.
+struct Keeper {
+    TextStore& texts;
+    TextInterner& shared;  ///< for texts that many objects have in common
+    std::vector<std::uint16_t>& events;
+
+    /// A string of which almost every object has its own.
+    std::string_view own(std::string_view text) { return texts.keep(text); }
+    std::string_view common(std::string_view text) { return shared.keep(text); }
+};
+
+Measurement readMeasurement(const Block& block, Keeper& keeper);
+Characteristic readCharacteristic(const Block& block, Keeper& keeper);
+AxisPoints readAxisPoints(const Block& block, Keeper& keeper);
+
+}  // namespace lm::a2l

@@ -1,0 +1,192 @@
+#include "a2l/parser.h"
+
+#include <array>
+#include <string>
+#include <utility>
+
+#include "a2l/arguments.h"
+#include "a2l/conversion_readers.h"
+#include "a2l/if_data.h"
+#include "a2l/object.h"
+
+namespace lm::a2l {
+namespace {
+
+std::string_view textAt(const Block& block, std::size_t index) {
+    return index < block.tokens().size() ? block.tokens()[index].text : std::string_view();
+}
+
+}  // namespace
+
+Parser::Parser(std::size_t textSize)
+    : textSize_(textSize),
+      shared_(description_.store_->texts),
+      keeper_{description_.store_->texts, shared_, description_.store_->events} {}
+
+Parser::Kind Parser::kindOf(std::string_view keyword) {
+    static constexpr std::array<std::string_view, static_cast<std::size_t>(Kind::count)> kKeywords = {
+        "MEASUREMENT",      "CHARACTERISTIC", "AXIS_PTS",   "COMPU_METHOD", "COMPU_TAB", "COMPU_VTAB",
+        "COMPU_VTAB_RANGE", "RECORD_LAYOUT",  "MOD_COMMON", "MOD_PAR",      "IF_DATA"};
+    std::size_t kind = 0;
+    while (kind < kKeywords.size() && kKeywords[kind] != keyword)
+        ++kind;
+    return static_cast<Kind>(kind);
+}
+
+BlockVisitor::Step Parser::opened(std::string_view keyword, std::size_t depth) {
+    constexpr std::size_t kInRoot = 0;
+    constexpr std::size_t kInProject = 1;
+    if (depth == kInRoot) {
+        if (keyword != "PROJECT" || std::exchange(hasProject_, true)) return Step::skip;
+        return Step::descend;
+    }
+    if (depth == kInProject) {
+        if (keyword != "MODULE" || std::exchange(hasModule_, true)) return Step::skip;
+        return Step::descend;
+    }
+    kind_ = kindOf(keyword);
+    return kind_ == Kind::count ? Step::skip : Step::collect;
+}
+
+void Parser::collected(const Block& block) {
+    try {
+        read(block);
+    } catch (const ObjectError& error) {
+        const bool named = kind_ < Kind::modCommon;
+        diagnostics_.skipped(block.keyword, named ? textAt(block, 0) : std::string_view(), block.line,
+                             error.what());
+    }
+}
+
+void Parser::closed(const Block& block, std::size_t depth) {
+    TextStore& texts = description_.store_->texts;
+    if (depth == 0 && block.keyword.empty()) {
+        closeRoot(block);
+    } else if (depth == 0) {
+        description_.projectName = texts.keep(textAt(block, 0));
+        description_.projectLongIdentifier = texts.keep(textAt(block, 1));
+    } else {
+        description_.moduleName = texts.keep(textAt(block, 0));
+        description_.moduleLongIdentifier = texts.keep(textAt(block, 1));
+    }
+}
+
+void Parser::closeRoot(const Block& block) {
+    const auto tokens = block.tokens();
+    for (std::size_t i = 0; i + 2 < tokens.size(); ++i) {
+        if (!tokens[i].is("ASAP2_VERSION")) continue;
+        if (tokens[i + 1].kind != TokenKind::number || tokens[i + 2].kind != TokenKind::number) continue;
+        description_.asap2Version.emplace(tokens[i + 1].value, tokens[i + 2].value);
+        return;
+    }
+}
+
+void Parser::included(std::string_view file, std::uint32_t line) {
+    diagnostics_.skipped("/include", file, line, "included files are not read");
+}
+
+void Parser::passed(std::size_t) {}
+
+template <typename Record>
+void Parser::add(std::vector<Record>& records, Lines& lines, Record record, const Block& block) {
+    records.push_back(std::move(record));
+    lines.push_back(block.line);
+}
+
+void Parser::read(const Block& block) {
+    Description& d = description_;
+    switch (kind_) {
+        case Kind::measurement:
+            return add(d.measurements, measurementLines_, readMeasurement(block, keeper_), block);
+        case Kind::characteristic:
+            return add(d.characteristics, characteristicLines_, readCharacteristic(block, keeper_), block);
+        case Kind::axisPoints:
+            return add(d.axisPoints, axisPointsLines_, readAxisPoints(block, keeper_), block);
+        case Kind::compuMethod:
+            return add(d.compuMethods, methodLines_, readCompuMethod(block, keeper_), block);
+        case Kind::compuTab:
+            return add(d.compuTabs, tabLines_, readCompuTab(block, keeper_), block);
+        case Kind::compuVtab:
+            return add(d.compuVtabs, vtabLines_, readCompuVtab(block, keeper_), block);
+        case Kind::compuVtabRange:
+            return add(d.compuVtabs, vtabLines_, readCompuVtabRange(block, keeper_), block);
+        case Kind::recordLayout:
+            return add(d.recordLayouts, layoutLines_, readRecordLayout(block, keeper_), block);
+        case Kind::modCommon:
+            return readModCommon(block);
+        case Kind::modPar:
+            return readModPar(block);
+        case Kind::ifData:
+            if (isXcpInterfaceData(block)) readXcpInterface(block, d.xcp, diagnostics_);
+            return;
+        case Kind::count:
+            return;
+    }
+}
+
+void Parser::readModCommon(const Block& block) {
+    enum class Word : std::uint8_t { other, byteOrder };
+    using Keyword = OptionalKeyword<Word>;
+    static constexpr std::array kKeywords = {
+        Keyword{"BYTE_ORDER", 1, Word::byteOrder},
+        Keyword{"S_REC_LAYOUT", 1, Word::other},
+        Keyword{"DEPOSIT", 1, Word::other},
+    };
+    forEachOptional<Word>(block, 0, kKeywords, [&](Word word, std::size_t value) {
+        if (word != Word::byteOrder) return;
+        const ByteOrder order = readByteOrder(block, value);
+        if (!description_.byteOrder) description_.byteOrder = order;
+    });
+}
+
+void Parser::readModPar(const Block& block) {
+    const auto tokens = block.tokens();
+    for (std::size_t i = 0; i < tokens.size(); ++i) {
+        if (!tokens[i].is("SYSTEM_CONSTANT")) continue;
+        const std::string_view name = readString(block, i + 1, "SYSTEM_CONSTANT");
+        const std::string_view value = readString(block, i + 2, "SYSTEM_CONSTANT");
+        if (description_.systemConstants.contains(name)) {
+            diagnostics_.skipped("SYSTEM_CONSTANT", name, tokens[i].line, "the name is already used");
+            continue;
+        }
+        description_.systemConstants.emplace(keeper_.own(name), keeper_.own(value));
+    }
+}
+
+template <typename Record>
+void Parser::index(NameIndex& names, std::vector<Record>& records, const Lines& lines,
+                   std::string_view kind) {
+    const std::vector<std::uint32_t> repeated = names.build(records);
+    if (repeated.empty()) return;
+    auto next = repeated.begin();
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        if (next != repeated.end() && *next == i) {
+            diagnostics_.skipped(kind, records[i].name, lines[i], "the name is already used");
+            ++next;
+            continue;
+        }
+        if (kept != i) records[kept] = std::move(records[i]);
+        ++kept;
+    }
+    records.erase(records.begin() + static_cast<std::ptrdiff_t>(kept), records.end());
+    names.build(records);
+}
+
+Result<Description> Parser::finish() {
+    if (!hasProject_) return Error{ErrorCode::invalidArgument, "A2L: no PROJECT block"};
+    if (!hasModule_) return Error{ErrorCode::invalidArgument, "A2L: no MODULE block"};
+    Description& d = description_;
+    Description::Store& store = *d.store_;
+    index(store.measurements, d.measurements, measurementLines_, "MEASUREMENT");
+    index(store.characteristics, d.characteristics, characteristicLines_, "CHARACTERISTIC");
+    index(store.axisPoints, d.axisPoints, axisPointsLines_, "AXIS_PTS");
+    index(store.compuMethods, d.compuMethods, methodLines_, "COMPU_METHOD");
+    index(store.compuTabs, d.compuTabs, tabLines_, "COMPU_TAB");
+    index(store.compuVtabs, d.compuVtabs, vtabLines_, "COMPU_VTAB");
+    index(store.recordLayouts, d.recordLayouts, layoutLines_, "RECORD_LAYOUT");
+    d.warnings = diagnostics_.take();
+    return std::move(d);
+}
+
+}  // namespace lm::a2l

@@ -1,0 +1,81 @@
+// Fills a Description from the blocks of one A2L text, while the text is being scanned.
+//
+// Threads: one at a time. Lifetime: blocks are used during the calls only; the text may be gone after
+// finish().
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "a2l/description_store.h"
+#include "a2l/diagnostics.h"
+#include "a2l/object_readers.h"
+#include "a2l/tokenizer.h"
+#include "core/result.h"
+
+namespace lm::a2l {
+
+class Parser : public BlockVisitor {
+  public:
+    /// `textSize` is the size of the whole text, for estimates.
+    explicit Parser(std::size_t textSize);
+
+    Step opened(std::string_view keyword, std::size_t depth) override;
+    void collected(const Block& block) override;
+    void closed(const Block& block, std::size_t depth) override;
+    void included(std::string_view file, std::uint32_t line) override;
+    void passed(std::size_t offset) override;
+
+    /// The description of what was given. Errors (invalidArgument): "A2L: no PROJECT block", "A2L: no MODULE
+    /// block".
+    Result<Description> finish();
+
+  private:
+    enum class Kind : std::uint8_t {
+        measurement,
+        characteristic,
+        axisPoints,
+        compuMethod,
+        compuTab,
+        compuVtab,
+        compuVtabRange,
+        recordLayout,
+        modCommon,
+        modPar,
+        ifData,
+        count,
+    };
+    using Lines = std::vector<std::uint32_t>;
+
+    static Kind kindOf(std::string_view keyword);
+    void read(const Block& block);
+    void readModCommon(const Block& block);
+    void readModPar(const Block& block);
+    void closeRoot(const Block& block);
+
+    template <typename Record>
+    void add(std::vector<Record>& records, Lines& lines, Record record, const Block& block);
+    template <typename Record>
+    void index(NameIndex& names, std::vector<Record>& records, const Lines& lines, std::string_view kind);
+
+    std::size_t textSize_;
+    Description description_;
+    TextInterner shared_;
+    Keeper keeper_;
+    Diagnostics diagnostics_;
+    Kind kind_ = Kind::count;  // of the block being collected
+    bool hasProject_ = false;
+    bool hasModule_ = false;
+    // The lines of the records, which nobody needs once the names are checked.
+    Lines measurementLines_;
+    Lines characteristicLines_;
+    Lines axisPointsLines_;
+    Lines methodLines_;
+    Lines tabLines_;
+    Lines vtabLines_;
+    Lines layoutLines_;
+};
+
+}  // namespace lm::a2l

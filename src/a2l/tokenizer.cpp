@@ -1,0 +1,417 @@
+#include "a2l/tokenizer.h"
+
+#include <array>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <optional>
+#include <string>
+
+#include "core/text.h"
+
+namespace lm::a2l {
+namespace {
+
+// Real files nest some ten levels; the limit keeps everything that walks the tree from exhausting the stack.
+constexpr std::size_t kMaxDepth = 250;
+
+enum class Class : std::uint8_t { other, blank, lineFeed, word, quote, slash };
+
+constexpr std::array<Class, 256> makeClasses() {
+    std::array<Class, 256> classes{};
+    for (const char c : {' ', '\t', '\v', '\f', '\r'})
+        classes[static_cast<unsigned char>(c)] = Class::blank;
+    classes['\n'] = Class::lineFeed;
+    classes['"'] = Class::quote;
+    classes['/'] = Class::slash;
+    for (unsigned c = '0'; c <= '9'; ++c)
+        classes[c] = Class::word;
+    for (unsigned c = 'A'; c <= 'Z'; ++c)
+        classes[c] = classes[c + ('a' - 'A')] = Class::word;
+    for (const char c : {'+', '-', '.', '_', '[', ']'})
+        classes[static_cast<unsigned char>(c)] = Class::word;
+    return classes;
+}
+
+constexpr std::array<Class, 256> kClasses = makeClasses();
+
+Class classOf(char c) {
+    return kClasses[static_cast<unsigned char>(c)];
+}
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// The digits behind 0x; none when one of them is not hexadecimal.
+std::optional<double> hexadecimalValue(std::string_view digits) {
+    const auto first = digits.find_first_not_of('0');
+    if (first == std::string_view::npos) return 0.0;
+    std::uint64_t value = 0;
+    for (const char c : digits.substr(first)) {
+        const char lower = static_cast<char>(c | 0x20);
+        unsigned digit = 0;
+        if (isDigit(c)) {
+            digit = static_cast<unsigned>(c - '0');
+        } else if (lower >= 'a' && lower <= 'f') {
+            digit = static_cast<unsigned>(lower - 'a') + 10;
+        } else {
+            return std::nullopt;
+        }
+        const bool full = value > std::numeric_limits<std::uint64_t>::max() >> 4U;
+        value = full ? std::numeric_limits<std::uint64_t>::max() : value << 4U | digit;
+    }
+    return static_cast<double>(value);
+}
+
+// The value of a word that is a number as a whole.
+std::optional<double> numberValue(std::string_view word) {
+    // Fifteen digits are exact in a double; most numbers of a description are such.
+    constexpr std::size_t kExactDigits = 15;
+    const char first = word[0];
+    const bool hasSign = first == '+' || first == '-';
+    const std::string_view rest = hasSign ? word.substr(1) : word;
+    if (rest.empty()) return std::nullopt;
+    if (!isDigit(rest[0]) && !(rest[0] == '.' && rest.size() > 1 && isDigit(rest[1]))) return std::nullopt;
+    if (rest.size() >= 3 && rest[0] == '0' && (rest[1] == 'x' || rest[1] == 'X')) {
+        const auto magnitude = hexadecimalValue(rest.substr(2));
+        if (magnitude) return first == '-' ? -*magnitude : *magnitude;
+    }
+    if (rest.size() <= kExactDigits) {
+        std::uint64_t value = 0;
+        std::size_t i = 0;
+        for (; i < rest.size() && isDigit(rest[i]); ++i) {
+            value = value * 10 + static_cast<unsigned>(rest[i] - '0');
+        }
+        const auto magnitude = static_cast<double>(value);
+        if (i == rest.size()) return first == '-' ? -magnitude : magnitude;
+    }
+    return parseDouble(word);
+}
+
+}  // namespace
+
+const Block* Block::child(std::string_view name) const {
+    for (const Block& block : children()) {
+        if (block.keyword == name) return &block;
+    }
+    return nullptr;
+}
+
+void Block::reset(std::string_view newKeyword, std::uint32_t newLine, std::uint32_t newPosition) {
+    keyword = newKeyword;
+    line = newLine;
+    position = newPosition;
+    tokens_.clear();
+    childCount_ = 0;
+}
+
+Block& Block::addChild() {
+    if (childCount_ == children_.size()) children_.emplace_back();
+    return children_[childCount_++];
+}
+
+// One pass over the text with a stack of open blocks.
+class BlockScanner {
+  public:
+    explicit BlockScanner(std::string_view text)
+        : start_(text.data()), at_(text.data()), end_(text.data() + text.size()) {
+        if (text.starts_with("\xEF\xBB\xBF")) at_ += 3;
+    }
+
+    Result<Block> buildTree();
+    Result<void> visit(BlockVisitor& visitor);
+
+  private:
+    using Step = BlockVisitor::Step;
+
+    struct Open {
+        std::string_view keyword;
+        std::uint32_t line;
+        Step step;
+        Block* block;  // nullptr: skipped
+    };
+
+    Result<void> run();
+    bool skipBlanks();
+    bool skipComment();
+    bool readString();
+    bool readWord();
+    bool readSlash();
+    bool readKeyword(std::string_view& keyword);
+    bool beginBlock();
+    bool endBlock();
+    bool skipA2ml(std::uint32_t beginLine);
+    void openBlock(std::string_view keyword, std::uint32_t line);
+    void closeBlock();
+    void append(std::string_view text, TokenKind kind, double value, std::uint32_t line);
+    bool startsWithKeyword(std::string_view keyword) const;
+    bool fail(std::string message) { return failAt(line_, std::move(message)); }
+    bool failAt(std::uint32_t line, std::string message);
+    void countLines(const char* from, const char* to);
+    void reportInclude();
+
+    const char* start_;
+    const char* at_;
+    const char* end_;
+    std::uint32_t line_ = 1;
+    std::vector<Open> open_;
+    Block* block_ = nullptr;  // takes the tokens; nullptr while skipping
+    BlockVisitor* visitor_ = nullptr;
+    std::deque<Block> descended_;  // one per depth, addresses stay
+    Block collected_;
+    std::size_t passed_ = 0;
+    Error error_;
+};
+
+Result<Block> BlockScanner::buildTree() {
+    Block root;
+    block_ = &root;
+    open_.push_back({{}, 1, Step::collect, block_});
+    if (auto result = run(); !result) return result.error();
+    return root;
+}
+
+Result<void> BlockScanner::visit(BlockVisitor& visitor) {
+    visitor_ = &visitor;
+    block_ = &descended_.emplace_back();
+    open_.push_back({{}, 1, Step::descend, block_});
+    if (auto result = run(); !result) return result.error();
+    visitor.closed(*block_, 0);
+    return {};
+}
+
+Result<void> BlockScanner::run() {
+    while (skipBlanks()) {
+        if (at_ == end_) {
+            const Open& open = open_.back();
+            if (open_.size() == 1) return {};
+            fail("missing /end " + std::string(open.keyword) + " for block at line " +
+                 std::to_string(open.line));
+            break;
+        }
+        const Class c = classOf(*at_);
+        const bool good = c == Class::word    ? readWord()
+                          : c == Class::quote ? readString()
+                          : c == Class::slash
+                              ? readSlash()
+                              : (append({at_, 1}, TokenKind::identifier, 0, line_), ++at_, true);
+        if (!good) break;
+    }
+    return error_;
+}
+
+bool BlockScanner::failAt(std::uint32_t line, std::string message) {
+    error_.code = ErrorCode::invalidArgument;
+    error_.message = "A2L line " + std::to_string(line) + ": " + std::move(message);
+    return false;
+}
+
+void BlockScanner::countLines(const char* from, const char* to) {
+    while (from != to) {
+        const auto* found =
+            static_cast<const char*>(std::memchr(from, '\n', static_cast<std::size_t>(to - from)));
+        if (found == nullptr) return;
+        ++line_;
+        from = found + 1;
+    }
+}
+
+void BlockScanner::append(std::string_view text, TokenKind kind, double value, std::uint32_t line) {
+    if (block_ != nullptr) block_->tokens_.push_back({text, value, line, kind});
+}
+
+bool BlockScanner::skipBlanks() {
+    for (; at_ != end_; ++at_) {
+        const Class c = classOf(*at_);
+        if (c == Class::lineFeed) {
+            ++line_;
+        } else if (c == Class::slash && end_ - at_ > 1 && (at_[1] == '*' || at_[1] == '/')) {
+            if (!skipComment()) return false;
+            if (at_ == end_) return true;
+            --at_;
+        } else if (c != Class::blank) {
+            return true;
+        }
+    }
+    return true;
+}
+
+bool BlockScanner::skipComment() {
+    const std::string_view rest(at_ + 2, static_cast<std::size_t>(end_ - at_ - 2));
+    if (at_[1] == '/') {
+        at_ = rest.data() + std::min(rest.find('\n'), rest.size());
+        return true;
+    }
+    const auto close = rest.find("*/");
+    if (close == std::string_view::npos) return fail("unterminated comment");
+    countLines(at_, rest.data() + close);
+    at_ = rest.data() + close + 2;
+    return true;
+}
+
+bool BlockScanner::readString() {
+    const std::uint32_t line = line_;
+    const char* first = ++at_;
+    for (; at_ != end_ && *at_ != '"'; ++at_) {
+        if (*at_ == '\\' && end_ - at_ > 1) ++at_;
+        if (*at_ == '\n') ++line_;
+    }
+    if (at_ == end_) return fail("unterminated string");
+    append({first, static_cast<std::size_t>(at_ - first)}, TokenKind::string, 0, line);
+    ++at_;
+    return true;
+}
+
+bool BlockScanner::readWord() {
+    const char* first = at_;
+    do
+        ++at_;
+    while (at_ != end_ && classOf(*at_) == Class::word);
+    if (block_ == nullptr) return true;
+    const std::string_view word(first, static_cast<std::size_t>(at_ - first));
+    if (*first <= '9') {
+        if (const auto value = numberValue(word)) {
+            append(word, TokenKind::number, *value, line_);
+            return true;
+        }
+    }
+    append(word, TokenKind::identifier, 0, line_);
+    return true;
+}
+
+bool BlockScanner::startsWithKeyword(std::string_view keyword) const {
+    const auto left = static_cast<std::size_t>(end_ - at_);
+    return left >= keyword.size() && std::memcmp(at_, keyword.data(), keyword.size()) == 0 &&
+           (left == keyword.size() || classOf(at_[keyword.size()]) != Class::word);
+}
+
+bool BlockScanner::readSlash() {
+    if (startsWithKeyword("/begin")) return beginBlock();
+    if (startsWithKeyword("/end")) return endBlock();
+    if (visitor_ != nullptr && startsWithKeyword("/include")) reportInclude();
+    append({at_, 1}, TokenKind::identifier, 0, line_);
+    ++at_;
+    return true;
+}
+
+// Looks ahead for the file's name without moving: the words of the directive are ordinary tokens.
+void BlockScanner::reportInclude() {
+    std::string_view rest(at_, static_cast<std::size_t>(end_ - at_));
+    rest.remove_prefix(std::string_view("/include").size());
+    const auto blanks = rest.find_first_not_of(" \t");
+    std::string_view file;
+    if (blanks != std::string_view::npos && rest[blanks] == '"') {
+        file = rest.substr(blanks + 1);
+        file = file.substr(0, file.find_first_of("\"\n"));
+    }
+    visitor_->included(file, line_);
+}
+
+// The identifier behind /begin or /end.
+bool BlockScanner::readKeyword(std::string_view& keyword) {
+    constexpr const char* kExpected = "keyword expected after /begin or /end";
+    if (!skipBlanks()) return false;
+    if (at_ == end_) return fail(kExpected);
+    const Class c = classOf(*at_);
+    if (c == Class::quote) return readString() && fail(kExpected);
+    const char* first = at_;
+    if (c == Class::slash && (startsWithKeyword("/begin") || startsWithKeyword("/end")))
+        return fail(kExpected);
+    ++at_;
+    if (c == Class::word) {
+        while (at_ != end_ && classOf(*at_) == Class::word)
+            ++at_;
+    }
+    keyword = {first, static_cast<std::size_t>(at_ - first)};
+    if (c == Class::word && *first <= '9' && numberValue(keyword)) return fail(kExpected);
+    return true;
+}
+
+bool BlockScanner::beginBlock() {
+    const std::uint32_t line = line_;
+    at_ += std::string_view("/begin").size();
+    std::string_view keyword;
+    if (!readKeyword(keyword)) return false;
+    if (keyword == "A2ML") return skipA2ml(line);
+    if (open_.size() > kMaxDepth) {
+        return fail("blocks nested deeper than " + std::to_string(kMaxDepth) + " levels");
+    }
+    openBlock(keyword, line);
+    return true;
+}
+
+void BlockScanner::openBlock(std::string_view keyword, std::uint32_t line) {
+    const Open& parent = open_.back();
+    Open open{keyword, line, parent.step, nullptr};
+    if (parent.step == Step::collect) {
+        open.block = &parent.block->addChild();
+    } else if (parent.step == Step::descend) {
+        const std::size_t depth = open_.size() - 1;
+        open.step = visitor_->opened(keyword, depth);
+        if (open.step == Step::collect) open.block = &collected_;
+        if (open.step == Step::descend) {
+            if (descended_.size() <= depth + 1) descended_.emplace_back();
+            open.block = &descended_[depth + 1];
+        }
+    }
+    if (open.block != nullptr) {
+        open.block->reset(keyword, line, static_cast<std::uint32_t>(parent.block->tokens_.size()));
+    }
+    block_ = open.block;
+    open_.push_back(open);
+}
+
+bool BlockScanner::endBlock() {
+    at_ += std::string_view("/end").size();
+    std::string_view keyword;
+    if (!readKeyword(keyword)) return false;
+    if (open_.size() == 1) return fail("unexpected /end " + std::string(keyword));
+    const Open& open = open_.back();
+    if (keyword != open.keyword) {
+        return fail("/end " + std::string(keyword) + " does not match /begin " + std::string(open.keyword) +
+                    " (line " + std::to_string(open.line) + ")");
+    }
+    closeBlock();
+    return true;
+}
+
+void BlockScanner::closeBlock() {
+    const Open closing = open_.back();
+    open_.pop_back();
+    const Open& parent = open_.back();
+    block_ = parent.block;
+    if (visitor_ == nullptr) return;
+    if (parent.step == Step::descend && closing.step == Step::collect) visitor_->collected(*closing.block);
+    if (closing.step == Step::descend) visitor_->closed(*closing.block, open_.size() - 1);
+    const auto offset = static_cast<std::size_t>(at_ - start_);
+    if (offset - passed_ >= BlockVisitor::kPassedStep) {
+        passed_ = offset;
+        visitor_->passed(offset);
+    }
+}
+
+bool BlockScanner::skipA2ml(std::uint32_t beginLine) {
+    constexpr std::string_view kEnd = "/end";
+    constexpr std::string_view kName = "A2ML";
+    const std::string_view rest(at_, static_cast<std::size_t>(end_ - at_));
+    for (auto found = rest.find(kEnd); found != std::string_view::npos; found = rest.find(kEnd, found + 1)) {
+        const auto name = rest.find_first_not_of(" \t\r\n", found + kEnd.size());
+        if (name == std::string_view::npos || !rest.substr(name).starts_with(kName)) continue;
+        countLines(at_, rest.data() + name);
+        at_ = rest.data() + name + kName.size();
+        return true;
+    }
+    countLines(at_, end_);
+    return fail("missing /end A2ML for block at line " + std::to_string(beginLine));
+}
+
+Result<Block> parse(std::string_view text) {
+    return BlockScanner(text).buildTree();
+}
+
+Result<void> scan(std::string_view text, BlockVisitor& visitor) {
+    return BlockScanner(text).visit(visitor);
+}
+
+}  // namespace lm::a2l
