@@ -15,6 +15,9 @@ namespace lm::storage {
 /// The only format version that is written and read.
 inline constexpr std::uint32_t kFormatVersion = 2;
 
+/// Bytes of the largest record: with its timestamp and its place in the queue it still has a 32-bit size.
+inline constexpr std::uint32_t kMaxRecordSize = 0xFFFFFF00;
+
 struct SignalInfo {
     std::string name;
     std::string description;

@@ -19,7 +19,8 @@ namespace lm::storage {
 
 struct WriterOptions {
     /// Bytes of the queue between write() and the files, rounded up to a power of two, at least 64. A record
-    /// needs 16 bytes more than its size there; one that needs more than half of the queue is always dropped.
+    /// needs 20 to 23 bytes more than its size there; one that needs more than half of the queue is always
+    /// dropped.
     std::uint64_t queueBytes = std::uint64_t{64} << 20U;
     /// How often everything buffered goes to the files: what a crash of the process can cost.
     std::int64_t flushIntervalMs = 1000;

@@ -1,0 +1,67 @@
+// The queue of records between the receive threads and the file thread: one block of memory, filled and
+// emptied in a circle, nothing allocated per record.
+//
+// Threads: push() and close() from any number of threads (serialised by a mutex); front() and pop() from one
+// consumer thread, which takes no lock. Lifetime: the ring owns its bytes; an entry's data is valid until
+// pop().
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+namespace lm::storage {
+
+/// An entry in memory: 4 bytes length L (16 + record bytes), 2 bytes group, 6 zero bytes, 8 bytes timestamp,
+/// the record; rounded up to a multiple of 4. An entry never wraps: when it does not fit before the end of
+/// the buffer, the length 0xFFFFFFFF stands there and the entry at the start.
+class ByteRing {
+  public:
+    static constexpr std::uint64_t kEntryHeader = 20;  ///< bytes of an entry in front of its record
+    static constexpr std::uint64_t kMaxCapacity = std::uint64_t{1} << 62U;
+
+    struct Entry {
+        std::uint16_t group = 0;
+        std::int64_t timestampNs = 0;
+        const std::uint8_t* data = nullptr;
+        std::size_t length = 0;
+    };
+
+    /// `bytes` (at most kMaxCapacity) is rounded up to a power of two, at least 64. Without so much memory
+    /// the capacity is 0. The memory is not touched before it is used.
+    explicit ByteRing(std::uint64_t bytes);
+
+    std::uint64_t capacity() const { return capacity_; }
+
+    /// False when the entry would be larger than half the ring, when there is no room, or after close().
+    bool push(std::uint16_t group, std::int64_t timestampNs, const std::uint8_t* data, std::size_t length);
+
+    /// From now on push() refuses; what is queued stays.
+    void close();
+
+    /// The oldest entry, none when the ring is empty.
+    std::optional<Entry> front();
+    /// Frees the entry that front() returned last.
+    void pop();
+
+  private:
+    std::uint8_t* at(std::uint64_t position) { return &buffer_[position & mask_]; }
+
+    std::uint64_t capacity_ = 0;
+    std::uint64_t mask_ = 0;
+    std::unique_ptr<std::uint8_t[]> buffer_;
+
+    // Byte counters that only grow. The producer publishes written_, the consumer read_; each on a cache
+    // line of its own.
+    alignas(64) std::atomic<std::uint64_t> written_{0};
+    alignas(64) std::atomic<std::uint64_t> read_{0};
+    std::uint64_t frontEnd_ = 0;  ///< consumer only: position behind the entry that front() returned
+
+    alignas(64) std::mutex mutex_;  ///< producers
+    bool closed_ = false;           ///< under mutex_
+};
+
+}  // namespace lm::storage

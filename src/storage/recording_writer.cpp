@@ -1,0 +1,270 @@
+#include "storage/recording_writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <pthread.h>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "storage/byte_ring.h"
+#include "storage/group_files.h"
+#include "storage/recording_faults.h"
+#include "storage/recording_meta.h"
+
+namespace lm::storage {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+constexpr std::chrono::milliseconds kIdleWait{2};
+/// Entries taken from the queue between two looks at the clock.
+constexpr std::size_t kBatch = 64;
+/// The group number has 16 bits in the queue.
+constexpr std::size_t kMaxGroups = 65536;
+
+std::int64_t millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+Result<void> removeFile(const fs::path& path) {
+    std::error_code failure;
+    fs::remove(path, failure);
+    if (!failure) return {};
+    return Error::fromErrno(failure.value(), "cannot remove " + path.string());
+}
+
+}  // namespace
+
+struct RecordingWriter::State {
+    State(const fs::path& directory, RecordingInfo recording, const WriterOptions& options)
+        : path(directory),
+          info(std::move(recording)),
+          flushIntervalMs(options.flushIntervalMs),
+          ring(options.queueBytes),
+          faults(directory) {}
+
+    Result<void> prepare();
+    Result<void> makeDirectory();
+    Result<void> checkGroups() const;
+    Result<void> startThread();
+    void stopThread();
+    Result<void> removeNewFiles();
+
+    void run();
+    bool takeBatch();
+    void flushAll();
+    bool waitForMore();
+
+    // Constant after create().
+    const fs::path path;
+    const RecordingInfo info;
+    const std::int64_t flushIntervalMs;
+    bool madeDirectory = false;
+    bool madeMeta = false;
+
+    // Safe from any thread.
+    ByteRing ring;
+    RecordingCounters counters;
+
+    // The file thread's while it runs.
+    RecordingFaults faults;
+    std::vector<GroupFiles> groups;
+    Clock::time_point lastFlush = Clock::now();
+
+    // The owner's.
+    std::thread thread;
+
+    std::mutex stopMutex;
+    std::condition_variable stopChanged;
+    bool stopping = false;  ///< under stopMutex
+};
+
+// --- Making the recording
+
+Result<void> RecordingWriter::State::prepare() {
+    if (ring.capacity() == 0) {
+        return Error{ErrorCode::ioError, "not enough memory for the recording queue"};
+    }
+    if (auto made = makeDirectory(); !made) return made;
+    if (auto fit = checkGroups(); !fit) return fit;
+    if (auto written = writeMeta(path, info); !written) return written;
+    madeMeta = true;
+    for (std::size_t i = 0; i < info.groups.size(); ++i) {
+        auto files = GroupFiles::create(i, info.groups[i], faults, counters);
+        if (!files) return files.error();
+        groups.push_back(std::move(files).value());
+    }
+    return startThread();
+}
+
+Result<void> RecordingWriter::State::makeDirectory() {
+    std::error_code failure;
+    const bool existed = fs::is_directory(path, failure);
+    fs::create_directories(path, failure);
+    const int reason = failure ? failure.value() : ENOTDIR;
+    if (!fs::is_directory(path, failure)) {
+        return Error{codeFromErrno(reason), "cannot create " + path.string(), reason};
+    }
+    madeDirectory = !existed;
+    // Even a dangling link may be somebody's recording on a disk that is not there.
+    const fs::file_status meta = fs::symlink_status(path / kMetaFileName, failure);
+    if (!fs::exists(meta)) return {};
+    return Error{ErrorCode::alreadyOpen, path.string() + " already contains a recording"};
+}
+
+Result<void> RecordingWriter::State::checkGroups() const {
+    if (info.groups.size() > kMaxGroups) return Error{ErrorCode::invalidArgument, "too many groups"};
+    for (const GroupInfo& group : info.groups) {
+        if (group.recordSize > kMaxRecordSize) {
+            return Error{ErrorCode::invalidArgument, group.name + ": record too large"};
+        }
+        if (auto placed = checkSignalPlaces(group); !placed) return placed;
+    }
+    return {};
+}
+
+Result<void> RecordingWriter::State::startThread() {
+    try {
+        thread = std::thread([this] { run(); });
+    } catch (const std::system_error& error) {
+        return Error::fromErrno(error.code().value(), "cannot start the recording thread");
+    }
+    return {};
+}
+
+// --- The file thread
+
+void RecordingWriter::State::run() {
+    pthread_setname_np(pthread_self(), "rec-writer");
+    bool more = true;
+    while (more) {
+        const bool emptied = !takeBatch();
+        if (millisecondsSince(lastFlush) >= flushIntervalMs) flushAll();
+        if (emptied) more = waitForMore();
+    }
+    for (GroupFiles& group : groups)
+        group.close();
+}
+
+/// False when the queue was found empty.
+bool RecordingWriter::State::takeBatch() {
+    for (std::size_t i = 0; i < kBatch; ++i) {
+        const auto entry = ring.front();
+        if (!entry) return false;
+        groups[entry->group].append(entry->timestampNs, entry->data);
+        ring.pop();
+    }
+    return true;
+}
+
+void RecordingWriter::State::flushAll() {
+    for (GroupFiles& group : groups)
+        group.flush();
+    lastFlush = Clock::now();
+}
+
+/// False when the queue is empty and stays so.
+bool RecordingWriter::State::waitForMore() {
+    std::unique_lock lock(stopMutex);
+    const bool stop = stopChanged.wait_for(lock, kIdleWait, [this] { return stopping; });
+    return !stop || ring.front().has_value();
+}
+
+void RecordingWriter::State::stopThread() {
+    ring.close();
+    {
+        const std::scoped_lock lock(stopMutex);
+        stopping = true;
+    }
+    stopChanged.notify_one();
+    if (thread.joinable()) thread.join();
+}
+
+Result<void> RecordingWriter::State::removeNewFiles() {
+    Result<void> result;
+    std::vector<fs::path> files;
+    for (const GroupFiles& group : groups) {
+        for (fs::path& file : group.newFiles())
+            files.push_back(std::move(file));
+    }
+    if (std::exchange(madeMeta, false)) files.push_back(path / kMetaFileName);
+    for (const fs::path& file : files) {
+        auto removed = removeFile(file);
+        if (!removed && result) result = std::move(removed);
+    }
+    groups.clear();
+    // rmdir leaves a directory with somebody else's files alone.
+    std::error_code notEmpty;
+    if (std::exchange(madeDirectory, false)) fs::remove(path, notEmpty);
+    return result;
+}
+
+// --- The owner's side
+
+std::uint64_t recommendedQueueBytes(const RecordingInfo& info) {
+    std::uint64_t largest = 0;
+    for (const GroupInfo& group : info.groups)
+        largest = std::max<std::uint64_t>(largest, group.recordSize);
+    constexpr std::uint64_t kRoundedUp = 3;
+    return std::max(WriterOptions{}.queueBytes, 8 * (largest + ByteRing::kEntryHeader + kRoundedUp));
+}
+
+Result<std::unique_ptr<RecordingWriter>> RecordingWriter::create(const fs::path& path, RecordingInfo info,
+                                                                 WriterOptions options) {
+    auto state = std::make_unique<State>(path, std::move(info), options);
+    if (auto prepared = state->prepare(); !prepared) {
+        auto removed = state->removeNewFiles();
+        static_cast<void>(removed);  // the first error says what to mend
+        return prepared.error();
+    }
+    return std::unique_ptr<RecordingWriter>(new RecordingWriter(std::move(state)));
+}
+
+RecordingWriter::RecordingWriter(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+RecordingWriter::~RecordingWriter() {
+    state_->stopThread();
+}
+
+bool RecordingWriter::write(std::size_t groupIndex, std::int64_t timestampNs, const std::uint8_t* data,
+                            std::size_t length) {
+    const std::vector<GroupInfo>& groups = state_->info.groups;
+    if (groupIndex < groups.size() && length == groups[groupIndex].recordSize &&
+        state_->ring.push(static_cast<std::uint16_t>(groupIndex), timestampNs, data, length)) {
+        return true;
+    }
+    state_->counters.recordsDropped.fetch_add(1, std::memory_order_relaxed);
+    return false;
+}
+
+Result<void> RecordingWriter::close() {
+    state_->stopThread();
+    if (!state_->faults.writeFailed()) return {};
+    return Error{ErrorCode::ioError, "write error in " + state_->path.string()};
+}
+
+Result<void> RecordingWriter::discard() {
+    state_->stopThread();
+    return state_->removeNewFiles();
+}
+
+std::uint64_t RecordingWriter::recordsWritten() const {
+    return state_->counters.recordsWritten.load(std::memory_order_relaxed);
+}
+
+std::uint64_t RecordingWriter::bytesWritten() const {
+    return state_->counters.bytesWritten.load(std::memory_order_relaxed);
+}
+
+std::uint64_t RecordingWriter::recordsDropped() const {
+    return state_->counters.recordsDropped.load(std::memory_order_relaxed);
+}
+
+}  // namespace lm::storage
