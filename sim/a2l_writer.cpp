@@ -1,0 +1,187 @@
+#include "sim/a2l_writer.h"
+
+#include <fmt/format.h>
+
+#include "sim/event_cycle.h"
+#include "sim/protocol.h"
+
+namespace lm::sim {
+namespace {
+
+std::string_view orderWord(ByteOrder order) {
+    return order == ByteOrder::bigEndian ? "MSB_FIRST" : "MSB_LAST";
+}
+
+std::string_view granularityWord(std::uint8_t granularity) {
+    return granularity == 4 ? "DWORD" : granularity == 2 ? "WORD" : "BYTE";
+}
+
+/// A2L numbers: shortest text that reads back as the same value.
+std::string number(double value) {
+    return fmt::format("{}", value);
+}
+
+std::string indented(const std::string& lines, std::string_view indent) {
+    std::string out;
+    std::size_t at = 0;
+    while (at < lines.size()) {
+        const std::size_t end = lines.find('\n', at);
+        out += indent;
+        out.append(lines, at, end - at + 1);
+        at = end + 1;
+    }
+    return out;
+}
+
+std::string protocolLayer(const Options& options) {
+    std::string text = fmt::format(
+        "      /begin PROTOCOL_LAYER\n"
+        "        0x0101\n"
+        "        1000 1000 1000 1000 1000 1000 200\n"
+        "        {} {}\n"
+        "        BYTE_ORDER_{}\n"
+        "        ADDRESS_GRANULARITY_{}\n",
+        options.maxCto, options.maxDto, orderWord(options.order), granularityWord(options.granularity));
+    for (const CommandInfo& command : kCommands) {
+        if (!command.optional || options.without.count(command.code) != 0) continue;
+        text += fmt::format("        OPTIONAL_CMD {}\n", command.name);
+    }
+    return text + "      /end PROTOCOL_LAYER\n";
+}
+
+std::string timestamps(const Options& options) {
+    if (options.timestampSize == 0) return {};
+    static constexpr const char* kUnits[] = {"1NS",   "10NS", "100NS", "1US",   "10US",
+                                             "100US", "1MS",  "10MS",  "100MS", "1S"};
+    const char* size = options.timestampSize == 4 ? "DWORD" : options.timestampSize == 2 ? "WORD" : "BYTE";
+    return fmt::format(
+        "        /begin TIMESTAMP_SUPPORTED\n"
+        "          1 SIZE_{} UNIT_{}{}\n"
+        "        /end TIMESTAMP_SUPPORTED\n",
+        size, kUnits[options.tickExponent()], options.timestampFixed ? " TIMESTAMP_FIXED" : "");
+}
+
+std::string daqBlock(const Options& options, const Catalog& catalog) {
+    if (!options.daq) return {};
+    static constexpr const char* kIdentification[] = {"ABSOLUTE", "RELATIVE_BYTE", "RELATIVE_WORD",
+                                                      "RELATIVE_WORD_ALIGNED"};
+    std::string text = fmt::format(
+        "      /begin DAQ\n"
+        "        {}\n"
+        "        255 {} {}\n"
+        "        OPTIMISATION_TYPE_DEFAULT\n"
+        "        ADDRESS_EXTENSION_FREE\n"
+        "        IDENTIFICATION_FIELD_TYPE_{}\n"
+        "        GRANULARITY_ODT_ENTRY_SIZE_DAQ_{}\n"
+        "        {}\n",
+        options.staticDaq ? "STATIC" : "DYNAMIC", kEventCount, options.minDaq,
+        kIdentification[options.identification], granularityWord(options.granularity),
+        options.maxOdtEntrySize());
+    text += options.overload == OverloadIndication::event    ? "        OVERLOAD_INDICATION_EVENT\n"
+            : options.overload == OverloadIndication::topBit ? "        OVERLOAD_INDICATION_PID\n"
+                                                             : "        NO_OVERLOAD_INDICATION\n";
+    text += timestamps(options);
+    for (std::size_t event = 0; event < kEventCount; ++event) {
+        const EventCycle cycle = eventCycle(options, static_cast<std::uint8_t>(event));
+        text += fmt::format(
+            "        /begin EVENT\n"
+            "          \"{}\" \"event{}\" {} DAQ 255 {} {} 0\n"
+            "        /end EVENT\n",
+            catalog.eventNames()[event], event, event, cycle.count, cycle.unit);
+    }
+    return text + "      /end DAQ\n";
+}
+
+std::string head(const Options& options, const Catalog& catalog) {
+    return fmt::format(
+        "ASAP2_VERSION 1 71\n"
+        "/begin PROJECT demo \"Simulated ECU\"\n"
+        "  /begin MODULE SimulatedEcu \"Engine controller that is not there\"\n"
+        "    /begin MOD_COMMON \"\"\n"
+        "      BYTE_ORDER {}\n"
+        "      ALIGNMENT_BYTE 1\n"
+        "      ALIGNMENT_WORD 2\n"
+        "      ALIGNMENT_LONG 4\n"
+        "      ALIGNMENT_INT64 8\n"
+        "      ALIGNMENT_FLOAT32_IEEE 4\n"
+        "      ALIGNMENT_FLOAT64_IEEE 8\n"
+        "    /end MOD_COMMON\n"
+        "    /begin MOD_PAR \"\"\n"
+        "      SYSTEM_CONSTANT \"K_VOLT_PER_COUNT\" \"1 / $(K_COUNTS_PER_VOLT)\"\n"
+        "      SYSTEM_CONSTANT \"K_COUNTS_PER_VOLT\" \"100\"\n"
+        "      SYSTEM_CONSTANT \"K_VOLT_OFFSET\" \"-0.5\"\n"
+        "    /end MOD_PAR\n\n"
+        "    /begin IF_DATA XCP\n{}{}"
+        "      /begin XCP_ON_UDP_IP\n"
+        "        0x0100 {} ADDRESS \"127.0.0.1\"\n"
+        "      /end XCP_ON_UDP_IP\n"
+        "    /end IF_DATA\n",
+        orderWord(options.order), protocolLayer(options), daqBlock(options, catalog), options.port);
+}
+
+/// The optional keywords that both kinds of object share.
+std::string keywords(const Row& row) {
+    std::string text;
+    if (row.mask != 0) text += fmt::format("      BIT_MASK 0x{:X}\n", row.mask);
+    if (row.extension != 0) text += fmt::format("      ECU_ADDRESS_EXTENSION {}\n", row.extension);
+    if (row.order != ObjectOrder::module) {
+        text += fmt::format("      BYTE_ORDER {}\n",
+                            row.order == ObjectOrder::msbFirst ? "MSB_FIRST" : "MSB_LAST");
+    }
+    return text + indented(row.attributes, "      ");
+}
+
+std::string measurement(const Row& row) {
+    std::string text =
+        fmt::format("    /begin MEASUREMENT {} \"{}\"\n      {} {} 0 0 {} {}\n", row.name, row.description,
+                    typeInfo(row.type).name, row.conversion, number(row.lower), number(row.upper));
+    if (row.place != Place::nowhere) text += fmt::format("      ECU_ADDRESS 0x{:08X}\n", row.address);
+    text += keywords(row);
+    if (row.event != kNoEvent) {
+        text += fmt::format(
+            "      /begin IF_DATA XCP\n"
+            "        /begin DAQ_EVENT FIXED_EVENT_LIST\n"
+            "          EVENT {}\n"
+            "        /end DAQ_EVENT\n"
+            "      /end IF_DATA\n",
+            row.event);
+    }
+    return text + "    /end MEASUREMENT\n";
+}
+
+std::string characteristic(const Row& row) {
+    const std::string deposit =
+        row.deposit.empty() ? fmt::format("RL.{}", typeInfo(row.type).name) : row.deposit;
+    return fmt::format("    /begin CHARACTERISTIC {} \"{}\"\n      {} 0x{:08X} {} 0 {} {} {}\n", row.name,
+                       row.description, row.shape, row.address, deposit, row.conversion, number(row.lower),
+                       number(row.upper)) +
+           keywords(row) + "    /end CHARACTERISTIC\n";
+}
+
+}  // namespace
+
+std::string a2lText(const Options& options, const Catalog& catalog) {
+    std::string text = head(options, catalog) + a2lConversions();
+    for (const Row& row : catalog.rows()) {
+        text += row.kind == Kind::measurement ? measurement(row) : characteristic(row);
+    }
+    return text + "  /end MODULE\n/end PROJECT\n";
+}
+
+std::string modelTable(const Catalog& catalog) {
+    std::string text =
+        "| measurement | type | byte order | mask | event | raw value |\n"
+        "|---|---|---|---|---|---|\n";
+    for (const Row& row : catalog.rows()) {
+        if (row.model.text.empty()) continue;
+        const char* order = row.order == ObjectOrder::module     ? "module"
+                            : row.order == ObjectOrder::msbFirst ? "MSB_FIRST"
+                                                                 : "MSB_LAST";
+        text += fmt::format("| {} | {} | {} | {} | {} | `{}` |\n", row.name, typeInfo(row.type).name, order,
+                            row.mask == 0 ? std::string("-") : fmt::format("0x{:X}", row.mask), row.event,
+                            row.model.text);
+    }
+    return text;
+}
+
+}  // namespace lm::sim

@@ -1,0 +1,169 @@
+#include "sim/ecu.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "sim/event_cycle.h"
+
+namespace lm::sim {
+namespace {
+
+constexpr std::size_t kBatchBytes = 512 * 1024;
+constexpr int kBatchEvents = 256;
+constexpr std::int64_t kNsPerMs = 1'000'000;
+constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max();
+constexpr int kPendingEvents = 4;
+constexpr std::array<std::uint8_t, 2> kPendingPacket{kEventPacket, kEvCmdPending};
+
+}  // namespace
+
+Ecu::Ecu(const Options& options, FaultPlan faults, std::int64_t nowNs)
+    : options_(options),
+      faults_(std::move(faults)),
+      catalog_(options),
+      world_(catalog_),
+      slave_(options_, catalog_, world_, faults_),
+      startNs_(nowNs),
+      silentUntilNs_(nowNs) {
+    for (unsigned i = 0; i < options.tickExponent(); ++i)
+        tickNs_ *= 10;
+    restart(nowNs);
+}
+
+void Ecu::restart(std::int64_t nowNs) {
+    world_.restart();
+    slave_.reset();
+    delayed_.clear();
+    startNs_ = nowNs;
+    for (std::uint8_t event = 0; event < kEventCount; ++event) {
+        dueNs_[event] = eventIntervalNs(options_, event, 0);
+    }
+}
+
+std::uint64_t Ecu::ticks(std::int64_t sinceStartNs) const {
+    return options_.clockStart + static_cast<std::uint64_t>(sinceStartNs / tickNs_);
+}
+
+void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out) {
+    if (packet.empty() || silent(nowNs)) return;
+    ++commands_;
+    const Fault fault = faults_.onCommand(packet[0]);
+    switch (fault.kind) {
+        case FaultKind::ignore:
+            return;
+        case FaultKind::silence:
+            silence(fault.argument, nowNs);
+            return;
+        case FaultKind::restart:
+            restart(nowNs);
+            return;
+        case FaultKind::busy:
+            out.append(std::array<std::uint8_t, 2>{kErrorPacket, static_cast<std::uint8_t>(Err::cmdBusy)});
+            return;
+        case FaultKind::error:
+            out.append(std::array<std::uint8_t, 2>{kErrorPacket, static_cast<std::uint8_t>(fault.argument)});
+            return;
+        case FaultKind::terminate:
+            terminate(out);
+            return;
+        default:
+            break;
+    }
+    scratch_.clear();
+    slave_.command(packet, ticks(nowNs - startNs_), scratch_);
+    if (!scratch_.packets().empty()) answer(scratch_.bytes(scratch_.packets()[0]), fault, nowNs, out);
+}
+
+void Ecu::answer(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out) {
+    const std::int64_t laterNs = nowNs + static_cast<std::int64_t>(fault.argument) * kNsPerMs;
+    switch (fault.kind) {
+        case FaultKind::lose:
+            return;
+        case FaultKind::late:
+            delay(packet, laterNs);
+            return;
+        case FaultKind::twice:
+            out.append(packet);
+            break;
+        case FaultKind::cut:
+            if (fault.argument != 0) {
+                out.append(packet.first(std::min<std::size_t>(fault.argument, packet.size())));
+            }
+            return;
+        case FaultKind::wrong: {
+            const std::span<std::uint8_t> copy = out.append(packet.size(), false);
+            for (std::size_t i = 0; i < packet.size(); ++i) {
+                copy[i] = i == 0 ? packet[0] : static_cast<std::uint8_t>(~packet[i]);
+            }
+            return;
+        }
+        case FaultKind::stray:
+            out.append(std::array<std::uint8_t, 1>{kResponse});
+            break;
+        case FaultKind::pending:
+            out.append(kPendingPacket);
+            for (int i = 1; i < kPendingEvents; ++i) {
+                delay(kPendingPacket, nowNs + (laterNs - nowNs) * i / kPendingEvents);
+            }
+            delay(packet, laterNs);
+            return;
+        default:
+            break;
+    }
+    out.append(packet);
+}
+
+void Ecu::delay(std::span<const std::uint8_t> packet, std::int64_t dueNs) {
+    const auto later = [](std::int64_t due, const Delayed& other) { return due < other.dueNs; };
+    const auto at = std::upper_bound(delayed_.begin(), delayed_.end(), dueNs, later);
+    delayed_.insert(at, Delayed{dueNs, {packet.begin(), packet.end()}});
+}
+
+bool Ecu::advance(std::int64_t nowNs, Outbox& out) {
+    while (!delayed_.empty() && delayed_.front().dueNs <= nowNs) {
+        if (!silent(nowNs)) out.append(delayed_.front().packet);
+        delayed_.erase(delayed_.begin());
+    }
+    for (int i = 0; i < kBatchEvents && out.size() < kBatchBytes; ++i) {
+        const std::uint8_t event = nextEvent();
+        if (dueNs_[event] > nowNs - startNs_) return true;
+        runEvent(event, nowNs, out);
+    }
+    return false;
+}
+
+std::uint8_t Ecu::nextEvent() const {
+    return static_cast<std::uint8_t>(std::min_element(dueNs_.begin(), dueNs_.end()) - dueNs_.begin());
+}
+
+void Ecu::runEvent(std::uint8_t event, std::int64_t nowNs, Outbox& out) {
+    const std::int64_t nominalNs = dueNs_[event];
+    world_.step(event);
+    dueNs_[event] += eventIntervalNs(options_, event, world_.counter(event));
+    if (silent(nowNs)) return;
+    const std::uint64_t before = slave_.daqCounters().samples;
+    slave_.sample(event, ticks(nominalNs), out);
+    for (std::uint64_t i = before; i < slave_.daqCounters().samples; ++i) {
+        const Fault fault = faults_.onSample();
+        if (fault.kind == FaultKind::silence) silence(fault.argument, nowNs);
+        if (fault.kind == FaultKind::terminate) terminate(out);
+        if (fault.kind == FaultKind::restart) restart(nowNs);
+    }
+}
+
+std::int64_t Ecu::nextDueNs() const {
+    const std::int64_t event = startNs_ + dueNs_[nextEvent()];
+    return delayed_.empty() ? event : std::min(event, delayed_.front().dueNs);
+}
+
+void Ecu::terminate(Outbox& out) {
+    slave_.reset();
+    out.append(std::array<std::uint8_t, 2>{kEventPacket, kEvSessionTerminated});
+}
+
+void Ecu::silence(std::uint32_t milliseconds, std::int64_t nowNs) {
+    silentUntilNs_ = milliseconds == 0 ? kForever : nowNs + milliseconds * kNsPerMs;
+}
+
+}  // namespace lm::sim

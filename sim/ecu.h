@@ -1,0 +1,77 @@
+// The whole simulated ECU without its medium: the world, its event schedule, the XCP slave, and what goes
+// wrong on order. Time is the steady clock in nanoseconds and always an argument.
+//
+// Threads: one thread at a time. Lifetime: the options must live as long as the ECU.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "sim/faults.h"
+#include "sim/options.h"
+#include "sim/outbox.h"
+#include "sim/slave.h"
+#include "sim/world.h"
+
+namespace lm::sim {
+
+class Ecu {
+  public:
+    Ecu(const Options& options, FaultPlan faults, std::int64_t nowNs);
+    Ecu(const Ecu&) = delete;
+    Ecu& operator=(const Ecu&) = delete;
+
+    /// One command packet; appends what is answered at once.
+    void receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out);
+
+    /// Runs every event that is due, in the order of nominal times, and appends its DTOs and the answers
+    /// whose delay is over. Returns false when a batch is full and more is due: send it and call again.
+    bool advance(std::int64_t nowNs, Outbox& out);
+
+    /// When advance() has something to do next.
+    std::int64_t nextDueNs() const;
+
+    /// Power off and on: RAM, counters, clock, connection and DAQ configuration begin anew.
+    void restart(std::int64_t nowNs);
+    /// Hears and sends nothing until then.
+    void silenceUntil(std::int64_t untilNs) { silentUntilNs_ = untilNs; }
+    bool silent(std::int64_t nowNs) const { return nowNs < silentUntilNs_; }
+
+    const World& world() const { return world_; }
+    const Slave& slave() const { return slave_; }
+    const Catalog& catalog() const { return catalog_; }
+    /// For the medium, which does the faults of datagrams.
+    FaultPlan& faults() { return faults_; }
+    std::uint64_t commands() const { return commands_; }
+
+  private:
+    struct Delayed {
+        std::int64_t dueNs;
+        std::vector<std::uint8_t> packet;
+    };
+
+    std::uint64_t ticks(std::int64_t sinceStartNs) const;
+    void answer(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out);
+    void delay(std::span<const std::uint8_t> packet, std::int64_t dueNs);
+    void runEvent(std::uint8_t event, std::int64_t nowNs, Outbox& out);
+    std::uint8_t nextEvent() const;
+    void terminate(Outbox& out);
+    void silence(std::uint32_t milliseconds, std::int64_t nowNs);
+
+    const Options& options_;
+    FaultPlan faults_;
+    Catalog catalog_;
+    World world_;
+    Slave slave_;
+    std::int64_t startNs_;
+    std::int64_t silentUntilNs_;
+    std::array<std::int64_t, kEventCount> dueNs_{};  ///< next nominal times, since the start of the ECU
+    std::int64_t tickNs_ = 1;
+    std::vector<Delayed> delayed_;  ///< ascending by time
+    Outbox scratch_;
+    std::uint64_t commands_ = 0;
+};
+
+}  // namespace lm::sim

@@ -1,0 +1,89 @@
+// Misbehaviour on order: the rules given with --fault and the decision, packet by packet, what goes wrong.
+//
+// A rule for commands reads KIND[:COMMAND[:FROM[:COUNT[:ARGUMENT]]]]; COMMAND is a command's name, "*" for
+// any or "DAQ" for samples; FROM counts from 1; COUNT 0 means for ever. A rule for DTOs reads KIND:EVERY.
+//
+// Threads: one thread at a time. Lifetime: owns its rules.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/result.h"
+
+namespace lm::sim {
+
+enum class FaultKind : std::uint8_t {
+    none,
+    ignore,     ///< not executed, not answered
+    lose,       ///< executed, not answered
+    late,       ///< answered after ARGUMENT ms (300)
+    twice,      ///< answered twice
+    cut,        ///< answer cut to ARGUMENT bytes (1)
+    wrong,      ///< every byte of the answer but the first inverted
+    stray,      ///< a one-byte positive response before the answer
+    busy,       ///< not executed, ERR_CMD_BUSY
+    error,      ///< not executed, error code ARGUMENT (0x31)
+    pending,    ///< four EV_CMD_PENDING spread over ARGUMENT ms (300), then the answer
+    terminate,  ///< EV_SESSION_TERMINATED instead of the answer
+    silence,    ///< nothing heard, nothing sent for ARGUMENT ms (0: for ever)
+    restart,    ///< the ECU starts anew and does not answer
+};
+
+/// Faults of the stream of DTOs, each on every EVERY-th occasion.
+enum class StreamFault : std::uint8_t {
+    loseOdt,       ///< a DTO is not sent, the packet counter does not show it
+    overload,      ///< a whole sample is not sent and overload is indicated
+    ctrGap,        ///< the packet counter skips a value, nothing is lost
+    loseDatagram,  ///< a packet of any kind is lost on the way, the counter shows it
+    malformed,     ///< the header of a packet announces more bytes than there are
+};
+inline constexpr std::size_t kStreamFaultCount = 5;
+
+/// What is to happen now, and its number.
+struct Fault {
+    FaultKind kind = FaultKind::none;
+    std::uint32_t argument = 0;
+};
+
+class FaultPlan {
+  public:
+    /// Errors: invalidArgument with "fault 'TEXT': " and the reason.
+    static Result<FaultPlan> parse(const std::vector<std::string>& rules);
+
+    /// Counts a command for every rule that watches it; the first rule in its span says what happens.
+    Fault onCommand(std::uint8_t code) { return count(code, false); }
+    /// Likewise for a sample of a DAQ list; only terminate, silence and restart make sense here.
+    Fault onSample() { return count(0, true); }
+    /// Counts an occasion; true when it is its turn.
+    bool due(StreamFault fault) {
+        Cycle& cycle = cycles_[static_cast<std::size_t>(fault)];
+        return cycle.every != 0 && ++cycle.seen % cycle.every == 0;
+    }
+
+  private:
+    struct Rule {
+        FaultKind kind = FaultKind::none;
+        bool daq = false;
+        std::uint8_t command = 0;  ///< 0: any
+        std::uint64_t from = 1;
+        std::uint64_t count = 1;
+        std::uint32_t argument = 0;
+        std::uint64_t seen = 0;
+    };
+    struct Cycle {
+        std::uint64_t every = 0;
+        std::uint64_t seen = 0;
+    };
+
+    Result<void> add(const std::string& text);
+    Fault count(std::uint8_t code, bool daq);
+
+    std::vector<Rule> rules_;
+    std::array<Cycle, kStreamFaultCount> cycles_{};
+};
+
+}  // namespace lm::sim

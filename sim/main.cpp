@@ -1,0 +1,177 @@
+// xcplumo-sim: an ECU that is not there, for trying the product and for testing scripts against it.
+
+#include <cerrno>
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "sim/a2l_writer.h"
+#include "sim/event_cycle.h"
+#include "sim/faults.h"
+#include "sim/runner.h"
+#include "sim/udp_medium.h"
+
+namespace lm::sim {
+namespace {
+
+constexpr const char* kFaultHelp =
+    "Faults of commands: KIND[:COMMAND[:FROM[:COUNT[:ARGUMENT]]]]\n"
+    "  COMMAND  the name of a command, * for any, or DAQ to count samples (terminate, silence, restart)\n"
+    "  FROM     the occurrence it begins with, from 1; COUNT how many, 0 for all that follow\n"
+    "  ignore   neither executed nor answered        lose     executed, not answered\n"
+    "  late     answered after ARGUMENT ms (300)     double   answered twice\n"
+    "  short    answer cut to ARGUMENT bytes (1)     wrong    answer with its bytes inverted\n"
+    "  stray    a stray answer before the right one  busy     refused with ERR_CMD_BUSY\n"
+    "  error    refused with code ARGUMENT (0x31)    pending  EV_CMD_PENDING, answer after ARGUMENT ms "
+    "(300)\n"
+    "  terminate  EV_SESSION_TERMINATED              restart  the ECU starts anew\n"
+    "  silence  deaf and dumb for ARGUMENT ms (0: for ever)\n"
+    "Faults of the stream: KIND:EVERY\n"
+    "  lose-odt       a DTO is never sent            overload   a whole sample is not sent and indicated\n"
+    "  ctr-gap        the packet counter skips one   lose-datagram  a packet is lost on the way\n"
+    "  malformed      a packet's length runs past its datagram\n"
+    "Signals: SIGUSR1 restarts the ECU, SIGUSR2 turns its silence on and off, SIGHUP writes the memory "
+    "file,\n"
+    "SIGINT and SIGTERM end the program; its counters are then printed to standard error.";
+
+struct Arguments {
+    Options options;
+    std::vector<std::string> without;
+    std::string a2lFile;
+    std::string modelFile;
+    bool noDaq = false;
+};
+
+void addSlaveOptions(CLI::App& app, Arguments& arguments) {
+    Options& o = arguments.options;
+    const std::map<std::string, ByteOrder> orders{{"intel", ByteOrder::littleEndian},
+                                                  {"motorola", ByteOrder::bigEndian}};
+    const std::map<std::string, OverloadIndication> overloads{{"none", OverloadIndication::none},
+                                                              {"pid", OverloadIndication::topBit},
+                                                              {"event", OverloadIndication::event}};
+    app.add_option("--byte-order", o.order, "Byte order: intel or motorola")
+        ->transform(CLI::CheckedTransformer(orders));
+    app.add_option("--granularity", o.granularity, "Bytes of one addressable element")
+        ->check(CLI::IsMember({1, 2, 4}));
+    app.add_option("--max-cto", o.maxCto, "Largest command packet")->check(CLI::Range(8, 255));
+    app.add_option("--max-dto", o.maxDto, "Largest data packet")->check(CLI::Range(8, 65000));
+    app.add_option("--identification", o.identification, "Identification field type of DTOs")
+        ->check(CLI::Range(0, 3));
+    app.add_option("--timestamp-size", o.timestampSize, "Bytes of a timestamp, 0 for none")
+        ->check(CLI::IsMember({0, 1, 2, 4}));
+    app.add_option("--tick-unit", o.tickUnit, "One tick is 10^N ns (default 3, 5, 6 for sizes 4, 2, 1)")
+        ->check(CLI::Range(0, 9));
+    app.add_flag("--timestamp-fixed", o.timestampFixed, "Every DAQ list carries a timestamp");
+    app.add_option("--clock-start", o.clockStart, "Ticks that the clock shows at the start");
+    app.add_option("--min-daq", o.minDaq, "Number of the first dynamic DAQ list")->check(CLI::Range(0, 200));
+    app.add_option("--first-pid", o.firstPid, "First PID with identification type 0")
+        ->check(CLI::Range(0, 200));
+    app.add_option("--daq-entries", o.daqEntries, "DAQ memory in ODT entries");
+    app.add_option("--overload", o.overload, "Indication of overload: event, pid or none")
+        ->transform(CLI::CheckedTransformer(overloads));
+    app.add_flag("--static-daq", o.staticDaq, "Report static DAQ lists");
+    app.add_flag("--no-daq", arguments.noDaq, "Do not offer the DAQ resource");
+    app.add_option("--without", arguments.without, "Answer this command with ERR_CMD_UNKNOWN; repeatable")
+        ->allow_extra_args(false);
+}
+
+void addOtherOptions(CLI::App& app, Arguments& arguments) {
+    Options& o = arguments.options;
+    app.add_option("--port", o.port, "UDP port, 0 lets the system choose")->capture_default_str();
+    app.add_option("--fast-event-us", o.fastEventUs, "Cycle of event 0 in microseconds")
+        ->check(CLI::Range(10, 255000));
+    app.add_option("--load-signals", o.loadSignals, "Further measurements load_0000 ... on event 0")
+        ->check(CLI::Range(0, 100000));
+    app.add_option("--load-bytes", o.loadBytes, "Their size: 4 (ULONG) or 8 (A_UINT64)")
+        ->check(CLI::IsMember({4, 8}));
+    app.add_option("--fault", o.faults, "Misbehave by this rule, see below; repeatable")
+        ->allow_extra_args(false);
+    app.add_option("--pack", o.pack, "DTOs put into one datagram")->check(CLI::Range(1, 1000));
+    app.add_option("--pad", o.pad, "Zero bytes behind every DTO, within the largest data packet");
+    app.add_option("--quit-after", o.quitAfter, "End after so many seconds")->check(CLI::NonNegativeNumber);
+    app.add_option("--memory-file", o.memoryFile, "Write the memory image at every change and at the end");
+    app.add_option("--write-a2l", arguments.a2lFile, "Write the A2L file for these options and end");
+    app.add_option("--write-model", arguments.modelFile, "Write the table of measurements and end");
+}
+
+Result<void> writeText(const std::string& path, const std::string& text) {
+    std::FILE* file = std::fopen(path.c_str(), "we");
+    if (file == nullptr) return Error::fromErrno(errno, "cannot write " + path);
+    const bool whole = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    const int failure = errno;
+    if (std::fclose(file) != 0) return Error::fromErrno(errno, "cannot write " + path);
+    if (!whole) return Error::fromErrno(failure, "cannot write " + path);
+    return {};
+}
+
+/// What no single option's check can see.
+Result<void> complete(Arguments& arguments) {
+    Options& o = arguments.options;
+    o.daq = !arguments.noDaq;
+    for (const std::string& name : arguments.without) {
+        const std::optional<std::uint8_t> code = commandCode(name);
+        if (!code) return Error{ErrorCode::invalidArgument, "--without: unknown command '" + name + "'"};
+        o.without.insert(*code);
+    }
+    if (o.maxCto % o.granularity != 0 || o.maxDto % o.granularity != 0) {
+        return Error{ErrorCode::invalidArgument, "--max-cto and --max-dto: multiples of the granularity"};
+    }
+    const EventCycle cycle = eventCycle(o, kEvent1ms);
+    std::int64_t ns = cycle.count;
+    for (unsigned i = 0; i < cycle.unit; ++i)
+        ns *= 10;
+    if (ns != eventIntervalNs(o, kEvent1ms, 0)) {
+        return Error{ErrorCode::invalidArgument, "--fast-event-us: no more than three digits that are not 0"};
+    }
+    return {};
+}
+
+Result<void> simulate(const Options& options) {
+    Result<FaultPlan> faults = FaultPlan::parse(options.faults);
+    if (!faults.ok()) return faults.error();
+    Ecu ecu(options, std::move(faults).value(), Runner::now());
+    Result<std::unique_ptr<UdpMedium>> medium = UdpMedium::open(options, ecu.faults());
+    if (!medium.ok()) return medium.error();
+    Runner runner(options, ecu, *medium.value());
+    if (std::printf("port %u\n", static_cast<unsigned>(medium.value()->port())) < 0 ||
+        std::fflush(stdout) != 0) {
+        return Error::fromErrno(errno, "standard output");
+    }
+    const Result<void> done = runner.run();
+    fmt::print(stderr, "{}", runner.statistics());
+    if (!done.ok()) return done.error();
+    return {};
+}
+
+Result<void> run(Arguments& arguments) {
+    const Result<void> completed = complete(arguments);
+    if (!completed.ok()) return completed.error();
+    const Options& options = arguments.options;
+    if (arguments.a2lFile.empty() && arguments.modelFile.empty()) return simulate(options);
+    const Catalog catalog(options);
+    if (!arguments.a2lFile.empty()) {
+        const Result<void> written = writeText(arguments.a2lFile, a2lText(options, catalog));
+        if (!written.ok()) return written.error();
+    }
+    if (!arguments.modelFile.empty()) return writeText(arguments.modelFile, modelTable(catalog));
+    return {};
+}
+
+}  // namespace
+}  // namespace lm::sim
+
+int main(int argc, char** argv) {
+    CLI::App app{"xcplumo-sim - a simulated ECU with XCP on UDP"};
+    lm::sim::Arguments arguments;
+    lm::sim::addOtherOptions(app, arguments);
+    lm::sim::addSlaveOptions(app, arguments);
+    app.footer(lm::sim::kFaultHelp);
+    CLI11_PARSE(app, argc, argv);
+    const lm::Result<void> done = lm::sim::run(arguments);
+    if (done.ok()) return 0;
+    fmt::print(stderr, "xcplumo-sim: {}\n", done.error().text());
+    return 1;
+}

@@ -1,0 +1,45 @@
+// The medium between the simulated ECU and its master: what the program's loop needs of it, and no more.
+//
+// Threads: the loop's thread alone.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <poll.h>
+#include <span>
+#include <vector>
+
+#include "core/result.h"
+#include "sim/outbox.h"
+
+namespace lm::sim {
+
+struct MediumCounters {
+    std::uint64_t packetsSent = 0;
+    std::uint64_t datagramsSent = 0;
+    std::uint64_t sendFailures = 0;  ///< packets that the system did not take
+    std::uint64_t packetsLost = 0;   ///< packets lost on order
+};
+
+class IMedium {
+  public:
+    using Handler = std::function<void(std::span<const std::uint8_t>)>;
+
+    IMedium() = default;
+    IMedium(const IMedium&) = delete;
+    IMedium& operator=(const IMedium&) = delete;
+    virtual ~IMedium() = default;
+
+    /// The descriptors to wait for, with the conditions to wait for.
+    virtual std::vector<pollfd> descriptors() const = 0;
+    /// Hands on the command packets that have come on one descriptor. An error ends the program.
+    virtual Result<void> receive(int descriptor, const Handler& handler) = 0;
+    /// Sends packets to the master that connected last; none yet: they are dropped. Failures are counted.
+    virtual void send(const Outbox& packets, std::int64_t nowNs) = 0;
+    /// When packets that are held back have to leave; flush() sends them.
+    virtual std::int64_t heldUntilNs() const = 0;
+    virtual void flush() = 0;
+    virtual const MediumCounters& counters() const = 0;
+};
+
+}  // namespace lm::sim

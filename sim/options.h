@@ -1,0 +1,66 @@
+// What the simulated ECU is told at its start: the shape of its XCP slave and its misbehaviour.
+//
+// Threads: a plain record, constant once the ECU is built.
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/bytes.h"
+
+namespace lm::sim {
+
+/// How lost samples are told to the master (fault "overload").
+enum class OverloadIndication : std::uint8_t { none, topBit, event };
+
+struct Options {
+    // The slave.
+    ByteOrder order = ByteOrder::littleEndian;
+    std::uint8_t granularity = 1;      ///< bytes of one addressable element: 1, 2 or 4
+    std::uint8_t maxCto = 248;         ///< 8 to 255, a multiple of the granularity
+    std::uint16_t maxDto = 1400;       ///< 8 to 65535, a multiple of the granularity
+    std::uint8_t identification = 1;   ///< identification field type 0 to 3
+    std::uint8_t timestampSize = 4;    ///< bytes: 0 (none), 1, 2 or 4
+    std::int8_t tickUnit = -1;         ///< tick length 10^unit ns, 0 to 9; -1: 1 us, 100 us, 1 ms by size
+    bool timestampFixed = false;       ///< every list carries a timestamp
+    std::uint64_t clockStart = 0;      ///< ticks that the clock shows at the start
+    bool daq = true;                   ///< offers the DAQ resource
+    bool staticDaq = false;            ///< reports static instead of dynamic DAQ lists
+    std::uint8_t minDaq = 0;           ///< number of the first dynamic list
+    std::uint8_t firstPid = 0;         ///< with identification type 0: PID of the first ODT
+    std::uint32_t daqEntries = 20000;  ///< DAQ memory: ODT entries in all lists together
+    OverloadIndication overload = OverloadIndication::event;
+    std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
+
+    // The world.
+    std::uint32_t fastEventUs = 1000;  ///< cycle of event 0 in microseconds
+    std::uint32_t loadSignals = 0;     ///< further measurements load_0000 ... on event 0
+    std::uint8_t loadBytes = 4;        ///< their size: 4 (ULONG) or 8 (A_UINT64)
+
+    // Misbehaviour.
+    std::vector<std::string> faults = {};  ///< rules of FaultPlan, as typed
+    std::uint16_t pack = 1;                ///< DTOs put into one datagram
+    std::uint16_t pad = 0;                 ///< zero bytes behind every DTO, within MAX_DTO
+
+    // The program.
+    std::uint16_t port = 5555;    ///< UDP port, 0: the system chooses
+    double quitAfter = 0;         ///< seconds, 0: never
+    std::string memoryFile = {};  ///< memory image, written at every change and at the end
+
+    /// Exponent of the tick length in nanoseconds.
+    unsigned tickExponent() const {
+        if (tickUnit >= 0) return static_cast<unsigned>(tickUnit);
+        return timestampSize == 4 ? 3U : timestampSize == 2 ? 5U : 6U;
+    }
+    /// Largest ODT entry in bytes.
+    std::size_t maxOdtEntrySize() const {
+        const std::size_t room = maxDto - identificationSize();
+        return (room < 248 ? room : 248) / granularity * granularity;
+    }
+    /// Bytes of the identification field at the head of every DTO.
+    std::size_t identificationSize() const { return identification == 0 ? 1U : identification + 1U; }
+};
+
+}  // namespace lm::sim

@@ -1,0 +1,101 @@
+// The XCP codes that the simulated slave knows, with the standard's names.
+//
+// Threads: constants and pure functions.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace lm::sim {
+
+enum Command : std::uint8_t {
+    kConnect = 0xFF,
+    kDisconnect = 0xFE,
+    kGetStatus = 0xFD,
+    kSynch = 0xFC,
+    kGetCommModeInfo = 0xFB,
+    kSetMta = 0xF6,
+    kUpload = 0xF5,
+    kShortUpload = 0xF4,
+    kDownload = 0xF0,
+    kSetDaqPtr = 0xE2,
+    kWriteDaq = 0xE1,
+    kSetDaqListMode = 0xE0,
+    kStartStopDaqList = 0xDE,
+    kStartStopSynch = 0xDD,
+    kGetDaqClock = 0xDC,
+    kGetDaqProcessorInfo = 0xDA,
+    kGetDaqResolutionInfo = 0xD9,
+    kGetDaqEventInfo = 0xD7,
+    kFreeDaq = 0xD6,
+    kAllocDaq = 0xD5,
+    kAllocOdt = 0xD4,
+    kAllocOdtEntry = 0xD3,
+};
+
+enum PacketId : std::uint8_t { kResponse = 0xFF, kErrorPacket = 0xFE, kEventPacket = 0xFD };
+
+enum EventCode : std::uint8_t { kEvCmdPending = 0x05, kEvDaqOverload = 0x06, kEvSessionTerminated = 0x07 };
+
+enum class Err : std::uint8_t {
+    cmdSynch = 0x00,
+    cmdBusy = 0x10,
+    daqActive = 0x11,
+    cmdUnknown = 0x20,
+    cmdSyntax = 0x21,
+    outOfRange = 0x22,
+    writeProtected = 0x23,
+    modeNotValid = 0x27,
+    sequence = 0x29,
+    daqConfig = 0x2A,
+    memoryOverflow = 0x30,
+};
+
+struct CommandInfo {
+    Command code;
+    std::string_view name;
+    std::uint8_t length;  ///< shortest packet of the command
+    bool optional;        ///< named in the OPTIONAL_CMD list of the A2L file
+};
+
+inline constexpr CommandInfo kCommands[] = {
+    {kConnect, "CONNECT", 2, false},
+    {kDisconnect, "DISCONNECT", 1, false},
+    {kGetStatus, "GET_STATUS", 1, false},
+    {kSynch, "SYNCH", 1, false},
+    {kGetCommModeInfo, "GET_COMM_MODE_INFO", 1, true},
+    {kSetMta, "SET_MTA", 8, true},
+    {kUpload, "UPLOAD", 2, true},
+    {kShortUpload, "SHORT_UPLOAD", 8, true},
+    {kDownload, "DOWNLOAD", 3, true},
+    {kSetDaqPtr, "SET_DAQ_PTR", 6, true},
+    {kWriteDaq, "WRITE_DAQ", 8, true},
+    {kSetDaqListMode, "SET_DAQ_LIST_MODE", 8, true},
+    {kStartStopDaqList, "START_STOP_DAQ_LIST", 4, true},
+    {kStartStopSynch, "START_STOP_SYNCH", 2, true},
+    {kGetDaqClock, "GET_DAQ_CLOCK", 1, true},
+    {kGetDaqProcessorInfo, "GET_DAQ_PROCESSOR_INFO", 1, true},
+    {kGetDaqResolutionInfo, "GET_DAQ_RESOLUTION_INFO", 1, true},
+    {kGetDaqEventInfo, "GET_DAQ_EVENT_INFO", 4, true},
+    {kFreeDaq, "FREE_DAQ", 1, true},
+    {kAllocDaq, "ALLOC_DAQ", 4, true},
+    {kAllocOdt, "ALLOC_ODT", 5, true},
+    {kAllocOdtEntry, "ALLOC_ODT_ENTRY", 6, true},
+};
+
+constexpr const CommandInfo* findCommand(std::uint8_t code) {
+    for (const CommandInfo& info : kCommands) {
+        if (info.code == code) return &info;
+    }
+    return nullptr;
+}
+
+constexpr std::optional<std::uint8_t> commandCode(std::string_view name) {
+    for (const CommandInfo& info : kCommands) {
+        if (info.name == name) return info.code;
+    }
+    return std::nullopt;
+}
+
+}  // namespace lm::sim

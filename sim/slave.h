@@ -1,0 +1,75 @@
+// The protocol engine of the simulated XCP slave: a command packet in, an answer out. No I/O and no clock of
+// its own: time is an argument.
+//
+// Threads: one thread at a time. Lifetime: options, catalogue, world and fault plan must live as long as the
+// slave.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "sim/daq.h"
+#include "sim/options.h"
+#include "sim/outbox.h"
+#include "sim/protocol.h"
+#include "sim/world.h"
+
+namespace lm::sim {
+
+class Slave {
+  public:
+    Slave(const Options& options, const Catalog& catalog, World& world, FaultPlan& faults);
+
+    /// Executes a command and appends its answer; before CONNECT everything else stays unanswered. `ticks` is
+    /// the slave's clock.
+    void command(std::span<const std::uint8_t> packet, std::uint64_t ticks, Outbox& out);
+
+    /// Samples the running DAQ lists of an event.
+    void sample(std::uint8_t event, std::uint64_t ticks, Outbox& out) { daq_.sample(event, ticks, out); }
+
+    /// Forgets connection and DAQ configuration.
+    void reset();
+    bool connected() const { return connected_; }
+    bool daqRunning() const { return daq_.running(); }
+    /// How often memory was written by command.
+    std::uint64_t writes() const { return writes_; }
+    const DaqCounters& daqCounters() const { return daq_.counters(); }
+
+  private:
+    using Refusal = DaqLists::Refusal;
+    using Packet = std::span<const std::uint8_t>;
+
+    Refusal execute(Packet packet, std::uint64_t ticks);
+    Refusal executeMemory(Packet packet);
+    Refusal executeDaqInfo(Packet packet, std::uint64_t ticks);
+    Refusal executeDaq(Packet packet);
+    void connect();
+    void status();
+    void commModeInfo();
+    Refusal upload(std::size_t elements);
+    Refusal download(Packet packet);
+    void processorInfo();
+    void resolutionInfo();
+    Refusal eventInfo(std::uint16_t event);
+
+    std::uint16_t word(Packet packet, std::size_t at) const;
+    std::uint32_t dword(Packet packet, std::size_t at) const;
+    /// Starts the positive answer of that many bytes, all zero behind the packet identifier.
+    std::uint8_t* answer(std::size_t size);
+    void putWord(std::size_t at, std::size_t value);
+
+    const Options& options_;
+    const Catalog& catalog_;
+    World& world_;
+    DaqLists daq_;
+    bool connected_ = false;
+    std::uint8_t mtaExtension_ = 0;
+    std::uint32_t mta_ = 0;
+    std::uint64_t writes_ = 0;
+    std::array<std::uint8_t, 256> answer_{};
+    std::size_t answerSize_ = 0;
+};
+
+}  // namespace lm::sim
