@@ -1,0 +1,94 @@
+#include "cli/command_info.h"
+
+#include <cstdint>
+#include <optional>
+
+#include <fmt/format.h>
+
+#include "core/text.h"
+
+namespace lm::cli {
+namespace {
+
+constexpr std::uint8_t kResourceCalibration = 0x01;
+constexpr std::uint8_t kResourceProgramming = 0x10;
+constexpr std::uint32_t kDefaultBaudrate = 115200;
+
+std::string withoutPrefix(const std::string& text, std::string_view prefix) {
+    return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
+}
+
+std::uint32_t firstOf(std::optional<std::uint32_t> configured, std::optional<std::uint32_t> described,
+                      std::uint32_t otherwise) {
+    return configured ? *configured : described.value_or(otherwise);
+}
+
+}  // namespace
+
+std::string ecuLine(const std::string& ecuName, session::TransportKind kind, const std::string& transportName,
+                    const session::SessionConfig& config, const a2l::XcpInterface& interface) {
+    switch (kind) {
+        case session::TransportKind::udp:
+            return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", ecuName,
+                               withoutPrefix(transportName, "udp:"));
+        case session::TransportKind::serial: {
+            const auto described = interface.serial ? interface.serial->baudrate : std::nullopt;
+            return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", ecuName,
+                               withoutPrefix(transportName, "serial:"),
+                               firstOf(config.serial.baudrate, described, kDefaultBaudrate));
+        }
+        case session::TransportKind::can:
+            break;
+    }
+    // A session on CAN has both identifiers from one source or the other.
+    const auto master = interface.can ? interface.can->masterId : std::nullopt;
+    const auto slave = interface.can ? interface.can->slaveId : std::nullopt;
+    return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", ecuName,
+                       firstOf(config.can.cmdId, master, 0), firstOf(config.can.resId, slave, 0),
+                       config.can.interface);
+}
+
+std::string connectLines(const xcp::ConnectInfo& info) {
+    const auto resource = [&info](std::uint8_t bit, const char* name) {
+        return (info.resource & bit) != 0 ? name : "";
+    };
+    return fmt::format(
+        "resources      {}{}{}\n"
+        "communication  {}, AG {}, MAX_CTO {}, MAX_DTO {}\n",
+        resource(kResourceCalibration, "CAL/PAG "), resource(xcp::kResourceDaq, "DAQ "),
+        resource(kResourceProgramming, "PGM"),
+        info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel", info.granularity(), info.maxCto,
+        info.maxDto);
+}
+
+std::string daqLines(const xcp::DaqCapabilities& daq) {
+    constexpr std::int64_t kNsPerMs = 1'000'000;
+    std::string lines = fmt::format(
+        "DAQ            {}, timestamp {} byte x {} ms, max ODT entry {}\n",
+        daq.dynamicConfiguration ? "dynamic" : "static", daq.timestampSize,
+        formatFixed(static_cast<double>(daq.tickNs) / static_cast<double>(kNsPerMs), 3), daq.maxEntrySize);
+    for (const xcp::EventChannel& event : daq.events) {
+        const std::string cycle =
+            event.cycleNs == 0 ? "not cyclic" : std::to_string(event.cycleNs / kNsPerMs) + " ms";
+        std::string name = event.name;
+        // By bytes, as everywhere in this output.
+        if (name.size() < 20) name.resize(20, ' ');
+        lines += fmt::format("  event {:<3} ", event.number) + name + " " + cycle + "\n";
+    }
+    return lines;
+}
+
+int runInfo(session::Session& session, Output& output) {
+    output.append(ecuLine(session.ecuName(), session.transportKind(), session.transportName(),
+                          session.config(), session.description().xcp));
+    output.append(connectLines(session.connectInfo()));
+    if (session.daqCapabilities()) output.append(daqLines(*session.daqCapabilities()));
+    if (const auto status = session.status()) {
+        const auto& value = status.value();
+        output.append(fmt::format("status         session 0x{:02X}{}\n", value.sessionStatus,
+                                  value.daqRunning() ? ", DAQ running" : ""));
+    }
+    return 0;
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,128 @@
+#include "cli/command_measure.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <poll.h>
+#include <unistd.h>
+#include <utility>
+
+#include <fmt/format.h>
+#include <spdlog/spdlog.h>
+
+#include "cli/output.h"
+#include "core/text.h"
+
+namespace lm::cli {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+void printTalk(const std::string& line) {
+    // Nothing can be told when standard error does not take it.
+    std::fputs((line + "\n").c_str(), stderr);
+}
+
+// One look at everything that ends a measurement from outside; waits up to 50 ms for it to happen.
+bool stopAskedFor(const Console& console, Seconds left) {
+    const double limitMs = std::clamp(std::ceil(left.count() * 1000), 0.0, 50.0);
+    std::array<pollfd, 2> waits = {pollfd{stopDescriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
+    ::poll(waits.data(), waits.size(), static_cast<int>(limitMs));
+    const bool readerGone = (waits[1].revents & (POLLERR | POLLHUP)) != 0;
+    return stopRequested() || readerGone || console.failure() != 0;
+}
+
+// Returns the seconds measured.
+double measureUntilEnd(double duration, session::Session& session, const Console& console,
+                       StopWatcher& stop) {
+    const auto start = Clock::now();
+    for (;;) {
+        const Seconds elapsed = Clock::now() - start;
+        if (session.state() == session::SessionState::failed) return elapsed.count();
+        if (duration > 0 && elapsed.count() >= duration) return elapsed.count();
+        const Seconds left = duration > 0 ? Seconds(duration) - elapsed : Seconds(1);
+        if (stopAskedFor(console, left)) {
+            stop.stopNow();
+            return Seconds(Clock::now() - start).count();
+        }
+    }
+}
+
+void warnAboutLosses(const session::MeasurementStats& stats, const Console& console) {
+    const std::string losses = otherLosses(stats);
+    if (!losses.empty()) spdlog::warn("measure: {}", losses);
+    if (const auto skipped = console.skippedLines(); skipped != 0) {
+        spdlog::warn("measure: {} line(s) not printed, standard output did not take them", skipped);
+    }
+}
+
+}  // namespace
+
+std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory) {
+    return fmt::format("measuring {} signal(s) in {} DAQ list(s), estimated bus load {} %{} - Ctrl-C to stop",
+                       summary.signalCount, summary.listCount, formatFixed(summary.busLoad * 100, 1),
+                       recordDirectory.empty() ? "" : ", recording to " + recordDirectory);
+}
+
+std::string statisticsLine(double seconds, const session::MeasurementStats& stats) {
+    std::string line = fmt::format(
+        "{} s: {} records, lost ODTs {}, missed cycles {}, overloads {}, reconnects {}, CAN dropped {}, "
+        "error frames {}",
+        formatFixed(seconds, 1), stats.records, stats.lostOdts, stats.missedCycles, stats.overloads,
+        stats.reconnects, stats.canDropped, stats.canErrorFrames);
+    if (stats.recording) {
+        line += fmt::format(", recorded {} (dropped {})", stats.recorded, stats.recordedDropped);
+    }
+    return line;
+}
+
+std::string otherLosses(const session::MeasurementStats& stats) {
+    const std::pair<const char*, std::uint64_t> losses[] = {
+        {"incomplete records", stats.incompleteRecords},
+        {"unknown DTOs", stats.unknownDtos},
+        {"malformed DTOs", stats.malformedDtos},
+        {"UDP counter gaps", stats.counterGaps},
+        {"UDP packets missing", stats.missingPackets},
+        {"malformed UDP datagrams", stats.malformedDatagrams},
+        {"UDP datagrams dropped by the kernel", stats.kernelDrops},
+    };
+    std::string text;
+    for (const auto& [name, count] : losses) {
+        if (count != 0) text += fmt::format("{}{} {}", text.empty() ? "" : ", ", name, count);
+    }
+    return text;
+}
+
+int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop) {
+    console.setPrintInterval(options.printEvery);
+    session::MeasurementOptions measurement;
+    measurement.signals = options.signals;
+    measurement.recordDirectory = options.recordDirectory;
+    measurement.sink = &console;
+    measurement.onPlanned = [&console](const session::MeasurementPlan& plan) { console.setPlan(plan); };
+    const auto summary = session.startMeasurement(measurement);
+    if (!summary) {
+        printError("measure", summary.error());
+        return 1;
+    }
+    printTalk(startLine(summary.value(), options.recordDirectory));
+    const double seconds = measureUntilEnd(options.durationSeconds, session, console, stop);
+    const bool failed = session.state() == session::SessionState::failed;
+    const auto stopped = session.stopMeasurement();
+    console.finishPrinting();
+    const session::MeasurementStats stats = session.statistics();
+    int exitCode = failed ? 2 : 0;
+    if (stopped) {
+        printTalk(statisticsLine(seconds, stats));
+    } else {
+        printError("stop", stopped.error());
+        exitCode = failed ? 2 : 1;
+    }
+    warnAboutLosses(stats, console);
+    return reportOutputFailure(console.failure()) && exitCode == 0 ? 1 : exitCode;
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,29 @@
+// The subcommand `measure`: runs DAQ until the time is over, a stop is asked for, nobody reads the output any
+// more, or the session has failed.
+//
+// Threads: the main thread; records are printed meanwhile (see console_printer.h). Lifetime: nothing is kept.
+#pragma once
+
+#include <string>
+
+#include "cli/console_printer.h"
+#include "cli/options.h"
+#include "cli/stop_signal.h"
+#include "session/session.h"
+
+namespace lm::cli {
+
+/// "measuring 3 signal(s) in 2 DAQ list(s), estimated bus load 1.5 % ... - Ctrl-C to stop".
+std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory);
+
+/// The counters of the statistics line, without its newline.
+std::string statisticsLine(double seconds, const session::MeasurementStats& stats);
+
+/// Every loss that the statistics line does not name ("unknown DTOs 3, UDP counter gaps 1"); empty when there
+/// was none.
+std::string otherLosses(const session::MeasurementStats& stats);
+
+/// Measures with an open session. `stop` ends the waits of the session. Returns the exit code.
+int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop);
+
+}  // namespace lm::cli

@@ -1,0 +1,63 @@
+#include "cli/command_values.h"
+
+#include <cstdio>
+
+#include "cli/stop_signal.h"
+
+namespace lm::cli {
+namespace {
+
+bool printValue(session::Session& session, std::string_view name, Output& output) {
+    const auto value = session.read(name);
+    if (value) {
+        const std::string& text = value.value().text;
+        output.appendValueLine(name, text.empty() ? "?" : text);
+    } else {
+        output.appendValueLine(name, "ERROR " + value.error().text());
+    }
+    return value.ok();
+}
+
+bool assign(session::Session& session, std::string_view assignment, bool allowMeasurements, Output& output) {
+    const auto parts = splitAssignment(assignment);
+    if (!parts) {
+        std::fprintf(stderr, "%s: expected NAME=VALUE\n", std::string(assignment).c_str());
+        return false;
+    }
+    const auto written = session.write(parts->first, parts->second, allowMeasurements);
+    if (written) return printValue(session, parts->first, output);
+    output.appendValueLine(parts->first, "ERROR " + written.error().text());
+    return false;
+}
+
+}  // namespace
+
+std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std::string_view text) {
+    const auto equals = text.find('=');
+    if (equals == std::string_view::npos || equals == 0) return std::nullopt;
+    return std::pair(text.substr(0, equals), text.substr(equals + 1));
+}
+
+int runGet(session::Session& session, const std::vector<std::string>& names, Output& output) {
+    int exitCode = 0;
+    for (const std::string& name : names) {
+        if (stopRequested()) return 1;
+        if (!printValue(session, name, output)) exitCode = 1;
+        // Each value appears when it is read, however slow the next one is.
+        if (!output.flush()) break;
+    }
+    return exitCode;
+}
+
+int runSet(session::Session& session, const std::vector<std::string>& assignments, bool allowMeasurements,
+           Output& output) {
+    int exitCode = 0;
+    for (const std::string& assignment : assignments) {
+        if (stopRequested()) return 1;
+        if (!assign(session, assignment, allowMeasurements, output)) exitCode = 1;
+        output.flush();
+    }
+    return exitCode;
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,194 @@
+#include "cli/console_printer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+
+#include "core/text.h"
+
+namespace lm::cli {
+namespace {
+
+// Text is handed on in pieces that a pipe takes whole, cut behind a line where there is one: lines of other
+// writers to the same pipe do not end up inside ours.
+std::size_t pieceLength(std::string_view text) {
+    if (text.size() <= NonblockingOutput::kMaxWrite) return text.size();
+    const auto lineEnd = text.rfind('\n', NonblockingOutput::kMaxWrite - 1);
+    return lineEnd == std::string_view::npos ? NonblockingOutput::kMaxWrite : lineEnd + 1;
+}
+
+std::uint64_t countLines(std::string_view text) {
+    return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+}  // namespace
+
+Console::Console(int descriptor)
+    : descriptor_(descriptor), wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wakeUp_ < 0) throw std::system_error(errno, std::generic_category(), "event descriptor");
+}
+
+Console::~Console() {
+    finishPrinting(std::chrono::milliseconds(0));
+    ::close(wakeUp_);
+}
+
+void Console::setPlan(const session::MeasurementPlan& plan) {
+    lists_.clear();
+    lists_.resize(plan.daq.lists.size());
+    for (const session::PlannedSignal& signal : plan.planned) {
+        const a2l::ResolvedObject& object = signal.object;
+        const std::string& unit = object.conversion.unit();
+        const bool showUnit = !unit.empty() && !object.conversion.isVerbal();
+        lists_.at(signal.listIndex)
+            .columns.push_back({"  " + object.name + "=", signal.recordOffset, object.coding,
+                                object.conversion, showUnit ? " " + unit : ""});
+    }
+    if (interval_ == 0 || printer_.joinable()) return;
+    queue_.reserve(kQueueBytes);
+    output_.emplace(descriptor_);
+    printer_ = std::thread([this] { printLoop(); });
+    pthread_setname_np(printer_.native_handle(), "printer");
+}
+
+void Console::onRecord(const xcp::DaqRecord& record) {
+    const std::lock_guard lock(mutex_);
+    if (!firstNs_) firstNs_ = record.timeNs();
+    if (interval_ == 0 || record.listIndex >= lists_.size()) return;
+    if (lists_[record.listIndex].records++ % interval_ != 0) return;
+    enqueue({record.timeNs() - *firstNs_, record.listIndex, record.size}, record.data);
+}
+
+void Console::enqueue(const QueuedHeader& header, const std::uint8_t* data) {
+    if (failure_.load() != 0) return;
+    const std::size_t end = queue_.size();
+    const std::size_t needed = sizeof(header) + header.size;
+    if (deadline_ || (end != 0 && end + needed > kQueueBytes)) {
+        ++skipped_;
+        return;
+    }
+    queue_.resize(end + needed);
+    std::memcpy(queue_.data() + end, &header, sizeof(header));
+    if (header.size != 0) std::memcpy(queue_.data() + end + sizeof(header), data, header.size);
+    ++queuedLines_;
+    filled_.notify_one();
+}
+
+void Console::onStateChanged(session::SessionState state, const std::string& message) {
+    if (message.empty()) return;
+    const std::string line = std::string("** ") + session::sessionStateName(state) + ": " + message + "\n";
+    // Nothing can be told when standard error does not take it.
+    std::fputs(line.c_str(), stderr);
+}
+
+void Console::finishPrinting(std::chrono::milliseconds limit) {
+    if (!printer_.joinable()) return;
+    {
+        const std::lock_guard lock(mutex_);
+        deadline_ = std::chrono::steady_clock::now() + limit;
+    }
+    filled_.notify_one();
+    const std::uint64_t one = 1;
+    // A counter that far from its limit takes the one.
+    [[maybe_unused]] const ssize_t count = ::write(wakeUp_, &one, sizeof(one));
+    printer_.join();
+}
+
+std::uint64_t Console::skippedLines() const {
+    const std::lock_guard lock(mutex_);
+    return skipped_;
+}
+
+void Console::printLoop() {
+    constexpr std::size_t kTextBlock = 64 * 1024;
+    std::vector<std::uint8_t> batch;
+    batch.reserve(kQueueBytes);
+    std::string text;
+    while (takeBatch(batch)) {
+        std::uint64_t unprinted = 0;
+        for (std::size_t at = 0; at < batch.size();) {
+            QueuedHeader header;
+            std::memcpy(&header, batch.data() + at, sizeof(header));
+            if (unprinted == 0) {
+                appendLine(text, header, batch.data() + at + sizeof(header));
+            } else {
+                ++unprinted;
+            }
+            at += sizeof(header) + header.size;
+            const bool write = text.size() >= kTextBlock || at == batch.size();
+            if (unprinted == 0 && write && !writeLines(text)) unprinted = countLines(text);
+        }
+        if (unprinted == 0) continue;
+        const std::lock_guard lock(mutex_);
+        if (failure_.load() == 0) skipped_ += unprinted + queuedLines_;
+        return;
+    }
+}
+
+bool Console::takeBatch(std::vector<std::uint8_t>& batch) {
+    batch.clear();
+    std::unique_lock lock(mutex_);
+    filled_.wait(lock, [this] { return !queue_.empty() || deadline_; });
+    batch.swap(queue_);
+    queuedLines_ = 0;
+    return !batch.empty();
+}
+
+void Console::appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const {
+    const std::string seconds = formatFixed(static_cast<double>(header.sinceFirstNs) / 1e9, 3);
+    if (seconds.size() < 10) text.append(10 - seconds.size(), ' ');
+    text += seconds;
+    for (const Column& column : lists_[header.listIndex].columns) {
+        text += column.label;
+        const bool inside = column.offset + column.coding.size() <= header.size;
+        text += inside ? column.conversion.format(a2l::decodeRaw(data + column.offset, column.coding)) : "?";
+        text += column.suffix;
+    }
+    text += '\n';
+}
+
+// Writes and empties the text. False when the output failed or the deadline has passed; the text is then what
+// is left.
+bool Console::writeLines(std::string& text) {
+    std::string_view rest = text;
+    bool goOn = true;
+    while (!rest.empty() && goOn) {
+        const auto taken = output_->tryWrite(rest.substr(0, pieceLength(rest)));
+        if (!taken) {
+            failure_.store(taken.error().sysErrno);
+            goOn = false;
+        } else if (taken.value() == 0) {
+            goOn = waitForReader();
+        } else {
+            rest.remove_prefix(taken.value());
+        }
+    }
+    text.erase(0, text.size() - rest.size());
+    return goOn;
+}
+
+// False when the deadline has passed.
+bool Console::waitForReader() {
+    std::optional<std::chrono::steady_clock::time_point> deadline;
+    {
+        const std::lock_guard lock(mutex_);
+        deadline = deadline_;
+    }
+    if (!deadline) {
+        output_->waitWritable(wakeUp_, std::chrono::milliseconds(-1));
+        return true;
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    // Its event has been seen; a descriptor below 0 is not waited for.
+    output_->waitWritable(-1, left);
+    return true;
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,110 @@
+// What a measurement shows: every n-th record as a line on standard output, state changes on standard error.
+//
+// Reception must not wait for whoever reads standard output. onRecord therefore only copies a record that is
+// to be printed into a bounded queue; a thread "printer" makes the text and writes it. A queue and a thread
+// rather than a non-blocking write in onRecord: the conversions of a record and a slow disk stay off the
+// receive thread as well. When the queue is full (its reader pauses), lines are skipped and counted.
+//
+// Threads: setPrintInterval, setPlan and finishPrinting belong to the owner, before and after the records;
+// onRecord is called on the receive thread, onStateChanged on any; the other queries on any.
+// Lifetime: the descriptor is borrowed and stays open; nothing of the plan is kept.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "a2l/conversion.h"
+#include "a2l/raw_value.h"
+#include "cli/nonblocking_output.h"
+#include "session/measurement_types.h"
+#include "session/session_state.h"
+#include "xcp/daq_decoder.h"
+
+namespace lm::cli {
+
+class Console final : public xcp::IDaqRecordSink, public session::ISessionListener {
+  public:
+    /// Bytes of queued records; one record always finds room in an empty queue.
+    static constexpr std::size_t kQueueBytes = std::size_t{1} << 20U;
+
+    explicit Console(int descriptor);
+    ~Console() override;
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    /// Print the first and then every n-th record of each list; 0: none.
+    void setPrintInterval(std::uint32_t interval) { interval_ = interval; }
+
+    /// Takes over how the records of the plan are printed, and starts the printer.
+    void setPlan(const session::MeasurementPlan& plan);
+
+    void onRecord(const xcp::DaqRecord& record) override;
+
+    /// "** STATE: MESSAGE\n" on standard error; nothing for an empty message.
+    void onStateChanged(session::SessionState state, const std::string& message) override;
+
+    /// Prints what is queued, for `limit` at most; the rest counts as skipped. Records are not printed any
+    /// more.
+    void finishPrinting(std::chrono::milliseconds limit = std::chrono::seconds(1));
+
+    /// The errno of the write that failed, 0 when none did. Nothing is printed after it.
+    int failure() const { return failure_.load(); }
+
+    /// Lines that were not printed because standard output did not take them.
+    std::uint64_t skippedLines() const;
+
+  private:
+    struct Column {
+        std::string label;  ///< "  NAME="
+        std::size_t offset = 0;
+        a2l::RawCoding coding;
+        a2l::Conversion conversion;
+        std::string suffix;  ///< " UNIT" or empty
+    };
+    struct List {
+        std::uint64_t records = 0;  ///< under mutex_
+        std::vector<Column> columns;
+    };
+    /// In front of the bytes of each queued record.
+    struct QueuedHeader {
+        std::int64_t sinceFirstNs;
+        std::size_t listIndex;
+        std::size_t size;
+    };
+
+    void enqueue(const QueuedHeader& header, const std::uint8_t* data);
+    void printLoop();
+    bool takeBatch(std::vector<std::uint8_t>& batch);
+    void appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const;
+    bool writeLines(std::string& text);
+    bool waitForReader();
+
+    // Constant while records arrive.
+    const int descriptor_;
+    const int wakeUp_;  ///< eventfd: a deadline has been set
+    std::uint32_t interval_ = 0;
+    std::vector<List> lists_;
+
+    std::thread printer_;
+    std::optional<NonblockingOutput> output_;  // printer thread only
+
+    std::atomic<int> failure_{0};
+
+    mutable std::mutex mutex_;  // everything below
+    std::condition_variable filled_;
+    std::optional<std::int64_t> firstNs_;
+    std::vector<std::uint8_t> queue_;
+    std::size_t queuedLines_ = 0;
+    std::uint64_t skipped_ = 0;
+    std::optional<std::chrono::steady_clock::time_point> deadline_;  ///< set once printing is to end
+};
+
+}  // namespace lm::cli

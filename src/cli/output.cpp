@@ -1,0 +1,72 @@
+#include "cli/output.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+#include <unistd.h>
+
+#include "cli/stop_signal.h"
+
+namespace lm::cli {
+namespace {
+
+constexpr std::size_t kBlock = 64 * 1024;
+
+// 0 or the errno of what failed. A stop request ends the wait for a reader that takes nothing.
+int writeAll(int descriptor, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = ::write(descriptor, text.data(), text.size());
+        if (count >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EINTR || stopRequested()) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+void Output::append(std::string_view text) {
+    if (failure_ != 0) return;
+    buffer_ += text;
+    if (buffer_.size() >= kBlock) flush();
+}
+
+void Output::appendPadded(std::string_view text, std::size_t width) {
+    if (failure_ != 0) return;
+    buffer_ += text;
+    if (text.size() < width) buffer_.append(width - text.size(), ' ');
+}
+
+void Output::appendValueLine(std::string_view name, std::string_view value) {
+    appendPadded(name, 50);
+    append(' ');
+    append(value);
+    append('\n');
+}
+
+bool Output::flush() {
+    if (failure_ == 0) failure_ = writeAll(descriptor_, buffer_);
+    buffer_.clear();
+    return failure_ == 0;
+}
+
+int Output::finish(int exitCode) {
+    flush();
+    return reportOutputFailure(failure_) ? 1 : exitCode;
+}
+
+bool reportOutputFailure(int systemError) {
+    if (systemError == 0 || systemError == EPIPE) return false;
+    printError("output", Error{ErrorCode::ioError, std::generic_category().message(systemError)});
+    return true;
+}
+
+void printError(std::string_view prefix, const Error& error) {
+    const std::string line = std::string(prefix) + (prefix.empty() ? "" : ": ") + error.text() + "\n";
+    // Nothing can be told when standard error does not take it.
+    std::fputs(line.c_str(), stderr);
+}
+
+}  // namespace lm::cli

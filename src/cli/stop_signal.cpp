@@ -1,0 +1,86 @@
+#include "cli/stop_signal.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace lm::cli {
+namespace {
+
+std::atomic<bool> stopFlag{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler stores it");
+int stopEvent = -1;
+
+void signal(int descriptor) {
+    const std::uint64_t one = 1;
+    // The counter cannot overflow with the few events of a process, so the write does not fail.
+    [[maybe_unused]] const ssize_t count = ::write(descriptor, &one, sizeof(one));
+}
+
+void setAction(int number, void (*handler)(int)) {
+    // No SA_RESTART: a blocked write notices the stop.
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(number, &action, nullptr);
+}
+
+void onStopSignal(int) {
+    const int before = errno;
+    stopFlag.store(true);
+    signal(stopEvent);
+    setAction(SIGINT, SIG_DFL);
+    setAction(SIGTERM, SIG_DFL);
+    errno = before;
+}
+
+}  // namespace
+
+Result<void> installStopHandlers() {
+    stopEvent = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (stopEvent < 0) return Error::fromErrno(errno, "cannot create an event descriptor");
+    setAction(SIGPIPE, SIG_IGN);
+    setAction(SIGINT, onStopSignal);
+    setAction(SIGTERM, onStopSignal);
+    return {};
+}
+
+bool stopRequested() {
+    return stopFlag.load();
+}
+
+int stopDescriptor() {
+    return stopEvent;
+}
+
+StopWatcher::StopWatcher(std::function<void()> onStop)
+    : onStop_(std::move(onStop)), end_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (end_ < 0) throw std::system_error(errno, std::generic_category(), "event descriptor");
+    thread_ = std::thread([this] { watch(); });
+}
+
+StopWatcher::~StopWatcher() {
+    signal(end_);
+    thread_.join();
+    ::close(end_);
+}
+
+void StopWatcher::stopNow() {
+    std::call_once(called_, onStop_);
+}
+
+void StopWatcher::watch() {
+    std::array<pollfd, 2> waits = {pollfd{stopEvent, POLLIN, 0}, pollfd{end_, POLLIN, 0}};
+    while (::poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
+    }
+    if (waits[1].revents == 0) stopNow();
+}
+
+}  // namespace lm::cli

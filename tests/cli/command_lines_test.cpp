@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+
+#include "cli/command_info.h"
+#include "cli/command_measure.h"
+#include "cli/command_values.h"
+
+namespace lm::cli {
+namespace {
+
+TEST(CommandLines, AssignmentsAreCutAtTheFirstEquals) {
+    const struct {
+        const char* text;
+        std::optional<std::pair<std::string_view, std::string_view>> expected;
+    } rows[] = {{"A=1", {{"A", "1"}}},
+                {"A=b=c", {{"A", "b=c"}}},
+                {"A=", {{"A", ""}}},
+                {"B", {}},
+                {"=1", {}},
+                {"", {}}};
+    for (const auto& row : rows)
+        EXPECT_EQ(splitAssignment(row.text), row.expected) << row.text;
+}
+
+TEST(CommandLines, InfoNamesTheTransport) {
+    using session::TransportKind;
+    session::SessionConfig config;
+    a2l::XcpInterface interface;
+    EXPECT_EQ(ecuLine("Demo", TransportKind::udp, "udp:::1:5555", config, interface),
+              "ECU            Demo (XCP on UDP/IP, ::1:5555)\n");
+    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", config, interface),
+              "ECU            Demo (XCP on serial, /dev/x, 115200 baud)\n");
+    interface.serial = a2l::XcpOnSerial{9600};
+    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", config, interface),
+              "ECU            Demo (XCP on serial, /dev/x, 9600 baud)\n");
+    config.can.interface = "can1";
+    config.can.resId = 0x98DAF110;
+    interface.can.emplace();
+    interface.can->masterId = 0x7E0;
+    interface.can->slaveId = 0x7E8;
+    EXPECT_EQ(ecuLine("", TransportKind::can, "", config, interface),
+              "ECU             (CMD 0x7E0, RES 0x98DAF110 on can1)\n");
+}
+
+TEST(CommandLines, InfoShowsConnectionAndDaq) {
+    xcp::ConnectInfo info;
+    info.resource = 0x15;
+    info.commModeBasic = 0x03;
+    info.maxCto = 8;
+    info.maxDto = 65503;
+    EXPECT_EQ(connectLines(info),
+              "resources      CAL/PAG DAQ PGM\n"
+              "communication  Motorola, AG 2, MAX_CTO 8, MAX_DTO 65503\n");
+    info.resource = 0x04;
+    info.commModeBasic = 0;
+    EXPECT_EQ(connectLines(info),
+              "resources      DAQ \n"
+              "communication  Intel, AG 1, MAX_CTO 8, MAX_DTO 65503\n");
+
+    xcp::DaqCapabilities daq;
+    daq.dynamicConfiguration = true;
+    daq.timestampSize = 4;
+    daq.tickNs = 1000;
+    daq.maxEntrySize = 7;
+    daq.events = {{0, 0, 0, "10ms", 10'000'000, 0},
+                  {1, 0, 0, "sync", 0, 0},
+                  {1234, 0, 0, "a name of more than twenty bytes", 1'999'999, 0}};
+    EXPECT_EQ(daqLines(daq),
+              "DAQ            dynamic, timestamp 4 byte x 0.001 ms, max ODT entry 7\n"
+              "  event 0   10ms                 10 ms\n"
+              "  event 1   sync                 not cyclic\n"
+              "  event 1234 a name of more than twenty bytes 1 ms\n");
+}
+
+TEST(CommandLines, MeasureTellsStartAndEnd) {
+    EXPECT_EQ(startLine({3, 2, 0.0156}, ""),
+              "measuring 3 signal(s) in 2 DAQ list(s), estimated bus load 1.6 % - Ctrl-C to stop");
+    EXPECT_EQ(startLine({1, 1, 0}, "rec/1"),
+              "measuring 1 signal(s) in 1 DAQ list(s), estimated bus load 0.0 %, recording to rec/1 - "
+              "Ctrl-C to stop");
+
+    session::MeasurementStats stats;
+    stats.records = 18446744073709551615U;
+    stats.lostOdts = 1;
+    stats.missedCycles = 2;
+    stats.overloads = 3;
+    stats.reconnects = 4;
+    stats.canDropped = 5;
+    stats.canErrorFrames = 6;
+    stats.recorded = 7;
+    stats.recordedDropped = 8;
+    const std::string line =
+        "2.5 s: 18446744073709551615 records, lost ODTs 1, missed cycles 2, overloads 3, reconnects 4, "
+        "CAN dropped 5, error frames 6";
+    EXPECT_EQ(statisticsLine(2.46, stats), line);
+    EXPECT_EQ(otherLosses(stats), "");
+    stats.recording = true;
+    EXPECT_EQ(statisticsLine(2.46, stats), line + ", recorded 7 (dropped 8)");
+    stats.incompleteRecords = 1;
+    stats.unknownDtos = 2;
+    stats.malformedDtos = 3;
+    stats.counterGaps = 4;
+    stats.missingPackets = 5;
+    stats.malformedDatagrams = 6;
+    stats.kernelDrops = 7;
+    EXPECT_EQ(
+        otherLosses(stats),
+        "incomplete records 1, unknown DTOs 2, malformed DTOs 3, UDP counter gaps 4, UDP packets missing "
+        "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7");
+}
+
+}  // namespace
+}  // namespace lm::cli
