@@ -13,8 +13,10 @@
 //   received in one bunch are as evenly spaced as they were sampled.
 // - The first stamp sets the offset 500 us below its own difference, so that quicker frames which follow fall
 //   under no record's time and the start is evenly spaced too; the slow approach then closes that gap.
-// - A frame quicker than the offset says would lie in the future: it gets its receive time, and the offset
-// drops.
+// - A frame quicker than the offset says would lie in the future: the offset drops below it, by as much again
+// as
+//   it was too quick (500 us at most), so that one such frame is the last.
+// - No guard is larger than an eighth of the counter's wrap. No time is later than the receive time.
 // - A list's times never step back.
 // - A counter that wrapped unseen (an event that paused, a one-byte counter): a time more than three quarters
 //   of a wrap behind the receive time gets the missing whole wraps. A time more than a second in the future
@@ -57,8 +59,8 @@ class SlaveClock {
 
     std::int64_t slaveNs(std::uint64_t ticks) const;
     std::uint64_t follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs);
-    void anchor(std::int64_t difference);
-    void track(std::int64_t difference, std::int64_t nowNs);
+    void anchor(std::int64_t offset);
+    void track(std::int64_t offset, std::int64_t nowNs);
     void slew(std::int64_t elapsedNs);
 
     // Constant after construction.
@@ -66,6 +68,8 @@ class SlaveClock {
     std::uint64_t modulus_ = 0;
     std::int64_t tickNs_ = 0;
     std::int64_t wrapNs_ = 0;
+    std::int64_t guardNs_ = 0;
+    std::int64_t firstGuardNs_ = 0;
 
     bool anchored_ = false;
     std::uint64_t lastTicks_ = 0;     ///< of the latest stamp of any list

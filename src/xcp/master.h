@@ -179,6 +179,7 @@ class Master final : public IPacketSink {
         Taking taking = Taking::any;
         std::size_t minimumLength = 1;
         std::int64_t sentNs = 0;
+        std::uint64_t extensions = 0;  ///< pendingExtensions_ already granted
         bool active = false;
         std::optional<Packet> response = {};
         std::optional<Packet> aside = {};
@@ -218,32 +219,38 @@ class Master final : public IPacketSink {
         std::atomic<std::uint32_t> inProgress_{0};
     };
 
-    // master.cpp; "locked" means that the command mutex is held.
+    // master.cpp; "locked" means that the command mutex is held. An exchange without a value timed out.
     Result<void> requireConnected() const;
-    std::chrono::milliseconds timeout(unsigned index) const;
-    Result<Packet> exchange(const Packet& command, unsigned timeoutIndex, Taking taking,
-                            std::size_t minimumLength);
-    Result<Packet> awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit, bool stoppable);
-    void noteUnanswered(Taking taking);
+    Clock::duration timeout(unsigned index) const;
+    Result<std::optional<Packet>> exchange(const Packet& command, unsigned timeoutIndex, Taking taking,
+                                           std::size_t minimumLength);
+    bool awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit);
+    void noteOwed(Taking taking);
+    void settleOwed(const std::uint8_t* data, std::size_t length);
+    bool repeatsConnect(const std::uint8_t* data, std::size_t length) const;
     Verdict judge(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     Verdict judgeConnect(const std::uint8_t* data, std::size_t length);
-    void settleOwed(const std::uint8_t* data, std::size_t length);
+    void onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    void onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     void drainLocked();
     Result<void> synchLocked();
     Result<Packet> transactLocked(const Packet& command, const Exchange& exchange);
-    Result<void> commandLocked(const Packet& command);
-    Result<void> command(const Packet& command);
     Result<void> recoverLocked(const Packet& command, const Exchange& exchange);
+    Result<void> commandLocked(const Packet& command);
+    Result<Packet> command(const Packet& command, std::size_t minimumLength);
     Result<void> onceLocked(const Packet& command);
     Result<void> sendOnlyLocked(const Packet& command);
     Result<void> acceptConnect(const Packet& response);
-    Result<void> pauseBusy(const std::string& name);
+    Result<void> pauseBusy(const Packet& command);
+    Error errorOf(const Packet& command, const Packet& reply);
 
     // master_memory.cpp
     Result<void> setMtaLocked(Address address);
-    Result<std::vector<std::uint8_t>> uploadBlocksLocked(Address address, std::size_t size);
-    Result<void> uploadBlockLocked(std::size_t elements, const std::function<Result<void>()>& beforeRepeat,
+    Result<std::vector<std::uint8_t>> uploadBlocksLocked(Address address, std::size_t elements);
+    /// Appends the data of one answer to `bytes`.
+    Result<void> uploadBlockLocked(const Packet& command, const std::function<Result<void>()>& beforeRepeat,
                                    std::vector<std::uint8_t>& bytes);
+    std::size_t elementsPerResponse() const;
 
     // master_daq.cpp
     Result<void> readResolutionLocked(DaqCapabilities& capabilities);
@@ -251,7 +258,7 @@ class Master final : public IPacketSink {
     Result<Packet> eventInfoLocked(std::uint16_t channel);
     Result<std::string> eventNameLocked(std::uint16_t channel, std::size_t length);
     Result<void> allocateLocked(const DaqPlan& plan);
-    Result<void> writeListLocked(const DaqPlan& plan, std::size_t index);
+    Result<void> writeOdtLocked(std::uint16_t list, std::uint8_t number, const Odt& odt);
     Result<std::vector<std::uint8_t>> selectLocked(const DaqPlan& plan);
 
     // Constant after construction.
@@ -261,6 +268,7 @@ class Master final : public IPacketSink {
     // Command mutex; connection_ is written under both mutexes and so read under either.
     std::mutex commandMutex_;
     bool shortUploadMissing_ = false;
+    bool recovering_ = false;  ///< a beforeRepeat action runs
     ConnectInfo connection_;
 
     // Response mutex.

@@ -1,0 +1,128 @@
+#include "xcp/daq_clock.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace lm::xcp {
+
+namespace {
+
+constexpr std::int64_t kMillisecond = 1'000'000;
+constexpr std::int64_t kSecond = 1'000 * kMillisecond;
+constexpr std::int64_t kFirstGuardNs = kMillisecond / 2;
+constexpr std::int64_t kGuardNs = kMillisecond / 20;
+constexpr std::int64_t kWindowNs = 2 * kSecond;
+constexpr std::uint32_t kWindowStamps = 16;
+constexpr std::int64_t kSlewDivisor = 5'000;  // 200 ppm
+constexpr std::int64_t kProportionalSlewFromNs =
+    kMillisecond;  // where 1/kCatchUpDivisor of it per second begins
+constexpr std::int64_t kFutureIsRestartNs = kSecond;
+constexpr std::int64_t kStandstillNs = kSecond / 2;
+
+/// Slave times of absurd tick lengths may pass 64 bits; they wrap instead of being undefined.
+std::int64_t difference(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+}
+
+std::int64_t sum(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+}  // namespace
+
+SlaveClock::SlaveClock(std::uint8_t timestampSize, std::int64_t tickNs)
+    : usable_(timestampSize > 0 && timestampSize <= 4 && tickNs > 0), tickNs_(tickNs) {
+    if (!usable_) return;
+    modulus_ = std::uint64_t{1} << (8U * timestampSize);
+    const double wrap = static_cast<double>(modulus_) * static_cast<double>(tickNs);
+    wrapNs_ = static_cast<std::int64_t>(std::min(wrap, 4e18));
+    guardNs_ = std::min(kGuardNs, wrapNs_ / 8);
+    firstGuardNs_ = std::min(kFirstGuardNs, wrapNs_ / 8);
+}
+
+std::int64_t SlaveClock::slaveNs(std::uint64_t ticks) const {
+    return static_cast<std::int64_t>(ticks * static_cast<std::uint64_t>(tickNs_));
+}
+
+std::uint64_t SlaveClock::follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs) {
+    // A list's first stamp lies near the latest stamp of the others, before or behind it.
+    std::uint64_t ticks = advanceTicks(
+        list.started ? list.ticks : lastTicks_ - std::min(lastTicks_, modulus_ / 2), raw, modulus_);
+    if (!anchored_) return ticks;
+
+    const std::int64_t lag = difference(receiveNs, sum(slaveNs(ticks), offsetNs_));
+    if (lag > wrapNs_ - wrapNs_ / 4) {
+        ticks += (static_cast<std::uint64_t>(lag) + static_cast<std::uint64_t>(wrapNs_ / 4)) /
+                 static_cast<std::uint64_t>(wrapNs_) * modulus_;
+    } else if (lag < -(wrapNs_ / 2)) {
+        // Out of order rather than nearly a whole wrap on; a clock that began anew is anchored below.
+        const std::uint64_t ahead = static_cast<std::uint64_t>(-lag);
+        const auto wraps =
+            (ahead + static_cast<std::uint64_t>(wrapNs_ / 2)) / static_cast<std::uint64_t>(wrapNs_);
+        const std::uint64_t back = wraps * modulus_;
+        const std::int64_t lagThen = sum(lag, static_cast<std::int64_t>(wraps) * wrapNs_);
+        if (back <= ticks && lagThen < kFutureIsRestartNs) ticks -= back;
+    }
+    return ticks;
+}
+
+std::int64_t SlaveClock::map(ListClock& list, std::uint32_t raw, std::int64_t receiveNs) {
+    list.ticks = follow(list, raw, receiveNs);
+    const std::int64_t now = slaveNs(list.ticks);
+    const std::int64_t offset = difference(receiveNs, now);
+    if (!anchored_ || offset < offsetNs_ - kFutureIsRestartNs) {
+        anchor(offset);
+        windowStartNs_ = now;
+        latestSlaveNs_ = now;
+    }
+    lastTicks_ = list.ticks;
+    track(offset, now);
+
+    std::int64_t mapped = std::min(sum(now, offsetNs_), receiveNs);
+    if (list.started) mapped = std::min(std::max(mapped, list.lastNs), receiveNs);
+    list.started = true;
+    list.lastNs = mapped;
+    return mapped;
+}
+
+void SlaveClock::anchor(std::int64_t offset) {
+    anchored_ = true;
+    offsetNs_ = offset - firstGuardNs_;
+    windowStamps_ = 0;
+    windowLeast_ = kNone;
+    previousLeast_ = kNone;
+}
+
+void SlaveClock::track(std::int64_t offset, std::int64_t nowNs) {
+    windowLeast_ = std::min(windowLeast_, offset);
+    ++windowStamps_;
+    if (offset < offsetNs_) offsetNs_ = offset - std::min(offsetNs_ - offset, firstGuardNs_);
+
+    const std::int64_t elapsed = difference(nowNs, latestSlaveNs_);
+    if (elapsed > 0) {
+        slew(elapsed);
+        latestSlaveNs_ = nowNs;
+    }
+    if (difference(nowNs, windowStartNs_) >= kWindowNs && windowStamps_ >= kWindowStamps) {
+        if (windowLeast_ - offsetNs_ > kStandstillNs) anchor(windowLeast_);
+        previousLeast_ = windowLeast_;
+        windowLeast_ = kNone;
+        windowStamps_ = 0;
+        windowStartNs_ = nowNs;
+    }
+}
+
+void SlaveClock::slew(std::int64_t elapsedNs) {
+    const std::int64_t target = std::min(windowLeast_, previousLeast_) - guardNs_;
+    const std::int64_t distance = target - offsetNs_;
+    const std::int64_t size = std::abs(distance);
+    std::int64_t step = elapsedNs / kSlewDivisor;
+    if (size > kProportionalSlewFromNs) {
+        step = static_cast<std::int64_t>(static_cast<double>(step) * static_cast<double>(size) /
+                                         static_cast<double>(kProportionalSlewFromNs));
+    }
+    step = std::min(step, size);
+    offsetNs_ += distance < 0 ? -step : step;
+}
+
+}  // namespace lm::xcp

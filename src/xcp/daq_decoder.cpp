@@ -1,0 +1,183 @@
+#include "xcp/daq_decoder.h"
+
+#include <cstring>
+
+#include "core/bytes.h"
+
+namespace lm::xcp {
+
+namespace {
+
+constexpr std::uint8_t kOverloadBit = 0x80;
+
+/// The list number travels least-significant byte first for slaves of either byte order.
+std::uint16_t listNumberOf(DaqIdentification type, const std::uint8_t* data) {
+    switch (type) {
+        case DaqIdentification::relativeByte:
+            return data[1];
+        case DaqIdentification::relativeWord:
+            return readLittle<std::uint16_t>(data + 1);
+        default:
+            return readLittle<std::uint16_t>(data + 2);
+    }
+}
+
+}  // namespace
+
+DaqDecoder::DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
+                       std::span<const std::uint8_t> firstPids)
+    : identification_(plan.identification),
+      identificationSize_(plan.identificationSize),
+      timestampSize_(plan.timestampSize),
+      overloadInPid_(plan.overloadInPid),
+      firstListNumber_(plan.firstListNumber),
+      clock_(plan.timestampSize, capabilities.tickNs) {
+    lists_.resize(plan.lists.size());
+    for (std::size_t i = 0; i < plan.lists.size(); ++i) {
+        const DaqList& planned = plan.lists[i];
+        const EventChannel* const event = capabilities.findEvent(planned.eventChannel);
+        List& list = lists_[i];
+        list.number = plan.listNumber(i);
+        list.timestamp = planned.timestamp;
+        list.periodNs = event == nullptr ? 0 : event->cycleNs * planned.prescaler;
+        list.record.resize(planned.recordSize);
+        for (const Odt& odt : planned.odts) {
+            list.odts.push_back({odt.payloadSize, odt.recordOffset});
+        }
+    }
+    numberPids(plan, firstPids);
+}
+
+void DaqDecoder::numberPids(const DaqPlan& plan, std::span<const std::uint8_t> firstPids) {
+    if (identification_ != DaqIdentification::absoluteOdt) return;
+    for (std::size_t i = 0; i < plan.lists.size(); ++i) {
+        const DaqList& list = plan.lists[i];
+        for (std::size_t odt = 0; odt < list.odts.size(); ++odt) {
+            const std::size_t pid = i < firstPids.size() ? firstPids[i] + odt : list.odts[odt].pid;
+            if (pid >= pids_.size()) continue;
+            pids_[pid] = {static_cast<std::uint16_t>(i), static_cast<std::uint8_t>(odt), true};
+        }
+    }
+}
+
+DaqDecoder::Place DaqDecoder::find(const std::uint8_t* data, std::uint8_t pid) {
+    std::size_t index = 0;
+    std::uint32_t odt = pid;
+    if (identification_ == DaqIdentification::absoluteOdt) {
+        const PidEntry& entry = pids_[pid];
+        if (!entry.valid) return {nullptr, 0};
+        index = entry.list;
+        odt = entry.odt;
+    } else {
+        const std::uint16_t number = listNumberOf(identification_, data);
+        if (number < firstListNumber_) return {nullptr, 0};
+        index = static_cast<std::size_t>(number - firstListNumber_);
+    }
+    if (index >= lists_.size() || odt >= lists_[index].odts.size()) return {nullptr, 0};
+    return {&lists_[index], odt};
+}
+
+void DaqDecoder::onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
+    dtos_.add(1);
+    if (length < identificationSize_) {
+        malformedDtos_.add(1);
+        return;
+    }
+    const bool overload = overloadInPid_ && (data[0] & kOverloadBit) != 0;
+    const std::uint8_t pid = overload ? static_cast<std::uint8_t>(data[0] & ~kOverloadBit) : data[0];
+    const Place place = find(data, pid);
+    if (place.list == nullptr) {
+        unknownDtos_.add(1);
+        return;
+    }
+    List& list = *place.list;
+    if (overload) {
+        overloads_.add(1);
+        list.overload = true;
+    }
+
+    std::size_t start = identificationSize_;
+    if (place.odt == 0) {
+        if (list.nextOdt != 0) abandon(list, list.odts.size() - list.nextOdt);
+        if (!beginRecord(list, data, length, time.hostNs)) return;
+        if (list.timestamp) start += timestampSize_;
+    } else if (place.odt != list.nextOdt) {
+        const bool ahead = place.odt > list.nextOdt;  // also when no record is open
+        abandon(list, ahead ? place.odt - list.nextOdt : 1);
+        return;
+    }
+
+    const OdtLayout& odt = list.odts[place.odt];
+    if (length < start + odt.payloadSize) {
+        malformedDtos_.add(1);
+        list.nextOdt = 0;
+        return;
+    }
+    std::memcpy(list.record.data() + odt.recordOffset, data + start, odt.payloadSize);
+    list.nextOdt = place.odt + 1;
+    if (list.nextOdt == list.odts.size()) finishRecord(list);
+}
+
+bool DaqDecoder::beginRecord(List& list, const std::uint8_t* data, std::size_t length,
+                             std::int64_t receiveNs) {
+    list.nextOdt = 0;
+    list.receiveNs = receiveNs;
+    list.timeNs = receiveNs;
+    list.hasTime = false;
+    if (!list.timestamp) return true;
+    if (length < static_cast<std::size_t>(identificationSize_) + timestampSize_) {
+        malformedDtos_.add(1);
+        return false;
+    }
+    if (clock_.usable()) {
+        const auto raw = readSized(data + identificationSize_, timestampSize_, ByteOrder::littleEndian);
+        list.timeNs = clock_.map(list.clock, static_cast<std::uint32_t>(raw), receiveNs);
+        list.hasTime = true;
+    }
+    return true;
+}
+
+void DaqDecoder::abandon(List& list, std::uint64_t lostOdts) {
+    lostOdts_.add(lostOdts);
+    incompleteRecords_.add(1);
+    list.nextOdt = 0;
+}
+
+void DaqDecoder::finishRecord(List& list) {
+    list.nextOdt = 0;
+    if (list.timestamp) checkCycle(list);
+    records_.add(1);
+    if (sink_ != nullptr) {
+        sink_->onRecord({.listNumber = list.number,
+                         .listIndex = static_cast<std::size_t>(&list - lists_.data()),
+                         .receiveTimeNs = list.receiveNs,
+                         .slaveTimeNs = list.hasTime ? list.timeNs : 0,
+                         .hasSlaveTime = list.hasTime,
+                         .overload = list.overload,
+                         .data = list.record.data(),
+                         .size = list.record.size()});
+    }
+    list.overload = false;
+}
+
+void DaqDecoder::checkCycle(List& list) {
+    if (list.hasPrevious && list.periodNs > 0 && list.previousNs < list.timeNs) {
+        const std::int64_t periods = (list.timeNs - list.previousNs + list.periodNs / 2) / list.periodNs;
+        if (periods > 1) missedCycles_.add(static_cast<std::uint64_t>(periods - 1));
+    }
+    list.previousNs = list.timeNs;
+    list.hasPrevious = true;
+}
+
+DaqDecoderCounters DaqDecoder::counters() const {
+    return {.dtos = dtos_.get(),
+            .records = records_.get(),
+            .lostOdts = lostOdts_.get(),
+            .incompleteRecords = incompleteRecords_.get(),
+            .missedCycles = missedCycles_.get(),
+            .overloads = overloads_.get(),
+            .unknownDtos = unknownDtos_.get(),
+            .malformedDtos = malformedDtos_.get()};
+}
+
+}  // namespace lm::xcp

@@ -1,0 +1,297 @@
+#include "xcp/udp_transport.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+#include <spdlog/fmt/fmt.h>
+#include <spdlog/spdlog.h>
+
+#include "core/bytes.h"
+
+namespace lm::xcp {
+
+namespace {
+
+constexpr std::size_t kHeaderSize = 4;
+constexpr std::size_t kDatagramSize = 65536;
+constexpr std::size_t kBatchSize = 64;
+constexpr int kPollMs = 50;
+constexpr int kReceiveBufferBytes = 8 * 1024 * 1024;
+
+std::int64_t steadyNow() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+using AddressList = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
+
+Result<AddressList> resolve(const UdpTransportConfig& config) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* found = nullptr;
+    const int failure =
+        ::getaddrinfo(config.host.c_str(), fmt::format("{}", config.port).c_str(), &hints, &found);
+    if (failure != 0) {
+        const std::string context = fmt::format("XCP on UDP: cannot resolve {}", config.host);
+        if (failure == EAI_SYSTEM) return Error::fromErrno(ErrorCode::notFound, errno, context);
+        return Error{.code = ErrorCode::notFound, .message = context + ": " + ::gai_strerror(failure)};
+    }
+    return AddressList(found, &::freeaddrinfo);
+}
+
+/// Asks for a large receive buffer and for the count of what did not fit into it; a refusal costs only that.
+void prepareSocket(int socket) {
+    const int size = kReceiveBufferBytes;
+    if (::setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
+        ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
+        spdlog::debug("XCP on UDP: receive buffer: {}", std::strerror(errno));
+    }
+    const int on = 1;
+    if (::setsockopt(socket, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on) != 0) {
+        spdlog::debug("XCP on UDP: drop counter: {}", std::strerror(errno));
+    }
+}
+
+}  // namespace
+
+/// The buffers of one recvmmsg call. Pages of the datagram buffers are touched only as far as datagrams
+/// reach.
+class UdpTransport::Batch {
+  public:
+    Batch() : bytes_(new std::uint8_t[kBatchSize * kDatagramSize]) {
+        for (std::size_t i = 0; i < kBatchSize; ++i) {
+            parts_[i] = {.iov_base = bytes_.get() + i * kDatagramSize, .iov_len = kDatagramSize};
+            messages_[i] = {};
+            messages_[i].msg_hdr.msg_iov = &parts_[i];
+            messages_[i].msg_hdr.msg_iovlen = 1;
+            messages_[i].msg_hdr.msg_control = &controls_[i];
+        }
+    }
+
+    /// The number of datagrams, or -1 with errno.
+    int receive(int socket) {
+        for (mmsghdr& message : messages_) {
+            message.msg_hdr.msg_controllen = sizeof(Control);
+        }
+        return ::recvmmsg(socket, messages_.data(), kBatchSize, MSG_DONTWAIT, nullptr);
+    }
+
+    const std::uint8_t* data(std::size_t index) const { return bytes_.get() + index * kDatagramSize; }
+    std::size_t size(std::size_t index) const { return messages_[index].msg_len; }
+
+    /// The socket's running total of dropped datagrams as told with a datagram; `before` when it tells none.
+    std::uint32_t kernelDrops(std::size_t index, std::uint32_t before) {
+        msghdr& header = messages_[index].msg_hdr;
+        for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item)) {
+            if (item->cmsg_level == SOL_SOCKET && item->cmsg_type == SO_RXQ_OVFL) {
+                std::memcpy(&before, CMSG_DATA(item), sizeof before);
+            }
+        }
+        return before;
+    }
+
+  private:
+    struct Control {
+        alignas(cmsghdr) std::array<std::uint8_t, CMSG_SPACE(sizeof(std::uint32_t))> bytes;
+    };
+
+    std::unique_ptr<std::uint8_t[]> bytes_;
+    std::array<mmsghdr, kBatchSize> messages_;
+    std::array<iovec, kBatchSize> parts_;
+    std::array<Control, kBatchSize> controls_;
+};
+
+UdpTransport::UdpTransport(UdpTransportConfig config) : config_(std::move(config)) {}
+
+UdpTransport::~UdpTransport() {
+    close();
+}
+
+Result<void> UdpTransport::open() {
+    if (running_) return {};
+    if (config_.host.empty()) {
+        return Error{.code = ErrorCode::invalidArgument, .message = "XCP on UDP: no host configured"};
+    }
+    wakeUp_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeUp_ < 0) return Error::fromErrno(errno, "XCP on UDP: eventfd");
+    if (auto opened = openSocket(); !opened) {
+        close();
+        return opened;
+    }
+    counterSeen_ = false;
+    lastKernelDrops_ = 0;
+    running_ = true;
+    try {
+        thread_ = std::thread(&UdpTransport::receiveLoop, this);
+    } catch (const std::system_error& failure) {
+        close();
+        return Error::fromErrno(failure.code().value(), "XCP on UDP: cannot start the receive thread");
+    }
+    return {};
+}
+
+Result<void> UdpTransport::openSocket() {
+    const Result<AddressList> addresses = resolve(config_);
+    if (!addresses) return addresses.error();
+    int lastError = EADDRNOTAVAIL;
+    for (const addrinfo* address = addresses.value().get(); address != nullptr; address = address->ai_next) {
+        const int candidate = ::socket(address->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, address->ai_protocol);
+        if (candidate >= 0 && ::connect(candidate, address->ai_addr, address->ai_addrlen) == 0) {
+            prepareSocket(candidate);
+            const std::lock_guard lock(sendMutex_);
+            socket_ = candidate;
+            sendCounter_ = 0;
+            return {};
+        }
+        lastError = errno;
+        if (candidate >= 0) ::close(candidate);
+    }
+    return Error::fromErrno(
+        lastError, fmt::format("XCP on UDP: cannot open socket to {}:{}", config_.host, config_.port));
+}
+
+void UdpTransport::close() {
+    running_ = false;
+    if (thread_.joinable()) {
+        const std::uint64_t one = 1;
+        if (::write(wakeUp_, &one, sizeof one) < 0) {
+            spdlog::debug("XCP on UDP: wake-up: {}",
+                          std::strerror(errno));  // the poll's time limit ends the thread
+        }
+        thread_.join();
+    }
+    const std::lock_guard lock(sendMutex_);
+    if (socket_ >= 0) ::close(socket_);
+    if (wakeUp_ >= 0) ::close(wakeUp_);
+    socket_ = -1;
+    wakeUp_ = -1;
+}
+
+Result<void> UdpTransport::send(const std::uint8_t* data, std::size_t length) {
+    const std::lock_guard lock(sendMutex_);
+    if (!running_ || socket_ < 0) {
+        return Error{.code = ErrorCode::notOpen, .message = "XCP on UDP: transport not started"};
+    }
+    if (length == 0 || length > config_.maxPacketSize || length > 0xFFFF) {
+        return Error{.code = ErrorCode::invalidArgument, .message = "XCP packet too large for the transport"};
+    }
+    std::array<std::uint8_t, kHeaderSize> header{};
+    writeLittle(header.data(), static_cast<std::uint16_t>(length));
+    writeLittle(header.data() + 2, sendCounter_++);
+    std::array<iovec, 2> parts = {{{.iov_base = header.data(), .iov_len = header.size()},
+                                   {.iov_base = const_cast<std::uint8_t*>(data), .iov_len = length}}};
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+
+    bool refusedBefore = false;
+    while (::sendmsg(socket_, &message, MSG_NOSIGNAL) < 0) {
+        const int failure = errno;
+        if (failure == EINTR) continue;
+        if (failure == ECONNREFUSED && !std::exchange(refusedBefore, true))
+            continue;  // an earlier datagram's
+        return Error::fromErrno(failure, "XCP on UDP: send");
+    }
+    return {};
+}
+
+void UdpTransport::receiveLoop() {
+    ::pthread_setname_np(::pthread_self(), "xcp-udp-rx");
+    Batch batch;
+    std::array<pollfd, 2> waits = {
+        {{.fd = socket_, .events = POLLIN, .revents = 0}, {.fd = wakeUp_, .events = POLLIN, .revents = 0}}};
+    while (running_) {
+        const int ready = ::poll(waits.data(), waits.size(), kPollMs);
+        if (ready <= 0 || waits[0].revents == 0) continue;
+        if (!drain(batch)) {
+            // A broken socket stays readable; without this wait its errors would come without end.
+            waits[0].fd = -1;
+            ::poll(waits.data(), waits.size(), kPollMs);
+            waits[0].fd = socket_;
+        }
+    }
+}
+
+/// False after a failure that is likely to last.
+bool UdpTransport::drain(Batch& batch) {
+    while (running_) {
+        const int count = batch.receive(socket_);
+        if (count < 0) {
+            const int failure = errno;
+            if (failure == EAGAIN || failure == EWOULDBLOCK) return true;
+            if (failure == EINTR || failure == ECONNREFUSED) continue;
+            reportReceiveError(failure);
+            return false;
+        }
+        const ReceiveTime time{.hostNs = steadyNow(), .hardwareNs = 0};
+        for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+            noteKernelDrops(batch.kernelDrops(i, lastKernelDrops_));
+            onDatagram(batch.data(i), batch.size(i), time);
+        }
+        if (static_cast<std::size_t>(count) < kBatchSize) return true;
+    }
+    return true;
+}
+
+void UdpTransport::onDatagram(const std::uint8_t* data, std::size_t size, ReceiveTime time) {
+    datagrams_.fetch_add(1, std::memory_order_relaxed);
+    IPacketSink* const sink = sink_.load();
+    std::size_t at = 0;
+    while (size - at >= kHeaderSize) {
+        const std::size_t length = readLittle<std::uint16_t>(data + at);
+        if (length == 0 || length > size - at - kHeaderSize) break;
+        checkCounter(readLittle<std::uint16_t>(data + at + 2));
+        packets_.fetch_add(1, std::memory_order_relaxed);
+        if (sink != nullptr) sink->onPacket(data + at + kHeaderSize, length, time);
+        at += kHeaderSize + length;
+    }
+    if (at != size) malformedDatagrams_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void UdpTransport::checkCounter(std::uint16_t counter) {
+    const auto skipped = static_cast<std::uint16_t>(counter - lastCounter_ - 1);
+    if (std::exchange(counterSeen_, true) && skipped != 0) {
+        counterGaps_.fetch_add(1, std::memory_order_relaxed);
+        // More than half the range ahead is rather a packet out of order or a counter that began anew.
+        if (skipped < 0x8000) missingPackets_.fetch_add(skipped, std::memory_order_relaxed);
+    }
+    lastCounter_ = counter;
+}
+
+void UdpTransport::noteKernelDrops(std::uint32_t total) {
+    kernelDrops_.fetch_add(total - lastKernelDrops_, std::memory_order_relaxed);
+    lastKernelDrops_ = total;
+}
+
+void UdpTransport::reportReceiveError(int systemError) {
+    if (IPacketSink* const sink = sink_.load()) {
+        sink->onTransportEvent({.kind = hal::CanChannelEventKind::receiveFailed,
+                                .timeNs = steadyNow(),
+                                .state = hal::CanBusState::unknown,
+                                .value = static_cast<std::uint32_t>(systemError)});
+    }
+}
+
+UdpStatistics UdpTransport::statistics() const {
+    return {.datagrams = datagrams_.load(),
+            .packets = packets_.load(),
+            .malformedDatagrams = malformedDatagrams_.load(),
+            .counterGaps = counterGaps_.load(),
+            .missingPackets = missingPackets_.load(),
+            .kernelDrops = kernelDrops_.load()};
+}
+
+}  // namespace lm::xcp
