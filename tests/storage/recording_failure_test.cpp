@@ -1,0 +1,269 @@
+// Disks that take no more: the limit on file sizes stops a file at any byte, as a full disk does.
+#include <csignal>
+#include <sstream>
+#include <sys/resource.h>
+
+#include <gtest/gtest.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "storage/group_files.h"
+#include "storage/recording_fixture.h"
+#include "storage/recording_format.h"
+#include "storage/recording_meta.h"
+#include "storage/recording_writer.h"
+#include "support/temp_dir.h"
+
+namespace lm::storage {
+namespace {
+
+using test::Bytes;
+namespace fs = std::filesystem;
+
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(std::uint64_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        rlimit now = before_;
+        now.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &now);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+  private:
+    void (*handler_)(int);
+    rlimit before_{};
+};
+
+/// Log lines of one scope, without time and level.
+class LogCapture {
+  public:
+    LogCapture() : before_(spdlog::default_logger()) {
+        auto logger = std::make_shared<spdlog::logger>(
+            "test", std::make_shared<spdlog::sinks::ostream_sink_mt>(lines_, true));
+        logger->set_pattern("%l %v");
+        spdlog::set_default_logger(std::move(logger));
+    }
+    ~LogCapture() { spdlog::set_default_logger(before_); }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::string text() const { return lines_.str(); }
+
+  private:
+    std::ostringstream lines_;
+    std::shared_ptr<spdlog::logger> before_;
+};
+
+class RecordingFailureTest : public ::testing::Test {
+  protected:
+    /// The files of one group, fed by hand.
+    struct Group {
+        explicit Group(const fs::path& directory, RecordingInfo recording = test::smallRecording())
+            : info(std::move(recording)),
+              faults(directory),
+              files(GroupFiles::create(0, info.groups[0], faults, counters).value()) {}
+
+        void append(std::size_t first, std::size_t end) {
+            for (std::size_t n = first; n < end; ++n) {
+                Bytes data = test::smallRecord(n);
+                data.resize(info.groups[0].recordSize);
+                files.append(static_cast<std::int64_t>(n), data.data());
+            }
+        }
+
+        RecordingInfo info;
+        RecordingFaults faults;
+        RecordingCounters counters;
+        GroupFiles files;
+    };
+
+    /// The record numbers in the file, with every file checked against them.
+    std::vector<std::size_t> recordedNumbers(std::size_t recordSize = 3) {
+        const std::size_t stride = recordSize + 8;
+        const Bytes file = test::readFile(dir_.path() / "g0000.rec");
+        EXPECT_EQ((file.size() - 32) % stride, 0U);
+        std::vector<std::size_t> numbers;
+        for (std::size_t at = 32; at + stride <= file.size(); at += stride) {
+            numbers.push_back(readLittle<std::uint64_t>(&file[at]));
+            const Bytes data(file.begin() + static_cast<std::ptrdiff_t>(at) + 8,
+                             file.begin() + static_cast<std::ptrdiff_t>(at) + 11);
+            EXPECT_EQ(data, test::smallRecord(numbers.back()));
+        }
+        const std::size_t blocks = numbers.size() / 16;
+        const Bytes index = test::readFile(dir_.path() / "g0000.tix");
+        EXPECT_EQ(index.size(), 32 + 16 * blocks);
+        for (std::size_t k = 0; k < blocks; ++k) {
+            EXPECT_EQ(readLittle<std::uint64_t>(&index[32 + 16 * k]), numbers[16 * k]);
+            EXPECT_EQ(readLittle<std::uint64_t>(&index[40 + 16 * k]), numbers[16 * k + 15]);
+        }
+        const fs::path level = dir_.path() / "g0000_L1.pyr";
+        EXPECT_EQ(fs::exists(level) ? fs::file_size(level) : 0, blocks == 0 ? 0 : 32 + 16 * blocks);
+        return numbers;
+    }
+
+    lm::test::TempDir dir_;
+};
+
+std::vector<std::size_t> numbersBelow(std::size_t end) {
+    std::vector<std::size_t> numbers(end);
+    for (std::size_t i = 0; i < end; ++i)
+        numbers[i] = i;
+    return numbers;
+}
+
+TEST_F(RecordingFailureTest, CutsBackToTheLastWholeRecordAtEveryByte) {
+    constexpr std::size_t kRecords = 40;
+    for (std::uint64_t limit = 32; limit <= 32 + 11 * kRecords; ++limit) {
+        const std::size_t fitting = (limit - 32) / 11;
+        const LogCapture log;
+        Group group(dir_.path());
+        {
+            const FileSizeLimit full(limit);
+            group.append(0, 7);
+            group.files.flush();
+            group.append(7, kRecords);
+            group.files.close();
+        }
+        ASSERT_EQ(recordedNumbers(), numbersBelow(fitting)) << limit;
+        EXPECT_EQ(group.counters.recordsWritten, fitting);
+        EXPECT_EQ(group.counters.bytesWritten, 11 * fitting);
+        EXPECT_EQ(group.counters.recordsDropped, kRecords - fitting);
+        EXPECT_EQ(group.faults.writeFailed(), fitting < kRecords);
+        const std::string line = "error recording: write error in " + dir_.path().string() + "\n";
+        EXPECT_EQ(log.text(), fitting < kRecords ? line : "") << "once";
+        fs::remove(dir_.path() / "g0000_L1.pyr");
+    }
+}
+
+TEST_F(RecordingFailureTest, GoesOnAtTheRightStrideWhenThereIsRoomAgain) {
+    for (std::uint64_t limit = 32 + 11 * 20; limit < 32 + 11 * 40; ++limit) {
+        const LogCapture log;
+        Group group(dir_.path());
+        group.append(0, 20);
+        group.files.flush();
+        {
+            const FileSizeLimit full(limit);
+            group.append(20, 40);
+            group.files.flush();
+            EXPECT_EQ(group.counters.recordsWritten, (limit - 32) / 11);
+        }
+        group.append(40, 50);
+        group.files.close();
+        ASSERT_EQ(recordedNumbers(), numbersBelow(50)) << limit;
+        EXPECT_EQ(group.counters.recordsDropped, 0U);
+        EXPECT_TRUE(group.faults.writeFailed());
+        fs::remove(dir_.path() / "g0000_L1.pyr");
+    }
+}
+
+TEST_F(RecordingFailureTest, DropsAndCountsWhatItsBufferCannotHold) {
+    const LogCapture log;
+    RecordingInfo info = test::smallRecording();
+    info.groups[0].recordSize = 20000;  // three to a buffer of 64 KiB
+    Group group(dir_.path(), std::move(info));
+    {
+        const FileSizeLimit full(32 + 5 * 20008 + 100);
+        group.append(0, 12);  // five in the file, 5 to 7 in the buffer, the rest dropped
+        EXPECT_EQ(group.counters.recordsWritten, 5U);
+        EXPECT_EQ(group.counters.recordsDropped, 4U);
+    }
+    group.append(12, 13);  // no new try before the next flush
+    EXPECT_EQ(group.counters.recordsDropped, 5U);
+    group.files.flush();
+    group.append(13, 30);
+    group.files.close();
+    std::vector<std::size_t> expected = numbersBelow(8);
+    for (std::size_t n = 13; n < 30; ++n)
+        expected.push_back(n);
+    EXPECT_EQ(recordedNumbers(20000), expected);
+    EXPECT_EQ(group.counters.recordsWritten, 25U);
+    EXPECT_EQ(group.counters.recordsDropped, 5U);
+}
+
+TEST_F(RecordingFailureTest, GivesUpAnEntryFileAtItsLastWholeEntry) {
+    const LogCapture log;
+    RecordingFaults faults(dir_.path());
+    const fs::path path = dir_.path() / "index";
+    auto file = EntryFile::create(path, indexHeader(), 20000, faults);
+    ASSERT_TRUE(file.ok());
+    const auto append = [&file](std::uint8_t first, std::uint8_t end) {
+        for (std::uint8_t n = first; n < end; ++n)
+            file.value().append(Bytes(20000, n));
+    };
+    {
+        const FileSizeLimit full(32 + 20000 + 5);
+        append(0, 7);  // 0 in the file, 1 to 3 in the buffer, 4 has no place
+    }
+    append(7, 9);
+    file.value().close();
+    EXPECT_TRUE(faults.writeFailed());
+    const Bytes stored = test::readFile(path);
+    ASSERT_EQ(stored.size(), 32U + 4 * 20000);
+    for (std::size_t n = 0; n < 4; ++n)
+        EXPECT_EQ(stored[32 + 20000 * n], n);
+}
+
+TEST_F(RecordingFailureTest, RecordsWithoutALevelThatCannotBeCreated) {
+    const LogCapture log;
+    const fs::path level = dir_.path() / "g0000_L1.pyr";
+    fs::create_directory(level);
+    Group group(dir_.path());
+    group.append(0, 256);
+    group.files.close();
+    EXPECT_FALSE(group.faults.writeFailed());
+    EXPECT_EQ(group.counters.recordsWritten, 256U);
+    EXPECT_EQ(fs::file_size(dir_.path() / "g0000_L2.pyr"), 32U + 16);
+    EXPECT_EQ(log.text(), "error recording: cannot create " + level.string() +
+                              ": Is a directory (further levels may be missing; the data is complete)\n");
+}
+
+TEST_F(RecordingFailureTest, TheWriterReportsWhatDidNotReachItsFiles) {
+    const LogCapture log;
+    const fs::path path = dir_.path() / "rec";
+    auto writer = RecordingWriter::create(path, test::smallRecording(), {});
+    ASSERT_TRUE(writer.ok());
+    {
+        const FileSizeLimit full(32 + 11 * 5 + 3);
+        for (std::size_t n = 0; n < 9; ++n) {
+            EXPECT_TRUE(writer.value()->write(0, 0, test::smallRecord(n).data(), 3));
+        }
+        const auto closed = writer.value()->close();
+        ASSERT_FALSE(closed.ok());
+        EXPECT_EQ(closed.error().text(), "write error in " + path.string());
+    }
+    EXPECT_FALSE(writer.value()->close().ok());
+    EXPECT_EQ(writer.value()->recordsWritten(), 5U);
+    EXPECT_EQ(writer.value()->recordsDropped(), 4U);
+}
+
+TEST_F(RecordingFailureTest, ACreationThatFailsLeavesNothing) {
+    const fs::path path = dir_.path() / "rec";
+    const std::size_t metaSize = metaToJson(test::smallRecording()).size();
+    for (std::size_t limit = 0; limit < metaSize; limit += 13) {
+        const FileSizeLimit full(limit);
+        const auto writer = RecordingWriter::create(path, test::smallRecording(), {});
+        ASSERT_FALSE(writer.ok()) << limit;
+        EXPECT_EQ(writer.error().text(), "cannot write meta.json: File too large");
+        EXPECT_FALSE(fs::exists(path)) << limit;
+    }
+    // A small meta.json fits where a header does not.
+    for (const char* name : {"g0000.rec", "g0000.tix"}) {
+        fs::create_directory(path);
+        fs::create_symlink("/dev/full", path / name);
+        const auto writer = RecordingWriter::create(path, test::smallRecording(), {});
+        ASSERT_FALSE(writer.ok()) << name;
+        EXPECT_EQ(writer.error().text(),
+                  "cannot write " + (path / name).string() + ": No space left on device");
+        EXPECT_EQ(std::distance(fs::directory_iterator(path), {}), 1) << "the link alone";
+        fs::remove_all(path);
+    }
+}
+
+}  // namespace
+}  // namespace lm::storage

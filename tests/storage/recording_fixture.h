@@ -1,0 +1,80 @@
+// A small recording and its files as bytes, for the tests of this folder.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/bytes.h"
+#include "storage/recording_info.h"
+
+namespace lm::storage::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// Empty when there is no such file.
+inline std::string readText(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline Bytes readFile(const std::filesystem::path& path) {
+    const std::string text = readText(path);
+    return {text.begin(), text.end()};
+}
+
+inline void writeFile(const std::filesystem::path& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+/// "4c 4d" to bytes.
+inline Bytes fromHex(const std::string& text) {
+    Bytes bytes;
+    for (std::size_t i = 0; i + 1 < text.size(); i += 3) {
+        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+inline SignalInfo makeSignal(std::string name, a2l::DataType type, std::uint32_t offset,
+                             a2l::Conversion conversion = {}) {
+    SignalInfo signal;
+    signal.name = std::move(name);
+    signal.coding.dataType = type;
+    signal.recordOffset = offset;
+    signal.conversion = std::move(conversion);
+    return signal;
+}
+
+/// One group "10ms" of three bytes: Speed (UWORD, 0.5 per bit) and Temp (SBYTE).
+inline RecordingInfo smallRecording() {
+    RecordingInfo info;
+    info.source = "XCP on CAN can0";
+    info.startUtcNs = 1700000000000000000;
+    info.startHostNs = 999000000;
+    info.name = "demo";
+    info.ecu = "ECU1";
+    GroupInfo group;
+    group.name = "10ms";
+    group.recordSize = 3;
+    group.cycleNs = 10000000;
+    group.signals.push_back(makeSignal("Speed", a2l::DataType::uword, 0,
+                                       a2l::Conversion(a2l::Conversion::Linear{0.5, 0}, "%6.1", "km/h")));
+    group.signals.push_back(makeSignal("Temp", a2l::DataType::sbyte, 2));
+    info.groups.push_back(std::move(group));
+    return info;
+}
+
+/// Record n of smallRecording(): Speed counts 100, 101, ..., Temp counts 0, -1, ...
+inline Bytes smallRecord(std::size_t n) {
+    Bytes record(3);
+    writeLittle(record.data(), static_cast<std::uint16_t>(100 + n));
+    record[2] = static_cast<std::uint8_t>(0U - n);
+    return record;
+}
+
+}  // namespace lm::storage::test

@@ -1,0 +1,245 @@
+#include "storage/recording_writer.h"
+
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "storage/recording_fixture.h"
+#include "storage/recording_reader.h"
+#include "support/temp_dir.h"
+
+namespace lm::storage {
+namespace {
+
+using test::Bytes;
+namespace fs = std::filesystem;
+
+constexpr std::int64_t kStart = 1000000000;
+constexpr std::int64_t kCycle = 10000000;
+
+class RecordingWriterTest : public ::testing::Test {
+  protected:
+    fs::path path() const { return dir_.path() / "rec"; }
+    fs::path file(const char* name) const { return path() / name; }
+
+    std::unique_ptr<RecordingWriter> create(RecordingInfo info = test::smallRecording(),
+                                            WriterOptions options = {}) {
+        auto writer = RecordingWriter::create(path(), std::move(info), options);
+        EXPECT_TRUE(writer.ok()) << writer.error().text();
+        return std::move(writer).value();
+    }
+    std::string createError(const fs::path& at, RecordingInfo info = test::smallRecording()) {
+        const auto writer = RecordingWriter::create(at, std::move(info), {});
+        return writer.ok() ? "" : writer.error().text();
+    }
+
+    /// Writes `count` records of smallRecording() and closes.
+    void record(std::size_t count) {
+        auto writer = create();
+        for (std::size_t n = 0; n < count; ++n)
+            writeSmall(*writer, n);
+        EXPECT_TRUE(writer->close().ok());
+        EXPECT_EQ(writer->recordsWritten(), count);
+        EXPECT_EQ(writer->bytesWritten(), count * 11);
+        EXPECT_EQ(writer->recordsDropped(), 0U);
+    }
+    static void writeSmall(RecordingWriter& writer, std::size_t n) {
+        const Bytes data = test::smallRecord(n);
+        EXPECT_TRUE(
+            writer.write(0, kStart + static_cast<std::int64_t>(n) * kCycle, data.data(), data.size()));
+    }
+
+    std::vector<std::string> entries() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(path()))
+            names.push_back(entry.path().filename());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    lm::test::TempDir dir_;
+};
+
+// The example of docs/recording-format.md.
+TEST_F(RecordingWriterTest, WritesTheDocumentedBytes) {
+    record(16);
+    Bytes records = test::fromHex(
+        "4c 4d 52 45 43 00 00 00 02 00 00 00 03 00 00 00 0b 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+        "00 ca 9a 3b 00 00 00 00 64 00 00 80 60 33 3c 00 00 00 00 65 00 ff");
+    const Bytes whole = test::readFile(file("g0000.rec"));
+    ASSERT_EQ(whole.size(), 32U + 16 * 11);
+    EXPECT_EQ(Bytes(whole.begin(), whole.begin() + 54), records);
+    EXPECT_EQ(Bytes(whole.end() - 11, whole.end()), test::fromHex("80 9b 8b 44 00 00 00 00 73 00 f1"));
+    EXPECT_EQ(
+        test::readFile(file("g0000.tix")),
+        test::fromHex(
+            "4c 4d 54 49 58 00 00 00 02 00 00 00 10 00 00 00 10 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+            "00 ca 9a 3b 00 00 00 00 80 9b 8b 44 00 00 00 00"));
+    EXPECT_EQ(
+        test::readFile(file("g0000_L1.pyr")),
+        test::fromHex(
+            "4c 4d 50 59 52 00 00 00 02 00 00 00 01 00 00 00 10 00 00 00 02 00 00 00 00 00 00 00 00 00 00 00 "
+            "00 00 48 42 00 00 66 42 00 00 70 c1 00 00 00 00"));
+    EXPECT_EQ(entries(), (std::vector<std::string>{"g0000.rec", "g0000.tix", "g0000_L1.pyr", "meta.json"}));
+    EXPECT_EQ(RecordingReader::open(path()).value().info().groups[0].signals[1].name, "Temp");
+}
+
+TEST_F(RecordingWriterTest, WritesHeadersAtOnce) {
+    const auto writer = create();
+    EXPECT_EQ(fs::file_size(file("g0000.rec")), 32U);
+    EXPECT_EQ(fs::file_size(file("g0000.tix")), 32U);
+    EXPECT_TRUE(fs::exists(file("meta.json")));
+}
+
+TEST_F(RecordingWriterTest, AddsEntriesAndLevelsWithWholeBlocks) {
+    struct Row {
+        std::size_t records, indexEntries, levels;
+    };
+    for (const Row& row : {Row{0, 0, 0}, {15, 0, 0}, {16, 1, 1}, {255, 15, 1}, {256, 16, 2}}) {
+        record(row.records);
+        EXPECT_EQ(fs::file_size(file("g0000.tix")), 32 + 16 * row.indexEntries) << row.records;
+        EXPECT_EQ(entries().size(), 3 + row.levels) << row.records;
+        fs::remove_all(path());
+    }
+}
+
+TEST_F(RecordingWriterTest, RaisesTimestampsThatStepBack) {
+    auto writer = create();
+    for (const std::int64_t t : {50, 40, 60, -7, 60, 61}) {
+        ASSERT_TRUE(writer->write(0, t, test::smallRecord(0).data(), 3));
+    }
+    ASSERT_TRUE(writer->close().ok());
+    const Bytes file = test::readFile(path() / "g0000.rec");
+    std::vector<std::uint64_t> stored;
+    for (std::size_t at = 32; at < file.size(); at += 11)
+        stored.push_back(readLittle<std::uint64_t>(&file[at]));
+    EXPECT_EQ(stored, (std::vector<std::uint64_t>{50, 50, 60, 60, 60, 61}));
+}
+
+TEST_F(RecordingWriterTest, RefusesAndCountsWhatItCannotTake) {
+    RecordingInfo info = test::smallRecording();
+    info.groups.push_back(GroupInfo{"big", 45, 0, {}});
+    WriterOptions options;
+    options.queueBytes = 100;
+    auto writer = create(std::move(info), options);
+    const Bytes data(45);
+    EXPECT_FALSE(writer->write(2, 0, data.data(), 3)) << "no such group";
+    EXPECT_FALSE(writer->write(0, 0, data.data(), 2)) << "short";
+    EXPECT_FALSE(writer->write(0, 0, data.data(), 4)) << "long";
+    EXPECT_FALSE(writer->write(1, 0, data.data(), 45)) << "above half of the queue";
+    EXPECT_TRUE(writer->write(0, 0, data.data(), 3));
+    ASSERT_TRUE(writer->close().ok());
+    EXPECT_FALSE(writer->write(0, 0, data.data(), 3)) << "closed";
+    EXPECT_EQ(writer->recordsDropped(), 5U);
+    EXPECT_EQ(writer->recordsWritten(), 1U);
+    EXPECT_TRUE(writer->close().ok());
+}
+
+TEST_F(RecordingWriterTest, KeepsTheOrderOfEachProducer) {
+    RecordingInfo info;
+    for (int g = 0; g < 2; ++g)
+        info.groups.push_back(GroupInfo{"g", 8, 0, {}});
+    WriterOptions options;
+    options.flushIntervalMs = 0;
+    options.queueBytes = 4096;
+    auto writer = create(std::move(info), options);
+    constexpr std::int64_t kRecords = 5000;
+    const auto produce = [&writer](std::size_t group) {
+        for (std::int64_t n = 0; n < kRecords; ++n) {
+            std::uint8_t data[8];
+            writeLittle(data, static_cast<std::uint64_t>(n));
+            while (!writer->write(group, n, data, 8))
+                std::this_thread::yield();
+        }
+    };
+    std::thread other(produce, 1);
+    produce(0);
+    other.join();
+    ASSERT_TRUE(writer->close().ok());
+    EXPECT_EQ(writer->recordsWritten(), 2U * kRecords);
+    for (const char* name : {"g0000.rec", "g0001.rec"}) {
+        const Bytes stored = test::readFile(file(name));
+        ASSERT_EQ(stored.size(), 32U + 16 * kRecords);
+        for (std::size_t n = 0; n < kRecords; ++n) {
+            ASSERT_EQ(readLittle<std::uint64_t>(&stored[32 + 16 * n]), n);
+            ASSERT_EQ(readLittle<std::uint64_t>(&stored[40 + 16 * n]), n);
+        }
+    }
+}
+
+TEST_F(RecordingWriterTest, LeavesNothingBehindWhenItCannotBeCreated) {
+    RecordingInfo outside = test::smallRecording();
+    outside.groups[0].signals[1].recordOffset = 3;
+    EXPECT_EQ(createError(path(), outside), "Temp: outside the group record");
+    outside.groups[0].signals[1].recordOffset = 0xFFFFFFFF;
+    EXPECT_EQ(createError(path(), outside), "Temp: outside the group record");
+    RecordingInfo tooLarge = test::smallRecording();
+    tooLarge.groups[0].recordSize = kMaxRecordSize + 1;
+    EXPECT_EQ(createError(path(), tooLarge), "10ms: record too large");
+    EXPECT_FALSE(fs::exists(path()));
+
+    test::writeFile(path(), "a file");
+    EXPECT_EQ(createError(path()), "cannot create " + path().string());
+    EXPECT_EQ(createError(path() / "sub"), "cannot create " + (path() / "sub").string());
+    fs::remove(path());
+
+    fs::create_directories(path() / "g0000.tix");
+    EXPECT_EQ(createError(path()), "cannot create " + file("g0000.tix").string() + ": Is a directory");
+    EXPECT_EQ(entries(), std::vector<std::string>{"g0000.tix"});
+    fs::create_directories(path() / "meta.json.tmp");
+    EXPECT_EQ(createError(path()), "cannot write " + file("meta.json.tmp").string());
+}
+
+TEST_F(RecordingWriterTest, NeverOverwritesARecording) {
+    record(3);
+    const Bytes before = test::readFile(file("g0000.rec"));
+    EXPECT_EQ(createError(path()), path().string() + " already contains a recording");
+    EXPECT_EQ(test::readFile(file("g0000.rec")), before);
+    EXPECT_EQ(entries().size(), 3U);
+    fs::remove(file("meta.json"));
+    fs::create_symlink("gone", file("meta.json"));
+    EXPECT_EQ(createError(path()), path().string() + " already contains a recording");
+}
+
+TEST_F(RecordingWriterTest, OverwritesWhatACrashedStartLeft) {
+    fs::create_directories(path());
+    test::writeFile(file("meta.json.tmp"), std::string(5000, 'x'));
+    test::writeFile(file("g0000.rec"), std::string(5000, 'x'));
+    record(1);
+    EXPECT_EQ(fs::file_size(file("g0000.rec")), 32U + 11);
+    EXPECT_EQ(entries(), (std::vector<std::string>{"g0000.rec", "g0000.tix", "meta.json"}));
+}
+
+TEST_F(RecordingWriterTest, DiscardRemovesOnlyWhatItMade) {
+    auto writer = create();
+    for (std::size_t n = 0; n < 16; ++n)
+        writeSmall(*writer, n);
+    EXPECT_TRUE(writer->discard().ok());
+    EXPECT_FALSE(fs::exists(path()));
+
+    writer = create();
+    test::writeFile(file("notes.txt"), "mine");
+    EXPECT_TRUE(writer->discard().ok());
+    EXPECT_EQ(entries(), std::vector<std::string>{"notes.txt"});
+
+    test::writeFile(file("g0000.tix"), "was here");
+    writer = create();
+    EXPECT_TRUE(writer->discard().ok());
+    EXPECT_EQ(entries(), (std::vector<std::string>{"g0000.tix", "notes.txt"}));
+
+    fs::remove(file("g0000.tix"));
+    fs::remove(file("notes.txt"));
+    writer = create();
+    EXPECT_TRUE(writer->discard().ok());
+    EXPECT_TRUE(fs::is_directory(path())) << "it was there before";
+}
+
+TEST(RecordingQueue, HoldsEightOfTheLargestRecords) {
+    RecordingInfo info = test::smallRecording();
+    EXPECT_EQ(recommendedQueueBytes(info), 64U << 20U);
+    info.groups.push_back(GroupInfo{"huge", 20U << 20U, 0, {}});
+    EXPECT_EQ(recommendedQueueBytes(info), 8U * ((20U << 20U) + 23));
+}
+
+}  // namespace
+}  // namespace lm::storage
