@@ -119,7 +119,8 @@ CompuTab readCompuTab(const Block& block, Keeper& keeper) {
     const auto count = readCount<std::uint32_t>(block, 3, "number of value pairs");
     std::size_t next = 4;
     for (std::uint32_t i = 0; i < count; ++i, next += 2) {
-        table.pairs.emplace_back(readNumber(block, next, "InVal"), readNumber(block, next + 1, "OutVal"));
+        const double input = readNumber(block, next, "InVal");
+        table.pairs.emplace_back(input, readNumber(block, next + 1, "OutVal"));
     }
     for (; next < block.tokens().size(); ++next) {
         if (block.tokens()[next].is("DEFAULT_VALUE")) {

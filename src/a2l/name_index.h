@@ -6,9 +6,10 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string_view>
 #include <vector>
+
+#include "a2l/text_hash.h"
 
 namespace lm::a2l {
 
@@ -18,10 +19,18 @@ class NameIndex {
     /// others, ascending.
     template <typename Record>
     std::vector<std::uint32_t> build(const std::vector<Record>& records) {
+        std::vector<std::uint32_t> hashes;
+        hashes.reserve(records.size());
+        for (const Record& record : records)
+            hashes.push_back(hashText(record.name));
         std::vector<std::uint32_t> repeated;
-        slots_.assign(std::bit_ceil(records.size() * 2 + 1), Slot{});
+        slots_.assign(std::bit_ceil(records.size() * 3 / 2 + 1), Slot{});
+        const std::size_t mask = slots_.size() - 1;
         for (std::size_t i = 0; i < records.size(); ++i) {
-            const std::uint32_t hash = hashOf(records[i].name);
+            // The table of a large file is larger than the cache: ask for the slots of names to come.
+            constexpr std::size_t kAhead = 16;
+            if (i + kAhead < records.size()) __builtin_prefetch(&slots_[hashes[i + kAhead] & mask], 1);
+            const std::uint32_t hash = hashes[i];
             Slot& slot = slots_[find(records, records[i].name, hash)];
             if (slot.number == kFree) {
                 slot = {static_cast<std::uint32_t>(i), hash};
@@ -35,7 +44,7 @@ class NameIndex {
     template <typename Record>
     const Record* lookUp(const std::vector<Record>& records, std::string_view name) const {
         if (slots_.empty()) return nullptr;
-        const Slot& slot = slots_[find(records, name, hashOf(name))];
+        const Slot& slot = slots_[find(records, name, hashText(name))];
         return slot.number == kFree ? nullptr : &records[slot.number];
     }
 
@@ -46,21 +55,6 @@ class NameIndex {
         std::uint32_t number = kFree;
         std::uint32_t hash = 0;
     };
-
-    // Eight bytes per step; names are short and the table is large, so distribution counts, not strength.
-    static std::uint32_t hashOf(std::string_view name) {
-        constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
-        std::uint64_t hash = name.size() * kFactor;
-        while (!name.empty()) {
-            std::uint64_t part = 0;
-            const std::size_t length = name.size() < sizeof(part) ? name.size() : sizeof(part);
-            std::memcpy(&part, name.data(), length);
-            hash = (hash ^ part) * kFactor;
-            hash ^= hash >> 32U;
-            name.remove_prefix(length);
-        }
-        return static_cast<std::uint32_t>(hash);
-    }
 
     // The slot with this name, or the free one where it would stand.
     template <typename Record>

@@ -85,7 +85,19 @@ void Parser::included(std::string_view file, std::uint32_t line) {
     diagnostics_.skipped("/include", file, line, "included files are not read");
 }
 
-void Parser::passed(std::size_t) {}
+// The share of the text read so far tells how many records are to come; room for them in one piece spares
+// moving them again and again. Memory that is never touched costs nothing.
+void Parser::passed(std::size_t offset) {
+    const auto reserve = [&](auto& records, Lines& lines) {
+        const double share = static_cast<double>(textSize_) / static_cast<double>(offset);
+        const auto estimate = static_cast<std::size_t>(1.1 * share * static_cast<double>(records.size()));
+        if (estimate < 2 * records.capacity()) return;
+        records.reserve(estimate);
+        lines.reserve(estimate);
+    };
+    reserve(description_.measurements, measurementLines_);
+    reserve(description_.characteristics, characteristicLines_);
+}
 
 template <typename Record>
 void Parser::add(std::vector<Record>& records, Lines& lines, Record record, const Block& block) {

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "a2l/text_hash.h"
+
 namespace lm::a2l {
 
 class TextStore {
@@ -48,20 +50,13 @@ class TextInterner {
 
     std::string_view keep(std::string_view text) {
         if (text.empty()) return {};
-        std::string_view& last = recent_[slotOf(text)];
+        std::string_view& last = recent_[hashText(text) % kSlots];
         if (last != text) last = store_.keep(text);
         return last;
     }
 
   private:
     static constexpr std::size_t kSlots = 4096;
-
-    static std::size_t slotOf(std::string_view text) {
-        std::size_t hash = text.size();
-        for (const char c : text)
-            hash = hash * 31 + static_cast<unsigned char>(c);
-        return hash % kSlots;
-    }
 
     TextStore& store_;
     std::array<std::string_view, kSlots> recent_{};

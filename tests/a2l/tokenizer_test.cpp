@@ -1,0 +1,199 @@
+#include "a2l/tokenizer.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "core/text.h"
+
+namespace lm::a2l {
+namespace {
+
+std::string dumpTokens(const Block& block) {
+    std::string out;
+    for (const Token& token : block.tokens()) {
+        const std::string text(token.text);
+        if (!out.empty()) out += ' ';
+        if (token.kind == TokenKind::string) out += '"' + text + '"';
+        if (token.kind == TokenKind::identifier) out += text;
+        if (token.kind == TokenKind::number) out += '#' + formatGeneral(token.value);
+        out += '@' + std::to_string(token.line);
+    }
+    return out;
+}
+
+// KEYWORD@line{tokens|child position:child ...}; tokens carry their lines, numbers a '#'.
+std::string dump(const Block& block) {
+    std::string out = std::string(block.keyword) + '@' + std::to_string(block.line) + '{' + dumpTokens(block);
+    for (const Block& child : block.children()) {
+        out += '|' + std::to_string(child.position) + ':' + dump(child);
+    }
+    return out + '}';
+}
+
+TEST(Tokenizer, BuildsTheTree) {
+    const struct {
+        const char* text;
+        const char* tree;
+    } kRows[] = {
+        {"", "@1{}"},
+        {"\xEF\xBB\xBF x", "@1{x@1}"},
+        {"a\n\tb\r\v\fc\n\nd", "@1{a@1 b@2 c@2 d@4}"},
+        {"a/*\n /* */b// c */ \"\nd//", "@1{a@1 b@2 d@3}"},
+        {"/*/ x */ y /**/ z", "@1{y@1 z@1}"},
+        {"a+b-c.d_e[1] [x]", "@1{a+b-c.d_e[1]@1 [x]@1}"},
+        {"a=b;(c)\xE4", "@1{a@1 =@1 b@1 ;@1 (@1 c@1 )@1 \xE4@1}"},
+        {"/beginX /end_A / /include", "@1{/@1 beginX@1 /@1 end_A@1 /@1 /@1 include@1}"},
+        {R"("" "a\"b" "\\" "c\
+" "d)"
+         "\n\" e",
+         R"(@1{""@1 "a\"b"@1 "\\"@1 "c\
+"@1 "d
+"@2 e@3})"},
+        // Numbers: what the conversion does not use up is a name.
+        {"0x 0x00FF -0x20 +0Xa 0xG", "@1{0x@1 #255@1 #-32@1 #10@1 0xG@1}"},
+        {"+3 -3 .5 -.5 5. 1e3 1E-2 007 -0", "@1{#3@1 #-3@1 #0.5@1 #-0.5@1 #5@1 #1000@1 #0.01@1 #7@1 #-0@1}"},
+        {"1.2.3 1.5e 12ms . + - +- +-1 --1 .e1 e1",
+         "@1{1.2.3@1 1.5e@1 12ms@1 .@1 +@1 -@1 +-@1 +-1@1 --1@1 .e1@1 e1@1}"},
+        {"4.29497e+09 123456789012345678 1e400 1e-400", "@1{#4.29497e+09@1 #1.23457e+17@1 #inf@1 #0@1}"},
+        {"0x1FFFFFFFFFFFFFFFFF 0x000000000000000000001", "@1{#1.84467e+19@1 #1@1}"},
+        {"inf nan 1d3 1,5", "@1{inf@1 nan@1 1d3@1 #1@1 ,@1 #5@1}"},
+        // Blocks.
+        {"a /begin B b /begin C c /end C d /end B e", "@1{a@1 e@1|1:B@1{b@1 d@1|1:C@1{c@1}}}"},
+        {"/begin\nB\n/end B/begin B/end\nB", "@1{|0:B@1{}|0:B@3{}}"},
+        {"/begin A2ML \" /begin X /* /end  \t\r\n A2ML x", "@1{x@2}"},
+        {"/begin B /begin A2ML\n/end A2MX /end/endA2ML y /end B", "@1{|0:B@1{y@2}}"},
+    };
+    for (const auto& row : kRows) {
+        const auto root = parse(row.text);
+        ASSERT_TRUE(root.ok()) << row.text << ": " << root.error().text();
+        EXPECT_EQ(dump(root.value()), row.tree) << row.text;
+    }
+}
+
+TEST(Tokenizer, TellsWhatIsWrongAndWhere) {
+    const struct {
+        const char* text;
+        const char* message;
+    } kRows[] = {
+        {"a\n/*\n\n", "A2L line 2: unterminated comment"},
+        {"/*", "A2L line 1: unterminated comment"},
+        {"/*/", "A2L line 1: unterminated comment"},
+        {"\n\"\n\\\"\n", "A2L line 4: unterminated string"},
+        {"\"\\", "A2L line 1: unterminated string"},
+        {"\n/begin", "A2L line 2: keyword expected after /begin or /end"},
+        {"/begin\n \"x\ny\"", "A2L line 3: keyword expected after /begin or /end"},
+        {"/begin 12 /end 12", "A2L line 1: keyword expected after /begin or /end"},
+        {"/begin A /end /end A", "A2L line 1: keyword expected after /begin or /end"},
+        {"/begin \"", "A2L line 1: unterminated string"},
+        {"/begin /*", "A2L line 1: unterminated comment"},
+        {"/begin A /end A\n/end\nA", "A2L line 3: unexpected /end A"},
+        {"\n/begin A\n/begin B /end A", "A2L line 3: /end A does not match /begin B (line 3)"},
+        {"/begin A\n/end a", "A2L line 2: /end a does not match /begin A (line 1)"},
+        {"/begin A\n/begin B\n/end B\n\n", "A2L line 5: missing /end A for block at line 1"},
+        {"/begin M\n/begin A2ML\n/end M\n", "A2L line 4: missing /end A2ML for block at line 2"},
+    };
+    for (const auto& row : kRows) {
+        const auto root = parse(row.text);
+        ASSERT_FALSE(root.ok()) << row.text;
+        EXPECT_EQ(root.error().text(), row.message) << row.text;
+        EXPECT_EQ(root.error().code, ErrorCode::invalidArgument);
+    }
+}
+
+std::string repeated(std::string_view text, std::size_t size) {
+    std::string out;
+    while (out.size() < size)
+        out += text;
+    return out;
+}
+
+// Anything but one pass would not come to an end here, a recursion would exhaust the stack.
+TEST(Tokenizer, EndsOnHostileTexts) {
+    const std::string deep = repeated("/begin A\n", 1'000'000);
+    EXPECT_EQ(parse(deep).error().text(), "A2L line 251: blocks nested deeper than 250 levels");
+    const std::string_view kPatterns[] = {
+        "/", "/*", "\"", "\\", "/begin A2ML /end ", "/end", "/begin A /end A ", "0", "//", "\n", "\xFF"};
+    for (const std::string_view pattern : kPatterns) {
+        const std::string text = "/begin A2ML /end A2ML /begin B " + repeated(pattern, 1'000'000);
+        EXPECT_FALSE(parse(text).ok()) << pattern;
+    }
+}
+
+constexpr std::string_view kSample = R"(ASAP2_VERSION 1 61 /* old */
+/begin PROJECT P "a \" b" // text
+  /begin HEADER "" /begin X 1 /end X VERSION "1" /end HEADER
+  /begin MODULE M "" /include "x.aml"
+    /begin A2ML block "IF_DATA" struct { "/begin" }; /end A2ML
+    /begin MEASUREMENT m1 "long
+identifier" UBYTE NO_COMPU_METHOD 0 0 -1.5e3 0xFF
+      ECU_ADDRESS 0x100 /begin IF_DATA XCP /begin DAQ_EVENT 1 /end DAQ_EVENT 2 /end IF_DATA
+    /end MEASUREMENT
+    /begin SKIP /begin MODULE s "t" /end MODULE /* */ 0x /end SKIP tail /* end */
+  /end MODULE
+  /begin MODULE N /begin MEASUREMENT m2 "" /end MEASUREMENT /end MODULE
+/end PROJECT
+)";
+
+bool isDescended(std::string_view keyword) {
+    return keyword == "PROJECT" || keyword == "MODULE";
+}
+
+// The visitor's calls in one text, to be compared with the same calls made from the tree.
+class Recorder : public BlockVisitor {
+  public:
+    Step opened(std::string_view keyword, std::size_t) override {
+        if (isDescended(keyword)) return Step::descend;
+        return keyword == "SKIP" ? Step::skip : Step::collect;
+    }
+    void collected(const Block& block) override { out += "collected " + dump(block) + '\n'; }
+    void closed(const Block& block, std::size_t depth) override {
+        out += "closed " + std::to_string(depth) + ' ' + dump(block) + '\n';
+    }
+    void included(std::string_view, std::uint32_t) override {}
+    void passed(std::size_t) override {}
+
+    std::string out;
+};
+
+std::string callsFrom(const Block& block, std::size_t depth, bool isRoot) {
+    std::string out;
+    for (const Block& child : block.children()) {
+        if (isDescended(child.keyword)) {
+            out += callsFrom(child, isRoot ? 0 : depth + 1, false);
+        } else if (child.keyword != "SKIP") {
+            out += "collected " + dump(child) + '\n';
+        }
+    }
+    return out + "closed " + std::to_string(depth) + ' ' + std::string(block.keyword) + '@' +
+           std::to_string(block.line) + '{' + dumpTokens(block) + "}\n";
+}
+
+void expectSameBothWays(std::string_view text) {
+    Recorder recorder;
+    const auto scanned = scan(text, recorder);
+    const auto root = parse(text);
+    ASSERT_EQ(scanned.ok(), root.ok()) << text;
+    if (root.ok()) {
+        EXPECT_EQ(recorder.out, callsFrom(root.value(), 0, true)) << text;
+    } else {
+        EXPECT_EQ(scanned.error().text(), root.error().text()) << text;
+    }
+}
+
+TEST(Tokenizer, StreamAndTreeAgreeOnDamagedTexts) {
+    for (std::size_t size = 0; size <= kSample.size(); ++size)
+        expectSameBothWays(kSample.substr(0, size));
+    std::string text(kSample);
+    for (char& c : text) {
+        const char good = c;
+        for (const int flip : {0x01, 0x20, 0x80, 0x0A}) {
+            c = static_cast<char>(good ^ flip);
+            expectSameBothWays(text);
+        }
+        c = good;
+    }
+}
+
+}  // namespace
+}  // namespace lm::a2l
