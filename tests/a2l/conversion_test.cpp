@@ -1,0 +1,148 @@
+#include "a2l/conversion.h"
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "core/text.h"
+
+namespace lm::a2l {
+namespace {
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+using Pairs = std::vector<std::pair<double, double>>;
+
+bool same(double a, double b) {
+    return a == b || (std::isnan(a) && std::isnan(b));
+}
+
+Conversion::Kind formulas(const char* forward, const char* inverse) {
+    Conversion::Formulas both{Formula::compile(forward, {}).value(), std::nullopt};
+    if (inverse != nullptr) both.inverse = Formula::compile(inverse, {}).value();
+    return both;
+}
+
+TEST(Conversion, ForwardAndBack) {
+    const Conversion::NumericTable line{true, {{10, 100}, {0, 0}}, 7.0};
+    const Conversion::NumericTable bent{true, {{0, 5}, {1, 9}, {1, 1}, {2, 5}}, {}};
+    const Conversion::NumericTable steps{false, {{4, 40}, {2, 20}, {2, 21}, {6, 20}}, {}};
+    const Conversion::NumericTable defaulted{false, {{1, 10}}, -1.0};
+    const Conversion::VerbalTable verbal{{{1, 3, "low"}}, ""};
+    const char* notContained = "value not contained in the conversion table";
+    const char* outside = "value outside the conversion table";
+    struct Row {
+        Conversion::Kind kind;
+        double raw;
+        double physical;
+        double back;  // what toRaw(physical) gives
+        std::string error = {};
+    };
+    // clang-format off
+    const Row rows[] = {
+        {Conversion::Identical{}, 3, 3, 3}, {verbal, 2, 2, 2}, {Conversion::Linear{2, 1}, 3, 7, 3},
+        {Conversion::Linear{0, 4}, 3, 4, 0, "LINEAR conversion with factor 0 cannot be inverted"},
+        {Conversion::Linear{kNan, 0}, 3, kNan, kNan}, {Conversion::Rational{}, -12.5, -12.5, -12.5},
+        {Conversion::Rational{0, 10, 5, 0, 0, 1}, 25, 2, 25},
+        {Conversion::Rational{1, 0, 0, 0, 0, 1}, 9, 3, 9},
+        {Conversion::Rational{1, 0, 0, 0, 0, 1}, -9, kNan, kNan},
+        {Conversion::Rational{0, 0, 1, 0, 1, 0}, 4, 0.25, 4},
+        {Conversion::Rational{0, 0, 1, 0, 0, 1}, 4, kNan, kNan},
+        {Conversion::Rational{0, 1, 0, 0, 1, 0}, 0, 0, 0, "RAT_FUNC denominator is 0"}, {line, 5, 50, 5},
+        {line, -3, 0, 0}, {line, 12, 100, 10}, {line, kNan, kNan, 0, outside}, {bent, 0.5, 7, 1.5},
+        {bent, 1, 9, 1}, {steps, 2, 20, 2}, {steps, 3, 20, 2}, {steps, 5.1, 20, 2}, {steps, 99, 20, 2},
+        {steps, kNan, kNan, 0, notContained}, {defaulted, 2, -1, 0, notContained},
+        {defaulted, kNan, -1, 0, notContained}, {formulas("X*2", "X/2"), 3, 6, 3},
+        {formulas("X*2", nullptr), 3, 6, 0, "FORM conversion without FORMULA_INV cannot be inverted"}
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        const Conversion conversion(row.kind, "", "");
+        SCOPED_TRACE(std::to_string(row.kind.index()) + " raw " + std::to_string(row.raw));
+        EXPECT_PRED2(same, conversion.toPhysical(row.raw), row.physical);
+        const Result<double> back = conversion.toRaw(row.physical);
+        ASSERT_EQ(back ? "" : back.error().text(), row.error);
+        if (!back) continue;
+        EXPECT_PRED2(same, back.value(), row.back);
+    }
+    EXPECT_FALSE(std::signbit(Conversion(Conversion::Rational{}, "", "").toPhysical(0)));
+    EXPECT_EQ(Conversion(formulas("X", nullptr), "", "").toRaw(1).error().code, ErrorCode::unsupported);
+    for (const double beyond : {-0.1, 100.1})
+        EXPECT_EQ(Conversion(line, "", "").toRaw(beyond).error().text(), outside);
+}
+
+// The output of the nearest input by a plain scan.
+double scanNearest(const Pairs& sorted, double raw) {
+    const std::pair<double, double>* best = &sorted[0];
+    for (const auto& pair : sorted) {
+        if (pair.first == raw) return pair.second;
+        if (std::fabs(pair.first - raw) < std::fabs(best->first - raw)) best = &pair;
+    }
+    return best->second;
+}
+
+TEST(Conversion, BinarySearchAnswersLikeAScanInOrder) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 300; ++round) {
+        Pairs pairs;
+        Conversion::VerbalTable verbal;
+        const auto size = random() % 12 + 1;
+        for (unsigned i = 0; i < size; ++i) {
+            pairs.emplace_back(static_cast<double>(i * (random() % 2)), i);
+            const auto lower = static_cast<double>(random() % 20);
+            verbal.ranges.push_back(
+                {lower, lower + static_cast<double>(random() % 6) - 1, std::to_string(i)});
+        }
+        verbal.ranges.push_back({kNan, 5, "never"});
+        const Conversion numeric(Conversion::NumericTable{false, pairs, {}}, "", "");
+        const Pairs& sorted = std::get<Conversion::NumericTable>(numeric.kind()).pairs;
+        const Conversion texts(verbal, "", "");
+        for (const double far : {1e17, -1e17, kInfinity, -kInfinity})
+            EXPECT_EQ(numeric.toPhysical(far), scanNearest(sorted, far)) << far;
+        for (double raw = -2; raw < 30; raw += 0.25) {
+            EXPECT_EQ(numeric.toPhysical(raw), scanNearest(sorted, raw)) << raw;
+            std::optional<std::string_view> expected;
+            for (const auto& range : verbal.ranges)
+                if (!expected && range.lower <= raw && raw <= range.upper) expected = range.text;
+            EXPECT_EQ(texts.verbalText(raw), expected) << raw;
+        }
+    }
+}
+
+TEST(Conversion, VerbalTextsAndDisplay) {
+    const Conversion verbal(Conversion::VerbalTable{{{1, 3, "on"}, {3, 4, "off"}, {9, 9, "on"}}, ""}, "%5.1",
+                            "");
+    EXPECT_EQ(verbal.format(3), "on");
+    EXPECT_EQ(verbal.format(3.5), "off");
+    EXPECT_EQ(verbal.format(5), "5.0");
+    EXPECT_EQ(verbal.rawFromText("on").value(), 1);
+    EXPECT_EQ(verbal.rawFromText("On").error().text(), "'On' is not a valid value");
+    EXPECT_EQ(Conversion(Conversion::VerbalTable{{}, "?"}, "", "").format(kNan), "?");
+    EXPECT_EQ(Conversion().rawFromText("on").error().text(), "conversion is not verbal");
+    EXPECT_EQ(Conversion().verbalText(1), std::nullopt);
+
+    struct Row {
+        const char* format;
+        double value;
+        std::string text;
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"%8.2", 3.14159, "3.14"}, {"%8.20", 3.14159, "3.14159"}, {"", 1234567, "1.23457e+06"},
+        {"%3.", 2.6, "3"}, {"%.15f", 1, "1.000000000000000"}, {"%.99999999999", 0.5, "0.5"},
+        {"%.3", -kNan, "nan"}, {"%.1", -kInfinity, "-inf"},
+        {"%.0", 1e80, formatFixed(1e80, 0).substr(0, 63)}, {"%4.x", 2.4, "2"}
+    };
+    // clang-format on
+    Conversion conversion;
+    for (const Row& row : rows) {
+        conversion.setFormat(row.format);
+        EXPECT_EQ(conversion.format(row.value), row.text) << row.format;
+    }
+}
+
+}  // namespace
+}  // namespace lm::a2l
