@@ -22,6 +22,11 @@ void DaqLists::free() {
     stage_ = Stage::freed;
 }
 
+void DaqLists::reset() {
+    free();
+    stage_ = Stage::idle;
+}
+
 DaqLists::Refusal DaqLists::allocLists(std::uint16_t count) {
     if (stage_ != Stage::freed && stage_ != Stage::lists) return Err::sequence;
     const std::size_t limit = options_.identification == 1 ? 256U - options_.minDaq : 4096U;

@@ -31,6 +31,8 @@ class DaqLists {
     // The allocation commands, in the order FREE_DAQ, ALLOC_DAQ, ALLOC_ODT, ALLOC_ODT_ENTRY; any other order
     // is ERR_SEQUENCE, too much is ERR_MEMORY_OVERFLOW, an unknown list or ODT ERR_OUT_OF_RANGE.
     void free();
+    /// As after power-on: nothing allocated, and FREE_DAQ has to come first.
+    void reset();
     Refusal allocLists(std::uint16_t count);
     Refusal allocOdts(std::uint16_t list, std::uint8_t count);
     Refusal allocEntries(std::uint16_t list, std::uint8_t odt, std::uint8_t count);

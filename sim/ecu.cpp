@@ -25,7 +25,9 @@ Ecu::Ecu(const Options& options, FaultPlan faults, std::int64_t nowNs)
       world_(catalog_),
       slave_(options_, catalog_, world_, faults_),
       startNs_(nowNs),
-      silentUntilNs_(nowNs) {
+      silentUntilNs_(nowNs),
+      stalledUntilNs_(nowNs),
+      rate_(1.0 + options.clockPpm / 1e6) {
     for (unsigned i = 0; i < options.tickExponent(); ++i)
         tickNs_ *= 10;
     restart(nowNs);
@@ -41,8 +43,12 @@ void Ecu::restart(std::int64_t nowNs) {
     }
 }
 
-std::uint64_t Ecu::ticks(std::int64_t sinceStartNs) const {
-    return options_.clockStart + static_cast<std::uint64_t>(sinceStartNs / tickNs_);
+std::uint64_t Ecu::ticks(std::int64_t ecuNs) const {
+    return options_.clockStart + static_cast<std::uint64_t>(ecuNs / tickNs_);
+}
+
+std::int64_t Ecu::ecuTime(std::int64_t hostNs) const {
+    return static_cast<std::int64_t>(static_cast<double>(hostNs - startNs_) * rate_);
 }
 
 void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out) {
@@ -67,11 +73,14 @@ void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outb
         case FaultKind::terminate:
             terminate(out);
             return;
+        case FaultKind::stall:
+            stalledUntilNs_ = nowNs + fault.argument * kNsPerMs;
+            break;
         default:
             break;
     }
     scratch_.clear();
-    slave_.command(packet, ticks(nowNs - startNs_), scratch_);
+    slave_.command(packet, ticks(ecuTime(nowNs)), scratch_);
     if (!scratch_.packets().empty()) answer(scratch_.bytes(scratch_.packets()[0]), fault, nowNs, out);
 }
 
@@ -125,9 +134,10 @@ bool Ecu::advance(std::int64_t nowNs, Outbox& out) {
         if (!silent(nowNs)) out.append(delayed_.front().packet);
         delayed_.erase(delayed_.begin());
     }
+    if (nowNs < stalledUntilNs_) return true;
     for (int i = 0; i < kBatchEvents && out.size() < kBatchBytes; ++i) {
         const std::uint8_t event = nextEvent();
-        if (dueNs_[event] > nowNs - startNs_) return true;
+        if (dueNs_[event] > ecuTime(nowNs) || nowNs < stalledUntilNs_) return true;
         runEvent(event, nowNs, out);
     }
     return false;
@@ -145,15 +155,33 @@ void Ecu::runEvent(std::uint8_t event, std::int64_t nowNs, Outbox& out) {
     const std::uint64_t before = slave_.daqCounters().samples;
     slave_.sample(event, ticks(nominalNs), out);
     for (std::uint64_t i = before; i < slave_.daqCounters().samples; ++i) {
-        const Fault fault = faults_.onSample();
-        if (fault.kind == FaultKind::silence) silence(fault.argument, nowNs);
-        if (fault.kind == FaultKind::terminate) terminate(out);
-        if (fault.kind == FaultKind::restart) restart(nowNs);
+        onSampleFault(faults_.onSample(), nowNs, out);
+    }
+}
+
+void Ecu::onSampleFault(const Fault& fault, std::int64_t nowNs, Outbox& out) {
+    switch (fault.kind) {
+        case FaultKind::silence:
+            silence(fault.argument, nowNs);
+            return;
+        case FaultKind::terminate:
+            terminate(out);
+            return;
+        case FaultKind::restart:
+            restart(nowNs);
+            return;
+        case FaultKind::stall:
+            stalledUntilNs_ = nowNs + fault.argument * kNsPerMs;
+            return;
+        default:
+            return;
     }
 }
 
 std::int64_t Ecu::nextDueNs() const {
-    const std::int64_t event = startNs_ + dueNs_[nextEvent()];
+    // Rounded up, so that the event is due indeed when the wait is over.
+    const double hostNs = static_cast<double>(dueNs_[nextEvent()]) / rate_ + 1.0;
+    const std::int64_t event = std::max(startNs_ + static_cast<std::int64_t>(hostNs), stalledUntilNs_);
     return delayed_.empty() ? event : std::min(event, delayed_.front().dueNs);
 }
 

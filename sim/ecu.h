@@ -52,11 +52,13 @@ class Ecu {
         std::vector<std::uint8_t> packet;
     };
 
-    std::uint64_t ticks(std::int64_t sinceStartNs) const;
+    std::uint64_t ticks(std::int64_t ecuNs) const;
+    std::int64_t ecuTime(std::int64_t hostNs) const;
     void answer(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out);
     void delay(std::span<const std::uint8_t> packet, std::int64_t dueNs);
     void runEvent(std::uint8_t event, std::int64_t nowNs, Outbox& out);
     std::uint8_t nextEvent() const;
+    void onSampleFault(const Fault& fault, std::int64_t nowNs, Outbox& out);
     void terminate(Outbox& out);
     void silence(std::uint32_t milliseconds, std::int64_t nowNs);
 
@@ -67,7 +69,9 @@ class Ecu {
     Slave slave_;
     std::int64_t startNs_;
     std::int64_t silentUntilNs_;
-    std::array<std::int64_t, kEventCount> dueNs_{};  ///< next nominal times, since the start of the ECU
+    std::int64_t stalledUntilNs_;
+    double rate_;                                    ///< nanoseconds of the ECU's clock per one of the host
+    std::array<std::int64_t, kEventCount> dueNs_{};  ///< next nominal times, ECU time since its start
     std::int64_t tickNs_ = 1;
     std::vector<Delayed> delayed_;  ///< ascending by time
     Outbox scratch_;

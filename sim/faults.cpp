@@ -23,7 +23,7 @@ constexpr KindName kKinds[] = {
     {"stray", FaultKind::stray, 0, false},        {"busy", FaultKind::busy, 0, false},
     {"error", FaultKind::error, 0x31, false},     {"pending", FaultKind::pending, 300, false},
     {"terminate", FaultKind::terminate, 0, true}, {"silence", FaultKind::silence, 0, true},
-    {"restart", FaultKind::restart, 0, true},
+    {"restart", FaultKind::restart, 0, true},     {"stall", FaultKind::stall, 300, true},
 };
 
 constexpr std::string_view kStreamNames[kStreamFaultCount] = {"lose-odt", "overload", "ctr-gap",

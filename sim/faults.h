@@ -31,6 +31,7 @@ enum class FaultKind : std::uint8_t {
     terminate,  ///< EV_SESSION_TERMINATED instead of the answer
     silence,    ///< nothing heard, nothing sent for ARGUMENT ms (0: for ever)
     restart,    ///< the ECU starts anew and does not answer
+    stall,      ///< events wait for ARGUMENT ms (300), then they are caught up
 };
 
 /// Faults of the stream of DTOs, each on every EVERY-th occasion.
@@ -38,8 +39,8 @@ enum class StreamFault : std::uint8_t {
     loseOdt,       ///< a DTO is not sent, the packet counter does not show it
     overload,      ///< a whole sample is not sent and overload is indicated
     ctrGap,        ///< the packet counter skips a value, nothing is lost
-    loseDatagram,  ///< a packet of any kind is lost on the way, the counter shows it
-    malformed,     ///< the header of a packet announces more bytes than there are
+    loseDatagram,  ///< a DTO is lost on the way, the counter shows it
+    malformed,     ///< the header of a DTO announces more bytes than its datagram has
 };
 inline constexpr std::size_t kStreamFaultCount = 5;
 
@@ -56,7 +57,7 @@ class FaultPlan {
 
     /// Counts a command for every rule that watches it; the first rule in its span says what happens.
     Fault onCommand(std::uint8_t code) { return count(code, false); }
-    /// Likewise for a sample of a DAQ list; only terminate, silence and restart make sense here.
+    /// Likewise for a sample of a DAQ list; only terminate, silence, restart and stall make sense here.
     Fault onSample() { return count(0, true); }
     /// Counts an occasion; true when it is its turn.
     bool due(StreamFault fault) {

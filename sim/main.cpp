@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <map>
+#include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -19,7 +21,7 @@ namespace {
 
 constexpr const char* kFaultHelp =
     "Faults of commands: KIND[:COMMAND[:FROM[:COUNT[:ARGUMENT]]]]\n"
-    "  COMMAND  the name of a command, * for any, or DAQ to count samples (terminate, silence, restart)\n"
+    "  COMMAND  the name of a command, * for any, or DAQ to count samples (last four kinds)\n"
     "  FROM     the occurrence it begins with, from 1; COUNT how many, 0 for all that follow\n"
     "  ignore   neither executed nor answered        lose     executed, not answered\n"
     "  late     answered after ARGUMENT ms (300)     double   answered twice\n"
@@ -27,18 +29,21 @@ constexpr const char* kFaultHelp =
     "  stray    a stray answer before the right one  busy     refused with ERR_CMD_BUSY\n"
     "  error    refused with code ARGUMENT (0x31)    pending  EV_CMD_PENDING, answer after ARGUMENT ms "
     "(300)\n"
-    "  terminate  EV_SESSION_TERMINATED              restart  the ECU starts anew\n"
+    "  terminate  EV_SESSION_TERMINATED, no answer   restart  the ECU starts anew, no answer\n"
     "  silence  deaf and dumb for ARGUMENT ms (0: for ever)\n"
+    "  stall    events wait for ARGUMENT ms (300) and are then caught up\n"
     "Faults of the stream: KIND:EVERY\n"
     "  lose-odt       a DTO is never sent            overload   a whole sample is not sent and indicated\n"
-    "  ctr-gap        the packet counter skips one   lose-datagram  a packet is lost on the way\n"
-    "  malformed      a packet's length runs past its datagram\n"
+    "  ctr-gap        the packet counter skips one   lose-datagram  a DTO is lost on the way\n"
+    "  malformed      the length of a DTO runs past its datagram\n"
     "Signals: SIGUSR1 restarts the ECU, SIGUSR2 turns its silence on and off, SIGHUP writes the memory "
     "file,\n"
     "SIGINT and SIGTERM end the program; its counters are then printed to standard error.";
 
 struct Arguments {
     Options options;
+    std::string order = "intel";
+    std::string overload = "event";
     std::vector<std::string> without;
     std::string a2lFile;
     std::string modelFile;
@@ -47,13 +52,8 @@ struct Arguments {
 
 void addSlaveOptions(CLI::App& app, Arguments& arguments) {
     Options& o = arguments.options;
-    const std::map<std::string, ByteOrder> orders{{"intel", ByteOrder::littleEndian},
-                                                  {"motorola", ByteOrder::bigEndian}};
-    const std::map<std::string, OverloadIndication> overloads{{"none", OverloadIndication::none},
-                                                              {"pid", OverloadIndication::topBit},
-                                                              {"event", OverloadIndication::event}};
-    app.add_option("--byte-order", o.order, "Byte order: intel or motorola")
-        ->transform(CLI::CheckedTransformer(orders));
+    app.add_option("--byte-order", arguments.order, "Byte order: intel or motorola")
+        ->check(CLI::IsMember({"intel", "motorola"}));
     app.add_option("--granularity", o.granularity, "Bytes of one addressable element")
         ->check(CLI::IsMember({1, 2, 4}));
     app.add_option("--max-cto", o.maxCto, "Largest command packet")->check(CLI::Range(8, 255));
@@ -66,12 +66,14 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
         ->check(CLI::Range(0, 9));
     app.add_flag("--timestamp-fixed", o.timestampFixed, "Every DAQ list carries a timestamp");
     app.add_option("--clock-start", o.clockStart, "Ticks that the clock shows at the start");
+    app.add_option("--clock-ppm", o.clockPpm, "The ECU's clock runs fast (or slow) by so many millionths")
+        ->check(CLI::Range(-100000, 100000));
     app.add_option("--min-daq", o.minDaq, "Number of the first dynamic DAQ list")->check(CLI::Range(0, 200));
     app.add_option("--first-pid", o.firstPid, "First PID with identification type 0")
         ->check(CLI::Range(0, 200));
     app.add_option("--daq-entries", o.daqEntries, "DAQ memory in ODT entries");
-    app.add_option("--overload", o.overload, "Indication of overload: event, pid or none")
-        ->transform(CLI::CheckedTransformer(overloads));
+    app.add_option("--overload", arguments.overload, "Indication of overload: event, pid or none")
+        ->check(CLI::IsMember({"event", "pid", "none"}));
     app.add_flag("--static-daq", o.staticDaq, "Report static DAQ lists");
     app.add_flag("--no-daq", arguments.noDaq, "Do not offer the DAQ resource");
     app.add_option("--without", arguments.without, "Answer this command with ERR_CMD_UNKNOWN; repeatable")
@@ -111,6 +113,10 @@ Result<void> writeText(const std::string& path, const std::string& text) {
 Result<void> complete(Arguments& arguments) {
     Options& o = arguments.options;
     o.daq = !arguments.noDaq;
+    o.order = arguments.order == "motorola" ? ByteOrder::bigEndian : ByteOrder::littleEndian;
+    o.overload = arguments.overload == "event" ? OverloadIndication::event
+                 : arguments.overload == "pid" ? OverloadIndication::topBit
+                                               : OverloadIndication::none;
     for (const std::string& name : arguments.without) {
         const std::optional<std::uint8_t> code = commandCode(name);
         if (!code) return Error{ErrorCode::invalidArgument, "--without: unknown command '" + name + "'"};

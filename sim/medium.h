@@ -17,8 +17,9 @@ namespace lm::sim {
 struct MediumCounters {
     std::uint64_t packetsSent = 0;
     std::uint64_t datagramsSent = 0;
-    std::uint64_t sendFailures = 0;  ///< packets that the system did not take
-    std::uint64_t packetsLost = 0;   ///< packets lost on order
+    std::uint64_t sendFailures = 0;      ///< packets that the system did not take
+    std::uint64_t packetsLost = 0;       ///< packets lost on order
+    std::uint64_t packetsMalformed = 0;  ///< packets sent with a wrong length on order
 };
 
 class IMedium {

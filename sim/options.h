@@ -26,6 +26,7 @@ struct Options {
     std::int8_t tickUnit = -1;         ///< tick length 10^unit ns, 0 to 9; -1: 1 us, 100 us, 1 ms by size
     bool timestampFixed = false;       ///< every list carries a timestamp
     std::uint64_t clockStart = 0;      ///< ticks that the clock shows at the start
+    std::int32_t clockPpm = 0;         ///< how much faster than the host's clock it runs, in millionths
     bool daq = true;                   ///< offers the DAQ resource
     bool staticDaq = false;            ///< reports static instead of dynamic DAQ lists
     std::uint8_t minDaq = 0;           ///< number of the first dynamic list

@@ -28,7 +28,7 @@ void Slave::reset() {
     connected_ = false;
     mta_ = 0;
     mtaExtension_ = 0;
-    daq_.free();
+    daq_.reset();
 }
 
 void Slave::command(Packet packet, std::uint64_t ticks, Outbox& out) {

@@ -138,24 +138,25 @@ void UdpMedium::send(const Outbox& packets, std::int64_t nowNs) {
     if (peer_.socket < 0) return;
     for (const Outbox::Packet& packet : packets.packets()) {
         if (faults_.due(StreamFault::ctrGap)) ++counter_;
-        if (faults_.due(StreamFault::loseDatagram)) {
+        if (packet.dto && faults_.due(StreamFault::loseDatagram)) {
             ++counter_;
             ++counters_.packetsLost;
             continue;
         }
         if (openPackets_ == 0) heldUntilNs_ = nowNs + kHoldNs;
         if (bytes_.size() - openOffset_ + kHeader + packet.length > kLargestDatagram) closeDatagram();
-        frame(packets.bytes(packet));
+        const bool malformed = packet.dto && faults_.due(StreamFault::malformed);
+        frame(packets.bytes(packet), malformed ? kMalformedExcess : std::uint16_t{0});
+        if (malformed) ++counters_.packetsMalformed;
         // What is not a DTO takes the DTOs before it along, so that answers are never held back.
-        if (!packet.dto || openPackets_ >= options_.pack) closeDatagram();
+        if (!packet.dto || malformed || openPackets_ >= options_.pack) closeDatagram();
     }
     transmit();
 }
 
-void UdpMedium::frame(std::span<const std::uint8_t> packet) {
+void UdpMedium::frame(std::span<const std::uint8_t> packet, std::uint16_t excess) {
     const std::size_t at = bytes_.size();
     bytes_.resize(at + kHeader + packet.size());
-    const std::uint16_t excess = faults_.due(StreamFault::malformed) ? kMalformedExcess : 0;
     writeLittle(&bytes_[at], static_cast<std::uint16_t>(packet.size() + excess));
     writeLittle(&bytes_[at + 2], counter_++);
     std::memcpy(&bytes_[at + kHeader], packet.data(), packet.size());

@@ -50,7 +50,8 @@ class UdpMedium : public IMedium {
     Result<void> bindBoth(std::uint16_t port);
     Result<int> bindOne(int family, std::uint16_t port);
     void closeSockets();
-    void frame(std::span<const std::uint8_t> packet);
+    /// Appends a packet whose header announces `excess` bytes too many.
+    void frame(std::span<const std::uint8_t> packet, std::uint16_t excess);
     void closeDatagram();
     void transmit();
     void transmitBatch(std::size_t first, std::size_t count);
