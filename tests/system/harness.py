@@ -2,6 +2,7 @@
 
 The programs are found through XCPLUMO_CLI and XCPLUMO_SIM, which CMake sets.
 """
+import json
 import os
 import select
 import shutil
@@ -16,6 +17,8 @@ CLI = os.environ["XCPLUMO_CLI"]
 SIM = os.environ["XCPLUMO_SIM"]
 # Sanitizers and shared machines are slow; a test that waits this long has failed.
 PATIENCE = 60.0
+# A timeout of the protocol that an idle machine never comes near.
+QUICK_MS = 250
 
 
 def wait_until(condition, what, timeout=PATIENCE):
@@ -122,6 +125,13 @@ class SystemTest(unittest.TestCase):
         """Runs the tool against a simulated ECU to its end."""
         return self.run_plain(*self.arguments(sim, *arguments)[1:], timeout=timeout)
 
+    def quick_config(self, **sections):
+        """A configuration file with short times, for tests that wait for them; sections are laid over it."""
+        values = {"xcp": {"timeoutsMs": [QUICK_MS] * 7}, "reconnect": {"intervalMs": 50, "heartbeatMs": 400}}
+        for name, section in sections.items():
+            values[name] = {**values.get(name, {}), **section} if isinstance(section, dict) else section
+        return self.config(json.dumps(values), f"quick-{len(list(self.dir.iterdir()))}.json")
+
     def config(self, text, name="session.json"):
         """A configuration file with this text."""
         path = self.dir / name
@@ -134,6 +144,12 @@ def stop(program, number=signal.SIGINT, timeout=PATIENCE):
     begin = time.monotonic()
     program.signal(number)
     return program.finish(timeout), time.monotonic() - begin
+
+
+def counters(sim):
+    """Ends a simulated ECU; returns its counters by name."""
+    stop(sim)
+    return {name: int(value) for name, value in (line.split() for line in sim.err.splitlines())}
 
 
 def readable(descriptor, timeout=PATIENCE):

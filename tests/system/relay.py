@@ -1,0 +1,82 @@
+"""A UDP relay between the tool and a simulated ECU.
+
+It notes every command that the tool sends, and lets the ECU vanish or come back elsewhere under the same address.
+"""
+import select
+import socket
+import struct
+import threading
+
+NAMES = {0xFF: "CONNECT", 0xFE: "DISCONNECT", 0xFD: "GET_STATUS", 0xFC: "SYNCH", 0xF6: "SET_MTA", 0xF5: "UPLOAD",
+         0xF4: "SHORT_UPLOAD", 0xF0: "DOWNLOAD", 0xE2: "SET_DAQ_PTR", 0xE1: "WRITE_DAQ", 0xE0: "SET_DAQ_LIST_MODE",
+         0xDE: "START_STOP_DAQ_LIST", 0xDD: "START_STOP_SYNCH", 0xDA: "GET_DAQ_PROCESSOR_INFO",
+         0xD9: "GET_DAQ_RESOLUTION_INFO", 0xD7: "GET_DAQ_EVENT_INFO", 0xD6: "FREE_DAQ", 0xD5: "ALLOC_DAQ",
+         0xD4: "ALLOC_ODT", 0xD3: "ALLOC_ODT_ENTRY"}
+STOP_ALL = b"\xDD\x00"
+
+
+def udp_socket(port=None):
+    """A socket on the loopback address, connected to a port if one is given."""
+    made = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    made.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+    if port is None:
+        made.bind(("127.0.0.1", 0))
+    else:
+        made.connect(("127.0.0.1", port))
+    return made
+
+
+class Relay:
+    """`port` and `a2l` are attributes, so that a relay can stand wherever a simulated ECU can."""
+
+    def __init__(self, sim):
+        self.a2l = sim.a2l
+        self.commands = []  # each command packet without its header, in the order sent
+        self.front = udp_socket()
+        self.port = self.front.getsockname()[1]
+        self.back = udp_socket(sim.port)
+        self.waker, self.wakened = socket.socketpair()
+        self.ended = False
+        self.thread = threading.Thread(target=self.run, daemon=True)
+        self.thread.start()
+
+    def aim(self, sim):
+        """Commands go to this ECU from now on, and only its packets come back."""
+        self.back = udp_socket(sim.port)
+        self.waker.send(b"x")
+
+    def inject(self, command):
+        """Sends a command of its own to the ECU; the answer goes to the tool."""
+        self.back.send(struct.pack("<HH", len(command), 0) + command)
+
+    def close(self):
+        self.ended = True
+        self.waker.send(b"x")
+        self.thread.join()
+        for each in (self.front, self.back, self.waker, self.wakened):
+            each.close()
+
+    def names(self):
+        return [NAMES.get(command[0], hex(command[0])) for command in list(self.commands)]
+
+    def count(self, name):
+        return self.names().count(name)
+
+    def run(self):
+        client = None
+        while not self.ended:
+            back = self.back
+            ready = select.select([self.front, back, self.wakened], [], [])[0]
+            try:
+                if self.wakened in ready:
+                    self.wakened.recv(1)
+                if back in ready:
+                    packet = back.recv(65536)
+                    if client and back is self.back:
+                        self.front.sendto(packet, client)
+                if self.front in ready:
+                    packet, client = self.front.recvfrom(65536)
+                    self.commands.append(packet[4:])
+                    back.send(packet)
+            except ConnectionRefusedError:
+                pass  # no ECU there: the tool is to see nothing but silence
