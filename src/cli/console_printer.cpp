@@ -97,6 +97,7 @@ void Console::finishPrinting(std::chrono::milliseconds limit) {
     // A counter that far from its limit takes the one.
     [[maybe_unused]] const ssize_t count = ::write(wakeUp_, &one, sizeof(one));
     printer_.join();
+    output_.reset();
 }
 
 std::uint64_t Console::skippedLines() const {

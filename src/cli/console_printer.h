@@ -94,7 +94,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     std::vector<List> lists_;
 
     std::thread printer_;
-    std::optional<NonblockingOutput> output_;  // printer thread only
+    std::optional<NonblockingOutput> output_;  // the printer thread's while it runs
 
     std::atomic<int> failure_{0};
 

@@ -110,11 +110,11 @@ Result<void> overrideSerial(const std::string& text, session::SessionConfig& con
 std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     Options options;
     CLI::App app("xcplumo-cli - XCP on CAN measurement and calibration", "xcplumo-cli");
-    app.footer(kExamples);
     app.fallthrough();
     app.require_subcommand(0, 1);
     addGlobalOptions(app, options);
     addCommands(app, options);
+    app.footer(kExamples);  // after the subcommands, which would inherit it
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -47,6 +47,7 @@ Result<void> installStopHandlers() {
     stopEvent = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (stopEvent < 0) return Error::fromErrno(errno, "cannot create an event descriptor");
     setAction(SIGPIPE, SIG_IGN);
+    setAction(SIGXFSZ, SIG_IGN);  // a file at its size limit is a write error like a full disk
     setAction(SIGINT, onStopSignal);
     setAction(SIGTERM, onStopSignal);
     return {};

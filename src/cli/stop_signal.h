@@ -12,8 +12,8 @@
 
 namespace lm::cli {
 
-/// Installs the handlers and ignores SIGPIPE, so that a reader that went away is a write error. Error: by
-/// errno "cannot create an event descriptor: ...".
+/// Installs the handlers and ignores SIGPIPE and SIGXFSZ, so that a reader that went away and a file at its
+/// size limit are write errors. Error: by errno "cannot create an event descriptor: ...".
 Result<void> installStopHandlers();
 
 bool stopRequested();

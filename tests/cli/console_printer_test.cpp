@@ -91,7 +91,7 @@ TEST(Console, PrintsSignalsInTheOrderAskedFor) {
     console.setPrintInterval(1);
     console.setPlan(demoPlan());
     send(console, 0, 5'000'000'000, 1, 3);
-    send(console, 1, 6'234'500'000, 65535);
+    send(console, 1, 6'234'600'000, 65535);
     send(console, 0, 4'000'000'000, 2, 0);
     console.finishPrinting();
     EXPECT_EQ(pipe.readAll(),
