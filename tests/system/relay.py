@@ -35,6 +35,7 @@ class Relay:
         self.front = udp_socket()
         self.port = self.front.getsockname()[1]
         self.back = udp_socket(sim.port)
+        self.backs = [self.back]
         self.waker, self.wakened = socket.socketpair()
         self.ended = False
         self.thread = threading.Thread(target=self.run, daemon=True)
@@ -43,6 +44,7 @@ class Relay:
     def aim(self, sim):
         """Commands go to this ECU from now on, and only its packets come back."""
         self.back = udp_socket(sim.port)
+        self.backs.append(self.back)
         self.waker.send(b"x")
 
     def inject(self, command):
@@ -53,7 +55,7 @@ class Relay:
         self.ended = True
         self.waker.send(b"x")
         self.thread.join()
-        for each in (self.front, self.back, self.waker, self.wakened):
+        for each in (self.front, *self.backs, self.waker, self.wakened):
             each.close()
 
     def names(self):
