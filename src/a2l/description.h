@@ -3,7 +3,7 @@
 //
 // Threads: immutable after load(); read from any thread. Lifetime: every std::string_view in the records
 // below points into the description's own text store and lives as long as the Description it came from
-// (moving the Description keeps them valid).
+// (moving the Description keeps them valid). Texts are UTF-8 and as written in the file, escapes included.
 #pragma once
 
 #include <cstddef>

@@ -7,8 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <spdlog/spdlog.h>
-
 #include "a2l/parser.h"
 #include "core/platform.h"
 #include "core/text.h"
@@ -21,6 +19,11 @@ class LoadingParser : public Parser {
   public:
     LoadingParser(std::string_view text, const MappedFile* file)
         : Parser(text.size()), text_(text), file_(file) {}
+
+    // What was found not to be UTF-8 is read again anyway.
+    Step opened(std::string_view keyword, std::size_t depth) override {
+        return utf8_ ? Parser::opened(keyword, depth) : Step::skip;
+    }
 
     void passed(std::size_t offset) override {
         Parser::passed(offset);
@@ -35,8 +38,13 @@ class LoadingParser : public Parser {
     }
 
   private:
-    // An offset behind an /end never cuts a character in two.
     void check(std::size_t offset) {
+        const auto cutsCharacter = [&] {
+            return (static_cast<unsigned char>(text_[offset]) & 0xC0U) == 0x80U;
+        };
+        while (offset < text_.size() && cutsCharacter())
+            ++offset;
+        if (offset <= checked_) return;
         utf8_ = utf8_ && isValidUtf8(text_.substr(checked_, offset - checked_));
         checked_ = offset;
     }
@@ -53,16 +61,31 @@ Result<Description> parseUtf8(std::string_view text) {
     return parser.finish();
 }
 
+// Piece by piece, so that the pages of the file need not be in memory together with the copy.
+std::string convertedFromWindows1252(std::string_view text, const MappedFile* file) {
+    std::string converted;
+    converted.reserve(text.size() + text.size() / 8);
+    for (std::size_t at = 0; at < text.size(); at += BlockVisitor::kPassedStep) {
+        converted += windows1252ToUtf8(text.substr(at, BlockVisitor::kPassedStep));
+        if (file != nullptr) file->discardBefore(at);
+    }
+    return converted;
+}
+
 Result<Description> parseText(std::string_view text, const MappedFile* file) {
     constexpr std::size_t kMarkSize = 2;
     if (text.starts_with("\xFF\xFE")) return parseUtf8(utf16ToUtf8(text.substr(kMarkSize), false));
     if (text.starts_with("\xFE\xFF")) return parseUtf8(utf16ToUtf8(text.substr(kMarkSize), true));
-    // Nearly all files are UTF-8: found out on the way, instead of in a pass of its own.
-    LoadingParser parser(text, file);
-    const auto result = scan(text, parser);
-    if (!parser.checkRest()) return parseUtf8(windows1252ToUtf8(text));
-    if (!result) return result.error();
-    return parser.finish();
+    {
+        // Nearly all files are UTF-8: whether this one is shows on the way, not in a pass of its own.
+        LoadingParser parser(text, file);
+        const auto result = scan(text, parser);
+        if (parser.checkRest()) {
+            if (!result) return result.error();
+            return parser.finish();
+        }
+    }
+    return parseUtf8(convertedFromWindows1252(text, file));
 }
 
 Error cannotOpen(const std::filesystem::path& path, int systemError) {
@@ -98,7 +121,9 @@ Result<std::string> readAll(const std::filesystem::path& path) {
     return text;
 }
 
-Result<Description> loadFile(const std::filesystem::path& path) {
+}  // namespace
+
+Result<Description> load(const std::filesystem::path& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0) {
         const auto file = MappedFile::open(path);
@@ -108,17 +133,6 @@ Result<Description> loadFile(const std::filesystem::path& path) {
     const auto text = readAll(path);
     if (!text) return text.error();
     return parseText(text.value(), nullptr);
-}
-
-}  // namespace
-
-Result<Description> load(const std::filesystem::path& path) {
-    auto description = loadFile(path);
-    if (description) {
-        for (const std::string& warning : description.value().warnings)
-            spdlog::warn("{}", warning);
-    }
-    return description;
 }
 
 Result<Description> parseDescription(std::string_view text) {

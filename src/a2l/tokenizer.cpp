@@ -3,11 +3,9 @@
 #include <array>
 #include <cstring>
 #include <deque>
-#include <limits>
-#include <optional>
 #include <string>
 
-#include "core/text.h"
+#include "a2l/number_word.h"
 
 namespace lm::a2l {
 namespace {
@@ -37,56 +35,6 @@ constexpr std::array<Class, 256> kClasses = makeClasses();
 
 Class classOf(char c) {
     return kClasses[static_cast<unsigned char>(c)];
-}
-
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-// The digits behind 0x; none when one of them is not hexadecimal.
-std::optional<double> hexadecimalValue(std::string_view digits) {
-    const auto first = digits.find_first_not_of('0');
-    if (first == std::string_view::npos) return 0.0;
-    std::uint64_t value = 0;
-    for (const char c : digits.substr(first)) {
-        const char lower = static_cast<char>(c | 0x20);
-        unsigned digit = 0;
-        if (isDigit(c)) {
-            digit = static_cast<unsigned>(c - '0');
-        } else if (lower >= 'a' && lower <= 'f') {
-            digit = static_cast<unsigned>(lower - 'a') + 10;
-        } else {
-            return std::nullopt;
-        }
-        const bool full = value > std::numeric_limits<std::uint64_t>::max() >> 4U;
-        value = full ? std::numeric_limits<std::uint64_t>::max() : value << 4U | digit;
-    }
-    return static_cast<double>(value);
-}
-
-// The value of a word that is a number as a whole.
-std::optional<double> numberValue(std::string_view word) {
-    // Fifteen digits are exact in a double; most numbers of a description are such.
-    constexpr std::size_t kExactDigits = 15;
-    const char first = word[0];
-    const bool hasSign = first == '+' || first == '-';
-    const std::string_view rest = hasSign ? word.substr(1) : word;
-    if (rest.empty()) return std::nullopt;
-    if (!isDigit(rest[0]) && !(rest[0] == '.' && rest.size() > 1 && isDigit(rest[1]))) return std::nullopt;
-    if (rest.size() >= 3 && rest[0] == '0' && (rest[1] == 'x' || rest[1] == 'X')) {
-        const auto magnitude = hexadecimalValue(rest.substr(2));
-        if (magnitude) return first == '-' ? -*magnitude : *magnitude;
-    }
-    if (rest.size() <= kExactDigits) {
-        std::uint64_t value = 0;
-        std::size_t i = 0;
-        for (; i < rest.size() && isDigit(rest[i]); ++i) {
-            value = value * 10 + static_cast<unsigned>(rest[i] - '0');
-        }
-        const auto magnitude = static_cast<double>(value);
-        if (i == rest.size()) return first == '-' ? -magnitude : magnitude;
-    }
-    return parseDouble(word);
 }
 
 }  // namespace
