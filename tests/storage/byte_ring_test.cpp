@@ -9,12 +9,9 @@ namespace lm::storage {
 namespace {
 
 TEST(ByteRing, RoundsItsCapacityUp) {
-    struct Row {
-        std::uint64_t asked, given;
-    };
-    for (const Row& row : {Row{0, 64}, {63, 64}, {64, 64}, {65, 128}, {100, 128}, {128, 128}, {5000, 8192}}) {
-        EXPECT_EQ(ByteRing(row.asked).capacity(), row.given) << row.asked;
-    }
+    const std::uint64_t rows[][2] = {{0, 64}, {64, 64}, {65, 128}, {100, 128}, {5000, 8192}};
+    for (const auto& row : rows)
+        EXPECT_EQ(ByteRing(row[0]).capacity(), row[1]);
 }
 
 TEST(ByteRing, RefusesEntriesAboveHalfItsCapacity) {
@@ -26,26 +23,15 @@ TEST(ByteRing, RefusesEntriesAboveHalfItsCapacity) {
     }
 }
 
-TEST(ByteRing, RefusesWhatHasNoRoomAndTakesItOncePopped) {
+TEST(ByteRing, RefusesWhatHasNoRoom) {
     ByteRing ring(128);
     const std::vector<std::uint8_t> data(12);  // an entry of 32 bytes
-    for (int i = 0; i < 4; ++i)
-        EXPECT_TRUE(ring.push(0, i, data.data(), data.size())) << i;
-    EXPECT_FALSE(ring.push(0, 4, data.data(), data.size()));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(ring.push(0, i, data.data(), data.size()), i < 4);
+    }
     ASSERT_TRUE(ring.front());
     ring.pop();
     EXPECT_TRUE(ring.push(0, 4, data.data(), data.size()));
-    ring.close();
-    ring.front();
-    ring.pop();
-    EXPECT_FALSE(ring.push(0, 5, data.data(), data.size())) << "closed";
-    for (int i = 2; i <= 4; ++i) {
-        const auto entry = ring.front();
-        ASSERT_TRUE(entry);
-        EXPECT_EQ(entry->timestampNs, i);
-        ring.pop();
-    }
-    EXPECT_FALSE(ring.front());
 }
 
 // Entries of every size at every place of a small ring, over many wraps, with a queue of one to three.

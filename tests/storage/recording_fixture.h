@@ -17,14 +17,9 @@ namespace lm::storage::test {
 using Bytes = std::vector<std::uint8_t>;
 
 /// Empty when there is no such file.
-inline std::string readText(const std::filesystem::path& path) {
+inline Bytes readFile(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline Bytes readFile(const std::filesystem::path& path) {
-    const std::string text = readText(path);
-    return {text.begin(), text.end()};
 }
 
 inline void writeFile(const std::filesystem::path& path, const std::string& text) {
