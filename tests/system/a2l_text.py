@@ -85,7 +85,8 @@ class A2l:
         else:
             table = self.words("COMPU_VTAB_RANGE", reference)
             ranges = [tuple(table[2 + 3 * i:5 + 3 * i]) for i in range(int(table[1]))]
-        result = {"type": "verbal", "verbal": [{"min": float(a), "max": float(b), "text": plain(t)} for a, b, t in ranges]}
+        listed = [{"min": float(a), "max": float(b), "text": plain(text)} for a, b, text in ranges]
+        result = {"type": "verbal", "verbal": listed}
         default = self.option(table, "DEFAULT_VALUE")
         return result | ({"defaultText": default} if default else {})
 

@@ -1,4 +1,4 @@
-"""Every shape of the ECU's DAQ gives the same physical values: identification type, timestamp, byte order, granularity."""
+"""Identification type, timestamp size, byte order and granularity: all shapes of DAQ give the same physical values."""
 import itertools
 import re
 from concurrent.futures import ThreadPoolExecutor

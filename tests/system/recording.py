@@ -154,9 +154,9 @@ class Conversion:
         a, b, c, d, e, f = self.numbers
         first, second, third = a - x * d, b - x * e, c - x * f
         if abs(first) < 1e-15:
-            return math.nan if second == 0 else -third / second
+            return math.nan if second == 0 else -third / second + 0.0
         root = second * second - 4 * first * third
-        return math.nan if root < 0 else (math.sqrt(root) - second) / (2 * first)
+        return math.nan if root < 0 else (math.sqrt(root) - second) / (2 * first) + 0.0
 
     def looked_up(self, x):
         for value, output in self.pairs:
