@@ -8,6 +8,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include "core/platform.h"
 #include "session/bus_load.h"
 #include "session/measurement_plan.h"
 
@@ -88,6 +89,8 @@ Measurement::~Measurement() {
 }
 
 Result<void> Measurement::createRecording(const std::filesystem::path& directory) {
+    // Every group keeps two files open and one more per summary level.
+    raiseOpenFileLimit();
     storage::RecordingInfo info = recordingInfo(plan_, context_.capabilities);
     info.startHostNs = nowNs(std::chrono::steady_clock::now().time_since_epoch());
     info.startUtcNs = nowNs(std::chrono::system_clock::now().time_since_epoch());
