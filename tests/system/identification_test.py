@@ -9,7 +9,7 @@ from a2l_text import A2l, display_text
 from harness import SystemTest, main
 from recording import Conversion
 
-SECONDS = 0.6
+SECONDS = 0.5
 IDENTIFICATION = (0, 1, 2, 3)
 TIMESTAMPS = (0, 1, 2, 4)
 ORDERS = ("intel", "motorola")
@@ -30,22 +30,34 @@ class IdentificationTest(SystemTest):
         self.run_all(4)
         self.check_refusal(4)
 
+    def test_other_shapes(self):
+        """Whatever else an ECU may do differently."""
+        self.run_shapes(1, [
+            ("--min-daq", 7, "--pack", 5), ("--identification", 0, "--first-pid", 60), ("--pad", 30),
+            ("--identification", 0, "--overload", "pid"), ("--clock-start", 2 ** 32 - 300000),
+            ("--timestamp-size", 1, "--timestamp-fixed", "--tick-unit", 5), ("--without", "GET_DAQ_RESOLUTION_INFO"),
+            ("--without", "SHORT_UPLOAD", "--max-cto", 8), ("--clock-ppm", 300, "--byte-order", "motorola")])
+
     def run_all(self, granularity):
-        """Every combination of the other three, some at a time; the ECU of each is a program of its own."""
-        combinations = list(itertools.product(IDENTIFICATION, TIMESTAMPS, ORDERS))
-        with ThreadPoolExecutor(max_workers=8) as pool:
-            finished = list(pool.map(lambda c: self.measure(granularity, *c), combinations))
-        for combination, run in zip(combinations, finished):
-            with self.subTest(granularity=granularity, combination=combination):
+        """Every combination of the other three."""
+        self.run_shapes(granularity, [
+            ("--granularity", granularity, "--identification", i, "--timestamp-size", t, "--byte-order", order)
+            for i, t, order in itertools.product(IDENTIFICATION, TIMESTAMPS, ORDERS)])
+
+    def run_shapes(self, granularity, shapes):
+        """Measures each shape of ECU, some at a time, and checks one after the other."""
+        with ThreadPoolExecutor(max_workers=6) as pool:
+            finished = list(pool.map(lambda shape: self.measure(granularity, *shape), shapes))
+        for shape, run in zip(shapes, finished):
+            with self.subTest(shape=shape):
                 self.check(*run)
 
-    def measure(self, granularity, identification, timestamp, order):
+    def measure(self, granularity, *options):
         """Runs the tool once; returns the A2L file, the directory of the recording, the signals and the command."""
-        sim = self.start_sim("--granularity", granularity, "--identification", identification, "--timestamp-size",
-                             timestamp, "--byte-order", order, "--max-dto", MAX_DTO)
+        sim = self.start_sim("--max-dto", MAX_DTO, *options)
         rows = ecu_model.measurements().values()
         names = [row.name for row in rows if row.size % granularity == 0]
-        directory = self.dir / f"{granularity}-{identification}-{timestamp}-{order}"
+        directory = sim.a2l.parent / "recording"
         signals = [argument for row in rows if row.name in names for argument in ("-s", f"{row.name}@{row.event}")]
         done = self.run_cli(sim, "measure", "-t", SECONDS, "-p", "1", "-r", directory, *signals)
         sim.kill()
