@@ -1,10 +1,14 @@
 """Recordings of 40 signals in three events: nothing is lost, every value is the one of the ECU's model."""
+import math
 import os
+import struct
 import time
 
 import ecu_model
 import recording_check
+from a2l_text import characteristic, module, record_layouts
 from harness import SystemTest, main
+from recording import Recording
 
 SECONDS = float(os.environ.get("XCPLUMO_LONG_SECONDS", "4"))
 # The model's inputs: what is typed, and the raw value that it means.
@@ -67,6 +71,30 @@ class RecordingTest(SystemTest):
         self.assertLess(deviations[int(len(deviations) * 0.9)], cycle / 100, recording_check.figures(group))
         drift = abs((times[-1] - times[0]) - cycle * (len(times) - 1))
         self.assertLess(drift, 50e6, recording_check.figures(group))
+
+    def test_levels_of_values_that_no_float_holds(self):
+        """Constant signals; NaN and infinity reach the memory byte by byte."""
+        values = (1e300, -1e300, math.nan, math.inf, -math.inf, 0.1, -0.1, 1e-320, -5e-324, 16777217.0, 3.4028235e38, -0.0)
+        data = struct.pack(f"<{len(values)}d", *values)
+        text = record_layouts(["UBYTE"])
+        for i in range(len(data)):
+            text += characteristic(f"b{i}", 0x10000 + i, "UBYTE", "MSB_LAST", 0, "NO_COMPU_METHOD", ("0", "255"))
+        for i in range(len(values)):
+            text += f'/begin MEASUREMENT m{i} "" FLOAT64_IEEE NO_COMPU_METHOD 0 0 0 0 ECU_ADDRESS {0x10000 + 8 * i:#x}\n'
+            text += "/end MEASUREMENT\n"
+        sim = self.start_sim()
+        sim.a2l.write_text(module(text), encoding="utf-8")
+        self.assertEqual(self.run_cli(sim, "set", *(f"b{i}={byte}" for i, byte in enumerate(data))).returncode, 0)
+        signals = [argument for i in range(len(values)) for argument in ("-s", f"m{i}@0")]
+        done = self.run_cli(sim, "measure", "-t", "0.5", "-r", self.dir / "recording", "-p", "100000", *signals)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        shown = " ".join(done.stdout.split()[1:])
+        self.assertEqual(shown, " ".join(f"m{i}={value:g}" for i, value in enumerate(values)))
+        group, = Recording(self.dir / "recording").groups
+        self.assertGreater(len(group.levels), 1)
+        for signal, value in zip(group.signals, values):
+            self.assertEqual({repr(signal.raw(record)) for record in group.records}, {repr(value)})
+        recording_check.check_levels(self, group)
 
 
 if __name__ == "__main__":
