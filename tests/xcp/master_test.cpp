@@ -13,10 +13,8 @@
 namespace lm::xcp {
 namespace {
 
-using test::Row;
+using test::kConnected;
 using test::ScriptedSlave;
-
-const std::string kConnected = "FF 05 00 08 08 00 01 01";  // Intel, MAX_CTO 8, MAX_DTO 8, AG 1
 
 MasterOptions quick() {
     MasterOptions options;
@@ -29,7 +27,7 @@ class MasterTest : public ::testing::Test {
   protected:
     ~MasterTest() override { slave.expectDone(); }
     void connect() {
-        slave.play({{"FF 00", {kConnected}}});
+        slave.play("FF 00 > @");
         ASSERT_TRUE(master.connect());
     }
     /// The error's text, empty on success.
@@ -50,7 +48,7 @@ TEST_F(MasterTest, CommandsNeedAConnection) {
     EXPECT_EQ(failure(master.stopDaqOnce()), message);
     EXPECT_TRUE(master.disconnect());
     connect();
-    slave.play({{"FD", {"FF 40 01 00 34 12"}}, {"FE", {"FF"}}});
+    slave.play("FD > FF 40 01 00 34 12; FE > FF");
     EXPECT_EQ(master.getStatus().value().sessionConfigurationId, 0x1234);
     EXPECT_TRUE(master.disconnect());
     EXPECT_FALSE(master.connected());
@@ -59,44 +57,44 @@ TEST_F(MasterTest, CommandsNeedAConnection) {
 
 TEST_F(MasterTest, ConnectReportsEveryFailure) {
     const struct {
-        std::vector<Row> rows;
+        const char* script;
         const char* message;
     } cases[] = {
-        {{{"FF 00"}, {"FF 00"}, {"FF 00"}}, "CONNECT: no response from slave after 3 attempt(s)"},
-        {{{"FF 00", {"FE 25"}}}, "CONNECT: ERR_ACCESS_LOCKED (0x25)"},
-        {{{"FF 00", {"FE"}}}, "CONNECT: ERR_GENERIC (0x31)"},
-        {{{"FF 00", {"FF 05 00 08 08 00 01"}}}, "XCP response to CONNECT too short"},
-        {{{"FF 00", {"FF 05 06 08 08 00 01 01"}}}, "CONNECT: reserved address granularity"},
-        {{{"FF 00", {"FF 05 00 FF 08 00 01 01"}}}, "CONNECT: MAX_CTO 255 exceeds transport packet size 254"},
+        {"FF 00; FF 00; FF 00", "CONNECT: no response from slave after 3 attempt(s)"},
+        {"FF 00 > FE 25", "CONNECT: ERR_ACCESS_LOCKED (0x25)"},
+        {"FF 00 > FE", "CONNECT: ERR_GENERIC (0x31)"},
+        {"FF 00 > FF 05 00 08 08 00 01", "XCP response to CONNECT too short"},
+        {"FF 00 > FF 05 06 08 08 00 01 01", "CONNECT: reserved address granularity"},
+        {"FF 00 > FF 05 00 FF 08 00 01 01", "CONNECT: MAX_CTO 255 exceeds transport packet size 254"},
     };
     for (const auto& row : cases) {
         ScriptedSlave other(254);
         Master refused(other, quick());
-        other.play(row.rows);
+        other.play(row.script);
         EXPECT_EQ(failure(refused.connect()), row.message);
         EXPECT_FALSE(refused.connected());
         other.expectDone();
     }
-    slave.play({{"FF 01"}});
+    slave.play("FF 01");
     EXPECT_EQ(failure(master.connect(ConnectMode::userDefined, 1)),
               "CONNECT: no response from slave after 1 attempt(s)");
 }
 
 TEST_F(MasterTest, TimedOutCommandIsRepeatedTwiceWithASynchBefore) {
     connect();
-    slave.play({{"FD"}, {"FC", {"FE 00"}}, {"FD"}, {"FC", {"FE 00"}}, {"FD"}});
+    slave.play("FD; FC > FE 00; FD; FC > FE 00; FD");
     EXPECT_EQ(failure(master.getStatus()), "GET_STATUS: no response from slave (t1)");
     EXPECT_EQ(master.statistics().timeouts, 3U);
 
     // The next command is kept from late answers by one SYNCH, which may stay unanswered.
-    slave.play({{"FC"}, {"FD", {"FF 00 00 00 00 00"}}, {"FD", {"FF 00 00 00 00 00"}}});
+    slave.play("FC; FD > FF 00 00 00 00 00; FD > FF 00 00 00 00 00");
     EXPECT_TRUE(master.getStatus());
     EXPECT_TRUE(master.getStatus());
 }
 
 TEST_F(MasterTest, UnansweredSynchEndsTheCommand) {
     connect();
-    slave.play({{"FD"}, {"FC"}, {"FC", {"FF", "FE 10"}}, {"FC"}});
+    slave.play("FD; FC; FC > FF, FE 10; FC");
     const auto status = master.getStatus();
     EXPECT_EQ(failure(status), "GET_STATUS: SYNCH: no response from slave");
     EXPECT_EQ(status.error().code, ErrorCode::timeout);
@@ -106,11 +104,14 @@ TEST_F(MasterTest, UnansweredSynchEndsTheCommand) {
 TEST_F(MasterTest, BusyIsRepeatedTwentyTimesButNotDaqActive) {
     connect();
     for (const char* const code : {"10", "12"}) {
-        std::vector<Row> rows(21, Row{"FD", {std::string("FE ") + code}});
-        slave.play(rows);
+        std::string script;
+        for (int i = 0; i < 21; ++i) {
+            script += std::string(i == 0 ? "" : "; ") + "FD > FE " + code;
+        }
+        slave.play(script);
         EXPECT_EQ(master.getStatus().error().code, ErrorCode::wouldBlock);
     }
-    slave.play({{"FD", {"FE 10"}}, {"FD", {"FF 00 00 00 00 00"}}, {"FD", {"FE 11"}}});
+    slave.play("FD > FE 10; FD > FF 00 00 00 00 00; FD > FE 11");
     EXPECT_TRUE(master.getStatus());
     EXPECT_EQ(failure(master.getStatus()), "GET_STATUS: ERR_DAQ_ACTIVE (0x11)");
     EXPECT_EQ(master.statistics().errorResponses, 44U);
@@ -120,12 +121,9 @@ TEST_F(MasterTest, LateAnswersAreNotTakenForOthers) {
     connect();
     // The answer of the first copy comes before SYNCH's, the second SYNCH's after the repeated command was
     // sent.
-    slave.play({{"F5 02"},
-                {"FC", {}},
-                {"FC", {"FF 11 22", "FE 00"}},
-                {"F5 02", {"FE 00", "FF 33 44"}},
-                {"FC", {"FE 00"}},
-                {"FD", {"FF 01 00 00 00 00"}}});
+    slave.play(
+        "F5 02; FC; FC > FF 11 22, FE 00; F5 02 > FE 00, FF 33 44; FC > FE 00; "
+        "FD > FF 01 00 00 00 00");
     Master::Exchange rules;
     rules.minimumLength = 3;
     const auto data = master.transact(buildUpload(2), rules);
@@ -134,12 +132,12 @@ TEST_F(MasterTest, LateAnswersAreNotTakenForOthers) {
     EXPECT_EQ(master.getStatus().value().sessionStatus, 1);
 
     // Shorter than the command's layout: set aside for the one that fits; alone it counts after the timeout.
-    slave.play({{"FD", {"FF", "FF 02 00 00 00 00"}}, {"FD", {"FF 00 00 00 00"}}});
+    slave.play("FD > FF, FF 02 00 00 00 00; FD > FF 00 00 00 00");
     EXPECT_EQ(master.getStatus().value().sessionStatus, 2);
     EXPECT_EQ(failure(master.getStatus()), "XCP response to GET_STATUS too short");
 
     // Received before the command was sent: the second copy of an answer.
-    slave.play({{"FD"}, {"FC"}, {"FC"}, {"FC"}});
+    slave.play("FD; FC; FC; FC");
     std::thread early([&] {
         slave.awaitSent(10);
         slave.deliver("FF 09 00 00 00 00", 1);
@@ -153,12 +151,7 @@ TEST_F(MasterTest, AnAnswerOwedForLongerIsAwaitedBeforeTheNextCommand) {
     options.t1 = 200;
     ScriptedSlave other;
     Master patient(other, options);
-    other.play({{"FF 00", {kConnected}},
-                {"F5 01"},
-                {"FC", {"FE 00"}},
-                {"F5 01", {"FF 11"}},
-                {"FC", {"FE 00"}},
-                {"F5 01", {"FF 22"}}});
+    other.play("FF 00 > @; F5 01; FC > FE 00; F5 01 > FF 11; FC > FE 00; F5 01 > FF 22");
     ASSERT_TRUE(patient.connect());
     ASSERT_TRUE(patient.transact(buildUpload(1), {}));
     std::thread late([&] {
@@ -172,15 +165,16 @@ TEST_F(MasterTest, AnAnswerOwedForLongerIsAwaitedBeforeTheNextCommand) {
 }
 
 TEST_F(MasterTest, RepeatedConnectAnswersAreDropped) {
-    slave.play({{"FF 00"}, {"FF 00", {kConnected}}, {"FB", {kConnected, "FF 00 01 00 02 03 04 05"}}});
+    slave.play("FF 00; FF 00 > @; FB > @, FF 00 01 00 02 03 04 05");
     ASSERT_TRUE(master.connect());
     EXPECT_EQ(master.getCommModeInfo().value().driverVersion, 5);
 
     // After a lost command an UPLOAD answer is not taken for CONNECT's, even one that reads like it.
-    slave.play({{"FD"}, {"FC"}, {"FC"}, {"FC"}});
+    slave.play("FD; FC; FC; FC");
     EXPECT_FALSE(master.getStatus());
-    slave.play({{"FF 00", {"FF 01 02 03 04 05 06 07", "FF 05 00 10 08 00 01 01"}},
-                {"FF 00", {"FF 05 00 20 08 00 01 01"}}});
+    slave.play(
+        "FF 00 > FF 01 02 03 04 05 06 07, FF 05 00 10 08 00 01 01; "
+        "FF 00 > FF 05 00 20 08 00 01 01");
     ASSERT_TRUE(master.connect());
     EXPECT_EQ(master.connectInfo().maxCto, 0x20);
 }
@@ -191,7 +185,7 @@ TEST_F(MasterTest, PendingExtendsTheWait) {
     options.synchRepeatLimit = 0;
     ScriptedSlave other;
     Master patient(other, options);
-    other.play({{"FF 00", {kConnected}}, {"FD"}});
+    other.play("FF 00 > @; FD");
     ASSERT_TRUE(patient.connect());
     const auto begin = std::chrono::steady_clock::now();
     std::thread pending([&] {
@@ -209,13 +203,13 @@ TEST_F(MasterTest, AStopEndsEveryWait) {
     MasterOptions options;
     options.t1 = options.t7 = 3'600'000;
     const struct {
-        std::vector<Row> rows;
+        const char* script;
         std::size_t sent;
-    } cases[] = {{{{"FF 00", {kConnected}}, {"FD"}}, 2}, {{{"FF 00", {kConnected}}, {"FD", {"FE 10"}}}, 2}};
+    } cases[] = {{"FF 00 > @; FD", 2}, {"FF 00 > @; FD > FE 10", 2}};
     for (const auto& row : cases) {
         ScriptedSlave other;
         Master stuck(other, options);
-        other.play(row.rows);
+        other.play(row.script);
         ASSERT_TRUE(stuck.connect());
         std::thread stopper([&] {
             other.awaitSent(row.sent);
@@ -226,7 +220,7 @@ TEST_F(MasterTest, AStopEndsEveryWait) {
         EXPECT_EQ(failure(status), "GET_STATUS: stopped");
         EXPECT_EQ(status.error().code, ErrorCode::closed);
         EXPECT_EQ(failure(stuck.setMta({})), "SET_MTA: stopped");
-        other.play({{"FE"}});
+        other.play("FE");
         EXPECT_TRUE(stuck.disconnectWithoutWaiting());
         EXPECT_FALSE(stuck.connected());
     }
@@ -248,14 +242,14 @@ TEST_F(MasterTest, StopOncePassesOverTheAnswerOfTheInterruptedCommand) {
     connect();
     master.requestStop();
     EXPECT_FALSE(master.getStatus());
-    slave.play({{"DD 00", {"FF"}}});
+    slave.play("DD 00 > FF");
     EXPECT_TRUE(master.stopDaqOnce());
 
     master.clearStop();
-    slave.play({{"FD"}, {"FC"}, {"FC"}, {"FC"}});
+    slave.play("FD; FC; FC; FC");
     EXPECT_FALSE(master.getStatus());  // owes its answer
     master.requestStop();
-    slave.play({{"DD 00", {"FF 00 00 00 00 00", "FE 25"}}, {"DD 00"}, {"DD 00"}});
+    slave.play("DD 00 > FF 00 00 00 00 00, FE 25; DD 00; DD 00");
     EXPECT_EQ(failure(master.stopDaqOnce()), "START_STOP_SYNCH: ERR_ACCESS_LOCKED (0x25)");
     EXPECT_EQ(failure(master.stopDaqOnce()), "START_STOP_SYNCH: no response from slave (t1)");
     EXPECT_TRUE(master.stopDaqWithoutWaiting());

@@ -2,6 +2,7 @@
 // answered with the row's packets before send() returns.
 #pragma once
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -38,25 +39,29 @@ inline std::string hexText(const std::uint8_t* data, std::size_t length) {
     return text;
 }
 
-struct Row {
-    std::string sent;
-    std::vector<std::string> answers = {};
-};
+/// Stands for this answer in scripts: Intel, MAX_CTO 8, MAX_DTO 8, AG 1, DAQ.
+inline const std::string kConnected = "FF 05 00 08 08 00 01 01";
 
 class ScriptedSlave final : public ITransport {
   public:
     explicit ScriptedSlave(std::size_t maxPacketSize = 255) : maxPacketSize_(maxPacketSize) {}
 
-    void play(std::vector<Row> rows) {
+    /// "SENT > ANSWER, ANSWER; SENT; ..."; an answer "@" is kConnected.
+    void play(const std::string& script) {
         expectDone();
-        rows_ = std::move(rows);
+        rows_.clear();
         next_ = 0;
+        for (const std::string& text : split(script, "; ")) {
+            const auto sides = split(text, " > ");
+            rows_.push_back(
+                {sides.front(), sides.size() > 1 ? split(sides[1], ", ") : std::vector<std::string>{}});
+        }
     }
     /// Every row was used.
     void expectDone() const { EXPECT_EQ(next_, rows_.size()) << "packets of the script were not sent"; }
 
     void deliver(const std::string& packet, std::int64_t hostNs = 0) {
-        const Bytes bytes = hex(packet);
+        const Bytes bytes = hex(packet == "@" ? kConnected : packet);
         sink_->onPacket(bytes.data(), bytes.size(), {hostNs, 0});
     }
     /// Waits until that many packets have been sent in all.
@@ -92,6 +97,21 @@ class ScriptedSlave final : public ITransport {
     const std::string* endless = nullptr;
 
   private:
+    struct Row {
+        std::string sent;
+        std::vector<std::string> answers;
+    };
+
+    static std::vector<std::string> split(const std::string& text, const std::string& separator) {
+        std::vector<std::string> parts;
+        for (std::size_t at = 0; at < text.size();) {
+            const std::size_t end = std::min(text.find(separator, at), text.size());
+            parts.push_back(text.substr(at, end - at));
+            at = end + separator.size();
+        }
+        return parts;
+    }
+
     const std::size_t maxPacketSize_;
     IPacketSink* sink_ = nullptr;
     std::vector<Row> rows_;
