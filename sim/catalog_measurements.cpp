@@ -109,7 +109,7 @@ void addMedium(RowList& rows) {
         .on(kEvent10ms, SIM_REAL(2.0 * p.setpoint_rw));
 }
 
-void addMasked(RowList& rows) {
+void addStatusBits(RowList& rows) {
     rows.add("status_word", "All status bits in one word", T::uword, "CM.HEX").on(kEvent10ms, {});
     rows.add("status_running", "Bit 0 of status_word", T::uword, "CM.ON_OFF")
         .on(kEvent10ms, SIM_WHOLE(p.cal_injector != 0))
@@ -123,6 +123,9 @@ void addMasked(RowList& rows) {
         .on(kEvent10ms, SIM_WHOLE(tri(n, 200) - 50))
         .mask(0x7F00, "status_word")
         .limits(-64, 63);
+}
+
+void addDiagnosisBits(RowList& rows) {
     rows.add("diag_word", "All diagnosis bits in one word", T::ulong, "CM.HEX")
         .on(kEvent100ms, {})
         .order(ObjectOrder::msbFirst);
@@ -141,6 +144,9 @@ void addMasked(RowList& rows) {
         .mask(0x0000007E, "diag_word")
         .order(ObjectOrder::msbFirst)
         .limits(-32, 31);
+}
+
+void addOddFields(RowList& rows) {
     rows.add("switch_a", "Bit 3 of a byte", T::ubyte, "CM.ON_OFF")
         .on(kEvent1ms, SIM_WHOLE(n % 2))
         .mask(0x08)
@@ -216,7 +222,9 @@ std::vector<Row> measurementRows() {
     addTypeMatrix(rows);
     addFast(rows);
     addMedium(rows);
-    addMasked(rows);
+    addStatusBits(rows);
+    addDiagnosisBits(rows);
+    addOddFields(rows);
     addSlow(rows);
     addSpecial(rows);
     return rows.take();
