@@ -17,7 +17,8 @@ namespace lm::xcp {
 
 /// When a packet arrived, in nanoseconds.
 struct ReceiveTime {
-    std::int64_t hostNs = 0;      ///< host steady clock
+    /// Host steady clock, not before the arrival: an answer stamped earlier than its command is dropped.
+    std::int64_t hostNs = 0;
     std::int64_t hardwareNs = 0;  ///< stamped by the hardware, 0 when it gives none
 };
 
