@@ -13,9 +13,9 @@ namespace {
 constexpr const char* kExamples = R"(Examples:
   xcplumo-cli --a2l demo.a2l list speed
   xcplumo-cli --a2l demo.a2l --udp 127.0.0.1:5555 info
-  xcplumo-cli -c demo.json get EngineSpeed Gain
-  xcplumo-cli -c demo.json set Gain=1.5 Mode=Manual
-  xcplumo-cli -c demo.json measure -s EngineSpeed -s Torque@1 -t 10 -r recording
+  xcplumo-cli -c demo.json get engine_speed cal_gain
+  xcplumo-cli -c demo.json set cal_gain=1.5 "cal_injector=test mode"
+  xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r recording
   xcplumo-cli -c demo.json --udp [fe80::1%eth0]:5555 save-config other.json)";
 
 void addGlobalOptions(CLI::App& app, Options& options) {

@@ -1,7 +1,9 @@
 #include "cli/output.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
+#include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -12,14 +14,25 @@ namespace {
 
 constexpr std::size_t kBlock = 64 * 1024;
 
-// 0 or the errno of what failed. A stop request ends the wait for a reader that takes nothing.
+// A descriptor that its other users made non-blocking takes text again when its reader has caught up.
+void waitForReader(int descriptor) {
+    std::array<pollfd, 2> waits = {pollfd{descriptor, POLLOUT, 0}, pollfd{stopDescriptor(), POLLIN, 0}};
+    ::poll(waits.data(), waits.size(), -1);
+}
+
+// 0 or the errno of what failed; EINTR when a stop request ended the wait for a reader that takes nothing.
 int writeAll(int descriptor, std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = ::write(descriptor, text.data(), text.size());
-        if (count >= 0) {
+        const int failure = count < 0 ? errno : 0;
+        if (failure == 0) {
             text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR || stopRequested()) {
-            return errno;
+        } else if (failure != EINTR && failure != EAGAIN) {
+            return failure;
+        } else if (stopRequested()) {
+            return EINTR;
+        } else if (failure == EAGAIN) {
+            waitForReader(descriptor);
         }
     }
     return 0;
@@ -54,7 +67,7 @@ bool Output::flush() {
 
 int Output::finish(int exitCode) {
     flush();
-    return reportOutputFailure(failure_) ? 1 : exitCode;
+    return failure_ == EINTR || reportOutputFailure(failure_) ? 1 : exitCode;
 }
 
 bool reportOutputFailure(int systemError) {

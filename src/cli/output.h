@@ -32,7 +32,8 @@ class Output {
     bool flush();
 
     /// Flushes and gives the exit code: 1 with "output: REASON" on standard error after a failed write, else
-    /// `exitCode`. A reader that went away is no failure: it had what it wanted.
+    /// `exitCode`. A reader that went away is no failure: it had what it wanted. 1 without a word when a stop
+    /// request ended the writing.
     int finish(int exitCode);
 
   private:

@@ -29,9 +29,6 @@ TEST(CommandLines, InfoNamesTheTransport) {
               "ECU            Demo (XCP on UDP/IP, ::1:5555)\n");
     EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", config, interface),
               "ECU            Demo (XCP on serial, /dev/x, 115200 baud)\n");
-    interface.serial = a2l::XcpOnSerial{9600};
-    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", config, interface),
-              "ECU            Demo (XCP on serial, /dev/x, 9600 baud)\n");
     config.can.interface = "can1";
     config.can.resId = 0x98DAF110;
     interface.can.emplace();
@@ -50,12 +47,6 @@ TEST(CommandLines, InfoShowsConnectionAndDaq) {
     EXPECT_EQ(connectLines(info),
               "resources      CAL/PAG DAQ PGM\n"
               "communication  Motorola, AG 2, MAX_CTO 8, MAX_DTO 65503\n");
-    info.resource = 0x04;
-    info.commModeBasic = 0;
-    EXPECT_EQ(connectLines(info),
-              "resources      DAQ \n"
-              "communication  Intel, AG 1, MAX_CTO 8, MAX_DTO 65503\n");
-
     xcp::DaqCapabilities daq;
     daq.dynamicConfiguration = true;
     daq.timestampSize = 4;
