@@ -7,8 +7,7 @@
 namespace lm::cli {
 namespace {
 
-bool printValue(session::Session& session, std::string_view name, Output& output) {
-    const auto value = session.read(name);
+bool printValue(std::string_view name, const Result<session::SessionValue>& value, Output& output) {
     if (value) {
         const std::string& text = value.value().text;
         output.appendValueLine(name, text.empty() ? "?" : text);
@@ -24,10 +23,7 @@ bool assign(session::Session& session, std::string_view assignment, bool allowMe
         std::fprintf(stderr, "%s: expected NAME=VALUE\n", std::string(assignment).c_str());
         return false;
     }
-    const auto written = session.write(parts->first, parts->second, allowMeasurements);
-    if (written) return printValue(session, parts->first, output);
-    output.appendValueLine(parts->first, "ERROR " + written.error().text());
-    return false;
+    return printValue(parts->first, session.write(parts->first, parts->second, allowMeasurements), output);
 }
 
 }  // namespace
@@ -42,7 +38,7 @@ int runGet(session::Session& session, const std::vector<std::string>& names, Out
     int exitCode = 0;
     for (const std::string& name : names) {
         if (stopRequested()) return 1;
-        if (!printValue(session, name, output)) exitCode = 1;
+        if (!printValue(name, session.read(name), output)) exitCode = 1;
         // Each value appears when it is read, however slow the next one is.
         if (!output.flush()) break;
     }

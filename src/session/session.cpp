@@ -89,9 +89,8 @@ void Session::warnAboutByteOrder() const {
 Result<void> Session::close() {
     Result<void> result = stopMeasurement();
     if (master_->connected()) {
-        // After a stop that had no answer nobody is known to listen.
-        const auto disconnected =
-            result.ok() ? master_->disconnectOnce() : master_->disconnectWithoutWaiting();
+        // An ECU that did not answer the stop, or was lost before, is not waited for a second time.
+        const auto disconnected = silent_ ? master_->disconnectWithoutWaiting() : master_->disconnectOnce();
         if (!disconnected.ok()) spdlog::info("{}", disconnected.error().text());
     }
     transport_.transport->close();
@@ -119,7 +118,7 @@ Result<SessionValue> Session::read(std::string_view name) {
     return value;
 }
 
-Result<void> Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
+Result<SessionValue> Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
     const auto object = resolve(name);
     if (!object.ok()) return object.error();
     const bool isMeasurement = object.value().kind == a2l::ObjectKind::measurement;
@@ -128,24 +127,26 @@ Result<void> Session::write(std::string_view name, std::string_view text, bool a
                      std::string(name) +
                          (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
     }
+    auto current = master_->upload(object.value().address, object.value().size());
+    if (!current.ok()) return current.error();
+    std::vector<std::uint8_t> bytes = std::move(current).value();
+    const auto encoded = a2l::encodeText(object.value(), text, bytes);
+    if (!encoded.ok()) return encoded.error();
     {
         const std::lock_guard lock(stopMutex_);
         if (stopRequested_) return Error{ErrorCode::closed, std::string(name) + ": stopped"};
         writing_ = true;
     }
-    auto written = writeResolved(object.value(), text);
+    const auto written = writeBytes(object.value(), bytes);
+    Result<SessionValue> value = written.ok() ? read(name) : Result<SessionValue>(written.error());
     const std::lock_guard lock(stopMutex_);
     writing_ = false;
     if (stopRequested_) master_->requestStop();
-    return written;
+    return value;
 }
 
-Result<void> Session::writeResolved(const a2l::ResolvedObject& object, std::string_view text) {
-    auto current = master_->upload(object.address, object.size());
-    if (!current.ok()) return current.error();
-    std::vector<std::uint8_t> bytes = std::move(current).value();
-    auto encoded = a2l::encodeText(object, text, bytes);
-    if (!encoded.ok()) return encoded;
+/// Writes and compares what the ECU then holds.
+Result<void> Session::writeBytes(const a2l::ResolvedObject& object, const std::vector<std::uint8_t>& bytes) {
     auto downloaded = master_->download(object.address, bytes);
     if (!downloaded.ok()) return downloaded;
     const auto readBack = master_->upload(object.address, object.size());

@@ -61,10 +61,11 @@ class Session final : private xcp::IMasterListener {
     /// Errors: the resolver's, the master's.
     Result<SessionValue> read(std::string_view name);
 
-    /// Writes a number or verbal text and reads it back. A stop request waits until the write is read back.
-    /// Errors: the resolver's and the master's, "NAME is not writable", "NAME is a measurement without
-    /// READ_WRITE", those of a2l::encodeText, "NAME: read back value differs from the written value".
-    Result<void> write(std::string_view name, std::string_view text, bool allowMeasurements);
+    /// Writes a number or verbal text, compares what the ECU then holds, and reads the value once more. A
+    /// stop request that comes after the writing has begun waits for all of it. Errors: the resolver's and
+    /// the master's, "NAME is not writable", "NAME is a measurement without READ_WRITE", those of
+    /// a2l::encodeText, "NAME: read back value differs from the written value".
+    Result<SessionValue> write(std::string_view name, std::string_view text, bool allowMeasurements);
 
     /// Error: unsupported "text input needs a serial line".
     Result<void> sendText(std::string_view line);
@@ -108,7 +109,7 @@ class Session final : private xcp::IMasterListener {
 
     void changeState(SessionState state, const std::string& message);
     Result<a2l::ResolvedObject> resolve(std::string_view name) const;
-    Result<void> writeResolved(const a2l::ResolvedObject& object, std::string_view text);
+    Result<void> writeBytes(const a2l::ResolvedObject& object, const std::vector<std::uint8_t>& bytes);
     void warnAboutByteOrder() const;
 
     // Constant after construction.
@@ -126,7 +127,7 @@ class Session final : private xcp::IMasterListener {
     std::atomic<SessionState> state_{SessionState::disconnected};
     std::atomic<ISessionListener*> listener_{nullptr};
 
-    // A stop request during a write is carried out when the write has been read back.
+    // A stop request during a write is carried out when the value has been read back.
     std::mutex stopMutex_;
     bool stopRequested_ = false;  // under stopMutex_
     bool writing_ = false;        // under stopMutex_
