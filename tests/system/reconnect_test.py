@@ -44,12 +44,6 @@ class ReconnectTest(harness.SystemTest):
             self.assertEqual(group.timestamps, sorted(group.timestamps))
         return numbers
 
-    def dead_end(self):
-        """An ECU that has ended."""
-        sim = self.start_sim()
-        sim.kill()
-        return sim
-
     def counters_of(self, group):
         return [group.signals[0].raw(record) for record in group.records]
 
@@ -71,7 +65,7 @@ class ReconnectTest(harness.SystemTest):
         relay = self.relay(sim)
         arguments = ["measure", "-s", "counter_100ms@2", "-p", "1"]
         rows = [
-            (lambda: sim.signal(signal.SIGUSR2), "GET_STATUS: SYNCH: no response from slave"),
+            (relay.hide, "GET_STATUS: SYNCH: no response from slave"),
             (lambda: relay.inject(STOP_ALL), "DAQ no longer running in the ECU"),
         ]
         for act, reason in rows:
@@ -82,8 +76,7 @@ class ReconnectTest(harness.SystemTest):
                 self.assertEqual(program.finish(), 2, program.err)
                 self.assertEqual(states(program), [f"** failed: connection lost: {reason}"])
                 self.assertRegex(program.err, STATISTICS)
-                if "SYNCH" in reason:
-                    sim.signal(signal.SIGUSR2)
+                relay.aim(sim)
 
     def test_terminated_session(self):
         for heartbeat, reason in ((harness.HEARTBEAT_MS, NO_DATA[17:]), (150, "XCP slave not connected")):
@@ -100,7 +93,7 @@ class ReconnectTest(harness.SystemTest):
         relay = self.relay(self.start_sim())
         program = self.measure(relay, xcp={"connectAttempts": 1}, reconnect={"policy": "retry", "attempts": 1000})
         begun = relay.names()
-        relay.aim(self.dead_end())
+        relay.hide()
         program.wait_for_err("reconnect attempt 2:")
         relay.aim(self.start_sim())
         program.wait_for_err("** measuring: reconnected after")
@@ -142,7 +135,7 @@ class ReconnectTest(harness.SystemTest):
         sim = self.start_sim()
         relay = self.relay(sim)
         program = self.measure(relay, "--reconnect", "retry_forever", reconnect={"attempts": 1})
-        relay.aim(self.dead_end())
+        relay.hide()
         program.wait_for_err("reconnect attempt 4:")
         sim.signal(signal.SIGUSR1)
         relay.aim(sim)

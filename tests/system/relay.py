@@ -35,16 +35,24 @@ class Relay:
         self.front = udp_socket()
         self.port = self.front.getsockname()[1]
         self.back = udp_socket(sim.port)
-        self.backs = [self.back]
+        self.hole = udp_socket()  # never read
         self.waker, self.wakened = socket.socketpair()
+        self.opened = [self.front, self.back, self.hole, self.waker, self.wakened]
         self.ended = False
         self.thread = threading.Thread(target=self.run, daemon=True)
         self.thread.start()
 
     def aim(self, sim):
         """Commands go to this ECU from now on, and only its packets come back."""
-        self.back = udp_socket(sim.port)
-        self.backs.append(self.back)
+        self.turn(sim.port)
+
+    def hide(self):
+        """From now on there is no ECU, only silence."""
+        self.turn(self.hole.getsockname()[1])
+
+    def turn(self, port):
+        self.back = udp_socket(port)
+        self.opened.append(self.back)
         self.waker.send(b"x")
 
     def inject(self, command):
@@ -55,7 +63,7 @@ class Relay:
         self.ended = True
         self.waker.send(b"x")
         self.thread.join()
-        for each in (self.front, *self.backs, self.waker, self.wakened):
+        for each in self.opened:
             each.close()
 
     def names(self):
