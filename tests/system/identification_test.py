@@ -35,7 +35,7 @@ class IdentificationTest(SystemTest):
         self.run_shapes(1, [
             ("--min-daq", 7, "--pack", 5), ("--identification", 0, "--first-pid", 60), ("--pad", 30),
             ("--identification", 0, "--overload", "pid"), ("--clock-start", 2 ** 32 - 300000),
-            ("--timestamp-size", 1, "--timestamp-fixed", "--tick-unit", 5), ("--without", "GET_DAQ_RESOLUTION_INFO"),
+            ("--timestamp-size", 1, "--timestamp-fixed"), ("--without", "GET_DAQ_RESOLUTION_INFO"),
             ("--without", "SHORT_UPLOAD", "--max-cto", 8), ("--clock-ppm", 300, "--byte-order", "motorola")])
 
     def run_all(self, granularity):

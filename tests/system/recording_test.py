@@ -74,14 +74,15 @@ class RecordingTest(SystemTest):
 
     def test_levels_of_values_that_no_float_holds(self):
         """Constant signals; NaN and infinity reach the memory byte by byte."""
-        values = (1e300, -1e300, math.nan, math.inf, -math.inf, 0.1, -0.1, 1e-320, -5e-324, 16777217.0, 3.4028235e38, -0.0)
+        values = (1e300, -1e300, math.nan, math.inf, -math.inf, 0.1, -0.1, 1e-320, -5e-324, 16777217.0, 3.4028235e38,
+                  -0.0)
         data = struct.pack(f"<{len(values)}d", *values)
         text = record_layouts(["UBYTE"])
         for i in range(len(data)):
             text += characteristic(f"b{i}", 0x10000 + i, "UBYTE", "MSB_LAST", 0, "NO_COMPU_METHOD", ("0", "255"))
         for i in range(len(values)):
-            text += f'/begin MEASUREMENT m{i} "" FLOAT64_IEEE NO_COMPU_METHOD 0 0 0 0 ECU_ADDRESS {0x10000 + 8 * i:#x}\n'
-            text += "/end MEASUREMENT\n"
+            text += (f'/begin MEASUREMENT m{i} "" FLOAT64_IEEE NO_COMPU_METHOD 0 0 0 0\n'
+                     f"ECU_ADDRESS {0x10000 + 8 * i:#x}\n/end MEASUREMENT\n")
         sim = self.start_sim()
         sim.a2l.write_text(module(text), encoding="utf-8")
         self.assertEqual(self.run_cli(sim, "set", *(f"b{i}={byte}" for i, byte in enumerate(data))).returncode, 0)

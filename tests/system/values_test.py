@@ -136,7 +136,7 @@ def raw_candidates(field):
     if not field.whole:
         return sorted(RAW_FLOATS + RAW_WIDE[field.type])
     low, high = field.bounds()
-    wide = {low, low + 1, -9, -2, -1, 0, 1, 2, 3, 4, 19, 100, 0x5A5A5A5A5A5A5A, high - 1, high, high - 1023, high - 2047}
+    wide = {low, low + 1, -9, -2, -1, 0, 1, 2, 3, 4, 19, 100, 0x5A5A5A5A5A5A, high - 2047, high - 1023, high - 1, high}
     return sorted(v for v in wide if low <= v <= high and int(float(v)) == v)
 
 
