@@ -261,6 +261,29 @@ class ValuesTest(SystemTest):
             self.assertEqual((done.stdout, done.stderr, done.returncode), (line, "", 0))
             self.assertEqual(Memory(sim.image).bytes(address, len(expected) // 2).hex(), expected, text)
 
+    def test_other_byte_orders_and_granularities(self):
+        """Objects without a byte order of their own follow the ECU's; no object is smaller than the granularity."""
+        rows = (("cal_idle_speed", "UWORD", None, "750", 3000), ("cal_gain", "FLOAT32_IEEE", None, "2.5", 2.5),
+                ("cal_wave_offset", "FLOAT64_IEEE", None, "-0.1", -0.1),
+                ("cal_ignition_trim", "SBYTE", None, "-1.5", -3),
+                ("cal_uword_msb", "UWORD", "MSB_FIRST", "0x1234", 0x1234),
+                ("cal_float16_lsb", "FLOAT16_IEEE", "MSB_LAST", "-1.5", -1.5),
+                ("cal_ulong_lsb", "ULONG", "MSB_LAST", "305419896", 0x12345678),
+                ("cal_slong_msb", "SLONG", "MSB_FIRST", "-2", -2), ("cal_int64_lsb", "A_INT64", "MSB_LAST", "-2", -2),
+                ("cal_uint64_msb", "A_UINT64", "MSB_FIRST", "0x102030405060", 0x102030405060))
+        for (order, module_order), granularity in itertools.product(
+                (("intel", "MSB_LAST"), ("motorola", "MSB_FIRST")), (1, 2, 4)):
+            image = self.dir / f"{order}{granularity}"
+            sim = self.start_sim("--memory-file", image, "--byte-order", order, "--granularity", granularity)
+            a2l = A2l(sim.a2l.read_text(encoding="utf-8"))
+            whole = [row for row in rows if TYPES[row[1]][0] % granularity == 0]
+            done = self.run_cli(sim, "set", *(f"{name}={text}" for name, _, _, text, _ in whole))
+            self.assertEqual((done.stderr, done.returncode), ("", 0), done.stdout)
+            for name, type_name, own_order, _, raw in whole:
+                field = Field(type_name, own_order or module_order)
+                stored = Memory(image).bytes(int(a2l.words("CHARACTERISTIC", name)[2], 16), field.size)
+                self.assertEqual(stored.hex(), field.encoded(field.stored(raw), stored).hex(), f"{name}, {order}")
+
     def test_out_of_raw_range_and_measurements(self):
         """The limits of these objects are wider than their types; the measurement has no READ_WRITE."""
         text = record_layouts(TYPES) + METHODS
