@@ -13,7 +13,8 @@ constexpr std::int64_t kFirstGuardNs = kMillisecond / 2;
 constexpr std::int64_t kGuardNs = kMillisecond / 20;
 constexpr std::int64_t kWindowNs = 2 * kSecond;
 constexpr std::uint32_t kWindowStamps = 16;
-constexpr std::int64_t kSlewDivisor = 5'000;  // 200 ppm
+constexpr std::int64_t kSlewDivisor = 5'000;       // 200 ppm
+constexpr std::int64_t kSteepestSlewDivisor = 10;  // so that no list seems to skip a cycle
 constexpr std::int64_t kProportionalSlewFromNs =
     kMillisecond;  // where 1/kCatchUpDivisor of it per second begins
 constexpr std::int64_t kFutureIsRestartNs = kSecond;
@@ -72,11 +73,12 @@ std::int64_t SlaveClock::map(ListClock& list, std::uint32_t raw, std::int64_t re
     const std::int64_t offset = difference(receiveNs, now);
     if (!anchored_ || offset < offsetNs_ - kFutureIsRestartNs) {
         anchor(offset);
-        windowStartNs_ = now;
+        previousLeast_ = kNone;
+        windowStartNs_ = receiveNs;
         latestSlaveNs_ = now;
     }
     lastTicks_ = list.ticks;
-    track(offset, now);
+    track(offset, now, receiveNs);
 
     std::int64_t mapped = std::min(sum(now, offsetNs_), receiveNs);
     if (list.started) mapped = std::min(std::max(mapped, list.lastNs), receiveNs);
@@ -87,13 +89,13 @@ std::int64_t SlaveClock::map(ListClock& list, std::uint32_t raw, std::int64_t re
 
 void SlaveClock::anchor(std::int64_t offset) {
     anchored_ = true;
+    ++generation_;
     offsetNs_ = offset - firstGuardNs_;
     windowStamps_ = 0;
     windowLeast_ = kNone;
-    previousLeast_ = kNone;
 }
 
-void SlaveClock::track(std::int64_t offset, std::int64_t nowNs) {
+void SlaveClock::track(std::int64_t offset, std::int64_t nowNs, std::int64_t receiveNs) {
     windowLeast_ = std::min(windowLeast_, offset);
     ++windowStamps_;
     if (offset < offsetNs_) offsetNs_ = offset - std::min(offsetNs_ - offset, firstGuardNs_);
@@ -103,12 +105,16 @@ void SlaveClock::track(std::int64_t offset, std::int64_t nowNs) {
         slew(elapsed);
         latestSlaveNs_ = nowNs;
     }
-    if (difference(nowNs, windowStartNs_) >= kWindowNs && windowStamps_ >= kWindowStamps) {
-        if (windowLeast_ - offsetNs_ > kStandstillNs) anchor(windowLeast_);
-        previousLeast_ = windowLeast_;
+    // Windows are cut by the host's time: a backlog that arrives at once, seconds of slave time, is a short
+    // part of one.
+    if (difference(receiveNs, windowStartNs_) >= kWindowNs && windowStamps_ >= kWindowStamps) {
+        const std::int64_t least = windowLeast_;
+        if (previousLeast_ != kNone && std::min(least, previousLeast_) - offsetNs_ > kStandstillNs)
+            anchor(least);
+        previousLeast_ = least;
         windowLeast_ = kNone;
         windowStamps_ = 0;
-        windowStartNs_ = nowNs;
+        windowStartNs_ = receiveNs;
     }
 }
 
@@ -121,7 +127,7 @@ void SlaveClock::slew(std::int64_t elapsedNs) {
         step = static_cast<std::int64_t>(static_cast<double>(step) * static_cast<double>(size) /
                                          static_cast<double>(kProportionalSlewFromNs));
     }
-    step = std::min(step, size);
+    step = std::min({step, elapsedNs / kSteepestSlewDivisor, size});
     offsetNs_ += distance < 0 ? -step : step;
 }
 

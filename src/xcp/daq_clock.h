@@ -6,11 +6,12 @@
 //
 // How the time is mapped. Host time = slave time + offset, where the offset follows the lower envelope of
 // (receive time - slave time): the frames with the least delay tell where the slave's clock stands.
-// - The smallest difference of the last two windows (each at least 2 s and 16 stamps), less a guard of 50 us,
-// is the
-//   target. The offset moves towards it by at most 200 ppm of the slave time that passed (faster, in
-//   proportion, when it is more than 1 ms away), so that records keep the slave's own spacing and frames
-//   received in one bunch are as evenly spaced as they were sampled.
+// - The smallest difference of the last two windows (each at least 2 s of host time and 16 stamps), less a
+// guard of
+//   50 us, is the target. The offset moves towards it by at most 200 ppm of the slave time that passed
+//   (faster, in proportion, when it is more than 1 ms away, up to a tenth), so that records keep the slave's
+//   own spacing and frames received in one bunch, after seconds even, are as evenly spaced as they were
+//   sampled.
 // - The first stamp sets the offset 500 us below its own difference, so that quicker frames which follow fall
 //   under no record's time and the start is evenly spaced too; the slow approach then closes that gap.
 // - A frame quicker than the offset says would lie in the future: the offset drops below it, by as much again
@@ -20,8 +21,8 @@
 // - A list's times never step back.
 // - A counter that wrapped unseen (an event that paused, a one-byte counter): a time more than three quarters
 //   of a wrap behind the receive time gets the missing whole wraps. A time more than a second in the future
-//   means that the slave's clock began anew, a least difference more than half a second above the offset that
-//   it stood still: the offset anchors anew.
+//   means that the slave's clock began anew, two windows whose least difference is more than half a second
+//   above the offset that it stood still: the offset anchors anew.
 //
 // Threads: one thread at a time (the receive thread). Lifetime: plain values.
 #pragma once
@@ -54,13 +55,17 @@ class SlaveClock {
     /// The host time in nanoseconds of a stamp received at `receiveNs`; never later than `receiveNs`.
     std::int64_t map(ListClock& list, std::uint32_t raw, std::int64_t receiveNs);
 
+    /// Changes when the offset was anchored anew: times before and after do not tell how many cycles lie
+    /// between.
+    std::uint32_t generation() const { return generation_; }
+
   private:
     static constexpr std::int64_t kNone = std::numeric_limits<std::int64_t>::max();
 
     std::int64_t slaveNs(std::uint64_t ticks) const;
     std::uint64_t follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs);
     void anchor(std::int64_t offset);
-    void track(std::int64_t offset, std::int64_t nowNs);
+    void track(std::int64_t offset, std::int64_t nowNs, std::int64_t receiveNs);
     void slew(std::int64_t elapsedNs);
 
     // Constant after construction.
@@ -72,10 +77,11 @@ class SlaveClock {
     std::int64_t firstGuardNs_ = 0;
 
     bool anchored_ = false;
+    std::uint32_t generation_ = 0;
     std::uint64_t lastTicks_ = 0;     ///< of the latest stamp of any list
     std::int64_t latestSlaveNs_ = 0;  ///< up to which the offset has been moved
     std::int64_t offsetNs_ = 0;
-    std::int64_t windowStartNs_ = 0;  ///< slave time
+    std::int64_t windowStartNs_ = 0;  ///< receive time
     std::uint32_t windowStamps_ = 0;
     std::int64_t windowLeast_ = kNone;
     std::int64_t previousLeast_ = kNone;

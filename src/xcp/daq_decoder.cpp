@@ -133,6 +133,8 @@ bool DaqDecoder::beginRecord(List& list, const std::uint8_t* data, std::size_t l
         const auto raw = readSized(data + identificationSize_, timestampSize_, ByteOrder::littleEndian);
         list.timeNs = clock_.map(list.clock, static_cast<std::uint32_t>(raw), receiveNs);
         list.hasTime = true;
+        if (list.clockGeneration != clock_.generation()) list.hasPrevious = false;
+        list.clockGeneration = clock_.generation();
     }
     return true;
 }

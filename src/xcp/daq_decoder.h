@@ -82,8 +82,9 @@ class DaqDecoder final : public IDtoSink {
         bool hasTime = false;      ///< `timeNs` holds a mapped slave time
         bool hasPrevious = false;  ///< `previousNs` is set
         bool overload = false;
-        std::uint32_t nextOdt = 0;  ///< 0: no record is open
-        std::int64_t periodNs = 0;  ///< between two records, 0 when not cyclic
+        std::uint32_t clockGeneration = 0;  ///< SlaveClock's at the last record
+        std::uint32_t nextOdt = 0;          ///< 0: no record is open
+        std::int64_t periodNs = 0;          ///< between two records, 0 when not cyclic
         std::int64_t receiveNs = 0;
         std::int64_t timeNs = 0;
         std::int64_t previousNs = 0;

@@ -77,17 +77,23 @@ TEST(DaqClock, RecordsAreEvenlySpacedUnderJitterAndDriftBothWays) {
 }
 
 TEST(DaqClock, BunchedFramesAreSpreadAgain) {
-    Scene scene(4, kUs);
-    ListClock list;
-    for (std::int64_t i = 0; i < 1'000; ++i) {
-        scene.sample(list, i * 10 * kMs, scene.jitter());
-    }
-    const std::int64_t stalledUntil = 10 * kSecond + 500 * kMs;
-    std::int64_t previous = list.lastNs - kHostStart;
-    for (std::int64_t i = 1'000; i < 1'050; ++i) {
-        const std::int64_t mapped = scene.sample(list, i * 10 * kMs, stalledUntil - i * 10 * kMs + i);
-        EXPECT_NEAR(static_cast<double>(mapped - previous), 10e6, 4e3);
-        previous = mapped;
+    for (const std::int64_t stall : {500 * kMs, 7 * kSecond}) {
+        Scene scene(4, kUs);
+        ListClock list;
+        for (std::int64_t i = 0; i < 1'000; ++i) {
+            scene.sample(list, i * 10 * kMs, scene.jitter());
+        }
+        const std::uint32_t generation = scene.clock.generation();
+        const std::int64_t stalledUntil = 10 * kSecond + stall;
+        std::int64_t previous = list.lastNs - kHostStart;
+        for (std::int64_t i = 1'000; i < 3'000; ++i) {
+            const std::int64_t at = i * 10 * kMs;
+            const std::int64_t backlog = stalledUntil + (i - 1'000) * 100 * kUs;
+            const std::int64_t mapped = scene.sample(list, at, std::max(scene.jitter(), backlog - at));
+            EXPECT_NEAR(static_cast<double>(mapped - previous), 10e6, 4e3) << stall << " at " << i;
+            previous = mapped;
+        }
+        EXPECT_EQ(scene.clock.generation(), generation) << "a backlog is not a clock that stood still";
     }
 }
 
