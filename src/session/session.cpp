@@ -166,6 +166,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     if (running_) return Error{ErrorCode::alreadyOpen, "measurement already running"};
     if (!capabilities_) return Error{ErrorCode::unsupported, "the slave offers no DAQ"};
     measurement_.reset();
+    overloadEvents_ = 0;
     auto started = Measurement::start(
         {config_, description_, transport_, *master_, *capabilities_, ecuName(),
          [this](SessionState state, const std::string& message) { changeState(state, message); }},
@@ -191,7 +192,10 @@ Result<void> Session::stopMeasurement() {
 }
 
 MeasurementStats Session::statistics() const {
-    return measurement_ ? measurement_->statistics() : MeasurementStats{};
+    if (!measurement_) return {};
+    MeasurementStats stats = measurement_->statistics();
+    stats.overloads += overloadEvents_.load();
+    return stats;
 }
 
 void Session::requestStop() {
@@ -212,6 +216,7 @@ void Session::changeState(SessionState state, const std::string& message) {
 
 void Session::onEvent(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t /*length*/,
                       xcp::ReceiveTime /*time*/) {
+    if (code == xcp::kEvDaqOverload) ++overloadEvents_;
     spdlog::info("XCP event {}", xcp::eventName(code));
 }
 

@@ -57,6 +57,7 @@ inline constexpr std::uint8_t kErrGeneric = 0x31;
 
 /// Event codes that the master acts upon.
 inline constexpr std::uint8_t kEvCmdPending = 0x05;
+inline constexpr std::uint8_t kEvDaqOverload = 0x06;
 inline constexpr std::uint8_t kEvSessionTerminated = 0x07;
 inline constexpr std::uint8_t kEvUser = 0xFE;
 
