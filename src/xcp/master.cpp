@@ -138,15 +138,26 @@ bool Master::repeatsConnect(const std::uint8_t* data, std::size_t length) const 
     return std::equal(known.begin(), known.end(), data, data + length);
 }
 
-void Master::settleOwed(const std::uint8_t* data, std::size_t length) {
-    if (isSynchAnswer(data, length) && owed_.synchs > 0) {
+/// Another owed answer may follow one that has just come.
+void Master::expectOwed() {
+    owed_.answersUntil = std::max(owed_.answersUntil, Clock::now() + timeout(kT1) * 3 / 2);
+}
+
+/// False when no such answer was owed.
+bool Master::settleOwed(const std::uint8_t* data, std::size_t length) {
+    const bool synchAnswer = isSynchAnswer(data, length);
+    if (synchAnswer && owed_.synchs > 0) {
         --owed_.synchs;
     } else if (repeatsConnect(data, length)) {
         --owed_.connects;
-    } else if (owed_.answers > 0) {
+    } else if (owed_.answers > 0 && !(synchAnswer && owed_.surplus)) {
         --owed_.answers;
+        expectOwed();
         wakeUp_.notify_all();  // a drain may wait for it
+    } else {
+        return false;
     }
+    return true;
 }
 
 Master::Verdict Master::judge(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
@@ -154,7 +165,7 @@ Master::Verdict Master::judge(const std::uint8_t* data, std::size_t length, Rece
     if (time.hostNs != 0 && time.hostNs < wait_.sentNs) return Verdict::drop;
     const bool synchAnswer = isSynchAnswer(data, length);
     if (wait_.taking == Taking::synch) return synchAnswer ? Verdict::take : Verdict::drop;
-    if (synchAnswer && owed_.synchs > 0) return Verdict::drop;
+    if (synchAnswer && (owed_.synchs > 0 || owed_.surplus)) return Verdict::drop;
     if (wait_.taking == Taking::connect) return judgeConnect(data, length);
     if (repeatsConnect(data, length)) return Verdict::drop;
     if (data[0] == kPidResponse && length < wait_.minimumLength) return Verdict::setAside;
@@ -178,12 +189,15 @@ void Master::drainLocked() {
     if (recovering_) return;
     {
         const std::lock_guard lock(responseMutex_);
-        if (!owed_.possible || stopRequested_) return;
+        if (!(owed_.possible || owed_.surplus) || stopRequested_) return;
     }
     const auto answer = exchange(buildPlain(Command::synch), kT1, Taking::synch, 2);
     if (answer && !answer.value()) ++timeouts_;
     std::unique_lock lock(responseMutex_);
-    wakeUp_.wait_until(lock, owed_.answersUntil, [this] { return owed_.answers == 0 || stopRequested_; });
+    if (answer && !answer.value()) owed_.surplus = false;
+    while (owed_.answers > 0 && !stopRequested_ && Clock::now() < owed_.answersUntil) {
+        wakeUp_.wait_until(lock, owed_.answersUntil);
+    }
     if (stopRequested_) return;
     owed_.possible = false;
     owed_.answers = 0;
@@ -329,6 +343,7 @@ Result<void> Master::acceptConnect(const Packet& response) {
         connectAnswer_ = response;
         owed_.connectsUntil = Clock::now() + 2 * timeout(kT1);
         owed_.unlikeConnectDropped = false;
+        owed_.surplus = false;
     }
     shortUploadMissing_ = false;
     connected_ = true;
@@ -429,13 +444,15 @@ void Master::onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime 
     const std::lock_guard lock(responseMutex_);
     const Verdict verdict = judge(data, length, time);
     if (verdict == Verdict::take) {
+        if (owed_.answers > 0) expectOwed();
         wait_.response = copyOf(data, length);
         wakeUp_.notify_all();
         return;
     }
-    settleOwed(data, length);
+    const bool owed = settleOwed(data, length);
     if (verdict == Verdict::setAside && !std::exchange(wait_.aside, copyOf(data, length))) return;
     ++unexpectedResponses_;
+    if (!owed) owed_.surplus = true;
 }
 
 void Master::onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time) {

@@ -16,7 +16,10 @@
 //   nothing else came until the timeout.
 // - After a command was repeated, timed out or was given up, the next command is preceded by one SYNCH, whose
 //   answer follows whatever was still under way; that SYNCH may stay unanswered. Should an answer still be
-//   owed then, the master waits for it for t1 after the last timeout.
+//   owed then, the master waits for it for t1 after the last timeout, and for half as long again after the
+//   last answer that came: repeats of a slave that is late by more than t1 are answered in steps of t1.
+// - Once an answer has come that nobody asked for (a slave that answers twice), every command of the
+//   connection is preceded by a SYNCH, until one stays unanswered.
 // - ERR_CMD_SYNCH answers still owed, and repetitions of the CONNECT answer after several CONNECTs, are
 // dropped.
 // - While answers may be under way, CONNECT takes only what reads as a CONNECT answer, and one unlike the
@@ -194,6 +197,7 @@ class Master final : public IPacketSink {
         Clock::time_point answersUntil = {};
         Clock::time_point connectsUntil = {};
         bool unlikeConnectDropped = false;
+        bool surplus = false;  ///< the slave answers more often than it is asked: every command drains first
     };
 
     /// A borrowed receiver that can be removed while the receive thread may be calling it.
@@ -226,7 +230,8 @@ class Master final : public IPacketSink {
                                            std::size_t minimumLength);
     bool awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit);
     void noteOwed(Taking taking);
-    void settleOwed(const std::uint8_t* data, std::size_t length);
+    bool settleOwed(const std::uint8_t* data, std::size_t length);
+    void expectOwed();
     bool repeatsConnect(const std::uint8_t* data, std::size_t length) const;
     Verdict judge(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     Verdict judgeConnect(const std::uint8_t* data, std::size_t length);
@@ -268,7 +273,8 @@ class Master final : public IPacketSink {
     // Command mutex; connection_ is written under both mutexes and so read under either.
     std::mutex commandMutex_;
     bool shortUploadMissing_ = false;
-    bool recovering_ = false;  ///< a beforeRepeat action runs
+    bool recovering_ = false;        ///< a beforeRepeat action runs
+    std::vector<Packet> selection_;  ///< the commands that selected the DAQ lists
     ConnectInfo connection_;
 
     // Response mutex.

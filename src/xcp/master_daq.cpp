@@ -229,8 +229,10 @@ Result<std::vector<std::uint8_t>> Master::selectLocked(const DaqPlan& plan) {
     }
     std::vector<std::uint8_t> told;
     std::vector<std::uint8_t> planned;
+    selection_.clear();
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
-        const auto reply = transactLocked(buildStartStopDaqList(kSelectList, plan.listNumber(i), order), {});
+        selection_.push_back(buildStartStopDaqList(kSelectList, plan.listNumber(i), order));
+        const auto reply = transactLocked(selection_.back(), {});
         if (!reply) return reply.error();
         if (reply.value().size() > 1) told.push_back(reply.value().bytes[1]);
         planned.push_back(plan.lists[i].odts.empty() ? std::uint8_t{0} : plan.lists[i].odts.front().pid);
@@ -240,7 +242,15 @@ Result<std::vector<std::uint8_t>> Master::selectLocked(const DaqPlan& plan) {
 }
 
 Result<void> Master::startDaq() {
-    if (auto reply = command(buildStartStopSynch(kStartSelected), 1); !reply) return reply.error();
+    // A start whose answer was lost has used up the selection.
+    Exchange rules;
+    rules.beforeRepeat = [this]() -> Result<void> {
+        for (const Packet& select : selection_) {
+            if (auto done = commandLocked(select); !done) return done;
+        }
+        return {};
+    };
+    if (auto reply = transact(buildStartStopSynch(kStartSelected), rules); !reply) return reply.error();
     return {};
 }
 
