@@ -118,6 +118,17 @@ class ReconnectTest(harness.SystemTest):
             pause = group.timestamps[restarts[0]] - group.timestamps[restarts[0] - 1]
             self.assertGreater(pause, 300_000_000)
 
+    def test_retry_goes_on_after_a_restart_at_the_same_address(self):
+        sim = self.start_sim()
+        program = self.measure(sim, "--reconnect", "retry", xcp={"connectAttempts": 1}, reconnect={"attempts": 1000})
+        sim.kill()  # its port refuses from now on
+        program.wait_for_err("reconnect attempt 1: CONNECT: no response from slave after 1 attempt(s)\n")
+        again = self.start_sim(port=sim.port)
+        program.wait_for_err("** measuring: reconnected after")
+        self.assertEqual(harness.stop(program, signal.SIGTERM)[0], 0, program.err)
+        self.assertEqual(self.statistics(program)["reconnects"], 1)
+        self.assertGreater(harness.counters(again)["samples"], 0)
+
     def test_retry_gives_up(self):
         sim = self.start_sim()
         program = self.measure(sim, "--reconnect", "retry", xcp={"connectAttempts": 0}, reconnect={"attempts": 3})
