@@ -76,7 +76,7 @@ RawValue loadRaw(const std::uint8_t* from, DataType type, ByteOrder order, std::
         bits = (bits & mask) >> std::countr_zero(mask);
         width = static_cast<unsigned>(std::bit_width(mask >> std::countr_zero(mask)));
     }
-    if (info.isSigned && width < 64 && ((bits >> (width - 1)) & 1U) != 0) bits |= ~0ULL << width;
+    if (info.isSigned && width > 0 && width < 64 && ((bits >> (width - 1)) & 1U) != 0) bits |= ~0ULL << width;
     return {static_cast<std::int64_t>(bits), 0};
 }
 
