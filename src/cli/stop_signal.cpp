@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
+#include <limits>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -16,7 +18,12 @@ namespace {
 
 std::atomic<bool> stopFlag{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler stores it");
+std::atomic<std::int64_t> stoppedMs{std::numeric_limits<std::int64_t>::max()};
+static_assert(std::atomic<std::int64_t>::is_always_lock_free, "a signal handler stores it");
 int stopEvent = -1;
+
+// timeout(1) signals its command and then the command's process group: signals this close together are one.
+constexpr std::int64_t kOneStopMs = 300;
 
 void signal(int descriptor) {
     const std::uint64_t one = 1;
@@ -32,12 +39,21 @@ void setAction(int number, void (*handler)(int)) {
     sigaction(number, &action, nullptr);
 }
 
-void onStopSignal(int) {
+std::int64_t nowMs() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+void onStopSignal(int number) {
     const int before = errno;
-    stopFlag.store(true);
-    signal(stopEvent);
-    setAction(SIGINT, SIG_DFL);
-    setAction(SIGTERM, SIG_DFL);
+    if (!stopFlag.exchange(true)) {
+        stoppedMs.store(nowMs());
+        signal(stopEvent);
+    } else if (nowMs() - stoppedMs.load() >= kOneStopMs) {
+        setAction(number, SIG_DFL);
+        raise(number);  // delivered when the handler has returned
+    }
     errno = before;
 }
 
