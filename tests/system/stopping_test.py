@@ -149,8 +149,25 @@ class StoppingTest(harness.SystemTest):
                                                            reconnect={"heartbeatMs": 60000})
                 program.signal(signal.SIGINT)
                 harness.wait_until(lambda: relay.commands[-1] == STOP_ALL, "the stop")
-                program.signal(number)
+
+                def killed():
+                    program.signal(number)
+                    return program.process.poll() is not None
+
+                harness.wait_until(killed, "the end")
                 self.assertEqual(program.finish(), -number)
+
+    def test_signals_that_come_together_are_one(self):
+        # As timeout(1) sends them: to its command and to the command's group.
+        sim = self.start_sim()
+        relay = self.relay(sim)
+        program = self.measure(relay, "-p", "10")
+        harness.wait_until(lambda: program.out.count("\n") > 3 or program.process.poll() is not None, "records")
+        for _ in range(20):
+            program.signal(signal.SIGTERM)
+        self.assertEqual(program.finish(), 0, program.err)
+        self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
+        self.assertEqual(harness.counters(sim)["samples"], self.recorded(program))
 
     def test_reader_that_pauses_costs_lines_not_records(self):
         sim = self.start_sim("--load-signals", "300", "--load-bytes", "8")
