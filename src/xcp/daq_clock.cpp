@@ -57,11 +57,12 @@ std::uint64_t SlaveClock::follow(const ListClock& list, std::uint32_t raw, std::
                  static_cast<std::uint64_t>(wrapNs_) * modulus_;
     } else if (lag < -(wrapNs_ / 2)) {
         // Out of order rather than nearly a whole wrap on; a clock that began anew is anchored below.
-        const std::uint64_t ahead = static_cast<std::uint64_t>(-lag);
+        const std::uint64_t ahead = std::uint64_t{0} - static_cast<std::uint64_t>(lag);
         const auto wraps =
             (ahead + static_cast<std::uint64_t>(wrapNs_ / 2)) / static_cast<std::uint64_t>(wrapNs_);
         const std::uint64_t back = wraps * modulus_;
-        const std::int64_t lagThen = sum(lag, static_cast<std::int64_t>(wraps) * wrapNs_);
+        const std::int64_t lagThen =
+            sum(lag, static_cast<std::int64_t>(wraps * static_cast<std::uint64_t>(wrapNs_)));
         if (back <= ticks && lagThen < kFutureIsRestartNs) ticks -= back;
     }
     return ticks;
@@ -71,7 +72,7 @@ std::int64_t SlaveClock::map(ListClock& list, std::uint32_t raw, std::int64_t re
     list.ticks = follow(list, raw, receiveNs);
     const std::int64_t now = slaveNs(list.ticks);
     const std::int64_t offset = difference(receiveNs, now);
-    if (!anchored_ || offset < offsetNs_ - kFutureIsRestartNs) {
+    if (!anchored_ || difference(offsetNs_, offset) > kFutureIsRestartNs) {
         anchor(offset);
         previousLeast_ = kNone;
         windowStartNs_ = receiveNs;
@@ -90,7 +91,7 @@ std::int64_t SlaveClock::map(ListClock& list, std::uint32_t raw, std::int64_t re
 void SlaveClock::anchor(std::int64_t offset) {
     anchored_ = true;
     ++generation_;
-    offsetNs_ = offset - firstGuardNs_;
+    offsetNs_ = difference(offset, firstGuardNs_);
     windowStamps_ = 0;
     windowLeast_ = kNone;
 }
@@ -98,7 +99,8 @@ void SlaveClock::anchor(std::int64_t offset) {
 void SlaveClock::track(std::int64_t offset, std::int64_t nowNs, std::int64_t receiveNs) {
     windowLeast_ = std::min(windowLeast_, offset);
     ++windowStamps_;
-    if (offset < offsetNs_) offsetNs_ = offset - std::min(offsetNs_ - offset, firstGuardNs_);
+    const std::int64_t quicker = difference(offsetNs_, offset);
+    if (quicker > 0) offsetNs_ = difference(offset, std::min(quicker, firstGuardNs_));
 
     const std::int64_t elapsed = difference(nowNs, latestSlaveNs_);
     if (elapsed > 0) {
@@ -109,7 +111,7 @@ void SlaveClock::track(std::int64_t offset, std::int64_t nowNs, std::int64_t rec
     // part of one.
     if (difference(receiveNs, windowStartNs_) >= kWindowNs && windowStamps_ >= kWindowStamps) {
         const std::int64_t least = windowLeast_;
-        if (previousLeast_ != kNone && std::min(least, previousLeast_) - offsetNs_ > kStandstillNs)
+        if (previousLeast_ != kNone && difference(std::min(least, previousLeast_), offsetNs_) > kStandstillNs)
             anchor(least);
         previousLeast_ = least;
         windowLeast_ = kNone;
@@ -119,16 +121,19 @@ void SlaveClock::track(std::int64_t offset, std::int64_t nowNs, std::int64_t rec
 }
 
 void SlaveClock::slew(std::int64_t elapsedNs) {
-    const std::int64_t target = std::min(windowLeast_, previousLeast_) - guardNs_;
-    const std::int64_t distance = target - offsetNs_;
-    const std::int64_t size = std::abs(distance);
-    std::int64_t step = elapsedNs / kSlewDivisor;
-    if (size > kProportionalSlewFromNs) {
-        step = static_cast<std::int64_t>(static_cast<double>(step) * static_cast<double>(size) /
-                                         static_cast<double>(kProportionalSlewFromNs));
+    const std::int64_t target = difference(std::min(windowLeast_, previousLeast_), guardNs_);
+    const std::int64_t distance = difference(target, offsetNs_);
+    const double size = std::abs(static_cast<double>(distance));
+    double step = static_cast<double>(elapsedNs / kSlewDivisor);
+    if (size > static_cast<double>(kProportionalSlewFromNs)) {
+        step *= size / static_cast<double>(kProportionalSlewFromNs);
     }
-    step = std::min({step, elapsedNs / kSteepestSlewDivisor, size});
-    offsetNs_ += distance < 0 ? -step : step;
+    step = std::min(step, static_cast<double>(elapsedNs / kSteepestSlewDivisor));
+    if (step >= size) {
+        offsetNs_ = target;
+    } else {
+        offsetNs_ = sum(offsetNs_, static_cast<std::int64_t>(distance < 0 ? -step : step));
+    }
 }
 
 }  // namespace lm::xcp

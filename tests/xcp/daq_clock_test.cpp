@@ -146,6 +146,24 @@ TEST(DaqClock, AnchorsAnewWhenTheSlaveRestartsOrItsClockStoodStill) {
     EXPECT_LE(feed(kSecond + 20 * kMs, 60 * kSecond + 10 * kMs, 600), kMs);
 }
 
+TEST(DaqClock, HostileStampsStayOrderedAndInThePast) {
+    std::mt19937_64 random{1};
+    for (const std::uint8_t size : {std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{4}}) {
+        for (const std::int64_t tick : {std::int64_t{1}, kMs, 65'535 * kSecond}) {
+            SlaveClock clock(size, tick);
+            ListClock list;
+            std::int64_t receive = kHostStart;
+            for (int i = 0; i < 2'000; ++i) {
+                receive += static_cast<std::int64_t>(random() % (2 * kSecond));
+                const std::int64_t before = list.lastNs;
+                const std::int64_t mapped = clock.map(list, static_cast<std::uint32_t>(random()), receive);
+                ASSERT_LE(mapped, receive) << int{size} << " bytes of " << tick;
+                ASSERT_GE(mapped, before) << int{size} << " bytes of " << tick;
+            }
+        }
+    }
+}
+
 TEST(DaqClock, AStampOutOfOrderChangesNothing) {
     Scene scene(4, kUs);
     ListClock list;
