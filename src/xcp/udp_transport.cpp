@@ -265,8 +265,8 @@ void UdpTransport::checkCounter(std::uint16_t counter) {
     const auto skipped = static_cast<std::uint16_t>(counter - lastCounter_ - 1);
     if (std::exchange(counterSeen_, true) && skipped != 0) {
         counterGaps_.fetch_add(1, std::memory_order_relaxed);
-        // More than half the range ahead is rather a packet out of order or a counter that began anew.
-        if (skipped < 0x8000) missingPackets_.fetch_add(skipped, std::memory_order_relaxed);
+        // More than half the range ahead is rather a packet out of order, and 0 a counter that began anew.
+        if (skipped < 0x8000 && counter != 0) missingPackets_.fetch_add(skipped, std::memory_order_relaxed);
     }
     lastCounter_ = counter;
 }

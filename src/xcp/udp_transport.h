@@ -31,7 +31,7 @@ struct UdpStatistics {
     std::uint64_t packets = 0;
     std::uint64_t malformedDatagrams = 0;
     std::uint64_t counterGaps = 0;
-    std::uint64_t missingPackets = 0;  ///< how many packets the gaps skip; a step back counts none
+    std::uint64_t missingPackets = 0;  ///< how many packets the gaps skip; a step back or to 0 counts none
     std::uint64_t kernelDrops = 0;     ///< datagrams that found the socket's receive buffer full
 };
 

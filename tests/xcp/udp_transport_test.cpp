@@ -125,16 +125,19 @@ TEST(UdpTransport, ExchangesPacketsOverBothAddressFamilies) {
         peer.send("01 00 01 00 C1 00 00");              // bytes left over
         peer.send("00 00 02 00 D1");                    // LEN 0
         peer.send("01 00 05 00 E1");                    // counters 2 to 4 are missing
-        peer.send("01 00 03 00 F1");                    // a step back
-        EXPECT_EQ(packets.upTo("F1"), "[A1][A2 A3][B1][C1][E1][F1]");
+        peer.send("01 00 00 90 E2");                    // more than half the range ahead
+        peer.send("01 00 00 00 E3");                    // begun anew
+        peer.send("01 00 03 00 E4");
+        peer.send("01 00 01 00 F1");  // a step back
+        EXPECT_EQ(packets.upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][F1]");
         transport.close();
         transport.close();
         const UdpStatistics statistics = transport.statistics();
-        EXPECT_EQ(statistics.datagrams, 6U);
-        EXPECT_EQ(statistics.packets, 6U);
+        EXPECT_EQ(statistics.datagrams, 9U);
+        EXPECT_EQ(statistics.packets, 9U);
         EXPECT_EQ(statistics.malformedDatagrams, 3U);
-        EXPECT_EQ(statistics.counterGaps, 2U);
-        EXPECT_EQ(statistics.missingPackets, 3U);
+        EXPECT_EQ(statistics.counterGaps, 5U);
+        EXPECT_EQ(statistics.missingPackets, 5U);
         EXPECT_EQ(statistics.kernelDrops, 0U);
     }
 }
