@@ -117,6 +117,14 @@ class StoppingTest(harness.SystemTest):
                 self.assertEqual(self.stop_in_time(program, number), 1)
                 self.assertEqual((program.out, program.err), ("", "connect: CONNECT: stopped\n"))
 
+    def test_while_starting_leaves_no_list_running(self):
+        relay = self.relay(self.start_sim("--fault", "late:START_STOP_SYNCH:1:1:60000"))
+        program = self.measure(relay, config=self.quick_config(xcp={"timeoutsMs": [900] * 7}))
+        harness.wait_until(lambda: relay.count("START_STOP_SYNCH") == 1, "the start")
+        self.assertEqual(self.stop_in_time(program), 1)
+        self.assertEqual(program.err, "measure: START_STOP_SYNCH: stopped\n")
+        self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
+
     def test_get_ends_at_the_next_value(self):
         sim = self.start_sim("--fault", "late:SHORT_UPLOAD:5:0:60000")
         relay = self.relay(sim)
@@ -159,15 +167,13 @@ class StoppingTest(harness.SystemTest):
 
     def test_signals_that_come_together_are_one(self):
         # As timeout(1) sends them: to its command and to the command's group.
-        sim = self.start_sim()
-        relay = self.relay(sim)
-        program = self.measure(relay, "-p", "10")
-        harness.wait_until(lambda: program.out.count("\n") > 3 or program.process.poll() is not None, "records")
-        for _ in range(20):
-            program.signal(signal.SIGTERM)
-        self.assertEqual(program.finish(), 0, program.err)
+        program, relay = self.measure_until_silent(reconnect={"heartbeatMs": 60000})
+        program.signal(signal.SIGTERM)
+        harness.wait_until(lambda: relay.commands[-1] == STOP_ALL, "the stop")
+        program.signal(signal.SIGTERM)
+        self.assertEqual(program.finish(), 1, program.err)
         self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
-        self.assertEqual(harness.counters(sim)["samples"], self.recorded(program))
+        self.assertIn("\nstop: START_STOP_SYNCH: no response from slave (t1)\n", program.err)
 
     def test_reader_that_pauses_costs_lines_not_records(self):
         sim = self.start_sim("--load-signals", "300", "--load-bytes", "8")
