@@ -132,7 +132,11 @@ void Measurement::removeDecoder() {
 
 void Measurement::abandonStart() {
     // The reason why the start failed is what counts; an ECU that refused it may well refuse this too.
-    static_cast<void>(context_.master.stopDaq());
+    const auto stopped = context_.master.stopDaq();
+    // When the user ended the start, that command was not even sent, yet a list may run by now.
+    if (!stopped.ok() && stopped.error().code == ErrorCode::closed) {
+        static_cast<void>(context_.master.stopDaqWithoutWaiting());
+    }
     removeDecoder();
     if (!writer_) return;
     const auto removed = writer_->discard();
