@@ -222,7 +222,12 @@ Result<void> Measurement::restartDaq() {
     if (!capabilities.ok()) return capabilities.error();
     auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());
     if (!fits.ok()) return fits;
-    return startLists(capabilities.value());
+    auto started = startLists(capabilities.value());
+    // An ECU that was only out of reach may still run the old lists and refuse others meanwhile.
+    if (!started.ok() && started.error().detail != Error::kNoDetail) {
+        static_cast<void>(context_.master.stopDaq());
+    }
+    return started;
 }
 
 void Measurement::changeState(SessionState state, const std::string& message) {

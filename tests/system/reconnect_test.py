@@ -158,6 +158,21 @@ class ReconnectTest(harness.SystemTest):
                          ["** reconnecting", "** measuring"] * 2)
         self.assertEqual(self.statistics(program)["reconnects"], 2)
 
+    def test_ecu_that_went_on_measuring(self):
+        relay = self.relay(self.start_sim("--fault", "error:FREE_DAQ:2:1:0x11"))
+        program = self.measure(relay, "--reconnect", "retry", reconnect={"attempts": 1000})
+        sim, begun = relay.back, len(relay.commands)
+        relay.hide()
+        program.wait_for_err("** reconnecting: ")
+        relay.back = sim
+        relay.waker.send(b"x")
+        program.wait_for_err(": DAQ: FREE_DAQ: ERR_DAQ_ACTIVE (0x11)\n")
+        program.wait_for_err("** measuring: reconnected after")
+        refused = relay.names().index("FREE_DAQ", begun)
+        self.assertEqual(relay.commands[refused + 1], STOP_ALL)
+        self.assertEqual(relay.names()[refused + 2], "CONNECT")
+        self.assertEqual(harness.stop(program)[0], 0, program.err)
+
     def test_ecu_that_comes_back_with_another_shape(self):
         relay = self.relay(self.start_sim())
         program = self.measure(relay, "--reconnect", "retry_forever")
