@@ -194,7 +194,8 @@ Result<void> Session::stopMeasurement() {
 MeasurementStats Session::statistics() const {
     if (!measurement_) return {};
     MeasurementStats stats = measurement_->statistics();
-    stats.overloads += overloadEvents_.load();
+    // An ECU that marks overloads in its DTOs means the same ones by its events.
+    if (!capabilities_ || !capabilities_->overloadInPid) stats.overloads += overloadEvents_.load();
     return stats;
 }
 
