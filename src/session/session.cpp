@@ -187,8 +187,9 @@ Result<void> Session::stopMeasurement() {
         if (!stopRequested_) master_->clearStop();
     }
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
-    if (!result.stopped.ok()) return std::move(result.stopped);
-    return std::move(result.recorded);
+    if (result.stopped.ok()) return std::move(result.recorded);
+    if (!result.recorded.ok()) spdlog::warn("{}", result.recorded.error().text());
+    return std::move(result.stopped);
 }
 
 MeasurementStats Session::statistics() const {
