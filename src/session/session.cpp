@@ -62,6 +62,7 @@ Session::~Session() {
 Result<void> Session::open() {
     auto connected = master_->connect();
     if (!connected.ok()) return connected;
+    capabilities_.reset();
     if (master_->connectInfo().offersDaq()) {
         auto capabilities = master_->daqCapabilities();
         if (capabilities.ok()) {
