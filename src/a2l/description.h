@@ -43,7 +43,7 @@ struct Measurement {
     std::uint8_t addressExtension = 0;
     DataType dataType = DataType::ubyte;
     std::optional<ByteOrder> byteOrder;
-    bool hasAddress = false;
+    bool hasAddress = false;  ///< also false for a VIRTUAL one at address 0
     bool readOnly = false;
     bool readWrite = false;
 };

@@ -204,6 +204,8 @@ Measurement readMeasurement(const Block& block, Keeper& keeper) {
     object.firstEvent = static_cast<std::uint32_t>(keeper.events.size());
     for (const Block& child : block.children()) {
         if (isXcpInterfaceData(child)) collectEvents(child, keeper.events);
+        // Computed by tools: an address of 0 is then no place in ECU memory.
+        if (child.keyword == "VIRTUAL" && object.ecuAddress == 0) object.hasAddress = false;
     }
     const std::size_t count = std::min<std::size_t>(keeper.events.size() - object.firstEvent,
                                                     std::numeric_limits<std::uint16_t>::max());

@@ -19,6 +19,8 @@ constexpr const char* kText = R"A2L(
   /begin IF_DATA XCP /begin DAQ_EVENT FIXED_EVENT_LIST EVENT 2 EVENT 7 /end DAQ_EVENT /end IF_DATA /end MEASUREMENT
 /begin MEASUREMENT plain "" A_INT64 NO_COMPU_METHOD 0 0 -1e30 1e30 ECU_ADDRESS 8 /end MEASUREMENT
 /begin MEASUREMENT adrift "" UBYTE NO_COMPU_METHOD 0 0 0 1 /end MEASUREMENT
+/begin MEASUREMENT power "" UBYTE NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0x0 /begin VIRTUAL plain /end VIRTUAL /end MEASUREMENT
+/begin MEASUREMENT zero "" UBYTE NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0x0 /end MEASUREMENT
 /begin MEASUREMENT field "" UBYTE NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 1 ARRAY_SIZE 4 /end MEASUREMENT
 /begin MEASUREMENT lost "" UBYTE GONE 0 0 0 1 ECU_ADDRESS 1 /end MEASUREMENT
 /begin MEASUREMENT noTab "" UBYTE NOTAB 0 0 0 1 ECU_ADDRESS 1 /end MEASUREMENT
@@ -95,6 +97,8 @@ TEST_F(Objects, RefusalsNameTheReason) {
     const std::map<std::string, std::string> rows = {
         {"SPEED", "'SPEED' is neither a MEASUREMENT nor a CHARACTERISTIC"},
         {"adrift", "adrift: measurement has no ECU_ADDRESS"},
+        {"power", "power: measurement has no ECU_ADDRESS"},
+        {"zero", "resolved"},
         {"field", "field: arrays are not supported yet"},
         {"lost", "lost: COMPU_METHOD 'GONE' not found"},
         {"noTab", "noTab: COMPU_TAB 'VT' not found"},
