@@ -125,14 +125,6 @@ class StoppingTest(harness.SystemTest):
         self.assertEqual(program.err, "measure: START_STOP_SYNCH: stopped\n")
         self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
 
-    def test_while_starting_leaves_no_list_running(self):
-        relay = self.relay(self.start_sim("--fault", "late:START_STOP_SYNCH:1:1:60000"))
-        program = self.measure(relay, config=self.quick_config(xcp={"timeoutsMs": [900] * 7}))
-        harness.wait_until(lambda: relay.count("START_STOP_SYNCH") == 1, "the start")
-        self.assertEqual(self.stop_in_time(program), 1)
-        self.assertEqual(program.err, "measure: START_STOP_SYNCH: stopped\n")
-        self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
-
     def test_get_ends_at_the_next_value(self):
         sim = self.start_sim("--fault", "late:SHORT_UPLOAD:5:0:60000")
         relay = self.relay(sim)
