@@ -169,7 +169,8 @@ Master::Verdict Master::judge(const std::uint8_t* data, std::size_t length, Rece
     if (wait_.taking == Taking::connect) return judgeConnect(data, length);
     if (repeatsConnect(data, length)) return Verdict::drop;
     if (data[0] == kPidResponse && length < wait_.minimumLength) return Verdict::setAside;
-    if (wait_.taking == Taking::once && owed_.answers > 0) return Verdict::setAside;
+    const bool owed = owed_.answers > 0 && Clock::now() <= owed_.answersUntil;
+    if (wait_.taking == Taking::once && owed) return Verdict::setAside;
     return Verdict::take;
 }
 

@@ -173,7 +173,7 @@ class Master final : public IPacketSink {
         any,      ///< any RES or ERR that can be the command's
         synch,    ///< ERR_CMD_SYNCH alone
         connect,  ///< CONNECT's, see the head of this file
-        once,     ///< any, but as many answers as are still owed for earlier commands are set aside first
+        once,     ///< any, but as many answers as may still be owed for earlier commands are set aside first
     };
     enum class Verdict : std::uint8_t { take, setAside, drop };
 

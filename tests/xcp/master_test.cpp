@@ -245,11 +245,27 @@ TEST_F(MasterTest, StopOncePassesOverTheAnswerOfTheInterruptedCommand) {
     slave.play("DD 00 > FF");
     EXPECT_TRUE(master.stopDaqOnce());
 
+    MasterOptions options;
+    options.t1 = 3'600'000;
+    ScriptedSlave other;
+    Master stuck(other, options);
+    other.play("FF 00 > @; FD; DD 00 > FF 00 00 00 00 00, FE 25");
+    ASSERT_TRUE(stuck.connect());
+    std::thread stopper([&] {
+        other.awaitSent(2);
+        stuck.requestStop();
+    });
+    EXPECT_FALSE(stuck.getStatus());  // owes its answer
+    stopper.join();
+    EXPECT_EQ(failure(stuck.stopDaqOnce()), "START_STOP_SYNCH: ERR_ACCESS_LOCKED (0x25)");
+    other.expectDone();
+
     master.clearStop();
     slave.play("FD; FC; FC; FC");
-    EXPECT_FALSE(master.getStatus());  // owes its answer
+    EXPECT_FALSE(master.getStatus());
     master.requestStop();
-    slave.play("DD 00 > FF 00 00 00 00 00, FE 25; DD 00; DD 00");
+    std::this_thread::sleep_for(std::chrono::milliseconds(2 * quick().t1));  // lost by now
+    slave.play("DD 00 > FE 25, FF; DD 00; DD 00");
     EXPECT_EQ(failure(master.stopDaqOnce()), "START_STOP_SYNCH: ERR_ACCESS_LOCKED (0x25)");
     EXPECT_EQ(failure(master.stopDaqOnce()), "START_STOP_SYNCH: no response from slave (t1)");
     EXPECT_TRUE(master.stopDaqWithoutWaiting());
