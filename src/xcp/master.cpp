@@ -345,9 +345,9 @@ Result<void> Master::acceptConnect(const Packet& response) {
         owed_.connectsUntil = Clock::now() + 2 * timeout(kT1);
         owed_.unlikeConnectDropped = false;
         owed_.surplus = false;
+        connected_ = !wait_.terminated;
     }
     shortUploadMissing_ = false;
-    connected_ = true;
     spdlog::info("XCP connected: MAX_CTO={} MAX_DTO={} AG={} {}", info.maxCto, info.maxDto,
                  info.granularity(), info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel");
     return {};
@@ -459,7 +459,11 @@ void Master::onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime 
 void Master::onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
     ++events_;
     const std::uint8_t code = length > 1 ? data[1] : kEvUser;
-    if (code == kEvSessionTerminated) connected_ = false;
+    if (code == kEvSessionTerminated) {
+        const std::lock_guard lock(responseMutex_);
+        connected_ = false;
+        wait_.terminated = wait_.response.has_value();
+    }
     if (code == kEvCmdPending) {
         const std::lock_guard lock(responseMutex_);
         ++pendingExtensions_;

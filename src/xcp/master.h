@@ -184,6 +184,7 @@ class Master final : public IPacketSink {
         std::int64_t sentNs = 0;
         std::uint64_t extensions = 0;  ///< pendingExtensions_ already granted
         bool active = false;
+        bool terminated = false;  ///< the slave ended the session after its response
         std::optional<Packet> response = {};
         std::optional<Packet> aside = {};
     };

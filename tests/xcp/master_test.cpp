@@ -307,6 +307,15 @@ TEST_F(MasterTest, HandsOnWhatIsNoAnswer) {
     EXPECT_EQ(statistics.unexpectedResponses, 2U);
 }
 
+TEST_F(MasterTest, ASessionMayEndRightBehindTheConnectAnswer) {
+    slave.play("FF 00 > FD 07, @");  // an earlier session's end
+    ASSERT_TRUE(master.connect());
+    EXPECT_TRUE(master.connected());
+    slave.play("FF 00 > @, FD 07");
+    ASSERT_TRUE(master.connect());
+    EXPECT_FALSE(master.connected());
+}
+
 TEST_F(MasterTest, RemovingTheDtoSinkWaitsForTheDeliveryInProgress) {
     struct Slow final : IDtoSink {
         void onDto(const std::uint8_t*, std::size_t, ReceiveTime) override {
