@@ -117,6 +117,7 @@ Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities&
             for (const xcp::OdtEntry& entry : odt.entries) {
                 largestEntry = std::max<std::uint32_t>(largestEntry, entry.size);
                 if (entry.size % capabilities.entryGranularity != 0) return differs("ODT entry granularity");
+                if (entry.size % connection.granularity() != 0) return differs("address granularity");
             }
         }
     }

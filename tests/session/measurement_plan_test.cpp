@@ -117,6 +117,7 @@ TEST_F(MeasurementPlanTest, AnEcuThatCameBackDifferentIsRefused) {
          "set of event channels"},
         {[](auto& c, auto&) { c.entryGranularity = 4; }, "ODT entry granularity"},
         {[](auto& c, auto&) { c.maxEntrySize = 2; }, "maximum ODT entry size"},
+        {[](auto&, auto& i) { i.commModeBasic = 0x04; }, "address granularity"},
         {[](auto&, auto& i) { i.maxDto = 7; }, "MAX_DTO"},
         {[](auto& c, auto& i) {
              c.maxEntrySize = 100;
