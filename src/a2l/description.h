@@ -31,8 +31,8 @@ struct Measurement {
     std::string_view longIdentifier;
     std::string_view conversion;  ///< name of a COMPU_METHOD or NO_COMPU_METHOD
     std::string_view displayIdentifier;
-    std::string_view format;    ///< overrides the method's when not empty
-    std::string_view physUnit;  ///< overrides the method's when not empty
+    std::string_view format;                   ///< overrides the method's when not empty
+    std::optional<std::string_view> physUnit;  ///< overrides the method's, also when empty
     double lowerLimit = 0;
     double upperLimit = 0;
     std::uint64_t bitMask = 0;  ///< 0: none
@@ -69,7 +69,7 @@ struct Characteristic {
     std::string_view conversion;
     std::string_view displayIdentifier;
     std::string_view format;
-    std::string_view physUnit;
+    std::optional<std::string_view> physUnit;
     double maxDiff = 0;
     double lowerLimit = 0;
     double upperLimit = 0;

@@ -32,7 +32,7 @@ ResolvedObject resolveCommon(const Description& description, const Source& sourc
     object.coding.bitMask = source.bitMask;
     object.conversion = std::move(conversion).value();
     if (!source.format.empty()) object.conversion.setFormat(std::string(source.format));
-    if (!source.physUnit.empty()) object.conversion.setUnit(std::string(source.physUnit));
+    if (source.physUnit) object.conversion.setUnit(std::string(*source.physUnit));
     object.lowerLimit = source.lowerLimit;
     object.upperLimit = source.upperLimit;
     return object;

@@ -31,7 +31,7 @@ constexpr const char* kText = R"A2L(
 /begin CHARACTERISTIC mode "" VALUE 0x2004 LB 0 VERB 0 20 /end CHARACTERISTIC
 /begin CHARACTERISTIC wide "" VALUE 0x2008 L64 0 NO_COMPU_METHOD 0 1e300 /end CHARACTERISTIC
 /begin CHARACTERISTIC step "" VALUE 0x2008 LB 0 STEPS 0 300 /end CHARACTERISTIC
-/begin CHARACTERISTIC oneWay "" VALUE 0x2008 LB 0 ONEWAY 0 300 /end CHARACTERISTIC
+/begin CHARACTERISTIC oneWay "" VALUE 0x2008 LB 0 ONEWAY 0 300 PHYS_UNIT "" /end CHARACTERISTIC
 /begin CHARACTERISTIC map "" MAP 0x3000 L 0 LIN 0 1 /end CHARACTERISTIC
 /begin CHARACTERISTIC ghost "" VALUE 0 L 0 LIN 0 1 /begin VIRTUAL_CHARACTERISTIC "X1" gain /end VIRTUAL_CHARACTERISTIC /end CHARACTERISTIC
 /begin CHARACTERISTIC bare "" VALUE 0x3000 LNONE 0 LIN 0 1 /end CHARACTERISTIC
@@ -86,6 +86,7 @@ TEST_F(Objects, CarryWhatTheirRecordsSay) {
     EXPECT_EQ(gain.coding.byteOrder, ByteOrder::bigEndian);
     EXPECT_EQ(gain.coding.dataType, DataType::float32);
     EXPECT_EQ(gain.conversion.unit() + gain.conversion.format(3), "Nm6.000");
+    EXPECT_EQ(resolve(description, "oneWay").conversion.unit(), "");
     EXPECT_FALSE(gain.writable);
     EXPECT_TRUE(resolve(description, "mode").writable);
     EXPECT_FALSE(resolve(description, "plain").writable);

@@ -38,7 +38,7 @@ std::string dumped(const Description& description, const Measurement& m) {
                        m.longIdentifier, dataTypeName(m.dataType), m.conversion, m.lowerLimit, m.upperLimit,
                        m.hasAddress ? fmt::format(" {:x}:{}", m.ecuAddress, m.addressExtension) : "",
                        orderName(m.byteOrder), m.elementCount, m.bitMask, m.displayIdentifier, m.format,
-                       m.physUnit, m.readOnly ? " ro" : "", m.readWrite ? " rw" : "",
+                       m.physUnit.value_or(""), m.readOnly ? " ro" : "", m.readWrite ? " rw" : "",
                        m.eventCount == 0 ? " no" : "", fmt::join(description.events(m), ","));
 }
 
