@@ -203,8 +203,14 @@ void Measurement::onRecord(const xcp::DaqRecord& record) {
     if (writer_) writer_->write(record.listIndex, record.timeNs(), record.data, record.size);
 }
 
+/// A stop reaches the master before the supervisor, which must not take the command it ended for a loss.
+void Measurement::passOnStop() {
+    if (context_.master.stopRequested()) supervisor_->requestStop();
+}
+
 Result<bool> Measurement::daqRunning() {
     const auto status = context_.master.getStatus();
+    passOnStop();
     if (!status.ok()) return status.error();
     return status.value().daqRunning();
 }
@@ -214,10 +220,18 @@ Result<void> Measurement::reconnect() {
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);
     const std::uint32_t attempts =
         std::min<std::uint32_t>(configured, std::numeric_limits<std::int32_t>::max());
-    return context_.master.connect(xcp::ConnectMode::normal, static_cast<std::int32_t>(attempts));
+    auto connected = context_.master.connect(xcp::ConnectMode::normal, static_cast<std::int32_t>(attempts));
+    passOnStop();
+    return connected;
 }
 
 Result<void> Measurement::restartDaq() {
+    auto restarted = configureAnew();
+    passOnStop();
+    return restarted;
+}
+
+Result<void> Measurement::configureAnew() {
     const auto capabilities = context_.master.daqCapabilities();
     if (!capabilities.ok()) return capabilities.error();
     auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());

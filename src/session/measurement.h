@@ -66,6 +66,8 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     Result<void> startLists(const xcp::DaqCapabilities& capabilities);
     void removeDecoder();
     void abandonStart();
+    Result<void> configureAnew();
+    void passOnStop();
 
     void onRecord(const xcp::DaqRecord& record) override;
 

@@ -402,6 +402,11 @@ void Master::clearStop() {
     stopRequested_ = false;
 }
 
+bool Master::stopRequested() const {
+    const std::lock_guard lock(responseMutex_);
+    return stopRequested_;
+}
+
 ConnectInfo Master::connectInfo() const {
     const std::lock_guard lock(responseMutex_);
     return connection_;

@@ -4,11 +4,11 @@
 //
 // Threads: every command may be called from any thread; whole operations (an upload with all its commands, a
 // DAQ configuration) are serialised. onPacket and onTransportEvent run on the transport's receive thread.
-// requestStop, clearStop, connected, connectInfo and statistics may be called from any thread at any time and
-// never wait for a command. Sinks and listeners run on the receive thread and must not call a command.
-// Lifetime: the transport is borrowed and must outlive the master, which is its sink from construction to
-// destruction and opens it at CONNECT; the destructor closes it. DTO sink and listener are borrowed until
-// replaced.
+// requestStop, clearStop, stopRequested, connected, connectInfo and statistics may be called from any thread
+// at any time and never wait for a command. Sinks and listeners run on the receive thread and must not call a
+// command. Lifetime: the transport is borrowed and must outlive the master, which is its sink from
+// construction to destruction and opens it at CONNECT; the destructor closes it. DTO sink and listener are
+// borrowed until replaced.
 //
 // Answers carry no command number. What keeps a late answer from being taken for another command's:
 // - An answer that was received before the command was sent is dropped.
@@ -150,6 +150,7 @@ class Master final : public IPacketSink {
     /// clearStop(). The ...Once and ...WithoutWaiting operations are not affected.
     void requestStop();
     void clearStop();
+    bool stopRequested() const;
 
     /// After a CONNECT until DISCONNECT or EV_SESSION_TERMINATED.
     bool connected() const { return connected_.load(); }

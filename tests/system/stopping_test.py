@@ -125,6 +125,17 @@ class StoppingTest(harness.SystemTest):
         self.assertEqual(program.err, "measure: START_STOP_SYNCH: stopped\n")
         self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
 
+    def test_while_the_ecu_is_asked_for_its_status(self):
+        for attempt in range(5):  # the stop reaches two threads
+            with self.subTest(attempt):
+                relay = self.relay(self.start_sim("--fault", "late:GET_STATUS:1:0:60000"))
+                config = self.quick_config(xcp={"timeoutsMs": [900] * 7}, reconnect={"heartbeatMs": 150})
+                program = self.start_cli(relay, "-c", config, "measure", "-s", "counter_100ms@2")
+                harness.wait_until(lambda: relay.count("GET_STATUS") == 1, "the question")
+                self.assertEqual(self.stop_in_time(program), 0, program.err)
+                self.assertNotIn("** ", program.err)
+                self.assertRegex(program.err, STATISTICS)
+
     def test_get_ends_at_the_next_value(self):
         sim = self.start_sim("--fault", "late:SHORT_UPLOAD:5:0:60000")
         relay = self.relay(sim)
