@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iostream>
+#include <sstream>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
+#include "cli/output.h"
 #include "core/text.h"
 
 namespace lm::cli {
@@ -118,7 +122,11 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        std::ostringstream text;
+        const int exitCode = app.exit(e, text, std::cerr);
+        Output output(STDOUT_FILENO);
+        output.append(text.str());
+        return output.finish(exitCode);
     }
     return options;
 }

@@ -236,6 +236,7 @@ class FullDiskTest(harness.SystemTest):
     def test_standard_output_is_full(self):
         sim = self.start_sim()
         rows = [
+            ["--help"],
             ["list"],
             ["info"],
             ["get", "gear", "cal_gain"],
