@@ -20,26 +20,14 @@ TEST(Platform, MapsWholeFilesAndTellsWhyNot) {
     ASSERT_TRUE(mapped.ok());
     MappedFile moved = std::move(mapped).value();
     EXPECT_EQ(moved.text(), "abc");
-
     std::ofstream(dir.path() / "empty");
-    const auto empty = MappedFile::open(dir.path() / "empty");
-    ASSERT_TRUE(empty.ok());
-    EXPECT_EQ(empty.value().size(), 0U);
+    EXPECT_EQ(MappedFile::open(dir.path() / "empty").value().size(), 0U);
 
     const auto missing = MappedFile::open(dir.path() / "missing");
-    ASSERT_FALSE(missing.ok());
-    EXPECT_EQ(missing.error().code, ErrorCode::notFound);
     EXPECT_EQ(missing.error().message, "cannot open " + (dir.path() / "missing").string());
     EXPECT_EQ(missing.error().sysErrno, ENOENT);
-
-    const auto notDirectory = MappedFile::open(path / "below");
-    ASSERT_FALSE(notDirectory.ok());
-    EXPECT_EQ(notDirectory.error().code, ErrorCode::ioError);
-    EXPECT_EQ(notDirectory.error().sysErrno, ENOTDIR);
-
-    const auto directory = MappedFile::open(dir.path());
-    ASSERT_FALSE(directory.ok());
-    EXPECT_EQ(directory.error().message, "cannot map " + dir.path().string());
+    EXPECT_EQ(MappedFile::open(path / "below").error().sysErrno, ENOTDIR);
+    EXPECT_EQ(MappedFile::open(dir.path()).error().message, "cannot map " + dir.path().string());
 }
 
 TEST(Platform, ConfigurationDirectoryFollowsTheEnvironment) {
