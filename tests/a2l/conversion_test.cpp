@@ -100,9 +100,10 @@ TEST(Conversion, BinarySearchAnswersLikeAScanInOrder) {
         const Conversion numeric(Conversion::NumericTable{false, pairs, {}}, "", "");
         const Pairs& sorted = std::get<Conversion::NumericTable>(numeric.kind()).pairs;
         const Conversion texts(verbal, "", "");
-        for (const double far : {1e17, -1e17, kInfinity, -kInfinity})
-            EXPECT_EQ(numeric.toPhysical(far), scanNearest(sorted, far)) << far;
-        for (double raw = -2; raw < 30; raw += 0.25) {
+        std::vector<double> raws = {1e17, -1e17, kInfinity, -kInfinity};
+        for (double raw = -2; raw < 30; raw += 0.25)
+            raws.push_back(raw);
+        for (const double raw : raws) {
             EXPECT_EQ(numeric.toPhysical(raw), scanNearest(sorted, raw)) << raw;
             std::optional<std::string_view> expected;
             for (const auto& range : verbal.ranges)
@@ -113,35 +114,26 @@ TEST(Conversion, BinarySearchAnswersLikeAScanInOrder) {
 }
 
 TEST(Conversion, VerbalTextsAndDisplay) {
-    const Conversion verbal(Conversion::VerbalTable{{{1, 3, "on"}, {3, 4, "off"}, {9, 9, "on"}}, ""}, "%5.1",
-                            "");
-    EXPECT_EQ(verbal.format(3), "on");
-    EXPECT_EQ(verbal.format(3.5), "off");
-    EXPECT_EQ(verbal.format(5), "5.0");
+    const Conversion verbal(Conversion::VerbalTable{{{1, 3, "on"}, {3, 4, "off"}}, ""}, "%5.1", "");
+    EXPECT_EQ(verbal.format(3) + verbal.format(3.5) + verbal.format(5), "onoff5.0");
     EXPECT_EQ(verbal.rawFromText("on").value(), 1);
     EXPECT_EQ(verbal.rawFromText("On").error().text(), "'On' is not a valid value");
     EXPECT_EQ(Conversion(Conversion::VerbalTable{{}, "?"}, "", "").format(kNan), "?");
     EXPECT_EQ(Conversion().rawFromText("on").error().text(), "conversion is not verbal");
-    EXPECT_EQ(Conversion().verbalText(1), std::nullopt);
 
-    struct Row {
+    const struct {
         const char* format;
         double value;
         std::string text;
-    };
-    // clang-format off
-    const Row rows[] = {
+    } kRows[] = {
+        // clang-format off
         {"%8.2", 3.14159, "3.14"}, {"%8.20", 3.14159, "3.14159"}, {"", 1234567, "1.23457e+06"},
         {"%3.", 2.6, "3"}, {"%.15f", 1, "1.000000000000000"}, {"%.99999999999", 0.5, "0.5"},
-        {"%.3", -kNan, "nan"}, {"%.1", -kInfinity, "-inf"},
-        {"%.0", 1e80, formatFixed(1e80, 0).substr(0, 63)}, {"%4.x", 2.4, "2"}
+        {"%.3", -kNan, "nan"}, {"%.0", 1e80, formatFixed(1e80, 0).substr(0, 63)}, {"%4.x", 2.4, "2"}
+        // clang-format on
     };
-    // clang-format on
-    Conversion conversion;
-    for (const Row& row : rows) {
-        conversion.setFormat(row.format);
-        EXPECT_EQ(conversion.format(row.value), row.text) << row.format;
-    }
+    for (const auto& row : kRows)
+        EXPECT_EQ(Conversion({}, row.format, "").format(row.value), row.text) << row.format;
 }
 
 }  // namespace

@@ -52,15 +52,9 @@ TEST(Formula, Values) {
         const Result<Formula> formula = Formula::compile(row.text, {});
         ASSERT_TRUE(formula.ok()) << formula.error().text();
         const double value = formula.value().evaluate(row.x);
-        if (std::isnan(row.expected)) {
-            EXPECT_TRUE(std::isnan(value)) << row.text;
-        } else {
-            EXPECT_DOUBLE_EQ(value, row.expected) << row.text << " at " << row.x;
-        }
+        if (std::isnan(row.expected) && std::isnan(value)) continue;
+        EXPECT_DOUBLE_EQ(value, row.expected) << row.text << " at " << row.x;
     }
-}
-
-TEST(Formula, NineVariables) {
     const double variables[] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
     const Formula formula = Formula::compile("X1+x2*10+X9*100+X5", {}).value();
     EXPECT_EQ(formula.evaluate(variables, 9), 926);
@@ -101,15 +95,11 @@ TEST(Formula, DepthIsBoundedAndLengthIsNot) {
 }
 
 TEST(Formula, SystemConstants) {
-    SystemConstants constants = {{"K", "2"},
-                                 {"SUM", "1+$(K)"},
-                                 {"LOOP", "sysc(LOOP)"},
-                                 {"TWICE", "$(TWICE)$(TWICE)$(TWICE)"},
-                                 {"BAD", "2 k"}};
+    SystemConstants constants = {
+        {"K", "2"}, {"SUM", "1+$(K)"}, {"TWICE", "$(TWICE)$(TWICE)$(TWICE)"}, {"BAD", "2 k"}};
     const Formula formula = Formula::compile("sysc(K)*X+$(SUM)*(X)", constants).value();
     EXPECT_EQ(formula.text(), "(2)*X+(1+(2))*(X)");
     EXPECT_EQ(formula.evaluate(10), 50);
-    EXPECT_EQ(errorOf("sysc(LOOP)", constants), "formula: system constants nested too deeply");
     EXPECT_EQ(errorOf("X*$(TWICE)", constants), "formula: system constants nested too deeply");
     EXPECT_EQ(errorOf("sysc(K", constants), "formula: unterminated system constant");
     EXPECT_EQ(errorOf("sysc(k)", constants), "formula: unknown system constant 'k'");

@@ -19,39 +19,29 @@ constexpr const char* kText = R"A2L(
   /begin IF_DATA XCP /begin DAQ_EVENT FIXED_EVENT_LIST EVENT 2 EVENT 7 /end DAQ_EVENT /end IF_DATA /end MEASUREMENT
 /begin MEASUREMENT plain "" A_INT64 NO_COMPU_METHOD 0 0 -1e30 1e30 ECU_ADDRESS 8 /end MEASUREMENT
 /begin MEASUREMENT adrift "" UBYTE NO_COMPU_METHOD 0 0 0 1 /end MEASUREMENT
-/begin MEASUREMENT power "" UBYTE NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0x0 /begin VIRTUAL plain /end VIRTUAL /end MEASUREMENT
 /begin MEASUREMENT zero "" UBYTE NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0x0 /end MEASUREMENT
-/begin MEASUREMENT field "" UBYTE NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 1 ARRAY_SIZE 4 /end MEASUREMENT
 /begin MEASUREMENT lost "" UBYTE GONE 0 0 0 1 ECU_ADDRESS 1 /end MEASUREMENT
 /begin MEASUREMENT noTab "" UBYTE NOTAB 0 0 0 1 ECU_ADDRESS 1 /end MEASUREMENT
-/begin MEASUREMENT noVerb "" UBYTE NOVERB 0 0 0 1 ECU_ADDRESS 1 /end MEASUREMENT
 /begin MEASUREMENT badForm "" UBYTE BADFORM 0 0 0 1 ECU_ADDRESS 1 /end MEASUREMENT
 /begin MEASUREMENT badTab "" UBYTE EMPTYTAB 0 0 0 1 ECU_ADDRESS 1 /end MEASUREMENT
 /begin CHARACTERISTIC gain "" VALUE 0x2000 L 0 FORMULA 0 100 READ_ONLY /end CHARACTERISTIC
 /begin CHARACTERISTIC mode "" VALUE 0x2004 LB 0 VERB 0 20 /end CHARACTERISTIC
 /begin CHARACTERISTIC wide "" VALUE 0x2008 L64 0 NO_COMPU_METHOD 0 1e300 /end CHARACTERISTIC
-/begin CHARACTERISTIC step "" VALUE 0x2008 LB 0 STEPS 0 300 /end CHARACTERISTIC
-/begin CHARACTERISTIC oneWay "" VALUE 0x2008 LB 0 ONEWAY 0 300 PHYS_UNIT "" /end CHARACTERISTIC
-/begin CHARACTERISTIC map "" MAP 0x3000 L 0 LIN 0 1 /end CHARACTERISTIC
-/begin CHARACTERISTIC ghost "" VALUE 0 L 0 LIN 0 1 /begin VIRTUAL_CHARACTERISTIC "X1" gain /end VIRTUAL_CHARACTERISTIC /end CHARACTERISTIC
-/begin CHARACTERISTIC bare "" VALUE 0x3000 LNONE 0 LIN 0 1 /end CHARACTERISTIC
+/begin CHARACTERISTIC step "" VALUE 0x2008 LB 0 STEPS 0 300 PHYS_UNIT "" /end CHARACTERISTIC
 /begin CHARACTERISTIC stray "" VALUE 0x3000 LGONE 0 LIN 0 1 /end CHARACTERISTIC
 /begin COMPU_METHOD LIN "" LINEAR "%6.3" "km/h" COEFFS_LINEAR 2 1 /end COMPU_METHOD
 /begin COMPU_METHOD FORMULA "" FORM "%6.3" "Nm" /begin FORMULA "sysc(K)*X" FORMULA_INV "X/sysc(K)" /end FORMULA /end COMPU_METHOD
-/begin COMPU_METHOD ONEWAY "" FORM "%6.3" "Nm" /begin FORMULA "X" /end FORMULA /end COMPU_METHOD
 /begin COMPU_METHOD BADFORM "" FORM "%6.3" "Nm" /begin FORMULA "X*" /end FORMULA /end COMPU_METHOD
 /begin COMPU_METHOD VERB "" TAB_VERB "%2.0" "" COMPU_TAB_REF VT /end COMPU_METHOD
-/begin COMPU_METHOD STEPS "" TAB_NOINTP "%2.0" "" COMPU_TAB_REF T /end COMPU_METHOD
+/begin COMPU_METHOD STEPS "" TAB_NOINTP "%2.0" "u" COMPU_TAB_REF T /end COMPU_METHOD
 /begin COMPU_METHOD EMPTYTAB "" TAB_INTP "%2.0" "" COMPU_TAB_REF T0 /end COMPU_METHOD
 /begin COMPU_METHOD NOTAB "" TAB_INTP "%2.0" "" COMPU_TAB_REF VT /end COMPU_METHOD
-/begin COMPU_METHOD NOVERB "" TAB_VERB "%2.0" "" COMPU_TAB_REF T /end COMPU_METHOD
 /begin COMPU_TAB T "" TAB_NOINTP 2 4 256 1 10 DEFAULT_VALUE_NUMERIC 99 /end COMPU_TAB
 /begin COMPU_TAB T0 "" TAB_NOINTP 0 /end COMPU_TAB
 /begin COMPU_VTAB_RANGE VT "" 3 0 0 "off" 5 9 "on" 30 40 "7" DEFAULT_VALUE "other" /end COMPU_VTAB_RANGE
 /begin RECORD_LAYOUT L FNC_VALUES 1 FLOAT32_IEEE COLUMN_DIR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LB FNC_VALUES 1 UBYTE COLUMN_DIR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT L64 FNC_VALUES 1 A_UINT64 COLUMN_DIR DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT LNONE /end RECORD_LAYOUT
 /end MODULE /end PROJECT)A2L";
 
 class Objects : public testing::Test {
@@ -70,45 +60,31 @@ class Objects : public testing::Test {
 
 TEST_F(Objects, CarryWhatTheirRecordsSay) {
     const ResolvedObject speed = resolve(description, "speed");
-    EXPECT_EQ(speed.name + "|" + speed.description + "|" + speed.displayName, "speed|vehicle speed|v");
-    EXPECT_EQ(speed.kind, ObjectKind::measurement);
+    EXPECT_EQ(speed.displayName, "v");
     EXPECT_EQ(speed.address, (xcp::Address{0x1000, 3}));
-    EXPECT_EQ(speed.coding.bitMask, 0xFF0U);
     EXPECT_EQ(speed.coding.byteOrder, ByteOrder::littleEndian);
-    EXPECT_EQ(speed.size(), 2U);
     EXPECT_EQ(speed.conversion.unit() + speed.conversion.format(3), "mph7.0");
-    EXPECT_TRUE(speed.writable);
     EXPECT_EQ(speed.events, (std::vector<std::uint16_t>{2, 7}));
-
     const ResolvedObject gain = resolve(description, "gain");
-    EXPECT_EQ(gain.kind, ObjectKind::characteristic);
-    EXPECT_EQ(gain.address, (xcp::Address{0x2000, 0}));
     EXPECT_EQ(gain.coding.byteOrder, ByteOrder::bigEndian);
-    EXPECT_EQ(gain.coding.dataType, DataType::float32);
     EXPECT_EQ(gain.conversion.unit() + gain.conversion.format(3), "Nm6.000");
-    EXPECT_EQ(resolve(description, "oneWay").conversion.unit(), "");
-    EXPECT_FALSE(gain.writable);
-    EXPECT_TRUE(resolve(description, "mode").writable);
-    EXPECT_FALSE(resolve(description, "plain").writable);
-    EXPECT_EQ(resolve(description, "mode").conversion.format(17), "other");
+    EXPECT_EQ(resolve(description, "step").conversion.unit(), "");
     EXPECT_EQ(resolve(description, "step").conversion.format(2), "99");
+    std::string writable;
+    for (const char* name : {"speed", "plain", "gain", "mode"})
+        writable += resolve(description, name).writable ? 'w' : 'r';
+    EXPECT_EQ(writable, "wrrw");
 }
 
 TEST_F(Objects, RefusalsNameTheReason) {
     const std::map<std::string, std::string> rows = {
         {"SPEED", "'SPEED' is neither a MEASUREMENT nor a CHARACTERISTIC"},
         {"adrift", "adrift: measurement has no ECU_ADDRESS"},
-        {"power", "power: measurement has no ECU_ADDRESS"},
         {"zero", "resolved"},
-        {"field", "field: arrays are not supported yet"},
         {"lost", "lost: COMPU_METHOD 'GONE' not found"},
         {"noTab", "noTab: COMPU_TAB 'VT' not found"},
-        {"noVerb", "noVerb: COMPU_VTAB 'T' not found"},
         {"badTab", "badTab: conversion table is empty"},
         {"badForm", "badForm: formula 'X*': unexpected end"},
-        {"map", "map: only scalar (VALUE) parameters are supported yet"},
-        {"ghost", "ghost: virtual characteristic has no ECU address"},
-        {"bare", "bare: RECORD_LAYOUT 'LNONE' without FNC_VALUES"},
         {"stray", "stray: RECORD_LAYOUT 'LGONE' without FNC_VALUES"}};
     for (const auto& [name, error] : rows)
         EXPECT_EQ(resolveError(name), error);
@@ -125,26 +101,14 @@ TEST_F(Objects, TypedTextsBecomeBytesOrSayWhyNot) {
     const Row rows[] = {
         {"gain", "3", 0x3FC00000}, {"gain", "0x10", 0x41000000},
         {"gain", "100.00000005", 0x42480000},
-        {"gain", "100.001", 0, "gain: 100.001 outside the limits [0, 100]"},
-        {"gain", "-0x1", 0, "gain: -1 outside the limits [0, 100]"},
         {"gain", "nan", 0, "gain: nan outside the limits [0, 100]"},
-        {"gain", "-inf", 0, "gain: value is not finite"}, {"gain", "1e999", 0, "gain: value is not finite"},
-        {"gain", "1,5", 0, "gain: '1,5' is not a number"}, {"gain", "", 0, "gain: '' is not a number"},
-        {"gain", "5 ", 0, "gain: '5 ' is not a number"}, {"gain", "0x", 0, "gain: '0x' is not a number"},
         {"gain", "0x1.8", 0, "gain: '0x1.8' is not a number"}, {"gain", "+-1", 0, "gain: '+-1' is not a number"},
         {"speed", "21", 0xA5A0}, {"mode", "on", 0x05},
         {"mode", "7", 0, "mode: 30 outside the limits [0, 20]"}, {"mode", "8", 0x08},
-        {"mode", "On", 0, "mode: 'On' is not a valid value"}, {"step", "10", 0x01}, {"step", "256", 0x04},
-        {"step", "11", 0, "step: value not contained in the conversion table"},
-        {"oneWay", "1", 0, "oneWay: FORM conversion without FORMULA_INV cannot be inverted"},
         {"wide", "009007199254740992", 0x0020000000000000},
         {"wide", "9007199254740993", 0, "wide: '9007199254740993' cannot be held exactly as a 64-bit float"},
-        {"wide", "18446744073709549568", 0xFFFFFFFFFFFFF800},
-        {"wide", "18446744073709551615", 0, "wide: '18446744073709551615' cannot be held exactly as a 64-bit float"},
         {"wide", "0xFfFfFfFfFfFfF800", 0xFFFFFFFFFFFFF800},
-        {"wide", "0xFFFFFFFFFFFFFFFF", 0, "wide: '0xFFFFFFFFFFFFFFFF' cannot be held exactly as a 64-bit float"},
         {"wide", "18446744073709551616", 0, "wide: raw value 18446744073709551616.000000 outside the range of A_UINT64"},
-        {"plain", "-9223372036854775808", 0x8000000000000000},
         {"plain", "-0x8000000000000000", 0x8000000000000000}
     };
     // clang-format on

@@ -1,6 +1,5 @@
 #include "a2l/raw_value.h"
 
-#include <array>
 #include <cmath>
 #include <limits>
 #include <string>
@@ -15,51 +14,50 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
-/// An integer field told bit by bit, without a shift of whole elements.
+/// An integer field told bit by bit: for each bit of the value its place in the bytes, -1 in a hole of the
+/// mask.
 struct ReferenceField {
-    RawCoding coding;
-    int lowest = 0;
-    int width = 0;
-
     explicit ReferenceField(const RawCoding& of) : coding(of) {
-        const int bits = static_cast<int>(8 * coding.size());
-        for (int i = bits - 1; i >= 0; --i)
-            if (inMask(i)) lowest = i;
-        for (int i = 0; i < bits; ++i)
-            if (inMask(i)) width = i - lowest + 1;
-    }
-    bool inMask(int bit) const { return coding.bitMask == 0 || (coding.bitMask >> bit & 1U) != 0; }
-    bool bitOf(const Bytes& bytes, int bit) const { return (bytes[byteOf(bit)] >> (bit % 8) & 1) != 0; }
-    std::size_t byteOf(int bit) const {
-        const auto index = static_cast<std::size_t>(bit) / 8;
-        return coding.byteOrder == ByteOrder::bigEndian ? coding.size() - 1 - index : index;
+        const int size = static_cast<int>(coding.size());
+        for (int bit = 0; bit < 8 * size; ++bit) {
+            const bool inMask = coding.bitMask == 0 || (coding.bitMask >> bit & 1U) != 0;
+            const int place = coding.byteOrder == ByteOrder::bigEndian ? bit ^ (8 * size - 8) : bit;
+            if (inMask || !places.empty()) places.push_back(inMask ? place : -1);
+            if (inMask) width = places.size();
+        }
     }
     double decode(const Bytes& bytes) const {
         long double value = 0;
-        for (int i = 0; i < width; ++i) {
-            if (!inMask(lowest + i) || !bitOf(bytes, lowest + i)) continue;
-            const bool sign = isSigned(coding.dataType) && i == width - 1;
-            value += std::ldexp(sign ? -1.0L : 1.0L, i);
+        for (std::size_t i = 0; i < width; ++i) {
+            if (places[i] < 0 || (bytes[byteOf(i)] >> places[i] % 8 & 1) == 0) continue;
+            value +=
+                std::ldexp(isSigned(coding.dataType) && i == width - 1 ? -1.0L : 1.0L, static_cast<int>(i));
         }
         return static_cast<double>(value);
     }
     Bytes encode(double value, Bytes bytes) const {
         const auto magnitude = static_cast<std::uint64_t>(std::fabs(value));
         const std::uint64_t number = value < 0 ? ~magnitude + 1 : magnitude;
-        for (int i = 0; i < width; ++i) {
-            if (!inMask(lowest + i)) continue;
-            std::uint8_t& byte = bytes[byteOf(lowest + i)];
-            const auto bit = static_cast<std::uint8_t>(1U << ((lowest + i) % 8));
+        for (std::size_t i = 0; i < width; ++i) {
+            if (places[i] < 0) continue;
+            std::uint8_t& byte = bytes[byteOf(i)];
+            const auto bit = static_cast<std::uint8_t>(1U << places[i] % 8);
             byte = static_cast<std::uint8_t>((number >> i & 1U) != 0 ? byte | bit : byte & ~bit);
         }
         return bytes;
     }
+    std::size_t byteOf(std::size_t i) const { return static_cast<std::size_t>(places[i]) / 8; }
+
+    RawCoding coding;
+    std::vector<int> places;
+    std::size_t width = 0;
 };
 
 /// Both ends of a field of `width` bits, in steps that a double can make there.
 void checkEncoding(const ReferenceField& field, const Bytes& old) {
-    const bool negative = isSigned(field.coding.dataType) && field.width > 0;
-    const double top = std::ldexp(1.0, negative ? field.width - 1 : field.width);
+    const int width = static_cast<int>(field.width);
+    const bool negative = isSigned(field.coding.dataType) && width > 0;
+    const double top = std::ldexp(1.0, negative ? width - 1 : width);
     const double bottom = negative ? -top : 0;
     const double highest = top <= 0x1p53 ? top - 1 : std::nextafter(top, 0);
     const double tooLow = bottom >= -0x1p52 ? bottom - 1 : std::nextafter(bottom, -kInfinity);
@@ -76,39 +74,25 @@ void checkEncoding(const ReferenceField& field, const Bytes& old) {
 }
 
 TEST(RawValue, IntegersOfAllTypesOrdersAndMasksAgreeWithABitwiseReference) {
-    const std::uint64_t masks[] = {0,
-                                   0x01,
-                                   0x80,
-                                   0xF0,
-                                   0xFF,
-                                   0x3C0,
-                                   0x5A,
-                                   0x8000,
-                                   0x7FFE,
-                                   0xFFFF,
-                                   0x00FFFF00,
-                                   0x80000000,
-                                   0xFFFFFFFF,
-                                   0x1FF0,
-                                   0x3FFFFFFFFC0000,
-                                   ~std::uint64_t{0},
-                                   std::uint64_t{1} << 63};
-    const std::array<std::uint8_t, 8> patterns[] = {{},
-                                                    {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
-                                                    {0x80, 0x01, 0x7F, 0xFE, 0x80, 0x01, 0x00, 0x80},
-                                                    {0xAB, 0xCD, 0x12, 0x34, 0x56, 0x78, 0x9A, 0xF1}};
+    const Bytes patterns[] = {Bytes(8),
+                              Bytes(8, 0xFF),
+                              {0x80, 0x01, 0x7F, 0xFE, 0x80, 0x01, 0x00, 0x80},
+                              {0xAB, 0xCD, 0x12, 0x34, 0x56, 0x78, 0x9A, 0xF1}};
+    const auto check = [&patterns](const RawCoding& coding) {
+        SCOPED_TRACE(std::string(dataTypeName(coding.dataType)) + " mask " + std::to_string(coding.bitMask) +
+                     (coding.byteOrder == ByteOrder::bigEndian ? " big-endian" : ""));
+        const ReferenceField field(coding);
+        for (const Bytes& pattern : patterns) {
+            const Bytes bytes(pattern.begin(), pattern.begin() + static_cast<long>(coding.size()));
+            EXPECT_EQ(decodeRaw(bytes.data(), coding), field.decode(bytes));
+            checkEncoding(field, bytes);
+        }
+    };
     for (int type = 0; type <= static_cast<int>(DataType::int64); ++type) {
         for (const ByteOrder order : {ByteOrder::littleEndian, ByteOrder::bigEndian}) {
-            for (const std::uint64_t mask : masks) {
-                const RawCoding coding{static_cast<DataType>(type), order, mask};
-                SCOPED_TRACE(std::string(dataTypeName(coding.dataType)) + " mask " + std::to_string(mask) +
-                             (order == ByteOrder::bigEndian ? " big-endian" : ""));
-                const ReferenceField field(coding);
-                for (const auto& pattern : patterns) {
-                    const Bytes bytes(pattern.begin(), pattern.begin() + static_cast<long>(coding.size()));
-                    EXPECT_EQ(decodeRaw(bytes.data(), coding), field.decode(bytes));
-                    checkEncoding(field, bytes);
-                }
+            for (const std::uint64_t bits : {0x0ULL, 0x1ULL, 0xFULL, 0x5AULL, 0xFFFFULL, ~0ULL}) {
+                for (int shift = 0; shift < 64; shift += 3)
+                    check({static_cast<DataType>(type), order, bits << shift});
             }
         }
     }
@@ -129,22 +113,15 @@ TEST(RawValue, BytesAndRefusalsAsTheyAreTold) {
         {255.4, {DataType::ubyte, kLittle, 0}, {0}, {0xFF}},
         {255.5, {DataType::ubyte, kLittle, 0}, {7}, {7}, "raw value 256.000000 outside the range of UBYTE"},
         {-0.5, {DataType::sbyte, kLittle, 0}, {7}, {0xFF}},
-        {-1, {DataType::sword, kBig, 0}, {0, 0}, {0xFF, 0xFF}},
-        {0xABCD, {DataType::uword, kLittle, 0}, {0, 0, 9}, {0xCD, 0xAB, 9}},
-        {5, {DataType::ubyte, kLittle, 0xF0}, {0xAB}, {0x5B}},
-        {16, {DataType::ubyte, kLittle, 0xF0}, {0xAB}, {0xAB}, "raw value 16.000000 outside the range of UBYTE"},
         {0x1p64, {DataType::uint64, kLittle, 0}, Bytes(8), Bytes(8), "raw value 18446744073709551616.000000 outside the range of A_UINT64"},
-        {0x1p63, {DataType::int64, kLittle, 0}, Bytes(8), Bytes(8), "raw value 9223372036854775808.000000 outside the range of A_INT64"},
         {-kInfinity, {DataType::ulong, kLittle, 0}, Bytes(4), Bytes(4), "raw value -inf outside the range of ULONG"},
         {kNan, {DataType::slong, kLittle, 0}, Bytes(4), Bytes(4), "value is not a number"},
         {1, {DataType::float64, kLittle, 0}, Bytes(7), Bytes(7), "buffer too small"},
         {1.5, {DataType::float32, kBig, 0xFF}, Bytes(4), {0x3F, 0xC0, 0, 0}},
         {kNan, {DataType::float32, kBig, 0}, Bytes(4), {0x7F, 0xC0, 0, 0}},
         {1e300, {DataType::float32, kLittle, 0}, Bytes(4), {0, 0, 0x80, 0x7F}},
-        {-2, {DataType::float64, kLittle, 0}, Bytes(8), {0, 0, 0, 0, 0, 0, 0, 0xC0}},
         {65519.99, {DataType::float16, kBig, 0}, Bytes(2), {0x7B, 0xFF}},
-        {65520, {DataType::float16, kBig, 0}, Bytes(2), {0x7C, 0}},
-        {-1e300, {DataType::float16, kLittle, 0}, Bytes(2), {0, 0xFC}}
+        {65520, {DataType::float16, kBig, 0}, Bytes(2), {0x7C, 0}}
     };
     // clang-format on
     for (const Row& row : rows) {
