@@ -33,18 +33,6 @@ Packets measuring(const SimBench& bench, std::uint8_t event, const std::string& 
             "DD 01"};
 }
 
-TEST(Ecu, CatchesUpEverySampleWithNominalTimes) {
-    SimBench bench;
-    bench.drive(measuring(bench, kEvent1ms, "counter_1ms"));
-    const Packets packets = bench.pass(3000);
-    ASSERT_EQ(packets.size(), 6000U);
-    for (std::uint32_t n = 1; n <= 3000; ++n) {
-        const std::vector<std::uint8_t> dto = bytesOf(packets[2 * (n - 1)]);
-        ASSERT_EQ(readLittle<std::uint32_t>(&dto[2]), n * 1000U);
-        ASSERT_EQ(readLittle<std::uint32_t>(&dto[6]), n);
-    }
-}
-
 TEST(Ecu, KeepsTheOrderOfEventsAndTheGapsOfTheNonCyclicOne) {
     SimBench bench;
     bench.drive(measuring(bench, kEventAsync, "tooth_gap", 3));
@@ -66,22 +54,6 @@ TEST(Ecu, KeepsTheOrderOfEventsAndTheGapsOfTheNonCyclicOne) {
     }
     EXPECT_EQ(at, packets.size());
     EXPECT_GT(at, 0U);
-}
-
-TEST(Ecu, MeasurementsReactToParametersAndSomeParametersDoNot) {
-    SimBench bench;
-    bench.drive(measuring(bench, kEvent10ms, "engine_speed"));
-    EXPECT_EQ(bench.pass(10)[1], "01 00 88 0C");  // 3200 + 8
-    bench.drive({"F6 00 00 00 02 00 01 00", "F0 02 A0 0F"});
-    EXPECT_EQ(bench.pass(10)[1], "01 00 B0 0F");  // 4000 + 16
-    bench.drive({"F6 00 00 00 00 00 01 00", "F0 01 00"});
-    EXPECT_EQ(bench.pass(10)[1], "01 00 00 00");  // injectors off
-
-    const std::uint32_t stubborn = bench.ecu.catalog().find("cal_stubborn")->address;
-    std::array<std::uint8_t, 4> address{};
-    writeLittle(address.data(), stubborn - 1);
-    bench.drive({"F6 00 00 00 " + hexOf(address), "F0 04 11 22 33 44"});
-    EXPECT_EQ(bench.send("F4 04 00 00 " + hexOf(address)), Packets{"FF 11 67 12 44"});
 }
 
 TEST(Ecu, RunsItsOwnClock) {

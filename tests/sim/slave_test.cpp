@@ -55,34 +55,6 @@ TEST(Slave, AnswersInIntelOrder) {
                 });
 }
 
-TEST(Slave, AnswersInMotorolaOrderWithWiderElements) {
-    Options words;
-    words.order = ByteOrder::bigEndian;
-    words.granularity = 2;
-    SimBench two(words);
-    play(two, {
-                  {"FF 00", "FF 05 83 F8 05 78 01 01"},
-                  {"F4 01 00 00 00 01 00 02", "FF 00 0C 80"},
-                  {"F4 01 00 00 00 01 00 03", "FE 22"},  // no whole element
-                  {"F6 00 00 00 00 01 00 02", "FF"},
-                  {"F0 01 12 34", "FF"},
-                  {"F4 03 00 00 00 01 00 02", "FF 00 12 34 3F 80 00 00"},
-                  {"D9", "FF 02 F8 02 00 34 00 01"},
-              });
-    Options dwords;
-    dwords.granularity = 4;
-    dwords.maxCto = 8;
-    SimBench four(dwords);
-    play(four, {
-                   {"FF 00", "FF 05 84 08 78 05 01 01"},
-                   {"F4 01 00 00 04 00 01 00", "FF 00 00 00 00 00 80 3F"},
-                   {"F4 02 00 00 04 00 01 00", "FE 22"},
-                   {"F6 00 00 00 04 00 01 00", "FF"},
-                   {"F0 01 00 00 AA BB CC DD", "FF"},
-                   {"F4 01 00 00 04 00 01 00", "FF 00 00 00 AA BB CC DD"},
-               });
-}
-
 TEST(Slave, LeavesOutWhatItIsToldTo) {
     Options options;
     options.without = {kShortUpload, kGetDaqResolutionInfo, kGetCommModeInfo};
@@ -150,62 +122,6 @@ TEST(Slave, RefusesDaqCommandsOutOfOrderOrRange) {
                     {"DD 00", "FF"},
                     {"FD", "FF 00 00 00 00 00"},
                 });
-}
-
-struct DtoRow {
-    std::uint8_t identification;
-    std::uint8_t timestampSize;
-    std::uint8_t minDaq;
-    std::uint8_t firstPid;
-    ByteOrder order;
-    const char* first;   ///< counter_1ms and sig_float32_msb after 1 ms
-    const char* second;  ///< counter_1ms again
-};
-
-TEST(Slave, SendsDtosInEveryForm) {
-    const auto little = ByteOrder::littleEndian;
-    const auto big = ByteOrder::bigEndian;
-    const std::vector<DtoRow> rows{
-        {0, 4, 0, 0, little, "01 E8 03 00 00 01 00 00 00", "02 01 00 00 00"},
-        {0, 0, 0, 9, little, "0A 01 00 00 00", "0B 01 00 00 00"},
-        {1, 1, 2, 0, little, "00 03 01 01 00 00 00", "01 03 01 00 00 00"},
-        {2, 2, 2, 0, big, "00 03 00 0A 00 00 00 00 01", "01 03 00 00 00 00 01"},
-        {3, 4, 1, 0, big, "00 00 02 00 E8 03 00 00 00 00 00 01", "01 00 02 00 00 00 00 01"},
-    };
-    for (const DtoRow& row : rows) {
-        Options options;
-        options.identification = row.identification;
-        options.timestampSize = row.timestampSize;
-        options.minDaq = row.minDaq;
-        options.firstPid = row.firstPid;
-        options.order = row.order;
-        SimBench bench(options);
-        const auto word = [&](unsigned value) {
-            return row.order == big ? fmt::format("00 {:02X}", value) : fmt::format("{:02X} 00", value);
-        };
-        const std::string counter = row.order == big ? "00 01 20 00" : "00 20 01 00";
-        const std::string list0 = word(row.minDaq);
-        const std::string list1 = word(row.minDaq + 1U);
-        const std::string mode = row.timestampSize == 0 ? "00" : "10";
-        // List 0 waits for the event of 10 ms, so that only list 1 is heard.
-        Packets commands{"FF 00", "D6", "D5 00 " + word(2), "D4 00 " + list0 + " 01",
-                         "D4 00 " + list1 + " 02"};
-        for (const std::string& odt : {list0 + " 00", list1 + " 00", list1 + " 01"}) {
-            commands.push_back("D3 00 " + odt + " 01");
-        }
-        for (const std::string& odt : {list0 + " 00", list1 + " 00", list1 + " 01"}) {
-            commands.push_back("E2 00 " + odt + " 00");
-            commands.push_back("E1 FF 04 00 " + counter);
-        }
-        commands.push_back("E0 " + mode + " " + list0 + " " + word(1) + " 01 00");
-        commands.push_back("E0 " + mode + " " + list1 + " " + word(0) + " 01 00");
-        commands.push_back("DE 02 " + list0);
-        bench.drive(commands);
-        const int firstPid = row.identification == 0 ? row.firstPid + 1 : 0;
-        EXPECT_EQ(bench.send("DE 02 " + list1), Packets{fmt::format("FF {:02X}", firstPid)});
-        bench.drive({"DD 01"});
-        EXPECT_EQ(bench.pass(1), (Packets{row.first, row.second})) << int{row.identification};
-    }
 }
 
 }  // namespace
