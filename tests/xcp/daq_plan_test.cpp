@@ -3,15 +3,13 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <spdlog/fmt/fmt.h>
 
 namespace lm::xcp {
 namespace {
 
 DaqCapabilities slave() {
-    DaqCapabilities capabilities;
-    capabilities.dynamicConfiguration = true;
-    capabilities.maxEventChannel = 10;
-    return capabilities;
+    return {.dynamicConfiguration = true, .maxEventChannel = 10};
 }
 
 DaqSignal signal(std::uint32_t address, std::uint32_t size, std::uint16_t event = 0,
@@ -19,20 +17,23 @@ DaqSignal signal(std::uint32_t address, std::uint32_t size, std::uint16_t event 
     return {{address, 0}, size, event, prescaler};
 }
 
-/// "event/prescaler: pid@offset[addr+size,...] ..." for each list.
-std::string layout(const DaqPlan& plan) {
+/// The lists as "event/prescaler: pid@offset[address+size@offset ...] ... =size;", then the signals' places.
+std::string layout(const Result<DaqPlan>& plan) {
+    if (!plan) return plan.error().message;
     std::string text;
-    for (const DaqList& list : plan.lists) {
-        text += std::to_string(list.eventChannel) + "/" + std::to_string(list.prescaler) + ":";
+    for (const DaqList& list : plan.value().lists) {
+        text += fmt::format("{}/{}:", list.eventChannel, list.prescaler);
         for (const Odt& odt : list.odts) {
-            text += " " + std::to_string(odt.pid) + "@" + std::to_string(odt.recordOffset) + "[";
+            text += fmt::format(" {}@{}[", odt.pid, odt.recordOffset);
             for (const OdtEntry& entry : odt.entries) {
-                text += std::to_string(entry.address.address) + "+" + std::to_string(entry.size) + "@" +
-                        std::to_string(entry.offset) + " ";
+                text += fmt::format("{}+{}@{} ", entry.address.address, entry.size, entry.offset);
             }
             text += "]";
         }
-        text += " =" + std::to_string(list.recordSize) + ";";
+        text += fmt::format(" ={}{}; ", list.recordSize, list.timestamp ? " stamped" : "");
+    }
+    for (const SignalPlace& place : plan.value().signals) {
+        text += fmt::format("{}@{} ", place.list, place.offset);
     }
     return text;
 }
@@ -40,16 +41,18 @@ std::string layout(const DaqPlan& plan) {
 TEST(DaqPlan, PacksLargestFirstIntoTheFirstRoomAndTellsWhereSignalsLie) {
     const DaqSignal signals[] = {signal(1, 1, 2, 3), signal(2, 4, 2), signal(3, 2, 1, 0),
                                  signal(4, 4, 2),    signal(2, 4, 2), signal(2, 2, 2)};
-    const auto plan = planDaq(signals, slave(), {.maxDto = 8});
-    ASSERT_TRUE(plan);
-    EXPECT_EQ(layout(plan.value()),
-              "1/1: 0@0[3+2@0 ] =2;"
-              "2/3: 1@0[2+4@0 2+2@4 1+1@6 ] 2@7[4+4@0 ] =11;");
-    const std::pair<std::size_t, std::size_t> places[] = {{1, 6}, {1, 0}, {0, 0}, {1, 7}, {1, 0}, {1, 4}};
-    for (std::size_t i = 0; i < std::size(places); ++i) {
-        EXPECT_EQ(plan.value().signals[i].list, places[i].first) << i;
-        EXPECT_EQ(plan.value().signals[i].offset, places[i].second) << i;
+    EXPECT_EQ(layout(planDaq(signals, slave(), {.maxDto = 8})),
+              "1/1: 0@0[3+2@0 ] =2; "
+              "2/3: 1@0[2+4@0 2+2@4 1+1@6 ] 2@7[4+4@0 ] =11; "
+              "1@6 1@0 0@0 1@7 1@0 1@4 ");
+    std::vector<DaqSignal> bytes;
+    for (std::uint32_t i = 0; i < 300; ++i) {
+        bytes.push_back(signal(i, 1));
     }
+    const DaqPlan most = planDaq(bytes, slave(), {.maxDto = 1000}).value();
+    ASSERT_EQ(most.lists[0].odts.size(), 2U);
+    EXPECT_EQ(most.lists[0].odts[0].entries.size(), 255U);
+    EXPECT_EQ(most.signals[299].offset, 299U);
 }
 
 TEST(DaqPlan, TimestampShortensTheFirstOdtAlone) {
@@ -58,17 +61,13 @@ TEST(DaqPlan, TimestampShortensTheFirstOdtAlone) {
     capabilities.timestampSize = 2;
     capabilities.timestampSupported = true;
     const DaqSignal signals[] = {signal(1, 6), signal(2, 4), signal(3, 6, 5), signal(4, 1, 5)};
-    const auto plan = planDaq(signals, capabilities, {.maxDto = 8});
-    ASSERT_TRUE(plan);
-    EXPECT_EQ(layout(plan.value()),
-              "0/1: 0@0[2+4@0 ] 1@4[1+6@0 ] =10;"
-              "5/1: 0@0[4+1@0 ] 1@1[3+6@0 ] =7;");
-    EXPECT_TRUE(plan.value().lists[0].timestamp);
-
-    capabilities.timestampSupported = false;
-    EXPECT_EQ(planDaq(signals, capabilities, {.maxDto = 8}).value().timestampSize, 0);
+    EXPECT_EQ(layout(planDaq(signals, capabilities, {.maxDto = 8})),
+              "0/1: 0@0[2+4@0 ] 1@4[1+6@0 ] =10 stamped; "
+              "5/1: 0@0[4+1@0 ] 1@1[3+6@0 ] =7 stamped; "
+              "0@4 0@0 1@1 1@0 ");
+    EXPECT_EQ(planDaq(signals, capabilities, {.useTimestamps = false}).value().timestampSize, 0);
     capabilities.timestampFixed = true;
-    EXPECT_EQ(planDaq(signals, capabilities, {.maxDto = 8, .useTimestamps = false}).value().timestampSize, 2);
+    EXPECT_EQ(planDaq(signals, capabilities, {.useTimestamps = false}).value().timestampSize, 2);
 }
 
 TEST(DaqPlan, RefusesWhatDoesNotFit) {
@@ -76,82 +75,55 @@ TEST(DaqPlan, RefusesWhatDoesNotFit) {
     stamped.identification = DaqIdentification::relativeByte;
     stamped.timestampSize = 2;
     stamped.timestampFixed = true;
-    DaqCapabilities isStatic = slave();
-    isStatic.dynamicConfiguration = false;
     DaqCapabilities coarse = slave();
     coarse.entryGranularity = 2;
     coarse.maxEntrySize = 4;
     DaqCapabilities listed = slave();
     listed.events = {{.number = 0}, {.number = 3}};
-
+    DaqCapabilities overload = slave();
+    overload.overloadInPid = true;
+    DaqCapabilities relative = slave();
+    relative.identification = DaqIdentification::relativeWord;
     const struct {
         DaqCapabilities capabilities;
-        DaqPlanOptions options;
+        std::uint16_t maxDto;
+        std::uint8_t granularity;
         DaqSignal signal;
         const char* message;
+        std::uint32_t count = 1;  ///< of such signals, by turns at its event channel and the next
     } rows[] = {
-        {isStatic, {}, signal(0, 1), "static DAQ configuration is not supported"},
-        {stamped, {.maxDto = 4}, signal(0, 1), "MAX_DTO too small for identification field and timestamp"},
-        {stamped, {.maxDto = 5}, signal(0, 1), ""},
-        {stamped,
-         {.maxDto = 8},
-         signal(0, 5, 4),
+        {{}, 8, 1, signal(0, 1), "static DAQ configuration is not supported"},
+        {stamped, 4, 1, signal(0, 1), "MAX_DTO too small for identification field and timestamp"},
+        {stamped, 5, 1, signal(0, 1), ""},
+        {stamped, 8, 1, signal(0, 5, 4),
          "first ODT of event 4 is empty (signals too large next to the timestamp)"},
-        {slave(), {.maxDto = 8}, signal(0, 0), "signal of 0 bytes does not fit into an ODT entry (max 7)"},
-        {slave(), {.maxDto = 8}, signal(0, 8), "signal of 8 bytes does not fit into an ODT entry (max 7)"},
-        {slave(),
-         {.maxDto = 999},
-         signal(0, 256),
-         "signal of 256 bytes does not fit into an ODT entry (max 998)"},
-        {slave(), {.maxDto = 999, .addressGranularity = 4}, signal(0, 256), ""},
-        {slave(),
-         {.maxDto = 8, .addressGranularity = 2},
-         signal(0, 3),
-         "signal of 3 bytes does not fit into an ODT entry (max 7)"},
-        {coarse, {}, signal(0, 3), "signal of 3 bytes does not fit into an ODT entry (max 4)"},
-        {coarse, {}, signal(0, 6), "signal of 6 bytes does not fit into an ODT entry (max 4)"},
-        {slave(), {}, signal(0, 1, 10), "event channel 10 does not exist"},
-        {listed, {}, signal(0, 1, 1), "event channel 1 does not exist"},
-        {listed, {}, signal(0, 1, 3), ""},
+        {slave(), 8, 1, signal(0, 0), "signal of 0 bytes does not fit into an ODT entry (max 7)"},
+        {slave(), 8, 1, signal(0, 8), "signal of 8 bytes does not fit into an ODT entry (max 7)"},
+        {slave(), 999, 1, signal(0, 256), "signal of 256 bytes does not fit into an ODT entry (max 998)"},
+        {slave(), 999, 4, signal(0, 256), ""},
+        {slave(), 8, 2, signal(0, 3), "signal of 3 bytes does not fit into an ODT entry (max 7)"},
+        {coarse, 8, 1, signal(0, 3), "signal of 3 bytes does not fit into an ODT entry (max 4)"},
+        {coarse, 8, 1, signal(0, 6), "signal of 6 bytes does not fit into an ODT entry (max 4)"},
+        {slave(), 8, 1, signal(0, 1, 10), "event channel 10 does not exist"},
+        {listed, 8, 1, signal(0, 1, 1), "event channel 1 does not exist"},
+        {listed, 8, 1, signal(0, 1, 3), ""},
+        {slave(), 8, 1, signal(0, 4), "", 252},
+        {slave(), 8, 1, signal(0, 4), "253 ODTs exceed the 252 available PIDs", 253},
+        {overload, 8, 1, signal(0, 4), "", 124},
+        {overload, 8, 1, signal(0, 4), "125 ODTs exceed the 124 available PIDs", 125},
+        {relative, 8, 1, signal(0, 4), "", 504},
+        {relative, 8, 1, signal(0, 4), "253 ODTs exceed the 252 available PIDs", 505},
     };
     for (const auto& row : rows) {
-        const auto plan = planDaq({&row.signal, 1}, row.capabilities, row.options);
-        EXPECT_EQ(plan ? "" : plan.error().message, row.message);
-    }
-}
-
-TEST(DaqPlan, KeepsWithinThePidsAndTheEntriesOfAnOdt) {
-    const struct {
-        DaqIdentification identification;
-        bool overload;
-        std::uint32_t odts;
-        const char* message;
-    } rows[] = {{DaqIdentification::absoluteOdt, false, 252, ""},
-                {DaqIdentification::absoluteOdt, false, 253, "253 ODTs exceed the 252 available PIDs"},
-                {DaqIdentification::absoluteOdt, true, 124, ""},
-                {DaqIdentification::absoluteOdt, true, 125, "125 ODTs exceed the 124 available PIDs"},
-                {DaqIdentification::relativeWord, false, 253, ""},
-                {DaqIdentification::relativeByte, true, 250, "125 ODTs exceed the 124 available PIDs"}};
-    for (const auto& row : rows) {
-        DaqCapabilities capabilities = slave();
-        capabilities.identification = row.identification;
-        capabilities.overloadInPid = row.overload;
-        std::vector<DaqSignal> signals;
-        for (std::uint32_t i = 0; i < row.odts; ++i) {
-            signals.push_back(signal(i * 4, 4, static_cast<std::uint16_t>(i % 2)));
+        std::vector<DaqSignal> signals(row.count, row.signal);
+        for (std::uint32_t i = 0; i < row.count; ++i) {
+            signals[i].address.address = i;
+            signals[i].eventChannel = static_cast<std::uint16_t>(row.signal.eventChannel + i % 2);
         }
-        const auto plan = planDaq(signals, capabilities, {.maxDto = 8});
+        const auto plan =
+            planDaq(signals, row.capabilities, {.maxDto = row.maxDto, .addressGranularity = row.granularity});
         EXPECT_EQ(plan ? "" : plan.error().message, row.message);
     }
-    std::vector<DaqSignal> bytes;
-    for (std::uint32_t i = 0; i < 300; ++i) {
-        bytes.push_back(signal(i, 1));
-    }
-    const auto plan = planDaq(bytes, slave(), {.maxDto = 1000});
-    ASSERT_TRUE(plan);
-    ASSERT_EQ(plan.value().lists[0].odts.size(), 2U);
-    EXPECT_EQ(plan.value().lists[0].odts[0].entries.size(), 255U);
-    EXPECT_EQ(plan.value().signals[299].offset, 299U);
 }
 
 }  // namespace

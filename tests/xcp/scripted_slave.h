@@ -1,20 +1,19 @@
-// A transport whose slave follows a script: each packet the master sends must be the next row's, and is
-// answered with the row's packets before send() returns.
+// A master and the slave it talks to, which follows a script: each packet the master sends must be the next
+// row's, and is answered with the row's packets before send() returns.
 #pragma once
 
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
-#include <cstdio>
-#include <functional>
 #include <mutex>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <spdlog/fmt/ranges.h>
 
-#include "xcp/transport.h"
+#include "xcp/master.h"
 
 namespace lm::xcp::test {
 
@@ -30,95 +29,112 @@ inline Bytes hex(const std::string& text) {
 }
 
 inline std::string hexText(const std::uint8_t* data, std::size_t length) {
-    std::string text;
-    for (std::size_t i = 0; i < length; ++i) {
-        char byte[4];
-        std::snprintf(byte, sizeof byte, i == 0 ? "%02X" : " %02X", static_cast<unsigned>(data[i]));
-        text += byte;
-    }
-    return text;
+    return fmt::format("{:02X}", fmt::join(data, data + length, " "));
 }
 
-/// Stands for this answer in scripts: Intel, MAX_CTO 8, MAX_DTO 8, AG 1, DAQ.
-inline const std::string kConnected = "FF 05 00 08 08 00 01 01";
+inline std::vector<std::string> split(const std::string& text, const std::string& separator) {
+    std::vector<std::string> parts;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find(separator, at), text.size());
+        parts.push_back(text.substr(at, end - at));
+        at = end + separator.size();
+    }
+    return parts;
+}
 
 class ScriptedSlave final : public ITransport {
   public:
-    explicit ScriptedSlave(std::size_t maxPacketSize = 255) : maxPacketSize_(maxPacketSize) {}
-
-    /// "SENT > ANSWER, ANSWER; SENT; ..."; an answer "@" is kConnected.
-    void play(const std::string& script) {
-        expectDone();
-        rows_.clear();
-        next_ = 0;
-        for (const std::string& text : split(script, "; ")) {
-            const auto sides = split(text, " > ");
-            rows_.push_back(
-                {sides.front(), sides.size() > 1 ? split(sides[1], ", ") : std::vector<std::string>{}});
-        }
-    }
-    /// Every row was used.
-    void expectDone() const { EXPECT_EQ(next_, rows_.size()) << "packets of the script were not sent"; }
+    /// "SENT > ANSWER, ANSWER; SENT; ..."; an answer "@" is that of CONNECT: Intel, MAX_CTO 8, MAX_DTO 8,
+    /// AG 1, DAQ.
+    explicit ScriptedSlave(const std::string& script) : rows_(split(script, "; ")) {}
+    ~ScriptedSlave() override { EXPECT_EQ(next_, rows_.size()) << "packets of the script were not sent"; }
 
     void deliver(const std::string& packet, std::int64_t hostNs = 0) {
-        const Bytes bytes = hex(packet == "@" ? kConnected : packet);
+        const Bytes bytes = hex(packet == "@" ? "FF 05 00 08 08 00 01 01" : packet);
         sink_->onPacket(bytes.data(), bytes.size(), {hostNs, 0});
     }
-    /// Waits until that many packets have been sent in all.
-    void awaitSent(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        sentOne_.wait(lock, [&] { return sent_ >= count; });
+    /// Runs `action` in a thread of its own once that many packets have been sent.
+    template <typename Action>
+    std::jthread after(std::size_t count, Action action) {
+        return std::jthread([this, count, action] {
+            std::unique_lock lock(mutex_);
+            sentOne_.wait(lock, [&] { return next_ >= count; });
+            lock.unlock();
+            action();
+        });
     }
 
     void setSink(IPacketSink* sink) override { sink_ = sink; }
     Result<void> open() override { return {}; }
     void close() override {}
-    std::size_t maxPacketSize() const override { return maxPacketSize_; }
+    std::size_t maxPacketSize() const override { return 254; }
     Result<void> send(const std::uint8_t* data, std::size_t length) override {
         const std::string packet = hexText(data, length);
-        if (endless) {
-            EXPECT_EQ(packet, *endless);
-        } else if (next_ == rows_.size()) {
+        if (next_ == rows_.size()) {
             ADD_FAILURE() << "unexpected packet " << packet;
-        } else {
-            const Row row = rows_[next_++];
-            EXPECT_EQ(packet, row.sent) << "at row " << next_ - 1;
-            for (const std::string& answer : row.answers) {
-                deliver(answer);
-            }
+            return {};
+        }
+        const auto sides = split(rows_[next_], " > ");
+        EXPECT_EQ(packet, sides.front()) << "at row " << next_;
+        for (const std::string& answer : split(sides.size() > 1 ? sides[1] : "", ", ")) {
+            deliver(answer);
         }
         const std::lock_guard lock(mutex_);
-        ++sent_;
+        ++next_;
         sentOne_.notify_all();
         return {};
     }
 
-    /// When set, any number of this packet may be sent and none is answered.
-    const std::string* endless = nullptr;
-
   private:
-    struct Row {
-        std::string sent;
-        std::vector<std::string> answers;
-    };
-
-    static std::vector<std::string> split(const std::string& text, const std::string& separator) {
-        std::vector<std::string> parts;
-        for (std::size_t at = 0; at < text.size();) {
-            const std::size_t end = std::min(text.find(separator, at), text.size());
-            parts.push_back(text.substr(at, end - at));
-            at = end + separator.size();
-        }
-        return parts;
-    }
-
-    const std::size_t maxPacketSize_;
+    const std::vector<std::string> rows_;
     IPacketSink* sink_ = nullptr;
-    std::vector<Row> rows_;
-    std::size_t next_ = 0;
     std::mutex mutex_;
     std::condition_variable sentOne_;
-    std::size_t sent_ = 0;
+    std::size_t next_ = 0;
+};
+
+struct Bench {
+    explicit Bench(const std::string& script, const MasterOptions& options = {.t1 = 20, .t7 = 0})
+        : slave(script), master(slave, options) {}
+
+    /// Runs "COMMAND; COMMAND ARGUMENT; ..." and joins the results likewise: bytes in hexadecimal, the text
+    /// of an error, or "ok".
+    std::string run(const std::string& commands) {
+        std::string results;
+        for (const std::string& command : split(commands, "; ")) {
+            const auto words = split(command, " ");
+            const std::string argument = command.substr(std::min(command.size(), words[0].size() + 1));
+            results += (results.empty() ? "" : "; ") + perform(words[0], argument);
+        }
+        return results;
+    }
+
+    ScriptedSlave slave;
+    Master master;
+
+  private:
+    static std::string told(const Result<void>& result) { return result ? "ok" : result.error().text(); }
+    template <typename T>
+    static std::string told(const Result<T>& result) {
+        if (!result) return result.error().text();
+        if constexpr (std::is_same_v<T, SlaveStatus>) {
+            return fmt::format("{:02X}", result.value().sessionStatus);
+        } else {
+            return hexText(result.value().data(), result.value().size());
+        }
+    }
+    std::string perform(const std::string& name, const std::string& argument) {
+        if (name == "connect") return told(master.connect());
+        if (name == "status") return told(master.getStatus());
+        if (name == "fetch") return told(master.transact(buildUpload(2), {.minimumLength = 3}));
+        if (name == "upload") return told(master.upload({0x12345678, 1}, std::stoul(argument)));
+        if (name == "download") return told(master.download({0x10, 0}, hex(argument)));
+        if (name == "stopOnce") return told(master.stopDaqOnce());
+        if (name == "disconnect") return told(master.disconnect());
+        if (name == "disconnectBlindly") return told(master.disconnectWithoutWaiting());
+        if (name == "requestStop") return master.requestStop(), "ok";
+        return "no such command: " + name;
+    }
 };
 
 }  // namespace lm::xcp::test
