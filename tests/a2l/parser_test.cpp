@@ -241,11 +241,8 @@ TEST(Parser, ReadsTheFrame) {
 
 std::string utf16(std::string_view ascii, bool bigEndian) {
     std::string out = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
-    for (const char c : ascii) {
-        if (bigEndian) out += '\0';
-        out += c;
-        if (!bigEndian) out += '\0';
-    }
+    for (const char c : ascii)
+        out += {bigEndian ? '\0' : c, bigEndian ? c : '\0'};
     return out;
 }
 
@@ -259,10 +256,8 @@ TEST(Load, TakesEveryEncodingAndKindOfFile) {
         return fmt::format("{} {}", d.value().measurements.size(), d.value().moduleLongIdentifier);
     };
     const auto text = [](std::string_view name, std::size_t filler) {
-        return fmt::format(
-            "/begin PROJECT P \"\" /begin MODULE M \"{}\"{:{}} /begin MEASUREMENT m \"\" UBYTE c 0 0 0 1"
-            " /end MEASUREMENT /end MODULE /end PROJECT",
-            name, "", filler);
+        return fmt::format("/begin PROJECT P \"\" /begin MODULE M \"{}\"{:{}} {} /end MODULE /end PROJECT",
+                           name, "", filler, kGood);
     };
     EXPECT_EQ(load1(text("\xC3\xA4", 0)), "1 \xC3\xA4");
     EXPECT_EQ(load1("\xEF\xBB\xBF" + text("\xC3\xA4", 0)), "1 \xC3\xA4");
@@ -279,14 +274,9 @@ TEST(Load, TakesEveryEncodingAndKindOfFile) {
     const auto pipe = directory.path() / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     std::thread writer([&] { std::ofstream(pipe, std::ios::binary) << text("piped", 1'000'000); });
-    const auto d = load(pipe);
+    EXPECT_EQ(load(pipe).value().moduleLongIdentifier, "piped");
     writer.join();
-    ASSERT_TRUE(d.ok());
-    EXPECT_EQ(d.value().moduleLongIdentifier, "piped");
-
-    const auto missing = load(directory.path() / "none");
-    EXPECT_EQ(missing.error().text(), "cannot open A2L file " + (directory.path() / "none").string());
-    EXPECT_EQ(missing.error().code, ErrorCode::notFound);
+    EXPECT_EQ(load(directory.path() / "none").error().code, ErrorCode::notFound);
 }
 
 // Damage anywhere gives the tokenizer's error or a description; never anything else.
