@@ -11,52 +11,34 @@ LoadInput oneOdt(std::uint32_t bytes, std::uint64_t cycleNs, bool timestamp = fa
     return {{{cycleNs, 1, timestamp, {bytes}}}, 0, 2};
 }
 
-TEST(BusLoad, ClassicCanFramesMatchHandWorkedBitCounts) {
-    struct Row {
+TEST(BusLoad, CanFramesMatchHandWorkedTimes) {
+    const struct {
+        CanTiming timing;
         std::uint32_t payload;  // without the one-byte PID
         bool timestamp;
-        bool extended;
-        bool maxDlc;
-        std::uint32_t bits;
+        double bitTimes;  // at 500 kbit/s, where the data phase runs four times as fast
+    } rows[] = {
+        // Classic, 8 bytes: (64 + 33) / 4 = 24 stuff bits, 64 + 47 others; 3 bytes: (24 + 33) / 4 = 14.
+        {{500'000, 0, false, false}, 7, false, 24 + 64 + 47},
+        {{500'000, 0, false, false}, 5, true, 24 + 64 + 47},
+        {{500'000, 0, false, false}, 2, false, 14 + 24 + 47},
+        {{500'000, 0, false, true}, 2, false, 24 + 64 + 47},
+        // Extended: (64 + 53) / 4 = 29, (8 + 53) / 4 = 15.
+        {{500'000, 0, true, false}, 7, false, 29 + 64 + 67},
+        {{500'000, 0, true, false}, 0, false, 15 + 8 + 67},
+        // FD: length, CRC and ten more bits, a tenth for stuffing.
+        {{500'000, 2'000'000, false, false}, 7, false, (64 + 17 + 10) * 1.1 / 4 + 34.1},
+        {{500'000, 2'000'000, false, false}, 8, false, (96 + 17 + 10) * 1.1 / 4 + 34.1},
+        {{500'000, 2'000'000, true, false}, 15, false, (128 + 17 + 10) * 1.1 / 4 + 55},
+        {{500'000, 2'000'000, false, false}, 16, false, (160 + 21 + 10) * 1.1 / 4 + 34.1},
+        {{500'000, 2'000'000, false, false}, 40, false, (384 + 21 + 10) * 1.1 / 4 + 34.1},
+        {{500'000, 2'000'000, true, false}, 63, false, (512 + 21 + 10) * 1.1 / 4 + 55},
+        {{500'000, 2'000'000, false, true}, 1, false, (512 + 21 + 10) * 1.1 / 4 + 34.1},
     };
-    const Row rows[] = {
-        // 8 bytes: (64 + 33) / 4 = 24 stuff bits, 64 + 47 others
-        {7, false, false, false, 24 + 64 + 47},
-        {5, true, false, false, 24 + 64 + 47},
-        // 3 bytes: (24 + 33) / 4 = 14
-        {2, false, false, false, 14 + 24 + 47},
-        {2, false, false, true, 24 + 64 + 47},
-        // extended: (64 + 53) / 4 = 29, (8 + 53) / 4 = 15
-        {7, false, true, false, 29 + 64 + 67},
-        {0, false, true, false, 15 + 8 + 67},
-    };
-    for (const Row& row : rows) {
-        const CanTiming timing{500'000, 0, row.extended, row.maxDlc};
-        const LoadEstimate estimate = estimateCanLoad(oneOdt(row.payload, 10 * kMs, row.timestamp), timing);
-        EXPECT_DOUBLE_EQ(estimate.fraction, 100.0 * row.bits / 500'000) << row.payload;
-        EXPECT_DOUBLE_EQ(estimate.bitsPerSecond, 100.0 * row.bits);
-        EXPECT_DOUBLE_EQ(estimate.framesPerSecond, 100.0);
-        EXPECT_FALSE(estimate.incomplete);
-    }
-}
-
-TEST(BusLoad, CanFdFramesMatchHandWorkedTimes) {
-    struct Row {
-        std::uint32_t payload;
-        bool extended;
-        bool maxDlc;
-        std::uint32_t length;
-        std::uint32_t crc;
-    };
-    const Row rows[] = {{7, false, false, 8, 17},   {8, false, false, 12, 17},  {15, true, false, 16, 17},
-                        {16, false, false, 20, 21}, {40, false, false, 48, 21}, {63, true, false, 64, 21},
-                        {1, false, true, 64, 21}};
-    for (const Row& row : rows) {
-        const CanTiming timing{500'000, 2'000'000, row.extended, row.maxDlc};
-        const double seconds =
-            (8 * row.length + 9 + row.crc + 1) * 1.1 / 2e6 + (row.extended ? 55.0 : 34.1) / 5e5;
-        EXPECT_NEAR(estimateCanLoad(oneOdt(row.payload, kMs), timing).fraction, 1000 * seconds, 1e-12)
-            << row.payload;
+    for (const auto& row : rows) {
+        const auto estimate = estimateCanLoad(oneOdt(row.payload, 10 * kMs, row.timestamp), row.timing);
+        EXPECT_NEAR(estimate.fraction, 100 * row.bitTimes / 500'000, 1e-12) << row.payload;
+        EXPECT_NEAR(estimate.bitsPerSecond, 100 * row.bitTimes, 1e-6);
     }
 }
 

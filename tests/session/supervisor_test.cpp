@@ -1,8 +1,10 @@
 #include "session/supervisor.h"
 
+#include <algorithm>
 #include <atomic>
-#include <deque>
-#include <vector>
+#include <condition_variable>
+#include <mutex>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -17,18 +19,13 @@ class ScriptedMeasurement final : public ISupervised {
     std::uint64_t recordsReceived() const override { return alive_ ? ++records_ : records_.load(); }
 
     Result<bool> daqRunning() override {
-        if (statusErrors_.empty()) return true;
-        const std::string answer = statusErrors_.front();
-        statusErrors_.pop_front();
-        if (answer == "stopped") return false;
-        return Error{ErrorCode::timeout, answer};
+        if (statusError_ == "stopped") return false;
+        if (statusError_.empty()) return true;
+        return Error{ErrorCode::timeout, statusError_};
     }
     Result<void> reconnect() override {
         note("connect");
-        if (connectFailures_ > 0 || neverConnects_) {
-            --connectFailures_;
-            return Error{ErrorCode::timeout, "no answer"};
-        }
+        if (connectFailures_-- > 0) return Error{ErrorCode::timeout, "no answer"};
         return {};
     }
     Result<void> restartDaq() override {
@@ -44,112 +41,98 @@ class ScriptedMeasurement final : public ISupervised {
 
     void note(const std::string& line) {
         const std::lock_guard lock(mutex_);
-        lines_.push_back(line);
+        lines_ += line + "; ";
+        ++count_;
         changed_.notify_all();
     }
     /// Waits until `count` lines are there.
-    std::vector<std::string> lines(std::size_t count) {
+    std::string lines(std::ptrdiff_t count) {
         std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, 20s, [&] { return lines_.size() >= count; });
+        changed_.wait_for(lock, 20s, [&] { return count_ >= count; });
         return lines_;
     }
 
-    std::deque<std::string> statusErrors_;
+    std::string statusError_;
     int connectFailures_ = 0;
     int restartFailures_ = 0;
-    bool neverConnects_ = false;
     std::atomic<bool> alive_{false};
 
   private:
     mutable std::atomic<std::uint64_t> records_{0};
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<std::string> lines_;
+    std::string lines_;
+    std::ptrdiff_t count_ = 0;
 };
 
-SupervisorOptions quick(ReconnectPolicy policy, std::uint64_t periodNs = 100'000) {
-    return {policy, 5, 1ms, 1ms, periodNs};
-}
-
-using Lines = std::vector<std::string>;
-
 TEST(Supervisor, WatchFollowsTheShortestPeriod) {
-    struct Row {
-        std::uint64_t periodNs;
-        bool data;
+    const std::pair<std::uint64_t, bool> rows[] = {
+        {100'000'000, true}, {250'000'000, true}, {250'000'001, false}, {0, false}};
+    for (const auto& row : rows) {
+        ScriptedMeasurement measurement;
+        const Supervisor supervisor(measurement, {ReconnectPolicy::abort, 5, 1000ms, 1000ms, row.first});
+        EXPECT_EQ(supervisor.watchesData(), row.second) << row.first;
+    }
+}
+
+TEST(Supervisor, FollowsItsPolicyToTheEnd) {
+    const std::string lost = "connection lost: no DAQ data for 1 ms; ";
+    const struct {
+        ReconnectPolicy policy;
+        std::uint64_t periodNs;  // 0 watches the status
+        const char* statusError;
+        int connectFailures;
+        int restartFailures;
+        std::string lines;
+    } rows[] = {
+        {ReconnectPolicy::abort, 100'000, "", 0, 0, "failed: " + lost},
+        {ReconnectPolicy::abort, 0, "GET_STATUS: no response from slave (t1)", 0, 0,
+         "failed: connection lost: GET_STATUS: no response from slave (t1); "},
+        {ReconnectPolicy::abort, 0, "stopped", 0, 0,
+         "failed: connection lost: DAQ no longer running in the ECU; "},
+        {ReconnectPolicy::retry, 100'000, "", 1, 1,
+         "reconnecting: " + lost +
+             "count; connect; connect; restart; connect; restart; "
+             "measuring: reconnected after 3 attempt(s); "},
+        {ReconnectPolicy::retry, 100'000, "", 99, 0,
+         "reconnecting: " + lost +
+             "count; connect; connect; connect; connect; connect; "
+             "failed: reconnect failed after 5 attempt(s); "},
+        {ReconnectPolicy::retryForever, 100'000, "", 5, 0,
+         "reconnecting: " + lost +
+             "count; connect; connect; connect; connect; connect; connect; restart; "
+             "measuring: reconnected after 6 attempt(s); "},
     };
-    for (const Row& row : {Row{100'000'000, true},
-                           {250'000'000, true},
-                           {250'000'001, false},
-                           {500'000'000, false},
-                           {0, false}}) {
+    for (const auto& row : rows) {
         ScriptedMeasurement measurement;
-        const Supervisor supervisor(measurement, {ReconnectPolicy::abort, 5, 1000ms, 1000ms, row.periodNs});
-        EXPECT_EQ(supervisor.watchesData(), row.data) << row.periodNs;
-    }
-}
-
-TEST(Supervisor, AbortFailsWithTheReason) {
-    {
-        ScriptedMeasurement measurement;
-        Supervisor supervisor(measurement, quick(ReconnectPolicy::abort));
+        measurement.statusError_ = row.statusError;
+        measurement.connectFailures_ = row.connectFailures;
+        measurement.restartFailures_ = row.restartFailures;
+        Supervisor supervisor(measurement, {row.policy, 5, 1ms, 1ms, row.periodNs});
         supervisor.start();
-        EXPECT_EQ(measurement.lines(1), Lines{"failed: connection lost: no DAQ data for 1 ms"});
+        const auto count = std::count(row.lines.begin(), row.lines.end(), ';');
+        EXPECT_EQ(measurement.lines(count), row.lines);
+        if (!measurement.alive_) continue;
+        measurement.alive_ = false;
+        EXPECT_EQ(measurement.lines(count + 1).find(row.lines + "reconnecting: " + lost), 0U)
+            << "supervision goes on after a reconnection";
     }
-    ScriptedMeasurement silent;
-    silent.statusErrors_ = {"GET_STATUS: no response from slave (t1)"};
-    Supervisor watchingStatus(silent, quick(ReconnectPolicy::abort, 0));
-    watchingStatus.start();
-    EXPECT_EQ(silent.lines(1), Lines{"failed: connection lost: GET_STATUS: no response from slave (t1)"});
-
-    ScriptedMeasurement stopped;
-    stopped.statusErrors_ = {"stopped"};
-    Supervisor watchingStopped(stopped, quick(ReconnectPolicy::abort, 0));
-    watchingStopped.start();
-    EXPECT_EQ(stopped.lines(1), Lines{"failed: connection lost: DAQ no longer running in the ECU"});
 }
 
-TEST(Supervisor, RetryComesBackAfterFailedAttempts) {
-    ScriptedMeasurement measurement;
-    measurement.connectFailures_ = 1;
-    measurement.restartFailures_ = 1;
-    Supervisor supervisor(measurement, quick(ReconnectPolicy::retry));
-    supervisor.start();
-    EXPECT_EQ(measurement.lines(8),
-              (Lines{"reconnecting: connection lost: no DAQ data for 1 ms", "count", "connect", "connect",
-                     "restart", "connect", "restart", "measuring: reconnected after 3 attempt(s)"}));
-    measurement.alive_ = false;
-    const auto lines = measurement.lines(9);
-    ASSERT_GE(lines.size(), 9U) << "supervision goes on after a reconnection";
-    EXPECT_EQ(lines[8], "reconnecting: connection lost: no DAQ data for 1 ms");
-}
+TEST(Supervisor, AStopChangesNoState) {
+    ScriptedMeasurement quiet;
+    Supervisor waiting(quiet, {ReconnectPolicy::abort, 5, 1h, 1h, 0});
+    waiting.start();
+    waiting.stop();
+    EXPECT_EQ(quiet.lines(0), "");
 
-TEST(Supervisor, RetryGivesUpAfterItsAttempts) {
-    ScriptedMeasurement measurement;
-    measurement.neverConnects_ = true;
-    Supervisor supervisor(measurement, quick(ReconnectPolicy::retry));
-    supervisor.start();
-    EXPECT_EQ(measurement.lines(8),
-              (Lines{"reconnecting: connection lost: no DAQ data for 1 ms", "count", "connect", "connect",
-                     "connect", "connect", "connect", "failed: reconnect failed after 5 attempt(s)"}));
-}
-
-TEST(Supervisor, RetryForeverGoesOnUntilStopped) {
-    ScriptedMeasurement measurement;
-    measurement.neverConnects_ = true;
-    Supervisor supervisor(measurement, quick(ReconnectPolicy::retryForever));
-    supervisor.start();
-    EXPECT_GE(measurement.lines(20).size(), 20U);
-    supervisor.stop();
-    EXPECT_EQ(measurement.lines(0).back(), "connect") << "a stop changes no state";
-}
-
-TEST(Supervisor, StopWakesALongWait) {
-    ScriptedMeasurement measurement;
-    Supervisor supervisor(measurement, {ReconnectPolicy::abort, 5, 1h, 1h, 0});
-    supervisor.start();
-    supervisor.stop();
-    EXPECT_TRUE(measurement.lines(0).empty());
+    ScriptedMeasurement lost;
+    lost.connectFailures_ = 1'000'000;
+    Supervisor reconnecting(lost, {ReconnectPolicy::retryForever, 5, 1ms, 1ms, 100'000});
+    reconnecting.start();
+    lost.lines(20);
+    reconnecting.stop();
+    EXPECT_TRUE(lost.lines(20).ends_with("connect; connect; "));
 }
 
 }  // namespace

@@ -6,15 +6,14 @@ namespace lm::session {
 namespace {
 
 TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
-    struct Row {
+    const struct {
         const char* interface;
         const char* host;
         std::optional<std::uint16_t> port;
         std::optional<std::uint16_t> a2lPort;
         bool tcpOnly;
         const char* outcome;  // the transport's name or the message
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"", "ecu", 1234, 4321, false, "udp:ecu:1234"},
         {"", "ecu", {}, 4321, false, "udp:ecu:4321"},
         {"", "fe80::1", {}, {}, false, "udp:fe80::1:5555"},
@@ -22,7 +21,7 @@ TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
         {"can0", "ecu", {}, {}, false, "XCP on CAN is not available yet (use --udp HOST[:PORT])"},
         {"", "", {}, {}, false, "neither a CAN interface, a serial port nor a UDP host is configured"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SessionConfig config;
         config.can.interface = row.interface;
         config.udp = {row.host, row.port};
