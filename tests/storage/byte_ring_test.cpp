@@ -33,7 +33,7 @@ std::vector<std::uint8_t> contentOf(std::int64_t n) {
 
 // Entries of every size at every place of a small ring, over many wraps.
 TEST(ByteRing, CarriesEntriesFromTwoProducersToAConsumer) {
-    constexpr std::int64_t kEntries = 20000;
+    constexpr std::int64_t kEntries = 5000;
     ByteRing ring(128);
     const auto produce = [&ring](std::uint16_t group) {
         for (std::int64_t n = 0; n < kEntries; ++n) {

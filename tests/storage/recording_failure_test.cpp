@@ -178,6 +178,7 @@ TEST_F(RecordingFailureTest, GivesUpAnEntryFileAtItsLastWholeEntry) {
         const FileSizeLimit full(32 + 20000 + 5);
         append(0, 7);  // 0 in the file, 1 to 3 in the buffer, 4 has no place
     }
+    file.value().flush();  // room for more, but those would stand at wrong places
     append(7, 9);
     file.value().close();
     EXPECT_TRUE(faults.writeFailed());
