@@ -112,11 +112,11 @@ TEST_F(UdpMediumTest, PacksDtosUntilTheDatagramIsFullOrAnAnswerLeaves) {
     send({"00 11", "01 22", "02 33"});
     EXPECT_EQ(client.receive(), "02 00 00 00 00 11 02 00 01 00 01 22");
     EXPECT_EQ(client.receive(), "");
-    EXPECT_EQ(medium_->heldUntilNs(), 20'000'000);
+    EXPECT_EQ(medium_->dueNs(), 20'000'000);
     send({"FF"});
     EXPECT_EQ(client.receive(), "02 00 02 00 02 33 01 00 03 00 FF");
     send({"00 44"});
-    medium_->flush();
+    EXPECT_TRUE(medium_->onDue(0).ok());
     EXPECT_EQ(client.receive(), "02 00 04 00 00 44");
     EXPECT_EQ(medium_->counters().packetsSent, 5U);
     EXPECT_EQ(medium_->counters().datagramsSent, 3U);
