@@ -74,8 +74,7 @@ class SerialTransport final : public ITransport {
     void requestStop();
     void clearStop();
 
-    /// True when the port failed while the transport was open (pulled, hung up); close() and open() bring it
-    /// back.
+    /// True from the failure of the open port (pulled, hung up) until an open() has got hold of it again.
     bool lost() const { return lost_.load(); }
 
     SerialStatistics statistics() const;
@@ -85,6 +84,7 @@ class SerialTransport final : public ITransport {
 
     Result<void> openPort();
     Result<void> waitForReset();
+    Result<void> requireOpenLocked() const;
     Result<void> writeLocked(const std::uint8_t* data, std::size_t length);
     void receiveLoop();
     void loseConnection(const std::string& reason);
