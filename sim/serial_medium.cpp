@@ -123,7 +123,6 @@ void SerialMedium::forgetPeer() {
 void SerialMedium::watchEcu(std::int64_t nowNs) {
     if (ecu_.starts() == startsSeen_) return;
     startsSeen_ = ecu_.starts();
-    text_.clear();
     say(fmt::format("boot {}: simulated ECU, {} events, XCP on this line", startsSeen_, kEventCount));
     readyNs_ = nowNs + std::max(options_.bootMs, 0) * kNsPerMs;
 }

@@ -25,16 +25,16 @@ TEST(CommandLines, InfoNamesTheTransport) {
     using session::TransportKind;
     session::SessionConfig config;
     a2l::XcpInterface interface;
-    EXPECT_EQ(ecuLine("Demo", TransportKind::udp, "udp:::1:5555", config, interface),
+    EXPECT_EQ(ecuLine("Demo", TransportKind::udp, "udp:::1:5555", 0, config, interface),
               "ECU            Demo (XCP on UDP/IP, ::1:5555)\n");
-    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", config, interface),
-              "ECU            Demo (XCP on serial, /dev/x, 115200 baud)\n");
+    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", 9600, config, interface),
+              "ECU            Demo (XCP on serial, /dev/x, 9600 baud)\n");
     config.can.interface = "can1";
     config.can.resId = 0x98DAF110;
     interface.can.emplace();
     interface.can->masterId = 0x7E0;
     interface.can->slaveId = 0x7E8;
-    EXPECT_EQ(ecuLine("", TransportKind::can, "", config, interface),
+    EXPECT_EQ(ecuLine("", TransportKind::can, "", 0, config, interface),
               "ECU             (CMD 0x7E0, RES 0x98DAF110 on can1)\n");
 }
 
@@ -93,10 +93,11 @@ TEST(CommandLines, MeasureTellsStartAndEnd) {
     stats.missingPackets = 5;
     stats.malformedDatagrams = 6;
     stats.kernelDrops = 7;
+    stats.invalidFrames = 8;
     EXPECT_EQ(
         otherLosses(stats),
         "incomplete records 1, unknown DTOs 2, malformed DTOs 3, UDP counter gaps 4, UDP packets missing "
-        "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7");
+        "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7, serial invalid frames 8");
 }
 
 }  // namespace
