@@ -12,6 +12,7 @@ namespace {
 /// The length that the first byte of a UTF-8 sequence announces; 1 for a byte that begins none.
 std::size_t sequenceLength(char first) {
     const auto byte = static_cast<std::uint8_t>(first);
+    if (byte >= 0xF8) return 1;
     if (byte >= 0xF0) return 4;
     if (byte >= 0xE0) return 3;
     return byte >= 0xC0 ? 2 : 1;
