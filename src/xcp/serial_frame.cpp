@@ -11,8 +11,8 @@ namespace {
 
 constexpr std::uint8_t kDelimiter = 0;
 constexpr std::size_t kCrcSize = 2;
-constexpr std::size_t kLongestGroup = 255;  ///< code byte included; no zero follows it
 constexpr std::size_t kShortGroup = 16;     ///< copied in one piece of fixed size
+constexpr std::size_t kLongestGroup = 255;  ///< code byte included; no zero follows it
 
 /// Tables for eight bytes at a time: the n-th carries a byte over n further bytes.
 using CrcTables = std::array<std::array<std::uint16_t, 256>, 8>;
@@ -44,21 +44,23 @@ class CobsWriter {
 
     /// Without a branch on the byte: in DTOs, zeros come as they like.
     void add(const std::uint8_t* data, std::size_t length) {
-        std::uint8_t* code = code_;
-        std::uint8_t* end = end_;
+        std::uint8_t* out = end_;
+        std::size_t group = static_cast<std::size_t>(end_ - code_);  // its length so far, code included
         for (std::size_t i = 0; i < length; ++i) {
             const std::uint8_t byte = data[i];
-            *code = static_cast<std::uint8_t>(end - code);
-            *end = byte;
-            code = byte == 0 ? end : code;
-            ++end;
-            if (static_cast<std::size_t>(end - code) == kLongestGroup) {
-                *code = static_cast<std::uint8_t>(kLongestGroup);
-                code = end++;
+            *out = byte;
+            *(out - group) = static_cast<std::uint8_t>(group);
+            ++out;
+            const std::size_t goesOn = std::size_t{0} - static_cast<std::size_t>(byte != 0);
+            group = (group & goesOn) + 1;
+            if (group == kLongestGroup) {
+                *(out - group) = static_cast<std::uint8_t>(kLongestGroup);
+                group = 1;
+                ++out;
             }
         }
-        code_ = code;
-        end_ = end;
+        end_ = out;
+        code_ = out - group;
     }
 
     std::uint8_t* finish() {
@@ -73,22 +75,27 @@ class CobsWriter {
 
 /// Undoes the stuffing of a body without zero bytes. Both buffers have kShortGroup bytes to spare behind what
 /// they hold. Returns the decoded length, 0 when a group reaches beyond the body.
-std::size_t decodeCobs(const std::uint8_t* body, std::size_t length, std::uint8_t* out) {
+std::size_t decodeCobs(const std::uint8_t* __restrict body, std::size_t length,
+                       std::uint8_t* __restrict out) {
     const std::uint8_t* const begin = out;
     const std::uint8_t* const end = body + length;
+    std::size_t code = 0;
     while (body < end) {
-        const std::size_t code = *body++;
-        const std::size_t count = code - 1;
-        if (count > static_cast<std::size_t>(end - body)) return 0;
+        code = *body;
         // Copying more than the group is harmless: what follows overwrites it.
-        std::memcpy(out, body, kShortGroup);
-        if (count > kShortGroup) std::memcpy(out, body, count);
-        out += count;
-        body += count;
+        std::memcpy(out, body + 1, kShortGroup);
+        if (code > kShortGroup) {
+            if (code > static_cast<std::size_t>(end - body)) return 0;
+            std::memcpy(out, body + 1, code - 1);
+        }
+        body += code;
+        out += code - 1;
         *out = 0;
-        out += code != kLongestGroup && body < end ? 1 : 0;
+        out += code != kLongestGroup ? 1 : 0;
     }
-    return static_cast<std::size_t>(out - begin);
+    if (body != end) return 0;
+    // The zero of the last group is not there.
+    return static_cast<std::size_t>(out - begin) - (code != kLongestGroup ? 1 : 0);
 }
 
 }  // namespace
@@ -122,7 +129,7 @@ void encodeSerialFrame(const std::uint8_t* packet, std::size_t length, std::vect
 }
 
 SerialFrameReceiver::SerialFrameReceiver(ISerialFrameSink& sink)
-    : sink_(sink), body_(kMaxBody + kShortGroup), packet_(kMaxBody + kShortGroup) {}
+    : sink_(sink), body_(kMaxBody + kShortGroup), packet_(kMaxBody + 2 * kShortGroup) {}
 
 void SerialFrameReceiver::receive(const std::uint8_t* data, std::size_t length) {
     const std::uint8_t* const end = data + length;
@@ -161,8 +168,9 @@ void SerialFrameReceiver::closeFrame() {
     const std::size_t length = decodeCobs(body_.data(), bodyLength_, packet_.data());
     if (length > kCrcSize) {
         const std::size_t packetLength = length - kCrcSize;
-        if (serialCrc(packet_.data(), packetLength) ==
-            readLittle<std::uint16_t>(packet_.data() + packetLength)) {
+        const std::uint16_t crc = serialCrc(packet_.data(), packetLength);
+        // Byte by byte: a processor reads slowly in one piece what it has just written in two.
+        if (packet_[packetLength] == (crc & 0xFFU) && packet_[packetLength + 1] == crc >> 8U) {
             inside_ = false;
             bodyLength_ = 0;
             sink_.onFrame(packet_.data(), packetLength);

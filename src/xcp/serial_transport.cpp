@@ -26,6 +26,33 @@ Error connectionLost(const std::string& reason) {
     return prefixed({.code = ErrorCode::closed, .message = "connection lost: " + reason});
 }
 
+/// Lets bytes gather when they wake the receive thread too often, as a UART does that hands over a few bytes
+/// at a time; a millisecond of the fastest line fits into the terminal's buffer many times over. Rests only
+/// in the window after a crowded one, so answers to single commands are never kept waiting.
+class WakeUpPace {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    void wokeUp(Clock::time_point now) {
+        ++wakeUps_;
+        if (now - windowBegin_ >= kWindow) {
+            crowded_ = wakeUps_ > kCrowd;
+            wakeUps_ = 0;
+            windowBegin_ = now;
+        }
+        if (crowded_) std::this_thread::sleep_for(kRest);
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds kWindow{10};
+    static constexpr std::chrono::milliseconds kRest{1};
+    static constexpr int kCrowd = 50;
+
+    Clock::time_point windowBegin_;
+    int wakeUps_ = 0;
+    bool crowded_ = false;
+};
+
 }  // namespace
 
 /// What the receive thread knows of the stream.
@@ -170,6 +197,7 @@ void SerialTransport::receiveLoop() {
     ::pthread_setname_np(::pthread_self(), "xcp-serial-rx");
     std::array<std::uint8_t, kReadSize> buffer;
     Reception reception(*this);
+    WakeUpPace pace;
     while (running_) {
         const auto count = port_.read(buffer.data(), buffer.size(), kReadLimitMs);
         if (!count.ok()) {
@@ -177,7 +205,9 @@ void SerialTransport::receiveLoop() {
             loseConnection(count.error().text());
             return;
         }
-        reception.take(buffer.data(), count.value(), Reception::Clock::now());
+        const auto now = Reception::Clock::now();
+        reception.take(buffer.data(), count.value(), now);
+        if (count.value() > 0) pace.wokeUp(now);
     }
     reception.finish();
 }

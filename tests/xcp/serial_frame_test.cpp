@@ -120,6 +120,8 @@ TEST(SerialFrame, SurvivesEveryDamagedByteAndEveryCut) {
     for (const std::size_t length : {1U, 2U, 8U, 64U, 252U, 253U, 254U, 255U, 256U}) {
         for (const std::size_t zeroEvery : {0U, 1U, 5U}) {
             const Bytes frame = frameOf(packetOf(length, zeroEvery));
+            // Behind a full group, the code of an empty last one may be missing: the frame stays valid.
+            const std::size_t spare = length == 252 && zeroEvery == 0 ? frame.size() - 2 : 0;
             for (std::size_t at = 0; at < frame.size(); ++at) {
                 for (const int damage : {0x01, 0x80, 0xFF, -1}) {
                     Bytes bytes = frame;
@@ -129,6 +131,7 @@ TEST(SerialFrame, SurvivesEveryDamagedByteAndEveryCut) {
                     Log log;
                     SerialFrameReceiver receiver(log);
                     feed(receiver, bytes, bytes.size());
+                    if (spare != 0 && at == spare && bytes[at] == 0) continue;
                     ASSERT_EQ(log.frames, 1U) << length << " " << at << " " << damage;
                     ASSERT_EQ(hexText(log.last.data(), log.last.size()), "FF 00 10");
                     // Nothing but delimiters is lost, and what was a frame counts.
@@ -138,6 +141,7 @@ TEST(SerialFrame, SurvivesEveryDamagedByteAndEveryCut) {
                 }
             }
             for (std::size_t cut = 1; cut + 1 < frame.size(); ++cut) {
+                if (cut == spare) continue;
                 const Bytes begin(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(cut));
                 for (const bool silence : {false, true}) {
                     Log log;
