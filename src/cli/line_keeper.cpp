@@ -63,10 +63,10 @@ bool LineKeeper::openAgain() {
         return false;
     }
     told_.clear();
-    session_.consoleLog().onNotice(session_.config().serial.port + " is open");
     const Result<void> connected = session_.open();
-    if (!connected.ok() && !ending()) {
-        session_.consoleLog().onNotice("connect: " + textOnly(connected.error()));
+    if (!ending()) {
+        session_.consoleLog().onNotice(connected.ok() ? "connected"
+                                                      : "connect: " + textOnly(connected.error()));
     }
     return true;
 }

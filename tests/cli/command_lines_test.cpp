@@ -1,5 +1,9 @@
+#include <cstdlib>
+#include <ctime>
+
 #include <gtest/gtest.h>
 
+#include "cli/command_console.h"
 #include "cli/command_info.h"
 #include "cli/command_measure.h"
 #include "cli/command_values.h"
@@ -98,6 +102,18 @@ TEST(CommandLines, MeasureTellsStartAndEnd) {
         otherLosses(stats),
         "incomplete records 1, unknown DTOs 2, malformed DTOs 3, UDP counter gaps 4, UDP packets missing "
         "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7, serial invalid frames 8");
+}
+
+TEST(CommandLines, ConsoleShowsTimeOfDayKindAndText) {
+    using session::ConsoleLineKind;
+    ASSERT_EQ(::setenv("TZ", "XYZ-1", 1), 0);
+    ::tzset();
+    const auto at = [](std::int64_t ms) {
+        return std::chrono::system_clock::time_point(std::chrono::milliseconds(ms));
+    };
+    EXPECT_EQ(consoleLine({at(7), ConsoleLineKind::received, "a\tb"}), "01:00:00.007  a\tb\n");
+    EXPECT_EQ(consoleLine({at(86'399'999), ConsoleLineKind::sent, ""}), "00:59:59.999  > \n");
+    EXPECT_EQ(consoleLine({at(45'296'780), ConsoleLineKind::notice, "gone"}), "13:34:56.780  -- gone\n");
 }
 
 }  // namespace
