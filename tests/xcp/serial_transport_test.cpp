@@ -172,8 +172,7 @@ TEST_F(SerialTransportTest, NeverPutsTextIntoAFrame) {
 
 TEST_F(SerialTransportTest, ComesBackAfterThePortWasPulled) {
     ASSERT_TRUE(transport_.open().ok());
-    terminal_->write("bye");
-    terminal_->write(frameText({1}));
+    terminal_->write("bye" + frameText({1}));
     EXPECT_EQ(arrivals_.upTo("[01]"), "[01]");
     const std::string loss = "connection lost: " + link_ + ": port gone";
     EXPECT_FALSE(transport_.lost());
