@@ -1,7 +1,6 @@
 #include "session/console_log.h"
 
 #include <memory>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -58,30 +57,6 @@ TEST(ConsoleLog, ASentLineStandsBeforeItsAnswer) {
     const auto failed = log.addSent("never sent", answered(Error{ErrorCode::notOpen, "no line"}));
     EXPECT_EQ(failed.error().text(), "no line");
     EXPECT_EQ(texts(log, position), Lines{"answer"});
-}
-
-TEST(ConsoleLog, LinesOfSeveralThreadsStayWholeAndInOrder) {
-    constexpr int kLines = 3000;
-    ConsoleLog log;
-    std::thread ecu([&log] {
-        for (int i = 0; i < kLines; ++i)
-            log.onText(std::to_string(i));
-    });
-    std::thread user([&log] {
-        for (int i = 0; i < kLines; ++i)
-            EXPECT_TRUE(log.addSent(std::to_string(i), [] { return Result<void>(); }).ok());
-    });
-    std::uint64_t position = 0;
-    int received = 0;
-    int sent = 0;
-    while (received + sent < 2 * kLines) {
-        for (const ConsoleLine& line : log.read(position).lines) {
-            int& next = line.kind == ConsoleLineKind::sent ? sent : received;
-            ASSERT_EQ(line.text, std::to_string(next++));
-        }
-    }
-    ecu.join();
-    user.join();
 }
 
 }  // namespace

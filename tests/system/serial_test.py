@@ -224,19 +224,11 @@ class SerialTest(harness.SystemTest):
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         self.assertRegex(done.stdout, r"(?m)^[\d:.]{12}  > hello$")
         reading, writing = os.pipe()
-        arguments = self.arguments(sim, "console", "-t", "60")
-        for end in ("closed pipe", "SIGTERM"):
-            with self.subTest(end):
-                program = self.start(arguments, stdout=writing if end == "closed pipe" else None)
-                if end == "closed pipe":
-                    os.close(writing)
-                    self.assertTrue(os.read(reading, 100))
-                    os.close(reading)
-                    self.assertEqual(program.finish(), 0, program.err)
-                else:
-                    harness.wait_until(lambda: "diag" in program.out, "text")
-                    self.assertEqual(harness.stop(program, signal.SIGTERM)[0], 0, program.err)
-                self.assertEqual(program.err, "")
+        program = self.start_cli(sim, "console", "-t", "60", stdout=writing)
+        os.close(writing)
+        self.assertTrue(os.read(reading, 100))
+        os.close(reading)
+        self.assertEqual((program.finish(), program.err), (0, ""))
 
     def test_console_without_xcp(self):
         sim = self.start_sim("--fault", "ignore:CONNECT:1:0", "--chatter-ms", "50")
