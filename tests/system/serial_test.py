@@ -12,6 +12,9 @@ import recording_check
 from recording import Recording
 from recording_test import forty_signals
 
+# The kernel hands the bytes of a pseudo-terminal on at its leisure when the machine is busy: no test is to depend on
+# answers or data within less than this.
+PATIENT_MS = 3000
 LINE = re.compile(r"^(\d\d):(\d\d):(\d\d)\.(\d{3})  (.*)$")
 DIAGNOSTICS = re.compile(r"(?m)ECU: diag (\d+): ((?:idle|connected|measuring), \d+ samples, \d+ writes)$")
 
@@ -132,7 +135,7 @@ class SerialTest(harness.SystemTest):
         for options in ([], ["--reset-on-open", "0"]):
             with self.subTest(options):
                 sim = self.start_sim(*options)
-                config = self.quick_config()
+                config = self.quick_config(xcp={"timeoutsMs": [PATIENT_MS] * 7}, reconnect={"heartbeatMs": PATIENT_MS})
                 directory = self.dir / f"rec{len(options)}"
                 program = self.start_cli(sim, "-c", config, "--reconnect", "retry_forever", "measure", "-p", "5",
                                          "-s", "counter_10ms@1", "-r", directory)
@@ -145,7 +148,7 @@ class SerialTest(harness.SystemTest):
                 printed = program.out.count("\n")
                 harness.wait_until(lambda: program.out.count("\n") > printed + 2, "records after the reconnection")
                 self.assertEqual(harness.stop(program)[0], 0, program.err)
-                self.assertIn(f"** reconnecting: connection lost: no DAQ data for {harness.HEARTBEAT_MS} ms\n", program.err)
+                self.assertIn(f"** reconnecting: connection lost: no DAQ data for {PATIENT_MS} ms\n", program.err)
                 self.assertIn(", reconnects 1, ", program.err)
                 self.check_pause(Recording(directory).groups[0], bool(options))
 
@@ -154,7 +157,7 @@ class SerialTest(harness.SystemTest):
         values = [group.signals[0].raw(record) for record in group.records]
         steps = [(b - a) / 1e9 for a, b in zip(group.timestamps, group.timestamps[1:])]
         pause = steps.index(max(steps))
-        self.assertGreater(steps[pause], harness.HEARTBEAT_MS / 1000)
+        self.assertGreater(steps[pause], PATIENT_MS / 1000)
         self.assertEqual(values[:pause + 1], list(range(values[0], values[0] + pause + 1)))
         counted = (values[pause + 1] - values[pause]) * 0.01
         if restarted:
@@ -172,6 +175,7 @@ class SerialTest(harness.SystemTest):
         self.assertEqual((done.returncode, done.stderr),
                          (1, "connect: CONNECT: no response from slave after 1 attempt(s)\n"))
         booting = self.start_sim("--reset-on-open", "200", "--chatter-ms", "0")
+        config = self.quick_config(xcp={"connectAttempts": 1, "timeoutsMs": [PATIENT_MS] * 7})
         done = self.run_cli(booting, "-v", "-c", config, "--reset-delay", "1500", "info")
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertRegex(done.stderr, r"ECU: boot 2: .*\n.*ECU: ready\n")  # heard during the delay
