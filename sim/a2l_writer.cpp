@@ -92,6 +92,21 @@ std::string daqBlock(const Options& options, const Catalog& catalog) {
     return text + "      /end DAQ\n";
 }
 
+std::string transportLayer(const Options& options) {
+    if (options.serial) {
+        return fmt::format(
+            "      /begin XCP_ON_SxI\n"
+            "        0x0100 {} ASYNCH_FULL_DUPLEX_MODE PARITY_NONE ONE_STOP_BIT\n"
+            "      /end XCP_ON_SxI\n",
+            options.baudrate);
+    }
+    return fmt::format(
+        "      /begin XCP_ON_UDP_IP\n"
+        "        0x0100 {} ADDRESS \"127.0.0.1\"\n"
+        "      /end XCP_ON_UDP_IP\n",
+        options.port);
+}
+
 std::string head(const Options& options, const Catalog& catalog) {
     return fmt::format(
         "ASAP2_VERSION 1 71\n"
@@ -111,12 +126,10 @@ std::string head(const Options& options, const Catalog& catalog) {
         "      SYSTEM_CONSTANT \"K_COUNTS_PER_VOLT\" \"100\"\n"
         "      SYSTEM_CONSTANT \"K_VOLT_OFFSET\" \"-0.5\"\n"
         "    /end MOD_PAR\n\n"
-        "    /begin IF_DATA XCP\n{}{}"
-        "      /begin XCP_ON_UDP_IP\n"
-        "        0x0100 {} ADDRESS \"127.0.0.1\"\n"
-        "      /end XCP_ON_UDP_IP\n"
+        "    /begin IF_DATA XCP\n{}{}{}"
         "    /end IF_DATA\n",
-        orderWord(options.order), protocolLayer(options), daqBlock(options, catalog), options.port);
+        orderWord(options.order), protocolLayer(options), daqBlock(options, catalog),
+        transportLayer(options));
 }
 
 /// The optional keywords that both kinds of object share.

@@ -37,6 +37,7 @@ void Ecu::restart(std::int64_t nowNs) {
     world_.restart();
     slave_.reset();
     delayed_.clear();
+    ++starts_;
     startNs_ = nowNs;
     for (std::uint8_t event = 0; event < kEventCount; ++event) {
         dueNs_[event] = eventIntervalNs(options_, event, 0);

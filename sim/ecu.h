@@ -35,6 +35,8 @@ class Ecu {
 
     /// Power off and on: RAM, counters, clock, connection and DAQ configuration begin anew.
     void restart(std::int64_t nowNs);
+    /// How often it has started, 1 for an ECU that has never restarted.
+    std::uint64_t starts() const { return starts_; }
     /// Hears and sends nothing until then.
     void silenceUntil(std::int64_t untilNs) { silentUntilNs_ = untilNs; }
     bool silent(std::int64_t nowNs) const { return nowNs < silentUntilNs_; }
@@ -76,6 +78,7 @@ class Ecu {
     std::vector<Delayed> delayed_;  ///< ascending by time
     Outbox scratch_;
     std::uint64_t commands_ = 0;
+    std::uint64_t starts_ = 0;
 };
 
 }  // namespace lm::sim

@@ -14,6 +14,7 @@
 #include "sim/event_cycle.h"
 #include "sim/faults.h"
 #include "sim/runner.h"
+#include "sim/serial_medium.h"
 #include "sim/udp_medium.h"
 
 namespace lm::sim {
@@ -35,10 +36,11 @@ constexpr const char* kFaultHelp =
     "Faults of the stream: KIND:EVERY\n"
     "  lose-odt       a DTO is never sent            overload   a whole sample is not sent and indicated\n"
     "  ctr-gap        the packet counter skips one   lose-datagram  a DTO is lost on the way\n"
-    "  malformed      the length of a DTO runs past its datagram\n"
+    "  malformed      the length of a DTO runs past its datagram (serial: a wrong byte)\n"
     "Signals: SIGUSR1 restarts the ECU, SIGUSR2 turns its silence on and off, SIGHUP writes the memory "
     "file,\n"
-    "SIGINT and SIGTERM end the program; its counters are then printed to standard error.";
+    "SIGRTMIN pulls the plug of the serial line and puts it in again, SIGINT and SIGTERM end the program;\n"
+    "its counters are then printed to standard error.";
 
 struct Arguments {
     Options options;
@@ -80,6 +82,20 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
         ->allow_extra_args(false);
 }
 
+void addSerialOptions(CLI::App& app, Arguments& arguments) {
+    Options& o = arguments.options;
+    app.add_flag("--serial", o.serial, "XCP on a serial line, on a pseudo-terminal, instead of UDP");
+    app.add_option("--serial-device", o.serialDevice, "On this device instead of a pseudo-terminal");
+    app.add_option("--serial-link", o.serialLink, "Symbolic link to the pseudo-terminal");
+    app.add_option("--baud", o.baudrate, "Baud rate of the device and in the A2L file")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_option("--chatter-ms", o.chatterMs, "Milliseconds between lines of diagnostics, 0 for none")
+        ->capture_default_str();
+    app.add_option("--reset-on-open", o.bootMs, "Opening the line resets the ECU, which boots for so many ms")
+        ->check(CLI::Range(0, 60000));
+}
+
 void addOtherOptions(CLI::App& app, Arguments& arguments) {
     Options& o = arguments.options;
     app.add_option("--port", o.port, "UDP port, 0 lets the system choose")->capture_default_str();
@@ -113,6 +129,7 @@ Result<void> writeText(const std::string& path, const std::string& text) {
 Result<void> complete(Arguments& arguments) {
     Options& o = arguments.options;
     o.daq = !arguments.noDaq;
+    o.serial = o.serial || !o.serialDevice.empty() || !o.serialLink.empty();
     o.order = arguments.order == "motorola" ? ByteOrder::bigEndian : ByteOrder::littleEndian;
     o.overload = arguments.overload == "event" ? OverloadIndication::event
                  : arguments.overload == "pid" ? OverloadIndication::topBit
@@ -135,21 +152,30 @@ Result<void> complete(Arguments& arguments) {
     return {};
 }
 
-Result<void> simulate(const Options& options) {
-    Result<FaultPlan> faults = FaultPlan::parse(options.faults);
-    if (!faults.ok()) return faults.error();
-    Ecu ecu(options, std::move(faults).value(), Runner::now());
-    Result<std::unique_ptr<UdpMedium>> medium = UdpMedium::open(options, ecu.faults());
-    if (!medium.ok()) return medium.error();
-    Runner runner(options, ecu, *medium.value());
-    if (std::printf("port %u\n", static_cast<unsigned>(medium.value()->port())) < 0 ||
-        std::fflush(stdout) != 0) {
+/// Tells where the ECU is to be reached, and runs it.
+Result<void> simulateOn(const Options& options, Ecu& ecu, IMedium& medium, const std::string& place) {
+    Runner runner(options, ecu, medium);
+    if (std::printf("%s\n", place.c_str()) < 0 || std::fflush(stdout) != 0) {
         return Error::fromErrno(errno, "standard output");
     }
     const Result<void> done = runner.run();
     fmt::print(stderr, "{}", runner.statistics());
     if (!done.ok()) return done.error();
     return {};
+}
+
+Result<void> simulate(const Options& options) {
+    Result<FaultPlan> faults = FaultPlan::parse(options.faults);
+    if (!faults.ok()) return faults.error();
+    Ecu ecu(options, std::move(faults).value(), Runner::now());
+    if (options.serial) {
+        Result<std::unique_ptr<SerialMedium>> medium = SerialMedium::open(options, ecu);
+        if (!medium.ok()) return medium.error();
+        return simulateOn(options, ecu, *medium.value(), "serial " + medium.value()->path());
+    }
+    Result<std::unique_ptr<UdpMedium>> medium = UdpMedium::open(options, ecu.faults());
+    if (!medium.ok()) return medium.error();
+    return simulateOn(options, ecu, *medium.value(), fmt::format("port {}", medium.value()->port()));
 }
 
 Result<void> run(Arguments& arguments) {
@@ -170,9 +196,10 @@ Result<void> run(Arguments& arguments) {
 }  // namespace lm::sim
 
 int main(int argc, char** argv) {
-    CLI::App app{"xcplumo-sim - a simulated ECU with XCP on UDP"};
+    CLI::App app{"xcplumo-sim - a simulated ECU with XCP on UDP or on a serial line"};
     lm::sim::Arguments arguments;
     lm::sim::addOtherOptions(app, arguments);
+    lm::sim::addSerialOptions(app, arguments);
     lm::sim::addSlaveOptions(app, arguments);
     app.footer(lm::sim::kFaultHelp);
     CLI11_PARSE(app, argc, argv);

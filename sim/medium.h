@@ -16,9 +16,9 @@ namespace lm::sim {
 
 struct MediumCounters {
     std::uint64_t packetsSent = 0;
-    std::uint64_t datagramsSent = 0;
-    std::uint64_t sendFailures = 0;      ///< packets that the system did not take
-    std::uint64_t packetsLost = 0;       ///< packets lost on order
+    std::uint64_t datagramsSent = 0;  ///< on a serial line: frames
+    std::uint64_t sendFailures = 0;   ///< packets that the system did not take, or that nobody was there for
+    std::uint64_t packetsLost = 0;    ///< packets lost on order
     std::uint64_t packetsMalformed = 0;  ///< packets sent with a wrong length on order
 };
 
@@ -37,9 +37,12 @@ class IMedium {
     virtual Result<void> receive(int descriptor, const Handler& handler) = 0;
     /// Sends packets to the master that connected last; none yet: they are dropped. Failures are counted.
     virtual void send(const Outbox& packets, std::int64_t nowNs) = 0;
-    /// When packets that are held back have to leave; flush() sends them.
-    virtual std::int64_t heldUntilNs() const = 0;
-    virtual void flush() = 0;
+    /// When the medium has something to do by itself (packets that it holds back, text to print).
+    virtual std::int64_t dueNs() const = 0;
+    /// Does it; before its time, what is held back leaves. An error ends the program.
+    virtual Result<void> onDue(std::int64_t nowNs) = 0;
+    /// Pulls the plug, or puts it in again. An error ends the program.
+    virtual Result<void> togglePlug() = 0;
     virtual const MediumCounters& counters() const = 0;
 };
 

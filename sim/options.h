@@ -45,6 +45,14 @@ struct Options {
     std::uint16_t pack = 1;                ///< DTOs put into one datagram
     std::uint16_t pad = 0;                 ///< zero bytes behind every DTO, within MAX_DTO
 
+    // The serial line.
+    bool serial = false;              ///< instead of UDP
+    std::string serialDevice = {};    ///< empty: a pseudo-terminal
+    std::string serialLink = {};      ///< symbolic link to the pseudo-terminal, empty: none
+    std::uint32_t baudrate = 115200;  ///< told in the A2L, set on a device
+    std::uint32_t chatterMs = 1000;   ///< between two lines of diagnostics, 0: none
+    std::int32_t bootMs = -1;  ///< opening the line resets the ECU, which boots so long; -1: it does not
+
     // The program.
     std::uint16_t port = 5555;    ///< UDP port, 0: the system chooses
     double quitAfter = 0;         ///< seconds, 0: never

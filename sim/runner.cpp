@@ -37,7 +37,7 @@ std::int64_t Runner::now() {
 Result<int> Runner::openSignals() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGHUP})
+    for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGHUP, SIGRTMIN})
         sigaddset(&set, signal);
     if (sigprocmask(SIG_BLOCK, &set, nullptr) != 0) return Error::fromErrno(errno, "signals");
     const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
@@ -56,7 +56,8 @@ Result<void> Runner::run() {
         const Result<void> done = round(signals.value(), quitNs);
         if (!done.ok()) return done.error();
     }
-    medium_.flush();
+    const Result<void> left = medium_.onDue(now());
+    if (!left.ok()) return left.error();
     return saveMemory();
 }
 
@@ -66,8 +67,11 @@ Result<void> Runner::round(int signals, std::int64_t quitNs) {
     medium_.send(out_, now());
     const std::int64_t time = now();
     if (time >= quitNs) stop_ = true;
-    if (time >= medium_.heldUntilNs()) medium_.flush();
-    const std::int64_t until = std::min({ecu_.nextDueNs(), medium_.heldUntilNs(), quitNs});
+    if (time >= medium_.dueNs()) {
+        const Result<void> done = medium_.onDue(time);
+        if (!done.ok()) return done.error();
+    }
+    const std::int64_t until = std::min({ecu_.nextDueNs(), medium_.dueNs(), quitNs});
     const Result<void> waited = wait(signals, idle ? until : time);
     if (!waited.ok()) return waited.error();
     if (failure_) return *failure_;
@@ -111,6 +115,11 @@ void Runner::handleCommand(std::span<const std::uint8_t> packet) {
 Result<void> Runner::handleSignals(int descriptor) {
     signalfd_siginfo info{};
     while (::read(descriptor, &info, sizeof info) == sizeof info) {
+        if (info.ssi_signo == static_cast<std::uint32_t>(SIGRTMIN)) {  // no constant: not for the switch
+            const Result<void> done = medium_.togglePlug();
+            if (!done.ok()) return done.error();
+            continue;
+        }
         switch (info.ssi_signo) {
             case SIGUSR1:
                 ecu_.restart(now());

@@ -1,7 +1,8 @@
 // The program's loop: waits for commands, for the next event of the ECU, and for signals.
 //
 // Threads: one. SIGINT and SIGTERM end run(); SIGUSR1 restarts the ECU; SIGUSR2 turns its silence on or off;
-// SIGHUP writes the memory image. The signals must be blocked before any thread starts (run() blocks them).
+// SIGHUP writes the memory image; SIGRTMIN pulls the plug of the medium or puts it in. The signals must be
+// blocked before any thread starts (run() blocks them).
 #pragma once
 
 #include <cstdint>

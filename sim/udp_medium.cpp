@@ -170,13 +170,14 @@ void UdpMedium::closeDatagram() {
     openPackets_ = 0;
 }
 
-std::int64_t UdpMedium::heldUntilNs() const {
+std::int64_t UdpMedium::dueNs() const {
     return openPackets_ == 0 ? std::numeric_limits<std::int64_t>::max() : heldUntilNs_;
 }
 
-void UdpMedium::flush() {
+Result<void> UdpMedium::onDue(std::int64_t /*nowNs*/) {
     closeDatagram();
     transmit();
+    return {};
 }
 
 void UdpMedium::transmit() {

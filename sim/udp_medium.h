@@ -30,8 +30,9 @@ class UdpMedium : public IMedium {
     std::vector<pollfd> descriptors() const override;
     Result<void> receive(int descriptor, const Handler& handler) override;
     void send(const Outbox& packets, std::int64_t nowNs) override;
-    std::int64_t heldUntilNs() const override;
-    void flush() override;
+    std::int64_t dueNs() const override;
+    Result<void> onDue(std::int64_t nowNs) override;
+    Result<void> togglePlug() override { return {}; }
     const MediumCounters& counters() const override { return counters_; }
 
   private:

@@ -12,31 +12,27 @@ namespace {
 
 constexpr std::uint8_t kResourceCalibration = 0x01;
 constexpr std::uint8_t kResourceProgramming = 0x10;
-constexpr std::uint32_t kDefaultBaudrate = 115200;
 
 std::string withoutPrefix(const std::string& text, std::string_view prefix) {
     return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
 }
 
-std::uint32_t firstOf(std::optional<std::uint32_t> configured, std::optional<std::uint32_t> described,
-                      std::uint32_t otherwise) {
-    return configured ? *configured : described.value_or(otherwise);
+std::uint32_t firstOf(std::optional<std::uint32_t> configured, std::optional<std::uint32_t> described) {
+    return configured ? *configured : described.value_or(0);
 }
 
 }  // namespace
 
 std::string ecuLine(const std::string& ecuName, session::TransportKind kind, const std::string& transportName,
-                    const session::SessionConfig& config, const a2l::XcpInterface& interface) {
+                    std::uint32_t baudrate, const session::SessionConfig& config,
+                    const a2l::XcpInterface& interface) {
     switch (kind) {
         case session::TransportKind::udp:
             return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", ecuName,
                                withoutPrefix(transportName, "udp:"));
-        case session::TransportKind::serial: {
-            const auto described = interface.serial ? interface.serial->baudrate : std::nullopt;
+        case session::TransportKind::serial:
             return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", ecuName,
-                               withoutPrefix(transportName, "serial:"),
-                               firstOf(config.serial.baudrate, described, kDefaultBaudrate));
-        }
+                               withoutPrefix(transportName, "serial:"), baudrate);
         case session::TransportKind::can:
             break;
     }
@@ -44,7 +40,7 @@ std::string ecuLine(const std::string& ecuName, session::TransportKind kind, con
     const auto master = interface.can ? interface.can->masterId : std::nullopt;
     const auto slave = interface.can ? interface.can->slaveId : std::nullopt;
     return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", ecuName,
-                       firstOf(config.can.cmdId, master, 0), firstOf(config.can.resId, slave, 0),
+                       firstOf(config.can.cmdId, master), firstOf(config.can.resId, slave),
                        config.can.interface);
 }
 
@@ -80,7 +76,7 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
 
 int runInfo(session::Session& session, Output& output) {
     output.append(ecuLine(session.ecuName(), session.transportKind(), session.transportName(),
-                          session.config(), session.description().xcp));
+                          session.baudrate(), session.config(), session.description().xcp));
     output.append(connectLines(session.connectInfo()));
     if (session.daqCapabilities()) output.append(daqLines(*session.daqCapabilities()));
     if (const auto status = session.status()) {

@@ -3,6 +3,7 @@
 // Threads: one thread; the texts are pure functions. Lifetime: nothing is kept.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "cli/output.h"
@@ -10,9 +11,10 @@
 
 namespace lm::cli {
 
-/// "ECU            NAME (how it is reached)\n".
+/// "ECU            NAME (how it is reached)\n"; `baudrate` is that of a serial line.
 std::string ecuLine(const std::string& ecuName, session::TransportKind kind, const std::string& transportName,
-                    const session::SessionConfig& config, const a2l::XcpInterface& interface);
+                    std::uint32_t baudrate, const session::SessionConfig& config,
+                    const a2l::XcpInterface& interface);
 
 /// The lines "resources" and "communication".
 std::string connectLines(const xcp::ConnectInfo& info);

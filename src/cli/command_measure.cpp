@@ -88,6 +88,7 @@ std::string otherLosses(const session::MeasurementStats& stats) {
         {"UDP packets missing", stats.missingPackets},
         {"malformed UDP datagrams", stats.malformedDatagrams},
         {"UDP datagrams dropped by the kernel", stats.kernelDrops},
+        {"serial invalid frames", stats.invalidFrames},
     };
     std::string text;
     for (const auto& [name, count] : losses) {

@@ -20,6 +20,7 @@ constexpr const char* kExamples = R"(Examples:
   xcplumo-cli -c demo.json get engine_speed cal_gain
   xcplumo-cli -c demo.json set cal_gain=1.5 "cal_injector=test mode"
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r recording
+  xcplumo-cli --a2l demo.a2l --serial /dev/ttyACM0:115200 console
   xcplumo-cli -c demo.json --udp [fe80::1%eth0]:5555 save-config other.json)";
 
 void addGlobalOptions(CLI::App& app, Options& options) {

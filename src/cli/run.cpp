@@ -12,6 +12,7 @@
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include "cli/command_console.h"
 #include "cli/command_info.h"
 #include "cli/command_list.h"
 #include "cli/command_measure.h"
@@ -68,12 +69,12 @@ int runSaveConfig(const std::string& file, const session::SessionConfig& config,
     return 0;
 }
 
-int runConsole(const session::SessionConfig& config) {
-    const bool serial = !config.serial.port.empty();
-    std::fputs(serial ? "console: the serial line is not available yet\n"
-                      : "console: needs a serial line (--serial)\n",
-               stderr);
-    return 1;
+int runConsole(const Options& options, session::Session& session, Output& output) {
+    if (session.transportKind() != session::TransportKind::serial) {
+        std::fputs("console: needs a serial line (--serial)\n", stderr);
+        return 1;
+    }
+    return cmdConsole(session, options.durationSeconds, output);
 }
 
 int runConnected(const Options& options, session::Session& session, Console& console, StopWatcher& stop,
@@ -111,11 +112,11 @@ int runSession(const Options& options, session::SessionConfig config, Output& ou
     session::Session& session = *created.value();
     session.setListener(&console);
     int exitCode = 1;
-    if (options.command == Command::console) {
-        exitCode = runConsole(session.config());
-    } else {
+    {
         StopWatcher stop([&session] { session.requestStop(); });
-        exitCode = runConnected(options, session, console, stop, output);
+        exitCode = options.command == Command::console
+                       ? runConsole(options, session, output)
+                       : runConnected(options, session, console, stop, output);
     }
     if (auto closed = session.close(); !closed) {
         printError("close", closed.error());
@@ -130,14 +131,9 @@ int runCommand(const Options& options, session::SessionConfig config, Output& ou
             return runSaveConfig(options.outputFile, config, output);
         case Command::list:
             return runList(options, config, output);
-        case Command::console:
-            // A session on a serial line cannot be constructed yet.
-            if (!config.serial.port.empty()) return runConsole(config);
-            break;
         default:
-            break;
+            return runSession(options, std::move(config), output);
     }
-    return runSession(options, std::move(config), output);
 }
 
 }  // namespace

@@ -15,15 +15,34 @@
 namespace lm::session {
 namespace {
 
+LoadEstimate estimateLoad(const LoadInput& input, const TransportSetup& transport) {
+    if (transport.kind == TransportKind::serial) return estimateSerialLoad(input, transport.baudrate);
+    return estimateUdpLoad(input);
+}
+
 /// The load as estimated, or the refusal when it exceeds the limit.
-Result<double> acceptedLoad(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities,
-                            double limit) {
-    const LoadEstimate estimate = estimateUdpLoad(loadInput(plan.daq, capabilities));
-    if (estimate.fraction <= limit) return estimate.fraction;
+Result<double> acceptedLoad(const MeasurementPlan& plan, const MeasurementContext& context) {
+    const double load = estimateLoad(loadInput(plan.daq, context.capabilities), context.transport).fraction;
+    const double limit = context.config.daq.maxBusLoad;
+    if (load <= limit) return load;
     std::array<char, 200> text{};
-    std::snprintf(text.data(), text.size(), "estimated bus load %.0f %% exceeds the limit of %.0f %%",
-                  estimate.fraction * 100, limit * 100);
+    if (context.transport.kind == TransportKind::serial) {
+        std::snprintf(text.data(), text.size(),
+                      "estimated load of the serial line %.0f %% at %u baud exceeds the limit of %.0f %% "
+                      "(fewer signals, slower events or a higher baud rate)",
+                      load * 100, context.transport.baudrate, limit * 100);
+    } else {
+        std::snprintf(text.data(), text.size(), "estimated bus load %.0f %% exceeds the limit of %.0f %%",
+                      load * 100, limit * 100);
+    }
     return Error{ErrorCode::invalidArgument, text.data()};
+}
+
+/// What a recording says about where it comes from.
+std::string sourceOf(const TransportSetup& transport) {
+    // "udp:HOST:PORT" and "serial:PORT" name the medium before its address.
+    const std::string address = transport.name.substr(transport.name.find(':') + 1);
+    return (transport.kind == TransportKind::serial ? "XCP on serial " : "XCP on UDP ") + address;
 }
 
 std::int64_t nowNs(std::chrono::nanoseconds time) {
@@ -49,7 +68,7 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
     auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
                                 context.master.connectInfo());
     if (!plan.ok()) return plan.error();
-    const auto load = acceptedLoad(plan.value(), context.capabilities, context.config.daq.maxBusLoad);
+    const auto load = acceptedLoad(plan.value(), context);
     if (!load.ok()) return load.error();
     const std::string warning = foreignEventWarning(plan.value());
     if (!warning.empty()) spdlog::warn("{}", warning);
@@ -76,6 +95,7 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
 Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad)
     : context_(std::move(context)), plan_(std::move(plan)), busLoad_(busLoad) {
     if (context_.transport.udp != nullptr) udpAtStart_ = context_.transport.udp->statistics();
+    if (context_.transport.serial != nullptr) serialAtStart_ = context_.transport.serial->statistics();
     const SessionConfig::Reconnect& reconnect = context_.config.reconnect;
     supervisor_ = std::make_unique<Supervisor>(
         static_cast<ISupervised&>(*this),
@@ -94,9 +114,7 @@ Result<void> Measurement::createRecording(const std::filesystem::path& directory
     storage::RecordingInfo info = recordingInfo(plan_, context_.capabilities);
     info.startHostNs = nowNs(std::chrono::steady_clock::now().time_since_epoch());
     info.startUtcNs = nowNs(std::chrono::system_clock::now().time_since_epoch());
-    // "udp:HOST:PORT" names the medium before its address.
-    const std::size_t colon = context_.transport.name.find(':');
-    info.source = "XCP on UDP " + context_.transport.name.substr(colon + 1);
+    info.source = sourceOf(context_.transport);
     const auto normal = directory.lexically_normal();
     info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
     info.ecu = context_.ecuName;
@@ -147,6 +165,7 @@ void Measurement::abandonStart() {
 Measurement::StopResult Measurement::stop(const std::function<SessionState()>& state) {
     supervisor_->requestStop();
     context_.master.requestStop();
+    if (context_.transport.serial != nullptr) context_.transport.serial->requestStop();
     supervisor_->stop();
 
     StopResult result;
@@ -193,6 +212,10 @@ MeasurementStats Measurement::statistics() const {
         stats.malformedDatagrams = udp.malformedDatagrams - udpAtStart_.malformedDatagrams;
         stats.kernelDrops = udp.kernelDrops - udpAtStart_.kernelDrops;
     }
+    if (context_.transport.serial != nullptr) {
+        stats.invalidFrames =
+            context_.transport.serial->statistics().invalidFrames - serialAtStart_.invalidFrames;
+    }
     return stats;
 }
 
@@ -216,7 +239,8 @@ Result<bool> Measurement::daqRunning() {
 }
 
 Result<void> Measurement::reconnect() {
-    // An attempt that never ended would take the decision from the reconnect policy.
+    // A serial port that was pulled is opened anew by this. An attempt that never ended would take the
+    // decision from the reconnect policy.
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);
     const std::uint32_t attempts =
         std::min<std::uint32_t>(configured, std::numeric_limits<std::int32_t>::max());

@@ -85,6 +85,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     xcp::IDaqRecordSink* sink_ = nullptr;
     std::unique_ptr<storage::RecordingWriter> writer_;
     xcp::UdpStatistics udpAtStart_;
+    xcp::SerialStatistics serialAtStart_;
 
     std::atomic<std::uint64_t> records_{0};
     std::atomic<std::uint64_t> reconnects_{0};

@@ -66,6 +66,7 @@ struct MeasurementStats {
     std::uint64_t missingPackets = 0;      ///< UDP: packets that the jumps stand for
     std::uint64_t malformedDatagrams = 0;  ///< UDP
     std::uint64_t kernelDrops = 0;         ///< UDP: datagrams the kernel dropped for want of buffer space
+    std::uint64_t invalidFrames = 0;       ///< serial line
 };
 
 }  // namespace lm::session

@@ -50,6 +50,7 @@ Session::Session(SessionConfig config, a2l::Description description, TransportSe
       master_(std::make_unique<xcp::Master>(*transport_.transport,
                                             masterOptions(config_.xcp, description_.xcp))) {
     master_->setListener(this);
+    if (transport_.serial != nullptr) transport_.serial->setTextSink(&console_);
 }
 
 Session::~Session() {
@@ -159,8 +160,11 @@ Result<void> Session::writeBytes(const a2l::ResolvedObject& object, const std::v
     return {};
 }
 
-Result<void> Session::sendText(std::string_view /*line*/) {
-    return Error{ErrorCode::unsupported, "text input needs a serial line"};
+Result<void> Session::sendText(std::string_view line) {
+    if (transport_.serial == nullptr) {
+        return Error{ErrorCode::unsupported, "text input needs a serial line"};
+    }
+    return console_.addSent(line, [this, line] { return transport_.serial->sendText(line); });
 }
 
 Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options) {
@@ -185,7 +189,10 @@ Result<void> Session::stopMeasurement() {
     silent_ = state() != SessionState::measuring || !result.stopped.ok();
     {
         const std::lock_guard lock(stopMutex_);
-        if (!stopRequested_) master_->clearStop();
+        if (!stopRequested_) {
+            master_->clearStop();
+            if (transport_.serial != nullptr) transport_.serial->clearStop();
+        }
     }
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
     if (result.stopped.ok()) return std::move(result.recorded);
@@ -204,6 +211,7 @@ MeasurementStats Session::statistics() const {
 void Session::requestStop() {
     const std::lock_guard lock(stopMutex_);
     stopRequested_ = true;
+    if (transport_.serial != nullptr) transport_.serial->requestStop();
     if (!writing_) master_->requestStop();
 }
 

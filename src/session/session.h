@@ -1,7 +1,7 @@
 // One ECU: its A2L description, its transport, the XCP master on it, and the state that the user sees.
 //
 // Threads: create, open, close, read, write and the measurement operations belong to one thread at a time;
-// requestStop, state and setListener may be called from any thread.
+// sendText, transportLost, requestStop, state and setListener may be called from any thread.
 // Lifetime: the listener and the record sink are borrowed and must outlive the session (or be replaced
 // first).
 #pragma once
@@ -17,6 +17,7 @@
 #include "a2l/description.h"
 #include "a2l/object.h"
 #include "core/result.h"
+#include "session/console_log.h"
 #include "session/measurement_types.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
@@ -50,6 +51,12 @@ class Session final : private xcp::IMasterListener {
 
     void setListener(ISessionListener* listener) { listener_.store(listener); }
 
+    /// Opens the transport and does not connect: the text of a serial line arrives from now on. A serial port
+    /// that was lost is opened anew. Errors: those of the transport.
+    Result<void> openTransport() { return transport_.transport->open(); }
+    /// The port of the serial line has gone since it was opened.
+    bool transportLost() const { return transport_.serial != nullptr && transport_.serial->lost(); }
+
     /// Opens the transport, connects and reads the ECU's DAQ capabilities (without which it goes on). Errors:
     /// those of the transport and of CONNECT.
     Result<void> open();
@@ -67,8 +74,11 @@ class Session final : private xcp::IMasterListener {
     /// a2l::encodeText, "NAME: read back value differs from the written value".
     Result<SessionValue> write(std::string_view name, std::string_view text, bool allowMeasurements);
 
-    /// Error: unsupported "text input needs a serial line".
+    /// Sends a line of text to the ECU. Errors: unsupported "text input needs a serial line", those of
+    /// xcp::SerialTransport::sendText.
     Result<void> sendText(std::string_view line);
+    /// What the ECU on a serial line printed and what was sent to it.
+    ConsoleLog& consoleLog() { return console_; }
 
     /// Starts DAQ for the signals; the session is left "connected" with nothing started when it fails.
     /// Errors: those of planMeasurement, of the recording writer and of the DAQ configuration, "measurement
@@ -90,8 +100,10 @@ class Session final : private xcp::IMasterListener {
     const SessionConfig& config() const { return config_; }
     const a2l::Description& description() const { return description_; }
     TransportKind transportKind() const { return transport_.kind; }
-    /// "udp:HOST:PORT".
+    /// "udp:HOST:PORT" or "serial:PORT".
     const std::string& transportName() const { return transport_.name; }
+    /// Bit/s of a serial line, else 0.
+    std::uint32_t baudrate() const { return transport_.baudrate; }
     /// The configuration's name, else the A2L module's.
     std::string ecuName() const;
     xcp::ConnectInfo connectInfo() const { return master_->connectInfo(); }
@@ -115,6 +127,7 @@ class Session final : private xcp::IMasterListener {
     // Constant after construction.
     const SessionConfig config_;
     const a2l::Description description_;
+    ConsoleLog console_;  ///< outlives the transport, whose text it takes
     TransportSetup transport_;
 
     // One thread at a time.

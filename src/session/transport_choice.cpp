@@ -4,6 +4,7 @@ namespace lm::session {
 namespace {
 
 constexpr std::uint16_t kDefaultUdpPort = 5555;
+constexpr std::uint32_t kDefaultBaudrate = 115200;
 
 Result<TransportSetup> chooseUdp(const SessionConfig::Udp& udp, const a2l::XcpInterface& interface) {
     if (interface.tcp && !interface.udp) {
@@ -24,17 +25,31 @@ Result<TransportSetup> chooseUdp(const SessionConfig::Udp& udp, const a2l::XcpIn
     return setup;
 }
 
+TransportSetup chooseSerial(const SessionConfig::Serial& serial, const a2l::XcpInterface& interface) {
+    const auto described = interface.serial ? interface.serial->baudrate : std::nullopt;
+    xcp::SerialTransportConfig config;
+    config.port = serial.port;
+    config.baudrate = serial.baudrate ? *serial.baudrate : described.value_or(kDefaultBaudrate);
+    config.resetDelay = serial.resetDelay;
+
+    TransportSetup setup;
+    setup.kind = TransportKind::serial;
+    setup.name = "serial:" + config.port;
+    setup.baudrate = config.baudrate;
+    auto transport = std::make_unique<xcp::SerialTransport>(std::move(config));
+    setup.serial = transport.get();
+    setup.transport = std::move(transport);
+    return setup;
+}
+
 }  // namespace
 
 Result<TransportSetup> chooseTransport(const SessionConfig& config, const a2l::XcpInterface& interface) {
     if (!config.can.interface.empty()) {
-        return Error{ErrorCode::unsupported, "XCP on CAN is not available yet (use --udp HOST[:PORT])"};
+        return Error{ErrorCode::unsupported, "XCP on CAN is not available yet (use --udp or --serial)"};
     }
     if (!config.udp.host.empty()) return chooseUdp(config.udp, interface);
-    if (!config.serial.port.empty()) {
-        return Error{ErrorCode::unsupported,
-                     "XCP on a serial line is not available yet (use --udp HOST[:PORT])"};
-    }
+    if (!config.serial.port.empty()) return chooseSerial(config.serial, interface);
     return Error{ErrorCode::invalidArgument,
                  "neither a CAN interface, a serial port nor a UDP host is configured"};
 }

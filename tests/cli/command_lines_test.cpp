@@ -1,5 +1,9 @@
+#include <cstdlib>
+#include <ctime>
+
 #include <gtest/gtest.h>
 
+#include "cli/command_console.h"
 #include "cli/command_info.h"
 #include "cli/command_measure.h"
 
@@ -10,16 +14,16 @@ TEST(CommandLines, InfoNamesTheTransport) {
     using session::TransportKind;
     session::SessionConfig config;
     a2l::XcpInterface interface;
-    EXPECT_EQ(ecuLine("Demo", TransportKind::udp, "udp:::1:5555", config, interface),
+    EXPECT_EQ(ecuLine("Demo", TransportKind::udp, "udp:::1:5555", 0, config, interface),
               "ECU            Demo (XCP on UDP/IP, ::1:5555)\n");
-    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", config, interface),
-              "ECU            Demo (XCP on serial, /dev/x, 115200 baud)\n");
+    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", 9600, config, interface),
+              "ECU            Demo (XCP on serial, /dev/x, 9600 baud)\n");
     config.can.interface = "can1";
     config.can.resId = 0x98DAF110;
     interface.can.emplace();
     interface.can->masterId = 0x7E0;
     interface.can->slaveId = 0x7E8;
-    EXPECT_EQ(ecuLine("", TransportKind::can, "", config, interface),
+    EXPECT_EQ(ecuLine("", TransportKind::can, "", 0, config, interface),
               "ECU             (CMD 0x7E0, RES 0x98DAF110 on can1)\n");
 }
 
@@ -75,10 +79,23 @@ TEST(CommandLines, MeasureTellsStartAndEnd) {
     stats.missingPackets = 5;
     stats.malformedDatagrams = 6;
     stats.kernelDrops = 7;
+    stats.invalidFrames = 8;
     EXPECT_EQ(
         otherLosses(stats),
         "incomplete records 1, unknown DTOs 2, malformed DTOs 3, UDP counter gaps 4, UDP packets missing "
-        "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7");
+        "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7, serial invalid frames 8");
+}
+
+TEST(CommandLines, ConsoleShowsTimeOfDayKindAndText) {
+    using session::ConsoleLineKind;
+    ASSERT_EQ(::setenv("TZ", "XYZ-1", 1), 0);
+    ::tzset();
+    const auto at = [](std::int64_t ms) {
+        return std::chrono::system_clock::time_point(std::chrono::milliseconds(ms));
+    };
+    EXPECT_EQ(consoleLine({at(7), ConsoleLineKind::received, "a\tb"}), "01:00:00.007  a\tb\n");
+    EXPECT_EQ(consoleLine({at(86'399'999), ConsoleLineKind::sent, ""}), "00:59:59.999  > \n");
+    EXPECT_EQ(consoleLine({at(45'296'780), ConsoleLineKind::notice, "gone"}), "13:34:56.780  -- gone\n");
 }
 
 }  // namespace

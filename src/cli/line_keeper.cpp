@@ -1,0 +1,85 @@
+#include "cli/line_keeper.h"
+
+#include <chrono>
+#include <pthread.h>
+
+#include "cli/output.h"
+#include "cli/stop_signal.h"
+
+namespace lm::cli {
+namespace {
+
+constexpr std::chrono::seconds kBetweenAttempts{1};
+
+std::string textOnly(const Error& error) {
+    return error.text() + " (showing the text only)";
+}
+
+}  // namespace
+
+LineKeeper::LineKeeper(session::Session& session) : session_(session) {
+    thread_ = std::thread([this] { keep(); });
+}
+
+void LineKeeper::end() {
+    {
+        const std::lock_guard lock(mutex_);
+        ending_ = true;
+        wake_.notify_all();
+    }
+    session_.requestStop();
+    if (thread_.joinable()) thread_.join();
+}
+
+void LineKeeper::keep() {
+    pthread_setname_np(pthread_self(), "line-keeper");
+    bool open = openFirst();
+    begun_.store(true);
+    while (!waitOrEnd()) {
+        if (!open || session_.transportLost()) open = openAgain();
+    }
+}
+
+bool LineKeeper::openFirst() {
+    const Result<void> opened = session_.openTransport();
+    const Result<void> connected = opened.ok() ? session_.open() : Result<void>();
+    const Error* failure = !opened.ok() ? &opened.error() : !connected.ok() ? &connected.error() : nullptr;
+    // What a stop has ended did not fail.
+    if (failure == nullptr || ending()) return opened.ok();
+    printError("connect", Error{failure->code, textOnly(*failure)});
+    if (opened.ok()) return true;
+    told_ = failure->text();
+    session_.consoleLog().onNotice("no line yet, trying again each second");
+    return false;
+}
+
+bool LineKeeper::openAgain() {
+    const Result<void> opened = session_.openTransport();
+    if (ending()) return false;
+    if (!opened.ok()) {
+        // Each reason once, not each second.
+        if (told_ != opened.error().text()) session_.consoleLog().onNotice(opened.error().text());
+        told_ = opened.error().text();
+        return false;
+    }
+    told_.clear();
+    const Result<void> connected = session_.open();
+    if (!ending()) {
+        session_.consoleLog().onNotice(connected.ok() ? "connected"
+                                                      : "connect: " + textOnly(connected.error()));
+    }
+    return true;
+}
+
+/// True when the thread is to end.
+bool LineKeeper::waitOrEnd() {
+    std::unique_lock lock(mutex_);
+    return wake_.wait_for(lock, kBetweenAttempts, [this] { return ending_; });
+}
+
+bool LineKeeper::ending() {
+    const std::lock_guard lock(mutex_);
+    return ending_ || stopRequested();
+}
+
+}  // namespace lm::cli

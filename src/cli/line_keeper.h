@@ -1,0 +1,54 @@
+// Keeps the serial line of a session open for the console: opens it, and opens it again when it could not be
+// opened or has gone. What becomes of it stands in the session's console log.
+//
+// Threads: construction, end() and destruction belong to the owner; begun() from any. The thread
+// "line-keeper" makes all calls of Session::openTransport and Session::open meanwhile. Lifetime: the session
+// is borrowed.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "session/session.h"
+
+namespace lm::cli {
+
+class LineKeeper {
+  public:
+    /// Begins to open the line; "connect: REASON (showing the text only)" on standard error when there is no
+    /// line or no XCP on it.
+    explicit LineKeeper(session::Session& session);
+    ~LineKeeper() { end(); }
+    LineKeeper(const LineKeeper&) = delete;
+    LineKeeper& operator=(const LineKeeper&) = delete;
+
+    /// The first attempt is over, whatever came of it.
+    bool begun() const { return begun_.load(); }
+
+    /// Ends the waits of the session (which is of no other use then) and the thread. Idempotent.
+    void end();
+
+  private:
+    void keep();
+    bool openFirst();
+    bool openAgain();
+    bool waitOrEnd();
+    bool ending();
+
+    session::Session& session_;
+
+    std::atomic<bool> begun_{false};
+
+    std::string told_;  // the thread's alone: why the line is not open, as told last
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool ending_ = false;  // under mutex_
+
+    std::thread thread_;
+};
+
+}  // namespace lm::cli

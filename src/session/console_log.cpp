@@ -1,0 +1,63 @@
+#include "session/console_log.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include <spdlog/spdlog.h>
+
+#include "xcp/text_lines.h"
+
+namespace lm::session {
+
+void ConsoleLog::onText(std::string_view line) {
+    spdlog::debug("ECU: {}", line);
+    add(ConsoleLineKind::received, std::string(line));
+}
+
+Result<void> ConsoleLog::addSent(std::string_view line, const std::function<Result<void>()>& send) {
+    const std::lock_guard one(sending_);
+    ConsoleLine sent{std::chrono::system_clock::now(), ConsoleLineKind::sent, xcp::printableText(line)};
+    {
+        const std::lock_guard lock(mutex_);
+        holding_ = true;
+    }
+    Result<void> result = send();
+    const std::lock_guard lock(mutex_);
+    holding_ = false;
+    if (result.ok()) appendLocked(std::move(sent));
+    for (ConsoleLine& held : held_)
+        appendLocked(std::move(held));
+    held_.clear();
+    return result;
+}
+
+void ConsoleLog::add(ConsoleLineKind kind, std::string text) {
+    const std::lock_guard lock(mutex_);
+    ConsoleLine line{std::chrono::system_clock::now(), kind, std::move(text)};
+    if (holding_) {
+        held_.push_back(std::move(line));
+    } else {
+        appendLocked(std::move(line));
+    }
+}
+
+void ConsoleLog::appendLocked(ConsoleLine line) {
+    lines_.push_back(std::move(line));
+    if (lines_.size() <= kCapacity) return;
+    lines_.pop_front();
+    ++fallenOut_;
+}
+
+ConsoleLog::Reading ConsoleLog::read(std::uint64_t& position) const {
+    const std::lock_guard lock(mutex_);
+    Reading reading;
+    const std::uint64_t first = std::max(position, fallenOut_);
+    reading.missed = first - position;
+    std::copy(lines_.begin() + static_cast<std::ptrdiff_t>(first - fallenOut_), lines_.end(),
+              std::back_inserter(reading.lines));
+    position = fallenOut_ + lines_.size();
+    return reading;
+}
+
+}  // namespace lm::session

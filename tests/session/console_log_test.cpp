@@ -1,0 +1,63 @@
+#include "session/console_log.h"
+
+#include <memory>
+
+#include <gtest/gtest.h>
+
+namespace lm::session {
+namespace {
+
+/// The lines behind a position, kind and text, and how many were missed.
+std::vector<std::string> texts(const ConsoleLog& log, std::uint64_t& position) {
+    constexpr const char* kMarks[] = {"", "> ", "-- "};
+    const auto reading = log.read(position);
+    std::vector<std::string> lines;
+    if (reading.missed != 0) lines.push_back("missed " + std::to_string(reading.missed));
+    for (const ConsoleLine& line : reading.lines)
+        lines.push_back(kMarks[static_cast<std::size_t>(line.kind)] + line.text);
+    return lines;
+}
+
+using Lines = std::vector<std::string>;
+
+TEST(ConsoleLog, AReaderGoesOnWhereItStopped) {
+    ConsoleLog log;
+    std::uint64_t position = 0;
+    EXPECT_EQ(texts(log, position), Lines{});
+    log.onText("a");
+    log.onNotice("b");
+    EXPECT_EQ(texts(log, position), (Lines{"a", "-- b"}));
+    EXPECT_EQ(texts(log, position), Lines{});
+    for (std::size_t i = 0; i < ConsoleLog::kCapacity; ++i)
+        log.onText(std::to_string(i));
+    log.onText("last");
+    Lines all = texts(log, position);
+    EXPECT_EQ(all.size(), ConsoleLog::kCapacity + 1);
+    EXPECT_EQ(all[0], "missed 1");
+    EXPECT_EQ(all[1], "1");
+    EXPECT_EQ(all.back(), "last");
+    log.onText("later");
+    EXPECT_EQ(texts(log, position), Lines{"later"});
+    std::uint64_t other = 0;
+    EXPECT_EQ(texts(log, other)[0], "missed 4");
+}
+
+TEST(ConsoleLog, ASentLineStandsBeforeItsAnswer) {
+    ConsoleLog log;
+    std::uint64_t position = 0;
+    const auto answered = [&](Result<void> result) {
+        return [&log, &position, result = std::make_shared<Result<void>>(std::move(result))] {
+            log.onText("answer");
+            EXPECT_EQ(texts(log, position), Lines{});
+            return std::move(*result);
+        };
+    };
+    EXPECT_TRUE(log.addSent("say \x1b[31m", answered({})).ok());
+    EXPECT_EQ(texts(log, position), (Lines{"> say \\x1B[31m", "answer"}));
+    const auto failed = log.addSent("never sent", answered(Error{ErrorCode::notOpen, "no line"}));
+    EXPECT_EQ(failed.error().text(), "no line");
+    EXPECT_EQ(texts(log, position), Lines{"answer"});
+}
+
+}  // namespace
+}  // namespace lm::session
