@@ -2,9 +2,6 @@
 import re
 
 TOKEN = re.compile(r'"(?:[^"\\]|\\.|"")*"|\S+')
-# Words of an object that are followed by one value.
-VALUED = ("ECU_ADDRESS", "ECU_ADDRESS_EXTENSION", "BYTE_ORDER", "BIT_MASK", "FORMAT", "PHYS_UNIT", "DISPLAY_IDENTIFIER",
-          "COMPU_TAB_REF", "DEFAULT_VALUE", "DEFAULT_VALUE_NUMERIC", "FORMULA_INV")
 
 
 def plain(token):
@@ -117,33 +114,22 @@ def display_text(conversion, raw):
     return shown[:63]
 
 
-MODULE = """ASAP2_VERSION 1 71
-/begin PROJECT p ""
-/begin MODULE generated ""
-/begin MOD_COMMON ""
-BYTE_ORDER MSB_LAST
-/end MOD_COMMON
-/begin MOD_PAR ""
-{constants}
-/end MOD_PAR
+def module(body, constant):
+    """A whole file around these blocks; formulas may use the system constant K."""
+    return f"""ASAP2_VERSION 1 71 /begin PROJECT p "" /begin MODULE generated ""
+/begin MOD_COMMON "" BYTE_ORDER MSB_LAST /end MOD_COMMON
+/begin MOD_PAR "" SYSTEM_CONSTANT "K" "{constant}" /end MOD_PAR
 /begin IF_DATA XCP /begin PROTOCOL_LAYER 0x0101 5000 5000 5000 5000 5000 5000 200 248 1400
 BYTE_ORDER_MSB_LAST ADDRESS_GRANULARITY_BYTE /end PROTOCOL_LAYER /end IF_DATA
 {body}
-/end MODULE
-/end PROJECT
+/end MODULE /end PROJECT
 """
 
 
-def module(body, constants=()):
-    """A whole file around these blocks."""
-    listed = "\n".join(f'SYSTEM_CONSTANT "{name}" "{value}"' for name, value in constants)
-    return MODULE.format(constants=listed, body=body)
-
-
-def characteristic(name, address, type_name, order, mask, method, limits=("-1e300", "1e300")):
+def characteristic(name, address, type_name, order, mask, method):
     """A VALUE whose record layout bears the name of its type."""
     bits = f"BIT_MASK {mask:#x}\n" if mask else ""
-    return (f'/begin CHARACTERISTIC {name} ""\nVALUE {address:#x} {type_name} 0 {method} {limits[0]} {limits[1]}\n'
+    return (f'/begin CHARACTERISTIC {name} ""\nVALUE {address:#x} {type_name} 0 {method} -1e300 1e300\n'
             f"{bits}BYTE_ORDER {order}\n/end CHARACTERISTIC\n")
 
 

@@ -3,20 +3,27 @@ import re
 import struct
 from pathlib import Path
 
-from recording import TYPES
+from value_coding import Field
 
 PAGE = Path(__file__).resolve().parents[2] / "docs" / "simulator.md"
 HELPERS = {"tri": lambda n, period: min(n % period, period - n % period) if period > 0 else 0,
            "div": lambda a, b: a // b, "real": float}
-# Raw values at the start, of what drives the model.
-PARAMETERS = {"cal_injector": 1, "cal_idle_speed": 3200, "cal_gain": 1.0, "cal_wave_period": 1000,
-              "cal_wave_offset": 0.0, "cal_ignition_trim": 0, "cal_pressure_offset": 0, "setpoint_rw": 1.5}
+# What drives the model: its size, the raw value at the start, what is typed and the raw value that it means.
+PARAMETERS = {"cal_injector": (1, 1, "on", 1), "cal_idle_speed": (2, 3200, "750", 3000),
+              "cal_gain": (4, 1.0, "2.5", 2.5), "cal_wave_period": (2, 1000, "370", 370),
+              "cal_wave_offset": (8, 0.0, "-7.75", -7.75), "cal_ignition_trim": (1, 0, "3.5", 7),
+              "cal_pressure_offset": (2, 0, "-123", -123), "setpoint_rw": (4, 1.5, "12.25", 12.25)}
 COUNTERS = ("counter_1ms", "counter_10ms", "counter_100ms", "counter_async")
 
 
 class Parameters:
-    def __init__(self, **raw):
-        self.__dict__.update(PARAMETERS, **raw)
+    """At the start; a parameter that is no multiple of the granularity stays so, the others are typed."""
+
+    def __init__(self, granularity):
+        self.typed = []
+        for name, (size, start, text, raw) in PARAMETERS.items():
+            setattr(self, name, start if size % granularity else raw)
+            self.typed += [] if size % granularity else [f"{name}={text}"]
 
 
 class Measurement:
@@ -24,22 +31,14 @@ class Measurement:
 
     def __init__(self, name, type_name, order, mask, event, expression):
         self.name = name
-        self.type = type_name
-        self.order = order
         self.event = int(event)
-        self.mask = 0 if mask == "-" else int(mask, 16)
-        self.size, self.coding = TYPES[type_name]
+        self.field = Field(type_name, order, 0 if mask == "-" else int(mask, 16))
         self.value = eval(f"lambda n, p: {expression.strip('`')}", dict(HELPERS))  # pylint: disable=eval-used
 
     def raw(self, n, parameters):
         """The raw value at sample n, as a field of its type and mask holds it."""
         value = self.value(n, parameters)
-        if self.coding in "efd":
-            return struct.unpack(self.coding, struct.pack(self.coding, value))[0]
-        shift = (self.mask & -self.mask).bit_length() - 1 if self.mask else 0
-        width = (self.mask >> shift).bit_length() if self.mask else 8 * self.size
-        value = int(value) % (1 << width)
-        return value - (1 << width) if self.coding == "signed" and value >> (width - 1) else value
+        return self.field.wrapped(int(value) if self.field.whole else value)
 
 
 def measurements():

@@ -4,7 +4,7 @@ The programs are found through XCPLUMO_CLI and XCPLUMO_SIM, which CMake sets.
 """
 import json
 import os
-import select
+import re
 import shutil
 import signal
 import subprocess
@@ -13,6 +13,10 @@ import time
 import unittest
 from pathlib import Path
 
+from ecu_model import Parameters
+from recording import Recording
+from relay import Relay
+
 CLI = os.environ["XCPLUMO_CLI"]
 SIM = os.environ["XCPLUMO_SIM"]
 # Sanitizers and shared machines are slow; a test that waits this long has failed.
@@ -20,6 +24,10 @@ PATIENCE = 60.0
 # Timeout of the protocol and supervision interval of quick_config: short to wait for, long for a busy machine.
 QUICK_MS = 400
 HEARTBEAT_MS = 800
+STATISTICS = re.compile(
+    r"(?m)^\d+\.\d s: (\d+) records, lost ODTs (\d+), missed cycles (\d+), overloads (\d+), reconnects (\d+), "
+    r"CAN dropped 0, error frames 0(?:, recorded (\d+) \(dropped 0\))?$")
+COUNTS = ("records", "lost ODTs", "missed cycles", "overloads", "reconnects", "recorded")
 
 
 def wait_until(condition, what, timeout=PATIENCE):
@@ -34,18 +42,24 @@ def wait_until(condition, what, timeout=PATIENCE):
         time.sleep(0.01)
 
 
+def value_line(name, text):
+    """What `get` and `set` print."""
+    return f"{name:<50} {text}\n"
+
+
+def signals(names):
+    """The arguments of `measure` for these signals."""
+    return [argument for name in names for argument in ("-s", name)]
+
+
 class Program:
     """A running program whose standard error, and standard output unless given elsewhere, go to files."""
 
-    def __init__(self, arguments, directory, stdout=None, env=None):
-        self.err_path = Path(tempfile.mkstemp(dir=directory, suffix=".err")[1])
-        self.out_path = None if stdout else Path(tempfile.mkstemp(dir=directory, suffix=".out")[1])
-        with open(self.err_path, "wb") as err:
-            if stdout:
-                self.process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=stdout, stderr=err, env=env)
-            else:
-                with open(self.out_path, "wb") as out:
-                    self.process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env)
+    def __init__(self, arguments, directory, env, stdout=None):
+        self.out_path, self.err_path = (Path(tempfile.mkstemp(dir=directory)[1]) for _ in range(2))
+        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+            self.process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=stdout or out, stderr=err,
+                                            env=env)
 
     @property
     def err(self):
@@ -55,10 +69,20 @@ class Program:
     def out(self):
         return self.out_path.read_text(encoding="utf-8", errors="replace")
 
+    def wait_for(self, condition, what):
+        """Waits for something that happens while the program runs."""
+        def ended():
+            return self.process.poll() is not None
+
+        wait_until(lambda: condition() or ended(), f"{what}; standard error:\n{self.err}")
+        if not condition():
+            raise AssertionError(f"the program ended without {what}:\n{self.err}")
+
     def wait_for_err(self, text):
-        wait_until(lambda: text in self.err or self.process.poll() is not None, f"{text!r} in {self.err!r}")
-        if text not in self.err:
-            raise AssertionError(f"the program ended without {text!r}:\n{self.err}")
+        self.wait_for(lambda: text in self.err, repr(text))
+
+    def wait_for_out(self, text, count=1):
+        self.wait_for(lambda: self.out.count(text) >= count, repr(text))
 
     def signal(self, number):
         self.process.send_signal(number)
@@ -87,28 +111,28 @@ class SystemTest(unittest.TestCase):
         self.env = dict(os.environ, HOME=str(self.dir), XDG_CONFIG_HOME=str(self.dir / "config"))
 
     def start(self, arguments, stdout=None):
-        program = Program([str(a) for a in arguments], self.dir, stdout, self.env)
+        program = Program([str(a) for a in arguments], self.dir, self.env, stdout)
         self.addCleanup(program.kill)
         return program
 
-    def start_sim(self, *options, port=0):
+    def start_sim(self, *options):
         """A simulated ECU; `port` and `a2l` (its description) are attributes of what comes back."""
-        sim = self.start([SIM, "--port", port, *options])
-        wait_until(lambda: sim.out.count("\n") > 0 or sim.process.poll() is not None, "the port")
-        first = sim.out.splitlines()[0] if sim.out else ""
-        if not first.startswith("port "):
-            raise AssertionError(f"no port from the simulated ECU: {first!r} {sim.err}")
-        sim.port = int(first.split()[1])
+        sim = self.start([SIM, "--port", 0, *options])
+        sim.wait_for_out("\n")
+        sim.port = int(sim.out.splitlines()[0].removeprefix("port "))
         sim.a2l = self.write_a2l(*options)
         return sim
+
+    def start_relay(self, *options):
+        """A simulated ECU behind a relay, which takes its place; the ECU is an attribute of it."""
+        relay = Relay(self.start_sim(*options))
+        self.addCleanup(relay.close)
+        return relay
 
     def write_a2l(self, *options):
         """The description that the simulated ECU writes of itself under these options."""
         path = Path(tempfile.mkdtemp(dir=self.dir)) / "ecu.a2l"
-        plain = [o for o in map(str, options)]
-        done = subprocess.run([SIM, *plain, "--write-a2l", str(path)], capture_output=True, text=True, check=False)
-        if done.returncode != 0:
-            raise AssertionError(f"--write-a2l failed: {done.stderr}")
+        subprocess.run([SIM, *map(str, options), "--write-a2l", str(path)], check=True)
         return path
 
     def arguments(self, sim, *arguments):
@@ -117,20 +141,48 @@ class SystemTest(unittest.TestCase):
     def start_cli(self, sim, *arguments, stdout=None):
         return self.start(self.arguments(sim, *arguments), stdout)
 
-    def run_plain(self, *arguments, timeout=PATIENCE, cwd=None):
+    def run_plain(self, *arguments, timeout=PATIENCE, **options):
         """Runs the tool with just these arguments to its end."""
         return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=timeout,
-                              stdin=subprocess.DEVNULL, env=self.env, check=False, cwd=cwd)
+                              stdin=subprocess.DEVNULL, env=self.env, check=False, **options)
 
-    def run_cli(self, sim, *arguments, timeout=PATIENCE):
+    def run_cli(self, sim, *arguments, **options):
         """Runs the tool against a simulated ECU to its end."""
-        return self.run_plain(*self.arguments(sim, *arguments)[1:], timeout=timeout)
+        return self.run_plain(*self.arguments(sim, *arguments)[1:], **options)
+
+    def type_parameters(self, sim, granularity=1):
+        """Sets what drives the ECU's model; returns the parameters."""
+        parameters = Parameters(granularity)
+        done = self.run_cli(sim, "set", *parameters.typed)
+        self.expect(done, done.stdout)
+        return parameters
+
+    def expect(self, done, out="", err="", code=0):
+        self.assertEqual((done.stderr, done.stdout, done.returncode), (err, out, code))
+
+    def statistics(self, err, directory=None):
+        """The counts of the one statistics line, and the groups of the recording, which must hold as many records."""
+        found = STATISTICS.findall(err)
+        self.assertEqual(len(found), 1, err)
+        told = {name: int(number or 0) for name, number in zip(COUNTS, found[0])}
+        if directory is None:
+            return told, []
+        groups = Recording(directory).groups
+        self.assertEqual([told["recorded"], sum(len(g.records) for g in groups)], [told["records"]] * 2, err)
+        for group in groups:
+            self.assertEqual(group.timestamps, sorted(group.timestamps))
+        return told, groups
+
+    def check_gapless(self, group):
+        """The first signal of a group is a counter: it goes up by one from record to record."""
+        values = group.counters()
+        self.assertEqual(values, list(range(values[0], values[0] + len(values))))
 
     def quick_config(self, **sections):
         """A configuration file with short times, for tests that wait for them; sections are laid over it."""
         values = {"xcp": {"timeoutsMs": [QUICK_MS] * 7}, "reconnect": {"intervalMs": 50, "heartbeatMs": HEARTBEAT_MS}}
         for name, section in sections.items():
-            values[name] = {**values.get(name, {}), **section} if isinstance(section, dict) else section
+            values[name] = {**values[name], **section}
         return self.config(json.dumps(values), f"quick-{len(list(self.dir.iterdir()))}.json")
 
     def config(self, text, name="session.json"):
@@ -151,11 +203,3 @@ def counters(sim):
     """Ends a simulated ECU; returns its counters by name."""
     stop(sim)
     return {name: int(value) for name, value in (line.split() for line in sim.err.splitlines())}
-
-
-def readable(descriptor, timeout=PATIENCE):
-    return bool(select.select([descriptor], [], [], timeout)[0])
-
-
-def main():
-    unittest.main(verbosity=2)

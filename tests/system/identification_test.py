@@ -1,21 +1,17 @@
 """Identification type, timestamp size, byte order and granularity: all shapes of DAQ give the same physical values."""
 import itertools
 import re
+import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 import ecu_model
 import recording_check
-from a2l_text import A2l, display_text
-from harness import SystemTest, main
-from recording import Conversion
+from a2l_text import display_text
+from harness import SystemTest, signals, value_line
 
 SECONDS = 0.5
-IDENTIFICATION = (0, 1, 2, 3)
-TIMESTAMPS = (0, 1, 2, 4)
-ORDERS = ("intel", "motorola")
 # The largest data packet makes several ODTs of every list.
 MAX_DTO = 64
-LINE = re.compile(r"^ *\d+\.\d{3}((?:  \S+=.*?)+)$")
 
 
 class IdentificationTest(SystemTest):
@@ -39,10 +35,10 @@ class IdentificationTest(SystemTest):
             ("--without", "SHORT_UPLOAD", "--max-cto", 8), ("--clock-ppm", 300, "--byte-order", "motorola")])
 
     def run_all(self, granularity):
-        """Every combination of the other three."""
+        """Every combination of identification type, timestamp size and byte order."""
         self.run_shapes(granularity, [
             ("--granularity", granularity, "--identification", i, "--timestamp-size", t, "--byte-order", order)
-            for i, t, order in itertools.product(IDENTIFICATION, TIMESTAMPS, ORDERS)])
+            for i, t, order in itertools.product(range(4), (0, 1, 2, 4), ("intel", "motorola"))])
 
     def run_shapes(self, granularity, shapes):
         """Measures each shape of ECU, some at a time, and checks one after the other."""
@@ -53,56 +49,46 @@ class IdentificationTest(SystemTest):
                 self.check(*run)
 
     def measure(self, granularity, *options):
-        """Runs the tool once; returns the A2L file, the directory of the recording, the signals and the command."""
+        """Runs the tool once; returns A2L file, recording, signals, parameters and the finished command."""
         sim = self.start_sim("--max-dto", MAX_DTO, *options)
         rows = ecu_model.measurements().values()
-        names = [row.name for row in rows if row.size % granularity == 0]
+        rows = [row for row in rows if row.field.size % granularity == 0]
         directory = sim.a2l.parent / "recording"
-        signals = [argument for row in rows if row.name in names for argument in ("-s", f"{row.name}@{row.event}")]
-        done = self.run_cli(sim, "measure", "-t", SECONDS, "-p", "1", "-r", directory, *signals)
+        parameters = self.type_parameters(sim, granularity)
+        done = self.run_cli(sim, "measure", "-t", SECONDS, "-p", "1", "-r", directory,
+                            *signals(f"{row.name}@{row.event}" for row in rows))
         sim.kill()
-        return sim.a2l, directory, names, done
+        return sim.a2l, directory, [row.name for row in rows], parameters, done
 
-    def check(self, a2l, directory, names, done):
-        self.assertEqual(done.returncode, 0, done.stderr)
+    def check(self, a2l, directory, names, parameters, done):
+        self.expect(done, done.stdout, done.stderr)
         self.assertIn(f"measuring {len(names)} signal(s) in 4 DAQ list(s), ", done.stderr)
-        recording = recording_check.check(self, directory, a2l, names)
-        told = recording_check.records_without_loss(self, done.stderr)
-        self.assertEqual(told, sum(len(group.records) for group in recording.groups))
-        lines = done.stdout.splitlines()
-        self.assertEqual(len(lines), told)
-        self.check_lines(A2l(a2l.read_text(encoding="utf-8")), names, lines)
+        groups = recording_check.check(self, done.stderr, directory, a2l, names, parameters).groups
+        # Each line holds the values of one record, in the order asked for.
+        expected = []
+        for group in groups:
+            ordered = sorted(group.signals, key=lambda signal: names.index(signal.name))
+            expected += ["".join(f"  {s.name}={self.shown(s.conversion, s.raw(record))}" for s in ordered)
+                         for record in group.records]
+        lines = [re.sub(r"^ *\d+\.\d{3}(?=  )", "", line) for line in done.stdout.splitlines()]
+        self.assertEqual(sorted(lines), sorted(expected))
 
-    def check_lines(self, a2l, names, lines):
-        """Each printed line holds the values of one sample of one event, in the order asked for."""
-        rows = ecu_model.measurements()
-        conversions = {name: Conversion(a2l.signal(name)["conversion"]) for name in names}
-        parameters = ecu_model.Parameters()
-        for line in lines:
-            self.assertRegex(line, LINE)
-            texts = re.split(r"  (?=\S+=)", line)[1:]
-            counter, n = texts[0].split("=")
-            event = ecu_model.COUNTERS.index(counter)
-            expected = []
-            for name in (name for name in names if rows[name].event == event):
-                conversion = conversions[name]
-                unit = f" {conversion.unit}" if conversion.unit and conversion.kind != "verbal" else ""
-                expected.append(f"{name}={display_text(conversion, rows[name].raw(int(n), parameters))}{unit}")
-            self.assertEqual(texts, expected)
+    @staticmethod
+    def shown(conversion, raw):
+        unit = f" {conversion.unit}" if conversion.unit and conversion.kind != "verbal" else ""
+        return display_text(conversion, raw) + unit
 
     def check_refusal(self, granularity):
         """An object whose size is no multiple of the granularity can be neither measured nor read."""
         sim = self.start_sim("--granularity", granularity, "--max-dto", MAX_DTO)
         for name in ("throttle", "gear"):
-            done = self.run_cli(sim, "measure", "-t", "1", "-s", f"{name}@1", "-s", "counter_10ms@1")
-            self.assertEqual((done.returncode, done.stdout), (1, ""))
             limit = (MAX_DTO - 1) // granularity * granularity
-            self.assertEqual(done.stderr, f"measure: signal of 1 bytes does not fit into an ODT entry (max {limit})\n")
-            done = self.run_cli(sim, "get", name, "counter_10ms")
-            self.assertEqual(done.returncode, 1)
-            self.assertRegex(done.stdout, f"^{name:<50} ERROR upload size must be a non-zero multiple of AG\n"
-                                          f"{'counter_10ms':<50} \\d+\n$")
+            self.expect(self.run_cli(sim, "measure", *signals([f"{name}@1", "counter_10ms@1"])), code=1,
+                        err=f"measure: signal of 1 bytes does not fit into an ODT entry (max {limit})\n")
+            self.expect(self.run_cli(sim, "get", name, "cal_ulong_lsb"), code=1,
+                        out=value_line(name, "ERROR upload size must be a non-zero multiple of AG")
+                        + value_line("cal_ulong_lsb", "0"))
 
 
 if __name__ == "__main__":
-    main()
+    unittest.main()

@@ -1,24 +1,11 @@
 """Checks of a whole recording against the model of the simulated ECU and the A2L file that it was made with."""
-import json
 import math
-import re
 
 import ecu_model
 from a2l_text import A2l
 from recording import Recording, rounded_down, rounded_up
 
-STATISTICS = re.compile(r"^(\d+\.\d) s: (\d+) records, lost ODTs 0, missed cycles 0, overloads 0, reconnects 0, "
-                        r"CAN dropped 0, error frames 0, recorded (\d+) \(dropped 0\)$", re.MULTILINE)
 EVENTS = (("cyclic_1ms", 1000000), ("cyclic_10ms", 10000000), ("cyclic_100ms", 100000000), ("crank_tooth", 0))
-
-
-def records_without_loss(test, err):
-    """The number of records by the statistics line, after a check that it tells of no loss of any kind."""
-    found = STATISTICS.search(err)
-    test.assertIsNotNone(found, err)
-    test.assertEqual(found[2], found[3], err)
-    test.assertNotIn("warning", err.lower())
-    return int(found[2])
 
 
 def check_meta(test, recording, a2l, names):
@@ -35,7 +22,7 @@ def check_meta(test, recording, a2l, names):
 
 
 def check_values(test, group, parameters):
-    """Samples without a gap, every value the one that the model computes; returns the first sample counter."""
+    """Samples without a gap, every value the one that the model computes."""
     rows = ecu_model.measurements()
     counter = next(s for s in group.signals if s.name in ecu_model.COUNTERS)
     first = counter.raw(group.records[0])
@@ -46,12 +33,10 @@ def check_values(test, group, parameters):
         if read != expected:
             at = next(i for i, pair in enumerate(zip(read, expected)) if pair[0] != pair[1])
             test.fail(f"{signal.name} at sample {first + at}: {read[at]} instead of {expected[at]}")
-    return first
 
 
 def check_index(test, group):
     times = group.timestamps
-    test.assertTrue(all(a <= b for a, b in zip(times, times[1:])), f"{group.name}: timestamps decrease")
     test.assertEqual(group.index, [(times[i], times[i + 15]) for i in range(0, len(times) - 15, 16)])
 
 
@@ -75,25 +60,16 @@ def check_levels(test, group):
                                  f"{signal.name}, level {level}, entry {k}")
 
 
-def check(test, directory, a2l_path, names, parameters=None):
-    """All of it; returns the recording."""
+def check(test, err, directory, a2l_path, names, parameters):
+    """All of it, and that nothing was told to be lost; returns the recording."""
+    told, _ = test.statistics(err, directory)
+    test.assertEqual(told, dict.fromkeys(told, 0) | {"records": told["records"], "recorded": told["records"]})
+    test.assertNotIn("warning", err.lower())
     recording = Recording(directory)
     check_meta(test, recording, A2l(a2l_path.read_text(encoding="utf-8")), names)
     for group in recording.groups:
         test.assertTrue(group.records, f"{group.name} has no record")
-        check_values(test, group, parameters or ecu_model.Parameters())
+        check_values(test, group, parameters)
         check_index(test, group)
         check_levels(test, group)
     return recording
-
-
-def spacing(group):
-    """Sorted deviations of the distances of records from the nominal period, in nanoseconds."""
-    return sorted(abs(b - a - group.meta["cycleNs"]) for a, b in zip(group.timestamps, group.timestamps[1:]))
-
-
-def figures(group):
-    """One line about a group, for reports."""
-    deviations = spacing(group)
-    at = {p: deviations[min(len(deviations) - 1, int(len(deviations) * p / 100))] for p in (50, 99, 99.9, 100)}
-    return json.dumps({"group": group.name, "records": len(group.records), "deviation_ns": at})

@@ -7,11 +7,8 @@ import socket
 import struct
 import threading
 
-NAMES = {0xFF: "CONNECT", 0xFE: "DISCONNECT", 0xFD: "GET_STATUS", 0xFC: "SYNCH", 0xF6: "SET_MTA", 0xF5: "UPLOAD",
-         0xF4: "SHORT_UPLOAD", 0xF0: "DOWNLOAD", 0xE2: "SET_DAQ_PTR", 0xE1: "WRITE_DAQ", 0xE0: "SET_DAQ_LIST_MODE",
-         0xDE: "START_STOP_DAQ_LIST", 0xDD: "START_STOP_SYNCH", 0xDA: "GET_DAQ_PROCESSOR_INFO",
-         0xD9: "GET_DAQ_RESOLUTION_INFO", 0xD7: "GET_DAQ_EVENT_INFO", 0xD6: "FREE_DAQ", 0xD5: "ALLOC_DAQ",
-         0xD4: "ALLOC_ODT", 0xD3: "ALLOC_ODT_ENTRY"}
+NAMES = {0xFF: "CONNECT", 0xFE: "DISCONNECT", 0xFD: "GET_STATUS", 0xF4: "SHORT_UPLOAD", 0xF0: "DOWNLOAD",
+         0xDD: "START_STOP_SYNCH", 0xDA: "GET_DAQ_PROCESSOR_INFO", 0xD6: "FREE_DAQ"}
 STOP_ALL = b"\xDD\x00"
 
 
@@ -30,6 +27,7 @@ class Relay:
     """`port` and `a2l` are attributes, so that a relay can stand wherever a simulated ECU can."""
 
     def __init__(self, sim):
+        self.sim = sim
         self.a2l = sim.a2l
         self.commands = []  # each command packet without its header, in the order sent
         self.front = udp_socket()
@@ -51,8 +49,12 @@ class Relay:
         self.turn(self.hole.getsockname()[1])
 
     def turn(self, port):
-        self.back = udp_socket(port)
-        self.opened.append(self.back)
+        self.opened.append(udp_socket(port))
+        self.resume(self.opened[-1])
+
+    def resume(self, back):
+        """Commands go to where this former `back` leads."""
+        self.back = back
         self.waker.send(b"x")
 
     def inject(self, command):

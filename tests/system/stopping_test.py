@@ -7,36 +7,29 @@ import unittest
 from pathlib import Path
 
 import harness
+from harness import value_line
 from recording import Recording
-from relay import STOP_ALL, Relay
+from relay import STOP_ALL
 
 # How much slower than an ordinary build the programs may be (sanitizers).
 SLOWNESS = float(os.environ.get("XCPLUMO_SLOWNESS", "1"))
-STATISTICS = re.compile(r"(?m)^\d+\.\d s: (\d+) records, lost ODTs 0, missed cycles 0, overloads 0, reconnects (\d+), "
-                        r"CAN dropped 0, error frames 0(?:, recorded (\d+) \(dropped (\d+)\))?$")
+CLEAN_END = [STOP_ALL, b"\xFE"]
+LONG = {"timeoutsMs": [65000] * 7}
 
 
 class StoppingTest(harness.SystemTest):
-    def relay(self, sim):
-        relay = Relay(sim)
-        self.addCleanup(relay.close)
-        return relay
-
-    def measure(self, sim, *arguments, config=None, stdout=None):
+    def measure(self, sim, *arguments, stdout=None, **config):
         self.recording = Path(tempfile.mkdtemp(dir=self.dir))
-        return self.start_cli(sim, "-c", config or self.quick_config(), "measure", "-s", "counter_1ms", "-r",
+        return self.start_cli(sim, "-c", self.quick_config(**config), "measure", "-s", "counter_1ms", "-r",
                               self.recording, *arguments, stdout=stdout)
 
-    def recorded(self, program):
-        """Number of records; statistics line, recording and counters of the ECU agree on it."""
-        found = STATISTICS.findall(program.err)
-        self.assertEqual(len(found), 1, program.err)
-        records, _, recorded, dropped = map(int, found[0])
-        self.assertEqual((recorded, dropped), (records, 0))
-        group = Recording(self.recording).groups[0]
-        values = [group.signals[0].raw(record) for record in group.records]
-        self.assertEqual(values, list(range(values[0], values[0] + recorded)))
-        return recorded
+    def check_recorded(self, program, reconnects=0):
+        """Statistics line and recording agree, and nothing is missing; returns the number of records."""
+        told, groups = self.statistics(program.err, self.recording)
+        lossless = dict.fromkeys(told, 0) | {"reconnects": reconnects}
+        self.assertEqual(told, lossless | {"records": told["records"], "recorded": told["records"]})
+        self.check_gapless(groups[0])
+        return told["records"]
 
     def stop_in_time(self, program, number=signal.SIGINT):
         code, seconds = harness.stop(program, number)
@@ -44,163 +37,119 @@ class StoppingTest(harness.SystemTest):
         return code
 
     def test_measurement_ends_cleanly_whatever_ends_it(self):
-        ends = {
-            "SIGINT": lambda program, _: program.signal(signal.SIGINT),
-            "SIGTERM": lambda program, _: program.signal(signal.SIGTERM),
-            "closed pipe": lambda _, reader: reader.close(),
-            "duration": lambda _, __: None,
-        }
-        for name, end in ends.items():
-            with self.subTest(name):
-                sim = self.start_sim()
-                relay = self.relay(sim)
+        for end in (signal.SIGINT, signal.SIGTERM, "closed pipe", "duration"):
+            with self.subTest(end):
+                relay = self.start_relay()
                 reading, writing = os.pipe()
-                reader = os.fdopen(reading, "rb")
-                duration = ["-t", "0.5"] if name == "duration" else []
-                program = self.measure(relay, "-p", "10", *duration, stdout=writing)
-                os.close(writing)
-                self.assertIn(b"counter_1ms=", reader.readline())
-                end(program, reader)
-                self.assertEqual(program.finish(), 0, program.err)
-                self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
-                recorded = self.recorded(program)
-                seen = harness.counters(sim)
-                self.assertEqual((seen["samples"], seen["commands"]), (recorded, len(relay.commands)))
-                reader.close()
+                with os.fdopen(reading, "rb") as reader:
+                    program = self.measure(relay, "-p", "10", *["-t", "0.5"][:2 * (end == "duration")], stdout=writing)
+                    os.close(writing)
+                    self.assertIn(b"counter_1ms=", reader.readline())
+                    if end == "closed pipe":
+                        reader.close()
+                    elif end != "duration":
+                        program.signal(end)
+                    self.assertEqual(program.finish(), 0, program.err)
+                self.assertEqual(relay.commands[-2:], CLEAN_END)
+                seen = harness.counters(relay.sim)
+                self.assertEqual(seen["samples"], self.check_recorded(program))
+                self.assertEqual(seen["commands"], len(relay.commands))
 
-    def measure_until_silent(self, *arguments, **config):
+    def measure_until_silent(self, **config):
         """A measurement whose ECU falls silent after some records; returns it and the relay."""
-        relay = self.relay(self.start_sim())
-        program = self.measure(relay, "-p", "10", *arguments, config=self.quick_config(**config))
-        harness.wait_until(lambda: program.out.count("\n") > 3 or program.process.poll() is not None, "records")
+        relay = self.start_relay()
+        program = self.measure(relay, "-p", "10", **config)
+        program.wait_for_out("\n", 4)
         relay.hide()
         return program, relay
 
     def test_silent_ecu_while_measuring(self):
-        program, relay = self.measure_until_silent(reconnect={"heartbeatMs": 60000})
-        self.assertEqual(self.stop_in_time(program), 1)
-        self.assertIn("\nstop: START_STOP_SYNCH: no response from slave (t1)\n", program.err)
-        self.assertNotRegex(program.err, STATISTICS)
-        self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
-        group = Recording(self.recording).groups[0]
-        values = [group.signals[0].raw(record) for record in group.records]
-        self.assertEqual(values, list(range(values[0], values[0] + len(values))))
-        self.assertGreater(len(values), 30)
+        # timeout(1) signals its command and the command's group: two signals close together are one stop.
+        for number, again in ((signal.SIGINT, False), (signal.SIGTERM, True)):
+            with self.subTest(number):
+                program, relay = self.measure_until_silent(reconnect={"heartbeatMs": 60000})
+                if again:
+                    program.signal(number)
+                    program.wait_for(lambda relay=relay: relay.commands[-1] == STOP_ALL, "the stop")
+                self.assertEqual(self.stop_in_time(program, number), 1)
+                self.assertIn("\nstop: START_STOP_SYNCH: no response from slave (t1)\n", program.err)
+                self.assertNotRegex(program.err, harness.STATISTICS)
+                self.assertEqual(relay.commands[-2:], CLEAN_END)
+                group = Recording(self.recording).groups[0]
+                self.check_gapless(group)
+                self.assertGreater(len(group.records), 30)
 
     def test_while_reconnecting(self):
         for name, interval in (("in the pause", 60000), ("in an attempt", 1)):
             with self.subTest(name):
                 program, relay = self.measure_until_silent(
-                    xcp={"timeoutsMs": [30000] * 7}, reconnect={"policy": "retry_forever", "intervalMs": interval})
+                    xcp=LONG, reconnect={"policy": "retry_forever", "intervalMs": interval})
                 program.wait_for_err("** reconnecting: ")
                 if name == "in an attempt":
-                    harness.wait_until(lambda: relay.count("CONNECT") == 2, "the second CONNECT")
+                    program.wait_for(lambda relay=relay: relay.count("CONNECT") == 2, "the second CONNECT")
                 self.assertEqual(self.stop_in_time(program), 0, program.err)
-                self.assertGreater(self.recorded(program), 30)
-                self.assertEqual(STATISTICS.findall(program.err)[0][1], "1")
+                self.assertGreater(self.check_recorded(program, reconnects=1), 30)
 
     def test_failed_session_does_not_wait_for_the_ecu(self):
-        program, relay = self.measure_until_silent(xcp={"timeoutsMs": [65000] * 7})
+        program, relay = self.measure_until_silent(xcp=LONG)
         self.assertEqual(program.finish(), 2, program.err)
-        self.assertIn("** failed: connection lost: ", program.err)
-        self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
-        self.recorded(program)
+        self.assertEqual(relay.commands[-2:], CLEAN_END)
+        self.check_recorded(program)
 
-    def test_connecting_without_limit(self):
-        for number in (signal.SIGINT, signal.SIGTERM):
-            with self.subTest(number):
-                sim = self.start_sim("--fault", "ignore:CONNECT:1:0")
-                relay = self.relay(sim)
-                config = self.quick_config(xcp={"timeoutsMs": [50] * 7, "connectAttempts": 0})
-                program = self.start_cli(relay, "-c", config, "info")
-                harness.wait_until(lambda: relay.count("CONNECT") > 3, "some attempts")
-                self.assertEqual(self.stop_in_time(program, number), 1)
-                self.assertEqual((program.out, program.err), ("", "connect: CONNECT: stopped\n"))
-
-    def test_while_starting_leaves_no_list_running(self):
-        relay = self.relay(self.start_sim("--fault", "late:START_STOP_SYNCH:1:1:60000"))
-        program = self.measure(relay, config=self.quick_config(xcp={"timeoutsMs": [900] * 7}))
-        harness.wait_until(lambda: relay.count("START_STOP_SYNCH") == 1, "the start")
-        self.assertEqual(self.stop_in_time(program), 1)
-        self.assertEqual(program.err, "measure: START_STOP_SYNCH: stopped\n")
-        self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
-
-    def test_while_the_ecu_is_asked_for_its_status(self):
-        for attempt in range(5):  # the stop reaches two threads
-            with self.subTest(attempt):
-                relay = self.relay(self.start_sim("--fault", "late:GET_STATUS:1:0:60000"))
-                config = self.quick_config(xcp={"timeoutsMs": [900] * 7}, reconnect={"heartbeatMs": 150})
-                program = self.start_cli(relay, "-c", config, "measure", "-s", "counter_100ms@2")
-                harness.wait_until(lambda: relay.count("GET_STATUS") == 1, "the question")
-                self.assertEqual(self.stop_in_time(program), 0, program.err)
-                self.assertNotIn("** ", program.err)
-                self.assertRegex(program.err, STATISTICS)
-
-    def test_get_ends_at_the_next_value(self):
-        sim = self.start_sim("--fault", "late:SHORT_UPLOAD:5:0:60000")
-        relay = self.relay(sim)
-        config = self.quick_config(xcp={"timeoutsMs": [900] * 7})
-        program = self.start_cli(relay, "-c", config, "get", *["cal_limited"] * 30)
-        harness.wait_until(lambda: relay.count("SHORT_UPLOAD") == 5, "the fifth value")
-        self.assertEqual(self.stop_in_time(program), 1)
-        lines = program.out.splitlines()
-        self.assertEqual([line.split(None, 1)[1] for line in lines], ["7.000"] * 4 + ["ERROR SHORT_UPLOAD: stopped"])
-        self.assertEqual((relay.names()[-1], program.err), ("DISCONNECT", ""))
+    def test_unanswered_command_is_given_up(self):
+        """Each row: the fault, the command, what is waited for and how often; exit code, output and error."""
+        status = ["-s", "counter_100ms@2"]
+        values = value_line("cal_limited", "7.000") * 4 + value_line("cal_limited", "ERROR SHORT_UPLOAD: stopped")
+        rows = [
+            ("ignore:CONNECT:1:0", ["info"], "CONNECT", 4, 1, "", "connect: CONNECT: stopped\n"),
+            ("late:START_STOP_SYNCH:1:1:60000", ["measure", "-s", "wave", "-p", "0"], "START_STOP_SYNCH", 1, 1, "",
+             "measure: START_STOP_SYNCH: stopped\n"),
+            ("late:SHORT_UPLOAD:5:0:60000", ["get", *["cal_limited"] * 30], "SHORT_UPLOAD", 5, 1, values, ""),
+        ] + [("late:GET_STATUS:1:0:60000", ["measure", *status], "GET_STATUS", 1, 0, None, None)] * 5
+        for number, (fault, arguments, command, count, code, out, err) in enumerate(rows):
+            with self.subTest(fault):  # the stop of GET_STATUS reaches two threads
+                relay = self.start_relay("--fault", fault)
+                timeout = 50 if command == "CONNECT" else 900
+                config = self.quick_config(xcp={"timeoutsMs": [timeout] * 7, "connectAttempts": 0},
+                                           reconnect={"heartbeatMs": 150})
+                program = self.start_cli(relay, "-c", config, *arguments)
+                program.wait_for(lambda: relay.count(command) >= count, command)  # pylint: disable=cell-var-from-loop
+                signals = (signal.SIGINT, signal.SIGTERM)
+                self.assertEqual(self.stop_in_time(program, signals[number % 2]), code, program.err)
+                if err is None:
+                    self.assertNotIn("** ", program.err)
+                    self.statistics(program.err)
+                else:
+                    self.assertEqual((program.out, program.err), (out, err))
+                if arguments[0] == "measure":
+                    self.assertEqual(relay.commands[-2:], CLEAN_END)
+                elif arguments[0] == "get":
+                    self.assertEqual(relay.names()[-1], "DISCONNECT")
 
     def test_set_reads_back_what_it_has_begun_to_write(self):
-        sim = self.start_sim("--fault", "pending:DOWNLOAD:2:1:600")
-        relay = self.relay(sim)
-        assignments = [f"cal_limited={n}" for n in range(1, 9)]
-        program = self.start_cli(relay, "set", *assignments)
-        harness.wait_until(lambda: relay.count("DOWNLOAD") == 2, "the second write")
+        relay = self.start_relay("--fault", "pending:DOWNLOAD:2:1:600")
+        program = self.start_cli(relay, "set", *(f"cal_limited={n}" for n in range(1, 9)))
+        program.wait_for(lambda: relay.count("DOWNLOAD") == 2, "the second write")
         self.assertEqual(harness.stop(program)[0], 1)
-        begun = relay.names()[-1 - relay.names()[::-1].index("DOWNLOAD"):]
-        self.assertEqual(begun[1], "SHORT_UPLOAD")
-        self.assertEqual((begun[-1], program.err), ("DISCONNECT", ""))
-        self.assertEqual([line.split(None, 1)[1] for line in program.out.splitlines()], ["1.000", "2.000"])
-        self.assertEqual(self.run_cli(sim, "get", "cal_limited").stdout.split()[1], "2.000")
-        self.assertEqual(harness.counters(sim)["writes"], 2)
-
-    def test_second_signal_kills(self):
-        for number in (signal.SIGINT, signal.SIGTERM):
-            with self.subTest(number):
-                program, relay = self.measure_until_silent(xcp={"timeoutsMs": [65000] * 7},
-                                                           reconnect={"heartbeatMs": 60000})
-                program.signal(signal.SIGINT)
-                harness.wait_until(lambda: relay.commands[-1] == STOP_ALL, "the stop")
-
-                def killed():
-                    program.signal(number)
-                    return program.process.poll() is not None
-
-                harness.wait_until(killed, "the end")
-                self.assertEqual(program.finish(), -number)
-
-    def test_signals_that_come_together_are_one(self):
-        # As timeout(1) sends them: to its command and to the command's group.
-        program, relay = self.measure_until_silent(reconnect={"heartbeatMs": 60000})
-        program.signal(signal.SIGTERM)
-        harness.wait_until(lambda: relay.commands[-1] == STOP_ALL, "the stop")
-        program.signal(signal.SIGTERM)
-        self.assertEqual(program.finish(), 1, program.err)
-        self.assertEqual(relay.commands[-2:], [STOP_ALL, b"\xFE"])
-        self.assertIn("\nstop: START_STOP_SYNCH: no response from slave (t1)\n", program.err)
+        self.assertEqual((program.out, program.err),
+                         (value_line("cal_limited", "1.000") + value_line("cal_limited", "2.000"), ""))
+        self.assertEqual(relay.names()[-1], "DISCONNECT")
+        self.expect(self.run_cli(relay.sim, "get", "cal_limited"), value_line("cal_limited", "2.000"))
+        self.assertEqual(harness.counters(relay.sim)["writes"], 2)
 
     def test_reader_that_pauses_costs_lines_not_records(self):
         sim = self.start_sim("--load-signals", "300", "--load-bytes", "8")
-        names = [argument for n in range(300) for argument in ("-s", f"load_{n:04}")]
         reading, writing = os.pipe()
-        program = self.measure(sim, "-p", "1", *names, stdout=writing)
+        program = self.measure(sim, "-p", "1", *harness.signals(f"load_{n:04}" for n in range(300)), stdout=writing)
         os.close(writing)
         file = self.recording / "g0000.rec"
         enough = 6 << 20  # more than pipe and queue hold
-        harness.wait_until(lambda: file.exists() and file.stat().st_size > enough or
-                           program.process.poll() is not None, "a recording that grows without a reader")
+        program.wait_for(lambda: file.exists() and file.stat().st_size > enough, "a recording that grows")
         program.signal(signal.SIGINT)
         with os.fdopen(reading, "rb") as reader:
             lines = reader.read().count(b"\n")
         self.assertEqual(program.finish(), 0, program.err)
-        recorded = self.recorded(program)
+        recorded = self.check_recorded(program)
         self.assertEqual(harness.counters(sim)["samples"], recorded)
         skipped = re.search(r"measure: (\d+) line\(s\) not printed, standard output did not take them", program.err)
         self.assertIsNotNone(skipped, program.err)

@@ -1,33 +1,11 @@
-"""From a typed value to the bytes in the ECU, computed without the tool: inverse, rounding, field, byte order."""
+"""Between bytes, raw and physical values, computed without the tool."""
 import math
 import struct
 
-from recording import ORDERS, TYPES, Formula
-
-
-def to_raw(conversion, value):
-    """The raw value of a physical one, before it is rounded to its type."""
-    if conversion.kind == "linear":
-        a, b = conversion.numbers
-        return (value - b) / a
-    if conversion.kind == "ratFunc":
-        a, b, c, d, e, f = conversion.numbers
-        return (a * value * value + b * value + c) / (d * value * value + e * value + f)
-    if conversion.kind == "table":
-        return between_outputs(conversion.pairs, value) if conversion.interpolate else next(
-            raw for raw, output in conversion.pairs if output == value)
-    return Formula(conversion.meta["formulaInv"])(value) if conversion.kind == "formula" else value
-
-
-def between_outputs(pairs, value):
-    pairs = sorted(pairs, key=lambda pair: pair[1])
-    if not pairs[0][1] <= value <= pairs[-1][1]:
-        raise ValueError(f"{value} is outside the table")
-    if value in (pairs[0][1], pairs[-1][1]):
-        return pairs[0][0] if value == pairs[0][1] else pairs[-1][0]
-    i = next(i for i, pair in enumerate(pairs) if not pair[1] < value)
-    (low, low_out), (high, high_out) = pairs[i - 1], pairs[i]
-    return low if low_out == high_out else low + (high - low) * (value - low_out) / (high_out - low_out)
+TYPES = {"UBYTE": (1, "unsigned"), "UWORD": (2, "unsigned"), "ULONG": (4, "unsigned"), "A_UINT64": (8, "unsigned"),
+         "SBYTE": (1, "signed"), "SWORD": (2, "signed"), "SLONG": (4, "signed"), "A_INT64": (8, "signed"),
+         "FLOAT16_IEEE": (2, "e"), "FLOAT32_IEEE": (4, "f"), "FLOAT64_IEEE": (8, "d")}
+ORDERS = {"MSB_LAST": ("little", "<"), "MSB_FIRST": ("big", ">")}
 
 
 class Field:
@@ -45,21 +23,24 @@ class Field:
         return ((0, (1 << self.width) - 1) if self.coding == "unsigned"
                 else (-(1 << (self.width - 1)), (1 << (self.width - 1)) - 1))
 
+    def wrapped(self, value):
+        """A number as the field holds it and it will be read again, cut off to its bits."""
+        if not self.whole:
+            return struct.unpack(self.coding, struct.pack(self.coding, value))[0]
+        value &= self.mask >> self.shift if self.mask else (1 << self.width) - 1
+        return value - (1 << self.width) if self.coding == "signed" and value >> (self.width - 1) else value
+
     def stored(self, raw):
-        """The raw value as the field holds it and it will be read again; integers round half away from zero."""
+        """The same of a typed number: integers round half away from zero and must fit."""
         if not self.whole:
             # A half is made of the single that is next to the double.
-            narrowed = struct.unpack("f", struct.pack("f", raw))[0] if self.coding != "d" else raw
-            return struct.unpack(self.coding, struct.pack(self.coding, narrowed))[0]
+            return self.wrapped(struct.unpack("f", struct.pack("f", raw))[0] if self.coding == "e" else raw)
         rounded = math.floor(abs(raw))
         rounded = int(math.copysign(rounded + (abs(raw) - rounded >= 0.5), raw))
         low, high = self.bounds()
         if not low <= rounded <= high:
             raise ValueError(f"{rounded} does not fit into {self.type} {self.mask:#x}")
-        field = rounded & ((1 << self.width) - 1)
-        if self.mask:
-            field &= self.mask >> self.shift
-        return field - (1 << self.width) if self.coding == "signed" and field >> (self.width - 1) else field
+        return self.wrapped(rounded)
 
     def encoded(self, stored, before):
         """The bytes of memory that held `before`, once they hold the value."""
@@ -69,3 +50,88 @@ class Field:
         mask = self.mask or (1 << (8 * self.size)) - 1
         old = int.from_bytes(before, order)
         return ((old & ~mask) | ((stored << self.shift) & mask)).to_bytes(self.size, order)
+
+    def decoded(self, data):
+        order, prefix = ORDERS[self.order]
+        if not self.whole:
+            return struct.unpack(prefix + self.coding, data)[0]
+        return self.wrapped(int.from_bytes(data, order) >> self.shift)
+
+
+def between(pairs, x):
+    """Linear interpolation in pairs in ascending order."""
+    i = next(i for i, pair in enumerate(pairs) if not pair[0] < x)
+    (low, low_out), (high, high_out) = pairs[i - 1], pairs[i]
+    return low_out if low == high else low_out + (high_out - low_out) * (x - low) / (high - low)
+
+
+class Conversion:
+    """Between raw and physical value, by the words of a recording's meta.json."""
+
+    def __init__(self, meta):
+        self.meta = meta
+        self.kind = meta["type"]
+        self.unit = meta.get("unit", "")
+        self.format = meta.get("format", "")
+        self.ranges = [(float(r["min"]), float(r["max"]), r["text"]) for r in meta.get("verbal", [])]
+        self.pairs = [(float(a), float(b)) for a, b in meta.get("table", [])]
+
+    def calculated(self, key, x):
+        """The formulas of the tests are Python too."""
+        return float(eval(self.meta[key], dict(vars(math), X1=x)))  # pylint: disable=eval-used
+
+    def physical(self, raw):
+        """One method for each type that a recording may name."""
+        return getattr(self, self.kind)(float(raw))
+
+    def identical(self, x):
+        return x
+
+    verbal = identical
+
+    def linear(self, x):
+        return self.meta["linear"][0] * x + self.meta["linear"][1]
+
+    def ratFunc(self, x):
+        a, b, c, d, e, f = self.meta["ratFunc"]
+        first, second, third = a - x * d, b - x * e, c - x * f
+        if abs(first) < 1e-15:
+            return math.nan if second == 0 else -third / second + 0.0
+        root = second * second - 4 * first * third
+        return math.nan if root < 0 else (math.sqrt(root) - second) / (2 * first) + 0.0
+
+    def table(self, x):
+        if not self.meta["interpolate"]:
+            nearest = min(self.pairs, key=lambda pair: abs(pair[0] - x))
+            return nearest[1] if nearest[0] == x else self.meta.get("defaultNumeric", nearest[1])
+        (least, first), (greatest, last) = self.pairs[0], self.pairs[-1]
+        return first if x <= least else last if x >= greatest else between(self.pairs, x)
+
+    def formula(self, x):
+        return self.calculated("formula", x)
+
+    def to_raw(self, value):
+        """The raw value of a physical one, before it is rounded to its type."""
+        if self.kind == "linear":
+            return (value - self.meta["linear"][1]) / self.meta["linear"][0]
+        if self.kind == "ratFunc":
+            a, b, c, d, e, f = self.meta["ratFunc"]
+            return (a * value * value + b * value + c) / (d * value * value + e * value + f)
+        if self.kind == "formula":
+            return self.calculated("formulaInv", value)
+        if self.kind != "table":
+            return value
+        turned = [(output, raw) for raw, output in self.pairs]
+        if not self.meta["interpolate"]:
+            return next(raw for output, raw in turned if output == value)
+        turned.sort(key=lambda pair: pair[0])
+        if not turned[0][0] <= value <= turned[-1][0]:
+            raise ValueError(f"{value} is outside the table")
+        ends = {turned[-1][0]: turned[-1][1], turned[0][0]: turned[0][1]}
+        return ends[value] if value in ends else between(turned, value)
+
+    def text(self, raw):
+        """The verbal text, None when there is none."""
+        if self.kind != "verbal":
+            return None
+        return next((t for low, high, t in self.ranges if low <= raw <= high), self.meta.get("defaultText"))
