@@ -26,10 +26,11 @@ Result<TransportSetup> chooseUdp(const SessionConfig::Udp& udp, const a2l::XcpIn
 }
 
 TransportSetup chooseSerial(const SessionConfig::Serial& serial, const a2l::XcpInterface& interface) {
-    const auto described = interface.serial ? interface.serial->baudrate : std::nullopt;
+    const std::uint32_t described =
+        interface.serial ? interface.serial->baudrate.value_or(kDefaultBaudrate) : kDefaultBaudrate;
     xcp::SerialTransportConfig config;
     config.port = serial.port;
-    config.baudrate = serial.baudrate ? *serial.baudrate : described.value_or(kDefaultBaudrate);
+    config.baudrate = serial.baudrate.value_or(described);
     config.resetDelay = serial.resetDelay;
 
     TransportSetup setup;
