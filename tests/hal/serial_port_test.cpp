@@ -118,7 +118,8 @@ TEST(SerialPort, SetsEveryRateExactly) {
         ASSERT_TRUE(opened) << baud;
         const bool standard = baud >= 19200 && baud != 250000 && baud != 1234567 && baud != 12000000;
         const std::string rate = std::to_string(baud);
-        EXPECT_EQ(test::lineSpeed(terminal.descriptor()), (standard ? "standard " : "other ") + rate + " " + rate);
+        EXPECT_EQ(test::lineSpeed(terminal.descriptor()),
+                  (standard ? "standard " : "other ") + rate + " " + rate);
     }
 }
 
