@@ -1,7 +1,7 @@
 """A reader of recordings, written from docs/recording-format.md and nothing else.
 
-It is slow and plain on purpose: every rule of that page stands here once, so that a fault of the tool's own writer
-cannot hide in code that both share.
+It is slow and plain on purpose: the rules of that page stand here and in value_coding.py once (formulas as far as the
+tests have them), so that a fault of the tool's own writer cannot hide in code that both share.
 """
 import json
 import math
