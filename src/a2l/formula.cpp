@@ -64,9 +64,10 @@ double applyFunction(std::uint8_t opcode, double x) {
 
 }  // namespace
 
+// One flat switch, because every call would cost more than the operation it makes.
 // The top of the stack lives in a register, `below` points behind what lies under it. The slots need no
 // initial values: a compiled program writes each one before it reads it.
-double Formula::evaluate(const double* variables, std::size_t count) const {
+double Formula::evaluate(const double* variables, std::size_t count) const {  // NOLINT(*-function-size)
     std::array<double, kFormulaStackSize> stack;
     double* below = stack.data();
     double top = 0;

@@ -69,7 +69,7 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
         std::string name = event.name;
         // By bytes, as everywhere in this output.
         if (name.size() < 20) name.resize(20, ' ');
-        lines += fmt::format("  event {:<3} ", event.number) + name + " " + cycle + "\n";
+        lines += fmt::format("  event {:<3} {} {}\n", event.number, name, cycle);
     }
     return lines;
 }

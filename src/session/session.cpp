@@ -68,7 +68,7 @@ Result<void> Session::open() {
         auto capabilities = master_->daqCapabilities();
         if (capabilities.ok()) {
             capabilities_ = std::move(capabilities).value();
-        } else {
+        } else if (!master_->stopRequested()) {
             spdlog::warn("DAQ capabilities not available: {}", capabilities.error().text());
         }
     }

@@ -124,11 +124,12 @@ void SlaveClock::slew(std::int64_t elapsedNs) {
     const std::int64_t target = difference(std::min(windowLeast_, previousLeast_), guardNs_);
     const std::int64_t distance = difference(target, offsetNs_);
     const double size = std::abs(static_cast<double>(distance));
-    double step = static_cast<double>(elapsedNs / kSlewDivisor);
+    const double elapsed = static_cast<double>(elapsedNs);
+    double step = elapsed / static_cast<double>(kSlewDivisor);
     if (size > static_cast<double>(kProportionalSlewFromNs)) {
         step *= size / static_cast<double>(kProportionalSlewFromNs);
     }
-    step = std::min(step, static_cast<double>(elapsedNs / kSteepestSlewDivisor));
+    step = std::min(step, elapsed / static_cast<double>(kSteepestSlewDivisor));
     if (step >= size) {
         offsetNs_ = target;
     } else {

@@ -165,7 +165,7 @@ class FullDiskTest(harness.SystemTest):
         self.assertEqual((directory / "g0000.rec").stat().st_size, 32 + 12 * len(group.records))
         self.assertTrue(500 < len(group.records) < samples)
         self.check_gapless(group)
-        done, samples = self.measure_within(0, self.dir / "none")
+        done, samples = self.measure_within(1, self.dir / "none")
         self.assertRegex(done.stderr, r"^measure: cannot write [^\n]+\n$")
         self.assertEqual((done.returncode, samples), (1, 0))
 
