@@ -109,7 +109,7 @@ class StoppingTest(harness.SystemTest):
         for number, (fault, arguments, command, count, code, out, err) in enumerate(rows):
             with self.subTest(fault):  # the stop of GET_STATUS reaches two threads
                 relay = self.start_relay("--fault", fault)
-                timeout = 50 if command == "CONNECT" else 900
+                timeout = 50 if command == "CONNECT" else 700
                 config = self.quick_config(xcp={"timeoutsMs": [timeout] * 7, "connectAttempts": 0},
                                            reconnect={"heartbeatMs": 150})
                 program = self.start_cli(relay, "-c", config, *arguments)
