@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include "core/bytes.h"
 
@@ -73,10 +74,25 @@ class CobsWriter {
     std::uint8_t* end_;
 };
 
-/// Undoes the stuffing of a body without zero bytes. Both buffers have kShortGroup bytes to spare behind what
-/// they hold. Returns the decoded length, 0 when a group reaches beyond the body.
+/// Undoes the stuffing of a body that is too short for a full group. As above without a branch on the bytes:
+/// the end of the loop is known beforehand, however the zeros lie.
+std::size_t decodeShortCobs(const std::uint8_t* __restrict body, std::size_t length,
+                            std::uint8_t* __restrict out) {
+    std::int32_t toCode = 1 - body[0];  // minus the number of bytes before the next code
+    for (std::size_t i = 1; i < length; ++i) {
+        const std::int32_t isData = toCode >> 31;  // all bits or none
+        out[i - 1] = static_cast<std::uint8_t>(body[i] & isData);
+        toCode -= (body[i] - 1) | isData;
+    }
+    return toCode == 0 ? length - 1 : 0;
+}
+
+/// Undoes the stuffing of a body, at least one byte and none zero. From kLongestGroup bytes on, both buffers
+/// have kShortGroup bytes to spare behind what they hold. Returns the decoded length, 0 when a group reaches
+/// beyond the body.
 std::size_t decodeCobs(const std::uint8_t* __restrict body, std::size_t length,
                        std::uint8_t* __restrict out) {
+    if (length < kLongestGroup) return decodeShortCobs(body, length, out);
     const std::uint8_t* const begin = out;
     const std::uint8_t* const end = body + length;
     std::size_t code = 0;
@@ -108,10 +124,14 @@ std::uint16_t serialCrc(const std::uint8_t* data, std::size_t length) {
                                          t[5][data[2]] ^ t[4][data[3]] ^ t[3][data[4]] ^ t[2][data[5]] ^
                                          t[1][data[6]] ^ t[0][data[7]]);
     }
-    for (; length > 0; ++data, --length) {
-        crc = ((crc << 8U) & 0xFFFFU) ^ t[0][*data ^ (crc >> 8U)];
+    if (length == 0) return static_cast<std::uint16_t>(crc);
+    // The rest likewise: byte by byte, each look-up would wait for the one before.
+    std::uint32_t rest = t[length - 1][data[0] ^ (crc >> 8U)];
+    rest ^= length > 1 ? t[length - 2][data[1] ^ (crc & 0xFFU)] : (crc & 0xFFU) << 8U;
+    for (std::size_t i = 2; i < length; ++i) {
+        rest ^= t[length - 1 - i][data[i]];
     }
-    return static_cast<std::uint16_t>(crc);
+    return static_cast<std::uint16_t>(rest);
 }
 
 void encodeSerialFrame(const std::uint8_t* packet, std::size_t length, std::vector<std::uint8_t>& frame) {
@@ -134,16 +154,25 @@ SerialFrameReceiver::SerialFrameReceiver(ISerialFrameSink& sink)
 void SerialFrameReceiver::receive(const std::uint8_t* data, std::size_t length) {
     const std::uint8_t* const end = data + length;
     while (data < end) {
+        if (!inside_ && *data == kDelimiter) {
+            inside_ = true;
+            ++data;
+            continue;
+        }
         const void* const found = std::memchr(data, kDelimiter, static_cast<std::size_t>(end - data));
         const auto* const delimiter = found == nullptr ? end : static_cast<const std::uint8_t*>(found);
-        collect(data, static_cast<std::size_t>(delimiter - data));
-        if (delimiter == end) return;
-        if (inside_) {
-            closeFrame();
-        } else {
-            inside_ = true;
+        const auto before = static_cast<std::size_t>(delimiter - data);
+        if (inside_ && bodyLength_ == 0 && before < kLongestGroup && delimiter < end) {
+            closeFrame(data, before);  // without a copy: most frames come in one piece
+            data = delimiter + 1;
+            continue;
         }
-        data = delimiter + 1;
+        collect(data, before);
+        data = delimiter;
+        if (inside_ && delimiter < end) {
+            closeFrame(body_.data(), std::exchange(bodyLength_, 0));
+            ++data;
+        }
     }
 }
 
@@ -163,22 +192,21 @@ void SerialFrameReceiver::collect(const std::uint8_t* data, std::size_t length) 
 
 /// What closes an invalid frame may well be what opened the next one, so the receiver stays inside; then a
 /// stray zero costs one frame and not every frame that follows.
-void SerialFrameReceiver::closeFrame() {
-    if (bodyLength_ == 0) return;
-    const std::size_t length = decodeCobs(body_.data(), bodyLength_, packet_.data());
+void SerialFrameReceiver::closeFrame(const std::uint8_t* body, std::size_t bodyLength) {
+    if (bodyLength == 0) return;
+    const std::size_t length = decodeCobs(body, bodyLength, packet_.data());
     if (length > kCrcSize) {
         const std::size_t packetLength = length - kCrcSize;
         const std::uint16_t crc = serialCrc(packet_.data(), packetLength);
         // Byte by byte: a processor reads slowly in one piece what it has just written in two.
         if (packet_[packetLength] == (crc & 0xFFU) && packet_[packetLength + 1] == crc >> 8U) {
             inside_ = false;
-            bodyLength_ = 0;
             sink_.onFrame(packet_.data(), packetLength);
             return;
         }
     }
     sink_.onInvalidFrame();
-    flushBody();
+    sink_.onPlainBytes(body, bodyLength);
 }
 
 void SerialFrameReceiver::giveUpFrame() {

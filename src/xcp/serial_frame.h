@@ -49,7 +49,7 @@ class SerialFrameReceiver {
 
   private:
     void collect(const std::uint8_t* data, std::size_t length);
-    void closeFrame();
+    void closeFrame(const std::uint8_t* body, std::size_t bodyLength);
     void flushBody();
 
     ISerialFrameSink& sink_;
