@@ -7,14 +7,26 @@
 namespace lm::cli {
 namespace {
 
+std::string shownText(const session::SessionValue& value) {
+    return value.text.empty() ? "?" : value.text;
+}
+
 bool printValue(std::string_view name, const Result<session::SessionValue>& value, Output& output) {
-    if (value) {
-        const std::string& text = value.value().text;
-        output.appendValueLine(name, text.empty() ? "?" : text);
-    } else {
-        output.appendValueLine(name, "ERROR " + value.error().text());
-    }
+    output.appendValueLine(name, value ? shownText(value.value()) : "ERROR " + value.error().text());
     return value.ok();
+}
+
+/// A write that failed on its way may have changed the ECU: the user must not have to guess.
+void tellHeld(std::string_view name, const Result<session::SessionValue>& held) {
+    std::string what;
+    if (held) {
+        what = "the ECU now holds " + shownText(held.value());
+    } else if (held.error().code == ErrorCode::timeout) {
+        what = "the ECU does not answer, what it now holds is not known";
+    } else {
+        what = "what the ECU now holds is not known: " + held.error().text();
+    }
+    std::fprintf(stderr, "%s: %s\n", std::string(name).c_str(), what.c_str());
 }
 
 bool assign(session::Session& session, std::string_view assignment, bool allowMeasurements, Output& output) {
@@ -23,7 +35,11 @@ bool assign(session::Session& session, std::string_view assignment, bool allowMe
         std::fprintf(stderr, "%s: expected NAME=VALUE\n", std::string(assignment).c_str());
         return false;
     }
-    return printValue(parts->first, session.write(parts->first, parts->second, allowMeasurements), output);
+    const auto outcome = session.write(parts->first, parts->second, allowMeasurements);
+    const bool done = printValue(parts->first, outcome.value, output);
+    output.flush();
+    if (outcome.held) tellHeld(parts->first, *outcome.held);
+    return done;
 }
 
 }  // namespace
@@ -51,7 +67,6 @@ int runSet(session::Session& session, const std::vector<std::string>& assignment
     for (const std::string& assignment : assignments) {
         if (stopRequested()) return 1;
         if (!assign(session, assignment, allowMeasurements, output)) exitCode = 1;
-        output.flush();
     }
     return exitCode;
 }

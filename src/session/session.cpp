@@ -111,53 +111,65 @@ Result<a2l::ResolvedObject> Session::resolve(std::string_view name) const {
 Result<SessionValue> Session::read(std::string_view name) {
     const auto object = resolve(name);
     if (!object.ok()) return object.error();
-    const auto bytes = master_->upload(object.value().address, object.value().size());
+    return readObject(object.value());
+}
+
+Result<SessionValue> Session::readObject(const a2l::ResolvedObject& object) {
+    const auto bytes = master_->upload(object.address, object.size());
     if (!bytes.ok()) return bytes.error();
     SessionValue value;
-    value.raw = a2l::decodeRaw(bytes.value().data(), object.value().coding);
-    value.physical = object.value().conversion.toPhysical(value.raw);
-    value.text = object.value().conversion.format(value.raw);
+    value.raw = a2l::decodeRaw(bytes.value().data(), object.coding);
+    value.physical = object.conversion.toPhysical(value.raw);
+    value.text = object.conversion.format(value.raw);
     return value;
 }
 
-Result<SessionValue> Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
+WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
     const auto object = resolve(name);
-    if (!object.ok()) return object.error();
-    const bool isMeasurement = object.value().kind == a2l::ObjectKind::measurement;
-    if (!object.value().writable && !(isMeasurement && allowMeasurements)) {
-        return Error{ErrorCode::permissionDenied,
-                     std::string(name) +
-                         (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
-    }
-    auto current = master_->upload(object.value().address, object.value().size());
-    if (!current.ok()) return current.error();
-    std::vector<std::uint8_t> bytes = std::move(current).value();
-    const auto encoded = a2l::encodeText(object.value(), text, bytes);
-    if (!encoded.ok()) return encoded.error();
+    if (!object.ok()) return {object.error()};
+    const auto bytes = bytesToWrite(object.value(), text, allowMeasurements);
+    if (!bytes.ok()) return {bytes.error()};
     {
         const std::lock_guard lock(stopMutex_);
-        if (stopRequested_) return Error{ErrorCode::closed, std::string(name) + ": stopped"};
+        if (stopRequested_) return {Error{ErrorCode::closed, std::string(name) + ": stopped"}};
         writing_ = true;
     }
-    const auto written = writeBytes(object.value(), bytes);
-    Result<SessionValue> value = written.ok() ? read(name) : Result<SessionValue>(written.error());
+    WriteOutcome outcome{writeBytes(object.value(), bytes.value())};
+    if (!outcome.value.ok()) outcome.held = readObject(object.value());
     const std::lock_guard lock(stopMutex_);
     writing_ = false;
     if (stopRequested_) master_->requestStop();
-    return value;
+    return outcome;
 }
 
-/// Writes and compares what the ECU then holds.
-Result<void> Session::writeBytes(const a2l::ResolvedObject& object, const std::vector<std::uint8_t>& bytes) {
+/// The object's bytes in the ECU with the value merged into them.
+Result<std::vector<std::uint8_t>> Session::bytesToWrite(const a2l::ResolvedObject& object,
+                                                        std::string_view text, bool allowMeasurements) {
+    const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
+    if (!object.writable && !(isMeasurement && allowMeasurements)) {
+        return Error{
+            ErrorCode::permissionDenied,
+            object.name + (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
+    }
+    auto bytes = master_->upload(object.address, object.size());
+    if (!bytes.ok()) return bytes;
+    const auto encoded = a2l::encodeText(object, text, bytes.value());
+    if (!encoded.ok()) return encoded.error();
+    return bytes;
+}
+
+/// Writes, compares what the ECU then holds, and reads the value once more.
+Result<SessionValue> Session::writeBytes(const a2l::ResolvedObject& object,
+                                         const std::vector<std::uint8_t>& bytes) {
     auto downloaded = master_->download(object.address, bytes);
-    if (!downloaded.ok()) return downloaded;
+    if (!downloaded.ok()) return downloaded.error();
     const auto readBack = master_->upload(object.address, object.size());
     if (!readBack.ok()) return readBack.error();
     if (readBack.value() != bytes) {
         return Error{ErrorCode::protocolError,
                      object.name + ": read back value differs from the written value"};
     }
-    return {};
+    return readObject(object);
 }
 
 Result<void> Session::sendText(std::string_view line) {

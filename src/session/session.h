@@ -35,6 +35,13 @@ struct SessionValue {
     std::string text;  ///< display text of the conversion
 };
 
+/// What became of a write.
+struct WriteOutcome {
+    Result<SessionValue> value;  ///< the value as read back
+    /// Only when the write failed after the first command that can change memory: what the ECU held then.
+    std::optional<Result<SessionValue>> held = {};
+};
+
 class Session final : private xcp::IMasterListener {
   public:
     /// Called with every warning about the A2L, beside the log.
@@ -72,7 +79,7 @@ class Session final : private xcp::IMasterListener {
     /// stop request that comes after the writing has begun waits for all of it. Errors: the resolver's and
     /// the master's, "NAME is not writable", "NAME is a measurement without READ_WRITE", those of
     /// a2l::encodeText, "NAME: read back value differs from the written value".
-    Result<SessionValue> write(std::string_view name, std::string_view text, bool allowMeasurements);
+    WriteOutcome write(std::string_view name, std::string_view text, bool allowMeasurements);
 
     /// Sends a line of text to the ECU. Errors: unsupported "text input needs a serial line", those of
     /// xcp::SerialTransport::sendText.
@@ -121,7 +128,11 @@ class Session final : private xcp::IMasterListener {
 
     void changeState(SessionState state, const std::string& message);
     Result<a2l::ResolvedObject> resolve(std::string_view name) const;
-    Result<void> writeBytes(const a2l::ResolvedObject& object, const std::vector<std::uint8_t>& bytes);
+    Result<SessionValue> readObject(const a2l::ResolvedObject& object);
+    Result<std::vector<std::uint8_t>> bytesToWrite(const a2l::ResolvedObject& object, std::string_view text,
+                                                   bool allowMeasurements);
+    Result<SessionValue> writeBytes(const a2l::ResolvedObject& object,
+                                    const std::vector<std::uint8_t>& bytes);
     void warnAboutByteOrder() const;
 
     // Constant after construction.

@@ -69,6 +69,8 @@ REFUSED_WITH_M = (
     ("bad_address=1", "SHORT_UPLOAD: ERR_OUT_OF_RANGE (0x22)"),
     ("program_id=1", "DOWNLOAD: ERR_WRITE_PROTECTED (0x23)"),
 )
+# Of those, the ones that were sent to the ECU, and what it holds afterwards.
+SENT = {"cal_protected": "815.000", "cal_stubborn": "4711.000", "program_id": "541463041"}
 # Assignments that succeed: what is typed, the text read back, address and bytes in memory.
 WRITTEN = (
     ("cal_limited=100.00000005", "100.000", 0x1008C, "6400"),
@@ -195,8 +197,21 @@ class ValuesTest(SystemTest):
         for rows, options in ((REFUSED, []), (REFUSED_WITH_M, ["-m"])):
             done = self.run_cli(sim, "set", *options, *(text for text, _ in rows))
             lines = [value_line(text.partition("=")[0], f"ERROR {error}") for text, error in rows]
-            self.expect(done, "".join(lines), code=1)
+            told = [f"{name}: the ECU now holds {held}\n" for name, held in SENT.items() if f"{name} " in done.stdout]
+            self.expect(done, "".join(lines), "".join(told), code=1)
         self.assertEqual(Memory(sim.image).bytes(BASE, 0xC0).hex(), before.hex())
+
+    def test_a_write_that_fails_half_way_tells_what_the_ecu_holds(self):
+        """The value takes two DOWNLOADs; the second one meets the fault."""
+        unknown = "what it now holds is not known"
+        rows = (("error:DOWNLOAD:2:0:36", "DOWNLOAD: ERR_ACCESS_DENIED (0x24)", "the ECU now holds 3.3158e+12"),
+                ("silence:DOWNLOAD:2", "DOWNLOAD: SYNCH: no response from slave", f"the ECU does not answer, {unknown}"))
+        for fault, error, held in rows:
+            with self.subTest(fault):
+                sim = self.start_sim("--max-cto", 8, "--fault", fault)
+                done = self.run_cli(sim, "-c", self.quick_config(), "set", "cal_uint64_lsb=0x0102030405000000")
+                self.assertEqual(done.stdout, value_line("cal_uint64_lsb", f"ERROR {error}"))
+                self.assertEqual((done.stderr.splitlines()[-1], done.returncode), (f"cal_uint64_lsb: {held}", 1))
 
     def test_written_values_lie_in_memory(self):
         sim = self.start_with_memory()
