@@ -4,6 +4,7 @@
 #include <optional>
 
 #include <fmt/format.h>
+#include <spdlog/spdlog.h>
 
 #include "core/text.h"
 
@@ -83,6 +84,8 @@ int runInfo(session::Session& session, Output& output) {
         const auto& value = status.value();
         output.append(fmt::format("status         session 0x{:02X}{}\n", value.sessionStatus,
                                   value.daqRunning() ? ", DAQ running" : ""));
+    } else {
+        spdlog::warn("status not available: {}", status.error().text());
     }
     return 0;
 }

@@ -120,6 +120,10 @@ int runMeasure(const Options& options, session::Session& session, Console& conso
         printTalk(statisticsLine(seconds, stats));
     } else {
         printError("stop", stopped.error());
+        if (stats.recording) {
+            spdlog::warn("measure: {} records, recorded {} (dropped {})", stats.records, stats.recorded,
+                         stats.recordedDropped);
+        }
         exitCode = failed ? 2 : 1;
     }
     warnAboutLosses(stats, console);

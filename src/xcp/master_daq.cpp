@@ -1,6 +1,8 @@
 // DAQ configuration of the master: what the slave can do, the allocation of a plan, start and stop.
 #include <algorithm>
 
+#include <spdlog/spdlog.h>
+
 #include "xcp/master.h"
 
 namespace lm::xcp {
@@ -113,6 +115,7 @@ Result<void> Master::readResolutionLocked(DaqCapabilities& capabilities) {
         parseResolutionInfo(reply.value(), connection_.byteOrder(), capabilities);
         return {};
     }
+    if (reply) spdlog::warn("GET_DAQ_RESOLUTION_INFO: the answer is too short, DTOs carry no timestamps");
     capabilities.entryGranularity = 1;
     capabilities.maxEntrySize = static_cast<std::uint8_t>(std::min(connection_.maxDto - 1, 255));
     capabilities.timestampSupported = false;
