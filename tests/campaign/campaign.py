@@ -1,0 +1,53 @@
+"""Runs the cases of a campaign in parallel and prints one line about each that failed and one about all.
+
+A campaign is a SystemTest class with a method `run_case(*case)` and a generator of cases. Every N-th case is run when
+N is given as the only argument; a case given word by word is run alone, as often as it takes to look at it.
+"""
+import concurrent.futures
+import os
+import sys
+import threading
+import time
+
+PARALLEL = 2 * (os.cpu_count() or 1)
+
+
+def run(test_class, *case):
+    """Runs one case in a test of its own; returns what it returns."""
+    class Case(test_class):
+        def runTest(self):  # pylint: disable=invalid-name
+            self.outcome = self.run_case(*case)
+
+    test = Case()
+    result = test.defaultTestResult()
+    test.run(result)
+    for _, trace in result.failures + result.errors:
+        raise AssertionError(trace)
+    return test.outcome
+
+
+def main(name, test_class, cases):
+    arguments = sys.argv[1:]
+    if len(arguments) > 1:
+        run(test_class, *arguments)
+        print("passed")
+        return
+    every = int(arguments[0]) if arguments else 1
+    chosen = [case for number, case in enumerate(cases()) if number % every == 0]
+    begin = time.monotonic()
+    failed = []
+    lock = threading.Lock()
+
+    def one(case):
+        try:
+            run(test_class, *case)
+        except Exception as error:  # pylint: disable=broad-except
+            with lock:
+                failed.append(case)
+                last = [line for line in str(error).strip().splitlines() if line.strip()]
+                print(f"FAILED {name}: {' '.join(map(repr, map(str, case)))}", *last[-12:], sep="\n    ", flush=True)
+
+    with concurrent.futures.ThreadPoolExecutor(PARALLEL) as pool:
+        list(pool.map(one, chosen))
+    print(f"{name}: {len(chosen)} cases, {len(failed)} failed, {time.monotonic() - begin:.0f} s")
+    sys.exit(1 if failed else 0)

@@ -1,0 +1,49 @@
+"""The tool is killed at random moments: what its recording held before stays, and at most the last flush is missing."""
+import random
+import signal
+import sys
+import time
+from pathlib import Path
+
+import campaign
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
+import harness  # pylint: disable=wrong-import-position
+from recording import Recording  # pylint: disable=wrong-import-position
+
+SIGNALS = harness.signals(["counter_1ms@0", "wave@0", "counter_10ms@1", "gear@1"])
+FLUSH_S = 1.0
+SLACK_S = 1.0  # of a busy machine
+
+
+class Killed(harness.SystemTest):
+    def run_case(self, seed):
+        chance = random.Random(int(seed))
+        sim = self.start_sim()
+        directory = self.dir / "recording"
+        program = self.start_cli(sim, "measure", "-p", "0", "-r", directory, *SIGNALS)
+        program.wait_for_err("measuring ")
+        began = time.monotonic()
+        time.sleep(chance.uniform(0, 3))  # a moment is what is tried here
+        program.signal(signal.SIGKILL)
+        program.finish()
+        lasted = time.monotonic() - began
+        samples = harness.counters(sim)
+        if not (directory / "meta.json").exists():
+            return
+        groups = Recording(directory).groups
+        for group, cycle in zip(groups, (0.001, 0.01)):
+            self.assertEqual(group.timestamps, sorted(group.timestamps))
+            if group.records:
+                self.check_gapless(group)
+            missing = lasted - len(group.records) * cycle
+            self.assertLess(missing, FLUSH_S + SLACK_S, f"{group.name}: {len(group.records)} records in {lasted} s")
+        self.assertLessEqual(sum(len(group.records) for group in groups), samples["samples"])
+
+
+def cases():
+    yield from ((seed,) for seed in range(200))
+
+
+if __name__ == "__main__":
+    campaign.main("killed", Killed, cases)
