@@ -16,7 +16,6 @@ namespace lm::xcp {
 namespace {
 
 using lm::test::PseudoTerminal;
-using std::chrono::milliseconds;
 using test::Bytes;
 using test::hexText;
 
@@ -24,8 +23,7 @@ using test::hexText;
 class Arrivals final : public IPacketSink, public ITextSink {
   public:
     void onPacket(const std::uint8_t* data, std::size_t length, ReceiveTime time) override {
-        EXPECT_GT(time.hostNs, 0);
-        EXPECT_EQ(time.hardwareNs, 0);
+        EXPECT_TRUE(time.hostNs > 0 && time.hardwareNs == 0);
         add("[" + hexText(data, length) + "]");
     }
     void onTransportEvent(const hal::CanChannelEvent&) override { ADD_FAILURE(); }
@@ -58,160 +56,112 @@ std::string frameText(const Bytes& packet) {
     return {frame.begin(), frame.end()};
 }
 
-/// A transport on a link to a pseudo-terminal, which can be replaced like an adapter that is plugged in
-/// again.
+std::string outcome(const Result<void>& result) {
+    return result.ok() ? "" : result.error().text();
+}
+
+/// A link to a pseudo-terminal, which can be replaced like an adapter that is plugged in again.
 class SerialTransportTest : public ::testing::Test {
   protected:
-    explicit SerialTransportTest(milliseconds delay = milliseconds(0)) : delay_(delay) {
-        plugIn();
-        transport_.setSink(&arrivals_);
-        transport_.setTextSink(&arrivals_);
-    }
+    SerialTransportTest() { plugIn(); }
     void plugIn() {
         terminal_ = std::make_unique<PseudoTerminal>();
         std::filesystem::remove(link_);
         std::filesystem::create_symlink(terminal_->path(), link_);
     }
-    Result<void> send(const Bytes& packet) { return transport_.send(packet.data(), packet.size()); }
+    std::string send(const Bytes& packet) { return outcome(transport_.send(packet.data(), packet.size())); }
 
     const lm::test::TempDir directory_;
     const std::string link_ = directory_.path() / "port";
-    const milliseconds delay_;
+    const std::string lost_ = "connection lost: " + link_ + ": port gone";
     Arrivals arrivals_;
     std::unique_ptr<PseudoTerminal> terminal_;
-    SerialTransport transport_{
-        {.port = link_, .baudrate = 1'000'000, .resetDelay = delay_, .maxPacketSize = 8}};
-};
-
-/// The delay is longer than any test: something has to end it.
-class SerialResetTest : public SerialTransportTest {
-  protected:
-    SerialResetTest() : SerialTransportTest(std::chrono::hours(1)) {}
-    std::future<std::string> openBeside() {
-        return std::async(std::launch::async, [this] {
-            auto opened = transport_.open();
-            return opened.ok() ? "" : opened.error().text();
-        });
-    }
-    /// Writes until the port is open and the text comes through (opening discards what was there before).
-    void awaitOpen() {
-        while (!transport_.sendText("?").ok()) {
-            std::this_thread::yield();
-        }
-        terminal_->write("boot\n");
-        EXPECT_EQ(arrivals_.upTo("<boot>"), "<boot>");
-    }
+    SerialTransport transport_{{.port = link_, .resetDelay = {}, .maxPacketSize = 8}};
 };
 
 TEST_F(SerialTransportTest, ExchangesPacketsAndText) {
-    EXPECT_EQ(send({1}).error().text(), "XCP on serial: transport not started");
-    ASSERT_TRUE(transport_.open().ok());
-    ASSERT_TRUE(transport_.open().ok());
-    ASSERT_TRUE(send({0xFF, 0x00}).ok());
-    ASSERT_TRUE(transport_.sendText("led on").ok());
+    transport_.setSink(&arrivals_);
+    transport_.setTextSink(&arrivals_);
+    EXPECT_EQ(send({1}), "XCP on serial: transport not started");
+    EXPECT_EQ(outcome(transport_.open()) + outcome(transport_.open()), "");
+    EXPECT_EQ(send({0xFF, 0x00}), "");
+    EXPECT_EQ(outcome(transport_.sendText("led on")), "");
     EXPECT_EQ(terminal_->read(14), std::string("\0\2\xFF\3\xF0\x1E\0led on\n", 14));
-    for (const std::size_t length : {0U, 9U}) {
-        EXPECT_EQ(send(Bytes(length)).error().text(), "XCP packet too large for the transport");
-    }
-    EXPECT_EQ(transport_.sendText(std::string_view("a\0b", 3)).error().text(),
-              "XCP on serial: text with a zero byte");
-
+    EXPECT_EQ(send({}) + send(Bytes(9)),
+              "XCP packet too large for the transportXCP packet too large for the transport");
+    EXPECT_EQ(outcome(transport_.sendText({"a\0b", 3})), "XCP on serial: text with a zero byte");
     std::string damaged = frameText({0xFD, 0x01});
     damaged[2] = 'd';
-    const std::string stream = "hello\r\n" + frameText({0xFF, 0, 1}) + damaged + frameText({0xFE}) + "\n";
-    terminal_->write(stream);
-    EXPECT_EQ(arrivals_.upTo("<\\x05"), "<hello>[FF 00 01][FE]<\\x05d\\x01\\xB3h>");
-    EXPECT_EQ(transport_.statistics().bytesReceived, stream.size());
-    EXPECT_EQ(transport_.statistics().packetsReceived, 2U);
-    EXPECT_EQ(transport_.statistics().invalidFrames, 1U);
-    transport_.close();
-    EXPECT_EQ(send({1}).error().text(), "XCP on serial: transport not started");
-}
-
-TEST_F(SerialTransportTest, HandsOnWhatStopsInTheMiddle) {
-    ASSERT_TRUE(transport_.open().ok());
-    terminal_->write("login: " + frameText({0xFF}));
-    EXPECT_EQ(arrivals_.upTo("login"), "[FF]<login: >");
-    terminal_->write(std::string("\0cut", 4));
-    EXPECT_EQ(arrivals_.upTo("cut"), "<cut>");
-    EXPECT_EQ(transport_.statistics().invalidFrames, 1U);
-    ASSERT_TRUE(transport_.sendText("").ok());
-    terminal_->write("last" + frameText({0xFE}));
-    EXPECT_EQ(arrivals_.upTo("[FE]"), "[FE]");
+    // What stops in the middle, a line or a frame, is handed on when the line falls silent or is closed.
+    const std::pair<std::string, std::string> rows[] = {
+        {"hello\r\n" + frameText({0xFF, 0, 1}) + damaged + frameText({0xFE}) + "\n",
+         "<hello>[FF 00 01][FE]<\\x05d\\x01\\xB3h>"},
+        {"login: " + frameText({0xFF}), "[FF]<login: >"},
+        {std::string("\0cut", 4), "<cut>"},
+        {"last" + frameText({0xFE}), "[FE]"}};
+    std::size_t bytes = 0;
+    for (const auto& [stream, expected] : rows) {
+        terminal_->write(stream);
+        bytes += stream.size();
+        EXPECT_EQ(arrivals_.upTo(expected.substr(expected.size() - 4)), expected);
+    }
     transport_.close();
     EXPECT_EQ(arrivals_.upTo("last"), "<last>");
+    const SerialStatistics seen = transport_.statistics();
+    EXPECT_TRUE(seen.bytesReceived == bytes && seen.packetsReceived == 4 && seen.invalidFrames == 2);
+    EXPECT_EQ(send({1}), "XCP on serial: transport not started");
 }
 
-TEST_F(SerialTransportTest, NeverPutsTextIntoAFrame) {
-    constexpr std::size_t kCount = 2000;
-    ASSERT_TRUE(transport_.open().ok());
-    const std::string line(60, 't');
-    const std::size_t total = kCount * (frameText(Bytes(8, 7)).size() + line.size() + 1);
-    auto reader = std::async(std::launch::async, [&] { return terminal_->read(total); });
-    auto talker = std::async(std::launch::async, [&] {
-        bool sent = true;
-        for (std::size_t i = 0; i < kCount; ++i) {
-            sent = transport_.sendText(line).ok() && sent;
-        }
-        return sent;
-    });
-    for (std::size_t i = 0; i < kCount; ++i) {
-        ASSERT_TRUE(send(Bytes(8, 7)).ok());
-    }
-    ASSERT_TRUE(talker.get());
-    std::string stream = reader.get();
-    for (const std::string& part : {frameText(Bytes(8, 7)), line + "\n"}) {
-        std::size_t count = 0;
-        for (std::size_t at = 0; (at = stream.find(part, at)) != std::string::npos; ++count) {
-            stream.replace(at, part.size(), "");
-        }
-        EXPECT_EQ(count, kCount);
-    }
-    EXPECT_EQ(stream, "");
+TEST_F(SerialTransportTest, NeverPutsAFrameIntoText) {
+    const std::string line(100'000, 't');  // more than a terminal takes at once
+    const std::string frames = frameText({7}) + frameText({7});
+    ASSERT_EQ(outcome(transport_.open()), "");
+    auto talker = std::async(std::launch::async, [&] { return outcome(transport_.sendText(line)); });
+    EXPECT_EQ(terminal_->read(1), "t");  // the line is being written
+    auto reader =
+        std::async(std::launch::async, [&] { return terminal_->read(line.size() + frames.size()); });
+    EXPECT_EQ(send({7}), "");
+    EXPECT_EQ(send({7}), "");
+    EXPECT_EQ(talker.get(), "");
+    EXPECT_TRUE(reader.get() == line.substr(1) + "\n" + frames);
 }
 
 TEST_F(SerialTransportTest, ComesBackAfterThePortWasPulled) {
-    ASSERT_TRUE(transport_.open().ok());
+    transport_.setSink(&arrivals_);
+    transport_.setTextSink(&arrivals_);
+    ASSERT_EQ(outcome(transport_.open()), "");
     terminal_->write("bye" + frameText({1}));
     EXPECT_EQ(arrivals_.upTo("[01]"), "[01]");
-    const std::string loss = "connection lost: " + link_ + ": port gone";
-    EXPECT_FALSE(transport_.lost());
     terminal_->pull();
-    EXPECT_EQ(arrivals_.upTo("{"), "<bye>{" + loss + "}");
-    EXPECT_TRUE(transport_.lost());
-    EXPECT_EQ(send({1}).error().text(), "XCP on serial: " + loss);
-    EXPECT_EQ(transport_.open().error().text(),
+    EXPECT_EQ(arrivals_.upTo("{"), "<bye>{" + lost_ + "}");
+    EXPECT_EQ(send({1}), "XCP on serial: " + lost_);
+    EXPECT_EQ(outcome(transport_.open()),
               "XCP on serial: cannot open " + link_ + ": No such file or directory");
     EXPECT_TRUE(transport_.lost());
     plugIn();
-    ASSERT_TRUE(transport_.open().ok());
+    ASSERT_EQ(outcome(transport_.open()), "");
     EXPECT_FALSE(transport_.lost());
-    ASSERT_TRUE(transport_.sendText("x").ok());
-    EXPECT_EQ(terminal_->read(2), "x\n");
     terminal_->write(frameText({2}));
     EXPECT_EQ(arrivals_.upTo("[02]"), "[02]");
 }
 
-TEST_F(SerialResetTest, ReceivesDuringTheDelayAndEndsItForAStop) {
-    auto opened = openBeside();
-    awaitOpen();
-    transport_.requestStop();
-    EXPECT_EQ(opened.get(), "XCP on serial: stopped");
-    EXPECT_EQ(transport_.open().error().text(), "XCP on serial: stopped");
-    transport_.clearStop();
-    opened = openBeside();
-    awaitOpen();
-    transport_.requestStop();
-    EXPECT_EQ(opened.get(), "XCP on serial: stopped");
-}
-
-TEST_F(SerialResetTest, EndsTheDelayWhenThePortGoes) {
-    auto opened = openBeside();
-    awaitOpen();
-    terminal_->pull();
-    EXPECT_EQ(opened.get(), "XCP on serial: connection lost: " + link_ + ": port gone");
-    EXPECT_TRUE(transport_.lost());
-    EXPECT_EQ(send({1}).error().text(), "XCP on serial: transport not started");
+TEST_F(SerialTransportTest, ReceivesDuringTheResetDelayUntilSomethingEndsIt) {
+    SerialTransport slow({.port = link_, .resetDelay = std::chrono::hours(1)});
+    slow.setTextSink(&arrivals_);
+    for (const bool pulled : {false, true}) {
+        auto opened = std::async(std::launch::async, [&] { return outcome(slow.open()); });
+        while (!slow.sendText("?").ok()) {
+            std::this_thread::yield();  // opening discards what was there before
+        }
+        terminal_->write("boot\n");
+        EXPECT_EQ(arrivals_.upTo("<boot>"), "<boot>");
+        pulled ? terminal_->pull() : slow.requestStop();
+        EXPECT_EQ(opened.get(), "XCP on serial: " + (pulled ? lost_ : "stopped"));
+        EXPECT_EQ(slow.lost(), pulled);
+        EXPECT_EQ(outcome(slow.sendText("x")), "XCP on serial: transport not started");
+        EXPECT_TRUE(outcome(slow.open()).find(pulled ? "cannot open" : "stopped") != std::string::npos);
+        slow.clearStop();
+    }
 }
 
 }  // namespace
