@@ -158,6 +158,8 @@ double realFrom(const Json& json) {
     if (json == "nan") return std::numeric_limits<double>::quiet_NaN();
     if (json == "inf") return std::numeric_limits<double>::infinity();
     if (json == "-inf") return -std::numeric_limits<double>::infinity();
+    // The text of an array or object would take a stack as deep as it is nested.
+    if (json.is_structured()) throw MetaError("not a number: " + std::string(json.type_name()));
     throw MetaError("not a number: " + json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
