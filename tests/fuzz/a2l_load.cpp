@@ -1,0 +1,114 @@
+// A whole A2L description, and what the tool does with each of its objects: resolve, decode, convert, format,
+// encode. The same text in UTF-16 gives the same description.
+#include <array>
+#include <cmath>
+#include <string>
+
+#include "a2l/description.h"
+#include "a2l/object.h"
+#include "core/text.h"
+#include "fuzz_input.h"
+
+namespace lm::fuzz {
+namespace {
+
+constexpr std::array<std::array<std::uint8_t, 8>, 5> kContents = {{
+    {0, 0, 0, 0, 0, 0, 0, 0},
+    {1, 2, 3, 4, 5, 6, 7, 8},
+    {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+    {0x80, 0, 0, 0, 0, 0, 0, 0x80},
+    {0x7F, 0xF0, 0, 0, 0, 0, 0xF0, 0x7F},
+}};
+
+// Whole numbers that a double holds come back; a float does when it is a number.
+bool comesBack(double raw, const a2l::RawCoding& coding) {
+    return a2l::isFloat(coding.dataType) ? !std::isnan(raw) : std::fabs(raw) <= 0x1p53;
+}
+
+void useObject(const a2l::ResolvedObject& object) {
+    require(object.size() >= 1 && object.size() <= 8, "size of an object");
+    for (const auto& content : kContents) {
+        const double raw = a2l::decodeRaw(content.data(), object.coding);
+        auto again = content;
+        if (comesBack(raw, object.coding)) {
+            require(a2l::encodeRaw(raw, object.coding, again).ok(), "what was decoded can be encoded");
+            require(again == content, "encoding gives back the bytes");
+        }
+        const double physical = object.conversion.toPhysical(raw);
+        const std::string text = object.conversion.format(raw);
+        if (auto written = a2l::encodePhysical(object, physical, again); !written) again = content;
+        if (auto written = a2l::encodeText(object, text, again); !written) {
+            require(written.error().text().starts_with(object.name), "the error names the object");
+        }
+    }
+}
+
+void useObjects(const a2l::Description& description, const auto& records) {
+    // Tables may be named by any number of objects; a few objects show all there is to their use.
+    std::size_t left = 20;
+    for (const auto& record : records) {
+        if (left-- == 0) return;
+        try {
+            useObject(a2l::resolve(description, record.name));
+        } catch (const a2l::ObjectError& error) {
+            require(std::string_view(error.what()).find(record.name) != std::string_view::npos,
+                    "the error names the object");
+        }
+    }
+}
+
+std::string asUtf16(std::string_view utf8) {
+    std::string out = "\xFF\xFE";
+    for (std::size_t i = 0; i < utf8.size();) {
+        const auto lead = static_cast<unsigned char>(utf8[i]);
+        const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+        char32_t c = length == 1 ? lead : lead & (0x7FU >> length);
+        for (std::size_t k = 1; k < length; ++k)
+            c = c << 6U | (static_cast<unsigned char>(utf8[i + k]) & 0x3FU);
+        const auto unit = [&out](char32_t u) {
+            out.push_back(static_cast<char>(u & 0xFFU));
+            out.push_back(static_cast<char>(u >> 8U));
+        };
+        if (c >= 0x10000) {
+            unit(0xD800 + ((c - 0x10000) >> 10U));
+            unit(0xDC00 + ((c - 0x10000) & 0x3FFU));
+        } else {
+            unit(c);
+        }
+        i += length;
+    }
+    return out;
+}
+
+void requireSame(const Result<a2l::Description>& a, const Result<a2l::Description>& b) {
+    require(a.ok() == b.ok(), "both encodings load or fail");
+    if (!a) return require(a.error().text() == b.error().text(), "both encodings fail alike");
+    const a2l::Description& left = a.value();
+    const a2l::Description& right = b.value();
+    require(left.warnings == right.warnings, "the same warnings");
+    require(left.measurements.size() == right.measurements.size(), "the same measurements");
+    for (std::size_t i = 0; i < left.measurements.size(); ++i) {
+        const auto* found = right.findMeasurement(left.measurements[i].name);
+        require(found == &right.measurements[i], "every measurement is found by its name");
+        require(found->longIdentifier == left.measurements[i].longIdentifier, "the same texts");
+    }
+    require(left.characteristics.size() == right.characteristics.size(), "the same characteristics");
+    require(left.xcp.daq.has_value() == right.xcp.daq.has_value(), "the same interface");
+}
+
+}  // namespace
+}  // namespace lm::fuzz
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace lm;
+    const std::string_view text = fuzz::Input(data, size).rest();
+    const Result<a2l::Description> loaded = a2l::parseDescription(text);
+    if (isValidUtf8(text) && !text.starts_with("\xEF\xBB\xBF"))
+        fuzz::requireSame(loaded, a2l::parseDescription(fuzz::asUtf16(text)));
+    if (!loaded) return 0;
+    for (const std::string& warning : loaded.value().warnings)
+        fuzz::require(warning.starts_with("skipped: "), "a warning begins as documented");
+    fuzz::useObjects(loaded.value(), loaded.value().measurements);
+    fuzz::useObjects(loaded.value(), loaded.value().characteristics);
+    return 0;
+}

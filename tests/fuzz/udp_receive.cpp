@@ -1,0 +1,129 @@
+// Datagrams into the receive path of XCP on UDP, through a socket as in life. What comes out is compared with
+// a second, plain reading of the datagrams.
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+#include "fuzz_input.h"
+#include "xcp/udp_transport.h"
+
+namespace lm::fuzz {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class Seen final : public xcp::IPacketSink {
+  public:
+    void onPacket(const std::uint8_t* data, std::size_t length, xcp::ReceiveTime time) override {
+        require(length > 0 && time.hostNs > 0, "a packet has contents and a time");
+        const std::lock_guard lock(mutex_);
+        if (length == kEnd.size() && std::equal(kEnd.begin(), kEnd.end(), data)) {
+            ended_ = true;
+            wakeUp_.notify_all();
+        } else {
+            packets_.emplace_back(data, data + length);
+        }
+    }
+    void onTransportEvent(const hal::CanChannelEvent&) override { require(false, "the socket works"); }
+
+    /// What came since the last call, once the packet kEnd is there.
+    std::vector<Bytes> take() {
+        std::unique_lock lock(mutex_);
+        wakeUp_.wait(lock, [this] { return ended_; });
+        ended_ = false;
+        return std::move(packets_);
+    }
+
+    static constexpr std::array<std::uint8_t, 9> kEnd = {'e', 'n', 'd', 0, 'o', 'f', 'r', 'u', 'n'};
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable wakeUp_;
+    std::vector<Bytes> packets_;
+    bool ended_ = false;
+};
+
+/// A transport and the socket that it talks to, for all runs.
+struct Line {
+    Seen seen;
+    std::unique_ptr<xcp::UdpTransport> transport;
+    int socket = -1;
+
+    Line() {
+        socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        require(::bind(socket, generic, length) == 0 && ::getsockname(socket, generic, &length) == 0,
+                "a port");
+        transport = std::make_unique<xcp::UdpTransport>(
+            xcp::UdpTransportConfig{.host = "127.0.0.1", .port = ntohs(address.sin_port)});
+        transport->setSink(&seen);
+        require(transport->open().ok(), "the transport opens");
+        const std::uint8_t hello = 0;
+        require(transport->send(&hello, 1).ok(), "the transport sends");
+        std::array<std::uint8_t, 8> from{};
+        length = sizeof address;
+        require(::recvfrom(socket, from.data(), from.size(), 0, generic, &length) == 5, "the packet comes");
+        require(::connect(socket, generic, length) == 0, "the way back");
+    }
+    ~Line() { ::close(socket); }
+
+    void send(std::span<const std::uint8_t> datagram) const {
+        require(::send(socket, datagram.data(), datagram.size(), 0) == static_cast<ssize_t>(datagram.size()),
+                "the datagram leaves");
+    }
+};
+
+/// The packets of a datagram; false when something is left over.
+bool splitPlainly(std::span<const std::uint8_t> datagram, std::vector<Bytes>& packets) {
+    while (datagram.size() >= 4) {
+        const std::size_t length = datagram[0] + 256U * datagram[1];
+        if (length == 0 || 4 + length > datagram.size()) return false;
+        const auto packet = datagram.subspan(4, length);
+        packets.emplace_back(packet.begin(), packet.end());
+        datagram = datagram.subspan(4 + length);
+    }
+    return datagram.empty();
+}
+
+}  // namespace
+}  // namespace lm::fuzz
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace lm;
+    static fuzz::Line line;
+    const xcp::UdpStatistics before = line.transport->statistics();
+    // Few enough for any receive buffer.
+    std::vector<std::span<const std::uint8_t>> datagrams;
+    for (fuzz::Input input(data, size); !input.empty() && datagrams.size() < 64;)
+        datagrams.push_back(input.takeBytes(input.takeBelow(512)));
+    std::vector<fuzz::Bytes> expected;
+    std::uint64_t malformed = 0;
+    for (const auto datagram : datagrams)
+        malformed += fuzz::splitPlainly(datagram, expected) ? 0U : 1U;
+    const fuzz::Bytes endPacket(fuzz::Seen::kEnd.begin(), fuzz::Seen::kEnd.end());
+    if (std::find(expected.begin(), expected.end(), endPacket) != expected.end()) return 0;
+    for (const auto datagram : datagrams)
+        line.send(datagram);
+    std::array<std::uint8_t, 13> end = {9, 0, 0, 0};
+    std::copy(fuzz::Seen::kEnd.begin(), fuzz::Seen::kEnd.end(), end.begin() + 4);
+    line.send(end);
+    fuzz::require(line.seen.take() == expected, "the packets of the datagrams");
+    const xcp::UdpStatistics after = line.transport->statistics();
+    fuzz::require(after.kernelDrops == before.kernelDrops, "the buffer was large enough");
+    fuzz::require(after.datagrams - before.datagrams == datagrams.size() + 1, "every datagram counts");
+    fuzz::require(after.packets - before.packets == expected.size() + 1, "every packet counts");
+    fuzz::require(after.malformedDatagrams - before.malformedDatagrams == malformed, "malformed ones count");
+    fuzz::require(after.counterGaps - before.counterGaps <= expected.size() + 1, "at most one gap a packet");
+    return 0;
+}

@@ -1,0 +1,176 @@
+// Whatever a slave answers: connection, memory access and the gathering and configuration of DAQ end, in
+// bounded time, with a value or an error. As long as the slave answers rightly, though late or not at all, no
+// answer passes for another command's.
+#include <vector>
+
+#include "fuzz_input.h"
+#include "slave_model.h"
+#include "virtual_clock.h"
+#include "xcp/daq_decoder.h"
+#include "xcp/master.h"
+
+namespace lm::fuzz {
+namespace {
+
+constexpr std::int64_t kT1 = 100;
+
+struct Listener final : xcp::IMasterListener {
+    void onEvent(std::uint8_t, const std::uint8_t*, std::size_t length, xcp::ReceiveTime) override {
+        require(length > 0, "an event has contents");
+    }
+    void onServiceRequest(std::uint8_t, const std::uint8_t*, std::size_t) override {}
+    void onTransportEvent(const hal::CanChannelEvent&) override {}
+};
+
+struct Records final : xcp::IDaqRecordSink {
+    std::uint64_t bytes = 0;
+    void onRecord(const xcp::DaqRecord& record) override {
+        for (std::size_t i = 0; i < record.size; ++i)
+            bytes += record.data[i];
+    }
+};
+
+xcp::MasterOptions takeOptions(Input& input) {
+    const auto shape = input.take<std::uint8_t>();
+    return {.t1 = kT1,
+            .t2 = kT1,
+            .t3 = kT1,
+            .t4 = kT1,
+            .t5 = kT1,
+            .t6 = kT1,
+            .t7 = kT1 / 2,
+            .synchRepeatLimit = shape & 0x03,
+            .connectAttempts = 1 + (shape >> 2 & 0x03),
+            .busyRepeatLimit = shape >> 4 & 0x03,
+            .useShortUpload = (shape & 0x40) != 0};
+}
+
+class Run {
+  public:
+    explicit Run(Input& input) : input_(input), slave_(input), master_(slave_, takeOptions(input)) {
+        master_.setListener(&listener_);
+    }
+    ~Run() {
+        master_.setDtoSink(nullptr);
+        master_.setListener(nullptr);
+    }
+
+    void step() {
+        const std::int64_t before = VirtualClock::nowNs;
+        const std::uint64_t packets = slave_.packets();
+        perform(input_.take<std::uint8_t>());
+        // An answer may be awaited for a timeout, and one that is owed for half as long again.
+        const auto exchanged = static_cast<std::int64_t>(slave_.packets() - packets);
+        require(VirtualClock::nowNs - before <= (exchanged + 1) * kT1 * 5'000'000 / 2,
+                "an operation ends in time");
+    }
+
+    template <typename T>
+    void end(const Result<T>& result) {
+        if (!result) require(!result.error().text().empty(), "a failure says why");
+    }
+
+  private:
+    void perform(std::uint8_t operation) {
+        switch (operation % 16) {
+            case 0:
+            case 1:
+                return end(master_.connect());
+            case 2:
+                return end(master_.getStatus());
+            case 3:
+                return end(master_.getCommModeInfo());
+            case 4:
+            case 5:
+            case 6:
+                return upload();
+            case 7:
+            case 8:
+                return download();
+            case 9:
+                return measure();
+            case 10:
+                return slave_.sendRaw();
+            case 11:
+                return end(master_.synch());
+            case 12:
+                return end(master_.disconnectOnce());
+            case 13:
+                return end(master_.stopDaqOnce());
+            case 14:
+                return end(master_.disconnectWithoutWaiting());
+            default:
+                return end(master_.disconnect());
+        }
+    }
+
+    void requireMemory(std::uint32_t address, std::span<const std::uint8_t> bytes, std::string_view what) {
+        for (std::size_t i = 0; slave_.honest() && i < bytes.size(); ++i)
+            require(bytes[i] == slave_.memory(address + static_cast<std::uint32_t>(i)), what);
+    }
+
+    void upload() {
+        const auto address = input_.take<std::uint16_t>();
+        const std::size_t size = input_.take<std::uint8_t>();
+        const auto read = master_.upload({address, 0}, size);
+        end(read);
+        if (!read) return;
+        require(read.value().size() == size, "as many bytes as asked for");
+        requireMemory(address, read.value(), "the bytes of that address");
+    }
+
+    void download() {
+        const auto address = input_.take<std::uint16_t>();
+        const auto bytes = input_.takeBytes(input_.takeBelow(64));
+        const auto written = master_.download({address, 0}, bytes);
+        end(written);
+        if (written) requireMemory(address, bytes, "what is confirmed is written");
+    }
+
+    void measure() {
+        const auto capabilities = master_.daqCapabilities();
+        end(capabilities);
+        if (!capabilities) return;
+        require(!slave_.honest() || capabilities.value().events.size() == 2, "the events that there are");
+        std::vector<xcp::DaqSignal> signals;
+        for (std::size_t i = input_.takeBelow(16); i > 0; --i) {
+            signals.push_back({.address = {input_.take<std::uint8_t>(), 0},
+                               .size = i % 2 == 0 ? 4U : 8U,
+                               .eventChannel = static_cast<std::uint16_t>(i % 3 == 0 ? 1 : 0)});
+        }
+        const auto plan = xcp::planDaq(signals, capabilities.value(),
+                                       {.maxDto = master_.connectInfo().maxDto,
+                                        .addressGranularity = master_.connectInfo().granularity()});
+        if (!plan) return;
+        const auto firstPids = master_.configureDaq(plan.value());
+        end(firstPids);
+        if (!firstPids) return;
+        Records records;
+        xcp::DaqDecoder decoder(plan.value(), capabilities.value(), firstPids.value());
+        decoder.setSink(&records);
+        master_.setDtoSink(&decoder);
+        end(master_.startDaq());
+        for (std::size_t i = input_.takeBelow(8); i > 0; --i)
+            slave_.sendRaw();
+        end(master_.stopDaq());
+        master_.setDtoSink(nullptr);
+    }
+
+    Input& input_;
+    Listener listener_;
+    SlaveModel slave_;
+    xcp::Master master_;
+};
+
+}  // namespace
+}  // namespace lm::fuzz
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace lm::fuzz;
+    Input input(data, size);
+    Run run(input);
+    constexpr int kMostOperations = 50;
+    for (int i = 0; i < kMostOperations && !input.empty(); ++i)
+        run.step();
+    return 0;
+}
