@@ -125,6 +125,7 @@ bool Master::awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration l
 void Master::noteOwed(Taking taking) {
     if (taking == Taking::connect) {
         ++owed_.connects;
+        owed_.connectsUntil = Clock::now() + 2 * timeout(kT1);
         return;
     }
     ++(taking == Taking::synch ? owed_.synchs : owed_.answers);
