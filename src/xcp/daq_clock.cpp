@@ -123,13 +123,14 @@ void SlaveClock::track(std::int64_t offset, std::int64_t nowNs, std::int64_t rec
 void SlaveClock::slew(std::int64_t elapsedNs) {
     const std::int64_t target = difference(std::min(windowLeast_, previousLeast_), guardNs_);
     const std::int64_t distance = difference(target, offsetNs_);
+    if (distance == 0) return;
     const double size = std::abs(static_cast<double>(distance));
     const double elapsed = static_cast<double>(elapsedNs);
     double step = elapsed / static_cast<double>(kSlewDivisor);
     if (size > static_cast<double>(kProportionalSlewFromNs)) {
         step *= size / static_cast<double>(kProportionalSlewFromNs);
+        step = std::min(step, elapsed / static_cast<double>(kSteepestSlewDivisor));
     }
-    step = std::min(step, elapsed / static_cast<double>(kSteepestSlewDivisor));
     if (step >= size) {
         offsetNs_ = target;
     } else {

@@ -14,6 +14,7 @@
 #include <span>
 #include <vector>
 
+#include "xcp/counter.h"
 #include "xcp/daq_clock.h"
 #include "xcp/daq_plan.h"
 #include "xcp/transport.h"
@@ -102,18 +103,6 @@ class DaqDecoder final : public IDtoSink {
         std::uint32_t odt;
     };
 
-    /// Counters have one writer, the receive thread, so a plain load and store suffices.
-    class Counter {
-      public:
-        void add(std::uint64_t count) {
-            value_.store(value_.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
-        }
-        std::uint64_t get() const { return value_.load(std::memory_order_relaxed); }
-
-      private:
-        std::atomic<std::uint64_t> value_{0};
-    };
-
     void numberPids(const DaqPlan& plan, std::span<const std::uint8_t> firstPids);
     Place find(const std::uint8_t* data, std::uint8_t pid);
     bool beginRecord(List& list, const std::uint8_t* data, std::size_t length, std::int64_t receiveNs);
@@ -134,6 +123,7 @@ class DaqDecoder final : public IDtoSink {
     SlaveClock clock_;
     std::vector<List> lists_;
 
+    // Written by the receive thread.
     Counter dtos_, records_, lostOdts_, incompleteRecords_, missedCycles_, overloads_, unknownDtos_,
         malformedDtos_;
 };

@@ -419,7 +419,7 @@ MasterStatistics Master::statistics() const {
             .errorResponses = errorResponses_.load(),
             .unexpectedResponses = unexpectedResponses_.load(),
             .events = events_.load(),
-            .dtos = dtos_.load()};
+            .dtos = dtos_.get()};
 }
 
 void Master::setDtoSink(IDtoSink* sink) {
@@ -435,7 +435,7 @@ void Master::setListener(IMasterListener* listener) {
 void Master::onPacket(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
     if (length == 0) return;
     if (data[0] < kPidService) {
-        dtos_.fetch_add(1, std::memory_order_relaxed);
+        dtos_.add(1);
         dtoSink_.deliver([=](IDtoSink& sink) { sink.onDto(data, length, time); });
     } else if (data[0] == kPidEvent) {
         onEvent(data, length, time);
@@ -448,18 +448,25 @@ void Master::onPacket(const std::uint8_t* data, std::size_t length, ReceiveTime 
 }
 
 void Master::onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
+    if (!takeAnswer(data, length, time)) return;
+    // Behind the lock: whoever is woken while it is held goes back to sleep at once.
+    wakeUp_.notify_all();
+}
+
+/// True when a command got its response.
+bool Master::takeAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
     const std::lock_guard lock(responseMutex_);
     const Verdict verdict = judge(data, length, time);
     if (verdict == Verdict::take) {
         if (owed_.answers > 0) expectOwed();
         wait_.response = copyOf(data, length);
-        wakeUp_.notify_all();
-        return;
+        return true;
     }
     const bool owed = settleOwed(data, length);
-    if (verdict == Verdict::setAside && !std::exchange(wait_.aside, copyOf(data, length))) return;
+    if (verdict == Verdict::setAside && !std::exchange(wait_.aside, copyOf(data, length))) return false;
     ++unexpectedResponses_;
     if (!owed) owed_.surplus = true;
+    return false;
 }
 
 void Master::onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time) {

@@ -38,8 +38,10 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "xcp/counter.h"
 #include "xcp/daq_plan.h"
 #include "xcp/packet.h"
 #include "xcp/transport.h"
@@ -210,14 +212,14 @@ class Master final : public IPacketSink {
         void deliver(const Call& call) {
             inProgress_.fetch_add(1);
             if (T* const target = target_.load()) call(*target);
-            inProgress_.fetch_sub(1);
-            inProgress_.notify_all();
+            inProgress_.fetch_sub(1, std::memory_order_release);
         }
+        /// Looks again and again instead of being woken: a delivery takes microseconds and there are very
+        /// many, a change of the receiver is rare.
         void set(T* target) {
             target_.store(target);
-            for (auto count = inProgress_.load(); count != 0; count = inProgress_.load()) {
-                inProgress_.wait(count);
-            }
+            while (inProgress_.load() != 0)
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
         }
 
       private:
@@ -238,6 +240,7 @@ class Master final : public IPacketSink {
     Verdict judge(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     Verdict judgeConnect(const std::uint8_t* data, std::size_t length);
     void onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    bool takeAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     void onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     void drainLocked();
     Result<void> synchLocked();
@@ -297,7 +300,7 @@ class Master final : public IPacketSink {
     std::atomic<std::uint64_t> errorResponses_{0};
     std::atomic<std::uint64_t> unexpectedResponses_{0};
     std::atomic<std::uint64_t> events_{0};
-    std::atomic<std::uint64_t> dtos_{0};
+    Counter dtos_;  ///< written by the receive thread
 };
 
 }  // namespace lm::xcp

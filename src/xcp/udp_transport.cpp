@@ -1,5 +1,6 @@
 #include "xcp/udp_transport.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -26,7 +27,7 @@ namespace {
 constexpr std::size_t kHeaderSize = 4;
 constexpr std::size_t kDatagramSize = 65536;
 constexpr std::size_t kBatchSize = 64;
-constexpr int kPollMs = 50;
+constexpr int kReceiveWaitMs = 50;
 constexpr int kReceiveBufferBytes = 8 * 1024 * 1024;
 
 std::int64_t steadyNow() {
@@ -52,8 +53,13 @@ Result<AddressList> resolve(const UdpTransportConfig& config) {
     return AddressList(found, &::freeaddrinfo);
 }
 
-/// Asks for a large receive buffer and for the count of what did not fit into it; a refusal costs only that.
+/// Bounds each wait for a datagram; asks for a large receive buffer and for the count of what did not fit
+/// into it. A refusal costs only that: close() wakes the receive thread all the same.
 void prepareSocket(int socket) {
+    const timeval limit = {.tv_sec = 0, .tv_usec = kReceiveWaitMs * 1000};
+    if (::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+        spdlog::debug("XCP on UDP: receive time limit: {}", std::strerror(errno));
+    }
     const int size = kReceiveBufferBytes;
     if (::setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
         ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
@@ -78,15 +84,18 @@ class UdpTransport::Batch {
             messages_[i].msg_hdr.msg_iov = &parts_[i];
             messages_[i].msg_hdr.msg_iovlen = 1;
             messages_[i].msg_hdr.msg_control = &controls_[i];
+            messages_[i].msg_hdr.msg_controllen = sizeof(Control);
         }
     }
 
-    /// The number of datagrams, or -1 with errno.
+    /// Waits for a datagram and takes those behind it too. The number of datagrams, or -1 with errno.
     int receive(int socket) {
-        for (mmsghdr& message : messages_) {
-            message.msg_hdr.msg_controllen = sizeof(Control);
-        }
-        return ::recvmmsg(socket, messages_.data(), kBatchSize, MSG_DONTWAIT, nullptr);
+        // The system has told their control lengths.
+        for (std::size_t i = 0; i < received_; ++i)
+            messages_[i].msg_hdr.msg_controllen = sizeof(Control);
+        const int count = ::recvmmsg(socket, messages_.data(), kBatchSize, MSG_WAITFORONE, nullptr);
+        received_ = static_cast<std::size_t>(std::max(count, 0));
+        return count;
     }
 
     const std::uint8_t* data(std::size_t index) const { return bytes_.get() + index * kDatagramSize; }
@@ -112,6 +121,7 @@ class UdpTransport::Batch {
     std::array<mmsghdr, kBatchSize> messages_;
     std::array<iovec, kBatchSize> parts_;
     std::array<Control, kBatchSize> controls_;
+    std::size_t received_ = 0;  ///< datagrams of the last call
 };
 
 UdpTransport::UdpTransport(UdpTransportConfig config) : config_(std::move(config)) {}
@@ -167,9 +177,9 @@ void UdpTransport::close() {
     running_ = false;
     if (thread_.joinable()) {
         const std::uint64_t one = 1;
-        if (::write(wakeUp_, &one, sizeof one) < 0) {
+        if (::shutdown(socket_, SHUT_RD) != 0 || ::write(wakeUp_, &one, sizeof one) < 0) {
             spdlog::debug("XCP on UDP: wake-up: {}",
-                          std::strerror(errno));  // the poll's time limit ends the thread
+                          std::strerror(errno));  // the time limit of the wait ends the thread
         }
         thread_.join();
     }
@@ -211,68 +221,57 @@ Result<void> UdpTransport::send(const std::uint8_t* data, std::size_t length) {
 void UdpTransport::receiveLoop() {
     ::pthread_setname_np(::pthread_self(), "xcp-udp-rx");
     Batch batch;
-    std::array<pollfd, 2> waits = {
-        {{.fd = socket_, .events = POLLIN, .revents = 0}, {.fd = wakeUp_, .events = POLLIN, .revents = 0}}};
     while (running_) {
-        const int ready = ::poll(waits.data(), waits.size(), kPollMs);
-        if (ready <= 0 || waits[0].revents == 0) continue;
-        if (!drain(batch)) {
-            // A broken socket stays readable; without this wait its errors would come without end.
-            waits[0].fd = -1;
-            ::poll(waits.data(), waits.size(), kPollMs);
-            waits[0].fd = socket_;
+        // One call waits and receives: every answer pays for the calls in front of it.
+        const int count = batch.receive(socket_);
+        if (!running_) return;  // what close() woke received nothing
+        if (count >= 0) {
+            onBatch(batch, static_cast<std::size_t>(count));
+        } else if (const int failure = errno; failure != EAGAIN && failure != EWOULDBLOCK &&
+                                              failure != EINTR && failure != ECONNREFUSED) {
+            reportReceiveError(failure);
+            // A broken socket fails at once; without this wait its errors would come without end.
+            pollfd wait = {.fd = wakeUp_, .events = POLLIN, .revents = 0};
+            ::poll(&wait, 1, kReceiveWaitMs);
         }
     }
 }
 
-/// False after a failure that is likely to last.
-bool UdpTransport::drain(Batch& batch) {
-    while (running_) {
-        const int count = batch.receive(socket_);
-        if (count < 0) {
-            const int failure = errno;
-            if (failure == EAGAIN || failure == EWOULDBLOCK) return true;
-            if (failure == EINTR || failure == ECONNREFUSED) continue;
-            reportReceiveError(failure);
-            return false;
-        }
-        const ReceiveTime time{.hostNs = steadyNow(), .hardwareNs = 0};
-        for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-            noteKernelDrops(batch.kernelDrops(i, lastKernelDrops_));
-            onDatagram(batch.data(i), batch.size(i), time);
-        }
-        if (static_cast<std::size_t>(count) < kBatchSize) return true;
+void UdpTransport::onBatch(Batch& batch, std::size_t count) {
+    const ReceiveTime time{.hostNs = steadyNow(), .hardwareNs = 0};
+    for (std::size_t i = 0; i < count; ++i) {
+        noteKernelDrops(batch.kernelDrops(i, lastKernelDrops_));
+        onDatagram(batch.data(i), batch.size(i), time);
     }
-    return true;
 }
 
 void UdpTransport::onDatagram(const std::uint8_t* data, std::size_t size, ReceiveTime time) {
-    datagrams_.fetch_add(1, std::memory_order_relaxed);
+    datagrams_.add(1);
     IPacketSink* const sink = sink_.load();
     std::size_t at = 0;
     while (size - at >= kHeaderSize) {
         const std::size_t length = readLittle<std::uint16_t>(data + at);
         if (length == 0 || length > size - at - kHeaderSize) break;
         checkCounter(readLittle<std::uint16_t>(data + at + 2));
-        packets_.fetch_add(1, std::memory_order_relaxed);
+        packets_.add(1);
         if (sink != nullptr) sink->onPacket(data + at + kHeaderSize, length, time);
         at += kHeaderSize + length;
     }
-    if (at != size) malformedDatagrams_.fetch_add(1, std::memory_order_relaxed);
+    if (at != size) malformedDatagrams_.add(1);
 }
 
 void UdpTransport::checkCounter(std::uint16_t counter) {
     const auto skipped = static_cast<std::uint16_t>(counter - lastCounter_ - 1);
     if (std::exchange(counterSeen_, true) && skipped != 0) {
-        counterGaps_.fetch_add(1, std::memory_order_relaxed);
+        counterGaps_.add(1);
         // More than half the range ahead is rather a packet out of order, and 0 a counter that began anew.
-        if (skipped < 0x8000 && counter != 0) missingPackets_.fetch_add(skipped, std::memory_order_relaxed);
+        if (skipped < 0x8000 && counter != 0) missingPackets_.add(skipped);
     }
     lastCounter_ = counter;
 }
 
 void UdpTransport::noteKernelDrops(std::uint32_t total) {
-    kernelDrops_.fetch_add(total - lastKernelDrops_, std::memory_order_relaxed);
+    kernelDrops_.add(total - lastKernelDrops_);
     lastKernelDrops_ = total;
 }
 
@@ -286,12 +285,12 @@ void UdpTransport::reportReceiveError(int systemError) {
 }
 
 UdpStatistics UdpTransport::statistics() const {
-    return {.datagrams = datagrams_.load(),
-            .packets = packets_.load(),
-            .malformedDatagrams = malformedDatagrams_.load(),
-            .counterGaps = counterGaps_.load(),
-            .missingPackets = missingPackets_.load(),
-            .kernelDrops = kernelDrops_.load()};
+    return {.datagrams = datagrams_.get(),
+            .packets = packets_.get(),
+            .malformedDatagrams = malformedDatagrams_.get(),
+            .counterGaps = counterGaps_.get(),
+            .missingPackets = missingPackets_.get(),
+            .kernelDrops = kernelDrops_.get()};
 }
 
 }  // namespace lm::xcp

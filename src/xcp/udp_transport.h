@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "xcp/counter.h"
 #include "xcp/transport.h"
 
 namespace lm::xcp {
@@ -64,7 +65,7 @@ class UdpTransport final : public ITransport {
 
     Result<void> openSocket();
     void receiveLoop();
-    bool drain(Batch& batch);
+    void onBatch(Batch& batch, std::size_t count);
     void onDatagram(const std::uint8_t* data, std::size_t size, ReceiveTime time);
     void checkCounter(std::uint16_t counter);
     void noteKernelDrops(std::uint32_t total);
@@ -88,12 +89,8 @@ class UdpTransport final : public ITransport {
     std::uint16_t lastCounter_ = 0;
     std::uint32_t lastKernelDrops_ = 0;
 
-    std::atomic<std::uint64_t> datagrams_{0};
-    std::atomic<std::uint64_t> packets_{0};
-    std::atomic<std::uint64_t> malformedDatagrams_{0};
-    std::atomic<std::uint64_t> counterGaps_{0};
-    std::atomic<std::uint64_t> missingPackets_{0};
-    std::atomic<std::uint64_t> kernelDrops_{0};
+    // Written by the receive thread.
+    Counter datagrams_, packets_, malformedDatagrams_, counterGaps_, missingPackets_, kernelDrops_;
 };
 
 }  // namespace lm::xcp
