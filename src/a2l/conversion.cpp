@@ -13,8 +13,6 @@
 namespace lm::a2l {
 namespace {
 
-using Pair = std::pair<double, double>;
-
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 constexpr unsigned kFewestGeneralDecimals = 16;
 constexpr std::size_t kLongestNumber = 63;
@@ -50,56 +48,30 @@ Result<double> rationalToRaw(const Conversion::Rational& r, double p) {
     return (r.a * p * p + r.b * p + r.c) / denominator;
 }
 
-/// The first pair whose input is not below `raw`.
-auto firstNotBelow(const std::vector<Pair>& pairs, double raw) {
-    return std::partition_point(pairs.begin(), pairs.end(), [raw](const Pair& p) { return p.first < raw; });
-}
-
-double nearestOutput(const std::vector<Pair>& pairs, std::vector<Pair>::const_iterator above, double raw) {
-    if (above == pairs.begin()) return above->second;
-    const double distanceBelow = raw - std::prev(above)->first;
-    if (above != pairs.end() && above->first - raw < distanceBelow) return above->second;
-    // The earliest of those that are as near: equal inputs, and inputs whose distance rounds alike.
-    return std::partition_point(pairs.begin(), above,
-                                [&](const Pair& p) { return raw - p.first > distanceBelow; })
-        ->second;
-}
-
-double lookUp(const Conversion::NumericTable& table, double raw) {
-    const auto found = firstNotBelow(table.pairs, raw);
-    if (found != table.pairs.end() && found->first == raw) return found->second;
-    if (table.defaultValue) return *table.defaultValue;
-    return std::isnan(raw) ? kNan : nearestOutput(table.pairs, found, raw);
-}
-
-double interpolate(const Conversion::NumericTable& table, double raw) {
-    const std::vector<Pair>& pairs = table.pairs;
-    if (std::isnan(raw)) return kNan;
-    if (raw <= pairs.front().first) return pairs.front().second;
-    if (raw >= pairs.back().first) return pairs.back().second;
-    const auto upper = firstNotBelow(pairs, raw);
-    const auto lower = std::prev(upper);
-    return lower->second +
-           (upper->second - lower->second) * (raw - lower->first) / (upper->first - lower->first);
+double lookUp(const Conversion::NumericTable& table, const TableIndex& index, double raw) {
+    if (!table.defaultValue) return nearestOutput(table.pairs, index, raw);
+    const std::size_t found = firstNotBelowBySearch(table.pairs, raw);
+    const bool isThere = found != table.pairs.size() && table.pairs[found].first == raw;
+    return isThere ? table.pairs[found].second : *table.defaultValue;
 }
 
 Result<double> lookUpInverse(const Conversion::NumericTable& table, double physical) {
     const auto found = std::find_if(table.pairs.begin(), table.pairs.end(),
-                                    [physical](const Pair& p) { return p.second == physical; });
+                                    [physical](const TablePair& p) { return p.second == physical; });
     if (found == table.pairs.end()) return invalid("value not contained in the conversion table");
     return found->first;
 }
 
 Result<double> interpolateInverse(const Conversion::NumericTable& table, double physical) {
-    std::vector<Pair> pairs = table.pairs;
+    TablePairs pairs = table.pairs;
     std::stable_sort(pairs.begin(), pairs.end(),
-                     [](const Pair& a, const Pair& b) { return before(a.second, b.second); });
+                     [](const TablePair& a, const TablePair& b) { return before(a.second, b.second); });
     if (!(physical >= pairs.front().second && physical <= pairs.back().second))
         return invalid("value outside the conversion table");
     if (physical == pairs.front().second) return pairs.front().first;
     if (physical == pairs.back().second) return pairs.back().first;
     const auto upper = std::partition_point(pairs.begin(), pairs.end(),
-                                            [physical](const Pair& p) { return p.second < physical; });
+                                            [physical](const TablePair& p) { return p.second < physical; });
     const auto lower = std::prev(upper);
     return lower->first +
            (upper->first - lower->first) * (physical - lower->second) / (upper->second - lower->second);
@@ -176,7 +148,8 @@ Conversion::Conversion(Kind kind, std::string format, std::string unit)
     setFormat(std::move(format));
     if (auto* table = std::get_if<NumericTable>(&kind_)) {
         std::stable_sort(table->pairs.begin(), table->pairs.end(),
-                         [](const Pair& a, const Pair& b) { return before(a.first, b.first); });
+                         [](const TablePair& a, const TablePair& b) { return before(a.first, b.first); });
+        tableIndex_ = TableIndex(table->pairs);
     } else if (const auto* verbal = std::get_if<VerbalTable>(&kind_)) {
         indexRanges(*verbal);
     }
@@ -194,7 +167,8 @@ Result<Conversion> Conversion::build(const Description& description, std::string
 double Conversion::toPhysicalBySlowerKind(double raw) const {
     if (const auto* table = std::get_if<NumericTable>(&kind_)) {
         if (table->pairs.empty()) return kNan;
-        return table->interpolate ? interpolate(*table, raw) : lookUp(*table, raw);
+        return table->interpolate ? interpolate(table->pairs, tableIndex_, raw)
+                                  : lookUp(*table, tableIndex_, raw);
     }
     if (const auto* formulas = std::get_if<Formulas>(&kind_)) return formulas->forward.evaluate(raw);
     if (const auto* rational = std::get_if<Rational>(&kind_)) return rationalToPhysical(*rational, raw);

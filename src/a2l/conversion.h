@@ -8,12 +8,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <variant>
 #include <vector>
 
 #include "a2l/description.h"
 #include "a2l/formula.h"
+#include "a2l/table_index.h"
 #include "core/result.h"
 
 namespace lm::a2l {
@@ -35,7 +35,7 @@ class Conversion {
     };
     struct NumericTable {
         bool interpolate = false;
-        std::vector<std::pair<double, double>> pairs;  ///< (input, output); the constructor sorts by input
+        TablePairs pairs;  ///< the constructor sorts them
         std::optional<double> defaultValue;
     };
     struct VerbalTable {
@@ -81,6 +81,8 @@ class Conversion {
 
     bool isVerbal() const { return std::holds_alternative<VerbalTable>(kind_); }
     const Kind& kind() const { return kind_; }
+    /// Of a numeric table's pairs: for loops over many values.
+    const TableIndex& tableIndex() const { return tableIndex_; }
     const std::string& formatText() const { return format_; }
     const std::string& unit() const { return unit_; }
 
@@ -106,6 +108,7 @@ class Conversion {
     std::string unit_;
     int decimals_ = kGeneralFormat;
     std::vector<VerbalBound> verbalBounds_;  ///< ascending; of a verbal table
+    TableIndex tableIndex_;                  ///< of a numeric table
 
     static constexpr int kGeneralFormat = -1;
 };

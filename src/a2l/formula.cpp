@@ -108,6 +108,22 @@ double Formula::evaluate(const double* variables, std::size_t count) const {  //
             case kDivideVariable:
                 top /= variable(step);
                 break;
+            case kVariableAddConstant:
+                *below++ = top;
+                top = variable(step) + step.constant;
+                break;
+            case kVariableSubtractConstant:
+                *below++ = top;
+                top = variable(step) - step.constant;
+                break;
+            case kVariableMultiplyConstant:
+                *below++ = top;
+                top = variable(step) * step.constant;
+                break;
+            case kVariableDivideConstant:
+                *below++ = top;
+                top = variable(step) / step.constant;
+                break;
             case kNegate:
                 top = -top;
                 break;

@@ -163,15 +163,29 @@ class FormulaCompiler {
             deepest_ = std::max(deepest_, ++depth_);
         } else if ((opcode >= kAdd && opcode <= kOr) || opcode == kPow) {
             --depth_;
-            // A push that stands last is the whole right operand.
-            Formula::Instruction& last = program_.back();
-            if (opcode <= kDivide && last.opcode <= kVariable) {
-                const std::uint8_t fused = last.opcode == kConstant ? kAddConstant : kAddVariable;
-                last.opcode = static_cast<std::uint8_t>(fused + (opcode - kAdd));
-                return;
-            }
+            if (opcode <= kDivide && fuse(opcode)) return;
         }
         program_.push_back({constant, opcode, variable});
+    }
+
+    /// Makes one instruction of an arithmetic operator and the pushes before it, if there are any.
+    bool fuse(std::uint8_t opcode) {
+        // A push that stands last is the whole right operand, and one before it the whole left one.
+        Formula::Instruction& right = program_.back();
+        if (right.opcode > kVariable) return false;
+        const auto fused = [opcode](std::uint8_t add) {
+            return static_cast<std::uint8_t>(add + (opcode - kAdd));
+        };
+        if (right.opcode == kVariable) {
+            right.opcode = fused(kAddVariable);
+        } else if (Formula::Instruction& left = *(program_.end() - 2); left.opcode == kVariable) {
+            left.opcode = fused(kVariableAddConstant);
+            left.constant = right.constant;
+            program_.pop_back();
+        } else {
+            right.opcode = fused(kAddConstant);
+        }
+        return true;
     }
 
     const BinaryOperator* peekOperator() {

@@ -12,8 +12,8 @@ namespace lm::a2l {
 constexpr std::size_t kFormulaStackSize = 64;
 
 /// The opcodes of the postfix program. The functions of one argument stand together from sine to absolute.
-/// The last eight do the work of a push and the arithmetic operator behind it, which nearly every formula
-/// has.
+/// Those from kAddConstant on do the work of a push and the arithmetic operator behind it, the last four that
+/// of two pushes: X and a constant. Nearly every formula has them.
 enum FormulaOpcode : std::uint8_t {
     kConstant = 0,
     kVariable = 1,
@@ -61,6 +61,10 @@ enum FormulaOpcode : std::uint8_t {
     kSubtractVariable = 43,
     kMultiplyVariable = 44,
     kDivideVariable = 45,
+    kVariableAddConstant = 46,
+    kVariableSubtractConstant = 47,
+    kVariableMultiplyConstant = 48,
+    kVariableDivideConstant = 49,
 };
 
 }  // namespace lm::a2l

@@ -2,15 +2,12 @@
 
 #include <bit>
 #include <cmath>
-#include <limits>
 #include <string>
 
 #include "core/text.h"
 
 namespace lm::a2l {
 namespace {
-
-using FloatLimits = std::numeric_limits<double>;
 
 /// The bits of an integer field inside its element.
 struct Field {
@@ -50,19 +47,7 @@ double decodeMasked(const std::uint8_t* bytes, const RawCoding& coding) {
 
 template <ByteOrder kOrder>
 double decodeHalf(const std::uint8_t* bytes, const RawCoding& /*coding*/) {
-    const std::uint64_t half = readBytes<std::uint16_t>(bytes, kOrder);
-    const std::uint64_t sign = (half & 0x8000U) << 48U;
-    const std::uint64_t exponent = half >> 10U & 0x1FU;
-    const std::uint64_t fraction = half & 0x3FFU;
-    if (exponent == 0) {
-        const double subnormal = static_cast<double>(fraction) * 0x1p-24;
-        return sign != 0 ? -subnormal : subnormal;
-    }
-    if (exponent == 31) {
-        if (fraction != 0) return FloatLimits::quiet_NaN();
-        return sign != 0 ? -FloatLimits::infinity() : FloatLimits::infinity();
-    }
-    return std::bit_cast<double>(sign | (exponent + 1023U - 15U) << 52U | fraction << 42U);
+    return doubleFromHalf(readBytes<std::uint16_t>(bytes, kOrder));
 }
 
 template <ByteOrder kOrder>

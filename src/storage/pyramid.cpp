@@ -29,8 +29,13 @@ Pyramid::Pyramid(std::size_t groupIndex, const GroupInfo& group, RecordingFaults
       faults_(&faults),
       entry_(8 * group.signals.size()) {
     decoders_.reserve(group.signals.size());
-    for (const SignalInfo& signal : group.signals)
-        decoders_.emplace_back(signal);
+    std::vector<std::size_t> withTables;  // different ones
+    for (const SignalInfo& signal : group.signals) {
+        SignalDecoder& decoder = decoders_.emplace_back(signal);
+        const auto shares = [&](std::size_t other) { return decoder.shareTable(decoders_[other]); };
+        if (decoder.hasTable() && std::none_of(withTables.begin(), withTables.end(), shares))
+            withTables.push_back(decoders_.size() - 1);
+    }
     levels_.push_back(makeLevel());
 }
 

@@ -21,6 +21,22 @@ struct SignalDecoder::Loops {
             return static_cast<double>(std::bit_cast<Value>(readBytes<Word>(bytes, kOrder)));
         }
     };
+    // A field inside an integer of at most 32 bits.
+    template <typename Word, ByteOrder kOrder>
+    struct Masked {
+        static double read(const SignalDecoder& self, const std::uint8_t* bytes) {
+            const auto mask = static_cast<Word>(self.coding_.bitMask);
+            const auto field = static_cast<std::int64_t>(
+                std::uint64_t{static_cast<Word>(readBytes<Word>(bytes, kOrder) & mask)} >> self.shift_);
+            return static_cast<double>((field ^ self.sign_) - self.sign_);
+        }
+    };
+    template <ByteOrder kOrder>
+    struct Half {
+        static double read(const SignalDecoder& /*self*/, const std::uint8_t* bytes) {
+            return a2l::doubleFromHalf(readBytes<std::uint16_t>(bytes, kOrder));
+        }
+    };
     struct AnyRaw {
         static double read(const SignalDecoder& self, const std::uint8_t* bytes) {
             return self.decode_(bytes, self.coding_);
@@ -34,6 +50,16 @@ struct SignalDecoder::Loops {
     struct Scaled {
         static double convert(const SignalDecoder& self, double raw) {
             return self.factor_ * raw + self.addend_;
+        }
+    };
+    struct Interpolated {
+        static double convert(const SignalDecoder& self, double raw) {
+            return a2l::interpolate(*self.pairs_, self.conversion_->tableIndex(), raw);
+        }
+    };
+    struct Nearest {
+        static double convert(const SignalDecoder& self, double raw) {
+            return a2l::nearestOutput(*self.pairs_, self.conversion_->tableIndex(), raw);
         }
     };
     struct AnyConversion {
@@ -83,12 +109,33 @@ struct SignalDecoder::Loops {
             case a2l::DataType::float16:
                 break;
         }
-        return &run<AnyRaw, Convert>;
+        return &run<Half<kOrder>, Convert>;
+    }
+
+    template <typename Convert, ByteOrder kOrder>
+    static Loop chooseMasked(a2l::DataType type) {
+        switch (type) {
+            case a2l::DataType::ubyte:
+            case a2l::DataType::sbyte:
+                return &run<Masked<std::uint8_t, kOrder>, Convert>;
+            case a2l::DataType::uword:
+            case a2l::DataType::sword:
+                return &run<Masked<std::uint16_t, kOrder>, Convert>;
+            case a2l::DataType::ulong:
+            case a2l::DataType::slong:
+                return &run<Masked<std::uint32_t, kOrder>, Convert>;
+            default:
+                return &run<AnyRaw, Convert>;
+        }
     }
 
     template <typename Convert>
     static Loop choose(const a2l::RawCoding& coding) {
-        if (coding.bitMask != 0) return &run<AnyRaw, Convert>;
+        if (coding.bitMask != 0) {
+            return coding.byteOrder == ByteOrder::bigEndian
+                       ? chooseMasked<Convert, ByteOrder::bigEndian>(coding.dataType)
+                       : chooseMasked<Convert, ByteOrder::littleEndian>(coding.dataType);
+        }
         return coding.byteOrder == ByteOrder::bigEndian
                    ? choosePlain<Convert, ByteOrder::bigEndian>(coding.dataType)
                    : choosePlain<Convert, ByteOrder::littleEndian>(coding.dataType);
@@ -102,15 +149,34 @@ SignalDecoder::SignalDecoder(const SignalInfo& signal)
       conversion_(&signal.conversion) {
     using a2l::Conversion;
     const Conversion::Kind& kind = signal.conversion.kind();
+    if (coding_.bitMask != 0) {
+        shift_ = static_cast<unsigned>(std::countr_zero(coding_.bitMask));
+        // Mask bits beyond the type do not count.
+        const std::uint64_t inType = coding_.bitMask & (~std::uint64_t{0} >> (64U - 8U * coding_.size()));
+        if (a2l::isSigned(coding_.dataType))
+            sign_ = static_cast<std::int64_t>(std::bit_floor(inType) >> shift_);
+    }
     if (const auto* linear = std::get_if<Conversion::Linear>(&kind)) {
         factor_ = linear->a;
         addend_ = linear->b;
         loop_ = Loops::choose<Loops::Scaled>(coding_);
     } else if (std::holds_alternative<Conversion::Identical>(kind) || signal.conversion.isVerbal()) {
         loop_ = Loops::choose<Loops::Same>(coding_);
+    } else if (const auto* table = std::get_if<Conversion::NumericTable>(&kind);
+               table != nullptr && !table->pairs.empty() && (table->interpolate || !table->defaultValue)) {
+        pairs_ = &table->pairs;
+        loop_ = table->interpolate ? Loops::choose<Loops::Interpolated>(coding_)
+                                   : Loops::choose<Loops::Nearest>(coding_);
     } else {
         loop_ = &Loops::run<Loops::AnyRaw, Loops::AnyConversion>;
     }
+}
+
+bool SignalDecoder::shareTable(const SignalDecoder& other) {
+    if (!hasTable() || !other.hasTable() || *pairs_ != *other.pairs_) return false;
+    pairs_ = other.pairs_;
+    conversion_ = other.conversion_;  // for the index; how it is read stays this decoder's own
+    return true;
 }
 
 }  // namespace lm::storage

@@ -2,7 +2,7 @@
 // type, byte order, mask and conversion is made once, when the decoder is built; the loop over records only
 // loads, converts and compares.
 //
-// Threads: immutable. Lifetime: borrows the signal, which must outlive it.
+// Threads: immutable but for shareTable(). Lifetime: borrows the signal, which must outlive it.
 #pragma once
 
 #include <cstddef>
@@ -26,6 +26,12 @@ class SignalDecoder {
   public:
     explicit SignalDecoder(const SignalInfo& signal);
 
+    /// When both convert by the same table, this decoder reads the other's from now on: tables that are many
+    /// signals' then stay in the processor's caches. True when it does. The other's signal must outlive this
+    /// decoder too.
+    bool shareTable(const SignalDecoder& other);
+    bool hasTable() const { return pairs_ != nullptr; }
+
     /// Extends `range` by the values in `count` records that stand `stride` bytes apart; NaN values do not
     /// count. `records` points to the first byte of the first record, behind its timestamp.
     void extend(ValueRange& range, const std::uint8_t* records, std::size_t stride, std::size_t count) const {
@@ -40,9 +46,12 @@ class SignalDecoder {
     std::uint32_t offset_ = 0;
     double factor_ = 1;
     double addend_ = 0;
+    unsigned shift_ = 0;     ///< of the mask
+    std::int64_t sign_ = 0;  ///< the sign bit of a signed field, 0 for an unsigned one
     a2l::RawCoding coding_;
     a2l::RawDecodeFunction decode_ = nullptr;
     const a2l::Conversion* conversion_ = nullptr;
+    const a2l::TablePairs* pairs_ = nullptr;  ///< of a table
 };
 
 }  // namespace lm::storage

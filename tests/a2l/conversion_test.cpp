@@ -1,5 +1,6 @@
 #include "a2l/conversion.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -84,6 +85,17 @@ double scanNearest(const Pairs& sorted, double raw) {
     return best->second;
 }
 
+// What lies between two neighbours by a plain scan.
+double scanLine(const Pairs& sorted, double raw) {
+    if (raw <= sorted.front().first) return sorted.front().second;
+    if (raw >= sorted.back().first) return sorted.back().second;
+    std::size_t i = 0;
+    while (sorted[i].first < raw)
+        ++i;
+    return sorted[i - 1].second + (sorted[i].second - sorted[i - 1].second) * (raw - sorted[i - 1].first) /
+                                      (sorted[i].first - sorted[i - 1].first);
+}
+
 TEST(Conversion, BinarySearchAnswersLikeAScanInOrder) {
     std::mt19937 random(1);
     for (int round = 0; round < 300; ++round) {
@@ -109,6 +121,38 @@ TEST(Conversion, BinarySearchAnswersLikeAScanInOrder) {
             for (const auto& range : verbal.ranges)
                 if (!expected && range.lower <= raw && raw <= range.upper) expected = range.text;
             EXPECT_EQ(texts.verbalText(raw), expected) << raw;
+        }
+    }
+}
+
+// Tables as large and as uneven as needed to fill several entries of the index's buckets, at every input,
+// beside it and between it and the next.
+TEST(Conversion, IndexedTablesAnswerLikeAScanInOrder) {
+    std::mt19937 random(3);
+    for (int round = 0; round < 60; ++round) {
+        Pairs pairs;
+        double input = -1e3;
+        for (auto i = random() % 120 + 2; i > 0; --i) {
+            // Gaps from none over 2^-20 to 2^9, in every third table all alike.
+            const int exponent = round % 3 == 0 ? 4 : static_cast<int>(random() % 30) - 20;
+            input += random() % 5 == 0 && round % 3 == 1 ? 0 : std::ldexp(1, exponent);
+            pairs.emplace_back(input, static_cast<double>(random() % 1000));
+        }
+        const Conversion nearest(Conversion::NumericTable{false, pairs, {}}, "", "");
+        const Conversion line(Conversion::NumericTable{true, pairs, {}}, "", "");
+        std::vector<double> raws = {-kInfinity, -1e300, -1e4, 1e300, kInfinity};
+        for (std::size_t i = 0; i < pairs.size(); ++i) {
+            const double here = pairs[i].first;
+            const double next = pairs[std::min(i + 1, pairs.size() - 1)].first;
+            for (const double raw : {here, std::nextafter(here, -kInfinity), std::nextafter(here, kInfinity),
+                                     here + (next - here) / 2, here + (next - here) * 0.7})
+                raws.push_back(raw);
+        }
+        for (const double raw : raws) {
+            if (std::isfinite(raw)) {
+                EXPECT_EQ(nearest.toPhysical(raw), scanNearest(pairs, raw)) << raw;
+            }
+            EXPECT_EQ(line.toPhysical(raw), scanLine(pairs, raw)) << raw;
         }
     }
 }

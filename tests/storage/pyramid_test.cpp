@@ -28,6 +28,9 @@ TEST(SignalDecoder, AgreesWithValueByValueDecoding) {
         Conversion(Conversion::Linear{-0.25, 7}, "", ""),
         Conversion(Conversion::Rational{0, 2, 1, 0, 0, 4}, "", ""),
         Conversion(Conversion::NumericTable{true, {{0, 5}, {100, -5}}, std::nullopt}, "", ""),
+        Conversion(Conversion::NumericTable{false, {{0, 5}, {9, -5}, {60, 2}, {1e4, 7}}, std::nullopt}, "",
+                   ""),
+        Conversion(Conversion::NumericTable{false, {{0, 5}, {9, -5}, {60, 2}}, 77}, "", ""),
         Conversion(Conversion::VerbalTable{{{0, 3, "low"}}, ""}, "", ""),
     };
     constexpr std::size_t kStride = 29;
@@ -35,11 +38,13 @@ TEST(SignalDecoder, AgreesWithValueByValueDecoding) {
     std::vector<std::uint8_t> records(kStride * 500);
     for (auto& byte : records)
         byte = static_cast<std::uint8_t>(random() % 4 == 0 ? 0xFF : random());
-    for (int i = 0; i < 11 * 2 * 2; ++i) {
+    // Inside every type, up to the sign bit of some, and beyond some.
+    constexpr std::uint64_t kMasks[] = {0, 0x3C, 0xFFF0, 0xFF0000000000FE00};
+    for (int i = 0; i < 11 * 2 * 4; ++i) {
         for (const Conversion& conversion : conversions) {
-            SignalInfo signal = test::makeSignal("s", DataType(i / 4), 5, conversion);
+            SignalInfo signal = test::makeSignal("s", DataType(i / 8), 5, conversion);
             signal.coding.byteOrder = i % 2 == 0 ? ByteOrder::littleEndian : ByteOrder::bigEndian;
-            signal.coding.bitMask = i % 4 < 2 ? 0 : 0x3C;
+            signal.coding.bitMask = kMasks[i / 2 % 4];
             ValueRange expected;
             for (std::size_t at = 5; at < records.size(); at += kStride) {
                 const double value = conversion.toPhysical(a2l::decodeRaw(&records[at], signal.coding));
@@ -48,7 +53,10 @@ TEST(SignalDecoder, AgreesWithValueByValueDecoding) {
                 expected.maximum = std::max(expected.maximum, value);
             }
             ValueRange range;
-            const SignalDecoder decoder(signal);
+            // Reads the table of a signal that has an equal one.
+            const SignalInfo other = test::makeSignal("o", DataType::ubyte, 0, conversion);
+            SignalDecoder decoder(signal);
+            EXPECT_EQ(decoder.shareTable(SignalDecoder(other)), decoder.hasTable());
             decoder.extend(range, records.data(), kStride, 200);
             decoder.extend(range, records.data() + 200 * kStride, kStride, 300);
             EXPECT_EQ(range.minimum, expected.minimum) << i << " kind " << conversion.kind().index();
