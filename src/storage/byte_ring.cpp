@@ -81,4 +81,14 @@ void ByteRing::pop() {
     read_.store(frontEnd_, std::memory_order_release);
 }
 
+void ByteRing::rewind() {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) return;
+    const std::uint64_t position = written_.load(std::memory_order_relaxed);
+    if (position != read_.load(std::memory_order_relaxed)) return;
+    const std::uint64_t start = (position + mask_) & ~mask_;
+    read_.store(start, std::memory_order_relaxed);
+    written_.store(start, std::memory_order_relaxed);
+}
+
 }  // namespace lm::storage

@@ -1,9 +1,9 @@
 // The queue of records between the receive threads and the file thread: one block of memory, filled and
 // emptied in a circle, nothing allocated per record.
 //
-// Threads: push() and close() from any number of threads (serialised by a mutex); front() and pop() from one
-// consumer thread, which takes no lock. Lifetime: the ring owns its bytes; an entry's data is valid until
-// pop().
+// Threads: push() and close() from any number of threads (serialised by a mutex); front(), pop() and rewind()
+// from one consumer thread, which takes no lock but in rewind(). Lifetime: the ring owns its bytes; an
+// entry's data is valid until pop().
 #pragma once
 
 #include <atomic>
@@ -46,6 +46,9 @@ class ByteRing {
     std::optional<Entry> front();
     /// Frees the entry that front() returned last.
     void pop();
+    /// Lets an empty ring begin at its start again, so that only as much of its memory is ever touched as was
+    /// queued at once. Does nothing while there are entries or a producer is at work.
+    void rewind();
 
   private:
     std::uint8_t* at(std::uint64_t position) { return &buffer_[position & mask_]; }

@@ -172,6 +172,7 @@ void RecordingWriter::State::flushAll() {
 
 /// False when the queue is empty and stays so.
 bool RecordingWriter::State::waitForMore() {
+    ring.rewind();
     std::unique_lock lock(stopMutex);
     const bool stop = stopChanged.wait_for(lock, kIdleWait, [this] { return stopping; });
     return !stop || ring.front().has_value();
