@@ -2,9 +2,9 @@
 // channels, a channel sends frames and hands received ones to one sink.
 //
 // Threads: setSink, open and close belong to the owner and must not run at the same time; send, isOpen,
-// busState and statistics may be called from any thread. Both operations of IFrameSink are called on the
-// channel's receive thread, where the channel must not be closed. Lifetime: the sink is borrowed and must
-// outlive the open channel; frames are valid during the call only.
+// busState and statistics may be called from any thread, also beside open and close. Both operations of
+// IFrameSink are called on the channel's receive thread, where the channel must not be closed. Lifetime: the
+// sink is borrowed and must outlive the open channel; frames are valid during the call only.
 #pragma once
 
 #include <cstddef>
@@ -31,7 +31,7 @@ struct CanChannelConfig {
     std::int64_t sendTimeoutMs = 100;         ///< how long a send may wait for room in the transmit queue
 };
 
-/// Totals since construction.
+/// Totals since construction; closing and opening again does not set them back.
 struct CanChannelStatistics {
     std::uint64_t framesReceived = 0;
     std::uint64_t framesSent = 0;
