@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -58,6 +59,8 @@ class ChannelBroker final : public hal::IFrameSink {
 
     /// The result of the channel's send.
     Result<void> send(const hal::CanFrame& frame);
+
+    const std::string& interfaceName() const { return channel_.config().interfaceName; }
 
   private:
     struct Registration {

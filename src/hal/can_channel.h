@@ -22,13 +22,13 @@
 namespace lm::hal {
 
 struct CanChannelConfig {
-    std::string interfaceName;                ///< e.g. can1 or vcan0; required
-    bool fd = false;                          ///< open for CAN FD frames
-    std::optional<CanBitTiming> bitrate;      ///< nominal timing to set; absent: the interface as it is
-    std::optional<CanBitTiming> dataBitrate;  ///< CAN FD data-phase timing to set, only with `fd`
-    bool listenOnly = false;                  ///< compared and set together with the bit timing
-    std::uint64_t receiveBatch = 64;          ///< frames fetched by one receive call; 0 counts as 1
-    std::int64_t sendTimeoutMs = 100;         ///< how long a send may wait for room in the transmit queue
+    std::string interfaceName = {};                ///< e.g. can1 or vcan0; required
+    bool fd = false;                               ///< open for CAN FD frames
+    std::optional<CanBitTiming> bitrate = {};      ///< nominal timing to set; absent: the interface as it is
+    std::optional<CanBitTiming> dataBitrate = {};  ///< CAN FD data-phase timing to set, only with `fd`
+    bool listenOnly = false;                       ///< compared and set together with the bit timing
+    std::uint64_t receiveBatch = 64;               ///< frames fetched by one receive call; 0 counts as 1
+    std::int64_t sendTimeoutMs = 100;  ///< how long a send may wait for room in the transmit queue
 };
 
 /// Totals since construction; closing and opening again does not set them back.

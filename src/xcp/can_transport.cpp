@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include <spdlog/spdlog.h>
+
 namespace lm::xcp {
 namespace {
 
@@ -63,10 +65,12 @@ Result<void> CanTransport::send(const std::uint8_t* data, std::size_t length) {
     if (config_.maxDlcRequired) frame.length = config_.maxDlc;
     std::copy_n(data, length, frame.data.begin());
     std::fill(frame.data.begin() + length, frame.data.begin() + frame.length, config_.fillByte);
+    trace(">", frame);
     return broker_.send(frame);
 }
 
 void CanTransport::onFrame(const hal::CanFrame& frame) {
+    trace("<", frame);
     IPacketSink* const sink = sink_.load(std::memory_order_acquire);
     if (sink == nullptr || frame.length == 0 || frame.has(hal::CanFrame::remote)) return;
     sink->onPacket(frame.data.data(), frame.length,
@@ -75,6 +79,11 @@ void CanTransport::onFrame(const hal::CanFrame& frame) {
 
 void CanTransport::onChannelEvent(const hal::CanChannelEvent& event) {
     if (IPacketSink* const sink = sink_.load()) sink->onTransportEvent(event);
+}
+
+void CanTransport::trace(const char* direction, const hal::CanFrame& frame) const {
+    if (!spdlog::should_log(spdlog::level::debug)) return;
+    spdlog::debug("{} {} {}", broker_.interfaceName(), direction, hal::formatCanFrame(frame));
 }
 
 }  // namespace lm::xcp

@@ -1,5 +1,6 @@
 // XCP on CAN and CAN FD: one packet is one frame. The transport owns no channel; it receives and sends
-// through a broker, so that several transports can share one channel.
+// through a broker, so that several transports can share one channel. At log level debug every frame is
+// printed in the text notation.
 //
 // Threads: open, close and setSink belong to the owner and must not run at the same time, nor inside a
 // callback; send may be called from any thread. The sink is called on the channel's receive thread. Lifetime:
@@ -64,6 +65,8 @@ class CanTransport final : public ITransport, public broker::IFrameHandler {
     void onChannelEvent(const hal::CanChannelEvent& event) override;
 
   private:
+    void trace(const char* direction, const hal::CanFrame& frame) const;
+
     const CanTransportConfig config_;
     broker::ChannelBroker& broker_;
     std::atomic<IPacketSink*> sink_{nullptr};
