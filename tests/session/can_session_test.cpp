@@ -103,12 +103,15 @@ TEST_F(CanSession, TwoEcusShareLoadAndReconnectionOfOneChannel) {
     awaitMessage("connection lost: CAN interface 'can0' not found");
     bus_.fail("");
     awaitMessage("reconnected after ");
+    EXPECT_TRUE(second.value()->open());
     EXPECT_EQ(second.value()->read("cal_gain").value().physical, 3);
     EXPECT_EQ(bus_.opened.size(), 2U) << "opened once again for both";
     bus_.statistics.framesLost = 12;
     EXPECT_TRUE(first.value()->stopMeasurement());
     EXPECT_EQ(first.value()->statistics().canDropped, 7U);
     EXPECT_TRUE(second.value()->startMeasurement({{"wave@0"}, {}, nullptr})) << "the load is given back";
+    first.value().reset();
+    EXPECT_TRUE(create(0x600).ok()) << "so are the identifiers";
 }
 
 }  // namespace
