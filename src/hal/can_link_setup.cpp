@@ -49,7 +49,11 @@ Result<CanLinkState> reconfigure(const CanChannelConfig& config, const CanLinkSt
     if (before.up) {
         if (const auto down = link.switchDown(name); !down) return down.error();
     }
-    if (const auto set = link.configure(name, settings); !set) return set.error();
+    if (const auto set = link.configure(name, settings); !set) {
+        // Best effort: the failure to tell is the first one.
+        if (before.up) static_cast<void>(link.switchUp(name));
+        return set.error();
+    }
     if (const auto up = link.switchUp(name); !up) return up.error();
     return link.query(name);
 }

@@ -175,7 +175,7 @@ TEST(CanLinkSetUp, ChangesOnlyWhatDiffersAndSaysHowToMendTheRest) {
         {[](Config& c, FakeLink& l) { c.bitrate->bitrate = 1, l.refused = "down"; },
          "query, down, down" + setcap},
         {[](Config& c, FakeLink& l) { c.bitrate->bitrate = 1, l.refused = "1/0 0/0 classic"; },
-         "query, down, 1/0 0/0 classic, 1/0 0/0 classic" + setcap},
+         "query, down, 1/0 0/0 classic, up, 1/0 0/0 classic" + setcap},
         {[](Config&, FakeLink& l) { l.state.up = false, l.refused = "up"; },
          "query, 500000/0 0/0 classic, up, up" + setcap},
         {[](Config& c, FakeLink& l) { c.bitrate->bitrate = 1, l.refused = "down", l.failure = EBUSY; },
