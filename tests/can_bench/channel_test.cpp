@@ -4,10 +4,11 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
-#include <set>
+#include <string>
+#include <unistd.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -59,38 +60,30 @@ class Record final : public IFrameSink {
 class ChannelTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (std::getenv("XCPLUMO_CAN_GUEST") == nullptr)
-            GTEST_SKIP() << "tests/can_bench/run boots the guest";
-        ip("link add dev " + vcan_ + " mtu 72 type vcan");
-        ip("link set " + vcan_ + " up");
-        for (const char* name : {"fcan0", "fcan1"}) {
-            ip(fmt::format("link set {} down", name));
-            ip(fmt::format("link set {} type can bitrate 125000 fd off listen-only off", name));
-        }
+        if (std::getenv("XCPLUMO_CAN_GUEST") == nullptr) GTEST_SKIP() << "runs in the guest";
+        run("ip link add dev " + vcan_ + " mtu 72 type vcan && ip link set " + vcan_ + " up");
+        run("for i in fcan0 fcan1; do ip link set $i down; "
+            "ip link set $i type can bitrate 125000 fd off listen-only off; done");
     }
-    void TearDown() override {
-        static_cast<void>(std::system(("ip link del " + vcan_ + " 2>/dev/null").c_str()));
-    }
+    void TearDown() override { run("ip link del " + vcan_ + " 2>&1 || true"); }
 
-    static void ip(const std::string& words) { ASSERT_EQ(std::system(("ip " + words).c_str()), 0) << words; }
-    static std::string details(const std::string& name) {
+    /// What a shell command prints.
+    static std::string run(const std::string& command) {
         std::array<char, 4096> text{};
-        FILE* const pipe = ::popen(("ip -details link show " + name).c_str(), "r");
+        FILE* const pipe = ::popen(command.c_str(), "r");
         const std::size_t size = std::fread(text.data(), 1, text.size(), pipe);
-        ::pclose(pipe);
+        EXPECT_EQ(::pclose(pipe), 0) << command;
         return {text.data(), size};
     }
-    static void fault(const std::string& order) {
-        ASSERT_TRUE(std::ofstream("/sys/class/net/fcan0/fault") << order << std::flush) << order;
-    }
+    static void fault(const std::string& order) { run("echo " + order + " >/sys/class/net/fcan0/fault"); }
     std::unique_ptr<ICanChannel> channel(CanChannelConfig config, IFrameSink* sink = nullptr) {
         auto made = adapter_.openChannel(std::move(config)).value();
         made->setSink(sink);
         return made;
     }
     static std::string text(const Result<void>& result) { return result ? "" : result.error().text(); }
-    static Result<void> send(ICanChannel& channel, const std::string& frame) {
-        return channel.send(parseCanFrame(frame).value());
+    static std::string send(ICanChannel& channel, const std::string& frame) {
+        return text(channel.send(parseCanFrame(frame).value()));
     }
 
     const std::string vcan_ = fmt::format("vcant{}", ::getpid());
@@ -99,65 +92,58 @@ class ChannelTest : public ::testing::Test {
 };
 
 TEST_F(ChannelTest, OpeningSaysWhatIsMissing) {
-    ip("link set " + vcan_ + " down");
-    ip("link set " + vcan_ + " mtu 16");
-    ip("link set fcan1 up");
-    EXPECT_EQ(text(channel({.interfaceName = "vcan555"})->open()).substr(0, 49),
-              "virtual CAN interface 'vcan555' does not exist. C");
-    EXPECT_EQ(
-        text(channel({.interfaceName = "can77"})->open()),
-        "CAN interface 'can77' not found: is the adapter connected? `ip -br link` lists the interfaces");
-    const auto own = channel({.interfaceName = vcan_, .fd = true});
-    EXPECT_EQ(text(own->open()),
-              vcan_ + " is down. Switch it on in a terminal: `sudo ip link set " + vcan_ + " up`");
-    ip("link set " + vcan_ + " up");
-    EXPECT_EQ(text(own->open()), vcan_ +
-                                     " is not CAN FD capable. Change it in a terminal: `sudo ip link set " +
-                                     vcan_ + " down && sudo ip link set " + vcan_ + " mtu 72 up`");
-    EXPECT_EQ(text(channel({.interfaceName = "fcan0"})->open()).substr(0, 61),
-              "fcan0 is down and no bitrate is configured: set the bitrate i");
-    EXPECT_EQ(text(channel({.interfaceName = "fcan1", .fd = true})->open()), "fcan1 is not in CAN FD mode");
-    EXPECT_EQ(text(channel({.interfaceName = "can0", .fd = true, .bitrate = k500})->open()),
-              "can0: netlink request: Operation not supported");
-    EXPECT_EQ(text(channel({.interfaceName = "lo"})->open()), "bind to lo: No such device");
-    EXPECT_FALSE(own->isOpen());
+    run("ip link set " + vcan_ + " down && ip link set " + vcan_ + " mtu 16 && ip link set fcan1 up");
+    const struct {
+        CanChannelConfig config;
+        std::string error;  ///< how it begins
+    } rows[] = {
+        {{.interfaceName = "vcan555"}, "virtual CAN interface 'vcan555' does not exist. Create it"},
+        {{.interfaceName = "can77"}, "CAN interface 'can77' not found: is the adapter connected?"},
+        {{.interfaceName = vcan_}, vcan_ + " is down. Switch it on"},
+        {{.interfaceName = "fcan0"}, "fcan0 is down and no bitrate is configured"},
+        {{.interfaceName = "fcan1", .fd = true}, "fcan1 is not in CAN FD mode"},
+        {{.interfaceName = "can0", .fd = true, .bitrate = k500},
+         "can0: netlink request: Operation not supported"},
+        {{.interfaceName = "lo"}, "bind to lo: No such device"},
+    };
+    for (const auto& row : rows) {
+        const auto own = channel(row.config);
+        EXPECT_EQ(text(own->open()).substr(0, row.error.size()), row.error);
+        EXPECT_FALSE(own->isOpen());
+    }
+    run("ip link set " + vcan_ + " up");
+    EXPECT_EQ(text(channel({.interfaceName = vcan_, .fd = true})->open()).substr(vcan_.size(), 24),
+              " is not CAN FD capable. ");
 }
 
 TEST_F(ChannelTest, SetsBitTimingAndModeAndLeavesAMatchingLinkAlone) {
-    const auto carrierChanges = [] {
-        std::string count;
-        std::ifstream("/sys/class/net/fcan0/carrier_changes") >> count;
-        return count;
+    const auto expect = [](std::initializer_list<const char*> parts) {
+        const std::string shown = run("ip -details link show fcan0");
+        for (const char* part : parts)
+            EXPECT_NE(shown.find(part), std::string::npos) << part << " in " << shown;
     };
     CanChannelConfig config{
         .interfaceName = "fcan0", .fd = true, .bitrate = CanBitTiming{500000, 800}, .dataBitrate = k2000};
     ASSERT_EQ(text(channel(config)->open()), "");
-    std::string shown = details("fcan0");
-    for (const char* part :
-         {"UP", "mtu 72", "can <FD>", " bitrate 500000 sample-point 0.800", "dbitrate 2000000 "}) {
-        EXPECT_NE(shown.find(part), std::string::npos) << part << " in " << shown;
-    }
-    const std::string before = carrierChanges();
+    expect({"UP", "mtu 72", "can <FD>", " bitrate 500000 sample-point 0.800", "dbitrate 2000000 "});
+    const std::string changes = run("cat /sys/class/net/fcan0/carrier_changes");
     ASSERT_EQ(text(channel(config)->open()), "");
-    EXPECT_EQ(carrierChanges(), before);
+    EXPECT_EQ(run("cat /sys/class/net/fcan0/carrier_changes"), changes);
 
-    config = {.interfaceName = "fcan0", .bitrate = CanBitTiming{250000, 875}, .listenOnly = true};
-    const auto listener = channel(config);
-    ASSERT_EQ(text(listener->open()), "");
-    EXPECT_EQ(text(listener->open()), "fcan0 is already open");
-    shown = details("fcan0");
-    for (const char* part : {"UP", "mtu 16", "can <LISTEN-ONLY>", " bitrate 250000 sample-point 0.875"}) {
-        EXPECT_NE(shown.find(part), std::string::npos) << part << " in " << shown;
+    const auto own =
+        channel({.interfaceName = "fcan0", .bitrate = CanBitTiming{250000, 875}, .listenOnly = true});
+    ASSERT_EQ(text(own->open()), "");
+    EXPECT_EQ(text(own->open()), "fcan0 is already open");
+    expect({"UP", "mtu 16", "can <LISTEN-ONLY>", " bitrate 250000 sample-point 0.875"});
+    std::string listed;
+    const auto interfaces = adapter_.listInterfaces();
+    for (const CanInterfaceInfo& info : interfaces.value()) {
+        listed +=
+            fmt::format("{}:{}:{}:{} ", info.name, info.driver, info.link.kind, info.link.bitTiming.bitrate);
     }
-    std::set<std::string> names;
-    for (const CanInterfaceInfo& info : adapter_.listInterfaces().value()) {
-        names.insert(info.name + ":" + info.driver + ":" + info.link.kind);
-        if (info.name != "fcan0") continue;
-        EXPECT_EQ(info.link.bitTiming, (CanBitTiming{250000, 875}));
-        EXPECT_EQ(info.link.busState, CanBusState::errorActive);
+    for (const std::string part : {"can0:kvaser_pci:can:", "fcan0::can:250000 ", " vcant"}) {
+        EXPECT_NE(listed.find(part), std::string::npos) << part << " in " << listed;
     }
-    EXPECT_EQ(names.count("can0:kvaser_pci:can") + names.count("fcan0::can") + names.count(vcan_ + "::vcan"),
-              3U);
 }
 
 TEST_F(ChannelTest, CarriesFramesBothWays) {
@@ -176,9 +162,9 @@ TEST_F(ChannelTest, CarriesFramesBothWays) {
         record_.action = other.action = check;
         for (const std::string frame : {"7FF#0011223344556677", "00000001#R4",
                                         "1FFFFFFF##3001122334455667788990011", "000##0", "123#"}) {
-            EXPECT_EQ(text(send(*one, frame)), "");
+            EXPECT_EQ(send(*one, frame), "");
             EXPECT_EQ(other.upTo(frame), frame + " ");
-            EXPECT_EQ(text(send(*two, frame)), "");
+            EXPECT_EQ(send(*two, frame), "");
             EXPECT_EQ(record_.upTo(frame), frame + " ");
         }
         EXPECT_EQ(two->statistics().framesReceived, 5U);
@@ -187,9 +173,9 @@ TEST_F(ChannelTest, CarriesFramesBothWays) {
     twice({.interfaceName = vcan_, .fd = true, .receiveBatch = 0}, vcan_, false);
     twice({.interfaceName = "fcan0", .fd = true, .bitrate = k500, .dataBitrate = k2000}, "fcan1", true);
     const auto classic = channel({.interfaceName = vcan_});
-    EXPECT_EQ(text(send(*classic, "123#")), vcan_ + " is not open");
+    EXPECT_EQ(send(*classic, "123#"), vcan_ + " is not open");
     ASSERT_EQ(text(classic->open()), "");
-    EXPECT_EQ(text(send(*classic, "123##0")), "CAN FD frame on a classic CAN channel");
+    EXPECT_EQ(send(*classic, "123##0"), "CAN FD frame on a classic CAN channel");
 }
 
 TEST_F(ChannelTest, AFullQueueEndsASendAtItsTimeLimit) {
@@ -201,14 +187,14 @@ TEST_F(ChannelTest, AFullQueueEndsASendAtItsTimeLimit) {
     std::chrono::steady_clock::duration last{};
     while (failure.empty()) {
         const auto start = std::chrono::steady_clock::now();
-        failure = text(send(*sender, "001#"));
+        failure = send(*sender, "001#");
         last = std::chrono::steady_clock::now() - start;
     }
     EXPECT_EQ(failure, "send on fcan0: No buffer space available");
     EXPECT_GE(last, std::chrono::milliseconds(50));
     EXPECT_EQ(sender->statistics().sendFailures, 1U);
     fault("hold 0");
-    ASSERT_EQ(text(send(*sender, "002#")), "");
+    ASSERT_EQ(send(*sender, "002#"), "");
     record_.upTo("002#");
     EXPECT_EQ(receiver->statistics().framesReceived, sender->statistics().framesSent);
 }
@@ -229,7 +215,7 @@ TEST_F(ChannelTest, FollowsTheStatesOfItsController) {
         fault(row.order);
         EXPECT_EQ(record_.upTo(row.events), row.events + " ");
     }
-    ip("link set fcan0 type can restart");
+    run("ip link set fcan0 type can restart");
     EXPECT_EQ(record_.upTo("2/1/100"), "0/1/0 2/1/100 ");
     const CanChannelStatistics counts = own->statistics();
     EXPECT_EQ(counts.errorFrames, 7U);
@@ -237,7 +223,6 @@ TEST_F(ChannelTest, FollowsTheStatesOfItsController) {
     EXPECT_EQ(counts.framesLost, 1U);
     fault("bec 0 128");
     record_.upTo("0/3/0 2/3/204");
-    EXPECT_EQ(text(own->open()), "fcan0 is already open");
     const auto second = channel({.interfaceName = "fcan0"});
     ASSERT_EQ(text(second->open()), "");
     EXPECT_EQ(second->busState(), CanBusState::errorPassive);
@@ -253,21 +238,19 @@ TEST_F(ChannelTest, CountsEveryFrameThatASlowSinkCosts) {
     ASSERT_EQ(text(receiver->open()) + text(sender->open()), "");
     {
         const std::lock_guard closed(gate);
-        ASSERT_EQ(text(send(*sender, "001#")), "");
+        ASSERT_EQ(send(*sender, "001#"), "");
         for (int i = 0; i < 60'000; ++i) {
-            ASSERT_EQ(text(send(*sender, "002#")), "");
+            ASSERT_EQ(send(*sender, "002#"), "");
         }
     }
     // The kernel tells of drops with the next frame that finds room.
-    const std::string tail = "003#";
-    while (receiver->statistics().framesReceived == 0 || receiver->statistics().framesLost == 0) {
-        ASSERT_EQ(text(send(*sender, "002#")), "");
+    while (receiver->statistics().framesLost == 0) {
+        ASSERT_EQ(send(*sender, "002#"), "");
     }
     do {
-        ASSERT_EQ(text(send(*sender, tail)), "");
-    } while (record_.upTo(tail).starts_with("TIMEOUT"));
+        ASSERT_EQ(send(*sender, "003#"), "");
+    } while (record_.upTo("003#").starts_with("TIMEOUT"));
     const CanChannelStatistics counts = receiver->statistics();
-    EXPECT_GT(counts.framesLost, 0U);
     EXPECT_EQ(counts.framesReceived + counts.framesLost, sender->statistics().framesSent);
 }
 
@@ -276,20 +259,19 @@ TEST_F(ChannelTest, OutlivesAnInterfaceThatGoesAndComesBack) {
     const auto again = [&] {
         const auto other = channel({.interfaceName = vcan_});
         ASSERT_EQ(text(other->open()), "");
-        ASSERT_EQ(text(send(*other, "001#")), "");
+        ASSERT_EQ(send(*other, "001#"), "");
         EXPECT_EQ(record_.upTo("001#"), "001# ");
     };
     ASSERT_EQ(text(own->open()), "");
-    ip("link set " + vcan_ + " down");
+    run("ip link set " + vcan_ + " down");
     EXPECT_EQ(record_.upTo("3/1/64"), "3/1/64 ");  // ENETDOWN, once
-    EXPECT_EQ(text(send(*own, "001#")), "send on " + vcan_ + ": Network is down");
-    ip("link set " + vcan_ + " up");
+    EXPECT_EQ(send(*own, "001#"), "send on " + vcan_ + ": Network is down");
+    run("ip link set " + vcan_ + " up");
     again();
-    ip("link del " + vcan_);
+    run("ip link del " + vcan_);
     record_.upTo("3/1/64");
-    EXPECT_EQ(text(send(*own, "001#")), "send on " + vcan_ + ": No such device or address");
-    ip("link add dev " + vcan_ + " type vcan");
-    ip("link set " + vcan_ + " up");
+    EXPECT_EQ(send(*own, "001#"), "send on " + vcan_ + ": No such device or address");
+    run("ip link add dev " + vcan_ + " type vcan && ip link set " + vcan_ + " up");
     own->close();
     ASSERT_EQ(text(own->open()), "");
     again();
