@@ -38,9 +38,9 @@ class FakeCan final : public hal::ICanAdapter {
   private:
     class Channel final : public hal::ICanChannel {
       public:
-        Channel(FakeCan& bus, hal::CanChannelConfig config) : bus_(bus), config_(std::move(config)) {}
+        Channel(FakeCan& bus, hal::CanChannelConfig wanted) : bus_(bus), config_(std::move(wanted)) {}
 
-        void setSink(hal::IFrameSink* sink) override { sink_ = sink; }
+        void setSink(hal::IFrameSink* receiver) override { sink_ = receiver; }
         Result<void> open() override {
             if (auto passed = bus_.passed(); !passed.ok()) return passed;
             open_ = true;
