@@ -137,6 +137,14 @@ void CanMedium::send(const Outbox& packets, std::int64_t /*nowNs*/) {
     }
 }
 
+/// Virtual interfaces and emulated controllers know no bit time, and a burst that no bus could carry is lost
+/// by their receivers.
+void CanMedium::keepDistance() {
+    if (options_.frameUs == 0) return;
+    std::this_thread::sleep_until(nextFrame_);
+    nextFrame_ = std::chrono::steady_clock::now() + std::chrono::microseconds(options_.frameUs);
+}
+
 void CanMedium::transmit(std::uint32_t id, std::span<const std::uint8_t> packet) {
     const std::vector<std::uint8_t> payload = canPayload(packet, options_);
     canfd_frame frame{};
@@ -145,6 +153,7 @@ void CanMedium::transmit(std::uint32_t id, std::span<const std::uint8_t> packet)
     frame.flags = options_.canFd ? CANFD_BRS : 0;
     std::memcpy(frame.data, payload.data(), payload.size());
     const std::size_t size = options_.canFd ? CANFD_MTU : CAN_MTU;
+    keepDistance();
     for (int attempt = 0; socket_ >= 0 && attempt < kSendAttempts;) {
         if (::write(socket_, &frame, size) == static_cast<ssize_t>(size)) {
             ++counters_.packetsSent;

@@ -6,6 +6,7 @@
 // Threads: the loop's thread alone. Lifetime: options and fault plan must live as long as the medium.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <span>
 #include <vector>
@@ -38,12 +39,14 @@ class CanMedium : public IMedium {
     CanMedium(const Options& options, FaultPlan& faults);
     Result<void> attach();
     void detach();
+    void keepDistance();
     void transmit(std::uint32_t id, std::span<const std::uint8_t> packet);
 
     const Options& options_;
     FaultPlan& faults_;
     int socket_ = -1;  ///< -1: the interface is gone
     std::int64_t retryNs_;
+    std::chrono::steady_clock::time_point nextFrame_{};  ///< not before
     MediumCounters counters_;
 };
 

@@ -112,6 +112,8 @@ void addCanOptions(CLI::App& app, Arguments& arguments) {
     app.add_flag("--max-dlc-required", o.maxDlcRequired, "Hear and send CAN frames of full length only");
     app.add_option("--fill-byte", o.fillByte, "Fills CAN frames that are longer than their packet")
         ->check(CLI::Range(0, 255));
+    app.add_option("--frame-us", o.frameUs, "Least microseconds from one CAN frame to the next")
+        ->check(CLI::Range(0, 1000000));
 }
 
 void addOtherOptions(CLI::App& app, Arguments& arguments) {

@@ -62,6 +62,7 @@ struct Options {
     bool canFd = false;                       ///< CAN FD frames with bit-rate switch
     bool maxDlcRequired = false;              ///< all frames, heard and sent, have the full length
     std::uint8_t fillByte = 0;                ///< of frames longer than their packet
+    std::uint32_t frameUs = 0;                ///< least time from one frame to the next in microseconds
 
     // The program.
     std::uint16_t port = 5555;    ///< UDP port, 0: the system chooses

@@ -1,6 +1,6 @@
 """Runs the CAN tests in the guest; `run` beside this file is the command to use.
 
-What comes back lies in BUILD/can_bench: junit.xml, ctest's own log, the console.
+What comes back lies in BUILD/can_bench: junit.xml, ctest's own log, what the run cost.
 """
 import argparse
 import os
@@ -46,8 +46,8 @@ def script(arguments, ctest):
     return "\n".join([
         *lines, f"cd {tests}",
         "ctest --output-on-failure --no-tests=error --parallel 2 --repeat until-pass:2 "
-        f"--output-junit /bench/junit.xml {shlex.join(ctest)}",
-        "status=$?", "cp Testing/Temporary/LastTest.log /bench/", "exit $status", ""])
+        f"--output-junit /bench/junit.xml {shlex.join(ctest)} | cat",  # no terminal: no colours
+        "status=${PIPESTATUS[0]}", "cp Testing/Temporary/LastTest.log /bench/", "exit $status", ""])
 
 
 def main():
@@ -62,8 +62,9 @@ def main():
     kernel = guest_kernel(arguments.cache)
     ready = time.monotonic()
     status = guest.run(kernel, work, script(arguments, ctest), arguments.limit)
-    # On standard error, so that the tests' own summary stays the last thing on standard output.
-    print(f"CAN bench: kernel {ready - begin:.0f} s, guest {time.monotonic() - ready:.0f} s", file=sys.stderr)
+    used = os.times()
+    (work / "timing").write_text(f"kernel {ready - begin:.0f} s, guest {time.monotonic() - ready:.0f} s, processor "
+                                 f"{used.children_user + used.children_system:.0f} s\n")
     return status
 
 

@@ -3,18 +3,23 @@
 Virtual interfaces are made and removed by the tests themselves. The guest has controllers: can0 and can1 classic on one
 bus, can2 and can3 CAN FD on another, fcan0 and fcan1 with faults on order.
 """
+import json
 import os
+import re
+import signal
 import socket
 import struct
 import subprocess
+import tempfile
 import threading
 from pathlib import Path
 
 import harness
+import recording_check
 
 GUEST = os.environ.get("XCPLUMO_CAN_GUEST") == "1"
 EXTENDED, REMOTE, ERROR = 0x80000000, 0x40000000, 0x20000000
-CLASSIC_SIZE, FD_SIZE = 16, 72
+FD_SIZE = 72
 BRS = 1
 
 
@@ -40,31 +45,53 @@ def classic_frame(identifier, data):
     return struct.pack("=IB3x8s", identifier, len(data), data)
 
 
-class Listener:
-    """Keeps all frames of some identifiers as (identifier, size on the socket, flags, bytes)."""
+class Background:
+    """A thread that repeats an action on a socket until the test ends."""
 
-    def __init__(self, interface, *identifiers):
-        self.socket = raw_socket(interface, *((identifier, 0xFFFFFFFF) for identifier in identifiers))
-        self.frames = []
-        self.thread = threading.Thread(target=self.listen)
+    def __init__(self, test, raw):
+        raw.settimeout(0.2)
+        self.socket, self.running = raw, True
+        self.thread = threading.Thread(target=self.loop)
         self.thread.start()
+        test.addCleanup(self.end)
 
-    def listen(self):
-        while True:
+    def loop(self):
+        while self.running:
             try:
-                data = self.socket.recv(FD_SIZE)
-            except OSError:
-                return
-            if not data:
-                return
-            identifier, length, flags = struct.unpack_from("=IBB", data)
-            self.frames.append((identifier, len(data), flags, data[8:8 + length]))
+                self.act()
+            except OSError:  # nothing came, the send queue is full, the interface is away
+                continue
 
-    def close(self):
-        # A CAN socket knows no shutdown: the thread ends with its receive timeout.
-        self.socket.settimeout(0.2)
+    def end(self):
+        self.running = False
         self.thread.join()
         self.socket.close()
+
+
+class Listener(Background):
+    """Keeps all frames of some identifiers as (identifier, CAN FD with bit-rate switch, bytes)."""
+
+    def __init__(self, test, interface, *identifiers):
+        self.frames = []
+        super().__init__(test, raw_socket(interface, *((identifier, ~ERROR & 0xFFFFFFFF) for identifier in identifiers)))
+
+    def act(self):
+        data = self.socket.recv(FD_SIZE)
+        identifier, length, flags = struct.unpack_from("=IBB", data)
+        self.frames.append((identifier, len(data) == FD_SIZE and flags & BRS == BRS, data[8:8 + length]))
+
+
+class Flood(Background):
+    """Sends these frames as fast as it can."""
+
+    def __init__(self, test, interface, *frames):
+        self.frames, self.sent = frames, 0
+        super().__init__(test, raw_socket(interface))
+
+    def act(self):
+        for frame in self.frames:
+            self.socket.send(frame)
+        self.sent += len(self.frames)
 
 
 class CanTest(harness.SystemTest):
@@ -81,15 +108,79 @@ class CanTest(harness.SystemTest):
             self.skipTest(f"no {missing[0]} here: tests/can_bench/run boots a guest that has it")
 
     def start_ecu(self, interface, *options, seen_from=None, reach=()):
-        """A simulated ECU; the tool reaches it by its A2L, or the one given with `reach`, through `seen_from`."""
+        """A simulated ECU; the tool reaches it by its A2L and the options `reach`, through `seen_from`."""
+        if "--fast-event-us" not in options:  # what nobody measures costs time all the same
+            options += ("--fast-event-us", "10000")
         sim = self.start([harness.SIM, "--can", interface, *options])
         sim.wait_for_out("can " + interface + "\n")
         sim.a2l = self.write_a2l("--can", interface, *options)
-        sim.reach = ["-i", seen_from or interface, *map(str, reach)]
+        sim.interface = seen_from or interface
+        sim.reach = ["-i", sim.interface, *map(str, reach)]
         return sim
 
     def arguments(self, sim, *arguments):
         return [harness.CLI, "--a2l", str(sim.a2l), *sim.reach, *map(str, arguments)]
+
+    def json_config(self, **values):
+        return self.config(json.dumps(values), f"can-{len(list(self.dir.iterdir()))}.json")
+
+    def check_info(self, sim, cmd, res, size):
+        done = self.run_cli(sim, "info")
+        self.expect(done, done.stdout)
+        lines = done.stdout.splitlines()
+        self.assertEqual((lines[0], lines[2]),
+                         (f"ECU            SimulatedEcu (CMD 0x{cmd:X}, RES 0x{res:X} on {sim.interface})",
+                          f"communication  Intel, AG 1, MAX_CTO {size}, MAX_DTO {size}"))
+
+    def start_recording(self, sim, names, *arguments):
+        """Starts a recording measurement after parameters were set; what check_recording needs is kept with it."""
+        parameters = self.type_parameters(sim)
+        directory = Path(tempfile.mkdtemp(dir=self.dir)) / "recording"
+        program = self.start_cli(sim, "measure", "-p", "0", "-r", directory, *arguments, *harness.signals(names))
+        program.check = (directory, sim.a2l, [name.split("@")[0] for name in names], parameters)
+        return program
+
+    def check_recording(self, sim, program):
+        """It ended well, nothing was lost, and every value is the one of the ECU's model."""
+        self.assertEqual((program.finish(), program.out), (0, ""), program.err)
+        recording = recording_check.check(self, program.err, *program.check)
+        self.assertEqual(recording.meta["source"], f"XCP on CAN {sim.interface}")
+
+    def check_loss(self, sim, names, cut, mend, reasons, why_not):
+        """The interface goes while measuring: told once; `abort` ends, `retry` goes on when it is back.
+
+        `reasons` are those that the reception may end with, `why_not` what a reconnection attempt says meanwhile.
+        """
+        for policy in ("abort", "retry"):
+            with self.subTest(policy):
+                config = self.quick_config(reconnect={"policy": policy, "attempts": 1000})
+                directory = self.dir / policy
+                program = self.start_cli(sim, "-c", config, "measure", "-p", "1", "-r", directory,
+                                         *harness.signals(names))
+                program.wait_for_out("\n", 2)
+                cut()
+                state = "failed" if policy == "abort" else "reconnecting"
+                program.wait_for_err(f"** {state}: connection lost: no DAQ data for {harness.HEARTBEAT_MS} ms")
+                if policy == "retry":
+                    program.wait_for_err("reconnect attempt 2:")
+                mend()
+                if policy == "retry":
+                    program.wait_for_err("** measuring: reconnected after")
+                    program.wait_for_out("\n", program.out.count("\n") + 3)
+                    program.signal(signal.SIGINT)
+                self.assertEqual(program.finish(), 2 if policy == "abort" else 0, program.err)
+                told = re.findall(rf"{sim.interface}: receive failed: (.*)", program.err)
+                self.assertEqual(len(told), 1, program.err)
+                self.assertIn(told[0], reasons)
+                attempts = set(re.findall(r"reconnect attempt \d+: (.*)", program.err))
+                self.assertEqual(attempts, {why_not} if policy == "retry" else set())
+                counts, groups = self.statistics(program.err, directory)
+                self.assertEqual(counts["reconnects"], int(policy == "retry"))
+                values = groups[0].counters()
+                jumps = [b - a for a, b in zip(values, values[1:]) if b != a + 1]
+                # What the ECU still sends between the return of its interface and the new start is recorded as well.
+                self.assertIn(len(jumps), [1, 2] if policy == "retry" else [0], values)
+                self.assertTrue(all(jump > 0 for jump in jumps), values)
 
 
 class VcanCase(CanTest):

@@ -63,6 +63,9 @@ def run(kernel, work, script, limit):
         timer.start()
         try:
             for line in guest.stdout:
+                # The kernel's last word is of no interest, and what comes before is to stand last.
+                if b"reboot: Power down" in line:
+                    continue
                 # The console ends lines with CR LF; what the boot sends to clear a screen is not for ours.
                 sys.stdout.buffer.write(line.replace(b"\r", b"").replace(b"\x1bc", b""))
                 sys.stdout.flush()
