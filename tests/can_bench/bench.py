@@ -53,8 +53,8 @@ def script(arguments, ctest):
 def main():
     arguments, ctest = parsed()
     arguments.build = arguments.build.resolve()
-    if not (arguments.build / "tests/can_bench").is_dir():
-        raise BenchError(f"{arguments.build} is no build of this project")
+    if not (arguments.build / "bin/xcplumo-cli").exists():
+        raise BenchError(f"{arguments.build} holds no build of this project")
     work = arguments.build / "can_bench"
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir()

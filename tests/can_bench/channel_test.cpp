@@ -228,6 +228,32 @@ TEST_F(ChannelTest, FollowsTheStatesOfItsController) {
     EXPECT_EQ(second->busState(), CanBusState::errorPassive);
 }
 
+TEST_F(ChannelTest, FollowsErrorFramesWrittenByHand) {
+    const auto own = channel({.interfaceName = vcan_}, &record_);
+    const auto writer = channel({.interfaceName = vcan_});
+    ASSERT_EQ(text(own->open()) + text(writer->open()), "");
+    const struct {
+        std::uint32_t errorClass;
+        std::uint8_t problem;
+        std::string events;
+    } rows[] = {{0x4, 0x08, "0/2/0 2/2/4"},
+                {0x4, 0x10, "0/3/0 2/3/4"},
+                {0x4, 0x30, "2/3/4"},
+                {0x40, 0, "0/4/0 2/4/40"},
+                {0x100, 0, "0/1/0 2/1/100"}};
+    for (const auto& row : rows) {
+        CanFrame frame;
+        frame.id = 0x20000000 | row.errorClass;
+        frame.length = 8;
+        frame.data[1] = row.problem;
+        ASSERT_EQ(text(writer->send(frame)), "");
+        EXPECT_EQ(record_.upTo(row.events), row.events + " ");
+    }
+    EXPECT_EQ(own->statistics().errorFrames, 5U);
+    EXPECT_EQ(own->statistics().busOffCount, 1U);
+    EXPECT_EQ(own->statistics().framesReceived, 0U);
+}
+
 TEST_F(ChannelTest, CountsEveryFrameThatASlowSinkCosts) {
     std::mutex gate;
     record_.action = [&](const CanFrame& frame) {
