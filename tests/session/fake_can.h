@@ -1,12 +1,8 @@
-// CAN interfaces without hardware: what is opened is recorded, what is sent goes to a function, and frames
-// and events are delivered on order.
+// CAN interfaces without hardware: what is sent goes to a function, events and faults come on order.
 #pragma once
 
+#include <atomic>
 #include <functional>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "hal/can_channel.h"
 
@@ -14,25 +10,19 @@ namespace lm::session::test {
 
 class FakeCan final : public hal::ICanAdapter {
   public:
-    std::vector<std::string> opened;       ///< interface names, one per successful open()
-    hal::CanChannelConfig config;          ///< of the channel opened last
-    hal::CanLinkState link;                ///< what every interface tells about itself
+    std::atomic<bool> gone{false};         ///< opening and sending fail
+    unsigned opened = 0;                   ///< successful calls of open(), of all channels
+    hal::CanLinkState link;                ///< what "can0" tells about itself
     hal::CanChannelStatistics statistics;  ///< of every channel
     hal::IFrameSink* sink = nullptr;       ///< of the channel opened last
-    std::function<void(const hal::CanFrame&)> onSend = [](const hal::CanFrame&) {};
-
-    /// From now on opening and sending fail with this message; empty: all goes well.
-    void fail(const std::string& message) {
-        const std::lock_guard lock(mutex_);
-        failure_ = message;
-    }
+    std::function<void(const hal::CanFrame&)> onSend;
 
     std::string name() const override { return "fake"; }
     Result<std::vector<hal::CanInterfaceInfo>> listInterfaces() override {
-        return std::vector<hal::CanInterfaceInfo>{{"can0", "fake", link}, {"can1", "fake", {}}};
+        return std::vector<hal::CanInterfaceInfo>{{"can0", "fake", link}};
     }
     Result<std::unique_ptr<hal::ICanChannel>> openChannel(hal::CanChannelConfig wanted) override {
-        return std::unique_ptr<hal::ICanChannel>(std::make_unique<Channel>(*this, std::move(wanted)));
+        return std::unique_ptr<hal::ICanChannel>(new Channel(*this, std::move(wanted)));
     }
 
   private:
@@ -42,17 +32,16 @@ class FakeCan final : public hal::ICanAdapter {
 
         void setSink(hal::IFrameSink* receiver) override { sink_ = receiver; }
         Result<void> open() override {
-            if (auto passed = bus_.passed(); !passed.ok()) return passed;
+            if (bus_.gone) return Error{ErrorCode::notFound, "gone"};
             open_ = true;
-            bus_.opened.push_back(config_.interfaceName);
-            bus_.config = config_;
+            ++bus_.opened;
             bus_.sink = sink_;
             return {};
         }
         void close() override { open_ = false; }
         bool isOpen() const override { return open_; }
         Result<void> send(const hal::CanFrame& frame) override {
-            if (auto passed = bus_.passed(); !passed.ok()) return passed;
+            if (bus_.gone) return Error{ErrorCode::ioError, "gone"};
             bus_.onSend(frame);
             return {};
         }
@@ -66,15 +55,6 @@ class FakeCan final : public hal::ICanAdapter {
         hal::IFrameSink* sink_ = nullptr;
         bool open_ = false;
     };
-
-    Result<void> passed() {
-        const std::lock_guard lock(mutex_);
-        if (failure_.empty()) return {};
-        return Error{ErrorCode::notFound, failure_};
-    }
-
-    std::mutex mutex_;
-    std::string failure_;  // under mutex_
 };
 
 }  // namespace lm::session::test

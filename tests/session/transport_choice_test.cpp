@@ -10,30 +10,25 @@ namespace {
 
 TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
     const struct {
-        const char* interface;
         const char* host;
         std::optional<std::uint16_t> port;
         std::optional<std::uint16_t> a2lPort;
         bool tcpOnly;
         const char* outcome;  // the transport's name or the message
     } rows[] = {
-        {"", "ecu", 1234, 4321, false, "udp:ecu:1234"},
-        {"", "ecu", {}, 4321, false, "udp:ecu:4321"},
-        {"", "fe80::1", {}, {}, false, "udp:fe80::1:5555"},
-        {"", "ecu", {}, {}, true, "XCP on TCP/IP is not supported yet (use UDP)"},
-        {"can0", "ecu", {}, {}, false, "CAN-IDs for XCP are neither configured nor in the A2L"},
-        {"", "", {}, {}, false, "neither a CAN interface, a serial port nor a UDP host is configured"},
+        {"ecu", 1234, 4321, false, "udp:ecu:1234"},
+        {"ecu", {}, 4321, false, "udp:ecu:4321"},
+        {"fe80::1", {}, {}, false, "udp:fe80::1:5555"},
+        {"ecu", {}, {}, true, "XCP on TCP/IP is not supported yet (use UDP)"},
+        {"", {}, {}, false, "neither a CAN interface, a serial port nor a UDP host is configured"},
     };
-    test::FakeCan bus;
-    ChannelPool pool(bus);
     for (const auto& row : rows) {
         SessionConfig config;
-        config.can.interface = row.interface;
         config.udp = {row.host, row.port};
         a2l::XcpInterface interface;
         if (row.a2lPort) interface.udp = a2l::XcpOnUdp{row.a2lPort, ""};
         interface.tcp = row.tcpOnly;
-        const auto setup = chooseTransport(config, interface, pool);
+        const auto setup = chooseTransport(config, interface, ChannelPool::ofThisMachine());
         EXPECT_EQ(setup.ok() ? setup.value().address.name : setup.error().text(), row.outcome);
     }
 }
@@ -56,77 +51,50 @@ TEST(TransportChoice, TakesTheBaudRateOfTheConfigurationThenOfTheA2l) {
     }
 }
 
-std::string told(const TransportSetup& setup, const hal::CanChannelConfig& opened) {
+std::string told(const TransportSetup& setup) {
     const xcp::CanTransportConfig& sent = setup.can->transportConfig();
+    const hal::CanChannelConfig& opened = setup.can->channel().config();
     const CanTiming timing = setup.can->timing();
-    std::string text = fmt::format("cmd {:X} res {:X}", setup.address.cmdId, setup.address.resId);
-    for (const xcp::CanId& id : sent.extraIds)
-        text += fmt::format(" and {:X}{}", id.id, id.extended ? "x" : "");
-    return fmt::format("{}{}{}{}, {} bytes, sets {}/{}, load at {}/{}{}", text, sent.fd ? " fd" : "",
+    return fmt::format("{:X} {:X} +{}{}{}{} {} bytes, {}/{} set, load at {}/{}{}", setup.address.cmdId,
+                       setup.address.resId, sent.extraIds.size(), opened.fd && sent.fd ? " fd" : "",
                        sent.brs ? " brs" : "", sent.maxDlcRequired ? " padded" : "", sent.maxDlc,
-                       opened.bitrate ? opened.bitrate->bitrate : 0,
-                       opened.dataBitrate ? opened.dataBitrate->bitrate : 0, timing.bitrate,
+                       opened.bitrate.value_or(hal::CanBitTiming{}).bitrate,
+                       opened.dataBitrate.value_or(hal::CanBitTiming{}).bitrate, timing.bitrate,
                        timing.dataBitrate, timing.extendedIds ? " extended" : "");
 }
 
+void expectCan(const SessionConfig::Can& can, const std::optional<a2l::XcpOnCan>& described,
+               std::uint32_t currentBitrate, const char* outcome) {
+    test::FakeCan bus;
+    bus.link.bitTiming.bitrate = currentBitrate;
+    ChannelPool pool(bus);
+    SessionConfig config;
+    config.can = can;
+    config.udp.host = "ecu";  // CAN comes first
+    a2l::XcpInterface interface;
+    interface.can = described;
+    const auto setup = chooseTransport(config, interface, pool);
+    EXPECT_EQ(setup.ok() ? told(setup.value()) : setup.error().text(), outcome);
+}
+
 TEST(TransportChoice, CanTakesTheConfigurationThenTheInterfaceThenTheA2l) {
-    using Can = SessionConfig::Can;
-    const a2l::XcpOnCan described{0x600, 0x80000601, {}, 250'000, false, true, 1'000'000, 32, {0x601, 0x601}};
-    a2l::XcpOnCan padded = described;
-    padded.maxDlcRequired = true;
-    padded.maxDlc.reset();
-    padded.dataBaudrate.reset();
-    padded.daqListIds = {0x80000601, 0x800};
-    const struct {
-        Can config;
-        std::optional<a2l::XcpOnCan> interface;
-        std::uint32_t currentBitrate;
-        const char* outcome;
-    } rows[] = {
-        {{"can0", {}, {}, false, 0x7E0, 0x7E8, false},
-         {},
-         0,
-         "cmd 7E0 res 7E8, 8 bytes, sets 0/0, load at 0/0"},
-        {{"can0", {}, {}, false, 0x7E0, 0x7E8, false},
-         described,
-         500'000,
-         "cmd 7E0 res 7E8 and 601, 8 bytes, sets 0/0, load at 500000/0"},
-        {{"can0", {}, {}, true, {}, {}, true},
-         described,
-         0,
-         "cmd 600 res 80000601 and 601 fd brs padded, 32 bytes, sets 0/0, load at 250000/1000000 extended"},
-        {{"can0", 800'000, 4'000'000, true, {}, 0x7E8, false},
-         described,
-         500'000,
-         "cmd 600 res 7E8 and 601 fd brs, 32 bytes, sets 800000/4000000, load at 800000/4000000"},
-        {{"can0", {}, {}, true, {}, {}, false},
-         padded,
-         500'000,
-         "cmd 600 res 80000601 fd brs padded, 64 bytes, sets 0/0, load at 500000/500000 extended"},
-        {{"can0", {}, {}, false, 0x7E0, {}, false},
-         {},
-         0,
-         "CAN-IDs for XCP are neither configured nor in the A2L"},
-        {{"can0", {}, {}, false, 0x800, 0x7E8, false},
-         {},
-         0,
-         "CAN-ID 0x800: CAN identifier out of range (a 29-bit identifier has bit 31 set: 0x80000800)"},
-        {{"can0", {}, {}, false, 0x7E0, 0xA0000000, false},
-         {},
-         0,
-         "CAN-ID 0xA0000000: CAN identifier out of range"},
-    };
-    for (const auto& row : rows) {
-        test::FakeCan bus;
-        bus.link.bitTiming.bitrate = row.currentBitrate;
-        ChannelPool pool(bus);
-        SessionConfig config;
-        config.can = row.config;
-        a2l::XcpInterface interface;
-        interface.can = row.interface;
-        const auto setup = chooseTransport(config, interface, pool);
-        EXPECT_EQ(setup.ok() ? told(setup.value(), bus.config) : setup.error().text(), row.outcome);
-    }
+    const a2l::XcpOnCan full{0x600, 0x80000601, {}, 250'000, false, true, 1'000'000, 32, {0x601, 0x601}};
+    const a2l::XcpOnCan bare{0x600, 0x80000601, {}, {}, true, true, {}, {}, {0x80000601, 0x800}};
+    const SessionConfig::Can plain{"can0", {}, {}, false, 0x7E0, 0x7E8, false};
+    expectCan(plain, {}, 0, "7E0 7E8 +0 8 bytes, 0/0 set, load at 0/0");
+    expectCan(plain, full, 500'000, "7E0 7E8 +1 8 bytes, 0/0 set, load at 500000/0");
+    expectCan({"can0", {}, {}, true, {}, {}, true}, full, 0,
+              "600 80000601 +1 fd brs padded 32 bytes, 0/0 set, load at 250000/1000000 extended");
+    expectCan({"can0", 800'000, 4'000'000, true, {}, 0x7E8, false}, full, 500'000,
+              "600 7E8 +1 fd brs 32 bytes, 800000/4000000 set, load at 800000/4000000");
+    expectCan({"can0", {}, {}, true, {}, {}, false}, bare, 500'000,
+              "600 80000601 +0 fd brs padded 64 bytes, 0/0 set, load at 500000/500000 extended");
+    expectCan({"can0", {}, {}, false, 0x7E0, {}, false}, {}, 0,
+              "CAN-IDs for XCP are neither configured nor in the A2L");
+    expectCan({"can0", {}, {}, false, 0x800, 0x7E8, false}, {}, 0,
+              "CAN-ID 0x800: CAN identifier out of range (a 29-bit identifier has bit 31 set: 0x80000800)");
+    expectCan({"can0", {}, {}, false, 0x7E0, 0xA0000000, false}, {}, 0,
+              "CAN-ID 0xA0000000: CAN identifier out of range");
 }
 
 }  // namespace
