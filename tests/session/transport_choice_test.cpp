@@ -97,5 +97,29 @@ TEST(TransportChoice, CanTakesTheConfigurationThenTheInterfaceThenTheA2l) {
               "CAN-ID 0xA0000000: CAN identifier out of range");
 }
 
+void expectSecond(std::optional<std::uint32_t> firstRate, bool secondFd, std::uint32_t secondRate,
+                  std::uint32_t secondDataRate, const char* outcome) {
+    test::FakeCan bus;
+    ChannelPool pool(bus);
+    SessionConfig config;
+    config.can = {"can0", firstRate, 2'000'000, true, 0x600, 0x601, false};
+    const auto first = chooseTransport(config, {}, pool);
+    config.can = {"can0", secondRate, secondDataRate, secondFd, 0x700, 0x701, false};
+    const auto second = chooseTransport(config, {}, pool);
+    EXPECT_EQ(second.ok() ? "" : second.error().text(), outcome);
+    EXPECT_EQ(bus.opened, 1U);
+}
+
+TEST(TransportChoice, EcusOnOneChannelMustAgree) {
+    expectSecond({}, true, 500'000, 2'000'000, "");
+    expectSecond(500'000, true, 500'000, 2'000'000, "");
+    expectSecond(500'000, true, 250'000, 2'000'000,
+                 "can0: bitrate 250000 conflicts with 500000 of another ECU on this channel");
+    expectSecond(500'000, true, 500'000, 4'000'000,
+                 "can0: data bitrate 4000000 conflicts with 2000000 of another ECU on this channel");
+    expectSecond(500'000, false, 250'000, 2'000'000,
+                 "can0: CAN FD setting differs from another ECU on this channel");
+}
+
 }  // namespace
 }  // namespace lm::session
