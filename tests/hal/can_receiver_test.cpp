@@ -31,7 +31,7 @@ class CanReceiverTest : public ::testing::Test, public IFrameSink {
     }
     void addDrops(std::uint32_t total) { addControl(SO_RXQ_OVFL, &total, sizeof total); }
 
-    void add(canfd_frame frame, std::size_t size) {
+    void addFrame(canfd_frame frame, std::size_t size) {
         iovec part{.iov_base = &frame, .iov_len = sizeof frame};
         msghdr header{};
         header.msg_iov = &part;
@@ -49,7 +49,7 @@ class CanReceiverTest : public ::testing::Test, public IFrameSink {
         frame.flags = flags;
         std::memset(frame.data, 0x5A, sizeof frame.data);
         frame.data[1] = second;
-        add(frame, size);
+        addFrame(frame, size);
     }
     std::string logged() { return std::exchange(log_, {}); }
 
@@ -103,7 +103,7 @@ TEST_F(CanReceiverTest, SendsWhatItReceives) {
     receiver_.begin(kClocks);
     for (const char* text : {"7FF#0011223344556677", "00000001#R3", "1FFFFFFF##300112233445566778899AABB"}) {
         const KernelFrame kernel = toKernelFrame(parseCanFrame(text).value());
-        add(kernel.frame, kernel.size);
+        addFrame(kernel.frame, kernel.size);
         receiver_.finish();
         EXPECT_EQ(logged(), text + std::string("@5000000000/0 | "));
     }
@@ -138,7 +138,7 @@ TEST_F(CanReceiverTest, FollowsTheBusByItsErrorFrames) {
         {0x4, 0x20, "event 2 state 3 value 4; "},                           // as before: no change
         {0x204, 0x01, "event 1 state 3 value 1; event 2 state 3 value 204; "},
         {0x40, 0x00, "event 0 state 4 value 0; event 2 state 4 value 40; "},
-        {0x40, 0x10, "event 2 state 4 value 40; "},  // no controller problem: the byte says nothing
+        {0x40, 0x10, "event 2 state 4 value 40; "},  // the byte belongs to another class
         {0x100, 0x00, "event 0 state 1 value 0; event 2 state 1 value 100; "},
         {0x4, 0x06, "event 0 state 2 value 0; event 1 state 2 value 1; event 2 state 2 value 4; "},
         {0x4, 0x40, "event 0 state 1 value 0; event 2 state 1 value 4; "},
