@@ -27,6 +27,7 @@ need() {
 
 build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libspdlog-dev libfmt-dev)
 test_packages=(libgtest-dev python3)
+can_packages=(qemu-system-x86 busybox-static iproute2 gcc-12 make xz-utils libelf1)
 check_packages=(clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 python3)
 
 # build PRESET [TARGET...]: configures when needed and builds with all cores.

@@ -92,6 +92,33 @@ std::string daqBlock(const Options& options, const Catalog& catalog) {
     return text + "      /end DAQ\n";
 }
 
+std::string onCan(const Options& options) {
+    std::string text = fmt::format(
+        "      /begin XCP_ON_CAN\n"
+        "        0x0100\n"
+        "        CAN_ID_MASTER 0x{:X}\n"
+        "        CAN_ID_SLAVE 0x{:X}\n"
+        "        BAUDRATE 500000\n",
+        options.canCmdId, options.canResId);
+    if (options.maxDlcRequired) text += "        MAX_DLC_REQUIRED\n";
+    if (options.canDaqId) {
+        text += fmt::format(
+            "        /begin DAQ_LIST_CAN_ID\n"
+            "          {} FIXED 0x{:X}\n"
+            "        /end DAQ_LIST_CAN_ID\n",
+            options.minDaq, *options.canDaqId);
+    }
+    if (options.canFd) {
+        text += fmt::format(
+            "        /begin CAN_FD\n"
+            "          MAX_DLC {}\n"
+            "          CAN_FD_DATA_TRANSFER_BAUDRATE 2000000\n"
+            "        /end CAN_FD\n",
+            options.maxDlc());
+    }
+    return text + "      /end XCP_ON_CAN\n";
+}
+
 std::string transportLayer(const Options& options) {
     if (options.serial) {
         return fmt::format(
@@ -100,11 +127,13 @@ std::string transportLayer(const Options& options) {
             "      /end XCP_ON_SxI\n",
             options.baudrate);
     }
+    if (!options.can.empty()) return onCan(options);
     return fmt::format(
-        "      /begin XCP_ON_UDP_IP\n"
-        "        0x0100 {} ADDRESS \"127.0.0.1\"\n"
-        "      /end XCP_ON_UDP_IP\n",
-        options.port);
+               "      /begin XCP_ON_UDP_IP\n"
+               "        0x0100 {} ADDRESS \"127.0.0.1\"\n"
+               "      /end XCP_ON_UDP_IP\n",
+               options.port) +
+           onCan(options);
 }
 
 std::string head(const Options& options, const Catalog& catalog) {

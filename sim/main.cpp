@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "sim/a2l_writer.h"
+#include "sim/can_medium.h"
 #include "sim/event_cycle.h"
 #include "sim/faults.h"
 #include "sim/runner.h"
@@ -36,7 +37,8 @@ constexpr const char* kFaultHelp =
     "Faults of the stream: KIND:EVERY\n"
     "  lose-odt       a DTO is never sent            overload   a whole sample is not sent and indicated\n"
     "  ctr-gap        the packet counter skips one   lose-datagram  a DTO is lost on the way\n"
-    "  malformed      the length of a DTO runs past its datagram (serial: a wrong byte)\n"
+    "  malformed      the length of a DTO runs past its datagram (serial: a wrong byte,\n"
+    "                 CAN: one byte alone)\n"
     "Signals: SIGUSR1 restarts the ECU, SIGUSR2 turns its silence on and off, SIGHUP writes the memory "
     "file,\n"
     "SIGRTMIN pulls the plug of the serial line and puts it in again, SIGINT and SIGTERM end the program;\n"
@@ -50,6 +52,8 @@ struct Arguments {
     std::string a2lFile;
     std::string modelFile;
     bool noDaq = false;
+    const CLI::Option* maxCto = nullptr;
+    const CLI::Option* maxDto = nullptr;
 };
 
 void addSlaveOptions(CLI::App& app, Arguments& arguments) {
@@ -58,8 +62,10 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
         ->check(CLI::IsMember({"intel", "motorola"}));
     app.add_option("--granularity", o.granularity, "Bytes of one addressable element")
         ->check(CLI::IsMember({1, 2, 4}));
-    app.add_option("--max-cto", o.maxCto, "Largest command packet")->check(CLI::Range(8, 255));
-    app.add_option("--max-dto", o.maxDto, "Largest data packet")->check(CLI::Range(8, 65000));
+    arguments.maxCto =
+        app.add_option("--max-cto", o.maxCto, "Largest command packet")->check(CLI::Range(8, 255));
+    arguments.maxDto =
+        app.add_option("--max-dto", o.maxDto, "Largest data packet")->check(CLI::Range(8, 65000));
     app.add_option("--identification", o.identification, "Identification field type of DTOs")
         ->check(CLI::Range(0, 3));
     app.add_option("--timestamp-size", o.timestampSize, "Bytes of a timestamp, 0 for none")
@@ -96,6 +102,20 @@ void addSerialOptions(CLI::App& app, Arguments& arguments) {
         ->check(CLI::Range(0, 60000));
 }
 
+void addCanOptions(CLI::App& app, Arguments& arguments) {
+    Options& o = arguments.options;
+    app.add_option("--can", o.can, "XCP on CAN on this interface, instead of UDP");
+    app.add_option("--cmd-id", o.canCmdId, "CAN identifier of commands (0x7E0); bit 31 marks 29-bit ones");
+    app.add_option("--res-id", o.canResId, "CAN identifier of answers and DTOs (0x7E1)");
+    app.add_option("--daq-id", o.canDaqId, "CAN identifier of DTOs, if of their own");
+    app.add_flag("--can-fd", o.canFd, "CAN FD frames with bit-rate switch");
+    app.add_flag("--max-dlc-required", o.maxDlcRequired, "Hear and send CAN frames of full length only");
+    app.add_option("--fill-byte", o.fillByte, "Fills CAN frames that are longer than their packet")
+        ->check(CLI::Range(0, 255));
+    app.add_option("--frame-us", o.frameUs, "Least microseconds from one CAN frame to the next")
+        ->check(CLI::Range(0, 1000000));
+}
+
 void addOtherOptions(CLI::App& app, Arguments& arguments) {
     Options& o = arguments.options;
     app.add_option("--port", o.port, "UDP port, 0 lets the system choose")->capture_default_str();
@@ -125,6 +145,25 @@ Result<void> writeText(const std::string& path, const std::string& text) {
     return {};
 }
 
+Result<void> completeCan(Arguments& arguments) {
+    Options& o = arguments.options;
+    if (o.serial) return Error{ErrorCode::invalidArgument, "--can and --serial exclude each other"};
+    for (const std::uint32_t id : {o.canCmdId, o.canResId, o.canDaqId.value_or(0)}) {
+        const std::uint32_t largest = (id & 0x80000000) != 0 ? 0x9FFFFFFF : 0x7FF;
+        if (id > largest) {
+            return Error{ErrorCode::invalidArgument,
+                         fmt::format("0x{:X} is no CAN identifier (29-bit ones have bit 31 set)", id)};
+        }
+    }
+    if (arguments.maxCto->count() == 0) o.maxCto = o.maxDlc();
+    if (arguments.maxDto->count() == 0) o.maxDto = o.maxDlc();
+    if (o.maxCto > o.maxDlc() || o.maxDto > o.maxDlc()) {
+        return Error{ErrorCode::invalidArgument,
+                     fmt::format("--max-cto and --max-dto: at most {} here", o.maxDlc())};
+    }
+    return {};
+}
+
 /// What no single option's check can see.
 Result<void> complete(Arguments& arguments) {
     Options& o = arguments.options;
@@ -138,6 +177,10 @@ Result<void> complete(Arguments& arguments) {
         const std::optional<std::uint8_t> code = commandCode(name);
         if (!code) return Error{ErrorCode::invalidArgument, "--without: unknown command '" + name + "'"};
         o.without.insert(*code);
+    }
+    if (!o.can.empty()) {
+        const Result<void> done = completeCan(arguments);
+        if (!done.ok()) return done.error();
     }
     if (o.maxCto % o.granularity != 0 || o.maxDto % o.granularity != 0) {
         return Error{ErrorCode::invalidArgument, "--max-cto and --max-dto: multiples of the granularity"};
@@ -173,6 +216,11 @@ Result<void> simulate(const Options& options) {
         if (!medium.ok()) return medium.error();
         return simulateOn(options, ecu, *medium.value(), "serial " + medium.value()->path());
     }
+    if (!options.can.empty()) {
+        Result<std::unique_ptr<CanMedium>> medium = CanMedium::open(options, ecu.faults());
+        if (!medium.ok()) return medium.error();
+        return simulateOn(options, ecu, *medium.value(), "can " + options.can);
+    }
     Result<std::unique_ptr<UdpMedium>> medium = UdpMedium::open(options, ecu.faults());
     if (!medium.ok()) return medium.error();
     return simulateOn(options, ecu, *medium.value(), fmt::format("port {}", medium.value()->port()));
@@ -196,9 +244,10 @@ Result<void> run(Arguments& arguments) {
 }  // namespace lm::sim
 
 int main(int argc, char** argv) {
-    CLI::App app{"xcplumo-sim - a simulated ECU with XCP on UDP or on a serial line"};
+    CLI::App app{"xcplumo-sim - a simulated ECU with XCP on UDP, on CAN or on a serial line"};
     lm::sim::Arguments arguments;
     lm::sim::addOtherOptions(app, arguments);
+    lm::sim::addCanOptions(app, arguments);
     lm::sim::addSerialOptions(app, arguments);
     lm::sim::addSlaveOptions(app, arguments);
     app.footer(lm::sim::kFaultHelp);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -53,6 +54,16 @@ struct Options {
     std::uint32_t chatterMs = 1000;   ///< between two lines of diagnostics, 0: none
     std::int32_t bootMs = -1;  ///< opening the line resets the ECU, which boots so long; -1: it does not
 
+    // CAN.
+    std::string can = {};                     ///< interface, instead of UDP; empty: none
+    std::uint32_t canCmdId = 0x7E0;           ///< of commands; bit 31 marks 29-bit identifiers here and below
+    std::uint32_t canResId = 0x7E1;           ///< of answers and DTOs
+    std::optional<std::uint32_t> canDaqId{};  ///< of DTOs, if of their own
+    bool canFd = false;                       ///< CAN FD frames with bit-rate switch
+    bool maxDlcRequired = false;              ///< all frames, heard and sent, have the full length
+    std::uint8_t fillByte = 0;                ///< of frames longer than their packet
+    std::uint32_t frameUs = 0;                ///< least time from one frame to the next in microseconds
+
     // The program.
     std::uint16_t port = 5555;    ///< UDP port, 0: the system chooses
     double quitAfter = 0;         ///< seconds, 0: never
@@ -63,6 +74,8 @@ struct Options {
         if (tickUnit >= 0) return static_cast<unsigned>(tickUnit);
         return timestampSize == 4 ? 3U : timestampSize == 2 ? 5U : 6U;
     }
+    /// Largest payload of a CAN frame.
+    std::uint8_t maxDlc() const { return canFd ? 64 : 8; }
     /// Largest ODT entry in bytes.
     std::size_t maxOdtEntrySize() const {
         const std::size_t room = maxDto - identificationSize();

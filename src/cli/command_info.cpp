@@ -1,7 +1,6 @@
 #include "cli/command_info.h"
 
 #include <cstdint>
-#include <optional>
 
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
@@ -14,35 +13,20 @@ namespace {
 constexpr std::uint8_t kResourceCalibration = 0x01;
 constexpr std::uint8_t kResourceProgramming = 0x10;
 
-std::string withoutPrefix(const std::string& text, std::string_view prefix) {
-    return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
-}
-
-std::uint32_t firstOf(std::optional<std::uint32_t> configured, std::optional<std::uint32_t> described) {
-    return configured ? *configured : described.value_or(0);
-}
-
 }  // namespace
 
-std::string ecuLine(const std::string& ecuName, session::TransportKind kind, const std::string& transportName,
-                    std::uint32_t baudrate, const session::SessionConfig& config,
-                    const a2l::XcpInterface& interface) {
-    switch (kind) {
+std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address) {
+    switch (address.kind) {
         case session::TransportKind::udp:
-            return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", ecuName,
-                               withoutPrefix(transportName, "udp:"));
+            return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", ecuName, address.place());
         case session::TransportKind::serial:
-            return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", ecuName,
-                               withoutPrefix(transportName, "serial:"), baudrate);
+            return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", ecuName, address.place(),
+                               address.baudrate);
         case session::TransportKind::can:
             break;
     }
-    // A session on CAN has both identifiers from one source or the other.
-    const auto master = interface.can ? interface.can->masterId : std::nullopt;
-    const auto slave = interface.can ? interface.can->slaveId : std::nullopt;
-    return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", ecuName,
-                       firstOf(config.can.cmdId, master), firstOf(config.can.resId, slave),
-                       config.can.interface);
+    return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", ecuName, address.cmdId,
+                       address.resId, address.place());
 }
 
 std::string connectLines(const xcp::ConnectInfo& info) {
@@ -76,8 +60,7 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
 }
 
 int runInfo(session::Session& session, Output& output) {
-    output.append(ecuLine(session.ecuName(), session.transportKind(), session.transportName(),
-                          session.baudrate(), session.config(), session.description().xcp));
+    output.append(ecuLine(session.ecuName(), session.address()));
     output.append(connectLines(session.connectInfo()));
     if (session.daqCapabilities()) output.append(daqLines(*session.daqCapabilities()));
     if (const auto status = session.status()) {

@@ -3,7 +3,6 @@
 // Threads: one thread; the texts are pure functions. Lifetime: nothing is kept.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "cli/output.h"
@@ -11,10 +10,8 @@
 
 namespace lm::cli {
 
-/// "ECU            NAME (how it is reached)\n"; `baudrate` is that of a serial line.
-std::string ecuLine(const std::string& ecuName, session::TransportKind kind, const std::string& transportName,
-                    std::uint32_t baudrate, const session::SessionConfig& config,
-                    const a2l::XcpInterface& interface);
+/// "ECU            NAME (how it is reached)\n".
+std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address);
 
 /// The lines "resources" and "communication".
 std::string connectLines(const xcp::ConnectInfo& info);

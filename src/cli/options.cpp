@@ -17,6 +17,7 @@ namespace {
 constexpr const char* kExamples = R"(Examples:
   xcplumo-cli --a2l demo.a2l list speed
   xcplumo-cli --a2l demo.a2l --udp 127.0.0.1:5555 info
+  xcplumo-cli --a2l ecu.a2l -i can0 -b 500000 info
   xcplumo-cli -c demo.json get engine_speed cal_gain
   xcplumo-cli -c demo.json set cal_gain=1.5 "cal_injector=test mode"
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r recording

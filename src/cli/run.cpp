@@ -70,7 +70,7 @@ int runSaveConfig(const std::string& file, const session::SessionConfig& config,
 }
 
 int runConsole(const Options& options, session::Session& session, Output& output) {
-    if (session.transportKind() != session::TransportKind::serial) {
+    if (session.address().kind != session::TransportKind::serial) {
         std::fputs("console: needs a serial line (--serial)\n", stderr);
         return 1;
     }

@@ -16,33 +16,52 @@ namespace lm::session {
 namespace {
 
 LoadEstimate estimateLoad(const LoadInput& input, const TransportSetup& transport) {
-    if (transport.kind == TransportKind::serial) return estimateSerialLoad(input, transport.baudrate);
+    switch (transport.address.kind) {
+        case TransportKind::can:
+            return estimateCanLoad(input, transport.can->timing());
+        case TransportKind::serial:
+            return estimateSerialLoad(input, transport.address.baudrate);
+        case TransportKind::udp:
+            break;
+    }
     return estimateUdpLoad(input);
 }
 
-/// The load as estimated, or the refusal when it exceeds the limit.
+/// The load of all ECUs on the line as estimated, or the refusal when it exceeds the limit. An accepted load
+/// stays claimed.
 Result<double> acceptedLoad(const MeasurementPlan& plan, const MeasurementContext& context) {
-    const double load = estimateLoad(loadInput(plan.daq, context.capabilities), context.transport).fraction;
+    const TransportSetup& transport = context.transport;
+    const double own = estimateLoad(loadInput(plan.daq, context.capabilities), transport).fraction;
+    const double others = transport.can ? transport.can->claimLoad(own) : 0;
+    const double total = own + others;
     const double limit = context.config.daq.maxBusLoad;
-    if (load <= limit) return load;
+    if (total <= limit) return total;
+    if (transport.can) transport.can->releaseLoad();
     std::array<char, 200> text{};
-    if (context.transport.kind == TransportKind::serial) {
+    if (transport.address.kind == TransportKind::serial) {
         std::snprintf(text.data(), text.size(),
                       "estimated load of the serial line %.0f %% at %u baud exceeds the limit of %.0f %% "
                       "(fewer signals, slower events or a higher baud rate)",
-                      load * 100, context.transport.baudrate, limit * 100);
+                      total * 100, transport.address.baudrate, limit * 100);
+    } else if (others > 0) {
+        std::snprintf(text.data(), text.size(),
+                      "estimated bus load on %s %.0f %% (this ECU %.0f %%, others %.0f %%) exceeds the limit "
+                      "of %.0f %%",
+                      transport.can->channel().name().c_str(), total * 100, own * 100, others * 100,
+                      limit * 100);
     } else {
         std::snprintf(text.data(), text.size(), "estimated bus load %.0f %% exceeds the limit of %.0f %%",
-                      load * 100, limit * 100);
+                      total * 100, limit * 100);
     }
     return Error{ErrorCode::invalidArgument, text.data()};
 }
 
 /// What a recording says about where it comes from.
-std::string sourceOf(const TransportSetup& transport) {
-    // "udp:HOST:PORT" and "serial:PORT" name the medium before its address.
-    const std::string address = transport.name.substr(transport.name.find(':') + 1);
-    return (transport.kind == TransportKind::serial ? "XCP on serial " : "XCP on UDP ") + address;
+std::string sourceOf(const EcuAddress& address) {
+    const char* medium = address.kind == TransportKind::can      ? "XCP on CAN "
+                         : address.kind == TransportKind::serial ? "XCP on serial "
+                                                                 : "XCP on UDP ";
+    return medium + std::string(address.place());
 }
 
 std::int64_t nowNs(std::chrono::nanoseconds time) {
@@ -96,6 +115,7 @@ Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, doubl
     : context_(std::move(context)), plan_(std::move(plan)), busLoad_(busLoad) {
     if (context_.transport.udp != nullptr) udpAtStart_ = context_.transport.udp->statistics();
     if (context_.transport.serial != nullptr) serialAtStart_ = context_.transport.serial->statistics();
+    if (context_.transport.can) canAtStart_ = context_.transport.can->channel().statistics();
     const SessionConfig::Reconnect& reconnect = context_.config.reconnect;
     supervisor_ = std::make_unique<Supervisor>(
         static_cast<ISupervised&>(*this),
@@ -106,6 +126,7 @@ Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, doubl
 Measurement::~Measurement() {
     supervisor_->stop();
     context_.master.setDtoSink(nullptr);
+    if (context_.transport.can) context_.transport.can->releaseLoad();
 }
 
 Result<void> Measurement::createRecording(const std::filesystem::path& directory) {
@@ -114,7 +135,7 @@ Result<void> Measurement::createRecording(const std::filesystem::path& directory
     storage::RecordingInfo info = recordingInfo(plan_, context_.capabilities);
     info.startHostNs = nowNs(std::chrono::steady_clock::now().time_since_epoch());
     info.startUtcNs = nowNs(std::chrono::system_clock::now().time_since_epoch());
-    info.source = sourceOf(context_.transport);
+    info.source = sourceOf(context_.transport.address);
     const auto normal = directory.lexically_normal();
     info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
     info.ecu = context_.ecuName;
@@ -176,6 +197,7 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
+    if (context_.transport.can) context_.transport.can->releaseLoad();
     if (writer_) result.recorded = writer_->close();
     return result;
 }
@@ -204,6 +226,11 @@ MeasurementStats Measurement::statistics() const {
         stats.recording = true;
         stats.recorded = writer_->recordsWritten();
         stats.recordedDropped = writer_->recordsDropped();
+    }
+    if (context_.transport.can) {
+        const hal::CanChannelStatistics can = context_.transport.can->channel().statistics();
+        stats.canDropped = can.framesLost - canAtStart_.framesLost;
+        stats.canErrorFrames = can.errorFrames - canAtStart_.errorFrames;
     }
     if (context_.transport.udp != nullptr) {
         const xcp::UdpStatistics udp = context_.transport.udp->statistics();
@@ -239,8 +266,12 @@ Result<bool> Measurement::daqRunning() {
 }
 
 Result<void> Measurement::reconnect() {
-    // A serial port that was pulled is opened anew by this. An attempt that never ended would take the
-    // decision from the reconnect policy.
+    // A device that has gone is opened anew: a CAN channel here, a serial port by CONNECT. An attempt that
+    // never ended would take the decision from the reconnect policy.
+    if (context_.transport.can) {
+        auto reopened = context_.transport.can->channel().reopenIfLost();
+        if (!reopened.ok()) return reopened;
+    }
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);
     const std::uint32_t attempts =
         std::min<std::uint32_t>(configured, std::numeric_limits<std::int32_t>::max());

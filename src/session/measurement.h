@@ -84,6 +84,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     const double busLoad_;
     xcp::IDaqRecordSink* sink_ = nullptr;
     std::unique_ptr<storage::RecordingWriter> writer_;
+    hal::CanChannelStatistics canAtStart_;
     xcp::UdpStatistics udpAtStart_;
     xcp::SerialStatistics serialAtStart_;
 

@@ -52,8 +52,8 @@ struct MeasurementStats {
     std::uint64_t missedCycles = 0;
     std::uint64_t overloads = 0;
     std::uint64_t reconnects = 0;
-    std::uint64_t canDropped = 0;
-    std::uint64_t canErrorFrames = 0;
+    std::uint64_t canDropped = 0;      ///< frames lost on the whole channel, other ECUs' included
+    std::uint64_t canErrorFrames = 0;  ///< likewise
     bool recording = false;
     std::uint64_t recorded = 0;
     std::uint64_t recordedDropped = 0;  ///< records that the writer could not keep

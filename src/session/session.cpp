@@ -29,7 +29,8 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
 
 }  // namespace
 
-Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback) {
+Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback,
+                                                 ChannelPool& pool) {
     if (config.a2l.empty()) return Error{ErrorCode::invalidArgument, "no A2L file configured"};
     auto description = a2l::load(config.a2l);
     if (!description.ok()) return description.error();
@@ -37,7 +38,7 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
         spdlog::warn("A2L: {}", warning);
         if (callback) callback(warning);
     }
-    auto transport = chooseTransport(config, description.value().xcp);
+    auto transport = chooseTransport(config, description.value().xcp, pool);
     if (!transport.ok()) return transport.error();
     return std::unique_ptr<Session>(
         new Session(std::move(config), std::move(description).value(), std::move(transport).value()));
@@ -61,6 +62,11 @@ Session::~Session() {
 }
 
 Result<void> Session::open() {
+    if (transport_.can) {
+        auto reopened = transport_.can->channel().reopenIfLost();
+        if (!reopened.ok()) return reopened;
+        transport_.can->reportBusState();
+    }
     auto connected = master_->connect();
     if (!connected.ok()) return connected;
     capabilities_.reset();
@@ -248,7 +254,9 @@ void Session::onServiceRequest(std::uint8_t code, const std::uint8_t* /*packet*/
 }
 
 void Session::onTransportEvent(const hal::CanChannelEvent& event) {
-    if (event.kind == hal::CanChannelEventKind::receiveFailed) {
+    if (transport_.can) {
+        transport_.can->report(event);
+    } else if (event.kind == hal::CanChannelEventKind::receiveFailed) {
         spdlog::warn("receiving failed (error {})", event.value);
     }
 }

@@ -3,7 +3,7 @@
 // Threads: create, open, close, read, write and the measurement operations belong to one thread at a time;
 // sendText, transportLost, requestStop, state and setListener may be called from any thread.
 // Lifetime: the listener and the record sink are borrowed and must outlive the session (or be replaced
-// first).
+// first); so must the adapter of the channel pool.
 #pragma once
 
 #include <atomic>
@@ -47,10 +47,10 @@ class Session final : private xcp::IMasterListener {
     /// Called with every warning about the A2L, beside the log.
     using WarningCallback = std::function<void(const std::string&)>;
 
-    /// Loads the A2L and chooses the transport; nothing is sent. Errors: "no A2L file configured", those of
-    /// a2l::load and chooseTransport.
-    static Result<std::unique_ptr<Session>> create(SessionConfig config,
-                                                   const WarningCallback& callback = {});
+    /// Loads the A2L and chooses the transport, which opens a CAN channel of the pool; nothing is sent.
+    /// Errors: "no A2L file configured", those of a2l::load and chooseTransport.
+    static Result<std::unique_ptr<Session>> create(SessionConfig config, const WarningCallback& callback = {},
+                                                   ChannelPool& pool = ChannelPool::ofThisMachine());
 
     ~Session() override;
     Session(const Session&) = delete;
@@ -64,8 +64,8 @@ class Session final : private xcp::IMasterListener {
     /// The port of the serial line has gone since it was opened.
     bool transportLost() const { return transport_.serial != nullptr && transport_.serial->lost(); }
 
-    /// Opens the transport, connects and reads the ECU's DAQ capabilities (without which it goes on). Errors:
-    /// those of the transport and of CONNECT.
+    /// Opens the transport (anew when its device was lost), connects and reads the ECU's DAQ capabilities
+    /// (without which it goes on). Errors: those of the transport and of CONNECT.
     Result<void> open();
 
     /// Stops a running measurement, disconnects, closes the transport. Idempotent; takes no longer than the
@@ -106,11 +106,7 @@ class Session final : private xcp::IMasterListener {
     SessionState state() const { return state_.load(); }
     const SessionConfig& config() const { return config_; }
     const a2l::Description& description() const { return description_; }
-    TransportKind transportKind() const { return transport_.kind; }
-    /// "udp:HOST:PORT" or "serial:PORT".
-    const std::string& transportName() const { return transport_.name; }
-    /// Bit/s of a serial line, else 0.
-    std::uint32_t baudrate() const { return transport_.baudrate; }
+    const EcuAddress& address() const { return transport_.address; }
     /// The configuration's name, else the A2L module's.
     std::string ecuName() const;
     xcp::ConnectInfo connectInfo() const { return master_->connectInfo(); }

@@ -12,18 +12,11 @@ namespace {
 
 TEST(CommandLines, InfoNamesTheTransport) {
     using session::TransportKind;
-    session::SessionConfig config;
-    a2l::XcpInterface interface;
-    EXPECT_EQ(ecuLine("Demo", TransportKind::udp, "udp:::1:5555", 0, config, interface),
+    EXPECT_EQ(ecuLine("Demo", {TransportKind::udp, "udp:::1:5555"}),
               "ECU            Demo (XCP on UDP/IP, ::1:5555)\n");
-    EXPECT_EQ(ecuLine("Demo", TransportKind::serial, "serial:/dev/x", 9600, config, interface),
+    EXPECT_EQ(ecuLine("Demo", {TransportKind::serial, "serial:/dev/x", 9600}),
               "ECU            Demo (XCP on serial, /dev/x, 9600 baud)\n");
-    config.can.interface = "can1";
-    config.can.resId = 0x98DAF110;
-    interface.can.emplace();
-    interface.can->masterId = 0x7E0;
-    interface.can->slaveId = 0x7E8;
-    EXPECT_EQ(ecuLine("", TransportKind::can, "", 0, config, interface),
+    EXPECT_EQ(ecuLine("", {TransportKind::can, "can:can1", 0, 0x7E0, 0x98DAF110}),
               "ECU             (CMD 0x7E0, RES 0x98DAF110 on can1)\n");
 }
 

@@ -1,35 +1,35 @@
 #include "session/transport_choice.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+
+#include "session/fake_can.h"
 
 namespace lm::session {
 namespace {
 
 TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
     const struct {
-        const char* interface;
         const char* host;
         std::optional<std::uint16_t> port;
         std::optional<std::uint16_t> a2lPort;
         bool tcpOnly;
         const char* outcome;  // the transport's name or the message
     } rows[] = {
-        {"", "ecu", 1234, 4321, false, "udp:ecu:1234"},
-        {"", "ecu", {}, 4321, false, "udp:ecu:4321"},
-        {"", "fe80::1", {}, {}, false, "udp:fe80::1:5555"},
-        {"", "ecu", {}, {}, true, "XCP on TCP/IP is not supported yet (use UDP)"},
-        {"can0", "ecu", {}, {}, false, "XCP on CAN is not available yet (use --udp or --serial)"},
-        {"", "", {}, {}, false, "neither a CAN interface, a serial port nor a UDP host is configured"},
+        {"ecu", 1234, 4321, false, "udp:ecu:1234"},
+        {"ecu", {}, 4321, false, "udp:ecu:4321"},
+        {"fe80::1", {}, {}, false, "udp:fe80::1:5555"},
+        {"ecu", {}, {}, true, "XCP on TCP/IP is not supported yet (use UDP)"},
+        {"", {}, {}, false, "neither a CAN interface, a serial port nor a UDP host is configured"},
     };
     for (const auto& row : rows) {
         SessionConfig config;
-        config.can.interface = row.interface;
         config.udp = {row.host, row.port};
         a2l::XcpInterface interface;
         if (row.a2lPort) interface.udp = a2l::XcpOnUdp{row.a2lPort, ""};
         interface.tcp = row.tcpOnly;
-        const auto setup = chooseTransport(config, interface);
-        EXPECT_EQ(setup.ok() ? setup.value().name : setup.error().text(), row.outcome);
+        const auto setup = chooseTransport(config, interface, ChannelPool::ofThisMachine());
+        EXPECT_EQ(setup.ok() ? setup.value().address.name : setup.error().text(), row.outcome);
     }
 }
 
@@ -44,11 +44,81 @@ TEST(TransportChoice, TakesTheBaudRateOfTheConfigurationThenOfTheA2l) {
         config.serial = {"/dev/by-id/a:b", row.configured, {}};
         a2l::XcpInterface interface;
         if (row.described) interface.serial = a2l::XcpOnSerial{row.described};
-        const auto setup = chooseTransport(config, interface);
+        const auto setup = chooseTransport(config, interface, ChannelPool::ofThisMachine());
         ASSERT_TRUE(setup.ok());
-        EXPECT_EQ(setup.value().name, "serial:/dev/by-id/a:b");
-        EXPECT_EQ(setup.value().baudrate, row.expected);
+        EXPECT_EQ(setup.value().address.name, "serial:/dev/by-id/a:b");
+        EXPECT_EQ(setup.value().address.baudrate, row.expected);
     }
+}
+
+std::string told(const TransportSetup& setup) {
+    const xcp::CanTransportConfig& sent = setup.can->transportConfig();
+    const hal::CanChannelConfig& opened = setup.can->channel().config();
+    const CanTiming timing = setup.can->timing();
+    return fmt::format("{:X} {:X} +{}{}{}{} {} bytes, {}/{} set, load at {}/{}{}", setup.address.cmdId,
+                       setup.address.resId, sent.extraIds.size(), opened.fd && sent.fd ? " fd" : "",
+                       sent.brs ? " brs" : "", sent.maxDlcRequired ? " padded" : "", sent.maxDlc,
+                       opened.bitrate.value_or(hal::CanBitTiming{}).bitrate,
+                       opened.dataBitrate.value_or(hal::CanBitTiming{}).bitrate, timing.bitrate,
+                       timing.dataBitrate, timing.extendedIds ? " extended" : "");
+}
+
+void expectCan(const SessionConfig::Can& can, const std::optional<a2l::XcpOnCan>& described,
+               std::uint32_t currentBitrate, const char* outcome) {
+    test::FakeCan bus;
+    bus.link.bitTiming.bitrate = currentBitrate;
+    ChannelPool pool(bus);
+    SessionConfig config;
+    config.can = can;
+    config.udp.host = "ecu";  // CAN comes first
+    a2l::XcpInterface interface;
+    interface.can = described;
+    const auto setup = chooseTransport(config, interface, pool);
+    EXPECT_EQ(setup.ok() ? told(setup.value()) : setup.error().text(), outcome);
+}
+
+TEST(TransportChoice, CanTakesTheConfigurationThenTheInterfaceThenTheA2l) {
+    const a2l::XcpOnCan full{0x600, 0x80000601, {}, 250'000, false, true, 1'000'000, 32, {0x601, 0x601}};
+    const a2l::XcpOnCan bare{0x600, 0x80000601, {}, {}, true, true, {}, {}, {0x80000601, 0x800}};
+    const SessionConfig::Can plain{"can0", {}, {}, false, 0x7E0, 0x7E8, false};
+    expectCan(plain, {}, 0, "7E0 7E8 +0 8 bytes, 0/0 set, load at 0/0");
+    expectCan(plain, full, 500'000, "7E0 7E8 +1 8 bytes, 0/0 set, load at 500000/0");
+    expectCan({"can0", {}, {}, true, {}, {}, true}, full, 0,
+              "600 80000601 +1 fd brs padded 32 bytes, 0/0 set, load at 250000/1000000 extended");
+    expectCan({"can0", 800'000, 4'000'000, true, {}, 0x7E8, false}, full, 500'000,
+              "600 7E8 +1 fd brs 32 bytes, 800000/4000000 set, load at 800000/4000000");
+    expectCan({"can0", {}, {}, true, {}, {}, false}, bare, 500'000,
+              "600 80000601 +0 fd brs padded 64 bytes, 0/0 set, load at 500000/500000 extended");
+    expectCan({"can0", {}, {}, false, 0x7E0, {}, false}, {}, 0,
+              "CAN-IDs for XCP are neither configured nor in the A2L");
+    expectCan({"can0", {}, {}, false, 0x800, 0x7E8, false}, {}, 0,
+              "CAN-ID 0x800: CAN identifier out of range (a 29-bit identifier has bit 31 set: 0x80000800)");
+    expectCan({"can0", {}, {}, false, 0x7E0, 0xA0000000, false}, {}, 0,
+              "CAN-ID 0xA0000000: CAN identifier out of range");
+}
+
+void expectSecond(std::optional<std::uint32_t> firstRate, bool secondFd, std::uint32_t secondRate,
+                  std::uint32_t secondDataRate, const char* outcome) {
+    test::FakeCan bus;
+    ChannelPool pool(bus);
+    SessionConfig config;
+    config.can = {"can0", firstRate, 2'000'000, true, 0x600, 0x601, false};
+    const auto first = chooseTransport(config, {}, pool);
+    config.can = {"can0", secondRate, secondDataRate, secondFd, 0x700, 0x701, false};
+    const auto second = chooseTransport(config, {}, pool);
+    EXPECT_EQ(second.ok() ? "" : second.error().text(), outcome);
+    EXPECT_EQ(bus.opened, 1U);
+}
+
+TEST(TransportChoice, EcusOnOneChannelMustAgree) {
+    expectSecond({}, true, 500'000, 2'000'000, "");
+    expectSecond(500'000, true, 500'000, 2'000'000, "");
+    expectSecond(500'000, true, 250'000, 2'000'000,
+                 "can0: bitrate 250000 conflicts with 500000 of another ECU on this channel");
+    expectSecond(500'000, true, 500'000, 4'000'000,
+                 "can0: data bitrate 4000000 conflicts with 2000000 of another ECU on this channel");
+    expectSecond(500'000, false, 250'000, 2'000'000,
+                 "can0: CAN FD setting differs from another ECU on this channel");
 }
 
 }  // namespace

@@ -1,0 +1,155 @@
+#include "session/can_access.h"
+
+#include <algorithm>
+#include <optional>
+#include <vector>
+
+#include <spdlog/spdlog.h>
+
+namespace lm::session {
+namespace {
+
+Result<void> checkId(std::uint32_t id) {
+    const auto split = xcp::CanId::fromA2l(id);
+    hal::CanFrame frame;
+    frame.id = split.id;
+    if (split.extended) frame.set(hal::CanFrame::extended);
+    const auto valid = hal::validate(frame);
+    if (valid.ok()) return {};
+    std::string text = fmt::format("CAN-ID 0x{:X}: {}", id, valid.error().text());
+    if (id <= hal::CanFrame::kExtendedIdMask) {
+        text += fmt::format(" (a 29-bit identifier has bit 31 set: 0x{:X})", id | 0x80000000U);
+    }
+    return Error{ErrorCode::invalidArgument, text};
+}
+
+hal::CanChannelConfig channelConfig(const SessionConfig::Can& config) {
+    hal::CanChannelConfig channel;
+    channel.interfaceName = config.interface;
+    channel.fd = config.fd;
+    if (config.bitrate) channel.bitrate = hal::CanBitTiming{*config.bitrate, 0};
+    if (config.dataBitrate) channel.dataBitrate = hal::CanBitTiming{*config.dataBitrate, 0};
+    return channel;
+}
+
+/// The fixed identifiers of DAQ lists that the response identifier does not cover.
+std::vector<std::uint32_t> furtherIds(const a2l::XcpOnCan& described, std::uint32_t resId) {
+    std::vector<std::uint32_t> ids;
+    for (const std::uint32_t id : described.daqListIds) {
+        if (id == resId || std::find(ids.begin(), ids.end(), id) != ids.end()) continue;
+        if (const auto valid = checkId(id); valid.ok()) {
+            ids.push_back(id);
+        } else {
+            spdlog::warn("A2L: identifier of a DAQ list ignored: {}", valid.error().text());
+        }
+    }
+    return ids;
+}
+
+xcp::CanTransportConfig transportConfig(const SessionConfig::Can& config, const a2l::XcpOnCan& described) {
+    xcp::CanTransportConfig transport;
+    transport.maxDlcRequired = config.maxDlcRequired || described.maxDlcRequired;
+    transport.fd = config.fd;
+    transport.brs = config.fd;
+    if (config.fd) transport.maxDlc = described.maxDlc.value_or(hal::CanFrame::kMaxData);
+    return transport;
+}
+
+}  // namespace
+
+Result<std::unique_ptr<CanAccess>> CanAccess::obtain(const SessionConfig::Can& config,
+                                                     const a2l::XcpInterface& interface, ChannelPool& pool) {
+    const a2l::XcpOnCan described = interface.can.value_or(a2l::XcpOnCan{});
+    const auto cmdId = config.cmdId ? config.cmdId : described.masterId;
+    const auto resId = config.resId ? config.resId : described.slaveId;
+    if (!cmdId || !resId) {
+        return Error{ErrorCode::invalidArgument, "CAN-IDs for XCP are neither configured nor in the A2L"};
+    }
+    for (const std::uint32_t id : {*cmdId, *resId}) {
+        if (const auto valid = checkId(id); !valid.ok()) return valid.error();
+    }
+    if (described.fd && !config.fd) {
+        spdlog::warn("the A2L says that the ECU speaks CAN FD, and the configuration does not (can.fd)");
+    }
+    auto channel = pool.acquire(channelConfig(config));
+    if (!channel.ok()) return channel.error();
+
+    std::unique_ptr<CanAccess> access(new CanAccess(std::move(channel).value()));
+    access->cmdId_ = *cmdId;
+    access->resId_ = *resId;
+    access->described_ = {described.baudrate.value_or(0), described.dataBaudrate.value_or(0)};
+    access->transport_ = session::transportConfig(config, described);
+    access->transport_.cmdId = xcp::CanId::fromA2l(*cmdId);
+    access->transport_.resId = xcp::CanId::fromA2l(*resId);
+    std::vector<std::uint32_t> received = furtherIds(described, *resId);
+    for (const std::uint32_t id : received)
+        access->transport_.extraIds.push_back(xcp::CanId::fromA2l(id));
+    received.insert(received.begin(), *resId);
+    const auto registered = access->channel_->registerIds(access.get(), received);
+    if (!registered.ok()) return registered.error();
+    return access;
+}
+
+CanAccess::~CanAccess() {
+    channel_->releaseIds(this);
+}
+
+CanTiming CanAccess::timing() const {
+    CanBitrates rates = channel_->bitrates();
+    if (rates.nominal == 0) rates.nominal = described_.nominal;
+    if (rates.data == 0) rates.data = described_.data;
+    if (rates.data == 0) rates.data = rates.nominal;
+    CanTiming timing;
+    timing.bitrate = rates.nominal;
+    timing.dataBitrate = transport_.fd ? rates.data : 0;
+    timing.extendedIds = transport_.resId.extended;
+    timing.maxDlcRequired = transport_.maxDlcRequired;
+    return timing;
+}
+
+void CanAccess::report(const hal::CanChannelEvent& event) {
+    using hal::CanChannelEventKind;
+    const std::string& name = channel_->name();
+    switch (event.kind) {
+        case CanChannelEventKind::stateChanged:
+            return reportState(event.state);
+        case CanChannelEventKind::framesLost:
+            if (!lossReported_.exchange(true)) {
+                spdlog::warn("{}: {} frame(s) lost; further losses are only counted", name, event.value);
+            }
+            return;
+        case CanChannelEventKind::errorFrame:
+            return spdlog::debug("{}: error frame, classes 0x{:X}", name, event.value);
+        case CanChannelEventKind::receiveFailed:
+            return;  // the channel has said so itself, once for all its users
+    }
+}
+
+void CanAccess::reportBusState() {
+    const hal::CanBusState state = channel_->busState();
+    if (state == hal::CanBusState::busOff || state == hal::CanBusState::errorPassive) reportState(state);
+}
+
+void CanAccess::reportState(hal::CanBusState state) {
+    const std::string& name = channel_->name();
+    switch (state) {
+        case hal::CanBusState::busOff:
+            troubleReported_ = true;
+            return spdlog::warn(
+                "{}: bus off, nothing is sent any more. Restart the controller in a terminal: "
+                "`sudo ip link set {} type can restart`",
+                name, name);
+        case hal::CanBusState::errorPassive:
+            troubleReported_ = true;
+            return spdlog::warn("{}: error passive: check bit rate, wiring and termination", name);
+        case hal::CanBusState::errorActive:
+            if (troubleReported_.exchange(false)) return spdlog::warn("{}: error active again", name);
+            return spdlog::info("{}: error active", name);
+        case hal::CanBusState::errorWarning:
+            return spdlog::info("{}: error warning", name);
+        case hal::CanBusState::unknown:
+            return;
+    }
+}
+
+}  // namespace lm::session

@@ -1,0 +1,120 @@
+"""The tool and the simulated ECU on virtual CAN interfaces, as a user runs them."""
+import re
+import signal
+import unittest
+from pathlib import Path
+
+from can_harness import EXTENDED, REMOTE, Flood, Listener, VcanCase, classic_frame, ip
+from harness import signals, wait_until
+from recording import Recording
+
+# Small enough for classic frames.
+FAST = ["counter_1ms@0", "ignition_angle@0"]
+SLOW = ["counter_10ms@1", "engine_speed@1", "throttle@1", "counter_100ms@2", "battery_voltage@2", "counter_async@3",
+        "tooth_number@3"]
+
+
+class VcanCommandsTest(VcanCase):
+    def all_commands(self, rows, names, size, **config):
+        for options, cmd, res in rows:
+            with self.subTest(options):
+                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.json_config(**config)])
+                self.check_info(sim, cmd, res, size)
+                self.check_recording(sim, self.start_recording(sim, names, "-t", "1"))
+                sim.kill()
+
+    def test_all_commands_on_classic_frames(self):
+        """Identifiers of both kinds, full frames, a DAQ identifier of its own."""
+        self.all_commands([([], 0x7E0, 0x7E1),
+                           (["--cmd-id", "0x98DA00F1", "--res-id", "0x98DAF100"], 0x98DA00F1, 0x98DAF100),
+                           (["--max-dlc-required", "--fill-byte", "0x55", "--daq-id", "0x123"], 0x7E0, 0x7E1)],
+                          SLOW, 8)
+
+    def test_all_commands_on_fd_frames(self):
+        names = SLOW + ["torque@1", "sig_float64_lsb@2"]
+        self.all_commands([(["--can-fd", "--cmd-id", "0x80000001", "--daq-id", "0x9FFFFFFF"], 0x80000001, 0x7E1),
+                           (["--can-fd", "--max-dlc-required"], 0x7E0, 0x7E1)], names, 64, can={"fd": True})
+
+    def test_frames_on_the_bus(self):
+        """The same assignment in the three shapes of a frame, byte by byte."""
+        rows = [([], False, False, "F0 04 00 00 20 40"), (["--max-dlc-required"], False, False, "F0 04 00 00 20 40 00 00"),
+                (["--can-fd"], True, False, "F0 04 00 00 20 40"), (["--can-fd"], True, True, "F0 08 " + "00 " * 6 + "1F C0 00 00")]
+        for options, fd, wide, frame in rows:
+            with self.subTest(frame):
+                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.json_config(can={"fd": fd})])
+                listener = Listener(self, self.vcan, 0x7E0)
+                done = self.run_cli(sim, "set", "cal_wave_offset=-7.75" if wide else "cal_gain=2.5")
+                self.assertEqual(done.returncode, 0, done.stdout)
+                expected = (0x7E0, fd, bytes.fromhex(frame))
+                wait_until(lambda: expected in listener.frames, f"{expected}, there are {listener.frames}", 5)
+                self.assertEqual({fast for _, fast, _ in listener.frames}, {fd})
+                listener.end()
+                sim.kill()
+
+    def test_two_programs_amid_foreign_frames(self):
+        """Identifiers that differ in one bit or in their kind only, and remote frames, are none of their business."""
+        fast = ("--fast-event-us", "1000")
+        ecus = [self.start_ecu(self.vcan, *fast), self.start_ecu(self.vcan, *fast, "--cmd-id", "0x7E2", "--res-id", "0x7E3")]
+        flood = Flood(self, self.vcan, *(classic_frame(identifier, b"\xff" * 8) for identifier in
+                                         (0x7E5, EXTENDED | 0x7E1, EXTENDED | 0x7E3)),
+                      classic_frame(REMOTE | 0x7E1, b""), classic_frame(REMOTE | 0x7E3, b""))
+        programs = [self.start_recording(ecu, FAST + SLOW, "-t", "3") for ecu in ecus]
+        for ecu, program in zip(ecus, programs):
+            self.check_recording(ecu, program)
+        self.assertGreater(flood.sent, 1000)
+
+
+class VcanTroubleTest(VcanCase):
+    def test_drops_of_the_kernel_are_counted(self):
+        """A program that sleeps while 50,000 frames pass: what is missing in the recording is told, to the frame."""
+        config = self.json_config(daq={"maxBusLoad": 100}, reconnect={"heartbeatMs": 100000},
+                                  xcp={"timeoutsMs": [30000] * 7})
+        sim = self.start_ecu(self.vcan, "--fast-event-us", "100", "--identification", "0", "--timestamp-size", "2",
+                             reach=["-c", config])
+        directory = self.dir / "recording"
+        program = self.start_cli(sim, "measure", "-p", "1000", "-r", directory, *signals(["counter_1ms@0"]))
+        program.wait_for_out("counter_1ms", 3)
+        sent = Path(f"/sys/class/net/{self.vcan}/statistics/tx_packets")
+        program.signal(signal.SIGSTOP)
+        begin = int(sent.read_text())
+        wait_until(lambda: int(sent.read_text()) > begin + 50000, "50,000 frames")
+        program.signal(signal.SIGCONT)
+        program.wait_for_out("counter_1ms", program.out.count("\n") + 30)
+        program.signal(signal.SIGINT)
+        self.assertEqual(program.finish(), 0, program.err)
+        found = re.search(r"s: (\d+) records, lost ODTs 0, missed cycles (\d+), overloads 0, reconnects 0, "
+                          r"CAN dropped (\d+), error frames 0, recorded \1 \(dropped 0\)", program.err)
+        records, missed, dropped = map(int, found.groups())
+        values = Recording(directory).groups[0].counters()
+        self.assertGreater(dropped, 1000, program.err)
+        self.assertEqual((len(values), values[-1] - values[0] + 1 - records, missed), (records, dropped, dropped))
+
+    def test_interface_taken_down_and_up(self):
+        self.check_loss(self.start_ecu(self.vcan), ["counter_10ms@1", "throttle@1"], lambda: ip("link set", self.vcan, "down"),
+                        lambda: ip("link set", self.vcan, "up"), ["Network is down"],
+                        f"{self.vcan} is down. Switch it on in a terminal: `sudo ip link set {self.vcan} up`")
+
+    def test_hints(self):
+        classic, down = self.new_vcan(16, "c"), self.new_vcan(16, "d")
+        ip("link set", down, "down")
+        fd = self.json_config(can={"fd": True})
+        rows = [([], "vcan_", "virtual CAN interface 'vcan_' does not exist. Create it in a terminal: `sudo modprobe vcan && "
+                 "sudo ip link add dev vcan_ type vcan && sudo ip link set vcan_ mtu 72 up`"),
+                ([], "can_", "CAN interface 'can_' not found: is the adapter connected? `ip -br link` lists the interfaces"),
+                ([], "lo", None),
+                ([], down, f"{down} is down. Switch it on in a terminal: `sudo ip link set {down} up`"),
+                (["-c", fd], classic, f"{classic} is not CAN FD capable. Change it in a terminal: "
+                 f"`sudo ip link set {classic} down && sudo ip link set {classic} mtu 72 up`")]
+        a2l = self.write_a2l()
+        for options, interface, message in rows:
+            with self.subTest(interface):
+                done = self.run_plain(*options, "--a2l", a2l, "-i", interface, "info")
+                if message is None:
+                    self.assertEqual((done.stdout, done.returncode), ("", 1), done.stderr)
+                    self.assertRegex(done.stderr, f"^session: .*{interface}.*\n$")
+                else:
+                    self.expect(done, err=f"session: {message}\n", code=1)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,208 @@
+#include <cerrno>
+#include <functional>
+
+#include <gtest/gtest.h>
+#include <spdlog/fmt/fmt.h>
+
+#include "core/platform.h"
+#include "hal/can_link_message.h"
+#include "hal/can_link_setup.h"
+
+namespace lm::hal {
+namespace {
+
+std::vector<std::uint8_t> bytes(std::string hex) {
+    std::erase(hex, ' ');
+    std::vector<std::uint8_t> all;
+    for (std::size_t at = 0; at < hex.size(); at += 2) {
+        all.push_back(static_cast<std::uint8_t>(std::stoul(hex.substr(at, 2), nullptr, 16)));
+    }
+    return all;
+}
+
+std::string zeros(std::size_t count) {
+    return std::string(2 * count, '0');
+}
+
+const std::string kName = "0900 0300 63616E30 00000000";
+const std::string kTiming = "2400 0100 20A10700 6B030000" + zeros(24);      // 500 kbit/s, 87.5 %
+const std::string kDataTiming = "2400 0900 80841E00 EE020000" + zeros(24);  // 2 Mbit/s, 75 %
+
+TEST(CanLinkMessage, RequestsAreWhatTheKernelReads) {
+    const std::string head = "07000000 00000000 00000000 00000000";
+    EXPECT_EQ(linkQuery("can0", 7), bytes("2C000000 1200 0100" + head + zeros(8) + kName));
+    EXPECT_EQ(linkSwitch("can0", true, 7), bytes("2C000000 1000 0500" + head + "01000000 01000000" + kName));
+    EXPECT_EQ(linkSwitch("can0", false, 7), bytes("2C000000 1000 0500" + head + "00000000 01000000" + kName));
+    EXPECT_EQ(linkSettings("can0", {{500000, 875}, CanBitTiming{2000000, 750}, true, false}, 7),
+              bytes("90000000 1000 0500" + head + zeros(8) + kName + "6400 1200 0800 0100 63616E00" +
+                    "5800 0200" + kTiming + kDataTiming + "0C00 0500 22000000 20000000"));
+    EXPECT_EQ(linkSettings("can0", {{500000, 875}, {}, false, true}, 7),
+              bytes("6C000000 1000 0500" + head + zeros(8) + kName + "4000 1200 0800 0100 63616E00" +
+                    "3400 0200" + kTiming + "0C00 0500 22000000 02000000"));
+}
+
+std::string describe(const Result<CanLinkState>& link) {
+    if (!link) return link.error().message;
+    const CanLinkState& state = link.value();
+    return fmt::format("up {} {} mtu {}: {}/{} {}/{} mode {:x} state {}", state.up, state.kind, state.mtu,
+                       state.bitTiming.bitrate, state.bitTiming.samplePoint, state.dataBitTiming.bitrate,
+                       state.dataBitTiming.samplePoint, state.controlMode, static_cast<int>(state.busState));
+}
+
+TEST(CanLinkMessage, ReadsRepliesAndRefusesDamagedOnes) {
+    const auto reply =
+        bytes("B0000000 1000 0000 07000000 00000000 0000 1801 05000000 43000000 00000000" + kName +
+              "0800 0400 48000000 0800 6F80 FFFFFFFF 7400 1200 0800 0100 63616E00" + "6800 0280" + kTiming +
+              kDataTiming + "0C00 0500 00000000 22000000" + "0800 0400 02000000 0800 0300 00E1F505");
+    const std::string unexpected = "unexpected netlink reply: Bad message";
+    EXPECT_EQ(describe(readLinkReply(reply, 7)),
+              "up true can mtu 72: 500000/875 2000000/750 mode 22 state 3");
+    EXPECT_EQ(describe(readLinkReply(reply, 8)), unexpected);
+    EXPECT_EQ(readAcknowledgement(reply, 7).error().message, unexpected);
+    for (std::size_t length = 0; length < reply.size(); ++length) {
+        std::vector<std::uint8_t> cut(reply.begin(), reply.begin() + length);
+        EXPECT_EQ(describe(readLinkReply(cut, 7)), unexpected);
+        if (length < 32) continue;
+        cut[0] = static_cast<std::uint8_t>(length);  // whole by its own account
+        EXPECT_EQ(describe(readLinkReply(cut, 7)).substr(0, 8), "up true ");
+        cut.assign(reply.begin(), reply.end());
+        cut[length] ^= 0xFF;
+        EXPECT_TRUE(readLinkReply(cut, 7)) << length;
+    }
+    const std::string error = "24000000 0200 0000 07000000 00000000";
+    EXPECT_TRUE(readAcknowledgement(bytes(error + zeros(20)), 7));
+    EXPECT_EQ(describe(readLinkReply(bytes(error + zeros(20)), 7)), unexpected);
+    EXPECT_EQ(readAcknowledgement(bytes(error + zeros(19)), 7).error().message, unexpected);
+    const auto refused = readAcknowledgement(bytes(error + "FFFFFFFF" + zeros(16)), 7);
+    EXPECT_EQ(refused.error().message, "netlink request: Operation not permitted");
+    EXPECT_EQ(refused.error().sysErrno, EPERM);
+}
+
+TEST(NetlinkCanLink, AsksTheKernel) {
+    NetlinkCanLink links;
+    EXPECT_EQ(links.query("lo").value().mtu, 65536U);
+    for (const std::string name : {"", "nosuch0", "longer-than-names-are"}) {
+        const auto link = links.query(name);
+        ASSERT_FALSE(link);
+        EXPECT_EQ(link.error().message, "CAN interface '" + name + "' not found");
+        EXPECT_EQ(link.error().sysErrno, ENODEV);
+    }
+    EXPECT_EQ(links.configure("lo", {{500000, 0}, CanBitTiming{}, false, false}).error().message,
+              "data bit timing requires CAN FD");
+}
+
+/// A link that takes what it is told, unless it refuses one of the requests.
+class FakeLink final : public ICanLink {
+  public:
+    CanLinkState state{true, "can", 16, {500000, 875}, {}, 0, CanBusState::errorPassive};
+    std::string refused;  ///< the request that fails
+    int failure = EPERM;
+    std::string log;
+
+    Result<CanLinkState> query(const std::string&) override {
+        if (auto result = note("query"); !result) return result.error();
+        return state;
+    }
+    Result<void> switchUp(const std::string&) override {
+        state.up = true;
+        return note("up");
+    }
+    Result<void> switchDown(const std::string&) override { return note("down"); }
+    Result<void> configure(const std::string&, const CanLinkSettings& settings) override {
+        const CanBitTiming data = settings.dataBitTiming.value_or(CanBitTiming{});
+        if (settings.fd) state.controlMode = CanLinkState::kFd;
+        return note(fmt::format("{}/{} {}/{} {}{}", settings.bitTiming.bitrate,
+                                settings.bitTiming.samplePoint, data.bitrate, data.samplePoint,
+                                settings.fd ? "fd" : "classic", settings.listenOnly ? " listen" : ""));
+    }
+
+  private:
+    Result<void> note(const std::string& request) {
+        log += request + ", ";
+        if (request != refused) return {};
+        return Error::fromErrno(failure, request);
+    }
+};
+
+TEST(CanLinkSetUp, ChangesOnlyWhatDiffersAndSaysHowToMendTheRest) {
+    using Config = CanChannelConfig;
+    const std::string setcap =
+        ": Operation not permitted. Setting the bitrate needs the right CAP_NET_ADMIN; grant it once in a "
+        "terminal, then start the program again: `sudo setcap cap_net_admin+ep " +
+        executablePath().string() + "`";
+    const auto fdOn = [](FakeLink& l) {
+        l.state.controlMode = CanLinkState::kFd;
+        l.state.dataBitTiming = {2000000, 750};
+    };
+    const struct {
+        std::function<void(Config&, FakeLink&)> change;  ///< of: can0 up with 500000/875, the same configured
+        std::string log;
+    } rows[] = {
+        {[](Config&, FakeLink&) {}, "query, state 3"},
+        {[](Config& c, FakeLink&) { c.bitrate->samplePoint = 800; },
+         "query, down, 500000/800 0/0 classic, up, query, state 3"},
+        {[](Config& c, FakeLink&) { c.bitrate->bitrate = 250000; },
+         "query, down, 250000/0 0/0 classic, up, query, state 3"},
+        {[](Config& c, FakeLink&) { c.listenOnly = true; },
+         "query, down, 500000/0 0/0 classic listen, up, query, state 3"},
+        {[](Config&, FakeLink& l) { l.state.controlMode = CanLinkState::kListenOnly; },
+         "query, down, 500000/0 0/0 classic, up, query, state 3"},
+        {[](Config&, FakeLink& l) { l.state.up = false; }, "query, 500000/0 0/0 classic, up, query, state 3"},
+        {[&](Config&, FakeLink& l) { fdOn(l); }, "query, down, 500000/0 0/0 classic, up, query, state 3"},
+        {[](Config& c, FakeLink&) { c.fd = true; }, "query, down, 500000/0 500000/0 fd, up, query, state 3"},
+        {[&](Config& c, FakeLink& l) {
+             fdOn(l), c.fd = true, c.dataBitrate = {2000000, 0};
+         },
+         "query, state 3"},
+        {[&](Config& c, FakeLink& l) {
+             fdOn(l), c.fd = true, c.dataBitrate = {2000000, 800};
+         },
+         "query, down, 500000/0 2000000/800 fd, up, query, state 3"},
+        {[&](Config& c, FakeLink& l) {
+             fdOn(l), c.fd = true, c.dataBitrate = {4000000, 0};
+         },
+         "query, down, 500000/0 4000000/0 fd, up, query, state 3"},
+        {[&](Config& c, FakeLink& l) { fdOn(l), c.fd = true, c.bitrate->bitrate = 1000000; },
+         "query, down, 1000000/0 2000000/750 fd, up, query, state 3"},
+        {[](Config& c, FakeLink&) { c.bitrate.reset(), c.fd = true; }, "query, can0 is not in CAN FD mode"},
+        {[](Config& c, FakeLink& l) { c.bitrate.reset(), l.state.up = false; },
+         "query, can0 is down and no bitrate is configured: set the bitrate in the settings, or switch it on "
+         "in a "
+         "terminal: `sudo ip link set can0 up type can bitrate 500000`"},
+        {[](Config& c, FakeLink& l) { c.bitrate->bitrate = 1, l.refused = "down"; },
+         "query, down, down" + setcap},
+        {[](Config& c, FakeLink& l) { c.bitrate->bitrate = 1, l.refused = "1/0 0/0 classic"; },
+         "query, down, 1/0 0/0 classic, up, 1/0 0/0 classic" + setcap},
+        {[](Config&, FakeLink& l) { l.state.up = false, l.refused = "up"; },
+         "query, 500000/0 0/0 classic, up, up" + setcap},
+        {[](Config& c, FakeLink& l) { c.bitrate->bitrate = 1, l.refused = "down", l.failure = EBUSY; },
+         "query, down, down: Device or resource busy"},
+        {[](Config& c, FakeLink& l) { c.fd = true, l.state.kind = "vcan", l.state.mtu = 72; },
+         "query, state 1"},
+        {[](Config& c, FakeLink& l) { c.fd = true, l.state.kind = "vcan"; },
+         "query, can0 is not CAN FD capable. Change it in a terminal: `sudo ip link set can0 down && sudo ip "
+         "link "
+         "set can0 mtu 72 up`"},
+        {[](Config&, FakeLink& l) { l.state.kind = "vcan", l.state.up = false; },
+         "query, can0 is down. Switch it on in a terminal: `sudo ip link set can0 up`"},
+        {[](Config&, FakeLink& l) { l.refused = "query", l.failure = ENODEV; },
+         "query, CAN interface 'can0' not found: is the adapter connected? `ip -br link` lists the "
+         "interfaces"},
+        {[](Config& c, FakeLink& l) { c.interfaceName = "vcan5", l.refused = "query", l.failure = ENODEV; },
+         "query, virtual CAN interface 'vcan5' does not exist. Create it in a terminal: `sudo modprobe vcan "
+         "&& sudo "
+         "ip link add dev vcan5 type vcan && sudo ip link set vcan5 mtu 72 up`"},
+    };
+    for (const auto& row : rows) {
+        Config config{.interfaceName = "can0", .bitrate = CanBitTiming{500000, 0}};
+        FakeLink link;
+        row.change(config, link);
+        const auto state = setUpCanLink(config, link);
+        EXPECT_EQ(link.log + (state ? fmt::format("state {}", static_cast<int>(state.value()))
+                                    : state.error().message),
+                  row.log);
+    }
+}
+
+}  // namespace
+}  // namespace lm::hal

@@ -1,0 +1,102 @@
+#include <condition_variable>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "session/fake_can.h"
+#include "session/session.h"
+#include "sim/a2l_writer.h"
+#include "sim/ecu.h"
+#include "support/temp_dir.h"
+
+namespace lm::session {
+namespace {
+
+/// Two simulated ECUs on one CAN bus, which answer before send() returns.
+class CanSession : public testing::Test, private ISessionListener {
+  protected:
+    CanSession() {
+        options_.maxDto = options_.maxCto = 8;
+        options_.timestampSize = 2;
+        std::ofstream(directory_.path() / "a2l") << sim::a2lText(options_, sim::Catalog(options_));
+        bus_.onSend = [this](const hal::CanFrame& frame) {
+            sim::Outbox out;
+            ecus_[frame.id == 0x600 ? 0 : 1].receive({frame.data.data(), frame.length}, nowNs(), out);
+            for (const auto& packet : out.packets()) {
+                hal::CanFrame answer = frame;
+                answer.timestampNs = nowNs();
+                ++answer.id;
+                answer.length = static_cast<std::uint8_t>(packet.length);
+                std::copy_n(out.bytes(packet).begin(), packet.length, answer.data.begin());
+                bus_.sink->onFrames(&answer, 1);
+            }
+        };
+    }
+
+    static std::int64_t nowNs() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+    Result<std::unique_ptr<Session>> create(std::uint32_t cmdId) {
+        SessionConfig config;
+        config.a2l = directory_.path() / "a2l";
+        config.can = {"can0", 500'000, {}, false, cmdId, cmdId + 1, false};
+        config.reconnect.policy = ReconnectPolicy::retryForever;
+        // Too short to watch the data of any event: the ECU's status is watched.
+        config.reconnect.interval = config.reconnect.heartbeat = std::chrono::milliseconds(3);
+        auto session = Session::create(config, {}, pool_);
+        if (session) session.value()->setListener(this);
+        return session;
+    }
+
+    void onStateChanged(SessionState /*state*/, const std::string& message) override {
+        const std::lock_guard lock(mutex_);
+        message_ = message;
+        changed_.notify_all();
+    }
+    void awaitMessage(const std::string& beginning) {
+        std::unique_lock lock(mutex_);
+        const auto come = [&] { return message_.starts_with(beginning); };
+        EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(60), come)) << message_;
+    }
+
+    lm::test::TempDir directory_;
+    sim::Options options_;
+    std::array<sim::Ecu, 2> ecus_{sim::Ecu{options_, {}, nowNs()}, sim::Ecu{options_, {}, nowNs()}};
+    test::FakeCan bus_;
+    ChannelPool pool_{bus_};
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string message_;
+};
+
+TEST_F(CanSession, TwoEcusShareLoadAndReconnectionOfOneChannel) {
+    auto first = create(0x80000600);
+    auto second = create(0x700);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(create(0x80000600).error().text(), "CAN-ID 0x601 is already used by another ECU on can0");
+    ASSERT_TRUE(first.value()->open() && second.value()->open());
+
+    bus_.statistics.framesLost = 5;
+    ASSERT_TRUE(first.value()->startMeasurement({{"wave@0"}, {}, nullptr}));
+    const std::vector<std::string> many = {"wave@0", "counter_10ms@0", "engine_speed@0"};
+    // Frames of 8 bytes, every millisecond at 500 kbit/s: 160 bits for the first ECU, twice 135 for the
+    // other.
+    EXPECT_EQ(second.value()->startMeasurement({many, {}, nullptr}).error().text(),
+              "estimated bus load on can0 86 % (this ECU 54 %, others 32 %) exceeds the limit of 80 %");
+
+    bus_.gone = true;
+    bus_.sink->onChannelEvent({hal::CanChannelEventKind::receiveFailed, 0, {}, 19});
+    awaitMessage("connection lost: gone");
+    bus_.gone = false;
+    awaitMessage("reconnected after ");
+    EXPECT_TRUE(second.value()->open() && second.value()->read("cal_gain"));
+    EXPECT_EQ(bus_.opened, 2U) << "opened once again for both";
+    bus_.statistics.framesLost = 12;
+    EXPECT_TRUE(first.value()->stopMeasurement());
+    EXPECT_EQ(first.value()->statistics().canDropped, 7U);
+    EXPECT_TRUE(second.value()->startMeasurement({many, {}, nullptr})) << "the load is given back";
+    first.value().reset();
+    EXPECT_TRUE(create(0x80000600)) << "so are the identifiers";
+}
+
+}  // namespace
+}  // namespace lm::session

@@ -1,0 +1,60 @@
+// CAN interfaces without hardware: what is sent goes to a function, events and faults come on order.
+#pragma once
+
+#include <atomic>
+#include <functional>
+
+#include "hal/can_channel.h"
+
+namespace lm::session::test {
+
+class FakeCan final : public hal::ICanAdapter {
+  public:
+    std::atomic<bool> gone{false};         ///< opening and sending fail
+    unsigned opened = 0;                   ///< successful calls of open(), of all channels
+    hal::CanLinkState link;                ///< what "can0" tells about itself
+    hal::CanChannelStatistics statistics;  ///< of every channel
+    hal::IFrameSink* sink = nullptr;       ///< of the channel opened last
+    std::function<void(const hal::CanFrame&)> onSend;
+
+    std::string name() const override { return "fake"; }
+    Result<std::vector<hal::CanInterfaceInfo>> listInterfaces() override {
+        return std::vector<hal::CanInterfaceInfo>{{"can0", "fake", link}};
+    }
+    Result<std::unique_ptr<hal::ICanChannel>> openChannel(hal::CanChannelConfig wanted) override {
+        return std::unique_ptr<hal::ICanChannel>(new Channel(*this, std::move(wanted)));
+    }
+
+  private:
+    class Channel final : public hal::ICanChannel {
+      public:
+        Channel(FakeCan& bus, hal::CanChannelConfig wanted) : bus_(bus), config_(std::move(wanted)) {}
+
+        void setSink(hal::IFrameSink* receiver) override { sink_ = receiver; }
+        Result<void> open() override {
+            if (bus_.gone) return Error{ErrorCode::notFound, "gone"};
+            open_ = true;
+            ++bus_.opened;
+            bus_.sink = sink_;
+            return {};
+        }
+        void close() override { open_ = false; }
+        bool isOpen() const override { return open_; }
+        Result<void> send(const hal::CanFrame& frame) override {
+            if (bus_.gone) return Error{ErrorCode::ioError, "gone"};
+            bus_.onSend(frame);
+            return {};
+        }
+        const hal::CanChannelConfig& config() const override { return config_; }
+        hal::CanBusState busState() const override { return hal::CanBusState::errorActive; }
+        hal::CanChannelStatistics statistics() const override { return bus_.statistics; }
+
+      private:
+        FakeCan& bus_;
+        const hal::CanChannelConfig config_;
+        hal::IFrameSink* sink_ = nullptr;
+        bool open_ = false;
+    };
+};
+
+}  // namespace lm::session::test
