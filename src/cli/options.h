@@ -15,7 +15,19 @@
 
 namespace lm::cli {
 
-enum class Command : std::uint8_t { none, info, list, get, set, measure, console, saveConfig };
+enum class Command : std::uint8_t { none, info, list, get, set, measure, console, saveConfig, recording };
+
+/// The subcommands of `recording`.
+enum class RecordingAction : std::uint8_t { info, check, repair, show };
+
+/// What stood behind `recording`.
+struct RecordingOptions {
+    RecordingAction action = RecordingAction::info;
+    std::string directory;
+    std::vector<std::string> signals;  ///< show: patterns
+    std::optional<std::string> from;   ///< show
+    std::optional<std::string> to;     ///< show
+};
 
 /// What stood on the command line; an option that was not given is absent.
 struct Options {
@@ -45,6 +57,7 @@ struct Options {
     std::uint32_t printEvery = 100;        ///< measure
     double durationSeconds = 0;            ///< measure, console
     std::string outputFile;                ///< save-config
+    RecordingOptions recording;            ///< recording
 };
 
 /// The options, or the exit code when help, the version or a parse error has been printed instead.
