@@ -8,43 +8,43 @@
 #include "storage/file_lock.h"
 
 namespace lm::storage {
-namespace {
+Result<GroupReader> GroupReader::open(const std::filesystem::path& directory, std::size_t number,
+                                      const GroupInfo& group) {
+    auto reader = openUnchecked(directory, number, group);
+    if (!reader) return reader.error();
+    if (auto fits = reader.value().checkHeader(); !fits) return fits.error();
+    return reader;
+}
 
-/// None for a header that fits.
-Result<void> checkRecordHeader(const InputFile& file, const GroupInfo& group) {
+Result<GroupReader> GroupReader::openUnchecked(const std::filesystem::path& directory, std::size_t number,
+                                               const GroupInfo& group) {
+    auto file = InputFile::open(directory / recordFileName(number));
+    if (!file) return file.error();
+    return GroupReader(std::move(file).value(), number, group);
+}
+
+Result<void> GroupReader::checkHeader() const {
+    if (file_.size() < kHeaderSize) return {};
     FileHeader header{};
-    if (auto read = file.readAt(0, header.data(), header.size()); !read) return read;
-    const FileHeader expected = recordHeader(group.recordSize);
-    const std::string path = file.path().string();
+    if (auto read = file_.readAt(0, header.data(), header.size()); !read) return read;
+    const FileHeader expected = recordHeader(info_->recordSize);
+    const std::string path = file_.path().string();
     if (!std::equal(header.begin(), header.begin() + kMagicSize, expected.begin())) {
-        return Error{ErrorCode::invalidArgument, path + ": not a record file"};
+        return Error{ErrorCode::invalidArgument, path + ": not the header of a record file"};
     }
     if (const auto version = readLittle<std::uint32_t>(&header[8]); version != kFormatVersion) {
         return Error{ErrorCode::unsupported, path + ": format version " + std::to_string(version) +
                                                  " instead of " + std::to_string(kFormatVersion)};
     }
     const auto recordSize = readLittle<std::uint32_t>(&header[12]);
-    if (recordSize != group.recordSize ||
-        readLittle<std::uint32_t>(&header[16]) != recordSize + kTimestampSize) {
-        return Error{ErrorCode::invalidArgument,
-                     path + ": records of " + std::to_string(recordSize) + " bytes, " +
-                         std::to_string(readLittle<std::uint32_t>(&header[16])) + " apart, instead of the " +
-                         std::to_string(group.recordSize) + " of meta.json"};
+    const auto stride = readLittle<std::uint32_t>(&header[16]);
+    if (recordSize != info_->recordSize || stride != stride_) {
+        return Error{ErrorCode::invalidArgument, path + ": records of " + std::to_string(recordSize) +
+                                                     " bytes every " + std::to_string(stride) +
+                                                     ", meta.json says " + std::to_string(info_->recordSize) +
+                                                     " every " + std::to_string(stride_)};
     }
     return {};
-}
-
-}  // namespace
-
-Result<GroupReader> GroupReader::open(const std::filesystem::path& directory, std::size_t number,
-                                      const GroupInfo& group) {
-    auto file = InputFile::open(directory / recordFileName(number));
-    if (!file) return file.error();
-    GroupReader reader(std::move(file).value(), number, group);
-    if (reader.file_.size() < kHeaderSize) return reader;
-    if (auto fits = checkRecordHeader(reader.file_, group); !fits) return fits.error();
-    reader.recordCount_ = (reader.file_.size() - kHeaderSize) / reader.stride_;
-    return reader;
 }
 
 GroupReader::GroupReader(InputFile file, std::size_t number, const GroupInfo& group)
@@ -52,6 +52,7 @@ GroupReader::GroupReader(InputFile file, std::size_t number, const GroupInfo& gr
       info_(&group),
       number_(number),
       stride_(std::size_t{group.recordSize} + kTimestampSize),
+      recordCount_(file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / stride_),
       beingWritten_(isLockedByAnother(file_.descriptor())) {}
 
 std::uint64_t GroupReader::tornBytes() const {

@@ -73,9 +73,16 @@ class GroupReader {
 
     /// Opens the record file and compares its header with `group`. A file shorter than its header holds no
     /// records. Errors: those of InputFile::open(); unsupported "PATH: format version N instead of 2";
-    /// invalidArgument "PATH: not a record file", "PATH: records of N bytes instead of the M of meta.json".
+    /// invalidArgument "PATH: not the header of a record file", "PATH: records of N bytes every M, meta.json
+    /// says ...".
     static Result<GroupReader> open(const std::filesystem::path& directory, std::size_t number,
                                     const GroupInfo& group);
+
+    /// The same without a look at the header: for checks and repairs.
+    static Result<GroupReader> openUnchecked(const std::filesystem::path& directory, std::size_t number,
+                                             const GroupInfo& group);
+    /// What open() has to say about the header.
+    Result<void> checkHeader() const;
 
     const GroupInfo& info() const { return *info_; }
     /// The place of the group in "groups", and the number in its file names.
