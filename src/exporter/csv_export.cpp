@@ -1,0 +1,219 @@
+#include "exporter/csv_export.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+
+#include "exporter/csv_column.h"
+#include "exporter/number_text.h"
+#include "exporter/output_file.h"
+#include "storage/signal_selection.h"
+
+namespace lm::exporter {
+namespace {
+
+constexpr std::size_t kBufferBytes = std::size_t{1} << 20U;
+constexpr std::string_view kLineEnd = "\r\n";
+
+/// The times of the first column.
+class TimeText {
+  public:
+    TimeText(const storage::RecordingInfo& info, bool absolute) : info_(info), absolute_(absolute) {}
+
+    std::string_view heading() const { return absolute_ ? "time [UTC]" : "time [s]"; }
+
+    void append(std::string& line, std::int64_t timestampNs) {
+        if (absolute_) {
+            line += storage::utcText(timestampNs, info_, 9);
+            return;
+        }
+        const auto sinceStart =
+            static_cast<std::uint64_t>(timestampNs) - static_cast<std::uint64_t>(info_.startHostNs);
+        std::array<char, kNumberWidth> text{};
+        line.append(text.data(), writeSeconds(text.data(), static_cast<std::int64_t>(sinceStart)));
+    }
+
+  private:
+    const storage::RecordingInfo& info_;
+    bool absolute_;
+};
+
+/// The records of a group one after the other, with their columns.
+class GroupCursor {
+  public:
+    GroupCursor(const ExportGroup& group, const ExportOptions& options)
+        : pass_(group), empty_(group.signals.size(), ',') {
+        for (const storage::SignalInfo* signal : group.signals)
+            columns_.emplace_back(*signal, options);
+    }
+
+    /// Goes to the next record. `read` grows by the bytes of stored records that this took.
+    Result<void> advance(std::uint64_t& read) {
+        at_ += batch_.step;
+        while (!ended_ && at_ >= batch_.records.count) {
+            auto batch = pass_.next();
+            if (!batch) return batch.error();
+            batch_ = batch.value();
+            at_ = batch_.first;
+            ended_ = batch_.records.count == 0;
+            read += batch_.records.count * batch_.records.stride;
+        }
+        if (!ended_) timestampNs_ = batch_.records.timestampNs(at_);
+        return {};
+    }
+
+    bool ended() const { return ended_; }
+    std::int64_t timestampNs() const { return timestampNs_; }
+
+    void appendCells(std::string& line) {
+        const std::uint8_t* data = batch_.records.data(at_);
+        for (CsvColumn& column : columns_) {
+            line += ',';
+            column.append(line, data);
+        }
+    }
+    void appendEmptyCells(std::string& line) const { line += empty_; }
+
+  private:
+    ExportPass pass_;
+    std::vector<CsvColumn> columns_;
+    std::string empty_;
+    ExportPass::Batch batch_{};
+    std::size_t at_ = 0;
+    std::int64_t timestampNs_ = 0;
+    bool ended_ = false;
+};
+
+/// "NAME [UNIT]", or "NAME@GROUP [UNIT]" where another column has the same name.
+std::string headingLine(std::span<const ExportGroup> groups, std::string_view timeHeading) {
+    std::map<std::string_view, int> uses;
+    for (const ExportGroup& group : groups) {
+        for (const storage::SignalInfo* signal : group.signals)
+            ++uses[signal->name];
+    }
+    std::string line(timeHeading);
+    for (const ExportGroup& group : groups) {
+        for (const storage::SignalInfo* signal : group.signals) {
+            std::string heading = signal->name;
+            if (uses[signal->name] > 1) heading += "@" + group.reader.info().name;
+            const std::string& unit = signal->conversion.unit();
+            if (!unit.empty()) heading += " [" + unit + "]";
+            line += ',';
+            appendField(line, heading);
+        }
+    }
+    line += kLineEnd;
+    return line;
+}
+
+class CsvWriter {
+  public:
+    CsvWriter(const storage::RecordingInfo& info, const ExportOptions& options, Progress& progress)
+        : options_(options), progress_(progress), time_(info, options.absolute) {}
+
+    /// One line per time at which a group has a record; the cells of the others are empty.
+    Result<void> write(OutputFile& file, std::span<const ExportGroup> groups) {
+        std::string text = headingLine(groups, time_.heading());
+        std::vector<GroupCursor> cursors;
+        for (const ExportGroup& group : groups) {
+            cursors.emplace_back(group, options_);
+            if (auto moved = cursors.back().advance(read_); !moved) return moved;
+        }
+        while (const auto next = earliest(cursors)) {
+            time_.append(text, *next);
+            if (auto appended = appendLine(text, cursors, *next); !appended) return appended;
+            text += kLineEnd;
+            if (text.size() < kBufferBytes) continue;
+            if (auto flushed = flush(file, text); !flushed) return flushed;
+        }
+        return flush(file, text);
+    }
+
+  private:
+    static std::optional<std::int64_t> earliest(const std::vector<GroupCursor>& cursors) {
+        std::optional<std::int64_t> time;
+        for (const GroupCursor& cursor : cursors) {
+            if (!cursor.ended() && (!time || cursor.timestampNs() < *time)) time = cursor.timestampNs();
+        }
+        return time;
+    }
+
+    Result<void> appendLine(std::string& text, std::vector<GroupCursor>& cursors, std::int64_t timeNs) {
+        for (GroupCursor& cursor : cursors) {
+            if (cursor.ended() || cursor.timestampNs() != timeNs) {
+                cursor.appendEmptyCells(text);
+                continue;
+            }
+            cursor.appendCells(text);
+            if (auto moved = cursor.advance(read_); !moved) return moved;
+        }
+        return {};
+    }
+
+    Result<void> flush(OutputFile& file, std::string& text) {
+        if (auto written = file.append(text); !written) return written;
+        text.clear();
+        return progress_.advance(std::exchange(read_, 0));
+    }
+
+    const ExportOptions& options_;
+    Progress& progress_;
+    TimeText time_;
+    std::uint64_t read_ = 0;
+};
+
+/// A name for a part of a file name.
+std::string fileNamePart(std::string name) {
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return c == '/' || static_cast<unsigned char>(c) < 0x20; },
+        '_');
+    return name;
+}
+
+std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& groups,
+                                             const ExportOptions& options) {
+    if (options.merge || groups.size() == 1) return {options.output};
+    std::vector<std::filesystem::path> files;
+    for (const ExportGroup& group : groups) {
+        std::filesystem::path file = options.output;
+        file.replace_filename(options.output.stem().string() + "_" + fileNamePart(group.reader.info().name));
+        if (std::find(files.begin(), files.end(), file.string() + options.output.extension().string()) !=
+            files.end()) {
+            file += "_" + std::to_string(group.reader.number());
+        }
+        file += options.output.extension();
+        files.push_back(file);
+    }
+    return files;
+}
+
+}  // namespace
+
+Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInfo& info,
+                                                     const std::vector<ExportGroup>& groups,
+                                                     const ExportOptions& options, Progress& progress) {
+    const std::vector<std::filesystem::path> names = fileNames(groups, options);
+    std::vector<OutputFile> files;
+    for (const std::filesystem::path& name : names) {
+        auto file = OutputFile::create(name, options.force);
+        if (!file) return file.error();
+        files.push_back(std::move(file).value());
+    }
+    CsvWriter writer(info, options, progress);
+    const std::span<const ExportGroup> all(groups);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        auto written = writer.write(files[i], files.size() == 1 ? all : all.subspan(i, 1));
+        if (!written) return written.error();
+    }
+    for (OutputFile& file : files) {
+        if (auto committed = file.commit(); !committed) return committed.error();
+    }
+    return names;
+}
+
+}  // namespace lm::exporter
