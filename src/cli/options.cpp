@@ -23,7 +23,9 @@ constexpr const char* kExamples = R"(Examples:
   xcplumo-cli --a2l demo.a2l --serial /dev/ttyACM0:115200 console
   xcplumo-cli -c demo.json --udp [fe80::1%eth0]:5555 save-config other.json
   xcplumo-cli recording info recording
-  xcplumo-cli recording show recording -s engine_speed --from 2 --to 4)";
+  xcplumo-cli recording show recording -s engine_speed --from 2 --to 4
+  xcplumo-cli export recording -o engine.mf4
+  xcplumo-cli export recording -o engine.csv --merge -s "engine_*" --from 2 --to 4)";
 
 void addGlobalOptions(CLI::App& app, Options& options) {
     app.add_option("-c,--config", options.configFile, "Session configuration (JSON)");
@@ -77,6 +79,26 @@ void addRecordingCommand(CLI::App& app, Options& options) {
     show->add_option("--to", own.to, "Seconds from the start, or ISO 8601");
 }
 
+void addExportCommand(CLI::App& app, Options& options) {
+    CLI::App* command = addCommand(app, options, Command::exportRecording, "export",
+                                   "Convert a recording to MDF 4.1 or CSV (no connection)");
+    ExportRequest& own = options.exportRequest;
+    command->add_option("directory", own.directory, "Recording directory")->required();
+    command->add_option("-o,--output", own.options.output, "Output file, NAME.mf4 or NAME.csv")->required();
+    command->add_option("--format", own.format, "mf4 | csv (default: as the output's name ends)");
+    command->add_flag("--force", own.options.force, "Overwrite existing files");
+    command->add_option("-s,--signal", own.options.signals, "NAME, or a pattern with * and ? (default: all)")
+        ->allow_extra_args(false);  // or it would take the directory behind it
+    command->add_option("--from", own.options.from, "Seconds from the start, or ISO 8601");
+    command->add_option("--to", own.options.to, "Seconds from the start, or ISO 8601; records before it");
+    command->add_option("--every", own.options.every, "Only every n-th record of each group");
+    command->add_flag("--no-compress", own.noCompress, "MF4: copy the records as they lie");
+    command->add_flag("--merge", own.options.merge, "CSV: all groups in one file, on one time axis");
+    command->add_flag("--raw", own.options.raw, "CSV: raw values");
+    command->add_flag("--absolute", own.options.absolute, "CSV: ISO 8601 times in UTC");
+    command->add_flag("--a2l-format", own.options.a2lFormat, "CSV: decimals as the A2L says");
+}
+
 void addCommands(CLI::App& app, Options& options) {
     addCommand(app, options, Command::info, "info", "Connect and show ECU and DAQ information");
 
@@ -113,6 +135,7 @@ void addCommands(CLI::App& app, Options& options) {
     save->add_option("file", options.outputFile, "Output file")->required();
 
     addRecordingCommand(app, options);
+    addExportCommand(app, options);
 }
 
 Result<void> overrideId(const std::optional<std::string>& text, std::optional<std::uint32_t>& target) {

@@ -14,6 +14,7 @@
 #include <spdlog/spdlog.h>
 
 #include "cli/command_console.h"
+#include "cli/command_export.h"
 #include "cli/command_info.h"
 #include "cli/command_list.h"
 #include "cli/command_measure.h"
@@ -132,6 +133,8 @@ std::optional<int> runOffline(const Options& options, Output& output) {
     switch (options.command) {
         case Command::recording:
             return runRecording(options.recording, output);
+        case Command::exportRecording:
+            return runExport(options.exportRequest, output);
         default:
             return std::nullopt;
     }

@@ -197,6 +197,8 @@ std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& gro
 Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInfo& info,
                                                      const std::vector<ExportGroup>& groups,
                                                      const ExportOptions& options, Progress& progress) {
+    // The groups' files stand beside it: "/dev/null" must not give files in /dev.
+    if (auto fits = checkTarget(options.output, true); !fits) return fits.error();
     const std::vector<std::filesystem::path> names = fileNames(groups, options);
     std::vector<OutputFile> files;
     for (const std::filesystem::path& name : names) {
