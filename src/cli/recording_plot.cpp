@@ -150,7 +150,7 @@ std::string valueLabel(double value, const storage::SignalInfo& signal, std::siz
 }
 
 std::string timeLabel(std::int64_t timeNs, const storage::RecordingInfo& info, double spanNs) {
-    const int decimals = spanNs < 1e6 ? 9 : spanNs < 1e9 ? 6 : 3;
+    const int decimals = spanNs < 1e5 ? 9 : spanNs < 1e8 ? 6 : 3;
     return formatFixed((static_cast<double>(timeNs) - static_cast<double>(info.startHostNs)) / 1e9,
                        decimals) +
            " s";

@@ -155,6 +155,7 @@ Result<void> GroupRepair::run(const GroupCheck& check) {
 
 Result<void> GroupRepair::mendRecordFile(const GroupCheck& check, int descriptor) {
     const fs::path path = directory_ / recordFileName(number_);
+    if (check.header == GroupCheck::Header::sound && check.tornBytes == 0) return {};
     if (check.header == GroupCheck::Header::mendable) {
         const FileHeader header = recordHeader(group_.recordSize);
         const ssize_t written = ::pwrite(descriptor, header.data(), header.size(), 0);
