@@ -16,7 +16,18 @@
 
 namespace lm::cli {
 
-enum class Command : std::uint8_t { none, info, list, get, set, measure, console, saveConfig, recording, exportRecording };
+enum class Command : std::uint8_t {
+    none,
+    info,
+    list,
+    get,
+    set,
+    measure,
+    console,
+    saveConfig,
+    recording,
+    exportRecording
+};
 
 /// The subcommands of `recording`.
 enum class RecordingAction : std::uint8_t { info, check, repair, show };

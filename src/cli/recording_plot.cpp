@@ -119,7 +119,7 @@ Result<TimeRange> wantedTimes(const RecordingReader& recording, const RecordingO
     }
     if (times.fromNs < times.endNs) return times;
     const auto seconds = [&recording](std::int64_t time) {
-        return static_cast<double>(time - recording.info().startHostNs) / 1e9;
+        return (static_cast<double>(time) - static_cast<double>(recording.info().startHostNs)) / 1e9;
     };
     return Error{
         ErrorCode::invalidArgument,
