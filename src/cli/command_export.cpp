@@ -112,6 +112,7 @@ int runExport(const ExportRequest& request, Output& output) {
     const exporter::ExportSummary& summary = done.value();
     for (const std::filesystem::path& file : summary.files)
         output.append(file.string() + " written\n");
+    output.flush();
     for (const std::string& note : summary.notes)
         std::fputs((note + "\n").c_str(), stderr);
     std::fputs(fmt::format("{} record(s) of {} signal(s) in {} group(s)\n", summary.records, summary.signals,

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
+#include <charconv>
 #include <map>
 #include <optional>
 #include <span>
@@ -29,7 +29,7 @@ class TimeText {
 
     void append(std::string& line, std::int64_t timestampNs) {
         if (absolute_) {
-            line += storage::utcText(timestampNs, info_, 9);
+            appendUtc(line, timestampNs);
             return;
         }
         const auto sinceStart =
@@ -39,21 +39,44 @@ class TimeText {
     }
 
   private:
+    void appendUtc(std::string& line, std::int64_t timestampNs) {
+        // Only the fraction changes from one record to most next ones.
+        constexpr std::size_t kDecimals = 9;
+        const std::uint64_t inSecond =
+            static_cast<std::uint64_t>(timestampNs) - static_cast<std::uint64_t>(secondNs_);
+        if (second_.empty() || inSecond >= 1000000000) {
+            const std::string text = storage::utcText(timestampNs, info_, kDecimals);
+            second_ = text.substr(0, text.size() - kDecimals - 1);
+            std::int64_t nanoseconds = 0;
+            std::from_chars(text.data() + second_.size(), text.data() + text.size(), nanoseconds);
+            secondNs_ = timestampNs - nanoseconds;
+            line += text;
+            return;
+        }
+        line += second_;
+        std::uint64_t unit = 100000000;
+        for (std::size_t i = 0; i < kDecimals; ++i, unit /= 10)
+            line += static_cast<char>('0' + inSecond / unit % 10);
+        line += 'Z';
+    }
+
     const storage::RecordingInfo& info_;
     bool absolute_;
+    std::string second_;  ///< "2026-03-01T12:00:00." of the last time
+    std::int64_t secondNs_ = 0;
 };
 
 /// The records of a group one after the other, with their columns.
 class GroupCursor {
   public:
-    GroupCursor(const ExportGroup& group, const ExportOptions& options)
-        : pass_(group), empty_(group.signals.size(), ',') {
+    GroupCursor(const ExportGroup& group, const ExportOptions& options, Progress& progress)
+        : pass_(group, progress), empty_(group.signals.size(), ',') {
         for (const storage::SignalInfo* signal : group.signals)
             columns_.emplace_back(*signal, options);
     }
 
-    /// Goes to the next record. `read` grows by the bytes of stored records that this took.
-    Result<void> advance(std::uint64_t& read) {
+    /// Goes to the next record.
+    Result<void> advance() {
         at_ += batch_.step;
         while (!ended_ && at_ >= batch_.records.count) {
             auto batch = pass_.next();
@@ -61,7 +84,6 @@ class GroupCursor {
             batch_ = batch.value();
             at_ = batch_.first;
             ended_ = batch_.records.count == 0;
-            read += batch_.records.count * batch_.records.stride;
         }
         if (!ended_) timestampNs_ = batch_.records.timestampNs(at_);
         return {};
@@ -121,17 +143,18 @@ class CsvWriter {
         std::string text = headingLine(groups, time_.heading());
         std::vector<GroupCursor> cursors;
         for (const ExportGroup& group : groups) {
-            cursors.emplace_back(group, options_);
-            if (auto moved = cursors.back().advance(read_); !moved) return moved;
+            cursors.emplace_back(group, options_, progress_);
+            if (auto moved = cursors.back().advance(); !moved) return moved;
         }
         while (const auto next = earliest(cursors)) {
             time_.append(text, *next);
             if (auto appended = appendLine(text, cursors, *next); !appended) return appended;
             text += kLineEnd;
             if (text.size() < kBufferBytes) continue;
-            if (auto flushed = flush(file, text); !flushed) return flushed;
+            if (auto written = file.append(text); !written) return written;
+            text.clear();
         }
-        return flush(file, text);
+        return file.append(text);
     }
 
   private:
@@ -150,21 +173,14 @@ class CsvWriter {
                 continue;
             }
             cursor.appendCells(text);
-            if (auto moved = cursor.advance(read_); !moved) return moved;
+            if (auto moved = cursor.advance(); !moved) return moved;
         }
         return {};
-    }
-
-    Result<void> flush(OutputFile& file, std::string& text) {
-        if (auto written = file.append(text); !written) return written;
-        text.clear();
-        return progress_.advance(std::exchange(read_, 0));
     }
 
     const ExportOptions& options_;
     Progress& progress_;
     TimeText time_;
-    std::uint64_t read_ = 0;
 };
 
 /// A name for a part of a file name.

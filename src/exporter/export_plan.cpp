@@ -50,6 +50,9 @@ Result<std::vector<ExportGroup>> planExport(const storage::RecordingReader& reco
         }
         groups.back().signals.push_back(&group.signals[place.signal]);
     }
+    if (groups.empty()) {
+        return Error{ErrorCode::notFound, recording.directory().string() + ": no signals in this recording"};
+    }
     return groups;
 }
 
@@ -60,13 +63,18 @@ std::uint64_t totalBytes(const std::vector<ExportGroup>& groups) {
     return bytes;
 }
 
-ExportPass::ExportPass(const ExportGroup& group)
-    : stream_(group.reader.read(group.range)), begin_(group.range.first), every_(group.every) {}
+ExportPass::ExportPass(const ExportGroup& group, Progress& progress)
+    : stream_(group.reader.read(group.range)),
+      progress_(&progress),
+      begin_(group.range.first),
+      every_(group.every) {}
 
 Result<ExportPass::Batch> ExportPass::next() {
     auto records = stream_.next();
     if (!records) return records.error();
     Batch batch{records.value(), 0, 0};
+    if (auto goOn = progress_->advance(batch.records.count * batch.records.stride); !goOn)
+        return goOn.error();
     const std::uint64_t phase = (batch.records.firstNumber - begin_) % every_;
     const std::uint64_t first = phase == 0 ? 0 : every_ - phase;
     batch.first = static_cast<std::size_t>(std::min<std::uint64_t>(first, batch.records.count));

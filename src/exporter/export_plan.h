@@ -67,17 +67,17 @@ struct ExportGroup {
 };
 
 /// The groups that hold selected signals, in the order of the recording. Errors: those of selectSignals(),
-/// parseRecordingTime(), GroupReader::open() and find().
+/// parseRecordingTime(), GroupReader::open() and find(); notFound "DIRECTORY: no signals in this recording".
 Result<std::vector<ExportGroup>> planExport(const storage::RecordingReader& recording,
                                             const ExportOptions& options);
 
 /// Bytes of records that the export of these groups reads.
 std::uint64_t totalBytes(const std::vector<ExportGroup>& groups);
 
-/// One pass over the records of a group that are exported, in batches.
+/// One pass over the records of a group that are exported, in batches; tells the progress of each.
 class ExportPass {
   public:
-    explicit ExportPass(const ExportGroup& group);
+    ExportPass(const ExportGroup& group, Progress& progress);
 
     struct Batch {
         storage::RecordBatch records;
@@ -85,11 +85,12 @@ class ExportPass {
         std::size_t step = 1;
     };
     /// A batch without records at the end; it may hold none that is exported. Errors: of
-    /// RecordStream::next().
+    /// RecordStream::next(), of `progress`.
     Result<Batch> next();
 
   private:
     storage::RecordStream stream_;
+    Progress* progress_;
     std::uint64_t begin_;
     std::uint64_t every_;
 };

@@ -20,32 +20,29 @@ std::size_t recordsPerBlock(const Mf4Layout& layout) {
     return std::max<std::size_t>(kBlockBytes / layout.stride(), 1);
 }
 
-/// Packs the records of a group into blocks and hands each to `take`, which gets its bytes and the bytes of
-/// stored records that were read for it.
+/// Packs the records of a group into blocks and hands each to `take`; all are full but the last.
 template <typename Take>
-Result<void> forEachBlock(const ExportGroup& group, const Mf4Layout& layout, const Take& take) {
+Result<void> forEachBlock(const ExportGroup& group, const Mf4Layout& layout, Progress& progress,
+                          const Take& take) {
     const std::uint64_t most = std::min<std::uint64_t>(recordsPerBlock(layout), group.recordCount());
     std::vector<std::uint8_t> block(static_cast<std::size_t>(most) * layout.stride());
     std::size_t filled = 0;
-    std::uint64_t read = 0;
-    ExportPass pass(group);
+    ExportPass pass(group, progress);
     for (;;) {
         auto batch = pass.next();
         if (!batch) return batch.error();
         const storage::RecordBatch& records = batch.value().records;
-        const bool atEnd = records.count == 0;
         for (std::size_t i = batch.value().first; i < records.count; i += batch.value().step) {
             layout.pack(records.bytes + i * records.stride, &block[filled]);
             filled += layout.stride();
             if (filled < block.size()) continue;
-            if (auto taken = take(std::span(block), read); !taken) return taken;
+            if (auto taken = take(std::span(block)); !taken) return taken;
             filled = 0;
-            read = 0;
         }
-        read += records.count * records.stride;
-        if (!atEnd) continue;
-        return take(std::span(block.data(), filled), read);
+        if (records.count == 0) break;
     }
+    if (filled == 0) return {};
+    return take(std::span(block.data(), filled));
 }
 
 /// Links and lengths of a list of equally long blocks but for the last.
@@ -161,11 +158,8 @@ Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& gro
     if (layout.isAsStored()) {
         done = copyRecords(file, group, progress);
     } else {
-        done = forEachBlock(group, layout,
-                            [&](std::span<const std::uint8_t> records, std::uint64_t read) -> Result<void> {
-                                if (auto written = file.append(records); !written) return written;
-                                return progress.advance(read);
-                            });
+        done = forEachBlock(group, layout, progress,
+                            [&file](std::span<const std::uint8_t> records) { return file.append(records); });
     }
     if (!done) return done.error();
     return place;
@@ -177,13 +171,9 @@ Result<std::uint64_t> writeDeflatedSamples(OutputFile& file, const ExportGroup& 
     if (layout.stride() > kBlockBytes) return writePlainSamples(file, group, layout, progress);
     if (group.recordCount() == 0) return std::uint64_t{0};
     BlockWriter writer(file, layout.stride());
-    auto done = forEachBlock(group, layout,
-                             [&](std::span<const std::uint8_t> records, std::uint64_t read) -> Result<void> {
-                                 if (!records.empty()) {
-                                     if (auto written = writer.write(records); !written) return written;
-                                 }
-                                 return progress.advance(read);
-                             });
+    auto done = forEachBlock(group, layout, progress, [&writer](std::span<const std::uint8_t> records) {
+        return writer.write(records);
+    });
     if (!done) return done.error();
     alignTo8(file);
     if (writer.places().size() == 1) return writer.places().front();
