@@ -74,22 +74,47 @@ Result<RecordRange> GroupReader::find(const TimeRange& times) const {
 }
 
 // Straight in the records: the index would save no read worth having, and can be damaged or not written yet.
+// Most groups are periodic, so the search begins where an even pace would have the record, and widens from
+// there: that touches few pages of a file that may be much larger than the memory.
 Result<std::uint64_t> GroupReader::firstNotBefore(std::int64_t timeNs) const {
+    if (recordCount_ == 0 || timeNs == std::numeric_limits<std::int64_t>::min()) return 0;
+    if (timeNs == std::numeric_limits<std::int64_t>::max()) return recordCount_;
+    auto guessed = guess(timeNs);
+    if (!guessed) return guessed.error();
+    // Every record before `low` is older, none from `high` on.
     std::uint64_t low = 0;
     std::uint64_t high = recordCount_;
-    if (timeNs == std::numeric_limits<std::int64_t>::min()) high = 0;
-    if (timeNs == std::numeric_limits<std::int64_t>::max()) low = recordCount_;
+    std::uint64_t probe = guessed.value();
+    constexpr std::uint64_t kFirstStep = 4;  // records
+    std::uint64_t stepUp = kFirstStep;
+    std::uint64_t stepDown = kFirstStep;
     while (low < high) {
-        const std::uint64_t middle = low + (high - low) / 2;
-        auto time = timestampNs(middle);
+        auto time = timestampNs(probe);
         if (!time) return time.error();
-        if (time.value() < timeNs) {
-            low = middle + 1;
-        } else {
-            high = middle;
-        }
+        const bool isOlder = time.value() < timeNs;
+        (isOlder ? low : high) = isOlder ? probe + 1 : probe;
+        // Once both sides have been met, the middle is as good as any step.
+        const std::uint64_t middle = low + (high - low) / 2;
+        probe = isOlder ? std::min(middle, low + stepUp) : std::max(middle, high - std::min(high, stepDown));
+        std::uint64_t& step = isOlder ? stepUp : stepDown;
+        step = std::min(4 * step, recordCount_);
     }
     return low;
+}
+
+/// The place of a time if all records came at an even pace.
+Result<std::uint64_t> GroupReader::guess(std::int64_t timeNs) const {
+    auto first = timestampNs(0);
+    if (!first) return first.error();
+    auto last = timestampNs(recordCount_ - 1);
+    if (!last) return last.error();
+    const double begin = static_cast<double>(first.value());
+    const double span = static_cast<double>(last.value()) - begin;
+    const double passed = static_cast<double>(timeNs) - begin;
+    if (!(span > 0) || passed <= 0) return 0;
+    if (passed >= span) return recordCount_ - 1;
+    const double place = passed / span * static_cast<double>(recordCount_ - 1);
+    return std::min(static_cast<std::uint64_t>(place), recordCount_ - 1);
 }
 
 RecordStream GroupReader::read(RecordRange range, std::size_t batchBytes) const {

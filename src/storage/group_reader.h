@@ -103,7 +103,7 @@ class GroupReader {
     /// The timestamp of record `n`, which is below recordCount().
     Result<std::int64_t> timestampNs(std::uint64_t n) const;
 
-    /// The records whose timestamps lie in `times`. Some twenty small reads, whatever the length.
+    /// The records whose timestamps lie in `times`. A few dozen small reads, whatever the length.
     Result<RecordRange> find(const TimeRange& times) const;
 
     /// A pass over `range`, which lies in all(). A batch has one record at least, else up to `batchBytes`.
@@ -113,6 +113,7 @@ class GroupReader {
     GroupReader(InputFile file, std::size_t number, const GroupInfo& group);
 
     Result<std::uint64_t> firstNotBefore(std::int64_t timeNs) const;
+    Result<std::uint64_t> guess(std::int64_t timeNs) const;
 
     InputFile file_;
     const GroupInfo* info_;
