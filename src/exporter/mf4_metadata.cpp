@@ -140,7 +140,7 @@ Link addChannelGroup(Mf4Blocks& blocks, const storage::RecordingInfo& info, cons
         about.cycleNs > 0
             ? fmt::format("cycle {} ms", formatGeneral(static_cast<double>(about.cycleNs) / 1e6))
             : "not cyclic";
-    if (group.every > 1) text += fmt::format(", every {}th record", group.every);
+    if (group.every > 1) text += fmt::format(", one of {} records", group.every);
     const Link comment = blocks.comment("CGcomment", element("TX", text));
     Mf4Fields data;
     data.zeros(8).put(group.recordCount()).zeros(8);
