@@ -17,14 +17,15 @@ ARROWS = {
     "xcp": {"core", "hal", "broker"},
     "a2l": {"core"},
     "storage": {"core", "a2l"},
+    "exporter": {"core", "a2l", "storage"},
     "session": {"core", "hal", "broker", "a2l", "xcp", "storage"},
-    "cli": {"core", "a2l", "xcp", "storage", "session"},
+    "cli": {"core", "a2l", "xcp", "storage", "exporter", "session"},
     "sim": {"core", "hal"},
 }
 # Single headers allowed across an arrow that is otherwise closed.
 EXCEPTIONS = {("a2l", "xcp/address.h")}
 # Library header -> folders that may include it.
-LIBRARIES = {"CLI/": {"cli", "sim"}, "nlohmann/": {"session", "storage"}}
+LIBRARIES = {"CLI/": {"cli", "sim"}, "nlohmann/": {"session", "storage"}, "zlib.h": {"exporter"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 

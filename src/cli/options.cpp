@@ -22,7 +22,11 @@ constexpr const char* kExamples = R"(Examples:
   xcplumo-cli -c demo.json set cal_gain=1.5 "cal_injector=test mode"
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r recording
   xcplumo-cli --a2l demo.a2l --serial /dev/ttyACM0:115200 console
-  xcplumo-cli -c demo.json --udp [fe80::1%eth0]:5555 save-config other.json)";
+  xcplumo-cli -c demo.json --udp [fe80::1%eth0]:5555 save-config other.json
+  xcplumo-cli recording info recording
+  xcplumo-cli recording show recording -s engine_speed --from 2 --to 4
+  xcplumo-cli export recording -o engine.mf4
+  xcplumo-cli export recording -o engine.csv --merge -s "engine_*" --from 2 --to 4)";
 
 void addGlobalOptions(CLI::App& app, Options& options) {
     app.add_option("-c,--config", options.configFile, "Session configuration (JSON)");
@@ -46,6 +50,54 @@ CLI::App* addCommand(CLI::App& app, Options& options, Command command, const cha
     CLI::App* sub = app.add_subcommand(name, help);
     sub->callback([&options, command] { options.command = command; });
     return sub;
+}
+
+CLI::App* addAction(CLI::App& recording, RecordingOptions& options, RecordingAction action, const char* name,
+                    const char* help) {
+    CLI::App* sub = recording.add_subcommand(name, help);
+    sub->callback([&options, action] { options.action = action; });
+    sub->add_option("directory", options.directory, "Recording directory")->required();
+    return sub;
+}
+
+void addRecordingCommand(CLI::App& app, Options& options) {
+    CLI::App* recording = addCommand(app, options, Command::recording, "recording",
+                                     "Look at, check or repair a recording (no connection)");
+    recording->require_subcommand(1);
+    RecordingOptions& own = options.recording;
+    addAction(*recording, own, RecordingAction::info, "info",
+              "Groups, signals, counts, rates, gaps, least and greatest values");
+    addAction(*recording, own, RecordingAction::check, "check",
+              "Compare all files with each other; exit code 1 when something is wrong");
+    addAction(*recording, own, RecordingAction::repair, "repair",
+              "After a crash: cut a torn record, rebuild time index and summaries");
+    CLI::App* show =
+        addAction(*recording, own, RecordingAction::show, "show", "Plot signals in the terminal");
+    show->add_option("-s,--signal", own.signals, "NAME, or a pattern with * and ?")
+        ->allow_extra_args(false)  // or it would take the directory behind it
+        ->required();
+    show->add_option("--from", own.from, "Seconds from the start, or ISO 8601");
+    show->add_option("--to", own.to, "Seconds from the start, or ISO 8601");
+}
+
+void addExportCommand(CLI::App& app, Options& options) {
+    CLI::App* command = addCommand(app, options, Command::exportRecording, "export",
+                                   "Convert a recording to MDF 4.1 or CSV (no connection)");
+    ExportRequest& own = options.exportRequest;
+    command->add_option("directory", own.directory, "Recording directory")->required();
+    command->add_option("-o,--output", own.options.output, "Output file, NAME.mf4 or NAME.csv")->required();
+    command->add_option("--format", own.format, "mf4 | csv (default: as the output's name ends)");
+    command->add_flag("--force", own.options.force, "Overwrite existing files");
+    command->add_option("-s,--signal", own.options.signals, "NAME, or a pattern with * and ? (default: all)")
+        ->allow_extra_args(false);  // or it would take the directory behind it
+    command->add_option("--from", own.options.from, "Seconds from the start, or ISO 8601");
+    command->add_option("--to", own.options.to, "Seconds from the start, or ISO 8601; records before it");
+    command->add_option("--every", own.options.every, "Only every n-th record of each group");
+    command->add_flag("--no-compress", own.noCompress, "MF4: copy the records as they lie");
+    command->add_flag("--merge", own.options.merge, "CSV: all groups in one file, on one time axis");
+    command->add_flag("--raw", own.options.raw, "CSV: raw values");
+    command->add_flag("--absolute", own.options.absolute, "CSV: ISO 8601 times in UTC");
+    command->add_flag("--a2l-format", own.options.a2lFormat, "CSV: decimals as the A2L says");
 }
 
 void addCommands(CLI::App& app, Options& options) {
@@ -82,6 +134,9 @@ void addCommands(CLI::App& app, Options& options) {
     CLI::App* save = addCommand(app, options, Command::saveConfig, "save-config",
                                 "Write the effective configuration to a file");
     save->add_option("file", options.outputFile, "Output file")->required();
+
+    addRecordingCommand(app, options);
+    addExportCommand(app, options);
 }
 
 Result<void> overrideId(const std::optional<std::string>& text, std::optional<std::uint32_t>& target) {

@@ -11,11 +11,43 @@
 #include <vector>
 
 #include "core/result.h"
+#include "exporter/export_plan.h"
 #include "session/session_config.h"
 
 namespace lm::cli {
 
-enum class Command : std::uint8_t { none, info, list, get, set, measure, console, saveConfig };
+enum class Command : std::uint8_t {
+    none,
+    info,
+    list,
+    get,
+    set,
+    measure,
+    console,
+    saveConfig,
+    recording,
+    exportRecording
+};
+
+/// The subcommands of `recording`.
+enum class RecordingAction : std::uint8_t { info, check, repair, show };
+
+/// What stood behind `recording`.
+struct RecordingOptions {
+    RecordingAction action = RecordingAction::info;
+    std::string directory;
+    std::vector<std::string> signals;  ///< show: patterns
+    std::optional<std::string> from;   ///< show
+    std::optional<std::string> to;     ///< show
+};
+
+/// What stood behind `export`.
+struct ExportRequest {
+    std::string directory;
+    exporter::ExportOptions options;    ///< without what the two below say
+    std::optional<std::string> format;  ///< none: as the output's name ends
+    bool noCompress = false;
+};
 
 /// What stood on the command line; an option that was not given is absent.
 struct Options {
@@ -45,6 +77,8 @@ struct Options {
     std::uint32_t printEvery = 100;        ///< measure
     double durationSeconds = 0;            ///< measure, console
     std::string outputFile;                ///< save-config
+    RecordingOptions recording;            ///< recording
+    ExportRequest exportRequest;           ///< export
 };
 
 /// The options, or the exit code when help, the version or a parse error has been printed instead.

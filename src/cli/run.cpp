@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <unistd.h>
 #include <utility>
 #include <variant>
@@ -13,9 +14,11 @@
 #include <spdlog/spdlog.h>
 
 #include "cli/command_console.h"
+#include "cli/command_export.h"
 #include "cli/command_info.h"
 #include "cli/command_list.h"
 #include "cli/command_measure.h"
+#include "cli/command_recording.h"
 #include "cli/command_values.h"
 #include "cli/console_printer.h"
 #include "cli/options.h"
@@ -125,6 +128,18 @@ int runSession(const Options& options, session::SessionConfig config, Output& ou
     return exitCode;
 }
 
+/// The commands that work on recordings alone: no configuration is read. None for the others.
+std::optional<int> runOffline(const Options& options, Output& output) {
+    switch (options.command) {
+        case Command::recording:
+            return runRecording(options.recording, output);
+        case Command::exportRecording:
+            return runExport(options.exportRequest, output);
+        default:
+            return std::nullopt;
+    }
+}
+
 int runCommand(const Options& options, session::SessionConfig config, Output& output) {
     switch (options.command) {
         case Command::saveConfig:
@@ -148,13 +163,14 @@ int run(int argc, const char* const* argv) {
     if (const int* exitCode = std::get_if<int>(&parsed)) return *exitCode;
     const Options& options = std::get<Options>(parsed);
     setUpLogging(options.verbose);
+    Output output(STDOUT_FILENO);
+    if (const auto exitCode = runOffline(options, output)) return output.finish(*exitCode);
     const char* prefix = "";
     auto config = effectiveConfig(options, prefix);
     if (!config) {
         printError(prefix, config.error());
         return 1;
     }
-    Output output(STDOUT_FILENO);
     const int exitCode = runCommand(options, std::move(config).value(), output);
     return output.finish(exitCode);
 }

@@ -18,6 +18,8 @@ inline constexpr std::uint32_t kIndexEntrySize = 16;
 inline constexpr std::uint32_t kTimestampSize = 8;
 
 inline constexpr std::size_t kHeaderSize = 32;
+/// Bytes of the magic at the start of every header; the format version follows.
+inline constexpr std::size_t kMagicSize = 8;
 using FileHeader = std::array<std::uint8_t, kHeaderSize>;
 
 FileHeader recordHeader(std::uint32_t recordSize);

@@ -1,12 +1,21 @@
-// Opens a recording directory again: what "meta.json" says about it.
+// Opens a recording directory again: what "meta.json" says about it, and its groups.
 //
-// Threads: immutable once opened. Lifetime: owns everything; no file stays open.
+//     auto recording = RecordingReader::open(directory);
+//     auto group = recording.value().openGroup(0);
+//     auto range = group.value().find({fromNs, endNs});
+//     auto records = group.value().read(range.value());
+//     for (auto batch = records.next(); batch && batch.value().count > 0; batch = records.next()) ...
+//
+// Threads: immutable once opened. Lifetime: owns the descriptions that its group readers borrow; no file
+// stays open.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <utility>
 
 #include "core/result.h"
+#include "storage/group_reader.h"
 #include "storage/recording_info.h"
 
 namespace lm::storage {
@@ -20,6 +29,12 @@ class RecordingReader {
 
     const std::filesystem::path& directory() const { return directory_; }
     const RecordingInfo& info() const { return info_; }
+
+    /// `number` is below info().groups.size(). The group reader borrows from this object, which may be moved
+    /// meanwhile. Errors: those of GroupReader::open().
+    Result<GroupReader> openGroup(std::size_t number) const {
+        return GroupReader::open(directory_, number, info_.groups[number]);
+    }
 
   private:
     RecordingReader(std::filesystem::path directory, RecordingInfo info)

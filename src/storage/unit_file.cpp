@@ -9,6 +9,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "storage/file_lock.h"
+
 namespace lm::storage {
 namespace {
 
@@ -61,6 +63,8 @@ Result<UnitFile> UnitFile::create(const std::filesystem::path& path, const FileH
     const Opened opened = openForWriting(path);
     if (opened.descriptor < 0) return Error::fromErrno(errno, "cannot create " + path.string());
     UnitFile file(path, opened.descriptor, opened.isNew, unitSize);
+    // A lock that another program has hinders nobody from writing: the directory was checked before.
+    lockForWriting(opened.descriptor);
     const Written written = writeAt(opened.descriptor, 0, header.data(), header.size());
     if (written.systemError != 0) {
         if (opened.isNew) ::unlink(path.c_str());

@@ -85,6 +85,11 @@ TEST(Options, GlobalOptionsStandBeforeAndBehindTheSubcommand) {
     EXPECT_EQ(parsed({"set", "A=1", "B=-2", "-m"}).assignments, (std::vector<std::string>{"A=1", "B=-2"}));
     EXPECT_EQ(parsed({"--reset-delay", "-5", "info"}).resetDelayMs, -5);
     EXPECT_EQ(parsed({"console", "-t", "0.5"}).durationSeconds, 0.5);
+    const Options show = parsed({"recording", "show", "-s", "a*", "dir", "-s", "b", "--from", "-1.5"});
+    EXPECT_EQ(show.recording.action, RecordingAction::show);
+    EXPECT_EQ(show.recording.directory, "dir");
+    EXPECT_EQ(show.recording.signals, (std::vector<std::string>{"a*", "b"}));
+    EXPECT_EQ(show.recording.from, "-1.5");
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 // Disks that take no more: the limit on file sizes stops a file at any byte, as a full disk does.
-#include <csignal>
 #include <sstream>
-#include <sys/resource.h>
 
 #include <gtest/gtest.h>
 #include <spdlog/sinks/ostream_sink.h>
@@ -18,25 +16,8 @@ namespace lm::storage {
 namespace {
 
 using test::Bytes;
+using test::FileSizeLimit;
 namespace fs = std::filesystem;
-
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(std::uint64_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit now = before_;
-        now.rlim_cur = bytes;
-        setrlimit(RLIMIT_FSIZE, &now);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, handler_);
-    }
-
-  private:
-    void (*handler_)(int);
-    rlimit before_{};
-};
 
 /// Log lines of one scope, without time and level.
 class LogCapture {

@@ -1,16 +1,21 @@
 // A small recording and its files as bytes, for the tests of this folder.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <sys/resource.h>
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "core/bytes.h"
 #include "storage/recording_info.h"
+#include "storage/recording_writer.h"
 
 namespace lm::storage::test {
 
@@ -71,5 +76,35 @@ inline Bytes smallRecord(std::size_t n) {
     record[2] = static_cast<std::uint8_t>(0U - n);
     return record;
 }
+
+/// Writes records of smallRecording() from 1 s on, every 10 ms, into a new recording.
+inline void writeSmallRecording(const std::filesystem::path& directory, std::size_t count,
+                                RecordingInfo info = smallRecording()) {
+    auto writer = RecordingWriter::create(directory, std::move(info), {}).value();
+    for (std::size_t n = 0; n < count; ++n) {
+        const Bytes data = smallRecord(n);
+        writer->write(0, 1000000000 + static_cast<std::int64_t>(n) * 10000000, data.data(), data.size());
+    }
+    ASSERT_TRUE(writer->close().ok());
+}
+
+/// A file size at which the disk is full.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(std::uint64_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        rlimit now = before_;
+        now.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &now);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, handler_);
+    }
+
+  private:
+    void (*handler_)(int);
+    rlimit before_{};
+};
 
 }  // namespace lm::storage::test

@@ -1,0 +1,125 @@
+#include "cli/command_export.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "cli/stop_signal.h"
+#include "core/text.h"
+#include "exporter/export_recording.h"
+#include "storage/recording_reader.h"
+
+namespace lm::cli {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A line on the terminal that is written over and over; nothing when standard error is none.
+class ProgressLine {
+  public:
+    ProgressLine() : isTerminal_(::isatty(STDERR_FILENO) == 1) {}
+    ~ProgressLine() {
+        if (shown_) std::fputs("\r\033[K", stderr);
+    }
+    ProgressLine(const ProgressLine&) = delete;
+    ProgressLine& operator=(const ProgressLine&) = delete;
+
+    void show(std::uint64_t done, std::uint64_t total) {
+        const auto now = Clock::now();
+        if (!isTerminal_ || total == 0 || now < next_) return;
+        next_ = now + std::chrono::milliseconds(100);
+        const double seconds = std::chrono::duration<double>(now - start_).count();
+        const double rate = seconds > 0 ? static_cast<double>(done) / 1e6 / seconds : 0;
+        const std::string line = fmt::format("\rexporting {:3} %  of {} MB  {} MB/s\033[K",
+                                             done * 100 / total, total / 1000000, formatFixed(rate, 0));
+        std::fputs(line.c_str(), stderr);
+        shown_ = true;
+    }
+
+  private:
+    const bool isTerminal_;
+    bool shown_ = false;
+    const Clock::time_point start_ = Clock::now();
+    Clock::time_point next_ = start_ + std::chrono::milliseconds(300);  // what is quick needs no progress
+};
+
+Error invalid(std::string message) {
+    return {ErrorCode::invalidArgument, std::move(message)};
+}
+
+Result<exporter::Format> formatOf(const ExportRequest& request) {
+    std::string word = request.format.value_or(request.options.output.extension().string());
+    std::transform(word.begin(), word.end(), word.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; });
+    if (word == "mf4" || word == ".mf4") return exporter::Format::mf4;
+    if (word == "csv" || word == ".csv") return exporter::Format::csv;
+    if (request.format) return invalid("unknown format '" + *request.format + "' (mf4 or csv)");
+    return invalid("the name " + request.options.output.string() +
+                   " does not end in .mf4 or .csv, give --format mf4 or --format csv");
+}
+
+Result<exporter::ExportOptions> checkedOptions(const ExportRequest& request) {
+    auto format = formatOf(request);
+    if (!format) return format.error();
+    exporter::ExportOptions options = request.options;
+    options.format = format.value();
+    options.compress = !request.noCompress;
+    const bool isCsv = options.format == exporter::Format::csv;
+    const std::pair<bool, const char*> onlyOne[] = {
+        {!isCsv && options.merge, "--merge is for CSV files"},
+        {!isCsv && options.raw, "--raw is for CSV files, an MF4 file holds raw values and their conversions"},
+        {!isCsv && options.absolute, "--absolute is for CSV files, an MF4 file holds its start time"},
+        {!isCsv && options.a2lFormat, "--a2l-format is for CSV files"},
+        {isCsv && request.noCompress, "--no-compress is for MF4 files"},
+        {options.raw && options.a2lFormat, "--raw and --a2l-format exclude each other"},
+        {options.every == 0, "--every: 0 is not a number of records"},
+    };
+    for (const auto& [wrong, message] : onlyOne) {
+        if (wrong) return invalid(message);
+    }
+    return options;
+}
+
+Result<exporter::ExportSummary> exportWithProgress(const ExportRequest& request) {
+    auto options = checkedOptions(request);
+    if (!options) return options.error();
+    auto recording = storage::RecordingReader::open(request.directory);
+    if (!recording) return recording.error();
+    ProgressLine line;
+    return exporter::exportRecording(recording.value(), options.value(),
+                                     [&line](std::uint64_t done, std::uint64_t total) {
+                                         line.show(done, total);
+                                         return !stopRequested();
+                                     });
+}
+
+}  // namespace
+
+int runExport(const ExportRequest& request, Output& output) {
+    const auto done = exportWithProgress(request);
+    if (!done) {
+        // Who asked for the stop knows of it.
+        if (done.error().code != ErrorCode::closed) printError("export", done.error());
+        return 1;
+    }
+    const exporter::ExportSummary& summary = done.value();
+    for (const std::filesystem::path& file : summary.files)
+        output.append(file.string() + " written\n");
+    output.flush();
+    for (const std::string& note : summary.notes)
+        std::fputs((note + "\n").c_str(), stderr);
+    std::fputs(fmt::format("{} record(s) of {} signal(s) in {} group(s)\n", summary.records, summary.signals,
+                           summary.groups)
+                   .c_str(),
+               stderr);
+    return 0;
+}
+
+}  // namespace lm::cli

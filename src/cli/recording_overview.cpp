@@ -1,0 +1,200 @@
+#include "cli/recording_overview.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <numeric>
+#include <optional>
+#include <system_error>
+#include <vector>
+
+#include <spdlog/fmt/fmt.h>
+
+#include "a2l/conversion.h"
+#include "core/text.h"
+#include "storage/gap_finder.h"
+#include "storage/pyramid_reader.h"
+#include "storage/signal_selection.h"
+
+namespace lm::cli {
+namespace {
+
+using storage::GroupReader;
+using storage::RecordingInfo;
+using storage::SignalInfo;
+
+/// The first and the last timestamp of a group that has records.
+struct Span {
+    std::int64_t firstNs = std::numeric_limits<std::int64_t>::max();
+    std::int64_t lastNs = std::numeric_limits<std::int64_t>::min();
+
+    bool isEmpty() const { return firstNs > lastNs; }
+    double seconds() const { return isEmpty() ? 0 : secondsBetween(firstNs, lastNs); }
+    static double secondsBetween(std::int64_t fromNs, std::int64_t toNs) {
+        return (static_cast<double>(toNs) - static_cast<double>(fromNs)) / 1e9;
+    }
+};
+
+std::string sizeText(std::uint64_t bytes) {
+    constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
+    if (bytes < 1000) return fmt::format("{} bytes", bytes);
+    auto size = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; size >= 1000 && unit + 1 < std::size(kUnits); ++unit)
+        size /= 1000;
+    return fmt::format("{:.1f} {}", size, kUnits[unit]);
+}
+
+std::uint64_t directorySize(const std::filesystem::path& directory) {
+    std::uint64_t size = 0;
+    std::error_code failure;
+    for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
+         entry.increment(failure)) {
+        std::error_code unknown;
+        const std::uint64_t bytes = entry->is_regular_file(unknown) ? entry->file_size(unknown) : 0;
+        if (!unknown) size += bytes;
+    }
+    return size;
+}
+
+Result<Span> spanOf(const GroupReader& group) {
+    Span span;
+    if (group.recordCount() == 0) return span;
+    auto first = group.timestampNs(0);
+    if (!first) return first.error();
+    auto last = group.timestampNs(group.recordCount() - 1);
+    if (!last) return last.error();
+    span.firstNs = first.value();
+    span.lastNs = last.value();
+    return span;
+}
+
+std::string cycleText(std::int64_t cycleNs) {
+    if (cycleNs <= 0) return "not cyclic";
+    return formatGeneral(static_cast<double>(cycleNs) / 1e6) + " ms";
+}
+
+std::string gapText(const storage::GapSummary& gaps, const RecordingInfo& info) {
+    if (gaps.count == 0) return "none";
+    return fmt::format("{}{}, the longest {:.3f} s at {:.3f} s", gaps.isLowerBound ? "at least " : "",
+                       gaps.count, static_cast<double>(gaps.longestNs) / 1e9,
+                       Span::secondsBetween(info.startHostNs, gaps.longestFromNs));
+}
+
+void printCounts(const GroupReader& group, const Span& span, const RecordingInfo& info, Output& output) {
+    output.append(fmt::format("  records      {}", group.recordCount()));
+    if (!span.isEmpty()) {
+        if (span.seconds() > 0) {
+            output.append(
+                fmt::format(", {:.1f}/s", static_cast<double>(group.recordCount() - 1) / span.seconds()));
+        }
+        output.append(fmt::format(", from {:.3f} s to {:.3f} s",
+                                  Span::secondsBetween(info.startHostNs, span.firstNs),
+                                  Span::secondsBetween(info.startHostNs, span.lastNs)));
+    }
+    output.append('\n');
+    if (group.tornBytes() > 0 && !group.isBeingWritten()) {
+        output.append(fmt::format("  torn record  {} bytes at the end\n", group.tornBytes()));
+    }
+}
+
+Result<void> printSignals(const GroupReader& group, const std::filesystem::path& directory, Output& output) {
+    const std::vector<SignalInfo>& signals = group.info().signals;
+    std::vector<std::size_t> all(signals.size());
+    std::iota(all.begin(), all.end(), 0U);
+    auto extremes = storage::PyramidReader(directory, group).extremes(group.all(), all);
+    if (!extremes) return extremes.error();
+    for (std::size_t i = 0; i < signals.size(); ++i) {
+        const storage::ValueRange& range = extremes.value()[i];
+        output.append("  ");
+        output.appendPadded(signals[i].name, 40);
+        output.append(' ');
+        output.appendPadded(a2l::dataTypeName(signals[i].coding.dataType), 13);
+        if (range.isEmpty()) {
+            output.append(" no value");
+        } else {
+            output.append(fmt::format(" {:>12} {:>12}", physicalText(range.minimum, signals[i]),
+                                      physicalText(range.maximum, signals[i])));
+            if (!signals[i].conversion.unit().empty()) output.append(" " + signals[i].conversion.unit());
+        }
+        output.append('\n');
+    }
+    return {};
+}
+
+Result<void> printGroup(const GroupReader& group, const Span& span, const storage::RecordingReader& recording,
+                        Output& output) {
+    const std::int64_t cycle = group.info().cycleNs;
+    output.append(fmt::format("group {:<8} {}, {}\n", group.number(), group.info().name, cycleText(cycle)));
+    printCounts(group, span, recording.info(), output);
+    if (cycle > 0) {
+        auto gaps = storage::findGaps(recording.directory(), group);
+        if (!gaps) return gaps.error();
+        output.append("  gaps         " + gapText(gaps.value(), recording.info()) + "\n");
+    }
+    return printSignals(group, recording.directory(), output);
+}
+
+struct OpenedGroup {
+    GroupReader reader;
+    Span span;
+};
+
+Result<OpenedGroup> openGroup(const storage::RecordingReader& recording, std::size_t number) {
+    auto reader = recording.openGroup(number);
+    if (!reader) return reader.error();
+    auto span = spanOf(reader.value());
+    if (!span) return span.error();
+    return OpenedGroup{std::move(reader).value(), span.value()};
+}
+
+void printHead(const storage::RecordingReader& recording, const Span& span, bool beingWritten,
+               Output& output) {
+    const RecordingInfo& info = recording.info();
+    output.append("recording      " + info.name + (beingWritten ? ", still being recorded" : "") + "\n");
+    output.append("ECU            " + info.ecu + (info.source.empty() ? "" : " (" + info.source + ")") +
+                  "\n");
+    output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
+    output.append(fmt::format("duration       {:.3f} s\n", span.seconds()));
+    output.append("size           " + sizeText(directorySize(recording.directory())) + "\n");
+}
+
+}  // namespace
+
+std::string physicalText(double value, const SignalInfo& signal) {
+    // Physical and raw value of a verbal conversion are the same.
+    if (signal.conversion.isVerbal()) {
+        if (const auto text = signal.conversion.verbalText(value)) return std::string(*text);
+    }
+    return a2l::Conversion(a2l::Conversion::Identical{}, signal.conversion.formatText(), "").format(value);
+}
+
+int printOverview(const storage::RecordingReader& recording, Output& output) {
+    int exitCode = 0;
+    std::vector<OpenedGroup> groups;
+    Span whole;
+    bool beingWritten = false;
+    for (std::size_t i = 0; i < recording.info().groups.size(); ++i) {
+        auto group = openGroup(recording, i);
+        if (!group) {
+            printError("recording", group.error());
+            exitCode = 1;
+            continue;
+        }
+        whole.firstNs = std::min(whole.firstNs, group.value().span.firstNs);
+        whole.lastNs = std::max(whole.lastNs, group.value().span.lastNs);
+        beingWritten = beingWritten || group.value().reader.isBeingWritten();
+        groups.push_back(std::move(group).value());
+    }
+    printHead(recording, whole, beingWritten, output);
+    for (const OpenedGroup& group : groups) {
+        if (auto printed = printGroup(group.reader, group.span, recording, output); !printed) {
+            printError("recording", printed.error());
+            exitCode = 1;
+        }
+    }
+    return exitCode;
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,22 @@
+// What `recording info` prints: groups, signals, counts, rates, gaps, extremes. All of it comes from the time
+// index and the summary levels, so the length of the recording does not matter.
+//
+// Threads: one thread. Lifetime: nothing is kept.
+#pragma once
+
+#include <string>
+
+#include "cli/output.h"
+#include "storage/recording_reader.h"
+
+namespace lm::cli {
+
+/// A physical value with the decimals of the signal's display format; the text of a verbal one, when it has
+/// one.
+std::string physicalText(double value, const storage::SignalInfo& signal);
+
+/// Prints the overview. Returns the exit code: 1 when a group cannot be read, with the reason on standard
+/// error; the other groups are printed all the same.
+int printOverview(const storage::RecordingReader& recording, Output& output);
+
+}  // namespace lm::cli

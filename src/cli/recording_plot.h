@@ -1,0 +1,21 @@
+// What `recording show` prints: signals of a recording over time, drawn from the summary levels.
+//
+// Threads: one thread. Lifetime: nothing is kept.
+#pragma once
+
+#include "cli/options.h"
+#include "cli/output.h"
+#include "cli/terminal_plot.h"
+#include "storage/recording_reader.h"
+
+namespace lm::cli {
+
+/// As wide as the terminal, in braille; 80 plain columns when `descriptor` is none.
+PlotStyle plotStyleFor(int descriptor);
+
+/// Plots the signals that the options name, all on one time axis. Returns the exit code; errors are on
+/// standard error.
+int plotSignals(const storage::RecordingReader& recording, const RecordingOptions& options,
+                const PlotStyle& style, Output& output);
+
+}  // namespace lm::cli

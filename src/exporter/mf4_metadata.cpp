@@ -1,0 +1,209 @@
+#include "exporter/mf4_metadata.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <spdlog/fmt/fmt.h>
+
+#include "core/text.h"
+
+namespace lm::exporter {
+namespace {
+
+using Link = Mf4Blocks::Link;
+
+constexpr std::uint16_t kVersion = 410;
+constexpr std::string_view kProgram = "xcplumo";
+constexpr double kSecondsPerNs = 1e-9;
+
+std::string element(std::string_view name, std::string_view text) {
+    return fmt::format("<{0}>{1}</{0}>", name, xmlText(text));
+}
+
+void addIdentification(Mf4Blocks& blocks) {
+    Mf4Fields fields;
+    fields.text("MDF", 8, ' ').text("4.10", 8, ' ').text(kProgram, 8, ' ').zeros(4).put(kVersion);
+    blocks.raw(fields.zeros(34));
+}
+
+Link addHistory(Mf4Blocks& blocks, std::int64_t nowUtcNs) {
+    const std::string inner = element("TX", "exported from a recording") + element("tool_id", "xcplumo-cli") +
+                              element("tool_vendor", "XCP-Lumo") + element("tool_version", XCPLUMO_VERSION);
+    const Link comment = blocks.comment("FHcomment", inner);
+    return blocks.add("FH", {0, comment}, Mf4Fields().put(static_cast<std::uint64_t>(nowUtcNs)).zeros(8));
+}
+
+/// Times are UTC and no time zone is told.
+Link addHeader(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
+    const auto start = static_cast<std::uint64_t>(std::max<std::int64_t>(info.startUtcNs, 0));
+    return blocks.add("HD", std::vector<Link>(6), Mf4Fields().put(start).zeros(24));
+}
+
+Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
+    std::string properties;
+    const auto property = [&properties](std::string_view name, std::string_view value) {
+        if (value.empty()) return;
+        properties += fmt::format("<e name=\"{}\">{}</e>", name, xmlText(value));
+    };
+    property("subject", info.ecu);
+    property("recording", info.name);
+    property("source", info.source);
+    property("tool", "xcplumo-cli " XCPLUMO_VERSION);
+    return blocks.comment(
+        "HDcomment", element("TX", info.name) + "<common_properties>" + properties + "</common_properties>");
+}
+
+std::uint8_t busOf(std::string_view source) {
+    constexpr std::uint8_t kOther = 1;
+    constexpr std::uint8_t kCan = 2;
+    constexpr std::uint8_t kEthernet = 7;
+    if (source.starts_with("XCP on CAN")) return kCan;
+    return source.starts_with("XCP on UDP") ? kEthernet : kOther;
+}
+
+Link addSource(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
+    constexpr std::uint8_t kEcu = 1;
+    const Link name = info.ecu.empty() ? 0 : blocks.text(info.ecu);
+    const Link path = info.source.empty() ? 0 : blocks.text(info.source);
+    return blocks.add("SI", {name, path, 0}, Mf4Fields().put(kEcu).put(busOf(info.source)).zeros(6));
+}
+
+struct ChannelPlace {
+    std::uint8_t type;  ///< 0: values, 2: master
+    std::uint8_t sync;  ///< 1: time
+    std::uint8_t dataType;
+    std::uint8_t bitOffset;
+    std::uint32_t byteOffset;
+    std::uint32_t bitCount;
+};
+
+Link addChannelBlock(Mf4Blocks& blocks, const std::vector<Link>& links, const ChannelPlace& place,
+                     std::optional<std::uint8_t> precision) {
+    constexpr std::uint32_t kPrecisionValid = 4;
+    Mf4Fields data;
+    data.put(place.type).put(place.sync).put(place.dataType).put(place.bitOffset);
+    data.put(place.byteOffset).put(place.bitCount).put(precision ? kPrecisionValid : 0U);
+    data.zeros(4).put(precision.value_or(0)).zeros(3 + 6 * sizeof(double));
+    return blocks.add("CN", links, data);
+}
+
+/// The timestamps as they were recorded; a conversion makes them seconds since the start.
+Link addTimeChannel(Mf4Blocks& blocks, const storage::RecordingInfo& info, Link next) {
+    constexpr std::uint8_t kLinear = 1;
+    constexpr std::uint8_t kMaster = 2;
+    constexpr std::uint8_t kTime = 1;
+    constexpr std::uint8_t kSignedLittle = 2;
+    constexpr std::uint8_t kDecimals = 9;
+    const Link unit = blocks.text("s");
+    const double start = -static_cast<double>(info.startHostNs) * kSecondsPerNs;
+    const Link conversion = addConversion(blocks, {kLinear, {start, kSecondsPerNs}, {}, {}}, unit, kDecimals);
+    return addChannelBlock(blocks, {next, 0, blocks.text("time"), 0, conversion, 0, unit, 0},
+                           {kMaster, kTime, kSignedLittle, 0, 0, 64}, kDecimals);
+}
+
+/// What the signal is, and what became of its conversion.
+Link addChannelComment(Mf4Blocks& blocks, const Mf4Channel& channel) {
+    const storage::SignalInfo& signal = *channel.signal;
+    std::string text = signal.description;
+    if (const std::string& obstacle = channel.conversion.obstacle; !obstacle.empty()) {
+        text += (text.empty() ? "" : " ") +
+                fmt::format("(physical values, computed by the export: MDF cannot express the {})", obstacle);
+    }
+    std::string inner = text.empty() ? "" : element("TX", text);
+    if (!signal.displayName.empty()) {
+        inner += "<names>" + element("display", signal.displayName) + "</names>";
+    }
+    return inner.empty() ? 0 : blocks.comment("CNcomment", inner);
+}
+
+Link addChannel(Mf4Blocks& blocks, const Mf4Channel& channel, Link next) {
+    const storage::SignalInfo& signal = *channel.signal;
+    const Link unit = signal.conversion.unit().empty() ? 0 : blocks.text(signal.conversion.unit());
+    const auto precision = mf4Precision(signal.conversion.formatText());
+    const Link conversion = addConversion(blocks, channel.conversion, unit, precision);
+    const Link comment = addChannelComment(blocks, channel);
+    return addChannelBlock(blocks, {next, 0, blocks.text(signal.name), 0, conversion, 0, unit, comment},
+                           {0, 0, channel.dataType, channel.bitOffset, channel.byteOffset, channel.bitCount},
+                           precision);
+}
+
+Link addChannelGroup(Mf4Blocks& blocks, const storage::RecordingInfo& info, const ExportGroup& group,
+                     const Mf4Layout& layout, Link source) {
+    Link first = 0;
+    for (auto channel = layout.channels().rbegin(); channel != layout.channels().rend(); ++channel)
+        first = addChannel(blocks, *channel, first);
+    first = addTimeChannel(blocks, info, first);
+    const storage::GroupInfo& about = group.reader.info();
+    std::string text =
+        about.cycleNs > 0
+            ? fmt::format("cycle {} ms", formatGeneral(static_cast<double>(about.cycleNs) / 1e6))
+            : "not cyclic";
+    if (group.every > 1) text += fmt::format(", one of {} records", group.every);
+    const Link comment = blocks.comment("CGcomment", element("TX", text));
+    Mf4Fields data;
+    data.zeros(8).put(group.recordCount()).zeros(8);
+    data.put(static_cast<std::uint32_t>(layout.stride())).zeros(4);
+    return blocks.add("CG", {0, first, blocks.text(about.name), source, 0, comment}, data);
+}
+
+}  // namespace
+
+Mf4Metadata makeMetadata(const storage::RecordingInfo& info, const std::vector<ExportGroup>& groups,
+                         const std::vector<Mf4Layout>& layouts, std::int64_t nowUtcNs) {
+    constexpr std::size_t kFirstDataGroup = 0;
+    constexpr std::size_t kHistory = 1;
+    constexpr std::size_t kComment = 5;
+    Mf4Metadata metadata;
+    Mf4Blocks& blocks = metadata.blocks;
+    addIdentification(blocks);
+    const Link header = addHeader(blocks, info);
+    blocks.setLink(header, kHistory, addHistory(blocks, nowUtcNs));
+    blocks.setLink(header, kComment, addHeaderComment(blocks, info));
+    const Link source = addSource(blocks, info);
+    Link before = header;
+    for (std::size_t i = 0; i < groups.size(); ++i) {
+        const Link channelGroup = addChannelGroup(blocks, info, groups[i], layouts[i], source);
+        const Link dataGroup = blocks.add("DG", {0, channelGroup, 0, 0}, Mf4Fields().zeros(8));
+        // The next data group is the first link of a data group, and the first one that of the header.
+        blocks.setLink(before, kFirstDataGroup, dataGroup);
+        before = dataGroup;
+        metadata.channelGroups.push_back(channelGroup);
+        metadata.dataGroups.push_back(dataGroup);
+    }
+    return metadata;
+}
+
+Mf4Events makeEvents(const storage::RecordingInfo& info, const std::vector<ExportGroup>& groups,
+                     const std::vector<Gaps>& gaps, const Mf4Metadata& metadata, std::uint64_t place) {
+    constexpr std::size_t kNext = 0;
+    constexpr std::uint8_t kAcquisitionInterrupt = 2;
+    constexpr std::uint8_t kTime = 1;
+    constexpr std::uint8_t kBegin = 1;
+    constexpr std::uint8_t kEnd = 2;
+    Mf4Events events{Mf4Blocks(place), 0};
+    Mf4Blocks& blocks = events.blocks;
+    Link before = 0;
+    for (std::size_t i = 0; i < groups.size(); ++i) {
+        const Link scope = metadata.channelGroups[i];
+        const auto add = [&](std::uint8_t range, Link begin, std::int64_t timeNs) {
+            const Link name = blocks.text("gap in " + groups[i].reader.info().name);
+            Mf4Fields data;
+            data.put(kAcquisitionInterrupt).put(kTime).put(range).zeros(5).put(std::uint32_t{1}).zeros(4);
+            data.put(static_cast<std::uint64_t>(timeNs) - static_cast<std::uint64_t>(info.startHostNs));
+            const Link event = blocks.add("EV", {0, 0, begin, name, 0, scope}, data.put(kSecondsPerNs));
+            if (before == 0) events.first = event;
+            if (before != 0) blocks.setLink(before, kNext, event);
+            before = event;
+            return event;
+        };
+        for (const Gap& gap : gaps[i].gaps) {
+            const Link begin = add(kBegin, 0, gap.beginNs);
+            add(kEnd, begin, gap.endNs);
+        }
+    }
+    return events;
+}
+
+}  // namespace lm::exporter

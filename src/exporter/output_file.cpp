@@ -1,0 +1,164 @@
+#include "exporter/output_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace lm::exporter {
+namespace {
+
+constexpr std::size_t kCopyBlock = std::size_t{1} << 20U;
+
+Error alreadyExists(const std::filesystem::path& target) {
+    return {ErrorCode::alreadyOpen, target.string() + " already exists (--force overwrites it)"};
+}
+
+/// The file that a symbolic link stands for, so that replacing keeps the link.
+std::filesystem::path resolved(const std::filesystem::path& target) {
+    std::error_code failure;
+    auto real = std::filesystem::canonical(target, failure);
+    return failure ? target : real;
+}
+
+}  // namespace
+
+Result<void> checkTarget(const std::filesystem::path& target, bool replace) {
+    struct stat status {};
+    if (::stat(target.c_str(), &status) != 0) return {};
+    if (!S_ISREG(status.st_mode)) {
+        return Error{ErrorCode::invalidArgument, target.string() + " is not a regular file"};
+    }
+    if (!replace) return alreadyExists(target);
+    return {};
+}
+
+Result<OutputFile> OutputFile::create(const std::filesystem::path& target, bool replace) {
+    if (auto fits = checkTarget(target, replace); !fits) return fits.error();
+    const std::filesystem::path real = resolved(target);
+    const std::string stem = real.string() + "." + std::to_string(::getpid()) + ".tmp";
+    std::string temporary = stem;
+    for (int number = 1;; ++number) {
+        const int descriptor = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (descriptor >= 0) return OutputFile(real, temporary, descriptor, replace);
+        if (errno == EEXIST) {
+            temporary = stem + std::to_string(number);
+        } else if (errno != EINTR) {
+            return Error::fromErrno(errno, "cannot create " + target.string());
+        }
+    }
+}
+
+OutputFile::OutputFile(std::filesystem::path target, std::filesystem::path temporary, int descriptor,
+                       bool replace)
+    : target_(std::move(target)),
+      temporary_(std::move(temporary)),
+      descriptor_(descriptor),
+      replace_(replace) {}
+
+OutputFile::OutputFile(OutputFile&& other) noexcept
+    : target_(std::move(other.target_)),
+      temporary_(std::exchange(other.temporary_, {})),
+      descriptor_(std::exchange(other.descriptor_, -1)),
+      replace_(other.replace_),
+      size_(other.size_) {}
+
+OutputFile& OutputFile::operator=(OutputFile&& other) noexcept {
+    std::swap(target_, other.target_);
+    std::swap(temporary_, other.temporary_);
+    std::swap(descriptor_, other.descriptor_);
+    std::swap(replace_, other.replace_);
+    std::swap(size_, other.size_);
+    return *this;
+}
+
+OutputFile::~OutputFile() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+    if (!temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+Error OutputFile::writeError(int systemError) const {
+    return Error::fromErrno(systemError, "cannot write " + target_.string());
+}
+
+Result<void> OutputFile::append(std::span<const std::uint8_t> bytes) {
+    auto written = writeAt(size_, bytes);
+    if (written) size_ += bytes.size();
+    return written;
+}
+
+Result<void> OutputFile::append(std::string_view text) {
+    return append(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+}
+
+Result<void> OutputFile::writeAt(std::uint64_t offset, std::span<const std::uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::pwrite(descriptor_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return writeError(count < 0 ? errno : EIO);
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+        offset += static_cast<std::uint64_t>(count);
+    }
+    return {};
+}
+
+Result<void> OutputFile::appendFrom(const storage::InputFile& from, std::uint64_t offset,
+                                    std::uint64_t length) {
+    while (length > 0) {
+        auto source = static_cast<off_t>(offset);
+        auto target = static_cast<off_t>(size_);
+        const ssize_t count = ::copy_file_range(from.descriptor(), &source, descriptor_, &target,
+                                                static_cast<std::size_t>(length), 0);
+        // Where the kernel cannot copy (two kinds of file systems), reading and writing tells what is wrong
+        // when that does not work either; likewise at an end that should not be there.
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return appendByReading(from, offset, length);
+        offset += static_cast<std::uint64_t>(count);
+        size_ += static_cast<std::uint64_t>(count);
+        length -= static_cast<std::uint64_t>(count);
+    }
+    return {};
+}
+
+Result<void> OutputFile::appendByReading(const storage::InputFile& from, std::uint64_t offset,
+                                         std::uint64_t length) {
+    std::vector<std::uint8_t> block(std::min<std::uint64_t>(length, kCopyBlock));
+    while (length > 0) {
+        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(length, block.size()));
+        if (auto read = from.readAt(offset, block.data(), size); !read) return read;
+        if (auto written = append(std::span(block.data(), size)); !written) return written;
+        offset += size;
+        length -= size;
+    }
+    return {};
+}
+
+Result<void> OutputFile::commit() {
+    if (::close(std::exchange(descriptor_, -1)) != 0) return writeError(errno);
+    const int failure = rename();
+    if (failure == EEXIST && !replace_) return alreadyExists(target_);
+    if (failure != 0) return Error::fromErrno(failure, "cannot create " + target_.string());
+    temporary_.clear();
+    return {};
+}
+
+// Somebody may have made the file meanwhile, so the system itself has to refuse an existing one; only a file
+// system that knows no such renaming leaves a moment open.
+int OutputFile::rename() const {
+    if (!replace_) {
+        if (::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE) == 0) {
+            return 0;
+        }
+        if (errno != EINVAL && errno != ENOSYS) return errno;
+        if (!checkTarget(target_, false)) return EEXIST;
+    }
+    return std::rename(temporary_.c_str(), target_.c_str()) == 0 ? 0 : errno;
+}
+
+}  // namespace lm::exporter

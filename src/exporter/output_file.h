@@ -1,0 +1,66 @@
+// A file that appears under its name only when it is whole: written beside it under a temporary name, renamed
+// at the end, removed when anything goes wrong before.
+//
+// Threads: one at a time. Lifetime: owns the file; the destructor removes what was not committed. Like a
+// copy made by `cp`, a committed file reaches the disk when the system sees fit.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <string_view>
+
+#include "core/result.h"
+#include "storage/input_file.h"
+
+namespace lm::exporter {
+
+/// Errors: alreadyOpen "PATH already exists (--force overwrites it)" unless `replace`; invalidArgument "PATH
+/// is not a regular file" for a device, a pipe or a directory, which is never replaced.
+Result<void> checkTarget(const std::filesystem::path& target, bool replace);
+
+class OutputFile {
+  public:
+    /// Errors: those of checkTarget(); "cannot create PATH: REASON".
+    static Result<OutputFile> create(const std::filesystem::path& target, bool replace);
+
+    OutputFile(OutputFile&& other) noexcept;
+    OutputFile& operator=(OutputFile&& other) noexcept;
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    ~OutputFile();
+
+    /// Bytes so far: where the next append() goes.
+    std::uint64_t size() const { return size_; }
+    /// The next append() goes to `offset`, which is not below size(); zeros lie between.
+    void skipTo(std::uint64_t offset) { size_ = offset; }
+
+    /// Errors of all writes: "cannot write PATH: REASON".
+    Result<void> append(std::span<const std::uint8_t> bytes);
+    Result<void> append(std::string_view text);
+    Result<void> writeAt(std::uint64_t offset, std::span<const std::uint8_t> bytes);
+
+    /// Appends `length` bytes of another file, inside the kernel where the file systems can. Errors: as of a
+    /// write; those of InputFile::readAt().
+    Result<void> appendFrom(const storage::InputFile& from, std::uint64_t offset, std::uint64_t length);
+
+    /// Closes the file and gives it its name. Errors: as of a write and of create().
+    Result<void> commit();
+
+    const std::filesystem::path& path() const { return target_; }
+
+  private:
+    OutputFile(std::filesystem::path target, std::filesystem::path temporary, int descriptor, bool replace);
+
+    Error writeError(int systemError) const;
+    int rename() const;
+    Result<void> appendByReading(const storage::InputFile& from, std::uint64_t offset, std::uint64_t length);
+
+    std::filesystem::path target_;
+    std::filesystem::path temporary_;  ///< empty once committed
+    int descriptor_ = -1;
+    bool replace_ = false;
+    std::uint64_t size_ = 0;
+};
+
+}  // namespace lm::exporter

@@ -1,0 +1,240 @@
+// Every damage that a crash, a full disk or a bad sector can do to a recording: found, and mended without a
+// touch to whole records.
+#include "storage/recording_check.h"
+
+#include <algorithm>
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "storage/recording_fixture.h"
+#include "storage/recording_repair.h"
+#include "support/temp_dir.h"
+
+namespace lm::storage {
+namespace {
+
+using test::Bytes;
+namespace fs = std::filesystem;
+using Files = std::map<std::string, Bytes>;
+
+const auto kGoOn = [] { return false; };
+
+class RecordingCheckTest : public ::testing::Test {
+  protected:
+    fs::path path() const { return dir_.path() / "rec"; }
+    fs::path file(const std::string& name) const { return path() / name; }
+
+    void record(std::size_t count) {
+        fs::remove_all(path());
+        test::writeSmallRecording(path(), count);
+        sound_ = files();
+    }
+    Files files() const {
+        Files all;
+        for (const auto& entry : fs::directory_iterator(path()))
+            all[entry.path().filename()] = test::readFile(entry.path());
+        return all;
+    }
+    /// The sound recording with one file in other bytes.
+    void damage(const std::string& name, const Bytes& bytes) {
+        for (const auto& entry : fs::directory_iterator(path())) {
+            if (!sound_.contains(entry.path().filename())) fs::remove_all(entry.path());
+        }
+        for (const auto& [other, content] : sound_) {
+            const Bytes& wanted = other == name ? bytes : content;
+            if (test::readFile(file(other)) != wanted || !fs::exists(file(other))) {
+                test::writeFile(file(other), std::string(wanted.begin(), wanted.end()));
+            }
+        }
+    }
+
+    /// The findings, a line each, without the directory.
+    std::string check() {
+        auto checked = checkRecording(path(), kGoOn);
+        if (!checked) return withoutPath(checked.error().text());
+        std::string text;
+        for (const Finding& finding : checked.value().findings)
+            text += withoutPath(finding.text) + (finding.mendable ? "\n" : " !\n");
+        return text;
+    }
+    /// The deeds, then what is left or the error.
+    std::string repair() {
+        std::string text;
+        auto left = repairRecording(path(), kGoOn,
+                                    [&](const std::string& deed) { text += withoutPath(deed) + "\n"; });
+        if (!left) return text + withoutPath(left.error().text());
+        for (const Finding& finding : left.value())
+            text += "left: " + withoutPath(finding.text) + "\n";
+        return text;
+    }
+    std::string withoutPath(std::string text) const {
+        const std::string prefix = path().string() + "/";
+        for (auto at = text.find(prefix); at != std::string::npos; at = text.find(prefix))
+            text.erase(at, prefix.size());
+        return text;
+    }
+
+    lm::test::TempDir dir_;
+    Files sound_;
+};
+
+TEST_F(RecordingCheckTest, FindsRecordingsOfAnyLengthSound) {
+    for (const std::size_t count : {0U, 1U, 15U, 16U, 17U, 255U, 256U, 4096U, 4111U}) {
+        record(count);
+        EXPECT_EQ(check(), "") << count;
+        EXPECT_EQ(repair(), "") << count;
+        EXPECT_EQ(files(), sound_) << count;
+    }
+}
+
+TEST_F(RecordingCheckTest, MendsARecordFileCutAtAnyByte) {
+    record(34);
+    const Bytes whole = sound_["g0000.rec"];
+    for (std::size_t size = 0; size < whole.size(); size += size == 60 ? 300 : 1) {
+        damage("g0000.rec", Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)));
+        const std::size_t records = size < 32 ? 0 : (size - 32) / 11;
+        const bool torn = size < 32 || (size - 32) % 11 != 0;
+        const bool fewerBlocks = records < 32;
+        ASSERT_EQ(check().empty(), !torn && !fewerBlocks) << size << check();
+        const std::string told = repair();
+        ASSERT_EQ(told.empty(), !torn && !fewerBlocks) << size << told;
+        ASSERT_EQ(check(), "") << size;
+        const Bytes now = test::readFile(file("g0000.rec"));
+        ASSERT_EQ(now, Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(32 + records * 11)));
+        ASSERT_EQ(repair(), "") << size;
+    }
+}
+
+TEST_F(RecordingCheckTest, MakesIndexAndLevelsAnewCutAtAnyByteOrMissing) {
+    record(272);
+    for (const char* name : {"g0000.tix", "g0000_L1.pyr", "g0000_L2.pyr"}) {
+        const Bytes whole = sound_[name];
+        for (std::size_t size = 0; size < whole.size(); size += size < 40 ? 3 : 37) {
+            damage(name, Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)));
+            ASSERT_EQ(check().substr(0, std::string(name).size()), name) << size;
+            ASSERT_NE(repair().find("made anew"), std::string::npos) << name << size;
+            ASSERT_EQ(files(), sound_) << name << size;
+        }
+        damage(name, whole);
+        fs::remove(file(name));
+        EXPECT_EQ(check(), "cannot open " + std::string(name) + ": No such file or directory\n");
+        repair();
+        EXPECT_EQ(files(), sound_) << name;
+    }
+}
+
+// What may stay unseen: reserved bytes, and data and times that are still possible.
+TEST_F(RecordingCheckTest, FindsAFlippedByteWhereverItCountsAndLeavesRecordsAlone) {
+    record(33);
+    for (const auto& [name, whole] : Files(sound_)) {
+        if (name == "meta.json") continue;
+        const bool isRecords = name == "g0000.rec";
+        const std::size_t used = name == "g0000_L1.pyr" ? 24 : 20;
+        for (std::size_t at = 0; at < whole.size(); at += at < 60 ? 1 : 5) {
+            Bytes bytes = whole;
+            bytes[at] ^= 0x55;
+            damage(name, bytes);
+            const bool reserved = at >= used && at < 32;
+            const bool mayPass = isRecords && at >= 32;
+            const std::string found = check();
+            ASSERT_TRUE(mayPass || found.empty() == reserved) << name << at << found;
+            const std::string told = repair();
+            if (isRecords) {
+                const Bytes now = test::readFile(file(name));
+                ASSERT_TRUE(std::equal(now.begin() + 32, now.end(), bytes.begin() + 32, bytes.end())) << at;
+            } else if (!reserved) {
+                ASSERT_EQ(files(), sound_) << name << at;
+            }
+            const bool left = told.find("left: ") != std::string::npos;
+            ASSERT_EQ(check().empty(), !left) << name << at << told;
+        }
+    }
+}
+
+TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
+    record(40);
+    const Bytes records = sound_["g0000.rec"];
+    const auto with = [](Bytes bytes, std::size_t at, std::uint8_t value) {
+        bytes[at] = value;
+        return bytes;
+    };
+    Bytes cut = records;
+    cut.resize(cut.size() - 13);
+    Bytes longer = sound_["g0000_L1.pyr"];
+    longer.resize(longer.size() + 19);
+    const struct {
+        const char* file;
+        Bytes bytes;
+        const char* found;
+        const char* told;
+    } rows[] = {
+        {"g0000.rec", cut, "g0000.rec: 9 bytes of a torn record at byte 450, behind 38 whole records\n",
+         "g0000.rec: cut 9 bytes of a torn record behind 38 whole records\n"},
+        {"g0000.rec", with(records, 12, 7),
+         "g0000.rec: records of 7 bytes every 11, meta.json says 3 every 11; the records behind the header "
+         "are "
+         "in order\n",
+         "g0000.rec: header written anew\n"},
+        {"g0000.rec", with(records, 8, 3), "g0000.rec: format version 3 instead of 2 !\n",
+         "left: g0000.rec: format version 3 instead of 2\n"},
+        {"g0000.rec", with(records, 32 + 11 * 35 + 3, 0),
+         "g0000.rec: 1 record is older than the record before, the first is record 35 (byte 417); its place "
+         "in "
+         "time is lost !\n",
+         "left: g0000.rec: 1 record is older than the record before, the first is record 35 (byte 417); its "
+         "place in time is lost\n"},
+        {"g0000.rec", with(records, 32 + 11 * 3 + 9, 255),
+         "g0000_L1.pyr: 1 entry does not fit the records, the first is entry 0 (byte 32)\n",
+         "g0000_L1.pyr: made anew with 2 entries\n"},
+        {"g0000_L1.pyr", longer, "g0000_L1.pyr: 3 entries instead of 2\n",
+         "g0000_L1.pyr: made anew with 2 entries\n"},
+        {"g0000.tix", with(sound_["g0000.tix"], 16, 9), "g0000.tix: header does not fit (byte 16)\n",
+         "g0000.tix: made anew with 2 entries\n"},
+    };
+    for (const auto& row : rows) {
+        damage(row.file, row.bytes);
+        EXPECT_EQ(check(), row.found);
+        EXPECT_EQ(repair(), row.told);
+    }
+    damage("", {});
+    test::writeFile(file("g0000_L2.pyr"), "of an older recording");
+    EXPECT_EQ(check(), "g0000_L2.pyr: belongs to no record of this recording\n");
+    EXPECT_EQ(repair(), "g0000_L2.pyr: removed\n");
+    fs::remove(file("g0000.rec"));
+    EXPECT_EQ(repair(),
+              "left: cannot open g0000.rec: No such file or directory; the records of group 10ms are "
+              "lost\n");
+    test::writeFile(file("meta.json"), R"({"formatVersion": 3})");
+    EXPECT_EQ(check(), "unsupported recording format version 3");
+    EXPECT_EQ(repair(), "unsupported recording format version 3");
+}
+
+TEST_F(RecordingCheckTest, AFullDiskOrAStopLeavesTheFilesAsTheyWere) {
+    record(272);
+    damage("g0000_L1.pyr", Bytes(40));
+    const Files before = files();
+    for (std::uint64_t limit = 0; limit < sound_["g0000_L1.pyr"].size(); limit += 7) {
+        const test::FileSizeLimit full(limit);
+        ASSERT_EQ(repair(), "cannot write g0000_L1.pyr.tmp: File too large") << limit;
+        ASSERT_EQ(files(), before) << limit;
+    }
+    const auto stopped = repairRecording(
+        path(), [] { return true; }, [](const std::string&) { FAIL(); });
+    EXPECT_EQ(stopped.error().code, ErrorCode::closed);
+    EXPECT_EQ(files(), before);
+    repair();
+    EXPECT_EQ(files(), sound_);
+}
+
+TEST_F(RecordingCheckTest, LeavesARecordingAloneThatIsStillBeingWritten) {
+    auto writer = RecordingWriter::create(path(), test::smallRecording(), {}).value();
+    fs::resize_file(file("g0000.rec"), 32 + 16 * 11 + 5);
+    EXPECT_EQ(check(), "");
+    EXPECT_EQ(repair(), path().string() + " is still being recorded: stop the measurement first");
+    ASSERT_TRUE(writer->close().ok());
+    EXPECT_NE(check(), "");
+}
+
+}  // namespace
+}  // namespace lm::storage
