@@ -15,8 +15,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -227,9 +227,11 @@ std::uint64_t receiveBare(Sender& sender, Progress& progress, std::uint64_t want
             messages[i].msg_hdr.msg_iov = &parts[i];
             messages[i].msg_hdr.msg_iovlen = 1;
         }
-        pollfd wait = {.fd = socket, .events = POLLIN, .revents = 0};
-        while (progress.datagrams.load(std::memory_order_relaxed) < wanted && ::poll(&wait, 1, 2000) > 0) {
-            const int count = ::recvmmsg(socket, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
+        const timeval patience = {.tv_sec = 2, .tv_usec = 0};
+        ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        int count = 1;
+        while (progress.datagrams.load(std::memory_order_relaxed) < wanted && count > 0) {
+            count = ::recvmmsg(socket, messages.data(), kBatch, MSG_WAITFORONE, nullptr);
             if (count > 0) progress.add(static_cast<std::uint64_t>(count), wanted);
         }
     });

@@ -158,7 +158,7 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
     }
     for (const std::size_t lists : {1, 5, 10, 25, 50, 100, 150, 200}) {
-        const std::uint64_t records = 100'000 / lists * lists;
+        const std::uint64_t records = 400'000 / lists * lists;
         std::printf("lists,%zu,%.1f\n", lists,
                     least(directory, lists, 10, records) * 1e9 / static_cast<double>(records));
         std::fflush(stdout);

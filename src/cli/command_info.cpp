@@ -6,6 +6,7 @@
 #include <spdlog/spdlog.h>
 
 #include "core/text.h"
+#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -51,7 +52,8 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
     for (const xcp::EventChannel& event : daq.events) {
         const std::string cycle =
             event.cycleNs == 0 ? "not cyclic" : std::to_string(event.cycleNs / kNsPerMs) + " ms";
-        std::string name = event.name;
+        // It comes from the ECU, perhaps with NUL bytes behind it; it must not steer the terminal.
+        std::string name = xcp::printableText(event.name.c_str());
         // By bytes, as everywhere in this output.
         if (name.size() < 20) name.resize(20, ' ');
         lines += fmt::format("  event {:<3} {} {}\n", event.number, name, cycle);

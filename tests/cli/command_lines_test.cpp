@@ -35,12 +35,12 @@ TEST(CommandLines, InfoShowsConnectionAndDaq) {
     daq.tickNs = 1000;
     daq.maxEntrySize = 7;
     daq.events = {{0, 0, 0, "10ms", 10'000'000, 0},
-                  {1, 0, 0, "sync", 0, 0},
+                  {1, 0, 0, std::string("s\x1B[2J\0\0", 7), 0, 0},
                   {1234, 0, 0, "a name of more than twenty bytes", 1'999'999, 0}};
     EXPECT_EQ(daqLines(daq),
               "DAQ            dynamic, timestamp 4 byte x 0.001 ms, max ODT entry 7\n"
               "  event 0   10ms                 10 ms\n"
-              "  event 1   sync                 not cyclic\n"
+              "  event 1   s\\x1B[2J             not cyclic\n"
               "  event 1234 a name of more than twenty bytes 1 ms\n");
 }
 
