@@ -73,5 +73,7 @@ if __name__ == "__main__":
         sys.exit(main())
     except BenchError as told:
         sys.exit(f"CAN bench: {told}")
+    except KeyboardInterrupt:
+        sys.exit(130)
     except OSError as told:
         sys.exit(f"CAN bench: {told.filename or 'system'}: {told.strerror}")

@@ -38,7 +38,7 @@ class ClassicTest(ControllerCase):
     interfaces = ("can0", "can1")
 
     def test_bit_rate_set_by_the_tool(self):
-        sim = self.start_pair(*SPARSE)
+        sim = self.start_pair(*SPARSE, reach=["-c", self.json_config()])
         down = self.run_cli(sim, "info")
         self.expect(down, err="session: can0 is down and no bitrate is configured: set the bitrate in the settings, or switch "
                     "it on in a terminal: `sudo ip link set can0 up type can bitrate 500000`\n", code=1)
@@ -88,8 +88,7 @@ class FaultTest(ControllerCase):
         Path("/sys/class/net/fcan0/fault").write_text(text)
 
     def test_bus_states_are_told_and_counted(self):
-        patient = self.json_config(reconnect={"heartbeatMs": 100000})
-        sim = self.start_pair(reach=["-b", "500000", "-c", patient])
+        sim = self.start_pair(reach=["-b", "500000", "-c", self.json_config()])
         program = self.start_cli(sim, "measure", "-p", "20", *harness.signals(NAMES))
         program.wait_for_out("counter_10ms", 2)
         rows = [("bec 100 0", ""), ("bec 130 20", "error passive: check bit rate, wiring and termination"),
