@@ -73,7 +73,7 @@ class Listener(Background):
 
     def __init__(self, test, interface, *identifiers):
         self.frames = []
-        super().__init__(test, raw_socket(interface, *((identifier, ~ERROR & 0xFFFFFFFF) for identifier in identifiers)))
+        super().__init__(test, raw_socket(interface, *((i, ~ERROR & 0xFFFFFFFF) for i in identifiers)))
 
     def act(self):
         data = self.socket.recv(FD_SIZE)

@@ -36,8 +36,10 @@ class VcanCommandsTest(VcanCase):
 
     def test_frames_on_the_bus(self):
         """The same assignment in the three shapes of a frame, byte by byte."""
-        rows = [([], False, False, "F0 04 00 00 20 40"), (["--max-dlc-required"], False, False, "F0 04 00 00 20 40 00 00"),
-                (["--can-fd"], True, False, "F0 04 00 00 20 40"), (["--can-fd"], True, True, "F0 08 " + "00 " * 6 + "1F C0 00 00")]
+        rows = [([], False, False, "F0 04 00 00 20 40"),
+                (["--max-dlc-required"], False, False, "F0 04 00 00 20 40 00 00"),
+                (["--can-fd"], True, False, "F0 04 00 00 20 40"),
+                (["--can-fd"], True, True, "F0 08 00 00 00 00 00 00 1F C0 00 00")]
         for options, fd, wide, frame in rows:
             with self.subTest(frame):
                 sim = self.start_only_ecu(self.vcan, *options, reach=["-c", self.json_config(can={"fd": fd})])
@@ -87,17 +89,19 @@ class VcanTroubleTest(VcanCase):
         self.assertEqual((len(values), values[-1] - values[0] + 1 - records, missed), (records, dropped, dropped))
 
     def test_interface_taken_down_and_up(self):
-        self.check_loss(self.start_ecu(self.vcan), ["counter_10ms@1", "throttle@1"], lambda: ip("link set", self.vcan, "down"),
-                        lambda: ip("link set", self.vcan, "up"), ["Network is down"],
+        self.check_loss(self.start_ecu(self.vcan), ["counter_10ms@1", "throttle@1"],
+                        lambda: ip("link set", self.vcan, "down"), lambda: ip("link set", self.vcan, "up"),
+                        ["Network is down"],
                         f"{self.vcan} is down. Switch it on in a terminal: `sudo ip link set {self.vcan} up`")
 
     def test_hints(self):
         classic, down = self.new_vcan(16, "c"), self.new_vcan(16, "d")
         ip("link set", down, "down")
         fd = self.json_config(can={"fd": True})
-        rows = [([], "vcan_", "virtual CAN interface 'vcan_' does not exist. Create it in a terminal: `sudo modprobe vcan && "
-                 "sudo ip link add dev vcan_ type vcan && sudo ip link set vcan_ mtu 72 up`"),
-                ([], "can_", "CAN interface 'can_' not found: is the adapter connected? `ip -br link` lists the interfaces"),
+        rows = [([], "vcan_", "virtual CAN interface 'vcan_' does not exist. Create it in a terminal: `sudo modprobe "
+                 "vcan && sudo ip link add dev vcan_ type vcan && sudo ip link set vcan_ mtu 72 up`"),
+                ([], "can_", "CAN interface 'can_' not found: is the adapter connected? "
+                 "`ip -br link` lists the interfaces"),
                 ([], "lo", None),
                 ([], down, f"{down} is down. Switch it on in a terminal: `sudo ip link set {down} up`"),
                 (["-c", fd], classic, f"{classic} is not CAN FD capable. Change it in a terminal: "
