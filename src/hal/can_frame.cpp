@@ -1,6 +1,7 @@
 #include "hal/can_frame.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <iterator>
 #include <optional>
 
@@ -133,10 +134,10 @@ std::string formatCanFrame(const CanFrame& frame) {
     const std::size_t length = std::min<std::size_t>(frame.length, CanFrame::kMaxData);
     std::string text;
     text.reserve(2 * length + 16);
-    for (int shift = frame.has(CanFrame::extended) ? 28 : 8; shift >= 0; shift -= 4) {
-        text += kHexDigits[(frame.id >> static_cast<unsigned>(shift)) & 0xFU];
-    }
-    text += '#';
+    std::array<char, 10> identifier{};
+    const int digits = frame.has(CanFrame::extended) ? 8 : 3;
+    std::snprintf(identifier.data(), identifier.size(), "%0*X#", digits, static_cast<unsigned>(frame.id));
+    text += identifier.data();
     if (frame.has(CanFrame::fd)) {
         text += '#';
         text += kHexDigits[(frame.has(CanFrame::brs) ? 1U : 0U) + (frame.has(CanFrame::esi) ? 2U : 0U)];

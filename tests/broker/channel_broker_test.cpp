@@ -6,12 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "broker/fake_channel.h"
+#include "broker/fake_can.h"
 
 namespace lm::broker {
 namespace {
 
-using test::FakeChannel;
+using test::FakeCan;
 
 class Handler final : public IFrameHandler {
   public:
@@ -44,22 +44,24 @@ TEST(ChannelBroker, HandsFramesToThoseWhoAskedForThem) {
         {{}, ""},
     };
     for (const auto& row : rows) {
-        FakeChannel channel;
-        ChannelBroker broker(channel);
+        FakeCan bus;
+        const auto channel = bus.openChannel({}).value();
+        ChannelBroker broker(*channel);
         Handler all;
         Handler handler;
         EXPECT_EQ(broker.registerHandler({{0, 0, FrameFormat::any}}, all), 1U);
         EXPECT_EQ(broker.registerHandler(row.filters, handler), 2U);
-        channel.receive({"7E1#01", "000007E1#02", "7E2##003", "000807E1#04", "7E1#R"});
+        bus.receive({"7E1#01", "000007E1#02", "7E2##003", "000807E1#04", "7E1#R"});
         EXPECT_EQ(handler.log, row.log);
         EXPECT_EQ(all.log, "7E1#01 000007E1#02 7E2##003 000807E1#04 7E1#R ");
     }
 }
 
 TEST(ChannelBroker, RegistersAnyTimeButInsideACallback) {
-    FakeChannel channel;
+    FakeCan bus;
+    const auto channel = bus.openChannel({}).value();
     {
-        ChannelBroker broker(channel);
+        ChannelBroker broker(*channel);
         Handler first;
         Handler second;
         const Filter any{0, 0, FrameFormat::any};
@@ -68,7 +70,7 @@ TEST(ChannelBroker, RegistersAnyTimeButInsideACallback) {
         broker.unregisterHandler(1);
         broker.unregisterHandler(77);
         EXPECT_EQ(broker.registerHandler({any}, first), 3U);
-        channel.sink->onChannelEvent({.value = 5});
+        bus.sink->onChannelEvent({.value = 5});
         EXPECT_EQ(first.log + second.log, "event 5 event 5 ");
 
         // Sending goes through while a callback runs; registering from another thread waits for its end.
@@ -78,19 +80,20 @@ TEST(ChannelBroker, RegistersAnyTimeButInsideACallback) {
             EXPECT_TRUE(broker.send(hal::parseCanFrame("7E0#FF").value()));
             if (!other) other.emplace([&] { EXPECT_EQ(broker.registerHandler({any}, third), 4U); });
         };
-        channel.receive({"001#", "002#"});
+        bus.receive({"001#", "002#"});
         other->join();
         EXPECT_EQ(third.log, "");
-        EXPECT_EQ(channel.sent, std::vector<std::string>(2, "7E0#FF"));
-        EXPECT_EQ(broker.send(hal::parseCanFrame("666#").value()).error().message, "send on fake");
+        EXPECT_EQ(bus.sent, std::vector<std::string>(2, "7E0#FF"));
+        bus.gone = true;
+        EXPECT_EQ(broker.send({}).error().message, "gone");
+        bus.gone = false;
 
         third.action = [&] { broker.unregisterHandler(2); };
-        EXPECT_DEATH(channel.receive({"003#"}), "lm: unregisterHandler called from inside a frame handler");
+        EXPECT_DEATH(bus.receive({"003#"}), "lm: unregisterHandler called from inside a frame handler");
         third.action = [&] { broker.registerHandler({}, second); };
-        EXPECT_DEATH(channel.sink->onChannelEvent({}),
-                     "lm: registerHandler called from inside a frame handler");
+        EXPECT_DEATH(bus.sink->onChannelEvent({}), "lm: registerHandler called from inside a frame handler");
     }
-    EXPECT_EQ(channel.sink, nullptr);
+    EXPECT_EQ(bus.sink, nullptr);
 }
 
 }  // namespace

@@ -27,11 +27,12 @@ def cache_folder():
 
 
 def parsed():
-    parser = argparse.ArgumentParser(description="Runs the CAN tests in a guest with real SocketCAN interfaces. Further "
-                                     "arguments go to ctest, for instance -R NAME.", allow_abbrev=False)
+    parser = argparse.ArgumentParser(
+        description="Runs the CAN tests in a guest with real SocketCAN interfaces. Further arguments go to ctest, for "
+        "instance -R NAME.", allow_abbrev=False)
     parser.add_argument("--build", type=Path, default=SOURCE / "build/dev", help="the build to test (build/dev)")
     parser.add_argument("--cache", type=Path, default=cache_folder(), help="kernel and modules (%(default)s)")
-    parser.add_argument("--limit", type=float, default=600, help="seconds after which the guest is killed (%(default)s)")
+    parser.add_argument("--limit", type=float, default=600, help="seconds until the guest is killed (%(default)s)")
     parser.add_argument("--script", type=Path, help="run this shell script in the guest instead of the tests")
     return parser.parse_known_args()
 
@@ -39,7 +40,8 @@ def parsed():
 def script(arguments, ctest):
     """What the guest's shell is to do."""
     lines = ["export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8",
-             f"export XCPLUMO_SLOWNESS={SLOWNESS} XCPLUMO_CAN_GUEST=1 XCPLUMO_BUILD={shlex.quote(str(arguments.build))}"]
+             f"export XCPLUMO_SLOWNESS={SLOWNESS} XCPLUMO_CAN_GUEST=1",
+             f"export XCPLUMO_BUILD={shlex.quote(str(arguments.build))}"]
     if arguments.script:
         return "\n".join([*lines, f"cd {shlex.quote(str(SOURCE))}", arguments.script.read_text(encoding="utf-8")])
     tests = shlex.quote(str(arguments.build / "tests/can_bench"))
@@ -73,5 +75,7 @@ if __name__ == "__main__":
         sys.exit(main())
     except BenchError as told:
         sys.exit(f"CAN bench: {told}")
+    except KeyboardInterrupt:
+        sys.exit(130)
     except OSError as told:
         sys.exit(f"CAN bench: {told.filename or 'system'}: {told.strerror}")

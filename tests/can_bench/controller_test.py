@@ -38,10 +38,10 @@ class ClassicTest(ControllerCase):
     interfaces = ("can0", "can1")
 
     def test_bit_rate_set_by_the_tool(self):
-        sim = self.start_pair(*SPARSE)
+        sim = self.start_pair(*SPARSE, reach=["-c", self.json_config()])
         down = self.run_cli(sim, "info")
-        self.expect(down, err="session: can0 is down and no bitrate is configured: set the bitrate in the settings, or switch "
-                    "it on in a terminal: `sudo ip link set can0 up type can bitrate 500000`\n", code=1)
+        self.expect(down, err="session: can0 is down and no bitrate is configured: set the bitrate in the settings, "
+                    "or switch it on in a terminal: `sudo ip link set can0 up type can bitrate 500000`\n", code=1)
         sim.reach += ["-b", "500000"]
         self.check_info(sim, 0x7E0, 0x7E1, 8)
         self.assertRegex(self.link(), r"bitrate 500000 sample-point 0\.875")
@@ -55,8 +55,9 @@ class ClassicTest(ControllerCase):
         self.expect(allowed, harness.value_line("cal_read_only", "42.000"))
         self.assertEqual(changes.read_text(), before)
         refused = self.run_plain("--a2l", demo, "-i", "can0", "-b", "250000", "info", **plain)
-        self.expect(refused, err="session: can0 down: netlink request: Operation not permitted. Setting the bitrate needs the "
-                    "right CAP_NET_ADMIN; grant it once in a terminal, then start the program again: `sudo setcap "
+        self.expect(refused, err="session: can0 down: netlink request: Operation not permitted. Setting the "
+                    "bitrate needs the right CAP_NET_ADMIN; grant it once in a terminal, then start the program "
+                    "again: `sudo setcap "
                     f"cap_net_admin+ep {os.path.realpath(harness.CLI)}`\n", code=1)
         self.run_plain("--a2l", demo, "-i", "can0", "-b", "250000", "info")
         self.assertIn("bitrate 250000", self.link())
@@ -88,8 +89,7 @@ class FaultTest(ControllerCase):
         Path("/sys/class/net/fcan0/fault").write_text(text)
 
     def test_bus_states_are_told_and_counted(self):
-        patient = self.json_config(reconnect={"heartbeatMs": 100000})
-        sim = self.start_pair(reach=["-b", "500000", "-c", patient])
+        sim = self.start_pair(reach=["-b", "500000", "-c", self.json_config()])
         program = self.start_cli(sim, "measure", "-p", "20", *harness.signals(NAMES))
         program.wait_for_out("counter_10ms", 2)
         rows = [("bec 100 0", ""), ("bec 130 20", "error passive: check bit rate, wiring and termination"),

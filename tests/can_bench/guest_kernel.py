@@ -37,7 +37,7 @@ def output(*command, cwd=None):
     if done.returncode != 0:
         lines = [line for line in (done.stderr + done.stdout).splitlines() if line.strip()]
         told = next((line for line in lines if line.startswith("E: ")), lines[-1] if lines else "no reason given")
-        raise BenchError(f"`{' '.join(command[:4])}` failed: {told}")
+        raise BenchError(f"{command[0]}: {told.removeprefix('E: ')}")
     return done.stdout
 
 
@@ -157,7 +157,11 @@ def guest_kernel(cache):
             if not (folder / "ready").exists():
                 shutil.rmtree(folder, ignore_errors=True)
                 folder.mkdir()
-                prepare(*wanted, folder)
+                try:
+                    prepare(*wanted, folder)
+                except BenchError:
+                    shutil.rmtree(folder)
+                    raise
         except BenchError as error:
             ready = sorted(cache.glob("*/ready"), key=lambda path: path.stat().st_mtime)
             if not ready:

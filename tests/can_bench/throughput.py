@@ -26,8 +26,8 @@ def record(directory):
     config.write_text('{"daq": {"maxBusLoad": 100}, "xcp": {"timeoutsMs": [9000, 9000, 9000, 9000, 9000, 9000, 9000]}}')
     with subprocess.Popen([SIM, *ECU], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as sim:
         sim.stdout.readline()
-        done = subprocess.run([CLI, "-c", config, "--a2l", directory / "ecu.a2l", "-i", "vcan0", "measure", "-p", "0", "-t",
-                               str(SECONDS), "-r", directory / "rec", "-s", "counter_1ms@0"],
+        done = subprocess.run([CLI, "-c", config, "--a2l", directory / "ecu.a2l", "-i", "vcan0", "measure", "-p", "0",
+                               "-t", str(SECONDS), "-r", directory / "rec", "-s", "counter_1ms@0"],
                               capture_output=True, text=True, check=False)
         sim.send_signal(signal.SIGINT)
         told = dict(line.split() for line in sim.communicate()[1].splitlines())
@@ -44,8 +44,8 @@ def main():
         err, sent, values = record(Path(name))
     dropped = int(re.search(r"CAN dropped (\d+)", err).group(1))
     missing = values[-1] - values[0] + 1 - len(values)
-    print(f"{SECONDS} s: {sent} frames sent ({sent / SECONDS:.0f}/s), {len(values)} recorded, {missing} missing between the "
-          f"first and the last, {dropped} told as dropped")
+    print(f"{SECONDS} s: {sent} frames sent ({sent / SECONDS:.0f}/s), {len(values)} recorded, {missing} missing "
+          f"between the first and the last, {dropped} told as dropped")
     # What the ECU sends until it hears of the end is neither recorded nor lost.
     return int(missing != dropped or sent - len(values) - dropped > 10000)
 

@@ -18,10 +18,9 @@ class VcanCommandsTest(VcanCase):
     def all_commands(self, rows, names, size, **config):
         for options, cmd, res in rows:
             with self.subTest(options):
-                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.json_config(**config)])
+                sim = self.start_only_ecu(self.vcan, *options, reach=["-c", self.json_config(**config)])
                 self.check_info(sim, cmd, res, size)
                 self.check_recording(sim, self.start_recording(sim, names, "-t", "1"))
-                sim.kill()
 
     def test_all_commands_on_classic_frames(self):
         """Identifiers of both kinds, full frames, a DAQ identifier of its own."""
@@ -37,11 +36,13 @@ class VcanCommandsTest(VcanCase):
 
     def test_frames_on_the_bus(self):
         """The same assignment in the three shapes of a frame, byte by byte."""
-        rows = [([], False, False, "F0 04 00 00 20 40"), (["--max-dlc-required"], False, False, "F0 04 00 00 20 40 00 00"),
-                (["--can-fd"], True, False, "F0 04 00 00 20 40"), (["--can-fd"], True, True, "F0 08 " + "00 " * 6 + "1F C0 00 00")]
+        rows = [([], False, False, "F0 04 00 00 20 40"),
+                (["--max-dlc-required"], False, False, "F0 04 00 00 20 40 00 00"),
+                (["--can-fd"], True, False, "F0 04 00 00 20 40"),
+                (["--can-fd"], True, True, "F0 08 00 00 00 00 00 00 1F C0 00 00")]
         for options, fd, wide, frame in rows:
             with self.subTest(frame):
-                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.json_config(can={"fd": fd})])
+                sim = self.start_only_ecu(self.vcan, *options, reach=["-c", self.json_config(can={"fd": fd})])
                 listener = Listener(self, self.vcan, 0x7E0)
                 done = self.run_cli(sim, "set", "cal_wave_offset=-7.75" if wide else "cal_gain=2.5")
                 self.assertEqual(done.returncode, 0, done.stdout)
@@ -49,12 +50,12 @@ class VcanCommandsTest(VcanCase):
                 wait_until(lambda: expected in listener.frames, f"{expected}, there are {listener.frames}", 5)
                 self.assertEqual({fast for _, fast, _ in listener.frames}, {fd})
                 listener.end()
-                sim.kill()
 
     def test_two_programs_amid_foreign_frames(self):
         """Identifiers that differ in one bit or in their kind only, and remote frames, are none of their business."""
-        fast = ("--fast-event-us", "1000")
-        ecus = [self.start_ecu(self.vcan, *fast), self.start_ecu(self.vcan, *fast, "--cmd-id", "0x7E2", "--res-id", "0x7E3")]
+        fast, reach = ("--fast-event-us", "1000"), ["-c", self.json_config()]
+        ecus = [self.start_ecu(self.vcan, *fast, *ids, reach=reach)
+                for ids in ((), ("--cmd-id", "0x7E2", "--res-id", "0x7E3"))]
         flood = Flood(self, self.vcan, *(classic_frame(identifier, b"\xff" * 8) for identifier in
                                          (0x7E5, EXTENDED | 0x7E1, EXTENDED | 0x7E3)),
                       classic_frame(REMOTE | 0x7E1, b""), classic_frame(REMOTE | 0x7E3, b""))
@@ -67,10 +68,8 @@ class VcanCommandsTest(VcanCase):
 class VcanTroubleTest(VcanCase):
     def test_drops_of_the_kernel_are_counted(self):
         """A program that sleeps while 50,000 frames pass: what is missing in the recording is told, to the frame."""
-        config = self.json_config(daq={"maxBusLoad": 100}, reconnect={"heartbeatMs": 100000},
-                                  xcp={"timeoutsMs": [30000] * 7})
-        sim = self.start_ecu(self.vcan, "--fast-event-us", "100", "--identification", "0", "--timestamp-size", "2",
-                             reach=["-c", config])
+        config = self.json_config(daq={"maxBusLoad": 100}, can={"fd": True})
+        sim = self.start_ecu(self.vcan, "--fast-event-us", "100", "--can-fd", reach=["-c", config])
         directory = self.dir / "recording"
         program = self.start_cli(sim, "measure", "-p", "1000", "-r", directory, *signals(["counter_1ms@0"]))
         program.wait_for_out("counter_1ms", 3)
@@ -90,17 +89,19 @@ class VcanTroubleTest(VcanCase):
         self.assertEqual((len(values), values[-1] - values[0] + 1 - records, missed), (records, dropped, dropped))
 
     def test_interface_taken_down_and_up(self):
-        self.check_loss(self.start_ecu(self.vcan), ["counter_10ms@1", "throttle@1"], lambda: ip("link set", self.vcan, "down"),
-                        lambda: ip("link set", self.vcan, "up"), ["Network is down"],
+        self.check_loss(self.start_ecu(self.vcan), ["counter_10ms@1", "throttle@1"],
+                        lambda: ip("link set", self.vcan, "down"), lambda: ip("link set", self.vcan, "up"),
+                        ["Network is down"],
                         f"{self.vcan} is down. Switch it on in a terminal: `sudo ip link set {self.vcan} up`")
 
     def test_hints(self):
         classic, down = self.new_vcan(16, "c"), self.new_vcan(16, "d")
         ip("link set", down, "down")
         fd = self.json_config(can={"fd": True})
-        rows = [([], "vcan_", "virtual CAN interface 'vcan_' does not exist. Create it in a terminal: `sudo modprobe vcan && "
-                 "sudo ip link add dev vcan_ type vcan && sudo ip link set vcan_ mtu 72 up`"),
-                ([], "can_", "CAN interface 'can_' not found: is the adapter connected? `ip -br link` lists the interfaces"),
+        rows = [([], "vcan_", "virtual CAN interface 'vcan_' does not exist. Create it in a terminal: `sudo modprobe "
+                 "vcan && sudo ip link add dev vcan_ type vcan && sudo ip link set vcan_ mtu 72 up`"),
+                ([], "can_", "CAN interface 'can_' not found: is the adapter connected? "
+                 "`ip -br link` lists the interfaces"),
                 ([], "lo", None),
                 ([], down, f"{down} is down. Switch it on in a terminal: `sudo ip link set {down} up`"),
                 (["-c", fd], classic, f"{classic} is not CAN FD capable. Change it in a terminal: "

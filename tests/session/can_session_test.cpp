@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "session/fake_can.h"
+#include "broker/fake_can.h"
 #include "session/session.h"
 #include "sim/a2l_writer.h"
 #include "sim/ecu.h"
@@ -23,9 +23,7 @@ class CanSession : public testing::Test, private ISessionListener {
             sim::Outbox out;
             ecus_[frame.id == 0x600 ? 0 : 1].receive({frame.data.data(), frame.length}, nowNs(), out);
             for (const auto& packet : out.packets()) {
-                hal::CanFrame answer = frame;
-                answer.timestampNs = nowNs();
-                ++answer.id;
+                hal::CanFrame answer{.timestampNs = nowNs(), .id = frame.id + 1, .flags = frame.flags};
                 answer.length = static_cast<std::uint8_t>(packet.length);
                 std::copy_n(out.bytes(packet).begin(), packet.length, answer.data.begin());
                 bus_.sink->onFrames(&answer, 1);
@@ -61,7 +59,7 @@ class CanSession : public testing::Test, private ISessionListener {
     lm::test::TempDir directory_;
     sim::Options options_;
     std::array<sim::Ecu, 2> ecus_{sim::Ecu{options_, {}, nowNs()}, sim::Ecu{options_, {}, nowNs()}};
-    test::FakeCan bus_;
+    broker::test::FakeCan bus_;
     ChannelPool pool_{bus_};
     std::mutex mutex_;
     std::condition_variable changed_;

@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "session/fake_can.h"
+#include "broker/fake_can.h"
 
 namespace lm::session {
 namespace {
@@ -65,7 +65,7 @@ std::string told(const TransportSetup& setup) {
 
 void expectCan(const SessionConfig::Can& can, const std::optional<a2l::XcpOnCan>& described,
                std::uint32_t currentBitrate, const char* outcome) {
-    test::FakeCan bus;
+    broker::test::FakeCan bus;
     bus.link.bitTiming.bitrate = currentBitrate;
     ChannelPool pool(bus);
     SessionConfig config;
@@ -99,7 +99,7 @@ TEST(TransportChoice, CanTakesTheConfigurationThenTheInterfaceThenTheA2l) {
 
 void expectSecond(std::optional<std::uint32_t> firstRate, bool secondFd, std::uint32_t secondRate,
                   std::uint32_t secondDataRate, const char* outcome) {
-    test::FakeCan bus;
+    broker::test::FakeCan bus;
     ChannelPool pool(bus);
     SessionConfig config;
     config.can = {"can0", firstRate, 2'000'000, true, 0x600, 0x601, false};
