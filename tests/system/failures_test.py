@@ -101,7 +101,8 @@ class FailureTableTest(harness.SystemTest):
         done = self.run_cli(sim, "set", "cal_gain=1.5", "B", "cal_wave_period=77", "=3", "cal_limited=2")
         self.expect(done, value_line("cal_gain", "1.500") +
                     value_line("cal_wave_period", "ERROR DOWNLOAD: ERR_ACCESS_DENIED (0x24)") +
-                    value_line("cal_limited", "2.000"), "B: expected NAME=VALUE\n=3: expected NAME=VALUE\n", 1)
+                    value_line("cal_limited", "2.000"), "B: expected NAME=VALUE\n"
+                    "cal_wave_period: the ECU now holds 1000\n=3: expected NAME=VALUE\n", 1)
 
     def test_measurement_start_fails(self):
         """No list runs then, and nothing is left of a recording but what was there before."""
