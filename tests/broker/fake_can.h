@@ -56,6 +56,7 @@ class FakeCan : public hal::ICanAdapter {
         bool isOpen() const override { return open_; }
         Result<void> send(const hal::CanFrame& frame) override {
             if (bus_.gone) return Error{ErrorCode::ioError, "gone"};
+            if (auto valid = hal::validate(frame); !valid) return valid;
             bus_.sent.push_back(hal::formatCanFrame(frame));
             bus_.onSend(frame);
             return {};
