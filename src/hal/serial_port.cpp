@@ -24,6 +24,8 @@ Error notOpen() {
     return {.code = ErrorCode::notOpen, .message = "serial port not open"};
 }
 
+constexpr short kGone = POLLERR | POLLHUP | POLLNVAL;
+
 Error portGone(const std::string& path) {
     return {.code = ErrorCode::closed, .message = path + ": port gone"};
 }
@@ -110,7 +112,12 @@ Result<std::size_t> SerialPort::read(std::uint8_t* buffer, std::size_t capacity,
     if (ready <= 0) return std::size_t{0};
     if ((wait.revents & (POLLERR | POLLNVAL)) != 0) return portGone(path_);
     const ssize_t count = ::read(descriptor_, buffer, capacity);
-    if (count < 0 && errno != EINTR && errno != EAGAIN) return Error::fromErrno(errno, path_ + ": read");
+    if (count < 0 && errno != EINTR && errno != EAGAIN) {
+        const int failure = errno;
+        // A port pulled between the two calls fails first and says why afterwards.
+        if (::poll(&wait, 1, 0) > 0 && (wait.revents & kGone) != 0) return portGone(path_);
+        return Error::fromErrno(failure, path_ + ": read");
+    }
     if (count <= 0 && (wait.revents & POLLHUP) != 0) return portGone(path_);
     return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
@@ -143,7 +150,7 @@ Result<void> SerialPort::waitForRoom() {
     constexpr int kRetryMs = 50;
     pollfd wait{.fd = descriptor_, .events = POLLOUT, .revents = 0};
     if (::poll(&wait, 1, kRetryMs) < 0 && errno != EINTR) return Error::fromErrno(errno, path_ + ": poll");
-    if ((wait.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) return portGone(path_);
+    if ((wait.revents & kGone) != 0) return portGone(path_);
     return {};
 }
 
