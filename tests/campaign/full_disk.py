@@ -48,7 +48,7 @@ class FullDisk(harness.SystemTest):
 
 
 def cases():
-    yield from ((size,) for size in [*range(0, 200), *range(200, 6000, 97), *range(6000, 20000, 997)])
+    yield from ((size,) for size in [*range(1, 200), *range(200, 6000, 97), *range(6000, 20000, 997)])
 
 
 if __name__ == "__main__":
