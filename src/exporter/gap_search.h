@@ -1,17 +1,14 @@
 // Gaps in the records of a cyclic group: more than 1.5 cycles from one record to the next.
 //
-// Threads: startGapSearch() runs the search on a thread of its own, beside whoever copies the same records.
-// Lifetime: the group and the stop flag outlive the search; destroying the future waits for its end.
+// Threads: one at a time. Lifetime: owns what it found; batches are borrowed during the call.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <future>
+#include <utility>
 #include <vector>
 
-#include "core/result.h"
-#include "exporter/export_plan.h"
+#include "storage/group_reader.h"
 
 namespace lm::exporter {
 
@@ -27,8 +24,23 @@ struct Gaps {
     std::uint64_t count = 0;  ///< of all
 };
 
-/// Looks at every record of the group's range, whichever of them are exported; a group that is not cyclic has
-/// no gaps. `stop` ends it early. Errors: of RecordStream::next().
-std::future<Result<Gaps>> startGapSearch(const ExportGroup& group, const std::atomic<bool>& stop);
+/// Sees all records of a range in order, whichever of them are exported.
+class GapSearch {
+  public:
+    /// `cycleNs` 0: a group that is not cyclic has no gaps.
+    explicit GapSearch(std::int64_t cycleNs) : cycleNs_(cycleNs) {}
+
+    void look(const storage::RecordBatch& batch);
+    Gaps take() { return std::move(found_); }
+
+  private:
+    std::int64_t longestStep(const storage::RecordBatch& batch, std::size_t begin, std::size_t end) const;
+    void lookClosely(const storage::RecordBatch& batch, std::size_t begin, std::size_t end);
+
+    const std::int64_t cycleNs_;
+    bool begun_ = false;
+    std::int64_t lastNs_ = 0;
+    Gaps found_;
+};
 
 }  // namespace lm::exporter

@@ -1,9 +1,7 @@
 #include "exporter/mf4_export.h"
 
 #include <array>
-#include <atomic>
 #include <chrono>
-#include <future>
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
@@ -23,18 +21,15 @@ Result<void> setLink(OutputFile& file, Mf4Blocks::Link block, std::size_t index,
     return file.writeAt(mf4LinkPlace(block, index), bytes);
 }
 
-/// The samples of a group, and meanwhile its gaps.
+/// The samples of a group, and its gaps.
 Result<Gaps> writeGroup(OutputFile& file, const ExportGroup& group, const Mf4Layout& layout,
                         Mf4Blocks::Link dataGroup, bool compress, Progress& progress) {
-    std::atomic<bool> stop{false};
-    std::future<Result<Gaps>> search = startGapSearch(group, stop);
-    auto samples = compress ? writeDeflatedSamples(file, group, layout, progress)
-                            : writePlainSamples(file, group, layout, progress);
-    if (!samples) stop = true;
-    auto gaps = search.get();
+    GapSearch search(group.reader.info().cycleNs);
+    auto samples = compress ? writeDeflatedSamples(file, group, layout, search, progress)
+                            : writePlainSamples(file, group, layout, search, progress);
     if (!samples) return samples.error();
     if (auto set = setLink(file, dataGroup, kDataGroupDataLink, samples.value()); !set) return set.error();
-    return gaps;
+    return search.take();
 }
 
 Result<void> writeEvents(OutputFile& file, const Mf4Events& events) {

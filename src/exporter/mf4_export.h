@@ -1,6 +1,6 @@
 // Exports to MDF 4.10: sorted, one data group per group of the recording.
 //
-// Threads: one at a time; a thread of its own looks for gaps meanwhile. Lifetime: borrows everything.
+// Threads: one at a time. Lifetime: borrows everything.
 #pragma once
 
 #include <string>

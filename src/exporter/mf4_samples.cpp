@@ -12,9 +12,8 @@ namespace {
 
 /// What a block of deflated samples holds before it is deflated; the format allows 4 MiB.
 constexpr std::size_t kBlockBytes = 4000000;
-/// Between two looks at the progress.
-constexpr std::uint64_t kCopyStep = std::uint64_t{64} << 20U;
-constexpr std::uint64_t kPage = 4096;
+/// Small enough to stay in the processor's cache between reading, looking for gaps and writing.
+constexpr std::size_t kCopyBytes = std::size_t{256} << 10U;
 
 std::size_t recordsPerBlock(const Mf4Layout& layout) {
     return std::max<std::size_t>(kBlockBytes / layout.stride(), 1);
@@ -22,8 +21,8 @@ std::size_t recordsPerBlock(const Mf4Layout& layout) {
 
 /// Packs the records of a group into blocks and hands each to `take`; all are full but the last.
 template <typename Take>
-Result<void> forEachBlock(const ExportGroup& group, const Mf4Layout& layout, Progress& progress,
-                          const Take& take) {
+Result<void> forEachBlock(const ExportGroup& group, const Mf4Layout& layout, GapSearch& gaps,
+                          Progress& progress, const Take& take) {
     const std::uint64_t most = std::min<std::uint64_t>(recordsPerBlock(layout), group.recordCount());
     std::vector<std::uint8_t> block(static_cast<std::size_t>(most) * layout.stride());
     std::size_t filled = 0;
@@ -32,6 +31,7 @@ Result<void> forEachBlock(const ExportGroup& group, const Mf4Layout& layout, Pro
         auto batch = pass.next();
         if (!batch) return batch.error();
         const storage::RecordBatch& records = batch.value().records;
+        gaps.look(records);
         for (std::size_t i = batch.value().first; i < records.count; i += batch.value().step) {
             layout.pack(records.bytes + i * records.stride, &block[filled]);
             filled += layout.stride();
@@ -122,43 +122,34 @@ class BlockWriter {
     std::vector<std::uint64_t> places_;
 };
 
-/// So that both files have their page borders at the same records, which the kernel copies (and where it can,
-/// shares) without moving bytes within pages.
-void alignLike(OutputFile& file, std::uint64_t sourceOffset) {
-    if (sourceOffset % 8 != 0) return;
-    const std::uint64_t behindHead = file.size() + kMf4HeaderSize;
-    file.skipTo(file.size() + (sourceOffset + kPage - behindHead % kPage) % kPage);
-}
-
-Result<void> copyRecords(OutputFile& file, const ExportGroup& group, Progress& progress) {
-    std::uint64_t offset = group.reader.offsetOf(group.range.first);
-    const std::uint64_t end = offset + group.sourceBytes();
-    while (offset < end) {
-        // To a page border first: file systems share whole pages only.
-        const std::uint64_t toBorder = offset % kPage == 0 ? kCopyStep : kPage - offset % kPage;
-        const std::uint64_t size = std::min(end - offset, toBorder);
-        if (auto copied = file.appendFrom(group.reader.file(), offset, size); !copied) return copied;
+Result<void> copyRecords(OutputFile& file, const ExportGroup& group, GapSearch& gaps, Progress& progress) {
+    storage::RecordStream stream = group.reader.read(group.range, kCopyBytes);
+    for (;;) {
+        auto batch = stream.next();
+        if (!batch) return batch.error();
+        const storage::RecordBatch& records = batch.value();
+        if (records.count == 0) return {};
+        gaps.look(records);
+        const std::size_t size = records.count * records.stride;
+        if (auto written = file.append(std::span(records.bytes, size)); !written) return written;
         if (auto goOn = progress.advance(size); !goOn) return goOn;
-        offset += size;
     }
-    return {};
 }
 
 }  // namespace
 
 Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& group, const Mf4Layout& layout,
-                                        Progress& progress) {
+                                        GapSearch& gaps, Progress& progress) {
     if (group.recordCount() == 0) return std::uint64_t{0};
     alignTo8(file);
-    if (layout.isAsStored()) alignLike(file, group.reader.offsetOf(group.range.first));
     const std::uint64_t place = file.size();
     const std::uint64_t bytes = group.recordCount() * layout.stride();
     if (auto written = file.append(mf4Head("DT", {}, bytes)); !written) return written.error();
     Result<void> done;
     if (layout.isAsStored()) {
-        done = copyRecords(file, group, progress);
+        done = copyRecords(file, group, gaps, progress);
     } else {
-        done = forEachBlock(group, layout, progress,
+        done = forEachBlock(group, layout, gaps, progress,
                             [&file](std::span<const std::uint8_t> records) { return file.append(records); });
     }
     if (!done) return done.error();
@@ -166,12 +157,12 @@ Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& gro
 }
 
 Result<std::uint64_t> writeDeflatedSamples(OutputFile& file, const ExportGroup& group,
-                                           const Mf4Layout& layout, Progress& progress) {
+                                           const Mf4Layout& layout, GapSearch& gaps, Progress& progress) {
     // A record that no deflated block can hold.
-    if (layout.stride() > kBlockBytes) return writePlainSamples(file, group, layout, progress);
+    if (layout.stride() > kBlockBytes) return writePlainSamples(file, group, layout, gaps, progress);
     if (group.recordCount() == 0) return std::uint64_t{0};
     BlockWriter writer(file, layout.stride());
-    auto done = forEachBlock(group, layout, progress, [&writer](std::span<const std::uint8_t> records) {
+    auto done = forEachBlock(group, layout, gaps, progress, [&writer](std::span<const std::uint8_t> records) {
         return writer.write(records);
     });
     if (!done) return done.error();

@@ -8,16 +8,18 @@
 
 #include "core/result.h"
 #include "exporter/export_plan.h"
+#include "exporter/gap_search.h"
 #include "exporter/mf4_layout.h"
 #include "exporter/output_file.h"
 
 namespace lm::exporter {
 
-/// Both append to `file` and return the place of the block that the data group links to, 0 when there are no
-/// records. Errors: of reading the records, of writing the file, of `progress`.
+/// Both show `gaps` every record of the group's range. Both append to `file` and return the place of the
+/// block that the data group links to, 0 when there are no records. Errors: of reading the records, of
+/// writing the file, of `progress`.
 Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& group, const Mf4Layout& layout,
-                                        Progress& progress);
+                                        GapSearch& gaps, Progress& progress);
 Result<std::uint64_t> writeDeflatedSamples(OutputFile& file, const ExportGroup& group,
-                                           const Mf4Layout& layout, Progress& progress);
+                                           const Mf4Layout& layout, GapSearch& gaps, Progress& progress);
 
 }  // namespace lm::exporter

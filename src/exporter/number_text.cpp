@@ -1,8 +1,8 @@
 #include "exporter/number_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 
 namespace lm::exporter {
 namespace {
@@ -31,15 +31,14 @@ bool isShortestFixed(std::uint64_t millionths) {
 
 char* writeShortest(char* to, double value) {
     if (std::isnan(value)) {
-        std::memcpy(to, "nan", 3);
-        return to + 3;
+        return std::copy_n("nan", 3, to);
     }
     const double magnitude = std::fabs(value);
     if (magnitude < 1e9) {
         // Most measured values have few decimals. Two whole numbers that a double holds exactly have a
         // correctly rounded quotient, so when it equals the value, these decimals read back as the value;
         // with 15 digits at most, no other text so short does.
-        const auto millionths = static_cast<std::uint64_t>(magnitude * 1e6 + 0.5);
+        const auto millionths = static_cast<std::uint64_t>(std::llround(magnitude * 1e6));
         if (static_cast<double>(millionths) / 1e6 == magnitude && isShortestFixed(millionths)) {
             if (value < 0) *to++ = '-';
             return writeFraction(writeUnsigned(to, millionths / 1000000), millionths % 1000000, 6);

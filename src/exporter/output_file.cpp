@@ -9,12 +9,9 @@
 #include <system_error>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace lm::exporter {
 namespace {
-
-constexpr std::size_t kCopyBlock = std::size_t{1} << 20U;
 
 Error alreadyExists(const std::filesystem::path& target) {
     return {ErrorCode::alreadyOpen, target.string() + " already exists (--force overwrites it)"};
@@ -104,37 +101,6 @@ Result<void> OutputFile::writeAt(std::uint64_t offset, std::span<const std::uint
         if (count <= 0) return writeError(count < 0 ? errno : EIO);
         bytes = bytes.subspan(static_cast<std::size_t>(count));
         offset += static_cast<std::uint64_t>(count);
-    }
-    return {};
-}
-
-Result<void> OutputFile::appendFrom(const storage::InputFile& from, std::uint64_t offset,
-                                    std::uint64_t length) {
-    while (length > 0) {
-        auto source = static_cast<off_t>(offset);
-        auto target = static_cast<off_t>(size_);
-        const ssize_t count = ::copy_file_range(from.descriptor(), &source, descriptor_, &target,
-                                                static_cast<std::size_t>(length), 0);
-        // Where the kernel cannot copy (two kinds of file systems), reading and writing tells what is wrong
-        // when that does not work either; likewise at an end that should not be there.
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return appendByReading(from, offset, length);
-        offset += static_cast<std::uint64_t>(count);
-        size_ += static_cast<std::uint64_t>(count);
-        length -= static_cast<std::uint64_t>(count);
-    }
-    return {};
-}
-
-Result<void> OutputFile::appendByReading(const storage::InputFile& from, std::uint64_t offset,
-                                         std::uint64_t length) {
-    std::vector<std::uint8_t> block(std::min<std::uint64_t>(length, kCopyBlock));
-    while (length > 0) {
-        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(length, block.size()));
-        if (auto read = from.readAt(offset, block.data(), size); !read) return read;
-        if (auto written = append(std::span(block.data(), size)); !written) return written;
-        offset += size;
-        length -= size;
     }
     return {};
 }

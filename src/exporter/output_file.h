@@ -11,7 +11,6 @@
 #include <string_view>
 
 #include "core/result.h"
-#include "storage/input_file.h"
 
 namespace lm::exporter {
 
@@ -40,10 +39,6 @@ class OutputFile {
     Result<void> append(std::string_view text);
     Result<void> writeAt(std::uint64_t offset, std::span<const std::uint8_t> bytes);
 
-    /// Appends `length` bytes of another file, inside the kernel where the file systems can. Errors: as of a
-    /// write; those of InputFile::readAt().
-    Result<void> appendFrom(const storage::InputFile& from, std::uint64_t offset, std::uint64_t length);
-
     /// Closes the file and gives it its name. Errors: as of a write and of create().
     Result<void> commit();
 
@@ -54,7 +49,6 @@ class OutputFile {
 
     Error writeError(int systemError) const;
     int rename() const;
-    Result<void> appendByReading(const storage::InputFile& from, std::uint64_t offset, std::uint64_t length);
 
     std::filesystem::path target_;
     std::filesystem::path temporary_;  ///< empty once committed
