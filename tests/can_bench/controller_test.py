@@ -1,6 +1,6 @@
 """The tool on the guest's controllers: bit timing that it sets itself, faults, plugs that are pulled."""
-import os
 import re
+import shutil
 import signal
 import subprocess
 import unittest
@@ -49,8 +49,11 @@ class ClassicTest(ControllerCase):
         before = changes.read_text()
         self.check_recording(sim, self.start_recording(sim, SPARSE_NAMES, "-t", "2"))
         # What matches is left alone, so a user without rights may use it too, and only that.
-        plain = {"user": 65534, "group": 65534, "extra_groups": []}
-        demo = Path(__file__).resolve().parents[2] / "examples/demo.a2l"
+        # The source tree may be closed to that user, so program and A2L file are copied out of it.
+        self.dir.chmod(0o755)
+        tool = Path(shutil.copy(harness.CLI, self.dir)).resolve()
+        demo = shutil.copyfile(Path(__file__).resolve().parents[2] / "examples/demo.a2l", self.dir / "demo.a2l")
+        plain = {"user": 65534, "group": 65534, "extra_groups": [], "executable": tool}
         allowed = self.run_plain("--a2l", demo, "-i", "can0", "-b", "500000", "get", "cal_read_only", **plain)
         self.expect(allowed, harness.value_line("cal_read_only", "42.000"))
         self.assertEqual(changes.read_text(), before)
@@ -58,7 +61,7 @@ class ClassicTest(ControllerCase):
         self.expect(refused, err="session: can0 down: netlink request: Operation not permitted. Setting the "
                     "bitrate needs the right CAP_NET_ADMIN; grant it once in a terminal, then start the program "
                     "again: `sudo setcap "
-                    f"cap_net_admin+ep {os.path.realpath(harness.CLI)}`\n", code=1)
+                    f"cap_net_admin+ep {tool}`\n", code=1)
         self.run_plain("--a2l", demo, "-i", "can0", "-b", "250000", "info")
         self.assertIn("bitrate 250000", self.link())
 
