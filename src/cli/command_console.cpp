@@ -16,6 +16,7 @@
 
 #include "cli/line_keeper.h"
 #include "cli/stop_signal.h"
+#include "core/thread.h"
 
 namespace lm::cli {
 namespace {
@@ -104,20 +105,24 @@ class LogPrinter {
 };
 
 /// Shows the text until something ends it.
-void show(const LineKeeper& keeper, LogPrinter& printer, double duration,
-          const std::shared_ptr<Input>& input) {
+Result<void> show(LineKeeper& keeper, LogPrinter& printer, double duration,
+                  const std::shared_ptr<Input>& input) {
+    if (auto started = keeper.start(); !started.ok()) return started;
     while (!keeper.begun()) {
-        if (!printer.print() || !pauseUnlessOver()) return;
+        if (!printer.print() || !pauseUnlessOver()) return {};
     }
-    std::thread(sendInput, input).detach();
+    auto reader = startThread("cannot read standard input", [input] { sendInput(input); });
+    if (!reader.ok()) return reader.error();
+    reader.value().detach();
     const auto start = Clock::now();
     bool over = false;
     while (!over) {
         // What the ECU answers to the last line has one more pause to come.
         over = duration > 0 ? std::chrono::duration<double>(Clock::now() - start).count() >= duration
                             : input->ended.load();
-        if (!printer.print() || !pauseUnlessOver()) return;
+        if (!printer.print() || !pauseUnlessOver()) return {};
     }
+    return {};
 }
 
 }  // namespace
@@ -140,7 +145,8 @@ int cmdConsole(session::Session& session, double duration, Output& output) {
     input->session = &session;
     LogPrinter printer(session.consoleLog(), output);
     LineKeeper keeper(session);
-    show(keeper, printer, duration, input);
+    const Result<void> shown = show(keeper, printer, duration, input);
+    if (!shown.ok()) printError("console", shown.error());
     {
         const std::lock_guard lock(input->mutex);
         input->session = nullptr;
@@ -148,9 +154,8 @@ int cmdConsole(session::Session& session, double duration, Output& output) {
     keeper.end();
     const Result<void> closed = session.close();
     printer.print();
-    if (closed.ok()) return 0;
-    printError("close", closed.error());
-    return 1;
+    if (!closed.ok()) printError("close", closed.error());
+    return shown.ok() && closed.ok() ? 0 : 1;
 }
 
 }  // namespace lm::cli

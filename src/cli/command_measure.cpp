@@ -98,7 +98,10 @@ std::string otherLosses(const session::MeasurementStats& stats) {
 }
 
 int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop) {
-    console.setPrintInterval(options.printEvery);
+    if (auto printing = console.startPrinting(options.printEvery); !printing) {
+        printError("measure", printing.error());
+        return 1;
+    }
     session::MeasurementOptions measurement;
     measurement.signals = options.signals;
     measurement.recordDirectory = options.recordDirectory;

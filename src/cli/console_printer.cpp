@@ -8,8 +8,10 @@
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 #include "core/text.h"
+#include "core/thread.h"
 
 namespace lm::cli {
 namespace {
@@ -38,6 +40,18 @@ Console::~Console() {
     ::close(wakeUp_);
 }
 
+Result<void> Console::startPrinting(std::uint32_t interval) {
+    interval_ = interval;
+    if (interval_ == 0) return {};
+    queue_.reserve(kQueueBytes);
+    output_.emplace(descriptor_);
+    auto thread = startThread("cannot start the printer", [this] { printLoop(); });
+    if (!thread.ok()) return thread.error();
+    printer_ = std::move(thread).value();
+    pthread_setname_np(printer_.native_handle(), "printer");
+    return {};
+}
+
 void Console::setPlan(const session::MeasurementPlan& plan) {
     lists_.clear();
     lists_.resize(plan.daq.lists.size());
@@ -49,11 +63,6 @@ void Console::setPlan(const session::MeasurementPlan& plan) {
             .columns.push_back({"  " + object.name + "=", signal.recordOffset, object.coding,
                                 object.conversion, showUnit ? " " + unit : ""});
     }
-    if (interval_ == 0 || printer_.joinable()) return;
-    queue_.reserve(kQueueBytes);
-    output_.emplace(descriptor_);
-    printer_ = std::thread([this] { printLoop(); });
-    pthread_setname_np(printer_.native_handle(), "printer");
 }
 
 void Console::onRecord(const xcp::DaqRecord& record) {

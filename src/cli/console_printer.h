@@ -5,7 +5,7 @@
 // rather than a non-blocking write in onRecord: the conversions of a record and a slow disk stay off the
 // receive thread as well. When the queue is full (its reader pauses), lines are skipped and counted.
 //
-// Threads: setPrintInterval, setPlan and finishPrinting belong to the owner, before and after the records;
+// Threads: startPrinting, setPlan and finishPrinting belong to the owner, before and after the records;
 // onRecord is called on the receive thread, onStateChanged on any; the other queries on any.
 // Lifetime: the descriptor is borrowed and stays open; nothing of the plan is kept.
 #pragma once
@@ -40,10 +40,11 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
-    /// Print the first and then every n-th record of each list; 0: none.
-    void setPrintInterval(std::uint32_t interval) { interval_ = interval; }
+    /// Print the first and then every n-th record of each list; 0: none. Error: "cannot start the printer:
+    /// REASON".
+    Result<void> startPrinting(std::uint32_t interval);
 
-    /// Takes over how the records of the plan are printed, and starts the printer.
+    /// Takes over how the records of the plan are printed.
     void setPlan(const session::MeasurementPlan& plan);
 
     void onRecord(const xcp::DaqRecord& record) override;

@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <pthread.h>
+#include <utility>
 
 #include "cli/output.h"
 #include "cli/stop_signal.h"
+#include "core/thread.h"
 
 namespace lm::cli {
 namespace {
@@ -17,8 +19,11 @@ std::string textOnly(const Error& error) {
 
 }  // namespace
 
-LineKeeper::LineKeeper(session::Session& session) : session_(session) {
-    thread_ = std::thread([this] { keep(); });
+Result<void> LineKeeper::start() {
+    auto thread = startThread("cannot keep the line open", [this] { keep(); });
+    if (!thread.ok()) return thread.error();
+    thread_ = std::move(thread).value();
+    return {};
 }
 
 void LineKeeper::end() {

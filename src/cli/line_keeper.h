@@ -1,7 +1,7 @@
 // Keeps the serial line of a session open for the console: opens it, and opens it again when it could not be
 // opened or has gone. What becomes of it stands in the session's console log.
 //
-// Threads: construction, end() and destruction belong to the owner; begun() from any. The thread
+// Threads: construction, start(), end() and destruction belong to the owner; begun() from any. The thread
 // "line-keeper" makes all calls of Session::openTransport and Session::open meanwhile. Lifetime: the session
 // is borrowed.
 #pragma once
@@ -18,12 +18,14 @@ namespace lm::cli {
 
 class LineKeeper {
   public:
-    /// Begins to open the line; "connect: REASON (showing the text only)" on standard error when there is no
-    /// line or no XCP on it.
-    explicit LineKeeper(session::Session& session);
+    explicit LineKeeper(session::Session& session) : session_(session) {}
     ~LineKeeper() { end(); }
     LineKeeper(const LineKeeper&) = delete;
     LineKeeper& operator=(const LineKeeper&) = delete;
+
+    /// Begins to open the line; "connect: REASON (showing the text only)" on standard error when there is no
+    /// line or no XCP on it. Error: "cannot keep the line open: REASON".
+    Result<void> start();
 
     /// The first attempt is over, whatever came of it.
     bool begun() const { return begun_.load(); }

@@ -117,9 +117,13 @@ int runSession(const Options& options, session::SessionConfig config, Output& ou
     int exitCode = 1;
     {
         StopWatcher stop([&session] { session.requestStop(); });
-        exitCode = options.command == Command::console
-                       ? runConsole(options, session, output)
-                       : runConnected(options, session, console, stop, output);
+        if (auto watching = stop.start(); !watching) {
+            printError("session", watching.error());
+        } else if (options.command == Command::console) {
+            exitCode = runConsole(options, session, output);
+        } else {
+            exitCode = runConnected(options, session, console, stop, output);
+        }
     }
     if (auto closed = session.close(); !closed) {
         printError("close", closed.error());

@@ -13,6 +13,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "core/thread.h"
+
 namespace lm::cli {
 namespace {
 
@@ -80,13 +82,19 @@ int stopDescriptor() {
 StopWatcher::StopWatcher(std::function<void()> onStop)
     : onStop_(std::move(onStop)), end_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (end_ < 0) throw std::system_error(errno, std::generic_category(), "event descriptor");
-    thread_ = std::thread([this] { watch(); });
 }
 
 StopWatcher::~StopWatcher() {
     signal(end_);
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
     ::close(end_);
+}
+
+Result<void> StopWatcher::start() {
+    auto thread = startThread("cannot watch for signals", [this] { watch(); });
+    if (!thread) return thread.error();
+    thread_ = std::move(thread).value();
+    return {};
 }
 
 void StopWatcher::stopNow() {

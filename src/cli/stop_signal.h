@@ -27,6 +27,8 @@ int stopDescriptor();
 class StopWatcher {
   public:
     explicit StopWatcher(std::function<void()> onStop);
+    /// Begins to watch. Error: "cannot watch for signals: REASON".
+    Result<void> start();
     ~StopWatcher();
     StopWatcher(const StopWatcher&) = delete;
     StopWatcher& operator=(const StopWatcher&) = delete;

@@ -11,12 +11,12 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include <spdlog/spdlog.h>
 
+#include "core/thread.h"
 #include "hal/can_link_setup.h"
 #include "hal/can_socket.h"
 
@@ -109,12 +109,12 @@ Result<void> SocketCanChannel::startReceiving(UniqueFd socket) {
         const std::lock_guard lock(socketMutex_);
         socket_ = std::move(socket);
     }
-    try {
-        thread_ =
-            std::thread(&SocketCanChannel::receiveLoop, this, std::make_unique<Batch>(batchSize(config_)));
-    } catch (const std::system_error& failure) {
-        return Error::fromErrno(failure.code().value(), "start receiving on " + config_.interfaceName);
-    }
+    auto thread = startThread("start receiving on " + config_.interfaceName,
+                              [this, batch = std::make_unique<Batch>(batchSize(config_))]() mutable {
+                                  receiveLoop(std::move(batch));
+                              });
+    if (!thread) return thread.error();
+    thread_ = std::move(thread).value();
     return {};
 }
 

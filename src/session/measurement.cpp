@@ -107,7 +107,11 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
         return started.error();
     }
     measurement->changeState(SessionState::measuring, "");
-    measurement->supervisor_->start();
+    if (auto watched = measurement->supervisor_->start(); !watched.ok()) {
+        measurement->abandonStart();
+        measurement->changeState(SessionState::connected, "");
+        return watched.error();
+    }
     return measurement;
 }
 

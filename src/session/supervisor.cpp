@@ -1,8 +1,11 @@
 #include "session/supervisor.h"
 
 #include <pthread.h>
+#include <utility>
 
 #include <spdlog/spdlog.h>
+
+#include "core/thread.h"
 
 namespace lm::session {
 
@@ -13,9 +16,12 @@ Supervisor::~Supervisor() {
     stop();
 }
 
-void Supervisor::start() {
+Result<void> Supervisor::start() {
     recordsAtLastTick_ = supervised_.recordsReceived();
-    thread_ = std::thread([this] { run(); });
+    auto thread = startThread("cannot start the supervision", [this] { run(); });
+    if (!thread.ok()) return thread.error();
+    thread_ = std::move(thread).value();
+    return {};
 }
 
 void Supervisor::requestStop() {

@@ -55,7 +55,8 @@ class Supervisor {
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;
 
-    void start();
+    /// Error: "cannot start the supervision: REASON".
+    Result<void> start();
 
     /// Wakes every wait of the supervisor and joins its thread; a call of ISupervised that is under way is
     /// waited for, so its own waits must have been ended before. Idempotent.

@@ -2,11 +2,11 @@
 
 #include <array>
 #include <pthread.h>
-#include <system_error>
 #include <utility>
 
 #include <spdlog/spdlog.h>
 
+#include "core/thread.h"
 #include "xcp/serial_frame.h"
 #include "xcp/text_lines.h"
 
@@ -122,11 +122,9 @@ Result<void> SerialTransport::openPort() {
     lossReason_.clear();
     lost_ = false;
     running_ = true;
-    try {
-        thread_ = std::thread(&SerialTransport::receiveLoop, this);
-    } catch (const std::system_error& failure) {
-        return Error::fromErrno(failure.code().value(), "XCP on serial: cannot start the receive thread");
-    }
+    auto thread = startThread("XCP on serial: cannot start the receive thread", [this] { receiveLoop(); });
+    if (!thread.ok()) return thread.error();
+    thread_ = std::move(thread).value();
     return {};
 }
 

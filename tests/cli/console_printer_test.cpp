@@ -77,7 +77,7 @@ void send(Console& console, std::size_t list, std::int64_t timeNs, std::uint16_t
 TEST(Console, PrintsSignalsInTheOrderAskedFor) {
     Pipe pipe;
     Console console(pipe.writer());
-    console.setPrintInterval(1);
+    ASSERT_TRUE(console.startPrinting(1).ok());
     console.setPlan(demoPlan());
     send(console, 0, 5'000'000'000, 1, 3);
     send(console, 1, 6'234'600'000, 65535);
@@ -93,7 +93,7 @@ TEST(Console, PrintsSignalsInTheOrderAskedFor) {
 TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
     Pipe pipe;
     Console console(pipe.writer());
-    console.setPrintInterval(3);
+    ASSERT_TRUE(console.startPrinting(3).ok());
     console.setPlan(demoPlan());
     for (std::uint16_t i = 0; i < 7; ++i) {
         if (i == 4) send(console, 0, 3'000'000, 0, i);
@@ -111,7 +111,7 @@ TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
 TEST(Console, GoesOnWhenTheReaderDoes) {
     Pipe pipe;
     Console console(pipe.writer());
-    console.setPrintInterval(1);
+    ASSERT_TRUE(console.startPrinting(1).ok());
     console.setPlan(demoPlan());
     for (std::size_t i = 0; i < 20'000; ++i)
         send(console, 1, 0, static_cast<std::uint16_t>(i));

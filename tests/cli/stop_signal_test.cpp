@@ -14,6 +14,7 @@ TEST(StopSignal, TheFirstAsksALaterOneKills) {
             if (!installStopHandlers() || stopRequested()) std::exit(1);
             std::promise<void> called;
             StopWatcher watcher([&called] { called.set_value(); });
+            if (!watcher.start()) std::exit(1);
             std::raise(SIGTERM);
             std::raise(SIGINT);  // so close to the first, it belongs to it
             called.get_future().wait();

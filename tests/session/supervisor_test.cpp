@@ -109,7 +109,7 @@ TEST(Supervisor, FollowsItsPolicyToTheEnd) {
         measurement.connectFailures_ = row.connectFailures;
         measurement.restartFailures_ = row.restartFailures;
         Supervisor supervisor(measurement, {row.policy, 5, 1ms, 1ms, row.periodNs});
-        supervisor.start();
+        ASSERT_TRUE(supervisor.start().ok());
         const auto count = std::count(row.lines.begin(), row.lines.end(), ';');
         EXPECT_EQ(measurement.lines(count), row.lines);
         if (!measurement.alive_) continue;
@@ -122,14 +122,14 @@ TEST(Supervisor, FollowsItsPolicyToTheEnd) {
 TEST(Supervisor, AStopChangesNoState) {
     ScriptedMeasurement quiet;
     Supervisor waiting(quiet, {ReconnectPolicy::abort, 5, 1h, 1h, 0});
-    waiting.start();
+    ASSERT_TRUE(waiting.start().ok());
     waiting.stop();
     EXPECT_EQ(quiet.lines(0), "");
 
     ScriptedMeasurement lost;
     lost.connectFailures_ = 1'000'000;
     Supervisor reconnecting(lost, {ReconnectPolicy::retryForever, 5, 1ms, 1ms, 100'000});
-    reconnecting.start();
+    ASSERT_TRUE(reconnecting.start().ok());
     lost.lines(20);
     reconnecting.stop();
     EXPECT_TRUE(lost.lines(20).ends_with("connect; connect; "));
