@@ -11,7 +11,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -19,6 +18,7 @@
 #include <spdlog/spdlog.h>
 
 #include "core/bytes.h"
+#include "core/thread.h"
 
 namespace lm::xcp {
 
@@ -36,9 +36,7 @@ std::int64_t steadyNow() {
         .count();
 }
 
-using AddressList = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
-
-Result<AddressList> resolve(const UdpTransportConfig& config) {
+Result<UdpTransport::AddressList> resolve(const UdpTransportConfig& config) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_DGRAM;
@@ -50,7 +48,7 @@ Result<AddressList> resolve(const UdpTransportConfig& config) {
         if (failure == EAI_SYSTEM) return Error::fromErrno(ErrorCode::notFound, errno, context);
         return Error{.code = ErrorCode::notFound, .message = context + ": " + ::gai_strerror(failure)};
     }
-    return AddressList(found, &::freeaddrinfo);
+    return UdpTransport::AddressList(found);
 }
 
 /// Bounds each wait for a datagram; asks for a large receive buffer and for the count of what did not fit
@@ -131,7 +129,9 @@ UdpTransport::~UdpTransport() {
 }
 
 Result<void> UdpTransport::open() {
-    if (running_) return {};
+    if (running_ && !stale_) return {};
+    close();
+    stale_ = false;
     if (config_.host.empty()) {
         return Error{.code = ErrorCode::invalidArgument, .message = "XCP on UDP: no host configured"};
     }
@@ -144,20 +144,24 @@ Result<void> UdpTransport::open() {
     counterSeen_ = false;
     lastKernelDrops_ = 0;
     running_ = true;
-    try {
-        thread_ = std::thread(&UdpTransport::receiveLoop, this);
-    } catch (const std::system_error& failure) {
+    auto thread = startThread("XCP on UDP: cannot start the receive thread", [this] { receiveLoop(); });
+    if (!thread) {
         close();
-        return Error::fromErrno(failure.code().value(), "XCP on UDP: cannot start the receive thread");
+        return thread.error();
     }
+    thread_ = std::move(thread).value();
     return {};
 }
 
 Result<void> UdpTransport::openSocket() {
-    const Result<AddressList> addresses = resolve(config_);
-    if (!addresses) return addresses.error();
+    // Asked once: a name server that the network has lost would hold up every attempt to reconnect.
+    if (!addresses_) {
+        auto found = resolve(config_);
+        if (!found) return found.error();
+        addresses_ = std::move(found).value();
+    }
     int lastError = EADDRNOTAVAIL;
-    for (const addrinfo* address = addresses.value().get(); address != nullptr; address = address->ai_next) {
+    for (const addrinfo* address = addresses_.get(); address != nullptr; address = address->ai_next) {
         const int candidate = ::socket(address->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, address->ai_protocol);
         if (candidate >= 0 && ::connect(candidate, address->ai_addr, address->ai_addrlen) == 0) {
             prepareSocket(candidate);
@@ -213,6 +217,7 @@ Result<void> UdpTransport::send(const std::uint8_t* data, std::size_t length) {
         if (failure == EINTR) continue;
         if (failure == ECONNREFUSED && !std::exchange(refusedBefore, true))
             continue;  // an earlier datagram's
+        if (failure != ECONNREFUSED) stale_ = true;
         return Error::fromErrno(failure, "XCP on UDP: send");
     }
     return {};

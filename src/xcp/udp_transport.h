@@ -11,7 +11,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <netdb.h>
 #include <string>
 #include <thread>
 
@@ -45,7 +47,9 @@ class UdpTransport final : public ITransport {
 
     void setSink(IPacketSink* sink) override { sink_.store(sink); }
 
-    /// Errors: invalidArgument "XCP on UDP: no host configured"; notFound "XCP on UDP: cannot resolve HOST:
+    /// Opens the socket anew when the last send on it failed: it is bound to an address of the host, which
+    /// may have changed with the network. Errors: invalidArgument "XCP on UDP: no host configured"; notFound
+    /// "XCP on UDP: cannot resolve HOST:
     /// ..."; by errno "XCP on UDP: cannot open socket to HOST:PORT: ...".
     Result<void> open() override;
 
@@ -59,6 +63,11 @@ class UdpTransport final : public ITransport {
     std::size_t maxPacketSize() const override { return config_.maxPacketSize; }
 
     UdpStatistics statistics() const;
+
+    struct AddressesFreed {
+        void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
+    };
+    using AddressList = std::unique_ptr<addrinfo, AddressesFreed>;
 
   private:
     class Batch;
@@ -77,9 +86,11 @@ class UdpTransport final : public ITransport {
     // Set by open and close; constant while the receive thread runs.
     int socket_ = -1;
     int wakeUp_ = -1;
+    AddressList addresses_;  ///< of the host, once it was found
     std::thread thread_;
 
     std::atomic<bool> running_{false};
+    std::atomic<bool> stale_{false};  ///< a send failed
 
     std::mutex sendMutex_;  ///< also keeps close from taking the socket away under a send
     std::uint16_t sendCounter_ = 0;

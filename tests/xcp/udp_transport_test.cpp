@@ -139,5 +139,25 @@ TEST_F(UdpTransportTest, ARefusedDatagramFailsNoLaterOne) {
     EXPECT_EQ(send("FF 00"), "");
 }
 
+// As after the host got another address, to which the old socket does not belong.
+TEST_F(UdpTransportTest, OpensAnewAfterAFailedSend) {
+    ASSERT_TRUE(transport_->open());
+    EXPECT_EQ(send("FF 00"), "");
+    receive();
+    const in_port_t before = master_.sin_port;
+    for (int descriptor = 0; descriptor < 100; ++descriptor) {
+        sockaddr_in own{};
+        socklen_t length = sizeof own;
+        const bool isSocket = ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &length) == 0;
+        if (isSocket && own.sin_port == before) ::shutdown(descriptor, SHUT_WR);
+    }
+    EXPECT_EQ(send("FF 00"), "XCP on UDP: send: Broken pipe");
+    ASSERT_TRUE(transport_->open());
+    EXPECT_EQ(send("FF 01"), "");
+    EXPECT_EQ(receive(), "02 00 00 00 FF 01");
+    answer("01 00 FE FF A1");
+    EXPECT_EQ(upTo("A1"), "[A1]");
+}
+
 }  // namespace
 }  // namespace lm::xcp
