@@ -1,6 +1,7 @@
 #include "cli/command_values.h"
 
 #include <cstdio>
+#include <span>
 
 #include "cli/stop_signal.h"
 
@@ -52,11 +53,15 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
 
 int runGet(session::Session& session, const std::vector<std::string>& names, Output& output) {
     int exitCode = 0;
-    for (const std::string& name : names) {
+    for (std::span<const std::string> rest(names); !rest.empty();) {
         if (stopRequested()) return 1;
-        if (!printValue(name, session.read(name), output)) exitCode = 1;
-        // Each value appears when it is read, however slow the next one is.
+        const auto values = session.read(rest);
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            if (!printValue(rest[i], values[i], output)) exitCode = 1;
+        }
+        // Each value appears soon after it is read, however slow the next one is.
         if (!output.flush()) break;
+        rest = rest.subspan(values.size());
     }
     return exitCode;
 }

@@ -153,7 +153,8 @@ Result<void> Measurement::createRecording(const std::filesystem::path& directory
 
 /// Downloads the plan, installs a fresh decoder, starts DAQ.
 Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
-    const auto firstPids = context_.master.configureDaq(plan_.daq);
+    xcp::Master& master = context_.master;
+    const auto firstPids = xcp::inStep(master, [&] { return master.configureDaq(plan_.daq); });
     if (!firstPids.ok()) return firstPids.error();
     removeDecoder();
     {
@@ -291,7 +292,8 @@ Result<void> Measurement::restartDaq() {
 }
 
 Result<void> Measurement::configureAnew() {
-    const auto capabilities = context_.master.daqCapabilities();
+    const auto capabilities =
+        xcp::inStep(context_.master, [this] { return context_.master.daqCapabilities(); });
     if (!capabilities.ok()) return capabilities.error();
     auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());
     if (!fits.ok()) return fits;

@@ -71,7 +71,7 @@ Result<void> Session::open() {
     if (!connected.ok()) return connected;
     capabilities_.reset();
     if (master_->connectInfo().offersDaq()) {
-        auto capabilities = master_->daqCapabilities();
+        auto capabilities = xcp::inStep(*master_, [this] { return master_->daqCapabilities(); });
         if (capabilities.ok()) {
             capabilities_ = std::move(capabilities).value();
         } else if (!master_->stopRequested()) {
@@ -114,10 +114,30 @@ Result<a2l::ResolvedObject> Session::resolve(std::string_view name) const {
     }
 }
 
-Result<SessionValue> Session::read(std::string_view name) {
-    const auto object = resolve(name);
-    if (!object.ok()) return object.error();
-    return readObject(object.value());
+Result<xcp::SlaveStatus> Session::status() {
+    return xcp::inStep(*master_, [this] { return master_->getStatus(); });
+}
+
+std::vector<Result<SessionValue>> Session::read(std::span<const std::string> names) {
+    constexpr auto kLongest = std::chrono::milliseconds(50);
+    std::vector<Result<SessionValue>> values;
+    const auto readSome = [&]() -> Result<void> {
+        values.clear();
+        const auto end = std::chrono::steady_clock::now() + kLongest;
+        for (const std::string& name : names) {
+            const auto object = resolve(name);
+            values.push_back(object.ok() ? readObject(object.value()) : object.error());
+            if (std::chrono::steady_clock::now() >= end || master_->stopRequested()) break;
+        }
+        return {};
+    };
+    if (const auto sure = xcp::inStep(*master_, readSome); !sure.ok()) {
+        silent_ = true;
+        for (auto& value : values) {
+            if (value.ok()) value = sure.error();
+        }
+    }
+    return values;
 }
 
 Result<SessionValue> Session::readObject(const a2l::ResolvedObject& object) {
@@ -141,7 +161,7 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, bool a
         writing_ = true;
     }
     WriteOutcome outcome{writeBytes(object.value(), bytes.value())};
-    if (!outcome.value.ok()) outcome.held = readObject(object.value());
+    if (!outcome.value.ok()) outcome.held = xcp::inStep(*master_, [&] { return readObject(object.value()); });
     const std::lock_guard lock(stopMutex_);
     writing_ = false;
     if (stopRequested_) master_->requestStop();
@@ -157,7 +177,7 @@ Result<std::vector<std::uint8_t>> Session::bytesToWrite(const a2l::ResolvedObjec
             ErrorCode::permissionDenied,
             object.name + (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
     }
-    auto bytes = master_->upload(object.address, object.size());
+    auto bytes = xcp::inStep(*master_, [&] { return master_->upload(object.address, object.size()); });
     if (!bytes.ok()) return bytes;
     const auto encoded = a2l::encodeText(object, text, bytes.value());
     if (!encoded.ok()) return encoded.error();
@@ -169,13 +189,15 @@ Result<SessionValue> Session::writeBytes(const a2l::ResolvedObject& object,
                                          const std::vector<std::uint8_t>& bytes) {
     auto downloaded = master_->download(object.address, bytes);
     if (!downloaded.ok()) return downloaded.error();
-    const auto readBack = master_->upload(object.address, object.size());
-    if (!readBack.ok()) return readBack.error();
-    if (readBack.value() != bytes) {
-        return Error{ErrorCode::protocolError,
-                     object.name + ": read back value differs from the written value"};
-    }
-    return readObject(object);
+    return xcp::inStep(*master_, [&]() -> Result<SessionValue> {
+        const auto readBack = master_->upload(object.address, object.size());
+        if (!readBack.ok()) return readBack.error();
+        if (readBack.value() != bytes) {
+            return Error{ErrorCode::protocolError,
+                         object.name + ": read back value differs from the written value"};
+        }
+        return readObject(object);
+    });
 }
 
 Result<void> Session::sendText(std::string_view line) {

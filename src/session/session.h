@@ -11,8 +11,10 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "a2l/description.h"
 #include "a2l/object.h"
@@ -72,8 +74,10 @@ class Session final : private xcp::IMasterListener {
     /// stop of a measurement and t1. The error is that of the measurement's stop.
     Result<void> close();
 
-    /// Errors: the resolver's, the master's.
-    Result<SessionValue> read(std::string_view name);
+    /// Reads the names in their order, until a twentieth of a second has passed or a stop was requested, and
+    /// at least the first: one result for each that was read. Errors of a value: the resolver's, those of
+    /// xcp::Master::upload and xcp::inStep.
+    std::vector<Result<SessionValue>> read(std::span<const std::string> names);
 
     /// Writes a number or verbal text, compares what the ECU then holds, and reads the value once more. A
     /// stop request that comes after the writing has begun waits for all of it. Errors: the resolver's and
@@ -110,7 +114,7 @@ class Session final : private xcp::IMasterListener {
     /// The configuration's name, else the A2L module's.
     std::string ecuName() const;
     xcp::ConnectInfo connectInfo() const { return master_->connectInfo(); }
-    Result<xcp::SlaveStatus> status() { return master_->getStatus(); }
+    Result<xcp::SlaveStatus> status();
     /// Absent before open() and for an ECU without DAQ.
     const std::optional<xcp::DaqCapabilities>& daqCapabilities() const { return capabilities_; }
 

@@ -76,10 +76,19 @@ Master::Clock::duration Master::timeout(unsigned index) const {
 
 // One exchange
 
+bool Master::wantsSynch(Taking taking) {
+    return taking == Taking::synch || taking == Taking::confirm;
+}
+
+bool Master::unstoppable(Taking taking) {
+    return taking == Taking::once || taking == Taking::confirm;
+}
+
 Result<std::optional<Packet>> Master::exchange(const Packet& command, unsigned timeoutIndex, Taking taking,
                                                std::size_t minimumLength) {
     std::unique_lock lock(responseMutex_);
-    if (stopRequested_ && taking != Taking::once) return stopped(command);
+    if (stopRequested_ && !unstoppable(taking)) return stopped(command);
+    beginStep(taking);
     wait_ = {};
     wait_.taking = taking;
     wait_.minimumLength = minimumLength;
@@ -97,18 +106,35 @@ Result<std::optional<Packet>> Master::exchange(const Packet& command, unsigned t
     }
     const bool interrupted = !awaitResponse(lock, timeout(timeoutIndex));
     wait_.active = false;
+    if (!wait_.response && !interrupted) wait_.response = wait_.aside;
+    const bool synch = wantsSynch(taking);
+    steps_.synched = synch && wait_.response;
+    steps_.taken = steps_.taken || (!synch && wait_.response);
     if (wait_.response) return wait_.response;
-    if (wait_.aside && !interrupted) return wait_.aside;
     noteOwed(taking);
     if (interrupted) return stopped(command);
     return std::optional<Packet>{};
 }
 
+/// Before the wait of the exchange before is forgotten.
+void Master::beginStep(Taking taking) {
+    if (!wantsSynch(taking)) {
+        steps_.alone = steps_.synched;
+        return;
+    }
+    steps_.synchSent = true;
+    if (wantsSynch(wait_.taking)) return;
+    steps_.answer = wait_.response;
+    steps_.minimumLength = wait_.minimumLength;
+}
+
 /// False when a stop ended the wait.
 bool Master::awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit) {
-    const auto stopping = [this] { return stopRequested_ && wait_.taking != Taking::once; };
-    const auto wakes = [this, &stopping] {
-        return wait_.response || stopping() || pendingExtensions_ != wait_.extensions;
+    // The last words to a slave are not drawn out by it.
+    const bool once = wait_.taking == Taking::once;
+    const auto stopping = [this] { return stopRequested_ && !unstoppable(wait_.taking); };
+    const auto wakes = [this, once, &stopping] {
+        return wait_.response || stopping() || (pendingExtensions_ != wait_.extensions && !once);
     };
     Clock::time_point deadline = Clock::now() + limit;
     while (wakeUp_.wait_until(lock, deadline, wakes)) {
@@ -128,7 +154,7 @@ void Master::noteOwed(Taking taking) {
         owed_.connectsUntil = Clock::now() + 2 * timeout(kT1);
         return;
     }
-    ++(taking == Taking::synch ? owed_.synchs : owed_.answers);
+    ++(wantsSynch(taking) ? owed_.synchs : owed_.answers);
     owed_.possible = true;
     owed_.answersUntil = Clock::now() + timeout(kT1);
 }
@@ -151,7 +177,7 @@ bool Master::settleOwed(const std::uint8_t* data, std::size_t length) {
         --owed_.synchs;
     } else if (repeatsConnect(data, length)) {
         --owed_.connects;
-    } else if (owed_.answers > 0 && !(synchAnswer && owed_.surplus)) {
+    } else if (owed_.answers > 0 && !(synchAnswer && steps_.synchSent)) {
         --owed_.answers;
         expectOwed();
         wakeUp_.notify_all();  // a drain may wait for it
@@ -165,9 +191,9 @@ Master::Verdict Master::judge(const std::uint8_t* data, std::size_t length, Rece
     if (!wait_.active || wait_.response) return Verdict::drop;
     if (time.hostNs != 0 && time.hostNs < wait_.sentNs) return Verdict::drop;
     const bool synchAnswer = isSynchAnswer(data, length);
-    if (wait_.taking == Taking::synch) return synchAnswer ? Verdict::take : Verdict::drop;
-    if (synchAnswer && (owed_.synchs > 0 || owed_.surplus)) return Verdict::drop;
-    if (wait_.taking == Taking::connect) return judgeConnect(data, length);
+    if (wantsSynch(wait_.taking)) return synchAnswer ? Verdict::take : Verdict::drop;
+    if (synchAnswer && (owed_.synchs > 0 || steps_.synchSent)) return Verdict::drop;
+    if (wait_.taking == Taking::connect) return synchAnswer ? Verdict::drop : judgeConnect(data, length);
     if (repeatsConnect(data, length)) return Verdict::drop;
     if (data[0] == kPidResponse && length < wait_.minimumLength) return Verdict::setAside;
     const bool owed = owed_.answers > 0 && Clock::now() <= owed_.answersUntil;
@@ -263,6 +289,29 @@ Result<void> Master::synchLocked() {
     return Error{.code = ErrorCode::timeout, .message = "SYNCH: no response from slave"};
 }
 
+Result<bool> Master::confirm() {
+    const std::lock_guard lock(commandMutex_);
+    if (auto ready = requireConnected(); !ready) return ready.error();
+    {
+        const std::lock_guard response(responseMutex_);
+        if (!steps_.taken || steps_.withoutSynch) return true;
+    }
+    bool answered = false;
+    for (int tries = 2; tries > 0 && !answered; --tries) {
+        const Packet command = buildPlain(Command::synch);
+        const auto answer = exchange(command, kT1, Taking::confirm, 2);
+        if (!answer) return answer.error();
+        answered = answer.value().has_value();
+        if (answered) break;
+        ++timeouts_;
+        if (stopRequested()) return stopped(command);
+    }
+    const std::lock_guard response(responseMutex_);
+    steps_.withoutSynch = !answered;
+    steps_.taken = false;
+    return !std::exchange(steps_.lost, false);
+}
+
 Result<void> Master::pauseBusy(const Packet& command) {
     std::unique_lock lock(responseMutex_);
     if (wakeUp_.wait_for(lock, timeout(kT7), [this] { return stopRequested_; })) return stopped(command);
@@ -346,6 +395,7 @@ Result<void> Master::acceptConnect(const Packet& response) {
         owed_.connectsUntil = Clock::now() + 2 * timeout(kT1);
         owed_.unlikeConnectDropped = false;
         owed_.surplus = false;
+        steps_ = {};
         connected_ = !wait_.terminated;
     }
     shortUploadMissing_ = false;
@@ -465,8 +515,23 @@ bool Master::takeAnswer(const std::uint8_t* data, std::size_t length, ReceiveTim
     const bool owed = settleOwed(data, length);
     if (verdict == Verdict::setAside && !std::exchange(wait_.aside, copyOf(data, length))) return false;
     ++unexpectedResponses_;
-    if (!owed) owed_.surplus = true;
+    if (!owed) noteSurplus(data, length);
     return false;
+}
+
+/// An answer that nobody asked for. When nothing was taken since the last confirm(), or one command alone
+/// between two SYNCHs, it does no harm if it cannot be that command's, or says the same as the one taken.
+void Master::noteSurplus(const std::uint8_t* data, std::size_t length) {
+    owed_.surplus = true;
+    if (isSynchAnswer(data, length) && steps_.synchSent) return;
+    const bool behindSynch = wantsSynch(wait_.taking);
+    if (!steps_.taken && (behindSynch || !wait_.response)) return;
+    const auto& taken = behindSynch ? steps_.answer : wait_.response;
+    const auto known = taken ? taken->view() : std::span<const std::uint8_t>();
+    const bool copy = std::equal(known.begin(), known.end(), data, data + length);
+    const std::size_t least = behindSynch ? steps_.minimumLength : wait_.minimumLength;
+    const bool stray = data[0] == kPidResponse && length < least;
+    if (!steps_.alone || !(copy || stray)) steps_.lost = true;
 }
 
 void Master::onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time) {

@@ -23,9 +23,12 @@
 // - ERR_CMD_SYNCH answers still owed, and repetitions of the CONNECT answer after several CONNECTs, are
 // dropped.
 // - While answers may be under way, CONNECT takes only what reads as a CONNECT answer, and one unlike the
-// last
-//   connection's only the second time.
-// A run in which every command is answered in time sends no packet for this.
+//   last connection's only the second time.
+// - A copy of an answer that comes behind the next command reads like that command's answer, and shifts all
+//   that follow by one. Nobody can tell when it is taken, but the one left over shows behind the next SYNCH:
+//   whoever decides something by answers asks confirm() first and, when they were out of step, asks the slave
+//   once more (inStep()).
+// A command that is answered in time causes no packet for this but the SYNCH of confirm().
 #pragma once
 
 #include <atomic>
@@ -124,6 +127,12 @@ class Master final : public IPacketSink {
     Result<void> synch();
     Result<void> setMta(Address address);
 
+    /// Whether every answer taken since the last call (or CONNECT) was certainly its command's: a SYNCH,
+    /// whose answer must follow theirs directly; nothing when no answer was taken. A slave that leaves two of
+    /// them unanswered is believed, and not asked again until CONNECT. After requestStop() there is one SYNCH
+    /// all the same, whose answer decides: what was read before is not lost.
+    Result<bool> confirm();
+
     /// One command with recovery. The positive response; ERR replies are errors.
     Result<Packet> transact(const Packet& command, const Exchange& exchange);
 
@@ -175,6 +184,7 @@ class Master final : public IPacketSink {
     enum class Taking : std::uint8_t {
         any,      ///< any RES or ERR that can be the command's
         synch,    ///< ERR_CMD_SYNCH alone
+        confirm,  ///< likewise, also after requestStop()
         connect,  ///< CONNECT's, see the head of this file
         once,     ///< any, but as many answers as may still be owed for earlier commands are set aside first
     };
@@ -202,6 +212,18 @@ class Master final : public IPacketSink {
         Clock::time_point connectsUntil = {};
         bool unlikeConnectDropped = false;
         bool surplus = false;  ///< the slave answers more often than it is asked: every command drains first
+    };
+
+    /// What confirm() goes by.
+    struct Steps {
+        bool taken = false;  ///< an answer has counted since
+        bool lost = false;   ///< an answer was left over that may be the one of a command that took another's
+        bool synchSent = false;
+        bool synched = false;               ///< the last exchange was an answered SYNCH
+        bool alone = false;                 ///< the last command directly followed one
+        std::optional<Packet> answer = {};  ///< to the last command, once a SYNCH followed
+        std::size_t minimumLength = 1;      ///< of that answer
+        bool withoutSynch = false;          ///< the slave does not answer confirm()
     };
 
     /// A borrowed receiver that can be removed while the receive thread may be calling it.
@@ -232,6 +254,9 @@ class Master final : public IPacketSink {
     Clock::duration timeout(unsigned index) const;
     Result<std::optional<Packet>> exchange(const Packet& command, unsigned timeoutIndex, Taking taking,
                                            std::size_t minimumLength);
+    static bool wantsSynch(Taking taking);
+    static bool unstoppable(Taking taking);
+    void beginStep(Taking taking);
     bool awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit);
     void noteOwed(Taking taking);
     bool settleOwed(const std::uint8_t* data, std::size_t length);
@@ -241,6 +266,7 @@ class Master final : public IPacketSink {
     Verdict judgeConnect(const std::uint8_t* data, std::size_t length);
     void onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     bool takeAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    void noteSurplus(const std::uint8_t* data, std::size_t length);
     void onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     void drainLocked();
     Result<void> synchLocked();
@@ -287,6 +313,7 @@ class Master final : public IPacketSink {
     std::condition_variable wakeUp_;
     Wait wait_;
     Owed owed_;
+    Steps steps_;
     std::optional<Packet> connectAnswer_;  ///< of the last successful CONNECT
     std::uint64_t pendingExtensions_ = 0;
     bool stopRequested_ = false;
@@ -302,5 +329,26 @@ class Master final : public IPacketSink {
     std::atomic<std::uint64_t> events_{0};
     Counter dtos_;  ///< written by the receive thread
 };
+
+/// What `step` returns (a Result), once confirm() has shown that all answers it got were its own; run again
+/// when they were not, three times in all. Further errors: confirm()'s, and protocolError "the ECU's answers
+/// do not fit the commands sent to it".
+template <typename Step>
+auto inStep(Master& master, const Step& step) -> decltype(step()) {
+    constexpr int kMost = 3;
+    for (int tried = 1;; ++tried) {
+        auto result = step();
+        // After silence nothing was decided, and whoever is silent is not asked once more.
+        if (!result && result.error().code == ErrorCode::timeout) return result;
+        const auto confirmed = master.confirm();
+        if (confirmed && confirmed.value()) return result;
+        if (!confirmed && result) return confirmed.error();
+        if (!confirmed) return result;
+        if (tried == kMost) {
+            return Error{.code = ErrorCode::protocolError,
+                         .message = "the ECU's answers do not fit the commands sent to it"};
+        }
+    }
+}
 
 }  // namespace lm::xcp

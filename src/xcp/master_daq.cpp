@@ -235,7 +235,9 @@ Result<std::vector<std::uint8_t>> Master::selectLocked(const DaqPlan& plan) {
     selection_.clear();
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         selection_.push_back(buildStartStopDaqList(kSelectList, plan.listNumber(i), order));
-        const auto reply = transactLocked(selection_.back(), {});
+        Exchange rules;
+        rules.minimumLength = 2;  // with FIRST_PID
+        const auto reply = transactLocked(selection_.back(), rules);
         if (!reply) return reply.error();
         if (reply.value().size() > 1) told.push_back(reply.value().bytes[1]);
         planned.push_back(plan.lists[i].odts.empty() ? std::uint8_t{0} : plan.lists[i].odts.front().pid);

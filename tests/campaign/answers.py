@@ -1,11 +1,8 @@
-"""Every answer of whole sessions goes wrong once: lost, late, cut short, replaced by an error, one at a time.
+"""Every answer of whole sessions goes wrong once: lost, doubled, late, cut short, replaced by an error, one at a time.
 
 Each case is one session against one simulated ECU with one fault at the command of one number. Whatever happens, the
 session must end by itself, show no value that is not the ECU's, claim no write that is not in its memory, lose no
 sample without telling, and give its reason when it fails.
-
-An answer doubled in the middle of a session is not among the faults: answers carry no command number, and a copy that
-comes behind the next command of the same layout cannot be told from that command's answer.
 """
 import re
 import sys
@@ -30,10 +27,10 @@ SESSIONS = {
     "measure": ["measure", "-t", "0.15", "-p", "0", *harness.signals(MEASURED)],
 }
 FAULTS = [
-    "lose:*:{}", "lose:*:{}:2", "ignore:*:{}", "stray:*:{}", "short:*:{}",
+    "lose:*:{}", "lose:*:{}:2", "double:*:{}", "double:*:{}:0", "ignore:*:{}", "stray:*:{}", "short:*:{}",
     "short:*:{}:1:3", "error:*:{}:1:0x22", "error:*:{}:1:0x33", "busy:*:{}:3", "pending:*:{}:1:" + str(2 * T1),
     "terminate:*:{}", "restart:*:{}", "silence:*:{}:1:" + str(2 * T1), "silence:*:{}:1:0",
-    *(f"late:*:{{}}:{count}:{int(T1 * times)}" for times in (0.6, 1.2, 1.6, 1.9) for count in (1, 2)),
+    *(f"late:*:{{}}:{count}:{int(T1 * times)}" for times in (0.6, 1.2, 1.6, 1.9, 2.5, 3.5) for count in (1, 2)),
 ]
 
 
@@ -89,7 +86,11 @@ class Answers(harness.SystemTest):
     def before(name):
         return {"cal_limited": "7.000", "cal_wave_period": "1000", "cal_injector": "on", "cal_idle_speed": "800.00"}[name]
 
+    reference = None  # what `info` tells when nothing goes wrong
+
     def judge_info(self, _, done):
+        if self.fault and not Answers.reference:
+            campaign.run(Answers, "info", "")
         told = done.stdout.splitlines()[1:]  # the first line names the port
         if not self.fault:
             Answers.reference = told

@@ -132,6 +132,10 @@ Result<void> SlaveModel::send(const std::uint8_t* data, std::size_t length) {
     ++packets_;
     require(length >= 1 && length <= maxPacketSize(), "the length of a command");
     const auto kind = static_cast<std::uint8_t>(input_.take<std::uint8_t>() & 0x0FU);
+    const bool synch = data[0] == static_cast<std::uint8_t>(xcp::Command::synch);
+    const bool connect = data[0] == static_cast<std::uint8_t>(xcp::Command::connect);
+    complete_ = complete_ && (!connect || coming_.empty());
+    complete_ = complete_ && (kind < 6 || kind == 7 || (kind == 8 && !synch) || kind == 14);
     if (kind == 15) return Error{ErrorCode::ioError, "send fails"};
     const Bytes command(data, data + length);
     disturb(kind, answer(command));
@@ -172,6 +176,7 @@ void SlaveModel::disturb(std::uint8_t kind, Bytes answer) {
 }
 
 void SlaveModel::sendRaw() {
+    complete_ = false;
     const auto bytes = input_.takeBytes(input_.take<std::uint8_t>());
     deliver(Bytes(bytes.begin(), bytes.end()));
 }
@@ -185,7 +190,9 @@ void SlaveModel::answerIn(std::int64_t milliseconds, const Bytes& packet) {
     if (milliseconds == 0 && coming_.empty()) return deliver(packet);
     const std::int64_t last = coming_.empty() ? 0 : coming_.rbegin()->first;
     const std::int64_t due = std::max(VirtualClock::nowNs + milliseconds * 1'000'000, last);
-    honest_ = honest_ && due - VirtualClock::nowNs <= kLatestNs;
+    const bool inTime = due - VirtualClock::nowNs <= kLatestNs;
+    honest_ = honest_ && inTime;
+    complete_ = complete_ && inTime;
     coming_.emplace(due, packet);
 }
 

@@ -42,6 +42,9 @@ class SlaveModel final : public xcp::ITransport {
     /// Every answer so far was the right one, in order, once or never, and by kLatestNs late at most. (Of two
     /// answers to one command the second cannot be told from the next command's when that one's is lost.)
     bool honest() const { return honest_; }
+    /// Every answer so far was the right one, in order, by kLatestNs late at most; those to SYNCH once,
+    /// others at least once; and none was under way at a CONNECT.
+    bool complete() const { return complete_; }
 
   private:
     Bytes answer(std::span<const std::uint8_t> command);
@@ -66,6 +69,7 @@ class SlaveModel final : public xcp::ITransport {
     std::uint32_t mta_ = 0;
     bool mtaIsName_ = false;
     bool honest_ = true;
+    bool complete_ = true;
     std::uint64_t packets_ = 0;
     std::unordered_map<std::uint32_t, std::uint8_t> written_;  ///< by address
     std::multimap<std::int64_t, Bytes> coming_;                ///< by time

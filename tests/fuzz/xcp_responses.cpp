@@ -1,6 +1,7 @@
 // Whatever a slave answers: connection, memory access and the gathering and configuration of DAQ end, in
 // bounded time, with a value or an error. As long as the slave answers rightly, though late or not at all, no
-// answer passes for another command's.
+// answer passes for another command's; nor when it answers late or several times, where the steps are
+// confirmed.
 #include <vector>
 
 #include "fuzz_input.h"
@@ -81,9 +82,10 @@ class Run {
             case 3:
                 return end(master_.getCommModeInfo());
             case 4:
+                return upload(false);
             case 5:
             case 6:
-                return upload();
+                return upload(true);
             case 7:
             case 8:
                 return download();
@@ -105,18 +107,20 @@ class Run {
     }
 
     void requireMemory(std::uint32_t address, std::span<const std::uint8_t> bytes, std::string_view what) {
-        for (std::size_t i = 0; slave_.honest() && i < bytes.size(); ++i)
+        for (std::size_t i = 0; i < bytes.size(); ++i)
             require(bytes[i] == slave_.memory(address + static_cast<std::uint32_t>(i)), what);
     }
 
-    void upload() {
+    void upload(bool confirmed) {
         const auto address = input_.take<std::uint16_t>();
         const std::size_t size = input_.take<std::uint8_t>();
-        const auto read = master_.upload({address, 0}, size);
+        const auto once = [&] { return master_.upload({address, 0}, size); };
+        const auto read = confirmed ? xcp::inStep(master_, once) : once();
         end(read);
         if (!read) return;
         require(read.value().size() == size, "as many bytes as asked for");
-        requireMemory(address, read.value(), "the bytes of that address");
+        if (slave_.honest() || (confirmed && slave_.complete()))
+            requireMemory(address, read.value(), "the bytes of that address");
     }
 
     void download() {
@@ -124,14 +128,15 @@ class Run {
         const auto bytes = input_.takeBytes(input_.takeBelow(64));
         const auto written = master_.download({address, 0}, bytes);
         end(written);
-        if (written) requireMemory(address, bytes, "what is confirmed is written");
+        if (written && slave_.honest()) requireMemory(address, bytes, "what is confirmed is written");
     }
 
     void measure() {
-        const auto capabilities = master_.daqCapabilities();
+        const auto capabilities = xcp::inStep(master_, [this] { return master_.daqCapabilities(); });
         end(capabilities);
         if (!capabilities) return;
-        require(!slave_.honest() || capabilities.value().events.size() == 2, "the events that there are");
+        require(!(slave_.honest() || slave_.complete()) || capabilities.value().events.size() == 2,
+                "the events that there are");
         std::vector<xcp::DaqSignal> signals;
         for (std::size_t i = input_.takeBelow(16); i > 0; --i) {
             signals.push_back({.address = {input_.take<std::uint8_t>(), 0},
@@ -142,7 +147,7 @@ class Run {
                                        {.maxDto = master_.connectInfo().maxDto,
                                         .addressGranularity = master_.connectInfo().granularity()});
         if (!plan) return;
-        const auto firstPids = master_.configureDaq(plan.value());
+        const auto firstPids = xcp::inStep(master_, [&] { return master_.configureDaq(plan.value()); });
         end(firstPids);
         if (!firstPids) return;
         Records records;

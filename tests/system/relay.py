@@ -29,6 +29,7 @@ class Relay:
     def __init__(self, sim):
         self.sim = sim
         self.a2l = sim.a2l
+        self.change = lambda datagram: datagram  # what becomes of each datagram of the ECU
         self.commands = []  # each command packet without its header, in the order sent
         self.front = udp_socket()
         self.port = self.front.getsockname()[1]
@@ -85,7 +86,7 @@ class Relay:
                 if back in ready:
                     packet = back.recv(65536)
                     if client and back is self.back:
-                        self.front.sendto(packet, client)
+                        self.front.sendto(self.change(packet), client)
                 if self.front in ready:
                     packet, client = self.front.recvfrom(65536)
                     self.commands.append(packet[4:])

@@ -59,6 +59,8 @@ TEST(Master, SendsRepeatsAndTakesExactlyWhatItShould) {
         // Shorter than the layout: set aside for the one that fits; alone it counts after the timeout.
         {"connect; status; status", "FF 00 > @; FD > FF, FF 02 00 00 00 00; FD > FF 00 00 00 00",
          "ok; 02; XCP response to GET_STATUS too short", "0 0 0"},
+        // What another master's SYNCH was answered with is no refusal.
+        {"connect", "FF 00 > FE 00, @", "ok", "0 0 1"},
         // The second CONNECT's answer is not GET_STATUS's.
         {"connect; status", "FF 00; FF 00 > @; FD > @, FF 01 00 00 00 00", "ok; 01", "1 0 1"},
         // After a lost command an UPLOAD answer is not taken for CONNECT's, even one that reads like it.
@@ -82,6 +84,62 @@ TEST(Master, SendsRepeatsAndTakesExactlyWhatItShould) {
         EXPECT_EQ(bench.run(row.commands), row.results);
         EXPECT_EQ(counts(bench), row.counts);
     }
+}
+
+TEST(Master, ConfirmsThatAnswersBelongToTheirCommands) {
+    const struct {
+        const char* commands;
+        const char* script;
+        const char* results;
+    } rows[] = {
+        {"confirm; fetch; confirm; confirm", "; F5 02 > FF 11 11; FC > FE 00",
+         "in step; FF 11 11; in step; in step"},
+        // The copy of the first answer passes for the second; the one left over comes early or behind SYNCH.
+        {"fetch; fetch; confirm; fetch; confirm",
+         "; F5 02 > FF 11 11; F5 02 > FF 11 11, FF 22 22; FC > FE 00; FC > FE 00; F5 02 > FF 22 22; FC > FE "
+         "00",
+         "FF 11 11; FF 11 11; out of step; FF 22 22; in step"},
+        {"fetch; fetch; confirm; fetch",
+         "; F5 02 > FF 11 11; F5 02 > FF 11 11; FC > FF 22 22, FE 00; FC > FE 00; F5 02 > FF 22 22",
+         "FF 11 11; FF 11 11; out of step; FF 22 22"},
+        // A slave that answers everything twice: alone between two SYNCHs both answers say the same, or else.
+        {"fetchInStep; fetch; confirm",
+         "; F5 02 > FF 11 11, FF 11 11; FC > FE 00, FE 00; FC > FE 00, FE 00; F5 02 > FF 11 11, FF 11 11; "
+         "FC > FE 00, FE 00; FC > FE 00; F5 02 > FF 11 11, FF 22 22; FC > FE 00",
+         "FF 11 11; FF 11 11; out of step"},
+        // One that sends something short before each answer.
+        {"fetchInStep",
+         "; F5 02 > FF, FF 11 11; FC > FF, FE 00; FC > FF, FE 00; F5 02 > FF, FF 11 11; FC > FF, FE 00",
+         "FF 11 11"},
+        {"fetch; confirm; fetch", "; F5 02 > FF 11 11; FC > FE 00; F5 02 > FE 00, FF 22 22",
+         "FF 11 11; in step; FF 22 22"},
+        {"fetchInStep",
+         "; F5 02 > FF 11 11, FF 22 22; FC > FE 00; FC > FE 00; F5 02 > FF 11 11, FF 22 22; FC > FE 00; "
+         "FC > FE 00; F5 02 > FF 11 11, FF 22 22; FC > FE 00",
+         "the ECU's answers do not fit the commands sent to it"},
+        // SYNCH without an answer: asked twice; without answers: believed, and not asked again.
+        {"fetch; fetch; confirm", "; F5 02 > FF 11 11; F5 02 > FF 11 11; FC; FC > FF 22 22, FE 00, FE 00",
+         "FF 11 11; FF 11 11; out of step"},
+        {"fetch; confirm; fetch; confirm", "; F5 02 > FF 11 11; FC; FC; FC; F5 02 > FF 22 22",
+         "FF 11 11; in step; FF 22 22; in step"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.script);
+        Bench bench(std::string("FF 00 > @") + row.script);
+        EXPECT_EQ(bench.run(std::string("connect; ") + row.commands), std::string("ok; ") + row.results);
+    }
+}
+
+TEST(Master, AStopIsNotDrawnOutByASlaveThatIsPending) {
+    Bench bench("FF 00 > @; DD 00");
+    bench.run("connect");
+    const std::jthread pending([&](const std::stop_token& ended) {
+        while (!ended.stop_requested()) {
+            bench.slave.deliver("FD 05");
+            std::this_thread::sleep_for(1ms);
+        }
+    });
+    EXPECT_EQ(bench.run("stopOnce"), "START_STOP_SYNCH: no response from slave (t1)");
 }
 
 TEST(Master, BusyIsRepeatedTwentyTimes) {

@@ -123,10 +123,16 @@ struct Bench {
             return hexText(result.value().data(), result.value().size());
         }
     }
+    Result<Packet> fetch() { return master.transact(buildUpload(2), {.minimumLength = 3}); }
     std::string perform(const std::string& name, const std::string& argument) {
         if (name == "connect") return told(master.connect());
         if (name == "status") return told(master.getStatus());
-        if (name == "fetch") return told(master.transact(buildUpload(2), {.minimumLength = 3}));
+        if (name == "fetch") return told(fetch());
+        if (name == "fetchInStep") return told(inStep(master, [this] { return fetch(); }));
+        if (name == "confirm") {
+            const auto confirmed = master.confirm();
+            return !confirmed ? confirmed.error().text() : confirmed.value() ? "in step" : "out of step";
+        }
         if (name == "upload") return told(master.upload({0x12345678, 1}, std::stoul(argument)));
         if (name == "download") return told(master.download({0x10, 0}, hex(argument)));
         if (name == "stopOnce") return told(master.stopDaqOnce());
