@@ -18,6 +18,7 @@ constexpr std::int64_t kSteepestSlewDivisor = 10;  // so that no list seems to s
 constexpr std::int64_t kProportionalSlewFromNs =
     kMillisecond;  // where 1/kCatchUpDivisor of it per second begins
 constexpr std::int64_t kFutureIsRestartNs = kSecond;
+constexpr std::int64_t kMostOutOfOrderNs = kSecond / 10;
 constexpr std::int64_t kStandstillNs = kSecond / 2;
 
 /// Slave times of absurd tick lengths may pass 64 bits; they wrap instead of being undefined.
@@ -56,14 +57,14 @@ std::uint64_t SlaveClock::follow(const ListClock& list, std::uint32_t raw, std::
         ticks += (static_cast<std::uint64_t>(lag) + static_cast<std::uint64_t>(wrapNs_ / 4)) /
                  static_cast<std::uint64_t>(wrapNs_) * modulus_;
     } else if (lag < -(wrapNs_ / 2)) {
-        // Out of order rather than nearly a whole wrap on; a clock that began anew is anchored below.
+        // Out of order rather than nearly a whole wrap on. A clock that was set back, or began anew, is
+        // followed as it stands: the offset is anchored anew below.
         const std::uint64_t ahead = std::uint64_t{0} - static_cast<std::uint64_t>(lag);
         const auto wraps =
             (ahead + static_cast<std::uint64_t>(wrapNs_ / 2)) / static_cast<std::uint64_t>(wrapNs_);
         const std::uint64_t back = wraps * modulus_;
-        const std::int64_t lagThen =
-            sum(lag, static_cast<std::int64_t>(wraps * static_cast<std::uint64_t>(wrapNs_)));
-        if (back <= ticks && lagThen < kFutureIsRestartNs) ticks -= back;
+        const std::int64_t latest = slaveNs(list.started ? list.ticks : lastTicks_);
+        if (back <= ticks && difference(latest, slaveNs(ticks - back)) < kMostOutOfOrderNs) ticks -= back;
     }
     return ticks;
 }

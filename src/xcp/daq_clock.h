@@ -20,9 +20,12 @@
 // - No guard is larger than an eighth of the counter's wrap. No time is later than the receive time.
 // - A list's times never step back.
 // - A counter that wrapped unseen (an event that paused, a one-byte counter): a time more than three quarters
-//   of a wrap behind the receive time gets the missing whole wraps. A time more than a second in the future
-//   means that the slave's clock began anew, two windows whose least difference is more than half a second
-//   above the offset that it stood still: the offset anchors anew.
+//   of a wrap behind the receive time gets the missing whole wraps.
+// - A stamp less than 100 ms behind its list's last one came out of order; one further behind is taken
+//   forward, nearly a whole wrap on, and so lies in the future.
+// - More than a second in the future means that the slave's clock was set or began anew, two windows whose
+//   least difference is more than half a second above the offset that it stood still: the offset anchors
+//   anew.
 //
 // Threads: one thread at a time (the receive thread). Lifetime: plain values.
 #pragma once

@@ -94,6 +94,8 @@ TEST(DaqClock, AnchorsAnewWhenTheSlaveRestartsOrItsClockStoodStill) {
     EXPECT_LE(feed(10 * kMs, 3 * kSecond + 10 * kMs, 100), kMs);
     EXPECT_GE(feed(kSecond + 10 * kMs, 60 * kSecond, 1), 50 * kSecond);  // late, or stood still?
     EXPECT_LE(feed(kSecond + 20 * kMs, 60 * kSecond + 10 * kMs, 600), kMs);
+    EXPECT_LE(feed(6'600 * kMs, 66'010 * kMs, 1), kMs);  // set back by 0.42 s
+    EXPECT_LE(feed(6'610 * kMs, 66'020 * kMs, 100), kMs);
 }
 
 TEST(DaqClock, HostileStampsStayOrderedAndInThePast) {
