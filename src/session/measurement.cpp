@@ -56,6 +56,18 @@ Result<double> acceptedLoad(const MeasurementPlan& plan, const MeasurementContex
     return Error{ErrorCode::invalidArgument, text.data()};
 }
 
+/// What the ECU told, but no DTO longer than a CAN frame: on a bus of short frames it would never come.
+xcp::ConnectInfo carriedBy(const TransportSetup& transport, xcp::ConnectInfo info) {
+    if (!transport.can) return info;
+    const std::size_t frame =
+        transport.can->transportConfig().fd ? hal::CanFrame::kMaxData : hal::CanFrame::kMaxClassicData;
+    if (info.maxDto <= frame) return info;
+    spdlog::warn("the ECU says MAX_DTO {}, a CAN frame holds {} bytes: its ODTs are made for those",
+                 info.maxDto, frame);
+    info.maxDto = static_cast<std::uint16_t>(frame);
+    return info;
+}
+
 /// What a recording says about where it comes from.
 std::string sourceOf(const EcuAddress& address) {
     const char* medium = address.kind == TransportKind::can      ? "XCP on CAN "
@@ -85,7 +97,7 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
                                                         const MeasurementOptions& options) {
     const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
     auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
-                                context.master.connectInfo());
+                                carriedBy(context.transport, context.master.connectInfo()));
     if (!plan.ok()) return plan.error();
     const auto load = acceptedLoad(plan.value(), context);
     if (!load.ok()) return load.error();

@@ -145,6 +145,14 @@ Result<void> numberOdts(DaqPlan& plan) {
     return {};
 }
 
+Result<void> checkListNumbers(const DaqPlan& plan) {
+    const std::size_t limit = plan.identification == DaqIdentification::relativeByte ? 0xFF : 0xFFFF;
+    const std::size_t last = std::size_t{plan.firstListNumber} + plan.lists.size() - 1;
+    if (plan.lists.empty() || last <= limit) return {};
+    return invalid(
+        fmt::format("DAQ list {} exceeds {}, the largest number in the identification field", last, limit));
+}
+
 }  // namespace
 
 std::uint8_t identificationSize(DaqIdentification type) {
@@ -197,6 +205,7 @@ Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilitie
         if (auto packed = packGroup(group.second, room.value(), plan); !packed) return packed.error();
     }
     if (auto numbered = numberOdts(plan); !numbered) return numbered.error();
+    if (auto checked = checkListNumbers(plan); !checked) return checked.error();
     return plan;
 }
 

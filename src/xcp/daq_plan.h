@@ -117,7 +117,8 @@ struct DaqPlan {
 /// into the first ODT with room. Errors: unsupported "static DAQ configuration is not supported";
 /// invalidArgument "MAX_DTO too small for identification field and timestamp", "signal of N bytes does not
 /// fit into an ODT entry (max M)", "event channel N does not exist", "first ODT of event N is empty (signals
-/// too large next to the timestamp)", "N ODTs exceed the LIMIT available PIDs".
+/// too large next to the timestamp)", "N ODTs exceed the LIMIT available PIDs", "DAQ list N exceeds LIMIT,
+/// the largest number in the identification field".
 Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilities& capabilities,
                         const DaqPlanOptions& options);
 

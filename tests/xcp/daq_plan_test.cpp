@@ -84,6 +84,11 @@ TEST(DaqPlan, RefusesWhatDoesNotFit) {
     overload.overloadInPid = true;
     DaqCapabilities relative = slave();
     relative.identification = DaqIdentification::relativeWord;
+    DaqCapabilities crowded = slave();
+    crowded.identification = DaqIdentification::relativeByte;
+    crowded.minDaq = 254;
+    DaqCapabilities overfull = crowded;
+    overfull.minDaq = 255;
     const struct {
         DaqCapabilities capabilities;
         std::uint16_t maxDto;
@@ -113,6 +118,9 @@ TEST(DaqPlan, RefusesWhatDoesNotFit) {
         {overload, 8, 1, signal(0, 4), "125 ODTs exceed the 124 available PIDs", 125},
         {relative, 8, 1, signal(0, 4), "", 504},
         {relative, 8, 1, signal(0, 4), "253 ODTs exceed the 252 available PIDs", 505},
+        {crowded, 8, 1, signal(0, 4), "", 2},
+        {overfull, 8, 1, signal(0, 4),
+         "DAQ list 256 exceeds 255, the largest number in the identification field", 2},
     };
     for (const auto& row : rows) {
         std::vector<DaqSignal> signals(row.count, row.signal);
