@@ -1,13 +1,37 @@
 #include "session/can_access.h"
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <spdlog/spdlog.h>
 
 namespace lm::session {
 namespace {
+
+// A controller that changes its state again and again must not bury everything else that is said.
+constexpr std::int64_t kMessagePauseNs = 10'000'000'000;
+constexpr std::int64_t kMessagesAtOnce = 6;
+constexpr const char* kWillHide =
+    " (from now on a change is told every 10 s at most, the others are counted)";
+
+const char* stateName(hal::CanBusState state) {
+    switch (state) {
+        case hal::CanBusState::errorActive:
+            return "error active";
+        case hal::CanBusState::errorWarning:
+            return "error warning";
+        case hal::CanBusState::errorPassive:
+            return "error passive";
+        case hal::CanBusState::busOff:
+            return "bus off";
+        case hal::CanBusState::unknown:
+            break;
+    }
+    return "state unknown";
+}
 
 Result<void> checkId(std::uint32_t id) {
     const auto split = xcp::CanId::fromA2l(id);
@@ -71,6 +95,11 @@ Result<std::unique_ptr<CanAccess>> CanAccess::obtain(const SessionConfig::Can& c
     if (described.fd && !config.fd) {
         spdlog::warn("the A2L says that the ECU speaks CAN FD, and the configuration does not (can.fd)");
     }
+    if (config.dataBitrate && !config.bitrate) {
+        spdlog::warn(
+            "{}: can.dataBitrate alone only counts for the load estimate; with can.bitrate it is set",
+            config.interface);
+    }
     auto channel = pool.acquire(channelConfig(config));
     if (!channel.ok()) return channel.error();
 
@@ -91,6 +120,10 @@ Result<std::unique_ptr<CanAccess>> CanAccess::obtain(const SessionConfig::Can& c
 }
 
 CanAccess::~CanAccess() {
+    if (hidden_ > 0) {
+        spdlog::warn("{}: {} further change(s) of state not told, now {}", channel_->name(), hidden_,
+                     stateName(channel_->busState()));
+    }
     channel_->releaseIds(this);
 }
 
@@ -112,7 +145,7 @@ void CanAccess::report(const hal::CanChannelEvent& event) {
     const std::string& name = channel_->name();
     switch (event.kind) {
         case CanChannelEventKind::stateChanged:
-            return reportState(event.state);
+            return reportState(event.state, event.timeNs);
         case CanChannelEventKind::framesLost:
             if (!lossReported_.exchange(true)) {
                 spdlog::warn("{}: {} frame(s) lost; further losses are only counted", name, event.value);
@@ -127,29 +160,35 @@ void CanAccess::report(const hal::CanChannelEvent& event) {
 
 void CanAccess::reportBusState() {
     const hal::CanBusState state = channel_->busState();
-    if (state == hal::CanBusState::busOff || state == hal::CanBusState::errorPassive) reportState(state);
+    if (state != hal::CanBusState::busOff && state != hal::CanBusState::errorPassive) return;
+    reportState(state, std::chrono::steady_clock::now().time_since_epoch().count());
 }
 
-void CanAccess::reportState(hal::CanBusState state) {
+void CanAccess::reportState(hal::CanBusState state, std::int64_t timeNs) {
+    const std::lock_guard lock(stateMutex_);
     const std::string& name = channel_->name();
-    switch (state) {
-        case hal::CanBusState::busOff:
-            troubleReported_ = true;
-            return spdlog::warn(
-                "{}: bus off, nothing is sent any more. Restart the controller in a terminal: "
-                "`sudo ip link set {} type can restart`",
-                name, name);
-        case hal::CanBusState::errorPassive:
-            troubleReported_ = true;
-            return spdlog::warn("{}: error passive: check bit rate, wiring and termination", name);
-        case hal::CanBusState::errorActive:
-            if (troubleReported_.exchange(false)) return spdlog::warn("{}: error active again", name);
-            return spdlog::info("{}: error active", name);
-        case hal::CanBusState::errorWarning:
-            return spdlog::info("{}: error warning", name);
-        case hal::CanBusState::unknown:
-            return;
+    const bool trouble = state == hal::CanBusState::busOff || state == hal::CanBusState::errorPassive;
+    const bool over = troubleTold_ && state == hal::CanBusState::errorActive;
+    if (!trouble && !over) return spdlog::info("{}: {}", name, stateName(state));
+
+    const std::int64_t due = std::max(spentNs_, timeNs);
+    if (due - timeNs > (kMessagesAtOnce - 1) * kMessagePauseNs) {
+        ++hidden_;
+        return;
     }
+    spentNs_ = due + kMessagePauseNs;
+    std::string text(stateName(state));
+    if (over) text += " again";
+    if (state == hal::CanBusState::errorPassive) text += ": check bit rate, wiring and termination";
+    if (state == hal::CanBusState::busOff) {
+        text += ", nothing is sent any more. Restart the controller in a terminal: `sudo ip link set " +
+                name + " type can restart`";
+    }
+    if (hidden_ > 0) text += fmt::format(" ({} changes before it not told)", hidden_);
+    if (spentNs_ - timeNs > (kMessagesAtOnce - 1) * kMessagePauseNs) text += kWillHide;
+    spdlog::warn("{}: {}", name, text);
+    troubleTold_ = trouble;
+    hidden_ = 0;
 }
 
 }  // namespace lm::session

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <string>
 #include <utility>
 
 #include "a2l/xcp_interface.h"
@@ -47,7 +49,8 @@ class CanAccess {
     double claimLoad(double load) { return channel_->claimLoad(this, load); }
     void releaseLoad() { channel_->claimLoad(this, 0); }
 
-    /// Says what happened on the bus: warnings that a user can act upon, the rest for the curious.
+    /// Says what happened on the bus: warnings that a user can act upon, the rest for the curious. Of a
+    /// controller that changes its state again and again some changes are told, the others counted.
     void report(const hal::CanChannelEvent& event);
     /// The same for a controller that is in trouble already.
     void reportBusState();
@@ -55,7 +58,7 @@ class CanAccess {
   private:
     explicit CanAccess(std::shared_ptr<SharedChannel> channel) : channel_(std::move(channel)) {}
 
-    void reportState(hal::CanBusState state);
+    void reportState(hal::CanBusState state, std::int64_t timeNs);
 
     // Constant once obtain() has returned.
     const std::shared_ptr<SharedChannel> channel_;
@@ -64,9 +67,12 @@ class CanAccess {
     std::uint32_t resId_ = 0;
     CanBitrates described_;
 
-    // Said once, or until it is over.
-    std::atomic<bool> lossReported_{false};
-    std::atomic<bool> troubleReported_{false};
+    std::atomic<bool> lossReported_{false};  ///< said once
+
+    std::mutex stateMutex_;     // everything below
+    bool troubleTold_ = false;  ///< and not yet its end
+    std::uint64_t hidden_ = 0;  ///< changes since the last message
+    std::int64_t spentNs_ = 0;  ///< until then the messages so far have used up the time that is for each
 };
 
 }  // namespace lm::session

@@ -7,6 +7,7 @@
 #include "session/session.h"
 #include "sim/a2l_writer.h"
 #include "sim/ecu.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace lm::session {
@@ -18,6 +19,8 @@ class CanSession : public testing::Test, private ISessionListener {
     CanSession() {
         options_.maxDto = options_.maxCto = 8;
         options_.timestampSize = 2;
+        boastful_ = options_;
+        boastful_.maxDto = 64;
         std::ofstream(directory_.path() / "a2l") << sim::a2lText(options_, sim::Catalog(options_));
         bus_.onSend = [this](const hal::CanFrame& frame) {
             sim::Outbox out;
@@ -58,7 +61,8 @@ class CanSession : public testing::Test, private ISessionListener {
 
     lm::test::TempDir directory_;
     sim::Options options_;
-    std::array<sim::Ecu, 2> ecus_{sim::Ecu{options_, {}, nowNs()}, sim::Ecu{options_, {}, nowNs()}};
+    sim::Options boastful_;  ///< says a MAX_DTO that no frame of this bus holds
+    std::array<sim::Ecu, 2> ecus_{sim::Ecu{options_, {}, nowNs()}, sim::Ecu{boastful_, {}, nowNs()}};
     broker::test::FakeCan bus_;
     ChannelPool pool_{bus_};
     std::mutex mutex_;
@@ -86,7 +90,7 @@ TEST_F(CanSession, TwoEcusShareLoadAndReconnectionOfOneChannel) {
     awaitMessage("connection lost: gone");
     bus_.gone = false;
     awaitMessage("reconnected after ");
-    EXPECT_TRUE(second.value()->open() && second.value()->read("cal_gain"));
+    EXPECT_TRUE(second.value()->open() && second.value()->read(std::array{std::string("cal_gain")}).front());
     EXPECT_EQ(bus_.opened, 2U) << "opened once again for both";
     bus_.statistics.framesLost = 12;
     EXPECT_TRUE(first.value()->stopMeasurement());
@@ -94,6 +98,32 @@ TEST_F(CanSession, TwoEcusShareLoadAndReconnectionOfOneChannel) {
     EXPECT_TRUE(second.value()->startMeasurement({many, {}, nullptr})) << "the load is given back";
     first.value().reset();
     EXPECT_TRUE(create(0x80000600)) << "so are the identifiers";
+}
+
+TEST_F(CanSession, AFlappingControllerIsToldInMeasure) {
+    const lm::test::LogCapture log;
+    spdlog::default_logger()->set_level(spdlog::level::warn);
+    {
+        auto session = create(0x600);
+        ASSERT_TRUE(session && session.value()->open());
+        std::int64_t now = nowNs();
+        const auto change = [&](hal::CanBusState state, int seconds) {
+            now += seconds * std::int64_t{1'000'000'000};
+            bus_.sink->onChannelEvent({hal::CanChannelEventKind::stateChanged, now, state, 0});
+        };
+        for (int i = 0; i < 1000; ++i) {
+            change(hal::CanBusState::errorPassive, 0);
+            change(hal::CanBusState::errorActive, 0);
+        }
+        change(hal::CanBusState::errorPassive, 11);
+        change(hal::CanBusState::busOff, 1);
+    }
+    const std::string passive = "warning can0: error passive: check bit rate, wiring and termination";
+    const std::string active = "warning can0: error active again";
+    const std::string hides = " (from now on a change is told every 10 s at most, the others are counted)\n";
+    EXPECT_EQ(log.text(), passive + "\n" + active + "\n" + passive + "\n" + active + "\n" + passive + "\n" +
+                              active + hides + passive + " (997 changes before it not told)" + hides +
+                              "warning can0: 1 further change(s) of state not told, now error active\n");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "broker/fake_can.h"
+#include "support/log_capture.h"
 
 namespace lm::session {
 namespace {
@@ -111,7 +112,11 @@ void expectSecond(std::optional<std::uint32_t> firstRate, bool secondFd, std::ui
 }
 
 TEST(TransportChoice, EcusOnOneChannelMustAgree) {
-    expectSecond({}, true, 500'000, 2'000'000, "");
+    {
+        const lm::test::LogCapture log;
+        expectSecond({}, true, 500'000, 2'000'000, "");
+        EXPECT_TRUE(log.text().starts_with("warning can0: can.dataBitrate alone only counts ")) << log.text();
+    }
     expectSecond(500'000, true, 500'000, 2'000'000, "");
     expectSecond(500'000, true, 250'000, 2'000'000,
                  "can0: bitrate 250000 conflicts with 500000 of another ECU on this channel");
