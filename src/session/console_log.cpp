@@ -43,10 +43,13 @@ void ConsoleLog::add(ConsoleLineKind kind, std::string text) {
 }
 
 void ConsoleLog::appendLocked(ConsoleLine line) {
+    bytes_ += line.text.size();
     lines_.push_back(std::move(line));
-    if (lines_.size() <= kCapacity) return;
-    lines_.pop_front();
-    ++fallenOut_;
+    while (lines_.size() > kCapacity || bytes_ > kMaxBytes) {
+        bytes_ -= lines_.front().text.size();
+        lines_.pop_front();
+        ++fallenOut_;
+    }
 }
 
 ConsoleLog::Reading ConsoleLog::read(std::uint64_t& position) const {

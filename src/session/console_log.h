@@ -1,7 +1,8 @@
 // The lines of the plain-text conversation with an ECU on a serial line, for a console to show them: what the
 // ECU printed, what was sent to it, what became of the line.
 //
-// Threads: any. Lifetime: owns its lines, the last kCapacity of them.
+// Threads: any. Lifetime: owns its lines, the last kCapacity or
+// kMaxBytes of them.
 #pragma once
 
 #include <chrono>
@@ -34,6 +35,8 @@ struct ConsoleLine {
 class ConsoleLog final : public xcp::ITextSink {
   public:
     static constexpr std::size_t kCapacity = 10000;
+    /// Of their texts; an ECU that prints long lines does not fill the memory with them.
+    static constexpr std::size_t kMaxBytes = std::size_t{4} << 20U;
 
     /// Adds a line with the time of now. What the ECU prints is also logged at debug level, for commands that
     /// do not show it.
@@ -59,6 +62,7 @@ class ConsoleLog final : public xcp::ITextSink {
 
     mutable std::mutex mutex_;  // everything below
     std::deque<ConsoleLine> lines_;
+    std::size_t bytes_ = 0;          ///< of lines_
     std::uint64_t fallenOut_ = 0;    ///< number of the first line in lines_
     bool holding_ = false;           ///< a line is being sent
     std::vector<ConsoleLine> held_;  ///< added meanwhile

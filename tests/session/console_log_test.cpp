@@ -40,6 +40,10 @@ TEST(ConsoleLog, AReaderGoesOnWhereItStopped) {
     EXPECT_EQ(texts(log, position), Lines{"later"});
     std::uint64_t other = 0;
     EXPECT_EQ(texts(log, other)[0], "missed 4");
+    for (std::size_t i = 0; i < 1030; ++i)
+        log.onText(std::string(4096, 'x'));
+    other = 0;
+    EXPECT_EQ(texts(log, other).size(), 1 + ConsoleLog::kMaxBytes / 4096);
 }
 
 TEST(ConsoleLog, ASentLineStandsBeforeItsAnswer) {
