@@ -143,7 +143,9 @@ Result<void> encodePhysical(const ResolvedObject& object, double physical, std::
     }
     const Result<double> raw = object.conversion.toRaw(physical);
     if (!raw) return withName(object, raw.error());
-    Result<void> encoded = encodeRaw(raw.value(), object.coding, buffer);
+    // Beyond its type's range a float would silently become infinite, and an inverse formula may yield NaN.
+    Result<void> encoded = requireFinite(raw.value(), object.coding.dataType);
+    if (encoded) encoded = encodeRaw(raw.value(), object.coding, buffer);
     if (!encoded) return withName(object, encoded.error());
     return encoded;
 }

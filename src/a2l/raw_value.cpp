@@ -143,6 +143,11 @@ bool fits(double whole, unsigned width, bool isSignedField) {
     return whole >= -bound && whole < bound;
 }
 
+Error outOfRange(const std::string& value, DataType type) {
+    return {ErrorCode::invalidArgument,
+            "raw value " + value + " outside the range of " + std::string(dataTypeName(type))};
+}
+
 }  // namespace
 
 RawDecodeFunction rawDecoder(const RawCoding& coding) {
@@ -167,15 +172,23 @@ Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uin
     const double whole = std::round(value);
     const Field field = fieldOf(coding);
     if (!fits(whole, field.width, isSigned(coding.dataType))) {
-        return Error{ErrorCode::invalidArgument, "raw value " + formatFixed(whole, 6) +
-                                                     " outside the range of " +
-                                                     std::string(dataTypeName(coding.dataType))};
+        return outOfRange(formatFixed(whole, 6), coding.dataType);
     }
     const std::uint64_t bits = whole < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(whole))
                                          : static_cast<std::uint64_t>(whole);
     const std::uint64_t old = readSized(buffer.data(), size, coding.byteOrder);
     const std::uint64_t merged = (((bits << field.shift) ^ old) & field.mask) ^ old;
     writeSized(buffer.data(), merged, size, coding.byteOrder);
+    return {};
+}
+
+Result<void> requireFinite(double value, DataType type) {
+    if (!isFloat(type)) return {};
+    const auto single = static_cast<float>(value);
+    const double stored = type == DataType::float64   ? value
+                          : type == DataType::float32 ? double{single}
+                                                      : doubleFromHalf(halfFromSingle(single));
+    if (!std::isfinite(stored)) return outOfRange(formatGeneral(value), type);
     return {};
 }
 

@@ -54,4 +54,7 @@ RawDecodeFunction rawDecoder(const RawCoding& coding);
 /// "raw value V outside the range of TYPE".
 Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uint8_t> buffer);
 
+/// Refuses, in the words of encodeRaw(), what a float type could hold as infinity or NaN only.
+Result<void> requireFinite(double value, DataType type);
+
 }  // namespace lm::a2l

@@ -30,13 +30,21 @@ class Field:
         value &= self.mask >> self.shift if self.mask else (1 << self.width) - 1
         return value - (1 << self.width) if self.coding == "signed" and value >> (self.width - 1) else value
 
+    @staticmethod
+    def rounded(raw):
+        """To the nearest integer, halves away from zero."""
+        whole = math.floor(abs(raw))
+        return int(math.copysign(whole + (abs(raw) - whole >= 0.5), raw))
+
     def stored(self, raw):
-        """The same of a typed number: integers round half away from zero and must fit."""
+        """The same of a typed number: integers are rounded, and what the type cannot hold is no value."""
         if not self.whole:
-            # A half is made of the single that is next to the double.
-            return self.wrapped(struct.unpack("f", struct.pack("f", raw))[0] if self.coding == "e" else raw)
-        rounded = math.floor(abs(raw))
-        rounded = int(math.copysign(rounded + (abs(raw) - rounded >= 0.5), raw))
+            # A half is made of the single that is next to the double; without a prefix the codes overflow to infinity.
+            value = self.wrapped(struct.unpack("f", struct.pack("f", raw))[0] if self.coding == "e" else raw)
+            if not math.isfinite(value):
+                raise ValueError(f"{raw} does not fit into {self.type}")
+            return value
+        rounded = self.rounded(raw)
         low, high = self.bounds()
         if not low <= rounded <= high:
             raise ValueError(f"{rounded} does not fit into {self.type} {self.mask:#x}")
