@@ -1,56 +1,85 @@
-// From a file to its description: mapping or reading, the encoding, and the memory on the way.
+// From a file to its description: reading, the encoding, and the memory on the way.
+//
+// The file is read, not mapped: a mapping of a file that another program cuts short meanwhile ends the
+// process.
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <string>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "a2l/parser.h"
-#include "core/platform.h"
 #include "core/text.h"
 
 namespace lm::a2l {
 namespace {
 
-// A parser that, as the text goes by, also checks its encoding and gives back its pages.
-class LoadingParser : public Parser {
+constexpr std::size_t kReadStep = std::size_t{256} << 10U;
+
+/// The bytes of a file as they come, and whether they are UTF-8: this is seen while they are in the cache,
+/// not in a pass of its own over hundreds of megabytes.
+class FileText {
   public:
-    LoadingParser(std::string_view text, const MappedFile* file)
-        : Parser(text.size()), text_(text), file_(file) {}
+    explicit FileText(std::size_t expected) : capacity_(expected), bytes_(allocate(expected)) {}
 
-    // What was found not to be UTF-8 is read again anyway.
-    Step opened(std::string_view keyword, std::size_t depth) override {
-        return utf8_ ? Parser::opened(keyword, depth) : Step::skip;
+    std::string_view text() const { return {bytes_.get(), size_}; }
+
+    /// Room for at least one more step.
+    char* room() {
+        if (capacity_ - size_ < kReadStep) grow(size_ + size_ / 2 + kReadStep);
+        return bytes_.get() + size_;
+    }
+    std::size_t roomSize() const { return std::min(capacity_ - size_, kReadStep); }
+
+    void add(std::size_t count) {
+        size_ += count;
+        // The last character may go on in the next step.
+        std::size_t whole = size_;
+        for (int i = 0; i < 4 && whole > checked_; ++i) {
+            if ((static_cast<unsigned char>(bytes_[--whole]) & 0xC0U) != 0x80U) break;
+        }
+        check(whole);
     }
 
-    void passed(std::size_t offset) override {
-        Parser::passed(offset);
-        check(offset);
-        if (file_ != nullptr) file_->discardBefore(offset);
-    }
-
-    // True when the whole text is UTF-8.
-    bool checkRest() {
-        check(text_.size());
+    /// To be asked when everything was added.
+    bool isUtf8() {
+        check(size_);
         return utf8_;
     }
 
   private:
-    void check(std::size_t offset) {
-        const auto cutsCharacter = [&] {
-            return (static_cast<unsigned char>(text_[offset]) & 0xC0U) == 0x80U;
-        };
-        while (offset < text_.size() && cutsCharacter())
-            ++offset;
-        if (offset <= checked_) return;
-        utf8_ = utf8_ && isValidUtf8(text_.substr(checked_, offset - checked_));
-        checked_ = offset;
+    static std::unique_ptr<char[]> allocate(std::size_t size) {
+        constexpr std::size_t kPage = 4096;
+        // Left uninitialised: zeroing would take another pass.
+        std::unique_ptr<char[]> bytes(new char[size]);
+        // Asking the system for one small page after the other costs more than reading the file into them.
+        // Where it has no large ones, nothing is lost.
+        void* whole = bytes.get();
+        if (std::align(kPage, kPage, whole, size) != nullptr)
+            ::madvise(whole, size / kPage * kPage, MADV_HUGEPAGE);
+        return bytes;
+    }
+    void grow(std::size_t capacity) {
+        std::unique_ptr<char[]> larger = allocate(capacity);
+        std::memcpy(larger.get(), bytes_.get(), size_);
+        bytes_ = std::move(larger);
+        capacity_ = capacity;
+    }
+    void check(std::size_t end) {
+        utf8_ = utf8_ && isValidUtf8(text().substr(checked_, end - checked_));
+        checked_ = end;
     }
 
-    std::string_view text_;
-    const MappedFile* file_;
+    std::size_t capacity_;
+    std::unique_ptr<char[]> bytes_;
+    std::size_t size_ = 0;
     std::size_t checked_ = 0;
     bool utf8_ = true;
 };
@@ -61,31 +90,13 @@ Result<Description> parseUtf8(std::string_view text) {
     return parser.finish();
 }
 
-// Piece by piece, so that the pages of the file need not be in memory together with the copy.
-std::string convertedFromWindows1252(std::string_view text, const MappedFile* file) {
-    std::string converted;
-    converted.reserve(text.size() + text.size() / 8);
-    for (std::size_t at = 0; at < text.size(); at += BlockVisitor::kPassedStep) {
-        converted += windows1252ToUtf8(text.substr(at, BlockVisitor::kPassedStep));
-        if (file != nullptr) file->discardBefore(at);
-    }
-    return converted;
-}
-
-Result<Description> parseText(std::string_view text, const MappedFile* file) {
+/// The text in UTF-8 when it is something else; none for UTF-8.
+std::optional<std::string> converted(std::string_view text, bool isUtf8) {
     constexpr std::size_t kMarkSize = 2;
-    if (text.starts_with("\xFF\xFE")) return parseUtf8(utf16ToUtf8(text.substr(kMarkSize), false));
-    if (text.starts_with("\xFE\xFF")) return parseUtf8(utf16ToUtf8(text.substr(kMarkSize), true));
-    {
-        // Nearly all files are UTF-8: whether this one is shows on the way, not in a pass of its own.
-        LoadingParser parser(text, file);
-        const auto result = scan(text, parser);
-        if (parser.checkRest()) {
-            if (!result) return result.error();
-            return parser.finish();
-        }
-    }
-    return parseUtf8(convertedFromWindows1252(text, file));
+    if (text.starts_with("\xFF\xFE")) return utf16ToUtf8(text.substr(kMarkSize), false);
+    if (text.starts_with("\xFE\xFF")) return utf16ToUtf8(text.substr(kMarkSize), true);
+    if (isUtf8) return std::nullopt;
+    return windows1252ToUtf8(text);
 }
 
 Error cannotOpen(const std::filesystem::path& path, int systemError) {
@@ -93,50 +104,45 @@ Error cannotOpen(const std::filesystem::path& path, int systemError) {
     return Error{code, "cannot open A2L file " + path.string(), systemError, Error::kNoDetail};
 }
 
-// What cannot be mapped: pipes, devices, files of /proc.
-Result<std::string> readAll(const std::filesystem::path& path) {
-    constexpr std::size_t kStep = std::size_t{256} << 10U;
-    int descriptor = -1;
-    do {
-        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    } while (descriptor < 0 && errno == EINTR);
-    if (descriptor < 0) return cannotOpen(path, errno);
-    std::string text;
-    std::size_t size = 0;
+/// 0, or the errno of what failed.
+int readAll(int descriptor, FileText& text) {
     for (;;) {
-        if (text.size() - size < kStep) text.resize(size + size / 2 + kStep);
-        const ssize_t count = ::read(descriptor, text.data() + size, text.size() - size);
-        if (count == 0) break;
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) {
-            const int systemError = errno;
-            ::close(descriptor);
-            if (systemError == EISDIR) return cannotOpen(path, systemError);
-            return Error::fromErrno(systemError, "cannot read A2L file " + path.string());
+        char* const room = text.room();
+        const ssize_t count = ::read(descriptor, room, text.roomSize());
+        if (count == 0) return 0;
+        if (count > 0) {
+            text.add(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            return errno;
         }
-        size += static_cast<std::size_t>(count);
     }
-    ::close(descriptor);
-    text.resize(size);
-    return text;
 }
 
 }  // namespace
 
 Result<Description> load(const std::filesystem::path& path) {
+    int descriptor = -1;
+    do {
+        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    } while (descriptor < 0 && errno == EINTR);
+    if (descriptor < 0) return cannotOpen(path, errno);
     struct stat status {};
-    if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0) {
-        const auto file = MappedFile::open(path);
-        if (file) return parseText(file.value().text(), &file.value());
-        if (file.error().sysErrno != ENODEV) return cannotOpen(path, file.error().sysErrno);
-    }
-    const auto text = readAll(path);
-    if (!text) return text.error();
-    return parseText(text.value(), nullptr);
+    const bool sized = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    FileText text((sized ? static_cast<std::size_t>(status.st_size) : 0) + kReadStep);
+    const int failure = readAll(descriptor, text);
+    ::close(descriptor);
+    if (failure == EISDIR) return cannotOpen(path, failure);
+    if (failure != 0) return Error::fromErrno(failure, "cannot read A2L file " + path.string());
+
+    const auto other = converted(text.text(), text.isUtf8());
+    if (!other) return parseUtf8(text.text());
+    text = FileText(0);
+    return parseUtf8(*other);
 }
 
 Result<Description> parseDescription(std::string_view text) {
-    return parseText(text, nullptr);
+    const auto other = converted(text, isValidUtf8(text));
+    return parseUtf8(other ? *other : text);
 }
 
 }  // namespace lm::a2l

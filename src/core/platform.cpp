@@ -89,10 +89,4 @@ MappedFile::~MappedFile() {
     if (data_ != nullptr) munmap(const_cast<char*>(data_), size_);  // NOLINT(*-const-cast)
 }
 
-void MappedFile::discardBefore(std::size_t offset) const {
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const std::size_t length = offset / page * page;
-    if (length > 0) madvise(const_cast<char*>(data_), length, MADV_DONTNEED);  // NOLINT(*-const-cast)
-}
-
 }  // namespace lm

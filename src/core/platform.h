@@ -21,7 +21,7 @@ std::filesystem::path userConfigDirectory();
 /// Raises the soft limit of open files to the hard limit, once per process; a refusal is ignored.
 void raiseOpenFileLimit();
 
-/// A read-only view of a whole file.
+/// A read-only view of a whole file that nobody cuts short meanwhile: touching what is gone ends the process.
 class MappedFile {
   public:
     /// Errors: notFound (ENOENT) or ioError with "cannot open PATH", ioError with "cannot map PATH"; both
@@ -37,10 +37,6 @@ class MappedFile {
     const char* data() const { return data_; }
     std::size_t size() const { return size_; }
     std::string_view text() const { return {data_, size_}; }
-
-    /// Tells the kernel that the bytes before `offset` are no longer needed in memory (they are read again
-    /// from the file when touched).
-    void discardBefore(std::size_t offset) const;
 
   private:
     MappedFile(const char* data, std::size_t size) : data_(data), size_(size) {}
