@@ -6,12 +6,14 @@
 #include <fcntl.h>
 #include <limits>
 #include <set>
+#include <stdexcept>
 #include <unistd.h>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 #include <spdlog/spdlog.h>
 
+#include "core/durable_file.h"
 #include "core/text.h"
 
 namespace lm::session {
@@ -257,10 +259,16 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
     document.readTexts("measurement", config.measurement);
 }
 
+constexpr int kMaxDepth = 64;
+/// Far above any configuration; a device that never ends is not read for ever.
+constexpr std::size_t kMaxSize = std::size_t{16} << 20U;
+
 // The library keeps the last of two equal keys without a word.
 json parseWarningOfDuplicates(std::string_view text) {
     std::vector<std::set<std::string>> keys;
-    const auto watch = [&keys](int, json::parse_event_t event, json& parsed) {
+    const auto watch = [&keys](int depth, json::parse_event_t event, json& parsed) {
+        // An open level costs many times the byte that opens it; ours are three.
+        if (depth > kMaxDepth) throw std::length_error("nested deeper than 64 levels");
         if (event == json::parse_event_t::object_start) {
             keys.emplace_back();
         } else if (event == json::parse_event_t::object_end) {
@@ -336,30 +344,16 @@ Result<std::string> readWhole(const std::filesystem::path& path) {
     do {
         count = ::read(file, block.data(), block.size());
         if (count > 0) text.append(block.data(), static_cast<std::size_t>(count));
-    } while (count > 0 || (count < 0 && errno == EINTR));
+    } while ((count > 0 && text.size() <= kMaxSize) || (count < 0 && errno == EINTR));
     const int failure = count < 0 ? errno : 0;
     ::close(file);
+    if (text.size() > kMaxSize) {
+        return Error{ErrorCode::invalidArgument, "configuration " + path.string() + " is larger than 16 MiB"};
+    }
     if (failure != 0) {
         return Error{ErrorCode::ioError, "cannot read configuration " + path.string(), failure};
     }
     return text;
-}
-
-// 0 or the errno of what failed. A close that was interrupted has closed the file.
-int writeWhole(const std::filesystem::path& path, std::string_view text) {
-    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (file < 0) return errno;
-    int failure = 0;
-    while (!text.empty() && failure == 0) {
-        const ssize_t count = ::write(file, text.data(), text.size());
-        if (count >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            failure = errno;
-        }
-    }
-    if (::close(file) != 0 && errno != EINTR && failure == 0) failure = errno;
-    return failure;
 }
 
 }  // namespace
@@ -391,7 +385,7 @@ Result<SessionConfig> sessionConfigFromJson(std::string_view text,
         if (failure) return *failure;
         root.warnUnknown();
         return config;
-    } catch (const json::exception& e) {
+    } catch (const std::exception& e) {
         return Error{ErrorCode::invalidArgument, std::string("configuration: ") + e.what()};
     }
 }
@@ -417,7 +411,7 @@ Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionC
     } catch (const json::exception& e) {
         return Error{ErrorCode::invalidArgument, "cannot write " + path.string() + ": " + e.what()};
     }
-    if (const int failure = writeWhole(path, text); failure != 0) {
+    if (const int failure = replaceOrWrite(path, text); failure != 0) {
         return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
     }
     return {};

@@ -108,9 +108,10 @@ std::string sessionConfigToJson(const SessionConfig& config);
 /// errno), and those of the conversion behind "PATH: ".
 Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path);
 
-/// Overwrites the file (or writes to the device) that `path` names. Errors: "cannot write PATH" with the
-/// errno, the file may then be cut short; invalidArgument "cannot write PATH: ..." when a text of the
-/// configuration is not UTF-8, the file is then untouched.
+/// Replaces the file that `path` names by a new one, whole and on the disk, of the same owner (as far as the
+/// system allows) and rights, or writes to the device or pipe. Errors: "cannot write PATH" with the errno, a
+/// file is then the whole old or the whole new one; invalidArgument "cannot write PATH: ..." when a text of
+/// the configuration is not UTF-8, the file is then untouched.
 Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionConfig& config);
 
 }  // namespace lm::session
