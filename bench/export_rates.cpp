@@ -91,7 +91,10 @@ void makeRecord(std::uint8_t* to, std::uint64_t n) {
 
 void makeRecording(const std::filesystem::path& directory, std::uint64_t records) {
     std::filesystem::create_directories(directory);
-    if (auto written = storage::writeMeta(directory, describe()); !written) fail(written.error().text());
+    storage::MetaFile meta(directory);
+    auto written = meta.stage(describe());
+    if (written) written = meta.commit();
+    if (!written) fail(written.error().text());
     std::ofstream file(directory / storage::recordFileName(0), std::ios::binary);
     const storage::FileHeader header = storage::recordHeader(kRecordSize);
     file.write(reinterpret_cast<const char*>(header.data()), header.size());

@@ -17,8 +17,10 @@ Result<GroupFiles> GroupFiles::create(std::size_t groupIndex, const GroupInfo& g
     auto records = UnitFile::create(directory / recordFileName(groupIndex), recordHeader(group.recordSize),
                                     std::uint64_t{group.recordSize} + kTimestampSize);
     if (!records) return records.error();
-    auto index =
-        EntryFile::create(directory / indexFileName(groupIndex), indexHeader(), kIndexEntrySize, faults);
+    Result<void> onDisk = records.value().flushToDisk();
+    Result<EntryFile> index = onDisk.ok() ? EntryFile::create(directory / indexFileName(groupIndex),
+                                                              indexHeader(), kIndexEntrySize, faults)
+                                          : Result<EntryFile>(onDisk.error());
     if (!index) {
         std::error_code ignored;
         if (records.value().isNew()) std::filesystem::remove(records.value().path(), ignored);
@@ -89,6 +91,7 @@ void GroupFiles::flush() {
 
 void GroupFiles::close() {
     flush();
+    if (!records_.flushToDisk()) faults_->reportWriteError();
     counters_->recordsDropped.fetch_add(records_.bufferedUnits(), std::memory_order_relaxed);
     if (!records_.close()) faults_->reportWriteError();
     index_.close();

@@ -29,14 +29,18 @@ struct RecordingCounters {
 
 class GroupFiles {
   public:
-    /// Makes the record file and the index. Errors: those of UnitFile::create(); then neither file is left.
+    /// Makes the record file, its header on the disk, and the index. Errors: those of UnitFile::create() and
+    /// UnitFile::flushToDisk(); then neither file is left.
     static Result<GroupFiles> create(std::size_t groupIndex, const GroupInfo& group, RecordingFaults& faults,
                                      RecordingCounters& counters);
 
     /// `data` holds the group's recordSize bytes. A timestamp before the previous one becomes that one.
     void append(std::int64_t timestampNs, const std::uint8_t* data);
     void flush();
-    /// Flushes and closes; records that still did not get into the file count as dropped.
+    /// Of the file of records, open until close().
+    int recordDescriptor() const { return records_.descriptor(); }
+    /// Flushes, the records also to the disk, and closes; records that still did not get into the file count
+    /// as dropped. Index and levels reach the disk when the system sees fit: they can be made anew.
     void close();
 
     /// The files that this object made and did not find there.

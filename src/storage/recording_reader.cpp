@@ -1,9 +1,12 @@
 #include "storage/recording_reader.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <string>
-#include <system_error>
+#include <utility>
+#include <vector>
 
-#include "core/platform.h"
+#include "storage/input_file.h"
 #include "storage/recording_meta.h"
 
 namespace lm::storage {
@@ -14,30 +17,24 @@ namespace {
 constexpr std::size_t kMaxMetaSize = std::size_t{64} << 20U;
 
 Result<RecordingInfo> readMeta(const std::filesystem::path& path) {
-    auto file = MappedFile::open(path);
+    auto file = InputFile::open(path);
     if (!file) return file.error();
     if (file.value().size() > kMaxMetaSize) {
         return Error{ErrorCode::invalidArgument, "meta.json: larger than 64 MiB"};
     }
-    return metaFromJson(file.value().text());
+    std::vector<std::uint8_t> bytes(file.value().size());
+    if (auto read = file.value().readAt(0, bytes.data(), bytes.size()); !read) return read.error();
+    return metaFromJson({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
 }  // namespace
 
 Result<RecordingReader> RecordingReader::open(const std::filesystem::path& directory) {
-    const std::filesystem::path path = directory / kMetaFileName;
-    std::error_code failure;
-    const std::filesystem::file_status status = std::filesystem::status(path, failure);
-    if (status.type() == std::filesystem::file_type::not_found) {
-        return Error{ErrorCode::notFound, "no recording in " + directory.string()};
-    }
-    // Opening a pipe or a device would wait for, or do, who knows what.
-    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
-        return Error{ErrorCode::invalidArgument, "cannot open " + path.string() + ": not a regular file"};
-    }
-    auto info = readMeta(path);
-    if (!info) return info.error();
-    return RecordingReader(directory, std::move(info).value());
+    auto info = readMeta(directory / kMetaFileName);
+    if (info) return RecordingReader(directory, std::move(info).value());
+    const Error& error = info.error();
+    if (error.sysErrno != ENOENT && error.sysErrno != ENOTDIR) return error;
+    return Error{ErrorCode::notFound, "no recording in " + directory.string()};
 }
 
 }  // namespace lm::storage

@@ -12,7 +12,10 @@
 #include <utility>
 #include <vector>
 
+#include "core/durable_file.h"
+#include "core/thread.h"
 #include "storage/byte_ring.h"
+#include "storage/disk_flusher.h"
 #include "storage/group_files.h"
 #include "storage/recording_faults.h"
 #include "storage/recording_meta.h"
@@ -31,6 +34,15 @@ constexpr std::size_t kMaxGroups = 65536;
 
 std::int64_t millisecondsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+/// The directories that get a new name when this one is made with its parents; none when it is there.
+std::vector<fs::path> parentsToChange(const fs::path& directory) {
+    std::vector<fs::path> parents;
+    std::error_code failure;
+    for (fs::path at = directory; !at.empty() && !fs::exists(at, failure); at = at.parent_path())
+        parents.push_back(at.has_parent_path() ? at.parent_path() : ".");
+    return parents;
 }
 
 Result<void> removeFile(const fs::path& path) {
@@ -76,6 +88,7 @@ struct RecordingWriter::State {
     // The file thread's while it runs.
     RecordingFaults faults;
     std::vector<GroupFiles> groups;
+    DiskFlusher flusher;  ///< ends before the files that it borrows
     Clock::time_point lastFlush = Clock::now();
 
     // The owner's.
@@ -94,25 +107,36 @@ Result<void> RecordingWriter::State::prepare() {
     }
     if (auto made = makeDirectory(); !made) return made;
     if (auto fit = checkGroups(); !fit) return fit;
-    if (auto written = writeMeta(path, info); !written) return written;
-    madeMeta = true;
+    MetaFile meta(path);
+    if (auto staged = meta.stage(info); !staged) return staged;
     for (std::size_t i = 0; i < info.groups.size(); ++i) {
         auto files = GroupFiles::create(i, info.groups[i], faults, counters);
         if (!files) return files.error();
         groups.push_back(std::move(files).value());
     }
+    // What says that there is a recording comes last: a crash before leaves none, a crash after a whole one.
+    if (const int failure = flushDirectoryToDisk(path); failure != 0) {
+        return Error::fromErrno(failure, "cannot write " + path.string());
+    }
+    madeMeta = true;
+    if (auto committed = meta.commit(); !committed) return committed;
     return startThread();
 }
 
 Result<void> RecordingWriter::State::makeDirectory() {
     std::error_code failure;
-    const bool existed = fs::is_directory(path, failure);
+    const std::vector<fs::path> parents = parentsToChange(path);
     fs::create_directories(path, failure);
     const int reason = failure ? failure.value() : ENOTDIR;
     if (!fs::is_directory(path, failure)) {
         return Error{codeFromErrno(reason), "cannot create " + path.string(), reason};
     }
-    madeDirectory = !existed;
+    madeDirectory = !parents.empty();
+    for (const fs::path& parent : parents) {
+        if (const int lost = flushDirectoryToDisk(parent); lost != 0) {
+            return Error{codeFromErrno(lost), "cannot create " + path.string(), lost};
+        }
+    }
     // Even a dangling link may be somebody's recording on a disk that is not there.
     const fs::file_status meta = fs::symlink_status(path / kMetaFileName, failure);
     if (!fs::exists(meta)) return {};
@@ -131,11 +155,16 @@ Result<void> RecordingWriter::State::checkGroups() const {
 }
 
 Result<void> RecordingWriter::State::startThread() {
-    try {
-        thread = std::thread([this] { run(); });
-    } catch (const std::system_error& error) {
-        return Error::fromErrno(error.code().value(), "cannot start the recording thread");
+    std::vector<int> files;
+    for (const GroupFiles& group : groups)
+        files.push_back(group.recordDescriptor());
+    if (auto flushing = flusher.start(std::move(files)); !flushing) return flushing;
+    auto started = lm::startThread("cannot start the recording thread", [this] { run(); });
+    if (!started) {
+        flusher.stop();
+        return started.error();
     }
+    thread = std::move(started).value();
     return {};
 }
 
@@ -149,6 +178,11 @@ void RecordingWriter::State::run() {
         if (millisecondsSince(lastFlush) >= flushIntervalMs) flushAll();
         if (emptied) more = waitForMore();
     }
+    flusher.stop();
+    if (flusher.failed()) faults.reportWriteError();
+    // After all writes the disk can take them together.
+    for (GroupFiles& group : groups)
+        group.flush();
     for (GroupFiles& group : groups)
         group.close();
 }
@@ -167,6 +201,8 @@ bool RecordingWriter::State::takeBatch() {
 void RecordingWriter::State::flushAll() {
     for (GroupFiles& group : groups)
         group.flush();
+    flusher.request();
+    if (flusher.failed()) faults.reportWriteError();
     lastFlush = Clock::now();
 }
 

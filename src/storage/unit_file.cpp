@@ -5,10 +5,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
 
+#include "core/durable_file.h"
 #include "storage/file_lock.h"
 
 namespace lm::storage {
@@ -21,14 +23,23 @@ struct Opened {
     bool isNew = false;
 };
 
-/// An existing file is truncated; whether it existed decides later who may remove it.
-Opened openForWriting(const std::filesystem::path& path) {
+/// An existing file is truncated; whether it existed decides later who may remove it. Nothing is written
+/// through a link, to where nobody asked for it, nor into a pipe or a device, which wait for, or do, who
+/// knows what.
+Result<Opened> openForWriting(const std::filesystem::path& path) {
     constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC;
     constexpr mode_t kMode = 0666;
+    const std::string context = "cannot create " + path.string();
     const int made = ::open(path.c_str(), kFlags | O_EXCL, kMode);
-    if (made >= 0) return {made, true};
-    if (errno != EEXIST) return {};
-    return {::open(path.c_str(), kFlags | O_TRUNC, kMode), false};
+    if (made >= 0) return Opened{made, true};
+    if (errno != EEXIST) return Error::fromErrno(errno, context);
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        return Error{ErrorCode::invalidArgument, context + ": not a regular file", EINVAL};
+    }
+    const int found = ::open(path.c_str(), kFlags | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, kMode);
+    if (found < 0) return Error::fromErrno(errno, context);
+    return Opened{found, false};
 }
 
 struct Written {
@@ -60,8 +71,9 @@ Error writeError(const std::filesystem::path& path, int systemError) {
 
 Result<UnitFile> UnitFile::create(const std::filesystem::path& path, const FileHeader& header,
                                   std::uint64_t unitSize) {
-    const Opened opened = openForWriting(path);
-    if (opened.descriptor < 0) return Error::fromErrno(errno, "cannot create " + path.string());
+    const auto made = openForWriting(path);
+    if (!made) return made.error();
+    const Opened opened = made.value();
     UnitFile file(path, opened.descriptor, opened.isNew, unitSize);
     // A lock that another program has hinders nobody from writing: the directory was checked before.
     lockForWriting(opened.descriptor);
@@ -130,6 +142,11 @@ UnitFile::Progress UnitFile::writeOut() {
 void UnitFile::release(std::size_t units) {
     buffered_ -= units;
     std::memmove(buffer_.get(), &buffer_[0] + units * unitSize_, buffered_ * unitSize_);
+}
+
+Result<void> UnitFile::flushToDisk() {
+    if (const int failure = lm::flushToDisk(descriptor_); failure != 0) return writeError(path_, failure);
+    return {};
 }
 
 Result<void> UnitFile::close() {

@@ -19,7 +19,8 @@ namespace lm::storage {
 class UnitFile {
   public:
     /// Creates or truncates the file and writes the header at once. `unitSize` is at least 1.
-    /// Errors: "cannot create PATH: REASON", "cannot write PATH: REASON"; a file that this call made is gone.
+    /// Errors: "cannot create PATH: REASON" (also for what is no regular file), "cannot write PATH: REASON";
+    /// a file that this call made is gone.
     static Result<UnitFile> create(const std::filesystem::path& path, const FileHeader& header,
                                    std::uint64_t unitSize);
 
@@ -46,12 +47,16 @@ class UnitFile {
     Progress writeOut();
     void release(std::size_t units);
 
+    /// Flushes what was written to the disk. Error: "cannot write PATH: REASON".
+    Result<void> flushToDisk();
+
     /// Closes the file. Errors: "cannot write PATH: REASON" when the system reports a late failure.
     Result<void> close();
 
     /// True when this object made the file, false when it overwrote one.
     bool isNew() const { return isNew_; }
     const std::filesystem::path& path() const { return path_; }
+    int descriptor() const { return descriptor_; }
 
   private:
     UnitFile(std::filesystem::path path, int descriptor, bool isNew, std::uint64_t unitSize);

@@ -1,41 +1,21 @@
 // Disks that take no more: the limit on file sizes stops a file at any byte, as a full disk does.
-#include <sstream>
-
 #include <gtest/gtest.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 
 #include "storage/group_files.h"
 #include "storage/recording_fixture.h"
 #include "storage/recording_format.h"
 #include "storage/recording_meta.h"
 #include "storage/recording_writer.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace lm::storage {
 namespace {
 
+using lm::test::LogCapture;
 using test::Bytes;
 using test::FileSizeLimit;
 namespace fs = std::filesystem;
-
-/// Log lines of one scope, without time and level.
-class LogCapture {
-  public:
-    LogCapture() : before_(spdlog::default_logger()) {
-        auto logger = std::make_shared<spdlog::logger>(
-            "test", std::make_shared<spdlog::sinks::ostream_sink_mt>(lines_, true));
-        logger->set_pattern("%l %v");
-        spdlog::set_default_logger(std::move(logger));
-    }
-    ~LogCapture() { spdlog::set_default_logger(before_); }
-
-    std::string text() const { return lines_.str(); }
-
-  private:
-    std::ostringstream lines_;
-    std::shared_ptr<spdlog::logger> before_;
-};
 
 class RecordingFailureTest : public ::testing::Test {
   protected:

@@ -85,7 +85,8 @@ TEST(RecordingMeta, TellsWhatIsWrong) {
          "\"table\" is not in the order of its inputs"},
         {"\"identical\"", "\"ratFunc\",\"ratFunc\":[1]", "\"ratFunc\" does not hold 6 numbers"},
         {"0.5,", "\"a lot\",", "not a number: \"a lot\""},
-        {"0.5,", std::string(200000, '[') + std::string(200000, ']') + ",", "not a number: array"},
+        {"0.5,", "[[0]],", "not a number: array"},
+        {"0.5,", std::string(1000, '['), "nested deeper than 64 levels"},
         {"\"identical\"", "\"formula\",\"formula\":\"Y\"", "formula 'Y': unknown identifier 'Y'"},
     };
     for (const auto& row : rows) {
