@@ -42,6 +42,9 @@ class Descriptor {
     Descriptor& operator=(const Descriptor&) = delete;
 
     int value() const { return value_; }
+    /// False, with an errno, when the system reports a late failure. After EINTR the descriptor is gone all
+    /// the same.
+    bool close() { return ::close(std::exchange(value_, -1)) == 0 || errno == EINTR; }
 
   private:
     int value_;
@@ -145,12 +148,18 @@ class GroupRepair {
 Result<void> GroupRepair::run(const GroupCheck& check) {
     const fs::path path = directory_ / recordFileName(number_);
     // Held until the group is mended.
-    const Descriptor descriptor(path, O_RDWR);
+    Descriptor descriptor(path, O_RDWR | O_NOFOLLOW);
+    // A recording from elsewhere must not lead the repair to other files.
+    if (descriptor.value() < 0 && errno == ELOOP) {
+        return Error{ErrorCode::invalidArgument,
+                     "cannot write " + path.string() + ": a symbolic link is not followed"};
+    }
     if (descriptor.value() < 0) return writeError(path);
     if (!lockForWriting(descriptor.value())) return stillRecorded(directory_);
     if (auto mended = mendRecordFile(check, descriptor.value()); !mended) return mended;
     if (auto made = makeSummaries(check.wrongFiles); !made) return made;
-    return removeSurplus(check.surplusFiles);
+    if (auto removed = removeSurplus(check.surplusFiles); !removed) return removed;
+    return descriptor.close() ? Result<void>() : writeError(path);
 }
 
 Result<void> GroupRepair::mendRecordFile(const GroupCheck& check, int descriptor) {
@@ -158,10 +167,13 @@ Result<void> GroupRepair::mendRecordFile(const GroupCheck& check, int descriptor
     if (check.header == GroupCheck::Header::sound && check.tornBytes == 0) return {};
     if (check.header == GroupCheck::Header::mendable) {
         const FileHeader header = recordHeader(group_.recordSize);
-        const ssize_t written = ::pwrite(descriptor, header.data(), header.size(), 0);
-        if (written < 0) return writeError(path);
-        if (written != static_cast<ssize_t>(header.size())) {
-            return Error::fromErrno(ENOSPC, "cannot write " + path.string());
+        for (std::size_t done = 0; done < header.size();) {
+            const ssize_t count =
+                ::pwrite(descriptor, &header[done], header.size() - done, static_cast<off_t>(done));
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0) return writeError(path);
+            if (count == 0) return Error::fromErrno(ENOSPC, "cannot write " + path.string());
+            done += static_cast<std::size_t>(count);
         }
         tell_(path.string() + ": header written anew");
     }
