@@ -42,14 +42,14 @@ class TimeText {
     void appendUtc(std::string& line, std::int64_t timestampNs) {
         // Only the fraction changes from one record to most next ones.
         constexpr std::size_t kDecimals = 9;
-        const std::uint64_t inSecond =
-            static_cast<std::uint64_t>(timestampNs) - static_cast<std::uint64_t>(secondNs_);
+        // Damaged timestamps may be any numbers.
+        const std::uint64_t inSecond = static_cast<std::uint64_t>(timestampNs) - secondNs_;
         if (second_.empty() || inSecond >= 1000000000) {
             const std::string text = storage::utcText(timestampNs, info_, kDecimals);
             second_ = text.substr(0, text.size() - kDecimals - 1);
-            std::int64_t nanoseconds = 0;
+            std::uint64_t nanoseconds = 0;
             std::from_chars(text.data() + second_.size(), text.data() + text.size(), nanoseconds);
-            secondNs_ = timestampNs - nanoseconds;
+            secondNs_ = static_cast<std::uint64_t>(timestampNs) - nanoseconds;
             line += text;
             return;
         }
@@ -63,7 +63,7 @@ class TimeText {
     const storage::RecordingInfo& info_;
     bool absolute_;
     std::string second_;  ///< "2026-03-01T12:00:00." of the last time
-    std::int64_t secondNs_ = 0;
+    std::uint64_t secondNs_ = 0;
 };
 
 /// The records of a group one after the other, with their columns.
@@ -195,14 +195,16 @@ std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& gro
                                              const ExportOptions& options) {
     if (options.merge || groups.size() == 1) return {options.output};
     std::vector<std::filesystem::path> files;
+    const std::string extension = options.output.extension().string();
     for (const ExportGroup& group : groups) {
+        std::string name = options.output.stem().string() + "_" + fileNamePart(group.reader.info().name);
         std::filesystem::path file = options.output;
-        file.replace_filename(options.output.stem().string() + "_" + fileNamePart(group.reader.info().name));
-        if (std::find(files.begin(), files.end(), file.string() + options.output.extension().string()) !=
-            files.end()) {
-            file += "_" + std::to_string(group.reader.number());
+        file.replace_filename(name + extension);
+        // The name with the number may be another group's own.
+        while (std::find(files.begin(), files.end(), file) != files.end()) {
+            name += "_" + std::to_string(group.reader.number());
+            file.replace_filename(name + extension);
         }
-        file += options.output.extension();
         files.push_back(file);
     }
     return files;

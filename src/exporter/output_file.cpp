@@ -5,10 +5,13 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <string>
+#include <string_view>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace lm::exporter {
 namespace {
@@ -22,6 +25,46 @@ std::filesystem::path resolved(const std::filesystem::path& target) {
     std::error_code failure;
     auto real = std::filesystem::canonical(target, failure);
     return failure ? target : real;
+}
+
+bool onlyDigits(std::string_view text) {
+    return text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+/// "FILE.PID.tmp" or, when that was there, "FILE.PID.tmpN".
+bool isTemporaryOf(std::string_view file, std::string_view name) {
+    if (!name.starts_with(file) || !name.substr(file.size()).starts_with('.')) return false;
+    const std::string_view rest = name.substr(file.size() + 1);
+    const auto middle = rest.find(".tmp");
+    return middle != std::string_view::npos && middle != 0 && onlyDigits(rest.substr(0, middle)) &&
+           onlyDigits(rest.substr(middle + 4));
+}
+
+/// What exports to the same file left that were killed. Those that still run have locked theirs; what cannot
+/// be removed harms nobody.
+void removeAbandoned(const std::filesystem::path& target) {
+    namespace fs = std::filesystem;
+    const std::string file = target.filename().string();
+    std::error_code failure;
+    std::vector<fs::path> abandoned;
+    for (fs::directory_iterator entry(target.has_parent_path() ? target.parent_path() : ".", failure), end;
+         !failure && entry != end; entry.increment(failure)) {
+        if (isTemporaryOf(file, entry->path().filename().string())) abandoned.push_back(entry->path());
+    }
+    for (const fs::path& path : abandoned) {
+        const int descriptor = ::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (descriptor < 0) continue;
+        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
+        ::close(descriptor);
+    }
+}
+
+/// True unless somebody took the file for an abandoned one before it was locked.
+bool claim(int descriptor) {
+    struct stat status {};
+    // A file system without locks is one where nothing can pass for abandoned either.
+    const bool lost = ::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    return !lost && ::fstat(descriptor, &status) == 0 && status.st_nlink != 0;
 }
 
 }  // namespace
@@ -39,17 +82,31 @@ Result<void> checkTarget(const std::filesystem::path& target, bool replace) {
 Result<OutputFile> OutputFile::create(const std::filesystem::path& target, bool replace) {
     if (auto fits = checkTarget(target, replace); !fits) return fits.error();
     const std::filesystem::path real = resolved(target);
+    removeAbandoned(real);
     const std::string stem = real.string() + "." + std::to_string(::getpid()) + ".tmp";
     std::string temporary = stem;
     for (int number = 1;; ++number) {
         const int descriptor = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (descriptor >= 0) return OutputFile(real, temporary, descriptor, replace);
-        if (errno == EEXIST) {
-            temporary = stem + std::to_string(number);
-        } else if (errno != EINTR) {
+        if (descriptor >= 0 && claim(descriptor)) {
+            OutputFile file(real, temporary, descriptor, replace);
+            file.keepMode();
+            return file;
+        }
+        if (descriptor < 0 && errno != EEXIST && errno != EINTR) {
             return Error::fromErrno(errno, "cannot create " + target.string());
         }
+        if (descriptor >= 0) ::close(descriptor);
+        temporary = stem + std::to_string(number);
     }
+}
+
+// Who may read a file does not change because it is written anew. File systems without rights refuse, and
+// need not care.
+void OutputFile::keepMode() const {
+    constexpr mode_t kRights = 0666;
+    struct stat status {};
+    if (::stat(target_.c_str(), &status) != 0) return;
+    [[maybe_unused]] const int done = ::fchmod(descriptor_, status.st_mode & kRights);
 }
 
 OutputFile::OutputFile(std::filesystem::path target, std::filesystem::path temporary, int descriptor,

@@ -1,5 +1,6 @@
 // A file that appears under its name only when it is whole: written beside it under a temporary name, renamed
-// at the end, removed when anything goes wrong before.
+// at the end, removed when anything goes wrong before. What a killed program left is removed by the next one
+// that writes the same file; a lock tells it from what is still being written.
 //
 // Threads: one at a time. Lifetime: owns the file; the destructor removes what was not committed. Like a
 // copy made by `cp`, a committed file reaches the disk when the system sees fit.
@@ -48,6 +49,7 @@ class OutputFile {
     OutputFile(std::filesystem::path target, std::filesystem::path temporary, int descriptor, bool replace);
 
     Error writeError(int systemError) const;
+    void keepMode() const;
     int rename() const;
 
     std::filesystem::path target_;
