@@ -135,6 +135,8 @@ void Catalog::layOut() {
     for (Row& row : rows_) {
         if (row.place == Place::outside) row.address = kOutsideAddress;
     }
+    if (options_.spareBytes != 0)
+        regions_.push_back({0, kSpareBase, roundUp(options_.spareBytes, kRegionStep), true});
     regions_.push_back({kNameExtension, 0, static_cast<std::uint32_t>(kEventCount * kNameSlot), false});
 }
 

@@ -103,8 +103,9 @@ class Catalog {
 
 inline constexpr std::uint64_t kLoadStep = 7919;  ///< load_NNNN has the value n + NNNN * kLoadStep
 inline constexpr std::uint8_t kFlashExtension = 1;
-inline constexpr std::uint8_t kNameExtension = 0xFE;  ///< region of the event names, in no A2L file
-inline constexpr std::uint32_t kNameSlot = 32;        ///< bytes kept for one event name
+inline constexpr std::uint8_t kNameExtension = 0xFE;     ///< region of the event names, in no A2L file
+inline constexpr std::uint32_t kNameSlot = 32;           ///< bytes kept for one event name
+inline constexpr std::uint32_t kSpareBase = 0x00200000;  ///< region that no object of the catalogue lies in
 
 // The functions that model expressions use.
 /// A triangle of period `period` that climbs from 0 to period / 2 and back; 0 when the period is 0.

@@ -1,6 +1,7 @@
 #include "sim/ecu.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <utility>
 
@@ -27,7 +28,8 @@ Ecu::Ecu(const Options& options, FaultPlan faults, std::int64_t nowNs)
       startNs_(nowNs),
       silentUntilNs_(nowNs),
       stalledUntilNs_(nowNs),
-      rate_(1.0 + options.clockPpm / 1e6) {
+      drift_(options.clockPpm / 1e6),
+      wanderNs_(options.clockWander * 1e9) {
     for (unsigned i = 0; i < options.tickExponent(); ++i)
         tickNs_ *= 10;
     restart(nowNs);
@@ -39,17 +41,39 @@ void Ecu::restart(std::int64_t nowNs) {
     delayed_.clear();
     ++starts_;
     startNs_ = nowNs;
+    clockStart_ = options_.clockStart;
     for (std::uint8_t event = 0; event < kEventCount; ++event) {
         dueNs_[event] = eventIntervalNs(options_, event, 0);
     }
 }
 
 std::uint64_t Ecu::ticks(std::int64_t ecuNs) const {
-    return options_.clockStart + static_cast<std::uint64_t>(ecuNs / tickNs_);
+    return clockStart_ + static_cast<std::uint64_t>(ecuNs / tickNs_);
 }
 
 std::int64_t Ecu::ecuTime(std::int64_t hostNs) const {
-    return static_cast<std::int64_t>(static_cast<double>(hostNs - startNs_) * rate_);
+    const auto host = static_cast<double>(hostNs - startNs_);
+    if (wanderNs_ == 0) return static_cast<std::int64_t>(host * (1.0 + drift_));
+    const double phase = std::fmod(host, 2 * wanderNs_);
+    return static_cast<std::int64_t>(host + drift_ * std::min(phase, 2 * wanderNs_ - phase));
+}
+
+std::int64_t Ecu::hostTime(std::int64_t ecuNs) const {
+    const auto ecu = static_cast<double>(ecuNs);
+    double host = ecu / (1.0 + drift_);
+    if (wanderNs_ != 0) {
+        const double phase = std::fmod(ecu, 2 * wanderNs_);
+        const double gained =
+            drift_ * std::min(phase / (1.0 + drift_), (2 * wanderNs_ - phase) / (1.0 - drift_));
+        host = ecu - gained;
+    }
+    return startNs_ + static_cast<std::int64_t>(host + 1.0);  // rounded up: what is due then is due indeed
+}
+
+void Ecu::jump(std::uint32_t milliseconds, std::int64_t ecuNs) {
+    const std::int64_t ns = std::int64_t{static_cast<std::int32_t>(milliseconds)} * kNsPerMs;
+    clockStart_ = ns == 0 ? std::uint64_t{0} - static_cast<std::uint64_t>(ecuNs / tickNs_)
+                          : clockStart_ + static_cast<std::uint64_t>(ns / tickNs_);
 }
 
 void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out) {
@@ -76,6 +100,9 @@ void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outb
             return;
         case FaultKind::stall:
             stalledUntilNs_ = nowNs + fault.argument * kNsPerMs;
+            break;
+        case FaultKind::jump:
+            jump(fault.argument, ecuTime(nowNs));
             break;
         default:
             break;
@@ -156,11 +183,11 @@ void Ecu::runEvent(std::uint8_t event, std::int64_t nowNs, Outbox& out) {
     const std::uint64_t before = slave_.daqCounters().samples;
     slave_.sample(event, ticks(nominalNs), out);
     for (std::uint64_t i = before; i < slave_.daqCounters().samples; ++i) {
-        onSampleFault(faults_.onSample(), nowNs, out);
+        onSampleFault(faults_.onSample(), nominalNs, nowNs, out);
     }
 }
 
-void Ecu::onSampleFault(const Fault& fault, std::int64_t nowNs, Outbox& out) {
+void Ecu::onSampleFault(const Fault& fault, std::int64_t sampleNs, std::int64_t nowNs, Outbox& out) {
     switch (fault.kind) {
         case FaultKind::silence:
             silence(fault.argument, nowNs);
@@ -174,15 +201,16 @@ void Ecu::onSampleFault(const Fault& fault, std::int64_t nowNs, Outbox& out) {
         case FaultKind::stall:
             stalledUntilNs_ = nowNs + fault.argument * kNsPerMs;
             return;
+        case FaultKind::jump:
+            jump(fault.argument, sampleNs);
+            return;
         default:
             return;
     }
 }
 
 std::int64_t Ecu::nextDueNs() const {
-    // Rounded up, so that the event is due indeed when the wait is over.
-    const double hostNs = static_cast<double>(dueNs_[nextEvent()]) / rate_ + 1.0;
-    const std::int64_t event = std::max(startNs_ + static_cast<std::int64_t>(hostNs), stalledUntilNs_);
+    const std::int64_t event = std::max(hostTime(dueNs_[nextEvent()]), stalledUntilNs_);
     return delayed_.empty() ? event : std::min(event, delayed_.front().dueNs);
 }
 

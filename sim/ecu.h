@@ -47,6 +47,8 @@ class Ecu {
     /// For the medium, which does the faults of datagrams.
     FaultPlan& faults() { return faults_; }
     std::uint64_t commands() const { return commands_; }
+    /// When it (last) started.
+    std::int64_t startNs() const { return startNs_; }
 
   private:
     struct Delayed {
@@ -56,11 +58,13 @@ class Ecu {
 
     std::uint64_t ticks(std::int64_t ecuNs) const;
     std::int64_t ecuTime(std::int64_t hostNs) const;
+    std::int64_t hostTime(std::int64_t ecuNs) const;
+    void jump(std::uint32_t milliseconds, std::int64_t ecuNs);
     void answer(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out);
     void delay(std::span<const std::uint8_t> packet, std::int64_t dueNs);
     void runEvent(std::uint8_t event, std::int64_t nowNs, Outbox& out);
     std::uint8_t nextEvent() const;
-    void onSampleFault(const Fault& fault, std::int64_t nowNs, Outbox& out);
+    void onSampleFault(const Fault& fault, std::int64_t sampleNs, std::int64_t nowNs, Outbox& out);
     void terminate(Outbox& out);
     void silence(std::uint32_t milliseconds, std::int64_t nowNs);
 
@@ -72,9 +76,11 @@ class Ecu {
     std::int64_t startNs_;
     std::int64_t silentUntilNs_;
     std::int64_t stalledUntilNs_;
-    double rate_;                                    ///< nanoseconds of the ECU's clock per one of the host
+    double drift_;                                   ///< nanoseconds that the ECU's clock gains per one
+    double wanderNs_;                                ///< of the host, after which the drift turns round
     std::array<std::int64_t, kEventCount> dueNs_{};  ///< next nominal times, ECU time since its start
     std::int64_t tickNs_ = 1;
+    std::uint64_t clockStart_ = 0;  ///< ticks that the clock would have shown at the start
     std::vector<Delayed> delayed_;  ///< ascending by time
     Outbox scratch_;
     std::uint64_t commands_ = 0;

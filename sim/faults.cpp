@@ -24,6 +24,7 @@ constexpr KindName kKinds[] = {
     {"error", FaultKind::error, 0x31, false},     {"pending", FaultKind::pending, 300, false},
     {"terminate", FaultKind::terminate, 0, true}, {"silence", FaultKind::silence, 0, true},
     {"restart", FaultKind::restart, 0, true},     {"stall", FaultKind::stall, 300, true},
+    {"jump", FaultKind::jump, 0, true},
 };
 
 constexpr std::string_view kStreamNames[kStreamFaultCount] = {"lose-odt", "overload", "ctr-gap",
@@ -73,7 +74,7 @@ Result<FaultPlan> FaultPlan::parse(const std::vector<std::string>& rules) {
 }
 
 Result<void> FaultPlan::add(const std::string& text) {
-    const std::vector<std::string> parts = split(text);
+    std::vector<std::string> parts = split(text);
     for (std::size_t i = 0; i < kStreamFaultCount; ++i) {
         if (kStreamNames[i] != parts[0]) continue;
         const std::optional<std::uint64_t> every = numberAt(parts, 1, 0);
@@ -96,11 +97,13 @@ Result<void> FaultPlan::add(const std::string& text) {
     }
     const std::optional<std::uint64_t> from = numberAt(parts, 2, 1);
     const std::optional<std::uint64_t> count = numberAt(parts, 3, 1);
+    const bool negative = kind->kind == FaultKind::jump && parts.size() == 5 && parts[4].starts_with('-');
+    if (negative) parts[4].erase(0, 1);
     const std::optional<std::uint64_t> argument = numberAt(parts, 4, kind->argument);
     if (!from || *from == 0 || !count || !argument) return fail(text, "number expected");
     rule.from = *from;
     rule.count = *count;
-    rule.argument = static_cast<std::uint32_t>(*argument);
+    rule.argument = static_cast<std::uint32_t>(negative ? -*argument : *argument);
     rules_.push_back(rule);
     return {};
 }

@@ -32,6 +32,7 @@ enum class FaultKind : std::uint8_t {
     silence,    ///< nothing heard, nothing sent for ARGUMENT ms (0: for ever)
     restart,    ///< the ECU starts anew and does not answer
     stall,      ///< events wait for ARGUMENT ms (300), then they are caught up
+    jump,       ///< the clock, not the events, goes on (or back) by ARGUMENT ms; 0: it begins anew
 };
 
 /// Faults of the stream of DTOs, each on every EVERY-th occasion.
@@ -47,7 +48,7 @@ inline constexpr std::size_t kStreamFaultCount = 5;
 /// What is to happen now, and its number.
 struct Fault {
     FaultKind kind = FaultKind::none;
-    std::uint32_t argument = 0;
+    std::uint32_t argument = 0;  ///< of `jump` in two's complement
 };
 
 class FaultPlan {
@@ -57,7 +58,7 @@ class FaultPlan {
 
     /// Counts a command for every rule that watches it; the first rule in its span says what happens.
     Fault onCommand(std::uint8_t code) { return count(code, false); }
-    /// Likewise for a sample of a DAQ list; only terminate, silence, restart and stall make sense here.
+    /// Likewise for a sample of a DAQ list; only terminate, silence, restart, stall and jump make sense here.
     Fault onSample() { return count(0, true); }
     /// Counts an occasion; true when it is its turn.
     bool due(StreamFault fault) {

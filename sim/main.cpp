@@ -23,7 +23,7 @@ namespace {
 
 constexpr const char* kFaultHelp =
     "Faults of commands: KIND[:COMMAND[:FROM[:COUNT[:ARGUMENT]]]]\n"
-    "  COMMAND  the name of a command, * for any, or DAQ to count samples (last four kinds)\n"
+    "  COMMAND  the name of a command, * for any, or DAQ to count samples (last five kinds)\n"
     "  FROM     the occurrence it begins with, from 1; COUNT how many, 0 for all that follow\n"
     "  ignore   neither executed nor answered        lose     executed, not answered\n"
     "  late     answered after ARGUMENT ms (300)     double   answered twice\n"
@@ -34,6 +34,7 @@ constexpr const char* kFaultHelp =
     "  terminate  EV_SESSION_TERMINATED, no answer   restart  the ECU starts anew, no answer\n"
     "  silence  deaf and dumb for ARGUMENT ms (0: for ever)\n"
     "  stall    events wait for ARGUMENT ms (300) and are then caught up\n"
+    "  jump     the clock goes on by ARGUMENT ms (negative: back; 0: to 0)\n"
     "Faults of the stream: KIND:EVERY\n"
     "  lose-odt       a DTO is never sent            overload   a whole sample is not sent and indicated\n"
     "  ctr-gap        the packet counter skips one   lose-datagram  a DTO is lost on the way\n"
@@ -76,6 +77,8 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--clock-start", o.clockStart, "Ticks that the clock shows at the start");
     app.add_option("--clock-ppm", o.clockPpm, "The ECU's clock runs fast (or slow) by so many millionths")
         ->check(CLI::Range(-100000, 100000));
+    app.add_option("--clock-wander", o.clockWander, "The sign of --clock-ppm turns every so many seconds")
+        ->check(CLI::Range(0.001, 1e6));
     app.add_option("--min-daq", o.minDaq, "Number of the first dynamic DAQ list")->check(CLI::Range(0, 200));
     app.add_option("--first-pid", o.firstPid, "First PID with identification type 0")
         ->check(CLI::Range(0, 200));
@@ -119,12 +122,17 @@ void addCanOptions(CLI::App& app, Arguments& arguments) {
 void addOtherOptions(CLI::App& app, Arguments& arguments) {
     Options& o = arguments.options;
     app.add_option("--port", o.port, "UDP port, 0 lets the system choose")->capture_default_str();
+    app.add_flag("--any-master", o.anyMaster,
+                 "Obey and answer whoever sends, not only who sent CONNECT last");
     app.add_option("--fast-event-us", o.fastEventUs, "Cycle of event 0 in microseconds")
         ->check(CLI::Range(10, 255000));
     app.add_option("--load-signals", o.loadSignals, "Further measurements load_0000 ... on event 0")
         ->check(CLI::Range(0, 100000));
     app.add_option("--load-bytes", o.loadBytes, "Their size: 4 (ULONG) or 8 (A_UINT64)")
         ->check(CLI::IsMember({4, 8}));
+    app.add_option("--spare-bytes", o.spareBytes,
+                   "Writable memory at 0x200000 that nothing uses, random bytes")
+        ->check(CLI::Range(0, 1 << 24));
     app.add_option("--fault", o.faults, "Misbehave by this rule, see below; repeatable")
         ->allow_extra_args(false);
     app.add_option("--pack", o.pack, "DTOs put into one datagram")->check(CLI::Range(1, 1000));

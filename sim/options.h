@@ -28,6 +28,7 @@ struct Options {
     bool timestampFixed = false;       ///< every list carries a timestamp
     std::uint64_t clockStart = 0;      ///< ticks that the clock shows at the start
     std::int32_t clockPpm = 0;         ///< how much faster than the host's clock it runs, in millionths
+    double clockWander = 0;            ///< seconds after which `clockPpm` changes its sign, 0: never
     bool daq = true;                   ///< offers the DAQ resource
     bool staticDaq = false;            ///< reports static instead of dynamic DAQ lists
     std::uint8_t minDaq = 0;           ///< number of the first dynamic list
@@ -40,6 +41,7 @@ struct Options {
     std::uint32_t fastEventUs = 1000;  ///< cycle of event 0 in microseconds
     std::uint32_t loadSignals = 0;     ///< further measurements load_0000 ... on event 0
     std::uint8_t loadBytes = 4;        ///< their size: 4 (ULONG) or 8 (A_UINT64)
+    std::uint32_t spareBytes = 0;      ///< writable memory that nothing uses, full of random bytes
 
     // Misbehaviour.
     std::vector<std::string> faults = {};  ///< rules of FaultPlan, as typed
@@ -66,6 +68,7 @@ struct Options {
 
     // The program.
     std::uint16_t port = 5555;    ///< UDP port, 0: the system chooses
+    bool anyMaster = false;       ///< obeys whoever sends, not only who sent CONNECT last
     double quitAfter = 0;         ///< seconds, 0: never
     std::string memoryFile = {};  ///< memory image, written at every change and at the end
 

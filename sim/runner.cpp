@@ -150,10 +150,10 @@ std::string Runner::statistics() const {
     const MediumCounters& medium = medium_.counters();
     std::string text = fmt::format(
         "commands {}\nwrites {}\nsamples {}\nsamples-lost {}\ndtos {}\ndtos-lost {}\npackets-sent {}\n"
-        "datagrams-sent {}\npackets-lost {}\npackets-malformed {}\nsend-failures {}\n",
+        "datagrams-sent {}\npackets-lost {}\npackets-malformed {}\nsend-failures {}\nstart-ns {}\n",
         ecu_.commands(), ecu_.slave().writes(), daq.samples, daq.samplesLost, daq.dtos, daq.dtosLost,
         medium.packetsSent, medium.datagramsSent, medium.packetsLost, medium.packetsMalformed,
-        medium.sendFailures);
+        medium.sendFailures, ecu_.startNs());
     for (std::uint8_t event = 0; event < kEventCount; ++event) {
         text += fmt::format("event-{} {}\n", event, ecu_.world().counter(event));
     }

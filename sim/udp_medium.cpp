@@ -125,7 +125,7 @@ Result<void> UdpMedium::receive(int descriptor, const Handler& handler) {
             const std::size_t packet = readLittle<std::uint16_t>(&in_[at]);
             at += kHeader;
             if (packet == 0 || packet > static_cast<std::size_t>(size) - at) break;
-            if (in_[at] == kConnect) peer_ = {descriptor, from.storage, length};
+            if (in_[at] == kConnect || options_.anyMaster) peer_ = {descriptor, from.storage, length};
             const bool known = peer_.socket == descriptor && peer_.length == length &&
                                sameAddress(peer_.address, from.storage, length);
             if (known) handler({&in_[at], packet});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <random>
 
 namespace lm::sim {
 
@@ -39,7 +40,11 @@ void World::bindInput(std::string_view name, std::int64_t Inputs::*whole, double
 
 void World::restart() {
     for (std::size_t i = 0; i < memory_.size(); ++i) {
-        std::fill_n(memory_[i].get(), catalog_.regions()[i].size, std::uint8_t{0});
+        const Region& region = catalog_.regions()[i];
+        std::minstd_rand random;  // the same bytes everywhere and after every restart
+        const bool spare = region.extension == 0 && region.base == kSpareBase;
+        std::generate_n(memory_[i].get(), region.size,
+                        [&] { return spare ? static_cast<std::uint8_t>(random() >> 8U) : std::uint8_t{0}; });
     }
     for (const Row& row : catalog_.rows()) {
         std::uint8_t* at = locate(row.extension, row.address, row.size(), nullptr);

@@ -67,6 +67,23 @@ TEST(Ecu, RunsItsOwnClock) {
     EXPECT_EQ(bench.ecu.nextDueNs(), 91'818'182);
 }
 
+TEST(Ecu, TurnsItsDriftAndSetsItsClock) {
+    Options options;
+    options.clockPpm = 100000;
+    options.clockWander = 0.1;
+    options.faults = {"jump:DAQ:9:1:-5", "jump:DAQ:11:1:0", "jump:DAQ:12:1:7"};
+    SimBench bench(options);
+    bench.drive(measuring(bench, kEvent10ms, "gear"));
+    EXPECT_EQ(bench.pass(90).size(), 18U);
+    EXPECT_EQ(bench.ecu.nextDueNs(), 90'909'091);
+    EXPECT_EQ(bench.pass(1), (Packets{"00 00 18 73 01 00 0A 00 00 00", "01 00 00"}));  // 95 ms instead of 100
+    EXPECT_EQ(bench.pass(9).size(), 2U);
+    EXPECT_EQ(bench.ecu.nextDueNs(), 101'111'112);  // 100 ms of the host were 110 ms, one more takes longer
+    EXPECT_EQ(bench.pass(12), (Packets{"00 00 10 27 00 00 0C 00 00 00", "01 00 00"}));
+    EXPECT_EQ(bench.pass(100).size(), 18U);
+    EXPECT_EQ(bench.ecu.nextDueNs(), 212'727'273);  // quick again
+}
+
 struct FaultRow {
     const char* rule;
     Packets now;    ///< what the second GET_STATUS brings at once

@@ -55,6 +55,15 @@ TEST(Slave, AnswersInIntelOrder) {
                 });
 }
 
+TEST(Slave, HasSpareMemoryForObjectsOfOthers) {
+    Options options;
+    options.spareBytes = 16;
+    SimBench bench(options);
+    play(bench, {{"FF 00", "FF 05 80 F8 78 05 01 01"},
+                 {"F4 02 00 00 00 00 20 00", "FF BC 57"},
+                 {"F4 01 00 00 10 00 20 00", "FE 22"}});
+}
+
 TEST(Slave, LeavesOutWhatItIsToldTo) {
     Options options;
     options.without = {kShortUpload, kGetDaqResolutionInfo, kGetCommModeInfo};
