@@ -1,5 +1,5 @@
-# The helpers that every CMakeLists.txt below uses: our own targets get the warnings, the sanitizers and the
-# include root in one place, so no folder can forget them.
+# The helpers that every CMakeLists.txt below uses: our own targets get the warnings, the sanitizers or
+# the hardening, and the include root in one place, so no folder can forget them.
 
 set(XCPLUMO_SANITIZE "" CACHE STRING "Sanitizers for our own targets, e.g. address,undefined or thread")
 
@@ -13,6 +13,9 @@ if(XCPLUMO_SANITIZE)
     target_compile_options(xcplumo_options INTERFACE -fsanitize=${XCPLUMO_SANITIZE} -fno-sanitize-recover=all
                                                      -fno-omit-frame-pointer)
     target_link_options(xcplumo_options INTERFACE -fsanitize=${XCPLUMO_SANITIZE})
+else()
+    include(${CMAKE_CURRENT_LIST_DIR}/hardening.cmake)
+    target_link_libraries(xcplumo_options INTERFACE xcplumo_hardening)
 endif()
 
 # xcplumo_library(NAME SOURCES ... LINKS ...): one static library per folder of src/.

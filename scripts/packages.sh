@@ -28,17 +28,16 @@ need() {
 build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libspdlog-dev libfmt-dev zlib1g-dev)
 test_packages=(libgtest-dev python3)
 can_packages=(qemu-system-x86 busybox-static iproute2 gcc-12 make xz-utils libelf1)
-check_packages=(clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 python3)
+check_packages=(clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 libbenchmark-dev python3)
 
 # build PRESET [TARGET...]: configures when needed and builds with all cores.
 build() {
     local preset=$1
     shift
-    cmake --preset "$preset" >"/tmp/xcplumo-configure.$$" 2>&1 || {
-        cat "/tmp/xcplumo-configure.$$" >&2
-        rm -f "/tmp/xcplumo-configure.$$"
+    local told
+    told=$(cmake --preset "$preset" 2>&1) || {
+        echo "$told" >&2
         return 1
     }
-    rm -f "/tmp/xcplumo-configure.$$"
     cmake --build --preset "$preset" --parallel "$(nproc)" ${1:+--target "$@"}
 }
