@@ -138,6 +138,31 @@ class FailureTableTest(harness.SystemTest):
             done = self.run_cli(self.start_sim(*options), "measure", "-s", "wave")
             self.expect(done, err=f"measure: {message}\n", code=1)
 
+    def test_no_thread_to_be_had(self):
+        """Memory for so many threads only: whichever one is missing, the start fails as a whole."""
+        sim = self.start_sim()
+        directory = self.dir / "rec"
+
+        def limit(threads):
+            return lambda: [resource.setrlimit(what, (size << 30, size << 30)) for what, size in
+                            ((resource.RLIMIT_STACK, 1), (resource.RLIMIT_AS, threads + 1))]
+
+        # A sanitizer ends here with a report of its own, which must not lie among those of faults.
+        self.env = {name: value for name, value in self.env.items() if not name.endswith("SAN_OPTIONS")}
+        if self.run_plain("--version", preexec_fn=limit(0)).returncode != 0:
+            self.skipTest("the sanitizers need more memory than is left for threads")
+        missing = ["session: cannot watch for signals", "connect: XCP on UDP: cannot start the receive thread",
+                   "measure: cannot start the printer", "measure: cannot start the flushing thread",
+                   "measure: cannot start the recording thread", "measure: cannot start the supervision"]
+        for threads, what in enumerate(missing):
+            done = self.run_cli(sim, "measure", "-s", "counter_1ms", "-r", directory, preexec_fn=limit(threads))
+            reason = "Resource temporarily unavailable (limits of threads and memory: `ulimit -a`)"
+            self.expect(done, out=done.stdout, err=f"{what}: {reason}\n", code=1)
+            self.assertFalse(directory.exists())
+        done = self.run_cli(sim, "measure", "-s", "counter_1ms", "-t", "0.1", "-r", directory,
+                            preexec_fn=limit(len(missing)))
+        self.statistics(done.stderr, directory)
+
     def test_existing_recording_stays_as_it_is(self):
         sim = self.start_sim()
         directory = self.dir / "rec"

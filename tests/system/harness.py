@@ -55,11 +55,10 @@ def signals(names):
 class Program:
     """A running program whose standard error, and standard output unless given elsewhere, go to files."""
 
-    def __init__(self, arguments, directory, env, stdout=None):
+    def __init__(self, arguments, directory, env, stdout=None, stdin=subprocess.DEVNULL):
         self.out_path, self.err_path = (Path(tempfile.mkstemp(dir=directory)[1]) for _ in range(2))
         with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
-            self.process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=stdout or out, stderr=err,
-                                            env=env)
+            self.process = subprocess.Popen(arguments, stdin=stdin, stdout=stdout or out, stderr=err, env=env)
 
     @property
     def err(self):
@@ -110,8 +109,8 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.dir, ignore_errors=True)
         self.env = dict(os.environ, HOME=str(self.dir), XDG_CONFIG_HOME=str(self.dir / "config"))
 
-    def start(self, arguments, stdout=None):
-        program = Program([str(a) for a in arguments], self.dir, self.env, stdout)
+    def start(self, arguments, **streams):
+        program = Program([str(a) for a in arguments], self.dir, self.env, **streams)
         self.addCleanup(program.kill)
         return program
 
@@ -139,7 +138,7 @@ class SystemTest(unittest.TestCase):
         return [CLI, "--a2l", str(sim.a2l), "--udp", f"127.0.0.1:{sim.port}", *map(str, arguments)]
 
     def start_cli(self, sim, *arguments, stdout=None):
-        return self.start(self.arguments(sim, *arguments), stdout)
+        return self.start(self.arguments(sim, *arguments), stdout=stdout)
 
     def run_plain(self, *arguments, timeout=PATIENCE, **options):
         """Runs the tool with just these arguments to its end."""
