@@ -1,0 +1,104 @@
+// A whole recording: its description, records as the input makes them, damage to any of its files. A repair
+// loses no whole record and leaves nothing that it could mend; what is then read is what a plain look at the
+// records gives. An export ends whole or leaves nothing.
+#include <string>
+#include <vector>
+
+#include "recording_checks.h"
+#include "recording_files.h"
+#include "storage/recording_check.h"
+#include "storage/recording_format.h"
+#include "storage/recording_reader.h"
+#include "storage/recording_repair.h"
+#include "support/temp_dir.h"
+
+namespace lm::fuzz {
+namespace {
+
+namespace fs = std::filesystem;
+
+const auto kGoOn = [] { return false; };
+
+using Texts = std::vector<std::string>;
+
+Texts textsOf(const std::vector<storage::Finding>& findings) {
+    Texts texts;
+    for (const storage::Finding& finding : findings)
+        texts.push_back(finding.text);
+    return texts;
+}
+
+class Recording {
+  public:
+    Recording(const storage::RecordingReader& reader, Input& input)
+        : reader_(reader), directory_(reader.directory()), input_(input) {
+        count_ = std::min(groups().size(), kMostGroups);
+        for (std::size_t i = 0; i < count_; ++i)
+            makeRecordFile(recordFile(i), reader.info(), groups()[i], input);
+    }
+
+    void damage() {
+        for (std::size_t deeds = input_.takeBelow(8); deeds > 0; --deeds)
+            damageFile(directory_, input_);
+    }
+
+    void read(bool sound) {
+        for (std::size_t i = 0; i < count_; ++i) {
+            auto group = reader_.openGroup(i);
+            if (group) checkReading(directory_, group.value(), input_, sound);
+        }
+    }
+
+    void repair() {
+        std::vector<PlainRecords> before;
+        for (std::size_t i = 0; i < count_; ++i)
+            before.emplace_back(recordFile(i), groups()[i]);
+        Texts deeds;
+        const auto tell = [&deeds](const std::string& deed) { deeds.push_back(deed); };
+        const auto left = storage::repairRecording(directory_, kGoOn, tell);
+        require(left.ok(), "a recording that opens can be repaired");
+        for (std::size_t i = 0; i < count_; ++i)
+            require(PlainRecords(recordFile(i), groups()[i]).bytes == before[i].bytes,
+                    "no whole record is lost");
+        const auto check = storage::checkRecording(directory_, kGoOn);
+        require(check.ok(), "a recording that opens can be checked");
+        require(textsOf(check.value().findings) == textsOf(left.value()), "what is left is what was told");
+        deeds.clear();
+        require(storage::repairRecording(directory_, kGoOn, tell).ok() && deeds.empty(),
+                "repaired once for all");
+    }
+
+  private:
+    const std::vector<storage::GroupInfo>& groups() const { return reader_.info().groups; }
+    fs::path recordFile(std::size_t group) const { return directory_ / storage::recordFileName(group); }
+
+    const storage::RecordingReader& reader_;
+    fs::path directory_;
+    Input& input_;
+    std::size_t count_ = 0;
+};
+
+}  // namespace
+}  // namespace lm::fuzz
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace lm::fuzz;
+    Input input(data, size);
+    const lm::test::TempDir dir;
+    // The description ends with a zero byte.
+    const auto length = static_cast<std::size_t>(std::find(data, data + size, 0) - data);
+    writeFile(dir.path() / "meta.json", input.takeBytes(length));
+    input.take<std::uint8_t>();
+    const auto reader = lm::storage::RecordingReader::open(dir.path());
+    if (!reader) return 0;
+    Recording recording(reader.value(), input);
+    recording.repair();  // makes index and levels
+    recording.damage();
+    recording.read(false);
+    recording.repair();
+    recording.read(true);
+    const std::filesystem::path output = dir.path() / "output";
+    std::filesystem::create_directory(output);
+    checkExport(reader.value(), output, input);
+    return 0;
+}
