@@ -1,0 +1,71 @@
+"""The tool with a library before it that numbers, notes and strikes its calls that change files (file_calls.cpp)."""
+import collections
+import os
+import subprocess
+import sys
+import threading
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
+import harness  # pylint: disable=wrong-import-position
+
+LIBRARY = os.environ["XCPLUMO_FILE_CALLS"]
+SIGNALS = harness.signals(["counter_1ms@0", "wave@0", "counter_10ms@1"])
+Call = collections.namedtuple("Call", "number name path offset size result")
+
+
+class FileCallsTest(harness.SystemTest):
+    kept = {}  # recordings that all cases start from
+    keeping = threading.RLock()
+
+    def run_noted(self, arguments, strike=None):
+        """Runs the tool; returns how it ended and its calls for files below the directory `below`."""
+        below, log = self.dir / "below", self.dir / "calls"
+        below.mkdir(exist_ok=True)
+        env = dict(self.env, LD_PRELOAD=LIBRARY, CALLS_BELOW=str(below), CALLS_LOG=str(log))
+        if strike:
+            env["CALLS_STRIKE"] = strike
+        done = subprocess.run([harness.CLI, *map(str, arguments)], capture_output=True, text=True, env=env,
+                              timeout=harness.PATIENCE, stdin=subprocess.DEVNULL, check=False)
+        lines = log.read_text().splitlines() if log.exists() else []
+        calls = [Call(int(number), name, path, *map(int, rest)) for number, name, path, *rest in map(str.split, lines)]
+        return done, calls
+
+    def measurement(self, directory, seconds):
+        """The arguments of a measurement with an ECU of its own."""
+        # What a busy machine answers late is not what is tried here.
+        config = self.quick_config(xcp={"timeoutsMs": [5000] * 7})
+        return self.arguments(self.start_sim(), "-c", config, "measure", "-t", seconds, "-p", "0", "-r", directory,
+                              *SIGNALS)[1:]
+
+    def recording(self):
+        """The files of a sound recording, name by name."""
+        with self.keeping:
+            if not self.kept:
+                done = self.run_plain(*self.measurement(self.dir / "kept", "0.6"))
+                self.assertEqual(done.returncode, 0, done.stderr)
+                self.kept.update(files_of(self.dir / "kept"))
+        return dict(self.kept)
+
+    def expect_sound(self, directory):
+        done = self.run_plain("recording", "check", directory)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+
+
+def files_of(directory):
+    """The bytes of all files, by their names; a directory that is not there has none."""
+    return {path.name: path.read_bytes() for path in directory.iterdir()} if directory.is_dir() else {}
+
+
+def write_files(directory, files):
+    directory.mkdir(parents=True, exist_ok=True)
+    for name, data in files.items():
+        (directory / name).write_bytes(data)
+
+
+def damaged(sound):
+    """The files of a sound recording with damage of every kind that a repair mends."""
+    torn = dict(sound, **{"g0000.rec": sound["g0000.rec"] + b"torn", "g0001.rec": b"\xff" * 8 + sound["g0001.rec"][8:],
+                          "g0001_L3.pyr": b"surplus", "g0000_L1.pyr": sound["g0000_L1.pyr"][:-5]})
+    del torn["g0000.tix"]
+    return torn
