@@ -1,0 +1,120 @@
+"""`set` against a calculation of its own: random objects over random memory, one random text typed for each.
+
+A case is one A2L file and one `set` with 500 assignments, carried out here too, bit by bit: every line printed and, at
+the end, every byte of memory must be the same. What is refused must be refused for the reason calculated here.
+"""
+import math
+import random
+import re
+import sys
+from pathlib import Path
+
+import campaign
+from random_objects import BASE, SLOTS, TYPES, Object, method
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
+import a2l_text  # pylint: disable=wrong-import-position
+import harness  # pylint: disable=wrong-import-position
+from ecu_model import Memory  # pylint: disable=wrong-import-position
+
+OBJECTS, METHODS = 500, 40
+
+
+def number(text, otherwise):
+    """The number that a text is: decimal, or an integer in hexadecimal digits; an integer must be held exactly."""
+    whole = re.fullmatch(r"([+-]?)(?:0[xX]([0-9a-fA-F]+)|([0-9]+))", text)
+    if whole:
+        value = int(whole[2], 16) if whole[2] else int(whole[3])
+        if int(float(value)) != value:
+            raise ValueError(f"'{text}' cannot be held exactly as a 64-bit float")
+        return -float(value) if whole[1] == "-" else float(value)
+    if not re.fullmatch(r"(?i)[+-]?(([0-9]+\.?[0-9]*|\.[0-9]+)(e[+-]?[0-9]+)?|inf|infinity|nan)", text):
+        raise ValueError(f"'{text}' {otherwise}")
+    return float(text)
+
+
+def inverse(conversion, value):
+    """The raw value of a physical one, or the reason why there is none."""
+    if conversion.kind == "formula" and "formulaInv" not in conversion.meta:
+        raise ValueError("FORM conversion without FORMULA_INV cannot be inverted")
+    try:
+        return conversion.to_raw(value)
+    except ZeroDivisionError:
+        raise ValueError("LINEAR conversion with factor 0 cannot be inverted" if conversion.kind == "linear"
+                         else "RAT_FUNC denominator is 0") from None
+    except StopIteration:
+        raise ValueError("value not contained in the conversion table") from None
+    except ValueError:
+        raise ValueError("value outside the conversion table") from None
+
+
+def held(one):
+    """What is typed as the field will hold it; ValueError tells why it must be refused."""
+    conversion, field = one.conversion, one.field
+    value = next((low for low, _, text in conversion.ranges if text == one.text), None)
+    if value is None:
+        value = number(one.text, "is not a valid value" if conversion.kind == "verbal" else "is not a number")
+    if math.isinf(value):
+        raise ValueError("value is not finite")
+    low, high = one.limits
+    slack = 1e-9 * max(1.0, abs(low), abs(high))
+    if not low - slack <= value <= high + slack:
+        raise ValueError(f"{value:g} outside the limits [{low:g}, {high:g}]")
+    raw = inverse(conversion, value)
+    if raw != raw and field.whole:
+        raise ValueError("value is not a number")
+    try:
+        return field.stored(raw)
+    except (ValueError, OverflowError):
+        shown = f"{raw:g}" if not field.whole else f"{field.rounded(raw) if math.isfinite(raw) else raw:.6f}"
+        raise ValueError(f"raw value {shown} outside the range of {field.type}") from None
+
+
+def carried_out(one, memory, unit, forced):
+    """Writes into our memory what the ECU's must hold; returns what must be told of it."""
+    if not (one.open or (forced and not one.parameter)):
+        return f"ERROR {one.name} is {'not writable' if one.parameter else 'a measurement without READ_WRITE'}"
+    if one.field.size % unit:
+        return "ERROR upload size must be a non-zero multiple of AG"
+    try:
+        raw = held(one)
+    except ValueError as error:
+        return f"ERROR {one.name}: {error}"
+    at = slice(one.address - BASE, one.address - BASE + one.field.size)
+    memory[at] = one.field.encoded(raw, memory[at])
+    return a2l_text.display_text(one.conversion, raw)
+
+
+class SetSafety(harness.SystemTest):
+    def run_case(self, seed):
+        chance = random.Random(int(seed))
+        order, endian = chance.choice((("intel", "MSB_LAST"), ("motorola", "MSB_FIRST")))
+        unit, forced = chance.choice((1, 1, 2, 4)), chance.random() < 0.3
+        methods = "".join(method(chance, i) for i in range(METHODS))
+        frame = a2l_text.module("@", 0.25).replace("MSB_LAST", endian)
+        a2l = a2l_text.A2l(frame.replace("@", methods))
+        objects = [Object(chance, i, a2l, endian, unit) for i in range(OBJECTS)]
+        image = self.dir / "memory"
+        sim = self.start_sim("--memory-file", image, "--spare-bytes", 8 * SLOTS, "--granularity", unit,
+                             "--byte-order", order, "--max-cto", chance.choice((8, 12, 248)))
+        blocks = "".join(one.block() for one in objects)
+        sim.a2l.write_text(frame.replace("@", methods + a2l_text.record_layouts(TYPES) + blocks))
+        done = self.run_cli(sim, *chance.choice(([], ["--no-short-upload"])), "set", *(["-m"] if forced else []),
+                            *(f"{one.name}={one.text}" for one in objects), timeout=240)
+        harness.counters(sim)
+        memory = bytearray(pow(48271, n + 1, 2 ** 31 - 1) >> 8 & 255 for n in range(8 * SLOTS))
+        lines = done.stdout.splitlines(keepends=True)
+        for one, line in zip(objects, lines):
+            self.assertEqual(line, harness.value_line(one.name, carried_out(one, memory, unit, forced)),
+                             f"{one.text!r} for {one.block()}{methods[methods.find(one.method + ' '):][:300]}")
+        # On a busy machine an answer may be late, which is no reason for any other outcome.
+        self.assertEqual((len(lines), re.sub(r".*: timeout, SYNCH and repeat\n", "", done.stderr)), (OBJECTS, ""))
+        self.assertEqual(Memory(image).bytes(BASE, 8 * SLOTS).hex(), memory.hex())
+
+
+def cases():
+    yield from ((seed,) for seed in range(200))
+
+
+if __name__ == "__main__":
+    campaign.main("set safety", SetSafety, cases)
