@@ -98,6 +98,10 @@ class Slave {
                 rest = {0x05, 0, 248, 0, 0, 1, 1};
                 lm::writeLittle(&rest[3], maxDto);
                 break;
+            case Command::synch:
+                answer[0] = lm::xcp::kPidError;
+                answer[1] = 0x00;  // ERR_CMD_SYNCH
+                return 2;
             case Command::getStatus:
                 rest[0] = running_ ? 0x40 : 0;
                 break;
