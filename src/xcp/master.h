@@ -180,6 +180,9 @@ class Master final : public IPacketSink {
   private:
     using Clock = std::chrono::steady_clock;
 
+    static constexpr unsigned kT1 = 0;
+    static constexpr std::size_t kConnectLength = 8;
+
     /// How an exchange judges answers.
     enum class Taking : std::uint8_t {
         any,      ///< any RES or ERR that can be the command's
@@ -249,26 +252,12 @@ class Master final : public IPacketSink {
         std::atomic<std::uint32_t> inProgress_{0};
     };
 
-    // master.cpp; "locked" means that the command mutex is held. An exchange without a value timed out.
+    // master.cpp; "locked" means that the command mutex is held.
+    static Error stopped(const Packet& command);
+    static bool isStop(const Error& error, const Packet& command);
     Result<void> requireConnected() const;
     Clock::duration timeout(unsigned index) const;
-    Result<std::optional<Packet>> exchange(const Packet& command, unsigned timeoutIndex, Taking taking,
-                                           std::size_t minimumLength);
-    static bool wantsSynch(Taking taking);
-    static bool unstoppable(Taking taking);
-    void beginStep(Taking taking);
-    bool awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit);
-    void noteOwed(Taking taking);
-    bool settleOwed(const std::uint8_t* data, std::size_t length);
-    void expectOwed();
-    bool repeatsConnect(const std::uint8_t* data, std::size_t length) const;
-    Verdict judge(const std::uint8_t* data, std::size_t length, ReceiveTime time);
-    Verdict judgeConnect(const std::uint8_t* data, std::size_t length);
-    void onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
-    bool takeAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
-    void noteSurplus(const std::uint8_t* data, std::size_t length);
     void onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime time);
-    void drainLocked();
     Result<void> synchLocked();
     Result<Packet> transactLocked(const Packet& command, const Exchange& exchange);
     Result<void> recoverLocked(const Packet& command, const Exchange& exchange);
@@ -279,6 +268,24 @@ class Master final : public IPacketSink {
     Result<void> acceptConnect(const Packet& response);
     Result<void> pauseBusy(const Packet& command);
     Error errorOf(const Packet& command, const Packet& reply);
+
+    // master_answers.cpp; an exchange without a value timed out.
+    Result<std::optional<Packet>> exchange(const Packet& command, unsigned timeoutIndex, Taking taking,
+                                           std::size_t minimumLength);
+    static bool wantsSynch(Taking taking);
+    static bool unstoppable(Taking taking);
+    void beginStep(Taking taking);
+    bool awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit);
+    void onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    bool takeAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    Verdict judge(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    Verdict judgeConnect(const std::uint8_t* data, std::size_t length);
+    void noteOwed(Taking taking);
+    bool repeatsConnect(const std::uint8_t* data, std::size_t length) const;
+    void expectOwed();
+    bool settleOwed(const std::uint8_t* data, std::size_t length);
+    void drainLocked();
+    void noteSurplus(const std::uint8_t* data, std::size_t length);
 
     // master_memory.cpp
     Result<void> setMtaLocked(Address address);
