@@ -203,6 +203,7 @@ class Master final : public IPacketSink {
         bool terminated = false;  ///< the slave ended the session after its response
         std::optional<Packet> response = {};
         std::optional<Packet> aside = {};
+        bool asideOwed = false;  ///< `aside` is a known other command's
     };
 
     /// Answers that may still come although nobody waits for them.
@@ -286,6 +287,7 @@ class Master final : public IPacketSink {
     bool settleOwed(const std::uint8_t* data, std::size_t length);
     void drainLocked();
     void noteSurplus(const std::uint8_t* data, std::size_t length);
+    void noteAsideLeftOver();
 
     // master_memory.cpp
     Result<void> setMtaLocked(Address address);

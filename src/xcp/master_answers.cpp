@@ -112,11 +112,15 @@ bool Master::takeAnswer(const std::uint8_t* data, std::size_t length, ReceiveTim
     const Verdict verdict = judge(data, length, time);
     if (verdict == Verdict::take) {
         if (owed_.answers > 0) expectOwed();
+        if (wait_.aside && !wait_.asideOwed) noteAsideLeftOver();
         wait_.response = copyOf(data, length);
         return true;
     }
     const bool owed = settleOwed(data, length);
-    if (verdict == Verdict::setAside && !std::exchange(wait_.aside, copyOf(data, length))) return false;
+    if (verdict == Verdict::setAside && !std::exchange(wait_.aside, copyOf(data, length))) {
+        wait_.asideOwed = owed;
+        return false;
+    }
     ++unexpectedResponses_;
     if (!owed) noteSurplus(data, length);
     return false;
@@ -245,6 +249,13 @@ void Master::noteSurplus(const std::uint8_t* data, std::size_t length) {
     const std::size_t least = behindSynch ? steps_.minimumLength : wait_.minimumLength;
     const bool stray = data[0] == kPidResponse && length < least;
     if (!steps_.alone || !(copy || stray)) steps_.lost = true;
+}
+
+/// What was set aside for this command was another's: of one before it, then, which may have got a copy.
+void Master::noteAsideLeftOver() {
+    if (!steps_.taken || steps_.alone) return;
+    owed_.surplus = true;
+    steps_.lost = true;
 }
 
 }  // namespace lm::xcp

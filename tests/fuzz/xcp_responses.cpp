@@ -82,10 +82,12 @@ class Run {
             case 3:
                 return end(master_.getCommModeInfo());
             case 4:
-                return upload(false);
+                return upload();
             case 5:
+                return uploadInStep({0});
             case 6:
-                return upload(true);
+                // Longer than an answer, shorter, and again: with and without SHORT_UPLOAD.
+                return uploadInStep({0, 100, 200});
             case 7:
             case 8:
                 return download();
@@ -111,16 +113,41 @@ class Run {
             require(bytes[i] == slave_.memory(address + static_cast<std::uint32_t>(i)), what);
     }
 
-    void upload(bool confirmed) {
+    void upload() {
         const auto address = input_.take<std::uint16_t>();
         const std::size_t size = input_.take<std::uint8_t>();
-        const auto once = [&] { return master_.upload({address, 0}, size); };
-        const auto read = confirmed ? xcp::inStep(master_, once) : once();
+        const auto read = master_.upload({address, 0}, size);
         end(read);
-        if (!read) return;
-        require(read.value().size() == size, "as many bytes as asked for");
-        if (slave_.honest() || (confirmed && slave_.complete()))
-            requireMemory(address, read.value(), "the bytes of that address");
+        if (read) requireRead(address, size, read.value(), slave_.honest());
+    }
+
+    /// Uploads as one step, of sizes that differ by these from the one given.
+    void uploadInStep(std::initializer_list<std::uint8_t> differences) {
+        const auto address = input_.take<std::uint16_t>();
+        const auto size = input_.take<std::uint8_t>();
+        std::vector<Result<std::vector<std::uint8_t>>> all;
+        const auto sizeOf = [&](std::size_t i) {
+            return static_cast<std::uint8_t>(size + differences.begin()[i]);
+        };
+        const auto step = [&]() -> Result<void> {
+            all.clear();
+            for (std::size_t i = 0; i < differences.size(); ++i)
+                all.push_back(master_.upload({address, 0}, sizeOf(i)));
+            return {};
+        };
+        const auto sure = xcp::inStep(master_, step);
+        end(sure);
+        if (!sure) return;
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            end(all[i]);
+            if (all[i]) requireRead(address, sizeOf(i), all[i].value(), slave_.honest() || slave_.complete());
+        }
+    }
+
+    void requireRead(std::uint32_t address, std::size_t size, std::span<const std::uint8_t> bytes,
+                     bool right) {
+        require(bytes.size() == size, "as many bytes as asked for");
+        if (right) requireMemory(address, bytes, "the bytes of that address");
     }
 
     void download() {

@@ -102,6 +102,12 @@ TEST(Master, ConfirmsThatAnswersBelongToTheirCommands) {
         {"fetch; fetch; confirm; fetch",
          "; F5 02 > FF 11 11; F5 02 > FF 11 11; FC > FF 22 22, FE 00; FC > FE 00; F5 02 > FF 22 22",
          "FF 11 11; FF 11 11; out of step; FF 22 22"},
+        // A shift that a short answer sets right again: the second answer to fetch passes for SET_MTA's,
+        // whose own is too short for UPLOAD.
+        {"fetch; fetch; upload 8; confirm",
+         "; F5 02 > FF 11 11; F5 02 > FF 11 11; F6 00 00 01 78 56 34 12 > FF 22 22; "
+         "F5 07 > FF, FF 01 02 03 04 05 06 07; FC > FE 00; F5 01 > FF 08; FC > FE 00",
+         "FF 11 11; FF 11 11; 01 02 03 04 05 06 07 08; out of step"},
         // A slave that answers everything twice: alone between two SYNCHs both answers say the same, or else.
         {"fetchInStep; fetch; confirm",
          "; F5 02 > FF 11 11, FF 11 11; FC > FE 00, FE 00; FC > FE 00, FE 00; F5 02 > FF 11 11, FF 11 11; "
