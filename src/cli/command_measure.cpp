@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <initializer_list>
 #include <poll.h>
 #include <unistd.h>
 #include <utility>
@@ -59,6 +60,15 @@ void warnAboutLosses(const session::MeasurementStats& stats, const Console& cons
     }
 }
 
+/// Those that are not zero.
+std::string counts(std::initializer_list<std::pair<const char*, std::uint64_t>> all) {
+    std::string text;
+    for (const auto& [name, count] : all) {
+        if (count != 0) text += fmt::format("{}{} {}", text.empty() ? "" : ", ", name, count);
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory) {
@@ -80,7 +90,7 @@ std::string statisticsLine(double seconds, const session::MeasurementStats& stat
 }
 
 std::string otherLosses(const session::MeasurementStats& stats) {
-    const std::pair<const char*, std::uint64_t> losses[] = {
+    std::string text = counts({
         {"incomplete records", stats.incompleteRecords},
         {"unknown DTOs", stats.unknownDtos},
         {"malformed DTOs", stats.malformedDtos},
@@ -89,10 +99,28 @@ std::string otherLosses(const session::MeasurementStats& stats) {
         {"malformed UDP datagrams", stats.malformedDatagrams},
         {"UDP datagrams dropped by the kernel", stats.kernelDrops},
         {"serial invalid frames", stats.invalidFrames},
-    };
-    std::string text;
-    for (const auto& [name, count] : losses) {
-        if (count != 0) text += fmt::format("{}{} {}", text.empty() ? "" : ", ", name, count);
+    });
+    if (stats.withoutSamples.count() != 0) {
+        text += fmt::format("{}{} s without samples before {} reconnection(s)", text.empty() ? "" : ", ",
+                            formatFixed(std::chrono::duration<double>(stats.withoutSamples).count(), 1),
+                            stats.reconnects);
+    }
+    return text;
+}
+
+std::string countsWithoutStop(const session::MeasurementStats& stats) {
+    std::string text = fmt::format("{} records", stats.records);
+    const std::string losses = counts({
+        {"lost ODTs", stats.lostOdts},
+        {"missed cycles", stats.missedCycles},
+        {"overloads", stats.overloads},
+        {"reconnects", stats.reconnects},
+        {"CAN dropped", stats.canDropped},
+        {"error frames", stats.canErrorFrames},
+    });
+    if (!losses.empty()) text += ", " + losses;
+    if (stats.recording) {
+        text += fmt::format(", recorded {} (dropped {})", stats.recorded, stats.recordedDropped);
     }
     return text;
 }
@@ -123,10 +151,7 @@ int runMeasure(const Options& options, session::Session& session, Console& conso
         printTalk(statisticsLine(seconds, stats));
     } else {
         printError("stop", stopped.error());
-        if (stats.recording) {
-            spdlog::warn("measure: {} records, recorded {} (dropped {})", stats.records, stats.recorded,
-                         stats.recordedDropped);
-        }
+        spdlog::warn("measure: {}", countsWithoutStop(stats));
         exitCode = failed ? 2 : 1;
     }
     warnAboutLosses(stats, console);

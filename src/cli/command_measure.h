@@ -23,6 +23,10 @@ std::string statisticsLine(double seconds, const session::MeasurementStats& stat
 /// was none.
 std::string otherLosses(const session::MeasurementStats& stats);
 
+/// What is told instead of the statistics line when the ECU did not confirm the stop: the records, and every
+/// count of that line that is not zero.
+std::string countsWithoutStop(const session::MeasurementStats& stats);
+
 /// Measures with an open session. `stop` ends the waits of the session. Returns the exit code.
 int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop);
 

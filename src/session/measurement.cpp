@@ -103,6 +103,9 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
     if (!load.ok()) return load.error();
     const std::string warning = foreignEventWarning(plan.value());
     if (!warning.empty()) spdlog::warn("{}", warning);
+    if (plan.value().daq.timestampSize == 0) {
+        spdlog::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
+    }
 
     // The constructor is private, which std::make_unique cannot call.
     std::unique_ptr<Measurement> measurement(
@@ -129,6 +132,7 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
 
 Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad)
     : context_(std::move(context)), plan_(std::move(plan)), busLoad_(busLoad) {
+    lastRecordNs_ = nowNs(std::chrono::steady_clock::now().time_since_epoch());
     if (context_.transport.udp != nullptr) udpAtStart_ = context_.transport.udp->statistics();
     if (context_.transport.serial != nullptr) serialAtStart_ = context_.transport.serial->statistics();
     if (context_.transport.can) canAtStart_ = context_.transport.can->channel().statistics();
@@ -239,6 +243,7 @@ MeasurementStats Measurement::statistics() const {
     stats.unknownDtos = decoded.unknownDtos;
     stats.malformedDtos = decoded.malformedDtos;
     stats.reconnects = reconnects_.load();
+    stats.withoutSamples = std::chrono::nanoseconds(withoutSamplesNs_.load());
     if (writer_) {
         stats.recording = true;
         stats.recorded = writer_->recordsWritten();
@@ -265,6 +270,7 @@ MeasurementStats Measurement::statistics() const {
 
 void Measurement::onRecord(const xcp::DaqRecord& record) {
     records_.fetch_add(1, std::memory_order_relaxed);
+    lastRecordNs_.store(record.receiveTimeNs, std::memory_order_relaxed);
     if (sink_ != nullptr) sink_->onRecord(record);
     // A record that the writer cannot take is in its own count of dropped ones.
     if (writer_) writer_->write(record.listIndex, record.timeNs(), record.data, record.size);
@@ -276,7 +282,10 @@ void Measurement::passOnStop() {
 }
 
 Result<bool> Measurement::daqRunning() {
-    const auto status = context_.master.getStatus();
+    const auto ask = [this] { return context_.master.getStatus(); };
+    auto status = ask();
+    // Only an answer that is certainly the ECU's may end a measurement.
+    if (status.ok() && !status.value().daqRunning()) status = xcp::inStep(context_.master, ask);
     passOnStop();
     if (!status.ok()) return status.error();
     return status.value().daqRunning();
@@ -309,7 +318,13 @@ Result<void> Measurement::configureAnew() {
     if (!capabilities.ok()) return capabilities.error();
     auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());
     if (!fits.ok()) return fits;
+    const std::int64_t lastRecordNs = lastRecordNs_.load();
     auto started = startLists(capabilities.value());
+    if (started.ok()) {
+        const std::int64_t now = nowNs(std::chrono::steady_clock::now().time_since_epoch());
+        withoutSamplesNs_ += now - lastRecordNs;
+        lastRecordNs_ = std::max(lastRecordNs_.load(), now);
+    }
     // An ECU that was only out of reach may still run the old lists and refuse others meanwhile.
     if (!started.ok() && started.error().detail != Error::kNoDetail) {
         static_cast<void>(context_.master.stopDaq());

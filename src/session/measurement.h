@@ -90,6 +90,8 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
 
     std::atomic<std::uint64_t> records_{0};
     std::atomic<std::uint64_t> reconnects_{0};
+    std::atomic<std::int64_t> lastRecordNs_{0};      ///< host steady clock; set when DAQ starts
+    std::atomic<std::int64_t> withoutSamplesNs_{0};  ///< before reconnections
 
     // Under decoderMutex_: replaced by the supervisor at a reconnection while statistics are read.
     mutable std::mutex decoderMutex_;

@@ -5,6 +5,7 @@
 // respectively.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -59,6 +60,7 @@ struct MeasurementStats {
     std::uint64_t recordedDropped = 0;  ///< records that the writer could not keep
 
     // Losses that the statistics line does not name.
+    std::chrono::nanoseconds withoutSamples{0};  ///< from the last record before each reconnection to it
     std::uint64_t incompleteRecords = 0;
     std::uint64_t unknownDtos = 0;
     std::uint64_t malformedDtos = 0;

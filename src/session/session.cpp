@@ -252,7 +252,11 @@ void Session::requestStop() {
     const std::lock_guard lock(stopMutex_);
     stopRequested_ = true;
     if (transport_.serial != nullptr) transport_.serial->requestStop();
-    if (!writing_) master_->requestStop();
+    if (writing_) {
+        master_->refuseExtensions();
+    } else {
+        master_->requestStop();
+    }
 }
 
 std::string Session::ecuName() const {

@@ -251,9 +251,15 @@ void Master::requestStop() {
     wakeUp_.notify_all();
 }
 
+void Master::refuseExtensions() {
+    const std::lock_guard lock(responseMutex_);
+    extensionsRefused_ = true;
+}
+
 void Master::clearStop() {
     const std::lock_guard lock(responseMutex_);
     stopRequested_ = false;
+    extensionsRefused_ = false;
 }
 
 bool Master::stopRequested() const {

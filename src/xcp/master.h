@@ -160,6 +160,10 @@ class Master final : public IPacketSink {
     /// Ends every wait of a command at once, the endless CONNECT included; commands fail with closed until
     /// clearStop(). The ...Once and ...WithoutWaiting operations are not affected.
     void requestStop();
+    /// From now on EV_CMD_PENDING draws out no command: for a stop that waits for commands which must not be
+    /// left half-way.
+    void refuseExtensions();
+    /// Takes both back.
     void clearStop();
     bool stopRequested() const;
 
@@ -326,6 +330,7 @@ class Master final : public IPacketSink {
     std::optional<Packet> connectAnswer_;  ///< of the last successful CONNECT
     std::uint64_t pendingExtensions_ = 0;
     bool stopRequested_ = false;
+    bool extensionsRefused_ = false;
 
     // Atomic.
     std::atomic<bool> connected_{false};

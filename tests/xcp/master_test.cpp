@@ -137,7 +137,7 @@ TEST(Master, ConfirmsThatAnswersBelongToTheirCommands) {
 }
 
 TEST(Master, AStopIsNotDrawnOutByASlaveThatIsPending) {
-    Bench bench("FF 00 > @; DD 00");
+    Bench bench("FF 00 > @; DD 00; FC > FE 00; F5 02; FC; FC; FC");
     bench.run("connect");
     const std::jthread pending([&](const std::stop_token& ended) {
         while (!ended.stop_requested()) {
@@ -146,6 +146,8 @@ TEST(Master, AStopIsNotDrawnOutByASlaveThatIsPending) {
         }
     });
     EXPECT_EQ(bench.run("stopOnce"), "START_STOP_SYNCH: no response from slave (t1)");
+    bench.master.refuseExtensions();
+    EXPECT_FALSE(bench.master.transact(buildUpload(2), {}));
 }
 
 TEST(Master, BusyIsRepeatedTwentyTimes) {
