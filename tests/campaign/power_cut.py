@@ -7,7 +7,7 @@ import itertools
 import os
 
 import campaign
-from file_calls import FileCallsTest, damaged, files_of, write_files
+from file_calls import FileCalls, damaged, files_of, write_files
 from recording import Recording
 
 CUTS = {"measure": 75, "repair": 20, "save": 6}  # more than each of these makes calls
@@ -80,7 +80,7 @@ class Disk:
                     yield state, {name: len(file.content(file.flushed)) for name, file in names.items()}
 
 
-class PowerCut(FileCallsTest):
+class PowerCut(FileCalls):
     disks = {}
 
     def run_case(self, command, cut):
