@@ -52,16 +52,16 @@ class FailingWrites(FileCalls):
             return done, calls, struck
         if "the data is complete" not in done.stderr:
             self.assertEqual(f"stop: write error in {directory}\n" in done.stderr, struck, done.stderr)
-        self.assertEqual(self.run_plain("recording", "repair", directory).returncode, 0)
-        self.expect_sound(directory)
+        self.succeed("recording", "repair", directory)
+        self.succeed("recording", "check", directory)
         return done, calls, struck
 
     def check_killed(self, directory, calls):
         if not (directory / "meta.json").exists():
             self.assertEqual([call for call in calls if call.name == "write" and call.offset], [], "not in a recording")
             return
-        self.assertEqual(self.run_plain("recording", "repair", directory).returncode, 0)
-        self.expect_sound(directory)
+        self.succeed("recording", "repair", directory)
+        self.succeed("recording", "check", directory)
         for number, group in enumerate(Recording(directory).groups):
             written = sum(call.result for call in calls if call.name == "write" and call.offset and
                           call.path.endswith(f"g{number:04}.rec"))
@@ -78,7 +78,7 @@ class FailingWrites(FileCalls):
             if name.endswith(".tmp") and outcome[0].returncode == KILLED:
                 continue
             self.assertTrue(data in (torn.get(name), sound.get(name)), name)
-        self.assertEqual(self.run_plain("recording", "repair", directory).returncode, 0)
+        self.succeed("recording", "repair", directory)
         self.assertTrue(files_of(directory) == sound)
         return outcome
 
@@ -91,13 +91,13 @@ class FailingWrites(FileCalls):
                                 "g0000.rec": sound["g0000.rec"][:32] + b"".join(many)})
         kind = "csv" if command.endswith("csv") else "mf4"
         options = ["--no-compress"] if command.endswith("fast") else ["--merge"] if kind == "csv" else []
-        self.assertEqual(self.run_plain("export", directory, "-o", self.dir / f"good.{kind}", *options).returncode, 0)
+        self.succeed("export", directory, "-o", self.dir / f"good.{kind}", *options)
         return self.replaced(f"out.{kind}", (self.dir / f"good.{kind}").read_bytes(),
                              ["export", directory, "--force", *options, "-o"], strike, b"the old one")
 
     def save(self, command, strike):
         options = ["--udp", "127.0.0.1:1", "save-config"]
-        self.assertEqual(self.run_plain(*options, self.dir / "good.json").returncode, 0)
+        self.succeed(*options, self.dir / "good.json")
         return self.replaced("out.json", (self.dir / "good.json").read_bytes(), options, strike,
                              None if command.endswith("new") else b"{}\n")
 
@@ -108,7 +108,7 @@ class FailingWrites(FileCalls):
         outcome = self.noted([*arguments, below / name], strike)
         if outcome[0].returncode == KILLED:
             self.assertTrue(timeless(files_of(below).get(name)) in (timeless(good), old), name)
-            self.assertEqual(self.run_plain(*arguments, below / name).returncode, 0)
+            self.succeed(*arguments, below / name)
         files = files_of(below)
         if name.endswith(".json") and outcome[0].returncode == KILLED:
             files = {name: files[name]}  # its temporary file stays
