@@ -24,6 +24,7 @@ class FullDisk(campaign.Campaign):
             self.assertEqual(done.returncode, 1)
         if dropped:
             self.assertIn(f"stop: write error in {directory}\n", done.stderr)
+            self.assertEqual(done.stderr.count("recording: write error in"), 1, done.stderr)
 
 
 def cases():

@@ -17,10 +17,14 @@ class FailuresTest(harness.SystemTest):
 
     def test_configuration_load_fails(self):
         missing, broken = self.dir / "missing.json", self.config('{\n  "name": "x",\n  "a2l" 5\n}')
-        wrong = self.config('{"udp": {"port": 65536}}', "wrong.json")
-        self.check_rows("configuration: ", [
-            (["-c", missing, "info"], f"cannot open configuration {missing}"),
-            (["-c", wrong, "info"], f"{wrong}: configuration: udp.port: 65536 is not a whole number from 0 to 65535")])
+        rows = [(["-c", missing, "info"], f"cannot open configuration {missing}")]
+        for number, (text, message) in enumerate([
+                ('{"reconnect": {"policy": "Retry"}}', "unknown reconnect policy 'Retry'"),
+                ('{"udp": {"port": 65536}}', "configuration: udp.port: 65536 is not a whole number from 0 to 65535"),
+                ('{"a2l": 5}', "configuration: a2l: must be text, but is number")]):
+            path = self.config(text, f"{number}.json")
+            rows.append((["-c", path, "info"], f"{path}: {message}"))
+        self.check_rows("configuration: ", rows)
         done = self.run_plain("-c", broken, "info")
         self.assertRegex(done.stderr, rf"^configuration: {broken}: configuration: .*line 3, column .*\n$")
         self.expect(done, err=done.stderr, code=1)
@@ -108,7 +112,9 @@ class FailuresTest(harness.SystemTest):
             ([], "no signals to measure"),
             (["-s", "nope"], "'nope' is neither a MEASUREMENT nor a CHARACTERISTIC"),
             (["-s", "gear@9"], "event channel 9 does not exist"),
+            (["-s", "gear@"], "stoul: '' is not a number from 0 to 65535"),
             (["-s", "gear@1@2"], "stoul: '1@2' is not a number from 0 to 65535"),
+            (["-s", "gear@65536"], "stoul: '65536' is not a number from 0 to 65535"),
             (signals(["counter_1ms", "wave", "lambda"]), "ALLOC_ODT_ENTRY: ERR_MEMORY_OVERFLOW (0x30)"),
             (["-s", "bad_address@1"], "WRITE_DAQ: ERR_OUT_OF_RANGE (0x22)"),
             (["-s", "wave", "-r", file], f"cannot create {file}"),
