@@ -7,6 +7,7 @@ import resource
 
 import campaign
 import harness
+from recording import Recording
 
 SIGNALS = ["counter_1ms@0", "wave@0", "counter_10ms@1"]
 
@@ -20,6 +21,10 @@ class FullDisk(campaign.Campaign):
                             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size)))
         self.assertIn(done.returncode, (0, 1), done.stderr)
         dropped = self.check_failed_recording(directory, done.stderr)
+        if dropped is not None:
+            for number, group in enumerate(Recording(directory).groups):
+                whole = 32 + len(group.records) * (8 + group.meta["recordSize"])
+                self.assertEqual((directory / f"g{number:04}.rec").stat().st_size, whole, "a torn record")
         if dropped != 0:
             self.assertEqual(done.returncode, 1)
         if dropped:
