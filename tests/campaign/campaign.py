@@ -1,18 +1,54 @@
 """Runs the cases of a campaign in parallel and prints one line about each that failed and one about all.
 
-A campaign is a SystemTest class with a method `run_case(*case)` and a generator of cases. Every N-th case is run when
-N is given as the only argument; a case given word by word is run alone, as often as it takes to look at it.
+A campaign is a Campaign class with a method `run_case(*case)` and a generator of cases. Every N-th case is run when
+N is given as the only argument; a case given word by word is run alone, as often as it takes to look at it. Modules of
+the system tests can be imported behind this one.
 """
 import concurrent.futures
 import os
+import re
 import sys
 import tempfile
 import threading
 import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
+import harness  # pylint: disable=wrong-import-position
+from recording import Recording  # pylint: disable=wrong-import-position
 
 # In memory where there is such a place: whether an answer comes in time must not depend on a busy disk.
 tempfile.tempdir = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 PARALLEL = 2 * (os.cpu_count() or 1)
+
+
+class Campaign(harness.SystemTest):
+    """What several campaigns hold besides."""
+
+    def check_ended(self, code, err):
+        self.assertIn(code, (0, 1, 2), err)
+        self.assertNotRegex(err, "(?i)sanitizer|assert|terminate called")
+
+    def check_rising(self, group):
+        """Records in the order in which they were taken, none twice; returns their counters."""
+        values = group.counters()
+        self.assertEqual(values, sorted(set(values)))
+        return values
+
+    def check_failed_recording(self, directory, err):
+        """Files that could not all be written hold what was told as recorded; returns how many were dropped.
+
+        None when it was refused at the start, and nothing is left.
+        """
+        if not (directory / "meta.json").exists():
+            self.assertRegex(err, "(?m)^measure: cannot (write|create|open)")
+            self.assertEqual(list(directory.iterdir()) if directory.exists() else [], [])
+            return None
+        records, recorded, dropped = map(int, re.search(r"(\d+) records, .*recorded (\d+) \(dropped (\d+)\)", err).groups())
+        self.assertEqual(records, recorded + dropped)
+        groups = Recording(directory).groups
+        self.assertEqual(sum(len(self.check_rising(group)) for group in groups), recorded)
+        return dropped
 
 
 def run(test_class, *case):

@@ -7,14 +7,10 @@ clock or the samples half a second on, by how many milliseconds, and the seconds
 import itertools
 import math
 import subprocess
-import sys
 import time
-from pathlib import Path
 
 import campaign
-
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
-import harness  # pylint: disable=wrong-import-position
+import harness
 
 MS = 1_000_000
 CYCLES = (MS, 10 * MS)
@@ -51,7 +47,7 @@ def host_time(ecu_ns, ppm, turn_ns):
     return ecu_ns - drift * min(phase / (1 + drift), (2 * turn_ns - phase) / (1 - drift))
 
 
-class Clocks(harness.SystemTest):
+class Clocks(campaign.Campaign):
     def start(self, arguments, **streams):
         return super().start([*REAL_TIME, *arguments], **streams)
 
@@ -62,8 +58,7 @@ class Clocks(harness.SystemTest):
                              *(["--fault", f"{kind}:DAQ:550:1:{milliseconds}"] if kind != "steady" else []))
         directory = self.dir / "recording"
         config = self.quick_config(reconnect={"heartbeatMs": 60000})
-        tool = self.start_cli(sim, "-c", config, "measure", "-t", seconds, "-p", "0", "-r", directory,
-                              *harness.signals(["counter_1ms@0", "counter_10ms@1"]))
+        tool = self.start_cli(sim, "-c", config, *harness.record(directory, ["counter_1ms@0", "counter_10ms@1"], seconds))
         self.assertEqual(tool.finish(), 0, tool.err)
         ended = time.monotonic_ns()
         told, groups = self.statistics(tool.err, directory)

@@ -17,9 +17,7 @@ import time
 from pathlib import Path
 
 import campaign
-
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
-import harness  # pylint: disable=wrong-import-position
+import harness
 
 BETWEEN_DISTURBANCES_S = 180
 BETWEEN_SAMPLES_S = 10
@@ -27,6 +25,7 @@ WARM_S = 300
 GROWTH_KB = 1024  # of memory after the warm-up
 CUT_BY_A_PULL = 64  # frames: what a pseudo-terminal holds
 PAUSE_NS = 500_000_000
+LOSSES = ("--fault", "lose-datagram:4999", "--fault", "overload:9973")
 AWAY = {"restart": (signal.SIGUSR1, None), "silence": (signal.SIGUSR2, signal.SIGUSR2),
         "pulled": (signal.SIGRTMIN, signal.SIGRTMIN), "gone": (None, None)}
 Sample = collections.namedtuple("Sample", "at memory threads descriptors")
@@ -38,8 +37,9 @@ class Watched:
     recording = None
 
     def __init__(self, test, sim, *arguments, stdin=subprocess.DEVNULL):
-        self.test, self.sim, self.samples, self.away = test, sim, [], collections.Counter()
-        self.program = test.start([harness.CLI, "--a2l", sim.a2l, *sim.reach, *arguments], stdin=stdin)
+        self.test, self.sim, self.samples = test, sim, []
+        self.away, self.made = collections.Counter(), collections.Counter()
+        self.program = test.start(test.arguments(sim, *arguments), stdin=stdin)
         self.told = self.program.err_path
         self.mark = 0
 
@@ -54,17 +54,22 @@ class Watched:
         self.mark = self.told.stat().st_size
         self.away[kind] += 1
         if kind == "gone":
-            self.test.end_sim(self.sim)
+            self.count()
         else:
             self.sim.signal(AWAY[kind][0])
         self.wait_for(self.lost)
 
     def undo(self, kind):
         if kind == "gone":
-            self.sim = self.test.start_udp_sim(self.sim.port)
+            self.sim = self.test.start_sim(*LOSSES, port=self.sim.port)
         elif AWAY[kind][1]:
             self.sim.signal(AWAY[kind][1])
         self.wait_for(self.back)
+
+    def count(self):
+        """Ends the ECU; returns the counters of all that there were."""
+        self.made.update(harness.counters(self.sim))
+        return self.made
 
     def sample(self, at):
         pid = self.program.process.pid
@@ -94,8 +99,7 @@ class Watched:
 class Measurement(Watched):
     def __init__(self, test, sim, *events, options=()):
         self.recording = test.dir / f"recording{len(list(test.dir.iterdir()))}"
-        super().__init__(test, sim, "--reconnect", "retry_forever", *options, "measure", "-p", "0",
-                         "-r", self.recording, *harness.signals(events))
+        super().__init__(test, sim, "--reconnect", "retry_forever", *options, *harness.record(self.recording, events))
         self.wait_for("measuring ")
 
     def rows(self):
@@ -116,7 +120,7 @@ class Measurement(Watched):
         told["records"] = int(statistics[0][0])
         for line in [statistics[0][1], *re.findall(r"(?m)measure: (.*)$", err)]:
             told.update({name: int(number) for name, number in re.findall(r"([A-Za-z][A-Za-z ]*) (\d+)", line)})
-        made = test.end_sim(self.sim)
+        made = self.count()
         test.assertGreaterEqual(told["reconnects"], sum(self.away.values()))
         test.assertEqual((told["records"], told["dropped"]), (told["recorded"], 0))
         breaks = recorded = 0
@@ -181,42 +185,17 @@ class Console(Watched):
         steps = [after - before for before, after in itertools.pairwise(diagnostics)]
         self.test.assertGreater(min(steps), 0)
         self.test.assertLessEqual(sum(step != 1 for step in steps), self.away["pulled"])
-        self.test.end_sim(self.sim)
+        self.count()
         return f"{text}; {self.typed} lines typed and answered, {len(diagnostics)} lines of diagnostics"
 
 
-class Endurance(harness.SystemTest):
-    made = {}
-
-    def start_udp_sim(self, port=0):
-        sim = self.start([harness.SIM, "--port", port, "--fault", "lose-datagram:4999", "--fault", "overload:9973"])
-        sim.wait_for_out("\n")
-        sim.port = int(sim.out.splitlines()[0].removeprefix("port "))
-        sim.a2l, sim.reach, sim.made = self.a2l, ("--udp", f"127.0.0.1:{sim.port}"), self.made.setdefault("udp", {})
-        return sim
-
-    def start_serial_sim(self, name):
-        line = self.dir / name
-        sim = self.start([harness.SIM, "--serial-link", line, "--baud", "4000000", "--chatter-ms", "20"])
-        sim.wait_for_out("\n")
-        sim.a2l, sim.reach, sim.made = self.serial_a2l, ("--serial", line, "--reset-delay", "20"), {}
-        return sim
-
-    def end_sim(self, sim):
-        """Returns the counters of the ECU and of those that it stood in for."""
-        for name, count in harness.counters(sim).items():
-            sim.made[name] = sim.made.get(name, 0) + count
-        return sim.made
-
+class Endurance(campaign.Campaign):
     def run_case(self, minutes):
-        self.made = {}
-        self.a2l, self.serial_a2l = self.write_a2l(), self.write_a2l("--serial", "--baud", "4000000")
-        watched = {"udp": Measurement(self, self.start_udp_sim(), "counter_1ms@0", "counter_10ms@1"),
-                   "serial": Measurement(self, self.start_serial_sim("line"), "counter_10ms@1", "counter_100ms@2",
-                                         options=("-v",)),
-                   "console": Console(self, self.start_serial_sim("text"))}
-        total = float(minutes) * 60
-        begin = time.monotonic()
+        total, begin = float(minutes) * 60, time.monotonic()
+        lines = [self.start_serial_sim("--baud", "4000000", "--chatter-ms", "20") for _ in range(2)]
+        watched = {"udp": Measurement(self, self.start_sim(*LOSSES), "counter_1ms@0", "counter_10ms@1"),
+                   "serial": Measurement(self, lines[0], "counter_10ms@1", "counter_100ms@2", options=("-v",)),
+                   "console": Console(self, lines[1])}
         self.live(list(watched.values()), begin, total)
         for name, each in watched.items():
             print(f"{name}: {each.judge(total)}", flush=True)

@@ -8,7 +8,7 @@ import re
 import struct
 
 import campaign
-from file_calls import FileCallsTest, damaged, files_of, write_files
+from file_calls import FileCalls, damaged, files_of, write_files
 from recording import Recording
 
 # More calls than each of these makes.
@@ -19,7 +19,7 @@ MODES = [*((mode, number) for mode in ("once", "on", "torn") for number in (errn
 KILLED = -9
 
 
-class FailingWrites(FileCallsTest):
+class FailingWrites(FileCalls):
     def run_case(self, command, mode, number, at):
         strike = f"{at}:{number}:{mode}"
         done, calls, struck = getattr(self, command.split("-")[0])(command, strike)
@@ -48,30 +48,20 @@ class FailingWrites(FileCallsTest):
         if done.returncode == KILLED:
             self.check_killed(directory, calls)
             return done, calls, struck
-        if not (directory / "meta.json").exists():  # refused at the start, and nothing stays
-            self.assertRegex(done.stderr, "(?m)^measure: cannot (write|create|open)")
-            self.assertEqual(files_of(directory), {})
+        if self.check_failed_recording(directory, done.stderr) is None:
             return done, calls, struck
-        records, recorded, dropped = map(int, re.search(r"(\d+) records, .*recorded (\d+) \(dropped (\d+)\)",
-                                                        done.stderr).groups())
-        self.assertEqual(records, recorded + dropped)
-        groups = Recording(directory).groups
-        self.assertEqual(sum(len(group.records) for group in groups), recorded)
-        for group in groups:
-            values = group.counters()
-            self.assertEqual(values, sorted(set(values)))
         if "the data is complete" not in done.stderr:
             self.assertEqual(f"stop: write error in {directory}\n" in done.stderr, struck, done.stderr)
-        self.assertEqual(self.run_plain("recording", "repair", directory).returncode, 0)
-        self.expect_sound(directory)
+        self.succeed("recording", "repair", directory)
+        self.succeed("recording", "check", directory)
         return done, calls, struck
 
     def check_killed(self, directory, calls):
         if not (directory / "meta.json").exists():
             self.assertEqual([call for call in calls if call.name == "write" and call.offset], [], "not in a recording")
             return
-        self.assertEqual(self.run_plain("recording", "repair", directory).returncode, 0)
-        self.expect_sound(directory)
+        self.succeed("recording", "repair", directory)
+        self.succeed("recording", "check", directory)
         for number, group in enumerate(Recording(directory).groups):
             written = sum(call.result for call in calls if call.name == "write" and call.offset and
                           call.path.endswith(f"g{number:04}.rec"))
@@ -88,7 +78,7 @@ class FailingWrites(FileCallsTest):
             if name.endswith(".tmp") and outcome[0].returncode == KILLED:
                 continue
             self.assertTrue(data in (torn.get(name), sound.get(name)), name)
-        self.assertEqual(self.run_plain("recording", "repair", directory).returncode, 0)
+        self.succeed("recording", "repair", directory)
         self.assertTrue(files_of(directory) == sound)
         return outcome
 
@@ -101,13 +91,13 @@ class FailingWrites(FileCallsTest):
                                 "g0000.rec": sound["g0000.rec"][:32] + b"".join(many)})
         kind = "csv" if command.endswith("csv") else "mf4"
         options = ["--no-compress"] if command.endswith("fast") else ["--merge"] if kind == "csv" else []
-        self.assertEqual(self.run_plain("export", directory, "-o", self.dir / f"good.{kind}", *options).returncode, 0)
+        self.succeed("export", directory, "-o", self.dir / f"good.{kind}", *options)
         return self.replaced(f"out.{kind}", (self.dir / f"good.{kind}").read_bytes(),
                              ["export", directory, "--force", *options, "-o"], strike, b"the old one")
 
     def save(self, command, strike):
         options = ["--udp", "127.0.0.1:1", "save-config"]
-        self.assertEqual(self.run_plain(*options, self.dir / "good.json").returncode, 0)
+        self.succeed(*options, self.dir / "good.json")
         return self.replaced("out.json", (self.dir / "good.json").read_bytes(), options, strike,
                              None if command.endswith("new") else b"{}\n")
 
@@ -118,7 +108,7 @@ class FailingWrites(FileCallsTest):
         outcome = self.noted([*arguments, below / name], strike)
         if outcome[0].returncode == KILLED:
             self.assertTrue(timeless(files_of(below).get(name)) in (timeless(good), old), name)
-            self.assertEqual(self.run_plain(*arguments, below / name).returncode, 0)
+            self.succeed(*arguments, below / name)
         files = files_of(below)
         if name.endswith(".json") and outcome[0].returncode == KILLED:
             files = {name: files[name]}  # its temporary file stays

@@ -33,7 +33,7 @@ Function* original(Function* /*type*/, const char* name) {
 #define ORIGINAL(name) (original(&::name, #name))
 
 struct Strike {
-    long number = 0;
+    long number = LONG_MAX;
     int systemError = 0;
     char mode[8] = "";
 };
@@ -78,37 +78,32 @@ class Call {
         static const Strike strike = readStrike();
         if (!seen_) return run(size_);
         const std::string_view mode = strike.mode;
-        const bool halves = (mode == "short" || mode == "torn") && size_ > 1;
-        const bool first = strike.number != 0 && number_ == strike.number;
-        const bool later = strike.number != 0 && number_ > strike.number;
-        if (first && mode == "kill") {
+        const long behind = number_ != 0 ? number_ - strike.number : -1;  // 0: the call that is struck
+        if (behind == 0 && mode == "kill") {
             if (size_ > 1) run(size_ / 2);
             ::raise(SIGKILL);
         }
-        if (first && halves) return note(run(size_ / 2));
-        if ((first && mode != "short") || (later && mode == "on") ||
-            (later && mode == "torn" && number_ <= strike.number + 2)) {
-            // What is closed is closed, also when the data did not get to the disk.
-            if (std::string_view(name_) == "close") run(0);
-            errno = strike.systemError;
-            return note(static_cast<decltype(run(0))>(-1));
-        }
-        return note(run(size_));
+        if (behind == 0 && size_ > 1 && (mode == "short" || mode == "torn")) return note(run(size_ / 2));
+        const bool goesOn = mode == "on" || (mode == "torn" && behind <= 2);
+        if (behind < 0 || (behind == 0 && mode == "short") || (behind > 0 && !goesOn))
+            return note(run(size_));
+        // What is closed is closed, also when the data did not get to the disk.
+        if (std::string_view(name_) == "close") run(0);
+        errno = strike.systemError;
+        return note(static_cast<decltype(run(0))>(-1));
     }
 
   private:
     template <typename Value>
     Value note(Value result) const {
         const int systemError = errno;
+        static const char* const place = std::getenv("CALLS_LOG");
         static const int log =
-            std::getenv("CALLS_LOG") == nullptr
-                ? -1
-                : ORIGINAL(open)(std::getenv("CALLS_LOG"), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-        const std::string line = std::to_string(number_) + " " + name_ + " " + path_ + " " +
-                                 std::to_string(offset_) + " " + std::to_string(size_) + " " +
-                                 std::to_string(result < 0 ? -long{systemError} : static_cast<long>(result)) +
-                                 "\n";
-        if (log >= 0 && ORIGINAL(write)(log, line.data(), line.size()) < 0) std::abort();
+            place == nullptr ? -1 : ORIGINAL(open)(place, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+        const long told = result < 0 ? -long{systemError} : static_cast<long>(result);
+        if (log >= 0 && ::dprintf(log, "%ld %s %s %ld %zu %ld\n", number_, name_, path_.c_str(), offset_,
+                                  size_, told) < 0)
+            std::abort();
         errno = systemError;
         return result;
     }

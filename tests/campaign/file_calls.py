@@ -1,20 +1,16 @@
 """The tool with a library before it that numbers, notes and strikes its calls that change files (file_calls.cpp)."""
 import collections
 import os
-import subprocess
-import sys
 import threading
-from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
-import harness  # pylint: disable=wrong-import-position
+import campaign
+import harness
 
 LIBRARY = os.environ["XCPLUMO_FILE_CALLS"]
-SIGNALS = harness.signals(["counter_1ms@0", "wave@0", "counter_10ms@1"])
 Call = collections.namedtuple("Call", "number name path offset size result")
 
 
-class FileCallsTest(harness.SystemTest):
+class FileCalls(campaign.Campaign):
     kept = {}  # recordings that all cases start from
     keeping = threading.RLock()
 
@@ -23,10 +19,7 @@ class FileCallsTest(harness.SystemTest):
         below, log = self.dir / "below", self.dir / "calls"
         below.mkdir(exist_ok=True)
         env = dict(self.env, LD_PRELOAD=LIBRARY, CALLS_BELOW=str(below), CALLS_LOG=str(log))
-        if strike:
-            env["CALLS_STRIKE"] = strike
-        done = subprocess.run([harness.CLI, *map(str, arguments)], capture_output=True, text=True, env=env,
-                              timeout=harness.PATIENCE, stdin=subprocess.DEVNULL, check=False)
+        done = self.run_plain(*arguments, env=env | ({"CALLS_STRIKE": strike} if strike else {}))
         lines = log.read_text().splitlines() if log.exists() else []
         calls = [Call(int(number), name, path, *map(int, rest)) for number, name, path, *rest in map(str.split, lines)]
         return done, calls
@@ -35,20 +28,19 @@ class FileCallsTest(harness.SystemTest):
         """The arguments of a measurement with an ECU of its own."""
         # What a busy machine answers late is not what is tried here.
         config = self.quick_config(xcp={"timeoutsMs": [5000] * 7})
-        return self.arguments(self.start_sim(), "-c", config, "measure", "-t", seconds, "-p", "0", "-r", directory,
-                              *SIGNALS)[1:]
+        names = ["counter_1ms@0", "wave@0", "counter_10ms@1"]
+        return self.arguments(self.start_sim(), "-c", config, *harness.record(directory, names, seconds))[1:]
 
     def recording(self):
         """The files of a sound recording, name by name."""
         with self.keeping:
             if not self.kept:
-                done = self.run_plain(*self.measurement(self.dir / "kept", "0.6"))
-                self.assertEqual(done.returncode, 0, done.stderr)
+                self.succeed(*self.measurement(self.dir / "kept", "0.6"))
                 self.kept.update(files_of(self.dir / "kept"))
         return dict(self.kept)
 
-    def expect_sound(self, directory):
-        done = self.run_plain("recording", "check", directory)
+    def succeed(self, *arguments):
+        done = self.run_plain(*arguments)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
 

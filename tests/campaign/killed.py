@@ -1,27 +1,23 @@
 """The tool is killed at random moments: what its recording held before stays, and at most the last flush is missing."""
 import random
 import signal
-import sys
 import time
-from pathlib import Path
 
 import campaign
+import harness
+from recording import Recording
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
-import harness  # pylint: disable=wrong-import-position
-from recording import Recording  # pylint: disable=wrong-import-position
-
-SIGNALS = harness.signals(["counter_1ms@0", "wave@0", "counter_10ms@1", "gear@1"])
+SIGNALS = ["counter_1ms@0", "wave@0", "counter_10ms@1", "gear@1"]
 FLUSH_S = 1.0
 SLACK_S = 1.0  # of a busy machine
 
 
-class Killed(harness.SystemTest):
+class Killed(campaign.Campaign):
     def run_case(self, seed):
         chance = random.Random(int(seed))
         sim = self.start_sim()
         directory = self.dir / "recording"
-        program = self.start_cli(sim, "measure", "-p", "0", "-r", directory, *SIGNALS)
+        program = self.start_cli(sim, *harness.record(directory, SIGNALS))
         program.wait_for_err("measuring ")
         began = time.monotonic()
         time.sleep(chance.uniform(0, 3))  # a moment is what is tried here

@@ -1,10 +1,7 @@
 """Random conversions, parameters and measurements as A2L text, with random texts to type for them."""
 import math
-import sys
-from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "system"))
-from value_coding import TYPES, Conversion, Field  # pylint: disable=wrong-import-position
+from value_coding import TYPES, Conversion, Field
 
 BASE, SLOTS = 0x200000, 512  # of eight bytes, some shared by several objects, some untouched
 JUNK = ("", "nan", "-nan", "NaN", "inf", "-Infinity", "1e999", "-1e999", "1e-999", "0x", "-0x", "0x1g", "0x1.8", "1,5",
@@ -71,6 +68,7 @@ class Object:
         own = chance.choice(("", "MSB_LAST", "MSB_FIRST"))
         self.field = Field(kind, own or order, self.mask(8 * TYPES[kind][0]) if kind[0] != "F" else 0)
         self.address = BASE + 8 * chance.randrange(SLOTS) + chance.randrange(0, 9 - max(self.field.size, unit), unit)
+        self.place = slice(self.address - BASE, self.address - BASE + self.field.size)
         self.method = chance.choice([*a2l.blocks["COMPU_METHOD"], "NO_COMPU_METHOD"])
         form = chance.choice(("", "", *FORMATS))
         self.conversion = Total(a2l.conversion(self.method, "", form))

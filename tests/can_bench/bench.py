@@ -1,13 +1,12 @@
 """Runs the CAN tests in the guest; `run` beside this file is the command to use.
 
-What comes back lies in BUILD/can_bench: junit.xml, ctest's own log, what the run cost.
+What comes back lies in BUILD/can_bench: junit.xml and ctest's own log.
 """
 import argparse
 import os
 import shlex
 import shutil
 import sys
-import time
 from pathlib import Path
 
 import guest
@@ -31,7 +30,6 @@ def parsed():
         description="Runs the CAN tests in a guest with real SocketCAN interfaces. Further arguments go to ctest, for "
         "instance -R NAME.", allow_abbrev=False)
     parser.add_argument("--build", type=Path, default=SOURCE / "build/dev", help="the build to test (build/dev)")
-    parser.add_argument("--cache", type=Path, default=cache_folder(), help="kernel and modules (%(default)s)")
     parser.add_argument("--limit", type=float, default=600, help="seconds until the guest is killed (%(default)s)")
     parser.add_argument("--script", type=Path, help="run this shell script in the guest instead of the tests")
     return parser.parse_known_args()
@@ -60,14 +58,7 @@ def main():
     work = arguments.build / "can_bench"
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir()
-    begin = time.monotonic()
-    kernel = guest_kernel(arguments.cache)
-    ready = time.monotonic()
-    status = guest.run(kernel, work, script(arguments, ctest), arguments.limit)
-    used = os.times()
-    (work / "timing").write_text(f"kernel {ready - begin:.0f} s, guest {time.monotonic() - ready:.0f} s, processor "
-                                 f"{used.children_user + used.children_system:.0f} s\n")
-    return status
+    return guest.run(guest_kernel(cache_folder()), work, script(arguments, ctest), arguments.limit)
 
 
 if __name__ == "__main__":

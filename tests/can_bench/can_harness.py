@@ -3,19 +3,17 @@
 Virtual interfaces are made and removed by the tests themselves. The guest has controllers: can0 and can1 classic on one
 bus, can2 and can3 CAN FD on another, fcan0 and fcan1 with faults on order.
 """
-import json
 import os
 import re
 import signal
 import socket
 import struct
 import subprocess
-import tempfile
 import threading
 from pathlib import Path
 
 import harness
-import recording_check
+from recording_check import ModelCase
 
 GUEST = os.environ.get("XCPLUMO_CAN_GUEST") == "1"
 EXTENDED, REMOTE, ERROR = 0x80000000, 0x40000000, 0x20000000
@@ -39,10 +37,6 @@ def raw_socket(interface, *filters, fd=True):
         raw.setsockopt(socket.SOL_CAN_RAW, socket.CAN_RAW_FILTER, b"".join(struct.pack("=II", *f) for f in filters))
     raw.bind((interface,))
     return raw
-
-
-def classic_frame(identifier, data):
-    return struct.pack("=IB3x8s", identifier, len(data), data)
 
 
 class Background:
@@ -82,10 +76,10 @@ class Listener(Background):
 
 
 class Flood(Background):
-    """Sends these frames as fast as it can."""
+    """Sends classic frames, given as identifier and bytes, as fast as it can."""
 
     def __init__(self, test, interface, *frames):
-        self.frames, self.sent = frames, 0
+        self.frames, self.sent = [struct.pack("=IB3x8s", i, len(data), data) for i, data in frames], 0
         super().__init__(test, raw_socket(interface))
 
     def act(self):
@@ -94,14 +88,13 @@ class Flood(Background):
         self.sent += len(self.frames)
 
 
-class CanTest(harness.SystemTest):
+class CanTest(ModelCase):
     """Skipped where its interfaces are missing, but in the guest they must be there."""
 
     interfaces = ()
 
     def setUp(self):
         super().setUp()
-        self.ecu = None
         missing = [name for name in self.interfaces if not Path("/sys/class/net", name).exists()]
         if missing and GUEST:
             self.fail(f"the guest has no {missing[0]}")
@@ -117,23 +110,12 @@ class CanTest(harness.SystemTest):
         sim.wait_for_out("can " + interface + "\n")
         sim.a2l = self.write_a2l("--can", interface, *options)
         sim.interface = seen_from or interface
-        sim.reach = ["-i", sim.interface, *map(str, reach)]
+        sim.reach = ["-i", sim.interface, *reach]
         return sim
 
-    def start_only_ecu(self, *arguments, **options):
-        """The same, after the end of the one before, whose identifiers it may have."""
-        if self.ecu:
-            self.ecu.kill()
-        self.ecu = self.start_ecu(*arguments, **options)
-        return self.ecu
-
-    def arguments(self, sim, *arguments):
-        return [harness.CLI, "--a2l", str(sim.a2l), *sim.reach, *map(str, arguments)]
-
-    def json_config(self, **values):
+    def patient_config(self, **sections):
         """A configuration for a guest that may stand still for seconds."""
-        values = {"xcp": {"timeoutsMs": [20000] * 7}, "reconnect": {"heartbeatMs": 60000}, **values}
-        return self.config(json.dumps(values), f"can-{len(list(self.dir.iterdir()))}.json")
+        return self.quick_config(xcp={"timeoutsMs": [20000] * 7}, reconnect={"heartbeatMs": 60000}, **sections)
 
     def check_info(self, sim, cmd, res, size):
         done = self.run_cli(sim, "info")
@@ -143,19 +125,10 @@ class CanTest(harness.SystemTest):
                          (f"ECU            SimulatedEcu (CMD 0x{cmd:X}, RES 0x{res:X} on {sim.interface})",
                           f"communication  Intel, AG 1, MAX_CTO {size}, MAX_DTO {size}"))
 
-    def start_recording(self, sim, names, *arguments):
-        """Starts a recording measurement after parameters were set; what check_recording needs is kept with it."""
-        parameters = self.type_parameters(sim)
-        directory = Path(tempfile.mkdtemp(dir=self.dir)) / "recording"
-        program = self.start_cli(sim, "measure", "-p", "0", "-r", directory, *arguments, *harness.signals(names))
-        program.check = (directory, sim.a2l, [name.split("@")[0] for name in names], parameters)
-        return program
-
     def check_recording(self, sim, program):
-        """It ended well, nothing was lost, and every value is the one of the ECU's model."""
-        self.assertEqual((program.finish(), program.out), (0, ""), program.err)
-        recording = recording_check.check(self, program.err, *program.check)
-        self.assertEqual(recording.meta["source"], f"XCP on CAN {sim.interface}")
+        """It printed nothing, and holds what the ECU's model gives."""
+        recording = self.check_measured(program)
+        self.assertEqual((program.out, recording.meta["source"]), ("", f"XCP on CAN {sim.interface}"))
 
     def check_loss(self, sim, names, cut, mend, reasons, why_not):
         """The interface goes while measuring: told once; `abort` ends, `retry` goes on when it is back.
@@ -166,8 +139,7 @@ class CanTest(harness.SystemTest):
             with self.subTest(policy):
                 config = self.quick_config(reconnect={"policy": policy, "attempts": 1000})
                 directory = self.dir / policy
-                program = self.start_cli(sim, "-c", config, "measure", "-p", "1", "-r", directory,
-                                         *harness.signals(names))
+                program = self.start_cli(sim, "-c", config, *harness.record(directory, names, every=1))
                 program.wait_for_out("\n", 2)
                 cut()
                 state = "failed" if policy == "abort" else "reconnecting"

@@ -1,5 +1,5 @@
-// Channels on real interfaces: virtual ones of their own and, in the guest, the pair fcan0 and fcan1 that has
-// faults on order.
+// What a channel can do that the tool does not show: on a virtual interface and on the pair fcan0 and fcan1
+// that has faults on order, both of the guest.
 #include <array>
 #include <condition_variable>
 #include <cstdio>
@@ -40,9 +40,8 @@ class Record final : public IFrameSink {
     /// Waits until the record ends with `end` and begins a new one.
     std::string upTo(const std::string& end) {
         std::unique_lock lock(mutex_);
-        const bool seen =
-            changed_.wait_for(lock, std::chrono::seconds(60), [&] { return log_.ends_with(end + " "); });
-        return (seen ? "" : "TIMEOUT ") + std::exchange(log_, "");
+        changed_.wait_for(lock, std::chrono::seconds(60), [&] { return log_.ends_with(end + " "); });
+        return std::exchange(log_, "");
     }
 
   private:
@@ -91,40 +90,17 @@ class ChannelTest : public ::testing::Test {
     Record record_;
 };
 
-TEST_F(ChannelTest, OpeningSaysWhatIsMissing) {
-    run("ip link set " + vcan_ + " down && ip link set " + vcan_ + " mtu 16 && ip link set fcan1 up");
-    const auto refused = [&](const CanChannelConfig& config, const std::string& beginning) {
-        const auto own = channel(config);
-        EXPECT_EQ(text(own->open()).substr(0, beginning.size()), beginning);
-        EXPECT_FALSE(own->isOpen());
-    };
-    refused({.interfaceName = "vcan555"}, "virtual CAN interface 'vcan555' does not exist. Create it");
-    refused({.interfaceName = "can77"}, "CAN interface 'can77' not found: is the adapter connected?");
-    refused({.interfaceName = vcan_}, vcan_ + " is down. Switch it on");
-    refused({.interfaceName = "fcan0"}, "fcan0 is down and no bitrate is configured");
-    refused({.interfaceName = "fcan1", .fd = true}, "fcan1 is not in CAN FD mode");
-    refused({.interfaceName = "can0", .fd = true, .bitrate = k500},
-            "can0: netlink request: Operation not supported");
-    refused({.interfaceName = "lo"}, "bind to lo: No such device");
-    run("ip link set " + vcan_ + " up");
-    EXPECT_EQ(text(channel({.interfaceName = vcan_, .fd = true})->open()).substr(vcan_.size(), 24),
-              " is not CAN FD capable. ");
-}
-
-TEST_F(ChannelTest, SetsBitTimingAndModeAndLeavesAMatchingLinkAlone) {
+TEST_F(ChannelTest, SetsBitTimingAndMode) {
     const auto expect = [](std::initializer_list<const char*> parts) {
         const std::string shown = run("ip -details link show fcan0");
         for (const char* part : parts)
             EXPECT_NE(shown.find(part), std::string::npos) << part << " in " << shown;
     };
-    CanChannelConfig config{
-        .interfaceName = "fcan0", .fd = true, .bitrate = CanBitTiming{500000, 800}, .dataBitrate = k2000};
-    ASSERT_EQ(text(channel(config)->open()), "");
+    const CanBitTiming early = {500000, 800};
+    ASSERT_EQ(
+        text(channel({.interfaceName = "fcan0", .fd = true, .bitrate = early, .dataBitrate = k2000})->open()),
+        "");
     expect({"UP", "mtu 72", "can <FD>", " bitrate 500000 sample-point 0.800", "dbitrate 2000000 "});
-    const std::string changes = run("cat /sys/class/net/fcan0/carrier_changes");
-    ASSERT_EQ(text(channel(config)->open()), "");
-    EXPECT_EQ(run("cat /sys/class/net/fcan0/carrier_changes"), changes);
-
     const auto own =
         channel({.interfaceName = "fcan0", .bitrate = CanBitTiming{250000, 875}, .listenOnly = true});
     ASSERT_EQ(text(own->open()), "");
@@ -221,83 +197,6 @@ TEST_F(ChannelTest, FollowsTheStatesOfItsController) {
     const auto second = channel({.interfaceName = "fcan0"});
     ASSERT_EQ(text(second->open()), "");
     EXPECT_EQ(second->busState(), CanBusState::errorPassive);
-}
-
-TEST_F(ChannelTest, FollowsErrorFramesWrittenByHand) {
-    const auto own = channel({.interfaceName = vcan_}, &record_);
-    const auto writer = channel({.interfaceName = vcan_});
-    ASSERT_EQ(text(own->open()) + text(writer->open()), "");
-    const struct {
-        std::uint32_t errorClass;
-        std::uint8_t problem;
-        std::string events;
-    } rows[] = {{0x4, 0x08, "0/2/0 2/2/4"},
-                {0x4, 0x10, "0/3/0 2/3/4"},
-                {0x4, 0x30, "2/3/4"},
-                {0x40, 0, "0/4/0 2/4/40"},
-                {0x100, 0, "0/1/0 2/1/100"}};
-    for (const auto& row : rows) {
-        CanFrame frame;
-        frame.id = 0x20000000 | row.errorClass;
-        frame.length = 8;
-        frame.data[1] = row.problem;
-        ASSERT_EQ(text(writer->send(frame)), "");
-        EXPECT_EQ(record_.upTo(row.events), row.events + " ");
-    }
-    EXPECT_EQ(own->statistics().errorFrames, 5U);
-    EXPECT_EQ(own->statistics().busOffCount, 1U);
-    EXPECT_EQ(own->statistics().framesReceived, 0U);
-}
-
-TEST_F(ChannelTest, CountsEveryFrameThatASlowSinkCosts) {
-    std::mutex gate;
-    record_.action = [&](const CanFrame& frame) {
-        if (frame.id == 1) const std::lock_guard wait(gate);
-    };
-    const auto receiver = channel({.interfaceName = vcan_, .receiveBatch = 1}, &record_);
-    const auto sender = channel({.interfaceName = vcan_});
-    ASSERT_EQ(text(receiver->open()) + text(sender->open()), "");
-    {
-        const std::lock_guard closed(gate);
-        ASSERT_EQ(send(*sender, "001#"), "");
-        for (int i = 0; i < 60'000; ++i) {
-            ASSERT_EQ(send(*sender, "002#"), "");
-        }
-    }
-    // The kernel tells of drops with the next frame that finds room.
-    while (receiver->statistics().framesLost == 0) {
-        ASSERT_EQ(send(*sender, "002#"), "");
-    }
-    do {
-        ASSERT_EQ(send(*sender, "003#"), "");
-    } while (record_.upTo("003#").starts_with("TIMEOUT"));
-    const CanChannelStatistics counts = receiver->statistics();
-    EXPECT_EQ(counts.framesReceived + counts.framesLost, sender->statistics().framesSent);
-}
-
-TEST_F(ChannelTest, OutlivesAnInterfaceThatGoesAndComesBack) {
-    const auto own = channel({.interfaceName = vcan_}, &record_);
-    const auto again = [&] {
-        const auto other = channel({.interfaceName = vcan_});
-        ASSERT_EQ(text(other->open()), "");
-        ASSERT_EQ(send(*other, "001#"), "");
-        EXPECT_EQ(record_.upTo("001#"), "001# ");
-    };
-    ASSERT_EQ(text(own->open()), "");
-    run("ip link set " + vcan_ + " down");
-    EXPECT_EQ(record_.upTo("3/1/64"), "3/1/64 ");  // ENETDOWN, once
-    EXPECT_EQ(send(*own, "001#"), "send on " + vcan_ + ": Network is down");
-    run("ip link set " + vcan_ + " up");
-    again();
-    run("ip link del " + vcan_);
-    record_.upTo("3/1/64");
-    EXPECT_EQ(send(*own, "001#"), "send on " + vcan_ + ": No such device or address");
-    run("ip link add dev " + vcan_ + " type vcan && ip link set " + vcan_ + " up");
-    own->close();
-    ASSERT_EQ(text(own->open()), "");
-    again();
-    EXPECT_EQ(own->statistics().framesReceived, 2U);
-    EXPECT_EQ(own->statistics().sendFailures, 2U);
 }
 
 }  // namespace

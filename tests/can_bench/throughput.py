@@ -11,7 +11,7 @@ os.environ["XCPLUMO_CLI"], os.environ["XCPLUMO_SIM"] = (f"{os.environ['XCPLUMO_B
                                                        for name in ("xcplumo-cli", "xcplumo-sim"))
 sys.path.append(str(Path(__file__).resolve().parents[1] / "system"))
 from can_harness import ip  # noqa: E402  pylint: disable=wrong-import-position
-from harness import CLI, SIM  # noqa: E402  pylint: disable=wrong-import-position
+from harness import CLI, SIM, record  # noqa: E402  pylint: disable=wrong-import-position
 from recording import Recording  # noqa: E402  pylint: disable=wrong-import-position
 
 SECONDS = 20
@@ -19,15 +19,15 @@ SECONDS = 20
 ECU = ("--can", "vcan0", "--fast-event-us", "100", "--identification", "0", "--timestamp-size", "2")
 
 
-def record(directory):
+def measure_once(directory):
     """Measures; returns what is told and what the recording holds."""
     subprocess.run([SIM, *ECU, "--write-a2l", directory / "ecu.a2l"], check=True)
     config = directory / "config.json"
     config.write_text('{"daq": {"maxBusLoad": 100}, "xcp": {"timeoutsMs": [9000, 9000, 9000, 9000, 9000, 9000, 9000]}}')
     with subprocess.Popen([SIM, *ECU], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as sim:
         sim.stdout.readline()
-        done = subprocess.run([CLI, "-c", config, "--a2l", directory / "ecu.a2l", "-i", "vcan0", "measure", "-p", "0",
-                               "-t", str(SECONDS), "-r", directory / "rec", "-s", "counter_1ms@0"],
+        measure = record(directory / "rec", ["counter_1ms@0"], SECONDS)
+        done = subprocess.run([CLI, "-c", config, "--a2l", directory / "ecu.a2l", "-i", "vcan0", *map(str, measure)],
                               capture_output=True, text=True, check=False)
         sim.send_signal(signal.SIGINT)
         told = dict(line.split() for line in sim.communicate()[1].splitlines())
@@ -41,7 +41,7 @@ def main():
     for kind in ([], ["fd"]):
         subprocess.run([f"{os.environ['XCPLUMO_BUILD']}/bin/can_receive", "vcan0", "5", *kind], check=True)
     with tempfile.TemporaryDirectory() as name:
-        err, sent, values = record(Path(name))
+        err, sent, values = measure_once(Path(name))
     dropped = int(re.search(r"CAN dropped (\d+)", err).group(1))
     missing = values[-1] - values[0] + 1 - len(values)
     print(f"{SECONDS} s: {sent} frames sent ({sent / SECONDS:.0f}/s), {len(values)} recorded, {missing} missing "

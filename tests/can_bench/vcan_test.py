@@ -4,23 +4,23 @@ import signal
 import unittest
 from pathlib import Path
 
-from can_harness import EXTENDED, REMOTE, Flood, Listener, VcanCase, classic_frame, ip
-from harness import signals, wait_until
+from can_harness import EXTENDED, REMOTE, Flood, Listener, VcanCase, ip
+from harness import record, wait_until
 from recording import Recording
 
 # Small enough for classic frames.
-FAST = ["counter_1ms@0", "ignition_angle@0"]
-SLOW = ["counter_10ms@1", "engine_speed@1", "throttle@1", "counter_100ms@2", "battery_voltage@2", "counter_async@3",
-        "tooth_number@3"]
+FAST = ["counter_1ms", "ignition_angle"]
+SLOW = ["counter_10ms", "engine_speed", "throttle", "counter_100ms", "battery_voltage", "counter_async", "tooth_number"]
 
 
 class VcanCommandsTest(VcanCase):
     def all_commands(self, rows, names, size, **config):
         for options, cmd, res in rows:
             with self.subTest(options):
-                sim = self.start_only_ecu(self.vcan, *options, reach=["-c", self.json_config(**config)])
+                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.patient_config(**config)])
                 self.check_info(sim, cmd, res, size)
-                self.check_recording(sim, self.start_recording(sim, names, "-t", "1"))
+                self.check_recording(sim, self.start_measured(sim, names, 1))
+                sim.kill()
 
     def test_all_commands_on_classic_frames(self):
         """Identifiers of both kinds, full frames, a DAQ identifier of its own."""
@@ -30,7 +30,7 @@ class VcanCommandsTest(VcanCase):
                           SLOW, 8)
 
     def test_all_commands_on_fd_frames(self):
-        names = SLOW + ["torque@1", "sig_float64_lsb@2"]
+        names = [*SLOW, "torque", "sig_float64_lsb"]
         self.all_commands([(["--can-fd", "--cmd-id", "0x80000001", "--daq-id", "0x9FFFFFFF"], 0x80000001, 0x7E1),
                            (["--can-fd", "--max-dlc-required"], 0x7E0, 0x7E1)], names, 64, can={"fd": True})
 
@@ -42,7 +42,7 @@ class VcanCommandsTest(VcanCase):
                 (["--can-fd"], True, True, "F0 08 00 00 00 00 00 00 1F C0 00 00")]
         for options, fd, wide, frame in rows:
             with self.subTest(frame):
-                sim = self.start_only_ecu(self.vcan, *options, reach=["-c", self.json_config(can={"fd": fd})])
+                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.patient_config(can={"fd": fd})])
                 listener = Listener(self, self.vcan, 0x7E0)
                 done = self.run_cli(sim, "set", "cal_wave_offset=-7.75" if wide else "cal_gain=2.5")
                 self.assertEqual(done.returncode, 0, done.stdout)
@@ -50,16 +50,16 @@ class VcanCommandsTest(VcanCase):
                 wait_until(lambda: expected in listener.frames, f"{expected}, there are {listener.frames}", 5)
                 self.assertEqual({fast for _, fast, _ in listener.frames}, {fd})
                 listener.end()
+                sim.kill()
 
     def test_two_programs_amid_foreign_frames(self):
         """Identifiers that differ in one bit or in their kind only, and remote frames, are none of their business."""
-        fast, reach = ("--fast-event-us", "1000"), ["-c", self.json_config()]
+        fast, reach = ("--fast-event-us", "1000"), ["-c", self.patient_config()]
         ecus = [self.start_ecu(self.vcan, *fast, *ids, reach=reach)
                 for ids in ((), ("--cmd-id", "0x7E2", "--res-id", "0x7E3"))]
-        flood = Flood(self, self.vcan, *(classic_frame(identifier, b"\xff" * 8) for identifier in
-                                         (0x7E5, EXTENDED | 0x7E1, EXTENDED | 0x7E3)),
-                      classic_frame(REMOTE | 0x7E1, b""), classic_frame(REMOTE | 0x7E3, b""))
-        programs = [self.start_recording(ecu, FAST + SLOW, "-t", "3") for ecu in ecus]
+        foreign = [(identifier, b"\xff" * 8) for identifier in (0x7E5, EXTENDED | 0x7E1, EXTENDED | 0x7E3)]
+        flood = Flood(self, self.vcan, *foreign, (REMOTE | 0x7E1, b""), (REMOTE | 0x7E3, b""))
+        programs = [self.start_measured(ecu, FAST + SLOW, 3) for ecu in ecus]
         for ecu, program in zip(ecus, programs):
             self.check_recording(ecu, program)
         self.assertGreater(flood.sent, 1000)
@@ -68,10 +68,10 @@ class VcanCommandsTest(VcanCase):
 class VcanTroubleTest(VcanCase):
     def test_drops_of_the_kernel_are_counted(self):
         """A program that sleeps while 50,000 frames pass: what is missing in the recording is told, to the frame."""
-        config = self.json_config(daq={"maxBusLoad": 100}, can={"fd": True})
+        config = self.patient_config(daq={"maxBusLoad": 100}, can={"fd": True})
         sim = self.start_ecu(self.vcan, "--fast-event-us", "100", "--can-fd", reach=["-c", config])
         directory = self.dir / "recording"
-        program = self.start_cli(sim, "measure", "-p", "1000", "-r", directory, *signals(["counter_1ms@0"]))
+        program = self.start_cli(sim, *record(directory, ["counter_1ms@0"], every=1000))
         program.wait_for_out("counter_1ms", 3)
         sent = Path(f"/sys/class/net/{self.vcan}/statistics/tx_packets")
         program.signal(signal.SIGSTOP)
@@ -97,7 +97,7 @@ class VcanTroubleTest(VcanCase):
     def test_hints(self):
         classic, down = self.new_vcan(16, "c"), self.new_vcan(16, "d")
         ip("link set", down, "down")
-        fd = self.json_config(can={"fd": True})
+        fd = self.patient_config(can={"fd": True})
         rows = [([], "vcan_", "virtual CAN interface 'vcan_' does not exist. Create it in a terminal: `sudo modprobe "
                  "vcan && sudo ip link add dev vcan_ type vcan && sudo ip link set vcan_ mtu 72 up`"),
                 ([], "can_", "CAN interface 'can_' not found: is the adapter connected? "

@@ -2,6 +2,7 @@
 // encode. The same text in UTF-16 gives the same description.
 #include <array>
 #include <cmath>
+#include <iconv.h>
 #include <string>
 
 #include "a2l/description.h"
@@ -57,27 +58,15 @@ void useObjects(const a2l::Description& description, const auto& records) {
     }
 }
 
-std::string asUtf16(std::string_view utf8) {
-    std::string out = "\xFF\xFE";
-    for (std::size_t i = 0; i < utf8.size();) {
-        const auto lead = static_cast<unsigned char>(utf8[i]);
-        const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-        char32_t c = length == 1 ? lead : lead & (0x7FU >> length);
-        for (std::size_t k = 1; k < length; ++k)
-            c = c << 6U | (static_cast<unsigned char>(utf8[i + k]) & 0x3FU);
-        const auto unit = [&out](char32_t u) {
-            out.push_back(static_cast<char>(u & 0xFFU));
-            out.push_back(static_cast<char>(u >> 8U));
-        };
-        if (c >= 0x10000) {
-            unit(0xD800 + ((c - 0x10000) >> 10U));
-            unit(0xDC00 + ((c - 0x10000) & 0x3FFU));
-        } else {
-            unit(c);
-        }
-        i += length;
-    }
-    return out;
+std::string asUtf16(std::string utf8) {
+    static const iconv_t converter = ::iconv_open("UTF-16LE", "UTF-8");
+    std::string utf16(2 * utf8.size(), '\0');
+    char* from = utf8.data();
+    char* to = utf16.data();
+    std::size_t left = utf8.size();
+    std::size_t room = utf16.size();
+    require(::iconv(converter, &from, &left, &to, &room) == 0, "valid UTF-8 has a form in UTF-16");
+    return "\xFF\xFE" + utf16.substr(0, utf16.size() - room);
 }
 
 void requireSame(const Result<a2l::Description>& a, const Result<a2l::Description>& b) {
@@ -104,7 +93,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text = fuzz::Input(data, size).rest();
     const Result<a2l::Description> loaded = a2l::parseDescription(text);
     if (isValidUtf8(text) && !text.starts_with("\xEF\xBB\xBF"))
-        fuzz::requireSame(loaded, a2l::parseDescription(fuzz::asUtf16(text)));
+        fuzz::requireSame(loaded, a2l::parseDescription(fuzz::asUtf16(std::string(text))));
     if (!loaded) return 0;
     for (const std::string& warning : loaded.value().warnings)
         fuzz::require(warning.starts_with("skipped: "), "a warning begins as documented");

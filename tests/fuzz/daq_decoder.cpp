@@ -13,8 +13,6 @@
 namespace lm::fuzz {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
 xcp::DaqCapabilities takeCapabilities(Input& input) {
     xcp::DaqCapabilities capabilities;
     const auto flags = input.take<std::uint8_t>();
@@ -113,10 +111,10 @@ struct Bench {
         Bytes expected;
         for (std::size_t odt = 0; odt < list.odts.size(); ++odt) {
             Bytes dto = header(index, list.odts[odt].pid);
-            if (odt == 0) append(dto, input.takeBytes(plan.timestampSize), plan.timestampSize);
-            const auto payload = input.takeBytes(list.odts[odt].payloadSize);
-            append(dto, payload, list.odts[odt].payloadSize);
-            append(expected, payload, list.odts[odt].payloadSize);
+            if (odt == 0) append(dto, input.takeWhole(plan.timestampSize));
+            const Bytes payload = input.takeWhole(list.odts[odt].payloadSize);
+            append(dto, payload);
+            append(expected, payload);
             send(dto);
         }
         require(records.count == before + 1, "a whole cycle is a record");
@@ -126,23 +124,13 @@ struct Bench {
   private:
     Bytes header(std::size_t index, std::uint8_t pid) const {
         const unsigned number = plan.listNumber(index);
-        const auto low = static_cast<std::uint8_t>(number);
-        const auto high = static_cast<std::uint8_t>(number >> 8U);
-        switch (plan.identification) {
-            case xcp::DaqIdentification::absoluteOdt:
-                return {pid};
-            case xcp::DaqIdentification::relativeByte:
-                return {pid, low};
-            case xcp::DaqIdentification::relativeWord:
-                return {pid, low, high};
-            default:
-                return {pid, 0xAA, low, high};
-        }
+        Bytes bytes = {pid, static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(number >> 8U)};
+        if (plan.identification == xcp::DaqIdentification::relativeWordAligned)
+            bytes.insert(bytes.begin() + 1, 0xAA);
+        bytes.resize(1 + static_cast<std::size_t>(plan.identification));
+        return bytes;
     }
-    static void append(Bytes& to, std::span<const std::uint8_t> bytes, std::size_t length) {
-        to.insert(to.end(), bytes.begin(), bytes.end());
-        to.resize(to.size() + length - bytes.size());
-    }
+    static void append(Bytes& to, const Bytes& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
 };
 
 }  // namespace

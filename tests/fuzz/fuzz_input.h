@@ -13,12 +13,15 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/bytes.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace lm::fuzz {
+
+using Bytes = std::vector<std::uint8_t>;
 
 class Input {
   public:
@@ -44,6 +47,14 @@ class Input {
         const auto part = bytes_.first(std::min(count, bytes_.size()));
         bytes_ = bytes_.subspan(part.size());
         return part;
+    }
+
+    /// Exactly `count` bytes, the missing ones 0.
+    Bytes takeWhole(std::size_t count) {
+        const auto part = takeBytes(count);
+        Bytes bytes(part.begin(), part.end());
+        bytes.resize(count);
+        return bytes;
     }
 
     std::string_view rest() {

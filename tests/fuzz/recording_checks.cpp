@@ -1,6 +1,5 @@
-#include "recording_checks.h"
-
 #include <algorithm>
+#include <numeric>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,8 +23,8 @@ void checkSearch(const storage::GroupReader& reader, const PlainRecords& plain, 
             "in the group");
     if (!sound || !plain.inOrder()) return;
     const auto place = [&plain](std::int64_t time) {
-        const auto at = std::lower_bound(plain.times.begin(), plain.times.end(), time);
-        return static_cast<std::uint64_t>(at - plain.times.begin());
+        return static_cast<std::uint64_t>(std::count_if(plain.times.begin(), plain.times.end(),
+                                                        [time](std::int64_t at) { return at < time; }));
     };
     require(found.value().first == place(times.fromNs), "the first record of a stretch of time");
     require(found.value().end == std::max(place(times.fromNs), place(times.endNs)), "the one behind it");
@@ -60,9 +59,8 @@ storage::ValueRange plainRange(const storage::SignalInfo& signal, const PlainRec
                                storage::RecordRange records) {
     storage::ValueRange range;
     for (std::uint64_t n = records.first; n < records.end; ++n) {
-        const std::uint8_t* data = plain.bytes.data() + n * plain.stride + storage::kTimestampSize;
-        const double raw = a2l::decodeRaw(data + signal.recordOffset, signal.coding);
-        const double value = signal.conversion.isVerbal() ? raw : signal.conversion.toPhysical(raw);
+        const double value =
+            plainValue(signal, plain.bytes.data() + n * plain.stride + storage::kTimestampSize);
         if (value < range.minimum) range.minimum = value;
         if (value > range.maximum) range.maximum = value;
     }
@@ -73,8 +71,7 @@ void checkExtremes(const fs::path& directory, const storage::GroupReader& reader
                    storage::RecordRange records, bool sound) {
     const auto& signals = reader.info().signals;
     std::vector<std::size_t> places(std::min<std::size_t>(signals.size(), 4));
-    for (std::size_t i = 0; i < places.size(); ++i)
-        places[i] = i;
+    std::iota(places.begin(), places.end(), 0);
     auto found = storage::PyramidReader(directory, reader).extremes(records, places);
     require(found.ok() && found.value().size() == places.size(), "extremes are found");
     for (std::size_t i = 0; sound && i < places.size(); ++i) {
@@ -179,9 +176,8 @@ void checkExport(const storage::RecordingReader& recording, const fs::path& to, 
         files.insert(entry.path());
     if (!done) return require(files.empty(), "a failure leaves nothing behind");
     const exporter::ExportSummary& summary = done.value();
-    require(files.size() == summary.files.size() &&
-                std::all_of(summary.files.begin(), summary.files.end(),
-                            [&files](const fs::path& file) { return files.contains(file); }),
+    require(files == std::set<fs::path>(summary.files.begin(), summary.files.end()) &&
+                files.size() == summary.files.size(),
             "the files that are told are there, each its own");
     if (options.format == exporter::Format::mf4) {
         require(mf4Records(readFile(options.output)) == summary.records, "all records are in the file");

@@ -1,4 +1,5 @@
-// The files of a recording, made and damaged as an input says.
+// The files of a recording, made and damaged as an input says, and what reads them compared with a plain look
+// at the records.
 //
 // Threads: one. Lifetime: nothing is kept.
 #pragma once
@@ -11,12 +12,12 @@
 #include <string_view>
 #include <vector>
 
+#include "exporter/export_recording.h"
 #include "fuzz_input.h"
+#include "storage/group_reader.h"
 #include "storage/recording_info.h"
 
 namespace lm::fuzz {
-
-using Bytes = std::vector<std::uint8_t>;
 
 /// Empty when there is no such file.
 Bytes readFile(const std::filesystem::path& path);
@@ -28,6 +29,12 @@ inline constexpr std::size_t kMostGroups = 4;
 /// Records in order, with gaps as the input has them; no index and no levels.
 void makeRecordFile(const std::filesystem::path& path, const storage::RecordingInfo& info,
                     const storage::GroupInfo& group, Input& input);
+
+/// What stands for a signal in index, levels and ranges: the raw value where the physical one is a text.
+inline double plainValue(const storage::SignalInfo& signal, const std::uint8_t* values) {
+    const double raw = a2l::decodeRaw(values + signal.recordOffset, signal.coding);
+    return signal.conversion.isVerbal() ? raw : signal.conversion.toPhysical(raw);
+}
 
 /// Takes a file of a group and changes, cuts, lengthens, replaces or removes it.
 void damageFile(const std::filesystem::path& directory, Input& input);
@@ -42,5 +49,13 @@ struct PlainRecords {
     Bytes bytes;
     std::vector<std::int64_t> times;
 };
+
+/// Search, gaps, extremes and records of a group. While its files are damaged (`sound` is false) each ends
+/// with a value or an error; else with what the records give.
+void checkReading(const std::filesystem::path& directory, const storage::GroupReader& reader, Input input,
+                  bool sound);
+
+/// Exports into the empty directory `to`, as the input says: the files are there, whole, or none is.
+void checkExport(const storage::RecordingReader& recording, const std::filesystem::path& to, Input& input);
 
 }  // namespace lm::fuzz

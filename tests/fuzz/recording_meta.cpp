@@ -3,9 +3,8 @@
 #include "storage/recording_meta.h"
 
 #include <cmath>
-#include <vector>
 
-#include "fuzz_input.h"
+#include "recording_files.h"
 #include "storage/signal_decoder.h"
 
 namespace lm::fuzz {
@@ -14,7 +13,7 @@ namespace {
 void decodeRecords(const storage::GroupInfo& group) {
     constexpr std::size_t kRecords = 3;
     if (group.recordSize > 4096) return;
-    std::vector<std::uint8_t> records(kRecords * group.recordSize);
+    Bytes records(kRecords * group.recordSize);
     for (std::size_t i = 0; i < records.size(); ++i)
         records[i] = static_cast<std::uint8_t>(i * 37);
     for (const storage::SignalInfo& signal : group.signals) {
@@ -22,12 +21,11 @@ void decodeRecords(const storage::GroupInfo& group) {
         const storage::SignalDecoder decoder(signal);
         decoder.extend(range, records.data(), group.recordSize, kRecords);
         for (std::size_t i = 0; i < kRecords; ++i) {
-            const std::uint8_t* bytes = records.data() + i * group.recordSize + signal.recordOffset;
-            const double raw = a2l::decodeRaw(bytes, signal.coding);
-            const double value = signal.conversion.isVerbal() ? raw : signal.conversion.toPhysical(raw);
+            const std::uint8_t* record = records.data() + i * group.recordSize;
+            const double value = plainValue(signal, record);
             require(std::isnan(value) || (range.minimum <= value && value <= range.maximum),
                     "each value lies in the range");
-            signal.conversion.format(raw);
+            signal.conversion.format(a2l::decodeRaw(record + signal.recordOffset, signal.coding));
         }
     }
 }

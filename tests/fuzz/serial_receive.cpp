@@ -11,8 +11,6 @@
 namespace lm::fuzz {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
 struct Seen final : xcp::ISerialFrameSink {
     std::vector<Bytes> frames;
     Bytes plain;

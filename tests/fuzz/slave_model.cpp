@@ -1,5 +1,6 @@
 #include "slave_model.h"
 
+#include <array>
 #include <limits>
 #include <utility>
 
@@ -34,16 +35,6 @@ SlaveModel::~SlaveModel() {
     VirtualClock::nextNs = [] { return std::numeric_limits<std::int64_t>::max(); };
 }
 
-template <typename T>
-void SlaveModel::put(Bytes& bytes, std::size_t at, T value) const {
-    writeBytes(bytes.data() + at, value, order_);
-}
-
-template <typename T>
-T SlaveModel::get(std::span<const std::uint8_t> bytes, std::size_t at) const {
-    return at + sizeof(T) <= bytes.size() ? readBytes<T>(bytes.data() + at, order_) : T{0};
-}
-
 std::uint8_t SlaveModel::memory(std::uint32_t address) const {
     const auto found = written_.find(address);
     return found != written_.end() ? found->second : static_cast<std::uint8_t>(address * 31 ^ address >> 8U);
@@ -59,72 +50,56 @@ Bytes SlaveModel::read(std::size_t elements) {
     return bytes;
 }
 
-void SlaveModel::write(std::span<const std::uint8_t> bytes) {
-    for (const std::uint8_t byte : bytes)
-        written_[mta_++] = byte;
-}
-
-Bytes SlaveModel::answerToMemory(std::span<const std::uint8_t> command) {
-    const std::size_t elements = command.size() > 1 ? command[1] : 0;
-    switch (static_cast<xcp::Command>(command[0])) {
-        case xcp::Command::setMta:
-            mta_ = get<std::uint32_t>(command, 4);
-            mtaIsName_ = false;
-            return {kOk};
-        case xcp::Command::shortUpload:
-            mta_ = get<std::uint32_t>(command, 4);
-            mtaIsName_ = false;
-            return read(elements);
-        case xcp::Command::upload:
-            return read(elements);
-        default: {
-            const std::size_t header = granularity_ == 4 ? 4 : 2;
-            require(!honest_ || command.size() == header + elements * granularity_, "the length of DOWNLOAD");
-            write(command.subspan(std::min(header, command.size())));
-            return {kOk};
-        }
-    }
-}
-
 Bytes SlaveModel::answer(std::span<const std::uint8_t> command) {
-    Bytes bytes(8, 0);
-    bytes[0] = kOk;
+    const auto at = [&](std::size_t i) { return i < command.size() ? command[i] : std::uint8_t{0}; };
+    const auto setAddress = [&] {
+        const std::array<std::uint8_t, 4> bytes = {at(4), at(5), at(6), at(7)};
+        mta_ = readBytes<std::uint32_t>(bytes.data(), order_);
+        mtaIsName_ = false;
+    };
+    // Eight bytes, of which `value` takes the two at `place`.
+    const auto packet = [&](Bytes bytes, std::size_t place, std::uint16_t value) {
+        bytes.resize(8);
+        writeBytes(&bytes[place], value, order_);
+        return bytes;
+    };
     switch (static_cast<xcp::Command>(command[0])) {
-        case xcp::Command::connect:
-            bytes[1] = 0x05;
-            bytes[2] = static_cast<std::uint8_t>((order_ == ByteOrder::bigEndian ? 1U : 0U) |
-                                                 (granularity_ / 2) << 1U);
-            bytes[3] = maxCto_;
-            put(bytes, 4, maxDto_);
-            return bytes;
+        case xcp::Command::connect: {
+            const auto mode = static_cast<std::uint8_t>((order_ == ByteOrder::bigEndian ? 1U : 0U) |
+                                                        (granularity_ / 2) << 1U);
+            return packet({kOk, 0x05, mode, maxCto_}, 4, maxDto_);
+        }
         case xcp::Command::synch:
             return {xcp::kPidError, xcp::kErrCmdSynch};
         case xcp::Command::setMta:
+            setAddress();
+            return {kOk};
         case xcp::Command::shortUpload:
+            setAddress();
+            return read(at(1));
         case xcp::Command::upload:
-        case xcp::Command::download:
-            return answerToMemory(command);
+            return read(at(1));
+        case xcp::Command::download: {
+            const std::size_t header = granularity_ == 4 ? 4 : 2;
+            const bool whole = command.size() == header + at(1) * granularity_;
+            require(!honest_ || whole, "the length of DOWNLOAD");
+            for (const std::uint8_t byte : command.subspan(std::min(header, command.size())))
+                written_[mta_++] = byte;
+            return {kOk};
+        }
         case xcp::Command::getDaqProcessorInfo:
-            bytes[1] = 0x11;
-            put(bytes, 4, kEvents);
-            bytes[7] = 0x40;
-            return bytes;
+            return packet({kOk, 0x11, 0, 0, 0, 0, 0, 0x40}, 4, kEvents);
         case xcp::Command::getDaqResolutionInfo:
-            bytes[1] = 1;
-            bytes[2] = 248;
-            bytes[5] = 0x34;
-            put(bytes, 6, std::uint16_t{1});
-            return bytes;
-        case xcp::Command::getDaqEventInfo:
-            if (get<std::uint16_t>(command, 2) >= kEvents) return {xcp::kPidError, 0x22};
-            bytes[3] = static_cast<std::uint8_t>(kEventName.size());
-            bytes[4] = 10;
-            bytes[5] = 6;
+            return packet({kOk, 1, 248, 0, 0, 0x34}, 6, 1);
+        case xcp::Command::getDaqEventInfo: {
+            const std::array<std::uint8_t, 2> number = {at(2), at(3)};
+            if (readBytes<std::uint16_t>(number.data(), order_) >= kEvents) return {xcp::kPidError, 0x22};
             mta_ = 0;
             mtaIsName_ = true;
-            return bytes;
+            return {kOk, 0, 0, kEventName.size(), 10, 6, 0, 0};
+        }
         default:
-            return bytes;
+            return {kOk, 0, 0, 0, 0, 0, 0, 0};
     }
 }
 
@@ -144,35 +119,16 @@ Result<void> SlaveModel::send(const std::uint8_t* data, std::size_t length) {
 
 void SlaveModel::disturb(std::uint8_t kind, Bytes answer) {
     honest_ = honest_ && (kind < 8 || kind == 14);
-    switch (kind) {
-        case 6:
-            return;
-        case 7:
-            return answerIn(input_.take<std::uint8_t>(), answer);
-        case 8:
-            answerIn(input_.take<std::uint8_t>(), answer);
-            break;
-        case 9:
-            answer.resize(input_.takeBelow(answer.size() + 1));
-            break;
-        case 10:
-            answer[input_.takeBelow(answer.size())] = input_.take<std::uint8_t>();
-            break;
-        case 11:
-            return sendRaw();
-        case 12:
-            sendRaw();
-            break;
-        case 13:
-            answer = {xcp::kPidError, input_.take<std::uint8_t>()};
-            break;
-        case 14:
-            deliver({xcp::kPidEvent, xcp::kEvCmdPending});
-            return answerIn(input_.take<std::uint8_t>(), answer);
-        default:
-            break;
-    }
-    answerIn(0, answer);
+    if (kind == 6) return;
+    if (kind == 7) return answerIn(input_.take<std::uint8_t>(), answer);
+    if (kind == 8) answerIn(input_.take<std::uint8_t>(), answer);
+    if (kind == 9) answer.resize(input_.takeBelow(answer.size() + 1));
+    if (kind == 10) answer[input_.takeBelow(answer.size())] = input_.take<std::uint8_t>();
+    if (kind == 11) return sendRaw();
+    if (kind == 12) sendRaw();
+    if (kind == 13) answer = {xcp::kPidError, input_.take<std::uint8_t>()};
+    if (kind == 14) deliver({xcp::kPidEvent, xcp::kEvCmdPending});
+    answerIn(kind == 14 ? input_.take<std::uint8_t>() : 0, answer);
 }
 
 void SlaveModel::sendRaw() {

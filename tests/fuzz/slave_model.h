@@ -16,8 +16,6 @@
 
 namespace lm::fuzz {
 
-using Bytes = std::vector<std::uint8_t>;
-
 class SlaveModel final : public xcp::ITransport {
   public:
     explicit SlaveModel(Input& input);
@@ -48,13 +46,7 @@ class SlaveModel final : public xcp::ITransport {
 
   private:
     Bytes answer(std::span<const std::uint8_t> command);
-    Bytes answerToMemory(std::span<const std::uint8_t> command);
     Bytes read(std::size_t elements);
-    void write(std::span<const std::uint8_t> bytes);
-    template <typename T>
-    void put(Bytes& bytes, std::size_t at, T value) const;
-    template <typename T>
-    T get(std::span<const std::uint8_t> bytes, std::size_t at) const;
     void disturb(std::uint8_t kind, Bytes answer);
     void deliver(const Bytes& packet);
     /// Not before the answers that are on their way already.

@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <semaphore>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "fuzz_input.h"
@@ -17,37 +18,27 @@
 namespace lm::fuzz {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
-class Seen final : public xcp::IPacketSink {
-  public:
+struct Seen final : xcp::IPacketSink {
     void onPacket(const std::uint8_t* data, std::size_t length, xcp::ReceiveTime time) override {
         require(length > 0 && time.hostNs > 0, "a packet has contents and a time");
-        const std::lock_guard lock(mutex_);
-        if (length == kEnd.size() && std::equal(kEnd.begin(), kEnd.end(), data)) {
-            ended_ = true;
-            wakeUp_.notify_all();
-        } else {
-            packets_.emplace_back(data, data + length);
-        }
+        Bytes packet(data, data + length);
+        if (packet == kEnd) return ended.release();
+        const std::lock_guard lock(mutex);
+        packets.push_back(std::move(packet));
     }
     void onTransportEvent(const hal::CanChannelEvent&) override { require(false, "the socket works"); }
 
     /// What came since the last call, once the packet kEnd is there.
     std::vector<Bytes> take() {
-        std::unique_lock lock(mutex_);
-        wakeUp_.wait(lock, [this] { return ended_; });
-        ended_ = false;
-        return std::move(packets_);
+        ended.acquire();
+        const std::lock_guard lock(mutex);
+        return std::exchange(packets, {});
     }
 
-    static constexpr std::array<std::uint8_t, 9> kEnd = {'e', 'n', 'd', 0, 'o', 'f', 'r', 'u', 'n'};
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable wakeUp_;
-    std::vector<Bytes> packets_;
-    bool ended_ = false;
+    static inline const Bytes kEnd = {'e', 'n', 'd', 0, 'o', 'f', 'r', 'u', 'n'};
+    std::mutex mutex;
+    std::vector<Bytes> packets;
+    std::binary_semaphore ended{0};
 };
 
 /// A transport and the socket that it talks to, for all runs.
@@ -111,13 +102,13 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::uint64_t malformed = 0;
     for (const auto datagram : datagrams)
         malformed += fuzz::splitPlainly(datagram, expected) ? 0U : 1U;
-    const fuzz::Bytes endPacket(fuzz::Seen::kEnd.begin(), fuzz::Seen::kEnd.end());
-    if (std::find(expected.begin(), expected.end(), endPacket) != expected.end()) return 0;
+    const fuzz::Bytes& end = fuzz::Seen::kEnd;
+    if (std::find(expected.begin(), expected.end(), end) != expected.end()) return 0;
     for (const auto datagram : datagrams)
         line.send(datagram);
-    std::array<std::uint8_t, 13> end = {9, 0, 0, 0};
-    std::copy(fuzz::Seen::kEnd.begin(), fuzz::Seen::kEnd.end(), end.begin() + 4);
-    line.send(end);
+    fuzz::Bytes last = {static_cast<std::uint8_t>(end.size()), 0, 0, 0};
+    last.insert(last.end(), end.begin(), end.end());
+    line.send(last);
     fuzz::require(line.seen.take() == expected, "the packets of the datagrams");
     const xcp::UdpStatistics after = line.transport->statistics();
     fuzz::require(after.kernelDrops == before.kernelDrops, "the buffer was large enough");

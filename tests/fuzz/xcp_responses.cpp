@@ -2,6 +2,7 @@
 // bounded time, with a value or an error. As long as the slave answers rightly, though late or not at all, no
 // answer passes for another command's; nor when it answers late or several times, where the steps are
 // confirmed.
+#include <array>
 #include <vector>
 
 #include "fuzz_input.h"
@@ -24,10 +25,9 @@ struct Listener final : xcp::IMasterListener {
 };
 
 struct Records final : xcp::IDaqRecordSink {
-    std::uint64_t bytes = 0;
+    Bytes last;
     void onRecord(const xcp::DaqRecord& record) override {
-        for (std::size_t i = 0; i < record.size; ++i)
-            bytes += record.data[i];
+        last.assign(record.data, record.data + record.size);
     }
 };
 
@@ -73,39 +73,27 @@ class Run {
 
   private:
     void perform(std::uint8_t operation) {
-        switch (operation % 16) {
-            case 0:
-            case 1:
-                return end(master_.connect());
-            case 2:
-                return end(master_.getStatus());
-            case 3:
-                return end(master_.getCommModeInfo());
-            case 4:
-                return upload();
-            case 5:
-                return uploadInStep({0});
-            case 6:
-                // Longer than an answer, shorter, and again: with and without SHORT_UPLOAD.
-                return uploadInStep({0, 100, 200});
-            case 7:
-            case 8:
-                return download();
-            case 9:
-                return measure();
-            case 10:
-                return slave_.sendRaw();
-            case 11:
-                return end(master_.synch());
-            case 12:
-                return end(master_.disconnectOnce());
-            case 13:
-                return end(master_.stopDaqOnce());
-            case 14:
-                return end(master_.disconnectWithoutWaiting());
-            default:
-                return end(master_.disconnect());
-        }
+        using Operation = void (*)(Run&);
+        static constexpr std::array<Operation, 16> kOperations = {
+            [](Run& run) { run.end(run.master_.connect()); },
+            [](Run& run) { run.end(run.master_.connect()); },
+            [](Run& run) { run.end(run.master_.getStatus()); },
+            [](Run& run) { run.end(run.master_.getCommModeInfo()); },
+            [](Run& run) { run.upload(); },
+            [](Run& run) { run.uploadInStep({0}); },
+            [](Run& run) {
+                run.uploadInStep({0, 100, 200});
+            },
+            [](Run& run) { run.download(); },
+            [](Run& run) { run.download(); },
+            [](Run& run) { run.measure(); },
+            [](Run& run) { run.slave_.sendRaw(); },
+            [](Run& run) { run.end(run.master_.synch()); },
+            [](Run& run) { run.end(run.master_.disconnectOnce()); },
+            [](Run& run) { run.end(run.master_.stopDaqOnce()); },
+            [](Run& run) { run.end(run.master_.disconnectWithoutWaiting()); },
+            [](Run& run) { run.end(run.master_.disconnect()); }};
+        kOperations[operation % kOperations.size()](*this);
     }
 
     void requireMemory(std::uint32_t address, std::span<const std::uint8_t> bytes, std::string_view what) {
@@ -121,7 +109,8 @@ class Run {
         if (read) requireRead(address, size, read.value(), slave_.honest());
     }
 
-    /// Uploads as one step, of sizes that differ by these from the one given.
+    /// Uploads as one step, of sizes that differ by these from the one given: some fit an answer, some do
+    /// not.
     void uploadInStep(std::initializer_list<std::uint8_t> differences) {
         const auto address = input_.take<std::uint16_t>();
         const auto size = input_.take<std::uint8_t>();

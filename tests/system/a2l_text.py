@@ -1,4 +1,4 @@
-"""A2L text for the tests: reading what the simulated ECU writes of itself, and writing descriptions of our own."""
+"""A2L text for the tests: what the simulated ECU writes of itself, and the frame of descriptions of our own."""
 import re
 
 TOKEN = re.compile(r'"(?:[^"\\]|\\.|"")*"|\S+')
@@ -124,13 +124,6 @@ BYTE_ORDER_MSB_LAST ADDRESS_GRANULARITY_BYTE /end PROTOCOL_LAYER /end IF_DATA
 {body}
 /end MODULE /end PROJECT
 """
-
-
-def characteristic(name, address, type_name, order, mask, method):
-    """A VALUE whose record layout bears the name of its type."""
-    bits = f"BIT_MASK {mask:#x}\n" if mask else ""
-    return (f'/begin CHARACTERISTIC {name} ""\nVALUE {address:#x} {type_name} 0 {method} -1e300 1e300\n'
-            f"{bits}BYTE_ORDER {order}\n/end CHARACTERISTIC\n")
 
 
 def record_layouts(types):

@@ -72,14 +72,11 @@ class CommandLineTest(harness.SystemTest):
         first, second = self.dir / "first.json", self.dir / "sub" / "second.json"
         second.parent.mkdir()
         options = ["--a2l", a2l, "--udp", "[::1]:99", "--cmd-id", "0x98765432", "--reconnect", "retry", "-b", "250000"]
-        done = self.run_plain(*options, "save-config", first)
-        self.expect(done, f"{first} written\n")
-        self.assertEqual(self.run_plain("-c", first, "save-config", second).returncode, 0)
+        self.expect(self.run_plain(*options, "save-config", first), f"{first} written\n")
+        self.expect(self.run_plain("-c", first, "save-config", second), f"{second} written\n")
         self.assertEqual(first.read_text(), second.read_text())
-        done = self.run_plain("--a2l", a2l.name, "save-config", "plain.json", cwd=a2l.parent)
-        self.expect(done, "plain.json written\n")
+        self.expect(self.run_plain("--a2l", a2l.name, "save-config", "plain.json", cwd=a2l.parent), "plain.json written\n")
         done = self.run_plain("--a2l", a2l.name, "save-config", second, cwd=a2l.parent)
-        self.assertEqual(done.returncode, 0)
         self.assertRegex(done.stderr, rf"^\[.*\[warning\] {second}: the A2L file {a2l.name} is not found from there\n$")
 
     def test_list(self):
@@ -131,7 +128,8 @@ class CommandLineTest(harness.SystemTest):
 
     def test_verbose_logs_to_standard_error_only(self):
         sim = self.start_sim()
-        done = self.run_plain("get", "cal_limited", "--udp", f"[::1]:{sim.port}", "--a2l", sim.a2l, "-v")
+        sim.reach = ["--udp", f"[::1]:{sim.port}"]
+        done = self.run_cli(sim, "get", "cal_limited", "-v")
         self.expect(done, harness.value_line("cal_limited", "7.000"), done.stderr)
         self.assertIn("XCP connected: MAX_CTO=248 MAX_DTO=1400 AG=1 Intel", done.stderr)
 

@@ -10,7 +10,7 @@ from datetime import datetime, timezone
 
 from harness import CLI, SystemTest, stop, wait_until
 from mf4_walker import File
-from recording import Signal
+from recording import Signal, head
 
 START_UTC, START_HOST, CYCLE = 1_700_000_000_000_000_000, 5_000_000_000_123, 10_000_000
 MIDDLE = {"type": "verbal", "verbal": [{"min": 1.0, "max": 2.5, "text": "low, \"quoted\""},
@@ -87,7 +87,7 @@ class ExportTest(SystemTest):
         for number, group in enumerate(groups):
             size = group.meta["recordSize"]
             data = b"".join(struct.pack("<q", t) + r for t, r in zip(group.times, group.records))
-            (path / f"g{number:04}.rec").write_bytes(struct.pack("<8s3I12x", b"LMREC", 2, size, size + 8) + data + b"torn")
+            (path / f"g{number:04}.rec").write_bytes(head(size) + data + b"torn")
         (path / "meta.json").write_text(json.dumps({
             "formatVersion": 2, "source": "XCP on CAN can0", "startUtcNs": START_UTC, "startHostNs": START_HOST,
             "name": "Fahrt <1>", "ecu": "ECU", "groups": [g.meta for g in groups]}), encoding="utf-8")

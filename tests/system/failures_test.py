@@ -8,16 +8,15 @@ from recording import Recording
 from relay import udp_socket
 
 
-class FailureTableTest(harness.SystemTest):
-    """One situation after the other: nothing on standard output, one line on standard error, an exit code."""
-
+class FailuresTest(harness.SystemTest):
     def check_rows(self, prefix, rows):
+        """One situation after the other: nothing on standard output, one line on standard error, an exit code."""
         for arguments, message in rows:
             with self.subTest(arguments):
                 self.expect(self.run_plain(*arguments), err=f"{prefix}{message}\n", code=1)
 
     def test_configuration_load_fails(self):
-        missing = self.dir / "missing.json"
+        missing, broken = self.dir / "missing.json", self.config('{\n  "name": "x",\n  "a2l" 5\n}')
         rows = [(["-c", missing, "info"], f"cannot open configuration {missing}")]
         for number, (text, message) in enumerate([
                 ('{"reconnect": {"policy": "Retry"}}', "unknown reconnect policy 'Retry'"),
@@ -26,10 +25,9 @@ class FailureTableTest(harness.SystemTest):
             path = self.config(text, f"{number}.json")
             rows.append((["-c", path, "info"], f"{path}: {message}"))
         self.check_rows("configuration: ", rows)
-        path = self.config('{\n  "name": "x",\n  "a2l" 5\n}')
-        broken = self.run_plain("-c", path, "info")
-        self.assertRegex(broken.stderr, rf"^configuration: {path}: configuration: .*line 3, column .*\n$")
-        self.expect(broken, err=broken.stderr, code=1)
+        done = self.run_plain("-c", broken, "info")
+        self.assertRegex(done.stderr, rf"^configuration: {broken}: configuration: .*line 3, column .*\n$")
+        self.expect(done, err=done.stderr, code=1)
 
     def test_session_construction_fails(self):
         a2l = self.write_a2l()
@@ -72,11 +70,8 @@ class FailureTableTest(harness.SystemTest):
         nowhere = self.dir / "none" / "x.json"
         self.check_rows("", [
             (["--reconnect", "Retry", "save-config", "/dev/stdout"], "unknown reconnect policy Retry"),
-            (["--reconnect", "", "info"], "unknown reconnect policy "),
             (["--cmd-id", "7E0", "info"], "stoul: '7E0' is not a number from 0 to 4294967295"),
-            (["--res-id", "", "info"], "stoul: '' is not a number from 0 to 4294967295"),
             (["--udp", "h:65536", "info"], "stoul: '65536' is not a number from 0 to 65535"),
-            (["--serial", "/dev/x:4294967296", "info"], "stoul: '4294967296' is not a number from 0 to 4294967295"),
             (["save-config", nowhere], f"save: cannot write {nowhere}"),
             (["save-config", "/dev/full"], "save: cannot write /dev/full"),
             (["--a2l", self.write_a2l(), "--udp", "h:1", "console"], "console: needs a serial line (--serial)")])
@@ -107,15 +102,16 @@ class FailureTableTest(harness.SystemTest):
     def test_measurement_start_fails(self):
         """No list runs then, and nothing is left of a recording but what was there before."""
         sim = self.start_sim("--daq-entries", "2", "--fault", "error:START_STOP_SYNCH:1:0:0x24")
-        file, given, made = (self.dir / name for name in ("file", "given", "made"))
+        file, given, made, there = (self.dir / name for name in ("file", "given", "made", "there"))
         file.touch()
-        given.mkdir()
-        (given / "notes.txt").write_text("mine")
+        mine = {given: "notes.txt", there: "meta.json"}
+        for directory, name in mine.items():
+            directory.mkdir()
+            (directory / name).write_text("mine")
         rows = [
             ([], "no signals to measure"),
             (["-s", "nope"], "'nope' is neither a MEASUREMENT nor a CHARACTERISTIC"),
             (["-s", "gear@9"], "event channel 9 does not exist"),
-            (["-s", "gear@x"], "stoul: 'x' is not a number from 0 to 65535"),
             (["-s", "gear@"], "stoul: '' is not a number from 0 to 65535"),
             (["-s", "gear@1@2"], "stoul: '1@2' is not a number from 0 to 65535"),
             (["-s", "gear@65536"], "stoul: '65536' is not a number from 0 to 65535"),
@@ -125,6 +121,7 @@ class FailureTableTest(harness.SystemTest):
             (["-s", "wave", "-r", file / "below"], f"cannot create {file / 'below'}"),
             (["-s", "wave", "-r", given], "START_STOP_SYNCH: ERR_ACCESS_DENIED (0x24)"),
             (["-s", "wave", "-r", made / "below"], "START_STOP_SYNCH: ERR_ACCESS_DENIED (0x24)"),
+            (["-s", "wave", "-r", there], f"{there} already contains a recording"),
         ]
         for arguments, message in rows:
             with self.subTest(arguments):
@@ -132,7 +129,9 @@ class FailureTableTest(harness.SystemTest):
                 self.expect(done, err=done.stderr, code=1)
                 self.assertEqual(done.stderr.splitlines()[0], f"measure: {message}")
         self.assertEqual(harness.counters(sim)["samples"], 0)
-        self.assertEqual(([p.name for p in given.iterdir()], (made / "below").exists()), (["notes.txt"], False))
+        for directory, name in mine.items():
+            self.assertEqual([(path.name, path.read_text()) for path in directory.iterdir()], [(name, "mine")])
+        self.assertFalse((made / "below").exists())
         for options, message in ((["--no-daq"], "the slave offers no DAQ"),
                                  (["--static-daq"], "static DAQ configuration is not supported")):
             done = self.run_cli(self.start_sim(*options), "measure", "-s", "wave")
@@ -154,59 +153,19 @@ class FailureTableTest(harness.SystemTest):
         missing = ["session: cannot watch for signals", "connect: XCP on UDP: cannot start the receive thread",
                    "measure: cannot start the printer", "measure: cannot start the flushing thread",
                    "measure: cannot start the recording thread", "measure: cannot start the supervision"]
+        measure = harness.record(directory, ["counter_1ms"], 0.1, every=1)
         for threads, what in enumerate(missing):
-            done = self.run_cli(sim, "measure", "-s", "counter_1ms", "-r", directory, preexec_fn=limit(threads))
             reason = "Resource temporarily unavailable (limits of threads and memory: `ulimit -a`)"
+            done = self.run_cli(sim, *measure, preexec_fn=limit(threads))
             self.expect(done, out=done.stdout, err=f"{what}: {reason}\n", code=1)
             self.assertFalse(directory.exists())
-        done = self.run_cli(sim, "measure", "-s", "counter_1ms", "-t", "0.1", "-r", directory,
-                            preexec_fn=limit(len(missing)))
-        self.statistics(done.stderr, directory)
-
-    def test_existing_recording_stays_as_it_is(self):
-        sim = self.start_sim()
-        directory = self.dir / "rec"
-        arguments = ["measure", "-s", "counter_1ms", "-p", "0", "-t", "0.3", "-r", directory]
-        self.assertEqual(self.run_cli(sim, *arguments).returncode, 0)
-        before = {p.name: p.read_bytes() for p in directory.iterdir()}
-        self.expect(self.run_cli(sim, *arguments), err=f"measure: {directory} already contains a recording\n", code=1)
-        self.assertEqual({p.name: p.read_bytes() for p in directory.iterdir()}, before)
-
-
-class FullDiskTest(harness.SystemTest):
-    def measure_within(self, limit, directory):
-        """Measures while no file may grow beyond a limit; returns the command and how many samples the ECU sent."""
-        sim = self.start_sim()
-        done = self.run_cli(sim, "measure", "-s", "counter_1ms", "-p", "0", "-t", "1.5", "-r", directory,
-                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
-        return done, harness.counters(sim)["samples"]
-
-    def test_recording_beyond_the_file_size_limit_keeps_whole_records(self):
-        directory = self.dir / "rec"
-        done, samples = self.measure_within(8 * 1024, directory)
-        self.assertIn(f"stop: write error in {directory}\n", done.stderr)
-        self.assertEqual(done.stderr.count("recording: write error in"), 1, done.stderr)
-        self.assertEqual(done.returncode, 1)
-        group = Recording(directory).groups[0]
-        self.assertEqual((directory / "g0000.rec").stat().st_size, 32 + 12 * len(group.records))
-        self.assertTrue(500 < len(group.records) < samples)
-        self.check_gapless(group)
-        done, samples = self.measure_within(1, self.dir / "none")
-        self.assertRegex(done.stderr, r"^measure: cannot write [^\n]+\n$")
-        self.assertEqual((done.returncode, samples), (1, 0))
+        self.statistics(self.run_cli(sim, *measure, preexec_fn=limit(len(missing))).stderr, directory)
 
     def test_standard_output_is_full(self):
         sim = self.start_sim()
-        rows = [
-            ["--help"],
-            ["list"],
-            ["info"],
-            ["get", "gear", "cal_gain"],
-            ["set", "cal_gain=3", "cal_limited=4"],
-            ["measure", "-s", "counter_1ms", "-p", "1", "-r", self.dir / "rec"],
-            ["save-config", self.dir / "saved.json"],
-        ]
-        for arguments in rows:
+        for arguments in (["--help"], ["list"], ["info"], ["get", "gear", "cal_gain"],
+                          ["set", "cal_gain=3", "cal_limited=4"], ["save-config", self.dir / "saved.json"],
+                          harness.record(self.dir / "rec", ["counter_1ms"], every=1)):
             with self.subTest(arguments[0]), open("/dev/full", "wb") as full:
                 program = self.start_cli(sim, *arguments, stdout=full)
                 self.assertEqual(program.finish(), 1)

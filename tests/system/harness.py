@@ -2,13 +2,16 @@
 
 The programs are found through XCPLUMO_CLI and XCPLUMO_SIM, which CMake sets.
 """
+import codecs
 import json
 import os
 import re
+import select
 import shutil
 import signal
 import subprocess
 import tempfile
+import termios
 import time
 import unittest
 from pathlib import Path
@@ -50,6 +53,41 @@ def value_line(name, text):
 def signals(names):
     """The arguments of `measure` for these signals."""
     return [argument for name in names for argument in ("-s", name)]
+
+
+def record(directory, names, seconds=None, every=0):
+    """The arguments that record these signals, until Ctrl-C or for some seconds."""
+    return ["measure", "-p", every, "-r", directory, *signals(names), *(["-t", seconds] if seconds else [])]
+
+
+class Terminal:
+    """The tool on a terminal of its own, whose keys are pressed and whose screen is read here."""
+
+    def __init__(self, arguments, env, rows=24, columns=80):
+        self.master, self.slave = os.openpty()
+        termios.tcsetwinsize(self.slave, (rows, columns))
+        self.before = termios.tcgetattr(self.slave)
+        self.process = subprocess.Popen(arguments, env=env, preexec_fn=lambda: os.login_tty(self.slave))
+        self.screen, self.decoder = "", codecs.getincrementaldecoder("utf-8")()
+
+    def type(self, keys):
+        os.write(self.master, keys)
+
+    def wait_for(self, text):
+        """Waits for a text; "" is there when the program has ended."""
+        def look():
+            ended = self.process.poll() is not None
+            while select.select([self.master], [], [], 0)[0]:
+                self.screen += self.decoder.decode(os.read(self.master, 65536))
+            return text in self.screen if text else ended
+        wait_until(look, f"{text!r} on the screen {self.screen!r}")
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        os.close(self.master)
+        os.close(self.slave)
 
 
 class Program:
@@ -114,12 +152,21 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(program.kill)
         return program
 
-    def start_sim(self, *options):
-        """A simulated ECU; `port` and `a2l` (its description) are attributes of what comes back."""
-        sim = self.start([SIM, "--port", 0, *options])
+    def start_sim(self, *options, port=0):
+        """A simulated ECU; its description and how to reach it are attributes of what comes back."""
+        sim = self.start([SIM, "--port", port, *options])
         sim.wait_for_out("\n")
         sim.port = int(sim.out.splitlines()[0].removeprefix("port "))
-        sim.a2l = self.write_a2l(*options)
+        sim.a2l, sim.reach = self.write_a2l(*options), ["--udp", f"127.0.0.1:{sim.port}"]
+        return sim
+
+    def start_serial_sim(self, *options):
+        """The same on a serial line; `line` stays when the ECU is pulled and plugged."""
+        line = self.dir / f"line{len(list(self.dir.iterdir()))}"
+        sim = self.start([SIM, "--serial-link", line, *options])
+        sim.wait_for_out("\n")
+        self.assertEqual(sim.out, f"serial {line}\n", sim.err)
+        sim.line, sim.a2l, sim.reach = line, self.write_a2l("--serial", *options), ["--serial", line, "--reset-delay", 20]
         return sim
 
     def start_relay(self, *options):
@@ -135,15 +182,25 @@ class SystemTest(unittest.TestCase):
         return path
 
     def arguments(self, sim, *arguments):
-        return [CLI, "--a2l", str(sim.a2l), "--udp", f"127.0.0.1:{sim.port}", *map(str, arguments)]
+        return [CLI, "--a2l", str(sim.a2l), *map(str, sim.reach), *map(str, arguments)]
 
     def start_cli(self, sim, *arguments, stdout=None):
         return self.start(self.arguments(sim, *arguments), stdout=stdout)
 
+    def start_piped(self, sim, *arguments):
+        """Starts the tool; returns it and the end of a pipe that reads its standard output."""
+        reading, writing = os.pipe()
+        reader = os.fdopen(reading, "rb")
+        self.addCleanup(reader.close)
+        program = self.start_cli(sim, *arguments, stdout=writing)
+        os.close(writing)
+        return program, reader
+
     def run_plain(self, *arguments, timeout=PATIENCE, **options):
         """Runs the tool with just these arguments to its end."""
-        return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=timeout,
-                              stdin=subprocess.DEVNULL, env=self.env, check=False, **options)
+        options = {"env": self.env, "stdin": None if "input" in options else subprocess.DEVNULL} | options
+        return subprocess.run([CLI, *map(str, arguments)], capture_output=True, text=True, timeout=timeout, check=False,
+                              **options)
 
     def run_cli(self, sim, *arguments, **options):
         """Runs the tool against a simulated ECU to its end."""
@@ -172,6 +229,22 @@ class SystemTest(unittest.TestCase):
             self.assertEqual(group.timestamps, sorted(group.timestamps))
         return told, groups
 
+    def shown(self, names, out, err, code):
+        """Name and text of each line of `get` or `set`: of all that was asked for, in order, or none but a reason."""
+        lines = [line.split(None, 1) for line in out.splitlines()]
+        if not lines:
+            self.assertRegex(err, "(?m)^connect: ")
+        else:
+            self.assertEqual([name for name, _ in lines], list(names))
+        self.assertEqual(code, int(not lines or any(text.startswith("ERROR ") for _, text in lines)))
+        return lines
+
+    def check_shown(self, values, names, *told):
+        """Each text is the ECU's value or an error; returns how many are values."""
+        right = [line for line in self.shown(names, *told) if not line[1].startswith("ERROR ")]
+        self.assertEqual(right, [[name, values[name]] for name, _ in right])
+        return len(right)
+
     def check_gapless(self, group):
         """The first signal of a group is a counter: it goes up by one from record to record."""
         values = group.counters()
@@ -181,7 +254,7 @@ class SystemTest(unittest.TestCase):
         """A configuration file with short times, for tests that wait for them; sections are laid over it."""
         values = {"xcp": {"timeoutsMs": [QUICK_MS] * 7}, "reconnect": {"intervalMs": 50, "heartbeatMs": HEARTBEAT_MS}}
         for name, section in sections.items():
-            values[name] = {**values[name], **section}
+            values[name] = values.get(name, {}) | section
         return self.config(json.dumps(values), f"quick-{len(list(self.dir.iterdir()))}.json")
 
     def config(self, text, name="session.json"):

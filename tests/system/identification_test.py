@@ -5,26 +5,23 @@ import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 import ecu_model
-import recording_check
 from a2l_text import display_text
-from harness import SystemTest, signals, value_line
+from harness import signals, value_line
+from recording_check import ModelCase
 
-SECONDS = 0.5
 # The largest data packet makes several ODTs of every list.
 MAX_DTO = 64
 
 
-class IdentificationTest(SystemTest):
+class IdentificationTest(ModelCase):
     def test_granularity_1(self):
         self.run_all(1)
 
     def test_granularity_2(self):
         self.run_all(2)
-        self.check_refusal(2)
 
     def test_granularity_4(self):
         self.run_all(4)
-        self.check_refusal(4)
 
     def test_other_shapes(self):
         """Whatever else an ECU may do differently."""
@@ -39,55 +36,51 @@ class IdentificationTest(SystemTest):
         self.run_shapes(granularity, [
             ("--granularity", granularity, "--identification", i, "--timestamp-size", t, "--byte-order", order)
             for i, t, order in itertools.product(range(4), (0, 1, 2, 4), ("intel", "motorola"))])
+        if granularity > 1:
+            self.check_refusal(granularity)
 
     def run_shapes(self, granularity, shapes):
         """Measures each shape of ECU, some at a time, and checks one after the other."""
+        names = [row.name for row in ecu_model.measurements().values() if row.field.size % granularity == 0]
+
+        def measure(shape):
+            sim = self.start_sim("--max-dto", MAX_DTO, *shape)
+            program = self.start_measured(sim, names, 0.5, granularity=granularity, every=1)
+            program.finish()
+            sim.kill()
+            return program
+
         with ThreadPoolExecutor(max_workers=6) as pool:
-            finished = list(pool.map(lambda shape: self.measure(granularity, *shape), shapes))
-        for shape, run in zip(shapes, finished):
+            finished = list(pool.map(measure, shapes))
+        for shape, program in zip(shapes, finished):
             with self.subTest(shape=shape):
-                self.check(*run)
+                self.check(names, program)
 
-    def measure(self, granularity, *options):
-        """Runs the tool once; returns A2L file, recording, signals, parameters and the finished command."""
-        sim = self.start_sim("--max-dto", MAX_DTO, *options)
-        rows = ecu_model.measurements().values()
-        rows = [row for row in rows if row.field.size % granularity == 0]
-        directory = sim.a2l.parent / "recording"
-        parameters = self.type_parameters(sim, granularity)
-        done = self.run_cli(sim, "measure", "-t", SECONDS, "-p", "1", "-r", directory,
-                            *signals(f"{row.name}@{row.event}" for row in rows))
-        sim.kill()
-        return sim.a2l, directory, [row.name for row in rows], parameters, done
-
-    def check(self, a2l, directory, names, parameters, done):
-        self.expect(done, done.stdout, done.stderr)
-        self.assertIn(f"measuring {len(names)} signal(s) in 4 DAQ list(s), ", done.stderr)
-        groups = recording_check.check(self, done.stderr, directory, a2l, names, parameters).groups
+    def check(self, names, program):
+        self.assertIn(f"measuring {len(names)} signal(s) in 4 DAQ list(s), ", program.err)
         # Each line holds the values of one record, in the order asked for.
         expected = []
-        for group in groups:
+        for group in self.check_measured(program).groups:
             ordered = sorted(group.signals, key=lambda signal: names.index(signal.name))
-            expected += ["".join(f"  {s.name}={self.shown(s.conversion, s.raw(record))}" for s in ordered)
+            expected += ["".join(f"  {s.name}={self.text(s.conversion, s.raw(record))}" for s in ordered)
                          for record in group.records]
-        lines = [re.sub(r"^ *\d+\.\d{3}(?=  )", "", line) for line in done.stdout.splitlines()]
+        lines = [re.sub(r"^ *\d+\.\d{3}(?=  )", "", line) for line in program.out.splitlines()]
         self.assertEqual(sorted(lines), sorted(expected))
 
     @staticmethod
-    def shown(conversion, raw):
+    def text(conversion, raw):
         unit = f" {conversion.unit}" if conversion.unit and conversion.kind != "verbal" else ""
         return display_text(conversion, raw) + unit
 
     def check_refusal(self, granularity):
         """An object whose size is no multiple of the granularity can be neither measured nor read."""
         sim = self.start_sim("--granularity", granularity, "--max-dto", MAX_DTO)
-        for name in ("throttle", "gear"):
-            limit = (MAX_DTO - 1) // granularity * granularity
-            self.expect(self.run_cli(sim, "measure", *signals([f"{name}@1", "counter_10ms@1"])), code=1,
-                        err=f"measure: signal of 1 bytes does not fit into an ODT entry (max {limit})\n")
-            self.expect(self.run_cli(sim, "get", name, "cal_ulong_lsb"), code=1,
-                        out=value_line(name, "ERROR upload size must be a non-zero multiple of AG")
-                        + value_line("cal_ulong_lsb", "0"))
+        limit = (MAX_DTO - 1) // granularity * granularity
+        self.expect(self.run_cli(sim, "measure", *signals(["gear@1", "counter_10ms@1"])), code=1,
+                    err=f"measure: signal of 1 bytes does not fit into an ODT entry (max {limit})\n")
+        self.expect(self.run_cli(sim, "get", "gear", "cal_ulong_lsb"), code=1,
+                    out=value_line("gear", "ERROR upload size must be a non-zero multiple of AG")
+                    + value_line("cal_ulong_lsb", "0"))
 
 
 if __name__ == "__main__":

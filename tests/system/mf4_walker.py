@@ -179,15 +179,10 @@ class Group:
             records[column::self.stride] = turned[column * rows:(column + 1) * rows]
         return bytes(records)
 
-    def records(self):
-        for section in self.sections:
-            data = self.section_bytes(section)
-            for at in range(0, len(data), self.stride):
-                yield data[at:at + self.stride]
-
     def columns(self):
         """The raw values of each channel."""
-        records = list(self.records())
+        data = b"".join(map(self.section_bytes, self.sections))
+        records = [data[at:at + self.stride] for at in range(0, len(data), self.stride)]
         return [[channel.raw(record) for record in records] for channel in self.channels]
 
 

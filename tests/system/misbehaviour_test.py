@@ -35,7 +35,7 @@ class AnswersTest(harness.SystemTest):
                 done = self.get(self.start_sim(*options), 400)
                 self.expect(done, "".join(value_line(*row) for row in VALUES.items()), done.stderr)
 
-    def check_values(self, command, *extra):
+    def check_answers(self, command, *extra):
         """Answers come late and more than once, in steps around t1 (300 ms).
 
         An answer later than two t1, or doubled by an ECU that answers no SYNCH, cannot always be told from another's.
@@ -50,23 +50,14 @@ class AnswersTest(harness.SystemTest):
             with self.subTest(row):
                 sim = self.start_sim(*faults(*(rule.replace("COMMAND", command) for rule in row)))
                 done = self.get(sim, 300, *extra)
-                if done.stdout == "":
-                    self.assertRegex(done.stderr, "^connect: ")
-                    continue
-                shown = [line.split(None, 1) for line in done.stdout.splitlines()]
-                self.assertEqual([name for name, _ in shown], list(VALUES))
-                right = [name for name, text in shown if text == VALUES[name]]
-                wrong = [name for name, text in shown if text.startswith("ERROR ")]
-                self.assertEqual(len(right) + len(wrong), len(VALUES), done.stdout)
-                self.assertEqual(done.returncode, int(wrong != []))
-                values += len(right)
+                values += self.check_shown(VALUES, VALUES, done.stdout, done.stderr, done.returncode)
         self.assertGreater(values, len(rows))
 
     def test_no_answer_becomes_the_value_of_another_command(self):
-        self.check_values("SHORT_UPLOAD")
+        self.check_answers("SHORT_UPLOAD")
 
     def test_no_answer_becomes_the_value_of_another_block(self):
-        self.check_values("UPLOAD", "--no-short-upload")
+        self.check_answers("UPLOAD", "--no-short-upload")
 
     def test_a_lost_answer_to_a_write_writes_again(self):
         for rule, writes in (("lose:DOWNLOAD:1", 3), ("ignore:DOWNLOAD:1", 2)):
@@ -84,8 +75,7 @@ class StreamTest(harness.SystemTest):
         """Returns what was told, the kinds of loss in it, the ECU's counters and the recorded groups."""
         sim = self.start_sim(*options)
         directory = self.dir / f"rec{len(list(self.dir.iterdir()))}"
-        done = self.run_cli(sim, *arguments, "measure", "-t", "0.6", "-p", "0", "-r", directory,
-                            *harness.signals(names))
+        done = self.run_cli(sim, *arguments, *harness.record(directory, names, 0.6))
         self.expect(done, err=done.stderr)
         told, groups = self.statistics(done.stderr, directory)
         for warning in re.findall(r"\[warning\] measure: (.*)", done.stderr):

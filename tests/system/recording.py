@@ -4,7 +4,6 @@ It is slow and plain on purpose: the rules of that page stand here and in value_
 tests have them), so that a fault of the tool's own writer cannot hide in code that both share.
 """
 import json
-import math
 import struct
 from pathlib import Path
 
@@ -27,21 +26,9 @@ class Signal:
         return self.field.decoded(data)
 
 
-def entries(path, magic, fields, layout):
-    """The entries of a binary file after a check of its header; None when there is no file."""
-    if not path.exists():
-        return None
-    data = path.read_bytes()
-    if data[:8] != magic + b"\0\0\0":
-        raise ValueError(f"{path}: magic {data[:8]}")
-    header = struct.unpack(f"<{len(fields)}I", data[8:8 + 4 * len(fields)])
-    if header != fields:
-        raise ValueError(f"{path}: header {header} is not {fields}")
-    if any(data[8 + 4 * len(fields):32]):
-        raise ValueError(f"{path}: reserved bytes")
-    size = struct.calcsize(layout)
-    whole = (len(data) - 32) // size * size
-    return list(struct.iter_unpack(layout, data[32:32 + whole]))
+def head(size):
+    """The head of a file with records of this size."""
+    return struct.pack("<8s3I12x", b"LMREC", 2, size, size + 8)
 
 
 class Group:
@@ -50,21 +37,14 @@ class Group:
         self.name = meta["name"]
         self.signals = [Signal(s) for s in meta["signals"]]
         size = meta["recordSize"]
-        stem = f"g{number:04}"
-        rows = entries(directory / f"{stem}.rec", b"LMREC", (2, size, size + 8), f"<q{size}s")
-        if rows is None:
-            raise ValueError(f"{stem}.rec is missing")
+        path = directory / f"g{number:04}.rec"
+        data = path.read_bytes()
+        if data[:32] != head(size):
+            raise ValueError(f"{path}: {data[:32]}")
+        whole = (len(data) - 32) // (8 + size) * (8 + size)
+        rows = list(struct.iter_unpack(f"<q{size}s", data[32:32 + whole]))
         self.timestamps = [row[0] for row in rows]
         self.records = [row[1] for row in rows]
-        self.index = entries(directory / f"{stem}.tix", b"LMTIX", (2, 16, 16), "<qq")
-        self.levels = []
-        count = len(self.signals)
-        while count:
-            level = len(self.levels) + 1
-            read = entries(directory / f"{stem}_L{level}.pyr", b"LMPYR", (2, level, 8 * count, count), f"<{2 * count}f")
-            if read is None:
-                break
-            self.levels.append(read)
 
     def counters(self):
         """All values of the first signal."""
@@ -78,20 +58,3 @@ class Recording:
         if self.meta["formatVersion"] != 2:
             raise ValueError(f"format version {self.meta['formatVersion']}")
         self.groups = [Group(directory, number, meta) for number, meta in enumerate(self.meta["groups"])]
-
-
-def rounded_down(value):
-    """The largest float that is not above a double."""
-    try:
-        near = struct.unpack("<f", struct.pack("<f", value))[0]
-    except OverflowError:
-        near = math.copysign(math.inf, value)
-    if not near > value:
-        return near
-    bits = struct.unpack("<i", struct.pack("<f", near))[0]
-    below = -0x7FFFFFFF if near == 0 else bits + 1 if near < 0 else bits - 1
-    return struct.unpack("<f", struct.pack("<i", below))[0]
-
-
-def rounded_up(value):
-    return -rounded_down(-value)

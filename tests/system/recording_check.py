@@ -1,9 +1,11 @@
-"""Checks of a whole recording against the model of the simulated ECU and the A2L file that it was made with."""
-import math
+"""A measurement whose recording is checked against the model of the simulated ECU and the A2L file that it was made with."""
+import tempfile
+from pathlib import Path
 
 import ecu_model
 from a2l_text import A2l
-from recording import Recording, rounded_down, rounded_up
+from harness import SystemTest, record
+from recording import Recording
 
 EVENTS = (("cyclic_1ms", 1000000), ("cyclic_10ms", 10000000), ("cyclic_100ms", 100000000), ("crank_tooth", 0))
 
@@ -35,42 +37,40 @@ def check_values(test, group, parameters):
             test.fail(f"{signal.name} at sample {first + at}: {read[at]} instead of {expected[at]}")
 
 
-def check_index(test, group):
-    times = group.timestamps
-    test.assertEqual(group.index, [(times[i], times[i + 15]) for i in range(0, len(times) - 15, 16)])
+def forty_signals():
+    """The counter and the last rows of each cyclic event: all conversions, all masks, most types."""
+    rows = [row for row in ecu_model.measurements().values() if row.name not in ecu_model.COUNTERS]
+    names = []
+    for event, count in ((0, 13), (1, 12), (2, 12)):
+        names += [ecu_model.COUNTERS[event]] + [row.name for row in rows if row.event == event][-count:]
+    return names
 
 
-def extremes(values):
-    """The pair that a block of values has in a level: a float not above the least, one not below the greatest."""
-    valid = [value for value in values if value == value]
-    return (rounded_down(min(valid)), rounded_up(max(valid))) if valid else (math.nan, math.nan)
+class ModelCase(SystemTest):
+    """Measures what drives the model and what it drives, and compares everything that was recorded."""
 
+    def start_measured(self, sim, names, seconds, *options, granularity=1, **how):
+        """Starts to record; what check_measured() needs is kept with the program."""
+        rows, parameters = ecu_model.measurements(), self.type_parameters(sim, granularity)
+        directory = Path(tempfile.mkdtemp(dir=self.dir)) / "recording"
+        program = self.start_cli(sim, *options, *record(directory, [f"{n}@{rows[n].event}" for n in names], seconds, **how))
+        program.check = (directory, sim.a2l, names, parameters)
+        return program
 
-def check_levels(test, group):
-    """Every level holds the outward rounded extremes of the physical values, and none is missing."""
-    values = [[s.conversion.physical(s.raw(record)) for record in group.records] for s in group.signals]
-    test.assertEqual(len(group.levels), int(math.log(len(group.records), 16) + 1e-9) if group.records else 0)
-    for level, entries in enumerate(group.levels, 1):
-        span = 16 ** level
-        test.assertEqual(len(entries), len(group.records) // span)
-        for i, signal in enumerate(group.signals):
-            for k, entry in enumerate(entries):
-                expected = extremes(values[i][k * span:(k + 1) * span])
-                test.assertEqual(repr(entry[2 * i:2 * i + 2]), repr(expected),
-                                 f"{signal.name}, level {level}, entry {k}")
-
-
-def check(test, err, directory, a2l_path, names, parameters):
-    """All of it, and that nothing was told to be lost; returns the recording."""
-    told, _ = test.statistics(err, directory)
-    test.assertEqual(told, dict.fromkeys(told, 0) | {"records": told["records"], "recorded": told["records"]})
-    told = [line for line in err.splitlines() if "the DTOs carry no timestamps" not in line]
-    test.assertNotIn("warning", "\n".join(told).lower())
-    recording = Recording(directory)
-    check_meta(test, recording, A2l(a2l_path.read_text(encoding="utf-8")), names)
-    for group in recording.groups:
-        test.assertTrue(group.records, f"{group.name} has no record")
-        check_values(test, group, parameters)
-        check_index(test, group)
-        check_levels(test, group)
-    return recording
+    def check_measured(self, program):
+        """It ends well, nothing is told to be lost, every value is the one of the model; returns the recording."""
+        self.assertEqual(program.finish(), 0, program.err)
+        directory, a2l, names, parameters = program.check
+        told, _ = self.statistics(program.err, directory)
+        self.assertEqual(told, dict.fromkeys(told, 0) | {"records": told["records"], "recorded": told["records"]})
+        told = [line for line in program.err.splitlines() if "the DTOs carry no timestamps" not in line]
+        self.assertNotIn("warning", "\n".join(told).lower())
+        recording = Recording(directory)
+        check_meta(self, recording, A2l(a2l.read_text(encoding="utf-8")), names)
+        for group in recording.groups:
+            self.assertTrue(group.records, f"{group.name} has no record")
+            check_values(self, group, parameters)
+        count = sum(len(group.records) for group in recording.groups)
+        self.expect(self.run_plain("recording", "check", directory),
+                    f"{directory}: {len(recording.groups)} group(s), {count} record(s), sound\n")
+        return recording

@@ -1,17 +1,9 @@
 """`recording` on what a killed measurement left: told while it runs, checked, mended, plotted."""
-import fcntl
-import os
-import pty
 import re
-import struct
-import subprocess
-import termios
 import unittest
 
-from harness import CLI, SystemTest
+from harness import CLI, SystemTest, Terminal, record
 from recording import Recording
-
-NAMES = ("wave@0", "counter_10ms@1")
 
 
 class RecordingCommandTest(SystemTest):
@@ -19,7 +11,7 @@ class RecordingCommandTest(SystemTest):
         """A recording of some hundred records whose tool was killed; asked about while it was written."""
         directory = self.dir / "killed"
         records = directory / "g0000.rec"
-        measure = self.start_cli(self.start_sim(), "measure", "-p", 0, "-r", directory, "-s", NAMES[0], "-s", NAMES[1])
+        measure = self.start_cli(self.start_sim(), *record(directory, ["wave@0", "counter_10ms@1"]))
         measure.wait_for(lambda: records.exists() and records.stat().st_size > 8000, "records")
         alive = self.run_plain("recording", "info", directory)
         self.assertIn("recording      killed, still being recorded\n", alive.stdout)
@@ -78,24 +70,12 @@ class RecordingCommandTest(SystemTest):
         self.assertTrue(plain.stdout.isascii() and max(map(len, lines)) == 80, plain.stdout)
         # A counter goes up from corner to corner.
         self.assertTrue(lines[1].endswith("*") and re.match(r" *\d+ \+\*", lines[12]), plain.stdout)
-        main, terminal = pty.openpty()
-        self.addCleanup(os.close, main)
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 12, 50, 0, 0))
-        done = subprocess.run([CLI, *arguments], stdout=terminal, env=self.env, timeout=60, check=True)
-        os.close(terminal)
-        shown = self.read_all(main).decode("utf-8").splitlines()
-        self.assertEqual((done.returncode, len(shown), max(map(len, shown))), (0, 10, 50))
+        terminal = Terminal([CLI, *arguments], self.env, rows=12, columns=50)
+        self.addCleanup(terminal.close)
+        terminal.wait_for("")
+        shown = terminal.screen.splitlines()
+        self.assertEqual((terminal.process.returncode, len(shown), max(map(len, shown))), (0, 10, 50))
         self.assertTrue(set(shown[1].split("\u2524")[1].strip()) <= {chr(0x2800 + i) for i in range(256)}, shown)
-
-    @staticmethod
-    def read_all(descriptor):
-        """What a terminal was given whose other end is closed."""
-        content = b""
-        while True:
-            try:
-                content += os.read(descriptor, 65536)
-            except OSError:
-                return content
 
 
 if __name__ == "__main__":

@@ -1,47 +1,29 @@
 """Recordings of 40 signals in three events: nothing is lost, every value is the one of the ECU's model."""
-import os
 import time
 import unittest
 
-import ecu_model
-import recording_check
-from harness import SystemTest, signals
-
-SECONDS = float(os.environ.get("XCPLUMO_LONG_SECONDS", "4"))
+from recording_check import ModelCase, forty_signals
 
 
-def forty_signals():
-    """The counter and the last rows of each cyclic event: all conversions, all masks, most types."""
-    rows = [row for row in ecu_model.measurements().values() if row.name not in ecu_model.COUNTERS]
-    names = []
-    for event, count in ((0, 13), (1, 12), (2, 12)):
-        names += [ecu_model.COUNTERS[event]] + [row.name for row in rows if row.event == event][-count:]
-    return names
-
-
-class RecordingTest(SystemTest):
+class RecordingTest(ModelCase):
     def test_forty_signals_hold_the_values_of_the_model(self):
         names = forty_signals()
         self.assertEqual(len(names), 40)
         sim = self.start_sim()
-        parameters = self.type_parameters(sim)
-        rows, directory = ecu_model.measurements(), self.dir / "recording"
         before = time.monotonic_ns(), time.time_ns()
-        done = self.run_cli(sim, "measure", "-t", SECONDS, "-r", directory, "-p", "0",
-                            *signals(f"{name}@{rows[name].event}" for name in names), timeout=SECONDS + 60)
+        program = self.start_measured(sim, names, 4)
+        program.finish()
         after = time.monotonic_ns(), time.time_ns()
-        self.expect(done, err=done.stderr)
-        recording = recording_check.check(self, done.stderr, directory, sim.a2l, names, parameters)
-        self.assertIn("measuring 40 signal(s) in 3 DAQ list(s), estimated bus load 0.0 %, recording to ", done.stderr)
-        self.check_head(recording.meta, sim, before, after)
-        for group in recording.groups:
-            self.check_times(group, recording.meta["startHostNs"], after[0])
-
-    def check_head(self, meta, sim, before, after):
+        recording = self.check_measured(program)
+        self.assertEqual(program.out, "")
+        self.assertIn("measuring 40 signal(s) in 3 DAQ list(s), estimated bus load 0.0 %, recording to ", program.err)
+        meta = recording.meta
         self.assertEqual([meta[key] for key in ("formatVersion", "source", "name", "ecu")],
                          [2, f"XCP on UDP 127.0.0.1:{sim.port}", "recording", "SimulatedEcu"])
-        self.assertTrue(before[0] <= meta["startHostNs"] <= after[0], meta["startHostNs"])
-        self.assertTrue(before[1] <= meta["startUtcNs"] <= after[1], meta["startUtcNs"])
+        for key, earliest, latest in zip(("startHostNs", "startUtcNs"), before, after):
+            self.assertTrue(earliest <= meta[key] <= latest, meta)
+        for group in recording.groups:
+            self.check_times(group, meta["startHostNs"], after[0])
 
     def check_times(self, group, start, end):
         """The times lie in the measurement and follow the ECU's clock, not the jitter of the reception."""

@@ -24,7 +24,7 @@ def udp_socket(port=None):
 
 
 class Relay:
-    """`port` and `a2l` are attributes, so that a relay can stand wherever a simulated ECU can."""
+    """Has the attributes `port`, `a2l` and `reach`, so that a relay can stand wherever a simulated ECU can."""
 
     def __init__(self, sim):
         self.sim = sim
@@ -33,25 +33,24 @@ class Relay:
         self.commands = []  # each command packet without its header, in the order sent
         self.front = udp_socket()
         self.port = self.front.getsockname()[1]
+        self.reach = ["--udp", f"127.0.0.1:{self.port}"]
         self.back = udp_socket(sim.port)
-        self.hole = udp_socket()  # never read
+        self.abyss = udp_socket()  # never read
+        self.hole = udp_socket(self.abyss.getsockname()[1])
         self.waker, self.wakened = socket.socketpair()
-        self.opened = [self.front, self.back, self.hole, self.waker, self.wakened]
+        self.opened = [self.front, self.back, self.abyss, self.hole, self.waker, self.wakened]
         self.ended = False
         self.thread = threading.Thread(target=self.run, daemon=True)
         self.thread.start()
 
     def aim(self, sim):
         """Commands go to this ECU from now on, and only its packets come back."""
-        self.turn(sim.port)
+        self.opened.append(udp_socket(sim.port))
+        self.resume(self.opened[-1])
 
     def hide(self):
         """From now on there is no ECU, only silence."""
-        self.turn(self.hole.getsockname()[1])
-
-    def turn(self, port):
-        self.opened.append(udp_socket(port))
-        self.resume(self.opened[-1])
+        self.resume(self.hole)
 
     def resume(self, back):
         """Commands go to where this former `back` leads."""
@@ -71,9 +70,6 @@ class Relay:
 
     def names(self):
         return [NAMES.get(command[0], hex(command[0])) for command in list(self.commands)]
-
-    def count(self, name):
-        return self.names().count(name)
 
     def run(self):
         client = None

@@ -6,7 +6,7 @@ import subprocess
 import unittest
 
 import harness
-from harness import CLI, signals
+from harness import CLI, record
 
 # As long as the names they replace, which the ECU tells.
 EVENT_NAMES = ((b"cyclic_10ms", b"/%n/\x1b[2J../"), (b"cyclic_1ms", b"../../../x"))
@@ -41,9 +41,8 @@ class RightsTest(harness.SystemTest):
         env = dict(os.environ, HOME=str(home), TMPDIR=str(home), XDG_CONFIG_HOME=str(home), XDG_STATE_HOME=str(home),
                    XDG_CACHE_HOME=str(home), LANG=EVIL, LC_ALL=EVIL, LANGUAGE=EVIL, TZ=":" + EVIL, HOSTALIASES=EVIL,
                    SPDLOG_LEVEL=EVIL, TERM=EVIL, COLUMNS=EVIL)
-        measured = signals(["..@0", "engine_speed@1"])
         for command in ([*reach, "info"], [*reach, "list"], [*reach, "get", "..", "engine_speed"],
-                        [*reach, "set", "cal_gain=1"], [*reach, "measure", "-t", 0.3, "-p", 1, "-r", "rec", *measured],
+                        [*reach, "set", "cal_gain=1"], [*reach, *record("rec", ["..@0", "engine_speed@1"], 0.3, every=1)],
                         *(["recording", action, "rec"] for action in ("info", "check", "repair")),
                         ["recording", "show", "rec", "-s", ".."],
                         ["export", "rec", "-o", "out.mf4"], ["export", "rec", "-o", "out.csv"],
@@ -61,8 +60,7 @@ class RightsTest(harness.SystemTest):
             return datagram
 
         relay.change = rename
-        reach = ["-c", self.config('{"name": "../../%n"}'), "--a2l", self.hostile_a2l(relay), "--udp",
-                 f"127.0.0.1:{relay.port}"]
+        reach = ["-c", self.config('{"name": "../../%n"}'), "--a2l", self.hostile_a2l(relay), *relay.reach]
         for mask, rights in ((0o022, "rw-r--r--"), (0o077, "rw-------")):
             root = self.dir / f"root{mask}"
             home, work = root / "home", root / "a" / "b" / "c"
@@ -89,20 +87,19 @@ class RightsTest(harness.SystemTest):
         sim = self.start_sim()
         mine = self.dir / "mine"
         mine.write_text("mine")
-        measure = ["measure", "-s", "counter_1ms", "-t", "0.1", "-p", "0", "-r"]
         for number, put in enumerate((lambda path: path.symlink_to(mine), lambda path: path.symlink_to("/dev/null"),
                                       os.mkfifo)):
             directory = self.dir / f"rec{number}"
             directory.mkdir()
             put(directory / "g0000.rec")
             os.mkfifo(directory / "meta.json.tmp")
-            self.expect(self.run_cli(sim, *measure, directory), code=1,
+            self.expect(self.run_cli(sim, *record(directory, ["counter_1ms"])), code=1,
                         err=f"measure: cannot create {directory / 'g0000.rec'}: not a regular file\n")
         self.assertEqual(mine.read_text(), "mine")
         directory = self.dir / "linked"
         directory.mkdir()
         (directory / "meta.json.tmp").symlink_to(mine)
-        self.assertEqual(self.run_cli(sim, *measure, directory).returncode, 0)
+        self.assertEqual(self.run_cli(sim, *record(directory, ["counter_1ms"], 0.1)).returncode, 0)
         records = directory / "g0000.rec"
         mine.write_bytes(records.read_bytes() + b"torn")
         before = mine.read_bytes()

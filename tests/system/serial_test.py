@@ -1,7 +1,5 @@
 """XCP on a serial line, a pseudo-terminal of the simulated ECU, beside the text that the ECU prints on it."""
-import os
 import re
-import select
 import signal
 import subprocess
 import termios
@@ -9,9 +7,9 @@ import time
 import unittest
 
 import harness
-import recording_check
+from harness import signals, value_line
 from recording import Recording
-from recording_test import forty_signals
+from recording_check import ModelCase, forty_signals
 
 # The kernel hands the bytes of a pseudo-terminal on at its leisure when the machine is busy: no test is to depend on
 # answers or data within less than this.
@@ -20,50 +18,7 @@ LINE = re.compile(r"^(\d\d):(\d\d):(\d\d)\.(\d{3})  (.*)$")
 DIAGNOSTICS = re.compile(r"(?m)ECU: diag (\d+): ((?:idle|connected|measuring), \d+ samples, \d+ writes)$")
 
 
-class Terminal:
-    """The tool on a terminal of its own, whose keys are pressed and whose screen is read here."""
-
-    def __init__(self, arguments, env):
-        self.master, slave = os.openpty()
-        self.before = termios.tcgetattr(slave)
-        self.process = subprocess.Popen(arguments, env=env, preexec_fn=lambda: os.login_tty(slave))
-        self.slave = slave
-        self.screen = ""
-
-    def type(self, keys):
-        os.write(self.master, keys)
-
-    def wait_for(self, text):
-        def look():
-            while select.select([self.master], [], [], 0)[0]:
-                self.screen += os.read(self.master, 65536).decode()
-            return text in self.screen
-        harness.wait_until(look, f"{text!r} on the screen {self.screen!r}")
-
-    def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-        self.process.wait()
-        os.close(self.master)
-        os.close(self.slave)
-
-
-class SerialTest(harness.SystemTest):
-    """`sim.line` is what the tool opens; it stays the same when the ECU is pulled and plugged."""
-
-    def start_sim(self, *options, port=0):
-        line = self.dir / f"line{len(list(self.dir.iterdir()))}"
-        sim = self.start([harness.SIM, "--serial-link", line, *options])
-        harness.wait_until(lambda: sim.out.count("\n") > 0 or sim.process.poll() is not None, "the line")
-        self.assertEqual(sim.out, f"serial {line}\n", sim.err)
-        sim.line = line
-        sim.a2l = self.write_a2l("--serial", *options)
-        return sim
-
-    def arguments(self, sim, *arguments):
-        delay = () if "--reset-delay" in arguments else ("--reset-delay", "20")
-        return [harness.CLI, "--a2l", str(sim.a2l), "--serial", str(sim.line), *delay, *map(str, arguments)]
-
+class SerialTest(ModelCase):
     def plug(self, sim):
         """Pulls the plug, or puts it in again."""
         was = sim.line.is_symlink()
@@ -80,43 +35,36 @@ class SerialTest(harness.SystemTest):
         return done, [line[5] for line in lines]
 
     def test_values_and_information(self):
-        sim = self.start_sim("--baud", "57600")
+        sim = self.start_serial_sim("--baud", "57600")
         done = self.run_cli(sim, "info")
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.expect(done, done.stdout)
         self.assertEqual(done.stdout.splitlines()[0],
                          f"ECU            SimulatedEcu (XCP on serial, {sim.line}, 57600 baud)")
         self.assertIn("\nstatus         session 0x00\n", done.stdout)
-        done = self.run_plain("--a2l", sim.a2l, "--serial", f"{sim.line}:250000", "--reset-delay", 0, "info")
-        self.assertIn(f", {sim.line}, 250000 baud)\n", done.stdout)
-        done = self.run_cli(sim, "set", "cal_gain=2.5", "cal_injector=off")
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
-        done = self.run_cli(sim, "get", "cal_gain", "no_such_name")
-        self.assertEqual((done.returncode, done.stdout.splitlines()[0].split()), (1, ["cal_gain", "2.500"]))
-        self.assertEqual(harness.counters(sim)["writes"], 2)
+        sim.reach[1] = f"{sim.line}:250000"
+        self.assertIn(f", {sim.line}, 250000 baud)\n", self.run_cli(sim, "info").stdout)
+        self.expect(self.run_cli(sim, "set", "cal_gain=2.5"), value_line("cal_gain", "2.500"))
+        self.expect(self.run_cli(sim, "get", "cal_gain", "no_such_name"), code=1, out=value_line("cal_gain", "2.500")
+                    + value_line("no_such_name", "ERROR 'no_such_name' is neither a MEASUREMENT nor a CHARACTERISTIC"))
 
     def test_measurement_and_text_on_one_line(self):
-        names = forty_signals()
-        sim = self.start_sim("--baud", "4000000", "--chatter-ms", "10")
-        rows = recording_check.ecu_model.measurements()
-        parameters = self.type_parameters(sim)
+        sim = self.start_serial_sim("--baud", "4000000", "--chatter-ms", "10")
         # A stalled machine answers late behind so much text; the default t1 is not what is tested here.
         config = self.quick_config(xcp={"timeoutsMs": [5000] * 7})
-        done = self.run_cli(sim, "-v", "-c", config, "measure", "-t", "3", "-r", self.dir / "rec", "-p", "0",
-                            *harness.signals(f"{name}@{rows[name].event}" for name in names))
-        self.assertEqual(done.returncode, 0, done.stderr)
-        recording = recording_check.check(self, done.stderr, self.dir / "rec", sim.a2l, names, parameters)
+        program = self.start_measured(sim, forty_signals(), 3, "-v", "-c", config)
+        recording = self.check_measured(program)
         self.assertEqual(recording.meta["source"], f"XCP on serial {sim.line}")
         seen = harness.counters(sim)
         self.assertEqual(sum(len(group.records) for group in recording.groups), seen["samples"])
         # Text and frames were cut into each other: every line is whole and in its place all the same.
-        numbers = [int(number) for number, _ in DIAGNOSTICS.findall(done.stderr)]
+        numbers = [int(number) for number, _ in DIAGNOSTICS.findall(program.err)]
         self.assertGreater(len(numbers), 50)
         self.assertEqual(numbers, list(range(numbers[0], numbers[0] + len(numbers))))
-        whole = sum(line.endswith(" writes") for line in re.findall(r"(?m)ECU: (.*)$", done.stderr))
+        whole = sum(line.endswith(" writes") for line in re.findall(r"(?m)ECU: (.*)$", program.err))
         self.assertEqual(whole, len(numbers))
 
     def test_invalid_frames_are_told(self):
-        sim = self.start_sim("--fault", "malformed:10", "--chatter-ms", "0")
+        sim = self.start_serial_sim("--fault", "malformed:10", "--chatter-ms", "0")
         done = self.run_cli(sim, "measure", "-t", "1", "-s", "counter_10ms@1")
         self.assertEqual(done.returncode, 0, done.stderr)
         bad = harness.counters(sim)["packets-malformed"]
@@ -124,32 +72,30 @@ class SerialTest(harness.SystemTest):
         self.assertIn(f"measure: serial invalid frames {bad}\n", done.stderr)
 
     def test_load_of_the_line(self):
-        sim = self.start_sim()
-        signals = ("-s", "counter_10ms@1", "-s", "engine_speed@1")
-        done = self.run_plain("--a2l", sim.a2l, "--serial", f"{sim.line}:9600", "--reset-delay", 0, "measure", *signals)
-        self.assertEqual((done.returncode, done.stderr),
-                         (1, "measure: estimated load of the serial line 177 % at 9600 baud exceeds the limit of 80 % "
-                             "(fewer signals, slower events or a higher baud rate)\n"))
-        done = self.run_cli(sim, "measure", "-t", "0.3", *signals)
-        self.assertEqual(done.returncode, 0, done.stderr)
+        sim = self.start_serial_sim()
+        measure = ["measure", *signals(["counter_10ms@1", "engine_speed@1"])]
+        done = self.run_cli(sim, *measure, "-t", "0.3")
         self.assertIn("measuring 2 signal(s) in 1 DAQ list(s), estimated bus load 14.8 % - Ctrl-C to stop\n", done.stderr)
+        sim.reach[1] = f"{sim.line}:9600"
+        self.expect(self.run_cli(sim, *measure), code=1,
+                    err="measure: estimated load of the serial line 177 % at 9600 baud exceeds the limit of 80 % "
+                    "(fewer signals, slower events or a higher baud rate)\n")
 
     def test_pulled_and_plugged_while_measuring(self):
         for options in ([], ["--reset-on-open", "0"]):
             with self.subTest(options):
-                sim = self.start_sim(*options)
+                sim = self.start_serial_sim(*options)
                 config = self.quick_config(xcp={"timeoutsMs": [PATIENT_MS] * 7}, reconnect={"heartbeatMs": PATIENT_MS})
                 directory = self.dir / f"rec{len(options)}"
-                program = self.start_cli(sim, "-c", config, "--reconnect", "retry_forever", "measure", "-p", "5",
-                                         "-s", "counter_10ms@1", "-r", directory)
-                harness.wait_until(lambda: program.out.count("\n") > 2 or program.process.poll() is not None, "records")
+                program = self.start_cli(sim, "-c", config, "--reconnect", "retry_forever",
+                                         *harness.record(directory, ["counter_10ms@1"], every=5))
+                program.wait_for_out("\n", 3)
                 self.plug(sim)
                 program.wait_for_err("reconnect attempt 2: XCP on serial: cannot open "
                                      f"{sim.line}: No such file or directory\n")
                 self.plug(sim)
                 program.wait_for_err("** measuring: reconnected after ")
-                printed = program.out.count("\n")
-                harness.wait_until(lambda: program.out.count("\n") > printed + 2, "records after the reconnection")
+                program.wait_for_out("\n", program.out.count("\n") + 3)
                 self.assertEqual(harness.stop(program)[0], 0, program.err)
                 self.assertIn(f"** reconnecting: connection lost: no DAQ data for {PATIENT_MS} ms\n", program.err)
                 self.assertIn(", reconnects 1, ", program.err)
@@ -157,7 +103,7 @@ class SerialTest(harness.SystemTest):
 
     def check_pause(self, group, restarted):
         """One pause of the ECU's data: its counter went on meanwhile, or began anew."""
-        values = [group.signals[0].raw(record) for record in group.records]
+        values = group.counters()
         steps = [(b - a) / 1e9 for a, b in zip(group.timestamps, group.timestamps[1:])]
         pause = steps.index(max(steps))
         self.assertGreater(steps[pause], PATIENT_MS / 1000)
@@ -173,29 +119,29 @@ class SerialTest(harness.SystemTest):
 
     def test_reset_delay(self):
         config = self.quick_config(xcp={"connectAttempts": 1})
-        deaf = self.start_sim("--reset-on-open", "60000")
-        done = self.run_cli(deaf, "-c", config, "info")
-        self.assertEqual((done.returncode, done.stderr),
-                         (1, "connect: CONNECT: no response from slave after 1 attempt(s)\n"))
-        booting = self.start_sim("--reset-on-open", "200", "--chatter-ms", "0")
+        deaf = self.start_serial_sim("--reset-on-open", "60000")
+        self.expect(self.run_cli(deaf, "-c", config, "info"), code=1,
+                    err="connect: CONNECT: no response from slave after 1 attempt(s)\n")
+        booting = self.start_serial_sim("--reset-on-open", "200", "--chatter-ms", "0")
+        booting.reach[-1] = 1500
         config = self.quick_config(xcp={"connectAttempts": 1, "timeoutsMs": [PATIENT_MS] * 7})
-        done = self.run_cli(booting, "-v", "-c", config, "--reset-delay", "1500", "info")
+        done = self.run_cli(booting, "-v", "-c", config, "info")
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertRegex(done.stderr, r"ECU: boot 2: .*\n.*ECU: ready\n")  # heard during the delay
 
     def test_stop_during_the_reset_delay(self):
-        for command, code in (("info", 1), ("console", 0)):
+        for command, code, told in (("info", 1, ["connect: XCP on serial: stopped"]), ("console", 0, [])):
             with self.subTest(command):
-                sim = self.start_sim("--reset-on-open", "0")
-                program = self.start_cli(sim, "-v", "--reset-delay", "60000", command)
+                sim = self.start_serial_sim("--reset-on-open", "0")
+                sim.reach[-1] = 60000
+                program = self.start_cli(sim, "-v", command)
                 program.wait_for_err("ECU: ready")
                 self.assertEqual(harness.stop(program)[0], code)
-                told = [line for line in program.err.splitlines() if not line.startswith("[")]
-                self.assertEqual(told, ["connect: XCP on serial: stopped"] if code else [])
+                self.assertEqual([line for line in program.err.splitlines() if not line.startswith("[")], told)
 
     def test_console_on_a_terminal(self):
-        sim = self.start_sim()
-        terminal = Terminal(self.arguments(sim, "console"), self.env)
+        sim = self.start_serial_sim()
+        terminal = harness.Terminal(self.arguments(sim, "console"), self.env)
         self.addCleanup(terminal.close)
         terminal.wait_for("  diag ")
         # A terminal would turn red, clear its screen or answer to these.
@@ -210,42 +156,39 @@ class SerialTest(harness.SystemTest):
         self.assertEqual(termios.tcgetattr(terminal.slave), terminal.before)
 
     def test_console_sends_standard_input(self):
-        sim = self.start_sim("--chatter-ms", "0")
+        sim = self.start_serial_sim("--chatter-ms", "0")
         before = int(time.time() * 1000)
         done, lines = self.console(sim, "first\nsecond\n\nlast", TZ="XYZ-5:45")
         after = int(time.time() * 1000)
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.expect(done, done.stdout)
         typed = ["first", "second", "", "last"]
-        self.assertEqual([line for line in lines if line.startswith("> ")], [f"> {line}" for line in typed])
-        self.assertEqual([line for line in lines if line.startswith("you said")], [f"you said: {line}" for line in typed])
+        for mark in ("> ", "you said: "):
+            self.assertEqual([line for line in lines if line.startswith(mark)], [mark + line for line in typed])
         for line in done.stdout.splitlines():
             hours, minutes, seconds, ms = (int(part) for part in LINE.match(line).groups()[:4])
-            shown = ((hours * 60 + minutes) * 60 + seconds) * 1000 + ms
-            day = 86400 * 1000
-            self.assertLessEqual((shown - (before + (5 * 60 + 45) * 60000)) % day, after - before, line)
+            shown = (((hours - 5) * 60 + minutes - 45) * 60 + seconds) * 1000 + ms
+            self.assertLessEqual((shown - before) % (86400 * 1000), after - before, line)
 
     def test_console_ends(self):
-        sim = self.start_sim("--chatter-ms", "20")
+        sim = self.start_serial_sim("--chatter-ms", "20")
         done = subprocess.run(self.arguments(sim, "console"), input="hello\n", text=True, capture_output=True, env=self.env,
                               timeout=harness.PATIENCE, check=False)
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.expect(done, done.stdout)
         self.assertRegex(done.stdout, r"(?m)^[\d:.]{12}  > hello$")
-        reading, writing = os.pipe()
-        program = self.start_cli(sim, "console", "-t", "60", stdout=writing)
-        os.close(writing)
-        self.assertTrue(os.read(reading, 100))
-        os.close(reading)
+        program, reader = self.start_piped(sim, "console", "-t", "60")
+        self.assertTrue(reader.readline())
+        reader.close()
         self.assertEqual((program.finish(), program.err), (0, ""))
 
     def test_console_without_xcp(self):
-        sim = self.start_sim("--fault", "ignore:CONNECT:1:0", "--chatter-ms", "50")
+        sim = self.start_serial_sim("--fault", "ignore:CONNECT:1:0", "--chatter-ms", "50")
         done, lines = self.console(sim, "hello\n", "-c", self.quick_config(xcp={"connectAttempts": 1}))
-        self.assertEqual((done.returncode, done.stderr),
-                         (0, "connect: CONNECT: no response from slave after 1 attempt(s) (showing the text only)\n"))
+        self.expect(done, done.stdout,
+                    "connect: CONNECT: no response from slave after 1 attempt(s) (showing the text only)\n")
         self.assertIn("you said: hello", lines)
 
     def test_console_waits_for_the_line(self):
-        sim = self.start_sim("--chatter-ms", "50")
+        sim = self.start_serial_sim("--chatter-ms", "50")
         self.plug(sim)
         program = self.start_cli(sim, "console", "-t", "60")
         missing = f"XCP on serial: cannot open {sim.line}: No such file or directory"
@@ -258,12 +201,6 @@ class SerialTest(harness.SystemTest):
             harness.wait_until(lambda: f"  -- connection lost: {sim.line}: port gone\n" in program.out[seen:], "the loss")
         self.assertIn("  -- no line yet, trying again each second\n", program.out)
         self.assertEqual(harness.stop(program)[0], 0, program.err)
-
-    def test_console_needs_a_serial_line(self):
-        sim = self.start_sim()
-        done = self.run_plain("--a2l", sim.a2l, "--udp", "127.0.0.1:9", "console")
-        self.assertEqual((done.returncode, done.stdout, done.stderr),
-                         (1, "", "console: needs a serial line (--serial)\n"))
 
 
 if __name__ == "__main__":

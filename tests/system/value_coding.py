@@ -109,6 +109,8 @@ class Conversion:
         return math.nan if root < 0 else (math.sqrt(root) - second) / (2 * first) + 0.0
 
     def table(self, x):
+        if math.isnan(x):
+            return x if self.meta["interpolate"] else self.meta.get("defaultNumeric", x)
         if not self.meta["interpolate"]:
             nearest = min(self.pairs, key=lambda pair: abs(pair[0] - x))
             return nearest[1] if nearest[0] == x else self.meta.get("defaultNumeric", nearest[1])
