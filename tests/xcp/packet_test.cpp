@@ -10,30 +10,6 @@ namespace {
 using test::Bytes;
 using test::hex;
 
-TEST(Packet, NamesCommandsAndErrors) {
-    const struct {
-        std::uint8_t command;
-        std::uint8_t code;
-        const char* message;
-        ErrorCode category;
-    } errors[] = {
-        {0xFF, 0x00, "CONNECT: ERR_CMD_SYNCH (0x00)", ErrorCode::protocolError},
-        {0xF2, 0x11, "TRANSPORT_LAYER_CMD: ERR_DAQ_ACTIVE (0x11)", ErrorCode::wouldBlock},
-        {0xE7, 0x20, "GET_PAGE_INFO: ERR_CMD_UNKNOWN (0x20)", ErrorCode::unsupported},
-        {0xDD, 0x22, "START_STOP_SYNCH: ERR_OUT_OF_RANGE (0x22)", ErrorCode::invalidArgument},
-        {0xD7, 0x25, "GET_DAQ_EVENT_INFO: ERR_ACCESS_LOCKED (0x25)", ErrorCode::permissionDenied},
-        {0xC7, 0x33, "WRITE_DAQ_MULTIPLE: ERR_RESOURCE_TEMPORARY_NOT_ACCESSIBLE (0x33)",
-         ErrorCode::wouldBlock},
-        {0xC6, 0x34, "UNKNOWN_CMD: ERR_UNKNOWN_CODE (0x34)", ErrorCode::protocolError},
-    };
-    for (const auto& row : errors) {
-        const Error error = errorReply(row.command, row.code);
-        EXPECT_EQ(error.message, row.message);
-        EXPECT_EQ(error.code, row.category) << row.message;
-        EXPECT_EQ(error.detail, row.code);
-    }
-}
-
 TEST(Packet, ParsesFixedResponsesCutAtEveryLength) {
     const Bytes bytes = hex("FF 05 01 08 01 02 03 04");
     const auto connect = parseConnect(bytes).value();
