@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <future>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -174,20 +173,6 @@ TEST(SerialPort, TellsThatOutputIsBlockedAndThatThePortIsGone) {
         EXPECT_EQ(read.get(), gone);
         EXPECT_EQ(outcome(port.write(bytesOf(flood), 1)), failed);
     }
-}
-
-TEST(SerialPort, ListsAdaptersByDeviceAndByStableName) {
-    const test::TempDir directory;
-    const auto& root = directory.path();
-    std::filesystem::create_directories(root / "serial" / "by-id");
-    for (const char* name : {"ttyUSB1", "ttyACM0", "ttyUSB0", "ttyS0", "xttyUSB0", "serial/by-id/note"}) {
-        std::ofstream(root / name) << "";
-    }
-    std::filesystem::create_symlink("../../ttyUSB1", root / "serial" / "by-id" / "usb-Adapter-if00");
-    EXPECT_EQ(listPorts(root),
-              (std::vector<std::string>{root / "serial" / "by-id" / "usb-Adapter-if00", root / "ttyACM0",
-                                        root / "ttyUSB0", root / "ttyUSB1"}));
-    EXPECT_TRUE(listPorts(root / "none").empty());
 }
 
 }  // namespace
