@@ -86,11 +86,35 @@ TEST(DaqDecoder, CountsEveryKindOfLoss) {
     Bench told(capabilities(DaqIdentification::absoluteOdt), {0, 0, 3}, firstPids);
     EXPECT_EQ(told.decode({"20 11 12", "10 31 32", "21 13 14 99", "00 11 12", "02 31 32"}),
               "2/1[31 32]1/0[11 12 13 14] 0 0 0 2 0");
+    DaqCapabilities stamped = capabilities(DaqIdentification::relativeByte);
+    stamped.timestampSize = 2;
+    stamped.timestampFixed = true;
+    Bench tickUnknown(stamped, {0});
+    EXPECT_EQ(tickUnknown.decode({"00 01 00", "00 00 00 00 AB CD", "00 01 00 00 AB CD"}),
+              "1/0[AB CD] 0 0 0 1 1");
     DaqCapabilities overloading = capabilities(DaqIdentification::absoluteOdt);
     overloading.overloadInPid = true;
     Bench bench(overloading, {0, 0, 3});
     EXPECT_EQ(bench.decode({"80 11 12", "02 31 32", "01 13 14", "00 11 12", "01 13 14"}),
               "2/1[31 32]1/0![11 12 13 14]1/0[11 12 13 14] 0 0 1 0 0");
+}
+
+TEST(DaqDecoder, CountsMissedCycles) {
+    DaqCapabilities stamped = capabilities(DaqIdentification::relativeByte);
+    stamped.timestampSize = 2;
+    stamped.timestampFixed = true;
+    stamped.tickNs = kMs;
+    const std::pair<std::vector<int>, std::uint64_t> rows[] = {
+        {{0, 30}, 2}, {{0, 10, 20, 30}, 0}, {{0, 14, 30}, 1}, {{0, 15}, 1}, {{0, 0, 10}, 0}};
+    for (const auto& [times, missed] : rows) {
+        Bench bench(stamped, {0});
+        for (const int at : times) {
+            const int stamp = at + 0xF8;  // over the end of the low byte
+            const Bytes dto = hex(fmt::format("00 01 {:02X} {:02X} AB CD", stamp & 0xFF, stamp >> 8));
+            bench.decoder.onDto(dto.data(), dto.size(), {(1000 + at) * kMs, 0});
+        }
+        EXPECT_EQ(bench.decoder.counters().missedCycles, missed);
+    }
 }
 
 }  // namespace

@@ -1,13 +1,67 @@
-// DAQ configuration: the exact packets and what is made of the answers.
+// Fixed answers, memory access and DAQ configuration: the exact packets and what is made of them.
 #include <gtest/gtest.h>
 
 #include "xcp/master.h"
+#include "xcp/packet.h"
 #include "xcp/scripted_slave.h"
 
 namespace lm::xcp {
 namespace {
 
 using test::Bench;
+using test::hex;
+
+TEST(Packet, ParsesFixedResponsesCutAtEveryLength) {
+    const test::Bytes bytes = hex("FF 05 01 08 01 02 03 04");
+    const auto connect = parseConnect(bytes).value();
+    EXPECT_EQ(connect.resource, 5);
+    EXPECT_EQ(connect.maxCto, 8);
+    EXPECT_EQ(connect.maxDto, 0x102);
+    EXPECT_EQ(connect.protocolLayerVersion, 3);
+    EXPECT_EQ(connect.transportLayerVersion, 4);
+    EXPECT_EQ(parseCommModeInfo(bytes).value().driverVersion, 4);
+    for (std::size_t length = 0; length < 8; ++length) {
+        const std::span cut(bytes.data(), length);
+        EXPECT_EQ(parseConnect(cut).error().message, "XCP response to CONNECT too short");
+        EXPECT_EQ(parseCommModeInfo(cut).error().message, "XCP response to GET_COMM_MODE_INFO too short");
+        const auto status = parseStatus(cut, ByteOrder::bigEndian);
+        EXPECT_EQ(status ? std::to_string(status.value().sessionConfigurationId) : status.error().message,
+                  length < 6 ? "XCP response to GET_STATUS too short" : "258");
+    }
+    const char* const invalid = "CONNECT: invalid MAX_CTO/MAX_DTO";
+    const std::pair<const char*, const char*> refused[] = {
+        {"FF 00 06 08 08 00 01 01", "CONNECT: reserved address granularity"},
+        {"FF 00 00 07 08 00 01 01", invalid},
+        {"FF 00 00 08 07 00 01 01", invalid},
+        {"FF 00 04 0A 08 00 01 01", invalid},
+        {"FF 00 02 08 09 00 01 01", invalid}};
+    for (const auto& row : refused) {
+        EXPECT_EQ(parseConnect(hex(row.first)).error().message, row.second) << row.first;
+    }
+}
+
+TEST(MasterMemory, RefusesPartsOfAnElement) {
+    Bench bench("FF 00 > FF 05 04 08 08 00 01 01");
+    EXPECT_EQ(
+        bench.run("connect; upload 2; upload 0; download 01 02; download "),
+        "ok; upload size must be a non-zero multiple of AG; upload size must be a non-zero multiple of AG; "
+        "download size must be a non-zero multiple of AG; download size must be a non-zero multiple of AG");
+}
+
+TEST(MasterMemory, ARepeatGoesOnAtItsBlock) {
+    // A missing SHORT_UPLOAD is remembered until the next connection.
+    Bench reading(
+        "FF 00 > @; F4 01 00 01 78 56 34 12 > FE 20; F6 00 00 01 78 56 34 12 > FF; F5 01 > FF 42; "
+        "F6 00 00 01 78 56 34 12 > FF; F5 07 > FF 00 01 02 03 04 05 06; F5 01; FC > FE 00; "
+        "F6 00 00 01 7F 56 34 12 > FF; F5 01 > FF 07; "
+        "FF 00 > @; FC > FE 00; F4 01 00 01 78 56 34 12 > FF 43");
+    EXPECT_EQ(reading.run("connect; upload 1; upload 8; connect; upload 1"),
+              "ok; 42; 00 01 02 03 04 05 06 07; ok; 43");
+    Bench writing(
+        "FF 00 > FF 05 02 08 08 00 01 01; F6 00 00 00 10 00 00 00 > FF; F0 03 00 01 02 03 04 05 > FF; "
+        "F0 02 06 07 08 09; FC > FE 00; F6 00 00 00 16 00 00 00 > FF; F0 02 06 07 08 09 > FF");
+    EXPECT_EQ(writing.run("connect; download 00 01 02 03 04 05 06 07 08 09"), "ok; ok");
+}
 
 std::string text(const DaqCapabilities& daq) {
     std::string result = fmt::format(

@@ -127,6 +127,7 @@ struct Bench {
             return !confirmed ? confirmed.error().text() : confirmed.value() ? "in step" : "out of step";
         }
         if (name == "upload") return told(master.upload({0x12345678, 1}, std::stoul(argument)));
+        if (name == "download") return told(master.download({0x10, 0}, hex(argument)));
         if (name == "stopOnce") return told(master.stopDaqOnce());
         if (name == "disconnect") return told(master.disconnect());
         if (name == "disconnectBlindly") return told(master.disconnectWithoutWaiting());

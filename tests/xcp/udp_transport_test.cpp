@@ -112,6 +112,17 @@ TEST_F(UdpTransportTest, ExchangesPacketsAndCountsDamage) {
     EXPECT_EQ(seen.kernelDrops, 0U);
 }
 
+TEST_F(UdpTransportTest, ARefusedDatagramFailsNoLaterOne) {
+    ASSERT_TRUE(transport_->open());
+    EXPECT_EQ(send("FF 00"), "");
+    receive();
+    // Datagrams to the port are refused while it stays ours: the socket hears one other port only.
+    master_.sin_port = htons(9);
+    ASSERT_EQ(::connect(socket_, reinterpret_cast<const sockaddr*>(&master_), sizeof master_), 0);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(send("FF 00"), "");
+}
+
 // As after the host got another address, to which the old socket does not belong.
 TEST_F(UdpTransportTest, OpensAnewAfterAFailedSend) {
     ASSERT_TRUE(transport_->open());
