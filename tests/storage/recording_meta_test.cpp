@@ -33,6 +33,23 @@ TEST(RecordingMeta, WritesEveryKeyInItsPlace) {
     EXPECT_EQ(withoutSpace(metaToJson(test::smallRecording())), kSmallMeta);
 }
 
+TEST(RecordingMeta, KeepsEveryKindOfConversionAndText) {
+    for (const char* conversion : {
+             R"({"type":"linear","unit":"°C","format":"%5.2","linear":[0.3333333333333333,"-inf"]})",
+             R"({"type":"ratFunc","ratFunc":[1.0,2.0,3.0,4.0,5.0,1e+300]})",
+             R"({"type":"table","interpolate":true,"table":[[-1.0,5.0],[2.0,"nan"]],"defaultNumeric":7.5})",
+             R"({"type":"verbal","verbal":[{"min":2.0,"max":"inf","text":"lo\"w"}],"defaultText":"?"})",
+             R"({"type":"formula","formula":"X*2","formulaInv":"X/2"})",
+         }) {
+        std::string text = replaced(kSmallMeta, R"({"type":"identical"})", conversion);
+        text = replaced(
+            text, R"("displayName":"","type":"SBYTE","byteOrder":"MSB_LAST","bitMask":0)",
+            R"("displayName":"d","type":"UBYTE","byteOrder":"MSB_FIRST","bitMask":18446744073709551615)");
+        text = replaced(text, "999000000", "-9223372036854775808");
+        EXPECT_EQ(withoutSpace(metaToJson(metaFromJson(text).value())), text);
+    }
+}
+
 TEST(RecordingMeta, TellsWhatIsWrong) {
     const std::string json = "[json.exception.";
     const std::string from0To = " is not a whole number from 0 to ";

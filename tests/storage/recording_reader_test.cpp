@@ -64,9 +64,12 @@ TEST_F(RecordingReaderTest, FindsTimesWhateverThePace) {
 }
 
 TEST_F(RecordingReaderTest, NoticesAFileThatShrinksOrIsNone) {
+    EXPECT_EQ(RecordingReader::open(path()).error().text(), "no recording in " + path().string());
     test::writeSmallRecording(path(), 7);
     const auto recording = RecordingReader::open(path());
     const auto group = recording.value().openGroup(0);
+    fs::resize_file(file("meta.json"), (std::uintmax_t{64} << 20U) + 1);
+    EXPECT_EQ(RecordingReader::open(path()).error().text(), "meta.json: larger than 64 MiB");
     fs::resize_file(file("g0000.rec"), 100);
     EXPECT_EQ(group.value().read({0, 7}).next().error().text(),
               file("g0000.rec").string() + ": shorter than when it was opened");
