@@ -86,6 +86,9 @@ TEST(SessionConfig, RefusesWithThePlace) {
         {R"({"can":{"cmdId":4294967296}})",
          "can.cmdId: 4294967296 is not a whole number from 0 to 4294967295"},
         {R"({"udp":{"port":5555.5}})", "udp.port: 5555.5 is not a whole number from 0 to 65535"},
+        {R"({"udp":{"port":"5555"}})", "udp.port: must be a number, but is string"},
+        {R"({"xcp":{"timeoutsMs":[1,2,3,4,5,6,-7]}})",
+         "xcp.timeoutsMs: -7 is not a whole number from 0 to 65535"},
         {R"({"can":{"fd":1}})", "can.fd: must be true or false, but is number"},
         {R"({"can":{"interface":null}})", "can.interface: must be text, but is null"},
         {R"({"can":{"resId":true}})", "can.resId: must be a number or text, but is boolean"},
@@ -108,6 +111,10 @@ TEST(SessionConfig, RefusesWhatIsCutOrNoJson) {
     }
     EXPECT_EQ(sessionConfigFromJson(std::string(1000, '['), "").error().message,
               "configuration: nested deeper than 64 levels");
+    EXPECT_EQ(loadSessionConfig("/").error().message, "cannot read configuration /");
+    SessionConfig unwritable;
+    unwritable.name = "\xFF";
+    EXPECT_FALSE(saveSessionConfig("/dev/null", unwritable).ok());
     EXPECT_EQ(loadSessionConfig("/dev/zero").error().message,
               "configuration /dev/zero is larger than 16 MiB");
 }
