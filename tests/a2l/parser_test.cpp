@@ -139,6 +139,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
         {R"(MEASUREMENT m d)", "long identifier must be a string"},
         {R"(MEASUREMENT m "" BYTE)", "unknown data type 'BYTE'"},
         {R"(MEASUREMENT m "" UBYTE c x)", "resolution must be a number, got 'x'"},
+        {R"(MEASUREMENT m "" UBYTE c 0 "x")", "accuracy must be a number, got 'x'"},
         {R"(MEASUREMENT m "" UBYTE c 0 0 0)", "missing upper limit"},
         {R"(MEASUREMENT m "" UBYTE c 0 0 0 0 ECU_ADDRESS 0x100000000)",
          "ECU_ADDRESS must be a non-negative integer"},
@@ -183,7 +184,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
 }
 
 TEST(Parser, KeepsTheFirstOfEqualNames) {
-    std::string content = "/include \"a.a2l\"\n/begin GROUP g /include\n/end GROUP\n";
+    std::string content = "/include \"a.a2l\"\n/begin GROUP g \"\n\" /include\n/end GROUP\n";
     for (int i = 0; i < 2000; ++i)
         content +=
             fmt::format("/begin MEASUREMENT m{} \"{}\" UBYTE c 0 0 0 1 /end MEASUREMENT\n", i % 1999, i);
@@ -194,9 +195,9 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
     const Description d = std::move(first);  // texts and indices go with it
     EXPECT_EQ(fmt::format("{}", fmt::join(d.warnings, "\n")),
               "skipped: /include 'a.a2l' (line 2): included files are not read\n"
-              "skipped: /include (line 3): included files are not read\n"
-              "skipped: MEASUREMENT 'm0' (line 2004): the name is already used\n"
-              "skipped: SYSTEM_CONSTANT 'k' (line 2006): the name is already used");
+              "skipped: /include (line 4): included files are not read\n"
+              "skipped: MEASUREMENT 'm0' (line 2005): the name is already used\n"
+              "skipped: SYSTEM_CONSTANT 'k' (line 2007): the name is already used");
     ASSERT_EQ(d.measurements.size(), 1999U);
     for (int i = 0; i < 1999; ++i) {
         const Measurement* found = d.findMeasurement(fmt::format("m{}", i));
