@@ -59,5 +59,14 @@ TEST(BusLoad, ListsAddUpAndUnknownPeriodsAreTold) {
     EXPECT_DOUBLE_EQ(estimateUdpLoad(input).framesPerSecond, 310.0);
 }
 
+TEST(BusLoad, IdentificationFieldCountsByItsType) {
+    for (const auto& [type, size] : {std::pair{0, 1}, {1, 2}, {2, 3}, {3, 4}, {9, 1}}) {
+        LoadInput input = oneOdt(1, kMs);
+        input.identificationType = static_cast<std::uint8_t>(type);
+        EXPECT_DOUBLE_EQ(estimateSerialLoad(input, 1'000'000).fraction, (1 + size + 5) * 10'000 / 1e6)
+            << type;
+    }
+}
+
 }  // namespace
 }  // namespace lm::session
