@@ -137,7 +137,6 @@ TEST(Parser, SkipsWhatItCannotRead) {
         {"MEASUREMENT", "missing name"},
         {R"(MEASUREMENT "m")", "name must not be a string"},
         {R"(MEASUREMENT m d)", "long identifier must be a string"},
-        {R"(MEASUREMENT m "" "UBYTE")", "data type must not be a string"},
         {R"(MEASUREMENT m "" BYTE)", "unknown data type 'BYTE'"},
         {R"(MEASUREMENT m "" UBYTE c x)", "resolution must be a number, got 'x'"},
         {R"(MEASUREMENT m "" UBYTE c 0 "x")", "accuracy must be a number, got 'x'"},
@@ -151,12 +150,10 @@ TEST(Parser, SkipsWhatItCannotRead) {
         {R"(MEASUREMENT m "" UBYTE c 0 0 0 0 BYTE_ORDER MIDDLE)", "unknown byte order 'MIDDLE'"},
         {R"(CHARACTERISTIC c "" STRING)", "unknown characteristic type 'STRING'"},
         {R"(CHARACTERISTIC c "" VALUE -1)", "address must be a non-negative integer"},
-        {R"(CHARACTERISTIC c "" VALUE 0 d x)", "max diff must be a number, got 'x'"},
         {R"(CHARACTERISTIC c "" CURVE 0 d 0 c 0 0 /begin AXIS_DESCR F i c -1 /end AXIS_DESCR)",
          "max axis points must be a non-negative integer"},
         {R"(AXIS_PTS a "" 0 "")", "input quantity must not be a string"},
         {R"(COMPU_METHOD m "" POLY)", "unknown conversion type 'POLY'"},
-        {R"(COMPU_METHOD m "" LINEAR "" x)", "unit must be a string"},
         {R"(COMPU_METHOD m "" LINEAR "" "")", "LINEAR without COEFFS_LINEAR"},
         {R"(COMPU_METHOD m "" LINEAR "" "" COEFFS_LINEAR 1)", "COEFFS_LINEAR needs 2 numbers"},
         {R"(COMPU_METHOD m "" RAT_FUNC "" "")", "RAT_FUNC without COEFFS"},
@@ -165,12 +162,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
         {R"(COMPU_METHOD m "" TAB_INTP "" "")", "table conversion without COMPU_TAB_REF"},
         {R"(COMPU_TAB t "" TAB_INTP 2.5)", "number of value pairs must be a non-negative integer"},
         {R"(COMPU_TAB t "" TAB_INTP 4294967295 1 2)", "missing InVal"},
-        {R"(COMPU_TAB t "" TAB_INTP 1 1 "x")", "OutVal must be a number, got 'x'"},
         {R"(COMPU_VTAB t "" TAB_VERB 1 1 2)", "OutVal must be a string"},
-        {R"(COMPU_VTAB_RANGE t "" x)", "number of entries must be a non-negative integer"},
-        {R"(COMPU_VTAB_RANGE t "" 1 1 a)", "InValMax must be a number, got 'a'"},
-        {R"(RECORD_LAYOUT r FNC_VALUES 1 WORD)", "unknown data type 'WORD'"},
-        {R"(MOD_COMMON "" BYTE_ORDER MIDDLE)", "unknown byte order 'MIDDLE'"},
         {R"(MOD_PAR "" SYSTEM_CONSTANT "k")", "missing SYSTEM_CONSTANT"},
     };
     for (const auto& [object, problem] : rows) {
@@ -192,7 +184,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
 }
 
 TEST(Parser, KeepsTheFirstOfEqualNames) {
-    std::string content = "/include \"a.a2l\"\n/begin GROUP g /include\n/end GROUP\n";
+    std::string content = "/include \"a.a2l\"\n/begin GROUP g \"\n\" /include\n/end GROUP\n";
     for (int i = 0; i < 2000; ++i)
         content +=
             fmt::format("/begin MEASUREMENT m{} \"{}\" UBYTE c 0 0 0 1 /end MEASUREMENT\n", i % 1999, i);
@@ -203,9 +195,9 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
     const Description d = std::move(first);  // texts and indices go with it
     EXPECT_EQ(fmt::format("{}", fmt::join(d.warnings, "\n")),
               "skipped: /include 'a.a2l' (line 2): included files are not read\n"
-              "skipped: /include (line 3): included files are not read\n"
-              "skipped: MEASUREMENT 'm0' (line 2004): the name is already used\n"
-              "skipped: SYSTEM_CONSTANT 'k' (line 2006): the name is already used");
+              "skipped: /include (line 4): included files are not read\n"
+              "skipped: MEASUREMENT 'm0' (line 2005): the name is already used\n"
+              "skipped: SYSTEM_CONSTANT 'k' (line 2007): the name is already used");
     ASSERT_EQ(d.measurements.size(), 1999U);
     for (int i = 0; i < 1999; ++i) {
         const Measurement* found = d.findMeasurement(fmt::format("m{}", i));
@@ -285,10 +277,6 @@ TEST(Load, TakesEveryEncodingAndKindOfFile) {
 // Damage anywhere gives the tokenizer's error or a description; never anything else.
 TEST(Parser, SurvivesDamage) {
     const std::string sample = inModule(kObjects + R"(
-/begin IF_DATA XCP /begin PROTOCOL_LAYER 0x101 1 2 3 4 5 6 7 8 0xFF BYTE_ORDER_MSB_LAST ADDRESS_GRANULARITY_BYTE OPTIONAL_CMD GET_ID /end PROTOCOL_LAYER
-/begin DAQ DYNAMIC 0 1 /begin TIMESTAMP_SUPPORTED 1 SIZE_WORD /end TIMESTAMP_SUPPORTED /begin EVENT "e" "e" 0 DAQ 1 2 3 4 /end EVENT /end DAQ
-/begin XCP_ON_CAN 1 CAN_ID_MASTER 0x80000001 /begin CAN_FD MAX_DLC 64 /end CAN_FD /begin DAQ_LIST_CAN_ID 0 FIXED 3 /end DAQ_LIST_CAN_ID /end XCP_ON_CAN
-/begin XCP_ON_UDP_IP 1 5555 ADDRESS "h" /end XCP_ON_UDP_IP /begin XCP_ON_SxI 1 9600 /end XCP_ON_SxI /end IF_DATA
 /begin MEASUREMENT m "d" UWORD c 1 2 0 10 ECU_ADDRESS 0x10 BIT_MASK 3 MATRIX_DIM 2 2 /begin IF_DATA XCP EVENT 1 /end IF_DATA /end MEASUREMENT)");
     const auto check = [](std::string_view text) {
         const auto description = parseDescription(text);

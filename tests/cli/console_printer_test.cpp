@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
-#include <future>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -74,22 +73,6 @@ void send(Console& console, std::size_t list, std::int64_t timeNs, std::uint16_t
     console.onRecord(record);
 }
 
-TEST(Console, PrintsSignalsInTheOrderAskedFor) {
-    Pipe pipe;
-    Console console(pipe.writer());
-    ASSERT_TRUE(console.startPrinting(1).ok());
-    console.setPlan(demoPlan());
-    send(console, 0, 5'000'000'000, 1, 3);
-    send(console, 1, 6'234'600'000, 65535);
-    send(console, 0, 4'000'000'000, 2, 0);
-    console.finishPrinting();
-    EXPECT_EQ(pipe.readLines(3),
-              "     0.000  Speed=1.5 rpm  State=On  Speed=1.5 rpm\n"
-              "     1.235  Plain=65535\n"
-              "    -1.000  Speed=0.0 rpm  State=2  Speed=0.0 rpm\n");
-    EXPECT_EQ(console.skippedLines(), 0U);
-}
-
 TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
     Pipe pipe;
     Console console(pipe.writer());
@@ -105,22 +88,6 @@ TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
               "     0.002  Plain=3\n"
               "     0.003  Speed=2.0 rpm  State=0  Speed=2.0 rpm\n"
               "     0.004  Plain=6\n");
-}
-
-// What fits into the queue waits for a reader that comes back.
-TEST(Console, GoesOnWhenTheReaderDoes) {
-    Pipe pipe;
-    Console console(pipe.writer());
-    ASSERT_TRUE(console.startPrinting(1).ok());
-    console.setPlan(demoPlan());
-    for (std::size_t i = 0; i < 20'000; ++i)
-        send(console, 1, 0, static_cast<std::uint16_t>(i));
-    auto reading = std::async(std::launch::async, [&pipe] { return pipe.readLines(20'000); });
-    console.finishPrinting(std::chrono::seconds(60));
-    const std::string text = reading.get();
-    EXPECT_EQ(console.skippedLines(), 0U);
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 20'000);
-    EXPECT_TRUE(text.ends_with("     0.000  Plain=19999\n"));
 }
 
 TEST(Console, LeavesTheSharedDescriptorBlocking) {

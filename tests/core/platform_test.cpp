@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <sys/resource.h>
 
 #include <gtest/gtest.h>
 
@@ -39,17 +38,6 @@ TEST(Platform, ConfigurationDirectoryFollowsTheEnvironment) {
     unsetenv("XDG_CONFIG_HOME");
     setenv("HOME", "", 1);
     EXPECT_EQ(userConfigDirectory(), "");
-}
-
-TEST(Platform, KnowsItsOwnPathAndRaisesTheFileLimit) {
-    EXPECT_EQ(executablePath().filename(), "core_test");
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = limit.rlim_max / 2;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    raiseOpenFileLimit();
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
 }
 
 }  // namespace

@@ -7,17 +7,13 @@
 #include "core/platform.h"
 #include "hal/can_link_message.h"
 #include "hal/can_link_setup.h"
+#include "support/hex.h"
 
 namespace lm::hal {
 namespace {
 
-std::vector<std::uint8_t> bytes(std::string hex) {
-    std::erase(hex, ' ');
-    std::vector<std::uint8_t> all;
-    for (std::size_t at = 0; at < hex.size(); at += 2)
-        all.push_back(static_cast<std::uint8_t>(std::stoul(hex.substr(at, 2), nullptr, 16)));
-    return all;
-}
+using test::hex;
+
 const auto zeros = [](std::size_t count) { return std::string(2 * count, '0'); };
 
 const std::string kName = "0900 0300 63616E30 00000000";
@@ -26,15 +22,15 @@ const std::string kDataTiming = "2400 0900 80841E00 EE020000" + zeros(24);  // 2
 
 TEST(CanLinkMessage, RequestsAreWhatTheKernelReads) {
     const std::string head = "07000000 00000000 00000000 00000000";
-    EXPECT_EQ(linkQuery("can0", 7), bytes("2C000000 1200 0100" + head + zeros(8) + kName));
-    EXPECT_EQ(linkSwitch("can0", true, 7), bytes("2C000000 1000 0500" + head + "01000000 01000000" + kName));
-    EXPECT_EQ(linkSwitch("can0", false, 7), bytes("2C000000 1000 0500" + head + "00000000 01000000" + kName));
+    EXPECT_EQ(linkQuery("can0", 7), hex("2C000000 1200 0100" + head + zeros(8) + kName));
+    EXPECT_EQ(linkSwitch("can0", true, 7), hex("2C000000 1000 0500" + head + "01000000 01000000" + kName));
+    EXPECT_EQ(linkSwitch("can0", false, 7), hex("2C000000 1000 0500" + head + "00000000 01000000" + kName));
     EXPECT_EQ(linkSettings("can0", {{500000, 875}, CanBitTiming{2000000, 750}, true, false}, 7),
-              bytes("90000000 1000 0500" + head + zeros(8) + kName + "6400 1200 0800 0100 63616E00" +
-                    "5800 0200" + kTiming + kDataTiming + "0C00 0500 22000000 20000000"));
+              hex("90000000 1000 0500" + head + zeros(8) + kName + "6400 1200 0800 0100 63616E00" +
+                  "5800 0200" + kTiming + kDataTiming + "0C00 0500 22000000 20000000"));
     EXPECT_EQ(linkSettings("can0", {{500000, 875}, {}, false, true}, 7),
-              bytes("6C000000 1000 0500" + head + zeros(8) + kName + "4000 1200 0800 0100 63616E00" +
-                    "3400 0200" + kTiming + "0C00 0500 22000000 02000000"));
+              hex("6C000000 1000 0500" + head + zeros(8) + kName + "4000 1200 0800 0100 63616E00" +
+                  "3400 0200" + kTiming + "0C00 0500 22000000 02000000"));
 }
 
 std::string describe(const Result<CanLinkState>& link) {
@@ -47,9 +43,9 @@ std::string describe(const Result<CanLinkState>& link) {
 
 TEST(CanLinkMessage, ReadsRepliesAndRefusesDamagedOnes) {
     const auto reply =
-        bytes("B0000000 1000 0000 07000000 00000000 0000 1801 05000000 43000000 00000000" + kName +
-              "0800 0400 48000000 0800 6F80 FFFFFFFF 7400 1200 0800 0100 63616E00" + "6800 0280" + kTiming +
-              kDataTiming + "0C00 0500 00000000 22000000" + "0800 0400 02000000 0800 0300 00E1F505");
+        hex("B0000000 1000 0000 07000000 00000000 0000 1801 05000000 43000000 00000000" + kName +
+            "0800 0400 48000000 0800 6F80 FFFFFFFF 7400 1200 0800 0100 63616E00" + "6800 0280" + kTiming +
+            kDataTiming + "0C00 0500 00000000 22000000" + "0800 0400 02000000 0800 0300 00E1F505");
     const std::string unexpected = "unexpected netlink reply: Bad message";
     EXPECT_EQ(describe(readLinkReply(reply, 7)),
               "up true can mtu 72: 500000/875 2000000/750 mode 22 state 3");
@@ -66,10 +62,10 @@ TEST(CanLinkMessage, ReadsRepliesAndRefusesDamagedOnes) {
         EXPECT_TRUE(readLinkReply(cut, 7)) << length;
     }
     const std::string error = "24000000 0200 0000 07000000 00000000";
-    EXPECT_TRUE(readAcknowledgement(bytes(error + zeros(20)), 7));
-    EXPECT_EQ(describe(readLinkReply(bytes(error + zeros(20)), 7)), unexpected);
-    EXPECT_EQ(readAcknowledgement(bytes(error + zeros(19)), 7).error().message, unexpected);
-    EXPECT_EQ(readAcknowledgement(bytes(error + "FFFFFFFF" + zeros(16)), 7).error().message,
+    EXPECT_TRUE(readAcknowledgement(hex(error + zeros(20)), 7));
+    EXPECT_EQ(describe(readLinkReply(hex(error + zeros(20)), 7)), unexpected);
+    EXPECT_EQ(readAcknowledgement(hex(error + zeros(19)), 7).error().message, unexpected);
+    EXPECT_EQ(readAcknowledgement(hex(error + "FFFFFFFF" + zeros(16)), 7).error().message,
               "netlink request: Operation not permitted");
 }
 

@@ -49,34 +49,10 @@ TEST_F(MeasurementPlanTest, SignalsFollowTheirEventsAndKeepTheOrderAskedFor) {
     EXPECT_EQ(result.planned[2].recordOffset, result.planned[3].recordOffset) << "asked for twice, sent once";
     EXPECT_EQ(result.daq.lists[1].recordSize, 6U);
     EXPECT_EQ(shortestPeriodNs(result.daq, capabilities_), 1'000'000U);
-    EXPECT_EQ(shortestPeriodNs(std::move(plan({"speed@2"})).value().daq, capabilities_), 0U);
-}
-
-TEST_F(MeasurementPlanTest, WrongTextsAreNamed) {
-    const std::pair<std::vector<std::string>, const char*> rows[] = {
-        {{}, "no signals to measure"},
-        {{"speed@x"}, "stoul: 'x' is not a number from 0 to 65535"},
-        {{"speed@1@2"}, "stoul: '1@2' is not a number from 0 to 65535"},
-        {{"speed@65536"}, "stoul: '65536' is not a number from 0 to 65535"},
-        {{"speed@7"}, "event channel 7 does not exist"},
-        {{"speed", "sped"}, "'sped' is neither a MEASUREMENT nor a CHARACTERISTIC"},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(plan(row.first).error().text(), row.second);
-    }
-}
-
-TEST_F(MeasurementPlanTest, ARecordingNamesGroupsAndEachSignalOnceAndForeignEventsAreTold) {
-    const storage::RecordingInfo info = recordingInfo(planned(), capabilities_);
-    ASSERT_EQ(info.groups.size(), 2U);
-    EXPECT_EQ(info.groups[0].name, "1 ms");
-    EXPECT_EQ(info.groups[1].cycleNs, 10'000'000);
-    ASSERT_EQ(info.groups[1].signals.size(), 2U);
-    EXPECT_EQ(info.groups[1].signals[0].name, "load");
-    EXPECT_EQ(info.groups[1].signals[1].description, "engine speed");
-    EXPECT_EQ(info.groups[1].recordSize, 6U);
-    const auto unnamed = recordingInfo(std::move(plan({"speed@2"})).value(), capabilities_);
-    EXPECT_EQ(unnamed.groups[0].name, "event 2");
+    const MeasurementPlan unnamed = std::move(plan({"speed@2"})).value();
+    EXPECT_EQ(shortestPeriodNs(unnamed.daq, capabilities_), 0U);
+    EXPECT_EQ(recordingInfo(unnamed, capabilities_).groups[0].name, "event 2");
+    EXPECT_EQ(recordingInfo(result, capabilities_).groups[1].signals.size(), 2U) << "recorded once as well";
     EXPECT_EQ(foreignEventWarning(std::move(plan({"load@2", "speed@1"})).value()), "");
     EXPECT_EQ(foreignEventWarning(std::move(plan({"speed", "speed@2"})).value()),
               "event 0 is not among those that the A2L names for 'speed' (nor for 1 more signal(s))");

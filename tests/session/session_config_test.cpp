@@ -1,12 +1,10 @@
 #include "session/session_config.h"
 
-#include <fstream>
 #include <random>
 
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace lm::session {
 namespace {
@@ -15,11 +13,6 @@ SessionConfig parsed(std::string_view text) {
     auto config = sessionConfigFromJson(text, "/etc/x");
     EXPECT_TRUE(config.ok()) << text << "\n" << (config.ok() ? "" : config.error().text());
     return config.ok() ? config.value() : SessionConfig{};
-}
-
-std::string fileText(const std::filesystem::path& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 std::string warningsOf(std::string_view text) {
@@ -90,16 +83,16 @@ TEST(SessionConfig, SurvivesWritingAndReading) {
 
 TEST(SessionConfig, RefusesWithThePlace) {
     const char* const rows[][2] = {
-        {R"({"can":{"bitrate":-1}})", "can.bitrate: -1 is not a whole number from 0 to 4294967295"},
         {R"({"can":{"cmdId":4294967296}})",
          "can.cmdId: 4294967296 is not a whole number from 0 to 4294967295"},
         {R"({"udp":{"port":5555.5}})", "udp.port: 5555.5 is not a whole number from 0 to 65535"},
         {R"({"udp":{"port":"5555"}})", "udp.port: must be a number, but is string"},
+        {R"({"xcp":{"timeoutsMs":[1,2,3,4,5,6,-7]}})",
+         "xcp.timeoutsMs: -7 is not a whole number from 0 to 65535"},
         {R"({"can":{"fd":1}})", "can.fd: must be true or false, but is number"},
         {R"({"can":{"interface":null}})", "can.interface: must be text, but is null"},
         {R"({"can":{"resId":true}})", "can.resId: must be a number or text, but is boolean"},
-        {R"({"xcp":{"timeoutsMs":[1,2,3,4,5,6,65536]}})",
-         "xcp.timeoutsMs: 65536 is not a whole number from 0 to 65535"},
+        {R"({"xcp":{"timeoutsMs":[1,2,3,4,5,6]}})", "xcp.timeoutsMs: needs 7 numbers, but has 6"},
         {R"({"daq":{"maxBusLoad":-0.1}})", "daq.maxBusLoad: -0.1 is negative"},
         {R"({"measurement":["a",1]})", "measurement: must be an array of texts, but is number"},
     };
@@ -116,15 +109,12 @@ TEST(SessionConfig, RefusesWhatIsCutOrNoJson) {
     for (std::size_t length = 0; length < good.size(); ++length) {
         EXPECT_FALSE(sessionConfigFromJson(good.substr(0, length), "").ok()) << length;
     }
-    for (const std::string& bad :
-         {std::string(R"({"daq":{"maxBusLoad":NaN}})"), std::string(R"({"daq":{"maxBusLoad":1e999}})"),
-          std::string("{\"name\":\"\xFF\"}")}) {
-        const auto result = sessionConfigFromJson(bad, "");
-        ASSERT_FALSE(result.ok());
-        EXPECT_EQ(result.error().message.find("configuration: "), 0U) << result.error().message;
-    }
     EXPECT_EQ(sessionConfigFromJson(std::string(1000, '['), "").error().message,
               "configuration: nested deeper than 64 levels");
+    EXPECT_EQ(loadSessionConfig("/").error().message, "cannot read configuration /");
+    SessionConfig unwritable;
+    unwritable.name = "\xFF";
+    EXPECT_FALSE(saveSessionConfig("/dev/null", unwritable).ok());
     EXPECT_EQ(loadSessionConfig("/dev/zero").error().message,
               "configuration /dev/zero is larger than 16 MiB");
 }
@@ -140,30 +130,6 @@ TEST(SessionConfig, WarnsAboutWhatItDoesNotUse) {
     };
     for (const auto& row : rows)
         EXPECT_EQ(warningsOf(row.first), row.second) << row.first;
-}
-
-TEST(SessionConfig, FilesAreReadWrittenAndNamedInErrors) {
-    const test::TempDir directory;
-    const auto path = directory.path() / "session.json";
-    SessionConfig config;
-    config.a2l = directory.path() / "demo.a2l";
-    ASSERT_TRUE(saveSessionConfig(path, config).ok());
-    EXPECT_EQ(fileText(path), sessionConfigToJson(config) + "\n");
-    auto loaded = loadSessionConfig(path);
-    ASSERT_TRUE(loaded.ok());
-    EXPECT_EQ(loaded.value(), config);
-
-    std::ofstream(path) << R"({"a2l":"sub/d.a2l","reconnect":{"policy":"never"}})";
-    EXPECT_EQ(loadSessionConfig(path).error().message, path.string() + ": unknown reconnect policy 'never'");
-    std::ofstream(path) << R"({"a2l":"sub/d.a2l"})";
-    EXPECT_EQ(loadSessionConfig(path).value().a2l, directory.path() / "sub/d.a2l");
-
-    EXPECT_EQ(loadSessionConfig(directory.path()).error().message,
-              "cannot read configuration " + directory.path().string());
-
-    config.name = "\xFF";
-    EXPECT_FALSE(saveSessionConfig(path, config).ok());
-    EXPECT_EQ(fileText(path), R"({"a2l":"sub/d.a2l"})");
 }
 
 }  // namespace

@@ -32,23 +32,16 @@ TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
         const auto setup = chooseTransport(config, interface, ChannelPool::ofThisMachine());
         EXPECT_EQ(setup.ok() ? setup.value().address.name : setup.error().text(), row.outcome);
     }
-}
-
-TEST(TransportChoice, TakesTheBaudRateOfTheConfigurationThenOfTheA2l) {
-    const struct {
-        std::optional<std::uint32_t> configured;
-        std::optional<std::uint32_t> described;
-        std::uint32_t expected;
-    } rows[] = {{9600, 57600, 9600}, {{}, 57600, 57600}, {{}, {}, 115200}};
-    for (const auto& row : rows) {
+    using Rate = std::optional<std::uint32_t>;
+    for (const auto& [configured, described, taken] :
+         {std::tuple<Rate, Rate, std::uint32_t>{9600, 57600, 9600}, {{}, 57600, 57600}, {{}, {}, 115200}}) {
         SessionConfig config;
-        config.serial = {"/dev/by-id/a:b", row.configured, {}};
+        config.serial = {"/dev/by-id/a:b", configured, {}};
         a2l::XcpInterface interface;
-        if (row.described) interface.serial = a2l::XcpOnSerial{row.described};
+        interface.serial = a2l::XcpOnSerial{described};
         const auto setup = chooseTransport(config, interface, ChannelPool::ofThisMachine());
-        ASSERT_TRUE(setup.ok());
         EXPECT_EQ(setup.value().address.name, "serial:/dev/by-id/a:b");
-        EXPECT_EQ(setup.value().address.baudrate, row.expected);
+        EXPECT_EQ(setup.value().address.baudrate, taken);
     }
 }
 

@@ -27,25 +27,6 @@ TEST(ByteRing, TakesWhatItsCapacityAllows) {
     EXPECT_TRUE(ring.push(0, 4, data.data(), 12));
 }
 
-TEST(ByteRing, BeginsAnewWhenItIsEmpty) {
-    const std::vector<std::uint8_t> data(12);
-    ByteRing ring(128);
-    const std::uint8_t* first = nullptr;
-    for (int i = 0; i < 9; ++i) {
-        ASSERT_TRUE(ring.push(0, i, data.data(), data.size()));
-        ring.rewind();
-        const auto entry = ring.front();
-        ASSERT_TRUE(entry) << "an entry that waits must stay";
-        EXPECT_EQ(entry->timestampNs, i);
-        if (first == nullptr) first = entry->data;
-        EXPECT_EQ(entry->data, first);
-        ring.pop();
-        ring.rewind();
-    }
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(ring.push(0, i, data.data(), data.size()), i < 4) << "all of it is free again";
-}
-
 std::vector<std::uint8_t> contentOf(std::int64_t n) {
     return std::vector<std::uint8_t>(static_cast<std::size_t>(n * 7 % 41), static_cast<std::uint8_t>(n));
 }

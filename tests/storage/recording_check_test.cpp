@@ -79,15 +79,6 @@ class RecordingCheckTest : public ::testing::Test {
     Files sound_;
 };
 
-TEST_F(RecordingCheckTest, FindsRecordingsOfAnyLengthSound) {
-    for (const std::size_t count : {0U, 1U, 15U, 16U, 17U, 255U, 256U, 4096U, 4111U}) {
-        record(count);
-        EXPECT_EQ(check(), "") << count;
-        EXPECT_EQ(repair(), "") << count;
-        EXPECT_EQ(files(), sound_) << count;
-    }
-}
-
 TEST_F(RecordingCheckTest, MendsARecordFileCutAtAnyByte) {
     record(34);
     const Bytes whole = sound_["g0000.rec"];
@@ -159,18 +150,12 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
         bytes[at] = value;
         return bytes;
     };
-    Bytes cut = records;
-    cut.resize(cut.size() - 13);
-    Bytes longer = sound_["g0000_L1.pyr"];
-    longer.resize(longer.size() + 19);
     const struct {
         const char* file;
         Bytes bytes;
         const char* found;
         const char* told;
     } rows[] = {
-        {"g0000.rec", cut, "g0000.rec: 9 bytes of a torn record at byte 450, behind 38 whole records\n",
-         "g0000.rec: cut 9 bytes of a torn record behind 38 whole records\n"},
         {"g0000.rec", with(records, 12, 7),
          "g0000.rec: records of 7 bytes every 11, meta.json says 3 every 11; the records behind the header "
          "are "
@@ -186,8 +171,6 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
          "place in time is lost\n"},
         {"g0000.rec", with(records, 32 + 11 * 3 + 9, 255),
          "g0000_L1.pyr: 1 entry does not fit the records, the first is entry 0 (byte 32)\n",
-         "g0000_L1.pyr: made anew with 2 entries\n"},
-        {"g0000_L1.pyr", longer, "g0000_L1.pyr: 3 entries instead of 2\n",
          "g0000_L1.pyr: made anew with 2 entries\n"},
         {"g0000.tix", with(sound_["g0000.tix"], 16, 9), "g0000.tix: header does not fit (byte 16)\n",
          "g0000.tix: made anew with 2 entries\n"},
@@ -225,15 +208,6 @@ TEST_F(RecordingCheckTest, AFullDiskOrAStopLeavesTheFilesAsTheyWere) {
     EXPECT_EQ(files(), before);
     repair();
     EXPECT_EQ(files(), sound_);
-}
-
-TEST_F(RecordingCheckTest, LeavesARecordingAloneThatIsStillBeingWritten) {
-    auto writer = RecordingWriter::create(path(), test::smallRecording(), {}).value();
-    fs::resize_file(file("g0000.rec"), 32 + 16 * 11 + 5);
-    EXPECT_EQ(check(), "");
-    EXPECT_EQ(repair(), path().string() + " is still being recorded: stop the measurement first");
-    ASSERT_TRUE(writer->close().ok());
-    EXPECT_NE(check(), "");
 }
 
 }  // namespace

@@ -163,17 +163,5 @@ TEST_F(RecordingFailureTest, RecordsWithoutALevelThatCannotBeCreated) {
                               ": Is a directory (further levels may be missing; the data is complete)\n");
 }
 
-TEST_F(RecordingFailureTest, ACreationThatFailsLeavesNothing) {
-    const fs::path path = dir_.path() / "rec";
-    const std::size_t metaSize = metaToJson(test::smallRecording()).size();
-    for (std::size_t limit = 0; limit < metaSize; limit += 13) {
-        const FileSizeLimit full(limit);
-        const auto writer = RecordingWriter::create(path, test::smallRecording(), {});
-        ASSERT_FALSE(writer.ok()) << limit;
-        EXPECT_EQ(writer.error().text(), "cannot write meta.json: File too large");
-        EXPECT_FALSE(fs::exists(path)) << limit;
-    }
-}
-
 }  // namespace
 }  // namespace lm::storage

@@ -16,9 +16,11 @@
 #include "core/bytes.h"
 #include "storage/recording_info.h"
 #include "storage/recording_writer.h"
+#include "support/hex.h"
 
 namespace lm::storage::test {
 
+using lm::test::hex;
 using Bytes = std::vector<std::uint8_t>;
 
 /// Empty when there is no such file.
@@ -29,15 +31,6 @@ inline Bytes readFile(const std::filesystem::path& path) {
 
 inline void writeFile(const std::filesystem::path& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
-}
-
-/// "4c 4d" to bytes.
-inline Bytes fromHex(const std::string& text) {
-    Bytes bytes;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 3) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
 }
 
 inline SignalInfo makeSignal(std::string name, a2l::DataType type, std::uint32_t offset,

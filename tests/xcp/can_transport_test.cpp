@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "broker/fake_can.h"
-#include "xcp/scripted_slave.h"
 
 namespace lm::xcp {
 namespace {
@@ -65,43 +64,6 @@ TEST(CanTransport, TakesTheLengthsThatFramesHave) {
     };
     EXPECT_EQ(taken(false), "8 ");
     EXPECT_EQ(taken(true), "8 12 16 20 24 32 48 64 ");
-}
-
-class Sink final : public IPacketSink {
-  public:
-    std::string log;
-
-    void onPacket(const std::uint8_t* data, std::size_t length, ReceiveTime time) override {
-        EXPECT_EQ(time.hostNs, 1);
-        EXPECT_EQ(time.hardwareNs, 2);
-        log += "[" + test::hexText(data, length) + "]";
-    }
-    void onTransportEvent(const hal::CanChannelEvent& event) override {
-        log += "event " + std::to_string(event.value);
-    }
-};
-
-TEST(CanTransport, HearsItsOwnIdentifiersWhileItIsOpen) {
-    Bus bus;
-    Sink sink;
-    {
-        CanTransport transport({.resId = CanId::fromA2l(0x7E1), .extraIds = {CanId::fromA2l(0x9ABCDEF0)}},
-                               bus.broker);
-        transport.setSink(&sink);
-        bus.receive({"7E1#00"});
-        for (int i = 0; i < 2; ++i)
-            ASSERT_TRUE(transport.open());  // the second changes nothing
-        bus.receive({"7E1#01020304", "000007E1#09", "7E2#0A", "1ABCDEF0##00B", "7E1#", "7E1#R8"});
-        bus.sink->onChannelEvent({.value = 7});
-        EXPECT_EQ(sink.log, "[01 02 03 04][0B]event 7");
-        transport.close();
-        transport.close();
-        bus.receive({"7E1#00"});
-        ASSERT_TRUE(transport.open());
-        bus.receive({"7E1#0C"});
-    }
-    bus.receive({"7E1#0D"});
-    EXPECT_EQ(sink.log, "[01 02 03 04][0B]event 7[0C]");
 }
 
 }  // namespace

@@ -13,20 +13,13 @@
 #include <gtest/gtest.h>
 #include <spdlog/fmt/ranges.h>
 
+#include "support/hex.h"
 #include "xcp/master.h"
 
 namespace lm::xcp::test {
 
+using lm::test::hex;
 using Bytes = std::vector<std::uint8_t>;
-
-/// "FF 05" as bytes.
-inline Bytes hex(const std::string& text) {
-    Bytes bytes;
-    for (std::size_t at = 0; at + 1 < text.size(); at += 3) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(at, 2), nullptr, 16)));
-    }
-    return bytes;
-}
 
 inline std::string hexText(const std::uint8_t* data, std::size_t length) {
     return fmt::format("{:02X}", fmt::join(data, data + length, " "));

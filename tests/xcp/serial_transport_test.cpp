@@ -126,25 +126,6 @@ TEST_F(SerialTransportTest, NeverPutsAFrameIntoText) {
     EXPECT_TRUE(reader.get() == line.substr(1) + "\n" + frames);
 }
 
-TEST_F(SerialTransportTest, ComesBackAfterThePortWasPulled) {
-    transport_.setSink(&arrivals_);
-    transport_.setTextSink(&arrivals_);
-    ASSERT_EQ(outcome(transport_.open()), "");
-    terminal_->write("bye" + frameText({1}));
-    EXPECT_EQ(arrivals_.upTo("[01]"), "[01]");
-    terminal_->pull();
-    EXPECT_EQ(arrivals_.upTo("{"), "<bye>{" + lost_ + "}");
-    EXPECT_EQ(send({1}), "XCP on serial: " + lost_);
-    EXPECT_EQ(outcome(transport_.open()),
-              "XCP on serial: cannot open " + link_ + ": No such file or directory");
-    EXPECT_TRUE(transport_.lost());
-    plugIn();
-    ASSERT_EQ(outcome(transport_.open()), "");
-    EXPECT_FALSE(transport_.lost());
-    terminal_->write(frameText({2}));
-    EXPECT_EQ(arrivals_.upTo("[02]"), "[02]");
-}
-
 TEST_F(SerialTransportTest, ReceivesDuringTheResetDelayUntilSomethingEndsIt) {
     SerialTransport slow({.port = link_, .resetDelay = std::chrono::hours(1)});
     slow.setTextSink(&arrivals_);

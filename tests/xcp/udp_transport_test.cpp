@@ -105,23 +105,11 @@ TEST_F(UdpTransportTest, ExchangesPacketsAndCountsDamage) {
     answer("01 00 03 00 E4");
     answer("01 00 01 00 F1");  // a step back
     EXPECT_EQ(upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][F1]");
-    const UdpStatistics before = transport_->statistics();
-    EXPECT_EQ(before.counterGaps, 5U);
-    EXPECT_EQ(before.missingPackets, 5U);
-    EXPECT_EQ(before.malformedDatagrams, 3U);
-
-    const std::string whole = "01 00 00 00 A1 02 00 01 00 A2 B3";
-    for (std::size_t length = 0; length <= 11; ++length) {
-        answer(whole.substr(0, length * 3));
-    }
-    upTo("A2 B3");
-    transport_->close();
-    transport_->close();
-    const UdpStatistics after = transport_->statistics();
-    EXPECT_EQ(after.datagrams, 9U + 12U);
-    EXPECT_EQ(after.packets, 9U + 7U + 1U);
-    EXPECT_EQ(after.malformedDatagrams, 3U + 4U + 5U);
-    EXPECT_EQ(after.kernelDrops, 0U);
+    const UdpStatistics seen = transport_->statistics();
+    EXPECT_EQ(seen.counterGaps, 5U);
+    EXPECT_EQ(seen.missingPackets, 5U);
+    EXPECT_EQ(seen.malformedDatagrams, 3U);
+    EXPECT_EQ(seen.kernelDrops, 0U);
 }
 
 TEST_F(UdpTransportTest, ARefusedDatagramFailsNoLaterOne) {
@@ -131,12 +119,8 @@ TEST_F(UdpTransportTest, ARefusedDatagramFailsNoLaterOne) {
     // Datagrams to the port are refused while it stays ours: the socket hears one other port only.
     master_.sin_port = htons(9);
     ASSERT_EQ(::connect(socket_, reinterpret_cast<const sockaddr*>(&master_), sizeof master_), 0);
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 20; ++i)
         EXPECT_EQ(send("FF 00"), "");
-    }
-    transport_->close();
-    ASSERT_TRUE(transport_->open());  // and it can be opened again
-    EXPECT_EQ(send("FF 00"), "");
 }
 
 // As after the host got another address, to which the old socket does not belong.

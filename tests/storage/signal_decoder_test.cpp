@@ -1,24 +1,17 @@
-#include "storage/pyramid.h"
+#include "storage/signal_decoder.h"
 
-#include <bit>
 #include <cmath>
-#include <limits>
-#include <numeric>
 #include <random>
 
 #include <gtest/gtest.h>
 
 #include "storage/recording_fixture.h"
-#include "support/temp_dir.h"
 
 namespace lm::storage {
 namespace {
 
 using a2l::Conversion;
 using a2l::DataType;
-using Entries = std::vector<std::pair<float, float>>;
-constexpr double kInf = std::numeric_limits<double>::infinity();
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Every way through the decoder against decodeRaw() and toPhysical(), on random bytes (which hold NaN and
 // infinities of all float types).
@@ -63,51 +56,6 @@ TEST(SignalDecoder, AgreesWithValueByValueDecoding) {
             EXPECT_EQ(range.maximum, expected.maximum) << i << " kind " << conversion.kind().index();
         }
     }
-}
-
-/// The entries of one level of a group with a single FLOAT64 signal that has the values given.
-Entries levelOf(const std::vector<double>& values, std::uint32_t level) {
-    lm::test::TempDir dir;
-    GroupInfo group;
-    group.recordSize = 8;
-    group.signals.push_back(test::makeSignal("s", DataType::float64, 0));
-    RecordingFaults faults(dir.path());
-    Pyramid pyramid(0, group, faults);
-    for (const double value : values) {
-        std::uint8_t record[16] = {};
-        writeLittle(record + 8, std::bit_cast<std::uint64_t>(value));
-        pyramid.add(record, 1);
-    }
-    pyramid.close();
-    EXPECT_FALSE(faults.writeFailed());
-    const test::Bytes file = test::readFile(dir.path() / levelFileName(0, level));
-    Entries entries;
-    for (std::size_t at = 32; at + 8 <= file.size(); at += 8) {
-        entries.emplace_back(std::bit_cast<float>(readLittle<std::uint32_t>(&file[at])),
-                             std::bit_cast<float>(readLittle<std::uint32_t>(&file[at + 4])));
-    }
-    return entries;
-}
-
-TEST(Pyramid, HasAnEntryPerWholeBlockThatSkipsNaN) {
-    std::vector<double> values(256, kNaN);
-    auto entries = levelOf(values, 2);
-    ASSERT_EQ(entries.size(), 1U);
-    EXPECT_TRUE(std::isnan(entries[0].first) && std::isnan(entries[0].second));
-    values[20] = -3;
-    values[40] = kInf;
-    entries = levelOf(values, 1);
-    ASSERT_EQ(entries.size(), 16U);
-    EXPECT_TRUE(std::isnan(entries[0].first) && std::isnan(entries[0].second));
-    EXPECT_EQ(entries[1], std::make_pair(-3.0F, -3.0F));
-    EXPECT_EQ(levelOf(values, 2).at(0), std::make_pair(-3.0F, HUGE_VALF));
-
-    values.resize(4096 + 300);
-    std::iota(values.begin(), values.end(), 0.0);
-    EXPECT_EQ(levelOf(values, 1).size(), 274U);
-    EXPECT_EQ(levelOf(values, 3), Entries(1, {0.0F, 4095.0F}));
-    values.resize(255);
-    EXPECT_TRUE(levelOf(values, 2).empty());
 }
 
 }  // namespace

@@ -1,0 +1,68 @@
+// Bytes, results and what the platform gives.
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sys/resource.h>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "core/bytes.h"
+#include "core/platform.h"
+#include "core/result.h"
+
+namespace lm {
+namespace {
+
+TEST(Bytes, EveryWidthLiesInTheOrderNamed) {
+    std::array<std::uint8_t, 8> buffer{};
+    writeBytes<std::uint32_t>(buffer.data(), 0x12345678, ByteOrder::bigEndian);
+    EXPECT_EQ(buffer, (std::array<std::uint8_t, 8>{0x12, 0x34, 0x56, 0x78}));
+    EXPECT_EQ(readLittle<std::uint32_t>(buffer.data()), 0x78563412U);
+    writeLittle<std::uint64_t>(buffer.data(), 0x0102030405060708U);
+    EXPECT_EQ(buffer, (std::array<std::uint8_t, 8>{8, 7, 6, 5, 4, 3, 2, 1}));
+    EXPECT_EQ(readBytes<std::uint64_t>(buffer.data(), ByteOrder::bigEndian), 0x0807060504030201U);
+    writeSized(buffer.data(), 0xFF123456, 3, ByteOrder::bigEndian);
+    EXPECT_EQ(buffer, (std::array<std::uint8_t, 8>{0x12, 0x34, 0x56, 5, 4, 3, 2, 1}));
+    EXPECT_EQ(readSized(buffer.data(), 3, ByteOrder::bigEndian), 0x123456U);
+    EXPECT_EQ(readSized(buffer.data(), 3, ByteOrder::littleEndian), 0x563412U);
+}
+
+TEST(Result, ErrorsTellTheirTextAndTheirCategory) {
+    EXPECT_EQ(Error{ErrorCode::notOpen}.text(), "not open");
+    EXPECT_EQ(errorName(static_cast<ErrorCode>(10)), "closed");
+    EXPECT_EQ(errorName(static_cast<ErrorCode>(11)), "unknown error");
+    using enum ErrorCode;
+    const std::pair<int, ErrorCode> rows[] = {
+        {EACCES, permissionDenied}, {ENODEV, notFound},   {EAGAIN, wouldBlock}, {EINVAL, invalidArgument},
+        {EOPNOTSUPP, unsupported},  {ETIMEDOUT, timeout}, {ENOSPC, ioError}};
+    for (const auto& [systemError, code] : rows) {
+        const Error error = Error::fromErrno(systemError, "where");
+        EXPECT_EQ(error.code, code) << systemError;
+        EXPECT_EQ(error.text(), std::string("where: ") + std::strerror(systemError));
+        EXPECT_EQ(error.sysErrno, systemError);
+    }
+}
+
+TEST(ResultDeathTest, ReadingTheMissingSideEndsTheProcess) {
+    const Result<int> failed = Error{ErrorCode::timeout, "no answer"};
+    EXPECT_DEATH(static_cast<void>(failed.value()), "^lm: accessed value of failed Result: no answer\n$");
+    const Result<void> failedVoid = Error{ErrorCode::timeout};
+    EXPECT_DEATH(failedVoid.value(), "^lm: accessed value of failed Result: timeout\n$");
+    const Result<int> good = 1;
+    EXPECT_DEATH(static_cast<void>(good.error()), "^lm: accessed error of successful Result\n$");
+}
+
+TEST(Platform, KnowsItsOwnPathAndRaisesTheFileLimit) {
+    EXPECT_EQ(executablePath().filename(), "core_test");
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = limit.rlim_max / 2;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    raiseOpenFileLimit();
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+}
+
+}  // namespace
+}  // namespace lm

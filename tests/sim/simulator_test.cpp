@@ -1,0 +1,258 @@
+// The simulated ECU: what it answers and sends, what it does on order, what it writes of itself.
+#include <cstdint>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "sim/a2l_writer.h"
+#include "sim/can_medium.h"
+#include "sim/catalog.h"
+#include "sim/ecu.h"
+#include "support/hex.h"
+
+namespace lm::sim {
+namespace {
+
+std::string fileText(const std::string& name) {
+    std::ifstream file(std::string(XCPLUMO_SOURCE_DIR) + "/" + name, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+TEST(Catalog, ShippedFilesAreWhatItWrites) {
+    const Options options;
+    const Catalog catalog(options);
+    EXPECT_EQ(fileText("examples/demo.a2l"), a2lText(options, catalog))
+        << "write it anew: xcplumo-sim --write-a2l examples/demo.a2l";
+    EXPECT_NE(fileText("docs/simulator.md").find(modelTable(catalog)), std::string::npos)
+        << "put the table of xcplumo-sim --write-model into docs/simulator.md";
+}
+
+TEST(CanMedium, FramesHaveLengthsThatTheBusKnows) {
+    using Row = std::tuple<std::size_t, bool, bool, std::size_t>;
+    for (const auto& [packet, fd, full, frame] : {Row{1, false, false, 1},
+                                                  {8, false, false, 8},
+                                                  {2, false, true, 8},
+                                                  {8, true, false, 8},
+                                                  {9, true, false, 12},
+                                                  {33, true, false, 48},
+                                                  {64, true, false, 64},
+                                                  {3, true, true, 64}}) {
+        Options options;
+        options.canFd = fd;
+        options.maxDlcRequired = full;
+        options.fillByte = 0xAA;
+        std::vector<std::uint8_t> expected(packet, 1);
+        expected.resize(frame, 0xAA);
+        EXPECT_EQ(canPayload(std::vector<std::uint8_t>(packet, 1), options), expected) << packet;
+    }
+}
+
+std::string hexOf(std::span<const std::uint8_t> bytes) {
+    return fmt::format("{:02X}", fmt::join(bytes, " "));
+}
+
+using Packets = std::vector<std::string>;
+
+class SimBench {
+  public:
+    explicit SimBench(const Options& options = {})
+        : options_(options), ecu(options_, FaultPlan::parse(options.faults).value(), 0) {}
+
+    Packets send(const std::string& text) {
+        Outbox out;
+        ecu.receive(test::hex(text), nowNs_, out);
+        return take(out);
+    }
+    /// Sends commands that are all expected to succeed.
+    void drive(const Packets& commands) {
+        for (const std::string& command : commands) {
+            const Packets answers = send(command);
+            ASSERT_EQ(answers.size(), 1U) << command;
+            ASSERT_EQ(answers[0].substr(0, 2), "FF") << command << " gives " << answers[0];
+        }
+    }
+    /// Lets time pass in one step, as if the program had been asleep.
+    Packets pass(std::int64_t ms) {
+        nowNs_ += ms * 1'000'000;
+        Packets all;
+        for (bool done = false; !done;) {
+            Outbox out;
+            done = ecu.advance(nowNs_, out);
+            const Packets more = take(out);
+            all.insert(all.end(), more.begin(), more.end());
+        }
+        return all;
+    }
+
+  private:
+    static Packets take(const Outbox& out) {
+        Packets packets;
+        for (const Outbox::Packet& packet : out.packets())
+            packets.push_back(hexOf(out.bytes(packet)));
+        return packets;
+    }
+
+    Options options_;
+    std::int64_t nowNs_ = 0;
+
+  public:
+    Ecu ecu;
+};
+
+TEST(Slave, AnswersInIntelOrder) {
+    SimBench bench;
+    const std::pair<const char*, const char*> exchanges[] = {
+        {"FD", ""},  // nothing before CONNECT
+        {"FF 00", "FF 05 80 F8 78 05 01 01"},
+        {"FD", "FF 00 00 00 00 00"},
+        {"FC", "FE 00"},
+        {"FB", "FF 00 00 00 00 00 00 10"},
+        {"FA 00", "FE 20"},
+        {"F6 00 00 00 02 00 01", "FE 21"},
+        {"F4 02 00 00 02 00 01 00", "FF 80 0C"},
+        {"F5 04", "FF 00 00 80 3F"},  // goes on behind: cal_gain
+        {"F6 00 00 00 02 00 01 00", "FF"},
+        {"F0 02 34", "FE 21"},
+        {"F0 00 34", "FE 22"},
+        {"F0 02 34 12", "FF"},
+        {"F4 02 00 00 02 00 01 00", "FF 34 12"},
+        {"F4 00 00 00 02 00 01 00", "FE 22"},
+        {"F4 F8 00 00 02 00 01 00", "FE 22"},  // 248 bytes and a header do not fit
+        {"F4 04 00 00 00 00 AD DE", "FE 22"},
+        {"F6 00 00 01 00 00 08 00", "FF"},
+        {"F0 01 00", "FE 23"},
+        {"F5 04", "FF 01 12 46 20"},
+        {"DA", "FF 93 00 00 04 00 00 40"},
+        {"D9", "FF 01 F8 01 00 34 01 00"},
+        {"D7 00 01 00", "FF 04 FF 0B 0A 06 00"},
+        {"F5 0B", "FF 63 79 63 6C 69 63 5F 31 30 6D 73"},
+        {"D7 00 03 00", "FF 04 FF 0B 00 00 00"},
+        {"D7 00 04 00", "FE 22"},
+        {"DC", "FF 00 00 00 00 00 00 00"},
+        {"FE", "FF"},
+        {"FD", ""},
+    };
+    for (const auto& [command, answer] : exchanges)
+        EXPECT_EQ(bench.send(command), *answer == '\0' ? Packets{} : Packets{answer}) << command;
+}
+
+/// Starts a list on an event: its counter, and one more signal in a second ODT.
+void measure(SimBench& bench, unsigned event, const char* counter, const char* signal) {
+    const auto entry = [&](const char* name) {
+        const Row* row = bench.ecu.catalog().find(name);
+        std::array<std::uint8_t, 4> address{};
+        writeLittle(address.data(), row->address);
+        return fmt::format("E1 FF {:02X} {:02X} {}", row->size(), row->extension, hexOf(address));
+    };
+    bench.drive({"FF 00", "D6", "D5 00 01 00", "D4 00 00 00 02", "D3 00 00 00 00 01", "D3 00 00 00 01 01"});
+    bench.drive({"E2 00 00 00 00 00", entry(counter), "E2 00 00 00 01 00", entry(signal)});
+    bench.drive({fmt::format("E0 10 00 00 {:02X} 00 01 00", event), "DE 02 00 00", "DD 01"});
+}
+
+TEST(Ecu, RunsItsOwnClock) {
+    Options options;
+    options.clockPpm = 100000;
+    options.clockStart = 0xFFFFFFFF;
+    SimBench bench(options);
+    measure(bench, kEvent10ms, "counter_10ms", "gear");
+    EXPECT_EQ(bench.pass(10), (Packets{"00 00 0F 27 00 00 01 00 00 00", "01 00 00"}));
+    EXPECT_EQ(bench.pass(81).size(), 18U);  // 91 ms of the host are 100 ms of the ECU
+    EXPECT_EQ(bench.ecu.nextDueNs(), 91'818'182);
+}
+
+TEST(Ecu, TurnsItsDriftAndSetsItsClock) {
+    Options options;
+    options.clockPpm = 100000;
+    options.clockWander = 0.1;
+    options.faults = {"jump:DAQ:9:1:-5", "jump:DAQ:11:1:0", "jump:DAQ:12:1:7"};
+    SimBench bench(options);
+    measure(bench, kEvent10ms, "counter_10ms", "gear");
+    EXPECT_EQ(bench.pass(90).size(), 18U);
+    EXPECT_EQ(bench.ecu.nextDueNs(), 90'909'091);
+    EXPECT_EQ(bench.pass(1), (Packets{"00 00 18 73 01 00 0A 00 00 00", "01 00 00"}));  // 95 ms instead of 100
+    EXPECT_EQ(bench.pass(9).size(), 2U);
+    EXPECT_EQ(bench.ecu.nextDueNs(), 101'111'112);  // 100 ms of the host were 110 ms, one more takes longer
+    EXPECT_EQ(bench.pass(12), (Packets{"00 00 10 27 00 00 0C 00 00 00", "01 00 00"}));
+    EXPECT_EQ(bench.pass(100).size(), 18U);
+    EXPECT_EQ(bench.ecu.nextDueNs(), 212'727'273);  // quick again
+}
+
+TEST(Ecu, MisbehavesOnOrder) {
+    const std::string good = "FF 00 00 00 00 00";
+    const std::string pending = "FD 05";
+    const struct {
+        const char* rule;
+        Packets now;    ///< what the second GET_STATUS brings at once
+        Packets later;  ///< what follows within 400 ms
+        Packets after;  ///< what the third GET_STATUS brings
+    } rows[] = {
+        {"ignore:GET_STATUS:2", {}, {}, {good}},
+        {"lose:GET_STATUS:2", {}, {}, {good}},
+        {"lose:*:3:0", {}, {}, {}},  // CONNECT is the first command
+        {"late:GET_STATUS:2:1:200", {}, {good}, {good}},
+        {"double:GET_STATUS:2", {good, good}, {}, {good}},
+        {"short:GET_STATUS:2:1:3", {"FF 00 00"}, {}, {good}},
+        {"wrong:GET_STATUS:2", {"FF FF FF FF FF FF"}, {}, {good}},
+        {"stray:GET_STATUS:2", {"FF", good}, {}, {good}},
+        {"busy:GET_STATUS:2:2", {"FE 10"}, {}, {"FE 10"}},
+        {"error:GET_STATUS:2:1:0x33", {"FE 33"}, {}, {good}},
+        {"pending:GET_STATUS:2", {pending}, {pending, pending, pending, good}, {good}},
+        {"terminate:GET_STATUS:2", {"FD 07"}, {}, {}},
+        {"restart:GET_STATUS:2", {}, {}, {}},
+        {"silence:GET_STATUS:2", {}, {}, {}},
+        {"silence:GET_STATUS:2:1:300", {}, {}, {good}},
+    };
+    for (const auto& row : rows) {
+        Options options;
+        options.faults = {row.rule};
+        SimBench bench(options);
+        bench.drive({"FF 00", "FD"});
+        EXPECT_EQ(bench.send("FD"), row.now) << row.rule;
+        EXPECT_EQ(bench.pass(400), row.later) << row.rule;
+        EXPECT_EQ(bench.send("FD"), row.after) << row.rule;
+    }
+}
+
+TEST(Ecu, StallsThenCatchesUpAndRestartsFromZero) {
+    Options options;
+    options.faults = {"stall:DAQ:1:1:50"};
+    SimBench bench(options);
+    measure(bench, kEvent1ms, "counter_1ms", "sig_ubyte_lsb");
+    EXPECT_EQ(bench.pass(1).size(), 2U);
+    EXPECT_EQ(bench.pass(49).size(), 0U);
+    EXPECT_EQ(bench.pass(1).size(), 100U);
+    bench.drive({"F6 00 00 00 02 00 01 00", "F0 02 00 00"});
+    bench.ecu.restart(51'000'000);
+    EXPECT_EQ(bench.ecu.world().counter(kEvent1ms), 0U);
+    EXPECT_EQ(bench.send("FD"), Packets{});
+    bench.drive({"FF 00"});
+    EXPECT_EQ(bench.send("F4 02 00 00 02 00 01 00"), Packets{"FF 80 0C"});
+}
+
+TEST(FaultPlan, RefusesWhatItDoesNotKnow) {
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {"break", "unknown kind"},
+        {"lose:NOTHING", "unknown command"},
+        {"lose:DAQ", "this kind needs a command"},
+        {"lose:UPLOAD:0", "number expected"},
+        {"lose:UPLOAD:1:-1", "number expected"},
+        {"late:UPLOAD:1:1:1:1", "too many parts"},
+        {"lose-odt", "EVERY expected, 1 or more"},
+        {"ctr-gap:2:3", "EVERY expected, 1 or more"},
+    };
+    for (const auto& [text, reason] : rows) {
+        const Result<FaultPlan> plan = FaultPlan::parse({"lose:UPLOAD", text});
+        ASSERT_FALSE(plan.ok()) << text;
+        EXPECT_EQ(plan.error().message, "fault '" + text + "': " + reason);
+    }
+}
+
+}  // namespace
+}  // namespace lm::sim
