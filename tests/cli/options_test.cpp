@@ -85,6 +85,12 @@ TEST(Options, GlobalOptionsStandBeforeAndBehindTheSubcommand) {
     EXPECT_EQ(parsed({"set", "A=1", "B=-2", "-m"}).assignments, (std::vector<std::string>{"A=1", "B=-2"}));
     EXPECT_EQ(parsed({"--reset-delay", "-5", "info"}).resetDelayMs, -5);
     EXPECT_EQ(parsed({"console", "-t", "0.5"}).durationSeconds, 0.5);
+    for (const char* seconds : {"nan", "inf", "-1", "1e999", "x"}) {
+        for (const char* command : {"measure", "console"}) {
+            const auto refused = parse({command, "-t", seconds});
+            EXPECT_TRUE(std::holds_alternative<int>(refused) && std::get<int>(refused) > 100) << seconds;
+        }
+    }
     const Options show = parsed({"recording", "show", "-s", "a*", "dir", "-s", "b", "--from", "-1.5"});
     EXPECT_EQ(show.recording.action, RecordingAction::show);
     EXPECT_EQ(show.recording.directory, "dir");
