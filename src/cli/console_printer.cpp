@@ -55,7 +55,9 @@ Result<void> Console::startPrinting(std::uint32_t interval) {
 void Console::setPlan(const session::MeasurementPlan& plan) {
     lists_.clear();
     lists_.resize(plan.daq.lists.size());
+    // Memory that is not to be had ends the start, not the thread.
     for (const session::PlannedSignal& signal : plan.planned) {
+    batch_.reserve(kQueueBytes);
         const a2l::ResolvedObject& object = signal.object;
         const std::string& unit = object.conversion.unit();
         const bool showUnit = !unit.empty() && !object.conversion.isVerbal();
@@ -116,21 +118,19 @@ std::uint64_t Console::skippedLines() const {
 
 void Console::printLoop() {
     constexpr std::size_t kTextBlock = 64 * 1024;
-    std::vector<std::uint8_t> batch;
-    batch.reserve(kQueueBytes);
     std::string text;
-    while (takeBatch(batch)) {
+    while (takeBatch()) {
         std::uint64_t unprinted = 0;
-        for (std::size_t at = 0; at < batch.size();) {
+        for (std::size_t at = 0; at < batch_.size();) {
             QueuedHeader header;
-            std::memcpy(&header, batch.data() + at, sizeof(header));
+            std::memcpy(&header, batch_.data() + at, sizeof(header));
             if (unprinted == 0) {
-                appendLine(text, header, batch.data() + at + sizeof(header));
+                appendLine(text, header, batch_.data() + at + sizeof(header));
             } else {
                 ++unprinted;
             }
             at += sizeof(header) + header.size;
-            const bool write = text.size() >= kTextBlock || at == batch.size();
+            const bool write = text.size() >= kTextBlock || at == batch_.size();
             if (unprinted == 0 && write && !writeLines(text)) unprinted = countLines(text);
         }
         if (unprinted == 0) continue;
@@ -140,13 +140,13 @@ void Console::printLoop() {
     }
 }
 
-bool Console::takeBatch(std::vector<std::uint8_t>& batch) {
-    batch.clear();
+bool Console::takeBatch() {
+    batch_.clear();
     std::unique_lock lock(mutex_);
     filled_.wait(lock, [this] { return !queue_.empty() || deadline_; });
-    batch.swap(queue_);
+    batch_.swap(queue_);
     queuedLines_ = 0;
-    return !batch.empty();
+    return !batch_.empty();
 }
 
 void Console::appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const {
