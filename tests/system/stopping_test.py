@@ -37,7 +37,7 @@ class StoppingTest(harness.SystemTest):
         return code
 
     def test_measurement_ends_cleanly_whatever_ends_it(self):
-        for end in (signal.SIGINT, signal.SIGTERM, "closed pipe", "duration"):
+        for end in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, "closed pipe", "duration"):
             with self.subTest(end):
                 relay = self.start_relay()
                 reading, writing = os.pipe()
