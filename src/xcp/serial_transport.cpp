@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <utility>
 
+#include <spdlog/fmt/fmt.h>
 #include <spdlog/spdlog.h>
 
 #include "core/thread.h"
@@ -15,6 +16,8 @@ namespace {
 
 constexpr std::size_t kReadSize = 4096;
 constexpr int kReadLimitMs = 50;
+// A stop waits for as much text at the most.
+constexpr std::size_t kTextPiece = 256;
 constexpr std::chrono::milliseconds kFrameSilence{200};
 
 Error prefixed(Error error) {
@@ -163,7 +166,17 @@ Result<void> SerialTransport::sendText(std::string_view line) {
         return Error{.code = ErrorCode::invalidArgument, .message = "XCP on serial: text with a zero byte"};
     }
     const std::string text = std::string(line) + '\n';
-    return writeLocked(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    for (std::size_t at = 0; at < text.size(); at += kTextPiece) {
+        if (stopped()) {
+            return Error{
+                .code = ErrorCode::closed,
+                .message = fmt::format("XCP on serial: stopped after {} of {} bytes", at, text.size())};
+        }
+        const std::string_view piece = std::string_view(text).substr(at, kTextPiece);
+        auto written = writeLocked(reinterpret_cast<const std::uint8_t*>(piece.data()), piece.size());
+        if (!written.ok()) return written;
+    }
+    return {};
 }
 
 Result<void> SerialTransport::requireOpenLocked() const {
@@ -184,6 +197,11 @@ void SerialTransport::requestStop() {
     const std::lock_guard lock(stopMutex_);
     stopRequested_ = true;
     wakeUp_.notify_all();
+}
+
+bool SerialTransport::stopped() {
+    const std::lock_guard lock(stopMutex_);
+    return stopRequested_;
 }
 
 void SerialTransport::clearStop() {

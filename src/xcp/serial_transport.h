@@ -64,13 +64,13 @@ class SerialTransport final : public ITransport {
     Result<void> send(const std::uint8_t* data, std::size_t length) override;
 
     /// The line and a LF, never inside a frame. Errors: those of send; invalidArgument "XCP on serial: text
-    /// with a zero byte" (it would open a frame).
+    /// with a zero byte" (it would open a frame), closed "XCP on serial: stopped after N of M bytes".
     Result<void> sendText(std::string_view line);
 
     std::size_t maxPacketSize() const override { return config_.maxPacketSize; }
 
-    /// Ends the reset delay of an open() under way and of all that follow until clearStop(); sending and
-    /// receiving go on.
+    /// Ends the reset delay of an open() and a sendText() under way and of all that follow until clearStop();
+    /// send and receiving go on.
     void requestStop();
     void clearStop();
 
@@ -86,6 +86,7 @@ class SerialTransport final : public ITransport {
     Result<void> waitForReset();
     Result<void> requireOpenLocked() const;
     Result<void> writeLocked(const std::uint8_t* data, std::size_t length);
+    bool stopped();
     void receiveLoop();
     void loseConnection(const std::string& reason);
 
