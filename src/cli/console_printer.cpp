@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -10,6 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "cli/message_output.h"
 #include "core/text.h"
 #include "core/thread.h"
 
@@ -92,9 +92,7 @@ void Console::enqueue(const QueuedHeader& header, const std::uint8_t* data) {
 
 void Console::onStateChanged(session::SessionState state, const std::string& message) {
     if (message.empty()) return;
-    const std::string line = std::string("** ") + session::sessionStateName(state) + ": " + message + "\n";
-    // Nothing can be told when standard error does not take it.
-    std::fputs(line.c_str(), stderr);
+    printMessage(std::string("** ") + session::sessionStateName(state) + ": " + message + "\n");
 }
 
 void Console::finishPrinting(std::chrono::milliseconds limit) {

@@ -2,13 +2,14 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
 #include "cli/stop_signal.h"
+#include "cli/message_output.h"
 
+#include "xcp/text_lines.h"
 namespace lm::cli {
 namespace {
 
@@ -77,9 +78,8 @@ bool reportOutputFailure(int systemError) {
 }
 
 void printError(std::string_view prefix, const Error& error) {
-    const std::string line = std::string(prefix) + (prefix.empty() ? "" : ": ") + error.text() + "\n";
-    // Nothing can be told when standard error does not take it.
-    std::fputs(line.c_str(), stderr);
+    printMessage(std::string(prefix) + (prefix.empty() ? "" : ": ") + xcp::printableText(error.text()) +
+                 "\n");
 }
 
 }  // namespace lm::cli

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "cli/message_output.h"
 #include "core/bytes.h"
 
 namespace lm::cli {
@@ -32,6 +33,13 @@ class Pipe {
             lines -= std::count(block.begin(), block.begin() + count, '\n');
             text.append(block.data(), static_cast<std::size_t>(count));
         }
+        return text;
+    }
+
+    std::string readUntil(std::string_view end) const {
+        std::string text;
+        while (!text.ends_with(end))
+            text += readLines(1);
         return text;
     }
 
@@ -121,6 +129,24 @@ TEST(Console, GoesOnWhenTheReaderDoes) {
     EXPECT_EQ(console.skippedLines(), 0U);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 20'000);
     EXPECT_TRUE(text.ends_with("     0.000  Plain=19999\n"));
+}
+
+TEST(MessageOutput, DropsWhatDoesNotFitAndTellsHowMuch) {
+    constexpr int kLines = 300;  // of 1000 bytes, more than pipe and queue hold
+    const std::string line = std::string(999, 'x') + "\n";
+    Pipe pipe;
+    MessageOutput output(pipe.writer());
+    ASSERT_TRUE(output.start().ok());
+    for (int i = 0; i < kLines; ++i)
+        output.print(line);
+    const std::string text = pipe.readUntil(" take them\n");
+    std::string expected;
+    const std::size_t whole = text.rfind("x\n") / line.size() + 1;
+    for (std::size_t i = 0; i < whole; ++i)
+        expected += line;
+    EXPECT_GT(whole * line.size(), MessageOutput::kQueueBytes);
+    EXPECT_TRUE(text == expected + std::to_string(kLines - whole) +
+                            " line(s) not printed, standard error did not take them\n");
 }
 
 TEST(Console, LeavesTheSharedDescriptorBlocking) {

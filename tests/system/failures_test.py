@@ -151,9 +151,10 @@ class FailureTableTest(harness.SystemTest):
         self.env = {name: value for name, value in self.env.items() if not name.endswith("SAN_OPTIONS")}
         if self.run_plain("--version", preexec_fn=limit(0)).returncode != 0:
             self.skipTest("the sanitizers need more memory than is left for threads")
-        missing = ["session: cannot watch for signals", "connect: XCP on UDP: cannot start the receive thread",
-                   "measure: cannot start the printer", "measure: cannot start the flushing thread",
-                   "measure: cannot start the recording thread", "measure: cannot start the supervision"]
+        missing = ["session: cannot start the printer of messages", "session: cannot watch for signals",
+                   "connect: XCP on UDP: cannot start the receive thread", "measure: cannot start the printer",
+                   "measure: cannot start the flushing thread", "measure: cannot start the recording thread",
+                   "measure: cannot start the supervision"]
         for threads, what in enumerate(missing):
             done = self.run_cli(sim, "measure", "-s", "counter_1ms", "-r", directory, preexec_fn=limit(threads))
             reason = "Resource temporarily unavailable (limits of threads and memory: `ulimit -a`)"

@@ -1,4 +1,5 @@
 """Ctrl-C, SIGTERM and closed pipes: every end is clean on the wire, in the files and for the shell."""
+import fcntl
 import os
 import re
 import signal
@@ -156,6 +157,23 @@ class StoppingTest(harness.SystemTest):
         self.assertEqual(lines + int(skipped.group(1)), recorded)
         self.assertGreater(int(skipped.group(1)), 0)
 
+
+    def test_standard_error_that_nobody_reads_holds_up_nothing(self):
+        sim = self.start_sim()
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(writing, b"z" * 4096)
+        config = self.quick_config(reconnect={"policy": "retry_forever"})
+        file = self.dir / "rec" / "g0000.rec"
+        program = self.start(self.arguments(sim, "-c", config, "measure", "-s", "counter_1ms", "-r", file.parent),
+                             stderr=writing)
+        os.close(writing)
+        for _ in range(2):  # the second growth is more than was under way at the restart
+            enough = 24000 + (file.stat().st_size if file.exists() else 0)
+            program.wait_for(lambda size=enough: file.exists() and file.stat().st_size > size, "records")
+            sim.signal(signal.SIGUSR1)
+        self.assertEqual(self.stop_in_time(program), 0)
 
 if __name__ == "__main__":
     unittest.main()
