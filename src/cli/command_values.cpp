@@ -70,8 +70,12 @@ int runSet(session::Session& session, const std::vector<std::string>& assignment
            Output& output) {
     int exitCode = 0;
     for (const std::string& assignment : assignments) {
-        if (stopRequested()) return 1;
-        if (!assign(session, assignment, allowMeasurements, output)) exitCode = 1;
+        if (stopRequested()) {
+            printMessage(assignment + ": not written, stopped\n");
+            exitCode = 1;
+        } else if (!assign(session, assignment, allowMeasurements, output)) {
+            exitCode = 1;
+        }
     }
     return exitCode;
 }

@@ -133,7 +133,8 @@ class StoppingTest(harness.SystemTest):
         program.wait_for(lambda: relay.count("DOWNLOAD") == 2, "the second write")
         self.assertEqual(harness.stop(program)[0], 1)
         self.assertEqual((program.out, program.err),
-                         (value_line("cal_limited", "1.000") + value_line("cal_limited", "2.000"), ""))
+                         (value_line("cal_limited", "1.000") + value_line("cal_limited", "2.000"),
+                          "".join(f"cal_limited={n}: not written, stopped\n" for n in range(3, 9))))
         self.assertEqual(relay.names()[-1], "DISCONNECT")
         self.expect(self.run_cli(relay.sim, "get", "cal_limited"), value_line("cal_limited", "2.000"))
         self.assertEqual(harness.counters(relay.sim)["writes"], 2)
@@ -157,7 +158,6 @@ class StoppingTest(harness.SystemTest):
         self.assertEqual(lines + int(skipped.group(1)), recorded)
         self.assertGreater(int(skipped.group(1)), 0)
 
-
     def test_standard_error_that_nobody_reads_holds_up_nothing(self):
         sim = self.start_sim()
         reading, writing = os.pipe()
@@ -174,6 +174,7 @@ class StoppingTest(harness.SystemTest):
             program.wait_for(lambda size=enough: file.exists() and file.stat().st_size > size, "records")
             sim.signal(signal.SIGUSR1)
         self.assertEqual(self.stop_in_time(program), 0)
+
 
 if __name__ == "__main__":
     unittest.main()
