@@ -12,6 +12,7 @@
 #include "cli/message_output.h"
 #include "core/text.h"
 #include "core/thread.h"
+#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -22,6 +23,17 @@ std::size_t pieceLength(std::string_view text) {
     if (text.size() <= NonblockingOutput::kMaxWrite) return text.size();
     const auto lineEnd = text.rfind('\n', NonblockingOutput::kMaxWrite - 1);
     return lineEnd == std::string_view::npos ? NonblockingOutput::kMaxWrite : lineEnd + 1;
+}
+
+/// With verbal texts that do not steer the terminal.
+a2l::Conversion printable(const a2l::Conversion& conversion) {
+    const auto* verbal = std::get_if<a2l::Conversion::VerbalTable>(&conversion.kind());
+    if (verbal == nullptr) return conversion;
+    a2l::Conversion::VerbalTable table = *verbal;
+    table.defaultText = xcp::printableText(table.defaultText);
+    for (auto& range : table.ranges)
+        range.text = xcp::printableText(range.text);
+    return {std::move(table), conversion.formatText(), conversion.unit()};
 }
 
 std::uint64_t countLines(std::string_view text) {
@@ -43,7 +55,9 @@ Console::~Console() {
 Result<void> Console::startPrinting(std::uint32_t interval) {
     interval_ = interval;
     if (interval_ == 0) return {};
+    // Memory that is not to be had ends the start, not the thread.
     queue_.reserve(kQueueBytes);
+    batch_.reserve(kQueueBytes);
     output_.emplace(descriptor_);
     auto thread = startThread("cannot start the printer", [this] { printLoop(); });
     if (!thread.ok()) return thread.error();
@@ -55,15 +69,14 @@ Result<void> Console::startPrinting(std::uint32_t interval) {
 void Console::setPlan(const session::MeasurementPlan& plan) {
     lists_.clear();
     lists_.resize(plan.daq.lists.size());
-    // Memory that is not to be had ends the start, not the thread.
     for (const session::PlannedSignal& signal : plan.planned) {
-    batch_.reserve(kQueueBytes);
         const a2l::ResolvedObject& object = signal.object;
         const std::string& unit = object.conversion.unit();
         const bool showUnit = !unit.empty() && !object.conversion.isVerbal();
         lists_.at(signal.listIndex)
-            .columns.push_back({"  " + object.name + "=", signal.recordOffset, object.coding,
-                                object.conversion, showUnit ? " " + unit : ""});
+            .columns.push_back({"  " + xcp::printableText(object.name) + "=", signal.recordOffset,
+                                object.coding, printable(object.conversion),
+                                showUnit ? " " + xcp::printableText(unit) : ""});
     }
 }
 

@@ -60,8 +60,8 @@ session::PlannedSignal signal(const char* name, std::size_t list, std::uint32_t 
 
 // List 0: Speed, State, Speed again; list 1: Plain.
 session::MeasurementPlan demoPlan() {
-    const a2l::Conversion speed(a2l::Conversion::Linear{0.5, 0}, "%6.1", "rpm");
-    const a2l::Conversion state(a2l::Conversion::VerbalTable{{{1, 1, "On"}}, ""}, "%4.0", "unit");
+    const a2l::Conversion speed(a2l::Conversion::Linear{0.5, 0}, "%6.1", "°\a");
+    const a2l::Conversion state(a2l::Conversion::VerbalTable{{{1, 1, "On\x1b[2J"}}, ""}, "%4.0", "unit");
     session::MeasurementPlan plan;
     plan.planned = {signal("Speed", 0, 2, speed), signal("Plain", 1, 0, {}), signal("State", 0, 0, state),
                     signal("Speed", 0, 2, speed)};
@@ -92,9 +92,9 @@ TEST(Console, PrintsSignalsInTheOrderAskedFor) {
     send(console, 0, 4'000'000'000, 2, 0);
     console.finishPrinting();
     EXPECT_EQ(pipe.readLines(3),
-              "     0.000  Speed=1.5 rpm  State=On  Speed=1.5 rpm\n"
+              "     0.000  Speed=1.5 °\\x07  State=On\\x1B[2J  Speed=1.5 °\\x07\n"
               "     1.235  Plain=65535\n"
-              "    -1.000  Speed=0.0 rpm  State=2  Speed=0.0 rpm\n");
+              "    -1.000  Speed=0.0 °\\x07  State=2  Speed=0.0 °\\x07\n");
     EXPECT_EQ(console.skippedLines(), 0U);
 }
 
@@ -111,7 +111,7 @@ TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
     EXPECT_EQ(pipe.readLines(4),
               "     0.000  Plain=0\n"
               "     0.002  Plain=3\n"
-              "     0.003  Speed=2.0 rpm  State=0  Speed=2.0 rpm\n"
+              "     0.003  Speed=2.0 °\\x07  State=0  Speed=2.0 °\\x07\n"
               "     0.004  Plain=6\n");
 }
 
