@@ -1,6 +1,8 @@
 #include "xcp/serial_transport.h"
 
 #include <array>
+#include <cerrno>
+#include <new>
 #include <pthread.h>
 #include <utility>
 
@@ -122,10 +124,18 @@ Result<void> SerialTransport::openPort() {
     if (auto opened = port_.open(config_.port, config_.baudrate); !opened.ok()) {
         return prefixed(opened.error());
     }
+    constexpr const char* kContext = "XCP on serial: cannot start the receive thread";
+    std::unique_ptr<Reception> reception;
+    try {
+        reception = std::make_unique<Reception>(*this);
+    } catch (const std::bad_alloc&) {
+        return Error::fromErrno(ENOMEM, kContext);
+    }
     lossReason_.clear();
     lost_ = false;
     running_ = true;
-    auto thread = startThread("XCP on serial: cannot start the receive thread", [this] { receiveLoop(); });
+    auto thread = startThread(
+        kContext, [this, reception = std::move(reception)]() mutable { receiveLoop(std::move(reception)); });
     if (!thread.ok()) return thread.error();
     thread_ = std::move(thread).value();
     return {};
@@ -209,23 +219,22 @@ void SerialTransport::clearStop() {
     stopRequested_ = false;
 }
 
-void SerialTransport::receiveLoop() {
+void SerialTransport::receiveLoop(std::unique_ptr<Reception> reception) {
     ::pthread_setname_np(::pthread_self(), "xcp-serial-rx");
     std::array<std::uint8_t, kReadSize> buffer;
-    Reception reception(*this);
     WakeUpPace pace;
     while (running_) {
         const auto count = port_.read(buffer.data(), buffer.size(), kReadLimitMs);
         if (!count.ok()) {
-            reception.finish();
+            reception->finish();
             loseConnection(count.error().text());
             return;
         }
         const auto now = Reception::Clock::now();
-        reception.take(buffer.data(), count.value(), now);
+        reception->take(buffer.data(), count.value(), now);
         if (count.value() > 0) pace.wokeUp(now);
     }
-    reception.finish();
+    reception->finish();
 }
 
 /// Gives the device up at once: as long as it is held, a pulled adapter comes back under another name.

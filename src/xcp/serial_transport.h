@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -87,7 +88,7 @@ class SerialTransport final : public ITransport {
     Result<void> requireOpenLocked() const;
     Result<void> writeLocked(const std::uint8_t* data, std::size_t length);
     bool stopped();
-    void receiveLoop();
+    void receiveLoop(std::unique_ptr<Reception> reception);
     void loseConnection(const std::string& reason);
 
     const SerialTransportConfig config_;
