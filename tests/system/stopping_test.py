@@ -164,7 +164,7 @@ class StoppingTest(harness.SystemTest):
         self.addCleanup(os.close, reading)
         fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
         os.write(writing, b"z" * 4096)
-        config = self.quick_config(reconnect={"policy": "retry_forever"})
+        config = self.quick_config(xcp=LONG, reconnect={"policy": "retry_forever"})
         file = self.dir / "rec" / "g0000.rec"
         program = self.start(self.arguments(sim, "-c", config, "measure", "-s", "counter_1ms", "-r", file.parent),
                              stderr=writing)
@@ -173,7 +173,7 @@ class StoppingTest(harness.SystemTest):
         sim.signal(signal.SIGUSR1)
         enough = 36000 + file.stat().st_size  # more than was under way at the restart
         program.wait_for(lambda: file.stat().st_size > enough, "records after the restart")
-        self.assertEqual(self.stop_in_time(program), 0)
+        self.assertEqual(harness.stop(program)[0], 0)
 
 
 if __name__ == "__main__":
