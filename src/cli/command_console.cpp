@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -25,34 +26,73 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kPauseMs = 50;
 
+// What is longer is no line but a file without line ends.
+constexpr std::size_t kLongestLine = std::size_t{64} << 10U;
+
 /// What the command shares with the thread that reads standard input.
 struct Input {
     std::mutex mutex;
     session::Session* session = nullptr;  ///< under mutex; null once the command is over
+    std::atomic<bool> ending{false};      ///< the command is about to be over
     std::atomic<bool> ended{false};
 };
 
 /// False when the command is over.
 bool sendLine(Input& input, const std::string& line) {
     const std::lock_guard lock(input.mutex);
-    if (input.session == nullptr) return false;
-    const Result<void> sent = input.session->sendText(line);
+    if (input.session == nullptr || input.ending || stopRequested()) return false;
+    const Result<void> sent = line.size() <= kLongestLine
+                                  ? input.session->sendText(line)
+                                  : Error{ErrorCode::invalidArgument,
+                                          fmt::format("a line beyond {} bytes is not sent", kLongestLine)};
     if (!sent.ok()) printError("send", sent.error());
     return true;
 }
 
-/// Waits for input; false at the end of input, after an error, or when a stop is asked for.
-bool readSome(std::string& text) {
-    std::array<char, 4096> block{};
+/// Cuts standard input into lines and sends them.
+class InputLines {
+  public:
+    explicit InputLines(Input& input) : input_(input) {}
+
+    /// False when the command is over.
+    bool add(std::string_view block) {
+        for (;;) {
+            const auto end = block.find('\n');
+            if (!skipping_) line_ += block.substr(0, end);
+            if (line_.size() > kLongestLine) {
+                if (!sendOpenLine()) return false;
+                skipping_ = true;
+            }
+            if (end == std::string_view::npos) return true;
+            if (!skipping_ && !sendOpenLine()) return false;
+            skipping_ = false;
+            block.remove_prefix(end + 1);
+        }
+    }
+
+    /// The last line, when it has no line end.
+    void finish() {
+        if (!line_.empty()) sendOpenLine();
+    }
+
+  private:
+    bool sendOpenLine() { return sendLine(input_, std::exchange(line_, {})); }
+
+    Input& input_;
+    std::string line_;
+    bool skipping_ = false;  ///< to the end of a line that was refused
+};
+
+/// Waits for input: what has come, empty at the end of input, after an error, or when a stop is asked for.
+std::string_view readSome(std::array<char, 4096>& block) {
     while (!stopRequested()) {
         std::array<pollfd, 2> waits = {pollfd{STDIN_FILENO, POLLIN, 0}, pollfd{stopDescriptor(), POLLIN, 0}};
         if (::poll(waits.data(), waits.size(), -1) < 0 || waits[1].revents != 0) continue;
         const ssize_t count = ::read(STDIN_FILENO, block.data(), block.size());
-        if (count > 0) text.append(block.data(), static_cast<std::size_t>(count));
-        if (count > 0) return true;
-        if (count == 0 || (errno != EINTR && errno != EAGAIN)) return false;
+        if (count > 0) return {block.data(), static_cast<std::size_t>(count)};
+        if (count == 0 || (errno != EINTR && errno != EAGAIN)) return {};
     }
-    return false;
+    return {};
 }
 
 /// Sends standard input line by line, the last line also without a line end.
@@ -61,16 +101,12 @@ void sendInput(const std::shared_ptr<Input>& input) {
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
-    std::string text;
-    while (readSome(text)) {
-        std::size_t begin = 0;
-        for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
-            if (!sendLine(*input, text.substr(begin, end - begin))) return;
-            begin = end + 1;
-        }
-        text.erase(0, begin);
+    std::array<char, 4096> block{};
+    InputLines lines(*input);
+    for (auto text = readSome(block); !text.empty(); text = readSome(block)) {
+        if (!lines.add(text)) return;
     }
-    if (!text.empty() && !stopRequested()) sendLine(*input, text);
+    lines.finish();
     input->ended.store(true);
 }
 
@@ -147,11 +183,12 @@ int cmdConsole(session::Session& session, double duration, Output& output) {
     LineKeeper keeper(session);
     const Result<void> shown = show(keeper, printer, duration, input);
     if (!shown.ok()) printError("console", shown.error());
+    input->ending.store(true);
+    keeper.end();  // ends the sending of a line, too
     {
         const std::lock_guard lock(input->mutex);
         input->session = nullptr;
     }
-    keeper.end();
     const Result<void> closed = session.close();
     printer.print();
     if (!closed.ok()) printError("close", closed.error());

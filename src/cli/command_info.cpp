@@ -17,16 +17,17 @@ constexpr std::uint8_t kResourceProgramming = 0x10;
 }  // namespace
 
 std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address) {
+    const std::string name = xcp::printableText(ecuName);
     switch (address.kind) {
         case session::TransportKind::udp:
-            return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", ecuName, address.place());
+            return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", name, address.place());
         case session::TransportKind::serial:
-            return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", ecuName, address.place(),
+            return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", name, address.place(),
                                address.baudrate);
         case session::TransportKind::can:
             break;
     }
-    return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", ecuName, address.cmdId,
+    return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", name, address.cmdId,
                        address.resId, address.place());
 }
 

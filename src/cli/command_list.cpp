@@ -2,11 +2,11 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include <spdlog/spdlog.h>
 
+#include "cli/message_output.h"
 #include "cli/stop_signal.h"
 
 namespace lm::cli {
@@ -122,7 +122,7 @@ int runList(const Options& options, const session::SessionConfig& config, Output
         spdlog::warn("A2L: {}", warning);
     if (stopRequested()) return 1;
     const std::size_t count = printObjects(description.value(), options, output);
-    if (output.flush()) std::fprintf(stderr, "%zu object(s)\n", count);
+    if (output.flush()) printMessage(std::to_string(count) + " object(s)\n");
     return stopRequested() ? 1 : 0;
 }
 

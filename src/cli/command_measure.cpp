@@ -4,7 +4,6 @@
 #include <array>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <initializer_list>
 #include <poll.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include "cli/message_output.h"
 #include "cli/output.h"
 #include "core/text.h"
 
@@ -21,11 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
-
-void printTalk(const std::string& line) {
-    // Nothing can be told when standard error does not take it.
-    std::fputs((line + "\n").c_str(), stderr);
-}
 
 // One look at everything that ends a measurement from outside; waits up to 50 ms for it to happen.
 bool stopAskedFor(const Console& console, Seconds left) {
@@ -140,7 +135,7 @@ int runMeasure(const Options& options, session::Session& session, Console& conso
         printError("measure", summary.error());
         return 1;
     }
-    printTalk(startLine(summary.value(), options.recordDirectory));
+    printMessage(startLine(summary.value(), options.recordDirectory) + "\n");
     const double seconds = measureUntilEnd(options.durationSeconds, session, console, stop);
     const bool failed = session.state() == session::SessionState::failed;
     const auto stopped = session.stopMeasurement();
@@ -148,7 +143,7 @@ int runMeasure(const Options& options, session::Session& session, Console& conso
     const session::MeasurementStats stats = session.statistics();
     int exitCode = failed ? 2 : 0;
     if (stopped) {
-        printTalk(statisticsLine(seconds, stats));
+        printMessage(statisticsLine(seconds, stats) + "\n");
     } else {
         printError("stop", stopped.error());
         spdlog::warn("measure: {}", countsWithoutStop(stats));

@@ -1,8 +1,8 @@
 #include "cli/command_values.h"
 
-#include <cstdio>
 #include <span>
 
+#include "cli/message_output.h"
 #include "cli/stop_signal.h"
 
 namespace lm::cli {
@@ -27,13 +27,13 @@ void tellHeld(std::string_view name, const Result<session::SessionValue>& held) 
     } else {
         what = "what the ECU now holds is not known: " + held.error().text();
     }
-    std::fprintf(stderr, "%s: %s\n", std::string(name).c_str(), what.c_str());
+    printMessage(std::string(name) + ": " + what + "\n");
 }
 
 bool assign(session::Session& session, std::string_view assignment, bool allowMeasurements, Output& output) {
     const auto parts = splitAssignment(assignment);
     if (!parts) {
-        std::fprintf(stderr, "%s: expected NAME=VALUE\n", std::string(assignment).c_str());
+        printMessage(std::string(assignment) + ": expected NAME=VALUE\n");
         return false;
     }
     const auto outcome = session.write(parts->first, parts->second, allowMeasurements);
@@ -70,8 +70,12 @@ int runSet(session::Session& session, const std::vector<std::string>& assignment
            Output& output) {
     int exitCode = 0;
     for (const std::string& assignment : assignments) {
-        if (stopRequested()) return 1;
-        if (!assign(session, assignment, allowMeasurements, output)) exitCode = 1;
+        if (stopRequested()) {
+            printMessage(assignment + ": not written, stopped\n");
+            exitCode = 1;
+        } else if (!assign(session, assignment, allowMeasurements, output)) {
+            exitCode = 1;
+        }
     }
     return exitCode;
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -10,8 +9,10 @@
 #include <unistd.h>
 #include <utility>
 
+#include "cli/message_output.h"
 #include "core/text.h"
 #include "core/thread.h"
+#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -22,6 +23,17 @@ std::size_t pieceLength(std::string_view text) {
     if (text.size() <= NonblockingOutput::kMaxWrite) return text.size();
     const auto lineEnd = text.rfind('\n', NonblockingOutput::kMaxWrite - 1);
     return lineEnd == std::string_view::npos ? NonblockingOutput::kMaxWrite : lineEnd + 1;
+}
+
+/// With verbal texts that do not steer the terminal.
+a2l::Conversion printable(const a2l::Conversion& conversion) {
+    const auto* verbal = std::get_if<a2l::Conversion::VerbalTable>(&conversion.kind());
+    if (verbal == nullptr) return conversion;
+    a2l::Conversion::VerbalTable table = *verbal;
+    table.defaultText = xcp::printableText(table.defaultText);
+    for (auto& range : table.ranges)
+        range.text = xcp::printableText(range.text);
+    return {std::move(table), conversion.formatText(), conversion.unit()};
 }
 
 std::uint64_t countLines(std::string_view text) {
@@ -43,7 +55,9 @@ Console::~Console() {
 Result<void> Console::startPrinting(std::uint32_t interval) {
     interval_ = interval;
     if (interval_ == 0) return {};
+    // Memory that is not to be had ends the start, not the thread.
     queue_.reserve(kQueueBytes);
+    batch_.reserve(kQueueBytes);
     output_.emplace(descriptor_);
     auto thread = startThread("cannot start the printer", [this] { printLoop(); });
     if (!thread.ok()) return thread.error();
@@ -60,8 +74,9 @@ void Console::setPlan(const session::MeasurementPlan& plan) {
         const std::string& unit = object.conversion.unit();
         const bool showUnit = !unit.empty() && !object.conversion.isVerbal();
         lists_.at(signal.listIndex)
-            .columns.push_back({"  " + object.name + "=", signal.recordOffset, object.coding,
-                                object.conversion, showUnit ? " " + unit : ""});
+            .columns.push_back({"  " + xcp::printableText(object.name) + "=", signal.recordOffset,
+                                object.coding, printable(object.conversion),
+                                showUnit ? " " + xcp::printableText(unit) : ""});
     }
 }
 
@@ -90,9 +105,7 @@ void Console::enqueue(const QueuedHeader& header, const std::uint8_t* data) {
 
 void Console::onStateChanged(session::SessionState state, const std::string& message) {
     if (message.empty()) return;
-    const std::string line = std::string("** ") + session::sessionStateName(state) + ": " + message + "\n";
-    // Nothing can be told when standard error does not take it.
-    std::fputs(line.c_str(), stderr);
+    printMessage(std::string("** ") + session::sessionStateName(state) + ": " + message + "\n");
 }
 
 void Console::finishPrinting(std::chrono::milliseconds limit) {
@@ -116,21 +129,19 @@ std::uint64_t Console::skippedLines() const {
 
 void Console::printLoop() {
     constexpr std::size_t kTextBlock = 64 * 1024;
-    std::vector<std::uint8_t> batch;
-    batch.reserve(kQueueBytes);
     std::string text;
-    while (takeBatch(batch)) {
+    while (takeBatch()) {
         std::uint64_t unprinted = 0;
-        for (std::size_t at = 0; at < batch.size();) {
+        for (std::size_t at = 0; at < batch_.size();) {
             QueuedHeader header;
-            std::memcpy(&header, batch.data() + at, sizeof(header));
+            std::memcpy(&header, batch_.data() + at, sizeof(header));
             if (unprinted == 0) {
-                appendLine(text, header, batch.data() + at + sizeof(header));
+                appendLine(text, header, batch_.data() + at + sizeof(header));
             } else {
                 ++unprinted;
             }
             at += sizeof(header) + header.size;
-            const bool write = text.size() >= kTextBlock || at == batch.size();
+            const bool write = text.size() >= kTextBlock || at == batch_.size();
             if (unprinted == 0 && write && !writeLines(text)) unprinted = countLines(text);
         }
         if (unprinted == 0) continue;
@@ -140,13 +151,13 @@ void Console::printLoop() {
     }
 }
 
-bool Console::takeBatch(std::vector<std::uint8_t>& batch) {
-    batch.clear();
+bool Console::takeBatch() {
+    batch_.clear();
     std::unique_lock lock(mutex_);
     filled_.wait(lock, [this] { return !queue_.empty() || deadline_; });
-    batch.swap(queue_);
+    batch_.swap(queue_);
     queuedLines_ = 0;
-    return !batch.empty();
+    return !batch_.empty();
 }
 
 void Console::appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const {

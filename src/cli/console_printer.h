@@ -83,7 +83,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
 
     void enqueue(const QueuedHeader& header, const std::uint8_t* data);
     void printLoop();
-    bool takeBatch(std::vector<std::uint8_t>& batch);
+    bool takeBatch();
     void appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const;
     bool writeLines(std::string& text);
     bool waitForReader();
@@ -95,7 +95,9 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     std::vector<List> lists_;
 
     std::thread printer_;
-    std::optional<NonblockingOutput> output_;  // the printer thread's while it runs
+    // The printer thread's while it runs.
+    std::optional<NonblockingOutput> output_;
+    std::vector<std::uint8_t> batch_;
 
     std::atomic<int> failure_{0};
 

@@ -5,7 +5,8 @@
 // call; a file takes everything. Where the new opening is refused, poll() asks before each write: for a pipe
 // that guarantees room for PIPE_BUF bytes.
 //
-// Threads: one thread. Lifetime: the descriptor is borrowed and stays open.
+// Threads: one tryWrite at a time, waitWritable also beside it. Lifetime: the descriptor is borrowed and
+// stays open.
 #pragma once
 
 #include <chrono>

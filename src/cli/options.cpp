@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <iostream>
 #include <sstream>
 #include <unistd.h>
@@ -44,6 +45,14 @@ void addGlobalOptions(CLI::App& app, Options& options) {
     app.add_option("--reconnect", options.reconnect, "abort | retry | retry_forever");
     app.add_flag("-v,--verbose", options.verbose, "Log details");
     app.set_version_flag("--version", std::string("xcplumo-cli ") + XCPLUMO_VERSION);
+}
+
+/// What is wrong with it, empty for nothing.
+std::string checkDuration(const std::string& text) {
+    double seconds = 0;
+    if (!CLI::detail::lexical_cast(text, seconds)) return "";  // the conversion tells it
+    if (std::isfinite(seconds) && seconds >= 0) return "";
+    return "'" + text + "' is not a number of seconds from 0";
 }
 
 CLI::App* addCommand(CLI::App& app, Options& options, Command command, const char* name, const char* help) {
@@ -121,15 +130,17 @@ void addCommands(CLI::App& app, Options& options) {
     CLI::App* measure =
         addCommand(app, options, Command::measure, "measure", "DAQ measurement with optional recording");
     measure->add_option("-s,--signal", options.signals, "NAME or NAME@EVENT (default: configuration)");
-    measure->add_option("-t,--duration", options.durationSeconds, "Seconds (0 = until Ctrl-C)");
+    measure->add_option("-t,--duration", options.durationSeconds, "Seconds (0 = until Ctrl-C)")
+        ->check(checkDuration, "");
     measure->add_option("-r,--record", options.recordDirectory, "Recording directory");
     measure->add_option("-p,--print-every", options.printEvery,
                         "Print every n-th record per DAQ list (0 = none)");
 
     CLI::App* console = addCommand(app, options, Command::console, "console",
                                    "Serial line: show the text output of the ECU, send lines from stdin");
-    console->add_option("-t,--duration", options.durationSeconds,
-                        "Seconds (0 = until Ctrl-C or end of input)");
+    console
+        ->add_option("-t,--duration", options.durationSeconds, "Seconds (0 = until Ctrl-C or end of input)")
+        ->check(checkDuration, "");
 
     CLI::App* save = addCommand(app, options, Command::saveConfig, "save-config",
                                 "Write the effective configuration to a file");

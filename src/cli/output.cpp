@@ -1,18 +1,30 @@
 #include "cli/output.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
+#include "cli/message_output.h"
 #include "cli/stop_signal.h"
+#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
 
 constexpr std::size_t kBlock = 64 * 1024;
+
+// Texts of A2L files and ECUs must not steer the terminal. Nearly all are plain.
+void appendPrintable(std::string& buffer, std::string_view text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
+    if (plain) {
+        buffer += text;
+    } else {
+        buffer += xcp::printableText(text);
+    }
+}
 
 // A descriptor that its other users made non-blocking takes text again when its reader has caught up.
 void waitForReader(int descriptor) {
@@ -48,14 +60,16 @@ void Output::append(std::string_view text) {
 
 void Output::appendPadded(std::string_view text, std::size_t width) {
     if (failure_ != 0) return;
-    buffer_ += text;
-    if (text.size() < width) buffer_.append(width - text.size(), ' ');
+    const std::size_t before = buffer_.size();
+    appendPrintable(buffer_, text);
+    const std::size_t added = buffer_.size() - before;
+    if (added < width) buffer_.append(width - added, ' ');
 }
 
 void Output::appendValueLine(std::string_view name, std::string_view value) {
     appendPadded(name, 50);
     append(' ');
-    append(value);
+    appendPadded(value, 0);
     append('\n');
 }
 
@@ -77,9 +91,8 @@ bool reportOutputFailure(int systemError) {
 }
 
 void printError(std::string_view prefix, const Error& error) {
-    const std::string line = std::string(prefix) + (prefix.empty() ? "" : ": ") + error.text() + "\n";
-    // Nothing can be told when standard error does not take it.
-    std::fputs(line.c_str(), stderr);
+    printMessage(std::string(prefix) + (prefix.empty() ? "" : ": ") + xcp::printableText(error.text()) +
+                 "\n");
 }
 
 }  // namespace lm::cli

@@ -22,10 +22,10 @@ class Output {
     void append(std::string_view text);
     void append(char c) { append(std::string_view(&c, 1)); }
 
-    /// printf's "%-*s": the text, filled up with blanks to `width` bytes.
+    /// printf's "%-*s": the printable text, filled up with blanks to `width` bytes.
     void appendPadded(std::string_view text, std::size_t width);
 
-    /// "%-50s %s\n", the line of get and set.
+    /// "%-50s %s\n", the line of get and set, printable.
     void appendValueLine(std::string_view name, std::string_view value);
 
     /// Writes the buffer. False once a write has failed: nobody reads any further output.

@@ -16,6 +16,7 @@
 #include "storage/gap_finder.h"
 #include "storage/pyramid_reader.h"
 #include "storage/signal_selection.h"
+#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -116,7 +117,8 @@ Result<void> printSignals(const GroupReader& group, const std::filesystem::path&
         } else {
             output.append(fmt::format(" {:>12} {:>12}", physicalText(range.minimum, signals[i]),
                                       physicalText(range.maximum, signals[i])));
-            if (!signals[i].conversion.unit().empty()) output.append(" " + signals[i].conversion.unit());
+            if (!signals[i].conversion.unit().empty())
+                output.append(" " + xcp::printableText(signals[i].conversion.unit()));
         }
         output.append('\n');
     }
@@ -126,7 +128,8 @@ Result<void> printSignals(const GroupReader& group, const std::filesystem::path&
 Result<void> printGroup(const GroupReader& group, const Span& span, const storage::RecordingReader& recording,
                         Output& output) {
     const std::int64_t cycle = group.info().cycleNs;
-    output.append(fmt::format("group {:<8} {}, {}\n", group.number(), group.info().name, cycleText(cycle)));
+    output.append(fmt::format("group {:<8} {}, {}\n", group.number(), xcp::printableText(group.info().name),
+                              cycleText(cycle)));
     printCounts(group, span, recording.info(), output);
     if (cycle > 0) {
         auto gaps = storage::findGaps(recording.directory(), group);
@@ -152,9 +155,10 @@ Result<OpenedGroup> openGroup(const storage::RecordingReader& recording, std::si
 void printHead(const storage::RecordingReader& recording, const Span& span, bool beingWritten,
                Output& output) {
     const RecordingInfo& info = recording.info();
-    output.append("recording      " + info.name + (beingWritten ? ", still being recorded" : "") + "\n");
-    output.append("ECU            " + info.ecu + (info.source.empty() ? "" : " (" + info.source + ")") +
-                  "\n");
+    output.append("recording      " + xcp::printableText(info.name) +
+                  (beingWritten ? ", still being recorded" : "") + "\n");
+    const std::string source = info.source.empty() ? "" : " (" + info.source + ")";
+    output.append("ECU            " + xcp::printableText(info.ecu + source) + "\n");
     output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
     output.append(fmt::format("duration       {:.3f} s\n", span.seconds()));
     output.append("size           " + sizeText(directorySize(recording.directory())) + "\n");
@@ -165,7 +169,7 @@ void printHead(const storage::RecordingReader& recording, const Span& span, bool
 std::string physicalText(double value, const SignalInfo& signal) {
     // Physical and raw value of a verbal conversion are the same.
     if (signal.conversion.isVerbal()) {
-        if (const auto text = signal.conversion.verbalText(value)) return std::string(*text);
+        if (const auto text = signal.conversion.verbalText(value)) return xcp::printableText(*text);
     }
     return a2l::Conversion(a2l::Conversion::Identical{}, signal.conversion.formatText(), "").format(value);
 }

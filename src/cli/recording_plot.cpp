@@ -17,6 +17,7 @@
 #include "storage/gap_finder.h"
 #include "storage/pyramid_reader.h"
 #include "storage/signal_selection.h"
+#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -162,8 +163,8 @@ Result<void> plotSignal(const RecordingReader& recording, const SignalPlace& pla
     if (!group) return group.error();
     PlottedSignal signal(recording, group.value(), place.signal);
     const std::string& unit = signal.info().conversion.unit();
-    output.append(signal.info().name + (unit.empty() ? "" : " (" + unit + ")") + ", " +
-                  group.value().info().name);
+    output.append(xcp::printableText(signal.info().name + (unit.empty() ? "" : " (" + unit + ")") + ", " +
+                                     group.value().info().name));
     auto whole = signal.extremes(times);
     if (!whole) return whole.error();
     if (whole.value().isEmpty()) {

@@ -1,16 +1,13 @@
 #include "cli/run.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <unistd.h>
 #include <utility>
 #include <variant>
 
-#include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include "cli/command_console.h"
@@ -21,6 +18,7 @@
 #include "cli/command_recording.h"
 #include "cli/command_values.h"
 #include "cli/console_printer.h"
+#include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/stop_signal.h"
@@ -35,13 +33,6 @@ void occupyStandardDescriptors() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDONLY) != descriptor) return;
     }
-}
-
-void setUpLogging(bool verbose) {
-    // Standard output belongs to the results.
-    spdlog::set_default_logger(
-        std::make_shared<spdlog::logger>("", std::make_shared<spdlog::sinks::stderr_color_sink_mt>()));
-    spdlog::set_level(verbose ? spdlog::level::debug : spdlog::level::warn);
 }
 
 Result<session::SessionConfig> effectiveConfig(const Options& options, const char*& errorPrefix) {
@@ -74,7 +65,7 @@ int runSaveConfig(const std::string& file, const session::SessionConfig& config,
 
 int runConsole(const Options& options, session::Session& session, Output& output) {
     if (session.address().kind != session::TransportKind::serial) {
-        std::fputs("console: needs a serial line (--serial)\n", stderr);
+        printMessage("console: needs a serial line (--serial)\n");
         return 1;
     }
     return cmdConsole(session, options.durationSeconds, output);
@@ -169,6 +160,11 @@ int run(int argc, const char* const* argv) {
     setUpLogging(options.verbose);
     Output output(STDOUT_FILENO);
     if (const auto exitCode = runOffline(options, output)) return output.finish(*exitCode);
+    MessageOutput messages(STDERR_FILENO);  // outlives all that prints
+    if (auto started = messages.start(); !started) {
+        printError("session", started.error());
+        return 1;
+    }
     const char* prefix = "";
     auto config = effectiveConfig(options, prefix);
     if (!config) {

@@ -25,6 +25,7 @@ static_assert(std::atomic<std::int64_t>::is_always_lock_free, "a signal handler 
 int stopEvent = -1;
 
 // timeout(1) signals its command and then the command's process group: signals this close together are one.
+// The end of a login sends SIGHUP several times, from the terminal, the shell and the kernel: it never kills.
 constexpr std::int64_t kOneStopMs = 300;
 
 void signal(int descriptor) {
@@ -52,7 +53,7 @@ void onStopSignal(int number) {
     if (!stopFlag.exchange(true)) {
         stoppedMs.store(nowMs());
         signal(stopEvent);
-    } else if (nowMs() - stoppedMs.load() >= kOneStopMs) {
+    } else if (number != SIGHUP && nowMs() - stoppedMs.load() >= kOneStopMs) {
         setAction(number, SIG_DFL);
         raise(number);  // delivered when the handler has returned
     }
@@ -68,6 +69,10 @@ Result<void> installStopHandlers() {
     setAction(SIGXFSZ, SIG_IGN);  // a file at its size limit is a write error like a full disk
     setAction(SIGINT, onStopSignal);
     setAction(SIGTERM, onStopSignal);
+    struct sigaction hangup = {};
+    sigaction(SIGHUP, nullptr, &hangup);
+    // Ignored under nohup(1).
+    if (hangup.sa_handler != SIG_IGN) setAction(SIGHUP, onStopSignal);
     return {};
 }
 

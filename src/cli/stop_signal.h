@@ -1,5 +1,5 @@
-// SIGINT and SIGTERM: the first one asks the program to stop, one that comes later kills it. What comes
-// within 300 ms of the first belongs to it.
+// SIGINT, SIGTERM and, unless it is ignored (nohup), SIGHUP: the first one asks the program to stop; a SIGINT
+// or SIGTERM that comes later kills it. What comes within 300 ms of the first belongs to it.
 //
 // Threads: installStopHandlers from the main thread before any other; everything else from any thread.
 // Lifetime: process-wide; a StopWatcher borrows what its function touches until it is destroyed.

@@ -24,22 +24,26 @@ Result<void> ConsoleLog::addSent(std::string_view line, const std::function<Resu
     }
     Result<void> result = send();
     const std::lock_guard lock(mutex_);
-    holding_ = false;
     if (result.ok()) appendLocked(std::move(sent));
-    for (ConsoleLine& held : held_)
-        appendLocked(std::move(held));
-    held_.clear();
+    releaseLocked();
     return result;
 }
 
 void ConsoleLog::add(ConsoleLineKind kind, std::string text) {
     const std::lock_guard lock(mutex_);
     ConsoleLine line{std::chrono::system_clock::now(), kind, std::move(text)};
-    if (holding_) {
-        held_.push_back(std::move(line));
-    } else {
-        appendLocked(std::move(line));
-    }
+    if (!holding_) return appendLocked(std::move(line));
+    heldBytes_ += line.text.size();
+    held_.push_back(std::move(line));
+    if (held_.size() >= kCapacity / 2 || heldBytes_ >= kMaxBytes / 2) releaseLocked();
+}
+
+void ConsoleLog::releaseLocked() {
+    holding_ = false;
+    for (ConsoleLine& held : held_)
+        appendLocked(std::move(held));
+    held_.clear();
+    heldBytes_ = 0;
 }
 
 void ConsoleLog::appendLocked(ConsoleLine line) {

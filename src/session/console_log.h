@@ -44,7 +44,8 @@ class ConsoleLog final : public xcp::ITextSink {
     void onNotice(std::string_view text) override { add(ConsoleLineKind::notice, std::string(text)); }
 
     /// Calls `send` and, when it succeeds, adds the line as sent, in front of all that the ECU prints
-    /// meanwhile. Control characters of the line stand as \xNN in the log. Error: that of `send`.
+    /// meanwhile (behind it when that fills half the log). Control characters of the line stand as \xNN in
+    /// the log. Error: that of `send`.
     Result<void> addSent(std::string_view line, const std::function<Result<void>()>& send);
 
     /// The lines behind `position` (0: from the first one ever), which then stands behind them.
@@ -57,6 +58,7 @@ class ConsoleLog final : public xcp::ITextSink {
   private:
     void add(ConsoleLineKind kind, std::string text);
     void appendLocked(ConsoleLine line);
+    void releaseLocked();
 
     std::mutex sending_;  ///< one line at a time is being sent
 
@@ -66,6 +68,7 @@ class ConsoleLog final : public xcp::ITextSink {
     std::uint64_t fallenOut_ = 0;    ///< number of the first line in lines_
     bool holding_ = false;           ///< a line is being sent
     std::vector<ConsoleLine> held_;  ///< added meanwhile
+    std::size_t heldBytes_ = 0;      ///< of held_
 };
 
 }  // namespace lm::session

@@ -1,9 +1,12 @@
 #include "xcp/serial_transport.h"
 
 #include <array>
+#include <cerrno>
+#include <new>
 #include <pthread.h>
 #include <utility>
 
+#include <spdlog/fmt/fmt.h>
 #include <spdlog/spdlog.h>
 
 #include "core/thread.h"
@@ -15,6 +18,8 @@ namespace {
 
 constexpr std::size_t kReadSize = 4096;
 constexpr int kReadLimitMs = 50;
+// A stop waits for as much text at the most.
+constexpr std::size_t kTextPiece = 256;
 constexpr std::chrono::milliseconds kFrameSilence{200};
 
 Error prefixed(Error error) {
@@ -119,10 +124,18 @@ Result<void> SerialTransport::openPort() {
     if (auto opened = port_.open(config_.port, config_.baudrate); !opened.ok()) {
         return prefixed(opened.error());
     }
+    constexpr const char* kContext = "XCP on serial: cannot start the receive thread";
+    std::unique_ptr<Reception> reception;
+    try {
+        reception = std::make_unique<Reception>(*this);
+    } catch (const std::bad_alloc&) {
+        return Error::fromErrno(ENOMEM, kContext);
+    }
     lossReason_.clear();
     lost_ = false;
     running_ = true;
-    auto thread = startThread("XCP on serial: cannot start the receive thread", [this] { receiveLoop(); });
+    auto thread = startThread(
+        kContext, [this, reception = std::move(reception)]() mutable { receiveLoop(std::move(reception)); });
     if (!thread.ok()) return thread.error();
     thread_ = std::move(thread).value();
     return {};
@@ -163,7 +176,17 @@ Result<void> SerialTransport::sendText(std::string_view line) {
         return Error{.code = ErrorCode::invalidArgument, .message = "XCP on serial: text with a zero byte"};
     }
     const std::string text = std::string(line) + '\n';
-    return writeLocked(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    for (std::size_t at = 0; at < text.size(); at += kTextPiece) {
+        if (stopped()) {
+            return Error{
+                .code = ErrorCode::closed,
+                .message = fmt::format("XCP on serial: stopped after {} of {} bytes", at, text.size())};
+        }
+        const std::string_view piece = std::string_view(text).substr(at, kTextPiece);
+        auto written = writeLocked(reinterpret_cast<const std::uint8_t*>(piece.data()), piece.size());
+        if (!written.ok()) return written;
+    }
+    return {};
 }
 
 Result<void> SerialTransport::requireOpenLocked() const {
@@ -186,28 +209,32 @@ void SerialTransport::requestStop() {
     wakeUp_.notify_all();
 }
 
+bool SerialTransport::stopped() {
+    const std::lock_guard lock(stopMutex_);
+    return stopRequested_;
+}
+
 void SerialTransport::clearStop() {
     const std::lock_guard lock(stopMutex_);
     stopRequested_ = false;
 }
 
-void SerialTransport::receiveLoop() {
+void SerialTransport::receiveLoop(std::unique_ptr<Reception> reception) {
     ::pthread_setname_np(::pthread_self(), "xcp-serial-rx");
     std::array<std::uint8_t, kReadSize> buffer;
-    Reception reception(*this);
     WakeUpPace pace;
     while (running_) {
         const auto count = port_.read(buffer.data(), buffer.size(), kReadLimitMs);
         if (!count.ok()) {
-            reception.finish();
+            reception->finish();
             loseConnection(count.error().text());
             return;
         }
         const auto now = Reception::Clock::now();
-        reception.take(buffer.data(), count.value(), now);
+        reception->take(buffer.data(), count.value(), now);
         if (count.value() > 0) pace.wokeUp(now);
     }
-    reception.finish();
+    reception->finish();
 }
 
 /// Gives the device up at once: as long as it is held, a pulled adapter comes back under another name.

@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -64,13 +65,13 @@ class SerialTransport final : public ITransport {
     Result<void> send(const std::uint8_t* data, std::size_t length) override;
 
     /// The line and a LF, never inside a frame. Errors: those of send; invalidArgument "XCP on serial: text
-    /// with a zero byte" (it would open a frame).
+    /// with a zero byte" (it would open a frame), closed "XCP on serial: stopped after N of M bytes".
     Result<void> sendText(std::string_view line);
 
     std::size_t maxPacketSize() const override { return config_.maxPacketSize; }
 
-    /// Ends the reset delay of an open() under way and of all that follow until clearStop(); sending and
-    /// receiving go on.
+    /// Ends the reset delay of an open() and a sendText() under way and of all that follow until clearStop();
+    /// send and receiving go on.
     void requestStop();
     void clearStop();
 
@@ -86,7 +87,8 @@ class SerialTransport final : public ITransport {
     Result<void> waitForReset();
     Result<void> requireOpenLocked() const;
     Result<void> writeLocked(const std::uint8_t* data, std::size_t length);
-    void receiveLoop();
+    bool stopped();
+    void receiveLoop(std::unique_ptr<Reception> reception);
     void loseConnection(const std::string& reason);
 
     const SerialTransportConfig config_;

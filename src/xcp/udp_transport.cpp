@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <netdb.h>
+#include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -143,12 +144,23 @@ Result<void> UdpTransport::open() {
     }
     counterSeen_ = false;
     lastKernelDrops_ = 0;
-    running_ = true;
-    auto thread = startThread("XCP on UDP: cannot start the receive thread", [this] { receiveLoop(); });
-    if (!thread) {
-        close();
-        return thread.error();
+    auto started = startReceiving();
+    if (!started) close();
+    return started;
+}
+
+Result<void> UdpTransport::startReceiving() {
+    constexpr const char* kContext = "XCP on UDP: cannot start the receive thread";
+    std::unique_ptr<Batch> batch;
+    try {
+        batch = std::make_unique<Batch>();
+    } catch (const std::bad_alloc&) {
+        return Error::fromErrno(ENOMEM, kContext);
     }
+    running_ = true;
+    auto thread =
+        startThread(kContext, [this, batch = std::move(batch)]() mutable { receiveLoop(std::move(batch)); });
+    if (!thread) return thread.error();
     thread_ = std::move(thread).value();
     return {};
 }
@@ -223,15 +235,14 @@ Result<void> UdpTransport::send(const std::uint8_t* data, std::size_t length) {
     return {};
 }
 
-void UdpTransport::receiveLoop() {
+void UdpTransport::receiveLoop(std::unique_ptr<Batch> batch) {
     ::pthread_setname_np(::pthread_self(), "xcp-udp-rx");
-    Batch batch;
     while (running_) {
         // One call waits and receives: every answer pays for the calls in front of it.
-        const int count = batch.receive(socket_);
+        const int count = batch->receive(socket_);
         if (!running_) return;  // what close() woke received nothing
         if (count >= 0) {
-            onBatch(batch, static_cast<std::size_t>(count));
+            onBatch(*batch, static_cast<std::size_t>(count));
         } else if (const int failure = errno; failure != EAGAIN && failure != EWOULDBLOCK &&
                                               failure != EINTR && failure != ECONNREFUSED) {
             reportReceiveError(failure);

@@ -73,7 +73,8 @@ class UdpTransport final : public ITransport {
     class Batch;
 
     Result<void> openSocket();
-    void receiveLoop();
+    Result<void> startReceiving();
+    void receiveLoop(std::unique_ptr<Batch> batch);
     void onBatch(Batch& batch, std::size_t count);
     void onDatagram(const std::uint8_t* data, std::size_t size, ReceiveTime time);
     void checkCounter(std::uint16_t counter);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "cli/message_output.h"
 #include "core/bytes.h"
 
 namespace lm::cli {
@@ -34,6 +35,13 @@ class Pipe {
         return text;
     }
 
+    std::string readUntil(std::string_view end) const {
+        std::string text;
+        while (!text.ends_with(end))
+            text += readLines(1);
+        return text;
+    }
+
   private:
     std::array<int, 2> ends_{-1, -1};
 };
@@ -51,8 +59,8 @@ session::PlannedSignal signal(const char* name, std::size_t list, std::uint32_t 
 
 // List 0: Speed, State, Speed again; list 1: Plain.
 session::MeasurementPlan demoPlan() {
-    const a2l::Conversion speed(a2l::Conversion::Linear{0.5, 0}, "%6.1", "rpm");
-    const a2l::Conversion state(a2l::Conversion::VerbalTable{{{1, 1, "On"}}, ""}, "%4.0", "unit");
+    const a2l::Conversion speed(a2l::Conversion::Linear{0.5, 0}, "%6.1", "°\a");
+    const a2l::Conversion state(a2l::Conversion::VerbalTable{{{1, 1, "On\x1b[2J"}}, ""}, "%4.0", "unit");
     session::MeasurementPlan plan;
     plan.planned = {signal("Speed", 0, 2, speed), signal("Plain", 1, 0, {}), signal("State", 0, 0, state),
                     signal("Speed", 0, 2, speed)};
@@ -73,6 +81,22 @@ void send(Console& console, std::size_t list, std::int64_t timeNs, std::uint16_t
     console.onRecord(record);
 }
 
+TEST(Console, PrintsSignalsInTheOrderAskedFor) {
+    Pipe pipe;
+    Console console(pipe.writer());
+    ASSERT_TRUE(console.startPrinting(1).ok());
+    console.setPlan(demoPlan());
+    send(console, 0, 5'000'000'000, 1, 3);
+    send(console, 1, 6'234'600'000, 65535);
+    send(console, 0, 4'000'000'000, 2, 0);
+    console.finishPrinting();
+    EXPECT_EQ(pipe.readLines(3),
+              "     0.000  Speed=1.5 °\\x07  State=On\\x1B[2J  Speed=1.5 °\\x07\n"
+              "     1.235  Plain=65535\n"
+              "    -1.000  Speed=0.0 °\\x07  State=2  Speed=0.0 °\\x07\n");
+    EXPECT_EQ(console.skippedLines(), 0U);
+}
+
 TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
     Pipe pipe;
     Console console(pipe.writer());
@@ -86,8 +110,26 @@ TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
     EXPECT_EQ(pipe.readLines(4),
               "     0.000  Plain=0\n"
               "     0.002  Plain=3\n"
-              "     0.003  Speed=2.0 rpm  State=0  Speed=2.0 rpm\n"
+              "     0.003  Speed=2.0 °\\x07  State=0  Speed=2.0 °\\x07\n"
               "     0.004  Plain=6\n");
+}
+
+TEST(MessageOutput, DropsWhatDoesNotFitAndTellsHowMuch) {
+    constexpr int kLines = 300;  // of 1000 bytes, more than pipe and queue hold
+    const std::string line = std::string(999, 'x') + "\n";
+    Pipe pipe;
+    MessageOutput output(pipe.writer());
+    ASSERT_TRUE(output.start().ok());
+    for (int i = 0; i < kLines; ++i)
+        output.print(line);
+    const std::string text = pipe.readUntil(" take them\n");
+    std::string expected;
+    const std::size_t whole = text.rfind("x\n") / line.size() + 1;
+    for (std::size_t i = 0; i < whole; ++i)
+        expected += line;
+    EXPECT_GT(whole * line.size(), MessageOutput::kQueueBytes);
+    EXPECT_TRUE(text == expected + std::to_string(kLines - whole) +
+                            " line(s) not printed, standard error did not take them\n");
 }
 
 TEST(Console, LeavesTheSharedDescriptorBlocking) {

@@ -82,6 +82,12 @@ TEST(Options, GlobalOptionsStandBeforeAndBehindTheSubcommand) {
     EXPECT_EQ(parsed({"get", "info", "list"}).names, (std::vector<std::string>{"info", "list"}));
     EXPECT_EQ(parsed({"list", "get", "-p"}).pattern, "get");
     EXPECT_EQ(parsed({"--reset-delay", "-5", "info"}).resetDelayMs, -5);
+    for (const char* seconds : {"nan", "inf", "-1", "1e999", "x"}) {
+        for (const char* command : {"measure", "console"}) {
+            const auto refused = parse({command, "-t", seconds});
+            EXPECT_TRUE(std::holds_alternative<int>(refused) && std::get<int>(refused) > 100) << seconds;
+        }
+    }
     const Options show = parsed({"recording", "show", "-s", "a*", "dir", "-s", "b", "--from", "-1.5"});
     EXPECT_EQ(show.recording.action, RecordingAction::show);
     EXPECT_EQ(show.recording.directory, "dir");

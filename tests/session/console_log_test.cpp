@@ -55,6 +55,15 @@ TEST(ConsoleLog, ASentLineStandsBeforeItsAnswer) {
     const auto fails = [] { return Result<void>(Error{ErrorCode::notOpen, "no line"}); };
     EXPECT_EQ(log.addSent("never sent", fails).error().text(), "no line");
     EXPECT_EQ(texts(log, position), Lines{});
+    // Half a log of text does not wait for a line that takes so long.
+    const auto flooded = log.addSent("slow", [&log, &position]() -> Result<void> {
+        for (std::size_t i = 0; i < ConsoleLog::kCapacity / 2; ++i)
+            log.onText("text");
+        EXPECT_EQ(texts(log, position).size(), ConsoleLog::kCapacity / 2);
+        return {};
+    });
+    EXPECT_TRUE(flooded.ok());
+    EXPECT_EQ(texts(log, position), Lines{"> slow"});
 }
 
 }  // namespace

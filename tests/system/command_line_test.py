@@ -106,6 +106,8 @@ class CommandLineTest(harness.SystemTest):
             address = re.search(rf"(?s)/begin \w+ {name} (?:(?!/end).)*?(0x[0-9A-Fa-f]+)", text)
             number = int(address.group(1), 16) if address else 0
             self.assertIn(f"{kind}  {name:<50} {type_name:<13} {unit:<8} 0x{number:08X}{access}", everything)
+        a2l.write_text(text.replace('"rpm"', '"\x1b[2J°"'), encoding="utf-8")
+        self.assertIn(" \\x1B[2J° 0x", listed("engine_speed")[0])
 
     def test_closed_pipes_end_quietly(self):
         sim = self.start_sim()

@@ -150,9 +150,10 @@ class FailuresTest(harness.SystemTest):
         self.env = {name: value for name, value in self.env.items() if not name.endswith("SAN_OPTIONS")}
         if self.run_plain("--version", preexec_fn=limit(0)).returncode != 0:
             self.skipTest("the sanitizers need more memory than is left for threads")
-        missing = ["session: cannot watch for signals", "connect: XCP on UDP: cannot start the receive thread",
-                   "measure: cannot start the printer", "measure: cannot start the flushing thread",
-                   "measure: cannot start the recording thread", "measure: cannot start the supervision"]
+        missing = ["session: cannot start the printer of messages", "session: cannot watch for signals",
+                   "connect: XCP on UDP: cannot start the receive thread", "measure: cannot start the printer",
+                   "measure: cannot start the flushing thread", "measure: cannot start the recording thread",
+                   "measure: cannot start the supervision"]
         measure = harness.record(directory, ["counter_1ms"], 0.1, every=1)
         for threads, what in enumerate(missing):
             reason = "Resource temporarily unavailable (limits of threads and memory: `ulimit -a`)"

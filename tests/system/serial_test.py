@@ -158,9 +158,9 @@ class SerialTest(ModelCase):
     def test_console_sends_standard_input(self):
         sim = self.start_serial_sim("--chatter-ms", "0")
         before = int(time.time() * 1000)
-        done, lines = self.console(sim, "first\nsecond\n\nlast", TZ="XYZ-5:45")
+        done, lines = self.console(sim, "first\nsecond\n" + "x" * 70000 + "\n\nlast", TZ="XYZ-5:45")
         after = int(time.time() * 1000)
-        self.expect(done, done.stdout)
+        self.assertEqual((done.returncode, done.stderr), (0, "send: a line beyond 65536 bytes is not sent\n"))
         typed = ["first", "second", "", "last"]
         for mark in ("> ", "you said: "):
             self.assertEqual([line for line in lines if line.startswith(mark)], [mark + line for line in typed])

@@ -1,4 +1,5 @@
 """Ctrl-C, SIGTERM and closed pipes: every end is clean on the wire, in the files and for the shell."""
+import fcntl
 import os
 import re
 import signal
@@ -37,7 +38,7 @@ class StoppingTest(harness.SystemTest):
         return code
 
     def test_measurement_ends_cleanly_whatever_ends_it(self):
-        for end in (signal.SIGINT, signal.SIGTERM, "closed pipe", "duration"):
+        for end in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, "closed pipe", "duration"):
             with self.subTest(end):
                 relay = self.start_relay()
                 duration = ["-t", "0.5"] if end == "duration" else []
@@ -130,7 +131,8 @@ class StoppingTest(harness.SystemTest):
         program.wait_for(lambda: relay.names().count("DOWNLOAD") == 2, "the second write")
         self.assertEqual(harness.stop(program)[0], 1)
         self.assertEqual((program.out, program.err),
-                         (value_line("cal_limited", "1.000") + value_line("cal_limited", "2.000"), ""))
+                         (value_line("cal_limited", "1.000") + value_line("cal_limited", "2.000"),
+                          "".join(f"cal_limited={n}: not written, stopped\n" for n in range(3, 9))))
         self.assertEqual(relay.names()[-1], "DISCONNECT")
         self.expect(self.run_cli(relay.sim, "get", "cal_limited"), value_line("cal_limited", "2.000"))
         self.assertEqual(harness.counters(relay.sim)["writes"], 2)
@@ -148,6 +150,23 @@ class StoppingTest(harness.SystemTest):
         self.assertEqual(harness.counters(sim)["samples"], recorded)
         skipped = re.findall(r"measure: (\d+) line\(s\) not printed, standard output did not take them", program.err)
         self.assertEqual([int(count) for count in skipped], [recorded - lines], program.err)
+
+    def test_standard_error_that_nobody_reads_holds_up_nothing(self):
+        sim = self.start_sim()
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(writing, b"z" * 4096)
+        config = self.quick_config(xcp=LONG, reconnect={"policy": "retry_forever"})
+        file = self.dir / "rec" / "g0000.rec"
+        program = self.start(self.arguments(sim, "-c", config, "measure", "-s", "counter_1ms", "-r", file.parent),
+                             stderr=writing)
+        os.close(writing)
+        program.wait_for(lambda: file.exists() and file.stat().st_size > 100, "records")
+        sim.signal(signal.SIGUSR1)
+        enough = 36000 + file.stat().st_size  # more than was under way at the restart
+        program.wait_for(lambda: file.stat().st_size > enough, "records after the restart")
+        self.assertEqual(harness.stop(program)[0], 0)
 
 
 if __name__ == "__main__":

@@ -1,9 +1,12 @@
 #include "xcp/serial_transport.h"
 
+#include <array>
 #include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <mutex>
+#include <poll.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -124,6 +127,18 @@ TEST_F(SerialTransportTest, NeverPutsAFrameIntoText) {
     EXPECT_EQ(send({7}), "");
     EXPECT_EQ(talker.get(), "");
     EXPECT_TRUE(reader.get() == line.substr(1) + "\n" + frames);
+    // A stop cuts the text, not what belongs to XCP.
+    auto cut = std::async(std::launch::async, [&] { return outcome(transport_.sendText(line)); });
+    EXPECT_EQ(terminal_->read(1), "t");
+    transport_.requestStop();
+    pollfd more{.fd = terminal_->descriptor(), .events = POLLIN, .revents = 0};
+    std::array<char, 4096> block;
+    while (cut.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
+        if (::poll(&more, 1, 0) <= 0) continue;
+        ASSERT_GT(::read(more.fd, block.data(), block.size()), 0);
+    }
+    EXPECT_EQ(cut.get().substr(0, 29), "XCP on serial: stopped after ");
+    EXPECT_EQ(send({7}), "");
 }
 
 TEST_F(SerialTransportTest, ReceivesDuringTheResetDelayUntilSomethingEndsIt) {
