@@ -412,6 +412,7 @@ Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionC
         return Error{ErrorCode::invalidArgument, "cannot write " + path.string() + ": " + e.what()};
     }
     if (const int failure = replaceOrWrite(path, text); failure != 0) {
+        spdlog::debug("{}: {}", path.string(), std::strerror(failure));
         return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
     }
     return {};

@@ -118,8 +118,9 @@ Result<void> RecordingWriter::State::prepare() {
     if (const int failure = flushDirectoryToDisk(path); failure != 0) {
         return Error::fromErrno(failure, "cannot write " + path.string());
     }
-    madeMeta = true;
-    if (auto committed = meta.commit(); !committed) return committed;
+    auto committed = meta.commit();
+    madeMeta = meta.isInPlace();
+    if (!committed) return committed;
     return startThread();
 }
 
@@ -137,10 +138,7 @@ Result<void> RecordingWriter::State::makeDirectory() {
             return Error{codeFromErrno(lost), "cannot create " + path.string(), lost};
         }
     }
-    // Even a dangling link may be somebody's recording on a disk that is not there.
-    const fs::file_status meta = fs::symlink_status(path / kMetaFileName, failure);
-    if (!fs::exists(meta)) return {};
-    return Error{ErrorCode::alreadyOpen, path.string() + " already contains a recording"};
+    return {};
 }
 
 Result<void> RecordingWriter::State::checkGroups() const {

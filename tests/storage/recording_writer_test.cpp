@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "storage/recording_fixture.h"
+#include "storage/recording_meta.h"
 #include "storage/recording_reader.h"
 #include "support/temp_dir.h"
 
@@ -132,6 +133,25 @@ TEST_F(RecordingWriterTest, NeverOverwritesARecordingButWhatACrashedStartLeft) {
     fs::remove(file("meta.json"));
     fs::create_symlink("gone", file("meta.json"));
     EXPECT_EQ(createError(path()), path().string() + " already contains a recording");
+}
+
+TEST_F(RecordingWriterTest, OfTwoWritersInOneDirectoryTheSecondIsRefusedAndTouchesNothing) {
+    auto writer = create();
+    EXPECT_EQ(createError(path()), path().string() + " already contains a recording");
+    // As it is while the first one starts: first nothing but its locked text, then its files.
+    const std::string refusal = path().string() + " is being recorded to by another program";
+    fs::rename(file("meta.json"), file("aside"));
+    EXPECT_EQ(createError(path()), refusal);
+    MetaFile staged(path());
+    ASSERT_TRUE(staged.stage(test::smallRecording()).ok());
+    EXPECT_EQ(createError(path()), refusal);
+    // A text that came from somewhere else meanwhile stays.
+    fs::rename(file("aside"), file("meta.json"));
+    EXPECT_EQ(staged.commit().error().text(), path().string() + " already contains a recording");
+    EXPECT_FALSE(staged.isInPlace());
+    writeSmall(*writer, 0);
+    EXPECT_TRUE(writer->close().ok());
+    EXPECT_EQ(fs::file_size(file("g0000.rec")), 32U + 11);
 }
 
 TEST_F(RecordingWriterTest, DiscardRemovesOnlyWhatItMade) {
