@@ -162,6 +162,11 @@ TEST_F(RecordingWriterTest, DiscardRemovesOnlyWhatItMade) {
         writeSmall(*writer, n);
     EXPECT_TRUE(writer->discard().ok());
     EXPECT_EQ(entries(), (Names{"g0000.tix"}));
+
+    fs::create_directory(dir_.path() / "a");
+    const auto deep = RecordingWriter::create(dir_.path() / "a/deep/er/", test::smallRecording(), {});
+    EXPECT_TRUE(deep.value()->discard().ok());
+    EXPECT_TRUE(fs::is_empty(dir_.path() / "a"));
 }
 
 TEST(RecordingQueue, HoldsEightOfTheLargestRecords) {
