@@ -103,11 +103,13 @@ TEST_F(UdpTransportTest, ExchangesPacketsAndCountsDamage) {
     answer("01 00 00 90 E2");                    // more than half the range ahead
     answer("01 00 00 00 E3");                    // begun anew
     answer("01 00 03 00 E4");
-    answer("01 00 01 00 F1");  // a step back
-    EXPECT_EQ(upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][F1]");
+    answer("01 00 01 00 E5");  // late, not missing
+    answer("01 00 01 00 E5");  // doubled
+    answer("01 00 04 00 F1");
+    EXPECT_EQ(upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][E5][E5][F1]");
     const UdpStatistics before = transport_->statistics();
-    EXPECT_EQ(before.counterGaps, 5U);
-    EXPECT_EQ(before.missingPackets, 5U);
+    EXPECT_EQ(before.counterGaps, 7U);
+    EXPECT_EQ(before.missingPackets, 3U + 1U);
     EXPECT_EQ(before.malformedDatagrams, 3U);
 
     const std::string whole = "01 00 00 00 A1 02 00 01 00 A2 B3";
@@ -118,8 +120,8 @@ TEST_F(UdpTransportTest, ExchangesPacketsAndCountsDamage) {
     transport_->close();
     transport_->close();
     const UdpStatistics after = transport_->statistics();
-    EXPECT_EQ(after.datagrams, 9U + 12U);
-    EXPECT_EQ(after.packets, 9U + 7U + 1U);
+    EXPECT_EQ(after.datagrams, 11U + 12U);
+    EXPECT_EQ(after.packets, 11U + 7U + 1U);
     EXPECT_EQ(after.malformedDatagrams, 3U + 4U + 5U);
     EXPECT_EQ(after.kernelDrops, 0U);
 }
