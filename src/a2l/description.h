@@ -194,9 +194,11 @@ class Description {
     std::unique_ptr<Store> store_;
 };
 
-/// Reads and parses a file. Errors: "cannot open A2L file PATH" (with the errno), the tokenizer's "A2L line
-/// N: ...", "A2L: no PROJECT block", "A2L: no MODULE block". An object that cannot be read becomes a warning.
-Result<Description> load(const std::filesystem::path& path);
+/// Reads and parses a file; reading ends when `stopDescriptor` becomes readable. Errors: "cannot open A2L
+/// file PATH" (with the errno), "cannot read A2L file PATH: REASON", too little memory for its content and a
+/// stop included, "A2L file PATH is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT
+/// block", "A2L: no MODULE block". An object that cannot be read becomes a warning.
+Result<Description> load(const std::filesystem::path& path, int stopDescriptor = -1);
 
 /// The same from text in memory (UTF-8, Windows-1252 or UTF-16 with a byte order mark).
 Result<Description> parseDescription(std::string_view text);

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <sys/mman.h>
@@ -16,12 +16,15 @@
 #include <utility>
 
 #include "a2l/parser.h"
+#include "core/stoppable_input.h"
 #include "core/text.h"
 
 namespace lm::a2l {
 namespace {
 
 constexpr std::size_t kReadStep = std::size_t{256} << 10U;
+/// Far above the largest A2L files: what has no end is not read until the memory has one.
+constexpr std::size_t kMaxText = std::size_t{2} << 30U;
 
 /// The bytes of a file as they come, and whether they are UTF-8: this is seen while they are in the cache,
 /// not in a pass of its own over hundreds of megabytes.
@@ -104,40 +107,58 @@ Error cannotOpen(const std::filesystem::path& path, int systemError) {
     return Error{code, "cannot open A2L file " + path.string(), systemError, Error::kNoDetail};
 }
 
-/// 0, or the errno of what failed.
-int readAll(int descriptor, FileText& text) {
-    for (;;) {
-        char* const room = text.room();
-        const ssize_t count = ::read(descriptor, room, text.roomSize());
-        if (count == 0) return 0;
-        if (count > 0) {
-            text.add(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            return errno;
-        }
-    }
+Error cannotRead(const std::filesystem::path& path, int systemError) {
+    return Error::fromErrno(systemError, "cannot read A2L file " + path.string());
 }
 
-}  // namespace
+/// 0, or the errno of what failed; EFBIG above the largest size.
+int readAll(int descriptor, FileText& text, int stopDescriptor) {
+    while (text.text().size() <= kMaxText) {
+        char* const room = text.room();
+        const ssize_t count = readUnlessStopped(descriptor, room, text.roomSize(), stopDescriptor);
+        if (count == 0) return 0;
+        if (count < 0) return errno;
+        text.add(static_cast<std::size_t>(count));
+    }
+    return EFBIG;
+}
 
-Result<Description> load(const std::filesystem::path& path) {
-    int descriptor = -1;
-    do {
-        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    } while (descriptor < 0 && errno == EINTR);
+Result<FileText> readText(const std::filesystem::path& path, int stopDescriptor) {
+    const int descriptor = openForReading(path);
     if (descriptor < 0) return cannotOpen(path, errno);
+    const auto close = [](const int* opened) { ::close(*opened); };
+    const std::unique_ptr<const int, decltype(close)> closing(&descriptor, close);
     struct stat status {};
     const bool sized = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-    FileText text((sized ? static_cast<std::size_t>(status.st_size) : 0) + kReadStep);
-    const int failure = readAll(descriptor, text);
-    ::close(descriptor);
+    const std::size_t size = sized ? static_cast<std::size_t>(status.st_size) : 0;
+    FileText text(size > kMaxText ? 0 : size + kReadStep);
+    const int failure = size > kMaxText ? EFBIG : readAll(descriptor, text, stopDescriptor);
+    if (failure == 0) return text;
     if (failure == EISDIR) return cannotOpen(path, failure);
-    if (failure != 0) return Error::fromErrno(failure, "cannot read A2L file " + path.string());
+    if (failure == EFBIG) {
+        return Error{ErrorCode::invalidArgument, "A2L file " + path.string() + " is larger than 2 GiB"};
+    }
+    return cannotRead(path, failure);
+}
 
+Result<Description> readAndParse(const std::filesystem::path& path, int stopDescriptor) {
+    auto read = readText(path, stopDescriptor);
+    if (!read) return read.error();
+    FileText text = std::move(read).value();
     const auto other = converted(text.text(), text.isUtf8());
     if (!other) return parseUtf8(text.text());
     text = FileText(0);
     return parseUtf8(*other);
+}
+
+}  // namespace
+
+Result<Description> load(const std::filesystem::path& path, int stopDescriptor) {
+    try {
+        return readAndParse(path, stopDescriptor);
+    } catch (const std::bad_alloc&) {
+        return cannotRead(path, ENOMEM);
+    }
 }
 
 Result<Description> parseDescription(std::string_view text) {

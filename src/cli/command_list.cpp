@@ -113,7 +113,7 @@ int runList(const Options& options, const session::SessionConfig& config, Output
         printError("session", Error{ErrorCode::invalidArgument, "no A2L file configured"});
         return 1;
     }
-    const auto description = a2l::load(config.a2l);
+    const auto description = a2l::load(config.a2l, stopDescriptor());
     if (!description) {
         printError("session", description.error());
         return 1;

@@ -39,7 +39,7 @@ Result<session::SessionConfig> effectiveConfig(const Options& options, const cha
     session::SessionConfig config;
     errorPrefix = "configuration";
     if (options.configFile) {
-        auto loaded = session::loadSessionConfig(*options.configFile);
+        auto loaded = session::loadSessionConfig(*options.configFile, stopDescriptor());
         if (!loaded) return loaded.error();
         config = std::move(loaded).value();
     }
@@ -98,7 +98,8 @@ int runConnected(const Options& options, session::Session& session, Console& con
 
 int runSession(const Options& options, session::SessionConfig config, Output& output) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
-    auto created = session::Session::create(std::move(config));
+    auto created = session::Session::create(std::move(config), {}, session::ChannelPool::ofThisMachine(),
+                                            stopDescriptor());
     if (!created) {
         printError("session", created.error());
         return 1;

@@ -1,5 +1,5 @@
-// Files that have to survive a power failure: flushing to the disk, and replacing a file by another so that
-// under its name there is always the whole old one or the whole new one.
+// Files that appear under their name only when they are whole: made under a temporary name, put in place at
+// the end; and flushing to the disk, for those that have to survive a power failure.
 //
 // Threads: pure functions from any thread; a StagedFile belongs to one at a time. Lifetime: a StagedFile owns
 // its temporary file and removes it unless it was put in place.
@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <string_view>
-#include <utility>
 
 namespace lm {
 
@@ -16,27 +15,39 @@ namespace lm {
 int flushToDisk(int descriptor);
 int flushDirectoryToDisk(const std::filesystem::path& directory);
 
-/// The text of a file to be, under another name until commit(). Each step returns 0 or an errno.
+/// A file to be, under a temporary name in the directory of its target until place(). Its lock tells others
+/// that it is not abandoned. Each step returns 0 or an errno.
 class StagedFile {
   public:
-    explicit StagedFile(std::filesystem::path temporary) : temporary_(std::move(temporary)) {}
-    ~StagedFile();
+    StagedFile() = default;
+    StagedFile(StagedFile&& other) noexcept;
+    StagedFile& operator=(StagedFile&& other) noexcept;
     StagedFile(const StagedFile&) = delete;
     StagedFile& operator=(const StagedFile&) = delete;
+    ~StagedFile();
 
-    /// Fails with EEXIST when something stands under the temporary name.
-    int create();
-    /// The whole text, flushed to the disk. Nothing else may follow but commit().
+    /// As "TARGET.xcplumo-PID.tmp", with a number behind it when that is taken. Removes what programs of this
+    /// user that have ended left under such names for the same target.
+    int createBeside(const std::filesystem::path& target);
+    /// Under this very name. What stands there is removed; EWOULDBLOCK when another program is staging it.
+    int createAs(const std::filesystem::path& temporary);
+
+    /// The whole text, flushed to the disk.
     int write(std::string_view text);
-    /// Gives the file its name, in the same directory, and flushes that to the disk too.
-    int commit(const std::filesystem::path& target);
+    /// Gives up the lock with the descriptor; tells late failures of writes.
+    int close();
+
+    enum class Existing { replaced, kept };
+    /// Gives the file its name; it may still be open. EEXIST when something has that name that is to be kept.
+    int place(const std::filesystem::path& target, Existing existing);
 
     int descriptor() const { return descriptor_; }
 
   private:
-    std::filesystem::path temporary_;
+    int make(const std::filesystem::path& temporary);
+
+    std::filesystem::path temporary_;  ///< empty unless it stands there
     int descriptor_ = -1;
-    bool made_ = false;  ///< stands under its temporary name
 };
 
 /// Replaces the file that `path` names (or links to) by a new one, whole and on the disk, with the rights of

@@ -1,6 +1,5 @@
 // A file that appears under its name only when it is whole: written beside it under a temporary name, renamed
-// at the end, removed when anything goes wrong before. What a killed program left is removed by the next one
-// that writes the same file; a lock tells it from what is still being written.
+// at the end, removed when anything goes wrong before.
 //
 // Threads: one at a time. Lifetime: owns the file; the destructor removes what was not committed. Like a
 // copy made by `cp`, a committed file reaches the disk when the system sees fit.
@@ -10,7 +9,9 @@
 #include <filesystem>
 #include <span>
 #include <string_view>
+#include <utility>
 
+#include "core/durable_file.h"
 #include "core/result.h"
 
 namespace lm::exporter {
@@ -23,12 +24,6 @@ class OutputFile {
   public:
     /// Errors: those of checkTarget(); "cannot create PATH: REASON".
     static Result<OutputFile> create(const std::filesystem::path& target, bool replace);
-
-    OutputFile(OutputFile&& other) noexcept;
-    OutputFile& operator=(OutputFile&& other) noexcept;
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-    ~OutputFile();
 
     /// Bytes so far: where the next append() goes.
     std::uint64_t size() const { return size_; }
@@ -46,15 +41,13 @@ class OutputFile {
     const std::filesystem::path& path() const { return target_; }
 
   private:
-    OutputFile(std::filesystem::path target, std::filesystem::path temporary, int descriptor, bool replace);
+    OutputFile(std::filesystem::path target, bool replace) : target_(std::move(target)), replace_(replace) {}
 
     Error writeError(int systemError) const;
     void keepMode() const;
-    int rename() const;
 
     std::filesystem::path target_;
-    std::filesystem::path temporary_;  ///< empty once committed
-    int descriptor_ = -1;
+    StagedFile file_;
     bool replace_ = false;
     std::uint64_t size_ = 0;
 };

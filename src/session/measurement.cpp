@@ -257,7 +257,9 @@ MeasurementStats Measurement::statistics() const {
     if (context_.transport.udp != nullptr) {
         const xcp::UdpStatistics udp = context_.transport.udp->statistics();
         stats.counterGaps = udp.counterGaps - udpAtStart_.counterGaps;
-        stats.missingPackets = udp.missingPackets - udpAtStart_.missingPackets;
+        // Less when packets from before the start came late.
+        stats.missingPackets =
+            std::max(udp.missingPackets, udpAtStart_.missingPackets) - udpAtStart_.missingPackets;
         stats.malformedDatagrams = udp.malformedDatagrams - udpAtStart_.malformedDatagrams;
         stats.kernelDrops = udp.kernelDrops - udpAtStart_.kernelDrops;
     }

@@ -65,7 +65,7 @@ struct MeasurementStats {
     std::uint64_t unknownDtos = 0;
     std::uint64_t malformedDtos = 0;
     std::uint64_t counterGaps = 0;         ///< UDP: places where the packet counter jumped
-    std::uint64_t missingPackets = 0;      ///< UDP: packets that the jumps stand for
+    std::uint64_t missingPackets = 0;      ///< UDP: packets that the jumps skipped and that did not come late
     std::uint64_t malformedDatagrams = 0;  ///< UDP
     std::uint64_t kernelDrops = 0;         ///< UDP: datagrams the kernel dropped for want of buffer space
     std::uint64_t invalidFrames = 0;       ///< serial line

@@ -50,9 +50,11 @@ class Session final : private xcp::IMasterListener {
     using WarningCallback = std::function<void(const std::string&)>;
 
     /// Loads the A2L and chooses the transport, which opens a CAN channel of the pool; nothing is sent.
-    /// Errors: "no A2L file configured", those of a2l::load and chooseTransport.
+    /// `stopDescriptor`, as of a2l::load, ends the reading. Errors: "no A2L file configured", those of
+    /// a2l::load and chooseTransport.
     static Result<std::unique_ptr<Session>> create(SessionConfig config, const WarningCallback& callback = {},
-                                                   ChannelPool& pool = ChannelPool::ofThisMachine());
+                                                   ChannelPool& pool = ChannelPool::ofThisMachine(),
+                                                   int stopDescriptor = -1);
 
     ~Session() override;
     Session(const Session&) = delete;

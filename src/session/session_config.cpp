@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <fcntl.h>
+#include <cstring>
 #include <limits>
 #include <set>
 #include <stdexcept>
@@ -14,6 +14,7 @@
 #include <spdlog/spdlog.h>
 
 #include "core/durable_file.h"
+#include "core/stoppable_input.h"
 #include "core/text.h"
 
 namespace lm::session {
@@ -333,8 +334,8 @@ std::string dumped(const ordered_json& document, ordered_json::error_handler_t o
     return document.dump(2, ' ', false, onBadText);
 }
 
-Result<std::string> readWhole(const std::filesystem::path& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+Result<std::string> readWhole(const std::filesystem::path& path, int stopDescriptor) {
+    const int file = openForReading(path);
     if (file < 0) {
         return Error{ErrorCode::notFound, "cannot open configuration " + path.string(), errno};
     }
@@ -342,9 +343,9 @@ Result<std::string> readWhole(const std::filesystem::path& path) {
     std::array<char, 16384> block;
     ssize_t count = 0;
     do {
-        count = ::read(file, block.data(), block.size());
+        count = readUnlessStopped(file, block.data(), block.size(), stopDescriptor);
         if (count > 0) text.append(block.data(), static_cast<std::size_t>(count));
-    } while ((count > 0 && text.size() <= kMaxSize) || (count < 0 && errno == EINTR));
+    } while (count > 0 && text.size() <= kMaxSize);
     const int failure = count < 0 ? errno : 0;
     ::close(file);
     if (text.size() > kMaxSize) {
@@ -394,8 +395,8 @@ std::string sessionConfigToJson(const SessionConfig& config) {
     return dumped(documentOf(config), ordered_json::error_handler_t::replace);
 }
 
-Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path) {
-    auto text = readWhole(path);
+Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, int stopDescriptor) {
+    auto text = readWhole(path, stopDescriptor);
     if (!text) return text.error();
     auto config = sessionConfigFromJson(text.value(), path.parent_path());
     if (config) return config;
@@ -412,6 +413,7 @@ Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionC
         return Error{ErrorCode::invalidArgument, "cannot write " + path.string() + ": " + e.what()};
     }
     if (const int failure = replaceOrWrite(path, text); failure != 0) {
+        spdlog::debug("{}: {}", path.string(), std::strerror(failure));
         return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
     }
     return {};

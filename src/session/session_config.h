@@ -104,9 +104,10 @@ Result<SessionConfig> sessionConfigFromJson(std::string_view text,
 /// not UTF-8 become U+FFFD.
 std::string sessionConfigToJson(const SessionConfig& config);
 
-/// Errors: notFound "cannot open configuration PATH", ioError "cannot read configuration PATH" (both with the
-/// errno), and those of the conversion behind "PATH: ".
-Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path);
+/// Reading ends when `stopDescriptor` becomes readable. Errors: notFound "cannot open configuration PATH",
+/// ioError "cannot read configuration PATH" (both with the errno), and those of the conversion behind "PATH:
+/// ".
+Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, int stopDescriptor = -1);
 
 /// Replaces the file that `path` names by a new one, whole and on the disk, of the same owner (as far as the
 /// system allows) and rights, or writes to the device or pipe. Errors: "cannot write PATH" with the errno, a

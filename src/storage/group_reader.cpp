@@ -5,9 +5,10 @@
 #include <string>
 #include <utility>
 
-#include "storage/file_lock.h"
+#include "core/file_lock.h"
 
 namespace lm::storage {
+
 Result<GroupReader> GroupReader::open(const std::filesystem::path& directory, std::size_t number,
                                       const GroupInfo& group) {
     auto reader = openUnchecked(directory, number, group);

@@ -1,19 +1,37 @@
 #include "storage/recording_meta.h"
 
+#include <cerrno>
 #include <string>
-#include <unistd.h>
+#include <system_error>
 
 namespace lm::storage {
+namespace {
 
-MetaFile::MetaFile(const std::filesystem::path& directory)
-    : path_(directory / kMetaFileName), temporary_(path_.string() + ".tmp"), file_(temporary_) {}
+/// Even a dangling link may be somebody's recording on a disk that is not there.
+bool isThere(const std::filesystem::path& path) {
+    std::error_code ignored;
+    return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
+}
+
+}  // namespace
+
+Error recordedByAnother(const std::filesystem::path& directory) {
+    return {ErrorCode::wouldBlock, directory.string() + " is being recorded to by another program"};
+}
+
+Error alreadyRecorded(const std::filesystem::path& directory) {
+    return {ErrorCode::alreadyOpen, directory.string() + " already contains a recording"};
+}
 
 Result<void> MetaFile::stage(const RecordingInfo& info) {
-    // What a crash left behind, or somebody put there, is replaced and not written through.
-    ::unlink(temporary_.c_str());
-    if (const int failure = file_.create(); failure != 0) {
-        return Error{codeFromErrno(failure), "cannot write " + temporary_.string(), failure};
-    }
+    const std::filesystem::path path = directory_ / kMetaFileName;
+    const std::string temporary = path.string() + ".tmp";
+    if (isThere(path)) return alreadyRecorded(directory_);
+    const int refused = file_.createAs(temporary);
+    if (refused == EWOULDBLOCK) return recordedByAnother(directory_);
+    if (refused != 0) return Error{codeFromErrno(refused), "cannot write " + temporary, refused};
+    // Asked again now that nobody else can put one in place.
+    if (isThere(path)) return alreadyRecorded(directory_);
     if (const int failure = file_.write(metaToJson(info)); failure != 0) {
         return Error::fromErrno(failure, "cannot write meta.json");
     }
@@ -21,10 +39,14 @@ Result<void> MetaFile::stage(const RecordingInfo& info) {
 }
 
 Result<void> MetaFile::commit() {
-    if (const int failure = file_.commit(path_); failure != 0) {
-        return Error{codeFromErrno(failure), "cannot write " + path_.string(), failure};
-    }
-    return {};
+    const std::filesystem::path path = directory_ / kMetaFileName;
+    int failure = file_.place(path, StagedFile::Existing::kept);
+    inPlace_ = failure == 0;
+    if (failure == EEXIST) return alreadyRecorded(directory_);
+    if (failure == 0) failure = file_.close();
+    if (failure == 0) failure = flushDirectoryToDisk(directory_.empty() ? "." : directory_);
+    if (failure == 0) return {};
+    return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
 }
 
 Result<void> checkSignalPlaces(const GroupInfo& group) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/durable_file.h"
 #include "core/result.h"
@@ -25,21 +26,28 @@ Result<RecordingInfo> metaFromJson(std::string_view text);
 /// Errors when a signal does not lie inside its group's record: "SIGNAL: outside the group record".
 Result<void> checkSignalPlaces(const GroupInfo& group);
 
+/// wouldBlock "DIRECTORY is being recorded to by another program".
+Error recordedByAnother(const std::filesystem::path& directory);
+/// alreadyOpen "DIRECTORY already contains a recording".
+Error alreadyRecorded(const std::filesystem::path& directory);
+
 /// "meta.json" on its way: whole and on the disk under another name after stage(), and under its own after
-/// commit(). Without commit() nothing of it is left.
+/// commit(). Without commit() nothing of it is left. From stage() to commit() no other program can be there.
 class MetaFile {
   public:
-    explicit MetaFile(const std::filesystem::path& directory);
+    explicit MetaFile(std::filesystem::path directory) : directory_(std::move(directory)) {}
 
-    /// Errors: "cannot write PATH.tmp" when it cannot be made, "cannot write meta.json: REASON".
+    /// Errors: recordedByAnother(), alreadyRecorded(), "cannot write PATH.tmp" when it cannot be made,
+    /// "cannot write meta.json: REASON".
     Result<void> stage(const RecordingInfo& info);
-    /// Error: "cannot write PATH"; the file may be there all the same.
+    /// Errors: alreadyRecorded(), "cannot write PATH"; the latter also when isInPlace().
     Result<void> commit();
+    bool isInPlace() const { return inPlace_; }
 
   private:
-    std::filesystem::path path_;
-    std::filesystem::path temporary_;
+    std::filesystem::path directory_;
     StagedFile file_;
+    bool inPlace_ = false;
 };
 
 }  // namespace lm::storage

@@ -10,8 +10,8 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "core/file_lock.h"
 #include "storage/entry_reader.h"
-#include "storage/file_lock.h"
 #include "storage/group_reader.h"
 #include "storage/group_summary.h"
 #include "storage/recording_format.h"

@@ -9,6 +9,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -36,13 +37,14 @@ std::int64_t millisecondsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-/// The directories that get a new name when this one is made with its parents; none when it is there.
-std::vector<fs::path> parentsToChange(const fs::path& directory) {
-    std::vector<fs::path> parents;
+/// The directory and its parents as far as they are not there, the outermost first.
+std::vector<fs::path> missingDirectories(const fs::path& directory) {
+    std::vector<fs::path> missing;
     std::error_code failure;
     for (fs::path at = directory; !at.empty() && !fs::exists(at, failure); at = at.parent_path())
-        parents.push_back(at.has_parent_path() ? at.parent_path() : ".");
-    return parents;
+        missing.push_back(at);
+    std::reverse(missing.begin(), missing.end());
+    return missing;
 }
 
 Result<void> removeFile(const fs::path& path) {
@@ -78,7 +80,7 @@ struct RecordingWriter::State {
     const fs::path path;
     const RecordingInfo info;
     const std::int64_t flushIntervalMs;
-    bool madeDirectory = false;
+    std::vector<fs::path> madeDirectories;  ///< the outermost first
     bool madeMeta = false;
 
     // Safe from any thread.
@@ -118,29 +120,28 @@ Result<void> RecordingWriter::State::prepare() {
     if (const int failure = flushDirectoryToDisk(path); failure != 0) {
         return Error::fromErrno(failure, "cannot write " + path.string());
     }
-    madeMeta = true;
-    if (auto committed = meta.commit(); !committed) return committed;
+    auto committed = meta.commit();
+    madeMeta = meta.isInPlace();
+    if (!committed) return committed;
     return startThread();
 }
 
 Result<void> RecordingWriter::State::makeDirectory() {
     std::error_code failure;
-    const std::vector<fs::path> parents = parentsToChange(path);
-    fs::create_directories(path, failure);
-    const int reason = failure ? failure.value() : ENOTDIR;
-    if (!fs::is_directory(path, failure)) {
+    const auto failed = [this](int reason) {
         return Error{codeFromErrno(reason), "cannot create " + path.string(), reason};
+    };
+    for (const fs::path& directory : missingDirectories(path)) {
+        const bool made = fs::create_directory(directory, failure);
+        if (failure) return failed(failure.value());
+        if (made) madeDirectories.push_back(directory);
     }
-    madeDirectory = !parents.empty();
-    for (const fs::path& parent : parents) {
-        if (const int lost = flushDirectoryToDisk(parent); lost != 0) {
-            return Error{codeFromErrno(lost), "cannot create " + path.string(), lost};
-        }
+    if (!fs::is_directory(path, failure)) return failed(failure ? failure.value() : ENOTDIR);
+    for (const fs::path& directory : madeDirectories) {
+        const fs::path parent = directory.has_parent_path() ? directory.parent_path() : ".";
+        if (const int lost = flushDirectoryToDisk(parent); lost != 0) return failed(lost);
     }
-    // Even a dangling link may be somebody's recording on a disk that is not there.
-    const fs::file_status meta = fs::symlink_status(path / kMetaFileName, failure);
-    if (!fs::exists(meta)) return {};
-    return Error{ErrorCode::alreadyOpen, path.string() + " already contains a recording"};
+    return {};
 }
 
 Result<void> RecordingWriter::State::checkGroups() const {
@@ -238,8 +239,8 @@ Result<void> RecordingWriter::State::removeNewFiles() {
     }
     groups.clear();
     // rmdir leaves a directory with somebody else's files alone.
-    std::error_code notEmpty;
-    if (std::exchange(madeDirectory, false)) fs::remove(path, notEmpty);
+    for (; !madeDirectories.empty(); madeDirectories.pop_back())
+        ::rmdir(madeDirectories.back().c_str());
     return result;
 }
 

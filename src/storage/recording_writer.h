@@ -32,9 +32,10 @@ std::uint64_t recommendedQueueBytes(const RecordingInfo& info);
 class RecordingWriter {
   public:
     /// Makes the directory (with parents) and its files and starts the thread.
-    /// Errors: "cannot create PATH", "PATH already contains a recording", "SIGNAL: outside the group record",
-    /// "GROUP: record too large", "too many groups", "cannot write meta.json: REASON", "cannot write FILE",
-    /// "cannot create FILE: REASON". A failure leaves nothing behind that was not there before.
+    /// Errors: "cannot create PATH", "PATH already contains a recording", "PATH is being recorded to by
+    /// another program", "SIGNAL: outside the group record", "GROUP: record too large", "too many groups",
+    /// "cannot write meta.json: REASON", "cannot write FILE", "cannot create FILE: REASON". A failure leaves
+    /// nothing behind that was not there before.
     static Result<std::unique_ptr<RecordingWriter>> create(const std::filesystem::path& path,
                                                            RecordingInfo info, WriterOptions options);
 
@@ -52,8 +53,8 @@ class RecordingWriter {
     /// Errors: ioError "write error in PATH" when any write failed during the recording.
     Result<void> close();
 
-    /// For a measurement that did not start: closes and removes the files that this writer made, and the
-    /// directory when this writer made it and nothing else is in it. Errors: "cannot remove FILE: REASON".
+    /// For a measurement that did not start: closes and removes the files and directories that this writer
+    /// made, these unless something else is in them. Errors: "cannot remove FILE: REASON".
     Result<void> discard();
 
     /// Records that reached their file; follows the queue with a delay of one flush interval at most and is

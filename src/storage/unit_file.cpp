@@ -11,7 +11,8 @@
 #include <utility>
 
 #include "core/durable_file.h"
-#include "storage/file_lock.h"
+#include "core/file_lock.h"
+#include "storage/recording_meta.h"
 
 namespace lm::storage {
 namespace {
@@ -23,23 +24,35 @@ struct Opened {
     bool isNew = false;
 };
 
-/// An existing file is truncated; whether it existed decides later who may remove it. Nothing is written
-/// through a link, to where nobody asked for it, nor into a pipe or a device, which wait for, or do, who
-/// knows what.
+/// Closes the file when another program is writing it, or has just removed it.
+Result<Opened> claimed(Opened opened, const std::filesystem::path& path) {
+    if (lockForWriting(opened.descriptor) && standsAt(opened.descriptor, path)) return opened;
+    ::close(opened.descriptor);
+    return recordedByAnother(path.parent_path());
+}
+
+/// The file under its name, locked; truncated when it existed, which decides later who may remove it.
+/// Nothing is written through a link, to where nobody asked for it, nor into a pipe or a device, which wait
+/// for, or do, who knows what.
 Result<Opened> openForWriting(const std::filesystem::path& path) {
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC;
-    constexpr mode_t kMode = 0666;
+    constexpr int kFlags = O_WRONLY | O_CLOEXEC;
     const std::string context = "cannot create " + path.string();
-    const int made = ::open(path.c_str(), kFlags | O_EXCL, kMode);
-    if (made >= 0) return Opened{made, true};
+    const int made = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0666);
+    if (made >= 0) return claimed({made, true}, path);
     if (errno != EEXIST) return Error::fromErrno(errno, context);
     struct stat status {};
     if (::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
         return Error{ErrorCode::invalidArgument, context + ": not a regular file", EINVAL};
     }
-    const int found = ::open(path.c_str(), kFlags | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, kMode);
+    const int found = ::open(path.c_str(), kFlags | O_NOFOLLOW | O_NONBLOCK);
     if (found < 0) return Error::fromErrno(errno, context);
-    return Opened{found, false};
+    auto opened = claimed({found, false}, path);
+    if (opened && ::ftruncate(found, 0) != 0) {
+        const int failure = errno;
+        ::close(found);
+        return Error::fromErrno(failure, context);
+    }
+    return opened;
 }
 
 struct Written {
@@ -75,8 +88,6 @@ Result<UnitFile> UnitFile::create(const std::filesystem::path& path, const FileH
     if (!made) return made.error();
     const Opened opened = made.value();
     UnitFile file(path, opened.descriptor, opened.isNew, unitSize);
-    // A lock that another program has hinders nobody from writing: the directory was checked before.
-    lockForWriting(opened.descriptor);
     const Written written = writeAt(opened.descriptor, 0, header.data(), header.size());
     if (written.systemError != 0) {
         if (opened.isNew) ::unlink(path.c_str());

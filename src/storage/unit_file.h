@@ -18,9 +18,9 @@ namespace lm::storage {
 
 class UnitFile {
   public:
-    /// Creates or truncates the file and writes the header at once. `unitSize` is at least 1.
-    /// Errors: "cannot create PATH: REASON" (also for what is no regular file), "cannot write PATH: REASON";
-    /// a file that this call made is gone.
+    /// Creates or truncates the file, locked, and writes the header at once. `unitSize` is at least 1.
+    /// Errors: recordedByAnother() while another program writes it, "cannot create PATH: REASON" (also for
+    /// what is no regular file), "cannot write PATH: REASON"; a file that this call made is gone.
     static Result<UnitFile> create(const std::filesystem::path& path, const FileHeader& header,
                                    std::uint64_t unitSize);
 

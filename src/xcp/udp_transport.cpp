@@ -277,13 +277,37 @@ void UdpTransport::onDatagram(const std::uint8_t* data, std::size_t size, Receiv
 }
 
 void UdpTransport::checkCounter(std::uint16_t counter) {
-    const auto skipped = static_cast<std::uint16_t>(counter - lastCounter_ - 1);
-    if (std::exchange(counterSeen_, true) && skipped != 0) {
-        counterGaps_.add(1);
-        // More than half the range ahead is rather a packet out of order, and 0 a counter that began anew.
-        if (skipped < 0x8000 && counter != 0) missingPackets_.add(skipped);
-    }
+    const auto expected = static_cast<std::uint16_t>(lastCounter_ + 1);
+    const bool first = !std::exchange(counterSeen_, true);
     lastCounter_ = counter;
+    if (first) {
+        newestCounter_ = counter;
+        arrived_.set();
+        return;
+    }
+    if (counter != expected) counterGaps_.add(1);
+    noteMissing(counter);
+}
+
+void UdpTransport::noteMissing(std::uint16_t counter) {
+    if (static_cast<std::uint16_t>(newestCounter_ - counter) < kLate) {
+        // Late, or doubled by the network.
+        if (!arrived_[counter % kLate]) missingPackets_.subtract(1);
+        arrived_.set(counter % kLate);
+        return;
+    }
+    const auto ahead = static_cast<std::uint16_t>(counter - newestCounter_);
+    // More than half the range ahead is far behind.
+    const bool begunAnew = ahead > 0x8000 || (counter == 0 && ahead != 1);
+    if (begunAnew) {
+        arrived_.set();
+    } else {
+        missingPackets_.add(ahead - 1U);
+        for (std::uint16_t i = 1; i < std::min(ahead, kLate); ++i)
+            arrived_.reset(static_cast<std::uint16_t>(counter - i) % kLate);
+        arrived_.set(counter % kLate);
+    }
+    newestCounter_ = counter;
 }
 
 void UdpTransport::noteKernelDrops(std::uint32_t total) {

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <atomic>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -33,9 +34,10 @@ struct UdpStatistics {
     std::uint64_t datagrams = 0;
     std::uint64_t packets = 0;
     std::uint64_t malformedDatagrams = 0;
-    std::uint64_t counterGaps = 0;
-    std::uint64_t missingPackets = 0;  ///< how many packets the gaps skip; a step back or to 0 counts none
-    std::uint64_t kernelDrops = 0;     ///< datagrams that found the socket's receive buffer full
+    std::uint64_t counterGaps = 0;  ///< packets whose counter did not follow the one before
+    /// Packets that the counter skipped and that did not come late: one that does is taken back.
+    std::uint64_t missingPackets = 0;
+    std::uint64_t kernelDrops = 0;  ///< datagrams that found the socket's receive buffer full
 };
 
 class UdpTransport final : public ITransport {
@@ -78,6 +80,7 @@ class UdpTransport final : public ITransport {
     void onBatch(Batch& batch, std::size_t count);
     void onDatagram(const std::uint8_t* data, std::size_t size, ReceiveTime time);
     void checkCounter(std::uint16_t counter);
+    void noteMissing(std::uint16_t counter);
     void noteKernelDrops(std::uint32_t total);
     void reportReceiveError(int systemError);
 
@@ -99,6 +102,10 @@ class UdpTransport final : public ITransport {
     // Receive thread only (open resets them before it starts).
     bool counterSeen_ = false;
     std::uint16_t lastCounter_ = 0;
+    /// A packet that lies further behind is not late: its ECU has begun anew. Some datagrams of many packets.
+    static constexpr std::uint16_t kLate = 256;
+    std::uint16_t newestCounter_ = 0;
+    std::bitset<kLate> arrived_;  ///< of the last kLate counters, each at its remainder
     std::uint32_t lastKernelDrops_ = 0;
 
     // Written by the receive thread.

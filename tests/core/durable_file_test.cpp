@@ -4,6 +4,7 @@
 #include <iterator>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +24,9 @@ TEST(DurableFile, ReplacingKeepsLinkAndRightsAndLeavesNothingElse) {
     const test::TempDir directory;
     const fs::path file = directory.path() / "a";
     const fs::path link = directory.path() / "b";
+    // A killed program that had this one's number left its file.
+    const std::string mine = ".xcplumo-" + std::to_string(::getpid()) + ".tmp";
+    std::ofstream(directory.path() / ("a" + mine)) << "left";
     ASSERT_EQ(replaceOrWrite(file, "first"), 0);
     fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
     fs::create_symlink("a", link);
@@ -32,7 +36,7 @@ TEST(DurableFile, ReplacingKeepsLinkAndRightsAndLeavesNothingElse) {
     struct stat status {};
     ASSERT_EQ(::stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0640U);
-    EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 2);
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 3);
 
     EXPECT_EQ(replaceOrWrite(directory.path() / "none" / "a", "x"), ENOENT);
     EXPECT_EQ(replaceOrWrite("/dev/full", "x"), ENOSPC);

@@ -14,11 +14,17 @@ namespace {
 TEST(OutputFile, RemovesWhatAKilledExportLeftAndNothingElse) {
     const test::TempDir directory;
     const auto named = [&](const std::string& name) { return directory.path() / name; };
-    const std::set<std::string> others = {"x.csv.tmp", "x.csv.1a.tmp", "x.csv.1.tmpa", "x.csv.1.tm",
-                                          "y.csv.1.tmp"};
+    // No process has the number 4194305, process 1 is always there.
+    const std::set<std::string> others = {"x.csv.tmp",
+                                          "x.csv.2024.tmp",
+                                          "x.csv.xcplumo-1.tmp",
+                                          "x.csv.xcplumo-4194305a.tmp",
+                                          "x.csv.xcplumo-4194305.tmpa",
+                                          "x.csv.xcplumo-.tmp",
+                                          "y.csv.xcplumo-4194305.tmp"};
     for (const std::string& name : others)
         std::ofstream(named(name)) << name;
-    for (const char* name : {"x.csv.1.tmp", "x.csv.4194303.tmp12"})
+    for (const char* name : {"x.csv.xcplumo-4194305.tmp", "x.csv.xcplumo-4194305.tmp12"})
         std::ofstream(named(name)) << name;
 
     auto running = OutputFile::create(named("x.csv"), false);

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "storage/file_lock.h"
+#include "core/file_lock.h"
 #include "storage/gap_finder.h"
 #include "storage/pyramid_reader.h"
 #include "storage/recording_fixture.h"

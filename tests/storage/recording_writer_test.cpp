@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "storage/recording_fixture.h"
+#include "storage/recording_meta.h"
 #include "storage/recording_reader.h"
 #include "support/temp_dir.h"
 
@@ -85,6 +86,35 @@ TEST_F(RecordingWriterTest, NeverOverwritesARecordingButWhatACrashedStartLeft) {
     fs::create_symlink("gone", file("meta.json"));
     EXPECT_EQ(RecordingWriter::create(path_, test::smallRecording(), {}).error().text(),
               path_.string() + " already contains a recording");
+}
+
+TEST_F(RecordingWriterTest, OfTwoWritersInOneDirectoryTheSecondIsRefusedAndTouchesNothing) {
+    const auto createError = [this] {
+        return RecordingWriter::create(path_, test::smallRecording(), {}).error().text();
+    };
+    const auto writer = RecordingWriter::create(path_, test::smallRecording(), {}).value();
+    EXPECT_EQ(createError(), path_.string() + " already contains a recording");
+    // As it is while the first one starts: first nothing but its locked text, then its files.
+    const std::string refusal = path_.string() + " is being recorded to by another program";
+    fs::rename(file("meta.json"), file("aside"));
+    EXPECT_EQ(createError(), refusal);
+    MetaFile staged(path_);
+    ASSERT_TRUE(staged.stage(test::smallRecording()).ok());
+    EXPECT_EQ(createError(), refusal);
+    // A text that came from somewhere else meanwhile stays.
+    fs::rename(file("aside"), file("meta.json"));
+    EXPECT_EQ(staged.commit().error().text(), path_.string() + " already contains a recording");
+    EXPECT_FALSE(staged.isInPlace());
+    EXPECT_TRUE(writer->write(0, 0, Bytes(3).data(), 3));
+    EXPECT_TRUE(writer->close().ok());
+    EXPECT_EQ(fs::file_size(file("g0000.rec")), 32U + 11);
+}
+
+TEST_F(RecordingWriterTest, DiscardRemovesTheDirectoriesItMade) {
+    fs::create_directory(dir_.path() / "a");
+    const auto deep = RecordingWriter::create(dir_.path() / "a/deep/er/", test::smallRecording(), {});
+    EXPECT_TRUE(deep.value()->discard().ok());
+    EXPECT_TRUE(fs::is_empty(dir_.path() / "a"));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 """Every failure ends in bounded time with its message, its exit code, and what was recorded until then."""
+import os
 import resource
 import unittest
 
@@ -31,7 +32,9 @@ class FailuresTest(harness.SystemTest):
 
     def test_session_construction_fails(self):
         a2l = self.write_a2l()
-        missing, broken, tcp = (self.dir / name for name in ("missing.a2l", "broken.a2l", "tcp.a2l"))
+        missing, broken, tcp, huge = (self.dir / f"{name}.a2l" for name in ("missing", "broken", "tcp", "huge"))
+        huge.touch()
+        os.truncate(huge, (2 << 30) + 1)
         lines = a2l.read_text().splitlines(keepends=True)
         at = next(i for i, line in enumerate(lines) if "/begin MEASUREMENT" in line)
         broken.write_text("".join(lines[:at + 2]))
@@ -42,6 +45,7 @@ class FailuresTest(harness.SystemTest):
             (["list"], "no A2L file configured"),
             (["--a2l", missing, "--udp", "h", "info"], f"cannot open A2L file {missing}"),
             (["--a2l", missing, "list"], f"cannot open A2L file {missing}"),
+            (["--a2l", huge, "list"], f"A2L file {huge} is larger than 2 GiB"),
             (["--a2l", broken, "info"], damage),
             (["--a2l", broken, "list"], damage),
             (["--a2l", a2l, "info"], "neither a CAN interface, a serial port nor a UDP host is configured"),

@@ -137,6 +137,17 @@ class StoppingTest(harness.SystemTest):
         self.expect(self.run_cli(relay.sim, "get", "cal_limited"), value_line("cal_limited", "2.000"))
         self.assertEqual(harness.counters(relay.sim)["writes"], 2)
 
+    def test_a_pipe_that_nobody_writes_to_is_not_waited_for_any_longer(self):
+        pipe = self.dir / "pipe"
+        os.mkfifo(pipe)
+        for option, message in (("--a2l", f"session: cannot read A2L file {pipe}: Operation canceled\n"),
+                                ("-c", f"configuration: cannot read configuration {pipe}\n")):
+            program = self.start([harness.CLI, option, pipe, "list"])
+            opened = Path(f"/proc/{program.process.pid}/fd")
+            program.wait_for(lambda: str(pipe) in map(os.path.realpath, opened.iterdir()), "the pipe to be opened")
+            self.assertEqual(self.stop_in_time(program), 1)
+            self.assertEqual(program.err, message)
+
     def test_reader_that_pauses_costs_lines_not_records(self):
         sim = self.start_sim("--load-signals", "300", "--load-bytes", "8")
         program, reader = self.start_piped(sim, *self.measuring(1, *(f"load_{n:04}" for n in range(300))))

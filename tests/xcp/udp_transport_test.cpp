@@ -103,13 +103,15 @@ TEST_F(UdpTransportTest, ExchangesPacketsAndCountsDamage) {
     answer("01 00 00 90 E2");                    // more than half the range ahead
     answer("01 00 00 00 E3");                    // begun anew
     answer("01 00 03 00 E4");
-    answer("01 00 01 00 F1");  // a step back
-    EXPECT_EQ(upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][F1]");
-    const UdpStatistics seen = transport_->statistics();
-    EXPECT_EQ(seen.counterGaps, 5U);
-    EXPECT_EQ(seen.missingPackets, 5U);
-    EXPECT_EQ(seen.malformedDatagrams, 3U);
-    EXPECT_EQ(seen.kernelDrops, 0U);
+    answer("01 00 01 00 E5");  // late, not missing
+    answer("01 00 01 00 E5");  // doubled
+    answer("01 00 04 00 F1");
+    EXPECT_EQ(upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][E5][E5][F1]");
+    const UdpStatistics before = transport_->statistics();
+    EXPECT_EQ(before.counterGaps, 7U);
+    EXPECT_EQ(before.missingPackets, 3U + 1U);
+    EXPECT_EQ(before.malformedDatagrams, 3U);
+    EXPECT_EQ(before.kernelDrops, 0U);
 }
 
 TEST_F(UdpTransportTest, ARefusedDatagramFailsNoLaterOne) {

@@ -1,10 +1,11 @@
-#include "storage/file_lock.h"
+#include "core/file_lock.h"
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-namespace lm::storage {
+namespace lm {
 namespace {
 
 struct flock wholeFile() {
@@ -26,4 +27,11 @@ bool isLockedByAnother(int descriptor) {
     return ::fcntl(descriptor, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-}  // namespace lm::storage
+bool standsAt(int descriptor, const std::filesystem::path& path) {
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(descriptor, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+}  // namespace lm

@@ -1,0 +1,19 @@
+// Reading a file that may be a pipe nobody writes to: it is waited for, but a stop request ends the waiting.
+//
+// Threads: pure functions from any thread. Lifetime: descriptors are borrowed.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <sys/types.h>
+
+namespace lm {
+
+/// For the function below; returns at once for a pipe without a writer too. -1 with errno.
+int openForReading(const std::filesystem::path& path);
+
+/// As read() does, waiting for data where there is none yet. -1 with ECANCELED when `stopDescriptor` became
+/// readable first; -1 as descriptor: never.
+ssize_t readUnlessStopped(int descriptor, void* into, std::size_t size, int stopDescriptor);
+
+}  // namespace lm
