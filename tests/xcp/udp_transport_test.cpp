@@ -105,11 +105,13 @@ TEST_F(UdpTransportTest, ExchangesPacketsAndCountsDamage) {
     answer("01 00 03 00 E4");
     answer("01 00 01 00 E5");  // late, not missing
     answer("01 00 01 00 E5");  // doubled
-    answer("01 00 04 00 F1");
-    EXPECT_EQ(upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][E5][E5][F1]");
+    answer("01 00 04 00 E6");
+    answer("01 00 00 00 E7");  // begun anew already
+    answer("01 00 02 00 F1");
+    EXPECT_EQ(upTo("F1"), "[A1][A2 A3][B1][C1][E1][E2][E3][E4][E5][E5][E6][E7][F1]");
     const UdpStatistics before = transport_->statistics();
-    EXPECT_EQ(before.counterGaps, 7U);
-    EXPECT_EQ(before.missingPackets, 3U + 1U);
+    EXPECT_EQ(before.counterGaps, 9U);
+    EXPECT_EQ(before.missingPackets, 3U + 1U + 1U);
     EXPECT_EQ(before.malformedDatagrams, 3U);
     EXPECT_EQ(before.kernelDrops, 0U);
 }
