@@ -109,10 +109,11 @@ Result<void> SocketCanChannel::startReceiving(UniqueFd socket) {
         const std::lock_guard lock(socketMutex_);
         socket_ = std::move(socket);
     }
-    auto thread = startThread("start receiving on " + config_.interfaceName,
-                              [this, batch = std::make_unique<Batch>(batchSize(config_))]() mutable {
-                                  receiveLoop(std::move(batch));
-                              });
+    const std::string context = "start receiving on " + config_.interfaceName;
+    auto batch = allocateFor<Batch>(context, batchSize(config_));
+    if (!batch) return batch.error();
+    auto thread = startThread(
+        context, [this, memory = std::move(batch).value()]() mutable { receiveLoop(std::move(memory)); });
     if (!thread) return thread.error();
     thread_ = std::move(thread).value();
     return {};

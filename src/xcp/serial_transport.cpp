@@ -1,8 +1,6 @@
 #include "xcp/serial_transport.h"
 
 #include <array>
-#include <cerrno>
-#include <new>
 #include <pthread.h>
 #include <utility>
 
@@ -125,17 +123,14 @@ Result<void> SerialTransport::openPort() {
         return prefixed(opened.error());
     }
     constexpr const char* kContext = "XCP on serial: cannot start the receive thread";
-    std::unique_ptr<Reception> reception;
-    try {
-        reception = std::make_unique<Reception>(*this);
-    } catch (const std::bad_alloc&) {
-        return Error::fromErrno(ENOMEM, kContext);
-    }
+    auto reception = allocateFor<Reception>(kContext, *this);
+    if (!reception.ok()) return reception.error();
     lossReason_.clear();
     lost_ = false;
     running_ = true;
-    auto thread = startThread(
-        kContext, [this, reception = std::move(reception)]() mutable { receiveLoop(std::move(reception)); });
+    auto thread = startThread(kContext, [this, memory = std::move(reception).value()]() mutable {
+        receiveLoop(std::move(memory));
+    });
     if (!thread.ok()) return thread.error();
     thread_ = std::move(thread).value();
     return {};

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <memory>
 #include <netdb.h>
-#include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -151,15 +150,11 @@ Result<void> UdpTransport::open() {
 
 Result<void> UdpTransport::startReceiving() {
     constexpr const char* kContext = "XCP on UDP: cannot start the receive thread";
-    std::unique_ptr<Batch> batch;
-    try {
-        batch = std::make_unique<Batch>();
-    } catch (const std::bad_alloc&) {
-        return Error::fromErrno(ENOMEM, kContext);
-    }
+    auto batch = allocateFor<Batch>(kContext);
+    if (!batch) return batch.error();
     running_ = true;
-    auto thread =
-        startThread(kContext, [this, batch = std::move(batch)]() mutable { receiveLoop(std::move(batch)); });
+    auto thread = startThread(
+        kContext, [this, memory = std::move(batch).value()]() mutable { receiveLoop(std::move(memory)); });
     if (!thread) return thread.error();
     thread_ = std::move(thread).value();
     return {};
