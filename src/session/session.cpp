@@ -253,7 +253,7 @@ void Session::requestStop() {
     stopRequested_ = true;
     if (transport_.serial != nullptr) transport_.serial->requestStop();
     if (writing_) {
-        master_->refuseExtensions();
+        master_->finishSoon();
     } else {
         master_->requestStop();
     }

@@ -54,7 +54,7 @@ TEST(MasterMemory, ARepeatGoesOnAtItsBlock) {
         "FF 00 > @; F4 01 00 01 78 56 34 12 > FE 20; F6 00 00 01 78 56 34 12 > FF; F5 01 > FF 42; "
         "F6 00 00 01 78 56 34 12 > FF; F5 07 > FF 00 01 02 03 04 05 06; F5 01; FC > FE 00; "
         "F6 00 00 01 7F 56 34 12 > FF; F5 01 > FF 07; "
-        "FF 00 > @; FC > FE 00; F4 01 00 01 78 56 34 12 > FF 43");
+        "FF 00 > @; F4 01 00 01 78 56 34 12 > FF 43");
     EXPECT_EQ(reading.run("connect; upload 1; upload 8; connect; upload 1"),
               "ok; 42; 00 01 02 03 04 05 06 07; ok; 43");
     Bench writing(
@@ -81,8 +81,9 @@ TEST(MasterDaq, GathersCapabilitiesAndEventNames) {
         {"FF 05 01 08 00 08 01 01; "  // Motorola
          "DA > FF 53 00 05 00 02 01 60; D9 > FF 00 06 01 02 6A 00 19; "
          "D7 00 00 00 > FF 04 01 09 01 07 02; F5 07 > FF 31 20 6D 73 20 65 76; F5 02; FC > FE 00; "
+         "D7 00 00 00 > FF 04 01 09 01 07 02; F5 07 > FF 31 20 6D 73 20 65 76; F5 02; FC > FE 00; "
          "D7 00 00 00 > FF 04 01 09 01 07 02; F5 07 > FF 31 20 6D 73 20 65 76; F5 02 > FF 65 6E; "
-         "FC > FE 00; D7 00 00 01 > FF 04 FF 00 00 07 00",
+         "D7 00 00 01 > FF 04 FF 00 00 07 00",
          "1111 1000 1-5 id 1 2 entry 1/6 stamp 2/25000000: 1 ms even/10000000 /0"},
         {"FF 01 00 08 08 00 01 01", "slave does not offer the DAQ resource"},
         {"@; DA > FF 13 00 00 00 00 00", "GET_DAQ_PROCESSOR_INFO response too short"},
@@ -111,23 +112,33 @@ TEST(MasterDaq, ConfiguresListByListAndTakesDisjointFirstPids) {
                                        .timestampFixed = true};
     const DaqPlan plan = planDaq(signals, capabilities, {.maxDto = 8}).value();
     const std::string script =
-        "FF 00 > @; D6 > FF; D5 00 02 00 > FF; D4 00 02 00 02 > FF; D4 00 03 00 01 > FF; "
+        "FF 00 > @; D6 > FF; D5 00 02 00; FC > FE 00; D6 > FF; D5 00 02 00 > FF; D4 00 02 00 02 > FF; D4 00 "
+        "03 00 01 > FF; "
         "D3 00 02 00 00 01 > FF; D3 00 02 00 01 01 > FF; D3 00 03 00 00 02 > FF; "
         "E2 00 02 00 00 00 > FF; E1 FF 04 01 10 00 00 00; "
         "FC > FE 00; E2 00 02 00 00 00 > FF; E1 FF 04 01 10 00 00 00 > FF; "
-        "FC > FE 00; E2 00 02 00 01 00 > FF; E1 FF 04 00 20 00 00 00 > FF; "
+        "E2 00 02 00 01 00 > FF; E1 FF 04 00 20 00 00 00 > FF; "
         "E2 00 03 00 00 00 > FF; E1 FF 02 00 30 00 00 00 > FF; "
         "E1 FF 01 00 32 00 00 00 > FF; E0 10 02 00 05 00 03 00 > FF; "
         "E0 10 03 00 08 00 01 00 > FF; DE 02 02 00 > FF 20; DE 02 03 00 > ";
-    // The slave's own; overlapping; not told; none of a DTO.
+    const char* const collide = "START_STOP_DAQ_LIST: the ECU's first PIDs";
+    // The slave's own; overlapping; not told by one; none of a DTO.
     for (const auto& [answer, expected] :
-         {std::pair{"FF 22", "20 22"}, {"FF 21", "00 02"}, {"FF", "00 02"}, {"FF FC", "00 02"}}) {
-        Bench bench(script + answer + "; DD 01 > FF; DD 00 > FF");
+         {std::pair{"FF 22", "20 22"}, {"FF 21", collide}, {"FF", "20 02"}, {"FF FC", collide}}) {
+        Bench bench(script + answer);
         bench.run("connect");
-        const auto pids = bench.master.configureDaq(plan).value();
-        EXPECT_EQ(test::hexText(pids.data(), pids.size()), expected) << answer;
-        EXPECT_TRUE(bench.master.startDaq() && bench.master.stopDaq());
+        const auto pids = bench.master.configureDaq(plan);
+        const std::string told =
+            pids ? test::hexText(pids.value().data(), pids.value().size()) : pids.error().text();
+        EXPECT_EQ(told.substr(0, std::string(expected).size()), expected) << answer;
     }
+    // Lost: the start, whose lists run by then or not.
+    Bench bench(script +
+                "FF 21; DD 01; FC > FE 00; FD > FF 00 00 00 00 00; DE 02 02 00 > FF 20; DE 02 03 00 > FF 21; "
+                "DD 01; FC > FE 00; FD > FF 40 00 00 00 00; DD 00 > FF");
+    bench.run("connect");
+    EXPECT_EQ(bench.master.configureDaq(plan, FirstPids::planned).value(), (std::vector<std::uint8_t>{0, 2}));
+    EXPECT_TRUE(bench.master.startDaq() && bench.master.stopDaq());
 }
 
 }  // namespace

@@ -3,22 +3,23 @@
 #pragma once
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+#include <functional>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <spdlog/fmt/ranges.h>
 
 #include "support/hex.h"
+#include "support/virtual_clock.h"
 #include "xcp/master.h"
 
 namespace lm::xcp::test {
 
 using lm::test::hex;
+using lm::test::VirtualClock;
 using Bytes = std::vector<std::uint8_t>;
 
 inline std::string hexText(const std::uint8_t* data, std::size_t length) {
@@ -46,15 +47,10 @@ class ScriptedSlave final : public ITransport {
         const Bytes bytes = hex(packet == "@" ? "FF 05 00 08 08 00 01 01" : packet);
         sink_->onPacket(bytes.data(), bytes.size(), {hostNs, 0});
     }
-    /// Runs `action` in a thread of its own once that many packets have been sent.
-    template <typename Action>
-    std::jthread after(std::size_t count, Action action) {
-        return std::jthread([this, count, action] {
-            std::unique_lock lock(mutex_);
-            sentOne_.wait(lock, [&] { return next_ >= count; });
-            lock.unlock();
-            action();
-        });
+    /// Called when that many packets have been sent.
+    void after(std::size_t count, std::function<void()> action) {
+        count_ = count;
+        action_ = std::move(action);
     }
 
     void setSink(IPacketSink* sink) override { sink_ = sink; }
@@ -72,23 +68,21 @@ class ScriptedSlave final : public ITransport {
         for (const std::string& answer : split(sides.size() > 1 ? sides[1] : "", ", ")) {
             deliver(answer);
         }
-        const std::lock_guard lock(mutex_);
-        ++next_;
-        sentOne_.notify_all();
+        if (++next_ == count_) action_();
         return {};
     }
 
   private:
     const std::vector<std::string> rows_;
     IPacketSink* sink_ = nullptr;
-    std::mutex mutex_;
-    std::condition_variable sentOne_;
+    std::size_t count_ = 0;
+    std::function<void()> action_;
     std::size_t next_ = 0;
 };
 
 struct Bench {
     explicit Bench(const std::string& script, const MasterOptions& options = {.t1 = 20, .t7 = 0})
-        : slave(script), master(slave, options) {}
+        : slave(script), master(slave, options, clock) {}
 
     /// Runs "COMMAND; COMMAND ARGUMENT; ..." and joins the results likewise: bytes in hexadecimal, the text
     /// of an error, or "ok".
@@ -102,6 +96,7 @@ struct Bench {
         return results;
     }
 
+    VirtualClock clock;
     ScriptedSlave slave;
     Master master;
 
@@ -122,12 +117,17 @@ struct Bench {
         if (name == "status") return told(master.getStatus());
         if (name == "fetch") return told(fetch());
         if (name == "fetchInStep") return told(inStep(master, [this] { return fetch(); }));
+        if (name == "uploadInStep") {
+            const std::size_t size = std::stoul(argument);
+            return told(inStep(master, [&] { return master.upload({0x12345678, 1}, size); }));
+        }
         if (name == "confirm") {
             const auto confirmed = master.confirm();
             return !confirmed ? confirmed.error().text() : confirmed.value() ? "in step" : "out of step";
         }
         if (name == "upload") return told(master.upload({0x12345678, 1}, std::stoul(argument)));
         if (name == "download") return told(master.download({0x10, 0}, hex(argument)));
+        if (name == "stopUnconnected") return told(master.stopDaqUnconnected());
         if (name == "stopOnce") return told(master.stopDaqOnce());
         if (name == "disconnect") return told(master.disconnect());
         if (name == "disconnectBlindly") return told(master.disconnectWithoutWaiting());

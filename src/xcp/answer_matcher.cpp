@@ -1,0 +1,149 @@
+#include "xcp/answer_matcher.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace lm::xcp {
+namespace {
+
+bool isSynchAnswer(std::span<const std::uint8_t> packet) {
+    return packet.size() >= 2 && packet[0] == kPidError && packet[1] == kErrCmdSynch;
+}
+
+Packet copyOf(std::span<const std::uint8_t> bytes) {
+    Packet packet;
+    packet.length = static_cast<std::uint8_t>(std::min(bytes.size(), Packet::kCapacity));
+    std::copy_n(bytes.begin(), packet.length, packet.bytes.begin());
+    return packet;
+}
+
+bool same(const std::optional<Packet>& known, std::span<const std::uint8_t> packet) {
+    return known && std::ranges::equal(known->view(), packet);
+}
+
+}  // namespace
+
+void AnswerMatcher::sent(Kind kind, std::size_t minimumLength, std::int64_t nowNs) {
+    const bool repeatedConnect = kind_ == Kind::connect && !answer_;
+    if (kind == Kind::connect && !repeatedConnect) strangers_ = !clear();
+    kind_ = kind;
+    minimumLength_ = minimumLength;
+    sentNs_ = nowNs;
+    waiting_ = true;
+    answer_.reset();
+    aside_.reset();
+    if (kind == Kind::synch) {
+        doubt_ = doubt_ || synchsBefore_ + synchsAfter_ > 0;
+        ++synchsAfter_;
+        return;
+    }
+    synchsBefore_ += std::exchange(synchsAfter_, 0);
+    ++owed_;
+    ++commands_;
+    closers_ = 0;
+    last_.reset();
+}
+
+AnswerMatcher::Verdict AnswerMatcher::came(std::span<const std::uint8_t> packet, std::int64_t receivedNs) {
+    const bool stale = waiting_ && receivedNs != 0 && receivedNs < sentNs_;
+    if (isSynchAnswer(packet)) return cameSynch(stale);
+    const bool wanted = waiting_ && kind_ != Kind::synch && !answer_;
+    if (!wanted) return dropOlder(packet, 0);
+    if (stale) return dropOlder(packet, 1);
+    if (kind_ == Kind::connect) {
+        if (!fitsConnect(packet)) return dropOlder(packet, 1);
+    } else if (owed_ > 1) {
+        if (kind_ == Kind::last) aside_ = copyOf(packet);
+        return dropOlder(packet, 1);
+    }
+    if (packet[0] == kPidResponse && packet.size() < minimumLength_) {
+        leftOver_ = leftOver_ || aside_;
+        aside_ = copyOf(packet);
+        return Verdict::setAside;
+    }
+    leftOver_ = leftOver_ || aside_;
+    take(copyOf(packet));
+    return Verdict::taken;
+}
+
+AnswerMatcher::Verdict AnswerMatcher::cameSynch(bool stale) {
+    synchSeen_ = true;
+    const std::uint32_t own = stale && kind_ == Kind::synch ? 1 : 0;
+    if (synchsBefore_ > 0) {
+        --synchsBefore_;
+    } else if (synchsAfter_ > own) {
+        --synchsAfter_;
+        if (++closers_ > 1 || !doubt_) closeFence();
+        if (!waiting_ || kind_ != Kind::synch) return Verdict::dropped;
+        answer_ = copyOf(std::array{kPidError, kErrCmdSynch});
+        return Verdict::taken;
+    }
+    return Verdict::dropped;
+}
+
+/// `own`: 1 when the command waited for is among those owed, and this is not its answer.
+AnswerMatcher::Verdict AnswerMatcher::dropOlder(std::span<const std::uint8_t> packet, std::uint32_t own) {
+    if (owed_ > own) {
+        --owed_;
+    } else if (same(last_, packet)) {
+        ++copies_;
+        last_.reset();
+    } else {
+        leftOver_ = true;
+    }
+    return Verdict::dropped;
+}
+
+bool AnswerMatcher::fitsConnect(std::span<const std::uint8_t> packet) {
+    if (!strangers_) return true;
+    if (packet[0] != kPidResponse || !parseConnect(packet)) return false;
+    strangers_ = false;
+    return !known_ || same(known_, packet);
+}
+
+void AnswerMatcher::take(const Packet& packet) {
+    owed_ = kind_ == Kind::connect ? owed_ - 1 : 0;
+    synchsBefore_ = 0;
+    doubt_ = false;
+    answer_ = packet;
+    last_ = packet;
+}
+
+std::optional<Packet> AnswerMatcher::endWait() {
+    if (waiting_ && !answer_ && aside_) take(*aside_);
+    waiting_ = false;
+    return answer_;
+}
+
+void AnswerMatcher::closeFence() {
+    doubt_ = doubt_ && synchsAfter_ > 0;
+    owed_ = 0;
+    closers_ = 0;
+    // Those sent meanwhile are answered before whatever comes next.
+    synchsBefore_ = std::exchange(synchsAfter_, 0);
+    leftOver_ = leftOver_ || (copies_ != 0 && copies_ != commands_);
+    commands_ = 0;
+    copies_ = 0;
+    last_.reset();
+}
+
+bool AnswerMatcher::inStep() {
+    return !std::exchange(leftOver_, false);
+}
+
+void AnswerMatcher::connected() {
+    known_ = answer_;
+    last_.reset();
+    commands_ = 0;
+    copies_ = 0;
+    leftOver_ = false;
+}
+
+void AnswerMatcher::settle() {
+    closeFence();
+    synchsBefore_ = 0;
+    leftOver_ = false;
+}
+
+}  // namespace lm::xcp

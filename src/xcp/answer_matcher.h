@@ -1,0 +1,113 @@
+// Whose answer is it? Answers of XCP carry no command number; this says, packet by packet, which command each
+// belongs to.
+//
+// It holds for a slave that answers in the order of its commands, however late, and for answers that get lost
+// or come twice:
+//  1. A RES or ERR belongs to the oldest command that is still owed one. It counts only when that is the
+//  command waited for.
+//  2. ERR_CMD_SYNCH (FE 00) belongs to the oldest SYNCH that is still owed one, never to another command.
+//  What was sent before that
+//     SYNCH is settled: an answer that had not come by then is lost. A RES or ERR that counts settles the
+//     SYNCHs before it likewise.
+//  3. A fence is closed when a SYNCH was answered after which no command had been sent: nothing can be under
+//  way but answers of SYNCHs.
+//     After an answer that did not come in time the next command waits for a closed fence (clear()).
+//  4. An answer that no command is owed is left over. One before it came twice then, and since the last
+//  closed fence each command may have been
+//     given the answer of the command before. So nothing that was decided since counts (inStep()), unless
+//     every command since then was followed by just one copy of its own answer: that slave answers all twice.
+//  5. An answer shorter than its command's layout waits for a better one. It counts when none has come until
+//  the timeout; when one comes it is left over.
+//  6. While answers of earlier commands may come, CONNECT takes only what reads as a CONNECT answer, and one
+//  unlike the last
+//     connection's only the second time.
+// It cannot see an answer lost and another doubled between the same two fences, a doubled FE 00 beside
+// another doubled answer, or answers that overtake each other.
+//
+// Threads: none of its own, one caller at a time. No clock, no lock, no packet sent: times are given.
+// Lifetime: owns all it holds.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "xcp/packet.h"
+
+namespace lm::xcp {
+
+class AnswerMatcher {
+  public:
+    enum class Kind : std::uint8_t {
+        command,
+        synch,
+        connect,
+        last,  ///< sent without a fence when all ends: an older command's answer serves when no other comes
+    };
+    enum class Verdict : std::uint8_t { taken, setAside, dropped };
+
+    /// A packet goes out now, on the host's steady clock; its answer is waited for. `minimumLength`: bytes of
+    /// the shortest positive response that fits it.
+    void sent(Kind kind, std::size_t minimumLength, std::int64_t nowNs);
+
+    /// A RES or ERR came; `receivedNs` on the same clock, 0 when not known.
+    Verdict came(std::span<const std::uint8_t> packet, std::int64_t receivedNs);
+
+    /// Whether the packet waited for has its answer; of a SYNCH: whether the fence is closed.
+    bool answered() const { return answer_.has_value(); }
+
+    /// Ends the wait: the answer, or the short one that was set aside, or nothing.
+    std::optional<Packet> endWait();
+
+    /// Nothing is owed but answers of SYNCHs that a closed fence has made harmless.
+    bool clear() const { return owed_ == 0 && synchsAfter_ == 0 && closers_ == 0; }
+    /// Clear, and no command was sent since the last closed fence.
+    bool atFence() const { return clear() && commands_ == 0; }
+    /// Whether all that counted was certainly its command's, asked at a closed fence. Forgets.
+    bool inStep();
+    /// Whether the last command was not followed by a copy of its answer yet.
+    bool awaitsCopy() const { return last_.has_value(); }
+    /// Whether the slave ever answered a SYNCH.
+    bool synchSeen() const { return synchSeen_; }
+
+    /// The answer just taken opened a connection: what was before is past.
+    void connected();
+    /// Something other than SYNCH has shown that nothing more will come. Also forgets what was left over.
+    void settle();
+
+  private:
+    Verdict cameSynch(bool stale);
+    bool fitsConnect(std::span<const std::uint8_t> packet);
+    Verdict dropOlder(std::span<const std::uint8_t> packet, std::uint32_t own);
+    void take(const Packet& packet);
+    void closeFence();
+
+    // What is owed.
+    std::uint32_t owed_ = 0;          ///< answers of commands
+    std::uint32_t synchsBefore_ = 0;  ///< FE 00 of SYNCHs sent before the last command or closed fence
+    std::uint32_t synchsAfter_ = 0;   ///< FE 00 of SYNCHs sent since
+    std::uint32_t closers_ = 0;       ///< FE 00 that came of those
+    bool doubt_ = false;              ///< a fence takes two of them
+    bool synchSeen_ = false;
+
+    // Since the last closed fence.
+    std::uint32_t commands_ = 0;
+    std::uint32_t copies_ = 0;
+    std::optional<Packet> last_ = {};  ///< the answer that counted last, until a copy of it comes
+    bool leftOver_ = false;            ///< until inStep() tells
+
+    // The packet waited for.
+    Kind kind_ = Kind::command;
+    bool waiting_ = false;
+    std::size_t minimumLength_ = 1;
+    std::int64_t sentNs_ = 0;
+    std::optional<Packet> answer_ = {};
+    std::optional<Packet> aside_ = {};
+
+    // CONNECT.
+    std::optional<Packet> known_ = {};  ///< what opened the last connection
+    bool strangers_ = false;            ///< answers of earlier commands may come
+};
+
+}  // namespace lm::xcp

@@ -1,0 +1,215 @@
+// The line to one slave: one command at a time, each with its answer. Timeouts with SYNCH and repeat, busy
+// and pending slaves, fences that show that answers belong to their commands, and a stop that ends it all in
+// bounded time. Which answer belongs to which command is the AnswerMatcher's rule; what is sent and how long
+// it is waited for is decided here.
+//
+// Fences. A SYNCH that confirms (confirm()) follows each group of answers by which something is decided;
+// while an answer is owed, one goes before the next command. A slave may lose its pointers on SYNCH, so none
+// goes between commands of which the later needs what the earlier set up. When the answers are not in step,
+// the group is asked for again, each of its commands behind a fence of its own where it needs none before it
+// (beMoreCareful()). Whether a slave answers SYNCH shows at the first fence: it is the only one that takes
+// less than t1 for silence, and asks for the status to learn whether the slave hears at all. A slave that has
+// ever answered a SYNCH must go on doing so. One that never did is believed, which is told once.
+//
+// Stop. After requestStop() commands fail at once; what still goes out (DISCONNECT, stopping DAQ, the last
+// confirm()) waits for t1 in all while the slave is silent. finishSoon() lets commands go on under the same
+// limit. EV_CMD_PENDING draws out nothing any more.
+//
+// Threads: everything from any thread. A Turn holds the others off; onAnswer, onPending, onTerminated come
+// from the receive thread and never wait for a command. Lifetime: transport and clock are borrowed and must
+// outlive the connection.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "xcp/answer_matcher.h"
+#include "xcp/master_options.h"
+#include "xcp/packet.h"
+#include "xcp/transport.h"
+
+namespace lm::xcp {
+
+/// What is done around one command.
+struct Exchange {
+    unsigned timeoutIndex = 0;      ///< 0 for t1 to 6 for t7
+    std::size_t minimumLength = 1;  ///< bytes of the shortest positive response that fits the command
+    /// Run before a timed-out command is repeated, within the same turn; its error ends the command.
+    std::function<Result<void>()> beforeRepeat = {};
+};
+
+/// Repeats of one command, or of a group that begins again as a whole.
+struct Repeats {
+    std::int32_t synch = 0;
+    std::int32_t busy = 0;
+};
+
+/// Errors of every command: notOpen "XCP slave not connected"; timeout "COMMAND: no response from slave
+/// (t1)"; timeout "COMMAND: SYNCH: no response from slave"; the ERR reply of errorReply() with the XCP code
+/// in `detail`; closed "COMMAND: stopped" after requestStop(); the transport's own errors unchanged.
+class Connection {
+  public:
+    class Turn;
+
+    Connection(ITransport& transport, const MasterOptions& options, IMasterClock& clock);
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// Waits until no other operation uses the line.
+    Result<Turn> turn();
+
+    /// See Master, which hands these on.
+    Result<void> connect(ConnectMode mode, std::int32_t attempts);
+    Result<void> disconnect();
+    Result<void> disconnectOnce();
+    Result<void> disconnectWithoutWaiting();
+    Result<void> synch();
+    Result<bool> confirm();
+    void beMoreCareful();
+    /// `command` in one exchange of t1 at most, also after requestStop().
+    Result<void> once(const Packet& command);
+    Result<void> withoutWaiting(const Packet& command);
+    /// CONNECT, `command`, DISCONNECT in t1 in all: for a slave that ended the session on its own.
+    Result<void> onceMore(const Packet& command);
+
+    void requestStop();
+    void finishSoon();
+    void clearStop();
+    bool stopRequested() const;
+
+    bool connected() const { return connected_.load(); }
+    ConnectInfo info() const;
+    /// How many CONNECTs succeeded: what was learned of the slave holds for one of them.
+    std::uint64_t number() const { return number_.load(); }
+    const MasterOptions& options() const { return options_; }
+    /// Without events and DTOs.
+    MasterStatistics statistics() const;
+
+    void onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    void onPending();
+    void onTerminated();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    using Kind = AnswerMatcher::Kind;
+    enum class Stop : std::uint8_t { none, soon, now };
+    enum class Synchs : std::uint8_t { unknown, answered, never };
+    class Finishing;
+
+    // connection.cpp; the command mutex is held.
+    static Error stopped(const Packet& command);
+    static bool isStop(const Error& error, const Packet& command);
+    static bool needsWhatWasBefore(const Packet& command);
+    Result<Packet> transact(const Packet& command, const Exchange& rules);
+    Result<std::optional<Packet>> attempt(const Packet& command, const Exchange& rules, Repeats& repeats);
+    Result<void> recover(const Packet& command, const Exchange& rules, Repeats& repeats);
+    Result<void> pauseBusy(const Packet& command);
+    Error errorOf(const Packet& command, const Packet& reply);
+    Result<void> accept(const Packet& response);
+    Result<std::optional<Packet>> lastWords(const Packet& command, Clock::duration limit);
+    Result<void> judgeLast(const Packet& command, const Result<std::optional<Packet>>& answer);
+
+    // fences.cpp; the command mutex is held.
+    Result<void> fence();
+    Result<void> fenceBefore(const Packet& command);
+    bool isClear();
+    Result<void> sendSynchs();
+    Result<void> meet();
+    Result<void> calmDown();
+    bool staysSilent(Clock::time_point since, Clock::duration least);
+    void awaitCopy();
+
+    // exchange.cpp
+    Result<std::optional<Packet>> exchange(const Packet& command, Clock::duration limit, Kind kind,
+                                           std::size_t minimumLength);
+    bool await(std::unique_lock<std::mutex>& lock, Clock::duration limit, Kind kind, std::uint64_t pendings);
+    bool mayGoOn() const { return stop_ != Stop::now || finishing_; }
+    bool patienceEnded() const { return stop_ != Stop::none && silence_ >= timeout(0); }
+    Clock::duration timeout(unsigned index) const;
+    std::int64_t nowNs();
+
+    // Constant after construction.
+    ITransport& transport_;
+    const MasterOptions options_;
+    IMasterClock& clock_;
+
+    // Command mutex; info_ is written under both mutexes and so read under either.
+    std::mutex commandMutex_;
+    Synchs synchs_ = Synchs::unknown;
+    int care_ = 0;  ///< 1: each command that can be behind a fence is; 2: and copies are waited for
+    ConnectInfo info_;
+
+    // Answer mutex.
+    mutable std::mutex answerMutex_;
+    std::condition_variable wakeUp_;
+    AnswerMatcher matcher_;
+    Clock::time_point lastCame_ = {};  ///< any RES or ERR
+    std::uint64_t pendings_ = 0;
+    bool terminated_ = false;  ///< the slave ended the session after the answer that is being looked at
+    Stop stop_ = Stop::none;
+    bool finishing_ = false;  ///< the exchange under way goes on after requestStop()
+    Clock::time_point stopAt_ = {};
+    Clock::duration silence_{0};  ///< waited for nothing since the stop, or since the answer after it
+
+    // Atomic.
+    std::atomic<bool> connected_{false};
+    std::atomic<std::uint64_t> number_{0};
+    std::atomic<std::uint64_t> commands_{0};
+    std::atomic<std::uint64_t> timeouts_{0};
+    std::atomic<std::uint64_t> errorResponses_{0};
+    std::atomic<std::uint64_t> unexpectedResponses_{0};
+};
+
+/// The right to send commands, for as long as one operation lasts. Borrows the connection.
+class Connection::Turn {
+  public:
+    /// One command with recovery. The positive response; ERR replies are errors.
+    Result<Packet> transact(const Packet& command, const Exchange& rules = {}) {
+        return connection_->transact(command, rules);
+    }
+    Result<void> perform(const Packet& command) {
+        if (auto reply = transact(command); !reply) return reply.error();
+        return {};
+    }
+    /// Likewise for a command of a group that cannot be repeated on its own: nothing when it timed out and a
+    /// SYNCH was answered since, so that the group can begin again.
+    Result<std::optional<Packet>> attempt(const Packet& command, std::size_t minimumLength, Repeats& repeats);
+
+    /// What the slave said at CONNECT.
+    const ConnectInfo& slave() const { return connection_->info_; }
+    std::uint64_t connectionNumber() const { return connection_->number(); }
+    bool mayUseShortUpload() const { return connection_->options_.useShortUpload; }
+
+  private:
+    friend class Connection;
+    Turn(Connection& connection, std::unique_lock<std::mutex> lock)
+        : connection_(&connection), lock_(std::move(lock)) {}
+
+    Connection* connection_;
+    std::unique_lock<std::mutex> lock_;
+};
+
+/// While it lives, the exchange under way goes on after requestStop().
+class Connection::Finishing {
+  public:
+    explicit Finishing(Connection& connection) : connection_(connection) { set(true); }
+    ~Finishing() { set(false); }
+    Finishing(const Finishing&) = delete;
+    Finishing& operator=(const Finishing&) = delete;
+
+  private:
+    void set(bool finishing) {
+        const std::lock_guard lock(connection_.answerMutex_);
+        connection_.finishing_ = finishing;
+    }
+    Connection& connection_;
+};
+
+}  // namespace lm::xcp

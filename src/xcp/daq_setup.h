@@ -1,0 +1,51 @@
+// DAQ of the slave through a connection: what it can do, the allocation of a plan, start and stop.
+//
+// Threads: any; each operation holds the line until it is done. Lifetime: the connection is borrowed and must
+// outlive this.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "xcp/connection.h"
+#include "xcp/daq_plan.h"
+
+namespace lm::xcp {
+
+/// Where the first PIDs of the lists come from, which the decoder needs with absolute identification.
+enum class FirstPids : std::uint8_t {
+    told,     ///< from the slave's answers; the plan's own where it tells none
+    planned,  ///< from the plan, whatever the slave tells
+};
+
+/// START_STOP_SYNCH for all lists.
+Packet buildStopAll();
+
+class DaqSetup {
+  public:
+    explicit DaqSetup(Connection& connection) : connection_(connection) {}
+
+    /// See Master, which hands these on.
+    Result<DaqCapabilities> capabilities();
+    Result<std::vector<std::uint8_t>> configure(const DaqPlan& plan, FirstPids source);
+    Result<void> start();
+    Result<void> stop();
+
+  private:
+    using Turn = Connection::Turn;
+
+    static Result<void> readResolution(Turn& turn, DaqCapabilities& capabilities);
+    static Result<void> readEvents(Turn& turn, DaqCapabilities& capabilities);
+    static Result<EventChannel> readEvent(Turn& turn, std::uint16_t channel);
+    static Result<std::optional<EventChannel>> tryEvent(Turn& turn, std::uint16_t channel, Repeats& repeats);
+    static Result<void> allocate(Turn& turn, const DaqPlan& plan);
+    static Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt);
+    Result<std::vector<std::uint8_t>> select(Turn& turn, const DaqPlan& plan, FirstPids source);
+
+    Connection& connection_;
+    std::vector<Packet> selection_;  ///< the commands that selected the lists; whoever holds the line
+};
+
+}  // namespace lm::xcp

@@ -1,0 +1,107 @@
+// One packet out, its answer in: the wait of the connection, and what the receive thread tells it.
+#include <algorithm>
+#include <array>
+
+#include "xcp/connection.h"
+
+namespace lm::xcp {
+namespace {
+
+constexpr std::uint64_t kLongestTimeoutMs = 1'000'000'000;
+
+class SteadyClock final : public IMasterClock {
+  public:
+    TimePoint now() override { return std::chrono::steady_clock::now(); }
+    void wait(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeUp, TimePoint until) override {
+        wakeUp.wait_until(lock, until);
+    }
+};
+
+}  // namespace
+
+IMasterClock& steadyMasterClock() {
+    static SteadyClock clock;
+    return clock;
+}
+
+Connection::Clock::duration Connection::timeout(unsigned index) const {
+    const std::array<std::uint64_t, 7> timeouts = {options_.t1, options_.t2, options_.t3, options_.t4,
+                                                   options_.t5, options_.t6, options_.t7};
+    return std::chrono::milliseconds(std::min(timeouts.at(index), kLongestTimeoutMs));
+}
+
+std::int64_t Connection::nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(clock_.now().time_since_epoch()).count();
+}
+
+/// An exchange without a value timed out.
+Result<std::optional<Packet>> Connection::exchange(const Packet& command, Clock::duration limit, Kind kind,
+                                                   std::size_t minimumLength) {
+    std::unique_lock lock(answerMutex_);
+    if (!mayGoOn() || (patienceEnded() && kind != Kind::last)) return stopped(command);
+    matcher_.sent(kind, minimumLength, nowNs());
+    terminated_ = false;
+    const std::uint64_t pendings = pendings_;
+    lock.unlock();
+
+    ++commands_;
+    const auto sent = transport_.send(command.data(), command.size());
+    lock.lock();
+    const bool interrupted = sent && !await(lock, limit, kind, pendings);
+    auto answer = matcher_.endWait();
+    if (!sent) return sent.error();
+    if (answer) {
+        silence_ = {};
+        return answer;
+    }
+    if (interrupted) return stopped(command);
+    if (limit > Clock::duration::zero()) ++timeouts_;
+    return answer;
+}
+
+/// False when a stop ended the wait.
+bool Connection::await(std::unique_lock<std::mutex>& lock, Clock::duration limit, Kind kind,
+                       std::uint64_t pendings) {
+    const auto begin = clock_.now();
+    auto deadline = begin + limit;
+    while (!matcher_.answered()) {
+        if (!mayGoOn()) return false;
+        const auto now = clock_.now();
+        const bool stopping = stop_ != Stop::none;
+        if (pendings != pendings_ && !stopping && kind != Kind::last) deadline = now + limit;
+        pendings = pendings_;
+        const auto patience = std::max(begin, stopAt_) + (timeout(0) - silence_);
+        const auto until = stopping ? std::min(deadline, patience) : deadline;
+        if (now >= until) break;
+        clock_.wait(lock, wakeUp_, until);
+    }
+    if (stop_ != Stop::none && !matcher_.answered()) silence_ += clock_.now() - std::max(begin, stopAt_);
+    return true;
+}
+
+// Receive thread
+
+void Connection::onAnswer(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
+    {
+        const std::lock_guard lock(answerMutex_);
+        lastCame_ = clock_.now();
+        const auto verdict = matcher_.came({data, length}, time.hostNs);
+        if (verdict == AnswerMatcher::Verdict::dropped) ++unexpectedResponses_;
+    }
+    // Behind the lock: whoever is woken while it is held goes back to sleep at once.
+    wakeUp_.notify_all();
+}
+
+void Connection::onPending() {
+    const std::lock_guard lock(answerMutex_);
+    ++pendings_;
+    wakeUp_.notify_all();
+}
+
+void Connection::onTerminated() {
+    const std::lock_guard lock(answerMutex_);
+    connected_ = false;
+    terminated_ = matcher_.answered();
+}
+
+}  // namespace lm::xcp

@@ -1,0 +1,162 @@
+// Fences of the connection: what shows that nothing is under way any more, for slaves that answer SYNCH and
+// for others.
+#include <algorithm>
+
+#include <spdlog/spdlog.h>
+
+#include "xcp/connection.h"
+
+namespace lm::xcp {
+namespace {
+
+constexpr unsigned kT1 = 0;
+constexpr int kMostCare = 2;
+/// A slave that answers all twice does so at once.
+constexpr auto kCopyComesWithin = std::chrono::milliseconds(10);
+
+Error noSynch() {
+    return {.code = ErrorCode::timeout, .message = "SYNCH: no response from slave"};
+}
+
+}  // namespace
+
+Result<void> Connection::synch() {
+    auto own = turn();
+    if (!own) return own.error();
+    return sendSynchs();
+}
+
+bool Connection::isClear() {
+    const std::lock_guard lock(answerMutex_);
+    return matcher_.clear();
+}
+
+/// Until the fence is closed.
+Result<void> Connection::sendSynchs() {
+    const std::int64_t sends = std::int64_t{options_.synchRepeatLimit} + 1;
+    for (std::int64_t i = 0; i < sends; ++i) {
+        const auto answer = exchange(buildPlain(Command::synch), timeout(kT1), Kind::synch, 2);
+        if (!answer) return answer.error();
+        if (!answer.value()) continue;
+        synchs_ = Synchs::answered;
+        if (isClear()) return {};
+        i = -1;  // it takes another
+    }
+    return noSynch();
+}
+
+Result<void> Connection::fence() {
+    {
+        const std::lock_guard lock(answerMutex_);
+        if (matcher_.atFence()) return {};
+        if (matcher_.synchSeen()) synchs_ = Synchs::answered;
+    }
+    if (synchs_ == Synchs::answered) return sendSynchs();
+    return synchs_ == Synchs::unknown ? meet() : calmDown();
+}
+
+/// Commands that work on what the one before set up: the pointers that a SYNCH may clear, an allocation under
+/// way.
+bool Connection::needsWhatWasBefore(const Packet& command) {
+    switch (static_cast<Command>(command.code())) {
+        case Command::upload:
+        case Command::download:
+        case Command::writeDaq:
+        case Command::allocDaq:
+        case Command::allocOdt:
+        case Command::allocOdtEntry:
+            return true;
+        default:
+            return false;
+    }
+}
+
+Result<void> Connection::fenceBefore(const Packet& command) {
+    if (needsWhatWasBefore(command)) return {};
+    {
+        const std::lock_guard lock(answerMutex_);
+        if (matcher_.clear() && (care_ == 0 || synchs_ != Synchs::answered)) return {};
+    }
+    auto closed = fence();
+    if (closed) return closed;
+    Error error = closed.error();
+    if (isStop(error, buildPlain(Command::synch))) return stopped(command);
+    error.message = std::string(commandName(command.code())) + ": " + error.text();
+    return error;
+}
+
+/// The first fence. Half of t1 for SYNCH; then the status is asked for, which every slave answers: one that
+/// hears it, and has not answered the SYNCH before it, does not know SYNCH.
+Result<void> Connection::meet() {
+    const auto begin = clock_.now();
+    const auto half = timeout(kT1) / 2;
+    const auto answer = exchange(buildPlain(Command::synch), half, Kind::synch, 2);
+    if (!answer) return answer.error();
+    if (answer.value()) {
+        synchs_ = Synchs::answered;
+        return isClear() ? Result<void>() : sendSynchs();
+    }
+    const auto status = exchange(buildPlain(Command::getStatus), half, Kind::command, 1);
+    if (!status) return status.error();
+    if (!status.value() || !staysSilent(begin, timeout(kT1))) return sendSynchs();
+    spdlog::warn(
+        "the ECU does not answer SYNCH: an answer that it sends twice or too late can be taken for another "
+        "command's without being noticed");
+    synchs_ = Synchs::never;
+    return {};
+}
+
+/// Of a slave without SYNCH: the status is asked for. Its answer comes after all others; when one of those
+/// was lost, nobody can tell which came, but that no more follow.
+Result<void> Connection::calmDown() {
+    const auto begin = clock_.now();
+    const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::command, 1);
+    if (!status) return status.error();
+    if (!status.value() && !staysSilent(begin, timeout(kT1))) return noSynch();
+    return {};
+}
+
+/// Waits until nothing has come for half of t1, and `least` has passed since `since`. False when nothing came
+/// at all, a SYNCH was answered, or it never ends; true settles what was owed.
+bool Connection::staysSilent(Clock::time_point since, Clock::duration least) {
+    std::unique_lock lock(answerMutex_);
+    const auto latest = since + 3 * least;
+    while (lastCame_ >= since && !matcher_.synchSeen() && stop_ == Stop::none) {
+        const auto now = clock_.now();
+        const auto until = std::max(since + least, lastCame_ + timeout(kT1) / 2);
+        if (now >= until) {
+            matcher_.settle();
+            return true;
+        }
+        if (now >= latest) return false;
+        clock_.wait(lock, wakeUp_, std::min(until, latest));
+    }
+    return false;
+}
+
+// Confirming
+
+Result<bool> Connection::confirm() {
+    auto own = turn();
+    if (!own) return own.error();
+    const Finishing finishing(*this);
+    if (synchs_ != Synchs::never) {
+        if (auto closed = fence(); !closed) return closed.error();
+    }
+    const std::lock_guard lock(answerMutex_);
+    return matcher_.inStep() || synchs_ == Synchs::never;
+}
+
+void Connection::beMoreCareful() {
+    const std::lock_guard lock(commandMutex_);
+    care_ = std::min(care_ + 1, kMostCare);
+}
+
+void Connection::awaitCopy() {
+    std::unique_lock lock(answerMutex_);
+    const auto until = clock_.now() + kCopyComesWithin;
+    while (matcher_.awaitsCopy() && stop_ == Stop::none && clock_.now() < until)
+        clock_.wait(lock, wakeUp_, until);
+}
+
+}  // namespace lm::xcp

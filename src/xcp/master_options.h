@@ -1,0 +1,53 @@
+// What the user of the XCP master sets, what it counts, and the clock it waits by.
+//
+// Threads: plain values; a clock is called from every thread that sends a command. Lifetime: a clock is
+// borrowed and must outlive the master.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+namespace lm::xcp {
+
+struct MasterOptions {
+    std::uint64_t t1 = 1000;  ///< XCP timeouts in milliseconds
+    std::uint64_t t2 = 1000;
+    std::uint64_t t3 = 1000;
+    std::uint64_t t4 = 1000;
+    std::uint64_t t5 = 1000;
+    std::uint64_t t6 = 1000;
+    std::uint64_t t7 = 200;             ///< wait before a busy command is repeated
+    std::int32_t synchRepeatLimit = 2;  ///< repeats of a timed-out command
+    std::int32_t connectAttempts = 3;   ///< below 1: without limit
+    std::int32_t busyRepeatLimit = 20;
+    bool useShortUpload = true;
+};
+
+enum class ConnectMode : std::uint8_t { normal = 0, userDefined = 1 };
+
+struct MasterStatistics {
+    std::uint64_t commands = 0;
+    std::uint64_t timeouts = 0;
+    std::uint64_t errorResponses = 0;
+    std::uint64_t unexpectedResponses = 0;  ///< dropped answers
+    std::uint64_t events = 0;
+    std::uint64_t dtos = 0;
+};
+
+/// The steady clock, or one that a test moves.
+class IMasterClock {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    virtual ~IMasterClock() = default;
+    virtual TimePoint now() = 0;
+    /// Like std::condition_variable::wait_until: returns when woken, at the time given, or for no reason.
+    virtual void wait(std::unique_lock<std::mutex>& lock, std::condition_variable& wakeUp,
+                      TimePoint until) = 0;
+};
+
+IMasterClock& steadyMasterClock();
+
+}  // namespace lm::xcp
