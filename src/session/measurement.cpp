@@ -170,7 +170,8 @@ Result<void> Measurement::createRecording(const std::filesystem::path& directory
 /// Downloads the plan, installs a fresh decoder, starts DAQ.
 Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
     xcp::Master& master = context_.master;
-    const auto firstPids = xcp::inStep(master, [&] { return master.configureDaq(plan_.daq); });
+    const auto firstPids =
+        xcp::inStep(master, [&] { return master.configureDaq(plan_.daq, context_.config.daq.firstPid); });
     if (!firstPids.ok()) return firstPids.error();
     removeDecoder();
     {
@@ -212,7 +213,9 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
 
     StopResult result;
     if (state() == SessionState::measuring) {
-        result.stopped = context_.master.stopDaqOnce();
+        // An ECU that ended the session may go on sending all the same.
+        xcp::Master& master = context_.master;
+        result.stopped = master.connected() ? master.stopDaqOnce() : master.stopDaqUnconnected();
     } else {
         // Nobody is known to listen: what cannot even be sent changes nothing.
         static_cast<void>(context_.master.stopDaqWithoutWaiting());

@@ -155,6 +155,15 @@ class Section {
         }
     }
 
+    void readFirstPid(const char* key, xcp::FirstPids& target) {
+        std::string text = target == xcp::FirstPids::told ? "ecu" : "plan";
+        read(key, text);
+        if (failure_) return;
+        if (text != "ecu" && text != "plan")
+            return fail(key, "'" + text + "' is neither \"ecu\" nor \"plan\"");
+        target = text == "ecu" ? xcp::FirstPids::told : xcp::FirstPids::planned;
+    }
+
     /// Runs `fill` on the object below `key` when there is one.
     template <typename Fill>
     void section(const char* key, Fill fill) {
@@ -255,6 +264,7 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
         section.read("useTimestamps", config.daq.useTimestamps);
         section.readFraction("maxBusLoad", config.daq.maxBusLoad);
         section.read("defaultEvent", config.daq.defaultEvent);
+        section.readFirstPid("firstPid", config.daq.firstPid);
     });
     document.section("reconnect", [&](Section& section) { fillReconnect(section, config.reconnect); });
     document.readTexts("measurement", config.measurement);
@@ -321,6 +331,7 @@ ordered_json documentOf(const SessionConfig& config) {
     daq["useTimestamps"] = config.daq.useTimestamps;
     daq["maxBusLoad"] = config.daq.maxBusLoad;
     daq["defaultEvent"] = config.daq.defaultEvent;
+    if (config.daq.firstPid == xcp::FirstPids::planned) daq["firstPid"] = "plan";
     auto& reconnect = document["reconnect"];
     reconnect["policy"] = reconnectPolicyName(config.reconnect.policy);
     reconnect["attempts"] = config.reconnect.attempts;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/result.h"
+#include "xcp/daq_setup.h"
 
 namespace lm::session {
 
@@ -68,6 +69,7 @@ struct SessionConfig {
         bool useTimestamps = true;
         double maxBusLoad = 0.8;  ///< fraction of 1
         std::uint16_t defaultEvent = 0;
+        xcp::FirstPids firstPid = xcp::FirstPids::told;
 
         bool operator==(const Daq&) const = default;
     };

@@ -7,7 +7,6 @@
 
 #include "fuzz_input.h"
 #include "slave_model.h"
-#include "virtual_clock.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/master.h"
 
@@ -48,7 +47,8 @@ xcp::MasterOptions takeOptions(Input& input) {
 
 class Run {
   public:
-    explicit Run(Input& input) : input_(input), slave_(input), master_(slave_, takeOptions(input)) {
+    explicit Run(Input& input)
+        : input_(input), slave_(input, clock_), master_(slave_, takeOptions(input), clock_) {
         master_.setListener(&listener_);
     }
     ~Run() {
@@ -57,12 +57,12 @@ class Run {
     }
 
     void step() {
-        const std::int64_t before = VirtualClock::nowNs;
+        const std::int64_t before = clock_.nowNs();
         const std::uint64_t packets = slave_.packets();
         perform(input_.take<std::uint8_t>());
-        // An answer may be awaited for a timeout, and one that is owed for half as long again.
+        // A packet may be awaited for a timeout; a slave without SYNCH is watched for as long again.
         const auto exchanged = static_cast<std::int64_t>(slave_.packets() - packets);
-        require(VirtualClock::nowNs - before <= (exchanged + 1) * kT1 * 5'000'000 / 2,
+        require(clock_.nowNs() - before <= (exchanged + 1) * kT1 * 5'000'000 / 2,
                 "an operation ends in time");
     }
 
@@ -179,6 +179,7 @@ class Run {
 
     Input& input_;
     Listener listener_;
+    test::VirtualClock clock_;
     SlaveModel slave_;
     xcp::Master master_;
 };
