@@ -141,6 +141,7 @@ DaqLists::Refusal DaqLists::startStop(std::uint16_t list, std::uint8_t mode) {
     if (mode > 2) return Err::modeNotValid;
     if (mode != 0 && !complete(*target)) return Err::daqConfig;
     if (mode == 0) target->running = false;
+    if (mode == 2 && target->running && options_.selectStopped) return Err::daqActive;
     if (mode == 1) start(*target);
     if (mode == 2) target->selected = true;
     return std::nullopt;

@@ -35,6 +35,9 @@ struct Options {
     std::uint8_t firstPid = 0;         ///< with identification type 0: PID of the first ODT
     std::uint32_t daqEntries = 20000;  ///< DAQ memory: ODT entries in all lists together
     OverloadIndication overload = OverloadIndication::event;
+    bool sameFirstPid = false;            ///< tells `firstPid` for every list, whatever its DTOs carry
+    bool selectStopped = false;           ///< refuses to select a list that runs
+    bool synchClears = false;             ///< SYNCH sets memory and DAQ pointer back to their first places
     std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
 
     // The world.
