@@ -160,6 +160,7 @@ DaqLists::Refusal DaqLists::startStopSelected(std::uint8_t mode) {
 
 std::uint8_t DaqLists::firstPid(std::uint16_t list) const {
     if (options_.identification != 0) return 0;
+    if (options_.sameFirstPid == SameFirstPid::sent) return options_.firstPid;
     std::size_t pid = options_.firstPid;
     for (std::size_t i = 0; i + options_.minDaq < list; ++i)
         pid += lists_[i].odts.size();

@@ -55,6 +55,7 @@ struct Arguments {
     Options options;
     std::string order = "intel";
     std::string overload = "event";
+    std::string sameFirstPid;
     std::vector<std::string> without;
     std::string a2lFile;
     std::string modelFile;
@@ -91,7 +92,9 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--daq-entries", o.daqEntries, "DAQ memory in ODT entries");
     app.add_option("--overload", arguments.overload, "Indication of overload: event, pid or none")
         ->check(CLI::IsMember({"event", "pid", "none"}));
-    app.add_flag("--same-first-pid", o.sameFirstPid, "Tell --first-pid for every DAQ list");
+    app.add_option("--same-first-pid", arguments.sameFirstPid,
+                   "Every DAQ list has --first-pid: told, or sent in its DTOs too")
+        ->check(CLI::IsMember({"told", "sent"}));
     app.add_flag("--select-stopped", o.selectStopped, "Refuse to select a running DAQ list");
     app.add_flag("--synch-clears", o.synchClears, "SYNCH sets memory and DAQ pointer to their first places");
     app.add_flag("--static-daq", o.staticDaq, "Report static DAQ lists");
@@ -190,6 +193,9 @@ Result<void> complete(Arguments& arguments) {
     o.overload = arguments.overload == "event" ? OverloadIndication::event
                  : arguments.overload == "pid" ? OverloadIndication::topBit
                                                : OverloadIndication::none;
+    if (!arguments.sameFirstPid.empty()) {
+        o.sameFirstPid = arguments.sameFirstPid == "told" ? SameFirstPid::told : SameFirstPid::sent;
+    }
     for (const std::string& name : arguments.without) {
         const std::optional<std::uint8_t> code = commandCode(name);
         if (!code) return Error{ErrorCode::invalidArgument, "--without: unknown command '" + name + "'"};

@@ -129,7 +129,8 @@ Slave::Refusal Slave::executeDaq(Packet packet) {
         case kStartStopDaqList: {
             const Refusal refusal = daq_.startStop(word(packet, 2), packet[1]);
             if (!refusal) {
-                answer(2)[1] = options_.sameFirstPid ? options_.firstPid : daq_.firstPid(word(packet, 2));
+                answer(2)[1] = options_.sameFirstPid == SameFirstPid::told ? options_.firstPid
+                                                                           : daq_.firstPid(word(packet, 2));
             }
             return refusal;
         }
