@@ -81,6 +81,13 @@ def synch_never(number):
         yield ["ignore:SYNCH:1:0", rule]
 
 
+def overtaking(command, number):
+    yield from ([f"overtaken:{command}:{number}:1:{ms(times)}", slow]
+                for times in (0, 1.2, 1.35, 1.5, 1.7, 1.9, 2.5) for slow in SLOW)
+    yield from ([f"overtaken:{command}:{number}:1:{ms(times)}", f"halt:{command}:{number}:1:{ms(pause)}"]
+                for times in (0, 0.5, 1.5) for pause in COARSE)
+
+
 AT_EACH = {"late": late, "lost": lost, "doubled": doubled, "other": other, "halted": halted,
            "halted+doubled": halted_and("double", "double:2"), "halted+lost": halted_and("lose", "ignore"),
            "halted+late": halted_and(f"late:{ms(0.6)}", f"late:{ms(1.4)}"), "pointers": pointers, "synchless": synchless,
@@ -96,8 +103,7 @@ def cases(chosen, positions):
             elif name == "overtaking":
                 for command, count in commands.items():
                     for number in range(1, count + 1):
-                        yield from ((name, session, f"overtaken:{command}:{number}:1:{ms(times)}", slow)
-                                    for times in (0, 1.2, 1.35, 1.5, 1.7, 1.9, 2.5) for slow in SLOW)
+                        yield from ((name, session, *rules) for rules in overtaking(command, number))
             elif name != "start":
                 for number in range(1, sum(commands.values()) + 1):
                     yield from ((name, session, *rules) for rules in AT_EACH[name](number))

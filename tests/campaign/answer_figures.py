@@ -63,9 +63,16 @@ def print_times(title, session, sent, rule, stop_at=None):
           f"{results[worst][2]!r});", " ".join(f"{seconds:.2f}" for seconds in times), flush=True)
 
 
+def print_without_synch():
+    for name, arguments in answers.SESSIONS.items():
+        plain, silent = (campaign.run(Timed, arguments, rules)[0] for rules in ((), ("ignore:SYNCH:1:0",)))
+        print(f"SYNCH never answered, {name}: {silent:.2f} t1 instead of {plain:.2f}")
+
+
 def main():
     for positions in answers.positions():
         print_packets()
+        print_without_synch()
         for session in ("get", "get by UPLOAD", "set"):
             print_times("one answer lost", session, positions[session], "lose:*:{}")
         for session, sent in positions.items():
