@@ -33,7 +33,7 @@ class Ecu {
 
     /// Carries out what a halt has left to be done, for the sake of the memory.
     void workOff(std::int64_t nowNs, Outbox& out);
-    bool behind() const { return !backlog_.empty(); }
+    bool hasBacklog() const { return !backlog_.empty(); }
 
     /// When advance() has something to do next.
     std::int64_t nextDueNs() const;

@@ -27,7 +27,7 @@ constexpr const char* kFaultHelp =
     "           stall and jump)\n"
     "  FROM     the occurrence it begins with, from 1; COUNT how many, 0 for all that follow\n"
     "  ignore   neither executed nor answered        lose     executed, not answered\n"
-    "  late     answered after ARGUMENT ms (300), what is asked meanwhile behind it\n"
+    "  late     answered after ARGUMENT ms (300), and so is what is asked meanwhile\n"
     "  overtaken  after ARGUMENT ms, what is asked meanwhile before it; 0: after the next answer\n"
     "  double   answered twice, the second time ARGUMENT ms later (0)\n"
     "  short    answer cut to ARGUMENT bytes (1)     wrong    answer with its bytes inverted\n"

@@ -57,7 +57,7 @@ Result<void> Runner::run() {
         if (!done.ok()) return done.error();
     }
     out_.clear();
-    while (ecu_.behind())
+    while (ecu_.hasBacklog())
         ecu_.workOff(now(), out_);
     const Result<void> left = medium_.onDue(now());
     if (!left.ok()) return left.error();
