@@ -141,6 +141,7 @@ DaqLists::Refusal DaqLists::startStop(std::uint16_t list, std::uint8_t mode) {
     if (mode > 2) return Err::modeNotValid;
     if (mode != 0 && !complete(*target)) return Err::daqConfig;
     if (mode == 0) target->running = false;
+    if (mode == 2 && target->running && options_.selectStopped) return Err::daqActive;
     if (mode == 1) start(*target);
     if (mode == 2) target->selected = true;
     return std::nullopt;
@@ -159,6 +160,7 @@ DaqLists::Refusal DaqLists::startStopSelected(std::uint8_t mode) {
 
 std::uint8_t DaqLists::firstPid(std::uint16_t list) const {
     if (options_.identification != 0) return 0;
+    if (options_.sameFirstPid == SameFirstPid::sent) return options_.firstPid;
     std::size_t pid = options_.firstPid;
     for (std::size_t i = 0; i + options_.minDaq < list; ++i)
         pid += lists_[i].odts.size();

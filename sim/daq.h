@@ -37,6 +37,8 @@ class DaqLists {
     Refusal allocOdts(std::uint16_t list, std::uint8_t count);
     Refusal allocEntries(std::uint16_t list, std::uint8_t odt, std::uint8_t count);
 
+    /// The first entry of the first list, if there is one.
+    void clearPointer() { setPointer(options_.minDaq, 0, 0); }
     Refusal setPointer(std::uint16_t list, std::uint8_t odt, std::uint8_t entry);
     /// Writes the entry at the pointer and advances it within its ODT.
     Refusal writeEntry(std::uint8_t bitOffset, std::size_t size, std::uint8_t extension,

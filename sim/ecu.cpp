@@ -39,6 +39,10 @@ void Ecu::restart(std::int64_t nowNs) {
     world_.restart();
     slave_.reset();
     delayed_.clear();
+    overtaken_.clear();
+    backlog_.clear();
+    haltedUntilNs_ = 0;
+    pendingEveryNs_ = 0;
     ++starts_;
     startNs_ = nowNs;
     clockStart_ = options_.clockStart;
@@ -79,7 +83,24 @@ void Ecu::jump(std::uint32_t milliseconds, std::int64_t ecuNs) {
 void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out) {
     if (packet.empty() || silent(nowNs)) return;
     ++commands_;
+    ++commandsOfCode_[packet[0]];
     const Fault fault = faults_.onCommand(packet[0]);
+    if (fault.haltMs != 0) {
+        haltedUntilNs_ = std::max(haltedUntilNs_, nowNs + fault.haltMs * kNsPerMs);
+        backlogDueNs_ = haltedUntilNs_;
+        pauseNs_ = fault.pauseMs * kNsPerMs;
+    }
+    if (halted(nowNs) || !backlog_.empty()) {
+        backlog_.push_back({{packet.begin(), packet.end()}, fault});
+    } else {
+        execute(packet, fault, nowNs, out);
+    }
+}
+
+void Ecu::execute(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out) {
+    const auto refuse = [&](std::uint32_t code) {
+        send(std::array<std::uint8_t, 2>{kErrorPacket, static_cast<std::uint8_t>(code)}, nowNs, out);
+    };
     switch (fault.kind) {
         case FaultKind::ignore:
             return;
@@ -90,10 +111,17 @@ void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outb
             restart(nowNs);
             return;
         case FaultKind::busy:
-            out.append(std::array<std::uint8_t, 2>{kErrorPacket, static_cast<std::uint8_t>(Err::cmdBusy)});
+            refuse(static_cast<std::uint8_t>(Err::cmdBusy));
             return;
         case FaultKind::error:
-            out.append(std::array<std::uint8_t, 2>{kErrorPacket, static_cast<std::uint8_t>(fault.argument)});
+            refuse(fault.argument);
+            return;
+        case FaultKind::positive:
+            send(std::array<std::uint8_t, 1>{kResponse}, nowNs, out);
+            return;
+        case FaultKind::endless:
+            pendingEveryNs_ = std::max<std::int64_t>(1, fault.argument) * kNsPerMs;
+            pendingDueNs_ = nowNs;
             return;
         case FaultKind::terminate:
             terminate(out);
@@ -107,6 +135,7 @@ void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outb
         default:
             break;
     }
+    if (packet[0] == kConnect || packet[0] == kDisconnect) pendingEveryNs_ = 0;
     scratch_.clear();
     slave_.command(packet, ticks(ecuTime(nowNs)), scratch_);
     if (!scratch_.packets().empty()) answer(scratch_.bytes(scratch_.packets()[0]), fault, nowNs, out);
@@ -118,50 +147,93 @@ void Ecu::answer(std::span<const std::uint8_t> packet, const Fault& fault, std::
         case FaultKind::lose:
             return;
         case FaultKind::late:
-            delay(packet, laterNs);
+            delay(packet, laterNs, true);
+            return;
+        case FaultKind::overtaken:
+            if (fault.argument == 0) {
+                overtaken_.emplace_back(packet.begin(), packet.end());
+            } else {
+                delay(packet, laterNs, false);
+            }
             return;
         case FaultKind::twice:
-            out.append(packet);
-            break;
+            send(packet, nowNs, out);
+            if (fault.argument == 0) break;
+            delay(packet, laterNs, true);
+            return;
         case FaultKind::cut:
             if (fault.argument != 0) {
-                out.append(packet.first(std::min<std::size_t>(fault.argument, packet.size())));
+                send(packet.first(std::min<std::size_t>(fault.argument, packet.size())), nowNs, out);
             }
             return;
         case FaultKind::wrong: {
-            const std::span<std::uint8_t> copy = out.append(packet.size(), false);
-            for (std::size_t i = 0; i < packet.size(); ++i) {
-                copy[i] = i == 0 ? packet[0] : static_cast<std::uint8_t>(~packet[i]);
-            }
+            std::vector<std::uint8_t> copy(packet.begin(), packet.end());
+            for (std::size_t i = 1; i < copy.size(); ++i)
+                copy[i] = static_cast<std::uint8_t>(~copy[i]);
+            send(copy, nowNs, out);
             return;
         }
         case FaultKind::stray:
-            out.append(std::array<std::uint8_t, 1>{kResponse});
+            send(std::array<std::uint8_t, 1>{kResponse}, nowNs, out);
             break;
         case FaultKind::pending:
             out.append(kPendingPacket);
             for (int i = 1; i < kPendingEvents; ++i) {
-                delay(kPendingPacket, nowNs + (laterNs - nowNs) * i / kPendingEvents);
+                delay(kPendingPacket, nowNs + (laterNs - nowNs) * i / kPendingEvents, false);
             }
-            delay(packet, laterNs);
+            delay(packet, laterNs, true);
             return;
         default:
             break;
     }
-    out.append(packet);
+    send(packet, nowNs, out);
 }
 
-void Ecu::delay(std::span<const std::uint8_t> packet, std::int64_t dueNs) {
+/// An answer waits for those before it that are late, and takes those along that it was to overtake.
+void Ecu::send(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out) {
+    const auto waits = [](const Delayed& other) { return other.inOrder; };
+    if (std::any_of(delayed_.begin(), delayed_.end(), waits)) {
+        delay(packet, nowNs, true);
+    } else {
+        out.append(packet);
+    }
+    for (const std::vector<std::uint8_t>& before : std::exchange(overtaken_, {}))
+        send(before, nowNs, out);
+}
+
+void Ecu::delay(std::span<const std::uint8_t> packet, std::int64_t dueNs, bool inOrder) {
+    for (const Delayed& other : delayed_) {
+        if (inOrder && other.inOrder) dueNs = std::max(dueNs, other.dueNs);
+    }
     const auto later = [](std::int64_t due, const Delayed& other) { return due < other.dueNs; };
     const auto at = std::upper_bound(delayed_.begin(), delayed_.end(), dueNs, later);
-    delayed_.insert(at, Delayed{dueNs, {packet.begin(), packet.end()}});
+    delayed_.insert(at, Delayed{dueNs, {packet.begin(), packet.end()}, inOrder});
 }
 
-bool Ecu::advance(std::int64_t nowNs, Outbox& out) {
+void Ecu::sendDelayed(std::int64_t nowNs, Outbox& out) {
     while (!delayed_.empty() && delayed_.front().dueNs <= nowNs) {
         if (!silent(nowNs)) out.append(delayed_.front().packet);
         delayed_.erase(delayed_.begin());
     }
+    for (; pendingEveryNs_ != 0 && pendingDueNs_ <= nowNs; pendingDueNs_ += pendingEveryNs_) {
+        if (!silent(nowNs)) out.append(kPendingPacket);
+    }
+}
+
+void Ecu::workOff(std::int64_t nowNs, Outbox& out) {
+    while (!backlog_.empty()) {
+        const Waiting next = std::move(backlog_.front());
+        backlog_.pop_front();
+        if (!silent(nowNs)) execute(next.packet, next.fault, nowNs, out);
+        backlogDueNs_ = nowNs + pauseNs_;
+        if (pauseNs_ != 0) return;
+    }
+}
+
+bool Ecu::advance(std::int64_t nowNs, Outbox& out) {
+    if (halted(nowNs)) return true;
+    sendDelayed(nowNs, out);
+    if (backlogDueNs_ <= nowNs) workOff(nowNs, out);
     if (nowNs < stalledUntilNs_) return true;
     for (int i = 0; i < kBatchEvents && out.size() < kBatchBytes; ++i) {
         const std::uint8_t event = nextEvent();
@@ -211,7 +283,10 @@ void Ecu::onSampleFault(const Fault& fault, std::int64_t sampleNs, std::int64_t 
 
 std::int64_t Ecu::nextDueNs() const {
     const std::int64_t event = std::max(hostTime(dueNs_[nextEvent()]), stalledUntilNs_);
-    return delayed_.empty() ? event : std::min(event, delayed_.front().dueNs);
+    const std::int64_t delayed = delayed_.empty() ? kForever : delayed_.front().dueNs;
+    const std::int64_t pending = pendingEveryNs_ == 0 ? kForever : pendingDueNs_;
+    const std::int64_t backlog = backlog_.empty() ? kForever : backlogDueNs_;
+    return std::max(std::min({event, delayed, pending, backlog}), haltedUntilNs_);
 }
 
 void Ecu::terminate(Outbox& out) {

@@ -17,14 +17,25 @@ struct KindName {
 };
 
 constexpr KindName kKinds[] = {
-    {"ignore", FaultKind::ignore, 0, false},      {"lose", FaultKind::lose, 0, false},
-    {"late", FaultKind::late, 300, false},        {"double", FaultKind::twice, 0, false},
-    {"short", FaultKind::cut, 1, false},          {"wrong", FaultKind::wrong, 0, false},
-    {"stray", FaultKind::stray, 0, false},        {"busy", FaultKind::busy, 0, false},
-    {"error", FaultKind::error, 0x31, false},     {"pending", FaultKind::pending, 300, false},
-    {"terminate", FaultKind::terminate, 0, true}, {"silence", FaultKind::silence, 0, true},
-    {"restart", FaultKind::restart, 0, true},     {"stall", FaultKind::stall, 300, true},
+    {"ignore", FaultKind::ignore, 0, false},
+    {"lose", FaultKind::lose, 0, false},
+    {"late", FaultKind::late, 300, false},
+    {"double", FaultKind::twice, 0, false},
+    {"short", FaultKind::cut, 1, false},
+    {"wrong", FaultKind::wrong, 0, false},
+    {"stray", FaultKind::stray, 0, false},
+    {"busy", FaultKind::busy, 0, false},
+    {"error", FaultKind::error, 0x31, false},
+    {"pending", FaultKind::pending, 300, false},
+    {"terminate", FaultKind::terminate, 0, true},
+    {"silence", FaultKind::silence, 0, true},
+    {"restart", FaultKind::restart, 0, true},
+    {"stall", FaultKind::stall, 300, true},
     {"jump", FaultKind::jump, 0, true},
+    {"halt", FaultKind::halt, 300, false},
+    {"overtaken", FaultKind::overtaken, 0, false},
+    {"positive", FaultKind::positive, 0, false},
+    {"endless", FaultKind::endless, 100, false},
 };
 
 constexpr std::string_view kStreamNames[kStreamFaultCount] = {"lose-odt", "overload", "ctr-gap",
@@ -84,7 +95,7 @@ Result<void> FaultPlan::add(const std::string& text) {
     }
     const KindName* kind = findKind(parts[0]);
     if (kind == nullptr) return fail(text, "unknown kind");
-    if (parts.size() > 5) return fail(text, "too many parts");
+    if (parts.size() > (kind->kind == FaultKind::halt ? 6U : 5U)) return fail(text, "too many parts");
     Rule rule;
     rule.kind = kind->kind;
     if (parts.size() > 1 && parts[1] == "DAQ") {
@@ -100,10 +111,12 @@ Result<void> FaultPlan::add(const std::string& text) {
     const bool negative = kind->kind == FaultKind::jump && parts.size() == 5 && parts[4].starts_with('-');
     if (negative) parts[4].erase(0, 1);
     const std::optional<std::uint64_t> argument = numberAt(parts, 4, kind->argument);
-    if (!from || *from == 0 || !count || !argument) return fail(text, "number expected");
+    const std::optional<std::uint64_t> pause = numberAt(parts, 5, 0);
+    if (!from || *from == 0 || !count || !argument || !pause) return fail(text, "number expected");
     rule.from = *from;
     rule.count = *count;
     rule.argument = static_cast<std::uint32_t>(negative ? -*argument : *argument);
+    rule.pause = static_cast<std::uint32_t>(*pause);
     rules_.push_back(rule);
     return {};
 }
@@ -114,7 +127,15 @@ Fault FaultPlan::count(std::uint8_t code, bool daq) {
         if (rule.daq != daq || (!daq && rule.command != 0 && rule.command != code)) continue;
         ++rule.seen;
         const bool inSpan = rule.seen >= rule.from && (rule.count == 0 || rule.seen < rule.from + rule.count);
-        if (inSpan && fault.kind == FaultKind::none) fault = {rule.kind, rule.argument};
+        if (!inSpan) continue;
+        if (rule.kind == FaultKind::halt) {
+            if (fault.haltMs != 0) continue;
+            fault.haltMs = rule.argument;
+            fault.pauseMs = rule.pause;
+        } else if (fault.kind == FaultKind::none) {
+            fault.kind = rule.kind;
+            fault.argument = rule.argument;
+        }
     }
     return fault;
 }

@@ -23,14 +23,20 @@ namespace {
 
 constexpr const char* kFaultHelp =
     "Faults of commands: KIND[:COMMAND[:FROM[:COUNT[:ARGUMENT]]]]\n"
-    "  COMMAND  the name of a command, * for any, or DAQ to count samples (last five kinds)\n"
+    "  COMMAND  the name of a command, * for any, or DAQ to count samples (terminate, restart, silence,\n"
+    "           stall and jump)\n"
     "  FROM     the occurrence it begins with, from 1; COUNT how many, 0 for all that follow\n"
     "  ignore   neither executed nor answered        lose     executed, not answered\n"
-    "  late     answered after ARGUMENT ms (300)     double   answered twice\n"
+    "  late     answered after ARGUMENT ms (300), and so is what is asked meanwhile\n"
+    "  overtaken  after ARGUMENT ms, what is asked meanwhile before it; 0: after the next answer\n"
+    "  double   answered twice, the second time ARGUMENT ms later (0)\n"
     "  short    answer cut to ARGUMENT bytes (1)     wrong    answer with its bytes inverted\n"
     "  stray    a stray answer before the right one  busy     refused with ERR_CMD_BUSY\n"
-    "  error    refused with code ARGUMENT (0x31)    pending  EV_CMD_PENDING, answer after ARGUMENT ms "
-    "(300)\n"
+    "  error    refused with code ARGUMENT (0x31)    positive answered FF, not executed\n"
+    "  pending  EV_CMD_PENDING, answer after ARGUMENT ms (300)\n"
+    "  endless  EV_CMD_PENDING every ARGUMENT ms (100), no answer\n"
+    "  halt     the whole ECU stands still for ARGUMENT ms (300), then works off what came; a further part\n"
+    "           :PAUSE gives the ms between those answers; goes together with another fault\n"
     "  terminate  EV_SESSION_TERMINATED, no answer   restart  the ECU starts anew, no answer\n"
     "  silence  deaf and dumb for ARGUMENT ms (0: for ever)\n"
     "  stall    events wait for ARGUMENT ms (300) and are then caught up\n"
@@ -49,6 +55,7 @@ struct Arguments {
     Options options;
     std::string order = "intel";
     std::string overload = "event";
+    std::string sameFirstPid;
     std::vector<std::string> without;
     std::string a2lFile;
     std::string modelFile;
@@ -85,6 +92,11 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--daq-entries", o.daqEntries, "DAQ memory in ODT entries");
     app.add_option("--overload", arguments.overload, "Indication of overload: event, pid or none")
         ->check(CLI::IsMember({"event", "pid", "none"}));
+    app.add_option("--same-first-pid", arguments.sameFirstPid,
+                   "Every DAQ list has --first-pid: told, or sent in its DTOs too")
+        ->check(CLI::IsMember({"told", "sent"}));
+    app.add_flag("--select-stopped", o.selectStopped, "Refuse to select a running DAQ list");
+    app.add_flag("--synch-clears", o.synchClears, "SYNCH sets memory and DAQ pointer to their first places");
     app.add_flag("--static-daq", o.staticDaq, "Report static DAQ lists");
     app.add_flag("--no-daq", arguments.noDaq, "Do not offer the DAQ resource");
     app.add_option("--without", arguments.without, "Answer this command with ERR_CMD_UNKNOWN; repeatable")
@@ -181,6 +193,9 @@ Result<void> complete(Arguments& arguments) {
     o.overload = arguments.overload == "event" ? OverloadIndication::event
                  : arguments.overload == "pid" ? OverloadIndication::topBit
                                                : OverloadIndication::none;
+    if (!arguments.sameFirstPid.empty()) {
+        o.sameFirstPid = arguments.sameFirstPid == "told" ? SameFirstPid::told : SameFirstPid::sent;
+    }
     for (const std::string& name : arguments.without) {
         const std::optional<std::uint8_t> code = commandCode(name);
         if (!code) return Error{ErrorCode::invalidArgument, "--without: unknown command '" + name + "'"};

@@ -13,6 +13,9 @@
 
 namespace lm::sim {
 
+/// Who gives all lists one FIRST_PID: no one, the answer that tells it, or the DTOs too.
+enum class SameFirstPid : std::uint8_t { no, told, sent };
+
 /// How lost samples are told to the master (fault "overload").
 enum class OverloadIndication : std::uint8_t { none, topBit, event };
 
@@ -35,6 +38,9 @@ struct Options {
     std::uint8_t firstPid = 0;         ///< with identification type 0: PID of the first ODT
     std::uint32_t daqEntries = 20000;  ///< DAQ memory: ODT entries in all lists together
     OverloadIndication overload = OverloadIndication::event;
+    SameFirstPid sameFirstPid = SameFirstPid::no;  ///< with identification type 0
+    bool selectStopped = false;                    ///< refuses to select a list that runs
+    bool synchClears = false;             ///< SYNCH sets memory and DAQ pointer back to their first places
     std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
 
     // The world.

@@ -56,6 +56,9 @@ Result<void> Runner::run() {
         const Result<void> done = round(signals.value(), quitNs);
         if (!done.ok()) return done.error();
     }
+    out_.clear();
+    while (ecu_.hasBacklog())
+        ecu_.workOff(now(), out_);
     const Result<void> left = medium_.onDue(now());
     if (!left.ok()) return left.error();
     return saveMemory();
@@ -64,6 +67,7 @@ Result<void> Runner::run() {
 Result<void> Runner::round(int signals, std::int64_t quitNs) {
     out_.clear();
     const bool idle = ecu_.advance(now(), out_);
+    saveWritten();
     medium_.send(out_, now());
     const std::int64_t time = now();
     if (time >= quitNs) stop_ = true;
@@ -104,12 +108,15 @@ Result<void> Runner::wait(int signals, std::int64_t untilNs) {
 void Runner::handleCommand(std::span<const std::uint8_t> packet) {
     out_.clear();
     ecu_.receive(packet, now(), out_);
-    // The image is written before the answer leaves: who has the answer may read it.
-    if (ecu_.slave().writes() != savedWrites_) {
-        const Result<void> saved = saveMemory();
-        if (!saved.ok()) failure_ = saved.error();
-    }
+    saveWritten();
     medium_.send(out_, now());
+}
+
+/// The image is written before the answer leaves: who has the answer may read it.
+void Runner::saveWritten() {
+    if (ecu_.slave().writes() == savedWrites_) return;
+    const Result<void> saved = saveMemory();
+    if (!saved.ok()) failure_ = saved.error();
 }
 
 Result<void> Runner::handleSignals(int descriptor) {
@@ -156,6 +163,10 @@ std::string Runner::statistics() const {
         medium.sendFailures, ecu_.startNs());
     for (std::uint8_t event = 0; event < kEventCount; ++event) {
         text += fmt::format("event-{} {}\n", event, ecu_.world().counter(event));
+    }
+    for (const CommandInfo& command : kCommands) {
+        const std::uint64_t heard = ecu_.commands(command.code);
+        if (heard != 0) text += fmt::format("command-{} {}\n", command.name, heard);
     }
     return text;
 }

@@ -39,6 +39,7 @@ class Runner {
     Result<void> handleSignals(int descriptor);
     Result<void> wait(int signals, std::int64_t untilNs);
     void handleCommand(std::span<const std::uint8_t> packet);
+    void saveWritten();
     Result<void> saveMemory();
 
     const Options& options_;

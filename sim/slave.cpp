@@ -59,6 +59,7 @@ Slave::Refusal Slave::execute(Packet packet, std::uint64_t ticks) {
             status();
             return std::nullopt;
         case kSynch:
+            if (options_.synchClears) clearPointers();
             return Err::cmdSynch;
         case kGetCommModeInfo:
             commModeInfo();
@@ -127,7 +128,10 @@ Slave::Refusal Slave::executeDaq(Packet packet) {
             return daq_.setMode(word(packet, 2), packet[1], word(packet, 4), packet[6]);
         case kStartStopDaqList: {
             const Refusal refusal = daq_.startStop(word(packet, 2), packet[1]);
-            if (!refusal) answer(2)[1] = daq_.firstPid(word(packet, 2));
+            if (!refusal) {
+                answer(2)[1] = options_.sameFirstPid == SameFirstPid::told ? options_.firstPid
+                                                                           : daq_.firstPid(word(packet, 2));
+            }
             return refusal;
         }
         default:
@@ -147,6 +151,12 @@ void Slave::connect() {
     putWord(4, options_.maxDto);
     to[6] = kProtocolVersion;
     to[7] = kProtocolVersion;
+}
+
+void Slave::clearPointers() {
+    mtaExtension_ = 0;
+    mta_ = catalog_.regions().front().base;
+    daq_.clearPointer();
 }
 
 void Slave::status() {

@@ -46,6 +46,7 @@ class Slave {
     Refusal executeDaqInfo(Packet packet, std::uint64_t ticks);
     Refusal executeDaq(Packet packet);
     void connect();
+    void clearPointers();
     void status();
     void commModeInfo();
     Refusal upload(std::size_t elements);

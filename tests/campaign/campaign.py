@@ -65,7 +65,8 @@ def run(test_class, *case):
     return test.outcome
 
 
-def main(name, test_class, cases):
+def main(name, test_class, cases, parallel=PARALLEL, summary=list):
+    """`summary` gives the lines that go before the last one."""
     arguments = sys.argv[1:]
     if len(arguments) > 1:
         run(test_class, *arguments)
@@ -86,7 +87,8 @@ def main(name, test_class, cases):
                 last = [line for line in str(error).strip().splitlines() if line.strip()]
                 print(f"FAILED {name}: {' '.join(map(repr, map(str, case)))}", *last[-12:], sep="\n    ", flush=True)
 
-    with concurrent.futures.ThreadPoolExecutor(PARALLEL) as pool:
+    with concurrent.futures.ThreadPoolExecutor(parallel) as pool:
         list(pool.map(one, chosen))
+    print(*summary(), sep="\n", end="\n" if summary != list else "")
     print(f"{name}: {len(chosen)} cases, {len(failed)} failed, {time.monotonic() - begin:.0f} s")
     sys.exit(1 if failed else 0)

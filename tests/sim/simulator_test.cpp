@@ -198,6 +198,11 @@ TEST(Ecu, MisbehavesOnOrder) {
         {"lose:*:3:0", {}, {}, {}},  // CONNECT is the first command
         {"late:GET_STATUS:2:1:200", {}, {good}, {good}},
         {"double:GET_STATUS:2", {good, good}, {}, {good}},
+        {"double:GET_STATUS:2:1:9", {good}, {good}, {good}},
+        {"overtaken:GET_STATUS:2", {}, {}, {good, good}},
+        {"positive:GET_STATUS:2", {"FF"}, {}, {good}},
+        {"endless:GET_STATUS:2:1:150", {}, {pending, pending, pending}, {good}},
+        {"halt:GET_STATUS:2:1:300", {}, {good}, {good}},
         {"short:GET_STATUS:2:1:3", {"FF 00 00"}, {}, {good}},
         {"wrong:GET_STATUS:2", {"FF FF FF FF FF FF"}, {}, {good}},
         {"stray:GET_STATUS:2", {"FF", good}, {}, {good}},
@@ -218,6 +223,50 @@ TEST(Ecu, MisbehavesOnOrder) {
         EXPECT_EQ(bench.pass(400), row.later) << row.rule;
         EXPECT_EQ(bench.send("FD"), row.after) << row.rule;
     }
+}
+
+TEST(Ecu, WorksOffInOrderWhatCameDuringAHalt) {
+    const std::string status = "FF 00 00 00 00 00";
+    const std::string word = "FF 80 0C";
+    const struct {
+        Packets rules;
+        Packets at100;  ///< what comes at the end of the halt
+        Packets at110;
+    } rows[] = {
+        {{"halt:GET_STATUS:1:1:100"}, {status, "FE 00", word}, {}},
+        {{"halt:GET_STATUS:1:1:100:10"}, {status}, {"FE 00"}},
+        {{"double:GET_STATUS", "halt:*:2:1:100"}, {status, status, "FE 00", word}, {}},
+        {{"halt:*:2:1:100", "late:SYNCH:1:1:10"}, {status}, {"FE 00", word}},
+        {{"halt:*:2:1:100", "overtaken:SYNCH:1:1:10"}, {status, word}, {"FE 00"}},
+        {{"halt:*:2:1:100", "overtaken:SYNCH"}, {status, word, "FE 00"}, {}},
+    };
+    for (const auto& row : rows) {
+        Options options;
+        options.faults = row.rules;
+        SimBench bench(options);
+        bench.drive({"FF 00"});
+        for (const char* command : {"FD", "FC", "F4 02 00 00 02 00 01 00"})
+            EXPECT_EQ(bench.send(command), Packets{}) << row.rules[0];
+        EXPECT_EQ(bench.pass(99), Packets{}) << row.rules[0];
+        EXPECT_EQ(bench.pass(1), row.at100) << row.rules[0];
+        EXPECT_EQ(bench.pass(10), row.at110) << row.rules[0];
+    }
+}
+
+TEST(Slave, LosesItsPointersOnSynch) {
+    Options options;
+    options.synchClears = true;
+    SimBench bench(options);
+    bench.drive({"FF 00", "F6 00 00 00 02 00 01 00"});
+    bench.send("FC");
+    bench.drive({"F0 01 07"});
+    EXPECT_EQ(bench.send("F4 04 00 00 00 00 01 00"), Packets{"FF 07 00 80 0C"});
+    measure(bench, kEvent10ms, "counter_10ms", "gear");
+    bench.send("DD 00");
+    bench.drive({"E2 00 00 00 01 00"});
+    bench.send("FC");
+    bench.drive({"E1 FF 01 00 00 00 01 00", "DE 02 00 00", "DD 01"});
+    EXPECT_EQ(bench.pass(10)[0].substr(18), "07");  // in the place of the counter
 }
 
 TEST(Ecu, StallsThenCatchesUpAndRestartsFromZero) {

@@ -94,8 +94,9 @@ class Program:
     """A running program whose standard error and standard output go to files unless given elsewhere."""
 
     def __init__(self, arguments, directory, env, stdout=None, stderr=None, stdin=subprocess.DEVNULL):
-        self.out_path, self.err_path = (Path(tempfile.mkstemp(dir=directory)[1]) for _ in range(2))
-        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+        with (tempfile.NamedTemporaryFile(dir=directory, delete=False) as out,
+              tempfile.NamedTemporaryFile(dir=directory, delete=False) as err):
+            self.out_path, self.err_path = Path(out.name), Path(err.name)
             self.process = subprocess.Popen(arguments, stdin=stdin, stdout=stdout or out,
                                             stderr=stderr or err, env=env)
 

@@ -15,10 +15,6 @@ def faults(*rules):
 
 
 class AnswersTest(harness.SystemTest):
-    def get(self, sim, timeout_ms, *arguments):
-        config = self.quick_config(xcp={"timeoutsMs": [timeout_ms] * 6 + [20]})
-        return self.run_cli(sim, "-c", config, *arguments, "get", *VALUES)
-
     def test_recovers_and_reads_the_right_values(self):
         rows = [
             faults("lose:SHORT_UPLOAD:2:2"),
@@ -32,40 +28,9 @@ class AnswersTest(harness.SystemTest):
         ]
         for options in rows:
             with self.subTest(options):
-                done = self.get(self.start_sim(*options), 400)
+                config = self.quick_config(xcp={"timeoutsMs": [400] * 6 + [20]})
+                done = self.run_cli(self.start_sim(*options), "-c", config, "get", *VALUES)
                 self.expect(done, "".join(value_line(*row) for row in VALUES.items()), done.stderr)
-
-    def check_answers(self, command, *extra):
-        """Answers come late and more than once, in steps around t1 (300 ms).
-
-        An answer later than two t1, or doubled by an ECU that answers no SYNCH, cannot always be told from another's.
-        """
-        rows = [["late:COMMAND:1:1:250"], ["late:COMMAND:2:2:350"], ["late:COMMAND:1:0:350"], ["late:COMMAND:1:0:520"],
-                ["late:*:1:0:350"], ["double:*:1:0"],
-                ["late:COMMAND:2:1:450", "double:COMMAND:3:0", "late:SYNCH:1:1:900"],
-                ["stray:COMMAND:1:0", "late:SYNCH:1:0:250"], ["lose:COMMAND:1:3", "late:SYNCH:1:0:600"],
-                ["short:COMMAND:2:0:1"]]
-        values = 0
-        for row in rows:
-            with self.subTest(row):
-                sim = self.start_sim(*faults(*(rule.replace("COMMAND", command) for rule in row)))
-                done = self.get(sim, 300, *extra)
-                values += self.check_shown(VALUES, VALUES, done.stdout, done.stderr, done.returncode)
-        self.assertGreater(values, len(rows))
-
-    def test_no_answer_becomes_the_value_of_another_command(self):
-        self.check_answers("SHORT_UPLOAD")
-
-    def test_no_answer_becomes_the_value_of_another_block(self):
-        self.check_answers("UPLOAD", "--no-short-upload")
-
-    def test_a_lost_answer_to_a_write_writes_again(self):
-        for rule, writes in (("lose:DOWNLOAD:1", 3), ("ignore:DOWNLOAD:1", 2)):
-            with self.subTest(rule):
-                sim = self.start_sim(*faults(rule))
-                done = self.run_cli(sim, "-c", self.quick_config(), "set", "cal_limited=9", "cal_wave_period=77")
-                self.expect(done, value_line("cal_limited", "9.000") + value_line("cal_wave_period", "77"), done.stderr)
-                self.assertEqual(harness.counters(sim)["writes"], writes)
 
 
 class StreamTest(harness.SystemTest):

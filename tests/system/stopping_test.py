@@ -101,10 +101,10 @@ class StoppingTest(harness.SystemTest):
         values = value_line("cal_limited", "7.000") * 4 + value_line("cal_limited", "ERROR SHORT_UPLOAD: stopped")
         rows = [
             ("ignore:CONNECT:1:0", ["info"], "CONNECT", 4, 1, "", "connect: CONNECT: stopped\n"),
-            ("late:START_STOP_SYNCH:1:1:60000", ["measure", "-s", "wave", "-p", "0"], "START_STOP_SYNCH", 1, 1, "",
+            ("overtaken:START_STOP_SYNCH:1:1:60000", ["measure", "-s", "wave", "-p", "0"], "START_STOP_SYNCH", 1, 1, "",
              "measure: START_STOP_SYNCH: stopped\n"),
-            ("late:SHORT_UPLOAD:5:0:60000", ["get", *["cal_limited"] * 30], "SHORT_UPLOAD", 5, 1, values, ""),
-        ] + [("late:GET_STATUS:1:0:60000", ["measure", *status], "GET_STATUS", 1, 0, None, None)] * 5
+            ("overtaken:SHORT_UPLOAD:5:0:60000", ["get", *["cal_limited"] * 30], "SHORT_UPLOAD", 5, 1, values, ""),
+        ] + [("overtaken:GET_STATUS:1:0:60000", ["measure", *status], "GET_STATUS", 1, 0, None, None)] * 5
         for number, (fault, arguments, command, count, code, out, err) in enumerate(rows):
             with self.subTest(fault):  # the stop of GET_STATUS reaches two threads
                 relay = self.start_relay("--fault", fault)
