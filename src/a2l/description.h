@@ -173,7 +173,7 @@ class Description {
     std::string_view projectLongIdentifier;
     std::string_view moduleName;
     std::string_view moduleLongIdentifier;
-    std::string sha256;  ///< of the file, in hexadecimal, when load() was asked for it
+    std::string sha256;                  ///< of the file, in hexadecimal, when load() was asked for it
     std::optional<ByteOrder> byteOrder;  ///< of MOD_COMMON
     std::vector<Measurement> measurements;
     std::vector<Characteristic> characteristics;
