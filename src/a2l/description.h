@@ -173,6 +173,7 @@ class Description {
     std::string_view projectLongIdentifier;
     std::string_view moduleName;
     std::string_view moduleLongIdentifier;
+    std::string sha256;                  ///< of the file, in hexadecimal, when load() was asked for it
     std::optional<ByteOrder> byteOrder;  ///< of MOD_COMMON
     std::vector<Measurement> measurements;
     std::vector<Characteristic> characteristics;
@@ -197,8 +198,9 @@ class Description {
 /// Reads and parses a file; reading ends when `stopDescriptor` becomes readable. Errors: "cannot open A2L
 /// file PATH" (with the errno), "cannot read A2L file PATH: REASON", too little memory for its content and a
 /// stop included, "A2L file PATH is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT
-/// block", "A2L: no MODULE block". An object that cannot be read becomes a warning.
-Result<Description> load(const std::filesystem::path& path, int stopDescriptor = -1);
+/// block", "A2L: no MODULE block". An object that cannot be read becomes a warning. The digest costs a pass
+/// over the file.
+Result<Description> load(const std::filesystem::path& path, int stopDescriptor = -1, bool digest = false);
 
 /// The same from text in memory (UTF-8, Windows-1252 or UTF-16 with a byte order mark).
 Result<Description> parseDescription(std::string_view text);

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -26,6 +27,14 @@ class Formula {
     /// Domain errors give NaN or infinity.
     double evaluate(const double* variables, std::size_t count) const;
     double evaluate(double x) const { return evaluate(&x, 1); }
+
+    /// What a formula of X, numbers and arithmetic alone comes to when it is a * X + b with an a that is not
+    /// 0; none for every other. Computed so, its values may differ in their last digits.
+    struct Linear {
+        double a = 1;
+        double b = 0;
+    };
+    std::optional<Linear> asLinear() const;
 
     /// The text after expansion of the system constants; compiling it again needs no constants.
     const std::string& text() const { return text_; }

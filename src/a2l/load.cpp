@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "a2l/parser.h"
+#include "core/sha256.h"
 #include "core/stoppable_input.h"
 #include "core/text.h"
 
@@ -141,21 +142,23 @@ Result<FileText> readText(const std::filesystem::path& path, int stopDescriptor)
     return cannotRead(path, failure);
 }
 
-Result<Description> readAndParse(const std::filesystem::path& path, int stopDescriptor) {
+Result<Description> readAndParse(const std::filesystem::path& path, int stopDescriptor, bool digest) {
     auto read = readText(path, stopDescriptor);
     if (!read) return read.error();
     FileText text = std::move(read).value();
+    std::string sha256 = digest ? sha256Hex(text.text()) : std::string();
     const auto other = converted(text.text(), text.isUtf8());
-    if (!other) return parseUtf8(text.text());
-    text = FileText(0);
-    return parseUtf8(*other);
+    if (other) text = FileText(0);
+    auto description = parseUtf8(other ? *other : text.text());
+    if (description) description.value().sha256 = std::move(sha256);
+    return description;
 }
 
 }  // namespace
 
-Result<Description> load(const std::filesystem::path& path, int stopDescriptor) {
+Result<Description> load(const std::filesystem::path& path, int stopDescriptor, bool digest) {
     try {
-        return readAndParse(path, stopDescriptor);
+        return readAndParse(path, stopDescriptor, digest);
     } catch (const std::bad_alloc&) {
         return cannotRead(path, ENOMEM);
     }

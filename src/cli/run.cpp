@@ -98,8 +98,9 @@ int runConnected(const Options& options, session::Session& session, Console& con
 
 int runSession(const Options& options, session::SessionConfig config, Output& output) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
+    const bool isRecorded = options.command == Command::measure && !options.recordDirectory.empty();
     auto created = session::Session::create(std::move(config), {}, session::ChannelPool::ofThisMachine(),
-                                            stopDescriptor());
+                                            stopDescriptor(), isRecorded);
     if (!created) {
         printError("session", created.error());
         return 1;

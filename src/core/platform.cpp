@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/mman.h>
@@ -40,6 +41,15 @@ void raiseOpenFileLimit() {
             spdlog::info("open file limit raised from {} to {}", before, limit.rlim_max);
         }
     });
+}
+
+int utcOffsetMinutes(std::int64_t utcNs) {
+    constexpr std::int64_t kNsPerSecond = 1000000000;
+    const std::time_t seconds = utcNs / kNsPerSecond;
+    std::tm local{};
+    ::tzset();  // localtime_r need not look at TZ
+    if (::localtime_r(&seconds, &local) == nullptr) return 0;
+    return static_cast<int>(local.tm_gmtoff / 60);
 }
 
 namespace {

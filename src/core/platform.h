@@ -1,10 +1,12 @@
-// Process-level services of Linux: own path, configuration directory, mapped files, the open-file limit.
+// Process-level services of Linux: own path, configuration directory, mapped files, the open-file limit, the
+// local time.
 //
-// Threads: executablePath, userConfigDirectory and raiseOpenFileLimit may be called from any thread; a
-// MappedFile belongs to one thread at a time. Lifetime: the bytes of a MappedFile are gone with the object.
+// Threads: the functions may be called from any thread; a MappedFile belongs to one thread at a time.
+// Lifetime: the bytes of a MappedFile are gone with the object.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <string_view>
 
@@ -20,6 +22,9 @@ std::filesystem::path userConfigDirectory();
 
 /// Raises the soft limit of open files to the hard limit, once per process; a refusal is ignored.
 void raiseOpenFileLimit();
+
+/// Minutes from UTC to this host's local time at `utcNs` (nanoseconds since 1970), daylight saving included.
+int utcOffsetMinutes(std::int64_t utcNs);
 
 /// A read-only view of a whole file that nobody cuts short meanwhile: touching what is gone ends the process.
 class MappedFile {

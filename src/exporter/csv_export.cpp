@@ -25,7 +25,7 @@ class TimeText {
   public:
     TimeText(const storage::RecordingInfo& info, bool absolute) : info_(info), absolute_(absolute) {}
 
-    std::string_view heading() const { return absolute_ ? "time [UTC]" : "time [s]"; }
+    std::string_view unit() const { return absolute_ ? " [UTC]" : " [s]"; }
 
     void append(std::string& line, std::int64_t timestampNs) {
         if (absolute_) {
@@ -111,8 +111,8 @@ class GroupCursor {
     bool ended_ = false;
 };
 
-/// "NAME [UNIT]", or "NAME@GROUP [UNIT]" where another column has the same name.
-std::string headingLine(std::span<const ExportGroup> groups, std::string_view timeHeading) {
+/// "NAME [UNIT]", or "NAME@GROUP [UNIT]" where another column has the same name. Raw values have no unit.
+std::string headingLine(std::span<const ExportGroup> groups, std::string_view timeHeading, bool raw) {
     std::map<std::string_view, int> uses;
     for (const ExportGroup& group : groups) {
         for (const storage::SignalInfo* signal : group.signals)
@@ -124,7 +124,7 @@ std::string headingLine(std::span<const ExportGroup> groups, std::string_view ti
             std::string heading = signal->name;
             if (uses[signal->name] > 1) heading += "@" + group.reader.info().name;
             const std::string& unit = signal->conversion.unit();
-            if (!unit.empty()) heading += " [" + unit + "]";
+            if (!unit.empty() && !raw) heading += " [" + unit + "]";
             line += ',';
             appendField(line, heading);
         }
@@ -135,12 +135,16 @@ std::string headingLine(std::span<const ExportGroup> groups, std::string_view ti
 
 class CsvWriter {
   public:
-    CsvWriter(const storage::RecordingInfo& info, const ExportOptions& options, Progress& progress)
-        : options_(options), progress_(progress), time_(info, options.absolute) {}
+    /// `timeName`: what the first column is called.
+    CsvWriter(const storage::RecordingInfo& info, const ExportOptions& options, const std::string& timeName,
+              Progress& progress)
+        : options_(options), progress_(progress), time_(info, options.absolute) {
+        timeHeading_ = timeName + std::string(time_.unit());
+    }
 
     /// One line per time at which a group has a record; the cells of the others are empty.
     Result<void> write(OutputFile& file, std::span<const ExportGroup> groups) {
-        std::string text = headingLine(groups, time_.heading());
+        std::string text = headingLine(groups, timeHeading_, options_.raw);
         std::vector<GroupCursor> cursors;
         for (const ExportGroup& group : groups) {
             cursors.emplace_back(group, options_, progress_);
@@ -181,6 +185,7 @@ class CsvWriter {
     const ExportOptions& options_;
     Progress& progress_;
     TimeText time_;
+    std::string timeHeading_;
 };
 
 /// A name for a part of a file name.
@@ -224,7 +229,7 @@ Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInf
         if (!file) return file.error();
         files.push_back(std::move(file).value());
     }
-    CsvWriter writer(info, options, progress);
+    CsvWriter writer(info, options, timeName(groups), progress);
     const std::span<const ExportGroup> all(groups);
     for (std::size_t i = 0; i < files.size(); ++i) {
         auto written = writer.write(files[i], files.size() == 1 ? all : all.subspan(i, 1));

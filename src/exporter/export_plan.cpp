@@ -56,6 +56,17 @@ Result<std::vector<ExportGroup>> planExport(const storage::RecordingReader& reco
     return groups;
 }
 
+std::string timeName(const std::vector<ExportGroup>& groups) {
+    std::string name = "time";
+    const auto isTaken = [&name](const ExportGroup& group) {
+        return std::any_of(group.signals.begin(), group.signals.end(),
+                           [&name](const storage::SignalInfo* signal) { return signal->name == name; });
+    };
+    while (std::any_of(groups.begin(), groups.end(), isTaken))
+        name = "master_" + name;
+    return name;
+}
+
 std::uint64_t totalBytes(const std::vector<ExportGroup>& groups) {
     std::uint64_t bytes = 0;
     for (const ExportGroup& group : groups)

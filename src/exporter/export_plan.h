@@ -71,6 +71,9 @@ struct ExportGroup {
 Result<std::vector<ExportGroup>> planExport(const storage::RecordingReader& recording,
                                             const ExportOptions& options);
 
+/// What the times are called: "time", or something else when a signal has that name.
+std::string timeName(const std::vector<ExportGroup>& groups);
+
 /// Bytes of records that the export of these groups reads.
 std::uint64_t totalBytes(const std::vector<ExportGroup>& groups);
 

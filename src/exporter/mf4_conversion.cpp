@@ -5,10 +5,13 @@
 #include <cmath>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <string_view>
 #include <system_error>
 #include <utility>
 #include <variant>
+
+#include "exporter/raw_integer.h"
 
 namespace lm::exporter {
 namespace {
@@ -20,7 +23,6 @@ constexpr std::uint8_t kLinear = 1;
 constexpr std::uint8_t kRational = 2;
 constexpr std::uint8_t kInterpolating = 4;
 constexpr std::uint8_t kNearest = 5;
-constexpr std::uint8_t kRangeToValue = 6;
 constexpr std::uint8_t kValueToText = 7;
 constexpr std::uint8_t kRangeToText = 8;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
@@ -41,15 +43,27 @@ Mf4Conversion express(const Conversion::Rational& r) {
     return {kRational, {0, r.f, -r.c, 0, -r.e, r.b}, {}, {}};
 }
 
-/// Exact matches or the default, as ranges of one whole number each.
+/// Exact matches of whole numbers, else the default. Readers differ in ranges with a default, but not in a
+/// table whose keys have the default on both sides: then the nearest key is never another's.
 Mf4Conversion matches(const std::vector<std::pair<double, double>>& pairs, double defaultValue) {
-    Mf4Conversion conversion;
-    conversion.type = kRangeToValue;
+    constexpr double kEveryWhole = 0x1p53;  // below, each whole number is a double
+    std::map<double, double> outputs;
     for (const auto& [input, output] : pairs) {
-        for (const double value : {input, input, output})
-            conversion.values.push_back(value);
+        if (std::isfinite(input) && std::floor(input) == input) outputs.emplace(input, output);
     }
-    conversion.values.push_back(defaultValue);
+    const std::map<double, double> keys = outputs;
+    for (const auto& [key, output] : keys) {
+        const bool isSmall = std::fabs(key) < kEveryWhole;
+        outputs.emplace(isSmall ? key - 1 : std::nextafter(key, -kInfinity), defaultValue);
+        outputs.emplace(isSmall ? key + 1 : std::nextafter(key, kInfinity), defaultValue);
+    }
+    if (outputs.empty()) outputs = {{0, defaultValue}, {1, defaultValue}};
+    Mf4Conversion conversion;
+    conversion.type = kNearest;
+    for (const auto& [key, output] : outputs) {
+        conversion.values.push_back(key);
+        conversion.values.push_back(output);
+    }
     return conversion;
 }
 
@@ -125,12 +139,30 @@ std::vector<Span> disjoint(const std::vector<VerbalRange>& ranges, bool isFloatS
     return spans;
 }
 
-Mf4Conversion express(const Conversion::VerbalTable& table, bool isFloatSignal) {
-    const std::vector<Span> spans = disjoint(table.ranges, isFloatSignal);
+/// What the raw values can reach of the ranges: readers make raw values of the bounds, and some overflow.
+std::vector<VerbalRange> clamped(std::vector<VerbalRange> ranges, const a2l::RawCoding& coding) {
+    const auto [lowest, highest] = integerBounds(coding);
+    for (VerbalRange& range : ranges) {
+        range.lower = std::max(range.lower, lowest);  // beyond the highest: an empty range
+        range.upper = std::min(range.upper, highest);
+    }
+    return ranges;
+}
+
+Mf4Conversion express(const Conversion::VerbalTable& table, const a2l::RawCoding& coding) {
+    const bool isFloatSignal = a2l::isFloat(coding.dataType);
+    const auto reachable = isFloatSignal ? table.ranges : clamped(table.ranges, coding);
+    std::vector<Span> spans = disjoint(reachable, isFloatSignal);
     if (spans.empty() && table.defaultText.empty()) return {};
     Mf4Conversion conversion;
-    const bool plain = std::all_of(table.ranges.begin(), table.ranges.end(),
-                                   [](const VerbalRange& range) { return range.lower == range.upper; });
+    const bool plain =
+        !spans.empty() && std::all_of(table.ranges.begin(), table.ranges.end(),
+                                      [](const VerbalRange& range) { return range.lower == range.upper; });
+    if (spans.empty()) {
+        const double highest = isFloatSignal ? kGreatest : integerBounds(coding).second;
+        const double lowest = isFloatSignal ? -kGreatest : integerBounds(coding).first;
+        spans.push_back({lowest, behind(highest, isFloatSignal), &table.defaultText});
+    }
     conversion.type = plain ? kValueToText : kRangeToText;
     for (const Span& span : spans) {
         conversion.values.push_back(std::max(span.lower, -kGreatest));
@@ -140,6 +172,28 @@ Mf4Conversion express(const Conversion::VerbalTable& table, bool isFloatSignal) 
     conversion.texts.emplace_back();
     if (!table.defaultText.empty()) conversion.texts.back() = table.defaultText;
     return conversion;
+}
+
+/// Whether the line and the formula differ by rounding alone, at raw values across the whole range.
+bool agree(const a2l::Formula& formula, const a2l::Formula::Linear& line, const a2l::RawCoding& coding) {
+    constexpr double kFew = 4 * std::numeric_limits<double>::epsilon();
+    constexpr int kSteps = 64;
+    const auto [lowest, highest] =
+        a2l::isFloat(coding.dataType) ? std::pair(-1e6, 1e6) : integerBounds(coding);
+    for (int i = 0; i <= 2 * kSteps; ++i) {
+        const double across = lowest + (highest - lowest) * i / (2 * kSteps);
+        for (const double x : {std::floor(across), double(i - kSteps)}) {
+            const double difference = std::fabs(line.a * x + line.b - formula.evaluate(x));
+            if (!(difference <= kFew * (std::fabs(line.a * x) + std::fabs(line.b)))) return false;
+        }
+    }
+    return true;
+}
+
+Mf4Conversion express(const Conversion::Formulas& formulas, const a2l::RawCoding& coding) {
+    const auto line = formulas.forward.asLinear();
+    if (line && agree(formulas.forward, *line, coding)) return {kLinear, {line->b, line->a}, {}, {}};
+    return impossible("formula " + formulas.forward.text());
 }
 
 Mf4Conversion expressAny(const storage::SignalInfo& signal) {
@@ -153,10 +207,10 @@ Mf4Conversion expressAny(const storage::SignalInfo& signal) {
         return express(*table, isFloatSignal);
     }
     if (const auto* verbal = std::get_if<Conversion::VerbalTable>(&kind)) {
-        return express(*verbal, isFloatSignal);
+        return express(*verbal, signal.coding);
     }
     if (const auto* formulas = std::get_if<Conversion::Formulas>(&kind)) {
-        return impossible("formula " + formulas->forward.text());
+        return express(*formulas, signal.coding);
     }
     return {};
 }

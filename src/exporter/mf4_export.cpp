@@ -60,7 +60,7 @@ Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
                                            const ExportOptions& options, Progress& progress) {
     std::vector<Mf4Layout> layouts;
     for (const ExportGroup& group : groups) {
-        auto layout = Mf4Layout::make(group);
+        auto layout = Mf4Layout::make(group, info.startHostNs);
         if (!layout) return layout.error();
         layouts.push_back(std::move(layout).value());
     }

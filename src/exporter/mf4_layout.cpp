@@ -4,6 +4,9 @@
 #include <bit>
 #include <cstring>
 #include <limits>
+#include <set>
+#include <string_view>
+#include <utility>
 
 #include "exporter/raw_integer.h"
 
@@ -77,13 +80,28 @@ void Mf4Layout::packField(Mf4Channel& channel, Form form) {
     }
 }
 
-Result<Mf4Layout> Mf4Layout::make(const ExportGroup& group) {
-    Mf4Layout layout;
-    std::vector<Form> forms;
+/// One per signal; a signal whose physical values are computed gets a second one, "NAME.raw".
+void Mf4Layout::addChannels(const ExportGroup& group) {
+    std::set<std::string_view> taken;
+    for (const storage::SignalInfo* signal : group.signals)
+        taken.insert(signal->name);
     for (const storage::SignalInfo* signal : group.signals) {
-        layout.channels_.push_back({signal, mf4Conversion(*signal), 0, 0, 0, 0});
-        forms.push_back(formOf(layout.channels_.back()));
+        channels_.push_back({signal, signal->name, mf4Conversion(*signal), false, 0, 0, 0, 0});
+        if (channels_.back().conversion.obstacle.empty()) continue;
+        std::string name = signal->name + ".raw";
+        while (taken.count(name) != 0)
+            name += "_";
+        channels_.push_back({signal, std::move(name), {}, true, 0, 0, 0, 0});
     }
+}
+
+Result<Mf4Layout> Mf4Layout::make(const ExportGroup& group, std::int64_t startNs) {
+    Mf4Layout layout;
+    layout.startNs_ = startNs;
+    layout.addChannels(group);
+    std::vector<Form> forms;
+    for (const Mf4Channel& channel : layout.channels_)
+        forms.push_back(formOf(channel));
     const bool allCopied =
         std::all_of(forms.begin(), forms.end(), [](Form form) { return form == Form::copied; });
     const bool wholeRecords = allCopied && group.signals.size() == group.reader.info().signals.size();
@@ -127,6 +145,8 @@ void Mf4Layout::pack(const std::uint8_t* stored, std::uint8_t* to) const {
             }
         }
     }
+    // Damaged timestamps may be any numbers.
+    writeLittle(to, readLittle<std::uint64_t>(stored) - static_cast<std::uint64_t>(startNs_));
 }
 
 }  // namespace lm::exporter

@@ -1,12 +1,15 @@
 #include "exporter/mf4_metadata.h"
 
 #include <algorithm>
+#include <cmath>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <spdlog/fmt/fmt.h>
 
+#include "core/platform.h"
 #include "core/text.h"
 
 namespace lm::exporter {
@@ -28,17 +31,28 @@ void addIdentification(Mf4Blocks& blocks) {
     blocks.raw(fields.zeros(34));
 }
 
+/// A time in UTC with the offset of the local time, if that is known. Whether a part of it is daylight saving
+/// is not told.
+void putTime(Mf4Fields& fields, std::int64_t utcNs, std::optional<std::int32_t> offsetMinutes) {
+    constexpr std::uint8_t kOffsetsValid = 2;
+    fields.put(static_cast<std::uint64_t>(std::max<std::int64_t>(utcNs, 0)));
+    fields.put(static_cast<std::uint16_t>(offsetMinutes.value_or(0))).zeros(2);
+    fields.put(offsetMinutes ? kOffsetsValid : std::uint8_t{0});
+}
+
 Link addHistory(Mf4Blocks& blocks, std::int64_t nowUtcNs) {
     const std::string inner = element("TX", "exported from a recording") + element("tool_id", "xcplumo-cli") +
                               element("tool_vendor", "XCP-Lumo") + element("tool_version", XCPLUMO_VERSION);
     const Link comment = blocks.comment("FHcomment", inner);
-    return blocks.add("FH", {0, comment}, Mf4Fields().put(static_cast<std::uint64_t>(nowUtcNs)).zeros(8));
+    Mf4Fields fields;
+    putTime(fields, nowUtcNs, utcOffsetMinutes(nowUtcNs));
+    return blocks.add("FH", {0, comment}, fields.zeros(3));
 }
 
-/// Times are UTC and no time zone is told.
 Link addHeader(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
-    const auto start = static_cast<std::uint64_t>(std::max<std::int64_t>(info.startUtcNs, 0));
-    return blocks.add("HD", std::vector<Link>(6), Mf4Fields().put(start).zeros(24));
+    Mf4Fields fields;
+    putTime(fields, info.startUtcNs, info.utcOffsetMinutes);
+    return blocks.add("HD", std::vector<Link>(6), fields.zeros(19));
 }
 
 Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
@@ -50,6 +64,8 @@ Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
     property("subject", info.ecu);
     property("recording", info.name);
     property("source", info.source);
+    property("A2L", info.a2lName);
+    property("A2L SHA-256", info.a2lSha256);
     property("tool", "xcplumo-cli " XCPLUMO_VERSION);
     return blocks.comment(
         "HDcomment", element("TX", info.name) + "<common_properties>" + properties + "</common_properties>");
@@ -79,33 +95,50 @@ struct ChannelPlace {
     std::uint32_t bitCount;
 };
 
+using Limits = std::optional<std::pair<double, double>>;
+
 Link addChannelBlock(Mf4Blocks& blocks, const std::vector<Link>& links, const ChannelPlace& place,
-                     std::optional<std::uint8_t> precision) {
+                     std::optional<std::uint8_t> precision, const Limits& limits) {
     constexpr std::uint32_t kPrecisionValid = 4;
+    constexpr std::uint32_t kLimitsValid = 16;
     Mf4Fields data;
     data.put(place.type).put(place.sync).put(place.dataType).put(place.bitOffset);
-    data.put(place.byteOffset).put(place.bitCount).put(precision ? kPrecisionValid : 0U);
-    data.zeros(4).put(precision.value_or(0)).zeros(3 + 6 * sizeof(double));
+    data.put(place.byteOffset).put(place.bitCount);
+    data.put((precision ? kPrecisionValid : 0U) | (limits ? kLimitsValid : 0U));
+    data.zeros(4).put(precision.value_or(0)).zeros(3);
+    const auto [lower, upper] = limits.value_or(std::pair(0.0, 0.0));
+    data.zeros(2 * sizeof(double)).put(lower).put(upper).zeros(2 * sizeof(double));
     return blocks.add("CN", links, data);
 }
 
-/// The timestamps as they were recorded; a conversion makes them seconds since the start.
-Link addTimeChannel(Mf4Blocks& blocks, const storage::RecordingInfo& info, Link next) {
+/// The limits of the A2L when they are two and leave values between them: MDF knows no single one, and
+/// "0 0" stands for none in many files.
+Limits limitsOf(const storage::SignalInfo& signal) {
+    if (!signal.limits) return std::nullopt;
+    const auto [lower, upper] = *signal.limits;
+    if (!std::isfinite(lower) || !std::isfinite(upper) || !(lower < upper)) return std::nullopt;
+    return signal.limits;
+}
+
+/// Nanoseconds since the start; a conversion makes them seconds.
+Link addTimeChannel(Mf4Blocks& blocks, const std::string& name, Link source, Link next) {
     constexpr std::uint8_t kLinear = 1;
     constexpr std::uint8_t kMaster = 2;
     constexpr std::uint8_t kTime = 1;
     constexpr std::uint8_t kSignedLittle = 2;
     constexpr std::uint8_t kDecimals = 9;
     const Link unit = blocks.text("s");
-    const double start = -static_cast<double>(info.startHostNs) * kSecondsPerNs;
-    const Link conversion = addConversion(blocks, {kLinear, {start, kSecondsPerNs}, {}, {}}, unit, kDecimals);
-    return addChannelBlock(blocks, {next, 0, blocks.text("time"), 0, conversion, 0, unit, 0},
-                           {kMaster, kTime, kSignedLittle, 0, 0, 64}, kDecimals);
+    const Link conversion = addConversion(blocks, {kLinear, {0, kSecondsPerNs}, {}, {}}, unit, kDecimals);
+    return addChannelBlock(blocks, {next, 0, blocks.text(name), source, conversion, 0, unit, 0},
+                           {kMaster, kTime, kSignedLittle, 0, 0, 64}, kDecimals, {});
 }
 
 /// What the signal is, and what became of its conversion.
 Link addChannelComment(Mf4Blocks& blocks, const Mf4Channel& channel) {
     const storage::SignalInfo& signal = *channel.signal;
+    if (channel.isRawBeside) {
+        return blocks.comment("CNcomment", element("TX", "raw values of " + signal.name));
+    }
     std::string text = signal.description;
     if (const std::string& obstacle = channel.conversion.obstacle; !obstacle.empty()) {
         text += (text.empty() ? "" : " ") +
@@ -118,30 +151,34 @@ Link addChannelComment(Mf4Blocks& blocks, const Mf4Channel& channel) {
     return inner.empty() ? 0 : blocks.comment("CNcomment", inner);
 }
 
-Link addChannel(Mf4Blocks& blocks, const Mf4Channel& channel, Link next) {
+Link addChannel(Mf4Blocks& blocks, const Mf4Channel& channel, Link source, Link next) {
     const storage::SignalInfo& signal = *channel.signal;
-    const Link unit = signal.conversion.unit().empty() ? 0 : blocks.text(signal.conversion.unit());
-    const auto precision = mf4Precision(signal.conversion.formatText());
+    // Unit, decimals and limits are those of the physical values.
+    const bool isRaw = channel.isRawBeside;
+    const std::string& unitText = signal.conversion.unit();
+    const Link unit = isRaw || unitText.empty() ? 0 : blocks.text(unitText);
+    const auto precision = isRaw ? std::nullopt : mf4Precision(signal.conversion.formatText());
     const Link conversion = addConversion(blocks, channel.conversion, unit, precision);
     const Link comment = addChannelComment(blocks, channel);
-    return addChannelBlock(blocks, {next, 0, blocks.text(signal.name), 0, conversion, 0, unit, comment},
+    return addChannelBlock(blocks, {next, 0, blocks.text(channel.name), source, conversion, 0, unit, comment},
                            {0, 0, channel.dataType, channel.bitOffset, channel.byteOffset, channel.bitCount},
-                           precision);
+                           precision, isRaw ? Limits() : limitsOf(signal));
 }
 
-Link addChannelGroup(Mf4Blocks& blocks, const storage::RecordingInfo& info, const ExportGroup& group,
+Link addChannelGroup(Mf4Blocks& blocks, const std::string& time, const ExportGroup& group,
                      const Mf4Layout& layout, Link source) {
     Link first = 0;
     for (auto channel = layout.channels().rbegin(); channel != layout.channels().rend(); ++channel)
-        first = addChannel(blocks, *channel, first);
-    first = addTimeChannel(blocks, info, first);
+        first = addChannel(blocks, *channel, source, first);
+    first = addTimeChannel(blocks, time, source, first);
     const storage::GroupInfo& about = group.reader.info();
     std::string text =
         about.cycleNs > 0
             ? fmt::format("cycle {} ms", formatGeneral(static_cast<double>(about.cycleNs) / 1e6))
             : "not cyclic";
     if (group.every > 1) text += fmt::format(", one of {} records", group.every);
-    const Link comment = blocks.comment("CGcomment", element("TX", text));
+    // Plain, as readers that know no XML show it too.
+    const Link comment = blocks.text(text);
     Mf4Fields data;
     data.zeros(8).put(group.recordCount()).zeros(8);
     data.put(static_cast<std::uint32_t>(layout.stride())).zeros(4);
@@ -162,9 +199,10 @@ Mf4Metadata makeMetadata(const storage::RecordingInfo& info, const std::vector<E
     blocks.setLink(header, kHistory, addHistory(blocks, nowUtcNs));
     blocks.setLink(header, kComment, addHeaderComment(blocks, info));
     const Link source = addSource(blocks, info);
+    const std::string time = timeName(groups);
     Link before = header;
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        const Link channelGroup = addChannelGroup(blocks, info, groups[i], layouts[i], source);
+        const Link channelGroup = addChannelGroup(blocks, time, groups[i], layouts[i], source);
         const Link dataGroup = blocks.add("DG", {0, channelGroup, 0, 0}, Mf4Fields().zeros(8));
         // The next data group is the first link of a data group, and the first one that of the header.
         blocks.setLink(before, kFirstDataGroup, dataGroup);

@@ -122,7 +122,8 @@ class BlockWriter {
     std::vector<std::uint64_t> places_;
 };
 
-Result<void> copyRecords(OutputFile& file, const ExportGroup& group, GapSearch& gaps, Progress& progress) {
+Result<void> copyRecords(OutputFile& file, const ExportGroup& group, std::int64_t startNs, GapSearch& gaps,
+                         Progress& progress) {
     storage::RecordStream stream = group.reader.read(group.range, kCopyBytes);
     for (;;) {
         auto batch = stream.next();
@@ -130,6 +131,7 @@ Result<void> copyRecords(OutputFile& file, const ExportGroup& group, GapSearch& 
         const storage::RecordBatch& records = batch.value();
         if (records.count == 0) return {};
         gaps.look(records);
+        stream.countTimesFrom(startNs);
         const std::size_t size = records.count * records.stride;
         if (auto written = file.append(std::span(records.bytes, size)); !written) return written;
         if (auto goOn = progress.advance(size); !goOn) return goOn;
@@ -147,7 +149,7 @@ Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& gro
     if (auto written = file.append(mf4Head("DT", {}, bytes)); !written) return written.error();
     Result<void> done;
     if (layout.isAsStored()) {
-        done = copyRecords(file, group, gaps, progress);
+        done = copyRecords(file, group, layout.startNs(), gaps, progress);
     } else {
         done = forEachBlock(group, layout, gaps, progress,
                             [&file](std::span<const std::uint8_t> records) { return file.append(records); });

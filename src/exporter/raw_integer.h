@@ -1,10 +1,11 @@
 // Raw integers as they are, all 64 bits of them: a double would round.
 //
-// Threads: a pure function. Lifetime: nothing is kept.
+// Threads: pure functions. Lifetime: nothing is kept.
 #pragma once
 
 #include <bit>
 #include <cstdint>
+#include <utility>
 
 #include "a2l/raw_value.h"
 #include "core/bytes.h"
@@ -26,6 +27,16 @@ inline std::uint64_t readInteger(const std::uint8_t* bytes, const a2l::RawCoding
     if (!a2l::isSigned(coding.dataType)) return field;
     const std::uint64_t sign = std::bit_floor(bits) >> shift;
     return (field ^ sign) - sign;
+}
+
+/// The least and the greatest value of an integer type behind its mask, as the nearest doubles.
+inline std::pair<double, double> integerBounds(const a2l::RawCoding& coding) {
+    const std::uint64_t bits = valueBits(coding);
+    if (bits == 0) return {0, 0};
+    const auto shift = static_cast<unsigned>(std::countr_zero(bits));
+    if (!a2l::isSigned(coding.dataType)) return {0, static_cast<double>(bits >> shift)};
+    const std::uint64_t sign = std::bit_floor(bits) >> shift;
+    return {-static_cast<double>(sign), static_cast<double>(sign - 1)};
 }
 
 }  // namespace lm::exporter

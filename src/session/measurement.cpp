@@ -159,6 +159,9 @@ Result<void> Measurement::createRecording(const std::filesystem::path& directory
     const auto normal = directory.lexically_normal();
     info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
     info.ecu = context_.ecuName;
+    info.utcOffsetMinutes = utcOffsetMinutes(info.startUtcNs);
+    info.a2lName = context_.config.a2l.filename().string();
+    info.a2lSha256 = context_.description.sha256;
     storage::WriterOptions options;
     options.queueBytes = storage::recommendedQueueBytes(info);
     auto writer = storage::RecordingWriter::create(directory, std::move(info), options);

@@ -143,9 +143,9 @@ storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::Daq
     for (const PlannedSignal& signal : plan.planned) {
         const a2l::ResolvedObject& object = signal.object;
         if (!seen.insert({signal.listIndex, object.name}).second) continue;
-        info.groups[signal.listIndex].signals.push_back({object.name, object.description, object.displayName,
-                                                         object.coding, signal.recordOffset,
-                                                         object.conversion});
+        info.groups[signal.listIndex].signals.push_back(
+            {object.name, object.description, object.displayName, object.coding, signal.recordOffset,
+             object.conversion, std::pair(object.lowerLimit, object.upperLimit)});
     }
     return info;
 }

@@ -30,9 +30,9 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
 }  // namespace
 
 Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback,
-                                                 ChannelPool& pool, int stopDescriptor) {
+                                                 ChannelPool& pool, int stopDescriptor, bool digest) {
     if (config.a2l.empty()) return Error{ErrorCode::invalidArgument, "no A2L file configured"};
-    auto description = a2l::load(config.a2l, stopDescriptor);
+    auto description = a2l::load(config.a2l, stopDescriptor, digest);
     if (!description.ok()) return description.error();
     for (const std::string& warning : description.value().warnings) {
         spdlog::warn("A2L: {}", warning);

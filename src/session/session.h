@@ -50,11 +50,11 @@ class Session final : private xcp::IMasterListener {
     using WarningCallback = std::function<void(const std::string&)>;
 
     /// Loads the A2L and chooses the transport, which opens a CAN channel of the pool; nothing is sent.
-    /// `stopDescriptor`, as of a2l::load, ends the reading. Errors: "no A2L file configured", those of
-    /// a2l::load and chooseTransport.
+    /// `stopDescriptor`, as of a2l::load, ends the reading; with `digest` recordings tell the A2L's SHA-256.
+    /// Errors: "no A2L file configured", those of a2l::load and chooseTransport.
     static Result<std::unique_ptr<Session>> create(SessionConfig config, const WarningCallback& callback = {},
                                                    ChannelPool& pool = ChannelPool::ofThisMachine(),
-                                                   int stopDescriptor = -1);
+                                                   int stopDescriptor = -1, bool digest = false);
 
     ~Session() override;
     Session(const Session&) = delete;

@@ -134,13 +134,23 @@ Result<RecordBatch> RecordStream::next() {
     RecordBatch batch;
     batch.stride = stride_;
     batch.firstNumber = left_.first;
+    count_ = 0;
     if (left_.count() == 0) return batch;
     batch.count = static_cast<std::size_t>(std::min<std::uint64_t>(left_.count(), buffer_.size() / stride_));
     const std::uint64_t offset = kHeaderSize + left_.first * stride_;
     if (auto read = file_->readAt(offset, buffer_.data(), batch.count * stride_); !read) return read.error();
     batch.bytes = buffer_.data();
     left_.first += batch.count;
+    count_ = batch.count;
     return batch;
+}
+
+void RecordStream::countTimesFrom(std::int64_t originNs) {
+    for (std::size_t i = 0; i < count_; ++i) {
+        std::uint8_t* time = &buffer_[i * stride_];
+        // Damaged timestamps may be any numbers.
+        writeLittle(time, readLittle<std::uint64_t>(time) - static_cast<std::uint64_t>(originNs));
+    }
 }
 
 }  // namespace lm::storage

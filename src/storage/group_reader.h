@@ -57,6 +57,9 @@ class RecordStream {
     /// Errors: those of InputFile::readAt().
     Result<RecordBatch> next();
 
+    /// Makes the timestamps of the batch that next() returned last count from `originNs`.
+    void countTimesFrom(std::int64_t originNs);
+
   private:
     friend class GroupReader;
     RecordStream(const InputFile& file, RecordRange range, std::size_t stride, std::size_t batchBytes);
@@ -65,6 +68,7 @@ class RecordStream {
     RecordRange left_;
     std::size_t stride_;
     std::vector<std::uint8_t> buffer_;
+    std::size_t count_ = 0;  ///< records of the last batch
 };
 
 class GroupReader {

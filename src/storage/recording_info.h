@@ -4,7 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "a2l/conversion.h"
@@ -25,6 +27,8 @@ struct SignalInfo {
     a2l::RawCoding coding;
     std::uint32_t recordOffset = 0;  ///< bytes from the start of the group's record
     a2l::Conversion conversion;      ///< with display format and unit
+    /// Lower and upper limit of the A2L, physical; recordings of earlier versions do not tell them.
+    std::optional<std::pair<double, double>> limits = {};
 };
 
 struct GroupInfo {
@@ -41,6 +45,10 @@ struct RecordingInfo {
     std::string source;
     std::string name;
     std::string ecu;
+    // What recordings of earlier versions do not tell.
+    std::optional<std::int32_t> utcOffsetMinutes;  ///< of the recording host's local time
+    std::string a2lName;                           ///< the file's name without its directory, may be empty
+    std::string a2lSha256;                         ///< in hexadecimal, may be empty
     std::vector<GroupInfo> groups;
 };
 

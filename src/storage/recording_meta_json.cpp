@@ -97,6 +97,7 @@ OrderedJson signalToJson(const SignalInfo& signal) {
     json["byteOrder"] = signal.coding.byteOrder == ByteOrder::bigEndian ? "MSB_FIRST" : "MSB_LAST";
     json["bitMask"] = signal.coding.bitMask;
     json["recordOffset"] = signal.recordOffset;
+    if (signal.limits) json["limits"] = realsToJson(signal.limits->first, signal.limits->second);
     json["conversion"] = conversionToJson(signal.conversion);
     return json;
 }
@@ -242,6 +243,10 @@ SignalInfo signalFrom(const Json& json) {
     signal.coding.bitMask = unsignedAt(json, "bitMask", std::numeric_limits<std::uint64_t>::max());
     constexpr std::uint64_t kMaxOffset = std::numeric_limits<std::uint32_t>::max();
     signal.recordOffset = static_cast<std::uint32_t>(unsignedAt(json, "recordOffset", kMaxOffset));
+    if (json.contains("limits")) {
+        const std::vector<double> limits = realsFrom(json.at("limits"), 2, "limits");
+        signal.limits = {limits[0], limits[1]};
+    }
     const Json& conversion = json.at("conversion");
     signal.conversion =
         Conversion(kindFrom(conversion), textOrEmpty(conversion, "format"), textOrEmpty(conversion, "unit"));
@@ -277,6 +282,15 @@ bool refuseDeepNesting(int depth, Json::parse_event_t /*event*/, Json& /*parsed*
     return true;
 }
 
+std::int32_t utcOffsetFrom(const Json& json) {
+    constexpr std::int64_t kMinutesOfDay = 24 * 60;
+    const std::int64_t minutes = signedAt(json, "utcOffsetMin");
+    if (minutes <= -kMinutesOfDay || minutes >= kMinutesOfDay) {
+        throw MetaError("\"utcOffsetMin\" is a day or more");
+    }
+    return static_cast<std::int32_t>(minutes);
+}
+
 Result<RecordingInfo> infoFrom(const Json& json) {
     if (auto error = checkVersion(json)) return *std::move(error);
     RecordingInfo info;
@@ -285,6 +299,9 @@ Result<RecordingInfo> infoFrom(const Json& json) {
     info.startHostNs = signedAt(json, "startHostNs");
     info.name = textAt(json, "name");
     info.ecu = textAt(json, "ecu");
+    if (json.contains("utcOffsetMin")) info.utcOffsetMinutes = utcOffsetFrom(json);
+    info.a2lName = textOrEmpty(json, "a2lName");
+    info.a2lSha256 = textOrEmpty(json, "a2lSha256");
     for (const Json& group : arrayAt(json, "groups"))
         info.groups.push_back(groupFrom(group));
     return info;
@@ -300,6 +317,9 @@ std::string metaToJson(const RecordingInfo& info) {
     json["startHostNs"] = info.startHostNs;
     json["name"] = info.name;
     json["ecu"] = info.ecu;
+    if (info.utcOffsetMinutes) json["utcOffsetMin"] = *info.utcOffsetMinutes;
+    if (!info.a2lName.empty()) json["a2lName"] = info.a2lName;
+    if (!info.a2lSha256.empty()) json["a2lSha256"] = info.a2lSha256;
     OrderedJson groups = OrderedJson::array();
     for (const GroupInfo& group : info.groups)
         groups.push_back(groupToJson(group));

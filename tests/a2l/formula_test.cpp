@@ -62,6 +62,28 @@ TEST(Formula, Values) {
     EXPECT_EQ(formula.evaluate(nullptr, 0), 0);
 }
 
+TEST(Formula, StraightLinesAreKnownAsSuch) {
+    struct Row {
+        const char* text;
+        double a;  ///< 0: no line
+        double b;
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"X", 1, 0}, {"X+1", 1, 1}, {"X-1", 1, -1}, {"X*2", 2, 0}, {"X/4", 0.25, 0}, {"1-X", -1, 1}, {"2*X", 2, 0},
+        {"-(X-40)*3+X", -2, 120}, {"(2*X)-(X+1)/2", 1.5, -0.5}, {"X*X2+X+X3", 1, 0}, {"X*sqrt(2+2)-pow(2,3)", 2, -8},
+        {"X*(1<<4)+!X2-~5%4", 16, 3}, {"X*(abs(-2)==2)", 1, 0}, {"3*4", 0, 0}, {"X-X", 0, 0}, {"X*X", 0, 0},
+        {"X*(X+1)", 0, 0}, {"X/X", 0, 0}, {"1/X", 0, 0}, {"X/0", 0, 0}, {"sin(X)", 0, 0}, {"X+(X>1)", 0, 0},
+        {"X&255", 0, 0}, {"pow(X,1)", 0, 0}, {"-!X", 0, 0}, {"X%2+X", 0, 0}
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        const auto line = Formula::compile(row.text, {}).value().asLinear();
+        EXPECT_EQ(line ? line->a : 0, row.a) << row.text;
+        EXPECT_EQ(line ? line->b : 0, row.b) << row.text;
+    }
+}
+
 TEST(Formula, Errors) {
     // clang-format off
     const std::map<std::string, std::string> rows = {

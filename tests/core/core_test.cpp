@@ -10,6 +10,7 @@
 #include "core/bytes.h"
 #include "core/platform.h"
 #include "core/result.h"
+#include "core/sha256.h"
 
 namespace lm {
 namespace {
@@ -26,6 +27,21 @@ TEST(Bytes, EveryWidthLiesInTheOrderNamed) {
     EXPECT_EQ(buffer, (std::array<std::uint8_t, 8>{0x12, 0x34, 0x56, 5, 4, 3, 2, 1}));
     EXPECT_EQ(readSized(buffer.data(), 3, ByteOrder::bigEndian), 0x123456U);
     EXPECT_EQ(readSized(buffer.data(), 3, ByteOrder::littleEndian), 0x563412U);
+}
+
+TEST(Sha256, OfPublishedTextsAndAroundTheBordersOfABlock) {
+    EXPECT_EQ(sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    const std::pair<std::size_t, const char*> rows[] = {
+        {0, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+        {55, "9f4390f8d30c2dd92ec9f095b65e2b9ae9b0a925a5258e241c9f1e910f734318"},
+        {56, "b35439a4ac6f0948b6d6f9e3c6af0f5f590ce20f1bde7090ef7970686ec6738a"},
+        {64, "ffe054fe7ae0cb6dc65c3af9b61d5209f439851db43d0ba5997337df154668eb"},
+        {119, "31eba51c313a5c08226adf18d4a359cfdfd8d2e816b13f4af952f7ea6584dcfb"},
+        {120, "2f3d335432c70b580af0e8e1b3674a7c020d683aa5f73aaaedfdc55af904c21c"},
+        {1000000, "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
+    };
+    for (const auto& [length, expected] : rows)
+        EXPECT_EQ(sha256Hex(std::string(length, 'a')), expected) << length;
 }
 
 TEST(Result, ErrorsTellTheirTextAndTheirCategory) {

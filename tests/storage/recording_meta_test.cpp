@@ -33,6 +33,13 @@ TEST(RecordingMeta, WritesEveryKeyInItsPlace) {
     EXPECT_EQ(withoutSpace(metaToJson(test::smallRecording())), kSmallMeta);
 }
 
+TEST(RecordingMeta, KeepsWhatEarlierVersionsDidNotTell) {
+    std::string text = replaced(kSmallMeta, R"("ecu":"ECU1",)",
+                                R"("ecu":"ECU1","utcOffsetMin":-210,"a2lName":"a.a2l","a2lSha256":"0f",)");
+    text = replaced(text, R"("recordOffset":2,)", R"("recordOffset":2,"limits":["-inf",63.5],)");
+    EXPECT_EQ(withoutSpace(metaToJson(metaFromJson(text).value())), text);
+}
+
 TEST(RecordingMeta, KeepsEveryKindOfConversionAndText) {
     for (const char* conversion : {
              R"({"type":"linear","unit":"°C","format":"%5.2","linear":[0.3333333333333333,"-inf"]})",
@@ -63,6 +70,8 @@ TEST(RecordingMeta, TellsWhatIsWrong) {
         {"recordOffset\":2", "recordOffset\":4294967295", "Temp: outside the group record"},
         {"1700000000000000000", "1.5", "\"startUtcNs\" is not a whole number of 64 bits"},
         {"1700000000000000000", "9223372036854775808", "\"startUtcNs\" is not a whole number of 64 bits"},
+        {"\"ecu\"", "\"utcOffsetMin\":1440,\"ecu\"", "\"utcOffsetMin\" is a day or more"},
+        {"\"bitMask\"", "\"limits\":[1],\"bitMask\"", "\"limits\" does not hold 2 numbers"},
         {"SBYTE", "sbyte", "unknown type sbyte"},
         {"MSB_LAST", "LAST", "unknown byte order LAST"},
         {"\"identical\"", "\"same\"", "unknown conversion same"},

@@ -38,6 +38,7 @@ class A2l:
                 "displayName": self.option(words, "DISPLAY_IDENTIFIER"),
                 "byteOrder": self.option(words, "BYTE_ORDER", common),
                 "bitMask": int(self.option(words, "BIT_MASK", "0"), 0),
+                "limits": [float(limit) for limit in words[5:7]],
                 "conversion": self.conversion(words[2], self.option(words, "PHYS_UNIT"), self.option(words, "FORMAT"))}
 
     def conversion(self, method, unit="", display=""):

@@ -12,16 +12,23 @@ from harness import CLI, SystemTest, stop, wait_until
 from mf4_walker import File
 from recording import Signal, head
 
-START_UTC, START_HOST, CYCLE = 1_700_000_000_000_000_000, 5_000_000_000_123, 10_000_000
+# A host that has been up for 400 days: a double no longer holds its nanoseconds.
+START_UTC, START_HOST, CYCLE = 1_700_000_000_000_000_000, 34_560_000_000_000_123, 10_000_000
+ABOUT = {"utcOffsetMin": -210, "a2lName": "Motor & <1>.a2l", "a2lSha256": "0123456789abcdef" * 4}
+# Of the first signal of a group, the second, ...: what the recording tells, what MDF gets.
+LIMITS = [(None, None), ([-1.5, 10.0], (-1.5, 10.0)), ([0.0, "inf"], None), ([0.0, 0.0], None), ([-7, 1e300], (-7.0, 1e300))]
 MIDDLE = {"type": "verbal", "verbal": [{"min": 1.0, "max": 2.5, "text": "low, \"quoted\""},
                                        {"min": 2.5, "max": 4.0, "text": "höher"},
                                        {"min": -1.0, "max": 9.0, "text": "around"}]}
 KEYS = {"type": "verbal", "verbal": [{"min": 3.0, "max": 3.0, "text": "three"}, {"min": 0.0, "max": 0.0, "text": "off\nx"},
                                      {"min": 3.0, "max": 3.0, "text": "hidden"}], "defaultText": "other"}
 STEPS = {"type": "table", "interpolate": False, "table": [[1.0, 10.0], [3.0, 30.5], [3.0, 99.0], [7.0, -1.0]]}
+BEYOND = {"type": "verbal", "verbal": [{"min": -1e300, "max": 3.0, "text": "few"}, {"min": 9.0, "max": 1e10, "text": "many"},
+                                       {"min": 300.0, "max": 400.0, "text": "never"}], "defaultText": "some"}
+NEVER = {"type": "verbal", "verbal": [{"min": 300.0, "max": 300.0, "text": "300"}], "defaultText": "all"}
 SMALL = [0, 1, 2, 3, 4, 5, 7, 9, 11, 127]
 FLOATS = [0.0, -0.0, 0.1, 1.0, 2.5, 2.0, 3.0, 1e-7, 1e22, math.nan, math.inf, -math.inf, 4.0, 123456.789]
-PHYSICAL = {"full rational", "stepped", "formula", "float default"}
+PHYSICAL = {"full rational", "stepped", "formula", "float default", "no line", "cancelled"}
 # name, type, big-endian, mask, conversion, raw values
 SIGNALS = [
     ("plain", "UBYTE", 0, 0, {"type": "identical", "unit": "°C", "format": "%5.2"}, SMALL),
@@ -46,6 +53,12 @@ SIGNALS = [
     ("default", "UBYTE", 0, 0, dict(STEPS, defaultNumeric=0.25), SMALL),
     ("float default", "FLOAT32_IEEE", 0, 0, dict(STEPS, defaultNumeric=0.25), [1.0, 3.0, 2.0, 7.0]),
     ("keys", "UBYTE", 0, 0, KEYS, SMALL),
+    ("beyond ranges", "UBYTE", 0, 0, BEYOND, SMALL + [255]),
+    ("masked ranges", "SWORD", 0, 0x0FF0, BEYOND, SMALL + [-128, -1]),
+    ("never", "UBYTE", 0, 0, NEVER, SMALL),
+    ("line", "SBYTE", 0, 0, {"type": "formula", "formula": "5-(X1-pow(2,3))*(3/8)/-abs(1-2)"}, SMALL + [-128]),
+    ("no line", "SBYTE", 0, 0, {"type": "formula", "formula": "X1/2+(X1>100)"}, SMALL),
+    ("cancelled", "UBYTE", 0, 0, {"type": "formula", "formula": "(X1+1e17)-1e17"}, SMALL),
     ("ranges", "SBYTE", 0, 0, MIDDLE, SMALL + [-1, -2, 10]),
     ("float ranges", "FLOAT64_IEEE", 0, 0, dict(MIDDLE, defaultText="none"), [1.0, 2.5, 2.6, 4.0, 4.1, -1.0, -1.1, 9.0]),
 ]
@@ -60,6 +73,8 @@ class Group:
             metas.append({"name": signal_name, "description": f"{n} < {n + 1} & so on", "displayName": "", "type": kind,
                           "byteOrder": ("MSB_LAST", "MSB_FIRST")[big], "bitMask": mask, "recordOffset": offset,
                           "conversion": conversion})
+            if limits := LIMITS[n % len(LIMITS)][0]:
+                metas[-1]["limits"] = limits
             offset += Signal(metas[-1]).field.size
         self.meta = {"recordSize": offset, "cycleNs": cycle, "name": name, "signals": metas}
         self.signals = [Signal(meta) for meta in metas]
@@ -80,8 +95,8 @@ def same(a, b):
 
 
 class ExportTest(SystemTest):
-    def record(self, *groups, name="recording"):
-        """A recording directory with these groups."""
+    def record(self, *groups, name="recording", about=ABOUT):
+        """A recording directory with these groups; what earlier versions did not tell stands in `about`."""
         path = self.dir / name
         path.mkdir()
         for number, group in enumerate(groups):
@@ -90,18 +105,18 @@ class ExportTest(SystemTest):
             (path / f"g{number:04}.rec").write_bytes(head(size) + data + b"torn")
         (path / "meta.json").write_text(json.dumps({
             "formatVersion": 2, "source": "XCP on CAN can0", "startUtcNs": START_UTC, "startHostNs": START_HOST,
-            "name": "Fahrt <1>", "ecu": "ECU", "groups": [g.meta for g in groups]}), encoding="utf-8")
+            "name": "Fahrt <1>", "ecu": "ECU", "groups": [g.meta for g in groups], **about}), encoding="utf-8")
         return path
 
     def several(self):
-        """Every kind of signal with two gaps; signals that need no packing; one record; none."""
+        """Every kind of signal with two gaps; signals that need no packing; one record; none. A group without signals stays out."""
         times = [START_HOST - 5 + i * CYCLE + (i > 9) * 5_000_001 + (i > 20) * 4_999_999 + (i > 30) * CYCLE for i in range(40)]
         self.all = Group("alle Arten", SIGNALS, times)
         self.lying = Group("lying", SIGNALS[:5] + SIGNALS[10:13], [START_HOST + i * 3_000_000 for i in range(50)], 0)
         one = Group("one", SIGNALS[:1], [START_HOST + 7])
         none = Group("none/empty", SIGNALS[:2], [])
         self.groups = [self.all, self.lying, one, none]
-        return self.record(*self.groups)
+        return self.record(*self.groups[:2], Group("no signals", [], [START_HOST]), *self.groups[2:])
 
     def export(self, directory, file, *options):
         done = self.run_plain("export", directory, "-o", self.dir / file, *options)
@@ -120,15 +135,22 @@ class ExportTest(SystemTest):
 
     def check_group(self, group, read, picked, records):
         """Channels and values of an MF4 group against the signals and records of the recording."""
-        names = [group.signals[i].name for i in picked]
+        beside = {s.name for s in group.signals if s.name in PHYSICAL}
+        expected = [(i, raw) for i in picked for raw in (False, True)[:1 + (group.signals[i].name in beside)]]
+        names = [group.signals[i].name + (".raw" if raw else "") for i, raw in expected]
         self.assertEqual(([c.name for c in read.channels], read.cycles), (["time", *names], len(records)))
+        self.assertEqual({c.source for c in read.channels}, {read.source})
         time, *columns = read.columns()
-        self.assertEqual(time, [group.times[n] for n in records])
-        for n, t in zip(records, time):
-            self.assertAlmostEqual(read.channels[0].physical(t), (group.times[n] - START_HOST) / 1e9, delta=2e-12)
-        for i, channel, column in zip(picked, read.channels[1:], columns):
+        for n, t in zip(records, time, strict=True):
+            self.assertEqual(round(read.channels[0].physical(t) * 1e9), group.times[n] - START_HOST)
+        for (i, is_raw), channel, column in zip(expected, read.channels[1:], columns):
             s = group.signals[i]
+            if is_raw:
+                self.assertEqual((channel.unit, channel.conversion, channel.limits), (None, None, None))
+                self.assertTrue(all(map(same, column, (s.raw(group.records[n]) for n in records))), channel.name)
+                continue
             computed = s.name in PHYSICAL
+            self.assertEqual(channel.limits, LIMITS[i % len(LIMITS)][1])
             self.assertEqual((channel.unit or "", channel.bits == 64 and channel.conversion is None and "MDF" in str(channel.comment)),
                              (s.conversion.unit, computed), s.name)
             self.assertTrue(channel.comment["TX"].startswith(s.meta["description"]))
@@ -140,10 +162,16 @@ class ExportTest(SystemTest):
 
     def test_every_signal_and_conversion_in_mf4(self):
         recording = self.several()
+        self.env["TZ"] = "HERE-5:30"
         for file, options in (("a.mf4", ()), ("b.mf4", ("--no-compress",))):
             read = self.mf4(recording, file, *options)
-            self.assertEqual(read.start_ns, START_UTC)
-            self.assertEqual((read.comment["recording"], read.comment["subject"]), ("Fahrt <1>", "ECU"))
+            self.assertEqual((read.start_ns, read.utc_offset, read.history_offset), (START_UTC, -210, 330))
+            self.assertEqual([read.comment[key] for key in ("recording", "subject", "A2L", "A2L SHA-256")],
+                             ["Fahrt <1>", "ECU", ABOUT["a2lName"], ABOUT["a2lSha256"]])
+            self.assertEqual([g.comment for g in read.groups], ["cycle 10 ms", "not cyclic"] + ["cycle 10 ms"] * 2)
+            steps = next(c for c in read.groups[0].channels if c.name == "default")
+            for raw in range(256):
+                self.assertEqual(set(steps.conversion.beside(raw)), {{1: 10.0, 3: 30.5, 7: -1.0}.get(raw, 0.25)}, raw)
             self.assertEqual([g.name for g in read.groups], [g.meta["name"] for g in self.groups])
             self.assertEqual({g.source for g in read.groups}, {("ECU", "XCP on CAN can0", 1, 2)})
             for group, there in zip(self.groups, read.groups):
@@ -186,7 +214,7 @@ class ExportTest(SystemTest):
         done = self.export(recording, "out.csv")
         names = ["alle Arten", "lying", "one", "none_empty"]
         self.assertEqual(done.stdout.splitlines(), [f"{self.dir}/out_{name}.csv written" for name in names])
-        self.assertEqual(done.stderr, "91 record(s) of 35 signal(s) in 4 group(s)\n")
+        self.assertEqual(done.stderr, "91 record(s) of 41 signal(s) in 4 group(s)\n")
         for name, group in zip(names, self.groups):
             (first, *heading), *lines = self.rows(f"out_{name}.csv")
             self.assertEqual(first, "time [s]")
@@ -195,7 +223,9 @@ class ExportTest(SystemTest):
                 self.assertEqual(round(float(time) * 1e9), at - START_HOST)
                 self.check_cells(group, cells, record)
         self.export(recording, "raw.csv", "--raw", "-s", "*")
-        for (_, *cells), record in zip(self.rows("raw_alle Arten.csv")[1:], self.all.records, strict=True):
+        header, *lines = self.rows("raw_alle Arten.csv")
+        self.assertEqual(header, ["time [s]", *(s.name for s in self.all.signals)])
+        for (_, *cells), record in zip(lines, self.all.records, strict=True):
             self.check_cells(self.all, cells, record, raw=True)
 
     def test_csv_on_one_time_axis_in_the_format_of_the_a2l(self):
@@ -222,13 +252,26 @@ class ExportTest(SystemTest):
                     form = {"%5.2": "%.2f", "%.3": "%.3f"}.get(s.conversion.format, "%g")
                     self.assertEqual(cell, value if isinstance(value, str) else form % value, s.name)
 
+    def test_signals_called_like_the_time(self):
+        row = ("UBYTE", 0, 0, {"type": "identical", "unit": "s"}, SMALL)
+        recording = self.record(*(Group(name, [(n, *row) for n in names], [START_HOST])
+                                  for name, names in (("a", ["time", "master_time"]), ("b", ["other"]))))
+        masters = [g.channels[0].name for g in self.mf4(recording, "t.mf4").groups]
+        self.assertEqual(masters, ["master_master_time"] * 2)
+        self.export(recording, "t.csv", "-s", "time")
+        self.assertEqual(self.rows("t.csv")[0], ["master_time [s]", "time [s]"])
+
     def test_many_blocks(self):
         """A list of deflated blocks holds the same bytes as the copy; both hold those of the recording."""
         group = Group("many", SIGNALS[1:4], [START_HOST + i * CYCLE for i in range(600_000)])
-        recording = self.record(group)
-        data = (recording / "g0000.rec").read_bytes()[32:-4]
+        for meta in group.meta["signals"]:
+            meta.pop("limits", None)
+        recording = self.record(group, about={})  # of an earlier version
+        data = b"".join(struct.pack("<q", t - START_HOST) + r for t, r in zip(group.times, group.records))
         for file, options, kinds in (("z.mf4", (), ["DZ"] * 3), ("p.mf4", ("--no-compress",), ["DT"])):
-            read, = self.mf4(recording, file, *options).groups
+            file = self.mf4(recording, file, *options)
+            read, = file.groups
+            self.assertEqual((file.utc_offset, {c.limits for c in read.channels}), (None, {None}))
             self.assertEqual([kind for kind, _, _ in read.sections], kinds)
             self.assertEqual(b"".join(map(read.section_bytes, read.sections)), data)
         self.assertLess((self.dir / "z.mf4").stat().st_size, len(data) / 5)

@@ -54,11 +54,14 @@ class File:
         header = self.block(64, "HD")
         group, history, hierarchy, attachment, event, comment = header.links
         need(hierarchy == attachment == 0, "links of the header")
-        self.start_ns, *rest = header.unpack("<QhhBBBB2d")
-        need(not any(rest), "flags of the header")
+        self.start_ns, self.utc_offset = self.time(header)
+        need(not any(header.unpack("<3B2d", 13)), "flags of the header")
         self.comment = self.xml(comment, "HDcomment")
-        self.history = self.xml(self.block(history, "FH").links[1], "FHcomment")
+        history = self.block(history, "FH")
+        self.history, self.history_offset = self.xml(history.links[1], "FHcomment"), self.time(history)[1]
         self.groups = [Group(self, block) for block in self.chain(group, "DG")]
+        masters = {g.channels[0].name for g in self.groups}
+        need(not masters & {c.name for g in self.groups for c in g.channels[1:]}, f"a channel called like a master: {masters}")
         self.events = [self.event(block) for block in self.chain(event, "EV")]
         self.check_cover()
 
@@ -103,6 +106,13 @@ class File:
         need(tree.tag == SPACE + root, f"{tree.tag} instead of {root}")
         return {e.get("name", e.tag.removeprefix(SPACE)): e.text for e in tree.iter() if len(e) == 0}
 
+    @staticmethod
+    def time(block):
+        """Nanoseconds of UTC and the minutes of the local time, None when they are not told."""
+        start, zone, summer, flags = block.unpack("<QhhB")
+        need(flags == 2 and summer == 0 or (zone, summer, flags) == (0, 0, 0), "time offsets")
+        return start, zone if flags else None
+
     def event(self, block):
         kind, sync, mode, *zero, scopes, attachments, _, base, factor = block.unpack("<8BIHHqd")
         need((kind, sync, any(zero), scopes, attachments) == (2, 1, False, 1, 0) and len(block.links) == 6, "event")
@@ -133,9 +143,9 @@ class Group:
         self.record_id, self.cycles, *flags, stride, invalidation = block.unpack("<QQHH4BII")
         need(self.record_id == invalidation == 0 and not any(flags) and block.links[0] == 0, "channel group")
         self.name = file.text(block.links[2])
-        self.comment = file.xml(block.links[5], "CGcomment")
-        source = file.block(block.links[3], "SI")
-        self.source = (file.text(source.links[0]), file.text(source.links[1]), *source.unpack("<BB"))
+        need(file.block(block.links[5], "TX"), "comment")
+        self.comment = file.text(block.links[5])
+        self.source = source_of(file, block.links[3])
         self.stride = stride
         self.sections = list(self.data_sections(data_group.links[2]))
         need(sum(s[2] for s in self.sections) == self.cycles * stride, f"{self.name}: {self.cycles} records of {stride}")
@@ -186,20 +196,32 @@ class Group:
         return [[channel.raw(record) for record in records] for channel in self.channels]
 
 
+def source_of(file, place):
+    block = file.block(place, "SI")
+    return (file.text(block.links[0]), file.text(block.links[1]), *block.unpack("<BB"))
+
+
 class Channel:
     def __init__(self, file, block, stride):
-        _, composition, name, _, conversion, signal_data, unit, comment = block.links
+        _, composition, name, source, conversion, signal_data, unit, comment = block.links
         (self.type, self.sync, self.data_type, self.bit_offset, self.byte_offset, self.bits, flags, _, self.precision,
-         *rest) = block.unpack("<BBBBIIIIBBH6d")
-        need(composition == signal_data == 0 and self.bit_offset < 8 and not any(rest), "channel")
-        need(self.sync == (self.type == 2) and flags in (0, 4) and self.data_type <= 5, "channel")
+         _, attached, *ranges) = block.unpack("<BBBBIIIIBBH6d")
+        need(composition == signal_data == attached == 0 and self.bit_offset < 8, "channel")
+        need(self.sync == (self.type == 2) and flags in (0, 4, 16, 20) and self.data_type <= 5, "channel")
+        self.limits = tuple(ranges[2:4]) if flags & 16 else None
+        need(not any(ranges) if self.limits is None else self.limits[0] < self.limits[1] and not any(ranges[:2] + ranges[4:]),
+             f"limits {ranges}")
+        self.source = source_of(file, source)
         need(self.data_type < 4 or self.bit_offset == 0 and self.bits in (32, 64), "a float of MDF 4.1")
         self.bytes = (self.bit_offset + self.bits + 7) // 8
         need(self.bits and self.byte_offset + self.bytes <= stride, "channel outside the record")
         self.name, self.unit = file.text(name), file.text(unit)
         self.comment = file.xml(comment, "CNcomment")
-        self.precision = self.precision if flags else None
+        self.precision = self.precision if flags & 4 else None
         self.conversion = Conversion(file, file.block(conversion, "CC")) if conversion else None
+        if self.conversion and self.conversion.type in (7, 8) and self.data_type < 4:
+            low, high = (-(1 << self.bits - 1), (1 << self.bits - 1) - 1) if self.data_type >= 2 else (0, (1 << self.bits) - 1)
+            need(all(float(low) <= v <= float(high) for v in self.conversion.values), f"{self.name}: keys beyond the type")
 
     def raw(self, record):
         data = record[self.byte_offset:self.byte_offset + self.bytes]
@@ -223,7 +245,7 @@ class Conversion:
         self.texts = [file.text(link) for link in block.links[4:]]
         pairs = self.values[::2]
         expected = {1: count == 2, 2: count == 6, 4: count % 2 == 0 and count > 0, 5: count % 2 == 0 and count > 0,
-                    6: count % 3 == 1, 7: refs == count + 1, 8: 2 * refs == count + 2}
+                    7: refs == count + 1, 8: 2 * refs == count + 2}
         need(expected[self.type] and (refs == 0 or self.type > 6), f"conversion {self.type} of {count}, {refs}")
         need(self.type not in (4, 5) or all(a < b for a, b in zip(pairs, pairs[1:])), "keys that do not ascend")
         if self.type == 8:
@@ -237,14 +259,16 @@ class Conversion:
             return (v[0] * x * x + v[1] * x + v[2]) / (v[3] * x * x + v[4] * x + v[5])
         if self.type in (4, 5):
             return self.table(list(v[::2]), v[1::2], x)
-        if self.type == 6:
-            found = (c for a, b, c in zip(v[::3], v[1::3], v[2::3]) if a <= x <= b)
-            return next(found, v[-1])
         if self.type == 7:
             found = (i for i, key in enumerate(v) if key == x)
         else:
             found = (i for i, (a, b) in enumerate(zip(v[::2], v[1::2])) if a <= x and (x < b if is_float else x <= b))
         return self.texts[next(found, -1)]
+
+    def beside(self, x):
+        """What readers can take for the nearest output: that of the key at or below, and at or above."""
+        keys, outputs = self.values[::2], self.values[1::2]
+        return ([o for k, o in zip(keys, outputs) if k <= x] or outputs)[-1], next((o for k, o in zip(keys, outputs) if k >= x), outputs[-1])
 
     def table(self, keys, outputs, x):
         if math.isnan(x):

@@ -1,4 +1,5 @@
 """Recordings of 40 signals in three events: nothing is lost, every value is the one of the ECU's model."""
+import hashlib
 import time
 import unittest
 
@@ -10,6 +11,7 @@ class RecordingTest(ModelCase):
         names = forty_signals()
         self.assertEqual(len(names), 40)
         sim = self.start_sim()
+        self.env["TZ"] = "HERE-5:30"
         before = time.monotonic_ns(), time.time_ns()
         program = self.start_measured(sim, names, 4)
         program.finish()
@@ -20,6 +22,8 @@ class RecordingTest(ModelCase):
         meta = recording.meta
         self.assertEqual([meta[key] for key in ("formatVersion", "source", "name", "ecu")],
                          [2, f"XCP on UDP 127.0.0.1:{sim.port}", "recording", "SimulatedEcu"])
+        self.assertEqual([meta[key] for key in ("utcOffsetMin", "a2lName", "a2lSha256")],
+                         [330, sim.a2l.name, hashlib.sha256(sim.a2l.read_bytes()).hexdigest()])
         for key, earliest, latest in zip(("startHostNs", "startUtcNs"), before, after):
             self.assertTrue(earliest <= meta[key] <= latest, meta)
         for group in recording.groups:
