@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
+#include "a2l/arguments.h"
 #include "a2l/description.h"
 #include "a2l/text_store.h"
 #include "a2l/tokenizer.h"
@@ -20,8 +22,12 @@ struct Keeper {
     std::vector<std::uint16_t>& events;
 
     /// A string of which almost every object has its own.
-    std::string_view own(std::string_view text) { return texts.keep(text); }
-    std::string_view common(std::string_view text) { return shared.keep(text); }
+    std::string_view own(std::string_view text) {
+        return hasQuote(text) ? texts.keep(withPlainQuotes(text)) : texts.keep(text);
+    }
+    std::string_view common(std::string_view text) {
+        return hasQuote(text) ? shared.keep(withPlainQuotes(text)) : shared.keep(text);
+    }
 };
 
 Measurement readMeasurement(const Block& block, Keeper& keeper);

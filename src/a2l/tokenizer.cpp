@@ -201,8 +201,14 @@ bool BlockScanner::skipComment() {
 bool BlockScanner::readString() {
     const std::uint32_t line = line_;
     const char* first = ++at_;
-    for (; at_ != end_ && *at_ != '"'; ++at_) {
-        if (*at_ == '\\' && end_ - at_ > 1) ++at_;
+    for (; at_ != end_; ++at_) {
+        const char c = *at_;
+        if (c == '"') {
+            if (end_ - at_ < 2 || at_[1] != '"') break;
+            ++at_;  // two of them are one of the text
+        } else if (c == '\\' && end_ - at_ > 1) {
+            ++at_;
+        }
         if (*at_ == '\n') ++line_;
     }
     if (at_ == end_) return fail("unterminated string");
