@@ -29,7 +29,7 @@ ResolvedObject resolveCommon(const Description& description, const Source& sourc
     object.displayName = source.displayIdentifier;
     object.coding.byteOrder =
         source.byteOrder.value_or(description.byteOrder.value_or(ByteOrder::littleEndian));
-    object.coding.bitMask = source.bitMask;
+    object.coding.bitMask = source.bits.mask;
     object.conversion = std::move(conversion).value();
     if (!source.format.empty()) object.conversion.setFormat(std::string(source.format));
     if (source.physUnit) object.conversion.setUnit(std::string(*source.physUnit));

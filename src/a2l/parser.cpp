@@ -1,6 +1,7 @@
 #include "a2l/parser.h"
 
 #include <array>
+#include <cmath>
 #include <string>
 #include <utility>
 
@@ -59,15 +60,14 @@ void Parser::collected(const Block& block) {
 }
 
 void Parser::closed(const Block& block, std::size_t depth) {
-    TextStore& texts = description_.store_->texts;
     if (depth == 0 && block.keyword.empty()) {
         closeRoot(block);
     } else if (depth == 0) {
-        description_.projectName = texts.keep(textAt(block, 0));
-        description_.projectLongIdentifier = texts.keep(textAt(block, 1));
+        description_.projectName = keeper_.own(textAt(block, 0));
+        description_.projectLongIdentifier = keeper_.own(textAt(block, 1));
     } else {
-        description_.moduleName = texts.keep(textAt(block, 0));
-        description_.moduleLongIdentifier = texts.keep(textAt(block, 1));
+        description_.moduleName = keeper_.own(textAt(block, 0));
+        description_.moduleLongIdentifier = keeper_.own(textAt(block, 1));
     }
 }
 
@@ -166,8 +166,7 @@ void Parser::readModPar(const Block& block) {
 }
 
 template <typename Record>
-void Parser::index(NameIndex& names, std::vector<Record>& records, const Lines& lines,
-                   std::string_view kind) {
+void Parser::index(NameIndex& names, std::vector<Record>& records, Lines& lines, std::string_view kind) {
     const std::vector<std::uint32_t> repeated = names.build(records);
     if (repeated.empty()) return;
     auto next = repeated.begin();
@@ -178,11 +177,61 @@ void Parser::index(NameIndex& names, std::vector<Record>& records, const Lines& 
             ++next;
             continue;
         }
-        if (kept != i) records[kept] = std::move(records[i]);
+        if (kept != i) {
+            records[kept] = std::move(records[i]);
+            lines[kept] = lines[i];
+        }
         ++kept;
     }
     records.erase(records.begin() + static_cast<std::ptrdiff_t>(kept), records.end());
     names.build(records);
+}
+
+// Files come with thousands of such objects, whoever made them: one of them and the count will do.
+void Parser::tellInfiniteLimits() {
+    std::size_t count = 0;
+    std::uint32_t line = 0;
+    std::string first;
+    const auto look = [&](const auto& records, const Lines& lines, std::string_view kind) {
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            if (std::isfinite(records[i].lowerLimit) && std::isfinite(records[i].upperLimit)) continue;
+            if (count++ != 0) continue;
+            line = lines[i];
+            first = std::string(kind) + " '" + std::string(records[i].name) + "'";
+        }
+    };
+    look(description_.measurements, measurementLines_, "MEASUREMENT");
+    look(description_.characteristics, characteristicLines_, "CHARACTERISTIC");
+    if (count == 0) return;
+    const std::string more = count == 1 ? "" : " and " + std::to_string(count - 1) + " more object(s)";
+    diagnostics_.odd(line, first + " (line " + std::to_string(line) + ")" + more +
+                               ": a limit beyond the range of a 64-bit float counts as none");
+}
+
+void Parser::tellNamesInCommon() {
+    const auto& measurements = description_.measurements;
+    const auto& characteristics = description_.characteristics;
+    std::size_t count = 0;
+    std::size_t first = 0;
+    const auto meet = [&](std::size_t characteristic) {
+        if (count++ == 0) first = characteristic;
+    };
+    // The fewer names are looked up.
+    if (characteristics.size() < measurements.size()) {
+        for (std::size_t i = 0; i < characteristics.size(); ++i)
+            if (description_.findMeasurement(characteristics[i].name) != nullptr) meet(i);
+    } else {
+        for (const Measurement& measurement : measurements) {
+            const Characteristic* other = description_.findCharacteristic(measurement.name);
+            if (other != nullptr) meet(static_cast<std::size_t>(other - characteristics.data()));
+        }
+    }
+    if (count == 0) return;
+    const std::uint32_t line = characteristicLines_[first];
+    const std::string more = count == 1 ? "" : ", and " + std::to_string(count - 1) + " more name(s)";
+    diagnostics_.odd(line, "'" + std::string(characteristics[first].name) +
+                               "' names a MEASUREMENT and a CHARACTERISTIC (line " + std::to_string(line) +
+                               ")" + more + ": the MEASUREMENT is used");
 }
 
 Result<Description> Parser::finish() {
@@ -197,6 +246,8 @@ Result<Description> Parser::finish() {
     index(store.compuTabs, d.compuTabs, tabLines_, "COMPU_TAB");
     index(store.compuVtabs, d.compuVtabs, vtabLines_, "COMPU_VTAB");
     index(store.recordLayouts, d.recordLayouts, layoutLines_, "RECORD_LAYOUT");
+    tellInfiniteLimits();
+    tellNamesInCommon();
     d.warnings = diagnostics_.take();
     return std::move(d);
 }

@@ -58,7 +58,9 @@ class Parser : public BlockVisitor {
     template <typename Record>
     void add(std::vector<Record>& records, Lines& lines, Record record, const Block& block);
     template <typename Record>
-    void index(NameIndex& names, std::vector<Record>& records, const Lines& lines, std::string_view kind);
+    void index(NameIndex& names, std::vector<Record>& records, Lines& lines, std::string_view kind);
+    void tellInfiniteLimits();
+    void tellNamesInCommon();
 
     std::size_t textSize_;
     Description description_;
