@@ -26,9 +26,6 @@ std::string_view readIdentifier(const Block& block, std::size_t index, std::stri
 /// The characters between the quotes, which may hold quotes as "" or \". "LABEL must be a string".
 std::string_view readString(const Block& block, std::size_t index, std::string_view label);
 
-inline bool hasQuote(std::string_view text) {
-    return text.find('"') != std::string_view::npos;
-}
 /// A string with its quotes as they are meant. Other characters behind a backslash stay as both.
 std::string withPlainQuotes(std::string_view text);
 

@@ -20,13 +20,14 @@ struct Keeper {
     TextStore& texts;
     TextInterner& shared;  ///< for texts that many objects have in common
     std::vector<std::uint16_t>& events;
+    bool hasQuotes = false;  ///< of the block that is read
 
     /// A string of which almost every object has its own.
     std::string_view own(std::string_view text) {
-        return hasQuote(text) ? texts.keep(withPlainQuotes(text)) : texts.keep(text);
+        return texts.keep(hasQuotes ? std::string_view(withPlainQuotes(text)) : text);
     }
     std::string_view common(std::string_view text) {
-        return hasQuote(text) ? shared.keep(withPlainQuotes(text)) : shared.keep(text);
+        return shared.keep(hasQuotes ? std::string_view(withPlainQuotes(text)) : text);
     }
 };
 

@@ -60,6 +60,7 @@ void Parser::collected(const Block& block) {
 }
 
 void Parser::closed(const Block& block, std::size_t depth) {
+    keeper_.hasQuotes = block.hasQuotes;
     if (depth == 0 && block.keyword.empty()) {
         closeRoot(block);
     } else if (depth == 0) {
@@ -105,13 +106,25 @@ void Parser::add(std::vector<Record>& records, Lines& lines, Record record, cons
     lines.push_back(block.line);
 }
 
+template <typename Record>
+void Parser::addObject(std::vector<Record>& records, Lines& lines, Record record, const Block& block) {
+    const bool finite = std::isfinite(record.lowerLimit) && std::isfinite(record.upperLimit);
+    if (!finite && infiniteLimits_++ == 0) {
+        infiniteLimitLine_ = block.line;
+        firstInfiniteLimit_ = std::string(block.keyword) + " '" + std::string(record.name) + "'";
+    }
+    add(records, lines, std::move(record), block);
+}
+
 void Parser::read(const Block& block) {
     Description& d = description_;
+    keeper_.hasQuotes = block.hasQuotes;
     switch (kind_) {
         case Kind::measurement:
-            return add(d.measurements, measurementLines_, readMeasurement(block, keeper_), block);
+            return addObject(d.measurements, measurementLines_, readMeasurement(block, keeper_), block);
         case Kind::characteristic:
-            return add(d.characteristics, characteristicLines_, readCharacteristic(block, keeper_), block);
+            return addObject(d.characteristics, characteristicLines_, readCharacteristic(block, keeper_),
+                             block);
         case Kind::axisPoints:
             return add(d.axisPoints, axisPointsLines_, readAxisPoints(block, keeper_), block);
         case Kind::compuMethod:
@@ -189,23 +202,12 @@ void Parser::index(NameIndex& names, std::vector<Record>& records, Lines& lines,
 
 // Files come with thousands of such objects, whoever made them: one of them and the count will do.
 void Parser::tellInfiniteLimits() {
-    std::size_t count = 0;
-    std::uint32_t line = 0;
-    std::string first;
-    const auto look = [&](const auto& records, const Lines& lines, std::string_view kind) {
-        for (std::size_t i = 0; i < records.size(); ++i) {
-            if (std::isfinite(records[i].lowerLimit) && std::isfinite(records[i].upperLimit)) continue;
-            if (count++ != 0) continue;
-            line = lines[i];
-            first = std::string(kind) + " '" + std::string(records[i].name) + "'";
-        }
-    };
-    look(description_.measurements, measurementLines_, "MEASUREMENT");
-    look(description_.characteristics, characteristicLines_, "CHARACTERISTIC");
-    if (count == 0) return;
-    const std::string more = count == 1 ? "" : " and " + std::to_string(count - 1) + " more object(s)";
-    diagnostics_.odd(line, first + " (line " + std::to_string(line) + ")" + more +
-                               ": a limit beyond the range of a 64-bit float counts as none");
+    if (infiniteLimits_ == 0) return;
+    const std::string more =
+        infiniteLimits_ == 1 ? "" : " and " + std::to_string(infiniteLimits_ - 1) + " more object(s)";
+    diagnostics_.odd(infiniteLimitLine_, firstInfiniteLimit_ + " (line " +
+                                             std::to_string(infiniteLimitLine_) + ")" + more +
+                                             ": a limit beyond the range of a 64-bit float counts as none");
 }
 
 void Parser::tellNamesInCommon() {

@@ -50,6 +50,7 @@ void Block::reset(std::string_view newKeyword, std::uint32_t newLine, std::uint3
     keyword = newKeyword;
     line = newLine;
     position = newPosition;
+    hasQuotes = false;
     tokens_.clear();
     childCount_ = 0;
 }
@@ -201,18 +202,22 @@ bool BlockScanner::skipComment() {
 bool BlockScanner::readString() {
     const std::uint32_t line = line_;
     const char* first = ++at_;
+    bool quotes = false;
     for (; at_ != end_; ++at_) {
         const char c = *at_;
         if (c == '"') {
             if (end_ - at_ < 2 || at_[1] != '"') break;
             ++at_;  // two of them are one of the text
+            quotes = true;
         } else if (c == '\\' && end_ - at_ > 1) {
             ++at_;
+            quotes = quotes || *at_ == '"';
         }
         if (*at_ == '\n') ++line_;
     }
     if (at_ == end_) return fail("unterminated string");
     append({first, static_cast<std::size_t>(at_ - first)}, TokenKind::string, 0, line);
+    if (quotes && block_ != nullptr) block_->hasQuotes = true;
     ++at_;
     return true;
 }
@@ -335,6 +340,7 @@ void BlockScanner::closeBlock() {
     open_.pop_back();
     const Open& parent = open_.back();
     block_ = parent.block;
+    if (block_ != nullptr && closing.block != nullptr && closing.block->hasQuotes) block_->hasQuotes = true;
     if (visitor_ == nullptr) return;
     if (parent.step == Step::descend && closing.step == Step::collect) visitor_->collected(*closing.block);
     if (closing.step == Step::descend) visitor_->closed(*closing.block, open_.size() - 1);

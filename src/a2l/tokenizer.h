@@ -43,6 +43,9 @@ class Block {
     /// How many tokens of the parent stand before this block: the order between tokens and children.
     std::uint32_t position = 0;
 
+    /// Some string in here holds a quote: texts need a look only then.
+    bool hasQuotes = false;
+
     std::span<const Token> tokens() const { return tokens_; }
     std::span<const Block> children() const { return {children_.data(), childCount_}; }
 
