@@ -201,20 +201,22 @@ bool BlockScanner::skipComment() {
 
 bool BlockScanner::readString() {
     const std::uint32_t line = line_;
-    const char* first = ++at_;
+    const char* const first = at_ + 1;
+    const char* at = first;
     bool quotes = false;
-    for (; at_ != end_; ++at_) {
-        const char c = *at_;
-        if (c == '"') {
-            if (end_ - at_ < 2 || at_[1] != '"') break;
-            ++at_;  // two of them are one of the text
-            quotes = true;
-        } else if (c == '\\' && end_ - at_ > 1) {
-            ++at_;
-            quotes = quotes || *at_ == '"';
+    for (;; ++at) {
+        while (at != end_ && *at != '"' && *at != '\\' && *at != '\n')
+            ++at;
+        if (at == end_) break;
+        const bool quote = *at == '"';
+        if (quote && (end_ - at < 2 || at[1] != '"')) break;  // two of them are one of the text
+        if ((quote || *at == '\\') && end_ - at > 1) {
+            ++at;
+            quotes = quotes || *at == '"';
         }
-        if (*at_ == '\n') ++line_;
+        if (*at == '\n') ++line_;
     }
+    at_ = at;
     if (at_ == end_) return fail("unterminated string");
     append({first, static_cast<std::size_t>(at_ - first)}, TokenKind::string, 0, line);
     if (quotes && block_ != nullptr) block_->hasQuotes = true;
