@@ -101,13 +101,13 @@ void Parser::passed(std::size_t offset) {
 }
 
 template <typename Record>
-void Parser::add(std::vector<Record>& records, Lines& lines, Record record, const Block& block) {
+void Parser::add(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block) {
     records.push_back(std::move(record));
     lines.push_back(block.line);
 }
 
 template <typename Record>
-void Parser::addObject(std::vector<Record>& records, Lines& lines, Record record, const Block& block) {
+void Parser::addObject(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block) {
     const bool finite = std::isfinite(record.lowerLimit) && std::isfinite(record.upperLimit);
     if (!finite && infiniteLimits_++ == 0) {
         infiniteLimitLine_ = block.line;

@@ -57,11 +57,11 @@ class Parser : public BlockVisitor {
     void closeRoot(const Block& block);
 
     template <typename Record>
-    void add(std::vector<Record>& records, Lines& lines, Record record, const Block& block);
+    void add(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
     template <typename Record>
     void index(NameIndex& names, std::vector<Record>& records, Lines& lines, std::string_view kind);
     template <typename Record>
-    void addObject(std::vector<Record>& records, Lines& lines, Record record, const Block& block);
+    void addObject(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
     void tellInfiniteLimits();
     void tellNamesInCommon();
 
