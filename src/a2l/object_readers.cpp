@@ -190,6 +190,10 @@ AxisDescription readAxisDescription(const Block& block, Keeper& keeper) {
 
 }  // namespace
 
+std::string_view Keeper::ownPlain(std::string_view text) {
+    return texts.keep(withPlainQuotes(text));
+}
+
 Measurement readMeasurement(const Block& block, Keeper& keeper) {
     constexpr std::size_t kPositional = 8;
     Measurement object;

@@ -24,11 +24,17 @@ struct Keeper {
 
     /// A string of which almost every object has its own.
     std::string_view own(std::string_view text) {
-        return texts.keep(hasQuotes ? std::string_view(withPlainQuotes(text)) : text);
+        if (hasQuotes) [[unlikely]]
+            return ownPlain(text);
+        return texts.keep(text);
     }
     std::string_view common(std::string_view text) {
-        return shared.keep(hasQuotes ? std::string_view(withPlainQuotes(text)) : text);
+        if (hasQuotes) [[unlikely]]
+            return ownPlain(text);
+        return shared.keep(text);
     }
+    /// The slow way, apart from the two above so that they are small.
+    std::string_view ownPlain(std::string_view text);
 };
 
 Measurement readMeasurement(const Block& block, Keeper& keeper);
