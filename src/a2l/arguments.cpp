@@ -36,6 +36,20 @@ std::string_view readString(const Block& block, std::size_t index, std::string_v
     return token.text;
 }
 
+std::string withPlainQuotes(std::string_view text) {
+    std::string plain;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool pair = i + 1 < text.size();
+        if (pair && text[i + 1] == '"' && (text[i] == '"' || text[i] == '\\')) {
+            ++i;
+        } else if (pair && text[i] == '\\') {
+            plain += text[i++];
+        }
+        plain += text[i];
+    }
+    return plain;
+}
+
 double readNumber(const Block& block, std::size_t index, std::string_view label) {
     const Token& token = tokenAt(block, index, label);
     if (token.kind != TokenKind::number) {

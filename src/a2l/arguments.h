@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <limits>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "a2l/data_type.h"
@@ -22,8 +23,11 @@ namespace lm::a2l {
 /// The text of an unquoted word, also of a number. "LABEL must not be a string".
 std::string_view readIdentifier(const Block& block, std::size_t index, std::string_view label);
 
-/// The characters between the quotes. "LABEL must be a string".
+/// The characters between the quotes, which may hold quotes as "" or \". "LABEL must be a string".
 std::string_view readString(const Block& block, std::size_t index, std::string_view label);
+
+/// A string with its quotes as they are meant. Other characters behind a backslash stay as both.
+std::string withPlainQuotes(std::string_view text);
 
 /// "LABEL must be a number, got 'TEXT'".
 double readNumber(const Block& block, std::size_t index, std::string_view label);

@@ -77,6 +77,27 @@ Result<double> interpolateInverse(const Conversion::NumericTable& table, double 
            (upper->first - lower->first) * (physical - lower->second) / (upper->second - lower->second);
 }
 
+/// k of a factor 2^k that keeps a 64-bit integer within the range of every float type.
+std::optional<int> exponentOf(double factor) {
+    constexpr int kMost = 64;
+    int exponent = 0;
+    if (std::frexp(factor, &exponent) != 0.5 || std::abs(exponent - 1) > kMost) return std::nullopt;
+    return exponent - 1;
+}
+
+std::optional<int> binaryExponentOf(const Conversion::Kind& kind) {
+    if (const auto* linear = std::get_if<Conversion::Linear>(&kind))
+        return linear->b == 0 ? exponentOf(linear->a) : std::nullopt;
+    if (const auto* r = std::get_if<Conversion::Rational>(&kind)) {
+        const bool proportional = r->a == 0 && r->c == 0 && r->d == 0 && r->e == 0 && r->b != 0;
+        // Others give the same only nearly: both are factors of their own.
+        return proportional && exponentOf(r->f) && exponentOf(r->b) ? exponentOf(r->f / r->b) : std::nullopt;
+    }
+    const bool same = std::holds_alternative<Conversion::Identical>(kind) ||
+                      std::holds_alternative<Conversion::VerbalTable>(kind);
+    return same ? std::optional<int>(0) : std::nullopt;
+}
+
 /// The decimals that a format such as "%8.3" asks for; none for the general notation.
 std::optional<int> decimalsOf(std::string_view format) {
     const std::size_t point = format.find('.');
@@ -144,7 +165,7 @@ Result<Conversion::Kind> buildKind(const Description& description, const CompuMe
 }  // namespace
 
 Conversion::Conversion(Kind kind, std::string format, std::string unit)
-    : kind_(std::move(kind)), unit_(std::move(unit)) {
+    : kind_(std::move(kind)), unit_(std::move(unit)), binaryExponent_(binaryExponentOf(kind_)) {
     setFormat(std::move(format));
     if (auto* table = std::get_if<NumericTable>(&kind_)) {
         std::stable_sort(table->pairs.begin(), table->pairs.end(),
@@ -246,13 +267,26 @@ Result<double> Conversion::rawFromText(std::string_view text) const {
     return invalid("'" + std::string(text) + "' is not a valid value");
 }
 
-std::string Conversion::format(double raw) const {
-    if (const std::optional<std::string_view> text = verbalText(raw)) return std::string(*text);
-    const double physical = toPhysical(raw);
-    std::string text =
-        decimals_ == kGeneralFormat ? formatGeneral(physical) : formatFixed(physical, decimals_);
+long double Conversion::toPhysicalExact(long double raw) const {
+    const auto rounded = static_cast<double>(raw);
+    if (!binaryExponent_ || static_cast<long double>(rounded) == raw) return toPhysical(rounded);
+    return std::ldexp(raw, *binaryExponent_);
+}
+
+std::string Conversion::format(long double raw) const {
+    if (const auto text = verbalText(static_cast<double>(raw))) return std::string(*text);
+    const long double physical = toPhysicalExact(raw);
+    std::string text = decimals_ == kGeneralFormat ? formatGeneral(static_cast<double>(physical))
+                                                   : formatFixed(physical, decimals_);
     if (text.size() > kLongestNumber) text.resize(kLongestNumber);
     return text;
+}
+
+double Conversion::displayStep(double physical) const {
+    constexpr int kGeneralDigits = 6;
+    if (decimals_ != kGeneralFormat) return std::pow(10.0, -decimals_);
+    if (physical == 0 || !std::isfinite(physical)) return 0;
+    return std::pow(10.0, std::floor(std::log10(std::fabs(physical))) + 1 - kGeneralDigits);
 }
 
 void Conversion::setFormat(std::string format) {

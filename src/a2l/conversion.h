@@ -70,6 +70,13 @@ class Conversion {
     /// Errors: invalidArgument with the reason; unsupported for a FORM without an inverse formula.
     Result<double> toRaw(double physical) const;
 
+    /// k where every physical value is the raw one times 2^k: the ways between them then keep all bits of an
+    /// integer. None for the other conversions.
+    std::optional<int> binaryExponent() const { return binaryExponent_; }
+
+    /// toPhysical() without rounding where there is a binary exponent.
+    long double toPhysicalExact(long double raw) const;
+
     /// The text of a raw value; none for conversions that are not verbal and for values without a text.
     std::optional<std::string_view> verbalText(double raw) const;
 
@@ -77,7 +84,10 @@ class Conversion {
     Result<double> rawFromText(std::string_view text) const;
 
     /// Display text: the verbal text, else the physical value with the decimals that the format asks for.
-    std::string format(double raw) const;
+    std::string format(long double raw) const;
+
+    /// What the last digit displayed for a physical value is worth.
+    double displayStep(double physical) const;
 
     bool isVerbal() const { return std::holds_alternative<VerbalTable>(kind_); }
     const Kind& kind() const { return kind_; }
@@ -107,6 +117,7 @@ class Conversion {
     std::string format_;
     std::string unit_;
     int decimals_ = kGeneralFormat;
+    std::optional<int> binaryExponent_ = 0;
     std::vector<VerbalBound> verbalBounds_;  ///< ascending; of a verbal table
     TableIndex tableIndex_;                  ///< of a numeric table
 

@@ -4,6 +4,11 @@
 
 namespace lm::a2l {
 
+bool isPointerType(std::string_view addressType) {
+    return addressType == "PBYTE" || addressType == "PWORD" || addressType == "PLONG" ||
+           addressType == "PLONGLONG";
+}
+
 Description::Description() : store_(std::make_unique<Store>()) {}
 Description::~Description() = default;
 Description::Description(Description&&) noexcept = default;

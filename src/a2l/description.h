@@ -3,7 +3,8 @@
 //
 // Threads: immutable after load(); read from any thread. Lifetime: every std::string_view in the records
 // below points into the description's own text store and lives as long as the Description it came from
-// (moving the Description keeps them valid). Texts are UTF-8 and as written in the file, escapes included.
+// (moving the Description keeps them valid). Texts are UTF-8 and as written in the file, but for quotes: a
+// doubled one and one behind a backslash stand there alone.
 #pragma once
 
 #include <cstddef>
@@ -25,6 +26,16 @@
 
 namespace lm::a2l {
 
+/// What an object says of its bits: BIT_MASK and BIT_OPERATION.
+struct BitField {
+    std::uint64_t mask = 0;  ///< 0: none
+    bool emptyMask = false;  ///< a mask of 0 was written
+    bool operation = false;  ///< there is a BIT_OPERATION; what follows is in it
+    bool signExtend = false;
+    std::uint8_t leftShift = 0;
+    std::uint8_t rightShift = 0;
+};
+
 /// MEASUREMENT.
 struct Measurement {
     std::string_view name;
@@ -35,7 +46,7 @@ struct Measurement {
     std::optional<std::string_view> physUnit;  ///< overrides the method's, also when empty
     double lowerLimit = 0;
     double upperLimit = 0;
-    std::uint64_t bitMask = 0;  ///< 0: none
+    BitField bits;
     std::uint32_t ecuAddress = 0;
     std::uint32_t elementCount = 1;  ///< product of ARRAY_SIZE or MATRIX_DIM, saturated
     std::uint32_t firstEvent = 0;    ///< where its events begin in the description's pool
@@ -44,6 +55,7 @@ struct Measurement {
     DataType dataType = DataType::ubyte;
     std::optional<ByteOrder> byteOrder;
     bool hasAddress = false;  ///< also false for a VIRTUAL one at address 0
+    bool isPointer = false;   ///< ADDRESS_TYPE: at the address lies that of the value
     bool readOnly = false;
     bool readWrite = false;
 };
@@ -74,7 +86,7 @@ struct Characteristic {
     double lowerLimit = 0;
     double upperLimit = 0;
     std::optional<std::pair<double, double>> extendedLimits;
-    std::uint64_t bitMask = 0;  ///< 0: none
+    BitField bits;
     std::uint32_t address = 0;
     std::uint32_t elementCount = 1;  ///< product of MATRIX_DIM or NUMBER, saturated
     std::uint8_t addressExtension = 0;
@@ -134,6 +146,9 @@ struct CompuVtab {
     std::string_view defaultText;
 };
 
+/// True for the address types of which the place holds a pointer to the data: PBYTE, PWORD, PLONG, PLONGLONG.
+bool isPointerType(std::string_view addressType);
+
 /// RECORD_LAYOUT.
 struct RecordLayout {
     struct Entry {
@@ -185,8 +200,8 @@ class Description {
     std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
     XcpInterface xcp;
 
-    /// What was left out or odd while loading ("skipped: ..." with object kind, name, reason and line), in
-    /// file order.
+    /// What was left out while loading ("skipped: ..." with object kind, name, reason and line), and what is
+    /// odd, with a line; in file order.
     std::vector<std::string> warnings;
 
   private:

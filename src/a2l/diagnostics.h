@@ -1,4 +1,4 @@
-// What was left out while reading a description, with the lines, in any order.
+// What was left out or odd while reading a description, with the lines, in any order.
 //
 // Threads: one at a time. Lifetime: owns its texts.
 #pragma once
@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace lm::a2l {
@@ -14,6 +15,9 @@ class Diagnostics {
   public:
     /// "skipped: KIND 'NAME' (line N): REASON"; without a name "skipped: KIND (line N): REASON".
     void skipped(std::string_view kind, std::string_view name, std::uint32_t line, std::string_view reason);
+
+    /// What is used all the same; `text` tells the line.
+    void odd(std::uint32_t line, std::string text) { entries_.push_back({line, std::move(text)}); }
 
     /// The texts, ordered by line.
     std::vector<std::string> take();

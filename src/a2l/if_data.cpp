@@ -45,8 +45,8 @@ XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
 
 XcpEvent readEvent(const Block& block, Diagnostics&) {
     XcpEvent event;
-    event.name = readString(block, 0, "name");
-    event.shortName = readString(block, 1, "short name");
+    event.name = withPlainQuotes(readString(block, 0, "name"));
+    event.shortName = withPlainQuotes(readString(block, 1, "short name"));
     event.channel = readCount<std::uint16_t>(block, 2, "channel");
     event.direction = readIdentifier(block, 3, "direction");
     event.maxDaqList = readCount<std::uint8_t>(block, 4, "max DAQ list");

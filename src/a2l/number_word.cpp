@@ -1,5 +1,6 @@
 #include "a2l/number_word.h"
 
+#include <charconv>
 #include <cstddef>
 #include <limits>
 
@@ -27,10 +28,14 @@ std::optional<double> hexadecimalValue(std::string_view digits) {
         } else {
             return std::nullopt;
         }
-        const bool full = value > std::numeric_limits<std::uint64_t>::max() >> 4U;
-        value = full ? std::numeric_limits<std::uint64_t>::max() : value << 4U | digit;
+        value = value << 4U | digit;
     }
-    return static_cast<double>(value);
+    const std::string_view significant = digits.substr(first);
+    if (significant.size() <= 2 * sizeof(value)) return static_cast<double>(value);
+    double large = std::numeric_limits<double>::infinity();
+    std::from_chars(significant.data(), significant.data() + significant.size(), large,
+                    std::chars_format::hex);
+    return large;
 }
 
 }  // namespace

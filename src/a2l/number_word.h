@@ -9,8 +9,8 @@
 
 namespace lm::a2l {
 
-/// The value of a word that is a number as a whole: an optional sign, then 0x and hexadecimal digits (beyond
-/// 64 bits saturating at 2^64) or a decimal number beginning with a digit or with a point and a digit.
+/// The value of a word that is a number as a whole: an optional sign, then 0x and hexadecimal digits or a
+/// decimal number beginning with a digit or with a point and a digit. Infinite beyond the range of a double.
 /// `word` is not empty.
 std::optional<double> numberValue(std::string_view word);
 

@@ -40,21 +40,23 @@ struct ResolvedObject {
     double lowerLimit = 0;
     double upperLimit = 0;
     bool writable = false;              ///< characteristic: not READ_ONLY; measurement: READ_WRITE
+    bool emptyMask = false;             ///< BIT_MASK 0x0: reads like no mask, and no bit may change
     std::vector<std::uint16_t> events;  ///< event channels the A2L names for a measurement
 
     std::size_t size() const { return coding.size(); }
+    /// Integers of 64 bits keep all of them between text and bytes; a double holds all other values.
+    bool keepsIntegers() const {
+        return size() == sizeof(std::uint64_t) && !isFloat(coding.dataType) && conversion.binaryExponent();
+    }
 };
 
 /// Throws ObjectError with the whole message.
 ResolvedObject resolve(const Description& description, std::string_view name);
 
 /// Limit check, inverse conversion, raw encode. `buffer` holds the current ECU bytes (their bits outside a
-/// mask stay). Errors (invalidArgument or unsupported, buffer untouched) bear the object's name.
-Result<void> encodePhysical(const ResolvedObject& object, double physical, std::span<std::uint8_t> buffer);
-
-/// The text that a user typed (a verbal text or a number that uses up the whole text, decimal or 0x) into
-/// bytes. Errors as above, and "NAME: 'TEXT' is not a number", "NAME: 'TEXT' is not a valid value", or that a
-/// double cannot hold the integer exactly.
-Result<void> encodeText(const ResolvedObject& object, std::string_view text, std::span<std::uint8_t> buffer);
+/// mask stay). A limit that is not finite is none. Errors (invalidArgument or unsupported, buffer untouched)
+/// bear the object's name.
+Result<void> encodePhysical(const ResolvedObject& object, long double physical,
+                            std::span<std::uint8_t> buffer);
 
 }  // namespace lm::a2l

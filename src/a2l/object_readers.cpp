@@ -14,6 +14,7 @@ namespace {
 
 enum class Word : std::uint8_t {
     other,
+    addressType,
     arraySize,
     bitMask,
     byteOrder,
@@ -45,7 +46,7 @@ constexpr std::array kMeasurementKeywords = {
     Keyword{"ARRAY_SIZE", 1, Word::arraySize},
     Keyword{"BYTE_ORDER", 1, Word::byteOrder},
     Keyword{"LAYOUT", 1, Word::other},
-    Keyword{"ADDRESS_TYPE", 1, Word::other},
+    Keyword{"ADDRESS_TYPE", 1, Word::addressType},
     Keyword{"ERROR_MASK", 1, Word::other},
     Keyword{"MAX_REFRESH", 2, Word::other},
     Keyword{"MODEL_LINK", 1, Word::other},
@@ -113,12 +114,28 @@ void collectEvents(const Block& block, std::vector<std::uint16_t>& events) {
     }
 }
 
+// BIT_OPERATION: a shift by more bits than there are is as good as one by all of them.
+void readBitOperation(const Block& block, BitField& bits) {
+    constexpr std::uint32_t kAllBits = 64;
+    const auto readShift = [&](std::size_t i, std::string_view label) {
+        return static_cast<std::uint8_t>(std::min(readCount<std::uint32_t>(block, i, label), kAllBits));
+    };
+    bits.operation = true;
+    for (std::size_t i = 0; i < block.tokens().size(); ++i) {
+        const Token& token = block.tokens()[i];
+        if (token.is("LEFT_SHIFT")) bits.leftShift = readShift(i + 1, "LEFT_SHIFT");
+        if (token.is("RIGHT_SHIFT")) bits.rightShift = readShift(i + 1, "RIGHT_SHIFT");
+        if (token.is("SIGN_EXTEND")) bits.signExtend = true;
+    }
+}
+
 // What measurements and characteristics have in common.
 template <typename Object>
 void readCommon(Object& object, Word word, const Block& block, std::size_t value, Keeper& keeper) {
     switch (word) {
         case Word::bitMask:
-            object.bitMask = readCount<std::uint64_t>(block, value, "BIT_MASK");
+            object.bits.mask = readCount<std::uint64_t>(block, value, "BIT_MASK");
+            object.bits.emptyMask = object.bits.mask == 0;
             break;
         case Word::byteOrder:
             object.byteOrder = readByteOrder(block, value);
@@ -173,6 +190,10 @@ AxisDescription readAxisDescription(const Block& block, Keeper& keeper) {
 
 }  // namespace
 
+std::string_view Keeper::ownPlain(std::string_view text) {
+    return texts.keep(withPlainQuotes(text));
+}
+
 Measurement readMeasurement(const Block& block, Keeper& keeper) {
     constexpr std::size_t kPositional = 8;
     Measurement object;
@@ -193,6 +214,8 @@ Measurement readMeasurement(const Block& block, Keeper& keeper) {
             object.elementCount = std::max(object.elementCount, size);
         } else if (word == Word::readWrite) {
             object.readWrite = true;
+        } else if (word == Word::addressType) {
+            object.isPointer = isPointerType(readIdentifier(block, value, "ADDRESS_TYPE"));
         } else {
             readCommon(object, word, block, value, keeper);
         }
@@ -206,6 +229,7 @@ Measurement readMeasurement(const Block& block, Keeper& keeper) {
         if (isXcpInterfaceData(child)) collectEvents(child, keeper.events);
         // Computed by tools: an address of 0 is then no place in ECU memory.
         if (child.keyword == "VIRTUAL" && object.ecuAddress == 0) object.hasAddress = false;
+        if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
     }
     const std::size_t count = std::min<std::size_t>(keeper.events.size() - object.firstEvent,
                                                     std::numeric_limits<std::uint16_t>::max());
@@ -240,6 +264,7 @@ Characteristic readCharacteristic(const Block& block, Keeper& keeper) {
     for (const Block& child : block.children()) {
         if (child.keyword == "AXIS_DESCR") object.axes.push_back(readAxisDescription(child, keeper));
         if (child.keyword == "VIRTUAL_CHARACTERISTIC") object.isVirtual = true;
+        if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
     }
     object.name = keeper.own(name);
     object.longIdentifier = keeper.own(longIdentifier);

@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
+#include "a2l/arguments.h"
 #include "a2l/description.h"
 #include "a2l/text_store.h"
 #include "a2l/tokenizer.h"
@@ -18,10 +20,21 @@ struct Keeper {
     TextStore& texts;
     TextInterner& shared;  ///< for texts that many objects have in common
     std::vector<std::uint16_t>& events;
+    bool hasQuotes = false;  ///< of the block that is read
 
     /// A string of which almost every object has its own.
-    std::string_view own(std::string_view text) { return texts.keep(text); }
-    std::string_view common(std::string_view text) { return shared.keep(text); }
+    std::string_view own(std::string_view text) {
+        if (hasQuotes) [[unlikely]]
+            return ownPlain(text);
+        return texts.keep(text);
+    }
+    std::string_view common(std::string_view text) {
+        if (hasQuotes) [[unlikely]]
+            return ownPlain(text);
+        return shared.keep(text);
+    }
+    /// The slow way, apart from the two above so that they are small.
+    std::string_view ownPlain(std::string_view text);
 };
 
 Measurement readMeasurement(const Block& block, Keeper& keeper);

@@ -1,6 +1,7 @@
 #include "a2l/parser.h"
 
 #include <array>
+#include <cmath>
 #include <string>
 #include <utility>
 
@@ -59,15 +60,15 @@ void Parser::collected(const Block& block) {
 }
 
 void Parser::closed(const Block& block, std::size_t depth) {
-    TextStore& texts = description_.store_->texts;
+    keeper_.hasQuotes = block.hasQuotes;
     if (depth == 0 && block.keyword.empty()) {
         closeRoot(block);
     } else if (depth == 0) {
-        description_.projectName = texts.keep(textAt(block, 0));
-        description_.projectLongIdentifier = texts.keep(textAt(block, 1));
+        description_.projectName = keeper_.own(textAt(block, 0));
+        description_.projectLongIdentifier = keeper_.own(textAt(block, 1));
     } else {
-        description_.moduleName = texts.keep(textAt(block, 0));
-        description_.moduleLongIdentifier = texts.keep(textAt(block, 1));
+        description_.moduleName = keeper_.own(textAt(block, 0));
+        description_.moduleLongIdentifier = keeper_.own(textAt(block, 1));
     }
 }
 
@@ -100,18 +101,30 @@ void Parser::passed(std::size_t offset) {
 }
 
 template <typename Record>
-void Parser::add(std::vector<Record>& records, Lines& lines, Record record, const Block& block) {
+void Parser::add(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block) {
     records.push_back(std::move(record));
     lines.push_back(block.line);
 }
 
+template <typename Record>
+void Parser::addObject(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block) {
+    const bool finite = std::isfinite(record.lowerLimit) && std::isfinite(record.upperLimit);
+    if (!finite && infiniteLimits_++ == 0) {
+        infiniteLimitLine_ = block.line;
+        firstInfiniteLimit_ = std::string(block.keyword) + " '" + std::string(record.name) + "'";
+    }
+    add(records, lines, std::move(record), block);
+}
+
 void Parser::read(const Block& block) {
     Description& d = description_;
+    keeper_.hasQuotes = block.hasQuotes;
     switch (kind_) {
         case Kind::measurement:
-            return add(d.measurements, measurementLines_, readMeasurement(block, keeper_), block);
+            return addObject(d.measurements, measurementLines_, readMeasurement(block, keeper_), block);
         case Kind::characteristic:
-            return add(d.characteristics, characteristicLines_, readCharacteristic(block, keeper_), block);
+            return addObject(d.characteristics, characteristicLines_, readCharacteristic(block, keeper_),
+                             block);
         case Kind::axisPoints:
             return add(d.axisPoints, axisPointsLines_, readAxisPoints(block, keeper_), block);
         case Kind::compuMethod:
@@ -166,8 +179,7 @@ void Parser::readModPar(const Block& block) {
 }
 
 template <typename Record>
-void Parser::index(NameIndex& names, std::vector<Record>& records, const Lines& lines,
-                   std::string_view kind) {
+void Parser::index(NameIndex& names, std::vector<Record>& records, Lines& lines, std::string_view kind) {
     const std::vector<std::uint32_t> repeated = names.build(records);
     if (repeated.empty()) return;
     auto next = repeated.begin();
@@ -178,11 +190,50 @@ void Parser::index(NameIndex& names, std::vector<Record>& records, const Lines& 
             ++next;
             continue;
         }
-        if (kept != i) records[kept] = std::move(records[i]);
+        if (kept != i) {
+            records[kept] = std::move(records[i]);
+            lines[kept] = lines[i];
+        }
         ++kept;
     }
     records.erase(records.begin() + static_cast<std::ptrdiff_t>(kept), records.end());
     names.build(records);
+}
+
+// Files come with thousands of such objects, whoever made them: one of them and the count will do.
+void Parser::tellInfiniteLimits() {
+    if (infiniteLimits_ == 0) return;
+    const std::string more =
+        infiniteLimits_ == 1 ? "" : " and " + std::to_string(infiniteLimits_ - 1) + " more object(s)";
+    diagnostics_.odd(infiniteLimitLine_, firstInfiniteLimit_ + " (line " +
+                                             std::to_string(infiniteLimitLine_) + ")" + more +
+                                             ": a limit beyond the range of a 64-bit float counts as none");
+}
+
+void Parser::tellNamesInCommon() {
+    const auto& measurements = description_.measurements;
+    const auto& characteristics = description_.characteristics;
+    std::size_t count = 0;
+    std::size_t first = 0;
+    const auto meet = [&](std::size_t characteristic) {
+        if (count++ == 0) first = characteristic;
+    };
+    // The fewer names are looked up.
+    if (characteristics.size() < measurements.size()) {
+        for (std::size_t i = 0; i < characteristics.size(); ++i)
+            if (description_.findMeasurement(characteristics[i].name) != nullptr) meet(i);
+    } else {
+        for (const Measurement& measurement : measurements) {
+            const Characteristic* other = description_.findCharacteristic(measurement.name);
+            if (other != nullptr) meet(static_cast<std::size_t>(other - characteristics.data()));
+        }
+    }
+    if (count == 0) return;
+    const std::uint32_t line = characteristicLines_[first];
+    const std::string more = count == 1 ? "" : ", and " + std::to_string(count - 1) + " more name(s)";
+    diagnostics_.odd(line, "'" + std::string(characteristics[first].name) +
+                               "' names a MEASUREMENT and a CHARACTERISTIC (line " + std::to_string(line) +
+                               ")" + more + ": the MEASUREMENT is used");
 }
 
 Result<Description> Parser::finish() {
@@ -197,6 +248,8 @@ Result<Description> Parser::finish() {
     index(store.compuTabs, d.compuTabs, tabLines_, "COMPU_TAB");
     index(store.compuVtabs, d.compuVtabs, vtabLines_, "COMPU_VTAB");
     index(store.recordLayouts, d.recordLayouts, layoutLines_, "RECORD_LAYOUT");
+    tellInfiniteLimits();
+    tellNamesInCommon();
     d.warnings = diagnostics_.take();
     return std::move(d);
 }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -56,16 +57,23 @@ class Parser : public BlockVisitor {
     void closeRoot(const Block& block);
 
     template <typename Record>
-    void add(std::vector<Record>& records, Lines& lines, Record record, const Block& block);
+    void add(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
     template <typename Record>
-    void index(NameIndex& names, std::vector<Record>& records, const Lines& lines, std::string_view kind);
+    void index(NameIndex& names, std::vector<Record>& records, Lines& lines, std::string_view kind);
+    template <typename Record>
+    void addObject(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
+    void tellInfiniteLimits();
+    void tellNamesInCommon();
 
     std::size_t textSize_;
     Description description_;
     TextInterner shared_;
     Keeper keeper_;
     Diagnostics diagnostics_;
-    Kind kind_ = Kind::count;  // of the block being collected
+    Kind kind_ = Kind::count;         // of the block being collected
+    std::size_t infiniteLimits_ = 0;  // objects with one
+    std::string firstInfiniteLimit_;
+    std::uint32_t infiniteLimitLine_ = 0;
     bool hasProject_ = false;
     bool hasModule_ = false;
     // The lines of the records, which nobody needs once the names are checked.

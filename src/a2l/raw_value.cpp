@@ -1,5 +1,6 @@
 #include "a2l/raw_value.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <string>
@@ -137,9 +138,9 @@ void encodeFloat(double value, const RawCoding& coding, std::uint8_t* to) {
 
 /// Whether a whole number fits into a field. The upper bounds are powers of two, which a double holds
 /// exactly, while 2^64 - 1 would round up to a number that does not fit.
-bool fits(double whole, unsigned width, bool isSignedField) {
-    if (!isSignedField || width == 0) return whole >= 0 && whole < std::ldexp(1.0, static_cast<int>(width));
-    const double bound = std::ldexp(1.0, static_cast<int>(width) - 1);
+bool fits(long double whole, unsigned width, bool isSignedField) {
+    if (!isSignedField || width == 0) return whole >= 0 && whole < std::ldexp(1.0L, static_cast<int>(width));
+    const long double bound = std::ldexp(1.0L, static_cast<int>(width) - 1);
     return whole >= -bound && whole < bound;
 }
 
@@ -148,9 +149,30 @@ Error outOfRange(const std::string& value, DataType type) {
             "raw value " + value + " outside the range of " + std::string(dataTypeName(type))};
 }
 
+double decodeShifted(const std::uint8_t* bytes, const RawCoding& coding) {
+    const std::uint64_t value = decodeInteger(bytes, coding);
+    return hasSign(coding) ? static_cast<double>(static_cast<std::int64_t>(value))
+                           : static_cast<double>(value);
+}
+
+/// A value that is not 0 with some significant digits, and with all digits before the point.
+double roundedToDigits(double value, int digits) {
+    const int decimals = digits - 1 - static_cast<int>(std::floor(std::log10(std::fabs(value))));
+    return parseDouble(formatFixed(value, std::max(decimals, 0))).value_or(value);
+}
+
+/// What a float type makes of a value.
+double storedFloat(double value, DataType type) {
+    const auto single = static_cast<float>(value);
+    return type == DataType::float64   ? value
+           : type == DataType::float32 ? double{single}
+                                       : doubleFromHalf(halfFromSingle(single));
+}
+
 }  // namespace
 
 RawDecodeFunction rawDecoder(const RawCoding& coding) {
+    if (coding.hasBitOperation()) return &decodeShifted;
     const bool masked = coding.bitMask != 0;
     return coding.byteOrder == ByteOrder::bigEndian
                ? decoderFor<ByteOrder::bigEndian>(coding.dataType, masked)
@@ -161,18 +183,35 @@ double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding) {
     return rawDecoder(coding)(bytes, coding);
 }
 
-Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uint8_t> buffer) {
+long double decodeExact(const std::uint8_t* bytes, const RawCoding& coding) {
+    if (isFloat(coding.dataType)) return decodeRaw(bytes, coding);
+    const std::uint64_t value = decodeInteger(bytes, coding);
+    return hasSign(coding) ? static_cast<long double>(static_cast<std::int64_t>(value))
+                           : static_cast<long double>(value);
+}
+
+std::uint64_t decodeInteger(const std::uint8_t* bytes, const RawCoding& coding) {
+    const Field field = fieldOf(coding);
+    std::uint64_t value = (readSized(bytes, coding.size(), coding.byteOrder) & field.mask) >> field.shift;
+    if (hasSign(coding)) {
+        const std::uint64_t sign = std::bit_floor(field.mask) >> field.shift;
+        value = (value ^ sign) - sign;
+    }
+    return value << coding.leftShift;
+}
+
+Result<void> encodeRaw(long double value, const RawCoding& coding, std::span<std::uint8_t> buffer) {
     const std::size_t size = coding.size();
     if (buffer.size() < size) return Error{ErrorCode::invalidArgument, "buffer too small"};
     if (isFloat(coding.dataType)) {
-        encodeFloat(value, coding, buffer.data());
+        encodeFloat(static_cast<double>(value), coding, buffer.data());
         return {};
     }
     if (std::isnan(value)) return Error{ErrorCode::invalidArgument, "value is not a number"};
-    const double whole = std::round(value);
+    const long double whole = std::round(std::ldexp(value, -int{coding.leftShift}));
     const Field field = fieldOf(coding);
-    if (!fits(whole, field.width, isSigned(coding.dataType))) {
-        return outOfRange(formatFixed(whole, 6), coding.dataType);
+    if (!fits(whole, field.width, hasSign(coding))) {
+        return outOfRange(formatFixed(std::round(value), 6), coding.dataType);
     }
     const std::uint64_t bits = whole < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(whole))
                                          : static_cast<std::uint64_t>(whole);
@@ -184,12 +223,20 @@ Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uin
 
 Result<void> requireFinite(double value, DataType type) {
     if (!isFloat(type)) return {};
-    const auto single = static_cast<float>(value);
-    const double stored = type == DataType::float64   ? value
-                          : type == DataType::float32 ? double{single}
-                                                      : doubleFromHalf(halfFromSingle(single));
-    if (!std::isfinite(stored)) return outOfRange(formatGeneral(value), type);
+    if (!std::isfinite(storedFloat(value, type))) return outOfRange(formatGeneral(value), type);
     return {};
+}
+
+std::string shortestFloat(double value, DataType type) {
+    if (type == DataType::float32) return formatShortest(static_cast<float>(value));
+    // Five digits tell all halves apart; the sixth is for a logarithm that rounds up.
+    constexpr int kMostDigitsOfHalf = 6;
+    const bool half = type == DataType::float16 && std::isfinite(value) && value != 0;
+    for (int digits = 1; half && digits <= kMostDigitsOfHalf; ++digits) {
+        const double rounded = roundedToDigits(value, digits);
+        if (storedFloat(rounded, type) == value) return formatShortest(rounded);
+    }
+    return formatShortest(value);
 }
 
 }  // namespace lm::a2l

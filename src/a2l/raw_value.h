@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <limits>
 #include <span>
+#include <string>
 
 #include "a2l/data_type.h"
 #include "core/bytes.h"
@@ -20,13 +21,30 @@ struct RawCoding {
     DataType dataType = DataType::ubyte;
     ByteOrder byteOrder = ByteOrder::littleEndian;
     std::uint64_t bitMask = 0;  ///< 0: none; applies to integer types, bits beyond the type do not count
+    /// What a BIT_OPERATION asks for beyond a mask: the field, brought down to bit 0 and sign-extended also
+    /// in an unsigned type, goes this many places up. The mask is then not 0.
+    std::uint8_t leftShift = 0;
+    bool signExtend = false;
 
+    /// A recording and the loops over its records know types, byte orders and masks only.
+    bool hasBitOperation() const { return leftShift != 0 || signExtend; }
     std::size_t size() const { return dataTypeSize(dataType); }
 };
 
 /// Reads one element; `bytes` holds at least coding.size() bytes. 64-bit integers round to the nearest
 /// double.
 double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding);
+
+/// decodeRaw() without rounding.
+long double decodeExact(const std::uint8_t* bytes, const RawCoding& coding);
+
+/// The value of an integer type in two's complement of 64 bits.
+std::uint64_t decodeInteger(const std::uint8_t* bytes, const RawCoding& coding);
+
+/// Whether decodeInteger() gives a negative number where its top bit is set.
+inline bool hasSign(const RawCoding& coding) {
+    return isSigned(coding.dataType) || coding.signExtend;
+}
 
 /// The value of an IEEE half precision number.
 inline double doubleFromHalf(std::uint16_t half) {
@@ -49,12 +67,15 @@ inline double doubleFromHalf(std::uint16_t half) {
 using RawDecodeFunction = double (*)(const std::uint8_t*, const RawCoding&);
 RawDecodeFunction rawDecoder(const RawCoding& coding);
 
-/// Writes one element. With a bit mask the buffer holds the current contents, whose other bits stay.
-/// Errors (invalidArgument, buffer untouched): "buffer too small", "value is not a number",
-/// "raw value V outside the range of TYPE".
-Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uint8_t> buffer);
+/// Writes one element; an integer type takes the nearest whole number, halves away from zero. With a bit mask
+/// the buffer holds the current contents, whose other bits stay. Errors (invalidArgument, buffer untouched):
+/// "buffer too small", "value is not a number", "raw value V outside the range of TYPE".
+Result<void> encodeRaw(long double value, const RawCoding& coding, std::span<std::uint8_t> buffer);
 
 /// Refuses, in the words of encodeRaw(), what a float type could hold as infinity or NaN only.
 Result<void> requireFinite(double value, DataType type);
+
+/// The shortest text of a value of a float type that is stored as the same value again.
+std::string shortestFloat(double value, DataType type);
 
 }  // namespace lm::a2l

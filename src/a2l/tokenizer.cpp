@@ -50,6 +50,7 @@ void Block::reset(std::string_view newKeyword, std::uint32_t newLine, std::uint3
     keyword = newKeyword;
     line = newLine;
     position = newPosition;
+    hasQuotes = false;
     tokens_.clear();
     childCount_ = 0;
 }
@@ -200,13 +201,25 @@ bool BlockScanner::skipComment() {
 
 bool BlockScanner::readString() {
     const std::uint32_t line = line_;
-    const char* first = ++at_;
-    for (; at_ != end_ && *at_ != '"'; ++at_) {
-        if (*at_ == '\\' && end_ - at_ > 1) ++at_;
-        if (*at_ == '\n') ++line_;
+    const char* const first = at_ + 1;
+    const char* at = first;
+    bool quotes = false;
+    for (;; ++at) {
+        while (at != end_ && *at != '"' && *at != '\\' && *at != '\n')
+            ++at;
+        if (at == end_) break;
+        const bool quote = *at == '"';
+        if (quote && (end_ - at < 2 || at[1] != '"')) break;  // two of them are one of the text
+        if ((quote || *at == '\\') && end_ - at > 1) {
+            ++at;
+            quotes = quotes || *at == '"';
+        }
+        if (*at == '\n') ++line_;
     }
+    at_ = at;
     if (at_ == end_) return fail("unterminated string");
     append({first, static_cast<std::size_t>(at_ - first)}, TokenKind::string, 0, line);
+    if (quotes && block_ != nullptr) block_->hasQuotes = true;
     ++at_;
     return true;
 }
@@ -329,6 +342,7 @@ void BlockScanner::closeBlock() {
     open_.pop_back();
     const Open& parent = open_.back();
     block_ = parent.block;
+    if (block_ != nullptr && closing.block != nullptr && closing.block->hasQuotes) block_->hasQuotes = true;
     if (visitor_ == nullptr) return;
     if (parent.step == Step::descend && closing.step == Step::collect) visitor_->collected(*closing.block);
     if (closing.step == Step::descend) visitor_->closed(*closing.block, open_.size() - 1);

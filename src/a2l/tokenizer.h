@@ -21,13 +21,13 @@ namespace lm::a2l {
 
 enum class TokenKind : std::uint8_t {
     identifier = 0,  ///< a word that is not a number
-    string = 1,      ///< the characters between the quotes, escapes as written
+    string = 1,      ///< the characters between the quotes; one inside stands there as "" or \"
     number = 2,      ///< a word that is a number as a whole
 };
 
 struct Token {
     std::string_view text;
-    double value = 0;  ///< of a number; hexadecimal digits beyond 64 bits saturate at 2^64
+    double value = 0;  ///< of a number; infinite beyond the range of a double
     std::uint32_t line = 0;
     TokenKind kind = TokenKind::identifier;
 
@@ -42,6 +42,9 @@ class Block {
 
     /// How many tokens of the parent stand before this block: the order between tokens and children.
     std::uint32_t position = 0;
+
+    /// Some string in here holds a quote: texts need a look only then.
+    bool hasQuotes = false;
 
     std::span<const Token> tokens() const { return tokens_; }
     std::span<const Block> children() const { return {children_.data(), childCount_}; }

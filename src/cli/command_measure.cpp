@@ -121,7 +121,8 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
 }
 
 int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop) {
-    if (auto printing = console.startPrinting(options.printEvery); !printing) {
+    const auto style = session.config().display.exact ? a2l::NumberStyle::exact : a2l::NumberStyle::formatted;
+    if (auto printing = console.startPrinting(options.printEvery, style); !printing) {
         printError("measure", printing.error());
         return 1;
     }

@@ -76,10 +76,10 @@ int runRepair(const std::string& directory, Output& output) {
     return left.value().empty() ? 0 : 1;
 }
 
-int runInfo(const std::string& directory, Output& output) {
+int runInfo(const std::string& directory, a2l::NumberStyle style, Output& output) {
     auto recording = storage::RecordingReader::open(directory);
     if (!recording) return fail(recording.error());
-    return printOverview(recording.value(), output);
+    return printOverview(recording.value(), style, output);
 }
 
 int runShow(const RecordingOptions& options, Output& output) {
@@ -90,7 +90,7 @@ int runShow(const RecordingOptions& options, Output& output) {
 
 }  // namespace
 
-int runRecording(const RecordingOptions& options, Output& output) {
+int runRecording(const RecordingOptions& options, a2l::NumberStyle style, Output& output) {
     switch (options.action) {
         case RecordingAction::check:
             return runCheck(options.directory, output);
@@ -99,7 +99,7 @@ int runRecording(const RecordingOptions& options, Output& output) {
         case RecordingAction::show:
             return runShow(options, output);
         default:
-            return runInfo(options.directory, output);
+            return runInfo(options.directory, style, output);
     }
 }
 

@@ -40,6 +40,7 @@ bool assign(session::Session& session, std::string_view assignment, bool allowMe
     const bool done = printValue(parts->first, outcome.value, output);
     output.flush();
     if (outcome.held) tellHeld(parts->first, *outcome.held);
+    if (!outcome.deviation.empty()) printMessage(std::string(parts->first) + ": " + outcome.deviation + "\n");
     return done;
 }
 

@@ -52,8 +52,9 @@ Console::~Console() {
     ::close(wakeUp_);
 }
 
-Result<void> Console::startPrinting(std::uint32_t interval) {
+Result<void> Console::startPrinting(std::uint32_t interval, a2l::NumberStyle style) {
     interval_ = interval;
+    style_ = style;
     if (interval_ == 0) return {};
     // Memory that is not to be had ends the start, not the thread.
     queue_.reserve(kQueueBytes);
@@ -167,7 +168,7 @@ void Console::appendLine(std::string& text, const QueuedHeader& header, const st
     for (const Column& column : lists_[header.listIndex].columns) {
         text += column.label;
         const bool inside = column.offset + column.coding.size() <= header.size;
-        text += inside ? column.conversion.format(a2l::decodeRaw(data + column.offset, column.coding)) : "?";
+        text += inside ? a2l::valueText(data + column.offset, column.coding, column.conversion, style_) : "?";
         text += column.suffix;
     }
     text += '\n';

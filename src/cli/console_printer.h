@@ -23,6 +23,7 @@
 
 #include "a2l/conversion.h"
 #include "a2l/raw_value.h"
+#include "a2l/value_text.h"
 #include "cli/nonblocking_output.h"
 #include "session/measurement_types.h"
 #include "session/session_state.h"
@@ -42,7 +43,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
 
     /// Print the first and then every n-th record of each list; 0: none. Error: "cannot start the printer:
     /// REASON".
-    Result<void> startPrinting(std::uint32_t interval);
+    Result<void> startPrinting(std::uint32_t interval, a2l::NumberStyle style = a2l::NumberStyle::formatted);
 
     /// Takes over how the records of the plan are printed.
     void setPlan(const session::MeasurementPlan& plan);
@@ -92,6 +93,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     const int descriptor_;
     const int wakeUp_;  ///< eventfd: a deadline has been set
     std::uint32_t interval_ = 0;
+    a2l::NumberStyle style_ = a2l::NumberStyle::formatted;
     std::vector<List> lists_;
 
     std::thread printer_;

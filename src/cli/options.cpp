@@ -55,6 +55,10 @@ std::string checkDuration(const std::string& text) {
     return "'" + text + "' is not a number of seconds from 0";
 }
 
+void addExact(CLI::App& command, Options& options) {
+    command.add_flag("--exact", options.exact, "Numbers with all their digits, whatever the display format");
+}
+
 CLI::App* addCommand(CLI::App& app, Options& options, Command command, const char* name, const char* help) {
     CLI::App* sub = app.add_subcommand(name, help);
     sub->callback([&options, command] { options.command = command; });
@@ -74,8 +78,9 @@ void addRecordingCommand(CLI::App& app, Options& options) {
                                      "Look at, check or repair a recording (no connection)");
     recording->require_subcommand(1);
     RecordingOptions& own = options.recording;
-    addAction(*recording, own, RecordingAction::info, "info",
-              "Groups, signals, counts, rates, gaps, least and greatest values");
+    CLI::App* info = addAction(*recording, own, RecordingAction::info, "info",
+                               "Groups, signals, counts, rates, gaps, least and greatest values");
+    addExact(*info, options);
     addAction(*recording, own, RecordingAction::check, "check",
               "Compare all files with each other; exit code 1 when something is wrong");
     addAction(*recording, own, RecordingAction::repair, "repair",
@@ -120,12 +125,14 @@ void addCommands(CLI::App& app, Options& options) {
 
     CLI::App* get = addCommand(app, options, Command::get, "get", "Read values by name");
     get->add_option("names", options.names, "MEASUREMENT or CHARACTERISTIC names")->required();
+    addExact(*get, options);
 
     CLI::App* set =
         addCommand(app, options, Command::set, "set", "Write parameters: NAME=VALUE (number or verbal text)");
     set->add_option("assignments", options.assignments, "NAME=VALUE")->required();
     set->add_flag("-m,--measurements", options.allowMeasurements,
                   "Also overwrite measurements (without READ_WRITE in the A2L)");
+    addExact(*set, options);
 
     CLI::App* measure =
         addCommand(app, options, Command::measure, "measure", "DAQ measurement with optional recording");
@@ -135,6 +142,7 @@ void addCommands(CLI::App& app, Options& options) {
     measure->add_option("-r,--record", options.recordDirectory, "Recording directory");
     measure->add_option("-p,--print-every", options.printEvery,
                         "Print every n-th record per DAQ list (0 = none)");
+    addExact(*measure, options);
 
     CLI::App* console = addCommand(app, options, Command::console, "console",
                                    "Serial line: show the text output of the ECU, send lines from stdin");
@@ -245,6 +253,7 @@ Result<void> applyOverrides(const Options& options, session::SessionConfig& conf
     if (auto done = overrideId(options.resId, config.can.resId); !done) return done;
     if (options.bitrate != 0) config.can.bitrate = options.bitrate;
     if (options.noShortUpload) config.xcp.useShortUpload = false;
+    if (options.exact) config.display.exact = true;
     if (options.reconnect) {
         auto policy = session::parseReconnectPolicy(*options.reconnect);
         if (!policy) {

@@ -72,6 +72,7 @@ struct Options {
     std::vector<std::string> names;        ///< get
     std::vector<std::string> assignments;  ///< set
     bool allowMeasurements = false;        ///< set
+    bool exact = false;                    ///< get, set, measure, recording info
     std::vector<std::string> signals;      ///< measure
     std::string recordDirectory;           ///< measure
     std::uint32_t printEvery = 100;        ///< measure

@@ -1,17 +1,20 @@
 #include "cli/recording_overview.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <limits>
 #include <numeric>
 #include <optional>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <spdlog/fmt/fmt.h>
 
 #include "a2l/conversion.h"
+#include "cli/stop_signal.h"
 #include "core/text.h"
 #include "storage/gap_finder.h"
 #include "storage/pyramid_reader.h"
@@ -100,23 +103,85 @@ void printCounts(const GroupReader& group, const Span& span, const RecordingInfo
     }
 }
 
-Result<void> printSignals(const GroupReader& group, const std::filesystem::path& directory, Output& output) {
+/// The least and the greatest value of a signal as they are shown; none when there is no value.
+using ExtremeTexts = std::optional<std::pair<std::string, std::string>>;
+
+Result<std::vector<ExtremeTexts>> extremesFromLevels(const GroupReader& group,
+                                                     const std::filesystem::path& directory) {
     const std::vector<SignalInfo>& signals = group.info().signals;
     std::vector<std::size_t> all(signals.size());
     std::iota(all.begin(), all.end(), 0U);
     auto extremes = storage::PyramidReader(directory, group).extremes(group.all(), all);
     if (!extremes) return extremes.error();
+    std::vector<ExtremeTexts> texts(signals.size());
     for (std::size_t i = 0; i < signals.size(); ++i) {
         const storage::ValueRange& range = extremes.value()[i];
+        if (range.isEmpty()) continue;
+        texts[i].emplace(physicalText(range.minimum, signals[i]), physicalText(range.maximum, signals[i]));
+    }
+    return texts;
+}
+
+/// A value as it was recorded.
+struct Sample {
+    long double raw;
+    long double physical;
+};
+struct Extremes {
+    std::optional<Sample> least;
+    std::optional<Sample> greatest;
+
+    void add(const Sample& sample) {
+        if (std::isnan(sample.physical)) return;
+        if (!least || sample.physical < least->physical) least = sample;
+        if (!greatest || sample.physical > greatest->physical) greatest = sample;
+    }
+};
+
+Result<std::vector<ExtremeTexts>> extremesFromRecords(const GroupReader& group) {
+    const std::vector<SignalInfo>& signals = group.info().signals;
+    std::vector<Extremes> extremes(signals.size());
+    storage::RecordStream stream = group.read(group.all());
+    for (;;) {
+        auto batch = stream.next();
+        if (!batch) return batch.error();
+        if (stopRequested()) return Error{ErrorCode::closed, "stopped"};
+        if (batch.value().count == 0) break;
+        for (std::size_t i = 0; i < signals.size(); ++i) {
+            for (std::size_t n = 0; n < batch.value().count; ++n) {
+                const std::uint8_t* bytes = batch.value().data(n) + signals[i].recordOffset;
+                const long double raw = a2l::decodeExact(bytes, signals[i].coding);
+                extremes[i].add({raw, signals[i].conversion.toPhysicalExact(raw)});
+            }
+        }
+    }
+    std::vector<ExtremeTexts> texts(signals.size());
+    for (std::size_t i = 0; i < signals.size(); ++i) {
+        const auto text = [&signal = signals[i]](const Sample& sample) {
+            return xcp::printableText(
+                a2l::valueText(sample.raw, signal.coding, signal.conversion, a2l::NumberStyle::exact));
+        };
+        if (extremes[i].least) texts[i].emplace(text(*extremes[i].least), text(*extremes[i].greatest));
+    }
+    return texts;
+}
+
+Result<void> printSignals(const GroupReader& group, const std::filesystem::path& directory,
+                          a2l::NumberStyle style, Output& output) {
+    const std::vector<SignalInfo>& signals = group.info().signals;
+    auto extremes =
+        style == a2l::NumberStyle::exact ? extremesFromRecords(group) : extremesFromLevels(group, directory);
+    if (!extremes) return extremes.error();
+    for (std::size_t i = 0; i < signals.size(); ++i) {
+        const ExtremeTexts& texts = extremes.value()[i];
         output.append("  ");
         output.appendPadded(signals[i].name, 40);
         output.append(' ');
         output.appendPadded(a2l::dataTypeName(signals[i].coding.dataType), 13);
-        if (range.isEmpty()) {
+        if (!texts) {
             output.append(" no value");
         } else {
-            output.append(fmt::format(" {:>12} {:>12}", physicalText(range.minimum, signals[i]),
-                                      physicalText(range.maximum, signals[i])));
+            output.append(fmt::format(" {:>12} {:>12}", texts->first, texts->second));
             if (!signals[i].conversion.unit().empty())
                 output.append(" " + xcp::printableText(signals[i].conversion.unit()));
         }
@@ -126,7 +191,7 @@ Result<void> printSignals(const GroupReader& group, const std::filesystem::path&
 }
 
 Result<void> printGroup(const GroupReader& group, const Span& span, const storage::RecordingReader& recording,
-                        Output& output) {
+                        a2l::NumberStyle style, Output& output) {
     const std::int64_t cycle = group.info().cycleNs;
     output.append(fmt::format("group {:<8} {}, {}\n", group.number(), xcp::printableText(group.info().name),
                               cycleText(cycle)));
@@ -136,7 +201,7 @@ Result<void> printGroup(const GroupReader& group, const Span& span, const storag
         if (!gaps) return gaps.error();
         output.append("  gaps         " + gapText(gaps.value(), recording.info()) + "\n");
     }
-    return printSignals(group, recording.directory(), output);
+    return printSignals(group, recording.directory(), style, output);
 }
 
 struct OpenedGroup {
@@ -174,7 +239,7 @@ std::string physicalText(double value, const SignalInfo& signal) {
     return a2l::Conversion(a2l::Conversion::Identical{}, signal.conversion.formatText(), "").format(value);
 }
 
-int printOverview(const storage::RecordingReader& recording, Output& output) {
+int printOverview(const storage::RecordingReader& recording, a2l::NumberStyle style, Output& output) {
     int exitCode = 0;
     std::vector<OpenedGroup> groups;
     Span whole;
@@ -193,7 +258,7 @@ int printOverview(const storage::RecordingReader& recording, Output& output) {
     }
     printHead(recording, whole, beingWritten, output);
     for (const OpenedGroup& group : groups) {
-        if (auto printed = printGroup(group.reader, group.span, recording, output); !printed) {
+        if (auto printed = printGroup(group.reader, group.span, recording, style, output); !printed) {
             printError("recording", printed.error());
             exitCode = 1;
         }

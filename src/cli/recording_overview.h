@@ -1,11 +1,13 @@
 // What `recording info` prints: groups, signals, counts, rates, gaps, extremes. All of it comes from the time
-// index and the summary levels, so the length of the recording does not matter.
+// index and the summary levels, so the length of the recording does not matter unless numbers are to be
+// exact.
 //
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
 
 #include <string>
 
+#include "a2l/value_text.h"
 #include "cli/output.h"
 #include "storage/recording_reader.h"
 
@@ -15,8 +17,9 @@ namespace lm::cli {
 /// one.
 std::string physicalText(double value, const storage::SignalInfo& signal);
 
-/// Prints the overview. Returns the exit code: 1 when a group cannot be read, with the reason on standard
+/// Prints the overview. With exact numbers the extremes come from the records, all of which are read: the
+/// summary levels round. Returns the exit code: 1 when a group cannot be read, with the reason on standard
 /// error; the other groups are printed all the same.
-int printOverview(const storage::RecordingReader& recording, Output& output);
+int printOverview(const storage::RecordingReader& recording, a2l::NumberStyle style, Output& output);
 
 }  // namespace lm::cli

@@ -125,11 +125,31 @@ int runSession(const Options& options, session::SessionConfig config, Output& ou
     return exitCode;
 }
 
-/// The commands that work on recordings alone: no configuration is read. None for the others.
+/// How `recording info` shows numbers: of a configuration that is given, this alone counts.
+Result<a2l::NumberStyle> recordingStyle(const Options& options) {
+    bool exact = options.exact;
+    if (options.configFile && options.recording.action == RecordingAction::info) {
+        auto config = session::loadSessionConfig(*options.configFile, stopDescriptor());
+        if (!config) return config.error();
+        exact = exact || config.value().display.exact;
+    }
+    return exact ? a2l::NumberStyle::exact : a2l::NumberStyle::formatted;
+}
+
+int runRecordingCommand(const Options& options, Output& output) {
+    const auto style = recordingStyle(options);
+    if (!style) {
+        printError("configuration", style.error());
+        return 1;
+    }
+    return runRecording(options.recording, style.value(), output);
+}
+
+/// The commands that work on recordings alone. None for the others.
 std::optional<int> runOffline(const Options& options, Output& output) {
     switch (options.command) {
         case Command::recording:
-            return runRecording(options.recording, output);
+            return runRecordingCommand(options, output);
         case Command::exportRecording:
             return runExport(options.exportRequest, output);
         default:

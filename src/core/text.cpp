@@ -134,52 +134,98 @@ Result<std::uint64_t> parseUnsigned(std::string_view text, NumberBase base, std:
     return value;
 }
 
-std::optional<double> parseDouble(std::string_view text) {
+namespace {
+
+static_assert(std::numeric_limits<long double>::digits >= 64, "64-bit integers pass through long double");
+
+/// The decimal exponent of the first digit that is not 0: positive or 0 for a number of at least 1. `number`
+/// is a decimal number that is not 0, with an optional sign.
+std::int64_t decimalMagnitude(std::string_view number) {
+    constexpr std::int64_t kFar = std::int64_t{1} << 40U;
+    const auto exponentAt = std::min(number.find_first_of("eE"), number.size());
+    const std::string_view mantissa = number.substr(0, exponentAt);
+    const auto first = static_cast<std::int64_t>(mantissa.find_first_of("123456789"));
+    const auto point = static_cast<std::int64_t>(std::min(mantissa.find('.'), mantissa.size()));
+    std::int64_t exponent = 0;
+    if (exponentAt < number.size()) {
+        std::string_view digits = number.substr(exponentAt + 1);
+        if (digits.starts_with('+')) digits.remove_prefix(1);
+        const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), exponent);
+        if (read.ec == std::errc::result_out_of_range) exponent = digits.starts_with('-') ? -kFar : kFar;
+    }
+    return std::clamp(exponent, -kFar, kFar) + (first < point ? point - 1 - first : point - first);
+}
+
+template <typename Float>
+std::optional<Float> parseFloat(std::string_view text) {
     std::string_view number = text;
     // from_chars takes no leading plus; "+-1" must not pass for -1.
     if (number.size() > 1 && number[0] == '+' && number[1] != '-') number.remove_prefix(1);
-    double value = 0;
+    Float value = 0;
     const char* end = number.data() + number.size();
     const auto [stop, failure] = std::from_chars(number.data(), end, value);
     if (stop != end || failure == std::errc::invalid_argument) return std::nullopt;
     if (failure == std::errc::result_out_of_range) {
-        // The conversion does not tell overflow from underflow: the exponent's sign does, as the shortest
-        // such text with a positive exponent overflows and one with a negative exponent underflows.
-        const auto exponent = number.find_first_of("eE");
-        const bool tiny = exponent != std::string_view::npos
-                              ? number[exponent + 1] == '-'
-                              : number.find_first_of("123456789") > number.find('.');
-        const double magnitude = tiny ? 0.0 : std::numeric_limits<double>::infinity();
+        // The conversion does not tell overflow from underflow.
+        const Float magnitude =
+            decimalMagnitude(number) < 0 ? Float{0} : std::numeric_limits<Float>::infinity();
         return number[0] == '-' ? -magnitude : magnitude;
     }
     return value;
 }
 
+}  // namespace
+
+std::optional<double> parseDouble(std::string_view text) {
+    return parseFloat<double>(text);
+}
+
+std::optional<long double> parseLongDouble(std::string_view text) {
+    return parseFloat<long double>(text);
+}
+
 namespace {
 
-std::string withoutNanSign(std::string text, double value) {
+template <typename Float>
+std::string withoutNanSign(std::string text, Float value) {
     if (std::isnan(value) && !text.empty() && text[0] == '-') text.erase(0, 1);
     return text;
 }
 
-std::string formatted(double value, std::chars_format format, int precision) {
-    // A double has at most 309 digits before the point.
+template <typename Float, typename... How>
+std::string formatted(Float value, How... how) {
+    // A double has at most 309 digits before the point; a long double that is none has a place of its own.
     std::array<char, 512> buffer{};
-    const int digits = std::min(precision, 128);
-    const auto [end, failure] =
-        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, format, digits);
+    const auto [end, failure] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, how...);
     if (failure != std::errc()) return "?";
     return withoutNanSign(std::string(buffer.data(), end), value);
 }
 
 }  // namespace
 
-std::string formatFixed(double value, int decimals) {
-    return formatted(value, std::chars_format::fixed, decimals);
+std::string formatFixed(long double value, int decimals) {
+    const int digits = std::min(decimals, 128);
+    const auto rounded = static_cast<double>(value);
+    // Quicker, and most values are doubles.
+    if (static_cast<long double>(rounded) == value || std::isnan(value))
+        return formatted(rounded, std::chars_format::fixed, digits);
+    return formatted(value, std::chars_format::fixed, digits);
 }
 
 std::string formatGeneral(double value) {
     return formatted(value, std::chars_format::general, 6);
+}
+
+std::string formatShortest(float value) {
+    return formatted(value);
+}
+
+std::string formatShortest(double value) {
+    return formatted(value);
+}
+
+std::string formatShortest(long double value) {
+    return formatted(value);
 }
 
 }  // namespace lm

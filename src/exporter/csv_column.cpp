@@ -4,6 +4,7 @@
 #include <bit>
 #include <charconv>
 
+#include "a2l/value_text.h"
 #include "exporter/number_text.h"
 #include "exporter/raw_integer.h"
 
@@ -22,37 +23,41 @@ void appendField(std::string& line, std::string_view field) {
     line += '"';
 }
 
+namespace {
+
+bool isWide(const storage::SignalInfo& signal) {
+    return signal.coding.size() == sizeof(std::uint64_t) && !a2l::isFloat(signal.coding.dataType) &&
+           signal.conversion.binaryExponent();
+}
+
+}  // namespace
+
 CsvColumn::CsvColumn(const storage::SignalInfo& signal, const ExportOptions& options)
     : signal_(&signal),
       offset_(signal.recordOffset),
       raw_(options.raw),
       form_(formOf(signal, options)),
+      wide_(isWide(signal)),
       decode_(a2l::rawDecoder(signal.coding)) {}
 
 CsvColumn::Form CsvColumn::formOf(const storage::SignalInfo& signal, const ExportOptions& options) {
     if (options.raw) return a2l::isFloat(signal.coding.dataType) ? Form::number : Form::rawInteger;
     if (options.a2lFormat) return Form::formatted;
-    return signal.conversion.isVerbal() ? Form::verbal : Form::number;
+    if (signal.conversion.isVerbal()) return Form::verbal;
+    return isWide(signal) && *signal.conversion.binaryExponent() == 0 ? Form::rawInteger : Form::number;
 }
 
 /// What tells one cell from another, in the form that makeCell() needs.
 std::uint64_t CsvColumn::rawBits(const std::uint8_t* bytes) const {
-    if (form_ == Form::rawInteger) return readInteger(bytes, signal_->coding);
+    if (form_ == Form::rawInteger || wide_) return readInteger(bytes, signal_->coding);
     return std::bit_cast<std::uint64_t>(decode_(bytes, signal_->coding));
 }
 
 void CsvColumn::makeCell(std::uint64_t bits) {
     lastBits_ = bits;
     cell_.clear();
-    if (form_ == Form::rawInteger) {
-        std::array<char, kNumberWidth> text{};
-        char* end = text.data() + text.size();
-        end = a2l::isSigned(signal_->coding.dataType)
-                  ? std::to_chars(text.data(), end, static_cast<std::int64_t>(bits)).ptr
-                  : std::to_chars(text.data(), end, bits).ptr;
-        cell_.append(text.data(), end);
-        return;
-    }
+    if (form_ == Form::rawInteger) return setInteger(bits);
+    if (wide_) return setWide(bits);
     const auto raw = std::bit_cast<double>(bits);
     if (form_ == Form::formatted) {
         appendField(cell_, signal_->conversion.format(raw));
@@ -65,6 +70,23 @@ void CsvColumn::makeCell(std::uint64_t bits) {
         }
     }
     setNumber(raw_ ? raw : signal_->conversion.toPhysical(raw));
+}
+
+void CsvColumn::setInteger(std::uint64_t bits) {
+    std::array<char, kNumberWidth> text{};
+    char* end = text.data() + text.size();
+    end = a2l::isSigned(signal_->coding.dataType)
+              ? std::to_chars(text.data(), end, static_cast<std::int64_t>(bits)).ptr
+              : std::to_chars(text.data(), end, bits).ptr;
+    cell_.append(text.data(), end);
+}
+
+void CsvColumn::setWide(std::uint64_t bits) {
+    const long double raw = a2l::isSigned(signal_->coding.dataType)
+                                ? static_cast<long double>(static_cast<std::int64_t>(bits))
+                                : static_cast<long double>(bits);
+    const auto style = form_ == Form::formatted ? a2l::NumberStyle::formatted : a2l::NumberStyle::exact;
+    appendField(cell_, a2l::valueText(raw, signal_->coding, signal_->conversion, style));
 }
 
 void CsvColumn::setNumber(double value) {

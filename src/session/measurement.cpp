@@ -99,6 +99,9 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
     auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
                                 carriedBy(context.transport, context.master.connectInfo()));
     if (!plan.ok()) return plan.error();
+    if (!options.recordDirectory.empty()) {
+        if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();
+    }
     const auto load = acceptedLoad(plan.value(), context);
     if (!load.ok()) return load.error();
     const std::string warning = foreignEventWarning(plan.value());

@@ -128,6 +128,17 @@ Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities&
     return {};
 }
 
+Result<void> requireRecordable(const MeasurementPlan& plan) {
+    for (const PlannedSignal& signal : plan.planned) {
+        if (!signal.object.coding.hasBitOperation()) continue;
+        return Error{ErrorCode::unsupported,
+                     signal.object.name +
+                         ": a recording cannot say what its BIT_OPERATION does, measure it "
+                         "without recording"};
+    }
+    return {};
+}
+
 storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities) {
     storage::RecordingInfo info;
     for (const xcp::DaqList& list : plan.daq.lists) {

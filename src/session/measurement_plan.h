@@ -37,6 +37,9 @@ std::uint64_t shortestPeriodNs(const xcp::DaqPlan& plan, const xcp::DaqCapabilit
 Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities,
                            const xcp::ConnectInfo& connection);
 
+/// Whether a recording can say how each signal is read. Error: unsupported, naming the first that it cannot.
+Result<void> requireRecordable(const MeasurementPlan& plan);
+
 /// Groups and signals of a recording of the plan: one group per DAQ list, each signal once per group. Times
 /// and texts about the whole recording are left to the caller.
 storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities);

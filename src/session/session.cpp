@@ -146,42 +146,55 @@ Result<SessionValue> Session::readObject(const a2l::ResolvedObject& object) {
     SessionValue value;
     value.raw = a2l::decodeRaw(bytes.value().data(), object.coding);
     value.physical = object.conversion.toPhysical(value.raw);
-    value.text = object.conversion.format(value.raw);
+    value.text = a2l::valueText(bytes.value().data(), object.coding, object.conversion, numberStyle());
     return value;
 }
 
 WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
     const auto object = resolve(name);
     if (!object.ok()) return {object.error()};
-    const auto bytes = bytesToWrite(object.value(), text, allowMeasurements);
-    if (!bytes.ok()) return {bytes.error()};
+    const auto encoded = bytesToWrite(object.value(), text, allowMeasurements);
+    if (!encoded.ok()) return {encoded.error()};
+    const auto& [bytes, number] = encoded.value();
     {
         const std::lock_guard lock(stopMutex_);
         if (stopRequested_) return {Error{ErrorCode::closed, std::string(name) + ": stopped"}};
         writing_ = true;
     }
-    WriteOutcome outcome{writeBytes(object.value(), bytes.value())};
-    if (!outcome.value.ok()) outcome.held = xcp::inStep(*master_, [&] { return readObject(object.value()); });
+    WriteOutcome outcome{writeBytes(object.value(), bytes)};
+    if (!outcome.value.ok()) {
+        outcome.held = xcp::inStep(*master_, [&] { return readObject(object.value()); });
+    } else if (number) {
+        outcome.deviation = a2l::deviationText(object.value(), text, *number, bytes, numberStyle());
+    }
     const std::lock_guard lock(stopMutex_);
     writing_ = false;
     if (stopRequested_) master_->requestStop();
     return outcome;
 }
 
+a2l::NumberStyle Session::numberStyle() const {
+    return config_.display.exact ? a2l::NumberStyle::exact : a2l::NumberStyle::formatted;
+}
+
 /// The object's bytes in the ECU with the value merged into them.
-Result<std::vector<std::uint8_t>> Session::bytesToWrite(const a2l::ResolvedObject& object,
-                                                        std::string_view text, bool allowMeasurements) {
+Result<Session::EncodedText> Session::bytesToWrite(const a2l::ResolvedObject& object, std::string_view text,
+                                                   bool allowMeasurements) {
     const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
     if (!object.writable && !(isMeasurement && allowMeasurements)) {
         return Error{
             ErrorCode::permissionDenied,
             object.name + (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
     }
+    if (object.emptyMask) {
+        return Error{ErrorCode::permissionDenied,
+                     object.name + ": BIT_MASK 0x0 leaves no bit that may be written"};
+    }
     auto bytes = xcp::inStep(*master_, [&] { return master_->upload(object.address, object.size()); });
-    if (!bytes.ok()) return bytes;
-    const auto encoded = a2l::encodeText(object, text, bytes.value());
-    if (!encoded.ok()) return encoded.error();
-    return bytes;
+    if (!bytes.ok()) return bytes.error();
+    const auto number = a2l::encodeText(object, text, bytes.value());
+    if (!number.ok()) return number.error();
+    return EncodedText{std::move(bytes).value(), number.value()};
 }
 
 /// Writes, compares what the ECU then holds, and reads the value once more.

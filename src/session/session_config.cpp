@@ -268,6 +268,7 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
     });
     document.section("reconnect", [&](Section& section) { fillReconnect(section, config.reconnect); });
     document.readTexts("measurement", config.measurement);
+    document.section("display", [&](Section& section) { section.read("exact", config.display.exact); });
 }
 
 constexpr int kMaxDepth = 64;
@@ -338,6 +339,7 @@ ordered_json documentOf(const SessionConfig& config) {
     reconnect["intervalMs"] = config.reconnect.interval.count();
     reconnect["heartbeatMs"] = config.reconnect.heartbeat.count();
     document["measurement"] = config.measurement;
+    if (config.display != SessionConfig::Display{}) document["display"]["exact"] = config.display.exact;
     return document;
 }
 

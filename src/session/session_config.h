@@ -82,6 +82,12 @@ struct SessionConfig {
         bool operator==(const Reconnect&) const = default;
     };
 
+    struct Display {
+        bool exact = false;  ///< integers with all digits, others with the shortest text that reads back
+
+        bool operator==(const Display&) const = default;
+    };
+
     std::string name;
     std::filesystem::path a2l;
     Can can;
@@ -91,6 +97,7 @@ struct SessionConfig {
     Daq daq;
     Reconnect reconnect;
     std::vector<std::string> measurement;  ///< default signals, each NAME or NAME@EVENT
+    Display display;                       ///< written only when it is not the default
 
     bool operator==(const SessionConfig&) const = default;
 };

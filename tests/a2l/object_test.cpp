@@ -26,6 +26,12 @@ constexpr const char* kText = R"A2L(
 /begin CHARACTERISTIC gain "" VALUE 0x2000 L 0 FORMULA 0 100 READ_ONLY /end CHARACTERISTIC
 /begin CHARACTERISTIC mode "" VALUE 0x2004 LB 0 VERB 0 20 /end CHARACTERISTIC
 /begin CHARACTERISTIC step "" VALUE 0x2008 LB 0 STEPS 0 300 PHYS_UNIT "" /end CHARACTERISTIC
+/begin CHARACTERISTIC noLow "" VALUE 0x2010 LF16 0 NO_COMPU_METHOD -1e400 10 BIT_MASK 0 /end CHARACTERISTIC
+/begin CHARACTERISTIC noHigh "" VALUE 0x2010 LF16 0 NO_COMPU_METHOD -10 1e400 /end CHARACTERISTIC
+/begin CHARACTERISTIC masked0 "" VALUE 0x2010 LB 0 NO_COMPU_METHOD 0 1 BIT_MASK 0x0 /end CHARACTERISTIC
+/begin CHARACTERISTIC pointer "" VALUE 0x2010 LP 0 NO_COMPU_METHOD 0 1 /end CHARACTERISTIC
+/begin MEASUREMENT pointed "" UWORD NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 ADDRESS_TYPE PWORD /end MEASUREMENT
+/begin MEASUREMENT direct "" UWORD NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 ADDRESS_TYPE DIRECT /end MEASUREMENT
 /begin CHARACTERISTIC stray "" VALUE 0x3000 LGONE 0 LIN 0 1 /end CHARACTERISTIC
 /begin COMPU_METHOD LIN "" LINEAR "%6.3" "km/h" COEFFS_LINEAR 2 1 /end COMPU_METHOD
 /begin COMPU_METHOD FORMULA "" FORM "%6.3" "Nm" /begin FORMULA "sysc(K)*X" FORMULA_INV "X/sysc(K)" /end FORMULA /end COMPU_METHOD
@@ -38,6 +44,8 @@ constexpr const char* kText = R"A2L(
 /begin COMPU_TAB T0 "" TAB_NOINTP 0 /end COMPU_TAB
 /begin COMPU_VTAB_RANGE VT "" 3 0 0 "off" 5 9 "on" 30 40 "7" DEFAULT_VALUE "other" /end COMPU_VTAB_RANGE
 /begin RECORD_LAYOUT L FNC_VALUES 1 FLOAT32_IEEE COLUMN_DIR DIRECT /end RECORD_LAYOUT
+/begin RECORD_LAYOUT LF16 FNC_VALUES 1 FLOAT16_IEEE COLUMN_DIR DIRECT /end RECORD_LAYOUT
+/begin RECORD_LAYOUT LP FNC_VALUES 1 UBYTE COLUMN_DIR PLONGLONG /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LB FNC_VALUES 1 UBYTE COLUMN_DIR DIRECT /end RECORD_LAYOUT
 /end MODULE /end PROJECT)A2L";
 
@@ -82,6 +90,9 @@ TEST_F(Objects, RefusalsNameTheReason) {
         {"noTab", "noTab: COMPU_TAB 'VT' not found"},
         {"badTab", "badTab: conversion table is empty"},
         {"badForm", "badForm: formula 'X*': unexpected end"},
+        {"pointer", "pointer: at its address lies a pointer to the value, which is not supported yet"},
+        {"pointed", "pointed: at its address lies a pointer to the value, which is not supported yet"},
+        {"direct", "resolved"},
         {"stray", "stray: RECORD_LAYOUT 'LGONE' without FNC_VALUES"}};
     for (const auto& [name, error] : rows)
         EXPECT_EQ(resolveError(name), error);

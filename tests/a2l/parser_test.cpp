@@ -40,7 +40,7 @@ std::string dumped(const Description& description, const Measurement& m) {
     return fmt::format("{} '{}' {} {} [{} {}]{}{} x{} mask {:x} '{}' '{}' '{}'{}{}{} events {}", m.name,
                        m.longIdentifier, dataTypeName(m.dataType), m.conversion, m.lowerLimit, m.upperLimit,
                        m.hasAddress ? fmt::format(" {:x}:{}", m.ecuAddress, m.addressExtension) : "",
-                       orderName(m.byteOrder), m.elementCount, m.bitMask, m.displayIdentifier, m.format,
+                       orderName(m.byteOrder), m.elementCount, m.bits.mask, m.displayIdentifier, m.format,
                        m.physUnit.value_or(""), m.readOnly ? " ro" : "", m.readWrite ? " rw" : "",
                        m.eventCount == 0 ? " no" : "", fmt::join(description.events(m), ","));
 }
@@ -51,7 +51,7 @@ TEST(Parser, ReadsMeasurements) {
         {"ECU_ADDRESS 0xFFFFFFFF ECU_ADDRESS_EXTENSION 2 READ_WRITE",
          " ffffffff:2 x1 mask 0 '' '' '' rw no events "},
         {R"(FORMAT "%5.1" PHYS_UNIT "1/\"min" DISPLAY_IDENTIFIER d.m READ_ONLY BYTE_ORDER BIG_ENDIAN)",
-         R"( big x1 mask 0 'd.m' '%5.1' '1/\"min' ro no events )"},
+         R"( big x1 mask 0 'd.m' '%5.1' '1/"min' ro no events )"},
         {"BIT_MASK 0xFFFFFFFFFFFFFFFE BYTE_ORDER MSB_LAST",
          " little x1 mask fffffffffffffffe '' '' '' no events "},
         {"BIT_MASK 18446744073709551615 ECU_ADDRESS 1e3",
@@ -105,7 +105,7 @@ TEST(Parser, ReadsTheOtherObjects) {
     EXPECT_EQ(
         fmt::format("{} {} {} {:x}:{} {} {} {} {} [{} {}] [{} {}] x{} {} {} {}", c.name, c.longIdentifier,
                     static_cast<int>(c.type), c.address, c.addressExtension, c.deposit, c.maxDiff,
-                    c.conversion, c.bitMask, c.lowerLimit, c.upperLimit, c.extendedLimits->first,
+                    c.conversion, c.bits.mask, c.lowerLimit, c.upperLimit, c.extendedLimits->first,
                     c.extendedLimits->second, c.elementCount, c.readOnly, c.isVirtual, c.axes.size()),
         "c d 2 10:1 RL 1.5 CM 0 [-1 1] [-2 2] x3 true false 2");
     EXPECT_EQ(fmt::format("{} {} {} {} {} {} {}", c.axes[0].attribute, c.axes[0].inputQuantity,
@@ -197,6 +197,7 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
               "skipped: /include 'a.a2l' (line 2): included files are not read\n"
               "skipped: /include (line 4): included files are not read\n"
               "skipped: MEASUREMENT 'm0' (line 2005): the name is already used\n"
+              "'m1' names a MEASUREMENT and a CHARACTERISTIC (line 2006): the MEASUREMENT is used\n"
               "skipped: SYSTEM_CONSTANT 'k' (line 2007): the name is already used");
     ASSERT_EQ(d.measurements.size(), 1999U);
     for (int i = 0; i < 1999; ++i) {
@@ -272,6 +273,20 @@ TEST(Load, TakesEveryEncodingAndKindOfFile) {
     EXPECT_EQ(load(pipe).value().moduleLongIdentifier, "piped");
     writer.join();
     EXPECT_EQ(load(directory.path() / "none").error().code, ErrorCode::notFound);
+}
+
+TEST(Parser, TellsOnceOfEachOddity) {
+    const std::string limits = R"(/begin MEASUREMENT m "" UBYTE c 0 0 0 1e999 /end MEASUREMENT
+/begin CHARACTERISTIC p "" VALUE 0 l 0 c -1e999 1 /end CHARACTERISTIC)";
+    const std::string names = R"(
+/begin CHARACTERISTIC q "" VALUE 0 l 0 c 0 1 /end CHARACTERISTIC
+/begin CHARACTERISTIC good "" VALUE 0 l 0 c 0 1 /end CHARACTERISTIC
+/begin CHARACTERISTIC M "" VALUE 0 l 0 c 0 1 /end CHARACTERISTIC)";
+    EXPECT_EQ(parsed(limits + names + kGood).warnings,
+              (std::vector<std::string>{
+                  "MEASUREMENT 'm' (line 2) and 1 more object(s): a limit beyond the range of a 64-bit float "
+                  "counts as none",
+                  "'good' names a MEASUREMENT and a CHARACTERISTIC (line 5): the MEASUREMENT is used"}));
 }
 
 // Damage anywhere gives the tokenizer's error or a description; never anything else.

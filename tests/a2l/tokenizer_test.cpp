@@ -47,13 +47,15 @@ TEST(Tokenizer, BuildsTheTree) {
          R"(@1{""@1 "a\"b"@1 "\\"@1 "c\
 "@1 "d
 "@2 e@3})"},
+        {R"("a ""b""" """" "" """c" "\"" "\\")", R"(@1{"a ""b"""@1 """"@1 ""@1 """c"@1 "\""@1 "\\"@1})"},
+        {"\"a\"\"\nb\" c", "@1{\"a\"\"\nb\"@1 c@2}"},
         // Numbers: what the conversion does not use up is a name.
         {"0x 0x00FF -0x20 +0Xa 0xG", "@1{0x@1 #255@1 #-32@1 #10@1 0xG@1}"},
         {"+3 -3 .5 -.5 5. 1e3 1E-2 007 -0", "@1{#3@1 #-3@1 #0.5@1 #-0.5@1 #5@1 #1000@1 #0.01@1 #7@1 #-0@1}"},
         {"1.2.3 1.5e 12ms . + - +- +-1 --1 .e1 e1",
          "@1{1.2.3@1 1.5e@1 12ms@1 .@1 +@1 -@1 +-@1 +-1@1 --1@1 .e1@1 e1@1}"},
         {"4.29497e+09 123456789012345678 1e400 1e-400", "@1{#4.29497e+09@1 #1.23457e+17@1 #inf@1 #0@1}"},
-        {"0x1FFFFFFFFFFFFFFFFF 0x000000000000000000001", "@1{#1.84467e+19@1 #1@1}"},
+        {"0x1FFFFFFFFFFFFFFFFF 0x000000000000000000001", "@1{#5.90296e+20@1 #1@1}"},
         {"inf nan 1d3 1,5", "@1{inf@1 nan@1 1d3@1 #1@1 ,@1 #5@1}"},
         // Blocks.
         {"a /begin B b /begin C c /end C d /end B e", "@1{a@1 e@1|1:B@1{b@1 d@1|1:C@1{c@1}}}"},
@@ -70,6 +72,7 @@ TEST(Tokenizer, TellsWhatIsWrongAndWhere) {
         {"a\n/*\n\n", "A2L line 2: unterminated comment"},
         {"\n\"\n\\\"\n", "A2L line 4: unterminated string"},
         {"\"\\", "A2L line 1: unterminated string"},
+        {"\"a\"\"", "A2L line 1: unterminated string"},
         {"\n/begin", "A2L line 2: keyword expected after /begin or /end"},
         {"/begin\n \"x\ny\"", "A2L line 3: keyword expected after /begin or /end"},
         {"/begin A /end A\n/end\nA", "A2L line 3: unexpected /end A"},

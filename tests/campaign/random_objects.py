@@ -74,7 +74,8 @@ class Object:
         self.conversion = Total(a2l.conversion(self.method, "", form))
         self.parameter, self.open = chance.random() < 0.85, chance.random() < 0.93
         ends = sorted(float(f"{self.near():.7g}") for _ in range(2))
-        self.limits = chance.choice(((-1e300, 1e300), (-1e300, 1e300), ends, ends, (ends[0], ends[0])))
+        self.limits = chance.choice(((-1e300, 1e300), (-1e300, 1e300), ends, ends, (ends[0], ends[0]), (-math.inf, ends[1]),
+                                     (ends[0], math.inf)))
         self.options = ((f"BYTE_ORDER {own} " if own else "") + (f'FORMAT "{form}" ' if form else "")
                         + (f"BIT_MASK {self.field.mask:#x}" if self.field.mask else ""))
         self.text = self.typed()
@@ -107,7 +108,7 @@ class Object:
             return chance.choice(JUNK)
         if kind < 0.1:
             return chance.choice((str, hex))(chance.choice((1, -1)) * (2 ** chance.randint(52, 66) + chance.randint(-3, 3)))
-        low, high = self.limits
+        low, high = (min(max(limit, -1e300), 1e300) for limit in self.limits)
         slack = 1e-9 * max(1, abs(low), abs(high)) * chance.choice((-2, -0.5, 0.5, 2))
         inside = min(max(self.near(), low), high)
         value = chance.choice((self.near(), self.near(), inside, inside, inside, low + slack, high + slack,
@@ -118,7 +119,7 @@ class Object:
         return chance.choice((repr, "{:.3f}".format, "{:.17e}".format))(value)
 
     def block(self):
-        limits = " ".join(map(repr, self.limits))
+        limits = " ".join(map(repr, self.limits)).replace("inf", "1e400")
         if self.parameter:
             return (f'/begin CHARACTERISTIC {self.name} "" VALUE {self.address:#x} {self.field.type} 0 {self.method} {limits} '
                     f'{self.options} EXTENDED_LIMITS -1e305 1e305 {"" if self.open else "READ_ONLY"} /end CHARACTERISTIC\n')

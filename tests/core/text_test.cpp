@@ -53,6 +53,13 @@ TEST(Text, DoublesUseUpTheWholeText) {
     const std::string zeros(400, '0');
     EXPECT_EQ(parseDouble("1" + zeros), kInfinity);
     EXPECT_EQ(parseDouble("0." + zeros + "1"), 0.0);
+    // The magnitude decides, not the sign of the exponent or the place of the point.
+    EXPECT_EQ(parseDouble("1" + zeros + "E-1"), kInfinity);
+    EXPECT_EQ(parseDouble("-1" + zeros + ".5e-401"), -0.1);
+    EXPECT_EQ(parseDouble("0." + zeros + "1e50"), 0.0);
+    EXPECT_EQ(parseDouble("0." + zeros + "1e+800"), kInfinity);
+    EXPECT_EQ(parseDouble("1e-99999999999999999999"), 0.0);
+    EXPECT_EQ(parseDouble("-.1e99999999999999999999"), -kInfinity);
     EXPECT_TRUE(std::isnan(*parseDouble("nan")));
     for (const char* text : {"", "1,5", "1.5 ", "+-1", "0x10", "ten", "--1", "1e", "+"})
         EXPECT_FALSE(parseDouble(text).has_value()) << text;
@@ -66,6 +73,9 @@ TEST(Text, NumbersPrintAlikeInEveryLocale) {
     EXPECT_EQ(formatGeneral(-std::numeric_limits<double>::quiet_NaN()), "nan");
     EXPECT_EQ(formatFixed(-kInfinity, 2), "-inf");
     EXPECT_EQ(formatFixed(1e308, 3).size(), 309U + 4U);
+    EXPECT_EQ(formatFixed(18446744073709551615.0L, 1), "18446744073709551615.0");
+    EXPECT_EQ(formatShortest(0.1F) + formatShortest(0.1) + formatShortest(4611686018427387904.5L),
+              "0.10.14611686018427387904.5");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "a2l/description.h"
 #include "a2l/object.h"
+#include "a2l/value_text.h"
 #include "core/text.h"
 #include "fuzz_input.h"
 
@@ -21,19 +22,21 @@ constexpr std::array<std::array<std::uint8_t, 8>, 5> kContents = {{
     {0x7F, 0xF0, 0, 0, 0, 0, 0xF0, 0x7F},
 }};
 
-// Whole numbers that a double holds come back; a float does when it is a number.
-bool comesBack(double raw, const a2l::RawCoding& coding) {
-    return a2l::isFloat(coding.dataType) ? !std::isnan(raw) : std::fabs(raw) <= 0x1p53;
-}
-
 void useObject(const a2l::ResolvedObject& object) {
     require(object.size() >= 1 && object.size() <= 8, "size of an object");
     for (const auto& content : kContents) {
         const double raw = a2l::decodeRaw(content.data(), object.coding);
         auto again = content;
-        if (comesBack(raw, object.coding)) {
-            require(a2l::encodeRaw(raw, object.coding, again).ok(), "what was decoded can be encoded");
+        const long double exact = a2l::decodeExact(content.data(), object.coding);
+        require(same(static_cast<double>(exact), raw), "one value");
+        if (!std::isnan(raw)) {
+            require(a2l::encodeRaw(exact, object.coding, again).ok(), "what was decoded can be encoded");
             require(again == content, "encoding gives back the bytes");
+        }
+        if (object.keepsIntegers()) {
+            const std::string all =
+                a2l::valueText(exact, object.coding, a2l::Conversion(), a2l::NumberStyle::exact);
+            require(lm::parseLongDouble(all) == exact, "integers are shown with all digits");
         }
         const double physical = object.conversion.toPhysical(raw);
         const std::string text = object.conversion.format(raw);
@@ -96,7 +99,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         fuzz::requireSame(loaded, a2l::parseDescription(fuzz::asUtf16(std::string(text))));
     if (!loaded) return 0;
     for (const std::string& warning : loaded.value().warnings)
-        fuzz::require(warning.starts_with("skipped: "), "a warning begins as documented");
+        fuzz::require(warning.starts_with("skipped: ") || warning.find(" (line ") != std::string::npos,
+                      "a warning tells a line");
     fuzz::useObjects(loaded.value(), loaded.value().measurements);
     fuzz::useObjects(loaded.value(), loaded.value().characteristics);
     return 0;

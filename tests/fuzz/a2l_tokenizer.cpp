@@ -59,7 +59,6 @@ void checkNumbers(const Block& block) {
     for (const auto& token : block.tokens()) {
         if (token.kind != a2l::TokenKind::number) continue;
         const std::string text(token.text);
-        if (text.find_first_of("xX") != std::string::npos) continue;
         require(same(std::strtod(text.c_str(), nullptr), token.value), "number " + text);
     }
     for (const Block& child : block.children())

@@ -8,6 +8,8 @@ namespace {
 constexpr const char* kA2l = R"(/begin PROJECT p "" /begin MODULE engine ""
   /begin MEASUREMENT speed "engine speed" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x100
     /begin IF_DATA XCP /begin DAQ_EVENT FIXED_EVENT_LIST EVENT 1 /end DAQ_EVENT /end IF_DATA /end MEASUREMENT
+  /begin MEASUREMENT turned "" UWORD NO_COMPU_METHOD 0 0 0 100 ECU_ADDRESS 0x300 BIT_MASK 0xF0
+    /begin BIT_OPERATION RIGHT_SHIFT 4 SIGN_EXTEND /end BIT_OPERATION /end MEASUREMENT
   /begin MEASUREMENT load "" ULONG NO_COMPU_METHOD 0 0 0 100 ECU_ADDRESS 0x200 /end MEASUREMENT
 /end MODULE /end PROJECT)";
 
@@ -54,6 +56,9 @@ TEST_F(MeasurementPlanTest, SignalsFollowTheirEventsAndKeepTheOrderAskedFor) {
     EXPECT_EQ(recordingInfo(unnamed, capabilities_).groups[0].name, "event 2");
     EXPECT_EQ(recordingInfo(result, capabilities_).groups[1].signals.size(), 2U) << "recorded once as well";
     EXPECT_EQ(foreignEventWarning(std::move(plan({"load@2", "speed@1"})).value()), "");
+    EXPECT_TRUE(requireRecordable(result).ok());
+    EXPECT_EQ(requireRecordable(plan({"speed", "turned"}).value()).error().text(),
+              "turned: a recording cannot say what its BIT_OPERATION does, measure it without recording");
     EXPECT_EQ(foreignEventWarning(std::move(plan({"speed", "speed@2"})).value()),
               "event 0 is not among those that the A2L names for 'speed' (nor for 1 more signal(s))");
 }

@@ -77,6 +77,7 @@ TEST(SessionConfig, SurvivesWritingAndReading) {
         config.reconnect = {static_cast<ReconnectPolicy>(number() % 3), number(),
                             std::chrono::milliseconds(1 + number() / 2), std::chrono::milliseconds(1)};
         config.measurement.assign(number() % 4, text());
+        config.display.exact = coin();
         ASSERT_EQ(parsed(sessionConfigToJson(config)), config) << sessionConfigToJson(config);
     }
 }

@@ -1,5 +1,6 @@
 """A2L text for the tests: what the simulated ECU writes of itself, and the frame of descriptions of our own."""
 import re
+from decimal import Decimal, localcontext
 
 TOKEN = re.compile(r'"(?:[^"\\]|\\.|"")*"|\S+')
 
@@ -101,17 +102,27 @@ class A2l:
         return formula
 
 
+def decimals(conversion):
+    """Those that the format asks for; None without."""
+    digits = re.match(r"\d+", conversion.format.partition(".")[2])
+    count = int(digits[0]) if digits else 0
+    return count if "." in conversion.format and count < 16 else None
+
+
 def display_text(conversion, raw):
     """What the tool prints for a raw value: the verbal text, else the number in its format."""
     text = conversion.text(raw)
     if text:
         return text
-    digits = re.match(r"\d+", conversion.format.partition(".")[2])
-    decimals = int(digits[0]) if digits else 0
+    digits, factor = decimals(conversion), conversion.factor()
+    if isinstance(raw, int) and int(float(raw)) != raw and factor and digits is not None:
+        with localcontext() as context:
+            context.prec = 100
+            return f"{Decimal(raw) * factor.numerator / factor.denominator:.{digits}f}"[:63]
     value = conversion.physical(raw)
     if value != value:
         return "nan"
-    shown = f"%.{decimals}f" % value if "." in conversion.format and decimals < 16 else "%g" % value
+    shown = "%g" % value if digits is None else f"%.{digits}f" % value
     return shown[:63]
 
 

@@ -1,6 +1,7 @@
 """Between bytes, raw and physical values, computed without the tool."""
 import math
 import struct
+from fractions import Fraction
 
 TYPES = {"UBYTE": (1, "unsigned"), "UWORD": (2, "unsigned"), "ULONG": (4, "unsigned"), "A_UINT64": (8, "unsigned"),
          "SBYTE": (1, "signed"), "SWORD": (2, "signed"), "SLONG": (4, "signed"), "A_INT64": (8, "signed"),
@@ -34,7 +35,8 @@ class Field:
     def rounded(raw):
         """To the nearest integer, halves away from zero."""
         whole = math.floor(abs(raw))
-        return int(math.copysign(whole + (abs(raw) - whole >= 0.5), raw))
+        whole += abs(raw) - whole >= 0.5
+        return whole if raw >= 0 else -whole
 
     def stored(self, raw):
         """The same of a typed number: integers are rounded, and what the type cannot hold is no value."""
@@ -83,6 +85,14 @@ class Conversion:
         self.format = meta.get("format", "")
         self.ranges = [(float(r["min"]), float(r["max"]), r["text"]) for r in meta.get("verbal", [])]
         self.pairs = [(float(a), float(b)) for a, b in meta.get("table", [])]
+
+    def factor(self):
+        """The power of two by which raw values become physical ones, exactly; None where they do not."""
+        a, b, c, d, e, f = self.meta["ratFunc"] if self.kind == "ratFunc" else (0, 1, 0, 0, 0, 1)
+        if self.kind == "linear":
+            f, c = self.meta["linear"]
+        power = b > 0 and f > 0 and math.frexp(b)[0] == math.frexp(f)[0] == 0.5
+        return Fraction(f) / Fraction(b) if power and a == c == d == e == 0 and self.kind not in ("table", "formula") else None
 
     def calculated(self, key, x):
         """The formulas of the tests are Python too."""

@@ -2,7 +2,7 @@
 import unittest
 
 from ecu_model import Memory
-from harness import SystemTest, value_line
+from harness import SystemTest, signals, value_line
 
 BASE, ROOM = 0x10000, 0xC0
 
@@ -32,7 +32,8 @@ class ValuesTest(SystemTest):
         image = self.dir / "memory"
         sim = self.start_sim("--memory-file", image)
         # The first write makes the image.
-        self.expect(self.run_cli(sim, "set", "cal_limited=-2.5"), value_line("cal_limited", "-3.000"))
+        self.expect(self.run_cli(sim, "set", "cal_limited=-2.5"), value_line("cal_limited", "-3.000"),
+                    "cal_limited: -2.5 is not possible, the nearest value is -3.000\n")
         before = Memory(image).bytes(BASE, ROOM)
         self.assertEqual(before[0x8C:0x8E], b"\xfd\xff")
         for rows, options in ((REFUSED, []), (REFUSED_WITH_M, ["-m"])):
@@ -53,6 +54,33 @@ class ValuesTest(SystemTest):
                 done = self.run_cli(sim, "-c", self.quick_config(), "set", "cal_uint64_lsb=0x0102030405000000")
                 self.assertEqual(done.stdout, value_line("cal_uint64_lsb", f"ERROR {error}"))
                 self.assertEqual((done.stderr.splitlines()[-1], done.returncode), (f"cal_uint64_lsb: {held}", 1))
+
+    def test_all_digits_where_they_are_asked_for(self):
+        """By the option and by the configuration, which keeps it; a signal that no recording can hold is refused."""
+        sim = self.start_sim()
+        sim.a2l.write_text(sim.a2l.read_text(encoding="utf-8").replace("/begin MEASUREMENT", """
+            /begin MEASUREMENT turned "" UWORD NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0x00012079 BIT_MASK 0xF0
+            /begin BIT_OPERATION RIGHT_SHIFT 2 /end BIT_OPERATION /end MEASUREMENT /begin MEASUREMENT""", 1), encoding="utf-8")
+        lambda_ = "1.0101010101010102"
+        told = "cal_lambda: 0.85 is not possible, the nearest value is "
+        self.expect(self.run_cli(sim, "set", "cal_lambda=0.85"), value_line("cal_lambda", "1.010"), f"{told}1.010\n")
+        self.expect(self.run_cli(sim, "set", "--exact", "cal_uint64_lsb=0xFFFFFFFFFFFFFFFD", "cal_lambda=0.85"),
+                    value_line("cal_uint64_lsb", 2 ** 64 - 3) + value_line("cal_lambda", lambda_), f"{told}{lambda_}\n")
+        config = self.config('{"display": {"exact": true}}')
+        saved = self.dir / "saved.json"
+        self.assertEqual(self.run_cli(sim, "-c", config, "save-config", saved).returncode, 0)
+        self.assertTrue(saved.read_text(encoding="utf-8").endswith('[],\n  "display": {\n    "exact": true\n  }\n}\n'))
+        self.expect(self.run_cli(sim, "-c", saved, "get", "cal_uint64_lsb"), value_line("cal_uint64_lsb", 2 ** 64 - 3))
+        done = self.run_cli(sim, "measure", "-t", 0.5, "-p", 1, "-r", self.dir / "rec", *signals(["cal_uint64_lsb", "lambda"]))
+        self.assertRegex(done.stdout, r"cal_uint64_lsb=1.84467e\+19  lambda=\d+\.\d\d\d\n")
+        done = self.run_cli(sim, "measure", "--exact", "-t", 0.5, "-p", 1, *signals(["cal_uint64_lsb"]))
+        self.assertRegex(done.stdout, r"cal_uint64_lsb=18446744073709551613\b")
+        info = self.run_plain("recording", "info", self.dir / "rec", "-c", saved).stdout
+        self.assertRegex(info, rf"cal_uint64_lsb +A_UINT64 +{2 ** 64 - 3} +{2 ** 64 - 3}\b")
+        self.assertEqual(info, self.run_plain("recording", "info", "--exact", self.dir / "rec").stdout)
+        done = self.run_cli(sim, "measure", "-r", self.dir / "no", "-t", 0.1, *signals(["lambda", "turned"]))
+        self.expect(done, err="measure: turned: a recording cannot say what its BIT_OPERATION does, "
+                              "measure it without recording\n", code=1)
 
 
 if __name__ == "__main__":

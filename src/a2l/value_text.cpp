@@ -1,0 +1,126 @@
+#include "a2l/value_text.h"
+
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <system_error>
+#include <tuple>
+
+#include "core/text.h"
+
+namespace lm::a2l {
+namespace {
+
+template <typename Float>
+std::optional<long double> parseHexadecimal(std::string_view digits) {
+    if (digits.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos || digits.empty())
+        return std::nullopt;
+    Float value = 0;
+    const char* end = digits.data() + digits.size();
+    const auto read = std::from_chars(digits.data(), end, value, std::chars_format::hex);
+    return read.ec == std::errc() ? value : std::numeric_limits<Float>::infinity();
+}
+
+/// What the text is as a number, as a long double or rounded to a double: none when it is not one.
+std::optional<long double> parseTyped(std::string_view text, bool exact) {
+    std::string_view rest = text;
+    const bool negative = !rest.empty() && rest[0] == '-';
+    if (!rest.empty() && (rest[0] == '-' || rest[0] == '+')) rest.remove_prefix(1);
+    if (!rest.starts_with("0x") && !rest.starts_with("0X")) {
+        const std::optional<double> number = parseDouble(text);
+        // What a double takes for 0 or for infinite, is so for all.
+        if (!exact || !number || *number == 0 || !std::isfinite(*number)) return number;
+        return parseLongDouble(text);
+    }
+    rest.remove_prefix(2);
+    auto value = exact ? parseHexadecimal<long double>(rest) : parseHexadecimal<double>(rest);
+    if (value && negative) value = -*value;
+    return value;
+}
+
+std::string exactText(long double raw, const RawCoding& coding, const Conversion& conversion) {
+    if (const auto text = conversion.verbalText(static_cast<double>(raw))) return std::string(*text);
+    const long double physical = conversion.toPhysicalExact(raw);
+    const auto rounded = static_cast<double>(physical);
+    const bool isDouble = static_cast<long double>(rounded) == physical || std::isnan(physical);
+    if (!isFloat(coding.dataType)) {
+        constexpr long double kMostDigits = 0x1p64L;
+        const bool whole = std::fabs(physical) < kMostDigits && std::trunc(physical) == physical;
+        if (whole) return formatFixed(physical, 0);
+        return isDouble ? formatShortest(rounded) : formatShortest(physical);
+    }
+    // A value that is only scaled is as short as its type allows.
+    return conversion.binaryExponent() ? shortestFloat(rounded, coding.dataType) : formatShortest(rounded);
+}
+
+/// What part of a number counts as none, beside what is not displayed: what the calculation with doubles
+/// leaves of it.
+long double rounding(const ResolvedObject& object, long double number) {
+    constexpr long double kRelative = 1e-12L;
+    return object.keepsIntegers() ? 0 : kRelative * std::fabs(number);
+}
+
+/// Whether none of the values beside that of `raw` is nearer to a number. Of a mask with holes, and of a
+/// float behind a conversion that is not a straight line, they are not known.
+bool isNearest(const ResolvedObject& object, long double raw, long double number) {
+    const auto& [coding, conversion] = std::tie(object.coding, object.conversion);
+    if (isFloat(coding.dataType)) {
+        return conversion.binaryExponent() || std::holds_alternative<Conversion::Linear>(conversion.kind());
+    }
+    const std::uint64_t mask = coding.bitMask;
+    if (mask != 0 && !std::has_single_bit((mask >> std::countr_zero(mask)) + 1) && ~mask != 0) return false;
+    const auto distance = [&](long double of) { return std::fabs(conversion.toPhysicalExact(of) - number); };
+    const long double step = std::ldexp(1.0L, coding.leftShift);
+    const long double least = distance(raw) - rounding(object, number);
+    return !std::isnan(least) && !(distance(raw - step) < least) && !(distance(raw + step) < least);
+}
+
+}  // namespace
+
+Result<std::optional<long double>> encodeText(const ResolvedObject& object, std::string_view text,
+                                              std::span<std::uint8_t> buffer) {
+    std::string notANumber = "'" + std::string(text) + "' is not a number";
+    if (object.conversion.isVerbal()) {
+        const Result<double> raw = object.conversion.rawFromText(text);
+        if (raw) {
+            const auto encoded = encodePhysical(object, raw.value(), buffer);
+            if (!encoded) return encoded.error();
+            return std::optional<long double>();
+        }
+        notANumber = raw.error().message;
+    }
+    const std::optional<long double> number = parseTyped(text, object.keepsIntegers());
+    if (!number) return Error{ErrorCode::invalidArgument, object.name + ": " + notANumber};
+    const auto encoded = encodePhysical(object, *number, buffer);
+    if (!encoded) return encoded.error();
+    return number;
+}
+
+std::string valueText(const std::uint8_t* bytes, const RawCoding& coding, const Conversion& conversion,
+                      NumberStyle style) {
+    return valueText(decodeExact(bytes, coding), coding, conversion, style);
+}
+
+std::string valueText(long double raw, const RawCoding& coding, const Conversion& conversion,
+                      NumberStyle style) {
+    return style == NumberStyle::exact ? exactText(raw, coding, conversion) : conversion.format(raw);
+}
+
+std::string deviationText(const ResolvedObject& object, std::string_view text, long double typed,
+                          std::span<const std::uint8_t> bytes, NumberStyle style) {
+    const std::string shown = valueText(bytes.data(), object.coding, object.conversion, style);
+    const long double raw = decodeExact(bytes.data(), object.coding);
+    long double held = object.conversion.toPhysicalExact(raw);
+    long double step = object.conversion.displayStep(static_cast<double>(typed));
+    if (style == NumberStyle::exact) {
+        step = 0;
+        // The digits of a float behind those that it needs are not shown.
+        if (isFloat(object.coding.dataType)) held = parseDouble(shown).value_or(static_cast<double>(held));
+    }
+    if (std::fabs(held - typed) <= step / 2 + rounding(object, typed)) return "";
+    return std::string(text) + " is not possible, " +
+           (isNearest(object, raw, typed) ? "the nearest value is " : "the ECU now holds ") + shown;
+}
+
+}  // namespace lm::a2l
