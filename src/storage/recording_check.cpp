@@ -13,6 +13,7 @@
 #include "storage/entry_reader.h"
 #include "storage/group_reader.h"
 #include "storage/group_summary.h"
+#include "storage/record_proof.h"
 #include "storage/recording_format.h"
 #include "storage/recording_reader.h"
 
@@ -44,9 +45,13 @@ bool sameLevelEntry(std::span<const std::uint8_t> a, std::span<const std::uint8_
 
 class GroupChecker {
   public:
-    GroupChecker(fs::path directory, std::size_t number, const GroupInfo& group,
+    GroupChecker(fs::path directory, std::size_t number, const RecordingInfo& recording,
                  const StopQuestion& shouldStop)
-        : directory_(std::move(directory)), number_(number), group_(group), shouldStop_(shouldStop) {}
+        : directory_(std::move(directory)),
+          number_(number),
+          group_(recording.groups[number]),
+          shouldStop_(shouldStop),
+          proof_(recording, group_) {}
 
     Result<GroupCheck> run();
 
@@ -70,6 +75,7 @@ class GroupChecker {
     const StopQuestion& shouldStop_;
     GroupCheck check_;
     std::optional<Error> headerError_;
+    RecordProof proof_;
     std::vector<ComparedFile> files_;
     std::optional<Error> readError_;
 
@@ -114,11 +120,11 @@ void GroupChecker::checkHeader(const GroupReader& reader) {
         check_.header = GroupCheck::Header::mendable;
         report(path + ": shorter than its header, holds no records");
     } else if (headerError_) {
-        // Times in order, record for record, are no accident.
-        const bool plausible = check_.records >= 2 && unordered_ == 0;
-        check_.header = plausible ? GroupCheck::Header::mendable : GroupCheck::Header::unreadable;
-        report(headerError_->text() + (plausible ? "; the records behind the header are in order" : ""),
-               plausible);
+        const bool proven = proof_.holds();
+        check_.header = proven ? GroupCheck::Header::mendable : GroupCheck::Header::unreadable;
+        report(headerError_->text() + (proven ? "; the records behind the header are this group's"
+                                              : "; nothing shows whose records stand behind the header"),
+               proven);
     } else if (check_.tornBytes > 0 && !check_.beingWritten) {
         report(fmt::format("{}: {} bytes of a torn record at byte {}, behind {} whole records", path,
                            check_.tornBytes, reader.offsetOf(check_.records), check_.records));
@@ -137,6 +143,7 @@ Result<void> GroupChecker::compareAll(const GroupReader& reader) {
         if (!batch) return batch.error();
         if (batch.value().count == 0) return {};
         checkOrder(batch.value(), reader.offsetOf(batch.value().firstNumber));
+        if (headerError_) proof_.look(batch.value());
         if (!summary.add(batch.value())) return *readError_;
     }
 }
@@ -243,9 +250,9 @@ void GroupChecker::reportSurplusLevels() {
 
 }  // namespace
 
-Result<GroupCheck> checkGroup(const fs::path& directory, std::size_t number, const GroupInfo& group,
+Result<GroupCheck> checkGroup(const fs::path& directory, std::size_t number, const RecordingInfo& recording,
                               const StopQuestion& shouldStop) {
-    return GroupChecker(directory, number, group, shouldStop).run();
+    return GroupChecker(directory, number, recording, shouldStop).run();
 }
 
 Result<RecordingCheck> checkRecording(const fs::path& directory, const StopQuestion& shouldStop) {
@@ -255,7 +262,7 @@ Result<RecordingCheck> checkRecording(const fs::path& directory, const StopQuest
     const std::vector<GroupInfo>& groups = recording.value().info().groups;
     result.groups = groups.size();
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        auto group = checkGroup(directory, i, groups[i], shouldStop);
+        auto group = checkGroup(directory, i, recording.value().info(), shouldStop);
         if (!group) return group.error();
         result.records += group.value().records;
         result.beingWritten = result.beingWritten || group.value().beingWritten;

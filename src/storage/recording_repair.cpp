@@ -262,7 +262,7 @@ Result<std::vector<Finding>> repairRecording(const fs::path& directory, const St
     std::vector<Finding> left;
     const std::vector<GroupInfo>& groups = recording.value().info().groups;
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        auto check = checkGroup(directory, i, groups[i], shouldStop);
+        auto check = checkGroup(directory, i, recording.value().info(), shouldStop);
         if (!check) return check.error();
         const std::vector<Finding>& findings = check.value().findings;
         const auto mendable = [](const Finding& finding) { return finding.mendable; };

@@ -50,6 +50,22 @@ struct PlainRecords {
     std::vector<std::int64_t> times;
 };
 
+/// A record file before a repair. Its own header says how long a record is, as long as its sizes agree with
+/// each other; when they do not, `madeSize` does, the size that the records were made with.
+class KeptRecords {
+  public:
+    KeptRecords(const std::filesystem::path& path, std::uint32_t madeSize);
+
+    bool ofAnotherRecording() const { return ofAnotherRecording_; }
+    /// No whole record is lost or changed; a file of another recording is as it was.
+    void check(const Bytes& repaired) const;
+
+  private:
+    Bytes before_;
+    std::size_t recordsEnd_ = 0;
+    bool ofAnotherRecording_ = false;
+};
+
 /// Search, gaps, extremes and records of a group. While its files are damaged (`sound` is false) each ends
 /// with a value or an error; else with what the records give.
 void checkReading(const std::filesystem::path& directory, const storage::GroupReader& reader, Input input,

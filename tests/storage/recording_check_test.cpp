@@ -158,8 +158,7 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
     } rows[] = {
         {"g0000.rec", with(records, 12, 7),
          "g0000.rec: records of 7 bytes every 11, meta.json says 3 every 11; the records behind the header "
-         "are "
-         "in order\n",
+         "are this group's\n",
          "g0000.rec: header written anew\n"},
         {"g0000.rec", with(records, 8, 3), "g0000.rec: format version 3 instead of 2 !\n",
          "left: g0000.rec: format version 3 instead of 2\n"},
@@ -191,6 +190,66 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
     test::writeFile(file("meta.json"), R"({"formatVersion": 3})");
     EXPECT_EQ(check(), "unsupported recording format version 3");
     EXPECT_EQ(repair(), "unsupported recording format version 3");
+}
+
+TEST_F(RecordingCheckTest, LeavesRecordsThatAreNotCertainlyItsOwnAsTheyAre) {
+    const auto fileOf = [this](std::uint32_t recordSize, std::int64_t firstNs, std::int64_t stepNs,
+                               std::size_t count) {
+        RecordingInfo info = test::smallRecording();
+        info.groups[0].recordSize = recordSize;
+        const fs::path other = dir_.path() / "other";
+        fs::remove_all(other);
+        auto writer = RecordingWriter::create(other, std::move(info), {}).value();
+        const Bytes data(recordSize, 0x41);
+        for (std::size_t n = 0; n < count; ++n)
+            writer->write(0, firstNs + static_cast<std::int64_t>(n) * stepNs, data.data(), data.size());
+        EXPECT_TRUE(writer->close().ok());
+        return test::readFile(other / "g0000.rec");
+    };
+    const auto damaged = [](Bytes bytes, std::size_t at) {
+        bytes[at] ^= 1;
+        return bytes;
+    };
+    constexpr std::int64_t kCycle = 10'000'000;
+    constexpr std::int64_t kFirst = 1'000'000'000;
+    const Bytes larger = fileOf(14, kFirst, kCycle, 40);
+    const std::string others =
+        "g0000.rec: of another recording: records of 14 bytes every 22, meta.json says ";
+    const std::string unknown =
+        "g0000.rec: not the header of a record file; nothing shows whose records stand behind the header !\n";
+    record(40);
+    const struct {
+        Bytes file;
+        std::string found;
+    } rows[] = {
+        {larger, others + "3 every 11 !\n"},
+        {damaged(larger, 1), others + "3 every 11 !\n"},
+        {damaged(fileOf(3, kFirst - 3'000'000'000, kCycle, 40), 1), unknown},
+        {damaged(fileOf(3, kFirst, kCycle / 3, 40), 1), unknown},
+        {damaged(fileOf(3, kFirst, 0, 40), 1), unknown},
+        {damaged(fileOf(3, kFirst, 5 * kCycle, 40), 1), unknown},
+        {damaged(fileOf(3, kFirst, std::int64_t{40} * 86400 * 1'000'000'000, 3), 1), unknown},
+        {damaged(fileOf(3, kFirst, kCycle, 1), 1), unknown},
+    };
+    for (const auto& row : rows) {
+        damage("g0000.rec", row.file);
+        const Files before = files();
+        EXPECT_EQ(check(), row.found);
+        EXPECT_EQ(repair() + "\n", "left: " + row.found.substr(0, row.found.size() - 3) + "\n\n");
+        EXPECT_EQ(files(), before);
+    }
+    // Both sizes damaged, and twice as many records as the description says would read as well.
+    RecordingInfo wide = test::smallRecording();
+    wide.groups[0].recordSize = 14;
+    wide.groups[0].cycleNs = 2 * kCycle;
+    fs::remove_all(path());
+    ASSERT_TRUE(RecordingWriter::create(path(), wide, {}).value()->close().ok());
+    sound_ = files();
+    damage("g0000.rec", damaged(fileOf(3, kFirst, kCycle, 41), 12));
+    const Files before = files();
+    EXPECT_NE(check().find("nothing shows whose records stand behind the header !"), std::string::npos);
+    repair();
+    EXPECT_EQ(files(), before);
 }
 
 TEST_F(RecordingCheckTest, AFullDiskOrAStopLeavesTheFilesAsTheyWere) {
