@@ -219,7 +219,10 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
     }
     removeDecoder();
     if (context_.transport.can) context_.transport.can->releaseLoad();
-    if (writer_) result.recorded = writer_->close();
+    if (writer_) {
+        outages_.end(nowNs(std::chrono::steady_clock::now().time_since_epoch()), *writer_);
+        result.recorded = writer_->close();
+    }
     return result;
 }
 
@@ -335,6 +338,10 @@ Result<void> Measurement::configureAnew() {
 }
 
 void Measurement::changeState(SessionState state, const std::string& message) {
+    if (writer_) {
+        const std::int64_t now = nowNs(std::chrono::steady_clock::now().time_since_epoch());
+        outages_.onState(state, message, lastRecordNs_.load(), now, *writer_);
+    }
     context_.changeState(state, message);
 }
 

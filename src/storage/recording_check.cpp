@@ -11,6 +11,7 @@
 
 #include "core/bytes.h"
 #include "storage/entry_reader.h"
+#include "storage/event_check.h"
 #include "storage/group_reader.h"
 #include "storage/group_summary.h"
 #include "storage/record_proof.h"
@@ -269,6 +270,8 @@ Result<RecordingCheck> checkRecording(const fs::path& directory, const StopQuest
         for (Finding& finding : group.value().findings)
             result.findings.push_back(std::move(finding));
     }
+    for (Finding& finding : checkEvents(directory, recording.value().info()))
+        result.findings.push_back(std::move(finding));
     return result;
 }
 

@@ -119,7 +119,7 @@ TEST_F(RecordingCheckTest, MakesIndexAndLevelsAnewCutAtAnyByteOrMissing) {
 TEST_F(RecordingCheckTest, FindsAFlippedByteWhereverItCountsAndLeavesRecordsAlone) {
     record(33);
     for (const auto& [name, whole] : Files(sound_)) {
-        if (name == "meta.json") continue;
+        if (name == "meta.json" || name == "events.jsonl") continue;
         const bool isRecords = name == "g0000.rec";
         const std::size_t used = name == "g0000_L1.pyr" ? 24 : 20;
         for (std::size_t at = 0; at < whole.size(); at += at < 60 ? 1 : 5) {
