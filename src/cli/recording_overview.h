@@ -1,5 +1,5 @@
-// What `recording info` prints: groups, signals, counts, rates, gaps, extremes. All of it comes from the time
-// index and the summary levels, so the length of the recording does not matter.
+// What `recording info` prints: outages, groups, signals, counts, rates, gaps, extremes. All of it comes from
+// the events, the time index and the summary levels, so the length of the recording does not matter.
 //
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
@@ -7,6 +7,7 @@
 #include <string>
 
 #include "cli/output.h"
+#include "storage/recording_events.h"
 #include "storage/recording_reader.h"
 
 namespace lm::cli {
@@ -14,6 +15,9 @@ namespace lm::cli {
 /// A physical value with the decimals of the signal's display format; the text of a verbal one, when it has
 /// one.
 std::string physicalText(double value, const storage::SignalInfo& signal);
+
+/// "from 1.204 s to 3.400 s: REASON; OUTCOME", "... to the end: ..." for one without an end.
+std::string outageText(const storage::Outage& outage, const storage::RecordingInfo& info);
 
 /// Prints the overview. Returns the exit code: 1 when a group cannot be read, with the reason on standard
 /// error; the other groups are printed all the same.

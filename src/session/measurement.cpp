@@ -227,7 +227,13 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
 }
 
 PlanSummary Measurement::summary() const {
-    return {plan_.planned.size(), plan_.daq.lists.size(), busLoad_};
+    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}};
+    // Without timestamps nothing is checked anywhere, which the start has told.
+    if (plan_.daq.timestampSize == 0) return summary;
+    for (const storage::GroupInfo& group : recordingInfo(plan_, context_.capabilities).groups) {
+        if (group.cycleNs == 0) summary.withoutCycle.push_back(group.name);
+    }
+    return summary;
 }
 
 MeasurementStats Measurement::statistics() const {

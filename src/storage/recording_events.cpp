@@ -150,6 +150,10 @@ Result<std::string> readLines(const InputFile& file, EventReader& reader, Record
 
 }  // namespace
 
+bool overlaps(const Outage& outage, const TimeRange& times) {
+    return outage.beginNs < times.endNs && (!outage.endNs || *outage.endNs > times.fromNs);
+}
+
 std::string startLine(const RecordingInfo& info) {
     return lineOf({{"event", "start"},
                    {"timeNs", info.startHostNs},

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "storage/group_reader.h"
 #include "storage/recording_info.h"
 
 namespace lm::storage {
@@ -25,6 +26,9 @@ struct Outage {
     std::string reason;
     std::string outcome;  ///< how it ended
 };
+
+/// True when some of it lies in `times`; one without an end lasts for ever.
+bool overlaps(const Outage& outage, const TimeRange& times);
 
 /// One instant on both clocks of the host: that of the timestamps and UTC, nanoseconds since 1970.
 struct ClockPair {

@@ -8,6 +8,7 @@
 
 #include "recording_files.h"
 #include "storage/recording_check.h"
+#include "storage/recording_events.h"
 #include "storage/recording_format.h"
 #include "storage/recording_reader.h"
 #include "storage/recording_repair.h"
@@ -52,6 +53,7 @@ class Recording {
         std::vector<KeptRecords> before;
         for (std::size_t i = 0; i < count_; ++i)
             before.emplace_back(recordFile(i), groups()[i].recordSize);
+        const Bytes events = readFile(directory_ / storage::kEventFileName);
         std::size_t deeds = 0;
         const auto tell = [&deeds](const std::string&) { ++deeds; };
         const auto left = storage::repairRecording(directory_, kGoOn, tell);
@@ -61,6 +63,7 @@ class Recording {
             before[i].check(readFile(recordFile(i)));
             mixed = mixed || before[i].ofAnotherRecording();
         }
+        checkEvents(events, readFile(directory_ / storage::kEventFileName));
         require(!mixed || !left.value().empty(), "a file of another recording is told");
         const auto check = storage::checkRecording(directory_, kGoOn);
         require(check.ok(), "a recording that opens can be checked");
@@ -68,6 +71,18 @@ class Recording {
         deeds = 0;
         require(storage::repairRecording(directory_, kGoOn, tell).ok() && deeds == 0,
                 "repaired once for all");
+    }
+
+    /// Lines of events, of this recording or of none.
+    void makeEvents() {
+        Bytes text;
+        if (input_.take<std::uint8_t>() != 0) {
+            const std::string start = storage::startLine(reader_.info());
+            text.assign(start.begin(), start.end());
+        }
+        const auto more = input_.takeBytes(input_.takeBelow(2048));
+        text.insert(text.end(), more.begin(), more.end());
+        writeFile(directory_ / storage::kEventFileName, text);
     }
 
     /// Puts a file of records of another size in the place of one of the groups'.
@@ -86,6 +101,16 @@ class Recording {
     }
 
   private:
+    static void checkEvents(const Bytes& before, const Bytes& repaired) {
+        const auto lastFeed = std::find(before.rbegin(), before.rend(), '\n');
+        const auto whole = static_cast<std::size_t>(before.rend() - lastFeed);
+        require(repaired.size() >= whole &&
+                    std::equal(before.begin(), before.begin() + static_cast<std::ptrdiff_t>(whole),
+                               repaired.begin()),
+                "no whole line of events is lost");
+        require(whole == 0 || repaired.size() <= before.size() + 1, "nothing is added but a line feed");
+    }
+
     const std::vector<storage::GroupInfo>& groups() const { return reader_.info().groups; }
     fs::path recordFile(std::size_t group) const { return directory_ / storage::recordFileName(group); }
 
@@ -118,6 +143,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::filesystem::create_directory(output);
     checkExport(reader.value(), output, input);
     recording.exchange();
+    recording.makeEvents();
     recording.repair();
     return 0;
 }
