@@ -240,8 +240,11 @@ int plotSignals(const RecordingReader& recording, const RecordingOptions& option
         printError("recording", plotted.error());
         exitCode = 1;
     }
+    // The last outage may begin behind the last record.
+    TimeRange told = times.value();
+    if (!options.to) told.endNs = kEndless;
     for (const storage::Outage& outage : outages) {
-        if (storage::overlaps(outage, times.value()))
+        if (storage::overlaps(outage, told))
             output.append("outage " + outageText(outage, recording.info()) + "\n");
     }
     return stopRequested() ? 1 : exitCode;
