@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <limits>
 #include <optional>
 #include <span>
 #include <utility>
@@ -22,6 +23,10 @@ namespace lm::storage {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::int64_t kLeastNs = std::numeric_limits<std::int64_t>::min();
+/// What was on its way when the recording started is older by far less.
+constexpr std::int64_t kBeforeStartNs = 60'000'000'000;
 
 /// One summary file and how far it has been compared.
 struct ComparedFile {
@@ -51,6 +56,7 @@ class GroupChecker {
         : directory_(std::move(directory)),
           number_(number),
           group_(recording.groups[number]),
+          earliestNs_(std::max(recording.startHostNs, kLeastNs + kBeforeStartNs) - kBeforeStartNs),
           shouldStop_(shouldStop),
           proof_(recording, group_) {}
 
@@ -73,6 +79,7 @@ class GroupChecker {
     fs::path directory_;
     std::size_t number_;
     const GroupInfo& group_;
+    const std::int64_t earliestNs_;
     const StopQuestion& shouldStop_;
     GroupCheck check_;
     std::optional<Error> headerError_;
@@ -81,6 +88,7 @@ class GroupChecker {
     std::optional<Error> readError_;
 
     std::int64_t lastNs_ = 0;
+    std::uint64_t beforeStart_ = 0;
     std::uint64_t unordered_ = 0;
     std::string firstUnordered_;
 };
@@ -153,6 +161,7 @@ void GroupChecker::checkOrder(const RecordBatch& batch, std::uint64_t fileOffset
     for (std::size_t i = 0; i < batch.count; ++i) {
         const std::int64_t time = batch.timestampNs(i);
         const std::uint64_t n = batch.firstNumber + i;
+        if (time < earliestNs_) ++beforeStart_;
         if (n > 0 && time < lastNs_) {
             if (unordered_++ == 0) {
                 firstUnordered_ = fmt::format("record {} (byte {})", n, fileOffset + i * batch.stride);
@@ -199,6 +208,12 @@ bool GroupChecker::takeEntry(std::size_t number, std::span<const std::uint8_t> e
 }
 
 void GroupChecker::reportOrder() {
+    if (beforeStart_ > 0) {
+        report(
+            fmt::format("{}: {} record(s) far before the start of the recording, as in a file of another one",
+                        (directory_ / recordFileName(number_)).string(), beforeStart_),
+            false);
+    }
     if (unordered_ == 0) return;
     report(fmt::format("{}: {} older than the record before, the first is {}; its place in time is lost",
                        (directory_ / recordFileName(number_)).string(),

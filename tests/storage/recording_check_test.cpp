@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "storage/recording_fixture.h"
+#include "storage/recording_meta.h"
 #include "storage/recording_repair.h"
 #include "support/temp_dir.h"
 
@@ -238,6 +239,12 @@ TEST_F(RecordingCheckTest, LeavesRecordsThatAreNotCertainlyItsOwnAsTheyAre) {
         EXPECT_EQ(repair() + "\n", "left: " + row.found.substr(0, row.found.size() - 3) + "\n\n");
         EXPECT_EQ(files(), before);
     }
+    RecordingInfo late = test::smallRecording();
+    late.startHostNs += 3'600'000'000'000;
+    damage("g0000.rec", fileOf(3, kFirst, kCycle, 40));
+    test::writeFile(file("meta.json"), metaToJson(late));
+    EXPECT_NE(check().find("g0000.rec: 40 record(s) far before the start of the recording"),
+              std::string::npos);
     // Both sizes damaged, and twice as many records as the description says would read as well.
     RecordingInfo wide = test::smallRecording();
     wide.groups[0].recordSize = 14;
