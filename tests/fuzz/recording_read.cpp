@@ -1,7 +1,7 @@
 // A whole recording: its description, records as the input makes them, damage to any of its files. A repair
 // loses no whole record and leaves nothing that it could mend; what is then read is what a plain look at the
-// records gives. An export ends whole or leaves nothing. At last a record file is one of another recording: what
-// a whole record is, the file itself says, not the description.
+// records gives. An export ends whole or leaves nothing. At last a record file is one of another recording:
+// what a whole record is, the file itself says, not the description.
 #include <string>
 #include <vector>
 
