@@ -77,6 +77,7 @@ Result<exporter::ExportOptions> checkedOptions(const ExportRequest& request) {
         {!isCsv && options.raw, "--raw is for CSV files, an MF4 file holds raw values and their conversions"},
         {!isCsv && options.absolute, "--absolute is for CSV files, an MF4 file holds its start time"},
         {!isCsv && options.a2lFormat, "--a2l-format is for CSV files"},
+        {!isCsv && options.gaps, "--gaps is for CSV files, an MF4 file holds outages and gaps as events"},
         {isCsv && request.noCompress, "--no-compress is for MF4 files"},
         {options.raw && options.a2lFormat, "--raw and --a2l-format exclude each other"},
         {options.every == 0, "--every: 0 is not a number of records"},

@@ -15,6 +15,7 @@
 #include "cli/message_output.h"
 #include "cli/output.h"
 #include "core/text.h"
+#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -84,6 +85,14 @@ std::string statisticsLine(double seconds, const session::MeasurementStats& stat
     return line;
 }
 
+std::string uncheckedLine(const session::PlanSummary& summary) {
+    if (summary.withoutCycle.empty()) return "";
+    std::string names;
+    for (const std::string& name : summary.withoutCycle)
+        names += (names.empty() ? "" : ", ") + xcp::printableText(name);
+    return "missed cycles cannot be checked in " + names + ": no cycle is known\n";
+}
+
 std::string otherLosses(const session::MeasurementStats& stats) {
     std::string text = counts({
         {"incomplete records", stats.incompleteRecords},
@@ -144,7 +153,7 @@ int runMeasure(const Options& options, session::Session& session, Console& conso
     const session::MeasurementStats stats = session.statistics();
     int exitCode = failed ? 2 : 0;
     if (stopped) {
-        printMessage(statisticsLine(seconds, stats) + "\n");
+        printMessage(statisticsLine(seconds, stats) + "\n" + uncheckedLine(summary.value()));
     } else {
         printError("stop", stopped.error());
         spdlog::warn("measure: {}", countsWithoutStop(stats));

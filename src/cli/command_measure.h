@@ -19,6 +19,9 @@ std::string startLine(const session::PlanSummary& summary, const std::string& re
 /// The counters of the statistics line, without its newline.
 std::string statisticsLine(double seconds, const session::MeasurementStats& stats);
 
+/// The line that says of which events "missed cycles" counts nothing; empty when there are none.
+std::string uncheckedLine(const session::PlanSummary& summary);
+
 /// Every loss that the statistics line does not name ("unknown DTOs 3, UDP counter gaps 1"); empty when there
 /// was none.
 std::string otherLosses(const session::MeasurementStats& stats);

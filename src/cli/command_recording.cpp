@@ -40,7 +40,7 @@ int runCheck(const std::string& directory, Output& output) {
     const storage::RecordingCheck& check = checked.value();
     bool mendable = false;
     for (const storage::Finding& finding : check.findings) {
-        output.append(finding.text + "\n");
+        output.append(finding.text + (finding.mendable ? "\n" : " (cannot be mended)\n"));
         mendable = mendable || finding.mendable;
     }
     output.append(

@@ -79,7 +79,7 @@ void addRecordingCommand(CLI::App& app, Options& options) {
     recording->require_subcommand(1);
     RecordingOptions& own = options.recording;
     CLI::App* info = addAction(*recording, own, RecordingAction::info, "info",
-                               "Groups, signals, counts, rates, gaps, least and greatest values");
+                               "Outages, groups, signals, counts, rates, gaps, least and greatest values");
     addExact(*info, options);
     addAction(*recording, own, RecordingAction::check, "check",
               "Compare all files with each other; exit code 1 when something is wrong");
@@ -112,6 +112,7 @@ void addExportCommand(CLI::App& app, Options& options) {
     command->add_flag("--raw", own.options.raw, "CSV: raw values");
     command->add_flag("--absolute", own.options.absolute, "CSV: ISO 8601 times in UTC");
     command->add_flag("--a2l-format", own.options.a2lFormat, "CSV: decimals as the A2L says");
+    command->add_flag("--gaps", own.options.gaps, "CSV: list outages and gaps in NAME_gaps.csv");
 }
 
 void addCommands(CLI::App& app, Options& options) {

@@ -18,6 +18,7 @@
 #include "core/text.h"
 #include "storage/gap_finder.h"
 #include "storage/pyramid_reader.h"
+#include "storage/recording_events.h"
 #include "storage/signal_selection.h"
 #include "xcp/text_lines.h"
 
@@ -190,6 +191,48 @@ Result<void> printSignals(const GroupReader& group, const std::filesystem::path&
     return {};
 }
 
+std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
+    return fmt::format("{:.3f} s", Span::secondsBetween(info.startHostNs, timeNs));
+}
+
+void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+    using File = storage::RecordingEvents::File;
+    // An older program noted none.
+    if (events.file == File::absent) return;
+    if (events.file != File::read) {
+        output.append("outages        not known: " + xcp::printableText(events.trouble) + "\n");
+        return;
+    }
+    if (events.outages.empty()) {
+        output.append("outages        none\n");
+        return;
+    }
+    double seconds = 0;
+    for (const storage::Outage& outage : events.outages)
+        seconds += outage.endNs ? Span::secondsBetween(outage.beginNs, *outage.endNs) : 0;
+    output.append(fmt::format("outages        {}, {:.3f} s in all\n", events.outages.size(), seconds));
+    constexpr std::size_t kMostShown = 20;
+    const std::size_t shown = std::min(events.outages.size(), kMostShown);
+    for (std::size_t i = 0; i < shown; ++i)
+        output.append("  " + outageText(events.outages[i], info) + "\n");
+    if (shown < events.outages.size()) {
+        output.append(fmt::format("  and {} more\n", events.outages.size() - shown));
+    }
+}
+
+/// How far UTC and the clock of the timestamps have moved apart since the start.
+void printClocks(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+    if (events.clocks.size() < 2) return;
+    const storage::ClockPair& first = events.clocks.front();
+    const storage::ClockPair& last = events.clocks.back();
+    const double moved =
+        Span::secondsBetween(first.utcNs, last.utcNs) - Span::secondsBetween(first.hostNs, last.hostNs);
+    constexpr double kWorthTelling = 0.001;
+    if (std::fabs(moved) < kWorthTelling) return;
+    output.append(fmt::format("UTC            moved by {:+.3f} s against the recording's clock until {}\n",
+                              moved, secondsText(last.hostNs, info)));
+}
+
 Result<void> printGroup(const GroupReader& group, const Span& span, const storage::RecordingReader& recording,
                         a2l::NumberStyle style, Output& output) {
     const std::int64_t cycle = group.info().cycleNs;
@@ -200,6 +243,8 @@ Result<void> printGroup(const GroupReader& group, const Span& span, const storag
         auto gaps = storage::findGaps(recording.directory(), group);
         if (!gaps) return gaps.error();
         output.append("  gaps         " + gapText(gaps.value(), recording.info()) + "\n");
+    } else {
+        output.append("  gaps         not known, no cycle says when the next record is due\n");
     }
     return printSignals(group, recording.directory(), style, output);
 }
@@ -227,9 +272,18 @@ void printHead(const storage::RecordingReader& recording, const Span& span, bool
     output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
     output.append(fmt::format("duration       {:.3f} s\n", span.seconds()));
     output.append("size           " + sizeText(directorySize(recording.directory())) + "\n");
+    const storage::RecordingEvents events = storage::readEvents(recording.directory(), info);
+    printOutages(events, info, output);
+    printClocks(events, info, output);
 }
 
 }  // namespace
+
+std::string outageText(const storage::Outage& outage, const RecordingInfo& info) {
+    return "from " + secondsText(outage.beginNs, info) + " to " +
+           (outage.endNs ? secondsText(*outage.endNs, info) : std::string("the end")) + ": " +
+           xcp::printableText(outage.reason + (outage.outcome.empty() ? "" : "; " + outage.outcome));
+}
 
 std::string physicalText(double value, const SignalInfo& signal) {
     // Physical and raw value of a verbal conversion are the same.

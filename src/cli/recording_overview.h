@@ -1,6 +1,6 @@
-// What `recording info` prints: groups, signals, counts, rates, gaps, extremes. All of it comes from the time
-// index and the summary levels, so the length of the recording does not matter unless numbers are to be
-// exact.
+// What `recording info` prints: outages, groups, signals, counts, rates, gaps, extremes. All of it comes from
+// the events, the time index and the summary levels, so the length of the recording does not matter unless
+// numbers are to be exact.
 //
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
@@ -9,6 +9,7 @@
 
 #include "a2l/value_text.h"
 #include "cli/output.h"
+#include "storage/recording_events.h"
 #include "storage/recording_reader.h"
 
 namespace lm::cli {
@@ -16,6 +17,9 @@ namespace lm::cli {
 /// A physical value with the decimals of the signal's display format; the text of a verbal one, when it has
 /// one.
 std::string physicalText(double value, const storage::SignalInfo& signal);
+
+/// "from 1.204 s to 3.400 s: REASON; OUTCOME", "... to the end: ..." for one without an end.
+std::string outageText(const storage::Outage& outage, const storage::RecordingInfo& info);
 
 /// Prints the overview. With exact numbers the extremes come from the records, all of which are read: the
 /// summary levels round. Returns the exit code: 1 when a group cannot be read, with the reason on standard

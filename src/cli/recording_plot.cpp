@@ -16,6 +16,7 @@
 #include "core/text.h"
 #include "storage/gap_finder.h"
 #include "storage/pyramid_reader.h"
+#include "storage/recording_events.h"
 #include "storage/signal_selection.h"
 #include "xcp/text_lines.h"
 
@@ -31,11 +32,16 @@ using storage::ValueRange;
 
 constexpr std::int64_t kEndless = std::numeric_limits<std::int64_t>::max();
 
+using Outages = std::vector<storage::Outage>;
+/// An outage begins when the last record came, which may lie a little before or behind its timestamp.
+constexpr std::int64_t kOutageSlackNs = 10'000'000;
+
 /// One signal, stretch by stretch.
 class PlottedSignal {
   public:
-    PlottedSignal(const RecordingReader& recording, const GroupReader& group, std::size_t signal)
-        : group_(group), signal_(signal), pyramid_(recording.directory(), group) {}
+    PlottedSignal(const RecordingReader& recording, const GroupReader& group, std::size_t signal,
+                  const Outages& outages)
+        : group_(group), signal_(signal), pyramid_(recording.directory(), group), outages_(outages) {}
 
     const storage::SignalInfo& info() const { return group_.info().signals[signal_]; }
 
@@ -77,13 +83,24 @@ class PlottedSignal {
         if (!before) return before.error();
         auto next = group_.timestampNs(records.first);
         if (!next) return next.error();
-        if (!storage::isGap(before.value(), next.value(), group_.info().cycleNs)) --records.first;
+        const bool isGap = storage::isGap(before.value(), next.value(), group_.info().cycleNs) ||
+                           isWithinOutage(before.value(), times.fromNs, next.value());
+        if (!isGap) --records.first;
         return records;
+    }
+
+    /// The value before an outage is not known to have lasted.
+    bool isWithinOutage(std::int64_t beforeNs, std::int64_t timeNs, std::int64_t nextNs) const {
+        return std::any_of(outages_.begin(), outages_.end(), [&](const storage::Outage& outage) {
+            return outage.beginNs >= beforeNs - kOutageSlackNs && outage.beginNs <= timeNs &&
+                   outage.beginNs < nextNs;
+        });
     }
 
     const GroupReader& group_;
     std::size_t signal_;
     storage::PyramidReader pyramid_;
+    const Outages& outages_;
 };
 
 /// From the first record of all groups to just behind the last one; empty without records. Groups that cannot
@@ -158,10 +175,10 @@ std::string timeLabel(std::int64_t timeNs, const storage::RecordingInfo& info, d
 }
 
 Result<void> plotSignal(const RecordingReader& recording, const SignalPlace& place, const TimeRange& times,
-                        const PlotStyle& style, Output& output) {
+                        const Outages& outages, const PlotStyle& style, Output& output) {
     auto group = recording.openGroup(place.group);
     if (!group) return group.error();
-    PlottedSignal signal(recording, group.value(), place.signal);
+    PlottedSignal signal(recording, group.value(), place.signal, outages);
     const std::string& unit = signal.info().conversion.unit();
     output.append(xcp::printableText(signal.info().name + (unit.empty() ? "" : " (" + unit + ")") + ", " +
                                      group.value().info().name));
@@ -214,13 +231,21 @@ int plotSignals(const RecordingReader& recording, const RecordingOptions& option
         printError("recording", times.error());
         return 1;
     }
+    const Outages outages = storage::readEvents(recording.directory(), recording.info()).outages;
     int exitCode = 0;
     for (std::size_t i = 0; i < places.value().size() && !stopRequested(); ++i) {
         if (i > 0) output.append('\n');
-        auto plotted = plotSignal(recording, places.value()[i], times.value(), style, output);
+        auto plotted = plotSignal(recording, places.value()[i], times.value(), outages, style, output);
         if (plotted) continue;
         printError("recording", plotted.error());
         exitCode = 1;
+    }
+    // The last outage may begin behind the last record.
+    TimeRange told = times.value();
+    if (!options.to) told.endNs = kEndless;
+    for (const storage::Outage& outage : outages) {
+        if (storage::overlaps(outage, told))
+            output.append("outage " + outageText(outage, recording.info()) + "\n");
     }
     return stopRequested() ? 1 : exitCode;
 }

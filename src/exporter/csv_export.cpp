@@ -1,8 +1,6 @@
 #include "exporter/csv_export.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <map>
 #include <optional>
 #include <span>
@@ -10,9 +8,10 @@
 #include <utility>
 
 #include "exporter/csv_column.h"
-#include "exporter/number_text.h"
+#include "exporter/csv_gaps.h"
+#include "exporter/csv_time.h"
+#include "exporter/gap_search.h"
 #include "exporter/output_file.h"
-#include "storage/signal_selection.h"
 
 namespace lm::exporter {
 namespace {
@@ -20,57 +19,13 @@ namespace {
 constexpr std::size_t kBufferBytes = std::size_t{1} << 20U;
 constexpr std::string_view kLineEnd = "\r\n";
 
-/// The times of the first column.
-class TimeText {
-  public:
-    TimeText(const storage::RecordingInfo& info, bool absolute) : info_(info), absolute_(absolute) {}
-
-    std::string_view unit() const { return absolute_ ? " [UTC]" : " [s]"; }
-
-    void append(std::string& line, std::int64_t timestampNs) {
-        if (absolute_) {
-            appendUtc(line, timestampNs);
-            return;
-        }
-        const auto sinceStart =
-            static_cast<std::uint64_t>(timestampNs) - static_cast<std::uint64_t>(info_.startHostNs);
-        std::array<char, kNumberWidth> text{};
-        line.append(text.data(), writeSeconds(text.data(), static_cast<std::int64_t>(sinceStart)));
-    }
-
-  private:
-    void appendUtc(std::string& line, std::int64_t timestampNs) {
-        // Only the fraction changes from one record to most next ones.
-        constexpr std::size_t kDecimals = 9;
-        // Damaged timestamps may be any numbers.
-        const std::uint64_t inSecond = static_cast<std::uint64_t>(timestampNs) - secondNs_;
-        if (second_.empty() || inSecond >= 1000000000) {
-            const std::string text = storage::utcText(timestampNs, info_, kDecimals);
-            second_ = text.substr(0, text.size() - kDecimals - 1);
-            std::uint64_t nanoseconds = 0;
-            std::from_chars(text.data() + second_.size(), text.data() + text.size(), nanoseconds);
-            secondNs_ = static_cast<std::uint64_t>(timestampNs) - nanoseconds;
-            line += text;
-            return;
-        }
-        line += second_;
-        std::uint64_t unit = 100000000;
-        for (std::size_t i = 0; i < kDecimals; ++i, unit /= 10)
-            line += static_cast<char>('0' + inSecond / unit % 10);
-        line += 'Z';
-    }
-
-    const storage::RecordingInfo& info_;
-    bool absolute_;
-    std::string second_;  ///< "2026-03-01T12:00:00." of the last time
-    std::uint64_t secondNs_ = 0;
-};
-
 /// The records of a group one after the other, with their columns.
 class GroupCursor {
   public:
     GroupCursor(const ExportGroup& group, const ExportOptions& options, Progress& progress)
-        : pass_(group, progress), empty_(group.signals.size(), ',') {
+        : pass_(group, progress),
+          empty_(group.signals.size(), ','),
+          gaps_(options.gaps ? group.reader.info().cycleNs : 0) {
         for (const storage::SignalInfo* signal : group.signals)
             columns_.emplace_back(*signal, options);
     }
@@ -84,6 +39,7 @@ class GroupCursor {
             batch_ = batch.value();
             at_ = batch_.first;
             ended_ = batch_.records.count == 0;
+            gaps_.look(batch_.records);
         }
         if (!ended_) timestampNs_ = batch_.records.timestampNs(at_);
         return {};
@@ -100,6 +56,7 @@ class GroupCursor {
         }
     }
     void appendEmptyCells(std::string& line) const { line += empty_; }
+    Gaps takeGaps() { return gaps_.take(); }
 
   private:
     ExportPass pass_;
@@ -109,6 +66,7 @@ class GroupCursor {
     std::size_t at_ = 0;
     std::int64_t timestampNs_ = 0;
     bool ended_ = false;
+    GapSearch gaps_;
 };
 
 /// "NAME [UNIT]", or "NAME@GROUP [UNIT]" where another column has the same name. Raw values have no unit.
@@ -139,7 +97,7 @@ class CsvWriter {
     CsvWriter(const storage::RecordingInfo& info, const ExportOptions& options, const std::string& timeName,
               Progress& progress)
         : options_(options), progress_(progress), time_(info, options.absolute) {
-        timeHeading_ = timeName + std::string(time_.unit());
+        timeHeading_ = timeName + " " + std::string(time_.unit());
     }
 
     /// One line per time at which a group has a record; the cells of the others are empty.
@@ -158,8 +116,13 @@ class CsvWriter {
             if (auto written = file.append(text); !written) return written;
             text.clear();
         }
+        for (GroupCursor& cursor : cursors)
+            gaps_.push_back(cursor.takeGaps());
         return file.append(text);
     }
+
+    /// Of all groups that were written, in their order.
+    const std::vector<Gaps>& gaps() const { return gaps_; }
 
   private:
     static std::optional<std::int64_t> earliest(const std::vector<GroupCursor>& cursors) {
@@ -184,8 +147,9 @@ class CsvWriter {
 
     const ExportOptions& options_;
     Progress& progress_;
-    TimeText time_;
+    CsvTime time_;
     std::string timeHeading_;
+    std::vector<Gaps> gaps_;
 };
 
 /// A name for a part of a file name.
@@ -198,20 +162,26 @@ std::string fileNamePart(std::string name) {
 
 std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& groups,
                                              const ExportOptions& options) {
-    if (options.merge || groups.size() == 1) return {options.output};
     std::vector<std::filesystem::path> files;
     const std::string extension = options.output.extension().string();
-    for (const ExportGroup& group : groups) {
-        std::string name = options.output.stem().string() + "_" + fileNamePart(group.reader.info().name);
+    const auto add = [&](const std::string& part, const std::string& otherwise) {
+        std::string name = options.output.stem().string() + "_" + fileNamePart(part);
         std::filesystem::path file = options.output;
         file.replace_filename(name + extension);
         // The name with the number may be another group's own.
         while (std::find(files.begin(), files.end(), file) != files.end()) {
-            name += "_" + std::to_string(group.reader.number());
+            name += otherwise;
             file.replace_filename(name + extension);
         }
         files.push_back(file);
+    };
+    if (options.merge || groups.size() == 1) {
+        files.push_back(options.output);
+    } else {
+        for (const ExportGroup& group : groups)
+            add(group.reader.info().name, "_" + std::to_string(group.reader.number()));
     }
+    if (options.gaps) add("gaps", "_gaps");
     return files;
 }
 
@@ -219,6 +189,7 @@ std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& gro
 
 Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInfo& info,
                                                      const std::vector<ExportGroup>& groups,
+                                                     const std::vector<storage::Outage>& outages,
                                                      const ExportOptions& options, Progress& progress) {
     // The groups' files stand beside it: "/dev/null" must not give files in /dev.
     if (auto fits = checkTarget(options.output, true); !fits) return fits.error();
@@ -231,8 +202,13 @@ Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInf
     }
     CsvWriter writer(info, options, timeName(groups), progress);
     const std::span<const ExportGroup> all(groups);
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        auto written = writer.write(files[i], files.size() == 1 ? all : all.subspan(i, 1));
+    const std::size_t parts = files.size() - (options.gaps ? 1 : 0);
+    for (std::size_t i = 0; i < parts; ++i) {
+        auto written = writer.write(files[i], parts == 1 ? all : all.subspan(i, 1));
+        if (!written) return written.error();
+    }
+    if (options.gaps) {
+        auto written = files.back().append(gapList(info, groups, writer.gaps(), outages, options.absolute));
         if (!written) return written.error();
     }
     for (OutputFile& file : files) {

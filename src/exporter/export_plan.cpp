@@ -6,9 +6,7 @@
 #include "storage/signal_selection.h"
 
 namespace lm::exporter {
-namespace {
-
-Result<storage::TimeRange> timesOf(const storage::RecordingInfo& info, const ExportOptions& options) {
+Result<storage::TimeRange> exportedTimes(const storage::RecordingInfo& info, const ExportOptions& options) {
     storage::TimeRange times;
     if (options.from) {
         auto from = storage::parseRecordingTime(*options.from, info);
@@ -23,8 +21,6 @@ Result<storage::TimeRange> timesOf(const storage::RecordingInfo& info, const Exp
     return times;
 }
 
-}  // namespace
-
 Result<void> Progress::advance(std::uint64_t bytes) {
     done_ += bytes;
     if (function_ && !function_(done_, total_)) return Error{ErrorCode::closed, "stopped"};
@@ -36,7 +32,7 @@ Result<std::vector<ExportGroup>> planExport(const storage::RecordingReader& reco
     const storage::RecordingInfo& info = recording.info();
     auto places = storage::selectSignals(info, options.signals);
     if (!places) return places.error();
-    auto times = timesOf(info, options);
+    auto times = exportedTimes(info, options);
     if (!times) return times.error();
     std::vector<ExportGroup> groups;
     for (const storage::SignalPlace& place : places.value()) {

@@ -34,6 +34,7 @@ struct ExportOptions {
     bool raw = false;        ///< CSV: raw values
     bool absolute = false;   ///< CSV: times in UTC
     bool a2lFormat = false;  ///< CSV: numbers with the decimals of the A2L
+    bool gaps = false;       ///< CSV: one more file that lists outages and gaps
 };
 
 /// Told now and then: bytes of records done and to do. False ends the export.
@@ -65,6 +66,9 @@ struct ExportGroup {
     std::uint64_t sourceBytes() const { return range.count() * reader.stride(); }
     bool isWhole() const { return every == 1 && signals.size() == reader.info().signals.size(); }
 };
+
+/// The times that the options leave. Errors: those of parseRecordingTime().
+Result<storage::TimeRange> exportedTimes(const storage::RecordingInfo& info, const ExportOptions& options);
 
 /// The groups that hold selected signals, in the order of the recording. Errors: those of selectSignals(),
 /// parseRecordingTime(), GroupReader::open() and find(); notFound "DIRECTORY: no signals in this recording".

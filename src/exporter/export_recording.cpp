@@ -1,10 +1,12 @@
 #include "exporter/export_recording.h"
 
 #include <algorithm>
+#include <string>
 #include <utility>
 
 #include "exporter/csv_export.h"
 #include "exporter/mf4_export.h"
+#include "storage/recording_events.h"
 
 namespace lm::exporter {
 namespace {
@@ -16,12 +18,36 @@ void noteUnfinished(const std::vector<ExportGroup>& groups, std::vector<std::str
     }
 }
 
+/// The outages in the times that are exported.
+Result<std::vector<storage::Outage>> outagesOf(const storage::RecordingReader& recording,
+                                               const ExportOptions& options) {
+    auto times = exportedTimes(recording.info(), options);
+    if (!times) return times.error();
+    std::vector<storage::Outage> outages =
+        storage::readEvents(recording.directory(), recording.info()).outages;
+    outages.erase(std::remove_if(outages.begin(), outages.end(),
+                                 [&times](const storage::Outage& outage) {
+                                     return !storage::overlaps(outage, times.value());
+                                 }),
+                  outages.end());
+    return outages;
+}
+
+void noteOutages(std::size_t count, const ExportOptions& options, std::vector<std::string>& notes) {
+    if (count == 0 || options.gaps) return;
+    notes.push_back(std::to_string(count) + (options.format == Format::mf4
+                                                 ? " outage(s), in the file as events"
+                                                 : " outage(s) in this time, --gaps lists them"));
+}
+
 }  // namespace
 
 Result<ExportSummary> exportRecording(const storage::RecordingReader& recording, const ExportOptions& options,
                                       const ProgressFunction& progress) {
     auto groups = planExport(recording, options);
     if (!groups) return groups.error();
+    auto outages = outagesOf(recording, options);
+    if (!outages) return outages.error();
     Progress meter(progress, totalBytes(groups.value()));
     ExportSummary summary;
     summary.groups = groups.value().size();
@@ -30,15 +56,16 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
         summary.records += group.recordCount();
     }
     if (options.format == Format::mf4) {
-        auto notes = exportMf4(recording.info(), groups.value(), options, meter);
+        auto notes = exportMf4(recording.info(), groups.value(), outages.value(), options, meter);
         if (!notes) return notes.error();
         summary.files = {options.output};
         summary.notes = std::move(notes).value();
     } else {
-        auto files = exportCsv(recording.info(), groups.value(), options, meter);
+        auto files = exportCsv(recording.info(), groups.value(), outages.value(), options, meter);
         if (!files) return files.error();
         summary.files = std::move(files).value();
     }
+    noteOutages(outages.value().size(), options, summary.notes);
     noteUnfinished(groups.value(), summary.notes);
     return summary;
 }

@@ -9,6 +9,7 @@
 #include "core/bytes.h"
 #include "exporter/gap_search.h"
 #include "exporter/mf4_metadata.h"
+#include "exporter/mf4_outages.h"
 #include "exporter/mf4_samples.h"
 #include "exporter/output_file.h"
 
@@ -57,6 +58,7 @@ std::vector<std::string> notesOf(const std::vector<ExportGroup>& groups, const s
 
 Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
                                            const std::vector<ExportGroup>& groups,
+                                           const std::vector<storage::Outage>& outages,
                                            const ExportOptions& options, Progress& progress) {
     std::vector<Mf4Layout> layouts;
     for (const ExportGroup& group : groups) {
@@ -79,9 +81,9 @@ Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
         gaps.push_back(std::move(found).value());
     }
     const std::uint64_t place = (file.size() + 7) & ~std::uint64_t{7};
-    if (auto written = writeEvents(file, makeEvents(info, groups, gaps, metadata, place)); !written) {
-        return written.error();
-    }
+    Mf4Events events = makeEvents(info, groups, gaps, metadata, place);
+    addOutages(events, info, outages);
+    if (auto written = writeEvents(file, events); !written) return written.error();
     if (auto committed = file.commit(); !committed) return committed.error();
     return notesOf(groups, gaps);
 }

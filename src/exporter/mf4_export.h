@@ -8,6 +8,7 @@
 
 #include "core/result.h"
 #include "exporter/export_plan.h"
+#include "storage/recording_events.h"
 
 namespace lm::exporter {
 
@@ -15,6 +16,7 @@ namespace lm::exporter {
 /// recording, of OutputFile, of `progress`; there is no file then.
 Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
                                            const std::vector<ExportGroup>& groups,
+                                           const std::vector<storage::Outage>& outages,
                                            const ExportOptions& options, Progress& progress);
 
 }  // namespace lm::exporter

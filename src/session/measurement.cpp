@@ -228,12 +228,21 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
     }
     removeDecoder();
     if (context_.transport.can) context_.transport.can->releaseLoad();
-    if (writer_) result.recorded = writer_->close();
+    if (writer_) {
+        outages_.end(nowNs(std::chrono::steady_clock::now().time_since_epoch()), *writer_);
+        result.recorded = writer_->close();
+    }
     return result;
 }
 
 PlanSummary Measurement::summary() const {
-    return {plan_.planned.size(), plan_.daq.lists.size(), busLoad_};
+    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}};
+    // Without timestamps nothing is checked anywhere, which the start has told.
+    if (plan_.daq.timestampSize == 0) return summary;
+    for (const storage::GroupInfo& group : recordingInfo(plan_, context_.capabilities).groups) {
+        if (group.cycleNs == 0) summary.withoutCycle.push_back(group.name);
+    }
+    return summary;
 }
 
 MeasurementStats Measurement::statistics() const {
@@ -344,6 +353,10 @@ Result<void> Measurement::configureAnew() {
 }
 
 void Measurement::changeState(SessionState state, const std::string& message) {
+    if (writer_) {
+        const std::int64_t now = nowNs(std::chrono::steady_clock::now().time_since_epoch());
+        outages_.onState(state, message, lastRecordNs_.load(), now, *writer_);
+    }
     context_.changeState(state, message);
 }
 

@@ -14,6 +14,7 @@
 
 #include "core/result.h"
 #include "session/measurement_types.h"
+#include "session/outage_notes.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
 #include "session/supervisor.h"
@@ -84,6 +85,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     const double busLoad_;
     xcp::IDaqRecordSink* sink_ = nullptr;
     std::unique_ptr<storage::RecordingWriter> writer_;
+    OutageNotes outages_;  ///< the supervisor's while that one runs
     hal::CanChannelStatistics canAtStart_;
     xcp::UdpStatistics udpAtStart_;
     xcp::SerialStatistics serialAtStart_;

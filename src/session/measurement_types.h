@@ -44,6 +44,8 @@ struct PlanSummary {
     std::size_t signalCount = 0;
     std::size_t listCount = 0;
     double busLoad = 0;  ///< fraction of 1
+    /// Events of lists whose missed cycles nobody can count: no cycle is known of them.
+    std::vector<std::string> withoutCycle;
 };
 
 /// Counters since the start of the measurement.

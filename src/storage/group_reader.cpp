@@ -30,6 +30,15 @@ Result<void> GroupReader::checkHeader() const {
     if (auto read = file_.readAt(0, header.data(), header.size()); !read) return read;
     const FileHeader expected = recordHeader(info_->recordSize);
     const std::string path = file_.path().string();
+    const auto recordSize = readLittle<std::uint32_t>(&header[12]);
+    const auto stride = readLittle<std::uint32_t>(&header[16]);
+    const std::string sizes = "records of " + std::to_string(recordSize) + " bytes every " +
+                              std::to_string(stride) + ", meta.json says " +
+                              std::to_string(info_->recordSize) + " every " + std::to_string(stride_);
+    const bool agrees = std::uint64_t{recordSize} + kTimestampSize == stride;
+    if (agrees && stride != stride_) {
+        return Error{ErrorCode::unsupported, path + ": of another recording: " + sizes};
+    }
     if (!std::equal(header.begin(), header.begin() + kMagicSize, expected.begin())) {
         return Error{ErrorCode::invalidArgument, path + ": not the header of a record file"};
     }
@@ -37,14 +46,7 @@ Result<void> GroupReader::checkHeader() const {
         return Error{ErrorCode::unsupported, path + ": format version " + std::to_string(version) +
                                                  " instead of " + std::to_string(kFormatVersion)};
     }
-    const auto recordSize = readLittle<std::uint32_t>(&header[12]);
-    const auto stride = readLittle<std::uint32_t>(&header[16]);
-    if (recordSize != info_->recordSize || stride != stride_) {
-        return Error{ErrorCode::invalidArgument, path + ": records of " + std::to_string(recordSize) +
-                                                     " bytes every " + std::to_string(stride) +
-                                                     ", meta.json says " + std::to_string(info_->recordSize) +
-                                                     " every " + std::to_string(stride_)};
-    }
+    if (!agrees) return Error{ErrorCode::invalidArgument, path + ": " + sizes};
     return {};
 }
 

@@ -76,9 +76,10 @@ class GroupReader {
     static constexpr std::size_t kBatchBytes = std::size_t{1} << 20U;
 
     /// Opens the record file and compares its header with `group`. A file shorter than its header holds no
-    /// records. Errors: those of InputFile::open(); unsupported "PATH: format version N instead of 2";
-    /// invalidArgument "PATH: not the header of a record file", "PATH: records of N bytes every M, meta.json
-    /// says ...".
+    /// records. Errors: those of InputFile::open(). What no damage explains is unsupported: "PATH: format
+    /// version N instead of 2", "PATH: of another recording: records of N bytes every M, meta.json says ..."
+    /// when these sizes agree with each other. Damage is invalidArgument: "PATH: not the header of a record
+    /// file", "PATH: records of N bytes every M, meta.json says ...".
     static Result<GroupReader> open(const std::filesystem::path& directory, std::size_t number,
                                     const GroupInfo& group);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <limits>
 #include <optional>
 #include <span>
 #include <utility>
@@ -11,8 +12,10 @@
 
 #include "core/bytes.h"
 #include "storage/entry_reader.h"
+#include "storage/event_check.h"
 #include "storage/group_reader.h"
 #include "storage/group_summary.h"
+#include "storage/record_proof.h"
 #include "storage/recording_format.h"
 #include "storage/recording_reader.h"
 
@@ -20,6 +23,10 @@ namespace lm::storage {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::int64_t kLeastNs = std::numeric_limits<std::int64_t>::min();
+/// What was on its way when the recording started is older by far less.
+constexpr std::int64_t kBeforeStartNs = 60'000'000'000;
 
 /// One summary file and how far it has been compared.
 struct ComparedFile {
@@ -44,9 +51,14 @@ bool sameLevelEntry(std::span<const std::uint8_t> a, std::span<const std::uint8_
 
 class GroupChecker {
   public:
-    GroupChecker(fs::path directory, std::size_t number, const GroupInfo& group,
+    GroupChecker(fs::path directory, std::size_t number, const RecordingInfo& recording,
                  const StopQuestion& shouldStop)
-        : directory_(std::move(directory)), number_(number), group_(group), shouldStop_(shouldStop) {}
+        : directory_(std::move(directory)),
+          number_(number),
+          group_(recording.groups[number]),
+          earliestNs_(std::max(recording.startHostNs, kLeastNs + kBeforeStartNs) - kBeforeStartNs),
+          shouldStop_(shouldStop),
+          proof_(recording, group_) {}
 
     Result<GroupCheck> run();
 
@@ -67,13 +79,16 @@ class GroupChecker {
     fs::path directory_;
     std::size_t number_;
     const GroupInfo& group_;
+    const std::int64_t earliestNs_;
     const StopQuestion& shouldStop_;
     GroupCheck check_;
     std::optional<Error> headerError_;
+    RecordProof proof_;
     std::vector<ComparedFile> files_;
     std::optional<Error> readError_;
 
     std::int64_t lastNs_ = 0;
+    std::uint64_t beforeStart_ = 0;
     std::uint64_t unordered_ = 0;
     std::string firstUnordered_;
 };
@@ -114,11 +129,11 @@ void GroupChecker::checkHeader(const GroupReader& reader) {
         check_.header = GroupCheck::Header::mendable;
         report(path + ": shorter than its header, holds no records");
     } else if (headerError_) {
-        // Times in order, record for record, are no accident.
-        const bool plausible = check_.records >= 2 && unordered_ == 0;
-        check_.header = plausible ? GroupCheck::Header::mendable : GroupCheck::Header::unreadable;
-        report(headerError_->text() + (plausible ? "; the records behind the header are in order" : ""),
-               plausible);
+        const bool proven = proof_.holds();
+        check_.header = proven ? GroupCheck::Header::mendable : GroupCheck::Header::unreadable;
+        report(headerError_->text() + (proven ? "; the records behind the header are this group's"
+                                              : "; nothing shows whose records stand behind the header"),
+               proven);
     } else if (check_.tornBytes > 0 && !check_.beingWritten) {
         report(fmt::format("{}: {} bytes of a torn record at byte {}, behind {} whole records", path,
                            check_.tornBytes, reader.offsetOf(check_.records), check_.records));
@@ -137,6 +152,7 @@ Result<void> GroupChecker::compareAll(const GroupReader& reader) {
         if (!batch) return batch.error();
         if (batch.value().count == 0) return {};
         checkOrder(batch.value(), reader.offsetOf(batch.value().firstNumber));
+        if (headerError_) proof_.look(batch.value());
         if (!summary.add(batch.value())) return *readError_;
     }
 }
@@ -145,6 +161,7 @@ void GroupChecker::checkOrder(const RecordBatch& batch, std::uint64_t fileOffset
     for (std::size_t i = 0; i < batch.count; ++i) {
         const std::int64_t time = batch.timestampNs(i);
         const std::uint64_t n = batch.firstNumber + i;
+        if (time < earliestNs_) ++beforeStart_;
         if (n > 0 && time < lastNs_) {
             if (unordered_++ == 0) {
                 firstUnordered_ = fmt::format("record {} (byte {})", n, fileOffset + i * batch.stride);
@@ -191,6 +208,12 @@ bool GroupChecker::takeEntry(std::size_t number, std::span<const std::uint8_t> e
 }
 
 void GroupChecker::reportOrder() {
+    if (beforeStart_ > 0) {
+        report(
+            fmt::format("{}: {} record(s) far before the start of the recording, as in a file of another one",
+                        (directory_ / recordFileName(number_)).string(), beforeStart_),
+            false);
+    }
     if (unordered_ == 0) return;
     report(fmt::format("{}: {} older than the record before, the first is {}; its place in time is lost",
                        (directory_ / recordFileName(number_)).string(),
@@ -243,9 +266,9 @@ void GroupChecker::reportSurplusLevels() {
 
 }  // namespace
 
-Result<GroupCheck> checkGroup(const fs::path& directory, std::size_t number, const GroupInfo& group,
+Result<GroupCheck> checkGroup(const fs::path& directory, std::size_t number, const RecordingInfo& recording,
                               const StopQuestion& shouldStop) {
-    return GroupChecker(directory, number, group, shouldStop).run();
+    return GroupChecker(directory, number, recording, shouldStop).run();
 }
 
 Result<RecordingCheck> checkRecording(const fs::path& directory, const StopQuestion& shouldStop) {
@@ -255,13 +278,15 @@ Result<RecordingCheck> checkRecording(const fs::path& directory, const StopQuest
     const std::vector<GroupInfo>& groups = recording.value().info().groups;
     result.groups = groups.size();
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        auto group = checkGroup(directory, i, groups[i], shouldStop);
+        auto group = checkGroup(directory, i, recording.value().info(), shouldStop);
         if (!group) return group.error();
         result.records += group.value().records;
         result.beingWritten = result.beingWritten || group.value().beingWritten;
         for (Finding& finding : group.value().findings)
             result.findings.push_back(std::move(finding));
     }
+    for (Finding& finding : checkEvents(directory, recording.value().info()))
+        result.findings.push_back(std::move(finding));
     return result;
 }
 

@@ -30,8 +30,8 @@ struct GroupCheck {
     /// How the header of the record file is.
     enum class Header : std::uint8_t {
         sound,
-        mendable,    ///< torn, or wrong in front of records that are in order
-        unreadable,  ///< file missing, other version, or nothing behind it makes sense
+        mendable,    ///< torn, or damaged in front of records that are certainly this group's
+        unreadable,  ///< file missing, of another recording or version, or nothing behind it makes sense
     };
 
     Header header = Header::sound;
@@ -43,9 +43,10 @@ struct GroupCheck {
     std::vector<Finding> findings;
 };
 
-/// A group that is still being written may lack the newest entries; that is no finding. Error: "stopped".
+/// Group `number` of `recording`. One that is still being written may lack the newest entries; that is no
+/// finding. Error: "stopped".
 Result<GroupCheck> checkGroup(const std::filesystem::path& directory, std::size_t number,
-                              const GroupInfo& group, const StopQuestion& shouldStop);
+                              const RecordingInfo& recording, const StopQuestion& shouldStop);
 
 struct RecordingCheck {
     std::uint64_t groups = 0;

@@ -19,6 +19,11 @@ Error recordedByAnother(const std::filesystem::path& directory) {
     return {ErrorCode::wouldBlock, directory.string() + " is being recorded to by another program"};
 }
 
+Error stillRecorded(const std::filesystem::path& directory) {
+    return {ErrorCode::wouldBlock,
+            directory.string() + " is still being recorded: stop the measurement first"};
+}
+
 Error alreadyRecorded(const std::filesystem::path& directory) {
     return {ErrorCode::alreadyOpen, directory.string() + " already contains a recording"};
 }

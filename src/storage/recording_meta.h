@@ -28,6 +28,8 @@ Result<void> checkSignalPlaces(const GroupInfo& group);
 
 /// wouldBlock "DIRECTORY is being recorded to by another program".
 Error recordedByAnother(const std::filesystem::path& directory);
+/// wouldBlock "DIRECTORY is still being recorded: stop the measurement first".
+Error stillRecorded(const std::filesystem::path& directory);
 /// alreadyOpen "DIRECTORY already contains a recording".
 Error alreadyRecorded(const std::filesystem::path& directory);
 

@@ -179,7 +179,8 @@ Conversion::NumericTable tableFrom(const Json& json) {
     table.interpolate = json.at("interpolate").get<bool>();
     for (const Json& element : arrayAt(json, "table")) {
         const std::vector<double> pair = realsFrom(element, 2, "table");
-        if (!table.pairs.empty() && pair[0] < table.pairs.back().first) {
+        // NaN has no place in an order.
+        if (std::isnan(pair[0]) || (!table.pairs.empty() && pair[0] < table.pairs.back().first)) {
             throw MetaError("\"table\" is not in the order of its inputs");
         }
         table.pairs.emplace_back(pair[0], pair[1]);

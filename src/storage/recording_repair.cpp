@@ -12,9 +12,12 @@
 
 #include "core/file_lock.h"
 #include "storage/entry_reader.h"
+#include "storage/event_check.h"
 #include "storage/group_reader.h"
 #include "storage/group_summary.h"
+#include "storage/recording_events.h"
 #include "storage/recording_format.h"
+#include "storage/recording_meta.h"
 #include "storage/recording_reader.h"
 #include "storage/unit_file.h"
 
@@ -25,11 +28,6 @@ namespace fs = std::filesystem;
 
 Error writeError(const fs::path& path) {
     return Error::fromErrno(errno, "cannot write " + path.string());
-}
-
-Error stillRecorded(const fs::path& directory) {
-    return Error{ErrorCode::wouldBlock,
-                 directory.string() + " is still being recorded: stop the measurement first"};
 }
 
 class Descriptor {
@@ -249,7 +247,8 @@ Result<void> refuseWhileRecorded(const RecordingReader& recording) {
         auto reader = GroupReader::openUnchecked(recording.directory(), i, groups[i]);
         if (reader && reader.value().isBeingWritten()) return stillRecorded(recording.directory());
     }
-    return {};
+    const bool isLive = readEvents(recording.directory(), recording.info()).beingWritten;
+    return isLive ? Result<void>(stillRecorded(recording.directory())) : Result<void>();
 }
 
 }  // namespace
@@ -262,7 +261,7 @@ Result<std::vector<Finding>> repairRecording(const fs::path& directory, const St
     std::vector<Finding> left;
     const std::vector<GroupInfo>& groups = recording.value().info().groups;
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        auto check = checkGroup(directory, i, groups[i], shouldStop);
+        auto check = checkGroup(directory, i, recording.value().info(), shouldStop);
         if (!check) return check.error();
         const std::vector<Finding>& findings = check.value().findings;
         const auto mendable = [](const Finding& finding) { return finding.mendable; };
@@ -271,6 +270,11 @@ Result<std::vector<Finding>> repairRecording(const fs::path& directory, const St
         GroupRepair repair(directory, i, groups[i], shouldStop, tell);
         if (auto repaired = repair.run(check.value()); !repaired) return repaired.error();
     }
+    if (auto repaired = repairEvents(directory, recording.value().info(), tell); !repaired) {
+        return repaired.error();
+    }
+    for (Finding& finding : checkEvents(directory, recording.value().info()))
+        left.push_back(std::move(finding));
     return left;
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <string>
 #include <system_error>
@@ -17,7 +18,9 @@
 #include "core/thread.h"
 #include "storage/byte_ring.h"
 #include "storage/disk_flusher.h"
+#include "storage/event_file.h"
 #include "storage/group_files.h"
+#include "storage/recording_events.h"
 #include "storage/recording_faults.h"
 #include "storage/recording_meta.h"
 
@@ -32,6 +35,8 @@ constexpr std::chrono::milliseconds kIdleWait{2};
 constexpr std::size_t kBatch = 64;
 /// The group number has 16 bits in the queue.
 constexpr std::size_t kMaxGroups = 65536;
+/// How often it is noted how the clock of the timestamps stands to UTC.
+constexpr std::int64_t kClockIntervalMs = 60'000;
 
 std::int64_t millisecondsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
@@ -73,6 +78,8 @@ struct RecordingWriter::State {
 
     void run();
     bool takeBatch();
+    void takeNotes();
+    void noteClocks();
     void flushAll();
     bool waitForMore();
 
@@ -90,8 +97,13 @@ struct RecordingWriter::State {
     // The file thread's while it runs.
     RecordingFaults faults;
     std::vector<GroupFiles> groups;
+    std::optional<EventFile> events;
     DiskFlusher flusher;  ///< ends before the files that it borrows
     Clock::time_point lastFlush = Clock::now();
+    Clock::time_point lastClocks = lastFlush;
+
+    std::mutex noteMutex;
+    std::vector<std::string> notes;  ///< under noteMutex: lines for `events`
 
     // The owner's.
     std::thread thread;
@@ -116,6 +128,9 @@ Result<void> RecordingWriter::State::prepare() {
         if (!files) return files.error();
         groups.push_back(std::move(files).value());
     }
+    auto made = EventFile::create(info, faults);
+    if (!made) return made.error();
+    events.emplace(std::move(made).value());
     // What says that there is a recording comes last: a crash before leaves none, a crash after a whole one.
     if (const int failure = flushDirectoryToDisk(path); failure != 0) {
         return Error::fromErrno(failure, "cannot write " + path.string());
@@ -159,6 +174,7 @@ Result<void> RecordingWriter::State::startThread() {
     std::vector<int> files;
     for (const GroupFiles& group : groups)
         files.push_back(group.recordDescriptor());
+    files.push_back(events->descriptor());
     if (auto flushing = flusher.start(std::move(files)); !flushing) return flushing;
     auto started = lm::startThread("cannot start the recording thread", [this] { run(); });
     if (!started) {
@@ -176,6 +192,7 @@ void RecordingWriter::State::run() {
     bool more = true;
     while (more) {
         const bool emptied = !takeBatch();
+        takeNotes();
         if (millisecondsSince(lastFlush) >= flushIntervalMs) flushAll();
         if (emptied) more = waitForMore();
     }
@@ -184,8 +201,34 @@ void RecordingWriter::State::run() {
     // After all writes the disk can take them together.
     for (GroupFiles& group : groups)
         group.flush();
+    noteClocks();
+    takeNotes();
     for (GroupFiles& group : groups)
         group.close();
+    events->close();
+}
+
+/// Lines go to the file as they come, and from there to the disk without waiting for the next flush.
+void RecordingWriter::State::takeNotes() {
+    std::vector<std::string> lines;
+    {
+        const std::scoped_lock lock(noteMutex);
+        lines.swap(notes);
+    }
+    if (lines.empty()) return;
+    for (const std::string& line : lines)
+        events->append(line);
+    if (events->flush()) flusher.request();
+}
+
+void RecordingWriter::State::noteClocks() {
+    const auto ns = [](auto sinceEpoch) {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(sinceEpoch).count();
+    };
+    lastClocks = Clock::now();
+    const std::int64_t utcNs = ns(std::chrono::system_clock::now().time_since_epoch());
+    const std::scoped_lock lock(noteMutex);
+    notes.push_back(clockLine({ns(lastClocks.time_since_epoch()), utcNs}));
 }
 
 /// False when the queue was found empty.
@@ -202,6 +245,8 @@ bool RecordingWriter::State::takeBatch() {
 void RecordingWriter::State::flushAll() {
     for (GroupFiles& group : groups)
         group.flush();
+    if (millisecondsSince(lastClocks) >= kClockIntervalMs) noteClocks();
+    events->flush();
     flusher.request();
     if (flusher.failed()) faults.reportWriteError();
     lastFlush = Clock::now();
@@ -232,12 +277,14 @@ Result<void> RecordingWriter::State::removeNewFiles() {
         for (fs::path& file : group.newFiles())
             files.push_back(std::move(file));
     }
+    if (events && events->isNew()) files.push_back(events->path());
     if (std::exchange(madeMeta, false)) files.push_back(path / kMetaFileName);
     for (const fs::path& file : files) {
         auto removed = removeFile(file);
         if (!removed && result) result = std::move(removed);
     }
     groups.clear();
+    events.reset();
     // rmdir leaves a directory with somebody else's files alone.
     for (; !madeDirectories.empty(); madeDirectories.pop_back())
         ::rmdir(madeDirectories.back().c_str());
@@ -280,6 +327,11 @@ bool RecordingWriter::write(std::size_t groupIndex, std::int64_t timestampNs, co
     }
     state_->counters.recordsDropped.fetch_add(1, std::memory_order_relaxed);
     return false;
+}
+
+void RecordingWriter::note(std::string line) {
+    const std::scoped_lock lock(state_->noteMutex);
+    state_->notes.push_back(std::move(line));
 }
 
 Result<void> RecordingWriter::close() {

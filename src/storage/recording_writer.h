@@ -1,8 +1,8 @@
-// Writes one recording: a directory with "meta.json" and, per group, records, time index and min/max levels
-// (byte by byte in docs/recording-format.md).
+// Writes one recording: a directory with "meta.json", "events.jsonl" and, per group, records, time index and
+// min/max levels (byte by byte in docs/recording-format.md).
 //
-// Threads: write() may be called from any thread and never waits for a file; the counters may be read from
-// any thread; create(), close(), discard() and the destructor belong to the owner. A thread named
+// Threads: write() and note() may be called from any thread and never wait for a file; the counters may be
+// read from any thread; create(), close(), discard() and the destructor belong to the owner. A thread named
 // "rec-writer" does all file work. Lifetime: owns everything; the bytes given to write() are copied. A writer
 // serves one recording.
 #pragma once
@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <string>
 
 #include "core/result.h"
 #include "storage/recording_info.h"
@@ -48,6 +49,10 @@ class RecordingWriter {
     /// clock. False, counted as dropped: no such group, a wrong length, no room, or after close().
     bool write(std::size_t groupIndex, std::int64_t timestampNs, const std::uint8_t* data,
                std::size_t length);
+
+    /// Appends an event, a line as the functions of recording_events.h make them. It is in the file within
+    /// milliseconds. Nothing after close().
+    void note(std::string line);
 
     /// Writes what is queued, closes all files and joins the thread; a second call returns the same.
     /// Errors: ioError "write error in PATH" when any write failed during the recording.

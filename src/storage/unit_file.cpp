@@ -3,78 +3,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
 
 #include "core/durable_file.h"
-#include "core/file_lock.h"
-#include "storage/recording_meta.h"
+#include "storage/raw_file.h"
 
 namespace lm::storage {
 namespace {
 
 constexpr std::uint64_t kBufferSize = 64 * 1024;
-
-struct Opened {
-    int descriptor = -1;
-    bool isNew = false;
-};
-
-/// Closes the file when another program is writing it, or has just removed it.
-Result<Opened> claimed(Opened opened, const std::filesystem::path& path) {
-    if (lockForWriting(opened.descriptor) && standsAt(opened.descriptor, path)) return opened;
-    ::close(opened.descriptor);
-    return recordedByAnother(path.parent_path());
-}
-
-/// The file under its name, locked; truncated when it existed, which decides later who may remove it.
-/// Nothing is written through a link, to where nobody asked for it, nor into a pipe or a device, which wait
-/// for, or do, who knows what.
-Result<Opened> openForWriting(const std::filesystem::path& path) {
-    constexpr int kFlags = O_WRONLY | O_CLOEXEC;
-    const std::string context = "cannot create " + path.string();
-    const int made = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0666);
-    if (made >= 0) return claimed({made, true}, path);
-    if (errno != EEXIST) return Error::fromErrno(errno, context);
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        return Error{ErrorCode::invalidArgument, context + ": not a regular file", EINVAL};
-    }
-    const int found = ::open(path.c_str(), kFlags | O_NOFOLLOW | O_NONBLOCK);
-    if (found < 0) return Error::fromErrno(errno, context);
-    auto opened = claimed({found, false}, path);
-    if (opened && ::ftruncate(found, 0) != 0) {
-        const int failure = errno;
-        ::close(found);
-        return Error::fromErrno(failure, context);
-    }
-    return opened;
-}
-
-struct Written {
-    std::uint64_t bytes = 0;
-    int systemError = 0;
-};
-
-Written writeAt(int descriptor, std::uint64_t offset, const std::uint8_t* data, std::uint64_t size) {
-    Written written;
-    while (written.bytes < size) {
-        const ssize_t count = ::pwrite(descriptor, data + written.bytes, size - written.bytes,
-                                       static_cast<off_t>(offset + written.bytes));
-        if (count > 0) {
-            written.bytes += static_cast<std::uint64_t>(count);
-        } else if (count == 0 || errno != EINTR) {
-            // A write of nothing is a full device that does not say so.
-            written.systemError = count == 0 ? ENOSPC : errno;
-            break;
-        }
-    }
-    return written;
-}
 
 Error writeError(const std::filesystem::path& path, int systemError) {
     return Error::fromErrno(systemError, "cannot write " + path.string());
@@ -84,9 +24,9 @@ Error writeError(const std::filesystem::path& path, int systemError) {
 
 Result<UnitFile> UnitFile::create(const std::filesystem::path& path, const FileHeader& header,
                                   std::uint64_t unitSize) {
-    const auto made = openForWriting(path);
+    const auto made = claimForWriting(path);
     if (!made) return made.error();
-    const Opened opened = made.value();
+    const ClaimedFile opened = made.value();
     UnitFile file(path, opened.descriptor, opened.isNew, unitSize);
     const Written written = writeAt(opened.descriptor, 0, header.data(), header.size());
     if (written.systemError != 0) {

@@ -1,5 +1,6 @@
 """The tool with a library before it that numbers, notes and strikes its calls that change files (file_calls.cpp)."""
 import collections
+import json
 import os
 import threading
 
@@ -39,6 +40,13 @@ class FileCalls(campaign.Campaign):
                 self.kept.update(files_of(self.dir / "kept"))
         return dict(self.kept)
 
+    def mend(self, directory, done=None):
+        """A repair mends all but the file of another recording; `done`: the one that was made."""
+        done = done or self.run_plain("recording", "repair", directory)
+        self.assertEqual((done.returncode, done.stderr), (1, ""))
+        left = [line for line in done.stdout.splitlines() if line.endswith("(cannot be mended)")]
+        self.assertEqual([line.split(": records")[0] for line in left], [f"{directory}/g0002.rec: of another recording"])
+
     def succeed(self, *arguments):
         done = self.run_plain(*arguments)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
@@ -55,9 +63,17 @@ def write_files(directory, files):
         (directory / name).write_bytes(data)
 
 
+def mixed(sound):
+    """A sound recording with one group more, whose records are another recording's: a repair must leave them alone."""
+    meta = json.loads(sound["meta.json"])
+    meta["groups"].append(dict(meta["groups"][1], recordSize=meta["groups"][1]["recordSize"] + 3))
+    return dict(sound, **{"meta.json": json.dumps(meta).encode(), "g0002.rec": sound["g0001.rec"] + b"torn"})
+
+
 def damaged(sound):
     """The files of a sound recording with damage of every kind that a repair mends."""
     torn = dict(sound, **{"g0000.rec": sound["g0000.rec"] + b"torn", "g0001.rec": b"\xff" * 8 + sound["g0001.rec"][8:],
-                          "g0001_L3.pyr": b"surplus", "g0000_L1.pyr": sound["g0000_L1.pyr"][:-5]})
+                          "g0001_L3.pyr": b"surplus", "g0000_L1.pyr": sound["g0000_L1.pyr"][:-5],
+                          "events.jsonl": sound["events.jsonl"] + b'{"event":"clo'})
     del torn["g0000.tix"]
     return torn

@@ -3,6 +3,7 @@
 A limit on the size of files stands for the full disk; it grows byte by byte over the heads and the first entries, then
 in larger steps.
 """
+import json
 import resource
 
 import campaign
@@ -22,6 +23,8 @@ class FullDisk(campaign.Campaign):
         self.assertIn(done.returncode, (0, 1), done.stderr)
         dropped = self.check_failed_recording(directory, done.stderr)
         if dropped is not None:
+            lines = (directory / "events.jsonl").read_bytes()
+            self.assertTrue(lines.endswith(b"\n") and all(json.loads(line) for line in lines.splitlines()), lines)
             for number, group in enumerate(Recording(directory).groups):
                 whole = 32 + len(group.records) * (8 + group.meta["recordSize"])
                 self.assertEqual((directory / f"g{number:04}.rec").stat().st_size, whole, "a torn record")

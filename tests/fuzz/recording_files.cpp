@@ -88,4 +88,27 @@ PlainRecords::PlainRecords(const std::filesystem::path& path, const storage::Gro
     }
 }
 
+KeptRecords::KeptRecords(const std::filesystem::path& path, std::uint32_t madeSize) : before(readFile(path)) {
+    if (before.size() < storage::kHeaderSize) return;
+    const auto size = readLittle<std::uint32_t>(&before[12]);
+    const bool agrees =
+        readLittle<std::uint32_t>(&before[16]) == std::uint64_t{size} + storage::kTimestampSize;
+    ofAnotherRecording = agrees && size != madeSize;
+    const std::uint64_t stride = std::uint64_t{agrees ? size : madeSize} + storage::kTimestampSize;
+    recordsEnd = before.size() - (before.size() - storage::kHeaderSize) % stride;
+}
+
+void KeptRecords::check(const Bytes& repaired) const {
+    if (ofAnotherRecording) return require(repaired == before, "what is of another recording is left alone");
+    Bytes expected = before;  // but for a header that was mended
+    std::copy_n(repaired.begin(), std::min({repaired.size(), recordsEnd, storage::kHeaderSize}),
+                expected.begin());
+    require(isKept(expected, recordsEnd, repaired), "no whole record is lost");
+}
+
+bool isKept(const Bytes& before, std::size_t size, const Bytes& now) {
+    return now.size() >= size &&
+           std::equal(before.begin(), before.begin() + static_cast<std::ptrdiff_t>(size), now.begin());
+}
+
 }  // namespace lm::fuzz

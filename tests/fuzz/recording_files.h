@@ -50,6 +50,21 @@ struct PlainRecords {
     std::vector<std::int64_t> times;
 };
 
+/// A record file before a repair. Its own header says how long a record is, as long as its sizes agree with
+/// each other; when they do not, `madeSize` does, the size that the records were made with.
+struct KeptRecords {
+    KeptRecords(const std::filesystem::path& path, std::uint32_t madeSize);
+    /// No whole record is lost or changed; a file of another recording is as it was.
+    void check(const Bytes& repaired) const;
+
+    Bytes before;
+    std::size_t recordsEnd = 0;
+    bool ofAnotherRecording = false;
+};
+
+/// The first `size` bytes are still there.
+bool isKept(const Bytes& before, std::size_t size, const Bytes& now);
+
 /// Search, gaps, extremes and records of a group. While its files are damaged (`sound` is false) each ends
 /// with a value or an error; else with what the records give.
 void checkReading(const std::filesystem::path& directory, const storage::GroupReader& reader, Input input,

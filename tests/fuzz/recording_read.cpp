@@ -1,11 +1,13 @@
 // A whole recording: its description, records as the input makes them, damage to any of its files. A repair
 // loses no whole record and leaves nothing that it could mend; what is then read is what a plain look at the
-// records gives. An export ends whole or leaves nothing.
+// records gives. An export ends whole or leaves nothing. At last a record file is one of another recording:
+// what a whole record is, the file itself says, not the description.
 #include <string>
 #include <vector>
 
 #include "recording_files.h"
 #include "storage/recording_check.h"
+#include "storage/recording_events.h"
 #include "storage/recording_format.h"
 #include "storage/recording_reader.h"
 #include "storage/recording_repair.h"
@@ -47,22 +49,54 @@ class Recording {
     }
 
     void repair() {
-        std::vector<PlainRecords> before;
+        std::vector<KeptRecords> before;
         for (std::size_t i = 0; i < count_; ++i)
-            before.emplace_back(recordFile(i), groups()[i]);
+            before.emplace_back(recordFile(i), groups()[i].recordSize);
+        const Bytes events = readFile(directory_ / storage::kEventFileName);
         std::size_t deeds = 0;
         const auto tell = [&deeds](const std::string&) { ++deeds; };
         const auto left = storage::repairRecording(directory_, kGoOn, tell);
         require(left.ok(), "a recording that opens can be repaired");
-        for (std::size_t i = 0; i < count_; ++i)
-            require(PlainRecords(recordFile(i), groups()[i]).bytes == before[i].bytes,
-                    "no whole record is lost");
+        bool mixed = false;
+        for (std::size_t i = 0; i < count_; ++i) {
+            before[i].check(readFile(recordFile(i)));
+            mixed = mixed || before[i].ofAnotherRecording;
+        }
+        const auto lines = events.rend() - std::find(events.rbegin(), events.rend(), '\n');
+        require(
+            isKept(events, static_cast<std::size_t>(lines), readFile(directory_ / storage::kEventFileName)),
+            "no line of events is lost");
+        require(!mixed || !left.value().empty(), "a file of another recording is told");
         const auto check = storage::checkRecording(directory_, kGoOn);
         require(check.ok(), "a recording that opens can be checked");
         require(textsOf(check.value().findings) == textsOf(left.value()), "what is left is what was told");
         deeds = 0;
         require(storage::repairRecording(directory_, kGoOn, tell).ok() && deeds == 0,
                 "repaired once for all");
+    }
+
+    /// Lines of events, of this recording or of none.
+    void makeEvents() {
+        const bool own = input_.take<std::uint8_t>() != 0;
+        const std::string start = own ? storage::startLine(reader_.info()) : "";
+        Bytes text(start.begin(), start.end());
+        const auto more = input_.takeBytes(input_.takeBelow(2048));
+        text.insert(text.end(), more.begin(), more.end());
+        writeFile(directory_ / storage::kEventFileName, text);
+    }
+
+    /// Puts a file of records of another size in the place of one of the groups'.
+    void exchange() {
+        if (count_ == 0) return;
+        const std::size_t group = input_.takeBelow(count_);
+        storage::GroupInfo other = groups()[group];
+        other.recordSize = static_cast<std::uint32_t>((other.recordSize + 1 + input_.takeBelow(64)) % 4096);
+        if (other.recordSize == groups()[group].recordSize) return;
+        makeRecordFile(recordFile(group), reader_.info(), other, input_);
+        Bytes file = readFile(recordFile(group));
+        file[input_.takeBelow(storage::kMagicSize)] ^= input_.take<std::uint8_t>();
+        file.resize(file.size() + input_.takeBelow(64));
+        writeFile(recordFile(group), file);
     }
 
   private:
@@ -97,5 +131,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::filesystem::path output = dir.path() / "output";
     std::filesystem::create_directory(output);
     checkExport(reader.value(), output, input);
+    recording.exchange();
+    recording.makeEvents();
+    recording.repair();
     return 0;
 }

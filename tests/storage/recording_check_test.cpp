@@ -7,9 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include "storage/checked_recording.h"
 #include "storage/recording_fixture.h"
-#include "storage/recording_repair.h"
-#include "support/temp_dir.h"
+#include "storage/recording_format.h"
+#include "storage/recording_meta.h"
 
 namespace lm::storage {
 namespace {
@@ -18,13 +19,8 @@ using test::Bytes;
 namespace fs = std::filesystem;
 using Files = std::map<std::string, Bytes>;
 
-const auto kGoOn = [] { return false; };
-
-class RecordingCheckTest : public ::testing::Test {
+class RecordingCheckTest : public test::CheckedRecordingTest {
   protected:
-    fs::path path() const { return dir_.path() / "rec"; }
-    fs::path file(const std::string& name) const { return path() / name; }
-
     void record(std::size_t count) {
         fs::remove_all(path());
         test::writeSmallRecording(path(), count);
@@ -49,33 +45,6 @@ class RecordingCheckTest : public ::testing::Test {
         }
     }
 
-    /// The findings, a line each, without the directory.
-    std::string check() {
-        auto checked = checkRecording(path(), kGoOn);
-        if (!checked) return withoutPath(checked.error().text());
-        std::string text;
-        for (const Finding& finding : checked.value().findings)
-            text += withoutPath(finding.text) + (finding.mendable ? "\n" : " !\n");
-        return text;
-    }
-    /// The deeds, then what is left or the error.
-    std::string repair() {
-        std::string text;
-        auto left = repairRecording(path(), kGoOn,
-                                    [&](const std::string& deed) { text += withoutPath(deed) + "\n"; });
-        if (!left) return text + withoutPath(left.error().text());
-        for (const Finding& finding : left.value())
-            text += "left: " + withoutPath(finding.text) + "\n";
-        return text;
-    }
-    std::string withoutPath(std::string text) const {
-        const std::string prefix = path().string() + "/";
-        for (auto at = text.find(prefix); at != std::string::npos; at = text.find(prefix))
-            text.erase(at, prefix.size());
-        return text;
-    }
-
-    lm::test::TempDir dir_;
     Files sound_;
 };
 
@@ -119,7 +88,7 @@ TEST_F(RecordingCheckTest, MakesIndexAndLevelsAnewCutAtAnyByteOrMissing) {
 TEST_F(RecordingCheckTest, FindsAFlippedByteWhereverItCountsAndLeavesRecordsAlone) {
     record(33);
     for (const auto& [name, whole] : Files(sound_)) {
-        if (name == "meta.json") continue;
+        if (name == "meta.json" || name == "events.jsonl") continue;
         const bool isRecords = name == "g0000.rec";
         const std::size_t used = name == "g0000_L1.pyr" ? 24 : 20;
         for (std::size_t at = 0; at < whole.size(); at += at < 60 ? 1 : 5) {
@@ -158,8 +127,7 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
     } rows[] = {
         {"g0000.rec", with(records, 12, 7),
          "g0000.rec: records of 7 bytes every 11, meta.json says 3 every 11; the records behind the header "
-         "are "
-         "in order\n",
+         "are this group's\n",
          "g0000.rec: header written anew\n"},
         {"g0000.rec", with(records, 8, 3), "g0000.rec: format version 3 instead of 2 !\n",
          "left: g0000.rec: format version 3 instead of 2\n"},
@@ -191,6 +159,62 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
     test::writeFile(file("meta.json"), R"({"formatVersion": 3})");
     EXPECT_EQ(check(), "unsupported recording format version 3");
     EXPECT_EQ(repair(), "unsupported recording format version 3");
+}
+
+TEST_F(RecordingCheckTest, LeavesRecordsThatAreNotCertainlyItsOwnAsTheyAre) {
+    const auto fileOf = [](std::uint32_t recordSize, std::int64_t firstNs, std::int64_t stepNs,
+                           std::int64_t count) {
+        const FileHeader header = recordHeader(recordSize);
+        Bytes bytes(header.begin(), header.end());
+        for (std::int64_t n = 0; n < count; ++n) {
+            bytes.resize(bytes.size() + 8);
+            writeLittle(&bytes[bytes.size() - 8], static_cast<std::uint64_t>(firstNs + n * stepNs));
+            bytes.insert(bytes.end(), recordSize, 0x41);
+        }
+        return bytes;
+    };
+    const auto damaged = [](Bytes bytes, std::size_t at = 1) { return bytes[at] ^= 1, bytes; };
+    constexpr std::int64_t kCycle = 10'000'000;
+    constexpr std::int64_t kFirst = 1'000'000'000;
+    const Bytes larger = fileOf(14, kFirst, kCycle, 40);
+    const std::string others =
+        "g0000.rec: of another recording: records of 14 bytes every 22, meta.json says 3 every 11 !\n";
+    const std::string unknown =
+        "g0000.rec: not the header of a record file; nothing shows whose records stand behind the header !\n";
+    record(40);
+    const std::pair<Bytes, std::string> rows[] = {
+        {larger, others},
+        {damaged(larger), others},
+        {damaged(fileOf(3, kFirst - 3'000'000'000, kCycle, 40)), unknown},
+        {damaged(fileOf(3, kFirst, kCycle / 3, 40)), unknown},
+        {damaged(fileOf(3, kFirst, 0, 40)), unknown},
+        {damaged(fileOf(3, kFirst, 5 * kCycle, 40)), unknown},
+        {damaged(fileOf(3, kFirst, std::int64_t{40} * 86400 * 1'000'000'000, 3)), unknown},
+        {damaged(fileOf(3, kFirst, kCycle, 1)), unknown},
+    };
+    for (const auto& [file, found] : rows) {
+        damage("g0000.rec", file);
+        const Files before = files();
+        EXPECT_EQ(check(), found);
+        EXPECT_EQ(repair(), "left: " + found.substr(0, found.size() - 3) + "\n");
+        EXPECT_EQ(files(), before);
+    }
+    RecordingInfo late = test::smallRecording();
+    late.startHostNs += 3'600'000'000'000;
+    damage("g0000.rec", fileOf(3, kFirst, kCycle, 40));
+    test::writeFile(file("meta.json"), metaToJson(late));
+    EXPECT_TRUE(check().starts_with("g0000.rec: 40 record(s) far before the start of the recording"));
+    // Both sizes damaged, and twice as many records as the description says would read as well.
+    RecordingInfo wide = test::smallRecording();
+    wide.groups[0].recordSize = 14;
+    wide.groups[0].cycleNs = 2 * kCycle;
+    fs::remove_all(path());
+    ASSERT_TRUE(RecordingWriter::create(path(), wide, {}).value()->close().ok());
+    sound_ = files();
+    damage("g0000.rec", damaged(fileOf(3, kFirst, kCycle, 41), 12));
+    const Files before = files();
+    EXPECT_NE(repair().find("nothing shows whose records stand behind the header"), std::string::npos);
+    EXPECT_EQ(files(), before);
 }
 
 TEST_F(RecordingCheckTest, AFullDiskOrAStopLeavesTheFilesAsTheyWere) {

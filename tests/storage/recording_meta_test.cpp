@@ -79,6 +79,8 @@ TEST(RecordingMeta, TellsWhatIsWrong) {
         {"\"identical\"", "\"table\",\"interpolate\":true,\"table\":[]", "conversion table is empty"},
         {"\"identical\"", "\"table\",\"interpolate\":true,\"table\":[[1,0],[0,0]]",
          "\"table\" is not in the order of its inputs"},
+        {"\"identical\"", "\"table\",\"interpolate\":true,\"table\":[[1,0],[\"nan\",0]]",
+         "\"table\" is not in the order of its inputs"},
         {"\"identical\"", "\"ratFunc\",\"ratFunc\":[1]", "\"ratFunc\" does not hold 6 numbers"},
         {"0.5,", "\"a lot\",", "not a number: \"a lot\""},
         {"0.5,", "[[0]],", "not a number: array"},

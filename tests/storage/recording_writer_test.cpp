@@ -50,7 +50,7 @@ TEST_F(RecordingWriterTest, WritesTheDocumentedBytes) {
               test::hex("4c 4d 52 45 43 00 00 00 02 00 00 00 03 00 00 00 0b 00 00 00" + zeros12 + first +
                         " 64 00 00 80 60 33 3c 00 00 00 00 65 00 ff"));
     EXPECT_EQ(Bytes(records.end() - 11, records.end()), test::hex(last.substr(1) + " 73 00 f1"));
-    EXPECT_EQ(entries(), (Names{"g0000.rec", "g0000.tix", "g0000_L1.pyr", "meta.json"}));
+    EXPECT_EQ(entries(), (Names{"events.jsonl", "g0000.rec", "g0000.tix", "g0000_L1.pyr", "meta.json"}));
     EXPECT_EQ(RecordingReader::open(path_).value().info().groups[0].signals[1].name, "Temp");
 }
 
@@ -81,7 +81,7 @@ TEST_F(RecordingWriterTest, NeverOverwritesARecordingButWhatACrashedStartLeft) {
     test::writeFile(file("g0000.rec"), std::string(5000, 'x'));
     test::writeSmallRecording(path_, 1);
     EXPECT_EQ(fs::file_size(file("g0000.rec")), 32U + 11);
-    EXPECT_EQ(entries(), (Names{"g0000.rec", "g0000.tix", "meta.json"}));
+    EXPECT_EQ(entries(), (Names{"events.jsonl", "g0000.rec", "g0000.tix", "meta.json"}));
     fs::remove(file("meta.json"));
     fs::create_symlink("gone", file("meta.json"));
     EXPECT_EQ(RecordingWriter::create(path_, test::smallRecording(), {}).error().text(),

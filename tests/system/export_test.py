@@ -267,6 +267,32 @@ class ExportTest(SystemTest):
         self.export(recording, "t.csv", "-s", "time")
         self.assertEqual(self.rows("t.csv")[0], ["master_time [s]", "time [s]"])
 
+    def test_outages(self):
+        """Events of all groups in MF4, a list with the gaps beside CSV; of the times that are exported."""
+        cyclic = Group("cyclic", SIGNALS[:1], [START_HOST + i * CYCLE + (i > 9) * CYCLE for i in range(20)])
+        directory = self.record(cyclic, Group("tooth, odd", SIGNALS[:1], [START_HOST + CYCLE], 0))
+        first, second = START_HOST + 91_000_000, START_HOST + 205_000_000
+        lines = [{"event": "start", "timeNs": START_HOST, "utcNs": START_UTC, "version": 1},
+                 {"event": "outageBegin", "timeNs": first, "reason": "lost, \"so\""}, {"event": "later", "timeNs": first},
+                 {"event": "outageEnd", "timeNs": first + 10, "recovered": True, "outcome": "back"},
+                 {"event": "outageBegin", "timeNs": second, "reason": "again"}]
+        (directory / "events.jsonl").write_text("".join(json.dumps(line) + "\n" for line in lines), encoding="utf-8")
+        read = self.mf4(directory, "o.mf4")
+        both = [("outage: lost, \"so\"; back", None, 1), ("outage: lost, \"so\"; back", None, 2)]
+        self.assertEqual([event[:3] for event in read.events],
+                         [*both, ("outage to the end: again", None, 0), *(("gap in cyclic", "cyclic", n) for n in (1, 2))])
+        for event, time in zip(read.events, (first, first + 10, second)):
+            self.assertAlmostEqual(event[3], (time - START_HOST) / 1e9, places=9)
+        done = self.export(directory, "o.csv", "--gaps")
+        self.assertEqual(done.stdout, "".join(f"{self.dir}/o_{name}.csv written\n" for name in ("cyclic", "tooth, odd", "gaps")))
+        head_line = ["kind", "group", "begin [s]", "end [s]", "reason"]
+        gaps = [["outage", "", "0.091", "0.09100001", "lost, \"so\"; back"], ["outage", "", "0.205", "", "again"],
+                ["gap", "cyclic", "0.09", "0.11", ""]]
+        self.assertEqual(self.rows("o_gaps.csv"), [head_line, *gaps])
+        self.export(directory, "p.csv", "--gaps", "--to", "0.09", "--merge")
+        self.assertEqual(self.rows("p_gaps.csv"), [head_line])
+        self.assertIn("2 outage(s) in this time, --gaps lists them\n", self.export(directory, "q.csv").stderr)
+
     def test_many_blocks(self):
         """A list of deflated blocks holds the same bytes as the copy; both hold those of the recording."""
         group = Group("many", SIGNALS[1:4], [START_HOST + i * CYCLE for i in range(600_000)])
@@ -298,6 +324,7 @@ class ExportTest(SystemTest):
                 (("x.txt",), "the name x.txt does not end in .mf4 or .csv, give --format mf4 or --format csv"),
                 (("x.mf4", "--format", "xls"), "unknown format 'xls' (mf4 or csv)"),
                 (("x.mf4", "--merge"), "--merge is for CSV files"),
+                (("x.mf4", "--gaps"), "--gaps is for CSV files, an MF4 file holds outages and gaps as events"),
                 (("x.csv", "--every", "0"), "--every: 0 is not a number of records"),
                 (("x.mf4", "-s", "plain", "-s", "nix*"), "no signal matches 'nix*' in this recording"),
                 (("x.mf4", "--from", "soon"), f"'soon' {usual}")]

@@ -115,12 +115,13 @@ class File:
 
     def event(self, block):
         kind, sync, mode, *zero, scopes, attachments, _, base, factor = block.unpack("<8BIHHqd")
-        need((kind, sync, any(zero), scopes, attachments) == (2, 1, False, 1, 0) and len(block.links) == 6, "event")
-        scope = next(g for g in self.groups if g.place == block.links[5])
+        need((kind, sync, any(zero), attachments) == (2, 1, False, 0) and len(block.links) == 5 + scopes, "event")
+        need(scopes == (not self.text(block.links[3]).startswith("outage")), "scope")
+        scope = next((g.name for g in self.groups if scopes and g.place == block.links[5]), None)
         need((mode == 2) == (block.links[2] != 0), "an end without a begin")
         if mode == 2:
             need(self.block(block.links[2], "EV").unpack("<BBB")[2] == 1, "an end of no begin")
-        return self.text(block.links[3]), scope.name, mode, base * factor
+        return self.text(block.links[3]), scope, mode, base * factor
 
     def check_cover(self):
         """Every byte belongs to one block that was reached, or is zero and stands before an 8 byte or page border."""

@@ -4,6 +4,7 @@ import signal
 import unittest
 
 import harness
+import recording
 from relay import STOP_ALL
 
 NO_DATA = f"connection lost: no DAQ data for {harness.HEARTBEAT_MS} ms"
@@ -26,8 +27,23 @@ class ReconnectTest(harness.SystemTest):
         self.assertEqual([re.sub(r"(reconnected after) \d+ attempt\(s\)$", r"\1 N", line) for line in shown], states)
         told, groups = self.statistics(program.err, self.dir / "rec")
         self.assertEqual(told["reconnects"], reconnects)
+        self.check_outages(shown)
         self.assertTrue(all(group.records for group in groups))
         return groups
+
+    def check_outages(self, shown):
+        """The recording tells each change of state that began or ended an outage."""
+        expected = []
+        for state, message in (line[3:].split(": ", 1) for line in shown):
+            if not expected or len(expected[-1]) == 3:
+                expected.append((message,))
+            else:
+                expected[-1] += (state == "measuring", message)
+        if expected and len(expected[-1]) == 1:
+            expected[-1] += (False, "the measurement ended")
+        told = [e for e in recording.events(self.dir / "rec") if e["event"].startswith("outage")]
+        self.assertEqual([(b["reason"], e["recovered"], e["outcome"]) for b, e in zip(told[::2], told[1::2])], expected)
+        self.assertEqual(told, sorted(told, key=lambda event: event["timeNs"]))
 
     def attempts(self, program):
         return re.findall(r"reconnect attempt (\d+): (.*)", program.err)
@@ -84,6 +100,31 @@ class ReconnectTest(harness.SystemTest):
             self.assertEqual(len(pauses), 1)
             jumps = {i for i in range(1, len(values)) if values[i] != values[i - 1] + 1}
             self.assertLessEqual(jumps, set(pauses))
+
+    def test_ended_in_an_outage(self):
+        """By Ctrl-C the outage ends, by kill -9 it has no end; what no cycle tells is said."""
+        for number, last in ((signal.SIGINT, ["outageBegin", "outageEnd", "clock"]), (signal.SIGKILL, ["outageBegin"])):
+            directory = self.dir / f"rec{number}"
+            sim = self.start_sim()
+            program = self.start_cli(sim, "-c", self.quick_config(), "--reconnect", "retry_forever",
+                                     *harness.record(directory, ["counter_1ms@0", "counter_async@3"], every=20))
+            program.wait_for_out("counter_async")
+            sim.kill()
+            program.wait_for_err("reconnect attempt 1:")
+            program.signal(number)
+            program.finish()
+            told = "missed cycles cannot be checked in crank_tooth: no cycle is known\n" in program.err
+            lines = recording.events(directory)
+            self.assertEqual(([line["event"] for line in lines], told), (last, number == signal.SIGINT))
+            latest = max(group.timestamps[-1] for group in recording.Recording(directory).groups)
+            self.assertLess(abs(lines[0]["timeNs"] - latest), 300_000_000)
+            self.assertNotIn("events.jsonl", self.run_plain("recording", "check", directory).stdout)
+            info = self.run_plain("recording", "info", directory).stdout
+            end = r"\d+\.\d{3} s: .*; the measurement ended" if number == signal.SIGINT else "the end: connection lost: .*"
+            self.assertRegex(info, rf"(?m)^outages        1, .* in all\n  from \d+\.\d{{3}} s to {end}$")
+            self.assertIn("gaps         not known, no cycle says when the next record is due\n", info)
+            shown = self.run_plain("recording", "show", directory, "-s", "counter_async").stdout
+            self.assertRegex(shown.splitlines()[-1], f"^outage from .* to {end}$")
 
     def test_retry_gives_up(self):
         sim = self.start_sim()

@@ -58,3 +58,12 @@ class Recording:
         if self.meta["formatVersion"] != 2:
             raise ValueError(f"format version {self.meta['formatVersion']}")
         self.groups = [Group(directory, number, meta) for number, meta in enumerate(self.meta["groups"])]
+
+
+def events(directory):
+    """The lines of "events.jsonl" behind the first, which belongs to "meta.json"."""
+    first, *lines = map(json.loads, (Path(directory) / "events.jsonl").read_text(encoding="utf-8").splitlines())
+    meta = json.loads((Path(directory) / "meta.json").read_text(encoding="utf-8"))
+    if first != {"event": "start", "timeNs": meta["startHostNs"], "utcNs": meta["startUtcNs"], "version": 1}:
+        raise ValueError(f"events of another recording: {first}")
+    return lines

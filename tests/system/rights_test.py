@@ -10,7 +10,8 @@ from harness import CLI, record
 
 # As long as the names they replace, which the ECU tells.
 EVENT_NAMES = ((b"cyclic_10ms", b"/%n/\x1b[2J../"), (b"cyclic_1ms", b"../../../x"))
-FILES = ("saved.json", "out.mf4", "out_.._.._.._x.csv", "out__%n__[2J.._.csv", "rec/meta.json", "rec/g0000", "rec/g0001")
+FILES = ("saved.json", "out.mf4", "out_.._.._.._x.csv", "out__%n__[2J.._.csv", "rec/meta.json", "rec/events.jsonl",
+         "rec/g0000", "rec/g0001")
 EVIL = "../../../%n%s/\x1b]0;evil\x07"
 
 

@@ -1,0 +1,29 @@
+#include "session/outage_notes.h"
+
+#include <utility>
+
+#include "storage/recording_events.h"
+
+namespace lm::session {
+
+void OutageNotes::onState(SessionState state, const std::string& message, std::int64_t lastSampleNs,
+                          std::int64_t nowNs, storage::RecordingWriter& writer) {
+    const bool isOut = state == SessionState::reconnecting || state == SessionState::failed;
+    if (isOut && !isOpen_) {
+        isOpen_ = true;
+        outcome_.clear();
+        writer.note(storage::outageBeginLine(lastSampleNs, message));
+    } else if (isOut) {
+        outcome_ = message;
+    } else if (state == SessionState::measuring && isOpen_) {
+        isOpen_ = false;
+        writer.note(storage::outageEndLine(nowNs, true, message));
+    }
+}
+
+void OutageNotes::end(std::int64_t nowNs, storage::RecordingWriter& writer) {
+    if (!std::exchange(isOpen_, false)) return;
+    writer.note(storage::outageEndLine(nowNs, false, outcome_.empty() ? "the measurement ended" : outcome_));
+}
+
+}  // namespace lm::session
