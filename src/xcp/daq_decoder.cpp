@@ -31,8 +31,8 @@ DaqDecoder::DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
       timestampSize_(plan.timestampSize),
       overloadInPid_(plan.overloadInPid),
       firstListNumber_(plan.firstListNumber),
-      clock_(plan.timestampSize, capabilities.tickNs) {
-    lists_.resize(plan.lists.size());
+      clock_(plan.timestampSize, capabilities.tickNs),
+      lists_(plan.lists.size()) {
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         const DaqList& planned = plan.lists[i];
         const EventChannel* const event = capabilities.findEvent(planned.eventChannel);
@@ -79,6 +79,7 @@ DaqDecoder::Place DaqDecoder::find(const std::uint8_t* data, std::uint8_t pid) {
 
 void DaqDecoder::onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
     dtos_.add(1);
+    if (holes_ != nullptr && holes_->load(std::memory_order_relaxed) != holesSeen_) endOpenRecords();
     if (length < identificationSize_) {
         malformedDtos_.add(1);
         return;
@@ -145,10 +146,18 @@ void DaqDecoder::abandon(List& list, std::uint64_t lostOdts) {
     list.nextOdt = 0;
 }
 
+/// Their next ODTs may be those of later samples.
+void DaqDecoder::endOpenRecords() {
+    holesSeen_ = holes_->load(std::memory_order_relaxed);
+    for (List& list : lists_) {
+        if (list.nextOdt != 0) abandon(list, list.odts.size() - list.nextOdt);
+    }
+}
+
 void DaqDecoder::finishRecord(List& list) {
     list.nextOdt = 0;
     if (list.timestamp) checkCycle(list);
-    records_.add(1);
+    list.records.add(1);
     if (sink_ != nullptr) {
         sink_->onRecord({.listNumber = list.number,
                          .listIndex = static_cast<std::size_t>(&list - lists_.data()),
@@ -172,8 +181,11 @@ void DaqDecoder::checkCycle(List& list) {
 }
 
 DaqDecoderCounters DaqDecoder::counters() const {
+    std::uint64_t records = 0;
+    for (const List& list : lists_)
+        records += list.records.get();
     return {.dtos = dtos_.get(),
-            .records = records_.get(),
+            .records = records,
             .lostOdts = lostOdts_.get(),
             .incompleteRecords = incompleteRecords_.get(),
             .missedCycles = missedCycles_.get(),

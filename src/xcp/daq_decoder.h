@@ -69,8 +69,16 @@ class DaqDecoder final : public IDtoSink {
                std::span<const std::uint8_t> firstPids = {});
 
     void setSink(IDaqRecordSink* sink) { sink_ = sink; }
+    /// A count of the places where the line is known to have lost packets, raised on the receive thread
+    /// before the first packet behind such a place. No record is joined across one. Borrowed.
+    void setHoles(const std::atomic<std::uint64_t>* holes) {
+        holes_ = holes;
+        holesSeen_ = holes->load();
+    }
     void onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) override;
     DaqDecoderCounters counters() const;
+    /// Records of DaqPlan::lists[index].
+    std::uint64_t recordsOf(std::size_t index) const { return lists_[index].records.get(); }
 
   private:
     struct OdtLayout {
@@ -90,6 +98,7 @@ class DaqDecoder final : public IDtoSink {
         std::int64_t timeNs = 0;
         std::int64_t previousNs = 0;
         ListClock clock = {};
+        Counter records = {};  ///< read by any thread
         std::vector<OdtLayout> odts = {};
         std::vector<std::uint8_t> record = {};
     };
@@ -107,6 +116,7 @@ class DaqDecoder final : public IDtoSink {
     Place find(const std::uint8_t* data, std::uint8_t pid);
     bool beginRecord(List& list, const std::uint8_t* data, std::size_t length, std::int64_t receiveNs);
     void abandon(List& list, std::uint64_t lostOdts);
+    void endOpenRecords();
     void finishRecord(List& list);
     void checkCycle(List& list);
 
@@ -118,14 +128,15 @@ class DaqDecoder final : public IDtoSink {
     std::uint16_t firstListNumber_;
     std::array<PidEntry, 256> pids_ = {};
     IDaqRecordSink* sink_ = nullptr;
+    const std::atomic<std::uint64_t>* holes_ = nullptr;
 
     // Receive thread only.
+    std::uint64_t holesSeen_ = 0;
     SlaveClock clock_;
     std::vector<List> lists_;
 
     // Written by the receive thread.
-    Counter dtos_, records_, lostOdts_, incompleteRecords_, missedCycles_, overloads_, unknownDtos_,
-        malformedDtos_;
+    Counter dtos_, lostOdts_, incompleteRecords_, missedCycles_, overloads_, unknownDtos_, malformedDtos_;
 };
 
 }  // namespace lm::xcp
