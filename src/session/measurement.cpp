@@ -196,6 +196,7 @@ Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
         decoder_ = std::make_unique<xcp::DaqDecoder>(plan_.daq, capabilities, firstPids.value());
         decoder_->setSink(this);
         decoder_->setHoles(&context_.holes);
+        decoder_->holdBack();
     }
     context_.master.setDtoSink(decoder_.get());
     return context_.master.startDaq();
@@ -205,6 +206,7 @@ void Measurement::removeDecoder() {
     context_.master.setDtoSink(nullptr);
     const std::lock_guard lock(decoderMutex_);
     if (!decoder_) return;
+    decoder_->settle(std::numeric_limits<std::int64_t>::max());
     add(totals_, decoder_->counters());
     for (std::size_t i = 0; i < delivered_.size(); ++i)
         delivered_[i] = delivered_[i] || decoder_->recordsOf(i) != 0;
@@ -319,6 +321,11 @@ void Measurement::addSilentLists(MeasurementStats& stats) const {
 std::uint64_t Measurement::recordsReceived() const {
     const std::lock_guard lock(decoderMutex_);
     return totals_.records + (decoder_ ? decoder_->counters().records : 0);
+}
+
+void Measurement::settleSamples() {
+    const std::lock_guard lock(decoderMutex_);
+    if (decoder_) decoder_->settle(steadyNowNs());
 }
 
 void Measurement::countReconnect() {

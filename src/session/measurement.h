@@ -77,6 +77,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
 
     std::uint64_t recordsReceived() const override;
     Result<bool> daqRunning() override;
+    void settleSamples() override;
     Result<void> reconnect() override;
     Result<void> restartDaq() override;
     void countReconnect() override;

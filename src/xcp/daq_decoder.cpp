@@ -1,6 +1,8 @@
 #include "xcp/daq_decoder.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "core/bytes.h"
 
@@ -9,6 +11,7 @@ namespace lm::xcp {
 namespace {
 
 constexpr std::uint8_t kOverloadBit = 0x80;
+constexpr std::int64_t kLongestHeldNs = 10'000'000'000;  // packets are not held up for longer
 
 /// The list number travels least-significant byte first for slaves of either byte order.
 std::uint16_t listNumberOf(DaqIdentification type, const std::uint8_t* data) {
@@ -40,6 +43,8 @@ DaqDecoder::DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
         list.number = plan.listNumber(i);
         list.timestamp = planned.timestamp;
         list.periodNs = event == nullptr ? 0 : event->cycleNs * planned.prescaler;
+        list.mayHide = list.timestamp && clock_.usable() && clock_.wrapNs() <= kLongestHeldNs &&
+                       list.periodNs > 0 && list.periodNs <= clock_.wrapNs() / 2;
         list.record.resize(planned.recordSize);
         for (const Odt& odt : planned.odts) {
             list.odts.push_back({odt.payloadSize, odt.recordOffset});
@@ -78,6 +83,15 @@ DaqDecoder::Place DaqDecoder::find(const std::uint8_t* data, std::uint8_t pid) {
 }
 
 void DaqDecoder::onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
+    if (holding_.load(std::memory_order_acquire)) [[unlikely]] {
+        const std::lock_guard lock(holdMutex_);
+        decode(data, length, time);
+    } else {
+        decode(data, length, time);
+    }
+}
+
+void DaqDecoder::decode(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
     dtos_.add(1);
     if (holes_ != nullptr && holes_->load(std::memory_order_relaxed) != holesSeen_) endOpenRecords();
     if (length < identificationSize_) {
@@ -123,20 +137,13 @@ bool DaqDecoder::beginRecord(List& list, const std::uint8_t* data, std::size_t l
                              std::int64_t receiveNs) {
     list.nextOdt = 0;
     list.receiveNs = receiveNs;
-    list.timeNs = receiveNs;
-    list.hasTime = false;
     if (!list.timestamp) return true;
     if (length < static_cast<std::size_t>(identificationSize_) + timestampSize_) {
         malformedDtos_.add(1);
         return false;
     }
-    if (clock_.usable()) {
-        const auto raw = readSized(data + identificationSize_, timestampSize_, ByteOrder::littleEndian);
-        list.timeNs = clock_.map(list.clock, static_cast<std::uint32_t>(raw), receiveNs);
-        list.hasTime = true;
-        if (list.clockGeneration != clock_.generation()) list.hasPrevious = false;
-        list.clockGeneration = clock_.generation();
-    }
+    list.raw = static_cast<std::uint32_t>(
+        readSized(data + identificationSize_, timestampSize_, ByteOrder::littleEndian));
     return true;
 }
 
@@ -156,27 +163,91 @@ void DaqDecoder::endOpenRecords() {
 
 void DaqDecoder::finishRecord(List& list) {
     list.nextOdt = 0;
-    if (list.timestamp) checkCycle(list);
     list.records.add(1);
-    if (sink_ != nullptr) {
-        sink_->onRecord({.listNumber = list.number,
-                         .listIndex = static_cast<std::size_t>(&list - lists_.data()),
-                         .receiveTimeNs = list.receiveNs,
-                         .slaveTimeNs = list.hasTime ? list.timeNs : 0,
-                         .hasSlaveTime = list.hasTime,
-                         .overload = list.overload,
-                         .data = list.record.data(),
-                         .size = list.record.size()});
-    }
-    list.overload = false;
+    UntimedRecord record{.list = static_cast<std::uint32_t>(&list - lists_.data()),
+                         .raw = list.raw,
+                         .receiveNs = list.receiveNs,
+                         .overload = std::exchange(list.overload, false),
+                         .regular = list.mayHide};
+    if (held_ && heldBack(list, record)) return;
+    if (list.timestamp && clock_.usable()) record.ticks = clock_.follow(list.clock, list.raw, list.receiveNs);
+    deliver(record, list.record.data());
 }
 
-void DaqDecoder::checkCycle(List& list) {
-    if (list.hasPrevious && list.periodNs > 0 && list.previousNs < list.timeNs) {
-        const std::int64_t periods = (list.timeNs - list.previousNs + list.periodNs / 2) / list.periodNs;
+void DaqDecoder::holdBack() {
+    const bool stamped = std::all_of(lists_.begin(), lists_.end(), [](const List& l) { return l.timestamp; });
+    if (stamped && clock_.usable()) held_ = std::make_unique<HeldRecords>(lists_.size());
+}
+
+/// False when the record is to be handed on at once.
+bool DaqDecoder::heldBack(const List& list, const UntimedRecord& record) {
+    // The start ends with a record that may begin a silence.
+    if (holding() && held_->ofStart() && held_->due(record.receiveNs)) release();
+    const bool first = !holding();
+    if (first && !held_->begun()) {
+        held_->beginStart(record.receiveNs);
+    } else if (first) {
+        if (!list.mayHide) return false;
+        const std::int64_t lag = clock_.lagNs(clock_.next(list.clock, record.raw), record.receiveNs);
+        if (lag <= clock_.longestLagNs()) return false;
+        held_->beginSilence(record, list.clock, clock_);
+    }
+    if (!held_->add(record, list.record.data(), list.record.size())) {
+        release();
+        return false;
+    }
+    if (!held_->ofStart() && held_->enough(record, clock_)) {
+        release();
+    } else if (first) {
+        // From now on another thread may take them.
+        holding_.store(true, std::memory_order_release);
+    }
+    return true;
+}
+
+void DaqDecoder::settle(std::int64_t nowNs) {
+    if (!holding_.load(std::memory_order_acquire)) return;
+    const std::lock_guard lock(holdMutex_);
+    if (holding() && held_->due(nowNs)) release();
+}
+
+void DaqDecoder::release() {
+    for (std::size_t i = 0; i < lists_.size(); ++i)
+        held_->scout(i) = lists_[i].clock;
+    held_->findTicks(clock_);
+    for (const UntimedRecord& record : held_->records())
+        deliver(record, held_->bytes(record));
+    held_->clear();
+    holding_.store(false, std::memory_order_release);
+}
+
+void DaqDecoder::deliver(const UntimedRecord& record, const std::uint8_t* data) {
+    List& list = lists_[record.list];
+    const bool timed = list.timestamp && clock_.usable();
+    std::int64_t timeNs = record.receiveNs;
+    if (timed) {
+        timeNs = clock_.mapTicks(list.clock, record.ticks, record.receiveNs);
+        if (list.clockGeneration != clock_.generation()) list.hasPrevious = false;
+        list.clockGeneration = clock_.generation();
+    }
+    if (list.timestamp) checkCycle(list, timeNs);
+    if (sink_ == nullptr) return;
+    sink_->onRecord({.listNumber = list.number,
+                     .listIndex = record.list,
+                     .receiveTimeNs = record.receiveNs,
+                     .slaveTimeNs = timed ? timeNs : 0,
+                     .hasSlaveTime = timed,
+                     .overload = record.overload,
+                     .data = data,
+                     .size = list.record.size()});
+}
+
+void DaqDecoder::checkCycle(List& list, std::int64_t timeNs) {
+    if (list.hasPrevious && list.periodNs > 0 && list.previousNs < timeNs) {
+        const std::int64_t periods = (timeNs - list.previousNs + list.periodNs / 2) / list.periodNs;
         if (periods > 1) missedCycles_.add(static_cast<std::uint64_t>(periods - 1));
     }
-    list.previousNs = list.timeNs;
+    list.previousNs = timeNs;
     list.hasPrevious = true;
 }
 
