@@ -170,8 +170,18 @@ void DaqDecoder::finishRecord(List& list) {
                          .overload = std::exchange(list.overload, false),
                          .regular = list.mayHide};
     if (held_ && heldBack(list, record)) return;
-    if (list.timestamp && clock_.usable()) record.ticks = clock_.follow(list.clock, list.raw, list.receiveNs);
+    if (list.timestamp && clock_.usable()) record.ticks = ticksOf(list);
     deliver(record, list.record.data());
+}
+
+std::uint64_t DaqDecoder::ticksOf(const List& list) const {
+    if (held_ && held_->backlog() && late(list)) return clock_.followHeld(list.clock, list.raw);
+    return clock_.follow(list.clock, list.raw, list.receiveNs);
+}
+
+/// The open record's timestamp: its counter has wrapped unseen, or its packet was held up.
+bool DaqDecoder::late(const List& list) const {
+    return clock_.lagNs(clock_.next(list.clock, list.raw), list.receiveNs) > clock_.longestLagNs();
 }
 
 void DaqDecoder::holdBack() {
@@ -188,8 +198,10 @@ bool DaqDecoder::heldBack(const List& list, const UntimedRecord& record) {
         held_->beginStart(record.receiveNs);
     } else if (first) {
         if (!list.mayHide) return false;
-        const std::int64_t lag = clock_.lagNs(clock_.next(list.clock, record.raw), record.receiveNs);
-        if (lag <= clock_.longestLagNs()) return false;
+        if (!late(list)) {
+            held_->endBacklog();
+            return false;
+        }
         held_->beginSilence(record, list.clock, clock_);
     }
     if (!held_->add(record, list.record.data(), list.record.size())) {

@@ -131,6 +131,8 @@ class DaqDecoder final : public IDtoSink {
     void abandon(List& list, std::uint64_t lostOdts);
     void endOpenRecords();
     void finishRecord(List& list);
+    std::uint64_t ticksOf(const List& list) const;
+    bool late(const List& list) const;
     bool holding() const { return holding_.load(std::memory_order_relaxed); }
     bool heldBack(const List& list, const UntimedRecord& record);
     void release();

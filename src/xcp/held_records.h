@@ -47,6 +47,9 @@ class HeldRecords {
 
     /// Whether the first of a silence need wait no longer, once `latest` has been added.
     bool enough(const UntimedRecord& latest, const SlaveClock& clock) const;
+    /// The latest records came out of a backlog, which others may still come of.
+    bool backlog() const { return backlog_; }
+    void endBacklog() { backlog_ = false; }
     bool ofStart() const { return reason_ == Reason::start; }
     /// Whether they have waited long enough by then.
     bool due(std::int64_t nowNs) const { return nowNs - sinceNs_ >= limitNs_; }
@@ -67,6 +70,7 @@ class HeldRecords {
 
     Reason reason_ = Reason::start;
     bool begun_ = false;
+    bool backlog_ = false;
     std::int64_t sinceNs_ = 0;  ///< receive time of the first
     std::int64_t limitNs_ = 0;
 

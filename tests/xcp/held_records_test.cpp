@@ -44,7 +44,7 @@ std::vector<Sample> samples(const std::vector<int>& cyclesMs, int untilMs,
 /// Held up from `begin` to `end`, then all at once.
 std::function<double(double, std::size_t)> heldUp(double begin, double end) {
     return
-        [=](double taken, std::size_t) { return taken > begin && taken < end ? end + taken * 1e-4 : taken; };
+        [=](double taken, std::size_t) { return taken > begin && taken <= end ? end + taken * 1e-4 : taken; };
 }
 
 TEST(HeldRecords, EveryRecordLiesWhereItWasTaken) {
