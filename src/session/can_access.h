@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -73,6 +74,7 @@ class CanAccess {
     std::uint32_t resId_ = 0;
     CanBitrates described_;
     bool listIdsFixed_ = false;
+    std::optional<hal::CanLinkState> link_;  ///< asked once: the receive thread must not wait for the kernel
 
     std::atomic<bool> lossReported_{false};  ///< said once
 

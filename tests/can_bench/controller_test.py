@@ -128,7 +128,7 @@ class FaultTest(ControllerCase):
                 ip("link set fcan0 down")
                 ip("link set fcan0 up type can bitrate 500000 restart-ms", restart_ms)
                 sim = self.start_pair(reach=["-c", self.patient_config()])
-                program = self.start_cli(sim, "measure", "-p", "20", *harness.signals(["counter_10ms@1"]))
+                program = self.start_cli(sim, "measure", "-p", "20", *harness.signals(["counter_10ms@1", "throttle@1"]))
                 program.wait_for_out("counter_10ms", 2)
                 for order in ("bec 130 20", "bec 10 0") * 4 + ("bec 256 0",):
                     Path("/sys/class/net/fcan0/fault").write_text(order)
