@@ -121,6 +121,8 @@ class FaultTest(ControllerCase):
         self.assertIn(" error frames 5\n", program.err)
 
     def test_bus_off_is_told_after_many_changes_and_its_mend_where_there_is_one(self):
+        self.addCleanup(ip, "link set fcan0 type can restart-ms 0")
+        self.addCleanup(ip, "link set fcan0 down")
         for restart_ms, line in ((0, "bus off, nothing is sent any more. Restart the controller in a terminal: "
                                   "`sudo ip link set fcan0 type can restart`"),
                                  (200, "bus off, the controller restarts by itself after 200 ms")):
