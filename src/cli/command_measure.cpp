@@ -51,6 +51,8 @@ double measureUntilEnd(double duration, session::Session& session, const Console
 void warnAboutLosses(const session::MeasurementStats& stats, const Console& console) {
     const std::string losses = otherLosses(stats);
     if (!losses.empty()) spdlog::warn("measure: {}", losses);
+    for (const std::string& line : silentLists(stats))
+        spdlog::warn("measure: {}", line);
     if (const auto skipped = console.skippedLines(); skipped != 0) {
         spdlog::warn("measure: {} line(s) not printed, standard output did not take them", skipped);
     }
@@ -63,6 +65,20 @@ std::string counts(std::initializer_list<std::pair<const char*, std::uint64_t>> 
         if (count != 0) text += fmt::format("{}{} {}", text.empty() ? "" : ", ", name, count);
     }
     return text;
+}
+
+double inSeconds(std::chrono::nanoseconds time) {
+    return Seconds(time).count();
+}
+
+/// What is not known to be samples of this measurement (foreign frames that the kernel dropped) counts too:
+/// it may have been.
+bool lostSamples(const session::MeasurementStats& stats) {
+    const std::uint64_t lost = stats.lostOdts + stats.missedCycles + stats.overloads + stats.canDropped +
+                               stats.recordedDropped + stats.incompleteRecords + stats.unknownDtos +
+                               stats.malformedDtos + stats.missingPackets + stats.malformedDatagrams +
+                               stats.kernelDrops + stats.invalidFrames;
+    return lost != 0;
 }
 
 }  // namespace
@@ -104,12 +120,49 @@ std::string otherLosses(const session::MeasurementStats& stats) {
         {"UDP datagrams dropped by the kernel", stats.kernelDrops},
         {"serial invalid frames", stats.invalidFrames},
     });
+    const auto add = [&text](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
     if (stats.withoutSamples.count() != 0) {
-        text += fmt::format("{}{} s without samples before {} reconnection(s)", text.empty() ? "" : ", ",
-                            formatFixed(std::chrono::duration<double>(stats.withoutSamples).count(), 1),
-                            stats.reconnects);
+        add(fmt::format("{} s without samples before {} reconnection(s)",
+                        formatFixed(inSeconds(stats.withoutSamples), 1),
+                        stats.reconnects - stats.failedReconnects));
+    }
+    if (stats.failedReconnects != 0) {
+        add(fmt::format("{} of {} reconnects failed", stats.failedReconnects, stats.reconnects));
+    }
+    if (stats.withoutSamplesToEnd.count() != 0) {
+        add(fmt::format("{} s without samples up to the end",
+                        formatFixed(inSeconds(stats.withoutSamplesToEnd), 1)));
     }
     return text;
+}
+
+std::vector<std::string> silentLists(const session::MeasurementStats& stats) {
+    std::vector<std::string> lines;
+    for (const session::SilentList& list : stats.silentLists) {
+        std::string event = list.eventName;
+        if (!event.empty()) event += ", ";
+        event += list.cycleNs > 0
+                     ? fmt::format("{} ms", formatGeneral(static_cast<double>(list.cycleNs) / 1e6))
+                     : "not cyclic";
+        lines.push_back(fmt::format("no record came of event {} ({})", list.event, event));
+    }
+    if (stats.onlyHeardId != 0) {
+        lines.push_back(fmt::format(
+            "DTOs were expected with the identifier 0x{:X} only, since the A2L fixes none for DAQ "
+            "lists (DAQ_LIST_CAN_ID is VARIABLE or missing); if the ECU sends them with another "
+            "one, write that into the A2L: /begin DAQ_LIST_CAN_ID 0 FIXED 0x123 /end "
+            "DAQ_LIST_CAN_ID",
+            stats.onlyHeardId));
+    }
+    return lines;
+}
+
+bool failsOn(const std::vector<std::string>& failOn, const session::MeasurementStats& stats) {
+    return std::any_of(failOn.begin(), failOn.end(), [&stats](const std::string& what) {
+        if (what == "losses") return lostSamples(stats);
+        if (what == "outage") return stats.reconnects != 0 || stats.withoutSamplesToEnd.count() != 0;
+        return !stats.silentLists.empty();
+    });
 }
 
 std::string countsWithoutStop(const session::MeasurementStats& stats) {
@@ -160,7 +213,8 @@ int runMeasure(const Options& options, session::Session& session, Console& conso
         exitCode = failed ? 2 : 1;
     }
     warnAboutLosses(stats, console);
-    return reportOutputFailure(console.failure()) && exitCode == 0 ? 1 : exitCode;
+    if (reportOutputFailure(console.failure()) && exitCode == 0) exitCode = 1;
+    return exitCode == 0 && failsOn(options.failOn, stats) ? 3 : exitCode;
 }
 
 }  // namespace lm::cli

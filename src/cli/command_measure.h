@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "cli/console_printer.h"
 #include "cli/options.h"
@@ -25,6 +26,12 @@ std::string uncheckedLine(const session::PlanSummary& summary);
 /// Every loss that the statistics line does not name ("unknown DTOs 3, UDP counter gaps 1"); empty when there
 /// was none.
 std::string otherLosses(const session::MeasurementStats& stats);
+
+/// A line for each DAQ list that gave no record, then why, when that is known; without newlines.
+std::vector<std::string> silentLists(const session::MeasurementStats& stats);
+
+/// Whether something of `failOn` ("losses", "outage", "empty") happened.
+bool failsOn(const std::vector<std::string>& failOn, const session::MeasurementStats& stats);
 
 /// What is told instead of the statistics line when the ECU did not confirm the stop: the records, and every
 /// count of that line that is not zero.

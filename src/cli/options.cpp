@@ -144,6 +144,13 @@ void addCommands(CLI::App& app, Options& options) {
     measure->add_option("-p,--print-every", options.printEvery,
                         "Print every n-th record per DAQ list (0 = none)");
     addExact(*measure, options);
+    measure
+        ->add_option("--fail-on", options.failOn,
+                     "losses,outage,empty: exit code 3 when samples were lost, the connection was lost, or a "
+                     "DAQ list gave no record")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(CLI::IsMember({"losses", "outage", "empty"}));
 
     CLI::App* console = addCommand(app, options, Command::console, "console",
                                    "Serial line: show the text output of the ECU, send lines from stdin");

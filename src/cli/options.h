@@ -76,6 +76,7 @@ struct Options {
     std::vector<std::string> signals;      ///< measure
     std::string recordDirectory;           ///< measure
     std::uint32_t printEvery = 100;        ///< measure
+    std::vector<std::string> failOn;       ///< measure: of "losses", "outage", "empty"
     double durationSeconds = 0;            ///< measure, console
     std::string outputFile;                ///< save-config
     RecordingOptions recording;            ///< recording

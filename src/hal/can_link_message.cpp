@@ -129,6 +129,7 @@ void readController(Bytes attributes, CanLinkState& link) {
     link.dataBitTiming = findBitTiming(attributes, IFLA_CAN_DATA_BITTIMING);
     link.controlMode = findValue<can_ctrlmode>(attributes, IFLA_CAN_CTRLMODE).value_or(can_ctrlmode{}).flags;
     link.busState = busStateFrom(findValue<std::uint32_t>(attributes, IFLA_CAN_STATE));
+    link.restartMs = findValue<std::uint32_t>(attributes, IFLA_CAN_RESTART_MS).value_or(0);
 }
 
 Error unexpectedReply() {

@@ -144,6 +144,7 @@ void CanReceiver::setState(CanBusState state, std::int64_t timeNs) {
 }
 
 void CanReceiver::countLost(std::uint32_t count, std::int64_t timeNs) {
+    finish();  // what came before the hole is told before it
     counters_.framesLost.fetch_add(count, std::memory_order_relaxed);
     report(CanChannelEventKind::framesLost, timeNs, count);
 }

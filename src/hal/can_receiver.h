@@ -42,7 +42,7 @@ class CanReceiver {
     void begin(CanClocks clocks);
 
     /// One received message of `size` bytes, at `header.msg_iov`. Events go to the sink at once, frames wait
-    /// for finish().
+    /// for finish() or lost frames: the sink sees those where they are missing.
     void add(msghdr& header, std::size_t size);
 
     /// Hands the batch's frames to the sink.

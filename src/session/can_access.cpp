@@ -104,9 +104,11 @@ Result<std::unique_ptr<CanAccess>> CanAccess::obtain(const SessionConfig::Can& c
     if (!channel.ok()) return channel.error();
 
     std::unique_ptr<CanAccess> access(new CanAccess(std::move(channel).value()));
+    access->link_ = access->channel_->link();
     access->cmdId_ = *cmdId;
     access->resId_ = *resId;
     access->described_ = {described.baudrate.value_or(0), described.dataBaudrate.value_or(0)};
+    access->listIdsFixed_ = !described.daqListIds.empty();
     access->transport_ = session::transportConfig(config, described);
     access->transport_.cmdId = xcp::CanId::fromA2l(*cmdId);
     access->transport_.resId = xcp::CanId::fromA2l(*resId);
@@ -122,7 +124,7 @@ Result<std::unique_ptr<CanAccess>> CanAccess::obtain(const SessionConfig::Can& c
 CanAccess::~CanAccess() {
     if (hidden_ > 0) {
         spdlog::warn("{}: {} further change(s) of state not told, now {}", channel_->name(), hidden_,
-                     stateName(channel_->busState()));
+                     stateText(channel_->busState()));
     }
     channel_->releaseIds(this);
 }
@@ -168,27 +170,38 @@ void CanAccess::reportState(hal::CanBusState state, std::int64_t timeNs) {
     const std::lock_guard lock(stateMutex_);
     const std::string& name = channel_->name();
     const bool trouble = state == hal::CanBusState::busOff || state == hal::CanBusState::errorPassive;
-    const bool over = troubleTold_ && state == hal::CanBusState::errorActive;
+    const bool over = trouble_ && state == hal::CanBusState::errorActive;
     if (!trouble && !over) return spdlog::info("{}: {}", name, stateName(state));
+    trouble_ = trouble;
 
     const std::int64_t due = std::max(spentNs_, timeNs);
-    if (due - timeNs > (kMessagesAtOnce - 1) * kMessagePauseNs) {
+    const bool spent = due - timeNs > (kMessagesAtOnce - 1) * kMessagePauseNs;
+    const bool newlyOff = state == hal::CanBusState::busOff && told_ != state;
+    if (spent && !newlyOff) {
         ++hidden_;
         return;
     }
-    spentNs_ = due + kMessagePauseNs;
-    std::string text(stateName(state));
+    if (!spent) spentNs_ = due + kMessagePauseNs;
+    std::string text = stateText(state);
     if (over) text += " again";
-    if (state == hal::CanBusState::errorPassive) text += ": check bit rate, wiring and termination";
-    if (state == hal::CanBusState::busOff) {
-        text += ", nothing is sent any more. Restart the controller in a terminal: `sudo ip link set " +
-                name + " type can restart`";
-    }
     if (hidden_ > 0) text += fmt::format(" ({} changes before it not told)", hidden_);
     if (spentNs_ - timeNs > (kMessagesAtOnce - 1) * kMessagePauseNs) text += kWillHide;
     spdlog::warn("{}: {}", name, text);
-    troubleTold_ = trouble;
+    told_ = state;
     hidden_ = 0;
+}
+
+/// The state, and what there is to be done about it.
+std::string CanAccess::stateText(hal::CanBusState state) const {
+    const std::string text(stateName(state));
+    if (state == hal::CanBusState::errorPassive) return text + ": check bit rate, wiring and termination";
+    if (state != hal::CanBusState::busOff) return text;
+    if (link_ && !link_->isController()) return text;  // a report on a virtual interface
+    if (link_ && link_->restartMs != 0) {
+        return text + fmt::format(", the controller restarts by itself after {} ms", link_->restartMs);
+    }
+    return text + ", nothing is sent any more. Restart the controller in a terminal: `sudo ip link set " +
+           channel_->name() + " type can restart`";
 }
 
 }  // namespace lm::session

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -49,8 +50,13 @@ class CanAccess {
     double claimLoad(double load) { return channel_->claimLoad(this, load); }
     void releaseLoad() { channel_->claimLoad(this, 0); }
 
+    /// Whether the A2L names fixed identifiers of DAQ lists; without them only the response identifier is
+    /// heard.
+    bool listIdsFixed() const { return listIdsFixed_; }
+
     /// Says what happened on the bus: warnings that a user can act upon, the rest for the curious. Of a
-    /// controller that changes its state again and again some changes are told, the others counted.
+    /// controller that changes its state again and again some changes are told, the others counted; that it
+    /// is off the bus is told whenever the last message said something else.
     void report(const hal::CanChannelEvent& event);
     /// The same for a controller that is in trouble already.
     void reportBusState();
@@ -59,6 +65,7 @@ class CanAccess {
     explicit CanAccess(std::shared_ptr<SharedChannel> channel) : channel_(std::move(channel)) {}
 
     void reportState(hal::CanBusState state, std::int64_t timeNs);
+    std::string stateText(hal::CanBusState state) const;
 
     // Constant once obtain() has returned.
     const std::shared_ptr<SharedChannel> channel_;
@@ -66,12 +73,15 @@ class CanAccess {
     std::uint32_t cmdId_ = 0;
     std::uint32_t resId_ = 0;
     CanBitrates described_;
+    bool listIdsFixed_ = false;
+    std::optional<hal::CanLinkState> link_;  ///< asked once: the receive thread must not wait for the kernel
 
     std::atomic<bool> lossReported_{false};  ///< said once
 
-    std::mutex stateMutex_;     // everything below
-    bool troubleTold_ = false;  ///< and not yet its end
-    std::uint64_t hidden_ = 0;  ///< changes since the last message
+    std::mutex stateMutex_;  // everything below
+    bool trouble_ = false;   ///< error passive or bus off, and not error active since
+    hal::CanBusState told_ = hal::CanBusState::errorActive;  ///< by the last message
+    std::uint64_t hidden_ = 0;                               ///< changes since the last message
     std::int64_t spentNs_ = 0;  ///< until then the messages so far have used up the time that is for each
 };
 

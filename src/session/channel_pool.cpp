@@ -69,17 +69,23 @@ CanBitrates SharedChannel::bitrates() const {
     if (config().bitrate) rates.nominal = config().bitrate->bitrate;
     if (config().dataBitrate) rates.data = config().dataBitrate->bitrate;
     if (rates.nominal != 0 && (rates.data != 0 || !config().fd)) return rates;
+    const auto state = link();
+    if (!state) return rates;
+    if (rates.nominal == 0) rates.nominal = state->bitTiming.bitrate;
+    if (rates.data == 0) rates.data = state->dataBitTiming.bitrate;
+    return rates;
+}
+
+std::optional<hal::CanLinkState> SharedChannel::link() const {
     const auto interfaces = adapter_.listInterfaces();
     if (!interfaces.ok()) {
-        spdlog::info("{}: bit rate not known: {}", name(), interfaces.error().text());
-        return rates;
+        spdlog::info("{}: state of the interface not known: {}", name(), interfaces.error().text());
+        return std::nullopt;
     }
     for (const hal::CanInterfaceInfo& interface : interfaces.value()) {
-        if (interface.name != name()) continue;
-        if (rates.nominal == 0) rates.nominal = interface.link.bitTiming.bitrate;
-        if (rates.data == 0) rates.data = interface.link.dataBitTiming.bitrate;
+        if (interface.name == name()) return interface.link;
     }
-    return rates;
+    return std::nullopt;
 }
 
 Result<void> SharedChannel::registerIds(Owner owner, const std::vector<std::uint32_t>& ids) {

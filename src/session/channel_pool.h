@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,9 @@ class SharedChannel final : private broker::IFrameHandler {
     broker::ChannelBroker& broker() { return broker_; }
     hal::CanBusState busState() const { return channel_->busState(); }
     hal::CanChannelStatistics statistics() const { return channel_->statistics(); }
+
+    /// What the interface says about itself now; nothing when it cannot be asked.
+    std::optional<hal::CanLinkState> link() const;
 
     /// The bit rates it was opened with, where absent those that the interface has now.
     CanBitrates bitrates() const;

@@ -80,6 +80,20 @@ std::int64_t nowNs(std::chrono::nanoseconds time) {
     return time.count();
 }
 
+std::int64_t steadyNowNs() {
+    return nowNs(std::chrono::steady_clock::now().time_since_epoch());
+}
+
+std::int64_t heartbeatNs(const MeasurementContext& context) {
+    return nowNs(context.config.reconnect.heartbeat);
+}
+
+/// Between two records; where samples do not come regularly, any gap that the supervision could notice.
+std::int64_t leastGapNs(const xcp::DaqPlan& plan, const MeasurementContext& context) {
+    const auto four = static_cast<std::int64_t>(4 * shortestPeriodNs(plan, context.capabilities));
+    return four > 0 ? std::min(four, heartbeatNs(context)) : heartbeatNs(context);
+}
+
 void add(xcp::DaqDecoderCounters& total, const xcp::DaqDecoderCounters& part) {
     total.dtos += part.dtos;
     total.records += part.records;
@@ -134,8 +148,12 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
 }
 
 Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad)
-    : context_(std::move(context)), plan_(std::move(plan)), busLoad_(busLoad) {
-    lastRecordNs_ = nowNs(std::chrono::steady_clock::now().time_since_epoch());
+    : context_(std::move(context)),
+      plan_(std::move(plan)),
+      busLoad_(busLoad),
+      outages_(leastGapNs(plan_.daq, context_), heartbeatNs(context_)),
+      delivered_(plan_.daq.lists.size()) {
+    outages_.start(steadyNowNs());
     if (context_.transport.udp != nullptr) udpAtStart_ = context_.transport.udp->statistics();
     if (context_.transport.serial != nullptr) serialAtStart_ = context_.transport.serial->statistics();
     if (context_.transport.can) canAtStart_ = context_.transport.can->channel().statistics();
@@ -156,7 +174,7 @@ Result<void> Measurement::createRecording(const std::filesystem::path& directory
     // Every group keeps two files open and one more per summary level.
     raiseOpenFileLimit();
     storage::RecordingInfo info = recordingInfo(plan_, context_.capabilities);
-    info.startHostNs = nowNs(std::chrono::steady_clock::now().time_since_epoch());
+    info.startHostNs = steadyNowNs();
     info.startUtcNs = nowNs(std::chrono::system_clock::now().time_since_epoch());
     info.source = sourceOf(context_.transport.address);
     const auto normal = directory.lexically_normal();
@@ -184,6 +202,8 @@ Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
         const std::lock_guard lock(decoderMutex_);
         decoder_ = std::make_unique<xcp::DaqDecoder>(plan_.daq, capabilities, firstPids.value());
         decoder_->setSink(this);
+        decoder_->setHoles(&context_.holes);
+        decoder_->holdBack();
     }
     context_.master.setDtoSink(decoder_.get());
     return context_.master.startDaq();
@@ -193,7 +213,10 @@ void Measurement::removeDecoder() {
     context_.master.setDtoSink(nullptr);
     const std::lock_guard lock(decoderMutex_);
     if (!decoder_) return;
+    decoder_->settle(std::numeric_limits<std::int64_t>::max());
     add(totals_, decoder_->counters());
+    for (std::size_t i = 0; i < delivered_.size(); ++i)
+        delivered_[i] = delivered_[i] || decoder_->recordsOf(i) != 0;
     decoder_.reset();
 }
 
@@ -212,13 +235,15 @@ void Measurement::abandonStart() {
 }
 
 Measurement::StopResult Measurement::stop(const std::function<SessionState()>& state) {
+    const std::int64_t endNs = steadyNowNs();
     supervisor_->requestStop();
     context_.master.requestStop();
     if (context_.transport.serial != nullptr) context_.transport.serial->requestStop();
     supervisor_->stop();
 
     StopResult result;
-    if (state() == SessionState::measuring) {
+    const bool measuring = state() == SessionState::measuring;
+    if (measuring) {
         // An ECU that ended the session may go on sending all the same.
         xcp::Master& master = context_.master;
         result.stopped = master.connected() ? master.stopDaqOnce() : master.stopDaqUnconnected();
@@ -227,9 +252,10 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
+    outages_.finish(endNs, !measuring, supervisor_->watchesData());
     if (context_.transport.can) context_.transport.can->releaseLoad();
     if (writer_) {
-        outages_.end(nowNs(std::chrono::steady_clock::now().time_since_epoch()), *writer_);
+        notes_.end(steadyNowNs(), *writer_);
         result.recorded = writer_->close();
     }
     return result;
@@ -261,7 +287,10 @@ MeasurementStats Measurement::statistics() const {
     stats.unknownDtos = decoded.unknownDtos;
     stats.malformedDtos = decoded.malformedDtos;
     stats.reconnects = reconnects_.load();
-    stats.withoutSamples = std::chrono::nanoseconds(withoutSamplesNs_.load());
+    stats.withoutSamples = std::chrono::nanoseconds(outages_.beforeReconnectionsNs());
+    stats.failedReconnects = stats.reconnects - std::min(outages_.ended(), stats.reconnects);
+    stats.withoutSamplesToEnd = std::chrono::nanoseconds(outages_.upToEndNs());
+    addSilentLists(stats);
     if (writer_) {
         stats.recording = true;
         stats.recorded = writer_->recordsWritten();
@@ -288,9 +317,42 @@ MeasurementStats Measurement::statistics() const {
     return stats;
 }
 
+void Measurement::addSilentLists(MeasurementStats& stats) const {
+    const std::lock_guard lock(decoderMutex_);
+    for (std::size_t i = 0; i < delivered_.size(); ++i) {
+        if (delivered_[i] || (decoder_ && decoder_->recordsOf(i) != 0)) continue;
+        const xcp::DaqList& list = plan_.daq.lists[i];
+        const xcp::EventChannel* const event = context_.capabilities.findEvent(list.eventChannel);
+        stats.silentLists.push_back(event == nullptr
+                                        ? SilentList{list.eventChannel, "", 0}
+                                        : SilentList{list.eventChannel, event->name, event->cycleNs});
+    }
+    const auto& silent = stats.silentLists;
+    const bool suspicious = silent.size() == delivered_.size() ||
+                            std::any_of(silent.begin(), silent.end(), [](const SilentList& list) {
+                                return list.cycleNs > 0;  // others may not have happened
+                            });
+    const auto& can = context_.transport.can;
+    if (can && suspicious && !can->listIdsFixed()) stats.onlyHeardId = can->resId();
+}
+
+std::uint64_t Measurement::recordsReceived() const {
+    const std::lock_guard lock(decoderMutex_);
+    return totals_.records + (decoder_ ? decoder_->counters().records : 0);
+}
+
+void Measurement::settleSamples() {
+    const std::lock_guard lock(decoderMutex_);
+    if (decoder_) decoder_->settle(steadyNowNs());
+}
+
+void Measurement::countReconnect() {
+    outages_.begin(steadyNowNs());
+    reconnects_.fetch_add(1);
+}
+
 void Measurement::onRecord(const xcp::DaqRecord& record) {
-    records_.fetch_add(1, std::memory_order_relaxed);
-    lastRecordNs_.store(record.receiveTimeNs, std::memory_order_relaxed);
+    outages_.onRecord(record.timeNs(), record.receiveTimeNs);
     if (sink_ != nullptr) sink_->onRecord(record);
     // A record that the writer cannot take is in its own count of dropped ones.
     if (writer_) writer_->write(record.listIndex, record.timeNs(), record.data, record.size);
@@ -338,13 +400,8 @@ Result<void> Measurement::configureAnew() {
     if (!capabilities.ok()) return capabilities.error();
     auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());
     if (!fits.ok()) return fits;
-    const std::int64_t lastRecordNs = lastRecordNs_.load();
     auto started = startLists(capabilities.value());
-    if (started.ok()) {
-        const std::int64_t now = nowNs(std::chrono::steady_clock::now().time_since_epoch());
-        withoutSamplesNs_ += now - lastRecordNs;
-        lastRecordNs_ = std::max(lastRecordNs_.load(), now);
-    }
+    if (started.ok()) outages_.end(steadyNowNs());
     // An ECU that was only out of reach may still run the old lists and refuse others meanwhile.
     if (!started.ok() && started.error().detail != Error::kNoDetail) {
         static_cast<void>(context_.master.stopDaq());
@@ -353,10 +410,7 @@ Result<void> Measurement::configureAnew() {
 }
 
 void Measurement::changeState(SessionState state, const std::string& message) {
-    if (writer_) {
-        const std::int64_t now = nowNs(std::chrono::steady_clock::now().time_since_epoch());
-        outages_.onState(state, message, lastRecordNs_.load(), now, *writer_);
-    }
+    if (writer_) notes_.onState(state, message, outages_.latestNs(), steadyNowNs(), *writer_);
     context_.changeState(state, message);
 }
 

@@ -11,9 +11,11 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "core/result.h"
 #include "session/measurement_types.h"
+#include "session/outage_meter.h"
 #include "session/outage_notes.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
@@ -32,6 +34,7 @@ struct MeasurementContext {
     const TransportSetup& transport;
     xcp::Master& master;
     const xcp::DaqCapabilities& capabilities;
+    const std::atomic<std::uint64_t>& holes;  ///< as of xcp::DaqDecoder::setHoles
     std::string ecuName;
     std::function<void(SessionState, const std::string&)> changeState;
 };
@@ -68,15 +71,17 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     void removeDecoder();
     void abandonStart();
     Result<void> configureAnew();
+    void addSilentLists(MeasurementStats& stats) const;
     void passOnStop();
 
     void onRecord(const xcp::DaqRecord& record) override;
 
-    std::uint64_t recordsReceived() const override { return records_.load(std::memory_order_relaxed); }
+    std::uint64_t recordsReceived() const override;
     Result<bool> daqRunning() override;
+    void settleSamples() override;
     Result<void> reconnect() override;
     Result<void> restartDaq() override;
-    void countReconnect() override { reconnects_.fetch_add(1); }
+    void countReconnect() override;
     void changeState(SessionState state, const std::string& message) override;
 
     // Constant once start() has returned.
@@ -85,20 +90,19 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     const double busLoad_;
     xcp::IDaqRecordSink* sink_ = nullptr;
     std::unique_ptr<storage::RecordingWriter> writer_;
-    OutageNotes outages_;  ///< the supervisor's while that one runs
+    OutageNotes notes_;  ///< the supervisor's while that one runs
     hal::CanChannelStatistics canAtStart_;
     xcp::UdpStatistics udpAtStart_;
     xcp::SerialStatistics serialAtStart_;
 
-    std::atomic<std::uint64_t> records_{0};
     std::atomic<std::uint64_t> reconnects_{0};
-    std::atomic<std::int64_t> lastRecordNs_{0};      ///< host steady clock; set when DAQ starts
-    std::atomic<std::int64_t> withoutSamplesNs_{0};  ///< before reconnections
+    OutageMeter outages_;
 
     // Under decoderMutex_: replaced by the supervisor at a reconnection while statistics are read.
     mutable std::mutex decoderMutex_;
     std::unique_ptr<xcp::DaqDecoder> decoder_;
     xcp::DaqDecoderCounters totals_;  ///< of the decoders before this one
+    std::vector<bool> delivered_;     ///< lists that gave them a record
 
     std::unique_ptr<Supervisor> supervisor_;
 };

@@ -48,6 +48,13 @@ struct PlanSummary {
     std::vector<std::string> withoutCycle;
 };
 
+/// A DAQ list of which no record came.
+struct SilentList {
+    std::uint16_t event = 0;
+    std::string eventName;     ///< may be empty
+    std::int64_t cycleNs = 0;  ///< 0: not cyclic, or not known
+};
+
 /// Counters since the start of the measurement.
 struct MeasurementStats {
     std::uint64_t records = 0;
@@ -62,7 +69,9 @@ struct MeasurementStats {
     std::uint64_t recordedDropped = 0;  ///< records that the writer could not keep
 
     // Losses that the statistics line does not name.
-    std::chrono::nanoseconds withoutSamples{0};  ///< from the last record before each reconnection to it
+    std::chrono::nanoseconds withoutSamples{0};  ///< in the outages that a reconnection ended
+    std::uint64_t failedReconnects = 0;          ///< of `reconnects`: the outage lasted to the end
+    std::chrono::nanoseconds withoutSamplesToEnd{0};
     std::uint64_t incompleteRecords = 0;
     std::uint64_t unknownDtos = 0;
     std::uint64_t malformedDtos = 0;
@@ -71,6 +80,11 @@ struct MeasurementStats {
     std::uint64_t malformedDatagrams = 0;  ///< UDP
     std::uint64_t kernelDrops = 0;         ///< UDP: datagrams the kernel dropped for want of buffer space
     std::uint64_t invalidFrames = 0;       ///< serial line
+
+    std::vector<SilentList> silentLists = {};
+    /// CAN: the response identifier in A2L notation, when DTOs with another one could not be heard because
+    /// the A2L names none; 0 otherwise.
+    std::uint32_t onlyHeardId = 0;
 };
 
 }  // namespace lm::session

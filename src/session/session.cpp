@@ -226,7 +226,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     measurement_.reset();
     overloadEvents_ = 0;
     auto started = Measurement::start(
-        {config_, description_, transport_, *master_, *capabilities_, ecuName(),
+        {config_, description_, transport_, *master_, *capabilities_, holes_, ecuName(),
          [this](SessionState state, const std::string& message) { changeState(state, message); }},
         options);
     if (!started.ok()) return started.error();
@@ -256,8 +256,8 @@ Result<void> Session::stopMeasurement() {
 MeasurementStats Session::statistics() const {
     if (!measurement_) return {};
     MeasurementStats stats = measurement_->statistics();
-    // An ECU that marks overloads in its DTOs means the same ones by its events.
-    if (!capabilities_ || !capabilities_->overloadInPid) stats.overloads += overloadEvents_.load();
+    // An ECU that tells overloads in both ways means the same ones; some only do it the way they do not say.
+    stats.overloads = std::max(stats.overloads, overloadEvents_.load());
     return stats;
 }
 
@@ -278,6 +278,7 @@ std::string Session::ecuName() const {
 
 void Session::changeState(SessionState state, const std::string& message) {
     state_.exchange(state);
+    if (state == SessionState::connected || state == SessionState::measuring) terminationTold_ = false;
     if (!message.empty()) spdlog::info("session: {} - {}", sessionStateName(state), message);
     if (ISessionListener* listener = listener_.load()) listener->onStateChanged(state, message);
 }
@@ -285,6 +286,9 @@ void Session::changeState(SessionState state, const std::string& message) {
 void Session::onEvent(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t /*length*/,
                       xcp::ReceiveTime /*time*/) {
     if (code == xcp::kEvDaqOverload) ++overloadEvents_;
+    if (code == xcp::kEvSessionTerminated && !terminationTold_.exchange(true)) {
+        spdlog::warn("the ECU ended the session (EV_SESSION_TERMINATED)");
+    }
     spdlog::info("XCP event {}", xcp::eventName(code));
 }
 
@@ -293,6 +297,7 @@ void Session::onServiceRequest(std::uint8_t code, const std::uint8_t* /*packet*/
 }
 
 void Session::onTransportEvent(const hal::CanChannelEvent& event) {
+    if (event.kind == hal::CanChannelEventKind::framesLost) ++holes_;
     if (transport_.can) {
         transport_.can->report(event);
     } else if (event.kind == hal::CanChannelEventKind::receiveFailed) {

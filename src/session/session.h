@@ -164,6 +164,8 @@ class Session final : private xcp::IMasterListener {
     std::atomic<SessionState> state_{SessionState::disconnected};
     std::atomic<ISessionListener*> listener_{nullptr};
     std::atomic<std::uint64_t> overloadEvents_{0};  ///< of the running or the last measurement
+    std::atomic<std::uint64_t> holes_{0};           ///< places where the line lost packets
+    std::atomic<bool> terminationTold_{false};      ///< since the ECU was connected last
 
     // A stop request during a write is carried out when the value has been read back.
     std::mutex stopMutex_;

@@ -8,6 +8,11 @@
 #include "core/thread.h"
 
 namespace lm::session {
+namespace {
+
+constexpr std::chrono::milliseconds kFirstSettling{600};
+
+}  // namespace
 
 Supervisor::Supervisor(ISupervised& supervised, const SupervisorOptions& options)
     : supervised_(supervised), options_(options) {}
@@ -42,7 +47,7 @@ bool Supervisor::watchesData() const {
 
 void Supervisor::run() {
     pthread_setname_np(pthread_self(), "lm-supervisor");
-    while (!waitOrStop(options_.heartbeat)) {
+    while (!waitHeartbeat()) {
         const std::string reason = connectionLoss();
         // A stop ends the master's waits, which must not pass for a lost connection.
         if (stopping()) return;
@@ -56,7 +61,21 @@ void Supervisor::run() {
         supervised_.countReconnect();
         if (!recover()) return;
         recordsAtLastTick_ = supervised_.recordsReceived();
+        justStarted_ = true;
     }
+}
+
+/// True when a stop was asked for.
+bool Supervisor::waitHeartbeat() {
+    auto left = options_.heartbeat;
+    if (std::exchange(justStarted_, false) && left > kFirstSettling) {
+        if (waitOrStop(kFirstSettling)) return true;
+        supervised_.settleSamples();
+        left -= kFirstSettling;
+    }
+    const bool stopped = waitOrStop(left);
+    if (!stopped) supervised_.settleSamples();
+    return stopped;
 }
 
 /// The reason why the connection counts as lost, empty when it is alive.

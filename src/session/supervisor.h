@@ -28,6 +28,9 @@ class ISupervised {
     /// GET_STATUS: whether DAQ runs in the ECU. May block for the timeouts of the master.
     virtual Result<bool> daqRunning() = 0;
 
+    /// Hands on samples that were held back until more of them would tell their times.
+    virtual void settleSamples() = 0;
+
     /// CONNECT for one reconnection attempt.
     virtual Result<void> reconnect() = 0;
 
@@ -69,6 +72,7 @@ class Supervisor {
 
   private:
     void run();
+    bool waitHeartbeat();
     bool waitOrStop(std::chrono::milliseconds time);
     bool stopping();
     std::string connectionLoss();
@@ -80,6 +84,7 @@ class Supervisor {
 
     // The supervisor's thread alone.
     std::uint64_t recordsAtLastTick_ = 0;
+    bool justStarted_ = true;  ///< the lists, or again after a reconnection
 
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -18,6 +18,12 @@ Packet copyOf(std::span<const std::uint8_t> bytes) {
     return packet;
 }
 
+/// An error, or a positive response without data, which may be padded.
+bool saysNothing(std::span<const std::uint8_t> packet) {
+    return packet[0] == kPidError ||
+           std::ranges::all_of(packet.subspan(1), [](auto byte) { return byte == 0; });
+}
+
 bool same(const std::optional<Packet>& known, std::span<const std::uint8_t> packet) {
     return known && std::ranges::equal(known->view(), packet);
 }
@@ -69,6 +75,8 @@ AnswerMatcher::Verdict AnswerMatcher::came(std::span<const std::uint8_t> packet,
 
 AnswerMatcher::Verdict AnswerMatcher::cameSynch(bool stale) {
     synchSeen_ = true;
+    // What looked like a strange answer to a SYNCH was none.
+    leftOver_ = leftOver_ || std::exchange(oddAnswer_, false);
     const std::uint32_t own = stale && kind_ == Kind::synch ? 1 : 0;
     if (synchsBefore_ > 0) {
         --synchsBefore_;
@@ -89,6 +97,8 @@ AnswerMatcher::Verdict AnswerMatcher::dropOlder(std::span<const std::uint8_t> pa
     } else if (same(last_, packet)) {
         ++copies_;
         last_.reset();
+    } else if (!synchSeen_ && waiting_ && kind_ == Kind::synch && !oddAnswer_ && saysNothing(packet)) {
+        oddAnswer_ = true;
     } else {
         leftOver_ = true;
     }
@@ -143,7 +153,7 @@ void AnswerMatcher::connected() {
 void AnswerMatcher::settle() {
     closeFence();
     synchsBefore_ = 0;
-    leftOver_ = false;
+    oddAnswer_ = false;
 }
 
 }  // namespace lm::xcp

@@ -73,7 +73,7 @@ class AnswerMatcher {
 
     /// The answer just taken opened a connection: what was before is past.
     void connected();
-    /// Something other than SYNCH has shown that nothing more will come. Also forgets what was left over.
+    /// Something other than SYNCH has shown that nothing more will come.
     void settle();
 
   private:
@@ -90,6 +90,8 @@ class AnswerMatcher {
     std::uint32_t closers_ = 0;       ///< FE 00 that came of those
     bool doubt_ = false;              ///< a fence takes two of them
     bool synchSeen_ = false;
+    bool oddAnswer_ =
+        false;  ///< something without contents came after the first SYNCHs, perhaps their answer
 
     // Since the last closed fence.
     std::uint32_t commands_ = 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace lm::xcp {
 
@@ -46,14 +47,34 @@ std::int64_t SlaveClock::slaveNs(std::uint64_t ticks) const {
     return static_cast<std::int64_t>(ticks * static_cast<std::uint64_t>(tickNs_));
 }
 
-std::uint64_t SlaveClock::follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs) {
+std::int64_t SlaveClock::offsetNs(std::uint64_t ticks, std::int64_t receiveNs) const {
+    return difference(receiveNs, slaveNs(ticks));
+}
+
+std::int64_t SlaveClock::lagNs(std::uint64_t ticks, std::int64_t receiveNs) const {
+    return anchored_ ? difference(offsetNs(ticks, receiveNs), offsetNs_) : 0;
+}
+
+std::uint64_t SlaveClock::next(const ListClock& list, std::uint32_t raw) const {
     // A list's first stamp lies near the latest stamp of the others, before or behind it.
-    std::uint64_t ticks = advanceTicks(
-        list.started ? list.ticks : lastTicks_ - std::min(lastTicks_, modulus_ / 2), raw, modulus_);
+    return list.started ? advanceTicks(list.ticks, raw, modulus_) : nearLatest(raw);
+}
+
+std::uint64_t SlaveClock::nearLatest(std::uint32_t raw) const {
+    return advanceTicks(lastTicks_ - std::min(lastTicks_, modulus_ / 2), raw, modulus_);
+}
+
+std::uint64_t SlaveClock::followHeld(const ListClock& list, std::uint32_t raw) const {
+    const std::uint64_t ticks = nearLatest(raw);
+    return list.started && ticks < list.ticks ? advanceTicks(list.ticks, raw, modulus_) : ticks;
+}
+
+std::uint64_t SlaveClock::follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs) const {
+    std::uint64_t ticks = next(list, raw);
     if (!anchored_) return ticks;
 
-    const std::int64_t lag = difference(receiveNs, sum(slaveNs(ticks), offsetNs_));
-    if (lag > wrapNs_ - wrapNs_ / 4) {
+    const std::int64_t lag = lagNs(ticks, receiveNs);
+    if (lag > longestLagNs()) {
         ticks += (static_cast<std::uint64_t>(lag) + static_cast<std::uint64_t>(wrapNs_ / 4)) /
                  static_cast<std::uint64_t>(wrapNs_) * modulus_;
     } else if (lag < -(wrapNs_ / 2)) {
@@ -69,12 +90,15 @@ std::uint64_t SlaveClock::follow(const ListClock& list, std::uint32_t raw, std::
     return ticks;
 }
 
-std::int64_t SlaveClock::map(ListClock& list, std::uint32_t raw, std::int64_t receiveNs) {
-    list.ticks = follow(list, raw, receiveNs);
-    const std::int64_t now = slaveNs(list.ticks);
+std::int64_t SlaveClock::mapTicks(ListClock& list, std::uint64_t ticks, std::int64_t receiveNs) {
+    const std::int64_t now = slaveNs(ticks);
+    const std::int64_t passed = list.started ? difference(now, slaveNs(list.ticks)) : 0;
+    list.ticks = ticks;
     const std::int64_t offset = difference(receiveNs, now);
     if (!anchored_ || difference(offsetNs_, offset) > kFutureIsRestartNs) {
-        anchor(offset);
+        const std::int64_t least = std::exchange(expectedNs_, kNone);
+        anchor(std::min(offset, least));
+        windowLeast_ = least;
         previousLeast_ = kNone;
         windowStartNs_ = receiveNs;
         latestSlaveNs_ = now;
@@ -83,7 +107,10 @@ std::int64_t SlaveClock::map(ListClock& list, std::uint32_t raw, std::int64_t re
     track(offset, now, receiveNs);
 
     std::int64_t mapped = std::min(sum(now, offsetNs_), receiveNs);
-    if (list.started) mapped = std::min(std::max(mapped, list.lastNs), receiveNs);
+    if (list.started) {
+        const std::int64_t halfPace = sum(list.lastNs, std::max<std::int64_t>(passed, 0) / 2);
+        if (mapped <= list.lastNs) mapped = std::min(std::max(list.lastNs, halfPace), receiveNs);
+    }
     list.started = true;
     list.lastNs = mapped;
     return mapped;

@@ -18,9 +18,13 @@
 // as
 //   it was too quick (500 us at most), so that one such frame is the last.
 // - No guard is larger than an eighth of the counter's wrap. No time is later than the receive time.
-// - A list's times never step back.
+// - A list's times never step back. Where the offset has dropped below them they go on at half their pace
+//   until it is met, so that no two are equal.
+// - Who has seen several stamps before the first is mapped tells the least difference among them (expect()),
+//   which then sets the offset: those of a first bunch are as evenly spaced as any.
 // - A counter that wrapped unseen (an event that paused, a one-byte counter): a time more than three quarters
-//   of a wrap behind the receive time gets the missing whole wraps.
+//   of a wrap behind the receive time gets the missing whole wraps (follow()). Packets that were held up for
+//   as long look alike; who knows that they were takes the stamp nearest to the latest (followHeld()).
 // - A stamp less than 100 ms behind its list's last one came out of order; one further behind is taken
 //   forward, nearly a whole wrap on, and so lies in the future.
 // - More than a second in the future means that the slave's clock was set or began anew, two windows whose
@@ -56,7 +60,28 @@ class SlaveClock {
     bool usable() const { return usable_; }
 
     /// The host time in nanoseconds of a stamp received at `receiveNs`; never later than `receiveNs`.
-    std::int64_t map(ListClock& list, std::uint32_t raw, std::int64_t receiveNs);
+    std::int64_t map(ListClock& list, std::uint32_t raw, std::int64_t receiveNs) {
+        return mapTicks(list, follow(list, raw, receiveNs), receiveNs);
+    }
+    /// The same of a stamp whose wraps are known.
+    std::int64_t mapTicks(ListClock& list, std::uint64_t ticks, std::int64_t receiveNs);
+
+    /// The tick count of a stamp, wraps included: that of an event that may have paused, or of a packet that
+    /// was held up.
+    std::uint64_t follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs) const;
+    std::uint64_t followHeld(const ListClock& list, std::uint32_t raw) const;
+    /// The count of the list's next stamp, if its counter has not wrapped unseen.
+    std::uint64_t next(const ListClock& list, std::uint32_t raw) const;
+
+    /// Receive time less slave time, and how far behind the receive time the stamp would be mapped.
+    std::int64_t offsetNs(std::uint64_t ticks, std::int64_t receiveNs) const;
+    std::int64_t lagNs(std::uint64_t ticks, std::int64_t receiveNs) const;
+    /// A longer lag means that the counter wrapped unseen, or that the packet was held up.
+    std::int64_t longestLagNs() const { return wrapNs_ - wrapNs_ / 4; }
+    std::int64_t wrapNs() const { return wrapNs_; }
+
+    /// The least offset of the stamps that are to come; counts for the first that is mapped.
+    void expect(std::int64_t leastOffsetNs) { expectedNs_ = leastOffsetNs; }
 
     /// Changes when the offset was anchored anew: times before and after do not tell how many cycles lie
     /// between.
@@ -66,7 +91,7 @@ class SlaveClock {
     static constexpr std::int64_t kNone = std::numeric_limits<std::int64_t>::max();
 
     std::int64_t slaveNs(std::uint64_t ticks) const;
-    std::uint64_t follow(const ListClock& list, std::uint32_t raw, std::int64_t receiveNs);
+    std::uint64_t nearLatest(std::uint32_t raw) const;
     void anchor(std::int64_t offset);
     void track(std::int64_t offset, std::int64_t nowNs, std::int64_t receiveNs);
     void slew(std::int64_t elapsedNs);
@@ -88,6 +113,7 @@ class SlaveClock {
     std::uint32_t windowStamps_ = 0;
     std::int64_t windowLeast_ = kNone;
     std::int64_t previousLeast_ = kNone;
+    std::int64_t expectedNs_ = kNone;
 };
 
 }  // namespace lm::xcp

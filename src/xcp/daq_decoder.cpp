@@ -1,6 +1,8 @@
 #include "xcp/daq_decoder.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "core/bytes.h"
 
@@ -9,6 +11,7 @@ namespace lm::xcp {
 namespace {
 
 constexpr std::uint8_t kOverloadBit = 0x80;
+constexpr std::int64_t kLongestHeldNs = 10'000'000'000;  // packets are not held up for longer
 
 /// The list number travels least-significant byte first for slaves of either byte order.
 std::uint16_t listNumberOf(DaqIdentification type, const std::uint8_t* data) {
@@ -31,8 +34,8 @@ DaqDecoder::DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
       timestampSize_(plan.timestampSize),
       overloadInPid_(plan.overloadInPid),
       firstListNumber_(plan.firstListNumber),
-      clock_(plan.timestampSize, capabilities.tickNs) {
-    lists_.resize(plan.lists.size());
+      clock_(plan.timestampSize, capabilities.tickNs),
+      lists_(plan.lists.size()) {
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         const DaqList& planned = plan.lists[i];
         const EventChannel* const event = capabilities.findEvent(planned.eventChannel);
@@ -40,6 +43,8 @@ DaqDecoder::DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
         list.number = plan.listNumber(i);
         list.timestamp = planned.timestamp;
         list.periodNs = event == nullptr ? 0 : event->cycleNs * planned.prescaler;
+        list.mayHide = list.timestamp && clock_.usable() && clock_.wrapNs() <= kLongestHeldNs &&
+                       list.periodNs > 0 && list.periodNs <= clock_.wrapNs() / 2;
         list.record.resize(planned.recordSize);
         for (const Odt& odt : planned.odts) {
             list.odts.push_back({odt.payloadSize, odt.recordOffset});
@@ -78,7 +83,17 @@ DaqDecoder::Place DaqDecoder::find(const std::uint8_t* data, std::uint8_t pid) {
 }
 
 void DaqDecoder::onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
+    if (holding_.load(std::memory_order_acquire)) [[unlikely]] {
+        const std::lock_guard lock(holdMutex_);
+        decode(data, length, time);
+    } else {
+        decode(data, length, time);
+    }
+}
+
+void DaqDecoder::decode(const std::uint8_t* data, std::size_t length, ReceiveTime time) {
     dtos_.add(1);
+    if (holes_ != nullptr && holes_->load(std::memory_order_relaxed) != holesSeen_) endOpenRecords();
     if (length < identificationSize_) {
         malformedDtos_.add(1);
         return;
@@ -122,20 +137,13 @@ bool DaqDecoder::beginRecord(List& list, const std::uint8_t* data, std::size_t l
                              std::int64_t receiveNs) {
     list.nextOdt = 0;
     list.receiveNs = receiveNs;
-    list.timeNs = receiveNs;
-    list.hasTime = false;
     if (!list.timestamp) return true;
     if (length < static_cast<std::size_t>(identificationSize_) + timestampSize_) {
         malformedDtos_.add(1);
         return false;
     }
-    if (clock_.usable()) {
-        const auto raw = readSized(data + identificationSize_, timestampSize_, ByteOrder::littleEndian);
-        list.timeNs = clock_.map(list.clock, static_cast<std::uint32_t>(raw), receiveNs);
-        list.hasTime = true;
-        if (list.clockGeneration != clock_.generation()) list.hasPrevious = false;
-        list.clockGeneration = clock_.generation();
-    }
+    list.raw = static_cast<std::uint32_t>(
+        readSized(data + identificationSize_, timestampSize_, ByteOrder::littleEndian));
     return true;
 }
 
@@ -145,35 +153,122 @@ void DaqDecoder::abandon(List& list, std::uint64_t lostOdts) {
     list.nextOdt = 0;
 }
 
-void DaqDecoder::finishRecord(List& list) {
-    list.nextOdt = 0;
-    if (list.timestamp) checkCycle(list);
-    records_.add(1);
-    if (sink_ != nullptr) {
-        sink_->onRecord({.listNumber = list.number,
-                         .listIndex = static_cast<std::size_t>(&list - lists_.data()),
-                         .receiveTimeNs = list.receiveNs,
-                         .slaveTimeNs = list.hasTime ? list.timeNs : 0,
-                         .hasSlaveTime = list.hasTime,
-                         .overload = list.overload,
-                         .data = list.record.data(),
-                         .size = list.record.size()});
+/// Their next ODTs may be those of later samples.
+void DaqDecoder::endOpenRecords() {
+    holesSeen_ = holes_->load(std::memory_order_relaxed);
+    for (List& list : lists_) {
+        if (list.nextOdt != 0) abandon(list, list.odts.size() - list.nextOdt);
     }
-    list.overload = false;
 }
 
-void DaqDecoder::checkCycle(List& list) {
-    if (list.hasPrevious && list.periodNs > 0 && list.previousNs < list.timeNs) {
-        const std::int64_t periods = (list.timeNs - list.previousNs + list.periodNs / 2) / list.periodNs;
+void DaqDecoder::finishRecord(List& list) {
+    list.nextOdt = 0;
+    list.records.add(1);
+    UntimedRecord record{.list = static_cast<std::uint32_t>(&list - lists_.data()),
+                         .raw = list.raw,
+                         .receiveNs = list.receiveNs,
+                         .overload = std::exchange(list.overload, false),
+                         .regular = list.mayHide};
+    if (held_ && heldBack(list, record)) return;
+    if (list.timestamp && clock_.usable()) record.ticks = ticksOf(list);
+    deliver(record, list.record.data());
+}
+
+std::uint64_t DaqDecoder::ticksOf(const List& list) const {
+    if (held_ && held_->backlog() && late(list)) return clock_.followHeld(list.clock, list.raw);
+    return clock_.follow(list.clock, list.raw, list.receiveNs);
+}
+
+/// The open record's timestamp: its counter has wrapped unseen, or its packet was held up.
+bool DaqDecoder::late(const List& list) const {
+    return clock_.lagNs(clock_.next(list.clock, list.raw), list.receiveNs) > clock_.longestLagNs();
+}
+
+void DaqDecoder::holdBack() {
+    const bool stamped = std::all_of(lists_.begin(), lists_.end(), [](const List& l) { return l.timestamp; });
+    if (stamped && clock_.usable()) held_ = std::make_unique<HeldRecords>(lists_.size());
+}
+
+/// False when the record is to be handed on at once.
+bool DaqDecoder::heldBack(const List& list, const UntimedRecord& record) {
+    // The start ends with a record that may begin a silence.
+    if (holding() && held_->ofStart() && held_->due(record.receiveNs)) release();
+    const bool first = !holding();
+    if (first && !held_->begun()) {
+        held_->beginStart(record.receiveNs);
+    } else if (first) {
+        if (!list.mayHide) return false;
+        if (!late(list)) {
+            held_->endBacklog();
+            return false;
+        }
+        held_->beginSilence(record, list.clock, clock_);
+    }
+    if (!held_->add(record, list.record.data(), list.record.size())) {
+        release();
+        return false;
+    }
+    if (!held_->ofStart() && held_->enough(record, clock_)) {
+        release();
+    } else if (first) {
+        // From now on another thread may take them.
+        holding_.store(true, std::memory_order_release);
+    }
+    return true;
+}
+
+void DaqDecoder::settle(std::int64_t nowNs) {
+    if (!holding_.load(std::memory_order_acquire)) return;
+    const std::lock_guard lock(holdMutex_);
+    if (holding() && held_->due(nowNs)) release();
+}
+
+void DaqDecoder::release() {
+    for (std::size_t i = 0; i < lists_.size(); ++i)
+        held_->scout(i) = lists_[i].clock;
+    held_->findTicks(clock_);
+    for (const UntimedRecord& record : held_->records())
+        deliver(record, held_->bytes(record));
+    held_->clear();
+    holding_.store(false, std::memory_order_release);
+}
+
+void DaqDecoder::deliver(const UntimedRecord& record, const std::uint8_t* data) {
+    List& list = lists_[record.list];
+    const bool timed = list.timestamp && clock_.usable();
+    std::int64_t timeNs = record.receiveNs;
+    if (timed) {
+        timeNs = clock_.mapTicks(list.clock, record.ticks, record.receiveNs);
+        if (list.clockGeneration != clock_.generation()) list.hasPrevious = false;
+        list.clockGeneration = clock_.generation();
+    }
+    if (list.timestamp) checkCycle(list, timeNs);
+    if (sink_ == nullptr) return;
+    sink_->onRecord({.listNumber = list.number,
+                     .listIndex = record.list,
+                     .receiveTimeNs = record.receiveNs,
+                     .slaveTimeNs = timed ? timeNs : 0,
+                     .hasSlaveTime = timed,
+                     .overload = record.overload,
+                     .data = data,
+                     .size = list.record.size()});
+}
+
+void DaqDecoder::checkCycle(List& list, std::int64_t timeNs) {
+    if (list.hasPrevious && list.periodNs > 0 && list.previousNs < timeNs) {
+        const std::int64_t periods = (timeNs - list.previousNs + list.periodNs / 2) / list.periodNs;
         if (periods > 1) missedCycles_.add(static_cast<std::uint64_t>(periods - 1));
     }
-    list.previousNs = list.timeNs;
+    list.previousNs = timeNs;
     list.hasPrevious = true;
 }
 
 DaqDecoderCounters DaqDecoder::counters() const {
+    std::uint64_t records = 0;
+    for (const List& list : lists_)
+        records += list.records.get();
     return {.dtos = dtos_.get(),
-            .records = records_.get(),
+            .records = records,
             .lostOdts = lostOdts_.get(),
             .incompleteRecords = incompleteRecords_.get(),
             .missedCycles = missedCycles_.get(),

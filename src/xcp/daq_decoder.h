@@ -1,22 +1,27 @@
 // Takes DTOs apart: finds list and ODT, joins the ODTs of one sampling cycle into a record, gives it a time,
 // counts every kind of loss, and hands complete records to a sink.
 //
-// Threads: onDto runs on one thread, the transport's receive thread; setSink and the constructor before the
-// decoder is installed at the master; counters() from any thread. onDto allocates nothing and takes no lock.
-// Lifetime: the plan and the capabilities are copied as far as needed; the sink is borrowed and must outlive
-// the last onDto; the bytes of a record are valid during the sink's call only.
+// Threads: onDto runs on one thread, the transport's receive thread; setSink, holdBack and the constructor
+// before the decoder is installed at the master; counters() and settle() from any thread. The sink is called
+// on the receive thread, or, for records that were held back, inside settle(), never on two at a time. onDto
+// allocates nothing, and takes a lock only while records are held back. Lifetime: the plan and the
+// capabilities are copied as far as needed; the sink is borrowed and must outlive the last onDto; the bytes
+// of a record are valid during the sink's call only.
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <span>
 #include <vector>
 
 #include "xcp/counter.h"
 #include "xcp/daq_clock.h"
 #include "xcp/daq_plan.h"
+#include "xcp/held_records.h"
 #include "xcp/transport.h"
 
 namespace lm::xcp {
@@ -69,8 +74,23 @@ class DaqDecoder final : public IDtoSink {
                std::span<const std::uint8_t> firstPids = {});
 
     void setSink(IDaqRecordSink* sink) { sink_ = sink; }
+    /// A count of the places where the line is known to have lost packets, raised on the receive thread
+    /// before the first packet behind such a place. No record is joined across one. Borrowed.
+    void setHoles(const std::atomic<std::uint64_t>* holes) {
+        holes_ = holes;
+        holesSeen_ = holes->load();
+    }
+    /// From now on records whose time is uncertain are handed on some time later, in order, once those that
+    /// follow have told it (see HeldRecords). Needs calls of settle() lest none follow.
+    void holdBack();
+    /// Hands on what has been held back for long enough by `nowNs` on the host's steady clock.
+    void settle(std::int64_t nowNs);
+
     void onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) override;
+    /// What is held back counts as received.
     DaqDecoderCounters counters() const;
+    /// Records of DaqPlan::lists[index].
+    std::uint64_t recordsOf(std::size_t index) const { return lists_[index].records.get(); }
 
   private:
     struct OdtLayout {
@@ -80,16 +100,17 @@ class DaqDecoder final : public IDtoSink {
     struct List {
         std::uint16_t number = 0;
         bool timestamp = false;
-        bool hasTime = false;      ///< `timeNs` holds a mapped slave time
+        bool mayHide = false;  ///< a silence may hide wraps of the timestamp's counter from a regular event
         bool hasPrevious = false;  ///< `previousNs` is set
         bool overload = false;
         std::uint32_t clockGeneration = 0;  ///< SlaveClock's at the last record
         std::uint32_t nextOdt = 0;          ///< 0: no record is open
         std::int64_t periodNs = 0;          ///< between two records, 0 when not cyclic
-        std::int64_t receiveNs = 0;
-        std::int64_t timeNs = 0;
+        std::int64_t receiveNs = 0;         ///< of the open record
+        std::uint32_t raw = 0;              ///< and its timestamp
         std::int64_t previousNs = 0;
         ListClock clock = {};
+        Counter records = {};  ///< read by any thread
         std::vector<OdtLayout> odts = {};
         std::vector<std::uint8_t> record = {};
     };
@@ -103,12 +124,20 @@ class DaqDecoder final : public IDtoSink {
         std::uint32_t odt;
     };
 
+    void decode(const std::uint8_t* data, std::size_t length, ReceiveTime time);
     void numberPids(const DaqPlan& plan, std::span<const std::uint8_t> firstPids);
     Place find(const std::uint8_t* data, std::uint8_t pid);
     bool beginRecord(List& list, const std::uint8_t* data, std::size_t length, std::int64_t receiveNs);
     void abandon(List& list, std::uint64_t lostOdts);
+    void endOpenRecords();
     void finishRecord(List& list);
-    void checkCycle(List& list);
+    std::uint64_t ticksOf(const List& list) const;
+    bool late(const List& list) const;
+    bool holding() const { return holding_.load(std::memory_order_relaxed); }
+    bool heldBack(const List& list, const UntimedRecord& record);
+    void release();
+    void deliver(const UntimedRecord& record, const std::uint8_t* data);
+    void checkCycle(List& list, std::int64_t timeNs);
 
     // Constant after construction (the sink: after installation).
     DaqIdentification identification_;
@@ -118,14 +147,19 @@ class DaqDecoder final : public IDtoSink {
     std::uint16_t firstListNumber_;
     std::array<PidEntry, 256> pids_ = {};
     IDaqRecordSink* sink_ = nullptr;
+    const std::atomic<std::uint64_t>* holes_ = nullptr;
 
-    // Receive thread only.
+    // Receive thread only; while records are held back, under holdMutex_.
+    std::uint64_t holesSeen_ = 0;
     SlaveClock clock_;
     std::vector<List> lists_;
+    std::unique_ptr<HeldRecords> held_;  ///< none without holdBack()
+
+    std::atomic<bool> holding_{false};
+    std::mutex holdMutex_;
 
     // Written by the receive thread.
-    Counter dtos_, records_, lostOdts_, incompleteRecords_, missedCycles_, overloads_, unknownDtos_,
-        malformedDtos_;
+    Counter dtos_, lostOdts_, incompleteRecords_, missedCycles_, overloads_, unknownDtos_, malformedDtos_;
 };
 
 }  // namespace lm::xcp

@@ -11,6 +11,7 @@ namespace {
 
 constexpr unsigned kT1 = 0;
 constexpr int kMostCare = 2;
+constexpr std::size_t kStatusLength = 6;
 /// A slave that answers all twice does so at once.
 constexpr auto kCopyComesWithin = std::chrono::milliseconds(10);
 
@@ -96,12 +97,13 @@ Result<void> Connection::meet() {
         synchs_ = Synchs::answered;
         return isClear() ? Result<void>() : sendSynchs();
     }
-    const auto status = exchange(buildPlain(Command::getStatus), half, Kind::command, 1);
+    const auto status = exchange(buildPlain(Command::getStatus), half, Kind::command, kStatusLength);
     if (!status) return status.error();
     if (!status.value() || !staysSilent(begin, timeout(kT1))) return sendSynchs();
     spdlog::warn(
-        "the ECU does not answer SYNCH: an answer that it sends twice or too late can be taken for another "
-        "command's without being noticed");
+        "the ECU does not answer SYNCH and is asked for its status instead: an answer that comes twice can "
+        "be "
+        "taken for another command's unnoticed where it reads like the status");
     synchs_ = Synchs::never;
     return {};
 }
@@ -110,7 +112,7 @@ Result<void> Connection::meet() {
 /// was lost, nobody can tell which came, but that no more follow.
 Result<void> Connection::calmDown() {
     const auto begin = clock_.now();
-    const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::command, 1);
+    const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::command, kStatusLength);
     if (!status) return status.error();
     if (!status.value() && !staysSilent(begin, timeout(kT1))) return noSynch();
     return {};
@@ -140,11 +142,33 @@ Result<bool> Connection::confirm() {
     auto own = turn();
     if (!own) return own.error();
     const Finishing finishing(*this);
-    if (synchs_ != Synchs::never) {
-        if (auto closed = fence(); !closed) return closed.error();
-    }
+    if (synchs_ == Synchs::never) return confirmByStatus();
+    if (auto closed = fence(); !closed) return closed.error();
     const std::lock_guard lock(answerMutex_);
-    return matcher_.inStep() || synchs_ == Synchs::never;
+    return matcher_.inStep();
+}
+
+/// Of a slave without SYNCH: what is left over comes before the status, and passes for it; then the next one
+/// differs.
+Result<bool> Connection::confirmByStatus() {
+    {
+        const std::lock_guard lock(answerMutex_);
+        if (matcher_.atFence()) return matcher_.inStep();
+    }
+    const auto ask = [this] {
+        return exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::command, kStatusLength);
+    };
+    const auto begin = clock_.now();
+    const auto first = ask();
+    if (!first) return first.error();
+    const auto second = ask();
+    if (!second) return second.error();
+    const bool answered = first.value() && second.value();
+    const bool equal = answered && std::ranges::equal(first.value()->view(), second.value()->view());
+    if (!equal && !staysSilent(begin, timeout(kT1) / 2)) return noSynch();
+    const std::lock_guard lock(answerMutex_);
+    if (equal) matcher_.settle();
+    return matcher_.inStep() && equal;
 }
 
 void Connection::beMoreCareful() {

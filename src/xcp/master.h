@@ -74,7 +74,8 @@ class Master final : public IPacketSink {
 
     /// Whether every answer taken since the last call (or CONNECT) was certainly its command's: a SYNCH,
     /// whose answer must follow theirs directly; nothing when no answer was taken. A slave that never
-    /// answered one is believed. After requestStop() too: what was read before is not lost.
+    /// answered one is asked for its status instead. After requestStop() too: what was read before is not
+    /// lost.
     Result<bool> confirm() { return connection_.confirm(); }
     /// From now on until CONNECT commands stand between fences of their own; called again, copies of answers
     /// are waited for too.

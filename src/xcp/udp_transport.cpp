@@ -240,7 +240,7 @@ void UdpTransport::receiveLoop(std::unique_ptr<Batch> batch) {
             onBatch(*batch, static_cast<std::size_t>(count));
         } else if (const int failure = errno; failure != EAGAIN && failure != EWOULDBLOCK &&
                                               failure != EINTR && failure != ECONNREFUSED) {
-            reportReceiveError(failure);
+            report(hal::CanChannelEventKind::receiveFailed, static_cast<std::uint32_t>(failure));
             // A broken socket fails at once; without this wait its errors would come without end.
             pollfd wait = {.fd = wakeUp_, .events = POLLIN, .revents = 0};
             ::poll(&wait, 1, kReceiveWaitMs);
@@ -309,16 +309,17 @@ void UdpTransport::noteMissing(std::uint16_t counter) {
 }
 
 void UdpTransport::noteKernelDrops(std::uint32_t total) {
-    kernelDrops_.add(total - lastKernelDrops_);
+    if (total == lastKernelDrops_) return;
+    const std::uint32_t dropped = total - lastKernelDrops_;
+    kernelDrops_.add(dropped);
     lastKernelDrops_ = total;
+    report(hal::CanChannelEventKind::framesLost, dropped);
 }
 
-void UdpTransport::reportReceiveError(int systemError) {
+void UdpTransport::report(hal::CanChannelEventKind kind, std::uint32_t value) {
     if (IPacketSink* const sink = sink_.load()) {
-        sink->onTransportEvent({.kind = hal::CanChannelEventKind::receiveFailed,
-                                .timeNs = steadyNow(),
-                                .state = hal::CanBusState::unknown,
-                                .value = static_cast<std::uint32_t>(systemError)});
+        sink->onTransportEvent(
+            {.kind = kind, .timeNs = steadyNow(), .state = hal::CanBusState::unknown, .value = value});
     }
 }
 

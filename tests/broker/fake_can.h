@@ -13,9 +13,10 @@ namespace lm::broker::test {
 
 class FakeCan : public hal::ICanAdapter {
   public:
-    std::atomic<bool> gone{false};         ///< opening and sending fail
-    unsigned opened = 0;                   ///< successful calls of open(), of all channels
-    hal::CanLinkState link;                ///< what "can0" tells about itself
+    std::atomic<bool> gone{false};          ///< opening and sending fail
+    unsigned opened = 0;                    ///< successful calls of open(), of all channels
+    hal::CanLinkState link{.kind = "can"};  ///< what "can0" tells about itself
+    hal::CanBusState state = hal::CanBusState::errorActive;
     hal::CanChannelStatistics statistics;  ///< of every channel
     hal::IFrameSink* sink = nullptr;       ///< of the channel made last
     std::vector<std::string> sent;
@@ -62,7 +63,7 @@ class FakeCan : public hal::ICanAdapter {
             return {};
         }
         const hal::CanChannelConfig& config() const override { return config_; }
-        hal::CanBusState busState() const override { return hal::CanBusState::errorActive; }
+        hal::CanBusState busState() const override { return bus_.state; }
         hal::CanChannelStatistics statistics() const override { return bus_.statistics; }
 
       private:

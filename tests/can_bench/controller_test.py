@@ -51,8 +51,8 @@ class ClassicTest(ControllerCase):
         sim.reach += ["-b", "500000"]
         self.check_info(sim, 0x7E0, 0x7E1, 8)
         self.assertRegex(self.link(), r"bitrate 500000 sample-point 0\.875")
-        changes = Path("/sys/class/net/can0/carrier_changes")
-        before = changes.read_text()
+        # What the kernel tells of every change of a link: settings, on, off.
+        monitor = self.start(["ip", "-o", "monitor", "link"])
         self.check_recording(sim, self.start_measured(sim, SPARSE_NAMES, 2))
         # What matches is left alone, so a user without rights may use it too, and only that.
         # The source tree may be closed to that user, so program and A2L file are copied out of it.
@@ -62,7 +62,10 @@ class ClassicTest(ControllerCase):
         plain = {"user": 65534, "group": 65534, "extra_groups": [], "executable": tool}
         allowed = self.run_plain("--a2l", demo, "-i", "can0", "-b", "500000", "get", "cal_read_only", **plain)
         self.expect(allowed, harness.value_line("cal_read_only", "42.000"))
-        self.assertEqual(changes.read_text(), before)
+        # Told in order: can1, changed now, comes before can0 if that one was left alone.
+        ip("link set can1 txqueuelen 11")
+        monitor.wait_for_out(": can1:")
+        self.assertNotIn(": can0:", monitor.out)
         refused = self.run_plain("--a2l", demo, "-i", "can0", "-b", "250000", "info", **plain)
         self.expect(refused, err="session: can0 down: netlink request: Operation not permitted. Setting the "
                     "bitrate needs the right CAP_NET_ADMIN; grant it once in a terminal, then start the program "
@@ -70,6 +73,7 @@ class ClassicTest(ControllerCase):
                     f"cap_net_admin+ep {tool}`\n", code=1)
         self.run_plain("--a2l", demo, "-i", "can0", "-b", "250000", "info")
         self.assertIn("bitrate 250000", self.link())
+        monitor.wait_for_out(": can0:")
 
     def test_controller_without_can_fd(self):
         self.check_no_fd("can0", ("-b", "500000"), "can0: netlink request: Operation not supported")
@@ -115,6 +119,25 @@ class FaultTest(ControllerCase):
         self.assertEqual(program.finish(), 0, program.err)
         self.assertEqual(re.findall(r"\] fcan0: (.*)", program.err), [line for _, line in rows if line] + [rows[2][1]])
         self.assertIn(" error frames 5\n", program.err)
+
+    def test_bus_off_is_told_after_many_changes_and_its_mend_where_there_is_one(self):
+        self.addCleanup(ip, "link set fcan0 type can restart-ms 0")
+        self.addCleanup(ip, "link set fcan0 down")
+        for restart_ms, line in ((0, "bus off, nothing is sent any more. Restart the controller in a terminal: "
+                                  "`sudo ip link set fcan0 type can restart`"),
+                                 (200, "bus off, the controller restarts by itself after 200 ms")):
+            with self.subTest(restart_ms):
+                ip("link set fcan0 down")
+                ip("link set fcan0 up type can bitrate 500000 restart-ms", restart_ms)
+                sim = self.start_pair(reach=["-c", self.patient_config()])
+                program = self.start_cli(sim, "measure", "-p", "20", *harness.signals(["counter_10ms@1", "throttle@1"]))
+                program.wait_for_out("counter_10ms", 2)
+                for order in ("bec 130 20", "bec 10 0") * 4 + ("bec 256 0",):
+                    Path("/sys/class/net/fcan0/fault").write_text(order)
+                program.wait_for_err(line + " (2 changes before it not told)")
+                program.signal(signal.SIGINT)
+                program.finish()
+                sim.kill()
 
     def test_up_without_can_fd(self):
         self.check_no_fd("fcan1", (), "fcan1 is not in CAN FD mode")

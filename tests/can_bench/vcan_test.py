@@ -88,6 +88,28 @@ class VcanTroubleTest(VcanCase):
         self.assertGreater(dropped, 1000, program.err)
         self.assertEqual((len(values), values[-1] - values[0] + 1 - records, missed), (records, dropped, dropped))
 
+    def test_no_record_is_joined_across_a_drop_of_the_kernel(self):
+        """Samples of two frames, a program that sleeps again and again: each record is of one sample."""
+        config = self.patient_config(daq={"maxBusLoad": 100}, can={"fd": True})
+        sim = self.start_ecu(self.vcan, "--fast-event-us", "100", "--can-fd", "--load-signals", "20",
+                             reach=["-c", config])
+        directory = self.dir / "recording"
+        program = self.start_cli(sim, *record(directory, [f"load_{n:04}@0" for n in range(20)], every=1000))
+        program.wait_for_out("load_0000", 3)
+        sent = Path(f"/sys/class/net/{self.vcan}/statistics/tx_packets")
+        for _ in range(4):
+            program.signal(signal.SIGSTOP)
+            begin = int(sent.read_text())
+            wait_until(lambda: int(sent.read_text()) > begin + 45000, "45,000 frames")
+            program.signal(signal.SIGCONT)
+            program.wait_for_out("load_0000", program.out.count("load_0000") + 30)
+        program.signal(signal.SIGINT)
+        self.assertEqual(program.finish(), 0, program.err)
+        self.assertRegex(program.err, r"CAN dropped [1-9]")
+        group = Recording(directory).groups[0]
+        first, last = group.signals[0], group.signals[-1]
+        self.assertEqual(len({(last.raw(r) - first.raw(r)) % 2 ** 32 for r in group.records}), 1)
+
     def test_interface_taken_down_and_up(self):
         self.check_loss(self.start_ecu(self.vcan), ["counter_10ms@1", "throttle@1"],
                         lambda: ip("link set", self.vcan, "down"), lambda: ip("link set", self.vcan, "up"),

@@ -59,6 +59,8 @@ TEST(CommandLines, MeasureTellsEveryLoss) {
              .recorded = 7,
              .recordedDropped = 8,
              .withoutSamples = 9100ms,
+             .failedReconnects = 1,
+             .withoutSamplesToEnd = 12340ms,
              .incompleteRecords = 1,
              .unknownDtos = 2,
              .malformedDtos = 3,
@@ -74,7 +76,42 @@ TEST(CommandLines, MeasureTellsEveryLoss) {
         otherLosses(stats),
         "incomplete records 1, unknown DTOs 2, malformed DTOs 3, UDP counter gaps 4, UDP packets missing "
         "5, malformed UDP datagrams 6, UDP datagrams dropped by the kernel 7, serial invalid frames 8, "
-        "9.1 s without samples before 4 reconnection(s)");
+        "9.1 s without samples before 3 reconnection(s), 1 of 4 reconnects failed, 12.3 s without samples up "
+        "to the end");
+}
+
+TEST(CommandLines, MeasureTellsSilentListsAndFailsOnRequest) {
+    using session::MeasurementStats;
+    MeasurementStats silent{.silentLists = {{3, "crank", 0}, {1, "", 1'500'000}}, .onlyHeardId = 0x980007E1};
+    const auto lines = silentLists(silent);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0] + "|" + lines[1],
+              "no record came of event 3 (crank, not cyclic)|no record came of event 1 (1.5 ms)");
+    EXPECT_TRUE(lines[2].starts_with("DTOs were expected with the identifier 0x980007E1 only")) << lines[2];
+
+    const struct {
+        MeasurementStats stats;
+        const char* what;  ///< the only condition that holds
+    } rows[] = {
+        {{}, ""},
+        {{.records = 5, .canErrorFrames = 2, .counterGaps = 3}, ""},
+        {{.lostOdts = 1}, "losses"},
+        {{.missedCycles = 1}, "losses"},
+        {{.overloads = 1}, "losses"},
+        {{.canDropped = 1}, "losses"},
+        {{.recording = true, .recordedDropped = 1}, "losses"},
+        {{.missingPackets = 1}, "losses"},
+        {{.invalidFrames = 1}, "losses"},
+        {{.reconnects = 1}, "outage"},
+        {{.withoutSamplesToEnd = 1ms}, "outage"},
+        {silent, "empty"},
+    };
+    for (const auto& row : rows) {
+        for (const std::string what : {"losses", "outage", "empty"})
+            EXPECT_EQ(failsOn({what}, row.stats), what == row.what) << what << &row - rows;
+        EXPECT_FALSE(failsOn({}, row.stats));
+        EXPECT_EQ(failsOn({"losses", "outage", "empty"}, row.stats), *row.what != '\0');
+    }
 }
 
 }  // namespace

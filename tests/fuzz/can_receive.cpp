@@ -84,8 +84,7 @@ class Bus {
 
     void finish() {
         receiver_.finish();
-        for (const Message& message : std::exchange(pending_, {}))
-            expectFrame(message);
+        expectPending();
     }
 
     void check() const {
@@ -105,7 +104,13 @@ class Bus {
     void expectState(unsigned state, std::int64_t timeNs) {
         if (std::exchange(state_, state) != state) expectEvent(0, timeNs, 0);
     }
+    void expectPending() {
+        for (const Message& message : std::exchange(pending_, {}))
+            expectFrame(message);
+    }
+    /// Told where the frames are missing: behind those that came before.
     void expectLost(std::uint32_t count, std::int64_t timeNs) {
+        expectPending();
         lost_ += count;
         expectEvent(1, timeNs, count);
     }

@@ -3,6 +3,7 @@
 // with times that neither lie in the future nor step back.
 #include "xcp/daq_decoder.h"
 
+#include <limits>
 #include <map>
 #include <optional>
 #include <vector>
@@ -96,11 +97,14 @@ struct Bench {
     const xcp::DaqPlan& plan;
     xcp::DaqDecoder& decoder;
     Records& records;
+    xcp::DaqDecoder& patient;  ///< holds records back
     std::int64_t now = 1'000'000'000'000;
 
     void send(const Bytes& dto) {
         const std::uint64_t before = records.count;
         decoder.onDto(dto.data(), dto.size(), {.hostNs = now});
+        patient.onDto(dto.data(), dto.size(), {.hostNs = now});
+        if (dto.size() % 8 == 0) patient.settle(now);
         require(records.count <= before + 1, "a DTO completes one record at most");
     }
 
@@ -153,7 +157,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto firstPids = input.takeBelow(2) != 0 ? input.takeBytes(plan.lists.size()) : input.takeBytes(0);
     xcp::DaqDecoder decoder(plan, capabilities, firstPids);
     decoder.setSink(&records);
-    fuzz::Bench bench{plan, decoder, records};
+    fuzz::Records later(plan);
+    xcp::DaqDecoder patient(plan, capabilities, firstPids);
+    patient.setSink(&later);
+    patient.holdBack();
+    fuzz::Bench bench{plan, decoder, records, patient};
     // The slave's own PIDs may overlap here: then a cycle need not arrive.
     const bool cycles =
         !plan.lists.empty() && firstPids.empty() && plan.firstListNumber + plan.lists.size() <= 256;
@@ -169,5 +177,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     }
     const auto counters = decoder.counters();
     fuzz::require(counters.records == records.count, "every record is counted");
+    fuzz::require(patient.counters().records == records.count, "also one that is held back");
+    patient.settle(std::numeric_limits<std::int64_t>::max());
+    fuzz::require(later.count == records.count && later.bytes == records.bytes, "which comes in the end");
     return 0;
 }

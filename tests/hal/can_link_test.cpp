@@ -36,19 +36,20 @@ TEST(CanLinkMessage, RequestsAreWhatTheKernelReads) {
 std::string describe(const Result<CanLinkState>& link) {
     if (!link) return link.error().message;
     const CanLinkState& state = link.value();
-    return fmt::format("up {} {} mtu {}: {}/{} {}/{} mode {:x} state {}", state.up, state.kind, state.mtu,
-                       state.bitTiming.bitrate, state.bitTiming.samplePoint, state.dataBitTiming.bitrate,
-                       state.dataBitTiming.samplePoint, state.controlMode, static_cast<int>(state.busState));
+    return fmt::format("up {} {} mtu {}: {}/{} {}/{} mode {:x} state {} restart {}", state.up, state.kind,
+                       state.mtu, state.bitTiming.bitrate, state.bitTiming.samplePoint,
+                       state.dataBitTiming.bitrate, state.dataBitTiming.samplePoint, state.controlMode,
+                       static_cast<int>(state.busState), state.restartMs);
 }
 
 TEST(CanLinkMessage, ReadsRepliesAndRefusesDamagedOnes) {
-    const auto reply =
-        hex("B0000000 1000 0000 07000000 00000000 0000 1801 05000000 43000000 00000000" + kName +
-            "0800 0400 48000000 0800 6F80 FFFFFFFF 7400 1200 0800 0100 63616E00" + "6800 0280" + kTiming +
-            kDataTiming + "0C00 0500 00000000 22000000" + "0800 0400 02000000 0800 0300 00E1F505");
+    const auto reply = hex("B8000000 1000 0000 07000000 00000000 0000 1801 05000000 43000000 00000000" +
+                           kName + "0800 0400 48000000 0800 6F80 FFFFFFFF 7C00 1200 0800 0100 63616E00" +
+                           "7000 0280" + kTiming + kDataTiming + "0C00 0500 00000000 22000000" +
+                           "0800 0400 02000000 0800 0600 C8000000 0800 0300 00E1F505");
     const std::string unexpected = "unexpected netlink reply: Bad message";
     EXPECT_EQ(describe(readLinkReply(reply, 7)),
-              "up true can mtu 72: 500000/875 2000000/750 mode 22 state 3");
+              "up true can mtu 72: 500000/875 2000000/750 mode 22 state 3 restart 200");
     EXPECT_EQ(describe(readLinkReply(reply, 8)), unexpected);
     EXPECT_EQ(readAcknowledgement(reply, 7).error().message, unexpected);
     for (std::size_t length = 0; length < reply.size(); ++length) {

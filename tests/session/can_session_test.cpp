@@ -115,15 +115,70 @@ TEST_F(CanSession, AFlappingControllerIsToldInMeasure) {
             change(hal::CanBusState::errorPassive, 0);
             change(hal::CanBusState::errorActive, 0);
         }
+        change(hal::CanBusState::busOff, 1);
+        change(hal::CanBusState::errorActive, 0);
+        change(hal::CanBusState::busOff, 0);
+        change(hal::CanBusState::errorWarning, 0);
+        change(hal::CanBusState::errorActive, 0);
         change(hal::CanBusState::errorPassive, 11);
+        change(hal::CanBusState::busOff, 1);
+        bus_.state = hal::CanBusState::busOff;
+        change(hal::CanBusState::errorActive, 1);
         change(hal::CanBusState::busOff, 1);
     }
     const std::string passive = "warning can0: error passive: check bit rate, wiring and termination";
     const std::string active = "warning can0: error active again";
     const std::string hides = " (from now on a change is told every 10 s at most, the others are counted)\n";
+    const std::string off =
+        "bus off, nothing is sent any more. Restart the controller in a terminal: "
+        "`sudo ip link set can0 type can restart`";
     EXPECT_EQ(log.text(), passive + "\n" + active + "\n" + passive + "\n" + active + "\n" + passive + "\n" +
-                              active + hides + passive + " (997 changes before it not told)" + hides +
-                              "warning can0: 1 further change(s) of state not told, now error active\n");
+                              active + hides + "warning can0: " + off + " (1994 changes before it not told)" +
+                              hides + passive + " (3 changes before it not told)" + hides +
+                              "warning can0: " + off + hides +
+                              "warning can0: 2 further change(s) of state not told, now " + off + "\n");
+}
+
+TEST_F(CanSession, ARestartByHandIsAskedForWhereItIsNeeded) {
+    const struct {
+        const char* kind;
+        std::uint32_t restartMs;
+        const char* told;
+    } rows[] = {
+        {"can", 0,
+         "bus off, nothing is sent any more. Restart the controller in a terminal: `sudo ip link set can0 "
+         "type can restart`"},
+        {"can", 200, "bus off, the controller restarts by itself after 200 ms"},
+        {"vcan", 0, "bus off"}};
+    for (const auto& row : rows) {
+        bus_.link.kind = row.kind;
+        bus_.link.restartMs = row.restartMs;
+        const lm::test::LogCapture log;
+        spdlog::default_logger()->set_level(spdlog::level::warn);
+        auto session = create(0x600);
+        ASSERT_TRUE(session && session.value()->open());
+        bus_.sink->onChannelEvent(
+            {hal::CanChannelEventKind::stateChanged, nowNs(), hal::CanBusState::busOff, 0});
+        EXPECT_EQ(log.text(), std::string("warning can0: ") + row.told + "\n");
+    }
+}
+
+TEST_F(CanSession, AnOverloadToldInBothWaysCountsOnce) {
+    options_.overload = sim::OverloadIndication::topBit;
+    auto session = create(0x600);
+    ASSERT_TRUE(session && session.value()->open());
+    ASSERT_TRUE(session.value()->startMeasurement({{"wave@0"}, {}, nullptr}));
+    bus_.receive({"601#FD06"});
+    EXPECT_EQ(session.value()->statistics().overloads, 1U) << "although it said to mark its DTOs";
+    bus_.receive({"601#80.00.00.00.00.00.00.00"});
+    EXPECT_EQ(session.value()->statistics().overloads, 1U);
+    bus_.receive({"601#80.00.00.00.00.00.00.00"});
+    EXPECT_EQ(session.value()->statistics().overloads, 2U);
+
+    const lm::test::LogCapture log;
+    spdlog::default_logger()->set_level(spdlog::level::warn);
+    bus_.receive({"601#FD07", "601#FD07"});
+    EXPECT_EQ(log.text(), "warning the ECU ended the session (EV_SESSION_TERMINATED)\n");
 }
 
 }  // namespace

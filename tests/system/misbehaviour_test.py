@@ -53,7 +53,7 @@ class StreamTest(harness.SystemTest):
         self.assertIn(happened - told, (0, 1))
 
     def test_nothing_lost_means_nothing_told(self):
-        rows = [["--pack", "20"], ["--pad", "9"], *map(faults, ("double:*:1:0", "stray:*:1:0", "stall:DAQ:100:1:300",
+        rows = [["--pack", "20"], ["--pad", "9"], *map(faults, ("double:*:1:0", "stray:*:9", "stall:DAQ:100:1:300",
                                                                 "late:*:1:0:20", "ctr-gap:10"))]
         for options in rows:
             with self.subTest(options):

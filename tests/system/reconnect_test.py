@@ -76,6 +76,44 @@ class ReconnectTest(harness.SystemTest):
                 records = self.statistics(program.err)[0]["records"]
                 self.assertTrue(records == 3 if faults else records >= 1, program.err)
 
+    def test_an_outage_to_the_end_is_told(self):
+        for what, code in (("losses,outage", 3), ("empty", 0)):
+            with self.subTest(what):
+                relay = self.start_relay()
+                config = self.quick_config(reconnect={"policy": "retry_forever", "heartbeatMs": 300})
+                program = self.start_cli(relay, "-c", config, "measure", "-p", "1", "-s", "counter_1ms@0", "--fail-on", what)
+                program.wait_for_out("counter_1ms")
+                relay.hide()
+                program.wait_for_err("reconnect attempt 1:")
+                program.signal(signal.SIGINT)
+                self.assertEqual(program.finish(), code, program.err)
+                self.assertEqual(self.statistics(program.err)[0]["reconnects"], 1)
+                found = re.search(r"1 of 1 reconnects failed, (\d+\.\d) s without samples up to the end\n", program.err)
+                self.assertGreaterEqual(float(found[1]), 0.7)
+
+    def test_lists_without_a_record_are_told(self):
+        for what, code in ((["empty"], 3), (["outage"], 0), ([], 0)):
+            with self.subTest(what):
+                done = self.run_cli(self.start_sim("--fault", "lose-odt:1"), "measure", "-t", "0.2", "-s", "counter_1ms@0",
+                                    "-s", "gear@1", *(["--fail-on", *what] if what else []))
+                self.assertEqual(done.returncode, code, done.stderr)
+                self.assertEqual(re.findall(r"no record came of event .*", done.stderr),
+                                 ["no record came of event 0 (cyclic_1ms, 1 ms)", "no record came of event 1 (cyclic_10ms, 10 ms)"])
+
+    def test_old_lists_that_run_again_do_not_hide_an_outage(self):
+        relay = self.start_relay()
+        config = self.quick_config(reconnect={"policy": "retry", "attempts": 1000, "heartbeatMs": 300, "intervalMs": 1500})
+        program = self.start_cli(relay, "-c", config, "measure", "-p", "100", "-s", "counter_1ms@0")
+        program.wait_for_out("counter_1ms", 3)
+        relay.change = lambda datagram: b""
+        program.wait_for_err("** reconnecting")
+        relay.change = lambda datagram: datagram
+        program.wait_for_err("** measuring")
+        program.signal(signal.SIGINT)
+        self.assertEqual(program.finish(), 0, program.err)
+        silent = float(re.search(r"(\d+\.\d) s without samples before 1 reconnection", program.err)[1])
+        self.assertGreaterEqual(silent, 0.3)
+
     def test_retry_goes_on_with_an_ecu_that_was_replaced(self):
         relay = self.start_relay()
         program = self.measure(relay, xcp={"connectAttempts": 1}, reconnect={"policy": "retry", "attempts": 1000})

@@ -342,11 +342,13 @@ TEST_F(AnswerSchedules, SynchUnansweredForAWhile) {
     const std::size_t count = packets(false);
     for (std::size_t position = 0; position < count; ++position) {
         for (const std::size_t synchs : {1, 2, 3, 5, 8}) {
-            for (std::size_t late = 0; late < count; late += stride(3))
-                Session({{.kind = Kind::deaf, .command = position, .count = synchs},
-                         {.kind = Kind::late, .command = late, .ns = kT1 * 3 / 2}},
-                        true, figures)
-                    .run();
+            for (std::size_t other = 0; other < count; other += stride(3)) {
+                for (const auto& [kind, ns] : {std::pair{Kind::late, kT1 * 3 / 2}, {Kind::doubled, kT1 / 50}})
+                    Session({{.kind = Kind::deaf, .command = position, .count = synchs},
+                             {.kind = kind, .command = other, .ns = ns}},
+                            true, figures)
+                        .run();
+            }
         }
     }
     expectSound("SYNCH unanswered for a while", figures);

@@ -99,6 +99,25 @@ TEST(DaqDecoder, CountsEveryKindOfLoss) {
               "2/1[31 32]1/0![11 12 13 14]1/0[11 12 13 14] 0 0 1 0 0");
 }
 
+TEST(DaqDecoder, JoinsNoRecordAcrossAHole) {
+    Bench bench(capabilities(DaqIdentification::absoluteOdt), {0, 0, 3});
+    std::atomic<std::uint64_t> holes{4};
+    bench.decoder.setHoles(&holes);
+    bench.decode({"00 11 12"});
+    holes = 5;
+    const Bytes later = hex("01 23 24");  // of the next sample
+    bench.decoder.onDto(later.data(), later.size(), {42, 0});
+    for (const char* text : {"00 31 32", "01 33 34", "02 41 42"}) {
+        const Bytes dto = hex(text);
+        bench.decoder.onDto(dto.data(), dto.size(), {42, 0});
+    }
+    const auto counters = bench.decoder.counters();
+    EXPECT_EQ(bench.log, "1/0[31 32 33 34]2/1[41 42]");
+    EXPECT_EQ(counters.lostOdts, 2U);
+    EXPECT_EQ(counters.incompleteRecords, 2U);
+    EXPECT_EQ(bench.decoder.recordsOf(0), 1U);
+}
+
 TEST(DaqDecoder, CountsMissedCycles) {
     DaqCapabilities stamped = capabilities(DaqIdentification::relativeByte);
     stamped.timestampSize = 2;

@@ -56,7 +56,8 @@ TEST(Master, SendsRepeatsAndTakesExactlyWhatItShould) {
         // Late: the first copy's answer before SYNCH's, the second SYNCH's after the repeated command was
         // sent.
         {"connect; fetch; status",
-         "FF 00 > @; F5 02; FC; FC > FF 11 22, FE 00; FC > FE 00; F5 02 > FE 00, FF 33 44; FD > FF 01 00 00 00 00",
+         "FF 00 > @; F5 02; FC; FC > FF 11 22, FE 00; FC > FE 00; F5 02 > FE 00, FF 33 44; FD > FF 01 00 00 "
+         "00 00",
          "ok; FF 33 44; 01", "2 0 2"},
         // Shorter than the layout: set aside for the one that fits; alone it counts after the timeout.
         {"connect; status; status", "FF 00 > @; FD > FF, FF 02 00 00 00 00; FD > FF 00 00 00 00",
@@ -128,10 +129,13 @@ TEST(Master, ConfirmsThatAnswersBelongToTheirCommands) {
          "; F5 02 > FF 11 11; FC > FE 00; F5 02 > FF 22 22; FC; FC; FC; FC; FC; FC",
          "FF 11 11; in step; FF 22 22; SYNCH: no response from slave; GET_STATUS: SYNCH: no response from "
          "slave"},
-        // One that answers the status but no SYNCH, or answers it oddly, is believed and not asked again.
-        // After an answer that was lost the status shows that no more follow.
-        {"fetch; confirm; fetch; confirm", "; F5 02 > FF 11 11; FC; FD > FF 00 00 00 00 00; F5 02 > FF 22 22",
-         "FF 11 11; in step; FF 22 22; in step"},
+        // One that answers the status but no SYNCH, or answers it oddly, is asked for the status from then
+        // on. After an answer that was lost the status shows that no more follow.
+        {"fetch; confirm; fetch; confirm; status; confirm",
+         "; F5 02 > FF 11 11; FC; FD > FF 00 00 00 00 00; F5 02 > FF 22 22; FD > FF 00 00 00 00 00; FD > FF "
+         "00 00 00 00 00; "
+         "FD > FF 01 00 00 00 00; FD > FF 01 00 00 00 00; FD > FF 00 00 00 00 00, FF 00 00 00 00 00",
+         "FF 11 11; in step; FF 22 22; in step; 01; out of step"},
         {"fetch; confirm; fetch; status",
          "; F5 02 > FF 11 11; FC > FE 20; FD > FF 00 00 00 00 00; F5 02; FC; FC; FC; "
          "FD > FF 00 00 00 00 00; FD > FF 07 00 00 00 00",

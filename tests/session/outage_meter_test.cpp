@@ -1,0 +1,78 @@
+#include "session/outage_meter.h"
+
+#include <gtest/gtest.h>
+
+namespace lm::session {
+namespace {
+
+constexpr std::int64_t kMs = 1'000'000;
+
+/// Records every 10 ms until 1000 ms; a heartbeat of 500 ms.
+class Outages : public testing::Test {
+  protected:
+    Outages() {
+        meter_.start(0);
+        records(10, 1000);
+    }
+    void records(int from, int to, int late = 0) {
+        for (int at = from; at <= to; at += 10)
+            meter_.onRecord(at * kMs, (at + late) * kMs);
+    }
+    std::int64_t before() const { return meter_.beforeReconnectionsNs() / kMs; }
+    std::int64_t upToEnd() const { return meter_.upToEndNs() / kMs; }
+
+    OutageMeter meter_{40 * kMs, 500 * kMs};
+};
+
+TEST_F(Outages, OldListsAndLateFramesHideNone) {
+    meter_.begin(2000 * kMs);
+    records(2500, 3000);  // the old lists run again
+    meter_.end(3100 * kMs);
+    EXPECT_EQ(before(), 1500 + 100);
+    records(3100, 4000);
+
+    meter_.begin(5000 * kMs);
+    records(4010, 4100, 3700);  // out of the ECU's queue, with their own times
+    records(7810, 8000);
+    meter_.end(8000 * kMs);
+    EXPECT_EQ(before(), 1600 + 3710);
+    EXPECT_EQ(meter_.ended(), 2U);
+    meter_.finish(8000 * kMs, false, true);
+    EXPECT_EQ(upToEnd(), 0);
+}
+
+TEST_F(Outages, ARecordThatComesWhileTheLossIsNoticedBelongsToIt) {
+    records(2000, 2000);
+    meter_.begin(2001 * kMs);
+    meter_.end(2501 * kMs);
+    EXPECT_EQ(before(), 1000 + 501);
+    records(2510, 5000);
+    meter_.begin(6000 * kMs);
+    meter_.end(6100 * kMs);
+    EXPECT_EQ(before(), 1501 + 1100) << "no gap counts twice";
+}
+
+TEST_F(Outages, OneThatLastsToTheEndIsTold) {
+    const struct {
+        int end;
+        bool lost, cyclic;
+        int told;
+    } rows[] = {{1400, false, true, 0},
+                {1600, false, true, 600},  // not noticed yet
+                {1600, false, false, 0},
+                {1400, true, true, 400}};
+    for (const auto& row : rows) {
+        OutageMeter meter(40 * kMs, 500 * kMs);
+        meter.start(1000 * kMs);
+        meter.finish(row.end * kMs, row.lost, row.cyclic);
+        EXPECT_EQ(meter.upToEndNs() / kMs, row.told);
+    }
+    meter_.begin(2000 * kMs);
+    records(3000, 3100);
+    meter_.finish(4000 * kMs, false, false);
+    EXPECT_EQ(upToEnd(), 2000 + 900);
+    EXPECT_EQ(meter_.ended(), 0U);
+}
+
+}  // namespace
+}  // namespace lm::session
