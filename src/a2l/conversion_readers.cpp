@@ -39,12 +39,12 @@ std::vector<double> numbersFrom(const Block& block, std::size_t first) {
     return numbers;
 }
 
-void readFormula(CompuMethod& method, const Block& block, Keeper& keeper) {
-    method.formula = keeper.own(readString(block, 0, "FORMULA"));
+void readFormula(CompuMethod& method, const Block& block, ModelStore& store) {
+    method.formula = store.own(readString(block, 0, "FORMULA"));
     const auto tokens = block.tokens();
     for (std::size_t i = 1; i < tokens.size(); ++i) {
         if (!tokens[i].is("FORMULA_INV")) continue;
-        method.formulaInverse = keeper.own(readString(block, i + 1, "FORMULA_INV"));
+        method.formulaInverse = store.own(readString(block, i + 1, "FORMULA_INV"));
     }
 }
 
@@ -85,33 +85,33 @@ void checkMethod(CompuMethod& method, Coefficients& coefficients, bool hasFormul
 
 }  // namespace
 
-CompuMethod readCompuMethod(const Block& block, Keeper& keeper) {
+CompuMethod readCompuMethod(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 5;
     CompuMethod method;
     const std::string_view name = readIdentifier(block, 0, "name");
-    method.longIdentifier = keeper.own(readString(block, 1, "long identifier"));
+    method.longIdentifier = store.own(readString(block, 1, "long identifier"));
     method.type = readConversionType(block, 2);
-    method.format = keeper.common(readString(block, 3, "format"));
-    method.unit = keeper.common(readString(block, 4, "unit"));
+    method.format = store.common(readString(block, 3, "format"));
+    method.unit = store.common(readString(block, 4, "unit"));
     Coefficients coefficients;
     forEachOptional<Word>(block, kPositional, kMethodKeywords, [&](Word word, std::size_t value) {
         if (word == Word::coeffs) coefficients.rational = numbersFrom(block, value);
         if (word == Word::coeffsLinear) coefficients.linear = numbersFrom(block, value);
         if (word == Word::compuTabRef) {
-            method.tableRef = keeper.common(readIdentifier(block, value, "COMPU_TAB_REF"));
+            method.tableRef = store.common(readIdentifier(block, value, "COMPU_TAB_REF"));
         }
         if (word == Word::statusStringRef) {
-            method.statusStringRef = keeper.common(readIdentifier(block, value, "STATUS_STRING_REF"));
+            method.statusStringRef = store.common(readIdentifier(block, value, "STATUS_STRING_REF"));
         }
     });
     const Block* formula = block.child("FORMULA");
-    if (formula != nullptr) readFormula(method, *formula, keeper);
+    if (formula != nullptr) readFormula(method, *formula, store);
     checkMethod(method, coefficients, formula != nullptr);
-    method.name = keeper.common(name);
+    method.name = store.common(name);
     return method;
 }
 
-CompuTab readCompuTab(const Block& block, Keeper& keeper) {
+CompuTab readCompuTab(const Block& block, ModelStore& store) {
     CompuTab table;
     const std::string_view name = readIdentifier(block, 0, "name");
     readString(block, 1, "long identifier");
@@ -124,12 +124,12 @@ CompuTab readCompuTab(const Block& block, Keeper& keeper) {
     }
     for (; next < block.tokens().size(); ++next) {
         if (block.tokens()[next].is("DEFAULT_VALUE")) {
-            table.defaultText = keeper.own(readString(block, next + 1, "DEFAULT_VALUE"));
+            table.defaultText = store.own(readString(block, next + 1, "DEFAULT_VALUE"));
         } else if (block.tokens()[next].is("DEFAULT_VALUE_NUMERIC")) {
             table.defaultNumeric = readNumber(block, next + 1, "DEFAULT_VALUE_NUMERIC");
         }
     }
-    table.name = keeper.own(name);
+    table.name = store.own(name);
     return table;
 }
 
@@ -137,39 +137,39 @@ namespace {
 
 // Entries of `numbers` numbers (the bounds) and a text each, then the default text.
 CompuVtab readTexts(const Block& block, std::size_t next, std::uint32_t count, std::size_t numbers,
-                    Keeper& keeper) {
+                    ModelStore& store) {
     CompuVtab table;
     for (std::uint32_t i = 0; i < count; ++i, next += numbers + 1) {
         CompuVtab::Range range;
         range.lower = range.upper = readNumber(block, next, "InVal");
         if (numbers == 2) range.upper = readNumber(block, next + 1, "InValMax");
-        range.text = keeper.common(readString(block, next + numbers, "OutVal"));
+        range.text = store.common(readString(block, next + numbers, "OutVal"));
         table.ranges.push_back(range);
     }
     for (; next < block.tokens().size(); ++next) {
         if (!block.tokens()[next].is("DEFAULT_VALUE")) continue;
-        table.defaultText = keeper.common(readString(block, next + 1, "DEFAULT_VALUE"));
+        table.defaultText = store.common(readString(block, next + 1, "DEFAULT_VALUE"));
     }
-    table.name = keeper.own(readIdentifier(block, 0, "name"));
+    table.name = store.own(readIdentifier(block, 0, "name"));
     return table;
 }
 
 }  // namespace
 
-CompuVtab readCompuVtab(const Block& block, Keeper& keeper) {
+CompuVtab readCompuVtab(const Block& block, ModelStore& store) {
     readIdentifier(block, 0, "name");
     readString(block, 1, "long identifier");
     readConversionType(block, 2);
-    return readTexts(block, 4, readCount<std::uint32_t>(block, 3, "number of value pairs"), 1, keeper);
+    return readTexts(block, 4, readCount<std::uint32_t>(block, 3, "number of value pairs"), 1, store);
 }
 
-CompuVtab readCompuVtabRange(const Block& block, Keeper& keeper) {
+CompuVtab readCompuVtabRange(const Block& block, ModelStore& store) {
     readIdentifier(block, 0, "name");
     readString(block, 1, "long identifier");
-    return readTexts(block, 3, readCount<std::uint32_t>(block, 2, "number of entries"), 2, keeper);
+    return readTexts(block, 3, readCount<std::uint32_t>(block, 2, "number of entries"), 2, store);
 }
 
-RecordLayout readRecordLayout(const Block& block, Keeper& keeper) {
+RecordLayout readRecordLayout(const Block& block, ModelStore& store) {
     RecordLayout layout;
     const std::string_view name = readIdentifier(block, 0, "name");
     for (std::size_t i = 1; i < block.tokens().size(); ++i) {
@@ -177,12 +177,12 @@ RecordLayout readRecordLayout(const Block& block, Keeper& keeper) {
         RecordLayout::Entry entry;
         entry.position = readCount<std::uint16_t>(block, i + 1, "position");
         entry.dataType = readDataType(block, i + 2);
-        entry.indexMode = keeper.common(readIdentifier(block, i + 3, "index mode"));
-        entry.addressType = keeper.common(readIdentifier(block, i + 4, "address type"));
+        entry.indexMode = store.common(readIdentifier(block, i + 3, "index mode"));
+        entry.addressType = store.common(readIdentifier(block, i + 4, "address type"));
         layout.fncValues = entry;
         break;
     }
-    layout.name = keeper.common(name);
+    layout.name = store.common(name);
     return layout;
 }
 

@@ -1,6 +1,6 @@
 // One block of the module to one record of the model: conversion methods, their tables, record layouts.
 //
-// Threads: one at a time. Lifetime: the records' texts live in the Keeper's store. All readers throw
+// Threads: one at a time. Lifetime: the records' texts live where the ModelStore points. All readers throw
 // ObjectError when an argument is missing or wrong.
 #pragma once
 
@@ -11,10 +11,10 @@
 namespace lm::a2l {
 
 /// Also throws when what the conversion type needs is not there ("LINEAR without COEFFS_LINEAR", ...).
-CompuMethod readCompuMethod(const Block& block, Keeper& keeper);
-CompuTab readCompuTab(const Block& block, Keeper& keeper);
-CompuVtab readCompuVtab(const Block& block, Keeper& keeper);
-CompuVtab readCompuVtabRange(const Block& block, Keeper& keeper);
-RecordLayout readRecordLayout(const Block& block, Keeper& keeper);
+CompuMethod readCompuMethod(const Block& block, ModelStore& store);
+CompuTab readCompuTab(const Block& block, ModelStore& store);
+CompuVtab readCompuVtab(const Block& block, ModelStore& store);
+CompuVtab readCompuVtabRange(const Block& block, ModelStore& store);
+RecordLayout readRecordLayout(const Block& block, ModelStore& store);
 
 }  // namespace lm::a2l

@@ -131,7 +131,7 @@ void readBitOperation(const Block& block, BitField& bits) {
 
 // What measurements and characteristics have in common.
 template <typename Object>
-void readCommon(Object& object, Word word, const Block& block, std::size_t value, Keeper& keeper) {
+void readCommon(Object& object, Word word, const Block& block, std::size_t value, ModelStore& store) {
     switch (word) {
         case Word::bitMask:
             object.bits.mask = readCount<std::uint64_t>(block, value, "BIT_MASK");
@@ -141,19 +141,19 @@ void readCommon(Object& object, Word word, const Block& block, std::size_t value
             object.byteOrder = readByteOrder(block, value);
             break;
         case Word::displayIdentifier:
-            object.displayIdentifier = keeper.own(readIdentifier(block, value, "DISPLAY_IDENTIFIER"));
+            object.displayIdentifier = store.own(readIdentifier(block, value, "DISPLAY_IDENTIFIER"));
             break;
         case Word::ecuAddressExtension:
             object.addressExtension = readCount<std::uint8_t>(block, value, "ECU_ADDRESS_EXTENSION");
             break;
         case Word::format:
-            object.format = keeper.common(readString(block, value, "FORMAT"));
+            object.format = store.common(readString(block, value, "FORMAT"));
             break;
         case Word::matrixDim:
             object.elementCount = std::max(object.elementCount, readMatrixSize(block, value));
             break;
         case Word::physUnit:
-            object.physUnit = keeper.common(readString(block, value, "PHYS_UNIT"));
+            object.physUnit = store.common(readString(block, value, "PHYS_UNIT"));
             break;
         case Word::readOnly:
             object.readOnly = true;
@@ -172,29 +172,29 @@ CharacteristicType readCharacteristicType(const Block& block, std::size_t index)
     return static_cast<CharacteristicType>(found - kNames.begin());
 }
 
-AxisDescription readAxisDescription(const Block& block, Keeper& keeper) {
+AxisDescription readAxisDescription(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 6;
     AxisDescription axis;
-    axis.attribute = keeper.common(readIdentifier(block, 0, "attribute"));
-    axis.inputQuantity = keeper.common(readIdentifier(block, 1, "input quantity"));
-    axis.conversion = keeper.common(readIdentifier(block, 2, "conversion"));
+    axis.attribute = store.common(readIdentifier(block, 0, "attribute"));
+    axis.inputQuantity = store.common(readIdentifier(block, 1, "input quantity"));
+    axis.conversion = store.common(readIdentifier(block, 2, "conversion"));
     axis.maxAxisPoints = readCount<std::uint32_t>(block, 3, "max axis points");
     axis.lowerLimit = readNumber(block, 4, "lower limit");
     axis.upperLimit = readNumber(block, 5, "upper limit");
     forEachOptional<Word>(block, kPositional, kAxisKeywords, [&](Word word, std::size_t value) {
         if (word != Word::axisPointsRef) return;
-        axis.axisPointsRef = keeper.common(readIdentifier(block, value, "AXIS_PTS_REF"));
+        axis.axisPointsRef = store.common(readIdentifier(block, value, "AXIS_PTS_REF"));
     });
     return axis;
 }
 
 }  // namespace
 
-std::string_view Keeper::ownPlain(std::string_view text) {
+std::string_view ModelStore::ownPlain(std::string_view text) {
     return texts.keep(withPlainQuotes(text));
 }
 
-Measurement readMeasurement(const Block& block, Keeper& keeper) {
+Measurement readMeasurement(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 8;
     Measurement object;
     const std::string_view name = readIdentifier(block, 0, "name");
@@ -217,37 +217,37 @@ Measurement readMeasurement(const Block& block, Keeper& keeper) {
         } else if (word == Word::addressType) {
             object.isPointer = isPointerType(readIdentifier(block, value, "ADDRESS_TYPE"));
         } else {
-            readCommon(object, word, block, value, keeper);
+            readCommon(object, word, block, value, store);
         }
     });
-    object.name = keeper.own(name);
-    object.longIdentifier = keeper.own(longIdentifier);
-    object.conversion = keeper.common(conversion);
+    object.name = store.own(name);
+    object.longIdentifier = store.own(longIdentifier);
+    object.conversion = store.common(conversion);
 
-    object.firstEvent = static_cast<std::uint32_t>(keeper.events.size());
+    object.firstEvent = static_cast<std::uint32_t>(store.events.size());
     for (const Block& child : block.children()) {
-        if (isXcpInterfaceData(child)) collectEvents(child, keeper.events);
+        if (isXcpInterfaceData(child)) collectEvents(child, store.events);
         // Computed by tools: an address of 0 is then no place in ECU memory.
         if (child.keyword == "VIRTUAL" && object.ecuAddress == 0) object.hasAddress = false;
         if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
     }
-    const std::size_t count = std::min<std::size_t>(keeper.events.size() - object.firstEvent,
+    const std::size_t count = std::min<std::size_t>(store.events.size() - object.firstEvent,
                                                     std::numeric_limits<std::uint16_t>::max());
-    keeper.events.resize(object.firstEvent + count);
+    store.events.resize(object.firstEvent + count);
     object.eventCount = static_cast<std::uint16_t>(count);
     return object;
 }
 
-Characteristic readCharacteristic(const Block& block, Keeper& keeper) {
+Characteristic readCharacteristic(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 9;
     Characteristic object;
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
     object.type = readCharacteristicType(block, 2);
     object.address = readCount<std::uint32_t>(block, 3, "address");
-    object.deposit = keeper.common(readIdentifier(block, 4, "deposit"));
+    object.deposit = store.common(readIdentifier(block, 4, "deposit"));
     object.maxDiff = readNumber(block, 5, "max diff");
-    object.conversion = keeper.common(readIdentifier(block, 6, "conversion"));
+    object.conversion = store.common(readIdentifier(block, 6, "conversion"));
     object.lowerLimit = readNumber(block, 7, "lower limit");
     object.upperLimit = readNumber(block, 8, "upper limit");
     forEachOptional<Word>(block, kPositional, kCharacteristicKeywords, [&](Word word, std::size_t value) {
@@ -258,33 +258,33 @@ Characteristic readCharacteristic(const Block& block, Keeper& keeper) {
             const auto size = readCount<std::uint32_t>(block, value, "NUMBER");
             object.elementCount = std::max(object.elementCount, size);
         } else {
-            readCommon(object, word, block, value, keeper);
+            readCommon(object, word, block, value, store);
         }
     });
     for (const Block& child : block.children()) {
-        if (child.keyword == "AXIS_DESCR") object.axes.push_back(readAxisDescription(child, keeper));
+        if (child.keyword == "AXIS_DESCR") object.axes.push_back(readAxisDescription(child, store));
         if (child.keyword == "VIRTUAL_CHARACTERISTIC") object.isVirtual = true;
         if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
     }
-    object.name = keeper.own(name);
-    object.longIdentifier = keeper.own(longIdentifier);
+    object.name = store.own(name);
+    object.longIdentifier = store.own(longIdentifier);
     return object;
 }
 
-AxisPoints readAxisPoints(const Block& block, Keeper& keeper) {
+AxisPoints readAxisPoints(const Block& block, ModelStore& store) {
     AxisPoints object;
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
     object.address = readCount<std::uint32_t>(block, 2, "address");
-    object.inputQuantity = keeper.common(readIdentifier(block, 3, "input quantity"));
-    object.deposit = keeper.common(readIdentifier(block, 4, "deposit"));
+    object.inputQuantity = store.common(readIdentifier(block, 3, "input quantity"));
+    object.deposit = store.common(readIdentifier(block, 4, "deposit"));
     readNumber(block, 5, "max diff");
-    object.conversion = keeper.common(readIdentifier(block, 6, "conversion"));
+    object.conversion = store.common(readIdentifier(block, 6, "conversion"));
     object.maxAxisPoints = readCount<std::uint32_t>(block, 7, "max axis points");
     object.lowerLimit = readNumber(block, 8, "lower limit");
     object.upperLimit = readNumber(block, 9, "upper limit");
-    object.name = keeper.own(name);
-    object.longIdentifier = keeper.own(longIdentifier);
+    object.name = store.own(name);
+    object.longIdentifier = store.own(longIdentifier);
     return object;
 }
 

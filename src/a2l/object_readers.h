@@ -1,6 +1,6 @@
 // One block of the module to one record of the model: measurements, characteristics, axis points.
 //
-// Threads: one at a time. Lifetime: the records' texts live in the Keeper's store. All readers throw
+// Threads: one at a time. Lifetime: the records' texts live where the ModelStore points. All readers throw
 // ObjectError when an argument is missing or wrong.
 #pragma once
 
@@ -16,7 +16,7 @@
 namespace lm::a2l {
 
 /// Where the texts and lists of the records go.
-struct Keeper {
+struct ModelStore {
     TextStore& texts;
     TextInterner& shared;  ///< for texts that many objects have in common
     std::vector<std::uint16_t>& events;
@@ -37,8 +37,8 @@ struct Keeper {
     std::string_view ownPlain(std::string_view text);
 };
 
-Measurement readMeasurement(const Block& block, Keeper& keeper);
-Characteristic readCharacteristic(const Block& block, Keeper& keeper);
-AxisPoints readAxisPoints(const Block& block, Keeper& keeper);
+Measurement readMeasurement(const Block& block, ModelStore& store);
+Characteristic readCharacteristic(const Block& block, ModelStore& store);
+AxisPoints readAxisPoints(const Block& block, ModelStore& store);
 
 }  // namespace lm::a2l

@@ -22,7 +22,7 @@ std::string_view textAt(const Block& block, std::size_t index) {
 Parser::Parser(std::size_t textSize)
     : textSize_(textSize),
       shared_(description_.store_->texts),
-      keeper_{description_.store_->texts, shared_, description_.store_->events} {}
+      modelStore_{description_.store_->texts, shared_, description_.store_->events} {}
 
 Parser::Kind Parser::kindOf(std::string_view keyword) {
     static constexpr std::array<std::string_view, static_cast<std::size_t>(Kind::count)> kKeywords = {
@@ -60,15 +60,15 @@ void Parser::collected(const Block& block) {
 }
 
 void Parser::closed(const Block& block, std::size_t depth) {
-    keeper_.hasQuotes = block.hasQuotes;
+    modelStore_.hasQuotes = block.hasQuotes;
     if (depth == 0 && block.keyword.empty()) {
         closeRoot(block);
     } else if (depth == 0) {
-        description_.projectName = keeper_.own(textAt(block, 0));
-        description_.projectLongIdentifier = keeper_.own(textAt(block, 1));
+        description_.projectName = modelStore_.own(textAt(block, 0));
+        description_.projectLongIdentifier = modelStore_.own(textAt(block, 1));
     } else {
-        description_.moduleName = keeper_.own(textAt(block, 0));
-        description_.moduleLongIdentifier = keeper_.own(textAt(block, 1));
+        description_.moduleName = modelStore_.own(textAt(block, 0));
+        description_.moduleLongIdentifier = modelStore_.own(textAt(block, 1));
     }
 }
 
@@ -118,25 +118,25 @@ void Parser::addObject(std::vector<Record>& records, Lines& lines, Record&& reco
 
 void Parser::read(const Block& block) {
     Description& d = description_;
-    keeper_.hasQuotes = block.hasQuotes;
+    modelStore_.hasQuotes = block.hasQuotes;
     switch (kind_) {
         case Kind::measurement:
-            return addObject(d.measurements, measurementLines_, readMeasurement(block, keeper_), block);
+            return addObject(d.measurements, measurementLines_, readMeasurement(block, modelStore_), block);
         case Kind::characteristic:
-            return addObject(d.characteristics, characteristicLines_, readCharacteristic(block, keeper_),
+            return addObject(d.characteristics, characteristicLines_, readCharacteristic(block, modelStore_),
                              block);
         case Kind::axisPoints:
-            return add(d.axisPoints, axisPointsLines_, readAxisPoints(block, keeper_), block);
+            return add(d.axisPoints, axisPointsLines_, readAxisPoints(block, modelStore_), block);
         case Kind::compuMethod:
-            return add(d.compuMethods, methodLines_, readCompuMethod(block, keeper_), block);
+            return add(d.compuMethods, methodLines_, readCompuMethod(block, modelStore_), block);
         case Kind::compuTab:
-            return add(d.compuTabs, tabLines_, readCompuTab(block, keeper_), block);
+            return add(d.compuTabs, tabLines_, readCompuTab(block, modelStore_), block);
         case Kind::compuVtab:
-            return add(d.compuVtabs, vtabLines_, readCompuVtab(block, keeper_), block);
+            return add(d.compuVtabs, vtabLines_, readCompuVtab(block, modelStore_), block);
         case Kind::compuVtabRange:
-            return add(d.compuVtabs, vtabLines_, readCompuVtabRange(block, keeper_), block);
+            return add(d.compuVtabs, vtabLines_, readCompuVtabRange(block, modelStore_), block);
         case Kind::recordLayout:
-            return add(d.recordLayouts, layoutLines_, readRecordLayout(block, keeper_), block);
+            return add(d.recordLayouts, layoutLines_, readRecordLayout(block, modelStore_), block);
         case Kind::modCommon:
             return readModCommon(block);
         case Kind::modPar:
@@ -174,7 +174,7 @@ void Parser::readModPar(const Block& block) {
             diagnostics_.skipped("SYSTEM_CONSTANT", name, tokens[i].line, "the name is already used");
             continue;
         }
-        description_.systemConstants.emplace(keeper_.own(name), keeper_.own(value));
+        description_.systemConstants.emplace(modelStore_.own(name), modelStore_.own(value));
     }
 }
 

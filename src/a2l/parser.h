@@ -68,7 +68,7 @@ class Parser : public BlockVisitor {
     std::size_t textSize_;
     Description description_;
     TextInterner shared_;
-    Keeper keeper_;
+    ModelStore modelStore_;
     Diagnostics diagnostics_;
     Kind kind_ = Kind::count;         // of the block being collected
     std::size_t infiniteLimits_ = 0;  // objects with one

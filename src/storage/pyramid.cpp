@@ -87,7 +87,7 @@ void Pyramid::openLevel(std::size_t levelIndex) {
     const auto number = static_cast<std::uint32_t>(levelIndex + 1);
     const std::filesystem::path path = faults_->directory() / levelFileName(groupIndex_, number);
     const auto signalCount = static_cast<std::uint32_t>(decoders_.size());
-    auto file = EntryFile::create(path, levelHeader(number, signalCount), entry_.size(), *faults_);
+    auto file = DerivedFile::create(path, levelHeader(number, signalCount), entry_.size(), *faults_);
     if (file) {
         levels_[levelIndex].file = std::move(file).value();
     } else {

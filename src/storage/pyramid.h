@@ -10,7 +10,7 @@
 #include <optional>
 #include <vector>
 
-#include "storage/entry_file.h"
+#include "storage/derived_file.h"
 #include "storage/recording_faults.h"
 #include "storage/recording_info.h"
 #include "storage/signal_decoder.h"
@@ -40,7 +40,7 @@ class Pyramid {
     struct Level {
         std::vector<ValueRange> ranges;  ///< of the block being filled, one per signal
         std::uint32_t count = 0;         ///< inputs taken by that block
-        std::optional<EntryFile> file;
+        std::optional<DerivedFile> file;
         bool missing = false;  ///< the file cannot be created
     };
 

@@ -11,6 +11,7 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "core/file_lock.h"
+#include "storage/append_file.h"
 #include "storage/entry_reader.h"
 #include "storage/event_check.h"
 #include "storage/group_reader.h"
@@ -19,7 +20,6 @@
 #include "storage/recording_format.h"
 #include "storage/recording_meta.h"
 #include "storage/recording_reader.h"
-#include "storage/unit_file.h"
 
 namespace lm::storage {
 namespace {
@@ -63,7 +63,7 @@ class Replacement {
     static Result<Replacement> create(fs::path path, const FileHeader& header, std::size_t entrySize) {
         fs::path temporary = path;
         temporary += ".tmp";
-        auto file = UnitFile::create(temporary, header, entrySize);
+        auto file = AppendFile::create(temporary, header, entrySize);
         if (!file) return file.error();
         return Replacement(std::move(path), std::move(file).value());
     }
@@ -103,17 +103,17 @@ class Replacement {
     std::uint64_t entries() const { return entries_; }
 
   private:
-    Replacement(fs::path path, UnitFile file) : path_(std::move(path)), file_(std::move(file)) {}
+    Replacement(fs::path path, AppendFile file) : path_(std::move(path)), file_(std::move(file)) {}
 
     Result<void> flush() {
-        const UnitFile::Progress progress = file_.writeOut();
+        const AppendFile::Progress progress = file_.writeOut();
         file_.release(progress.units);
         if (progress.systemError == 0) return {};
         return Error::fromErrno(progress.systemError, "cannot write " + file_.path().string());
     }
 
     fs::path path_;
-    UnitFile file_;
+    AppendFile file_;
     std::uint64_t entries_ = 0;
     bool pending_ = true;  ///< stands under its temporary name
 };

@@ -19,7 +19,7 @@
 #include "storage/byte_ring.h"
 #include "storage/disk_flusher.h"
 #include "storage/event_file.h"
-#include "storage/group_files.h"
+#include "storage/group_writer.h"
 #include "storage/recording_events.h"
 #include "storage/recording_faults.h"
 #include "storage/recording_meta.h"
@@ -96,7 +96,7 @@ struct RecordingWriter::State {
 
     // The file thread's while it runs.
     RecordingFaults faults;
-    std::vector<GroupFiles> groups;
+    std::vector<GroupWriter> groups;
     std::optional<EventFile> events;
     DiskFlusher flusher;  ///< ends before the files that it borrows
     Clock::time_point lastFlush = Clock::now();
@@ -124,7 +124,7 @@ Result<void> RecordingWriter::State::prepare() {
     MetaFile meta(path);
     if (auto staged = meta.stage(info); !staged) return staged;
     for (std::size_t i = 0; i < info.groups.size(); ++i) {
-        auto files = GroupFiles::create(i, info.groups[i], faults, counters);
+        auto files = GroupWriter::create(i, info.groups[i], faults, counters);
         if (!files) return files.error();
         groups.push_back(std::move(files).value());
     }
@@ -172,7 +172,7 @@ Result<void> RecordingWriter::State::checkGroups() const {
 
 Result<void> RecordingWriter::State::startThread() {
     std::vector<int> files;
-    for (const GroupFiles& group : groups)
+    for (const GroupWriter& group : groups)
         files.push_back(group.recordDescriptor());
     files.push_back(events->descriptor());
     if (auto flushing = flusher.start(std::move(files)); !flushing) return flushing;
@@ -199,11 +199,11 @@ void RecordingWriter::State::run() {
     flusher.stop();
     if (flusher.failed()) faults.reportWriteError();
     // After all writes the disk can take them together.
-    for (GroupFiles& group : groups)
+    for (GroupWriter& group : groups)
         group.flush();
     noteClocks();
     takeNotes();
-    for (GroupFiles& group : groups)
+    for (GroupWriter& group : groups)
         group.close();
     events->close();
 }
@@ -243,7 +243,7 @@ bool RecordingWriter::State::takeBatch() {
 }
 
 void RecordingWriter::State::flushAll() {
-    for (GroupFiles& group : groups)
+    for (GroupWriter& group : groups)
         group.flush();
     if (millisecondsSince(lastClocks) >= kClockIntervalMs) noteClocks();
     events->flush();
@@ -273,7 +273,7 @@ void RecordingWriter::State::stopThread() {
 Result<void> RecordingWriter::State::removeNewFiles() {
     Result<void> result;
     std::vector<fs::path> files;
-    for (const GroupFiles& group : groups) {
+    for (const GroupWriter& group : groups) {
         for (fs::path& file : group.newFiles())
             files.push_back(std::move(file));
     }

@@ -1,7 +1,7 @@
 // Disks that take no more: the limit on file sizes stops a file at any byte, as a full disk does.
 #include <gtest/gtest.h>
 
-#include "storage/group_files.h"
+#include "storage/group_writer.h"
 #include "storage/recording_fixture.h"
 #include "storage/recording_format.h"
 #include "storage/recording_meta.h"
@@ -24,7 +24,7 @@ class RecordingFailureTest : public ::testing::Test {
         explicit Group(const fs::path& directory, RecordingInfo recording = test::smallRecording())
             : info(std::move(recording)),
               faults(directory),
-              files(GroupFiles::create(0, info.groups[0], faults, counters).value()) {}
+              files(GroupWriter::create(0, info.groups[0], faults, counters).value()) {}
 
         void append(std::size_t first, std::size_t end) {
             for (std::size_t n = first; n < end; ++n) {
@@ -37,7 +37,7 @@ class RecordingFailureTest : public ::testing::Test {
         RecordingInfo info;
         RecordingFaults faults;
         RecordingCounters counters;
-        GroupFiles files;
+        GroupWriter files;
     };
 
     /// The record numbers in the file, with every file checked against them.
@@ -125,11 +125,11 @@ TEST_F(RecordingFailureTest, DropsAndCountsWhatItsBufferCannotHold) {
     EXPECT_EQ(group.counters.recordsDropped, 5U);
 }
 
-TEST_F(RecordingFailureTest, GivesUpAnEntryFileAtItsLastWholeEntry) {
+TEST_F(RecordingFailureTest, GivesUpADerivedFileAtItsLastWholeEntry) {
     const LogCapture log;
     RecordingFaults faults(dir_.path());
     const fs::path path = dir_.path() / "index";
-    auto file = EntryFile::create(path, indexHeader(), 20000, faults);
+    auto file = DerivedFile::create(path, indexHeader(), 20000, faults);
     ASSERT_TRUE(file.ok());
     const auto append = [&file](std::uint8_t first, std::uint8_t end) {
         for (std::uint8_t n = first; n < end; ++n)

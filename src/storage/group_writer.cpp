@@ -1,4 +1,4 @@
-#include "storage/group_files.h"
+#include "storage/group_writer.h"
 
 #include <algorithm>
 #include <array>
@@ -11,27 +11,27 @@
 
 namespace lm::storage {
 
-Result<GroupFiles> GroupFiles::create(std::size_t groupIndex, const GroupInfo& group, RecordingFaults& faults,
-                                      RecordingCounters& counters) {
+Result<GroupWriter> GroupWriter::create(std::size_t groupIndex, const GroupInfo& group,
+                                        RecordingFaults& faults, RecordingCounters& counters) {
     const std::filesystem::path& directory = faults.directory();
-    auto records = UnitFile::create(directory / recordFileName(groupIndex), recordHeader(group.recordSize),
-                                    std::uint64_t{group.recordSize} + kTimestampSize);
+    auto records = AppendFile::create(directory / recordFileName(groupIndex), recordHeader(group.recordSize),
+                                      std::uint64_t{group.recordSize} + kTimestampSize);
     if (!records) return records.error();
     Result<void> onDisk = records.value().flushToDisk();
-    Result<EntryFile> index = onDisk.ok() ? EntryFile::create(directory / indexFileName(groupIndex),
-                                                              indexHeader(), kIndexEntrySize, faults)
-                                          : Result<EntryFile>(onDisk.error());
+    Result<DerivedFile> index = onDisk.ok() ? DerivedFile::create(directory / indexFileName(groupIndex),
+                                                                  indexHeader(), kIndexEntrySize, faults)
+                                            : Result<DerivedFile>(onDisk.error());
     if (!index) {
         std::error_code ignored;
         if (records.value().isNew()) std::filesystem::remove(records.value().path(), ignored);
         return index.error();
     }
-    return GroupFiles(groupIndex, group, std::move(records).value(), std::move(index).value(), faults,
-                      counters);
+    return GroupWriter(groupIndex, group, std::move(records).value(), std::move(index).value(), faults,
+                       counters);
 }
 
-GroupFiles::GroupFiles(std::size_t groupIndex, const GroupInfo& group, UnitFile records, EntryFile index,
-                       RecordingFaults& faults, RecordingCounters& counters)
+GroupWriter::GroupWriter(std::size_t groupIndex, const GroupInfo& group, AppendFile records,
+                         DerivedFile index, RecordingFaults& faults, RecordingCounters& counters)
     : recordSize_(group.recordSize),
       records_(std::move(records)),
       index_(std::move(index)),
@@ -39,7 +39,7 @@ GroupFiles::GroupFiles(std::size_t groupIndex, const GroupInfo& group, UnitFile 
       faults_(&faults),
       counters_(&counters) {}
 
-void GroupFiles::append(std::int64_t timestampNs, const std::uint8_t* data) {
+void GroupWriter::append(std::int64_t timestampNs, const std::uint8_t* data) {
     std::uint8_t* place = records_.reserve();
     if (place == nullptr && !stalled_) {
         flushRecords();
@@ -55,15 +55,15 @@ void GroupFiles::append(std::int64_t timestampNs, const std::uint8_t* data) {
     records_.commit();
 }
 
-void GroupFiles::flushRecords() {
-    const UnitFile::Progress progress = records_.writeOut();
+void GroupWriter::flushRecords() {
+    const AppendFile::Progress progress = records_.writeOut();
     stalled_ = progress.systemError != 0;
     if (stalled_) faults_->reportWriteError();
     summarise(records_.buffered().data(), progress.units);
     records_.release(progress.units);
 }
 
-void GroupFiles::summarise(const std::uint8_t* records, std::size_t count) {
+void GroupWriter::summarise(const std::uint8_t* records, std::size_t count) {
     const std::size_t stride = std::size_t{recordSize_} + kTimestampSize;
     for (std::size_t i = 0; i < count; ++i) {
         extendIndex(static_cast<std::int64_t>(readLittle<std::uint64_t>(records + i * stride)));
@@ -73,7 +73,7 @@ void GroupFiles::summarise(const std::uint8_t* records, std::size_t count) {
     counters_->bytesWritten.fetch_add(count * stride, std::memory_order_relaxed);
 }
 
-void GroupFiles::extendIndex(std::int64_t timestampNs) {
+void GroupWriter::extendIndex(std::int64_t timestampNs) {
     const std::uint64_t placeInBlock = recordCount_++ % kBlockLength;
     if (placeInBlock == 0) blockStartNs_ = timestampNs;
     if (placeInBlock != kBlockLength - 1) return;
@@ -83,13 +83,13 @@ void GroupFiles::extendIndex(std::int64_t timestampNs) {
     index_.append(entry);
 }
 
-void GroupFiles::flush() {
+void GroupWriter::flush() {
     flushRecords();
     index_.flush();
     pyramid_.flush();
 }
 
-void GroupFiles::close() {
+void GroupWriter::close() {
     flush();
     if (!records_.flushToDisk()) faults_->reportWriteError();
     counters_->recordsDropped.fetch_add(records_.bufferedUnits(), std::memory_order_relaxed);
@@ -98,7 +98,7 @@ void GroupFiles::close() {
     pyramid_.close();
 }
 
-std::vector<std::filesystem::path> GroupFiles::newFiles() const {
+std::vector<std::filesystem::path> GroupWriter::newFiles() const {
     std::vector<std::filesystem::path> files;
     if (records_.isNew()) files.push_back(records_.path());
     if (index_.file().isNew()) files.push_back(index_.file().path());

@@ -1,4 +1,4 @@
-#include "storage/unit_file.h"
+#include "storage/append_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,12 +22,12 @@ Error writeError(const std::filesystem::path& path, int systemError) {
 
 }  // namespace
 
-Result<UnitFile> UnitFile::create(const std::filesystem::path& path, const FileHeader& header,
-                                  std::uint64_t unitSize) {
+Result<AppendFile> AppendFile::create(const std::filesystem::path& path, const FileHeader& header,
+                                      std::uint64_t unitSize) {
     const auto made = claimForWriting(path);
     if (!made) return made.error();
     const ClaimedFile opened = made.value();
-    UnitFile file(path, opened.descriptor, opened.isNew, unitSize);
+    AppendFile file(path, opened.descriptor, opened.isNew, unitSize);
     const Written written = writeAt(opened.descriptor, 0, header.data(), header.size());
     if (written.systemError != 0) {
         if (opened.isNew) ::unlink(path.c_str());
@@ -36,7 +36,7 @@ Result<UnitFile> UnitFile::create(const std::filesystem::path& path, const FileH
     return file;
 }
 
-UnitFile::UnitFile(std::filesystem::path path, int descriptor, bool isNew, std::uint64_t unitSize)
+AppendFile::AppendFile(std::filesystem::path path, int descriptor, bool isNew, std::uint64_t unitSize)
     : path_(std::move(path)),
       descriptor_(descriptor),
       isNew_(isNew),
@@ -45,7 +45,7 @@ UnitFile::UnitFile(std::filesystem::path path, int descriptor, bool isNew, std::
       // Left uninitialised: many groups and levels never fill theirs.
       buffer_(new std::uint8_t[capacity_ * unitSize]) {}
 
-UnitFile::UnitFile(UnitFile&& other) noexcept
+AppendFile::AppendFile(AppendFile&& other) noexcept
     : path_(std::move(other.path_)),
       descriptor_(std::exchange(other.descriptor_, -1)),
       isNew_(other.isNew_),
@@ -55,7 +55,7 @@ UnitFile::UnitFile(UnitFile&& other) noexcept
       fileEnd_(other.fileEnd_),
       buffer_(std::move(other.buffer_)) {}
 
-UnitFile& UnitFile::operator=(UnitFile&& other) noexcept {
+AppendFile& AppendFile::operator=(AppendFile&& other) noexcept {
     std::swap(path_, other.path_);
     std::swap(descriptor_, other.descriptor_);
     std::swap(isNew_, other.isNew_);
@@ -67,19 +67,19 @@ UnitFile& UnitFile::operator=(UnitFile&& other) noexcept {
     return *this;
 }
 
-UnitFile::~UnitFile() {
+AppendFile::~AppendFile() {
     if (descriptor_ >= 0) ::close(descriptor_);
 }
 
-std::uint8_t* UnitFile::reserve() {
+std::uint8_t* AppendFile::reserve() {
     return buffered_ < capacity_ ? &buffer_[buffered_ * unitSize_] : nullptr;
 }
 
-std::span<const std::uint8_t> UnitFile::buffered() const {
+std::span<const std::uint8_t> AppendFile::buffered() const {
     return {buffer_.get(), buffered_ * unitSize_};
 }
 
-UnitFile::Progress UnitFile::writeOut() {
+AppendFile::Progress AppendFile::writeOut() {
     const Written written = writeAt(descriptor_, fileEnd_, buffer_.get(), buffered_ * unitSize_);
     const std::uint64_t units = written.bytes / unitSize_;
     fileEnd_ += units * unitSize_;
@@ -90,17 +90,17 @@ UnitFile::Progress UnitFile::writeOut() {
     return {units, written.systemError};
 }
 
-void UnitFile::release(std::size_t units) {
+void AppendFile::release(std::size_t units) {
     buffered_ -= units;
     std::memmove(buffer_.get(), &buffer_[0] + units * unitSize_, buffered_ * unitSize_);
 }
 
-Result<void> UnitFile::flushToDisk() {
+Result<void> AppendFile::flushToDisk() {
     if (const int failure = lm::flushToDisk(descriptor_); failure != 0) return writeError(path_, failure);
     return {};
 }
 
-Result<void> UnitFile::close() {
+Result<void> AppendFile::close() {
     if (descriptor_ < 0) return {};
     // After EINTR the descriptor is gone all the same.
     const int failed = ::close(std::exchange(descriptor_, -1));

@@ -16,19 +16,19 @@
 
 namespace lm::storage {
 
-class UnitFile {
+class AppendFile {
   public:
     /// Creates or truncates the file, locked, and writes the header at once. `unitSize` is at least 1.
     /// Errors: recordedByAnother() while another program writes it, "cannot create PATH: REASON" (also for
     /// what is no regular file), "cannot write PATH: REASON"; a file that this call made is gone.
-    static Result<UnitFile> create(const std::filesystem::path& path, const FileHeader& header,
-                                   std::uint64_t unitSize);
+    static Result<AppendFile> create(const std::filesystem::path& path, const FileHeader& header,
+                                     std::uint64_t unitSize);
 
-    UnitFile(UnitFile&& other) noexcept;
-    UnitFile& operator=(UnitFile&& other) noexcept;
-    UnitFile(const UnitFile&) = delete;
-    UnitFile& operator=(const UnitFile&) = delete;
-    ~UnitFile();
+    AppendFile(AppendFile&& other) noexcept;
+    AppendFile& operator=(AppendFile&& other) noexcept;
+    AppendFile(const AppendFile&) = delete;
+    AppendFile& operator=(const AppendFile&) = delete;
+    ~AppendFile();
 
     /// Room for the next unit, to be filled and then taken by commit(); nullptr when the buffer is full.
     std::uint8_t* reserve();
@@ -59,7 +59,7 @@ class UnitFile {
     int descriptor() const { return descriptor_; }
 
   private:
-    UnitFile(std::filesystem::path path, int descriptor, bool isNew, std::uint64_t unitSize);
+    AppendFile(std::filesystem::path path, int descriptor, bool isNew, std::uint64_t unitSize);
 
     std::filesystem::path path_;
     int descriptor_ = -1;

@@ -9,17 +9,17 @@
 #include <span>
 
 #include "core/result.h"
+#include "storage/append_file.h"
 #include "storage/recording_faults.h"
 #include "storage/recording_format.h"
-#include "storage/unit_file.h"
 
 namespace lm::storage {
 
-class EntryFile {
+class DerivedFile {
   public:
-    /// Errors: those of UnitFile::create().
-    static Result<EntryFile> create(const std::filesystem::path& path, const FileHeader& header,
-                                    std::uint64_t entrySize, RecordingFaults& faults);
+    /// Errors: those of AppendFile::create().
+    static Result<DerivedFile> create(const std::filesystem::path& path, const FileHeader& header,
+                                      std::uint64_t entrySize, RecordingFaults& faults);
 
     /// `entry` holds entrySize bytes.
     void append(std::span<const std::uint8_t> entry);
@@ -27,12 +27,12 @@ class EntryFile {
     /// Flushes and closes.
     void close();
 
-    const UnitFile& file() const { return file_; }
+    const AppendFile& file() const { return file_; }
 
   private:
-    EntryFile(UnitFile file, RecordingFaults& faults);
+    DerivedFile(AppendFile file, RecordingFaults& faults);
 
-    UnitFile file_;
+    AppendFile file_;
     RecordingFaults* faults_;
     bool stalled_ = false;  ///< the last flush failed; only the next timed flush tries again
     bool givenUp_ = false;

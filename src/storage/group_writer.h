@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "core/result.h"
-#include "storage/entry_file.h"
+#include "storage/append_file.h"
+#include "storage/derived_file.h"
 #include "storage/pyramid.h"
 #include "storage/recording_faults.h"
 #include "storage/recording_info.h"
-#include "storage/unit_file.h"
 
 namespace lm::storage {
 
@@ -27,12 +27,12 @@ struct RecordingCounters {
     std::atomic<std::uint64_t> recordsDropped{0};
 };
 
-class GroupFiles {
+class GroupWriter {
   public:
-    /// Makes the record file, its header on the disk, and the index. Errors: those of UnitFile::create() and
-    /// UnitFile::flushToDisk(); then neither file is left.
-    static Result<GroupFiles> create(std::size_t groupIndex, const GroupInfo& group, RecordingFaults& faults,
-                                     RecordingCounters& counters);
+    /// Makes the record file, its header on the disk, and the index. Errors: those of AppendFile::create()
+    /// and AppendFile::flushToDisk(); then neither file is left.
+    static Result<GroupWriter> create(std::size_t groupIndex, const GroupInfo& group, RecordingFaults& faults,
+                                      RecordingCounters& counters);
 
     /// `data` holds the group's recordSize bytes. A timestamp before the previous one becomes that one.
     void append(std::int64_t timestampNs, const std::uint8_t* data);
@@ -47,16 +47,16 @@ class GroupFiles {
     std::vector<std::filesystem::path> newFiles() const;
 
   private:
-    GroupFiles(std::size_t groupIndex, const GroupInfo& group, UnitFile records, EntryFile index,
-               RecordingFaults& faults, RecordingCounters& counters);
+    GroupWriter(std::size_t groupIndex, const GroupInfo& group, AppendFile records, DerivedFile index,
+                RecordingFaults& faults, RecordingCounters& counters);
 
     void flushRecords();
     void summarise(const std::uint8_t* records, std::size_t count);
     void extendIndex(std::int64_t timestampNs);
 
     std::uint32_t recordSize_;
-    UnitFile records_;
-    EntryFile index_;
+    AppendFile records_;
+    DerivedFile index_;
     Pyramid pyramid_;
     RecordingFaults* faults_;
     RecordingCounters* counters_;

@@ -1,20 +1,21 @@
-#include "storage/entry_file.h"
+#include "storage/derived_file.h"
 
 #include <algorithm>
 #include <utility>
 
 namespace lm::storage {
 
-Result<EntryFile> EntryFile::create(const std::filesystem::path& path, const FileHeader& header,
-                                    std::uint64_t entrySize, RecordingFaults& faults) {
-    auto file = UnitFile::create(path, header, entrySize);
+Result<DerivedFile> DerivedFile::create(const std::filesystem::path& path, const FileHeader& header,
+                                        std::uint64_t entrySize, RecordingFaults& faults) {
+    auto file = AppendFile::create(path, header, entrySize);
     if (!file) return file.error();
-    return EntryFile(std::move(file).value(), faults);
+    return DerivedFile(std::move(file).value(), faults);
 }
 
-EntryFile::EntryFile(UnitFile file, RecordingFaults& faults) : file_(std::move(file)), faults_(&faults) {}
+DerivedFile::DerivedFile(AppendFile file, RecordingFaults& faults)
+    : file_(std::move(file)), faults_(&faults) {}
 
-void EntryFile::append(std::span<const std::uint8_t> entry) {
+void DerivedFile::append(std::span<const std::uint8_t> entry) {
     if (givenUp_) return;
     std::uint8_t* place = file_.reserve();
     if (place == nullptr && !stalled_) {
@@ -30,14 +31,14 @@ void EntryFile::append(std::span<const std::uint8_t> entry) {
     file_.commit();
 }
 
-void EntryFile::flush() {
-    const UnitFile::Progress progress = file_.writeOut();
+void DerivedFile::flush() {
+    const AppendFile::Progress progress = file_.writeOut();
     file_.release(progress.units);
     stalled_ = progress.systemError != 0;
     if (stalled_) faults_->reportWriteError();
 }
 
-void EntryFile::close() {
+void DerivedFile::close() {
     flush();
     if (!file_.close()) faults_->reportWriteError();
 }
