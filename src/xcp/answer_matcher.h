@@ -4,23 +4,22 @@
 // It holds for a slave that answers in the order of its commands, however late, and for answers that get lost
 // or come twice:
 //  1. A RES or ERR belongs to the oldest command that is still owed one. It counts only when that is the
-//  command waited for.
+//     command waited for.
 //  2. ERR_CMD_SYNCH (FE 00) belongs to the oldest SYNCH that is still owed one, never to another command.
-//  What was sent before that
-//     SYNCH is settled: an answer that had not come by then is lost. A RES or ERR that counts settles the
-//     SYNCHs before it likewise.
+//     What was sent before that SYNCH is settled: an answer that had not come by then is lost. A RES or ERR
+//     that counts settles the SYNCHs before it likewise.
 //  3. A fence is closed when a SYNCH was answered after which no command had been sent: nothing can be under
-//  way but answers of SYNCHs.
-//     After an answer that did not come in time the next command waits for a closed fence (clear()).
+//     way but answers of SYNCHs. When one of its SYNCHs went out while an earlier one was still owed, it
+//     takes two answers: one FE 00 may have come twice, and each then seems to belong to the SYNCH after its
+//     own. After an answer that did not come in time the next command waits for a closed fence (clear()).
 //  4. An answer that no command is owed is left over. One before it came twice then, and since the last
-//  closed fence each command may have been
-//     given the answer of the command before. So nothing that was decided since counts (inStep()), unless
-//     every command since then was followed by just one copy of its own answer: that slave answers all twice.
+//     closed fence each command may have been given the answer of the command before. So nothing that was
+//     decided since counts (inStep()), unless every command since then was followed by just one copy of its
+//     own answer: that slave answers all twice.
 //  5. An answer shorter than its command's layout waits for a better one. It counts when none has come until
-//  the timeout; when one comes it is left over.
+//     the timeout; when one comes it is left over.
 //  6. While answers of earlier commands may come, CONNECT takes only what reads as a CONNECT answer, and one
-//  unlike the last
-//     connection's only the second time.
+//     unlike the last connection's only the second time.
 // It cannot see an answer lost and another doubled between the same two fences, a doubled FE 00 beside
 // another doubled answer, or answers that overtake each other.
 //

@@ -7,10 +7,9 @@
 // while an answer is owed, one goes before the next command. A slave may lose its pointers on SYNCH, so none
 // goes between commands of which the later needs what the earlier set up. When the answers are not in step,
 // the group is asked for again, each of its commands behind a fence of its own where it needs none before it
-// (beMoreCareful()). Whether a slave answers SYNCH shows at the first fence: it is the only one that takes
-// less than t1 for silence, and asks for the status to learn whether the slave hears at all. A slave that has
-// ever answered a SYNCH must go on doing so. Of one that never did the status is
-// asked for instead, twice, which tells less and is told once.
+// (beMoreCareful()). Whether a slave answers SYNCH shows at the first fence, which also asks for the status
+// to learn whether the slave hears at all. A slave that has ever answered a SYNCH must go on doing so. One
+// that never did is asked for its status instead, twice, which tells less: that is said once.
 //
 // Stop. After requestStop() commands fail at once; what still goes out (DISCONNECT, stopping DAQ, the last
 // confirm()) waits for t1 in all while the slave is silent. finishSoon() lets commands go on under the same

@@ -102,8 +102,7 @@ Result<void> Connection::meet() {
     if (!status.value() || !staysSilent(begin, timeout(kT1))) return sendSynchs();
     spdlog::warn(
         "the ECU does not answer SYNCH and is asked for its status instead: an answer that comes twice can "
-        "be "
-        "taken for another command's unnoticed where it reads like the status");
+        "be taken for another command's unnoticed where it reads like the status");
     synchs_ = Synchs::never;
     return {};
 }
