@@ -56,7 +56,8 @@ TEST(Master, SendsRepeatsAndTakesExactlyWhatItShould) {
         // Late: the first copy's answer before SYNCH's, the second SYNCH's after the repeated command was
         // sent.
         {"connect; fetch; status",
-         "FF 00 > @; F5 02; FC; FC > FF 11 22, FE 00; FC > FE 00; F5 02 > FE 00, FF 33 44; FD > FF 01 00 00 00 00",
+         "FF 00 > @; F5 02; FC; FC > FF 11 22, FE 00; FC > FE 00; F5 02 > FE 00, FF 33 44; FD > FF 01 00 00 "
+         "00 00",
          "ok; FF 33 44; 01", "2 0 2"},
         // Shorter than the layout: set aside for the one that fits; alone it counts after the timeout.
         {"connect; status; status", "FF 00 > @; FD > FF, FF 02 00 00 00 00; FD > FF 00 00 00 00",
