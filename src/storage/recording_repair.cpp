@@ -237,7 +237,7 @@ Result<void> GroupRepair::removeSurplus(const std::vector<std::size_t>& numbers)
         if (::unlink(path.c_str()) != 0) return writeError(path);
         tell_(path.string() + ": removed");
     }
-    return {};
+    return numbers.empty() ? Result<void>() : synchronise(directory_);
 }
 
 /// One look at all groups before anything is changed in any.

@@ -1,6 +1,6 @@
 """The power fails between two calls of a recording, a repair or `save-config`: only what was flushed is sure to be there.
 
-What was not flushed is there or not, file by file, and so are names; a write may have got half-way. Every record flushed
+What was not flushed is there or not, file by file, and so are names, all or one of them; a write may have got half-way. Every record flushed
 is there, and what is there is the recording as it was made.
 """
 import itertools
@@ -71,7 +71,9 @@ class Disk:
     def states(self, cut):
         """Each as bytes by name, together with how many bytes of each file were flushed."""
         seen = set()
-        for names in self.names_at(cut):
+        made, flushed = self.names_at(cut)
+        alone = [flushed | {name: file} for name, file in made.items() if flushed.get(name) is not file]
+        for names in (made, flushed, *alone):
             dirty = [name for name, file in names.items() if file.flushed < len(file.operations)]
             kept = {len(dirty), 0, 1, len(dirty) - 1} if len(dirty) > 3 else range(len(dirty) + 1)
             subsets = [set(subset) for count in kept if count >= 0 for subset in itertools.combinations(dirty, count)]
@@ -105,6 +107,10 @@ class PowerCut(FileCalls):
         self.assertEqual((done.returncode == 0, done.stderr if done.returncode else ""), (arguments[1] != "repair", ""))
         return Disk([call for call in calls if call.name not in ("close", "open", "mkdir")], place, base)
 
+    def check_flushed(self, disk):
+        """What has ended survives a power cut as it is."""
+        self.assertEqual(len(list(disk.states(len(disk.calls)))), 1)
+
     def run_measure(self):
         place = self.dir / "below" / "recording"
         write_files(place, STALE)
@@ -136,16 +142,19 @@ class PowerCut(FileCalls):
     def run_repair(self):
         place, sound = self.dir / "below" / "recording", mixed(self.recording())
         write_files(place, damaged(sound))
-        return self.noted(place, damaged(sound), "recording", "repair", place), sound
+        disk = self.noted(place, damaged(sound), "recording", "repair", place)
+        self.check_flushed(disk)
+        return disk, sound
 
     def check_repair(self, place, _state, _flushed, sound):
         self.mend(place)
         self.assertTrue(files_of(place) == sound, sorted(files_of(place)))
 
     def run_save(self):
-        place = self.dir / "below"
+        place = self.dir / "below" / "config"  # the calls for `below` itself are not noted
         write_files(place, {"saved.json": b"{}\n"})
         disk = self.noted(place, {"saved.json": b"{}\n"}, "--udp", "127.0.0.1:1", "save-config", place / "saved.json")
+        self.check_flushed(disk)
         return disk, (b"{}\n", (place / "saved.json").read_bytes())
 
     def check_save(self, _place, state, _flushed, expected):

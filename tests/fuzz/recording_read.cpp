@@ -9,6 +9,7 @@
 #include "storage/recording_check.h"
 #include "storage/recording_events.h"
 #include "storage/recording_format.h"
+#include "storage/recording_meta.h"
 #include "storage/recording_reader.h"
 #include "storage/recording_repair.h"
 #include "support/temp_dir.h"
@@ -25,6 +26,13 @@ std::string textsOf(const std::vector<storage::Finding>& findings) {
     for (const storage::Finding& finding : findings)
         texts += finding.text + "\n";
     return texts;
+}
+
+void checkMeta(const storage::RecordingInfo& info) {
+    const std::string text = storage::metaToJson(info);
+    const auto again = storage::metaFromJson(text);
+    require(again.ok() && storage::metaToJson(again.value()) == text,
+            "written and read again it is the same");
 }
 
 class Recording {
@@ -122,6 +130,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     input.take<std::uint8_t>();
     const auto reader = lm::storage::RecordingReader::open(dir.path());
     if (!reader) return 0;
+    checkMeta(reader.value().info());
     Recording recording(reader.value(), input);
     recording.repair();  // makes index and levels
     recording.damage();

@@ -1,6 +1,6 @@
 // Runs a fuzz target over the files of a corpus, without a fuzzer, as an ordinary test.
 //
-//   fuzz_TARGET DIRECTORY             each file once
+//   fuzz_TARGET DIRECTORY             each file in it and below, once
 //   fuzz_TARGET --growth DIRECTORY    parts of each file repeated many times: four times the bytes must take
 //                                     about four times the processor time, not sixteen times
 #include <algorithm>
@@ -67,7 +67,7 @@ bool growsLinearly(const std::string& text, const char* name) {
 int main(int argc, char** argv) {
     const bool growth = argc > 2 && std::string(argv[1]) == "--growth";
     std::vector<std::filesystem::path> files;
-    for (const auto& entry : std::filesystem::directory_iterator(argv[argc - 1])) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[argc - 1])) {
         if (entry.is_regular_file()) files.push_back(entry.path());
     }
     std::sort(files.begin(), files.end());

@@ -31,6 +31,21 @@ TEST(CanFrame, ReadsAndPrintsTheTextNotation) {
     }
     EXPECT_EQ(parseCanFrame("1ABCDEF0##3").value().flags, 0x01 | 0x02 | 0x04 | 0x08);
     EXPECT_EQ(parseCanFrame("123#R").value().flags, 0x10);
+    const std::pair<std::string, std::string> refused[] = {
+        {"123", "missing '#'"},
+        {"12G#", "identifier is not hexadecimal"},
+        {"1234#", "identifier must have 3 (standard) or 8 (extended) hex digits"},
+        {"123#R9", "invalid remote frame length"},
+        {"123#1 1", "separator inside a byte"},
+        {"123#1", "odd number of payload digits"},
+        {"123#1x", "payload is not hexadecimal"},
+        {"123#001122334455667788", "payload too long"},
+        {"123##", "missing CAN FD flags nibble"},
+        {"123##4", "invalid CAN FD flags nibble"},
+        {"FFF#", "CAN identifier out of range"},
+    };
+    for (const auto& [text, reason] : refused)
+        EXPECT_EQ(parseCanFrame(text).error().message, "invalid CAN frame '" + text + "': " + reason);
 }
 
 TEST(CanFrame, RefusesFramesThatTheBusDoesNotKnow) {

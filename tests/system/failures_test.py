@@ -166,6 +166,13 @@ class FailuresTest(harness.SystemTest):
             self.assertFalse(directory.exists())
         self.statistics(self.run_cli(sim, *measure, preexec_fn=limit(len(missing))).stderr, directory)
 
+    def test_a_limit_on_file_sizes_is_a_full_disk(self):
+        directory = self.dir / "rec"
+        done = self.run_cli(self.start_sim(), *harness.record(directory, ["counter_1ms@0"], 0.4),
+                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (900, 900)))
+        self.assertIn(f"stop: write error in {directory}\n", done.stderr)
+        self.assertEqual(done.returncode, 1)
+
     def test_standard_output_is_full(self):
         sim = self.start_sim()
         for arguments in (["--help"], ["list"], ["info"], ["get", "gear", "cal_gain"],

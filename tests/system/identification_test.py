@@ -7,10 +7,13 @@ from concurrent.futures import ThreadPoolExecutor
 import ecu_model
 from a2l_text import display_text
 from harness import signals, value_line
-from recording_check import ModelCase
+from recording_check import EVENTS, ModelCase
 
 # The largest data packet makes several ODTs of every list.
 MAX_DTO = 64
+# A counter of one byte that wraps within the measurement, but not twice in any time for which a machine may stall.
+SHORT = ("--timestamp-size", 1, "--tick-unit", 7, "--clock-start", 230, "--fast-event-us", 20000)
+SHORT_EVENTS = (("cyclic_20ms", 20000000), *EVENTS[1:])
 
 
 class IdentificationTest(ModelCase):
@@ -28,14 +31,15 @@ class IdentificationTest(ModelCase):
         self.run_shapes(1, [
             ("--min-daq", 7, "--pack", 5), ("--identification", 0, "--first-pid", 60), ("--pad", 30),
             ("--identification", 0, "--overload", "pid"), ("--clock-start", 2 ** 32 - 300000),
-            ("--timestamp-size", 1, "--timestamp-fixed"), ("--without", "GET_DAQ_RESOLUTION_INFO"),
+            (*SHORT, "--timestamp-fixed"), ("--without", "GET_DAQ_RESOLUTION_INFO"),
             ("--without", "SHORT_UPLOAD", "--max-cto", 8), ("--clock-ppm", 300, "--byte-order", "motorola")])
 
     def run_all(self, granularity):
         """Every combination of identification type, timestamp size and byte order."""
         self.run_shapes(granularity, [
-            ("--granularity", granularity, "--identification", i, "--timestamp-size", t, "--byte-order", order)
-            for i, t, order in itertools.product(range(4), (0, 1, 2, 4), ("intel", "motorola"))])
+            ("--granularity", granularity, "--identification", i, *stamp, "--byte-order", order)
+            for i, stamp, order in itertools.product(
+                range(4), [SHORT, *(("--timestamp-size", size) for size in (0, 2, 4))], ("intel", "motorola"))])
         if granularity > 1:
             self.check_refusal(granularity)
 
@@ -54,13 +58,13 @@ class IdentificationTest(ModelCase):
             finished = list(pool.map(measure, shapes))
         for shape, program in zip(shapes, finished):
             with self.subTest(shape=shape):
-                self.check(names, program)
+                self.check(names, program, SHORT_EVENTS if set(SHORT) <= set(shape) else EVENTS)
 
-    def check(self, names, program):
+    def check(self, names, program, events):
         self.assertIn(f"measuring {len(names)} signal(s) in 4 DAQ list(s), ", program.err)
         # Each line holds the values of one record, in the order asked for.
         expected = []
-        for group in self.check_measured(program).groups:
+        for group in self.check_measured(program, events).groups:
             ordered = sorted(group.signals, key=lambda signal: names.index(signal.name))
             expected += ["".join(f"  {s.name}={self.text(s.conversion, s.raw(record))}" for s in ordered)
                          for record in group.records]

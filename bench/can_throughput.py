@@ -9,7 +9,8 @@ from pathlib import Path
 
 os.environ["XCPLUMO_CLI"], os.environ["XCPLUMO_SIM"] = (f"{os.environ['XCPLUMO_BUILD']}/bin/{name}"
                                                        for name in ("xcplumo-cli", "xcplumo-sim"))
-sys.path.append(str(Path(__file__).resolve().parents[1] / "system"))
+TESTS = Path(__file__).resolve().parents[1] / "tests"
+sys.path += [str(TESTS / "system"), str(TESTS / "can_bench")]
 from can_harness import ip  # noqa: E402  pylint: disable=wrong-import-position
 from harness import CLI, SIM, record  # noqa: E402  pylint: disable=wrong-import-position
 from recording import Recording  # noqa: E402  pylint: disable=wrong-import-position
