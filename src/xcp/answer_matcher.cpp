@@ -32,7 +32,10 @@ bool same(const std::optional<Packet>& known, std::span<const std::uint8_t> pack
 
 void AnswerMatcher::sent(Kind kind, std::size_t minimumLength, std::int64_t nowNs) {
     const bool repeatedConnect = kind_ == Kind::connect && !answer_;
-    if (kind == Kind::connect && !repeatedConnect) strangers_ = !clear();
+    if (kind == Kind::connect && !repeatedConnect) {
+        strangers_ = !clear();
+        stranger_.reset();
+    }
     kind_ = kind;
     minimumLength_ = minimumLength;
     sentNs_ = nowNs;
@@ -76,7 +79,7 @@ AnswerMatcher::Verdict AnswerMatcher::came(std::span<const std::uint8_t> packet,
 AnswerMatcher::Verdict AnswerMatcher::cameSynch(bool stale) {
     synchSeen_ = true;
     // What looked like a strange answer to a SYNCH was none.
-    leftOver_ = leftOver_ || std::exchange(oddAnswer_, false);
+    leftOver_ = std::exchange(oddAnswers_, false) || leftOver_;
     const std::uint32_t own = stale && kind_ == Kind::synch ? 1 : 0;
     if (synchsBefore_ > 0) {
         --synchsBefore_;
@@ -97,8 +100,8 @@ AnswerMatcher::Verdict AnswerMatcher::dropOlder(std::span<const std::uint8_t> pa
     } else if (same(last_, packet)) {
         ++copies_;
         last_.reset();
-    } else if (!synchSeen_ && waiting_ && kind_ == Kind::synch && !oddAnswer_ && saysNothing(packet)) {
-        oddAnswer_ = true;
+    } else if (!synchSeen_ && waiting_ && kind_ == Kind::synch && saysNothing(packet)) {
+        oddAnswers_ = true;
     } else {
         leftOver_ = true;
     }
@@ -106,16 +109,20 @@ AnswerMatcher::Verdict AnswerMatcher::dropOlder(std::span<const std::uint8_t> pa
 }
 
 bool AnswerMatcher::fitsConnect(std::span<const std::uint8_t> packet) {
-    if (!strangers_) return true;
-    if (packet[0] != kPidResponse || !parseConnect(packet)) return false;
-    strangers_ = false;
-    return !known_ || same(known_, packet);
+    if (!strangers_ || same(stranger_, packet)) return true;
+    const bool fits = packet[0] == kPidResponse && parseConnect(packet).ok();
+    if (fits && (!known_ || same(known_, packet))) return true;
+    strangers_ = !fits;
+    stranger_ = copyOf(packet);
+    return false;
 }
 
 void AnswerMatcher::take(const Packet& packet) {
     owed_ = kind_ == Kind::connect ? owed_ - 1 : 0;
-    synchsBefore_ = 0;
-    doubt_ = false;
+    if (kind_ != Kind::probe) {
+        synchsBefore_ = 0;
+        doubt_ = false;
+    }
     answer_ = packet;
     last_ = packet;
 }
@@ -128,11 +135,12 @@ std::optional<Packet> AnswerMatcher::endWait() {
 
 void AnswerMatcher::closeFence() {
     doubt_ = doubt_ && synchsAfter_ > 0;
+    lost_ = lost_ || owed_ > 0;
     owed_ = 0;
     closers_ = 0;
     // Those sent meanwhile are answered before whatever comes next.
     synchsBefore_ = std::exchange(synchsAfter_, 0);
-    leftOver_ = leftOver_ || (copies_ != 0 && copies_ != commands_);
+    leftOver_ = leavesOver();
     commands_ = 0;
     copies_ = 0;
     last_.reset();
@@ -153,7 +161,8 @@ void AnswerMatcher::connected() {
 void AnswerMatcher::settle() {
     closeFence();
     synchsBefore_ = 0;
-    oddAnswer_ = false;
+    oddAnswers_ = false;
+    lost_ = false;
 }
 
 }  // namespace lm::xcp

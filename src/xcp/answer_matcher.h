@@ -31,6 +31,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include "xcp/packet.h"
 
@@ -40,6 +41,7 @@ class AnswerMatcher {
   public:
     enum class Kind : std::uint8_t {
         command,
+        probe,  ///< sent without a closed fence: what comes for it may be left over, and settles no SYNCH
         synch,
         connect,
         last,  ///< sent without a fence when all ends: an older command's answer serves when no other comes
@@ -63,6 +65,13 @@ class AnswerMatcher {
     bool clear() const { return owed_ == 0 && synchsAfter_ == 0 && closers_ == 0; }
     /// Clear, and no command was sent since the last closed fence.
     bool atFence() const { return clear() && commands_ == 0; }
+    /// Nothing is owed at all.
+    bool untouched() const { return owed_ == 0 && synchsBefore_ + synchsAfter_ == 0; }
+    /// The next fence is to confirm: after an answer that was lost, or seemed so, it takes two answers.
+    void beCertain() { doubt_ = std::exchange(lost_, false) || doubt_; }
+    /// Whether an answer is left over, or more copies came than commands were sent, since the last closed
+    /// fence.
+    bool leavesOver() const { return leftOver_ || (copies_ != 0 && copies_ != commands_); }
     /// Whether all that counted was certainly its command's, asked at a closed fence. Forgets.
     bool inStep();
     /// Whether the last command was not followed by a copy of its answer yet.
@@ -88,9 +97,9 @@ class AnswerMatcher {
     std::uint32_t synchsAfter_ = 0;   ///< FE 00 of SYNCHs sent since
     std::uint32_t closers_ = 0;       ///< FE 00 that came of those
     bool doubt_ = false;              ///< a fence takes two of them
+    bool lost_ = false;               ///< an answer had not come when a fence closed
     bool synchSeen_ = false;
-    bool oddAnswer_ =
-        false;  ///< something without contents came after the first SYNCHs, perhaps their answer
+    bool oddAnswers_ = false;  ///< what came for the first SYNCHs says nothing: their answers, perhaps
 
     // Since the last closed fence.
     std::uint32_t commands_ = 0;
@@ -107,8 +116,9 @@ class AnswerMatcher {
     std::optional<Packet> aside_ = {};
 
     // CONNECT.
-    std::optional<Packet> known_ = {};  ///< what opened the last connection
-    bool strangers_ = false;            ///< answers of earlier commands may come
+    std::optional<Packet> known_ = {};     ///< what opened the last connection
+    bool strangers_ = false;               ///< answers of earlier commands may come
+    std::optional<Packet> stranger_ = {};  ///< the last one that was taken for such
 };
 
 }  // namespace lm::xcp

@@ -106,9 +106,9 @@ Result<void> Connection::recover(const Packet& command, const Exchange& rules, R
 Result<void> Connection::pauseBusy(const Packet& command) {
     std::unique_lock lock(answerMutex_);
     const auto until = clock_.now() + timeout(kT7);
-    while (mayGoOn() && clock_.now() < until)
+    while (stop_ == Stop::none && clock_.now() < until)
         clock_.wait(lock, wakeUp_, until);
-    if (!mayGoOn()) return stopped(command);
+    if (stop_ != Stop::none) return stopped(command);
     return {};
 }
 
@@ -192,7 +192,7 @@ Result<void> Connection::disconnectOnce() {
     // A slave that heard the first one does nothing at a second.
     const Packet command = buildPlain(Command::disconnect);
     auto answer = lastWords(command, timeout(kT1) / 2);
-    if (answer && !answer.value() && !patienceEnded()) answer = lastWords(command, timeout(kT1) / 2);
+    if (answer && !answer.value()) answer = lastWords(command, timeout(kT1) / 2);
     return judgeLast(command, answer);
 }
 
@@ -221,10 +221,11 @@ Result<void> Connection::withoutWaiting(const Packet& command) {
 }
 
 Result<void> Connection::disconnectWithoutWaiting() {
-    if (!connected_) return {};
-    auto said = withoutWaiting(buildPlain(Command::disconnect));
-    connected_ = false;
-    return said;
+    const std::lock_guard lock(commandMutex_);
+    if (!connected_.exchange(false)) return {};
+    const auto said = lastWords(buildPlain(Command::disconnect), Clock::duration::zero());
+    if (!said) return said.error();
+    return {};
 }
 
 void Connection::requestStop() {

@@ -123,7 +123,7 @@ class Connection {
     Result<void> sendSynchs();
     Result<void> meet();
     Result<void> calmDown();
-    bool staysSilent(Clock::time_point since, Clock::duration least);
+    bool staysSilent(Clock::time_point since);
     Result<bool> confirmByStatus();
     void awaitCopy();
 
@@ -132,7 +132,7 @@ class Connection {
                                            std::size_t minimumLength);
     bool await(std::unique_lock<std::mutex>& lock, Clock::duration limit, Kind kind, std::uint64_t pendings);
     bool mayGoOn() const { return stop_ != Stop::now || finishing_; }
-    bool patienceEnded() const { return stop_ != Stop::none && silence_ >= timeout(0); }
+    bool patienceEnded() const { return stop_ != Stop::none && silence_ >= timeout(0); }  ///< answer mutex
     Clock::duration timeout(unsigned index) const;
     std::int64_t nowNs();
 

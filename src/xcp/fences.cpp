@@ -12,6 +12,7 @@ namespace {
 constexpr unsigned kT1 = 0;
 constexpr int kMostCare = 2;
 constexpr std::size_t kStatusLength = 6;
+constexpr int kMostSilences = 20;  ///< times t1: a slave that works off a queue has so long
 /// A slave that answers all twice does so at once.
 constexpr auto kCopyComesWithin = std::chrono::milliseconds(10);
 
@@ -47,13 +48,15 @@ Result<void> Connection::sendSynchs() {
 }
 
 Result<void> Connection::fence() {
+    bool untouched = false;
     {
         const std::lock_guard lock(answerMutex_);
         if (matcher_.atFence()) return {};
         if (matcher_.synchSeen()) synchs_ = Synchs::answered;
+        untouched = matcher_.untouched();
     }
-    if (synchs_ == Synchs::answered) return sendSynchs();
-    return synchs_ == Synchs::unknown ? meet() : calmDown();
+    if (synchs_ == Synchs::never) return calmDown();
+    return synchs_ == Synchs::unknown && untouched ? meet() : sendSynchs();
 }
 
 /// Commands that work on what the one before set up: the pointers that a SYNCH may clear, an allocation under
@@ -86,24 +89,32 @@ Result<void> Connection::fenceBefore(const Packet& command) {
     return error;
 }
 
-/// The first fence. Half of t1 for SYNCH; then the status is asked for, which every slave answers: one that
-/// hears it, and has not answered the SYNCH before it, does not know SYNCH.
+/// The first fence, when nothing is owed: SYNCH; when that stays unanswered for a quarter of t1 the status,
+/// which every slave answers, and SYNCH again for the rest of t1. A slave that hears the status and neither
+/// SYNCH beside it does not know SYNCH.
 Result<void> Connection::meet() {
-    const auto begin = clock_.now();
-    const auto half = timeout(kT1) / 2;
-    const auto answer = exchange(buildPlain(Command::synch), half, Kind::synch, 2);
-    if (!answer) return answer.error();
-    if (answer.value()) {
-        synchs_ = Synchs::answered;
-        return isClear() ? Result<void>() : sendSynchs();
-    }
-    const auto status = exchange(buildPlain(Command::getStatus), half, Kind::command, kStatusLength);
+    const auto quarter = timeout(kT1) / 4;
+    const Packet synch = buildPlain(Command::synch);
+    const auto first = exchange(synch, quarter, Kind::synch, 2);
+    if (!first) return first.error();
+    if (first.value()) return isClear() ? Result<void>() : sendSynchs();
+    const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::probe, kStatusLength);
     if (!status) return status.error();
-    if (!status.value() || !staysSilent(begin, timeout(kT1))) return sendSynchs();
+    const bool hears = status.value() && status.value()->code() == kPidResponse;
+    const auto second = hears ? exchange(synch, 3 * quarter, Kind::synch, 2) : std::optional<Packet>{};
+    if (!second) return second.error();
+    {
+        const std::lock_guard lock(answerMutex_);
+        if (stop_ != Stop::none) return noSynch();
+        if (hears && !matcher_.synchSeen() && !matcher_.leavesOver()) {
+            matcher_.settle();
+            synchs_ = Synchs::never;
+        }
+    }
+    if (synchs_ != Synchs::never) return isClear() ? Result<void>() : sendSynchs();
     spdlog::warn(
         "the ECU does not answer SYNCH and is asked for its status instead: an answer that comes twice can "
         "be taken for another command's unnoticed where it reads like the status");
-    synchs_ = Synchs::never;
     return {};
 }
 
@@ -111,20 +122,20 @@ Result<void> Connection::meet() {
 /// was lost, nobody can tell which came, but that no more follow.
 Result<void> Connection::calmDown() {
     const auto begin = clock_.now();
-    const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::command, kStatusLength);
+    const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::probe, kStatusLength);
     if (!status) return status.error();
-    if (!status.value() && !staysSilent(begin, timeout(kT1))) return noSynch();
+    if (!status.value() && !staysSilent(begin)) return noSynch();
     return {};
 }
 
-/// Waits until nothing has come for half of t1, and `least` has passed since `since`. False when nothing came
+/// Waits until nothing has come for t1 after the first sign of life since `since`. False when nothing came
 /// at all, a SYNCH was answered, or it never ends; true settles what was owed.
-bool Connection::staysSilent(Clock::time_point since, Clock::duration least) {
+bool Connection::staysSilent(Clock::time_point since) {
     std::unique_lock lock(answerMutex_);
-    const auto latest = since + 3 * least;
+    const auto latest = since + kMostSilences * timeout(kT1);
     while (lastCame_ >= since && !matcher_.synchSeen() && stop_ == Stop::none) {
         const auto now = clock_.now();
-        const auto until = std::max(since + least, lastCame_ + timeout(kT1) / 2);
+        const auto until = lastCame_ + timeout(kT1);
         if (now >= until) {
             matcher_.settle();
             return true;
@@ -141,6 +152,10 @@ Result<bool> Connection::confirm() {
     auto own = turn();
     if (!own) return own.error();
     const Finishing finishing(*this);
+    {
+        const std::lock_guard lock(answerMutex_);
+        matcher_.beCertain();
+    }
     if (synchs_ == Synchs::never) return confirmByStatus();
     if (auto closed = fence(); !closed) return closed.error();
     const std::lock_guard lock(answerMutex_);
@@ -155,7 +170,7 @@ Result<bool> Connection::confirmByStatus() {
         if (matcher_.atFence()) return matcher_.inStep();
     }
     const auto ask = [this] {
-        return exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::command, kStatusLength);
+        return exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::probe, kStatusLength);
     };
     const auto begin = clock_.now();
     const auto first = ask();
@@ -164,7 +179,7 @@ Result<bool> Connection::confirmByStatus() {
     if (!second) return second.error();
     const bool answered = first.value() && second.value();
     const bool equal = answered && std::ranges::equal(first.value()->view(), second.value()->view());
-    if (!equal && !staysSilent(begin, timeout(kT1) / 2)) return noSynch();
+    if (!equal && !staysSilent(begin)) return noSynch();
     const std::lock_guard lock(answerMutex_);
     if (equal) matcher_.settle();
     return matcher_.inStep() && equal;

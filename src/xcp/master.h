@@ -179,8 +179,10 @@ auto inStep(Master& master, const Step& step) -> decltype(step()) {
     constexpr int kMost = 3;
     for (int tried = 1;; ++tried) {
         auto result = step();
-        // After silence nothing was decided, and whoever is silent is not asked once more.
-        if (!result && result.error().code == ErrorCode::timeout) return result;
+        // After silence or a stop nothing was decided, and who is silent is not asked once more.
+        const bool given = !result && (result.error().code == ErrorCode::timeout ||
+                                       result.error().code == ErrorCode::closed);
+        if (given) return result;
         const auto confirmed = master.confirm();
         if (confirmed && confirmed.value()) return result;
         if (!confirmed && result) return confirmed.error();

@@ -132,12 +132,13 @@ TEST(Master, ConfirmsThatAnswersBelongToTheirCommands) {
         // One that answers the status but no SYNCH, or answers it oddly, is asked for the status from then
         // on. After an answer that was lost the status shows that no more follow.
         {"fetch; confirm; fetch; confirm; status; confirm",
-         "; F5 02 > FF 11 11; FC; FD > FF 00 00 00 00 00; F5 02 > FF 22 22; FD > FF 00 00 00 00 00; FD > FF "
+         "; F5 02 > FF 11 11; FC; FD > FF 00 00 00 00 00; FC; F5 02 > FF 22 22; FD > FF 00 00 00 00 00; FD > "
+         "FF "
          "00 00 00 00 00; "
          "FD > FF 01 00 00 00 00; FD > FF 01 00 00 00 00; FD > FF 00 00 00 00 00, FF 00 00 00 00 00",
          "FF 11 11; in step; FF 22 22; in step; 01; out of step"},
         {"fetch; confirm; fetch; status",
-         "; F5 02 > FF 11 11; FC > FE 20; FD > FF 00 00 00 00 00; F5 02; FC; FC; FC; "
+         "; F5 02 > FF 11 11; FC > FE 20; FD > FF 00 00 00 00 00; FC > FE 20; F5 02; FC; FC; FC; "
          "FD > FF 00 00 00 00 00; FD > FF 07 00 00 00 00",
          "FF 11 11; in step; UPLOAD: SYNCH: no response from slave; 07"},
     };
