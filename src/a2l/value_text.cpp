@@ -1,5 +1,6 @@
 #include "a2l/value_text.h"
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -61,13 +62,31 @@ long double rounding(const ResolvedObject& object, long double number) {
     return object.keepsIntegers() ? 0 : kRelative * std::fabs(number);
 }
 
-/// Whether none of the values beside that of `raw` is nearer to a number. Of a mask with holes, and of a
-/// float behind a conversion that is not a straight line, they are not known.
+/// Whether of the raw values in ascending order the physical ones ascend or descend throughout, so that the
+/// way back leads beside the nearest one. A table that descends may not stand still: the way back takes the
+/// wrong end of equal outputs.
+bool isMonotonic(const Conversion::Kind& kind) {
+    if (const auto* rational = std::get_if<Conversion::Rational>(&kind))
+        return rational->a == 0 && rational->d == 0;
+    if (const auto* table = std::get_if<Conversion::NumericTable>(&kind)) {
+        const auto never = [table](auto wrong) {
+            return std::adjacent_find(table->pairs.begin(), table->pairs.end(), wrong) == table->pairs.end();
+        };
+        return never([](const auto& a, const auto& b) { return !(a.second <= b.second); }) ||
+               never([](const auto& a, const auto& b) { return !(a.second > b.second); });
+    }
+    const auto* formulas = std::get_if<Conversion::Formulas>(&kind);
+    return formulas == nullptr || formulas->forward.asLinear();
+}
+
+/// Whether no other value is nearer to a number than that of `raw`. Of a mask with holes, of a conversion
+/// that turns and of a float behind a conversion that is not a straight line, that is not known.
 bool isNearest(const ResolvedObject& object, long double raw, long double number) {
     const auto& [coding, conversion] = std::tie(object.coding, object.conversion);
     if (isFloat(coding.dataType)) {
         return conversion.binaryExponent() || std::holds_alternative<Conversion::Linear>(conversion.kind());
     }
+    if (!isMonotonic(conversion.kind())) return false;
     const std::uint64_t mask = coding.bitMask;
     if (mask != 0 && !std::has_single_bit((mask >> std::countr_zero(mask)) + 1) && ~mask != 0) return false;
     const auto distance = [&](long double of) { return std::fabs(conversion.toPhysicalExact(of) - number); };

@@ -39,8 +39,16 @@ TEST(ValueText, TypedNumbersComeBackAsTheyAreHeld) {
     ResolvedObject holes = object(DataType::ubyte, {});
     holes.coding.bitMask = 0x50;
     const std::string lost = "2 is not possible, the ECU now holds 0";
+    const auto table = [](TablePairs pairs) {
+        return object(DataType::ubyte,
+                      Conversion(Conversion::NumericTable{true, std::move(pairs), {}}, "%6.2", ""));
+    };
     // clang-format off
     const Row rows[] = {
+        // Of a table or formula that turns, the nearest value may be far off.
+        {table({{0, 0}, {200, 100}, {202, 0}}), "30", "50.00", "50", "30 is not possible, the ECU now holds 50.00", "30 is not possible, the ECU now holds 50"},
+        {table({{0, 0}, {100, 400}, {200, 400}}), "30", "32.00", "32", "30" + no + "32.00", "30" + no + "32"},
+        {table({{0, 400}, {100, 0}, {200, 0}}), "3", "0.00", "0", "3 is not possible, the ECU now holds 0.00", "3 is not possible, the ECU now holds 0"},
         {holes, "2", "0", "0", lost, lost},
         {object(DataType::uint64, {}), "18446744073709551615", "1.84467e+19", "18446744073709551615"},
         {object(DataType::uint64, kSame), "0xFFFFFFFFFFFFFFFE", "18446744073709551614", "18446744073709551614"},
