@@ -46,7 +46,8 @@ struct ResolvedObject {
     std::size_t size() const { return coding.size(); }
     /// Integers of 64 bits keep all of them between text and bytes; a double holds all other values.
     bool keepsIntegers() const {
-        return size() == sizeof(std::uint64_t) && !isFloat(coding.dataType) && conversion.binaryExponent();
+        return size() == sizeof(std::uint64_t) && !isFloat(coding.dataType) &&
+               conversion.binaryFactor().has_value();
     }
 };
 

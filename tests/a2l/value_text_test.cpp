@@ -34,19 +34,39 @@ TEST(ValueText, TypedNumbersComeBackAsTheyAreHeld) {
         std::string typed, shown, exact, told = {}, toldExact = {};
     };
     const std::string no = " is not possible, the nearest value is ";
+    const std::string now = " is not possible, the ECU now holds ";
+    const Conversion quarter(Conversion::Linear{0.25, 0}, "%6.1", "");
+    const Conversion negative(Conversion::Rational{0, -1, 0, 0, 0, 1}, "%6.0", "");
+    const Conversion offset(Conversion::Linear{1, 1}, "%6.0", "");
+    const Conversion celsius(Conversion::Linear{0.1, -273.15}, "%6.2", "");
     const std::string tooLarge = "o: raw value 18446744073709551616.000000 outside the range of A_UINT64";
     const Conversion verbal(Conversion::VerbalTable{{{1, 1, "on"}}, ""}, "%.0", "");
     ResolvedObject holes = object(DataType::ubyte, {});
     holes.coding.bitMask = 0x50;
     const std::string lost = "2 is not possible, the ECU now holds 0";
+    const auto table = [](TablePairs pairs) {
+        return object(DataType::ubyte,
+                      Conversion(Conversion::NumericTable{true, std::move(pairs), {}}, "%6.2", ""));
+    };
     // clang-format off
     const Row rows[] = {
+        // Of a table or formula that turns, the nearest value may be far off.
+        {table({{0, 0}, {200, 100}, {202, 0}}), "30", "50.00", "50", "30 is not possible, the ECU now holds 50.00", "30 is not possible, the ECU now holds 50"},
+        {table({{0, 0}, {100, 400}, {200, 400}}), "30", "32.00", "32", "30" + no + "32.00", "30" + no + "32"},
+        {table({{0, 400}, {100, 0}, {200, 0}}), "3", "0.00", "0", "3 is not possible, the ECU now holds 0.00", "3 is not possible, the ECU now holds 0"},
         {holes, "2", "0", "0", lost, lost},
         {object(DataType::uint64, {}), "18446744073709551615", "1.84467e+19", "18446744073709551615"},
         {object(DataType::uint64, kSame), "0xFFFFFFFFFFFFFFFE", "18446744073709551614", "18446744073709551614"},
         {object(DataType::uint64, kSame), "1.8446744073709551613e19", "18446744073709551613", "18446744073709551613"},
         {object(DataType::int64, kSame), "-0x7fffffffffffffff", "-9223372036854775807", "-9223372036854775807"},
         {object(DataType::uint64, kHalf), "4611686018427387904.5", "4611686018427387904.5", "4611686018427387904.5"},
+        {object(DataType::uint64, quarter), "4611686018427387903.75", "4611686018427387903.8", "4611686018427387903.75"},
+        {object(DataType::uint64, negative), "-18446744073709551615", "-18446744073709551615", "-18446744073709551615"},
+        {object(DataType::int64, negative), "-" + kOdd, "-" + kOdd, "-" + kOdd},
+        {object(DataType::uint64, offset), kOdd, "9007199254740992", "9007199254740992", kOdd + now + "9007199254740992", kOdd + now + "9007199254740992"},
+        {object(DataType::uint64, kTenth), "900719925474099.3", "900719925474099.2", "900719925474099.2", "900719925474099.3" + now + "900719925474099.2", "900719925474099.3" + now + "900719925474099.2"},
+        {object(DataType::sword, celsius), "0.05", "0.05", "0.05000000000001137"},
+        {object(DataType::sword, celsius), "0.05000000000001137", "0.05", "0.05000000000001137"},
         {object(DataType::uint64, kSame), "9007199254740993.25", kOdd, kOdd, "", "9007199254740993.25" + no + kOdd},
         {object(DataType::uint64, verbal), kOdd, kOdd, kOdd},
         {object(DataType::uint64, kSame), "18446744073709551616", tooLarge, ""},
