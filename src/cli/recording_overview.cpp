@@ -195,11 +195,27 @@ std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
     return fmt::format("{:.3f} s", Span::secondsBetween(info.startHostNs, timeNs));
 }
 
-void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+/// How long all outages were; one without an end lasts at least to what is known last, a record or a line.
+std::string lengthText(const storage::RecordingEvents& events, const Span& span) {
+    std::int64_t latestNs = span.lastNs;
+    if (!events.clocks.empty()) latestNs = std::max(latestNs, events.clocks.back().hostNs);
+    double seconds = 0;
+    bool isKnown = true;
+    for (const storage::Outage& outage : events.outages) {
+        seconds +=
+            Span::secondsBetween(outage.beginNs, outage.endNs.value_or(std::max(latestNs, outage.beginNs)));
+        isKnown = isKnown && outage.endNs.has_value();
+    }
+    if (!isKnown && seconds == 0) return "length not known";
+    return fmt::format("{}{:.3f} s in all", isKnown ? "" : "at least ", seconds);
+}
+
+void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info, const Span& span,
+                  Output& output) {
     using File = storage::RecordingEvents::File;
     // An older program noted none.
     if (events.file == File::absent) return;
-    if (events.file != File::read) {
+    if (!events.trouble.empty()) {
         output.append("outages        not known: " + xcp::printableText(events.trouble) + "\n");
         return;
     }
@@ -207,10 +223,7 @@ void printOutages(const storage::RecordingEvents& events, const RecordingInfo& i
         output.append("outages        none\n");
         return;
     }
-    double seconds = 0;
-    for (const storage::Outage& outage : events.outages)
-        seconds += outage.endNs ? Span::secondsBetween(outage.beginNs, *outage.endNs) : 0;
-    output.append(fmt::format("outages        {}, {:.3f} s in all\n", events.outages.size(), seconds));
+    output.append(fmt::format("outages        {}, {}\n", events.outages.size(), lengthText(events, span)));
     constexpr std::size_t kMostShown = 20;
     const std::size_t shown = std::min(events.outages.size(), kMostShown);
     for (std::size_t i = 0; i < shown; ++i)
@@ -273,7 +286,7 @@ void printHead(const storage::RecordingReader& recording, const Span& span, bool
     output.append(fmt::format("duration       {:.3f} s\n", span.seconds()));
     output.append("size           " + sizeText(directorySize(recording.directory())) + "\n");
     const storage::RecordingEvents events = storage::readEvents(recording.directory(), info);
-    printOutages(events, info, output);
+    printOutages(events, info, span, output);
     printClocks(events, info, output);
 }
 

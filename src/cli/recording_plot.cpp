@@ -11,6 +11,7 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "cli/message_output.h"
 #include "cli/recording_overview.h"
 #include "cli/stop_signal.h"
 #include "core/text.h"
@@ -231,7 +232,11 @@ int plotSignals(const RecordingReader& recording, const RecordingOptions& option
         printError("recording", times.error());
         return 1;
     }
-    const Outages outages = storage::readEvents(recording.directory(), recording.info()).outages;
+    const storage::RecordingEvents events = storage::readEvents(recording.directory(), recording.info());
+    if (!events.trouble.empty()) {
+        printMessage("outages not known: " + xcp::printableText(events.trouble) + "\n");
+    }
+    const Outages& outages = events.outages;
     int exitCode = 0;
     for (std::size_t i = 0; i < places.value().size() && !stopRequested(); ++i) {
         if (i > 0) output.append('\n');

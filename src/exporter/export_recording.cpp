@@ -18,22 +18,28 @@ void noteUnfinished(const std::vector<ExportGroup>& groups, std::vector<std::str
     }
 }
 
-/// The outages in the times that are exported.
-Result<std::vector<storage::Outage>> outagesOf(const storage::RecordingReader& recording,
-                                               const ExportOptions& options) {
+/// What is known of the outages in the times that are exported.
+Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& recording,
+                                          const ExportOptions& options) {
     auto times = exportedTimes(recording.info(), options);
     if (!times) return times.error();
-    std::vector<storage::Outage> outages =
-        storage::readEvents(recording.directory(), recording.info()).outages;
+    storage::RecordingEvents events = storage::readEvents(recording.directory(), recording.info());
+    std::vector<storage::Outage>& outages = events.outages;
     outages.erase(std::remove_if(outages.begin(), outages.end(),
                                  [&times](const storage::Outage& outage) {
                                      return !storage::overlaps(outage, times.value());
                                  }),
                   outages.end());
-    return outages;
+    return events;
 }
 
-void noteOutages(std::size_t count, const ExportOptions& options, std::vector<std::string>& notes) {
+void noteOutages(const storage::RecordingEvents& events, const ExportOptions& options,
+                 std::vector<std::string>& notes) {
+    if (!events.trouble.empty()) notes.push_back("outages not known: " + events.trouble);
+    if (events.file == storage::RecordingEvents::File::absent && options.gaps) {
+        notes.emplace_back("outages not known: the recording has no events.jsonl, an older program made it");
+    }
+    const std::size_t count = events.outages.size();
     if (count == 0 || options.gaps) return;
     notes.push_back(std::to_string(count) + (options.format == Format::mf4
                                                  ? " outage(s), in the file as events"
@@ -46,8 +52,9 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
                                       const ProgressFunction& progress) {
     auto groups = planExport(recording, options);
     if (!groups) return groups.error();
-    auto outages = outagesOf(recording, options);
-    if (!outages) return outages.error();
+    auto events = eventsOf(recording, options);
+    if (!events) return events.error();
+    const std::vector<storage::Outage>& outages = events.value().outages;
     Progress meter(progress, totalBytes(groups.value()));
     ExportSummary summary;
     summary.groups = groups.value().size();
@@ -56,16 +63,16 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
         summary.records += group.recordCount();
     }
     if (options.format == Format::mf4) {
-        auto notes = exportMf4(recording.info(), groups.value(), outages.value(), options, meter);
+        auto notes = exportMf4(recording.info(), groups.value(), outages, options, meter);
         if (!notes) return notes.error();
         summary.files = {options.output};
         summary.notes = std::move(notes).value();
     } else {
-        auto files = exportCsv(recording.info(), groups.value(), outages.value(), options, meter);
+        auto files = exportCsv(recording.info(), groups.value(), outages, options, meter);
         if (!files) return files.error();
         summary.files = std::move(files).value();
     }
-    noteOutages(outages.value().size(), options, summary.notes);
+    noteOutages(events.value(), options, summary.notes);
     noteUnfinished(groups.value(), summary.notes);
     return summary;
 }

@@ -252,9 +252,19 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
-    outages_.finish(endNs, !measuring, supervisor_->watchesData());
+    // An ECU that refuses the stop is there all the same.
+    const bool answered = result.stopped.ok() || result.stopped.error().detail != Error::kNoDetail;
+    using Stop = OutageMeter::Stop;
+    outages_.finish(endNs,
+                    !measuring ? Stop::lost
+                    : answered ? Stop::answered
+                               : Stop::unanswered,
+                    supervisor_->watchesData());
     if (context_.transport.can) context_.transport.can->releaseLoad();
     if (writer_) {
+        if (outages_.upToEndNs() != 0) {
+            notes_.endSilent(outages_.latestNs(), endNs, *writer_);
+        }
         notes_.end(steadyNowNs(), *writer_);
         result.recorded = writer_->close();
     }

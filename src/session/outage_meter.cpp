@@ -32,12 +32,14 @@ void OutageMeter::end(std::int64_t nowNs) {
     ++ended_;
 }
 
-void OutageMeter::finish(std::int64_t nowNs, bool lost, bool cyclic) {
+void OutageMeter::finish(std::int64_t nowNs, Stop stop, bool cyclic) {
     const std::lock_guard lock(mutex_);
     const std::int64_t silence = std::max<std::int64_t>(nowNs - lastNs_.load(std::memory_order_relaxed), 0);
-    if (lost || open_) {
+    const bool isOutage =
+        stop == Stop::unanswered ? silence >= leastGapNs_ : cyclic && silence >= noticedWithinNs_;
+    if (stop == Stop::lost || open_) {
         upToEndNs_ = openNs_ + silence;
-    } else if (cyclic && silence >= noticedWithinNs_) {
+    } else if (isOutage) {
         upToEndNs_ = silence;
     }
 }

@@ -16,6 +16,13 @@ namespace lm::session {
 
 class OutageMeter {
   public:
+    /// What the ECU made of the stop: a silence counts the sooner the less is known to listen.
+    enum class Stop : std::uint8_t {
+        answered,
+        unanswered,
+        lost,  ///< there was no connection any more
+    };
+
     /// Times in nanoseconds on the host's steady clock. Less than `leastGapNs` between two records is no gap;
     /// `noticedWithinNs` is the longest time after which an outage is noticed.
     OutageMeter(std::int64_t leastGapNs, std::int64_t noticedWithinNs)
@@ -35,9 +42,9 @@ class OutageMeter {
     void begin(std::int64_t nowNs);
     /// The lists run again.
     void end(std::int64_t nowNs);
-    /// The measurement ends; `lost` without connection. With it, a silence of `noticedWithinNs` is an outage
-    /// all the same, if samples were due (`cyclic`).
-    void finish(std::int64_t nowNs, bool lost, bool cyclic);
+    /// The measurement ends. When the stop was answered, a silence of `noticedWithinNs` is an outage if
+    /// samples were due (`cyclic`); when it was not, any gap is.
+    void finish(std::int64_t nowNs, Stop stop, bool cyclic);
 
     /// Time of the latest record, or of the start.
     std::int64_t latestNs() const { return lastNs_.load(std::memory_order_relaxed); }

@@ -21,6 +21,12 @@ void OutageNotes::onState(SessionState state, const std::string& message, std::i
     }
 }
 
+void OutageNotes::endSilent(std::int64_t lastSampleNs, std::int64_t nowNs, storage::RecordingWriter& writer) {
+    if (isOpen_) return;
+    writer.note(storage::outageBeginLine(lastSampleNs, "no samples up to the end"));
+    writer.note(storage::outageEndLine(nowNs, false, "the measurement ended"));
+}
+
 void OutageNotes::end(std::int64_t nowNs, storage::RecordingWriter& writer) {
     if (!std::exchange(isOpen_, false)) return;
     writer.note(storage::outageEndLine(nowNs, false, outcome_.empty() ? "the measurement ended" : outcome_));

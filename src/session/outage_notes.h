@@ -20,6 +20,10 @@ class OutageNotes {
     void onState(SessionState state, const std::string& message, std::int64_t lastSampleNs,
                  std::int64_t nowNs, storage::RecordingWriter& writer);
 
+    /// Before end(): the measurement ends without samples since `lastSampleNs`, which no state may have told:
+    /// the supervisor had not noticed it yet.
+    void endSilent(std::int64_t lastSampleNs, std::int64_t nowNs, storage::RecordingWriter& writer);
+
     /// The measurement ends: so does the outage in which it does.
     void end(std::int64_t nowNs, storage::RecordingWriter& writer);
 

@@ -20,9 +20,9 @@ namespace {
 enum class Mend : std::uint8_t { none, cut, endLine, begin };
 
 Mend mendOf(const RecordingEvents& events) {
-    if (events.file != RecordingEvents::File::read || events.beingWritten) return Mend::none;
-    if (events.wholeBytes == 0) return Mend::begin;
-    if (events.tornBytes == 0) return Mend::none;
+    if (events.beingWritten) return Mend::none;
+    if (events.file == RecordingEvents::File::beginLost) return Mend::begin;
+    if (events.file != RecordingEvents::File::read || events.tornBytes == 0) return Mend::none;
     return events.lastLineIsWhole ? Mend::endLine : Mend::cut;
 }
 
@@ -53,10 +53,10 @@ std::vector<Finding> checkEvents(const std::filesystem::path& directory, const R
     const RecordingEvents events = readEvents(directory, info);
     const std::string path = (directory / kEventFileName).string();
     std::vector<Finding> findings;
-    if (!events.trouble.empty()) findings.push_back({events.trouble, false});
+    const bool isWhole = events.file == RecordingEvents::File::read;
     switch (mendOf(events)) {
         case Mend::begin:
-            findings.push_back({path + ": cut in its first line, holds no event"});
+            findings.push_back({events.trouble});
             break;
         case Mend::endLine:
             findings.push_back({path + ": the last line lacks its line feed"});
@@ -66,6 +66,8 @@ std::vector<Finding> checkEvents(const std::filesystem::path& directory, const R
                                             events.wholeBytes)});
             break;
         case Mend::none:
+            // One that was begun again is as sound as it can be.
+            if (!isWhole && !events.trouble.empty()) findings.push_back({events.trouble, false});
             break;
     }
     for (const EventFault& fault : events.faults)
@@ -87,7 +89,7 @@ Result<void> repairEvents(const std::filesystem::path& directory, const Recordin
     Result<void> result;
     if (!lockForWriting(descriptor)) {
         result = stillRecorded(directory);
-    } else if (const int failure = mend(descriptor, events, startLine(info)); failure != 0) {
+    } else if (const int failure = mend(descriptor, events, startAgainLine(info)); failure != 0) {
         result = failed(failure);
     }
     // After EINTR the descriptor is gone all the same.
@@ -95,7 +97,7 @@ Result<void> repairEvents(const std::filesystem::path& directory, const Recordin
     if (!result) return result;
     switch (mendOf(events)) {
         case Mend::begin:
-            tell(path.string() + ": begun again");
+            tell(path.string() + ": begun again, what it told is lost");
             break;
         case Mend::endLine:
             tell(path.string() + ": last line ended");

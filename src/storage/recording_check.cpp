@@ -67,6 +67,8 @@ class GroupChecker {
     Result<void> compareAll(const GroupReader& reader);
     void checkOrder(const RecordBatch& batch, std::uint64_t fileOffset);
     bool takeEntry(std::size_t file, std::span<const std::uint8_t> entry);
+    void lookAtIndex(std::span<const std::uint8_t> stored);
+    bool indexIsOfAnother() const;
     ComparedFile& fileNumber(std::size_t number);
     void report(std::string text, bool mendable = true) {
         check_.findings.push_back({std::move(text), mendable});
@@ -87,6 +89,8 @@ class GroupChecker {
     std::vector<ComparedFile> files_;
     std::optional<Error> readError_;
 
+    std::int64_t indexedNs_ = 0;   ///< last time of the latest index entry
+    bool indexMakesSense_ = true;  ///< by itself: its times rise
     std::int64_t lastNs_ = 0;
     std::uint64_t beforeStart_ = 0;
     std::uint64_t unordered_ = 0;
@@ -113,6 +117,13 @@ Result<GroupCheck> GroupChecker::run() {
     if (auto compared = compareAll(reader); !compared) {
         if (compared.error().code == ErrorCode::closed) return compared.error();
         report(compared.error().text(), false);
+        return std::move(check_);
+    }
+    if (!headerError_ && indexIsOfAnother()) {
+        check_.header = GroupCheck::Header::unreadable;
+        report(reader.file().path().string() +
+                   ": no entry of its index fits the records; one of the two may be of another recording",
+               false);
         return std::move(check_);
     }
     checkHeader(reader);
@@ -204,7 +215,23 @@ bool GroupChecker::takeEntry(std::size_t number, std::span<const std::uint8_t> e
     const bool same = number == SummaryFile::kIndex ? std::equal(entry.begin(), entry.end(), stored.begin())
                                                     : sameLevelEntry(entry, stored);
     if (!same && file.wrong++ == 0) file.firstWrong = k;
+    if (number == SummaryFile::kIndex) lookAtIndex(stored);
     return true;
+}
+
+void GroupChecker::lookAtIndex(std::span<const std::uint8_t> stored) {
+    const auto first = static_cast<std::int64_t>(readLittle<std::uint64_t>(stored.data()));
+    const auto last = static_cast<std::int64_t>(readLittle<std::uint64_t>(stored.data() + kTimestampSize));
+    if (first < std::max(earliestNs_, indexedNs_) || last <= first) indexMakesSense_ = false;
+    indexedNs_ = last;
+}
+
+/// An index that makes sense and fits nowhere is no damaged one: to make it again would hide a mix-up.
+bool GroupChecker::indexIsOfAnother() const {
+    const ComparedFile& index = files_[SummaryFile::kIndex];
+    constexpr std::uint64_t kLeastEntries = 2;
+    return index.reader && indexMakesSense_ && index.wrong >= kLeastEntries &&
+           index.wrong == std::min(index.reader->count(), index.expected);
 }
 
 void GroupChecker::reportOrder() {

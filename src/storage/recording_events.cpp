@@ -22,9 +22,17 @@ constexpr std::size_t kChunk = 64 * 1024;
 constexpr std::size_t kLongestLine = 64 * 1024;
 constexpr std::size_t kMostFaults = 20;
 constexpr int kEventsVersion = 1;
+constexpr const char* kBegunAgainKey = "begunAgain";
 
 std::string lineOf(const OrderedJson& json) {
     return json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace) + "\n";
+}
+
+OrderedJson startOf(const RecordingInfo& info) {
+    return {{"event", "start"},
+            {"timeNs", info.startHostNs},
+            {"utcNs", info.startUtcNs},
+            {"version", kEventsVersion}};
 }
 
 std::optional<std::int64_t> integerAt(const Json& json, const char* key) {
@@ -84,7 +92,10 @@ class EventReader {
         if (*host != info_.startHostNs || *utc != info_.startUtcNs) {
             return give(RecordingEvents::File::ofAnotherRecording, "of another recording");
         }
-        events_.file = RecordingEvents::File::read;
+        const auto begunAgain = json.find(kBegunAgainKey);
+        events_.begunAgain = begunAgain != json.end() && *begunAgain == true;
+        give(RecordingEvents::File::read,
+             events_.begunAgain ? "begun again by a repair, which found it cut" : "");
         events_.clocks.push_back({*host, *utc});
     }
     void give(RecordingEvents::File file, std::string trouble) {
@@ -155,10 +166,13 @@ bool overlaps(const Outage& outage, const TimeRange& times) {
 }
 
 std::string startLine(const RecordingInfo& info) {
-    return lineOf({{"event", "start"},
-                   {"timeNs", info.startHostNs},
-                   {"utcNs", info.startUtcNs},
-                   {"version", kEventsVersion}});
+    return lineOf(startOf(info));
+}
+
+std::string startAgainLine(const RecordingInfo& info) {
+    OrderedJson start = startOf(info);
+    start[kBegunAgainKey] = true;
+    return lineOf(start);
 }
 
 std::string outageBeginLine(std::int64_t timeNs, const std::string& reason) {
@@ -191,12 +205,14 @@ RecordingEvents readEvents(const std::filesystem::path& directory, const Recordi
         events.trouble = rest.error().text();
         return events;
     }
-    if (!reader.knowsRecording() && !reader.isFirst()) {
-        events.trouble = file.value().path().string() + ": " + events.trouble;
-        return events;
+    if (reader.isFirst()) {
+        events.file = RecordingEvents::File::beginLost;
+        events.trouble = "cut in its first line, holds no event";
     }
-    // A file that was cut in its first line holds nothing yet.
-    events.file = RecordingEvents::File::read;
+    if (!events.trouble.empty()) {
+        events.trouble = file.value().path().string() + ": " + events.trouble;
+    }
+    if (!reader.knowsRecording() && !reader.isFirst()) return events;
     events.tornBytes = file.value().size() - events.wholeBytes;
     const Json last = EventReader::parsed(rest.value());
     events.lastLineIsWhole = !reader.isFirst() && textAt(last, "event") && integerAt(last, "timeNs");

@@ -38,6 +38,8 @@ struct ClockPair {
 
 // Lines as they stand in the file, with their line feeds. Bytes that are not UTF-8 become U+FFFD.
 std::string startLine(const RecordingInfo& info);
+/// The first line of a file whose lines were lost.
+std::string startAgainLine(const RecordingInfo& info);
 std::string outageBeginLine(std::int64_t timeNs, const std::string& reason);
 std::string outageEndLine(std::int64_t timeNs, bool recovered, const std::string& outcome);
 std::string clockLine(const ClockPair& clocks);
@@ -52,13 +54,16 @@ struct RecordingEvents {
     enum class File : std::uint8_t {
         absent,              ///< recorded by an older program
         read,                ///< as far as its lines make sense
+        beginLost,           ///< empty or cut in its first line: a repair begins it again
         ofAnotherRecording,  ///< nothing of it was taken
-        unreadable,          ///< likewise; `trouble` says why
+        unreadable,          ///< likewise
     };
 
     File file = File::absent;
+    /// Why the outages are not known, empty when they are, and for an older recording without the file.
     std::string trouble;
-    std::vector<Outage> outages;     ///< in the order of the file
+    bool begunAgain = false;      ///< by a repair: what had been told before is lost, which is the `trouble`
+    std::vector<Outage> outages;  ///< in the order of the file
     std::vector<ClockPair> clocks;   ///< the first one is that of "meta.json"
     std::vector<EventFault> faults;  ///< the first ones; lines of unknown kinds are none
     std::uint64_t wholeBytes = 0;    ///< up to the last line feed

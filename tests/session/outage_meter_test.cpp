@@ -5,6 +5,8 @@
 namespace lm::session {
 namespace {
 
+using Stop = OutageMeter::Stop;
+
 constexpr std::int64_t kMs = 1'000'000;
 
 /// Records every 10 ms until 1000 ms; a heartbeat of 500 ms.
@@ -37,7 +39,7 @@ TEST_F(Outages, OldListsAndLateFramesHideNone) {
     meter_.end(8000 * kMs);
     EXPECT_EQ(before(), 1600 + 3710);
     EXPECT_EQ(meter_.ended(), 2U);
-    meter_.finish(8000 * kMs, false, true);
+    meter_.finish(8000 * kMs, Stop::answered, true);
     EXPECT_EQ(upToEnd(), 0);
 }
 
@@ -55,21 +57,22 @@ TEST_F(Outages, ARecordThatComesWhileTheLossIsNoticedBelongsToIt) {
 TEST_F(Outages, OneThatLastsToTheEndIsTold) {
     const struct {
         int end;
-        bool lost, cyclic;
+        Stop stop;
+        bool cyclic;
         int told;
-    } rows[] = {{1400, false, true, 0},
-                {1600, false, true, 600},  // not noticed yet
-                {1600, false, false, 0},
-                {1400, true, true, 400}};
+    } rows[] = {
+        {1400, Stop::answered, true, 0},      {1600, Stop::answered, true, 600},  // not noticed yet
+        {1600, Stop::answered, false, 0},     {1030, Stop::unanswered, true, 0},  // the answer alone was lost
+        {1400, Stop::unanswered, false, 400}, {1400, Stop::lost, true, 400}};
     for (const auto& row : rows) {
         OutageMeter meter(40 * kMs, 500 * kMs);
         meter.start(1000 * kMs);
-        meter.finish(row.end * kMs, row.lost, row.cyclic);
+        meter.finish(row.end * kMs, row.stop, row.cyclic);
         EXPECT_EQ(meter.upToEndNs() / kMs, row.told);
     }
     meter_.begin(2000 * kMs);
     records(3000, 3100);
-    meter_.finish(4000 * kMs, false, false);
+    meter_.finish(4000 * kMs, Stop::answered, false);
     EXPECT_EQ(upToEnd(), 2000 + 900);
     EXPECT_EQ(meter_.ended(), 0U);
 }

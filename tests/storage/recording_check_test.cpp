@@ -112,6 +112,20 @@ TEST_F(RecordingCheckTest, FindsAFlippedByteWhereverItCountsAndLeavesRecordsAlon
     }
 }
 
+TEST_F(RecordingCheckTest, LeavesRecordsAndIndexAloneThatFitNowhere) {
+    record(40);
+    Bytes index = sound_["g0000.tix"];
+    for (std::size_t at = 32; at < index.size(); at += 8)
+        ++index[at + 4];
+    damage("g0000.tix", index);
+    const Files mixed = files();
+    const std::string found =
+        "g0000.rec: no entry of its index fits the records; one of the two may be of another recording";
+    EXPECT_EQ(check(), found + " !\n");
+    EXPECT_EQ(repair(), "left: " + found + "\n");
+    EXPECT_EQ(files(), mixed);
+}
+
 TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
     record(40);
     const Bytes records = sound_["g0000.rec"];

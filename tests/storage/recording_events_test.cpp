@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 
 const std::string kStart = R"({"event":"start","timeNs":999000000,"utcNs":1700000000000000000,"version":1})"
                            "\n";
+const std::string kStartAgain = kStart.substr(0, kStart.size() - 2) + ",\"begunAgain\":true}\n";
 
 class RecordingEventsTest : public test::CheckedRecordingTest {
   protected:
@@ -47,9 +48,12 @@ TEST_F(RecordingEventsTest, MendsTheFileCutAtAnyByteAndLosesNoWholeLine) {
         const std::size_t lastFeed = size == 0 ? std::string::npos : whole.rfind('\n', size - 1);
         const std::size_t kept = std::max(lacksFeed ? size + 1 : lastFeed + 1, kStart.size());
         const bool sound = kept == size;
+        const bool isKnown = size >= kStart.size();
+        ASSERT_EQ(readEvents(path(), test::smallRecording()).trouble.empty(), isKnown) << size;
         ASSERT_EQ(check().empty(), sound) << size << check();
         ASSERT_EQ(repair().empty(), sound) << size;
-        ASSERT_EQ(content(), whole.substr(0, kept)) << size;
+        ASSERT_EQ(content(), isKnown ? whole.substr(0, kept) : kStartAgain) << size;
+        ASSERT_EQ(readEvents(path(), test::smallRecording()).trouble.empty(), isKnown) << size;
         ASSERT_EQ(check() + repair(), "") << size;
     }
 }

@@ -292,6 +292,14 @@ class ExportTest(SystemTest):
         self.export(directory, "p.csv", "--gaps", "--to", "0.09", "--merge")
         self.assertEqual(self.rows("p_gaps.csv"), [head_line])
         self.assertIn("2 outage(s) in this time, --gaps lists them\n", self.export(directory, "q.csv").stderr)
+        events = directory / "events.jsonl"
+        another = json.dumps(lines[0] | {"timeNs": 1}) + "\n"
+        for row, (text, plain, gaps) in enumerate(((another, True, True), ("", True, True), (None, False, True))):
+            events.unlink() if text is None else events.write_text(text, encoding="utf-8")
+            shown = self.run_plain("recording", "show", directory, "-s", SIGNALS[0][0])
+            told = [shown, self.export(directory, f"r{row}.csv"), self.export(directory, f"s{row}.csv", "--gaps")]
+            self.assertEqual(["outages not known: " in done.stderr for done in told], [plain, plain, gaps], text)
+            self.assertEqual("outages        not known: " in self.run_plain("recording", "info", directory).stdout, plain)
 
     def test_many_blocks(self):
         """A list of deflated blocks holds the same bytes as the copy; both hold those of the recording."""

@@ -160,10 +160,23 @@ class ReconnectTest(harness.SystemTest):
             self.assertNotIn("events.jsonl", self.run_plain("recording", "check", directory).stdout)
             info = self.run_plain("recording", "info", directory).stdout
             end = r"\d+\.\d{3} s: .*; the measurement ended" if number == signal.SIGINT else "the end: connection lost: .*"
-            self.assertRegex(info, rf"(?m)^outages        1, .* in all\n  from \d+\.\d{{3}} s to {end}$")
+            length = r"\d+\.\d{3} s in all" if number == signal.SIGINT else r"(at least \d+\.\d{3} s in all|length not known)"
+            self.assertRegex(info, rf"(?m)^outages        1, {length}\n  from \d+\.\d{{3}} s to {end}$")
             self.assertIn("gaps         not known, no cycle says when the next record is due\n", info)
             shown = self.run_plain("recording", "show", directory, "-s", "counter_async").stdout
             self.assertRegex(shown.splitlines()[-1], f"^outage from .* to {end}$")
+
+    def test_a_silence_at_the_end_is_told_though_nothing_noticed_it(self):
+        for name, fault, heartbeat in (("counter_async@3", "silence:DAQ:20:1:0", 300), ("counter_1ms@0", "silence:DAQ:200:1:0", 3000)):
+            with self.subTest(name):
+                config = self.quick_config(xcp={"timeoutsMs": [700] * 7}, reconnect={"heartbeatMs": heartbeat})
+                directory = self.dir / name
+                done = self.run_cli(self.start_sim("--fault", fault), "-c", config, *harness.record(directory, [name]), "-t", "1.5")
+                silent = float(re.search(r"(\d+\.\d) s without samples up to the end\n", done.stderr)[1])
+                info = self.run_plain("recording", "info", directory).stdout
+                told = re.search(r"(?m)^outages        1, (.*) s in all\n.*: no samples up to the end; the measurement ended$", info)
+                self.assertAlmostEqual(float(told[1]), silent, delta=0.06)
+                self.assertGreater(silent, 0.3)
 
     def test_retry_gives_up(self):
         sim = self.start_sim()
