@@ -102,7 +102,7 @@ void Parser::passed(std::size_t offset) {
 
 template <typename Record>
 void Parser::add(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block) {
-    records.push_back(std::move(record));
+    records.push_back(std::forward<Record>(record));
     lines.push_back(block.line);
 }
 
@@ -113,7 +113,7 @@ void Parser::addObject(std::vector<Record>& records, Lines& lines, Record&& reco
         infiniteLimitLine_ = block.line;
         firstInfiniteLimit_ = std::string(block.keyword) + " '" + std::string(record.name) + "'";
     }
-    add(records, lines, std::move(record), block);
+    add(records, lines, std::forward<Record>(record), block);
 }
 
 void Parser::read(const Block& block) {

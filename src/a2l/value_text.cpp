@@ -113,7 +113,8 @@ bool isMonotonic(const Conversion::Kind& kind) {
 /// Whether no other value is nearer to a number than that of `raw`. Of a mask with holes, of a conversion
 /// that turns and of a float behind a conversion that is not a straight line, that is not known.
 bool isNearest(const ResolvedObject& object, long double raw, long double number) {
-    const auto& [coding, conversion] = std::tie(object.coding, object.conversion);
+    const RawCoding& coding = object.coding;
+    const Conversion& conversion = object.conversion;
     if (isFloat(coding.dataType)) {
         return conversion.binaryFactor() || std::holds_alternative<Conversion::Linear>(conversion.kind());
     }

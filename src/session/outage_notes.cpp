@@ -1,5 +1,6 @@
 #include "session/outage_notes.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "storage/recording_events.h"
@@ -12,18 +13,20 @@ void OutageNotes::onState(SessionState state, const std::string& message, std::i
     if (isOut && !isOpen_) {
         isOpen_ = true;
         outcome_.clear();
-        writer.note(storage::outageBeginLine(lastSampleNs, message));
+        // A record may bear an earlier time than the end of an outage before, when none came since.
+        writer.note(storage::outageBeginLine(std::max(lastSampleNs, endedNs_), message));
     } else if (isOut) {
         outcome_ = message;
     } else if (state == SessionState::measuring && isOpen_) {
         isOpen_ = false;
+        endedNs_ = nowNs;
         writer.note(storage::outageEndLine(nowNs, true, message));
     }
 }
 
 void OutageNotes::endSilent(std::int64_t lastSampleNs, std::int64_t nowNs, storage::RecordingWriter& writer) {
     if (isOpen_) return;
-    writer.note(storage::outageBeginLine(lastSampleNs, "no samples up to the end"));
+    writer.note(storage::outageBeginLine(std::max(lastSampleNs, endedNs_), "no samples up to the end"));
     writer.note(storage::outageEndLine(nowNs, false, "the measurement ended"));
 }
 

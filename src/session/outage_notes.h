@@ -29,7 +29,8 @@ class OutageNotes {
 
   private:
     bool isOpen_ = false;
-    std::string outcome_;  ///< of the outage that is open, empty while it may still pass
+    std::int64_t endedNs_ = 0;  ///< when the last outage that ended was over
+    std::string outcome_;       ///< of the outage that is open, empty while it may still pass
 };
 
 }  // namespace lm::session
