@@ -6,7 +6,6 @@
 #include <cmath>
 #include <limits>
 #include <system_error>
-#include <tuple>
 
 #include "core/text.h"
 
