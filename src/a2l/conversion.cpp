@@ -77,28 +77,25 @@ Result<double> interpolateInverse(const Conversion::NumericTable& table, double 
            (upper->first - lower->first) * (physical - lower->second) / (upper->second - lower->second);
 }
 
-/// Whether a factor is a power of two, of either sign, that keeps a 64-bit integer within the range of every
-/// float type.
-bool isBinary(double factor) {
+/// k of a factor 2^k that keeps a 64-bit integer within the range of every float type.
+std::optional<int> exponentOf(double factor) {
     constexpr int kMost = 64;
     int exponent = 0;
-    return std::fabs(std::frexp(factor, &exponent)) == 0.5 && std::abs(exponent - 1) <= kMost;
+    if (std::frexp(factor, &exponent) != 0.5 || std::abs(exponent - 1) > kMost) return std::nullopt;
+    return exponent - 1;
 }
 
-std::optional<double> binaryFactorOf(const Conversion::Kind& kind) {
-    const auto binary = [](double factor) {
-        return isBinary(factor) ? std::optional<double>(factor) : std::nullopt;
-    };
+std::optional<int> binaryExponentOf(const Conversion::Kind& kind) {
     if (const auto* linear = std::get_if<Conversion::Linear>(&kind))
-        return linear->b == 0 ? binary(linear->a) : std::nullopt;
+        return linear->b == 0 ? exponentOf(linear->a) : std::nullopt;
     if (const auto* r = std::get_if<Conversion::Rational>(&kind)) {
         const bool proportional = r->a == 0 && r->c == 0 && r->d == 0 && r->e == 0 && r->b != 0;
         // Others give the same only nearly: both are factors of their own.
-        return proportional && isBinary(r->f) && isBinary(r->b) ? binary(r->f / r->b) : std::nullopt;
+        return proportional && exponentOf(r->f) && exponentOf(r->b) ? exponentOf(r->f / r->b) : std::nullopt;
     }
     const bool same = std::holds_alternative<Conversion::Identical>(kind) ||
                       std::holds_alternative<Conversion::VerbalTable>(kind);
-    return same ? std::optional<double>(1) : std::nullopt;
+    return same ? std::optional<int>(0) : std::nullopt;
 }
 
 /// The decimals that a format such as "%8.3" asks for; none for the general notation.
@@ -168,7 +165,7 @@ Result<Conversion::Kind> buildKind(const Description& description, const CompuMe
 }  // namespace
 
 Conversion::Conversion(Kind kind, std::string format, std::string unit)
-    : kind_(std::move(kind)), unit_(std::move(unit)), binaryFactor_(binaryFactorOf(kind_)) {
+    : kind_(std::move(kind)), unit_(std::move(unit)), binaryExponent_(binaryExponentOf(kind_)) {
     setFormat(std::move(format));
     if (auto* table = std::get_if<NumericTable>(&kind_)) {
         std::stable_sort(table->pairs.begin(), table->pairs.end(),
@@ -272,8 +269,8 @@ Result<double> Conversion::rawFromText(std::string_view text) const {
 
 long double Conversion::toPhysicalExact(long double raw) const {
     const auto rounded = static_cast<double>(raw);
-    if (!binaryFactor_ || static_cast<long double>(rounded) == raw) return toPhysical(rounded);
-    return raw * *binaryFactor_;
+    if (!binaryExponent_ || static_cast<long double>(rounded) == raw) return toPhysical(rounded);
+    return std::ldexp(raw, *binaryExponent_);
 }
 
 std::string Conversion::format(long double raw) const {

@@ -70,11 +70,11 @@ class Conversion {
     /// Errors: invalidArgument with the reason; unsupported for a FORM without an inverse formula.
     Result<double> toRaw(double physical) const;
 
-    /// 2^k or -2^k where every physical value is the raw one times that: the ways between them then keep all
-    /// bits of an integer. None for the other conversions.
-    std::optional<double> binaryFactor() const { return binaryFactor_; }
+    /// k where every physical value is the raw one times 2^k: the ways between them then keep all bits of an
+    /// integer. None for the other conversions.
+    std::optional<int> binaryExponent() const { return binaryExponent_; }
 
-    /// toPhysical() without rounding where there is a binary factor.
+    /// toPhysical() without rounding where there is a binary exponent.
     long double toPhysicalExact(long double raw) const;
 
     /// The text of a raw value; none for conversions that are not verbal and for values without a text.
@@ -117,7 +117,7 @@ class Conversion {
     std::string format_;
     std::string unit_;
     int decimals_ = kGeneralFormat;
-    std::optional<double> binaryFactor_ = 1;
+    std::optional<int> binaryExponent_ = 0;
     std::vector<VerbalBound> verbalBounds_;  ///< ascending; of a verbal table
     TableIndex tableIndex_;                  ///< of a numeric table
 

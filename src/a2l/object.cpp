@@ -133,7 +133,7 @@ Result<void> encodePhysical(const ResolvedObject& object, long double physical,
                             std::span<std::uint8_t> buffer) {
     if (auto checked = checkLimits(object, physical); !checked) return checked;
     if (object.keepsIntegers()) {
-        const long double raw = physical / *object.conversion.binaryFactor();
+        const long double raw = std::ldexp(physical, -*object.conversion.binaryExponent());
         if (auto encoded = encodeRaw(raw, object.coding, buffer); !encoded)
             return withName(object, encoded.error());
         return {};

@@ -46,8 +46,7 @@ struct ResolvedObject {
     std::size_t size() const { return coding.size(); }
     /// Integers of 64 bits keep all of them between text and bytes; a double holds all other values.
     bool keepsIntegers() const {
-        return size() == sizeof(std::uint64_t) && !isFloat(coding.dataType) &&
-               conversion.binaryFactor().has_value();
+        return size() == sizeof(std::uint64_t) && !isFloat(coding.dataType) && conversion.binaryExponent();
     }
 };
 

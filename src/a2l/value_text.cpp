@@ -39,14 +39,6 @@ std::optional<long double> parseTyped(std::string_view text, bool exact) {
     return value;
 }
 
-/// All digits of what a negative power of two leaves of an integer.
-std::string binaryFraction(long double number) {
-    constexpr int kMostBits = 64;
-    std::string text = formatFixed(number, kMostBits);
-    text.erase(text.find_last_not_of('0') + 1);
-    return text;
-}
-
 std::string exactText(long double raw, const RawCoding& coding, const Conversion& conversion) {
     if (const auto text = conversion.verbalText(static_cast<double>(raw))) return std::string(*text);
     const long double physical = conversion.toPhysicalExact(raw);
@@ -56,40 +48,17 @@ std::string exactText(long double raw, const RawCoding& coding, const Conversion
         constexpr long double kMostDigits = 0x1p64L;
         const bool whole = std::fabs(physical) < kMostDigits && std::trunc(physical) == physical;
         if (whole) return formatFixed(physical, 0);
-        return isDouble || !conversion.binaryFactor() ? formatShortest(rounded) : binaryFraction(physical);
+        return isDouble ? formatShortest(rounded) : formatShortest(physical);
     }
     // A value that is only scaled is as short as its type allows.
-    return conversion.binaryFactor() ? shortestFloat(rounded, coding.dataType) : formatShortest(rounded);
+    return conversion.binaryExponent() ? shortestFloat(rounded, coding.dataType) : formatShortest(rounded);
 }
 
-/// The number that a double stands for in an A2L: 0.1 for the double next to it.
-long double asWritten(double number) {
-    return parseLongDouble(formatShortest(number)).value_or(number);
-}
-
-/// What is compared with a number that was typed.
-struct Held {
-    long double physical;
-    long double rounding;  ///< what part of it counts as none: what the calculation leaves of it
-};
-
-/// An integer behind a straight line is known better than the doubles that it is calculated with tell.
-Held heldOf(const ResolvedObject& object, long double raw, long double typed) {
+/// What part of a number counts as none, beside what is not displayed: what the calculation with doubles
+/// leaves of it.
+long double rounding(const ResolvedObject& object, long double number) {
     constexpr long double kRelative = 1e-12L;
-    constexpr long double kPrecise = 1e-18L;
-    const Conversion::Kind& kind = object.conversion.kind();
-    const long double calculated = object.conversion.toPhysicalExact(raw);
-    if (object.keepsIntegers()) return {calculated, 0};
-    const auto* linear = std::get_if<Conversion::Linear>(&kind);
-    const auto* rational = std::get_if<Conversion::Rational>(&kind);
-    const bool line = rational != nullptr && rational->a == 0 && rational->d == 0 && rational->e == 0;
-    if (isFloat(object.coding.dataType) || (linear == nullptr && !line))
-        return {calculated, kRelative * std::fabs(typed)};
-    const long double offset = linear != nullptr ? asWritten(linear->b) : -asWritten(rational->c);
-    const long double scaled = raw * asWritten(linear != nullptr ? linear->a : rational->f);
-    const long double divisor = linear != nullptr ? 1 : asWritten(rational->b);
-    return {(scaled + offset) / divisor,
-            kPrecise * (std::fabs(scaled) + std::fabs(offset)) / std::fabs(divisor)};
+    return object.keepsIntegers() ? 0 : kRelative * std::fabs(number);
 }
 
 /// Whether of the raw values in ascending order the physical ones ascend or descend throughout, so that the
@@ -115,19 +84,14 @@ bool isNearest(const ResolvedObject& object, long double raw, long double number
     const RawCoding& coding = object.coding;
     const Conversion& conversion = object.conversion;
     if (isFloat(coding.dataType)) {
-        return conversion.binaryFactor() || std::holds_alternative<Conversion::Linear>(conversion.kind());
+        return conversion.binaryExponent() || std::holds_alternative<Conversion::Linear>(conversion.kind());
     }
     if (!isMonotonic(conversion.kind())) return false;
     const std::uint64_t mask = coding.bitMask;
     if (mask != 0 && !std::has_single_bit((mask >> std::countr_zero(mask)) + 1) && ~mask != 0) return false;
-    // Not all integers beyond are tried where a double stands for them.
-    constexpr long double kDoublesEnd = 0x1p53L;
-    if (!object.keepsIntegers() && std::fabs(raw) >= kDoublesEnd - 1) return false;
-    const auto distance = [&](long double of) {
-        return std::fabs(heldOf(object, of, number).physical - number);
-    };
+    const auto distance = [&](long double of) { return std::fabs(conversion.toPhysicalExact(of) - number); };
     const long double step = std::ldexp(1.0L, coding.leftShift);
-    const long double least = distance(raw) - heldOf(object, raw, number).rounding;
+    const long double least = distance(raw) - rounding(object, number);
     return !std::isnan(least) && !(distance(raw - step) < least) && !(distance(raw + step) < least);
 }
 
@@ -145,11 +109,9 @@ Result<std::optional<long double>> encodeText(const ResolvedObject& object, std:
         }
         notANumber = raw.error().message;
     }
-    const std::optional<long double> number = parseTyped(text, true);
+    const std::optional<long double> number = parseTyped(text, object.keepsIntegers());
     if (!number) return Error{ErrorCode::invalidArgument, object.name + ": " + notANumber};
-    // Calculated with doubles, the text has to be rounded to one at once, not by way of a long double.
-    const bool exact = object.keepsIntegers();
-    const auto encoded = encodePhysical(object, exact ? *number : *parseTyped(text, false), buffer);
+    const auto encoded = encodePhysical(object, *number, buffer);
     if (!encoded) return encoded.error();
     return number;
 }
@@ -168,18 +130,14 @@ std::string deviationText(const ResolvedObject& object, std::string_view text, l
                           std::span<const std::uint8_t> bytes, NumberStyle style) {
     const std::string shown = valueText(bytes.data(), object.coding, object.conversion, style);
     const long double raw = decodeExact(bytes.data(), object.coding);
-    auto [held, rounding] = heldOf(object, raw, typed);
+    long double held = object.conversion.toPhysicalExact(raw);
     long double step = object.conversion.displayStep(static_cast<double>(typed));
     if (style == NumberStyle::exact) {
         step = 0;
         // The digits of a float behind those that it needs are not shown.
         if (isFloat(object.coding.dataType)) held = parseDouble(shown).value_or(static_cast<double>(held));
     }
-    // Half a step is what its decimal is, not the double next to it.
-    const long double half = step / 2 * (1 + 1e-15L);
-    if (std::fabs(held - typed) <= half + rounding) return "";
-    // What is shown, can be typed.
-    if (parseLongDouble(shown) == typed) return "";
+    if (std::fabs(held - typed) <= step / 2 + rounding(object, typed)) return "";
     return std::string(text) + " is not possible, " +
            (isNearest(object, raw, typed) ? "the nearest value is " : "the ECU now holds ") + shown;
 }

@@ -27,7 +27,7 @@ namespace {
 
 bool isWide(const storage::SignalInfo& signal) {
     return signal.coding.size() == sizeof(std::uint64_t) && !a2l::isFloat(signal.coding.dataType) &&
-           signal.conversion.binaryFactor();
+           signal.conversion.binaryExponent();
 }
 
 }  // namespace
@@ -44,7 +44,7 @@ CsvColumn::Form CsvColumn::formOf(const storage::SignalInfo& signal, const Expor
     if (options.raw) return a2l::isFloat(signal.coding.dataType) ? Form::number : Form::rawInteger;
     if (options.a2lFormat) return Form::formatted;
     if (signal.conversion.isVerbal()) return Form::verbal;
-    return isWide(signal) && *signal.conversion.binaryFactor() == 1 ? Form::rawInteger : Form::number;
+    return isWide(signal) && *signal.conversion.binaryExponent() == 0 ? Form::rawInteger : Form::number;
 }
 
 /// What tells one cell from another, in the form that makeCell() needs.

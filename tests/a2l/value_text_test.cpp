@@ -34,11 +34,6 @@ TEST(ValueText, TypedNumbersComeBackAsTheyAreHeld) {
         std::string typed, shown, exact, told = {}, toldExact = {};
     };
     const std::string no = " is not possible, the nearest value is ";
-    const std::string now = " is not possible, the ECU now holds ";
-    const Conversion quarter(Conversion::Linear{0.25, 0}, "%6.1", "");
-    const Conversion negative(Conversion::Rational{0, -1, 0, 0, 0, 1}, "%6.0", "");
-    const Conversion offset(Conversion::Linear{1, 1}, "%6.0", "");
-    const Conversion celsius(Conversion::Linear{0.1, -273.15}, "%6.2", "");
     const std::string tooLarge = "o: raw value 18446744073709551616.000000 outside the range of A_UINT64";
     const Conversion verbal(Conversion::VerbalTable{{{1, 1, "on"}}, ""}, "%.0", "");
     ResolvedObject holes = object(DataType::ubyte, {});
@@ -60,13 +55,6 @@ TEST(ValueText, TypedNumbersComeBackAsTheyAreHeld) {
         {object(DataType::uint64, kSame), "1.8446744073709551613e19", "18446744073709551613", "18446744073709551613"},
         {object(DataType::int64, kSame), "-0x7fffffffffffffff", "-9223372036854775807", "-9223372036854775807"},
         {object(DataType::uint64, kHalf), "4611686018427387904.5", "4611686018427387904.5", "4611686018427387904.5"},
-        {object(DataType::uint64, quarter), "4611686018427387903.75", "4611686018427387903.8", "4611686018427387903.75"},
-        {object(DataType::uint64, negative), "-18446744073709551615", "-18446744073709551615", "-18446744073709551615"},
-        {object(DataType::int64, negative), "-" + kOdd, "-" + kOdd, "-" + kOdd},
-        {object(DataType::uint64, offset), kOdd, "9007199254740992", "9007199254740992", kOdd + now + "9007199254740992", kOdd + now + "9007199254740992"},
-        {object(DataType::uint64, kTenth), "900719925474099.3", "900719925474099.2", "900719925474099.2", "900719925474099.3" + now + "900719925474099.2", "900719925474099.3" + now + "900719925474099.2"},
-        {object(DataType::sword, celsius), "0.05", "0.05", "0.05000000000001137"},
-        {object(DataType::sword, celsius), "0.05000000000001137", "0.05", "0.05000000000001137"},
         {object(DataType::uint64, kSame), "9007199254740993.25", kOdd, kOdd, "", "9007199254740993.25" + no + kOdd},
         {object(DataType::uint64, verbal), kOdd, kOdd, kOdd},
         {object(DataType::uint64, kSame), "18446744073709551616", tooLarge, ""},

@@ -85,16 +85,6 @@ def sixty_four(whole):
     return round(Fraction(whole, 1 << low)) << low
 
 
-def on_line(one, raw):
-    """The physical value of an integer behind a straight line, without rounding; None of others."""
-    meta, kind = one.conversion.meta, one.conversion.kind
-    a, b, c, d, e, f = meta["ratFunc"] if kind == "ratFunc" else (0, 1, 0, 0, 0, 1)
-    slope, offset = meta["linear"] if kind == "linear" else (f, -c)
-    if not one.field.whole or kind not in ("linear", "ratFunc") or a or d or e or not b:
-        return None
-    return (raw * Fraction(repr(slope)) + Fraction(repr(offset))) / Fraction(repr(b))
-
-
 def deviates(one, raw):
     """Whether what is held is by more than half a displayed step not what was typed."""
     value = typed(one)
@@ -107,8 +97,6 @@ def deviates(one, raw):
     general = 10 ** (math.floor(math.log10(abs(value))) - 5) if value else 0
     step = general if decimals is None else 10 ** -decimals
     rounding = 0 if factor(one) else 1e-12 * abs(value)
-    if not factor(one) and on_line(one, raw) is not None:
-        after, value, step, rounding = on_line(one, raw), number(one.text, ""), Fraction(repr(float(step))), 0
     return abs(Fraction(after) - Fraction(value)) > Fraction(step) / 2 + Fraction(rounding)
 
 

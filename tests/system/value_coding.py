@@ -91,7 +91,7 @@ class Conversion:
         a, b, c, d, e, f = self.meta["ratFunc"] if self.kind == "ratFunc" else (0, 1, 0, 0, 0, 1)
         if self.kind == "linear":
             f, c = self.meta["linear"]
-        power = abs(math.frexp(b)[0]) == abs(math.frexp(f)[0]) == 0.5
+        power = b > 0 and f > 0 and math.frexp(b)[0] == math.frexp(f)[0] == 0.5
         return Fraction(f) / Fraction(b) if power and a == c == d == e == 0 and self.kind not in ("table", "formula") else None
 
     def calculated(self, key, x):
