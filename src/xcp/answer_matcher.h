@@ -7,21 +7,23 @@
 //     command waited for.
 //  2. ERR_CMD_SYNCH (FE 00) belongs to the oldest SYNCH that is still owed one, never to another command.
 //     What was sent before that SYNCH is settled: an answer that had not come by then is lost. A RES or ERR
-//     that counts settles the SYNCHs before it likewise.
+//     that counts settles the SYNCHs before it likewise, but for what a probe was answered with.
 //  3. A fence is closed when a SYNCH was answered after which no command had been sent: nothing can be under
 //     way but answers of SYNCHs. When one of its SYNCHs went out while an earlier one was still owed, it
 //     takes two answers: one FE 00 may have come twice, and each then seems to belong to the SYNCH after its
-//     own. After an answer that did not come in time the next command waits for a closed fence (clear()).
+//     own. So does a fence that confirms (beCertain()) when an answer was lost since the one before. After an
+//     answer that did not come in time the next command waits for a closed fence (clear()).
 //  4. An answer that no command is owed is left over. One before it came twice then, and since the last
 //     closed fence each command may have been given the answer of the command before. So nothing that was
 //     decided since counts (inStep()), unless every command since then was followed by just one copy of its
 //     own answer: that slave answers all twice.
 //  5. An answer shorter than its command's layout waits for a better one. It counts when none has come until
 //     the timeout; when one comes it is left over.
-//  6. While answers of earlier commands may come, CONNECT takes only what reads as a CONNECT answer, and one
-//     unlike the last connection's only the second time.
+//  6. While answers of earlier commands may come, CONNECT takes only what reads as a CONNECT answer; one
+//     unlike the last connection's, or a refusal, only the second time.
 // It cannot see an answer lost and another doubled between the same two fences, a doubled FE 00 beside
-// another doubled answer, or answers that overtake each other.
+// another doubled answer, a copy that comes more than t1 after what was before it, of a slave that stood
+// still besides, or answers that overtake each other.
 //
 // Threads: none of its own, one caller at a time. No clock, no lock, no packet sent: times are given.
 // Lifetime: owns all it holds.

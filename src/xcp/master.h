@@ -171,9 +171,9 @@ class Master final : public IPacketSink {
     Counter dtos_;  ///< written by the receive thread
 };
 
-/// What `step` returns (a Result), once confirm() has shown that all answers it got were its own; run again
-/// when they were not, three times in all. Further errors: confirm()'s, and protocolError "the ECU's answers
-/// do not fit the commands sent to it".
+/// One step of one thread at a time. What `step` returns (a Result), once confirm() has shown that all
+/// answers it got were its own; run again when they were not, three times in all. Further errors:
+/// confirm()'s, and protocolError "the ECU's answers do not fit the commands sent to it".
 template <typename Step>
 auto inStep(Master& master, const Step& step) -> decltype(step()) {
     constexpr int kMost = 3;
