@@ -59,7 +59,7 @@ std::string timeName(const std::vector<ExportGroup>& groups) {
                            [&name](const storage::SignalInfo* signal) { return signal->name == name; });
     };
     while (std::any_of(groups.begin(), groups.end(), isTaken))
-        name = "master_" + name;
+        name.insert(0, "master_");
     return name;
 }
 

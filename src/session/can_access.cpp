@@ -193,7 +193,7 @@ void CanAccess::reportState(hal::CanBusState state, std::int64_t timeNs) {
 
 /// The state, and what there is to be done about it.
 std::string CanAccess::stateText(hal::CanBusState state) const {
-    const std::string text(stateName(state));
+    std::string text(stateName(state));
     if (state == hal::CanBusState::errorPassive) return text + ": check bit rate, wiring and termination";
     if (state != hal::CanBusState::busOff) return text;
     if (link_ && !link_->isController()) return text;  // a report on a virtual interface
