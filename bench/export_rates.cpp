@@ -22,8 +22,8 @@
 #include "core/bytes.h"
 #include "exporter/deflater.h"
 #include "exporter/export_recording.h"
-#include "storage/recording_format.h"
-#include "storage/recording_meta.h"
+#include "storage/format/recording_format.h"
+#include "storage/format/recording_meta.h"
 
 namespace {
 
@@ -49,26 +49,26 @@ storage::RecordingInfo describe() {
     group.name = "1ms";
     group.recordSize = kRecordSize;
     group.cycleNs = kCycleNs;
-    const auto add = [&](const char* name, a2l::DataType type, std::uint32_t offset,
-                         a2l::Conversion::Kind kind) {
+    const auto add = [&](const char* name, value::DataType type, std::uint32_t offset,
+                         value::Conversion::Kind kind) {
         storage::SignalInfo signal;
         signal.name = name;
         signal.coding.dataType = type;
         signal.recordOffset = offset;
-        signal.conversion = a2l::Conversion(std::move(kind), "%8.3", "");
+        signal.conversion = value::Conversion(std::move(kind), "%8.3", "");
         group.signals.push_back(std::move(signal));
     };
-    a2l::Conversion::VerbalTable gears;
+    value::Conversion::VerbalTable gears;
     for (int gear = 0; gear < 7; ++gear)
         gears.ranges.push_back({double(gear), double(gear), "gear " + std::to_string(gear)});
-    add("speed", a2l::DataType::uword, 0, a2l::Conversion::Linear{0.25, 0});
-    add("temperature", a2l::DataType::sbyte, 2, a2l::Conversion::Linear{0.5, -40});
-    add("gear", a2l::DataType::ubyte, 3, gears);
-    add("wave", a2l::DataType::float32, 4, a2l::Conversion::Identical{});
-    add("count", a2l::DataType::ulong, 8, a2l::Conversion::Identical{});
-    add("pressure", a2l::DataType::sword, 12, a2l::Conversion::Linear{0.1, 1});
-    add("voltage", a2l::DataType::uword, 14, a2l::Conversion::Linear{0.001, 0});
-    add("position", a2l::DataType::float64, 16, a2l::Conversion::Identical{});
+    add("speed", value::DataType::uword, 0, value::Conversion::Linear{0.25, 0});
+    add("temperature", value::DataType::sbyte, 2, value::Conversion::Linear{0.5, -40});
+    add("gear", value::DataType::ubyte, 3, gears);
+    add("wave", value::DataType::float32, 4, value::Conversion::Identical{});
+    add("count", value::DataType::ulong, 8, value::Conversion::Identical{});
+    add("pressure", value::DataType::sword, 12, value::Conversion::Linear{0.1, 1});
+    add("voltage", value::DataType::uword, 14, value::Conversion::Linear{0.001, 0});
+    add("position", value::DataType::float64, 16, value::Conversion::Identical{});
     info.groups.push_back(std::move(group));
     return info;
 }

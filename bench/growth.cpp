@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "core/bytes.h"
-#include "storage/recording_writer.h"
+#include "storage/write/recording_writer.h"
 #include "xcp/daq_decoder.h"
 
 namespace {
@@ -66,9 +66,9 @@ storage::RecordingInfo describe(const xcp::DaqPlan& plan, std::size_t signalsPer
             group.signals.push_back({.name = "s" + std::to_string(i),
                                      .description = {},
                                      .displayName = {},
-                                     .coding = {a2l::DataType::ulong, ByteOrder::littleEndian, 0},
+                                     .coding = {value::DataType::ulong, ByteOrder::littleEndian, 0},
                                      .recordOffset = static_cast<std::uint32_t>(i * kSignalBytes),
-                                     .conversion = {a2l::Conversion::Linear{0.5, 1}, "", ""}});
+                                     .conversion = {value::Conversion::Linear{0.5, 1}, "", ""}});
         }
         info.groups.push_back(std::move(group));
     }

@@ -11,9 +11,9 @@
 
 #include <benchmark/benchmark.h>
 
-#include "a2l/formula.h"
 #include "core/bytes.h"
-#include "storage/pyramid.h"
+#include "storage/write/pyramid.h"
+#include "value/formula.h"
 
 namespace {
 
@@ -34,7 +34,8 @@ std::uint32_t next(std::uint32_t& random) {
 }
 
 /// 250 signals of one kind and 1,024 records of random values for them.
-Group makeGroup(const a2l::RawCoding& coding, const a2l::Conversion& conversion, std::uint32_t most = 65536) {
+Group makeGroup(const value::RawCoding& coding, const value::Conversion& conversion,
+                std::uint32_t most = 65536) {
     Group group;
     const std::size_t size = coding.size();
     for (std::size_t i = 0; i < kSignals; ++i) {
@@ -52,7 +53,7 @@ Group makeGroup(const a2l::RawCoding& coding, const a2l::Conversion& conversion,
         for (std::size_t i = 0; i < kSignals; ++i) {
             std::uint8_t* place = &group.records[at + kTimestamp + i * size];
             const std::uint32_t value = next(random) % most;
-            if (coding.dataType == a2l::DataType::float32) {
+            if (coding.dataType == value::DataType::float32) {
                 writeBytes(place, std::bit_cast<std::uint32_t>(static_cast<float>(value)), coding.byteOrder);
             } else {
                 writeSized(place, value, size, coding.byteOrder);
@@ -62,13 +63,13 @@ Group makeGroup(const a2l::RawCoding& coding, const a2l::Conversion& conversion,
     return group;
 }
 
-a2l::Conversion linear() {
-    return {a2l::Conversion::Linear{0.25, -40}, "%6.2", "degC"};
+value::Conversion linear() {
+    return {value::Conversion::Linear{0.25, -40}, "%6.2", "degC"};
 }
 
 /// `pairs` of inputs over the range of a UWORD, at even or at uneven distances.
-a2l::Conversion table(std::size_t pairs, bool interpolate, bool even, std::uint32_t random = 7) {
-    a2l::Conversion::NumericTable table{interpolate, {}, {}};
+value::Conversion table(std::size_t pairs, bool interpolate, bool even, std::uint32_t random = 7) {
+    value::Conversion::NumericTable table{interpolate, {}, {}};
     for (std::size_t i = 0; i < pairs; ++i) {
         const double place =
             even ? static_cast<double>(i) : static_cast<double>(i * i) / static_cast<double>(pairs);
@@ -85,18 +86,18 @@ Group withOwnTables(Group group, std::size_t pairs) {
     return group;
 }
 
-a2l::Conversion verbal() {
-    return {a2l::Conversion::VerbalTable{{{0, 0, "off"}, {1, 1, "on"}}, ""}, "", ""};
+value::Conversion verbal() {
+    return {value::Conversion::VerbalTable{{{0, 0, "off"}, {1, 1, "on"}}, ""}, "", ""};
 }
 
-a2l::Formula compiled(const char* text) {
-    auto formula = a2l::Formula::compile(text, {});
+value::Formula compiled(const char* text) {
+    auto formula = value::Formula::compile(text, {});
     if (!formula) std::abort();
     return std::move(formula).value();
 }
 
-a2l::Conversion formula(const char* text) {
-    return {a2l::Conversion::Formulas{compiled(text), {}}, "%6.2", ""};
+value::Conversion formula(const char* text) {
+    return {value::Conversion::Formulas{compiled(text), {}}, "%6.2", ""};
 }
 
 constexpr const char* kShort = "X*2+1";
@@ -174,14 +175,14 @@ void addFormula(const char* name, const char* text, double (*baseline)(double)) 
 }  // namespace
 
 int main(int argc, char** argv) {
-    using a2l::DataType;
+    using value::DataType;
     constexpr ByteOrder kLittle = ByteOrder::littleEndian;
-    const a2l::RawCoding word = {DataType::uword, kLittle, 0};
+    const value::RawCoding word = {DataType::uword, kLittle, 0};
     addPyramid("linear UWORD", makeGroup(word, linear()));
     addPyramid("linear UWORD Motorola", makeGroup({DataType::uword, ByteOrder::bigEndian, 0}, linear()));
     addPyramid("linear masked UWORD", makeGroup({DataType::uword, kLittle, 0x7F0}, linear()));
     addPyramid("linear masked SLONG", makeGroup({DataType::slong, kLittle, 0xFFF00}, linear()));
-    addPyramid("FLOAT32", makeGroup({DataType::float32, kLittle, 0}, a2l::Conversion()));
+    addPyramid("FLOAT32", makeGroup({DataType::float32, kLittle, 0}, value::Conversion()));
     addPyramid("linear FLOAT16", makeGroup({DataType::float16, kLittle, 0}, linear(), 31000));
     addPyramid("verbal UBYTE", makeGroup({DataType::ubyte, kLittle, 0}, verbal(), 2));
     for (const std::size_t pairs : {std::size_t{16}, std::size_t{64}, std::size_t{256}, std::size_t{1024}}) {
@@ -195,7 +196,7 @@ int main(int argc, char** argv) {
     addPyramid("even table 256 pairs", makeGroup(word, table(256, true, true)));
     addPyramid("formula X*2+1", makeGroup(word, formula(kShort)));
     addPyramid("rational function",
-               makeGroup(word, {a2l::Conversion::Rational{0, 4, 12, 0, 0, 1}, "%6.2", ""}));
+               makeGroup(word, {value::Conversion::Rational{0, 4, 12, 0, 0, 1}, "%6.2", ""}));
     addFormula("X*2+1", kShort, &shortCompiled);
     addFormula("20 operators", kLong, &longCompiled);
     benchmark::Initialize(&argc, argv);

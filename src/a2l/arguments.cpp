@@ -72,9 +72,9 @@ std::uint64_t readUnsigned(const Block& block, std::size_t index, std::string_vi
     return *value;
 }
 
-DataType readDataType(const Block& block, std::size_t index) {
+value::DataType readDataType(const Block& block, std::size_t index) {
     const std::string_view word = readIdentifier(block, index, "data type");
-    const auto type = dataTypeFromName(word);
+    const auto type = value::dataTypeFromName(word);
     if (!type) failUnknown("data type", word);
     return *type;
 }

@@ -12,9 +12,9 @@
 #include <string>
 #include <string_view>
 
-#include "a2l/data_type.h"
 #include "a2l/tokenizer.h"
 #include "core/bytes.h"
+#include "value/data_type.h"
 
 namespace lm::a2l {
 
@@ -42,7 +42,7 @@ T readCount(const Block& block, std::size_t index, std::string_view label) {
 }
 
 /// "unknown data type 'WORD'".
-DataType readDataType(const Block& block, std::size_t index);
+value::DataType readDataType(const Block& block, std::size_t index);
 
 /// MSB_FIRST, BIG_ENDIAN, MSB_LAST, LITTLE_ENDIAN. "unknown byte order 'WORD'".
 ByteOrder readByteOrder(const Block& block, std::size_t index);

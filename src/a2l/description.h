@@ -19,10 +19,10 @@
 #include <utility>
 #include <vector>
 
-#include "a2l/data_type.h"
 #include "a2l/xcp_interface.h"
 #include "core/bytes.h"
 #include "core/result.h"
+#include "value/data_type.h"
 
 namespace lm::a2l {
 
@@ -52,7 +52,7 @@ struct Measurement {
     std::uint32_t firstEvent = 0;    ///< where its events begin in the description's pool
     std::uint16_t eventCount = 0;
     std::uint8_t addressExtension = 0;
-    DataType dataType = DataType::ubyte;
+    value::DataType dataType = value::DataType::ubyte;
     std::optional<ByteOrder> byteOrder;
     bool hasAddress = false;  ///< also false for a VIRTUAL one at address 0
     bool isPointer = false;   ///< ADDRESS_TYPE: at the address lies that of the value
@@ -153,7 +153,7 @@ bool isPointerType(std::string_view addressType);
 struct RecordLayout {
     struct Entry {
         std::uint16_t position = 0;
-        DataType dataType = DataType::ubyte;
+        value::DataType dataType = value::DataType::ubyte;
         std::string_view indexMode;
         std::string_view addressType;
     };

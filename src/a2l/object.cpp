@@ -5,6 +5,7 @@
 #include <cmath>
 #include <utility>
 
+#include "a2l/conversion_builder.h"
 #include "core/text.h"
 
 namespace lm::a2l {
@@ -21,8 +22,8 @@ ObjectError objectError(std::string_view name, const std::string& what) {
 
 /// The mask and the shift that read and write like a BIT_OPERATION: (raw & mask), then its shift instead of
 /// the mask's own. Bits that it shifts out below are none of the value.
-void applyBitOperation(const BitField& bits, std::string_view name, RawCoding& coding) {
-    if (!bits.operation || isFloat(coding.dataType)) return;
+void applyBitOperation(const BitField& bits, std::string_view name, value::RawCoding& coding) {
+    if (!bits.operation || value::isFloat(coding.dataType)) return;
     constexpr int kAllBits = 64;
     const std::uint64_t whole = ~std::uint64_t{0} >> (64U - 8U * coding.size());
     const int right = int{bits.rightShift} - int{bits.leftShift};
@@ -34,13 +35,13 @@ void applyBitOperation(const BitField& bits, std::string_view name, RawCoding& c
         throw objectError(name, "BIT_OPERATION shifts the value beyond 64 bits");
     coding.bitMask = mask;
     coding.leftShift = static_cast<std::uint8_t>(left);
-    coding.signExtend = bits.signExtend && !isSigned(coding.dataType);
+    coding.signExtend = bits.signExtend && !value::isSigned(coding.dataType);
 }
 
 /// What measurements and characteristics have in common.
 template <typename Source>
-ResolvedObject resolveCommon(const Description& description, const Source& source, DataType type) {
-    Result<Conversion> conversion = Conversion::build(description, source.conversion);
+ResolvedObject resolveCommon(const Description& description, const Source& source, value::DataType type) {
+    Result<value::Conversion> conversion = buildConversion(description, source.conversion);
     if (!conversion) throw objectError(source.name, conversion.error().text());
     ResolvedObject object;
     object.name = source.name;
@@ -50,7 +51,7 @@ ResolvedObject resolveCommon(const Description& description, const Source& sourc
         source.byteOrder.value_or(description.byteOrder.value_or(ByteOrder::littleEndian));
     object.coding.dataType = type;
     object.coding.bitMask = source.bits.mask;
-    object.emptyMask = source.bits.emptyMask && !isFloat(type);
+    object.emptyMask = source.bits.emptyMask && !value::isFloat(type);
     applyBitOperation(source.bits, source.name, object.coding);
     object.conversion = std::move(conversion).value();
     if (!source.format.empty()) object.conversion.setFormat(std::string(source.format));
@@ -134,15 +135,15 @@ Result<void> encodePhysical(const ResolvedObject& object, long double physical,
     if (auto checked = checkLimits(object, physical); !checked) return checked;
     if (object.keepsIntegers()) {
         const long double raw = std::ldexp(physical, -*object.conversion.binaryExponent());
-        if (auto encoded = encodeRaw(raw, object.coding, buffer); !encoded)
+        if (auto encoded = value::encodeRaw(raw, object.coding, buffer); !encoded)
             return withName(object, encoded.error());
         return {};
     }
     const Result<double> raw = object.conversion.toRaw(static_cast<double>(physical));
     if (!raw) return withName(object, raw.error());
     // Beyond its type's range a float would silently become infinite, and an inverse formula may yield NaN.
-    Result<void> encoded = requireFinite(raw.value(), object.coding.dataType);
-    if (encoded) encoded = encodeRaw(raw.value(), object.coding, buffer);
+    Result<void> encoded = value::requireFinite(raw.value(), object.coding.dataType);
+    if (encoded) encoded = value::encodeRaw(raw.value(), object.coding, buffer);
     if (!encoded) return withName(object, encoded.error());
     return encoded;
 }

@@ -13,11 +13,11 @@
 #include <string_view>
 #include <vector>
 
-#include "a2l/conversion.h"
 #include "a2l/description.h"
-#include "a2l/raw_value.h"
+#include "core/ecu_address.h"
 #include "core/result.h"
-#include "xcp/address.h"
+#include "value/conversion.h"
+#include "value/raw_value.h"
 
 namespace lm::a2l {
 
@@ -35,8 +35,8 @@ struct ResolvedObject {
     std::string displayName;  ///< DISPLAY_IDENTIFIER, may be empty
     ObjectKind kind = ObjectKind::measurement;
     xcp::Address address;
-    RawCoding coding;
-    Conversion conversion;  ///< with the object's own format and unit
+    value::RawCoding coding;
+    value::Conversion conversion;  ///< with the object's own format and unit
     double lowerLimit = 0;
     double upperLimit = 0;
     bool writable = false;              ///< characteristic: not READ_ONLY; measurement: READ_WRITE
@@ -46,7 +46,8 @@ struct ResolvedObject {
     std::size_t size() const { return coding.size(); }
     /// Integers of 64 bits keep all of them between text and bytes; a double holds all other values.
     bool keepsIntegers() const {
-        return size() == sizeof(std::uint64_t) && !isFloat(coding.dataType) && conversion.binaryExponent();
+        return size() == sizeof(std::uint64_t) && !value::isFloat(coding.dataType) &&
+               conversion.binaryExponent();
     }
 };
 

@@ -14,7 +14,7 @@
 #include "cli/stop_signal.h"
 #include "core/text.h"
 #include "exporter/export_recording.h"
-#include "storage/recording_reader.h"
+#include "storage/read/recording_reader.h"
 
 namespace lm::cli {
 namespace {

@@ -90,7 +90,7 @@ std::size_t printObjects(const a2l::Description& description, const Options& opt
     if (options.onlyMeasurements || !options.onlyParameters) {
         for (const a2l::Measurement& object : description.measurements) {
             if (!filter.matches(object.name)) continue;
-            appendLine(output, "M  ", object.name, a2l::dataTypeName(object.dataType),
+            appendLine(output, "M  ", object.name, value::dataTypeName(object.dataType),
                        units.of(object.conversion), object.hasAddress ? object.ecuAddress : 0,
                        object.readWrite ? "  rw\n" : "\n");
             ++count;

@@ -183,7 +183,8 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
 }
 
 int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop) {
-    const auto style = session.config().display.exact ? a2l::NumberStyle::exact : a2l::NumberStyle::formatted;
+    const auto style =
+        session.config().display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
     if (auto printing = console.startPrinting(options.printEvery, style); !printing) {
         printError("measure", printing.error());
         return 1;

@@ -9,9 +9,9 @@
 #include "cli/recording_overview.h"
 #include "cli/recording_plot.h"
 #include "cli/stop_signal.h"
-#include "storage/recording_check.h"
-#include "storage/recording_reader.h"
-#include "storage/recording_repair.h"
+#include "storage/care/recording_check.h"
+#include "storage/care/recording_repair.h"
+#include "storage/read/recording_reader.h"
 
 namespace lm::cli {
 namespace {
@@ -76,7 +76,7 @@ int runRepair(const std::string& directory, Output& output) {
     return left.value().empty() ? 0 : 1;
 }
 
-int runInfo(const std::string& directory, a2l::NumberStyle style, Output& output) {
+int runInfo(const std::string& directory, value::NumberStyle style, Output& output) {
     auto recording = storage::RecordingReader::open(directory);
     if (!recording) return fail(recording.error());
     return printOverview(recording.value(), style, output);
@@ -90,7 +90,7 @@ int runShow(const RecordingOptions& options, Output& output) {
 
 }  // namespace
 
-int runRecording(const RecordingOptions& options, a2l::NumberStyle style, Output& output) {
+int runRecording(const RecordingOptions& options, value::NumberStyle style, Output& output) {
     switch (options.action) {
         case RecordingAction::check:
             return runCheck(options.directory, output);

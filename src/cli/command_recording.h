@@ -4,14 +4,14 @@
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
 
-#include "a2l/value_text.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "value/value_text.h"
 
 namespace lm::cli {
 
 /// Returns the exit code: 0; 1 for an error, for damage found by `check`, for damage that `repair` could not
 /// mend. `style` is that of `info`.
-int runRecording(const RecordingOptions& options, a2l::NumberStyle style, Output& output);
+int runRecording(const RecordingOptions& options, value::NumberStyle style, Output& output);
 
 }  // namespace lm::cli

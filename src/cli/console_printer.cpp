@@ -26,10 +26,10 @@ std::size_t pieceLength(std::string_view text) {
 }
 
 /// With verbal texts that do not steer the terminal.
-a2l::Conversion printable(const a2l::Conversion& conversion) {
-    const auto* verbal = std::get_if<a2l::Conversion::VerbalTable>(&conversion.kind());
+value::Conversion printable(const value::Conversion& conversion) {
+    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&conversion.kind());
     if (verbal == nullptr) return conversion;
-    a2l::Conversion::VerbalTable table = *verbal;
+    value::Conversion::VerbalTable table = *verbal;
     table.defaultText = xcp::printableText(table.defaultText);
     for (auto& range : table.ranges)
         range.text = xcp::printableText(range.text);
@@ -52,7 +52,7 @@ Console::~Console() {
     ::close(wakeUp_);
 }
 
-Result<void> Console::startPrinting(std::uint32_t interval, a2l::NumberStyle style) {
+Result<void> Console::startPrinting(std::uint32_t interval, value::NumberStyle style) {
     interval_ = interval;
     style_ = style;
     if (interval_ == 0) return {};
@@ -168,7 +168,8 @@ void Console::appendLine(std::string& text, const QueuedHeader& header, const st
     for (const Column& column : lists_[header.listIndex].columns) {
         text += column.label;
         const bool inside = column.offset + column.coding.size() <= header.size;
-        text += inside ? a2l::valueText(data + column.offset, column.coding, column.conversion, style_) : "?";
+        text +=
+            inside ? value::valueText(data + column.offset, column.coding, column.conversion, style_) : "?";
         text += column.suffix;
     }
     text += '\n';

@@ -21,12 +21,12 @@
 #include <thread>
 #include <vector>
 
-#include "a2l/conversion.h"
-#include "a2l/raw_value.h"
-#include "a2l/value_text.h"
 #include "cli/nonblocking_output.h"
 #include "session/measurement_types.h"
 #include "session/session_state.h"
+#include "value/conversion.h"
+#include "value/raw_value.h"
+#include "value/value_text.h"
 #include "xcp/daq_decoder.h"
 
 namespace lm::cli {
@@ -43,7 +43,8 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
 
     /// Print the first and then every n-th record of each list; 0: none. Error: "cannot start the printer:
     /// REASON".
-    Result<void> startPrinting(std::uint32_t interval, a2l::NumberStyle style = a2l::NumberStyle::formatted);
+    Result<void> startPrinting(std::uint32_t interval,
+                               value::NumberStyle style = value::NumberStyle::formatted);
 
     /// Takes over how the records of the plan are printed.
     void setPlan(const session::MeasurementPlan& plan);
@@ -67,8 +68,8 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     struct Column {
         std::string label;  ///< "  NAME="
         std::size_t offset = 0;
-        a2l::RawCoding coding;
-        a2l::Conversion conversion;
+        value::RawCoding coding;
+        value::Conversion conversion;
         std::string suffix;  ///< " UNIT" or empty
     };
     struct List {
@@ -93,7 +94,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     const int descriptor_;
     const int wakeUp_;  ///< eventfd: a deadline has been set
     std::uint32_t interval_ = 0;
-    a2l::NumberStyle style_ = a2l::NumberStyle::formatted;
+    value::NumberStyle style_ = value::NumberStyle::formatted;
     std::vector<List> lists_;
 
     std::thread printer_;

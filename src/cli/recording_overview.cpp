@@ -13,13 +13,13 @@
 
 #include <spdlog/fmt/fmt.h>
 
-#include "a2l/conversion.h"
 #include "cli/stop_signal.h"
 #include "core/text.h"
-#include "storage/gap_finder.h"
-#include "storage/pyramid_reader.h"
-#include "storage/recording_events.h"
-#include "storage/signal_selection.h"
+#include "storage/format/recording_events.h"
+#include "storage/read/gap_finder.h"
+#include "storage/read/pyramid_reader.h"
+#include "storage/read/signal_selection.h"
+#include "value/conversion.h"
 #include "xcp/text_lines.h"
 
 namespace lm::cli {
@@ -151,7 +151,7 @@ Result<std::vector<ExtremeTexts>> extremesFromRecords(const GroupReader& group) 
         for (std::size_t i = 0; i < signals.size(); ++i) {
             for (std::size_t n = 0; n < batch.value().count; ++n) {
                 const std::uint8_t* bytes = batch.value().data(n) + signals[i].recordOffset;
-                const long double raw = a2l::decodeExact(bytes, signals[i].coding);
+                const long double raw = value::decodeExact(bytes, signals[i].coding);
                 extremes[i].add({raw, signals[i].conversion.toPhysicalExact(raw)});
             }
         }
@@ -160,7 +160,7 @@ Result<std::vector<ExtremeTexts>> extremesFromRecords(const GroupReader& group) 
     for (std::size_t i = 0; i < signals.size(); ++i) {
         const auto text = [&signal = signals[i]](const Sample& sample) {
             return xcp::printableText(
-                a2l::valueText(sample.raw, signal.coding, signal.conversion, a2l::NumberStyle::exact));
+                value::valueText(sample.raw, signal.coding, signal.conversion, value::NumberStyle::exact));
         };
         if (extremes[i].least) texts[i].emplace(text(*extremes[i].least), text(*extremes[i].greatest));
     }
@@ -168,17 +168,17 @@ Result<std::vector<ExtremeTexts>> extremesFromRecords(const GroupReader& group) 
 }
 
 Result<void> printSignals(const GroupReader& group, const std::filesystem::path& directory,
-                          a2l::NumberStyle style, Output& output) {
+                          value::NumberStyle style, Output& output) {
     const std::vector<SignalInfo>& signals = group.info().signals;
-    auto extremes =
-        style == a2l::NumberStyle::exact ? extremesFromRecords(group) : extremesFromLevels(group, directory);
+    auto extremes = style == value::NumberStyle::exact ? extremesFromRecords(group)
+                                                       : extremesFromLevels(group, directory);
     if (!extremes) return extremes.error();
     for (std::size_t i = 0; i < signals.size(); ++i) {
         const ExtremeTexts& texts = extremes.value()[i];
         output.append("  ");
         output.appendPadded(signals[i].name, 40);
         output.append(' ');
-        output.appendPadded(a2l::dataTypeName(signals[i].coding.dataType), 13);
+        output.appendPadded(value::dataTypeName(signals[i].coding.dataType), 13);
         if (!texts) {
             output.append(" no value");
         } else {
@@ -247,7 +247,7 @@ void printClocks(const storage::RecordingEvents& events, const RecordingInfo& in
 }
 
 Result<void> printGroup(const GroupReader& group, const Span& span, const storage::RecordingReader& recording,
-                        a2l::NumberStyle style, Output& output) {
+                        value::NumberStyle style, Output& output) {
     const std::int64_t cycle = group.info().cycleNs;
     output.append(fmt::format("group {:<8} {}, {}\n", group.number(), xcp::printableText(group.info().name),
                               cycleText(cycle)));
@@ -303,10 +303,11 @@ std::string physicalText(double value, const SignalInfo& signal) {
     if (signal.conversion.isVerbal()) {
         if (const auto text = signal.conversion.verbalText(value)) return xcp::printableText(*text);
     }
-    return a2l::Conversion(a2l::Conversion::Identical{}, signal.conversion.formatText(), "").format(value);
+    return value::Conversion(value::Conversion::Identical{}, signal.conversion.formatText(), "")
+        .format(value);
 }
 
-int printOverview(const storage::RecordingReader& recording, a2l::NumberStyle style, Output& output) {
+int printOverview(const storage::RecordingReader& recording, value::NumberStyle style, Output& output) {
     int exitCode = 0;
     std::vector<OpenedGroup> groups;
     Span whole;

@@ -7,10 +7,10 @@
 
 #include <string>
 
-#include "a2l/value_text.h"
 #include "cli/output.h"
-#include "storage/recording_events.h"
-#include "storage/recording_reader.h"
+#include "storage/format/recording_events.h"
+#include "storage/read/recording_reader.h"
+#include "value/value_text.h"
 
 namespace lm::cli {
 
@@ -24,6 +24,6 @@ std::string outageText(const storage::Outage& outage, const storage::RecordingIn
 /// Prints the overview. With exact numbers the extremes come from the records, all of which are read: the
 /// summary levels round. Returns the exit code: 1 when a group cannot be read, with the reason on standard
 /// error; the other groups are printed all the same.
-int printOverview(const storage::RecordingReader& recording, a2l::NumberStyle style, Output& output);
+int printOverview(const storage::RecordingReader& recording, value::NumberStyle style, Output& output);
 
 }  // namespace lm::cli

@@ -15,10 +15,10 @@
 #include "cli/recording_overview.h"
 #include "cli/stop_signal.h"
 #include "core/text.h"
-#include "storage/gap_finder.h"
-#include "storage/pyramid_reader.h"
-#include "storage/recording_events.h"
-#include "storage/signal_selection.h"
+#include "storage/format/recording_events.h"
+#include "storage/read/gap_finder.h"
+#include "storage/read/pyramid_reader.h"
+#include "storage/read/signal_selection.h"
 #include "xcp/text_lines.h"
 
 namespace lm::cli {

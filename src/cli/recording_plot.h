@@ -6,7 +6,7 @@
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/terminal_plot.h"
-#include "storage/recording_reader.h"
+#include "storage/read/recording_reader.h"
 
 namespace lm::cli {
 

@@ -126,14 +126,14 @@ int runSession(const Options& options, session::SessionConfig config, Output& ou
 }
 
 /// How `recording info` shows numbers: of a configuration that is given, this alone counts.
-Result<a2l::NumberStyle> recordingStyle(const Options& options) {
+Result<value::NumberStyle> recordingStyle(const Options& options) {
     bool exact = options.exact;
     if (options.configFile && options.recording.action == RecordingAction::info) {
         auto config = session::loadSessionConfig(*options.configFile, stopDescriptor());
         if (!config) return config.error();
         exact = exact || config.value().display.exact;
     }
-    return exact ? a2l::NumberStyle::exact : a2l::NumberStyle::formatted;
+    return exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
 }
 
 int runRecordingCommand(const Options& options, Output& output) {

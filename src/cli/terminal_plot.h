@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "storage/signal_decoder.h"
+#include "storage/format/signal_decoder.h"
 
 namespace lm::cli {
 

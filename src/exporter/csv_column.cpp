@@ -4,9 +4,9 @@
 #include <bit>
 #include <charconv>
 
-#include "a2l/value_text.h"
 #include "exporter/number_text.h"
 #include "exporter/raw_integer.h"
+#include "value/value_text.h"
 
 namespace lm::exporter {
 
@@ -26,7 +26,7 @@ void appendField(std::string& line, std::string_view field) {
 namespace {
 
 bool isWide(const storage::SignalInfo& signal) {
-    return signal.coding.size() == sizeof(std::uint64_t) && !a2l::isFloat(signal.coding.dataType) &&
+    return signal.coding.size() == sizeof(std::uint64_t) && !value::isFloat(signal.coding.dataType) &&
            signal.conversion.binaryExponent();
 }
 
@@ -38,10 +38,10 @@ CsvColumn::CsvColumn(const storage::SignalInfo& signal, const ExportOptions& opt
       raw_(options.raw),
       form_(formOf(signal, options)),
       wide_(isWide(signal)),
-      decode_(a2l::rawDecoder(signal.coding)) {}
+      decode_(value::rawDecoder(signal.coding)) {}
 
 CsvColumn::Form CsvColumn::formOf(const storage::SignalInfo& signal, const ExportOptions& options) {
-    if (options.raw) return a2l::isFloat(signal.coding.dataType) ? Form::number : Form::rawInteger;
+    if (options.raw) return value::isFloat(signal.coding.dataType) ? Form::number : Form::rawInteger;
     if (options.a2lFormat) return Form::formatted;
     if (signal.conversion.isVerbal()) return Form::verbal;
     return isWide(signal) && *signal.conversion.binaryExponent() == 0 ? Form::rawInteger : Form::number;
@@ -75,18 +75,18 @@ void CsvColumn::makeCell(std::uint64_t bits) {
 void CsvColumn::setInteger(std::uint64_t bits) {
     std::array<char, kNumberWidth> text{};
     char* end = text.data() + text.size();
-    end = a2l::isSigned(signal_->coding.dataType)
+    end = value::isSigned(signal_->coding.dataType)
               ? std::to_chars(text.data(), end, static_cast<std::int64_t>(bits)).ptr
               : std::to_chars(text.data(), end, bits).ptr;
     cell_.append(text.data(), end);
 }
 
 void CsvColumn::setWide(std::uint64_t bits) {
-    const long double raw = a2l::isSigned(signal_->coding.dataType)
+    const long double raw = value::isSigned(signal_->coding.dataType)
                                 ? static_cast<long double>(static_cast<std::int64_t>(bits))
                                 : static_cast<long double>(bits);
-    const auto style = form_ == Form::formatted ? a2l::NumberStyle::formatted : a2l::NumberStyle::exact;
-    appendField(cell_, a2l::valueText(raw, signal_->coding, signal_->conversion, style));
+    const auto style = form_ == Form::formatted ? value::NumberStyle::formatted : value::NumberStyle::exact;
+    appendField(cell_, value::valueText(raw, signal_->coding, signal_->conversion, style));
 }
 
 void CsvColumn::setNumber(double value) {

@@ -41,7 +41,7 @@ class CsvColumn {
     bool raw_;
     Form form_;
     bool wide_;  ///< an integer of 64 bits that the conversion keeps: told by its bits, not by a double
-    a2l::RawDecodeFunction decode_;
+    value::RawDecodeFunction decode_;
     std::uint64_t lastBits_ = 0;
     std::string cell_;
 };

@@ -8,7 +8,7 @@
 
 #include "core/result.h"
 #include "exporter/export_plan.h"
-#include "storage/recording_events.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::exporter {
 

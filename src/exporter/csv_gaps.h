@@ -8,7 +8,7 @@
 
 #include "exporter/export_plan.h"
 #include "exporter/gap_search.h"
-#include "storage/recording_events.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::exporter {
 

@@ -4,7 +4,7 @@
 #include <charconv>
 
 #include "exporter/number_text.h"
-#include "storage/signal_selection.h"
+#include "storage/read/signal_selection.h"
 
 namespace lm::exporter {
 

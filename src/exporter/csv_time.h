@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "storage/recording_info.h"
+#include "storage/format/recording_info.h"
 
 namespace lm::exporter {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "storage/signal_selection.h"
+#include "storage/read/signal_selection.h"
 
 namespace lm::exporter {
 Result<storage::TimeRange> exportedTimes(const storage::RecordingInfo& info, const ExportOptions& options) {

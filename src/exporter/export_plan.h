@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "core/result.h"
-#include "storage/group_reader.h"
-#include "storage/recording_reader.h"
+#include "storage/read/group_reader.h"
+#include "storage/read/recording_reader.h"
 
 namespace lm::exporter {
 

@@ -6,7 +6,7 @@
 
 #include "exporter/csv_export.h"
 #include "exporter/mf4_export.h"
-#include "storage/recording_events.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::exporter {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "storage/gap_finder.h"
+#include "storage/read/gap_finder.h"
 
 namespace lm::exporter {
 

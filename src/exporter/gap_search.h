@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "storage/group_reader.h"
+#include "storage/read/group_reader.h"
 
 namespace lm::exporter {
 

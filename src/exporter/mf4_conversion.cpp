@@ -16,7 +16,7 @@
 namespace lm::exporter {
 namespace {
 
-using a2l::Conversion;
+using value::Conversion;
 using VerbalRange = Conversion::VerbalTable::Range;
 
 constexpr std::uint8_t kLinear = 1;
@@ -140,7 +140,7 @@ std::vector<Span> disjoint(const std::vector<VerbalRange>& ranges, bool isFloatS
 }
 
 /// What the raw values can reach of the ranges: readers make raw values of the bounds, and some overflow.
-std::vector<VerbalRange> clamped(std::vector<VerbalRange> ranges, const a2l::RawCoding& coding) {
+std::vector<VerbalRange> clamped(std::vector<VerbalRange> ranges, const value::RawCoding& coding) {
     const auto [lowest, highest] = integerBounds(coding);
     for (VerbalRange& range : ranges) {
         range.lower = std::max(range.lower, lowest);  // beyond the highest: an empty range
@@ -149,8 +149,8 @@ std::vector<VerbalRange> clamped(std::vector<VerbalRange> ranges, const a2l::Raw
     return ranges;
 }
 
-Mf4Conversion express(const Conversion::VerbalTable& table, const a2l::RawCoding& coding) {
-    const bool isFloatSignal = a2l::isFloat(coding.dataType);
+Mf4Conversion express(const Conversion::VerbalTable& table, const value::RawCoding& coding) {
+    const bool isFloatSignal = value::isFloat(coding.dataType);
     const auto reachable = isFloatSignal ? table.ranges : clamped(table.ranges, coding);
     std::vector<Span> spans = disjoint(reachable, isFloatSignal);
     if (spans.empty() && table.defaultText.empty()) return {};
@@ -175,11 +175,12 @@ Mf4Conversion express(const Conversion::VerbalTable& table, const a2l::RawCoding
 }
 
 /// Whether the line and the formula differ by rounding alone, at raw values across the whole range.
-bool agree(const a2l::Formula& formula, const a2l::Formula::Linear& line, const a2l::RawCoding& coding) {
+bool agree(const value::Formula& formula, const value::Formula::Linear& line,
+           const value::RawCoding& coding) {
     constexpr double kFew = 4 * std::numeric_limits<double>::epsilon();
     constexpr int kSteps = 64;
     const auto [lowest, highest] =
-        a2l::isFloat(coding.dataType) ? std::pair(-1e6, 1e6) : integerBounds(coding);
+        value::isFloat(coding.dataType) ? std::pair(-1e6, 1e6) : integerBounds(coding);
     for (int i = 0; i <= 2 * kSteps; ++i) {
         const double across = lowest + (highest - lowest) * i / (2 * kSteps);
         for (const double x : {std::floor(across), double(i - kSteps)}) {
@@ -190,14 +191,14 @@ bool agree(const a2l::Formula& formula, const a2l::Formula::Linear& line, const 
     return true;
 }
 
-Mf4Conversion express(const Conversion::Formulas& formulas, const a2l::RawCoding& coding) {
+Mf4Conversion express(const Conversion::Formulas& formulas, const value::RawCoding& coding) {
     const auto line = formulas.forward.asLinear();
     if (line && agree(formulas.forward, *line, coding)) return {kLinear, {line->b, line->a}, {}, {}};
     return impossible("formula " + formulas.forward.text());
 }
 
 Mf4Conversion expressAny(const storage::SignalInfo& signal) {
-    const bool isFloatSignal = a2l::isFloat(signal.coding.dataType);
+    const bool isFloatSignal = value::isFloat(signal.coding.dataType);
     const Conversion::Kind& kind = signal.conversion.kind();
     if (const auto* linear = std::get_if<Conversion::Linear>(&kind)) {
         return {kLinear, {linear->b, linear->a}, {}, {}};

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "exporter/mf4_blocks.h"
-#include "storage/recording_info.h"
+#include "storage/format/recording_info.h"
 
 namespace lm::exporter {
 

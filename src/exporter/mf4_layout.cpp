@@ -18,18 +18,18 @@ constexpr std::uint8_t kSigned = 2;
 constexpr std::uint8_t kFloat = 4;
 constexpr std::uint8_t kBigEndian = 1;  ///< added to the little-endian types
 
-std::uint8_t integerType(a2l::DataType type) {
-    return a2l::isSigned(type) ? kSigned : kUnsigned;
+std::uint8_t integerType(value::DataType type) {
+    return value::isSigned(type) ? kSigned : kUnsigned;
 }
 
 }  // namespace
 
 Mf4Layout::Form Mf4Layout::formOf(const Mf4Channel& channel) {
     if (!channel.conversion.obstacle.empty()) return Form::physical;
-    const a2l::RawCoding& coding = channel.signal->coding;
+    const value::RawCoding& coding = channel.signal->coding;
     // MDF 4.10 has no float of 2 bytes.
-    if (coding.dataType == a2l::DataType::float16) return Form::single;
-    if (a2l::isFloat(coding.dataType)) return Form::copied;
+    if (coding.dataType == value::DataType::float16) return Form::single;
+    if (value::isFloat(coding.dataType)) return Form::copied;
     const std::uint64_t bits = valueBits(coding);
     const std::uint64_t field = bits == 0 ? 0 : bits >> static_cast<unsigned>(std::countr_zero(bits));
     const bool oneRun = field != 0 && (field & (field + 1)) == 0;
@@ -38,7 +38,7 @@ Mf4Layout::Form Mf4Layout::formOf(const Mf4Channel& channel) {
 
 /// Type and bits of a channel; its byte offset is that of the element on entry, of its bits on return.
 void Mf4Layout::describe(Mf4Channel& channel, Form form) const {
-    const a2l::RawCoding& coding = channel.signal->coding;
+    const value::RawCoding& coding = channel.signal->coding;
     if (form == Form::physical || form == Form::single) {
         channel.dataType = kFloat;
         channel.bitCount = form == Form::physical ? 64 : 32;
@@ -51,10 +51,10 @@ void Mf4Layout::describe(Mf4Channel& channel, Form form) const {
         return;
     }
     const bool isBig = coding.byteOrder == ByteOrder::bigEndian;
-    const std::uint8_t kind = a2l::isFloat(coding.dataType) ? kFloat : integerType(coding.dataType);
+    const std::uint8_t kind = value::isFloat(coding.dataType) ? kFloat : integerType(coding.dataType);
     channel.dataType = static_cast<std::uint8_t>(kind + (isBig ? kBigEndian : 0));
     channel.bitCount = 8 * size;
-    if (a2l::isFloat(coding.dataType)) return;
+    if (value::isFloat(coding.dataType)) return;
     const std::uint64_t bits = valueBits(coding);
     const auto lowest = static_cast<std::uint32_t>(std::countr_zero(bits));
     const auto highest = static_cast<std::uint32_t>(std::bit_width(bits)) - 1;
@@ -129,7 +129,7 @@ void Mf4Layout::pack(const std::uint8_t* stored, std::uint8_t* to) const {
                 std::memcpy(place, from, field.size);
                 break;
             case Form::single: {
-                const auto value = static_cast<float>(a2l::decodeRaw(from, field.signal->coding));
+                const auto value = static_cast<float>(value::decodeRaw(from, field.signal->coding));
                 writeLittle(place, std::bit_cast<std::uint32_t>(value));
                 break;
             }
@@ -138,7 +138,7 @@ void Mf4Layout::pack(const std::uint8_t* stored, std::uint8_t* to) const {
                            ByteOrder::littleEndian);
                 break;
             case Form::physical: {
-                const double raw = a2l::decodeRaw(from, field.signal->coding);
+                const double raw = value::decodeRaw(from, field.signal->coding);
                 const double value = field.signal->conversion.toPhysical(raw);
                 writeLittle(place, std::bit_cast<std::uint64_t>(value));
                 break;

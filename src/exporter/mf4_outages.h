@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "exporter/mf4_metadata.h"
-#include "storage/recording_events.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::exporter {
 

@@ -7,34 +7,34 @@
 #include <cstdint>
 #include <utility>
 
-#include "a2l/raw_value.h"
 #include "core/bytes.h"
+#include "value/raw_value.h"
 
 namespace lm::exporter {
 
 /// The bits of an integer type that belong to the value.
-inline std::uint64_t valueBits(const a2l::RawCoding& coding) {
+inline std::uint64_t valueBits(const value::RawCoding& coding) {
     const std::uint64_t whole = ~std::uint64_t{0} >> (64U - 8U * coding.size());
     return coding.bitMask == 0 ? whole : coding.bitMask & whole;
 }
 
-/// The value of an integer type behind its mask, in two's complement of 64 bits; see a2l::decodeRaw().
-inline std::uint64_t readInteger(const std::uint8_t* bytes, const a2l::RawCoding& coding) {
+/// The value of an integer type behind its mask, in two's complement of 64 bits; see value::decodeRaw().
+inline std::uint64_t readInteger(const std::uint8_t* bytes, const value::RawCoding& coding) {
     const std::uint64_t bits = valueBits(coding);
     if (bits == 0) return 0;
     const auto shift = static_cast<unsigned>(std::countr_zero(bits));
     const std::uint64_t field = (readSized(bytes, coding.size(), coding.byteOrder) & bits) >> shift;
-    if (!a2l::isSigned(coding.dataType)) return field;
+    if (!value::isSigned(coding.dataType)) return field;
     const std::uint64_t sign = std::bit_floor(bits) >> shift;
     return (field ^ sign) - sign;
 }
 
 /// The least and the greatest value of an integer type behind its mask, as the nearest doubles.
-inline std::pair<double, double> integerBounds(const a2l::RawCoding& coding) {
+inline std::pair<double, double> integerBounds(const value::RawCoding& coding) {
     const std::uint64_t bits = valueBits(coding);
     if (bits == 0) return {0, 0};
     const auto shift = static_cast<unsigned>(std::countr_zero(bits));
-    if (!a2l::isSigned(coding.dataType)) return {0, static_cast<double>(bits >> shift)};
+    if (!value::isSigned(coding.dataType)) return {0, static_cast<double>(bits >> shift)};
     const std::uint64_t sign = std::bit_floor(bits) >> shift;
     return {-static_cast<double>(sign), static_cast<double>(sign - 1)};
 }

@@ -21,7 +21,7 @@
 #include "session/session_state.h"
 #include "session/supervisor.h"
 #include "session/transport_choice.h"
-#include "storage/recording_writer.h"
+#include "storage/write/recording_writer.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/master.h"
 

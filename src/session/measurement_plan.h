@@ -12,7 +12,7 @@
 #include "session/bus_load.h"
 #include "session/measurement_types.h"
 #include "session/session_config.h"
-#include "storage/recording_info.h"
+#include "storage/format/recording_info.h"
 #include "xcp/daq_plan.h"
 #include "xcp/packet.h"
 

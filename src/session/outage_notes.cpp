@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "storage/recording_events.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::session {
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "session/session_state.h"
-#include "storage/recording_writer.h"
+#include "storage/write/recording_writer.h"
 
 namespace lm::session {
 

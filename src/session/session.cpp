@@ -144,9 +144,9 @@ Result<SessionValue> Session::readObject(const a2l::ResolvedObject& object) {
     const auto bytes = master_->upload(object.address, object.size());
     if (!bytes.ok()) return bytes.error();
     SessionValue value;
-    value.raw = a2l::decodeRaw(bytes.value().data(), object.coding);
+    value.raw = value::decodeRaw(bytes.value().data(), object.coding);
     value.physical = object.conversion.toPhysical(value.raw);
-    value.text = a2l::valueText(bytes.value().data(), object.coding, object.conversion, numberStyle());
+    value.text = value::valueText(bytes.value().data(), object.coding, object.conversion, numberStyle());
     return value;
 }
 
@@ -173,8 +173,8 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, bool a
     return outcome;
 }
 
-a2l::NumberStyle Session::numberStyle() const {
-    return config_.display.exact ? a2l::NumberStyle::exact : a2l::NumberStyle::formatted;
+value::NumberStyle Session::numberStyle() const {
+    return config_.display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
 }
 
 /// The object's bytes in the ECU with the value merged into them.

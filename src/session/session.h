@@ -18,13 +18,14 @@
 
 #include "a2l/description.h"
 #include "a2l/object.h"
-#include "a2l/value_text.h"
+#include "a2l/typed_text.h"
 #include "core/result.h"
 #include "session/console_log.h"
 #include "session/measurement_types.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
 #include "session/transport_choice.h"
+#include "value/value_text.h"
 #include "xcp/master.h"
 
 namespace lm::session {
@@ -141,7 +142,7 @@ class Session final : private xcp::IMasterListener {
     void changeState(SessionState state, const std::string& message);
     Result<a2l::ResolvedObject> resolve(std::string_view name) const;
     Result<SessionValue> readObject(const a2l::ResolvedObject& object);
-    a2l::NumberStyle numberStyle() const;
+    value::NumberStyle numberStyle() const;
     Result<EncodedText> bytesToWrite(const a2l::ResolvedObject& object, std::string_view text,
                                      bool allowMeasurements);
     Result<SessionValue> writeBytes(const a2l::ResolvedObject& object,

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "core/ecu_address.h"
 #include "core/result.h"
-#include "xcp/address.h"
 
 namespace lm::xcp {
 

@@ -13,8 +13,8 @@
 #include <string_view>
 
 #include "core/bytes.h"
+#include "core/ecu_address.h"
 #include "core/result.h"
-#include "xcp/address.h"
 
 namespace lm::xcp {
 

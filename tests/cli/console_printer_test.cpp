@@ -47,10 +47,10 @@ class Pipe {
 };
 
 session::PlannedSignal signal(const char* name, std::size_t list, std::uint32_t offset,
-                              a2l::Conversion conversion) {
+                              value::Conversion conversion) {
     session::PlannedSignal planned;
     planned.object.name = name;
-    planned.object.coding.dataType = a2l::DataType::uword;
+    planned.object.coding.dataType = value::DataType::uword;
     planned.object.conversion = std::move(conversion);
     planned.listIndex = list;
     planned.recordOffset = offset;
@@ -59,8 +59,8 @@ session::PlannedSignal signal(const char* name, std::size_t list, std::uint32_t 
 
 // List 0: Speed, State, Speed again; list 1: Plain.
 session::MeasurementPlan demoPlan() {
-    const a2l::Conversion speed(a2l::Conversion::Linear{0.5, 0}, "%6.1", "°\a");
-    const a2l::Conversion state(a2l::Conversion::VerbalTable{{{1, 1, "On\x1b[2J"}}, ""}, "%4.0", "unit");
+    const value::Conversion speed(value::Conversion::Linear{0.5, 0}, "%6.1", "°\a");
+    const value::Conversion state(value::Conversion::VerbalTable{{{1, 1, "On\x1b[2J"}}, ""}, "%4.0", "unit");
     session::MeasurementPlan plan;
     plan.planned = {signal("Speed", 0, 2, speed), signal("Plain", 1, 0, {}), signal("State", 0, 0, state),
                     signal("Speed", 0, 2, speed)};

@@ -8,17 +8,17 @@
 namespace lm::exporter {
 namespace {
 
-using a2l::Conversion;
+using value::Conversion;
 
 // What whole-program tests cannot say in the doubles of their own: keys next to which no whole number is one.
 TEST(Mf4Conversion, KeysAtTheEndsOf64BitsAndNoKeys) {
     const auto values = [](Conversion::Kind kind) {
         storage::SignalInfo signal;
-        signal.coding.dataType = a2l::DataType::uint64;
+        signal.coding.dataType = value::DataType::uint64;
         signal.conversion = Conversion(std::move(kind), "", "");
         return mf4Conversion(signal).values;
     };
-    const auto steps = [&](a2l::TablePairs pairs) {
+    const auto steps = [&](value::TablePairs pairs) {
         return values(Conversion::NumericTable{false, std::move(pairs), 5.0});
     };
     constexpr double kInfinity = std::numeric_limits<double>::infinity();

@@ -7,9 +7,10 @@
 
 #include "a2l/description.h"
 #include "a2l/object.h"
-#include "a2l/value_text.h"
+#include "a2l/typed_text.h"
 #include "core/text.h"
 #include "fuzz_input.h"
+#include "value/value_text.h"
 
 namespace lm::fuzz {
 namespace {
@@ -25,17 +26,17 @@ constexpr std::array<std::array<std::uint8_t, 8>, 5> kContents = {{
 void useObject(const a2l::ResolvedObject& object) {
     require(object.size() >= 1 && object.size() <= 8, "size of an object");
     for (const auto& content : kContents) {
-        const double raw = a2l::decodeRaw(content.data(), object.coding);
+        const double raw = value::decodeRaw(content.data(), object.coding);
         auto again = content;
-        const long double exact = a2l::decodeExact(content.data(), object.coding);
+        const long double exact = value::decodeExact(content.data(), object.coding);
         require(same(static_cast<double>(exact), raw), "one value");
         if (!std::isnan(raw)) {
-            require(a2l::encodeRaw(exact, object.coding, again).ok(), "what was decoded can be encoded");
+            require(value::encodeRaw(exact, object.coding, again).ok(), "what was decoded can be encoded");
             require(again == content, "encoding gives back the bytes");
         }
         if (object.keepsIntegers()) {
             const std::string all =
-                a2l::valueText(exact, object.coding, a2l::Conversion(), a2l::NumberStyle::exact);
+                value::valueText(exact, object.coding, value::Conversion(), value::NumberStyle::exact);
             require(lm::parseLongDouble(all) == exact, "integers are shown with all digits");
         }
         const double physical = object.conversion.toPhysical(raw);

@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "recording_files.h"
-#include "storage/entry_reader.h"
-#include "storage/gap_finder.h"
-#include "storage/pyramid.h"
-#include "storage/pyramid_reader.h"
+#include "storage/read/entry_reader.h"
+#include "storage/read/gap_finder.h"
+#include "storage/read/pyramid_reader.h"
+#include "storage/write/pyramid.h"
 
 namespace lm::fuzz {
 namespace {

@@ -3,8 +3,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "storage/entry_reader.h"
-#include "storage/recording_format.h"
+#include "storage/format/recording_format.h"
+#include "storage/read/entry_reader.h"
 
 namespace lm::fuzz {
 

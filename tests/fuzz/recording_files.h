@@ -14,8 +14,8 @@
 
 #include "exporter/export_recording.h"
 #include "fuzz_input.h"
-#include "storage/group_reader.h"
-#include "storage/recording_info.h"
+#include "storage/format/recording_info.h"
+#include "storage/read/group_reader.h"
 
 namespace lm::fuzz {
 
@@ -32,7 +32,7 @@ void makeRecordFile(const std::filesystem::path& path, const storage::RecordingI
 
 /// What stands for a signal in index, levels and ranges: the raw value where the physical one is a text.
 inline double plainValue(const storage::SignalInfo& signal, const std::uint8_t* values) {
-    const double raw = a2l::decodeRaw(values + signal.recordOffset, signal.coding);
+    const double raw = value::decodeRaw(values + signal.recordOffset, signal.coding);
     return signal.conversion.isVerbal() ? raw : signal.conversion.toPhysical(raw);
 }
 

@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "recording_files.h"
-#include "storage/recording_check.h"
-#include "storage/recording_events.h"
-#include "storage/recording_format.h"
-#include "storage/recording_meta.h"
-#include "storage/recording_reader.h"
-#include "storage/recording_repair.h"
+#include "storage/care/recording_check.h"
+#include "storage/care/recording_repair.h"
+#include "storage/format/recording_events.h"
+#include "storage/format/recording_format.h"
+#include "storage/format/recording_meta.h"
+#include "storage/read/recording_reader.h"
 #include "support/temp_dir.h"
 
 namespace lm::fuzz {

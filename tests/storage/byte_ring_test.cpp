@@ -1,4 +1,4 @@
-#include "storage/byte_ring.h"
+#include "storage/write/byte_ring.h"
 
 #include <thread>
 #include <vector>

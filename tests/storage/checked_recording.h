@@ -6,8 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include "storage/recording_check.h"
-#include "storage/recording_repair.h"
+#include "storage/care/recording_check.h"
+#include "storage/care/recording_repair.h"
 #include "support/temp_dir.h"
 
 namespace lm::storage::test {

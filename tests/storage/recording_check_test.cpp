@@ -1,6 +1,6 @@
 // Every damage that a crash, a full disk or a bad sector can do to a recording: found, and mended without a
 // touch to whole records.
-#include "storage/recording_check.h"
+#include "storage/care/recording_check.h"
 
 #include <algorithm>
 #include <map>
@@ -8,9 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "storage/checked_recording.h"
+#include "storage/format/recording_format.h"
+#include "storage/format/recording_meta.h"
 #include "storage/recording_fixture.h"
-#include "storage/recording_format.h"
-#include "storage/recording_meta.h"
 
 namespace lm::storage {
 namespace {

@@ -1,5 +1,5 @@
 // "events.jsonl": what is noted is there, whatever ends the recording; a recording without it is as good.
-#include "storage/recording_events.h"
+#include "storage/format/recording_events.h"
 
 #include <algorithm>
 #include <array>
@@ -7,9 +7,9 @@
 #include <gtest/gtest.h>
 
 #include "storage/checked_recording.h"
+#include "storage/format/recording_format.h"
+#include "storage/read/recording_reader.h"
 #include "storage/recording_fixture.h"
-#include "storage/recording_format.h"
-#include "storage/recording_reader.h"
 #include "support/log_capture.h"
 
 namespace lm::storage {

@@ -1,11 +1,11 @@
 // Disks that take no more: the limit on file sizes stops a file at any byte, as a full disk does.
 #include <gtest/gtest.h>
 
-#include "storage/group_writer.h"
+#include "storage/format/recording_format.h"
+#include "storage/format/recording_meta.h"
 #include "storage/recording_fixture.h"
-#include "storage/recording_format.h"
-#include "storage/recording_meta.h"
-#include "storage/recording_writer.h"
+#include "storage/write/group_writer.h"
+#include "storage/write/recording_writer.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 

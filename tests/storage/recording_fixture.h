@@ -14,8 +14,8 @@
 #include <gtest/gtest.h>
 
 #include "core/bytes.h"
-#include "storage/recording_info.h"
-#include "storage/recording_writer.h"
+#include "storage/format/recording_info.h"
+#include "storage/write/recording_writer.h"
 #include "support/hex.h"
 
 namespace lm::storage::test {
@@ -33,8 +33,8 @@ inline void writeFile(const std::filesystem::path& path, const std::string& text
     std::ofstream(path, std::ios::binary) << text;
 }
 
-inline SignalInfo makeSignal(std::string name, a2l::DataType type, std::uint32_t offset,
-                             a2l::Conversion conversion = {}) {
+inline SignalInfo makeSignal(std::string name, value::DataType type, std::uint32_t offset,
+                             value::Conversion conversion = {}) {
     SignalInfo signal;
     signal.name = std::move(name);
     signal.coding.dataType = type;
@@ -55,9 +55,9 @@ inline RecordingInfo smallRecording() {
     group.name = "10ms";
     group.recordSize = 3;
     group.cycleNs = 10000000;
-    group.signals.push_back(makeSignal("Speed", a2l::DataType::uword, 0,
-                                       a2l::Conversion(a2l::Conversion::Linear{0.5, 0}, "%6.1", "km/h")));
-    group.signals.push_back(makeSignal("Temp", a2l::DataType::sbyte, 2));
+    group.signals.push_back(makeSignal("Speed", value::DataType::uword, 0,
+                                       value::Conversion(value::Conversion::Linear{0.5, 0}, "%6.1", "km/h")));
+    group.signals.push_back(makeSignal("Temp", value::DataType::sbyte, 2));
     info.groups.push_back(std::move(group));
     return info;
 }

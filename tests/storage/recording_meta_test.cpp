@@ -1,4 +1,4 @@
-#include "storage/recording_meta.h"
+#include "storage/format/recording_meta.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,4 +1,4 @@
-#include "storage/recording_reader.h"
+#include "storage/read/recording_reader.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include "core/file_lock.h"
-#include "storage/gap_finder.h"
-#include "storage/pyramid_reader.h"
+#include "storage/read/gap_finder.h"
+#include "storage/read/pyramid_reader.h"
+#include "storage/read/signal_selection.h"
 #include "storage/recording_fixture.h"
-#include "storage/signal_selection.h"
 #include "support/temp_dir.h"
 
 namespace lm::storage {
@@ -28,7 +28,7 @@ class RecordingReaderTest : public ::testing::Test {
     void record(const std::vector<float>& values, const std::vector<std::int64_t>& times = {}) {
         RecordingInfo info = test::smallRecording();
         info.groups[0].recordSize = 5;
-        info.groups[0].signals[0].coding.dataType = a2l::DataType::float32;
+        info.groups[0].signals[0].coding.dataType = value::DataType::float32;
         info.groups[0].signals[0].conversion = {};
         info.groups[0].signals[1].recordOffset = 4;
         fs::remove_all(path());

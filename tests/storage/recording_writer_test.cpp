@@ -1,12 +1,12 @@
-#include "storage/recording_writer.h"
+#include "storage/write/recording_writer.h"
 
 #include <algorithm>
 
 #include <gtest/gtest.h>
 
+#include "storage/format/recording_meta.h"
+#include "storage/read/recording_reader.h"
 #include "storage/recording_fixture.h"
-#include "storage/recording_meta.h"
-#include "storage/recording_reader.h"
 #include "support/temp_dir.h"
 
 namespace lm::storage {

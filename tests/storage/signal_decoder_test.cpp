@@ -1,4 +1,4 @@
-#include "storage/signal_decoder.h"
+#include "storage/format/signal_decoder.h"
 
 #include <cmath>
 #include <random>
@@ -10,8 +10,8 @@
 namespace lm::storage {
 namespace {
 
-using a2l::Conversion;
-using a2l::DataType;
+using value::Conversion;
+using value::DataType;
 
 // Every way through the decoder against decodeRaw() and toPhysical(), on random bytes (which hold NaN and
 // infinities of all float types).
@@ -40,7 +40,7 @@ TEST(SignalDecoder, AgreesWithValueByValueDecoding) {
             signal.coding.bitMask = kMasks[i / 2 % 4];
             ValueRange expected;
             for (std::size_t at = 5; at < records.size(); at += kStride) {
-                const double value = conversion.toPhysical(a2l::decodeRaw(&records[at], signal.coding));
+                const double value = conversion.toPhysical(value::decodeRaw(&records[at], signal.coding));
                 if (std::isnan(value)) continue;
                 expected.minimum = std::min(expected.minimum, value);
                 expected.maximum = std::max(expected.maximum, value);

@@ -1,0 +1,112 @@
+#include "storage/care/event_check.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+#include <spdlog/fmt/fmt.h>
+
+#include "core/durable_file.h"
+#include "core/file_lock.h"
+#include "storage/format/recording_events.h"
+#include "storage/format/recording_meta.h"
+#include "storage/read/raw_file.h"
+
+namespace lm::storage {
+namespace {
+
+enum class Mend : std::uint8_t { none, cut, endLine, begin };
+
+Mend mendOf(const RecordingEvents& events) {
+    if (events.beingWritten) return Mend::none;
+    if (events.file == RecordingEvents::File::beginLost) return Mend::begin;
+    if (events.file != RecordingEvents::File::read || events.tornBytes == 0) return Mend::none;
+    return events.lastLineIsWhole ? Mend::endLine : Mend::cut;
+}
+
+/// Returns 0 or an errno; the file is flushed to the disk.
+int mend(int descriptor, const RecordingEvents& events, const std::string& start) {
+    const std::uint64_t fileEnd = events.wholeBytes + events.tornBytes;
+    std::string_view text;
+    std::uint64_t at = events.wholeBytes;
+    if (mendOf(events) == Mend::endLine) {
+        text = "\n";
+        at = fileEnd;
+    } else if (::ftruncate(descriptor, static_cast<off_t>(events.wholeBytes)) != 0) {
+        return errno;
+    } else if (mendOf(events) == Mend::begin) {
+        text = start;
+    }
+    const Written written =
+        writeAt(descriptor, at, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    if (written.systemError == 0) return flushToDisk(descriptor);
+    // Half of it would be the next repair's to cut off.
+    [[maybe_unused]] const int cut = ::ftruncate(descriptor, static_cast<off_t>(at));
+    return written.systemError;
+}
+
+}  // namespace
+
+std::vector<Finding> checkEvents(const std::filesystem::path& directory, const RecordingInfo& info) {
+    const RecordingEvents events = readEvents(directory, info);
+    const std::string path = (directory / kEventFileName).string();
+    std::vector<Finding> findings;
+    const bool isWhole = events.file == RecordingEvents::File::read;
+    switch (mendOf(events)) {
+        case Mend::begin:
+            findings.push_back({events.trouble});
+            break;
+        case Mend::endLine:
+            findings.push_back({path + ": the last line lacks its line feed"});
+            break;
+        case Mend::cut:
+            findings.push_back({fmt::format("{}: {} bytes of a torn line at byte {}", path, events.tornBytes,
+                                            events.wholeBytes)});
+            break;
+        case Mend::none:
+            // One that was begun again is as sound as it can be.
+            if (!isWhole && !events.trouble.empty()) findings.push_back({events.trouble, false});
+            break;
+    }
+    for (const EventFault& fault : events.faults)
+        findings.push_back({fmt::format("{}: line {} {}", path, fault.line, fault.text), false});
+    return findings;
+}
+
+Result<void> repairEvents(const std::filesystem::path& directory, const RecordingInfo& info,
+                          const TellDeed& tell) {
+    const std::filesystem::path path = directory / kEventFileName;
+    RecordingEvents events = readEvents(directory, info);
+    if (mendOf(events) == Mend::none) return {};
+    const auto failed = [&path](int reason) {
+        return Error::fromErrno(reason, "cannot write " + path.string());
+    };
+    // A recording from elsewhere must not lead the repair to other files.
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0) return failed(errno);
+    Result<void> result;
+    if (!lockForWriting(descriptor)) {
+        result = stillRecorded(directory);
+    } else if (const int failure = mend(descriptor, events, startAgainLine(info)); failure != 0) {
+        result = failed(failure);
+    }
+    // After EINTR the descriptor is gone all the same.
+    if (::close(descriptor) != 0 && errno != EINTR && result) result = failed(errno);
+    if (!result) return result;
+    switch (mendOf(events)) {
+        case Mend::begin:
+            tell(path.string() + ": begun again, what it told is lost");
+            break;
+        case Mend::endLine:
+            tell(path.string() + ": last line ended");
+            break;
+        default:
+            tell(fmt::format("{}: cut {} bytes of a torn line", path.string(), events.tornBytes));
+            break;
+    }
+    return {};
+}
+
+}  // namespace lm::storage

@@ -1,0 +1,223 @@
+#include "storage/format/recording_events.h"
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <limits>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "core/file_lock.h"
+#include "storage/read/input_file.h"
+
+namespace lm::storage {
+namespace {
+
+using Json = nlohmann::json;
+using OrderedJson = nlohmann::ordered_json;
+
+constexpr std::size_t kChunk = 64 * 1024;
+/// Longer than any line that is written.
+constexpr std::size_t kLongestLine = 64 * 1024;
+constexpr std::size_t kMostFaults = 20;
+constexpr int kEventsVersion = 1;
+constexpr const char* kBegunAgainKey = "begunAgain";
+
+std::string lineOf(const OrderedJson& json) {
+    return json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace) + "\n";
+}
+
+OrderedJson startOf(const RecordingInfo& info) {
+    return {{"event", "start"},
+            {"timeNs", info.startHostNs},
+            {"utcNs", info.startUtcNs},
+            {"version", kEventsVersion}};
+}
+
+std::optional<std::int64_t> integerAt(const Json& json, const char* key) {
+    const auto found = json.find(key);
+    if (found == json.end() || !found->is_number_integer()) return std::nullopt;
+    constexpr auto kMaximum = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (found->is_number_unsigned() && found->get<std::uint64_t>() > kMaximum) return std::nullopt;
+    return found->get<std::int64_t>();
+}
+
+std::optional<std::string> textAt(const Json& json, const char* key) {
+    const auto found = json.find(key);
+    if (found == json.end() || !found->is_string()) return std::nullopt;
+    return found->get<std::string>();
+}
+
+/// Takes the lines of a file one after the other.
+class EventReader {
+  public:
+    EventReader(const RecordingInfo& info, RecordingEvents& events) : info_(info), events_(events) {}
+
+    void takeLine(std::string_view line) {
+        ++number_;
+        const Json json = parsed(line);
+        const auto kind = textAt(json, "event");
+        const auto time = integerAt(json, "timeNs");
+        if (number_ == 1) return takeStart(json, kind);
+        if (!kind || !time) return fault("is no event");
+        if (*kind == "clock") return takeClock(json, *time);
+        if (*kind == "outageBegin") return takeBegin(json, *time);
+        if (*kind == "outageEnd") return takeEnd(json, *time);
+        // A kind of a later program.
+    }
+    /// A first line that tells of which recording the file is.
+    bool knowsRecording() const { return events_.file == RecordingEvents::File::read; }
+    bool isFirst() const { return number_ == 0; }
+
+    static Json parsed(std::string_view line) {
+        if (line.size() > kLongestLine) return {};
+        Json json = Json::parse(line, nullptr, false);
+        return json.is_object() ? json : Json::object();
+    }
+
+  private:
+    void takeStart(const Json& json, const std::optional<std::string>& kind) {
+        const auto host = integerAt(json, "timeNs");
+        const auto utc = integerAt(json, "utcNs");
+        const auto version = integerAt(json, "version");
+        if (kind != "start" || !host || !utc || !version) {
+            return give(RecordingEvents::File::unreadable, "line 1 does not tell of which recording it is");
+        }
+        if (*version != kEventsVersion) {
+            return give(
+                RecordingEvents::File::unreadable,
+                "version " + std::to_string(*version) + " instead of " + std::to_string(kEventsVersion));
+        }
+        if (*host != info_.startHostNs || *utc != info_.startUtcNs) {
+            return give(RecordingEvents::File::ofAnotherRecording, "of another recording");
+        }
+        const auto begunAgain = json.find(kBegunAgainKey);
+        events_.begunAgain = begunAgain != json.end() && *begunAgain == true;
+        give(RecordingEvents::File::read,
+             events_.begunAgain ? "begun again by a repair, which found it cut" : "");
+        events_.clocks.push_back({*host, *utc});
+    }
+    void give(RecordingEvents::File file, std::string trouble) {
+        events_.file = file;
+        events_.trouble = std::move(trouble);
+    }
+
+    void takeClock(const Json& json, std::int64_t time) {
+        const auto utc = integerAt(json, "utcNs");
+        if (!utc) return fault("is no event");
+        events_.clocks.push_back({time, *utc});
+    }
+    void takeBegin(const Json& json, std::int64_t time) {
+        auto reason = textAt(json, "reason");
+        if (!reason) return fault("is no event");
+        if (isOpen_) return fault("begins an outage within another one");
+        isOpen_ = true;
+        events_.outages.push_back({time, std::nullopt, false, std::move(*reason), ""});
+    }
+    void takeEnd(const Json& json, std::int64_t time) {
+        auto outcome = textAt(json, "outcome");
+        const auto recovered = json.find("recovered");
+        if (!outcome || recovered == json.end() || !recovered->is_boolean()) return fault("is no event");
+        if (!std::exchange(isOpen_, false)) return fault("ends an outage that did not begin");
+        Outage& outage = events_.outages.back();
+        if (time < outage.beginNs) fault("ends an outage before its begin");
+        outage.endNs = std::max(time, outage.beginNs);
+        outage.recovered = recovered->get<bool>();
+        outage.outcome = std::move(*outcome);
+    }
+
+    void fault(const char* text) {
+        if (events_.faults.size() < kMostFaults) events_.faults.push_back({number_, text});
+    }
+
+    const RecordingInfo& info_;
+    RecordingEvents& events_;
+    std::uint64_t number_ = 0;
+    bool isOpen_ = false;  ///< the last outage
+};
+
+/// Hands whole lines to the reader; returns what stands behind the last one.
+Result<std::string> readLines(const InputFile& file, EventReader& reader, RecordingEvents& events) {
+    std::array<std::uint8_t, kChunk> chunk{};
+    std::string line;
+    for (std::uint64_t at = 0; at < file.size(); at += chunk.size()) {
+        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), file.size() - at));
+        if (auto read = file.readAt(at, chunk.data(), size); !read) return read.error();
+        for (std::size_t i = 0; i < size; ++i) {
+            if (chunk[i] != '\n') {
+                // What is longer is no line, however much longer.
+                if (line.size() <= kLongestLine) line += static_cast<char>(chunk[i]);
+                continue;
+            }
+            reader.takeLine(line);
+            events.wholeBytes = at + i + 1;
+            line.clear();
+            if (!reader.knowsRecording()) return line;
+        }
+    }
+    return line;
+}
+
+}  // namespace
+
+bool overlaps(const Outage& outage, const TimeRange& times) {
+    return outage.beginNs < times.endNs && (!outage.endNs || *outage.endNs > times.fromNs);
+}
+
+std::string startLine(const RecordingInfo& info) {
+    return lineOf(startOf(info));
+}
+
+std::string startAgainLine(const RecordingInfo& info) {
+    OrderedJson start = startOf(info);
+    start[kBegunAgainKey] = true;
+    return lineOf(start);
+}
+
+std::string outageBeginLine(std::int64_t timeNs, const std::string& reason) {
+    return lineOf({{"event", "outageBegin"}, {"timeNs", timeNs}, {"reason", reason}});
+}
+
+std::string outageEndLine(std::int64_t timeNs, bool recovered, const std::string& outcome) {
+    return lineOf(
+        {{"event", "outageEnd"}, {"timeNs", timeNs}, {"recovered", recovered}, {"outcome", outcome}});
+}
+
+std::string clockLine(const ClockPair& clocks) {
+    return lineOf({{"event", "clock"}, {"timeNs", clocks.hostNs}, {"utcNs", clocks.utcNs}});
+}
+
+RecordingEvents readEvents(const std::filesystem::path& directory, const RecordingInfo& info) {
+    RecordingEvents events;
+    auto file = InputFile::open(directory / kEventFileName);
+    if (!file) {
+        if (file.error().code == ErrorCode::notFound) return events;
+        events.file = RecordingEvents::File::unreadable;
+        events.trouble = file.error().text();
+        return events;
+    }
+    events.beingWritten = isLockedByAnother(file.value().descriptor());
+    EventReader reader(info, events);
+    auto rest = readLines(file.value(), reader, events);
+    if (!rest) {
+        events.file = RecordingEvents::File::unreadable;
+        events.trouble = rest.error().text();
+        return events;
+    }
+    if (reader.isFirst()) {
+        events.file = RecordingEvents::File::beginLost;
+        events.trouble = "cut in its first line, holds no event";
+    }
+    if (!events.trouble.empty()) {
+        events.trouble = file.value().path().string() + ": " + events.trouble;
+    }
+    if (!reader.knowsRecording() && !reader.isFirst()) return events;
+    events.tornBytes = file.value().size() - events.wholeBytes;
+    const Json last = EventReader::parsed(rest.value());
+    events.lastLineIsWhole = !reader.isFirst() && textAt(last, "event") && integerAt(last, "timeNs");
+    if (events.lastLineIsWhole) reader.takeLine(rest.value());
+    return events;
+}
+
+}  // namespace lm::storage

@@ -1,0 +1,78 @@
+// "events.jsonl": what happened while a recording was made, a line of JSON for each event
+// (docs/recording-format.md). Old recordings have no such file, and a reader of values needs none.
+//
+// Threads: pure functions. Lifetime: results own everything.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "storage/format/recording_info.h"
+#include "storage/read/group_reader.h"
+
+namespace lm::storage {
+
+inline constexpr std::string_view kEventFileName = "events.jsonl";
+
+/// A time without any samples, on the clock of the timestamps.
+struct Outage {
+    std::int64_t beginNs = 0;           ///< of the last record before, or of the start of DAQ
+    std::optional<std::int64_t> endNs;  ///< none: the program was killed meanwhile
+    bool recovered = false;             ///< the measurement went on
+    std::string reason;
+    std::string outcome;  ///< how it ended
+};
+
+/// True when some of it lies in `times`; one without an end lasts for ever.
+bool overlaps(const Outage& outage, const TimeRange& times);
+
+/// One instant on both clocks of the host: that of the timestamps and UTC, nanoseconds since 1970.
+struct ClockPair {
+    std::int64_t hostNs = 0;
+    std::int64_t utcNs = 0;
+};
+
+// Lines as they stand in the file, with their line feeds. Bytes that are not UTF-8 become U+FFFD.
+std::string startLine(const RecordingInfo& info);
+/// The first line of a file whose lines were lost.
+std::string startAgainLine(const RecordingInfo& info);
+std::string outageBeginLine(std::int64_t timeNs, const std::string& reason);
+std::string outageEndLine(std::int64_t timeNs, bool recovered, const std::string& outcome);
+std::string clockLine(const ClockPair& clocks);
+
+/// What is wrong with one line.
+struct EventFault {
+    std::uint64_t line = 0;  ///< from 1
+    std::string text;
+};
+
+struct RecordingEvents {
+    enum class File : std::uint8_t {
+        absent,              ///< recorded by an older program
+        read,                ///< as far as its lines make sense
+        beginLost,           ///< empty or cut in its first line: a repair begins it again
+        ofAnotherRecording,  ///< nothing of it was taken
+        unreadable,          ///< likewise
+    };
+
+    File file = File::absent;
+    /// Why the outages are not known, empty when they are, and for an older recording without the file.
+    std::string trouble;
+    bool begunAgain = false;      ///< by a repair: what had been told before is lost, which is the `trouble`
+    std::vector<Outage> outages;  ///< in the order of the file
+    std::vector<ClockPair> clocks;   ///< the first one is that of "meta.json"
+    std::vector<EventFault> faults;  ///< the first ones; lines of unknown kinds are none
+    std::uint64_t wholeBytes = 0;    ///< up to the last line feed
+    std::uint64_t tornBytes = 0;     ///< behind it
+    bool lastLineIsWhole = false;    ///< what stands there lacks nothing but the line feed
+    bool beingWritten = false;       ///< another program has the file open for recording
+};
+
+/// Reads the file in constant memory but for what it returns.
+RecordingEvents readEvents(const std::filesystem::path& directory, const RecordingInfo& info);
+
+}  // namespace lm::storage

@@ -1,0 +1,23 @@
+#include "storage/format/recording_faults.h"
+
+#include <system_error>
+#include <utility>
+
+#include <spdlog/spdlog.h>
+
+namespace lm::storage {
+
+RecordingFaults::RecordingFaults(std::filesystem::path directory) : directory_(std::move(directory)) {}
+
+void RecordingFaults::reportWriteError() {
+    if (std::exchange(writeFailed_, true)) return;
+    spdlog::error("recording: write error in {}", directory_.string());
+}
+
+void RecordingFaults::reportMissingLevel(const std::filesystem::path& file, const Error& error) {
+    if (std::exchange(levelMissing_, true)) return;
+    spdlog::error("recording: cannot create {}: {} (further levels may be missing; the data is complete)",
+                  file.string(), std::generic_category().message(error.sysErrno));
+}
+
+}  // namespace lm::storage

@@ -1,0 +1,55 @@
+// What a recording says about itself: groups, signals and how their bytes become physical values.
+//
+// Threads: a plain record. Lifetime: owns everything.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "value/conversion.h"
+#include "value/raw_value.h"
+
+namespace lm::storage {
+
+/// The only format version that is written and read.
+inline constexpr std::uint32_t kFormatVersion = 2;
+
+/// Bytes of the largest record: with its timestamp and its place in the queue it still has a 32-bit size.
+inline constexpr std::uint32_t kMaxRecordSize = 0xFFFFFF00;
+
+struct SignalInfo {
+    std::string name;
+    std::string description;
+    std::string displayName;
+    value::RawCoding coding;
+    std::uint32_t recordOffset = 0;  ///< bytes from the start of the group's record
+    value::Conversion conversion;    ///< with display format and unit
+    /// Lower and upper limit of the A2L, physical; recordings of earlier versions do not tell them.
+    std::optional<std::pair<double, double>> limits = {};
+};
+
+struct GroupInfo {
+    std::string name;
+    std::uint32_t recordSize = 0;  ///< bytes of one DAQ record as stored, without its timestamp
+    std::int64_t cycleNs = 0;      ///< nominal period, 0 when not periodic
+    std::vector<SignalInfo> signals;
+};
+
+struct RecordingInfo {
+    std::uint32_t formatVersion = kFormatVersion;
+    std::int64_t startUtcNs = 0;   ///< nanoseconds since 1970, UTC
+    std::int64_t startHostNs = 0;  ///< the same instant on the host's steady clock
+    std::string source;
+    std::string name;
+    std::string ecu;
+    // What recordings of earlier versions do not tell.
+    std::optional<std::int32_t> utcOffsetMinutes;  ///< of the recording host's local time
+    std::string a2lName;                           ///< the file's name without its directory, may be empty
+    std::string a2lSha256;                         ///< in hexadecimal, may be empty
+    std::vector<GroupInfo> groups;
+};
+
+}  // namespace lm::storage

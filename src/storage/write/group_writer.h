@@ -1,0 +1,69 @@
+// The files of one group: records, time index and levels. Index and levels follow the records that are in
+// the record file, so they never hold one that did not get there.
+//
+// Threads: the file thread; create() and newFiles() on the owner's while that one does not run. Lifetime:
+// borrows the group, the faults and the counters, which outlive it.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <vector>
+
+#include "core/result.h"
+#include "storage/format/recording_faults.h"
+#include "storage/format/recording_info.h"
+#include "storage/write/append_file.h"
+#include "storage/write/derived_file.h"
+#include "storage/write/pyramid.h"
+
+namespace lm::storage {
+
+struct RecordingCounters {
+    std::atomic<std::uint64_t> recordsWritten{0};
+    std::atomic<std::uint64_t> bytesWritten{0};
+    std::atomic<std::uint64_t> recordsDropped{0};
+};
+
+class GroupWriter {
+  public:
+    /// Makes the record file, its header on the disk, and the index. Errors: those of AppendFile::create()
+    /// and AppendFile::flushToDisk(); then neither file is left.
+    static Result<GroupWriter> create(std::size_t groupIndex, const GroupInfo& group, RecordingFaults& faults,
+                                      RecordingCounters& counters);
+
+    /// `data` holds the group's recordSize bytes. A timestamp before the previous one becomes that one.
+    void append(std::int64_t timestampNs, const std::uint8_t* data);
+    void flush();
+    /// Of the file of records, open until close().
+    int recordDescriptor() const { return records_.descriptor(); }
+    /// Flushes, the records also to the disk, and closes; records that still did not get into the file count
+    /// as dropped. Index and levels reach the disk when the system sees fit: they can be made anew.
+    void close();
+
+    /// The files that this object made and did not find there.
+    std::vector<std::filesystem::path> newFiles() const;
+
+  private:
+    GroupWriter(std::size_t groupIndex, const GroupInfo& group, AppendFile records, DerivedFile index,
+                RecordingFaults& faults, RecordingCounters& counters);
+
+    void flushRecords();
+    void summarise(const std::uint8_t* records, std::size_t count);
+    void extendIndex(std::int64_t timestampNs);
+
+    std::uint32_t recordSize_;
+    AppendFile records_;
+    DerivedFile index_;
+    Pyramid pyramid_;
+    RecordingFaults* faults_;
+    RecordingCounters* counters_;
+    std::int64_t lastTimestampNs_ = std::numeric_limits<std::int64_t>::min();
+    std::int64_t blockStartNs_ = 0;
+    std::uint64_t recordCount_ = 0;  ///< in the file
+    bool stalled_ = false;           ///< the last flush failed; only the next timed flush tries again
+};
+
+}  // namespace lm::storage

@@ -1,0 +1,203 @@
+#include "value/formula.h"
+
+#include <array>
+#include <cmath>
+#include <limits>
+
+#include "value/formula_opcode.h"
+
+namespace lm::value {
+namespace {
+
+/// Truncation towards zero that is defined for every double: out of range saturates, NaN is 0.
+std::int64_t truncated(double value) {
+    if (value >= 0x1p63) return std::numeric_limits<std::int64_t>::max();
+    if (value >= -0x1p63) return static_cast<std::int64_t>(value);
+    return std::isnan(value) ? 0 : std::numeric_limits<std::int64_t>::min();
+}
+
+double shiftedLeft(double value, double count) {
+    const auto bits = static_cast<std::uint64_t>(truncated(value));
+    return static_cast<double>(static_cast<std::int64_t>(bits << (truncated(count) & 63)));
+}
+
+double shiftedRight(double value, double count) {
+    return static_cast<double>(truncated(value) >> (truncated(count) & 63));
+}
+
+double truth(bool value) {
+    return value ? 1.0 : 0.0;
+}
+
+double applyFunction(std::uint8_t opcode, double x) {
+    switch (opcode) {
+        case kSin:
+            return std::sin(x);
+        case kCos:
+            return std::cos(x);
+        case kTan:
+            return std::tan(x);
+        case kAsin:
+            return std::asin(x);
+        case kAcos:
+            return std::acos(x);
+        case kAtan:
+            return std::atan(x);
+        case kSinh:
+            return std::sinh(x);
+        case kCosh:
+            return std::cosh(x);
+        case kTanh:
+            return std::tanh(x);
+        case kExp:
+            return std::exp(x);
+        case kLog:
+            return std::log(x);
+        case kLog10:
+            return std::log10(x);
+        case kSqrt:
+            return std::sqrt(x);
+        default:
+            return std::fabs(x);
+    }
+}
+
+}  // namespace
+
+// One flat switch, because every call would cost more than the operation it makes.
+// The top of the stack lives in a register, `below` points behind what lies under it. The slots need no
+// initial values: a compiled program writes each one before it reads it.
+double Formula::evaluate(const double* variables, std::size_t count) const {  // NOLINT(*-function-size)
+    std::array<double, kFormulaStackSize> stack;
+    double* below = stack.data();
+    double top = 0;
+    const auto variable = [&](const Instruction& step) {
+        return step.variable < count ? variables[step.variable] : 0;
+    };
+    for (const Instruction& step : program_) {
+        switch (step.opcode) {
+            case kConstant:
+                *below++ = top;
+                top = step.constant;
+                break;
+            case kVariable:
+                *below++ = top;
+                top = variable(step);
+                break;
+            case kAddConstant:
+                top += step.constant;
+                break;
+            case kSubtractConstant:
+                top -= step.constant;
+                break;
+            case kMultiplyConstant:
+                top *= step.constant;
+                break;
+            case kDivideConstant:
+                top /= step.constant;
+                break;
+            case kAddVariable:
+                top += variable(step);
+                break;
+            case kSubtractVariable:
+                top -= variable(step);
+                break;
+            case kMultiplyVariable:
+                top *= variable(step);
+                break;
+            case kDivideVariable:
+                top /= variable(step);
+                break;
+            case kVariableAddConstant:
+                *below++ = top;
+                top = variable(step) + step.constant;
+                break;
+            case kVariableSubtractConstant:
+                *below++ = top;
+                top = variable(step) - step.constant;
+                break;
+            case kVariableMultiplyConstant:
+                *below++ = top;
+                top = variable(step) * step.constant;
+                break;
+            case kVariableDivideConstant:
+                *below++ = top;
+                top = variable(step) / step.constant;
+                break;
+            case kNegate:
+                top = -top;
+                break;
+            case kNot:
+                top = truth(top == 0);
+                break;
+            case kComplement:
+                top = static_cast<double>(~truncated(top));
+                break;
+            case kAdd:
+                top = *--below + top;
+                break;
+            case kSubtract:
+                top = *--below - top;
+                break;
+            case kMultiply:
+                top = *--below * top;
+                break;
+            case kDivide:
+                top = *--below / top;
+                break;
+            case kRemainder:
+                top = std::fmod(*--below, top);
+                break;
+            case kShiftLeft:
+                top = shiftedLeft(*--below, top);
+                break;
+            case kShiftRight:
+                top = shiftedRight(*--below, top);
+                break;
+            case kLess:
+                top = truth(*--below < top);
+                break;
+            case kLessEqual:
+                top = truth(*--below <= top);
+                break;
+            case kGreater:
+                top = truth(*--below > top);
+                break;
+            case kGreaterEqual:
+                top = truth(*--below >= top);
+                break;
+            case kEqual:
+                top = truth(*--below == top);
+                break;
+            case kNotEqual:
+                top = truth(*--below != top);
+                break;
+            case kBitAnd:
+                top = static_cast<double>(truncated(*--below) & truncated(top));
+                break;
+            case kBitXor:
+                top = static_cast<double>(truncated(*--below) ^ truncated(top));
+                break;
+            case kBitOr:
+                top = static_cast<double>(truncated(*--below) | truncated(top));
+                break;
+            case kAnd:
+                --below;
+                top = truth(*below != 0 && top != 0);
+                break;
+            case kOr:
+                --below;
+                top = truth(*below != 0 || top != 0);
+                break;
+            case kPow:
+                top = std::pow(*--below, top);
+                break;
+            default:
+                top = applyFunction(step.opcode, top);
+                break;
+        }
+    }
+    return top;
+}
+
+}  // namespace lm::value
