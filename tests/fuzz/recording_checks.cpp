@@ -8,7 +8,7 @@
 #include "storage/read/entry_reader.h"
 #include "storage/read/gap_finder.h"
 #include "storage/read/pyramid_reader.h"
-#include "storage/write/pyramid.h"
+#include "storage/write/summary_builder.h"
 
 namespace lm::fuzz {
 namespace {

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 
 namespace lm::storage {
 
@@ -18,12 +19,6 @@ class InputFile {
     /// file: opening a pipe or a device would wait for, or do, who knows what.
     static Result<InputFile> open(const std::filesystem::path& path);
 
-    InputFile(InputFile&& other) noexcept;
-    InputFile& operator=(InputFile&& other) noexcept;
-    InputFile(const InputFile&) = delete;
-    InputFile& operator=(const InputFile&) = delete;
-    ~InputFile();
-
     /// Reads exactly `size` bytes. Errors: "cannot read PATH: REASON", "PATH: shorter than when it was
     /// opened".
     Result<void> readAt(std::uint64_t offset, std::uint8_t* into, std::size_t size) const;
@@ -32,14 +27,14 @@ class InputFile {
     std::uint64_t size() const { return size_; }
     const std::filesystem::path& path() const { return path_; }
     /// For system calls that copy between files; stays this object's.
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return descriptor_.get(); }
 
   private:
-    InputFile(std::filesystem::path path, int descriptor, std::uint64_t size);
+    InputFile(std::filesystem::path path, UniqueFd descriptor, std::uint64_t size);
 
     std::filesystem::path path_;
-    int descriptor_ = -1;
-    std::uint64_t size_ = 0;
+    UniqueFd descriptor_;
+    std::uint64_t size_;
 };
 
 }  // namespace lm::storage
