@@ -7,6 +7,7 @@
 // owns its file.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -33,6 +34,18 @@ struct RecordRange {
 struct TimeRange {
     std::int64_t fromNs = std::numeric_limits<std::int64_t>::min();
     std::int64_t endNs = std::numeric_limits<std::int64_t>::max();
+};
+
+/// The first and the last timestamp of some records; as built, of none.
+struct TimeSpan {
+    std::int64_t firstNs = std::numeric_limits<std::int64_t>::max();
+    std::int64_t lastNs = std::numeric_limits<std::int64_t>::min();
+
+    bool isEmpty() const { return firstNs > lastNs; }
+    void add(const TimeSpan& other) {
+        firstNs = std::min(firstNs, other.firstNs);
+        lastNs = std::max(lastNs, other.lastNs);
+    }
 };
 
 /// Records as they lie in the file: back to back, `stride` bytes apart, each its timestamp (signed 64-bit
@@ -107,6 +120,9 @@ class GroupReader {
 
     /// The timestamp of record `n`, which is below recordCount().
     Result<std::int64_t> timestampNs(std::uint64_t n) const;
+
+    /// Of the first and the last record. Errors: those of InputFile::readAt().
+    Result<TimeSpan> timeSpan() const;
 
     /// The records whose timestamps lie in `times`. A few dozen small reads, whatever the length.
     Result<RecordRange> find(const TimeRange& times) const;
