@@ -36,12 +36,14 @@ Result<EntryReader> EntryReader::open(const std::filesystem::path& directory, st
 }
 
 EntryReader::EntryReader(InputFile file, std::size_t entrySize)
-    : file_(std::move(file)),
-      entrySize_(entrySize),
-      count_(entrySize == 0 ? 0 : (file_.size() - kHeaderSize) / entrySize) {}
+    : file_(std::move(file)), entrySize_(entrySize) {}
+
+std::uint64_t EntryReader::count() const {
+    return entrySize_ == 0 || file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / entrySize_;
+}
 
 std::uint64_t EntryReader::tornBytes() const {
-    return file_.size() - offsetOf(count_);
+    return file_.size() - offsetOf(count());
 }
 
 Result<std::span<const std::uint8_t>> EntryReader::read(std::uint64_t first, std::uint64_t most) {

@@ -22,9 +22,13 @@ class EntryReader {
     static Result<EntryReader> open(const std::filesystem::path& directory, std::size_t groupNumber,
                                     const GroupInfo& group, std::size_t number);
 
-    /// Whole entries in the file when it was opened.
-    std::uint64_t count() const { return count_; }
+    /// Takes up the entries that the file has now. Errors: those of InputFile::refresh().
+    Result<void> refresh() { return file_.refresh(); }
+
+    /// Whole entries in the file when it was opened, or at the last refresh().
+    std::uint64_t count() const;
     std::size_t entrySize() const { return entrySize_; }
+    const InputFile& file() const { return file_; }
     /// Bytes behind the last whole entry.
     std::uint64_t tornBytes() const;
     std::uint64_t offsetOf(std::uint64_t entry) const { return kHeaderSize + entry * entrySize_; }
@@ -38,7 +42,6 @@ class EntryReader {
 
     InputFile file_;
     std::size_t entrySize_;
-    std::uint64_t count_;
     std::vector<std::uint8_t> buffer_;
 };
 

@@ -55,8 +55,19 @@ GroupReader::GroupReader(InputFile file, std::size_t number, const GroupInfo& gr
       info_(&group),
       number_(number),
       stride_(std::size_t{group.recordSize} + kTimestampSize),
-      recordCount_(file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / stride_),
-      beingWritten_(isLockedByAnother(file_.descriptor())) {}
+      beingWritten_(isLockedByAnother(file_.descriptor())) {
+    countRecords();
+}
+
+Result<void> GroupReader::refresh() {
+    auto looked = file_.refresh();
+    countRecords();
+    return looked;
+}
+
+void GroupReader::countRecords() {
+    recordCount_ = file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / stride_;
+}
 
 std::uint64_t GroupReader::tornBytes() const {
     return file_.size() < kHeaderSize ? file_.size() : file_.size() - offsetOf(recordCount_);

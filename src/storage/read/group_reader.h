@@ -1,6 +1,6 @@
 // Reads the records of one group of a recording: by number, by time, batch by batch in constant memory.
 // A recording that is still being written, or that ends in a torn record, is read up to the last record that
-// was whole when the group was opened.
+// was whole when the group was opened, or at the last refresh().
 //
 // Threads: one at a time; several readers of one group do not disturb each other. Lifetime: borrows the
 // description of the group, which must outlive it (that of a RecordingReader survives moving the reader);
@@ -102,6 +102,9 @@ class GroupReader {
     /// What open() has to say about the header.
     Result<void> checkHeader() const;
 
+    /// Takes up the records that the file has now. Errors: those of InputFile::refresh().
+    Result<void> refresh();
+
     const GroupInfo& info() const { return *info_; }
     /// The place of the group in "groups", and the number in its file names.
     std::size_t number() const { return number_; }
@@ -133,6 +136,7 @@ class GroupReader {
   private:
     GroupReader(InputFile file, std::size_t number, const GroupInfo& group);
 
+    void countRecords();
     Result<std::uint64_t> firstNotBefore(std::int64_t timeNs) const;
     Result<std::uint64_t> guess(std::int64_t timeNs) const;
 

@@ -10,25 +10,27 @@
 namespace lm::storage {
 
 Result<InputFile> InputFile::open(const std::filesystem::path& path) {
-    const auto failed = [&path](int systemError) {
-        return Error::fromErrno(systemError, "cannot open " + path.string());
-    };
     UniqueFd opened;
     do {
         // A pipe without a writer would block; regular files do not mind the flag.
         opened = UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     } while (!opened.valid() && errno == EINTR);
-    if (!opened.valid()) return failed(errno);
-    struct stat status {};
-    if (::fstat(opened.get(), &status) != 0) return failed(errno);
-    if (!S_ISREG(status.st_mode)) {
-        return Error{ErrorCode::invalidArgument, "cannot open " + path.string() + ": not a regular file"};
-    }
-    return InputFile(path, std::move(opened), static_cast<std::uint64_t>(status.st_size));
+    if (!opened.valid()) return Error::fromErrno(errno, "cannot open " + path.string());
+    InputFile file(path, std::move(opened));
+    if (auto looked = file.refresh(); !looked) return looked.error();
+    return file;
 }
 
-InputFile::InputFile(std::filesystem::path path, UniqueFd descriptor, std::uint64_t size)
-    : path_(std::move(path)), descriptor_(std::move(descriptor)), size_(size) {}
+Result<void> InputFile::refresh() {
+    const std::string context = "cannot open " + path_.string();
+    struct stat status {};
+    if (::fstat(descriptor(), &status) != 0) return Error::fromErrno(errno, context);
+    if (!S_ISREG(status.st_mode)) {
+        return Error{ErrorCode::invalidArgument, context + ": not a regular file"};
+    }
+    size_ = static_cast<std::uint64_t>(status.st_size);
+    return {};
+}
 
 Result<void> InputFile::readAt(std::uint64_t offset, std::uint8_t* into, std::size_t size) const {
     while (size > 0) {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <utility>
 
 #include "core/result.h"
 #include "core/unique_fd.h"
@@ -23,18 +24,22 @@ class InputFile {
     /// opened".
     Result<void> readAt(std::uint64_t offset, std::uint8_t* into, std::size_t size) const;
 
-    /// Bytes when it was opened.
+    /// Takes up the size that the file has now. Errors: "cannot open PATH: REASON".
+    Result<void> refresh();
+
+    /// Bytes when it was opened, or at the last refresh().
     std::uint64_t size() const { return size_; }
     const std::filesystem::path& path() const { return path_; }
     /// For system calls that copy between files; stays this object's.
     int descriptor() const { return descriptor_.get(); }
 
   private:
-    InputFile(std::filesystem::path path, UniqueFd descriptor, std::uint64_t size);
+    InputFile(std::filesystem::path path, UniqueFd descriptor)
+        : path_(std::move(path)), descriptor_(std::move(descriptor)) {}
 
     std::filesystem::path path_;
     UniqueFd descriptor_;
-    std::uint64_t size_;
+    std::uint64_t size_ = 0;
 };
 
 }  // namespace lm::storage

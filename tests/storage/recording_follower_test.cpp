@@ -1,0 +1,65 @@
+#include "storage/read/recording_follower.h"
+
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "storage/recording_fixture.h"
+#include "support/temp_dir.h"
+
+namespace lm::storage {
+namespace {
+
+using test::Bytes;
+
+// The follower is there before the first record, beside a level that an older recording has left.
+TEST(RecordingFollowerTest, SeesEveryRecordAndEntryOnceAndOnlyWholeOnesWhileTheyAreWritten) {
+    constexpr std::size_t kRecords = 40000;
+    const lm::test::TempDir dir;
+    const auto path = dir.path() / "rec";
+    test::writeSmallRecording(path, 300);
+    std::filesystem::remove(path / "meta.json");
+    auto writer = RecordingWriter::create(path, test::smallRecording(), {.flushIntervalMs = 0}).value();
+    auto follower = RecordingFollower::open(path);
+    ASSERT_TRUE(follower && follower.value().look().value());
+    EXPECT_EQ(follower.value().group(0).nextRecords().value().count, 0U);
+    std::atomic<bool> seen{false};
+    std::thread producer([&] {
+        for (std::size_t n = 0; n < kRecords; ++n) {
+            if (n == kRecords / 2) seen.wait(false);
+            const Bytes data = test::smallRecord(n);
+            writer->write(0, 1000000000 + static_cast<std::int64_t>(n), data.data(), data.size());
+        }
+        static_cast<void>(writer->close());
+    });
+    Bytes records;
+    Bytes entries[3];
+    for (bool more = true; more; std::this_thread::yield()) {
+        more = follower.value().look().value();
+        GroupFollower& group = follower.value().group(0);
+        for (std::size_t file = 0; file < std::size(entries); ++file) {
+            for (auto batch = group.nextEntries(file).value(); !batch.bytes.empty();
+                 batch = group.nextEntries(file).value()) {
+                entries[file].insert(entries[file].end(), batch.bytes.begin(), batch.bytes.end());
+            }
+        }
+        for (auto batch = group.nextRecords().value(); batch.count > 0; batch = group.nextRecords().value())
+            records.insert(records.end(), batch.bytes, batch.bytes + batch.count * batch.stride);
+        seen = !records.empty();
+        seen.notify_one();
+    }
+    producer.join();
+    ASSERT_EQ(records.size(), kRecords * 11);
+    const auto bodyOf = [&path](const std::string& name) {
+        const Bytes file = test::readFile(path / name);
+        return Bytes(file.begin() + kHeaderSize, file.end());
+    };
+    EXPECT_EQ(records, bodyOf("g0000.rec"));
+    EXPECT_EQ(entries[0], bodyOf("g0000.tix"));
+    EXPECT_EQ(entries[1], bodyOf("g0000_L1.pyr"));
+    EXPECT_EQ(entries[2], bodyOf("g0000_L2.pyr"));
+}
+
+}  // namespace
+}  // namespace lm::storage
