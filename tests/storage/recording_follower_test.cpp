@@ -1,10 +1,13 @@
 #include "storage/read/recording_follower.h"
 
 #include <atomic>
+#include <fcntl.h>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "core/file_lock.h"
+#include "core/unique_fd.h"
 #include "storage/recording_fixture.h"
 #include "support/temp_dir.h"
 
@@ -13,13 +16,11 @@ namespace {
 
 using test::Bytes;
 
-// The follower is there before the first record, beside a level that an older recording has left.
+// The follower is there before the first record.
 TEST(RecordingFollowerTest, SeesEveryRecordAndEntryOnceAndOnlyWholeOnesWhileTheyAreWritten) {
     constexpr std::size_t kRecords = 40000;
     const lm::test::TempDir dir;
     const auto path = dir.path() / "rec";
-    test::writeSmallRecording(path, 300);
-    std::filesystem::remove(path / "meta.json");
     auto writer = RecordingWriter::create(path, test::smallRecording(), {.flushIntervalMs = 0}).value();
     auto follower = RecordingFollower::open(path);
     ASSERT_TRUE(follower && follower.value().look().value());
@@ -59,6 +60,19 @@ TEST(RecordingFollowerTest, SeesEveryRecordAndEntryOnceAndOnlyWholeOnesWhileThey
     EXPECT_EQ(entries[0], bodyOf("g0000.tix"));
     EXPECT_EQ(entries[1], bodyOf("g0000_L1.pyr"));
     EXPECT_EQ(entries[2], bodyOf("g0000_L2.pyr"));
+}
+
+TEST(RecordingFollowerTest, LeavesLevelsThatNobodyWritesUntilTheEnd) {
+    const lm::test::TempDir dir;
+    test::writeSmallRecording(dir.path(), 16);
+    UniqueFd writing(::open((dir.path() / "events.jsonl").c_str(), O_WRONLY));
+    ASSERT_TRUE(lockForWriting(writing.get()));
+    auto follower = RecordingFollower::open(dir.path()).value();
+    EXPECT_TRUE(follower.look().value());
+    EXPECT_TRUE(follower.group(0).nextEntries(1).value().bytes.empty());
+    writing.close();
+    EXPECT_FALSE(follower.look().value());
+    EXPECT_EQ(follower.group(0).nextEntries(1).value().bytes.size(), 16U);
 }
 
 }  // namespace
