@@ -104,7 +104,7 @@ Result<std::unique_ptr<CanAccess>> CanAccess::obtain(const SessionConfig::Can& c
     if (!channel.ok()) return channel.error();
 
     std::unique_ptr<CanAccess> access(new CanAccess(std::move(channel).value()));
-    access->link_ = access->channel_->link();
+    access->interface_ = access->channel_->interfaceState();
     access->cmdId_ = *cmdId;
     access->resId_ = *resId;
     access->described_ = {described.baudrate.value_or(0), described.dataBaudrate.value_or(0)};
@@ -196,9 +196,9 @@ std::string CanAccess::stateText(hal::CanBusState state) const {
     std::string text(stateName(state));
     if (state == hal::CanBusState::errorPassive) return text + ": check bit rate, wiring and termination";
     if (state != hal::CanBusState::busOff) return text;
-    if (link_ && !link_->isController()) return text;  // a report on a virtual interface
-    if (link_ && link_->restartMs != 0) {
-        return text + fmt::format(", the controller restarts by itself after {} ms", link_->restartMs);
+    if (interface_ && !interface_->isController()) return text;  // a report on a virtual interface
+    if (interface_ && interface_->restartMs != 0) {
+        return text + fmt::format(", the controller restarts by itself after {} ms", interface_->restartMs);
     }
     return text + ", nothing is sent any more. Restart the controller in a terminal: `sudo ip link set " +
            channel_->name() + " type can restart`";

@@ -74,7 +74,8 @@ class CanAccess {
     std::uint32_t resId_ = 0;
     CanBitrates described_;
     bool listIdsFixed_ = false;
-    std::optional<hal::CanLinkState> link_;  ///< asked once: the receive thread must not wait for the kernel
+    /// Asked once: the receive thread must not wait for the kernel.
+    std::optional<hal::CanInterfaceState> interface_;
 
     std::atomic<bool> lossReported_{false};  ///< said once
 

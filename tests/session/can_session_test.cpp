@@ -152,8 +152,8 @@ TEST_F(CanSession, ARestartByHandIsAskedForWhereItIsNeeded) {
         {"can", 200, "bus off, the controller restarts by itself after 200 ms"},
         {"vcan", 0, "bus off"}};
     for (const auto& row : rows) {
-        bus_.link.kind = row.kind;
-        bus_.link.restartMs = row.restartMs;
+        bus_.interface.kind = row.kind;
+        bus_.interface.restartMs = row.restartMs;
         const lm::test::LogCapture log;
         spdlog::default_logger()->set_level(spdlog::level::warn);
         auto session = create(0x600);

@@ -60,7 +60,7 @@ std::string told(const TransportSetup& setup) {
 void expectCan(const SessionConfig::Can& can, const std::optional<a2l::XcpOnCan>& described,
                std::uint32_t currentBitrate, const char* outcome) {
     broker::test::FakeCan bus;
-    bus.link.bitTiming.bitrate = currentBitrate;
+    bus.interface.bitTiming.bitrate = currentBitrate;
     ChannelPool pool(bus);
     SessionConfig config;
     config.can = can;
