@@ -15,12 +15,12 @@
 
 #include "core/result.h"
 #include "session/measurement_types.h"
+#include "session/medium.h"
 #include "session/outage_meter.h"
 #include "session/outage_notes.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
 #include "session/supervisor.h"
-#include "session/transport_choice.h"
 #include "storage/write/recording_writer.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/master.h"
@@ -31,7 +31,7 @@ namespace lm::session {
 struct MeasurementContext {
     const SessionConfig& config;
     const a2l::Description& description;
-    const TransportSetup& transport;
+    IMedium& medium;
     xcp::Master& master;
     const xcp::DaqCapabilities& capabilities;
     const std::atomic<std::uint64_t>& holes;  ///< as of xcp::DaqDecoder::setHoles
@@ -91,12 +91,10 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     xcp::IDaqRecordSink* sink_ = nullptr;
     std::unique_ptr<storage::RecordingWriter> writer_;
     OutageNotes notes_;  ///< the supervisor's while that one runs
-    hal::CanChannelStatistics canAtStart_;
-    xcp::UdpStatistics udpAtStart_;
-    xcp::SerialStatistics serialAtStart_;
 
     std::atomic<std::uint64_t> reconnects_{0};
     OutageMeter outages_;
+    const std::vector<MediumCounter> countersAtStart_;
 
     // Under decoderMutex_: replaced by the supervisor at a reconnection while statistics are read.
     mutable std::mutex decoderMutex_;
