@@ -98,11 +98,11 @@ void warnAboutSettings(const SessionConfig::Can& config, const a2l::XcpOnCan& de
 
 }  // namespace
 
-Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config,
-                                               const a2l::XcpInterface& interface, ChannelPool& pool) {
+Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, const a2l::XcpInterface& ifData,
+                                               ChannelPool& pool) {
     const SessionConfig::Can& can = config.can;
     if (can.interface.empty()) return std::unique_ptr<IMedium>();
-    const a2l::XcpOnCan described = interface.can.value_or(a2l::XcpOnCan{});
+    const a2l::XcpOnCan described = ifData.can.value_or(a2l::XcpOnCan{});
     const auto cmdId = can.cmdId ? can.cmdId : described.masterId;
     const auto resId = can.resId ? can.resId : described.slaveId;
     if (!cmdId || !resId) {
@@ -132,7 +132,7 @@ CanMedium::CanMedium(std::shared_ptr<SharedChannel> channel, xcp::CanTransportCo
       texts_(std::move(texts)),
       described_{described.baudrate.value_or(0), described.dataBaudrate.value_or(0)},
       listIdsFixed_(!described.daqListIds.empty()),
-      interface_(channel_->interfaceState()),
+      interfaceState_(channel_->interfaceState()),
       transport_(config_, channel_->broker()) {}
 
 CanMedium::~CanMedium() {
@@ -260,9 +260,10 @@ std::string CanMedium::stateText(hal::CanBusState state) const {
     std::string text(stateName(state));
     if (state == hal::CanBusState::errorPassive) return text + ": check bit rate, wiring and termination";
     if (state != hal::CanBusState::busOff) return text;
-    if (interface_ && !interface_->isController()) return text;  // a report on a virtual interface
-    if (interface_ && interface_->restartMs != 0) {
-        return text + fmt::format(", the controller restarts by itself after {} ms", interface_->restartMs);
+    if (interfaceState_ && !interfaceState_->isController()) return text;  // a report on a virtual interface
+    if (interfaceState_ && interfaceState_->restartMs != 0) {
+        return text +
+               fmt::format(", the controller restarts by itself after {} ms", interfaceState_->restartMs);
     }
     return text + ", nothing is sent any more. Restart the controller in a terminal: `sudo ip link set " +
            channel_->name() + " type can restart`";

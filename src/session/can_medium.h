@@ -69,7 +69,7 @@ class CanMedium final : public IMedium {
     const CanBitrates described_;
     const bool listIdsFixed_;
     /// Asked once: the receive thread must not wait for the kernel.
-    const std::optional<hal::CanInterfaceState> interface_;
+    const std::optional<hal::CanInterfaceState> interfaceState_;
 
     xcp::CanTransport transport_;  ///< uses the channel's broker
 
@@ -87,7 +87,7 @@ class CanMedium final : public IMedium {
 /// FD and the configuration does not ask for it. Errors: invalidArgument "CAN-IDs for XCP are neither
 /// configured nor in the A2L", invalidArgument "CAN-ID 0xID: CAN identifier out of range", the pool's, the
 /// channel's.
-Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config,
-                                               const a2l::XcpInterface& interface, ChannelPool& pool);
+Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, const a2l::XcpInterface& ifData,
+                                               ChannelPool& pool);
 
 }  // namespace lm::session

@@ -6,28 +6,17 @@
 
 #include <spdlog/spdlog.h>
 
-#include "core/platform.h"
 #include "session/measurement_plan.h"
 
 namespace lm::session {
 namespace {
 
-/// What the ECU told, but no DTO longer than the medium carries.
-xcp::ConnectInfo carriedBy(const IMedium& medium, xcp::ConnectInfo info) {
-    info.maxDto = medium.largestDto(info.maxDto);
-    return info;
-}
-
-std::int64_t nowNs(std::chrono::nanoseconds time) {
-    return time.count();
-}
-
 std::int64_t steadyNowNs() {
-    return nowNs(std::chrono::steady_clock::now().time_since_epoch());
+    return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 std::int64_t heartbeatNs(const MeasurementContext& context) {
-    return nowNs(context.config.reconnect.heartbeat);
+    return std::chrono::nanoseconds(context.config.reconnect.heartbeat).count();
 }
 
 /// Between two records; where samples do not come regularly, any gap that the supervision could notice.
@@ -51,29 +40,16 @@ void add(xcp::DaqDecoderCounters& total, const xcp::DaqDecoderCounters& part) {
 
 Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext context,
                                                         const MeasurementOptions& options) {
-    const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
-    auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
-                                carriedBy(context.medium, context.master.connectInfo()));
-    if (!plan.ok()) return plan.error();
-    if (!options.recordDirectory.empty()) {
-        if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();
-    }
-    const auto load = context.medium.claimLoad(loadInput(plan.value().daq, context.capabilities),
-                                               context.config.daq.maxBusLoad);
-    if (!load.ok()) return load.error();
-    const std::string warning = foreignEventWarning(plan.value());
-    if (!warning.empty()) spdlog::warn("{}", warning);
-    if (plan.value().daq.timestampSize == 0) {
-        spdlog::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
-    }
-
+    auto accepted = acceptPlan(context, options);
+    if (!accepted.ok()) return accepted.error();
     // The constructor is private, which std::make_unique cannot call.
     std::unique_ptr<Measurement> measurement(
-        new Measurement(std::move(context), std::move(plan).value(), load.value()));
+        new Measurement(std::move(context), std::move(accepted).value()));
     measurement->sink_ = options.sink;
     if (!options.recordDirectory.empty()) {
-        auto created = measurement->createRecording(options.recordDirectory);
+        auto created = createRecording(measurement->context_, measurement->plan_, options.recordDirectory);
         if (!created.ok()) return created.error();
+        measurement->writer_ = std::move(created).value();
     }
     if (options.onPlanned) options.onPlanned(measurement->plan_);
     auto started = measurement->startLists(measurement->context_.capabilities);
@@ -90,10 +66,10 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
     return measurement;
 }
 
-Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad)
+Measurement::Measurement(MeasurementContext context, AcceptedPlan accepted)
     : context_(std::move(context)),
-      plan_(std::move(plan)),
-      busLoad_(busLoad),
+      plan_(std::move(accepted.plan)),
+      busLoad_(accepted.busLoad),
       outages_(leastGapNs(plan_.daq, context_), heartbeatNs(context_)),
       countersAtStart_(context_.medium.counters()),
       delivered_(plan_.daq.lists.size()) {
@@ -109,27 +85,6 @@ Measurement::~Measurement() {
     supervisor_->stop();
     context_.master.setDtoSink(nullptr);
     context_.medium.releaseLoad();
-}
-
-Result<void> Measurement::createRecording(const std::filesystem::path& directory) {
-    // Every group keeps two files open and one more per summary level.
-    raiseOpenFileLimit();
-    storage::RecordingInfo info = recordingInfo(plan_, context_.capabilities);
-    info.startHostNs = steadyNowNs();
-    info.startUtcNs = nowNs(std::chrono::system_clock::now().time_since_epoch());
-    info.source = context_.medium.texts().source;
-    const auto normal = directory.lexically_normal();
-    info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
-    info.ecu = context_.ecuName;
-    info.utcOffsetMinutes = utcOffsetMinutes(info.startUtcNs);
-    info.a2lName = context_.config.a2l.filename().string();
-    info.a2lSha256 = context_.description.sha256;
-    storage::WriterOptions options;
-    options.queueBytes = storage::recommendedQueueBytes(info);
-    auto writer = storage::RecordingWriter::create(directory, std::move(info), options);
-    if (!writer.ok()) return writer.error();
-    writer_ = std::move(writer).value();
-    return {};
 }
 
 /// Downloads the plan, installs a fresh decoder, starts DAQ.

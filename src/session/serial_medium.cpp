@@ -56,11 +56,11 @@ class SerialMedium final : public IMedium {
 }  // namespace
 
 Result<std::unique_ptr<IMedium>> makeSerialMedium(const SessionConfig& config,
-                                                  const a2l::XcpInterface& interface, ChannelPool& /*pool*/) {
+                                                  const a2l::XcpInterface& ifData, ChannelPool& /*pool*/) {
     const SessionConfig::Serial& serial = config.serial;
     if (serial.port.empty()) return std::unique_ptr<IMedium>();
     const std::uint32_t described =
-        interface.serial ? interface.serial->baudrate.value_or(kDefaultBaudrate) : kDefaultBaudrate;
+        ifData.serial ? ifData.serial->baudrate.value_or(kDefaultBaudrate) : kDefaultBaudrate;
     return std::unique_ptr<IMedium>(std::make_unique<SerialMedium>(
         xcp::SerialTransportConfig{.port = serial.port,
                                    .baudrate = serial.baudrate.value_or(described),

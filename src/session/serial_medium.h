@@ -16,6 +16,6 @@ namespace lm::session {
 
 /// Null when no port is configured.
 Result<std::unique_ptr<IMedium>> makeSerialMedium(const SessionConfig& config,
-                                                  const a2l::XcpInterface& interface, ChannelPool& pool);
+                                                  const a2l::XcpInterface& ifData, ChannelPool& pool);
 
 }  // namespace lm::session

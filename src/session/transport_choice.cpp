@@ -14,10 +14,10 @@ constexpr std::array kMakers = {makeCanMedium, makeUdpMedium, makeSerialMedium};
 
 }  // namespace
 
-Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config,
-                                                 const a2l::XcpInterface& interface, ChannelPool& pool) {
+Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config, const a2l::XcpInterface& ifData,
+                                                 ChannelPool& pool) {
     for (const auto make : kMakers) {
-        auto medium = make(config, interface, pool);
+        auto medium = make(config, ifData, pool);
         if (!medium.ok() || medium.value() != nullptr) return medium;
     }
     return Error{ErrorCode::invalidArgument,

@@ -17,7 +17,7 @@ namespace lm::session {
 
 /// CAN when an interface is configured, else UDP when a host is, else the serial line when a port is. Errors:
 /// "neither a CAN interface, a serial port nor a UDP host is configured", those of the medium's maker.
-Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config,
-                                                 const a2l::XcpInterface& interface, ChannelPool& pool);
+Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config, const a2l::XcpInterface& ifData,
+                                                 ChannelPool& pool);
 
 }  // namespace lm::session

@@ -50,14 +50,14 @@ class UdpMedium final : public IMedium {
 
 }  // namespace
 
-Result<std::unique_ptr<IMedium>> makeUdpMedium(const SessionConfig& config,
-                                               const a2l::XcpInterface& interface, ChannelPool& /*pool*/) {
+Result<std::unique_ptr<IMedium>> makeUdpMedium(const SessionConfig& config, const a2l::XcpInterface& ifData,
+                                               ChannelPool& /*pool*/) {
     const SessionConfig::Udp& udp = config.udp;
     if (udp.host.empty()) return std::unique_ptr<IMedium>();
-    if (interface.tcp && !interface.udp) {
+    if (ifData.tcp && !ifData.udp) {
         return Error{ErrorCode::unsupported, "XCP on TCP/IP is not supported yet (use UDP)"};
     }
-    const std::uint16_t described = interface.udp ? interface.udp->port.value_or(kDefaultPort) : kDefaultPort;
+    const std::uint16_t described = ifData.udp ? ifData.udp->port.value_or(kDefaultPort) : kDefaultPort;
     return std::unique_ptr<IMedium>(std::make_unique<UdpMedium>(
         xcp::UdpTransportConfig{.host = udp.host, .port = udp.port.value_or(described)}));
 }

@@ -14,7 +14,7 @@
 namespace lm::session {
 
 /// Null when no host is configured. Error: unsupported "XCP on TCP/IP is not supported yet (use UDP)".
-Result<std::unique_ptr<IMedium>> makeUdpMedium(const SessionConfig& config,
-                                               const a2l::XcpInterface& interface, ChannelPool& pool);
+Result<std::unique_ptr<IMedium>> makeUdpMedium(const SessionConfig& config, const a2l::XcpInterface& ifData,
+                                               ChannelPool& pool);
 
 }  // namespace lm::session
