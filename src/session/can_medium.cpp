@@ -6,6 +6,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include "session/session_config.h"
 #include "storage/format/recording_source.h"
 #include "xcp/transport_event.h"
 

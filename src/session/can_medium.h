@@ -14,10 +14,8 @@
 #include <vector>
 
 #include "a2l/xcp_interface.h"
-#include "core/result.h"
 #include "session/channel_pool.h"
 #include "session/medium.h"
-#include "session/session_config.h"
 #include "xcp/can_transport.h"
 
 namespace lm::session {
@@ -82,12 +80,10 @@ class CanMedium final : public IMedium {
     std::int64_t spentNs_ = 0;  ///< until then the messages so far have used up the time that is for each
 };
 
-/// Null when no interface is configured. Else opens or joins its channel and claims the identifiers that it
-/// receives: the response identifier and the fixed identifiers of DAQ lists. Warns when the A2L describes CAN
-/// FD and the configuration does not ask for it. Errors: invalidArgument "CAN-IDs for XCP are neither
-/// configured nor in the A2L", invalidArgument "CAN-ID 0xID: CAN identifier out of range", the pool's, the
-/// channel's.
-Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, const a2l::XcpInterface& ifData,
-                                               ChannelPool& pool);
+/// Opens or joins the channel of the interface and claims the identifiers that it receives. Warns when the
+/// A2L describes CAN FD and the configuration does not ask for it. Errors: invalidArgument "CAN-IDs for XCP
+/// are neither configured nor in the A2L", invalidArgument "CAN-ID 0xID: CAN identifier out of range", the
+/// pool's, the channel's.
+MediumMaker makeCanMedium;
 
 }  // namespace lm::session

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,7 +17,14 @@
 #include "xcp/text_sink.h"
 #include "xcp/transport.h"
 
+namespace lm::a2l {
+struct XcpInterface;
+}
+
 namespace lm::session {
+
+class ChannelPool;
+struct SessionConfig;
 
 /// The medium in the words of its users.
 struct MediumTexts {
@@ -78,5 +86,9 @@ class IMedium {
         return Error{ErrorCode::unsupported, "text input needs a serial line"};
     }
 };
+
+/// Null when the configuration does not name the medium.
+using MediumMaker = Result<std::unique_ptr<IMedium>>(const SessionConfig& config,
+                                                     const a2l::XcpInterface& ifData, ChannelPool& pool);
 
 }  // namespace lm::session

@@ -1,9 +1,9 @@
 #include "session/serial_medium.h"
 
-#include <utility>
-
 #include <spdlog/fmt/fmt.h>
 
+#include "a2l/xcp_interface.h"
+#include "session/session_config.h"
 #include "storage/format/recording_source.h"
 #include "xcp/serial_transport.h"
 

@@ -9,8 +9,8 @@
 namespace lm::session {
 namespace {
 
-/// Each gives null when the configuration says nothing of its medium.
-constexpr std::array kMakers = {makeCanMedium, makeUdpMedium, makeSerialMedium};
+/// The first that is configured counts.
+constexpr std::array<MediumMaker*, 3> kMakers = {makeCanMedium, makeUdpMedium, makeSerialMedium};
 
 }  // namespace
 

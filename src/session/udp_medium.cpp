@@ -1,9 +1,9 @@
 #include "session/udp_medium.h"
 
-#include <utility>
-
 #include <spdlog/spdlog.h>
 
+#include "a2l/xcp_interface.h"
+#include "session/session_config.h"
 #include "storage/format/recording_source.h"
 #include "xcp/transport_event.h"
 #include "xcp/udp_transport.h"

@@ -86,7 +86,7 @@ TEST(NetlinkCanInterfaces, AsksTheKernel) {
 }
 
 /// An interface that takes what it is told, unless it refuses one of the requests.
-class FakeInterface final : public ICanInterfaces {
+class Fake final : public ICanInterfaces {
   public:
     CanInterfaceState state{true, "can", 16, {500000, 875}, {}, 0, CanBusState::errorPassive};
     std::string refused;  ///< the request that fails
@@ -121,58 +121,54 @@ TEST(CanInterfaceSetUp, ChangesOnlyWhatDiffersAndSaysHowToMendTheRest) {
         "terminal, then start the program again: `sudo setcap cap_net_admin+ep " +
         executablePath().string() + "`";
     const auto changed = [](const std::string& to) { return "down, " + to + ", up, query, state 3"; };
-    const auto fdOn = [](FakeInterface& l) {
+    const auto fdOn = [](Fake& l) {
         l.state.controlMode = CanInterfaceState::kFd;
         l.state.dataBitTiming = {2000000, 750};
     };
     const CanBitTiming same{2000000, 0};
     const CanBitTiming other{2000000, 800};
     const struct {
-        std::function<void(Config&, FakeInterface&)>
-            change;  ///< of: can0 up with 500000/875, the same configured
+        std::function<void(Config&, Fake&)> change;  ///< of: can0 up with 500000/875, the same configured
         std::string outcome;
     } rows[] = {
-        {[](Config&, FakeInterface&) {}, "state 3"},
-        {[](Config& c, FakeInterface&) { c.bitrate->samplePoint = 800; }, changed("500000/800 0/0 classic")},
-        {[](Config& c, FakeInterface&) { c.bitrate->bitrate = 250000; }, changed("250000/0 0/0 classic")},
-        {[](Config& c, FakeInterface&) { c.listenOnly = true; }, changed("500000/0 0/0 classic listen")},
-        {[](Config&, FakeInterface& l) { l.state.controlMode = 2; }, changed("500000/0 0/0 classic")},
-        {[](Config&, FakeInterface& l) { l.state.up = false; }, "500000/0 0/0 classic, up, query, state 3"},
-        {[&](Config&, FakeInterface& l) { fdOn(l); }, changed("500000/0 0/0 classic")},
-        {[](Config& c, FakeInterface&) { c.fd = true; }, changed("500000/0 500000/0 fd")},
-        {[&](Config& c, FakeInterface& l) { fdOn(l), c.fd = true, c.dataBitrate = same; }, "state 3"},
-        {[&](Config& c, FakeInterface& l) { fdOn(l), c.fd = true, c.dataBitrate = other; },
+        {[](Config&, Fake&) {}, "state 3"},
+        {[](Config& c, Fake&) { c.bitrate->samplePoint = 800; }, changed("500000/800 0/0 classic")},
+        {[](Config& c, Fake&) { c.bitrate->bitrate = 250000; }, changed("250000/0 0/0 classic")},
+        {[](Config& c, Fake&) { c.listenOnly = true; }, changed("500000/0 0/0 classic listen")},
+        {[](Config&, Fake& l) { l.state.controlMode = 2; }, changed("500000/0 0/0 classic")},
+        {[](Config&, Fake& l) { l.state.up = false; }, "500000/0 0/0 classic, up, query, state 3"},
+        {[&](Config&, Fake& l) { fdOn(l); }, changed("500000/0 0/0 classic")},
+        {[](Config& c, Fake&) { c.fd = true; }, changed("500000/0 500000/0 fd")},
+        {[&](Config& c, Fake& l) { fdOn(l), c.fd = true, c.dataBitrate = same; }, "state 3"},
+        {[&](Config& c, Fake& l) { fdOn(l), c.fd = true, c.dataBitrate = other; },
          changed("500000/0 2000000/800 fd")},
-        {[&](Config& c, FakeInterface& l) { fdOn(l), c.fd = true, c.bitrate->bitrate = 1000000; },
+        {[&](Config& c, Fake& l) { fdOn(l), c.fd = true, c.bitrate->bitrate = 1000000; },
          changed("1000000/0 2000000/750 fd")},
-        {[](Config& c, FakeInterface&) { c.bitrate.reset(), c.fd = true; }, "can0 is not in CAN FD mode"},
-        {[](Config& c, FakeInterface& l) { c.bitrate.reset(), l.state.up = false; },
+        {[](Config& c, Fake&) { c.bitrate.reset(), c.fd = true; }, "can0 is not in CAN FD mode"},
+        {[](Config& c, Fake& l) { c.bitrate.reset(), l.state.up = false; },
          "can0 is down and no bitrate is configured: set the bitrate in the settings, or switch it on in a "
          "terminal: `sudo ip link set can0 up type can bitrate 500000`"},
-        {[](Config& c, FakeInterface& l) { c.bitrate->bitrate = 1, l.refused = "1/0 0/0 classic"; },
+        {[](Config& c, Fake& l) { c.bitrate->bitrate = 1, l.refused = "1/0 0/0 classic"; },
          "down, 1/0 0/0 classic, up, 1/0 0/0 classic" + setcap},
-        {[](Config&, FakeInterface& l) { l.state.up = false, l.refused = "up"; },
+        {[](Config&, Fake& l) { l.state.up = false, l.refused = "up"; },
          "500000/0 0/0 classic, up, up" + setcap},
-        {[](Config& c, FakeInterface& l) { c.bitrate->bitrate = 1, l.refused = "down", l.failure = EBUSY; },
+        {[](Config& c, Fake& l) { c.bitrate->bitrate = 1, l.refused = "down", l.failure = EBUSY; },
          "down, down: Device or resource busy"},
-        {[](Config& c, FakeInterface& l) { c.fd = true, l.state.kind = "vcan", l.state.mtu = 72; },
-         "state 1"},
-        {[](Config& c, FakeInterface& l) { c.fd = true, l.state.kind = "vcan"; },
+        {[](Config& c, Fake& l) { c.fd = true, l.state.kind = "vcan", l.state.mtu = 72; }, "state 1"},
+        {[](Config& c, Fake& l) { c.fd = true, l.state.kind = "vcan"; },
          "can0 is not CAN FD capable. Change it in a terminal: `sudo ip link set can0 down && sudo ip link "
          "set can0 mtu 72 up`"},
-        {[](Config&, FakeInterface& l) { l.state.kind = "vcan", l.state.up = false; },
+        {[](Config&, Fake& l) { l.state.kind = "vcan", l.state.up = false; },
          "can0 is down. Switch it on in a terminal: `sudo ip link set can0 up`"},
-        {[](Config&, FakeInterface& l) { l.refused = "query", l.failure = ENODEV; },
+        {[](Config&, Fake& l) { l.refused = "query", l.failure = ENODEV; },
          "CAN interface 'can0' not found: is the adapter connected? `ip -br link` lists the interfaces"},
-        {[](Config& c, FakeInterface& l) {
-             c.interfaceName = "vcan5", l.refused = "query", l.failure = ENODEV;
-         },
+        {[](Config& c, Fake& l) { c.interfaceName = "vcan5", l.refused = "query", l.failure = ENODEV; },
          "virtual CAN interface 'vcan5' does not exist. Create it in a terminal: `sudo modprobe vcan && "
          "sudo ip link add dev vcan5 type vcan && sudo ip link set vcan5 mtu 72 up`"},
     };
     for (const auto& row : rows) {
         Config config{.interfaceName = "can0", .bitrate = CanBitTiming{500000, 0}};
-        FakeInterface can0;
+        Fake can0;
         row.change(config, can0);
         const auto state = setUpCanInterface(config, can0);
         const std::string end =

@@ -1,4 +1,5 @@
 #include "xcp/master.h"
+
 #include <chrono>
 #include <future>
 
@@ -6,7 +7,6 @@
 
 #include "xcp/daq_decoder.h"
 #include "xcp/scripted_slave.h"
-#include "xcp/transport_event.h"
 #include "xcp/transport_event.h"
 
 namespace lm::xcp {
