@@ -12,14 +12,14 @@
 
 #include "core/unique_fd.h"
 #include "hal/can_channel.h"
-#include "hal/can_link.h"
+#include "hal/can_interfaces.h"
 #include "hal/can_receiver.h"
 
 namespace lm::hal {
 
 class SocketCanChannel final : public ICanChannel {
   public:
-    SocketCanChannel(CanChannelConfig config, std::unique_ptr<ICanLink> link);
+    SocketCanChannel(CanChannelConfig config, std::unique_ptr<ICanInterfaces> interfaces);
     ~SocketCanChannel() override;
     SocketCanChannel(const SocketCanChannel&) = delete;
     SocketCanChannel& operator=(const SocketCanChannel&) = delete;
@@ -42,7 +42,7 @@ class SocketCanChannel final : public ICanChannel {
     void onReceiveFailure(CanReceiver& receiver, int systemError);
 
     const CanChannelConfig config_;
-    const std::unique_ptr<ICanLink> link_;
+    const std::unique_ptr<ICanInterfaces> interfaces_;
     std::atomic<IFrameSink*> sink_{nullptr};
     CanCounters counters_;
 
