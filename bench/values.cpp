@@ -12,7 +12,7 @@
 #include <benchmark/benchmark.h>
 
 #include "core/bytes.h"
-#include "storage/write/pyramid.h"
+#include "storage/write/summary_writer.h"
 #include "value/formula.h"
 
 namespace {
@@ -113,7 +113,9 @@ void summarise(benchmark::State& state, const Group& group) {
     if (::mkdtemp(directory.data()) == nullptr) std::abort();
     {
         storage::RecordingFaults faults{directory};
-        storage::Pyramid pyramid(0, group.info, faults);
+        auto made = storage::SummaryWriter::create(0, group.info, faults);
+        if (!made) std::abort();
+        storage::SummaryWriter& pyramid = made.value();
         for (auto _ : state)
             pyramid.add(group.records.data(), kRecords);
         pyramid.close();

@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <poll.h>
 #include <system_error>
-#include <unistd.h>
 
 #include "cli/message_output.h"
 #include "cli/stop_signal.h"
+#include "core/file_write.h"
 #include "xcp/text_lines.h"
 
 namespace lm::cli {
@@ -26,27 +26,14 @@ void appendPrintable(std::string& buffer, std::string_view text) {
     }
 }
 
-// A descriptor that its other users made non-blocking takes text again when its reader has caught up.
-void waitForReader(int descriptor) {
+// A descriptor that its other users made non-blocking takes text again when its reader has caught up; EINTR
+// when a stop request ended the wait for a reader that takes nothing.
+int waitForReader(int descriptor, int systemError) {
+    if (systemError != EINTR && systemError != EAGAIN) return systemError;
+    if (stopRequested()) return EINTR;
+    if (systemError == EINTR) return 0;
     std::array<pollfd, 2> waits = {pollfd{descriptor, POLLOUT, 0}, pollfd{stopDescriptor(), POLLIN, 0}};
     ::poll(waits.data(), waits.size(), -1);
-}
-
-// 0 or the errno of what failed; EINTR when a stop request ended the wait for a reader that takes nothing.
-int writeAll(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(descriptor, text.data(), text.size());
-        const int failure = count < 0 ? errno : 0;
-        if (failure == 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (failure != EINTR && failure != EAGAIN) {
-            return failure;
-        } else if (stopRequested()) {
-            return EINTR;
-        } else if (failure == EAGAIN) {
-            waitForReader(descriptor);
-        }
-    }
     return 0;
 }
 
@@ -74,7 +61,7 @@ void Output::appendValueLine(std::string_view name, std::string_view value) {
 }
 
 bool Output::flush() {
-    if (failure_ == 0) failure_ = writeAll(descriptor_, buffer_);
+    if (failure_ == 0) failure_ = writeAll(descriptor_, buffer_, &waitForReader);
     buffer_.clear();
     return failure_ == 0;
 }

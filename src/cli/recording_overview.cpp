@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
-#include <limits>
 #include <numeric>
 #include <optional>
 #include <system_error>
@@ -16,6 +15,7 @@
 #include "cli/stop_signal.h"
 #include "core/text.h"
 #include "storage/format/recording_events.h"
+#include "storage/read/exact_extremes.h"
 #include "storage/read/gap_finder.h"
 #include "storage/read/pyramid_reader.h"
 #include "storage/read/signal_selection.h"
@@ -29,17 +29,15 @@ using storage::GroupReader;
 using storage::RecordingInfo;
 using storage::SignalInfo;
 
-/// The first and the last timestamp of a group that has records.
-struct Span {
-    std::int64_t firstNs = std::numeric_limits<std::int64_t>::max();
-    std::int64_t lastNs = std::numeric_limits<std::int64_t>::min();
+using storage::TimeSpan;
 
-    bool isEmpty() const { return firstNs > lastNs; }
-    double seconds() const { return isEmpty() ? 0 : secondsBetween(firstNs, lastNs); }
-    static double secondsBetween(std::int64_t fromNs, std::int64_t toNs) {
-        return (static_cast<double>(toNs) - static_cast<double>(fromNs)) / 1e9;
-    }
-};
+double secondsBetween(std::int64_t fromNs, std::int64_t toNs) {
+    return (static_cast<double>(toNs) - static_cast<double>(fromNs)) / 1e9;
+}
+
+double secondsOf(const TimeSpan& span) {
+    return span.isEmpty() ? 0 : secondsBetween(span.firstNs, span.lastNs);
+}
 
 std::string sizeText(std::uint64_t bytes) {
     constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
@@ -63,40 +61,28 @@ std::uint64_t directorySize(const std::filesystem::path& directory) {
     return size;
 }
 
-Result<Span> spanOf(const GroupReader& group) {
-    Span span;
-    if (group.recordCount() == 0) return span;
-    auto first = group.timestampNs(0);
-    if (!first) return first.error();
-    auto last = group.timestampNs(group.recordCount() - 1);
-    if (!last) return last.error();
-    span.firstNs = first.value();
-    span.lastNs = last.value();
-    return span;
-}
-
 std::string cycleText(std::int64_t cycleNs) {
     if (cycleNs <= 0) return "not cyclic";
     return formatGeneral(static_cast<double>(cycleNs) / 1e6) + " ms";
 }
 
-std::string gapText(const storage::GapSummary& gaps, const RecordingInfo& info) {
+std::string gapText(const storage::Gaps& gaps, const RecordingInfo& info) {
     if (gaps.count == 0) return "none";
     return fmt::format("{}{}, the longest {:.3f} s at {:.3f} s", gaps.isLowerBound ? "at least " : "",
-                       gaps.count, static_cast<double>(gaps.longestNs) / 1e9,
-                       Span::secondsBetween(info.startHostNs, gaps.longestFromNs));
+                       gaps.count, static_cast<double>(gaps.longest.lengthNs()) / 1e9,
+                       secondsBetween(info.startHostNs, gaps.longest.beginNs));
 }
 
-void printCounts(const GroupReader& group, const Span& span, const RecordingInfo& info, Output& output) {
+void printCounts(const GroupReader& group, const TimeSpan& span, const RecordingInfo& info, Output& output) {
     output.append(fmt::format("  records      {}", group.recordCount()));
     if (!span.isEmpty()) {
-        if (span.seconds() > 0) {
+        if (secondsOf(span) > 0) {
             output.append(
-                fmt::format(", {:.1f}/s", static_cast<double>(group.recordCount() - 1) / span.seconds()));
+                fmt::format(", {:.1f}/s", static_cast<double>(group.recordCount() - 1) / secondsOf(span)));
         }
         output.append(fmt::format(", from {:.3f} s to {:.3f} s",
-                                  Span::secondsBetween(info.startHostNs, span.firstNs),
-                                  Span::secondsBetween(info.startHostNs, span.lastNs)));
+                                  secondsBetween(info.startHostNs, span.firstNs),
+                                  secondsBetween(info.startHostNs, span.lastNs)));
     }
     output.append('\n');
     if (group.tornBytes() > 0 && !group.isBeingWritten()) {
@@ -123,46 +109,18 @@ Result<std::vector<ExtremeTexts>> extremesFromLevels(const GroupReader& group,
     return texts;
 }
 
-/// A value as it was recorded.
-struct Sample {
-    long double raw;
-    long double physical;
-};
-struct Extremes {
-    std::optional<Sample> least;
-    std::optional<Sample> greatest;
-
-    void add(const Sample& sample) {
-        if (std::isnan(sample.physical)) return;
-        if (!least || sample.physical < least->physical) least = sample;
-        if (!greatest || sample.physical > greatest->physical) greatest = sample;
-    }
-};
-
 Result<std::vector<ExtremeTexts>> extremesFromRecords(const GroupReader& group) {
     const std::vector<SignalInfo>& signals = group.info().signals;
-    std::vector<Extremes> extremes(signals.size());
-    storage::RecordStream stream = group.read(group.all());
-    for (;;) {
-        auto batch = stream.next();
-        if (!batch) return batch.error();
-        if (stopRequested()) return Error{ErrorCode::closed, "stopped"};
-        if (batch.value().count == 0) break;
-        for (std::size_t i = 0; i < signals.size(); ++i) {
-            for (std::size_t n = 0; n < batch.value().count; ++n) {
-                const std::uint8_t* bytes = batch.value().data(n) + signals[i].recordOffset;
-                const long double raw = value::decodeExact(bytes, signals[i].coding);
-                extremes[i].add({raw, signals[i].conversion.toPhysicalExact(raw)});
-            }
-        }
-    }
+    auto extremes = storage::exactExtremes(group, stopRequested);
+    if (!extremes) return extremes.error();
     std::vector<ExtremeTexts> texts(signals.size());
     for (std::size_t i = 0; i < signals.size(); ++i) {
-        const auto text = [&signal = signals[i]](const Sample& sample) {
+        const auto text = [&signal = signals[i]](const storage::Sample& sample) {
             return xcp::printableText(
                 value::valueText(sample.raw, signal.coding, signal.conversion, value::NumberStyle::exact));
         };
-        if (extremes[i].least) texts[i].emplace(text(*extremes[i].least), text(*extremes[i].greatest));
+        const storage::ExactExtremes& found = extremes.value()[i];
+        if (found.least) texts[i].emplace(text(*found.least), text(*found.greatest));
     }
     return texts;
 }
@@ -192,25 +150,24 @@ Result<void> printSignals(const GroupReader& group, const std::filesystem::path&
 }
 
 std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
-    return fmt::format("{:.3f} s", Span::secondsBetween(info.startHostNs, timeNs));
+    return fmt::format("{:.3f} s", secondsBetween(info.startHostNs, timeNs));
 }
 
 /// How long all outages were; one without an end lasts at least to what is known last, a record or a line.
-std::string lengthText(const storage::RecordingEvents& events, const Span& span) {
+std::string lengthText(const storage::RecordingEvents& events, const TimeSpan& span) {
     std::int64_t latestNs = span.lastNs;
     if (!events.clocks.empty()) latestNs = std::max(latestNs, events.clocks.back().hostNs);
     double seconds = 0;
     bool isKnown = true;
     for (const storage::Outage& outage : events.outages) {
-        seconds +=
-            Span::secondsBetween(outage.beginNs, outage.endNs.value_or(std::max(latestNs, outage.beginNs)));
+        seconds += secondsBetween(outage.beginNs, outage.endNs.value_or(std::max(latestNs, outage.beginNs)));
         isKnown = isKnown && outage.endNs.has_value();
     }
     if (!isKnown && seconds == 0) return "length not known";
     return fmt::format("{}{:.3f} s in all", isKnown ? "" : "at least ", seconds);
 }
 
-void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info, const Span& span,
+void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info, const TimeSpan& span,
                   Output& output) {
     using File = storage::RecordingEvents::File;
     // An older program noted none.
@@ -238,16 +195,15 @@ void printClocks(const storage::RecordingEvents& events, const RecordingInfo& in
     if (events.clocks.size() < 2) return;
     const storage::ClockPair& first = events.clocks.front();
     const storage::ClockPair& last = events.clocks.back();
-    const double moved =
-        Span::secondsBetween(first.utcNs, last.utcNs) - Span::secondsBetween(first.hostNs, last.hostNs);
+    const double moved = secondsBetween(first.utcNs, last.utcNs) - secondsBetween(first.hostNs, last.hostNs);
     constexpr double kWorthTelling = 0.001;
     if (std::fabs(moved) < kWorthTelling) return;
     output.append(fmt::format("UTC            moved by {:+.3f} s against the recording's clock until {}\n",
                               moved, secondsText(last.hostNs, info)));
 }
 
-Result<void> printGroup(const GroupReader& group, const Span& span, const storage::RecordingReader& recording,
-                        value::NumberStyle style, Output& output) {
+Result<void> printGroup(const GroupReader& group, const TimeSpan& span,
+                        const storage::RecordingReader& recording, value::NumberStyle style, Output& output) {
     const std::int64_t cycle = group.info().cycleNs;
     output.append(fmt::format("group {:<8} {}, {}\n", group.number(), xcp::printableText(group.info().name),
                               cycleText(cycle)));
@@ -264,18 +220,18 @@ Result<void> printGroup(const GroupReader& group, const Span& span, const storag
 
 struct OpenedGroup {
     GroupReader reader;
-    Span span;
+    TimeSpan span;
 };
 
 Result<OpenedGroup> openGroup(const storage::RecordingReader& recording, std::size_t number) {
     auto reader = recording.openGroup(number);
     if (!reader) return reader.error();
-    auto span = spanOf(reader.value());
+    auto span = reader.value().timeSpan();
     if (!span) return span.error();
     return OpenedGroup{std::move(reader).value(), span.value()};
 }
 
-void printHead(const storage::RecordingReader& recording, const Span& span, bool beingWritten,
+void printHead(const storage::RecordingReader& recording, const TimeSpan& span, bool beingWritten,
                Output& output) {
     const RecordingInfo& info = recording.info();
     output.append("recording      " + xcp::printableText(info.name) +
@@ -283,7 +239,7 @@ void printHead(const storage::RecordingReader& recording, const Span& span, bool
     const std::string source = info.source.empty() ? "" : " (" + info.source + ")";
     output.append("ECU            " + xcp::printableText(info.ecu + source) + "\n");
     output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
-    output.append(fmt::format("duration       {:.3f} s\n", span.seconds()));
+    output.append(fmt::format("duration       {:.3f} s\n", secondsOf(span)));
     output.append("size           " + sizeText(directorySize(recording.directory())) + "\n");
     const storage::RecordingEvents events = storage::readEvents(recording.directory(), info);
     printOutages(events, info, span, output);
@@ -310,7 +266,7 @@ std::string physicalText(double value, const SignalInfo& signal) {
 int printOverview(const storage::RecordingReader& recording, value::NumberStyle style, Output& output) {
     int exitCode = 0;
     std::vector<OpenedGroup> groups;
-    Span whole;
+    TimeSpan whole;
     bool beingWritten = false;
     for (std::size_t i = 0; i < recording.info().groups.size(); ++i) {
         auto group = openGroup(recording, i);
@@ -319,8 +275,7 @@ int printOverview(const storage::RecordingReader& recording, value::NumberStyle 
             exitCode = 1;
             continue;
         }
-        whole.firstNs = std::min(whole.firstNs, group.value().span.firstNs);
-        whole.lastNs = std::max(whole.lastNs, group.value().span.lastNs);
+        whole.add(group.value().span);
         beingWritten = beingWritten || group.value().reader.isBeingWritten();
         groups.push_back(std::move(group).value());
     }

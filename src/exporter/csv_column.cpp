@@ -5,7 +5,6 @@
 #include <charconv>
 
 #include "exporter/number_text.h"
-#include "exporter/raw_integer.h"
 #include "value/value_text.h"
 
 namespace lm::exporter {
@@ -49,7 +48,7 @@ CsvColumn::Form CsvColumn::formOf(const storage::SignalInfo& signal, const Expor
 
 /// What tells one cell from another, in the form that makeCell() needs.
 std::uint64_t CsvColumn::rawBits(const std::uint8_t* bytes) const {
-    if (form_ == Form::rawInteger || wide_) return readInteger(bytes, signal_->coding);
+    if (form_ == Form::rawInteger || wide_) return value::decodeInteger(bytes, signal_->coding);
     return std::bit_cast<std::uint64_t>(decode_(bytes, signal_->coding));
 }
 

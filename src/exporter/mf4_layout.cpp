@@ -134,7 +134,7 @@ void Mf4Layout::pack(const std::uint8_t* stored, std::uint8_t* to) const {
                 break;
             }
             case Form::integer:
-                writeSized(place, readInteger(from, field.signal->coding), field.size,
+                writeSized(place, value::decodeInteger(from, field.signal->coding), field.size,
                            ByteOrder::littleEndian);
                 break;
             case Form::physical: {

@@ -215,7 +215,8 @@ Mf4Metadata makeMetadata(const storage::RecordingInfo& info, const std::vector<E
 }
 
 Mf4Events makeEvents(const storage::RecordingInfo& info, const std::vector<ExportGroup>& groups,
-                     const std::vector<Gaps>& gaps, const Mf4Metadata& metadata, std::uint64_t place) {
+                     const std::vector<storage::Gaps>& gaps, const Mf4Metadata& metadata,
+                     std::uint64_t place) {
     constexpr std::size_t kNext = 0;
     constexpr std::uint8_t kAcquisitionInterrupt = 2;
     constexpr std::uint8_t kTime = 1;
@@ -237,7 +238,7 @@ Mf4Events makeEvents(const storage::RecordingInfo& info, const std::vector<Expor
             before = event;
             return event;
         };
-        for (const Gap& gap : gaps[i].gaps) {
+        for (const storage::Gap& gap : gaps[i].gaps) {
             const Link begin = add(kBegin, 0, gap.beginNs);
             add(kEnd, begin, gap.endNs);
         }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include <spdlog/spdlog.h>
 
@@ -220,21 +221,51 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     if (!capabilities_) return Error{ErrorCode::unsupported, "the slave offers no DAQ"};
     measurement_.reset();
     overloadEvents_ = 0;
-    auto started = Measurement::start(
+    recording_.reset();
+    auto planned = Measurement::plan(
         {config_, description_, *medium_, *master_, *capabilities_, holes_, ecuName(),
          [this](SessionState state, const std::string& message) { changeState(state, message); }},
         options);
-    if (!started.ok()) return started.error();
-    measurement_ = std::move(started).value();
+    if (!planned.ok()) return planned.error();
+    measurement_ = std::move(planned).value();
+    if (const auto begun = beginMeasurement(options); !begun.ok()) {
+        measurement_.reset();
+        recording_.reset();
+        return begun.error();
+    }
     running_ = true;
     return measurement_->summary();
+}
+
+/// With its recording, of which a failure leaves no file that it made.
+Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
+    if (!options.recordDirectory.empty()) {
+        if (auto begun = beginRecording(options.recordDirectory); !begun.ok()) return begun;
+    }
+    auto started = measurement_->start(options);
+    if (started.ok()) return started;
+    if (recording_) {
+        const auto removed = recording_->discard();
+        if (!removed.ok()) spdlog::warn("{}", removed.error().text());
+    }
+    if (state() == SessionState::measuring) changeState(SessionState::connected, "");
+    return started;
+}
+
+Result<void> Session::beginRecording(const std::filesystem::path& directory) {
+    storage::RecordingInfo info = measurement_->recordingInfo(directory);
+    std::vector<storage::GroupInfo> groups = std::exchange(info.groups, {});
+    recording_ = std::make_unique<storage::Recorder>(std::move(info));
+    measurement_->recordTo(recording_->add(std::move(groups)));
+    return recording_->begin(directory);
 }
 
 Result<void> Session::stopMeasurement() {
     if (!running_) return {};
     running_ = false;
-    auto result = measurement_->stop([this] { return state(); });
-    silent_ = state() != SessionState::measuring || !result.stopped.ok();
+    auto stopped = measurement_->stop([this] { return state(); });
+    auto recorded = recording_ ? recording_->close() : Result<void>();
+    silent_ = state() != SessionState::measuring || !stopped.ok();
     {
         const std::lock_guard lock(stopMutex_);
         if (!stopRequested_) {
@@ -243,14 +274,19 @@ Result<void> Session::stopMeasurement() {
         }
     }
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
-    if (result.stopped.ok()) return std::move(result.recorded);
-    if (!result.recorded.ok()) spdlog::warn("{}", result.recorded.error().text());
-    return std::move(result.stopped);
+    if (stopped.ok()) return recorded;
+    if (!recorded.ok()) spdlog::warn("{}", recorded.error().text());
+    return stopped;
 }
 
 MeasurementStats Session::statistics() const {
     if (!measurement_) return {};
     MeasurementStats stats = measurement_->statistics();
+    if (recording_) {
+        stats.recording = true;
+        stats.recorded = recording_->recordsWritten();
+        stats.recordedDropped = recording_->recordsDropped();
+    }
     // An ECU that tells overloads in both ways means the same ones; some only do it the way they do not say.
     stats.overloads = std::max(stats.overloads, overloadEvents_.load());
     return stats;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -26,6 +27,7 @@
 #include "session/medium.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
+#include "storage/write/recorder.h"
 #include "value/value_text.h"
 #include "xcp/master.h"
 
@@ -140,6 +142,8 @@ class Session final : private xcp::IMasterListener {
     };
 
     void changeState(SessionState state, const std::string& message);
+    Result<void> beginRecording(const std::filesystem::path& directory);
+    Result<void> beginMeasurement(const MeasurementOptions& options);
     Result<a2l::ResolvedObject> resolve(std::string_view name) const;
     Result<SessionValue> readObject(const a2l::ResolvedObject& object);
     value::NumberStyle numberStyle() const;
@@ -158,7 +162,9 @@ class Session final : private xcp::IMasterListener {
     // One thread at a time.
     std::unique_ptr<xcp::Master> master_;
     std::optional<xcp::DaqCapabilities> capabilities_;
-    std::unique_ptr<Measurement> measurement_;  ///< the running or the last one, for its statistics
+    // The running or the last ones, for their statistics. The measurement borrows the recording.
+    std::unique_ptr<storage::Recorder> recording_;
+    std::unique_ptr<Measurement> measurement_;
     bool running_ = false;
     bool silent_ = false;  ///< the ECU did not answer last: DISCONNECT is not waited for
 

@@ -1,0 +1,35 @@
+#include "storage/read/exact_extremes.h"
+
+#include <cmath>
+
+namespace lm::storage {
+namespace {
+
+void add(ExactExtremes& extremes, const Sample& sample) {
+    if (std::isnan(sample.physical)) return;
+    if (!extremes.least || sample.physical < extremes.least->physical) extremes.least = sample;
+    if (!extremes.greatest || sample.physical > extremes.greatest->physical) extremes.greatest = sample;
+}
+
+}  // namespace
+
+Result<std::vector<ExactExtremes>> exactExtremes(const GroupReader& group, const StopQuestion& shouldStop) {
+    const std::vector<SignalInfo>& signals = group.info().signals;
+    std::vector<ExactExtremes> extremes(signals.size());
+    RecordStream stream = group.read(group.all());
+    for (;;) {
+        auto batch = stream.next();
+        if (!batch) return batch.error();
+        if (shouldStop()) return Error{ErrorCode::closed, "stopped"};
+        if (batch.value().count == 0) return extremes;
+        for (std::size_t i = 0; i < signals.size(); ++i) {
+            for (std::size_t n = 0; n < batch.value().count; ++n) {
+                const std::uint8_t* bytes = batch.value().data(n) + signals[i].recordOffset;
+                const long double raw = value::decodeExact(bytes, signals[i].coding);
+                add(extremes[i], {raw, signals[i].conversion.toPhysicalExact(raw)});
+            }
+        }
+    }
+}
+
+}  // namespace lm::storage
