@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include "cli/stop_signal.h"
 #include "core/text.h"
 #include "xcp/text_lines.h"
 
@@ -14,21 +15,84 @@ namespace {
 constexpr std::uint8_t kResourceCalibration = 0x01;
 constexpr std::uint8_t kResourceProgramming = 0x10;
 
-}  // namespace
-
-std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address) {
-    const std::string name = xcp::printableText(ecuName);
+/// How the ECU is reached.
+std::string description(const session::EcuAddress& address) {
     switch (address.kind) {
         case session::TransportKind::udp:
-            return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", name, address.place());
+            return fmt::format("XCP on UDP/IP, {}", address.place());
         case session::TransportKind::serial:
-            return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", name, address.place(),
-                               address.baudrate);
+            return fmt::format("XCP on serial, {}, {} baud", address.place(), address.baudrate);
         case session::TransportKind::can:
             break;
     }
-    return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", name, address.cmdId,
-                       address.resId, address.place());
+    return fmt::format("CMD 0x{:X}, RES 0x{:X} on {}", address.cmdId, address.resId, address.place());
+}
+
+void writeConnection(JsonWriter& json, const xcp::ConnectInfo& info) {
+    json.key("resources").beginArray();
+    if ((info.resource & kResourceCalibration) != 0) json.value("CAL/PAG");
+    if (info.offersDaq()) json.value("DAQ");
+    if ((info.resource & kResourceProgramming) != 0) json.value("PGM");
+    json.endArray();
+    json.member("byteOrder", info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel");
+    json.member("addressGranularity", info.granularity());
+    json.member("maxCto", info.maxCto);
+    json.member("maxDto", info.maxDto);
+}
+
+void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq) {
+    json.key("daq").beginObject();
+    json.member("dynamic", daq.dynamicConfiguration);
+    json.member("timestampBytes", daq.timestampSize);
+    json.member("timestampTickNs", daq.tickNs);
+    json.member("maxOdtEntry", daq.maxEntrySize);
+    json.key("events").beginArray();
+    for (const xcp::EventChannel& event : daq.events) {
+        json.beginObject();
+        json.member("event", event.number);
+        json.member("name", event.name.c_str());  // perhaps with NUL bytes behind it
+        json.member("cycleNs", event.cycleNs);
+        json.endObject();
+    }
+    json.endArray();
+    json.endObject();
+}
+
+class InfoReport final : public IReport {
+  public:
+    explicit InfoReport(session::Session& session) : session_(session), status_(session.status()) {
+        if (!status_) spdlog::warn("status not available: {}", status_.error().text());
+    }
+
+    void print(Output& output) const override {
+        output.append(ecuLine(session_.ecuName(), session_.address()));
+        output.append(connectLines(session_.connectInfo()));
+        if (session_.daqCapabilities()) output.append(daqLines(*session_.daqCapabilities()));
+        if (!status_) return;
+        output.append(fmt::format("status         session 0x{:02X}{}\n", status_.value().sessionStatus,
+                                  status_.value().daqRunning() ? ", DAQ running" : ""));
+    }
+
+    void write(JsonWriter& json) const override {
+        writeEcu(json, session_.ecuName(), session_.address());
+        writeConnection(json, session_.connectInfo());
+        if (session_.daqCapabilities()) writeDaq(json, *session_.daqCapabilities());
+        if (!status_) return;
+        json.key("status").beginObject();
+        json.member("session", status_.value().sessionStatus);
+        json.member("daqRunning", status_.value().daqRunning());
+        json.endObject();
+    }
+
+  private:
+    const session::Session& session_;
+    const Result<xcp::SlaveStatus> status_;
+};
+
+}  // namespace
+
+std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address) {
+    return fmt::format("ECU            {} ({})\n", xcp::printableText(ecuName), description(address));
 }
 
 std::string connectLines(const xcp::ConnectInfo& info) {
@@ -62,18 +126,17 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
     return lines;
 }
 
-int runInfo(session::Session& session, Output& output) {
-    output.append(ecuLine(session.ecuName(), session.address()));
-    output.append(connectLines(session.connectInfo()));
-    if (session.daqCapabilities()) output.append(daqLines(*session.daqCapabilities()));
-    if (const auto status = session.status()) {
-        const auto& value = status.value();
-        output.append(fmt::format("status         session 0x{:02X}{}\n", value.sessionStatus,
-                                  value.daqRunning() ? ", DAQ running" : ""));
-    } else {
-        spdlog::warn("status not available: {}", status.error().text());
-    }
-    return 0;
+void writeEcu(JsonWriter& json, const std::string& ecuName, const session::EcuAddress& address) {
+    json.key("ecu").beginObject();
+    json.member("name", ecuName);
+    json.member("address", address.name);
+    json.member("description", description(address));
+    json.endObject();
+}
+
+int InfoCommand::run(Workplace& place) {
+    place.results.show(InfoReport(*place.session));
+    return stopRequested() ? 1 : 0;
 }
 
 }  // namespace lm::cli

@@ -122,7 +122,7 @@ std::optional<TimeRange> recordedTimes(const RecordingReader& recording) {
 }
 
 /// What the options leave of the recorded times.
-Result<TimeRange> wantedTimes(const RecordingReader& recording, const RecordingOptions& options) {
+Result<TimeRange> wantedTimes(const RecordingReader& recording, const PlotOptions& options) {
     const auto recorded = recordedTimes(recording);
     if (!recorded) return Error{ErrorCode::notFound, "no records in " + recording.directory().string()};
     TimeRange times = *recorded;
@@ -220,7 +220,7 @@ PlotStyle plotStyleFor(int descriptor) {
     return style;
 }
 
-int plotSignals(const RecordingReader& recording, const RecordingOptions& options, const PlotStyle& style,
+int plotSignals(const RecordingReader& recording, const PlotOptions& options, const PlotStyle& style,
                 Output& output) {
     auto places = storage::selectSignals(recording.info(), options.signals);
     if (!places) {
