@@ -11,6 +11,7 @@
 #include "cli/options.h"
 #include "cli/recording_overview.h"
 #include "cli/recording_plot.h"
+#include "cli/recording_report.h"
 #include "cli/stop_signal.h"
 #include "storage/care/recording_check.h"
 #include "storage/care/recording_repair.h"
@@ -110,7 +111,13 @@ int RecordingInfoCommand::run(Workplace& place) {
     }
     auto recording = storage::RecordingReader::open(directory_);
     if (!recording) return fail(place.results, recording.error(), directory_);
-    return printOverview(recording.value(), style.value(), place.results.output());
+    int exitCode = 0;
+    const auto overview = overviewOf(recording.value(), style.value(), [&](const Error& error) {
+        place.results.fail(kPrefix, error, directory_);
+        exitCode = 1;
+    });
+    place.results.show(RecordingReport(overview));
+    return exitCode;
 }
 
 void RecordingCheckCommand::addOptions(CLI::App& app) {

@@ -20,7 +20,7 @@ class ConnectCommand final : public ICommand {
 
 constexpr CommandRow kRecordingActions[] = {
     {"info", "Outages, groups, signals, counts, rates, gaps, least and greatest values", "", Needs::nothing,
-     Form::text, make<RecordingInfoCommand>},
+     Form::json, make<RecordingInfoCommand>},
     {"check", "Compare all files with each other; exit code 1 when something is wrong", "", Needs::nothing,
      Form::json, make<RecordingCheckCommand>},
     {"repair", "After a crash: cut a torn record, rebuild time index and summaries", "", Needs::nothing,

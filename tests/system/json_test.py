@@ -1,5 +1,6 @@
 """--json: one object for each result that says what the text output says, a line for each record of a measurement."""
 import json
+import shutil
 import unittest
 
 from harness import SystemTest, record, signals
@@ -24,6 +25,20 @@ def list_text(told):
     return "".join(f"{o['kind'][0].upper()}  {o['name']:<50} "
                    f"{o['type'] if o['kind'] == 'measurement' or o['type'] == 'VALUE' else 'CURVE/MAP...':<13} "
                    f"{o['unit']:<8} 0x{o['address'] or 0:08X}{mark(o)}\n" for o in told["objects"])
+
+
+def recording_text(told):
+    text = (f"recording      {told['name']}\nECU            {told['ecu']} ({told['source']})\n"
+            f"start          {told['start'][:23]}Z\nduration       {told['seconds']:.3f} s\n"
+            f"size           {told['bytes'] / 1000:.1f} kB\noutages        {told['outages'] or 'none'}\n")
+    for group in told["groups"]:
+        first, last, count = group["firstNs"] / 1e9, group["lastNs"] / 1e9, group["records"]
+        text += (f"group {group['group']:<8} {group['name']}, {group['cycleNs'] // 1000000} ms\n"
+                 f"  records      {count}, {(count - 1) / (last - first):.1f}/s, from {first:.3f} s to {last:.3f} s\n"
+                 f"  gaps         {group['gaps']['count'] or 'none'}\n")
+        text += "".join(f"  {s['name']:<40} {s['type']:<13} {s['least']['text']:>12} {s['greatest']['text']:>12}\n"
+                        for s in group["signals"])
+    return text
 
 
 def check_text(told):
@@ -53,9 +68,12 @@ class JsonTest(SystemTest):
         units = {o["unit"] for o in self.told("--a2l", sim.a2l, "list", "engine_speed")[0]["objects"]}
         self.assertEqual(units, {"\N{DEGREE SIGN}\t\x9b"})
         sim.a2l = self.write_a2l()
-        (directory / "g0000.tix").write_bytes(b"")
+        damaged = self.dir / "damaged"
+        shutil.copytree(directory, damaged)
+        (damaged / "g0000.tix").write_bytes(b"")
         rows = [(info_text, ["info"]), (list_text, ["list"]), (list_text, ["list", "-p", "lim"]),
-                (check_text, ["recording", "check", directory]),
+                (recording_text, ["recording", "info", directory]), (check_text, ["recording", "check", directory]),
+                (check_text, ["recording", "check", damaged]),
                 (export_text, ["export", directory, "--force", "-o", self.dir / "x.csv"])]
         for text, arguments in rows:
             with self.subTest(arguments):
