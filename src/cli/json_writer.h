@@ -1,4 +1,5 @@
-// Writes JSON into a text, piece by piece: for results, and for records that come by the thousand.
+// Writes JSON into a text, piece by piece: for results, and for records that come by the hundred thousand
+// each second, for which building a document first would be too slow.
 //
 // Threads: one thread. Lifetime: the text is borrowed; others may append whole JSON to it in between.
 #pragma once
