@@ -185,7 +185,7 @@ void ConsoleCommand::addOptions(CLI::App& app) {
 
 int ConsoleCommand::run(Workplace& place) {
     session::Session& session = *place.session;
-    if (session.address().kind != session::TransportKind::serial) {
+    if (!session.medium().hasText()) {
         printMessage("console: needs a serial line (--serial)\n");
         return 1;
     }

@@ -15,19 +15,6 @@ namespace {
 constexpr std::uint8_t kResourceCalibration = 0x01;
 constexpr std::uint8_t kResourceProgramming = 0x10;
 
-/// How the ECU is reached.
-std::string description(const session::EcuAddress& address) {
-    switch (address.kind) {
-        case session::TransportKind::udp:
-            return fmt::format("XCP on UDP/IP, {}", address.place());
-        case session::TransportKind::serial:
-            return fmt::format("XCP on serial, {}, {} baud", address.place(), address.baudrate);
-        case session::TransportKind::can:
-            break;
-    }
-    return fmt::format("CMD 0x{:X}, RES 0x{:X} on {}", address.cmdId, address.resId, address.place());
-}
-
 void writeConnection(JsonWriter& json, const xcp::ConnectInfo& info) {
     json.key("resources").beginArray();
     if ((info.resource & kResourceCalibration) != 0) json.value("CAL/PAG");
@@ -65,7 +52,8 @@ class InfoReport final : public IReport {
     }
 
     void print(Output& output) const override {
-        output.append(ecuLine(session_.ecuName(), session_.address()));
+        output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(session_.ecuName()),
+                                  session_.medium().texts().description));
         output.append(connectLines(session_.connectInfo()));
         if (session_.daqCapabilities()) output.append(daqLines(*session_.daqCapabilities()));
         if (!status_) return;
@@ -74,7 +62,7 @@ class InfoReport final : public IReport {
     }
 
     void write(JsonWriter& json) const override {
-        writeEcu(json, session_.ecuName(), session_.address());
+        writeEcu(json, session_);
         writeConnection(json, session_.connectInfo());
         if (session_.daqCapabilities()) writeDaq(json, *session_.daqCapabilities());
         if (!status_) return;
@@ -90,10 +78,6 @@ class InfoReport final : public IReport {
 };
 
 }  // namespace
-
-std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address) {
-    return fmt::format("ECU            {} ({})\n", xcp::printableText(ecuName), description(address));
-}
 
 std::string connectLines(const xcp::ConnectInfo& info) {
     const auto resource = [&info](std::uint8_t bit, const char* name) {
@@ -126,11 +110,11 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
     return lines;
 }
 
-void writeEcu(JsonWriter& json, const std::string& ecuName, const session::EcuAddress& address) {
+void writeEcu(JsonWriter& json, const session::Session& session) {
     json.key("ecu").beginObject();
-    json.member("name", ecuName);
-    json.member("address", address.name);
-    json.member("description", description(address));
+    json.member("name", session.ecuName());
+    json.member("address", session.medium().texts().name);
+    json.member("description", session.medium().texts().description);
     json.endObject();
 }
 

@@ -10,9 +10,6 @@
 
 namespace lm::cli {
 
-/// "ECU            NAME (how it is reached)\n".
-std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address);
-
 /// The lines "resources" and "communication".
 std::string connectLines(const xcp::ConnectInfo& info);
 
@@ -20,7 +17,7 @@ std::string connectLines(const xcp::ConnectInfo& info);
 std::string daqLines(const xcp::DaqCapabilities& daq);
 
 /// The member "ecu" of JSON objects.
-void writeEcu(JsonWriter& json, const std::string& ecuName, const session::EcuAddress& address);
+void writeEcu(JsonWriter& json, const session::Session& session);
 
 class InfoCommand final : public ICommand {
   public:
