@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "cli/message_output.h"
+#include "cli/nonblocking_output.h"
 #include "cli/stop_signal.h"
 #include "core/file_write.h"
 #include "xcp/text_lines.h"
@@ -69,6 +70,20 @@ bool Output::flush() {
 int Output::finish(int exitCode) {
     flush();
     return failure_ == EINTR || reportOutputFailure(failure_) ? 1 : exitCode;
+}
+
+int Output::finishWithin(std::chrono::milliseconds limit, int exitCode) {
+    using Clock = std::chrono::steady_clock;
+    NonblockingOutput output(descriptor_);
+    const auto deadline = Clock::now() + limit;
+    for (std::string_view rest = buffer_; !rest.empty() && Clock::now() < deadline;) {
+        const auto taken = output.tryWrite(rest);
+        if (!taken) return reportOutputFailure(taken.error().sysErrno) ? 1 : exitCode;
+        rest.remove_prefix(taken.value());
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (taken.value() == 0 && left.count() > 0) output.waitWritable(-1, left);
+    }
+    return exitCode;
 }
 
 bool reportOutputFailure(int systemError) {

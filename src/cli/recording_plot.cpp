@@ -28,7 +28,7 @@ using storage::TimeRange;
 constexpr std::int64_t kEndless = std::numeric_limits<std::int64_t>::max();
 
 /// What the options leave of the recorded times.
-Result<TimeRange> wantedTimes(const RecordingReader& recording, const RecordingOptions& options) {
+Result<TimeRange> wantedTimes(const RecordingReader& recording, const PlotOptions& options) {
     const storage::TimeSpan recorded = recording.timeSpan();
     if (recorded.isEmpty()) {
         return Error{ErrorCode::notFound, "no records in " + recording.directory().string()};
@@ -112,7 +112,7 @@ PlotStyle plotStyleFor(int descriptor) {
     return style;
 }
 
-int plotSignals(const RecordingReader& recording, const RecordingOptions& options, const PlotStyle& style,
+int plotSignals(const RecordingReader& recording, const PlotOptions& options, const PlotStyle& style,
                 Output& output) {
     auto places = storage::selectSignals(recording.info(), options.signals);
     if (!places) {

@@ -76,7 +76,7 @@ std::vector<Finding> checkEvents(const std::filesystem::path& directory, const R
 }
 
 Result<void> repairEvents(const std::filesystem::path& directory, const RecordingInfo& info,
-                          const TellDeed& tell) {
+                          const RepairListener& tell) {
     const std::filesystem::path path = directory / kEventFileName;
     RecordingEvents events = readEvents(directory, info);
     if (mendOf(events) == Mend::none) return {};

@@ -84,7 +84,7 @@ class Replacement {
 class GroupRepair {
   public:
     GroupRepair(fs::path directory, std::size_t number, const GroupInfo& group,
-                const StopQuestion& shouldStop, const TellDeed& tell)
+                const StopQuestion& shouldStop, const RepairListener& tell)
         : directory_(std::move(directory)),
           number_(number),
           group_(group),
@@ -103,7 +103,7 @@ class GroupRepair {
     std::size_t number_;
     const GroupInfo& group_;
     const StopQuestion& shouldStop_;
-    const TellDeed& tell_;
+    const RepairListener& tell_;
 };
 
 Result<void> GroupRepair::run(const GroupCheck& check) {
@@ -211,7 +211,7 @@ Result<void> refuseWhileRecorded(const RecordingReader& recording) {
 }  // namespace
 
 Result<std::vector<Finding>> repairRecording(const fs::path& directory, const StopQuestion& shouldStop,
-                                             const TellDeed& tell) {
+                                             const RepairListener& tell) {
     auto recording = RecordingReader::open(directory);
     if (!recording) return recording.error();
     if (auto free = refuseWhileRecorded(recording.value()); !free) return free.error();
