@@ -26,14 +26,16 @@ std::size_t pieceLength(std::string_view text) {
 }
 
 /// With verbal texts that do not steer the terminal.
-value::Conversion printable(const value::Conversion& conversion) {
-    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&conversion.kind());
-    if (verbal == nullptr) return conversion;
+value::Element printable(value::Element element) {
+    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&element.conversion->kind());
+    if (verbal == nullptr) return element;
     value::Conversion::VerbalTable table = *verbal;
     table.defaultText = xcp::printableText(table.defaultText);
     for (auto& range : table.ranges)
         range.text = xcp::printableText(range.text);
-    return {std::move(table), conversion.formatText(), conversion.unit()};
+    element.conversion = std::make_shared<const value::Conversion>(
+        std::move(table), element.conversion->formatText(), element.conversion->unit());
+    return element;
 }
 
 std::uint64_t countLines(std::string_view text) {
@@ -71,13 +73,12 @@ void Console::setPlan(const session::MeasurementPlan& plan) {
     lists_.clear();
     lists_.resize(plan.daq.lists.size());
     for (const session::PlannedSignal& signal : plan.planned) {
-        const a2l::ResolvedObject& object = signal.object;
-        const std::string& unit = object.conversion.unit();
-        const bool showUnit = !unit.empty() && !object.conversion.isVerbal();
+        const value::Element& element = signal.element;
+        const std::string& unit = element.conversion->unit();
+        const bool showUnit = !unit.empty() && !element.conversion->isVerbal();
         lists_.at(signal.listIndex)
-            .columns.push_back({"  " + xcp::printableText(object.name) + "=", signal.recordOffset,
-                                object.coding, printable(object.conversion),
-                                showUnit ? " " + xcp::printableText(unit) : ""});
+            .columns.push_back({"  " + xcp::printableText(element.name) + "=", signal.recordOffset,
+                                printable(element), showUnit ? " " + xcp::printableText(unit) : ""});
     }
 }
 
@@ -167,9 +168,8 @@ void Console::appendLine(std::string& text, const QueuedHeader& header, const st
     text += seconds;
     for (const Column& column : lists_[header.listIndex].columns) {
         text += column.label;
-        const bool inside = column.offset + column.coding.size() <= header.size;
-        text +=
-            inside ? value::valueText(data + column.offset, column.coding, column.conversion, style_) : "?";
+        const bool inside = column.offset + column.element.size() <= header.size;
+        text += inside ? value::valueText(column.element, data + column.offset, style_) : "?";
         text += column.suffix;
     }
     text += '\n';

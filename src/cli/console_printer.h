@@ -24,8 +24,6 @@
 #include "cli/nonblocking_output.h"
 #include "session/measurement_types.h"
 #include "session/session_state.h"
-#include "value/conversion.h"
-#include "value/raw_value.h"
 #include "value/value_text.h"
 #include "xcp/daq_decoder.h"
 
@@ -68,8 +66,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     struct Column {
         std::string label;  ///< "  NAME="
         std::size_t offset = 0;
-        value::RawCoding coding;
-        value::Conversion conversion;
+        value::Element element;
         std::string suffix;  ///< " UNIT" or empty
     };
     struct List {

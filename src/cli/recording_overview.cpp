@@ -125,17 +125,17 @@ Result<std::vector<ExtremeTexts>> extremesFromLevels(const GroupReader& group,
 
 /// A value as it was recorded.
 struct Sample {
-    long double raw;
-    long double physical;
+    value::Value raw;
+    value::Value physical;  ///< a number, also of a verbal conversion
 };
 struct Extremes {
     std::optional<Sample> least;
     std::optional<Sample> greatest;
 
-    void add(const Sample& sample) {
-        if (std::isnan(sample.physical)) return;
+    void add(Sample sample) {
+        if (std::isnan(value::toDouble(sample.physical))) return;
         if (!least || sample.physical < least->physical) least = sample;
-        if (!greatest || sample.physical > greatest->physical) greatest = sample;
+        if (!greatest || sample.physical > greatest->physical) greatest = std::move(sample);
     }
 };
 
@@ -151,16 +151,17 @@ Result<std::vector<ExtremeTexts>> extremesFromRecords(const GroupReader& group) 
         for (std::size_t i = 0; i < signals.size(); ++i) {
             for (std::size_t n = 0; n < batch.value().count; ++n) {
                 const std::uint8_t* bytes = batch.value().data(n) + signals[i].recordOffset;
-                const long double raw = value::decodeExact(bytes, signals[i].coding);
-                extremes[i].add({raw, signals[i].conversion.toPhysicalExact(raw)});
+                value::Value raw = value::rawValue(signals[i], bytes);
+                value::Value physical = signals[i].conversion->toPhysical(raw);
+                extremes[i].add({std::move(raw), std::move(physical)});
             }
         }
     }
     std::vector<ExtremeTexts> texts(signals.size());
     for (std::size_t i = 0; i < signals.size(); ++i) {
         const auto text = [&signal = signals[i]](const Sample& sample) {
-            return xcp::printableText(
-                value::valueText(sample.raw, signal.coding, signal.conversion, value::NumberStyle::exact));
+            return xcp::printableText(value::valueText(signal, value::physicalValue(signal, sample.raw),
+                                                       value::NumberStyle::exact));
         };
         if (extremes[i].least) texts[i].emplace(text(*extremes[i].least), text(*extremes[i].greatest));
     }
@@ -183,8 +184,8 @@ Result<void> printSignals(const GroupReader& group, const std::filesystem::path&
             output.append(" no value");
         } else {
             output.append(fmt::format(" {:>12} {:>12}", texts->first, texts->second));
-            if (!signals[i].conversion.unit().empty())
-                output.append(" " + xcp::printableText(signals[i].conversion.unit()));
+            if (!signals[i].conversion->unit().empty())
+                output.append(" " + xcp::printableText(signals[i].conversion->unit()));
         }
         output.append('\n');
     }
@@ -300,11 +301,8 @@ std::string outageText(const storage::Outage& outage, const RecordingInfo& info)
 
 std::string physicalText(double value, const SignalInfo& signal) {
     // Physical and raw value of a verbal conversion are the same.
-    if (signal.conversion.isVerbal()) {
-        if (const auto text = signal.conversion.verbalText(value)) return xcp::printableText(*text);
-    }
-    return value::Conversion(value::Conversion::Identical{}, signal.conversion.formatText(), "")
-        .format(value);
+    if (const auto text = signal.conversion->verbalText(value)) return xcp::printableText(*text);
+    return signal.conversion->formatPhysical(value);
 }
 
 int printOverview(const storage::RecordingReader& recording, value::NumberStyle style, Output& output) {

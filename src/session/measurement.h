@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "a2l/description.h"
 #include "core/result.h"
 #include "session/measurement_types.h"
 #include "session/outage_meter.h"
