@@ -1,6 +1,7 @@
 #include "value/value_text.h"
 
 #include <cmath>
+#include <utility>
 
 #include "core/text.h"
 
@@ -20,9 +21,9 @@ std::string exactText(double physical, const Element& element) {
 
 }  // namespace
 
-std::string valueText(const Element& element, const Value& physical, NumberStyle style) {
+std::string valueText(const Element& element, Value physical, NumberStyle style) {
+    if (auto* text = std::get_if<std::string>(&physical)) return std::move(*text);
     if (style == NumberStyle::formatted) return element.conversion->formatPhysical(physical);
-    if (const auto* text = std::get_if<std::string>(&physical)) return *text;
     if (const auto* exact = std::get_if<Exact>(&physical)) return exact->shortest();
     return exactText(std::get<double>(physical), element);
 }

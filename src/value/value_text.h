@@ -16,7 +16,7 @@ enum class NumberStyle : std::uint8_t {
 };
 
 /// What is shown for a physical value.
-std::string valueText(const Element& element, const Value& physical, NumberStyle style);
+std::string valueText(const Element& element, Value physical, NumberStyle style);
 
 /// The same for the element's bytes.
 std::string valueText(const Element& element, const std::uint8_t* bytes, NumberStyle style);

@@ -128,7 +128,6 @@ TEST(BitOperation, ReplacesTheShiftOfTheMaskBothWays) {
     for (const Row& row : rows) {
         const value::Element one = findObject(description, row.name).value().element();
         std::vector<std::uint8_t> bytes = {0xCD, 0xAB};
-        EXPECT_EQ(value::decodeRaw(bytes.data(), one.coding), row.read) << row.name;
         EXPECT_EQ(value::toDouble(value::rawValue(one, bytes.data())), row.read) << row.name;
         EXPECT_FALSE(value::encodeText(one, row.refused, bytes).ok()) << row.name;
         EXPECT_TRUE(value::encodeRaw(row.written, one.coding, bytes).ok()) << row.name;
