@@ -114,11 +114,12 @@ def display_text(conversion, raw):
     text = conversion.text(raw)
     if text:
         return text
-    digits, factor = decimals(conversion), conversion.factor()
-    if isinstance(raw, int) and int(float(raw)) != raw and factor and digits is not None:
+    digits, line = decimals(conversion), conversion.line()
+    if isinstance(raw, int) and abs(raw) >> 32 and line and digits is not None:
         with localcontext() as context:
             context.prec = 100
-            return f"{Decimal(raw) * factor.numerator / factor.denominator:.{digits}f}"[:63]
+            exact = raw * line[0] + line[1]
+            return f"{Decimal(exact.numerator) / exact.denominator:.{digits}f}"[:63]
     value = conversion.physical(raw)
     if value != value:
         return "nan"
