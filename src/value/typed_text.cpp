@@ -14,6 +14,7 @@ namespace {
 /// What the text is as a number; none when it is not one.
 std::optional<Value> parseNumber(std::string_view text, bool exact) {
     const auto number = Exact::parse(text);
+    if (number && number->units == 0 && text.starts_with('-')) return -0.0;  // told as it was typed
     if (number && exact) return *number;
     if (const auto rounded = parseDouble(text)) return *rounded;
     return number ? std::optional<Value>(number->toDouble()) : std::nullopt;  // a hexadecimal one

@@ -124,7 +124,7 @@ def told(one, memory, unit):
     """What must be told of an object, as the memory is."""
     if one.field.size % unit:
         return "ERROR upload size must be a non-zero multiple of AG"
-    return a2l_text.display_text(one.conversion, one.field.decoded(memory[one.place]))
+    return a2l_text.display_text(one.conversion, one.field.decoded(memory[one.place]), one.field.size == 8)
 
 
 class SetSafety(campaign.Campaign):
