@@ -39,6 +39,16 @@ void JsonWriter::appendDouble(double number) {
     text_.append(digits, std::to_chars(std::begin(digits), std::end(digits), number).ptr);
 }
 
+void JsonWriter::appendValue(const value::Value& value) {
+    if (const auto* exact = std::get_if<value::Exact>(&value)) {
+        text_ += exact->shortest();
+    } else if (const auto* text = std::get_if<std::string>(&value)) {
+        appendText(*text);
+    } else {
+        appendDouble(std::get<double>(value));
+    }
+}
+
 void JsonWriter::appendText(std::string_view text) {
     text_ += '"';
     if (std::all_of(text.begin(), text.end(), isPlain)) {

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "value/value.h"
+
 namespace lm::cli {
 
 class JsonWriter {
@@ -45,6 +47,8 @@ class JsonWriter {
             text_.append(digits, std::to_chars(std::begin(digits), std::end(digits), what).ptr);
         } else if constexpr (std::is_floating_point_v<T>) {
             appendDouble(what);
+        } else if constexpr (std::is_same_v<T, value::Value>) {
+            appendValue(what);
         } else {
             appendText(what);
         }
@@ -74,6 +78,7 @@ class JsonWriter {
         if (!text_.empty() && kNoCommaAfter.find(text_.back()) == std::string_view::npos) text_ += ',';
     }
     void appendDouble(double number);
+    void appendValue(const value::Value& value);
     void appendText(std::string_view text);
     void appendEscaped(std::string_view text);
 

@@ -23,23 +23,24 @@ using Record = std::span<const std::uint8_t>;
 struct Column {
     std::string before;
     std::size_t offset = 0;
-    value::RawCoding coding;
-    value::Conversion conversion;
+    value::Element element;
     std::string behind;
 
-    bool isInside(Record record) const { return offset + coding.size() <= record.size(); }
+    bool isInside(Record record) const { return offset + element.size() <= record.size(); }
 };
 using Columns = std::vector<Column>;
 
 /// With verbal texts that do not steer the terminal.
-value::Conversion printable(const value::Conversion& conversion) {
-    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&conversion.kind());
-    if (verbal == nullptr) return conversion;
+value::Element printable(value::Element element) {
+    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&element.conversion->kind());
+    if (verbal == nullptr) return element;
     value::Conversion::VerbalTable table = *verbal;
     table.defaultText = xcp::printableText(table.defaultText);
     for (auto& range : table.ranges)
         range.text = xcp::printableText(range.text);
-    return {std::move(table), conversion.formatText(), conversion.unit()};
+    element.conversion = std::make_shared<const value::Conversion>(
+        std::move(table), element.conversion->formatText(), element.conversion->unit());
+    return element;
 }
 
 class TextLines final : public IMeasurementLines {
@@ -47,12 +48,12 @@ class TextLines final : public IMeasurementLines {
     TextLines(const MeasurementPlan& plan, value::NumberStyle style)
         : style_(style), lists_(plan.daq.lists.size()) {
         for (const PlannedSignal& signal : plan.planned) {
-            const a2l::ResolvedObject& object = signal.object;
-            const std::string& unit = object.conversion.unit();
-            const bool showUnit = !unit.empty() && !object.conversion.isVerbal();
+            const value::Element& element = signal.element;
+            const std::string& unit = element.conversion->unit();
+            const bool showUnit = !unit.empty() && !element.conversion->isVerbal();
             lists_.at(signal.listIndex)
-                .push_back({"  " + xcp::printableText(object.name) + "=", signal.recordOffset, object.coding,
-                            printable(object.conversion), showUnit ? " " + xcp::printableText(unit) : ""});
+                .push_back({"  " + xcp::printableText(element.name) + "=", signal.recordOffset,
+                            printable(element), showUnit ? " " + xcp::printableText(unit) : ""});
         }
     }
 
@@ -68,9 +69,9 @@ class TextLines final : public IMeasurementLines {
         text += seconds;
         for (const Column& column : lists_[list]) {
             text += column.before;
-            text += column.isInside(record) ? value::valueText(record.data() + column.offset, column.coding,
-                                                               column.conversion, style_)
-                                            : "?";
+            text += column.isInside(record)
+                        ? value::valueText(column.element, record.data() + column.offset, style_)
+                        : "?";
             text += column.behind;
         }
         text += '\n';
@@ -82,23 +83,21 @@ class TextLines final : public IMeasurementLines {
 };
 
 /// "raw" and "physical": integers stay integers where the conversion changes nothing.
-void writeNumbers(JsonWriter& json, const std::uint8_t* bytes, const value::RawCoding& coding,
-                  const value::Conversion& conversion) {
-    const auto write = [&json](const auto& raw, const auto& physical) {
+void writeNumbers(JsonWriter& json, const value::Element& element, const std::uint8_t* bytes) {
+    if (value::isFloat(element.coding.dataType)) {
+        const double raw = value::decodeRaw(bytes, element.coding);
         json.member("raw", raw);
-        json.member("physical", physical);
+        return json.member("physical", element.conversion->toPhysical(raw));
+    }
+    const std::uint64_t raw = value::decodeInteger(bytes, element.coding);
+    const auto writeRaw = [&](std::string_view key) {
+        value::hasSign(element.coding) ? json.member(key, static_cast<std::int64_t>(raw))
+                                       : json.member(key, raw);
     };
-    const bool isSame = conversion.binaryExponent() == 0;
-    if (value::isFloat(coding.dataType)) {
-        const double raw = value::decodeRaw(bytes, coding);
-        return write(raw, conversion.toPhysical(raw));
-    }
-    const std::uint64_t raw = value::decodeInteger(bytes, coding);
-    const auto number = static_cast<std::int64_t>(raw);
-    if (number < 0 && !value::hasSign(coding)) {
-        return isSame ? write(raw, raw) : write(raw, conversion.toPhysical(static_cast<double>(raw)));
-    }
-    return isSame ? write(number, number) : write(number, conversion.toPhysical(static_cast<double>(number)));
+    writeRaw("raw");
+    const auto& line = element.conversion->exactLine();
+    if (line && line->isPowerOfTwo() && line->exponent == 0) return writeRaw("physical");
+    json.member("physical", element.conversion->toPhysical(value::rawValue(element, bytes)));
 }
 
 class JsonLines final : public IMeasurementLines {
@@ -111,13 +110,13 @@ class JsonLines final : public IMeasurementLines {
           lists_(plan.daq.lists.size()) {
         std::set<std::pair<std::size_t, std::string>> known;  // a key stands in an object once
         for (const PlannedSignal& signal : plan.planned) {
-            const a2l::ResolvedObject& object = signal.object;
-            if (!known.emplace(signal.listIndex, object.name).second) continue;
-            Column column{"", signal.recordOffset, object.coding, object.conversion, ""};
-            JsonWriter(column.before).key(object.name);
+            const value::Element& element = signal.element;
+            if (!known.emplace(signal.listIndex, element.name).second) continue;
+            Column column{"", signal.recordOffset, element, ""};
+            JsonWriter(column.before).key(element.name);
             JsonWriter unit(column.behind);
             unit.beginObject();
-            unit.member("unit", object.conversion.unit());
+            unit.member("unit", element.conversion->unit());
             column.behind.front() = ',';
             lists_.at(signal.listIndex).push_back(std::move(column));
         }
@@ -163,9 +162,9 @@ class JsonLines final : public IMeasurementLines {
         if (!column.isInside(record)) return json.null();
         json.beginObject();
         const std::uint8_t* bytes = record.data() + column.offset;
-        writeNumbers(json, bytes, column.coding, column.conversion);
+        writeNumbers(json, column.element, bytes);
         text += column.behind;
-        json.member("text", value::valueText(bytes, column.coding, column.conversion, style_));
+        json.member("text", value::valueText(column.element, bytes, style_));
         json.endObject();
     }
 
@@ -177,9 +176,9 @@ class JsonLines final : public IMeasurementLines {
         json.key("signals").beginArray();
         for (const PlannedSignal& signal : plan.planned) {
             json.beginObject();
-            json.member("name", signal.object.name);
-            json.member("type", value::dataTypeName(signal.object.coding.dataType));
-            json.member("unit", signal.object.conversion.unit());
+            json.member("name", signal.element.name);
+            json.member("type", value::dataTypeName(signal.element.coding.dataType));
+            json.member("unit", signal.element.conversion->unit());
             json.member("event", signal.event);
             json.member("group", signal.listIndex);
             json.endObject();

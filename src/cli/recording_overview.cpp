@@ -64,9 +64,9 @@ Result<std::vector<SignalRange>> extremesFromRecords(const GroupReader& group) {
     std::vector<SignalRange> shown(signals.size());
     for (std::size_t i = 0; i < signals.size(); ++i) {
         const auto extreme = [&signal = signals[i]](const storage::Sample& sample) {
-            return Extreme{static_cast<double>(sample.physical),
-                           xcp::printableText(value::valueText(sample.raw, signal.coding, signal.conversion,
-                                                               value::NumberStyle::exact))};
+            return Extreme{value::toDouble(sample.physical),
+                           xcp::printableText(value::valueText(
+                               signal, value::physicalValue(signal, sample.raw), value::NumberStyle::exact))};
         };
         const storage::ExactExtremes& found = extremes.value()[i];
         if (found.least) shown[i].emplace(extreme(*found.least), extreme(*found.greatest));
@@ -111,11 +111,8 @@ std::string outageText(const storage::Outage& outage, const RecordingInfo& info)
 
 std::string physicalText(double value, const SignalInfo& signal) {
     // Physical and raw value of a verbal conversion are the same.
-    if (signal.conversion.isVerbal()) {
-        if (const auto text = signal.conversion.verbalText(value)) return xcp::printableText(*text);
-    }
-    return value::Conversion(value::Conversion::Identical{}, signal.conversion.formatText(), "")
-        .format(value);
+    if (const auto text = signal.conversion->verbalText(value)) return xcp::printableText(*text);
+    return signal.conversion->formatPhysical(value);
 }
 
 RecordingOverview overviewOf(const storage::RecordingReader& recording, value::NumberStyle style,

@@ -72,7 +72,7 @@ Result<void> plotSignal(const RecordingReader& recording, const SignalPlace& pla
     auto group = recording.openGroup(place.group);
     if (!group) return group.error();
     storage::SignalSeries signal(recording.directory(), group.value(), place.signal, outages);
-    const std::string& unit = signal.info().conversion.unit();
+    const std::string& unit = signal.info().conversion->unit();
     output.append(xcp::printableText(signal.info().name + (unit.empty() ? "" : " (" + unit + ")") + ", " +
                                      group.value().info().name));
     auto whole = signal.extremes(times);

@@ -71,8 +71,8 @@ void printSignals(const GroupOverview& group, Output& output) {
             output.append(" no value");
         } else {
             output.append(fmt::format(" {:>12} {:>12}", range->first.text, range->second.text));
-            if (!signals[i].conversion.unit().empty())
-                output.append(" " + xcp::printableText(signals[i].conversion.unit()));
+            if (!signals[i].conversion->unit().empty())
+                output.append(" " + xcp::printableText(signals[i].conversion->unit()));
         }
         output.append('\n');
     }
@@ -190,7 +190,7 @@ void writeSignals(JsonWriter& json, const GroupOverview& group) {
         json.beginObject();
         json.member("name", signal.name);
         json.member("type", value::dataTypeName(signal.coding.dataType));
-        json.member("unit", signal.conversion.unit());
+        json.member("unit", signal.conversion->unit());
         if (group.ranges[i]) {
             writeExtreme(json, "least", group.ranges[i]->first);
             writeExtreme(json, "greatest", group.ranges[i]->second);

@@ -81,7 +81,7 @@ std::string headingLine(std::span<const ExportGroup> groups, std::string_view ti
         for (const storage::SignalInfo* signal : group.signals) {
             std::string heading = signal->name;
             if (uses[signal->name] > 1) heading += "@" + group.reader.info().name;
-            const std::string& unit = signal->conversion.unit();
+            const std::string& unit = signal->conversion->unit();
             if (!unit.empty() && !raw) heading += " [" + unit + "]";
             line += ',';
             appendField(line, heading);

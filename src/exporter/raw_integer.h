@@ -1,4 +1,4 @@
-// What an integer type can hold behind its mask.
+// Which raw values an integer type behind its mask can have.
 //
 // Threads: pure functions. Lifetime: nothing is kept.
 #pragma once

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "a2l/description.h"
 #include "core/result.h"
 #include "session/measurement_start.h"
 #include "session/measurement_types.h"

@@ -49,9 +49,9 @@ class Pipe {
 session::PlannedSignal signal(const char* name, std::size_t list, std::uint32_t offset,
                               value::Conversion conversion) {
     session::PlannedSignal planned;
-    planned.object.name = name;
-    planned.object.coding.dataType = value::DataType::uword;
-    planned.object.conversion = std::move(conversion);
+    planned.element.name = name;
+    planned.element.coding.dataType = value::DataType::uword;
+    planned.element.conversion = std::make_shared<const value::Conversion>(std::move(conversion));
     planned.listIndex = list;
     planned.recordOffset = offset;
     return planned;

@@ -29,7 +29,7 @@ class RecordingReaderTest : public ::testing::Test {
         RecordingInfo info = test::smallRecording();
         info.groups[0].recordSize = 5;
         info.groups[0].signals[0].coding.dataType = value::DataType::float32;
-        info.groups[0].signals[0].conversion = {};
+        info.groups[0].signals[0].conversion = std::make_shared<const value::Conversion>();
         info.groups[0].signals[1].recordOffset = 4;
         fs::remove_all(path());
         auto writer = RecordingWriter::create(path(), std::move(info), {}).value();

@@ -1,14 +1,16 @@
 #include "storage/read/exact_extremes.h"
 
 #include <cmath>
+#include <utility>
 
 namespace lm::storage {
 namespace {
 
-void add(ExactExtremes& extremes, const Sample& sample) {
-    if (std::isnan(sample.physical)) return;
+void add(ExactExtremes& extremes, Sample sample) {
+    if (std::isnan(value::toDouble(sample.physical))) return;
     if (!extremes.least || sample.physical < extremes.least->physical) extremes.least = sample;
-    if (!extremes.greatest || sample.physical > extremes.greatest->physical) extremes.greatest = sample;
+    if (!extremes.greatest || sample.physical > extremes.greatest->physical)
+        extremes.greatest = std::move(sample);
 }
 
 }  // namespace
@@ -25,8 +27,9 @@ Result<std::vector<ExactExtremes>> exactExtremes(const GroupReader& group, const
         for (std::size_t i = 0; i < signals.size(); ++i) {
             for (std::size_t n = 0; n < batch.value().count; ++n) {
                 const std::uint8_t* bytes = batch.value().data(n) + signals[i].recordOffset;
-                const long double raw = value::decodeExact(bytes, signals[i].coding);
-                add(extremes[i], {raw, signals[i].conversion.toPhysicalExact(raw)});
+                value::Value raw = value::rawValue(signals[i], bytes);
+                value::Value physical = signals[i].conversion->toPhysical(raw);
+                add(extremes[i], {std::move(raw), std::move(physical)});
             }
         }
     }

@@ -10,13 +10,14 @@
 #include "core/result.h"
 #include "storage/format/stop_question.h"
 #include "storage/read/group_reader.h"
+#include "value/value.h"
 
 namespace lm::storage {
 
 /// A value as it was recorded.
 struct Sample {
-    long double raw;
-    long double physical;
+    value::Value raw;
+    value::Value physical;  ///< a number, also of a verbal conversion
 };
 
 /// None of both without a value.
