@@ -31,7 +31,7 @@ class Count final : public lm::xcp::ISerialFrameSink, public lm::xcp::IPacketSin
     void onPlainBytes(const std::uint8_t*, std::size_t) override {}
     void onInvalidFrame() override {}
     void onPacket(const std::uint8_t*, std::size_t, lm::xcp::ReceiveTime) override { ++frames; }
-    void onTransportEvent(const lm::hal::CanChannelEvent&) override {}
+    void onTransportEvent(const lm::xcp::TransportEvent&) override {}
 
     std::uint64_t frames = 0;
 };

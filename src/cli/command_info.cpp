@@ -16,21 +16,6 @@ constexpr std::uint8_t kResourceProgramming = 0x10;
 
 }  // namespace
 
-std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address) {
-    const std::string name = xcp::printableText(ecuName);
-    switch (address.kind) {
-        case session::TransportKind::udp:
-            return fmt::format("ECU            {} (XCP on UDP/IP, {})\n", name, address.place());
-        case session::TransportKind::serial:
-            return fmt::format("ECU            {} (XCP on serial, {}, {} baud)\n", name, address.place(),
-                               address.baudrate);
-        case session::TransportKind::can:
-            break;
-    }
-    return fmt::format("ECU            {} (CMD 0x{:X}, RES 0x{:X} on {})\n", name, address.cmdId,
-                       address.resId, address.place());
-}
-
 std::string connectLines(const xcp::ConnectInfo& info) {
     const auto resource = [&info](std::uint8_t bit, const char* name) {
         return (info.resource & bit) != 0 ? name : "";
@@ -63,7 +48,8 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
 }
 
 int runInfo(session::Session& session, Output& output) {
-    output.append(ecuLine(session.ecuName(), session.address()));
+    output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(session.ecuName()),
+                              session.medium().texts().description));
     output.append(connectLines(session.connectInfo()));
     if (session.daqCapabilities()) output.append(daqLines(*session.daqCapabilities()));
     if (const auto status = session.status()) {

@@ -10,9 +10,6 @@
 
 namespace lm::cli {
 
-/// "ECU            NAME (how it is reached)\n".
-std::string ecuLine(const std::string& ecuName, const session::EcuAddress& address);
-
 /// The lines "resources" and "communication".
 std::string connectLines(const xcp::ConnectInfo& info);
 

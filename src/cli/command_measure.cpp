@@ -4,8 +4,8 @@
 #include <array>
 #include <chrono>
 #include <cmath>
-#include <initializer_list>
 #include <poll.h>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -58,13 +58,30 @@ void warnAboutLosses(const session::MeasurementStats& stats, const Console& cons
     }
 }
 
+using Counts = std::vector<std::pair<std::string_view, std::uint64_t>>;
+
 /// Those that are not zero.
-std::string counts(std::initializer_list<std::pair<const char*, std::uint64_t>> all) {
+std::string textOf(const Counts& counts) {
     std::string text;
-    for (const auto& [name, count] : all) {
+    for (const auto& [name, count] : counts) {
         if (count != 0) text += fmt::format("{}{} {}", text.empty() ? "" : ", ", name, count);
     }
     return text;
+}
+
+/// What the statistics line tells behind the records. It is the same for every medium.
+Counts lineCounts(const session::MeasurementStats& stats) {
+    return {{"lost ODTs", stats.lostOdts},
+            {"missed cycles", stats.missedCycles},
+            {"overloads", stats.overloads},
+            {"reconnects", stats.reconnects},
+            {session::kCanDropped, stats.mediumCount(session::kCanDropped)},
+            {session::kErrorFrames, stats.mediumCount(session::kErrorFrames)}};
+}
+
+std::string recordedText(const session::MeasurementStats& stats) {
+    if (!stats.recording) return "";
+    return fmt::format(", recorded {} (dropped {})", stats.recorded, stats.recordedDropped);
 }
 
 double inSeconds(std::chrono::nanoseconds time) {
@@ -74,11 +91,10 @@ double inSeconds(std::chrono::nanoseconds time) {
 /// What is not known to be samples of this measurement (foreign frames that the kernel dropped) counts too:
 /// it may have been.
 bool lostSamples(const session::MeasurementStats& stats) {
-    const std::uint64_t lost = stats.lostOdts + stats.missedCycles + stats.overloads + stats.canDropped +
-                               stats.recordedDropped + stats.incompleteRecords + stats.unknownDtos +
-                               stats.malformedDtos + stats.missingPackets + stats.malformedDatagrams +
-                               stats.kernelDrops + stats.invalidFrames;
-    return lost != 0;
+    const std::uint64_t lost = stats.lostOdts + stats.missedCycles + stats.overloads + stats.recordedDropped +
+                               stats.incompleteRecords + stats.unknownDtos + stats.malformedDtos;
+    return lost != 0 || std::any_of(stats.medium.begin(), stats.medium.end(),
+                                    [](const auto& counter) { return counter.isLoss && counter.value != 0; });
 }
 
 }  // namespace
@@ -90,15 +106,10 @@ std::string startLine(const session::PlanSummary& summary, const std::string& re
 }
 
 std::string statisticsLine(double seconds, const session::MeasurementStats& stats) {
-    std::string line = fmt::format(
-        "{} s: {} records, lost ODTs {}, missed cycles {}, overloads {}, reconnects {}, CAN dropped {}, "
-        "error frames {}",
-        formatFixed(seconds, 1), stats.records, stats.lostOdts, stats.missedCycles, stats.overloads,
-        stats.reconnects, stats.canDropped, stats.canErrorFrames);
-    if (stats.recording) {
-        line += fmt::format(", recorded {} (dropped {})", stats.recorded, stats.recordedDropped);
-    }
-    return line;
+    std::string line = fmt::format("{} s: {} records", formatFixed(seconds, 1), stats.records);
+    for (const auto& [name, count] : lineCounts(stats))
+        line += fmt::format(", {} {}", name, count);
+    return line + recordedText(stats);
 }
 
 std::string uncheckedLine(const session::PlanSummary& summary) {
@@ -110,16 +121,14 @@ std::string uncheckedLine(const session::PlanSummary& summary) {
 }
 
 std::string otherLosses(const session::MeasurementStats& stats) {
-    std::string text = counts({
-        {"incomplete records", stats.incompleteRecords},
-        {"unknown DTOs", stats.unknownDtos},
-        {"malformed DTOs", stats.malformedDtos},
-        {"UDP counter gaps", stats.counterGaps},
-        {"UDP packets missing", stats.missingPackets},
-        {"malformed UDP datagrams", stats.malformedDatagrams},
-        {"UDP datagrams dropped by the kernel", stats.kernelDrops},
-        {"serial invalid frames", stats.invalidFrames},
-    });
+    Counts counts = {{"incomplete records", stats.incompleteRecords},
+                     {"unknown DTOs", stats.unknownDtos},
+                     {"malformed DTOs", stats.malformedDtos}};
+    for (const session::MediumCounter& counter : stats.medium) {
+        if (counter.name == session::kCanDropped || counter.name == session::kErrorFrames) continue;
+        counts.emplace_back(counter.name, counter.value);
+    }
+    std::string text = textOf(counts);
     const auto add = [&text](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
     if (stats.withoutSamples.count() != 0) {
         add(fmt::format("{} s without samples before {} reconnection(s)",
@@ -146,14 +155,7 @@ std::vector<std::string> silentLists(const session::MeasurementStats& stats) {
                      : "not cyclic";
         lines.push_back(fmt::format("no record came of event {} ({})", list.event, event));
     }
-    if (stats.onlyHeardId != 0) {
-        lines.push_back(fmt::format(
-            "DTOs were expected with the identifier 0x{:X} only, since the A2L fixes none for DAQ "
-            "lists (DAQ_LIST_CAN_ID is VARIABLE or missing); if the ECU sends them with another "
-            "one, write that into the A2L: /begin DAQ_LIST_CAN_ID 0 FIXED 0x123 /end "
-            "DAQ_LIST_CAN_ID",
-            stats.onlyHeardId));
-    }
+    if (!stats.silenceHint.empty()) lines.push_back(stats.silenceHint);
     return lines;
 }
 
@@ -167,19 +169,9 @@ bool failsOn(const std::vector<std::string>& failOn, const session::MeasurementS
 
 std::string countsWithoutStop(const session::MeasurementStats& stats) {
     std::string text = fmt::format("{} records", stats.records);
-    const std::string losses = counts({
-        {"lost ODTs", stats.lostOdts},
-        {"missed cycles", stats.missedCycles},
-        {"overloads", stats.overloads},
-        {"reconnects", stats.reconnects},
-        {"CAN dropped", stats.canDropped},
-        {"error frames", stats.canErrorFrames},
-    });
+    const std::string losses = textOf(lineCounts(stats));
     if (!losses.empty()) text += ", " + losses;
-    if (stats.recording) {
-        text += fmt::format(", recorded {} (dropped {})", stats.recorded, stats.recordedDropped);
-    }
-    return text;
+    return text + recordedText(stats);
 }
 
 int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop) {

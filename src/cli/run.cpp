@@ -64,7 +64,7 @@ int runSaveConfig(const std::string& file, const session::SessionConfig& config,
 }
 
 int runConsole(const Options& options, session::Session& session, Output& output) {
-    if (session.address().kind != session::TransportKind::serial) {
+    if (!session.medium().hasText()) {
         printMessage("console: needs a serial line (--serial)\n");
         return 1;
     }

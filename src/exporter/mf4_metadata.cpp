@@ -1,6 +1,7 @@
 #include "exporter/mf4_metadata.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <optional>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "core/platform.h"
 #include "core/text.h"
+#include "storage/format/recording_source.h"
 
 namespace lm::exporter {
 namespace {
@@ -71,19 +73,18 @@ Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
         "HDcomment", element("TX", info.name) + "<common_properties>" + properties + "</common_properties>");
 }
 
-std::uint8_t busOf(std::string_view source) {
-    constexpr std::uint8_t kOther = 1;
-    constexpr std::uint8_t kCan = 2;
-    constexpr std::uint8_t kEthernet = 7;
-    if (source.starts_with("XCP on CAN")) return kCan;
-    return source.starts_with("XCP on UDP") ? kEthernet : kOther;
+/// The number of a bus in MDF.
+std::uint8_t busNumber(storage::BusKind bus) {
+    constexpr std::array<std::uint8_t, 3> kNumbers = {1, 2, 7};
+    return kNumbers.at(static_cast<std::size_t>(bus));
 }
 
 Link addSource(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
+    const std::uint8_t bus = busNumber(storage::busKindOf(info.source));
     constexpr std::uint8_t kEcu = 1;
     const Link name = info.ecu.empty() ? 0 : blocks.text(info.ecu);
     const Link path = info.source.empty() ? 0 : blocks.text(info.source);
-    return blocks.add("SI", {name, path, 0}, Mf4Fields().put(kEcu).put(busOf(info.source)).zeros(6));
+    return blocks.add("SI", {name, path, 0}, Mf4Fields().put(kEcu).put(bus).zeros(6));
 }
 
 struct ChannelPlace {

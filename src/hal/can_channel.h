@@ -17,7 +17,7 @@
 #include "core/result.h"
 #include "hal/can_channel_event.h"
 #include "hal/can_frame.h"
-#include "hal/can_link_state.h"
+#include "hal/can_interface_state.h"
 
 namespace lm::hal {
 
@@ -82,7 +82,7 @@ class ICanChannel {
 struct CanInterfaceInfo {
     std::string name;
     std::string driver;  ///< empty for virtual interfaces
-    CanLinkState link;
+    CanInterfaceState state;
 };
 
 class ICanAdapter {

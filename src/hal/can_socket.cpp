@@ -8,7 +8,7 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
-#include "hal/can_link_setup.h"
+#include "hal/can_interface_setup.h"
 
 namespace lm::hal {
 namespace {

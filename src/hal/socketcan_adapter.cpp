@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "hal/can_link.h"
+#include "hal/can_interfaces.h"
 #include "hal/socketcan_channel.h"
 
 namespace lm::hal {
@@ -35,17 +35,17 @@ Error cannotList(const std::error_code& failure) {
 
 Result<std::vector<CanInterfaceInfo>> SocketCanAdapter::listInterfaces() {
     std::vector<CanInterfaceInfo> found;
-    NetlinkCanLink links;
+    NetlinkCanInterfaces interfaces;
     std::error_code failure;
     for (fs::directory_iterator entry("/sys/class/net", failure), end; !failure && entry != end;
          entry.increment(failure)) {
         if (!isCanInterface(entry->path())) continue;
         std::string name = entry->path().filename().string();
-        auto link = links.query(name);
-        if (!link && link.error().code == ErrorCode::notFound) continue;
-        if (!link) return link.error();
+        auto state = interfaces.query(name);
+        if (!state && state.error().code == ErrorCode::notFound) continue;
+        if (!state) return state.error();
         found.push_back(
-            {.name = std::move(name), .driver = driverOf(entry->path()), .link = std::move(link).value()});
+            {.name = std::move(name), .driver = driverOf(entry->path()), .state = std::move(state).value()});
     }
     if (failure) return cannotList(failure);
     std::sort(found.begin(), found.end(),
@@ -61,7 +61,7 @@ Result<std::unique_ptr<ICanChannel>> SocketCanAdapter::openChannel(CanChannelCon
         return Error{.code = ErrorCode::invalidArgument, .message = "data bitrate requires CAN FD"};
     }
     return std::unique_ptr<ICanChannel>(
-        std::make_unique<SocketCanChannel>(std::move(config), std::make_unique<NetlinkCanLink>()));
+        std::make_unique<SocketCanChannel>(std::move(config), std::make_unique<NetlinkCanInterfaces>()));
 }
 
 }  // namespace lm::hal

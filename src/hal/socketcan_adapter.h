@@ -13,7 +13,8 @@ class SocketCanAdapter final : public ICanAdapter {
   public:
     std::string name() const override { return "SocketCAN"; }
 
-    /// Errors: "cannot list /sys/class/net: ..." by errno, and those of the link query ("NAME: netlink ...").
+    /// Errors: "cannot list /sys/class/net: ..." by errno, and those of ICanInterfaces::query ("NAME: netlink
+    /// ...").
     Result<std::vector<CanInterfaceInfo>> listInterfaces() override;
 
     Result<std::unique_ptr<ICanChannel>> openChannel(CanChannelConfig config) override;

@@ -17,7 +17,7 @@
 #include <spdlog/spdlog.h>
 
 #include "core/thread.h"
-#include "hal/can_link_setup.h"
+#include "hal/can_interface_setup.h"
 #include "hal/can_socket.h"
 
 namespace lm::hal {
@@ -81,8 +81,8 @@ class SocketCanChannel::Batch {
     std::size_t used_ = messages_.size();  ///< slots whose control length the last call may have changed
 };
 
-SocketCanChannel::SocketCanChannel(CanChannelConfig config, std::unique_ptr<ICanLink> link)
-    : config_(std::move(config)), link_(std::move(link)) {}
+SocketCanChannel::SocketCanChannel(CanChannelConfig config, std::unique_ptr<ICanInterfaces> interfaces)
+    : config_(std::move(config)), interfaces_(std::move(interfaces)) {}
 
 SocketCanChannel::~SocketCanChannel() {
     close();
@@ -92,7 +92,7 @@ Result<void> SocketCanChannel::open() {
     if (isOpen()) {
         return Error{.code = ErrorCode::alreadyOpen, .message = config_.interfaceName + " is already open"};
     }
-    const auto state = setUpCanLink(config_, *link_);
+    const auto state = setUpCanInterface(config_, *interfaces_);
     if (!state) return state.error();
     auto socket = openCanSocket(config_.interfaceName, config_.fd);
     if (!socket) return socket.error();

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "hal/can_channel.h"
-#include "hal/can_link.h"
+#include "hal/can_interfaces.h"
 #include "hal/can_receiver.h"
 #include "hal/unique_fd.h"
 
@@ -19,7 +19,7 @@ namespace lm::hal {
 
 class SocketCanChannel final : public ICanChannel {
   public:
-    SocketCanChannel(CanChannelConfig config, std::unique_ptr<ICanLink> link);
+    SocketCanChannel(CanChannelConfig config, std::unique_ptr<ICanInterfaces> interfaces);
     ~SocketCanChannel() override;
     SocketCanChannel(const SocketCanChannel&) = delete;
     SocketCanChannel& operator=(const SocketCanChannel&) = delete;
@@ -42,7 +42,7 @@ class SocketCanChannel final : public ICanChannel {
     void onReceiveFailure(CanReceiver& receiver, int systemError);
 
     const CanChannelConfig config_;
-    const std::unique_ptr<ICanLink> link_;
+    const std::unique_ptr<ICanInterfaces> interfaces_;
     std::atomic<IFrameSink*> sink_{nullptr};
     CanCounters counters_;
 

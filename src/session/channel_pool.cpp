@@ -69,21 +69,21 @@ CanBitrates SharedChannel::bitrates() const {
     if (config().bitrate) rates.nominal = config().bitrate->bitrate;
     if (config().dataBitrate) rates.data = config().dataBitrate->bitrate;
     if (rates.nominal != 0 && (rates.data != 0 || !config().fd)) return rates;
-    const auto state = link();
+    const auto state = interfaceState();
     if (!state) return rates;
     if (rates.nominal == 0) rates.nominal = state->bitTiming.bitrate;
     if (rates.data == 0) rates.data = state->dataBitTiming.bitrate;
     return rates;
 }
 
-std::optional<hal::CanLinkState> SharedChannel::link() const {
+std::optional<hal::CanInterfaceState> SharedChannel::interfaceState() const {
     const auto interfaces = adapter_.listInterfaces();
     if (!interfaces.ok()) {
         spdlog::info("{}: state of the interface not known: {}", name(), interfaces.error().text());
         return std::nullopt;
     }
     for (const hal::CanInterfaceInfo& interface : interfaces.value()) {
-        if (interface.name == name()) return interface.link;
+        if (interface.name == name()) return interface.state;
     }
     return std::nullopt;
 }

@@ -47,7 +47,7 @@ class SharedChannel final : private broker::IFrameHandler {
     hal::CanChannelStatistics statistics() const { return channel_->statistics(); }
 
     /// What the interface says about itself now; nothing when it cannot be asked.
-    std::optional<hal::CanLinkState> link() const;
+    std::optional<hal::CanInterfaceState> interfaceState() const;
 
     /// The bit rates it was opened with, where absent those that the interface has now.
     CanBitrates bitrates() const;

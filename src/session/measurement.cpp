@@ -1,91 +1,22 @@
 #include "session/measurement.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <cstdio>
 #include <limits>
 
 #include <spdlog/spdlog.h>
 
-#include "core/platform.h"
-#include "session/bus_load.h"
 #include "session/measurement_plan.h"
 
 namespace lm::session {
 namespace {
 
-LoadEstimate estimateLoad(const LoadInput& input, const TransportSetup& transport) {
-    switch (transport.address.kind) {
-        case TransportKind::can:
-            return estimateCanLoad(input, transport.can->timing());
-        case TransportKind::serial:
-            return estimateSerialLoad(input, transport.address.baudrate);
-        case TransportKind::udp:
-            break;
-    }
-    return estimateUdpLoad(input);
-}
-
-/// The load of all ECUs on the line as estimated, or the refusal when it exceeds the limit. An accepted load
-/// stays claimed.
-Result<double> acceptedLoad(const MeasurementPlan& plan, const MeasurementContext& context) {
-    const TransportSetup& transport = context.transport;
-    const double own = estimateLoad(loadInput(plan.daq, context.capabilities), transport).fraction;
-    const double others = transport.can ? transport.can->claimLoad(own) : 0;
-    const double total = own + others;
-    const double limit = context.config.daq.maxBusLoad;
-    if (total <= limit) return total;
-    if (transport.can) transport.can->releaseLoad();
-    std::array<char, 200> text{};
-    if (transport.address.kind == TransportKind::serial) {
-        std::snprintf(text.data(), text.size(),
-                      "estimated load of the serial line %.0f %% at %u baud exceeds the limit of %.0f %% "
-                      "(fewer signals, slower events or a higher baud rate)",
-                      total * 100, transport.address.baudrate, limit * 100);
-    } else if (others > 0) {
-        std::snprintf(text.data(), text.size(),
-                      "estimated bus load on %s %.0f %% (this ECU %.0f %%, others %.0f %%) exceeds the limit "
-                      "of %.0f %%",
-                      transport.can->channel().name().c_str(), total * 100, own * 100, others * 100,
-                      limit * 100);
-    } else {
-        std::snprintf(text.data(), text.size(), "estimated bus load %.0f %% exceeds the limit of %.0f %%",
-                      total * 100, limit * 100);
-    }
-    return Error{ErrorCode::invalidArgument, text.data()};
-}
-
-/// What the ECU told, but no DTO longer than a CAN frame: on a bus of short frames it would never come.
-xcp::ConnectInfo carriedBy(const TransportSetup& transport, xcp::ConnectInfo info) {
-    if (!transport.can) return info;
-    const std::size_t frame =
-        transport.can->transportConfig().fd ? hal::CanFrame::kMaxData : hal::CanFrame::kMaxClassicData;
-    if (info.maxDto <= frame) return info;
-    spdlog::warn("the ECU says MAX_DTO {}, a CAN frame holds {} bytes: its ODTs are made for those",
-                 info.maxDto, frame);
-    info.maxDto = static_cast<std::uint16_t>(frame);
-    return info;
-}
-
-/// What a recording says about where it comes from.
-std::string sourceOf(const EcuAddress& address) {
-    const char* medium = address.kind == TransportKind::can      ? "XCP on CAN "
-                         : address.kind == TransportKind::serial ? "XCP on serial "
-                                                                 : "XCP on UDP ";
-    return medium + std::string(address.place());
-}
-
-std::int64_t nowNs(std::chrono::nanoseconds time) {
-    return time.count();
-}
-
 std::int64_t steadyNowNs() {
-    return nowNs(std::chrono::steady_clock::now().time_since_epoch());
+    return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 std::int64_t heartbeatNs(const MeasurementContext& context) {
-    return nowNs(context.config.reconnect.heartbeat);
+    return std::chrono::nanoseconds(context.config.reconnect.heartbeat).count();
 }
 
 /// Between two records; where samples do not come regularly, any gap that the supervision could notice.
@@ -109,28 +40,16 @@ void add(xcp::DaqDecoderCounters& total, const xcp::DaqDecoderCounters& part) {
 
 Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext context,
                                                         const MeasurementOptions& options) {
-    const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
-    auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
-                                carriedBy(context.transport, context.master.connectInfo()));
-    if (!plan.ok()) return plan.error();
-    if (!options.recordDirectory.empty()) {
-        if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();
-    }
-    const auto load = acceptedLoad(plan.value(), context);
-    if (!load.ok()) return load.error();
-    const std::string warning = foreignEventWarning(plan.value());
-    if (!warning.empty()) spdlog::warn("{}", warning);
-    if (plan.value().daq.timestampSize == 0) {
-        spdlog::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
-    }
-
+    auto accepted = acceptPlan(context, options);
+    if (!accepted.ok()) return accepted.error();
     // The constructor is private, which std::make_unique cannot call.
     std::unique_ptr<Measurement> measurement(
-        new Measurement(std::move(context), std::move(plan).value(), load.value()));
+        new Measurement(std::move(context), std::move(accepted).value()));
     measurement->sink_ = options.sink;
     if (!options.recordDirectory.empty()) {
-        auto created = measurement->createRecording(options.recordDirectory);
+        auto created = createRecording(measurement->context_, measurement->plan_, options.recordDirectory);
         if (!created.ok()) return created.error();
+        measurement->writer_ = std::move(created).value();
     }
     if (options.onPlanned) options.onPlanned(measurement->plan_);
     auto started = measurement->startLists(measurement->context_.capabilities);
@@ -147,16 +66,14 @@ Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext conte
     return measurement;
 }
 
-Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad)
+Measurement::Measurement(MeasurementContext context, AcceptedPlan accepted)
     : context_(std::move(context)),
-      plan_(std::move(plan)),
-      busLoad_(busLoad),
+      plan_(std::move(accepted.plan)),
+      busLoad_(accepted.busLoad),
       outages_(leastGapNs(plan_.daq, context_), heartbeatNs(context_)),
+      countersAtStart_(context_.medium.counters()),
       delivered_(plan_.daq.lists.size()) {
     outages_.start(steadyNowNs());
-    if (context_.transport.udp != nullptr) udpAtStart_ = context_.transport.udp->statistics();
-    if (context_.transport.serial != nullptr) serialAtStart_ = context_.transport.serial->statistics();
-    if (context_.transport.can) canAtStart_ = context_.transport.can->channel().statistics();
     const SessionConfig::Reconnect& reconnect = context_.config.reconnect;
     supervisor_ = std::make_unique<Supervisor>(
         static_cast<ISupervised&>(*this),
@@ -167,28 +84,7 @@ Measurement::Measurement(MeasurementContext context, MeasurementPlan plan, doubl
 Measurement::~Measurement() {
     supervisor_->stop();
     context_.master.setDtoSink(nullptr);
-    if (context_.transport.can) context_.transport.can->releaseLoad();
-}
-
-Result<void> Measurement::createRecording(const std::filesystem::path& directory) {
-    // Every group keeps two files open and one more per summary level.
-    raiseOpenFileLimit();
-    storage::RecordingInfo info = recordingInfo(plan_, context_.capabilities);
-    info.startHostNs = steadyNowNs();
-    info.startUtcNs = nowNs(std::chrono::system_clock::now().time_since_epoch());
-    info.source = sourceOf(context_.transport.address);
-    const auto normal = directory.lexically_normal();
-    info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
-    info.ecu = context_.ecuName;
-    info.utcOffsetMinutes = utcOffsetMinutes(info.startUtcNs);
-    info.a2lName = context_.config.a2l.filename().string();
-    info.a2lSha256 = context_.description.sha256;
-    storage::WriterOptions options;
-    options.queueBytes = storage::recommendedQueueBytes(info);
-    auto writer = storage::RecordingWriter::create(directory, std::move(info), options);
-    if (!writer.ok()) return writer.error();
-    writer_ = std::move(writer).value();
-    return {};
+    context_.medium.releaseLoad();
 }
 
 /// Downloads the plan, installs a fresh decoder, starts DAQ.
@@ -238,7 +134,7 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
     const std::int64_t endNs = steadyNowNs();
     supervisor_->requestStop();
     context_.master.requestStop();
-    if (context_.transport.serial != nullptr) context_.transport.serial->requestStop();
+    context_.medium.requestStop();
     supervisor_->stop();
 
     StopResult result;
@@ -260,7 +156,7 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
                     : answered ? Stop::answered
                                : Stop::unanswered,
                     supervisor_->watchesData());
-    if (context_.transport.can) context_.transport.can->releaseLoad();
+    context_.medium.releaseLoad();
     if (writer_) {
         if (outages_.upToEndNs() != 0) {
             notes_.endSilent(outages_.latestNs(), endNs, *writer_);
@@ -306,23 +202,11 @@ MeasurementStats Measurement::statistics() const {
         stats.recorded = writer_->recordsWritten();
         stats.recordedDropped = writer_->recordsDropped();
     }
-    if (context_.transport.can) {
-        const hal::CanChannelStatistics can = context_.transport.can->channel().statistics();
-        stats.canDropped = can.framesLost - canAtStart_.framesLost;
-        stats.canErrorFrames = can.errorFrames - canAtStart_.errorFrames;
-    }
-    if (context_.transport.udp != nullptr) {
-        const xcp::UdpStatistics udp = context_.transport.udp->statistics();
-        stats.counterGaps = udp.counterGaps - udpAtStart_.counterGaps;
-        // Less when packets from before the start came late.
-        stats.missingPackets =
-            std::max(udp.missingPackets, udpAtStart_.missingPackets) - udpAtStart_.missingPackets;
-        stats.malformedDatagrams = udp.malformedDatagrams - udpAtStart_.malformedDatagrams;
-        stats.kernelDrops = udp.kernelDrops - udpAtStart_.kernelDrops;
-    }
-    if (context_.transport.serial != nullptr) {
-        stats.invalidFrames =
-            context_.transport.serial->statistics().invalidFrames - serialAtStart_.invalidFrames;
+    stats.medium = context_.medium.counters();
+    for (std::size_t i = 0; i < stats.medium.size(); ++i) {
+        std::uint64_t& value = stats.medium[i].value;
+        // Less than at the start when packets from before it came late.
+        value -= std::min(value, countersAtStart_[i].value);
     }
     return stats;
 }
@@ -342,8 +226,7 @@ void Measurement::addSilentLists(MeasurementStats& stats) const {
                             std::any_of(silent.begin(), silent.end(), [](const SilentList& list) {
                                 return list.cycleNs > 0;  // others may not have happened
                             });
-    const auto& can = context_.transport.can;
-    if (can && suspicious && !can->listIdsFixed()) stats.onlyHeardId = can->resId();
+    if (suspicious) stats.silenceHint = context_.medium.silenceHint();
 }
 
 std::uint64_t Measurement::recordsReceived() const {
@@ -386,10 +269,7 @@ Result<bool> Measurement::daqRunning() {
 Result<void> Measurement::reconnect() {
     // A device that has gone is opened anew: a CAN channel here, a serial port by CONNECT. An attempt that
     // never ended would take the decision from the reconnect policy.
-    if (context_.transport.can) {
-        auto reopened = context_.transport.can->channel().reopenIfLost();
-        if (!reopened.ok()) return reopened;
-    }
+    if (auto reopened = context_.medium.reopenIfLost(); !reopened.ok()) return reopened;
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);
     const std::uint32_t attempts =
         std::min<std::uint32_t>(configured, std::numeric_limits<std::int32_t>::max());

@@ -1,5 +1,5 @@
-// One running DAQ measurement: planned and started in the ECU, its records handed to a sink and a recording,
-// supervised, stopped.
+// One running DAQ measurement: started in the ECU once its plan is accepted, its records handed to a sink and
+// a recording, supervised, stopped.
 //
 // Threads: start() and stop() belong to the owner; records come on the transport's receive thread; the
 // supervisor reconnects on its own thread; statistics() may be called from any thread. Lifetime: everything
@@ -14,30 +14,15 @@
 #include <vector>
 
 #include "core/result.h"
+#include "session/measurement_start.h"
 #include "session/measurement_types.h"
 #include "session/outage_meter.h"
 #include "session/outage_notes.h"
-#include "session/session_config.h"
 #include "session/session_state.h"
 #include "session/supervisor.h"
-#include "session/transport_choice.h"
-#include "storage/write/recording_writer.h"
 #include "xcp/daq_decoder.h"
-#include "xcp/master.h"
 
 namespace lm::session {
-
-/// What a measurement needs of its session.
-struct MeasurementContext {
-    const SessionConfig& config;
-    const a2l::Description& description;
-    const TransportSetup& transport;
-    xcp::Master& master;
-    const xcp::DaqCapabilities& capabilities;
-    const std::atomic<std::uint64_t>& holes;  ///< as of xcp::DaqDecoder::setHoles
-    std::string ecuName;
-    std::function<void(SessionState, const std::string&)> changeState;
-};
 
 class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
   public:
@@ -64,9 +49,8 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     MeasurementStats statistics() const;
 
   private:
-    Measurement(MeasurementContext context, MeasurementPlan plan, double busLoad);
+    Measurement(MeasurementContext context, AcceptedPlan accepted);
 
-    Result<void> createRecording(const std::filesystem::path& directory);
     Result<void> startLists(const xcp::DaqCapabilities& capabilities);
     void removeDecoder();
     void abandonStart();
@@ -91,12 +75,10 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     xcp::IDaqRecordSink* sink_ = nullptr;
     std::unique_ptr<storage::RecordingWriter> writer_;
     OutageNotes notes_;  ///< the supervisor's while that one runs
-    hal::CanChannelStatistics canAtStart_;
-    xcp::UdpStatistics udpAtStart_;
-    xcp::SerialStatistics serialAtStart_;
 
     std::atomic<std::uint64_t> reconnects_{0};
     OutageMeter outages_;
+    const std::vector<MediumCounter> countersAtStart_;
 
     // Under decoderMutex_: replaced by the supervisor at a reconnection while statistics are read.
     mutable std::mutex decoderMutex_;

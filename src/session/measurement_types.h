@@ -10,9 +10,11 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "a2l/object.h"
+#include "session/medium.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/daq_plan.h"
 
@@ -62,8 +64,6 @@ struct MeasurementStats {
     std::uint64_t missedCycles = 0;
     std::uint64_t overloads = 0;
     std::uint64_t reconnects = 0;
-    std::uint64_t canDropped = 0;      ///< frames lost on the whole channel, other ECUs' included
-    std::uint64_t canErrorFrames = 0;  ///< likewise
     bool recording = false;
     std::uint64_t recorded = 0;
     std::uint64_t recordedDropped = 0;  ///< records that the writer could not keep
@@ -75,16 +75,19 @@ struct MeasurementStats {
     std::uint64_t incompleteRecords = 0;
     std::uint64_t unknownDtos = 0;
     std::uint64_t malformedDtos = 0;
-    std::uint64_t counterGaps = 0;         ///< UDP: places where the packet counter jumped
-    std::uint64_t missingPackets = 0;      ///< UDP: packets that the jumps skipped and that did not come late
-    std::uint64_t malformedDatagrams = 0;  ///< UDP
-    std::uint64_t kernelDrops = 0;         ///< UDP: datagrams the kernel dropped for want of buffer space
-    std::uint64_t invalidFrames = 0;       ///< serial line
+    std::vector<MediumCounter> medium = {};  ///< see IMedium::counters
 
     std::vector<SilentList> silentLists = {};
-    /// CAN: the response identifier in A2L notation, when DTOs with another one could not be heard because
-    /// the A2L names none; 0 otherwise.
-    std::uint32_t onlyHeardId = 0;
+    /// Why they may have stayed silent, when the medium knows; else empty.
+    std::string silenceHint = {};
+
+    /// 0 when the medium does not count that.
+    std::uint64_t mediumCount(std::string_view name) const {
+        for (const MediumCounter& counter : medium) {
+            if (counter.name == name) return counter.value;
+        }
+        return 0;
+    }
 };
 
 }  // namespace lm::session

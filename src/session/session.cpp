@@ -6,6 +6,7 @@
 #include <spdlog/spdlog.h>
 
 #include "session/measurement.h"
+#include "session/transport_choice.h"
 
 namespace lm::session {
 namespace {
@@ -38,20 +39,20 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
         spdlog::warn("A2L: {}", warning);
         if (callback) callback(warning);
     }
-    auto transport = chooseTransport(config, description.value().xcp, pool);
-    if (!transport.ok()) return transport.error();
+    auto medium = chooseTransport(config, description.value().xcp, pool);
+    if (!medium.ok()) return medium.error();
     return std::unique_ptr<Session>(
-        new Session(std::move(config), std::move(description).value(), std::move(transport).value()));
+        new Session(std::move(config), std::move(description).value(), std::move(medium).value()));
 }
 
-Session::Session(SessionConfig config, a2l::Description description, TransportSetup transport)
+Session::Session(SessionConfig config, a2l::Description description, std::unique_ptr<IMedium> medium)
     : config_(std::move(config)),
       description_(std::move(description)),
-      transport_(std::move(transport)),
-      master_(std::make_unique<xcp::Master>(*transport_.transport,
-                                            masterOptions(config_.xcp, description_.xcp))) {
+      medium_(std::move(medium)),
+      master_(
+          std::make_unique<xcp::Master>(medium_->transport(), masterOptions(config_.xcp, description_.xcp))) {
     master_->setListener(this);
-    if (transport_.serial != nullptr) transport_.serial->setTextSink(&console_);
+    medium_->setTextSink(&console_);
 }
 
 Session::~Session() {
@@ -62,11 +63,8 @@ Session::~Session() {
 }
 
 Result<void> Session::open() {
-    if (transport_.can) {
-        auto reopened = transport_.can->channel().reopenIfLost();
-        if (!reopened.ok()) return reopened;
-        transport_.can->reportBusState();
-    }
+    if (auto reopened = medium_->reopenIfLost(); !reopened.ok()) return reopened;
+    medium_->reportTrouble();
     auto connected = master_->connect();
     if (!connected.ok()) return connected;
     capabilities_.reset();
@@ -101,7 +99,7 @@ Result<void> Session::close() {
         const auto disconnected = silent_ ? master_->disconnectWithoutWaiting() : master_->disconnectOnce();
         if (!disconnected.ok()) spdlog::info("{}", disconnected.error().text());
     }
-    transport_.transport->close();
+    medium_->transport().close();
     if (state() != SessionState::disconnected) changeState(SessionState::disconnected, "");
     return result;
 }
@@ -214,10 +212,7 @@ Result<SessionValue> Session::writeBytes(const a2l::ResolvedObject& object,
 }
 
 Result<void> Session::sendText(std::string_view line) {
-    if (transport_.serial == nullptr) {
-        return Error{ErrorCode::unsupported, "text input needs a serial line"};
-    }
-    return console_.addSent(line, [this, line] { return transport_.serial->sendText(line); });
+    return console_.addSent(line, [this, line] { return medium_->sendText(line); });
 }
 
 Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options) {
@@ -226,7 +221,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     measurement_.reset();
     overloadEvents_ = 0;
     auto started = Measurement::start(
-        {config_, description_, transport_, *master_, *capabilities_, holes_, ecuName(),
+        {config_, description_, *medium_, *master_, *capabilities_, holes_, ecuName(),
          [this](SessionState state, const std::string& message) { changeState(state, message); }},
         options);
     if (!started.ok()) return started.error();
@@ -244,7 +239,7 @@ Result<void> Session::stopMeasurement() {
         const std::lock_guard lock(stopMutex_);
         if (!stopRequested_) {
             master_->clearStop();
-            if (transport_.serial != nullptr) transport_.serial->clearStop();
+            medium_->clearStop();
         }
     }
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
@@ -264,7 +259,7 @@ MeasurementStats Session::statistics() const {
 void Session::requestStop() {
     const std::lock_guard lock(stopMutex_);
     stopRequested_ = true;
-    if (transport_.serial != nullptr) transport_.serial->requestStop();
+    medium_->requestStop();
     if (writing_) {
         master_->finishSoon();
     } else {
@@ -296,13 +291,8 @@ void Session::onServiceRequest(std::uint8_t code, const std::uint8_t* /*packet*/
     spdlog::debug("XCP service request 0x{:02X}, {} bytes", code, length);
 }
 
-void Session::onTransportEvent(const hal::CanChannelEvent& event) {
-    if (event.kind == hal::CanChannelEventKind::framesLost) ++holes_;
-    if (transport_.can) {
-        transport_.can->report(event);
-    } else if (event.kind == hal::CanChannelEventKind::receiveFailed) {
-        spdlog::warn("receiving failed (error {})", event.value);
-    }
+void Session::onTransportEvent(const xcp::TransportEvent& event) {
+    if (medium_->report(event)) ++holes_;
 }
 
 }  // namespace lm::session

@@ -20,11 +20,12 @@
 #include "a2l/object.h"
 #include "a2l/typed_text.h"
 #include "core/result.h"
+#include "session/channel_pool.h"
 #include "session/console_log.h"
 #include "session/measurement_types.h"
+#include "session/medium.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
-#include "session/transport_choice.h"
 #include "value/value_text.h"
 #include "xcp/master.h"
 
@@ -68,9 +69,9 @@ class Session final : private xcp::IMasterListener {
 
     /// Opens the transport and does not connect: the text of a serial line arrives from now on. A serial port
     /// that was lost is opened anew. Errors: those of the transport.
-    Result<void> openTransport() { return transport_.transport->open(); }
+    Result<void> openTransport() { return medium_->transport().open(); }
     /// The port of the serial line has gone since it was opened.
-    bool transportLost() const { return transport_.serial != nullptr && transport_.serial->lost(); }
+    bool transportLost() const { return medium_->lost(); }
 
     /// Opens the transport (anew when its device was lost), connects and reads the ECU's DAQ capabilities
     /// (without which it goes on). Errors: those of the transport and of CONNECT.
@@ -92,8 +93,7 @@ class Session final : private xcp::IMasterListener {
     /// written value".
     WriteOutcome write(std::string_view name, std::string_view text, bool allowMeasurements);
 
-    /// Sends a line of text to the ECU. Errors: unsupported "text input needs a serial line", those of
-    /// xcp::SerialTransport::sendText.
+    /// Sends a line of text to the ECU. Errors: those of IMedium::sendText.
     Result<void> sendText(std::string_view line);
     /// What the ECU on a serial line printed and what was sent to it.
     ConsoleLog& consoleLog() { return console_; }
@@ -117,7 +117,7 @@ class Session final : private xcp::IMasterListener {
     SessionState state() const { return state_.load(); }
     const SessionConfig& config() const { return config_; }
     const a2l::Description& description() const { return description_; }
-    const EcuAddress& address() const { return transport_.address; }
+    const IMedium& medium() const { return *medium_; }
     /// The configuration's name, else the A2L module's.
     std::string ecuName() const;
     xcp::ConnectInfo connectInfo() const { return master_->connectInfo(); }
@@ -126,12 +126,12 @@ class Session final : private xcp::IMasterListener {
     const std::optional<xcp::DaqCapabilities>& daqCapabilities() const { return capabilities_; }
 
   private:
-    Session(SessionConfig config, a2l::Description description, TransportSetup transport);
+    Session(SessionConfig config, a2l::Description description, std::unique_ptr<IMedium> medium);
 
     void onEvent(std::uint8_t code, const std::uint8_t* packet, std::size_t length,
                  xcp::ReceiveTime time) override;
     void onServiceRequest(std::uint8_t code, const std::uint8_t* packet, std::size_t length) override;
-    void onTransportEvent(const hal::CanChannelEvent& event) override;
+    void onTransportEvent(const xcp::TransportEvent& event) override;
 
     /// What a typed text makes of an object's bytes in the ECU, and its number when it is one.
     struct EncodedText {
@@ -152,8 +152,8 @@ class Session final : private xcp::IMasterListener {
     // Constant after construction.
     const SessionConfig config_;
     const a2l::Description description_;
-    ConsoleLog console_;  ///< outlives the transport, whose text it takes
-    TransportSetup transport_;
+    ConsoleLog console_;  ///< outlives the medium, whose text it takes
+    const std::unique_ptr<IMedium> medium_;
 
     // One thread at a time.
     std::unique_ptr<xcp::Master> master_;

@@ -5,6 +5,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include "xcp/transport_event.h"
+
 namespace lm::xcp {
 namespace {
 
@@ -78,7 +80,7 @@ void CanTransport::onFrame(const hal::CanFrame& frame) {
 }
 
 void CanTransport::onChannelEvent(const hal::CanChannelEvent& event) {
-    if (IPacketSink* const sink = sink_.load()) sink->onTransportEvent(event);
+    if (IPacketSink* const sink = sink_.load()) sink->onTransportEvent({.what = event});
 }
 
 void CanTransport::trace(const char* direction, const hal::CanFrame& frame) const {

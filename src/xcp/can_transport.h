@@ -27,6 +27,7 @@ struct CanId {
     static constexpr CanId fromA2l(std::uint32_t number) {
         return {.id = number & 0x7FFFFFFFU, .extended = (number & 0x80000000U) != 0};
     }
+    constexpr std::uint32_t toA2l() const { return id | (extended ? 0x80000000U : 0U); }
 
     bool operator==(const CanId&) const = default;
 };

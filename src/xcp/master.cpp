@@ -76,7 +76,7 @@ void Master::onEvent(const std::uint8_t* data, std::size_t length, ReceiveTime t
     listener_.deliver([=](IMasterListener& listener) { listener.onEvent(code, data, length, time); });
 }
 
-void Master::onTransportEvent(const hal::CanChannelEvent& event) {
+void Master::onTransportEvent(const TransportEvent& event) {
     listener_.deliver([&event](IMasterListener& listener) { listener.onTransportEvent(event); });
 }
 

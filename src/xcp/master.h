@@ -42,7 +42,7 @@ class IMasterListener {
     /// A SERV packet.
     virtual void onServiceRequest(std::uint8_t code, const std::uint8_t* packet, std::size_t length) = 0;
     /// A condition of the medium, passed on unchanged.
-    virtual void onTransportEvent(const hal::CanChannelEvent& event) = 0;
+    virtual void onTransportEvent(const TransportEvent& event) = 0;
 };
 
 /// Errors of every command: Connection's.
@@ -133,7 +133,7 @@ class Master final : public IPacketSink {
     void setListener(IMasterListener* listener);
 
     void onPacket(const std::uint8_t* data, std::size_t length, ReceiveTime time) override;
-    void onTransportEvent(const hal::CanChannelEvent& event) override;
+    void onTransportEvent(const TransportEvent& event) override;
 
   private:
     /// A borrowed receiver that can be removed while the receive thread may be calling it.

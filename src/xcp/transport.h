@@ -11,7 +11,6 @@
 #include <cstdint>
 
 #include "core/result.h"
-#include "hal/can_channel_event.h"
 
 namespace lm::xcp {
 
@@ -22,6 +21,9 @@ struct ReceiveTime {
     std::int64_t hardwareNs = 0;  ///< stamped by the hardware, 0 when it gives none
 };
 
+/// See transport_event.h.
+struct TransportEvent;
+
 class IPacketSink {
   public:
     virtual ~IPacketSink() = default;
@@ -30,7 +32,7 @@ class IPacketSink {
     virtual void onPacket(const std::uint8_t* data, std::size_t length, ReceiveTime time) = 0;
 
     /// A condition of the medium (bus state, lost frames, failed reception).
-    virtual void onTransportEvent(const hal::CanChannelEvent& event) = 0;
+    virtual void onTransportEvent(const TransportEvent& event) = 0;
 };
 
 class ITransport {

@@ -19,6 +19,7 @@
 
 #include "core/bytes.h"
 #include "core/thread.h"
+#include "xcp/transport_event.h"
 
 namespace lm::xcp {
 
@@ -240,7 +241,7 @@ void UdpTransport::receiveLoop(std::unique_ptr<Batch> batch) {
             onBatch(*batch, static_cast<std::size_t>(count));
         } else if (const int failure = errno; failure != EAGAIN && failure != EWOULDBLOCK &&
                                               failure != EINTR && failure != ECONNREFUSED) {
-            report(hal::CanChannelEventKind::receiveFailed, static_cast<std::uint32_t>(failure));
+            report({.what = ReceiveFailed{.error = failure}});
             // A broken socket fails at once; without this wait its errors would come without end.
             pollfd wait = {.fd = wakeUp_, .events = POLLIN, .revents = 0};
             ::poll(&wait, 1, kReceiveWaitMs);
@@ -313,14 +314,11 @@ void UdpTransport::noteKernelDrops(std::uint32_t total) {
     const std::uint32_t dropped = total - lastKernelDrops_;
     kernelDrops_.add(dropped);
     lastKernelDrops_ = total;
-    report(hal::CanChannelEventKind::framesLost, dropped);
+    report({.what = PacketsLost{.count = dropped}});
 }
 
-void UdpTransport::report(hal::CanChannelEventKind kind, std::uint32_t value) {
-    if (IPacketSink* const sink = sink_.load()) {
-        sink->onTransportEvent(
-            {.kind = kind, .timeNs = steadyNow(), .state = hal::CanBusState::unknown, .value = value});
-    }
+void UdpTransport::report(const TransportEvent& event) {
+    if (IPacketSink* const sink = sink_.load()) sink->onTransportEvent(event);
 }
 
 UdpStatistics UdpTransport::statistics() const {

@@ -82,7 +82,7 @@ class UdpTransport final : public ITransport {
     void checkCounter(std::uint16_t counter);
     void noteMissing(std::uint16_t counter);
     void noteKernelDrops(std::uint32_t total);
-    void report(hal::CanChannelEventKind kind, std::uint32_t value);
+    void report(const TransportEvent& event);
 
     const UdpTransportConfig config_;
     std::atomic<IPacketSink*> sink_{nullptr};

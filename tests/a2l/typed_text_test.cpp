@@ -92,7 +92,8 @@ TEST(ValueText, TypedNumbersComeBackAsTheyAreHeld) {
                 continue;
             }
             const auto& [coding, conversion] = std::tie(row.object.coding, row.object.conversion);
-            EXPECT_EQ(value::valueText(bytes.data(), coding, conversion, style), exact ? row.exact : row.shown);
+            EXPECT_EQ(value::valueText(bytes.data(), coding, conversion, style),
+                      exact ? row.exact : row.shown);
             EXPECT_EQ(deviationText(row.object, row.typed, *number.value(), bytes, style),
                       exact ? row.toldExact : row.told);
         }

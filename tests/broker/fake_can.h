@@ -13,9 +13,9 @@ namespace lm::broker::test {
 
 class FakeCan : public hal::ICanAdapter {
   public:
-    std::atomic<bool> gone{false};          ///< opening and sending fail
-    unsigned opened = 0;                    ///< successful calls of open(), of all channels
-    hal::CanLinkState link{.kind = "can"};  ///< what "can0" tells about itself
+    std::atomic<bool> gone{false};                       ///< opening and sending fail
+    unsigned opened = 0;                                 ///< successful calls of open(), of all channels
+    hal::CanInterfaceState interface { .kind = "can" };  ///< what "can0" tells about itself
     hal::CanBusState state = hal::CanBusState::errorActive;
     hal::CanChannelStatistics statistics;  ///< of every channel
     hal::IFrameSink* sink = nullptr;       ///< of the channel made last
@@ -35,7 +35,7 @@ class FakeCan : public hal::ICanAdapter {
 
     std::string name() const override { return "fake"; }
     Result<std::vector<hal::CanInterfaceInfo>> listInterfaces() override {
-        return std::vector<hal::CanInterfaceInfo>{{"can0", "fake", link}};
+        return std::vector<hal::CanInterfaceInfo>{{"can0", "fake", interface}};
     }
     Result<std::unique_ptr<hal::ICanChannel>> openChannel(hal::CanChannelConfig wanted) override {
         return std::unique_ptr<hal::ICanChannel>(new Channel(*this, std::move(wanted)));

@@ -109,8 +109,8 @@ TEST_F(ChannelTest, SetsBitTimingAndMode) {
     std::string listed;
     const auto interfaces = adapter_.listInterfaces();
     for (const CanInterfaceInfo& info : interfaces.value()) {
-        listed +=
-            fmt::format("{}:{}:{}:{} ", info.name, info.driver, info.link.kind, info.link.bitTiming.bitrate);
+        listed += fmt::format("{}:{}:{}:{} ", info.name, info.driver, info.state.kind,
+                              info.state.bitTiming.bitrate);
     }
     for (const std::string part : {"can0:kvaser_pci:can:", "fcan0::can:250000 ", " vcant"}) {
         EXPECT_NE(listed.find(part), std::string::npos) << part << " in " << listed;

@@ -12,6 +12,7 @@
 #include "can_message.h"
 #include "hal/can_receiver.h"
 #include "xcp/can_transport.h"
+#include "xcp/transport_event.h"
 
 namespace lm::fuzz {
 namespace {
@@ -42,7 +43,8 @@ struct Slave final : xcp::IPacketSink {
     void onPacket(const std::uint8_t* data, std::size_t size, xcp::ReceiveTime time) override {
         told += packetLine(data, size, time.hostNs, time.hardwareNs);
     }
-    void onTransportEvent(const hal::CanChannelEvent& event) override {
+    void onTransportEvent(const xcp::TransportEvent& transportEvent) override {
+        const auto& event = std::get<hal::CanChannelEvent>(transportEvent.what);
         told += eventLine(static_cast<unsigned>(event.kind), event.timeNs, static_cast<unsigned>(event.state),
                           event.value);
     }

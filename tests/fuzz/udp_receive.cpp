@@ -26,7 +26,7 @@ struct Seen final : xcp::IPacketSink {
         const std::lock_guard lock(mutex);
         packets.push_back(std::move(packet));
     }
-    void onTransportEvent(const hal::CanChannelEvent&) override { require(false, "the socket works"); }
+    void onTransportEvent(const xcp::TransportEvent&) override { require(false, "the socket works"); }
 
     /// What came since the last call, once the packet kEnd is there.
     std::vector<Bytes> take() {

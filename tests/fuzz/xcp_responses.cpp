@@ -20,7 +20,7 @@ struct Listener final : xcp::IMasterListener {
         require(length > 0, "an event has contents");
     }
     void onServiceRequest(std::uint8_t, const std::uint8_t*, std::size_t) override {}
-    void onTransportEvent(const hal::CanChannelEvent&) override {}
+    void onTransportEvent(const xcp::TransportEvent&) override {}
 };
 
 struct Records final : xcp::IDaqRecordSink {

@@ -94,7 +94,7 @@ TEST_F(CanSession, TwoEcusShareLoadAndReconnectionOfOneChannel) {
     EXPECT_EQ(bus_.opened, 2U) << "opened once again for both";
     bus_.statistics.framesLost = 12;
     EXPECT_TRUE(first.value()->stopMeasurement());
-    EXPECT_EQ(first.value()->statistics().canDropped, 7U);
+    EXPECT_EQ(first.value()->statistics().mediumCount(kCanDropped), 7U);
     EXPECT_TRUE(second.value()->startMeasurement({many, {}, nullptr})) << "the load is given back";
     first.value().reset();
     const auto other = create(0x500);  // takes the place in memory that was freed
@@ -152,8 +152,8 @@ TEST_F(CanSession, ARestartByHandIsAskedForWhereItIsNeeded) {
         {"can", 200, "bus off, the controller restarts by itself after 200 ms"},
         {"vcan", 0, "bus off"}};
     for (const auto& row : rows) {
-        bus_.link.kind = row.kind;
-        bus_.link.restartMs = row.restartMs;
+        bus_.interface.kind = row.kind;
+        bus_.interface.restartMs = row.restartMs;
         const lm::test::LogCapture log;
         spdlog::default_logger()->set_level(spdlog::level::warn);
         auto session = create(0x600);

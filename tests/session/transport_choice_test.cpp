@@ -4,10 +4,17 @@
 #include <gtest/gtest.h>
 
 #include "broker/fake_can.h"
+#include "session/can_medium.h"
 #include "support/log_capture.h"
 
 namespace lm::session {
 namespace {
+
+std::string textsOf(const Result<std::unique_ptr<IMedium>>& medium) {
+    if (!medium.ok()) return medium.error().text();
+    const MediumTexts& texts = medium.value()->texts();
+    return texts.name + "|" + texts.description + "|" + texts.source;
+}
 
 TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
     const struct {
@@ -15,11 +22,11 @@ TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
         std::optional<std::uint16_t> port;
         std::optional<std::uint16_t> a2lPort;
         bool tcpOnly;
-        const char* outcome;  // the transport's name or the message
+        const char* outcome;  // the texts of the medium, or the message
     } rows[] = {
-        {"ecu", 1234, 4321, false, "udp:ecu:1234"},
-        {"ecu", {}, 4321, false, "udp:ecu:4321"},
-        {"fe80::1", {}, {}, false, "udp:fe80::1:5555"},
+        {"ecu", 1234, 4321, false, "udp:ecu:1234|XCP on UDP/IP, ecu:1234|XCP on UDP ecu:1234"},
+        {"ecu", {}, 4321, false, "udp:ecu:4321|XCP on UDP/IP, ecu:4321|XCP on UDP ecu:4321"},
+        {"fe80::1", {}, {}, false, "udp:fe80::1:5555|XCP on UDP/IP, fe80::1:5555|XCP on UDP fe80::1:5555"},
         {"ecu", {}, {}, true, "XCP on TCP/IP is not supported yet (use UDP)"},
         {"", {}, {}, false, "neither a CAN interface, a serial port nor a UDP host is configured"},
     };
@@ -29,8 +36,7 @@ TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
         a2l::XcpInterface interface;
         if (row.a2lPort) interface.udp = a2l::XcpOnUdp{row.a2lPort, ""};
         interface.tcp = row.tcpOnly;
-        const auto setup = chooseTransport(config, interface, ChannelPool::ofThisMachine());
-        EXPECT_EQ(setup.ok() ? setup.value().address.name : setup.error().text(), row.outcome);
+        EXPECT_EQ(textsOf(chooseTransport(config, interface, ChannelPool::ofThisMachine())), row.outcome);
     }
     using Rate = std::optional<std::uint32_t>;
     for (const auto& [configured, described, taken] :
@@ -39,50 +45,57 @@ TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
         config.serial = {"/dev/by-id/a:b", configured, {}};
         a2l::XcpInterface interface;
         interface.serial = a2l::XcpOnSerial{described};
-        const auto setup = chooseTransport(config, interface, ChannelPool::ofThisMachine());
-        EXPECT_EQ(setup.value().address.name, "serial:/dev/by-id/a:b");
-        EXPECT_EQ(setup.value().address.baudrate, taken);
+        EXPECT_EQ(textsOf(chooseTransport(config, interface, ChannelPool::ofThisMachine())),
+                  fmt::format("serial:/dev/by-id/a:b|XCP on serial, /dev/by-id/a:b, {} baud|"
+                              "XCP on serial /dev/by-id/a:b",
+                              taken));
     }
 }
 
-std::string told(const TransportSetup& setup) {
-    const xcp::CanTransportConfig& sent = setup.can->transportConfig();
-    const hal::CanChannelConfig& opened = setup.can->channel().config();
-    const CanTiming timing = setup.can->timing();
-    return fmt::format("{:X} {:X} +{}{}{}{} {} bytes, {}/{} set, load at {}/{}{}", setup.address.cmdId,
-                       setup.address.resId, sent.extraIds.size(), opened.fd && sent.fd ? " fd" : "",
-                       sent.brs ? " brs" : "", sent.maxDlcRequired ? " padded" : "", sent.maxDlc,
+std::string told(const CanMedium& medium) {
+    const xcp::CanTransportConfig& sent = medium.transportConfig();
+    const hal::CanChannelConfig& opened = medium.channel().config();
+    const CanTiming timing = medium.timing();
+    const std::string hint = medium.silenceHint();
+    return fmt::format("{} +{}{}{}{} {} bytes, {}/{} set, load at {}/{}{}{}", medium.texts().description,
+                       sent.extraIds.size(), opened.fd && sent.fd ? " fd" : "", sent.brs ? " brs" : "",
+                       sent.maxDlcRequired ? " padded" : "", sent.maxDlc,
                        opened.bitrate.value_or(hal::CanBitTiming{}).bitrate,
                        opened.dataBitrate.value_or(hal::CanBitTiming{}).bitrate, timing.bitrate,
-                       timing.dataBitrate, timing.extendedIds ? " extended" : "");
+                       timing.dataBitrate, timing.extendedIds ? " extended" : "",
+                       hint.substr(0, hint.find(',')));
 }
 
 void expectCan(const SessionConfig::Can& can, const std::optional<a2l::XcpOnCan>& described,
                std::uint32_t currentBitrate, const char* outcome) {
     broker::test::FakeCan bus;
-    bus.link.bitTiming.bitrate = currentBitrate;
+    bus.interface.bitTiming.bitrate = currentBitrate;
     ChannelPool pool(bus);
     SessionConfig config;
     config.can = can;
     config.udp.host = "ecu";  // CAN comes first
     a2l::XcpInterface interface;
     interface.can = described;
-    const auto setup = chooseTransport(config, interface, pool);
-    EXPECT_EQ(setup.ok() ? told(setup.value()) : setup.error().text(), outcome);
+    const auto medium = chooseTransport(config, interface, pool);
+    EXPECT_EQ(medium.ok() ? told(dynamic_cast<CanMedium&>(*medium.value())) : medium.error().text(), outcome);
 }
 
 TEST(TransportChoice, CanTakesTheConfigurationThenTheInterfaceThenTheA2l) {
     const a2l::XcpOnCan full{0x600, 0x80000601, {}, 250'000, false, true, 1'000'000, 32, {0x601, 0x601}};
     const a2l::XcpOnCan bare{0x600, 0x80000601, {}, {}, true, true, {}, {}, {0x80000601, 0x800}};
     const SessionConfig::Can plain{"can0", {}, {}, false, 0x7E0, 0x7E8, false};
-    expectCan(plain, {}, 0, "7E0 7E8 +0 8 bytes, 0/0 set, load at 0/0");
-    expectCan(plain, full, 500'000, "7E0 7E8 +1 8 bytes, 0/0 set, load at 500000/0");
+    expectCan(plain, {}, 0,
+              "CMD 0x7E0, RES 0x7E8 on can0 +0 8 bytes, 0/0 set, load at 0/0DTOs were expected with the "
+              "identifier 0x7E8 only");
+    expectCan(plain, full, 500'000, "CMD 0x7E0, RES 0x7E8 on can0 +1 8 bytes, 0/0 set, load at 500000/0");
     expectCan({"can0", {}, {}, true, {}, {}, true}, full, 0,
-              "600 80000601 +1 fd brs padded 32 bytes, 0/0 set, load at 250000/1000000 extended");
+              "CMD 0x600, RES 0x80000601 on can0 +1 fd brs padded 32 bytes, 0/0 set, load at 250000/1000000 "
+              "extended");
     expectCan({"can0", 800'000, 4'000'000, true, {}, 0x7E8, false}, full, 500'000,
-              "600 7E8 +1 fd brs 32 bytes, 800000/4000000 set, load at 800000/4000000");
+              "CMD 0x600, RES 0x7E8 on can0 +1 fd brs 32 bytes, 800000/4000000 set, load at 800000/4000000");
     expectCan({"can0", {}, {}, true, {}, {}, false}, bare, 500'000,
-              "600 80000601 +0 fd brs padded 64 bytes, 0/0 set, load at 500000/500000 extended");
+              "CMD 0x600, RES 0x80000601 on can0 +0 fd brs padded 64 bytes, 0/0 set, load at 500000/500000 "
+              "extended");
     expectCan({"can0", {}, {}, false, 0x7E0, {}, false}, {}, 0,
               "CAN-IDs for XCP are neither configured nor in the A2L");
     expectCan({"can0", {}, {}, false, 0x800, 0x7E8, false}, {}, 0,

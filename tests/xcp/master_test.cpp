@@ -7,6 +7,7 @@
 
 #include "xcp/daq_decoder.h"
 #include "xcp/scripted_slave.h"
+#include "xcp/transport_event.h"
 
 namespace lm::xcp {
 namespace {
@@ -221,8 +222,8 @@ struct Recorder final : IMasterListener, IDtoSink {
     void onServiceRequest(std::uint8_t code, const std::uint8_t*, std::size_t length) override {
         log += fmt::format("SERV{}/{} ", code, length);
     }
-    void onTransportEvent(const hal::CanChannelEvent& event) override {
-        log += fmt::format("BUS{} ", event.value);
+    void onTransportEvent(const TransportEvent& event) override {
+        log += fmt::format("LOST{} ", std::get<PacketsLost>(event.what).count);
     }
     void onDto(const std::uint8_t* data, std::size_t length, ReceiveTime) override {
         log += fmt::format("DTO{}/{} ", data[0], length);
@@ -240,8 +241,8 @@ TEST(Master, HandsOnWhatIsNoAnswer) {
          {"FD 06 01", "FD", "FC", "FC 02 03", "FB 01", "00", "FF", "FE 22", "", "FD 07"}) {
         bench.slave.deliver(packet, 7);
     }
-    bench.master.onTransportEvent({.value = 9});
-    EXPECT_EQ(recorder.log, "EV6/3@7 EV254/1@7 SERV0/1 SERV2/3 DTO251/2 DTO0/1 EV7/2@7 BUS9 ");
+    bench.master.onTransportEvent({PacketsLost{9}});
+    EXPECT_EQ(recorder.log, "EV6/3@7 EV254/1@7 SERV0/1 SERV2/3 DTO251/2 DTO0/1 EV7/2@7 LOST9 ");
     EXPECT_FALSE(bench.master.connected());
     EXPECT_EQ(counts(bench), "0 0 2");
     EXPECT_EQ(bench.master.statistics().events, 3U);

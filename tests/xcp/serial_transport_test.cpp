@@ -29,7 +29,7 @@ class Arrivals final : public IPacketSink, public ITextSink {
         EXPECT_TRUE(time.hostNs > 0 && time.hardwareNs == 0);
         add("[" + hexText(data, length) + "]");
     }
-    void onTransportEvent(const hal::CanChannelEvent&) override { ADD_FAILURE(); }
+    void onTransportEvent(const TransportEvent&) override { ADD_FAILURE(); }
     void onText(std::string_view line) override { add("<" + std::string(line) + ">"); }
     void onNotice(std::string_view text) override { add("{" + std::string(text) + "}"); }
 

@@ -67,7 +67,7 @@ class UdpTransportTest : public ::testing::Test, public IPacketSink {
         log_ += "[" + hexText(data, length) + "]";
         changed_.notify_all();
     }
-    void onTransportEvent(const hal::CanChannelEvent&) override { ADD_FAILURE(); }
+    void onTransportEvent(const TransportEvent&) override { ADD_FAILURE(); }
     /// Waits for a packet whose text is `last` and returns all packets so far.
     std::string upTo(const std::string& last) {
         std::unique_lock lock(mutex_);

@@ -1,4 +1,4 @@
-#include "hal/can_link_setup.h"
+#include "hal/can_interface_setup.h"
 
 #include <cerrno>
 #include <utility>
@@ -23,23 +23,24 @@ bool timingMatches(const CanBitTiming& actual, const CanBitTiming& wanted) {
            (wanted.samplePoint == 0 || actual.samplePoint == wanted.samplePoint);
 }
 
-bool linkMatches(const CanLinkState& link, const CanChannelConfig& config) {
-    if (!link.up || !timingMatches(link.bitTiming, *config.bitrate)) return false;
-    if (link.has(CanLinkState::kFd) != config.fd) return false;
-    if (link.has(CanLinkState::kListenOnly) != config.listenOnly) return false;
-    return !config.fd || !config.dataBitrate || timingMatches(link.dataBitTiming, *config.dataBitrate);
+bool settingsMatch(const CanInterfaceState& state, const CanChannelConfig& config) {
+    if (!state.up || !timingMatches(state.bitTiming, *config.bitrate)) return false;
+    if (state.has(CanInterfaceState::kFd) != config.fd) return false;
+    if (state.has(CanInterfaceState::kListenOnly) != config.listenOnly) return false;
+    return !config.fd || !config.dataBitrate || timingMatches(state.dataBitTiming, *config.dataBitrate);
 }
 
 /// The kernel switches CAN FD on only together with a data timing: without a configured one the interface's
 /// own stays, or the data phase runs at the nominal bit rate.
-CanBitTiming dataTimingFor(const CanChannelConfig& config, const CanLinkState& link) {
+CanBitTiming dataTimingFor(const CanChannelConfig& config, const CanInterfaceState& state) {
     if (config.dataBitrate) return *config.dataBitrate;
-    return link.dataBitTiming.bitrate >= config.bitrate->bitrate ? link.dataBitTiming : *config.bitrate;
+    return state.dataBitTiming.bitrate >= config.bitrate->bitrate ? state.dataBitTiming : *config.bitrate;
 }
 
-Result<CanLinkState> reconfigure(const CanChannelConfig& config, const CanLinkState& before, ICanLink& link) {
+Result<CanInterfaceState> reconfigure(const CanChannelConfig& config, const CanInterfaceState& before,
+                                      ICanInterfaces& interfaces) {
     const std::string& name = config.interfaceName;
-    CanLinkSettings settings{
+    CanInterfaceSettings settings{
         .bitTiming = *config.bitrate, .dataBitTiming = {}, .fd = config.fd, .listenOnly = config.listenOnly};
     if (config.fd) settings.dataBitTiming = dataTimingFor(config, before);
     const std::string dataPart = config.fd && config.dataBitrate
@@ -47,15 +48,15 @@ Result<CanLinkState> reconfigure(const CanChannelConfig& config, const CanLinkSt
                                      : "";
     spdlog::info("{}: setting bitrate {} bit/s{}", name, config.bitrate->bitrate, dataPart);
     if (before.up) {
-        if (const auto down = link.switchDown(name); !down) return down.error();
+        if (const auto down = interfaces.switchDown(name); !down) return down.error();
     }
-    if (const auto set = link.configure(name, settings); !set) {
+    if (const auto set = interfaces.configure(name, settings); !set) {
         // Best effort: the failure to tell is the first one.
-        if (before.up) static_cast<void>(link.switchUp(name));
+        if (before.up) static_cast<void>(interfaces.switchUp(name));
         return set.error();
     }
-    if (const auto up = link.switchUp(name); !up) return up.error();
-    return link.query(name);
+    if (const auto up = interfaces.switchUp(name); !up) return up.error();
+    return interfaces.query(name);
 }
 
 Error withPermissionHint(Error error) {
@@ -67,34 +68,35 @@ Error withPermissionHint(Error error) {
     return error;
 }
 
-Result<CanBusState> checkVirtual(const CanChannelConfig& config, const CanLinkState& link) {
+Result<CanBusState> checkVirtual(const CanChannelConfig& config, const CanInterfaceState& state) {
     const std::string& name = config.interfaceName;
     if (config.bitrate) spdlog::info("{}: virtual interface, bit timing ignored", name);
-    if (!link.up) {
+    if (!state.up) {
         return isDown(name + " is down. Switch it on in a terminal: `sudo ip link set " + name + " up`");
     }
-    if (config.fd && link.mtu != CanLinkState::kFdMtu) {
+    if (config.fd && state.mtu != CanInterfaceState::kFdMtu) {
         return notCanFd(name + " is not CAN FD capable. Change it in a terminal: `sudo ip link set " + name +
                         " down && sudo ip link set " + name + " mtu 72 up`");
     }
     return CanBusState::errorActive;
 }
 
-Result<CanBusState> setUpController(const CanChannelConfig& config, CanLinkState link, ICanLink& links) {
+Result<CanBusState> setUpController(const CanChannelConfig& config, CanInterfaceState state,
+                                    ICanInterfaces& interfaces) {
     const std::string& name = config.interfaceName;
-    if (!config.bitrate && !link.up) {
+    if (!config.bitrate && !state.up) {
         return isDown(name +
                       " is down and no bitrate is configured: set the bitrate in the settings, or switch it "
                       "on in a terminal: `sudo ip link set " +
                       name + " up type can bitrate 500000`");
     }
-    if (config.bitrate && !linkMatches(link, config)) {
-        auto changed = reconfigure(config, link, links);
+    if (config.bitrate && !settingsMatch(state, config)) {
+        auto changed = reconfigure(config, state, interfaces);
         if (!changed) return withPermissionHint(changed.error());
-        link = std::move(changed).value();
+        state = std::move(changed).value();
     }
-    if (config.fd && !link.has(CanLinkState::kFd)) return notCanFd(name + " is not in CAN FD mode");
-    return link.busState;
+    if (config.fd && !state.has(CanInterfaceState::kFd)) return notCanFd(name + " is not in CAN FD mode");
+    return state.busState;
 }
 
 }  // namespace
@@ -112,13 +114,13 @@ Error missingCanInterface(const std::string& name) {
     return {.code = ErrorCode::notFound, .message = std::move(message), .sysErrno = ENODEV};
 }
 
-Result<CanBusState> setUpCanLink(const CanChannelConfig& config, ICanLink& link) {
-    auto state = link.query(config.interfaceName);
+Result<CanBusState> setUpCanInterface(const CanChannelConfig& config, ICanInterfaces& interfaces) {
+    auto state = interfaces.query(config.interfaceName);
     if (!state) {
         return state.error().sysErrno == ENODEV ? missingCanInterface(config.interfaceName) : state.error();
     }
     if (!state.value().isController()) return checkVirtual(config, state.value());
-    return setUpController(config, std::move(state).value(), link);
+    return setUpController(config, std::move(state).value(), interfaces);
 }
 
 }  // namespace lm::hal

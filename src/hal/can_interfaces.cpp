@@ -1,4 +1,4 @@
-#include "hal/can_link.h"
+#include "hal/can_interfaces.h"
 
 #include <cerrno>
 #include <linux/if.h>
@@ -56,28 +56,28 @@ Result<void> acknowledged(const std::string& name, const char* action, const Net
 
 }  // namespace
 
-Result<CanLinkState> NetlinkCanLink::query(const std::string& name) {
+Result<CanInterfaceState> NetlinkCanInterfaces::query(const std::string& name) {
     if (name.empty() || name.size() >= IFNAMSIZ) return missing(name);
-    const auto reply = exchange(linkQuery(name, kSequence));
+    const auto reply = exchange(interfaceQuery(name, kSequence));
     if (!reply) return inContext(name, "", reply.error());
-    auto link = readLinkReply(reply.value(), kSequence);
-    if (!link) return inContext(name, "", link.error());
-    return link;
+    auto state = readInterfaceReply(reply.value(), kSequence);
+    if (!state) return inContext(name, "", state.error());
+    return state;
 }
 
-Result<void> NetlinkCanLink::switchUp(const std::string& name) {
-    return acknowledged(name, " up", linkSwitch(name, true, kSequence));
+Result<void> NetlinkCanInterfaces::switchUp(const std::string& name) {
+    return acknowledged(name, " up", interfaceSwitch(name, true, kSequence));
 }
 
-Result<void> NetlinkCanLink::switchDown(const std::string& name) {
-    return acknowledged(name, " down", linkSwitch(name, false, kSequence));
+Result<void> NetlinkCanInterfaces::switchDown(const std::string& name) {
+    return acknowledged(name, " down", interfaceSwitch(name, false, kSequence));
 }
 
-Result<void> NetlinkCanLink::configure(const std::string& name, const CanLinkSettings& settings) {
+Result<void> NetlinkCanInterfaces::configure(const std::string& name, const CanInterfaceSettings& settings) {
     if (settings.dataBitTiming && !settings.fd) {
         return Error{.code = ErrorCode::invalidArgument, .message = "data bit timing requires CAN FD"};
     }
-    return acknowledged(name, "", linkSettings(name, settings, kSequence));
+    return acknowledged(name, "", interfaceSettings(name, settings, kSequence));
 }
 
 }  // namespace lm::hal

@@ -1,4 +1,4 @@
-#include "hal/can_link_message.h"
+#include "hal/can_interface_message.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +12,8 @@
 namespace lm::hal {
 namespace {
 
-static_assert(CanLinkState::kListenOnly == CAN_CTRLMODE_LISTENONLY && CanLinkState::kFd == CAN_CTRLMODE_FD);
+static_assert(CanInterfaceState::kListenOnly == CAN_CTRLMODE_LISTENONLY &&
+              CanInterfaceState::kFd == CAN_CTRLMODE_FD);
 
 using Bytes = std::span<const std::uint8_t>;
 
@@ -27,17 +28,17 @@ T readAt(Bytes bytes, std::size_t offset) {
     return value;
 }
 
-/// A request about one link, growing attribute by attribute.
+/// A request about one interface, growing attribute by attribute.
 class Request {
   public:
-    Request(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence, const ifinfomsg& link)
+    Request(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence, const ifinfomsg& head)
         : header_{.nlmsg_len = 0,
                   .nlmsg_type = type,
                   .nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags),
                   .nlmsg_seq = sequence,
                   .nlmsg_pid = 0} {
         append(&header_, sizeof header_);
-        append(&link, sizeof link);
+        append(&head, sizeof head);
     }
 
     void add(std::uint16_t type, const void* data, std::size_t size) {
@@ -79,11 +80,11 @@ class Request {
     NetlinkMessage bytes_;
 };
 
-ifinfomsg linkFlags(bool change, bool up) {
-    ifinfomsg link{};
-    link.ifi_change = change ? IFF_UP : 0;
-    link.ifi_flags = up ? IFF_UP : 0;
-    return link;
+ifinfomsg interfaceFlags(bool change, bool up) {
+    ifinfomsg head{};
+    head.ifi_change = change ? IFF_UP : 0;
+    head.ifi_flags = up ? IFF_UP : 0;
+    return head;
 }
 
 void addBitTiming(Request& request, std::uint16_t type, const CanBitTiming& timing) {
@@ -124,12 +125,12 @@ CanBusState busStateFrom(std::optional<std::uint32_t> state) {
     return static_cast<CanBusState>(*state + 1);
 }
 
-void readController(Bytes attributes, CanLinkState& link) {
-    link.bitTiming = findBitTiming(attributes, IFLA_CAN_BITTIMING);
-    link.dataBitTiming = findBitTiming(attributes, IFLA_CAN_DATA_BITTIMING);
-    link.controlMode = findValue<can_ctrlmode>(attributes, IFLA_CAN_CTRLMODE).value_or(can_ctrlmode{}).flags;
-    link.busState = busStateFrom(findValue<std::uint32_t>(attributes, IFLA_CAN_STATE));
-    link.restartMs = findValue<std::uint32_t>(attributes, IFLA_CAN_RESTART_MS).value_or(0);
+void readController(Bytes attributes, CanInterfaceState& state) {
+    state.bitTiming = findBitTiming(attributes, IFLA_CAN_BITTIMING);
+    state.dataBitTiming = findBitTiming(attributes, IFLA_CAN_DATA_BITTIMING);
+    state.controlMode = findValue<can_ctrlmode>(attributes, IFLA_CAN_CTRLMODE).value_or(can_ctrlmode{}).flags;
+    state.busState = busStateFrom(findValue<std::uint32_t>(attributes, IFLA_CAN_STATE));
+    state.restartMs = findValue<std::uint32_t>(attributes, IFLA_CAN_RESTART_MS).value_or(0);
 }
 
 Error unexpectedReply() {
@@ -160,20 +161,21 @@ Result<Reply> readReply(Bytes reply, std::uint32_t sequence) {
 
 }  // namespace
 
-NetlinkMessage linkQuery(std::string_view name, std::uint32_t sequence) {
-    Request request(RTM_GETLINK, 0, sequence, linkFlags(false, false));
+NetlinkMessage interfaceQuery(std::string_view name, std::uint32_t sequence) {
+    Request request(RTM_GETLINK, 0, sequence, interfaceFlags(false, false));
     request.addText(IFLA_IFNAME, name);
     return request.finish();
 }
 
-NetlinkMessage linkSwitch(std::string_view name, bool up, std::uint32_t sequence) {
-    Request request(RTM_NEWLINK, NLM_F_ACK, sequence, linkFlags(true, up));
+NetlinkMessage interfaceSwitch(std::string_view name, bool up, std::uint32_t sequence) {
+    Request request(RTM_NEWLINK, NLM_F_ACK, sequence, interfaceFlags(true, up));
     request.addText(IFLA_IFNAME, name);
     return request.finish();
 }
 
-NetlinkMessage linkSettings(std::string_view name, const CanLinkSettings& settings, std::uint32_t sequence) {
-    Request request(RTM_NEWLINK, NLM_F_ACK, sequence, linkFlags(false, false));
+NetlinkMessage interfaceSettings(std::string_view name, const CanInterfaceSettings& settings,
+                                 std::uint32_t sequence) {
+    Request request(RTM_NEWLINK, NLM_F_ACK, sequence, interfaceFlags(false, false));
     request.addText(IFLA_IFNAME, name);
     const std::size_t info = request.open(IFLA_LINKINFO);
     request.addText(IFLA_INFO_KIND, "can");
@@ -181,30 +183,30 @@ NetlinkMessage linkSettings(std::string_view name, const CanLinkSettings& settin
     addBitTiming(request, IFLA_CAN_BITTIMING, settings.bitTiming);
     if (settings.dataBitTiming) addBitTiming(request, IFLA_CAN_DATA_BITTIMING, *settings.dataBitTiming);
     can_ctrlmode mode{};
-    mode.mask = CanLinkState::kFd | CanLinkState::kListenOnly;
-    mode.flags =
-        (settings.fd ? CanLinkState::kFd : 0U) | (settings.listenOnly ? CanLinkState::kListenOnly : 0U);
+    mode.mask = CanInterfaceState::kFd | CanInterfaceState::kListenOnly;
+    mode.flags = (settings.fd ? CanInterfaceState::kFd : 0U) |
+                 (settings.listenOnly ? CanInterfaceState::kListenOnly : 0U);
     request.add(IFLA_CAN_CTRLMODE, &mode, sizeof mode);
     request.close(data);
     request.close(info);
     return request.finish();
 }
 
-Result<CanLinkState> readLinkReply(Bytes reply, std::uint32_t sequence) {
+Result<CanInterfaceState> readInterfaceReply(Bytes reply, std::uint32_t sequence) {
     const auto message = readReply(reply, sequence);
     if (!message) return message.error();
     const Bytes content = message.value().content;
     if (message.value().type != RTM_NEWLINK || content.size() < sizeof(ifinfomsg)) return unexpectedReply();
-    CanLinkState link;
-    link.up = (readAt<ifinfomsg>(content, 0).ifi_flags & IFF_UP) != 0;
+    CanInterfaceState state;
+    state.up = (readAt<ifinfomsg>(content, 0).ifi_flags & IFF_UP) != 0;
     const Bytes attributes = content.subspan(sizeof(ifinfomsg));
-    link.mtu = findValue<std::uint32_t>(attributes, IFLA_MTU).value_or(0);
+    state.mtu = findValue<std::uint32_t>(attributes, IFLA_MTU).value_or(0);
     const Bytes info = findAttribute(attributes, IFLA_LINKINFO).value_or(Bytes{});
     if (const auto kind = findAttribute(info, IFLA_INFO_KIND)) {
-        link.kind.assign(kind->begin(), std::find(kind->begin(), kind->end(), 0));
+        state.kind.assign(kind->begin(), std::find(kind->begin(), kind->end(), 0));
     }
-    if (link.isController()) readController(findAttribute(info, IFLA_INFO_DATA).value_or(Bytes{}), link);
-    return link;
+    if (state.isController()) readController(findAttribute(info, IFLA_INFO_DATA).value_or(Bytes{}), state);
+    return state;
 }
 
 Result<void> readAcknowledgement(Bytes reply, std::uint32_t sequence) {

@@ -17,7 +17,7 @@ struct CanBitTiming {
     bool operator==(const CanBitTiming&) const = default;
 };
 
-struct CanLinkState {
+struct CanInterfaceState {
     static constexpr std::uint32_t kListenOnly = 0x02;  ///< bit of `controlMode`
     static constexpr std::uint32_t kFd = 0x20;          ///< bit of `controlMode`
     static constexpr std::uint32_t kFdMtu = 72;         ///< bytes, of an interface that takes CAN FD frames

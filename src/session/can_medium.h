@@ -1,0 +1,89 @@
+// XCP on CAN as a medium: one session's share of a CAN channel, with its identifiers, its part of the bus
+// load and what it tells of the bus.
+//
+// Threads: those of IMedium; nothing from a callback of the channel but report(). Lifetime: owns the channel
+// jointly with the other sessions on it and gives its identifiers up when it goes.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "a2l/xcp_interface.h"
+#include "session/channel_pool.h"
+#include "session/medium.h"
+#include "xcp/can_transport.h"
+
+namespace lm::session {
+
+class CanMedium final : public IMedium {
+  public:
+    CanMedium(std::shared_ptr<SharedChannel> channel, xcp::CanTransportConfig config, MediumTexts texts,
+              const a2l::XcpOnCan& described);
+    ~CanMedium() override;
+    CanMedium(const CanMedium&) = delete;
+    CanMedium& operator=(const CanMedium&) = delete;
+
+    const MediumTexts& texts() const override { return texts_; }
+    xcp::ITransport& transport() override { return transport_; }
+    const xcp::CanTransportConfig& transportConfig() const { return config_; }
+    const SharedChannel& channel() const { return *channel_; }
+
+    /// Claims the response identifier and the fixed identifiers of DAQ lists. Error: the channel's.
+    Result<void> claimIds();
+
+    /// On a bus of short frames longer DTOs would never come.
+    std::uint16_t largestDto(std::uint16_t told) const override;
+    Result<double> claimLoad(const LoadInput& input, double limit) override;
+    void releaseLoad() override { channel_->claimLoad(this, 0); }
+    /// Bit rates of the configuration, else of the interface, else of the A2L; a CAN FD channel whose data
+    /// bit rate nobody tells runs at the nominal one.
+    CanTiming timing() const;
+
+    /// Of the whole channel, other ECUs' included.
+    std::vector<MediumCounter> counters() const override;
+    /// Only the response identifier is heard where the A2L names no fixed ones of DAQ lists.
+    std::string silenceHint() const override;
+
+    Result<void> reopenIfLost() override { return channel_->reopenIfLost(); }
+    void reportTrouble() override;
+    /// Warnings that a user can act upon, the rest for the curious. Of a controller that changes its state
+    /// again and again some changes are told, the others counted; that it is off the bus is told whenever the
+    /// last message said something else.
+    bool report(const xcp::TransportEvent& event) override;
+
+  private:
+    void reportState(hal::CanBusState state, std::int64_t timeNs);
+    std::string stateText(hal::CanBusState state) const;
+
+    // Constant after construction.
+    const std::shared_ptr<SharedChannel> channel_;
+    const xcp::CanTransportConfig config_;
+    const MediumTexts texts_;
+    const CanBitrates described_;
+    const bool listIdsFixed_;
+    /// Asked once: the receive thread must not wait for the kernel.
+    const std::optional<hal::CanInterfaceState> interfaceState_;
+
+    xcp::CanTransport transport_;  ///< uses the channel's broker
+
+    std::atomic<bool> lossReported_{false};  ///< said once
+
+    std::mutex stateMutex_;  // everything below
+    bool trouble_ = false;   ///< error passive or bus off, and not error active since
+    hal::CanBusState told_ = hal::CanBusState::errorActive;  ///< by the last message
+    std::uint64_t hidden_ = 0;                               ///< changes since the last message
+    std::int64_t spentNs_ = 0;  ///< until then the messages so far have used up the time that is for each
+};
+
+/// Opens or joins the channel of the interface and claims the identifiers that it receives. Warns when the
+/// A2L describes CAN FD and the configuration does not ask for it. Errors: invalidArgument "CAN-IDs for XCP
+/// are neither configured nor in the A2L", invalidArgument "CAN-ID 0xID: CAN identifier out of range", the
+/// pool's, the channel's.
+MediumMaker makeCanMedium;
+
+}  // namespace lm::session

@@ -1,0 +1,55 @@
+#include "session/measurement_start.h"
+
+#include <chrono>
+#include <utility>
+
+#include <spdlog/spdlog.h>
+
+#include "core/platform.h"
+#include "session/measurement_plan.h"
+
+namespace lm::session {
+
+Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const MeasurementOptions& options) {
+    const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
+    xcp::ConnectInfo connection = context.master.connectInfo();
+    connection.maxDto = context.medium.largestDto(connection.maxDto);
+    auto plan =
+        planMeasurement(context.description, texts, context.config.daq, context.capabilities, connection);
+    if (!plan.ok()) return plan.error();
+    if (!options.recordDirectory.empty()) {
+        if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();
+    }
+    const auto load = context.medium.claimLoad(loadInput(plan.value().daq, context.capabilities),
+                                               context.config.daq.maxBusLoad);
+    if (!load.ok()) return load.error();
+    const std::string warning = foreignEventWarning(plan.value());
+    if (!warning.empty()) spdlog::warn("{}", warning);
+    if (plan.value().daq.timestampSize == 0) {
+        spdlog::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
+    }
+    return AcceptedPlan{std::move(plan).value(), load.value()};
+}
+
+Result<std::unique_ptr<storage::RecordingWriter>> createRecording(const MeasurementContext& context,
+                                                                  const MeasurementPlan& plan,
+                                                                  const std::filesystem::path& directory) {
+    using namespace std::chrono;
+    // Every group keeps two files open and one more per summary level.
+    raiseOpenFileLimit();
+    storage::RecordingInfo info = recordingInfo(plan, context.capabilities);
+    info.startHostNs = nanoseconds(steady_clock::now().time_since_epoch()).count();
+    info.startUtcNs = nanoseconds(system_clock::now().time_since_epoch()).count();
+    info.source = context.medium.texts().source;
+    const auto normal = directory.lexically_normal();
+    info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
+    info.ecu = context.ecuName;
+    info.utcOffsetMinutes = utcOffsetMinutes(info.startUtcNs);
+    info.a2lName = context.config.a2l.filename().string();
+    info.a2lSha256 = context.description.sha256;
+    storage::WriterOptions options;
+    options.queueBytes = storage::recommendedQueueBytes(info);
+    return storage::RecordingWriter::create(directory, std::move(info), options);
+}
+
+}  // namespace lm::session

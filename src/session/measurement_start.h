@@ -1,0 +1,53 @@
+// What comes before the first command of a measurement: its plan is made, its load accepted, its recording
+// created.
+//
+// Threads: the owner's; nothing is kept. Lifetime: the context borrows everything but its texts and callbacks
+// from the session.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "a2l/description.h"
+#include "core/result.h"
+#include "session/measurement_types.h"
+#include "session/medium.h"
+#include "session/session_config.h"
+#include "session/session_state.h"
+#include "storage/write/recording_writer.h"
+#include "xcp/master.h"
+
+namespace lm::session {
+
+/// What a measurement needs of its session.
+struct MeasurementContext {
+    const SessionConfig& config;
+    const a2l::Description& description;
+    IMedium& medium;
+    xcp::Master& master;
+    const xcp::DaqCapabilities& capabilities;
+    const std::atomic<std::uint64_t>& holes;  ///< as of xcp::DaqDecoder::setHoles
+    std::string ecuName;
+    std::function<void(SessionState, const std::string&)> changeState;
+};
+
+struct AcceptedPlan {
+    MeasurementPlan plan;
+    double busLoad = 0;  ///< of all ECUs on the line, fraction of 1; this ECU's part is claimed
+};
+
+/// Plans the signals of the options, else of the configuration, warns of what the user may not expect, and
+/// claims the load. Errors, with nothing claimed: those of planMeasurement, requireRecordable and
+/// IMedium::claimLoad.
+Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const MeasurementOptions& options);
+
+/// Errors: those of storage::RecordingWriter::create.
+Result<std::unique_ptr<storage::RecordingWriter>> createRecording(const MeasurementContext& context,
+                                                                  const MeasurementPlan& plan,
+                                                                  const std::filesystem::path& directory);
+
+}  // namespace lm::session
