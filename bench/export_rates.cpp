@@ -55,7 +55,7 @@ storage::RecordingInfo describe() {
         signal.name = name;
         signal.coding.dataType = type;
         signal.recordOffset = offset;
-        signal.conversion = value::Conversion(std::move(kind), "%8.3", "");
+        signal.conversion = std::make_shared<const value::Conversion>(std::move(kind), "%8.3", "");
         group.signals.push_back(std::move(signal));
     };
     value::Conversion::VerbalTable gears;

@@ -63,12 +63,13 @@ storage::RecordingInfo describe(const xcp::DaqPlan& plan, std::size_t signalsPer
         group.name = "list " + std::to_string(list.eventChannel);
         group.recordSize = list.recordSize;
         for (std::size_t i = 0; i < signalsPerList; ++i) {
-            group.signals.push_back({.name = "s" + std::to_string(i),
-                                     .description = {},
-                                     .displayName = {},
-                                     .coding = {value::DataType::ulong, ByteOrder::littleEndian, 0},
-                                     .recordOffset = static_cast<std::uint32_t>(i * kSignalBytes),
-                                     .conversion = {value::Conversion::Linear{0.5, 1}, "", ""}});
+            storage::SignalInfo signal;
+            signal.name = "s" + std::to_string(i);
+            signal.coding.dataType = value::DataType::ulong;
+            signal.recordOffset = static_cast<std::uint32_t>(i * kSignalBytes);
+            signal.conversion =
+                std::make_shared<const value::Conversion>(value::Conversion::Linear{0.5, 1}, "", "");
+            group.signals.push_back(std::move(signal));
         }
         info.groups.push_back(std::move(group));
     }

@@ -12,7 +12,7 @@
 #include <benchmark/benchmark.h>
 
 #include "core/bytes.h"
-#include "storage/write/pyramid.h"
+#include "storage/write/summary_writer.h"
 #include "value/formula.h"
 
 namespace {
@@ -39,12 +39,12 @@ Group makeGroup(const value::RawCoding& coding, const value::Conversion& convers
     Group group;
     const std::size_t size = coding.size();
     for (std::size_t i = 0; i < kSignals; ++i) {
-        group.info.signals.push_back({.name = "s" + std::to_string(i),
-                                      .description = {},
-                                      .displayName = {},
-                                      .coding = coding,
-                                      .recordOffset = static_cast<std::uint32_t>(i * size),
-                                      .conversion = conversion});
+        storage::SignalInfo signal;
+        signal.name = "s" + std::to_string(i);
+        signal.coding = coding;
+        signal.recordOffset = static_cast<std::uint32_t>(i * size);
+        signal.conversion = std::make_shared<const value::Conversion>(conversion);
+        group.info.signals.push_back(std::move(signal));
     }
     group.info.recordSize = static_cast<std::uint32_t>(kSignals * size);
     group.records.resize(kRecords * (group.info.recordSize + kTimestamp));
@@ -82,7 +82,7 @@ value::Conversion table(std::size_t pairs, bool interpolate, bool even, std::uin
 Group withOwnTables(Group group, std::size_t pairs) {
     std::uint32_t seed = 1;
     for (storage::SignalInfo& signal : group.info.signals)
-        signal.conversion = table(pairs, true, false, seed++);
+        signal.conversion = std::make_shared<const value::Conversion>(table(pairs, true, false, seed++));
     return group;
 }
 
@@ -113,7 +113,9 @@ void summarise(benchmark::State& state, const Group& group) {
     if (::mkdtemp(directory.data()) == nullptr) std::abort();
     {
         storage::RecordingFaults faults{directory};
-        storage::Pyramid pyramid(0, group.info, faults);
+        auto made = storage::SummaryWriter::create(0, group.info, faults);
+        if (!made) std::abort();
+        storage::SummaryWriter& pyramid = made.value();
         for (auto _ : state)
             pyramid.add(group.records.data(), kRecords);
         pyramid.close();

@@ -4,21 +4,20 @@
 #include <string>
 
 #include "a2l/number_word.h"
-#include "a2l/object.h"
 
 namespace lm::a2l {
 namespace {
 
 [[noreturn]] void fail(std::string_view label, std::string_view complaint) {
-    throw ObjectError(std::string(label) + std::string(complaint));
+    throw BlockError(std::string(label) + std::string(complaint));
 }
 
 [[noreturn]] void failUnknown(std::string_view what, std::string_view word) {
-    throw ObjectError("unknown " + std::string(what) + " '" + std::string(word) + "'");
+    throw BlockError("unknown " + std::string(what) + " '" + std::string(word) + "'");
 }
 
 const Token& tokenAt(const Block& block, std::size_t index, std::string_view label) {
-    if (index >= block.tokens().size()) throw ObjectError("missing " + std::string(label));
+    if (index >= block.tokens().size()) throw BlockError("missing " + std::string(label));
     return block.tokens()[index];
 }
 

@@ -9,16 +9,23 @@
 #include <cstdint>
 #include <limits>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
-#include "a2l/tokenizer.h"
+#include "a2l/block.h"
 #include "core/bytes.h"
 #include "value/data_type.h"
 
 namespace lm::a2l {
 
-// All readers throw ObjectError. An index past the last token: "missing LABEL".
+/// Why a block cannot be read. It never leaves the parser, which tells it and leaves the block out.
+class BlockError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// All readers throw BlockError. An index past the last token: "missing LABEL".
 
 /// The text of an unquoted word, also of a number. "LABEL must not be a string".
 std::string_view readIdentifier(const Block& block, std::size_t index, std::string_view label);

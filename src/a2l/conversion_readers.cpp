@@ -5,7 +5,6 @@
 #include <string>
 
 #include "a2l/arguments.h"
-#include "a2l/object.h"
 
 namespace lm::a2l {
 namespace {
@@ -26,7 +25,7 @@ ConversionType readConversionType(const Block& block, std::size_t index) {
         "IDENTICAL", "LINEAR", "RAT_FUNC", "TAB_INTP", "TAB_NOINTP", "TAB_VERB", "FORM"};
     const std::string_view word = readIdentifier(block, index, "conversion type");
     const auto* found = std::find(kNames.begin(), kNames.end(), word);
-    if (found == kNames.end()) throw ObjectError("unknown conversion type '" + std::string(word) + "'");
+    if (found == kNames.end()) throw BlockError("unknown conversion type '" + std::string(word) + "'");
     return static_cast<ConversionType>(found - kNames.begin());
 }
 
@@ -56,29 +55,29 @@ struct Coefficients {
 // What the conversion type needs has to be there.
 void checkMethod(CompuMethod& method, Coefficients& coefficients, bool hasFormula) {
     if (coefficients.linear && coefficients.linear->size() != 2) {
-        throw ObjectError("COEFFS_LINEAR needs 2 numbers");
+        throw BlockError("COEFFS_LINEAR needs 2 numbers");
     }
     if (coefficients.rational && coefficients.rational->size() != 6) {
-        throw ObjectError("COEFFS needs 6 numbers");
+        throw BlockError("COEFFS needs 6 numbers");
     }
     switch (method.type) {
         case ConversionType::identical:
             break;
         case ConversionType::linear:
-            if (!coefficients.linear) throw ObjectError("LINEAR without COEFFS_LINEAR");
+            if (!coefficients.linear) throw BlockError("LINEAR without COEFFS_LINEAR");
             method.coefficients = std::move(*coefficients.linear);
             break;
         case ConversionType::ratFunc:
-            if (!coefficients.rational) throw ObjectError("RAT_FUNC without COEFFS");
+            if (!coefficients.rational) throw BlockError("RAT_FUNC without COEFFS");
             method.coefficients = std::move(*coefficients.rational);
             break;
         case ConversionType::tabIntp:
         case ConversionType::tabNointp:
         case ConversionType::tabVerb:
-            if (method.tableRef.empty()) throw ObjectError("table conversion without COMPU_TAB_REF");
+            if (method.tableRef.empty()) throw BlockError("table conversion without COMPU_TAB_REF");
             break;
         case ConversionType::form:
-            if (!hasFormula) throw ObjectError("FORM without FORMULA");
+            if (!hasFormula) throw BlockError("FORM without FORMULA");
             break;
     }
 }

@@ -1,12 +1,12 @@
 // One block of the module to one record of the model: conversion methods, their tables, record layouts.
 //
 // Threads: one at a time. Lifetime: the records' texts live where the ModelStore points. All readers throw
-// ObjectError when an argument is missing or wrong.
+// BlockError when an argument is missing or wrong.
 #pragma once
 
+#include "a2l/block.h"
 #include "a2l/description.h"
 #include "a2l/object_readers.h"
-#include "a2l/tokenizer.h"
 
 namespace lm::a2l {
 

@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include "a2l/arguments.h"
-#include "a2l/object.h"
 
 namespace lm::a2l {
 namespace {
@@ -62,7 +61,7 @@ std::optional<Part> readPart(const Block& block, Part (*read)(const Block&, Diag
                              Diagnostics& diagnostics) {
     try {
         return read(block, diagnostics);
-    } catch (const ObjectError& error) {
+    } catch (const BlockError& error) {
         diagnostics.skipped(block.keyword, {}, block.line, error.what());
         return std::nullopt;
     }

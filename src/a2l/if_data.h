@@ -3,8 +3,8 @@
 // Threads: one at a time. Lifetime: the record owns what it takes from the block.
 #pragma once
 
+#include "a2l/block.h"
 #include "a2l/diagnostics.h"
-#include "a2l/tokenizer.h"
 #include "a2l/xcp_interface.h"
 
 namespace lm::a2l {

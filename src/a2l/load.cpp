@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "a2l/parser.h"
+#include "a2l/tokenizer.h"
 #include "core/sha256.h"
 #include "core/stoppable_input.h"
 #include "core/text.h"

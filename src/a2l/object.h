@@ -1,8 +1,7 @@
-// A name of the A2L resolved to a place in ECU memory, its coding, conversion and limits; and the way of a
-// physical value into its bytes.
+// A name of the A2L resolved to what it says of itself and to the elements that hold its values.
 //
-// Threads: a resolved object is immutable; all functions are pure. Lifetime: owns everything; independent of
-// the description it was resolved from.
+// Threads: an object is immutable; all functions are pure. Lifetime: owns everything; independent of the
+// description it was found in.
 #pragma once
 
 #include <cstddef>
@@ -14,50 +13,46 @@
 #include <vector>
 
 #include "a2l/description.h"
-#include "core/ecu_address.h"
 #include "core/result.h"
-#include "value/conversion.h"
-#include "value/raw_value.h"
+#include "value/element.h"
 
 namespace lm::a2l {
 
-/// Why a name cannot be resolved; what() is the whole message.
+enum class ObjectKind : std::uint8_t { measurement, characteristic };
+
+/// What the A2L says of an object, and its elements. They are made when they are asked for: what has a
+/// million of them takes no more memory than a scalar.
+struct Object {
+    std::string name;
+    std::string description;  ///< long identifier
+    std::string displayName;  ///< DISPLAY_IDENTIFIER, may be empty
+    ObjectKind kind = ObjectKind::measurement;
+    bool writable = false;                  ///< characteristic: not READ_ONLY; measurement: READ_WRITE
+    std::vector<std::uint16_t> events;      ///< event channels the A2L names for a measurement
+    std::vector<std::uint32_t> dimensions;  ///< elements along each axis; none for a scalar
+
+    std::size_t elementCount() const;
+    /// `index` is below elementCount().
+    value::Element element(std::size_t index = 0) const;
+
+    value::Element first;  ///< what all elements have in common, at the address of the first
+};
+
+/// Errors (notFound): "'NAME' is neither a MEASUREMENT nor a CHARACTERISTIC", "NAME: REASON".
+Result<Object> findObject(const Description& description, std::string_view name);
+
+/// Why resolve() found nothing; what() is the whole message.
 class ObjectError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-enum class ObjectKind : std::uint8_t { measurement, characteristic };
+// The scalar view: one number to an object, as a double.
 
-struct ResolvedObject {
-    std::string name;
-    std::string description;  ///< long identifier
-    std::string displayName;  ///< DISPLAY_IDENTIFIER, may be empty
-    ObjectKind kind = ObjectKind::measurement;
-    xcp::Address address;
-    value::RawCoding coding;
-    value::Conversion conversion;  ///< with the object's own format and unit
-    double lowerLimit = 0;
-    double upperLimit = 0;
-    bool writable = false;              ///< characteristic: not READ_ONLY; measurement: READ_WRITE
-    bool emptyMask = false;             ///< BIT_MASK 0x0: reads like no mask, and no bit may change
-    std::vector<std::uint16_t> events;  ///< event channels the A2L names for a measurement
+/// As findObject(), whose error it throws as an ObjectError.
+Object resolve(const Description& description, std::string_view name);
 
-    std::size_t size() const { return coding.size(); }
-    /// Integers of 64 bits keep all of them between text and bytes; a double holds all other values.
-    bool keepsIntegers() const {
-        return size() == sizeof(std::uint64_t) && !value::isFloat(coding.dataType) &&
-               conversion.binaryExponent();
-    }
-};
-
-/// Throws ObjectError with the whole message.
-ResolvedObject resolve(const Description& description, std::string_view name);
-
-/// Limit check, inverse conversion, raw encode. `buffer` holds the current ECU bytes (their bits outside a
-/// mask stay). A limit that is not finite is none. Errors (invalidArgument or unsupported, buffer untouched)
-/// bear the object's name.
-Result<void> encodePhysical(const ResolvedObject& object, long double physical,
-                            std::span<std::uint8_t> buffer);
+/// As value::encodePhysical() of the one element.
+Result<void> encodePhysical(const Object& object, double physical, std::span<std::uint8_t> buffer);
 
 }  // namespace lm::a2l

@@ -7,7 +7,6 @@
 
 #include "a2l/arguments.h"
 #include "a2l/if_data.h"
-#include "a2l/object.h"
 
 namespace lm::a2l {
 namespace {
@@ -168,7 +167,7 @@ CharacteristicType readCharacteristicType(const Block& block, std::size_t index)
                                                                "CUBE_4", "CUBE_5", "VAL_BLK", "ASCII"};
     const std::string_view word = readIdentifier(block, index, "characteristic type");
     const auto* found = std::find(kNames.begin(), kNames.end(), word);
-    if (found == kNames.end()) throw ObjectError("unknown characteristic type '" + std::string(word) + "'");
+    if (found == kNames.end()) throw BlockError("unknown characteristic type '" + std::string(word) + "'");
     return static_cast<CharacteristicType>(found - kNames.begin());
 }
 

@@ -1,7 +1,7 @@
 // One block of the module to one record of the model: measurements, characteristics, axis points.
 //
 // Threads: one at a time. Lifetime: the records' texts live where the ModelStore points. All readers throw
-// ObjectError when an argument is missing or wrong.
+// BlockError when an argument is missing or wrong.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "a2l/arguments.h"
+#include "a2l/block.h"
 #include "a2l/description.h"
 #include "a2l/text_store.h"
-#include "a2l/tokenizer.h"
 
 namespace lm::a2l {
 

@@ -8,7 +8,6 @@
 #include "a2l/arguments.h"
 #include "a2l/conversion_readers.h"
 #include "a2l/if_data.h"
-#include "a2l/object.h"
 
 namespace lm::a2l {
 namespace {
@@ -52,7 +51,7 @@ BlockVisitor::Step Parser::opened(std::string_view keyword, std::size_t depth) {
 void Parser::collected(const Block& block) {
     try {
         read(block);
-    } catch (const ObjectError& error) {
+    } catch (const BlockError& error) {
         const bool named = kind_ < Kind::modCommon;
         diagnostics_.skipped(block.keyword, named ? textAt(block, 0) : std::string_view(), block.line,
                              error.what());

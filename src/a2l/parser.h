@@ -10,10 +10,10 @@
 #include <string_view>
 #include <vector>
 
+#include "a2l/block_visitor.h"
 #include "a2l/description_store.h"
 #include "a2l/diagnostics.h"
 #include "a2l/object_readers.h"
-#include "a2l/tokenizer.h"
 #include "core/result.h"
 
 namespace lm::a2l {

@@ -39,27 +39,6 @@ Class classOf(char c) {
 
 }  // namespace
 
-const Block* Block::child(std::string_view name) const {
-    for (const Block& block : children()) {
-        if (block.keyword == name) return &block;
-    }
-    return nullptr;
-}
-
-void Block::reset(std::string_view newKeyword, std::uint32_t newLine, std::uint32_t newPosition) {
-    keyword = newKeyword;
-    line = newLine;
-    position = newPosition;
-    hasQuotes = false;
-    tokens_.clear();
-    childCount_ = 0;
-}
-
-Block& Block::addChild() {
-    if (childCount_ == children_.size()) children_.emplace_back();
-    return children_[childCount_++];
-}
-
 // One pass over the text with a stack of open blocks.
 class BlockScanner {
   public:

@@ -13,9 +13,12 @@
 #include <unistd.h>
 #include <utility>
 
+#include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "cli/line_keeper.h"
+#include "cli/message_output.h"
+#include "cli/options.h"
 #include "cli/stop_signal.h"
 #include "core/thread.h"
 
@@ -176,13 +179,22 @@ std::string consoleLine(const session::ConsoleLine& line) {
                        (sinceEpoch % std::chrono::seconds(1)).count(), marker, line.text);
 }
 
-int cmdConsole(session::Session& session, double duration, Output& output) {
+void ConsoleCommand::addOptions(CLI::App& app) {
+    addDuration(app, durationSeconds_, "Seconds (0 = until Ctrl-C or end of input)");
+}
+
+int ConsoleCommand::run(Workplace& place) {
+    session::Session& session = *place.session;
+    if (!session.medium().hasText()) {
+        printMessage("console: needs a serial line (--serial)\n");
+        return 1;
+    }
     const auto input = std::make_shared<Input>();
     input->session = &session;
-    LogPrinter printer(session.consoleLog(), output);
+    LogPrinter printer(session.consoleLog(), place.results.output());
     LineKeeper keeper(session);
-    const Result<void> shown = show(keeper, printer, duration, input);
-    if (!shown.ok()) printError("console", shown.error());
+    const Result<void> shown = show(keeper, printer, durationSeconds_, input);
+    if (!shown.ok()) place.results.fail("console", shown.error());
     input->ending.store(true);
     keeper.end();  // ends the sending of a line, too
     {
@@ -191,7 +203,7 @@ int cmdConsole(session::Session& session, double duration, Output& output) {
     }
     const Result<void> closed = session.close();
     printer.print();
-    if (!closed.ok()) printError("close", closed.error());
+    if (!closed.ok()) place.results.fail("close", closed.error());
     return shown.ok() && closed.ok() ? 0 : 1;
 }
 

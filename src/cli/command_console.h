@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "cli/output.h"
+#include "cli/command.h"
 #include "session/console_log.h"
 #include "session/session.h"
 
@@ -16,9 +16,15 @@ namespace lm::cli {
 /// "HH:MM:SS.mmm  TEXT\n" in local time, with "> " before a sent line and "-- " before a notice.
 std::string consoleLine(const session::ConsoleLine& line);
 
-/// Runs until stopRequested(), nobody reads the output any more, `duration` seconds after the line was
-/// first opened (or could not be), or with a duration of 0 or less until the end of input. Closes the
-/// session. Returns the exit code.
-int cmdConsole(session::Session& session, double duration, Output& output);
+/// Runs until stopRequested(), nobody reads the output any more, so many seconds after the line was first
+/// opened (or could not be), or with a duration of 0 until the end of input. Closes the session.
+class ConsoleCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+
+  private:
+    double durationSeconds_ = 0;
+};
 
 }  // namespace lm::cli

@@ -9,8 +9,10 @@
 #include <unistd.h>
 #include <utility>
 
+#include <CLI/App.hpp>
 #include <fmt/format.h>
 
+#include "cli/options.h"
 #include "cli/stop_signal.h"
 #include "core/text.h"
 #include "exporter/export_recording.h"
@@ -54,21 +56,21 @@ Error invalid(std::string message) {
     return {ErrorCode::invalidArgument, std::move(message)};
 }
 
-Result<exporter::Format> formatOf(const ExportRequest& request) {
-    std::string word = request.format.value_or(request.options.output.extension().string());
+Result<exporter::Format> formatOf(const ExportCommand::Options& request) {
+    std::string word = request.format.value_or(request.output.output.extension().string());
     std::transform(word.begin(), word.end(), word.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; });
     if (word == "mf4" || word == ".mf4") return exporter::Format::mf4;
     if (word == "csv" || word == ".csv") return exporter::Format::csv;
     if (request.format) return invalid("unknown format '" + *request.format + "' (mf4 or csv)");
-    return invalid("the name " + request.options.output.string() +
+    return invalid("the name " + request.output.output.string() +
                    " does not end in .mf4 or .csv, give --format mf4 or --format csv");
 }
 
-Result<exporter::ExportOptions> checkedOptions(const ExportRequest& request) {
+Result<exporter::ExportOptions> checkedOptions(const ExportCommand::Options& request) {
     auto format = formatOf(request);
     if (!format) return format.error();
-    exporter::ExportOptions options = request.options;
+    exporter::ExportOptions options = request.output;
     options.format = format.value();
     options.compress = !request.noCompress;
     const bool isCsv = options.format == exporter::Format::csv;
@@ -88,7 +90,7 @@ Result<exporter::ExportOptions> checkedOptions(const ExportRequest& request) {
     return options;
 }
 
-Result<exporter::ExportSummary> exportWithProgress(const ExportRequest& request) {
+Result<exporter::ExportSummary> exportWithProgress(const ExportCommand::Options& request) {
     auto options = checkedOptions(request);
     if (!options) return options.error();
     auto recording = storage::RecordingReader::open(request.directory);
@@ -101,25 +103,63 @@ Result<exporter::ExportSummary> exportWithProgress(const ExportRequest& request)
                                      });
 }
 
+class ExportReport final : public IReport {
+  public:
+    explicit ExportReport(const exporter::ExportSummary& summary) : summary_(summary) {}
+
+    void print(Output& output) const override {
+        for (const std::filesystem::path& file : summary_.files)
+            output.append(file.string() + " written\n");
+        output.flush();
+        for (const std::string& note : summary_.notes)
+            std::fputs((note + "\n").c_str(), stderr);
+        std::fputs(fmt::format("{} record(s) of {} signal(s) in {} group(s)\n", summary_.records,
+                               summary_.signals, summary_.groups)
+                       .c_str(),
+                   stderr);
+    }
+
+    void write(JsonWriter& json) const override {
+        json.key("files").beginArray();
+        for (const std::filesystem::path& file : summary_.files)
+            json.value(file.string());
+        json.endArray();
+        json.member("records", summary_.records);
+        json.member("signals", summary_.signals);
+        json.member("groups", summary_.groups);
+        json.listMember("notes", summary_.notes);
+    }
+
+  private:
+    const exporter::ExportSummary& summary_;
+};
+
 }  // namespace
 
-int runExport(const ExportRequest& request, Output& output) {
-    const auto done = exportWithProgress(request);
+void ExportCommand::addOptions(CLI::App& app) {
+    exporter::ExportOptions& output = options_.output;
+    app.add_option("directory", options_.directory, "Recording directory")->required();
+    app.add_option("-o,--output", output.output, "Output file, NAME.mf4 or NAME.csv")->required();
+    app.add_option("--format", options_.format, "mf4 | csv (default: as the output's name ends)");
+    app.add_flag("--force", output.force, "Overwrite existing files");
+    addPatterns(app, output.signals, "NAME, or a pattern with * and ? (default: all)");
+    addTimes(app, output.from, output.to, "Seconds from the start, or ISO 8601; records before it");
+    app.add_option("--every", output.every, "Only every n-th record of each group");
+    app.add_flag("--no-compress", options_.noCompress, "MF4: copy the records as they lie");
+    app.add_flag("--merge", output.merge, "CSV: all groups in one file, on one time axis");
+    app.add_flag("--raw", output.raw, "CSV: raw values");
+    app.add_flag("--absolute", output.absolute, "CSV: ISO 8601 times in UTC");
+    app.add_flag("--a2l-format", output.a2lFormat, "CSV: decimals as the A2L says");
+    app.add_flag("--gaps", output.gaps, "CSV: list outages and gaps in NAME_gaps.csv");
+}
+
+int ExportCommand::run(Workplace& place) {
+    const auto done = exportWithProgress(options_);
     if (!done) {
-        // Who asked for the stop knows of it.
-        if (done.error().code != ErrorCode::closed) printError("export", done.error());
+        place.results.failOrStopped("export", done.error(), options_.directory);
         return 1;
     }
-    const exporter::ExportSummary& summary = done.value();
-    for (const std::filesystem::path& file : summary.files)
-        output.append(file.string() + " written\n");
-    output.flush();
-    for (const std::string& note : summary.notes)
-        std::fputs((note + "\n").c_str(), stderr);
-    std::fputs(fmt::format("{} record(s) of {} signal(s) in {} group(s)\n", summary.records, summary.signals,
-                           summary.groups)
-                   .c_str(),
-               stderr);
+    place.results.show(ExportReport(done.value()));
     return 0;
 }
 

@@ -3,13 +3,29 @@
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
 
-#include "cli/options.h"
-#include "cli/output.h"
+#include <optional>
+#include <string>
+
+#include "cli/command.h"
+#include "exporter/export_plan.h"
 
 namespace lm::cli {
 
-/// Prints the files that were written; progress goes to standard error when that is a terminal. Returns the
-/// exit code: 0; 1 for an error and for a stop request, without any output file then.
-int runExport(const ExportRequest& request, Output& output);
+/// Progress goes to standard error when that is a terminal. An error and a stop request leave no output file.
+class ExportCommand final : public ICommand {
+  public:
+    struct Options {
+        std::string directory;
+        exporter::ExportOptions output;     ///< without what the two below say
+        std::optional<std::string> format;  ///< none: as the output's name ends
+        bool noCompress = false;
+    };
+
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+
+  private:
+    Options options_;
+};
 
 }  // namespace lm::cli

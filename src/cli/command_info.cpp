@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include "cli/stop_signal.h"
 #include "core/text.h"
 #include "xcp/text_lines.h"
 
@@ -13,6 +14,68 @@ namespace {
 
 constexpr std::uint8_t kResourceCalibration = 0x01;
 constexpr std::uint8_t kResourceProgramming = 0x10;
+
+void writeConnection(JsonWriter& json, const xcp::ConnectInfo& info) {
+    json.key("resources").beginArray();
+    if ((info.resource & kResourceCalibration) != 0) json.value("CAL/PAG");
+    if (info.offersDaq()) json.value("DAQ");
+    if ((info.resource & kResourceProgramming) != 0) json.value("PGM");
+    json.endArray();
+    json.member("byteOrder", info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel");
+    json.member("addressGranularity", info.granularity());
+    json.member("maxCto", info.maxCto);
+    json.member("maxDto", info.maxDto);
+}
+
+void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq) {
+    json.key("daq").beginObject();
+    json.member("dynamic", daq.dynamicConfiguration);
+    json.member("timestampBytes", daq.timestampSize);
+    json.member("timestampTickNs", daq.tickNs);
+    json.member("maxOdtEntry", daq.maxEntrySize);
+    json.key("events").beginArray();
+    for (const xcp::EventChannel& event : daq.events) {
+        json.beginObject();
+        json.member("event", event.number);
+        json.member("name", event.name.c_str());  // perhaps with NUL bytes behind it
+        json.member("cycleNs", event.cycleNs);
+        json.endObject();
+    }
+    json.endArray();
+    json.endObject();
+}
+
+class InfoReport final : public IReport {
+  public:
+    explicit InfoReport(session::Session& session) : session_(session), status_(session.status()) {
+        if (!status_) spdlog::warn("status not available: {}", status_.error().text());
+    }
+
+    void print(Output& output) const override {
+        output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(session_.ecuName()),
+                                  session_.medium().texts().description));
+        output.append(connectLines(session_.connectInfo()));
+        if (session_.daqCapabilities()) output.append(daqLines(*session_.daqCapabilities()));
+        if (!status_) return;
+        output.append(fmt::format("status         session 0x{:02X}{}\n", status_.value().sessionStatus,
+                                  status_.value().daqRunning() ? ", DAQ running" : ""));
+    }
+
+    void write(JsonWriter& json) const override {
+        writeEcu(json, session_);
+        writeConnection(json, session_.connectInfo());
+        if (session_.daqCapabilities()) writeDaq(json, *session_.daqCapabilities());
+        if (!status_) return;
+        json.key("status").beginObject();
+        json.member("session", status_.value().sessionStatus);
+        json.member("daqRunning", status_.value().daqRunning());
+        json.endObject();
+    }
+
+  private:
+    const session::Session& session_;
+    const Result<xcp::SlaveStatus> status_;
+};
 
 }  // namespace
 
@@ -47,19 +110,17 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
     return lines;
 }
 
-int runInfo(session::Session& session, Output& output) {
-    output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(session.ecuName()),
-                              session.medium().texts().description));
-    output.append(connectLines(session.connectInfo()));
-    if (session.daqCapabilities()) output.append(daqLines(*session.daqCapabilities()));
-    if (const auto status = session.status()) {
-        const auto& value = status.value();
-        output.append(fmt::format("status         session 0x{:02X}{}\n", value.sessionStatus,
-                                  value.daqRunning() ? ", DAQ running" : ""));
-    } else {
-        spdlog::warn("status not available: {}", status.error().text());
-    }
-    return 0;
+void writeEcu(JsonWriter& json, const session::Session& session) {
+    json.key("ecu").beginObject();
+    json.member("name", session.ecuName());
+    json.member("address", session.medium().texts().name);
+    json.member("description", session.medium().texts().description);
+    json.endObject();
+}
+
+int InfoCommand::run(Workplace& place) {
+    place.results.show(InfoReport(*place.session));
+    return stopRequested() ? 1 : 0;
 }
 
 }  // namespace lm::cli

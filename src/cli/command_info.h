@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "cli/output.h"
+#include "cli/command.h"
 #include "session/session.h"
 
 namespace lm::cli {
@@ -16,7 +16,12 @@ std::string connectLines(const xcp::ConnectInfo& info);
 /// The line "DAQ" and one line per event channel.
 std::string daqLines(const xcp::DaqCapabilities& daq);
 
-/// Prints everything about an open session. Returns the exit code.
-int runInfo(session::Session& session, Output& output);
+/// The member "ecu" of JSON objects.
+void writeEcu(JsonWriter& json, const session::Session& session);
+
+class InfoCommand final : public ICommand {
+  public:
+    int run(Workplace& place) override;
+};
 
 }  // namespace lm::cli

@@ -2,10 +2,15 @@
 
 #include <array>
 #include <cstdint>
+#include <filesystem>
+#include <optional>
 #include <string>
+#include <string_view>
 
+#include <CLI/App.hpp>
 #include <spdlog/spdlog.h>
 
+#include "a2l/description.h"
 #include "cli/message_output.h"
 #include "cli/stop_signal.h"
 
@@ -68,61 +73,121 @@ void appendHex(Output& output, std::uint32_t value) {
     output.append({text.data(), text.size()});
 }
 
-void appendLine(Output& output, std::string_view kind, std::string_view name, std::string_view type,
-                std::string_view unit, std::uint32_t address, std::string_view mark) {
-    output.append(kind);
-    output.appendPadded(name, 50);
-    output.append(' ');
-    output.appendPadded(type, 13);
-    output.append(' ');
-    output.appendPadded(unit, 8);
-    output.append(' ');
-    appendHex(output, address);
-    output.append(mark);
+constexpr std::string_view kScalar = "VALUE";
+
+/// In the words of an A2L.
+std::string_view typeName(a2l::CharacteristicType type) {
+    static constexpr std::array<std::string_view, 8> kNames = {kScalar,  "CURVE",  "MAP",     "CUBOID",
+                                                               "CUBE_4", "CUBE_5", "VAL_BLK", "ASCII"};
+    return kNames.at(static_cast<std::size_t>(type));
 }
 
-}  // namespace
+/// What `list` shows of one object, of either kind.
+struct Row {
+    bool isParameter;
+    std::string_view name;
+    std::string_view type;
+    std::string_view unit;
+    std::optional<std::uint32_t> address;
+    bool isWritable;
+    std::string_view mark;  ///< what is told of writing where it is not what one expects
+};
 
-std::size_t printObjects(const a2l::Description& description, const Options& options, Output& output) {
+/// Hands on the matching objects, measurements first, each kind in file order. Returns how many there are.
+template <typename Taker>
+std::size_t forEachMatch(const a2l::Description& description, const ListCommand::Options& options,
+                         const Taker& take) {
     NameFilter filter(options.pattern);
     Units units(description);
     std::size_t count = 0;
     if (options.onlyMeasurements || !options.onlyParameters) {
         for (const a2l::Measurement& object : description.measurements) {
             if (!filter.matches(object.name)) continue;
-            appendLine(output, "M  ", object.name, value::dataTypeName(object.dataType),
-                       units.of(object.conversion), object.hasAddress ? object.ecuAddress : 0,
-                       object.readWrite ? "  rw\n" : "\n");
+            take(Row{false, object.name, value::dataTypeName(object.dataType), units.of(object.conversion),
+                     object.hasAddress ? std::optional(object.ecuAddress) : std::nullopt, object.readWrite,
+                     object.readWrite ? "  rw\n" : "\n"});
             ++count;
         }
     }
     if (options.onlyParameters || !options.onlyMeasurements) {
         for (const a2l::Characteristic& object : description.characteristics) {
             if (!filter.matches(object.name)) continue;
-            const bool scalar = object.type == a2l::CharacteristicType::value;
-            appendLine(output, "P  ", object.name, scalar ? "VALUE" : "CURVE/MAP...",
-                       units.of(object.conversion), object.address, object.readOnly ? "  read-only\n" : "\n");
+            take(Row{true, object.name, typeName(object.type), units.of(object.conversion), object.address,
+                     !object.readOnly, object.readOnly ? "  read-only\n" : "\n"});
             ++count;
         }
     }
     return count;
 }
 
-int runList(const Options& options, const session::SessionConfig& config, Output& output) {
-    if (config.a2l.empty()) {
-        printError("session", Error{ErrorCode::invalidArgument, "no A2L file configured"});
+void appendLine(const Row& row, Output& output) {
+    output.append(row.isParameter ? "P  " : "M  ");
+    output.appendPadded(row.name, 50);
+    output.append(' ');
+    output.appendPadded(row.isParameter && row.type != kScalar ? "CURVE/MAP..." : row.type, 13);
+    output.append(' ');
+    output.appendPadded(row.unit, 8);
+    output.append(' ');
+    appendHex(output, row.address.value_or(0));
+    output.append(row.mark);
+}
+
+class ListReport final : public IReport {
+  public:
+    ListReport(const a2l::Description& description, const ListCommand::Options& options)
+        : description_(description), options_(options) {}
+
+    void print(Output& output) const override {
+        const std::size_t count =
+            forEachMatch(description_, options_, [&output](const Row& row) { appendLine(row, output); });
+        if (output.flush()) printMessage(std::to_string(count) + " object(s)\n");
+    }
+
+    void write(JsonWriter& json) const override {
+        json.key("objects").beginArray();
+        const std::size_t count = forEachMatch(description_, options_, [&json](const Row& row) {
+            json.beginObject();
+            json.member("name", row.name);
+            json.member("kind", row.isParameter ? "parameter" : "measurement");
+            json.member("type", row.type);
+            json.member("unit", row.unit);
+            json.key("address");
+            row.address ? json.value(*row.address) : json.null();
+            json.member("writable", row.isWritable);
+            json.endObject();
+        });
+        json.endArray();
+        json.member("count", count);
+    }
+
+  private:
+    const a2l::Description& description_;
+    const ListCommand::Options& options_;
+};
+
+}  // namespace
+
+void ListCommand::addOptions(CLI::App& app) {
+    app.add_option("pattern", options_.pattern, "Part of the name (case-insensitive)");
+    app.add_flag("-p,--parameters", options_.onlyParameters, "Only parameters");
+    app.add_flag("-m,--measurements", options_.onlyMeasurements, "Only measurements");
+}
+
+int ListCommand::run(Workplace& place) {
+    const std::filesystem::path& file = place.config.a2l;
+    if (file.empty()) {
+        place.results.fail("session", Error{ErrorCode::invalidArgument, "no A2L file configured"});
         return 1;
     }
-    const auto description = a2l::load(config.a2l, stopDescriptor());
+    const auto description = a2l::load(file, stopDescriptor());
     if (!description) {
-        printError("session", description.error());
+        place.results.fail("session", description.error(), file.string());
         return 1;
     }
     for (const std::string& warning : description.value().warnings)
         spdlog::warn("A2L: {}", warning);
     if (stopRequested()) return 1;
-    const std::size_t count = printObjects(description.value(), options, output);
-    if (output.flush()) printMessage(std::to_string(count) + " object(s)\n");
+    place.results.show(ListReport(description.value(), options_));
     return stopRequested() ? 1 : 0;
 }
 

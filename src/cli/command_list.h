@@ -3,20 +3,26 @@
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
 
-#include <cstddef>
-#include <string_view>
+#include <string>
 
-#include "a2l/description.h"
-#include "cli/options.h"
-#include "cli/output.h"
+#include "cli/command.h"
 
 namespace lm::cli {
 
-/// Prints one line per matching object, measurements first, each kind in file order. Returns the number of
-/// lines.
-std::size_t printObjects(const a2l::Description& description, const Options& options, Output& output);
+class ListCommand final : public ICommand {
+  public:
+    struct Options {
+        std::string pattern;
+        bool onlyParameters = false;
+        bool onlyMeasurements = false;
+    };
 
-/// Loads the A2L of the configuration, prints the matches and their number. Returns the exit code.
-int runList(const Options& options, const session::SessionConfig& config, Output& output);
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+    const Options& options() const { return options_; }
+
+  private:
+    Options options_;
+};
 
 }  // namespace lm::cli

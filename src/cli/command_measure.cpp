@@ -9,11 +9,18 @@
 #include <unistd.h>
 #include <utility>
 
+#include <CLI/App.hpp>
+#include <CLI/Option.hpp>
+#include <CLI/Validators.hpp>
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include "cli/command_info.h"
+#include "cli/console_printer.h"
 #include "cli/message_output.h"
+#include "cli/options.h"
 #include "cli/output.h"
+#include "cli/stop_signal.h"
 #include "core/text.h"
 #include "xcp/text_lines.h"
 
@@ -97,6 +104,76 @@ bool lostSamples(const session::MeasurementStats& stats) {
                                     [](const auto& counter) { return counter.isLoss && counter.value != 0; });
 }
 
+/// Members of the first JSON line: the ECU and the DAQ lists.
+std::string startMembers(const session::Session& session, const session::MeasurementPlan& plan) {
+    std::string text = ",";  // they stand behind others
+    JsonWriter json(text);
+    writeEcu(json, session);
+    json.key("groups").beginArray();
+    for (std::size_t i = 0; i < plan.daq.lists.size(); ++i) {
+        const std::uint16_t number = plan.daq.lists[i].eventChannel;
+        const xcp::EventChannel* event =
+            session.daqCapabilities() ? session.daqCapabilities()->findEvent(number) : nullptr;
+        json.beginObject();
+        json.member("group", i);
+        json.member("event", number);
+        json.member("name", event != nullptr ? event->name.c_str() : "");
+        json.member("cycleNs", event != nullptr ? event->cycleNs : 0);
+        json.endObject();
+    }
+    json.endArray();
+    return text;
+}
+
+void writeMediumCounters(JsonWriter& json, const session::MeasurementStats& stats) {
+    json.key("medium").beginArray();
+    for (const session::MediumCounter& counter : stats.medium) {
+        json.beginObject();
+        json.member("name", counter.name);
+        json.member("count", counter.value);
+        json.member("isLoss", counter.isLoss);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+/// The member "statistics" of the last JSON line.
+void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummary& summary,
+                     const session::MeasurementStats& stats) {
+    json.key("statistics").beginObject();
+    json.member("seconds", seconds);
+    json.member("busLoad", summary.busLoad);
+    json.member("records", stats.records);
+    json.member("lostOdts", stats.lostOdts);
+    json.member("missedCycles", stats.missedCycles);
+    json.listMember("missedCyclesUnknownIn", summary.withoutCycle);
+    json.member("overloads", stats.overloads);
+    json.member("reconnects", stats.reconnects);
+    json.member("failedReconnects", stats.failedReconnects);
+    json.member("secondsWithoutSamples", inSeconds(stats.withoutSamples));
+    json.member("secondsWithoutSamplesToEnd", inSeconds(stats.withoutSamplesToEnd));
+    json.member("incompleteRecords", stats.incompleteRecords);
+    json.member("unknownDtos", stats.unknownDtos);
+    json.member("malformedDtos", stats.malformedDtos);
+    writeMediumCounters(json, stats);
+    if (stats.recording) {
+        json.member("recorded", stats.recorded);
+        json.member("recordedDropped", stats.recordedDropped);
+    }
+    json.key("silentEvents").beginArray();
+    for (const session::SilentList& list : stats.silentLists)
+        json.value(list.event);
+    json.endArray();
+    json.endObject();
+}
+
+/// True when standard output failed, which has been told then.
+bool endLines(Workplace& place) {
+    place.console->finishPrinting();
+    place.results.afterLines(place.console->failure() != 0, place.console->endsInsideLine());
+    return reportOutputFailure(place.console->failure());
+}
+
 }  // namespace
 
 std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory) {
@@ -174,40 +251,82 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
     return text + recordedText(stats);
 }
 
-int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop) {
-    const auto style =
-        session.config().display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
-    if (auto printing = console.startPrinting(options.printEvery, style); !printing) {
-        printError("measure", printing.error());
-        return 1;
+void MeasureCommand::addOptions(CLI::App& app) {
+    app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
+    addDuration(app, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
+    app.add_option("-r,--record", options_.recordDirectory, "Recording directory");
+    app.add_option("-p,--print-every", options_.printEvery,
+                   "Print every n-th record per DAQ list (0 = none)");
+    addExact(app, options_.exact);
+    app.add_option("--fail-on", options_.failOn,
+                   "losses,outage,empty: exit code 3 when samples were lost, the connection was lost, or a "
+                   "DAQ list gave no record")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(CLI::IsMember({"losses", "outage", "empty"}));
+}
+
+void MeasureCommand::overrule(session::SessionConfig& config) const {
+    config.display.exact = config.display.exact || options_.exact;
+}
+
+Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
+    session::Session& session = *place.session;
+    Console& console = *place.console;
+    const bool isJson = place.results.json() != nullptr;
+    const std::uint32_t interval = options_.printEvery.value_or(isJson ? 1 : 100);
+    if (isJson || interval != 0) {
+        if (auto printing = console.startPrinting(interval); !printing) return printing.error();
     }
     session::MeasurementOptions measurement;
-    measurement.signals = options.signals;
-    measurement.recordDirectory = options.recordDirectory;
+    measurement.signals = options_.signals;
+    measurement.recordDirectory = options_.recordDirectory;
     measurement.sink = &console;
-    measurement.onPlanned = [&console](const session::MeasurementPlan& plan) { console.setPlan(plan); };
-    const auto summary = session.startMeasurement(measurement);
+    measurement.onPlanned = [&](const session::MeasurementPlan& plan) {
+        const auto style =
+            session.config().display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
+        console.setLines(isJson ? jsonLines(plan, style, objectStart("measure"), startMembers(session, plan))
+                                : textLines(plan, style),
+                         plan.daq.lists.size());
+    };
+    return session.startMeasurement(measurement);
+}
+
+int MeasureCommand::run(Workplace& place) {
+    session::Session& session = *place.session;
+    const auto summary = start(place);
     if (!summary) {
-        printError("measure", summary.error());
+        place.results.fail("measure", summary.error());
+        if (place.results.json() != nullptr) endLines(place);
         return 1;
     }
-    printMessage(startLine(summary.value(), options.recordDirectory) + "\n");
-    const double seconds = measureUntilEnd(options.durationSeconds, session, console, stop);
+    printMessage(startLine(summary.value(), options_.recordDirectory) + "\n");
+    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console, *place.stop);
+    return finish(place, summary.value(), seconds);
+}
+
+int MeasureCommand::finish(Workplace& place, const session::PlanSummary& summary, double seconds) const {
+    session::Session& session = *place.session;
+    Console& console = *place.console;
     const bool failed = session.state() == session::SessionState::failed;
     const auto stopped = session.stopMeasurement();
     console.finishPrinting();
     const session::MeasurementStats stats = session.statistics();
     int exitCode = failed ? 2 : 0;
     if (stopped) {
-        printMessage(statisticsLine(seconds, stats) + "\n" + uncheckedLine(summary.value()));
+        printMessage(statisticsLine(seconds, stats) + "\n" + uncheckedLine(summary));
     } else {
-        printError("stop", stopped.error());
+        place.results.fail("stop", stopped.error());
         spdlog::warn("measure: {}", countsWithoutStop(stats));
         exitCode = failed ? 2 : 1;
     }
     warnAboutLosses(stats, console);
-    if (reportOutputFailure(console.failure()) && exitCode == 0) exitCode = 1;
-    return exitCode == 0 && failsOn(options.failOn, stats) ? 3 : exitCode;
+    if (JsonWriter* json = place.results.json()) {
+        writeStatistics(*json, seconds, summary, stats);
+        json->member("skippedLines", console.skippedLines());
+    }
+    if (endLines(place) && exitCode == 0) exitCode = 1;
+    return exitCode == 0 && failsOn(options_.failOn, stats) ? 3 : exitCode;
 }
 
 }  // namespace lm::cli

@@ -4,13 +4,13 @@
 // Threads: the main thread; records are printed meanwhile (see console_printer.h). Lifetime: nothing is kept.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "cli/console_printer.h"
-#include "cli/options.h"
-#include "cli/stop_signal.h"
-#include "session/session.h"
+#include "cli/command.h"
+#include "session/measurement_types.h"
 
 namespace lm::cli {
 
@@ -37,7 +37,28 @@ bool failsOn(const std::vector<std::string>& failOn, const session::MeasurementS
 /// count of that line that is not zero.
 std::string countsWithoutStop(const session::MeasurementStats& stats);
 
-/// Measures with an open session. `stop` ends the waits of the session. Returns the exit code.
-int runMeasure(const Options& options, session::Session& session, Console& console, StopWatcher& stop);
+class MeasureCommand final : public ICommand {
+  public:
+    struct Options {
+        std::vector<std::string> signals;
+        double durationSeconds = 0;
+        std::string recordDirectory;
+        std::optional<std::uint32_t> printEvery;  ///< none: 100, as JSON 1
+        bool exact = false;
+        std::vector<std::string> failOn;  ///< of "losses", "outage", "empty"
+    };
+
+    void addOptions(CLI::App& app) override;
+    void overrule(session::SessionConfig& config) const override;
+    bool isRecorded() const override { return !options_.recordDirectory.empty(); }
+    int run(Workplace& place) override;
+    const Options& options() const { return options_; }
+
+  private:
+    Result<session::PlanSummary> start(Workplace& place) const;
+    int finish(Workplace& place, const session::PlanSummary& summary, double seconds) const;
+
+    Options options_;
+};
 
 }  // namespace lm::cli

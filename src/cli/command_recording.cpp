@@ -4,10 +4,14 @@
 #include <string>
 #include <unistd.h>
 
+#include <CLI/App.hpp>
+#include <CLI/Option.hpp>
 #include <spdlog/fmt/fmt.h>
 
+#include "cli/options.h"
 #include "cli/recording_overview.h"
 #include "cli/recording_plot.h"
+#include "cli/recording_report.h"
 #include "cli/stop_signal.h"
 #include "storage/care/recording_check.h"
 #include "storage/care/recording_repair.h"
@@ -18,10 +22,13 @@ namespace {
 
 constexpr const char* kPrefix = "recording";
 
-int fail(const Error& error) {
-    // Who asked for the stop knows of it.
-    if (error.code != ErrorCode::closed) printError(kPrefix, error);
+int fail(Results& results, const Error& error, const std::string& directory) {
+    results.failOrStopped(kPrefix, error, directory);
     return 1;
+}
+
+void addDirectory(CLI::App& app, std::string& directory) {
+    app.add_option("directory", directory, "Recording directory")->required();
 }
 
 /// As a shell takes it.
@@ -34,73 +41,131 @@ std::string quoted(const std::string& text) {
     return result + "'";
 }
 
-int runCheck(const std::string& directory, Output& output) {
-    auto checked = storage::checkRecording(directory, stopRequested);
-    if (!checked) return fail(checked.error());
-    const storage::RecordingCheck& check = checked.value();
-    bool mendable = false;
-    for (const storage::Finding& finding : check.findings) {
-        output.append(finding.text + (finding.mendable ? "\n" : " (cannot be mended)\n"));
-        mendable = mendable || finding.mendable;
+class CheckReport final : public IReport {
+  public:
+    CheckReport(const std::string& directory, const storage::RecordingCheck& check)
+        : directory_(directory), check_(check) {}
+
+    void print(Output& output) const override {
+        bool mendable = false;
+        for (const storage::Finding& finding : check_.findings) {
+            output.append(finding.text + (finding.mendable ? "\n" : " (cannot be mended)\n"));
+            mendable = mendable || finding.mendable;
+        }
+        output.append(fmt::format(
+            "{}: {} group(s), {} record(s), {}\n", directory_, check_.groups, check_.records,
+            check_.findings.empty() ? "sound" : fmt::format("{} fault(s)", check_.findings.size())));
+        output.flush();
+        if (check_.beingWritten) {
+            std::fprintf(stderr, "%s: still being recorded; what is not whole yet is no fault\n",
+                         directory_.c_str());
+        } else if (mendable) {
+            std::fprintf(stderr, "mend it with `xcplumo-cli recording repair %s`\n",
+                         quoted(directory_).c_str());
+        }
     }
-    output.append(
-        fmt::format("{}: {} group(s), {} record(s), {}\n", directory, check.groups, check.records,
-                    check.findings.empty() ? "sound" : fmt::format("{} fault(s)", check.findings.size())));
-    output.flush();
-    if (check.beingWritten) {
-        std::fprintf(stderr, "%s: still being recorded; what is not whole yet is no fault\n",
-                     directory.c_str());
-    } else if (mendable) {
-        std::fprintf(stderr, "mend it with `xcplumo-cli recording repair %s`\n", quoted(directory).c_str());
+
+    void write(JsonWriter& json) const override {
+        json.member("directory", directory_);
+        json.member("groups", check_.groups);
+        json.member("records", check_.records);
+        json.member("beingWritten", check_.beingWritten);
+        json.member("sound", check_.findings.empty());
+        json.key("findings").beginArray();
+        for (const storage::Finding& finding : check_.findings) {
+            json.beginObject();
+            json.member("text", finding.text);
+            json.member("mendable", finding.mendable);
+            json.endObject();
+        }
+        json.endArray();
     }
-    return check.findings.empty() ? 0 : 1;
+
+  private:
+    const std::string& directory_;
+    const storage::RecordingCheck& check_;
+};
+
+/// How `info` shows numbers: of a configuration that is given, this alone counts.
+Result<value::NumberStyle> numberStyle(bool exact, const Options& options) {
+    if (options.configFile) {
+        auto config = session::loadSessionConfig(*options.configFile, stopDescriptor());
+        if (!config) return config.error();
+        exact = exact || config.value().display.exact;
+    }
+    return exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
 }
 
-int runRepair(const std::string& directory, Output& output) {
+}  // namespace
+
+void RecordingInfoCommand::addOptions(CLI::App& app) {
+    addDirectory(app, directory_);
+    addExact(app, exact_);
+}
+
+int RecordingInfoCommand::run(Workplace& place) {
+    const auto style = numberStyle(exact_, place.options);
+    if (!style) {
+        place.results.fail("configuration", style.error(), *place.options.configFile);
+        return 1;
+    }
+    auto recording = storage::RecordingReader::open(directory_);
+    if (!recording) return fail(place.results, recording.error(), directory_);
+    int exitCode = 0;
+    const auto overview = overviewOf(recording.value(), style.value(), [&](const Error& error) {
+        place.results.fail(kPrefix, error, directory_);
+        exitCode = 1;
+    });
+    place.results.show(RecordingReport(overview));
+    return exitCode;
+}
+
+void RecordingCheckCommand::addOptions(CLI::App& app) {
+    addDirectory(app, directory_);
+}
+
+int RecordingCheckCommand::run(Workplace& place) {
+    const auto check = storage::checkRecording(directory_, stopRequested);
+    if (!check) return fail(place.results, check.error(), directory_);
+    place.results.show(CheckReport(directory_, check.value()));
+    return check.value().findings.empty() ? 0 : 1;
+}
+
+void RecordingRepairCommand::addOptions(CLI::App& app) {
+    addDirectory(app, directory_);
+}
+
+int RecordingRepairCommand::run(Workplace& place) {
+    Output& output = place.results.output();
     bool changed = false;
-    auto left = storage::repairRecording(directory, stopRequested, [&](const std::string& deed) {
+    auto left = storage::repairRecording(directory_, stopRequested, [&](const std::string& change) {
         changed = true;
-        output.append(deed + "\n");
+        output.append(change + "\n");
     });
     output.flush();
     if (!left) {
-        const int exitCode = fail(left.error());
+        const int exitCode = fail(place.results, left.error(), directory_);
         if (changed) std::fputs("what is told above is done; the rest is as it was\n", stderr);
         return exitCode;
     }
     for (const storage::Finding& finding : left.value())
         output.append(finding.text + " (cannot be mended)\n");
     if (left.value().empty()) {
-        output.append(directory + (changed ? ": repaired\n" : ": sound, nothing to repair\n"));
+        output.append(directory_ + (changed ? ": repaired\n" : ": sound, nothing to repair\n"));
     }
     return left.value().empty() ? 0 : 1;
 }
 
-int runInfo(const std::string& directory, value::NumberStyle style, Output& output) {
-    auto recording = storage::RecordingReader::open(directory);
-    if (!recording) return fail(recording.error());
-    return printOverview(recording.value(), style, output);
+void RecordingShowCommand::addOptions(CLI::App& app) {
+    addDirectory(app, directory_);
+    addPatterns(app, options_.signals, "NAME, or a pattern with * and ?")->required();
+    addTimes(app, options_.from, options_.to, "Seconds from the start, or ISO 8601");
 }
 
-int runShow(const RecordingOptions& options, Output& output) {
-    auto recording = storage::RecordingReader::open(options.directory);
-    if (!recording) return fail(recording.error());
-    return plotSignals(recording.value(), options, plotStyleFor(STDOUT_FILENO), output);
-}
-
-}  // namespace
-
-int runRecording(const RecordingOptions& options, value::NumberStyle style, Output& output) {
-    switch (options.action) {
-        case RecordingAction::check:
-            return runCheck(options.directory, output);
-        case RecordingAction::repair:
-            return runRepair(options.directory, output);
-        case RecordingAction::show:
-            return runShow(options, output);
-        default:
-            return runInfo(options.directory, style, output);
-    }
+int RecordingShowCommand::run(Workplace& place) {
+    auto recording = storage::RecordingReader::open(directory_);
+    if (!recording) return fail(place.results, recording.error(), directory_);
+    return plotSignals(recording.value(), options_, plotStyleFor(STDOUT_FILENO), place.results.output());
 }
 
 }  // namespace lm::cli

@@ -1,17 +1,56 @@
-// The subcommand `recording`: what is in a recording directory, whether it is sound, how to mend it, and how
-// its signals look.
+// The subcommands of `recording`: what is in a recording directory, whether it is sound, how to mend it, and
+// how its signals look.
 //
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
 
-#include "cli/options.h"
-#include "cli/output.h"
-#include "value/value_text.h"
+#include <string>
+
+#include "cli/command.h"
+#include "cli/recording_plot.h"
 
 namespace lm::cli {
 
-/// Returns the exit code: 0; 1 for an error, for damage found by `check`, for damage that `repair` could not
-/// mend. `style` is that of `info`.
-int runRecording(const RecordingOptions& options, value::NumberStyle style, Output& output);
+class RecordingInfoCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+
+  private:
+    std::string directory_;
+    bool exact_ = false;
+};
+
+/// The exit code tells damage, too.
+class RecordingCheckCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+
+  private:
+    std::string directory_;
+};
+
+/// The exit code tells damage that could not be mended, too.
+class RecordingRepairCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+
+  private:
+    std::string directory_;
+};
+
+class RecordingShowCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+    const std::string& directory() const { return directory_; }
+    const PlotOptions& options() const { return options_; }
+
+  private:
+    std::string directory_;
+    PlotOptions options_;
+};
 
 }  // namespace lm::cli

@@ -2,8 +2,12 @@
 
 #include <span>
 
+#include <CLI/App.hpp>
+
 #include "cli/message_output.h"
+#include "cli/options.h"
 #include "cli/stop_signal.h"
+#include "session/session.h"
 
 namespace lm::cli {
 namespace {
@@ -44,15 +48,7 @@ bool assign(session::Session& session, std::string_view assignment, bool allowMe
     return done;
 }
 
-}  // namespace
-
-std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std::string_view text) {
-    const auto equals = text.find('=');
-    if (equals == std::string_view::npos || equals == 0) return std::nullopt;
-    return std::pair(text.substr(0, equals), text.substr(equals + 1));
-}
-
-int runGet(session::Session& session, const std::vector<std::string>& names, Output& output) {
+int getAll(session::Session& session, const std::vector<std::string>& names, Output& output) {
     int exitCode = 0;
     for (std::span<const std::string> rest(names); !rest.empty();) {
         if (stopRequested()) return 1;
@@ -67,7 +63,7 @@ int runGet(session::Session& session, const std::vector<std::string>& names, Out
     return exitCode;
 }
 
-int runSet(session::Session& session, const std::vector<std::string>& assignments, bool allowMeasurements,
+int setAll(session::Session& session, const std::vector<std::string>& assignments, bool allowMeasurements,
            Output& output) {
     int exitCode = 0;
     for (const std::string& assignment : assignments) {
@@ -79,6 +75,44 @@ int runSet(session::Session& session, const std::vector<std::string>& assignment
         }
     }
     return exitCode;
+}
+
+}  // namespace
+
+std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std::string_view text) {
+    const auto equals = text.find('=');
+    if (equals == std::string_view::npos || equals == 0) return std::nullopt;
+    return std::pair(text.substr(0, equals), text.substr(equals + 1));
+}
+
+void GetCommand::addOptions(CLI::App& app) {
+    app.add_option("names", names_, "MEASUREMENT or CHARACTERISTIC names")->required();
+    addExact(app, exact_);
+}
+
+void GetCommand::overrule(session::SessionConfig& config) const {
+    config.display.exact = config.display.exact || exact_;
+}
+
+int GetCommand::run(Workplace& place) {
+    const int exitCode = getAll(*place.session, names_, place.results.output());
+    return stopRequested() ? 1 : exitCode;
+}
+
+void SetCommand::addOptions(CLI::App& app) {
+    app.add_option("assignments", assignments_, "NAME=VALUE")->required();
+    app.add_flag("-m,--measurements", allowMeasurements_,
+                 "Also overwrite measurements (without READ_WRITE in the A2L)");
+    addExact(app, exact_);
+}
+
+void SetCommand::overrule(session::SessionConfig& config) const {
+    config.display.exact = config.display.exact || exact_;
+}
+
+int SetCommand::run(Workplace& place) {
+    const int exitCode = setAll(*place.session, assignments_, allowMeasurements_, place.results.output());
+    return stopRequested() ? 1 : exitCode;
 }
 
 }  // namespace lm::cli

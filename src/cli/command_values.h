@@ -9,8 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "cli/output.h"
-#include "session/session.h"
+#include "cli/command.h"
 
 namespace lm::cli {
 
@@ -18,12 +17,30 @@ namespace lm::cli {
 std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std::string_view text);
 
 /// Prints one line per name; a failure does not stop the rest, a stop request and a failed output do.
-/// Returns the exit code.
-int runGet(session::Session& session, const std::vector<std::string>& names, Output& output);
+class GetCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    void overrule(session::SessionConfig& config) const override;
+    int run(Workplace& place) override;
+    const std::vector<std::string>& names() const { return names_; }
+
+  private:
+    std::vector<std::string> names_;
+    bool exact_ = false;
+};
 
 /// Writes each value and prints it as read back. A failed output stops nothing: what was asked for is
-/// written. Returns the exit code.
-int runSet(session::Session& session, const std::vector<std::string>& assignments, bool allowMeasurements,
-           Output& output);
+/// written.
+class SetCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    void overrule(session::SessionConfig& config) const override;
+    int run(Workplace& place) override;
+
+  private:
+    std::vector<std::string> assignments_;
+    bool allowMeasurements_ = false;
+    bool exact_ = false;
+};
 
 }  // namespace lm::cli

@@ -10,9 +10,7 @@
 #include <utility>
 
 #include "cli/message_output.h"
-#include "core/text.h"
 #include "core/thread.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -23,17 +21,6 @@ std::size_t pieceLength(std::string_view text) {
     if (text.size() <= NonblockingOutput::kMaxWrite) return text.size();
     const auto lineEnd = text.rfind('\n', NonblockingOutput::kMaxWrite - 1);
     return lineEnd == std::string_view::npos ? NonblockingOutput::kMaxWrite : lineEnd + 1;
-}
-
-/// With verbal texts that do not steer the terminal.
-value::Conversion printable(const value::Conversion& conversion) {
-    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&conversion.kind());
-    if (verbal == nullptr) return conversion;
-    value::Conversion::VerbalTable table = *verbal;
-    table.defaultText = xcp::printableText(table.defaultText);
-    for (auto& range : table.ranges)
-        range.text = xcp::printableText(range.text);
-    return {std::move(table), conversion.formatText(), conversion.unit()};
 }
 
 std::uint64_t countLines(std::string_view text) {
@@ -52,10 +39,8 @@ Console::~Console() {
     ::close(wakeUp_);
 }
 
-Result<void> Console::startPrinting(std::uint32_t interval, value::NumberStyle style) {
+Result<void> Console::startPrinting(std::uint32_t interval) {
     interval_ = interval;
-    style_ = style;
-    if (interval_ == 0) return {};
     // Memory that is not to be had ends the start, not the thread.
     queue_.reserve(kQueueBytes);
     batch_.reserve(kQueueBytes);
@@ -67,29 +52,21 @@ Result<void> Console::startPrinting(std::uint32_t interval, value::NumberStyle s
     return {};
 }
 
-void Console::setPlan(const session::MeasurementPlan& plan) {
-    lists_.clear();
-    lists_.resize(plan.daq.lists.size());
-    for (const session::PlannedSignal& signal : plan.planned) {
-        const a2l::ResolvedObject& object = signal.object;
-        const std::string& unit = object.conversion.unit();
-        const bool showUnit = !unit.empty() && !object.conversion.isVerbal();
-        lists_.at(signal.listIndex)
-            .columns.push_back({"  " + xcp::printableText(object.name) + "=", signal.recordOffset,
-                                object.coding, printable(object.conversion),
-                                showUnit ? " " + xcp::printableText(unit) : ""});
-    }
+void Console::setLines(std::unique_ptr<IMeasurementLines> lines, std::size_t listCount) {
+    recordCounts_.assign(listCount, 0);
+    lines_ = std::move(lines);
+    enqueueLine(lines_->start());
 }
 
 void Console::onRecord(const xcp::DaqRecord& record) {
     const std::lock_guard lock(mutex_);
     if (!firstNs_) firstNs_ = record.timeNs();
-    if (interval_ == 0 || record.listIndex >= lists_.size()) return;
-    if (lists_[record.listIndex].records++ % interval_ != 0) return;
+    if (interval_ == 0 || record.listIndex >= recordCounts_.size()) return;
+    if (recordCounts_[record.listIndex]++ % interval_ != 0) return;
     enqueue({record.timeNs() - *firstNs_, record.listIndex, record.size}, record.data);
 }
 
-void Console::enqueue(const QueuedHeader& header, const std::uint8_t* data) {
+void Console::enqueue(const QueuedHeader& header, const void* data) {
     if (failure_.load() != 0) return;
     const std::size_t end = queue_.size();
     const std::size_t needed = sizeof(header) + header.size;
@@ -104,7 +81,14 @@ void Console::enqueue(const QueuedHeader& header, const std::uint8_t* data) {
     filled_.notify_one();
 }
 
+void Console::enqueueLine(const std::string& line) {
+    if (line.empty()) return;
+    const std::lock_guard lock(mutex_);
+    enqueue({0, kWholeLine, line.size()}, line.data());
+}
+
 void Console::onStateChanged(session::SessionState state, const std::string& message) {
+    if (lines_) enqueueLine(lines_->state(state, message));
     if (message.empty()) return;
     printMessage(std::string("** ") + session::sessionStateName(state) + ": " + message + "\n");
 }
@@ -162,17 +146,11 @@ bool Console::takeBatch() {
 }
 
 void Console::appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const {
-    const std::string seconds = formatFixed(static_cast<double>(header.sinceFirstNs) / 1e9, 3);
-    if (seconds.size() < 10) text.append(10 - seconds.size(), ' ');
-    text += seconds;
-    for (const Column& column : lists_[header.listIndex].columns) {
-        text += column.label;
-        const bool inside = column.offset + column.coding.size() <= header.size;
-        text +=
-            inside ? value::valueText(data + column.offset, column.coding, column.conversion, style_) : "?";
-        text += column.suffix;
+    if (header.listIndex == kWholeLine) {
+        text.append(reinterpret_cast<const char*>(data), header.size);
+    } else {
+        lines_->appendRecord(text, header.listIndex, header.sinceFirstNs, {data, header.size});
     }
-    text += '\n';
 }
 
 // Writes and empties the text. False when the output failed or the deadline has passed; the text is then what
@@ -188,6 +166,7 @@ bool Console::writeLines(std::string& text) {
         } else if (taken.value() == 0) {
             goOn = waitForReader();
         } else {
+            endsInsideLine_ = rest[taken.value() - 1] != '\n';
             rest.remove_prefix(taken.value());
         }
     }

@@ -1,13 +1,14 @@
-// What a measurement shows: every n-th record as a line on standard output, state changes on standard error.
+// What a measurement shows: every n-th record as a line on standard output, state changes on standard error
+// (and on standard output where its lines tell them).
 //
 // Reception must not wait for whoever reads standard output. onRecord therefore only copies a record that is
 // to be printed into a bounded queue; a thread "printer" makes the text and writes it. A queue and a thread
 // rather than a non-blocking write in onRecord: the conversions of a record and a slow disk stay off the
 // receive thread as well. When the queue is full (its reader pauses), lines are skipped and counted.
 //
-// Threads: startPrinting, setPlan and finishPrinting belong to the owner, before and after the records;
+// Threads: startPrinting, setLines and finishPrinting belong to the owner, before and after the records;
 // onRecord is called on the receive thread, onStateChanged on any; the other queries on any.
-// Lifetime: the descriptor is borrowed and stays open; nothing of the plan is kept.
+// Lifetime: the descriptor is borrowed and stays open.
 #pragma once
 
 #include <atomic>
@@ -15,18 +16,16 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "cli/measurement_lines.h"
 #include "cli/nonblocking_output.h"
-#include "session/measurement_types.h"
 #include "session/session_state.h"
-#include "value/conversion.h"
-#include "value/raw_value.h"
-#include "value/value_text.h"
 #include "xcp/daq_decoder.h"
 
 namespace lm::cli {
@@ -43,15 +42,14 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
 
     /// Print the first and then every n-th record of each list; 0: none. Error: "cannot start the printer:
     /// REASON".
-    Result<void> startPrinting(std::uint32_t interval,
-                               value::NumberStyle style = value::NumberStyle::formatted);
+    Result<void> startPrinting(std::uint32_t interval);
 
-    /// Takes over how the records of the plan are printed.
-    void setPlan(const session::MeasurementPlan& plan);
+    /// How things are printed from now on, of a plan with so many lists; prints the first line.
+    void setLines(std::unique_ptr<IMeasurementLines> lines, std::size_t listCount);
 
     void onRecord(const xcp::DaqRecord& record) override;
 
-    /// "** STATE: MESSAGE\n" on standard error; nothing for an empty message.
+    /// "** STATE: MESSAGE\n" on standard error, nothing there for an empty message.
     void onStateChanged(session::SessionState state, const std::string& message) override;
 
     /// Prints what is queued, for `limit` at most; the rest counts as skipped. Records are not printed any
@@ -61,21 +59,16 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     /// The errno of the write that failed, 0 when none did. Nothing is printed after it.
     int failure() const { return failure_.load(); }
 
+    /// The last line was printed in part: the time was up.
+    bool endsInsideLine() const { return endsInsideLine_; }
+
     /// Lines that were not printed because standard output did not take them.
     std::uint64_t skippedLines() const;
 
   private:
-    struct Column {
-        std::string label;  ///< "  NAME="
-        std::size_t offset = 0;
-        value::RawCoding coding;
-        value::Conversion conversion;
-        std::string suffix;  ///< " UNIT" or empty
-    };
-    struct List {
-        std::uint64_t records = 0;  ///< under mutex_
-        std::vector<Column> columns;
-    };
+    /// In place of a list: the bytes are a line.
+    static constexpr std::size_t kWholeLine = SIZE_MAX;
+
     /// In front of the bytes of each queued record.
     struct QueuedHeader {
         std::int64_t sinceFirstNs;
@@ -83,7 +76,8 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
         std::size_t size;
     };
 
-    void enqueue(const QueuedHeader& header, const std::uint8_t* data);
+    void enqueue(const QueuedHeader& header, const void* data);
+    void enqueueLine(const std::string& line);
     void printLoop();
     bool takeBatch();
     void appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const;
@@ -94,19 +88,20 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     const int descriptor_;
     const int wakeUp_;  ///< eventfd: a deadline has been set
     std::uint32_t interval_ = 0;
-    value::NumberStyle style_ = value::NumberStyle::formatted;
-    std::vector<List> lists_;
+    std::unique_ptr<const IMeasurementLines> lines_;
 
     std::thread printer_;
     // The printer thread's while it runs.
     std::optional<NonblockingOutput> output_;
     std::vector<std::uint8_t> batch_;
+    bool endsInsideLine_ = false;
 
     std::atomic<int> failure_{0};
 
     mutable std::mutex mutex_;  // everything below
     std::condition_variable filled_;
     std::optional<std::int64_t> firstNs_;
+    std::vector<std::uint64_t> recordCounts_;  ///< by list
     std::vector<std::uint8_t> queue_;
     std::size_t queuedLines_ = 0;
     std::uint64_t skipped_ = 0;

@@ -1,58 +1,26 @@
-// The command line: the table of options and subcommands, and how options overrule the configuration.
+// The options of the program, how they overrule the configuration, and options that several commands have.
 //
-// Threads: pure functions (parseOptions prints help and parse errors). Lifetime: results own their texts.
+// Threads: pure functions. Lifetime: the parser refers to what an option sets until it has parsed.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "core/result.h"
-#include "exporter/export_plan.h"
 #include "session/session_config.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 namespace lm::cli {
 
-enum class Command : std::uint8_t {
-    none,
-    info,
-    list,
-    get,
-    set,
-    measure,
-    console,
-    saveConfig,
-    recording,
-    exportRecording
-};
-
-/// The subcommands of `recording`.
-enum class RecordingAction : std::uint8_t { info, check, repair, show };
-
-/// What stood behind `recording`.
-struct RecordingOptions {
-    RecordingAction action = RecordingAction::info;
-    std::string directory;
-    std::vector<std::string> signals;  ///< show: patterns
-    std::optional<std::string> from;   ///< show
-    std::optional<std::string> to;     ///< show
-};
-
-/// What stood behind `export`.
-struct ExportRequest {
-    std::string directory;
-    exporter::ExportOptions options;    ///< without what the two below say
-    std::optional<std::string> format;  ///< none: as the output's name ends
-    bool noCompress = false;
-};
-
-/// What stood on the command line; an option that was not given is absent.
+/// The options of the program, which stand before or behind any command; one that was not given is absent.
 struct Options {
-    Command command = Command::none;
-
     std::optional<std::string> configFile;
     std::optional<std::string> a2l;
     std::optional<std::string> interface;
@@ -65,26 +33,19 @@ struct Options {
     bool noShortUpload = false;
     std::optional<std::string> reconnect;
     bool verbose = false;
-
-    std::string pattern;                   ///< list
-    bool onlyParameters = false;           ///< list
-    bool onlyMeasurements = false;         ///< list
-    std::vector<std::string> names;        ///< get
-    std::vector<std::string> assignments;  ///< set
-    bool allowMeasurements = false;        ///< set
-    bool exact = false;                    ///< get, set, measure, recording info
-    std::vector<std::string> signals;      ///< measure
-    std::string recordDirectory;           ///< measure
-    std::uint32_t printEvery = 100;        ///< measure
-    std::vector<std::string> failOn;       ///< measure: of "losses", "outage", "empty"
-    double durationSeconds = 0;            ///< measure, console
-    std::string outputFile;                ///< save-config
-    RecordingOptions recording;            ///< recording
-    ExportRequest exportRequest;           ///< export
 };
 
-/// The options, or the exit code when help, the version or a parse error has been printed instead.
-std::variant<Options, int> parseOptions(int argc, const char* const* argv);
+void addProgramOptions(CLI::App& app, Options& options);
+
+// Options that several commands have.
+void addExact(CLI::App& command, bool& exact);
+/// -t; refuses what is no number of seconds from 0.
+void addDuration(CLI::App& command, double& seconds, const char* help);
+/// --from, --to.
+void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional<std::string>& to,
+              const char* helpTo);
+/// -s, which may stand before the directory.
+CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help);
 
 /// HOST, HOST:PORT, [ADDRESS] or [ADDRESS]:PORT; an address with several colons and no brackets is the host
 /// as a whole. Error: parseUnsigned's for the port.

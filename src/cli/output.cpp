@@ -5,10 +5,11 @@
 #include <cerrno>
 #include <poll.h>
 #include <system_error>
-#include <unistd.h>
 
 #include "cli/message_output.h"
+#include "cli/nonblocking_output.h"
 #include "cli/stop_signal.h"
+#include "core/file_write.h"
 #include "xcp/text_lines.h"
 
 namespace lm::cli {
@@ -26,27 +27,14 @@ void appendPrintable(std::string& buffer, std::string_view text) {
     }
 }
 
-// A descriptor that its other users made non-blocking takes text again when its reader has caught up.
-void waitForReader(int descriptor) {
+// A descriptor that its other users made non-blocking takes text again when its reader has caught up; EINTR
+// when a stop request ended the wait for a reader that takes nothing.
+int waitForReader(int descriptor, int systemError) {
+    if (systemError != EINTR && systemError != EAGAIN) return systemError;
+    if (stopRequested()) return EINTR;
+    if (systemError == EINTR) return 0;
     std::array<pollfd, 2> waits = {pollfd{descriptor, POLLOUT, 0}, pollfd{stopDescriptor(), POLLIN, 0}};
     ::poll(waits.data(), waits.size(), -1);
-}
-
-// 0 or the errno of what failed; EINTR when a stop request ended the wait for a reader that takes nothing.
-int writeAll(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(descriptor, text.data(), text.size());
-        const int failure = count < 0 ? errno : 0;
-        if (failure == 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (failure != EINTR && failure != EAGAIN) {
-            return failure;
-        } else if (stopRequested()) {
-            return EINTR;
-        } else if (failure == EAGAIN) {
-            waitForReader(descriptor);
-        }
-    }
     return 0;
 }
 
@@ -74,7 +62,7 @@ void Output::appendValueLine(std::string_view name, std::string_view value) {
 }
 
 bool Output::flush() {
-    if (failure_ == 0) failure_ = writeAll(descriptor_, buffer_);
+    if (failure_ == 0) failure_ = writeAll(descriptor_, buffer_, &waitForReader);
     buffer_.clear();
     return failure_ == 0;
 }
@@ -82,6 +70,20 @@ bool Output::flush() {
 int Output::finish(int exitCode) {
     flush();
     return failure_ == EINTR || reportOutputFailure(failure_) ? 1 : exitCode;
+}
+
+int Output::finishWithin(std::chrono::milliseconds limit, int exitCode) {
+    using Clock = std::chrono::steady_clock;
+    NonblockingOutput output(descriptor_);
+    const auto deadline = Clock::now() + limit;
+    for (std::string_view rest = buffer_; !rest.empty() && Clock::now() < deadline;) {
+        const auto taken = output.tryWrite(rest);
+        if (!taken) return reportOutputFailure(taken.error().sysErrno) ? 1 : exitCode;
+        rest.remove_prefix(taken.value());
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (taken.value() == 0 && left.count() > 0) output.waitWritable(-1, left);
+    }
+    return exitCode;
 }
 
 bool reportOutputFailure(int systemError) {

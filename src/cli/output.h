@@ -4,6 +4,7 @@
 // Threads: one thread; printError from any. Lifetime: the descriptor is borrowed and stays open.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -35,6 +36,9 @@ class Output {
     /// `exitCode`. A reader that went away is no failure: it had what it wanted. 1 without a word when a stop
     /// request ended the writing.
     int finish(int exitCode);
+
+    /// The same for a reader that may have paused: what it does not take within `limit` is left out.
+    int finishWithin(std::chrono::milliseconds limit, int exitCode);
 
   private:
     const int descriptor_;

@@ -2,25 +2,16 @@
 
 #include <algorithm>
 #include <fcntl.h>
-#include <filesystem>
 #include <optional>
 #include <unistd.h>
 #include <utility>
 #include <variant>
 
-#include <spdlog/spdlog.h>
-
-#include "cli/command_console.h"
-#include "cli/command_export.h"
-#include "cli/command_info.h"
-#include "cli/command_list.h"
-#include "cli/command_measure.h"
-#include "cli/command_recording.h"
-#include "cli/command_values.h"
+#include "cli/command_line.h"
 #include "cli/console_printer.h"
 #include "cli/message_output.h"
-#include "cli/options.h"
 #include "cli/output.h"
+#include "cli/results.h"
 #include "cli/stop_signal.h"
 #include "session/session.h"
 
@@ -35,74 +26,43 @@ void occupyStandardDescriptors() {
     }
 }
 
-Result<session::SessionConfig> effectiveConfig(const Options& options, const char*& errorPrefix) {
+/// The configuration in force; an error has been told.
+std::optional<session::SessionConfig> effectiveConfig(const CommandLine& line, Results& results) {
     session::SessionConfig config;
-    errorPrefix = "configuration";
+    const Options& options = line.options;
     if (options.configFile) {
         auto loaded = session::loadSessionConfig(*options.configFile, stopDescriptor());
-        if (!loaded) return loaded.error();
+        if (!loaded) {
+            results.fail("configuration", loaded.error(), *options.configFile);
+            return std::nullopt;
+        }
         config = std::move(loaded).value();
     }
-    errorPrefix = "";
-    if (auto done = applyOverrides(options, config); !done) return done.error();
+    if (auto done = applyOverrides(options, config); !done) {
+        results.fail("", done.error());
+        return std::nullopt;
+    }
+    line.command->overrule(config);
     return config;
 }
 
-int runSaveConfig(const std::string& file, const session::SessionConfig& config, Output& output) {
-    if (auto saved = session::saveSessionConfig(file, config); !saved) {
-        printError("save", saved.error());
-        return 1;
+int runInSession(const CommandLine& line, Workplace& place) {
+    if (line.row->needs == Needs::connection) {
+        if (auto opened = place.session->open(); !opened) {
+            place.results.fail("connect", opened.error());
+            return 1;
+        }
     }
-    std::error_code ignored;
-    const auto directory = std::filesystem::path(file).parent_path();
-    if (config.a2l.is_relative() && !config.a2l.empty() && std::filesystem::is_regular_file(file, ignored) &&
-        !std::filesystem::exists(directory / config.a2l, ignored)) {
-        spdlog::warn("{}: the A2L file {} is not found from there", file, config.a2l.string());
-    }
-    output.append(file + " written\n");
-    return 0;
+    return line.command->run(place);
 }
 
-int runConsole(const Options& options, session::Session& session, Output& output) {
-    if (!session.medium().hasText()) {
-        printMessage("console: needs a serial line (--serial)\n");
-        return 1;
-    }
-    return cmdConsole(session, options.durationSeconds, output);
-}
-
-int runConnected(const Options& options, session::Session& session, Console& console, StopWatcher& stop,
-                 Output& output) {
-    if (auto opened = session.open(); !opened) {
-        printError("connect", opened.error());
-        return 1;
-    }
-    int exitCode = 0;
-    switch (options.command) {
-        case Command::info:
-            exitCode = runInfo(session, output);
-            break;
-        case Command::get:
-            exitCode = runGet(session, options.names, output);
-            break;
-        case Command::set:
-            exitCode = runSet(session, options.assignments, options.allowMeasurements, output);
-            break;
-        case Command::measure:
-            return runMeasure(options, session, console, stop);
-        default:
-            break;
-    }
-    return stopRequested() ? 1 : exitCode;
-}
-
-int runSession(const Options& options, session::SessionConfig config, Output& output) {
+int runSession(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
-    const bool isRecorded = options.command == Command::measure && !options.recordDirectory.empty();
-    auto created = session::Session::create(std::move(config), {}, session::ChannelPool::ofThisMachine(),
-                                            stopDescriptor(), isRecorded);
+    auto created =
+        session::Session::create(std::move(place.config), {}, session::ChannelPool::ofThisMachine(),
+                                 stopDescriptor(), line.command->isRecorded());
     if (!created) {
-        printError("session", created.error());
+        place.results.fail("session", created.error());
         return 1;
     }
     session::Session& session = *created.value();
@@ -111,61 +71,32 @@ int runSession(const Options& options, session::SessionConfig config, Output& ou
     {
         StopWatcher stop([&session] { session.requestStop(); });
         if (auto watching = stop.start(); !watching) {
-            printError("session", watching.error());
-        } else if (options.command == Command::console) {
-            exitCode = runConsole(options, session, output);
+            place.results.fail("session", watching.error());
         } else {
-            exitCode = runConnected(options, session, console, stop, output);
+            place.session = &session;
+            place.console = &console;
+            place.stop = &stop;
+            exitCode = runInSession(line, place);
         }
     }
     if (auto closed = session.close(); !closed) {
-        printError("close", closed.error());
+        place.results.fail("close", closed.error());
         exitCode = std::max(exitCode, 1);
     }
     return exitCode;
 }
 
-/// How `recording info` shows numbers: of a configuration that is given, this alone counts.
-Result<value::NumberStyle> recordingStyle(const Options& options) {
-    bool exact = options.exact;
-    if (options.configFile && options.recording.action == RecordingAction::info) {
-        auto config = session::loadSessionConfig(*options.configFile, stopDescriptor());
-        if (!config) return config.error();
-        exact = exact || config.value().display.exact;
+int runConfigured(const CommandLine& line, Workplace& place) {
+    MessageOutput messages(STDERR_FILENO);  // outlives all that prints
+    if (auto started = messages.start(); !started) {
+        place.results.fail("session", started.error());
+        return place.results.finish(1);
     }
-    return exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
-}
-
-int runRecordingCommand(const Options& options, Output& output) {
-    const auto style = recordingStyle(options);
-    if (!style) {
-        printError("configuration", style.error());
-        return 1;
-    }
-    return runRecording(options.recording, style.value(), output);
-}
-
-/// The commands that work on recordings alone. None for the others.
-std::optional<int> runOffline(const Options& options, Output& output) {
-    switch (options.command) {
-        case Command::recording:
-            return runRecordingCommand(options, output);
-        case Command::exportRecording:
-            return runExport(options.exportRequest, output);
-        default:
-            return std::nullopt;
-    }
-}
-
-int runCommand(const Options& options, session::SessionConfig config, Output& output) {
-    switch (options.command) {
-        case Command::saveConfig:
-            return runSaveConfig(options.outputFile, config, output);
-        case Command::list:
-            return runList(options, config, output);
-        default:
-            return runSession(options, std::move(config), output);
-    }
+    auto config = effectiveConfig(line, place.results);
+    if (!config) return place.results.finish(1);
+    place.config = std::move(*config);
+    const bool hasSession = line.row->needs >= Needs::session;
+    return place.results.finish(hasSession ? runSession(line, place) : line.command->run(place));
 }
 
 }  // namespace
@@ -176,25 +107,15 @@ int run(int argc, const char* const* argv) {
         printError("signals", installed.error());
         return 1;
     }
-    auto parsed = parseOptions(argc, argv);
+    auto parsed = parseCommandLine(argc, argv);
     if (const int* exitCode = std::get_if<int>(&parsed)) return *exitCode;
-    const Options& options = std::get<Options>(parsed);
-    setUpLogging(options.verbose);
+    const CommandLine& line = std::get<CommandLine>(parsed);
+    setUpLogging(line.options.verbose);
     Output output(STDOUT_FILENO);
-    if (const auto exitCode = runOffline(options, output)) return output.finish(*exitCode);
-    MessageOutput messages(STDERR_FILENO);  // outlives all that prints
-    if (auto started = messages.start(); !started) {
-        printError("session", started.error());
-        return 1;
-    }
-    const char* prefix = "";
-    auto config = effectiveConfig(options, prefix);
-    if (!config) {
-        printError(prefix, config.error());
-        return 1;
-    }
-    const int exitCode = runCommand(options, std::move(config).value(), output);
-    return output.finish(exitCode);
+    Results results(output, line.name, line.form);
+    Workplace place{line.options, results};
+    if (line.row->needs == Needs::nothing) return results.finish(line.command->run(place));
+    return runConfigured(line, place);
 }
 
 }  // namespace lm::cli

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/file_lock.h"
+#include "core/file_write.h"
 
 namespace lm {
 namespace {
@@ -24,27 +25,11 @@ int withoutUnsupported(int systemError) {
     return unsupported ? 0 : systemError;
 }
 
-/// After EINTR the descriptor is gone all the same.
-int closed(int descriptor) {
-    return ::close(descriptor) == 0 || errno == EINTR ? 0 : errno;
-}
-
-int writeAll(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(descriptor, text.data(), text.size());
-        if (count < 0 && errno == EINTR) continue;
-        // A write of nothing is a full device that does not say so.
-        if (count <= 0) return count == 0 ? ENOSPC : errno;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return 0;
-}
-
 int writeInto(const char* device, std::string_view text) {
-    const int descriptor = ::open(device, O_WRONLY | O_CLOEXEC);
-    if (descriptor < 0) return errno;
-    const int failure = writeAll(descriptor, text);
-    const int late = closed(descriptor);
+    UniqueFd opened(::open(device, O_WRONLY | O_CLOEXEC));
+    if (!opened.valid()) return errno;
+    const int failure = writeAll(opened.get(), text);
+    const int late = opened.close();
     return failure != 0 ? failure : late;
 }
 
@@ -151,18 +136,17 @@ int flushDirectoryToDisk(const std::filesystem::path& directory) {
 }
 
 StagedFile::StagedFile(StagedFile&& other) noexcept
-    : temporary_(std::exchange(other.temporary_, {})), descriptor_(std::exchange(other.descriptor_, -1)) {}
+    : temporary_(std::exchange(other.temporary_, {})), file_(std::move(other.file_)) {}
 
 StagedFile& StagedFile::operator=(StagedFile&& other) noexcept {
     std::swap(temporary_, other.temporary_);
-    std::swap(descriptor_, other.descriptor_);
+    std::swap(file_, other.file_);
     return *this;
 }
 
 StagedFile::~StagedFile() {
     // Removed while the lock still says whose it is.
     if (!temporary_.empty()) ::unlink(temporary_.c_str());
-    if (descriptor_ >= 0) ::close(descriptor_);
 }
 
 int StagedFile::createBeside(const std::filesystem::path& target) {
@@ -186,24 +170,21 @@ int StagedFile::createAs(const std::filesystem::path& temporary) {
 
 /// EEXIST also when another program took the new file for an abandoned one before it was locked.
 int StagedFile::make(const std::filesystem::path& temporary) {
-    const int made = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (made < 0) return errno;
-    if (!lockForWriting(made) || !standsAt(made, temporary)) {
-        ::close(made);
-        return EEXIST;
-    }
-    descriptor_ = made;
+    UniqueFd made(::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!made.valid()) return errno;
+    if (!lockForWriting(made.get()) || !standsAt(made.get(), temporary)) return EEXIST;
+    file_ = std::move(made);
     temporary_ = temporary;
     return 0;
 }
 
 int StagedFile::write(std::string_view text) {
-    const int failure = writeAll(descriptor_, text);
-    return failure != 0 ? failure : flushToDisk(descriptor_);
+    const int failure = writeAll(file_.get(), text);
+    return failure != 0 ? failure : flushToDisk(file_.get());
 }
 
 int StagedFile::close() {
-    return closed(std::exchange(descriptor_, -1));
+    return file_.close();
 }
 
 int StagedFile::place(const std::filesystem::path& target, Existing existing) {

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <string_view>
 
+#include "core/unique_fd.h"
+
 namespace lm {
 
 /// Flushes the data of an open file, or the names in a directory, to the disk. Returns 0 or an errno. What
@@ -41,13 +43,13 @@ class StagedFile {
     /// Gives the file its name; it may still be open. EEXIST when something has that name that is to be kept.
     int place(const std::filesystem::path& target, Existing existing);
 
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return file_.get(); }
 
   private:
     int make(const std::filesystem::path& temporary);
 
     std::filesystem::path temporary_;  ///< empty unless it stands there
-    int descriptor_ = -1;
+    UniqueFd file_;
 };
 
 /// Replaces the file that `path` names (or links to) by a new one, whole and on the disk, with the rights of

@@ -136,8 +136,6 @@ Result<std::uint64_t> parseUnsigned(std::string_view text, NumberBase base, std:
 
 namespace {
 
-static_assert(std::numeric_limits<long double>::digits >= 64, "64-bit integers pass through long double");
-
 /// The decimal exponent of the first digit that is not 0: positive or 0 for a number of at least 1. `number`
 /// is a decimal number that is not 0, with an optional sign.
 std::int64_t decimalMagnitude(std::string_view number) {
@@ -156,32 +154,22 @@ std::int64_t decimalMagnitude(std::string_view number) {
     return std::clamp(exponent, -kFar, kFar) + (first < point ? point - 1 - first : point - first);
 }
 
-template <typename Float>
-std::optional<Float> parseFloat(std::string_view text) {
+}  // namespace
+
+std::optional<double> parseDouble(std::string_view text) {
     std::string_view number = text;
     // from_chars takes no leading plus; "+-1" must not pass for -1.
     if (number.size() > 1 && number[0] == '+' && number[1] != '-') number.remove_prefix(1);
-    Float value = 0;
+    double value = 0;
     const char* end = number.data() + number.size();
     const auto [stop, failure] = std::from_chars(number.data(), end, value);
     if (stop != end || failure == std::errc::invalid_argument) return std::nullopt;
     if (failure == std::errc::result_out_of_range) {
         // The conversion does not tell overflow from underflow.
-        const Float magnitude =
-            decimalMagnitude(number) < 0 ? Float{0} : std::numeric_limits<Float>::infinity();
+        const double magnitude = decimalMagnitude(number) < 0 ? 0 : std::numeric_limits<double>::infinity();
         return number[0] == '-' ? -magnitude : magnitude;
     }
     return value;
-}
-
-}  // namespace
-
-std::optional<double> parseDouble(std::string_view text) {
-    return parseFloat<double>(text);
-}
-
-std::optional<long double> parseLongDouble(std::string_view text) {
-    return parseFloat<long double>(text);
 }
 
 namespace {
@@ -194,7 +182,7 @@ std::string withoutNanSign(std::string text, Float value) {
 
 template <typename Float, typename... How>
 std::string formatted(Float value, How... how) {
-    // A double has at most 309 digits before the point; a long double that is none has a place of its own.
+    // A double has at most 309 digits before the point.
     std::array<char, 512> buffer{};
     const auto [end, failure] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, how...);
     if (failure != std::errc()) return "?";
@@ -203,13 +191,8 @@ std::string formatted(Float value, How... how) {
 
 }  // namespace
 
-std::string formatFixed(long double value, int decimals) {
-    const int digits = std::min(decimals, 128);
-    const auto rounded = static_cast<double>(value);
-    // Quicker, and most values are doubles.
-    if (static_cast<long double>(rounded) == value || std::isnan(value))
-        return formatted(rounded, std::chars_format::fixed, digits);
-    return formatted(value, std::chars_format::fixed, digits);
+std::string formatFixed(double value, int decimals) {
+    return formatted(value, std::chars_format::fixed, std::min(decimals, 128));
 }
 
 std::string formatGeneral(double value) {
@@ -221,10 +204,6 @@ std::string formatShortest(float value) {
 }
 
 std::string formatShortest(double value) {
-    return formatted(value);
-}
-
-std::string formatShortest(long double value) {
     return formatted(value);
 }
 

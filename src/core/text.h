@@ -36,18 +36,13 @@ Result<std::uint64_t> parseUnsigned(std::string_view text, NumberBase base, std:
 /// too small is 0, however it is written.
 std::optional<double> parseDouble(std::string_view text);
 
-/// The same with the precision of a long double, which holds every 64-bit integer.
-std::optional<long double> parseLongDouble(std::string_view text);
-
 /// printf's "%.*f" (decimals given) or "%g" (none) with a decimal point in every locale and NaN without a
-/// sign. The digits are those of the value as it is; to tell apart integers of 64 bits it takes a long
-/// double.
-std::string formatFixed(long double value, int decimals);
+/// sign. The digits are those of the value as it is.
+std::string formatFixed(double value, int decimals);
 std::string formatGeneral(double value);
 
-/// The shortest text that reads back as the same value: of a float, a double, a long double.
+/// The shortest text that reads back as the same value: of a float, a double.
 std::string formatShortest(float value);
 std::string formatShortest(double value);
-std::string formatShortest(long double value);
 
 }  // namespace lm

@@ -5,7 +5,6 @@
 #include <charconv>
 
 #include "exporter/number_text.h"
-#include "exporter/raw_integer.h"
 #include "value/value_text.h"
 
 namespace lm::exporter {
@@ -23,33 +22,26 @@ void appendField(std::string& line, std::string_view field) {
     line += '"';
 }
 
-namespace {
-
-bool isWide(const storage::SignalInfo& signal) {
-    return signal.coding.size() == sizeof(std::uint64_t) && !value::isFloat(signal.coding.dataType) &&
-           signal.conversion.binaryExponent();
-}
-
-}  // namespace
-
 CsvColumn::CsvColumn(const storage::SignalInfo& signal, const ExportOptions& options)
     : signal_(&signal),
       offset_(signal.recordOffset),
       raw_(options.raw),
       form_(formOf(signal, options)),
-      wide_(isWide(signal)),
+      exact_(signal.keepsIntegers()),
       decode_(value::rawDecoder(signal.coding)) {}
 
 CsvColumn::Form CsvColumn::formOf(const storage::SignalInfo& signal, const ExportOptions& options) {
     if (options.raw) return value::isFloat(signal.coding.dataType) ? Form::number : Form::rawInteger;
     if (options.a2lFormat) return Form::formatted;
-    if (signal.conversion.isVerbal()) return Form::verbal;
-    return isWide(signal) && *signal.conversion.binaryExponent() == 0 ? Form::rawInteger : Form::number;
+    if (signal.conversion->isVerbal()) return Form::verbal;
+    const auto& line = signal.conversion->exactLine();
+    const bool isRaw = signal.keepsIntegers() && line->isPowerOfTwo() && line->exponent == 0;
+    return isRaw ? Form::rawInteger : Form::number;
 }
 
 /// What tells one cell from another, in the form that makeCell() needs.
 std::uint64_t CsvColumn::rawBits(const std::uint8_t* bytes) const {
-    if (form_ == Form::rawInteger || wide_) return readInteger(bytes, signal_->coding);
+    if (form_ == Form::rawInteger || exact_) return value::decodeInteger(bytes, signal_->coding);
     return std::bit_cast<std::uint64_t>(decode_(bytes, signal_->coding));
 }
 
@@ -57,19 +49,19 @@ void CsvColumn::makeCell(std::uint64_t bits) {
     lastBits_ = bits;
     cell_.clear();
     if (form_ == Form::rawInteger) return setInteger(bits);
-    if (wide_) return setWide(bits);
+    if (exact_) return setExact(bits);
     const auto raw = std::bit_cast<double>(bits);
     if (form_ == Form::formatted) {
-        appendField(cell_, signal_->conversion.format(raw));
+        appendField(cell_, signal_->conversion->format(raw));
         return;
     }
     if (form_ == Form::verbal) {
-        if (const auto text = signal_->conversion.verbalText(raw)) {
+        if (const auto text = signal_->conversion->verbalText(raw)) {
             appendField(cell_, *text);
             return;
         }
     }
-    setNumber(raw_ ? raw : signal_->conversion.toPhysical(raw));
+    setNumber(raw_ ? raw : signal_->conversion->toPhysical(raw));
 }
 
 void CsvColumn::setInteger(std::uint64_t bits) {
@@ -81,12 +73,10 @@ void CsvColumn::setInteger(std::uint64_t bits) {
     cell_.append(text.data(), end);
 }
 
-void CsvColumn::setWide(std::uint64_t bits) {
-    const long double raw = value::isSigned(signal_->coding.dataType)
-                                ? static_cast<long double>(static_cast<std::int64_t>(bits))
-                                : static_cast<long double>(bits);
+void CsvColumn::setExact(std::uint64_t bits) {
+    const value::Exact raw = value::exactInteger(bits, signal_->coding);
     const auto style = form_ == Form::formatted ? value::NumberStyle::formatted : value::NumberStyle::exact;
-    appendField(cell_, value::valueText(raw, signal_->coding, signal_->conversion, style));
+    appendField(cell_, value::valueText(*signal_, value::physicalValue(*signal_, raw), style));
 }
 
 void CsvColumn::setNumber(double value) {

@@ -33,14 +33,14 @@ class CsvColumn {
     std::uint64_t rawBits(const std::uint8_t* bytes) const;
     void makeCell(std::uint64_t bits);
     void setInteger(std::uint64_t bits);
-    void setWide(std::uint64_t bits);
+    void setExact(std::uint64_t bits);
     void setNumber(double value);
 
     const storage::SignalInfo* signal_;
     std::size_t offset_;
     bool raw_;
     Form form_;
-    bool wide_;  ///< an integer of 64 bits that the conversion keeps: told by its bits, not by a double
+    bool exact_;  ///< integers are kept: told by their bits, not by a double
     value::RawDecodeFunction decode_;
     std::uint64_t lastBits_ = 0;
     std::string cell_;

@@ -10,8 +10,8 @@
 #include "exporter/csv_column.h"
 #include "exporter/csv_gaps.h"
 #include "exporter/csv_time.h"
-#include "exporter/gap_search.h"
 #include "exporter/output_file.h"
+#include "storage/read/gap_search.h"
 
 namespace lm::exporter {
 namespace {
@@ -56,7 +56,7 @@ class GroupCursor {
         }
     }
     void appendEmptyCells(std::string& line) const { line += empty_; }
-    Gaps takeGaps() { return gaps_.take(); }
+    storage::Gaps takeGaps() { return gaps_.take(); }
 
   private:
     ExportPass pass_;
@@ -66,7 +66,7 @@ class GroupCursor {
     std::size_t at_ = 0;
     std::int64_t timestampNs_ = 0;
     bool ended_ = false;
-    GapSearch gaps_;
+    storage::GapSearch gaps_;
 };
 
 /// "NAME [UNIT]", or "NAME@GROUP [UNIT]" where another column has the same name. Raw values have no unit.
@@ -81,7 +81,7 @@ std::string headingLine(std::span<const ExportGroup> groups, std::string_view ti
         for (const storage::SignalInfo* signal : group.signals) {
             std::string heading = signal->name;
             if (uses[signal->name] > 1) heading += "@" + group.reader.info().name;
-            const std::string& unit = signal->conversion.unit();
+            const std::string& unit = signal->conversion->unit();
             if (!unit.empty() && !raw) heading += " [" + unit + "]";
             line += ',';
             appendField(line, heading);
@@ -122,7 +122,7 @@ class CsvWriter {
     }
 
     /// Of all groups that were written, in their order.
-    const std::vector<Gaps>& gaps() const { return gaps_; }
+    const std::vector<storage::Gaps>& gaps() const { return gaps_; }
 
   private:
     static std::optional<std::int64_t> earliest(const std::vector<GroupCursor>& cursors) {
@@ -149,7 +149,7 @@ class CsvWriter {
     Progress& progress_;
     CsvTime time_;
     std::string timeHeading_;
-    std::vector<Gaps> gaps_;
+    std::vector<storage::Gaps> gaps_;
 };
 
 /// A name for a part of a file name.

@@ -9,7 +9,7 @@
 namespace lm::exporter {
 
 std::string gapList(const storage::RecordingInfo& info, const std::vector<ExportGroup>& groups,
-                    const std::vector<Gaps>& gaps, const std::vector<storage::Outage>& outages,
+                    const std::vector<storage::Gaps>& gaps, const std::vector<storage::Outage>& outages,
                     bool absolute) {
     CsvTime time(info, absolute);
     const std::string unit(time.unit());
@@ -33,7 +33,7 @@ std::string gapList(const storage::RecordingInfo& info, const std::vector<Export
     }
     for (std::size_t i = 0; i < groups.size(); ++i) {
         const std::string& name = groups[i].reader.info().name;
-        for (const Gap& gap : gaps[i].gaps)
+        for (const storage::Gap& gap : gaps[i].gaps)
             add("gap", name, gap.beginNs, gap.endNs, "");
         if (gaps[i].count > gaps[i].gaps.size()) {
             add("gap", name, gaps[i].gaps.back().endNs, std::nullopt,

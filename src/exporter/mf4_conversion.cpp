@@ -199,7 +199,7 @@ Mf4Conversion express(const Conversion::Formulas& formulas, const value::RawCodi
 
 Mf4Conversion expressAny(const storage::SignalInfo& signal) {
     const bool isFloatSignal = value::isFloat(signal.coding.dataType);
-    const Conversion::Kind& kind = signal.conversion.kind();
+    const Conversion::Kind& kind = signal.conversion->kind();
     if (const auto* linear = std::get_if<Conversion::Linear>(&kind)) {
         return {kLinear, {linear->b, linear->a}, {}, {}};
     }

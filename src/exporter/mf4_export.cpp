@@ -7,11 +7,11 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "core/bytes.h"
-#include "exporter/gap_search.h"
 #include "exporter/mf4_metadata.h"
 #include "exporter/mf4_outages.h"
 #include "exporter/mf4_samples.h"
 #include "exporter/output_file.h"
+#include "storage/read/gap_search.h"
 
 namespace lm::exporter {
 namespace {
@@ -23,9 +23,9 @@ Result<void> setLink(OutputFile& file, Mf4Blocks::Link block, std::size_t index,
 }
 
 /// The samples of a group, and its gaps.
-Result<Gaps> writeGroup(OutputFile& file, const ExportGroup& group, const Mf4Layout& layout,
-                        Mf4Blocks::Link dataGroup, bool compress, Progress& progress) {
-    GapSearch search(group.reader.info().cycleNs);
+Result<storage::Gaps> writeGroup(OutputFile& file, const ExportGroup& group, const Mf4Layout& layout,
+                                 Mf4Blocks::Link dataGroup, bool compress, Progress& progress) {
+    storage::GapSearch search(group.reader.info().cycleNs);
     auto samples = compress ? writeDeflatedSamples(file, group, layout, search, progress)
                             : writePlainSamples(file, group, layout, search, progress);
     if (!samples) return samples.error();
@@ -40,7 +40,8 @@ Result<void> writeEvents(OutputFile& file, const Mf4Events& events) {
     return setLink(file, kMf4HeaderPlace, kHeaderEventLink, events.first);
 }
 
-std::vector<std::string> notesOf(const std::vector<ExportGroup>& groups, const std::vector<Gaps>& gaps) {
+std::vector<std::string> notesOf(const std::vector<ExportGroup>& groups,
+                                 const std::vector<storage::Gaps>& gaps) {
     std::vector<std::string> notes;
     for (std::size_t i = 0; i < groups.size(); ++i) {
         const std::string& name = groups[i].reader.info().name;
@@ -73,7 +74,7 @@ Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
     if (!created) return created.error();
     OutputFile& file = created.value();
     if (auto written = file.append(metadata.blocks.bytes()); !written) return written.error();
-    std::vector<Gaps> gaps;
+    std::vector<storage::Gaps> gaps;
     for (std::size_t i = 0; i < groups.size(); ++i) {
         auto found =
             writeGroup(file, groups[i], layouts[i], metadata.dataGroups[i], options.compress, progress);

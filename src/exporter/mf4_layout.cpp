@@ -134,12 +134,12 @@ void Mf4Layout::pack(const std::uint8_t* stored, std::uint8_t* to) const {
                 break;
             }
             case Form::integer:
-                writeSized(place, readInteger(from, field.signal->coding), field.size,
+                writeSized(place, value::decodeInteger(from, field.signal->coding), field.size,
                            ByteOrder::littleEndian);
                 break;
             case Form::physical: {
                 const double raw = value::decodeRaw(from, field.signal->coding);
-                const double value = field.signal->conversion.toPhysical(raw);
+                const double value = field.signal->conversion->toPhysical(raw);
                 writeLittle(place, std::bit_cast<std::uint64_t>(value));
                 break;
             }

@@ -23,7 +23,7 @@ constexpr std::uint16_t kVersion = 410;
 constexpr std::string_view kProgram = "xcplumo";
 constexpr double kSecondsPerNs = 1e-9;
 
-std::string element(std::string_view name, std::string_view text) {
+std::string xmlElement(std::string_view name, std::string_view text) {
     return fmt::format("<{0}>{1}</{0}>", name, xmlText(text));
 }
 
@@ -43,8 +43,9 @@ void putTime(Mf4Fields& fields, std::int64_t utcNs, std::optional<std::int32_t> 
 }
 
 Link addHistory(Mf4Blocks& blocks, std::int64_t nowUtcNs) {
-    const std::string inner = element("TX", "exported from a recording") + element("tool_id", "xcplumo-cli") +
-                              element("tool_vendor", "XCP-Lumo") + element("tool_version", XCPLUMO_VERSION);
+    const std::string inner = xmlElement("TX", "exported from a recording") +
+                              xmlElement("tool_id", "xcplumo-cli") + xmlElement("tool_vendor", "XCP-Lumo") +
+                              xmlElement("tool_version", XCPLUMO_VERSION);
     const Link comment = blocks.comment("FHcomment", inner);
     Mf4Fields fields;
     putTime(fields, nowUtcNs, utcOffsetMinutes(nowUtcNs));
@@ -69,8 +70,8 @@ Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
     property("A2L", info.a2lName);
     property("A2L SHA-256", info.a2lSha256);
     property("tool", "xcplumo-cli " XCPLUMO_VERSION);
-    return blocks.comment(
-        "HDcomment", element("TX", info.name) + "<common_properties>" + properties + "</common_properties>");
+    return blocks.comment("HDcomment", xmlElement("TX", info.name) + "<common_properties>" + properties +
+                                           "</common_properties>");
 }
 
 /// The number of a bus in MDF.
@@ -115,10 +116,10 @@ Link addChannelBlock(Mf4Blocks& blocks, const std::vector<Link>& links, const Ch
 /// The limits of the A2L when they are two and leave values between them: MDF knows no single one, and
 /// "0 0" stands for none in many files.
 Limits limitsOf(const storage::SignalInfo& signal) {
-    if (!signal.limits) return std::nullopt;
-    const auto [lower, upper] = *signal.limits;
+    const double lower = signal.lowerLimit;
+    const double upper = signal.upperLimit;
     if (!std::isfinite(lower) || !std::isfinite(upper) || !(lower < upper)) return std::nullopt;
-    return signal.limits;
+    return std::pair(lower, upper);
 }
 
 /// Nanoseconds since the start; a conversion makes them seconds.
@@ -138,16 +139,16 @@ Link addTimeChannel(Mf4Blocks& blocks, const std::string& name, Link source, Lin
 Link addChannelComment(Mf4Blocks& blocks, const Mf4Channel& channel) {
     const storage::SignalInfo& signal = *channel.signal;
     if (channel.isRawBeside) {
-        return blocks.comment("CNcomment", element("TX", "raw values of " + signal.name));
+        return blocks.comment("CNcomment", xmlElement("TX", "raw values of " + signal.name));
     }
     std::string text = signal.description;
     if (const std::string& obstacle = channel.conversion.obstacle; !obstacle.empty()) {
         text += (text.empty() ? "" : " ") +
                 fmt::format("(physical values, computed by the export: MDF cannot express the {})", obstacle);
     }
-    std::string inner = text.empty() ? "" : element("TX", text);
+    std::string inner = text.empty() ? "" : xmlElement("TX", text);
     if (!signal.displayName.empty()) {
-        inner += "<names>" + element("display", signal.displayName) + "</names>";
+        inner += "<names>" + xmlElement("display", signal.displayName) + "</names>";
     }
     return inner.empty() ? 0 : blocks.comment("CNcomment", inner);
 }
@@ -156,9 +157,9 @@ Link addChannel(Mf4Blocks& blocks, const Mf4Channel& channel, Link source, Link 
     const storage::SignalInfo& signal = *channel.signal;
     // Unit, decimals and limits are those of the physical values.
     const bool isRaw = channel.isRawBeside;
-    const std::string& unitText = signal.conversion.unit();
+    const std::string& unitText = signal.conversion->unit();
     const Link unit = isRaw || unitText.empty() ? 0 : blocks.text(unitText);
-    const auto precision = isRaw ? std::nullopt : mf4Precision(signal.conversion.formatText());
+    const auto precision = isRaw ? std::nullopt : mf4Precision(signal.conversion->formatText());
     const Link conversion = addConversion(blocks, channel.conversion, unit, precision);
     const Link comment = addChannelComment(blocks, channel);
     return addChannelBlock(blocks, {next, 0, blocks.text(channel.name), source, conversion, 0, unit, comment},
@@ -215,7 +216,8 @@ Mf4Metadata makeMetadata(const storage::RecordingInfo& info, const std::vector<E
 }
 
 Mf4Events makeEvents(const storage::RecordingInfo& info, const std::vector<ExportGroup>& groups,
-                     const std::vector<Gaps>& gaps, const Mf4Metadata& metadata, std::uint64_t place) {
+                     const std::vector<storage::Gaps>& gaps, const Mf4Metadata& metadata,
+                     std::uint64_t place) {
     constexpr std::size_t kNext = 0;
     constexpr std::uint8_t kAcquisitionInterrupt = 2;
     constexpr std::uint8_t kTime = 1;
@@ -237,7 +239,7 @@ Mf4Events makeEvents(const storage::RecordingInfo& info, const std::vector<Expor
             before = event;
             return event;
         };
-        for (const Gap& gap : gaps[i].gaps) {
+        for (const storage::Gap& gap : gaps[i].gaps) {
             const Link begin = add(kBegin, 0, gap.beginNs);
             add(kEnd, begin, gap.endNs);
         }

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "exporter/export_plan.h"
-#include "exporter/gap_search.h"
 #include "exporter/mf4_blocks.h"
 #include "exporter/mf4_layout.h"
+#include "storage/read/gap_search.h"
 
 namespace lm::exporter {
 
@@ -36,6 +36,7 @@ struct Mf4Events {
 
 /// Events of the gaps, which stand at `place` of the file and behind.
 Mf4Events makeEvents(const storage::RecordingInfo& info, const std::vector<ExportGroup>& groups,
-                     const std::vector<Gaps>& gaps, const Mf4Metadata& metadata, std::uint64_t place);
+                     const std::vector<storage::Gaps>& gaps, const Mf4Metadata& metadata,
+                     std::uint64_t place);
 
 }  // namespace lm::exporter

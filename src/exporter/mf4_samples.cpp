@@ -21,7 +21,7 @@ std::size_t recordsPerBlock(const Mf4Layout& layout) {
 
 /// Packs the records of a group into blocks and hands each to `take`; all are full but the last.
 template <typename Take>
-Result<void> forEachBlock(const ExportGroup& group, const Mf4Layout& layout, GapSearch& gaps,
+Result<void> forEachBlock(const ExportGroup& group, const Mf4Layout& layout, storage::GapSearch& gaps,
                           Progress& progress, const Take& take) {
     const std::uint64_t most = std::min<std::uint64_t>(recordsPerBlock(layout), group.recordCount());
     std::vector<std::uint8_t> block(static_cast<std::size_t>(most) * layout.stride());
@@ -122,8 +122,8 @@ class BlockWriter {
     std::vector<std::uint64_t> places_;
 };
 
-Result<void> copyRecords(OutputFile& file, const ExportGroup& group, std::int64_t startNs, GapSearch& gaps,
-                         Progress& progress) {
+Result<void> copyRecords(OutputFile& file, const ExportGroup& group, std::int64_t startNs,
+                         storage::GapSearch& gaps, Progress& progress) {
     storage::RecordStream stream = group.reader.read(group.range, kCopyBytes);
     for (;;) {
         auto batch = stream.next();
@@ -141,7 +141,7 @@ Result<void> copyRecords(OutputFile& file, const ExportGroup& group, std::int64_
 }  // namespace
 
 Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& group, const Mf4Layout& layout,
-                                        GapSearch& gaps, Progress& progress) {
+                                        storage::GapSearch& gaps, Progress& progress) {
     if (group.recordCount() == 0) return std::uint64_t{0};
     alignTo8(file);
     const std::uint64_t place = file.size();
@@ -159,7 +159,8 @@ Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& gro
 }
 
 Result<std::uint64_t> writeDeflatedSamples(OutputFile& file, const ExportGroup& group,
-                                           const Mf4Layout& layout, GapSearch& gaps, Progress& progress) {
+                                           const Mf4Layout& layout, storage::GapSearch& gaps,
+                                           Progress& progress) {
     // A record that no deflated block can hold.
     if (layout.stride() > kBlockBytes) return writePlainSamples(file, group, layout, gaps, progress);
     if (group.recordCount() == 0) return std::uint64_t{0};

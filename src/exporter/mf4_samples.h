@@ -8,9 +8,9 @@
 
 #include "core/result.h"
 #include "exporter/export_plan.h"
-#include "exporter/gap_search.h"
 #include "exporter/mf4_layout.h"
 #include "exporter/output_file.h"
+#include "storage/read/gap_search.h"
 
 namespace lm::exporter {
 
@@ -18,8 +18,9 @@ namespace lm::exporter {
 /// block that the data group links to, 0 when there are no records. Errors: of reading the records, of
 /// writing the file, of `progress`.
 Result<std::uint64_t> writePlainSamples(OutputFile& file, const ExportGroup& group, const Mf4Layout& layout,
-                                        GapSearch& gaps, Progress& progress);
+                                        storage::GapSearch& gaps, Progress& progress);
 Result<std::uint64_t> writeDeflatedSamples(OutputFile& file, const ExportGroup& group,
-                                           const Mf4Layout& layout, GapSearch& gaps, Progress& progress);
+                                           const Mf4Layout& layout, storage::GapSearch& gaps,
+                                           Progress& progress);
 
 }  // namespace lm::exporter

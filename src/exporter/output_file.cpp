@@ -5,7 +5,8 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
+
+#include "core/file_write.h"
 
 namespace lm::exporter {
 namespace {
@@ -67,14 +68,8 @@ Result<void> OutputFile::append(std::string_view text) {
 }
 
 Result<void> OutputFile::writeAt(std::uint64_t offset, std::span<const std::uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count =
-            ::pwrite(file_.descriptor(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return writeError(count < 0 ? errno : EIO);
-        bytes = bytes.subspan(static_cast<std::size_t>(count));
-        offset += static_cast<std::uint64_t>(count);
-    }
+    const Written written = lm::writeAt(file_.descriptor(), offset, bytes.data(), bytes.size());
+    if (written.systemError != 0) return writeError(written.systemError);
     return {};
 }
 

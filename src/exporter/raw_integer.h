@@ -1,4 +1,4 @@
-// Raw integers as they are, all 64 bits of them: a double would round.
+// Which raw values an integer type behind its mask can have.
 //
 // Threads: pure functions. Lifetime: nothing is kept.
 #pragma once
@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <utility>
 
-#include "core/bytes.h"
 #include "value/raw_value.h"
 
 namespace lm::exporter {
@@ -16,17 +15,6 @@ namespace lm::exporter {
 inline std::uint64_t valueBits(const value::RawCoding& coding) {
     const std::uint64_t whole = ~std::uint64_t{0} >> (64U - 8U * coding.size());
     return coding.bitMask == 0 ? whole : coding.bitMask & whole;
-}
-
-/// The value of an integer type behind its mask, in two's complement of 64 bits; see value::decodeRaw().
-inline std::uint64_t readInteger(const std::uint8_t* bytes, const value::RawCoding& coding) {
-    const std::uint64_t bits = valueBits(coding);
-    if (bits == 0) return 0;
-    const auto shift = static_cast<unsigned>(std::countr_zero(bits));
-    const std::uint64_t field = (readSized(bytes, coding.size(), coding.byteOrder) & bits) >> shift;
-    if (!value::isSigned(coding.dataType)) return field;
-    const std::uint64_t sign = std::bit_floor(bits) >> shift;
-    return (field ^ sign) - sign;
 }
 
 /// The least and the greatest value of an integer type behind its mask, as the nearest doubles.

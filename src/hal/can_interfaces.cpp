@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 #include <utility>
 
-#include "hal/unique_fd.h"
+#include "core/unique_fd.h"
 
 namespace lm::hal {
 namespace {

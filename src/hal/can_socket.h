@@ -9,8 +9,8 @@
 #include <string>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 #include "hal/can_frame.h"
-#include "hal/unique_fd.h"
 
 namespace lm::hal {
 

@@ -10,10 +10,10 @@
 #include <shared_mutex>
 #include <thread>
 
+#include "core/unique_fd.h"
 #include "hal/can_channel.h"
 #include "hal/can_interfaces.h"
 #include "hal/can_receiver.h"
-#include "hal/unique_fd.h"
 
 namespace lm::hal {
 

@@ -4,8 +4,6 @@
 #include <chrono>
 #include <limits>
 
-#include <spdlog/spdlog.h>
-
 #include "session/measurement_plan.h"
 
 namespace lm::session {
@@ -38,32 +36,24 @@ void add(xcp::DaqDecoderCounters& total, const xcp::DaqDecoderCounters& part) {
 
 }  // namespace
 
-Result<std::unique_ptr<Measurement>> Measurement::start(MeasurementContext context,
-                                                        const MeasurementOptions& options) {
+Result<std::unique_ptr<Measurement>> Measurement::plan(MeasurementContext context,
+                                                       const MeasurementOptions& options) {
     auto accepted = acceptPlan(context, options);
     if (!accepted.ok()) return accepted.error();
     // The constructor is private, which std::make_unique cannot call.
-    std::unique_ptr<Measurement> measurement(
-        new Measurement(std::move(context), std::move(accepted).value()));
-    measurement->sink_ = options.sink;
-    if (!options.recordDirectory.empty()) {
-        auto created = createRecording(measurement->context_, measurement->plan_, options.recordDirectory);
-        if (!created.ok()) return created.error();
-        measurement->writer_ = std::move(created).value();
+    return std::unique_ptr<Measurement>(new Measurement(std::move(context), std::move(accepted).value()));
+}
+
+Result<void> Measurement::start(const MeasurementOptions& options) {
+    sink_ = options.sink;
+    if (options.onPlanned) options.onPlanned(plan_);
+    auto started = startLists(context_.capabilities);
+    if (started.ok()) {
+        changeState(SessionState::measuring, "");
+        started = supervisor_->start();
     }
-    if (options.onPlanned) options.onPlanned(measurement->plan_);
-    auto started = measurement->startLists(measurement->context_.capabilities);
-    if (!started.ok()) {
-        measurement->abandonStart();
-        return started.error();
-    }
-    measurement->changeState(SessionState::measuring, "");
-    if (auto watched = measurement->supervisor_->start(); !watched.ok()) {
-        measurement->abandonStart();
-        measurement->changeState(SessionState::connected, "");
-        return watched.error();
-    }
-    return measurement;
+    if (!started.ok()) abandonStart();
+    return started;
 }
 
 Measurement::Measurement(MeasurementContext context, AcceptedPlan accepted)
@@ -124,32 +114,28 @@ void Measurement::abandonStart() {
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
-    if (!writer_) return;
-    const auto removed = writer_->discard();
-    if (!removed.ok()) spdlog::warn("{}", removed.error().text());
-    writer_.reset();
 }
 
-Measurement::StopResult Measurement::stop(const std::function<SessionState()>& state) {
+Result<void> Measurement::stop(const std::function<SessionState()>& state) {
     const std::int64_t endNs = steadyNowNs();
     supervisor_->requestStop();
     context_.master.requestStop();
     context_.medium.requestStop();
     supervisor_->stop();
 
-    StopResult result;
+    Result<void> stopped;
     const bool measuring = state() == SessionState::measuring;
     if (measuring) {
         // An ECU that ended the session may go on sending all the same.
         xcp::Master& master = context_.master;
-        result.stopped = master.connected() ? master.stopDaqOnce() : master.stopDaqUnconnected();
+        stopped = master.connected() ? master.stopDaqOnce() : master.stopDaqUnconnected();
     } else {
         // Nobody is known to listen: what cannot even be sent changes nothing.
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
     // An ECU that refuses the stop is there all the same.
-    const bool answered = result.stopped.ok() || result.stopped.error().detail != Error::kNoDetail;
+    const bool answered = stopped.ok() || stopped.error().detail != Error::kNoDetail;
     using Stop = OutageMeter::Stop;
     outages_.finish(endNs,
                     !measuring ? Stop::lost
@@ -157,21 +143,20 @@ Measurement::StopResult Measurement::stop(const std::function<SessionState()>& s
                                : Stop::unanswered,
                     supervisor_->watchesData());
     context_.medium.releaseLoad();
-    if (writer_) {
+    if (recording_) {
         if (outages_.upToEndNs() != 0) {
-            notes_.endSilent(outages_.latestNs(), endNs, *writer_);
+            notes_.endSilent(outages_.latestNs(), endNs, *recording_);
         }
-        notes_.end(steadyNowNs(), *writer_);
-        result.recorded = writer_->close();
+        notes_.end(steadyNowNs(), *recording_);
     }
-    return result;
+    return stopped;
 }
 
 PlanSummary Measurement::summary() const {
     PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}};
     // Without timestamps nothing is checked anywhere, which the start has told.
     if (plan_.daq.timestampSize == 0) return summary;
-    for (const storage::GroupInfo& group : recordingInfo(plan_, context_.capabilities).groups) {
+    for (const storage::GroupInfo& group : session::recordingInfo(plan_, context_.capabilities).groups) {
         if (group.cycleNs == 0) summary.withoutCycle.push_back(group.name);
     }
     return summary;
@@ -197,11 +182,6 @@ MeasurementStats Measurement::statistics() const {
     stats.failedReconnects = stats.reconnects - std::min(outages_.ended(), stats.reconnects);
     stats.withoutSamplesToEnd = std::chrono::nanoseconds(outages_.upToEndNs());
     addSilentLists(stats);
-    if (writer_) {
-        stats.recording = true;
-        stats.recorded = writer_->recordsWritten();
-        stats.recordedDropped = writer_->recordsDropped();
-    }
     stats.medium = context_.medium.counters();
     for (std::size_t i = 0; i < stats.medium.size(); ++i) {
         std::uint64_t& value = stats.medium[i].value;
@@ -247,8 +227,8 @@ void Measurement::countReconnect() {
 void Measurement::onRecord(const xcp::DaqRecord& record) {
     outages_.onRecord(record.timeNs(), record.receiveTimeNs);
     if (sink_ != nullptr) sink_->onRecord(record);
-    // A record that the writer cannot take is in its own count of dropped ones.
-    if (writer_) writer_->write(record.listIndex, record.timeNs(), record.data, record.size);
+    // A record that the recording cannot take is in its own count of dropped ones.
+    if (recording_) recording_->write(record.listIndex, record.timeNs(), record.data, record.size);
 }
 
 /// A stop reaches the master before the supervisor, which must not take the command it ended for a loss.
@@ -300,7 +280,7 @@ Result<void> Measurement::configureAnew() {
 }
 
 void Measurement::changeState(SessionState state, const std::string& message) {
-    if (writer_) notes_.onState(state, message, outages_.latestNs(), steadyNowNs(), *writer_);
+    if (recording_) notes_.onState(state, message, outages_.latestNs(), steadyNowNs(), *recording_);
     context_.changeState(state, message);
 }
 

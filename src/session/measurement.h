@@ -1,18 +1,20 @@
 // One running DAQ measurement: started in the ECU once its plan is accepted, its records handed to a sink and
-// a recording, supervised, stopped.
+// to its groups of a recording, supervised, stopped.
 //
-// Threads: start() and stop() belong to the owner; records come on the transport's receive thread; the
-// supervisor reconnects on its own thread; statistics() may be called from any thread. Lifetime: everything
-// in the context and the sink of the options is borrowed until the object is gone.
+// Threads: plan(), start() and stop() belong to the owner; records come on the transport's receive thread;
+// the supervisor reconnects on its own thread; statistics() may be called from any thread. Lifetime:
+// everything in the context, the sink of the options and the recording are borrowed until the object is gone.
 #pragma once
 
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "a2l/description.h"
 #include "core/result.h"
 #include "session/measurement_start.h"
 #include "session/measurement_types.h"
@@ -20,32 +22,38 @@
 #include "session/outage_notes.h"
 #include "session/session_state.h"
 #include "session/supervisor.h"
+#include "storage/write/recorder.h"
 #include "xcp/daq_decoder.h"
 
 namespace lm::session {
 
 class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
   public:
-    /// Nothing is sent before plan and load have been accepted. A failure leaves no list running in the ECU
-    /// and no file that it made.
-    static Result<std::unique_ptr<Measurement>> start(MeasurementContext context,
-                                                      const MeasurementOptions& options);
+    /// Plans and claims the load; nothing is sent.
+    static Result<std::unique_ptr<Measurement>> plan(MeasurementContext context,
+                                                     const MeasurementOptions& options);
+
+    /// What a recording of it holds: its groups, and all about its ECU.
+    storage::RecordingInfo recordingInfo(const std::filesystem::path& directory) const {
+        return describeRecording(context_, plan_, directory);
+    }
+    /// Before start(): records and outages also go to `recording`, whose owner closes it after stop().
+    void recordTo(const storage::GroupRange& recording) { recording_ = recording; }
+
+    /// A failure leaves no list running in the ECU.
+    Result<void> start(const MeasurementOptions& options);
 
     ~Measurement() override;
     Measurement(const Measurement&) = delete;
     Measurement& operator=(const Measurement&) = delete;
 
-    /// How a stop ended. `stopped`: the ECU's answer to the stop command, if one was waited for. `recorded`:
-    /// the writer's.
-    struct StopResult {
-        Result<void> stopped;
-        Result<void> recorded;
-    };
     /// Waits of the supervisor and the master end at once; `state` tells the session's state at the time of
-    /// the stop (asked for after the supervisor has ended).
-    StopResult stop(const std::function<SessionState()>& state);
+    /// the stop (asked for after the supervisor has ended). The result is the ECU's answer to the stop
+    /// command, if one was waited for.
+    Result<void> stop(const std::function<SessionState()>& state);
 
     PlanSummary summary() const;
+    /// All but what the recording counts.
     MeasurementStats statistics() const;
 
   private:
@@ -73,7 +81,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     const MeasurementPlan plan_;
     const double busLoad_;
     xcp::IDaqRecordSink* sink_ = nullptr;
-    std::unique_ptr<storage::RecordingWriter> writer_;
+    std::optional<storage::GroupRange> recording_;
     OutageNotes notes_;  ///< the supervisor's while that one runs
 
     std::atomic<std::uint64_t> reconnects_{0};

@@ -6,6 +6,7 @@
 #include <set>
 #include <string_view>
 
+#include "a2l/object.h"
 #include "core/text.h"
 
 namespace lm::session {
@@ -21,11 +22,14 @@ Result<PlannedSignal> parseSignal(const a2l::Description& description, std::stri
         if (!event.ok()) return event.error();
         signal.event = static_cast<std::uint16_t>(event.value());
     }
-    try {
-        signal.object = a2l::resolve(description, text.substr(0, at));
-    } catch (const a2l::ObjectError& error) {
-        return Error{ErrorCode::notFound, error.what()};
-    }
+    auto object = a2l::findObject(description, text.substr(0, at));
+    if (!object.ok()) return object.error();
+    const auto& events = object.value().events;
+    signal.isForeignEvent =
+        !events.empty() && std::find(events.begin(), events.end(), signal.event) == events.end();
+    signal.element = object.value().element();
+    signal.description = std::move(object.value().description);
+    signal.displayName = std::move(object.value().displayName);
     return signal;
 }
 
@@ -48,9 +52,9 @@ Result<MeasurementPlan> planMeasurement(const a2l::Description& description,
     for (const std::string& text : signalTexts) {
         auto signal = parseSignal(description, text, daq.defaultEvent);
         if (!signal.ok()) return signal.error();
-        const a2l::ResolvedObject& object = signal.value().object;
+        const value::Element& element = signal.value().element;
         signals.push_back(
-            {object.address, static_cast<std::uint32_t>(object.size()), signal.value().event, 1});
+            {element.address, static_cast<std::uint32_t>(element.size()), signal.value().event, 1});
         plan.planned.push_back(std::move(signal).value());
     }
     if (signals.empty()) return Error{ErrorCode::invalidArgument, "no signals to measure"};
@@ -130,9 +134,9 @@ Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities&
 
 Result<void> requireRecordable(const MeasurementPlan& plan) {
     for (const PlannedSignal& signal : plan.planned) {
-        if (!signal.object.coding.hasBitOperation()) continue;
+        if (!signal.element.coding.hasBitOperation()) continue;
         return Error{ErrorCode::unsupported,
-                     signal.object.name +
+                     signal.element.name +
                          ": a recording cannot say what its BIT_OPERATION does, measure it "
                          "without recording"};
     }
@@ -152,11 +156,9 @@ storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::Daq
     }
     std::set<std::pair<std::size_t, std::string_view>> seen;
     for (const PlannedSignal& signal : plan.planned) {
-        const a2l::ResolvedObject& object = signal.object;
-        if (!seen.insert({signal.listIndex, object.name}).second) continue;
+        if (!seen.insert({signal.listIndex, signal.element.name}).second) continue;
         info.groups[signal.listIndex].signals.push_back(
-            {object.name, object.description, object.displayName, object.coding, signal.recordOffset,
-             object.conversion, std::pair(object.lowerLimit, object.upperLimit)});
+            {signal.element, signal.description, signal.displayName, signal.recordOffset, true});
     }
     return info;
 }
@@ -165,14 +167,13 @@ std::string foreignEventWarning(const MeasurementPlan& plan) {
     const PlannedSignal* first = nullptr;
     std::size_t count = 0;
     for (const PlannedSignal& signal : plan.planned) {
-        const auto& events = signal.object.events;
-        if (events.empty() || std::find(events.begin(), events.end(), signal.event) != events.end()) continue;
+        if (!signal.isForeignEvent) continue;
         if (first == nullptr) first = &signal;
         ++count;
     }
     if (first == nullptr) return {};
     std::string text = "event " + std::to_string(first->event) +
-                       " is not among those that the A2L names for '" + first->object.name + "'";
+                       " is not among those that the A2L names for '" + first->element.name + "'";
     if (count > 1) text += " (nor for " + std::to_string(count - 1) + " more signal(s))";
     return text;
 }

@@ -31,12 +31,9 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     return AcceptedPlan{std::move(plan).value(), load.value()};
 }
 
-Result<std::unique_ptr<storage::RecordingWriter>> createRecording(const MeasurementContext& context,
-                                                                  const MeasurementPlan& plan,
-                                                                  const std::filesystem::path& directory) {
+storage::RecordingInfo describeRecording(const MeasurementContext& context, const MeasurementPlan& plan,
+                                         const std::filesystem::path& directory) {
     using namespace std::chrono;
-    // Every group keeps two files open and one more per summary level.
-    raiseOpenFileLimit();
     storage::RecordingInfo info = recordingInfo(plan, context.capabilities);
     info.startHostNs = nanoseconds(steady_clock::now().time_since_epoch()).count();
     info.startUtcNs = nanoseconds(system_clock::now().time_since_epoch()).count();
@@ -47,9 +44,7 @@ Result<std::unique_ptr<storage::RecordingWriter>> createRecording(const Measurem
     info.utcOffsetMinutes = utcOffsetMinutes(info.startUtcNs);
     info.a2lName = context.config.a2l.filename().string();
     info.a2lSha256 = context.description.sha256;
-    storage::WriterOptions options;
-    options.queueBytes = storage::recommendedQueueBytes(info);
-    return storage::RecordingWriter::create(directory, std::move(info), options);
+    return info;
 }
 
 }  // namespace lm::session

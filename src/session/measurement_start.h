@@ -1,5 +1,5 @@
 // What comes before the first command of a measurement: its plan is made, its load accepted, its recording
-// created.
+// described.
 //
 // Threads: the owner's; nothing is kept. Lifetime: the context borrows everything but its texts and callbacks
 // from the session.
@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "a2l/description.h"
@@ -18,7 +17,7 @@
 #include "session/medium.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
-#include "storage/write/recording_writer.h"
+#include "storage/format/recording_info.h"
 #include "xcp/master.h"
 
 namespace lm::session {
@@ -45,9 +44,8 @@ struct AcceptedPlan {
 /// IMedium::claimLoad.
 Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const MeasurementOptions& options);
 
-/// Errors: those of storage::RecordingWriter::create.
-Result<std::unique_ptr<storage::RecordingWriter>> createRecording(const MeasurementContext& context,
-                                                                  const MeasurementPlan& plan,
-                                                                  const std::filesystem::path& directory);
+/// What a recording of the plan, beginning now, says about itself and its groups.
+storage::RecordingInfo describeRecording(const MeasurementContext& context, const MeasurementPlan& plan,
+                                         const std::filesystem::path& directory);
 
 }  // namespace lm::session

@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "a2l/object.h"
 #include "session/medium.h"
+#include "value/element.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/daq_plan.h"
 
@@ -22,8 +22,11 @@ namespace lm::session {
 
 /// One signal as asked for and where it lies in the records of its DAQ list.
 struct PlannedSignal {
-    a2l::ResolvedObject object;
+    value::Element element;
+    std::string description;
+    std::string displayName;
     std::uint16_t event = 0;
+    bool isForeignEvent = false;     ///< the A2L names events for the object, and not this one
     std::size_t listIndex = 0;       ///< into MeasurementPlan::daq.lists
     std::uint32_t recordOffset = 0;  ///< bytes from the start of the list's record
 };

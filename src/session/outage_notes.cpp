@@ -8,31 +8,33 @@
 namespace lm::session {
 
 void OutageNotes::onState(SessionState state, const std::string& message, std::int64_t lastSampleNs,
-                          std::int64_t nowNs, storage::RecordingWriter& writer) {
+                          std::int64_t nowNs, const storage::GroupRange& recording) {
     const bool isOut = state == SessionState::reconnecting || state == SessionState::failed;
     if (isOut && !isOpen_) {
         isOpen_ = true;
         outcome_.clear();
         // A record may bear an earlier time than the end of an outage before, when none came since.
-        writer.note(storage::outageBeginLine(std::max(lastSampleNs, endedNs_), message));
+        recording.note(storage::outageBeginLine(std::max(lastSampleNs, endedNs_), message));
     } else if (isOut) {
         outcome_ = message;
     } else if (state == SessionState::measuring && isOpen_) {
         isOpen_ = false;
         endedNs_ = nowNs;
-        writer.note(storage::outageEndLine(nowNs, true, message));
+        recording.note(storage::outageEndLine(nowNs, true, message));
     }
 }
 
-void OutageNotes::endSilent(std::int64_t lastSampleNs, std::int64_t nowNs, storage::RecordingWriter& writer) {
+void OutageNotes::endSilent(std::int64_t lastSampleNs, std::int64_t nowNs,
+                            const storage::GroupRange& recording) {
     if (isOpen_) return;
-    writer.note(storage::outageBeginLine(std::max(lastSampleNs, endedNs_), "no samples up to the end"));
-    writer.note(storage::outageEndLine(nowNs, false, "the measurement ended"));
+    recording.note(storage::outageBeginLine(std::max(lastSampleNs, endedNs_), "no samples up to the end"));
+    recording.note(storage::outageEndLine(nowNs, false, "the measurement ended"));
 }
 
-void OutageNotes::end(std::int64_t nowNs, storage::RecordingWriter& writer) {
+void OutageNotes::end(std::int64_t nowNs, const storage::GroupRange& recording) {
     if (!std::exchange(isOpen_, false)) return;
-    writer.note(storage::outageEndLine(nowNs, false, outcome_.empty() ? "the measurement ended" : outcome_));
+    recording.note(
+        storage::outageEndLine(nowNs, false, outcome_.empty() ? "the measurement ended" : outcome_));
 }
 
 }  // namespace lm::session

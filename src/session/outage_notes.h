@@ -2,14 +2,14 @@
 // begins and ends.
 //
 // Threads: onState() on the supervisor's thread, end() on the owner's when that one has ended. Lifetime: the
-// writer is borrowed during each call.
+// groups of the recording are borrowed during each call.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "session/session_state.h"
-#include "storage/write/recording_writer.h"
+#include "storage/write/recorder.h"
 
 namespace lm::session {
 
@@ -18,14 +18,14 @@ class OutageNotes {
     /// `lastSampleNs`: when the last record came, or DAQ was started without one. All times are on the clock
     /// of the recording.
     void onState(SessionState state, const std::string& message, std::int64_t lastSampleNs,
-                 std::int64_t nowNs, storage::RecordingWriter& writer);
+                 std::int64_t nowNs, const storage::GroupRange& recording);
 
     /// Before end(): the measurement ends without samples since `lastSampleNs`, which no state may have told:
     /// the supervisor had not noticed it yet.
-    void endSilent(std::int64_t lastSampleNs, std::int64_t nowNs, storage::RecordingWriter& writer);
+    void endSilent(std::int64_t lastSampleNs, std::int64_t nowNs, const storage::GroupRange& recording);
 
     /// The measurement ends: so does the outage in which it does.
-    void end(std::int64_t nowNs, storage::RecordingWriter& writer);
+    void end(std::int64_t nowNs, const storage::GroupRange& recording);
 
   private:
     bool isOpen_ = false;

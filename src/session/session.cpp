@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include <spdlog/spdlog.h>
 
@@ -26,6 +27,13 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
     options.connectAttempts = static_cast<std::int32_t>(std::min(config.connectAttempts, kMost));
     options.useShortUpload = config.useShortUpload;
     return options;
+}
+
+Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements) {
+    const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
+    if (object.writable || (isMeasurement && allowMeasurements)) return {};
+    return Error{ErrorCode::permissionDenied,
+                 object.name + (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
 }
 
 }  // namespace
@@ -104,14 +112,6 @@ Result<void> Session::close() {
     return result;
 }
 
-Result<a2l::ResolvedObject> Session::resolve(std::string_view name) const {
-    try {
-        return a2l::resolve(description_, name);
-    } catch (const a2l::ObjectError& error) {
-        return Error{ErrorCode::notFound, error.what()};
-    }
-}
-
 Result<xcp::SlaveStatus> Session::status() {
     return xcp::inStep(*master_, [this] { return master_->getStatus(); });
 }
@@ -123,8 +123,8 @@ std::vector<Result<SessionValue>> Session::read(std::span<const std::string> nam
         values.clear();
         const auto end = std::chrono::steady_clock::now() + kLongest;
         for (const std::string& name : names) {
-            const auto object = resolve(name);
-            values.push_back(object.ok() ? readObject(object.value()) : object.error());
+            const auto object = a2l::findObject(description_, name);
+            values.push_back(object.ok() ? readElement(object.value().element()) : object.error());
             if (std::chrono::steady_clock::now() >= end || master_->stopRequested()) break;
         }
         return {};
@@ -138,32 +138,35 @@ std::vector<Result<SessionValue>> Session::read(std::span<const std::string> nam
     return values;
 }
 
-Result<SessionValue> Session::readObject(const a2l::ResolvedObject& object) {
-    const auto bytes = master_->upload(object.address, object.size());
+Result<SessionValue> Session::readElement(const value::Element& element) {
+    const auto bytes = master_->upload(element.address, element.size());
     if (!bytes.ok()) return bytes.error();
     SessionValue value;
-    value.raw = value::decodeRaw(bytes.value().data(), object.coding);
-    value.physical = object.conversion.toPhysical(value.raw);
-    value.text = value::valueText(bytes.value().data(), object.coding, object.conversion, numberStyle());
+    value.raw = value::rawValue(element, bytes.value().data());
+    value.physical = value::physicalValue(element, value.raw);
+    value.text = value::valueText(element, value.physical, numberStyle());
     return value;
 }
 
 WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
-    const auto object = resolve(name);
+    const auto object = a2l::findObject(description_, name);
     if (!object.ok()) return {object.error()};
-    const auto encoded = bytesToWrite(object.value(), text, allowMeasurements);
+    if (auto allowed = checkWritable(object.value(), allowMeasurements); !allowed.ok())
+        return {allowed.error()};
+    const value::Element element = object.value().element();
+    const auto encoded = bytesToWrite(element, text);
     if (!encoded.ok()) return {encoded.error()};
-    const auto& [bytes, number] = encoded.value();
+    const auto& [bytes, typed] = encoded.value();
     {
         const std::lock_guard lock(stopMutex_);
         if (stopRequested_) return {Error{ErrorCode::closed, std::string(name) + ": stopped"}};
         writing_ = true;
     }
-    WriteOutcome outcome{writeBytes(object.value(), bytes)};
+    WriteOutcome outcome{writeBytes(element, bytes)};
     if (!outcome.value.ok()) {
-        outcome.held = xcp::inStep(*master_, [&] { return readObject(object.value()); });
-    } else if (number) {
-        outcome.deviation = a2l::deviationText(object.value(), text, *number, bytes, numberStyle());
+        outcome.held = xcp::inStep(*master_, [&] { return readElement(element); });
+    } else {
+        outcome.deviation = value::deviationText(element, text, typed, bytes, numberStyle());
     }
     const std::lock_guard lock(stopMutex_);
     writing_ = false;
@@ -175,39 +178,32 @@ value::NumberStyle Session::numberStyle() const {
     return config_.display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
 }
 
-/// The object's bytes in the ECU with the value merged into them.
-Result<Session::EncodedText> Session::bytesToWrite(const a2l::ResolvedObject& object, std::string_view text,
-                                                   bool allowMeasurements) {
-    const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
-    if (!object.writable && !(isMeasurement && allowMeasurements)) {
-        return Error{
-            ErrorCode::permissionDenied,
-            object.name + (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
-    }
-    if (object.emptyMask) {
+/// The element's bytes in the ECU with the value merged into them.
+Result<Session::EncodedText> Session::bytesToWrite(const value::Element& element, std::string_view text) {
+    if (element.emptyMask) {
         return Error{ErrorCode::permissionDenied,
-                     object.name + ": BIT_MASK 0x0 leaves no bit that may be written"};
+                     element.name + ": BIT_MASK 0x0 leaves no bit that may be written"};
     }
-    auto bytes = xcp::inStep(*master_, [&] { return master_->upload(object.address, object.size()); });
+    auto bytes = xcp::inStep(*master_, [&] { return master_->upload(element.address, element.size()); });
     if (!bytes.ok()) return bytes.error();
-    const auto number = a2l::encodeText(object, text, bytes.value());
-    if (!number.ok()) return number.error();
-    return EncodedText{std::move(bytes).value(), number.value()};
+    auto typed = value::encodeText(element, text, bytes.value());
+    if (!typed.ok()) return typed.error();
+    return EncodedText{std::move(bytes).value(), std::move(typed).value()};
 }
 
 /// Writes, compares what the ECU then holds, and reads the value once more.
-Result<SessionValue> Session::writeBytes(const a2l::ResolvedObject& object,
+Result<SessionValue> Session::writeBytes(const value::Element& element,
                                          const std::vector<std::uint8_t>& bytes) {
-    auto downloaded = master_->download(object.address, bytes);
+    auto downloaded = master_->download(element.address, bytes);
     if (!downloaded.ok()) return downloaded.error();
     return xcp::inStep(*master_, [&]() -> Result<SessionValue> {
-        const auto readBack = master_->upload(object.address, object.size());
+        const auto readBack = master_->upload(element.address, element.size());
         if (!readBack.ok()) return readBack.error();
         if (readBack.value() != bytes) {
             return Error{ErrorCode::protocolError,
-                         object.name + ": read back value differs from the written value"};
+                         element.name + ": read back value differs from the written value"};
         }
-        return readObject(object);
+        return readElement(element);
     });
 }
 
@@ -220,21 +216,51 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     if (!capabilities_) return Error{ErrorCode::unsupported, "the slave offers no DAQ"};
     measurement_.reset();
     overloadEvents_ = 0;
-    auto started = Measurement::start(
+    recording_.reset();
+    auto planned = Measurement::plan(
         {config_, description_, *medium_, *master_, *capabilities_, holes_, ecuName(),
          [this](SessionState state, const std::string& message) { changeState(state, message); }},
         options);
-    if (!started.ok()) return started.error();
-    measurement_ = std::move(started).value();
+    if (!planned.ok()) return planned.error();
+    measurement_ = std::move(planned).value();
+    if (const auto begun = beginMeasurement(options); !begun.ok()) {
+        measurement_.reset();
+        recording_.reset();
+        return begun.error();
+    }
     running_ = true;
     return measurement_->summary();
+}
+
+/// With its recording, of which a failure leaves no file that it made.
+Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
+    if (!options.recordDirectory.empty()) {
+        if (auto begun = beginRecording(options.recordDirectory); !begun.ok()) return begun;
+    }
+    auto started = measurement_->start(options);
+    if (started.ok()) return started;
+    if (recording_) {
+        const auto removed = recording_->discard();
+        if (!removed.ok()) spdlog::warn("{}", removed.error().text());
+    }
+    if (state() == SessionState::measuring) changeState(SessionState::connected, "");
+    return started;
+}
+
+Result<void> Session::beginRecording(const std::filesystem::path& directory) {
+    storage::RecordingInfo info = measurement_->recordingInfo(directory);
+    std::vector<storage::GroupInfo> groups = std::exchange(info.groups, {});
+    recording_ = std::make_unique<storage::Recorder>(std::move(info));
+    measurement_->recordTo(recording_->add(std::move(groups)));
+    return recording_->begin(directory);
 }
 
 Result<void> Session::stopMeasurement() {
     if (!running_) return {};
     running_ = false;
-    auto result = measurement_->stop([this] { return state(); });
-    silent_ = state() != SessionState::measuring || !result.stopped.ok();
+    auto stopped = measurement_->stop([this] { return state(); });
+    auto recorded = recording_ ? recording_->close() : Result<void>();
+    silent_ = state() != SessionState::measuring || !stopped.ok();
     {
         const std::lock_guard lock(stopMutex_);
         if (!stopRequested_) {
@@ -243,14 +269,19 @@ Result<void> Session::stopMeasurement() {
         }
     }
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
-    if (result.stopped.ok()) return std::move(result.recorded);
-    if (!result.recorded.ok()) spdlog::warn("{}", result.recorded.error().text());
-    return std::move(result.stopped);
+    if (stopped.ok()) return recorded;
+    if (!recorded.ok()) spdlog::warn("{}", recorded.error().text());
+    return stopped;
 }
 
 MeasurementStats Session::statistics() const {
     if (!measurement_) return {};
     MeasurementStats stats = measurement_->statistics();
+    if (recording_) {
+        stats.recording = true;
+        stats.recorded = recording_->recordsWritten();
+        stats.recordedDropped = recording_->recordsDropped();
+    }
     // An ECU that tells overloads in both ways means the same ones; some only do it the way they do not say.
     stats.overloads = std::max(stats.overloads, overloadEvents_.load());
     return stats;

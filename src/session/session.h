@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -18,7 +19,6 @@
 
 #include "a2l/description.h"
 #include "a2l/object.h"
-#include "a2l/typed_text.h"
 #include "core/result.h"
 #include "session/channel_pool.h"
 #include "session/console_log.h"
@@ -26,7 +26,8 @@
 #include "session/medium.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
-#include "value/value_text.h"
+#include "storage/write/recorder.h"
+#include "value/typed_text.h"
 #include "xcp/master.h"
 
 namespace lm::session {
@@ -35,8 +36,8 @@ class Measurement;
 
 /// A value read from the ECU.
 struct SessionValue {
-    double raw = 0;
-    double physical = 0;
+    value::Value raw;
+    value::Value physical;
     std::string text;  ///< display text of the conversion, with all digits where the configuration says so
 };
 
@@ -45,7 +46,7 @@ struct WriteOutcome {
     Result<SessionValue> value;  ///< the value as read back
     /// Only when the write failed after the first command that can change memory: what the ECU held then.
     std::optional<Result<SessionValue>> held = {};
-    /// a2l::deviationText() of a number that was written.
+    /// value::deviationText() of a number that was written.
     std::string deviation = {};
 };
 
@@ -89,8 +90,8 @@ class Session final : private xcp::IMasterListener {
     /// Writes a number or verbal text, compares what the ECU then holds, and reads the value once more. A
     /// stop request that comes after the writing has begun waits for all of it. Errors: the resolver's and
     /// the master's, "NAME is not writable", "NAME is a measurement without READ_WRITE", "NAME: BIT_MASK 0x0
-    /// leaves no bit that may be written", those of a2l::encodeText, "NAME: read back value differs from the
-    /// written value".
+    /// leaves no bit that may be written", those of value::encodeText, "NAME: read back value differs from
+    /// the written value".
     WriteOutcome write(std::string_view name, std::string_view text, bool allowMeasurements);
 
     /// Sends a line of text to the ECU. Errors: those of IMedium::sendText.
@@ -133,20 +134,19 @@ class Session final : private xcp::IMasterListener {
     void onServiceRequest(std::uint8_t code, const std::uint8_t* packet, std::size_t length) override;
     void onTransportEvent(const xcp::TransportEvent& event) override;
 
-    /// What a typed text makes of an object's bytes in the ECU, and its number when it is one.
+    /// What a typed text makes of an element's bytes in the ECU, and what was typed.
     struct EncodedText {
         std::vector<std::uint8_t> bytes;
-        std::optional<long double> number;
+        value::Value typed;
     };
 
     void changeState(SessionState state, const std::string& message);
-    Result<a2l::ResolvedObject> resolve(std::string_view name) const;
-    Result<SessionValue> readObject(const a2l::ResolvedObject& object);
+    Result<void> beginRecording(const std::filesystem::path& directory);
+    Result<void> beginMeasurement(const MeasurementOptions& options);
+    Result<SessionValue> readElement(const value::Element& element);
     value::NumberStyle numberStyle() const;
-    Result<EncodedText> bytesToWrite(const a2l::ResolvedObject& object, std::string_view text,
-                                     bool allowMeasurements);
-    Result<SessionValue> writeBytes(const a2l::ResolvedObject& object,
-                                    const std::vector<std::uint8_t>& bytes);
+    Result<EncodedText> bytesToWrite(const value::Element& element, std::string_view text);
+    Result<SessionValue> writeBytes(const value::Element& element, const std::vector<std::uint8_t>& bytes);
     void warnAboutByteOrder() const;
 
     // Constant after construction.
@@ -158,7 +158,9 @@ class Session final : private xcp::IMasterListener {
     // One thread at a time.
     std::unique_ptr<xcp::Master> master_;
     std::optional<xcp::DaqCapabilities> capabilities_;
-    std::unique_ptr<Measurement> measurement_;  ///< the running or the last one, for its statistics
+    // The running or the last ones, for their statistics. The measurement borrows the recording.
+    std::unique_ptr<storage::Recorder> recording_;
+    std::unique_ptr<Measurement> measurement_;
     bool running_ = false;
     bool silent_ = false;  ///< the ECU did not answer last: DISCONNECT is not waited for
 

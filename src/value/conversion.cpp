@@ -77,25 +77,19 @@ Result<double> interpolateInverse(const Conversion::NumericTable& table, double 
            (upper->first - lower->first) * (physical - lower->second) / (upper->second - lower->second);
 }
 
-/// k of a factor 2^k that keeps a 64-bit integer within the range of every float type.
-std::optional<int> exponentOf(double factor) {
-    constexpr int kMost = 64;
-    int exponent = 0;
-    if (std::frexp(factor, &exponent) != 0.5 || std::abs(exponent - 1) > kMost) return std::nullopt;
-    return exponent - 1;
-}
-
-std::optional<int> binaryExponentOf(const Conversion::Kind& kind) {
+std::optional<ExactLine> exactLineOf(const Conversion::Kind& kind) {
     if (const auto* linear = std::get_if<Conversion::Linear>(&kind))
-        return linear->b == 0 ? exponentOf(linear->a) : std::nullopt;
+        return ExactLine::make(linear->a, linear->b);
     if (const auto* r = std::get_if<Conversion::Rational>(&kind)) {
-        const bool proportional = r->a == 0 && r->c == 0 && r->d == 0 && r->e == 0 && r->b != 0;
-        // Others give the same only nearly: both are factors of their own.
-        return proportional && exponentOf(r->f) && exponentOf(r->b) ? exponentOf(r->f / r->b) : std::nullopt;
+        if (r->a != 0 || r->d != 0 || r->e != 0 || r->b == 0) return std::nullopt;
+        const Conversion::Linear line{r->f / r->b, -r->c / r->b};
+        // A quotient that was rounded gives the same only nearly.
+        const bool isRounded = std::fma(line.a, r->b, -r->f) != 0 || std::fma(line.b, r->b, r->c) != 0;
+        return isRounded ? std::nullopt : ExactLine::make(line.a, line.b);
     }
     const bool same = std::holds_alternative<Conversion::Identical>(kind) ||
                       std::holds_alternative<Conversion::VerbalTable>(kind);
-    return same ? std::optional<int>(0) : std::nullopt;
+    return same ? std::optional(ExactLine()) : std::nullopt;
 }
 
 /// The decimals that a format such as "%8.3" asks for; none for the general notation.
@@ -112,7 +106,7 @@ std::optional<int> decimalsOf(std::string_view format) {
 }  // namespace
 
 Conversion::Conversion(Kind kind, std::string format, std::string unit)
-    : kind_(std::move(kind)), unit_(std::move(unit)), binaryExponent_(binaryExponentOf(kind_)) {
+    : kind_(std::move(kind)), unit_(std::move(unit)), exactLine_(exactLineOf(kind_)) {
     setFormat(std::move(format));
     if (auto* table = std::get_if<NumericTable>(&kind_)) {
         std::stable_sort(table->pairs.begin(), table->pairs.end(),
@@ -205,17 +199,23 @@ Result<double> Conversion::rawFromText(std::string_view text) const {
     return invalid("'" + std::string(text) + "' is not a valid value");
 }
 
-long double Conversion::toPhysicalExact(long double raw) const {
-    const auto rounded = static_cast<double>(raw);
-    if (!binaryExponent_ || static_cast<long double>(rounded) == raw) return toPhysical(rounded);
-    return std::ldexp(raw, *binaryExponent_);
+Value Conversion::toPhysical(const Value& raw) const {
+    const auto* exact = std::get_if<Exact>(&raw);
+    if (exact != nullptr && exactLine_ && exact->exponent == 0) return exactLine_->physical(exact->units);
+    return toPhysical(toDouble(raw));
 }
 
-std::string Conversion::format(long double raw) const {
-    if (const auto text = verbalText(static_cast<double>(raw))) return std::string(*text);
-    const long double physical = toPhysicalExact(raw);
-    std::string text = decimals_ == kGeneralFormat ? formatGeneral(static_cast<double>(physical))
-                                                   : formatFixed(physical, decimals_);
+std::string Conversion::format(double raw) const {
+    if (const auto text = verbalText(raw)) return std::string(*text);
+    return formatPhysical(toPhysical(raw));
+}
+
+std::string Conversion::formatPhysical(const Value& physical) const {
+    if (const auto* text = std::get_if<std::string>(&physical)) return *text;
+    const auto* exact = std::get_if<Exact>(&physical);
+    std::string text = decimals_ == kGeneralFormat ? formatGeneral(toDouble(physical))
+                       : exact != nullptr          ? exact->fixed(decimals_)
+                                                   : formatFixed(toDouble(physical), decimals_);
     if (text.size() > kLongestNumber) text.resize(kLongestNumber);
     return text;
 }

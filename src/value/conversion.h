@@ -14,6 +14,7 @@
 #include "core/result.h"
 #include "value/formula.h"
 #include "value/table_index.h"
+#include "value/value.h"
 
 namespace lm::value {
 
@@ -65,12 +66,13 @@ class Conversion {
     /// Errors: invalidArgument with the reason; unsupported for a FORM without an inverse formula.
     Result<double> toRaw(double physical) const;
 
-    /// k where every physical value is the raw one times 2^k: the ways between them then keep all bits of an
-    /// integer. None for the other conversions.
-    std::optional<int> binaryExponent() const { return binaryExponent_; }
+    /// How the physical values come of integers without rounding, where they do.
+    const std::optional<ExactLine>& exactLine() const { return exactLine_; }
+    /// The values are the raw ones times a power of two, so that a float keeps its digits.
+    bool isBinaryScale() const { return exactLine_ && exactLine_->isPowerOfTwo(); }
 
-    /// toPhysical() without rounding where there is a binary exponent.
-    long double toPhysicalExact(long double raw) const;
+    /// The physical number of a raw one; without rounding where both are exact.
+    Value toPhysical(const Value& raw) const;
 
     /// The text of a raw value; none for conversions that are not verbal and for values without a text.
     std::optional<std::string_view> verbalText(double raw) const;
@@ -78,8 +80,11 @@ class Conversion {
     /// The raw value (lower bound) of a verbal text.
     Result<double> rawFromText(std::string_view text) const;
 
-    /// Display text: the verbal text, else the physical value with the decimals that the format asks for.
-    std::string format(long double raw) const;
+    /// Display text of a raw value: the verbal text, else the physical value as below.
+    std::string format(double raw) const;
+    /// Display text of a physical value: a text as it is, a number with the decimals that the format asks
+    /// for.
+    std::string formatPhysical(const Value& physical) const;
 
     /// What the last digit displayed for a physical value is worth.
     double displayStep(double physical) const;
@@ -112,7 +117,7 @@ class Conversion {
     std::string format_;
     std::string unit_;
     int decimals_ = kGeneralFormat;
-    std::optional<int> binaryExponent_ = 0;
+    std::optional<ExactLine> exactLine_ = ExactLine();
     std::vector<VerbalBound> verbalBounds_;  ///< ascending; of a verbal table
     TableIndex tableIndex_;                  ///< of a numeric table
 

@@ -136,12 +136,27 @@ void encodeFloat(double value, const RawCoding& coding, std::uint8_t* to) {
     }
 }
 
-/// Whether a whole number fits into a field. The upper bounds are powers of two, which a double holds
-/// exactly, while 2^64 - 1 would round up to a number that does not fit.
-bool fits(long double whole, unsigned width, bool isSignedField) {
-    if (!isSignedField || width == 0) return whole >= 0 && whole < std::ldexp(1.0L, static_cast<int>(width));
-    const long double bound = std::ldexp(1.0L, static_cast<int>(width) - 1);
+/// Whether a whole number fits into a field.
+bool fits(Int128 whole, unsigned width, bool isSignedField) {
+    const Int128 one = 1;
+    if (!isSignedField || width == 0) return whole >= 0 && whole < one << width;
+    const Int128 bound = one << (width - 1);
     return whole >= -bound && whole < bound;
+}
+
+/// Puts a whole number, in units of the field, among the other bits; false when it does not fit.
+bool putField(Int128 whole, const RawCoding& coding, std::span<std::uint8_t> buffer) {
+    const Field field = fieldOf(coding);
+    if (!fits(whole, field.width, hasSign(coding))) return false;
+    const auto bits = static_cast<std::uint64_t>(whole);
+    const std::uint64_t old = readSized(buffer.data(), coding.size(), coding.byteOrder);
+    const std::uint64_t merged = (((bits << field.shift) ^ old) & field.mask) ^ old;
+    writeSized(buffer.data(), merged, coding.size(), coding.byteOrder);
+    return true;
+}
+
+Error tooSmall() {
+    return {ErrorCode::invalidArgument, "buffer too small"};
 }
 
 Error outOfRange(const std::string& value, DataType type) {
@@ -183,13 +198,6 @@ double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding) {
     return rawDecoder(coding)(bytes, coding);
 }
 
-long double decodeExact(const std::uint8_t* bytes, const RawCoding& coding) {
-    if (isFloat(coding.dataType)) return decodeRaw(bytes, coding);
-    const std::uint64_t value = decodeInteger(bytes, coding);
-    return hasSign(coding) ? static_cast<long double>(static_cast<std::int64_t>(value))
-                           : static_cast<long double>(value);
-}
-
 std::uint64_t decodeInteger(const std::uint8_t* bytes, const RawCoding& coding) {
     const Field field = fieldOf(coding);
     std::uint64_t value = (readSized(bytes, coding.size(), coding.byteOrder) & field.mask) >> field.shift;
@@ -200,25 +208,23 @@ std::uint64_t decodeInteger(const std::uint8_t* bytes, const RawCoding& coding) 
     return value << coding.leftShift;
 }
 
-Result<void> encodeRaw(long double value, const RawCoding& coding, std::span<std::uint8_t> buffer) {
-    const std::size_t size = coding.size();
-    if (buffer.size() < size) return Error{ErrorCode::invalidArgument, "buffer too small"};
+Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uint8_t> buffer) {
+    if (buffer.size() < coding.size()) return tooSmall();
     if (isFloat(coding.dataType)) {
-        encodeFloat(static_cast<double>(value), coding, buffer.data());
+        encodeFloat(value, coding, buffer.data());
         return {};
     }
     if (std::isnan(value)) return Error{ErrorCode::invalidArgument, "value is not a number"};
-    const long double whole = std::round(std::ldexp(value, -int{coding.leftShift}));
-    const Field field = fieldOf(coding);
-    if (!fits(whole, field.width, hasSign(coding))) {
-        return outOfRange(formatFixed(std::round(value), 6), coding.dataType);
-    }
-    const std::uint64_t bits = whole < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(whole))
-                                         : static_cast<std::uint64_t>(whole);
-    const std::uint64_t old = readSized(buffer.data(), size, coding.byteOrder);
-    const std::uint64_t merged = (((bits << field.shift) ^ old) & field.mask) ^ old;
-    writeSized(buffer.data(), merged, size, coding.byteOrder);
-    return {};
+    constexpr double kBeyond = 0x1p100;  // no field holds it
+    const double whole = std::round(std::ldexp(value, -int{coding.leftShift}));
+    if (putField(static_cast<Int128>(std::clamp(whole, -kBeyond, kBeyond)), coding, buffer)) return {};
+    return outOfRange(formatFixed(std::round(value), 6), coding.dataType);
+}
+
+Result<void> encodeInteger(Int128 value, const RawCoding& coding, std::span<std::uint8_t> buffer) {
+    if (buffer.size() < coding.size()) return tooSmall();
+    if (putField(shiftedDown(value, coding.leftShift), coding, buffer)) return {};
+    return outOfRange(Exact{value}.fixed(6), coding.dataType);
 }
 
 Result<void> requireFinite(double value, DataType type) {

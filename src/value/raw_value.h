@@ -13,6 +13,7 @@
 #include "core/bytes.h"
 #include "core/result.h"
 #include "value/data_type.h"
+#include "value/exact.h"
 
 namespace lm::value {
 
@@ -28,6 +29,8 @@ struct RawCoding {
 
     /// A recording and the loops over its records know types, byte orders and masks only.
     bool hasBitOperation() const { return leftShift != 0 || signExtend; }
+    /// A double does not hold all its values.
+    bool isWide() const { return size() == sizeof(std::uint64_t) && !isFloat(dataType); }
     std::size_t size() const { return dataTypeSize(dataType); }
 };
 
@@ -35,15 +38,17 @@ struct RawCoding {
 /// double.
 double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding);
 
-/// decodeRaw() without rounding.
-long double decodeExact(const std::uint8_t* bytes, const RawCoding& coding);
-
 /// The value of an integer type in two's complement of 64 bits.
 std::uint64_t decodeInteger(const std::uint8_t* bytes, const RawCoding& coding);
 
 /// Whether decodeInteger() gives a negative number where its top bit is set.
 inline bool hasSign(const RawCoding& coding) {
     return isSigned(coding.dataType) || coding.signExtend;
+}
+
+/// What decodeInteger() gave, as a number.
+inline Exact exactInteger(std::uint64_t bits, const RawCoding& coding) {
+    return {hasSign(coding) ? Int128{static_cast<std::int64_t>(bits)} : Int128{bits}};
 }
 
 /// The value of an IEEE half precision number.
@@ -70,7 +75,9 @@ RawDecodeFunction rawDecoder(const RawCoding& coding);
 /// Writes one element; an integer type takes the nearest whole number, halves away from zero. With a bit mask
 /// the buffer holds the current contents, whose other bits stay. Errors (invalidArgument, buffer untouched):
 /// "buffer too small", "value is not a number", "raw value V outside the range of TYPE".
-Result<void> encodeRaw(long double value, const RawCoding& coding, std::span<std::uint8_t> buffer);
+Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uint8_t> buffer);
+/// The same for a whole number and an integer type.
+Result<void> encodeInteger(Int128 value, const RawCoding& coding, std::span<std::uint8_t> buffer);
 
 /// Refuses, in the words of encodeRaw(), what a float type could hold as infinity or NaN only.
 Result<void> requireFinite(double value, DataType type);

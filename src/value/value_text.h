@@ -6,8 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "value/conversion.h"
-#include "value/raw_value.h"
+#include "value/element.h"
 
 namespace lm::value {
 
@@ -16,11 +15,10 @@ enum class NumberStyle : std::uint8_t {
     exact,      ///< integers with all digits, others with the shortest text that reads back
 };
 
-/// What is shown for the bytes of a value: its verbal text, else its physical value.
-std::string valueText(const std::uint8_t* bytes, const RawCoding& coding, const Conversion& conversion,
-                      NumberStyle style);
-/// The same for a raw value of decodeExact().
-std::string valueText(long double raw, const RawCoding& coding, const Conversion& conversion,
-                      NumberStyle style);
+/// What is shown for a physical value.
+std::string valueText(const Element& element, Value physical, NumberStyle style);
+
+/// The same for the element's bytes.
+std::string valueText(const Element& element, const std::uint8_t* bytes, NumberStyle style);
 
 }  // namespace lm::value

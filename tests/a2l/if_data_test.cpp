@@ -6,6 +6,8 @@
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
+#include "a2l/tokenizer.h"
+
 namespace lm::a2l {
 namespace {
 

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "value/typed_text.h"
+
 namespace lm::a2l {
 namespace {
 
@@ -51,30 +53,26 @@ constexpr const char* kText = R"A2L(
 
 class Objects : public testing::Test {
   protected:
-    std::string resolveError(const std::string& name) {
-        try {
-            resolve(description, name);
-        } catch (const ObjectError& error) {
-            return error.what();
-        }
-        return "resolved";
+    std::string findError(const std::string& name) {
+        const auto object = findObject(description, name);
+        return object ? "resolved" : object.error().text();
     }
 
     Description description = parseDescription(kText).value();
 };
 
 TEST_F(Objects, CarryWhatTheirRecordsSay) {
-    const ResolvedObject speed = resolve(description, "speed");
+    const Object speed = resolve(description, "speed");
+    const auto unitAndText = [this](const char* name, double raw) {
+        const value::Element element = resolve(description, name).element();
+        return element.conversion->unit() + element.conversion->format(raw);
+    };
     EXPECT_EQ(speed.displayName, "v");
-    EXPECT_EQ(speed.address, (xcp::Address{0x1000, 3}));
-    EXPECT_EQ(speed.coding.byteOrder, ByteOrder::littleEndian);
-    EXPECT_EQ(speed.conversion.unit() + speed.conversion.format(3), "mph7.0");
+    EXPECT_EQ(speed.element().address, (xcp::Address{0x1000, 3}));
+    EXPECT_EQ(speed.element().coding.byteOrder, ByteOrder::littleEndian);
     EXPECT_EQ(speed.events, (std::vector<std::uint16_t>{2, 7}));
-    const ResolvedObject gain = resolve(description, "gain");
-    EXPECT_EQ(gain.coding.byteOrder, ByteOrder::bigEndian);
-    EXPECT_EQ(gain.conversion.unit() + gain.conversion.format(3), "Nm6.000");
-    EXPECT_EQ(resolve(description, "step").conversion.unit(), "");
-    EXPECT_EQ(resolve(description, "step").conversion.format(2), "99");
+    EXPECT_EQ(resolve(description, "gain").element().coding.byteOrder, ByteOrder::bigEndian);
+    EXPECT_EQ(unitAndText("speed", 3) + unitAndText("gain", 3) + unitAndText("step", 2), "mph7.0Nm6.00099");
     std::string writable;
     for (const char* name : {"speed", "plain", "gain", "mode"})
         writable += resolve(description, name).writable ? 'w' : 'r';
@@ -95,11 +93,48 @@ TEST_F(Objects, RefusalsNameTheReason) {
         {"direct", "resolved"},
         {"stray", "stray: RECORD_LAYOUT 'LGONE' without FNC_VALUES"}};
     for (const auto& [name, error] : rows)
-        EXPECT_EQ(resolveError(name), error);
-    ResolvedObject longName = resolve(description, "gain");
+        EXPECT_EQ(findError(name), error);
+    value::Element longName = resolve(description, "gain").element();
     longName.name = std::string(150, 'n');
     std::vector<std::uint8_t> bytes(4);
-    EXPECT_EQ(encodePhysical(longName, 101, bytes).error().text(), longName.name + ": 101 out");
+    EXPECT_EQ(value::encodePhysical(longName, 101.0, bytes).error().text(), longName.name + ": 101 out");
+}
+
+// clang-format off
+const std::string kBits = R"A2L(/begin PROJECT P "" /begin MODULE M ""
+/begin MEASUREMENT plain "" UWORD NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0 BIT_MASK 0x0FF0 /end MEASUREMENT
+/begin MEASUREMENT signed "" UWORD NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0 BIT_MASK 0x0FF0 /begin BIT_OPERATION RIGHT_SHIFT 4 SIGN_EXTEND /end BIT_OPERATION /end MEASUREMENT
+/begin MEASUREMENT inPlace "" UWORD NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0 BIT_MASK 0x0FF0 /begin BIT_OPERATION  /end BIT_OPERATION /end MEASUREMENT
+/begin MEASUREMENT cut "" UWORD NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0 BIT_MASK 0x0FF0 /begin BIT_OPERATION RIGHT_SHIFT 6 /end BIT_OPERATION /end MEASUREMENT
+/begin MEASUREMENT up "" SWORD NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0  /begin BIT_OPERATION LEFT_SHIFT 4 /end BIT_OPERATION /end MEASUREMENT
+/begin MEASUREMENT gone "" UWORD NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0  /begin BIT_OPERATION RIGHT_SHIFT 16 /end BIT_OPERATION /end MEASUREMENT
+/begin MEASUREMENT far "" A_UINT64 NO_COMPU_METHOD 0 0 -1e9 1e9 ECU_ADDRESS 0  /begin BIT_OPERATION LEFT_SHIFT 1 /end BIT_OPERATION /end MEASUREMENT
+/end MODULE /end PROJECT)A2L";
+// clang-format on
+
+TEST(BitOperation, ReplacesTheShiftOfTheMaskBothWays) {
+    const Description description = parseDescription(kBits).value();
+    struct Row {
+        const char* name;
+        double read, written;  // of 0xABCD
+        std::vector<std::uint8_t> after;
+        const char* refused;
+    };
+    const Row rows[] = {{"plain", 188, 1, {0x1D, 0xA0}, "256"},
+                        {"signed", -68, -2, {0xED, 0xAF}, "128"},
+                        {"inPlace", 3008, 25, {0x2D, 0xA0}, "4096"},
+                        {"cut", 47, 1, {0x4D, 0xA0}, "64"},
+                        {"up", -344880, -160, {0xF6, 0xFF}, "524280"}};
+    for (const Row& row : rows) {
+        const value::Element one = findObject(description, row.name).value().element();
+        std::vector<std::uint8_t> bytes = {0xCD, 0xAB};
+        EXPECT_EQ(value::toDouble(value::rawValue(one, bytes.data())), row.read) << row.name;
+        EXPECT_FALSE(value::encodeText(one, row.refused, bytes).ok()) << row.name;
+        EXPECT_TRUE(value::encodeRaw(row.written, one.coding, bytes).ok()) << row.name;
+        EXPECT_EQ(bytes, row.after) << row.name;
+    }
+    EXPECT_FALSE(findObject(description, "gone").ok());
+    EXPECT_THROW(resolve(description, "far"), ObjectError);
 }
 
 }  // namespace

@@ -43,9 +43,9 @@ def inverse(conversion, value):
         raise ValueError("value outside the conversion table") from None
 
 
-def factor(one):
-    """That of an integer of 64 bits, which keeps all of them; None where numbers are doubles."""
-    return one.conversion.factor() if one.field.whole and one.field.size == 8 else None
+def line_of(one):
+    """Factor and offset of an integer of 64 bits that keeps all of them; None where numbers are doubles."""
+    return one.conversion.line() if one.field.whole and one.field.size == 8 else None
 
 
 def typed(one):
@@ -53,7 +53,7 @@ def typed(one):
     if any(text == one.text for _, _, text in one.conversion.ranges):
         return None
     value = number(one.text, "is not a valid value" if one.conversion.kind == "verbal" else "is not a number")
-    return value if factor(one) else float(value)
+    return value if line_of(one) else float(value)
 
 
 def held(one):
@@ -68,21 +68,18 @@ def held(one):
     slack = 1e-9 * max(abs(limit) for limit in (1.0, low, high) if math.isfinite(limit))
     if not low - slack <= value <= high + slack:
         raise ValueError(f"{float(value):g} outside the limits [{low:g}, {high:g}]")
-    raw = Fraction(value) / factor(one) if factor(one) else inverse(conversion, value)
+    line = line_of(one)
+    raw = (Fraction(value) - line[1]) / line[0] if line else inverse(conversion, value)
+    if line and max(abs(value), abs(raw)) >= 2 ** 120:
+        raw = inverse(conversion, float(value))  # nothing holds it, and only a double tells it
     if raw != raw and field.whole:
         raise ValueError("value is not a number")
     try:
         return field.stored(raw)
     except (ValueError, OverflowError):
         shown = f"{raw:g}" if not field.whole else (
-            f"{sixty_four(field.rounded(raw))}.000000" if math.isfinite(raw) else f"{raw:.6f}")
+            f"{field.rounded(raw)}.000000" if math.isfinite(raw) else f"{raw:.6f}")
         raise ValueError(f"raw value {shown} outside the range of {field.type}") from None
-
-
-def sixty_four(whole):
-    """An integer with the bits that are kept of a larger one."""
-    low = max(abs(whole).bit_length() - 64, 0)
-    return round(Fraction(whole, 1 << low)) << low
 
 
 def deviates(one, raw):
@@ -90,13 +87,14 @@ def deviates(one, raw):
     value = typed(one)
     if value is None:
         return False
-    after = raw * factor(one) if factor(one) else one.conversion.physical(raw)
+    line = line_of(one)
+    after = raw * line[0] + line[1] if line else one.conversion.physical(raw)
     if not math.isfinite(after):
         return True
     decimals = a2l_text.decimals(one.conversion)
     general = 10 ** (math.floor(math.log10(abs(value))) - 5) if value else 0
     step = general if decimals is None else 10 ** -decimals
-    rounding = 0 if factor(one) else 1e-12 * abs(value)
+    rounding = 0 if line else 1e-12 * abs(value)
     return abs(Fraction(after) - Fraction(value)) > Fraction(step) / 2 + Fraction(rounding)
 
 
@@ -126,7 +124,7 @@ def told(one, memory, unit):
     """What must be told of an object, as the memory is."""
     if one.field.size % unit:
         return "ERROR upload size must be a non-zero multiple of AG"
-    return a2l_text.display_text(one.conversion, one.field.decoded(memory[one.place]))
+    return a2l_text.display_text(one.conversion, one.field.decoded(memory[one.place]), one.field.size == 8)
 
 
 class SetSafety(campaign.Campaign):

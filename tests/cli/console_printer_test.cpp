@@ -49,9 +49,9 @@ class Pipe {
 session::PlannedSignal signal(const char* name, std::size_t list, std::uint32_t offset,
                               value::Conversion conversion) {
     session::PlannedSignal planned;
-    planned.object.name = name;
-    planned.object.coding.dataType = value::DataType::uword;
-    planned.object.conversion = std::move(conversion);
+    planned.element.name = name;
+    planned.element.coding.dataType = value::DataType::uword;
+    planned.element.conversion = std::make_shared<const value::Conversion>(std::move(conversion));
     planned.listIndex = list;
     planned.recordOffset = offset;
     return planned;
@@ -85,7 +85,7 @@ TEST(Console, PrintsSignalsInTheOrderAskedFor) {
     Pipe pipe;
     Console console(pipe.writer());
     ASSERT_TRUE(console.startPrinting(1).ok());
-    console.setPlan(demoPlan());
+    console.setLines(textLines(demoPlan(), value::NumberStyle::formatted), 2);
     send(console, 0, 5'000'000'000, 1, 3);
     send(console, 1, 6'234'600'000, 65535);
     send(console, 0, 4'000'000'000, 2, 0);
@@ -101,7 +101,7 @@ TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
     Pipe pipe;
     Console console(pipe.writer());
     ASSERT_TRUE(console.startPrinting(3).ok());
-    console.setPlan(demoPlan());
+    console.setLines(textLines(demoPlan(), value::NumberStyle::formatted), 2);
     for (std::uint16_t i = 0; i < 7; ++i) {
         if (i == 4) send(console, 0, 3'000'000, 0, i);
         send(console, 1, i * 700'000, i);

@@ -2,18 +2,27 @@
 
 #include <gtest/gtest.h>
 
+#include "cli/command_line.h"
+#include "cli/command_list.h"
+#include "cli/command_measure.h"
+#include "cli/command_recording.h"
+#include "cli/command_values.h"
+
 namespace lm::cli {
 namespace {
 
-std::variant<Options, int> parse(std::vector<const char*> arguments) {
+std::variant<CommandLine, int> parse(std::vector<const char*> arguments) {
     arguments.insert(arguments.begin(), "xcplumo-cli");
-    return parseOptions(static_cast<int>(arguments.size()), arguments.data());
+    return parseCommandLine(static_cast<int>(arguments.size()), arguments.data());
 }
 
-Options parsed(const std::vector<const char*>& arguments) {
-    auto result = parse(arguments);
-    EXPECT_TRUE(std::holds_alternative<Options>(result));
-    return std::holds_alternative<Options>(result) ? std::get<Options>(result) : Options{};
+CommandLine parsed(const std::vector<const char*>& arguments) {
+    return std::get<CommandLine>(parse(arguments));
+}
+
+template <typename Command>
+const Command& as(const CommandLine& line) {
+    return dynamic_cast<const Command&>(*line.command);
 }
 
 std::string shownUdp(const char* text) {
@@ -67,32 +76,34 @@ TEST(Options, SerialTargetsAreSplit) {
 }
 
 TEST(Options, GlobalOptionsStandBeforeAndBehindTheSubcommand) {
-    for (const Options& options :
+    for (const CommandLine& line :
          {parsed({"-v", "--a2l", "x.a2l", "-b", "500000", "measure", "-s", "A", "-s", "B@1", "-p", "0"}),
           parsed({"measure", "-s", "A", "-s", "B@1", "-p", "0", "--a2l", "x.a2l", "-b", "500000", "-v"})}) {
-        EXPECT_EQ(options.command, Command::measure);
-        EXPECT_EQ(options.a2l, "x.a2l");
-        EXPECT_EQ(options.bitrate, 500000U);
-        EXPECT_TRUE(options.verbose);
-        EXPECT_EQ(options.signals, (std::vector<std::string>{"A", "B@1"}));
-        EXPECT_EQ(options.printEvery, 0U);
+        EXPECT_EQ(line.name, "measure");
+        EXPECT_EQ(line.options.a2l, "x.a2l");
+        EXPECT_EQ(line.options.bitrate, 500000U);
+        EXPECT_TRUE(line.options.verbose);
+        EXPECT_EQ(as<MeasureCommand>(line).options().signals, (std::vector<std::string>{"A", "B@1"}));
+        EXPECT_EQ(as<MeasureCommand>(line).options().printEvery, 0U);
     }
-    EXPECT_EQ(parsed({}).command, Command::none);
+    EXPECT_EQ(parsed({}).name, "");
     // The names of subcommands are names of objects too, and a bracket does not make a list.
-    EXPECT_EQ(parsed({"get", "info", "list"}).names, (std::vector<std::string>{"info", "list"}));
-    EXPECT_EQ(parsed({"list", "get", "-p"}).pattern, "get");
-    EXPECT_EQ(parsed({"--reset-delay", "-5", "info"}).resetDelayMs, -5);
+    EXPECT_EQ(as<GetCommand>(parsed({"get", "info", "list"})).names(),
+              (std::vector<std::string>{"info", "list"}));
+    EXPECT_EQ(as<ListCommand>(parsed({"list", "get", "-p"})).options().pattern, "get");
+    EXPECT_EQ(parsed({"--reset-delay", "-5", "info"}).options.resetDelayMs, -5);
     for (const char* seconds : {"nan", "inf", "-1", "1e999", "x"}) {
         for (const char* command : {"measure", "console"}) {
             const auto refused = parse({command, "-t", seconds});
             EXPECT_TRUE(std::holds_alternative<int>(refused) && std::get<int>(refused) > 100) << seconds;
         }
     }
-    const Options show = parsed({"recording", "show", "-s", "a*", "dir", "-s", "b", "--from", "-1.5"});
-    EXPECT_EQ(show.recording.action, RecordingAction::show);
-    EXPECT_EQ(show.recording.directory, "dir");
-    EXPECT_EQ(show.recording.signals, (std::vector<std::string>{"a*", "b"}));
-    EXPECT_EQ(show.recording.from, "-1.5");
+    const auto line = parsed({"recording", "show", "-s", "a*", "dir", "-s", "b", "--from", "-1.5"});
+    const auto& show = as<RecordingShowCommand>(line);
+    EXPECT_EQ(line.name, "recording show");
+    EXPECT_EQ(show.directory(), "dir");
+    EXPECT_EQ(show.options().signals, (std::vector<std::string>{"a*", "b"}));
+    EXPECT_EQ(show.options().from, "-1.5");
 }
 
 }  // namespace

@@ -73,9 +73,7 @@ TEST(Text, NumbersPrintAlikeInEveryLocale) {
     EXPECT_EQ(formatGeneral(-std::numeric_limits<double>::quiet_NaN()), "nan");
     EXPECT_EQ(formatFixed(-kInfinity, 2), "-inf");
     EXPECT_EQ(formatFixed(1e308, 3).size(), 309U + 4U);
-    EXPECT_EQ(formatFixed(18446744073709551615.0L, 1), "18446744073709551615.0");
-    EXPECT_EQ(formatShortest(0.1F) + formatShortest(0.1) + formatShortest(4611686018427387904.5L),
-              "0.10.14611686018427387904.5");
+    EXPECT_EQ(formatShortest(0.1F) + formatShortest(0.1), "0.10.1");
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ TEST(Mf4Conversion, KeysAtTheEndsOf64BitsAndNoKeys) {
     const auto values = [](Conversion::Kind kind) {
         storage::SignalInfo signal;
         signal.coding.dataType = value::DataType::uint64;
-        signal.conversion = Conversion(std::move(kind), "", "");
+        signal.conversion = std::make_shared<const Conversion>(std::move(kind), "", "");
         return mf4Conversion(signal).values;
     };
     const auto steps = [&](value::TablePairs pairs) {

@@ -7,10 +7,9 @@
 
 #include "a2l/description.h"
 #include "a2l/object.h"
-#include "a2l/typed_text.h"
 #include "core/text.h"
 #include "fuzz_input.h"
-#include "value/value_text.h"
+#include "value/typed_text.h"
 
 namespace lm::fuzz {
 namespace {
@@ -23,27 +22,29 @@ constexpr std::array<std::array<std::uint8_t, 8>, 5> kContents = {{
     {0x7F, 0xF0, 0, 0, 0, 0, 0xF0, 0x7F},
 }};
 
-void useObject(const a2l::ResolvedObject& object) {
-    require(object.size() >= 1 && object.size() <= 8, "size of an object");
+void useElement(const value::Element& element) {
+    require(element.size() >= 1 && element.size() <= 8, "size of an element");
     for (const auto& content : kContents) {
-        const double raw = value::decodeRaw(content.data(), object.coding);
+        const double raw = value::decodeRaw(content.data(), element.coding);
         auto again = content;
-        const long double exact = value::decodeExact(content.data(), object.coding);
-        require(same(static_cast<double>(exact), raw), "one value");
-        if (!std::isnan(raw)) {
-            require(value::encodeRaw(exact, object.coding, again).ok(), "what was decoded can be encoded");
+        const value::Value exact = value::rawValue(element, content.data());
+        require(same(value::toDouble(exact), raw), "one value");
+        if (element.keepsIntegers()) {
+            const auto& line = *element.conversion->exactLine();
+            const auto units = std::get<value::Exact>(exact).units;
+            require(value::encodeInteger(units, element.coding, again).ok(), "a decoded integer is encoded");
+            require(again == content, "encoding gives back the bytes");
+            const auto shown = value::Exact::parse(line.physical(units).shortest());
+            require(shown && line.raw(*shown) == units, "integers are shown with all digits");
+        } else if (!std::isnan(raw) && !element.coding.isWide()) {
+            require(value::encodeRaw(raw, element.coding, again).ok(), "what was decoded can be encoded");
             require(again == content, "encoding gives back the bytes");
         }
-        if (object.keepsIntegers()) {
-            const std::string all =
-                value::valueText(exact, object.coding, value::Conversion(), value::NumberStyle::exact);
-            require(lm::parseLongDouble(all) == exact, "integers are shown with all digits");
-        }
-        const double physical = object.conversion.toPhysical(raw);
-        const std::string text = object.conversion.format(raw);
-        if (auto written = a2l::encodePhysical(object, physical, again); !written) again = content;
-        if (auto written = a2l::encodeText(object, text, again); !written) {
-            require(written.error().text().starts_with(object.name), "the error names the object");
+        const double physical = element.conversion->toPhysical(raw);
+        const std::string text = element.conversion->format(raw);
+        if (auto written = value::encodePhysical(element, physical, again); !written) again = content;
+        if (auto written = value::encodeText(element, text, again); !written) {
+            require(written.error().text().starts_with(element.name), "the error names the object");
         }
     }
 }
@@ -53,10 +54,11 @@ void useObjects(const a2l::Description& description, const auto& records) {
     std::size_t left = 20;
     for (const auto& record : records) {
         if (left-- == 0) return;
-        try {
-            useObject(a2l::resolve(description, record.name));
-        } catch (const a2l::ObjectError& error) {
-            require(std::string_view(error.what()).find(record.name) != std::string_view::npos,
+        const auto object = a2l::findObject(description, record.name);
+        if (object) {
+            useElement(object.value().element());
+        } else {
+            require(object.error().text().find(record.name) != std::string::npos,
                     "the error names the object");
         }
     }

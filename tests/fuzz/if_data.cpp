@@ -1,5 +1,6 @@
 // The XCP interface data of an A2L module: what stands between /begin IF_DATA and its end.
 #include "a2l/if_data.h"
+#include "a2l/tokenizer.h"
 
 #include <string>
 

@@ -8,7 +8,7 @@
 #include "storage/read/entry_reader.h"
 #include "storage/read/gap_finder.h"
 #include "storage/read/pyramid_reader.h"
-#include "storage/write/pyramid.h"
+#include "storage/write/summary_builder.h"
 
 namespace lm::fuzz {
 namespace {
@@ -35,7 +35,7 @@ void checkGaps(const fs::path& directory, const storage::GroupReader& reader, co
                bool sound) {
     auto found = storage::findGaps(directory, reader);
     require(found.ok(), "a search for gaps ends");
-    const storage::GapSummary& gaps = found.value();
+    const storage::Gaps& gaps = found.value();
     constexpr std::int64_t kFarNs = std::int64_t{1} << 61U;
     if (!sound || !plain.inOrder() || plain.times.front() < -kFarNs || plain.times.back() > kFarNs) return;
     const std::int64_t cycle = reader.info().cycleNs;
@@ -48,11 +48,11 @@ void checkGaps(const fs::path& directory, const storage::GroupReader& reader, co
         if (cycle > 0 && step / 16 >= cycle) ++sure;
         longest = std::max(longest, step);
     }
-    require(gaps.count <= all && gaps.longestNs <= longest, "no gap is invented");
+    require(gaps.count <= all && gaps.longest.lengthNs() <= longest, "no gap is invented");
     constexpr std::int64_t kDayNs = std::int64_t{86400} * 1'000'000'000;
     if (cycle > kDayNs) return;
     require(gaps.count >= sure, "every long gap is found");
-    if (sure > 0) require(gaps.longestNs == longest, "the longest one too");
+    if (sure > 0) require(gaps.longest.lengthNs() == longest, "the longest one too");
 }
 
 storage::ValueRange plainRange(const storage::SignalInfo& signal, const PlainRecords& plain,

@@ -33,7 +33,7 @@ void makeRecordFile(const std::filesystem::path& path, const storage::RecordingI
 /// What stands for a signal in index, levels and ranges: the raw value where the physical one is a text.
 inline double plainValue(const storage::SignalInfo& signal, const std::uint8_t* values) {
     const double raw = value::decodeRaw(values + signal.recordOffset, signal.coding);
-    return signal.conversion.isVerbal() ? raw : signal.conversion.toPhysical(raw);
+    return signal.conversion->isVerbal() ? raw : signal.conversion->toPhysical(raw);
 }
 
 /// Takes a file of a group and changes, cuts, lengthens, replaces or removes it.

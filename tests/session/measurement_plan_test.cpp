@@ -44,7 +44,7 @@ class MeasurementPlanTest : public ::testing::Test {
 TEST_F(MeasurementPlanTest, SignalsFollowTheirEventsAndKeepTheOrderAskedFor) {
     const MeasurementPlan result = planned();
     ASSERT_EQ(result.planned.size(), 4U);
-    EXPECT_EQ(result.planned[0].object.name, "load");
+    EXPECT_EQ(result.planned[0].element.name, "load");
     EXPECT_EQ(result.planned[0].listIndex, 1U);
     EXPECT_EQ(result.planned[1].event, 0) << "the default event";
     EXPECT_EQ(result.planned[1].listIndex, 0U);

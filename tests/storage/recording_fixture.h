@@ -39,7 +39,7 @@ inline SignalInfo makeSignal(std::string name, value::DataType type, std::uint32
     signal.name = std::move(name);
     signal.coding.dataType = type;
     signal.recordOffset = offset;
-    signal.conversion = std::move(conversion);
+    signal.conversion = std::make_shared<const value::Conversion>(std::move(conversion));
     return signal;
 }
 

@@ -29,7 +29,7 @@ class RecordingReaderTest : public ::testing::Test {
         RecordingInfo info = test::smallRecording();
         info.groups[0].recordSize = 5;
         info.groups[0].signals[0].coding.dataType = value::DataType::float32;
-        info.groups[0].signals[0].conversion = {};
+        info.groups[0].signals[0].conversion = std::make_shared<const value::Conversion>();
         info.groups[0].signals[1].recordOffset = 4;
         fs::remove_all(path());
         auto writer = RecordingWriter::create(path(), std::move(info), {}).value();
@@ -126,10 +126,10 @@ TEST_F(RecordingReaderTest, FindsEveryLostRecordByTheIndex) {
             fs::resize_file(file("g0000.tix"), indexSize);
             const auto recording = RecordingReader::open(path());
             const auto group = recording.value().openGroup(0);
-            const GapSummary gaps = findGaps(path(), group.value()).value();
+            const Gaps gaps = findGaps(path(), group.value()).value();
             ASSERT_EQ(gaps.count, 2U) << lost << ' ' << indexSize;
-            EXPECT_EQ(gaps.longestFromNs, 49 * kCycle + kCycle / 5);
-            EXPECT_EQ(gaps.longestNs, 3 * kCycle);
+            EXPECT_EQ(gaps.longest.beginNs, 49 * kCycle + kCycle / 5);
+            EXPECT_EQ(gaps.longest.lengthNs(), 3 * kCycle);
             EXPECT_FALSE(gaps.isLowerBound);
         }
     }

@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include "storage/format/recording_format.h"
 #include "storage/format/recording_meta.h"
 #include "storage/read/recording_reader.h"
 #include "storage/recording_fixture.h"
+#include "storage/write/recorder.h"
 #include "support/temp_dir.h"
 
 namespace lm::storage {
@@ -73,6 +75,23 @@ TEST_F(RecordingWriterTest, RefusesAndCountsWhatItCannotTakeAndRaisesTimestampsT
     ASSERT_EQ(stored.size(), 32U + 3 * 11);
     EXPECT_EQ(readLittle<std::uint64_t>(&stored[32 + 11]), 50U);
     EXPECT_EQ(readLittle<std::uint64_t>(&stored[32 + 22]), 60U);
+}
+
+TEST_F(RecordingWriterTest, TwoMeasurementsRecordIntoTheirOwnGroupsAlone) {
+    const std::vector<GroupInfo> small = test::smallRecording().groups;
+    Recorder recorder{RecordingInfo{}};
+    const GroupRange first = recorder.add(small);
+    const GroupRange second = recorder.add({GroupInfo{"big", 45, 0, {}}, small[0]});
+    ASSERT_TRUE(recorder.begin(path_).ok());
+    EXPECT_TRUE(first.write(0, 1, Bytes(3).data(), 3));
+    EXPECT_TRUE(second.write(1, 2, Bytes(3).data(), 3));
+    EXPECT_FALSE(first.write(2, 3, Bytes(3).data(), 3)) << "a group of the second one";
+    ASSERT_TRUE(recorder.close().ok());
+    EXPECT_EQ(recorder.recordsWritten(), 2U);
+    EXPECT_EQ(recorder.recordsDropped(), 1U);
+    const std::uintmax_t sizes[] = {32 + 11, 32, 32 + 11};
+    for (std::size_t i = 0; i < std::size(sizes); ++i)
+        EXPECT_EQ(fs::file_size(path_ / recordFileName(i)), sizes[i]) << i;
 }
 
 TEST_F(RecordingWriterTest, NeverOverwritesARecordingButWhatACrashedStartLeft) {

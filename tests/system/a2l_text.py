@@ -109,16 +109,17 @@ def decimals(conversion):
     return count if "." in conversion.format and count < 16 else None
 
 
-def display_text(conversion, raw):
-    """What the tool prints for a raw value: the verbal text, else the number in its format."""
+def display_text(conversion, raw, wide=False):
+    """What the tool prints for a raw value, of a wide type (64 bits) or another: the verbal text, else the number in its format."""
     text = conversion.text(raw)
     if text:
         return text
-    digits, factor = decimals(conversion), conversion.factor()
-    if isinstance(raw, int) and int(float(raw)) != raw and factor and digits is not None:
+    digits, line = decimals(conversion), conversion.line()
+    if isinstance(raw, int) and (wide or abs(raw) >> 32) and line and digits is not None:
         with localcontext() as context:
             context.prec = 100
-            return f"{Decimal(raw) * factor.numerator / factor.denominator:.{digits}f}"[:63]
+            exact = raw * line[0] + line[1]
+            return f"{Decimal(exact.numerator) / exact.denominator:.{digits}f}"[:63]
     value = conversion.physical(raw)
     if value != value:
         return "nan"

@@ -112,7 +112,7 @@ class CommandLineTest(harness.SystemTest):
     def test_closed_pipes_end_quietly(self):
         sim = self.start_sim()
         assignments = [f"cal_limited={n}" for n in range(50)]
-        for arguments in (["list"], ["info"], ["--help"], ["get", *["gear"] * 50], ["set", *assignments]):
+        for arguments in (["list"], ["list", "--json"], ["info"], ["--help"], ["get", *["gear"] * 50], ["set", *assignments]):
             with self.subTest(arguments[0]):
                 reading, writing = os.pipe()
                 os.close(reading)

@@ -175,7 +175,8 @@ class FailuresTest(harness.SystemTest):
 
     def test_standard_output_is_full(self):
         sim = self.start_sim()
-        for arguments in (["--help"], ["list"], ["info"], ["get", "gear", "cal_gain"],
+        for arguments in (["--help"], ["list"], ["info"], ["info", "--json"], ["get", "gear", "cal_gain"],
+                          ["measure", "--json", "-s", "wave"],
                           ["set", "cal_gain=3", "cal_limited=4"], ["save-config", self.dir / "saved.json"],
                           harness.record(self.dir / "rec", ["counter_1ms"], every=1)):
             with self.subTest(arguments[0]), open("/dev/full", "wb") as full:

@@ -86,13 +86,17 @@ class Conversion:
         self.ranges = [(float(r["min"]), float(r["max"]), r["text"]) for r in meta.get("verbal", [])]
         self.pairs = [(float(a), float(b)) for a, b in meta.get("table", [])]
 
-    def factor(self):
-        """The power of two by which raw values become physical ones, exactly; None where they do not."""
+    def line(self):
+        """Factor and offset where integers are converted without rounding; None where they are not."""
         a, b, c, d, e, f = self.meta["ratFunc"] if self.kind == "ratFunc" else (0, 1, 0, 0, 0, 1)
         if self.kind == "linear":
-            f, c = self.meta["linear"]
-        power = b > 0 and f > 0 and math.frexp(b)[0] == math.frexp(f)[0] == 0.5
-        return Fraction(f) / Fraction(b) if power and a == c == d == e == 0 and self.kind not in ("table", "formula") else None
+            f, c = self.meta["linear"][0], -self.meta["linear"][1]
+        if self.kind in ("table", "formula") or a or d or e or not b or not f:
+            return None
+        factor, offset = Fraction(f) / Fraction(b), -Fraction(c) / Fraction(b)
+        top, below = abs(factor.numerator), factor.denominator
+        exact = below == 1 or (top == 1 and below & (below - 1) == 0)
+        return (factor, offset) if exact and (offset * below).denominator == 1 and top < 1 << 56 else None
 
     def calculated(self, key, x):
         """The formulas of the tests are Python too."""

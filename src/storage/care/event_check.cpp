@@ -10,9 +10,10 @@
 
 #include "core/durable_file.h"
 #include "core/file_lock.h"
+#include "core/file_write.h"
+#include "core/unique_fd.h"
 #include "storage/format/recording_events.h"
 #include "storage/format/recording_meta.h"
-#include "storage/read/raw_file.h"
 
 namespace lm::storage {
 namespace {
@@ -39,8 +40,7 @@ int mend(int descriptor, const RecordingEvents& events, const std::string& start
     } else if (mendOf(events) == Mend::begin) {
         text = start;
     }
-    const Written written =
-        writeAt(descriptor, at, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    const Written written = writeAt(descriptor, at, text.data(), text.size());
     if (written.systemError == 0) return flushToDisk(descriptor);
     // Half of it would be the next repair's to cut off.
     [[maybe_unused]] const int cut = ::ftruncate(descriptor, static_cast<off_t>(at));
@@ -76,7 +76,7 @@ std::vector<Finding> checkEvents(const std::filesystem::path& directory, const R
 }
 
 Result<void> repairEvents(const std::filesystem::path& directory, const RecordingInfo& info,
-                          const TellDeed& tell) {
+                          const RepairListener& tell) {
     const std::filesystem::path path = directory / kEventFileName;
     RecordingEvents events = readEvents(directory, info);
     if (mendOf(events) == Mend::none) return {};
@@ -84,17 +84,13 @@ Result<void> repairEvents(const std::filesystem::path& directory, const Recordin
         return Error::fromErrno(reason, "cannot write " + path.string());
     };
     // A recording from elsewhere must not lead the repair to other files.
-    const int descriptor = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-    if (descriptor < 0) return failed(errno);
-    Result<void> result;
-    if (!lockForWriting(descriptor)) {
-        result = stillRecorded(directory);
-    } else if (const int failure = mend(descriptor, events, startAgainLine(info)); failure != 0) {
-        result = failed(failure);
+    UniqueFd file(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!file.valid()) return failed(errno);
+    if (!lockForWriting(file.get())) return stillRecorded(directory);
+    if (const int failure = mend(file.get(), events, startAgainLine(info)); failure != 0) {
+        return failed(failure);
     }
-    // After EINTR the descriptor is gone all the same.
-    if (::close(descriptor) != 0 && errno != EINTR && result) result = failed(errno);
-    if (!result) return result;
+    if (const int failure = file.close(); failure != 0) return failed(failure);
     switch (mendOf(events)) {
         case Mend::begin:
             tell(path.string() + ": begun again, what it told is lost");

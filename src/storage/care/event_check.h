@@ -19,6 +19,6 @@ std::vector<Finding> checkEvents(const std::filesystem::path& directory, const R
 /// Cuts off a torn line, ends a whole one that lacks its line feed, and begins a file again that was cut in
 /// its first line. Errors: stillRecorded(), "cannot write PATH: REASON".
 Result<void> repairEvents(const std::filesystem::path& directory, const RecordingInfo& info,
-                          const TellDeed& tell);
+                          const RepairListener& tell);
 
 }  // namespace lm::storage

@@ -13,11 +13,11 @@
 #include "core/bytes.h"
 #include "storage/care/event_check.h"
 #include "storage/care/record_proof.h"
-#include "storage/format/recording_format.h"
+#include "storage/format/summary_file.h"
 #include "storage/read/entry_reader.h"
 #include "storage/read/group_reader.h"
 #include "storage/read/recording_reader.h"
-#include "storage/write/group_summary.h"
+#include "storage/write/summary_builder.h"
 
 namespace lm::storage {
 namespace {
@@ -153,9 +153,10 @@ void GroupChecker::checkHeader(const GroupReader& reader) {
 
 Result<void> GroupChecker::compareAll(const GroupReader& reader) {
     fileNumber(SummaryFile::kIndex);
-    GroupSummary summary(group_, [this](std::size_t file, std::span<const std::uint8_t> entry) {
+    SummaryBuilder summary(group_);
+    const auto take = [this](std::size_t file, std::span<const std::uint8_t> entry) {
         return takeEntry(file, entry);
-    });
+    };
     RecordStream stream = reader.read(reader.all());
     for (;;) {
         if (shouldStop_()) return Error{ErrorCode::closed, "stopped"};
@@ -164,7 +165,7 @@ Result<void> GroupChecker::compareAll(const GroupReader& reader) {
         if (batch.value().count == 0) return {};
         checkOrder(batch.value(), reader.offsetOf(batch.value().firstNumber));
         if (headerError_) proof_.look(batch.value());
-        if (!summary.add(batch.value())) return *readError_;
+        if (!summary.add(batch.value().bytes, batch.value().count, take)) return *readError_;
     }
 }
 

@@ -8,17 +8,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "core/result.h"
 #include "storage/format/recording_info.h"
+#include "storage/format/stop_question.h"
 
 namespace lm::storage {
-
-/// Asked now and then during long work; true ends it with Error "stopped" (ErrorCode::closed).
-using StopQuestion = std::function<bool()>;
 
 struct Finding {
     std::string text;      ///< "FILE: what is wrong, and where"

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
 #include <optional>
 #include <unistd.h>
@@ -10,118 +9,82 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "core/durable_file.h"
 #include "core/file_lock.h"
+#include "core/file_write.h"
+#include "core/unique_fd.h"
 #include "storage/care/event_check.h"
 #include "storage/format/recording_events.h"
-#include "storage/format/recording_format.h"
 #include "storage/format/recording_meta.h"
-#include "storage/read/entry_reader.h"
+#include "storage/format/summary_file.h"
 #include "storage/read/group_reader.h"
 #include "storage/read/recording_reader.h"
-#include "storage/write/append_file.h"
-#include "storage/write/group_summary.h"
+#include "storage/write/summary_builder.h"
 
 namespace lm::storage {
 namespace {
 
 namespace fs = std::filesystem;
 
-Error writeError(const fs::path& path) {
-    return Error::fromErrno(errno, "cannot write " + path.string());
+Error writeError(const fs::path& path, int systemError = errno) {
+    return Error::fromErrno(systemError, "cannot write " + path.string());
 }
 
-class Descriptor {
-  public:
-    Descriptor(const fs::path& path, int flags) : value_(::open(path.c_str(), flags | O_CLOEXEC)) {}
-    ~Descriptor() {
-        if (value_ >= 0) ::close(value_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int value() const { return value_; }
-    /// False, with an errno, when the system reports a late failure. After EINTR the descriptor is gone all
-    /// the same.
-    bool close() { return ::close(std::exchange(value_, -1)) == 0 || errno == EINTR; }
-
-  private:
-    int value_;
-};
-
-/// To the disk; what cannot be synchronised says EINVAL and is as safe as it gets.
-Result<void> synchronise(const fs::path& path) {
-    const Descriptor descriptor(path, O_RDONLY);
-    if (descriptor.value() < 0 || (::fsync(descriptor.value()) != 0 && errno != EINVAL)) {
-        return writeError(path);
-    }
-    return {};
+/// What a step of writing said, 0 or an errno.
+Result<void> written(const fs::path& path, int systemError) {
+    return systemError == 0 ? Result<void>() : writeError(path, systemError);
 }
 
 /// A summary file that is made beside the one it replaces; gone when it did not get that far.
 class Replacement {
   public:
-    static Result<Replacement> create(fs::path path, const FileHeader& header, std::size_t entrySize) {
-        fs::path temporary = path;
-        temporary += ".tmp";
-        auto file = AppendFile::create(temporary, header, entrySize);
-        if (!file) return file.error();
-        return Replacement(std::move(path), std::move(file).value());
-    }
-    Replacement(Replacement&& other) noexcept
-        : path_(std::move(other.path_)),
-          file_(std::move(other.file_)),
-          entries_(other.entries_),
-          pending_(std::exchange(other.pending_, false)) {}
-    Replacement& operator=(Replacement&&) = delete;
-    Replacement(const Replacement&) = delete;
-    Replacement& operator=(const Replacement&) = delete;
-    ~Replacement() {
-        if (pending_) ::unlink(file_.path().c_str());
+    static Result<Replacement> create(fs::path path, const FileHeader& header) {
+        Replacement made(std::move(path));
+        const int refused = made.file_.createAs(made.temporary_);
+        if (refused == EWOULDBLOCK) return recordedByAnother(made.path_.parent_path());
+        if (refused != 0) return Error::fromErrno(refused, "cannot create " + made.temporary_.string());
+        made.buffer_.assign(header.begin(), header.end());
+        return made;
     }
 
     Result<void> append(std::span<const std::uint8_t> entry) {
-        if (file_.reserve() == nullptr) {
-            if (auto written = flush(); !written) return written;
-        }
-        std::copy(entry.begin(), entry.end(), file_.reserve());
-        file_.commit();
+        constexpr std::size_t kBufferSize = 64 * 1024;
+        buffer_.append(entry.begin(), entry.end());
         ++entries_;
-        return {};
+        return buffer_.size() < kBufferSize ? Result<void>() : flush();
     }
     Result<void> finish() {
-        if (auto written = flush(); !written) return written;
-        if (auto closed = file_.close(); !closed) return closed;
-        return synchronise(file_.path());
+        if (auto flushed = flush(); !flushed) return flushed;
+        return written(temporary_, flushToDisk(file_.descriptor()));
     }
     Result<void> takePlace() {
-        if (::rename(file_.path().c_str(), path_.c_str()) != 0) return writeError(path_);
-        pending_ = false;
-        return {};
+        if (const int late = file_.close(); late != 0) return writeError(temporary_, late);
+        return written(path_, file_.place(path_, StagedFile::Existing::replaced));
     }
 
     const fs::path& path() const { return path_; }
     std::uint64_t entries() const { return entries_; }
 
   private:
-    Replacement(fs::path path, AppendFile file) : path_(std::move(path)), file_(std::move(file)) {}
+    explicit Replacement(fs::path path) : path_(std::move(path)), temporary_(path_) { temporary_ += ".tmp"; }
 
     Result<void> flush() {
-        const AppendFile::Progress progress = file_.writeOut();
-        file_.release(progress.units);
-        if (progress.systemError == 0) return {};
-        return Error::fromErrno(progress.systemError, "cannot write " + file_.path().string());
+        const int failure = writeAll(file_.descriptor(), buffer_);
+        buffer_.clear();
+        return written(temporary_, failure);
     }
 
     fs::path path_;
-    AppendFile file_;
+    fs::path temporary_;
+    StagedFile file_;
+    std::string buffer_;
     std::uint64_t entries_ = 0;
-    bool pending_ = true;  ///< stands under its temporary name
 };
 
 class GroupRepair {
   public:
     GroupRepair(fs::path directory, std::size_t number, const GroupInfo& group,
-                const StopQuestion& shouldStop, const TellDeed& tell)
+                const StopQuestion& shouldStop, const RepairListener& tell)
         : directory_(std::move(directory)),
           number_(number),
           group_(group),
@@ -140,24 +103,24 @@ class GroupRepair {
     std::size_t number_;
     const GroupInfo& group_;
     const StopQuestion& shouldStop_;
-    const TellDeed& tell_;
+    const RepairListener& tell_;
 };
 
 Result<void> GroupRepair::run(const GroupCheck& check) {
     const fs::path path = directory_ / recordFileName(number_);
     // Held until the group is mended.
-    Descriptor descriptor(path, O_RDWR | O_NOFOLLOW);
+    UniqueFd descriptor(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     // A recording from elsewhere must not lead the repair to other files.
-    if (descriptor.value() < 0 && errno == ELOOP) {
+    if (!descriptor.valid() && errno == ELOOP) {
         return Error{ErrorCode::invalidArgument,
                      "cannot write " + path.string() + ": a symbolic link is not followed"};
     }
-    if (descriptor.value() < 0) return writeError(path);
-    if (!lockForWriting(descriptor.value())) return stillRecorded(directory_);
-    if (auto mended = mendRecordFile(check, descriptor.value()); !mended) return mended;
+    if (!descriptor.valid()) return writeError(path);
+    if (!lockForWriting(descriptor.get())) return stillRecorded(directory_);
+    if (auto mended = mendRecordFile(check, descriptor.get()); !mended) return mended;
     if (auto made = makeSummaries(check.wrongFiles); !made) return made;
     if (auto removed = removeSurplus(check.surplusFiles); !removed) return removed;
-    return descriptor.close() ? Result<void>() : writeError(path);
+    return written(path, descriptor.close());
 }
 
 Result<void> GroupRepair::mendRecordFile(const GroupCheck& check, int descriptor) {
@@ -165,14 +128,8 @@ Result<void> GroupRepair::mendRecordFile(const GroupCheck& check, int descriptor
     if (check.header == GroupCheck::Header::sound && check.tornBytes == 0) return {};
     if (check.header == GroupCheck::Header::mendable) {
         const FileHeader header = recordHeader(group_.recordSize);
-        for (std::size_t done = 0; done < header.size();) {
-            const ssize_t count =
-                ::pwrite(descriptor, &header[done], header.size() - done, static_cast<off_t>(done));
-            if (count < 0 && errno == EINTR) continue;
-            if (count < 0) return writeError(path);
-            if (count == 0) return Error::fromErrno(ENOSPC, "cannot write " + path.string());
-            done += static_cast<std::size_t>(count);
-        }
+        const Written done = writeAt(descriptor, 0, header.data(), header.size());
+        if (done.systemError != 0) return writeError(path, done.systemError);
         tell_(path.string() + ": header written anew");
     }
     if (check.tornBytes > 0) {
@@ -184,17 +141,15 @@ Result<void> GroupRepair::mendRecordFile(const GroupCheck& check, int descriptor
                               check.tornBytes, check.records));
         }
     }
-    if (::fsync(descriptor) != 0 && errno != EINVAL) return writeError(path);
-    return {};
+    return written(path, flushToDisk(descriptor));
 }
 
 Result<void> GroupRepair::makeSummaries(const std::vector<std::size_t>& numbers) {
     if (numbers.empty()) return {};
     std::vector<Replacement> files;
     for (const std::size_t number : numbers) {
-        auto file =
-            Replacement::create(SummaryFile::path(directory_, number_, number),
-                                SummaryFile::header(number, group_), SummaryFile::entrySize(number, group_));
+        auto file = Replacement::create(SummaryFile::path(directory_, number_, number),
+                                        SummaryFile::header(number, group_));
         if (!file) return file.error();
         files.push_back(std::move(file).value());
     }
@@ -206,7 +161,7 @@ Result<void> GroupRepair::makeSummaries(const std::vector<std::size_t>& numbers)
         if (auto placed = file.takePlace(); !placed) return placed;
         tell_(fmt::format("{}: made anew with {} entries", file.path().string(), file.entries()));
     }
-    return synchronise(directory_);
+    return written(directory_, flushDirectoryToDisk(directory_));
 }
 
 /// Fills the files with what the records give; `numbers` says which file of `files` is which.
@@ -215,19 +170,21 @@ Result<void> GroupRepair::summarise(const std::vector<std::size_t>& numbers,
     auto reader = GroupReader::open(directory_, number_, group_);
     if (!reader) return reader.error();
     Result<void> result;
-    GroupSummary summary(group_, [&](std::size_t number, std::span<const std::uint8_t> entry) {
+    SummaryBuilder summary(group_);
+    const auto take = [&](std::size_t number, std::span<const std::uint8_t> entry) {
         const auto wanted = std::find(numbers.begin(), numbers.end(), number);
         if (wanted != numbers.end()) {
             result = files[static_cast<std::size_t>(wanted - numbers.begin())].append(entry);
         }
         return result.ok();
-    });
+    };
     RecordStream stream = reader.value().read(reader.value().all());
     for (;;) {
         if (shouldStop_()) return Error{ErrorCode::closed, "stopped"};
         auto batch = stream.next();
         if (!batch) return batch.error();
-        if (batch.value().count == 0 || !summary.add(batch.value())) return result;
+        const RecordBatch& records = batch.value();
+        if (records.count == 0 || !summary.add(records.bytes, records.count, take)) return result;
     }
 }
 
@@ -237,7 +194,7 @@ Result<void> GroupRepair::removeSurplus(const std::vector<std::size_t>& numbers)
         if (::unlink(path.c_str()) != 0) return writeError(path);
         tell_(path.string() + ": removed");
     }
-    return numbers.empty() ? Result<void>() : synchronise(directory_);
+    return numbers.empty() ? Result<void>() : written(directory_, flushDirectoryToDisk(directory_));
 }
 
 /// One look at all groups before anything is changed in any.
@@ -254,7 +211,7 @@ Result<void> refuseWhileRecorded(const RecordingReader& recording) {
 }  // namespace
 
 Result<std::vector<Finding>> repairRecording(const fs::path& directory, const StopQuestion& shouldStop,
-                                             const TellDeed& tell) {
+                                             const RepairListener& tell) {
     auto recording = RecordingReader::open(directory);
     if (!recording) return recording.error();
     if (auto free = refuseWhileRecorded(recording.value()); !free) return free.error();

@@ -6,11 +6,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "value/conversion.h"
-#include "value/raw_value.h"
+#include "value/element.h"
 
 namespace lm::storage {
 
@@ -20,15 +18,12 @@ inline constexpr std::uint32_t kFormatVersion = 2;
 /// Bytes of the largest record: with its timestamp and its place in the queue it still has a 32-bit size.
 inline constexpr std::uint32_t kMaxRecordSize = 0xFFFFFF00;
 
-struct SignalInfo {
-    std::string name;
+/// An element without its address.
+struct SignalInfo : value::Element {
     std::string description;
     std::string displayName;
-    value::RawCoding coding;
     std::uint32_t recordOffset = 0;  ///< bytes from the start of the group's record
-    value::Conversion conversion;    ///< with display format and unit
-    /// Lower and upper limit of the A2L, physical; recordings of earlier versions do not tell them.
-    std::optional<std::pair<double, double>> limits = {};
+    bool hasLimits = false;          ///< recordings of earlier versions do not tell them
 };
 
 struct GroupInfo {

@@ -97,8 +97,8 @@ OrderedJson signalToJson(const SignalInfo& signal) {
     json["byteOrder"] = signal.coding.byteOrder == ByteOrder::bigEndian ? "MSB_FIRST" : "MSB_LAST";
     json["bitMask"] = signal.coding.bitMask;
     json["recordOffset"] = signal.recordOffset;
-    if (signal.limits) json["limits"] = realsToJson(signal.limits->first, signal.limits->second);
-    json["conversion"] = conversionToJson(signal.conversion);
+    if (signal.hasLimits) json["limits"] = realsToJson(signal.lowerLimit, signal.upperLimit);
+    json["conversion"] = conversionToJson(*signal.conversion);
     return json;
 }
 
@@ -246,11 +246,13 @@ SignalInfo signalFrom(const Json& json) {
     signal.recordOffset = static_cast<std::uint32_t>(unsignedAt(json, "recordOffset", kMaxOffset));
     if (json.contains("limits")) {
         const std::vector<double> limits = realsFrom(json.at("limits"), 2, "limits");
-        signal.limits = {limits[0], limits[1]};
+        signal.hasLimits = true;
+        signal.lowerLimit = limits[0];
+        signal.upperLimit = limits[1];
     }
     const Json& conversion = json.at("conversion");
-    signal.conversion =
-        Conversion(kindFrom(conversion), textOrEmpty(conversion, "format"), textOrEmpty(conversion, "unit"));
+    signal.conversion = std::make_shared<const Conversion>(
+        kindFrom(conversion), textOrEmpty(conversion, "format"), textOrEmpty(conversion, "unit"));
     return signal;
 }
 

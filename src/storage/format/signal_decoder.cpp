@@ -146,9 +146,9 @@ SignalDecoder::SignalDecoder(const SignalInfo& signal)
     : offset_(signal.recordOffset),
       coding_(signal.coding),
       decode_(value::rawDecoder(signal.coding)),
-      conversion_(&signal.conversion) {
+      conversion_(signal.conversion.get()) {
     using value::Conversion;
-    const Conversion::Kind& kind = signal.conversion.kind();
+    const Conversion::Kind& kind = signal.conversion->kind();
     if (coding_.bitMask != 0) {
         shift_ = static_cast<unsigned>(std::countr_zero(coding_.bitMask));
         // Mask bits beyond the type do not count.
@@ -160,7 +160,7 @@ SignalDecoder::SignalDecoder(const SignalInfo& signal)
         factor_ = linear->a;
         addend_ = linear->b;
         loop_ = Loops::choose<Loops::Scaled>(coding_);
-    } else if (std::holds_alternative<Conversion::Identical>(kind) || signal.conversion.isVerbal()) {
+    } else if (std::holds_alternative<Conversion::Identical>(kind) || signal.conversion->isVerbal()) {
         loop_ = Loops::choose<Loops::Same>(coding_);
     } else if (const auto* table = std::get_if<Conversion::NumericTable>(&kind);
                table != nullptr && !table->pairs.empty() && (table->interpolate || !table->defaultValue)) {

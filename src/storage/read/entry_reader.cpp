@@ -4,8 +4,6 @@
 #include <string>
 #include <utility>
 
-#include "storage/format/recording_format.h"
-
 namespace lm::storage {
 namespace {
 
@@ -15,25 +13,6 @@ constexpr std::size_t kIndexHeaderUsed = 20;
 constexpr std::size_t kLevelHeaderUsed = 24;
 
 }  // namespace
-
-std::filesystem::path SummaryFile::path(const std::filesystem::path& directory, std::size_t group,
-                                        std::size_t number) {
-    return directory / (number == kIndex ? indexFileName(group)
-                                         : levelFileName(group, static_cast<std::uint32_t>(number)));
-}
-
-FileHeader SummaryFile::header(std::size_t number, const GroupInfo& group) {
-    if (number == kIndex) return indexHeader();
-    return levelHeader(static_cast<std::uint32_t>(number), static_cast<std::uint32_t>(group.signals.size()));
-}
-
-std::size_t SummaryFile::entrySize(std::size_t number, const GroupInfo& group) {
-    return number == kIndex ? kIndexEntrySize : 8 * group.signals.size();
-}
-
-std::uint64_t SummaryFile::span(std::size_t number) {
-    return std::uint64_t{1} << (4 * std::max<std::size_t>(number, 1));
-}
 
 Result<EntryReader> EntryReader::open(const std::filesystem::path& directory, std::size_t groupNumber,
                                       const GroupInfo& group, std::size_t number) {
@@ -57,12 +36,14 @@ Result<EntryReader> EntryReader::open(const std::filesystem::path& directory, st
 }
 
 EntryReader::EntryReader(InputFile file, std::size_t entrySize)
-    : file_(std::move(file)),
-      entrySize_(entrySize),
-      count_(entrySize == 0 ? 0 : (file_.size() - kHeaderSize) / entrySize) {}
+    : file_(std::move(file)), entrySize_(entrySize) {}
+
+std::uint64_t EntryReader::count() const {
+    return entrySize_ == 0 || file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / entrySize_;
+}
 
 std::uint64_t EntryReader::tornBytes() const {
-    return file_.size() - offsetOf(count_);
+    return file_.size() - offsetOf(count());
 }
 
 Result<std::span<const std::uint8_t>> EntryReader::read(std::uint64_t first, std::uint64_t most) {

@@ -10,25 +10,10 @@
 #include <vector>
 
 #include "core/result.h"
-#include "storage/format/recording_format.h"
-#include "storage/format/recording_info.h"
+#include "storage/format/summary_file.h"
 #include "storage/read/input_file.h"
 
 namespace lm::storage {
-
-/// The files that summarise a group, by number: 0 is the time index, L is level L of the pyramid.
-struct SummaryFile {
-    static constexpr std::size_t kIndex = 0;
-    /// 16^15 records are more than a file holds.
-    static constexpr std::size_t kMaxLevel = 15;
-
-    static std::filesystem::path path(const std::filesystem::path& directory, std::size_t group,
-                                      std::size_t number);
-    static FileHeader header(std::size_t number, const GroupInfo& group);
-    static std::size_t entrySize(std::size_t number, const GroupInfo& group);
-    /// Records that an entry covers.
-    static std::uint64_t span(std::size_t number);
-};
 
 class EntryReader {
   public:
@@ -37,9 +22,13 @@ class EntryReader {
     static Result<EntryReader> open(const std::filesystem::path& directory, std::size_t groupNumber,
                                     const GroupInfo& group, std::size_t number);
 
-    /// Whole entries in the file when it was opened.
-    std::uint64_t count() const { return count_; }
+    /// Takes up the entries that the file has now. Errors: those of InputFile::refresh().
+    Result<void> refresh() { return file_.refresh(); }
+
+    /// Whole entries in the file when it was opened, or at the last refresh().
+    std::uint64_t count() const;
     std::size_t entrySize() const { return entrySize_; }
+    const InputFile& file() const { return file_; }
     /// Bytes behind the last whole entry.
     std::uint64_t tornBytes() const;
     std::uint64_t offsetOf(std::uint64_t entry) const { return kHeaderSize + entry * entrySize_; }
@@ -53,7 +42,6 @@ class EntryReader {
 
     InputFile file_;
     std::size_t entrySize_;
-    std::uint64_t count_;
     std::vector<std::uint8_t> buffer_;
 };
 

@@ -55,8 +55,19 @@ GroupReader::GroupReader(InputFile file, std::size_t number, const GroupInfo& gr
       info_(&group),
       number_(number),
       stride_(std::size_t{group.recordSize} + kTimestampSize),
-      recordCount_(file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / stride_),
-      beingWritten_(isLockedByAnother(file_.descriptor())) {}
+      beingWritten_(isLockedByAnother(file_.descriptor())) {
+    countRecords();
+}
+
+Result<void> GroupReader::refresh() {
+    auto looked = file_.refresh();
+    countRecords();
+    return looked;
+}
+
+void GroupReader::countRecords() {
+    recordCount_ = file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / stride_;
+}
 
 std::uint64_t GroupReader::tornBytes() const {
     return file_.size() < kHeaderSize ? file_.size() : file_.size() - offsetOf(recordCount_);
@@ -66,6 +77,15 @@ Result<std::int64_t> GroupReader::timestampNs(std::uint64_t n) const {
     std::array<std::uint8_t, kTimestampSize> bytes{};
     if (auto read = file_.readAt(offsetOf(n), bytes.data(), bytes.size()); !read) return read.error();
     return static_cast<std::int64_t>(readLittle<std::uint64_t>(bytes.data()));
+}
+
+Result<TimeSpan> GroupReader::timeSpan() const {
+    if (recordCount_ == 0) return TimeSpan{};
+    auto first = timestampNs(0);
+    if (!first) return first.error();
+    auto last = timestampNs(recordCount_ - 1);
+    if (!last) return last.error();
+    return TimeSpan{first.value(), last.value()};
 }
 
 Result<RecordRange> GroupReader::find(const TimeRange& times) const {
@@ -107,12 +127,10 @@ Result<std::uint64_t> GroupReader::firstNotBefore(std::int64_t timeNs) const {
 
 /// The place of a time if all records came at an even pace.
 Result<std::uint64_t> GroupReader::guess(std::int64_t timeNs) const {
-    auto first = timestampNs(0);
-    if (!first) return first.error();
-    auto last = timestampNs(recordCount_ - 1);
-    if (!last) return last.error();
-    const double begin = static_cast<double>(first.value());
-    const double span = static_cast<double>(last.value()) - begin;
+    auto times = timeSpan();
+    if (!times) return times.error();
+    const double begin = static_cast<double>(times.value().firstNs);
+    const double span = static_cast<double>(times.value().lastNs) - begin;
     const double passed = static_cast<double>(timeNs) - begin;
     if (!(span > 0) || passed <= 0) return 0;
     if (passed >= span) return recordCount_ - 1;

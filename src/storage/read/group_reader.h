@@ -1,12 +1,13 @@
 // Reads the records of one group of a recording: by number, by time, batch by batch in constant memory.
 // A recording that is still being written, or that ends in a torn record, is read up to the last record that
-// was whole when the group was opened.
+// was whole when the group was opened, or at the last refresh().
 //
 // Threads: one at a time; several readers of one group do not disturb each other. Lifetime: borrows the
 // description of the group, which must outlive it (that of a RecordingReader survives moving the reader);
 // owns its file.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -33,6 +34,18 @@ struct RecordRange {
 struct TimeRange {
     std::int64_t fromNs = std::numeric_limits<std::int64_t>::min();
     std::int64_t endNs = std::numeric_limits<std::int64_t>::max();
+};
+
+/// The first and the last timestamp of some records; as built, of none.
+struct TimeSpan {
+    std::int64_t firstNs = std::numeric_limits<std::int64_t>::max();
+    std::int64_t lastNs = std::numeric_limits<std::int64_t>::min();
+
+    bool isEmpty() const { return firstNs > lastNs; }
+    void add(const TimeSpan& other) {
+        firstNs = std::min(firstNs, other.firstNs);
+        lastNs = std::max(lastNs, other.lastNs);
+    }
 };
 
 /// Records as they lie in the file: back to back, `stride` bytes apart, each its timestamp (signed 64-bit
@@ -89,6 +102,9 @@ class GroupReader {
     /// What open() has to say about the header.
     Result<void> checkHeader() const;
 
+    /// Takes up the records that the file has now. Errors: those of InputFile::refresh().
+    Result<void> refresh();
+
     const GroupInfo& info() const { return *info_; }
     /// The place of the group in "groups", and the number in its file names.
     std::size_t number() const { return number_; }
@@ -108,6 +124,9 @@ class GroupReader {
     /// The timestamp of record `n`, which is below recordCount().
     Result<std::int64_t> timestampNs(std::uint64_t n) const;
 
+    /// Of the first and the last record. Errors: those of InputFile::readAt().
+    Result<TimeSpan> timeSpan() const;
+
     /// The records whose timestamps lie in `times`. A few dozen small reads, whatever the length.
     Result<RecordRange> find(const TimeRange& times) const;
 
@@ -117,6 +136,7 @@ class GroupReader {
   private:
     GroupReader(InputFile file, std::size_t number, const GroupInfo& group);
 
+    void countRecords();
     Result<std::uint64_t> firstNotBefore(std::int64_t timeNs) const;
     Result<std::uint64_t> guess(std::int64_t timeNs) const;
 

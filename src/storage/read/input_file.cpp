@@ -10,45 +10,31 @@
 namespace lm::storage {
 
 Result<InputFile> InputFile::open(const std::filesystem::path& path) {
-    const auto failed = [&path](int systemError) {
-        return Error::fromErrno(systemError, "cannot open " + path.string());
-    };
-    int descriptor = -1;
+    UniqueFd opened;
     do {
         // A pipe without a writer would block; regular files do not mind the flag.
-        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    } while (descriptor < 0 && errno == EINTR);
-    if (descriptor < 0) return failed(errno);
-    InputFile file(path, descriptor, 0);
-    struct stat status {};
-    if (::fstat(descriptor, &status) != 0) return failed(errno);
-    if (!S_ISREG(status.st_mode)) {
-        return Error{ErrorCode::invalidArgument, "cannot open " + path.string() + ": not a regular file"};
-    }
-    file.size_ = static_cast<std::uint64_t>(status.st_size);
+        opened = UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    } while (!opened.valid() && errno == EINTR);
+    if (!opened.valid()) return Error::fromErrno(errno, "cannot open " + path.string());
+    InputFile file(path, std::move(opened));
+    if (auto looked = file.refresh(); !looked) return looked.error();
     return file;
 }
 
-InputFile::InputFile(std::filesystem::path path, int descriptor, std::uint64_t size)
-    : path_(std::move(path)), descriptor_(descriptor), size_(size) {}
-
-InputFile::InputFile(InputFile&& other) noexcept
-    : path_(std::move(other.path_)), descriptor_(std::exchange(other.descriptor_, -1)), size_(other.size_) {}
-
-InputFile& InputFile::operator=(InputFile&& other) noexcept {
-    std::swap(path_, other.path_);
-    std::swap(descriptor_, other.descriptor_);
-    std::swap(size_, other.size_);
-    return *this;
-}
-
-InputFile::~InputFile() {
-    if (descriptor_ >= 0) ::close(descriptor_);
+Result<void> InputFile::refresh() {
+    const std::string context = "cannot open " + path_.string();
+    struct stat status {};
+    if (::fstat(descriptor(), &status) != 0) return Error::fromErrno(errno, context);
+    if (!S_ISREG(status.st_mode)) {
+        return Error{ErrorCode::invalidArgument, context + ": not a regular file"};
+    }
+    size_ = static_cast<std::uint64_t>(status.st_size);
+    return {};
 }
 
 Result<void> InputFile::readAt(std::uint64_t offset, std::uint8_t* into, std::size_t size) const {
     while (size > 0) {
-        const ssize_t count = ::pread(descriptor_, into, size, static_cast<off_t>(offset));
+        const ssize_t count = ::pread(descriptor(), into, size, static_cast<off_t>(offset));
         if (count == 0) {
             return Error{ErrorCode::ioError, path_.string() + ": shorter than when it was opened"};
         }

@@ -7,8 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <utility>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 
 namespace lm::storage {
 
@@ -18,27 +20,25 @@ class InputFile {
     /// file: opening a pipe or a device would wait for, or do, who knows what.
     static Result<InputFile> open(const std::filesystem::path& path);
 
-    InputFile(InputFile&& other) noexcept;
-    InputFile& operator=(InputFile&& other) noexcept;
-    InputFile(const InputFile&) = delete;
-    InputFile& operator=(const InputFile&) = delete;
-    ~InputFile();
-
     /// Reads exactly `size` bytes. Errors: "cannot read PATH: REASON", "PATH: shorter than when it was
     /// opened".
     Result<void> readAt(std::uint64_t offset, std::uint8_t* into, std::size_t size) const;
 
-    /// Bytes when it was opened.
+    /// Takes up the size that the file has now. Errors: "cannot open PATH: REASON".
+    Result<void> refresh();
+
+    /// Bytes when it was opened, or at the last refresh().
     std::uint64_t size() const { return size_; }
     const std::filesystem::path& path() const { return path_; }
     /// For system calls that copy between files; stays this object's.
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return descriptor_.get(); }
 
   private:
-    InputFile(std::filesystem::path path, int descriptor, std::uint64_t size);
+    InputFile(std::filesystem::path path, UniqueFd descriptor)
+        : path_(std::move(path)), descriptor_(std::move(descriptor)) {}
 
     std::filesystem::path path_;
-    int descriptor_ = -1;
+    UniqueFd descriptor_;
     std::uint64_t size_ = 0;
 };
 

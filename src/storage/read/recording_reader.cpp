@@ -37,4 +37,14 @@ Result<RecordingReader> RecordingReader::open(const std::filesystem::path& direc
     return Error{ErrorCode::notFound, "no recording in " + directory.string()};
 }
 
+TimeSpan RecordingReader::timeSpan() const {
+    TimeSpan whole;
+    for (std::size_t i = 0; i < info_.groups.size(); ++i) {
+        auto group = openGroup(i);
+        auto span = group ? group.value().timeSpan() : Result<TimeSpan>(group.error());
+        if (span) whole.add(span.value());
+    }
+    return whole;
+}
+
 }  // namespace lm::storage

@@ -36,6 +36,9 @@ class RecordingReader {
         return GroupReader::open(directory_, number, info_.groups[number]);
     }
 
+    /// Of all groups that can be read.
+    TimeSpan timeSpan() const;
+
   private:
     RecordingReader(std::filesystem::path directory, RecordingInfo info)
         : directory_(std::move(directory)), info_(std::move(info)) {}

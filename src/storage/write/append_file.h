@@ -13,22 +13,16 @@
 
 #include "core/result.h"
 #include "storage/format/recording_format.h"
+#include "storage/write/claimed_file.h"
 
 namespace lm::storage {
 
 class AppendFile {
   public:
     /// Creates or truncates the file, locked, and writes the header at once. `unitSize` is at least 1.
-    /// Errors: recordedByAnother() while another program writes it, "cannot create PATH: REASON" (also for
-    /// what is no regular file), "cannot write PATH: REASON"; a file that this call made is gone.
+    /// Errors: those of ClaimedFile::create().
     static Result<AppendFile> create(const std::filesystem::path& path, const FileHeader& header,
-                                     std::uint64_t unitSize);
-
-    AppendFile(AppendFile&& other) noexcept;
-    AppendFile& operator=(AppendFile&& other) noexcept;
-    AppendFile(const AppendFile&) = delete;
-    AppendFile& operator=(const AppendFile&) = delete;
-    ~AppendFile();
+                                     std::uint64_t unitSize, ClaimedFile::Begin begin);
 
     /// Room for the next unit, to be filled and then taken by commit(); nullptr when the buffer is full.
     std::uint8_t* reserve();
@@ -47,27 +41,17 @@ class AppendFile {
     Progress writeOut();
     void release(std::size_t units);
 
-    /// Flushes what was written to the disk. Error: "cannot write PATH: REASON".
-    Result<void> flushToDisk();
-
-    /// Closes the file. Errors: "cannot write PATH: REASON" when the system reports a late failure.
-    Result<void> close();
-
-    /// True when this object made the file, false when it overwrote one.
-    bool isNew() const { return isNew_; }
-    const std::filesystem::path& path() const { return path_; }
-    int descriptor() const { return descriptor_; }
+    /// To flush it to the disk, and to close it.
+    ClaimedFile& file() { return file_; }
+    const ClaimedFile& file() const { return file_; }
 
   private:
-    AppendFile(std::filesystem::path path, int descriptor, bool isNew, std::uint64_t unitSize);
+    AppendFile(ClaimedFile file, std::uint64_t unitSize);
 
-    std::filesystem::path path_;
-    int descriptor_ = -1;
-    bool isNew_ = false;
-    std::uint64_t unitSize_ = 0;
-    std::size_t capacity_ = 0;  ///< units
+    ClaimedFile file_;
+    std::uint64_t unitSize_;
+    std::size_t capacity_;      ///< units
     std::size_t buffered_ = 0;  ///< units
-    std::uint64_t fileEnd_ = kHeaderSize;
     std::unique_ptr<std::uint8_t[]> buffer_;
 };
 

@@ -7,7 +7,7 @@ namespace lm::storage {
 
 Result<DerivedFile> DerivedFile::create(const std::filesystem::path& path, const FileHeader& header,
                                         std::uint64_t entrySize, RecordingFaults& faults) {
-    auto file = AppendFile::create(path, header, entrySize);
+    auto file = AppendFile::create(path, header, entrySize, ClaimedFile::Begin::written);
     if (!file) return file.error();
     return DerivedFile(std::move(file).value(), faults);
 }
@@ -40,7 +40,7 @@ void DerivedFile::flush() {
 
 void DerivedFile::close() {
     flush();
-    if (!file_.close()) faults_->reportWriteError();
+    if (file_.file().close() != 0) faults_->reportWriteError();
 }
 
 }  // namespace lm::storage

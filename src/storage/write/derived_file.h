@@ -17,7 +17,7 @@ namespace lm::storage {
 
 class DerivedFile {
   public:
-    /// Errors: those of AppendFile::create().
+    /// Errors: those of ClaimedFile::create().
     static Result<DerivedFile> create(const std::filesystem::path& path, const FileHeader& header,
                                       std::uint64_t entrySize, RecordingFaults& faults);
 
@@ -27,7 +27,7 @@ class DerivedFile {
     /// Flushes and closes.
     void close();
 
-    const AppendFile& file() const { return file_; }
+    const ClaimedFile& file() const { return file_.file(); }
 
   private:
     DerivedFile(AppendFile file, RecordingFaults& faults);

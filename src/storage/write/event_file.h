@@ -6,27 +6,21 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/result.h"
 #include "storage/format/recording_faults.h"
 #include "storage/format/recording_info.h"
+#include "storage/write/claimed_file.h"
 
 namespace lm::storage {
 
 class EventFile {
   public:
-    /// Makes the file with its first line, both on the disk. Errors: those of claimForWriting(); "cannot
-    /// write PATH: REASON". A file that this call made is gone then.
+    /// Makes the file with its first line, both on the disk. Errors: those of ClaimedFile::create().
     static Result<EventFile> create(const RecordingInfo& info, RecordingFaults& faults);
-
-    EventFile(EventFile&& other) noexcept;
-    EventFile& operator=(EventFile&&) = delete;
-    EventFile(const EventFile&) = delete;
-    EventFile& operator=(const EventFile&) = delete;
-    ~EventFile();
 
     /// `line` ends with its line feed. What waits beyond 64 KiB is dropped and told at the end.
     void append(std::string_view line);
@@ -35,19 +29,14 @@ class EventFile {
     /// Flushes, also to the disk, and closes. Lines that still did not get into the file are told.
     void close();
 
-    int descriptor() const { return descriptor_; }
-    bool isNew() const { return isNew_; }
-    const std::filesystem::path& path() const { return path_; }
+    const ClaimedFile& file() const { return file_; }
 
   private:
-    EventFile(std::filesystem::path path, int descriptor, bool isNew, RecordingFaults& faults);
+    EventFile(ClaimedFile file, RecordingFaults& faults) : file_(std::move(file)), faults_(&faults) {}
 
-    std::filesystem::path path_;
-    int descriptor_ = -1;
-    bool isNew_ = false;
+    ClaimedFile file_;
     RecordingFaults* faults_;
-    std::uint64_t end_ = 0;  ///< behind the last whole line in the file
-    std::string waiting_;    ///< whole lines
+    std::string waiting_;  ///< whole lines
     std::uint64_t dropped_ = 0;
 };
 

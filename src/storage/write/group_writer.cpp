@@ -1,7 +1,6 @@
 #include "storage/write/group_writer.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <system_error>
 #include <utility>
@@ -14,28 +13,26 @@ namespace lm::storage {
 Result<GroupWriter> GroupWriter::create(std::size_t groupIndex, const GroupInfo& group,
                                         RecordingFaults& faults, RecordingCounters& counters) {
     const std::filesystem::path& directory = faults.directory();
-    auto records = AppendFile::create(directory / recordFileName(groupIndex), recordHeader(group.recordSize),
-                                      std::uint64_t{group.recordSize} + kTimestampSize);
+    auto records =
+        AppendFile::create(directory / recordFileName(groupIndex), recordHeader(group.recordSize),
+                           std::uint64_t{group.recordSize} + kTimestampSize, ClaimedFile::Begin::onDisk);
     if (!records) return records.error();
-    Result<void> onDisk = records.value().flushToDisk();
-    Result<DerivedFile> index = onDisk.ok() ? DerivedFile::create(directory / indexFileName(groupIndex),
-                                                                  indexHeader(), kIndexEntrySize, faults)
-                                            : Result<DerivedFile>(onDisk.error());
-    if (!index) {
+    auto summary = SummaryWriter::create(groupIndex, group, faults);
+    if (!summary) {
+        const ClaimedFile& made = records.value().file();
         std::error_code ignored;
-        if (records.value().isNew()) std::filesystem::remove(records.value().path(), ignored);
-        return index.error();
+        if (made.isNew()) std::filesystem::remove(made.path(), ignored);
+        return summary.error();
     }
-    return GroupWriter(groupIndex, group, std::move(records).value(), std::move(index).value(), faults,
+    return GroupWriter(group.recordSize, std::move(records).value(), std::move(summary).value(), faults,
                        counters);
 }
 
-GroupWriter::GroupWriter(std::size_t groupIndex, const GroupInfo& group, AppendFile records,
-                         DerivedFile index, RecordingFaults& faults, RecordingCounters& counters)
-    : recordSize_(group.recordSize),
+GroupWriter::GroupWriter(std::uint32_t recordSize, AppendFile records, SummaryWriter summary,
+                         RecordingFaults& faults, RecordingCounters& counters)
+    : recordSize_(recordSize),
       records_(std::move(records)),
-      index_(std::move(index)),
-      pyramid_(groupIndex, group, faults),
+      summary_(std::move(summary)),
       faults_(&faults),
       counters_(&counters) {}
 
@@ -59,50 +56,30 @@ void GroupWriter::flushRecords() {
     const AppendFile::Progress progress = records_.writeOut();
     stalled_ = progress.systemError != 0;
     if (stalled_) faults_->reportWriteError();
-    summarise(records_.buffered().data(), progress.units);
+    summary_.add(records_.buffered().data(), progress.units);
     records_.release(progress.units);
-}
-
-void GroupWriter::summarise(const std::uint8_t* records, std::size_t count) {
-    const std::size_t stride = std::size_t{recordSize_} + kTimestampSize;
-    for (std::size_t i = 0; i < count; ++i) {
-        extendIndex(static_cast<std::int64_t>(readLittle<std::uint64_t>(records + i * stride)));
-    }
-    pyramid_.add(records, count);
-    counters_->recordsWritten.fetch_add(count, std::memory_order_relaxed);
-    counters_->bytesWritten.fetch_add(count * stride, std::memory_order_relaxed);
-}
-
-void GroupWriter::extendIndex(std::int64_t timestampNs) {
-    const std::uint64_t placeInBlock = recordCount_++ % kBlockLength;
-    if (placeInBlock == 0) blockStartNs_ = timestampNs;
-    if (placeInBlock != kBlockLength - 1) return;
-    std::array<std::uint8_t, kIndexEntrySize> entry{};
-    writeLittle(&entry[0], static_cast<std::uint64_t>(blockStartNs_));
-    writeLittle(&entry[8], static_cast<std::uint64_t>(timestampNs));
-    index_.append(entry);
+    counters_->recordsWritten.fetch_add(progress.units, std::memory_order_relaxed);
+    counters_->bytesWritten.fetch_add(progress.units * (std::size_t{recordSize_} + kTimestampSize),
+                                      std::memory_order_relaxed);
 }
 
 void GroupWriter::flush() {
     flushRecords();
-    index_.flush();
-    pyramid_.flush();
+    summary_.flush();
 }
 
 void GroupWriter::close() {
     flush();
-    if (!records_.flushToDisk()) faults_->reportWriteError();
+    if (records_.file().flushToDisk() != 0) faults_->reportWriteError();
     counters_->recordsDropped.fetch_add(records_.bufferedUnits(), std::memory_order_relaxed);
-    if (!records_.close()) faults_->reportWriteError();
-    index_.close();
-    pyramid_.close();
+    if (records_.file().close() != 0) faults_->reportWriteError();
+    summary_.close();
 }
 
 std::vector<std::filesystem::path> GroupWriter::newFiles() const {
     std::vector<std::filesystem::path> files;
-    if (records_.isNew()) files.push_back(records_.path());
-    if (index_.file().isNew()) files.push_back(index_.file().path());
-    pyramid_.appendNewFiles(files);
+    if (records_.file().isNew()) files.push_back(records_.file().path());
+    summary_.appendNewFiles(files);
     return files;
 }
 

@@ -16,8 +16,7 @@
 #include "storage/format/recording_faults.h"
 #include "storage/format/recording_info.h"
 #include "storage/write/append_file.h"
-#include "storage/write/derived_file.h"
-#include "storage/write/pyramid.h"
+#include "storage/write/summary_writer.h"
 
 namespace lm::storage {
 
@@ -29,8 +28,8 @@ struct RecordingCounters {
 
 class GroupWriter {
   public:
-    /// Makes the record file, its header on the disk, and the index. Errors: those of AppendFile::create()
-    /// and AppendFile::flushToDisk(); then neither file is left.
+    /// Makes the record file, its header on the disk, and the index. Errors: those of ClaimedFile::create();
+    /// then neither file is left.
     static Result<GroupWriter> create(std::size_t groupIndex, const GroupInfo& group, RecordingFaults& faults,
                                       RecordingCounters& counters);
 
@@ -38,7 +37,7 @@ class GroupWriter {
     void append(std::int64_t timestampNs, const std::uint8_t* data);
     void flush();
     /// Of the file of records, open until close().
-    int recordDescriptor() const { return records_.descriptor(); }
+    int recordDescriptor() const { return records_.file().descriptor(); }
     /// Flushes, the records also to the disk, and closes; records that still did not get into the file count
     /// as dropped. Index and levels reach the disk when the system sees fit: they can be made anew.
     void close();
@@ -47,23 +46,18 @@ class GroupWriter {
     std::vector<std::filesystem::path> newFiles() const;
 
   private:
-    GroupWriter(std::size_t groupIndex, const GroupInfo& group, AppendFile records, DerivedFile index,
-                RecordingFaults& faults, RecordingCounters& counters);
+    GroupWriter(std::uint32_t recordSize, AppendFile records, SummaryWriter summary, RecordingFaults& faults,
+                RecordingCounters& counters);
 
     void flushRecords();
-    void summarise(const std::uint8_t* records, std::size_t count);
-    void extendIndex(std::int64_t timestampNs);
 
     std::uint32_t recordSize_;
     AppendFile records_;
-    DerivedFile index_;
-    Pyramid pyramid_;
+    SummaryWriter summary_;
     RecordingFaults* faults_;
     RecordingCounters* counters_;
     std::int64_t lastTimestampNs_ = std::numeric_limits<std::int64_t>::min();
-    std::int64_t blockStartNs_ = 0;
-    std::uint64_t recordCount_ = 0;  ///< in the file
-    bool stalled_ = false;           ///< the last flush failed; only the next timed flush tries again
+    bool stalled_ = false;  ///< the last flush failed; only the next timed flush tries again
 };
 
 }  // namespace lm::storage

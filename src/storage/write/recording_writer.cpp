@@ -174,7 +174,7 @@ Result<void> RecordingWriter::State::startThread() {
     std::vector<int> files;
     for (const GroupWriter& group : groups)
         files.push_back(group.recordDescriptor());
-    files.push_back(events->descriptor());
+    files.push_back(events->file().descriptor());
     if (auto flushing = flusher.start(std::move(files)); !flushing) return flushing;
     auto started = lm::startThread("cannot start the recording thread", [this] { run(); });
     if (!started) {
@@ -277,7 +277,7 @@ Result<void> RecordingWriter::State::removeNewFiles() {
         for (fs::path& file : group.newFiles())
             files.push_back(std::move(file));
     }
-    if (events && events->isNew()) files.push_back(events->path());
+    if (events && events->file().isNew()) files.push_back(events->file().path());
     if (std::exchange(madeMeta, false)) files.push_back(path / kMetaFileName);
     for (const fs::path& file : files) {
         auto removed = removeFile(file);

@@ -3,10 +3,11 @@
 // Threads: a plain value of one owner. Lifetime: owns the descriptor.
 #pragma once
 
+#include <cerrno>
 #include <unistd.h>
 #include <utility>
 
-namespace lm::hal {
+namespace lm {
 
 class UniqueFd {
   public:
@@ -18,16 +19,21 @@ class UniqueFd {
     }
     UniqueFd(const UniqueFd&) = delete;
     UniqueFd& operator=(const UniqueFd&) = delete;
+    /// Who writes asks close() what a late failure has lost.
     ~UniqueFd() {
-        // Sockets and eventfds hold nothing back that a failing close could lose.
-        if (descriptor_ >= 0) ::close(descriptor_);
+        if (valid()) ::close(descriptor_);
     }
 
     int get() const { return descriptor_; }
     bool valid() const { return descriptor_ >= 0; }
+    /// 0 or the errno of a late failure. After EINTR the descriptor is gone all the same.
+    int close() {
+        if (!valid()) return 0;
+        return ::close(std::exchange(descriptor_, -1)) == 0 || errno == EINTR ? 0 : errno;
+    }
 
   private:
     int descriptor_;
 };
 
-}  // namespace lm::hal
+}  // namespace lm

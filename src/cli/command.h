@@ -1,0 +1,75 @@
+// What a command is: a row of the table in command_table.cpp, and an object that owns the command's options
+// and does its work.
+//
+// Threads: the main thread. Lifetime: a command borrows its workplace during run() only.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "cli/results.h"
+#include "session/session_config.h"
+
+namespace CLI {
+class App;
+}
+namespace lm::session {
+class Session;
+}
+
+namespace lm::cli {
+
+class Console;
+class StopWatcher;
+struct Options;
+
+/// What is there when a command runs; each kind has all of those before it.
+enum class Needs : std::uint8_t {
+    nothing,        ///< it names its own files
+    configuration,  ///< the configuration in force, which names the A2L
+    session,        ///< the A2L and the way to the ECU, which is not opened
+    connection,     ///< a connected ECU
+};
+
+/// What the program gives a command.
+struct Workplace {
+    const Options& options;
+    Results& results;
+    session::SessionConfig config = {};  ///< Needs::configuration; a session has its own
+    // Needs::session and above; else null.
+    session::Session* session = nullptr;
+    Console* console = nullptr;
+    StopWatcher* stop = nullptr;
+};
+
+class ICommand {
+  public:
+    virtual ~ICommand() = default;
+
+    /// The command's own options, kept in the command.
+    virtual void addOptions(CLI::App& /*app*/) {}
+    /// Lays them over the configuration.
+    virtual void overrule(session::SessionConfig& /*config*/) const {}
+    /// A recording will tell the A2L's digest.
+    virtual bool isRecorded() const { return false; }
+    /// Returns the exit code; errors have been told to the results.
+    virtual int run(Workplace& place) = 0;
+};
+
+struct CommandRow {
+    const char* name;
+    const char* help;
+    const char* examples;  ///< at the end of its help text, may be empty
+    Needs needs;
+    Form json;  ///< what --json makes of it; Form::text: it has no such option
+    std::unique_ptr<ICommand> (*make)();
+    std::span<const CommandRow> actions = {};  ///< commands behind its name; then `make` is null
+};
+
+template <typename Command>
+std::unique_ptr<ICommand> make() {
+    return std::make_unique<Command>();
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,252 @@
+#include "cli/recording_report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <spdlog/fmt/fmt.h>
+
+#include "core/text.h"
+#include "storage/read/signal_selection.h"
+#include "xcp/text_lines.h"
+
+namespace lm::cli {
+namespace {
+
+using storage::GroupReader;
+using storage::RecordingInfo;
+using storage::SignalInfo;
+
+std::string sizeText(std::uint64_t bytes) {
+    constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
+    if (bytes < 1000) return fmt::format("{} bytes", bytes);
+    auto size = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; size >= 1000 && unit + 1 < std::size(kUnits); ++unit)
+        size /= 1000;
+    return fmt::format("{:.1f} {}", size, kUnits[unit]);
+}
+
+std::string cycleText(std::int64_t cycleNs) {
+    if (cycleNs <= 0) return "not cyclic";
+    return formatGeneral(static_cast<double>(cycleNs) / 1e6) + " ms";
+}
+
+std::string gapText(const storage::Gaps& gaps, const RecordingInfo& info) {
+    if (gaps.count == 0) return "none";
+    return fmt::format("{}{}, the longest {:.3f} s at {:.3f} s", gaps.isLowerBound ? "at least " : "",
+                       gaps.count, static_cast<double>(gaps.longest.lengthNs()) / 1e9,
+                       secondsBetween(info.startHostNs, gaps.longest.beginNs));
+}
+
+void printCounts(const GroupReader& group, const storage::TimeSpan& span, const RecordingInfo& info,
+                 Output& output) {
+    output.append(fmt::format("  records      {}", group.recordCount()));
+    if (!span.isEmpty()) {
+        if (secondsOf(span) > 0) {
+            output.append(
+                fmt::format(", {:.1f}/s", static_cast<double>(group.recordCount() - 1) / secondsOf(span)));
+        }
+        output.append(fmt::format(", from {:.3f} s to {:.3f} s",
+                                  secondsBetween(info.startHostNs, span.firstNs),
+                                  secondsBetween(info.startHostNs, span.lastNs)));
+    }
+    output.append('\n');
+    if (group.tornBytes() > 0 && !group.isBeingWritten()) {
+        output.append(fmt::format("  torn record  {} bytes at the end\n", group.tornBytes()));
+    }
+}
+
+void printSignals(const GroupOverview& group, Output& output) {
+    const std::vector<SignalInfo>& signals = group.reader.info().signals;
+    for (std::size_t i = 0; i < group.ranges.size(); ++i) {
+        const SignalRange& range = group.ranges[i];
+        output.append("  ");
+        output.appendPadded(signals[i].name, 40);
+        output.append(' ');
+        output.appendPadded(value::dataTypeName(signals[i].coding.dataType), 13);
+        if (!range) {
+            output.append(" no value");
+        } else {
+            output.append(fmt::format(" {:>12} {:>12}", range->first.text, range->second.text));
+            if (!signals[i].conversion->unit().empty())
+                output.append(" " + xcp::printableText(signals[i].conversion->unit()));
+        }
+        output.append('\n');
+    }
+}
+
+/// How long all outages were; one without an end lasts at least to what is known last, a record or a line.
+std::string lengthText(const storage::RecordingEvents& events, const storage::TimeSpan& span) {
+    std::int64_t latestNs = span.lastNs;
+    if (!events.clocks.empty()) latestNs = std::max(latestNs, events.clocks.back().hostNs);
+    double seconds = 0;
+    bool isKnown = true;
+    for (const storage::Outage& outage : events.outages) {
+        seconds += secondsBetween(outage.beginNs, outage.endNs.value_or(std::max(latestNs, outage.beginNs)));
+        isKnown = isKnown && outage.endNs.has_value();
+    }
+    if (!isKnown && seconds == 0) return "length not known";
+    return fmt::format("{}{:.3f} s in all", isKnown ? "" : "at least ", seconds);
+}
+
+void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info,
+                  const storage::TimeSpan& span, Output& output) {
+    using File = storage::RecordingEvents::File;
+    // An older program noted none.
+    if (events.file == File::absent) return;
+    if (!events.trouble.empty()) {
+        output.append("outages        not known: " + xcp::printableText(events.trouble) + "\n");
+        return;
+    }
+    if (events.outages.empty()) {
+        output.append("outages        none\n");
+        return;
+    }
+    output.append(fmt::format("outages        {}, {}\n", events.outages.size(), lengthText(events, span)));
+    constexpr std::size_t kMostShown = 20;
+    const std::size_t shown = std::min(events.outages.size(), kMostShown);
+    for (std::size_t i = 0; i < shown; ++i)
+        output.append("  " + outageText(events.outages[i], info) + "\n");
+    if (shown < events.outages.size()) {
+        output.append(fmt::format("  and {} more\n", events.outages.size() - shown));
+    }
+}
+
+/// How far UTC and the clock of the timestamps have moved apart since the start.
+void printClocks(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+    if (events.clocks.size() < 2) return;
+    const storage::ClockPair& first = events.clocks.front();
+    const storage::ClockPair& last = events.clocks.back();
+    const double moved = secondsBetween(first.utcNs, last.utcNs) - secondsBetween(first.hostNs, last.hostNs);
+    constexpr double kWorthTelling = 0.001;
+    if (std::fabs(moved) < kWorthTelling) return;
+    output.append(fmt::format("UTC            moved by {:+.3f} s against the recording's clock until {}\n",
+                              moved, secondsText(last.hostNs, info)));
+}
+
+void printGroup(const GroupOverview& group, const RecordingInfo& info, Output& output) {
+    const std::int64_t cycle = group.reader.info().cycleNs;
+    output.append(fmt::format("group {:<8} {}, {}\n", group.reader.number(),
+                              xcp::printableText(group.reader.info().name), cycleText(cycle)));
+    printCounts(group.reader, group.span, info, output);
+    if (cycle <= 0) {
+        output.append("  gaps         not known, no cycle says when the next record is due\n");
+    } else if (group.gaps) {
+        output.append("  gaps         " + gapText(*group.gaps, info) + "\n");
+    }
+    printSignals(group, output);
+}
+
+void printHead(const RecordingOverview& overview, Output& output) {
+    const RecordingInfo& info = overview.recording.info();
+    output.append("recording      " + xcp::printableText(info.name) +
+                  (overview.beingWritten ? ", still being recorded" : "") + "\n");
+    const std::string source = info.source.empty() ? "" : " (" + info.source + ")";
+    output.append("ECU            " + xcp::printableText(info.ecu + source) + "\n");
+    output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
+    output.append(fmt::format("duration       {:.3f} s\n", secondsOf(overview.span)));
+    output.append("size           " + sizeText(overview.bytes) + "\n");
+    printOutages(overview.events, info, overview.span, output);
+    printClocks(overview.events, info, output);
+}
+
+/// Wraps rather than overflows: times of damaged files are any number.
+std::int64_t sinceStart(std::int64_t timeNs, const RecordingInfo& info) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(timeNs) -
+                                     static_cast<std::uint64_t>(info.startHostNs));
+}
+
+void writeEvents(JsonWriter& json, const storage::RecordingEvents& events, const RecordingInfo& info) {
+    if (events.file == storage::RecordingEvents::File::absent) return;
+    if (!events.trouble.empty()) return json.member("outagesNotKnown", events.trouble);
+    json.key("outages").beginArray();
+    for (const storage::Outage& outage : events.outages) {
+        json.beginObject();
+        json.member("beginNs", sinceStart(outage.beginNs, info));
+        json.key("endNs");
+        outage.endNs ? json.value(sinceStart(*outage.endNs, info)) : json.null();
+        json.member("recovered", outage.recovered);
+        json.member("reason", outage.reason);
+        json.member("outcome", outage.outcome);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void writeExtreme(JsonWriter& json, std::string_view name, const Extreme& extreme) {
+    json.key(name).beginObject();
+    json.member("physical", extreme.physical);
+    json.member("text", extreme.text);
+    json.endObject();
+}
+
+void writeSignals(JsonWriter& json, const GroupOverview& group) {
+    json.key("signals").beginArray();
+    for (std::size_t i = 0; i < group.ranges.size(); ++i) {
+        const SignalInfo& signal = group.reader.info().signals[i];
+        json.beginObject();
+        json.member("name", signal.name);
+        json.member("type", value::dataTypeName(signal.coding.dataType));
+        json.member("unit", signal.conversion->unit());
+        if (group.ranges[i]) {
+            writeExtreme(json, "least", group.ranges[i]->first);
+            writeExtreme(json, "greatest", group.ranges[i]->second);
+        }
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void writeGroup(JsonWriter& json, const GroupOverview& group, const RecordingInfo& info) {
+    json.beginObject();
+    json.member("group", group.reader.number());
+    json.member("name", group.reader.info().name);
+    json.member("cycleNs", group.reader.info().cycleNs);
+    json.member("records", group.reader.recordCount());
+    if (!group.span.isEmpty()) {
+        json.member("firstNs", sinceStart(group.span.firstNs, info));
+        json.member("lastNs", sinceStart(group.span.lastNs, info));
+    }
+    json.member("tornBytes", group.reader.isBeingWritten() ? 0 : group.reader.tornBytes());
+    if (group.gaps) {
+        json.key("gaps").beginObject();
+        json.member("count", group.gaps->count);
+        json.member("isLowerBound", group.gaps->isLowerBound);
+        json.member("longestNs", group.gaps->longest.lengthNs());
+        json.member("longestFromNs",
+                    group.gaps->count == 0 ? 0 : sinceStart(group.gaps->longest.beginNs, info));
+        json.endObject();
+    }
+    writeSignals(json, group);
+    json.endObject();
+}
+
+}  // namespace
+
+void RecordingReport::print(Output& output) const {
+    printHead(overview_, output);
+    for (const GroupOverview& group : overview_.groups)
+        printGroup(group, overview_.recording.info(), output);
+}
+
+void RecordingReport::write(JsonWriter& json) const {
+    const RecordingInfo& info = overview_.recording.info();
+    json.member("name", info.name);
+    json.member("beingWritten", overview_.beingWritten);
+    json.member("ecu", info.ecu);
+    json.member("source", info.source);
+    json.member("start", storage::utcText(info.startHostNs, info, 9));
+    json.member("startUtcNs", info.startUtcNs);
+    json.member("seconds", secondsOf(overview_.span));
+    json.member("bytes", overview_.bytes);
+    writeEvents(json, overview_.events, info);
+    json.key("groups").beginArray();
+    for (const GroupOverview& group : overview_.groups)
+        writeGroup(json, group, info);
+    json.endArray();
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,22 @@
+// How `recording info` shows an overview, as text and as JSON.
+//
+// Threads: one thread. Lifetime: borrows the overview.
+#pragma once
+
+#include "cli/recording_overview.h"
+#include "cli/results.h"
+
+namespace lm::cli {
+
+class RecordingReport final : public IReport {
+  public:
+    explicit RecordingReport(const RecordingOverview& overview) : overview_(overview) {}
+
+    void print(Output& output) const override;
+    void write(JsonWriter& json) const override;
+
+  private:
+    const RecordingOverview& overview_;
+};
+
+}  // namespace lm::cli
