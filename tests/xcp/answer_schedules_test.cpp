@@ -251,12 +251,16 @@ std::size_t packets(bool clearing) {
     return count;
 }
 
-void expectSound(const char* name, const Figures& figures) {
+void print(const char* name, const Figures& figures) {
     std::printf(
         "%-34s runs %8llu  values %9llu  wrong %llu  outside %llu  refused %llu\n", name,
         static_cast<unsigned long long>(figures.runs), static_cast<unsigned long long>(figures.values),
         static_cast<unsigned long long>(figures.wrong), static_cast<unsigned long long>(figures.outside),
         static_cast<unsigned long long>(figures.failures));
+}
+
+void expectSound(const char* name, const Figures& figures) {
+    print(name, figures);
     EXPECT_EQ(figures.wrong, 0U) << name;
     EXPECT_EQ(figures.outside, 0U) << name;
 }
@@ -309,21 +313,26 @@ TEST_F(AnswerSchedules, HaltsAtEveryCommandBesideAnotherFault) {
 }
 
 /// Two or three faults at any moments, of any lengths; while answers come less than t1 apart where one is
-/// doubled.
+/// doubled. What is not promised is told only.
 TEST_F(AnswerSchedules, FaultsAtRandom) {
     const struct {
         const char* name;
         std::vector<Kind> kinds;
         std::size_t latest;  ///< in tenths of t1, but for halts
         std::size_t longestPause;
+        bool promised;
     } rows[] = {
-        {"two halts", {Kind::halt, Kind::halt}, 30, 10},
-        {"halt, lost, not heard", {Kind::halt, Kind::lost, Kind::unheard}, 30, 10},
-        {"halt, late, late", {Kind::halt, Kind::late, Kind::late}, 30, 10},
-        {"halt, doubled later", {Kind::halt, Kind::doubled}, 5, 6},
-        {"two doubled", {Kind::doubled, Kind::doubled}, 30, 10},
-        {"SYNCH unanswered, doubled", {Kind::deaf, Kind::doubled}, 30, 10},
-        {"halt, SYNCH unanswered", {Kind::halt, Kind::deaf}, 30, 10},
+        {"two halts", {Kind::halt, Kind::halt}, 30, 10, true},
+        {"halt, lost, not heard", {Kind::halt, Kind::lost, Kind::unheard}, 30, 10, true},
+        {"halt, late, late", {Kind::halt, Kind::late, Kind::late}, 30, 10, true},
+        {"halt, doubled later", {Kind::halt, Kind::doubled}, 5, 6, true},
+        {"two doubled", {Kind::doubled, Kind::doubled}, 30, 10, true},
+        {"SYNCH unanswered, doubled", {Kind::deaf, Kind::doubled}, 30, 10, true},
+        {"halt, SYNCH unanswered", {Kind::halt, Kind::deaf}, 30, 10, true},
+        {"halt, doubled as late as that", {Kind::halt, Kind::doubled}, 30, 10, false},
+        {"halt, SYNCH unanswered, late", {Kind::halt, Kind::deaf, Kind::late}, 30, 10, false},
+        {"two halts, doubled", {Kind::halt, Kind::halt, Kind::doubled}, 30, 10, false},
+        {"doubled and lost", {Kind::doubled, Kind::lost}, 30, 10, false},
     };
     std::mt19937 random(1);
     const auto below = [&random](std::size_t limit) { return random() % limit; };
@@ -342,7 +351,7 @@ TEST_F(AnswerSchedules, FaultsAtRandom) {
             }
             Session(faults, below(2) != 0, figures).run();
         }
-        expectSound(row.name, figures);
+        row.promised ? expectSound(row.name, figures) : print(row.name, figures);
     }
 }
 
