@@ -279,8 +279,7 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
     measurement.recordDirectory = options_.recordDirectory;
     measurement.sink = &console;
     measurement.onPlanned = [&](const session::MeasurementPlan& plan) {
-        const auto style =
-            session.config().display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
+        const auto style = numberStyle(session.config());
         console.setLines(isJson ? jsonLines(plan, style, objectStart("measure"), startMembers(session, plan))
                                 : textLines(plan, style),
                          plan.daq.lists.size());

@@ -7,74 +7,137 @@
 #include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/stop_signal.h"
+#include "cli/value_json.h"
 #include "session/session.h"
+#include "value/typed_text.h"
 
 namespace lm::cli {
 namespace {
 
-std::string shownText(const session::SessionValue& value) {
-    return value.text.empty() ? "?" : value.text;
+using session::Reading;
+
+std::string shownText(const Reading& reading, value::NumberStyle style) {
+    const std::string text = value::valueText(reading.element, reading.physical(), style);
+    return text.empty() ? "?" : text;
 }
 
-bool printValue(std::string_view name, const Result<session::SessionValue>& value, Output& output) {
-    output.appendValueLine(name, value ? shownText(value.value()) : "ERROR " + value.error().text());
-    return value.ok();
+void writeReading(JsonWriter& json, const Reading& reading, value::NumberStyle style) {
+    writeValue(json, reading.element, reading.bytes.data(), shownText(reading, style));
 }
 
-/// A write that failed on its way may have changed the ECU: the user must not have to guess.
-void tellHeld(std::string_view name, const Result<session::SessionValue>& held) {
-    std::string what;
-    if (held) {
-        what = "the ECU now holds " + shownText(held.value());
-    } else if (held.error().code == ErrorCode::timeout) {
-        what = "the ECU does not answer, what it now holds is not known";
-    } else {
-        what = "what the ECU now holds is not known: " + held.error().text();
+/// A value that was read, or why it was not.
+class ReadReport : public IReport {
+  public:
+    ReadReport(std::string_view name, const Result<Reading>& value, value::NumberStyle style)
+        : name_(name), value_(value), style_(style) {}
+
+    void print(Output& output) const override {
+        output.appendValueLine(name_,
+                               value_ ? shownText(value_.value(), style_) : "ERROR " + value_.error().text());
     }
-    printMessage(std::string(name) + ": " + what + "\n");
-}
 
-bool assign(session::Session& session, std::string_view assignment, bool allowMeasurements, Output& output) {
-    const auto parts = splitAssignment(assignment);
-    if (!parts) {
-        printMessage(std::string(assignment) + ": expected NAME=VALUE\n");
-        return false;
+    void write(JsonWriter& json) const override {
+        json.beginObject();
+        json.member("name", name_);
+        writeMembers(json);
+        json.endObject();
     }
-    const auto outcome = session.write(parts->first, parts->second, allowMeasurements);
-    const bool done = printValue(parts->first, outcome.value, output);
-    output.flush();
-    if (outcome.held) tellHeld(parts->first, *outcome.held);
-    if (!outcome.deviation.empty()) printMessage(std::string(parts->first) + ": " + outcome.deviation + "\n");
-    return done;
-}
 
-int getAll(session::Session& session, const std::vector<std::string>& names, Output& output) {
+  protected:
+    virtual void writeMembers(JsonWriter& json) const {
+        if (value_) return writeReading(json.key("value"), value_.value(), style_);
+        json.key("error").beginObject();
+        writeError(json, value_.error());
+        json.endObject();
+    }
+
+    const std::string_view name_;
+    const Result<Reading>& value_;
+    const value::NumberStyle style_;
+};
+
+/// What became of an assignment.
+class WriteReport final : public ReadReport {
+  public:
+    WriteReport(std::string_view name, std::string_view typed, const session::WriteOutcome& outcome,
+                value::NumberStyle style)
+        : ReadReport(name, outcome.value, style), typed_(typed), outcome_(outcome) {
+        if (!value_) return;
+        const value::Element& element = value_.value().element;
+        deviation_ = value::deviationText(element, typed, outcome.asked, outcome.written, style);
+    }
+
+    void print(Output& output) const override {
+        ReadReport::print(output);
+        output.flush();
+        if (outcome_.held) tell(heldText(*outcome_.held));
+        if (!deviation_.empty()) tell(deviation_);
+    }
+
+  private:
+    void writeMembers(JsonWriter& json) const override {
+        json.member("typed", typed_);
+        ReadReport::writeMembers(json);
+        if (!deviation_.empty()) json.member("deviation", deviation_);
+        if (!outcome_.held) return;
+        json.key("held");
+        *outcome_.held ? writeReading(json, outcome_.held->value(), style_) : json.null();
+    }
+
+    /// A write that failed on its way may have changed the ECU: the user must not have to guess.
+    std::string heldText(const Result<Reading>& held) const {
+        if (held) return "the ECU now holds " + shownText(held.value(), style_);
+        if (held.error().code == ErrorCode::timeout)
+            return "the ECU does not answer, what it now holds is not known";
+        return "what the ECU now holds is not known: " + held.error().text();
+    }
+
+    void tell(const std::string& what) const { printMessage(std::string(name_) + ": " + what + "\n"); }
+
+    const std::string_view typed_;
+    const session::WriteOutcome& outcome_;
+    std::string deviation_;
+};
+
+int getAll(const std::vector<std::string>& names, Workplace& place) {
+    const value::NumberStyle style = numberStyle(place.session->config());
     int exitCode = 0;
     for (std::span<const std::string> rest(names); !rest.empty();) {
         if (stopRequested()) return 1;
-        const auto values = session.read(rest);
+        const auto values = place.session->read(rest);
         for (std::size_t i = 0; i < values.size(); ++i) {
-            if (!printValue(rest[i], values[i], output)) exitCode = 1;
+            place.results.show(ReadReport(rest[i], values[i], style));
+            if (!values[i]) exitCode = 1;
         }
         // Each value appears soon after it is read, however slow the next one is.
-        if (!output.flush()) break;
+        if (!place.results.output().flush()) break;
         rest = rest.subspan(values.size());
     }
     return exitCode;
 }
 
-int setAll(session::Session& session, const std::vector<std::string>& assignments, bool allowMeasurements,
-           Output& output) {
-    int exitCode = 0;
-    for (const std::string& assignment : assignments) {
-        if (stopRequested()) {
-            printMessage(assignment + ": not written, stopped\n");
-            exitCode = 1;
-        } else if (!assign(session, assignment, allowMeasurements, output)) {
-            exitCode = 1;
-        }
-    }
-    return exitCode;
+bool assign(const std::string& assignment, bool allowMeasurements, Workplace& place) {
+    const auto refuse = [&](const Error& error) {
+        place.results.fail(assignment, error, assignment);
+        return false;
+    };
+    if (stopRequested()) return refuse(Error::stopped("not written, stopped"));
+    const auto parts = splitAssignment(assignment);
+    if (!parts) return refuse({ErrorCode::invalidArgument, "expected NAME=VALUE"});
+    const auto& [name, text] = *parts;
+    const auto outcome = place.session->write(name, text, allowMeasurements);
+    place.results.show(WriteReport(name, text, outcome, numberStyle(place.session->config())));
+    return outcome.value.ok();
+}
+
+/// `work` shows the values one after the other and gives the exit code.
+template <typename Work>
+int listValues(Workplace& place, const Work& work) {
+    JsonWriter* const json = place.results.json();
+    if (json != nullptr) json->key("values").beginArray();
+    const int exitCode = work();
+    if (json != nullptr) json->endArray();
+    return stopRequested() ? 1 : exitCode;
 }
 
 }  // namespace
@@ -95,8 +158,7 @@ void GetCommand::overrule(session::SessionConfig& config) const {
 }
 
 int GetCommand::run(Workplace& place) {
-    const int exitCode = getAll(*place.session, names_, place.results.output());
-    return stopRequested() ? 1 : exitCode;
+    return listValues(place, [&] { return getAll(names_, place); });
 }
 
 void SetCommand::addOptions(CLI::App& app) {
@@ -111,8 +173,13 @@ void SetCommand::overrule(session::SessionConfig& config) const {
 }
 
 int SetCommand::run(Workplace& place) {
-    const int exitCode = setAll(*place.session, assignments_, allowMeasurements_, place.results.output());
-    return stopRequested() ? 1 : exitCode;
+    return listValues(place, [&] {
+        int exitCode = 0;
+        for (const std::string& assignment : assignments_) {
+            if (!assign(assignment, allowMeasurements_, place)) exitCode = 1;
+        }
+        return exitCode;
+    });
 }
 
 }  // namespace lm::cli

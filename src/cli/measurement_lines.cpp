@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "cli/json_writer.h"
+#include "cli/value_json.h"
 #include "core/text.h"
 #include "xcp/text_lines.h"
 
@@ -81,24 +82,6 @@ class TextLines final : public IMeasurementLines {
     const value::NumberStyle style_;
     std::vector<Columns> lists_;
 };
-
-/// "raw" and "physical": integers stay integers where the conversion changes nothing.
-void writeNumbers(JsonWriter& json, const value::Element& element, const std::uint8_t* bytes) {
-    if (value::isFloat(element.coding.dataType)) {
-        const double raw = value::decodeRaw(bytes, element.coding);
-        json.member("raw", raw);
-        return json.member("physical", element.conversion->toPhysical(raw));
-    }
-    const std::uint64_t raw = value::decodeInteger(bytes, element.coding);
-    const auto writeRaw = [&](std::string_view key) {
-        value::hasSign(element.coding) ? json.member(key, static_cast<std::int64_t>(raw))
-                                       : json.member(key, raw);
-    };
-    writeRaw("raw");
-    const auto& line = element.conversion->exactLine();
-    if (line && line->isPowerOfTwo() && line->exponent == 0) return writeRaw("physical");
-    json.member("physical", element.conversion->toPhysical(value::rawValue(element, bytes)));
-}
 
 class JsonLines final : public IMeasurementLines {
   public:

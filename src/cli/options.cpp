@@ -69,6 +69,10 @@ void addExact(CLI::App& command, bool& exact) {
     command.add_flag("--exact", exact, "Numbers with all their digits, whatever the display format");
 }
 
+value::NumberStyle numberStyle(const session::SessionConfig& config) {
+    return config.display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
+}
+
 void addDuration(CLI::App& command, double& seconds, const char* help) {
     command.add_option("-t,--duration", seconds, help)->check(checkDuration, "");
 }

@@ -11,6 +11,7 @@
 
 #include "core/result.h"
 #include "session/session_config.h"
+#include "value/value_text.h"
 
 namespace CLI {
 class App;
@@ -39,6 +40,7 @@ void addProgramOptions(CLI::App& app, Options& options);
 
 // Options that several commands have.
 void addExact(CLI::App& command, bool& exact);
+value::NumberStyle numberStyle(const session::SessionConfig& config);
 /// -t; refuses what is no number of seconds from 0.
 void addDuration(CLI::App& command, double& seconds, const char* help);
 /// --from, --to.

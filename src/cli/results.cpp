@@ -19,6 +19,11 @@ std::string_view codeName(ErrorCode code) {
 
 }  // namespace
 
+void writeError(JsonWriter& json, const Error& error) {
+    json.member("code", codeName(error.code));
+    json.member("message", error.text());
+}
+
 std::string objectStart(std::string_view command) {
     std::string text;
     JsonWriter json(text);
@@ -68,8 +73,7 @@ void Results::endObject(int exitCode) {
     json_.key("errors").beginArray();
     for (const auto& [error, name] : errors_) {
         json_.beginObject();
-        json_.member("code", codeName(error.code));
-        json_.member("message", error.text());
+        writeError(json_, error);
         if (!name.empty()) json_.member("name", name);
         json_.endObject();
     }

@@ -75,6 +75,9 @@ class Results {
     bool abandoned_ = false;
 };
 
+/// The members "code" and "message".
+void writeError(JsonWriter& json, const Error& error);
+
 /// {"schema":1,"command":COMMAND without the end: how every object begins.
 std::string objectStart(std::string_view command);
 

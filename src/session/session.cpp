@@ -6,8 +6,10 @@
 
 #include <spdlog/spdlog.h>
 
+#include "a2l/object.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
+#include "value/typed_text.h"
 
 namespace lm::session {
 namespace {
@@ -31,9 +33,13 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
 
 Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements) {
     const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
-    if (object.writable || (isMeasurement && allowMeasurements)) return {};
+    if (!object.writable && !(isMeasurement && allowMeasurements)) {
+        const char* reason = isMeasurement ? " is a measurement without READ_WRITE" : " is not writable";
+        return Error{ErrorCode::permissionDenied, object.name + reason};
+    }
+    if (!object.first.emptyMask) return {};
     return Error{ErrorCode::permissionDenied,
-                 object.name + (isMeasurement ? " is a measurement without READ_WRITE" : " is not writable")};
+                 object.name + ": BIT_MASK 0x0 leaves no bit that may be written"};
 }
 
 }  // namespace
@@ -62,7 +68,8 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
       stop_(std::move(stop)),
       medium_(std::move(medium)),
       master_(std::make_unique<xcp::Master>(medium_->transport(),
-                                            masterOptions(config_.xcp, description_.xcp), stop_.token())) {
+                                            masterOptions(config_.xcp, description_.xcp), stop_.token())),
+      values_(*master_, stop_.token()) {
     master_->setListener(this);
     medium_->setTextSink(&console_);
 }
@@ -120,36 +127,14 @@ Result<xcp::SlaveStatus> Session::status() {
     return xcp::inStep(*master_, [this] { return master_->getStatus(); });
 }
 
-std::vector<Result<SessionValue>> Session::read(std::span<const std::string> names) {
-    constexpr auto kLongest = std::chrono::milliseconds(50);
-    std::vector<Result<SessionValue>> values;
-    const auto readSome = [&]() -> Result<void> {
-        values.clear();
-        const auto end = std::chrono::steady_clock::now() + kLongest;
-        for (const std::string& name : names) {
-            const auto object = a2l::findObject(description_, name);
-            values.push_back(object.ok() ? readElement(object.value().element()) : object.error());
-            if (std::chrono::steady_clock::now() >= end || stopToken().requested()) break;
-        }
-        return {};
-    };
-    if (const auto sure = xcp::inStep(*master_, readSome); !sure.ok()) {
-        silent_ = true;
-        for (auto& value : values) {
-            if (value.ok()) value = sure.error();
-        }
-    }
-    return values;
-}
-
-Result<SessionValue> Session::readElement(const value::Element& element) {
-    const auto bytes = master_->upload(element.address, element.size());
-    if (!bytes.ok()) return bytes.error();
-    SessionValue value;
-    value.raw = value::rawValue(element, bytes.value().data());
-    value.physical = value::physicalValue(element, value.raw);
-    value.text = value::valueText(element, value.physical, numberStyle());
-    return value;
+std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
+    auto outcome = values_.read(names.size(), [&](std::size_t i) -> Result<value::Element> {
+        const auto object = a2l::findObject(description_, names[i]);
+        if (!object.ok()) return object.error();
+        return object.value().element();
+    });
+    if (!outcome.confirmed) silent_ = true;
+    return std::move(outcome.values);
 }
 
 WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
@@ -158,52 +143,11 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, bool a
     if (auto allowed = checkWritable(object.value(), allowMeasurements); !allowed.ok())
         return {allowed.error()};
     const value::Element element = object.value().element();
-    const auto encoded = bytesToWrite(element, text);
-    if (!encoded.ok()) return {encoded.error()};
-    const auto& [bytes, typed] = encoded.value();
-    // From here on a stop is carried out when the value has been read back.
-    const auto finishing = master_->finishing();
-    if (stopToken().requested()) return {Error::stopped(std::string(name) + ": stopped")};
-    WriteOutcome outcome{writeBytes(element, bytes)};
-    if (!outcome.value.ok()) {
-        outcome.held = xcp::inStep(*master_, [&] { return readElement(element); });
-    } else {
-        outcome.deviation = value::deviationText(element, text, typed, bytes, numberStyle());
-    }
-    return outcome;
-}
-
-value::NumberStyle Session::numberStyle() const {
-    return config_.display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
-}
-
-/// The element's bytes in the ECU with the value merged into them.
-Result<Session::EncodedText> Session::bytesToWrite(const value::Element& element, std::string_view text) {
-    if (element.emptyMask) {
-        return Error{ErrorCode::permissionDenied,
-                     element.name + ": BIT_MASK 0x0 leaves no bit that may be written"};
-    }
-    auto bytes = xcp::inStep(*master_, [&] { return master_->upload(element.address, element.size()); });
-    if (!bytes.ok()) return bytes.error();
-    auto typed = value::encodeText(element, text, bytes.value());
-    if (!typed.ok()) return typed.error();
-    return EncodedText{std::move(bytes).value(), std::move(typed).value()};
-}
-
-/// Writes, compares what the ECU then holds, and reads the value once more.
-Result<SessionValue> Session::writeBytes(const value::Element& element,
-                                         const std::vector<std::uint8_t>& bytes) {
-    auto downloaded = master_->download(element.address, bytes);
-    if (!downloaded.ok()) return downloaded.error();
-    return xcp::inStep(*master_, [&]() -> Result<SessionValue> {
-        const auto readBack = master_->upload(element.address, element.size());
-        if (!readBack.ok()) return readBack.error();
-        if (readBack.value() != bytes) {
-            return Error{ErrorCode::protocolError,
-                         element.name + ": read back value differs from the written value"};
-        }
-        return readElement(element);
-    });
+    const auto typed = value::parseText(element, text);
+    if (typed.ok()) return values_.write(element, typed.value());
+    // That an ECU cannot be read counts more than a slip of the pen.
+    const auto current = values_.read(element);
+    return {current.ok() ? typed.error() : current.error()};
 }
 
 Result<void> Session::sendText(std::string_view line) {

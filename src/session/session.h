@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "a2l/description.h"
-#include "a2l/object.h"
 #include "core/result.h"
 #include "core/stop_token.h"
 #include "session/channel_pool.h"
@@ -26,29 +25,13 @@
 #include "session/medium.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
+#include "session/value_access.h"
 #include "storage/write/recorder.h"
-#include "value/typed_text.h"
 #include "xcp/master.h"
 
 namespace lm::session {
 
 class Measurement;
-
-/// A value read from the ECU.
-struct SessionValue {
-    value::Value raw;
-    value::Value physical;
-    std::string text;  ///< display text of the conversion, with all digits where the configuration says so
-};
-
-/// What became of a write.
-struct WriteOutcome {
-    Result<SessionValue> value;  ///< the value as read back
-    /// Only when the write failed after the first command that can change memory: what the ECU held then.
-    std::optional<Result<SessionValue>> held = {};
-    /// value::deviationText() of a number that was written.
-    std::string deviation = {};
-};
 
 class Session final : private xcp::IMasterListener {
   public:
@@ -82,16 +65,12 @@ class Session final : private xcp::IMasterListener {
     /// stop of a measurement and t1. The error is that of the measurement's stop.
     Result<void> close();
 
-    /// Reads the names in their order, until a twentieth of a second has passed or a stop was requested, and
-    /// at least the first: one result for each that was read. Errors of a value: the resolver's, those of
-    /// xcp::Master::upload and xcp::inStep.
-    std::vector<Result<SessionValue>> read(std::span<const std::string> names);
+    /// ValueAccess::read() of what the names stand for. Further errors of a value: a2l::findObject's.
+    std::vector<Result<Reading>> read(std::span<const std::string> names);
 
-    /// Writes a number or verbal text, compares what the ECU then holds, and reads the value once more. A
-    /// stop request that comes after the writing has begun waits for all of it. Errors: the resolver's and
-    /// the master's, "NAME is not writable", "NAME is a measurement without READ_WRITE", "NAME: BIT_MASK 0x0
-    /// leaves no bit that may be written", those of value::encodeText, "NAME: read back value differs from
-    /// the written value".
+    /// ValueAccess::write() of a number or verbal text. Further errors: those of a2l::findObject and
+    /// value::parseText, "NAME is not writable", "NAME is a measurement without READ_WRITE", "NAME: BIT_MASK
+    /// 0x0 leaves no bit that may be written".
     WriteOutcome write(std::string_view name, std::string_view text, bool allowMeasurements);
 
     /// Sends a line of text to the ECU. Errors: those of IMedium::sendText.
@@ -136,19 +115,9 @@ class Session final : private xcp::IMasterListener {
     void onServiceRequest(std::uint8_t code, const std::uint8_t* packet, std::size_t length) override;
     void onTransportEvent(const xcp::TransportEvent& event) override;
 
-    /// What a typed text makes of an element's bytes in the ECU, and what was typed.
-    struct EncodedText {
-        std::vector<std::uint8_t> bytes;
-        value::Value typed;
-    };
-
     void changeState(SessionState state, const std::string& message);
     Result<void> beginRecording(const std::filesystem::path& directory);
     Result<void> beginMeasurement(const MeasurementOptions& options);
-    Result<SessionValue> readElement(const value::Element& element);
-    value::NumberStyle numberStyle() const;
-    Result<EncodedText> bytesToWrite(const value::Element& element, std::string_view text);
-    Result<SessionValue> writeBytes(const value::Element& element, const std::vector<std::uint8_t>& bytes);
     void warnAboutByteOrder() const;
 
     // Constant after construction.
@@ -160,6 +129,7 @@ class Session final : private xcp::IMasterListener {
 
     // One thread at a time.
     std::unique_ptr<xcp::Master> master_;
+    ValueAccess values_;
     std::optional<xcp::DaqCapabilities> capabilities_;
     // The running or the last ones, for their statistics. The measurement borrows the recording.
     std::unique_ptr<storage::Recorder> recording_;

@@ -58,6 +58,10 @@ Value physicalValue(const Element& element, const Value& raw) {
 }
 
 Result<void> encodePhysical(const Element& element, const Value& physical, std::span<std::uint8_t> buffer) {
+    if (const auto* text = std::get_if<std::string>(&physical)) {
+        const Result<double> raw = element.conversion->rawFromText(*text);
+        return raw ? encodePhysical(element, raw.value(), buffer) : fault(element, raw.error().message);
+    }
     if (auto checked = checkLimits(element, toDouble(physical)); !checked) return checked;
     auto encoded = encodeWithinLimits(element, physical, buffer);
     if (encoded) return encoded;

@@ -42,8 +42,9 @@ Value rawValue(const Element& element, const std::uint8_t* bytes);
 /// The physical value of a raw one: its verbal text where it has one, else a number.
 Value physicalValue(const Element& element, const Value& raw);
 
-/// Limit check, inverse conversion, raw encode of a number. `buffer` holds the current ECU bytes (their bits
-/// outside a mask stay). Errors (invalidArgument or unsupported, buffer untouched) bear the element's name.
+/// Limit check, inverse conversion, raw encode of a number (rounded to what the element can hold) or a verbal
+/// text. `buffer` holds the current ECU bytes (their bits outside a mask stay). Errors (invalidArgument or
+/// unsupported, buffer untouched) bear the element's name.
 Result<void> encodePhysical(const Element& element, const Value& physical, std::span<std::uint8_t> buffer);
 
 }  // namespace lm::value

@@ -76,20 +76,15 @@ bool isNearest(const Element& element, const Value& raw, const Value& number) {
 
 }  // namespace
 
-Result<Value> encodeText(const Element& element, std::string_view text, std::span<std::uint8_t> buffer) {
+Result<Value> parseText(const Element& element, std::string_view text) {
     std::string notANumber = "'" + std::string(text) + "' is not a number";
     if (element.conversion->isVerbal()) {
         const Result<double> raw = element.conversion->rawFromText(text);
-        if (raw) {
-            if (auto encoded = encodePhysical(element, raw.value(), buffer); !encoded) return encoded.error();
-            return Value(std::string(text));
-        }
+        if (raw) return Value(std::string(text));
         notANumber = raw.error().message;
     }
-    std::optional<Value> number = parseNumber(text, element.keepsIntegers());
-    if (!number) return Error{ErrorCode::invalidArgument, element.name + ": " + notANumber};
-    if (auto encoded = encodePhysical(element, *number, buffer); !encoded) return encoded.error();
-    return std::move(*number);
+    if (auto number = parseNumber(text, element.keepsIntegers())) return std::move(*number);
+    return Error{ErrorCode::invalidArgument, element.name + ": " + notANumber};
 }
 
 std::string deviationText(const Element& element, std::string_view text, const Value& typed,

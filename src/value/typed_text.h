@@ -13,10 +13,10 @@
 
 namespace lm::value {
 
-/// The text that a user typed (a verbal text or a number that uses up the whole text, decimal or 0x) into
-/// bytes; a number is rounded to what the element can hold. Gives what was typed: a text or a number. Errors:
-/// those of encodePhysical(), "NAME: 'TEXT' is not a number", "NAME: 'TEXT' is not a valid value".
-Result<Value> encodeText(const Element& element, std::string_view text, std::span<std::uint8_t> buffer);
+/// What a user typed as a physical value: a verbal text of the element, or a number that uses up the whole
+/// text, decimal or 0x. Errors (invalidArgument): "NAME: 'TEXT' is not a number", "NAME: 'TEXT' is not a
+/// valid value".
+Result<Value> parseText(const Element& element, std::string_view text);
 
 /// What a user is told when the number `typed` was written and the bytes now mean another one, by more than
 /// half a step of what is displayed: "0.85 is not possible, the nearest value is 0.900"; empty when they do

@@ -118,18 +118,18 @@ TEST(BitOperation, ReplacesTheShiftOfTheMaskBothWays) {
         const char* name;
         double read, written;  // of 0xABCD
         std::vector<std::uint8_t> after;
-        const char* refused;
+        double refused;
     };
-    const Row rows[] = {{"plain", 188, 1, {0x1D, 0xA0}, "256"},
-                        {"signed", -68, -2, {0xED, 0xAF}, "128"},
-                        {"inPlace", 3008, 25, {0x2D, 0xA0}, "4096"},
-                        {"cut", 47, 1, {0x4D, 0xA0}, "64"},
-                        {"up", -344880, -160, {0xF6, 0xFF}, "524280"}};
+    const Row rows[] = {{"plain", 188, 1, {0x1D, 0xA0}, 256},
+                        {"signed", -68, -2, {0xED, 0xAF}, 128},
+                        {"inPlace", 3008, 25, {0x2D, 0xA0}, 4096},
+                        {"cut", 47, 1, {0x4D, 0xA0}, 64},
+                        {"up", -344880, -160, {0xF6, 0xFF}, 524280}};
     for (const Row& row : rows) {
         const value::Element one = findObject(description, row.name).value().element();
         std::vector<std::uint8_t> bytes = {0xCD, 0xAB};
         EXPECT_EQ(value::toDouble(value::rawValue(one, bytes.data())), row.read) << row.name;
-        EXPECT_FALSE(value::encodeText(one, row.refused, bytes).ok()) << row.name;
+        EXPECT_FALSE(value::encodePhysical(one, row.refused, bytes).ok()) << row.name;
         EXPECT_TRUE(value::encodeRaw(row.written, one.coding, bytes).ok()) << row.name;
         EXPECT_EQ(bytes, row.after) << row.name;
     }

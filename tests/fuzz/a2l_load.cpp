@@ -43,9 +43,10 @@ void useElement(const value::Element& element) {
         const double physical = element.conversion->toPhysical(raw);
         const std::string text = element.conversion->format(raw);
         if (auto written = value::encodePhysical(element, physical, again); !written) again = content;
-        if (auto written = value::encodeText(element, text, again); !written) {
-            require(written.error().text().starts_with(element.name), "the error names the object");
-        }
+        const auto typed = value::parseText(element, text);
+        const auto written =
+            typed ? value::encodePhysical(element, typed.value(), again) : Result<void>(typed.error());
+        require(written || written.error().text().starts_with(element.name), "the error names the object");
     }
 }
 

@@ -3,7 +3,7 @@ import json
 import shutil
 import unittest
 
-from harness import SystemTest, record, signals
+from harness import SystemTest, record, signals, value_line
 from recording import Recording
 
 
@@ -51,6 +51,16 @@ def export_text(told):
     return "".join(f"{file} written\n" for file in told["files"])
 
 
+def values_text(told):
+    return "".join(value_line(v["name"], v["value"]["text"] if "value" in v else f"ERROR {v['error']['message']}")
+                   for v in told["values"])
+
+
+def told_beside(told):
+    rows = [(v["name"], f"the ECU now holds {v['held']['text']}" if "held" in v else v.get("deviation")) for v in told["values"]]
+    return "".join(f"{name}: {text}\n" for name, text in rows if text)
+
+
 class JsonTest(SystemTest):
     def told(self, *arguments):
         """The object that a command prints, and how it ended."""
@@ -74,6 +84,9 @@ class JsonTest(SystemTest):
         rows = [(info_text, ["info"]), (list_text, ["list"]), (list_text, ["list", "-p", "lim"]),
                 (recording_text, ["recording", "info", directory]), (check_text, ["recording", "check", directory]),
                 (check_text, ["recording", "check", damaged]),
+                (values_text, ["get", "cal_injector", "cal_uint64_lsb", "cal_lambda", "none", "cylinder_pressure"]),
+                (values_text, ["set", "--exact", "cal_lambda=0.85", "cal_uint64_lsb=0x1FFFFFFFFFFFFFFF", "cal_injector=test mode",
+                               "cal_stubborn=1", "cal_limited=1,5"]),
                 (export_text, ["export", directory, "--force", "-o", self.dir / "x.csv"])]
         for text, arguments in rows:
             with self.subTest(arguments):
@@ -81,6 +94,13 @@ class JsonTest(SystemTest):
                 plain = self.run_cli(sim, *arguments)
                 self.assertEqual((text(told), told["errors"]), (plain.stdout, []))
                 self.assertEqual((done.returncode, done.stderr), (plain.returncode, ""))
+                if text is values_text:
+                    self.assertEqual(told_beside(told), plain.stderr)
+        told, _ = self.told(*self.arguments(sim, "set", f"cal_uint64_lsb={2 ** 64 - 3}", "cal_injector=1", "x")[1:])
+        self.assertEqual([v.get("value") for v in told["values"]],
+                         [{"raw": 2 ** 64 - 3, "physical": 2 ** 64 - 3, "unit": "", "text": "1.84467e+19"},
+                          {"raw": 1, "physical": 1, "unit": "", "text": "on"}])
+        self.assertEqual(told["errors"], [{"code": "invalidArgument", "message": "expected NAME=VALUE", "name": "x"}])
 
     def test_errors_are_objects_and_lines(self):
         sim = self.start_sim()

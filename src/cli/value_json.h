@@ -1,0 +1,21 @@
+// Values as JSON (docs/json.md).
+//
+// Threads: pure functions. Lifetime: `bytes` hold at least the element's size.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "cli/json_writer.h"
+#include "value/element.h"
+
+namespace lm::cli {
+
+/// The members "raw" and "physical": integers stay integers where the conversion changes nothing.
+void writeNumbers(JsonWriter& json, const value::Element& element, const std::uint8_t* bytes);
+
+/// The whole object.
+void writeValue(JsonWriter& json, const value::Element& element, const std::uint8_t* bytes,
+                std::string_view text);
+
+}  // namespace lm::cli

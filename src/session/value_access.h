@@ -1,0 +1,75 @@
+// Reads and writes what objects of the ECU hold. What is told was certainly read from where it should be, and
+// what was written was read back.
+//
+// Threads: one at a time; a stop may be requested from any. Lifetime: the master is borrowed; what is
+// returned owns everything.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "core/result.h"
+#include "core/stop_token.h"
+#include "value/element.h"
+#include "xcp/master.h"
+
+namespace lm::session {
+
+/// What an element holds: its bytes, which give the raw value, the physical one and the text.
+struct Reading {
+    value::Element element;
+    std::vector<std::uint8_t> bytes;
+
+    value::Value raw() const { return value::rawValue(element, bytes.data()); }
+    value::Value physical() const { return value::physicalValue(element, raw()); }
+};
+
+struct ReadOutcome {
+    std::vector<Result<Reading>> values;
+    bool confirmed = true;  ///< else no value is certain, and all of them are errors
+};
+
+/// What became of a write.
+struct WriteOutcome {
+    Result<Reading> value;  ///< as read back
+    /// Only when the write failed after the first command that can change memory: what the ECU held then.
+    std::optional<Result<Reading>> held = {};
+    // Of a write that succeeded: what was asked for, and the bytes that it became.
+    value::Value asked = {};
+    std::vector<std::uint8_t> written = {};
+};
+
+class ValueAccess {
+  public:
+    /// `stop` is that of the master's waits.
+    ValueAccess(xcp::Master& master, StopToken stop) : master_(master), stop_(std::move(stop)) {}
+
+    /// Which element is read as the N-th one, or why none is.
+    using ElementSource = std::function<Result<value::Element>(std::size_t index)>;
+
+    /// Reads `count` elements in their order, until a twentieth of a second has passed or a stop was
+    /// requested, and at least the first: one result for each that was read. Errors of a value: the source's,
+    /// those of xcp::Master::upload and xcp::inStep.
+    ReadOutcome read(std::size_t count, const ElementSource& source);
+
+    /// Writes a physical value, compares what the ECU then holds, and reads the value once more. A stop
+    /// request that comes after the writing has begun waits for all of it. Errors: those of
+    /// value::encodePhysical, the master's, "NAME: stopped", "NAME: read back value differs from the written
+    /// value".
+    WriteOutcome write(const value::Element& element, const value::Value& physical);
+
+    /// Reads one element. Errors: those of xcp::Master::upload and xcp::inStep.
+    Result<Reading> read(const value::Element& element);
+
+  private:
+    Result<Reading> readUnconfirmed(value::Element element);
+    Result<Reading> download(const value::Element& element, const std::vector<std::uint8_t>& bytes);
+
+    xcp::Master& master_;
+    const StopToken stop_;
+};
+
+}  // namespace lm::session
