@@ -114,10 +114,10 @@ Error cannotRead(const std::filesystem::path& path, int systemError) {
 }
 
 /// 0, or the errno of what failed; EFBIG above the largest size.
-int readAll(int descriptor, FileText& text, int stopDescriptor) {
+int readAll(int descriptor, FileText& text, const StopToken& stop) {
     while (text.text().size() <= kMaxText) {
         char* const room = text.room();
-        const ssize_t count = readUnlessStopped(descriptor, room, text.roomSize(), stopDescriptor);
+        const ssize_t count = readUnlessStopped(descriptor, room, text.roomSize(), stop);
         if (count == 0) return 0;
         if (count < 0) return errno;
         text.add(static_cast<std::size_t>(count));
@@ -125,7 +125,7 @@ int readAll(int descriptor, FileText& text, int stopDescriptor) {
     return EFBIG;
 }
 
-Result<FileText> readText(const std::filesystem::path& path, int stopDescriptor) {
+Result<FileText> readText(const std::filesystem::path& path, const StopToken& stop) {
     const int descriptor = openForReading(path);
     if (descriptor < 0) return cannotOpen(path, errno);
     const auto close = [](const int* opened) { ::close(*opened); };
@@ -134,7 +134,7 @@ Result<FileText> readText(const std::filesystem::path& path, int stopDescriptor)
     const bool sized = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
     const std::size_t size = sized ? static_cast<std::size_t>(status.st_size) : 0;
     FileText text(size > kMaxText ? 0 : size + kReadStep);
-    const int failure = size > kMaxText ? EFBIG : readAll(descriptor, text, stopDescriptor);
+    const int failure = size > kMaxText ? EFBIG : readAll(descriptor, text, stop);
     if (failure == 0) return text;
     if (failure == EISDIR) return cannotOpen(path, failure);
     if (failure == EFBIG) {
@@ -143,8 +143,8 @@ Result<FileText> readText(const std::filesystem::path& path, int stopDescriptor)
     return cannotRead(path, failure);
 }
 
-Result<Description> readAndParse(const std::filesystem::path& path, int stopDescriptor, bool digest) {
-    auto read = readText(path, stopDescriptor);
+Result<Description> readAndParse(const std::filesystem::path& path, const StopToken& stop, bool digest) {
+    auto read = readText(path, stop);
     if (!read) return read.error();
     FileText text = std::move(read).value();
     std::string sha256 = digest ? sha256Hex(text.text()) : std::string();
@@ -157,9 +157,9 @@ Result<Description> readAndParse(const std::filesystem::path& path, int stopDesc
 
 }  // namespace
 
-Result<Description> load(const std::filesystem::path& path, int stopDescriptor, bool digest) {
+Result<Description> load(const std::filesystem::path& path, const StopToken& stop, bool digest) {
     try {
-        return readAndParse(path, stopDescriptor, digest);
+        return readAndParse(path, stop, digest);
     } catch (const std::bad_alloc&) {
         return cannotRead(path, ENOMEM);
     }

@@ -21,7 +21,6 @@ class Session;
 namespace lm::cli {
 
 class Console;
-class StopWatcher;
 struct Options;
 
 /// What is there when a command runs; each kind has all of those before it.
@@ -40,7 +39,6 @@ struct Workplace {
     // Needs::session and above; else null.
     session::Session* session = nullptr;
     Console* console = nullptr;
-    StopWatcher* stop = nullptr;
 };
 
 class ICommand {

@@ -89,7 +89,8 @@ class InputLines {
 /// Waits for input: what has come, empty at the end of input, after an error, or when a stop is asked for.
 std::string_view readSome(std::array<char, 4096>& block) {
     while (!stopRequested()) {
-        std::array<pollfd, 2> waits = {pollfd{STDIN_FILENO, POLLIN, 0}, pollfd{stopDescriptor(), POLLIN, 0}};
+        std::array<pollfd, 2> waits = {pollfd{STDIN_FILENO, POLLIN, 0},
+                                       pollfd{stopToken().descriptor(), POLLIN, 0}};
         if (::poll(waits.data(), waits.size(), -1) < 0 || waits[1].revents != 0) continue;
         const ssize_t count = ::read(STDIN_FILENO, block.data(), block.size());
         if (count > 0) return {block.data(), static_cast<std::size_t>(count)};
@@ -115,7 +116,7 @@ void sendInput(const std::shared_ptr<Input>& input) {
 
 /// False when a stop is asked for or nobody reads standard output any more.
 bool pauseUnlessOver() {
-    std::array<pollfd, 2> waits = {pollfd{stopDescriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
+    std::array<pollfd, 2> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
     ::poll(waits.data(), waits.size(), kPauseMs);
     return !stopRequested() && (waits[1].revents & (POLLERR | POLLHUP)) == 0;
 }

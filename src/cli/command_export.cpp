@@ -96,11 +96,8 @@ Result<exporter::ExportSummary> exportWithProgress(const ExportCommand::Options&
     auto recording = storage::RecordingReader::open(request.directory);
     if (!recording) return recording.error();
     ProgressLine line;
-    return exporter::exportRecording(recording.value(), options.value(),
-                                     [&line](std::uint64_t done, std::uint64_t total) {
-                                         line.show(done, total);
-                                         return !stopRequested();
-                                     });
+    const auto show = [&line](std::uint64_t done, std::uint64_t total) { line.show(done, total); };
+    return exporter::exportRecording(recording.value(), options.value(), show, stopToken());
 }
 
 class ExportReport final : public IReport {

@@ -179,7 +179,7 @@ int ListCommand::run(Workplace& place) {
         place.results.fail("session", Error{ErrorCode::invalidArgument, "no A2L file configured"});
         return 1;
     }
-    const auto description = a2l::load(file, stopDescriptor());
+    const auto description = a2l::load(file, stopToken());
     if (!description) {
         place.results.fail("session", description.error(), file.string());
         return 1;

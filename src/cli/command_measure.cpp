@@ -33,25 +33,21 @@ using Seconds = std::chrono::duration<double>;
 // One look at everything that ends a measurement from outside; waits up to 50 ms for it to happen.
 bool stopAskedFor(const Console& console, Seconds left) {
     const double limitMs = std::clamp(std::ceil(left.count() * 1000), 0.0, 50.0);
-    std::array<pollfd, 2> waits = {pollfd{stopDescriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
+    std::array<pollfd, 2> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
     ::poll(waits.data(), waits.size(), static_cast<int>(limitMs));
     const bool readerGone = (waits[1].revents & (POLLERR | POLLHUP)) != 0;
     return stopRequested() || readerGone || console.failure() != 0;
 }
 
 // Returns the seconds measured.
-double measureUntilEnd(double duration, session::Session& session, const Console& console,
-                       StopWatcher& stop) {
+double measureUntilEnd(double duration, const session::Session& session, const Console& console) {
     const auto start = Clock::now();
     for (;;) {
         const Seconds elapsed = Clock::now() - start;
         if (session.state() == session::SessionState::failed) return elapsed.count();
         if (duration > 0 && elapsed.count() >= duration) return elapsed.count();
         const Seconds left = duration > 0 ? Seconds(duration) - elapsed : Seconds(1);
-        if (stopAskedFor(console, left)) {
-            stop.stopNow();
-            return Seconds(Clock::now() - start).count();
-        }
+        if (stopAskedFor(console, left)) return Seconds(Clock::now() - start).count();
     }
 }
 
@@ -301,7 +297,7 @@ int MeasureCommand::run(Workplace& place) {
         return 1;
     }
     printMessage(startLine(summary.value(), options_.recordDirectory) + "\n");
-    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console, *place.stop);
+    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console);
     return finish(place, summary.value(), seconds);
 }
 

@@ -89,7 +89,7 @@ class CheckReport final : public IReport {
 /// How `info` shows numbers: of a configuration that is given, this alone counts.
 Result<value::NumberStyle> numberStyle(bool exact, const Options& options) {
     if (options.configFile) {
-        auto config = session::loadSessionConfig(*options.configFile, stopDescriptor());
+        auto config = session::loadSessionConfig(*options.configFile, stopToken());
         if (!config) return config.error();
         exact = exact || config.value().display.exact;
     }
@@ -125,7 +125,7 @@ void RecordingCheckCommand::addOptions(CLI::App& app) {
 }
 
 int RecordingCheckCommand::run(Workplace& place) {
-    const auto check = storage::checkRecording(directory_, stopRequested);
+    const auto check = storage::checkRecording(directory_, stopToken());
     if (!check) return fail(place.results, check.error(), directory_);
     place.results.show(CheckReport(directory_, check.value()));
     return check.value().findings.empty() ? 0 : 1;
@@ -138,7 +138,7 @@ void RecordingRepairCommand::addOptions(CLI::App& app) {
 int RecordingRepairCommand::run(Workplace& place) {
     Output& output = place.results.output();
     bool changed = false;
-    auto left = storage::repairRecording(directory_, stopRequested, [&](const std::string& change) {
+    auto left = storage::repairRecording(directory_, stopToken(), [&](const std::string& change) {
         changed = true;
         output.append(change + "\n");
     });

@@ -27,11 +27,6 @@ Result<void> LineKeeper::start() {
 }
 
 void LineKeeper::end() {
-    {
-        const std::lock_guard lock(mutex_);
-        ending_ = true;
-        wake_.notify_all();
-    }
     session_.requestStop();
     if (thread_.joinable()) thread_.join();
 }
@@ -40,7 +35,7 @@ void LineKeeper::keep() {
     pthread_setname_np(pthread_self(), "line-keeper");
     bool open = openFirst();
     begun_.store(true);
-    while (!waitOrEnd()) {
+    while (!stop_.waitFor(kBetweenAttempts)) {
         if (!open || session_.transportLost()) open = openAgain();
     }
 }
@@ -50,7 +45,7 @@ bool LineKeeper::openFirst() {
     const Result<void> connected = opened.ok() ? session_.open() : Result<void>();
     const Error* failure = !opened.ok() ? &opened.error() : !connected.ok() ? &connected.error() : nullptr;
     // What a stop has ended did not fail.
-    if (failure == nullptr || ending()) return opened.ok();
+    if (failure == nullptr || stop_.requested()) return opened.ok();
     printError("connect", Error{failure->code, textOnly(*failure)});
     if (opened.ok()) return true;
     told_ = failure->text();
@@ -60,7 +55,7 @@ bool LineKeeper::openFirst() {
 
 bool LineKeeper::openAgain() {
     const Result<void> opened = session_.openTransport();
-    if (ending()) return false;
+    if (stop_.requested()) return false;
     if (!opened.ok()) {
         // Each reason once, not each second.
         if (told_ != opened.error().text()) session_.consoleLog().onNotice(opened.error().text());
@@ -69,22 +64,11 @@ bool LineKeeper::openAgain() {
     }
     told_.clear();
     const Result<void> connected = session_.open();
-    if (!ending()) {
+    if (!stop_.requested()) {
         session_.consoleLog().onNotice(connected.ok() ? "connected"
                                                       : "connect: " + textOnly(connected.error()));
     }
     return true;
-}
-
-/// True when the thread is to end.
-bool LineKeeper::waitOrEnd() {
-    std::unique_lock lock(mutex_);
-    return wake_.wait_for(lock, kBetweenAttempts, [this] { return ending_; });
-}
-
-bool LineKeeper::ending() {
-    const std::lock_guard lock(mutex_);
-    return ending_ || stopRequested();
 }
 
 }  // namespace lm::cli

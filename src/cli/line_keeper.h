@@ -7,8 +7,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -18,7 +16,7 @@ namespace lm::cli {
 
 class LineKeeper {
   public:
-    explicit LineKeeper(session::Session& session) : session_(session) {}
+    explicit LineKeeper(session::Session& session) : session_(session), stop_(session.stopToken()) {}
     ~LineKeeper() { end(); }
     LineKeeper(const LineKeeper&) = delete;
     LineKeeper& operator=(const LineKeeper&) = delete;
@@ -37,18 +35,13 @@ class LineKeeper {
     void keep();
     bool openFirst();
     bool openAgain();
-    bool waitOrEnd();
-    bool ending();
 
     session::Session& session_;
+    const StopToken stop_;
 
     std::atomic<bool> begun_{false};
 
     std::string told_;  // the thread's alone: why the line is not open, as told last
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    bool ending_ = false;  // under mutex_
 
     std::thread thread_;
 };

@@ -33,7 +33,8 @@ int waitForReader(int descriptor, int systemError) {
     if (systemError != EINTR && systemError != EAGAIN) return systemError;
     if (stopRequested()) return EINTR;
     if (systemError == EINTR) return 0;
-    std::array<pollfd, 2> waits = {pollfd{descriptor, POLLOUT, 0}, pollfd{stopDescriptor(), POLLIN, 0}};
+    std::array<pollfd, 2> waits = {pollfd{descriptor, POLLOUT, 0},
+                                   pollfd{stopToken().descriptor(), POLLIN, 0}};
     ::poll(waits.data(), waits.size(), -1);
     return 0;
 }

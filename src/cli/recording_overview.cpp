@@ -59,7 +59,7 @@ Result<std::vector<SignalRange>> extremesFromLevels(const GroupReader& group,
 
 Result<std::vector<SignalRange>> extremesFromRecords(const GroupReader& group) {
     const std::vector<SignalInfo>& signals = group.info().signals;
-    auto extremes = storage::exactExtremes(group, stopRequested);
+    auto extremes = storage::exactExtremes(group, stopToken());
     if (!extremes) return extremes.error();
     std::vector<SignalRange> shown(signals.size());
     for (std::size_t i = 0; i < signals.size(); ++i) {

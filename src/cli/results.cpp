@@ -47,7 +47,7 @@ void Results::fail(std::string_view prefix, const Error& error, std::string_view
 }
 
 void Results::failOrStopped(std::string_view prefix, const Error& error, std::string_view name) {
-    if (error.code != ErrorCode::closed) printError(prefix, error);
+    if (!error.isStop()) printError(prefix, error);
     errors_.push_back({error, std::string(name)});
 }
 

@@ -31,7 +31,7 @@ std::optional<session::SessionConfig> effectiveConfig(const CommandLine& line, R
     session::SessionConfig config;
     const Options& options = line.options;
     if (options.configFile) {
-        auto loaded = session::loadSessionConfig(*options.configFile, stopDescriptor());
+        auto loaded = session::loadSessionConfig(*options.configFile, stopToken());
         if (!loaded) {
             results.fail("configuration", loaded.error(), *options.configFile);
             return std::nullopt;
@@ -60,7 +60,7 @@ int runSession(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
     auto created =
         session::Session::create(std::move(place.config), {}, session::ChannelPool::ofThisMachine(),
-                                 stopDescriptor(), line.command->isRecorded());
+                                 stopToken(), line.command->isRecorded());
     if (!created) {
         place.results.fail("session", created.error());
         return 1;
@@ -69,13 +69,12 @@ int runSession(const CommandLine& line, Workplace& place) {
     session.setListener(&console);
     int exitCode = 1;
     {
-        StopWatcher stop([&session] { session.requestStop(); });
+        StopWatcher stop;
         if (auto watching = stop.start(); !watching) {
             place.results.fail("session", watching.error());
         } else {
             place.session = &session;
             place.console = &console;
-            place.stop = &stop;
             exitCode = runInSession(line, place);
         }
     }

@@ -2,14 +2,14 @@
 // or SIGTERM that comes later kills it. What comes within 300 ms of the first belongs to it.
 //
 // Threads: installStopHandlers from the main thread before any other; everything else from any thread.
-// Lifetime: process-wide; a StopWatcher borrows what its function touches until it is destroyed.
+// Lifetime: process-wide.
 #pragma once
 
-#include <functional>
-#include <mutex>
+#include <optional>
 #include <thread>
 
 #include "core/result.h"
+#include "core/stop_token.h"
 
 namespace lm::cli {
 
@@ -19,29 +19,22 @@ Result<void> installStopHandlers();
 
 bool stopRequested();
 
-/// Readable for poll() once a stop is requested; never to be read.
-int stopDescriptor();
+/// Of the whole program.
+StopToken stopToken();
 
-/// Calls a function once, on a thread of its own, when a stop is requested: what blocks the main thread
-/// (waiting for the ECU) can be ended from there, but not from a signal handler.
+/// While it lives, a thread passes the stop on to the callbacks, which a signal handler cannot run: what
+/// waits on a condition variable ends so.
 class StopWatcher {
   public:
-    explicit StopWatcher(std::function<void()> onStop);
+    StopWatcher() = default;
     /// Begins to watch. Error: "cannot watch for signals: REASON".
     Result<void> start();
     ~StopWatcher();
     StopWatcher(const StopWatcher&) = delete;
     StopWatcher& operator=(const StopWatcher&) = delete;
 
-    /// Calls the function now unless it has been called; has returned from it in either case.
-    void stopNow();
-
   private:
-    void watch();
-
-    const std::function<void()> onStop_;
-    const int end_;  ///< eventfd, readable when the watcher is to end
-    std::once_flag called_;
+    std::optional<StopSource> end_;
     std::thread thread_;
 };
 

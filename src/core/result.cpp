@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace lm {
 
@@ -42,6 +43,14 @@ ErrorCode codeFromErrno(int systemError) {
 
 std::string Error::text() const {
     return message.empty() ? std::string(errorName(code)) : message;
+}
+
+Error Error::stopped(std::string message) {
+    return {ErrorCode::closed, std::move(message), ECANCELED};
+}
+
+bool Error::isStop() const {
+    return sysErrno == ECANCELED;
 }
 
 Error Error::fromErrno(ErrorCode code, int systemError, std::string_view context) {

@@ -45,6 +45,11 @@ struct Error {
     /// The text to print: the message, or the name of the code when there is none.
     std::string text() const;
 
+    /// What was ended because a stop was requested: ErrorCode::closed with ECANCELED, which is also what
+    /// reading a file gives then.
+    static Error stopped(std::string message);
+    bool isStop() const;
+
     /// "context: strerror(systemError)" with the code given, or derived from `systemError`.
     static Error fromErrno(ErrorCode code, int systemError, std::string_view context);
     static Error fromErrno(int systemError, std::string_view context);

@@ -16,8 +16,8 @@ int openForReading(const std::filesystem::path& path) {
     return descriptor;
 }
 
-ssize_t readUnlessStopped(int descriptor, void* into, std::size_t size, int stopDescriptor) {
-    std::array<pollfd, 2> waits = {pollfd{descriptor, POLLIN, 0}, pollfd{stopDescriptor, POLLIN, 0}};
+ssize_t readUnlessStopped(int descriptor, void* into, std::size_t size, const StopToken& stop) {
+    std::array<pollfd, 2> waits = {pollfd{descriptor, POLLIN, 0}, pollfd{stop.descriptor(), POLLIN, 0}};
     for (;;) {
         // First of all: a pipe without a writer reads as empty until this has seen one.
         if (::poll(waits.data(), waits.size(), -1) < 0) {

@@ -7,13 +7,15 @@
 #include <filesystem>
 #include <sys/types.h>
 
+#include "core/stop_token.h"
+
 namespace lm {
 
 /// For the function below; returns at once for a pipe without a writer too. -1 with errno.
 int openForReading(const std::filesystem::path& path);
 
-/// As read() does, waiting for data where there is none yet. -1 with ECANCELED when `stopDescriptor` became
-/// readable first; -1 as descriptor: never.
-ssize_t readUnlessStopped(int descriptor, void* into, std::size_t size, int stopDescriptor);
+/// As read() does, waiting for data where there is none yet. -1 with ECANCELED when a stop was requested
+/// first.
+ssize_t readUnlessStopped(int descriptor, void* into, std::size_t size, const StopToken& stop);
 
 }  // namespace lm

@@ -23,8 +23,8 @@ Result<storage::TimeRange> exportedTimes(const storage::RecordingInfo& info, con
 
 Result<void> Progress::advance(std::uint64_t bytes) {
     done_ += bytes;
-    if (function_ && !function_(done_, total_)) return Error{ErrorCode::closed, "stopped"};
-    return {};
+    if (function_) function_(done_, total_);
+    return stop_.requested() ? Error::stopped("stopped") : Result<void>();
 }
 
 Result<std::vector<ExportGroup>> planExport(const storage::RecordingReader& recording,

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "storage/read/group_reader.h"
 #include "storage/read/recording_reader.h"
 
@@ -37,21 +38,22 @@ struct ExportOptions {
     bool gaps = false;       ///< CSV: one more file that lists outages and gaps
 };
 
-/// Told now and then: bytes of records done and to do. False ends the export.
-using ProgressFunction = std::function<bool(std::uint64_t done, std::uint64_t total)>;
+/// Told now and then: bytes of records done and to do.
+using ProgressFunction = std::function<void(std::uint64_t done, std::uint64_t total)>;
 
 class Progress {
   public:
-    Progress(ProgressFunction function, std::uint64_t total)
-        : function_(std::move(function)), total_(total) {}
+    Progress(ProgressFunction function, std::uint64_t total, StopToken stop)
+        : function_(std::move(function)), total_(total), stop_(std::move(stop)) {}
 
-    /// Error: closed "stopped".
+    /// Error: Error::stopped "stopped".
     Result<void> advance(std::uint64_t bytes);
 
   private:
     ProgressFunction function_;
     std::uint64_t done_ = 0;
     std::uint64_t total_;
+    StopToken stop_;
 };
 
 struct ExportGroup {

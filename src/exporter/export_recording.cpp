@@ -49,13 +49,13 @@ void noteOutages(const storage::RecordingEvents& events, const ExportOptions& op
 }  // namespace
 
 Result<ExportSummary> exportRecording(const storage::RecordingReader& recording, const ExportOptions& options,
-                                      const ProgressFunction& progress) {
+                                      const ProgressFunction& progress, const StopToken& stop) {
     auto groups = planExport(recording, options);
     if (!groups) return groups.error();
     auto events = eventsOf(recording, options);
     if (!events) return events.error();
     const std::vector<storage::Outage>& outages = events.value().outages;
-    Progress meter(progress, totalBytes(groups.value()));
+    Progress meter(progress, totalBytes(groups.value()), stop);
     ExportSummary summary;
     summary.groups = groups.value().size();
     for (const ExportGroup& group : groups.value()) {

@@ -22,9 +22,9 @@ struct ExportSummary {
     std::vector<std::string> notes;  ///< what the user ought to know
 };
 
-/// Errors: what is wrong with the recording, the selection or the output; closed "stopped" when `progress`
-/// ended it. A failure leaves no output behind.
+/// Errors: what is wrong with the recording, the selection or the output; Error::stopped "stopped". A failure
+/// leaves no output behind.
 Result<ExportSummary> exportRecording(const storage::RecordingReader& recording, const ExportOptions& options,
-                                      const ProgressFunction& progress);
+                                      const ProgressFunction& progress, const StopToken& stop = {});
 
 }  // namespace lm::exporter

@@ -100,7 +100,7 @@ void warnAboutSettings(const SessionConfig::Can& config, const a2l::XcpOnCan& de
 }  // namespace
 
 Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, const a2l::XcpInterface& ifData,
-                                               ChannelPool& pool) {
+                                               ChannelPool& pool, const StopToken& /*stop*/) {
     const SessionConfig::Can& can = config.can;
     if (can.interface.empty()) return std::unique_ptr<IMedium>();
     const a2l::XcpOnCan described = ifData.can.value_or(a2l::XcpOnCan{});

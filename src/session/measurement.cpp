@@ -68,11 +68,12 @@ Measurement::Measurement(MeasurementContext context, AcceptedPlan accepted)
     supervisor_ = std::make_unique<Supervisor>(
         static_cast<ISupervised&>(*this),
         SupervisorOptions{reconnect.policy, reconnect.attempts, reconnect.interval, reconnect.heartbeat,
-                          shortestPeriodNs(plan_.daq, context_.capabilities)});
+                          shortestPeriodNs(plan_.daq, context_.capabilities)},
+        context_.stop.token());
 }
 
 Measurement::~Measurement() {
-    supervisor_->stop();
+    supervisor_->join();
     context_.master.setDtoSink(nullptr);
     context_.medium.releaseLoad();
 }
@@ -110,7 +111,7 @@ void Measurement::abandonStart() {
     // The reason why the start failed is what counts; an ECU that refused it may well refuse this too.
     const auto stopped = context_.master.stopDaq();
     // When the user ended the start, that command was not even sent, yet a list may run by now.
-    if (!stopped.ok() && stopped.error().code == ErrorCode::closed) {
+    if (!stopped.ok() && stopped.error().isStop()) {
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
@@ -118,10 +119,8 @@ void Measurement::abandonStart() {
 
 Result<void> Measurement::stop(const std::function<SessionState()>& state) {
     const std::int64_t endNs = steadyNowNs();
-    supervisor_->requestStop();
-    context_.master.requestStop();
-    context_.medium.requestStop();
-    supervisor_->stop();
+    context_.stop.request();
+    supervisor_->join();
 
     Result<void> stopped;
     const bool measuring = state() == SessionState::measuring;
@@ -231,17 +230,11 @@ void Measurement::onRecord(const xcp::DaqRecord& record) {
     if (recording_) recording_->write(record.listIndex, record.timeNs(), record.data, record.size);
 }
 
-/// A stop reaches the master before the supervisor, which must not take the command it ended for a loss.
-void Measurement::passOnStop() {
-    if (context_.master.stopRequested()) supervisor_->requestStop();
-}
-
 Result<bool> Measurement::daqRunning() {
     const auto ask = [this] { return context_.master.getStatus(); };
     auto status = ask();
     // Only an answer that is certainly the ECU's may end a measurement.
     if (status.ok() && !status.value().daqRunning()) status = xcp::inStep(context_.master, ask);
-    passOnStop();
     if (!status.ok()) return status.error();
     return status.value().daqRunning();
 }
@@ -253,18 +246,10 @@ Result<void> Measurement::reconnect() {
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);
     const std::uint32_t attempts =
         std::min<std::uint32_t>(configured, std::numeric_limits<std::int32_t>::max());
-    auto connected = context_.master.connect(xcp::ConnectMode::normal, static_cast<std::int32_t>(attempts));
-    passOnStop();
-    return connected;
+    return context_.master.connect(xcp::ConnectMode::normal, static_cast<std::int32_t>(attempts));
 }
 
 Result<void> Measurement::restartDaq() {
-    auto restarted = configureAnew();
-    passOnStop();
-    return restarted;
-}
-
-Result<void> Measurement::configureAnew() {
     const auto capabilities =
         xcp::inStep(context_.master, [this] { return context_.master.daqCapabilities(); });
     if (!capabilities.ok()) return capabilities.error();

@@ -43,13 +43,14 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     /// A failure leaves no list running in the ECU.
     Result<void> start(const MeasurementOptions& options);
 
+    /// A measurement that has started must have been stopped.
     ~Measurement() override;
     Measurement(const Measurement&) = delete;
     Measurement& operator=(const Measurement&) = delete;
 
-    /// Waits of the supervisor and the master end at once; `state` tells the session's state at the time of
-    /// the stop (asked for after the supervisor has ended). The result is the ECU's answer to the stop
-    /// command, if one was waited for.
+    /// Requests the stop that the context names, which ends all waits at once; `state` tells the session's
+    /// state at the time of the stop (asked for after the supervisor has ended). The result is the ECU's
+    /// answer to the stop command, if one was waited for.
     Result<void> stop(const std::function<SessionState()>& state);
 
     PlanSummary summary() const;
@@ -62,9 +63,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     Result<void> startLists(const xcp::DaqCapabilities& capabilities);
     void removeDecoder();
     void abandonStart();
-    Result<void> configureAnew();
     void addSilentLists(MeasurementStats& stats) const;
-    void passOnStop();
 
     void onRecord(const xcp::DaqRecord& record) override;
 

@@ -13,6 +13,7 @@
 
 #include "a2l/description.h"
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "session/measurement_types.h"
 #include "session/medium.h"
 #include "session/session_config.h"
@@ -28,6 +29,7 @@ struct MeasurementContext {
     const a2l::Description& description;
     IMedium& medium;
     xcp::Master& master;
+    StopSource& stop;  ///< of the waits of medium and master
     const xcp::DaqCapabilities& capabilities;
     const std::atomic<std::uint64_t>& holes;  ///< as of xcp::DaqDecoder::setHoles
     std::string ecuName;

@@ -1,9 +1,9 @@
 // How one ECU is reached: everything that differs between CAN, UDP and a serial line, one file for each.
 //
-// Threads: texts() is constant; counters(), lost(), sendText(), requestStop() and clearStop() may be called
-// from any thread; report() comes on the receive thread; the rest belongs to the session's thread, and
-// reopenIfLost() also to the supervisor while a measurement runs. Lifetime: a medium owns its transport; the
-// text sink is borrowed until the transport is closed.
+// Threads: texts() is constant; counters(), lost() and sendText() may be called from any thread; report()
+// comes on the receive thread; the rest belongs to the session's thread, and reopenIfLost() also to the
+// supervisor while a measurement runs. Lifetime: a medium owns its transport; the text sink is borrowed until
+// the transport is closed.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "session/bus_load.h"
 #include "xcp/text_sink.h"
 #include "xcp/transport.h"
@@ -73,10 +74,6 @@ class IMedium {
     /// Tells what is worth telling of an event. True when packets were lost.
     virtual bool report(const xcp::TransportEvent& /*event*/) { return false; }
 
-    /// Ends waits of the medium's own at once, until clearStop().
-    virtual void requestStop() {}
-    virtual void clearStop() {}
-
     /// Whether the ECU prints text beside its packets and reads lines. Without: setTextSink() does nothing
     /// and sendText() fails.
     virtual bool hasText() const { return false; }
@@ -87,8 +84,9 @@ class IMedium {
     }
 };
 
-/// Null when the configuration does not name the medium.
+/// Null when the configuration does not name the medium. A stop ends waits of the medium's own.
 using MediumMaker = Result<std::unique_ptr<IMedium>>(const SessionConfig& config,
-                                                     const a2l::XcpInterface& ifData, ChannelPool& pool);
+                                                     const a2l::XcpInterface& ifData, ChannelPool& pool,
+                                                     const StopToken& stop);
 
 }  // namespace lm::session

@@ -14,8 +14,8 @@ constexpr std::uint32_t kDefaultBaudrate = 115200;
 
 class SerialMedium final : public IMedium {
   public:
-    explicit SerialMedium(const xcp::SerialTransportConfig& config)
-        : transport_(config),
+    SerialMedium(const xcp::SerialTransportConfig& config, const StopToken& stop)
+        : transport_(config, stop),
           texts_{"serial:" + config.port,
                  fmt::format("XCP on serial, {}, {} baud", config.port, config.baudrate),
                  fmt::format("{} {}", storage::kSerialSource, config.port)},
@@ -40,9 +40,6 @@ class SerialMedium final : public IMedium {
 
     bool lost() const override { return transport_.lost(); }
 
-    void requestStop() override { transport_.requestStop(); }
-    void clearStop() override { transport_.clearStop(); }
-
     bool hasText() const override { return true; }
     void setTextSink(xcp::ITextSink* sink) override { transport_.setTextSink(sink); }
     Result<void> sendText(std::string_view line) override { return transport_.sendText(line); }
@@ -56,7 +53,8 @@ class SerialMedium final : public IMedium {
 }  // namespace
 
 Result<std::unique_ptr<IMedium>> makeSerialMedium(const SessionConfig& config,
-                                                  const a2l::XcpInterface& ifData, ChannelPool& /*pool*/) {
+                                                  const a2l::XcpInterface& ifData, ChannelPool& /*pool*/,
+                                                  const StopToken& stop) {
     const SessionConfig::Serial& serial = config.serial;
     if (serial.port.empty()) return std::unique_ptr<IMedium>();
     const std::uint32_t described =
@@ -64,7 +62,8 @@ Result<std::unique_ptr<IMedium>> makeSerialMedium(const SessionConfig& config,
     return std::unique_ptr<IMedium>(std::make_unique<SerialMedium>(
         xcp::SerialTransportConfig{.port = serial.port,
                                    .baudrate = serial.baudrate.value_or(described),
-                                   .resetDelay = serial.resetDelay}));
+                                   .resetDelay = serial.resetDelay},
+        stop));
 }
 
 }  // namespace lm::session

@@ -39,26 +39,30 @@ Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements) {
 }  // namespace
 
 Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback,
-                                                 ChannelPool& pool, int stopDescriptor, bool digest) {
+                                                 ChannelPool& pool, const StopToken& stop, bool digest) {
     if (config.a2l.empty()) return Error{ErrorCode::invalidArgument, "no A2L file configured"};
-    auto description = a2l::load(config.a2l, stopDescriptor, digest);
+    auto description = a2l::load(config.a2l, stop, digest);
     if (!description.ok()) return description.error();
     for (const std::string& warning : description.value().warnings) {
         spdlog::warn("A2L: {}", warning);
         if (callback) callback(warning);
     }
-    auto medium = chooseTransport(config, description.value().xcp, pool);
+    auto own = StopSource::create(stop);
+    if (!own.ok()) return own.error();
+    auto medium = chooseTransport(config, description.value().xcp, pool, own.value().token());
     if (!medium.ok()) return medium.error();
-    return std::unique_ptr<Session>(
-        new Session(std::move(config), std::move(description).value(), std::move(medium).value()));
+    return std::unique_ptr<Session>(new Session(std::move(config), std::move(description).value(),
+                                                std::move(own).value(), std::move(medium).value()));
 }
 
-Session::Session(SessionConfig config, a2l::Description description, std::unique_ptr<IMedium> medium)
+Session::Session(SessionConfig config, a2l::Description description, StopSource stop,
+                 std::unique_ptr<IMedium> medium)
     : config_(std::move(config)),
       description_(std::move(description)),
+      stop_(std::move(stop)),
       medium_(std::move(medium)),
-      master_(
-          std::make_unique<xcp::Master>(medium_->transport(), masterOptions(config_.xcp, description_.xcp))) {
+      master_(std::make_unique<xcp::Master>(medium_->transport(),
+                                            masterOptions(config_.xcp, description_.xcp), stop_.token())) {
     master_->setListener(this);
     medium_->setTextSink(&console_);
 }
@@ -80,7 +84,7 @@ Result<void> Session::open() {
         auto capabilities = xcp::inStep(*master_, [this] { return master_->daqCapabilities(); });
         if (capabilities.ok()) {
             capabilities_ = std::move(capabilities).value();
-        } else if (!master_->stopRequested()) {
+        } else if (!stopToken().requested()) {
             spdlog::warn("DAQ capabilities not available: {}", capabilities.error().text());
         }
     }
@@ -125,7 +129,7 @@ std::vector<Result<SessionValue>> Session::read(std::span<const std::string> nam
         for (const std::string& name : names) {
             const auto object = a2l::findObject(description_, name);
             values.push_back(object.ok() ? readElement(object.value().element()) : object.error());
-            if (std::chrono::steady_clock::now() >= end || master_->stopRequested()) break;
+            if (std::chrono::steady_clock::now() >= end || stopToken().requested()) break;
         }
         return {};
     };
@@ -157,20 +161,15 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, bool a
     const auto encoded = bytesToWrite(element, text);
     if (!encoded.ok()) return {encoded.error()};
     const auto& [bytes, typed] = encoded.value();
-    {
-        const std::lock_guard lock(stopMutex_);
-        if (stopRequested_) return {Error{ErrorCode::closed, std::string(name) + ": stopped"}};
-        writing_ = true;
-    }
+    // From here on a stop is carried out when the value has been read back.
+    const auto finishing = master_->finishing();
+    if (stopToken().requested()) return {Error::stopped(std::string(name) + ": stopped")};
     WriteOutcome outcome{writeBytes(element, bytes)};
     if (!outcome.value.ok()) {
         outcome.held = xcp::inStep(*master_, [&] { return readElement(element); });
     } else {
         outcome.deviation = value::deviationText(element, text, typed, bytes, numberStyle());
     }
-    const std::lock_guard lock(stopMutex_);
-    writing_ = false;
-    if (stopRequested_) master_->requestStop();
     return outcome;
 }
 
@@ -218,7 +217,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     overloadEvents_ = 0;
     recording_.reset();
     auto planned = Measurement::plan(
-        {config_, description_, *medium_, *master_, *capabilities_, holes_, ecuName(),
+        {config_, description_, *medium_, *master_, stop_, *capabilities_, holes_, ecuName(),
          [this](SessionState state, const std::string& message) { changeState(state, message); }},
         options);
     if (!planned.ok()) return planned.error();
@@ -261,13 +260,7 @@ Result<void> Session::stopMeasurement() {
     auto stopped = measurement_->stop([this] { return state(); });
     auto recorded = recording_ ? recording_->close() : Result<void>();
     silent_ = state() != SessionState::measuring || !stopped.ok();
-    {
-        const std::lock_guard lock(stopMutex_);
-        if (!stopRequested_) {
-            master_->clearStop();
-            medium_->clearStop();
-        }
-    }
+    stop_.reset();
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
     if (stopped.ok()) return recorded;
     if (!recorded.ok()) spdlog::warn("{}", recorded.error().text());
@@ -285,17 +278,6 @@ MeasurementStats Session::statistics() const {
     // An ECU that tells overloads in both ways means the same ones; some only do it the way they do not say.
     stats.overloads = std::max(stats.overloads, overloadEvents_.load());
     return stats;
-}
-
-void Session::requestStop() {
-    const std::lock_guard lock(stopMutex_);
-    stopRequested_ = true;
-    medium_->requestStop();
-    if (writing_) {
-        master_->finishSoon();
-    } else {
-        master_->requestStop();
-    }
 }
 
 std::string Session::ecuName() const {

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -20,6 +19,7 @@
 #include "a2l/description.h"
 #include "a2l/object.h"
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "session/channel_pool.h"
 #include "session/console_log.h"
 #include "session/measurement_types.h"
@@ -56,11 +56,11 @@ class Session final : private xcp::IMasterListener {
     using WarningCallback = std::function<void(const std::string&)>;
 
     /// Loads the A2L and chooses the transport, which opens a CAN channel of the pool; nothing is sent.
-    /// `stopDescriptor`, as of a2l::load, ends the reading; with `digest` recordings tell the A2L's SHA-256.
-    /// Errors: "no A2L file configured", those of a2l::load and chooseTransport.
+    /// `stop` ends the reading, and as requestStop() does. With `digest` recordings tell the A2L's SHA-256.
+    /// Errors: "no A2L file configured", those of a2l::load, chooseTransport and StopSource::create.
     static Result<std::unique_ptr<Session>> create(SessionConfig config, const WarningCallback& callback = {},
                                                    ChannelPool& pool = ChannelPool::ofThisMachine(),
-                                                   int stopDescriptor = -1, bool digest = false);
+                                                   const StopToken& stop = {}, bool digest = false);
 
     ~Session() override;
     Session(const Session&) = delete;
@@ -112,8 +112,9 @@ class Session final : private xcp::IMasterListener {
     MeasurementStats statistics() const;
 
     /// Ends every wait for the ECU at once; running operations fail. Only close() and stopMeasurement() are
-    /// of use then.
-    void requestStop();
+    /// of use then; what ends a running measurement ends the request, too.
+    void requestStop() { stop_.request(); }
+    StopToken stopToken() const { return stop_.token(); }
 
     SessionState state() const { return state_.load(); }
     const SessionConfig& config() const { return config_; }
@@ -127,7 +128,8 @@ class Session final : private xcp::IMasterListener {
     const std::optional<xcp::DaqCapabilities>& daqCapabilities() const { return capabilities_; }
 
   private:
-    Session(SessionConfig config, a2l::Description description, std::unique_ptr<IMedium> medium);
+    Session(SessionConfig config, a2l::Description description, StopSource stop,
+            std::unique_ptr<IMedium> medium);
 
     void onEvent(std::uint8_t code, const std::uint8_t* packet, std::size_t length,
                  xcp::ReceiveTime time) override;
@@ -152,6 +154,7 @@ class Session final : private xcp::IMasterListener {
     // Constant after construction.
     const SessionConfig config_;
     const a2l::Description description_;
+    StopSource stop_;     ///< also of the measurement alone, and then reset
     ConsoleLog console_;  ///< outlives the medium, whose text it takes
     const std::unique_ptr<IMedium> medium_;
 
@@ -169,11 +172,6 @@ class Session final : private xcp::IMasterListener {
     std::atomic<std::uint64_t> overloadEvents_{0};  ///< of the running or the last measurement
     std::atomic<std::uint64_t> holes_{0};           ///< places where the line lost packets
     std::atomic<bool> terminationTold_{false};      ///< since the ECU was connected last
-
-    // A stop request during a write is carried out when the value has been read back.
-    std::mutex stopMutex_;
-    bool stopRequested_ = false;  // under stopMutex_
-    bool writing_ = false;        // under stopMutex_
 };
 
 }  // namespace lm::session

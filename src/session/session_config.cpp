@@ -347,7 +347,7 @@ std::string dumped(const ordered_json& document, ordered_json::error_handler_t o
     return document.dump(2, ' ', false, onBadText);
 }
 
-Result<std::string> readWhole(const std::filesystem::path& path, int stopDescriptor) {
+Result<std::string> readWhole(const std::filesystem::path& path, const StopToken& stop) {
     const int file = openForReading(path);
     if (file < 0) {
         return Error{ErrorCode::notFound, "cannot open configuration " + path.string(), errno};
@@ -356,7 +356,7 @@ Result<std::string> readWhole(const std::filesystem::path& path, int stopDescrip
     std::array<char, 16384> block;
     ssize_t count = 0;
     do {
-        count = readUnlessStopped(file, block.data(), block.size(), stopDescriptor);
+        count = readUnlessStopped(file, block.data(), block.size(), stop);
         if (count > 0) text.append(block.data(), static_cast<std::size_t>(count));
     } while (count > 0 && text.size() <= kMaxSize);
     const int failure = count < 0 ? errno : 0;
@@ -408,8 +408,8 @@ std::string sessionConfigToJson(const SessionConfig& config) {
     return dumped(documentOf(config), ordered_json::error_handler_t::replace);
 }
 
-Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, int stopDescriptor) {
-    auto text = readWhole(path, stopDescriptor);
+Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, const StopToken& stop) {
+    auto text = readWhole(path, stop);
     if (!text) return text.error();
     auto config = sessionConfigFromJson(text.value(), path.parent_path());
     if (config) return config;

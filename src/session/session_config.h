@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "xcp/daq_setup.h"
 
 namespace lm::session {
@@ -113,10 +114,10 @@ Result<SessionConfig> sessionConfigFromJson(std::string_view text,
 /// not UTF-8 become U+FFFD.
 std::string sessionConfigToJson(const SessionConfig& config);
 
-/// Reading ends when `stopDescriptor` becomes readable. Errors: notFound "cannot open configuration PATH",
+/// A stop ends the reading. Errors: notFound "cannot open configuration PATH",
 /// ioError "cannot read configuration PATH" (both with the errno), and those of the conversion behind "PATH:
 /// ".
-Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, int stopDescriptor = -1);
+Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, const StopToken& stop = {});
 
 /// Replaces the file that `path` names by a new one, whole and on the disk, of the same owner (as far as the
 /// system allows) and rights, or writes to the device or pipe. Errors: "cannot write PATH" with the errno, a

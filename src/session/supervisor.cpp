@@ -14,11 +14,11 @@ constexpr std::chrono::milliseconds kFirstSettling{600};
 
 }  // namespace
 
-Supervisor::Supervisor(ISupervised& supervised, const SupervisorOptions& options)
-    : supervised_(supervised), options_(options) {}
+Supervisor::Supervisor(ISupervised& supervised, const SupervisorOptions& options, StopToken stop)
+    : supervised_(supervised), options_(options), stop_(std::move(stop)) {}
 
 Supervisor::~Supervisor() {
-    stop();
+    join();
 }
 
 Result<void> Supervisor::start() {
@@ -29,14 +29,7 @@ Result<void> Supervisor::start() {
     return {};
 }
 
-void Supervisor::requestStop() {
-    const std::lock_guard lock(mutex_);
-    stopRequested_ = true;
-    wake_.notify_all();
-}
-
-void Supervisor::stop() {
-    requestStop();
+void Supervisor::join() {
     if (thread_.joinable()) thread_.join();
 }
 
@@ -50,7 +43,7 @@ void Supervisor::run() {
     while (!waitHeartbeat()) {
         const std::string reason = connectionLoss();
         // A stop ends the master's waits, which must not pass for a lost connection.
-        if (stopping()) return;
+        if (stop_.requested()) return;
         if (reason.empty()) continue;
         const std::string message = "connection lost: " + reason;
         if (options_.policy == ReconnectPolicy::abort) {
@@ -69,11 +62,11 @@ void Supervisor::run() {
 bool Supervisor::waitHeartbeat() {
     auto left = options_.heartbeat;
     if (std::exchange(justStarted_, false) && left > kFirstSettling) {
-        if (waitOrStop(kFirstSettling)) return true;
+        if (stop_.waitFor(kFirstSettling)) return true;
         supervised_.settleSamples();
         left -= kFirstSettling;
     }
-    const bool stopped = waitOrStop(left);
+    const bool stopped = stop_.waitFor(left);
     if (!stopped) supervised_.settleSamples();
     return stopped;
 }
@@ -96,15 +89,15 @@ bool Supervisor::recover() {
     std::uint64_t attempt = 0;
     while (options_.policy == ReconnectPolicy::retryForever || attempt < options_.attempts) {
         ++attempt;
-        if (waitOrStop(options_.interval)) return false;
+        if (stop_.waitFor(options_.interval)) return false;
         const Result<void> connected = supervised_.reconnect();
-        if (stopping()) return false;
+        if (stop_.requested()) return false;
         if (!connected.ok()) {
             spdlog::warn("reconnect attempt {}: {}", attempt, connected.error().text());
             continue;
         }
         const Result<void> restarted = supervised_.restartDaq();
-        if (stopping()) return false;
+        if (stop_.requested()) return false;
         if (!restarted.ok()) {
             spdlog::warn("reconnect attempt {}: DAQ: {}", attempt, restarted.error().text());
             continue;
@@ -116,16 +109,6 @@ bool Supervisor::recover() {
     supervised_.changeState(SessionState::failed,
                             "reconnect failed after " + std::to_string(attempt) + " attempt(s)");
     return false;
-}
-
-bool Supervisor::waitOrStop(std::chrono::milliseconds time) {
-    std::unique_lock lock(mutex_);
-    return wake_.wait_for(lock, time, [this] { return stopRequested_; });
-}
-
-bool Supervisor::stopping() {
-    const std::lock_guard lock(mutex_);
-    return stopRequested_;
 }
 
 }  // namespace lm::session

@@ -1,17 +1,16 @@
 // Watches a running measurement and brings it back by the configured policy when the connection is lost.
 //
-// Threads: start() and stop() belong to the owner; everything else runs on the thread "lm-supervisor", which
+// Threads: start() and join() belong to the owner; everything else runs on the thread "lm-supervisor", which
 // also makes all calls of ISupervised. Lifetime: the ISupervised is borrowed and must outlive the supervisor.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
 
@@ -53,7 +52,9 @@ struct SupervisorOptions {
 
 class Supervisor {
   public:
-    Supervisor(ISupervised& supervised, const SupervisorOptions& options);
+    /// A stop ends the supervision, for good.
+    Supervisor(ISupervised& supervised, const SupervisorOptions& options, StopToken stop);
+    /// As join().
     ~Supervisor();
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;
@@ -61,34 +62,26 @@ class Supervisor {
     /// Error: "cannot start the supervision: REASON".
     Result<void> start();
 
-    /// Wakes every wait of the supervisor and joins its thread; a call of ISupervised that is under way is
-    /// waited for, so its own waits must have been ended before. Idempotent.
-    void stop();
-
-    /// Ends the supervisor's waits without joining.
-    void requestStop();
+    /// To be called once the stop is requested, which must end the waits of a call of ISupervised that is
+    /// under way, too. Idempotent.
+    void join();
 
     bool watchesData() const;
 
   private:
     void run();
     bool waitHeartbeat();
-    bool waitOrStop(std::chrono::milliseconds time);
-    bool stopping();
     std::string connectionLoss();
     bool recover();
 
     // Constant after construction.
     ISupervised& supervised_;
     const SupervisorOptions options_;
+    const StopToken stop_;
 
     // The supervisor's thread alone.
     std::uint64_t recordsAtLastTick_ = 0;
     bool justStarted_ = true;  ///< the lists, or again after a reconnection
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    bool stopRequested_ = false;  // under mutex_
 
     std::thread thread_;
 };

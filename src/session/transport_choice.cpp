@@ -15,9 +15,9 @@ constexpr std::array<MediumMaker*, 3> kMakers = {makeCanMedium, makeUdpMedium, m
 }  // namespace
 
 Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config, const a2l::XcpInterface& ifData,
-                                                 ChannelPool& pool) {
+                                                 ChannelPool& pool, const StopToken& stop) {
     for (const auto make : kMakers) {
-        auto medium = make(config, ifData, pool);
+        auto medium = make(config, ifData, pool, stop);
         if (!medium.ok() || medium.value() != nullptr) return medium;
     }
     return Error{ErrorCode::invalidArgument,

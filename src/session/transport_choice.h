@@ -9,6 +9,7 @@
 
 #include "a2l/xcp_interface.h"
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "session/channel_pool.h"
 #include "session/medium.h"
 #include "session/session_config.h"
@@ -18,6 +19,6 @@ namespace lm::session {
 /// CAN when an interface is configured, else UDP when a host is, else the serial line when a port is. Errors:
 /// "neither a CAN interface, a serial port nor a UDP host is configured", those of the medium's maker.
 Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config, const a2l::XcpInterface& ifData,
-                                                 ChannelPool& pool);
+                                                 ChannelPool& pool, const StopToken& stop = {});
 
 }  // namespace lm::session

@@ -51,7 +51,7 @@ class UdpMedium final : public IMedium {
 }  // namespace
 
 Result<std::unique_ptr<IMedium>> makeUdpMedium(const SessionConfig& config, const a2l::XcpInterface& ifData,
-                                               ChannelPool& /*pool*/) {
+                                               ChannelPool& /*pool*/, const StopToken& /*stop*/) {
     const SessionConfig::Udp& udp = config.udp;
     if (udp.host.empty()) return std::unique_ptr<IMedium>();
     if (ifData.tcp && !ifData.udp) {

@@ -25,8 +25,16 @@ Error noResponse(const Packet& command, unsigned timeoutIndex) {
 
 }  // namespace
 
-Connection::Connection(ITransport& transport, const MasterOptions& options, IMasterClock& clock)
-    : transport_(transport), options_(options), clock_(clock) {}
+Connection::Connection(ITransport& transport, const MasterOptions& options, StopToken stop,
+                       IMasterClock& clock)
+    : transport_(transport),
+      options_(options),
+      stop_(std::move(stop)),
+      clock_(clock),
+      wakeOnStop_(stop_, [this] {
+          const std::lock_guard lock(answerMutex_);
+          wakeUp_.notify_all();
+      }) {}
 
 Result<Connection::Turn> Connection::turn() {
     std::unique_lock lock(commandMutex_);
@@ -35,12 +43,7 @@ Result<Connection::Turn> Connection::turn() {
 }
 
 Error Connection::stopped(const Packet& command) {
-    return {.code = ErrorCode::closed, .message = nameOf(command) + ": stopped"};
-}
-
-/// Whether `error` is ours rather than one of a transport that was closed.
-bool Connection::isStop(const Error& error, const Packet& command) {
-    return error.code == ErrorCode::closed && error.message == stopped(command).message;
+    return Error::stopped(nameOf(command) + ": stopped");
 }
 
 // Commands with recovery
@@ -95,7 +98,7 @@ Result<void> Connection::recover(const Packet& command, const Exchange& rules, R
     spdlog::warn("{}: timeout, SYNCH and repeat", nameOf(command));
     if (auto synched = sendSynchs(); !synched) {
         Error error = synched.error();
-        if (isStop(error, buildPlain(Command::synch))) return stopped(command);
+        if (error.isStop()) return stopped(command);
         error.message = nameOf(command) + ": " + error.text();
         return error;
     }
@@ -106,9 +109,9 @@ Result<void> Connection::recover(const Packet& command, const Exchange& rules, R
 Result<void> Connection::pauseBusy(const Packet& command) {
     std::unique_lock lock(answerMutex_);
     const auto until = clock_.now() + timeout(kT7);
-    while (stop_ == Stop::none && clock_.now() < until)
+    while (!stop_.requested() && clock_.now() < until)
         clock_.wait(lock, wakeUp_, until);
-    if (stop_ != Stop::none) return stopped(command);
+    if (stop_.requested()) return stopped(command);
     return {};
 }
 
@@ -122,7 +125,7 @@ Result<void> Connection::connect(ConnectMode mode, std::int32_t attempts) {
         const auto answer = exchange(command, timeout(kT1), Kind::connect, kConnectLength);
         if (!answer) {
             Error error = answer.error();
-            if (!isStop(error, command)) error.message = "CONNECT: " + error.text();
+            if (!error.isStop()) error.message = "CONNECT: " + error.text();
             return error;
         }
         if (answer.value()) return accept(*answer.value());
@@ -226,32 +229,6 @@ Result<void> Connection::disconnectWithoutWaiting() {
     const auto said = lastWords(buildPlain(Command::disconnect), Clock::duration::zero());
     if (!said) return said.error();
     return {};
-}
-
-void Connection::requestStop() {
-    const std::lock_guard lock(answerMutex_);
-    if (stop_ == Stop::none) stopAt_ = clock_.now();
-    stop_ = Stop::now;
-    wakeUp_.notify_all();
-}
-
-void Connection::finishSoon() {
-    const std::lock_guard lock(answerMutex_);
-    if (stop_ != Stop::none) return;
-    stopAt_ = clock_.now();
-    stop_ = Stop::soon;
-    wakeUp_.notify_all();
-}
-
-void Connection::clearStop() {
-    const std::lock_guard lock(answerMutex_);
-    stop_ = Stop::none;
-    silence_ = {};
-}
-
-bool Connection::stopRequested() const {
-    const std::lock_guard lock(answerMutex_);
-    return stop_ == Stop::now;
 }
 
 ConnectInfo Connection::info() const {

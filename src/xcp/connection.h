@@ -11,9 +11,9 @@
 // to learn whether the slave hears at all. A slave that has ever answered a SYNCH must go on doing so. One
 // that never did is asked for its status instead, twice, which tells less: that is said once.
 //
-// Stop. After requestStop() commands fail at once; what still goes out (DISCONNECT, stopping DAQ, the last
-// confirm()) waits for t1 in all while the slave is silent. finishSoon() lets commands go on under the same
-// limit. EV_CMD_PENDING draws out nothing any more.
+// Stop. Once one is requested commands fail at once; what still goes out (DISCONNECT, stopping DAQ, the last
+// confirm(), all that is done while a Finishing lives) waits for t1 in all while the slave is silent.
+// EV_CMD_PENDING draws out nothing any more.
 //
 // Threads: everything from any thread. A Turn holds the others off; onAnswer, onPending, onTerminated come
 // from the receive thread and never wait for a command. Lifetime: transport and clock are borrowed and must
@@ -30,6 +30,7 @@
 #include <optional>
 #include <string>
 
+#include "core/stop_token.h"
 #include "xcp/answer_matcher.h"
 #include "xcp/master_options.h"
 #include "xcp/packet.h"
@@ -53,12 +54,13 @@ struct Repeats {
 
 /// Errors of every command: notOpen "XCP slave not connected"; timeout "COMMAND: no response from slave
 /// (t1)"; timeout "COMMAND: SYNCH: no response from slave"; the ERR reply of errorReply() with the XCP code
-/// in `detail`; closed "COMMAND: stopped" after requestStop(); the transport's own errors unchanged.
+/// in `detail`; Error::stopped "COMMAND: stopped"; the transport's own errors unchanged.
 class Connection {
   public:
     class Turn;
+    class Finishing;
 
-    Connection(ITransport& transport, const MasterOptions& options, IMasterClock& clock);
+    Connection(ITransport& transport, const MasterOptions& options, StopToken stop, IMasterClock& clock);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
@@ -73,16 +75,11 @@ class Connection {
     Result<void> synch();
     Result<bool> confirm();
     void beMoreCareful();
-    /// `command` in one exchange of t1 at most, also after requestStop().
+    /// `command` in one exchange of t1 at most, also after a stop.
     Result<void> once(const Packet& command);
     Result<void> withoutWaiting(const Packet& command);
     /// CONNECT, `command`, DISCONNECT in t1 in all: for a slave that ended the session on its own.
     Result<void> onceMore(const Packet& command);
-
-    void requestStop();
-    void finishSoon();
-    void clearStop();
-    bool stopRequested() const;
 
     bool connected() const { return connected_.load(); }
     ConnectInfo info() const;
@@ -99,13 +96,10 @@ class Connection {
   private:
     using Clock = std::chrono::steady_clock;
     using Kind = AnswerMatcher::Kind;
-    enum class Stop : std::uint8_t { none, soon, now };
     enum class Synchs : std::uint8_t { unknown, answered, never };
-    class Finishing;
 
     // connection.cpp; the command mutex is held.
     static Error stopped(const Packet& command);
-    static bool isStop(const Error& error, const Packet& command);
     static bool needsWhatWasBefore(const Packet& command);
     Result<Packet> transact(const Packet& command, const Exchange& rules);
     Result<std::optional<Packet>> attempt(const Packet& command, const Exchange& rules, Repeats& repeats);
@@ -131,14 +125,18 @@ class Connection {
     Result<std::optional<Packet>> exchange(const Packet& command, Clock::duration limit, Kind kind,
                                            std::size_t minimumLength);
     bool await(std::unique_lock<std::mutex>& lock, Clock::duration limit, Kind kind, std::uint64_t pendings);
-    bool mayGoOn() const { return stop_ != Stop::now || finishing_; }
-    bool patienceEnded() const { return stop_ != Stop::none && silence_ >= timeout(0); }  ///< answer mutex
+    // The answer mutex is held.
+    bool stopping();
+    bool mayGoOn() const { return !stop_.requested() || finishing_ != 0; }
+    bool patienceEnded() { return stopping() && silence_ >= timeout(0); }
+
     Clock::duration timeout(unsigned index) const;
     std::int64_t nowNs();
 
     // Constant after construction.
     ITransport& transport_;
     const MasterOptions options_;
+    const StopToken stop_;
     IMasterClock& clock_;
 
     // Command mutex; info_ is written under both mutexes and so read under either.
@@ -154,9 +152,8 @@ class Connection {
     Clock::time_point lastCame_ = {};  ///< any RES or ERR
     std::uint64_t pendings_ = 0;
     bool terminated_ = false;  ///< the slave ended the session after the answer that is being looked at
-    Stop stop_ = Stop::none;
-    bool finishing_ = false;  ///< the exchange under way goes on after requestStop()
-    Clock::time_point stopAt_ = {};
+    int finishing_ = 0;        ///< how many live
+    std::optional<Clock::time_point> stopAt_;  ///< when a stop was seen
     Clock::duration silence_{0};  ///< waited for nothing since the stop, or since the answer after it
 
     // Atomic.
@@ -166,6 +163,8 @@ class Connection {
     std::atomic<std::uint64_t> timeouts_{0};
     std::atomic<std::uint64_t> errorResponses_{0};
     std::atomic<std::uint64_t> unexpectedResponses_{0};
+
+    const StopCallback wakeOnStop_;  ///< last: it uses the others
 };
 
 /// The right to send commands, for as long as one operation lasts. Borrows the connection.
@@ -197,18 +196,18 @@ class Connection::Turn {
     std::unique_lock<std::mutex> lock_;
 };
 
-/// While it lives, the exchange under way goes on after requestStop().
+/// While one lives, commands go on after a stop. Borrows the connection.
 class Connection::Finishing {
   public:
-    explicit Finishing(Connection& connection) : connection_(connection) { set(true); }
-    ~Finishing() { set(false); }
+    explicit Finishing(Connection& connection) : connection_(connection) { add(1); }
+    ~Finishing() { add(-1); }
     Finishing(const Finishing&) = delete;
     Finishing& operator=(const Finishing&) = delete;
 
   private:
-    void set(bool finishing) {
+    void add(int count) {
         const std::lock_guard lock(connection_.answerMutex_);
-        connection_.finishing_ = finishing;
+        connection_.finishing_ += count;
     }
     Connection& connection_;
 };

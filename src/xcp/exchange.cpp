@@ -34,6 +34,17 @@ std::int64_t Connection::nowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(clock_.now().time_since_epoch()).count();
 }
 
+/// Whether a stop is requested; from when on it counts is settled at the first look.
+bool Connection::stopping() {
+    if (!stop_.requested()) {
+        stopAt_.reset();
+        silence_ = {};
+        return false;
+    }
+    if (!stopAt_) stopAt_ = clock_.now();
+    return true;
+}
+
 /// An exchange without a value timed out.
 Result<std::optional<Packet>> Connection::exchange(const Packet& command, Clock::duration limit, Kind kind,
                                                    std::size_t minimumLength) {
@@ -67,15 +78,15 @@ bool Connection::await(std::unique_lock<std::mutex>& lock, Clock::duration limit
     while (!matcher_.answered()) {
         if (!mayGoOn()) return false;
         const auto now = clock_.now();
-        const bool stopping = stop_ != Stop::none;
-        if (pendings != pendings_ && !stopping && kind != Kind::last) deadline = now + limit;
+        const bool isStopping = stopping();
+        if (pendings != pendings_ && !isStopping && kind != Kind::last) deadline = now + limit;
         pendings = pendings_;
-        const auto patience = std::max(begin, stopAt_) + (timeout(0) - silence_);
-        const auto until = stopping ? std::min(deadline, patience) : deadline;
+        const auto patience = std::max(begin, stopAt_.value_or(begin)) + (timeout(0) - silence_);
+        const auto until = isStopping ? std::min(deadline, patience) : deadline;
         if (now >= until) break;
         clock_.wait(lock, wakeUp_, until);
     }
-    if (stop_ != Stop::none && !matcher_.answered()) silence_ += clock_.now() - std::max(begin, stopAt_);
+    if (stopping() && !matcher_.answered()) silence_ += clock_.now() - std::max(begin, *stopAt_);
     return true;
 }
 

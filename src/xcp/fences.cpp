@@ -84,7 +84,7 @@ Result<void> Connection::fenceBefore(const Packet& command) {
     auto closed = fence();
     if (closed) return closed;
     Error error = closed.error();
-    if (isStop(error, buildPlain(Command::synch))) return stopped(command);
+    if (error.isStop()) return stopped(command);
     error.message = std::string(commandName(command.code())) + ": " + error.text();
     return error;
 }
@@ -105,7 +105,7 @@ Result<void> Connection::meet() {
     if (!second) return second.error();
     {
         const std::lock_guard lock(answerMutex_);
-        if (stop_ != Stop::none) return noSynch();
+        if (stop_.requested()) return noSynch();
         if (hears && !matcher_.synchSeen() && !matcher_.leavesOver()) {
             matcher_.settle();
             synchs_ = Synchs::never;
@@ -133,7 +133,7 @@ Result<void> Connection::calmDown() {
 bool Connection::staysSilent(Clock::time_point since) {
     std::unique_lock lock(answerMutex_);
     const auto latest = since + kMostSilences * timeout(kT1);
-    while (lastCame_ >= since && !matcher_.synchSeen() && stop_ == Stop::none) {
+    while (lastCame_ >= since && !matcher_.synchSeen() && !stop_.requested()) {
         const auto now = clock_.now();
         const auto until = lastCame_ + timeout(kT1);
         if (now >= until) {
@@ -193,7 +193,7 @@ void Connection::beMoreCareful() {
 void Connection::awaitCopy() {
     std::unique_lock lock(answerMutex_);
     const auto until = clock_.now() + kCopyComesWithin;
-    while (matcher_.awaitsCopy() && stop_ == Stop::none && clock_.now() < until)
+    while (matcher_.awaitsCopy() && !stop_.requested() && clock_.now() < until)
         clock_.wait(lock, wakeUp_, until);
 }
 

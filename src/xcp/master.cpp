@@ -1,11 +1,16 @@
 #include "xcp/master.h"
 
+#include <utility>
+
 #include "xcp/daq_decoder.h"
 
 namespace lm::xcp {
 
-Master::Master(ITransport& transport, const MasterOptions& options, IMasterClock& clock)
-    : transport_(transport), connection_(transport, options, clock), memory_(connection_), daq_(connection_) {
+Master::Master(ITransport& transport, const MasterOptions& options, StopToken stop, IMasterClock& clock)
+    : transport_(transport),
+      connection_(transport, options, std::move(stop), clock),
+      memory_(connection_),
+      daq_(connection_) {
     transport_.setSink(this);
 }
 

@@ -3,8 +3,8 @@
 //
 // Threads: every command may be called from any thread; whole operations (an upload with all its commands, a
 // DAQ configuration) are serialised. onPacket and onTransportEvent run on the transport's receive thread.
-// requestStop, finishSoon, clearStop, stopRequested, connected, connectInfo and statistics may be called from
-// any thread at any time and never wait for a command. Sinks and listeners run on the receive thread and must
+// connected, connectInfo, finishing and statistics may be called from any thread at any time and never wait
+// for a command. Sinks and listeners run on the receive thread and must
 // not call a command. Lifetime: the transport is borrowed and must outlive the master, which is its sink from
 // construction to destruction and opens it at CONNECT; the destructor closes it. DTO sink and listener are
 // borrowed until replaced; the clock must outlive the master.
@@ -48,7 +48,11 @@ class IMasterListener {
 /// Errors of every command: Connection's.
 class Master final : public IPacketSink {
   public:
-    Master(ITransport& transport, const MasterOptions& options, IMasterClock& clock = steadyMasterClock());
+    /// A stop ends every wait of a command at once, the endless CONNECT included; commands fail with
+    /// Error::stopped. The ...Once and ...WithoutWaiting operations and confirm() still work, and wait for t1
+    /// in all while the slave is silent.
+    Master(ITransport& transport, const MasterOptions& options, StopToken stop = {},
+           IMasterClock& clock = steadyMasterClock());
     ~Master() override;
     Master(const Master&) = delete;
     Master& operator=(const Master&) = delete;
@@ -61,10 +65,10 @@ class Master final : public IPacketSink {
 
     /// DISCONNECT; succeeds at once when not connected. A failed DISCONNECT leaves connected() true.
     Result<void> disconnect() { return connection_.disconnect(); }
-    /// The same in t1 at most, sent once more after half of it, also after requestStop(); connected() is
+    /// The same in t1 at most, sent once more after half of it, also after a stop; connected() is
     /// false afterwards.
     Result<void> disconnectOnce() { return connection_.disconnectOnce(); }
-    /// Sends DISCONNECT, also after requestStop(), and does not wait for the answer; clears connected().
+    /// Sends DISCONNECT, also after a stop, and does not wait for the answer; clears connected().
     Result<void> disconnectWithoutWaiting() { return connection_.disconnectWithoutWaiting(); }
 
     Result<SlaveStatus> getStatus();
@@ -74,8 +78,7 @@ class Master final : public IPacketSink {
 
     /// Whether every answer taken since the last call (or CONNECT) was certainly its command's: a SYNCH,
     /// whose answer must follow theirs directly; nothing when no answer was taken. A slave that never
-    /// answered one is asked for its status instead. After requestStop() too: what was read before is not
-    /// lost.
+    /// answered one is asked for its status instead. After a stop too: what was read before is not lost.
     Result<bool> confirm() { return connection_.confirm(); }
     /// From now on until CONNECT commands stand between fences of their own; called again, copies of answers
     /// are waited for too.
@@ -103,23 +106,16 @@ class Master final : public IPacketSink {
     }
     Result<void> startDaq() { return daq_.start(); }
     Result<void> stopDaq() { return daq_.stop(); }
-    /// Stop all in one exchange of t1 at most, without SYNCH and repeat, also after requestStop().
+    /// Stop all in one exchange of t1 at most, without SYNCH and repeat, also after a stop.
     Result<void> stopDaqOnce() { return connection_.once(buildStopAll()); }
     /// Likewise in a slave that ended the session on its own: CONNECT, stop all, DISCONNECT, t1 in all.
     Result<void> stopDaqUnconnected() { return connection_.onceMore(buildStopAll()); }
-    /// Sends stop all, also after requestStop(), and does not wait for the answer.
+    /// Sends stop all, also after a stop, and does not wait for the answer.
     Result<void> stopDaqWithoutWaiting() { return connection_.withoutWaiting(buildStopAll()); }
 
-    /// Ends every wait of a command at once, the endless CONNECT included; commands fail with closed until
-    /// clearStop(). The ...Once and ...WithoutWaiting operations and confirm() still work, and wait for t1 in
-    /// all while the slave is silent.
-    void requestStop() { connection_.requestStop(); }
-    /// Commands go on, but wait for t1 in all while the slave is silent, and EV_CMD_PENDING draws out none:
-    /// for a stop that waits for commands which must not be left half-way.
-    void finishSoon() { connection_.finishSoon(); }
-    /// Takes both back.
-    void clearStop() { connection_.clearStop(); }
-    bool stopRequested() const { return connection_.stopRequested(); }
+    /// While the result lives, a stop lets all commands go on, for t1 in all while the slave is silent: for
+    /// commands that must not be left half-way.
+    [[nodiscard]] Connection::Finishing finishing() { return Connection::Finishing(connection_); }
 
     /// After a CONNECT until DISCONNECT or EV_SESSION_TERMINATED.
     bool connected() const { return connection_.connected(); }

@@ -102,7 +102,8 @@ class SerialTransport::Reception final : private ISerialFrameSink {
     Clock::time_point lastByte_ = Clock::now();
 };
 
-SerialTransport::SerialTransport(SerialTransportConfig config) : config_(std::move(config)) {}
+SerialTransport::SerialTransport(SerialTransportConfig config, StopToken stop)
+    : config_(std::move(config)), stop_(std::move(stop)), wakeOnStop_(stop_, [this] { wakeUp(); }) {}
 
 SerialTransport::~SerialTransport() {
     close();
@@ -138,9 +139,9 @@ Result<void> SerialTransport::openPort() {
 
 Result<void> SerialTransport::waitForReset() {
     {
-        std::unique_lock lock(stopMutex_);
-        wakeUp_.wait_for(lock, config_.resetDelay, [this] { return stopRequested_ || lost_; });
-        if (stopRequested_) return Error{.code = ErrorCode::closed, .message = "XCP on serial: stopped"};
+        std::unique_lock lock(wakeUpMutex_);
+        wakeUp_.wait_for(lock, config_.resetDelay, [this] { return stop_.requested() || lost_; });
+        if (stop_.requested()) return Error::stopped("XCP on serial: stopped");
     }
     const std::lock_guard lock(sendMutex_);
     if (lost_) return connectionLost(lossReason_);
@@ -172,10 +173,9 @@ Result<void> SerialTransport::sendText(std::string_view line) {
     }
     const std::string text = std::string(line) + '\n';
     for (std::size_t at = 0; at < text.size(); at += kTextPiece) {
-        if (stopped()) {
-            return Error{
-                .code = ErrorCode::closed,
-                .message = fmt::format("XCP on serial: stopped after {} of {} bytes", at, text.size())};
+        if (stop_.requested()) {
+            return Error::stopped(
+                fmt::format("XCP on serial: stopped after {} of {} bytes", at, text.size()));
         }
         const std::string_view piece = std::string_view(text).substr(at, kTextPiece);
         auto written = writeLocked(reinterpret_cast<const std::uint8_t*>(piece.data()), piece.size());
@@ -198,20 +198,9 @@ Result<void> SerialTransport::writeLocked(const std::uint8_t* data, std::size_t 
     return written;
 }
 
-void SerialTransport::requestStop() {
-    const std::lock_guard lock(stopMutex_);
-    stopRequested_ = true;
+void SerialTransport::wakeUp() {
+    const std::lock_guard lock(wakeUpMutex_);
     wakeUp_.notify_all();
-}
-
-bool SerialTransport::stopped() {
-    const std::lock_guard lock(stopMutex_);
-    return stopRequested_;
-}
-
-void SerialTransport::clearStop() {
-    const std::lock_guard lock(stopMutex_);
-    stopRequested_ = false;
 }
 
 void SerialTransport::receiveLoop(std::unique_ptr<Reception> reception) {
@@ -242,8 +231,7 @@ void SerialTransport::loseConnection(const std::string& reason) {
         port_.close();
     }
     if (ITextSink* const sink = textSink_.load()) sink->onNotice("connection lost: " + reason);
-    const std::lock_guard lock(stopMutex_);
-    wakeUp_.notify_all();
+    wakeUp();
 }
 
 SerialStatistics SerialTransport::statistics() const {

@@ -2,7 +2,7 @@
 // sink, everything else goes to the text sink line by line. A receive thread "xcp-serial-rx" reads the port.
 //
 // Threads: open, close, setSink and setTextSink belong to the owner and must not run at the same time; send,
-// sendText, requestStop, clearStop, lost and statistics may be called from any thread at any time. Both sinks
+// sendText, lost and statistics may be called from any thread at any time. Both sinks
 // are called on the receive thread. Lifetime: the sinks are borrowed, set while the transport is closed, and
 // must outlive it or be replaced first.
 #pragma once
@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/stop_token.h"
 #include "hal/serial_port.h"
 #include "xcp/text_sink.h"
 #include "xcp/transport.h"
@@ -41,7 +42,9 @@ struct SerialStatistics {
 
 class SerialTransport final : public ITransport {
   public:
-    explicit SerialTransport(SerialTransportConfig config);
+    /// A stop ends the reset delay of an open() and a sendText(), under way or to come; send and receiving go
+    /// on.
+    explicit SerialTransport(SerialTransportConfig config, StopToken stop = {});
     ~SerialTransport() override;
     SerialTransport(const SerialTransport&) = delete;
     SerialTransport& operator=(const SerialTransport&) = delete;
@@ -52,8 +55,8 @@ class SerialTransport final : public ITransport {
     /// Opens the port and waits for the reset delay, during which text and packets are received already and
     /// text can be sent. A transport whose port is lost is closed and opened anew, with the reset delay
     /// again. Errors, after which the transport is closed: those of hal::SerialPort::open, and "connection
-    /// lost: ..." when the port goes during the delay, both behind "XCP on serial: "; closed "XCP on serial:
-    /// stopped" after requestStop().
+    /// lost: ..." when the port goes during the delay, both behind "XCP on serial: "; Error::stopped "XCP
+    /// on serial: stopped".
     Result<void> open() override;
 
     /// From any state and any number of times. A part line of text is handed on first.
@@ -65,15 +68,10 @@ class SerialTransport final : public ITransport {
     Result<void> send(const std::uint8_t* data, std::size_t length) override;
 
     /// The line and a LF, never inside a frame. Errors: those of send; invalidArgument "XCP on serial: text
-    /// with a zero byte" (it would open a frame), closed "XCP on serial: stopped after N of M bytes".
+    /// with a zero byte" (it would open a frame), Error::stopped "XCP on serial: stopped after N of M bytes".
     Result<void> sendText(std::string_view line);
 
     std::size_t maxPacketSize() const override { return config_.maxPacketSize; }
-
-    /// Ends the reset delay of an open() and a sendText() under way and of all that follow until clearStop();
-    /// send and receiving go on.
-    void requestStop();
-    void clearStop();
 
     /// True from the failure of the open port (pulled, hung up) until an open() has got hold of it again.
     bool lost() const { return lost_.load(); }
@@ -87,11 +85,12 @@ class SerialTransport final : public ITransport {
     Result<void> waitForReset();
     Result<void> requireOpenLocked() const;
     Result<void> writeLocked(const std::uint8_t* data, std::size_t length);
-    bool stopped();
     void receiveLoop(std::unique_ptr<Reception> reception);
     void loseConnection(const std::string& reason);
+    void wakeUp();
 
     const SerialTransportConfig config_;
+    const StopToken stop_;
     std::atomic<IPacketSink*> sink_{nullptr};
     std::atomic<ITextSink*> textSink_{nullptr};
 
@@ -108,13 +107,14 @@ class SerialTransport final : public ITransport {
     std::vector<std::uint8_t> frame_;  ///< under sendMutex_
     std::string lossReason_;           ///< under sendMutex_
 
-    std::mutex stopMutex_;
+    std::mutex wakeUpMutex_;
     std::condition_variable wakeUp_;
-    bool stopRequested_ = false;  ///< under stopMutex_
 
     std::atomic<std::uint64_t> bytesReceived_{0};
     std::atomic<std::uint64_t> packetsReceived_{0};
     std::atomic<std::uint64_t> invalidFrames_{0};
+
+    const StopCallback wakeOnStop_;  ///< last: it uses the others
 };
 
 }  // namespace lm::xcp

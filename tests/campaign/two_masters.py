@@ -41,7 +41,7 @@ class TwoMasters(campaign.Campaign):
             started.append((tool, self.start_cli(sim, "-c", config, *arguments), names * 10, directory))
             time.sleep(chance.choice((0.005, 0.03, 0.4)) * chance.random())  # a moment is what is tried here
         for tool, program, names, directory in started:
-            code = program.finish(60)
+            code = program.finish()
             self.check_ended(code, program.err)
             judge = {"get": self.judge_get, "set": self.judge_set}.get(tool, self.judge_measure)
             judge(program, code, names if tool == "get" else directory)

@@ -45,7 +45,7 @@ def script(arguments, ctest):
     tests = shlex.quote(str(arguments.build / "tests/can_bench"))
     return "\n".join([
         *lines, f"cd {tests}",
-        "ctest --output-on-failure --no-tests=error --parallel 2 --repeat until-pass:2 "
+        "ctest --output-on-failure --no-tests=error --parallel 2 "
         f"--output-junit /bench/junit.xml {shlex.join(ctest)} | cat",  # no terminal: no colours
         "status=${PIPESTATUS[0]}", "cp Testing/Temporary/LastTest.log /bench/", "exit $status", ""])
 

@@ -13,12 +13,12 @@ TEST(StopSignal, TheFirstAsksALaterOneKills) {
         {
             if (!installStopHandlers() || stopRequested()) std::exit(1);
             std::promise<void> called;
-            StopWatcher watcher([&called] { called.set_value(); });
+            const StopCallback onStop(stopToken(), [&called] { called.set_value(); });
+            StopWatcher watcher;
             if (!watcher.start()) std::exit(1);
             std::raise(SIGTERM);
             std::raise(SIGINT);  // so close to the first, it belongs to it
             called.get_future().wait();
-            watcher.stopNow();  // a second call of the function would throw
             if (stopRequested()) std::fputs("asked", stderr);
             for (;;)
                 std::raise(SIGINT);

@@ -1,9 +1,9 @@
 // The XCP interface data of an A2L module: what stands between /begin IF_DATA and its end.
 #include "a2l/if_data.h"
-#include "a2l/tokenizer.h"
 
 #include <string>
 
+#include "a2l/tokenizer.h"
 #include "fuzz_input.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

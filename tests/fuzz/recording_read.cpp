@@ -19,8 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const auto kGoOn = [] { return false; };
-
 std::string textsOf(const std::vector<storage::Finding>& findings) {
     std::string texts;
     for (const storage::Finding& finding : findings)
@@ -63,7 +61,7 @@ class Recording {
         const Bytes events = readFile(directory_ / storage::kEventFileName);
         std::size_t deeds = 0;
         const auto tell = [&deeds](const std::string&) { ++deeds; };
-        const auto left = storage::repairRecording(directory_, kGoOn, tell);
+        const auto left = storage::repairRecording(directory_, {}, tell);
         require(left.ok(), "a recording that opens can be repaired");
         bool mixed = false;
         for (std::size_t i = 0; i < count_; ++i) {
@@ -75,12 +73,11 @@ class Recording {
             isKept(events, static_cast<std::size_t>(lines), readFile(directory_ / storage::kEventFileName)),
             "no line of events is lost");
         require(!mixed || !left.value().empty(), "a file of another recording is told");
-        const auto check = storage::checkRecording(directory_, kGoOn);
+        const auto check = storage::checkRecording(directory_, {});
         require(check.ok(), "a recording that opens can be checked");
         require(textsOf(check.value().findings) == textsOf(left.value()), "what is left is what was told");
         deeds = 0;
-        require(storage::repairRecording(directory_, kGoOn, tell).ok() && deeds == 0,
-                "repaired once for all");
+        require(storage::repairRecording(directory_, {}, tell).ok() && deeds == 0, "repaired once for all");
     }
 
     /// Lines of events, of this recording or of none.

@@ -48,7 +48,7 @@ xcp::MasterOptions takeOptions(Input& input) {
 class Run {
   public:
     explicit Run(Input& input)
-        : input_(input), slave_(input, clock_), master_(slave_, takeOptions(input), clock_) {
+        : input_(input), slave_(input, clock_), master_(slave_, takeOptions(input), {}, clock_) {
         master_.setListener(&listener_);
     }
     ~Run() {

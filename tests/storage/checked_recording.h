@@ -14,13 +14,12 @@ namespace lm::storage::test {
 
 class CheckedRecordingTest : public ::testing::Test {
   protected:
-    static bool goOn() { return false; }
     std::filesystem::path path() const { return dir_.path() / "rec"; }
     std::filesystem::path file(const std::string& name) const { return path() / name; }
 
     /// The findings, a line each, without the directory.
     std::string check() {
-        auto checked = checkRecording(path(), goOn);
+        auto checked = checkRecording(path(), {});
         if (!checked) return withoutPath(checked.error().text());
         std::string text;
         for (const Finding& finding : checked.value().findings)
@@ -31,7 +30,7 @@ class CheckedRecordingTest : public ::testing::Test {
     std::string repair() {
         std::string text;
         auto left =
-            repairRecording(path(), goOn, [&](const std::string& deed) { text += withoutPath(deed) + "\n"; });
+            repairRecording(path(), {}, [&](const std::string& deed) { text += withoutPath(deed) + "\n"; });
         if (!left) return text + withoutPath(left.error().text());
         for (const Finding& finding : left.value())
             text += "left: " + withoutPath(finding.text) + "\n";

@@ -3,6 +3,7 @@
 // moves only when the master waits.
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <random>
 
@@ -126,7 +127,9 @@ struct Figures {
 class Session {
   public:
     Session(std::vector<Fault> faults, bool clearing, Figures& figures)
-        : figures_(figures), wire_(clock_, std::move(faults)), master_(wire_, options(), clock_) {
+        : figures_(figures),
+          wire_(clock_, std::move(faults)),
+          master_(wire_, options(), stop_.token(), clock_) {
         wire_.slave.synchClearsPointers = clearing;
         ++figures_.runs;
     }
@@ -143,6 +146,7 @@ class Session {
     }
     Wire& wire() { return wire_; }
     Master& master() { return master_; }
+    StopSource& stop() { return stop_; }
     test::VirtualClock& clock() { return clock_; }
 
   private:
@@ -237,6 +241,7 @@ class Session {
     Figures& figures_;
     test::VirtualClock clock_;
     Wire wire_;
+    StopSource stop_ = StopSource::create().value();
     Master master_;
     std::optional<DaqCapabilities> capabilities_;
 };
@@ -428,9 +433,11 @@ TEST_F(AnswerSchedules, AStopEndsInTime) {
                         if (session.wire().packets <= position || std::exchange(armed, true)) return;
                         session.clock().at(session.clock().nowNs() + tenths * kT1 / 10, [&] {
                             stoppedNs = session.clock().nowNs();
-                            soon ? session.master().finishSoon() : session.master().requestStop();
+                            session.stop().request();
                         });
                     };
+                    const std::unique_ptr<Connection::Finishing> finishing(
+                        soon ? new Connection::Finishing(session.master().finishing()) : nullptr);
                     session.run();
                     static_cast<void>(session.master().stopDaqOnce());
                     static_cast<void>(session.master().disconnectOnce());

@@ -150,19 +150,6 @@ TEST(Master, ConfirmsThatAnswersBelongToTheirCommands) {
     }
 }
 
-TEST(Master, AStopIsNotDrawnOutByASlaveThatIsPending) {
-    Bench bench("FF 00 > @; DD 00; FC > FE 00; FD");
-    bench.run("connect");
-    const std::function<void()> pending = [&] {
-        bench.slave.deliver("FD 05");
-        bench.clock.at(bench.clock.nowNs() + kMillisecond, pending);
-    };
-    pending();
-    EXPECT_EQ(bench.run("stopOnce"), "START_STOP_SYNCH: no response from slave (t1)");
-    bench.master.finishSoon();
-    EXPECT_EQ(bench.run("status"), "GET_STATUS: stopped");
-}
-
 TEST(Master, BusyIsRepeatedTwentyTimes) {
     std::string script = "FF 00 > @";
     for (int i = 0; i < 21; ++i) {
@@ -182,7 +169,7 @@ TEST(Master, PendingExtendsTheWait) {
 }
 
 TEST(Master, WhatHappensDuringAWaitCounts) {
-    const auto stop = [](Bench& bench) { bench.master.requestStop(); };
+    const auto stop = [](Bench& bench) { bench.stop.request(); };
     const struct {
         const char* script;
         std::size_t sent;  ///< packets before `then`
@@ -202,7 +189,7 @@ TEST(Master, WhatHappensDuringAWaitCounts) {
         {"FF 00 > @; FD; FF 00 > @; DD 00 > FF; FE > FF", 2,
          [](Bench& bench) {
              bench.slave.deliver("FD 07");
-             bench.master.requestStop();
+             bench.stop.request();
          },
          "connect; status; stopUnconnected", "ok; GET_STATUS: stopped; ok"},
     };

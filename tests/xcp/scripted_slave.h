@@ -82,7 +82,7 @@ class ScriptedSlave final : public ITransport {
 
 struct Bench {
     explicit Bench(const std::string& script, const MasterOptions& options = {.t1 = 20, .t7 = 0})
-        : slave(script), master(slave, options, clock) {}
+        : slave(script), master(slave, options, stop.token(), clock) {}
 
     /// Runs "COMMAND; COMMAND ARGUMENT; ..." and joins the results likewise: bytes in hexadecimal, the text
     /// of an error, or "ok".
@@ -98,6 +98,7 @@ struct Bench {
 
     VirtualClock clock;
     ScriptedSlave slave;
+    StopSource stop = StopSource::create().value();
     Master master;
 
   private:
@@ -131,7 +132,7 @@ struct Bench {
         if (name == "stopOnce") return told(master.stopDaqOnce());
         if (name == "disconnect") return told(master.disconnect());
         if (name == "disconnectBlindly") return told(master.disconnectWithoutWaiting());
-        if (name == "requestStop") return master.requestStop(), "ok";
+        if (name == "requestStop") return stop.request(), "ok";
         return "no such command: " + name;
     }
 };

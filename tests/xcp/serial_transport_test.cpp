@@ -79,7 +79,8 @@ class SerialTransportTest : public ::testing::Test {
     const std::string lost_ = "connection lost: " + link_ + ": port gone";
     Arrivals arrivals_;
     std::unique_ptr<PseudoTerminal> terminal_;
-    SerialTransport transport_{{.port = link_, .resetDelay = {}, .maxPacketSize = 8}};
+    StopSource stop_ = StopSource::create().value();
+    SerialTransport transport_{{.port = link_, .resetDelay = {}, .maxPacketSize = 8}, stop_.token()};
 };
 
 TEST_F(SerialTransportTest, ExchangesPacketsAndText) {
@@ -130,7 +131,7 @@ TEST_F(SerialTransportTest, NeverPutsAFrameIntoText) {
     // A stop cuts the text, not what belongs to XCP.
     auto cut = std::async(std::launch::async, [&] { return outcome(transport_.sendText(line)); });
     EXPECT_EQ(terminal_->read(1), "t");
-    transport_.requestStop();
+    stop_.request();
     pollfd more{.fd = terminal_->descriptor(), .events = POLLIN, .revents = 0};
     std::array<char, 4096> block;
     while (cut.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
@@ -142,7 +143,7 @@ TEST_F(SerialTransportTest, NeverPutsAFrameIntoText) {
 }
 
 TEST_F(SerialTransportTest, ReceivesDuringTheResetDelayUntilSomethingEndsIt) {
-    SerialTransport slow({.port = link_, .resetDelay = std::chrono::hours(1)});
+    SerialTransport slow({.port = link_, .resetDelay = std::chrono::hours(1)}, stop_.token());
     slow.setTextSink(&arrivals_);
     for (const bool pulled : {false, true}) {
         auto opened = std::async(std::launch::async, [&] { return outcome(slow.open()); });
@@ -151,12 +152,12 @@ TEST_F(SerialTransportTest, ReceivesDuringTheResetDelayUntilSomethingEndsIt) {
         }
         terminal_->write("boot\n");
         EXPECT_EQ(arrivals_.upTo("<boot>"), "<boot>");
-        pulled ? terminal_->pull() : slow.requestStop();
+        pulled ? terminal_->pull() : stop_.request();
         EXPECT_EQ(opened.get(), "XCP on serial: " + (pulled ? lost_ : "stopped"));
         EXPECT_EQ(slow.lost(), pulled);
         EXPECT_EQ(outcome(slow.sendText("x")), "XCP on serial: transport not started");
         EXPECT_TRUE(outcome(slow.open()).find(pulled ? "cannot open" : "stopped") != std::string::npos);
-        slow.clearStop();
+        stop_.reset();
     }
 }
 

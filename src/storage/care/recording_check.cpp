@@ -52,12 +52,12 @@ bool sameLevelEntry(std::span<const std::uint8_t> a, std::span<const std::uint8_
 class GroupChecker {
   public:
     GroupChecker(fs::path directory, std::size_t number, const RecordingInfo& recording,
-                 const StopQuestion& shouldStop)
+                 const StopToken& stop)
         : directory_(std::move(directory)),
           number_(number),
           group_(recording.groups[number]),
           earliestNs_(std::max(recording.startHostNs, kLeastNs + kBeforeStartNs) - kBeforeStartNs),
-          shouldStop_(shouldStop),
+          stop_(stop),
           proof_(recording, group_) {}
 
     Result<GroupCheck> run();
@@ -82,7 +82,7 @@ class GroupChecker {
     std::size_t number_;
     const GroupInfo& group_;
     const std::int64_t earliestNs_;
-    const StopQuestion& shouldStop_;
+    const StopToken& stop_;
     GroupCheck check_;
     std::optional<Error> headerError_;
     RecordProof proof_;
@@ -115,7 +115,7 @@ Result<GroupCheck> GroupChecker::run() {
         return std::move(check_);
     }
     if (auto compared = compareAll(reader); !compared) {
-        if (compared.error().code == ErrorCode::closed) return compared.error();
+        if (compared.error().isStop()) return compared.error();
         report(compared.error().text(), false);
         return std::move(check_);
     }
@@ -159,7 +159,7 @@ Result<void> GroupChecker::compareAll(const GroupReader& reader) {
     };
     RecordStream stream = reader.read(reader.all());
     for (;;) {
-        if (shouldStop_()) return Error{ErrorCode::closed, "stopped"};
+        if (stop_.requested()) return Error::stopped("stopped");
         auto batch = stream.next();
         if (!batch) return batch.error();
         if (batch.value().count == 0) return {};
@@ -295,18 +295,18 @@ void GroupChecker::reportSurplusLevels() {
 }  // namespace
 
 Result<GroupCheck> checkGroup(const fs::path& directory, std::size_t number, const RecordingInfo& recording,
-                              const StopQuestion& shouldStop) {
-    return GroupChecker(directory, number, recording, shouldStop).run();
+                              const StopToken& stop) {
+    return GroupChecker(directory, number, recording, stop).run();
 }
 
-Result<RecordingCheck> checkRecording(const fs::path& directory, const StopQuestion& shouldStop) {
+Result<RecordingCheck> checkRecording(const fs::path& directory, const StopToken& stop) {
     auto recording = RecordingReader::open(directory);
     if (!recording) return recording.error();
     RecordingCheck result;
     const std::vector<GroupInfo>& groups = recording.value().info().groups;
     result.groups = groups.size();
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        auto group = checkGroup(directory, i, recording.value().info(), shouldStop);
+        auto group = checkGroup(directory, i, recording.value().info(), stop);
         if (!group) return group.error();
         result.records += group.value().records;
         result.beingWritten = result.beingWritten || group.value().beingWritten;

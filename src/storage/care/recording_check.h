@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "core/result.h"
+#include "core/stop_token.h"
 #include "storage/format/recording_info.h"
-#include "storage/format/stop_question.h"
 
 namespace lm::storage {
 
@@ -41,9 +41,9 @@ struct GroupCheck {
 };
 
 /// Group `number` of `recording`. One that is still being written may lack the newest entries; that is no
-/// finding. Error: "stopped".
+/// finding. Error: Error::stopped "stopped".
 Result<GroupCheck> checkGroup(const std::filesystem::path& directory, std::size_t number,
-                              const RecordingInfo& recording, const StopQuestion& shouldStop);
+                              const RecordingInfo& recording, const StopToken& stop);
 
 struct RecordingCheck {
     std::uint64_t groups = 0;
@@ -52,7 +52,7 @@ struct RecordingCheck {
     std::vector<Finding> findings;
 };
 
-/// Errors: those of RecordingReader::open(); "stopped".
-Result<RecordingCheck> checkRecording(const std::filesystem::path& directory, const StopQuestion& shouldStop);
+/// Errors: those of RecordingReader::open(); Error::stopped "stopped".
+Result<RecordingCheck> checkRecording(const std::filesystem::path& directory, const StopToken& stop);
 
 }  // namespace lm::storage

@@ -83,13 +83,9 @@ class Replacement {
 
 class GroupRepair {
   public:
-    GroupRepair(fs::path directory, std::size_t number, const GroupInfo& group,
-                const StopQuestion& shouldStop, const RepairListener& tell)
-        : directory_(std::move(directory)),
-          number_(number),
-          group_(group),
-          shouldStop_(shouldStop),
-          tell_(tell) {}
+    GroupRepair(fs::path directory, std::size_t number, const GroupInfo& group, const StopToken& stop,
+                const RepairListener& tell)
+        : directory_(std::move(directory)), number_(number), group_(group), stop_(stop), tell_(tell) {}
 
     Result<void> run(const GroupCheck& check);
 
@@ -102,7 +98,7 @@ class GroupRepair {
     fs::path directory_;
     std::size_t number_;
     const GroupInfo& group_;
-    const StopQuestion& shouldStop_;
+    const StopToken& stop_;
     const RepairListener& tell_;
 };
 
@@ -180,7 +176,7 @@ Result<void> GroupRepair::summarise(const std::vector<std::size_t>& numbers,
     };
     RecordStream stream = reader.value().read(reader.value().all());
     for (;;) {
-        if (shouldStop_()) return Error{ErrorCode::closed, "stopped"};
+        if (stop_.requested()) return Error::stopped("stopped");
         auto batch = stream.next();
         if (!batch) return batch.error();
         const RecordBatch& records = batch.value();
@@ -210,7 +206,7 @@ Result<void> refuseWhileRecorded(const RecordingReader& recording) {
 
 }  // namespace
 
-Result<std::vector<Finding>> repairRecording(const fs::path& directory, const StopQuestion& shouldStop,
+Result<std::vector<Finding>> repairRecording(const fs::path& directory, const StopToken& stop,
                                              const RepairListener& tell) {
     auto recording = RecordingReader::open(directory);
     if (!recording) return recording.error();
@@ -218,13 +214,13 @@ Result<std::vector<Finding>> repairRecording(const fs::path& directory, const St
     std::vector<Finding> left;
     const std::vector<GroupInfo>& groups = recording.value().info().groups;
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        auto check = checkGroup(directory, i, recording.value().info(), shouldStop);
+        auto check = checkGroup(directory, i, recording.value().info(), stop);
         if (!check) return check.error();
         const std::vector<Finding>& findings = check.value().findings;
         const auto mendable = [](const Finding& finding) { return finding.mendable; };
         std::copy_if(findings.begin(), findings.end(), std::back_inserter(left), std::not_fn(mendable));
         if (std::none_of(findings.begin(), findings.end(), mendable)) continue;
-        GroupRepair repair(directory, i, groups[i], shouldStop, tell);
+        GroupRepair repair(directory, i, groups[i], stop, tell);
         if (auto repaired = repair.run(check.value()); !repaired) return repaired.error();
     }
     if (auto repaired = repairEvents(directory, recording.value().info(), tell); !repaired) {

@@ -21,8 +21,8 @@ using RepairListener = std::function<void(const std::string&)>;
 /// Returns the findings that cannot be mended; the rest of the recording is mended all the same. A failure
 /// (full disk, stop) leaves the files that were not mended as they were.
 /// Errors: those of RecordingReader::open(); wouldBlock "DIRECTORY is still being recorded: ..."; "cannot
-/// write FILE: REASON"; those of InputFile::readAt(); "stopped".
-Result<std::vector<Finding>> repairRecording(const std::filesystem::path& directory,
-                                             const StopQuestion& shouldStop, const RepairListener& tell);
+/// write FILE: REASON"; those of InputFile::readAt(); Error::stopped "stopped".
+Result<std::vector<Finding>> repairRecording(const std::filesystem::path& directory, const StopToken& stop,
+                                             const RepairListener& tell);
 
 }  // namespace lm::storage

@@ -15,14 +15,14 @@ void add(ExactExtremes& extremes, Sample sample) {
 
 }  // namespace
 
-Result<std::vector<ExactExtremes>> exactExtremes(const GroupReader& group, const StopQuestion& shouldStop) {
+Result<std::vector<ExactExtremes>> exactExtremes(const GroupReader& group, const StopToken& stop) {
     const std::vector<SignalInfo>& signals = group.info().signals;
     std::vector<ExactExtremes> extremes(signals.size());
     RecordStream stream = group.read(group.all());
     for (;;) {
         auto batch = stream.next();
         if (!batch) return batch.error();
-        if (shouldStop()) return Error{ErrorCode::closed, "stopped"};
+        if (stop.requested()) return Error::stopped("stopped");
         if (batch.value().count == 0) return extremes;
         for (std::size_t i = 0; i < signals.size(); ++i) {
             for (std::size_t n = 0; n < batch.value().count; ++n) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/result.h"
-#include "storage/format/stop_question.h"
+#include "core/stop_token.h"
 #include "storage/read/group_reader.h"
 #include "value/value.h"
 
@@ -26,7 +26,8 @@ struct ExactExtremes {
     std::optional<Sample> greatest;
 };
 
-/// One for each signal, in the order of the group. Errors: those of RecordStream::next(), "stopped".
-Result<std::vector<ExactExtremes>> exactExtremes(const GroupReader& group, const StopQuestion& shouldStop);
+/// One for each signal, in the order of the group. Errors: those of RecordStream::next(), Error::stopped
+/// "stopped".
+Result<std::vector<ExactExtremes>> exactExtremes(const GroupReader& group, const StopToken& stop);
 
 }  // namespace lm::storage
