@@ -97,23 +97,6 @@ TEST(Console, PrintsSignalsInTheOrderAskedFor) {
     EXPECT_EQ(console.skippedLines(), 0U);
 }
 
-TEST(Console, PrintsTheFirstAndEveryNthRecordOfEachList) {
-    Pipe pipe;
-    Console console(pipe.writer());
-    ASSERT_TRUE(console.startPrinting(3).ok());
-    console.setLines(textLines(demoPlan(), value::NumberStyle::formatted), 2);
-    for (std::uint16_t i = 0; i < 7; ++i) {
-        if (i == 4) send(console, 0, 3'000'000, 0, i);
-        send(console, 1, i * 700'000, i);
-    }
-    console.finishPrinting();
-    EXPECT_EQ(pipe.readLines(4),
-              "     0.000  Plain=0\n"
-              "     0.002  Plain=3\n"
-              "     0.003  Speed=2.0 °\\x07  State=0  Speed=2.0 °\\x07\n"
-              "     0.004  Plain=6\n");
-}
-
 TEST(MessageOutput, DropsWhatDoesNotFitAndTellsHowMuch) {
     constexpr int kLines = 300;  // of 1000 bytes, more than pipe and queue hold
     const std::string line = std::string(999, 'x') + "\n";

@@ -45,24 +45,6 @@ class RecordingReaderTest : public ::testing::Test {
     lm::test::TempDir dir_;
 };
 
-// Even and uneven paces, long gaps, many records of one time.
-TEST_F(RecordingReaderTest, FindsTimesWhateverThePace) {
-    std::mt19937 random(11);
-    for (const unsigned pace : {1U, 2U, 1000U, 1000000U}) {
-        std::vector<std::int64_t> times{-500};
-        while (times.size() < 3000)
-            times.push_back(times.back() + (random() % 100 == 0 ? random() % (50 * pace) : random() % pace));
-        record(std::vector<float>(times.size()), times);
-        const auto recording = RecordingReader::open(path());
-        const auto group = recording.value().openGroup(0);
-        for (std::size_t i = 0; i < times.size(); i += 7) {
-            const std::int64_t time = times[i] + static_cast<std::int64_t>(random() % 3) - 1;
-            const auto expected = std::lower_bound(times.begin(), times.end(), time) - times.begin();
-            ASSERT_EQ(group.value().find({time}).value().first, static_cast<std::size_t>(expected)) << pace;
-        }
-    }
-}
-
 TEST_F(RecordingReaderTest, NoticesAFileThatShrinksOrIsNone) {
     EXPECT_EQ(RecordingReader::open(path()).error().text(), "no recording in " + path().string());
     test::writeSmallRecording(path(), 7);

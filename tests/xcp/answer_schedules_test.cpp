@@ -22,7 +22,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::int64_t kT1 = 100'000'000;
 
-enum class Kind : std::uint8_t { none, halt, lost, unheard, doubled, late, silent, deaf, pending, overtake };
+enum class Kind : std::uint8_t { none, halt, lost, unheard, doubled, late, silent, deaf, pending };
 
 struct Fault {
     Kind kind = Kind::none;
@@ -61,10 +61,6 @@ class Wire final : public ITransport {
             return {};
         }
         if (answer.empty() || fault.kind == Kind::lost) return {};
-        if (fault.kind == Kind::overtake) {
-            clock_.at(clock_.nowNs() + fault.ns, [this, answer] { deliver(answer); });
-            return {};
-        }
         if (fault.kind == Kind::late) freeNs_ = std::max(freeNs_, clock_.nowNs()) + fault.ns;
         emit(answer);
         if (fault.kind == Kind::doubled) {
@@ -450,18 +446,6 @@ TEST_F(AnswerSchedules, AStopEndsInTime) {
     }
     std::printf("after a stop, at most %.2f t1\n", longest);
     EXPECT_LE(longest, 1.2);
-}
-
-/// Not promised: told, not judged.
-TEST_F(AnswerSchedules, AnswersThatOvertake) {
-    Figures figures;
-    const std::size_t count = packets(false);
-    for (std::size_t position = 0; position < count; ++position) {
-        for (std::int64_t tenths = 1; tenths <= 60; ++tenths)
-            Session({{.kind = Kind::overtake, .command = position, .ns = tenths * kT1 / 10}}, false, figures)
-                .run();
-    }
-    print("overtaken", figures);
 }
 
 }  // namespace
