@@ -26,12 +26,24 @@ function(xcplumo_library name)
     target_link_libraries(${name} PUBLIC ${arg_LINKS} PRIVATE xcplumo_options ${arg_PRIVATE_LINKS})
 endfunction()
 
-# xcplumo_program(NAME SOURCES ... LINKS ...): an installed program.
+# xcplumo_version(SOURCE): this source file tells the program's version.
+function(xcplumo_version source)
+    set_source_files_properties(${source} PROPERTIES COMPILE_DEFINITIONS "XCPLUMO_VERSION=\"${PROJECT_VERSION}\"")
+endfunction()
+
+# xcplumo_program(NAME SOURCES ... LINKS ...): an installed program and its manual page.
 function(xcplumo_program name)
     cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE xcplumo_options ${arg_LINKS})
     install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    set(page ${CMAKE_BINARY_DIR}/man/${name}.1)
+    add_custom_command(OUTPUT ${page}.gz DEPENDS ${name} VERBATIM
+                       COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
+                       COMMAND $<TARGET_FILE:${name}> --help-man > ${page}
+                       COMMAND gzip -9nf ${page})
+    add_custom_target(${name}-man ALL DEPENDS ${page}.gz)
+    install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endfunction()
 
 # xcplumo_test(NAME SOURCES ... LINKS ...): a GoogleTest program; each of its cases becomes one CTest test.

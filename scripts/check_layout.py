@@ -13,6 +13,7 @@ ROOT = Path(__file__).resolve().parent.parent
 # Folder -> folders whose headers it may include besides its own.
 ARROWS = {
     "core": set(),
+    "help": set(),
     "hal": {"core"},
     "broker": {"core", "hal"},
     "xcp": {"core", "hal", "broker"},
@@ -21,11 +22,11 @@ ARROWS = {
     "storage": {"core", "value"},
     "exporter": {"core", "value", "storage"},
     "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage"},
-    "cli": {"core", "value", "a2l", "xcp", "storage", "exporter", "session"},
-    "sim": {"core", "hal"},
+    "cli": {"core", "value", "a2l", "xcp", "storage", "exporter", "session", "help"},
+    "sim": {"core", "hal", "help"},
 }
 # Library header -> folders that may include it.
-LIBRARIES = {"CLI/": {"cli", "sim"}, "nlohmann/": {"session", "storage"}, "zlib.h": {"exporter"}}
+LIBRARIES = {"CLI/": {"cli", "help", "sim"}, "nlohmann/": {"session", "storage"}, "zlib.h": {"exporter"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 

@@ -5,11 +5,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "help/man_page.h"
 #include "sim/a2l_writer.h"
 #include "sim/can_medium.h"
 #include "sim/event_cycle.h"
@@ -20,6 +22,10 @@
 
 namespace lm::sim {
 namespace {
+
+constexpr const char* kDescription =
+    "An ECU that is not there: an XCP slave with an engine-like world behind it, for trying the tool without "
+    "hardware and for testing scripts. The first line on standard output tells where it is reached.";
 
 constexpr const char* kFaultHelp =
     "Faults of commands: KIND[:COMMAND[:FROM[:COUNT[:ARGUMENT]]]]\n"
@@ -274,6 +280,12 @@ int main(int argc, char** argv) {
     lm::sim::addSerialOptions(app, arguments);
     lm::sim::addSlaveOptions(app, arguments);
     app.footer(lm::sim::kFaultHelp);
+    app.set_version_flag("--version", std::string("xcplumo-sim ") + XCPLUMO_VERSION);
+    if (argc == 2 && std::string_view(argv[1]) == lm::help::kManOption) {
+        const std::string page = lm::help::manPage(
+            app, {XCPLUMO_VERSION, lm::sim::kDescription, "FAULTS AND SIGNALS", "xcplumo-cli"});
+        return std::fputs(page.c_str(), stdout) < 0 || std::fflush(stdout) != 0 ? 1 : 0;
+    }
     CLI11_PARSE(app, argc, argv);
     const lm::Result<void> done = lm::sim::run(arguments);
     if (done.ok()) return 0;

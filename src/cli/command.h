@@ -58,7 +58,7 @@ class ICommand {
 struct CommandRow {
     const char* name;
     const char* help;
-    const char* examples;  ///< at the end of its help text, may be empty
+    const char* examples;  ///< at the end of its help text: indented lines, then what a default depends on
     Needs needs;
     Form json;  ///< what --json makes of it; Form::text: it has no such option
     std::unique_ptr<ICommand> (*make)();

@@ -141,7 +141,7 @@ void ExportCommand::addOptions(CLI::App& app) {
     app.add_flag("--force", output.force, "Overwrite existing files");
     addPatterns(app, output.signals, "NAME, or a pattern with * and ? (default: all)");
     addTimes(app, output.from, output.to, "Seconds from the start, or ISO 8601; records before it");
-    app.add_option("--every", output.every, "Only every n-th record of each group");
+    app.add_option("--every", output.every, "Only every n-th record of each group")->default_str("1");
     app.add_flag("--no-compress", options_.noCompress, "MF4: copy the records as they lie");
     app.add_flag("--merge", output.merge, "CSV: all groups in one file, on one time axis");
     app.add_flag("--raw", output.raw, "CSV: raw values");

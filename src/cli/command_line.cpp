@@ -2,6 +2,7 @@
 
 #include <iostream>
 #include <sstream>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -10,12 +11,16 @@
 
 #include "cli/command_table.h"
 #include "cli/output.h"
+#include "help/man_page.h"
 
 namespace lm::cli {
 namespace {
 
-constexpr const char* kExamples = R"(Examples:
-  xcplumo-cli --a2l demo.a2l list speed
+constexpr const char* kDescription =
+    "Measures and calibrates ECUs over XCP on CAN, UDP or a serial line, by the names of an A2L file. Each "
+    "option may also stand after the command. What no option says comes from the configuration (-c).";
+
+constexpr const char* kExamples = R"(  xcplumo-cli --a2l demo.a2l list speed
   xcplumo-cli --a2l demo.a2l --udp 127.0.0.1:5555 info
   xcplumo-cli --a2l ecu.a2l -i can0 -b 500000 info
   xcplumo-cli -c demo.json get engine_speed cal_gain
@@ -42,7 +47,7 @@ void addCommands(CLI::App& app, std::span<const CommandRow> rows, const std::str
                  Candidates& candidates) {
     for (const CommandRow& row : rows) {
         CLI::App* sub = app.add_subcommand(row.name, row.help);
-        if (*row.examples != '\0') sub->footer(row.examples);
+        sub->footer(std::string("Examples:\n") + row.examples);
         if (row.make == nullptr) {
             sub->require_subcommand(1);
             addCommands(*sub, row.actions, before + row.name + " ", candidates);
@@ -56,32 +61,49 @@ void addCommands(CLI::App& app, std::span<const CommandRow> rows, const std::str
     }
 }
 
-int printInstead(const CLI::App& app, const CLI::ParseError& what) {
-    std::ostringstream text;
-    const int exitCode = app.exit(what, text, std::cerr);
+int print(const std::string& text, int exitCode) {
     Output output(STDOUT_FILENO);
-    output.append(text.str());
+    output.append(text);
     return output.finish(exitCode);
 }
 
+/// The parser and what it sets.
+struct Parser {
+    Options options;
+    Candidates candidates;
+    CLI::App app{"xcplumo-cli - XCP on CAN measurement and calibration", "xcplumo-cli"};
+
+    Parser() {
+        app.fallthrough();
+        app.require_subcommand(0, 1);
+        addProgramOptions(app, options);
+        app.set_version_flag("--version", std::string("xcplumo-cli ") + XCPLUMO_VERSION);
+        addCommands(app, commandTable(), "", candidates);
+        app.footer(std::string("Examples:\n") + kExamples);  // after the subcommands, which would inherit it
+    }
+};
+
 }  // namespace
 
+std::string helpText() {
+    return Parser().app.help();
+}
+
 std::variant<CommandLine, int> parseCommandLine(int argc, const char* const* argv) {
-    CommandLine line;
-    Candidates candidates;
-    CLI::App app("xcplumo-cli - XCP on CAN measurement and calibration", "xcplumo-cli");
-    app.fallthrough();
-    app.require_subcommand(0, 1);
-    addProgramOptions(app, line.options);
-    app.set_version_flag("--version", std::string("xcplumo-cli ") + XCPLUMO_VERSION);
-    addCommands(app, commandTable(), "", candidates);
-    app.footer(kExamples);  // after the subcommands, which would inherit it
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& what) {
-        return printInstead(app, what);
+    Parser parser;
+    if (argc == 2 && std::string_view(argv[1]) == help::kManOption) {
+        return print(help::manPage(parser.app, {XCPLUMO_VERSION, kDescription, "EXAMPLES", "xcplumo-sim"}),
+                     0);
     }
-    for (const auto& candidate : candidates) {
+    try {
+        parser.app.parse(argc, argv);
+    } catch (const CLI::ParseError& what) {
+        std::ostringstream text;
+        const int exitCode = parser.app.exit(what, text, std::cerr);
+        return print(text.str(), exitCode);
+    }
+    CommandLine line;
+    for (const auto& candidate : parser.candidates) {
         if (!candidate->chosen) continue;
         line.row = &candidate->row;
         line.name = candidate->name;
@@ -92,6 +114,7 @@ std::variant<CommandLine, int> parseCommandLine(int argc, const char* const* arg
         line.row = &noCommand();
         line.command = line.row->make();
     }
+    line.options = std::move(parser.options);
     return line;
 }
 

@@ -20,7 +20,10 @@ struct CommandLine {
     Form form = Form::text;
 };
 
-/// Also the exit code, when help, the version or a parse error has been printed instead.
+/// The help of the program as a whole.
+std::string helpText();
+
+/// Also the exit code, when help, the version, the manual page or a parse error has been printed instead.
 std::variant<CommandLine, int> parseCommandLine(int argc, const char* const* argv);
 
 }  // namespace lm::cli

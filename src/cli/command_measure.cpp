@@ -251,8 +251,8 @@ void MeasureCommand::addOptions(CLI::App& app) {
     app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
     addDuration(app, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
     app.add_option("-r,--record", options_.recordDirectory, "Recording directory");
-    app.add_option("-p,--print-every", options_.printEvery,
-                   "Print every n-th record per DAQ list (0 = none)");
+    app.add_option("-p,--print-every", options_.printEvery, "Print every n-th record per DAQ list (0 = none)")
+        ->default_str("100");
     addExact(app, options_.exact);
     app.add_option("--fail-on", options_.failOn,
                    "losses,outage,empty: exit code 3 when samples were lost, the connection was lost, or a "

@@ -19,33 +19,68 @@ class ConnectCommand final : public ICommand {
 };
 
 constexpr CommandRow kRecordingActions[] = {
-    {"info", "Outages, groups, signals, counts, rates, gaps, least and greatest values", "", Needs::nothing,
-     Form::json, make<RecordingInfoCommand>},
-    {"check", "Compare all files with each other; exit code 1 when something is wrong", "", Needs::nothing,
-     Form::json, make<RecordingCheckCommand>},
-    {"repair", "After a crash: cut a torn record, rebuild time index and summaries", "", Needs::nothing,
-     Form::text, make<RecordingRepairCommand>},
-    {"show", "Plot signals in the terminal", "", Needs::nothing, Form::text, make<RecordingShowCommand>},
+    {"info", "Outages, groups, signals, counts, rates, gaps, least and greatest values",
+     R"(  xcplumo-cli recording info first
+  xcplumo-cli recording info first --json)",
+     Needs::nothing, Form::json, make<RecordingInfoCommand>},
+    {"check", "Compare all files with each other; exit code 1 when something is wrong",
+     R"(  xcplumo-cli recording check first
+  xcplumo-cli recording check first --json)",
+     Needs::nothing, Form::json, make<RecordingCheckCommand>},
+    {"repair", "After a crash: cut a torn record, rebuild time index and summaries",
+     R"(  xcplumo-cli recording check first
+  xcplumo-cli recording repair first)",
+     Needs::nothing, Form::text, make<RecordingRepairCommand>},
+    {"show", "Plot signals in the terminal",
+     R"(  xcplumo-cli recording show first -s engine_speed
+  xcplumo-cli recording show first -s "engine_*" -s wave --from 2 --to 4)",
+     Needs::nothing, Form::text, make<RecordingShowCommand>},
 };
 
 constexpr CommandRow kCommands[] = {
-    {"info", "Connect and show ECU and DAQ information", "", Needs::connection, Form::json,
-     make<InfoCommand>},
-    {"list", "Search measurements/parameters in the A2L (no connection)", "", Needs::configuration,
-     Form::json, make<ListCommand>},
-    {"get", "Read values by name", "", Needs::connection, Form::json, make<GetCommand>},
-    {"set", "Write parameters: NAME=VALUE (number or verbal text)", "", Needs::connection, Form::json,
-     make<SetCommand>},
-    {"measure", "DAQ measurement with optional recording", "", Needs::connection, Form::jsonLines,
-     make<MeasureCommand>},
-    {"console", "Serial line: show the text output of the ECU, send lines from stdin", "", Needs::session,
-     Form::text, make<ConsoleCommand>},
-    {"save-config", "Write the effective configuration to a file", "", Needs::configuration, Form::text,
-     make<SaveConfigCommand>},
-    {"recording", "Look at, check or repair a recording (no connection)", "", Needs::nothing, Form::text,
-     nullptr, kRecordingActions},
-    {"export", "Convert a recording to MDF 4.1 or CSV (no connection)", "", Needs::nothing, Form::json,
-     make<ExportCommand>},
+    {"info", "Connect and show ECU and DAQ information",
+     R"(  xcplumo-cli -c demo.json info
+  xcplumo-cli --a2l demo.a2l --udp 127.0.0.1:5555 info
+  xcplumo-cli --a2l ecu.a2l -i can0 -b 500000 info --json)",
+     Needs::connection, Form::json, make<InfoCommand>},
+    {"list", "Search measurements/parameters in the A2L (no connection)",
+     R"(  xcplumo-cli -c demo.json list
+  xcplumo-cli --a2l demo.a2l list speed
+  xcplumo-cli --a2l demo.a2l list -p cal_)",
+     Needs::configuration, Form::json, make<ListCommand>},
+    {"get", "Read values by name",
+     R"(  xcplumo-cli -c demo.json get engine_speed
+  xcplumo-cli -c demo.json get engine_speed gear cal_gain --exact
+  xcplumo-cli -c demo.json get engine_speed --json)",
+     Needs::connection, Form::json, make<GetCommand>},
+    {"set", "Write parameters: NAME=VALUE (number or verbal text)",
+     R"(  xcplumo-cli -c demo.json set cal_gain=1.5
+  xcplumo-cli -c demo.json set cal_idle_speed=0x3B6 "cal_injector=test mode"
+  xcplumo-cli -c demo.json set -m throttle=20)",
+     Needs::connection, Form::json, make<SetCommand>},
+    {"measure", "DAQ measurement with optional recording",
+     R"(  xcplumo-cli -c demo.json measure
+  xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r first
+  xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
+With --json -p is 1 when it is not given.)",
+     Needs::connection, Form::jsonLines, make<MeasureCommand>},
+    {"console", "Serial line: show the text output of the ECU, send lines from stdin",
+     R"(  xcplumo-cli --a2l ecu.a2l --serial /dev/ttyACM0:115200 console
+  xcplumo-cli --a2l ecu.a2l --serial /dev/ttyACM0 --reset-delay 0 console -t 10)",
+     Needs::session, Form::text, make<ConsoleCommand>},
+    {"save-config", "Write the effective configuration to a file",
+     R"(  xcplumo-cli --a2l demo.a2l --udp 127.0.0.1 save-config demo.json
+  xcplumo-cli -c demo.json --reconnect retry save-config other.json)",
+     Needs::configuration, Form::text, make<SaveConfigCommand>},
+    {"recording", "Look at, check or repair a recording (no connection)",
+     R"(  xcplumo-cli recording info first
+  xcplumo-cli recording show first -s engine_speed)",
+     Needs::nothing, Form::text, nullptr, kRecordingActions},
+    {"export", "Convert a recording to MDF 4.1 or CSV (no connection)",
+     R"(  xcplumo-cli export first -o first.mf4
+  xcplumo-cli export first -o first.csv --merge -s "engine_*" --from 2 --to 4
+  xcplumo-cli export first -o first.csv --every 10 --raw --force)",
+     Needs::nothing, Form::json, make<ExportCommand>},
 };
 
 constexpr CommandRow kNoCommand{"", "", "", Needs::connection, Form::text, make<ConnectCommand>};

@@ -74,7 +74,7 @@ value::NumberStyle numberStyle(const session::SessionConfig& config) {
 }
 
 void addDuration(CLI::App& command, double& seconds, const char* help) {
-    command.add_option("-t,--duration", seconds, help)->check(checkDuration, "");
+    command.add_option("-t,--duration", seconds, help)->check(checkDuration, "")->capture_default_str();
 }
 
 void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional<std::string>& to,

@@ -114,7 +114,9 @@ int run(int argc, const char* const* argv) {
     Results results(output, line.name, line.form);
     Workplace place{line.options, results};
     if (line.row->needs == Needs::nothing) return results.finish(line.command->run(place));
-    return runConfigured(line, place);
+    const int exitCode = runConfigured(line, place);
+    if (argc == 1 && exitCode != 0) printMessage("\n" + helpText());
+    return exitCode;
 }
 
 }  // namespace lm::cli

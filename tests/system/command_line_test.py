@@ -21,10 +21,13 @@ class CommandLineTest(harness.SystemTest):
         done = self.run_plain("--help")
         self.expect(done, done.stdout)
         self.assertIn("xcplumo-cli - XCP on CAN measurement and calibration", done.stdout)
-        for name in ("info", "list", "get", "set", "measure", "console", "save-config"):
-            self.assertRegex(done.stdout, rf"(?m)^  {name} ")
+        self.expect(self.run_plain(), "", "session: no A2L file configured\n\n" + done.stdout, 1)
+        names = re.findall(r"(?m)^  ([a-z-]+) ", done.stdout.partition("Subcommands:")[2].partition("Examples:")[0])
+        self.assertEqual(names[:7], ["info", "list", "get", "set", "measure", "console", "save-config"])
+        for name in names:
             sub = self.run_plain(name, "--help")
             self.expect(sub, sub.stdout)
+            self.assertRegex(sub.stdout, rf"(?m)^Examples:\n(  xcplumo-cli .*{name}.*\n)+")
         done = self.run_plain("--version")
         self.expect(done, done.stdout)
         self.assertRegex(done.stdout, r"^xcplumo-cli \d+\.\d+\.\d+\n$")
