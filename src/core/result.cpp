@@ -50,7 +50,7 @@ Error Error::stopped(std::string message) {
 }
 
 bool Error::isStop() const {
-    return sysErrno == ECANCELED;
+    return code == ErrorCode::closed && sysErrno == ECANCELED;
 }
 
 Error Error::fromErrno(ErrorCode code, int systemError, std::string_view context) {

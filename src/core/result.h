@@ -45,8 +45,8 @@ struct Error {
     /// The text to print: the message, or the name of the code when there is none.
     std::string text() const;
 
-    /// What was ended because a stop was requested: ErrorCode::closed with ECANCELED, which is also what
-    /// reading a file gives then.
+    /// What was ended because a stop was requested: ErrorCode::closed with ECANCELED. Some file systems fail
+    /// with that number, too; those errors have another code.
     static Error stopped(std::string message);
     bool isStop() const;
 

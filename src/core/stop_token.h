@@ -1,5 +1,5 @@
-// The one way in which a stop reaches the parts of the program. Who may end things holds a StopSource, who
-// works or waits holds a StopToken of it: a loop asks requested(), poll() takes descriptor(), a pause is
+// The one way in which a stop reaches the parts of the program. The owner of a stop holds a StopSource, code
+// that works or waits holds a StopToken of it: a loop asks requested(), poll() takes descriptor(), a pause is
 // waitFor(), a condition variable is notified by a StopCallback. What a stop ended fails with
 // Error::stopped().
 //

@@ -1,4 +1,4 @@
-// Reading a file that may be a pipe nobody writes to: it is waited for, but a stop request ends the waiting.
+// Reading a file that may be a pipe no one writes to: it is waited for, but a stop request ends the waiting.
 //
 // Threads: pure functions from any thread. Lifetime: descriptors are borrowed.
 #pragma once

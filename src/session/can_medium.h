@@ -41,7 +41,7 @@ class CanMedium final : public IMedium {
     Result<double> claimLoad(const LoadInput& input, double limit) override;
     void releaseLoad() override { channel_->claimLoad(this, 0); }
     /// Bit rates of the configuration, else of the interface, else of the A2L; a CAN FD channel whose data
-    /// bit rate nobody tells runs at the nominal one.
+    /// bit rate no one tells runs at the nominal one.
     CanTiming timing() const;
 
     /// Of the whole channel, other ECUs' included.

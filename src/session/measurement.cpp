@@ -111,7 +111,7 @@ void Measurement::abandonStart() {
     // The reason why the start failed is what counts; an ECU that refused it may well refuse this too.
     const auto stopped = context_.master.stopDaq();
     // When the user ended the start, that command was not even sent, yet a list may run by now.
-    if (!stopped.ok() && stopped.error().isStop()) {
+    if (!stopped.ok() && context_.stop.token().requested()) {
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();

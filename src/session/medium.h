@@ -1,9 +1,9 @@
 // How one ECU is reached: everything that differs between CAN, UDP and a serial line, one file for each.
 //
-// Threads: texts() is constant; counters(), lost() and sendText() may be called from any thread; report()
-// comes on the receive thread; the rest belongs to the session's thread, and reopenIfLost() also to the
-// supervisor while a measurement runs. Lifetime: a medium owns its transport; the text sink is borrowed until
-// the transport is closed.
+// Threads: texts() is constant; counters(), silenceHint(), lost() and sendText() may be called from any
+// thread; report() comes on the receive thread; the rest belongs to the session's thread, and reopenIfLost()
+// also to the supervisor while a measurement runs. Lifetime: a medium owns its transport; the text sink is
+// borrowed until the transport is closed.
 #pragma once
 
 #include <cstdint>

@@ -39,8 +39,9 @@ class Session final : private xcp::IMasterListener {
     using WarningCallback = std::function<void(const std::string&)>;
 
     /// Loads the A2L and chooses the transport, which opens a CAN channel of the pool; nothing is sent.
-    /// `stop` ends the reading, and as requestStop() does. With `digest` recordings tell the A2L's SHA-256.
-    /// Errors: "no A2L file configured", those of a2l::load, chooseTransport and StopSource::create.
+    /// `stop` ends the reading of the A2L, and later all that requestStop() ends. With `digest` recordings
+    /// tell the A2L's SHA-256. Errors: "no A2L file configured", those of a2l::load, chooseTransport and
+    /// StopSource::create.
     static Result<std::unique_ptr<Session>> create(SessionConfig config, const WarningCallback& callback = {},
                                                    ChannelPool& pool = ChannelPool::ofThisMachine(),
                                                    const StopToken& stop = {}, bool digest = false);
@@ -52,12 +53,12 @@ class Session final : private xcp::IMasterListener {
     void setListener(ISessionListener* listener) { listener_.store(listener); }
 
     /// Opens the transport and does not connect: the text of a serial line arrives from now on. A serial port
-    /// that was lost is opened anew. Errors: those of the transport.
+    /// that was lost is opened again. Errors: those of the transport.
     Result<void> openTransport() { return medium_->transport().open(); }
     /// The port of the serial line has gone since it was opened.
     bool transportLost() const { return medium_->lost(); }
 
-    /// Opens the transport (anew when its device was lost), connects and reads the ECU's DAQ capabilities
+    /// Opens the transport (again when its device was lost), connects and reads the ECU's DAQ capabilities
     /// (without which it goes on). Errors: those of the transport and of CONNECT.
     Result<void> open();
 
@@ -91,7 +92,7 @@ class Session final : private xcp::IMasterListener {
     MeasurementStats statistics() const;
 
     /// Ends every wait for the ECU at once; running operations fail. Only close() and stopMeasurement() are
-    /// of use then; what ends a running measurement ends the request, too.
+    /// of use then. stopMeasurement() takes the request back, also one that comes while it runs.
     void requestStop() { stop_.request(); }
     StopToken stopToken() const { return stop_.token(); }
 

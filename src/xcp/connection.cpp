@@ -109,9 +109,9 @@ Result<void> Connection::recover(const Packet& command, const Exchange& rules, R
 Result<void> Connection::pauseBusy(const Packet& command) {
     std::unique_lock lock(answerMutex_);
     const auto until = clock_.now() + timeout(kT7);
-    while (!stop_.requested() && clock_.now() < until)
+    while (mayGoOn() && clock_.now() < until)
         clock_.wait(lock, wakeUp_, until);
-    if (stop_.requested()) return stopped(command);
+    if (!mayGoOn()) return stopped(command);
     return {};
 }
 

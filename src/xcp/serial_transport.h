@@ -53,9 +53,9 @@ class SerialTransport final : public ITransport {
     void setTextSink(ITextSink* sink) { textSink_.store(sink); }
 
     /// Opens the port and waits for the reset delay, during which text and packets are received already and
-    /// text can be sent. A transport whose port is lost is closed and opened anew, with the reset delay
+    /// text can be sent. A transport whose port is lost is closed and opened again, with the reset delay
     /// again. Errors, after which the transport is closed: those of hal::SerialPort::open, and "connection
-    /// lost: ..." when the port goes during the delay, both behind "XCP on serial: "; Error::stopped "XCP
+    /// lost: ..." when the port goes during the delay, both after "XCP on serial: "; Error::stopped "XCP
     /// on serial: stopped".
     Result<void> open() override;
 
@@ -64,7 +64,7 @@ class SerialTransport final : public ITransport {
 
     /// One frame with one packet. Errors: notOpen "XCP on serial: transport not started", invalidArgument
     /// "XCP packet too large for the transport", closed "XCP on serial: connection lost: REASON" when the
-    /// port is lost, those of hal::SerialPort::write behind "XCP on serial: ".
+    /// port is lost, those of hal::SerialPort::write after "XCP on serial: ".
     Result<void> send(const std::uint8_t* data, std::size_t length) override;
 
     /// The line and a LF, never inside a frame. Errors: those of send; invalidArgument "XCP on serial: text

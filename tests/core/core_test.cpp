@@ -1,7 +1,9 @@
 // Bytes, results and what the platform gives.
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <poll.h>
 #include <sys/resource.h>
 #include <utility>
 
@@ -11,6 +13,7 @@
 #include "core/platform.h"
 #include "core/result.h"
 #include "core/sha256.h"
+#include "core/stop_token.h"
 
 namespace lm {
 namespace {
@@ -27,6 +30,36 @@ TEST(Bytes, EveryWidthLiesInTheOrderNamed) {
     EXPECT_EQ(buffer, (std::array<std::uint8_t, 8>{0x12, 0x34, 0x56, 5, 4, 3, 2, 1}));
     EXPECT_EQ(readSized(buffer.data(), 3, ByteOrder::bigEndian), 0x123456U);
     EXPECT_EQ(readSized(buffer.data(), 3, ByteOrder::littleEndian), 0x563412U);
+}
+
+TEST(StopSource, IsRequestedByItselfAndByItsParentUntilItIsReset) {
+    StopSource parent = StopSource::create().value();
+    StopSource child = StopSource::create(parent.token()).value();
+    const StopToken token = child.token();
+    int calls = 0;
+    const StopCallback callback(token, [&calls] { ++calls; });
+    const auto stands = [&](bool requested) {
+        pollfd wait{token.descriptor(), POLLIN, 0};
+        return token.requested() == requested && (::poll(&wait, 1, 0) == 1) == requested &&
+               token.waitFor(std::chrono::milliseconds(0)) == requested;
+    };
+    EXPECT_TRUE(stands(false));
+    child.request();
+    EXPECT_TRUE(stands(true));
+    EXPECT_FALSE(parent.token().requested());
+    child.reset();
+    EXPECT_TRUE(stands(false));
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(parent.requestFromSignalHandler());
+    EXPECT_FALSE(parent.requestFromSignalHandler());
+    EXPECT_TRUE(token.requested());
+    parent.request();
+    EXPECT_EQ(calls, 2);
+    child.reset();
+    EXPECT_TRUE(stands(true));
+    const StopCallback late(token, [&calls] { ++calls; });
+    EXPECT_EQ(calls, 3);
+    EXPECT_FALSE(StopToken().waitFor(std::chrono::milliseconds(0)));
 }
 
 TEST(Sha256, OfPublishedTextsAndAroundTheBordersOfABlock) {
