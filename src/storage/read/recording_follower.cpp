@@ -52,7 +52,11 @@ Result<void> GroupFollower::lookAt(std::size_t number, bool live) {
     if (SummaryFile::span(number) > reader_.recordCount()) return {};
     // A level comes with its first entry; one that does not fit is done without.
     auto opened = EntryReader::open(directory_, reader_.number(), group, number);
-    if (!opened) return {};
+    if (!opened) {
+        const Error& error = opened.error();
+        return error.sysErrno != 0 && error.code != ErrorCode::notFound ? Result<void>(error)
+                                                                        : Result<void>();
+    }
     // One that nobody writes meanwhile is left from an older recording.
     if (live && !isLockedByAnother(opened.value().file().descriptor())) return {};
     reader = std::move(opened).value();
@@ -63,6 +67,7 @@ Result<RecordingFollower> RecordingFollower::open(const std::filesystem::path& d
     auto recording = RecordingReader::open(directory);
     if (!recording) return recording.error();
     auto events = InputFile::open(directory / kEventFileName);
+    if (!events && events.error().code != ErrorCode::notFound) return events.error();
     RecordingFollower follower(std::move(recording).value(),
                                events ? std::optional(std::move(events).value()) : std::nullopt);
     for (std::size_t i = 0; i < follower.info().groups.size(); ++i) {

@@ -6,8 +6,11 @@
 //     for (bool more = true; more;) {
 //         more = follower.value().look().value();
 //         GroupFollower& group = follower.value().group(0);
-//         for (auto batch = group.nextRecords(); batch && batch.value().count > 0; batch =
-//         group.nextRecords()) ...
+//         for (;;) {
+//             auto batch = group.nextRecords();
+//             if (!batch || batch.value().count == 0) break;
+//             ...
+//         }
 //     }
 //
 // Threads: one at a time. Lifetime: owns its files; a GroupFollower lives in its RecordingFollower.
@@ -71,7 +74,7 @@ class RecordingFollower {
     const RecordingInfo& info() const { return recording_.info(); }
     GroupFollower& group(std::size_t number) { return groups_[number]; }
 
-    /// Takes up what came since the last look. False: nobody writes any more, and this look has found all
+    /// Takes up what came since the last look. False: no one writes any more, and this look has found all
     /// there is; on a file system without locks, where that cannot be known, always. Errors: those of
     /// InputFile::refresh(), ioError "FILE: shorter than before".
     Result<bool> look();

@@ -1,5 +1,5 @@
 // A file of a recording while it is written: claimed under a lock, appended to in whole units. Nothing is
-// written through a link, to where nobody asked for it, nor into a pipe or a device, which wait for, or do,
+// written through a link, to where no one asked for it, nor into a pipe or a device, which wait for, or do,
 // who knows what.
 //
 // Threads: one at a time. Lifetime: owns the file; the destructor closes it.
@@ -53,7 +53,7 @@ class ClaimedFile {
     std::filesystem::path path_;
     UniqueFd descriptor_;
     bool isNew_;
-    std::uint64_t end_ = 0;  ///< behind the last whole unit
+    std::uint64_t end_ = 0;  ///< after the last whole unit
 };
 
 }  // namespace lm::storage

@@ -39,7 +39,7 @@ class GroupWriter {
     /// Of the file of records, open until close().
     int recordDescriptor() const { return records_.file().descriptor(); }
     /// Flushes, the records also to the disk, and closes; records that still did not get into the file count
-    /// as dropped. Index and levels reach the disk when the system sees fit: they can be made anew.
+    /// as dropped. Index and levels reach the disk when the system sees fit: they can be made again.
     void close();
 
     /// The files that this object made and did not find there.

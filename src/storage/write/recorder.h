@@ -51,7 +51,8 @@ class Recorder {
 
     /// Makes the recording; nothing is added any more. Errors: those of RecordingWriter::create().
     Result<void> begin(const std::filesystem::path& directory);
-    /// As of RecordingWriter: one of both ends what begin() began.
+    /// As of RecordingWriter: one of both ends what begin() began. These and the counters: not before begin()
+    /// has succeeded.
     Result<void> close() { return writer_->close(); }
     Result<void> discard() { return writer_->discard(); }
 
