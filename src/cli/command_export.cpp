@@ -153,7 +153,7 @@ void ExportCommand::addOptions(CLI::App& app) {
 int ExportCommand::run(Workplace& place) {
     const auto done = exportWithProgress(options_);
     if (!done) {
-        place.results.failOrStopped("export", done.error(), options_.directory);
+        place.results.failOrStopped("export", done.error(), "");
         return 1;
     }
     place.results.show(ExportReport(done.value()));

@@ -81,7 +81,11 @@ class WriteReport final : public ReadReport {
         if (!deviation_.empty()) json.member("deviation", deviation_);
         if (!outcome_.held) return;
         json.key("held");
-        *outcome_.held ? writeReading(json, outcome_.held->value(), style_) : json.null();
+        if (*outcome_.held) return writeReading(json, outcome_.held->value(), style_);
+        json.null();
+        json.key("heldError").beginObject();
+        writeError(json, outcome_.held->error());
+        json.endObject();
     }
 
     /// A write that failed on its way may have changed the ECU: the user must not have to guess.

@@ -65,8 +65,8 @@ Result<std::vector<SignalRange>> extremesFromRecords(const GroupReader& group) {
     for (std::size_t i = 0; i < signals.size(); ++i) {
         const auto extreme = [&signal = signals[i]](const storage::Sample& sample) {
             return Extreme{value::toDouble(sample.physical),
-                           xcp::printableText(value::valueText(
-                               signal, value::physicalValue(signal, sample.raw), value::NumberStyle::exact))};
+                           value::valueText(signal, value::physicalValue(signal, sample.raw),
+                                            value::NumberStyle::exact)};
         };
         const storage::ExactExtremes& found = extremes.value()[i];
         if (found.least) shown[i].emplace(extreme(*found.least), extreme(*found.greatest));
@@ -111,7 +111,7 @@ std::string outageText(const storage::Outage& outage, const RecordingInfo& info)
 
 std::string physicalText(double value, const SignalInfo& signal) {
     // Physical and raw value of a verbal conversion are the same.
-    if (const auto text = signal.conversion->verbalText(value)) return xcp::printableText(*text);
+    if (const auto text = signal.conversion->verbalText(value)) return std::string(*text);
     return signal.conversion->formatPhysical(value);
 }
 

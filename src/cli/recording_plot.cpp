@@ -56,7 +56,7 @@ Result<TimeRange> wantedTimes(const RecordingReader& recording, const PlotOption
 }
 
 std::string valueLabel(double value, const storage::SignalInfo& signal, std::size_t width) {
-    std::string text = physicalText(value, signal);
+    std::string text = xcp::printableText(physicalText(value, signal));
     return characterCount(text) <= width ? text : formatGeneral(value);
 }
 

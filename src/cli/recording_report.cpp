@@ -70,7 +70,8 @@ void printSignals(const GroupOverview& group, Output& output) {
         if (!range) {
             output.append(" no value");
         } else {
-            output.append(fmt::format(" {:>12} {:>12}", range->first.text, range->second.text));
+            output.append(fmt::format(" {:>12} {:>12}", xcp::printableText(range->first.text),
+                                      xcp::printableText(range->second.text)));
             if (!signals[i].conversion->unit().empty())
                 output.append(" " + xcp::printableText(signals[i].conversion->unit()));
         }

@@ -76,6 +76,8 @@ int runSession(const CommandLine& line, Workplace& place) {
             place.session = &session;
             place.console = &console;
             exitCode = runInSession(line, place);
+            place.session = nullptr;
+            place.console = nullptr;
         }
     }
     if (auto closed = session.close(); !closed) {
