@@ -19,11 +19,13 @@ Result<void> SlaveModel::send(const std::uint8_t* data, std::size_t length) {
     const auto kind = static_cast<std::uint8_t>(input_.take<std::uint8_t>() & 0x0FU);
     const bool synch = data[0] == static_cast<std::uint8_t>(xcp::Command::synch);
     const bool connect = data[0] == static_cast<std::uint8_t>(xcp::Command::connect);
+    honest_ = honest_ && (!connect || clock_.nowNs() >= connectAnsweredNs_);
     complete_ = complete_ && (!connect || clock_.idle());
     complete_ = complete_ && (kind < 6 || kind == 7 || (kind == 8 && !synch) || kind == 14);
     if (kind == 15) return Error{ErrorCode::ioError, "send fails"};
     if (kind == 5) answerIn(10 * input_.take<std::uint8_t>(), {});
     disturb(kind, slave_.answer({data, length}));
+    if (connect && !clock_.idle()) connectAnsweredNs_ = clock_.lastNs();
     return {};
 }
 

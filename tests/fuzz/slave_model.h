@@ -32,7 +32,8 @@ class SlaveModel final : public xcp::ITransport {
     std::uint8_t memory(std::uint32_t address) const { return slave_.memory(address); }
 
     std::uint64_t packets() const { return packets_; }  ///< both ways
-    /// Every answer so far was the right one, in order, however late, once or never.
+    /// Every answer so far was the right one, in order, however late, once or never; and none to a CONNECT
+    /// was under way at the next one: no one can tell the two apart.
     bool honest() const { return honest_; }
     /// Every answer so far was the right one, in order, however late; those to SYNCH once,
     /// others at least once; and none was under way at a CONNECT.
@@ -50,6 +51,7 @@ class SlaveModel final : public xcp::ITransport {
     test::ModelSlave slave_;
     bool honest_ = true;
     bool complete_ = true;
+    std::int64_t connectAnsweredNs_ = 0;
     std::uint64_t packets_ = 0;
 };
 
