@@ -55,7 +55,10 @@ _xcplumo_complete() {
                 set:*=*) ;;
                 set:*)
                     compopt -o nospace 2>/dev/null
-                    _xcplumo_names "$word" -p
+                    case " ${words[*]} " in
+                        *' -m '* | *' --measurements '*) _xcplumo_names "$word" ;;
+                        *) _xcplumo_names "$word" -p ;;
+                    esac
                     COMPREPLY=("${COMPREPLY[@]/%/=}")
                     ;;
                 'recording '* | export:* | save-config:*) _xcplumo_files ;;

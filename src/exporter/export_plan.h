@@ -63,7 +63,7 @@ struct ExportGroup {
     std::uint64_t every = 1;
 
     /// Records that are exported.
-    std::uint64_t recordCount() const { return (range.count() + every - 1) / every; }
+    std::uint64_t recordCount() const { return range.count() == 0 ? 0 : (range.count() - 1) / every + 1; }
     /// Bytes that are read for them.
     std::uint64_t sourceBytes() const { return range.count() * reader.stride(); }
     bool isWhole() const { return every == 1 && signals.size() == reader.info().signals.size(); }

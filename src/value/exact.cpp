@@ -34,7 +34,7 @@ int bitWidth(Unsigned128 number) {
 std::string decimalDigits(Unsigned128 number) {
     constexpr std::size_t kChunkDigits = 19;
     constexpr std::uint64_t kChunk = 10'000'000'000'000'000'000U;
-    const std::string low = std::to_string(static_cast<std::uint64_t>(number % kChunk));
+    std::string low = std::to_string(static_cast<std::uint64_t>(number % kChunk));
     if (number < kChunk) return low;
     return decimalDigits(number / kChunk) + std::string(kChunkDigits - low.size(), '0') + low;
 }

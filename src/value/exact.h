@@ -38,8 +38,8 @@ struct ExactLine {
     Int128 offset = 0;  ///< below 2^100
     int exponent = 0;
 
-    /// a * raw + b where a is whole or a power of two, positive or not, and b fits with it: every other a is
-    /// a decimal fraction that a double holds only nearly.
+    /// a * raw + b where a is whole or a power of two, positive or not, and b fits with it. Every other a is
+    /// left to doubles.
     static std::optional<ExactLine> make(double a, double b);
 
     bool isPowerOfTwo() const { return factor == 1 && offset == 0; }
