@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -27,7 +28,7 @@
 
 namespace {
 
-namespace a2l = lm::a2l;
+namespace value = lm::value;
 namespace storage = lm::storage;
 namespace exporter = lm::exporter;
 using Clock = std::chrono::steady_clock;
