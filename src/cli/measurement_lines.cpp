@@ -1,6 +1,5 @@
 #include "cli/measurement_lines.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <set>
 #include <utility>
