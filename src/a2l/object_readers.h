@@ -20,6 +20,8 @@ struct ModelStore {
     TextStore& texts;
     TextInterner& shared;  ///< for texts that many objects have in common
     std::vector<std::uint16_t>& events;
+    std::vector<std::uint32_t>& dimensions;
+    std::vector<std::string_view>& maps;
     bool hasQuotes = false;  ///< of the block that is read
 
     /// A string of which almost every object has its own.

@@ -8,6 +8,7 @@
 #include "a2l/arguments.h"
 #include "a2l/conversion_readers.h"
 #include "a2l/if_data.h"
+#include "a2l/layout_readers.h"
 
 namespace lm::a2l {
 namespace {
@@ -16,12 +17,22 @@ std::string_view textAt(const Block& block, std::size_t index) {
     return index < block.tokens().size() ? block.tokens()[index].text : std::string_view();
 }
 
+// Negative ones go down; addresses count modulo 2^32.
+std::uint32_t readCalibrationOffset(const Block& block, std::size_t index) {
+    const double offset = readNumber(block, index, "ECU_CALIBRATION_OFFSET");
+    constexpr double kAddresses = 4294967296.0;
+    if (!(std::fabs(offset) < kAddresses) || std::trunc(offset) != offset)
+        throw BlockError("ECU_CALIBRATION_OFFSET must be a whole number of 32 bits");
+    return static_cast<std::uint32_t>(static_cast<std::int64_t>(offset));
+}
+
 }  // namespace
 
 Parser::Parser(std::size_t textSize)
     : textSize_(textSize),
       shared_(description_.store_->texts),
-      modelStore_{description_.store_->texts, shared_, description_.store_->events} {}
+      modelStore_{description_.store_->texts, shared_, description_.store_->events,
+                  description_.store_->dimensions, description_.store_->maps} {}
 
 Parser::Kind Parser::kindOf(std::string_view keyword) {
     static constexpr std::array<std::string_view, static_cast<std::size_t>(Kind::count)> kKeywords = {
@@ -149,23 +160,35 @@ void Parser::read(const Block& block) {
 }
 
 void Parser::readModCommon(const Block& block) {
-    enum class Word : std::uint8_t { other, byteOrder };
+    enum class Word : std::uint8_t { byteOrder, layout, deposit };
     using Keyword = OptionalKeyword<Word>;
     static constexpr std::array kKeywords = {
         Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-        Keyword{"S_REC_LAYOUT", 1, Word::other},
-        Keyword{"DEPOSIT", 1, Word::other},
+        Keyword{"S_REC_LAYOUT", 1, Word::layout},
+        Keyword{"DEPOSIT", 1, Word::deposit},
     };
+    Description& d = description_;
     forEachOptional<Word>(block, 0, kKeywords, [&](Word word, std::size_t value) {
-        if (word != Word::byteOrder) return;
-        const ByteOrder order = readByteOrder(block, value);
-        if (!description_.byteOrder) description_.byteOrder = order;
+        if (word == Word::layout) {
+            d.defaults.layout = modelStore_.common(readIdentifier(block, value, "S_REC_LAYOUT"));
+        } else if (word == Word::deposit) {
+            d.defaults.deposit = readDeposit(block, value);
+        } else if (isWordSwapped(block, value)) {
+            d.defaults.wordSwapped = true;
+        } else if (const ByteOrder order = readByteOrder(block, value); !d.byteOrder) {
+            d.byteOrder = order;
+        }
     });
+    for (std::size_t i = 0; i < block.tokens().size(); ++i) {
+        if (block.tokens()[i].kind == TokenKind::identifier) readAlignment(block, i, d.defaults.alignments);
+    }
 }
 
 void Parser::readModPar(const Block& block) {
     const auto tokens = block.tokens();
     for (std::size_t i = 0; i < tokens.size(); ++i) {
+        if (tokens[i].is("ECU_CALIBRATION_OFFSET"))
+            description_.defaults.calibrationOffset = readCalibrationOffset(block, i + 1);
         if (!tokens[i].is("SYSTEM_CONSTANT")) continue;
         const std::string_view name = readString(block, i + 1, "SYSTEM_CONSTANT");
         const std::string_view value = readString(block, i + 2, "SYSTEM_CONSTANT");
