@@ -45,6 +45,42 @@ std::span<const std::string_view> Description::maps(PoolRange range) const {
     return std::span(store_->maps).subspan(range.first, range.count);
 }
 
+const Blob* Description::findBlob(std::string_view name) const {
+    return store_->blobs.lookUp(blobs, name);
+}
+
+const Instance* Description::findInstance(std::string_view name) const {
+    return store_->instances.lookUp(instances, name);
+}
+
+const Measurement* Description::findMeasurementType(std::string_view name) const {
+    return store_->measurementTypes.lookUp(measurementTypes, name);
+}
+
+const Characteristic* Description::findCharacteristicType(std::string_view name) const {
+    return store_->characteristicTypes.lookUp(characteristicTypes, name);
+}
+
+const AxisPoints* Description::findAxisType(std::string_view name) const {
+    return store_->axisTypes.lookUp(axisTypes, name);
+}
+
+const Blob* Description::findBlobType(std::string_view name) const {
+    return store_->blobTypes.lookUp(blobTypes, name);
+}
+
+const StructureType* Description::findStructureType(std::string_view name) const {
+    return store_->structureTypes.lookUp(structureTypes, name);
+}
+
+std::span<const std::uint32_t> Description::dimensions(const Extent& extent) const {
+    return std::span(store_->dimensions).subspan(extent.first, extent.count);
+}
+
+std::span<const Overwrite> Description::overwrites(const Instance& instance) const {
+    return std::span(store_->overwrites).subspan(instance.firstOverwrite, instance.overwriteCount);
+}
+
 std::span<const std::uint16_t> Description::events(const Measurement& measurement) const {
     return std::span(store_->events).subspan(measurement.firstEvent, measurement.eventCount);
 }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "a2l/record_layout.h"
+#include "a2l/structure_records.h"
 #include "a2l/xcp_interface.h"
 #include "core/bytes.h"
 #include "core/result.h"
@@ -192,6 +193,18 @@ class Description {
     const CompuVtab* findCompuVtab(std::string_view name) const;
     const RecordLayout* findRecordLayout(std::string_view name) const;
     const AxisPoints* findAxisPoints(std::string_view name) const;
+    const Blob* findBlob(std::string_view name) const;
+    const Instance* findInstance(std::string_view name) const;
+
+    /// Types of instances and components: as the records of objects, without a place.
+    const Measurement* findMeasurementType(std::string_view name) const;
+    const Characteristic* findCharacteristicType(std::string_view name) const;
+    const AxisPoints* findAxisType(std::string_view name) const;
+    const Blob* findBlobType(std::string_view name) const;
+    const StructureType* findStructureType(std::string_view name) const;
+
+    std::span<const std::uint32_t> dimensions(const Extent& extent) const;
+    std::span<const Overwrite> overwrites(const Instance& instance) const;
 
     /// Event channels that the measurement's own XCP interface data names, in file order.
     std::span<const std::uint16_t> events(const Measurement& measurement) const;
@@ -216,6 +229,13 @@ class Description {
     std::vector<CompuTab> compuTabs;
     std::vector<CompuVtab> compuVtabs;
     std::vector<RecordLayout> recordLayouts;
+    std::vector<Blob> blobs;
+    std::vector<Instance> instances;
+    std::vector<Measurement> measurementTypes;        ///< TYPEDEF_MEASUREMENT
+    std::vector<Characteristic> characteristicTypes;  ///< TYPEDEF_CHARACTERISTIC
+    std::vector<AxisPoints> axisTypes;                ///< TYPEDEF_AXIS
+    std::vector<Blob> blobTypes;                      ///< TYPEDEF_BLOB
+    std::vector<StructureType> structureTypes;        ///< TYPEDEF_STRUCTURE
     std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
     XcpInterface xcp;
 

@@ -22,9 +22,17 @@ struct Description::Store {
     NameIndex compuTabs;
     NameIndex compuVtabs;
     NameIndex recordLayouts;
+    NameIndex blobs;
+    NameIndex instances;
+    NameIndex measurementTypes;
+    NameIndex characteristicTypes;
+    NameIndex axisTypes;
+    NameIndex blobTypes;
+    NameIndex structureTypes;
     std::vector<std::uint16_t> events;
     std::vector<std::uint32_t> dimensions;
     std::vector<std::string_view> maps;
+    std::vector<Overwrite> overwrites;
 };
 
 }  // namespace lm::a2l

@@ -150,7 +150,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
         {R"(MEASUREMENT m "" UBYTE c 0 0 0 0 BYTE_ORDER MIDDLE)", "unknown byte order 'MIDDLE'"},
         {R"(CHARACTERISTIC c "" STRING)", "unknown characteristic type 'STRING'"},
         {R"(CHARACTERISTIC c "" VALUE -1)", "address must be a non-negative integer"},
-        {R"(CHARACTERISTIC c "" CURVE 0 d 0 c 0 0 /begin AXIS_DESCR F i c -1 /end AXIS_DESCR)",
+        {R"(CHARACTERISTIC c "" CURVE 0 d 0 c 0 0 /begin AXIS_DESCR FIX_AXIS i c -1 /end AXIS_DESCR)",
          "max axis points must be a non-negative integer"},
         {R"(AXIS_PTS a "" 0 "")", "input quantity must not be a string"},
         {R"(COMPU_METHOD m "" POLY)", "unknown conversion type 'POLY'"},
