@@ -214,11 +214,11 @@ class Description {
     std::vector<RecordLayout> recordLayouts;
     std::vector<Blob> blobs;
     std::vector<Instance> instances;
-    std::vector<Measurement> measurementTypes;        ///< TYPEDEF_MEASUREMENT
-    std::vector<Characteristic> characteristicTypes;  ///< TYPEDEF_CHARACTERISTIC
-    std::vector<AxisPoints> axisTypes;                ///< TYPEDEF_AXIS
-    std::vector<Blob> blobTypes;                      ///< TYPEDEF_BLOB
-    std::vector<StructureType> structureTypes;        ///< TYPEDEF_STRUCTURE
+    std::vector<Measurement> measurementTypes;                               ///< TYPEDEF_MEASUREMENT
+    std::vector<Characteristic> characteristicTypes;                         ///< TYPEDEF_CHARACTERISTIC
+    std::vector<AxisPoints> axisTypes;                                       ///< TYPEDEF_AXIS
+    std::vector<Blob> blobTypes;                                             ///< TYPEDEF_BLOB
+    std::vector<StructureType> structureTypes;                               ///< TYPEDEF_STRUCTURE
     std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
     XcpInterface xcp;
 

@@ -18,10 +18,10 @@ std::string_view textAt(const Block& block, std::size_t index) {
 
 }  // namespace
 
-Parser::Parser(std::size_t textSize)
-    : textSize_(textSize),
-      shared_(description_.store_->texts),
-      modelStore_{description_.store_->texts, shared_, description_.store_->events} {}
+Parser::Parser(const SourceLines* lines)
+    : shared_(description_.store_->texts),
+      modelStore_{description_.store_->texts, shared_, description_.store_->events},
+      diagnostics_(lines) {}
 
 Parser::Kind Parser::kindOf(std::string_view keyword) {
     static constexpr std::array<std::string_view, static_cast<std::size_t>(Kind::count)> kKeywords = {
@@ -87,9 +87,9 @@ void Parser::included(std::string_view file, std::uint32_t line) {
 
 // The share of the text read so far tells how many records are to come; room for them in one piece spares
 // moving them again and again. Memory that is never touched costs nothing.
-void Parser::passed(std::size_t offset) {
+void Parser::passed(std::size_t offset, std::size_t size) {
     const auto reserve = [&](auto& records, Lines& lines) {
-        const double share = static_cast<double>(textSize_) / static_cast<double>(offset);
+        const double share = static_cast<double>(size) / static_cast<double>(offset);
         const auto estimate = static_cast<std::size_t>(1.1 * share * static_cast<double>(records.size()));
         if (estimate < 2 * records.capacity()) return;
         records.reserve(estimate);
@@ -204,8 +204,8 @@ void Parser::tellInfiniteLimits() {
     if (infiniteLimits_ == 0) return;
     const std::string more =
         infiniteLimits_ == 1 ? "" : " and " + std::to_string(infiniteLimits_ - 1) + " more object(s)";
-    diagnostics_.odd(infiniteLimitLine_, firstInfiniteLimit_ + " (line " +
-                                             std::to_string(infiniteLimitLine_) + ")" + more +
+    diagnostics_.odd(infiniteLimitLine_, firstInfiniteLimit_ + " (" + diagnostics_.where(infiniteLimitLine_) +
+                                             ")" + more +
                                              ": a limit beyond the range of a 64-bit float counts as none");
 }
 
@@ -231,7 +231,7 @@ void Parser::tellNamesInCommon() {
     const std::uint32_t line = characteristicLines_[first];
     const std::string more = count == 1 ? "" : ", and " + std::to_string(count - 1) + " more name(s)";
     diagnostics_.odd(line, "'" + std::string(characteristics[first].name) +
-                               "' names a MEASUREMENT and a CHARACTERISTIC (line " + std::to_string(line) +
+                               "' names a MEASUREMENT and a CHARACTERISTIC (" + diagnostics_.where(line) +
                                ")" + more + ": the MEASUREMENT is used");
 }
 

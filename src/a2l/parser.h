@@ -20,14 +20,14 @@ namespace lm::a2l {
 
 class Parser : public BlockVisitor {
   public:
-    /// `textSize` is the size of the whole text, for estimates.
-    explicit Parser(std::size_t textSize);
+    /// `lines` tells the files that lines are in; it must outlive this.
+    explicit Parser(const SourceLines* lines = nullptr);
 
     Step opened(std::string_view keyword, std::size_t depth) override;
     void collected(const Block& block) override;
     void closed(const Block& block, std::size_t depth) override;
     void included(std::string_view file, std::uint32_t line) override;
-    void passed(std::size_t offset) override;
+    void passed(std::size_t offset, std::size_t size) override;
 
     /// The description of what was given. Errors (invalidArgument): "A2L: no PROJECT block", "A2L: no MODULE
     /// block".
@@ -65,7 +65,6 @@ class Parser : public BlockVisitor {
     void tellInfiniteLimits();
     void tellNamesInCommon();
 
-    std::size_t textSize_;
     Description description_;
     TextInterner shared_;
     ModelStore modelStore_;
