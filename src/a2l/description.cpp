@@ -4,11 +4,6 @@
 
 namespace lm::a2l {
 
-bool isPointerType(std::string_view addressType) {
-    return addressType == "PBYTE" || addressType == "PWORD" || addressType == "PLONG" ||
-           addressType == "PLONGLONG";
-}
-
 Description::Description() : store_(std::make_unique<Store>()) {}
 Description::~Description() = default;
 Description::Description(Description&&) noexcept = default;
@@ -40,6 +35,14 @@ const RecordLayout* Description::findRecordLayout(std::string_view name) const {
 
 const AxisPoints* Description::findAxisPoints(std::string_view name) const {
     return store_->axisPoints.lookUp(axisPoints, name);
+}
+
+std::span<const std::uint32_t> Description::dimensions(PoolRange range) const {
+    return std::span(store_->dimensions).subspan(range.first, range.count);
+}
+
+std::span<const std::string_view> Description::maps(PoolRange range) const {
+    return std::span(store_->maps).subspan(range.first, range.count);
 }
 
 const Blob* Description::findBlob(std::string_view name) const {

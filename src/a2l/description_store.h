@@ -1,9 +1,10 @@
-// The private side of a Description: its texts, its name indices and the pool of event channels.
+// The private side of a Description: its texts, its name indices and the pools of what few records have.
 //
 // Threads and lifetime: as the Description that owns it.
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "a2l/description.h"
@@ -30,6 +31,7 @@ struct Description::Store {
     NameIndex structureTypes;
     std::vector<std::uint16_t> events;
     std::vector<std::uint32_t> dimensions;
+    std::vector<std::string_view> maps;
     std::vector<Overwrite> overwrites;
 };
 

@@ -72,7 +72,7 @@ Result<Object> findCommon(const Description& description, const auto& source, va
 Result<Object> measurementObject(const Description& description, const Measurement& measurement) {
     if (!measurement.hasAddress) return fault(measurement.name, "measurement has no ECU_ADDRESS");
     if (measurement.elementCount > 1) return fault(measurement.name, "arrays are not supported yet");
-    if (measurement.isPointer) return fault(measurement.name, kPointer);
+    if (isPointer(measurement.addressType)) return fault(measurement.name, kPointer);
     auto object = findCommon(description, measurement, measurement.dataType,
                              {measurement.ecuAddress, measurement.addressExtension});
     if (!object) return object;
@@ -89,13 +89,15 @@ Result<Object> characteristicObject(const Description& description, const Charac
     if (characteristic.isVirtual)
         return fault(characteristic.name, "virtual characteristic has no ECU address");
     const RecordLayout* layout = description.findRecordLayout(characteristic.deposit);
-    if (layout == nullptr || !layout->fncValues) {
+    if (layout == nullptr || layout->find(RecordLayout::Field::functionValues) == nullptr) {
         return fault(characteristic.name,
                      "RECORD_LAYOUT '" + std::string(characteristic.deposit) + "' without FNC_VALUES");
     }
-    if (isPointerType(layout->fncValues->addressType)) return fault(characteristic.name, kPointer);
-    auto object = findCommon(description, characteristic, layout->fncValues->dataType,
-                             {characteristic.address, characteristic.addressExtension});
+    if (isPointer(layout->find(RecordLayout::Field::functionValues)->addressType))
+        return fault(characteristic.name, kPointer);
+    auto object =
+        findCommon(description, characteristic, layout->find(RecordLayout::Field::functionValues)->dataType,
+                   {characteristic.address, characteristic.addressExtension});
     if (!object) return object;
     object.value().kind = ObjectKind::characteristic;
     object.value().writable = !characteristic.readOnly;

@@ -8,6 +8,9 @@
 #include "a2l/arguments.h"
 #include "a2l/conversion_readers.h"
 #include "a2l/if_data.h"
+#include "a2l/layout_readers.h"
+#include "a2l/structure_links.h"
+#include "a2l/structure_readers.h"
 
 namespace lm::a2l {
 namespace {
@@ -16,17 +19,79 @@ std::string_view textAt(const Block& block, std::size_t index) {
     return index < block.tokens().size() ? block.tokens()[index].text : std::string_view();
 }
 
+// Negative ones go down; addresses count modulo 2^32.
+std::uint32_t readCalibrationOffset(const Block& block, std::size_t index) {
+    const double offset = readNumber(block, index, "ECU_CALIBRATION_OFFSET");
+    constexpr double kAddresses = 4294967296.0;
+    if (!(std::fabs(offset) < kAddresses) || std::trunc(offset) != offset)
+        throw BlockError("ECU_CALIBRATION_OFFSET must be a whole number of 32 bits");
+    return static_cast<std::uint32_t>(static_cast<std::int64_t>(offset));
+}
+
+/// The kind that a name counts as, in the order in which objects are looked up.
+std::string_view firstKindOf(const Description& description, std::string_view name) {
+    if (description.findMeasurement(name) != nullptr) return "MEASUREMENT";
+    if (description.findCharacteristic(name) != nullptr) return "CHARACTERISTIC";
+    if (description.findAxisPoints(name) != nullptr) return "AXIS_PTS";
+    return description.findBlob(name) != nullptr ? "BLOB" : "INSTANCE";
+}
+
+/// Names that objects of two kinds have: the first of them and the count will do.
+struct NamesInCommon {
+    std::size_t count = 0;
+    std::string_view name;
+    std::string_view used;
+    std::string_view other;
+    std::uint32_t line = 0;
+
+    void add(std::string_view usedKind, std::string_view otherKind, std::string_view itsName,
+             std::uint32_t itsLine) {
+        if (count++ > 0) return;
+        name = itsName;
+        used = usedKind;
+        other = otherKind;
+        line = itsLine;
+    }
+    std::string text(const Diagnostics& diagnostics) const {
+        const std::string more = count == 1 ? "" : ", and " + std::to_string(count - 1) + " more name(s)";
+        const auto withArticle = [](std::string_view kind) {
+            const bool vowel = kind.starts_with('A') || kind.starts_with('I');
+            return (vowel ? "an " : "a ") + std::string(kind);
+        };
+        return "'" + std::string(name) + "' names " + withArticle(used) + " and " + withArticle(other) +
+               " (" + diagnostics.where(line) + ")" + more + ": the " + std::string(used) + " is used";
+    }
+};
+
 }  // namespace
 
 Parser::Parser(const SourceLines* lines)
     : shared_(description_.store_->texts),
-      modelStore_{description_.store_->texts, shared_, description_.store_->events},
+      modelStore_{description_.store_->texts,  shared_,
+                  description_.store_->events, description_.store_->dimensions,
+                  description_.store_->maps,   description_.store_->overwrites},
       diagnostics_(lines) {}
 
 Parser::Kind Parser::kindOf(std::string_view keyword) {
     static constexpr std::array<std::string_view, static_cast<std::size_t>(Kind::count)> kKeywords = {
-        "MEASUREMENT",      "CHARACTERISTIC", "AXIS_PTS",   "COMPU_METHOD", "COMPU_TAB", "COMPU_VTAB",
-        "COMPU_VTAB_RANGE", "RECORD_LAYOUT",  "MOD_COMMON", "MOD_PAR",      "IF_DATA"};
+        "MEASUREMENT",
+        "CHARACTERISTIC",
+        "AXIS_PTS",
+        "COMPU_METHOD",
+        "COMPU_TAB",
+        "COMPU_VTAB",
+        "COMPU_VTAB_RANGE",
+        "RECORD_LAYOUT",
+        "INSTANCE",
+        "BLOB",
+        "TYPEDEF_MEASUREMENT",
+        "TYPEDEF_CHARACTERISTIC",
+        "TYPEDEF_AXIS",
+        "TYPEDEF_BLOB",
+        "TYPEDEF_STRUCTURE",
+        "MOD_COMMON",
+        "MOD_PAR",
+        "IF_DATA"};
     std::size_t kind = 0;
     while (kind < kKeywords.size() && kKeywords[kind] != keyword)
         ++kind;
@@ -136,6 +201,22 @@ void Parser::read(const Block& block) {
             return add(d.compuVtabs, vtabLines_, readCompuVtabRange(block, modelStore_), block);
         case Kind::recordLayout:
             return add(d.recordLayouts, layoutLines_, readRecordLayout(block, modelStore_), block);
+        case Kind::instance:
+            return add(d.instances, instanceLines_, readInstance(block, modelStore_), block);
+        case Kind::blob:
+            return add(d.blobs, blobLines_, readBlob(block, modelStore_), block);
+        case Kind::measurementType:
+            return addObject(d.measurementTypes, measurementTypeLines_, readMeasurement(block, modelStore_),
+                             block);
+        case Kind::characteristicType:
+            return addObject(d.characteristicTypes, characteristicTypeLines_,
+                             readCharacteristic(block, modelStore_, Placed::no), block);
+        case Kind::axisType:
+            return add(d.axisTypes, axisTypeLines_, readAxisPoints(block, modelStore_, Placed::no), block);
+        case Kind::blobType:
+            return add(d.blobTypes, blobTypeLines_, readBlobType(block, modelStore_), block);
+        case Kind::structureType:
+            return add(d.structureTypes, structureTypeLines_, readStructureType(block, modelStore_), block);
         case Kind::modCommon:
             return readModCommon(block);
         case Kind::modPar:
@@ -149,23 +230,35 @@ void Parser::read(const Block& block) {
 }
 
 void Parser::readModCommon(const Block& block) {
-    enum class Word : std::uint8_t { other, byteOrder };
+    enum class Word : std::uint8_t { byteOrder, layout, deposit };
     using Keyword = OptionalKeyword<Word>;
     static constexpr std::array kKeywords = {
         Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-        Keyword{"S_REC_LAYOUT", 1, Word::other},
-        Keyword{"DEPOSIT", 1, Word::other},
+        Keyword{"S_REC_LAYOUT", 1, Word::layout},
+        Keyword{"DEPOSIT", 1, Word::deposit},
     };
+    Description& d = description_;
     forEachOptional<Word>(block, 0, kKeywords, [&](Word word, std::size_t value) {
-        if (word != Word::byteOrder) return;
-        const ByteOrder order = readByteOrder(block, value);
-        if (!description_.byteOrder) description_.byteOrder = order;
+        if (word == Word::layout) {
+            d.defaults.layout = modelStore_.common(readIdentifier(block, value, "S_REC_LAYOUT"));
+        } else if (word == Word::deposit) {
+            d.defaults.deposit = readDeposit(block, value);
+        } else if (isWordSwapped(block, value)) {
+            d.defaults.wordSwapped = true;
+        } else if (const ByteOrder order = readByteOrder(block, value); !d.byteOrder) {
+            d.byteOrder = order;
+        }
     });
+    for (std::size_t i = 0; i < block.tokens().size(); ++i) {
+        if (block.tokens()[i].kind == TokenKind::identifier) readAlignment(block, i, d.defaults.alignments);
+    }
 }
 
 void Parser::readModPar(const Block& block) {
     const auto tokens = block.tokens();
     for (std::size_t i = 0; i < tokens.size(); ++i) {
+        if (tokens[i].is("ECU_CALIBRATION_OFFSET"))
+            description_.defaults.calibrationOffset = readCalibrationOffset(block, i + 1);
         if (!tokens[i].is("SYSTEM_CONSTANT")) continue;
         const std::string_view name = readString(block, i + 1, "SYSTEM_CONSTANT");
         const std::string_view value = readString(block, i + 2, "SYSTEM_CONSTANT");
@@ -209,15 +302,15 @@ void Parser::tellInfiniteLimits() {
                                              ": a limit beyond the range of a 64-bit float counts as none");
 }
 
+// Of equal names of two kinds the one that is looked up first is used; the fewer names of measurements and
+// characteristics are gone through, and all of the other kinds.
 void Parser::tellNamesInCommon() {
     const auto& measurements = description_.measurements;
     const auto& characteristics = description_.characteristics;
-    std::size_t count = 0;
-    std::size_t first = 0;
-    const auto meet = [&](std::size_t characteristic) {
-        if (count++ == 0) first = characteristic;
+    NamesInCommon common;
+    const auto meet = [&](std::size_t i) {
+        common.add("MEASUREMENT", "CHARACTERISTIC", characteristics[i].name, characteristicLines_[i]);
     };
-    // The fewer names are looked up.
     if (characteristics.size() < measurements.size()) {
         for (std::size_t i = 0; i < characteristics.size(); ++i)
             if (description_.findMeasurement(characteristics[i].name) != nullptr) meet(i);
@@ -227,12 +320,25 @@ void Parser::tellNamesInCommon() {
             if (other != nullptr) meet(static_cast<std::size_t>(other - characteristics.data()));
         }
     }
-    if (count == 0) return;
-    const std::uint32_t line = characteristicLines_[first];
-    const std::string more = count == 1 ? "" : ", and " + std::to_string(count - 1) + " more name(s)";
-    diagnostics_.odd(line, "'" + std::string(characteristics[first].name) +
-                               "' names a MEASUREMENT and a CHARACTERISTIC (" + diagnostics_.where(line) +
-                               ")" + more + ": the MEASUREMENT is used");
+    const auto among = [&](const auto& records, const Lines& lines, std::string_view kind) {
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            const std::string_view first = firstKindOf(description_, records[i].name);
+            if (first != kind) common.add(first, kind, records[i].name, lines[i]);
+        }
+    };
+    among(description_.axisPoints, axisPointsLines_, "AXIS_PTS");
+    among(description_.blobs, blobLines_, "BLOB");
+    among(description_.instances, instanceLines_, "INSTANCE");
+    if (common.count > 0) diagnostics_.odd(common.line, common.text(diagnostics_));
+}
+
+void Parser::tellInstancesWithoutType() {
+    const auto& instances = description_.instances;
+    for (std::size_t i = 0; i < instances.size(); ++i) {
+        if (!std::holds_alternative<std::monostate>(findType(description_, instances[i].typeName))) continue;
+        diagnostics_.skipped("INSTANCE", instances[i].name, instanceLines_[i],
+                             "type '" + std::string(instances[i].typeName) + "' not found");
+    }
 }
 
 Result<Description> Parser::finish() {
@@ -247,8 +353,18 @@ Result<Description> Parser::finish() {
     index(store.compuTabs, d.compuTabs, tabLines_, "COMPU_TAB");
     index(store.compuVtabs, d.compuVtabs, vtabLines_, "COMPU_VTAB");
     index(store.recordLayouts, d.recordLayouts, layoutLines_, "RECORD_LAYOUT");
+    index(store.instances, d.instances, instanceLines_, "INSTANCE");
+    index(store.blobs, d.blobs, blobLines_, "BLOB");
+    index(store.measurementTypes, d.measurementTypes, measurementTypeLines_, "TYPEDEF_MEASUREMENT");
+    index(store.characteristicTypes, d.characteristicTypes, characteristicTypeLines_,
+          "TYPEDEF_CHARACTERISTIC");
+    index(store.axisTypes, d.axisTypes, axisTypeLines_, "TYPEDEF_AXIS");
+    index(store.blobTypes, d.blobTypes, blobTypeLines_, "TYPEDEF_BLOB");
+    index(store.structureTypes, d.structureTypes, structureTypeLines_, "TYPEDEF_STRUCTURE");
+    linkStructures(d, structureTypeLines_, diagnostics_);
     tellInfiniteLimits();
     tellNamesInCommon();
+    tellInstancesWithoutType();
     d.warnings = diagnostics_.take();
     return std::move(d);
 }

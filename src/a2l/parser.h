@@ -43,6 +43,13 @@ class Parser : public BlockVisitor {
         compuVtab,
         compuVtabRange,
         recordLayout,
+        instance,
+        blob,
+        measurementType,
+        characteristicType,
+        axisType,
+        blobType,
+        structureType,
         modCommon,
         modPar,
         ifData,
@@ -64,6 +71,7 @@ class Parser : public BlockVisitor {
     void addObject(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
     void tellInfiniteLimits();
     void tellNamesInCommon();
+    void tellInstancesWithoutType();
 
     Description description_;
     TextInterner shared_;
@@ -83,6 +91,13 @@ class Parser : public BlockVisitor {
     Lines tabLines_;
     Lines vtabLines_;
     Lines layoutLines_;
+    Lines instanceLines_;
+    Lines blobLines_;
+    Lines measurementTypeLines_;
+    Lines characteristicTypeLines_;
+    Lines axisTypeLines_;
+    Lines blobTypeLines_;
+    Lines structureTypeLines_;
 };
 
 }  // namespace lm::a2l

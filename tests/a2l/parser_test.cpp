@@ -108,9 +108,9 @@ TEST(Parser, ReadsTheOtherObjects) {
                     c.conversion, c.bits.mask, c.lowerLimit, c.upperLimit, c.extendedLimits->first,
                     c.extendedLimits->second, c.elementCount, c.readOnly, c.isVirtual, c.axes.size()),
         "c d 2 10:1 RL 1.5 CM 0 [-1 1] [-2 2] x3 true false 2");
-    EXPECT_EQ(fmt::format("{} {} {} {} {} {} {}", c.axes[0].attribute, c.axes[0].inputQuantity,
+    EXPECT_EQ(fmt::format("{} {} {} {} {} {} {}", axisKindName(c.axes[0].kind), c.axes[0].inputQuantity,
                           c.axes[0].conversion, c.axes[0].maxAxisPoints, c.axes[0].lowerLimit,
-                          c.axes[0].upperLimit, c.axes[0].axisPointsRef),
+                          c.axes[0].upperLimit, c.axes[0].reference),
               "COM_AXIS in CM2 8 0 7 ax");
     EXPECT_TRUE(d.findCharacteristic("v")->isVirtual);
     EXPECT_EQ(d.findCharacteristic("nested"), nullptr);
@@ -126,7 +126,7 @@ TEST(Parser, ReadsTheOtherObjects) {
     EXPECT_EQ(fmt::format("{} {} {}", t.pairs, *t.defaultNumeric, t.defaultText),
               "[(-3, 98), (-1, 9.5)] 3.5 no");
     const RecordLayout& rl = *d.findRecordLayout("rl");
-    EXPECT_EQ(fmt::format("{} {}", rl.fncValues->position, rl.fncValues->addressType), "2 DIRECT");
+    EXPECT_EQ(fmt::format("{} {}", rl.entries.size(), rl.entries[1].position), "2 2");
     EXPECT_EQ(orderName(d.byteOrder), " big");
     EXPECT_EQ(d.systemConstants.size(), 2U);
     EXPECT_EQ(d.systemConstants.at("k1"), "-3.45");
@@ -150,7 +150,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
         {R"(MEASUREMENT m "" UBYTE c 0 0 0 0 BYTE_ORDER MIDDLE)", "unknown byte order 'MIDDLE'"},
         {R"(CHARACTERISTIC c "" STRING)", "unknown characteristic type 'STRING'"},
         {R"(CHARACTERISTIC c "" VALUE -1)", "address must be a non-negative integer"},
-        {R"(CHARACTERISTIC c "" CURVE 0 d 0 c 0 0 /begin AXIS_DESCR F i c -1 /end AXIS_DESCR)",
+        {R"(CHARACTERISTIC c "" CURVE 0 d 0 c 0 0 /begin AXIS_DESCR FIX_AXIS i c -1 /end AXIS_DESCR)",
          "max axis points must be a non-negative integer"},
         {R"(AXIS_PTS a "" 0 "")", "input quantity must not be a string"},
         {R"(COMPU_METHOD m "" POLY)", "unknown conversion type 'POLY'"},
