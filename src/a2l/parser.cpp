@@ -28,41 +28,6 @@ std::uint32_t readCalibrationOffset(const Block& block, std::size_t index) {
     return static_cast<std::uint32_t>(static_cast<std::int64_t>(offset));
 }
 
-/// The kind that a name counts as, in the order in which objects are looked up.
-std::string_view firstKindOf(const Description& description, std::string_view name) {
-    if (description.findMeasurement(name) != nullptr) return "MEASUREMENT";
-    if (description.findCharacteristic(name) != nullptr) return "CHARACTERISTIC";
-    if (description.findAxisPoints(name) != nullptr) return "AXIS_PTS";
-    return description.findBlob(name) != nullptr ? "BLOB" : "INSTANCE";
-}
-
-/// Names that objects of two kinds have: the first of them and the count will do.
-struct NamesInCommon {
-    std::size_t count = 0;
-    std::string_view name;
-    std::string_view used;
-    std::string_view other;
-    std::uint32_t line = 0;
-
-    void add(std::string_view usedKind, std::string_view otherKind, std::string_view itsName,
-             std::uint32_t itsLine) {
-        if (count++ > 0) return;
-        name = itsName;
-        used = usedKind;
-        other = otherKind;
-        line = itsLine;
-    }
-    std::string text(const Diagnostics& diagnostics) const {
-        const std::string more = count == 1 ? "" : ", and " + std::to_string(count - 1) + " more name(s)";
-        const auto withArticle = [](std::string_view kind) {
-            const bool vowel = kind.starts_with('A') || kind.starts_with('I');
-            return (vowel ? "an " : "a ") + std::string(kind);
-        };
-        return "'" + std::string(name) + "' names " + withArticle(used) + " and " + withArticle(other) +
-               " (" + diagnostics.where(line) + ")" + more + ": the " + std::string(used) + " is used";
-    }
-};
-
 }  // namespace
 
 Parser::Parser(const SourceLines* lines)
@@ -89,6 +54,8 @@ Parser::Kind Parser::kindOf(std::string_view keyword) {
         "TYPEDEF_AXIS",
         "TYPEDEF_BLOB",
         "TYPEDEF_STRUCTURE",
+        "GROUP",
+        "FUNCTION",
         "MOD_COMMON",
         "MOD_PAR",
         "IF_DATA"};
@@ -116,6 +83,7 @@ BlockVisitor::Step Parser::opened(std::string_view keyword, std::size_t depth) {
 void Parser::collected(const Block& block) {
     try {
         read(block);
+        if (kind_ <= Kind::axisPoints) noteSideTables(block);
     } catch (const BlockError& error) {
         const bool named = kind_ < Kind::modCommon;
         diagnostics_.skipped(block.keyword, named ? textAt(block, 0) : std::string_view(), block.line,
@@ -217,6 +185,10 @@ void Parser::read(const Block& block) {
             return add(d.blobTypes, blobTypeLines_, readBlobType(block, modelStore_), block);
         case Kind::structureType:
             return add(d.structureTypes, structureTypeLines_, readStructureType(block, modelStore_), block);
+        case Kind::group:
+            return add(d.groups, groupLines_, folders_.read(block, modelStore_), block);
+        case Kind::function:
+            return add(d.functions, functionLines_, folders_.read(block, modelStore_), block);
         case Kind::modCommon:
             return readModCommon(block);
         case Kind::modPar:
@@ -270,103 +242,34 @@ void Parser::readModPar(const Block& block) {
     }
 }
 
-template <typename Record>
-void Parser::index(NameIndex& names, std::vector<Record>& records, Lines& lines, std::string_view kind) {
-    const std::vector<std::uint32_t> repeated = names.build(records);
-    if (repeated.empty()) return;
-    auto next = repeated.begin();
-    std::size_t kept = 0;
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        if (next != repeated.end() && *next == i) {
-            diagnostics_.skipped(kind, records[i].name, lines[i], "the name is already used");
-            ++next;
-            continue;
-        }
-        if (kept != i) {
-            records[kept] = std::move(records[i]);
-            lines[kept] = lines[i];
-        }
-        ++kept;
-    }
-    records.erase(records.begin() + static_cast<std::ptrdiff_t>(kept), records.end());
-    names.build(records);
-}
-
-// Files come with thousands of such objects, whoever made them: one of them and the count will do.
-void Parser::tellInfiniteLimits() {
-    if (infiniteLimits_ == 0) return;
-    const std::string more =
-        infiniteLimits_ == 1 ? "" : " and " + std::to_string(infiniteLimits_ - 1) + " more object(s)";
-    diagnostics_.odd(infiniteLimitLine_, firstInfiniteLimit_ + " (" + diagnostics_.where(infiniteLimitLine_) +
-                                             ")" + more +
-                                             ": a limit beyond the range of a 64-bit float counts as none");
-}
-
-// Of equal names of two kinds the one that is looked up first is used; the fewer names of measurements and
-// characteristics are gone through, and all of the other kinds.
-void Parser::tellNamesInCommon() {
-    const auto& measurements = description_.measurements;
-    const auto& characteristics = description_.characteristics;
-    NamesInCommon common;
-    const auto meet = [&](std::size_t i) {
-        common.add("MEASUREMENT", "CHARACTERISTIC", characteristics[i].name, characteristicLines_[i]);
-    };
-    if (characteristics.size() < measurements.size()) {
-        for (std::size_t i = 0; i < characteristics.size(); ++i)
-            if (description_.findMeasurement(characteristics[i].name) != nullptr) meet(i);
-    } else {
-        for (const Measurement& measurement : measurements) {
-            const Characteristic* other = description_.findCharacteristic(measurement.name);
-            if (other != nullptr) meet(static_cast<std::size_t>(other - characteristics.data()));
+// What few of the objects have, and what then is no reason to leave the object out.
+void Parser::noteSideTables(const Block& block) {
+    for (const Block& child : block.children()) {
+        try {
+            if (child.keyword == "FUNCTION_LIST") folders_.link(child, textAt(block, 0));
+            if (child.keyword == "DEPENDENT_CHARACTERISTIC")
+                noteDependency(block, child, DependencyKind::dependentCharacteristic);
+            if (child.keyword == "VIRTUAL_CHARACTERISTIC")
+                noteDependency(block, child, DependencyKind::virtualCharacteristic);
+            if (child.keyword == "VIRTUAL") noteDependency(block, child, DependencyKind::virtualMeasurement);
+        } catch (const BlockError& error) {
+            diagnostics_.skipped(child.keyword, textAt(block, 0), child.line, error.what());
         }
     }
-    const auto among = [&](const auto& records, const Lines& lines, std::string_view kind) {
-        for (std::size_t i = 0; i < records.size(); ++i) {
-            const std::string_view first = firstKindOf(description_, records[i].name);
-            if (first != kind) common.add(first, kind, records[i].name, lines[i]);
-        }
-    };
-    among(description_.axisPoints, axisPointsLines_, "AXIS_PTS");
-    among(description_.blobs, blobLines_, "BLOB");
-    among(description_.instances, instanceLines_, "INSTANCE");
-    if (common.count > 0) diagnostics_.odd(common.line, common.text(diagnostics_));
 }
 
-void Parser::tellInstancesWithoutType() {
-    const auto& instances = description_.instances;
-    for (std::size_t i = 0; i < instances.size(); ++i) {
-        if (!std::holds_alternative<std::monostate>(findType(description_, instances[i].typeName))) continue;
-        diagnostics_.skipped("INSTANCE", instances[i].name, instanceLines_[i],
-                             "type '" + std::string(instances[i].typeName) + "' not found");
-    }
-}
-
-Result<Description> Parser::finish() {
-    if (!hasProject_) return Error{ErrorCode::invalidArgument, "A2L: no PROJECT block"};
-    if (!hasModule_) return Error{ErrorCode::invalidArgument, "A2L: no MODULE block"};
-    Description& d = description_;
-    Description::Store& store = *d.store_;
-    index(store.measurements, d.measurements, measurementLines_, "MEASUREMENT");
-    index(store.characteristics, d.characteristics, characteristicLines_, "CHARACTERISTIC");
-    index(store.axisPoints, d.axisPoints, axisPointsLines_, "AXIS_PTS");
-    index(store.compuMethods, d.compuMethods, methodLines_, "COMPU_METHOD");
-    index(store.compuTabs, d.compuTabs, tabLines_, "COMPU_TAB");
-    index(store.compuVtabs, d.compuVtabs, vtabLines_, "COMPU_VTAB");
-    index(store.recordLayouts, d.recordLayouts, layoutLines_, "RECORD_LAYOUT");
-    index(store.instances, d.instances, instanceLines_, "INSTANCE");
-    index(store.blobs, d.blobs, blobLines_, "BLOB");
-    index(store.measurementTypes, d.measurementTypes, measurementTypeLines_, "TYPEDEF_MEASUREMENT");
-    index(store.characteristicTypes, d.characteristicTypes, characteristicTypeLines_,
-          "TYPEDEF_CHARACTERISTIC");
-    index(store.axisTypes, d.axisTypes, axisTypeLines_, "TYPEDEF_AXIS");
-    index(store.blobTypes, d.blobTypes, blobTypeLines_, "TYPEDEF_BLOB");
-    index(store.structureTypes, d.structureTypes, structureTypeLines_, "TYPEDEF_STRUCTURE");
-    linkStructures(d, structureTypeLines_, diagnostics_);
-    tellInfiniteLimits();
-    tellNamesInCommon();
-    tellInstancesWithoutType();
-    d.warnings = diagnostics_.take();
-    return std::move(d);
+void Parser::noteDependency(const Block& object, const Block& block, DependencyKind kind) {
+    const bool hasFormula = kind != DependencyKind::virtualMeasurement;
+    auto& sources = description_.store_->sources;
+    Dependency dependency;
+    if (hasFormula) dependency.formula = modelStore_.own(readString(block, 0, "formula"));
+    dependency.kind = kind;
+    dependency.firstSource = static_cast<std::uint32_t>(sources.size());
+    for (std::size_t i = hasFormula ? 1 : 0; i < block.tokens().size(); ++i)
+        sources.push_back(modelStore_.common(readIdentifier(block, i, "source")));
+    dependency.sourceCount = static_cast<std::uint32_t>(sources.size()) - dependency.firstSource;
+    dependency.name = modelStore_.common(textAt(object, 0));
+    description_.dependencies.push_back(dependency);
 }
 
 }  // namespace lm::a2l

@@ -13,6 +13,7 @@
 #include "a2l/block_visitor.h"
 #include "a2l/description_store.h"
 #include "a2l/diagnostics.h"
+#include "a2l/folder_builder.h"
 #include "a2l/object_readers.h"
 #include "core/result.h"
 
@@ -50,6 +51,8 @@ class Parser : public BlockVisitor {
         axisType,
         blobType,
         structureType,
+        group,
+        function,
         modCommon,
         modPar,
         ifData,
@@ -62,6 +65,9 @@ class Parser : public BlockVisitor {
     void readModCommon(const Block& block);
     void readModPar(const Block& block);
     void closeRoot(const Block& block);
+    void noteSideTables(const Block& block);
+    void noteDependency(const Block& object, const Block& block, DependencyKind kind);
+    void indexSideTables();
 
     template <typename Record>
     void add(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
@@ -77,6 +83,7 @@ class Parser : public BlockVisitor {
     TextInterner shared_;
     ModelStore modelStore_;
     Diagnostics diagnostics_;
+    FolderBuilder folders_;
     Kind kind_ = Kind::count;         // of the block being collected
     std::size_t infiniteLimits_ = 0;  // objects with one
     std::string firstInfiniteLimit_;
@@ -98,6 +105,8 @@ class Parser : public BlockVisitor {
     Lines axisTypeLines_;
     Lines blobTypeLines_;
     Lines structureTypeLines_;
+    Lines groupLines_;
+    Lines functionLines_;
 };
 
 }  // namespace lm::a2l
