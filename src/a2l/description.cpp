@@ -29,6 +29,10 @@ const Characteristic* Description::findCharacteristic(std::string_view name) con
     return store_->characteristics.lookUp(characteristics, name);
 }
 
+const AxisPoints* Description::findAxisPoints(std::string_view name) const {
+    return store_->axisPoints.lookUp(axisPoints, name);
+}
+
 const CompuMethod* Description::findCompuMethod(std::string_view name) const {
     return store_->compuMethods.lookUp(compuMethods, name);
 }
@@ -43,10 +47,6 @@ const CompuVtab* Description::findCompuVtab(std::string_view name) const {
 
 const RecordLayout* Description::findRecordLayout(std::string_view name) const {
     return store_->recordLayouts.lookUp(recordLayouts, name);
-}
-
-const AxisPoints* Description::findAxisPoints(std::string_view name) const {
-    return store_->axisPoints.lookUp(axisPoints, name);
 }
 
 std::span<const std::uint32_t> Description::dimensions(PoolRange range) const {

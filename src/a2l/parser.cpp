@@ -58,7 +58,9 @@ Parser::Kind Parser::kindOf(std::string_view keyword) {
         "FUNCTION",
         "MOD_COMMON",
         "MOD_PAR",
-        "IF_DATA"};
+        "IF_DATA",
+        "TRANSFORMER",
+        "VARIANT_CODING"};
     std::size_t kind = 0;
     while (kind < kKeywords.size() && kKeywords[kind] != keyword)
         ++kind;
@@ -73,8 +75,10 @@ BlockVisitor::Step Parser::opened(std::string_view keyword, std::size_t depth) {
         return Step::descend;
     }
     if (depth == kInProject) {
-        if (keyword != "MODULE" || std::exchange(hasModule_, true)) return Step::skip;
-        return Step::descend;
+        if (keyword != "MODULE") return Step::skip;
+        if (!std::exchange(hasModule_, true)) return Step::descend;
+        leftOut_.add("further MODULE");
+        return Step::skip;
     }
     kind_ = kindOf(keyword);
     return kind_ == Kind::count ? Step::skip : Step::collect;
@@ -115,6 +119,12 @@ void Parser::closeRoot(const Block& block) {
 }
 
 void Parser::included(std::string_view file, std::uint32_t line) {
+    // The grammar of the interface data, which this program knows by itself.
+    if (file.ends_with(".aml") || file.ends_with(".AML")) {
+        description_.notes.push_back("/include '" + std::string(file) + "' (" + diagnostics_.where(line) +
+                                     ") is not read, and not needed");
+        return;
+    }
     diagnostics_.skipped("/include", file, line, "included files are not read");
 }
 
@@ -195,10 +205,22 @@ void Parser::read(const Block& block) {
             return readModPar(block);
         case Kind::ifData:
             if (isXcpInterfaceData(block)) readXcpInterface(block, d.xcp, diagnostics_);
+            d.xcp.ccp = d.xcp.ccp || isCcpInterfaceData(block);
             return;
+        case Kind::transformer:
+        case Kind::variantCoding:
+            leftOut_.add(block.keyword);
+            return tellLeftOut(block);
         case Kind::count:
             return;
     }
+}
+
+void Parser::tellLeftOut(const Block& block) {
+    std::string name(textAt(block, 0));
+    if (!name.empty()) name = " '" + name + "'";
+    description_.notes.push_back("left out: " + std::string(block.keyword) + name + " (" +
+                                 diagnostics_.where(block.line) + ")");
 }
 
 void Parser::readModCommon(const Block& block) {

@@ -56,6 +56,8 @@ class Parser : public BlockVisitor {
         modCommon,
         modPar,
         ifData,
+        transformer,
+        variantCoding,
         count,
     };
     using Lines = std::vector<std::uint32_t>;
@@ -65,6 +67,7 @@ class Parser : public BlockVisitor {
     void readModCommon(const Block& block);
     void readModPar(const Block& block);
     void closeRoot(const Block& block);
+    void tellLeftOut(const Block& block);
     void noteSideTables(const Block& block);
     void noteDependency(const Block& object, const Block& block, DependencyKind kind);
     void indexSideTables();
@@ -84,6 +87,7 @@ class Parser : public BlockVisitor {
     ModelStore modelStore_;
     Diagnostics diagnostics_;
     FolderBuilder folders_;
+    LeftOutKinds leftOut_;
     Kind kind_ = Kind::count;         // of the block being collected
     std::size_t infiniteLimits_ = 0;  // objects with one
     std::string firstInfiniteLimit_;

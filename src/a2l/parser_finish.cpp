@@ -161,6 +161,7 @@ Result<Description> Parser::finish() {
     tellNamesInCommon();
     tellInstancesWithoutType();
     d.warnings = diagnostics_.take();
+    if (std::string text = leftOut_.text(); !text.empty()) d.warnings.push_back(std::move(text));
     return std::move(d);
 }
 
