@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "a2l/dependency.h"
+#include "a2l/folders.h"
 #include "a2l/record_layout.h"
 #include "a2l/structure_records.h"
 #include "a2l/xcp_interface.h"
@@ -188,11 +190,11 @@ class Description {
     /// object.
     const Measurement* findMeasurement(std::string_view name) const;
     const Characteristic* findCharacteristic(std::string_view name) const;
+    const AxisPoints* findAxisPoints(std::string_view name) const;
     const CompuMethod* findCompuMethod(std::string_view name) const;
     const CompuTab* findCompuTab(std::string_view name) const;
     const CompuVtab* findCompuVtab(std::string_view name) const;
     const RecordLayout* findRecordLayout(std::string_view name) const;
-    const AxisPoints* findAxisPoints(std::string_view name) const;
     const Blob* findBlob(std::string_view name) const;
     const Instance* findInstance(std::string_view name) const;
 
@@ -202,6 +204,19 @@ class Description {
     const AxisPoints* findAxisType(std::string_view name) const;
     const Blob* findBlobType(std::string_view name) const;
     const StructureType* findStructureType(std::string_view name) const;
+
+    const Folder* findGroup(std::string_view name) const;
+    const Folder* findFunction(std::string_view name) const;
+    /// How the object of that name is computed; nullptr when it is not.
+    const Dependency* findDependency(std::string_view name) const;
+    std::span<const std::string_view> sources(const Dependency& dependency) const;
+
+    std::span<const FolderList> lists(const Folder& folder) const;
+    std::span<const NameNumber> numbers(const FolderList& list) const;
+    std::string_view nameOf(NameNumber number) const;
+    /// None for a name that neither an object nor a folder's list has.
+    std::optional<NameNumber> numberOf(std::string_view name) const;
+    static NameNumber otherNumber(std::uint32_t otherName);
 
     std::span<const std::uint32_t> dimensions(const Extent& extent) const;
     std::span<const Overwrite> overwrites(const Instance& instance) const;
@@ -231,17 +246,22 @@ class Description {
     std::vector<RecordLayout> recordLayouts;
     std::vector<Blob> blobs;
     std::vector<Instance> instances;
-    std::vector<Measurement> measurementTypes;                               ///< TYPEDEF_MEASUREMENT
-    std::vector<Characteristic> characteristicTypes;                         ///< TYPEDEF_CHARACTERISTIC
-    std::vector<AxisPoints> axisTypes;                                       ///< TYPEDEF_AXIS
-    std::vector<Blob> blobTypes;                                             ///< TYPEDEF_BLOB
-    std::vector<StructureType> structureTypes;                               ///< TYPEDEF_STRUCTURE
+    std::vector<Measurement> measurementTypes;        ///< TYPEDEF_MEASUREMENT
+    std::vector<Characteristic> characteristicTypes;  ///< TYPEDEF_CHARACTERISTIC
+    std::vector<AxisPoints> axisTypes;                ///< TYPEDEF_AXIS
+    std::vector<Blob> blobTypes;                      ///< TYPEDEF_BLOB
+    std::vector<StructureType> structureTypes;        ///< TYPEDEF_STRUCTURE
+    std::vector<Folder> groups;
+    std::vector<Folder> functions;
+    std::vector<Dependency> dependencies;
     std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
     XcpInterface xcp;
 
     /// What was left out while loading ("skipped: ..." with object kind, name, reason and line), and what is
     /// odd, with a line; in file order.
     std::vector<std::string> warnings;
+    /// What was left out and nobody misses, with its line.
+    std::vector<std::string> notes;
 
   private:
     friend class Parser;

@@ -29,6 +29,14 @@ struct Description::Store {
     NameIndex axisTypes;
     NameIndex blobTypes;
     NameIndex structureTypes;
+    NameIndex groups;
+    NameIndex functions;
+    NameIndex dependencies;
+    NameIndex otherNames;
+    std::vector<OtherName> others;
+    std::vector<FolderList> lists;
+    std::vector<NameNumber> numbers;
+    std::vector<std::string_view> sources;
     std::vector<std::uint16_t> events;
     std::vector<std::uint32_t> dimensions;
     std::vector<std::string_view> maps;

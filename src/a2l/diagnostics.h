@@ -1,18 +1,27 @@
 // What was left out or odd while reading a description, with the lines, in any order.
 //
-// Threads: one at a time. Lifetime: owns its texts.
+// Threads: one at a time. Lifetime: owns its texts; borrows the SourceLines.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "a2l/source_texts.h"
+
 namespace lm::a2l {
 
 class Diagnostics {
   public:
+    /// `lines` tells the files that lines are in; it must outlive this.
+    explicit Diagnostics(const SourceLines* lines = nullptr) : lines_(lines) {}
+
+    /// "line N", "FILE line N" in an included file.
+    std::string where(std::uint32_t line) const;
+
     /// "skipped: KIND 'NAME' (line N): REASON"; without a name "skipped: KIND (line N): REASON".
     void skipped(std::string_view kind, std::string_view name, std::uint32_t line, std::string_view reason);
 
@@ -27,7 +36,19 @@ class Diagnostics {
         std::uint32_t line;
         std::string text;
     };
+    const SourceLines* lines_;
     std::vector<Entry> entries_;
+};
+
+/// How many objects were left out because nothing reads their kind.
+class LeftOutKinds {
+  public:
+    void add(std::string_view kind);
+    /// "left out: 12 INSTANCE, 1 BLOB (not read by this version)", empty for none.
+    std::string text() const;
+
+  private:
+    std::vector<std::pair<std::string, std::size_t>> counts_;  ///< in the order of their first objects
 };
 
 }  // namespace lm::a2l

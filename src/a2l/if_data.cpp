@@ -189,6 +189,11 @@ bool isXcpInterfaceData(const Block& block) {
     return block.keyword == "IF_DATA" && !tokens.empty() && (tokens[0].is("XCP") || tokens[0].is("XCPplus"));
 }
 
+bool isCcpInterfaceData(const Block& block) {
+    const auto tokens = block.tokens();
+    return block.keyword == "IF_DATA" && !tokens.empty() && tokens[0].is("ASAP1B_CCP");
+}
+
 void readXcpInterface(const Block& ifData, XcpInterface& xcp, Diagnostics& diagnostics) {
     for (const Block& block : ifData.children()) {
         if (block.keyword == "PROTOCOL_LAYER")

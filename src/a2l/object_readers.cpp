@@ -269,19 +269,19 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
     return object;
 }
 
-Characteristic readCharacteristic(const Block& block, ModelStore& store) {
-    constexpr std::size_t kPositional = 9;
+Characteristic readCharacteristic(const Block& block, ModelStore& store, Placed placed) {
+    const std::size_t next = placed == Placed::yes ? 4 : 3;  // behind the address
     Characteristic object;
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
     object.type = readCharacteristicType(block, 2);
-    object.address = readCount<std::uint32_t>(block, 3, "address");
-    object.deposit = store.common(readIdentifier(block, 4, "deposit"));
-    object.maxDiff = readNumber(block, 5, "max diff");
-    object.conversion = store.common(readIdentifier(block, 6, "conversion"));
-    object.lowerLimit = readNumber(block, 7, "lower limit");
-    object.upperLimit = readNumber(block, 8, "upper limit");
-    forEachOptional<Word>(block, kPositional, kCharacteristicKeywords, [&](Word word, std::size_t value) {
+    if (placed == Placed::yes) object.address = readCount<std::uint32_t>(block, 3, "address");
+    object.deposit = store.common(readIdentifier(block, next, "deposit"));
+    object.maxDiff = readNumber(block, next + 1, "max diff");
+    object.conversion = store.common(readIdentifier(block, next + 2, "conversion"));
+    object.lowerLimit = readNumber(block, next + 3, "lower limit");
+    object.upperLimit = readNumber(block, next + 4, "upper limit");
+    forEachOptional<Word>(block, next + 5, kCharacteristicKeywords, [&](Word word, std::size_t value) {
         if (word == Word::extendedLimits) {
             object.extendedLimits = {readNumber(block, value, "EXTENDED_LIMITS"),
                                      readNumber(block, value + 1, "EXTENDED_LIMITS")};
@@ -304,20 +304,20 @@ Characteristic readCharacteristic(const Block& block, ModelStore& store) {
     return object;
 }
 
-AxisPoints readAxisPoints(const Block& block, ModelStore& store) {
+AxisPoints readAxisPoints(const Block& block, ModelStore& store, Placed placed) {
+    const std::size_t next = placed == Placed::yes ? 3 : 2;  // behind the address
     AxisPoints object;
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
-    object.address = readCount<std::uint32_t>(block, 2, "address");
-    object.inputQuantity = store.common(readIdentifier(block, 3, "input quantity"));
-    object.deposit = store.common(readIdentifier(block, 4, "deposit"));
-    readNumber(block, 5, "max diff");
-    object.conversion = store.common(readIdentifier(block, 6, "conversion"));
-    object.maxAxisPoints = readCount<std::uint32_t>(block, 7, "max axis points");
-    object.lowerLimit = readNumber(block, 8, "lower limit");
-    object.upperLimit = readNumber(block, 9, "upper limit");
-    constexpr std::size_t kPositional = 10;
-    forEachOptional<Word>(block, kPositional, kAxisPointsKeywords, [&](Word word, std::size_t value) {
+    if (placed == Placed::yes) object.address = readCount<std::uint32_t>(block, 2, "address");
+    object.inputQuantity = store.common(readIdentifier(block, next, "input quantity"));
+    object.deposit = store.common(readIdentifier(block, next + 1, "deposit"));
+    readNumber(block, next + 2, "max diff");
+    object.conversion = store.common(readIdentifier(block, next + 3, "conversion"));
+    object.maxAxisPoints = readCount<std::uint32_t>(block, next + 4, "max axis points");
+    object.lowerLimit = readNumber(block, next + 5, "lower limit");
+    object.upperLimit = readNumber(block, next + 6, "upper limit");
+    forEachOptional<Word>(block, next + 7, kAxisPointsKeywords, [&](Word word, std::size_t value) {
         if (word == Word::deposit) {
             object.pointDeposit = readDeposit(block, value);
         } else if (word == Word::monotony) {

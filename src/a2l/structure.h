@@ -38,7 +38,7 @@ struct Leaf {
     const Instance* instance = nullptr;
     xcp::Address address;          ///< of the leaf or, with pointers on the way, of the first of them
     std::vector<PointerHop> hops;  ///< from that address on, in this order
-    std::string_view part;         ///< the components down to it without indices; empty: the instance itself
+    std::string part;              ///< the components down to it without indices; empty: the instance itself
     std::string owner;             ///< what THIS stands for: the structure element it lies in
     std::vector<const Overwrite*> overwrites;  ///< of the instance, for this leaf
     std::vector<std::uint32_t> dimensions;     ///< of its own array, when the name has no index for it

@@ -75,6 +75,10 @@ struct XcpInterface {
     std::optional<XcpOnUdp> udp;
     bool tcp = false;  ///< an XCP_ON_TCP_IP block is there
     std::optional<XcpOnSerial> serial;
+    bool ccp = false;  ///< there is interface data of CCP, another protocol
+
+    /// The ECU speaks CCP, as far as the file tells.
+    bool isCcpOnly() const { return ccp && !protocolLayer && !daq && !can && !udp && !tcp && !serial; }
 };
 
 }  // namespace lm::a2l

@@ -211,6 +211,20 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
     EXPECT_EQ(d.systemConstants.at("k"), "1");
 }
 
+TEST(Parser, TellsWhatItLeavesOut) {
+    const auto d = parsed(
+        "/begin IF_DATA ASAP1B_CCP /end IF_DATA /begin TRANSFORMER i /end TRANSFORMER\n"
+        "/include sub/b.a2l /begin TRANSFORMER j /end TRANSFORMER "
+        "/begin VARIANT_CODING /end VARIANT_CODING /begin GROUP g \"\" /end GROUP /include XCP.aml");
+    EXPECT_EQ(fmt::format("{}", fmt::join(d.warnings, "\n")),
+              "skipped: /include 'sub/b.a2l' (line 3): included files are not read\n"
+              "left out: 2 TRANSFORMER, 1 VARIANT_CODING (not read by this version)");
+    EXPECT_EQ(fmt::format("{}", fmt::join(d.notes, "\n")),
+              "left out: TRANSFORMER 'i' (line 2)\nleft out: TRANSFORMER 'j' (line 3)\n"
+              "left out: VARIANT_CODING (line 3)\n/include 'XCP.aml' (line 3) is not read, and not needed");
+    EXPECT_TRUE(d.xcp.isCcpOnly());
+}
+
 TEST(Parser, ReadsTheFrame) {
     const std::pair<std::string, std::string> rows[] = {
         {"ASAP2_VERSION 1 71 /begin PROJECT P \"p\" /begin HEADER \"h\" /end HEADER /begin MODULE M \"m\""
