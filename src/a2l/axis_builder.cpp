@@ -82,11 +82,13 @@ Result<void> buildComputed(const AxisPart& part, Axis& axis) {
 
 /// An axis whose points are an AXIS_PTS: that has type, form and monotony, the AXIS_DESCR all that is shown.
 Result<void> buildShared(const AxisPart& part, Axis& axis) {
-    const AxisPoints* const points = part.description.findAxisPoints(axis.reference);
-    if (points == nullptr)
-        return objectFault(part.name, "AXIS_PTS " + inQuotes(axis.reference) + " not found");
-    auto built = buildAxisPoints(part.description, *points);
-    if (!built) return objectFault(part.name, built.error().text());
+    auto built = buildObject(part.description, axis.reference, part.referencesLeft - 1);
+    if (!built || built.value().kind != ObjectKind::axisPoints) {
+        const bool found = built || part.description.findAxisPoints(axis.reference) != nullptr;
+        return objectFault(part.name, built   ? inQuotes(axis.reference) + " is no AXIS_PTS"
+                                      : found ? built.error().text()
+                                              : "AXIS_PTS " + inQuotes(axis.reference) + " not found");
+    }
     Object shared = std::move(built).value();
     const Axis& own = shared.axes.front();
     if ((own.kind == AxisKind::rescale) != (axis.kind == AxisKind::rescale)) {

@@ -24,7 +24,7 @@
 
 namespace lm::a2l {
 
-enum class ObjectKind : std::uint8_t { measurement, characteristic, axisPoints };
+enum class ObjectKind : std::uint8_t { measurement, characteristic, axisPoints, blob };
 
 struct Object;
 
@@ -63,7 +63,7 @@ struct Object {
     std::string description;  ///< long identifier
     std::string displayName;  ///< DISPLAY_IDENTIFIER, may be empty
     ObjectKind kind = ObjectKind::measurement;
-    /// Of a measurement `value` or `valBlk`; of AXIS_PTS `curve`.
+    /// Of a measurement `value` or `valBlk`; of AXIS_PTS `curve`; of a BLOB `valBlk`.
     CharacteristicType type = CharacteristicType::value;
     bool writable = false;              ///< characteristic: not READ_ONLY; measurement: READ_WRITE
     bool guardRails = false;            ///< the outermost values are made of their neighbours

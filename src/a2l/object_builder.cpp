@@ -276,6 +276,11 @@ Result<Object> buildObject(const Description& description, std::string_view name
         return buildCharacteristic(description, *characteristic, referencesLeft);
     if (const AxisPoints* points = description.findAxisPoints(name))
         return buildAxisPoints(description, *points);
+    if (const Blob* blob = description.findBlob(name)) return buildBlob(*blob);
+    if (belongsToInstance(description, name)) {
+        const auto leaf = findLeaf(description, name);
+        return leaf ? buildLeaf(description, leaf.value(), referencesLeft) : leaf.error();
+    }
     return Error{ErrorCode::notFound,
                  "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
 }

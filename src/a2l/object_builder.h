@@ -21,6 +21,11 @@ Result<Object> buildCharacteristic(const Description& description, const Charact
                                    std::size_t referencesLeft = kMostReferences);
 Result<Object> buildAxisPoints(const Description& description, const AxisPoints& points);
 
+/// A part of an INSTANCE.
+Result<Object> buildLeaf(const Description& description, const Leaf& leaf, std::size_t referencesLeft);
+/// A BLOB: an array of bytes.
+Result<Object> buildBlob(const Blob& blob);
+
 /// The object of a name; findObject() with the references left.
 Result<Object> buildObject(const Description& description, std::string_view name,
                            std::size_t referencesLeft = kMostReferences);

@@ -15,7 +15,8 @@ constexpr std::array<std::string_view, 5> kSuffixes = {".x", ".y", ".z", ".4", "
 
 bool exists(const Description& description, std::string_view name) {
     return description.findMeasurement(name) != nullptr || description.findCharacteristic(name) != nullptr ||
-           description.findAxisPoints(name) != nullptr;
+           description.findAxisPoints(name) != nullptr || description.findBlob(name) != nullptr ||
+           (belongsToInstance(description, name) && findLeaf(description, name));
 }
 
 /// Takes the last `[..]` off; none when there is none with a number or a `*` in it.

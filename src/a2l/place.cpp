@@ -36,7 +36,9 @@ class Placer {
         placed_.object_ = object_;
         if (auto followed = followHops(); !followed) return followed.error();
         if (!object_->maps.empty()) return placeMaps();
-        if (object_->kind == ObjectKind::measurement) return placeMeasurement();
+        // What has no layout lies in one piece.
+        const bool isPlain = object_->kind == ObjectKind::measurement || object_->kind == ObjectKind::blob;
+        if (isPlain) return placePlain();
         if (auto started = startAxes(); !started) return started.error();
         if (auto laid = layOutAll(); !laid) return laid.error();
         return finish();
@@ -56,7 +58,7 @@ class Placer {
     Result<std::uint64_t> readPointer(std::span<const std::uint8_t> bytes) const;
     Result<void> followHops();
     Result<PlacedObject> placeMaps();
-    Result<PlacedObject> placeMeasurement();
+    Result<PlacedObject> placePlain();
 
     Result<void> startAxes();
     Result<void> startShared(const Axis& axis, PlacedAxis& placed);
@@ -143,7 +145,7 @@ Result<PlacedObject> Placer::placeMaps() {
     return std::move(placed_);
 }
 
-Result<PlacedObject> Placer::placeMeasurement() {
+Result<PlacedObject> Placer::placePlain() {
     placed_.dimensions_ = object_->dimensions;
     Grid& grid = placed_.values_;
     grid.base = base_;
