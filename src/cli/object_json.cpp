@@ -23,22 +23,15 @@ void writeNested(JsonWriter& json, std::span<const std::uint32_t> dimensions, co
     json.endArray();
 }
 
-/// Raw values of the elements. Of points that lie in memory as steps, of the points.
+/// Raw values of the elements, with all digits. Of points that lie in memory as steps, of the points.
 std::vector<value::Value> rawValues(const a2l::ObjectContent& content) {
     const a2l::PlacedObject& placed = content.placed;
     const bool isAxis = placed.object().kind == a2l::ObjectKind::axisPoints;
     if (isAxis && placed.axes().front().about().difference) return content.points(0);
     std::vector<value::Value> values;
     for (std::size_t i = 0; i < placed.elementCount(); ++i)
-        values.push_back(content.raw(i));
+        values.push_back(value::wholeRaw(placed.element(i), content.bytes(i)));
     return values;
-}
-
-/// With all digits, whatever the conversion keeps of them.
-value::Value wholeRaw(const a2l::ObjectContent& content, const value::Element& element, std::size_t number,
-                      const value::Value& raw) {
-    if (!element.coding.isWide() || std::holds_alternative<value::Exact>(raw)) return raw;
-    return value::exactInteger(value::decodeInteger(content.bytes(number), element.coding), element.coding);
 }
 
 /// Raw, physical, text.
@@ -47,8 +40,7 @@ void writeValues(JsonWriter& json, const a2l::ObjectContent& content, value::Num
     const auto& dimensions = placed.dimensions();
     const std::vector<value::Value> raw = rawValues(content);
     writeNested(json.key("raw"), dimensions, [&](std::size_t number) {
-        const value::Element element = placed.element(number);
-        writeRaw(json, element, wholeRaw(content, element, number, raw[number]));
+        writeRaw(json, placed.element(number), raw[number]);
     });
     if (placed.object().isText()) {
         json.member("physical", content.text());

@@ -48,11 +48,6 @@ Texts valueTexts(const a2l::ObjectContent& content, std::size_t first, std::size
     return texts;
 }
 
-/// Else the numbers of the elements stand in place of points.
-bool hasAxes(const a2l::PlacedObject& placed) {
-    return placed.object().kind == a2l::ObjectKind::characteristic && !placed.axes().empty();
-}
-
 std::string lineTable(const a2l::ObjectContent& content, value::NumberStyle style) {
     const std::size_t count = content.placed.elementCount();
     const Texts heads = pointTexts(content, 0, style);
@@ -67,24 +62,58 @@ std::string lineTable(const a2l::ObjectContent& content, value::NumberStyle styl
     return text;
 }
 
-std::string pageTable(const a2l::ObjectContent& content, const TablePage& page, value::NumberStyle style) {
+/// One map of an object: what stands above it, and the number of its first element.
+struct Page {
+    std::string title;  ///< "z = 10.0"; empty when there is one
+    std::size_t first = 0;
+};
+
+std::string pageTable(const a2l::ObjectContent& content, const Page& page, value::NumberStyle style,
+                      const Decorate& decorate) {
     const std::string corner = "y \\ x";
     const Texts across = pointTexts(content, 0, style);
     const Texts down = pointTexts(content, 1, style);
-    const Texts values = valueTexts(content, page.first, page.columns * page.rows, style);
+    const Texts values = valueTexts(content, page.first, across.size() * down.size(), style);
     const std::size_t labelWidth = widest(down, corner.size());
     const std::size_t cellWidth = widest(values, widest(across, 0));
     std::string text = page.title.empty() ? "" : "  " + page.title + "\n";
     appendRow(text, corner, labelWidth, across, cellWidth);
-    for (std::size_t row = 0; row < page.rows; ++row) {
-        appendRow(text, down[row], labelWidth,
-                  std::span(values).subspan(row * page.columns, page.columns), cellWidth);
+    for (std::size_t row = 0; row < down.size(); ++row) {
+        const std::size_t first = row * across.size();
+        Texts cells;
+        for (std::size_t i = first; i < first + across.size(); ++i) {
+            std::string& cell = cells.emplace_back();
+            appendRight(cell, values[i], cellWidth);
+            if (decorate) cell = decorate(page.first + i, cell);
+        }
+        appendRow(text, down[row], labelWidth, cells, 0);
     }
     return text;
 }
 
 std::string axisName(std::size_t axis) {
     return std::string(a2l::axisSuffix(axis).substr(1));
+}
+
+std::vector<Page> pagesOf(const a2l::ObjectContent& content, value::NumberStyle style) {
+    const auto& dimensions = content.placed.dimensions();
+    const bool isBlock = !hasAxes(content.placed);
+    std::vector<Texts> points;
+    for (std::size_t i = 2; i < dimensions.size(); ++i)
+        points.push_back(pointTexts(content, i, style));
+    std::vector<Page> pages;
+    const std::size_t perPage = std::size_t{dimensions[0]} * dimensions[1];
+    for (std::size_t first = 0; first < content.placed.elementCount(); first += perPage) {
+        std::string title = isBlock && !points.empty() ? "[.][.]" : "";
+        std::size_t rest = pages.size();
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            if (!isBlock) title += (i == 0 ? "" : ", ") + axisName(i + 2) + " = ";
+            title += points[i][rest % points[i].size()];
+            rest /= points[i].size();
+        }
+        pages.push_back({std::move(title), first});
+    }
+    return pages;
 }
 
 /// Where the points come from, when they are not the object's own.
@@ -105,6 +134,10 @@ std::string originText(const a2l::Axis& axis) {
 }
 
 }  // namespace
+
+bool hasAxes(const a2l::PlacedObject& placed) {
+    return placed.object().kind == a2l::ObjectKind::characteristic && !placed.axes().empty();
+}
 
 std::string_view objectTypeName(const a2l::Object& object) {
     static constexpr std::array<std::string_view, 8> kNames = {"VALUE",  "CURVE",  "MAP",     "CUBOID",
@@ -157,33 +190,12 @@ std::string axisLines(const a2l::ObjectContent& content) {
     return text;
 }
 
-std::vector<TablePage> tablePages(const a2l::ObjectContent& content, value::NumberStyle style) {
-    const auto& dimensions = content.placed.dimensions();
-    const std::size_t columns = dimensions[0];
-    const std::size_t rows = dimensions.size() > 1 ? dimensions[1] : 1;
-    std::vector<TablePage> pages;
-    std::vector<Texts> points;
-    for (std::size_t i = 2; i < dimensions.size(); ++i)
-        points.push_back(pointTexts(content, i, style));
-    for (std::size_t first = 0; first < content.placed.elementCount(); first += columns * rows) {
-        TablePage& page = pages.emplace_back(TablePage{"", first, columns, rows});
-        const bool isBlock = !hasAxes(content.placed);
-        if (isBlock && !points.empty()) page.title = "[.][.]";
-        std::size_t rest = pages.size() - 1;
-        for (std::size_t i = 0; i < points.size(); ++i) {
-            if (!isBlock) page.title += (i == 0 ? "" : ", ") + axisName(i + 2) + " = ";
-            page.title += points[i][rest % points[i].size()];
-            rest /= points[i].size();
-        }
-    }
-    return pages;
-}
-
-std::string objectTable(const a2l::ObjectContent& content, value::NumberStyle style) {
+std::string objectTable(const a2l::ObjectContent& content, value::NumberStyle style,
+                        const Decorate& decorate) {
     std::string text = axisLines(content);
     if (content.placed.dimensions().size() == 1) return text + lineTable(content, style);
-    for (const TablePage& page : tablePages(content, style))
-        text += pageTable(content, page, style);
+    for (const Page& page : pagesOf(content, style))
+        text += pageTable(content, page, style, decorate);
     return text;
 }
 

@@ -4,7 +4,10 @@
 // Threads: pure functions. Lifetime: results own everything.
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "a2l/object_content.h"
@@ -28,16 +31,14 @@ std::vector<std::string> pointTexts(const a2l::ObjectContent& content, std::size
 /// A line for each axis, indented: "  x: engine_speed (rpm), shared cal_speed_axis".
 std::string axisLines(const a2l::ObjectContent& content);
 
-/// The values of one map of an object: X across, Y down. With more dimensions there are several.
-struct TablePage {
-    std::string title;        ///< "z = 10.0"; empty when there is one page
-    std::size_t first = 0;    ///< the number of its first element; they follow each other
-    std::size_t columns = 1;  ///< along X
-    std::size_t rows = 1;     ///< along Y
-};
-std::vector<TablePage> tablePages(const a2l::ObjectContent& content, value::NumberStyle style);
+/// Whether the dimensions have axes; else the numbers of the elements stand in place of points.
+bool hasAxes(const a2l::PlacedObject& placed);
 
-/// All lines below the first.
-std::string objectTable(const a2l::ObjectContent& content, value::NumberStyle style);
+/// What is done to the text of an element once it has its width.
+using Decorate = std::function<std::string(std::size_t number, const std::string& text)>;
+
+/// All lines below the first: X across, Y down, with more dimensions one table after the other.
+std::string objectTable(const a2l::ObjectContent& content, value::NumberStyle style,
+                        const Decorate& decorate = {});
 
 }  // namespace lm::cli

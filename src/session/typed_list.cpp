@@ -67,7 +67,7 @@ class ListReader {
             const std::size_t at = number + found * stride;
             if (found == needed)
                 return refused(where, fmt::format("{} {} are needed, there are more", needed, what));
-            const auto item = isLast ? value(at, inner) : list(level + 1, at, stride * needed, inner);
+            auto item = isLast ? value(at, inner) : list(level + 1, at, stride * needed, inner);
             if (!item) return item;
             more = take(',');
             if (!more && !take(']')) return refused(where, "',' or ']' is missing in the list");
