@@ -79,8 +79,11 @@ class CommandLineTest(harness.SystemTest):
         self.expect(self.run_plain("-c", first, "save-config", second), f"{second} written\n")
         self.assertEqual(first.read_text(), second.read_text())
         self.expect(self.run_plain("--a2l", a2l.name, "save-config", "plain.json", cwd=a2l.parent), "plain.json written\n")
-        done = self.run_plain("--a2l", a2l.name, "save-config", second, cwd=a2l.parent)
-        self.assertRegex(done.stderr, rf"^\[.*\[warning\] {second}: the A2L file {a2l.name} is not found from there\n$")
+        self.assertEqual(json.loads((a2l.parent / "plain.json").read_text())["a2l"], a2l.name)
+        self.expect(self.run_plain("--a2l", a2l.name, "save-config", second, cwd=a2l.parent), f"{second} written\n")
+        self.assertEqual(json.loads(second.read_text())["a2l"], str(a2l))
+        done = self.run_plain("--a2l", "no.a2l", "save-config", second, cwd=a2l.parent)
+        self.assertRegex(done.stderr, rf"^\[.*\[warning\] {second}: the A2L file no.a2l is not found from there\n$")
 
     def test_list(self):
         a2l = self.write_a2l()
