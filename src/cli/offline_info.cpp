@@ -150,12 +150,16 @@ class OfflineReport final : public IReport {
         std::string lines;
         if (xcp_.can) lines += line("XCP on CAN", canText(*xcp_.can));
         if (xcp_.udp) lines += line("XCP on UDP/IP", udpText(*xcp_.udp));
-        if (xcp_.tcp) lines += line("XCP on TCP/IP", "not supported");
+        if (xcp_.tcp)
+            lines += line("XCP on TCP/IP",
+                          udpText(xcp_.tcpTarget.value_or(a2l::XcpOnUdp{})) + " (not supported yet)");
         if (xcp_.serial) {
             Parts parts;
             parts.add("{} baud", xcp_.serial->baudrate);
             lines += line("XCP on serial", parts.text());
         }
+        for (const std::string& keyword : xcp_.unsupported)
+            lines += line(keyword, "not supported");
         return lines;
     }
 
@@ -191,6 +195,13 @@ class OfflineReport final : public IReport {
         if (value) json.member(name, *value);
     }
 
+    static void writeTarget(JsonWriter& json, std::string_view name, const a2l::XcpOnUdp& target) {
+        json.key(name).beginObject();
+        if (!target.host.empty()) json.member("host", target.host);
+        member(json, "port", target.port);
+        json.endObject();
+    }
+
     void writeTransports(JsonWriter& json) const {
         if (xcp_.can) {
             json.key("can").beginObject();
@@ -205,13 +216,8 @@ class OfflineReport final : public IReport {
             json.listMember("daqListIds", xcp_.can->daqListIds);
             json.endObject();
         }
-        if (xcp_.udp) {
-            json.key("udp").beginObject();
-            if (!xcp_.udp->host.empty()) json.member("host", xcp_.udp->host);
-            member(json, "port", xcp_.udp->port);
-            json.endObject();
-        }
-        if (xcp_.tcp) json.key("tcp").beginObject(), json.endObject();
+        if (xcp_.udp) writeTarget(json, "udp", *xcp_.udp);
+        if (xcp_.tcp) writeTarget(json, "tcp", xcp_.tcpTarget.value_or(a2l::XcpOnUdp{}));
         if (!xcp_.serial) return;
         json.key("serial").beginObject();
         member(json, "baudrate", xcp_.serial->baudrate);

@@ -48,16 +48,6 @@ bool namesTransport(const SessionConfig& config) {
     return !config.can.interface.empty() || !config.udp.host.empty() || !config.serial.port.empty();
 }
 
-/// An error of an ECU that had answered CONNECT.
-Error afterConnect(Error error) {
-    if (error.code == ErrorCode::timeout && error.hint.empty()) {
-        error.hint =
-            "the ECU answered CONNECT: it went away since, or another master has connected to it (one ECU "
-            "serves one master, the last)";
-    }
-    return error;
-}
-
 }  // namespace
 
 Error noA2lConfigured() {
@@ -163,6 +153,15 @@ Result<void> Session::close() {
 
 Result<xcp::SlaveStatus> Session::status() {
     return xcp::inStep(*master_, [this] { return master_->getStatus(); });
+}
+
+/// With a hint where an ECU that had answered CONNECT is silent.
+Error Session::afterConnect(Error error) const {
+    if (error.code != ErrorCode::timeout || !error.hint.empty()) return error;
+    error.hint = "the ECU (" + medium_->texts().description +
+                 ") answered CONNECT: it went away since, or another master has connected to it (one ECU "
+                 "serves one master, the last)";
+    return error;
 }
 
 std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {

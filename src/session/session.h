@@ -130,6 +130,7 @@ class Session final : private xcp::IMasterListener {
     Result<void> beginRecording(const std::filesystem::path& directory);
     Result<void> beginMeasurement(const MeasurementOptions& options);
     void warnAboutByteOrder() const;
+    Error afterConnect(Error error) const;
 
     // Constant after construction.
     const SessionConfig config_;
