@@ -144,13 +144,17 @@ std::size_t getSome(std::span<const std::string> names, const ObjectStyle& style
     if (count == 0) {
         const auto reading = session.readObject(names.front());
         place.results.show(ObjectReport(names.front(), reading, style));
-        if (!reading) exitCode = 1;
+        if (reading) return 1;
+        place.results.hint(reading.error());
+        exitCode = 1;
         return 1;
     }
     const auto values = session.read(names.first(count));
     for (std::size_t i = 0; i < values.size(); ++i) {
         place.results.show(ReadReport(names[i], values[i], style.numbers));
-        if (!values[i]) exitCode = 1;
+        if (values[i]) continue;
+        place.results.hint(values[i].error());
+        exitCode = 1;
     }
     return values.size();
 }
@@ -181,6 +185,7 @@ bool assignObject(const session::WriteWish& wish, Workplace& place) {
     });
     const ObjectStyle style{numberStyle(place.session->config()), std::nullopt};
     place.results.show(ObjectWriteReport(wish, writing, style));
+    if (!writing.value) place.results.hint(writing.value.error());
     return writing.value.ok();
 }
 
@@ -203,6 +208,7 @@ bool assign(const std::string& assignment, AssignOptions options, Workplace& pla
         return assignObject({name, text, options.measurements, options.dependents}, place);
     const auto outcome = place.session->write(name, text, options.measurements);
     place.results.show(WriteReport(name, text, outcome, numberStyle(place.session->config())));
+    if (!outcome.value) place.results.hint(outcome.value.error());
     return outcome.value.ok();
 }
 

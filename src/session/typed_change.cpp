@@ -45,8 +45,12 @@ Result<std::vector<std::string>> typedTexts(const a2l::ObjectName& name, const C
     }
     if (!name.indices.empty() || chosen.dimensions.empty())
         return std::vector<std::string>(chosen.numbers.size(), std::string(text));
-    return Error{ErrorCode::invalidArgument,
-                 fmt::format("{}: '{}' is no list of its {} values", name.text, text, chosen.numbers.size())};
+    Error error{ErrorCode::invalidArgument,
+                fmt::format("{}: '{}' is no list of its {} values", name.text, text, chosen.numbers.size())};
+    error.hint = fmt::format("{0}[*]={1} sets all of them, {0}{2}={1} one, {0}='[...]' or {0}=@FILE.csv each "
+                             "its own",
+                             name.text, text, a2l::indexText(0, chosen.dimensions));
+    return error;
 }
 
 }  // namespace

@@ -10,7 +10,9 @@ Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements) {
     const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
     if (!object.writable && !(isMeasurement && allowMeasurements)) {
         const char* reason = isMeasurement ? " is a measurement without READ_WRITE" : " is not writable";
-        return Error{ErrorCode::permissionDenied, object.name + reason};
+        Error refused{ErrorCode::permissionDenied, object.name + reason};
+        if (isMeasurement) refused.hint = object.name + ": `set -m` overwrites measurements, too";
+        return refused;
     }
     if (!object.first.emptyMask) return {};
     return Error{ErrorCode::permissionDenied,
