@@ -201,8 +201,8 @@ void addBlocks(RowList& rows) {
     rows.add("cal_gains", "Block of six values", T::float32, "CM.IDENTICAL")
         .shape("VAL_BLK", "RL.FLOAT32_IEEE", 6)
         .limits(-10, 10)
-        .initial({0, 1})
-        .array({6});
+        .array({6})
+        .record({{T::float32, {1, 1.25, 1.5, 1.75, 2, -0.5}}});
     rows.add("cal_offsets", "Block of 4 x 3 values, rows in memory", T::sword, "CM.IDENTICAL")
         .shape("VAL_BLK", "RL.ROWS_SWORD", 1)
         .limits(-1000, 1000)

@@ -111,6 +111,12 @@ void addLeaves(RowList& rows, const Row& instance, const Structure& structure, c
         leaf.offset = offset;
         leaf.elements = static_cast<std::uint16_t>(count);
         leaf.firstElement = static_cast<std::uint16_t>(spot.index * count);
+        const std::uint32_t before = spot.offset / structure.size;
+        const double different = before;  // no two of a kind start alike
+        leaf.initial.real += different;
+        for (Part& part : leaf.record)
+            std::for_each(part.content.begin(), part.content.end(),
+                          [&](double& value) { value += different; });
         rows.append(std::move(leaf));
     }
 }
