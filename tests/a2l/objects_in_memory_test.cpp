@@ -47,6 +47,19 @@ const std::string kCommon = R"A2L(
 /begin CHARACTERISTIC blk "" VAL_BLK 0x1100 LW 0 NO_COMPU_METHOD 0 65535 MATRIX_DIM 3 2 1 /end CHARACTERISTIC
 /begin CHARACTERISTIC late "" VALUE 0x1101 LBEFORE 0 NO_COMPU_METHOD 0 65535 /end CHARACTERISTIC
 /begin MEASUREMENT matrix "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1100 MATRIX_DIM 3 2 1 LAYOUT COLUMN_DIR /end MEASUREMENT
+/begin TYPEDEF_MEASUREMENT tA "" ULONG NO_COMPU_METHOD 0 0 0 1000 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_MEASUREMENT tB "" UWORD NO_COMPU_METHOD 0 0 0 1000 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_MEASUREMENT tC "" SBYTE NO_COMPU_METHOD 0 0 -100 100 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_CHARACTERISTIC tCurve "" CURVE LROW 0 NO_COMPU_METHOD 0 255
+  /begin AXIS_DESCR COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 4 0 255 AXIS_PTS_REF THIS.ax /end AXIS_DESCR /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_AXIS tAxis "" NO_INPUT_QUANTITY L7 0 NO_COMPU_METHOD 2 0 255 /end TYPEDEF_AXIS
+/begin TYPEDEF_STRUCTURE S "" 12 /begin STRUCTURE_COMPONENT a tA 0 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT b tB 4 MATRIX_DIM 3 /end STRUCTURE_COMPONENT /begin STRUCTURE_COMPONENT c tC 10 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
+/begin TYPEDEF_STRUCTURE T "" 4 ADDRESS_TYPE PLONG /begin STRUCTURE_COMPONENT ax tAxis 0 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT curve tCurve 2 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
+/begin INSTANCE inst "" S 0x4000 MATRIX_DIM 2 /end INSTANCE
+/begin INSTANCE away "" T 0x7000 READ_WRITE /begin OVERWRITE curve 0 CONVERSION tenth /end OVERWRITE /end INSTANCE
+/begin BLOB blob "" 0x4000 2 /end BLOB
 /begin MEASUREMENT far "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1200 ADDRESS_TYPE PLONG ARRAY_SIZE 2 /end MEASUREMENT
 )A2L";
 
@@ -184,6 +197,7 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
                       0, 0, 0x80, 0x3F, 0, 0, 0xC0, 0x3F, 0, 0, 0, 0xC0};
     const Bytes ax3 = {4, 0, 0x9C, 0xFF, 0, 0, 0x64, 0, 0xC8, 0};
     const Bytes m2 = {11, 12, 13, 21, 22, 23};
+    const Bytes inst = {1, 0, 0, 0, 10, 0, 20, 0, 30, 0, 0xFB, 0, 2, 0, 0, 0, 40, 0, 50, 0, 60, 0, 5, 0};
     Bytes c52 = c5;
     c52.erase(c52.begin() + 5, c52.begin() + 7);
     Bytes c51 = c5;
@@ -216,6 +230,13 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
         {"blk", {{0x1100, {1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0}}}, "1 2 3 4 5 6"},
         {"matrix", {{0x1100, {1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0}}}, "1 3 5 2 4 6"},
         {"far", {{0x1200, {0, 0x60, 0, 0}}, {0x6000, {1, 0, 2, 0}}}, "1 2"},
+        {"inst[0].a", {{0x4000, inst}}, "1"},
+        {"inst[0].b", {{0x4000, inst}}, "10 20 30"},
+        {"inst[0].c", {{0x4000, inst}}, "-5"},
+        {"inst[1].a", {{0x4000, inst}}, "2"},
+        {"inst[1].b", {{0x4000, inst}}, "40 50 60"},
+        {"blob", {{0x4000, inst}}, "1 0"},
+        {"away.curve", {{0x7000, {0, 0x70, 1, 0}}, {0x17000, {1, 2, 3, 4}}}, "1 2 | 0.3 0.4"},
         {"late", {{0x1101, {9, 9, 9, 0x34, 0x12}}}, "4660"},
     };
     for (const Row& row : rows) {
@@ -233,6 +254,7 @@ TEST_F(ObjectsInMemory, ChangeInTheBytesThatMustDiffer) {
     put(0x2100, {1, 0, 2, 0, 3, 0, 4, 0});
     put(0x1100, {11, 12, 13, 21, 22, 23});
     put(0x3200, {10, 5, 5, 20});
+    put(0x4000, Bytes(24));
     put(0x3300, {0x41, 0x42, 0x43, 0, 0xFF, 0xFF, 0xFF, 0xFF});
     struct Row {
         const char* name;
@@ -250,6 +272,7 @@ TEST_F(ObjectsInMemory, ChangeInTheBytesThatMustDiffer) {
         {"ax7[1]", 12, "3201: 02 08"},
         {"ax7[3]", 20, "3203: 00"},
         {"ax3[3]", 101, "2008: 65 00"},
+        {"inst[1].b[2]", 7, "4014: 07 00"},
         {"c1[0]", 1001, "c1[0]: 1001 outside the limits [-100, 1000]"},
         {"c1[3]", 0, "c1[3]: index 3 is beyond the last one, 2"},
         {"m2r[0]", 0, "m2r[0]: has 2 dimensions, not 1"},
