@@ -246,6 +246,11 @@ std::string_view monotonyName(Monotony monotony) {
     return kMonotonies[static_cast<std::size_t>(monotony)];
 }
 
+Monotony monotonyFromName(std::string_view name) {
+    const auto* const found = std::find(kMonotonies.begin(), kMonotonies.end(), name);
+    return found == kMonotonies.end() ? Monotony::none : static_cast<Monotony>(found - kMonotonies.begin());
+}
+
 RecordLayout readRecordLayout(const Block& block, ModelStore& store) {
     RecordLayout layout;
     const std::string_view name = readIdentifier(block, 0, "name");

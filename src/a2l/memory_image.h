@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "core/ecu_address.h"
@@ -43,7 +44,8 @@ class MemoryImage {
     std::uint8_t* at(xcp::Address address, std::size_t size);
 
   private:
-    std::map<xcp::Address, std::vector<std::uint8_t>> pieces_;  ///< none touches another
+    using Key = std::pair<std::uint8_t, std::uint32_t>;  ///< extension, address
+    std::map<Key, std::vector<std::uint8_t>> pieces_;    ///< none touches another
 };
 
 }  // namespace lm::a2l

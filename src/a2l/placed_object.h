@@ -22,6 +22,7 @@ namespace lm::a2l {
 /// one dimension lie at places of their own.
 struct Grid {
     xcp::Address base;
+    std::size_t size = 1;  ///< of one piece
     std::vector<std::uint32_t> counts;
     std::vector<std::uint64_t> strides;  ///< bytes from one to the next
     std::vector<bool> decreasing;        ///< the first one lies last
@@ -30,6 +31,8 @@ struct Grid {
 
     /// Of a number that counts with X fastest.
     xcp::Address address(std::size_t number) const;
+    /// Bytes from the first to the end of the last.
+    std::uint64_t extent() const;
 };
 
 class PlacedAxis {
@@ -40,6 +43,8 @@ class PlacedAxis {
     /// Whether the points are bytes of the object itself: those of a shared axis belong to its AXIS_PTS.
     bool isOwn() const { return stored_ && !axis_->shared; }
     bool isStored() const { return stored_; }
+    /// A rescale axis: its points are computed of pairs in memory.
+    bool hasPairs() const { return isPairs_; }
 
     /// Where a stored point lies; of DEPOSIT DIFFERENCE that is the step to it. Point 0 is the first in
     /// logical order.
@@ -50,12 +55,14 @@ class PlacedAxis {
 
   private:
     friend class Placer;
+    friend class PlacedObject;
 
     std::shared_ptr<const Axis> axis_;
     std::string name_;  ///< of the points, without their number
     std::uint32_t count_ = 0;
     bool stored_ = false;
-    bool isPairs_ = false;  ///< of a rescale axis: the grid holds pairs, the points are computed
+    bool isPairs_ = false;     ///< the grid holds axis values and index values by turns
+    bool pointsAway_ = false;  ///< they lie where a pointer in the record says
     Grid grid_;
     // Of a fixed axis whose parameters lie in memory, as they were read.
     double offset_ = 0;
@@ -72,8 +79,8 @@ class PlacedObject {
     /// The element of a number that counts with X fastest, in logical order: NAME[x][y]. Of AXIS_PTS the
     /// point.
     value::Element element(std::size_t number) const;
-    /// All of a text or a block as one piece; for objects without axes whose elements touch.
-    xcp::Address address() const { return elementAddress(0); }
+    /// Where it lies.
+    xcp::Address address(std::size_t number) const;
 
     /// What has to be read to know every value and point, shared axes included.
     std::vector<MemorySpan> spans(std::size_t bytesPerPacket) const;
@@ -81,14 +88,12 @@ class PlacedObject {
   private:
     friend class Placer;
 
-    xcp::Address elementAddress(std::size_t number) const;
-
     std::shared_ptr<const Object> object_;
     std::vector<std::uint32_t> dimensions_;
     std::vector<PlacedAxis> axes_;
     Grid values_;
-    std::vector<PlacedObject> maps_;                ///< of a MAP_LIST
-    std::vector<std::vector<MemorySpan>> records_;  ///< per object that lies in one piece
+    bool pointsAway_ = false;         ///< the values lie where a pointer in the record says
+    std::vector<PlacedObject> maps_;  ///< of a MAP_LIST
 };
 
 /// Finds out where the elements lie: follows pointers, reads the counts of points in use and the parameters

@@ -129,5 +129,7 @@ struct AxisDescription {
 std::string_view axisKindName(AxisKind kind);
 /// "MON_INCREASE", ...; "NOT_MON" for none.
 std::string_view monotonyName(Monotony monotony);
+/// None for a word that is not known.
+Monotony monotonyFromName(std::string_view name);
 
 }  // namespace lm::a2l

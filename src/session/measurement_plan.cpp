@@ -22,7 +22,7 @@ Result<PlannedSignal> parseSignal(const a2l::Description& description, std::stri
         if (!event.ok()) return event.error();
         signal.event = static_cast<std::uint16_t>(event.value());
     }
-    auto object = a2l::findObject(description, text.substr(0, at));
+    auto object = a2l::findScalar(description, text.substr(0, at));
     if (!object.ok()) return object.error();
     const auto& events = object.value().events;
     signal.isForeignEvent =

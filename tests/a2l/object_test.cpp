@@ -54,7 +54,7 @@ constexpr const char* kText = R"A2L(
 class Objects : public testing::Test {
   protected:
     std::string findError(const std::string& name) {
-        const auto object = findObject(description, name);
+        const auto object = findScalar(description, name);
         return object ? "resolved" : object.error().text();
     }
 
@@ -126,14 +126,14 @@ TEST(BitOperation, ReplacesTheShiftOfTheMaskBothWays) {
                         {"cut", 47, 1, {0x4D, 0xA0}, 64},
                         {"up", -344880, -160, {0xF6, 0xFF}, 524280}};
     for (const Row& row : rows) {
-        const value::Element one = findObject(description, row.name).value().element();
+        const value::Element one = findScalar(description, row.name).value().element();
         std::vector<std::uint8_t> bytes = {0xCD, 0xAB};
         EXPECT_EQ(value::toDouble(value::rawValue(one, bytes.data())), row.read) << row.name;
         EXPECT_FALSE(value::encodePhysical(one, row.refused, bytes).ok()) << row.name;
         EXPECT_TRUE(value::encodeRaw(row.written, one.coding, bytes).ok()) << row.name;
         EXPECT_EQ(bytes, row.after) << row.name;
     }
-    EXPECT_FALSE(findObject(description, "gone").ok());
+    EXPECT_FALSE(findScalar(description, "gone").ok());
     EXPECT_THROW(resolve(description, "far"), ObjectError);
 }
 

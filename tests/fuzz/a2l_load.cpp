@@ -64,7 +64,7 @@ void useObjects(const a2l::Description& description, const auto& records) {
     std::size_t left = 20;
     for (const auto& record : records) {
         if (left-- == 0) return;
-        const auto object = a2l::findObject(description, record.name);
+        const auto object = a2l::findScalar(description, record.name);
         if (object) {
             useElement(object.value().element());
         } else {
