@@ -42,6 +42,7 @@ Result<Object> withWay(const Description& description, const Leaf& leaf, Result<
     Object& object = built.value();
     object.hops.insert(object.hops.begin(), leaf.hops.begin(), leaf.hops.end());
     object.record.nearPointerOffset = description.defaults.calibrationOffset;
+    object.assumptions.add(leaf.assumptions);
     if (leaf.dimensions.empty()) return built;
     object.type = CharacteristicType::valBlk;
     object.dimensions = leaf.dimensions;
