@@ -27,7 +27,7 @@ Result<Description> parseUtf8(std::string_view text, SourceTexts* sources) {
 
 Error cannotOpen(const std::filesystem::path& path, int systemError) {
     const ErrorCode code = systemError == ENOENT ? ErrorCode::notFound : ErrorCode::ioError;
-    return Error{code, "cannot open A2L file " + path.string(), systemError, Error::kNoDetail};
+    return Error::withReasonAsHint(code, systemError, "cannot open A2L file " + path.string());
 }
 
 Error cannotRead(const std::filesystem::path& path, int systemError) {

@@ -7,6 +7,7 @@
 
 #include "a2l/object_builder.h"
 #include "a2l/placed_object.h"
+#include "a2l/similar_names.h"
 
 namespace lm::a2l {
 namespace {
@@ -51,8 +52,10 @@ Result<Object> findScalar(const Description& description, std::string_view name)
     }
     const Characteristic* const characteristic = description.findCharacteristic(name);
     if (characteristic == nullptr) {
-        return Error{ErrorCode::notFound,
-                     "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
+        Error unknown{ErrorCode::notFound,
+                      "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
+        unknown.hint = unknownNameHint(description, name);
+        return unknown;
     }
     if (auto scalar = checkScalar(description, *characteristic); !scalar) return scalar.error();
     auto object = buildCharacteristic(description, *characteristic);
