@@ -27,7 +27,9 @@ std::string_view assumptionText(Assumption assumption) {
         "a zero ends a text",
         "a text without ENCODING has one byte per character",
         "of UTF16 and UTF32 the size counts values of the layout, in the byte order of the object",
-        "the layout that the object names is missing, S_REC_LAYOUT of MOD_COMMON takes its place"};
+        "the layout that the object names is missing, S_REC_LAYOUT of MOD_COMMON takes its place",
+        "an array behind a pointer has one pointer for all of it",
+        "OVERWRITE names a part of a part by its components, with points between"};
     return kTexts[static_cast<std::size_t>(assumption)];
 }
 

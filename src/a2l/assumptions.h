@@ -32,6 +32,8 @@ enum class Assumption : std::uint8_t {
     textEncoding,       ///< the text states no ENCODING
     textSize,           ///< ENCODING UTF16 or UTF32
     defaultLayout,      ///< the object's layout is missing, that of MOD_COMMON is used
+    pointerToArray,     ///< a part of a structure with MATRIX_DIM and a pointer type
+    overwriteBelow,     ///< OVERWRITE of a part that is deeper than one component
     count,
 };
 

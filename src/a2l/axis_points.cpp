@@ -23,17 +23,17 @@ bool isAllowed(std::partial_ordering step, Monotony monotony, bool up) {
         case Monotony::none:
             return true;
         case Monotony::increase:
-            return step <= 0;
+            return std::is_lteq(step);
         case Monotony::decrease:
-            return step >= 0;
+            return std::is_gteq(step);
         case Monotony::strictIncrease:
-            return step < 0;
+            return std::is_lt(step);
         case Monotony::strictDecrease:
-            return step > 0;
+            return std::is_gt(step);
         case Monotony::monotonous:
-            return up ? step <= 0 : step >= 0;
+            return up ? std::is_lteq(step) : std::is_gteq(step);
         case Monotony::strictMonotonous:
-            return up ? step < 0 : step > 0;
+            return up ? std::is_lt(step) : std::is_gt(step);
     }
     return true;
 }
@@ -84,7 +84,7 @@ std::size_t brokenMonotony(std::span<const value::Value> points, Monotony monoto
                            const std::vector<bool>& isChanged) {
     if (points.size() < 2) return points.size();
     // The ends of an axis say which way it goes.
-    const bool up = compare(points.front(), points.back()) <= 0;
+    const bool up = std::is_lteq(compare(points.front(), points.back()));
     for (std::size_t i = 1; i < points.size(); ++i) {
         const bool concerned = isChanged[i] || isChanged[i - 1];
         if (concerned && !isAllowed(compare(points[i - 1], points[i]), monotony, up)) return i;

@@ -117,10 +117,6 @@ std::span<const NameNumber> Description::numbers(const FolderList& list) const {
     return std::span(store_->numbers).subspan(list.first, list.count);
 }
 
-NameNumber Description::otherNumber(std::uint32_t otherName) {
-    return numbered(NumberedKind::other, otherName);
-}
-
 std::optional<NameNumber> Description::numberOf(std::string_view name) const {
     const auto in = [](NumberedKind kind, const auto& records, const auto* found) {
         return numbered(kind, static_cast<std::size_t>(found - records.data()));

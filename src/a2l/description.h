@@ -216,7 +216,6 @@ class Description {
     std::string_view nameOf(NameNumber number) const;
     /// None for a name that neither an object nor a folder's list has.
     std::optional<NameNumber> numberOf(std::string_view name) const;
-    static NameNumber otherNumber(std::uint32_t otherName);
 
     std::span<const std::uint32_t> dimensions(const Extent& extent) const;
     std::span<const Overwrite> overwrites(const Instance& instance) const;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <unordered_map>
 
 #include "a2l/arguments.h"
 
@@ -30,25 +29,20 @@ std::span<const ListWord> listWords(FolderKind kind) {
     return kFunctionLists;
 }
 
-/// Gives names their numbers.
-class Numbers {
-  public:
-    Numbers(const Description& description, ModelStore& store, std::vector<OtherName>& others)
-        : description_(description), store_(store), others_(others) {}
+/// Not a number that a name gets.
+constexpr NameNumber kOpen = 0xFFFFFFFF;
 
-    NameNumber of(std::string_view name) {
-        if (const auto number = description_.numberOf(name)) return *number;
-        const auto [at, isNew] = known_.emplace(name, static_cast<std::uint32_t>(others_.size()));
-        if (isNew) others_.push_back({store_.texts.keep(name)});
-        return Description::otherNumber(at->second);
-    }
-
-  private:
-    const Description& description_;
-    ModelStore& store_;
-    std::vector<OtherName>& others_;
-    std::unordered_map<std::string_view, std::uint32_t> known_;
-};
+/// Each text once, in the order of the first ones.
+void keepOnce(std::vector<OtherName>& names, NameIndex& index, ModelStore& store) {
+    std::vector<bool> repeated(names.size());
+    for (const std::uint32_t number : index.build(names))
+        repeated[number] = true;
+    std::size_t next = 0;
+    std::erase_if(names, [&](const OtherName&) { return repeated[next++]; });
+    for (OtherName& other : names)
+        other.name = store.texts.keep(other.name);
+    index.build(names);
+}
 
 }  // namespace
 
@@ -93,29 +87,44 @@ void FolderBuilder::finish(Description& description, ModelStore& store, const Po
         function.kind = FolderKind::function;
         description.functions.push_back(function);
     }
-    Numbers numbers(description, store, pools.otherNames);
-    const auto enter = [&](Folder& folder) {
-        const auto own = std::span(lists_).subspan(folder.firstList, folder.listCount);
-        folder.firstList = static_cast<std::uint32_t>(pools.lists.size());
-        for (const FolderList& list : own) {
-            pools.lists.push_back({list.role, static_cast<std::uint32_t>(pools.numbers.size()), list.count});
-            for (const std::string_view name : std::span(names_).subspan(list.first, list.count))
-                pools.numbers.push_back(numbers.of(name));
-        }
-        if (folder.kind == FolderKind::group) return;
-        const auto [first, last] =
-            std::equal_range(links_.begin(), links_.end(), std::pair(folder.name, std::string_view()),
-                             [](const auto& a, const auto& b) { return a.first < b.first; });
-        if (first == last) return;
-        pools.lists.push_back({Role::linked, static_cast<std::uint32_t>(pools.numbers.size()),
-                               static_cast<std::uint32_t>(last - first)});
-        ++folder.listCount;
-        for (auto link = first; link != last; ++link)
-            pools.numbers.push_back(numbers.of(link->second));
+    std::vector<std::string_view> open;  // names that have no number yet, in the order of kOpen
+    const auto enter = [&](std::string_view name) {
+        pools.numbers.push_back(description.numberOf(name).value_or(kOpen));
+        if (pools.numbers.back() == kOpen) open.push_back(name);
     };
-    std::for_each(description.groups.begin(), description.groups.end(), enter);
-    std::for_each(description.functions.begin(), description.functions.end(), enter);
+    for (auto* folders : {&description.groups, &description.functions}) {
+        for (Folder& folder : *folders)
+            enterLists(folder, pools, enter);
+    }
+    for (const std::string_view name : open)
+        pools.otherNames.push_back({name});
+    keepOnce(pools.otherNames, pools.otherIndex, store);
+    auto next = open.begin();
+    for (NameNumber& number : pools.numbers) {
+        if (number == kOpen) number = *description.numberOf(*next++);
+    }
     *this = FolderBuilder();
+}
+
+void FolderBuilder::enterLists(Folder& folder, const Pools& pools,
+                               const std::function<void(std::string_view)>& enter) const {
+    const auto own = std::span(lists_).subspan(folder.firstList, folder.listCount);
+    folder.firstList = static_cast<std::uint32_t>(pools.lists.size());
+    for (const FolderList& list : own) {
+        pools.lists.push_back({list.role, static_cast<std::uint32_t>(pools.numbers.size()), list.count});
+        for (const std::string_view name : std::span(names_).subspan(list.first, list.count))
+            enter(name);
+    }
+    if (folder.kind == FolderKind::group) return;
+    const auto [first, last] =
+        std::equal_range(links_.begin(), links_.end(), std::pair(folder.name, std::string_view()),
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+    if (first == last) return;
+    pools.lists.push_back({Role::linked, static_cast<std::uint32_t>(pools.numbers.size()),
+                           static_cast<std::uint32_t>(last - first)});
+    ++folder.listCount;
+    for (auto link = first; link != last; ++link)
+        enter(link->second);
 }
 
 }  // namespace lm::a2l

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "a2l/block.h"
 #include "a2l/description.h"
 #include "a2l/folders.h"
+#include "a2l/name_index.h"
 #include "a2l/object_readers.h"
 
 namespace lm::a2l {
@@ -30,6 +32,7 @@ class FolderBuilder {
         std::vector<FolderList>& lists;
         std::vector<NameNumber>& numbers;
         std::vector<OtherName>& otherNames;
+        NameIndex& otherIndex;
     };
 
     /// Once all objects, groups and functions can be found by their names. A function that only objects name
@@ -37,6 +40,10 @@ class FolderBuilder {
     void finish(Description& description, ModelStore& store, const Pools& pools);
 
   private:
+    /// Of one folder, `enter` for each name.
+    void enterLists(Folder& folder, const Pools& pools,
+                    const std::function<void(std::string_view)>& enter) const;
+
     std::vector<FolderList> lists_;  ///< with ranges of names_
     std::vector<std::string_view> names_;
     std::vector<std::pair<std::string_view, std::string_view>> links_;  ///< function, object

@@ -242,6 +242,17 @@ std::string_view axisKindName(AxisKind kind) {
     return kAxisKinds[static_cast<std::size_t>(kind)];
 }
 
+std::string_view indexModeName(IndexMode mode) {
+    constexpr std::array<std::string_view, 6> kNames = {
+        "ROW_DIR", "COLUMN_DIR", "ALTERNATE_WITH_X", "ALTERNATE_WITH_Y", "ALTERNATE_CURVES", "unknown"};
+    return kNames[static_cast<std::size_t>(mode)];
+}
+
+std::string_view addressTypeName(AddressType type) {
+    constexpr std::array<std::string_view, 5> kNames = {"DIRECT", "PBYTE", "PWORD", "PLONG", "PLONGLONG"};
+    return kNames[static_cast<std::size_t>(type)];
+}
+
 std::string_view monotonyName(Monotony monotony) {
     return kMonotonies[static_cast<std::size_t>(monotony)];
 }

@@ -40,8 +40,10 @@ Record placed(const Record& type, const Leaf& leaf) {
 Result<Object> withWay(const Description& description, const Leaf& leaf, Result<Object> built) {
     if (!built) return built;
     Object& object = built.value();
+    object.assumptions.add(leaf.assumptions);
     object.hops.insert(object.hops.begin(), leaf.hops.begin(), leaf.hops.end());
     object.record.nearPointerOffset = description.defaults.calibrationOffset;
+    object.assumptions.add(leaf.assumptions);
     if (leaf.dimensions.empty()) return built;
     object.type = CharacteristicType::valBlk;
     object.dimensions = leaf.dimensions;

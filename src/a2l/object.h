@@ -32,7 +32,7 @@ struct Object;
 struct Axis {
     AxisKind kind = AxisKind::standard;
     Monotony monotony = Monotony::none;
-    bool difference = false;    ///< DEPOSIT: stored are the steps from point to point
+    bool difference = false;  ///< DEPOSIT: stored are the steps from point to point
     bool readOnly = false;
     std::string inputQuantity;  ///< empty: none
     std::string reference;      ///< the AXIS_PTS, or the CURVE of a CURVE_AXIS
@@ -65,16 +65,16 @@ struct Object {
     ObjectKind kind = ObjectKind::measurement;
     /// Of a measurement `value` or `valBlk`; of AXIS_PTS `curve`; of a BLOB `valBlk`.
     CharacteristicType type = CharacteristicType::value;
-    bool writable = false;              ///< characteristic: not READ_ONLY; measurement: READ_WRITE
-    bool guardRails = false;            ///< the outermost values are made of their neighbours
+    bool writable = false;    ///< characteristic: not READ_ONLY; measurement: READ_WRITE
+    bool guardRails = false;  ///< the outermost values are made of their neighbours
     TextEncoding encoding = TextEncoding::notGiven;
     std::vector<std::uint16_t> events;  ///< event channels the A2L names for a measurement
     /// Elements along X, Y, ...: all there can be. None for a scalar.
     std::vector<std::uint32_t> dimensions;
     std::vector<Axis> axes;  ///< X, Y, ...; of AXIS_PTS its points
     Record record;
-    bool columnDir = false;        ///< of a measurement: Y runs fastest
-    std::vector<PointerHop> hops;  ///< pointers on the way from the address to the object
+    bool columnDir = false;                           ///< of a measurement: Y runs fastest
+    std::vector<PointerHop> hops;                     ///< pointers on the way from the address to the object
     std::vector<std::shared_ptr<const Object>> maps;  ///< of a CUBOID with MAP_LIST: one per point of Z
     Assumptions assumptions;                          ///< what it rests on
 

@@ -93,7 +93,7 @@ std::string ObjectContent::text() const {
     std::size_t end = 0;
     while (end + unit <= size && readSized(bytes + end, unit, order) != 0)
         end += unit;
-    const std::string stored(bytes, bytes + end);
+    std::string stored(bytes, bytes + end);
     if (object.encoding == TextEncoding::utf16) return utf16ToUtf8(stored, order == ByteOrder::bigEndian);
     if (object.encoding == TextEncoding::utf8 && isValidUtf8(stored)) return stored;
     std::string text;

@@ -140,6 +140,7 @@ void Parser::passed(std::size_t offset, std::size_t size) {
     };
     reserve(description_.measurements, measurementLines_);
     reserve(description_.characteristics, characteristicLines_);
+    reserve(description_.instances, instanceLines_);
 }
 
 template <typename Record>

@@ -74,9 +74,8 @@ void Parser::indexSideTables() {
     Description::Store& store = *d.store_;
     index(store.groups, d.groups, groupLines_, "GROUP");
     index(store.functions, d.functions, functionLines_, "FUNCTION");
-    folders_.finish(d, modelStore_, {store.lists, store.numbers, store.others});
+    folders_.finish(d, modelStore_, {store.lists, store.numbers, store.others, store.otherNames});
     store.functions.build(d.functions);
-    store.otherNames.build(store.others);
     // Of an object that was left out for its name, what it is computed from goes too.
     std::vector<bool> repeated(d.dependencies.size());
     for (const std::uint32_t number : store.dependencies.build(d.dependencies))

@@ -127,6 +127,9 @@ struct AxisDescription {
 
 /// "STD_AXIS", ...
 std::string_view axisKindName(AxisKind kind);
+/// "ROW_DIR", ...; "DIRECT", ...
+std::string_view indexModeName(IndexMode mode);
+std::string_view addressTypeName(AddressType type);
 /// "MON_INCREASE", ...; "NOT_MON" for none.
 std::string_view monotonyName(Monotony monotony);
 /// None for a word that is not known.

@@ -67,6 +67,7 @@ struct Way {
     std::vector<PointerHop> hops;
     std::uint64_t behind = 0;  ///< bytes after the last hop
     bool beyond = false;       ///< of 32-bit addresses
+    Assumptions assumptions = {};
 
     Way(const Description& in, const Instance& of)
         : description(&in), instance(&of), name(of.name), owner(of.name), address(of.address) {}
@@ -76,8 +77,9 @@ struct Way {
         beyond = beyond || __builtin_add_overflow(at, bytes, &at) ||
                  at > std::numeric_limits<std::uint32_t>::max();
     }
-    void follow(std::uint8_t size) {
+    void follow(std::uint8_t size, const Extent& extent) {
         if (size == 0) return;
+        if (extent.count > 0) assumptions.add(Assumption::pointerToArray);
         if (!hops.empty()) hops.back().offset = static_cast<std::uint32_t>(behind);
         hops.push_back({size, 0});
         behind = 0;
@@ -87,6 +89,8 @@ struct Way {
                         const TypeRecord& type) {
         const auto dimensions = description->dimensions(extent);
         const std::uint64_t place = placeOf(indices, dimensions, extent.columnDir);
+        if (dimensions.size() > 1) assumptions.add(Assumption::elementOrder);
+        if (dimensions.size() > 2 && extent.columnDir) assumptions.add(Assumption::columnDirection);
         for (const std::uint32_t index : indices)
             name += "[" + std::to_string(index) + "]";
         if (place == 0) return {};
@@ -131,6 +135,9 @@ Result<Leaf> Way::leaf(const TypeRecord& type, std::span<const std::uint32_t> op
         if (overwrite.part == (part.empty() ? std::string_view("THIS") : std::string_view(part)))
             leaf.overwrites.push_back(&overwrite);
     }
+    leaf.assumptions = assumptions;
+    if (!leaf.overwrites.empty() && part.find('.') != std::string::npos)
+        leaf.assumptions.add(Assumption::overwriteBelow);
     return leaf;
 }
 
@@ -190,7 +197,7 @@ Result<Leaf> descend(Way way, std::string_view typeName, Extent extent, std::str
         const TypeRecord type = findType(*way.description, typeName);
         if (std::holds_alternative<std::monostate>(type))
             return fault(way.name, "type '" + std::string(typeName) + "' not found");
-        way.follow(pointerOf(extent, type));
+        way.follow(pointerOf(extent, type), extent);
         auto indices = takeIndices(way, rest, extent, type);
         if (!indices) return indices.error();
         const bool open = indices.value().empty() && extent.count > 0;
@@ -242,7 +249,7 @@ class Walker {
         const TypeRecord type = findType(description, typeName);
         if (countLeaves(description, type, extent) == 0) return true;
         const auto dimensions = description.dimensions(extent);
-        way.follow(pointerOf(extent, type));
+        way.follow(pointerOf(extent, type), extent);
         if (isPlainValue(type)) return use_(way.leaf(type, dimensions, extent.columnDir));
         std::vector<std::uint32_t> indices(dimensions.size());
         do {

@@ -17,6 +17,7 @@
 #include <variant>
 #include <vector>
 
+#include "a2l/assumptions.h"
 #include "a2l/description.h"
 #include "a2l/structure_records.h"
 #include "core/ecu_address.h"
@@ -43,6 +44,7 @@ struct Leaf {
     std::vector<const Overwrite*> overwrites;  ///< of the instance, for this leaf
     std::vector<std::uint32_t> dimensions;     ///< of its own array, when the name has no index for it
     bool columnDir = false;                    ///< LAYOUT of that array
+    Assumptions assumptions;                   ///< on which its place and its overwrites rest
 };
 
 /// True for `inst`, `inst[..` and `inst.` of an instance: findLeaf() then tells more than "not found".

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <deque>
 #include <string>
 
+#include "a2l/block_scanner.h"
 #include "a2l/number_word.h"
 
 namespace lm::a2l {
@@ -39,79 +39,6 @@ Class classOf(char c) {
 }
 
 }  // namespace
-
-// One pass over the text with a stack of open blocks.
-class BlockScanner {
-  public:
-    explicit BlockScanner(std::string_view text, SourceTexts* sources = nullptr) : sources_(sources) {
-        open(text);
-    }
-
-    Result<Block> buildTree();
-    Result<void> visit(BlockVisitor& visitor);
-
-  private:
-    using Step = BlockVisitor::Step;
-
-    struct Open {
-        std::string_view keyword;
-        std::uint32_t line;
-        Step step;
-        Block* block;  // nullptr: skipped
-    };
-
-    /// A text that waits for the end of one it includes.
-    struct Waiting {
-        const char* at;
-        const char* end;
-        std::uint32_t line;  // where it goes on, as it counts
-        std::string file;
-    };
-
-    Result<void> run();
-    void open(std::string_view text);
-    bool followInclude();
-    bool readFileName(std::string_view& name);
-    bool enter(std::string_view name, std::uint32_t line);
-    void leave();
-    void atLine(std::uint32_t line, const std::string& file, std::uint32_t lineThere);
-    std::string where(std::uint32_t line) const;
-    bool skipBlanks();
-    bool skipComment();
-    bool readString();
-    bool readWord();
-    bool readSlash();
-    bool readKeyword(std::string_view& keyword);
-    bool beginBlock();
-    bool endBlock();
-    bool skipA2ml(std::uint32_t beginLine);
-    void openBlock(std::string_view keyword, std::uint32_t line);
-    void closeBlock();
-    void append(std::string_view text, TokenKind kind, double value, std::uint32_t line);
-    bool startsWithKeyword(std::string_view keyword) const;
-    bool fail(std::string message) { return failAt(line_, std::move(message)); }
-    bool failAt(std::uint32_t line, std::string message);
-    void countLines(const char* from, const char* to);
-    void reportInclude();
-
-    SourceTexts* sources_;
-    std::vector<Waiting> waiting_;  // innermost last
-    std::string file_;              // that is read; empty: the text itself
-    std::uint32_t lineOffset_ = 0;  // line_ is so much ahead of the file's own count
-    const char* start_ = nullptr;
-    const char* at_ = nullptr;
-    const char* end_ = nullptr;
-    std::uint32_t line_ = 1;
-    std::vector<Open> open_;
-    Block* block_ = nullptr;  // takes the tokens; nullptr while skipping
-    BlockVisitor* visitor_ = nullptr;
-    std::deque<Block> descended_;  // one per depth, addresses stay
-    Block collected_;
-    std::size_t before_ = 0;  // bytes read before start_
-    std::size_t size_ = 0;    // of all texts so far
-    std::size_t passed_ = 0;
-    Error error_;
-};
 
 Result<Block> BlockScanner::buildTree() {
     Block root;
@@ -260,91 +187,6 @@ bool BlockScanner::readSlash() {
     append({at_, 1}, TokenKind::identifier, 0, line_);
     ++at_;
     return true;
-}
-
-// Looks ahead for the file's name without moving: the words of the directive are ordinary tokens.
-void BlockScanner::reportInclude() {
-    std::string_view rest(at_, static_cast<std::size_t>(end_ - at_));
-    rest.remove_prefix(std::string_view("/include").size());
-    const auto blanks = rest.find_first_not_of(" \t");
-    std::string_view file;
-    if (blanks != std::string_view::npos && rest[blanks] == '"') {
-        file = rest.substr(blanks + 1);
-        file = file.substr(0, file.find_first_of("\"\n"));
-    } else if (blanks != std::string_view::npos) {
-        file = rest.substr(blanks);
-        file = file.substr(0, file.find_first_of("\"\r\n \t"));
-    }
-    visitor_->included(file, line_);
-}
-
-bool BlockScanner::followInclude() {
-    const std::uint32_t line = line_;
-    at_ += std::string_view("/include").size();
-    std::string_view name;
-    if (!readFileName(name)) return false;
-    if (!name.ends_with(".aml") && !name.ends_with(".AML")) return enter(name, line);
-    visitor_->included(name, line);
-    return true;
-}
-
-// In quotes, or up to the next white space; a backslash in it is part of the path.
-bool BlockScanner::readFileName(std::string_view& name) {
-    if (!skipBlanks()) return false;
-    const bool quoted = at_ != end_ && *at_ == '"';
-    if (quoted) ++at_;
-    const std::string_view rest(at_, static_cast<std::size_t>(end_ - at_));
-    const auto length = std::min(rest.find_first_of(quoted ? "\"\n" : " \t\v\f\r\n\""), rest.size());
-    name = rest.substr(0, length);
-    if (quoted && !rest.substr(length).starts_with('"')) return fail("unterminated string");
-    if (name.empty() || name == "/begin" || name == "/end") return fail("/include names no file");
-    at_ += length + (quoted ? 1 : 0);
-    return true;
-}
-
-bool BlockScanner::enter(std::string_view name, std::uint32_t line) {
-    Result<SourceTexts::Source> source = sources_->enter(name);
-    if (!source) {
-        const Error error = source.error();
-        failAt(line, error.message);
-        error_.code = error.code;
-        error_.sysErrno = error.sysErrno;
-        return false;
-    }
-    waiting_.push_back({at_, end_, line_ - lineOffset_, file_});
-    open(source.value().text);
-    atLine(line_ + 1, source.value().file, 1);
-    return true;
-}
-
-void BlockScanner::leave() {
-    const Waiting& waiting = waiting_.back();
-    before_ += static_cast<std::size_t>(at_ - start_);
-    start_ = at_ = waiting.at;
-    end_ = waiting.end;
-    atLine(line_ + 1, waiting.file, waiting.line);
-    waiting_.pop_back();
-    sources_->leave();
-}
-
-// What is read next; what was read stays counted.
-void BlockScanner::open(std::string_view text) {
-    before_ += static_cast<std::size_t>(at_ - start_);
-    size_ += text.size();
-    start_ = at_ = text.data();
-    end_ = at_ + text.size();
-    if (text.starts_with("\xEF\xBB\xBF")) at_ += 3;
-}
-
-void BlockScanner::atLine(std::uint32_t line, const std::string& file, std::uint32_t lineThere) {
-    line_ = line;
-    lineOffset_ = line - lineThere;
-    file_ = file;
-    sources_->lines.begin(line, file, lineThere);
-}
-
-std::string BlockScanner::where(std::uint32_t line) const {
-    return sources_ == nullptr ? SourceLines().where(line) : sources_->lines.where(line);
 }
 
 // The identifier behind /begin or /end.

@@ -54,11 +54,22 @@ void writeValues(JsonWriter& json, const a2l::ObjectContent& content, value::Num
     });
 }
 
+std::vector<value::Value> rawPoints(const a2l::ObjectContent& content, std::size_t number) {
+    const a2l::PlacedAxis& axis = content.placed.axes()[number];
+    std::vector<value::Value> points = content.points(number);
+    if (!axis.isStored() || axis.about().difference) return points;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const value::Element element = axis.element(i);
+        points[i] = value::wholeRaw(element, content.image.at(element.address, element.size()));
+    }
+    return points;
+}
+
 void writeAxis(JsonWriter& json, const a2l::ObjectContent& content, std::size_t number,
                value::NumberStyle style) {
     const a2l::PlacedAxis& placed = content.placed.axes()[number];
     const a2l::Axis& axis = placed.about();
-    const std::vector<value::Value> points = content.points(number);
+    const std::vector<value::Value> points = rawPoints(content, number);
     json.beginObject();
     json.member("name", a2l::axisSuffix(number).substr(1));
     json.member("kind", a2l::axisKindName(axis.kind));

@@ -14,8 +14,9 @@ bool changesNothing(const value::Element& element) {
 
 void writeRaw(JsonWriter& json, const value::Element& element, const value::Value& raw) {
     const auto* const number = std::get_if<double>(&raw);
-    if (number == nullptr || value::isFloat(element.coding.dataType) || !std::isfinite(*number))
-        return json.value(raw);
+    // A point that is computed may lie between two integers of its type.
+    const bool isWhole = number != nullptr && std::isfinite(*number) && std::trunc(*number) == *number;
+    if (!isWhole || value::isFloat(element.coding.dataType)) return json.value(raw);
     json.value(value::Value(value::Exact{static_cast<value::Int128>(*number)}));
 }
 

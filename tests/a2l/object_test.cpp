@@ -34,6 +34,7 @@ constexpr const char* kText = R"A2L(
 /begin CHARACTERISTIC pointer "" VALUE 0x2010 LP 0 NO_COMPU_METHOD 0 1 /end CHARACTERISTIC
 /begin MEASUREMENT pointed "" UWORD NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 ADDRESS_TYPE PWORD /end MEASUREMENT
 /begin MEASUREMENT direct "" UWORD NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 ADDRESS_TYPE DIRECT /end MEASUREMENT
+/begin MEASUREMENT swapped "" ULONG NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 BYTE_ORDER MSB_FIRST_MSW_LAST /end MEASUREMENT
 /begin CHARACTERISTIC stray "" VALUE 0x3000 LGONE 0 LIN 0 1 /end CHARACTERISTIC
 /begin COMPU_METHOD LIN "" LINEAR "%6.3" "km/h" COEFFS_LINEAR 2 1 /end COMPU_METHOD
 /begin COMPU_METHOD FORMULA "" FORM "%6.3" "Nm" /begin FORMULA "sysc(K)*X" FORMULA_INV "X/sysc(K)" /end FORMULA /end COMPU_METHOD
@@ -91,6 +92,7 @@ TEST_F(Objects, RefusalsNameTheReason) {
         {"pointer", "pointer: at its address lies a pointer to the value, which is not supported yet"},
         {"pointed", "pointed: at its address lies a pointer to the value, which is not supported yet"},
         {"direct", "resolved"},
+        {"swapped", "swapped: a BYTE_ORDER that swaps words is not supported"},
         {"stray", "stray: RECORD_LAYOUT 'LGONE' without FNC_VALUES"}};
     for (const auto& [name, error] : rows)
         EXPECT_EQ(findError(name), error);

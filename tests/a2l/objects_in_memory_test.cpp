@@ -39,6 +39,8 @@ const std::string kCommon = R"A2L(
 /begin RECORD_LAYOUT LRES NO_RESCALE_X 1 UBYTE RESERVED 2 BYTE AXIS_RESCALE_X 3 UBYTE 5 INDEX_INCR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LFIX OFFSET_X 1 UBYTE SHIFT_OP_X 2 UBYTE NO_AXIS_PTS_X 3 UBYTE FNC_VALUES 4 UBYTE ROW_DIR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LBEFORE IDENTIFICATION 1 UWORD RESERVED 2 BYTE FNC_VALUES 4 UWORD ROW_DIR DIRECT /end RECORD_LAYOUT
+/begin RECORD_LAYOUT LS NO_AXIS_PTS_X 1 UBYTE FNC_VALUES 2 UBYTE ROW_DIR DIRECT STATIC_RECORD_LAYOUT /end RECORD_LAYOUT
+/begin RECORD_LAYOUT LO NO_AXIS_PTS_X 1 UBYTE FNC_VALUES 2 UBYTE ROW_DIR DIRECT STATIC_ADDRESS_OFFSETS /end RECORD_LAYOUT
 /begin AXIS_PTS ax3 "" 0x2000 NO_INPUT_QUANTITY LAX 0 NO_COMPU_METHOD 5 -1000 1000 MONOTONY STRICT_INCREASE /end AXIS_PTS
 /begin AXIS_PTS ax7 "" 0x3200 NO_INPUT_QUANTITY L7 0 NO_COMPU_METHOD 4 0 255 DEPOSIT DIFFERENCE /end AXIS_PTS
 /begin AXIS_PTS res "" 0x3400 NO_INPUT_QUANTITY LRES 0 NO_COMPU_METHOD 5 0 255 /end AXIS_PTS
@@ -47,6 +49,19 @@ const std::string kCommon = R"A2L(
 /begin CHARACTERISTIC blk "" VAL_BLK 0x1100 LW 0 NO_COMPU_METHOD 0 65535 MATRIX_DIM 3 2 1 /end CHARACTERISTIC
 /begin CHARACTERISTIC late "" VALUE 0x1101 LBEFORE 0 NO_COMPU_METHOD 0 65535 /end CHARACTERISTIC
 /begin MEASUREMENT matrix "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1100 MATRIX_DIM 3 2 1 LAYOUT COLUMN_DIR /end MEASUREMENT
+/begin TYPEDEF_MEASUREMENT tA "" ULONG NO_COMPU_METHOD 0 0 0 1000 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_MEASUREMENT tB "" UWORD NO_COMPU_METHOD 0 0 0 1000 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_MEASUREMENT tC "" SBYTE NO_COMPU_METHOD 0 0 -100 100 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_CHARACTERISTIC tCurve "" CURVE LROW 0 NO_COMPU_METHOD 0 255
+  /begin AXIS_DESCR COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 4 0 255 AXIS_PTS_REF THIS.ax /end AXIS_DESCR /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_AXIS tAxis "" NO_INPUT_QUANTITY L7 0 NO_COMPU_METHOD 2 0 255 /end TYPEDEF_AXIS
+/begin TYPEDEF_STRUCTURE S "" 12 /begin STRUCTURE_COMPONENT a tA 0 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT b tB 4 MATRIX_DIM 3 /end STRUCTURE_COMPONENT /begin STRUCTURE_COMPONENT c tC 10 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
+/begin TYPEDEF_STRUCTURE T "" 4 ADDRESS_TYPE PLONG /begin STRUCTURE_COMPONENT ax tAxis 0 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT curve tCurve 2 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
+/begin INSTANCE inst "" S 0x4000 MATRIX_DIM 2 /end INSTANCE
+/begin INSTANCE away "" T 0x7000 READ_WRITE /begin OVERWRITE curve 0 CONVERSION tenth /end OVERWRITE /end INSTANCE
+/begin BLOB blob "" 0x4000 2 /end BLOB
 /begin MEASUREMENT far "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1200 ADDRESS_TYPE PLONG ARRAY_SIZE 2 /end MEASUREMENT
 )A2L";
 
@@ -66,6 +81,12 @@ const std::string kY2 = "STD_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 255";
 const std::string kFixX = "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 3 0 255 FIX_AXIS_PAR_DIST 10 10 3";
 const std::string kFixY = "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 255 FIX_AXIS_PAR 1 0 2";
 
+std::string cuboid(const std::string& name, const std::string& layout, const std::string& maps = "") {
+    const std::string axis = "/begin AXIS_DESCR " + kFixY + " /end AXIS_DESCR ";
+    return fmt::format("/begin CHARACTERISTIC {} \"\" CUBOID 0x100 {} 0 NO_COMPU_METHOD 0 255\n{}{} /end CHARACTERISTIC\n", name,
+                       layout, axis, maps.empty() ? axis + axis : fmt::format("/begin {} /end MAP_LIST", maps));
+}
+
 const std::string kText = "/begin PROJECT P \"\" /begin MODULE M \"\"" + kCommon +
     curve("c1", "CURVE 0x1000 L1", kStd4) + curve("c1s", "CURVE 0x1020 L1S", kStd4) +
     curve("c1d", "CURVE 0x1000 L1D", kStd4) +
@@ -75,6 +96,8 @@ const std::string kText = "/begin PROJECT P \"\" /begin MODULE M \"\"" + kCommon
     curve("c5", "CURVE 0x3000 L5", kStd4) + curve("c52", "CURVE 0x3000 L52", kStd4) +
     curve("c51", "CURVE 0x3000 L51", kStd4) + curve("c6", "CURVE 0x3100 L6", kY2) +
     curve("c10", "CURVE 0x5000 L10", kStd4) +
+    cuboid("cubr", "LROW") + cuboid("cubc", "LCOL") + cuboid("cubm", "LROW", "MAP_LIST m2r m2c") +
+    map("ms", "MAP 0x100 LS", kFixX, kFixY) + map("mo", "MAP 0x100 LO", kFixX, kFixY) +
     map("mxa", "MAP 0x100 LXA", kX3, kY2) + map("mxv", "MAP 0x100 LXV", kX3, kY2) +
     map("mya", "MAP 0x100 LYA", kX3, kY2) +
     curve("cres", "CURVE 0x3500 LROW", "RES_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 9 0 255 AXIS_PTS_REF res") +
@@ -184,6 +207,7 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
                       0, 0, 0x80, 0x3F, 0, 0, 0xC0, 0x3F, 0, 0, 0, 0xC0};
     const Bytes ax3 = {4, 0, 0x9C, 0xFF, 0, 0, 0x64, 0, 0xC8, 0};
     const Bytes m2 = {11, 12, 13, 21, 22, 23};
+    const Bytes inst = {1, 0, 0, 0, 10, 0, 20, 0, 30, 0, 0xFB, 0, 2, 0, 0, 0, 40, 0, 50, 0, 60, 0, 5, 0};
     Bytes c52 = c5;
     c52.erase(c52.begin() + 5, c52.begin() + 7);
     Bytes c51 = c5;
@@ -204,6 +228,11 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
         {"mxa", {{0x100, {10, 11, 21, 20, 12, 22, 30, 13, 23, 1, 2}}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
         {"mxv", {{0x100, {11, 21, 10, 12, 22, 20, 13, 23, 30, 1, 2}}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
         {"mya", {{0x100, {1, 11, 12, 13, 2, 21, 22, 23, 10, 20, 30}}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
+        {"cubr", {{0x100, {1, 2, 3, 4, 5, 6, 7, 8}}}, "1 2 | 1 2 | 1 2 | 1 2 3 4 5 6 7 8"},
+        {"cubc", {{0x100, {1, 2, 3, 4, 5, 6, 7, 8}}}, "1 2 | 1 2 | 1 2 | 1 3 2 4 5 7 6 8"},
+        {"cubm", {{0x1100, m2}}, "10 20 30 | 1 2 | 1 2 | 11 12 13 21 22 23 11 13 22 12 21 23"},
+        {"ms", {{0x100, {2, 1, 2, 0, 3, 4, 0}}}, "10 20 | 1 2 | 1 2 3 4"},
+        {"mo", {{0x100, {2, 1, 2, 3, 4, 0, 0}}}, "10 20 | 1 2 | 1 2 3 4"},
         {"ax7", {{0x3200, {10, 5, 5, 20}}}, "10 15 20 40"},
         {"t8", {{0x3300, {0x41, 0x42, 0x43, 0, 0xFF, 0xFF, 0xFF, 0xFF}}}, "ABC"},
         {"t16", {{0x3300, {0, 0x41, 0x20, 0xAC, 0xD8, 0x3D, 0xDE, 0}}}, "A\u20AC\U0001F600"},
@@ -216,6 +245,13 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
         {"blk", {{0x1100, {1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0}}}, "1 2 3 4 5 6"},
         {"matrix", {{0x1100, {1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0}}}, "1 3 5 2 4 6"},
         {"far", {{0x1200, {0, 0x60, 0, 0}}, {0x6000, {1, 0, 2, 0}}}, "1 2"},
+        {"inst[0].a", {{0x4000, inst}}, "1"},
+        {"inst[0].b", {{0x4000, inst}}, "10 20 30"},
+        {"inst[0].c", {{0x4000, inst}}, "-5"},
+        {"inst[1].a", {{0x4000, inst}}, "2"},
+        {"inst[1].b", {{0x4000, inst}}, "40 50 60"},
+        {"blob", {{0x4000, inst}}, "1 0"},
+        {"away.curve", {{0x7000, {0, 0x70, 1, 0}}, {0x17000, {1, 2, 3, 4}}}, "1 2 | 0.3 0.4"},
         {"late", {{0x1101, {9, 9, 9, 0x34, 0x12}}}, "4660"},
     };
     for (const Row& row : rows) {
@@ -233,6 +269,7 @@ TEST_F(ObjectsInMemory, ChangeInTheBytesThatMustDiffer) {
     put(0x2100, {1, 0, 2, 0, 3, 0, 4, 0});
     put(0x1100, {11, 12, 13, 21, 22, 23});
     put(0x3200, {10, 5, 5, 20});
+    put(0x4000, Bytes(24));
     put(0x3300, {0x41, 0x42, 0x43, 0, 0xFF, 0xFF, 0xFF, 0xFF});
     struct Row {
         const char* name;
@@ -250,6 +287,7 @@ TEST_F(ObjectsInMemory, ChangeInTheBytesThatMustDiffer) {
         {"ax7[1]", 12, "3201: 02 08"},
         {"ax7[3]", 20, "3203: 00"},
         {"ax3[3]", 101, "2008: 65 00"},
+        {"inst[1].b[2]", 7, "4014: 07 00"},
         {"c1[0]", 1001, "c1[0]: 1001 outside the limits [-100, 1000]"},
         {"c1[3]", 0, "c1[3]: index 3 is beyond the last one, 2"},
         {"m2r[0]", 0, "m2r[0]: has 2 dimensions, not 1"},

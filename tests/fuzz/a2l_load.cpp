@@ -13,6 +13,7 @@
 #include "a2l/description.h"
 #include "a2l/folders.h"
 #include "a2l/object.h"
+#include "a2l/object_content.h"
 #include "a2l/parser.h"
 #include "a2l/structure.h"
 #include "a2l/tokenizer.h"
@@ -59,11 +60,38 @@ void useElement(const value::Element& element) {
     }
 }
 
+/// Whole objects over memory that holds small numbers, so that counts are often possible.
+void useWhole(const a2l::Object& object) {
+    constexpr std::size_t kMost = std::size_t{1} << 16U;
+    const auto read = [](xcp::Address address, std::size_t size) -> Result<std::vector<std::uint8_t>> {
+        if (size > kMost) return Error{ErrorCode::unsupported, "large"};
+        require(address.address + std::uint64_t{size} <= std::uint64_t{1} << 32U, "within the addresses");
+        std::vector<std::uint8_t> bytes(size);
+        for (std::size_t i = 0; i < size; ++i)
+            bytes[i] = static_cast<std::uint8_t>((address.address + i) % 5);
+        return bytes;
+    };
+    const auto content = a2l::readObject(object, read, 7);
+    if (!content) return;
+    const a2l::PlacedObject& placed = content.value().placed;
+    require(placed.elementCount() >= 1, "an object has an element");
+    const std::size_t last = placed.elementCount() - 1;
+    require(content.value().bytes(0) != nullptr && content.value().bytes(last) != nullptr, "all was read");
+    useElement(placed.element(last));
+    for (std::size_t i = 0; i < placed.axes().size(); ++i)
+        require(content.value().points(i).size() == placed.axes()[i].count(), "every point has a value");
+    if (object.isText()) require(isValidUtf8(content.value().text()), "texts are UTF-8");
+    const std::vector<a2l::ObjectChange> changes = {{{}, last, content.value().physical(last)}};
+    if (const auto after = a2l::changed(content.value(), changes))
+        require(a2l::differences(content.value(), after.value()).size() <= 1, "one value was set");
+}
+
 void useObjects(const a2l::Description& description, const auto& records) {
     // Tables may be named by any number of objects; a few objects show all there is to their use.
     std::size_t left = 20;
     for (const auto& record : records) {
         if (left-- == 0) return;
+        if (const auto whole = a2l::findObject(description, record.name)) useWhole(whole.value());
         const auto object = a2l::findScalar(description, record.name);
         if (object) {
             useElement(object.value().element());
@@ -218,6 +246,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                       "a warning tells a line");
     fuzz::useObjects(loaded.value(), loaded.value().measurements);
     fuzz::useObjects(loaded.value(), loaded.value().characteristics);
+    fuzz::useObjects(loaded.value(), loaded.value().axisPoints);
     fuzz::useStructures(loaded.value());
     fuzz::useFolders(loaded.value());
     fuzz::useDependencies(loaded.value());
