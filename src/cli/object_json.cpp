@@ -57,7 +57,7 @@ void writeValues(JsonWriter& json, const a2l::ObjectContent& content, value::Num
 std::vector<value::Value> rawPoints(const a2l::ObjectContent& content, std::size_t number) {
     const a2l::PlacedAxis& axis = content.placed.axes()[number];
     std::vector<value::Value> points = content.points(number);
-    if (!axis.isStored() || axis.about().difference) return points;
+    if (!axis.isStored() || axis.hasPairs() || axis.about().difference) return points;
     for (std::size_t i = 0; i < points.size(); ++i) {
         const value::Element element = axis.element(i);
         points[i] = value::wholeRaw(element, content.image.at(element.address, element.size()));

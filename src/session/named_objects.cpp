@@ -350,13 +350,19 @@ void NamedObjects::takeBack(const std::vector<Step>& steps, std::size_t count, O
     ObjectAccess access(master_, StopToken());
     writing.dependents.clear();
     writing.restored = count > 0;
+    bool isSilent = false;
     for (std::size_t i = count; i-- > 0;) {
         const Step& step = steps[i];
+        if (isSilent) {
+            writing.held.push_back(heldObject(step.before, step.wanted, {}));
+            continue;
+        }
         auto outcome = access.write(step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> {
             return step.before.image;
         });
         if (outcome.content) continue;
         writing.restored = false;
+        isSilent = outcome.content.error().code == ErrorCode::timeout;
         writing.held.push_back(heldObject(step.before, step.wanted, outcome.held));
     }
 }

@@ -70,10 +70,14 @@ Result<a2l::ObjectContent> ObjectAccess::download(const a2l::ObjectContent& befo
 std::vector<HeldSpan> ObjectAccess::held(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
                                          const std::vector<a2l::MemorySpan>& spans) {
     std::vector<HeldSpan> all;
+    bool isSilent = false;
     for (const a2l::MemorySpan& span : spans) {
         HeldSpan& one = all.emplace_back();
         one.span = span;
+        // Who did not answer is not asked for each piece again.
+        if (isSilent) continue;
         auto bytes = xcp::inStep(master_, [&] { return master_.upload(span.address, span.size); });
+        isSilent = !bytes && (bytes.error().code == ErrorCode::timeout || bytes.error().isStop());
         if (!bytes) continue;
         one.bytes = std::move(bytes).value();
         one.state = HeldSpan::State::other;
