@@ -131,7 +131,9 @@ NamedObjects::NamedObjects(const a2l::Description& description, xcp::Master& mas
     : description_(description), master_(master), stop_(stop), access_(master, std::move(stop)) {}
 
 bool NamedObjects::isScalar(std::string_view name) const {
-    return a2l::findScalar(description_, name).ok() || !a2l::parseObjectName(description_, name).ok();
+    if (a2l::findScalar(description_, name).ok()) return true;
+    return name.find_first_of("*?") == std::string_view::npos &&
+           !a2l::parseObjectName(description_, name).ok();
 }
 
 bool NamedObjects::exists(std::string_view name) const {
@@ -145,6 +147,8 @@ bool NamedObjects::hasDependents(std::string_view name) const {
 
 Result<ObjectReading> NamedObjects::read(std::string_view text) {
     const auto name = a2l::parseObjectName(description_, text);
+    if (!name && text.find_first_of("*?") != std::string_view::npos)
+        return Error{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", text)};
     if (!name) return name.error();
     const a2l::Dependency* const dependency = virtualOf(description_, name.value().object);
     if (dependency != nullptr && name.value().isWhole()) return readVirtual(*dependency);

@@ -45,7 +45,7 @@ REFUSED = (
     ("cal_gains[1][1]=1", "cal_gains[1][1]: has 1 dimension, not 2"),
     ("cal_gains[0]=x", "cal_gains[0]: 'x' is not a number"),
     ("cal_features[0]=maybe", "cal_features[0]: 'maybe' is not a valid value"),
-    ("cal_torque_curve.x[1]=90", "cal_torque_curve.x[2]: 20 after 90 breaks STRICT_INCREASE"),
+    ("cal_torque_curve.x[1]=90", "cal_torque_curve.x[2]: 20 after 90.19607843137256 breaks STRICT_INCREASE"),
     ("cal_ignition_map.x[1]=1", "cal_ignition_map.x: its points are those of AXIS_PTS 'cal_speed_axis': set them there"),
     ("cal_fan_curve.x[1]=1", "cal_fan_curve.x: its points are computed and cannot be set"),
     ("cal_fan_curve.y[1]=1", "cal_fan_curve.y[1]: cal_fan_curve has 1 axes"),
@@ -53,7 +53,6 @@ REFUSED = (
     ("program_version=x", "program_version is not writable"),
     ("cylinder_torque[0]=1", "cylinder_torque is a measurement without READ_WRITE"),
     ("cal_virtual=1", "cal_virtual is computed from others and has no place in the ECU"),
-    ("cal_speed_limit=1000", None),  # a dependent parameter would leave its limits
 )
 
 
@@ -78,7 +77,7 @@ class ObjectsTest(SystemTest):
                 self.assertEqual((told.get("error"), told["typed"]), (None, assignment.partition("=")[2]))
                 if expected is not None:
                     self.assertEqual(self.physical(sim, name), expected)
-        self.assertEqual(self.physical(sim, "cal_time_axis"), [0, 5, 5, 15, 20, 30, 40, 50])
+        self.assertEqual(self.physical(sim, "cal_time_axis"), [0, 5, 5, 20, 30, 50, 100, 200])
 
     def test_what_is_refused_changes_nothing(self):
         image = self.dir / "memory"
@@ -103,6 +102,14 @@ class ObjectsTest(SystemTest):
         self.expect(self.run_cli(sim, "get", *names), "".join(lines))
         self.expect(self.run_cli(sim, "set", "--no-dependents", "cal_speed_limit=7000"), value_line("cal_speed_limit", "7000.000"))
         self.assertEqual(self.physical(sim, "cal_speed_resume"), 4800)
+        described = sim.a2l.read_text(encoding="utf-8")
+        for new, message in (('"X1 - 2000" cal_speed_limit', "cal_speed_resume: -1000 outside the limits [0, 8000]"),
+                             ('"X1" cal_speed_warning', "cal_speed_resume depends on itself: cal_speed_resume <- "
+                              "cal_speed_warning <- cal_speed_resume")):
+            sim.a2l.write_text(described.replace('"X1 - 200" cal_speed_limit', new), encoding="utf-8")
+            name = "cal_speed_limit" if "2000" in new else "cal_speed_warning"
+            self.assertEqual(self.values(sim, "set", name + "=1000")[0]["error"]["message"], message)
+        self.expect(self.run_cli(sim, "get", *names), value_line(names[0], "7000.000") + "".join(lines[1:]))
 
     def test_a_write_that_fails_half_way_tells_what_is_held(self):
         for fault, held, told in (
