@@ -114,7 +114,8 @@ void ObjectReport::print(Output& output) const {
     if (!reading_) return output.appendValueLine(name_, "ERROR " + reading_.error().text());
     const session::ObjectReading& reading = reading_.value();
     // What was typed may have been a part of it.
-    if (reading.whole) return printObject(output, reading.whole->placed.object().name, *reading.whole, style_);
+    if (reading.whole)
+        return printObject(output, reading.whole->placed.object().name, *reading.whole, style_);
     const bool isOne = reading.numbers.size() == 1;
     for (const NumberReading& number : reading.numbers) {
         output.appendValueLine(isOne ? name_ : number.element.name,

@@ -4,8 +4,8 @@
 #include <array>
 #include <utility>
 
-#include "cli/terminal_plot.h"
 #include "a2l/object_name.h"
+#include "cli/terminal_plot.h"
 #include "xcp/text_lines.h"
 
 namespace lm::cli {

@@ -19,7 +19,8 @@ bool mayMatchBelow(std::string_view instance, std::string_view pattern) {
 }  // namespace
 
 bool isNamePattern(const a2l::Description& description, std::string_view text) {
-    return text.find_first_of("*?") != std::string_view::npos && !a2l::parseObjectName(description, text).ok();
+    return text.find_first_of("*?") != std::string_view::npos &&
+           !a2l::parseObjectName(description, text).ok();
 }
 
 std::vector<std::string> namesMatching(const a2l::Description& description, std::string_view pattern) {

@@ -69,8 +69,8 @@ Result<value::Element> virtualElement(const a2l::Description& description, std::
         value::Element element;
         element.name = name;
         element.coding.dataType = value::DataType::float64;
-        element.conversion = std::make_shared<const value::Conversion>(value::Conversion::Identical(), format,
-                                                                       unit);
+        element.conversion =
+            std::make_shared<const value::Conversion>(value::Conversion::Identical(), format, unit);
         return element;
     };
     if (const a2l::Measurement* measurement = description.findMeasurement(name)) return made(*measurement);
@@ -107,11 +107,10 @@ HeldObject heldObject(const ObjectContent& before, const a2l::MemoryImage& wante
     }
     const auto take = [&](const value::Element& element) {
         const std::size_t size = element.size();
-        const auto span = std::find_if(spans.begin(), spans.end(), [&](const HeldSpan& one) {
-            return contains(one.span, element);
-        });
-        const bool differs = std::memcmp(before.image.at(element.address, size),
-                                         wanted.at(element.address, size), size) != 0;
+        const auto span = std::find_if(spans.begin(), spans.end(),
+                                       [&](const HeldSpan& one) { return contains(one.span, element); });
+        const bool differs =
+            std::memcmp(before.image.at(element.address, size), wanted.at(element.address, size), size) != 0;
         if (!differs || (span == spans.end() && !spans.empty())) return;
         held.numbers.push_back({element, spans.empty() ? HeldSpan::State::unknown : span->state});
     };
@@ -212,7 +211,8 @@ Result<a2l::Object> NamedObjects::writableObject(const WriteWish& wish, const Ob
     }
     auto object = a2l::findObject(description_, name.object);
     if (!object) return object;
-    if (auto allowed = checkWritable(object.value(), wish.allowMeasurements); !allowed) return allowed.error();
+    if (auto allowed = checkWritable(object.value(), wish.allowMeasurements); !allowed)
+        return allowed.error();
     return object;
 }
 
@@ -332,9 +332,8 @@ ObjectWriting NamedObjects::carryOut(const ObjectName& name, const std::vector<S
     ObjectWriting writing{Error{ErrorCode::closed, ""}};
     for (std::size_t i = 0; i < steps.size(); ++i) {
         const Step& step = steps[i];
-        auto outcome = access.write(step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> {
-            return step.wanted;
-        });
+        auto outcome = access.write(
+            step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> { return step.wanted; });
         if (!outcome.content) {
             writing.value = outcome.content.error();
             takeBack(steps, i + (outcome.held.empty() ? 0 : 1), writing);
@@ -361,9 +360,8 @@ void NamedObjects::takeBack(const std::vector<Step>& steps, std::size_t count, O
             writing.held.push_back(heldObject(step.before, step.wanted, {}));
             continue;
         }
-        auto outcome = access.write(step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> {
-            return step.before.image;
-        });
+        auto outcome = access.write(
+            step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> { return step.before.image; });
         if (outcome.content) continue;
         writing.restored = false;
         isSilent = outcome.content.error().code == ErrorCode::timeout;

@@ -91,7 +91,7 @@ class FailuresTest(harness.SystemTest):
             ("virtual_power", "ERROR virtual_power: measurement has no ECU_ADDRESS"),
             ("cal_virtual", "14.000"),
             ("cal_no_values", "ERROR cal_no_values: RECORD_LAYOUT 'RL.EMPTY' without FNC_VALUES"),
-            ("cylinder_pressure[4]", "ERROR cylinder_pressure[4]: index 4 is beyond the last one, 3"),
+            ("cylinder_torque[4]", "ERROR cylinder_torque[4]: index 4 is beyond the last one, 3"),
             ("cal_injector", "on"),
         ]
         done = self.run_cli(sim, "-c", self.quick_config(), "get", *[name for name, _ in rows])
