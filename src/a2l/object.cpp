@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "a2l/conversion_builder.h"
+#include "a2l/object_error.h"
 
 namespace lm::a2l {
 namespace {
