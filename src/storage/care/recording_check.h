@@ -18,8 +18,10 @@
 namespace lm::storage {
 
 struct Finding {
-    std::string text;      ///< "FILE: what is wrong, and where"
-    bool mendable = true;  ///< by repairRecording()
+    std::string text;    ///< "FILE: what is wrong, and where"
+    std::string repair;  ///< what repairRecording() does about it ("removes it"), empty: it cannot be mended
+
+    bool mendable() const { return !repair.empty(); }
 };
 
 /// What is wrong with the files of one group.

@@ -217,7 +217,7 @@ Result<std::vector<Finding>> repairRecording(const fs::path& directory, const St
         auto check = checkGroup(directory, i, recording.value().info(), stop);
         if (!check) return check.error();
         const std::vector<Finding>& findings = check.value().findings;
-        const auto mendable = [](const Finding& finding) { return finding.mendable; };
+        const auto mendable = [](const Finding& finding) { return finding.mendable(); };
         std::copy_if(findings.begin(), findings.end(), std::back_inserter(left), std::not_fn(mendable));
         if (std::none_of(findings.begin(), findings.end(), mendable)) continue;
         GroupRepair repair(directory, i, groups[i], stop, tell);
