@@ -107,6 +107,11 @@ void Console::finishPrinting(std::chrono::milliseconds limit) {
     output_.reset();
 }
 
+std::optional<std::int64_t> Console::firstNs() const {
+    const std::lock_guard lock(mutex_);
+    return firstNs_;
+}
+
 std::uint64_t Console::skippedLines() const {
     const std::lock_guard lock(mutex_);
     return skipped_;

@@ -62,6 +62,10 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     /// The last line was printed in part: the time was up.
     bool endsInsideLine() const { return endsInsideLine_; }
 
+    bool prints() const { return interval_ != 0; }
+    /// Of the record from which the printed times count; none before there is one.
+    std::optional<std::int64_t> firstNs() const;
+
     /// Lines that were not printed because standard output did not take them.
     std::uint64_t skippedLines() const;
 

@@ -19,16 +19,6 @@ using storage::GroupReader;
 using storage::RecordingInfo;
 using storage::SignalInfo;
 
-std::string sizeText(std::uint64_t bytes) {
-    constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
-    if (bytes < 1000) return fmt::format("{} bytes", bytes);
-    auto size = static_cast<double>(bytes);
-    std::size_t unit = 0;
-    for (; size >= 1000 && unit + 1 < std::size(kUnits); ++unit)
-        size /= 1000;
-    return fmt::format("{:.1f} {}", size, kUnits[unit]);
-}
-
 std::string cycleText(std::int64_t cycleNs) {
     if (cycleNs <= 0) return "not cyclic";
     return formatGeneral(static_cast<double>(cycleNs) / 1e6) + " ms";
@@ -149,7 +139,7 @@ void printHead(const RecordingOverview& overview, Output& output) {
     output.append("ECU            " + xcp::printableText(info.ecu + source) + "\n");
     output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
     output.append(fmt::format("duration       {:.3f} s\n", secondsOf(overview.span)));
-    output.append("size           " + sizeText(overview.bytes) + "\n");
+    output.append("size           " + formatSize(overview.bytes) + "\n");
     printOutages(overview.events, info, overview.span, output);
     printClocks(overview.events, info, output);
 }

@@ -41,6 +41,9 @@ std::optional<double> parseDouble(std::string_view text);
 std::string formatFixed(double value, int decimals);
 std::string formatGeneral(double value);
 
+/// "999 bytes", "1.2 MB": for people.
+std::string formatSize(std::uint64_t bytes);
+
 /// The shortest text that reads back as the same value: of a float, a double.
 std::string formatShortest(float value);
 std::string formatShortest(double value);

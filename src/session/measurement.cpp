@@ -152,11 +152,12 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
 }
 
 PlanSummary Measurement::summary() const {
-    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}};
-    // Without timestamps nothing is checked anywhere, which the start has told.
-    if (plan_.daq.timestampSize == 0) return summary;
+    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}, {}};
     for (const storage::GroupInfo& group : session::recordingInfo(plan_, context_.capabilities).groups) {
-        if (group.cycleNs == 0) summary.withoutCycle.push_back(group.name);
+        if (group.cycleNs != 0) continue;
+        // Without timestamps nothing is checked anywhere, which the start has told.
+        if (plan_.daq.timestampSize != 0) summary.withoutCycle.push_back(group.name);
+        if (context_.medium.hasLoad()) summary.notInLoad.push_back(group.name);
     }
     return summary;
 }

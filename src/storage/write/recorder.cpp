@@ -24,15 +24,29 @@ GroupRange Recorder::add(std::vector<GroupInfo> groups) {
     return range;
 }
 
-Result<void> Recorder::begin(const std::filesystem::path& directory) {
+Result<void> Recorder::begin(const std::filesystem::path& directory, DiskForecast::Seconds duration) {
     // Every group keeps two files open and one more per summary level.
     raiseOpenFileLimit();
     WriterOptions options;
     options.queueBytes = recommendedQueueBytes(info_);
+    const DiskForecast forecast(expectedBytesPerSecond(info_), duration);
     auto writer = RecordingWriter::create(directory, std::move(info_), options);
     if (!writer) return writer.error();
     writer_ = std::move(writer).value();
-    return {};
+    auto watched = disk_.start(directory, forecast);
+    // The reason is what counts.
+    if (!watched) static_cast<void>(writer_->discard());
+    return watched;
+}
+
+Result<void> Recorder::close() {
+    disk_.stop();
+    return writer_->close();
+}
+
+Result<void> Recorder::discard() {
+    disk_.stop();
+    return writer_->discard();
 }
 
 }  // namespace lm::storage
