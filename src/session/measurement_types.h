@@ -39,7 +39,7 @@ struct MeasurementPlan {
 struct MeasurementOptions {
     std::vector<std::string> signals;       ///< NAME or NAME@EVENT; empty: the configuration's list
     std::filesystem::path recordDirectory;  ///< empty: no recording
-    xcp::IDaqRecordSink* sink = nullptr;  ///< gets every record; may be null
+    xcp::IDaqRecordSink* sink = nullptr;    ///< gets every record; may be null
     /// Called once with the plan before the first record can arrive. The plan lives until the measurement is
     /// stopped.
     std::function<void(const MeasurementPlan&)> onPlanned = {};

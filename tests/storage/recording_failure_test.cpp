@@ -161,8 +161,7 @@ TEST_F(RecordingFailureTest, RecordsWithoutALevelThatCannotBeCreated) {
         EXPECT_EQ(group.counters.recordsWritten, 256U);
         EXPECT_EQ(fs::file_size(directory / "g0000_L2.pyr"), 32U + 16);
         EXPECT_EQ(log.text(), "error recording: cannot create " + (directory / "g0000_L1.pyr").string() +
-                                  ": " + reason +
-                                  " (further levels may be missing; the data is complete)\n");
+                                  ": " + reason + " (further levels may be missing; the data is complete)\n");
     };
     fs::create_directories(dir_.path() / "directory" / "g0000_L1.pyr");
     record("directory", "Is a directory");
