@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 
 namespace lm::cli {
 
@@ -24,7 +25,6 @@ class NonblockingOutput {
     static constexpr std::size_t kMaxWrite = 4096;
 
     explicit NonblockingOutput(int descriptor);
-    ~NonblockingOutput();
     NonblockingOutput(const NonblockingOutput&) = delete;
     NonblockingOutput& operator=(const NonblockingOutput&) = delete;
 
@@ -37,7 +37,7 @@ class NonblockingOutput {
   private:
     enum class Kind : std::uint8_t { file, reopened, socket, polled };
 
-    const int given_;
+    UniqueFd own_;  ///< the same, opened for this alone
     int descriptor_;
     Kind kind_;
 };

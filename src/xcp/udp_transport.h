@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "core/unique_fd.h"
 #include "xcp/counter.h"
 #include "xcp/transport.h"
 
@@ -88,8 +89,8 @@ class UdpTransport final : public ITransport {
     std::atomic<IPacketSink*> sink_{nullptr};
 
     // Set by open and close; constant while the receive thread runs.
-    int socket_ = -1;
-    int wakeUp_ = -1;
+    UniqueFd socket_;
+    UniqueFd wakeUp_;
     AddressList addresses_;  ///< of the host, once it was found
     std::thread thread_;
 
