@@ -13,6 +13,7 @@
 #include "a2l/description.h"
 #include "cli/message_output.h"
 #include "cli/stop_signal.h"
+#include "core/text.h"
 
 namespace lm::cli {
 namespace {
@@ -69,7 +70,7 @@ class Units {
 void appendHex(Output& output, std::uint32_t value) {
     std::array<char, 10> text = {'0', 'x'};
     for (std::size_t i = 0; i < 8; ++i)
-        text[9 - i] = "0123456789ABCDEF"[(value >> (4 * i)) & 0xFU];
+        text[9 - i] = kHexDigits[(value >> (4 * i)) & 0xFU];
     output.append({text.data(), text.size()});
 }
 

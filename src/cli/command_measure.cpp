@@ -21,8 +21,8 @@
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/stop_signal.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -102,7 +102,7 @@ double inSeconds(std::chrono::nanoseconds time) {
 std::string joined(const std::vector<std::string>& names) {
     std::string text;
     for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + xcp::printableText(name);
+        text += (text.empty() ? "" : ", ") + printableText(name);
     return text;
 }
 

@@ -10,7 +10,7 @@
 #include "cli/nonblocking_output.h"
 #include "cli/stop_signal.h"
 #include "core/file_write.h"
-#include "xcp/text_lines.h"
+#include "core/printable_text.h"
 
 namespace lm::cli {
 namespace {
@@ -23,7 +23,7 @@ void appendPrintable(std::string& buffer, std::string_view text) {
     if (plain) {
         buffer += text;
     } else {
-        buffer += xcp::printableText(text);
+        buffer += printableText(text);
     }
 }
 
@@ -94,8 +94,7 @@ bool reportOutputFailure(int systemError) {
 }
 
 void printError(std::string_view prefix, const Error& error) {
-    printMessage(std::string(prefix) + (prefix.empty() ? "" : ": ") + xcp::printableText(error.text()) +
-                 "\n");
+    printMessage(std::string(prefix) + (prefix.empty() ? "" : ": ") + printableText(error.text()) + "\n");
 }
 
 }  // namespace lm::cli

@@ -21,6 +21,19 @@ std::string windows1252ToUtf8(std::string_view bytes);
 /// UTF-16 without its byte order mark to UTF-8; a lone surrogate or a last odd byte becomes U+FFFD.
 std::string utf16ToUtf8(std::string_view bytes, bool bigEndian);
 
+constexpr bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+inline constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+/// The value of a hexadecimal digit in capital or small letters.
+constexpr std::optional<unsigned> hexDigit(char c) {
+    if (isDigit(c)) return static_cast<unsigned>(c - '0');
+    if (c >= 'A' && c <= 'F') return static_cast<unsigned>(c - 'A') + 10;
+    if (c >= 'a' && c <= 'f') return static_cast<unsigned>(c - 'a') + 10;
+    return std::nullopt;
+}
+
 /// How the digits of an unsigned number are read.
 enum class NumberBase : std::uint8_t {
     decimal,    ///< digits only
