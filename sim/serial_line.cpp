@@ -51,7 +51,7 @@ Result<void> SerialLine::makePseudoTerminal() {
         return Error::fromErrno(errno, "pseudo-terminal");
     }
     device_ = name.data();
-    // Opened and closed once, it tells from now on that nobody is there; its settings stay.
+    // Opened and closed once, it tells from now on that no one is there; its settings stay.
     const UniqueFd other(::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (!other.valid() || !makeRaw(other.get(), 0)) return Error::fromErrno(errno, device_);
     return {};

@@ -1,7 +1,7 @@
 // Writes to a descriptor without waiting for its reader, and without changing the descriptor: O_NONBLOCK set
 // on a terminal or pipe would hold for every other process that shares it.
 //
-// A pipe or terminal is opened anew through /proc/self/fd with a mode of its own; a socket has a flag per
+// A pipe or terminal is opened again through /proc/self/fd with a mode of its own; a socket has a flag per
 // call; a file takes everything. Where the new opening is refused, poll() asks before each write: for a pipe
 // that guarantees room for PIPE_BUF bytes.
 //

@@ -58,7 +58,7 @@ bool isAbandonedName(std::string_view file, std::string_view name) {
 }
 
 /// Removes what stands under a name unless a program is writing it: EWOULDBLOCK. The lock is held meanwhile,
-/// so that nobody who waits for the same name loses what he put there.
+/// so that no one who waits for the same name loses what he put there.
 int removeUnlessLocked(const std::filesystem::path& path) {
     constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     struct stat status {};
@@ -72,7 +72,7 @@ int removeUnlessLocked(const std::filesystem::path& path) {
     return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
-/// What cannot be removed harms nobody.
+/// What cannot be removed harms no one.
 void removeAbandoned(const std::filesystem::path& target) {
     namespace fs = std::filesystem;
     const std::string file = target.filename().string();

@@ -129,7 +129,7 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
         xcp::Master& master = context_.master;
         stopped = master.connected() ? master.stopDaqOnce() : master.stopDaqUnconnected();
     } else {
-        // Nobody is known to listen: what cannot even be sent changes nothing.
+        // No one is known to listen: what cannot even be sent changes nothing.
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
@@ -241,7 +241,7 @@ Result<bool> Measurement::daqRunning() {
 }
 
 Result<void> Measurement::reconnect() {
-    // A device that has gone is opened anew: a CAN channel here, a serial port by CONNECT. An attempt that
+    // A device that has gone is opened again: a CAN channel here, a serial port by CONNECT. An attempt that
     // never ended would take the decision from the reconnect policy.
     if (auto reopened = context_.medium.reopenIfLost(); !reopened.ok()) return reopened;
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);

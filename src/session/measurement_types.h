@@ -52,7 +52,7 @@ struct PlanSummary {
     std::size_t signalCount = 0;
     std::size_t listCount = 0;
     double busLoad = 0;  ///< fraction of 1
-    /// Events of lists whose missed cycles nobody can count: no cycle is known of them.
+    /// Events of lists whose missed cycles no one can count: no cycle is known of them.
     std::vector<std::string> withoutCycle;
     /// The same, where `busLoad` leaves their lists out; none on a medium without a load.
     std::vector<std::string> notInLoad;

@@ -81,7 +81,7 @@ class SlaveClock {
     /// The least offset of the stamps that are to come; counts for the first that is mapped.
     void expect(std::int64_t leastOffsetNs) { expectedNs_ = leastOffsetNs; }
 
-    /// Changes when the offset was anchored anew: times before and after do not tell how many cycles lie
+    /// Changes when the offset was anchored again: times before and after do not tell how many cycles lie
     /// between.
     std::uint32_t generation() const { return generation_; }
 

@@ -284,7 +284,7 @@ void UdpTransport::checkCounter(std::uint16_t counter) {
 
 void UdpTransport::noteMissing(std::uint16_t counter) {
     const bool late = static_cast<std::uint16_t>(newestCounter_ - counter) < kLate;
-    // A slave that begins anew must not take back what was missing before it did.
+    // A slave that begins again must not take back what was missing before it did.
     const bool firstAgain = counter == 0 && newestCounter_ != 0 && arrived_[0];
     if (late && !firstAgain) {
         // Or doubled by the network.

@@ -37,7 +37,7 @@ struct GroupCheck {
     std::uint64_t records = 0;
     std::uint64_t tornBytes = 0;
     bool beingWritten = false;
-    std::vector<std::size_t> wrongFiles;    ///< summary files (SummaryFile) to be made anew
+    std::vector<std::size_t> wrongFiles;    ///< summary files (SummaryFile) to be made again
     std::vector<std::size_t> surplusFiles;  ///< levels that the group is too short for
     std::vector<Finding> findings;
 };

@@ -9,7 +9,7 @@ namespace lm::storage {
 
 bool GroupRange::write(std::size_t group, std::int64_t timestampNs, const std::uint8_t* data,
                        std::size_t length) const {
-    // What is nobody's group is refused and counted there.
+    // What is no one's group is refused and counted there.
     constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
     return recorder_->writer_->write(group < count_ ? first_ + group : kNone, timestampNs, data, length);
 }
