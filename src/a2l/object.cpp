@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "a2l/conversion_builder.h"
+#include "a2l/object_error.h"
 #include "a2l/similar_names.h"
 
 namespace lm::a2l {
