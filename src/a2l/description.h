@@ -268,11 +268,10 @@ class Description {
     std::unique_ptr<Store> store_;
 };
 
-/// Reads and parses a file; a stop ends the reading. Errors: "cannot open A2L
-/// file PATH" (with the errno), "cannot read A2L file PATH: REASON", too little memory for its content and a
-/// stop included, "A2L file PATH is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT
-/// block", "A2L: no MODULE block". An object that cannot be read becomes a warning. The digest costs a pass
-/// over the file.
+/// Reads and parses a file; a stop ends the reading. Errors: "cannot open A2L file PATH" (with the errno),
+/// "cannot read A2L file PATH: REASON", too little memory for its content and a stop included, "A2L file PATH
+/// is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT block", "A2L: no MODULE block".
+/// An object that cannot be read becomes a warning. The digest costs a pass over the file.
 Result<Description> load(const std::filesystem::path& path, const StopToken& stop = {}, bool digest = false);
 
 /// The same from text in memory (UTF-8, Windows-1252 or UTF-16 with a byte order mark).

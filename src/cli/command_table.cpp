@@ -89,7 +89,8 @@ With --json -p is 1 when it is not given.)",
     {"export", "Convert a recording to MDF 4.1 or CSV (no connection)",
      R"(  xcplumo-cli export first -o first.mf4
   xcplumo-cli export first -o first.csv --merge -s "engine_*" --from 2 --to 4
-  xcplumo-cli export first -o first.csv --every 10 --raw --force)",
+  xcplumo-cli export first -o first.csv --every 10 --raw --force
+  xcplumo-cli export first -o - -s engine_speed | head)",
      Needs::nothing, Form::json, make<ExportCommand>},
 };
 

@@ -348,8 +348,8 @@ std::string dumped(const ordered_json& document, ordered_json::error_handler_t o
 }
 
 Result<std::string> readWhole(const std::filesystem::path& path, const StopToken& stop) {
-    const int file = openForReading(path);
-    if (file < 0) {
+    const UniqueFd file = openForReading(path);
+    if (!file.valid()) {
         const int reason = errno;
         return Error::withReasonAsHint(ErrorCode::notFound, reason,
                                        "cannot open configuration " + path.string());
@@ -358,11 +358,10 @@ Result<std::string> readWhole(const std::filesystem::path& path, const StopToken
     std::array<char, 16384> block;
     ssize_t count = 0;
     do {
-        count = readUnlessStopped(file, block.data(), block.size(), stop);
+        count = readUnlessStopped(file.get(), block.data(), block.size(), stop);
         if (count > 0) text.append(block.data(), static_cast<std::size_t>(count));
     } while (count > 0 && text.size() <= kMaxSize);
     const int failure = count < 0 ? errno : 0;
-    ::close(file);
     if (text.size() > kMaxSize) {
         return Error{ErrorCode::invalidArgument, "configuration " + path.string() + " is larger than 16 MiB"};
     }
