@@ -49,6 +49,8 @@ class ICommand {
     virtual void addOptions(CLI::App& /*app*/) {}
     /// Lays them over the configuration.
     virtual void overrule(session::SessionConfig& /*config*/) const {}
+    /// What can be found out before anything is opened. Error: why the command cannot run.
+    virtual Result<void> prepare(Form /*form*/) { return {}; }
     /// A recording will tell the A2L's digest.
     virtual bool isRecorded() const { return false; }
     /// Returns the exit code; errors have been told to the results.

@@ -20,6 +20,7 @@
 #include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "cli/signal_list.h"
 #include "cli/stop_signal.h"
 #include "core/text.h"
 #include "xcp/text_lines.h"
@@ -163,6 +164,10 @@ void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummar
     json.endObject();
 }
 
+std::string notEmpty(const std::string& text) {
+    return text.empty() ? "is empty" : "";
+}
+
 /// True when standard output failed, which has been told then.
 bool endLines(Workplace& place) {
     place.console->finishPrinting();
@@ -249,6 +254,10 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
 
 void MeasureCommand::addOptions(CLI::App& app) {
     app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
+    app.add_option("--signals-from", options_.signalsFrom, "File with more signals, one a line");
+    app.add_option("--event", options_.event,
+                   "Event of names without one: its number, its name, or auto (the A2L names it)")
+        ->check(notEmpty, "");
     addDuration(app, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
     app.add_option("-r,--record", options_.recordDirectory, "Recording directory");
     app.add_option("-p,--print-every", options_.printEvery, "Print every n-th record per DAQ list (0 = none)")
@@ -262,7 +271,17 @@ void MeasureCommand::addOptions(CLI::App& app) {
         ->check(CLI::IsMember({"losses", "outage", "empty"}));
 }
 
+Result<void> MeasureCommand::prepare(Form /*form*/) {
+    if (!options_.signalsFrom) return {};
+    auto names = readSignalList(*options_.signalsFrom, stopToken());
+    if (!names) return names.error();
+    options_.signals.insert(options_.signals.end(), names.value().begin(), names.value().end());
+    return {};
+}
+
 void MeasureCommand::overrule(session::SessionConfig& config) const {
+    if (options_.event)
+        config.daq.defaultEvent = session::parseDefaultEvent(*options_.event, config.daq.defaultEvent);
     config.display.exact = config.display.exact || options_.exact;
 }
 

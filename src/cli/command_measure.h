@@ -41,6 +41,8 @@ class MeasureCommand final : public ICommand {
   public:
     struct Options {
         std::vector<std::string> signals;
+        std::optional<std::string> signalsFrom;  ///< a file that names more of them
+        std::optional<std::string> event;
         double durationSeconds = 0;
         std::string recordDirectory;
         std::optional<std::uint32_t> printEvery;  ///< none: 100, as JSON 1
@@ -50,6 +52,7 @@ class MeasureCommand final : public ICommand {
 
     void addOptions(CLI::App& app) override;
     void overrule(session::SessionConfig& config) const override;
+    Result<void> prepare(Form form) override;
     bool isRecorded() const override { return !options_.recordDirectory.empty(); }
     int run(Workplace& place) override;
     const Options& options() const { return options_; }
