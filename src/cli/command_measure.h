@@ -14,6 +14,8 @@
 
 namespace lm::cli {
 
+class LiveTable;
+
 /// "measuring 3 signal(s) in 2 DAQ list(s), estimated bus load 1.5 % ... - Ctrl-C to stop".
 std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory);
 
@@ -29,6 +31,9 @@ std::string otherLosses(const session::MeasurementStats& stats);
 
 /// A line for each DAQ list that gave no record, then why, when that is known; without newlines.
 std::vector<std::string> silentLists(const session::MeasurementStats& stats);
+
+/// Every loss that either of them names, empty when there was none.
+std::string lossesInWords(const session::MeasurementStats& stats);
 
 /// Whether something of `failOn` ("losses", "outage", "empty") happened.
 bool failsOn(const std::vector<std::string>& failOn, const session::MeasurementStats& stats);
@@ -47,6 +52,7 @@ class MeasureCommand final : public ICommand {
         std::string recordDirectory;
         std::optional<std::uint32_t> printEvery;  ///< none: 100, as JSON 1
         bool exact = false;
+        bool table = false;
         std::vector<std::string> failOn;  ///< of "losses", "outage", "empty"
     };
 
@@ -58,7 +64,7 @@ class MeasureCommand final : public ICommand {
     const Options& options() const { return options_; }
 
   private:
-    Result<session::PlanSummary> start(Workplace& place) const;
+    Result<session::PlanSummary> start(Workplace& place, LiveTable* table) const;
     int finish(Workplace& place, const session::PlanSummary& summary, double seconds) const;
 
     Options options_;

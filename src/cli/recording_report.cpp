@@ -19,16 +19,6 @@ using storage::GroupReader;
 using storage::RecordingInfo;
 using storage::SignalInfo;
 
-std::string sizeText(std::uint64_t bytes) {
-    constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
-    if (bytes < 1000) return fmt::format("{} bytes", bytes);
-    auto size = static_cast<double>(bytes);
-    std::size_t unit = 0;
-    for (; size >= 1000 && unit + 1 < std::size(kUnits); ++unit)
-        size /= 1000;
-    return fmt::format("{:.1f} {}", size, kUnits[unit]);
-}
-
 std::string cycleText(std::int64_t cycleNs) {
     if (cycleNs <= 0) return "not cyclic";
     return formatGeneral(static_cast<double>(cycleNs) / 1e6) + " ms";
@@ -226,6 +216,16 @@ void writeGroup(JsonWriter& json, const GroupOverview& group, const RecordingInf
 }
 
 }  // namespace
+
+std::string sizeText(std::uint64_t bytes) {
+    constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
+    if (bytes < 1000) return fmt::format("{} bytes", bytes);
+    auto size = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; size >= 1000 && unit + 1 < std::size(kUnits); ++unit)
+        size /= 1000;
+    return fmt::format("{:.1f} {}", size, kUnits[unit]);
+}
 
 void RecordingReport::print(Output& output) const {
     printHead(overview_, output);

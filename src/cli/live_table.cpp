@@ -1,0 +1,180 @@
+#include "cli/live_table.h"
+
+#include <algorithm>
+#include <string>
+#include <unistd.h>
+#include <utility>
+#include <variant>
+
+#include <fmt/format.h>
+
+#include "cli/command_measure.h"
+#include "cli/measurement_lines.h"
+#include "cli/message_output.h"
+#include "cli/recording_overview.h"
+#include "cli/recording_report.h"
+#include "core/text.h"
+#include "xcp/text_lines.h"
+
+namespace lm::cli {
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenDrawings{100};
+constexpr std::chrono::milliseconds kBetweenCounts{500};
+constexpr std::chrono::seconds kRateSpan{2};
+constexpr std::chrono::seconds kBetweenSizes{1};
+
+double inSeconds(std::chrono::nanoseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+std::string rateText(double perSecond) {
+    return formatFixed(perSecond, perSecond >= 100 ? 0 : perSecond >= 10 ? 1 : 2) + "/s";
+}
+
+}  // namespace
+
+LiveTable::LiveTable(value::NumberStyle style, std::filesystem::path recording)
+    : style_(style), recording_(std::move(recording)) {}
+
+LiveTable::~LiveTable() {
+    finish();
+}
+
+void LiveTable::setPlan(const session::MeasurementPlan& plan) {
+    extremes_.setPlan(plan);
+    std::vector<SignalTable::Fixed> fixed;
+    for (const session::PlannedSignal& signal : plan.planned) {
+        columns_.push_back({printable(signal.element), signal.listIndex});
+        const value::Conversion& conversion = *signal.element.conversion;
+        fixed.push_back({xcp::printableText(signal.element.name),
+                         conversion.isVerbal() ? "" : xcp::printableText(conversion.unit())});
+    }
+    table_.emplace(std::move(fixed), greatestNumber());
+}
+
+void LiveTable::begin() {
+    holdMessages();
+    screen_.emplace(STDOUT_FILENO, STDIN_FILENO);
+}
+
+void LiveTable::finish() {
+    if (!screen_) return;
+    screen_->leave();
+    screen_.reset();
+    releaseMessages();
+}
+
+void LiveTable::takeKeys() {
+    const auto page = static_cast<std::ptrdiff_t>(std::max<std::size_t>(room_, 1));
+    const auto all = static_cast<std::ptrdiff_t>(table_->count());
+    for (const Key key : screen_->keys()) {
+        switch (key) {
+            case Key::up:
+                scroll(-1);
+                break;
+            case Key::down:
+                scroll(1);
+                break;
+            case Key::pageUp:
+                scroll(-page);
+                break;
+            case Key::pageDown:
+                scroll(page);
+                break;
+            case Key::home:
+                scroll(-all);
+                break;
+            case Key::end:
+                scroll(all);
+                break;
+        }
+    }
+    nextDraw_ = Clock::now();
+}
+
+void LiveTable::scroll(std::ptrdiff_t by) {
+    const auto last = static_cast<std::ptrdiff_t>(table_->count() - std::min(room_, table_->count()));
+    first_ = static_cast<std::size_t>(
+        std::clamp<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(first_) + by, 0, last));
+}
+
+void LiveTable::countRecords(Clock::time_point now) {
+    if (!counted_.empty() && now - counted_.back().time < kBetweenCounts) return;
+    Counted counted{now, {}};
+    for (const SignalExtremes::List& list : seen_.lists)
+        counted.records.push_back(list.records);
+    counted_.push_back(std::move(counted));
+    while (counted_.size() > 2 && now - counted_[1].time >= kRateSpan)
+        counted_.pop_front();
+}
+
+/// Of the last two seconds; of a slower list from its last two records, as long as the next one is not late.
+double LiveTable::rateOf(std::size_t number, Clock::time_point now) const {
+    const SignalExtremes::List& list = seen_.lists[number];
+    const Counted& oldest = counted_.front();
+    const double span = inSeconds(now - oldest.time);
+    const std::uint64_t records = list.records - oldest.records[number];
+    if (records >= 2 && span > 0.2) return static_cast<double>(records) / span;
+    const std::int64_t nowNs = std::chrono::nanoseconds(now.time_since_epoch()).count();
+    const std::int64_t period = list.lastNs - list.beforeNs;
+    const bool isLate = nowNs - list.lastNs > 2 * period;
+    return list.records < 2 || period <= 0 || isLate ? 0 : 1e9 / static_cast<double>(period);
+}
+
+TableStatus LiveTable::status(const session::Session& session, double seconds) {
+    const session::MeasurementStats stats = session.statistics();
+    if (!recording_.empty() && Clock::now() >= nextSize_) {
+        size_ = sizeText(directorySize(recording_)) + " recorded";
+        nextSize_ = Clock::now() + kBetweenSizes;
+    }
+    const std::string losses = lossesInWords(stats);
+    TableStatus status;
+    status.summary = fmt::format("{} s  {}  {} records{}{}", formatFixed(seconds, 1),
+                                 session::sessionStateName(session.state()), stats.records,
+                                 losses.empty() ? ", no losses" : "", size_.empty() ? "" : ", " + size_);
+    if (!losses.empty()) status.losses = "LOSSES: " + losses;
+    status.message = lastMessage();
+    return status;
+}
+
+std::string LiveTable::valueText(const Column& column, bool known, const SignalExtremes::Bytes& bytes) const {
+    if (!known) return "-";
+    std::string text = value::valueText(column.element, bytes.data(), style_);
+    if (text.size() <= greatestNumber()) return text;
+    const value::Value physical =
+        value::physicalValue(column.element, value::rawValue(column.element, bytes.data()));
+    // A number is not cut.
+    return std::holds_alternative<std::string>(physical) ? text : formatGeneral(value::toDouble(physical));
+}
+
+std::size_t LiveTable::greatestNumber() const {
+    constexpr std::size_t kReadable = 13;
+    constexpr std::size_t kAllDigits = 26;
+    return style_ == value::NumberStyle::exact ? kAllDigits : kReadable;
+}
+
+SignalRow LiveTable::row(std::size_t signal, Clock::time_point now) const {
+    const Column& column = columns_[signal];
+    const SignalExtremes::Signal& seen = seen_.signals[signal];
+    return {valueText(column, seen.seen, seen.last), valueText(column, seen.ranged, seen.least),
+            valueText(column, seen.ranged, seen.greatest), rateText(rateOf(column.list, now))};
+}
+
+void LiveTable::update(const session::Session& session, double seconds) {
+    const auto now = Clock::now();
+    if (now < nextDraw_) return;
+    nextDraw_ = now + kBetweenDrawings;
+    extremes_.copyTo(seen_);
+    countRecords(now);
+    const TableStatus shown = status(session, seconds);
+    const ScreenSize size = screen_->size();
+    room_ = table_->room(size, shown);
+    scroll(0);
+    std::vector<SignalRow> rows;
+    for (std::size_t i = first_; i < std::min(first_ + room_, table_->count()); ++i)
+        rows.push_back(row(i, now));
+    screen_->draw(table_->lines(size, shown, first_, rows));
+}
+
+}  // namespace lm::cli
