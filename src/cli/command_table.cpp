@@ -62,6 +62,7 @@ constexpr CommandRow kCommands[] = {
      R"(  xcplumo-cli -c demo.json measure
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r first
   xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s wave@cyclic_10ms
+  xcplumo-cli -c demo.json measure --table
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
 With --json -p is 1 when it is not given.)",
      Needs::connection, Form::jsonLines, make<MeasureCommand>},

@@ -40,6 +40,7 @@ class MessageOutput {
 
     /// Whole lines; `shown` is the text as last() gives it.
     void print(std::string_view text, std::string_view shown);
+    void print(std::string_view text) { print(text, text); }
 
     /// From now on texts are kept for release(), as far as the queue has room.
     void hold();

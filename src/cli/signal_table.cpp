@@ -14,6 +14,7 @@ namespace {
 constexpr std::size_t kGap = 2;
 constexpr std::size_t kLeastName = 16;
 constexpr std::size_t kGreatestName = 48;
+constexpr std::size_t kLeastUnit = 4;
 constexpr std::size_t kGreatestUnit = 12;
 constexpr std::size_t kLeastNumber = 9;
 constexpr std::size_t kRate = 9;
@@ -74,10 +75,14 @@ std::vector<std::string> wrapped(std::string text, std::size_t width) {
 }  // namespace
 
 SignalTable::SignalTable(std::vector<Fixed> signals, std::size_t number)
-    : signals_(std::move(signals)), greatestNumber_(number), wanted_{kLeastName, kLeastNumber, 0, kLeastNumber, kRate} {
+    : signals_(std::move(signals)),
+      greatestNumber_(number),
+      wanted_{kLeastName, kLeastNumber, 0, kLeastNumber, kRate} {
     for (const Fixed& signal : signals_) {
         wanted_.name = std::max(wanted_.name, std::min(characterCount(signal.name), kGreatestName));
-        wanted_.unit = std::max(wanted_.unit, std::min(characterCount(signal.unit), kGreatestUnit));
+        if (!signal.unit.empty())
+            wanted_.unit =
+                std::max({wanted_.unit, kLeastUnit, std::min(characterCount(signal.unit), kGreatestUnit)});
     }
 }
 
@@ -121,8 +126,9 @@ std::vector<ScreenLine> SignalTable::statusLines(ScreenSize size, const TableSta
 std::size_t SignalTable::room(ScreenSize size, const TableStatus& status) const {
     const std::size_t taken = statusLines(size, status).size() + 1;
     const std::size_t left = size.height > taken ? size.height - taken : 0;
+    if (left >= count()) return count();
     // The last line tells which of them are shown.
-    return left < count() ? left - std::min<std::size_t>(left, 1) : count();
+    return left >= 2 ? left - 1 : left;
 }
 
 std::string SignalTable::rowText(const Widths& widths, const Fixed& fixed, const SignalRow& row) {
@@ -151,10 +157,10 @@ std::vector<ScreenLine> SignalTable::lines(ScreenSize size, const TableStatus& s
     }
     const Widths widths = fitted(size.width);
     std::vector<ScreenLine> lines = statusLines(size, status);
-    lines.push_back({left(rowText(widths, {"signal", "unit"}, {"value", "min", "max", "rate"}), size.width),
-                     ScreenLine::Style::heading});
+    const std::string heading = rowText(widths, {"signal", "unit"}, {"value", "min", "max", "rate"});
+    lines.push_back({left(clipped(heading, size.width), size.width), ScreenLine::Style::heading});
     for (std::size_t i = 0; i < rows.size(); ++i)
-        lines.push_back({rowText(widths, signals_[first + i], rows[i])});
+        lines.push_back({clipped(rowText(widths, signals_[first + i], rows[i]), size.width)});
     if (rows.size() < count()) {
         const std::string place = fmt::format("signals {}-{} of {}, the arrow keys scroll", first + 1,
                                               first + rows.size(), count());

@@ -9,10 +9,11 @@ class Screen:
 
     def __init__(self, rows=24, columns=80):
         self.cells, self.row, self.column, self.alternate, self.strange = {}, 0, 0, False, []
-        self.rows, self.columns = rows, columns
+        self.rows, self.columns, self.most = rows, columns, (rows, columns)
 
     def resize(self, rows, columns):
         self.rows, self.columns = rows, columns
+        self.most = max(self.most[0], rows), max(self.most[1], columns)
 
     def feed(self, text):
         for private, numbers, command, character in TOKEN.findall(text):
@@ -35,7 +36,8 @@ class Screen:
         elif character == "\n":
             self.row += 1
         else:
-            if self.row >= self.rows or self.column >= self.columns:
+            # What the program sends while the size changes may still fit the old one.
+            if self.alternate and (self.row >= self.most[0] or self.column >= self.most[1]):
                 self.strange.append((self.row, self.column, character))
             self.cells[self.row, self.column] = character
             self.column += 1

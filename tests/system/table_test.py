@@ -1,14 +1,12 @@
 """`measure --table` on a terminal of its own: what its screen shows, its keys, and that the terminal is as it was."""
-import json
 import os
 import re
 import signal
-import subprocess
 import termios
 import unittest
 
 import harness
-from harness import CLI, SystemTest, Terminal, wait_until
+from harness import SystemTest, Terminal, wait_until
 from screen import Screen
 
 ROW = re.compile(r"^(\S+) +(\S.*?)  +(?:([a-zA-Z%]+) +)?(\S+) +(\S+) +([\d.]+)/s$")
@@ -22,11 +20,12 @@ class Table:
         self.screen, self.fed = Screen(rows, columns), 0
 
     def lines(self):
-        """The screen after a whole drawing: what has come so far, and a moment in which nothing comes."""
+        """The screen after the last line that has come as a whole."""
         text = self.terminal.screen
-        cut = text.rfind("\x1b[K") + 3 if self.screen.alternate else len(text)
-        self.screen.feed(text[self.fed:max(cut, self.fed)])
-        self.fed = max(cut, self.fed)
+        drawing = text.rfind("\x1b[?1049h") > text.rfind("\x1b[?1049l")
+        cut = max(text.rfind("\x1b[K") + 3, self.fed) if drawing else len(text)
+        self.screen.feed(text[self.fed:cut])
+        self.fed = cut
         return self.screen.lines()
 
     def wait_for(self, condition, what):
@@ -41,7 +40,7 @@ class Table:
     def wait_rows(self, count, first):
         """Waits for that many rows with values, of which the first is of that signal; returns name to row."""
         def rows(lines):
-            return [found for found in map(ROW.match, lines) if found]
+            return [found for found in map(ROW.match, lines) if found and found[2] != "-"]
         self.wait_for(lambda lines: len(rows(lines)) == count and rows(lines)[0][1] == first,
                       f"{count} rows, the first {first}")
         return {row[1]: row for row in rows(self.lines())}
@@ -128,7 +127,7 @@ class TableTest(SystemTest):
 
     def test_ctrl_z_and_an_abort_give_the_terminal_back(self):
         sim = self.start_sim()
-        for number, code in ((signal.SIGQUIT, -signal.SIGQUIT), (signal.SIGINT, 0)):
+        for key, told in ((b"\x1c", "Quit"), (b"\x03", "records, lost ODTs")):
             # A shell with job control between: without one nothing can stop the tool and start it again.
             shell = Table(["bash", "--norc", "--noprofile", "-i"], self.env | {"PS1": "$ "})
             self.addCleanup(shell.terminal.close)
@@ -137,13 +136,15 @@ class TableTest(SystemTest):
             shell.terminal.type(f"{line}; echo \"[$?]\"\n".encode())
             shell.wait_rows(1, "counter_1ms")
             shell.terminal.type(b"\x1a")
-            shell.terminal.wait_for("Stopped")
-            self.assertTrue(shell.terminal.screen.rfind("\x1b[?1049l") < shell.terminal.screen.rfind("Stopped"))
+            shell.terminal.wait_for("[148]")
+            wait_until(lambda: shell.terminal.wait_for("$ ") or shell.terminal.screen.endswith("$ "), "the prompt")
+            shell.lines()
+            self.assertFalse(shell.screen.alternate)
             shell.terminal.type(b"fg\n")
-            wait_until(lambda: shell.lines() and shell.screen.alternate or shell.terminal.wait_for("$ "), "the table again")
             shell.wait_rows(1, "counter_1ms")
-            shell.terminal.type({signal.SIGQUIT: b"\x1c", signal.SIGINT: b"\x03"}[number])
-            shell.terminal.wait_for("[131]" if code else "records, lost ODTs")
+            shell.terminal.type(key)
+            shell.terminal.wait_for(told)
+            wait_until(lambda: shell.terminal.wait_for("$ ") or shell.terminal.screen.endswith("$ "), "the prompt")
             shell.terminal.type(b"stty -a; exit\n")
             shell.terminal.wait_for("")
             self.assertRegex(shell.terminal.screen, r" icanon .* echo ")
