@@ -20,8 +20,8 @@ namespace lm::cli {
 namespace {
 
 constexpr std::chrono::milliseconds kBetweenDrawings{100};
-constexpr std::chrono::milliseconds kBetweenCounts{500};
-constexpr std::chrono::seconds kRateSpan{2};
+constexpr std::chrono::milliseconds kBetweenCounts{250};
+constexpr std::chrono::seconds kRateSpan{1};
 constexpr std::chrono::seconds kBetweenSizes{1};
 
 double inSeconds(std::chrono::nanoseconds time) {
@@ -109,7 +109,7 @@ void LiveTable::countRecords(Clock::time_point now) {
         counted_.pop_front();
 }
 
-/// Of the last two seconds; of a slower list from its last two records, as long as the next one is not late.
+/// Of the last second; of a slower list from its last two records, as long as the next one is not late.
 double LiveTable::rateOf(std::size_t number, Clock::time_point now) const {
     const SignalExtremes::List& list = seen_.lists[number];
     const Counted& oldest = counted_.front();

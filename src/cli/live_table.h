@@ -74,7 +74,7 @@ class LiveTable {
     std::vector<Column> columns_;
     std::optional<SignalTable> table_;
     std::optional<TerminalScreen> screen_;
-    std::deque<Counted> counted_;  ///< of the last seconds, oldest first
+    std::deque<Counted> counted_;  ///< of the last second, oldest first
     std::size_t first_ = 0;        ///< signal on the first row
     std::size_t room_ = 0;         ///< rows of the last drawing
     Clock::time_point nextDraw_;
