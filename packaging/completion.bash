@@ -45,6 +45,7 @@ _xcplumo_complete() {
     case ${words[-2]} in
         -c | --config | --a2l | --signals-from | --serial* | -o | --output | -r | --record | --memory-file | --write-*) _xcplumo_files ;;
         -i | --interface | --can) _xcplumo_offer "$word" "$(ls /sys/class/net)" ;;
+        --event) _xcplumo_offer "$word" auto ;;
         --reconnect) _xcplumo_offer "$word" abort retry retry_forever ;;
         --fail-on) _xcplumo_offer "$word" losses outage empty ;;
         -s | --signal) [ "${command[0]}" != measure ] || _xcplumo_names "$word" -m ;;

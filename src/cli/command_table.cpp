@@ -61,7 +61,7 @@ constexpr CommandRow kCommands[] = {
     {"measure", "DAQ measurement with optional recording",
      R"(  xcplumo-cli -c demo.json measure
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r first
-  xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s wave@cyclic_10ms
+  xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s engine_speed@cyclic_10ms
   xcplumo-cli -c demo.json measure --table
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
 With --json -p is 1 when it is not given.)",

@@ -43,7 +43,7 @@ class TerminalScreen {
     void leave();
 
     /// For poll(): readable when keys have been pressed; -1 when none are to be read.
-    int keyDescriptor() const { return entered_ && hasKeys_ ? input_ : -1; }
+    int keyDescriptor() const { return entered_ && hasKeys_ && inForeground() ? input_ : -1; }
     /// Those pressed since.
     std::vector<Key> keys();
 

@@ -179,7 +179,7 @@ std::string foreignEventWarning(const MeasurementPlan& plan) {
     std::string text = "event " + std::to_string(first->event) +
                        " is not among those that the A2L names for '" + first->element.name + "'";
     if (count > 1) text += " (nor for " + std::to_string(count - 1) + " more signal(s))";
-    return text + ", --event auto measures each signal in one of its own";
+    return text + ", --event auto measures names without @EVENT in one of their own";
 }
 
 }  // namespace lm::session

@@ -63,7 +63,7 @@ TEST_F(MeasurementPlanTest, SignalsFollowTheirEventsAndKeepTheOrderAskedFor) {
               "turned: a recording cannot say what its BIT_OPERATION does, measure it without recording");
     EXPECT_EQ(foreignEventWarning(std::move(plan({"speed", "speed@2"})).value()),
               "event 0 is not among those that the A2L names for 'speed' (nor for 1 more signal(s)), "
-              "--event auto measures each signal in one of its own");
+              "--event auto measures names without @EVENT in one of their own");
 }
 
 // Names and events of what is chosen, then the warnings; or the error.
