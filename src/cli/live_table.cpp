@@ -22,6 +22,8 @@ namespace {
 constexpr std::chrono::milliseconds kBetweenDrawings{100};
 constexpr std::chrono::milliseconds kBetweenCounts{250};
 constexpr std::chrono::seconds kRateSpan{1};
+/// What a bunch of records may be late.
+constexpr std::chrono::milliseconds kGrace{500};
 constexpr std::chrono::seconds kBetweenSizes{1};
 
 double inSeconds(std::chrono::nanoseconds time) {
@@ -101,25 +103,29 @@ void LiveTable::scroll(std::ptrdiff_t by) {
 
 void LiveTable::countRecords(Clock::time_point now) {
     if (!counted_.empty() && now - counted_.back().time < kBetweenCounts) return;
-    Counted counted{now, {}};
-    for (const SignalExtremes::List& list : seen_.lists)
-        counted.records.push_back(list.records);
-    counted_.push_back(std::move(counted));
+    counted_.push_back({now, seen_.lists});
     while (counted_.size() > 2 && now - counted_[1].time >= kRateSpan)
         counted_.pop_front();
 }
 
-/// Of the last second; of a slower list from its last two records, as long as the next one is not late.
+/// Of the last second; of a slower list from its last two records; 0 once the next one is late. By the times
+/// at which they were received: they may be handed on in bunches.
 double LiveTable::rateOf(std::size_t number, Clock::time_point now) const {
     const SignalExtremes::List& list = seen_.lists[number];
-    const Counted& oldest = counted_.front();
-    const double span = inSeconds(now - oldest.time);
-    const std::uint64_t records = list.records - oldest.records[number];
-    if (records >= 2 && span > 0.2) return static_cast<double>(records) / span;
-    const std::int64_t nowNs = std::chrono::nanoseconds(now.time_since_epoch()).count();
-    const std::int64_t period = list.lastNs - list.beforeNs;
-    const bool isLate = nowNs - list.lastNs > 2 * period;
-    return list.records < 2 || period <= 0 || isLate ? 0 : 1e9 / static_cast<double>(period);
+    const SignalExtremes::List& then = counted_.front().lists[number];
+    std::uint64_t records = list.records - then.records;
+    std::int64_t sinceNs = then.lastNs;
+    if (then.records == 0) {
+        records = list.records - std::min<std::uint64_t>(list.records, 1);
+        sinceNs = list.firstNs;
+    } else if (records == 0) {
+        records = list.records > 1 ? 1 : 0;
+        sinceNs = list.beforeNs;
+    }
+    if (records == 0 || list.lastNs <= sinceNs) return 0;
+    const double perSecond = static_cast<double>(records) * 1e9 / static_cast<double>(list.lastNs - sinceNs);
+    const double silence = inSeconds(now.time_since_epoch()) - static_cast<double>(list.lastNs) / 1e9;
+    return silence > 2 / perSecond + inSeconds(kGrace) ? 0 : perSecond;
 }
 
 TableStatus LiveTable::status(const session::Session& session, double seconds) {

@@ -49,10 +49,10 @@ class LiveTable {
     int failure() const { return screen_ ? screen_->failure() : 0; }
 
   private:
-    /// How many records each list had at a time.
+    /// What the lists had at a time.
     struct Counted {
         Clock::time_point time;
-        std::vector<std::uint64_t> records;
+        std::vector<SignalExtremes::List> lists;
     };
     struct Column {
         value::Element element;

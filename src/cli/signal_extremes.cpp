@@ -69,7 +69,7 @@ void SignalExtremes::onRecord(const xcp::DaqRecord& record) {
     const std::lock_guard lock(mutex_);
     if (record.listIndex >= columns_.size()) return;
     List& list = now_.lists[record.listIndex];
-    ++list.records;
+    if (list.records++ == 0) list.firstNs = list.lastNs = record.receiveTimeNs;
     list.beforeNs = std::exchange(list.lastNs, record.receiveTimeNs);
     for (Column& column : columns_[record.listIndex]) {
         if (column.offset + column.element.size() > record.size) continue;

@@ -31,7 +31,8 @@ class SignalExtremes final : public xcp::IDaqRecordSink {
     };
     struct List {
         std::uint64_t records = 0;
-        std::int64_t lastNs = 0;  ///< when the last one was received, host steady clock
+        std::int64_t firstNs = 0;  ///< when the first one was received, host steady clock
+        std::int64_t lastNs = 0;
         std::int64_t beforeNs = 0;
     };
     struct Snapshot {
