@@ -177,6 +177,7 @@ class Description {
     /// object.
     const Measurement* findMeasurement(std::string_view name) const;
     const Characteristic* findCharacteristic(std::string_view name) const;
+    const AxisPoints* findAxisPoints(std::string_view name) const;
     const CompuMethod* findCompuMethod(std::string_view name) const;
     const CompuTab* findCompuTab(std::string_view name) const;
     const CompuVtab* findCompuVtab(std::string_view name) const;
@@ -206,6 +207,8 @@ class Description {
     /// What was left out while loading ("skipped: ..." with object kind, name, reason and line), and what is
     /// odd, with a line; in file order.
     std::vector<std::string> warnings;
+    /// What was left out and nobody misses, with its line.
+    std::vector<std::string> notes;
 
   private:
     friend class Parser;

@@ -106,7 +106,7 @@ std::optional<std::string> converted(std::string_view text, bool isUtf8) {
 
 Error cannotOpen(const std::filesystem::path& path, int systemError) {
     const ErrorCode code = systemError == ENOENT ? ErrorCode::notFound : ErrorCode::ioError;
-    return Error{code, "cannot open A2L file " + path.string(), systemError, Error::kNoDetail};
+    return Error::withReasonAsHint(code, systemError, "cannot open A2L file " + path.string());
 }
 
 Error cannotRead(const std::filesystem::path& path, int systemError) {

@@ -9,15 +9,11 @@
 #include <span>
 
 #include "cli/results.h"
-#include "session/session_config.h"
+#include "session/session.h"
 
 namespace CLI {
 class App;
 }
-namespace lm::session {
-class Session;
-}
-
 namespace lm::cli {
 
 class Console;
@@ -51,8 +47,9 @@ class ICommand {
     virtual void overrule(session::SessionConfig& /*config*/) const {}
     /// What can be found out before anything is opened. Error: why the command cannot run.
     virtual Result<void> prepare(Form /*form*/) { return {}; }
-    /// A recording will tell the A2L's digest.
-    virtual bool isRecorded() const { return false; }
+    /// What it needs under its options, of what its row says.
+    virtual Needs needs(Needs most) const { return most; }
+    virtual session::SessionOptions sessionOptions() const { return {}; }
     /// Returns the exit code; errors have been told to the results.
     virtual int run(Workplace& place) = 0;
 };

@@ -2,9 +2,11 @@
 
 #include <cstdint>
 
+#include <CLI/App.hpp>
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include "cli/offline_info.h"
 #include "cli/stop_signal.h"
 #include "core/text.h"
 #include "xcp/text_lines.h"
@@ -52,7 +54,8 @@ class InfoReport final : public IReport {
     }
 
     void print(Output& output) const override {
-        output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(session_.ecuName()),
+        const std::string name = session_.ecuName().empty() ? "unnamed" : session_.ecuName();
+        output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(name),
                                   session_.medium().texts().description));
         output.append(connectLines(session_.connectInfo()));
         if (session_.daqCapabilities()) output.append(daqLines(*session_.daqCapabilities()));
@@ -118,7 +121,12 @@ void writeEcu(JsonWriter& json, const session::Session& session) {
     json.endObject();
 }
 
+void InfoCommand::addOptions(CLI::App& app) {
+    app.add_flag("--offline", offline_, "What the A2L says: transports, protocol, DAQ (no connection)");
+}
+
 int InfoCommand::run(Workplace& place) {
+    if (offline_) return showOfflineInfo(place);
     place.results.show(InfoReport(*place.session));
     return stopRequested() ? 1 : 0;
 }

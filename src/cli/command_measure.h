@@ -59,7 +59,9 @@ class MeasureCommand final : public ICommand {
     void addOptions(CLI::App& app) override;
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
-    bool isRecorded() const override { return !options_.recordDirectory.empty(); }
+    session::SessionOptions sessionOptions() const override {
+        return {.digest = !options_.recordDirectory.empty()};
+    }
     int run(Workplace& place) override;
     const Options& options() const { return options_; }
 

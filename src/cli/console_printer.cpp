@@ -23,6 +23,11 @@ std::size_t pieceLength(std::string_view text) {
     return lineEnd == std::string_view::npos ? NonblockingOutput::kMaxWrite : lineEnd + 1;
 }
 
+constexpr std::string_view kLossHint =
+    "hint: the ECU is off or out of reach, has stopped the measurement, or another master has connected to "
+    "it "
+    "(one ECU serves one master, the last)\n";
+
 std::uint64_t countLines(std::string_view text) {
     return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
 }
@@ -90,7 +95,10 @@ void Console::enqueueLine(const std::string& line) {
 void Console::onStateChanged(session::SessionState state, const std::string& message) {
     if (lines_) enqueueLine(lines_->state(state, message));
     if (message.empty()) return;
-    printMessage(std::string("** ") + session::sessionStateName(state) + ": " + message + "\n");
+    std::string lines = std::string("** ") + session::sessionStateName(state) + ": " + message + "\n";
+    const bool lost = state == session::SessionState::reconnecting || state == session::SessionState::failed;
+    if (lost && !lossExplained_.exchange(true)) lines += kLossHint;
+    printMessage(lines);
 }
 
 void Console::finishPrinting(std::chrono::milliseconds limit) {

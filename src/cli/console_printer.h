@@ -88,6 +88,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     const int descriptor_;
     const int wakeUp_;  ///< eventfd: a deadline has been set
     std::uint32_t interval_ = 0;
+    std::atomic<bool> lossExplained_{false};
     std::unique_ptr<const IMeasurementLines> lines_;
 
     std::thread printer_;

@@ -94,8 +94,13 @@ bool reportOutputFailure(int systemError) {
 }
 
 void printError(std::string_view prefix, const Error& error) {
+    const std::string hint = error.hint.empty() ? "" : hintLine(error);
     printMessage(std::string(prefix) + (prefix.empty() ? "" : ": ") + xcp::printableText(error.text()) +
-                 "\n");
+                 "\n" + hint);
+}
+
+std::string hintLine(const Error& error) {
+    return "hint: " + xcp::printableText(error.hint) + "\n";
 }
 
 }  // namespace lm::cli

@@ -49,7 +49,10 @@ class Output {
 /// "output: REASON" on standard error, unless the reason is a reader that went away. True when printed.
 bool reportOutputFailure(int systemError);
 
-/// "PREFIX: TEXT\n" on standard error, only "TEXT\n" for an empty prefix.
+/// "PREFIX: TEXT\n" on standard error, only "TEXT\n" for an empty prefix; then the hint, if there is one.
 void printError(std::string_view prefix, const Error& error);
+
+/// "hint: TEXT\n"
+std::string hintLine(const Error& error);
 
 }  // namespace lm::cli

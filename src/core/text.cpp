@@ -53,7 +53,21 @@ std::size_t utf8SequenceLength(std::string_view text) {
     return 0;
 }
 
+constexpr std::array<char, 256> kLower = [] {
+    std::array<char, 256> table{};
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        table[i] = static_cast<char>(i >= 'A' && i <= 'Z' ? i + ('a' - 'A') : i);
+    }
+    return table;
+}();
+
 }  // namespace
+
+void lowerAsciiInto(std::string& lowered, std::string_view text) {
+    lowered.resize(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i)
+        lowered[i] = kLower[static_cast<unsigned char>(text[i])];
+}
 
 bool isValidUtf8(std::string_view text) {
     std::size_t at = 0;

@@ -21,6 +21,9 @@ std::string windows1252ToUtf8(std::string_view bytes);
 /// UTF-16 without its byte order mark to UTF-8; a lone surrogate or a last odd byte becomes U+FFFD.
 std::string utf16ToUtf8(std::string_view bytes, bool bigEndian);
 
+/// ASCII letters become small, all other bytes stay; `lowered` keeps its storage for many texts.
+void lowerAsciiInto(std::string& lowered, std::string_view text);
+
 /// How the digits of an unsigned number are read.
 enum class NumberBase : std::uint8_t {
     decimal,    ///< digits only

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "session/measurement_plan.h"
+#include "session/refusal_hint.h"
 
 namespace lm::session {
 namespace {
@@ -81,9 +82,14 @@ Measurement::~Measurement() {
 /// Downloads the plan, installs a fresh decoder, starts DAQ.
 Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
     xcp::Master& master = context_.master;
-    const auto firstPids =
-        xcp::inStep(master, [&] { return master.configureDaq(plan_.daq, context_.config.daq.firstPid); });
-    if (!firstPids.ok()) return firstPids.error();
+    xcp::DaqRefusal refusal;
+    const auto firstPids = xcp::inStep(
+        master, [&] { return master.configureDaq(plan_.daq, context_.config.daq.firstPid, refusal); });
+    if (!firstPids.ok()) {
+        Error error = firstPids.error();
+        if (error.detail != Error::kNoDetail) error.hint = refusalHint(plan_, capabilities, refusal);
+        return error;
+    }
     removeDecoder();
     {
         const std::lock_guard lock(decoderMutex_);

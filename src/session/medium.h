@@ -32,6 +32,7 @@ struct MediumTexts {
     std::string name;         ///< "can:INTERFACE", "udp:HOST:PORT" or "serial:PORT"
     std::string description;  ///< as `info` shows it: "XCP on UDP/IP, HOST:PORT"
     std::string source;       ///< as a recording tells it, see storage/format/recording_source.h
+    std::string silence;      ///< where no one answered, and why that may be
 };
 
 /// Counters that the statistics line shows whatever the medium is.

@@ -368,7 +368,9 @@ std::string dumped(const ordered_json& document, ordered_json::error_handler_t o
 Result<std::string> readWhole(const std::filesystem::path& path, const StopToken& stop) {
     const int file = openForReading(path);
     if (file < 0) {
-        return Error{ErrorCode::notFound, "cannot open configuration " + path.string(), errno};
+        const int reason = errno;
+        return Error::withReasonAsHint(ErrorCode::notFound, reason,
+                                       "cannot open configuration " + path.string());
     }
     std::string text;
     std::array<char, 16384> block;
@@ -451,8 +453,7 @@ Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionC
         return Error{ErrorCode::invalidArgument, "cannot write " + path.string() + ": " + e.what()};
     }
     if (const int failure = replaceOrWrite(path, text); failure != 0) {
-        spdlog::debug("{}: {}", path.string(), std::strerror(failure));
-        return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
+        return Error::withReasonAsHint(codeFromErrno(failure), failure, "cannot write " + path.string());
     }
     return {};
 }

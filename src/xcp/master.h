@@ -102,7 +102,13 @@ class Master final : public IPacketSink {
     /// errors: protocolError "START_STOP_DAQ_LIST: the ECU's first PIDs ..." when with absolute
     /// identification the slave's own numbers collide.
     Result<std::vector<std::uint8_t>> configureDaq(const DaqPlan& plan, FirstPids source = FirstPids::told) {
-        return daq_.configure(plan, source);
+        DaqRefusal refusal;
+        return daq_.configure(plan, source, refusal);
+    }
+    /// The same; `refusal` tells what an entry or a list was that could not be set.
+    Result<std::vector<std::uint8_t>> configureDaq(const DaqPlan& plan, FirstPids source,
+                                                   DaqRefusal& refusal) {
+        return daq_.configure(plan, source, refusal);
     }
     Result<void> startDaq() { return daq_.start(); }
     Result<void> stopDaq() { return daq_.stop(); }
