@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <unistd.h>
 #include <utility>
 
 #include "core/stoppable_input.h"

@@ -68,6 +68,7 @@ struct Object {
     bool guardRails = false;  ///< the outermost values are made of their neighbours
     TextEncoding encoding = TextEncoding::notGiven;
     std::vector<std::uint16_t> events;  ///< event channels the A2L names for a measurement
+    std::optional<std::uint16_t> preferredEvent;  ///< of them: a fixed one, else a default, else an available
     /// Elements along X, Y, ...: all there can be. None for a scalar.
     std::vector<std::uint32_t> dimensions;
     std::vector<Axis> axes;  ///< X, Y, ...; of AXIS_PTS its points

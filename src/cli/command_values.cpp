@@ -14,10 +14,10 @@
 #include "cli/recording_plot.h"
 #include "cli/stop_signal.h"
 #include "cli/value_json.h"
+#include "core/printable_text.h"
 #include "session/name_pattern.h"
 #include "session/session.h"
 #include "value/typed_text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -122,10 +122,12 @@ std::vector<std::string> expanded(const std::vector<std::string>& names, Workpla
         }
         std::vector<std::string> matches = session::namesMatching(description, name);
         const std::size_t found = matches.size();
-        std::erase_if(matches, [&](const std::string& match) { return !place.session->objects().exists(match); });
+        std::erase_if(matches,
+                      [&](const std::string& match) { return !place.session->objects().exists(match); });
         if (matches.size() < found && !matches.empty()) {
-            printMessage(fmt::format("'{}' matches {} object(s), {} of which cannot be read and are left out\n",
-                                     xcp::printableText(name), found, found - matches.size()));
+            printMessage(
+                fmt::format("'{}' matches {} object(s), {} of which cannot be read and are left out\n",
+                            printableText(name), found, found - matches.size()));
         }
         if (matches.empty()) matches.push_back(name);
         std::move(matches.begin(), matches.end(), std::back_inserter(all));
@@ -174,15 +176,14 @@ int getAll(const std::vector<std::string>& typed, bool plot, Workplace& place) {
 }
 
 void announceDependents(std::string_view name, const std::vector<std::string>& dependents) {
-    printMessage(xcp::printableText(fmt::format("{}: what depends on it is computed and written, too: {}",
-                                                name, fmt::join(dependents, ", "))) +
+    printMessage(printableText(fmt::format("{}: what depends on it is computed and written, too: {}", name,
+                                           fmt::join(dependents, ", "))) +
                  "\n");
 }
 
 bool assignObject(const session::WriteWish& wish, Workplace& place) {
-    const auto writing = place.session->writeObject(wish, [&](const std::vector<std::string>& dependents) {
-        announceDependents(wish.name, dependents);
-    });
+    const auto writing = place.session->writeObject(
+        wish, [&](const std::vector<std::string>& dependents) { announceDependents(wish.name, dependents); });
     const ObjectStyle style{numberStyle(place.session->config()), std::nullopt};
     place.results.show(ObjectWriteReport(wish, writing, style));
     if (!writing.value) place.results.hint(writing.value.error());
@@ -231,9 +232,10 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
 }
 
 void GetCommand::addOptions(CLI::App& app) {
-    app.add_option("names", names_,
-                   "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
-                   "axis; * and ? match")
+    app.add_option(
+           "names", names_,
+           "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
+           "axis; * and ? match")
         ->required();
     app.add_flag("--plot", plot_, "Draw curves as lines and colour maps");
     addExact(app, exact_);

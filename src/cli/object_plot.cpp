@@ -8,8 +8,8 @@
 #include <fmt/format.h>
 
 #include "cli/object_table.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -55,17 +55,18 @@ std::string legend(const a2l::ObjectContent& content, const storage::ValueRange&
     std::string text = "  " + conversion.formatPhysical(range.minimum) + " ";
     for (const int colour : kColours)
         text += fmt::format("\x1b[48;5;{}m  \x1b[0m", colour);
-    return text + " " + conversion.formatPhysical(range.maximum) + " " +
-           xcp::printableText(conversion.unit()) + "\n";
+    return text + " " + conversion.formatPhysical(range.maximum) + " " + printableText(conversion.unit()) +
+           "\n";
 }
 
 std::string heatTable(const a2l::ObjectContent& content, value::NumberStyle style) {
     const std::vector<double> numbers = physicalNumbers(content);
     const storage::ValueRange range = finiteRange(numbers);
     if (range.isEmpty()) return objectTable(content, style);
-    return objectTable(content, style, [&](std::size_t number, const std::string& text) {
-               return coloured(text, numbers[number], range);
-           }) +
+    return objectTable(content, style,
+                       [&](std::size_t number, const std::string& text) {
+                           return coloured(text, numbers[number], range);
+                       }) +
            legend(content, range);
 }
 
@@ -88,8 +89,8 @@ std::vector<double> placesOf(const std::vector<double>& points, std::size_t coun
 }
 
 /// Of a line through the points, the values of each column.
-std::vector<storage::ValueRange> columnsOf(const std::vector<double>& places, const std::vector<double>& values,
-                                           std::size_t count) {
+std::vector<storage::ValueRange> columnsOf(const std::vector<double>& places,
+                                           const std::vector<double>& values, std::size_t count) {
     std::vector<storage::ValueRange> columns(count);
     const auto add = [&](double place, double value) {
         if (!std::isfinite(value)) return;
@@ -121,15 +122,16 @@ std::string linePlot(const a2l::ObjectContent& content, const PlotStyle& style, 
     }
     const value::Conversion& conversion = *content.placed.element(0).conversion;
     const std::vector<std::string> heads = pointTexts(content, 0, numbers);
-    const PlotLabels labels{conversion.formatPhysical(range.maximum), conversion.formatPhysical(range.minimum),
-                            heads.front(), heads.back()};
+    const PlotLabels labels{conversion.formatPhysical(range.maximum),
+                            conversion.formatPhysical(range.minimum), heads.front(), heads.back()};
     const auto columns = columnsOf(placesOf(points, values.size()), values, plotColumns(style, labels));
     return axisLines(content) + plotText(columns, range, style, labels);
 }
 
 }  // namespace
 
-std::string objectPlot(const a2l::ObjectContent& content, const PlotStyle& style, value::NumberStyle numbers) {
+std::string objectPlot(const a2l::ObjectContent& content, const PlotStyle& style,
+                       value::NumberStyle numbers) {
     if (content.placed.dimensions().size() == 1) return linePlot(content, style, numbers);
     return style.braille ? heatTable(content, numbers) : objectTable(content, numbers);
 }
