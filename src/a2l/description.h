@@ -64,6 +64,8 @@ struct Measurement {
     std::uint32_t firstEvent = 0;    ///< where its events begin in the description's pool
     PoolRange dimensions;            ///< MATRIX_DIM, or ARRAY_SIZE
     std::uint16_t eventCount = 0;
+    std::uint16_t preferredEvent =
+        0;  ///< which of them its FIXED_EVENT_LIST or DEFAULT_EVENT_LIST names first
     std::uint8_t addressExtension = 0;
     value::DataType dataType = value::DataType::ubyte;
     std::optional<ByteOrder> byteOrder;
@@ -268,11 +270,10 @@ class Description {
     std::unique_ptr<Store> store_;
 };
 
-/// Reads and parses a file; a stop ends the reading. Errors: "cannot open A2L
-/// file PATH" (with the errno), "cannot read A2L file PATH: REASON", too little memory for its content and a
-/// stop included, "A2L file PATH is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT
-/// block", "A2L: no MODULE block". An object that cannot be read becomes a warning. The digest costs a pass
-/// over the file.
+/// Reads and parses a file; a stop ends the reading. Errors: "cannot open A2L file PATH" (with the errno),
+/// "cannot read A2L file PATH: REASON", too little memory for its content and a stop included, "A2L file PATH
+/// is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT block", "A2L: no MODULE block".
+/// An object that cannot be read becomes a warning. The digest costs a pass over the file.
 Result<Description> load(const std::filesystem::path& path, const StopToken& stop = {}, bool digest = false);
 
 /// The same from text in memory (UTF-8, Windows-1252 or UTF-16 with a byte order mark).

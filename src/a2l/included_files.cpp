@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <unistd.h>
 #include <utility>
 
 #include "core/stoppable_input.h"
@@ -79,11 +78,9 @@ Result<SourceTexts::Source> IncludedFiles::read(Open file) {
     // Before it is opened, for what opening alone may do.
     if (::stat(file.path.c_str(), &status) != 0) return failed(file.path, errno);
     if (!S_ISREG(status.st_mode)) return unusable(file.path, "is not a regular file");
-    const int descriptor = openForReading(file.path);
-    if (descriptor < 0) return failed(file.path, errno);
-    const auto close = [](const int* opened) { ::close(*opened); };
-    const std::unique_ptr<const int, decltype(close)> closing(&descriptor, close);
-    if (::fstat(descriptor, &status) != 0) return failed(file.path, errno);
+    const UniqueFd opened = openForReading(file.path);
+    if (!opened.valid()) return failed(file.path, errno);
+    if (::fstat(opened.get(), &status) != 0) return failed(file.path, errno);
     if (!S_ISREG(status.st_mode)) return unusable(file.path, "is not a regular file");
     file.device = status.st_dev;
     file.inode = status.st_ino;
@@ -94,7 +91,7 @@ Result<SourceTexts::Source> IncludedFiles::read(Open file) {
     const std::size_t left = kMaxText - std::min(size_, kMaxText);
     const auto size = static_cast<std::size_t>(status.st_size);
     FileText& text = texts_.emplace_back(size > left ? 0 : size + FileText::kReadStep);
-    const int failure = size > left ? EFBIG : text.read(descriptor, left, stop_);
+    const int failure = size > left ? EFBIG : text.read(opened.get(), left, stop_);
     if (failure == EFBIG)
         return refused(ErrorCode::invalidArgument,
                        "with the included file " + file.path.string() + " the text is larger than 2 GiB");

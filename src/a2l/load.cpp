@@ -35,16 +35,14 @@ Error cannotRead(const std::filesystem::path& path, int systemError) {
 }
 
 Result<FileText> readText(const std::filesystem::path& path, IncludedFiles& included, const StopToken& stop) {
-    const int descriptor = openForReading(path);
-    if (descriptor < 0) return cannotOpen(path, errno);
-    const auto close = [](const int* opened) { ::close(*opened); };
-    const std::unique_ptr<const int, decltype(close)> closing(&descriptor, close);
+    const UniqueFd file = openForReading(path);
+    if (!file.valid()) return cannotOpen(path, errno);
     struct stat status {};
-    const bool known = ::fstat(descriptor, &status) == 0;
+    const bool known = ::fstat(file.get(), &status) == 0;
     const bool sized = known && S_ISREG(status.st_mode);
     const std::size_t size = sized ? static_cast<std::size_t>(status.st_size) : 0;
     FileText text(size > kMaxText ? 0 : size + FileText::kReadStep);
-    const int failure = size > kMaxText ? EFBIG : text.read(descriptor, kMaxText, stop);
+    const int failure = size > kMaxText ? EFBIG : text.read(file.get(), kMaxText, stop);
     if (known) included.begin(status, text.text().size());
     if (failure == 0) return text;
     if (failure == EISDIR) return cannotOpen(path, failure);

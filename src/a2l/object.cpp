@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "a2l/object_builder.h"
+#include "a2l/object_error.h"
 #include "a2l/placed_object.h"
 #include "a2l/similar_names.h"
 

@@ -11,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,6 +68,7 @@ struct Object {
     bool guardRails = false;  ///< the outermost values are made of their neighbours
     TextEncoding encoding = TextEncoding::notGiven;
     std::vector<std::uint16_t> events;  ///< event channels the A2L names for a measurement
+    std::optional<std::uint16_t> preferredEvent;  ///< of them: a fixed one, else a default, else an available
     /// Elements along X, Y, ...: all there can be. None for a scalar.
     std::vector<std::uint32_t> dimensions;
     std::vector<Axis> axes;  ///< X, Y, ...; of AXIS_PTS its points
@@ -90,19 +90,13 @@ struct Object {
 /// CHARACTERISTIC", "NAME: REASON".
 Result<Object> findObject(const Description& description, std::string_view name);
 
-// The scalar view: one number to an object.
+// The scalar view: one number to an object, as a double where it is read or written.
 
 /// An object of one element whose place the A2L tells. Errors as findObject(), and (notFound) "NAME: arrays
 /// are not supported yet", "NAME: only scalar (VALUE) parameters are supported yet" and the like.
 Result<Object> findScalar(const Description& description, std::string_view name);
 
-/// Why resolve() found nothing; what() is the whole message.
-class ObjectError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-/// As findScalar(), whose error it throws as an ObjectError.
+/// As findScalar(), whose error it throws as an ObjectError (object_error.h).
 Object resolve(const Description& description, std::string_view name);
 
 /// As value::encodePhysical() of the one element.

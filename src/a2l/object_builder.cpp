@@ -180,6 +180,7 @@ Result<Object> buildMeasurement(const Description& description, const Measuremen
     object.writable = measurement.readWrite && !measurement.readOnly;
     const auto events = description.events(measurement);
     object.events.assign(events.begin(), events.end());
+    if (!events.empty()) object.preferredEvent = events[measurement.preferredEvent];
     if (isPointer(measurement.addressType)) {
         object.hops.push_back({static_cast<std::uint8_t>(pointerSize(measurement.addressType)), 0});
         object.record.nearPointerOffset = description.defaults.calibrationOffset;

@@ -8,8 +8,8 @@
 
 #include "cli/offline_info.h"
 #include "cli/stop_signal.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -55,7 +55,7 @@ class InfoReport final : public IReport {
 
     void print(Output& output) const override {
         const std::string name = session_.ecuName().empty() ? "unnamed" : session_.ecuName();
-        output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(name),
+        output.append(fmt::format("ECU            {} ({})\n", printableText(name),
                                   session_.medium().texts().description));
         output.append(connectLines(session_.connectInfo()));
         if (session_.daqCapabilities()) output.append(daqLines(*session_.daqCapabilities()));
@@ -105,7 +105,7 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
         const std::string cycle =
             event.cycleNs == 0 ? "not cyclic" : std::to_string(event.cycleNs / kNsPerMs) + " ms";
         // It comes from the ECU, perhaps with NUL bytes behind it; it must not steer the terminal.
-        std::string name = xcp::printableText(event.name.c_str());
+        std::string name = printableText(event.name.c_str());
         // By bytes, as everywhere in this output.
         if (name.size() < 20) name.resize(20, ' ');
         lines += fmt::format("  event {:<3} {} {}\n", event.number, name, cycle);

@@ -65,7 +65,7 @@ class Units {
 void appendHex(Output& output, std::uint32_t value) {
     std::array<char, 10> text = {'0', 'x'};
     for (std::size_t i = 0; i < 8; ++i)
-        text[9 - i] = "0123456789ABCDEF"[(value >> (4 * i)) & 0xFU];
+        text[9 - i] = kHexDigits[(value >> (4 * i)) & 0xFU];
     output.append({text.data(), text.size()});
 }
 

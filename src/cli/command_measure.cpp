@@ -17,12 +17,15 @@
 
 #include "cli/command_info.h"
 #include "cli/console_printer.h"
+#include "cli/live_table.h"
 #include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "cli/signal_list.h"
 #include "cli/stop_signal.h"
+#include "cli/terminal_screen.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -31,23 +34,28 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
 // One look at everything that ends a measurement from outside; waits up to 50 ms for it to happen.
-bool stopAskedFor(const Console& console, Seconds left) {
+bool stopAskedFor(const Console& console, LiveTable* table, Seconds left) {
     const double limitMs = std::clamp(std::ceil(left.count() * 1000), 0.0, 50.0);
-    std::array<pollfd, 2> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
-    ::poll(waits.data(), waits.size(), static_cast<int>(limitMs));
-    const bool readerGone = (waits[1].revents & (POLLERR | POLLHUP)) != 0;
-    return stopRequested() || readerGone || console.failure() != 0;
+    std::array<pollfd, 3> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0},
+                                   pollfd{table != nullptr ? table->keyDescriptor() : -1, POLLIN, 0}};
+    const int ready = ::poll(waits.data(), waits.size(), static_cast<int>(limitMs));
+    if (ready > 0 && waits[2].revents != 0) table->takeKeys();
+    const bool readerGone = ready > 0 && (waits[1].revents & (POLLERR | POLLHUP)) != 0;
+    return stopRequested() || readerGone || console.failure() != 0 ||
+           (table != nullptr && table->failure() != 0);
 }
 
 // Returns the seconds measured.
-double measureUntilEnd(double duration, const session::Session& session, const Console& console) {
+double measureUntilEnd(double duration, const session::Session& session, const Console& console,
+                       LiveTable* table) {
     const auto start = Clock::now();
     for (;;) {
         const Seconds elapsed = Clock::now() - start;
         if (session.state() == session::SessionState::failed) return elapsed.count();
         if (duration > 0 && elapsed.count() >= duration) return elapsed.count();
         const Seconds left = duration > 0 ? Seconds(duration) - elapsed : Seconds(1);
-        if (stopAskedFor(console, left)) return Seconds(Clock::now() - start).count();
+        if (table != nullptr) table->update(session, elapsed.count());
+        if (stopAskedFor(console, table, left)) return Seconds(Clock::now() - start).count();
     }
 }
 
@@ -59,6 +67,13 @@ void warnAboutLosses(const session::MeasurementStats& stats, const Console& cons
     if (const auto skipped = console.skippedLines(); skipped != 0) {
         spdlog::warn("measure: {} line(s) not printed, standard output did not take them", skipped);
     }
+}
+
+/// Where a recording has the zero of the printed times: its own is its start.
+std::string zeroLine(const session::MeasurementStats& stats, std::int64_t firstNs) {
+    const double seconds = static_cast<double>(firstNs - stats.recordingStartNs) / 1e9;
+    return fmt::format("printed times count from the first record, {} s {} the start of the recording\n",
+                       formatFixed(std::fabs(seconds), 3), seconds < 0 ? "before" : "after");
 }
 
 using Counts = std::vector<std::pair<std::string_view, std::uint64_t>>;
@@ -89,6 +104,14 @@ std::string recordedText(const session::MeasurementStats& stats) {
 
 double inSeconds(std::chrono::nanoseconds time) {
     return Seconds(time).count();
+}
+
+/// Names of events for a line of text.
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + printableText(name);
+    return text;
 }
 
 /// What is not known to be samples of this measurement (foreign frames that the kernel dropped) counts too:
@@ -163,6 +186,10 @@ void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummar
     json.endObject();
 }
 
+std::string notEmpty(const std::string& text) {
+    return text.empty() ? "is empty" : "";
+}
+
 /// True when standard output failed, which has been told then.
 bool endLines(Workplace& place) {
     place.console->finishPrinting();
@@ -178,6 +205,11 @@ std::string startLine(const session::PlanSummary& summary, const std::string& re
                        recordDirectory.empty() ? "" : ", recording to " + recordDirectory);
 }
 
+std::string outsideLoadLine(const session::PlanSummary& summary) {
+    if (summary.notInLoad.empty()) return "";
+    return "the estimated bus load leaves out " + joined(summary.notInLoad) + ": no cycle is known\n";
+}
+
 std::string statisticsLine(double seconds, const session::MeasurementStats& stats) {
     std::string line = fmt::format("{} s: {} records", formatFixed(seconds, 1), stats.records);
     for (const auto& [name, count] : lineCounts(stats))
@@ -187,10 +219,7 @@ std::string statisticsLine(double seconds, const session::MeasurementStats& stat
 
 std::string uncheckedLine(const session::PlanSummary& summary) {
     if (summary.withoutCycle.empty()) return "";
-    std::string names;
-    for (const std::string& name : summary.withoutCycle)
-        names += (names.empty() ? "" : ", ") + xcp::printableText(name);
-    return "missed cycles cannot be checked in " + names + ": no cycle is known\n";
+    return "missed cycles cannot be checked in " + joined(summary.withoutCycle) + ": no cycle is known\n";
 }
 
 std::string otherLosses(const session::MeasurementStats& stats) {
@@ -216,6 +245,14 @@ std::string otherLosses(const session::MeasurementStats& stats) {
                         formatFixed(inSeconds(stats.withoutSamplesToEnd), 1)));
     }
     return text;
+}
+
+std::string lossesInWords(const session::MeasurementStats& stats) {
+    Counts counts = lineCounts(stats);
+    counts.emplace_back("records dropped by the recording", stats.recordedDropped);
+    const std::string first = textOf(counts);
+    const std::string others = otherLosses(stats);
+    return first + (first.empty() || others.empty() ? "" : ", ") + others;
 }
 
 std::vector<std::string> silentLists(const session::MeasurementStats& stats) {
@@ -249,10 +286,16 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
 
 void MeasureCommand::addOptions(CLI::App& app) {
     app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
+    app.add_option("--signals-from", options_.signalsFrom, "File with more signals, one a line");
+    app.add_option("--event", options_.event,
+                   "Event of names without one: its number, its name, or auto (the A2L names it)")
+        ->check(notEmpty, "");
     addDuration(app, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
-    app.add_option("-r,--record", options_.recordDirectory, "Recording directory");
+    app.add_option("-r,--record", options_.recordDirectory, "Recording directory")
+        ->each([this](const std::string& directory) { recordsNowhere_ = directory.empty(); });
     app.add_option("-p,--print-every", options_.printEvery, "Print every n-th record per DAQ list (0 = none)")
         ->default_str("100");
+    app.add_flag("--table", options_.table, "Show all signals in place, in a terminal");
     addExact(app, options_.exact);
     app.add_option("--fail-on", options_.failOn,
                    "losses,outage,empty: exit code 3 when samples were lost, the connection was lost, or a "
@@ -262,23 +305,41 @@ void MeasureCommand::addOptions(CLI::App& app) {
         ->check(CLI::IsMember({"losses", "outage", "empty"}));
 }
 
+Result<void> MeasureCommand::prepare(Form form) {
+    if (options_.table) {
+        if (form != Form::text)
+            return Error{ErrorCode::invalidArgument, "--table and --json exclude each other"};
+        if (auto able = TerminalScreen::check(STDOUT_FILENO); !able) return able;
+    }
+    if (!options_.signalsFrom) return {};
+    auto names = readSignalList(*options_.signalsFrom, stopToken());
+    if (!names) return names.error();
+    options_.signals.insert(options_.signals.end(), names.value().begin(), names.value().end());
+    return {};
+}
+
 void MeasureCommand::overrule(session::SessionConfig& config) const {
+    if (options_.event)
+        config.daq.defaultEvent = session::parseDefaultEvent(*options_.event, config.daq.defaultEvent);
     config.display.exact = config.display.exact || options_.exact;
 }
 
-Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
+Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* table) const {
     session::Session& session = *place.session;
     Console& console = *place.console;
     const bool isJson = place.results.json() != nullptr;
     const std::uint32_t interval = options_.printEvery.value_or(isJson ? 1 : 100);
-    if (isJson || interval != 0) {
+    if (table == nullptr && (isJson || interval != 0)) {
         if (auto printing = console.startPrinting(interval); !printing) return printing.error();
     }
     session::MeasurementOptions measurement;
     measurement.signals = options_.signals;
     measurement.recordDirectory = options_.recordDirectory;
+    measurement.duration = Seconds(options_.durationSeconds);
     measurement.sink = &console;
+    if (table != nullptr) measurement.sink = &table->sink();
     measurement.onPlanned = [&](const session::MeasurementPlan& plan) {
+        if (table != nullptr) return table->setPlan(plan);
         const auto style = numberStyle(session.config());
         console.setLines(isJson ? jsonLines(plan, style, objectStart("measure"), startMembers(session, plan))
                                 : textLines(plan, style),
@@ -289,14 +350,23 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
 
 int MeasureCommand::run(Workplace& place) {
     session::Session& session = *place.session;
-    const auto summary = start(place);
+    if (recordsNowhere_) {
+        spdlog::warn("measure: -r names no directory (a variable that is not set?), nothing is recorded");
+    }
+    std::optional<LiveTable> table;
+    if (options_.table) table.emplace(numberStyle(session.config()), options_.recordDirectory);
+    LiveTable* const shown = table ? &*table : nullptr;
+    const auto summary = start(place, shown);
     if (!summary) {
         place.results.fail("measure", summary.error());
         if (place.results.json() != nullptr) endLines(place);
         return 1;
     }
-    printMessage(startLine(summary.value(), options_.recordDirectory) + "\n");
-    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console);
+    printMessage(startLine(summary.value(), options_.recordDirectory) + "\n" +
+                 outsideLoadLine(summary.value()));
+    if (table) table->begin();
+    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console, shown);
+    if (table) table->finish();
     return finish(place, summary.value(), seconds);
 }
 
@@ -315,9 +385,13 @@ int MeasureCommand::finish(Workplace& place, const session::PlanSummary& summary
         spdlog::warn("measure: {}", countsWithoutStop(stats));
         exitCode = failed ? 2 : 1;
     }
+    const auto firstNs = console.firstNs();
+    const bool isText = place.results.json() == nullptr;
+    if (stats.recording && isText && console.prints() && firstNs) printMessage(zeroLine(stats, *firstNs));
     warnAboutLosses(stats, console);
     if (JsonWriter* json = place.results.json()) {
         writeStatistics(*json, seconds, summary, stats);
+        if (stats.recording && firstNs) json->member("zeroNs", *firstNs - stats.recordingStartNs);
         json->member("skippedLines", console.skippedLines());
     }
     if (endLines(place) && exitCode == 0) exitCode = 1;

@@ -27,8 +27,8 @@ int fail(Results& results, const Error& error, const std::string& directory) {
     return 1;
 }
 
-void addDirectory(CLI::App& app, std::string& directory) {
-    app.add_option("directory", directory, "Recording directory")->required();
+CLI::Option* addDirectory(CLI::App& app, std::string& directory) {
+    return app.add_option("directory", directory, "Recording directory")->required();
 }
 
 /// As a shell takes it.
@@ -49,8 +49,9 @@ class CheckReport final : public IReport {
     void print(Output& output) const override {
         bool mendable = false;
         for (const storage::Finding& finding : check_.findings) {
-            output.append(finding.text + (finding.mendable ? "\n" : " (cannot be mended)\n"));
-            mendable = mendable || finding.mendable;
+            const std::string repair = "repair " + finding.repair;
+            output.append(finding.text + " (" + (finding.mendable() ? repair : "cannot be mended") + ")\n");
+            mendable = mendable || finding.mendable();
         }
         output.append(fmt::format(
             "{}: {} group(s), {} record(s), {}\n", directory_, check_.groups, check_.records,
@@ -75,7 +76,8 @@ class CheckReport final : public IReport {
         for (const storage::Finding& finding : check_.findings) {
             json.beginObject();
             json.member("text", finding.text);
-            json.member("mendable", finding.mendable);
+            json.member("mendable", finding.mendable());
+            if (finding.mendable()) json.member("repair", finding.repair);
             json.endObject();
         }
         json.endArray();
@@ -157,8 +159,8 @@ int RecordingRepairCommand::run(Workplace& place) {
 }
 
 void RecordingShowCommand::addOptions(CLI::App& app) {
-    addDirectory(app, directory_);
-    addPatterns(app, options_.signals, "NAME, or a pattern with * and ?")->required();
+    CLI::Option* directory = addDirectory(app, directory_);
+    addPatterns(app, options_.signals, "NAME, or a pattern with * and ?", *directory)->required();
     addTimes(app, options_.from, options_.to, "Seconds from the start, or ISO 8601");
 }
 

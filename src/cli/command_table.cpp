@@ -34,7 +34,7 @@ constexpr CommandRow kRecordingActions[] = {
      Needs::nothing, Form::text, make<RecordingRepairCommand>},
     {"show", "Plot signals in the terminal",
      R"(  xcplumo-cli recording show first -s engine_speed
-  xcplumo-cli recording show first -s "engine_*" -s wave --from 2 --to 4)",
+  xcplumo-cli recording show first -s "engine_*" wave --from 2 --to 4)",
      Needs::nothing, Form::text, make<RecordingShowCommand>},
 };
 
@@ -73,6 +73,8 @@ With a list or a file the order is that of docs/values.md: a line of a CSV file 
     {"measure", "DAQ measurement with optional recording",
      R"(  xcplumo-cli -c demo.json measure
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r first
+  xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s engine_speed@cyclic_10ms
+  xcplumo-cli -c demo.json measure --table
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
 With --json -p is 1 when it is not given.)",
      Needs::connection, Form::jsonLines, make<MeasureCommand>},
@@ -95,7 +97,8 @@ With --json -p is 1 when it is not given.)",
     {"export", "Convert a recording to MDF 4.1 or CSV (no connection)",
      R"(  xcplumo-cli export first -o first.mf4
   xcplumo-cli export first -o first.csv --merge -s "engine_*" --from 2 --to 4
-  xcplumo-cli export first -o first.csv --every 10 --raw --force)",
+  xcplumo-cli export first -o first.csv --every 10 --raw --force
+  xcplumo-cli export first -o - -s engine_speed | head)",
      Needs::nothing, Form::json, make<ExportCommand>},
 };
 

@@ -14,10 +14,10 @@
 #include "cli/recording_plot.h"
 #include "cli/stop_signal.h"
 #include "cli/value_json.h"
+#include "core/printable_text.h"
 #include "session/name_pattern.h"
 #include "session/session.h"
 #include "value/typed_text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -127,7 +127,7 @@ std::vector<std::string> expanded(const std::vector<std::string>& names, Workpla
         if (matches.size() < found && !matches.empty()) {
             printMessage(
                 fmt::format("'{}' matches {} object(s), {} of which cannot be read and are left out\n",
-                            xcp::printableText(name), found, found - matches.size()));
+                            printableText(name), found, found - matches.size()));
         }
         if (matches.empty()) matches.push_back(name);
         std::move(matches.begin(), matches.end(), std::back_inserter(all));
@@ -176,8 +176,8 @@ int getAll(const std::vector<std::string>& typed, bool plot, Workplace& place) {
 }
 
 void announceDependents(std::string_view name, const std::vector<std::string>& dependents) {
-    printMessage(xcp::printableText(fmt::format("{}: what depends on it is computed and written, too: {}",
-                                                name, fmt::join(dependents, ", "))) +
+    printMessage(printableText(fmt::format("{}: what depends on it is computed and written, too: {}", name,
+                                           fmt::join(dependents, ", "))) +
                  "\n");
 }
 

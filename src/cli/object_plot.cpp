@@ -8,8 +8,8 @@
 #include <fmt/format.h>
 
 #include "cli/object_table.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -55,8 +55,8 @@ std::string legend(const a2l::ObjectContent& content, const storage::ValueRange&
     std::string text = "  " + conversion.formatPhysical(range.minimum) + " ";
     for (const int colour : kColours)
         text += fmt::format("\x1b[48;5;{}m  \x1b[0m", colour);
-    return text + " " + conversion.formatPhysical(range.maximum) + " " +
-           xcp::printableText(conversion.unit()) + "\n";
+    return text + " " + conversion.formatPhysical(range.maximum) + " " + printableText(conversion.unit()) +
+           "\n";
 }
 
 std::string heatTable(const a2l::ObjectContent& content, value::NumberStyle style) {

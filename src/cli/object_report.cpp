@@ -13,8 +13,8 @@
 #include "cli/object_plot.h"
 #include "cli/object_table.h"
 #include "cli/value_json.h"
+#include "core/printable_text.h"
 #include "value/typed_text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -158,7 +158,7 @@ ObjectWriteReport::ObjectWriteReport(const session::WriteWish& wish, const sessi
 }
 
 void ObjectWriteReport::tell(const std::string& what) const {
-    printMessage(xcp::printableText(what) + "\n");
+    printMessage(printableText(what) + "\n");
 }
 
 void ObjectWriteReport::print(Output& output) const {

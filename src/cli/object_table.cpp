@@ -6,7 +6,7 @@
 
 #include "a2l/object_name.h"
 #include "cli/terminal_plot.h"
-#include "xcp/text_lines.h"
+#include "core/printable_text.h"
 
 namespace lm::cli {
 namespace {
@@ -156,11 +156,11 @@ std::string objectTitle(const a2l::ObjectContent& content) {
         between = " x ";
     }
     const std::string& unit = object.first.conversion->unit();
-    return text + (unit.empty() ? "" : ", " + xcp::printableText(unit));
+    return text + (unit.empty() ? "" : ", " + printableText(unit));
 }
 
 std::string shownText(const value::Element& element, const value::Value& physical, value::NumberStyle style) {
-    const std::string text = xcp::printableText(value::valueText(element, physical, style));
+    const std::string text = printableText(value::valueText(element, physical, style));
     return text.empty() ? "?" : text;
 }
 
@@ -185,7 +185,7 @@ std::string axisLines(const a2l::ObjectContent& content) {
         const std::string& unit = axis.point.conversion->unit();
         std::string line = axis.inputQuantity.empty() ? "no input quantity" : axis.inputQuantity;
         if (!unit.empty()) line += " (" + unit + ")";
-        text += "  " + axisName(i) + ": " + xcp::printableText(line + originText(axis)) + "\n";
+        text += "  " + axisName(i) + ": " + printableText(line + originText(axis)) + "\n";
     }
     return text;
 }

@@ -9,8 +9,8 @@
 #include <fmt/format.h>
 
 #include "cli/offline_a2l.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -116,7 +116,7 @@ class OfflineReport final : public IReport {
 
   private:
     static std::string line(std::string_view label, std::string_view text) {
-        return fmt::format("{:<14} {}\n", label, xcp::printableText(text));
+        return fmt::format("{:<14} {}\n", label, printableText(text));
     }
 
     static std::string named(std::string_view name, std::string_view longIdentifier) {
@@ -171,9 +171,9 @@ class OfflineReport final : public IReport {
             const std::int64_t cycle = cycleNs(event);
             const std::string text =
                 cycle == 0 ? "not cyclic" : formatShortest(static_cast<double>(cycle) / 1e6) + " ms";
-            lines += fmt::format("  event {:<3} {:<20} {}, {}, priority {}\n", event.channel,
-                                 xcp::printableText(event.name), text, xcp::printableText(event.direction),
-                                 event.priority);
+            lines +=
+                fmt::format("  event {:<3} {:<20} {}, {}, priority {}\n", event.channel,
+                            printableText(event.name), text, printableText(event.direction), event.priority);
         }
         return lines;
     }

@@ -29,7 +29,7 @@ class Output {
     /// "%-50s %s\n", the line of get and set, printable.
     void appendValueLine(std::string_view name, std::string_view value);
 
-    /// Writes the buffer. False once a write has failed: nobody reads any further output.
+    /// Writes the buffer. False once a write has failed: no one reads any further output.
     bool flush();
 
     /// Flushes and gives the exit code: 1 with "output: REASON" on standard error after a failed write, else

@@ -11,13 +11,13 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "cli/stop_signal.h"
+#include "core/printable_text.h"
 #include "storage/format/recording_events.h"
 #include "storage/read/exact_extremes.h"
 #include "storage/read/gap_finder.h"
 #include "storage/read/pyramid_reader.h"
 #include "storage/read/signal_selection.h"
 #include "value/conversion.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -25,18 +25,6 @@ namespace {
 using storage::GroupReader;
 using storage::RecordingInfo;
 using storage::SignalInfo;
-
-std::uint64_t directorySize(const std::filesystem::path& directory) {
-    std::uint64_t size = 0;
-    std::error_code failure;
-    for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
-         entry.increment(failure)) {
-        std::error_code unknown;
-        const std::uint64_t bytes = entry->is_regular_file(unknown) ? entry->file_size(unknown) : 0;
-        if (!unknown) size += bytes;
-    }
-    return size;
-}
 
 Result<std::vector<SignalRange>> extremesFromLevels(const GroupReader& group,
                                                     const std::filesystem::path& directory) {
@@ -99,6 +87,18 @@ Result<void> lookInto(GroupOverview& group, const std::filesystem::path& directo
 
 }  // namespace
 
+std::uint64_t directorySize(const std::filesystem::path& directory) {
+    std::uint64_t size = 0;
+    std::error_code failure;
+    for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
+         entry.increment(failure)) {
+        std::error_code unknown;
+        const std::uint64_t bytes = entry->is_regular_file(unknown) ? entry->file_size(unknown) : 0;
+        if (!unknown) size += bytes;
+    }
+    return size;
+}
+
 std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
     return fmt::format("{:.3f} s", secondsBetween(info.startHostNs, timeNs));
 }
@@ -106,7 +106,7 @@ std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
 std::string outageText(const storage::Outage& outage, const RecordingInfo& info) {
     return "from " + secondsText(outage.beginNs, info) + " to " +
            (outage.endNs ? secondsText(*outage.endNs, info) : std::string("the end")) + ": " +
-           xcp::printableText(outage.reason + (outage.outcome.empty() ? "" : "; " + outage.outcome));
+           printableText(outage.reason + (outage.outcome.empty() ? "" : "; " + outage.outcome));
 }
 
 std::string physicalText(double value, const SignalInfo& signal) {

@@ -31,7 +31,7 @@ inline double secondsOf(const storage::TimeSpan& span) {
 
 struct Extreme {
     double physical = 0;
-    std::string text;  ///< as the A2L has it: a terminal needs xcp::printableText() of it
+    std::string text;  ///< as the A2L has it: a terminal needs printableText() of it
 };
 /// The least and the greatest value of a signal; none when there is no value.
 using SignalRange = std::optional<std::pair<Extreme, Extreme>>;
@@ -51,6 +51,9 @@ struct RecordingOverview {
     std::uint64_t bytes = 0;
     storage::RecordingEvents events = {};
 };
+
+/// Bytes of the files in a directory, of those that can be asked.
+std::uint64_t directorySize(const std::filesystem::path& directory);
 
 /// What cannot be read goes to `fail`; the rest is there all the same. With exact numbers the extremes come
 /// from the records, all of which are read: the summary levels round.

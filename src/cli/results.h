@@ -60,7 +60,7 @@ class Results {
     /// not the whole of the last one.
     void afterLines(bool failed, bool insideLine);
 
-    /// Writes what is left; the exit code is Output::finish's. As JSON lines nobody waits for a reader longer
+    /// Writes what is left; the exit code is Output::finish's. As JSON lines no one waits for a reader longer
     /// than a second.
     int finish(int exitCode);
 

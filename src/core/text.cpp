@@ -213,6 +213,16 @@ std::string formatGeneral(double value) {
     return formatted(value, std::chars_format::general, 6);
 }
 
+std::string formatSize(std::uint64_t bytes) {
+    constexpr std::array<const char*, 4> kUnits = {" kB", " MB", " GB", " TB"};
+    if (bytes < 1000) return std::to_string(bytes) + " bytes";
+    auto size = static_cast<double>(bytes) / 1000;
+    std::size_t unit = 0;
+    for (; size >= 1000 && unit + 1 < kUnits.size(); ++unit)
+        size /= 1000;
+    return formatFixed(size, 1) + kUnits[unit];
+}
+
 std::string formatShortest(float value) {
     return formatted(value);
 }

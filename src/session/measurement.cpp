@@ -135,7 +135,7 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
         xcp::Master& master = context_.master;
         stopped = master.connected() ? master.stopDaqOnce() : master.stopDaqUnconnected();
     } else {
-        // Nobody is known to listen: what cannot even be sent changes nothing.
+        // No one is known to listen: what cannot even be sent changes nothing.
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
@@ -158,11 +158,12 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
 }
 
 PlanSummary Measurement::summary() const {
-    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}};
-    // Without timestamps nothing is checked anywhere, which the start has told.
-    if (plan_.daq.timestampSize == 0) return summary;
+    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}, {}};
     for (const storage::GroupInfo& group : session::recordingInfo(plan_, context_.capabilities).groups) {
-        if (group.cycleNs == 0) summary.withoutCycle.push_back(group.name);
+        if (group.cycleNs != 0) continue;
+        // Without timestamps nothing is checked anywhere, which the start has told.
+        if (plan_.daq.timestampSize != 0) summary.withoutCycle.push_back(group.name);
+        if (context_.medium.hasLoad()) summary.notInLoad.push_back(group.name);
     }
     return summary;
 }
@@ -246,7 +247,7 @@ Result<bool> Measurement::daqRunning() {
 }
 
 Result<void> Measurement::reconnect() {
-    // A device that has gone is opened anew: a CAN channel here, a serial port by CONNECT. An attempt that
+    // A device that has gone is opened again: a CAN channel here, a serial port by CONNECT. An attempt that
     // never ended would take the decision from the reconnect policy.
     if (auto reopened = context_.medium.reopenIfLost(); !reopened.ok()) return reopened;
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);

@@ -1,6 +1,7 @@
 #include "session/measurement_start.h"
 
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 #include <spdlog/spdlog.h>
@@ -14,8 +15,8 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
     xcp::ConnectInfo connection = context.master.connectInfo();
     connection.maxDto = context.medium.largestDto(connection.maxDto);
-    auto plan =
-        planMeasurement(context.description, texts, context.config.daq, context.capabilities, connection);
+    auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
+                                connection, !options.recordDirectory.empty());
     if (!plan.ok()) return plan.error();
     if (!options.recordDirectory.empty()) {
         if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();
@@ -23,6 +24,8 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     const auto load = context.medium.claimLoad(loadInput(plan.value().daq, context.capabilities),
                                                context.config.daq.maxBusLoad);
     if (!load.ok()) return load.error();
+    for (const std::string& warning : plan.value().warnings)
+        spdlog::warn("measure: {}", warning);
     const std::string warning = foreignEventWarning(plan.value());
     if (!warning.empty()) spdlog::warn("{}", warning);
     if (plan.value().daq.timestampSize == 0) {
@@ -31,6 +34,23 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     return AcceptedPlan{std::move(plan).value(), load.value()};
 }
 
+namespace {
+
+/// What the last part of a path calls a directory; of "." and ".." the name of what they stand for.
+std::string directoryName(const std::filesystem::path& directory) {
+    const auto lastPart = [](const std::filesystem::path& path) {
+        const auto normal = path.lexically_normal();
+        return (normal.has_filename() ? normal : normal.parent_path()).filename().string();
+    };
+    const std::string name = lastPart(directory);
+    if (name != "." && name != "..") return name;
+    std::error_code failure;
+    const auto real = std::filesystem::weakly_canonical(directory, failure);
+    return failure ? name : lastPart(real);
+}
+
+}  // namespace
+
 storage::RecordingInfo describeRecording(const MeasurementContext& context, const MeasurementPlan& plan,
                                          const std::filesystem::path& directory) {
     using namespace std::chrono;
@@ -38,8 +58,7 @@ storage::RecordingInfo describeRecording(const MeasurementContext& context, cons
     info.startHostNs = nanoseconds(steady_clock::now().time_since_epoch()).count();
     info.startUtcNs = nanoseconds(system_clock::now().time_since_epoch()).count();
     info.source = context.medium.texts().source;
-    const auto normal = directory.lexically_normal();
-    info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
+    info.name = directoryName(directory);
     info.ecu = context.ecuName;
     info.utcOffsetMinutes = utcOffsetMinutes(info.startUtcNs);
     info.a2lName = context.config.a2l.filename().string();

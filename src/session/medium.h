@@ -59,6 +59,8 @@ class IMedium {
     /// Error: invalidArgument "estimated ... exceeds the limit of ...", with nothing claimed.
     virtual Result<double> claimLoad(const LoadInput& input, double limit) = 0;
     virtual void releaseLoad() {}
+    /// Whether a load is estimated at all.
+    virtual bool hasLoad() const { return true; }
 
     /// Totals, always the same in the same order. One may fall, when what was missing comes late.
     virtual std::vector<MediumCounter> counters() const = 0;

@@ -227,7 +227,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
 /// With its recording, of which a failure leaves no file that it made.
 Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
     if (!options.recordDirectory.empty()) {
-        if (auto begun = beginRecording(options.recordDirectory); !begun.ok()) return begun;
+        if (auto begun = beginRecording(options); !begun.ok()) return begun;
     }
     auto started = measurement_->start(options);
     if (started.ok()) return started;
@@ -239,12 +239,13 @@ Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
     return started;
 }
 
-Result<void> Session::beginRecording(const std::filesystem::path& directory) {
-    storage::RecordingInfo info = measurement_->recordingInfo(directory);
+Result<void> Session::beginRecording(const MeasurementOptions& options) {
+    storage::RecordingInfo info = measurement_->recordingInfo(options.recordDirectory);
+    recordingStartNs_ = info.startHostNs;
     std::vector<storage::GroupInfo> groups = std::exchange(info.groups, {});
     recording_ = std::make_unique<storage::Recorder>(std::move(info));
     measurement_->recordTo(recording_->add(std::move(groups)));
-    return recording_->begin(directory);
+    return recording_->begin(options.recordDirectory, options.duration);
 }
 
 Result<void> Session::stopMeasurement() {
@@ -265,6 +266,7 @@ MeasurementStats Session::statistics() const {
     MeasurementStats stats = measurement_->statistics();
     if (recording_) {
         stats.recording = true;
+        stats.recordingStartNs = recordingStartNs_;
         stats.recorded = recording_->recordsWritten();
         stats.recordedDropped = recording_->recordsDropped();
     }

@@ -135,7 +135,7 @@ class Session final : private xcp::IMasterListener {
     void onTransportEvent(const xcp::TransportEvent& event) override;
 
     void changeState(SessionState state, const std::string& message);
-    Result<void> beginRecording(const std::filesystem::path& directory);
+    Result<void> beginRecording(const MeasurementOptions& options);
     Result<void> beginMeasurement(const MeasurementOptions& options);
     void warnAboutByteOrder() const;
     Error afterConnect(Error error) const;
@@ -154,6 +154,7 @@ class Session final : private xcp::IMasterListener {
     std::optional<xcp::DaqCapabilities> capabilities_;
     // The running or the last ones, for their statistics. The measurement borrows the recording.
     std::unique_ptr<storage::Recorder> recording_;
+    std::int64_t recordingStartNs_ = 0;
     std::unique_ptr<Measurement> measurement_;
     bool running_ = false;
     bool silent_ = false;  ///< the ECU did not answer last: DISCONNECT is not waited for

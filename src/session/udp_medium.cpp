@@ -29,6 +29,7 @@ class UdpMedium final : public IMedium {
     Result<double> claimLoad(const LoadInput& input, double /*limit*/) override {
         return estimateUdpLoad(input).fraction;
     }
+    bool hasLoad() const override { return false; }
 
     std::vector<MediumCounter> counters() const override {
         const xcp::UdpStatistics udp = transport_.statistics();

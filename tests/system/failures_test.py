@@ -195,7 +195,7 @@ class FailuresTest(harness.SystemTest):
         missing = ["session: cannot start the printer of messages", "session: cannot watch for signals",
                    "connect: XCP on UDP: cannot start the receive thread", "measure: cannot start the printer",
                    "measure: cannot start the flushing thread", "measure: cannot start the recording thread",
-                   "measure: cannot start the supervision"]
+                   "measure: cannot start the watch of the disk", "measure: cannot start the supervision"]
         measure = harness.record(directory, ["counter_1ms"], 0.1, every=1)
         for threads, what in enumerate(missing):
             reason = "Resource temporarily unavailable (limits of threads and memory: `ulimit -a`)"

@@ -43,7 +43,7 @@ def recording_text(told):
 
 def check_text(told):
     verdict = "sound" if told["sound"] else f"{len(told['findings'])} fault(s)"
-    return ("".join(f["text"] + "\n" * f["mendable"] for f in told["findings"])
+    return ("".join(f"{f['text']} (repair {f['repair']})\n" for f in told["findings"])
             + f"{told['directory']}: {told['groups']} group(s), {told['records']} record(s), {verdict}\n")
 
 

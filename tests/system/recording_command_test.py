@@ -35,8 +35,8 @@ class RecordingCommandTest(SystemTest):
         (directory / "g0000.tix").write_bytes((directory / "g0000.tix").read_bytes()[:40])
         done = self.run_plain("recording", "check", directory)
         self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stdout, r"g0000\.rec: 4 bytes of a torn record at byte \d+, behind \d+ whole records\n")
-        self.assertRegex(done.stdout, r"g0000\.tix: 0 entries instead of \d+\n")
+        self.assertRegex(done.stdout, r"g0000\.rec: 4 bytes of a torn record at byte \d+, behind \d+ whole records \(repair cuts them off\)\n")
+        self.assertRegex(done.stdout, r"g0000\.tix: 0 entries instead of \d+ \(repair makes it again from the records\)\n")
         self.assertEqual(done.stderr, f"mend it with `xcplumo-cli recording repair {directory}`\n")
         done = self.run_plain("recording", "repair", directory)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
@@ -70,6 +70,14 @@ class RecordingCommandTest(SystemTest):
         self.assertTrue(plain.stdout.isascii() and max(map(len, lines)) == 80, plain.stdout)
         # A counter goes up from corner to corner.
         self.assertTrue(lines[1].endswith("*") and re.match(r" *\d+ \+\*", lines[12]), plain.stdout)
+        # The words behind -s are signals, but for the directory.
+        for words in (["-s", "count*", directory], ["-s", "count*", directory, "--from", 0], [directory, "-s", "x*", "count*"],
+                      ["-s", "count*", "x", directory, "-s", "y"], ["-s", "count*"]):
+            done = self.run_plain("recording", "show", *words)
+            wrong = re.findall("directory is required|'x.*'|'[xy]'", done.stderr)
+            told = (done.stdout == plain.stdout, wrong)
+            self.assertEqual(told, {3: (True, []), 5: (True, []), 4: (False, ["'x*'"]), 6: (False, ["'x'"]),
+                                    2: (False, ["directory is required"])}[len(words)], done)
         terminal = Terminal([CLI, *arguments], self.env, rows=12, columns=50)
         self.addCleanup(terminal.close)
         terminal.wait_for("")

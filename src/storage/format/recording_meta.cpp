@@ -36,7 +36,7 @@ Result<void> MetaFile::stage(const RecordingInfo& info) {
     if (refused == EWOULDBLOCK) return recordedByAnother(directory_);
     if (refused != 0)
         return Error::withReasonAsHint(codeFromErrno(refused), refused, "cannot write " + temporary);
-    // Asked again now that nobody else can put one in place.
+    // Asked again now that no one else can put one in place.
     if (isThere(path)) return alreadyRecorded(directory_);
     if (const int failure = file_.write(metaToJson(info)); failure != 0) {
         return Error::fromErrno(failure, "cannot write meta.json");
