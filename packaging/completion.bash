@@ -88,8 +88,9 @@ _xcplumo_complete() {
         [[ ${command[0]} = recording && ${words[i]} =~ ^(info|check|repair|show)$ ]] && command=(recording "${words[i]}")
     done
     case ${words[-2]} in
-        -c | --config | --a2l | --serial* | -o | --output | -r | --record | --memory-file | --write-*) _xcplumo_files ;;
+        -c | --config | --a2l | --signals-from | --serial* | -o | --output | -r | --record | --memory-file | --write-*) _xcplumo_files ;;
         -i | --interface | --can) _xcplumo_offer "$word" "$(ls /sys/class/net)" ;;
+        --event) _xcplumo_offer "$word" auto ;;
         --reconnect) _xcplumo_offer "$word" abort retry retry_forever ;;
         --fail-on) _xcplumo_offer "$word" losses outage empty ;;
         -s | --signal)

@@ -52,6 +52,8 @@ struct Measurement {
     std::uint32_t elementCount = 1;  ///< product of ARRAY_SIZE or MATRIX_DIM, saturated
     std::uint32_t firstEvent = 0;    ///< where its events begin in the description's pool
     std::uint16_t eventCount = 0;
+    std::uint16_t preferredEvent =
+        0;  ///< which of them its FIXED_EVENT_LIST or DEFAULT_EVENT_LIST names first
     std::uint8_t addressExtension = 0;
     value::DataType dataType = value::DataType::ubyte;
     std::optional<ByteOrder> byteOrder;

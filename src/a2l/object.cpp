@@ -82,6 +82,7 @@ Result<Object> measurementObject(const Description& description, const Measureme
     object.value().writable = measurement.readWrite && !measurement.readOnly;
     const auto events = description.events(measurement);
     object.value().events.assign(events.begin(), events.end());
+    if (!events.empty()) object.value().preferredEvent = events[measurement.preferredEvent];
     return object;
 }
 

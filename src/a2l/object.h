@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -26,9 +27,10 @@ struct Object {
     std::string description;  ///< long identifier
     std::string displayName;  ///< DISPLAY_IDENTIFIER, may be empty
     ObjectKind kind = ObjectKind::measurement;
-    bool writable = false;                  ///< characteristic: not READ_ONLY; measurement: READ_WRITE
-    std::vector<std::uint16_t> events;      ///< event channels the A2L names for a measurement
-    std::vector<std::uint32_t> dimensions;  ///< elements along each axis; none for a scalar
+    bool writable = false;                        ///< characteristic: not READ_ONLY; measurement: READ_WRITE
+    std::vector<std::uint16_t> events;            ///< event channels the A2L names for a measurement
+    std::optional<std::uint16_t> preferredEvent;  ///< of them: a fixed one, else a default, else an available
+    std::vector<std::uint32_t> dimensions;        ///< elements along each axis; none for a scalar
 
     std::size_t elementCount() const;
     /// `index` is below elementCount().

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <optional>
 #include <string>
 
 #include "a2l/arguments.h"
@@ -96,18 +97,37 @@ std::uint32_t readMatrixSize(const Block& block, std::size_t first) {
     return static_cast<std::uint32_t>(size);
 }
 
-// Every EVENT with a channel number, at any depth, in the order of the file.
-void collectEvents(const Block& block, std::vector<std::uint16_t>& events) {
+// What a list says of its events: the less, the rather they are the measurement's own.
+enum class EventList : std::uint8_t { fixed, preset, available, other };
+
+EventList eventList(std::string_view keyword, EventList around) {
+    if (keyword == "FIXED_EVENT_LIST") return EventList::fixed;
+    if (keyword == "DEFAULT_EVENT_LIST") return EventList::preset;
+    if (keyword == "AVAILABLE_EVENT_LIST") return EventList::available;
+    return around;
+}
+
+struct PreferredEvent {
+    std::size_t position = 0;  ///< in the pool
+    std::optional<EventList> list = {};
+};
+
+// Every EVENT with a channel number, at any depth, in the order of the file. FIXED_EVENT_LIST is a word in
+// front of its events in some files and a block in others.
+void collectEvents(const Block& block, EventList list, std::vector<std::uint16_t>& events,
+                   PreferredEvent& preferred) {
     const auto tokens = block.tokens();
     auto child = block.children().begin();
     for (std::size_t i = 0;; ++i) {
         for (; child != block.children().end() && child->position <= i; ++child)
-            collectEvents(*child, events);
+            collectEvents(*child, eventList(child->keyword, list), events, preferred);
         if (i >= tokens.size()) return;
+        if (tokens[i].is("FIXED_EVENT_LIST")) list = EventList::fixed;
         if (!tokens[i].is("EVENT") || i + 1 == tokens.size()) continue;
         const Token& channel = tokens[i + 1];
         if (channel.kind == TokenKind::number && channel.value >= 0 &&
             channel.value <= std::numeric_limits<std::uint16_t>::max()) {
+            if (!preferred.list || list < *preferred.list) preferred = {events.size(), list};
             events.push_back(static_cast<std::uint16_t>(channel.value));
         }
     }
@@ -224,8 +244,9 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
     object.conversion = store.common(conversion);
 
     object.firstEvent = static_cast<std::uint32_t>(store.events.size());
+    PreferredEvent preferred{store.events.size()};
     for (const Block& child : block.children()) {
-        if (isXcpInterfaceData(child)) collectEvents(child, store.events);
+        if (isXcpInterfaceData(child)) collectEvents(child, EventList::other, store.events, preferred);
         // Computed by tools: an address of 0 is then no place in ECU memory.
         if (child.keyword == "VIRTUAL" && object.ecuAddress == 0) object.hasAddress = false;
         if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
@@ -234,6 +255,8 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
                                                     std::numeric_limits<std::uint16_t>::max());
     store.events.resize(object.firstEvent + count);
     object.eventCount = static_cast<std::uint16_t>(count);
+    const std::size_t position = preferred.position - object.firstEvent;
+    if (position < count) object.preferredEvent = static_cast<std::uint16_t>(position);
     return object;
 }
 

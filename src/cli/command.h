@@ -45,6 +45,8 @@ class ICommand {
     virtual void addOptions(CLI::App& /*app*/) {}
     /// Lays them over the configuration.
     virtual void overrule(session::SessionConfig& /*config*/) const {}
+    /// What can be found out before anything is opened. Error: why the command cannot run.
+    virtual Result<void> prepare(Form /*form*/) { return {}; }
     /// What it needs under its options, of what its row says.
     virtual Needs needs(Needs most) const { return most; }
     virtual session::SessionOptions sessionOptions() const { return {}; }

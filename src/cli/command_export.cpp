@@ -151,13 +151,14 @@ class ExportReport final : public IReport {
 
 void ExportCommand::addOptions(CLI::App& app) {
     exporter::ExportOptions& output = options_.output;
-    app.add_option("directory", options_.directory, "Recording directory")->required();
+    CLI::Option* directory =
+        app.add_option("directory", options_.directory, "Recording directory")->required();
     app.add_option("-o,--output", output.output,
                    "Output file, NAME.mf4 or NAME.csv; - is standard output, as CSV")
         ->required();
     app.add_option("--format", options_.format, "mf4 | csv (default: as the output's name ends)");
     app.add_flag("--force", output.force, "Overwrite existing files");
-    addPatterns(app, output.signals, "NAME, or a pattern with * and ? (default: all)");
+    addPatterns(app, output.signals, "NAME, or a pattern with * and ? (default: all)", *directory);
     addTimes(app, output.from, output.to, "Seconds from the start, or ISO 8601; records before it");
     app.add_option("--every", output.every, "Only every n-th record of each group")->default_str("1");
     app.add_flag("--no-compress", options_.noCompress, "MF4: copy the records as they lie");

@@ -17,10 +17,13 @@
 
 #include "cli/command_info.h"
 #include "cli/console_printer.h"
+#include "cli/live_table.h"
 #include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "cli/signal_list.h"
 #include "cli/stop_signal.h"
+#include "cli/terminal_screen.h"
 #include "core/printable_text.h"
 #include "core/text.h"
 
@@ -31,23 +34,28 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
 // One look at everything that ends a measurement from outside; waits up to 50 ms for it to happen.
-bool stopAskedFor(const Console& console, Seconds left) {
+bool stopAskedFor(const Console& console, LiveTable* table, Seconds left) {
     const double limitMs = std::clamp(std::ceil(left.count() * 1000), 0.0, 50.0);
-    std::array<pollfd, 2> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
-    ::poll(waits.data(), waits.size(), static_cast<int>(limitMs));
-    const bool readerGone = (waits[1].revents & (POLLERR | POLLHUP)) != 0;
-    return stopRequested() || readerGone || console.failure() != 0;
+    std::array<pollfd, 3> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0},
+                                   pollfd{table != nullptr ? table->keyDescriptor() : -1, POLLIN, 0}};
+    const int ready = ::poll(waits.data(), waits.size(), static_cast<int>(limitMs));
+    if (ready > 0 && waits[2].revents != 0) table->takeKeys();
+    const bool readerGone = ready > 0 && (waits[1].revents & (POLLERR | POLLHUP)) != 0;
+    return stopRequested() || readerGone || console.failure() != 0 ||
+           (table != nullptr && table->failure() != 0);
 }
 
 // Returns the seconds measured.
-double measureUntilEnd(double duration, const session::Session& session, const Console& console) {
+double measureUntilEnd(double duration, const session::Session& session, const Console& console,
+                       LiveTable* table) {
     const auto start = Clock::now();
     for (;;) {
         const Seconds elapsed = Clock::now() - start;
         if (session.state() == session::SessionState::failed) return elapsed.count();
         if (duration > 0 && elapsed.count() >= duration) return elapsed.count();
         const Seconds left = duration > 0 ? Seconds(duration) - elapsed : Seconds(1);
-        if (stopAskedFor(console, left)) return Seconds(Clock::now() - start).count();
+        if (table != nullptr) table->update(session, elapsed.count());
+        if (stopAskedFor(console, table, left)) return Seconds(Clock::now() - start).count();
     }
 }
 
@@ -178,6 +186,10 @@ void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummar
     json.endObject();
 }
 
+std::string notEmpty(const std::string& text) {
+    return text.empty() ? "is empty" : "";
+}
+
 /// True when standard output failed, which has been told then.
 bool endLines(Workplace& place) {
     place.console->finishPrinting();
@@ -235,6 +247,14 @@ std::string otherLosses(const session::MeasurementStats& stats) {
     return text;
 }
 
+std::string lossesInWords(const session::MeasurementStats& stats) {
+    Counts counts = lineCounts(stats);
+    counts.emplace_back("records dropped by the recording", stats.recordedDropped);
+    const std::string first = textOf(counts);
+    const std::string others = otherLosses(stats);
+    return first + (first.empty() || others.empty() ? "" : ", ") + others;
+}
+
 std::vector<std::string> silentLists(const session::MeasurementStats& stats) {
     std::vector<std::string> lines;
     for (const session::SilentList& list : stats.silentLists) {
@@ -266,11 +286,16 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
 
 void MeasureCommand::addOptions(CLI::App& app) {
     app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
+    app.add_option("--signals-from", options_.signalsFrom, "File with more signals, one a line");
+    app.add_option("--event", options_.event,
+                   "Event of names without one: its number, its name, or auto (the A2L names it)")
+        ->check(notEmpty, "");
     addDuration(app, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
     app.add_option("-r,--record", options_.recordDirectory, "Recording directory")
         ->each([this](const std::string& directory) { recordsNowhere_ = directory.empty(); });
     app.add_option("-p,--print-every", options_.printEvery, "Print every n-th record per DAQ list (0 = none)")
         ->default_str("100");
+    app.add_flag("--table", options_.table, "Show all signals in place, in a terminal");
     addExact(app, options_.exact);
     app.add_option("--fail-on", options_.failOn,
                    "losses,outage,empty: exit code 3 when samples were lost, the connection was lost, or a "
@@ -280,16 +305,31 @@ void MeasureCommand::addOptions(CLI::App& app) {
         ->check(CLI::IsMember({"losses", "outage", "empty"}));
 }
 
+Result<void> MeasureCommand::prepare(Form form) {
+    if (options_.table) {
+        if (form != Form::text)
+            return Error{ErrorCode::invalidArgument, "--table and --json exclude each other"};
+        if (auto able = TerminalScreen::check(STDOUT_FILENO); !able) return able;
+    }
+    if (!options_.signalsFrom) return {};
+    auto names = readSignalList(*options_.signalsFrom, stopToken());
+    if (!names) return names.error();
+    options_.signals.insert(options_.signals.end(), names.value().begin(), names.value().end());
+    return {};
+}
+
 void MeasureCommand::overrule(session::SessionConfig& config) const {
+    if (options_.event)
+        config.daq.defaultEvent = session::parseDefaultEvent(*options_.event, config.daq.defaultEvent);
     config.display.exact = config.display.exact || options_.exact;
 }
 
-Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
+Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* table) const {
     session::Session& session = *place.session;
     Console& console = *place.console;
     const bool isJson = place.results.json() != nullptr;
     const std::uint32_t interval = options_.printEvery.value_or(isJson ? 1 : 100);
-    if (isJson || interval != 0) {
+    if (table == nullptr && (isJson || interval != 0)) {
         if (auto printing = console.startPrinting(interval); !printing) return printing.error();
     }
     session::MeasurementOptions measurement;
@@ -297,7 +337,9 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
     measurement.recordDirectory = options_.recordDirectory;
     measurement.duration = Seconds(options_.durationSeconds);
     measurement.sink = &console;
+    if (table != nullptr) measurement.sink = &table->sink();
     measurement.onPlanned = [&](const session::MeasurementPlan& plan) {
+        if (table != nullptr) return table->setPlan(plan);
         const auto style = numberStyle(session.config());
         console.setLines(isJson ? jsonLines(plan, style, objectStart("measure"), startMembers(session, plan))
                                 : textLines(plan, style),
@@ -311,7 +353,10 @@ int MeasureCommand::run(Workplace& place) {
     if (recordsNowhere_) {
         spdlog::warn("measure: -r names no directory (a variable that is not set?), nothing is recorded");
     }
-    const auto summary = start(place);
+    std::optional<LiveTable> table;
+    if (options_.table) table.emplace(numberStyle(session.config()), options_.recordDirectory);
+    LiveTable* const shown = table ? &*table : nullptr;
+    const auto summary = start(place, shown);
     if (!summary) {
         place.results.fail("measure", summary.error());
         if (place.results.json() != nullptr) endLines(place);
@@ -319,7 +364,9 @@ int MeasureCommand::run(Workplace& place) {
     }
     printMessage(startLine(summary.value(), options_.recordDirectory) + "\n" +
                  outsideLoadLine(summary.value()));
-    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console);
+    if (table) table->begin();
+    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console, shown);
+    if (table) table->finish();
     return finish(place, summary.value(), seconds);
 }
 

@@ -14,6 +14,8 @@
 
 namespace lm::cli {
 
+class LiveTable;
+
 /// "measuring 3 signal(s) in 2 DAQ list(s), estimated bus load 1.5 % ... - Ctrl-C to stop".
 std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory);
 
@@ -33,6 +35,9 @@ std::string otherLosses(const session::MeasurementStats& stats);
 /// A line for each DAQ list that gave no record, then why, when that is known; without newlines.
 std::vector<std::string> silentLists(const session::MeasurementStats& stats);
 
+/// Every loss that either of them names, empty when there was none.
+std::string lossesInWords(const session::MeasurementStats& stats);
+
 /// Whether something of `failOn` ("losses", "outage", "empty") happened.
 bool failsOn(const std::vector<std::string>& failOn, const session::MeasurementStats& stats);
 
@@ -44,15 +49,19 @@ class MeasureCommand final : public ICommand {
   public:
     struct Options {
         std::vector<std::string> signals;
+        std::optional<std::string> signalsFrom;  ///< a file that names more of them
+        std::optional<std::string> event;
         double durationSeconds = 0;
         std::string recordDirectory;
         std::optional<std::uint32_t> printEvery;  ///< none: 100, as JSON 1
         bool exact = false;
+        bool table = false;
         std::vector<std::string> failOn;  ///< of "losses", "outage", "empty"
     };
 
     void addOptions(CLI::App& app) override;
     void overrule(session::SessionConfig& config) const override;
+    Result<void> prepare(Form form) override;
     session::SessionOptions sessionOptions() const override {
         return {.digest = !options_.recordDirectory.empty()};
     }
@@ -60,7 +69,7 @@ class MeasureCommand final : public ICommand {
     const Options& options() const { return options_; }
 
   private:
-    Result<session::PlanSummary> start(Workplace& place) const;
+    Result<session::PlanSummary> start(Workplace& place, LiveTable* table) const;
     int finish(Workplace& place, const session::PlanSummary& summary, double seconds) const;
 
     Options options_;

@@ -27,8 +27,8 @@ int fail(Results& results, const Error& error, const std::string& directory) {
     return 1;
 }
 
-void addDirectory(CLI::App& app, std::string& directory) {
-    app.add_option("directory", directory, "Recording directory")->required();
+CLI::Option* addDirectory(CLI::App& app, std::string& directory) {
+    return app.add_option("directory", directory, "Recording directory")->required();
 }
 
 /// As a shell takes it.
@@ -159,8 +159,8 @@ int RecordingRepairCommand::run(Workplace& place) {
 }
 
 void RecordingShowCommand::addOptions(CLI::App& app) {
-    addDirectory(app, directory_);
-    addPatterns(app, options_.signals, "NAME, or a pattern with * and ?")->required();
+    CLI::Option* directory = addDirectory(app, directory_);
+    addPatterns(app, options_.signals, "NAME, or a pattern with * and ?", *directory)->required();
     addTimes(app, options_.from, options_.to, "Seconds from the start, or ISO 8601");
 }
 

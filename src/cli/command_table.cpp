@@ -34,7 +34,7 @@ constexpr CommandRow kRecordingActions[] = {
      Needs::nothing, Form::text, make<RecordingRepairCommand>},
     {"show", "Plot signals in the terminal",
      R"(  xcplumo-cli recording show first -s engine_speed
-  xcplumo-cli recording show first -s "engine_*" -s wave --from 2 --to 4)",
+  xcplumo-cli recording show first -s "engine_*" wave --from 2 --to 4)",
      Needs::nothing, Form::text, make<RecordingShowCommand>},
 };
 
@@ -67,6 +67,8 @@ A pattern with * or ? is the whole name.)",
     {"measure", "DAQ measurement with optional recording",
      R"(  xcplumo-cli -c demo.json measure
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r first
+  xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s engine_speed@cyclic_10ms
+  xcplumo-cli -c demo.json measure --table
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
 With --json -p is 1 when it is not given.)",
      Needs::connection, Form::jsonLines, make<MeasureCommand>},

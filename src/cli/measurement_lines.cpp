@@ -30,19 +30,6 @@ struct Column {
 };
 using Columns = std::vector<Column>;
 
-/// With verbal texts that do not steer the terminal.
-value::Element printable(value::Element element) {
-    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&element.conversion->kind());
-    if (verbal == nullptr) return element;
-    value::Conversion::VerbalTable table = *verbal;
-    table.defaultText = printableText(table.defaultText);
-    for (auto& range : table.ranges)
-        range.text = printableText(range.text);
-    element.conversion = std::make_shared<const value::Conversion>(
-        std::move(table), element.conversion->formatText(), element.conversion->unit());
-    return element;
-}
-
 class TextLines final : public IMeasurementLines {
   public:
     TextLines(const MeasurementPlan& plan, value::NumberStyle style)
@@ -175,6 +162,18 @@ class JsonLines final : public IMeasurementLines {
 };
 
 }  // namespace
+
+value::Element printable(value::Element element) {
+    const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&element.conversion->kind());
+    if (verbal == nullptr) return element;
+    value::Conversion::VerbalTable table = *verbal;
+    table.defaultText = printableText(table.defaultText);
+    for (auto& range : table.ranges)
+        range.text = printableText(range.text);
+    element.conversion = std::make_shared<const value::Conversion>(
+        std::move(table), element.conversion->formatText(), element.conversion->unit());
+    return element;
+}
 
 std::unique_ptr<IMeasurementLines> textLines(const MeasurementPlan& plan, value::NumberStyle style) {
     return std::make_unique<TextLines>(plan, style);

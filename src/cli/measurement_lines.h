@@ -14,6 +14,9 @@
 
 namespace lm::cli {
 
+/// With verbal texts that do not steer the terminal.
+value::Element printable(value::Element element);
+
 class IMeasurementLines {
   public:
     virtual ~IMeasurementLines() = default;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <pthread.h>
+#include <unistd.h>
 #include <utility>
 
 #include <fmt/format.h>
@@ -41,6 +42,13 @@ std::string_view colourOf(spdlog::level::level_enum level) {
     }
 }
 
+/// `shown` is what lastMessage() gives of it.
+void printLogLine(std::string_view text, std::string_view shown) {
+    if (MessageOutput* const output = started.load()) return output->print(text, shown);
+    // Nothing can be told when standard error does not take it.
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
 class MessageSink final : public spdlog::sinks::base_sink<std::mutex> {
   protected:
     void sink_it_(const spdlog::details::log_msg& message) override {
@@ -51,11 +59,16 @@ class MessageSink final : public spdlog::sinks::base_sink<std::mutex> {
         spdlog::memory_buf_t text;
         formatter_->format(printable, text);
         const std::string_view line(text.data(), text.size());
-        if (!coloured_ || printable.color_range_end <= printable.color_range_start) return printMessage(line);
+        const auto level = spdlog::level::to_string_view(message.level);
+        const std::string shown =
+            fmt::format("{}: {}", std::string_view(level.data(), level.size()), payload);
+        if (!coloured_ || printable.color_range_end <= printable.color_range_start)
+            return printLogLine(line, shown);
         const auto begin = printable.color_range_start;
         const auto end = printable.color_range_end;
-        printMessage(fmt::format("{}{}{}\033[m{}", line.substr(0, begin), colourOf(message.level),
-                                 line.substr(begin, end - begin), line.substr(end)));
+        printLogLine(fmt::format("{}{}{}\033[m{}", line.substr(0, begin), colourOf(message.level),
+                                 line.substr(begin, end - begin), line.substr(end)),
+                     shown);
     }
     void flush_() override {}
 
@@ -80,6 +93,7 @@ MessageOutput::~MessageOutput() {
     started.store(nullptr);
     {
         const std::lock_guard lock(mutex_);
+        held_ = false;
         deadline_ = Clock::now() + kPatience;
         latestDeadline_ = Clock::now() + kLongestEnd;
     }
@@ -87,9 +101,26 @@ MessageOutput::~MessageOutput() {
     thread_.join();
 }
 
-void MessageOutput::print(std::string_view text) {
+void MessageOutput::hold() {
     const std::lock_guard lock(mutex_);
-    if (queue_.empty()) text.remove_prefix(writeSome(text));
+    held_ = true;
+}
+
+void MessageOutput::release() {
+    const std::lock_guard lock(mutex_);
+    held_ = false;
+    filled_.notify_one();
+}
+
+std::string MessageOutput::last() const {
+    const std::lock_guard lock(mutex_);
+    return last_;
+}
+
+void MessageOutput::print(std::string_view text, std::string_view shown) {
+    const std::lock_guard lock(mutex_);
+    last_ = shown.substr(0, shown.find_last_not_of('\n') + 1);
+    if (queue_.empty() && !held_) text.remove_prefix(writeSome(text));
     if (text.empty()) return;
     const std::string dropped = droppedLine();
     if (!queue_.empty() && queue_.size() + dropped.size() + text.size() > kQueueBytes) {
@@ -106,7 +137,7 @@ void MessageOutput::writeQueue() {
     ::pthread_setname_np(::pthread_self(), "messages");
     std::unique_lock lock(mutex_);
     for (;;) {
-        filled_.wait(lock, [this] { return !queue_.empty() || deadline_; });
+        filled_.wait(lock, [this] { return (!queue_.empty() && !held_) || deadline_; });
         if (queue_.empty()) return;
         const std::size_t written = writeSome(queue_);
         queue_.erase(0, written);
@@ -142,9 +173,21 @@ std::string MessageOutput::droppedLine() const {
 }
 
 void printMessage(std::string_view text) {
-    if (MessageOutput* const output = started.load()) return output->print(text);
-    // Nothing can be told when standard error does not take it.
-    std::fwrite(text.data(), 1, text.size(), stderr);
+    printLogLine(text, text);
+}
+
+void holdMessages() {
+    MessageOutput* const output = started.load();
+    if (output != nullptr && ::isatty(STDERR_FILENO) == 1) output->hold();
+}
+
+void releaseMessages() {
+    if (MessageOutput* const output = started.load()) output->release();
+}
+
+std::string lastMessage() {
+    const MessageOutput* const output = started.load();
+    return output == nullptr ? "" : output->last();
 }
 
 void setUpLogging(bool verbose) {

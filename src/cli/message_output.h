@@ -38,8 +38,15 @@ class MessageOutput {
     /// From now on printMessage prints here. Error: "cannot start the printer of messages: REASON".
     Result<void> start();
 
-    /// Whole lines.
-    void print(std::string_view text);
+    /// Whole lines; `shown` is the text as last() gives it.
+    void print(std::string_view text, std::string_view shown);
+    void print(std::string_view text) { print(text, text); }
+
+    /// From now on texts are kept for release(), as far as the queue has room.
+    void hold();
+    void release();
+    /// The text printed last, empty for none.
+    std::string last() const;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -48,10 +55,12 @@ class MessageOutput {
     std::size_t writeSome(std::string_view text);
     std::string droppedLine() const;
 
-    std::mutex mutex_;  // everything below but the thread
+    mutable std::mutex mutex_;  // everything below but the thread
     NonblockingOutput output_;
     std::condition_variable filled_;
     std::string queue_;
+    bool held_ = false;
+    std::string last_;
     std::uint64_t dropped_ = 0;                  ///< lines behind those of the queue
     std::optional<Clock::time_point> deadline_;  ///< set once the thread is to end
     Clock::time_point latestDeadline_;
@@ -61,6 +70,14 @@ class MessageOutput {
 
 /// Whole lines on standard error: through the MessageOutput that has been started, else directly.
 void printMessage(std::string_view text);
+
+/// Keeps what is printed from now on, where standard error is a terminal: it would tear the screen that is
+/// drawn there.
+void holdMessages();
+/// Prints what has been kept.
+void releaseMessages();
+/// What was printed last, without time and line end; empty for nothing.
+std::string lastMessage();
 
 /// The log goes where the messages go.
 void setUpLogging(bool verbose);

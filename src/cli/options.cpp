@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
+#include <system_error>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -83,9 +86,25 @@ void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional
     command.add_option("--to", to, helpTo);
 }
 
-CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help) {
-    // Extra arguments would take the directory behind it.
-    return command.add_option("-s,--signal", signals, help)->allow_extra_args(false);
+CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help,
+                         CLI::Option& directory) {
+    const auto take = [&signals, &directory](std::vector<std::string> words) {
+        // The parser leaves the last word of all to the directory, but takes one before other options.
+        if (directory.count() == 0) {
+            const auto isDirectory = [](const std::string& word) {
+                std::error_code unknown;
+                return std::filesystem::is_directory(word, unknown);
+            };
+            const auto found = std::find_if(words.begin() + 1, words.end(), isDirectory);
+            if (found != words.end()) {
+                directory.add_result(*found);
+                directory.run_callback();
+                words.erase(found);
+            }
+        }
+        signals = std::move(words);
+    };
+    return command.add_option_function<std::vector<std::string>>("-s,--signal", take, help);
 }
 
 Result<UdpTarget> splitUdpTarget(std::string_view text) {

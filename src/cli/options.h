@@ -46,8 +46,10 @@ void addDuration(CLI::App& command, double& seconds, const char* help);
 /// --from, --to.
 void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional<std::string>& to,
               const char* helpTo);
-/// -s, which may stand before the directory.
-CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help);
+/// -s, which takes all words behind it and may stand before the directory all the same: that option has been
+/// added before.
+CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help,
+                         CLI::Option& directory);
 
 /// HOST, HOST:PORT, [ADDRESS] or [ADDRESS]:PORT; an address with several colons and no brackets is the host
 /// as a whole. Error: parseUnsigned's for the port.

@@ -26,18 +26,6 @@ using storage::GroupReader;
 using storage::RecordingInfo;
 using storage::SignalInfo;
 
-std::uint64_t directorySize(const std::filesystem::path& directory) {
-    std::uint64_t size = 0;
-    std::error_code failure;
-    for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
-         entry.increment(failure)) {
-        std::error_code unknown;
-        const std::uint64_t bytes = entry->is_regular_file(unknown) ? entry->file_size(unknown) : 0;
-        if (!unknown) size += bytes;
-    }
-    return size;
-}
-
 Result<std::vector<SignalRange>> extremesFromLevels(const GroupReader& group,
                                                     const std::filesystem::path& directory) {
     const std::vector<SignalInfo>& signals = group.info().signals;
@@ -98,6 +86,18 @@ Result<void> lookInto(GroupOverview& group, const std::filesystem::path& directo
 }
 
 }  // namespace
+
+std::uint64_t directorySize(const std::filesystem::path& directory) {
+    std::uint64_t size = 0;
+    std::error_code failure;
+    for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
+         entry.increment(failure)) {
+        std::error_code unknown;
+        const std::uint64_t bytes = entry->is_regular_file(unknown) ? entry->file_size(unknown) : 0;
+        if (!unknown) size += bytes;
+    }
+    return size;
+}
 
 std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
     return fmt::format("{:.3f} s", secondsBetween(info.startHostNs, timeNs));

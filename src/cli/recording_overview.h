@@ -52,6 +52,9 @@ struct RecordingOverview {
     storage::RecordingEvents events = {};
 };
 
+/// Bytes of the files in a directory, of those that can be asked.
+std::uint64_t directorySize(const std::filesystem::path& directory);
+
 /// What cannot be read goes to `fail`; the rest is there all the same. With exact numbers the extremes come
 /// from the records, all of which are read: the summary levels round.
 RecordingOverview overviewOf(const storage::RecordingReader& recording, value::NumberStyle style,

@@ -217,6 +217,16 @@ void writeGroup(JsonWriter& json, const GroupOverview& group, const RecordingInf
 
 }  // namespace
 
+std::string sizeText(std::uint64_t bytes) {
+    constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
+    if (bytes < 1000) return fmt::format("{} bytes", bytes);
+    auto size = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; size >= 1000 && unit + 1 < std::size(kUnits); ++unit)
+        size /= 1000;
+    return fmt::format("{:.1f} {}", size, kUnits[unit]);
+}
+
 void RecordingReport::print(Output& output) const {
     printHead(overview_, output);
     for (const GroupOverview& group : overview_.groups)

@@ -3,10 +3,16 @@
 // Threads: one thread. Lifetime: borrows the overview.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include "cli/recording_overview.h"
 #include "cli/results.h"
 
 namespace lm::cli {
+
+/// "92.6 kB".
+std::string sizeText(std::uint64_t bytes);
 
 class RecordingReport final : public IReport {
   public:

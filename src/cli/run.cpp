@@ -93,6 +93,10 @@ int runConfigured(const CommandLine& line, Workplace& place) {
         place.results.fail("session", started.error());
         return place.results.finish(1);
     }
+    if (auto prepared = line.command->prepare(line.form); !prepared) {
+        place.results.failOrStopped(line.name, prepared.error());
+        return place.results.finish(1);
+    }
     auto config = effectiveConfig(line, place.results);
     if (!config) return place.results.finish(1);
     place.config = std::move(*config);

@@ -7,30 +7,33 @@
 #include <string_view>
 
 #include "a2l/object.h"
-#include "core/text.h"
+#include "session/signal_choice.h"
 
 namespace lm::session {
 namespace {
 
-Result<PlannedSignal> parseSignal(const a2l::Description& description, std::string_view text,
-                                  std::uint16_t defaultEvent) {
+PlannedSignal plannedSignal(ChosenSignal chosen) {
+    a2l::Object& object = chosen.object;
     PlannedSignal signal;
-    signal.event = defaultEvent;
-    const std::size_t at = text.find('@');
-    if (at != std::string_view::npos) {
-        const auto event = parseUnsigned(text.substr(at + 1), NumberBase::decimal, 0xFFFF);
-        if (!event.ok()) return event.error();
-        signal.event = static_cast<std::uint16_t>(event.value());
-    }
-    auto object = a2l::findObject(description, text.substr(0, at));
-    if (!object.ok()) return object.error();
-    const auto& events = object.value().events;
+    signal.event = chosen.event;
+    const auto& events = object.events;
     signal.isForeignEvent =
         !events.empty() && std::find(events.begin(), events.end(), signal.event) == events.end();
-    signal.element = object.value().element();
-    signal.description = std::move(object.value().description);
-    signal.displayName = std::move(object.value().displayName);
+    signal.element = object.element();
+    signal.description = std::move(object.description);
+    signal.displayName = std::move(object.displayName);
     return signal;
+}
+
+xcp::DaqSignal daqSignal(const value::Element& element, std::uint16_t event) {
+    return {element.address, static_cast<std::uint32_t>(element.size()), event, 1};
+}
+
+Result<void> requireRecordable(const value::Element& element) {
+    if (!element.coding.hasBitOperation()) return {};
+    return Error{
+        ErrorCode::unsupported,
+        element.name + ": a recording cannot say what its BIT_OPERATION does, measure it without recording"};
 }
 
 /// Period of a list's records in nanoseconds, 0 when its event is not cyclic.
@@ -46,20 +49,25 @@ Result<MeasurementPlan> planMeasurement(const a2l::Description& description,
                                         const std::vector<std::string>& signalTexts,
                                         const SessionConfig::Daq& daq,
                                         const xcp::DaqCapabilities& capabilities,
-                                        const xcp::ConnectInfo& connection) {
+                                        const xcp::ConnectInfo& connection, bool recorded) {
+    const xcp::DaqPlanOptions options{connection.maxDto, connection.granularity(), daq.useTimestamps};
+    const auto canMeasure = [&](const ChosenSignal& signal) -> Result<void> {
+        const value::Element element = signal.object.element();
+        if (auto fits = xcp::checkSignal(daqSignal(element, signal.event), capabilities, options); !fits.ok())
+            return Error{fits.error().code, element.name + ": " + fits.error().text()};
+        return recorded ? requireRecordable(element) : Result<void>();
+    };
+    auto choice = chooseSignals(description, signalTexts, daq.defaultEvent, capabilities, canMeasure);
+    if (!choice.ok()) return choice.error();
     MeasurementPlan plan;
+    plan.warnings = std::move(choice.value().warnings);
     std::vector<xcp::DaqSignal> signals;
-    for (const std::string& text : signalTexts) {
-        auto signal = parseSignal(description, text, daq.defaultEvent);
-        if (!signal.ok()) return signal.error();
-        const value::Element& element = signal.value().element;
-        signals.push_back(
-            {element.address, static_cast<std::uint32_t>(element.size()), signal.value().event, 1});
-        plan.planned.push_back(std::move(signal).value());
+    for (ChosenSignal& chosen : choice.value().chosen) {
+        plan.planned.push_back(plannedSignal(std::move(chosen)));
+        signals.push_back(daqSignal(plan.planned.back().element, plan.planned.back().event));
     }
     if (signals.empty()) return Error{ErrorCode::invalidArgument, "no signals to measure"};
 
-    const xcp::DaqPlanOptions options{connection.maxDto, connection.granularity(), daq.useTimestamps};
     auto packed = xcp::planDaq(signals, capabilities, options);
     if (!packed.ok()) return packed.error();
     plan.daq = std::move(packed).value();
@@ -134,11 +142,7 @@ Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities&
 
 Result<void> requireRecordable(const MeasurementPlan& plan) {
     for (const PlannedSignal& signal : plan.planned) {
-        if (!signal.element.coding.hasBitOperation()) continue;
-        return Error{ErrorCode::unsupported,
-                     signal.element.name +
-                         ": a recording cannot say what its BIT_OPERATION does, measure it "
-                         "without recording"};
+        if (auto able = requireRecordable(signal.element); !able.ok()) return able;
     }
     return {};
 }
@@ -175,7 +179,7 @@ std::string foreignEventWarning(const MeasurementPlan& plan) {
     std::string text = "event " + std::to_string(first->event) +
                        " is not among those that the A2L names for '" + first->element.name + "'";
     if (count > 1) text += " (nor for " + std::to_string(count - 1) + " more signal(s))";
-    return text;
+    return text + ", --event auto measures names without @EVENT in one of their own";
 }
 
 }  // namespace lm::session

@@ -18,13 +18,14 @@
 
 namespace lm::session {
 
-/// Resolves each NAME or NAME@EVENT and packs the DAQ lists. Errors: "stoul: ..." for an event that is no
-/// number, the resolver's, "no signals to measure", those of xcp::planDaq.
+/// Chooses the signals and packs the DAQ lists. A pattern takes nothing that a recording could not hold when
+/// the measurement is `recorded`. Errors: those of chooseSignals(), "no signals to measure", those of
+/// xcp::planDaq.
 Result<MeasurementPlan> planMeasurement(const a2l::Description& description,
                                         const std::vector<std::string>& signalTexts,
                                         const SessionConfig::Daq& daq,
                                         const xcp::DaqCapabilities& capabilities,
-                                        const xcp::ConnectInfo& connection);
+                                        const xcp::ConnectInfo& connection, bool recorded = false);
 
 /// The lists as the load estimate wants them.
 LoadInput loadInput(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities);
@@ -44,8 +45,8 @@ Result<void> requireRecordable(const MeasurementPlan& plan);
 /// and texts about the whole recording are left to the caller.
 storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities);
 
-/// One line about signals measured in an event that the A2L does not name for them; empty when there are
-/// none.
+/// One line about signals measured in an event that the A2L does not name for them, and the mend; empty when
+/// there are none.
 std::string foreignEventWarning(const MeasurementPlan& plan);
 
 }  // namespace lm::session

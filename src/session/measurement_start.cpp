@@ -15,8 +15,8 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
     xcp::ConnectInfo connection = context.master.connectInfo();
     connection.maxDto = context.medium.largestDto(connection.maxDto);
-    auto plan =
-        planMeasurement(context.description, texts, context.config.daq, context.capabilities, connection);
+    auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
+                                connection, !options.recordDirectory.empty());
     if (!plan.ok()) return plan.error();
     if (!options.recordDirectory.empty()) {
         if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();
@@ -24,6 +24,8 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     const auto load = context.medium.claimLoad(loadInput(plan.value().daq, context.capabilities),
                                                context.config.daq.maxBusLoad);
     if (!load.ok()) return load.error();
+    for (const std::string& warning : plan.value().warnings)
+        spdlog::warn("measure: {}", warning);
     const std::string warning = foreignEventWarning(plan.value());
     if (!warning.empty()) spdlog::warn("{}", warning);
     if (plan.value().daq.timestampSize == 0) {

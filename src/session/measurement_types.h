@@ -34,10 +34,11 @@ struct PlannedSignal {
 struct MeasurementPlan {
     std::vector<PlannedSignal> planned;  ///< in the order asked for, repetitions included
     xcp::DaqPlan daq;                    ///< lists in ascending event order
+    std::vector<std::string> warnings;   ///< of patterns that left something out
 };
 
 struct MeasurementOptions {
-    std::vector<std::string> signals;       ///< NAME or NAME@EVENT; empty: the configuration's list
+    std::vector<std::string> signals;       ///< see chooseSignals(); empty: the configuration's list
     std::filesystem::path recordDirectory;  ///< empty: no recording
     xcp::IDaqRecordSink* sink = nullptr;    ///< gets every record; may be null
     /// Called once with the plan before the first record can arrive. The plan lives until the measurement is

@@ -155,6 +155,18 @@ class Section {
         }
     }
 
+    void readDefaultEvent(const char* key, DefaultEvent& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (value->is_string() && !value->get_ref<const std::string&>().empty()) {
+            target = parseDefaultEvent(value->get<std::string>(), target);
+        } else if (!value->is_number()) {
+            fail(key, "must be a number, the name of an event, or \"auto\"");
+        } else if (const auto number = unsignedNumber(key, *value, 0, UINT16_MAX)) {
+            target = {static_cast<std::uint16_t>(*number)};
+        }
+    }
+
     void readFirstPid(const char* key, xcp::FirstPids& target) {
         std::string text = target == xcp::FirstPids::told ? "ecu" : "plan";
         read(key, text);
@@ -263,7 +275,7 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
     document.section("daq", [&](Section& section) {
         section.read("useTimestamps", config.daq.useTimestamps);
         section.readFraction("maxBusLoad", config.daq.maxBusLoad);
-        section.read("defaultEvent", config.daq.defaultEvent);
+        section.readDefaultEvent("defaultEvent", config.daq.defaultEvent);
         section.readFirstPid("firstPid", config.daq.firstPid);
     });
     document.section("reconnect", [&](Section& section) { fillReconnect(section, config.reconnect); });
@@ -309,6 +321,12 @@ ordered_json canDocument(const SessionConfig::Can& can) {
     return section;
 }
 
+ordered_json defaultEventDocument(const DefaultEvent& event) {
+    if (event.automatic) return "auto";
+    if (!event.name.empty()) return event.name;
+    return event.number;
+}
+
 ordered_json documentOf(const SessionConfig& config) {
     ordered_json document;
     document["name"] = config.name;
@@ -331,7 +349,7 @@ ordered_json documentOf(const SessionConfig& config) {
     auto& daq = document["daq"];
     daq["useTimestamps"] = config.daq.useTimestamps;
     daq["maxBusLoad"] = config.daq.maxBusLoad;
-    daq["defaultEvent"] = config.daq.defaultEvent;
+    daq["defaultEvent"] = defaultEventDocument(config.daq.defaultEvent);
     if (config.daq.firstPid == xcp::FirstPids::planned) daq["firstPid"] = "plan";
     auto& reconnect = document["reconnect"];
     reconnect["policy"] = reconnectPolicyName(config.reconnect.policy);
@@ -383,6 +401,13 @@ Result<ReconnectPolicy> parseReconnectPolicy(std::string_view text) {
         return Error{ErrorCode::invalidArgument, "unknown reconnect policy '" + std::string(text) + "'"};
     }
     return static_cast<ReconnectPolicy>(found - kPolicyNames.begin());
+}
+
+DefaultEvent parseDefaultEvent(const std::string& text, const DefaultEvent& before) {
+    if (text == "auto") return {before.number, "", true};
+    const auto number = parseUnsigned(text, NumberBase::decimal, UINT16_MAX);
+    if (number) return {static_cast<std::uint16_t>(number.value())};
+    return {0, text};
 }
 
 Result<SessionConfig> sessionConfigFromJson(std::string_view text,

@@ -32,6 +32,18 @@ std::string_view reconnectPolicyName(ReconnectPolicy policy);
 /// Error: invalidArgument "unknown reconnect policy 'TEXT'".
 Result<ReconnectPolicy> parseReconnectPolicy(std::string_view text);
 
+/// In which event channel signals without an event of their own are measured.
+struct DefaultEvent {
+    std::uint16_t number = 0;
+    std::string name = {};   ///< when not empty, that of an event of the ECU
+    bool automatic = false;  ///< the one that the A2L names for the signal, where it names one
+
+    bool operator==(const DefaultEvent&) const = default;
+};
+
+/// N, NAME or auto, not empty; `before` gives the number for what auto finds no event for.
+DefaultEvent parseDefaultEvent(const std::string& text, const DefaultEvent& before);
+
 /// Defaults are those of a document without any key. What is absent is taken from the A2L, else from the
 /// protocol's own default.
 struct SessionConfig {
@@ -69,7 +81,7 @@ struct SessionConfig {
     struct Daq {
         bool useTimestamps = true;
         double maxBusLoad = 0.8;  ///< fraction of 1
-        std::uint16_t defaultEvent = 0;
+        DefaultEvent defaultEvent = {};
         xcp::FirstPids firstPid = xcp::FirstPids::told;
 
         bool operator==(const Daq&) const = default;
@@ -97,7 +109,7 @@ struct SessionConfig {
     Xcp xcp;
     Daq daq;
     Reconnect reconnect;
-    std::vector<std::string> measurement;  ///< default signals, each NAME or NAME@EVENT
+    std::vector<std::string> measurement;  ///< default signals, see chooseSignals()
     Display display;                       ///< written only when it is not the default
 
     bool operator==(const SessionConfig&) const = default;

@@ -173,8 +173,10 @@ std::uint16_t DaqPlan::listNumber(std::size_t index) const {
     return static_cast<std::uint16_t>(firstListNumber + index);
 }
 
-Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilities& capabilities,
-                        const DaqPlanOptions& options) {
+namespace {
+
+/// Without lists.
+Result<DaqPlan> beginPlan(const DaqCapabilities& capabilities, const DaqPlanOptions& options) {
     if (!capabilities.dynamicConfiguration) {
         return Error{.code = ErrorCode::unsupported, .message = "static DAQ configuration is not supported"};
     }
@@ -186,6 +188,25 @@ Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilitie
     if (capabilities.timestampFixed || (capabilities.timestampSupported && options.useTimestamps)) {
         plan.timestampSize = capabilities.timestampSize;
     }
+    return plan;
+}
+
+}  // namespace
+
+Result<void> checkSignal(const DaqSignal& signal, const DaqCapabilities& capabilities,
+                         const DaqPlanOptions& options) {
+    const Result<DaqPlan> plan = beginPlan(capabilities, options);
+    if (!plan) return plan.error();
+    const Result<Room> room = measureRoom(plan.value(), capabilities, options);
+    if (!room) return room.error();
+    return checkSignal(signal, room.value(), capabilities);
+}
+
+Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilities& capabilities,
+                        const DaqPlanOptions& options) {
+    auto begun = beginPlan(capabilities, options);
+    if (!begun) return begun;
+    DaqPlan plan = std::move(begun).value();
     const Result<Room> room = measureRoom(plan, capabilities, options);
     if (!room) return room.error();
 

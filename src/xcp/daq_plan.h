@@ -113,6 +113,10 @@ struct DaqPlan {
     std::uint16_t listNumber(std::size_t index) const;
 };
 
+/// Whether planDaq() could take the signal; its errors of a single signal, and those of all plans.
+Result<void> checkSignal(const DaqSignal& signal, const DaqCapabilities& capabilities,
+                         const DaqPlanOptions& options);
+
 /// Groups the signals by event channel and packs each group into ODTs: distinct values largest first, each
 /// into the first ODT with room. Errors: unsupported "static DAQ configuration is not supported";
 /// invalidArgument "MAX_DTO too small for identification field and timestamp", "signal of N bytes does not

@@ -37,12 +37,13 @@ std::string orderName(std::optional<ByteOrder> order) {
 }
 
 std::string dumped(const Description& description, const Measurement& m) {
-    return fmt::format("{} '{}' {} {} [{} {}]{}{} x{} mask {:x} '{}' '{}' '{}'{}{}{} events {}", m.name,
+    return fmt::format("{} '{}' {} {} [{} {}]{}{} x{} mask {:x} '{}' '{}' '{}'{}{}{} events {}{}", m.name,
                        m.longIdentifier, dataTypeName(m.dataType), m.conversion, m.lowerLimit, m.upperLimit,
                        m.hasAddress ? fmt::format(" {:x}:{}", m.ecuAddress, m.addressExtension) : "",
                        orderName(m.byteOrder), m.elementCount, m.bits.mask, m.displayIdentifier, m.format,
                        m.physUnit.value_or(""), m.readOnly ? " ro" : "", m.readWrite ? " rw" : "",
-                       m.eventCount == 0 ? " no" : "", fmt::join(description.events(m), ","));
+                       m.eventCount == 0 ? " no" : "", fmt::join(description.events(m), ","),
+                       m.eventCount == 0 ? "" : fmt::format(":{}", description.events(m)[m.preferredEvent]));
 }
 
 TEST(Parser, ReadsMeasurements) {
@@ -64,11 +65,19 @@ TEST(Parser, ReadsMeasurements) {
          " 5:0 x1 mask 0 'READ_ONLY' '' '' no events "},
         {R"(SYMBOL_LINK "READ_ONLY" 4 MAX_REFRESH 3 1 "ECU_ADDRESS" 5 UNKNOWN "x" 5 ARRAY_SIZE 7)",
          " x7 mask 0 '' '' '' no events "},
-        // Events at any depth, in the order of the file, of XCP alone.
+        // Events at any depth, in the order of the file, of XCP alone; the preferred one stands behind them.
         {"/begin IF_DATA XCP EVENT 1 /begin DAQ_EVENT VARIABLE /begin DEFAULT_EVENT_LIST EVENT 0x2 EVENT "
          "/end DEFAULT_EVENT_LIST EVENT 3 /end DAQ_EVENT EVENT 65535 EVENT 65536 EVENT X /end IF_DATA"
          " /begin IF_DATA CCP EVENT 9 /end IF_DATA /begin IF_DATA XCPplus 0x104 EVENT 4 /end IF_DATA",
-         " x1 mask 0 '' '' '' events 1,2,3,65535,4"},
+         " x1 mask 0 '' '' '' events 1,2,3,65535,4:2"},
+        {"/begin IF_DATA XCP /begin DAQ_EVENT VARIABLE /begin CONSISTENCY_EVENT_LIST EVENT 1 /end "
+         "CONSISTENCY_EVENT_LIST"
+         " /begin AVAILABLE_EVENT_LIST EVENT 2 EVENT 3 /end AVAILABLE_EVENT_LIST /end DAQ_EVENT /end IF_DATA",
+         " x1 mask 0 '' '' '' events 1,2,3:2"},
+        {"/begin IF_DATA XCP /begin DEFAULT_EVENT_LIST EVENT 1 /end DEFAULT_EVENT_LIST /begin DAQ_EVENT "
+         "FIXED_EVENT_LIST"
+         " EVENT 2 EVENT 3 /end DAQ_EVENT /end IF_DATA",
+         " x1 mask 0 '' '' '' events 1,2,3:2"},
     };
     for (const auto& [optional, dump] : rows) {
         const auto d = parsed(fmt::format(

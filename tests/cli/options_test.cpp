@@ -98,10 +98,10 @@ TEST(Options, GlobalOptionsStandBeforeAndBehindTheSubcommand) {
             EXPECT_TRUE(std::holds_alternative<int>(refused) && std::get<int>(refused) > 100) << seconds;
         }
     }
-    const auto line = parsed({"recording", "show", "-s", "a*", "dir", "-s", "b", "--from", "-1.5"});
+    const auto line = parsed({"recording", "show", "-s", "a*", ".", "-s", "b", "--from", "-1.5"});
     const auto& show = as<RecordingShowCommand>(line);
     EXPECT_EQ(line.name, "recording show");
-    EXPECT_EQ(show.directory(), "dir");
+    EXPECT_EQ(show.directory(), ".");
     EXPECT_EQ(show.options().signals, (std::vector<std::string>{"a*", "b"}));
     EXPECT_EQ(show.options().from, "-1.5");
 }

@@ -11,6 +11,8 @@ constexpr const char* kA2l = R"(/begin PROJECT p "" /begin MODULE engine ""
   /begin MEASUREMENT turned "" UWORD NO_COMPU_METHOD 0 0 0 100 ECU_ADDRESS 0x300 BIT_MASK 0xF0
     /begin BIT_OPERATION RIGHT_SHIFT 4 SIGN_EXTEND /end BIT_OPERATION /end MEASUREMENT
   /begin MEASUREMENT load "" ULONG NO_COMPU_METHOD 0 0 0 100 ECU_ADDRESS 0x200 /end MEASUREMENT
+  /begin RECORD_LAYOUT byte FNC_VALUES 1 UBYTE ROW_DIR DIRECT /end RECORD_LAYOUT
+  /begin CHARACTERISTIC p "" VALUE 0x400 byte 0 NO_COMPU_METHOD 0 255 /end CHARACTERISTIC
 /end MODULE /end PROJECT)";
 
 class MeasurementPlanTest : public ::testing::Test {
@@ -60,7 +62,63 @@ TEST_F(MeasurementPlanTest, SignalsFollowTheirEventsAndKeepTheOrderAskedFor) {
     EXPECT_EQ(requireRecordable(plan({"speed", "turned"}).value()).error().text(),
               "turned: a recording cannot say what its BIT_OPERATION does, measure it without recording");
     EXPECT_EQ(foreignEventWarning(std::move(plan({"speed", "speed@2"})).value()),
-              "event 0 is not among those that the A2L names for 'speed' (nor for 1 more signal(s))");
+              "event 0 is not among those that the A2L names for 'speed' (nor for 1 more signal(s)), "
+              "--event auto measures names without @EVENT in one of their own");
+}
+
+// Names and events of what is chosen, then the warnings; or the error.
+TEST_F(MeasurementPlanTest, SignalsAreChosenByPatternAndEventName) {
+    capabilities_.events.push_back({3, 0, 1, "1"});
+    capabilities_.events.push_back({4, 0, 1, std::string("twin\0", 5)});
+    const std::vector<xcp::EventChannel> twins = {{5, 0, 1, "same"}, {6, 0, 1, "same"}};
+    capabilities_.events.insert(capabilities_.events.end(), twins.begin(), twins.end());
+    const DefaultEvent automatic{2, "", true};
+    const std::string kTurned =
+        "turned: a recording cannot say what its BIT_OPERATION does, measure it without recording";
+    const struct {
+        std::vector<std::string> texts;
+        DefaultEvent bare;
+        bool recorded;
+        std::string result;
+    } rows[] = {
+        {{"*e*", "speed@1", "l?ad"}, {}, false, "speed@0 turned@0 speed@1 load@0 "},
+        {{"*", "*ed"},
+         automatic,
+         true,
+         "speed@1 load@2 '*' matches 3 measurement(s), 1 of which cannot be measured "
+         "and are left out: " +
+             kTurned +
+             "'*ed' matches 2 measurement(s), 1 of which cannot be measured and are left "
+             "out: " +
+             kTurned},
+        {{"load@10 ms", "speed@twin", "speed@1"}, {}, false, "load@1 speed@4 speed@1 "},
+        {{"s*"}, {0, "10 ms"}, false, "speed@1 "},
+        {{"p*@2"}, {}, false, "p@2 "},
+        {{"speed@same"}, {}, false, "events 5 and 6 are both called 'same', give the number"},
+        {{"speed@"}, {}, false, "stoul: '' is not a number from 0 to 65535"},
+        {{"speed@9 ms"}, {}, false, "stoul: '9 ms' is not a number from 0 to 65535"},
+        {{"x*"}, {}, false, "'x*' matches no name of the A2L"},
+        {{"t*"}, {}, true, "'t*' matches 1 measurement(s), none of which can be measured: " + kTurned},
+        {{"*@7"},
+         {},
+         false,
+         "'*' matches 3 measurement(s), none of which can be measured: speed: event channel 7 does "
+         "not exist"},
+        {{"x"}, {}, false, "'x' is neither a MEASUREMENT nor a CHARACTERISTIC"},
+    };
+    for (const auto& row : rows) {
+        daq_.defaultEvent = row.bare;
+        const auto result =
+            planMeasurement(description_, row.texts, daq_, capabilities_, connection_, row.recorded);
+        std::string text = result.ok() ? "" : result.error().text();
+        if (result.ok()) {
+            for (const PlannedSignal& signal : result.value().planned)
+                text += signal.element.name + "@" + std::to_string(signal.event) + " ";
+            for (const std::string& warning : result.value().warnings)
+                text += warning;
+        }
+        EXPECT_EQ(text, row.result) << row.texts.front();
+    }
 }
 
 TEST_F(MeasurementPlanTest, AnEcuThatCameBackDifferentIsRefused) {

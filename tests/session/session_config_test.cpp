@@ -73,7 +73,8 @@ TEST(SessionConfig, SurvivesWritingAndReading) {
         if (coin()) config.xcp.timeoutsMs = {0, 1, 65535, 4, 5, 6, static_cast<std::uint16_t>(number())};
         config.xcp.useShortUpload = coin();
         config.xcp.connectAttempts = number();
-        config.daq = {coin(), number() / 1e9, static_cast<std::uint16_t>(number())};
+        const DefaultEvent events[] = {{0, "", true}, {0, "10 ms"}, {static_cast<std::uint16_t>(number())}};
+        config.daq = {coin(), number() / 1e9, events[number() % 3]};
         config.reconnect = {static_cast<ReconnectPolicy>(number() % 3), number(),
                             std::chrono::milliseconds(1 + number() / 2), std::chrono::milliseconds(1)};
         config.measurement.assign(number() % 4, text());
@@ -95,6 +96,10 @@ TEST(SessionConfig, RefusesWithThePlace) {
         {R"({"can":{"resId":true}})", "can.resId: must be a number or text, but is boolean"},
         {R"({"xcp":{"timeoutsMs":[1,2,3,4,5,6]}})", "xcp.timeoutsMs: needs 7 numbers, but has 6"},
         {R"({"daq":{"maxBusLoad":-0.1}})", "daq.maxBusLoad: -0.1 is negative"},
+        {R"({"daq":{"defaultEvent":65536}})",
+         "daq.defaultEvent: 65536 is not a whole number from 0 to 65535"},
+        {R"({"daq":{"defaultEvent":""}})",
+         "daq.defaultEvent: must be a number, the name of an event, or \"auto\""},
         {R"({"measurement":["a",1]})", "measurement: must be an array of texts, but is number"},
     };
     for (const auto& row : rows) {

@@ -70,6 +70,14 @@ class RecordingCommandTest(SystemTest):
         self.assertTrue(plain.stdout.isascii() and max(map(len, lines)) == 80, plain.stdout)
         # A counter goes up from corner to corner.
         self.assertTrue(lines[1].endswith("*") and re.match(r" *\d+ \+\*", lines[12]), plain.stdout)
+        # The words behind -s are signals, but for the directory.
+        for words in (["-s", "count*", directory], ["-s", "count*", directory, "--from", 0], [directory, "-s", "x*", "count*"],
+                      ["-s", "count*", "x", directory, "-s", "y"], ["-s", "count*"]):
+            done = self.run_plain("recording", "show", *words)
+            wrong = re.findall("directory is required|'x.*'|'[xy]'", done.stderr)
+            told = (done.stdout == plain.stdout, wrong)
+            self.assertEqual(told, {3: (True, []), 5: (True, []), 4: (False, ["'x*'"]), 6: (False, ["'x'"]),
+                                    2: (False, ["directory is required"])}[len(words)], done)
         terminal = Terminal([CLI, *arguments], self.env, rows=12, columns=50)
         self.addCleanup(terminal.close)
         terminal.wait_for("")
