@@ -27,12 +27,11 @@ class BlockVisitor {
     virtual void collected(const Block& block) = 0;
     /// `depth` as in opened(). The root is closed last, with an empty keyword.
     virtual void closed(const Block& block, std::size_t depth) = 0;
-    /// `/include` outside of A2ML; `file` is empty when no name follows in
-    /// its line.
+    /// An `/include` outside of A2ML that is not followed; `file` is empty when no name follows in its line.
     virtual void included(std::string_view file, std::uint32_t line) = 0;
-    /// Everything before `offset` has been read and reported. Called behind an /end, not more often than
-    /// every kPassedStep bytes.
-    virtual void passed(std::size_t offset) = 0;
+    /// The first `offset` bytes of `size` have been read and reported; `size` grows with each included file.
+    /// Called behind an /end, not more often than every kPassedStep bytes.
+    virtual void passed(std::size_t offset, std::size_t size) = 0;
 
     static constexpr std::size_t kPassedStep = std::size_t{1} << 20U;
 };

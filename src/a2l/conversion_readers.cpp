@@ -168,21 +168,4 @@ CompuVtab readCompuVtabRange(const Block& block, ModelStore& store) {
     return readTexts(block, 3, readCount<std::uint32_t>(block, 2, "number of entries"), 2, store);
 }
 
-RecordLayout readRecordLayout(const Block& block, ModelStore& store) {
-    RecordLayout layout;
-    const std::string_view name = readIdentifier(block, 0, "name");
-    for (std::size_t i = 1; i < block.tokens().size(); ++i) {
-        if (!block.tokens()[i].is("FNC_VALUES")) continue;
-        RecordLayout::Entry entry;
-        entry.position = readCount<std::uint16_t>(block, i + 1, "position");
-        entry.dataType = readDataType(block, i + 2);
-        entry.indexMode = store.common(readIdentifier(block, i + 3, "index mode"));
-        entry.addressType = store.common(readIdentifier(block, i + 4, "address type"));
-        layout.fncValues = entry;
-        break;
-    }
-    layout.name = store.common(name);
-    return layout;
-}
-
 }  // namespace lm::a2l

@@ -15,6 +15,5 @@ CompuMethod readCompuMethod(const Block& block, ModelStore& store);
 CompuTab readCompuTab(const Block& block, ModelStore& store);
 CompuVtab readCompuVtab(const Block& block, ModelStore& store);
 CompuVtab readCompuVtabRange(const Block& block, ModelStore& store);
-RecordLayout readRecordLayout(const Block& block, ModelStore& store);
 
 }  // namespace lm::a2l

@@ -19,6 +19,10 @@
 #include <utility>
 #include <vector>
 
+#include "a2l/dependency.h"
+#include "a2l/folders.h"
+#include "a2l/record_layout.h"
+#include "a2l/structure_records.h"
 #include "a2l/xcp_interface.h"
 #include "core/bytes.h"
 #include "core/result.h"
@@ -37,6 +41,13 @@ struct BitField {
     std::uint8_t rightShift = 0;
 };
 
+/// Where a record's numbers stand in a pool of the description: what few objects have costs the others a
+/// word.
+struct PoolRange {
+    std::uint32_t first = 0;
+    std::uint16_t count = 0;
+};
+
 /// MEASUREMENT.
 struct Measurement {
     std::string_view name;
@@ -51,6 +62,7 @@ struct Measurement {
     std::uint32_t ecuAddress = 0;
     std::uint32_t elementCount = 1;  ///< product of ARRAY_SIZE or MATRIX_DIM, saturated
     std::uint32_t firstEvent = 0;    ///< where its events begin in the description's pool
+    PoolRange dimensions;            ///< MATRIX_DIM, or ARRAY_SIZE
     std::uint16_t eventCount = 0;
     std::uint16_t preferredEvent =
         0;  ///< which of them its FIXED_EVENT_LIST or DEFAULT_EVENT_LIST names first
@@ -58,23 +70,16 @@ struct Measurement {
     value::DataType dataType = value::DataType::ubyte;
     std::optional<ByteOrder> byteOrder;
     bool hasAddress = false;  ///< also false for a VIRTUAL one at address 0
-    bool isPointer = false;   ///< ADDRESS_TYPE: at the address lies that of the value
     bool readOnly = false;
     bool readWrite = false;
+    bool wordSwapped = false;       ///< a BYTE_ORDER that swaps words, which nothing here reads
+    std::optional<bool> columnDir;  ///< LAYOUT
+    AddressType addressType = AddressType::direct;
 };
 
 enum class CharacteristicType : std::uint8_t { value, curve, map, cuboid, cube4, cube5, valBlk, ascii };
 
-/// AXIS_DESCR of a characteristic.
-struct AxisDescription {
-    std::string_view attribute;
-    std::string_view inputQuantity;
-    std::string_view conversion;
-    std::uint32_t maxAxisPoints = 0;
-    double lowerLimit = 0;
-    double upperLimit = 0;
-    std::string_view axisPointsRef;  ///< AXIS_PTS_REF, may be empty
-};
+enum class TextEncoding : std::uint8_t { notGiven, utf8, utf16, utf32 };
 
 /// CHARACTERISTIC.
 struct Characteristic {
@@ -92,9 +97,14 @@ struct Characteristic {
     BitField bits;
     std::uint32_t address = 0;
     std::uint32_t elementCount = 1;  ///< product of MATRIX_DIM or NUMBER, saturated
+    PoolRange dimensions;            ///< MATRIX_DIM, or NUMBER
+    PoolRange maps;                  ///< MAP_LIST
     std::uint8_t addressExtension = 0;
     CharacteristicType type = CharacteristicType::value;
+    TextEncoding encoding = TextEncoding::notGiven;
     std::optional<ByteOrder> byteOrder;
+    bool wordSwapped = false;  ///< a BYTE_ORDER that swaps words, which nothing here reads
+    bool guardRails = false;
     bool readOnly = false;
     bool isVirtual = false;  ///< VIRTUAL_CHARACTERISTIC: computed by tools, has no place in ECU memory
     std::vector<AxisDescription> axes;
@@ -105,12 +115,23 @@ struct AxisPoints {
     std::string_view name;
     std::string_view longIdentifier;
     std::string_view inputQuantity;
-    std::string_view deposit;
+    std::string_view deposit;  ///< name of a RECORD_LAYOUT
     std::string_view conversion;
+    std::string_view displayIdentifier;
+    std::string_view format;
+    std::optional<std::string_view> physUnit;
     std::uint32_t address = 0;
     std::uint32_t maxAxisPoints = 0;
     double lowerLimit = 0;
     double upperLimit = 0;
+    BitField bits;  ///< none; the objects have it in common
+    std::uint8_t addressExtension = 0;
+    Deposit pointDeposit = Deposit::notGiven;
+    Monotony monotony = Monotony::none;
+    std::optional<ByteOrder> byteOrder;
+    bool wordSwapped = false;  ///< a BYTE_ORDER that swaps words, which nothing here reads
+    bool guardRails = false;
+    bool readOnly = false;
 };
 
 enum class ConversionType : std::uint8_t { identical, linear, ratFunc, tabIntp, tabNointp, tabVerb, form };
@@ -149,19 +170,13 @@ struct CompuVtab {
     std::string_view defaultText;
 };
 
-/// True for the address types of which the place holds a pointer to the data: PBYTE, PWORD, PLONG, PLONGLONG.
-bool isPointerType(std::string_view addressType);
-
-/// RECORD_LAYOUT.
-struct RecordLayout {
-    struct Entry {
-        std::uint16_t position = 0;
-        value::DataType dataType = value::DataType::ubyte;
-        std::string_view indexMode;
-        std::string_view addressType;
-    };
-    std::string_view name;
-    std::optional<Entry> fncValues;
+/// What MOD_COMMON and MOD_PAR say of all objects.
+struct ObjectDefaults {
+    bool wordSwapped = false;  ///< a BYTE_ORDER that swaps words, which nothing here reads
+    Alignments alignments{};
+    Deposit deposit = Deposit::notGiven;
+    std::string_view layout;              ///< S_REC_LAYOUT
+    std::uint32_t calibrationOffset = 0;  ///< ECU_CALIBRATION_OFFSET
 };
 
 class Description {
@@ -182,9 +197,37 @@ class Description {
     const CompuTab* findCompuTab(std::string_view name) const;
     const CompuVtab* findCompuVtab(std::string_view name) const;
     const RecordLayout* findRecordLayout(std::string_view name) const;
+    const Blob* findBlob(std::string_view name) const;
+    const Instance* findInstance(std::string_view name) const;
+
+    /// Types of instances and components: as the records of objects, without a place.
+    const Measurement* findMeasurementType(std::string_view name) const;
+    const Characteristic* findCharacteristicType(std::string_view name) const;
+    const AxisPoints* findAxisType(std::string_view name) const;
+    const Blob* findBlobType(std::string_view name) const;
+    const StructureType* findStructureType(std::string_view name) const;
+
+    const Folder* findGroup(std::string_view name) const;
+    const Folder* findFunction(std::string_view name) const;
+    /// How the object of that name is computed; nullptr when it is not.
+    const Dependency* findDependency(std::string_view name) const;
+    std::span<const std::string_view> sources(const Dependency& dependency) const;
+
+    std::span<const FolderList> lists(const Folder& folder) const;
+    std::span<const NameNumber> numbers(const FolderList& list) const;
+    std::string_view nameOf(NameNumber number) const;
+    /// None for a name that neither an object nor a folder's list has.
+    std::optional<NameNumber> numberOf(std::string_view name) const;
+
+    std::span<const std::uint32_t> dimensions(const Extent& extent) const;
+    std::span<const Overwrite> overwrites(const Instance& instance) const;
 
     /// Event channels that the measurement's own XCP interface data names, in file order.
     std::span<const std::uint16_t> events(const Measurement& measurement) const;
+    /// The numbers of MATRIX_DIM as written, or the one of ARRAY_SIZE or NUMBER.
+    std::span<const std::uint32_t> dimensions(PoolRange range) const;
+    /// The names of a MAP_LIST.
+    std::span<const std::string_view> maps(PoolRange range) const;
 
     // Contents, each in file order. Filled by the parser; nobody changes them afterwards.
     std::optional<std::pair<double, double>> asap2Version;
@@ -194,6 +237,7 @@ class Description {
     std::string_view moduleLongIdentifier;
     std::string sha256;                  ///< of the file, in hexadecimal, when load() was asked for it
     std::optional<ByteOrder> byteOrder;  ///< of MOD_COMMON
+    ObjectDefaults defaults;
     std::vector<Measurement> measurements;
     std::vector<Characteristic> characteristics;
     std::vector<AxisPoints> axisPoints;
@@ -201,6 +245,16 @@ class Description {
     std::vector<CompuTab> compuTabs;
     std::vector<CompuVtab> compuVtabs;
     std::vector<RecordLayout> recordLayouts;
+    std::vector<Blob> blobs;
+    std::vector<Instance> instances;
+    std::vector<Measurement> measurementTypes;        ///< TYPEDEF_MEASUREMENT
+    std::vector<Characteristic> characteristicTypes;  ///< TYPEDEF_CHARACTERISTIC
+    std::vector<AxisPoints> axisTypes;                ///< TYPEDEF_AXIS
+    std::vector<Blob> blobTypes;                      ///< TYPEDEF_BLOB
+    std::vector<StructureType> structureTypes;        ///< TYPEDEF_STRUCTURE
+    std::vector<Folder> groups;
+    std::vector<Folder> functions;
+    std::vector<Dependency> dependencies;
     std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
     XcpInterface xcp;
 

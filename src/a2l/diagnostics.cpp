@@ -7,10 +7,15 @@
 
 namespace lm::a2l {
 
+std::string Diagnostics::where(std::uint32_t line) const {
+    return lines_ == nullptr ? SourceLines().where(line) : lines_->where(line);
+}
+
 void Diagnostics::skipped(std::string_view kind, std::string_view name, std::uint32_t line,
                           std::string_view reason) {
-    std::string text = name.empty() ? fmt::format("skipped: {} (line {}): {}", kind, line, reason)
-                                    : fmt::format("skipped: {} '{}' (line {}): {}", kind, name, line, reason);
+    const std::string place = where(line);
+    std::string text = name.empty() ? fmt::format("skipped: {} ({}): {}", kind, place, reason)
+                                    : fmt::format("skipped: {} '{}' ({}): {}", kind, name, place, reason);
     entries_.push_back({line, std::move(text)});
 }
 

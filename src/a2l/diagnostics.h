@@ -1,6 +1,6 @@
 // What was left out or odd while reading a description, with the lines, in any order.
 //
-// Threads: one at a time. Lifetime: owns its texts.
+// Threads: one at a time. Lifetime: owns its texts; borrows the SourceLines.
 #pragma once
 
 #include <cstddef>
@@ -10,10 +10,18 @@
 #include <utility>
 #include <vector>
 
+#include "a2l/source_texts.h"
+
 namespace lm::a2l {
 
 class Diagnostics {
   public:
+    /// `lines` tells the files that lines are in; it must outlive this.
+    explicit Diagnostics(const SourceLines* lines = nullptr) : lines_(lines) {}
+
+    /// "line N", "FILE line N" in an included file.
+    std::string where(std::uint32_t line) const;
+
     /// "skipped: KIND 'NAME' (line N): REASON"; without a name "skipped: KIND (line N): REASON".
     void skipped(std::string_view kind, std::string_view name, std::uint32_t line, std::string_view reason);
 
@@ -28,6 +36,7 @@ class Diagnostics {
         std::uint32_t line;
         std::string text;
     };
+    const SourceLines* lines_;
     std::vector<Entry> entries_;
 };
 

@@ -1,14 +1,13 @@
 #include "a2l/object.h"
 
-#include <bit>
-#include <cassert>
 #include <functional>
-#include <memory>
 #include <numeric>
+#include <string>
 #include <utility>
 
-#include "a2l/conversion_builder.h"
+#include "a2l/object_builder.h"
 #include "a2l/object_error.h"
+#include "a2l/placed_object.h"
 #include "a2l/similar_names.h"
 
 namespace lm::a2l {
@@ -16,93 +15,25 @@ namespace {
 
 constexpr const char* kPointer = "at its address lies a pointer to the value, which is not supported yet";
 
-Error fault(std::string_view name, const std::string& what) {
-    return {ErrorCode::notFound, std::string(name) + ": " + what};
-}
-
-/// The mask and the shift that read and write like a BIT_OPERATION: (raw & mask), then its shift instead of
-/// the mask's own. Bits that it shifts out below are none of the value.
-Result<void> applyBitOperation(const BitField& bits, std::string_view name, value::RawCoding& coding) {
-    if (!bits.operation || value::isFloat(coding.dataType)) return {};
-    constexpr int kAllBits = 64;
-    const std::uint64_t whole = ~std::uint64_t{0} >> (64U - 8U * coding.size());
-    const int right = int{bits.rightShift} - int{bits.leftShift};
-    std::uint64_t mask = bits.mask == 0 ? whole : bits.mask & whole;
-    if (right > 0) mask = right < kAllBits ? mask >> right << right : 0;
-    if (mask == 0) return fault(name, "BIT_OPERATION leaves no bit of the value");
-    const int left = std::countr_zero(mask) - right;
-    if (std::bit_width(mask) - right > kAllBits)
-        return fault(name, "BIT_OPERATION shifts the value beyond 64 bits");
-    coding.bitMask = mask;
-    coding.leftShift = static_cast<std::uint8_t>(left);
-    coding.signExtend = bits.signExtend && !value::isSigned(coding.dataType);
+/// Error: why a record is no scalar.
+Result<void> checkScalar(const Measurement& measurement) {
+    const auto refused = [&](const char* why) { return objectFault(measurement.name, why); };
+    if (!measurement.hasAddress) return refused("measurement has no ECU_ADDRESS");
+    if (measurement.elementCount > 1) return refused("arrays are not supported yet");
+    if (isPointer(measurement.addressType)) return refused(kPointer);
     return {};
 }
 
-Result<value::Conversion> conversionOf(const Description& description, const auto& source) {
-    auto conversion = buildConversion(description, source.conversion);
-    if (!conversion) return fault(source.name, conversion.error().text());
-    if (!source.format.empty()) conversion.value().setFormat(std::string(source.format));
-    if (source.physUnit) conversion.value().setUnit(std::string(*source.physUnit));
-    return conversion;
-}
-
-/// What measurements and characteristics have in common.
-Result<Object> findCommon(const Description& description, const auto& source, value::DataType type,
-                          xcp::Address address) {
-    Object object;
-    object.name = source.name;
-    object.description = source.longIdentifier;
-    object.displayName = source.displayIdentifier;
-    value::Element& element = object.first;
-    element.name = source.name;
-    element.address = address;
-    element.coding.byteOrder =
-        source.byteOrder.value_or(description.byteOrder.value_or(ByteOrder::littleEndian));
-    element.coding.dataType = type;
-    element.coding.bitMask = source.bits.mask;
-    element.emptyMask = source.bits.emptyMask && !value::isFloat(type);
-    element.lowerLimit = source.lowerLimit;
-    element.upperLimit = source.upperLimit;
-    auto conversion = conversionOf(description, source);
-    if (!conversion) return conversion.error();
-    element.conversion = std::make_shared<const value::Conversion>(std::move(conversion).value());
-    if (auto bits = applyBitOperation(source.bits, source.name, element.coding); !bits) return bits.error();
-    return object;
-}
-
-Result<Object> measurementObject(const Description& description, const Measurement& measurement) {
-    if (!measurement.hasAddress) return fault(measurement.name, "measurement has no ECU_ADDRESS");
-    if (measurement.elementCount > 1) return fault(measurement.name, "arrays are not supported yet");
-    if (measurement.isPointer) return fault(measurement.name, kPointer);
-    auto object = findCommon(description, measurement, measurement.dataType,
-                             {measurement.ecuAddress, measurement.addressExtension});
-    if (!object) return object;
-    object.value().kind = ObjectKind::measurement;
-    object.value().writable = measurement.readWrite && !measurement.readOnly;
-    const auto events = description.events(measurement);
-    object.value().events.assign(events.begin(), events.end());
-    if (!events.empty()) object.value().preferredEvent = events[measurement.preferredEvent];
-    return object;
-}
-
-Result<Object> characteristicObject(const Description& description, const Characteristic& characteristic) {
+Result<void> checkScalar(const Description& description, const Characteristic& characteristic) {
+    const auto refused = [&](const char* why) { return objectFault(characteristic.name, why); };
     if (characteristic.type != CharacteristicType::value)
-        return fault(characteristic.name, "only scalar (VALUE) parameters are supported yet");
-    if (characteristic.isVirtual)
-        return fault(characteristic.name, "virtual characteristic has no ECU address");
-    const RecordLayout* layout = description.findRecordLayout(characteristic.deposit);
-    if (layout == nullptr || !layout->fncValues) {
-        return fault(characteristic.name,
-                     "RECORD_LAYOUT '" + std::string(characteristic.deposit) + "' without FNC_VALUES");
-    }
-    if (isPointerType(layout->fncValues->addressType)) return fault(characteristic.name, kPointer);
-    auto object = findCommon(description, characteristic, layout->fncValues->dataType,
-                             {characteristic.address, characteristic.addressExtension});
-    if (!object) return object;
-    object.value().kind = ObjectKind::characteristic;
-    object.value().writable = !characteristic.readOnly;
-    return object;
+        return refused("only scalar (VALUE) parameters are supported yet");
+    if (characteristic.isVirtual) return refused("virtual characteristic has no ECU address");
+    const RecordLayout* const layout = description.findRecordLayout(characteristic.deposit);
+    const auto* const values =
+        layout == nullptr ? nullptr : layout->find(RecordLayout::Field::functionValues);
+    if (values != nullptr && isPointer(values->addressType)) return refused(kPointer);
+    return {};
 }
 
 }  // namespace
@@ -111,24 +42,36 @@ std::size_t Object::elementCount() const {
     return std::accumulate(dimensions.begin(), dimensions.end(), std::size_t{1}, std::multiplies());
 }
 
-value::Element Object::element([[maybe_unused]] std::size_t index) const {
-    assert(index == 0);  // of a scalar, and nothing else is found
-    return first;
+Result<Object> findObject(const Description& description, std::string_view name) {
+    return buildObject(description, name);
 }
 
-Result<Object> findObject(const Description& description, std::string_view name) {
-    if (const Measurement* measurement = description.findMeasurement(name))
-        return measurementObject(description, *measurement);
-    if (const Characteristic* characteristic = description.findCharacteristic(name))
-        return characteristicObject(description, *characteristic);
-    Error unknown{ErrorCode::notFound,
-                  "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
-    unknown.hint = unknownNameHint(description, name);
-    return unknown;
+Result<Object> findScalar(const Description& description, std::string_view name) {
+    if (const Measurement* measurement = description.findMeasurement(name)) {
+        if (auto scalar = checkScalar(*measurement); !scalar) return scalar.error();
+        return buildMeasurement(description, *measurement);
+    }
+    const Characteristic* const characteristic = description.findCharacteristic(name);
+    if (characteristic == nullptr) {
+        Error unknown{ErrorCode::notFound,
+                      "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
+        unknown.hint = unknownNameHint(description, name);
+        return unknown;
+    }
+    if (auto scalar = checkScalar(description, *characteristic); !scalar) return scalar.error();
+    auto object = buildCharacteristic(description, *characteristic);
+    if (!object || object.value().record.entries.size() == 1) return object;
+    // Other parts of its record may lie before the value.
+    auto placed = place(object.value(), [&](xcp::Address, std::size_t) -> Result<std::vector<std::uint8_t>> {
+        return objectFault(name, kPointer);
+    });
+    if (!placed) return placed.error();
+    object.value().first = placed.value().element(0);
+    return object;
 }
 
 Object resolve(const Description& description, std::string_view name) {
-    auto object = findObject(description, name);
+    auto object = findScalar(description, name);
     if (!object) throw ObjectError(object.error().text());
     return std::move(object).value();
 }

@@ -8,6 +8,7 @@
 
 #include "a2l/arguments.h"
 #include "a2l/if_data.h"
+#include "a2l/layout_readers.h"
 
 namespace lm::a2l {
 namespace {
@@ -18,17 +19,21 @@ enum class Word : std::uint8_t {
     arraySize,
     bitMask,
     byteOrder,
+    deposit,
     displayIdentifier,
     ecuAddress,
     ecuAddressExtension,
+    encoding,
     extendedLimits,
     format,
+    guardRails,
+    layout,
     matrixDim,
+    monotony,
     number,
     physUnit,
     readOnly,
     readWrite,
-    axisPointsRef,
 };
 using Keyword = OptionalKeyword<Word>;
 
@@ -45,7 +50,7 @@ constexpr std::array kMeasurementKeywords = {
     Keyword{"MATRIX_DIM", 0, Word::matrixDim},
     Keyword{"ARRAY_SIZE", 1, Word::arraySize},
     Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-    Keyword{"LAYOUT", 1, Word::other},
+    Keyword{"LAYOUT", 1, Word::layout},
     Keyword{"ADDRESS_TYPE", 1, Word::addressType},
     Keyword{"ERROR_MASK", 1, Word::other},
     Keyword{"MAX_REFRESH", 2, Word::other},
@@ -67,34 +72,64 @@ constexpr std::array kCharacteristicKeywords = {
     Keyword{"BYTE_ORDER", 1, Word::byteOrder},
     Keyword{"CALIBRATION_ACCESS", 1, Word::other},
     Keyword{"COMPARISON_QUANTITY", 1, Word::other},
-    Keyword{"ENCODING", 1, Word::other},
+    Keyword{"ENCODING", 1, Word::encoding},
     Keyword{"MAX_REFRESH", 2, Word::other},
+    Keyword{"MODEL_LINK", 1, Word::other},
+    Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
+    Keyword{"STEP_SIZE", 1, Word::other},
+    Keyword{"GUARD_RAILS", 0, Word::guardRails},
+};
+
+constexpr std::array kAxisPointsKeywords = {
+    Keyword{"BYTE_ORDER", 1, Word::byteOrder},
+    Keyword{"DEPOSIT", 1, Word::deposit},
+    Keyword{"MONOTONY", 1, Word::monotony},
+    Keyword{"FORMAT", 1, Word::format},
+    Keyword{"PHYS_UNIT", 1, Word::physUnit},
+    Keyword{"READ_ONLY", 0, Word::readOnly},
+    Keyword{"GUARD_RAILS", 0, Word::guardRails},
+    Keyword{"DISPLAY_IDENTIFIER", 1, Word::displayIdentifier},
+    Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::ecuAddressExtension},
+    Keyword{"SYMBOL_LINK", 2, Word::other},
+    Keyword{"CALIBRATION_ACCESS", 1, Word::other},
+    Keyword{"EXTENDED_LIMITS", 2, Word::other},
     Keyword{"MODEL_LINK", 1, Word::other},
     Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
     Keyword{"STEP_SIZE", 1, Word::other},
 };
 
-constexpr std::array kAxisKeywords = {
-    Keyword{"AXIS_PTS_REF", 1, Word::axisPointsRef},
-    Keyword{"CURVE_AXIS_REF", 1, Word::other},
-    Keyword{"BYTE_ORDER", 1, Word::other},
-    Keyword{"DEPOSIT", 1, Word::other},
-    Keyword{"MONOTONY", 1, Word::other},
-    Keyword{"PHYS_UNIT", 1, Word::other},
-    Keyword{"FORMAT", 1, Word::other},
-};
-
-// MATRIX_DIM takes one to five numbers, older files fill unused dimensions with 0.
-std::uint32_t readMatrixSize(const Block& block, std::size_t first) {
+// The numbers of MATRIX_DIM, of which older files fill unused ones with 0, or the one of ARRAY_SIZE and
+// NUMBER, for which MATRIX_DIM has precedence.
+template <typename Object>
+void readDimensions(Object& object, const Block& block, std::size_t first, std::string_view label,
+                    ModelStore& store) {
     constexpr std::uint64_t kMaximum = std::numeric_limits<std::uint32_t>::max();
+    const bool isMatrix = label == "MATRIX_DIM";
+    PoolRange range{static_cast<std::uint32_t>(store.dimensions.size()), 0};
     std::uint64_t size = 1;
     std::size_t i = first;
     do {
-        const auto dimension = readCount<std::uint32_t>(block, i, "MATRIX_DIM");
+        const auto dimension = readCount<std::uint32_t>(block, i, label);
         if (dimension > 0) size = std::min(size * dimension, kMaximum);
+        store.dimensions.push_back(dimension);
+        ++range.count;
         ++i;
-    } while (i < block.tokens().size() && block.tokens()[i].kind == TokenKind::number);
-    return static_cast<std::uint32_t>(size);
+    } while (isMatrix && i < block.tokens().size() && block.tokens()[i].kind == TokenKind::number &&
+             range.count < std::numeric_limits<std::uint16_t>::max());
+    object.elementCount = std::max(object.elementCount, static_cast<std::uint32_t>(size));
+    if (isMatrix || object.dimensions.count == 0) object.dimensions = range;
+}
+
+// The names of a MAP_LIST.
+PoolRange readMapList(const Block& block, ModelStore& store) {
+    PoolRange range{static_cast<std::uint32_t>(store.maps.size()), 0};
+    for (std::size_t i = 0; i < block.tokens().size(); ++i) {
+        if (range.count == std::numeric_limits<std::uint16_t>::max())
+            throw BlockError("MAP_LIST is too long");
+        store.maps.push_back(store.common(readIdentifier(block, i, "MAP_LIST")));
+        ++range.count;
+    }
+    return range;
 }
 
 // What a list says of its events: the less, the rather they are the measurement's own.
@@ -157,7 +192,10 @@ void readCommon(Object& object, Word word, const Block& block, std::size_t value
             object.bits.emptyMask = object.bits.mask == 0;
             break;
         case Word::byteOrder:
-            object.byteOrder = readByteOrder(block, value);
+            readObjectByteOrder(object, block, value);
+            break;
+        case Word::guardRails:
+            if constexpr (requires { object.guardRails; }) object.guardRails = true;
             break;
         case Word::displayIdentifier:
             object.displayIdentifier = store.own(readIdentifier(block, value, "DISPLAY_IDENTIFIER"));
@@ -169,7 +207,8 @@ void readCommon(Object& object, Word word, const Block& block, std::size_t value
             object.format = store.common(readString(block, value, "FORMAT"));
             break;
         case Word::matrixDim:
-            object.elementCount = std::max(object.elementCount, readMatrixSize(block, value));
+            if constexpr (requires { object.dimensions; })
+                readDimensions(object, block, value, "MATRIX_DIM", store);
             break;
         case Word::physUnit:
             object.physUnit = store.common(readString(block, value, "PHYS_UNIT"));
@@ -191,20 +230,12 @@ CharacteristicType readCharacteristicType(const Block& block, std::size_t index)
     return static_cast<CharacteristicType>(found - kNames.begin());
 }
 
-AxisDescription readAxisDescription(const Block& block, ModelStore& store) {
-    constexpr std::size_t kPositional = 6;
-    AxisDescription axis;
-    axis.attribute = store.common(readIdentifier(block, 0, "attribute"));
-    axis.inputQuantity = store.common(readIdentifier(block, 1, "input quantity"));
-    axis.conversion = store.common(readIdentifier(block, 2, "conversion"));
-    axis.maxAxisPoints = readCount<std::uint32_t>(block, 3, "max axis points");
-    axis.lowerLimit = readNumber(block, 4, "lower limit");
-    axis.upperLimit = readNumber(block, 5, "upper limit");
-    forEachOptional<Word>(block, kPositional, kAxisKeywords, [&](Word word, std::size_t value) {
-        if (word != Word::axisPointsRef) return;
-        axis.axisPointsRef = store.common(readIdentifier(block, value, "AXIS_PTS_REF"));
-    });
-    return axis;
+TextEncoding readEncoding(const Block& block, std::size_t index) {
+    const std::string_view word = readIdentifier(block, index, "ENCODING");
+    if (word == "UTF8") return TextEncoding::utf8;
+    if (word == "UTF16") return TextEncoding::utf16;
+    if (word == "UTF32") return TextEncoding::utf32;
+    throw BlockError("unknown encoding '" + std::string(word) + "'");
 }
 
 }  // namespace
@@ -229,12 +260,13 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
             object.ecuAddress = readCount<std::uint32_t>(block, value, "ECU_ADDRESS");
             object.hasAddress = true;
         } else if (word == Word::arraySize) {
-            const auto size = readCount<std::uint32_t>(block, value, "ARRAY_SIZE");
-            object.elementCount = std::max(object.elementCount, size);
+            readDimensions(object, block, value, "ARRAY_SIZE", store);
         } else if (word == Word::readWrite) {
             object.readWrite = true;
         } else if (word == Word::addressType) {
-            object.isPointer = isPointerType(readIdentifier(block, value, "ADDRESS_TYPE"));
+            object.addressType = readAddressType(block, value, "ADDRESS_TYPE");
+        } else if (word == Word::layout) {
+            object.columnDir = readIdentifier(block, value, "LAYOUT") == "COLUMN_DIR";
         } else {
             readCommon(object, word, block, value, store);
         }
@@ -260,31 +292,33 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
     return object;
 }
 
-Characteristic readCharacteristic(const Block& block, ModelStore& store) {
-    constexpr std::size_t kPositional = 9;
+Characteristic readCharacteristic(const Block& block, ModelStore& store, Placed placed) {
+    const std::size_t next = placed == Placed::yes ? 4 : 3;  // behind the address
     Characteristic object;
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
     object.type = readCharacteristicType(block, 2);
-    object.address = readCount<std::uint32_t>(block, 3, "address");
-    object.deposit = store.common(readIdentifier(block, 4, "deposit"));
-    object.maxDiff = readNumber(block, 5, "max diff");
-    object.conversion = store.common(readIdentifier(block, 6, "conversion"));
-    object.lowerLimit = readNumber(block, 7, "lower limit");
-    object.upperLimit = readNumber(block, 8, "upper limit");
-    forEachOptional<Word>(block, kPositional, kCharacteristicKeywords, [&](Word word, std::size_t value) {
+    if (placed == Placed::yes) object.address = readCount<std::uint32_t>(block, 3, "address");
+    object.deposit = store.common(readIdentifier(block, next, "deposit"));
+    object.maxDiff = readNumber(block, next + 1, "max diff");
+    object.conversion = store.common(readIdentifier(block, next + 2, "conversion"));
+    object.lowerLimit = readNumber(block, next + 3, "lower limit");
+    object.upperLimit = readNumber(block, next + 4, "upper limit");
+    forEachOptional<Word>(block, next + 5, kCharacteristicKeywords, [&](Word word, std::size_t value) {
         if (word == Word::extendedLimits) {
             object.extendedLimits = {readNumber(block, value, "EXTENDED_LIMITS"),
                                      readNumber(block, value + 1, "EXTENDED_LIMITS")};
         } else if (word == Word::number) {
-            const auto size = readCount<std::uint32_t>(block, value, "NUMBER");
-            object.elementCount = std::max(object.elementCount, size);
+            readDimensions(object, block, value, "NUMBER", store);
+        } else if (word == Word::encoding) {
+            object.encoding = readEncoding(block, value);
         } else {
             readCommon(object, word, block, value, store);
         }
     });
     for (const Block& child : block.children()) {
         if (child.keyword == "AXIS_DESCR") object.axes.push_back(readAxisDescription(child, store));
+        if (child.keyword == "MAP_LIST") object.maps = readMapList(child, store);
         if (child.keyword == "VIRTUAL_CHARACTERISTIC") object.isVirtual = true;
         if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
     }
@@ -293,18 +327,28 @@ Characteristic readCharacteristic(const Block& block, ModelStore& store) {
     return object;
 }
 
-AxisPoints readAxisPoints(const Block& block, ModelStore& store) {
+AxisPoints readAxisPoints(const Block& block, ModelStore& store, Placed placed) {
+    const std::size_t next = placed == Placed::yes ? 3 : 2;  // behind the address
     AxisPoints object;
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
-    object.address = readCount<std::uint32_t>(block, 2, "address");
-    object.inputQuantity = store.common(readIdentifier(block, 3, "input quantity"));
-    object.deposit = store.common(readIdentifier(block, 4, "deposit"));
-    readNumber(block, 5, "max diff");
-    object.conversion = store.common(readIdentifier(block, 6, "conversion"));
-    object.maxAxisPoints = readCount<std::uint32_t>(block, 7, "max axis points");
-    object.lowerLimit = readNumber(block, 8, "lower limit");
-    object.upperLimit = readNumber(block, 9, "upper limit");
+    if (placed == Placed::yes) object.address = readCount<std::uint32_t>(block, 2, "address");
+    object.inputQuantity = store.common(readIdentifier(block, next, "input quantity"));
+    object.deposit = store.common(readIdentifier(block, next + 1, "deposit"));
+    readNumber(block, next + 2, "max diff");
+    object.conversion = store.common(readIdentifier(block, next + 3, "conversion"));
+    object.maxAxisPoints = readCount<std::uint32_t>(block, next + 4, "max axis points");
+    object.lowerLimit = readNumber(block, next + 5, "lower limit");
+    object.upperLimit = readNumber(block, next + 6, "upper limit");
+    forEachOptional<Word>(block, next + 7, kAxisPointsKeywords, [&](Word word, std::size_t value) {
+        if (word == Word::deposit) {
+            object.pointDeposit = readDeposit(block, value);
+        } else if (word == Word::monotony) {
+            object.monotony = readMonotony(block, value);
+        } else {
+            readCommon(object, word, block, value, store);
+        }
+    });
     object.name = store.own(name);
     object.longIdentifier = store.own(longIdentifier);
     return object;

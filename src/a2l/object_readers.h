@@ -20,6 +20,9 @@ struct ModelStore {
     TextStore& texts;
     TextInterner& shared;  ///< for texts that many objects have in common
     std::vector<std::uint16_t>& events;
+    std::vector<std::uint32_t>& dimensions;
+    std::vector<std::string_view>& maps;
+    std::vector<Overwrite>& overwrites;
     bool hasQuotes = false;  ///< of the block that is read
 
     /// A string of which almost every object has its own.
@@ -37,8 +40,11 @@ struct ModelStore {
     std::string_view ownPlain(std::string_view text);
 };
 
+/// A TYPEDEF_... has no address among its arguments.
+enum class Placed : std::uint8_t { no, yes };
+
 Measurement readMeasurement(const Block& block, ModelStore& store);
-Characteristic readCharacteristic(const Block& block, ModelStore& store);
-AxisPoints readAxisPoints(const Block& block, ModelStore& store);
+Characteristic readCharacteristic(const Block& block, ModelStore& store, Placed placed = Placed::yes);
+AxisPoints readAxisPoints(const Block& block, ModelStore& store, Placed placed = Placed::yes);
 
 }  // namespace lm::a2l

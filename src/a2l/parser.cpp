@@ -8,6 +8,9 @@
 #include "a2l/arguments.h"
 #include "a2l/conversion_readers.h"
 #include "a2l/if_data.h"
+#include "a2l/layout_readers.h"
+#include "a2l/structure_links.h"
+#include "a2l/structure_readers.h"
 
 namespace lm::a2l {
 namespace {
@@ -16,17 +19,48 @@ std::string_view textAt(const Block& block, std::size_t index) {
     return index < block.tokens().size() ? block.tokens()[index].text : std::string_view();
 }
 
+// Negative ones go down; addresses count modulo 2^32.
+std::uint32_t readCalibrationOffset(const Block& block, std::size_t index) {
+    const double offset = readNumber(block, index, "ECU_CALIBRATION_OFFSET");
+    constexpr double kAddresses = 4294967296.0;
+    if (!(std::fabs(offset) < kAddresses) || std::trunc(offset) != offset)
+        throw BlockError("ECU_CALIBRATION_OFFSET must be a whole number of 32 bits");
+    return static_cast<std::uint32_t>(static_cast<std::int64_t>(offset));
+}
+
 }  // namespace
 
-Parser::Parser(std::size_t textSize)
-    : textSize_(textSize),
-      shared_(description_.store_->texts),
-      modelStore_{description_.store_->texts, shared_, description_.store_->events} {}
+Parser::Parser(const SourceLines* lines)
+    : shared_(description_.store_->texts),
+      modelStore_{description_.store_->texts,  shared_,
+                  description_.store_->events, description_.store_->dimensions,
+                  description_.store_->maps,   description_.store_->overwrites},
+      diagnostics_(lines) {}
 
 Parser::Kind Parser::kindOf(std::string_view keyword) {
     static constexpr std::array<std::string_view, static_cast<std::size_t>(Kind::count)> kKeywords = {
-        "MEASUREMENT",      "CHARACTERISTIC", "AXIS_PTS",   "COMPU_METHOD", "COMPU_TAB", "COMPU_VTAB",
-        "COMPU_VTAB_RANGE", "RECORD_LAYOUT",  "MOD_COMMON", "MOD_PAR",      "IF_DATA"};
+        "MEASUREMENT",
+        "CHARACTERISTIC",
+        "AXIS_PTS",
+        "COMPU_METHOD",
+        "COMPU_TAB",
+        "COMPU_VTAB",
+        "COMPU_VTAB_RANGE",
+        "RECORD_LAYOUT",
+        "INSTANCE",
+        "BLOB",
+        "TYPEDEF_MEASUREMENT",
+        "TYPEDEF_CHARACTERISTIC",
+        "TYPEDEF_AXIS",
+        "TYPEDEF_BLOB",
+        "TYPEDEF_STRUCTURE",
+        "GROUP",
+        "FUNCTION",
+        "MOD_COMMON",
+        "MOD_PAR",
+        "IF_DATA",
+        "TRANSFORMER",
+        "VARIANT_CODING"};
     std::size_t kind = 0;
     while (kind < kKeywords.size() && kKeywords[kind] != keyword)
         ++kind;
@@ -47,15 +81,13 @@ BlockVisitor::Step Parser::opened(std::string_view keyword, std::size_t depth) {
         return Step::skip;
     }
     kind_ = kindOf(keyword);
-    if (kind_ != Kind::count) return Step::collect;
-    // What a user would look for by its name; groups, functions and the like only put other objects in order.
-    if (keyword == "INSTANCE" || keyword == "BLOB") leftOut_.add(keyword);
-    return Step::skip;
+    return kind_ == Kind::count ? Step::skip : Step::collect;
 }
 
 void Parser::collected(const Block& block) {
     try {
         read(block);
+        if (kind_ <= Kind::axisPoints) noteSideTables(block);
     } catch (const BlockError& error) {
         const bool named = kind_ < Kind::modCommon;
         diagnostics_.skipped(block.keyword, named ? textAt(block, 0) : std::string_view(), block.line,
@@ -89,7 +121,7 @@ void Parser::closeRoot(const Block& block) {
 void Parser::included(std::string_view file, std::uint32_t line) {
     // The grammar of the interface data, which this program knows by itself.
     if (file.ends_with(".aml") || file.ends_with(".AML")) {
-        description_.notes.push_back("/include '" + std::string(file) + "' (line " + std::to_string(line) +
+        description_.notes.push_back("/include '" + std::string(file) + "' (" + diagnostics_.where(line) +
                                      ") is not read, and not needed");
         return;
     }
@@ -98,9 +130,9 @@ void Parser::included(std::string_view file, std::uint32_t line) {
 
 // The share of the text read so far tells how many records are to come; room for them in one piece spares
 // moving them again and again. Memory that is never touched costs nothing.
-void Parser::passed(std::size_t offset) {
+void Parser::passed(std::size_t offset, std::size_t size) {
     const auto reserve = [&](auto& records, Lines& lines) {
-        const double share = static_cast<double>(textSize_) / static_cast<double>(offset);
+        const double share = static_cast<double>(size) / static_cast<double>(offset);
         const auto estimate = static_cast<std::size_t>(1.1 * share * static_cast<double>(records.size()));
         if (estimate < 2 * records.capacity()) return;
         records.reserve(estimate);
@@ -108,6 +140,7 @@ void Parser::passed(std::size_t offset) {
     };
     reserve(description_.measurements, measurementLines_);
     reserve(description_.characteristics, characteristicLines_);
+    reserve(description_.instances, instanceLines_);
 }
 
 template <typename Record>
@@ -147,6 +180,26 @@ void Parser::read(const Block& block) {
             return add(d.compuVtabs, vtabLines_, readCompuVtabRange(block, modelStore_), block);
         case Kind::recordLayout:
             return add(d.recordLayouts, layoutLines_, readRecordLayout(block, modelStore_), block);
+        case Kind::instance:
+            return add(d.instances, instanceLines_, readInstance(block, modelStore_), block);
+        case Kind::blob:
+            return add(d.blobs, blobLines_, readBlob(block, modelStore_), block);
+        case Kind::measurementType:
+            return addObject(d.measurementTypes, measurementTypeLines_, readMeasurement(block, modelStore_),
+                             block);
+        case Kind::characteristicType:
+            return addObject(d.characteristicTypes, characteristicTypeLines_,
+                             readCharacteristic(block, modelStore_, Placed::no), block);
+        case Kind::axisType:
+            return add(d.axisTypes, axisTypeLines_, readAxisPoints(block, modelStore_, Placed::no), block);
+        case Kind::blobType:
+            return add(d.blobTypes, blobTypeLines_, readBlobType(block, modelStore_), block);
+        case Kind::structureType:
+            return add(d.structureTypes, structureTypeLines_, readStructureType(block, modelStore_), block);
+        case Kind::group:
+            return add(d.groups, groupLines_, folders_.read(block, modelStore_), block);
+        case Kind::function:
+            return add(d.functions, functionLines_, folders_.read(block, modelStore_), block);
         case Kind::modCommon:
             return readModCommon(block);
         case Kind::modPar:
@@ -155,29 +208,52 @@ void Parser::read(const Block& block) {
             if (isXcpInterfaceData(block)) readXcpInterface(block, d.xcp, diagnostics_);
             d.xcp.ccp = d.xcp.ccp || isCcpInterfaceData(block);
             return;
+        case Kind::transformer:
+        case Kind::variantCoding:
+            leftOut_.add(block.keyword);
+            return tellLeftOut(block);
         case Kind::count:
             return;
     }
 }
 
+void Parser::tellLeftOut(const Block& block) {
+    std::string name(textAt(block, 0));
+    if (!name.empty()) name = " '" + name + "'";
+    description_.notes.push_back("left out: " + std::string(block.keyword) + name + " (" +
+                                 diagnostics_.where(block.line) + ")");
+}
+
 void Parser::readModCommon(const Block& block) {
-    enum class Word : std::uint8_t { other, byteOrder };
+    enum class Word : std::uint8_t { byteOrder, layout, deposit };
     using Keyword = OptionalKeyword<Word>;
     static constexpr std::array kKeywords = {
         Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-        Keyword{"S_REC_LAYOUT", 1, Word::other},
-        Keyword{"DEPOSIT", 1, Word::other},
+        Keyword{"S_REC_LAYOUT", 1, Word::layout},
+        Keyword{"DEPOSIT", 1, Word::deposit},
     };
+    Description& d = description_;
     forEachOptional<Word>(block, 0, kKeywords, [&](Word word, std::size_t value) {
-        if (word != Word::byteOrder) return;
-        const ByteOrder order = readByteOrder(block, value);
-        if (!description_.byteOrder) description_.byteOrder = order;
+        if (word == Word::layout) {
+            d.defaults.layout = modelStore_.common(readIdentifier(block, value, "S_REC_LAYOUT"));
+        } else if (word == Word::deposit) {
+            d.defaults.deposit = readDeposit(block, value);
+        } else if (isWordSwapped(block, value)) {
+            d.defaults.wordSwapped = true;
+        } else if (const ByteOrder order = readByteOrder(block, value); !d.byteOrder) {
+            d.byteOrder = order;
+        }
     });
+    for (std::size_t i = 0; i < block.tokens().size(); ++i) {
+        if (block.tokens()[i].kind == TokenKind::identifier) readAlignment(block, i, d.defaults.alignments);
+    }
 }
 
 void Parser::readModPar(const Block& block) {
     const auto tokens = block.tokens();
     for (std::size_t i = 0; i < tokens.size(); ++i) {
+        if (tokens[i].is("ECU_CALIBRATION_OFFSET"))
+            description_.defaults.calibrationOffset = readCalibrationOffset(block, i + 1);
         if (!tokens[i].is("SYSTEM_CONSTANT")) continue;
         const std::string_view name = readString(block, i + 1, "SYSTEM_CONSTANT");
         const std::string_view value = readString(block, i + 2, "SYSTEM_CONSTANT");
@@ -189,81 +265,34 @@ void Parser::readModPar(const Block& block) {
     }
 }
 
-template <typename Record>
-void Parser::index(NameIndex& names, std::vector<Record>& records, Lines& lines, std::string_view kind) {
-    const std::vector<std::uint32_t> repeated = names.build(records);
-    if (repeated.empty()) return;
-    auto next = repeated.begin();
-    std::size_t kept = 0;
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        if (next != repeated.end() && *next == i) {
-            diagnostics_.skipped(kind, records[i].name, lines[i], "the name is already used");
-            ++next;
-            continue;
-        }
-        if (kept != i) {
-            records[kept] = std::move(records[i]);
-            lines[kept] = lines[i];
-        }
-        ++kept;
-    }
-    records.erase(records.begin() + static_cast<std::ptrdiff_t>(kept), records.end());
-    names.build(records);
-}
-
-// Files come with thousands of such objects, whoever made them: one of them and the count will do.
-void Parser::tellInfiniteLimits() {
-    if (infiniteLimits_ == 0) return;
-    const std::string more =
-        infiniteLimits_ == 1 ? "" : " and " + std::to_string(infiniteLimits_ - 1) + " more object(s)";
-    diagnostics_.odd(infiniteLimitLine_, firstInfiniteLimit_ + " (line " +
-                                             std::to_string(infiniteLimitLine_) + ")" + more +
-                                             ": a limit beyond the range of a 64-bit float counts as none");
-}
-
-void Parser::tellNamesInCommon() {
-    const auto& measurements = description_.measurements;
-    const auto& characteristics = description_.characteristics;
-    std::size_t count = 0;
-    std::size_t first = 0;
-    const auto meet = [&](std::size_t characteristic) {
-        if (count++ == 0) first = characteristic;
-    };
-    // The fewer names are looked up.
-    if (characteristics.size() < measurements.size()) {
-        for (std::size_t i = 0; i < characteristics.size(); ++i)
-            if (description_.findMeasurement(characteristics[i].name) != nullptr) meet(i);
-    } else {
-        for (const Measurement& measurement : measurements) {
-            const Characteristic* other = description_.findCharacteristic(measurement.name);
-            if (other != nullptr) meet(static_cast<std::size_t>(other - characteristics.data()));
+// What few of the objects have, and what then is no reason to leave the object out.
+void Parser::noteSideTables(const Block& block) {
+    for (const Block& child : block.children()) {
+        try {
+            if (child.keyword == "FUNCTION_LIST") folders_.link(child, textAt(block, 0));
+            if (child.keyword == "DEPENDENT_CHARACTERISTIC")
+                noteDependency(block, child, DependencyKind::dependentCharacteristic);
+            if (child.keyword == "VIRTUAL_CHARACTERISTIC")
+                noteDependency(block, child, DependencyKind::virtualCharacteristic);
+            if (child.keyword == "VIRTUAL") noteDependency(block, child, DependencyKind::virtualMeasurement);
+        } catch (const BlockError& error) {
+            diagnostics_.skipped(child.keyword, textAt(block, 0), child.line, error.what());
         }
     }
-    if (count == 0) return;
-    const std::uint32_t line = characteristicLines_[first];
-    const std::string more = count == 1 ? "" : ", and " + std::to_string(count - 1) + " more name(s)";
-    diagnostics_.odd(line, "'" + std::string(characteristics[first].name) +
-                               "' names a MEASUREMENT and a CHARACTERISTIC (line " + std::to_string(line) +
-                               ")" + more + ": the MEASUREMENT is used");
 }
 
-Result<Description> Parser::finish() {
-    if (!hasProject_) return Error{ErrorCode::invalidArgument, "A2L: no PROJECT block"};
-    if (!hasModule_) return Error{ErrorCode::invalidArgument, "A2L: no MODULE block"};
-    Description& d = description_;
-    Description::Store& store = *d.store_;
-    index(store.measurements, d.measurements, measurementLines_, "MEASUREMENT");
-    index(store.characteristics, d.characteristics, characteristicLines_, "CHARACTERISTIC");
-    index(store.axisPoints, d.axisPoints, axisPointsLines_, "AXIS_PTS");
-    index(store.compuMethods, d.compuMethods, methodLines_, "COMPU_METHOD");
-    index(store.compuTabs, d.compuTabs, tabLines_, "COMPU_TAB");
-    index(store.compuVtabs, d.compuVtabs, vtabLines_, "COMPU_VTAB");
-    index(store.recordLayouts, d.recordLayouts, layoutLines_, "RECORD_LAYOUT");
-    tellInfiniteLimits();
-    tellNamesInCommon();
-    d.warnings = diagnostics_.take();
-    if (std::string text = leftOut_.text(); !text.empty()) d.warnings.push_back(std::move(text));
-    return std::move(d);
+void Parser::noteDependency(const Block& object, const Block& block, DependencyKind kind) {
+    const bool hasFormula = kind != DependencyKind::virtualMeasurement;
+    auto& sources = description_.store_->sources;
+    Dependency dependency;
+    if (hasFormula) dependency.formula = modelStore_.own(readString(block, 0, "formula"));
+    dependency.kind = kind;
+    dependency.firstSource = static_cast<std::uint32_t>(sources.size());
+    for (std::size_t i = hasFormula ? 1 : 0; i < block.tokens().size(); ++i)
+        sources.push_back(modelStore_.common(readIdentifier(block, i, "source")));
+    dependency.sourceCount = static_cast<std::uint32_t>(sources.size()) - dependency.firstSource;
+    dependency.name = modelStore_.common(textAt(object, 0));
+    description_.dependencies.push_back(dependency);
 }
 
 }  // namespace lm::a2l

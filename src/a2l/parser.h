@@ -13,6 +13,7 @@
 #include "a2l/block_visitor.h"
 #include "a2l/description_store.h"
 #include "a2l/diagnostics.h"
+#include "a2l/folder_builder.h"
 #include "a2l/object_readers.h"
 #include "core/result.h"
 
@@ -20,14 +21,14 @@ namespace lm::a2l {
 
 class Parser : public BlockVisitor {
   public:
-    /// `textSize` is the size of the whole text, for estimates.
-    explicit Parser(std::size_t textSize);
+    /// `lines` tells the files that lines are in; it must outlive this.
+    explicit Parser(const SourceLines* lines = nullptr);
 
     Step opened(std::string_view keyword, std::size_t depth) override;
     void collected(const Block& block) override;
     void closed(const Block& block, std::size_t depth) override;
     void included(std::string_view file, std::uint32_t line) override;
-    void passed(std::size_t offset) override;
+    void passed(std::size_t offset, std::size_t size) override;
 
     /// The description of what was given. Errors (invalidArgument): "A2L: no PROJECT block", "A2L: no MODULE
     /// block".
@@ -43,9 +44,20 @@ class Parser : public BlockVisitor {
         compuVtab,
         compuVtabRange,
         recordLayout,
+        instance,
+        blob,
+        measurementType,
+        characteristicType,
+        axisType,
+        blobType,
+        structureType,
+        group,
+        function,
         modCommon,
         modPar,
         ifData,
+        transformer,
+        variantCoding,
         count,
     };
     using Lines = std::vector<std::uint32_t>;
@@ -55,6 +67,10 @@ class Parser : public BlockVisitor {
     void readModCommon(const Block& block);
     void readModPar(const Block& block);
     void closeRoot(const Block& block);
+    void tellLeftOut(const Block& block);
+    void noteSideTables(const Block& block);
+    void noteDependency(const Block& object, const Block& block, DependencyKind kind);
+    void indexSideTables();
 
     template <typename Record>
     void add(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
@@ -64,12 +80,13 @@ class Parser : public BlockVisitor {
     void addObject(std::vector<Record>& records, Lines& lines, Record&& record, const Block& block);
     void tellInfiniteLimits();
     void tellNamesInCommon();
+    void tellInstancesWithoutType();
 
-    std::size_t textSize_;
     Description description_;
     TextInterner shared_;
     ModelStore modelStore_;
     Diagnostics diagnostics_;
+    FolderBuilder folders_;
     LeftOutKinds leftOut_;
     Kind kind_ = Kind::count;         // of the block being collected
     std::size_t infiniteLimits_ = 0;  // objects with one
@@ -85,6 +102,15 @@ class Parser : public BlockVisitor {
     Lines tabLines_;
     Lines vtabLines_;
     Lines layoutLines_;
+    Lines instanceLines_;
+    Lines blobLines_;
+    Lines measurementTypeLines_;
+    Lines characteristicTypeLines_;
+    Lines axisTypeLines_;
+    Lines blobTypeLines_;
+    Lines structureTypeLines_;
+    Lines groupLines_;
+    Lines functionLines_;
 };
 
 }  // namespace lm::a2l

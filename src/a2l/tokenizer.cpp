@@ -1,10 +1,11 @@
 #include "a2l/tokenizer.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
-#include <deque>
 #include <string>
 
+#include "a2l/block_scanner.h"
 #include "a2l/number_word.h"
 
 namespace lm::a2l {
@@ -39,59 +40,6 @@ Class classOf(char c) {
 
 }  // namespace
 
-// One pass over the text with a stack of open blocks.
-class BlockScanner {
-  public:
-    explicit BlockScanner(std::string_view text)
-        : start_(text.data()), at_(text.data()), end_(text.data() + text.size()) {
-        if (text.starts_with("\xEF\xBB\xBF")) at_ += 3;
-    }
-
-    Result<Block> buildTree();
-    Result<void> visit(BlockVisitor& visitor);
-
-  private:
-    using Step = BlockVisitor::Step;
-
-    struct Open {
-        std::string_view keyword;
-        std::uint32_t line;
-        Step step;
-        Block* block;  // nullptr: skipped
-    };
-
-    Result<void> run();
-    bool skipBlanks();
-    bool skipComment();
-    bool readString();
-    bool readWord();
-    bool readSlash();
-    bool readKeyword(std::string_view& keyword);
-    bool beginBlock();
-    bool endBlock();
-    bool skipA2ml(std::uint32_t beginLine);
-    void openBlock(std::string_view keyword, std::uint32_t line);
-    void closeBlock();
-    void append(std::string_view text, TokenKind kind, double value, std::uint32_t line);
-    bool startsWithKeyword(std::string_view keyword) const;
-    bool fail(std::string message) { return failAt(line_, std::move(message)); }
-    bool failAt(std::uint32_t line, std::string message);
-    void countLines(const char* from, const char* to);
-    void reportInclude();
-
-    const char* start_;
-    const char* at_;
-    const char* end_;
-    std::uint32_t line_ = 1;
-    std::vector<Open> open_;
-    Block* block_ = nullptr;  // takes the tokens; nullptr while skipping
-    BlockVisitor* visitor_ = nullptr;
-    std::deque<Block> descended_;  // one per depth, addresses stay
-    Block collected_;
-    std::size_t passed_ = 0;
-    Error error_;
-};
-
 Result<Block> BlockScanner::buildTree() {
     Block root;
     block_ = &root;
@@ -112,10 +60,13 @@ Result<void> BlockScanner::visit(BlockVisitor& visitor) {
 Result<void> BlockScanner::run() {
     while (skipBlanks()) {
         if (at_ == end_) {
+            if (!waiting_.empty()) {
+                leave();
+                continue;
+            }
             const Open& open = open_.back();
             if (open_.size() == 1) return {};
-            fail("missing /end " + std::string(open.keyword) + " for block at line " +
-                 std::to_string(open.line));
+            fail("missing /end " + std::string(open.keyword) + " for block at " + where(open.line));
             break;
         }
         const Class c = classOf(*at_);
@@ -131,7 +82,7 @@ Result<void> BlockScanner::run() {
 
 bool BlockScanner::failAt(std::uint32_t line, std::string message) {
     error_.code = ErrorCode::invalidArgument;
-    error_.message = "A2L line " + std::to_string(line) + ": " + std::move(message);
+    error_.message = "A2L " + where(line) + ": " + std::move(message);
     return false;
 }
 
@@ -229,26 +180,13 @@ bool BlockScanner::startsWithKeyword(std::string_view keyword) const {
 bool BlockScanner::readSlash() {
     if (startsWithKeyword("/begin")) return beginBlock();
     if (startsWithKeyword("/end")) return endBlock();
-    if (visitor_ != nullptr && startsWithKeyword("/include")) reportInclude();
+    if (visitor_ != nullptr && startsWithKeyword("/include")) {
+        if (sources_ != nullptr) return followInclude();
+        reportInclude();
+    }
     append({at_, 1}, TokenKind::identifier, 0, line_);
     ++at_;
     return true;
-}
-
-// Looks ahead for the file's name without moving: the words of the directive are ordinary tokens.
-void BlockScanner::reportInclude() {
-    std::string_view rest(at_, static_cast<std::size_t>(end_ - at_));
-    rest.remove_prefix(std::string_view("/include").size());
-    const auto blanks = rest.find_first_not_of(" \t");
-    std::string_view file;
-    if (blanks != std::string_view::npos && rest[blanks] == '"') {
-        file = rest.substr(blanks + 1);
-        file = file.substr(0, file.find_first_of("\"\n"));
-    } else if (blanks != std::string_view::npos) {
-        file = rest.substr(blanks);
-        file = file.substr(0, file.find_first_of("\"\r\n \t"));
-    }
-    visitor_->included(file, line_);
 }
 
 // The identifier behind /begin or /end.
@@ -313,7 +251,7 @@ bool BlockScanner::endBlock() {
     const Open& open = open_.back();
     if (keyword != open.keyword) {
         return fail("/end " + std::string(keyword) + " does not match /begin " + std::string(open.keyword) +
-                    " (line " + std::to_string(open.line) + ")");
+                    " (" + where(open.line) + ")");
     }
     closeBlock();
     return true;
@@ -328,10 +266,10 @@ void BlockScanner::closeBlock() {
     if (visitor_ == nullptr) return;
     if (parent.step == Step::descend && closing.step == Step::collect) visitor_->collected(*closing.block);
     if (closing.step == Step::descend) visitor_->closed(*closing.block, open_.size() - 1);
-    const auto offset = static_cast<std::size_t>(at_ - start_);
+    const std::size_t offset = before_ + static_cast<std::size_t>(at_ - start_);
     if (offset - passed_ >= BlockVisitor::kPassedStep) {
         passed_ = offset;
-        visitor_->passed(offset);
+        visitor_->passed(offset, size_);
     }
 }
 
@@ -347,15 +285,15 @@ bool BlockScanner::skipA2ml(std::uint32_t beginLine) {
         return true;
     }
     countLines(at_, end_);
-    return fail("missing /end A2ML for block at line " + std::to_string(beginLine));
+    return fail("missing /end A2ML for block at " + where(beginLine));
 }
 
 Result<Block> parse(std::string_view text) {
     return BlockScanner(text).buildTree();
 }
 
-Result<void> scan(std::string_view text, BlockVisitor& visitor) {
-    return BlockScanner(text).visit(visitor);
+Result<void> scan(std::string_view text, BlockVisitor& visitor, SourceTexts* sources) {
+    return BlockScanner(text, sources).visit(visitor);
 }
 
 }  // namespace lm::a2l

@@ -13,6 +13,7 @@
 
 #include "a2l/block.h"
 #include "a2l/block_visitor.h"
+#include "a2l/source_texts.h"
 #include "core/result.h"
 
 namespace lm::a2l {
@@ -22,7 +23,10 @@ namespace lm::a2l {
 /// /begin OPEN (line M)", "missing /end OPEN for block at line M", "blocks nested deeper than 250 levels".
 Result<Block> parse(std::string_view text);
 
-/// The same errors; what the visitor was given before an error is then void.
-Result<void> scan(std::string_view text, BlockVisitor& visitor);
+/// The same errors; what the visitor was given before an error is then void. With `sources`, the text of an
+/// included file goes on in place of its `/include`, at any level; errors in it say "A2L FILE line N: ", and
+/// further ones are "/include names no file" and those of SourceTexts::enter. Without, and for a `.aml` (the
+/// grammar of interface data, which no one here reads), the visitor is told of the directive.
+Result<void> scan(std::string_view text, BlockVisitor& visitor, SourceTexts* sources = nullptr);
 
 }  // namespace lm::a2l

@@ -148,10 +148,11 @@ class DescribeReport final : public IReport {
         if (object_.recordLayout.empty()) return {};
         std::string text(object_.recordLayout);
         if (layout() == nullptr) return text + ", which is not in the A2L";
-        if (!layout()->fncValues) return text;
-        const auto& values = *layout()->fncValues;
-        return text + fmt::format(": values {}, {}, {}", value::dataTypeName(values.dataType),
-                                  values.indexMode, values.addressType);
+        const auto* values = layout()->find(a2l::RecordLayout::Field::functionValues);
+        if (values == nullptr) return text;
+        return text + fmt::format(": values {}, {}, {}", value::dataTypeName(values->dataType),
+                                  a2l::indexModeName(values->indexMode),
+                                  a2l::addressTypeName(values->addressType));
     }
 
     void writeMemory(JsonWriter& json) const {
@@ -172,10 +173,12 @@ class DescribeReport final : public IReport {
         if (object_.recordLayout.empty()) return;
         json.key("recordLayout").beginObject();
         json.member("name", object_.recordLayout);
-        if (layout() != nullptr && layout()->fncValues) {
-            json.member("type", value::dataTypeName(layout()->fncValues->dataType));
-            json.member("indexMode", layout()->fncValues->indexMode);
-            json.member("addressType", layout()->fncValues->addressType);
+        const auto* values =
+            layout() == nullptr ? nullptr : layout()->find(a2l::RecordLayout::Field::functionValues);
+        if (values != nullptr) {
+            json.member("type", value::dataTypeName(values->dataType));
+            json.member("indexMode", a2l::indexModeName(values->indexMode));
+            json.member("addressType", a2l::addressTypeName(values->addressType));
         }
         json.endObject();
     }
@@ -183,7 +186,7 @@ class DescribeReport final : public IReport {
     /// Why this program cannot read it; empty when it can.
     std::string obstacle() const {
         if (!object_.writable) return {};  // no measurement or parameter
-        const auto found = a2l::findObject(description_, object_.name);
+        const auto found = a2l::findScalar(description_, object_.name);
         if (found) return {};
         const std::string text = found.error().text();
         const std::string prefix = std::string(object_.name) + ": ";
@@ -228,10 +231,10 @@ class DescribeReport final : public IReport {
         for (std::size_t i = 0; i < object_.axes.size(); ++i) {
             const a2l::AxisDescription& axis = object_.axes[i];
             const std::string points =
-                axis.axisPointsRef.empty() ? "" : fmt::format(", points in {}", axis.axisPointsRef);
+                axis.reference.empty() ? "" : fmt::format(", points in {}", axis.reference);
             sheet.line(fmt::format("axis {}", i + 1),
                        fmt::format("{}, input {}, {} points at most, limits {}, conversion {}{}",
-                                   axis.attribute, axis.inputQuantity, axis.maxAxisPoints,
+                                   a2l::axisKindName(axis.kind), axis.inputQuantity, axis.maxAxisPoints,
                                    rangeText({axis.lowerLimit, axis.upperLimit}), axis.conversion, points));
         }
     }
@@ -242,12 +245,12 @@ class DescribeReport final : public IReport {
         json.key("axes").beginArray();
         for (const a2l::AxisDescription& axis : object_.axes) {
             json.beginObject();
-            json.member("attribute", axis.attribute);
+            json.member("attribute", a2l::axisKindName(axis.kind));
             json.member("inputQuantity", axis.inputQuantity);
             json.member("conversion", axis.conversion);
             json.member("maxAxisPoints", axis.maxAxisPoints);
             json.listMember("limits", std::array{axis.lowerLimit, axis.upperLimit});
-            if (!axis.axisPointsRef.empty()) json.member("axisPoints", axis.axisPointsRef);
+            if (!axis.reference.empty()) json.member("axisPoints", axis.reference);
             json.endObject();
         }
         json.endArray();

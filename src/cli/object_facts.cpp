@@ -29,7 +29,7 @@ ObjectFacts factsOf(const a2l::Description& description, const a2l::Measurement&
     if (object.hasAddress) facts.address = object.ecuAddress;
     facts.events = description.events(object);
     facts.writable = object.readWrite && !object.readOnly;
-    facts.isPointer = object.isPointer;
+    facts.isPointer = a2l::isPointer(object.addressType);
     return facts;
 }
 
@@ -44,8 +44,8 @@ ObjectFacts factsOf(const a2l::Description& description, const a2l::Characterist
     facts.recordLayout = object.deposit;
     facts.axes = object.axes;
     const a2l::RecordLayout* layout = description.findRecordLayout(object.deposit);
-    facts.isPointer =
-        layout != nullptr && layout->fncValues && a2l::isPointerType(layout->fncValues->addressType);
+    const auto* values = layout == nullptr ? nullptr : layout->find(a2l::RecordLayout::Field::functionValues);
+    facts.isPointer = values != nullptr && a2l::isPointer(values->addressType);
     return facts;
 }
 
@@ -99,7 +99,7 @@ std::vector<Use> usesOf(const a2l::Description& description, const ObjectFacts& 
         for (std::size_t i = 0; i < other.axes.size(); ++i) {
             const a2l::AxisDescription& axis = other.axes[i];
             use(isConversion && axis.conversion == object.name, other.name, "conversion", i + 1);
-            use(isAxis && axis.axisPointsRef == object.name, other.name, "points", i + 1);
+            use(isAxis && axis.reference == object.name, other.name, "points", i + 1);
             use(!isConversion && axis.inputQuantity == object.name, other.name, "input", i + 1);
         }
     }

@@ -166,7 +166,7 @@ Error Session::afterConnect(Error error) const {
 
 std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
     auto outcome = values_.read(names.size(), [&](std::size_t i) -> Result<value::Element> {
-        const auto object = a2l::findObject(description_, names[i]);
+        const auto object = a2l::findScalar(description_, names[i]);
         if (!object.ok()) return object.error();
         return object.value().element();
     });
@@ -178,7 +178,7 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
 }
 
 WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
-    const auto object = a2l::findObject(description_, name);
+    const auto object = a2l::findScalar(description_, name);
     if (!object.ok()) return {object.error()};
     if (auto allowed = checkWritable(object.value(), allowMeasurements); !allowed.ok())
         return {allowed.error()};

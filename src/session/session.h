@@ -76,10 +76,10 @@ class Session final : private xcp::IMasterListener {
     /// stop of a measurement and t1. The error is that of the measurement's stop.
     Result<void> close();
 
-    /// ValueAccess::read() of what the names stand for. Further errors of a value: a2l::findObject's.
+    /// ValueAccess::read() of what the names stand for. Further errors of a value: a2l::findScalar's.
     std::vector<Result<Reading>> read(std::span<const std::string> names);
 
-    /// ValueAccess::write() of a number or verbal text. Further errors: those of a2l::findObject and
+    /// ValueAccess::write() of a number or verbal text. Further errors: those of a2l::findScalar and
     /// value::parseText, "NAME is not writable", "NAME is a measurement without READ_WRITE", "NAME: BIT_MASK
     /// 0x0 leaves no bit that may be written".
     WriteOutcome write(std::string_view name, std::string_view text, bool allowMeasurements);

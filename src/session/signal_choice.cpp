@@ -79,7 +79,7 @@ class Chooser {
             events = {event.value(), false};
         }
         if (isPattern(signal.name)) return addPattern(signal.name, events);
-        auto object = a2l::findObject(description_, signal.name);
+        auto object = a2l::findScalar(description_, signal.name);
         if (!object.ok()) return object.error();
         take(chosenOf(std::move(object).value(), events));
         return {};
@@ -154,7 +154,7 @@ class Chooser {
     }
 
     Result<void> addMatch(std::string_view name, Events events) {
-        auto object = a2l::findObject(description_, name);
+        auto object = a2l::findScalar(description_, name);
         if (!object.ok()) return object.error();
         ChosenSignal signal = chosenOf(std::move(object).value(), events);
         if (known_.contains({signal.object.name, signal.event})) return {};

@@ -64,6 +64,15 @@ double applyFunction(std::uint8_t opcode, double x) {
 
 }  // namespace
 
+std::size_t Formula::variableCount() const {
+    std::size_t count = 0;
+    for (const Instruction& step : program_) {
+        const bool uses = step.opcode == kVariable || step.opcode >= kAddVariable;
+        if (uses) count = std::max(count, std::size_t{step.variable} + 1);
+    }
+    return count;
+}
+
 // One flat switch, because every call would cost more than the operation it makes.
 // The top of the stack lives in a register, `below` points behind what lies under it. The slots need no
 // initial values: a compiled program writes each one before it reads it.

@@ -36,6 +36,9 @@ class Formula {
     };
     std::optional<Linear> asLinear() const;
 
+    /// 3 for a formula whose last variable is X3.
+    std::size_t variableCount() const;
+
     /// The text after expansion of the system constants; compiling it again needs no constants.
     const std::string& text() const { return text_; }
 

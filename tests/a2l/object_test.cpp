@@ -34,6 +34,7 @@ constexpr const char* kText = R"A2L(
 /begin CHARACTERISTIC pointer "" VALUE 0x2010 LP 0 NO_COMPU_METHOD 0 1 /end CHARACTERISTIC
 /begin MEASUREMENT pointed "" UWORD NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 ADDRESS_TYPE PWORD /end MEASUREMENT
 /begin MEASUREMENT direct "" UWORD NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 ADDRESS_TYPE DIRECT /end MEASUREMENT
+/begin MEASUREMENT swapped "" ULONG NO_COMPU_METHOD 0 0 0 1 ECU_ADDRESS 0 BYTE_ORDER MSB_FIRST_MSW_LAST /end MEASUREMENT
 /begin CHARACTERISTIC stray "" VALUE 0x3000 LGONE 0 LIN 0 1 /end CHARACTERISTIC
 /begin COMPU_METHOD LIN "" LINEAR "%6.3" "km/h" COEFFS_LINEAR 2 1 /end COMPU_METHOD
 /begin COMPU_METHOD FORMULA "" FORM "%6.3" "Nm" /begin FORMULA "sysc(K)*X" FORMULA_INV "X/sysc(K)" /end FORMULA /end COMPU_METHOD
@@ -54,7 +55,7 @@ constexpr const char* kText = R"A2L(
 class Objects : public testing::Test {
   protected:
     std::string findError(const std::string& name) {
-        const auto object = findObject(description, name);
+        const auto object = findScalar(description, name);
         return object ? "resolved" : object.error().text();
     }
 
@@ -91,6 +92,7 @@ TEST_F(Objects, RefusalsNameTheReason) {
         {"pointer", "pointer: at its address lies a pointer to the value, which is not supported yet"},
         {"pointed", "pointed: at its address lies a pointer to the value, which is not supported yet"},
         {"direct", "resolved"},
+        {"swapped", "swapped: a BYTE_ORDER that swaps words is not supported"},
         {"stray", "stray: RECORD_LAYOUT 'LGONE' without FNC_VALUES"}};
     for (const auto& [name, error] : rows)
         EXPECT_EQ(findError(name), error);
@@ -126,14 +128,14 @@ TEST(BitOperation, ReplacesTheShiftOfTheMaskBothWays) {
                         {"cut", 47, 1, {0x4D, 0xA0}, 64},
                         {"up", -344880, -160, {0xF6, 0xFF}, 524280}};
     for (const Row& row : rows) {
-        const value::Element one = findObject(description, row.name).value().element();
+        const value::Element one = findScalar(description, row.name).value().element();
         std::vector<std::uint8_t> bytes = {0xCD, 0xAB};
         EXPECT_EQ(value::toDouble(value::rawValue(one, bytes.data())), row.read) << row.name;
         EXPECT_FALSE(value::encodePhysical(one, row.refused, bytes).ok()) << row.name;
         EXPECT_TRUE(value::encodeRaw(row.written, one.coding, bytes).ok()) << row.name;
         EXPECT_EQ(bytes, row.after) << row.name;
     }
-    EXPECT_FALSE(findObject(description, "gone").ok());
+    EXPECT_FALSE(findScalar(description, "gone").ok());
     EXPECT_THROW(resolve(description, "far"), ObjectError);
 }
 

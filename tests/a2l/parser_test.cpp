@@ -117,9 +117,9 @@ TEST(Parser, ReadsTheOtherObjects) {
                     c.conversion, c.bits.mask, c.lowerLimit, c.upperLimit, c.extendedLimits->first,
                     c.extendedLimits->second, c.elementCount, c.readOnly, c.isVirtual, c.axes.size()),
         "c d 2 10:1 RL 1.5 CM 0 [-1 1] [-2 2] x3 true false 2");
-    EXPECT_EQ(fmt::format("{} {} {} {} {} {} {}", c.axes[0].attribute, c.axes[0].inputQuantity,
+    EXPECT_EQ(fmt::format("{} {} {} {} {} {} {}", axisKindName(c.axes[0].kind), c.axes[0].inputQuantity,
                           c.axes[0].conversion, c.axes[0].maxAxisPoints, c.axes[0].lowerLimit,
-                          c.axes[0].upperLimit, c.axes[0].axisPointsRef),
+                          c.axes[0].upperLimit, c.axes[0].reference),
               "COM_AXIS in CM2 8 0 7 ax");
     EXPECT_TRUE(d.findCharacteristic("v")->isVirtual);
     EXPECT_EQ(d.findCharacteristic("nested"), nullptr);
@@ -135,7 +135,7 @@ TEST(Parser, ReadsTheOtherObjects) {
     EXPECT_EQ(fmt::format("{} {} {}", t.pairs, *t.defaultNumeric, t.defaultText),
               "[(-3, 98), (-1, 9.5)] 3.5 no");
     const RecordLayout& rl = *d.findRecordLayout("rl");
-    EXPECT_EQ(fmt::format("{} {}", rl.fncValues->position, rl.fncValues->addressType), "2 DIRECT");
+    EXPECT_EQ(fmt::format("{} {}", rl.entries.size(), rl.entries[1].position), "2 2");
     EXPECT_EQ(orderName(d.byteOrder), " big");
     EXPECT_EQ(d.systemConstants.size(), 2U);
     EXPECT_EQ(d.systemConstants.at("k1"), "-3.45");
@@ -159,7 +159,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
         {R"(MEASUREMENT m "" UBYTE c 0 0 0 0 BYTE_ORDER MIDDLE)", "unknown byte order 'MIDDLE'"},
         {R"(CHARACTERISTIC c "" STRING)", "unknown characteristic type 'STRING'"},
         {R"(CHARACTERISTIC c "" VALUE -1)", "address must be a non-negative integer"},
-        {R"(CHARACTERISTIC c "" CURVE 0 d 0 c 0 0 /begin AXIS_DESCR F i c -1 /end AXIS_DESCR)",
+        {R"(CHARACTERISTIC c "" CURVE 0 d 0 c 0 0 /begin AXIS_DESCR FIX_AXIS i c -1 /end AXIS_DESCR)",
          "max axis points must be a non-negative integer"},
         {R"(AXIS_PTS a "" 0 "")", "input quantity must not be a string"},
         {R"(COMPU_METHOD m "" POLY)", "unknown conversion type 'POLY'"},
@@ -222,13 +222,15 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
 
 TEST(Parser, TellsWhatItLeavesOut) {
     const auto d = parsed(
-        "/begin IF_DATA ASAP1B_CCP /end IF_DATA /begin INSTANCE i /end INSTANCE /begin BLOB b /end BLOB\n"
-        "/include sub/b.a2l /begin INSTANCE j /end INSTANCE /begin GROUP g \"\" /end GROUP /include XCP.aml");
+        "/begin IF_DATA ASAP1B_CCP /end IF_DATA /begin TRANSFORMER i /end TRANSFORMER\n"
+        "/include sub/b.a2l /begin TRANSFORMER j /end TRANSFORMER "
+        "/begin VARIANT_CODING /end VARIANT_CODING /begin GROUP g \"\" /end GROUP /include XCP.aml");
     EXPECT_EQ(fmt::format("{}", fmt::join(d.warnings, "\n")),
               "skipped: /include 'sub/b.a2l' (line 3): included files are not read\n"
-              "left out: 2 INSTANCE, 1 BLOB (not read by this version)");
+              "left out: 2 TRANSFORMER, 1 VARIANT_CODING (not read by this version)");
     EXPECT_EQ(fmt::format("{}", fmt::join(d.notes, "\n")),
-              "/include 'XCP.aml' (line 3) is not read, and not needed");
+              "left out: TRANSFORMER 'i' (line 2)\nleft out: TRANSFORMER 'j' (line 3)\n"
+              "left out: VARIANT_CODING (line 3)\n/include 'XCP.aml' (line 3) is not read, and not needed");
     EXPECT_TRUE(d.xcp.isCcpOnly());
 }
 

@@ -48,7 +48,7 @@ class Comparer : public a2l::BlockVisitor {
         require(root.tokens().size() == tree_.value().tokens().size(), "the root has its tokens");
     }
     void included(std::string_view, std::uint32_t) override {}
-    void passed(std::size_t) override {}
+    void passed(std::size_t, std::size_t) override {}
 
   private:
     const Result<Block>& tree_;

@@ -1,0 +1,26 @@
+// Points of an axis as numbers in logical order: from what is stored, and their monotony.
+//
+// Threads: pure functions. Lifetime: nothing is kept.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "a2l/record_layout.h"
+#include "core/result.h"
+#include "value/value.h"
+
+namespace lm::a2l {
+
+/// The points that pairs of axis value and index value stand for: `count` of them lie evenly over the index
+/// range, each is mapped back linearly between two pairs.
+std::vector<double> rescaledPoints(std::span<const double> pairs, std::uint32_t count);
+
+/// The first point that breaks the monotony with the one before it, when one of the two is marked as changed.
+/// Size of `points`: none does.
+std::size_t brokenMonotony(std::span<const value::Value> points, Monotony monotony,
+                           const std::vector<bool>& isChanged);
+
+}  // namespace lm::a2l

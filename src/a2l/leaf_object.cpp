@@ -1,0 +1,130 @@
+// Objects of the parts of instances, and of blobs: the record of the type, with the place and what the
+// instance says otherwise.
+
+#include <string>
+#include <tuple>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "a2l/object_builder.h"
+
+namespace lm::a2l {
+namespace {
+
+/// What an OVERWRITE of the values changes.
+void overwriteValues(auto& record, const Overwrite& overwrite) {
+    if (!overwrite.conversion.empty()) record.conversion = overwrite.conversion;
+    if (!overwrite.format.empty()) record.format = overwrite.format;
+    if (overwrite.physUnit) record.physUnit = overwrite.physUnit;
+    if (overwrite.limits) std::tie(record.lowerLimit, record.upperLimit) = *overwrite.limits;
+}
+
+void overwriteAxis(auto& axis, const Overwrite& overwrite) {
+    overwriteValues(axis, overwrite);
+    if (!overwrite.inputQuantity.empty()) axis.inputQuantity = overwrite.inputQuantity;
+    if (!overwrite.monotony.empty()) axis.monotony = monotonyFromName(overwrite.monotony);
+}
+
+/// The record as an object of its own. Its texts are the leaf's.
+template <typename Record>
+Record placed(const Record& type, const Leaf& leaf) {
+    Record record = type;
+    record.name = leaf.name;
+    if (record.longIdentifier.empty()) record.longIdentifier = leaf.instance->longIdentifier;
+    record.readOnly = record.readOnly || leaf.instance->readOnly;
+    return record;
+}
+
+/// Pointers on the way, and the numbers that are not in the name.
+Result<Object> withWay(const Description& description, const Leaf& leaf, Result<Object> built) {
+    if (!built) return built;
+    Object& object = built.value();
+    object.assumptions.add(leaf.assumptions);
+    object.hops.insert(object.hops.begin(), leaf.hops.begin(), leaf.hops.end());
+    object.record.nearPointerOffset = description.defaults.calibrationOffset;
+    object.assumptions.add(leaf.assumptions);
+    if (leaf.dimensions.empty()) return built;
+    object.type = CharacteristicType::valBlk;
+    object.dimensions = leaf.dimensions;
+    object.columnDir = leaf.columnDir;
+    if (object.dimensions.size() > 1) object.assumptions.add(Assumption::elementOrder);
+    if (object.dimensions.size() > 2 && leaf.columnDir) object.assumptions.add(Assumption::columnDirection);
+    for (RecordLayout::Entry& entry : object.record.entries)
+        entry.indexMode = leaf.columnDir ? IndexMode::columnDir : IndexMode::rowDir;
+    return built;
+}
+
+struct LeafBuilder {
+    const Description& description;
+    const Leaf& leaf;
+    std::size_t referencesLeft;
+
+    Result<Object> operator()(const Measurement* type) const {
+        Measurement record = placed(*type, leaf);
+        record.ecuAddress = leaf.address.address;
+        record.addressExtension = leaf.address.extension;
+        record.hasAddress = true;
+        record.readWrite = record.readWrite || leaf.instance->readWrite;
+        for (const Overwrite* overwrite : leaf.overwrites)
+            if (overwrite->axis == 0) overwriteValues(record, *overwrite);
+        return withWay(description, leaf, buildMeasurement(description, record));
+    }
+
+    Result<Object> operator()(const Characteristic* type) const {
+        Characteristic record = placed(*type, leaf);
+        record.address = leaf.address.address;
+        record.addressExtension = leaf.address.extension;
+        std::vector<std::string> references;
+        references.reserve(record.axes.size());
+        for (AxisDescription& axis : record.axes)
+            axis.reference = references.emplace_back(resolveReference(leaf, axis.reference));
+        for (const Overwrite* overwrite : leaf.overwrites) {
+            if (overwrite->axis == 0) overwriteValues(record, *overwrite);
+            if (overwrite->axis > 0 && overwrite->axis <= record.axes.size())
+                overwriteAxis(record.axes[overwrite->axis - 1], *overwrite);
+        }
+        return withWay(description, leaf, buildCharacteristic(description, record, referencesLeft));
+    }
+
+    Result<Object> operator()(const AxisPoints* type) const {
+        AxisPoints record = placed(*type, leaf);
+        record.address = leaf.address.address;
+        record.addressExtension = leaf.address.extension;
+        for (const Overwrite* overwrite : leaf.overwrites)
+            if (overwrite->axis <= 1) overwriteAxis(record, *overwrite);
+        return withWay(description, leaf, buildAxisPoints(description, record));
+    }
+
+    Result<Object> operator()(const Blob* type) const {
+        Blob record = placed(*type, leaf);
+        record.address = leaf.address.address;
+        record.addressExtension = leaf.address.extension;
+        auto built = buildBlob(record);
+        if (built) built.value().hops = leaf.hops;
+        return built;
+    }
+};
+
+}  // namespace
+
+Result<Object> buildLeaf(const Description& description, const Leaf& leaf, std::size_t referencesLeft) {
+    if (referencesLeft == 0) return objectFault(leaf.name, "axes refer to curves in a circle, or too deep");
+    return std::visit(LeafBuilder{description, leaf, referencesLeft}, leaf.record);
+}
+
+Result<Object> buildBlob(const Blob& blob) {
+    if (blob.size == 0) return objectFault(blob.name, "a BLOB of no bytes");
+    Object object;
+    object.name = blob.name;
+    object.description = blob.longIdentifier;
+    object.kind = ObjectKind::blob;
+    object.type = CharacteristicType::valBlk;
+    object.writable = !blob.readOnly;
+    object.dimensions = {blob.size};
+    object.first.name = blob.name;
+    object.first.address = {blob.address, blob.addressExtension};
+    return object;
+}
+
+}  // namespace lm::a2l

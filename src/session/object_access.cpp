@@ -1,0 +1,86 @@
+#include "session/object_access.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "xcp/memory.h"
+
+namespace lm::session {
+namespace {
+
+std::vector<std::uint8_t> bytesAt(const a2l::MemoryImage& image, const a2l::MemorySpan& span) {
+    const std::uint8_t* const bytes = image.at(span.address, span.size);
+    return {bytes, bytes + span.size};
+}
+
+}  // namespace
+
+a2l::ReadMemory ObjectAccess::reader() {
+    return [this](xcp::Address address, std::size_t size) { return master_.upload(address, size); };
+}
+
+Result<a2l::ObjectContent> ObjectAccess::readUnconfirmed(const a2l::Object& object) {
+    const xcp::ConnectInfo slave = master_.connectInfo();
+    const std::size_t perPacket =
+        slave.maxCto == 0 ? 0 : xcp::Memory::elementsPerResponse(slave) * slave.granularity();
+    return a2l::readObject(object, reader(), perPacket);
+}
+
+Result<a2l::ObjectContent> ObjectAccess::read(const a2l::Object& object) {
+    return xcp::inStep(master_, [&] { return readUnconfirmed(object); });
+}
+
+ObjectWriteOutcome ObjectAccess::write(const a2l::Object& object, const Change& change) {
+    auto before = read(object);
+    if (!before) return {before.error()};
+    auto wanted = change(before.value());
+    if (!wanted) return {wanted.error()};
+    const auto spans = a2l::differences(before.value(), wanted.value());
+    if (spans.empty()) return {std::move(before)};
+    // From here on a stop is carried out when the object has been read back.
+    const auto finishing = master_.finishing();
+    if (stop_.requested()) return {Error::stopped(object.name + ": stopped")};
+    auto stored = download(before.value(), wanted.value(), spans);
+    if (!stored) return {stored.error(), spans, held(before.value(), wanted.value(), spans)};
+    return {std::move(stored), spans};
+}
+
+/// Writes piece by piece and reads the whole object back, counts and pointers included.
+Result<a2l::ObjectContent> ObjectAccess::download(const a2l::ObjectContent& before,
+                                                  const a2l::MemoryImage& wanted,
+                                                  const std::vector<a2l::MemorySpan>& spans) {
+    for (const a2l::MemorySpan& span : spans) {
+        auto downloaded = master_.download(span.address, bytesAt(wanted, span));
+        if (!downloaded) return downloaded.error();
+    }
+    const a2l::Object& object = before.placed.object();
+    return xcp::inStep(master_, [&]() -> Result<a2l::ObjectContent> {
+        auto after = readUnconfirmed(object);
+        if (!after) return after;
+        const bool sameSize = after.value().placed.spans(0) == before.placed.spans(0);
+        if (!sameSize || !a2l::differences(after.value(), wanted).empty()) {
+            return Error{ErrorCode::protocolError,
+                         object.name + ": read back value differs from the written value"};
+        }
+        return after;
+    });
+}
+
+std::vector<HeldSpan> ObjectAccess::held(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
+                                         const std::vector<a2l::MemorySpan>& spans) {
+    std::vector<HeldSpan> all;
+    for (const a2l::MemorySpan& span : spans) {
+        HeldSpan& one = all.emplace_back();
+        one.span = span;
+        auto bytes = xcp::inStep(master_, [&] { return master_.upload(span.address, span.size); });
+        if (!bytes) continue;
+        one.bytes = std::move(bytes).value();
+        one.state = HeldSpan::State::other;
+        if (one.bytes == bytesAt(before.image, span)) one.state = HeldSpan::State::before;
+        if (one.bytes == bytesAt(wanted, span)) one.state = HeldSpan::State::after;
+    }
+    return all;
+}
+
+}  // namespace lm::session

@@ -1,0 +1,64 @@
+// Reads and writes whole objects of the ECU: curves, maps, blocks, texts, axes. What is told was certainly
+// read from where it should be; what was written was read back.
+//
+// Threads: one at a time; a stop may be requested from any. Lifetime: the master is borrowed; what is
+// returned owns everything.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "a2l/object_content.h"
+#include "core/result.h"
+#include "core/stop_token.h"
+#include "xcp/master.h"
+
+namespace lm::session {
+
+/// What the ECU held in one of the pieces that a failed write meant to change.
+struct HeldSpan {
+    enum class State : std::uint8_t { before, after, other, unknown };
+
+    a2l::MemorySpan span;
+    State state = State::unknown;
+    std::vector<std::uint8_t> bytes;  ///< none when unknown
+};
+
+struct ObjectWriteOutcome {
+    Result<a2l::ObjectContent> content;         ///< as read back
+    std::vector<a2l::MemorySpan> written = {};  ///< what had to change; nothing when all was so already
+    /// Only when the write failed after the first command that can change memory.
+    std::vector<HeldSpan> held = {};
+};
+
+class ObjectAccess {
+  public:
+    /// `stop` is that of the master's waits.
+    ObjectAccess(xcp::Master& master, StopToken stop) : master_(master), stop_(std::move(stop)) {}
+
+    /// Reads counts and pointers, then all bytes in as few packets as they need. Errors: those of
+    /// a2l::readObject, xcp::Master::upload and xcp::inStep.
+    Result<a2l::ObjectContent> read(const a2l::Object& object);
+
+    /// What the memory shall be, of what the object holds: a2l::changed() and a2l::changedText() make it.
+    using Change = std::function<Result<a2l::MemoryImage>(const a2l::ObjectContent&)>;
+
+    /// Reads the object, writes the pieces that `change` makes differ, and reads the object back. A stop
+    /// request that comes after the writing has begun waits for all of it. Errors: those of read() and
+    /// `change`, the master's, "NAME: stopped", "NAME: read back value differs from the written value".
+    ObjectWriteOutcome write(const a2l::Object& object, const Change& change);
+
+  private:
+    a2l::ReadMemory reader();
+    Result<a2l::ObjectContent> readUnconfirmed(const a2l::Object& object);
+    Result<a2l::ObjectContent> download(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
+                                        const std::vector<a2l::MemorySpan>& spans);
+    std::vector<HeldSpan> held(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
+                               const std::vector<a2l::MemorySpan>& spans);
+
+    xcp::Master& master_;
+    const StopToken stop_;
+};
+
+}  // namespace lm::session
