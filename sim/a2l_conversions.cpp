@@ -1,5 +1,9 @@
+#include <string>
+#include <vector>
+
 #include <fmt/format.h>
 
+#include "sim/a2l_objects.h"
 #include "sim/a2l_writer.h"
 
 namespace lm::sim {
@@ -58,6 +62,10 @@ constexpr const char* kConversions = R"A2L(
       /begin FORMULA "sqrt(X1)"
       /end FORMULA
     /end COMPU_METHOD
+    /begin COMPU_METHOD CM.POWER "Of torque and speed" FORM "%6.2" "kW"
+      /begin FORMULA "X1 * X2 / 9549.2966"
+      /end FORMULA
+    /end COMPU_METHOD
 
     /begin COMPU_TAB CT.TEMP "Thermistor" TAB_INTP 6
       0 150  50 90  100 60  150 30  200 0  255 -40
@@ -83,11 +91,49 @@ constexpr const char* kConversions = R"A2L(
 
 )A2L";
 
+struct Layout {
+    std::string name;
+    std::vector<std::string> lines;
+};
+
+std::string layout(const std::string& name, const std::vector<std::string>& lines) {
+    return fmt::format("    /begin RECORD_LAYOUT RL.{}\n      {}\n    /end RECORD_LAYOUT\n", name,
+                       fmt::join(lines, "\n      "));
+}
+
+/// Of what is more than values, or more than points.
+std::vector<Layout> tableLayouts() {
+    return {
+        {"AXIS_COUNTED",
+         {"NO_AXIS_PTS_X 1 UWORD", "RESERVED 2 WORD", "AXIS_PTS_X 3 UWORD INDEX_INCR DIRECT"}},
+        {"AXIS_RESCALE",
+         {"NO_RESCALE_X 1 UBYTE", "RESERVED 2 BYTE", "AXIS_RESCALE_X 3 UBYTE 3 INDEX_INCR DIRECT"}},
+        {"CURVE_COUNTED",
+         {"NO_AXIS_PTS_X 1 UBYTE", "AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT",
+          "FNC_VALUES 3 FLOAT32_IEEE COLUMN_DIR DIRECT"}},
+        {"CURVE_STATIC",
+         {"NO_AXIS_PTS_X 1 ULONG", "AXIS_PTS_X 2 UWORD INDEX_INCR DIRECT",
+          "FNC_VALUES 3 SWORD COLUMN_DIR DIRECT", "STATIC_RECORD_LAYOUT"}},
+        {"CURVE_PAIRS",
+         {"FIX_NO_AXIS_PTS_X 4", "AXIS_PTS_X 1 UWORD INDEX_INCR DIRECT",
+          "FNC_VALUES 2 UWORD ALTERNATE_WITH_X DIRECT"}},
+        {"CURVE_POINTER",
+         {"NO_AXIS_PTS_X 1 UWORD", "AXIS_PTS_X 2 UWORD INDEX_INCR DIRECT",
+          "FNC_VALUES 3 UWORD ROW_DIR PLONG"}},
+        {"CURVE_STEPS", {"OFFSET_X 1 SWORD", "DIST_OP_X 2 SWORD", "FNC_VALUES 3 SWORD COLUMN_DIR DIRECT"}},
+        {"MAP_COLUMNS",
+         {"NO_AXIS_PTS_X 1 UWORD", "NO_AXIS_PTS_Y 2 UWORD", "AXIS_PTS_X 3 UWORD INDEX_INCR DIRECT",
+          "AXIS_PTS_Y 4 UWORD INDEX_INCR DIRECT", "FNC_VALUES 5 FLOAT32_IEEE COLUMN_DIR DIRECT"}},
+    };
+}
+
 }  // namespace
 
-std::string a2lConversions() {
+std::string a2lConversions(std::uint16_t version) {
     std::string text = kConversions;
-    for (const TypeInfo& type : kTypes) {
+    for (std::size_t i = 0; i < kTypes.size(); ++i) {
+        if (!isTypeKnown(static_cast<DataType>(i), version)) continue;
+        const TypeInfo& type = kTypes[i];
         text += fmt::format(
             "    /begin RECORD_LAYOUT RL.{}\n"
             "      FNC_VALUES 1 {} COLUMN_DIR DIRECT\n"
@@ -101,8 +147,15 @@ std::string a2lConversions() {
         "      FNC_VALUES 3 UWORD COLUMN_DIR DIRECT\n"
         "    /end RECORD_LAYOUT\n"
         "    /begin RECORD_LAYOUT RL.EMPTY\n"
-        "    /end RECORD_LAYOUT\n\n";
-    return text;
+        "    /end RECORD_LAYOUT\n";
+    for (const char* type : {"UBYTE", "SBYTE", "SWORD", "FLOAT32_IEEE"})
+        text += layout(fmt::format("ROWS_{}", type), {fmt::format("FNC_VALUES 1 {} ROW_DIR DIRECT", type)});
+    for (const char* type : {"UBYTE", "UWORD", "FLOAT32_IEEE"})
+        text +=
+            layout(fmt::format("AXIS_{}", type), {fmt::format("AXIS_PTS_X 1 {} INDEX_INCR DIRECT", type)});
+    for (const Layout& one : tableLayouts())
+        text += layout(one.name, one.lines);
+    return text + "\n";
 }
 
 }  // namespace lm::sim

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "sim/a2l_objects.h"
 #include "sim/event_cycle.h"
 #include "sim/protocol.h"
 
@@ -14,23 +15,6 @@ std::string_view orderWord(ByteOrder order) {
 
 std::string_view granularityWord(std::uint8_t granularity) {
     return granularity == 4 ? "DWORD" : granularity == 2 ? "WORD" : "BYTE";
-}
-
-/// A2L numbers: shortest text that reads back as the same value.
-std::string number(double value) {
-    return fmt::format("{}", value);
-}
-
-std::string indented(const std::string& lines, std::string_view indent) {
-    std::string out;
-    std::size_t at = 0;
-    while (at < lines.size()) {
-        const std::size_t end = lines.find('\n', at);
-        out += indent;
-        out.append(lines, at, end - at + 1);
-        at = end + 1;
-    }
-    return out;
 }
 
 std::string protocolLayer(const Options& options) {
@@ -138,7 +122,7 @@ std::string transportLayer(const Options& options) {
 
 std::string head(const Options& options, const Catalog& catalog) {
     return fmt::format(
-        "ASAP2_VERSION 1 71\n"
+        "ASAP2_VERSION 1 {}\n"
         "/begin PROJECT demo \"Simulated ECU\"\n"
         "  /begin MODULE SimulatedEcu \"Engine controller that is not there\"\n"
         "    /begin MOD_COMMON \"\"\n"
@@ -157,57 +141,24 @@ std::string head(const Options& options, const Catalog& catalog) {
         "    /end MOD_PAR\n\n"
         "    /begin IF_DATA XCP\n{}{}{}"
         "    /end IF_DATA\n",
-        orderWord(options.order), protocolLayer(options), daqBlock(options, catalog),
-        transportLayer(options));
+        options.a2lVersion % 100, orderWord(options.order), protocolLayer(options),
+        daqBlock(options, catalog), transportLayer(options));
 }
 
-/// The optional keywords that both kinds of object share.
-std::string keywords(const Row& row) {
-    std::string text;
-    if (row.mask != 0) text += fmt::format("      BIT_MASK 0x{:X}\n", row.mask);
-    if (row.extension != 0) text += fmt::format("      ECU_ADDRESS_EXTENSION {}\n", row.extension);
-    if (row.order != ObjectOrder::module) {
-        text += fmt::format("      BYTE_ORDER {}\n",
-                            row.order == ObjectOrder::msbFirst ? "MSB_FIRST" : "MSB_LAST");
-    }
-    return text + indented(row.attributes, "      ");
-}
-
-std::string measurement(const Row& row) {
-    std::string text =
-        fmt::format("    /begin MEASUREMENT {} \"{}\"\n      {} {} 0 0 {} {}\n", row.name, row.description,
-                    typeInfo(row.type).name, row.conversion, number(row.lower), number(row.upper));
-    if (row.place != Place::nowhere) text += fmt::format("      ECU_ADDRESS 0x{:08X}\n", row.address);
-    text += keywords(row);
-    if (row.event != kNoEvent) {
-        text += fmt::format(
-            "      /begin IF_DATA XCP\n"
-            "        /begin DAQ_EVENT FIXED_EVENT_LIST\n"
-            "          EVENT {}\n"
-            "        /end DAQ_EVENT\n"
-            "      /end IF_DATA\n",
-            row.event);
-    }
-    return text + "    /end MEASUREMENT\n";
-}
-
-std::string characteristic(const Row& row) {
-    const std::string deposit =
-        row.deposit.empty() ? fmt::format("RL.{}", typeInfo(row.type).name) : row.deposit;
-    return fmt::format("    /begin CHARACTERISTIC {} \"{}\"\n      {} 0x{:08X} {} 0 {} {} {}\n", row.name,
-                       row.description, row.shape, row.address, deposit, row.conversion, number(row.lower),
-                       number(row.upper)) +
-           keywords(row) + "    /end CHARACTERISTIC\n";
+bool isArrayOrLeaf(const Row& row) {
+    return row.kind == Kind::hidden || !row.sizes.empty();
 }
 
 }  // namespace
 
 std::string a2lText(const Options& options, const Catalog& catalog) {
-    std::string text = head(options, catalog) + a2lConversions();
+    const std::uint16_t version = options.a2lVersion;
+    std::string text = head(options, catalog) + a2lConversions(version);
     for (const Row& row : catalog.rows()) {
-        text += row.kind == Kind::measurement ? measurement(row) : characteristic(row);
+        if (isDescribed(row, version)) text += a2lObject(row, version);
     }
-    return text + "  /end MODULE\n/end PROJECT\n";
+    if (version >= 171) text += a2lTypes(version);
+    return text + a2lGroups(catalog, version) + a2lFunctions(version) + "  /end MODULE\n/end PROJECT\n";
 }
 
 std::string modelTable(const Catalog& catalog) {
@@ -215,13 +166,24 @@ std::string modelTable(const Catalog& catalog) {
         "| measurement | type | byte order | mask | event | raw value |\n"
         "|---|---|---|---|---|---|\n";
     for (const Row& row : catalog.rows()) {
-        if (row.model.text.empty()) continue;
+        if (row.model.text.empty() || isArrayOrLeaf(row)) continue;
         const char* order = row.order == ObjectOrder::module     ? "module"
                             : row.order == ObjectOrder::msbFirst ? "MSB_FIRST"
                                                                  : "MSB_LAST";
         text += fmt::format("| {} | {} | {} | {} | {} | `{}` |\n", row.name, typeInfo(row.type).name, order,
                             row.mask == 0 ? std::string("-") : fmt::format("0x{:X}", row.mask), row.event,
                             row.model.text);
+    }
+    text +=
+        "\n"
+        "| elements | i | type | event | raw value |\n"
+        "|---|---|---|---|---|\n";
+    for (const Row& row : catalog.rows()) {
+        if (row.model.text.empty() || !isArrayOrLeaf(row)) continue;
+        const int last = row.firstElement + row.elements - 1;
+        text += fmt::format("| {} | {}{} | {} | {} | `{}` |\n", row.name, row.firstElement,
+                            row.elements == 1 ? "" : fmt::format(" to {}", last), typeInfo(row.type).name,
+                            row.event, row.model.text);
     }
     return text;
 }

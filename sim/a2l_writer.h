@@ -13,10 +13,10 @@ namespace lm::sim {
 /// The whole A2L file.
 std::string a2lText(const Options& options, const Catalog& catalog);
 
-/// The part that does not depend on options: conversions, tables, record layouts.
-std::string a2lConversions();
+/// Conversions, tables, record layouts.
+std::string a2lConversions(std::uint16_t version);
 
-/// The table of measurements of docs/simulator.md: name, type, byte order, mask, event, raw value.
+/// The tables of docs/simulator.md: plain measurements, and the elements of arrays and structures.
 std::string modelTable(const Catalog& catalog);
 
 }  // namespace lm::sim

@@ -23,6 +23,7 @@ constexpr std::array<PlaceInfo, 4> kPlaces{{
 }};
 constexpr std::uint32_t kOutsideAddress = 0xDEAD0000;
 constexpr std::uint32_t kRegionStep = 16;  // regions end on a multiple of every granularity
+constexpr std::uint32_t kWideBorder = 8;   // objects of several values begin on one too, whatever their types
 
 constexpr std::uint32_t roundUp(std::uint32_t value, std::uint32_t step) {
     return (value + step - 1) / step * step;
@@ -107,6 +108,27 @@ RowList& RowList::shape(std::string shape, std::string deposit, std::uint16_t el
     return *this;
 }
 
+RowList& RowList::array(std::vector<std::uint16_t> sizes) {
+    last().elements = 1;
+    for (const std::uint16_t size : sizes)
+        last().elements = static_cast<std::uint16_t>(last().elements * size);
+    last().sizes = std::move(sizes);
+    last().border = kWideBorder;
+    return *this;
+}
+
+RowList& RowList::record(Record record) {
+    last().record = std::move(record);
+    last().border = kWideBorder;
+    return *this;
+}
+
+RowList& RowList::kind(Kind kind, std::uint16_t a2lVersion) {
+    last().kind = kind;
+    last().a2lVersion = a2lVersion;
+    return *this;
+}
+
 Catalog::Catalog(const Options& options)
     : options_(options),
       eventNames_({cycleName(options.fastEventUs), "cyclic_10ms", "cyclic_100ms", "crank_tooth"}) {
@@ -123,10 +145,11 @@ void Catalog::layOut() {
             if (row.place != info.place) continue;
             row.extension = info.extension;
             if (!row.sharesWith.empty()) {
-                row.address = find(row.sharesWith)->address;
+                row.address = find(row.sharesWith)->address + row.offset;
                 continue;
             }
-            row.address = roundUp(next, static_cast<std::uint32_t>(typeInfo(row.type).size));
+            const auto own = static_cast<std::uint32_t>(typeInfo(row.type).size);
+            row.address = roundUp(next, row.border != 0 ? row.border : own);
             next = row.address + static_cast<std::uint32_t>(row.size());
         }
         const std::uint32_t size = roundUp(next - info.base, kRegionStep);

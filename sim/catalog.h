@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "sim/data_type.h"
+#include "sim/model.h"
 #include "sim/options.h"
+#include "sim/record.h"
 
 namespace lm::sim {
 
@@ -20,28 +22,8 @@ enum Event : std::uint8_t { kEvent1ms = 0, kEvent10ms = 1, kEvent100ms = 2, kEve
 inline constexpr std::size_t kEventCount = 4;
 inline constexpr std::uint8_t kNoEvent = 0xFF;
 
-/// The raw values that the model reads from memory before each step; the fields bear the names of the
-/// objects.
-struct Inputs {
-    std::int64_t cal_injector = 0;
-    std::int64_t cal_idle_speed = 0;
-    std::int64_t cal_wave_period = 0;
-    std::int64_t cal_ignition_trim = 0;
-    std::int64_t cal_pressure_offset = 0;
-    double cal_gain = 0;
-    double cal_wave_offset = 0;
-    double setpoint_rw = 0;
-};
-
-/// A measurement as a function of its event's sample counter n (from 1) and the inputs p. At most one of the
-/// two functions is there, `whole` for integer types; `text` is the same function in words (valid Python).
-struct Model {
-    std::int64_t (*whole)(std::int64_t n, const Inputs& p) = nullptr;
-    double (*real)(std::int64_t n, const Inputs& p) = nullptr;
-    std::string_view text = {};
-};
-
-enum class Kind : std::uint8_t { measurement, characteristic };
+/// `hidden` takes memory alone: a leaf of a structure, or what a pointer points to.
+enum class Kind : std::uint8_t { measurement, characteristic, axisPoints, blob, instance, hidden };
 enum class Place : std::uint8_t { parameters, signals, flash, load, outside, nowhere };
 enum class ObjectOrder : std::uint8_t { module, lsbFirst, msbFirst };
 
@@ -59,15 +41,24 @@ struct Row {
     Model model = {};
     RawValue initial = {};
     Place place = Place::signals;
-    std::string sharesWith = {};  ///< lies at the address of this earlier row
-    std::uint16_t elements = 1;   ///< elements that the object takes in memory
-    bool ignoresWrites = false;   ///< a DOWNLOAD succeeds and changes nothing
-    std::string shape = "VALUE";  ///< A2L type of a characteristic
-    std::string deposit = {};     ///< record layout; empty: the one of the data type
-    std::string attributes = {};  ///< further A2L lines, each ending in a line feed
-    std::uint32_t address = 0;    ///< given by the catalogue
-    std::uint8_t extension = 0;   ///< given by the catalogue
-    std::size_t size() const { return typeInfo(type).size * elements; }
+    std::string sharesWith = {};            ///< lies at the address of this earlier row
+    std::uint32_t offset = 0;               ///< bytes after that address
+    std::uint16_t elements = 1;             ///< elements that the object takes in memory
+    std::uint16_t firstElement = 0;         ///< number of the first of them in the model
+    std::vector<std::uint16_t> sizes = {};  ///< elements along each direction, X first; empty: not told
+    Record record = {};                     ///< what it holds, if that is more than elements of one type
+    std::uint32_t border = 0;               ///< its address is a multiple of this; 0: of the type's size
+    bool ignoresWrites = false;             ///< a DOWNLOAD succeeds and changes nothing
+    std::string shape = "VALUE";            ///< A2L type of a characteristic
+    std::string deposit = {};               ///< record layout; empty: the one of the data type
+    std::string attributes = {};            ///< further A2L lines, each ending in a line feed
+    std::string input = {};                 ///< input quantity of shared axis points
+    std::string structure = {};             ///< structure of an instance
+    std::uint16_t a2lVersion = 0;           ///< the first A2L version that can describe it, 171 for 1.71
+    std::uint32_t address = 0;              ///< given by the catalogue
+    std::uint8_t extension = 0;             ///< given by the catalogue
+    std::size_t size() const { return record.empty() ? typeInfo(type).size * elements : recordSize(record); }
+    bool isModelled() const { return model.whole != nullptr || model.real != nullptr; }
 };
 
 /// One piece of ECU memory.
@@ -107,21 +98,6 @@ inline constexpr std::uint8_t kNameExtension = 0xFE;     ///< region of the even
 inline constexpr std::uint32_t kNameSlot = 32;           ///< bytes kept for one event name
 inline constexpr std::uint32_t kSpareBase = 0x00200000;  ///< region that no object of the catalogue lies in
 
-// The functions that model expressions use.
-/// A triangle of period `period` that climbs from 0 to period / 2 and back; 0 when the period is 0.
-constexpr std::int64_t tri(std::int64_t n, std::int64_t period) {
-    if (period <= 0) return 0;
-    const std::int64_t phase = n % period;
-    return phase < period - phase ? phase : period - phase;
-}
-/// The quotient without its fraction (both numbers are positive).
-constexpr std::int64_t div(std::int64_t a, std::int64_t b) {
-    return a / b;
-}
-constexpr double real(std::int64_t value) {
-    return static_cast<double>(value);
-}
-
 /// Milliseconds from occurrence n of the non-cyclic event to the next one, 5 to 50.
 constexpr std::int64_t asyncIntervalMs(std::int64_t n) {
     return 5 + div((n * 2654435761) % 4294967296, 65536) % 46;
@@ -142,6 +118,12 @@ class RowList {
     RowList& attributes(std::string lines);
     /// A2L type and record layout of a characteristic that is more than one value.
     RowList& shape(std::string shape, std::string deposit, std::uint16_t elements);
+    /// An array, X first. It and every record lie at addresses that serve all granularities.
+    RowList& array(std::vector<std::uint16_t> sizes);
+    RowList& record(Record record);
+    /// A measurement becomes another kind of object, which A2L knows since that version (0: always).
+    RowList& kind(Kind kind, std::uint16_t a2lVersion = 0);
+    void append(Row row) { rows_.push_back(std::move(row)); }
     Row& last() { return rows_.back(); }
     std::vector<Row> take() { return std::move(rows_); }
 
@@ -149,8 +131,12 @@ class RowList {
     std::vector<Row> rows_;
 };
 
-/// The rows of the two kinds, in the order of the A2L file.
+/// The rows of measurements and of parameters, in the order of the A2L file.
 std::vector<Row> measurementRows();
 std::vector<Row> parameterRows();
+/// Axes, curves, maps, blocks, texts and structures, part of parameterRows().
+void addTables(RowList& rows);
+/// An instance of a structure of sim/structure.h, and a hidden row for each of its leaves.
+void addInstance(RowList& rows, const Row& instance);
 
 }  // namespace lm::sim

@@ -4,24 +4,6 @@
 
 #include "sim/catalog.h"
 
-// One expression gives the function and its text, so the documented model cannot part from the one that runs.
-// Expressions use tri, div, real, + - * % and comparisons only: they read the same in C++ and in Python.
-#define SIM_WHOLE(expression)                                                                   \
-    Model {                                                                                     \
-        []([[maybe_unused]] std::int64_t n, [[maybe_unused]] const Inputs& p) -> std::int64_t { \
-            return expression;                                                                  \
-        },                                                                                      \
-            nullptr, #expression                                                                \
-    }
-#define SIM_REAL(expression)                                                                  \
-    Model {                                                                                   \
-        nullptr,                                                                              \
-            []([[maybe_unused]] std::int64_t n, [[maybe_unused]] const Inputs& p) -> double { \
-                return expression;                                                            \
-            },                                                                                \
-            #expression                                                                       \
-    }
-
 namespace lm::sim {
 namespace {
 
@@ -214,6 +196,58 @@ void addSpecial(RowList& rows) {
         .attributes("MATRIX_DIM 4 1 1\n");
 }
 
+/// What the curve, the map and the structure drive and hold.
+void addOperatingPoint(RowList& rows) {
+    rows.add("rel_load", "Relative load", T::float32, "CM.IDENTICAL")
+        .on(kEvent10ms, SIM_REAL(real(tri(n, 640)) * 0.3125))
+        .limits(0, 100)
+        .attributes("PHYS_UNIT \"%\"\n");
+    rows.add("ignition_advance", "Ignition advance of the map, at engine_speed and rel_load", T::float32,
+             "CM.IDENTICAL")
+        .on(kEvent10ms,
+            SIM_REAL(0.5 * grid(p.cal_ignition_map,
+                                real((p.cal_injector != 0) * (p.cal_idle_speed + 8 * tri(n, 500))),
+                                real(tri(n, 640)) * 0.3125)))
+        .limits(-64, 63.5)
+        .attributes("PHYS_UNIT \"deg\"\n");
+    rows.add("torque_request", "Torque of the curve, at throttle", T::float32, "CM.IDENTICAL")
+        .on(kEvent10ms, SIM_REAL(curve(p.cal_torque_curve, real(tri(n, 400)))))
+        .limits(-1000, 1000)
+        .attributes("PHYS_UNIT \"Nm\"\n");
+}
+
+void addArrays(RowList& rows) {
+    rows.add("cylinder_torque", "Torque of each cylinder", T::float32, "CM.IDENTICAL")
+        .on(kEvent10ms, SIM_REAL(0.25 * curve(p.cal_torque_curve, real(tri(n + 50 * i, 400)))))
+        .array({4});
+    rows.add("cylinder_firing", "Which cylinder fires", T::ubyte, "CM.ON_OFF")
+        .on(kEvent10ms, SIM_WHOLE(n % 4 == i))
+        .limits(0, 1)
+        .array({4});
+    rows.add("knock_spectrum", "Knock level by cylinder (first number) and band", T::uword, "CM.IDENTICAL")
+        .on(kEvent100ms, SIM_WHOLE((n * 3 + i * 100) % 4096))
+        .array({4, 3});
+    rows.add("load_by_pointer", "rel_load, at the place that a pointer names", T::float32, "CM.IDENTICAL")
+        .on(kEvent10ms, {})
+        .limits(0, 100)
+        .record({{T::ulong, {0}, Role::pointer, "rel_load"}})
+        .attributes("ADDRESS_TYPE PLONG\n")
+        .kind(Kind::measurement, 171);
+    rows.add("shaft_power", "From torque_request and engine_speed, computed by the tool", T::float64,
+             "CM.POWER")
+        .place(Place::nowhere)
+        .attributes("/begin VIRTUAL torque_request engine_speed\n/end VIRTUAL\n");
+}
+
+void addEngineStructure(RowList& rows) {
+    Row engine;
+    engine.name = "engine";
+    engine.description = "Four cylinders and what they share";
+    engine.structure = "engine_t";
+    engine.event = kEvent10ms;
+    addInstance(rows, engine);
+}
+
 }  // namespace
 
 std::vector<Row> measurementRows() {
@@ -227,6 +261,9 @@ std::vector<Row> measurementRows() {
     addOddFields(rows);
     addSlow(rows);
     addSpecial(rows);
+    addOperatingPoint(rows);
+    addArrays(rows);
+    addEngineStructure(rows);
     return rows.take();
 }
 

@@ -133,9 +133,10 @@ std::vector<Row> parameterRows() {
     addConverted(list);
     addGuarded(list);
     addShapes(list);
+    addTables(list);
     std::vector<Row> rows = list.take();
     for (Row& row : rows) {
-        row.kind = Kind::characteristic;
+        if (row.kind == Kind::measurement) row.kind = Kind::characteristic;
         if (row.place == Place::signals) row.place = Place::parameters;
     }
     return rows;

@@ -64,6 +64,7 @@ struct Arguments {
     std::string sameFirstPid;
     std::vector<std::string> without;
     std::string a2lFile;
+    std::string a2lVersion = "1.71";
     std::string modelFile;
     bool noDaq = false;
     const CLI::Option* maxCto = nullptr;
@@ -158,7 +159,11 @@ void addOtherOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--quit-after", o.quitAfter, "End after so many seconds")->check(CLI::NonNegativeNumber);
     app.add_option("--memory-file", o.memoryFile, "Write the memory image at every change and at the end");
     app.add_option("--write-a2l", arguments.a2lFile, "Write the A2L file for these options and end");
-    app.add_option("--write-model", arguments.modelFile, "Write the table of measurements and end");
+    app.add_option("--a2l-version", arguments.a2lVersion,
+                   "Its version: 1.61 has no structures and nothing else that came later")
+        ->check(CLI::IsMember({"1.61", "1.71"}))
+        ->capture_default_str();
+    app.add_option("--write-model", arguments.modelFile, "Write the tables of measurements and end");
 }
 
 Result<void> writeText(const std::string& path, const std::string& text) {
@@ -194,6 +199,7 @@ Result<void> completeCan(Arguments& arguments) {
 Result<void> complete(Arguments& arguments) {
     Options& o = arguments.options;
     o.daq = !arguments.noDaq;
+    o.a2lVersion = arguments.a2lVersion == "1.61" ? 161 : 171;
     o.serial = o.serial || !o.serialDevice.empty() || !o.serialLink.empty();
     o.order = arguments.order == "motorola" ? ByteOrder::bigEndian : ByteOrder::littleEndian;
     o.overload = arguments.overload == "event" ? OverloadIndication::event

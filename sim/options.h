@@ -73,10 +73,11 @@ struct Options {
     std::uint32_t frameUs = 0;                ///< least time from one frame to the next in microseconds
 
     // The program.
-    std::uint16_t port = 5555;    ///< UDP port, 0: the system chooses
-    bool anyMaster = false;       ///< obeys whoever sends, not only who sent CONNECT last
-    double quitAfter = 0;         ///< seconds, 0: never
-    std::string memoryFile = {};  ///< memory image, written at every change and at the end
+    std::uint16_t port = 5555;       ///< UDP port, 0: the system chooses
+    bool anyMaster = false;          ///< obeys whoever sends, not only who sent CONNECT last
+    double quitAfter = 0;            ///< seconds, 0: never
+    std::uint16_t a2lVersion = 171;  ///< of the A2L file: 161 or 171
+    std::string memoryFile = {};     ///< memory image, written at every change and at the end
 
     /// Exponent of the tick length in nanoseconds.
     unsigned tickExponent() const {

@@ -18,7 +18,7 @@ World::World(const Catalog& catalog) : catalog_(catalog) {
             load_.push_back(at);
             loadSize_ = row.size();
             loadOrder_ = catalog.order(row);
-        } else if (row.model.whole != nullptr || row.model.real != nullptr) {
+        } else if (row.isModelled()) {
             signals_[row.event].push_back({&row, at, catalog.order(row)});
         }
     }
@@ -48,7 +48,13 @@ void World::restart() {
     }
     for (const Row& row : catalog_.rows()) {
         std::uint8_t* at = locate(row.extension, row.address, row.size(), nullptr);
-        if (at == nullptr || row.place == Place::nowhere || !row.sharesWith.empty()) continue;
+        const bool initialized = row.sharesWith.empty() || row.kind == Kind::hidden;
+        if (at == nullptr || row.place == Place::nowhere || !initialized) continue;
+        if (!row.record.empty()) {
+            storeRecord(at, row.record, catalog_.order(row),
+                        [&](const std::string& target) { return catalog_.find(target)->address; });
+            continue;
+        }
         const std::size_t step = typeInfo(row.type).size;
         for (std::size_t i = 0; i < row.elements; ++i) {
             storeRaw(at + i * step, row.type, catalog_.order(row), row.mask, row.initial);
@@ -69,18 +75,32 @@ void World::readInputs() {
         if (input.whole != nullptr) inputs_.*input.whole = raw.whole;
         if (input.real != nullptr) inputs_.*input.real = raw.real;
     }
+    const Table torque = table("cal_torque_curve");
+    inputs_.cal_torque_curve = {torque.points, torque.values};
+    inputs_.cal_ignition_map = {table("cal_speed_axis").points, table("cal_load_axis").points,
+                                table("cal_ignition_map").values};
     inputsStale_ = false;
+}
+
+Table World::table(std::string_view name) const {
+    const Row* row = catalog_.find(name);
+    return readTable(locate(row->extension, row->address, row->size(), nullptr), row->record,
+                     catalog_.order(*row));
 }
 
 void World::step(std::uint8_t event) {
     if (inputsStale_) readInputs();
     const std::uint32_t n = ++counters_[event];
     for (const Signal& signal : signals_[event]) {
-        const Model& model = signal.row->model;
-        RawValue value;
-        if (model.whole != nullptr) value.whole = model.whole(n, inputs_);
-        if (model.real != nullptr) value.real = model.real(n, inputs_);
-        storeRaw(signal.at, signal.row->type, signal.order, signal.row->mask, value);
+        const Row& row = *signal.row;
+        const std::size_t size = typeInfo(row.type).size;
+        for (std::size_t k = 0; k < row.elements; ++k) {
+            const auto i = static_cast<std::int64_t>(row.firstElement + k);
+            RawValue value;
+            if (row.model.whole != nullptr) value.whole = row.model.whole(n, inputs_, i);
+            if (row.model.real != nullptr) value.real = row.model.real(n, inputs_, i);
+            storeRaw(signal.at + k * size, row.type, signal.order, row.mask, value);
+        }
     }
     if (event != kEvent1ms) return;
     std::uint64_t value = n;

@@ -55,6 +55,7 @@ class World {
                          bool* writable) const;
     void bindInput(std::string_view name, std::int64_t Inputs::*whole, double Inputs::*real);
     void readInputs();
+    Table table(std::string_view name) const;
 
     const Catalog& catalog_;
     std::vector<std::unique_ptr<std::uint8_t[]>> memory_;  ///< bytes of each region of the catalogue

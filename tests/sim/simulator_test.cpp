@@ -34,6 +34,39 @@ TEST(Catalog, ShippedFilesAreWhatItWrites) {
         << "put the table of xcplumo-sim --write-model into docs/simulator.md";
 }
 
+TEST(Catalog, WholeObjectsServeEveryGranularity) {
+    const Catalog catalog(Options{});
+    std::size_t leaves = 0;
+    for (const Row& row : catalog.rows()) {
+        if (row.kind == Kind::hidden && !row.sharesWith.empty()) {
+            const Row* instance = catalog.find(row.sharesWith);
+            EXPECT_EQ(row.address % typeInfo(row.type).size, 0U) << row.name;
+            EXPECT_LE(row.address + row.size(), instance->address + instance->size()) << row.name;
+            ++leaves;
+        } else if (row.border != 0) {
+            EXPECT_EQ(row.address % 8, 0U) << row.name;
+            EXPECT_EQ(row.size() % 4, 0U) << row.name;
+        }
+    }
+    EXPECT_EQ(leaves, 4U * 4 + 2 + 4 * 4 + 4);
+}
+
+TEST(World, TakesAnyNumberOfPoints) {
+    const Catalog catalog(Options{});
+    const Row* torque = catalog.find("cal_torque_curve");
+    const Row* request = catalog.find("torque_request");
+    for (const auto& [points, expected] : std::vector<std::pair<std::uint8_t, double>>{
+             {0, 0}, {1, 7}, {8, -20 + 35.0 / 26}, {9, 0}, {255, 0}}) {  // throttle is 1 by then
+        World world(catalog);
+        world.write(0, torque->address, std::array<std::uint8_t, 1>{points});
+        if (points == 1) world.write(0, torque->address + 4, test::hex("00 00 E0 40"));
+        world.step(kEvent10ms);
+        const std::uint8_t* value = world.read(0, request->address, 4);
+        EXPECT_NEAR(loadRaw(value, request->type, ByteOrder::littleEndian, 0).real, expected, 1e-5)
+            << +points;
+    }
+}
+
 TEST(CanMedium, FramesHaveLengthsThatTheBusKnows) {
     using Row = std::tuple<std::size_t, bool, bool, std::size_t>;
     for (const auto& [packet, fd, full, frame] : {Row{1, false, false, 1},
