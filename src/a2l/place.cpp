@@ -96,8 +96,8 @@ class Placer {
 Result<std::uint64_t> Placer::readPointer(std::span<const std::uint8_t> bytes,
                                           std::optional<ByteOrder> order) const {
     constexpr std::size_t kAddressSize = 4;
-    std::uint64_t target = readSized(bytes.data(), bytes.size(),
-                                     order.value_or(object_->first.coding.byteOrder));
+    std::uint64_t target =
+        readSized(bytes.data(), bytes.size(), order.value_or(object_->first.coding.byteOrder));
     if (bytes.size() < kAddressSize) target = (target + record().nearPointerOffset) & 0xFFFFFFFFU;
     if (target > 0xFFFFFFFFU) return fault("a pointer leads beyond the last address");
     return target;

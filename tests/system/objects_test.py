@@ -69,6 +69,22 @@ class ObjectsTest(SystemTest):
         values = [value["value"]["physical"] for value in self.values(sim, "get", name)]
         return values if name.endswith("[*]") else values[0]
 
+    def test_json_of_a_map_and_of_parts(self):
+        sim = self.start_sim()
+        value = self.values(sim, "get", "cal_pressure_map")[0]["value"]
+        self.assertEqual([value[key] for key in ("type", "dimensions", "unit")], ["MAP", [4, 3], "hPa"])
+        self.assertEqual([len(value["physical"]), {len(column) for column in value["text"]}], [4, {3}])
+        self.assertEqual([[axis[key] for key in ("name", "kind", "inputQuantity", "unit", "shared")] for axis in value["axes"]],
+                         [["x", "STD_AXIS", "engine_speed", "rpm", ""], ["y", "STD_AXIS", "throttle", "%", ""]])
+        shared = self.values(sim, "get", "cal_ignition_map")[0]["value"]["axes"][0]
+        self.assertEqual([shared[key] for key in ("shared", "raw", "physical")],
+                         ["cal_speed_axis", [4 * speed for speed in SPEEDS], SPEEDS])
+        told = self.values(sim, "get", "cal_spare_limit.*", "cal_torque_curve.x[*]", "shaft_power")
+        self.assertEqual([value["name"] for value in told],
+                         [f"cal_spare_limit.{part}" for part in ("speed", "curve", "hysteresis", "state")] +
+                         [f"cal_torque_curve.x[{i}]" for i in range(8)] + ["shaft_power"])
+        self.assertEqual([told[-2]["value"]["raw"], told[-1]["value"]["raw"]], [255, None])
+
     def test_what_is_written_is_held(self):
         sim = self.start_sim()
         for assignment, name, expected in WRITES:
