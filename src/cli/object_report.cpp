@@ -91,6 +91,8 @@ std::string heldText(const HeldObject& held, value::NumberStyle style) {
         const std::uint8_t* const bytes = held.content->image.at(element.address, element.size());
         return "the ECU now holds " + value::valueText(element, bytes, style);
     }
+    if (held.numbers.size() == 1 || (!held.content && held.numbers.empty()))
+        return "what the ECU now holds is not known";
     struct Part {
         HeldSpan::State state;
         const char* text;
@@ -105,7 +107,7 @@ std::string heldText(const HeldObject& held, value::NumberStyle style) {
         const std::string names = namesOf(held, part.state);
         if (!names.empty()) text += (text.empty() ? "" : "; ") + std::string(part.text) + names;
     }
-    return text.empty() ? "what the ECU now holds is not known" : text;
+    return text;
 }
 
 }  // namespace

@@ -8,9 +8,9 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "a2l/conversion_builder.h"
+#include "session/byte_access.h"
 #include "session/dependents.h"
 #include "session/write_rights.h"
-#include "xcp/memory.h"
 
 namespace lm::session {
 namespace {
@@ -163,7 +163,7 @@ Result<ObjectReading> NamedObjects::read(std::string_view text) {
 /// Not more than the element, and what it takes to find it.
 Result<ObjectReading> NamedObjects::readElement(const ObjectName& name, const a2l::Object& object) {
     const a2l::ReadMemory memory = [this](xcp::Address address, std::size_t size) {
-        return master_.upload(address, size);
+        return uploadBytes(master_, address, size);
     };
     return xcp::inStep(master_, [&]() -> Result<ObjectReading> {
         const auto placed = a2l::place(object, memory);
@@ -171,7 +171,7 @@ Result<ObjectReading> NamedObjects::readElement(const ObjectName& name, const a2
         const auto chosen = chooseNumbers(name, placed.value());
         if (!chosen) return chosen.error();
         value::Element element = placed.value().element(chosen.value().numbers.front());
-        const auto bytes = master_.upload(element.address, element.size());
+        const auto bytes = uploadBytes(master_, element.address, element.size());
         if (!bytes) return bytes.error();
         ObjectReading reading;
         reading.numbers.push_back(numberOf(std::move(element), bytes.value().data()));

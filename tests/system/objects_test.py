@@ -2,7 +2,7 @@
 import json
 import unittest
 
-from harness import SystemTest, counters, value_line
+from harness import SystemTest, Terminal, counters, value_line
 
 SPEEDS = [500, 750, 1000, 1250, 1500, 2500, 4000, 6000]
 MAP = [[(24 + 5 * x - 3 * y) / 2 for y in range(8)] for x in range(8)]
@@ -138,6 +138,19 @@ class ObjectsTest(SystemTest):
             if held:
                 done = self.run_cli(self.start_sim("--fault", fault), "set", "cal_pair_curve[*]=7")
                 self.assertIn(told, done.stderr)
+
+    def test_units_of_several_bytes(self):
+        """Parts of a unit are written with the bytes around them."""
+        sim = self.start_sim("--granularity", 4, "--byte-order", "motorola")
+        self.assertEqual(self.values(sim, "set", "cal_ignition_map[2][3]=3")[0]["value"]["physical"], 3)
+        self.assertEqual(self.physical(sim, "cal_ignition_map"), [*MAP[:2], [*MAP[2][:3], 3, *MAP[2][4:]], *MAP[3:]])
+        self.assertEqual(self.physical(sim, "cal_torque_curve"), TORQUE)
+
+    def test_a_map_has_colours_on_a_terminal(self):
+        sim = self.start_sim()
+        terminal = Terminal(self.arguments(sim, "get", "cal_ignition_map", "--plot"), self.env)
+        self.addCleanup(terminal.close)
+        terminal.wait_for("\x1b[48;5;196;38;5;16m     29.5\x1b[0m")
 
     def test_a_whole_map_takes_no_more_packets_than_its_bytes(self):
         commands = {}
