@@ -150,7 +150,7 @@ class ObjectsTest(SystemTest):
         sim = self.start_sim()
         terminal = Terminal(self.arguments(sim, "get", "cal_ignition_map", "--plot"), self.env)
         self.addCleanup(terminal.close)
-        terminal.wait_for("\x1b[48;5;196;38;5;16m     29.5\x1b[0m")
+        terminal.wait_for("\x1b[48;5;196;38;5;16m   29.5\x1b[0m")
 
     def test_a_whole_map_takes_no_more_packets_than_its_bytes(self):
         commands = {}
