@@ -8,6 +8,7 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "a2l/conversion_builder.h"
+#include "a2l/structure.h"
 #include "session/byte_access.h"
 #include "session/dependents.h"
 #include "session/write_rights.h"
@@ -17,6 +18,18 @@ namespace {
 
 using a2l::ObjectContent;
 using a2l::ObjectName;
+
+/// As a2l::parseObjectName(), but that a pattern matches nothing and what is wrong below an instance are
+/// told.
+Result<ObjectName> parseName(const a2l::Description& description, std::string_view text) {
+    auto name = a2l::parseObjectName(description, text);
+    if (name) return name;
+    if (text.find_first_of("*?") != std::string_view::npos)
+        return Error{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", text)};
+    if (!a2l::belongsToInstance(description, text)) return name;
+    const auto object = a2l::findObject(description, text);
+    return object ? name.error() : object.error();
+}
 
 NumberReading numberReading(value::Element element, const value::Value& raw, value::Value wholeRaw) {
     value::Value physical = value::physicalValue(element, raw);
@@ -52,7 +65,7 @@ Result<ObjectReading> readingOf(ObjectContent content, const ObjectName& name) {
 /// What is shown after a write: one number, else all of the object.
 Result<ObjectReading> writtenReading(ObjectContent content, const ObjectName& name) {
     const auto chosen = chooseNumbers(name, content.placed);
-    if (chosen && chosen.value().numbers.size() == 1 && !content.placed.object().isText())
+    if (name.isWhole() || (chosen && chosen.value().numbers.size() == 1))
         return readingOf(std::move(content), name);
     return ObjectReading{std::move(content)};
 }
@@ -132,7 +145,7 @@ NamedObjects::NamedObjects(const a2l::Description& description, xcp::Master& mas
 bool NamedObjects::isScalar(std::string_view name) const {
     if (a2l::findScalar(description_, name).ok()) return true;
     return name.find_first_of("*?") == std::string_view::npos &&
-           !a2l::parseObjectName(description_, name).ok();
+           !a2l::belongsToInstance(description_, name) && !a2l::parseObjectName(description_, name).ok();
 }
 
 bool NamedObjects::exists(std::string_view name) const {
@@ -145,9 +158,7 @@ bool NamedObjects::hasDependents(std::string_view name) const {
 }
 
 Result<ObjectReading> NamedObjects::read(std::string_view text) {
-    const auto name = a2l::parseObjectName(description_, text);
-    if (!name && text.find_first_of("*?") != std::string_view::npos)
-        return Error{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", text)};
+    const auto name = parseName(description_, text);
     if (!name) return name.error();
     const a2l::Dependency* const dependency = virtualOf(description_, name.value().object);
     if (dependency != nullptr && name.value().isWhole()) return readVirtual(*dependency);
@@ -231,7 +242,7 @@ Result<a2l::MemoryImage> NamedObjects::wantedImage(const ObjectName& name, std::
 }
 
 ObjectWriting NamedObjects::write(const WriteWish& wish, const Announce& announce) {
-    const auto name = a2l::parseObjectName(description_, wish.name);
+    const auto name = parseName(description_, wish.name);
     if (!name) return {name.error()};
     const auto object = writableObject(wish, name.value());
     if (!object) return {object.error()};
