@@ -1,0 +1,21 @@
+// Patterns over all names of an A2L that stand for values, the parts of instances included.
+//
+// Threads: pure functions. Lifetime: results own everything.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "a2l/description.h"
+
+namespace lm::session {
+
+/// A text with * or ?, and no name of its own such as NAME[*].
+bool isNamePattern(const a2l::Description& description, std::string_view text);
+
+/// The measurements, parameters, axes, blobs and leaves that match (storage::matchesPattern), each kind in
+/// the order of the file.
+std::vector<std::string> namesMatching(const a2l::Description& description, std::string_view pattern);
+
+}  // namespace lm::session
