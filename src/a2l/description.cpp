@@ -102,7 +102,19 @@ const Folder* Description::findFunction(std::string_view name) const {
 }
 
 const Dependency* Description::findDependency(std::string_view name) const {
-    return store_->dependencies.lookUp(dependencies, name);
+    for (;;) {
+        const Dependency* found = store_->dependencies.lookUp(dependencies, name);
+        // An element of a leaf bears its name and an index.
+        const bool isElement = found == nullptr && !typeDependencies.empty() && name.ends_with(']');
+        if (!isElement) return found;
+        const std::size_t index = name.rfind('[');
+        if (index == std::string_view::npos) return nullptr;
+        name = name.substr(0, index);
+    }
+}
+
+const Dependency* Description::findTypeDependency(std::string_view name) const {
+    return store_->typeDependencies.lookUp(typeDependencies, name);
 }
 
 std::span<const std::string_view> Description::sources(const Dependency& dependency) const {

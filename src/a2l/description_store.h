@@ -32,6 +32,7 @@ struct Description::Store {
     NameIndex groups;
     NameIndex functions;
     NameIndex dependencies;
+    NameIndex typeDependencies;
     NameIndex otherNames;
     std::vector<OtherName> others;
     std::vector<FolderList> lists;

@@ -33,6 +33,9 @@ Record placed(const Record& type, const Leaf& leaf) {
     record.name = leaf.name;
     if (record.longIdentifier.empty()) record.longIdentifier = leaf.instance->longIdentifier;
     record.readOnly = record.readOnly || leaf.instance->readOnly;
+    if constexpr (requires { record.access; }) {
+        if (!forbidsWriting(record.access)) record.access = leaf.instance->access;
+    }
     return record;
 }
 
@@ -73,7 +76,7 @@ struct LeafBuilder {
         Measurement record = placed(*type, leaf);
         record.ecuAddress = leaf.address.address;
         record.addressExtension = leaf.address.extension;
-        record.hasAddress = true;
+        record.hasAddress = description.findTypeDependency(type->name) == nullptr;  // else virtual
         record.readWrite = record.readWrite || leaf.instance->readWrite;
         for (const Overwrite* overwrite : leaf.overwrites)
             if (overwrite->axis == 0) overwriteValues(record, *overwrite);
@@ -130,6 +133,7 @@ Result<Object> buildBlob(const Blob& blob) {
     object.kind = ObjectKind::blob;
     object.type = CharacteristicType::valBlk;
     object.writable = !blob.readOnly;
+    object.access = blob.access;
     object.dimensions = {blob.size};
     object.first.name = blob.name;
     object.first.address = {blob.address, blob.addressExtension};

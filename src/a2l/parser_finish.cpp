@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "a2l/parser.h"
+#include "a2l/structure.h"
 #include "a2l/structure_links.h"
 
 namespace lm::a2l {
@@ -85,6 +86,38 @@ void Parser::indexSideTables() {
     store.dependencies.build(d.dependencies);
 }
 
+// What a type says of its values becomes a dependency of each leaf, so that leaves are found like objects.
+void Parser::addLeafDependencies() {
+    Description& d = description_;
+    constexpr std::size_t kMost = 100000;  // far above real files; structures can stand for more than fits
+    std::size_t walked = 0;
+    const auto add = [&](const Leaf& leaf) {
+        const auto nameOf = [](const auto* record) { return record->name; };
+        const Dependency* type = d.findTypeDependency(std::visit(nameOf, leaf.record));
+        if (type == nullptr) return;
+        auto& sources = d.store_->sources;
+        Dependency dependency = *type;
+        dependency.name = modelStore_.texts.keep(leaf.name);
+        dependency.firstSource = static_cast<std::uint32_t>(sources.size());
+        for (std::uint32_t i = 0; i < type->sourceCount; ++i)
+            sources.push_back(modelStore_.common(resolveReference(leaf, sources[type->firstSource + i])));
+        d.dependencies.push_back(dependency);
+    };
+    modelStore_.hasQuotes = false;
+    for (std::size_t i = 0; i < d.instances.size(); ++i) {
+        const Instance& instance = d.instances[i];
+        if (!isComputed(d, instance.typeName)) continue;
+        walkLeaves(d, instance, [&](const Result<Leaf>& leaf) {
+            if (leaf) add(leaf.value());
+            return ++walked < kMost;
+        });
+        if (walked < kMost) continue;
+        diagnostics_.skipped("INSTANCE", instance.name, instanceLines_[i],
+                             "it has too many parts to tell which of them are computed");
+        return;
+    }
+}
+
 // Files come with thousands of such objects, whoever made them: one of them and the count will do.
 void Parser::tellInfiniteLimits() {
     if (infiniteLimits_ == 0) return;
@@ -154,7 +187,9 @@ Result<Description> Parser::finish() {
     index(store.axisTypes, d.axisTypes, axisTypeLines_, "TYPEDEF_AXIS");
     index(store.blobTypes, d.blobTypes, blobTypeLines_, "TYPEDEF_BLOB");
     index(store.structureTypes, d.structureTypes, structureTypeLines_, "TYPEDEF_STRUCTURE");
+    store.typeDependencies.build(d.typeDependencies);
     linkStructures(d, structureTypeLines_, diagnostics_);
+    addLeafDependencies();
     indexSideTables();
     tellInfiniteLimits();
     tellNamesInCommon();

@@ -89,8 +89,8 @@ void readPlaced(Object& object, Word word, const Block& block, std::size_t value
         object.addressExtension = readCount<std::uint8_t>(block, value, "ECU_ADDRESS_EXTENSION");
     if (word == Word::readOnly) object.readOnly = true;
     if (word == Word::calibrationAccess) {
-        const std::string_view access = readIdentifier(block, value, "CALIBRATION_ACCESS");
-        object.readOnly = object.readOnly || access == "NO_CALIBRATION" || access == "NOT_IN_MCD_SYSTEM";
+        object.access = calibrationAccessFromName(readIdentifier(block, value, "CALIBRATION_ACCESS"));
+        object.readOnly = object.readOnly || forbidsWriting(object.access);
     }
 }
 
