@@ -89,8 +89,17 @@ std::span<const std::uint32_t> Description::dimensions(const Extent& extent) con
     return std::span(store_->dimensions).subspan(extent.first, extent.count);
 }
 
+std::string_view Description::typeName(const Instance& instance) const {
+    return store_->instanceTypes[instance.type];
+}
+
+const InstanceDetails& Description::details(const Instance& instance) const {
+    return store_->instanceDetails[instance.details];
+}
+
 std::span<const Overwrite> Description::overwrites(const Instance& instance) const {
-    return std::span(store_->overwrites).subspan(instance.firstOverwrite, instance.overwriteCount);
+    const InstanceDetails& own = details(instance);
+    return std::span(store_->overwrites).subspan(own.firstOverwrite, own.overwriteCount);
 }
 
 const Folder* Description::findGroup(std::string_view name) const {

@@ -226,6 +226,8 @@ class Description {
     std::optional<NameNumber> numberOf(std::string_view name) const;
 
     std::span<const std::uint32_t> dimensions(const Extent& extent) const;
+    std::string_view typeName(const Instance& instance) const;
+    const InstanceDetails& details(const Instance& instance) const;
     std::span<const Overwrite> overwrites(const Instance& instance) const;
 
     /// Event channels that the measurement's own XCP interface data names, in file order.

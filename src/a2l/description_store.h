@@ -42,6 +42,8 @@ struct Description::Store {
     std::vector<std::uint32_t> dimensions;
     std::vector<std::string_view> maps;
     std::vector<Overwrite> overwrites;
+    std::vector<std::string_view> instanceTypes;
+    std::vector<InstanceDetails> instanceDetails = {{}};
 };
 
 }  // namespace lm::a2l

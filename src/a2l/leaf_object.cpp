@@ -28,10 +28,11 @@ void overwriteAxis(auto& axis, const Overwrite& overwrite) {
 
 /// The record as an object of its own. Its texts are the leaf's.
 template <typename Record>
-Record placed(const Record& type, const Leaf& leaf) {
+Record placed(const Description& description, const Record& type, const Leaf& leaf) {
     Record record = type;
     record.name = leaf.name;
-    if (record.longIdentifier.empty()) record.longIdentifier = leaf.instance->longIdentifier;
+    if (record.longIdentifier.empty())
+        record.longIdentifier = description.details(*leaf.instance).longIdentifier;
     record.readOnly = record.readOnly || leaf.instance->readOnly;
     if constexpr (requires { record.access; }) {
         if (!forbidsWriting(record.access)) record.access = leaf.instance->access;
@@ -73,7 +74,7 @@ struct LeafBuilder {
     std::size_t referencesLeft;
 
     Result<Object> operator()(const Measurement* type) const {
-        Measurement record = placed(*type, leaf);
+        Measurement record = placed(description, *type, leaf);
         record.ecuAddress = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         record.hasAddress = description.findTypeDependency(type->name) == nullptr;  // else virtual
@@ -84,7 +85,7 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const Characteristic* type) const {
-        Characteristic record = placed(*type, leaf);
+        Characteristic record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         std::vector<std::string> references;
@@ -100,7 +101,7 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const AxisPoints* type) const {
-        AxisPoints record = placed(*type, leaf);
+        AxisPoints record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         for (const Overwrite* overwrite : leaf.overwrites)
@@ -109,7 +110,7 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const Blob* type) const {
-        Blob record = placed(*type, leaf);
+        Blob record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         auto built = buildBlob(record);

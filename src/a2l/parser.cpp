@@ -32,9 +32,10 @@ std::uint32_t readCalibrationOffset(const Block& block, std::size_t index) {
 
 Parser::Parser(const SourceLines* lines)
     : shared_(description_.store_->texts),
-      modelStore_{description_.store_->texts,  shared_,
-                  description_.store_->events, description_.store_->dimensions,
-                  description_.store_->maps,   description_.store_->overwrites},
+      modelStore_{description_.store_->texts,         shared_,
+                  description_.store_->events,        description_.store_->dimensions,
+                  description_.store_->maps,          description_.store_->overwrites,
+                  description_.store_->instanceTypes, description_.store_->instanceDetails},
       diagnostics_(lines) {}
 
 Parser::Kind Parser::kindOf(std::string_view keyword) {

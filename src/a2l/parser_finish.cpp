@@ -106,7 +106,7 @@ void Parser::addLeafDependencies() {
     modelStore_.hasQuotes = false;
     for (std::size_t i = 0; i < d.instances.size(); ++i) {
         const Instance& instance = d.instances[i];
-        if (!isComputed(d, instance.typeName)) continue;
+        if (!isComputed(d, d.typeName(instance))) continue;
         walkLeaves(d, instance, [&](const Result<Leaf>& leaf) {
             if (leaf) add(leaf.value());
             return ++walked < kMost;
@@ -161,9 +161,11 @@ void Parser::tellNamesInCommon() {
 void Parser::tellInstancesWithoutType() {
     const auto& instances = description_.instances;
     for (std::size_t i = 0; i < instances.size(); ++i) {
-        if (!std::holds_alternative<std::monostate>(findType(description_, instances[i].typeName))) continue;
+        if (!std::holds_alternative<std::monostate>(
+                findType(description_, description_.typeName(instances[i]))))
+            continue;
         diagnostics_.skipped("INSTANCE", instances[i].name, instanceLines_[i],
-                             "type '" + std::string(instances[i].typeName) + "' not found");
+                             "type '" + std::string(description_.typeName(instances[i])) + "' not found");
     }
 }
 

@@ -257,7 +257,8 @@ std::uint32_t pointsOf(const Description& description, const std::string& axis) 
     Way way(description, *instance);
     way.typeOnly = true;
     const std::string_view rest = std::string_view(axis).substr(instance->name.size());
-    const auto leaf = descend(std::move(way), instance->typeName, instance->extent, rest);
+    const auto leaf =
+        descend(std::move(way), description.typeName(*instance), description.details(*instance).extent, rest);
     const auto* points = leaf ? std::get_if<const AxisPoints*>(&leaf.value().record) : nullptr;
     return points == nullptr ? 0 : (*points)->maxAxisPoints;
 }
@@ -321,17 +322,19 @@ Result<Leaf> findLeaf(const Description& description, std::string_view name) {
     const Instance* instance = instanceOf(description, name);
     if (instance == nullptr)
         return Error{ErrorCode::notFound, "'" + std::string(name) + "' is not part of an INSTANCE"};
-    return descend(Way(description, *instance), instance->typeName, instance->extent,
-                   name.substr(instance->name.size()));
+    return descend(Way(description, *instance), description.typeName(*instance),
+                   description.details(*instance).extent, name.substr(instance->name.size()));
 }
 
 std::uint64_t leafCount(const Description& description, const Instance& instance) {
-    return countLeaves(description, findType(description, instance.typeName), instance.extent);
+    return countLeaves(description, findType(description, description.typeName(instance)),
+                       description.details(instance).extent);
 }
 
 void walkLeaves(const Description& description, const Instance& instance,
                 const std::function<bool(Result<Leaf>)>& use) {
-    Walker(use).walk(Way(description, instance), instance.typeName, instance.extent);
+    Walker(use).walk(Way(description, instance), description.typeName(instance),
+                     description.details(instance).extent);
 }
 
 std::string resolveReference(const Leaf& leaf, std::string_view reference) {

@@ -68,19 +68,24 @@ struct Overwrite {
     std::optional<std::pair<double, double>> extendedLimits;
 };
 
-/// INSTANCE.
-struct Instance {
-    std::string_view name;
+/// What few instances have: kept apart, as files have hundreds of thousands of them.
+struct InstanceDetails {
     std::string_view longIdentifier;
-    std::string_view typeName;
-    std::uint32_t address = 0;
     std::uint32_t firstOverwrite = 0;  ///< in the description's pool
     std::uint16_t overwriteCount = 0;
+    Extent extent;
+};
+
+/// INSTANCE. The description has the name of its type and its details.
+struct Instance {
+    std::string_view name;
+    std::uint32_t type = 0;     ///< in the description's pool
+    std::uint32_t details = 0;  ///< in the description's pool, of which the first has none
+    std::uint32_t address = 0;
     std::uint8_t addressExtension = 0;
     CalibrationAccess access = CalibrationAccess::notGiven;
     bool readOnly = false;   ///< READ_ONLY, or an `access` that forbids to write
     bool readWrite = false;  ///< READ_WRITE
-    Extent extent;
 };
 
 }  // namespace lm::a2l
