@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "a2l/object_error.h"
 #include "value/typed_text.h"
 
 namespace lm::a2l {
