@@ -28,11 +28,15 @@ void overwriteAxis(auto& axis, const Overwrite& overwrite) {
 
 /// The record as an object of its own. Its texts are the leaf's.
 template <typename Record>
-Record placed(const Record& type, const Leaf& leaf) {
+Record placed(const Description& description, const Record& type, const Leaf& leaf) {
     Record record = type;
     record.name = leaf.name;
-    if (record.longIdentifier.empty()) record.longIdentifier = leaf.instance->longIdentifier;
+    if (record.longIdentifier.empty())
+        record.longIdentifier = description.details(*leaf.instance).longIdentifier;
     record.readOnly = record.readOnly || leaf.instance->readOnly;
+    if constexpr (requires { record.access; }) {
+        if (!forbidsWriting(record.access)) record.access = leaf.instance->access;
+    }
     return record;
 }
 
@@ -70,10 +74,10 @@ struct LeafBuilder {
     std::size_t referencesLeft;
 
     Result<Object> operator()(const Measurement* type) const {
-        Measurement record = placed(*type, leaf);
+        Measurement record = placed(description, *type, leaf);
         record.ecuAddress = leaf.address.address;
         record.addressExtension = leaf.address.extension;
-        record.hasAddress = true;
+        record.hasAddress = description.findTypeDependency(type->name) == nullptr;  // else virtual
         record.readWrite = record.readWrite || leaf.instance->readWrite;
         for (const Overwrite* overwrite : leaf.overwrites)
             if (overwrite->axis == 0) overwriteValues(record, *overwrite);
@@ -81,7 +85,7 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const Characteristic* type) const {
-        Characteristic record = placed(*type, leaf);
+        Characteristic record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         std::vector<std::string> references;
@@ -97,7 +101,7 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const AxisPoints* type) const {
-        AxisPoints record = placed(*type, leaf);
+        AxisPoints record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         for (const Overwrite* overwrite : leaf.overwrites)
@@ -106,7 +110,7 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const Blob* type) const {
-        Blob record = placed(*type, leaf);
+        Blob record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         auto built = buildBlob(record);
@@ -130,6 +134,7 @@ Result<Object> buildBlob(const Blob& blob) {
     object.kind = ObjectKind::blob;
     object.type = CharacteristicType::valBlk;
     object.writable = !blob.readOnly;
+    object.access = blob.access;
     object.dimensions = {blob.size};
     object.first.name = blob.name;
     object.first.address = {blob.address, blob.addressExtension};

@@ -19,6 +19,7 @@ enum class Word : std::uint8_t {
     arraySize,
     bitMask,
     byteOrder,
+    calibrationAccess,
     deposit,
     displayIdentifier,
     ecuAddress,
@@ -70,7 +71,7 @@ constexpr std::array kCharacteristicKeywords = {
     Keyword{"MATRIX_DIM", 0, Word::matrixDim},
     Keyword{"NUMBER", 1, Word::number},
     Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-    Keyword{"CALIBRATION_ACCESS", 1, Word::other},
+    Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
     Keyword{"COMPARISON_QUANTITY", 1, Word::other},
     Keyword{"ENCODING", 1, Word::encoding},
     Keyword{"MAX_REFRESH", 2, Word::other},
@@ -91,7 +92,7 @@ constexpr std::array kAxisPointsKeywords = {
     Keyword{"DISPLAY_IDENTIFIER", 1, Word::displayIdentifier},
     Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::ecuAddressExtension},
     Keyword{"SYMBOL_LINK", 2, Word::other},
-    Keyword{"CALIBRATION_ACCESS", 1, Word::other},
+    Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
     Keyword{"EXTENDED_LIMITS", 2, Word::other},
     Keyword{"MODEL_LINK", 1, Word::other},
     Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
@@ -193,6 +194,12 @@ void readCommon(Object& object, Word word, const Block& block, std::size_t value
             break;
         case Word::byteOrder:
             readObjectByteOrder(object, block, value);
+            break;
+        case Word::calibrationAccess:
+            if constexpr (requires { object.access; }) {
+                object.access = calibrationAccessFromName(readIdentifier(block, value, "CALIBRATION_ACCESS"));
+                object.readOnly = object.readOnly || forbidsWriting(object.access);
+            }
             break;
         case Word::guardRails:
             if constexpr (requires { object.guardRails; }) object.guardRails = true;

@@ -130,6 +130,28 @@ TEST(Structures, AreWalkedInOrderAndAsFarAsAsked) {
     EXPECT_EQ(same, leafCount(d, *d.findInstance("t")));
 }
 
+TEST(Structures, LeavesAreComputedAsTheirTypesSay) {
+    const Description d = parsed(R"(
+/begin TYPEDEF_MEASUREMENT m "" UWORD NO_COMPU_METHOD 0 0 0 9 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_CHARACTERISTIC dep "" VALUE L 0 NO_COMPU_METHOD 0 9
+  /begin DEPENDENT_CHARACTERISTIC "X1+X2" THIS.a other /end DEPENDENT_CHARACTERISTIC /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_MEASUREMENT virt "" UWORD NO_COMPU_METHOD 0 0 0 9 /begin VIRTUAL THIS.k[1] /end VIRTUAL /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_STRUCTURE S "" 8 /begin STRUCTURE_COMPONENT a m 0 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT k dep 2 MATRIX_DIM 2 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT v virt 6 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
+/begin INSTANCE s "" S 0 MATRIX_DIM 2 /end INSTANCE)");
+    std::string text;
+    for (const std::string_view name : {"s[1].k", "s[1].k[0]", "s[1].v", "s[1].a"}) {
+        const Dependency* found = d.findDependency(name);
+        if (found == nullptr) continue;
+        text += fmt::format("{} = f({}); ", found->name, fmt::join(d.sources(*found), ", "));
+        EXPECT_TRUE(formulaOf(d, *found).ok()) << name;
+    }
+    EXPECT_EQ(text, "s[1].k = f(s[1].a, other); s[1].k = f(s[1].a, other); s[1].v = f(s[1].k[1]); ");
+    const std::string_view changed = "s[0].a";
+    EXPECT_EQ(dependentsOf(d, std::span(&changed, 1)).value().front()->name, "s[0].k");
+}
+
 // 64 structures, each of two of the next: too many leaves to count, and none of them made.
 TEST(Structures, BombsAreHarmless) {
     std::string content =
