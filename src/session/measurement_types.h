@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "session/medium.h"
+#include "session/signal_elements.h"
 #include "value/element.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/daq_plan.h"
@@ -35,12 +36,15 @@ struct MeasurementPlan {
     std::vector<PlannedSignal> planned;  ///< in the order asked for, repetitions included
     xcp::DaqPlan daq;                    ///< lists in ascending event order
     std::vector<std::string> warnings;   ///< of patterns that left something out
+    std::vector<PlaceBytes> placedBy;    ///< must still hold after a reconnection
 };
 
 struct MeasurementOptions {
-    std::vector<std::string> signals;       ///< see chooseSignals(); empty: the configuration's list
-    std::filesystem::path recordDirectory;  ///< empty: no recording
-    xcp::IDaqRecordSink* sink = nullptr;    ///< gets every record; may be null
+    std::vector<std::string> signals;         ///< see chooseSignals(); empty: the configuration's list
+    std::vector<std::string> groups = {};     ///< patterns take only what lies in them
+    std::vector<std::string> functions = {};  ///< or in these; without signals all measurements there
+    std::filesystem::path recordDirectory;    ///< empty: no recording
+    xcp::IDaqRecordSink* sink = nullptr;      ///< gets every record; may be null
     /// Called once with the plan before the first record can arrive. The plan lives until the measurement is
     /// stopped.
     std::function<void(const MeasurementPlan&)> onPlanned = {};

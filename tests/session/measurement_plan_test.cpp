@@ -31,7 +31,7 @@ class MeasurementPlanTest : public ::testing::Test {
     }
 
     Result<MeasurementPlan> plan(const std::vector<std::string>& signalTexts) const {
-        return planMeasurement(description_, signalTexts, daq_, capabilities_, connection_);
+        return planMeasurement({description_, capabilities_}, signalTexts, daq_, connection_);
     }
     MeasurementPlan planned() const {
         return std::move(plan({"load@1", "speed", "speed@1", "speed@1"})).value();
@@ -109,7 +109,7 @@ TEST_F(MeasurementPlanTest, SignalsAreChosenByPatternAndEventName) {
     for (const auto& row : rows) {
         daq_.defaultEvent = row.bare;
         const auto result =
-            planMeasurement(description_, row.texts, daq_, capabilities_, connection_, row.recorded);
+            planMeasurement({description_, capabilities_}, row.texts, daq_, connection_, row.recorded);
         std::string text = result.ok() ? "" : result.error().text();
         if (result.ok()) {
             for (const PlannedSignal& signal : result.value().planned)
