@@ -151,6 +151,10 @@ std::string_view Description::nameOf(NameNumber number) const {
     return {};
 }
 
+std::span<const std::uint16_t> Description::events(const Instance& instance) const {
+    return std::span(store_->events).subspan(instance.firstEvent, instance.eventCount);
+}
+
 std::span<const std::uint16_t> Description::events(const Measurement& measurement) const {
     return std::span(store_->events).subspan(measurement.firstEvent, measurement.eventCount);
 }

@@ -66,6 +66,11 @@ struct LeafBuilder {
         record.addressExtension = leaf.address.extension;
         record.hasAddress = true;
         record.readWrite = record.readWrite || leaf.instance->readWrite;
+        if (record.eventCount == 0) {  // events of the type itself are nearer
+            record.firstEvent = leaf.instance->firstEvent;
+            record.eventCount = leaf.instance->eventCount;
+            record.preferredEvent = leaf.instance->preferredEvent;
+        }
         for (const Overwrite* overwrite : leaf.overwrites)
             if (overwrite->axis == 0) overwriteValues(record, *overwrite);
         return withWay(description, leaf, buildMeasurement(description, record));

@@ -164,6 +164,10 @@ Instance readInstance(const Block& block, ModelStore& store) {
         readPlaced(instance, word, block, value);
         if (word == Word::readWrite) instance.readWrite = true;
     });
+    const EventRange events = readEvents(block, store);
+    instance.firstEvent = events.first;
+    instance.eventCount = events.count;
+    instance.preferredEvent = events.preferred;
     instance.firstOverwrite = static_cast<std::uint32_t>(store.overwrites.size());
     for (const Block& child : block.children()) {
         if (child.keyword != "OVERWRITE") continue;

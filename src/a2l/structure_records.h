@@ -71,7 +71,10 @@ struct Instance {
     std::string_view typeName;
     std::uint32_t address = 0;
     std::uint32_t firstOverwrite = 0;  ///< in the description's pool
+    std::uint32_t firstEvent = 0;      ///< in the description's pool: those of all measurements in it
     std::uint16_t overwriteCount = 0;
+    std::uint16_t eventCount = 0;
+    std::uint16_t preferredEvent = 0;  ///< which of them is to be taken first
     std::uint8_t addressExtension = 0;
     bool readOnly = false;   ///< READ_ONLY, or a CALIBRATION_ACCESS that forbids to write
     bool readWrite = false;  ///< READ_WRITE
