@@ -256,6 +256,7 @@ class Matcher {
 
     void takeLeaves(const a2l::Instance& instance) {
         a2l::walkLeaves(description_, instance, [this](const Result<a2l::Leaf>& found) {
+            if (stopRequested()) return false;
             if (!found) return true;
             const a2l::Leaf& leaf = found.value();
             const bool matches = filter_.matches(leaf.name);
@@ -264,7 +265,7 @@ class Matcher {
             if (!isWanted(row)) return true;
             take_(row);
             ++count_;
-            return !stopRequested();
+            return true;
         });
     }
 

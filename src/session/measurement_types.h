@@ -40,17 +40,17 @@ struct MeasurementPlan {
 };
 
 struct MeasurementOptions {
-    std::vector<std::string> signals;         ///< see chooseSignals(); empty: the configuration's list
-    std::vector<std::string> groups = {};     ///< patterns take only what lies in them
-    std::vector<std::string> functions = {};  ///< or in these; without signals all measurements there
-    std::filesystem::path recordDirectory;    ///< empty: no recording
-    xcp::IDaqRecordSink* sink = nullptr;      ///< gets every record; may be null
+    std::vector<std::string> signals;       ///< see chooseSignals(); empty: the configuration's list
+    std::filesystem::path recordDirectory;  ///< empty: no recording
+    xcp::IDaqRecordSink* sink = nullptr;    ///< gets every record; may be null
     /// Called once with the plan before the first record can arrive. The plan lives until the measurement is
     /// stopped.
     std::function<void(const MeasurementPlan&)> onPlanned = {};
     /// How long it is meant to last, 0: open. It tells whether the disk holds the recording, and ends
     /// nothing.
     std::chrono::duration<double> duration{0};
+    std::vector<std::string> groups = {};     ///< patterns take only what lies in them
+    std::vector<std::string> functions = {};  ///< or in these; without signals all measurements there
 };
 
 struct PlanSummary {

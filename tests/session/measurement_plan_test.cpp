@@ -152,5 +152,15 @@ TEST_F(MeasurementPlanTest, AnEcuThatCameBackDifferentIsRefused) {
     EXPECT_TRUE(checkPlanFits(result.daq, capabilities_, connection_).ok()) << "more room does no harm";
 }
 
+TEST_F(MeasurementPlanTest, AnObjectThatMovedIsNoticed) {
+    std::vector<std::uint8_t> memory = {7, 0};
+    const a2l::ReadMemory read = [&](xcp::Address, std::size_t) { return Result(memory); };
+    const std::vector<PlaceBytes> placedBy = {{"curve", {0x500}, memory}};
+    EXPECT_TRUE(checkPlaces(placedBy, read).ok());
+    memory[0] = 8;
+    EXPECT_EQ(checkPlaces(placedBy, read).error().text(),
+              "the ECU came back with another place or size of curve");
+}
+
 }  // namespace
 }  // namespace lm::session
