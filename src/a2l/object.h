@@ -67,7 +67,7 @@ struct Object {
     bool writable = false;    ///< characteristic: not READ_ONLY; measurement: READ_WRITE
     bool guardRails = false;  ///< the outermost values are made of their neighbours
     TextEncoding encoding = TextEncoding::notGiven;
-    std::vector<std::uint16_t> events;  ///< event channels the A2L names for a measurement
+    std::vector<std::uint16_t> events;            ///< event channels the A2L names for a measurement
     std::optional<std::uint16_t> preferredEvent;  ///< of them: a fixed one, else a default, else an available
     /// Elements along X, Y, ...: all there can be. None for a scalar.
     std::vector<std::uint32_t> dimensions;
@@ -90,7 +90,7 @@ struct Object {
 /// CHARACTERISTIC", "NAME: REASON".
 Result<Object> findObject(const Description& description, std::string_view name);
 
-// The scalar view: one number to an object, as a double where it is read or written.
+// The scalar view: one number to an object.
 
 /// An object of one element whose place the A2L tells. Errors as findObject(), and (notFound) "NAME: arrays
 /// are not supported yet", "NAME: only scalar (VALUE) parameters are supported yet" and the like.

@@ -1,4 +1,5 @@
 #include "a2l/object.h"
+#include "a2l/object_error.h"
 
 #include <map>
 #include <string>
