@@ -58,6 +58,15 @@ class Sum {
     double number_ = 0;
 };
 
+/// The way of an axis that may go either: that of its points that stay; when none tells, that of its ends.
+bool goesUp(std::span<const value::Value> points, const std::vector<bool>& isChanged) {
+    for (std::size_t i = 1; i < points.size(); ++i) {
+        const auto step = compare(points[i - 1], points[i]);
+        if (!isChanged[i] && !isChanged[i - 1] && std::is_neq(step)) return std::is_lt(step);
+    }
+    return std::is_lteq(compare(points.front(), points.back()));
+}
+
 }  // namespace
 
 std::vector<double> rescaledPoints(std::span<const double> pairs, std::uint32_t count) {
@@ -83,8 +92,7 @@ std::vector<double> rescaledPoints(std::span<const double> pairs, std::uint32_t 
 std::size_t brokenMonotony(std::span<const value::Value> points, Monotony monotony,
                            const std::vector<bool>& isChanged) {
     if (points.size() < 2) return points.size();
-    // The ends of an axis say which way it goes.
-    const bool up = std::is_lteq(compare(points.front(), points.back()));
+    const bool up = goesUp(points, isChanged);
     for (std::size_t i = 1; i < points.size(); ++i) {
         const bool concerned = isChanged[i] || isChanged[i - 1];
         if (concerned && !isAllowed(compare(points[i - 1], points[i]), monotony, up)) return i;

@@ -36,12 +36,21 @@ Record placed(const Record& type, const Leaf& leaf) {
     return record;
 }
 
+/// A structure has no byte order of its own: its pointers have that of the file, whatever they lead to.
+std::vector<PointerHop> hopsOf(const Description& description, const Leaf& leaf) {
+    std::vector<PointerHop> hops = leaf.hops;
+    for (PointerHop& hop : hops)
+        hop.byteOrder = description.byteOrder.value_or(ByteOrder::littleEndian);
+    return hops;
+}
+
 /// Pointers on the way, and the numbers that are not in the name.
 Result<Object> withWay(const Description& description, const Leaf& leaf, Result<Object> built) {
     if (!built) return built;
     Object& object = built.value();
     object.assumptions.add(leaf.assumptions);
-    object.hops.insert(object.hops.begin(), leaf.hops.begin(), leaf.hops.end());
+    const std::vector<PointerHop> hops = hopsOf(description, leaf);
+    object.hops.insert(object.hops.begin(), hops.begin(), hops.end());
     object.record.nearPointerOffset = description.defaults.calibrationOffset;
     object.assumptions.add(leaf.assumptions);
     if (leaf.dimensions.empty()) return built;
@@ -106,7 +115,7 @@ struct LeafBuilder {
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         auto built = buildBlob(record);
-        if (built) built.value().hops = leaf.hops;
+        if (built) built.value().hops = hopsOf(description, leaf);
         return built;
     }
 };

@@ -27,8 +27,9 @@ Result<void> encodeAt(MemoryImage& image, const value::Element& element, const v
 /// The raw value of a point that need not fit the type of the steps.
 Result<value::Value> wideRaw(value::Element element, const value::Value& physical) {
     element.coding.byteOrder = ByteOrder::littleEndian;
-    element.coding.dataType =
-        value::isFloat(element.coding.dataType) ? value::DataType::float64 : value::DataType::int64;
+    value::DataType& type = element.coding.dataType;
+    if (type != value::DataType::uint64)
+        type = value::isFloat(type) ? value::DataType::float64 : value::DataType::int64;
     std::array<std::uint8_t, sizeof(std::uint64_t)> bytes{};
     if (auto encoded = value::encodePhysical(element, physical, bytes); !encoded) return encoded.error();
     return value::rawValue(element, bytes.data());

@@ -55,7 +55,8 @@ class Placer {
         return {ErrorCode::invalidArgument, object_->name + ": " + what};
     }
     const Record& record() const { return object_->record; }
-    Result<std::uint64_t> readPointer(std::span<const std::uint8_t> bytes) const;
+    Result<std::uint64_t> readPointer(std::span<const std::uint8_t> bytes,
+                                      std::optional<ByteOrder> order = {}) const;
     Result<void> followHops();
     Result<PlacedObject> placeMaps();
     Result<PlacedObject> placePlain();
@@ -92,9 +93,11 @@ class Placer {
     std::vector<Slot> slots_;
 };
 
-Result<std::uint64_t> Placer::readPointer(std::span<const std::uint8_t> bytes) const {
+Result<std::uint64_t> Placer::readPointer(std::span<const std::uint8_t> bytes,
+                                          std::optional<ByteOrder> order) const {
     constexpr std::size_t kAddressSize = 4;
-    std::uint64_t target = readSized(bytes.data(), bytes.size(), object_->first.coding.byteOrder);
+    std::uint64_t target =
+        readSized(bytes.data(), bytes.size(), order.value_or(object_->first.coding.byteOrder));
     if (bytes.size() < kAddressSize) target = (target + record().nearPointerOffset) & 0xFFFFFFFFU;
     if (target > 0xFFFFFFFFU) return fault("a pointer leads beyond the last address");
     return target;
@@ -105,7 +108,7 @@ Result<void> Placer::followHops() {
         const auto bytes = read_(base_, hop.size);
         if (!bytes) return bytes.error();
         if (bytes.value().size() != hop.size) return fault("a pointer could not be read");
-        const auto target = readPointer(bytes.value());
+        const auto target = readPointer(bytes.value(), hop.byteOrder);
         if (!target) return target.error();
         if (target.value() + hop.offset > 0xFFFFFFFFU)
             return fault("a pointer leads beyond the last address");

@@ -59,12 +59,18 @@ A pattern with * or ? is the whole name.)",
     {"get", "Read values by name",
      R"(  xcplumo-cli -c demo.json get engine_speed
   xcplumo-cli -c demo.json get engine_speed gear cal_gain --exact
-  xcplumo-cli -c demo.json get engine_speed --json)",
+  xcplumo-cli -c demo.json get engine_speed --json
+  xcplumo-cli -c demo.json get cal_ignition_map "cal_ignition_map[2][3]" "engine.*"
+  xcplumo-cli -c demo.json get cal_ignition_map cal_torque_curve --plot)",
      Needs::connection, Form::json, make<GetCommand>},
     {"set", "Write parameters: NAME=VALUE (number or verbal text)",
      R"(  xcplumo-cli -c demo.json set cal_gain=1.5
   xcplumo-cli -c demo.json set cal_idle_speed=0x3B6 "cal_injector=test mode"
-  xcplumo-cli -c demo.json set -m throttle=20)",
+  xcplumo-cli -c demo.json set -m throttle=20
+  xcplumo-cli -c demo.json set "cal_ignition_map[2][3]=12" "cal_torque_curve.x[1]=12"
+  xcplumo-cli -c demo.json set "cal_gains=[1,2,3,4,5,6]" "cal_offsets[*]=0" cal_vin=WDB123
+  xcplumo-cli -c demo.json set cal_ignition_map=@map.csv
+With a list or a file the order is that of docs/values.md: a line of a CSV file holds all of X.)",
      Needs::connection, Form::json, make<SetCommand>},
     {"measure", "DAQ measurement with optional recording",
      R"(  xcplumo-cli -c demo.json measure

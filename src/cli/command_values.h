@@ -16,7 +16,8 @@ namespace lm::cli {
 /// NAME=VALUE cut at the first '='; none when there is no '=' or nothing before it.
 std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std::string_view text);
 
-/// Prints one line per scalar and a table per curve or map; a failure does not stop the rest, a stop request and a failed output do.
+/// Prints one line per scalar and a table per curve or map; a failure does not stop the rest, a stop request
+/// and a failed output do.
 class GetCommand final : public ICommand {
   public:
     void addOptions(CLI::App& app) override;

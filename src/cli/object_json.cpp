@@ -39,16 +39,14 @@ void writeValues(JsonWriter& json, const a2l::ObjectContent& content, value::Num
     const a2l::PlacedObject& placed = content.placed;
     const auto& dimensions = placed.dimensions();
     const std::vector<value::Value> raw = rawValues(content);
-    writeNested(json.key("raw"), dimensions, [&](std::size_t number) {
-        writeRaw(json, placed.element(number), raw[number]);
-    });
+    writeNested(json.key("raw"), dimensions,
+                [&](std::size_t number) { writeRaw(json, placed.element(number), raw[number]); });
     if (placed.object().isText()) {
         json.member("physical", content.text());
         return json.member("text", content.text());
     }
-    writeNested(json.key("physical"), dimensions, [&](std::size_t number) {
-        writePhysical(json, placed.element(number), raw[number]);
-    });
+    writeNested(json.key("physical"), dimensions,
+                [&](std::size_t number) { writePhysical(json, placed.element(number), raw[number]); });
     writeNested(json.key("text"), dimensions, [&](std::size_t number) {
         json.value(shownText(placed.element(number), content.physical(number), style));
     });
@@ -57,7 +55,7 @@ void writeValues(JsonWriter& json, const a2l::ObjectContent& content, value::Num
 std::vector<value::Value> rawPoints(const a2l::ObjectContent& content, std::size_t number) {
     const a2l::PlacedAxis& axis = content.placed.axes()[number];
     std::vector<value::Value> points = content.points(number);
-    if (!axis.isStored() || axis.about().difference) return points;
+    if (!axis.isStored() || axis.hasPairs() || axis.about().difference) return points;
     for (std::size_t i = 0; i < points.size(); ++i) {
         const value::Element element = axis.element(i);
         points[i] = value::wholeRaw(element, content.image.at(element.address, element.size()));
@@ -99,8 +97,7 @@ void writeObject(JsonWriter& json, const a2l::ObjectContent& content, value::Num
     writeValues(json, content, style);
     json.key("axes").beginArray();
     // Of AXIS_PTS the points are the values.
-    const std::size_t axes =
-        object.kind == a2l::ObjectKind::axisPoints ? 0 : content.placed.axes().size();
+    const std::size_t axes = object.kind == a2l::ObjectKind::axisPoints ? 0 : content.placed.axes().size();
     for (std::size_t i = 0; i < axes; ++i)
         writeAxis(json, content, i, style);
     json.endArray();

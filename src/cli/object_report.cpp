@@ -91,6 +91,8 @@ std::string heldText(const HeldObject& held, value::NumberStyle style) {
         const std::uint8_t* const bytes = held.content->image.at(element.address, element.size());
         return "the ECU now holds " + value::valueText(element, bytes, style);
     }
+    if (held.numbers.size() == 1 || (!held.content && held.numbers.empty()))
+        return "what the ECU now holds is not known";
     struct Part {
         HeldSpan::State state;
         const char* text;
@@ -105,7 +107,7 @@ std::string heldText(const HeldObject& held, value::NumberStyle style) {
         const std::string names = namesOf(held, part.state);
         if (!names.empty()) text += (text.empty() ? "" : "; ") + std::string(part.text) + names;
     }
-    return text.empty() ? "what the ECU now holds is not known" : text;
+    return text;
 }
 
 }  // namespace
@@ -113,7 +115,9 @@ std::string heldText(const HeldObject& held, value::NumberStyle style) {
 void ObjectReport::print(Output& output) const {
     if (!reading_) return output.appendValueLine(name_, "ERROR " + reading_.error().text());
     const session::ObjectReading& reading = reading_.value();
-    if (reading.whole) return printObject(output, name_, *reading.whole, style_);
+    // What was typed may have been a part of it.
+    if (reading.whole)
+        return printObject(output, reading.whole->placed.object().name, *reading.whole, style_);
     const bool isOne = reading.numbers.size() == 1;
     for (const NumberReading& number : reading.numbers) {
         output.appendValueLine(isOne ? name_ : number.element.name,

@@ -37,8 +37,8 @@ Result<std::vector<double>> Computation::numbersOf(std::string_view name) {
 
 Result<std::vector<double>> Computation::compute(const a2l::Dependency& dependency) {
     if (std::find(path_.begin(), path_.end(), dependency.name) != path_.end())
-        return refused(dependency, fmt::format("depends on itself: {} <- {}", fmt::join(path_, " <- "),
-                                               dependency.name));
+        return refused(dependency,
+                       fmt::format("depends on itself: {} <- {}", fmt::join(path_, " <- "), dependency.name));
     const auto formula = a2l::formulaOf(description_, dependency);
     if (!formula) return formula.error();
     path_.push_back(dependency.name);
@@ -56,9 +56,9 @@ Result<std::vector<double>> Computation::compute(const a2l::Dependency& dependen
     for (std::size_t i = 0; i < count; ++i) {
         for (std::size_t k = 0; k < sources.size(); ++k) {
             if (sources[k].size() != 1 && sources[k].size() != count) {
-                return refused(dependency, fmt::format("its source {} has {} elements, another one {}",
-                                                       description_.sources(dependency)[k],
-                                                       sources[k].size(), count));
+                return refused(dependency,
+                               fmt::format("its source {} has {} elements, another one {}",
+                                           description_.sources(dependency)[k], sources[k].size(), count));
             }
             arguments[k] = sources[k][sources[k].size() == 1 ? 0 : i];
         }

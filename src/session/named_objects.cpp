@@ -8,9 +8,9 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "a2l/conversion_builder.h"
+#include "session/byte_access.h"
 #include "session/dependents.h"
 #include "session/write_rights.h"
-#include "xcp/memory.h"
 
 namespace lm::session {
 namespace {
@@ -69,8 +69,8 @@ Result<value::Element> virtualElement(const a2l::Description& description, std::
         value::Element element;
         element.name = name;
         element.coding.dataType = value::DataType::float64;
-        element.conversion = std::make_shared<const value::Conversion>(value::Conversion::Identical(), format,
-                                                                       unit);
+        element.conversion =
+            std::make_shared<const value::Conversion>(value::Conversion::Identical(), format, unit);
         return element;
     };
     if (const a2l::Measurement* measurement = description.findMeasurement(name)) return made(*measurement);
@@ -107,11 +107,10 @@ HeldObject heldObject(const ObjectContent& before, const a2l::MemoryImage& wante
     }
     const auto take = [&](const value::Element& element) {
         const std::size_t size = element.size();
-        const auto span = std::find_if(spans.begin(), spans.end(), [&](const HeldSpan& one) {
-            return contains(one.span, element);
-        });
-        const bool differs = std::memcmp(before.image.at(element.address, size),
-                                         wanted.at(element.address, size), size) != 0;
+        const auto span = std::find_if(spans.begin(), spans.end(),
+                                       [&](const HeldSpan& one) { return contains(one.span, element); });
+        const bool differs =
+            std::memcmp(before.image.at(element.address, size), wanted.at(element.address, size), size) != 0;
         if (!differs || (span == spans.end() && !spans.empty())) return;
         held.numbers.push_back({element, spans.empty() ? HeldSpan::State::unknown : span->state});
     };
@@ -131,7 +130,9 @@ NamedObjects::NamedObjects(const a2l::Description& description, xcp::Master& mas
     : description_(description), master_(master), stop_(stop), access_(master, std::move(stop)) {}
 
 bool NamedObjects::isScalar(std::string_view name) const {
-    return a2l::findScalar(description_, name).ok() || !a2l::parseObjectName(description_, name).ok();
+    if (a2l::findScalar(description_, name).ok()) return true;
+    return name.find_first_of("*?") == std::string_view::npos &&
+           !a2l::parseObjectName(description_, name).ok();
 }
 
 bool NamedObjects::exists(std::string_view name) const {
@@ -145,6 +146,8 @@ bool NamedObjects::hasDependents(std::string_view name) const {
 
 Result<ObjectReading> NamedObjects::read(std::string_view text) {
     const auto name = a2l::parseObjectName(description_, text);
+    if (!name && text.find_first_of("*?") != std::string_view::npos)
+        return Error{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", text)};
     if (!name) return name.error();
     const a2l::Dependency* const dependency = virtualOf(description_, name.value().object);
     if (dependency != nullptr && name.value().isWhole()) return readVirtual(*dependency);
@@ -160,7 +163,7 @@ Result<ObjectReading> NamedObjects::read(std::string_view text) {
 /// Not more than the element, and what it takes to find it.
 Result<ObjectReading> NamedObjects::readElement(const ObjectName& name, const a2l::Object& object) {
     const a2l::ReadMemory memory = [this](xcp::Address address, std::size_t size) {
-        return master_.upload(address, size);
+        return uploadBytes(master_, address, size);
     };
     return xcp::inStep(master_, [&]() -> Result<ObjectReading> {
         const auto placed = a2l::place(object, memory);
@@ -168,7 +171,7 @@ Result<ObjectReading> NamedObjects::readElement(const ObjectName& name, const a2
         const auto chosen = chooseNumbers(name, placed.value());
         if (!chosen) return chosen.error();
         value::Element element = placed.value().element(chosen.value().numbers.front());
-        const auto bytes = master_.upload(element.address, element.size());
+        const auto bytes = uploadBytes(master_, element.address, element.size());
         if (!bytes) return bytes.error();
         ObjectReading reading;
         reading.numbers.push_back(numberOf(std::move(element), bytes.value().data()));
@@ -208,7 +211,8 @@ Result<a2l::Object> NamedObjects::writableObject(const WriteWish& wish, const Ob
     }
     auto object = a2l::findObject(description_, name.object);
     if (!object) return object;
-    if (auto allowed = checkWritable(object.value(), wish.allowMeasurements); !allowed) return allowed.error();
+    if (auto allowed = checkWritable(object.value(), wish.allowMeasurements); !allowed)
+        return allowed.error();
     return object;
 }
 
@@ -328,9 +332,8 @@ ObjectWriting NamedObjects::carryOut(const ObjectName& name, const std::vector<S
     ObjectWriting writing{Error{ErrorCode::closed, ""}};
     for (std::size_t i = 0; i < steps.size(); ++i) {
         const Step& step = steps[i];
-        auto outcome = access.write(step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> {
-            return step.wanted;
-        });
+        auto outcome = access.write(
+            step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> { return step.wanted; });
         if (!outcome.content) {
             writing.value = outcome.content.error();
             takeBack(steps, i + (outcome.held.empty() ? 0 : 1), writing);
@@ -350,13 +353,18 @@ void NamedObjects::takeBack(const std::vector<Step>& steps, std::size_t count, O
     ObjectAccess access(master_, StopToken());
     writing.dependents.clear();
     writing.restored = count > 0;
+    bool isSilent = false;
     for (std::size_t i = count; i-- > 0;) {
         const Step& step = steps[i];
-        auto outcome = access.write(step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> {
-            return step.before.image;
-        });
+        if (isSilent) {
+            writing.held.push_back(heldObject(step.before, step.wanted, {}));
+            continue;
+        }
+        auto outcome = access.write(
+            step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> { return step.before.image; });
         if (outcome.content) continue;
         writing.restored = false;
+        isSilent = outcome.content.error().code == ErrorCode::timeout;
         writing.held.push_back(heldObject(step.before, step.wanted, outcome.held));
     }
 }

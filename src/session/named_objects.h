@@ -76,14 +76,15 @@ class NamedObjects {
     NamedObjects(const a2l::Description& description, xcp::Master& master, StopToken stop);
 
     /// Whether a name is that of one number at a place that the A2L tells, which ValueAccess serves, or that
-    /// of nothing.
+    /// of nothing and no pattern either.
     bool isScalar(std::string_view name) const;
     /// Whether there is anything to read under a name.
     bool exists(std::string_view name) const;
     /// Whether other parameters depend on it, or that is not known for a circle.
     bool hasDependents(std::string_view name) const;
 
-    /// Errors: those of a2l::parseObjectName, a2l::findObject, ObjectAccess::read, Computation::compute.
+    /// Errors: those of a2l::parseObjectName, a2l::findObject, ObjectAccess::read, Computation::compute,
+    /// "'PATTERN' matches no name of the A2L".
     Result<ObjectReading> read(std::string_view name);
 
     /// Called with the parameters that will be written as well, before anything is.

@@ -47,9 +47,10 @@ Result<std::vector<std::string>> typedTexts(const a2l::ObjectName& name, const C
         return std::vector<std::string>(chosen.numbers.size(), std::string(text));
     Error error{ErrorCode::invalidArgument,
                 fmt::format("{}: '{}' is no list of its {} values", name.text, text, chosen.numbers.size())};
-    error.hint = fmt::format("{0}[*]={1} sets all of them, {0}{2}={1} one, {0}='[...]' or {0}=@FILE.csv each "
-                             "its own",
-                             name.text, text, a2l::indexText(0, chosen.dimensions));
+    error.hint = fmt::format(
+        "{0}[*]={1} sets all of them, {0}{2}={1} one, {0}='[...]' or {0}=@FILE.csv each "
+        "its own",
+        name.text, text, a2l::indexText(0, chosen.dimensions));
     return error;
 }
 
@@ -96,9 +97,8 @@ Result<std::vector<TypedChange>> typedChanges(const a2l::ObjectName& name, const
         value::Element element = elementOf(name, object, number);
         auto typed = value::parseText(element, texts.value()[i]);
         if (!typed) return typed.error();
-        changes.push_back({{name.axis, number, std::move(typed).value()},
-                           std::move(element),
-                           std::move(texts.value()[i])});
+        changes.push_back(
+            {{name.axis, number, std::move(typed).value()}, std::move(element), std::move(texts.value()[i])});
     }
     return changes;
 }

@@ -45,9 +45,7 @@ class ListReader {
     }
 
   private:
-    void skipBlanks() {
-        rest_.remove_prefix(std::min(rest_.find_first_not_of(kBlanks), rest_.size()));
-    }
+    void skipBlanks() { rest_.remove_prefix(std::min(rest_.find_first_not_of(kBlanks), rest_.size())); }
     bool take(char wanted) {
         skipBlanks();
         if (!rest_.starts_with(wanted)) return false;
@@ -180,7 +178,8 @@ Result<std::vector<std::string>> parseCsv(const std::string& file, std::string_v
     }
     if (texts.size() == all) return texts;
     const std::size_t needed = isColumn ? all : all / dimensions.front();
-    if (texts.size() > all) return refused(file, fmt::format("there are more lines than the {} needed", needed));
+    if (texts.size() > all)
+        return refused(file, fmt::format("there are more lines than the {} needed", needed));
     return refused(file, wrongCount(needed, lines, "lines"));
 }
 

@@ -86,7 +86,7 @@ class JsonTest(SystemTest):
         rows = [(info_text, ["info"]), (list_text, ["list"]), (list_text, ["list", "-p", "lim"]),
                 (recording_text, ["recording", "info", directory]), (check_text, ["recording", "check", directory]),
                 (check_text, ["recording", "check", damaged]),
-                (values_text, ["get", "cal_injector", "cal_uint64_lsb", "cal_lambda", "none", "cylinder_pressure"]),
+                (values_text, ["get", "cal_injector", "cal_uint64_lsb", "cal_lambda", "none", "cal_gains[9]"]),
                 (values_text, ["set", "--exact", "cal_lambda=0.85", "cal_uint64_lsb=0x1FFFFFFFFFFFFFFF", "cal_injector=test mode",
                                "cal_stubborn=1", "cal_limited=1,5"]),
                 (export_text, ["export", directory, "--force", "-o", self.dir / "x.csv"])]
