@@ -7,13 +7,14 @@
 #include <spdlog/spdlog.h>
 
 #include "core/platform.h"
+#include "session/byte_access.h"
 #include "session/measurement_plan.h"
 
 namespace lm::session {
 
 a2l::ReadMemory memoryReader(xcp::Master& master) {
     return [&master](xcp::Address address, std::size_t size) {
-        return xcp::inStep(master, [&] { return master.upload(address, size); });
+        return xcp::inStep(master, [&] { return uploadBytes(master, address, size); });
     };
 }
 

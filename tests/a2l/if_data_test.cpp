@@ -107,8 +107,9 @@ TEST(IfData, LeavesOutWhatItCannotRead) {
         {"XCP_ON_SxI 1", "missing baud rate"},
     };
     for (const auto& [text, problem] : rows) {
-        EXPECT_EQ(read(block("IF_DATA XCP " + block(text) + " /begin XCP_ON_TCP_IP 1 5555 /end XCP_ON_TCP_IP")),
-                  fmt::format("tcp\nskipped: {} (line 1): {}", text.substr(0, text.find(' ')), problem));
+        EXPECT_EQ(
+            read(block("IF_DATA XCP " + block(text) + " /begin XCP_ON_TCP_IP 1 5555 /end XCP_ON_TCP_IP")),
+            fmt::format("tcp\nskipped: {} (line 1): {}", text.substr(0, text.find(' ')), problem));
     }
     EXPECT_EQ(read(block("IF_DATA XCP /begin DAQ DYNAMIC\n/begin EVENT \"a\" 1 /end EVENT\n"
                          "/begin EVENT \"b\" \"\" 65536 /end EVENT\n/begin EVENT \"d\" \"\" 1 DAQ 1 0 6 0 "

@@ -118,7 +118,7 @@ class CommandLineTest(harness.SystemTest):
             self.assertEqual([line.split()[1] for line in listed(*arguments)][:1], names, arguments)
         for name, details in (("engine_speed", 'limits 0 to 16383.75, event 1, Intel, "'),
                               ("cal_curve", "limits 0 to 65535, 4 element(s), STD_AXIS over engine_speed, Intel"),
-                              ("cal_block", 'limits -32768 to 32767, 4 element(s), Intel, "Block of four values"')):
+                              ("cal_block", 'limits -32768 to 32767, 4 x 1 x 1 element(s), Intel, "Block of four values"')):
             done = self.run_plain("--a2l", a2l, "list", "-l", name)
             self.assertEqual((done.stdout.count("\n"), done.stderr), (2, "1 object(s)\n"))
             self.assertIn(f"\n     {details}", done.stdout)
