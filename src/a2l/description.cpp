@@ -172,6 +172,11 @@ std::string_view Description::nameOf(NameNumber number) const {
     return {};
 }
 
+std::span<const std::uint16_t> Description::events(const Instance& instance) const {
+    const InstanceDetails& own = details(instance);
+    return std::span(store_->events).subspan(own.firstEvent, own.eventCount);
+}
+
 std::span<const std::uint16_t> Description::events(const Measurement& measurement) const {
     return std::span(store_->events).subspan(measurement.firstEvent, measurement.eventCount);
 }

@@ -232,6 +232,8 @@ class Description {
 
     /// Event channels that the measurement's own XCP interface data names, in file order.
     std::span<const std::uint16_t> events(const Measurement& measurement) const;
+    /// Those of an instance, for the measurements in it that name none.
+    std::span<const std::uint16_t> events(const Instance& instance) const;
     /// The numbers of MATRIX_DIM as written, or the one of ARRAY_SIZE or NUMBER.
     std::span<const std::uint32_t> dimensions(PoolRange range) const;
     /// The names of a MAP_LIST.

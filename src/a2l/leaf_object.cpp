@@ -79,6 +79,12 @@ struct LeafBuilder {
         record.addressExtension = leaf.address.extension;
         record.hasAddress = description.findTypeDependency(type->name) == nullptr;  // else virtual
         record.readWrite = record.readWrite || leaf.instance->readWrite;
+        if (record.eventCount == 0) {  // events of the type itself are nearer
+            const InstanceDetails& own = description.details(*leaf.instance);
+            record.firstEvent = own.firstEvent;
+            record.eventCount = own.eventCount;
+            record.preferredEvent = own.preferredEvent;
+        }
         for (const Overwrite* overwrite : leaf.overwrites)
             if (overwrite->axis == 0) overwriteValues(record, *overwrite);
         return withWay(description, leaf, buildMeasurement(description, record));

@@ -251,6 +251,21 @@ std::string_view ModelStore::ownPlain(std::string_view text) {
     return texts.keep(withPlainQuotes(text));
 }
 
+EventRange readEvents(const Block& block, ModelStore& store) {
+    EventRange range;
+    range.first = static_cast<std::uint32_t>(store.events.size());
+    PreferredEvent preferred{store.events.size()};
+    for (const Block& child : block.children())
+        if (isXcpInterfaceData(child)) collectEvents(child, EventList::other, store.events, preferred);
+    const std::size_t count =
+        std::min<std::size_t>(store.events.size() - range.first, std::numeric_limits<std::uint16_t>::max());
+    store.events.resize(range.first + count);
+    range.count = static_cast<std::uint16_t>(count);
+    const std::size_t position = preferred.position - range.first;
+    if (position < count) range.preferred = static_cast<std::uint16_t>(position);
+    return range;
+}
+
 Measurement readMeasurement(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 8;
     Measurement object;
@@ -282,20 +297,15 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
     object.longIdentifier = store.own(longIdentifier);
     object.conversion = store.common(conversion);
 
-    object.firstEvent = static_cast<std::uint32_t>(store.events.size());
-    PreferredEvent preferred{store.events.size()};
+    const EventRange events = readEvents(block, store);
+    object.firstEvent = events.first;
+    object.eventCount = events.count;
+    object.preferredEvent = events.preferred;
     for (const Block& child : block.children()) {
-        if (isXcpInterfaceData(child)) collectEvents(child, EventList::other, store.events, preferred);
         // Computed by tools: an address of 0 is then no place in ECU memory.
         if (child.keyword == "VIRTUAL" && object.ecuAddress == 0) object.hasAddress = false;
         if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
     }
-    const std::size_t count = std::min<std::size_t>(store.events.size() - object.firstEvent,
-                                                    std::numeric_limits<std::uint16_t>::max());
-    store.events.resize(object.firstEvent + count);
-    object.eventCount = static_cast<std::uint16_t>(count);
-    const std::size_t position = preferred.position - object.firstEvent;
-    if (position < count) object.preferredEvent = static_cast<std::uint16_t>(position);
     return object;
 }
 

@@ -47,6 +47,14 @@ struct ModelStore {
 /// A TYPEDEF_... has no address among its arguments.
 enum class Placed : std::uint8_t { no, yes };
 
+/// Event channels of an object's interface data, in the description's pool; `preferred` is one of them.
+struct EventRange {
+    std::uint32_t first = 0;
+    std::uint16_t count = 0;
+    std::uint16_t preferred = 0;
+};
+EventRange readEvents(const Block& block, ModelStore& store);
+
 Measurement readMeasurement(const Block& block, ModelStore& store);
 Characteristic readCharacteristic(const Block& block, ModelStore& store, Placed placed = Placed::yes);
 AxisPoints readAxisPoints(const Block& block, ModelStore& store, Placed placed = Placed::yes);

@@ -174,6 +174,10 @@ Instance readInstance(const Block& block, ModelStore& store) {
         readPlaced(instance, word, block, value);
         if (word == Word::readWrite) instance.readWrite = true;
     });
+    const EventRange events = readEvents(block, store);
+    details.firstEvent = events.first;
+    details.eventCount = events.count;
+    details.preferredEvent = events.preferred;
     details.firstOverwrite = static_cast<std::uint32_t>(store.overwrites.size());
     for (const Block& child : block.children()) {
         if (child.keyword != "OVERWRITE") continue;
@@ -186,7 +190,8 @@ Instance readInstance(const Block& block, ModelStore& store) {
     instance.type = typeNumber(type, store);
     details.longIdentifier = store.own(longIdentifier);
     const Extent& extent = details.extent;
-    const bool isPlain = extent.count == 0 && extent.pointerSize == 0 && details.overwriteCount == 0;
+    const bool isPlain = extent.count == 0 && extent.pointerSize == 0 && details.overwriteCount == 0 &&
+                         details.eventCount == 0;
     if (isPlain && longIdentifier.empty()) return instance;
     instance.details = static_cast<std::uint32_t>(store.instanceDetails.size());
     store.instanceDetails.push_back(details);

@@ -72,7 +72,10 @@ struct Overwrite {
 struct InstanceDetails {
     std::string_view longIdentifier;
     std::uint32_t firstOverwrite = 0;  ///< in the description's pool
+    std::uint32_t firstEvent = 0;      ///< in the description's pool: those of all measurements in it
     std::uint16_t overwriteCount = 0;
+    std::uint16_t eventCount = 0;
+    std::uint16_t preferredEvent = 0;  ///< which of them is to be taken first
     Extent extent;
 };
 

@@ -52,6 +52,8 @@ constexpr CommandRow kCommands[] = {
   xcplumo-cli --a2l demo.a2l list -p cal_
   xcplumo-cli --a2l demo.a2l list -l "cal_*_limit"
   xcplumo-cli --a2l demo.a2l list -d injector
+  xcplumo-cli --a2l demo.a2l list "engine.cyl[1].*"
+  xcplumo-cli --a2l demo.a2l list --group Tables
 A pattern with * or ? is the whole name.)",
      Needs::configuration, Form::json, make<ListCommand>},
     {"get", "Read values by name",
@@ -73,6 +75,7 @@ With a list or a file the order is that of docs/values.md: a line of a CSV file 
     {"measure", "DAQ measurement with optional recording",
      R"(  xcplumo-cli -c demo.json measure
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r first
+  xcplumo-cli -c demo.json measure -s "engine.cyl[2].*" -s "cal_gains[1]" --event auto
   xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s engine_speed@cyclic_10ms
   xcplumo-cli -c demo.json measure --table
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
@@ -88,6 +91,7 @@ With --json -p is 1 when it is not given.)",
      Needs::configuration, Form::text, make<SaveConfigCommand>},
     {"describe", "All that the A2L says about one object (no connection)",
      R"(  xcplumo-cli --a2l demo.a2l describe engine_speed
+  xcplumo-cli --a2l demo.a2l describe "engine.cyl[1].temp"
   xcplumo-cli -c demo.json describe cal_curve --json)",
      Needs::configuration, Form::json, make<DescribeCommand>},
     {"recording", "Look at, check or repair a recording (no connection)",

@@ -1,5 +1,6 @@
 #include "a2l/structure.h"
 
+#include <chrono>
 #include <string>
 
 #include <fmt/format.h>
@@ -169,6 +170,29 @@ TEST(Structures, BombsAreHarmless) {
     EXPECT_EQ(shown(findLeaf(d, "i2.a[7].a[5].a")), "i2.a[7].a[5].a c:0 [1000000000]");
     EXPECT_EQ(shown(findLeaf(d, "i69.a[0]")), "i69: its structure contains itself or is nested too deep");
     ASSERT_EQ(d.warnings.size(), 6U);
+}
+
+// A bound that a search through all of them, or names made of all of them, would not hold.
+TEST(Structures, AmongManyInstancesALeafIsFoundAtOnce) {
+    std::string content =
+        R"(/begin TYPEDEF_MEASUREMENT m "" ULONG NO_COMPU_METHOD 0 0 0 1 /end TYPEDEF_MEASUREMENT
+        /begin TYPEDEF_STRUCTURE S "" 160 )";
+    for (int i = 0; i < 40; ++i)
+        content += fmt::format("/begin STRUCTURE_COMPONENT part{} m {} /end STRUCTURE_COMPONENT\n", i, 4 * i);
+    content += "/end TYPEDEF_STRUCTURE\n";
+    for (int i = 0; i < 50'000; ++i)
+        content += fmt::format("/begin INSTANCE unit_{} \"\" S {} /end INSTANCE\n", i, 160 * i);
+    const Description d = parsed(content);
+    constexpr int kSearches = 1000;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < kSearches; ++i) {
+        const auto leaf = findLeaf(d, fmt::format("unit_{}.part{}", 49'999 - i, i % 40));
+        ASSERT_EQ(leaf.value().address.address, 160U * (49'999U - i) + 4U * (i % 40U));
+    }
+    const std::chrono::duration<double, std::milli> each =
+        (std::chrono::steady_clock::now() - begin) / kSearches;
+    EXPECT_LT(each.count(), 1.0);
+    RecordProperty("microseconds", fmt::format("{:.2f}", each.count() * 1000));
 }
 
 }  // namespace

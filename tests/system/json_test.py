@@ -23,7 +23,7 @@ def list_text(told):
     def mark(o):
         return "  rw" * o["writable"] if o["kind"] == "measurement" else "  read-only" * (not o["writable"])
     return "".join(f"{o['kind'][0].upper()}  {o['name']:<50} "
-                   f"{o['type'] if o['kind'] == 'measurement' or o['type'] == 'VALUE' else 'CURVE/MAP...':<13} "
+                   f"{o['type'] if o['kind'] != 'parameter' or o['type'] == 'VALUE' else 'CURVE/MAP...':<13} "
                    f"{o['unit']:<8} 0x{o['address'] or 0:08X}{mark(o)}\n" for o in told["objects"])
 
 
