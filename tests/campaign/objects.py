@@ -16,8 +16,8 @@ import campaign
 import a2l_text
 import layouts
 from layouts import AXES, differences
-from random_structures import instances
 from random_layouts import BASE, DIMENSIONS, METHOD_TEXT, METHODS, MOST, Axis, Shape, Thing, World, is_monotonous
+from random_structures import instances
 from raw_master import RawMaster
 from value_coding import Conversion
 
@@ -192,7 +192,7 @@ class Deeds:
         new[at] = min(max(self.chance.choice(near), low), high)
         if whole:
             new = axis.random_points(self.chance, len(old), field)
-        steps = differences(new) if axis.difference else []
+        steps = differences(new) if axis.difference and field.whole else []
         allowed = is_monotonous(new, axis.monotony) and all(low <= s <= high for s in steps)
         if allowed:
             self.thing.points[which] = new
@@ -212,12 +212,14 @@ class Objects(campaign.Campaign):
         frame = a2l_text.module(METHOD_TEXT + "".join(world.blocks), 0.25)
         sim.a2l.write_text(world.text(frame), encoding="utf-8")
         used = world.next + 64
-        RawMaster(sim.port).write(BASE, bytes(world.memory[:used]))
+        with RawMaster(sim.port) as master:
+            master.write(BASE, bytes(world.memory[:used]))
         self.read_all(sim, world)
         self.write_some(sim, world, chance)
         self.read_all(sim, world)
         self.read_parts(sim, world, chance)
-        after = RawMaster(sim.port).read(BASE, used)
+        with RawMaster(sim.port) as master:
+            after = master.read(BASE, used)
         wrong = [at for at in range(used) if after[at] != world.memory[at]]
         owners = {thing.name for thing in world.things for at, _ in thing.places.values()
                   if any(at - BASE <= byte < at - BASE + 8 for byte in wrong)}
@@ -256,7 +258,7 @@ class Objects(campaign.Campaign):
         return "".join(block for block in world.blocks if any(f' {re.split("[.[]", name)[0]} ""' in block for name in names))[:3000]
 
     def answers(self, done, count):
-        result = json.loads(done.stdout, parse_float=Fraction)
+        result = json.loads(done.stdout.splitlines()[-1], parse_float=Fraction)
         self.assertEqual(len(result["values"]), count, done.stderr)
         return result["values"]
 

@@ -40,9 +40,10 @@ class World:
         frame = frame.replace("BYTE_ORDER MSB_LAST /end MOD_COMMON", common + " /end MOD_COMMON").replace("1 71", self.version, 1)
         return frame.replace("SYSTEM_CONSTANT", f"ECU_CALIBRATION_OFFSET {self.near:#x} SYSTEM_CONSTANT" if self.near else "SYSTEM_CONSTANT")
 
-    def take(self, size):
+    def take(self, size, aligned=False):
         """A free place for so many bytes, at any address."""
         begin = self.next + self.chance.randrange(9)
+        begin += -begin % 16 if aligned else 0
         self.next = begin + size
         if self.next > ROOM:
             raise AssertionError("the memory is too small")
@@ -87,6 +88,7 @@ class Axis:
             self.options = f"AXIS_PTS_REF {self.shared.name}"
             if kind == "COM_AXIS":
                 self.most, self.told = self.shared.axes[0].most, chance.choice((self.shared.axes[0].most, 77))
+                self.type = self.shared.axes[0].type
         elif kind == "FIX_AXIS":
             self.fix(chance)
         if self.method != "NO_COMPU_METHOD" and TYPES[self.type][0] == 8:
@@ -121,8 +123,8 @@ class Axis:
     def random_points(self, chance, count, field):
         """Logical points that the type can hold as they are stored."""
         low, high = field.bounds() if field.whole else (-400, 400)
-        if self.difference:
-            low, high = (low, high) if low == 0 else (low // 2, high // 2)
+        if self.difference:  # steps between negative points and positive ones; sums below 2^63
+            low, high = (0, min(high, 2 ** 62)) if low == 0 else (low // 2, high // 2)
         if chance.random() < 0.5:
             low, high = max(low, -50), min(high, 50)
         points = [chance.randint(low, high) for _ in range(count)]
@@ -172,10 +174,12 @@ class Shape:
         chance = self.chance
         if self.kind == "MEASUREMENT" and chance.random() < 0.3:
             return ()
+        least = 2 if self.kind == "MEASUREMENT" else 1  # an array of one is a scalar
         if self.world.version == "1 61":
             return chance.choice(((chance.randint(2, 30),), (chance.randint(1, 6), chance.randint(2, 6)),
                                   (chance.randint(1, 4), chance.randint(1, 4), chance.randint(2, 4))))
-        return tuple(chance.randint(1, 30 if count == 1 else 4) for count in [chance.randint(1, 5)] for _ in range(count))
+        count = chance.randint(1, 5)
+        return (chance.randint(least, 30 if count == 1 else 4), *(chance.randint(1, 4) for _ in range(count - 1)))
 
     def count_type(self, axis):
         whole = ("UBYTE", "UWORD", "ULONG", "SBYTE", "SWORD", "A_UINT64") if axis.order == self.order else ("UBYTE", "SBYTE")
@@ -204,7 +208,7 @@ class Shape:
             if axis.kind == "CURVE_AXIS":
                 axis.count = chance.choice(("memory", "fixed", "most"))
             if axis.count == "memory":
-                counts.append(((f"NO_AXIS_PTS_{name}", self.count_type(axis)), (f"AXIS_PTS_{name}", "FNC_VALUES")))
+                counts.append(((f"NO_AXIS_PTS_{name}", self.count_type(axis)), (f"AXIS_PTS_{name}", "FNC_VALUES", f"AXIS_PTS_{mode[-1:]}")))
             elif axis.count == "fixed":
                 axis.fixed = axis.most if static or self.kind == "AXIS_PTS" else chance.randint(1, axis.most)
                 tail += f" FIX_NO_AXIS_PTS_{name} {axis.fixed}"
@@ -285,7 +289,7 @@ class Thing:
         falling = shape.layout.falling() | {name for name, other in zip(AXES, self.shared)
                                             if other and other.shape.layout.falling()}
         targets = {row.keyword: world.target(row.address, self.content(row)) for row in shape.layout.rows if row.address != "DIRECT"}
-        self.address = world.take(self.room(shape)) if address is None else address
+        self.address = world.take(self.room(shape), shape.mode.startswith("ALTERNATE")) if address is None else address
         self.places, end = place(shape.layout, self.address, self.used, self.most, falling, targets)
         assert end <= self.address + self.room(shape)
         self.fill(targets)

@@ -14,9 +14,11 @@ class Component:
         self.of, self.offset, self.dims, self.pointed = of, offset, (), False
         self.single = of.size if isinstance(of, Structure) else Thing.room(of) if of.kind != "MEASUREMENT" else BORDERS[of.type][1]
         if isinstance(of, Structure) or of.kind == "MEASUREMENT":
-            self.dims = tuple(chance.randint(1, 3) for _ in range(chance.choice((0, 1, 1, 2))))
+            self.dims = tuple(chance.randint(1, 3) for _ in range(chance.choice((0, 1, 1, 2)) if self.single < 300 else 0))
         self.mode = chance.choice(("ROW_DIR", "COLUMN_DIR"))
-        self.pointed = not bare and not self.dims and chance.random() < 0.2
+        # A pointer belongs to the structure, so the module's byte order counts for it.
+        odd = not isinstance(of, Structure) and of.own_order not in ("", world.order)
+        self.pointed = not bare and not odd and not self.dims and chance.random() < 0.2
         self.count = len(list(in_memory_order(self.dims, "ROW_DIR")))
         self.size = 4 if self.pointed else self.count * self.single
 

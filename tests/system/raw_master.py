@@ -13,6 +13,12 @@ class RawMaster:
         self.counter = 0
         self.most = self.ask(b"\xff\x00")[3]
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
     def ask(self, packet):
         self.socket.send(struct.pack("<HH", len(packet), self.counter) + packet)
         self.counter = self.counter + 1 & 0xFFFF
