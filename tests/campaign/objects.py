@@ -58,8 +58,7 @@ def expected(thing):
     """What `get --json` must tell of a whole object."""
     shape, dims = thing.shape, thing.used
     if shape.kind == "ASCII":
-        data = bytes(thing.world.memory[at - BASE] for (what, _), (at, _) in sorted(thing.places.items()) if what == "W")
-        return {"type": "ASCII", "dimensions": list(dims), "physical": data.partition(b"\0")[0].decode("latin-1")}
+        return {"type": "ASCII", "physical": thing.text} | ({"dimensions": list(dims)} if shape.unit == 1 else {})
     axis = shape.kind == "AXIS_PTS"
     method, wide = (thing.axes[0].method if axis else shape.method), layouts.BORDERS[thing.axes[0].type if axis else shape.type][1] == 8
 
@@ -121,11 +120,8 @@ class Deeds:
         return self.chance.choice((self.element, self.element, self.whole, self.all, self.wrong))()
 
     def text(self):
-        size = self.shape.dims[0]
-        text = "".join(self.chance.choice("abcXYZ0189_-") for _ in range(self.chance.randint(1, size + 2)))
-        if len(text) <= size:
-            self.thing.put_text(text)
-        return f"{self.thing.name}={text}", len(text) <= size
+        text = self.thing.random_text() or "x"
+        return f"{self.thing.name}={text}", self.thing.put_text(text)
 
     def number(self):
         """A raw value to come, the text for it, and whether it may be written."""

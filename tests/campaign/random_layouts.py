@@ -10,6 +10,7 @@ METHOD_TEXT = "".join(f'/begin COMPU_METHOD {name} "" LINEAR "%9.2" "V" COEFFS_L
                       for name, factor in METHODS.items() if name != "NO_COMPU_METHOD")
 FILLERS = (("RESERVED", ("BYTE", "WORD", "LONG")), ("IDENTIFICATION", ("UWORD", "ULONG", "UBYTE")),
            ("RIP_ADDR_W", ("UWORD", "ULONG")), ("SRC_ADDR_X", ("UWORD", "ULONG")), ("RIP_ADDR_X", ("FLOAT32_IEEE", "ULONG")))
+CODECS = {"UTF8": ("utf-8", "utf-8"), "UTF16": ("utf-16-le", "utf-16-be"), "UTF32": ("utf-32-le", "utf-32-be")}
 MONOTONIES = {"up": ("", "STRICT_INCREASE", "MON_INCREASE", "STRICT_MON", "MONOTONOUS"),
               "down": ("", "STRICT_DECREASE", "MON_DECREASE", "STRICT_MON"), "any": ("", "NOT_MON")}
 
@@ -151,11 +152,13 @@ class Shape:
         width = 8 * TYPES[self.type][0]
         self.mask = (((1 << chance.randint(1, width)) - 1) << chance.randrange(width) & ((1 << width) - 1)
                      if whole and chance.random() < 0.2 else 0)
-        self.dims, self.encoding, self.pointer, self.layout = (), "", "DIRECT", None
+        self.dims, self.encoding, self.unit, self.pointer, self.layout = (), "", 1, "DIRECT", None
         if kind in ("VAL_BLK", "MEASUREMENT"):
             self.dims = self.random_dims()
         if kind == "ASCII":
-            self.dims = (chance.randint(1, 40),)
+            self.encoding = chance.choice(("", "", *CODECS)) if world.version == "1 71" else ""
+            self.unit = {"UTF16": 2, "UTF32": 4}.get(self.encoding, 1)
+            self.dims = (chance.randint(1, 40),) if self.unit == 1 else (4 * chance.randint(2, 10),)
         self.mode = chance.choice(("ROW_DIR", "COLUMN_DIR"))
         for axis in self.axes:
             if axis.stored or axis.form.endswith("_OP"):
@@ -258,6 +261,7 @@ class Shape:
         word = {"MEASUREMENT": "MEASUREMENT", "AXIS_PTS": "AXIS_PTS", "RESCALE": "AXIS_PTS"}.get(self.kind, "CHARACTERISTIC")
         place_word = "" if address is None else f"{address:#x} "
         options = (f"BYTE_ORDER {self.own_order} " if self.own_order else "") + (f"BIT_MASK {self.mask:#x} " if self.mask else "")
+        options += f"ENCODING {self.encoding} " if self.encoding else ""
         limits = "{:g} {:g}".format(*self.limits)
         layout = f"/begin RECORD_LAYOUT L_{self.name} {self.layout.text} /end RECORD_LAYOUT\n"
         if word == "MEASUREMENT":
@@ -358,7 +362,8 @@ class Thing:
             elif axis.kind == "FIX_AXIS":
                 self.points[name] = fixed_points(axis.form, axis.numbers)[:count]
         if shape.kind == "ASCII":
-            self.put_text("".join(chance.choice("abcXYZ 0189_-") for _ in range(chance.randint(0, shape.dims[0]))), chance.random() < 0.5)
+            while not self.put_text(self.random_text(), chance.random() < 0.5):
+                pass
 
     def random_raw(self, field):
         chance = self.chance
@@ -367,11 +372,20 @@ class Thing:
         low, high = field.bounds()
         return chance.choice((low, high, 0, chance.randint(low, high), chance.randint(max(low, -99), min(high, 99))))
 
+    def random_text(self):
+        letters = "abcXYZ0189_-" + "\u00e9\u03a9\u6f22" * bool(self.shape.encoding)
+        return "".join(self.chance.choice(letters) for _ in range(self.chance.randint(0, self.shape.dims[0] // self.shape.unit + 2)))
+
     def put_text(self, text, clean=True):
-        """The characters, a zero if there is room, and zeros or what was there behind it."""
-        for i in range(self.shape.dims[0]):
-            if i <= len(text) or clean:
-                self.numbers[i,] = ord(text[i]) if i < len(text) else 0
+        """The characters, a zero if there is room, and zeros or what was there behind it; tells whether they fit."""
+        shape, size = self.shape, self.shape.dims[0]
+        data = text.encode(CODECS[shape.encoding][shape.order == "MSB_FIRST"] if shape.encoding else "latin-1")
+        if len(data) > size:
+            return False
+        self.text = text
+        data = (data + bytes(shape.unit))[:size]
+        self.numbers |= {(i,): byte for i, byte in enumerate(data.ljust(size, b"\0") if clean else data)}
+        return True
 
     def write(self):
         """Puts everything into memory as it must be there."""

@@ -9,7 +9,7 @@ from value_coding import Field
 class Component:
     """A part of a structure; `dims` are those of its MATRIX_DIM, `of` is a Shape or a Structure."""
 
-    def __init__(self, world, of, offset, bare):
+    def __init__(self, world, of, offset):
         chance = world.chance
         self.of, self.offset, self.dims, self.pointed = of, offset, (), False
         self.single = of.size if isinstance(of, Structure) else Thing.room(of) if of.kind != "MEASUREMENT" else BORDERS[of.type][1]
@@ -18,7 +18,7 @@ class Component:
         self.mode = chance.choice(("ROW_DIR", "COLUMN_DIR"))
         # A pointer belongs to the structure, so the module's byte order counts for it.
         odd = not isinstance(of, Structure) and of.own_order not in ("", world.order)
-        self.pointed = not bare and not odd and not self.dims and chance.random() < 0.2
+        self.pointed = not odd and not self.dims and chance.random() < 0.2
         self.count = len(list(in_memory_order(self.dims, "ROW_DIR")))
         self.size = 4 if self.pointed else self.count * self.single
 
@@ -59,11 +59,10 @@ class Structure:
                 of = self.shape(world, f"{name}{part}", axis)
                 self.text += of.text()
                 axis = (part, of) if of.kind == "AXIS_PTS" else axis
-            component = Component(world, of, self.size + chance.randrange(4), bare=False)
+            component = Component(world, of, self.size + chance.randrange(4))
             self.components[part] = component
             self.size = component.offset + component.size
-            of_name = of.name
-            body += f"/begin STRUCTURE_COMPONENT {part} {of_name} {component.offset}{component.options()} /end STRUCTURE_COMPONENT\n"
+            body += f"/begin STRUCTURE_COMPONENT {part} {of.name} {component.offset}{component.options()} /end STRUCTURE_COMPONENT\n"
         self.size += chance.randrange(4)
         self.text += f'/begin TYPEDEF_STRUCTURE {name} "" {self.size}\n{body}/end TYPEDEF_STRUCTURE\n'
 
@@ -90,11 +89,11 @@ class Structure:
 
 
 def instances(world, number):
-    """An INSTANCE of a random structure, alone or many; its leaves join the things of the world."""
+    """An INSTANCE of a random structure or another typedef, alone or many; its leaves join the things of the world."""
     world.crowded = True
-    structure = Structure(world, f"S{number}", 2)
-    whole = Component(world, structure, 0, bare=True)
+    of = Structure(world, f"S{number}", 2) if world.chance.random() < 0.7 else Structure.shape(world, f"S{number}", None)
+    whole = Component(world, of, 0)
     address = world.take(whole.size)
-    world.blocks.append(f'{structure.text}/begin INSTANCE s{number} "" S{number} {address:#x}{whole.options()} /end INSTANCE\n')
+    world.blocks.append(f'{of.text if isinstance(of, Structure) else of.text()}/begin INSTANCE s{number} "" S{number} {address:#x}{whole.options()} /end INSTANCE\n')
     whole.leaves(world, f"s{number}", address, {})
     world.crowded = False
