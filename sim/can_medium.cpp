@@ -22,9 +22,10 @@ constexpr int kSocketBuffer = 8 * 1024 * 1024;
 constexpr int kSendAttempts = 500;
 constexpr auto kSendPause = std::chrono::microseconds(100);
 
-int openSocket(const Options& options) {
-    const int socket = ::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, CAN_RAW);
-    if (socket < 0) return -1;
+UniqueFd openSocket(const Options& options) {
+    UniqueFd opened(::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, CAN_RAW));
+    if (!opened.valid()) return opened;
+    const int socket = opened.get();
     const canid_t bits = (options.canCmdId & CAN_EFF_FLAG) != 0 ? CAN_EFF_MASK : CAN_SFF_MASK;
     const can_filter filter{options.canCmdId, bits | CAN_EFF_FLAG | CAN_RTR_FLAG};
     const int fd = options.canFd ? 1 : 0;
@@ -38,12 +39,12 @@ int openSocket(const Options& options) {
     if (ready) {
         // The system caps the buffer at its own limit; a smaller one works.
         static_cast<void>(::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer));
-        return socket;
+        return opened;
     }
     const int failure = errno;
-    ::close(socket);
+    opened = UniqueFd();
     errno = failure;
-    return -1;
+    return opened;
 }
 
 }  // namespace
@@ -71,39 +72,34 @@ Result<std::unique_ptr<CanMedium>> CanMedium::open(const Options& options, Fault
 CanMedium::CanMedium(const Options& options, FaultPlan& faults)
     : options_(options), faults_(faults), retryNs_(kNever) {}
 
-CanMedium::~CanMedium() {
-    if (socket_ >= 0) ::close(socket_);
-}
-
 Result<void> CanMedium::attach() {
     socket_ = openSocket(options_);
-    if (socket_ < 0) return Error::fromErrno(errno, "CAN interface " + options_.can);
+    if (!socket_.valid()) return Error::fromErrno(errno, "CAN interface " + options_.can);
     retryNs_ = kNever;
     return {};
 }
 
 void CanMedium::detach() {
-    ::close(socket_);
-    socket_ = -1;
+    socket_ = UniqueFd();
     retryNs_ = 0;
 }
 
 Result<void> CanMedium::onDue(std::int64_t nowNs) {
-    if (socket_ >= 0 || nowNs < retryNs_) return {};
+    if (socket_.valid() || nowNs < retryNs_) return {};
     retryNs_ = nowNs + kRetryNs;
     static_cast<void>(attach());  // not there yet: the next time
     return {};
 }
 
 std::vector<pollfd> CanMedium::descriptors() const {
-    if (socket_ < 0) return {};
-    return {{socket_, POLLIN, 0}};
+    if (!socket_.valid()) return {};
+    return {{socket_.get(), POLLIN, 0}};
 }
 
 Result<void> CanMedium::receive(int /*descriptor*/, const Handler& handler) {
     for (;;) {
         canfd_frame frame{};
-        const ssize_t size = ::read(socket_, &frame, sizeof frame);
+        const ssize_t size = ::read(socket_.get(), &frame, sizeof frame);
         if (size < 0) {
             if (errno == EINTR) continue;
             // Down: the same socket goes on when the interface is up again.
@@ -154,8 +150,8 @@ void CanMedium::transmit(std::uint32_t id, std::span<const std::uint8_t> packet)
     std::memcpy(frame.data, payload.data(), payload.size());
     const std::size_t size = options_.canFd ? CANFD_MTU : CAN_MTU;
     keepDistance();
-    for (int attempt = 0; socket_ >= 0 && attempt < kSendAttempts;) {
-        if (::write(socket_, &frame, size) == static_cast<ssize_t>(size)) {
+    for (int attempt = 0; socket_.valid() && attempt < kSendAttempts;) {
+        if (::write(socket_.get(), &frame, size) == static_cast<ssize_t>(size)) {
             ++counters_.packetsSent;
             ++counters_.datagramsSent;
             return;

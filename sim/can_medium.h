@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "core/unique_fd.h"
 #include "sim/faults.h"
 #include "sim/medium.h"
 #include "sim/options.h"
@@ -25,7 +26,6 @@ class CanMedium : public IMedium {
   public:
     /// Errors: the system's, with "CAN interface NAME".
     static Result<std::unique_ptr<CanMedium>> open(const Options& options, FaultPlan& faults);
-    ~CanMedium() override;
 
     std::vector<pollfd> descriptors() const override;
     Result<void> receive(int descriptor, const Handler& handler) override;
@@ -44,7 +44,7 @@ class CanMedium : public IMedium {
 
     const Options& options_;
     FaultPlan& faults_;
-    int socket_ = -1;  ///< -1: the interface is gone
+    UniqueFd socket_;  ///< none: the interface is gone
     std::int64_t retryNs_;
     std::chrono::steady_clock::time_point nextFrame_{};  ///< not before
     MediumCounters counters_;

@@ -38,7 +38,7 @@ class Ecu {
     /// When advance() has something to do next.
     std::int64_t nextDueNs() const;
 
-    /// Power off and on: RAM, counters, clock, connection and DAQ configuration begin anew.
+    /// Power off and on: RAM, counters, clock, connection and DAQ configuration begin again.
     void restart(std::int64_t nowNs);
     /// How often it has started, 1 for an ECU that has never restarted.
     std::uint64_t starts() const { return starts_; }

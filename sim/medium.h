@@ -17,7 +17,7 @@ namespace lm::sim {
 struct MediumCounters {
     std::uint64_t packetsSent = 0;
     std::uint64_t datagramsSent = 0;  ///< on a serial line: frames
-    std::uint64_t sendFailures = 0;   ///< packets that the system did not take, or that nobody was there for
+    std::uint64_t sendFailures = 0;   ///< packets that the system did not take, or that no one was there for
     std::uint64_t packetsLost = 0;    ///< packets lost on order
     std::uint64_t packetsMalformed = 0;  ///< packets sent with a wrong length on order
 };

@@ -17,43 +17,31 @@ namespace {
 constexpr std::int64_t kNsPerSecond = 1'000'000'000;
 constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() { ::close(fd_); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-  private:
-    int fd_;
-};
-
 }  // namespace
 
 std::int64_t Runner::now() {
     return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-Result<int> Runner::openSignals() {
+Result<UniqueFd> Runner::openSignals() {
     sigset_t set;
     sigemptyset(&set);
     for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGHUP, SIGRTMIN})
         sigaddset(&set, signal);
     if (sigprocmask(SIG_BLOCK, &set, nullptr) != 0) return Error::fromErrno(errno, "signals");
-    const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (descriptor < 0) return Error::fromErrno(errno, "signals");
+    UniqueFd descriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!descriptor.valid()) return Error::fromErrno(errno, "signals");
     return descriptor;
 }
 
 Result<void> Runner::run() {
-    const Result<int> signals = openSignals();
+    const Result<UniqueFd> signals = openSignals();
     if (!signals.ok()) return signals.error();
-    const Descriptor closer(signals.value());
     const std::int64_t quitNs = options_.quitAfter > 0
                                     ? now() + static_cast<std::int64_t>(options_.quitAfter * kNsPerSecond)
                                     : kNever;
     while (!stop_) {
-        const Result<void> done = round(signals.value(), quitNs);
+        const Result<void> done = round(signals.value().get(), quitNs);
         if (!done.ok()) return done.error();
     }
     out_.clear();

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 #include "sim/ecu.h"
 #include "sim/medium.h"
 
@@ -29,7 +30,7 @@ class Runner {
     std::string statistics() const;
 
     /// Blocks the signals above; call before announcing that the program is ready.
-    static Result<int> openSignals();
+    static Result<UniqueFd> openSignals();
 
     /// Nanoseconds of the steady clock.
     static std::int64_t now();

@@ -44,26 +44,24 @@ Result<void> SerialLine::plug() {
 }
 
 Result<void> SerialLine::makePseudoTerminal() {
-    descriptor_ = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    descriptor_ = UniqueFd(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     std::array<char, 64> name{};
-    if (descriptor_ < 0 || ::grantpt(descriptor_) != 0 || ::unlockpt(descriptor_) != 0 ||
-        ::ptsname_r(descriptor_, name.data(), name.size()) != 0) {
+    if (!descriptor_.valid() || ::grantpt(descriptor_.get()) != 0 || ::unlockpt(descriptor_.get()) != 0 ||
+        ::ptsname_r(descriptor_.get(), name.data(), name.size()) != 0) {
         return Error::fromErrno(errno, "pseudo-terminal");
     }
     device_ = name.data();
-    // Opened and closed once, it tells from now on that nobody is there; its settings stay.
-    const int other = ::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (other < 0) return Error::fromErrno(errno, device_);
-    const int failure = makeRaw(other, 0) ? 0 : errno;
-    ::close(other);
-    if (failure != 0) return Error::fromErrno(failure, device_);
+    // Opened and closed once, it tells from now on that no one is there; its settings stay.
+    const UniqueFd other(::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!other.valid() || !makeRaw(other.get(), 0)) return Error::fromErrno(errno, device_);
     return {};
 }
 
 Result<void> SerialLine::openDevice() {
     device_ = options_.serialDevice;
-    descriptor_ = ::open(device_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (descriptor_ < 0 || !makeRaw(descriptor_, options_.baudrate)) return Error::fromErrno(errno, device_);
+    descriptor_ = UniqueFd(::open(device_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (!descriptor_.valid() || !makeRaw(descriptor_.get(), options_.baudrate))
+        return Error::fromErrno(errno, device_);
     return {};
 }
 
@@ -86,25 +84,24 @@ void SerialLine::pull() {
     if (!plugged()) return;
     // A link that is gone already, or cannot go, changes nothing: it leads nowhere from now on.
     if (!options_.serialLink.empty()) ::unlink(options_.serialLink.c_str());
-    ::close(descriptor_);
-    descriptor_ = -1;
+    descriptor_ = UniqueFd();
 }
 
 bool SerialLine::isOpenedByPeer() const {
     if (!plugged()) return false;
-    pollfd state{descriptor_, 0, 0};
+    pollfd state{descriptor_.get(), 0, 0};
     return ::poll(&state, 1, 0) >= 0 && (state.revents & POLLHUP) == 0;
 }
 
 Result<std::size_t> SerialLine::read(std::span<std::uint8_t> buffer) const {
-    const ssize_t count = ::read(descriptor_, buffer.data(), buffer.size());
+    const ssize_t count = ::read(descriptor_.get(), buffer.data(), buffer.size());
     if (count >= 0) return static_cast<std::size_t>(count);
     if (errno == EAGAIN || errno == EINTR) return std::size_t{0};
     return Error::fromErrno(errno, device_);
 }
 
 Result<std::size_t> SerialLine::write(std::span<const std::uint8_t> bytes) const {
-    const ssize_t count = ::write(descriptor_, bytes.data(), bytes.size());
+    const ssize_t count = ::write(descriptor_.get(), bytes.data(), bytes.size());
     if (count >= 0) return static_cast<std::size_t>(count);
     if (errno == EAGAIN || errno == EINTR) return std::size_t{0};
     return Error::fromErrno(errno, device_);

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 #include "sim/options.h"
 
 namespace lm::sim {
@@ -30,10 +31,10 @@ class SerialLine {
     /// Plugging a plugged line and pulling a pulled one change nothing. Errors as those of open().
     Result<void> plug();
     void pull();
-    bool plugged() const { return descriptor_ >= 0; }
+    bool plugged() const { return descriptor_.valid(); }
 
     /// For poll(); -1 when it is pulled.
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return descriptor_.get(); }
     /// Somebody has the other end open; always true of a plugged device.
     bool isOpenedByPeer() const;
 
@@ -49,7 +50,7 @@ class SerialLine {
     Result<void> makeLink() const;
 
     const Options& options_;
-    int descriptor_ = -1;
+    UniqueFd descriptor_;
     std::string device_;
 };
 

@@ -33,7 +33,7 @@ SerialMedium::SerialMedium(const Options& options, Ecu& ecu, std::unique_ptr<Ser
       chatNs_(options.chatterMs == 0 ? kNever : 0) {}
 
 std::vector<pollfd> SerialMedium::descriptors() const {
-    // A line that nobody has open hangs up all the time: it is looked at by the clock instead.
+    // A line that no one has open hangs up all the time: it is looked at by the clock instead.
     if (!peer_) return {};
     const bool waits = !out_.empty();
     return {{line_->descriptor(), static_cast<short>(waits ? POLLIN | POLLOUT : POLLIN), 0}};

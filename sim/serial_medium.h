@@ -2,7 +2,7 @@
 // when it starts, a line of diagnostics now and then, and an answer to every line that is typed.
 //
 // Text leaves in pieces between whole frames, as from an ECU whose output is buffered by bytes. The typed
-// line "reset" restarts the ECU. While nobody has the line open, everything is dropped.
+// line "reset" restarts the ECU. While no one has the line open, everything is dropped.
 //
 // Threads: the loop's thread alone. Lifetime: the options and the ECU must live as long as the medium.
 #pragma once

@@ -55,20 +55,10 @@ Result<std::unique_ptr<UdpMedium>> UdpMedium::open(const Options& options, Fault
     for (int attempt = 1;; ++attempt) {
         const Result<void> bound = medium->bindBoth(options.port);
         if (bound.ok()) return medium;
-        medium->closeSockets();
+        medium->sockets_.clear();
         const bool retry = options.port == 0 && bound.error().sysErrno == EADDRINUSE;
         if (!retry || attempt == kPortAttempts) return bound.error();
     }
-}
-
-UdpMedium::~UdpMedium() {
-    closeSockets();
-}
-
-void UdpMedium::closeSockets() {
-    for (const int socket : sockets_)
-        ::close(socket);
-    sockets_.clear();
 }
 
 Result<void> UdpMedium::bindBoth(std::uint16_t port) {
@@ -89,7 +79,7 @@ Result<int> UdpMedium::bindOne(int family, std::uint16_t port) {
     const std::string context = "UDP port " + std::to_string(port);
     const int socket = ::socket(family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (socket < 0) return Error::fromErrno(errno, context);
-    sockets_.push_back(socket);
+    sockets_.emplace_back(socket);
     const int on = 1;
     if (family == AF_INET6 && ::setsockopt(socket, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) {
         return Error::fromErrno(errno, context);
@@ -105,8 +95,8 @@ Result<int> UdpMedium::bindOne(int family, std::uint16_t port) {
 
 std::vector<pollfd> UdpMedium::descriptors() const {
     std::vector<pollfd> fds;
-    for (const int socket : sockets_)
-        fds.push_back({socket, POLLIN, 0});
+    for (const UniqueFd& socket : sockets_)
+        fds.push_back({socket.get(), POLLIN, 0});
     return fds;
 }
 

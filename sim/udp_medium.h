@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <vector>
 
+#include "core/unique_fd.h"
 #include "sim/faults.h"
 #include "sim/medium.h"
 #include "sim/options.h"
@@ -23,7 +24,6 @@ class UdpMedium : public IMedium {
     /// Binds both addresses to one port (port 0: one that is free on both); without IPv6 only the first.
     /// Errors: the system's, with "UDP port N".
     static Result<std::unique_ptr<UdpMedium>> open(const Options& options, FaultPlan& faults);
-    ~UdpMedium() override;
 
     std::uint16_t port() const { return port_; }
 
@@ -50,7 +50,6 @@ class UdpMedium : public IMedium {
     UdpMedium(const Options& options, FaultPlan& faults) : options_(options), faults_(faults) {}
     Result<void> bindBoth(std::uint16_t port);
     Result<int> bindOne(int family, std::uint16_t port);
-    void closeSockets();
     /// Appends a packet whose header announces `excess` bytes too many.
     void frame(std::span<const std::uint8_t> packet, std::uint16_t excess);
     void closeDatagram();
@@ -60,7 +59,7 @@ class UdpMedium : public IMedium {
 
     const Options& options_;
     FaultPlan& faults_;
-    std::vector<int> sockets_;
+    std::vector<UniqueFd> sockets_;
     std::uint16_t port_ = 0;
     Peer peer_;
     std::uint16_t counter_ = 0;

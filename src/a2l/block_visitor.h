@@ -27,7 +27,8 @@ class BlockVisitor {
     virtual void collected(const Block& block) = 0;
     /// `depth` as in opened(). The root is closed last, with an empty keyword.
     virtual void closed(const Block& block, std::size_t depth) = 0;
-    /// `/include` outside of A2ML; `file` is empty when no string follows.
+    /// `/include` outside of A2ML; `file` is empty when no name follows in
+    /// its line.
     virtual void included(std::string_view file, std::uint32_t line) = 0;
     /// Everything before `offset` has been read and reported. Called behind an /end, not more often than
     /// every kPassedStep bytes.

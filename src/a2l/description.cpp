@@ -22,6 +22,10 @@ const Characteristic* Description::findCharacteristic(std::string_view name) con
     return store_->characteristics.lookUp(characteristics, name);
 }
 
+const AxisPoints* Description::findAxisPoints(std::string_view name) const {
+    return store_->axisPoints.lookUp(axisPoints, name);
+}
+
 const CompuMethod* Description::findCompuMethod(std::string_view name) const {
     return store_->compuMethods.lookUp(compuMethods, name);
 }

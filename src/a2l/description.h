@@ -175,6 +175,7 @@ class Description {
     /// object.
     const Measurement* findMeasurement(std::string_view name) const;
     const Characteristic* findCharacteristic(std::string_view name) const;
+    const AxisPoints* findAxisPoints(std::string_view name) const;
     const CompuMethod* findCompuMethod(std::string_view name) const;
     const CompuTab* findCompuTab(std::string_view name) const;
     const CompuVtab* findCompuVtab(std::string_view name) const;
@@ -204,6 +205,8 @@ class Description {
     /// What was left out while loading ("skipped: ..." with object kind, name, reason and line), and what is
     /// odd, with a line; in file order.
     std::vector<std::string> warnings;
+    /// What was left out and nobody misses, with its line.
+    std::vector<std::string> notes;
 
   private:
     friend class Parser;
@@ -211,11 +214,10 @@ class Description {
     std::unique_ptr<Store> store_;
 };
 
-/// Reads and parses a file; a stop ends the reading. Errors: "cannot open A2L
-/// file PATH" (with the errno), "cannot read A2L file PATH: REASON", too little memory for its content and a
-/// stop included, "A2L file PATH is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT
-/// block", "A2L: no MODULE block". An object that cannot be read becomes a warning. The digest costs a pass
-/// over the file.
+/// Reads and parses a file; a stop ends the reading. Errors: "cannot open A2L file PATH" (with the errno),
+/// "cannot read A2L file PATH: REASON", too little memory for its content and a stop included, "A2L file PATH
+/// is larger than 2 GiB", the tokenizer's "A2L line N: ...", "A2L: no PROJECT block", "A2L: no MODULE block".
+/// An object that cannot be read becomes a warning. The digest costs a pass over the file.
 Result<Description> load(const std::filesystem::path& path, const StopToken& stop = {}, bool digest = false);
 
 /// The same from text in memory (UTF-8, Windows-1252 or UTF-16 with a byte order mark).

@@ -25,4 +25,22 @@ std::vector<std::string> Diagnostics::take() {
     return texts;
 }
 
+void LeftOutKinds::add(std::string_view kind) {
+    const auto found = std::find_if(counts_.begin(), counts_.end(),
+                                    [kind](const auto& count) { return count.first == kind; });
+    if (found == counts_.end()) {
+        counts_.emplace_back(kind, 1);
+    } else {
+        ++found->second;
+    }
+}
+
+std::string LeftOutKinds::text() const {
+    if (counts_.empty()) return {};
+    std::string text;
+    for (const auto& [kind, count] : counts_)
+        text += fmt::format("{} {} {}", text.empty() ? "left out:" : ",", count, kind);
+    return text + " (not read by this version)";
+}
+
 }  // namespace lm::a2l

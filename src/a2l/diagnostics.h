@@ -3,6 +3,7 @@
 // Threads: one at a time. Lifetime: owns its texts.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -28,6 +29,17 @@ class Diagnostics {
         std::string text;
     };
     std::vector<Entry> entries_;
+};
+
+/// How many objects were left out because nothing reads their kind.
+class LeftOutKinds {
+  public:
+    void add(std::string_view kind);
+    /// "left out: 12 INSTANCE, 1 BLOB (not read by this version)", empty for none.
+    std::string text() const;
+
+  private:
+    std::vector<std::pair<std::string, std::size_t>> counts_;  ///< in the order of their first objects
 };
 
 }  // namespace lm::a2l

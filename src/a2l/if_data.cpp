@@ -189,6 +189,11 @@ bool isXcpInterfaceData(const Block& block) {
     return block.keyword == "IF_DATA" && !tokens.empty() && (tokens[0].is("XCP") || tokens[0].is("XCPplus"));
 }
 
+bool isCcpInterfaceData(const Block& block) {
+    const auto tokens = block.tokens();
+    return block.keyword == "IF_DATA" && !tokens.empty() && tokens[0].is("ASAP1B_CCP");
+}
+
 void readXcpInterface(const Block& ifData, XcpInterface& xcp, Diagnostics& diagnostics) {
     for (const Block& block : ifData.children()) {
         if (block.keyword == "PROTOCOL_LAYER")
@@ -196,8 +201,13 @@ void readXcpInterface(const Block& ifData, XcpInterface& xcp, Diagnostics& diagn
         if (block.keyword == "DAQ") readFirst(xcp.daq, block, readDaq, diagnostics);
         if (block.keyword == "XCP_ON_CAN") readFirst(xcp.can, block, readCan, diagnostics);
         if (block.keyword == "XCP_ON_UDP_IP") readFirst(xcp.udp, block, readUdp, diagnostics);
-        if (block.keyword == "XCP_ON_TCP_IP") xcp.tcp = true;
+        if (block.keyword == "XCP_ON_TCP_IP") {
+            xcp.tcp = true;
+            readFirst(xcp.tcpTarget, block, readUdp, diagnostics);  // the same fields
+        }
         if (block.keyword == "XCP_ON_SxI") readFirst(xcp.serial, block, readSerial, diagnostics);
+        if (block.keyword == "XCP_ON_USB" || block.keyword == "XCP_ON_FLX")
+            xcp.unsupported.emplace_back(block.keyword);
     }
 }
 

@@ -12,6 +12,9 @@ namespace lm::a2l {
 /// True for an IF_DATA block that begins with XCP or XCPplus.
 bool isXcpInterfaceData(const Block& block);
 
+/// True for one of CCP, the protocol before XCP.
+bool isCcpInterfaceData(const Block& block);
+
 /// Adds the parts that `xcp` does not have yet. A sub-block that cannot be read is reported and not used; the
 /// others stay.
 void readXcpInterface(const Block& ifData, XcpInterface& xcp, Diagnostics& diagnostics);

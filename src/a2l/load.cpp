@@ -106,7 +106,7 @@ std::optional<std::string> converted(std::string_view text, bool isUtf8) {
 
 Error cannotOpen(const std::filesystem::path& path, int systemError) {
     const ErrorCode code = systemError == ENOENT ? ErrorCode::notFound : ErrorCode::ioError;
-    return Error{code, "cannot open A2L file " + path.string(), systemError, Error::kNoDetail};
+    return Error::withReasonAsHint(code, systemError, "cannot open A2L file " + path.string());
 }
 
 Error cannotRead(const std::filesystem::path& path, int systemError) {
@@ -126,15 +126,13 @@ int readAll(int descriptor, FileText& text, const StopToken& stop) {
 }
 
 Result<FileText> readText(const std::filesystem::path& path, const StopToken& stop) {
-    const int descriptor = openForReading(path);
-    if (descriptor < 0) return cannotOpen(path, errno);
-    const auto close = [](const int* opened) { ::close(*opened); };
-    const std::unique_ptr<const int, decltype(close)> closing(&descriptor, close);
+    const UniqueFd file = openForReading(path);
+    if (!file.valid()) return cannotOpen(path, errno);
     struct stat status {};
-    const bool sized = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    const bool sized = ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
     const std::size_t size = sized ? static_cast<std::size_t>(status.st_size) : 0;
     FileText text(size > kMaxText ? 0 : size + kReadStep);
-    const int failure = size > kMaxText ? EFBIG : readAll(descriptor, text, stop);
+    const int failure = size > kMaxText ? EFBIG : readAll(file.get(), text, stop);
     if (failure == 0) return text;
     if (failure == EISDIR) return cannotOpen(path, failure);
     if (failure == EFBIG) {

@@ -9,26 +9,15 @@
 namespace lm::a2l {
 namespace {
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 // The digits behind 0x; none when one of them is not hexadecimal.
 std::optional<double> hexadecimalValue(std::string_view digits) {
     const auto first = digits.find_first_not_of('0');
     if (first == std::string_view::npos) return 0.0;
     std::uint64_t value = 0;
     for (const char c : digits.substr(first)) {
-        const char lower = static_cast<char>(c | 0x20);
-        unsigned digit = 0;
-        if (isDigit(c)) {
-            digit = static_cast<unsigned>(c - '0');
-        } else if (lower >= 'a' && lower <= 'f') {
-            digit = static_cast<unsigned>(lower - 'a') + 10;
-        } else {
-            return std::nullopt;
-        }
-        value = value << 4U | digit;
+        const auto digit = hexDigit(c);
+        if (!digit) return std::nullopt;
+        value = value << 4U | *digit;
     }
     const std::string_view significant = digits.substr(first);
     if (significant.size() <= 2 * sizeof(value)) return static_cast<double>(value);

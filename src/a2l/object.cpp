@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "a2l/conversion_builder.h"
+#include "a2l/object_error.h"
+#include "a2l/similar_names.h"
 
 namespace lm::a2l {
 namespace {
@@ -118,8 +120,10 @@ Result<Object> findObject(const Description& description, std::string_view name)
         return measurementObject(description, *measurement);
     if (const Characteristic* characteristic = description.findCharacteristic(name))
         return characteristicObject(description, *characteristic);
-    return Error{ErrorCode::notFound,
-                 "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
+    Error unknown{ErrorCode::notFound,
+                  "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
+    unknown.hint = unknownNameHint(description, name);
+    return unknown;
 }
 
 Object resolve(const Description& description, std::string_view name) {

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,15 +40,9 @@ struct Object {
 /// Errors (notFound): "'NAME' is neither a MEASUREMENT nor a CHARACTERISTIC", "NAME: REASON".
 Result<Object> findObject(const Description& description, std::string_view name);
 
-/// Why resolve() found nothing; what() is the whole message.
-class ObjectError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
 // The scalar view: one number to an object, as a double.
 
-/// As findObject(), whose error it throws as an ObjectError.
+/// As findObject(), whose error it throws as an ObjectError (object_error.h).
 Object resolve(const Description& description, std::string_view name);
 
 /// As value::encodePhysical() of the one element.

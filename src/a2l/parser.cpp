@@ -41,11 +41,16 @@ BlockVisitor::Step Parser::opened(std::string_view keyword, std::size_t depth) {
         return Step::descend;
     }
     if (depth == kInProject) {
-        if (keyword != "MODULE" || std::exchange(hasModule_, true)) return Step::skip;
-        return Step::descend;
+        if (keyword != "MODULE") return Step::skip;
+        if (!std::exchange(hasModule_, true)) return Step::descend;
+        leftOut_.add("further MODULE");
+        return Step::skip;
     }
     kind_ = kindOf(keyword);
-    return kind_ == Kind::count ? Step::skip : Step::collect;
+    if (kind_ != Kind::count) return Step::collect;
+    // What a user would look for by its name; groups, functions and the like only put other objects in order.
+    if (keyword == "INSTANCE" || keyword == "BLOB") leftOut_.add(keyword);
+    return Step::skip;
 }
 
 void Parser::collected(const Block& block) {
@@ -82,6 +87,12 @@ void Parser::closeRoot(const Block& block) {
 }
 
 void Parser::included(std::string_view file, std::uint32_t line) {
+    // The grammar of the interface data, which this program knows by itself.
+    if (file.ends_with(".aml") || file.ends_with(".AML")) {
+        description_.notes.push_back("/include '" + std::string(file) + "' (line " + std::to_string(line) +
+                                     ") is not read, and not needed");
+        return;
+    }
     diagnostics_.skipped("/include", file, line, "included files are not read");
 }
 
@@ -142,6 +153,7 @@ void Parser::read(const Block& block) {
             return readModPar(block);
         case Kind::ifData:
             if (isXcpInterfaceData(block)) readXcpInterface(block, d.xcp, diagnostics_);
+            d.xcp.ccp = d.xcp.ccp || isCcpInterfaceData(block);
             return;
         case Kind::count:
             return;
@@ -250,6 +262,7 @@ Result<Description> Parser::finish() {
     tellInfiniteLimits();
     tellNamesInCommon();
     d.warnings = diagnostics_.take();
+    if (std::string text = leftOut_.text(); !text.empty()) d.warnings.push_back(std::move(text));
     return std::move(d);
 }
 

@@ -70,6 +70,7 @@ class Parser : public BlockVisitor {
     TextInterner shared_;
     ModelStore modelStore_;
     Diagnostics diagnostics_;
+    LeftOutKinds leftOut_;
     Kind kind_ = Kind::count;         // of the block being collected
     std::size_t infiniteLimits_ = 0;  // objects with one
     std::string firstInfiniteLimit_;

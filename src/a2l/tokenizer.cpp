@@ -244,6 +244,9 @@ void BlockScanner::reportInclude() {
     if (blanks != std::string_view::npos && rest[blanks] == '"') {
         file = rest.substr(blanks + 1);
         file = file.substr(0, file.find_first_of("\"\n"));
+    } else if (blanks != std::string_view::npos) {
+        file = rest.substr(blanks);
+        file = file.substr(0, file.find_first_of("\"\r\n \t"));
     }
     visitor_->included(file, line_);
 }

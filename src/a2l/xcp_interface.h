@@ -73,8 +73,16 @@ struct XcpInterface {
     std::optional<XcpDaq> daq;
     std::optional<XcpOnCan> can;
     std::optional<XcpOnUdp> udp;
-    bool tcp = false;  ///< an XCP_ON_TCP_IP block is there
+    bool tcp = false;                   ///< an XCP_ON_TCP_IP block is there
+    std::optional<XcpOnUdp> tcpTarget;  ///< of that block
     std::optional<XcpOnSerial> serial;
+    std::vector<std::string> unsupported;  ///< keywords of transports that nothing here speaks
+    bool ccp = false;                      ///< there is interface data of CCP, another protocol
+
+    /// The ECU speaks CCP, as far as the file tells.
+    bool isCcpOnly() const {
+        return ccp && !protocolLayer && !daq && !can && !udp && !tcp && !serial && unsupported.empty();
+    }
 };
 
 }  // namespace lm::a2l

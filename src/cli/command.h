@@ -9,15 +9,11 @@
 #include <span>
 
 #include "cli/results.h"
-#include "session/session_config.h"
+#include "session/session.h"
 
 namespace CLI {
 class App;
 }
-namespace lm::session {
-class Session;
-}
-
 namespace lm::cli {
 
 class Console;
@@ -49,8 +45,9 @@ class ICommand {
     virtual void addOptions(CLI::App& /*app*/) {}
     /// Lays them over the configuration.
     virtual void overrule(session::SessionConfig& /*config*/) const {}
-    /// A recording will tell the A2L's digest.
-    virtual bool isRecorded() const { return false; }
+    /// What it needs under its options, of what its row says.
+    virtual Needs needs(Needs most) const { return most; }
+    virtual session::SessionOptions sessionOptions() const { return {}; }
     /// Returns the exit code; errors have been told to the results.
     virtual int run(Workplace& place) = 0;
 };

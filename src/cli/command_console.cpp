@@ -114,7 +114,7 @@ void sendInput(const std::shared_ptr<Input>& input) {
     input->ended.store(true);
 }
 
-/// False when a stop is asked for or nobody reads standard output any more.
+/// False when a stop is asked for or no one reads standard output any more.
 bool pauseUnlessOver() {
     std::array<pollfd, 2> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
     ::poll(waits.data(), waits.size(), kPauseMs);

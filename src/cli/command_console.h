@@ -16,7 +16,7 @@ namespace lm::cli {
 /// "HH:MM:SS.mmm  TEXT\n" in local time, with "> " before a sent line and "-- " before a notice.
 std::string consoleLine(const session::ConsoleLine& line);
 
-/// Runs until stopRequested(), nobody reads the output any more, so many seconds after the line was first
+/// Runs until stopRequested(), no one reads the output any more, so many seconds after the line was first
 /// opened (or could not be), or with a duration of 0 until the end of input. Closes the session.
 class ConsoleCommand final : public ICommand {
   public:

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -26,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 /// A line on the terminal that is written over and over; nothing when standard error is none.
 class ProgressLine {
   public:
-    ProgressLine() : isTerminal_(::isatty(STDERR_FILENO) == 1) {}
+    explicit ProgressLine(bool shown) : isTerminal_(shown && ::isatty(STDERR_FILENO) == 1) {}
     ~ProgressLine() {
         if (shown_) std::fputs("\r\033[K", stderr);
     }
@@ -56,12 +57,17 @@ Error invalid(std::string message) {
     return {ErrorCode::invalidArgument, std::move(message)};
 }
 
+bool goesToStandardOutput(const ExportCommand::Options& request) {
+    return request.output.output == "-";
+}
+
 Result<exporter::Format> formatOf(const ExportCommand::Options& request) {
     std::string word = request.format.value_or(request.output.output.extension().string());
     std::transform(word.begin(), word.end(), word.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; });
     if (word == "mf4" || word == ".mf4") return exporter::Format::mf4;
     if (word == "csv" || word == ".csv") return exporter::Format::csv;
+    if (!request.format && goesToStandardOutput(request)) return exporter::Format::csv;
     if (request.format) return invalid("unknown format '" + *request.format + "' (mf4 or csv)");
     return invalid("the name " + request.output.output.string() +
                    " does not end in .mf4 or .csv, give --format mf4 or --format csv");
@@ -74,7 +80,10 @@ Result<exporter::ExportOptions> checkedOptions(const ExportCommand::Options& req
     options.format = format.value();
     options.compress = !request.noCompress;
     const bool isCsv = options.format == exporter::Format::csv;
+    const bool toStream = goesToStandardOutput(request);
     const std::pair<bool, const char*> onlyOne[] = {
+        {!isCsv && toStream, "an MF4 file is not written from front to back: -o - is for CSV"},
+        {toStream && options.gaps, "--gaps writes a file of its own: give -o a name"},
         {!isCsv && options.merge, "--merge is for CSV files"},
         {!isCsv && options.raw, "--raw is for CSV files, an MF4 file holds raw values and their conversions"},
         {!isCsv && options.absolute, "--absolute is for CSV files, an MF4 file holds its start time"},
@@ -90,12 +99,19 @@ Result<exporter::ExportOptions> checkedOptions(const ExportCommand::Options& req
     return options;
 }
 
-Result<exporter::ExportSummary> exportWithProgress(const ExportCommand::Options& request) {
+Result<exporter::ExportSummary> exportWithProgress(const ExportCommand::Options& request, Output& output) {
     auto options = checkedOptions(request);
     if (!options) return options.error();
+    const bool toStream = goesToStandardOutput(request);
+    if (toStream) {
+        options.value().stream = [&output](std::string_view text) {
+            output.append(text);
+            return output.flush() ? Result<void>() : Error::stopped("standard output takes no more");
+        };
+    }
     auto recording = storage::RecordingReader::open(request.directory);
     if (!recording) return recording.error();
-    ProgressLine line;
+    ProgressLine line(!toStream);
     const auto show = [&line](std::uint64_t done, std::uint64_t total) { line.show(done, total); };
     return exporter::exportRecording(recording.value(), options.value(), show, stopToken());
 }
@@ -136,7 +152,9 @@ class ExportReport final : public IReport {
 void ExportCommand::addOptions(CLI::App& app) {
     exporter::ExportOptions& output = options_.output;
     app.add_option("directory", options_.directory, "Recording directory")->required();
-    app.add_option("-o,--output", output.output, "Output file, NAME.mf4 or NAME.csv")->required();
+    app.add_option("-o,--output", output.output,
+                   "Output file, NAME.mf4 or NAME.csv; - is standard output, as CSV")
+        ->required();
     app.add_option("--format", options_.format, "mf4 | csv (default: as the output's name ends)");
     app.add_flag("--force", output.force, "Overwrite existing files");
     addPatterns(app, output.signals, "NAME, or a pattern with * and ? (default: all)");
@@ -151,7 +169,13 @@ void ExportCommand::addOptions(CLI::App& app) {
 }
 
 int ExportCommand::run(Workplace& place) {
-    const auto done = exportWithProgress(options_);
+    if (goesToStandardOutput(options_) && place.results.json() != nullptr) {
+        place.results.fail("export", invalid("--json and -o - would both write to standard output"), "");
+        return 1;
+    }
+    Output& output = place.results.output();
+    const auto done = exportWithProgress(options_, output);
+    if (!done && !output.flush()) return 0;  // which the output tells at its end
     if (!done) {
         place.results.failOrStopped("export", done.error(), "");
         return 1;

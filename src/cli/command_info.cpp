@@ -2,12 +2,14 @@
 
 #include <cstdint>
 
+#include <CLI/App.hpp>
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include "cli/offline_info.h"
 #include "cli/stop_signal.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -52,7 +54,8 @@ class InfoReport final : public IReport {
     }
 
     void print(Output& output) const override {
-        output.append(fmt::format("ECU            {} ({})\n", xcp::printableText(session_.ecuName()),
+        const std::string name = session_.ecuName().empty() ? "unnamed" : session_.ecuName();
+        output.append(fmt::format("ECU            {} ({})\n", printableText(name),
                                   session_.medium().texts().description));
         output.append(connectLines(session_.connectInfo()));
         if (session_.daqCapabilities()) output.append(daqLines(*session_.daqCapabilities()));
@@ -102,7 +105,7 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
         const std::string cycle =
             event.cycleNs == 0 ? "not cyclic" : std::to_string(event.cycleNs / kNsPerMs) + " ms";
         // It comes from the ECU, perhaps with NUL bytes behind it; it must not steer the terminal.
-        std::string name = xcp::printableText(event.name.c_str());
+        std::string name = printableText(event.name.c_str());
         // By bytes, as everywhere in this output.
         if (name.size() < 20) name.resize(20, ' ');
         lines += fmt::format("  event {:<3} {} {}\n", event.number, name, cycle);
@@ -118,7 +121,12 @@ void writeEcu(JsonWriter& json, const session::Session& session) {
     json.endObject();
 }
 
+void InfoCommand::addOptions(CLI::App& app) {
+    app.add_flag("--offline", offline_, "What the A2L says: transports, protocol, DAQ (no connection)");
+}
+
 int InfoCommand::run(Workplace& place) {
+    if (offline_) return showOfflineInfo(place);
     place.results.show(InfoReport(*place.session));
     return stopRequested() ? 1 : 0;
 }

@@ -21,7 +21,13 @@ void writeEcu(JsonWriter& json, const session::Session& session);
 
 class InfoCommand final : public ICommand {
   public:
+    void addOptions(CLI::App& app) override;
+    Needs needs(Needs most) const override { return offline_ ? Needs::configuration : most; }
+    session::SessionOptions sessionOptions() const override { return {.a2lOptional = true}; }
     int run(Workplace& place) override;
+
+  private:
+    bool offline_ = false;
 };
 
 }  // namespace lm::cli

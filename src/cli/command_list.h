@@ -1,4 +1,4 @@
-// The subcommand `list`: the objects of an A2L whose name contains a text.
+// The subcommand `list`: the objects of an A2L whose name contains a text or matches a pattern.
 //
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
@@ -15,6 +15,8 @@ class ListCommand final : public ICommand {
         std::string pattern;
         bool onlyParameters = false;
         bool onlyMeasurements = false;
+        bool details = false;
+        bool inDescriptions = false;
     };
 
     void addOptions(CLI::App& app) override;

@@ -21,8 +21,8 @@
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/stop_signal.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -61,6 +61,13 @@ void warnAboutLosses(const session::MeasurementStats& stats, const Console& cons
     }
 }
 
+/// Where a recording has the zero of the printed times: its own is its start.
+std::string zeroLine(const session::MeasurementStats& stats, std::int64_t firstNs) {
+    const double seconds = static_cast<double>(firstNs - stats.recordingStartNs) / 1e9;
+    return fmt::format("printed times count from the first record, {} s {} the start of the recording\n",
+                       formatFixed(std::fabs(seconds), 3), seconds < 0 ? "before" : "after");
+}
+
 using Counts = std::vector<std::pair<std::string_view, std::uint64_t>>;
 
 /// Those that are not zero.
@@ -89,6 +96,14 @@ std::string recordedText(const session::MeasurementStats& stats) {
 
 double inSeconds(std::chrono::nanoseconds time) {
     return Seconds(time).count();
+}
+
+/// Names of events for a line of text.
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + printableText(name);
+    return text;
 }
 
 /// What is not known to be samples of this measurement (foreign frames that the kernel dropped) counts too:
@@ -178,6 +193,11 @@ std::string startLine(const session::PlanSummary& summary, const std::string& re
                        recordDirectory.empty() ? "" : ", recording to " + recordDirectory);
 }
 
+std::string outsideLoadLine(const session::PlanSummary& summary) {
+    if (summary.notInLoad.empty()) return "";
+    return "the estimated bus load leaves out " + joined(summary.notInLoad) + ": no cycle is known\n";
+}
+
 std::string statisticsLine(double seconds, const session::MeasurementStats& stats) {
     std::string line = fmt::format("{} s: {} records", formatFixed(seconds, 1), stats.records);
     for (const auto& [name, count] : lineCounts(stats))
@@ -187,10 +207,7 @@ std::string statisticsLine(double seconds, const session::MeasurementStats& stat
 
 std::string uncheckedLine(const session::PlanSummary& summary) {
     if (summary.withoutCycle.empty()) return "";
-    std::string names;
-    for (const std::string& name : summary.withoutCycle)
-        names += (names.empty() ? "" : ", ") + xcp::printableText(name);
-    return "missed cycles cannot be checked in " + names + ": no cycle is known\n";
+    return "missed cycles cannot be checked in " + joined(summary.withoutCycle) + ": no cycle is known\n";
 }
 
 std::string otherLosses(const session::MeasurementStats& stats) {
@@ -250,7 +267,8 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
 void MeasureCommand::addOptions(CLI::App& app) {
     app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
     addDuration(app, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
-    app.add_option("-r,--record", options_.recordDirectory, "Recording directory");
+    app.add_option("-r,--record", options_.recordDirectory, "Recording directory")
+        ->each([this](const std::string& directory) { recordsNowhere_ = directory.empty(); });
     app.add_option("-p,--print-every", options_.printEvery, "Print every n-th record per DAQ list (0 = none)")
         ->default_str("100");
     addExact(app, options_.exact);
@@ -277,6 +295,7 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
     session::MeasurementOptions measurement;
     measurement.signals = options_.signals;
     measurement.recordDirectory = options_.recordDirectory;
+    measurement.duration = Seconds(options_.durationSeconds);
     measurement.sink = &console;
     measurement.onPlanned = [&](const session::MeasurementPlan& plan) {
         const auto style = numberStyle(session.config());
@@ -289,13 +308,17 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place) const {
 
 int MeasureCommand::run(Workplace& place) {
     session::Session& session = *place.session;
+    if (recordsNowhere_) {
+        spdlog::warn("measure: -r names no directory (a variable that is not set?), nothing is recorded");
+    }
     const auto summary = start(place);
     if (!summary) {
         place.results.fail("measure", summary.error());
         if (place.results.json() != nullptr) endLines(place);
         return 1;
     }
-    printMessage(startLine(summary.value(), options_.recordDirectory) + "\n");
+    printMessage(startLine(summary.value(), options_.recordDirectory) + "\n" +
+                 outsideLoadLine(summary.value()));
     const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console);
     return finish(place, summary.value(), seconds);
 }
@@ -315,9 +338,13 @@ int MeasureCommand::finish(Workplace& place, const session::PlanSummary& summary
         spdlog::warn("measure: {}", countsWithoutStop(stats));
         exitCode = failed ? 2 : 1;
     }
+    const auto firstNs = console.firstNs();
+    const bool isText = place.results.json() == nullptr;
+    if (stats.recording && isText && console.prints() && firstNs) printMessage(zeroLine(stats, *firstNs));
     warnAboutLosses(stats, console);
     if (JsonWriter* json = place.results.json()) {
         writeStatistics(*json, seconds, summary, stats);
+        if (stats.recording && firstNs) json->member("zeroNs", *firstNs - stats.recordingStartNs);
         json->member("skippedLines", console.skippedLines());
     }
     if (endLines(place) && exitCode == 0) exitCode = 1;

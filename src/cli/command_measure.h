@@ -17,6 +17,9 @@ namespace lm::cli {
 /// "measuring 3 signal(s) in 2 DAQ list(s), estimated bus load 1.5 % ... - Ctrl-C to stop".
 std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory);
 
+/// The line that says which events the load of the start line does not count; empty when there are none.
+std::string outsideLoadLine(const session::PlanSummary& summary);
+
 /// The counters of the statistics line, without its newline.
 std::string statisticsLine(double seconds, const session::MeasurementStats& stats);
 
@@ -50,7 +53,9 @@ class MeasureCommand final : public ICommand {
 
     void addOptions(CLI::App& app) override;
     void overrule(session::SessionConfig& config) const override;
-    bool isRecorded() const override { return !options_.recordDirectory.empty(); }
+    session::SessionOptions sessionOptions() const override {
+        return {.digest = !options_.recordDirectory.empty()};
+    }
     int run(Workplace& place) override;
     const Options& options() const { return options_; }
 
@@ -59,6 +64,7 @@ class MeasureCommand final : public ICommand {
     int finish(Workplace& place, const session::PlanSummary& summary, double seconds) const;
 
     Options options_;
+    bool recordsNowhere_ = false;  ///< -r was given, and is empty
 };
 
 }  // namespace lm::cli

@@ -49,8 +49,9 @@ class CheckReport final : public IReport {
     void print(Output& output) const override {
         bool mendable = false;
         for (const storage::Finding& finding : check_.findings) {
-            output.append(finding.text + (finding.mendable ? "\n" : " (cannot be mended)\n"));
-            mendable = mendable || finding.mendable;
+            const std::string repair = "repair " + finding.repair;
+            output.append(finding.text + " (" + (finding.mendable() ? repair : "cannot be mended") + ")\n");
+            mendable = mendable || finding.mendable();
         }
         output.append(fmt::format(
             "{}: {} group(s), {} record(s), {}\n", directory_, check_.groups, check_.records,
@@ -75,7 +76,8 @@ class CheckReport final : public IReport {
         for (const storage::Finding& finding : check_.findings) {
             json.beginObject();
             json.member("text", finding.text);
-            json.member("mendable", finding.mendable);
+            json.member("mendable", finding.mendable());
+            if (finding.mendable()) json.member("repair", finding.repair);
             json.endObject();
         }
         json.endArray();

@@ -3,6 +3,7 @@
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "cli/command.h"
@@ -15,6 +16,8 @@ class SaveConfigCommand final : public ICommand {
     int run(Workplace& place) override;
 
   private:
+    bool isA2lLost(const std::filesystem::path& a2l) const;
+
     std::string file_;
 };
 

@@ -1,6 +1,7 @@
 #include "cli/command_table.h"
 
 #include "cli/command_console.h"
+#include "cli/command_describe.h"
 #include "cli/command_export.h"
 #include "cli/command_info.h"
 #include "cli/command_list.h"
@@ -41,12 +42,17 @@ constexpr CommandRow kCommands[] = {
     {"info", "Connect and show ECU and DAQ information",
      R"(  xcplumo-cli -c demo.json info
   xcplumo-cli --a2l demo.a2l --udp 127.0.0.1:5555 info
-  xcplumo-cli --a2l ecu.a2l -i can0 -b 500000 info --json)",
+  xcplumo-cli --udp 192.168.0.7:5555 info
+  xcplumo-cli --a2l ecu.a2l -i can0 -b 500000 info --json
+  xcplumo-cli --a2l ecu.a2l info --offline)",
      Needs::connection, Form::json, make<InfoCommand>},
     {"list", "Search measurements/parameters in the A2L (no connection)",
      R"(  xcplumo-cli -c demo.json list
   xcplumo-cli --a2l demo.a2l list speed
-  xcplumo-cli --a2l demo.a2l list -p cal_)",
+  xcplumo-cli --a2l demo.a2l list -p cal_
+  xcplumo-cli --a2l demo.a2l list -l "cal_*_limit"
+  xcplumo-cli --a2l demo.a2l list -d injector
+A pattern with * or ? is the whole name.)",
      Needs::configuration, Form::json, make<ListCommand>},
     {"get", "Read values by name",
      R"(  xcplumo-cli -c demo.json get engine_speed
@@ -72,6 +78,10 @@ With --json -p is 1 when it is not given.)",
      R"(  xcplumo-cli --a2l demo.a2l --udp 127.0.0.1 save-config demo.json
   xcplumo-cli -c demo.json --reconnect retry save-config other.json)",
      Needs::configuration, Form::text, make<SaveConfigCommand>},
+    {"describe", "All that the A2L says about one object (no connection)",
+     R"(  xcplumo-cli --a2l demo.a2l describe engine_speed
+  xcplumo-cli -c demo.json describe cal_curve --json)",
+     Needs::configuration, Form::json, make<DescribeCommand>},
     {"recording", "Look at, check or repair a recording (no connection)",
      R"(  xcplumo-cli recording info first
   xcplumo-cli recording show first -s engine_speed)",
@@ -79,7 +89,8 @@ With --json -p is 1 when it is not given.)",
     {"export", "Convert a recording to MDF 4.1 or CSV (no connection)",
      R"(  xcplumo-cli export first -o first.mf4
   xcplumo-cli export first -o first.csv --merge -s "engine_*" --from 2 --to 4
-  xcplumo-cli export first -o first.csv --every 10 --raw --force)",
+  xcplumo-cli export first -o first.csv --every 10 --raw --force
+  xcplumo-cli export first -o - -s engine_speed | head)",
      Needs::nothing, Form::json, make<ExportCommand>},
 };
 

@@ -111,7 +111,9 @@ int getAll(const std::vector<std::string>& names, Workplace& place) {
         const auto values = place.session->read(rest);
         for (std::size_t i = 0; i < values.size(); ++i) {
             place.results.show(ReadReport(rest[i], values[i], style));
-            if (!values[i]) exitCode = 1;
+            if (values[i]) continue;
+            place.results.hint(values[i].error());
+            exitCode = 1;
         }
         // Each value appears soon after it is read, however slow the next one is.
         if (!place.results.output().flush()) break;
@@ -131,6 +133,7 @@ bool assign(const std::string& assignment, bool allowMeasurements, Workplace& pl
     const auto& [name, text] = *parts;
     const auto outcome = place.session->write(name, text, allowMeasurements);
     place.results.show(WriteReport(name, text, outcome, numberStyle(place.session->config())));
+    if (!outcome.value) place.results.hint(outcome.value.error());
     return outcome.value.ok();
 }
 

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -23,29 +22,31 @@ std::size_t pieceLength(std::string_view text) {
     return lineEnd == std::string_view::npos ? NonblockingOutput::kMaxWrite : lineEnd + 1;
 }
 
+constexpr std::string_view kLossHint =
+    "hint: the ECU is off or out of reach, has stopped the measurement, or another master has connected to "
+    "it "
+    "(one ECU serves one master, the last)\n";
+
 std::uint64_t countLines(std::string_view text) {
     return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
 }  // namespace
 
-Console::Console(int descriptor)
-    : descriptor_(descriptor), wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wakeUp_ < 0) throw std::system_error(errno, std::generic_category(), "event descriptor");
-}
-
 Console::~Console() {
     finishPrinting(std::chrono::milliseconds(0));
-    ::close(wakeUp_);
 }
 
 Result<void> Console::startPrinting(std::uint32_t interval) {
+    constexpr const char* kContext = "cannot start the printer";
     interval_ = interval;
+    wakeUp_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeUp_.valid()) return Error::fromErrno(errno, kContext);
     // Memory that is not to be had ends the start, not the thread.
     queue_.reserve(kQueueBytes);
     batch_.reserve(kQueueBytes);
     output_.emplace(descriptor_);
-    auto thread = startThread("cannot start the printer", [this] { printLoop(); });
+    auto thread = startThread(kContext, [this] { printLoop(); });
     if (!thread.ok()) return thread.error();
     printer_ = std::move(thread).value();
     pthread_setname_np(printer_.native_handle(), "printer");
@@ -90,7 +91,10 @@ void Console::enqueueLine(const std::string& line) {
 void Console::onStateChanged(session::SessionState state, const std::string& message) {
     if (lines_) enqueueLine(lines_->state(state, message));
     if (message.empty()) return;
-    printMessage(std::string("** ") + session::sessionStateName(state) + ": " + message + "\n");
+    std::string lines = std::string("** ") + session::sessionStateName(state) + ": " + message + "\n";
+    const bool lost = state == session::SessionState::reconnecting || state == session::SessionState::failed;
+    if (lost && !lossExplained_.exchange(true)) lines += kLossHint;
+    printMessage(lines);
 }
 
 void Console::finishPrinting(std::chrono::milliseconds limit) {
@@ -102,9 +106,14 @@ void Console::finishPrinting(std::chrono::milliseconds limit) {
     filled_.notify_one();
     const std::uint64_t one = 1;
     // A counter that far from its limit takes the one.
-    [[maybe_unused]] const ssize_t count = ::write(wakeUp_, &one, sizeof(one));
+    [[maybe_unused]] const ssize_t count = ::write(wakeUp_.get(), &one, sizeof(one));
     printer_.join();
     output_.reset();
+}
+
+std::optional<std::int64_t> Console::firstNs() const {
+    const std::lock_guard lock(mutex_);
+    return firstNs_;
 }
 
 std::uint64_t Console::skippedLines() const {
@@ -182,7 +191,7 @@ bool Console::waitForReader() {
         deadline = deadline_;
     }
     if (!deadline) {
-        output_->waitWritable(wakeUp_, std::chrono::milliseconds(-1));
+        output_->waitWritable(wakeUp_.get(), std::chrono::milliseconds(-1));
         return true;
     }
     const auto left =

@@ -25,6 +25,7 @@
 
 #include "cli/measurement_lines.h"
 #include "cli/nonblocking_output.h"
+#include "core/unique_fd.h"
 #include "session/session_state.h"
 #include "xcp/daq_decoder.h"
 
@@ -35,13 +36,13 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     /// Bytes of queued records; one record always finds room in an empty queue.
     static constexpr std::size_t kQueueBytes = std::size_t{1} << 20U;
 
-    explicit Console(int descriptor);
+    explicit Console(int descriptor) : descriptor_(descriptor) {}
     ~Console() override;
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
-    /// Print the first and then every n-th record of each list; 0: none. Error: "cannot start the printer:
-    /// REASON".
+    /// Print the first and then every n-th record of each list; 0: none. Errors: "cannot start the
+    /// printer: REASON".
     Result<void> startPrinting(std::uint32_t interval);
 
     /// How things are printed from now on, of a plan with so many lists; prints the first line.
@@ -61,6 +62,10 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
 
     /// The last line was printed in part: the time was up.
     bool endsInsideLine() const { return endsInsideLine_; }
+
+    bool prints() const { return interval_ != 0; }
+    /// Of the record from which the printed times count; none before there is one.
+    std::optional<std::int64_t> firstNs() const;
 
     /// Lines that were not printed because standard output did not take them.
     std::uint64_t skippedLines() const;
@@ -86,8 +91,9 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
 
     // Constant while records arrive.
     const int descriptor_;
-    const int wakeUp_;  ///< eventfd: a deadline has been set
+    UniqueFd wakeUp_;  ///< eventfd: a deadline has been set
     std::uint32_t interval_ = 0;
+    std::atomic<bool> lossExplained_{false};
     std::unique_ptr<const IMeasurementLines> lines_;
 
     std::thread printer_;

@@ -46,7 +46,9 @@ bool LineKeeper::openFirst() {
     const Error* failure = !opened.ok() ? &opened.error() : !connected.ok() ? &connected.error() : nullptr;
     // What a stop has ended did not fail.
     if (failure == nullptr || stop_.requested()) return opened.ok();
-    printError("connect", Error{failure->code, textOnly(*failure)});
+    Error told = *failure;
+    told.message = textOnly(*failure);
+    printError("connect", told);
     if (opened.ok()) return true;
     told_ = failure->text();
     session_.consoleLog().onNotice("no line yet, trying again each second");

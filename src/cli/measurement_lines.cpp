@@ -9,8 +9,8 @@
 
 #include "cli/json_writer.h"
 #include "cli/value_json.h"
+#include "core/printable_text.h"
 #include "core/text.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -35,9 +35,9 @@ value::Element printable(value::Element element) {
     const auto* verbal = std::get_if<value::Conversion::VerbalTable>(&element.conversion->kind());
     if (verbal == nullptr) return element;
     value::Conversion::VerbalTable table = *verbal;
-    table.defaultText = xcp::printableText(table.defaultText);
+    table.defaultText = printableText(table.defaultText);
     for (auto& range : table.ranges)
-        range.text = xcp::printableText(range.text);
+        range.text = printableText(range.text);
     element.conversion = std::make_shared<const value::Conversion>(
         std::move(table), element.conversion->formatText(), element.conversion->unit());
     return element;
@@ -52,8 +52,8 @@ class TextLines final : public IMeasurementLines {
             const std::string& unit = element.conversion->unit();
             const bool showUnit = !unit.empty() && !element.conversion->isVerbal();
             lists_.at(signal.listIndex)
-                .push_back({"  " + xcp::printableText(element.name) + "=", signal.recordOffset,
-                            printable(element), showUnit ? " " + xcp::printableText(unit) : ""});
+                .push_back({"  " + printableText(element.name) + "=", signal.recordOffset, printable(element),
+                            showUnit ? " " + printableText(unit) : ""});
         }
     }
 

@@ -13,8 +13,8 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include "core/printable_text.h"
 #include "core/thread.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -45,7 +45,7 @@ class MessageSink final : public spdlog::sinks::base_sink<std::mutex> {
   protected:
     void sink_it_(const spdlog::details::log_msg& message) override {
         // Warnings hold texts of A2L files, which must not steer the terminal.
-        const std::string payload = xcp::printableText({message.payload.data(), message.payload.size()});
+        const std::string payload = printableText({message.payload.data(), message.payload.size()});
         spdlog::details::log_msg printable = message;
         printable.payload = payload;
         spdlog::memory_buf_t text;

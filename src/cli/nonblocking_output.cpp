@@ -18,11 +18,11 @@ static_assert(NonblockingOutput::kMaxWrite <= PIPE_BUF);
 
 namespace {
 
-int openAnew(int descriptor) {
+UniqueFd openAnew(int descriptor) {
     // A descriptor that must not be written to stays so.
-    if ((::fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_RDONLY) return -1;
+    if ((::fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_RDONLY) return UniqueFd();
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
-    return ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    return UniqueFd(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
 bool isWritableNow(int descriptor) {
@@ -32,21 +32,16 @@ bool isWritableNow(int descriptor) {
 
 }  // namespace
 
-NonblockingOutput::NonblockingOutput(int descriptor)
-    : given_(descriptor), descriptor_(descriptor), kind_(Kind::polled) {
+NonblockingOutput::NonblockingOutput(int descriptor) : descriptor_(descriptor), kind_(Kind::polled) {
     struct stat info = {};
     if (::fstat(descriptor, &info) != 0) return;
     if (S_ISREG(info.st_mode)) kind_ = Kind::file;
     if (S_ISSOCK(info.st_mode)) kind_ = Kind::socket;
     if (!S_ISFIFO(info.st_mode) && !S_ISCHR(info.st_mode)) return;
-    if (const int own = openAnew(descriptor); own >= 0) {
-        descriptor_ = own;
-        kind_ = Kind::reopened;
-    }
-}
-
-NonblockingOutput::~NonblockingOutput() {
-    if (descriptor_ != given_) ::close(descriptor_);
+    own_ = openAnew(descriptor);
+    if (!own_.valid()) return;
+    descriptor_ = own_.get();
+    kind_ = Kind::reopened;
 }
 
 Result<std::size_t> NonblockingOutput::tryWrite(std::string_view text) {

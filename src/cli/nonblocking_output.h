@@ -1,7 +1,7 @@
 // Writes to a descriptor without waiting for its reader, and without changing the descriptor: O_NONBLOCK set
 // on a terminal or pipe would hold for every other process that shares it.
 //
-// A pipe or terminal is opened anew through /proc/self/fd with a mode of its own; a socket has a flag per
+// A pipe or terminal is opened again through /proc/self/fd with a mode of its own; a socket has a flag per
 // call; a file takes everything. Where the new opening is refused, poll() asks before each write: for a pipe
 // that guarantees room for PIPE_BUF bytes.
 //
@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 
 namespace lm::cli {
 
@@ -24,7 +25,6 @@ class NonblockingOutput {
     static constexpr std::size_t kMaxWrite = 4096;
 
     explicit NonblockingOutput(int descriptor);
-    ~NonblockingOutput();
     NonblockingOutput(const NonblockingOutput&) = delete;
     NonblockingOutput& operator=(const NonblockingOutput&) = delete;
 
@@ -37,7 +37,7 @@ class NonblockingOutput {
   private:
     enum class Kind : std::uint8_t { file, reopened, socket, polled };
 
-    const int given_;
+    UniqueFd own_;  ///< the same, opened for this alone
     int descriptor_;
     Kind kind_;
 };

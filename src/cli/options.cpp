@@ -109,7 +109,6 @@ Result<UdpTarget> splitUdpTarget(std::string_view text) {
 Result<SerialTarget> splitSerialTarget(std::string_view text) {
     const auto colon = text.rfind(':');
     const auto digits = colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
-    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     if (digits.empty() || !std::all_of(digits.begin(), digits.end(), isDigit)) {
         return SerialTarget{std::string(text), std::nullopt};
     }

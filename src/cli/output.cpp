@@ -10,7 +10,7 @@
 #include "cli/nonblocking_output.h"
 #include "cli/stop_signal.h"
 #include "core/file_write.h"
-#include "xcp/text_lines.h"
+#include "core/printable_text.h"
 
 namespace lm::cli {
 namespace {
@@ -23,7 +23,7 @@ void appendPrintable(std::string& buffer, std::string_view text) {
     if (plain) {
         buffer += text;
     } else {
-        buffer += xcp::printableText(text);
+        buffer += printableText(text);
     }
 }
 
@@ -94,8 +94,13 @@ bool reportOutputFailure(int systemError) {
 }
 
 void printError(std::string_view prefix, const Error& error) {
-    printMessage(std::string(prefix) + (prefix.empty() ? "" : ": ") + xcp::printableText(error.text()) +
-                 "\n");
+    const std::string hint = error.hint.empty() ? "" : hintLine(error);
+    printMessage(std::string(prefix) + (prefix.empty() ? "" : ": ") + printableText(error.text()) + "\n" +
+                 hint);
+}
+
+std::string hintLine(const Error& error) {
+    return "hint: " + printableText(error.hint) + "\n";
 }
 
 }  // namespace lm::cli

@@ -29,7 +29,7 @@ class Output {
     /// "%-50s %s\n", the line of get and set, printable.
     void appendValueLine(std::string_view name, std::string_view value);
 
-    /// Writes the buffer. False once a write has failed: nobody reads any further output.
+    /// Writes the buffer. False once a write has failed: no one reads any further output.
     bool flush();
 
     /// Flushes and gives the exit code: 1 with "output: REASON" on standard error after a failed write, else
@@ -49,7 +49,10 @@ class Output {
 /// "output: REASON" on standard error, unless the reason is a reader that went away. True when printed.
 bool reportOutputFailure(int systemError);
 
-/// "PREFIX: TEXT\n" on standard error, only "TEXT\n" for an empty prefix.
+/// "PREFIX: TEXT\n" on standard error, only "TEXT\n" for an empty prefix; then the hint, if there is one.
 void printError(std::string_view prefix, const Error& error);
+
+/// "hint: TEXT\n"
+std::string hintLine(const Error& error);
 
 }  // namespace lm::cli

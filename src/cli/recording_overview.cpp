@@ -11,13 +11,13 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "cli/stop_signal.h"
+#include "core/printable_text.h"
 #include "storage/format/recording_events.h"
 #include "storage/read/exact_extremes.h"
 #include "storage/read/gap_finder.h"
 #include "storage/read/pyramid_reader.h"
 #include "storage/read/signal_selection.h"
 #include "value/conversion.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -106,7 +106,7 @@ std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
 std::string outageText(const storage::Outage& outage, const RecordingInfo& info) {
     return "from " + secondsText(outage.beginNs, info) + " to " +
            (outage.endNs ? secondsText(*outage.endNs, info) : std::string("the end")) + ": " +
-           xcp::printableText(outage.reason + (outage.outcome.empty() ? "" : "; " + outage.outcome));
+           printableText(outage.reason + (outage.outcome.empty() ? "" : "; " + outage.outcome));
 }
 
 std::string physicalText(double value, const SignalInfo& signal) {

@@ -31,7 +31,7 @@ inline double secondsOf(const storage::TimeSpan& span) {
 
 struct Extreme {
     double physical = 0;
-    std::string text;  ///< as the A2L has it: a terminal needs xcp::printableText() of it
+    std::string text;  ///< as the A2L has it: a terminal needs printableText() of it
 };
 /// The least and the greatest value of a signal; none when there is no value.
 using SignalRange = std::optional<std::pair<Extreme, Extreme>>;

@@ -12,11 +12,11 @@
 #include "cli/message_output.h"
 #include "cli/recording_overview.h"
 #include "cli/stop_signal.h"
+#include "core/printable_text.h"
 #include "core/text.h"
 #include "storage/format/recording_events.h"
 #include "storage/read/signal_selection.h"
 #include "storage/read/signal_series.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -56,7 +56,7 @@ Result<TimeRange> wantedTimes(const RecordingReader& recording, const PlotOption
 }
 
 std::string valueLabel(double value, const storage::SignalInfo& signal, std::size_t width) {
-    std::string text = xcp::printableText(physicalText(value, signal));
+    std::string text = printableText(physicalText(value, signal));
     return characterCount(text) <= width ? text : formatGeneral(value);
 }
 
@@ -73,8 +73,8 @@ Result<void> plotSignal(const RecordingReader& recording, const SignalPlace& pla
     if (!group) return group.error();
     storage::SignalSeries signal(recording.directory(), group.value(), place.signal, outages);
     const std::string& unit = signal.info().conversion->unit();
-    output.append(xcp::printableText(signal.info().name + (unit.empty() ? "" : " (" + unit + ")") + ", " +
-                                     group.value().info().name));
+    output.append(printableText(signal.info().name + (unit.empty() ? "" : " (" + unit + ")") + ", " +
+                                group.value().info().name));
     auto whole = signal.extremes(times);
     if (!whole) return whole.error();
     if (whole.value().isEmpty()) {
@@ -126,7 +126,7 @@ int plotSignals(const RecordingReader& recording, const PlotOptions& options, co
     }
     const storage::RecordingEvents events = storage::readEvents(recording.directory(), recording.info());
     if (!events.trouble.empty()) {
-        printMessage("outages not known: " + xcp::printableText(events.trouble) + "\n");
+        printMessage("outages not known: " + printableText(events.trouble) + "\n");
     }
     int exitCode = 0;
     for (std::size_t i = 0; i < places.value().size() && !stopRequested(); ++i) {

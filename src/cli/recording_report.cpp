@@ -8,9 +8,9 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "core/printable_text.h"
 #include "core/text.h"
 #include "storage/read/signal_selection.h"
-#include "xcp/text_lines.h"
 
 namespace lm::cli {
 namespace {
@@ -18,16 +18,6 @@ namespace {
 using storage::GroupReader;
 using storage::RecordingInfo;
 using storage::SignalInfo;
-
-std::string sizeText(std::uint64_t bytes) {
-    constexpr const char* kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
-    if (bytes < 1000) return fmt::format("{} bytes", bytes);
-    auto size = static_cast<double>(bytes);
-    std::size_t unit = 0;
-    for (; size >= 1000 && unit + 1 < std::size(kUnits); ++unit)
-        size /= 1000;
-    return fmt::format("{:.1f} {}", size, kUnits[unit]);
-}
 
 std::string cycleText(std::int64_t cycleNs) {
     if (cycleNs <= 0) return "not cyclic";
@@ -70,10 +60,10 @@ void printSignals(const GroupOverview& group, Output& output) {
         if (!range) {
             output.append(" no value");
         } else {
-            output.append(fmt::format(" {:>12} {:>12}", xcp::printableText(range->first.text),
-                                      xcp::printableText(range->second.text)));
+            output.append(fmt::format(" {:>12} {:>12}", printableText(range->first.text),
+                                      printableText(range->second.text)));
             if (!signals[i].conversion->unit().empty())
-                output.append(" " + xcp::printableText(signals[i].conversion->unit()));
+                output.append(" " + printableText(signals[i].conversion->unit()));
         }
         output.append('\n');
     }
@@ -99,7 +89,7 @@ void printOutages(const storage::RecordingEvents& events, const RecordingInfo& i
     // An older program noted none.
     if (events.file == File::absent) return;
     if (!events.trouble.empty()) {
-        output.append("outages        not known: " + xcp::printableText(events.trouble) + "\n");
+        output.append("outages        not known: " + printableText(events.trouble) + "\n");
         return;
     }
     if (events.outages.empty()) {
@@ -131,7 +121,7 @@ void printClocks(const storage::RecordingEvents& events, const RecordingInfo& in
 void printGroup(const GroupOverview& group, const RecordingInfo& info, Output& output) {
     const std::int64_t cycle = group.reader.info().cycleNs;
     output.append(fmt::format("group {:<8} {}, {}\n", group.reader.number(),
-                              xcp::printableText(group.reader.info().name), cycleText(cycle)));
+                              printableText(group.reader.info().name), cycleText(cycle)));
     printCounts(group.reader, group.span, info, output);
     if (cycle <= 0) {
         output.append("  gaps         not known, no cycle says when the next record is due\n");
@@ -143,13 +133,13 @@ void printGroup(const GroupOverview& group, const RecordingInfo& info, Output& o
 
 void printHead(const RecordingOverview& overview, Output& output) {
     const RecordingInfo& info = overview.recording.info();
-    output.append("recording      " + xcp::printableText(info.name) +
+    output.append("recording      " + printableText(info.name) +
                   (overview.beingWritten ? ", still being recorded" : "") + "\n");
     const std::string source = info.source.empty() ? "" : " (" + info.source + ")";
-    output.append("ECU            " + xcp::printableText(info.ecu + source) + "\n");
+    output.append("ECU            " + printableText(info.ecu + source) + "\n");
     output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
     output.append(fmt::format("duration       {:.3f} s\n", secondsOf(overview.span)));
-    output.append("size           " + sizeText(overview.bytes) + "\n");
+    output.append("size           " + formatSize(overview.bytes) + "\n");
     printOutages(overview.events, info, overview.span, output);
     printClocks(overview.events, info, output);
 }

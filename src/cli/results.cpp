@@ -22,6 +22,7 @@ std::string_view codeName(ErrorCode code) {
 void writeError(JsonWriter& json, const Error& error) {
     json.member("code", codeName(error.code));
     json.member("message", error.text());
+    if (!error.hint.empty()) json.member("hint", error.hint);
 }
 
 std::string objectStart(std::string_view command) {
@@ -49,6 +50,12 @@ void Results::show(const IReport& report) {
 void Results::fail(std::string_view prefix, const Error& error, std::string_view name) {
     printError(prefix, error);
     errors_.push_back({error, std::string(name)});
+}
+
+void Results::hint(const Error& error) {
+    if (form_ != Form::text || error.hint.empty() || !toldHints_.insert(error.hint).second) return;
+    output_.flush();
+    printMessage(hintLine(error));
 }
 
 void Results::failOrStopped(std::string_view prefix, const Error& error, std::string_view name) {

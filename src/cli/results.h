@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -51,11 +52,15 @@ class Results {
     /// The same, without a line for a stop: who asked for it knows of it.
     void failOrStopped(std::string_view prefix, const Error& error, std::string_view name = {});
 
+    /// The hint of an error that is part of a report, as a line on standard error; each once, and none as
+    /// JSON, where it stands in the report.
+    void hint(const Error& error);
+
     /// Lines were written to standard output by another way, which could not write all of them (`failed`) or
     /// not the whole of the last one.
     void afterLines(bool failed, bool insideLine);
 
-    /// Writes what is left; the exit code is Output::finish's. As JSON lines nobody waits for a reader longer
+    /// Writes what is left; the exit code is Output::finish's. As JSON lines no one waits for a reader longer
     /// than a second.
     int finish(int exitCode);
 
@@ -72,10 +77,11 @@ class Results {
     std::string text_;  ///< the object so far
     JsonWriter json_;
     std::vector<NamedError> errors_;
+    std::set<std::string> toldHints_;
     bool abandoned_ = false;
 };
 
-/// The members "code" and "message".
+/// The members "code" and "message", and "hint" where there is one.
 void writeError(JsonWriter& json, const Error& error);
 
 /// {"schema":1,"command":COMMAND without the end: how every object begins.

@@ -60,7 +60,7 @@ int runSession(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
     auto created =
         session::Session::create(std::move(place.config), {}, session::ChannelPool::ofThisMachine(),
-                                 stopToken(), line.command->isRecorded());
+                                 stopToken(), line.command->sessionOptions());
     if (!created) {
         place.results.fail("session", created.error());
         return 1;
@@ -96,7 +96,7 @@ int runConfigured(const CommandLine& line, Workplace& place) {
     auto config = effectiveConfig(line, place.results);
     if (!config) return place.results.finish(1);
     place.config = std::move(*config);
-    const bool hasSession = line.row->needs >= Needs::session;
+    const bool hasSession = line.command->needs(line.row->needs) >= Needs::session;
     return place.results.finish(hasSession ? runSession(line, place) : line.command->run(place));
 }
 

@@ -58,26 +58,21 @@ bool isAbandonedName(std::string_view file, std::string_view name) {
 }
 
 /// Removes what stands under a name unless a program is writing it: EWOULDBLOCK. The lock is held meanwhile,
-/// so that nobody who waits for the same name loses what he put there.
+/// so that no one who waits for the same name loses what he put there.
 int removeUnlessLocked(const std::filesystem::path& path) {
     constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? 0 : errno;
-    int descriptor = -1;
-    if (S_ISREG(status.st_mode)) descriptor = ::open(path.c_str(), O_WRONLY | kFlags);
+    UniqueFd file;
+    if (S_ISREG(status.st_mode)) file = UniqueFd(::open(path.c_str(), O_WRONLY | kFlags));
     // Another user's may be removed, but not locked: whether he writes it can still be seen.
-    if (S_ISREG(status.st_mode) && descriptor < 0) descriptor = ::open(path.c_str(), O_RDONLY | kFlags);
-    int failure = 0;
-    if (descriptor >= 0 && (!lockForWriting(descriptor) || isLockedByAnother(descriptor))) {
-        failure = EWOULDBLOCK;
-    } else if (descriptor < 0 || standsAt(descriptor, path)) {
-        failure = ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
-    }
-    if (descriptor >= 0) ::close(descriptor);
-    return failure;
+    if (S_ISREG(status.st_mode) && !file.valid()) file = UniqueFd(::open(path.c_str(), O_RDONLY | kFlags));
+    if (file.valid() && (!lockForWriting(file.get()) || isLockedByAnother(file.get()))) return EWOULDBLOCK;
+    if (file.valid() && !standsAt(file.get(), path)) return 0;
+    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
-/// What cannot be removed harms nobody.
+/// What cannot be removed harms no one.
 void removeAbandoned(const std::filesystem::path& target) {
     namespace fs = std::filesystem;
     const std::string file = target.filename().string();
@@ -127,12 +122,10 @@ int flushToDisk(int descriptor) {
 }
 
 int flushDirectoryToDisk(const std::filesystem::path& directory) {
-    const int descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const UniqueFd opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // Who may write into a directory need not be allowed to read it.
-    if (descriptor < 0) return errno == EACCES ? 0 : errno;
-    const int failure = ::fsync(descriptor) == 0 ? 0 : withoutUnsupported(errno);
-    ::close(descriptor);
-    return failure;
+    if (!opened.valid()) return errno == EACCES ? 0 : errno;
+    return ::fsync(opened.get()) == 0 ? 0 : withoutUnsupported(errno);
 }
 
 StagedFile::StagedFile(StagedFile&& other) noexcept

@@ -1,4 +1,4 @@
-// Marks files that a program is writing: it holds a lock on them, so that nobody else takes them for
+// Marks files that a program is writing: it holds a lock on them, so that no one else takes them for
 // abandoned or works on them under its hands. The system drops the lock with the descriptor, however the
 // program ends.
 //
@@ -9,7 +9,7 @@
 
 namespace lm {
 
-/// True when nobody else holds it. A file system without locks counts as success: nothing can be known
+/// True when no one else holds it. A file system without locks counts as success: nothing can be known
 /// there.
 bool lockForWriting(int descriptor);
 

@@ -14,6 +14,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include "core/unique_fd.h"
+
 namespace lm {
 
 std::filesystem::path executablePath() {
@@ -61,11 +63,11 @@ Error failure(ErrorCode code, const char* what, const std::filesystem::path& pat
 }  // namespace
 
 Result<MappedFile> MappedFile::open(const std::filesystem::path& path) {
-    int descriptor = -1;
+    UniqueFd file;
     do {
-        descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    } while (descriptor < 0 && errno == EINTR);
-    if (descriptor < 0) {
+        file = UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    } while (!file.valid() && errno == EINTR);
+    if (!file.valid()) {
         const int systemError = errno;
         const auto code = systemError == ENOENT ? ErrorCode::notFound : ErrorCode::ioError;
         return failure(code, "cannot open ", path, systemError);
@@ -73,14 +75,13 @@ Result<MappedFile> MappedFile::open(const std::filesystem::path& path) {
     struct stat status {};
     void* address = nullptr;
     int mapError = 0;
-    if (fstat(descriptor, &status) != 0) {
+    if (fstat(file.get(), &status) != 0) {
         mapError = errno;
     } else if (status.st_size > 0) {
         address =
-            mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_SHARED, descriptor, 0);
+            mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_SHARED, file.get(), 0);
         if (address == MAP_FAILED) mapError = errno;
     }
-    ::close(descriptor);
     if (mapError != 0) return failure(ErrorCode::ioError, "cannot map ", path, mapError);
     return MappedFile(static_cast<const char*>(address), static_cast<std::size_t>(status.st_size));
 }

@@ -26,7 +26,7 @@ void raiseOpenFileLimit();
 /// Minutes from UTC to this host's local time at `utcNs` (nanoseconds since 1970), daylight saving included.
 int utcOffsetMinutes(std::int64_t utcNs);
 
-/// A read-only view of a whole file that nobody cuts short meanwhile: touching what is gone ends the process.
+/// A read-only view of a whole file that no one cuts short meanwhile: touching what is gone ends the process.
 class MappedFile {
   public:
     /// Errors: notFound (ENOENT) or ioError with "cannot open PATH", ioError with "cannot map PATH"; both

@@ -8,6 +8,15 @@
 #include <utility>
 
 namespace lm {
+namespace {
+
+std::string reasonText(int systemError) {
+    std::array<char, 256> buffer{};
+    // The GNU strerror_r returns the text, which need not stand in the buffer.
+    return strerror_r(systemError, buffer.data(), buffer.size());
+}
+
+}  // namespace
 
 std::string_view errorName(ErrorCode code) {
     static constexpr std::array<std::string_view, 11> kNames = {
@@ -54,13 +63,11 @@ bool Error::isStop() const {
 }
 
 Error Error::fromErrno(ErrorCode code, int systemError, std::string_view context) {
-    std::array<char, 256> buffer{};
-    // The GNU strerror_r returns the text, which need not stand in the buffer.
-    const char* description = strerror_r(systemError, buffer.data(), buffer.size());
-    std::string message(context);
-    message += ": ";
-    message += description;
-    return Error{code, std::move(message), systemError, kNoDetail};
+    return Error{code, std::string(context) + ": " + reasonText(systemError), systemError, kNoDetail};
+}
+
+Error Error::withReasonAsHint(ErrorCode code, int systemError, std::string message) {
+    return Error{code, std::move(message), systemError, kNoDetail, reasonText(systemError)};
 }
 
 Error Error::fromErrno(int systemError, std::string_view context) {

@@ -41,6 +41,7 @@ struct Error {
     std::string message = {};         ///< may be empty: text() then gives the name of the code
     std::int32_t sysErrno = 0;        ///< operating-system error number, 0 when none
     std::int32_t detail = kNoDetail;  ///< XCP error code of an ERR packet, else kNoDetail
+    std::string hint = {};            ///< cause or mend, told in a line of its own; empty: none is known
 
     /// The text to print: the message, or the name of the code when there is none.
     std::string text() const;
@@ -53,6 +54,8 @@ struct Error {
     /// "context: strerror(systemError)" with the code given, or derived from `systemError`.
     static Error fromErrno(ErrorCode code, int systemError, std::string_view context);
     static Error fromErrno(int systemError, std::string_view context);
+    /// The same with the strerror text as the hint, for messages that do not end in a reason.
+    static Error withReasonAsHint(ErrorCode code, int systemError, std::string message);
 };
 
 namespace detail {

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <spdlog/fmt/fmt.h>
+
 #include "core/bytes.h"
 
 namespace lm {
@@ -72,10 +74,8 @@ std::string sha256Hex(std::string_view bytes) {
     for (std::size_t at = 0; at < size; at += kBlockSize)
         addBlock(state, &tail[at]);
     std::string text;
-    for (const std::uint32_t word : state) {
-        for (unsigned shift = 32; shift > 0; shift -= 4)
-            text += "0123456789abcdef"[word >> (shift - 4) & 0xFU];
-    }
+    for (const std::uint32_t word : state)
+        text += fmt::format("{:08x}", word);
     return text;
 }
 

@@ -13,24 +13,23 @@
 #include <utility>
 #include <vector>
 
+#include "core/unique_fd.h"
+
 namespace lm {
 
 class StopState {
   public:
-    StopState(int event, const StopToken& parent) : event_(event), parent_(parent) {
+    StopState(UniqueFd event, const StopToken& parent) : event_(std::move(event)), parent_(parent) {
         link_.emplace(parent, [this] {
             const std::lock_guard lock(mutex_);
             wakeLocked();
         });
     }
-    ~StopState() {
-        link_.reset();  // uses the others
-        ::close(event_);
-    }
+    ~StopState() { link_.reset(); }  // uses the others
     StopState(const StopState&) = delete;
     StopState& operator=(const StopState&) = delete;
 
-    int event() const { return event_; }
+    int event() const { return event_.get(); }
     bool requested() const { return own_.load() || parent_.requested(); }
 
     bool requestFromSignalHandler() noexcept {
@@ -49,7 +48,7 @@ class StopState {
         const std::lock_guard lock(mutex_);
         own_.store(false);
         std::uint64_t count = 0;
-        [[maybe_unused]] const ssize_t drained = ::read(event_, &count, sizeof(count));
+        [[maybe_unused]] const ssize_t drained = ::read(event_.get(), &count, sizeof(count));
         // The parent's request may have come before its callback.
         if (requested()) signal();
     }
@@ -74,12 +73,12 @@ class StopState {
     void signal() const noexcept {
         const std::uint64_t one = 1;
         // Fails only when the counter is full, and then the descriptor is readable.
-        [[maybe_unused]] const ssize_t count = ::write(event_, &one, sizeof(one));
+        [[maybe_unused]] const ssize_t count = ::write(event_.get(), &one, sizeof(one));
     }
 
     static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler stores it");
     std::atomic<bool> own_{false};
-    const int event_;
+    const UniqueFd event_;
     const StopToken parent_;
     std::mutex mutex_;
     std::vector<const StopCallback*> callbacks_;  // under mutex_
@@ -108,9 +107,9 @@ bool StopToken::waitFor(std::chrono::milliseconds time) const {
 }
 
 Result<StopSource> StopSource::create(const StopToken& parent) {
-    const int event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (event < 0) return Error::fromErrno(errno, "cannot create an event descriptor");
-    return StopSource(std::make_shared<StopState>(event, parent));
+    UniqueFd event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!event.valid()) return Error::fromErrno(errno, "cannot create an event descriptor");
+    return StopSource(std::make_shared<StopState>(std::move(event), parent));
 }
 
 void StopSource::request() {

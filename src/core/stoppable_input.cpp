@@ -8,12 +8,12 @@
 
 namespace lm {
 
-int openForReading(const std::filesystem::path& path) {
-    int descriptor = -1;
+UniqueFd openForReading(const std::filesystem::path& path) {
+    UniqueFd file;
     do {
-        descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    } while (descriptor < 0 && errno == EINTR);
-    return descriptor;
+        file = UniqueFd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    } while (!file.valid() && errno == EINTR);
+    return file;
 }
 
 ssize_t readUnlessStopped(int descriptor, void* into, std::size_t size, const StopToken& stop) {

@@ -8,11 +8,12 @@
 #include <sys/types.h>
 
 #include "core/stop_token.h"
+#include "core/unique_fd.h"
 
 namespace lm {
 
-/// For the function below; returns at once for a pipe without a writer too. -1 with errno.
-int openForReading(const std::filesystem::path& path);
+/// For the function below; returns at once for a pipe without a writer too. None with errno.
+UniqueFd openForReading(const std::filesystem::path& path);
 
 /// As read() does, waiting for data where there is none yet. -1 with ECANCELED when a stop was requested
 /// first.

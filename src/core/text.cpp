@@ -53,7 +53,21 @@ std::size_t utf8SequenceLength(std::string_view text) {
     return 0;
 }
 
+constexpr std::array<char, 256> kLower = [] {
+    std::array<char, 256> table{};
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        table[i] = static_cast<char>(i >= 'A' && i <= 'Z' ? i + ('a' - 'A') : i);
+    }
+    return table;
+}();
+
 }  // namespace
+
+void lowerAsciiInto(std::string& lowered, std::string_view text) {
+    lowered.resize(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i)
+        lowered[i] = kLower[static_cast<unsigned char>(text[i])];
+}
 
 bool isValidUtf8(std::string_view text) {
     std::size_t at = 0;
@@ -197,6 +211,16 @@ std::string formatFixed(double value, int decimals) {
 
 std::string formatGeneral(double value) {
     return formatted(value, std::chars_format::general, 6);
+}
+
+std::string formatSize(std::uint64_t bytes) {
+    constexpr std::array<const char*, 4> kUnits = {" kB", " MB", " GB", " TB"};
+    if (bytes < 1000) return std::to_string(bytes) + " bytes";
+    auto size = static_cast<double>(bytes) / 1000;
+    std::size_t unit = 0;
+    for (; size >= 1000 && unit + 1 < kUnits.size(); ++unit)
+        size /= 1000;
+    return formatFixed(size, 1) + kUnits[unit];
 }
 
 std::string formatShortest(float value) {

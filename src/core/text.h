@@ -21,6 +21,22 @@ std::string windows1252ToUtf8(std::string_view bytes);
 /// UTF-16 without its byte order mark to UTF-8; a lone surrogate or a last odd byte becomes U+FFFD.
 std::string utf16ToUtf8(std::string_view bytes, bool bigEndian);
 
+constexpr bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+inline constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+/// The value of a hexadecimal digit in capital or small letters.
+constexpr std::optional<unsigned> hexDigit(char c) {
+    if (isDigit(c)) return static_cast<unsigned>(c - '0');
+    if (c >= 'A' && c <= 'F') return static_cast<unsigned>(c - 'A') + 10;
+    if (c >= 'a' && c <= 'f') return static_cast<unsigned>(c - 'a') + 10;
+    return std::nullopt;
+}
+
+/// ASCII letters become small, all other bytes stay; `lowered` keeps its storage for many texts.
+void lowerAsciiInto(std::string& lowered, std::string_view text);
+
 /// How the digits of an unsigned number are read.
 enum class NumberBase : std::uint8_t {
     decimal,    ///< digits only
@@ -40,6 +56,9 @@ std::optional<double> parseDouble(std::string_view text);
 /// sign. The digits are those of the value as it is.
 std::string formatFixed(double value, int decimals);
 std::string formatGeneral(double value);
+
+/// "999 bytes", "1.2 MB": for people.
+std::string formatSize(std::uint64_t bytes);
 
 /// The shortest text that reads back as the same value: of a float, a double.
 std::string formatShortest(float value);

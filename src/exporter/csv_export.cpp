@@ -1,6 +1,7 @@
 #include "exporter/csv_export.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <optional>
 #include <span>
@@ -91,6 +92,8 @@ std::string headingLine(std::span<const ExportGroup> groups, std::string_view ti
     return line;
 }
 
+using TextSink = std::function<Result<void>(std::string_view)>;
+
 class CsvWriter {
   public:
     /// `timeName`: what the first column is called.
@@ -101,7 +104,7 @@ class CsvWriter {
     }
 
     /// One line per time at which a group has a record; the cells of the others are empty.
-    Result<void> write(OutputFile& file, std::span<const ExportGroup> groups) {
+    Result<void> write(const TextSink& sink, std::span<const ExportGroup> groups) {
         std::string text = headingLine(groups, timeHeading_, options_.raw);
         std::vector<GroupCursor> cursors;
         for (const ExportGroup& group : groups) {
@@ -113,12 +116,12 @@ class CsvWriter {
             if (auto appended = appendLine(text, cursors, *next); !appended) return appended;
             text += kLineEnd;
             if (text.size() < kBufferBytes) continue;
-            if (auto written = file.append(text); !written) return written;
+            if (auto written = sink(text); !written) return written;
             text.clear();
         }
         for (GroupCursor& cursor : cursors)
             gaps_.push_back(cursor.takeGaps());
-        return file.append(text);
+        return sink(text);
     }
 
     /// Of all groups that were written, in their order.
@@ -185,12 +188,27 @@ std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& gro
     return files;
 }
 
+Result<void> oneTable(const std::vector<ExportGroup>& groups, const ExportOptions& options) {
+    if (options.merge || groups.size() == 1) return {};
+    return Error{ErrorCode::invalidArgument,
+                 "standard output takes one table, not the " + std::to_string(groups.size()) +
+                     " of these groups: --merge, or -s for signals of one of them"};
+}
+
 }  // namespace
 
 Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInfo& info,
                                                      const std::vector<ExportGroup>& groups,
                                                      const std::vector<storage::Outage>& outages,
                                                      const ExportOptions& options, Progress& progress) {
+    CsvWriter writer(info, options, timeName(groups), progress);
+    const std::span<const ExportGroup> all(groups);
+    if (options.stream) {
+        auto written = oneTable(groups, options);
+        if (written) written = writer.write(options.stream, all);
+        if (!written) return written.error();
+        return std::vector<std::filesystem::path>();
+    }
     // The groups' files stand beside it: "/dev/null" must not give files in /dev.
     if (auto fits = checkTarget(options.output, true); !fits) return fits.error();
     const std::vector<std::filesystem::path> names = fileNames(groups, options);
@@ -200,11 +218,10 @@ Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInf
         if (!file) return file.error();
         files.push_back(std::move(file).value());
     }
-    CsvWriter writer(info, options, timeName(groups), progress);
-    const std::span<const ExportGroup> all(groups);
     const std::size_t parts = files.size() - (options.gaps ? 1 : 0);
     for (std::size_t i = 0; i < parts; ++i) {
-        auto written = writer.write(files[i], parts == 1 ? all : all.subspan(i, 1));
+        const auto append = [&file = files[i]](std::string_view text) { return file.append(text); };
+        auto written = writer.write(append, parts == 1 ? all : all.subspan(i, 1));
         if (!written) return written.error();
     }
     if (options.gaps) {

@@ -14,8 +14,9 @@ namespace lm::exporter {
 
 /// Writes one file for all groups (`merge`, or there is only one group): that of the options. Else one per
 /// group, with the group's name in its own: "out.csv" gives "out_cyclic_1ms.csv". With `gaps` one more,
-/// "out_gaps.csv". Either all appear or none, unless renaming the last ones fails. Returns the files. Errors:
-/// of reading the recording, of OutputFile, of `progress`.
+/// "out_gaps.csv". Either all appear or none, unless renaming the last ones fails. Returns the files: none
+/// for a stream, which takes one table. Errors: of reading the recording, of OutputFile, of `progress`;
+/// invalidArgument for several groups in a stream.
 Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInfo& info,
                                                      const std::vector<ExportGroup>& groups,
                                                      const std::vector<storage::Outage>& outages,

@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/result.h"
@@ -22,6 +23,8 @@ enum class Format : std::uint8_t { mf4, csv };
 
 struct ExportOptions {
     std::filesystem::path output;
+    /// CSV, one table: takes the text piece by piece, and no file is written. Its error ends the export.
+    std::function<Result<void>(std::string_view)> stream = {};
     Format format = Format::mf4;
     bool force = false;                ///< overwrite existing files
     std::vector<std::string> signals;  ///< patterns with '*' and '?'; none: all signals

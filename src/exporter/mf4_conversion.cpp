@@ -11,8 +11,6 @@
 #include <utility>
 #include <variant>
 
-#include "exporter/raw_integer.h"
-
 namespace lm::exporter {
 namespace {
 
@@ -27,6 +25,13 @@ constexpr std::uint8_t kValueToText = 7;
 constexpr std::uint8_t kRangeToText = 8;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kGreatest = std::numeric_limits<double>::max();
+
+/// The least and the greatest value of an integer type behind its mask, as the nearest doubles.
+std::pair<double, double> integerBounds(const value::RawCoding& coding) {
+    const value::IntegerField field(coding);
+    if (field.sign == 0) return {0, static_cast<double>(field.mask >> field.shift)};
+    return {-static_cast<double>(field.sign), static_cast<double>(field.sign - 1)};
+}
 
 Mf4Conversion impossible(std::string obstacle) {
     Mf4Conversion conversion;

@@ -8,8 +8,6 @@
 #include <string_view>
 #include <utility>
 
-#include "exporter/raw_integer.h"
-
 namespace lm::exporter {
 namespace {
 
@@ -30,9 +28,9 @@ Mf4Layout::Form Mf4Layout::formOf(const Mf4Channel& channel) {
     // MDF 4.10 has no float of 2 bytes.
     if (coding.dataType == value::DataType::float16) return Form::single;
     if (value::isFloat(coding.dataType)) return Form::copied;
-    const std::uint64_t bits = valueBits(coding);
-    const std::uint64_t field = bits == 0 ? 0 : bits >> static_cast<unsigned>(std::countr_zero(bits));
-    const bool oneRun = field != 0 && (field & (field + 1)) == 0;
+    const value::IntegerField field(coding);
+    const std::uint64_t bits = field.mask >> field.shift;
+    const bool oneRun = bits != 0 && (bits & (bits + 1)) == 0;
     return oneRun ? Form::copied : Form::integer;
 }
 
@@ -55,10 +53,10 @@ void Mf4Layout::describe(Mf4Channel& channel, Form form) const {
     channel.dataType = static_cast<std::uint8_t>(kind + (isBig ? kBigEndian : 0));
     channel.bitCount = 8 * size;
     if (value::isFloat(coding.dataType)) return;
-    const std::uint64_t bits = valueBits(coding);
-    const auto lowest = static_cast<std::uint32_t>(std::countr_zero(bits));
-    const auto highest = static_cast<std::uint32_t>(std::bit_width(bits)) - 1;
-    channel.bitCount = highest - lowest + 1;
+    const value::IntegerField field(coding);
+    const std::uint32_t lowest = field.shift;
+    const std::uint32_t highest = lowest + field.width - 1;
+    channel.bitCount = field.width;
     channel.bitOffset = static_cast<std::uint8_t>(lowest % 8);
     channel.byteOffset += isBig ? size - 1 - highest / 8 : lowest / 8;
 }

@@ -2,7 +2,7 @@
 //
 // A stored record is a timestamp and the bytes of the ECU, so it is a record of MDF as it lies, but for the
 // origin of its time, when all its signals are exported and MDF can express each of them. Otherwise the
-// records are packed anew.
+// records are packed again.
 //
 // Threads: immutable. Lifetime: borrows the ExportGroup and its signals.
 #pragma once

@@ -44,7 +44,7 @@ Result<OutputFile> OutputFile::create(const std::filesystem::path& target, bool 
     return file;
 }
 
-// Who may read a file does not change because it is written anew. File systems without rights refuse, and
+// Who may read a file does not change because it is written again. File systems without rights refuse, and
 // need not care.
 void OutputFile::keepMode() const {
     constexpr mode_t kRights = 0666;

@@ -5,22 +5,16 @@
 #include <iterator>
 #include <optional>
 
+#include "core/text.h"
+
 namespace lm::hal {
 namespace {
 
 constexpr std::array<std::uint8_t, 16> kCanFdLengths = {0, 1,  2,  3,  4,  5,  6,  7,
                                                         8, 12, 16, 20, 24, 32, 48, 64};
-constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 
 Error invalid(std::string_view reason) {
     return {.code = ErrorCode::invalidArgument, .message = std::string(reason)};
-}
-
-std::optional<unsigned> hexDigit(char digit) {
-    if (digit >= '0' && digit <= '9') return static_cast<unsigned>(digit - '0');
-    if (digit >= 'A' && digit <= 'F') return static_cast<unsigned>(digit - 'A') + 10;
-    if (digit >= 'a' && digit <= 'f') return static_cast<unsigned>(digit - 'a') + 10;
-    return std::nullopt;
 }
 
 Result<void> readIdentifier(std::string_view text, CanFrame& frame) {

@@ -56,12 +56,10 @@ void makeRaw(termios& settings) {
 
 Result<void> SerialPort::open(const std::string& path, std::uint32_t baud) {
     close();
-    int descriptor = -1;
     do {
-        descriptor = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    } while (descriptor < 0 && errno == EINTR);
-    if (descriptor < 0) return cannotOpen(path, errno);
-    descriptor_ = descriptor;
+        descriptor_ = UniqueFd(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    } while (!isOpen() && errno == EINTR);
+    if (!isOpen()) return cannotOpen(path, errno);
     path_ = path;
     outputBlocked_ = false;
     auto ready = claim();
@@ -73,45 +71,45 @@ Result<void> SerialPort::open(const std::string& path, std::uint32_t baud) {
 /// Keeps others out before anything about the line is changed. TIOCEXCL stops programs that know nothing of
 /// locks, flock stops those with the right to pass TIOCEXCL.
 Result<void> SerialPort::claim() {
-    if (::isatty(descriptor_) != 1) {
+    if (::isatty(descriptor_.get()) != 1) {
         return Error{
             .code = ErrorCode::ioError, .message = path_ + " is not a serial port", .sysErrno = errno};
     }
-    if (::flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
+    if (::flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0) {
         return cannotOpen(path_, errno == EWOULDBLOCK ? EBUSY : errno);
     }
-    if (::ioctl(descriptor_, TIOCEXCL) != 0) return cannotOpen(path_, errno);
+    if (::ioctl(descriptor_.get(), TIOCEXCL) != 0) return cannotOpen(path_, errno);
     return {};
 }
 
 Result<void> SerialPort::configure(std::uint32_t baud) {
     termios settings{};
     const std::string context = "cannot configure " + path_;
-    if (::tcgetattr(descriptor_, &settings) != 0) return Error::fromErrno(errno, context);
+    if (::tcgetattr(descriptor_.get(), &settings) != 0) return Error::fromErrno(errno, context);
     makeRaw(settings);
-    if (::tcsetattr(descriptor_, TCSANOW, &settings) != 0) return Error::fromErrno(errno, context);
+    if (::tcsetattr(descriptor_.get(), TCSANOW, &settings) != 0) return Error::fromErrno(errno, context);
     if (auto set = setBaud(baud); !set.ok()) {
         Error error = set.error();
         error.message = context + ": " + error.text();
         return error;
     }
-    if (::tcflush(descriptor_, TCIOFLUSH) != 0) return Error::fromErrno(errno, context);
+    if (::tcflush(descriptor_.get(), TCIOFLUSH) != 0) return Error::fromErrno(errno, context);
     return {};
 }
 
 Result<void> SerialPort::setBaud(std::uint32_t baud) {
     if (!isOpen()) return notOpen();
-    return setLineSpeed(descriptor_, baud);
+    return setLineSpeed(descriptor_.get(), baud);
 }
 
 Result<std::size_t> SerialPort::read(std::uint8_t* buffer, std::size_t capacity, int timeoutMs) {
     if (!isOpen()) return notOpen();
-    pollfd wait{.fd = descriptor_, .events = POLLIN, .revents = 0};
+    pollfd wait{.fd = descriptor_.get(), .events = POLLIN, .revents = 0};
     const int ready = ::poll(&wait, 1, timeoutMs);
     if (ready < 0 && errno != EINTR) return Error::fromErrno(errno, path_ + ": poll");
     if (ready <= 0) return std::size_t{0};
     if ((wait.revents & (POLLERR | POLLNVAL)) != 0) return portGone(path_);
-    const ssize_t count = ::read(descriptor_, buffer, capacity);
+    const ssize_t count = ::read(descriptor_.get(), buffer, capacity);
     if (count < 0 && errno != EINTR && errno != EAGAIN) {
         const int failure = errno;
         // A port pulled between the two calls fails first and says why afterwards.
@@ -128,7 +126,7 @@ Result<void> SerialPort::write(const std::uint8_t* data, std::size_t length) {
     if (!isOpen()) return notOpen();
     auto lastProgress = steady_clock::now();
     while (length > 0) {
-        const ssize_t count = ::write(descriptor_, data, length);
+        const ssize_t count = ::write(descriptor_.get(), data, length);
         if (count < 0 && errno != EAGAIN && errno != EINTR) return Error::fromErrno(errno, path_ + ": write");
         const auto now = steady_clock::now();
         outputBlocked_ = count <= 0 && now - lastProgress >= milliseconds(kWriteLimitMs);
@@ -148,7 +146,7 @@ Result<void> SerialPort::write(const std::uint8_t* data, std::size_t length) {
 /// takes a slow line longer than that, yet takes bytes before.
 Result<void> SerialPort::waitForRoom() {
     constexpr int kRetryMs = 50;
-    pollfd wait{.fd = descriptor_, .events = POLLOUT, .revents = 0};
+    pollfd wait{.fd = descriptor_.get(), .events = POLLOUT, .revents = 0};
     if (::poll(&wait, 1, kRetryMs) < 0 && errno != EINTR) return Error::fromErrno(errno, path_ + ": poll");
     if ((wait.revents & kGone) != 0) return portGone(path_);
     return {};
@@ -158,10 +156,9 @@ void SerialPort::close() {
     if (!isOpen()) return;
     // Closing waits for pending output, for half a minute when nothing takes it. The claim would outlive the
     // descriptor as long as anybody else has the terminal open. A port that is gone refuses both, in vain.
-    if (outputBlocked_) ::tcflush(descriptor_, TCOFLUSH);
-    ::ioctl(descriptor_, TIOCNXCL);
-    ::close(descriptor_);
-    descriptor_ = -1;
+    if (outputBlocked_) ::tcflush(descriptor_.get(), TCOFLUSH);
+    ::ioctl(descriptor_.get(), TIOCNXCL);
+    descriptor_ = UniqueFd();
 }
 
 std::vector<std::string> listPorts(const std::filesystem::path& devices) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/result.h"
+#include "core/unique_fd.h"
 
 namespace lm::hal {
 
@@ -46,7 +47,7 @@ class SerialPort {
     /// Idempotent. Output that the port still accepts is sent; blocked output is dropped.
     void close();
 
-    bool isOpen() const { return descriptor_ >= 0; }
+    bool isOpen() const { return descriptor_.valid(); }
     const std::string& path() const { return path_; }
 
     static constexpr int kWriteLimitMs = 1000;
@@ -56,7 +57,7 @@ class SerialPort {
     Result<void> configure(std::uint32_t baud);
     Result<void> waitForRoom();
 
-    int descriptor_ = -1;
+    UniqueFd descriptor_;
     std::string path_;
     bool outputBlocked_ = false;  ///< the writing thread's; read by close
 };

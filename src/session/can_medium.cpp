@@ -107,7 +107,10 @@ Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, cons
     const auto cmdId = can.cmdId ? can.cmdId : described.masterId;
     const auto resId = can.resId ? can.resId : described.slaveId;
     if (!cmdId || !resId) {
-        return Error{ErrorCode::invalidArgument, "CAN-IDs for XCP are neither configured nor in the A2L"};
+        Error missing{ErrorCode::invalidArgument, "CAN-IDs for XCP are neither configured nor in the A2L"};
+        missing.hint = ifData.isCcpOnly() ? "the A2L describes an ECU that speaks CCP, not XCP"
+                                          : "--cmd-id and --res-id name them";
+        return missing;
     }
     for (const std::uint32_t id : {*cmdId, *resId}) {
         if (const auto valid = checkId(id); !valid.ok()) return valid.error();
@@ -116,9 +119,12 @@ Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, cons
     auto channel = pool.acquire(channelConfig(can));
     if (!channel.ok()) return channel.error();
 
-    MediumTexts texts{"can:" + can.interface,
-                      fmt::format("CMD 0x{:X}, RES 0x{:X} on {}", *cmdId, *resId, can.interface),
-                      fmt::format("{} {}", storage::kCanSource, can.interface)};
+    MediumTexts texts{
+        "can:" + can.interface, fmt::format("CMD 0x{:X}, RES 0x{:X} on {}", *cmdId, *resId, can.interface),
+        fmt::format("{} {}", storage::kCanSource, can.interface),
+        fmt::format("no one answers to CMD 0x{:X} with RES 0x{:X} on {}: the ECU is off, "
+                    "identifiers, bit rate or CAN FD are others, or another master is connected",
+                    *cmdId, *resId, can.interface)};
     auto medium = std::make_unique<CanMedium>(std::move(channel).value(),
                                               transportConfig(can, described, *cmdId, *resId),
                                               std::move(texts), described);

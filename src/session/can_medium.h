@@ -77,7 +77,7 @@ class CanMedium final : public IMedium {
     bool trouble_ = false;   ///< error passive or bus off, and not error active since
     hal::CanBusState told_ = hal::CanBusState::errorActive;  ///< by the last message
     std::uint64_t hidden_ = 0;                               ///< changes since the last message
-    std::int64_t spentNs_ = 0;  ///< until then the messages so far have used up the time that is for each
+    std::int64_t spentNs_ = 0;  ///< a message takes kMessagePauseNs; those told so far last until here
 };
 
 /// Opens or joins the channel of the interface and claims the identifiers that it receives. Warns when the

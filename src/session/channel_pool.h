@@ -96,7 +96,7 @@ class ChannelPool {
     /// The pool of the process, for the interfaces of this machine.
     static ChannelPool& ofThisMachine();
 
-    /// The open channel of that interface, opened when nobody has it. Errors (invalidArgument): "NAME: CAN FD
+    /// The open channel of that interface, opened when no one has it. Errors (invalidArgument): "NAME: CAN FD
     /// setting differs from another ECU on this channel", "NAME: bitrate 250000 conflicts with 500000 of
     /// another ECU on this channel" ("data bitrate" likewise); those of opening. A bit rate asked for when
     /// the channel was opened without one is ignored with a warning.

@@ -6,7 +6,7 @@
 
 #include <spdlog/spdlog.h>
 
-#include "xcp/text_lines.h"
+#include "core/printable_text.h"
 
 namespace lm::session {
 
@@ -17,7 +17,7 @@ void ConsoleLog::onText(std::string_view line) {
 
 Result<void> ConsoleLog::addSent(std::string_view line, const std::function<Result<void>()>& send) {
     const std::lock_guard one(sending_);
-    ConsoleLine sent{std::chrono::system_clock::now(), ConsoleLineKind::sent, xcp::printableText(line)};
+    ConsoleLine sent{std::chrono::system_clock::now(), ConsoleLineKind::sent, printableText(line)};
     {
         const std::lock_guard lock(mutex_);
         holding_ = true;

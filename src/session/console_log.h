@@ -1,8 +1,7 @@
 // The lines of the plain-text conversation with an ECU on a serial line, for a console to show them: what the
 // ECU printed, what was sent to it, what became of the line.
 //
-// Threads: any. Lifetime: owns its lines, the last kCapacity or
-// kMaxBytes of them.
+// Threads: any. Lifetime: owns its lines, the last kCapacity or kMaxBytes of them.
 #pragma once
 
 #include <chrono>

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "session/measurement_plan.h"
+#include "session/refusal_hint.h"
 
 namespace lm::session {
 namespace {
@@ -81,9 +82,14 @@ Measurement::~Measurement() {
 /// Downloads the plan, installs a fresh decoder, starts DAQ.
 Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
     xcp::Master& master = context_.master;
-    const auto firstPids =
-        xcp::inStep(master, [&] { return master.configureDaq(plan_.daq, context_.config.daq.firstPid); });
-    if (!firstPids.ok()) return firstPids.error();
+    xcp::DaqRefusal refusal;
+    const auto firstPids = xcp::inStep(
+        master, [&] { return master.configureDaq(plan_.daq, context_.config.daq.firstPid, refusal); });
+    if (!firstPids.ok()) {
+        Error error = firstPids.error();
+        if (error.detail != Error::kNoDetail) error.hint = refusalHint(plan_, capabilities, refusal);
+        return error;
+    }
     removeDecoder();
     {
         const std::lock_guard lock(decoderMutex_);
@@ -129,7 +135,7 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
         xcp::Master& master = context_.master;
         stopped = master.connected() ? master.stopDaqOnce() : master.stopDaqUnconnected();
     } else {
-        // Nobody is known to listen: what cannot even be sent changes nothing.
+        // No one is known to listen: what cannot even be sent changes nothing.
         static_cast<void>(context_.master.stopDaqWithoutWaiting());
     }
     removeDecoder();
@@ -152,11 +158,12 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
 }
 
 PlanSummary Measurement::summary() const {
-    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}};
-    // Without timestamps nothing is checked anywhere, which the start has told.
-    if (plan_.daq.timestampSize == 0) return summary;
+    PlanSummary summary{plan_.planned.size(), plan_.daq.lists.size(), busLoad_, {}, {}};
     for (const storage::GroupInfo& group : session::recordingInfo(plan_, context_.capabilities).groups) {
-        if (group.cycleNs == 0) summary.withoutCycle.push_back(group.name);
+        if (group.cycleNs != 0) continue;
+        // Without timestamps nothing is checked anywhere, which the start has told.
+        if (plan_.daq.timestampSize != 0) summary.withoutCycle.push_back(group.name);
+        if (context_.medium.hasLoad()) summary.notInLoad.push_back(group.name);
     }
     return summary;
 }
@@ -240,7 +247,7 @@ Result<bool> Measurement::daqRunning() {
 }
 
 Result<void> Measurement::reconnect() {
-    // A device that has gone is opened anew: a CAN channel here, a serial port by CONNECT. An attempt that
+    // A device that has gone is opened again: a CAN channel here, a serial port by CONNECT. An attempt that
     // never ended would take the decision from the reconnect policy.
     if (auto reopened = context_.medium.reopenIfLost(); !reopened.ok()) return reopened;
     const std::uint32_t configured = std::max<std::uint32_t>(context_.config.xcp.connectAttempts, 1);

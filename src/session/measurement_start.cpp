@@ -1,6 +1,7 @@
 #include "session/measurement_start.h"
 
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 #include <spdlog/spdlog.h>
@@ -31,6 +32,23 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     return AcceptedPlan{std::move(plan).value(), load.value()};
 }
 
+namespace {
+
+/// What the last part of a path calls a directory; of "." and ".." the name of what they stand for.
+std::string directoryName(const std::filesystem::path& directory) {
+    const auto lastPart = [](const std::filesystem::path& path) {
+        const auto normal = path.lexically_normal();
+        return (normal.has_filename() ? normal : normal.parent_path()).filename().string();
+    };
+    const std::string name = lastPart(directory);
+    if (name != "." && name != "..") return name;
+    std::error_code failure;
+    const auto real = std::filesystem::weakly_canonical(directory, failure);
+    return failure ? name : lastPart(real);
+}
+
+}  // namespace
+
 storage::RecordingInfo describeRecording(const MeasurementContext& context, const MeasurementPlan& plan,
                                          const std::filesystem::path& directory) {
     using namespace std::chrono;
@@ -38,8 +56,7 @@ storage::RecordingInfo describeRecording(const MeasurementContext& context, cons
     info.startHostNs = nanoseconds(steady_clock::now().time_since_epoch()).count();
     info.startUtcNs = nanoseconds(system_clock::now().time_since_epoch()).count();
     info.source = context.medium.texts().source;
-    const auto normal = directory.lexically_normal();
-    info.name = (normal.has_filename() ? normal : normal.parent_path()).filename().string();
+    info.name = directoryName(directory);
     info.ecu = context.ecuName;
     info.utcOffsetMinutes = utcOffsetMinutes(info.startUtcNs);
     info.a2lName = context.config.a2l.filename().string();

@@ -43,14 +43,19 @@ struct MeasurementOptions {
     /// Called once with the plan before the first record can arrive. The plan lives until the measurement is
     /// stopped.
     std::function<void(const MeasurementPlan&)> onPlanned = {};
+    /// How long it is meant to last, 0: open. It tells whether the disk holds the recording, and ends
+    /// nothing.
+    std::chrono::duration<double> duration{0};
 };
 
 struct PlanSummary {
     std::size_t signalCount = 0;
     std::size_t listCount = 0;
     double busLoad = 0;  ///< fraction of 1
-    /// Events of lists whose missed cycles nobody can count: no cycle is known of them.
+    /// Events of lists whose missed cycles no one can count: no cycle is known of them.
     std::vector<std::string> withoutCycle;
+    /// The same, where `busLoad` leaves their lists out; none on a medium without a load.
+    std::vector<std::string> notInLoad;
 };
 
 /// A DAQ list of which no record came.
@@ -70,6 +75,7 @@ struct MeasurementStats {
     bool recording = false;
     std::uint64_t recorded = 0;
     std::uint64_t recordedDropped = 0;  ///< records that the writer could not keep
+    std::int64_t recordingStartNs = 0;  ///< on the clock of the records
 
     // Losses that the statistics line does not name.
     std::chrono::nanoseconds withoutSamples{0};  ///< in the outages that a reconnection ended

@@ -32,6 +32,7 @@ struct MediumTexts {
     std::string name;         ///< "can:INTERFACE", "udp:HOST:PORT" or "serial:PORT"
     std::string description;  ///< as `info` shows it: "XCP on UDP/IP, HOST:PORT"
     std::string source;       ///< as a recording tells it, see storage/format/recording_source.h
+    std::string silence;      ///< where no one answered, and why that may be
 };
 
 /// Counters that the statistics line shows whatever the medium is.
@@ -58,6 +59,8 @@ class IMedium {
     /// Error: invalidArgument "estimated ... exceeds the limit of ...", with nothing claimed.
     virtual Result<double> claimLoad(const LoadInput& input, double limit) = 0;
     virtual void releaseLoad() {}
+    /// Whether a load is estimated at all.
+    virtual bool hasLoad() const { return true; }
 
     /// Totals, always the same in the same order. One may fall, when what was missing comes late.
     virtual std::vector<MediumCounter> counters() const = 0;

@@ -2,7 +2,7 @@
 //
 // An outage is measured by the times of the records around it, not by when it was noticed: an ECU that was
 // out of reach may send what it still had in its queue, or run its old lists again, before it is connected
-// anew. All gaps between such records belong to the outage.
+// again. All gaps between such records belong to the outage.
 //
 // Threads: onRecord() on the receive thread (one thread at a time); begin() and end() on the supervisor's;
 // start() before both, finish() after both; the totals from any thread. Lifetime: a plain value of its owner.

@@ -16,9 +16,13 @@ class SerialMedium final : public IMedium {
   public:
     SerialMedium(const xcp::SerialTransportConfig& config, const StopToken& stop)
         : transport_(config, stop),
-          texts_{"serial:" + config.port,
-                 fmt::format("XCP on serial, {}, {} baud", config.port, config.baudrate),
-                 fmt::format("{} {}", storage::kSerialSource, config.port)},
+          texts_{
+              "serial:" + config.port,
+              fmt::format("XCP on serial, {}, {} baud", config.port, config.baudrate),
+              fmt::format("{} {}", storage::kSerialSource, config.port),
+              fmt::format("no one answers on {} at {} baud: the ECU is off or still starting "
+                          "(--reset-delay), port or baud rate is another one, or another master is connected",
+                          config.port, config.baudrate)},
           baudrate_(config.baudrate) {}
 
     const MediumTexts& texts() const override { return texts_; }

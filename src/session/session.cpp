@@ -35,24 +35,49 @@ Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements) {
     const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
     if (!object.writable && !(isMeasurement && allowMeasurements)) {
         const char* reason = isMeasurement ? " is a measurement without READ_WRITE" : " is not writable";
-        return Error{ErrorCode::permissionDenied, object.name + reason};
+        Error refused{ErrorCode::permissionDenied, object.name + reason};
+        if (isMeasurement) refused.hint = object.name + ": `set -m` overwrites measurements, too";
+        return refused;
     }
     if (!object.first.emptyMask) return {};
     return Error{ErrorCode::permissionDenied,
                  object.name + ": BIT_MASK 0x0 leaves no bit that may be written"};
 }
 
+bool namesTransport(const SessionConfig& config) {
+    return !config.can.interface.empty() || !config.udp.host.empty() || !config.serial.port.empty();
+}
+
 }  // namespace
 
-Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback,
-                                                 ChannelPool& pool, const StopToken& stop, bool digest) {
-    if (config.a2l.empty()) return Error{ErrorCode::invalidArgument, "no A2L file configured"};
-    auto description = a2l::load(config.a2l, stop, digest);
-    if (!description.ok()) return description.error();
-    for (const std::string& warning : description.value().warnings) {
+Error noA2lConfigured() {
+    Error error{ErrorCode::invalidArgument, "no A2L file configured"};
+    error.hint = "--a2l FILE names it, or \"a2l\" in a configuration (-c)";
+    return error;
+}
+
+void logWarnings(const a2l::Description& description) {
+    for (const std::string& warning : description.warnings)
         spdlog::warn("A2L: {}", warning);
-        if (callback) callback(warning);
+    for (const std::string& note : description.notes)
+        spdlog::info("A2L: {}", note);
+}
+
+Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback,
+                                                 ChannelPool& pool, const StopToken& stop,
+                                                 SessionOptions options) {
+    const bool isDescribed = !config.a2l.empty();
+    if (!isDescribed && !(options.a2lOptional && namesTransport(config))) return noA2lConfigured();
+    auto description = isDescribed ? a2l::load(config.a2l, stop, options.digest)
+                                   : Result<a2l::Description>(a2l::Description());
+    if (!description.ok()) return description.error();
+    logWarnings(description.value());
+    if (callback) {
+        for (const std::string& warning : description.value().warnings)
+            callback(warning);
     }
+    if (description.value().xcp.isCcpOnly())
+        spdlog::warn("A2L: the file describes an ECU that speaks CCP, not XCP (ASAP1B_CCP)");
     auto own = StopSource::create(stop);
     if (!own.ok()) return own.error();
     auto medium = chooseTransport(config, description.value().xcp, pool, own.value().token());
@@ -84,8 +109,11 @@ Session::~Session() {
 Result<void> Session::open() {
     if (auto reopened = medium_->reopenIfLost(); !reopened.ok()) return reopened;
     medium_->reportTrouble();
-    auto connected = master_->connect();
-    if (!connected.ok()) return connected;
+    if (auto connected = master_->connect(); !connected.ok()) {
+        Error error = connected.error();
+        if (error.code == ErrorCode::timeout) error.hint = medium_->texts().silence;
+        return error;
+    }
     capabilities_.reset();
     if (master_->connectInfo().offersDaq()) {
         auto capabilities = xcp::inStep(*master_, [this] { return master_->daqCapabilities(); });
@@ -127,6 +155,15 @@ Result<xcp::SlaveStatus> Session::status() {
     return xcp::inStep(*master_, [this] { return master_->getStatus(); });
 }
 
+/// With a hint where an ECU that had answered CONNECT is silent.
+Error Session::afterConnect(Error error) const {
+    if (error.code != ErrorCode::timeout || !error.hint.empty()) return error;
+    error.hint = "the ECU (" + medium_->texts().description +
+                 ") answered CONNECT: it went away since, or another master has connected to it (one ECU "
+                 "serves one master, the last)";
+    return error;
+}
+
 std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
     auto outcome = values_.read(names.size(), [&](std::size_t i) -> Result<value::Element> {
         const auto object = a2l::findObject(description_, names[i]);
@@ -134,6 +171,9 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
         return object.value().element();
     });
     if (!outcome.confirmed) silent_ = true;
+    for (Result<Reading>& value : outcome.values) {
+        if (!value.ok()) value = afterConnect(value.error());
+    }
     return std::move(outcome.values);
 }
 
@@ -144,10 +184,14 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, bool a
         return {allowed.error()};
     const value::Element element = object.value().element();
     const auto typed = value::parseText(element, text);
-    if (typed.ok()) return values_.write(element, typed.value());
+    if (typed.ok()) {
+        auto outcome = values_.write(element, typed.value());
+        if (!outcome.value.ok()) outcome.value = afterConnect(outcome.value.error());
+        return outcome;
+    }
     // That an ECU cannot be read counts more than a slip of the pen.
     const auto current = values_.read(element);
-    return {current.ok() ? typed.error() : current.error()};
+    return {current.ok() ? typed.error() : afterConnect(current.error())};
 }
 
 Result<void> Session::sendText(std::string_view line) {
@@ -169,7 +213,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     if (const auto begun = beginMeasurement(options); !begun.ok()) {
         measurement_.reset();
         recording_.reset();
-        return begun.error();
+        return afterConnect(begun.error());
     }
     running_ = true;
     return measurement_->summary();
@@ -178,7 +222,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
 /// With its recording, of which a failure leaves no file that it made.
 Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
     if (!options.recordDirectory.empty()) {
-        if (auto begun = beginRecording(options.recordDirectory); !begun.ok()) return begun;
+        if (auto begun = beginRecording(options); !begun.ok()) return begun;
     }
     auto started = measurement_->start(options);
     if (started.ok()) return started;
@@ -190,12 +234,13 @@ Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
     return started;
 }
 
-Result<void> Session::beginRecording(const std::filesystem::path& directory) {
-    storage::RecordingInfo info = measurement_->recordingInfo(directory);
+Result<void> Session::beginRecording(const MeasurementOptions& options) {
+    storage::RecordingInfo info = measurement_->recordingInfo(options.recordDirectory);
+    recordingStartNs_ = info.startHostNs;
     std::vector<storage::GroupInfo> groups = std::exchange(info.groups, {});
     recording_ = std::make_unique<storage::Recorder>(std::move(info));
     measurement_->recordTo(recording_->add(std::move(groups)));
-    return recording_->begin(directory);
+    return recording_->begin(options.recordDirectory, options.duration);
 }
 
 Result<void> Session::stopMeasurement() {
@@ -208,7 +253,7 @@ Result<void> Session::stopMeasurement() {
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
     if (stopped.ok()) return recorded;
     if (!recorded.ok()) spdlog::warn("{}", recorded.error().text());
-    return stopped;
+    return afterConnect(stopped.error());
 }
 
 MeasurementStats Session::statistics() const {
@@ -216,6 +261,7 @@ MeasurementStats Session::statistics() const {
     MeasurementStats stats = measurement_->statistics();
     if (recording_) {
         stats.recording = true;
+        stats.recordingStartNs = recordingStartNs_;
         stats.recorded = recording_->recordsWritten();
         stats.recordedDropped = recording_->recordsDropped();
     }

@@ -33,18 +33,28 @@ namespace lm::session {
 
 class Measurement;
 
+struct SessionOptions {
+    bool digest = false;       ///< recordings tell the A2L's SHA-256
+    bool a2lOptional = false;  ///< a configuration that names a transport will do
+};
+
+/// "no A2L file configured"
+Error noA2lConfigured();
+
+/// Logs what was left out of a description or is odd about it; what nobody misses for `-v` only.
+void logWarnings(const a2l::Description& description);
+
 class Session final : private xcp::IMasterListener {
   public:
     /// Called with every warning about the A2L, beside the log.
     using WarningCallback = std::function<void(const std::string&)>;
 
     /// Loads the A2L and chooses the transport, which opens a CAN channel of the pool; nothing is sent.
-    /// `stop` ends the reading of the A2L, and later all that requestStop() ends. With `digest` recordings
-    /// tell the A2L's SHA-256. Errors: "no A2L file configured", those of a2l::load, chooseTransport and
-    /// StopSource::create.
+    /// `stop` ends the reading of the A2L, and later all that requestStop() ends. Errors: noA2lConfigured(),
+    /// those of a2l::load, chooseTransport and StopSource::create.
     static Result<std::unique_ptr<Session>> create(SessionConfig config, const WarningCallback& callback = {},
                                                    ChannelPool& pool = ChannelPool::ofThisMachine(),
-                                                   const StopToken& stop = {}, bool digest = false);
+                                                   const StopToken& stop = {}, SessionOptions options = {});
 
     ~Session() override;
     Session(const Session&) = delete;
@@ -117,9 +127,10 @@ class Session final : private xcp::IMasterListener {
     void onTransportEvent(const xcp::TransportEvent& event) override;
 
     void changeState(SessionState state, const std::string& message);
-    Result<void> beginRecording(const std::filesystem::path& directory);
+    Result<void> beginRecording(const MeasurementOptions& options);
     Result<void> beginMeasurement(const MeasurementOptions& options);
     void warnAboutByteOrder() const;
+    Error afterConnect(Error error) const;
 
     // Constant after construction.
     const SessionConfig config_;
@@ -134,6 +145,7 @@ class Session final : private xcp::IMasterListener {
     std::optional<xcp::DaqCapabilities> capabilities_;
     // The running or the last ones, for their statistics. The measurement borrows the recording.
     std::unique_ptr<storage::Recorder> recording_;
+    std::int64_t recordingStartNs_ = 0;
     std::unique_ptr<Measurement> measurement_;
     bool running_ = false;
     bool silent_ = false;  ///< the ECU did not answer last: DISCONNECT is not waited for

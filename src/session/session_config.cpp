@@ -348,19 +348,20 @@ std::string dumped(const ordered_json& document, ordered_json::error_handler_t o
 }
 
 Result<std::string> readWhole(const std::filesystem::path& path, const StopToken& stop) {
-    const int file = openForReading(path);
-    if (file < 0) {
-        return Error{ErrorCode::notFound, "cannot open configuration " + path.string(), errno};
+    const UniqueFd file = openForReading(path);
+    if (!file.valid()) {
+        const int reason = errno;
+        return Error::withReasonAsHint(ErrorCode::notFound, reason,
+                                       "cannot open configuration " + path.string());
     }
     std::string text;
     std::array<char, 16384> block;
     ssize_t count = 0;
     do {
-        count = readUnlessStopped(file, block.data(), block.size(), stop);
+        count = readUnlessStopped(file.get(), block.data(), block.size(), stop);
         if (count > 0) text.append(block.data(), static_cast<std::size_t>(count));
     } while (count > 0 && text.size() <= kMaxSize);
     const int failure = count < 0 ? errno : 0;
-    ::close(file);
     if (text.size() > kMaxSize) {
         return Error{ErrorCode::invalidArgument, "configuration " + path.string() + " is larger than 16 MiB"};
     }
@@ -426,8 +427,7 @@ Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionC
         return Error{ErrorCode::invalidArgument, "cannot write " + path.string() + ": " + e.what()};
     }
     if (const int failure = replaceOrWrite(path, text); failure != 0) {
-        spdlog::debug("{}: {}", path.string(), std::strerror(failure));
-        return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
+        return Error::withReasonAsHint(codeFromErrno(failure), failure, "cannot write " + path.string());
     }
     return {};
 }

@@ -114,9 +114,8 @@ Result<SessionConfig> sessionConfigFromJson(std::string_view text,
 /// not UTF-8 become U+FFFD.
 std::string sessionConfigToJson(const SessionConfig& config);
 
-/// A stop ends the reading. Errors: notFound "cannot open configuration PATH",
-/// ioError "cannot read configuration PATH" (both with the errno), and those of the conversion behind "PATH:
-/// ".
+/// A stop ends the reading. Errors: notFound "cannot open configuration PATH", ioError "cannot read
+/// configuration PATH" (both with the errno), and "PATH: " with an error of the conversion.
 Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, const StopToken& stop = {});
 
 /// Replaces the file that `path` names by a new one, whole and on the disk, of the same owner (as far as the

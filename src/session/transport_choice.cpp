@@ -20,8 +20,10 @@ Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config, co
         auto medium = make(config, ifData, pool, stop);
         if (!medium.ok() || medium.value() != nullptr) return medium;
     }
-    return Error{ErrorCode::invalidArgument,
-                 "neither a CAN interface, a serial port nor a UDP host is configured"};
+    Error missing{ErrorCode::invalidArgument,
+                  "neither a CAN interface, a serial port nor a UDP host is configured"};
+    missing.hint = "-i INTERFACE, --serial PORT[:BAUD] or --udp HOST[:PORT] names one";
+    return missing;
 }
 
 }  // namespace lm::session

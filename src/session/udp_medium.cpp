@@ -17,8 +17,10 @@ class UdpMedium final : public IMedium {
   public:
     explicit UdpMedium(const xcp::UdpTransportConfig& config) : transport_(config) {
         const std::string place = fmt::format("{}:{}", config.host, config.port);
-        texts_ = {"udp:" + place, "XCP on UDP/IP, " + place,
-                  fmt::format("{} {}", storage::kUdpSource, place)};
+        texts_ = {"udp:" + place, "XCP on UDP/IP, " + place, fmt::format("{} {}", storage::kUdpSource, place),
+                  fmt::format("no one answers at host {}, port {}: the ECU is off, the host or port is "
+                              "another one, a firewall drops the packets, or another master is connected",
+                              config.host, config.port)};
     }
 
     const MediumTexts& texts() const override { return texts_; }
@@ -27,6 +29,7 @@ class UdpMedium final : public IMedium {
     Result<double> claimLoad(const LoadInput& input, double /*limit*/) override {
         return estimateUdpLoad(input).fraction;
     }
+    bool hasLoad() const override { return false; }
 
     std::vector<MediumCounter> counters() const override {
         const xcp::UdpStatistics udp = transport_.statistics();

@@ -69,15 +69,14 @@ std::string formatted(const Exact& number, std::optional<int> decimals) {
 }
 
 std::optional<Exact> parseHexadecimal(std::string_view digits) {
-    constexpr std::string_view kDigits = "0123456789abcdef0123456789ABCDEF";
     if (digits.empty()) return std::nullopt;
     Unsigned128 number = 0;
     int exponent = 0;
     for (const char c : digits) {
-        const std::size_t digit = kDigits.find(c);
-        if (digit == std::string_view::npos) return std::nullopt;
+        const auto digit = hexDigit(c);
+        if (!digit) return std::nullopt;
         const bool hasRoom = bitWidth(number) <= kMostBits - 4;
-        if (hasRoom) number = number << 4U | digit % 16;
+        if (hasRoom) number = number << 4U | *digit;
         if (!hasRoom) exponent += 4;
     }
     return Exact{static_cast<Int128>(number), exponent};

@@ -54,9 +54,6 @@ constexpr std::array<BinaryOperator, 18> kBinaryOperators = {{
     {"%", kRemainder, 10},
 }};
 
-constexpr bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
 constexpr bool isWordStart(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
 }

@@ -10,20 +10,6 @@
 namespace lm::value {
 namespace {
 
-/// The bits of an integer field inside its element.
-struct Field {
-    std::uint64_t mask;  ///< in place; may be empty when a mask lies wholly beyond the type
-    unsigned shift;
-    unsigned width;
-};
-
-Field fieldOf(const RawCoding& coding) {
-    const std::uint64_t whole = ~std::uint64_t{0} >> (64U - 8U * coding.size());
-    const std::uint64_t mask = coding.bitMask == 0 ? whole : coding.bitMask & whole;
-    const auto shift = mask == 0 ? 0U : static_cast<unsigned>(std::countr_zero(mask));
-    return {mask, shift, static_cast<unsigned>(std::bit_width(mask >> shift))};
-}
-
 // --- Decoding
 
 template <std::unsigned_integral Word, bool kSigned, ByteOrder kOrder>
@@ -35,15 +21,9 @@ double decodePlain(const std::uint8_t* bytes, const RawCoding& /*coding*/) {
 
 template <std::unsigned_integral Word, bool kSigned, ByteOrder kOrder>
 double decodeMasked(const std::uint8_t* bytes, const RawCoding& coding) {
-    // The shift of the mask as given: it is not 0 here, while its part inside the type may be.
-    const auto shift = static_cast<unsigned>(std::countr_zero(coding.bitMask));
-    const std::uint64_t field = (readBytes<Word>(bytes, kOrder) & coding.bitMask) >> shift;
-    if constexpr (kSigned) {
-        const auto inType = static_cast<Word>(coding.bitMask);
-        const std::uint64_t sign = std::uint64_t{std::bit_floor(inType)} >> shift;
-        return static_cast<double>(static_cast<std::int64_t>((field ^ sign) - sign));
-    }
-    return static_cast<double>(field);
+    const std::uint64_t value = IntegerField(coding).valueIn(readBytes<Word>(bytes, kOrder));
+    if constexpr (kSigned) return static_cast<double>(static_cast<std::int64_t>(value));
+    return static_cast<double>(value);
 }
 
 template <ByteOrder kOrder>
@@ -146,7 +126,7 @@ bool fits(Int128 whole, unsigned width, bool isSignedField) {
 
 /// Puts a whole number, in units of the field, among the other bits; false when it does not fit.
 bool putField(Int128 whole, const RawCoding& coding, std::span<std::uint8_t> buffer) {
-    const Field field = fieldOf(coding);
+    const IntegerField field(coding);
     if (!fits(whole, field.width, hasSign(coding))) return false;
     const auto bits = static_cast<std::uint64_t>(whole);
     const std::uint64_t old = readSized(buffer.data(), coding.size(), coding.byteOrder);
@@ -199,13 +179,8 @@ double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding) {
 }
 
 std::uint64_t decodeInteger(const std::uint8_t* bytes, const RawCoding& coding) {
-    const Field field = fieldOf(coding);
-    std::uint64_t value = (readSized(bytes, coding.size(), coding.byteOrder) & field.mask) >> field.shift;
-    if (hasSign(coding)) {
-        const std::uint64_t sign = std::bit_floor(field.mask) >> field.shift;
-        value = (value ^ sign) - sign;
-    }
-    return value << coding.leftShift;
+    const std::uint64_t word = readSized(bytes, coding.size(), coding.byteOrder);
+    return IntegerField(coding).valueIn(word) << coding.leftShift;
 }
 
 Result<void> encodeRaw(double value, const RawCoding& coding, std::span<std::uint8_t> buffer) {

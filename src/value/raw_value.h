@@ -34,6 +34,24 @@ struct RawCoding {
     std::size_t size() const { return dataTypeSize(dataType); }
 };
 
+/// Whether decodeInteger() gives a negative number where its top bit is set.
+inline bool hasSign(const RawCoding& coding) {
+    return isSigned(coding.dataType) || coding.signExtend;
+}
+
+/// The bits of an integer type that hold the value: all, or those of its mask.
+struct IntegerField {
+    explicit IntegerField(const RawCoding& coding);
+
+    std::uint64_t mask;  ///< in place; empty when a bit mask lies wholly beyond the type
+    unsigned shift;
+    unsigned width;
+    std::uint64_t sign;  ///< the top bit of a field with a sign, brought down; else 0
+
+    /// Of the integer as it stands in memory; with a sign in two's complement of 64 bits.
+    std::uint64_t valueIn(std::uint64_t word) const { return (((word & mask) >> shift) ^ sign) - sign; }
+};
+
 /// Reads one element; `bytes` holds at least coding.size() bytes. 64-bit integers round to the nearest
 /// double.
 double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding);
@@ -41,14 +59,17 @@ double decodeRaw(const std::uint8_t* bytes, const RawCoding& coding);
 /// The value of an integer type in two's complement of 64 bits.
 std::uint64_t decodeInteger(const std::uint8_t* bytes, const RawCoding& coding);
 
-/// Whether decodeInteger() gives a negative number where its top bit is set.
-inline bool hasSign(const RawCoding& coding) {
-    return isSigned(coding.dataType) || coding.signExtend;
-}
-
 /// What decodeInteger() gave, as a number.
 inline Exact exactInteger(std::uint64_t bits, const RawCoding& coding) {
     return {hasSign(coding) ? Int128{static_cast<std::int64_t>(bits)} : Int128{bits}};
+}
+
+inline IntegerField::IntegerField(const RawCoding& coding) {
+    const std::uint64_t whole = ~std::uint64_t{0} >> (64U - 8U * coding.size());
+    mask = coding.bitMask == 0 ? whole : coding.bitMask & whole;
+    shift = mask == 0 ? 0U : static_cast<unsigned>(std::countr_zero(mask));
+    width = static_cast<unsigned>(std::bit_width(mask >> shift));
+    sign = hasSign(coding) ? std::bit_floor(mask) >> shift : 0;
 }
 
 /// The value of an IEEE half precision number.

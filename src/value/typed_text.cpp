@@ -74,6 +74,20 @@ bool isNearest(const Element& element, const Value& raw, const Value& number) {
            !(distance(beside(raw, 1, coding)) < least);
 }
 
+/// Which texts a verbal element takes; empty for others.
+std::string validTexts(const Element& element) {
+    constexpr std::size_t kMost = 20;
+    const auto* table = std::get_if<Conversion::VerbalTable>(&element.conversion->kind());
+    if (table == nullptr || table->ranges.empty()) return {};
+    std::string text = element.name + " takes ";
+    const std::size_t shown = std::min(table->ranges.size(), kMost);
+    for (std::size_t i = 0; i < shown; ++i)
+        text += (i == 0 ? "'" : ", '") + table->ranges[i].text + "'";
+    if (shown < table->ranges.size())
+        text += " and " + std::to_string(table->ranges.size() - shown) + " more (`describe` shows all)";
+    return text + ", or a raw number";
+}
+
 }  // namespace
 
 Result<Value> parseText(const Element& element, std::string_view text) {
@@ -84,7 +98,9 @@ Result<Value> parseText(const Element& element, std::string_view text) {
         notANumber = raw.error().message;
     }
     if (auto number = parseNumber(text, element.keepsIntegers())) return std::move(*number);
-    return Error{ErrorCode::invalidArgument, element.name + ": " + notANumber};
+    Error invalid{ErrorCode::invalidArgument, element.name + ": " + notANumber};
+    invalid.hint = validTexts(element);
+    return invalid;
 }
 
 std::string deviationText(const Element& element, std::string_view text, const Value& typed,

@@ -78,8 +78,8 @@ std::uint64_t SlaveClock::follow(const ListClock& list, std::uint32_t raw, std::
         ticks += (static_cast<std::uint64_t>(lag) + static_cast<std::uint64_t>(wrapNs_ / 4)) /
                  static_cast<std::uint64_t>(wrapNs_) * modulus_;
     } else if (lag < -(wrapNs_ / 2)) {
-        // Out of order rather than nearly a whole wrap on. A clock that was set back, or began anew, is
-        // followed as it stands: the offset is anchored anew below.
+        // Out of order rather than nearly a whole wrap on. A clock that was set back, or began again, is
+        // followed as it stands: the offset is anchored again below.
         const std::uint64_t ahead = std::uint64_t{0} - static_cast<std::uint64_t>(lag);
         const auto wraps =
             (ahead + static_cast<std::uint64_t>(wrapNs_ / 2)) / static_cast<std::uint64_t>(wrapNs_);

@@ -6,17 +6,15 @@
 //
 // How the time is mapped. Host time = slave time + offset, where the offset follows the lower envelope of
 // (receive time - slave time): the frames with the least delay tell where the slave's clock stands.
-// - The smallest difference of the last two windows (each at least 2 s of host time and 16 stamps), less a
-// guard of
-//   50 us, is the target. The offset moves towards it by at most 200 ppm of the slave time that passed
-//   (faster, in proportion, when it is more than 1 ms away, up to a tenth), so that records keep the slave's
-//   own spacing and frames received in one bunch, after seconds even, are as evenly spaced as they were
-//   sampled.
+// - The smallest difference of the last two windows (each at least 2 s of host time and 16 stamps), less
+//   50 us to guard against the next quicker frame, is the target. The offset moves towards it by at most
+//   200 ppm of the slave time that passed (faster, in proportion, when it is more than 1 ms away, up to a
+//   tenth), so that records keep the slave's own spacing and frames received in one bunch, after seconds
+//   even, are as evenly spaced as they were sampled.
 // - The first stamp sets the offset 500 us below its own difference, so that quicker frames which follow fall
 //   under no record's time and the start is evenly spaced too; the slow approach then closes that gap.
-// - A frame quicker than the offset says would lie in the future: the offset drops below it, by as much again
-// as
-//   it was too quick (500 us at most), so that one such frame is the last.
+// - A frame quicker than the offset says would lie in the future: the offset drops below it, by as much
+//   again as it was too quick (500 us at most), so that one such frame is the last.
 // - No guard is larger than an eighth of the counter's wrap. No time is later than the receive time.
 // - A list's times never step back. Where the offset has dropped below them they go on at half their pace
 //   until it is met, so that no two are equal.
@@ -27,9 +25,9 @@
 //   as long look alike; who knows that they were takes the stamp nearest to the latest (followHeld()).
 // - A stamp less than 100 ms behind its list's last one came out of order; one further behind is taken
 //   forward, nearly a whole wrap on, and so lies in the future.
-// - More than a second in the future means that the slave's clock was set or began anew, two windows whose
-//   least difference is more than half a second above the offset that it stood still: the offset anchors
-//   anew.
+// - A time more than a second in the future means that the slave's clock was set or began again. Two windows
+//   whose least difference is more than half a second above the offset mean that it stood still. In both
+//   cases the next stamp sets the offset as the first one did.
 //
 // Threads: one thread at a time (the receive thread). Lifetime: plain values.
 #pragma once
@@ -83,7 +81,7 @@ class SlaveClock {
     /// The least offset of the stamps that are to come; counts for the first that is mapped.
     void expect(std::int64_t leastOffsetNs) { expectedNs_ = leastOffsetNs; }
 
-    /// Changes when the offset was anchored anew: times before and after do not tell how many cycles lie
+    /// Changes when the offset was anchored again: times before and after do not tell how many cycles lie
     /// between.
     std::uint32_t generation() const { return generation_; }
 

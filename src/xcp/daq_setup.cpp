@@ -197,18 +197,23 @@ Result<std::optional<EventChannel>> DaqSetup::tryEvent(Turn& turn, std::uint16_t
     return std::optional<EventChannel>(std::move(event));
 }
 
-Result<std::vector<std::uint8_t>> DaqSetup::configure(const DaqPlan& plan, FirstPids source) {
+Result<std::vector<std::uint8_t>> DaqSetup::configure(const DaqPlan& plan, FirstPids source,
+                                                      DaqRefusal& refusal) {
+    refusal = {};
     auto held = connection_.turn();
     if (!held) return held.error();
     Turn& turn = held.value();
     if (auto allocated = allocate(turn, plan); !allocated) return allocated.error();
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         for (std::size_t odt = 0; odt < plan.lists[i].odts.size(); ++odt) {
-            auto written =
-                writeOdt(turn, plan.listNumber(i), static_cast<std::uint8_t>(odt), plan.lists[i].odts[odt]);
-            if (!written) return written.error();
+            auto written = writeOdt(turn, plan.listNumber(i), static_cast<std::uint8_t>(odt),
+                                    plan.lists[i].odts[odt], refusal);
+            if (written) continue;
+            refusal.list = i;
+            return written.error();
         }
     }
+    if (auto set = setModes(turn, plan, refusal); !set) return set.error();
     return select(turn, plan, source);
 }
 
@@ -230,7 +235,8 @@ Result<void> DaqSetup::allocate(Turn& turn, const DaqPlan& plan) {
     return {};
 }
 
-Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt) {
+Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
+                                DaqRefusal& refusal) {
     const ByteOrder order = turn.slave().byteOrder();
     const auto point = [&](std::size_t entry) {
         return turn.perform(buildSetDaqPtr(list, number, static_cast<std::uint8_t>(entry), order));
@@ -241,20 +247,29 @@ Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t num
         // A WRITE_DAQ whose answer was lost has advanced the pointer.
         const Exchange rules{.beforeRepeat = [&point, entry] { return point(entry); }};
         auto written = turn.transact(buildWriteDaq(elements, odt.entries[entry].address, order), rules);
-        if (!written) return written.error();
+        if (written) continue;
+        refusal.offset = odt.recordOffset + odt.entries[entry].offset;
+        return written.error();
     }
     return {};
 }
 
-Result<std::vector<std::uint8_t>> DaqSetup::select(Turn& turn, const DaqPlan& plan, FirstPids source) {
+Result<void> DaqSetup::setModes(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal) {
     const ByteOrder order = turn.slave().byteOrder();
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         const DaqList& list = plan.lists[i];
         const std::uint8_t mode = list.timestamp ? kListModeTimestamp : std::uint8_t{0};
         auto done = turn.perform(
             buildSetDaqListMode(mode, plan.listNumber(i), list.eventChannel, list.prescaler, order));
-        if (!done) return done.error();
+        if (done) continue;
+        refusal.list = i;
+        return done;
     }
+    return {};
+}
+
+Result<std::vector<std::uint8_t>> DaqSetup::select(Turn& turn, const DaqPlan& plan, FirstPids source) {
+    const ByteOrder order = turn.slave().byteOrder();
     std::vector<std::uint8_t> firstPids;
     bool told = false;
     selection_.clear();

@@ -4,6 +4,7 @@
 // outlive this.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -20,6 +21,13 @@ enum class FirstPids : std::uint8_t {
     planned,  ///< from the plan, whatever the slave tells
 };
 
+/// What of a plan the slave refused, beside the error that it gave as the reason.
+struct DaqRefusal {
+    std::optional<std::size_t> list = std::nullopt;  ///< into DaqPlan::lists
+    std::optional<std::size_t> offset =
+        std::nullopt;  ///< of the entry in the list's record, as in SignalPlace
+};
+
 /// START_STOP_SYNCH for all lists.
 Packet buildStopAll();
 
@@ -29,7 +37,7 @@ class DaqSetup {
 
     /// See Master, which hands these on.
     Result<DaqCapabilities> capabilities();
-    Result<std::vector<std::uint8_t>> configure(const DaqPlan& plan, FirstPids source);
+    Result<std::vector<std::uint8_t>> configure(const DaqPlan& plan, FirstPids source, DaqRefusal& refusal);
     Result<void> start();
     Result<void> stop();
 
@@ -41,7 +49,9 @@ class DaqSetup {
     static Result<EventChannel> readEvent(Turn& turn, std::uint16_t channel);
     static Result<std::optional<EventChannel>> tryEvent(Turn& turn, std::uint16_t channel, Repeats& repeats);
     static Result<void> allocate(Turn& turn, const DaqPlan& plan);
-    static Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt);
+    static Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
+                                 DaqRefusal& refusal);
+    static Result<void> setModes(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
     Result<std::vector<std::uint8_t>> select(Turn& turn, const DaqPlan& plan, FirstPids source);
 
     Connection& connection_;

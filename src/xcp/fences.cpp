@@ -119,7 +119,7 @@ Result<void> Connection::meet() {
 }
 
 /// Of a slave without SYNCH: the status is asked for. Its answer comes after all others; when one of those
-/// was lost, nobody can tell which came, but that no more follow.
+/// was lost, no one can tell which came, but that no more follow.
 Result<void> Connection::calmDown() {
     const auto begin = clock_.now();
     const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::probe, kStatusLength);

@@ -77,7 +77,7 @@ void HeldRecords::findTicks(SlaveClock& clock) {
         least = std::min(least, scout.offsetNs(record.ticks, record.receiveNs));
     }
     backlog_ = held;
-    // A clock that began anew meanwhile has more than one offset.
+    // A clock that began again meanwhile has more than one offset.
     if (reason_ == Reason::start && scout.generation() == 1) clock.expect(least);
 }
 

@@ -1,6 +1,6 @@
 // Records that wait until more of them tell when the first was taken.
 //
-// At the start of a measurement nobody knows how late the first packets are: an ECU that sends a bunch now
+// At the start of a measurement no one knows how late the first packets are: an ECU that sends a bunch now
 // and then delivers its first record last. And where the slave's clock wraps within what packets can be held
 // up, one behind a silence may have been held, or its event may have paused: the next packets tell, which
 // then come at once or at their usual pace.

@@ -4,10 +4,10 @@
 // Threads: every command may be called from any thread; whole operations (an upload with all its commands, a
 // DAQ configuration) are serialised. onPacket and onTransportEvent run on the transport's receive thread.
 // connected, connectInfo, finishing and statistics may be called from any thread at any time and never wait
-// for a command. Sinks and listeners run on the receive thread and must
-// not call a command. Lifetime: the transport is borrowed and must outlive the master, which is its sink from
-// construction to destruction and opens it at CONNECT; the destructor closes it. DTO sink and listener are
-// borrowed until replaced; the clock must outlive the master.
+// for a command. Sinks and listeners run on the receive thread and must not call a command. Lifetime: the
+// transport is borrowed and must outlive the master, which is its sink from construction to destruction and
+// opens it at CONNECT; the destructor closes it. DTO sink and listener are borrowed until replaced; the clock
+// must outlive the master.
 #pragma once
 
 #include <atomic>
@@ -102,7 +102,13 @@ class Master final : public IPacketSink {
     /// errors: protocolError "START_STOP_DAQ_LIST: the ECU's first PIDs ..." when with absolute
     /// identification the slave's own numbers collide.
     Result<std::vector<std::uint8_t>> configureDaq(const DaqPlan& plan, FirstPids source = FirstPids::told) {
-        return daq_.configure(plan, source);
+        DaqRefusal refusal;
+        return daq_.configure(plan, source, refusal);
+    }
+    /// The same; `refusal` tells what an entry or a list was that could not be set.
+    Result<std::vector<std::uint8_t>> configureDaq(const DaqPlan& plan, FirstPids source,
+                                                   DaqRefusal& refusal) {
+        return daq_.configure(plan, source, refusal);
     }
     Result<void> startDaq() { return daq_.start(); }
     Result<void> stopDaq() { return daq_.stop(); }

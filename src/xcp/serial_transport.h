@@ -2,9 +2,9 @@
 // sink, everything else goes to the text sink line by line. A receive thread "xcp-serial-rx" reads the port.
 //
 // Threads: open, close, setSink and setTextSink belong to the owner and must not run at the same time; send,
-// sendText, lost and statistics may be called from any thread at any time. Both sinks
-// are called on the receive thread. Lifetime: the sinks are borrowed, set while the transport is closed, and
-// must outlive it or be replaced first.
+// sendText, lost and statistics may be called from any thread at any time. Both sinks are called on the
+// receive thread. Lifetime: the sinks are borrowed, set while the transport is closed, and must outlive it or
+// be replaced first.
 #pragma once
 
 #include <atomic>

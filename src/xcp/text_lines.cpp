@@ -2,57 +2,22 @@
 
 #include <algorithm>
 
-#include <spdlog/fmt/fmt.h>
-
-#include "core/text.h"
+#include "core/printable_text.h"
 
 namespace lm::xcp {
 namespace {
-
-/// The length that the first byte of a UTF-8 sequence announces; 1 for a byte that begins none.
-std::size_t sequenceLength(char first) {
-    const auto byte = static_cast<std::uint8_t>(first);
-    if (byte >= 0xF8) return 1;
-    if (byte >= 0xF0) return 4;
-    if (byte >= 0xE0) return 3;
-    return byte >= 0xC0 ? 2 : 1;
-}
-
-bool isPrintable(std::string_view sequence) {
-    const auto first = static_cast<std::uint8_t>(sequence.front());
-    if (sequence.size() == 1) return first == '\t' || (first >= 0x20 && first < 0x7F);
-    const bool c1Control = first == 0xC2 && static_cast<std::uint8_t>(sequence[1]) < 0xA0;
-    return !c1Control && isValidUtf8(sequence);
-}
 
 /// How many bytes at the end of a text begin a sequence that is not complete.
 std::size_t openSequence(std::string_view text) {
     for (std::size_t back = 1; back <= std::min<std::size_t>(3, text.size()); ++back) {
         const char byte = text[text.size() - back];
         if ((static_cast<std::uint8_t>(byte) & 0xC0U) == 0x80) continue;
-        return sequenceLength(byte) > back ? back : 0;
+        return utf8LengthBehind(byte) > back ? back : 0;
     }
     return 0;
 }
 
 }  // namespace
-
-std::string printableText(std::string_view bytes) {
-    std::string text;
-    text.reserve(bytes.size());
-    while (!bytes.empty()) {
-        const std::string_view sequence = bytes.substr(0, sequenceLength(bytes.front()));
-        const bool printable = isPrintable(sequence);
-        const std::size_t taken = printable ? sequence.size() : 1;
-        if (printable) {
-            text += sequence;
-        } else {
-            text += fmt::format("\\x{:02X}", static_cast<std::uint8_t>(bytes.front()));
-        }
-        bytes.remove_prefix(taken);
-    }
-    return text;
-}
 
 void TextLines::add(const std::uint8_t* data, std::size_t length, Clock::time_point now) {
     std::string_view text(reinterpret_cast<const char*>(data), length);

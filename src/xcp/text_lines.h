@@ -1,4 +1,4 @@
-// Cuts the text that an ECU prints into lines and makes them safe to show.
+// Cuts the text that an ECU prints into lines, safe to show (see core/printable_text.h).
 //
 // Threads: belongs to one thread. Lifetime: owns the open line; the lines handed on are valid during the call
 // only.
@@ -12,10 +12,6 @@
 #include <string_view>
 
 namespace lm::xcp {
-
-/// The text with every byte that is neither printable UTF-8 nor TAB as \xNN; C1 control characters count as
-/// not printable.
-std::string printableText(std::string_view bytes);
 
 class TextLines {
   public:

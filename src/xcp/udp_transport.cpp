@@ -136,8 +136,8 @@ Result<void> UdpTransport::open() {
     if (config_.host.empty()) {
         return Error{.code = ErrorCode::invalidArgument, .message = "XCP on UDP: no host configured"};
     }
-    wakeUp_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wakeUp_ < 0) return Error::fromErrno(errno, "XCP on UDP: eventfd");
+    wakeUp_ = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeUp_.valid()) return Error::fromErrno(errno, "XCP on UDP: eventfd");
     if (auto opened = openSocket(); !opened) {
         close();
         return opened;
@@ -170,16 +170,15 @@ Result<void> UdpTransport::openSocket() {
     }
     int lastError = EADDRNOTAVAIL;
     for (const addrinfo* address = addresses_.get(); address != nullptr; address = address->ai_next) {
-        const int candidate = ::socket(address->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, address->ai_protocol);
-        if (candidate >= 0 && ::connect(candidate, address->ai_addr, address->ai_addrlen) == 0) {
-            prepareSocket(candidate);
+        UniqueFd candidate(::socket(address->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, address->ai_protocol));
+        if (candidate.valid() && ::connect(candidate.get(), address->ai_addr, address->ai_addrlen) == 0) {
+            prepareSocket(candidate.get());
             const std::lock_guard lock(sendMutex_);
-            socket_ = candidate;
+            socket_ = std::move(candidate);
             sendCounter_ = 0;
             return {};
         }
         lastError = errno;
-        if (candidate >= 0) ::close(candidate);
     }
     return Error::fromErrno(
         lastError, fmt::format("XCP on UDP: cannot open socket to {}:{}", config_.host, config_.port));
@@ -189,22 +188,20 @@ void UdpTransport::close() {
     running_ = false;
     if (thread_.joinable()) {
         const std::uint64_t one = 1;
-        if (::shutdown(socket_, SHUT_RD) != 0 || ::write(wakeUp_, &one, sizeof one) < 0) {
+        if (::shutdown(socket_.get(), SHUT_RD) != 0 || ::write(wakeUp_.get(), &one, sizeof one) < 0) {
             spdlog::debug("XCP on UDP: wake-up: {}",
                           std::strerror(errno));  // the time limit of the wait ends the thread
         }
         thread_.join();
     }
     const std::lock_guard lock(sendMutex_);
-    if (socket_ >= 0) ::close(socket_);
-    if (wakeUp_ >= 0) ::close(wakeUp_);
-    socket_ = -1;
-    wakeUp_ = -1;
+    socket_ = UniqueFd();
+    wakeUp_ = UniqueFd();
 }
 
 Result<void> UdpTransport::send(const std::uint8_t* data, std::size_t length) {
     const std::lock_guard lock(sendMutex_);
-    if (!running_ || socket_ < 0) {
+    if (!running_ || !socket_.valid()) {
         return Error{.code = ErrorCode::notOpen, .message = "XCP on UDP: transport not started"};
     }
     if (length == 0 || length > config_.maxPacketSize || length > 0xFFFF) {
@@ -220,7 +217,7 @@ Result<void> UdpTransport::send(const std::uint8_t* data, std::size_t length) {
     message.msg_iovlen = parts.size();
 
     bool refusedBefore = false;
-    while (::sendmsg(socket_, &message, MSG_NOSIGNAL) < 0) {
+    while (::sendmsg(socket_.get(), &message, MSG_NOSIGNAL) < 0) {
         const int failure = errno;
         if (failure == EINTR) continue;
         if (failure == ECONNREFUSED && !std::exchange(refusedBefore, true))
@@ -235,7 +232,7 @@ void UdpTransport::receiveLoop(std::unique_ptr<Batch> batch) {
     ::pthread_setname_np(::pthread_self(), "xcp-udp-rx");
     while (running_) {
         // One call waits and receives: every answer pays for the calls in front of it.
-        const int count = batch->receive(socket_);
+        const int count = batch->receive(socket_.get());
         if (!running_) return;  // what close() woke received nothing
         if (count >= 0) {
             onBatch(*batch, static_cast<std::size_t>(count));
@@ -243,7 +240,7 @@ void UdpTransport::receiveLoop(std::unique_ptr<Batch> batch) {
                                               failure != EINTR && failure != ECONNREFUSED) {
             report({.what = ReceiveFailed{.error = failure}});
             // A broken socket fails at once; without this wait its errors would come without end.
-            pollfd wait = {.fd = wakeUp_, .events = POLLIN, .revents = 0};
+            pollfd wait = {.fd = wakeUp_.get(), .events = POLLIN, .revents = 0};
             ::poll(&wait, 1, kReceiveWaitMs);
         }
     }
@@ -287,7 +284,7 @@ void UdpTransport::checkCounter(std::uint16_t counter) {
 
 void UdpTransport::noteMissing(std::uint16_t counter) {
     const bool late = static_cast<std::uint16_t>(newestCounter_ - counter) < kLate;
-    // A slave that begins anew must not take back what was missing before it did.
+    // A slave that begins again must not take back what was missing before it did.
     const bool firstAgain = counter == 0 && newestCounter_ != 0 && arrived_[0];
     if (late && !firstAgain) {
         // Or doubled by the network.

@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "core/unique_fd.h"
 #include "xcp/counter.h"
 #include "xcp/transport.h"
 
@@ -49,7 +50,7 @@ class UdpTransport final : public ITransport {
 
     void setSink(IPacketSink* sink) override { sink_.store(sink); }
 
-    /// Opens the socket anew when the last send on it failed: it is bound to an address of the host, which
+    /// Opens the socket again when the last send on it failed: it is bound to an address of the host, which
     /// may have changed with the network. Errors: invalidArgument "XCP on UDP: no host configured"; notFound
     /// "XCP on UDP: cannot resolve HOST:
     /// ..."; by errno "XCP on UDP: cannot open socket to HOST:PORT: ...".
@@ -88,8 +89,8 @@ class UdpTransport final : public ITransport {
     std::atomic<IPacketSink*> sink_{nullptr};
 
     // Set by open and close; constant while the receive thread runs.
-    int socket_ = -1;
-    int wakeUp_ = -1;
+    UniqueFd socket_;
+    UniqueFd wakeUp_;
     AddressList addresses_;  ///< of the host, once it was found
     std::thread thread_;
 
@@ -102,7 +103,7 @@ class UdpTransport final : public ITransport {
     // Receive thread only (open resets them before it starts).
     bool counterSeen_ = false;
     std::uint16_t lastCounter_ = 0;
-    /// A packet that lies further behind is not late: its ECU has begun anew. Some datagrams of many packets.
+    /// A packet that lies further behind is not late: its ECU began again. Some datagrams of many packets.
     static constexpr std::uint16_t kLate = 256;
     std::uint16_t newestCounter_ = 0;
     std::bitset<kLate> arrived_;  ///< of the last kLate counters, each at its remainder

@@ -211,6 +211,18 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
     EXPECT_EQ(d.systemConstants.at("k"), "1");
 }
 
+TEST(Parser, TellsWhatItLeavesOut) {
+    const auto d = parsed(
+        "/begin IF_DATA ASAP1B_CCP /end IF_DATA /begin INSTANCE i /end INSTANCE /begin BLOB b /end BLOB\n"
+        "/include sub/b.a2l /begin INSTANCE j /end INSTANCE /begin GROUP g \"\" /end GROUP /include XCP.aml");
+    EXPECT_EQ(fmt::format("{}", fmt::join(d.warnings, "\n")),
+              "skipped: /include 'sub/b.a2l' (line 3): included files are not read\n"
+              "left out: 2 INSTANCE, 1 BLOB (not read by this version)");
+    EXPECT_EQ(fmt::format("{}", fmt::join(d.notes, "\n")),
+              "/include 'XCP.aml' (line 3) is not read, and not needed");
+    EXPECT_TRUE(d.xcp.isCcpOnly());
+}
+
 TEST(Parser, ReadsTheFrame) {
     const std::pair<std::string, std::string> rows[] = {
         {"ASAP2_VERSION 1 71 /begin PROJECT P \"p\" /begin HEADER \"h\" /end HEADER /begin MODULE M \"m\""

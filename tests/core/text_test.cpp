@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "core/printable_text.h"
+
 namespace lm {
 namespace {
 
@@ -25,6 +27,26 @@ TEST(Text, Utf8IsToldFromOtherEncodingsAndMadeOfThem) {
     EXPECT_EQ(utf16ToUtf8("A\0\xAC\x20\x3D\xD8\0\xDE"s, false), "A€😀");
     EXPECT_EQ(utf16ToUtf8("\x3D\xD8\x41\0B"s, false), "\uFFFDA\uFFFD");
     EXPECT_EQ(utf16ToUtf8("\x3D\xD8"s, false), "\uFFFD");
+}
+
+TEST(PrintableText, CannotControlATerminal) {
+    const std::pair<std::string_view, std::string> rows[] = {
+        {"plain\ttext ~", "plain\ttext ~"},
+        {"\x1B[2J\a\b\x7F", "\\x1B[2J\\x07\\x08\\x7F"},
+        {{"a\0b\r", 4}, "a\\x00b\\x0D"},
+        {"20 \u00B0C \u20AC \U0001F600", "20 \u00B0C \u20AC \U0001F600"},
+        {"\u0080\u009B2J\u009F\u00A0", "\\xC2\\x80\\xC2\\x9B2J\\xC2\\x9F\u00A0"},
+        {"\x9B"
+         "2J\xB0\xFF\xFE",
+         "\\x9B2J\\xB0\\xFF\\xFE"},
+        {"\xC0\x80\xE2\x82", "\\xC0\\x80\\xE2\\x82"},
+        {"\xE2\x82"
+         "A\xED\xA0\x80\xF5\x80\x80\x80",
+         "\\xE2\\x82A\\xED\\xA0\\x80\\xF5\\x80\\x80\\x80"},
+    };
+    for (const auto& [bytes, expected] : rows) {
+        EXPECT_EQ(printableText(bytes), expected);
+    }
 }
 
 TEST(Text, UnsignedNumbersUseUpTheWholeText) {

@@ -23,7 +23,7 @@ class CheckedRecordingTest : public ::testing::Test {
         if (!checked) return withoutPath(checked.error().text());
         std::string text;
         for (const Finding& finding : checked.value().findings)
-            text += withoutPath(finding.text) + (finding.mendable ? "\n" : " !\n");
+            text += withoutPath(finding.text) + (finding.mendable() ? "\n" : " !\n");
         return text;
     }
     /// The deeds, then what is left or the error.

@@ -96,7 +96,7 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
         {"g0000.rec", with(records, 12, 7),
          "g0000.rec: records of 7 bytes every 11, meta.json says 3 every 11; the records behind the header "
          "are this group's\n",
-         "g0000.rec: header written anew\n"},
+         "g0000.rec: header written again\n"},
         {"g0000.rec", with(records, 8, 3), "g0000.rec: format version 3 instead of 2 !\n",
          "left: g0000.rec: format version 3 instead of 2\n"},
         {"g0000.rec", with(records, 32 + 11 * 35 + 3, 0),
@@ -107,9 +107,9 @@ TEST_F(RecordingCheckTest, TellsWhatItFoundAndDidInWholeSentences) {
          "place in time is lost\n"},
         {"g0000.rec", with(records, 32 + 11 * 3 + 9, 255),
          "g0000_L1.pyr: 1 entry does not fit the records, the first is entry 0 (byte 32)\n",
-         "g0000_L1.pyr: made anew with 2 entries\n"},
+         "g0000_L1.pyr: made again with 2 entries\n"},
         {"g0000.tix", with(sound_["g0000.tix"], 16, 9), "g0000.tix: header does not fit (byte 16)\n",
-         "g0000.tix: made anew with 2 entries\n"},
+         "g0000.tix: made again with 2 entries\n"},
     };
     for (const auto& row : rows) {
         damage(row.file, row.bytes);

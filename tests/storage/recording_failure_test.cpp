@@ -1,6 +1,7 @@
 // Disks that take no more: the limit on file sizes stops a file at any byte, as a full disk does.
 #include <gtest/gtest.h>
 
+#include "core/durable_file.h"
 #include "storage/format/recording_format.h"
 #include "storage/format/recording_meta.h"
 #include "storage/recording_fixture.h"
@@ -150,17 +151,24 @@ TEST_F(RecordingFailureTest, GivesUpADerivedFileAtItsLastWholeEntry) {
 }
 
 TEST_F(RecordingFailureTest, RecordsWithoutALevelThatCannotBeCreated) {
-    const LogCapture log;
-    const fs::path level = dir_.path() / "g0000_L1.pyr";
-    fs::create_directory(level);
-    Group group(dir_.path());
-    group.append(0, 256);
-    group.files.close();
-    EXPECT_FALSE(group.faults.writeFailed());
-    EXPECT_EQ(group.counters.recordsWritten, 256U);
-    EXPECT_EQ(fs::file_size(dir_.path() / "g0000_L2.pyr"), 32U + 16);
-    EXPECT_EQ(log.text(), "error recording: cannot create " + level.string() +
-                              ": Is a directory (further levels may be missing; the data is complete)\n");
+    const auto record = [this](const std::string& name, const std::string& reason) {
+        const LogCapture log;
+        const fs::path directory = dir_.path() / name;
+        Group group(directory);
+        group.append(0, 256);
+        group.files.close();
+        EXPECT_FALSE(group.faults.writeFailed());
+        EXPECT_EQ(group.counters.recordsWritten, 256U);
+        EXPECT_EQ(fs::file_size(directory / "g0000_L2.pyr"), 32U + 16);
+        EXPECT_EQ(log.text(), "error recording: cannot create " + (directory / "g0000_L1.pyr").string() +
+                                  ": " + reason + " (further levels may be missing; the data is complete)\n");
+    };
+    fs::create_directories(dir_.path() / "directory" / "g0000_L1.pyr");
+    record("directory", "Is a directory");
+    fs::create_directory(dir_.path() / "held");
+    StagedFile held;
+    ASSERT_EQ(held.createAs(dir_.path() / "held" / "g0000_L1.pyr"), 0);
+    record("held", (dir_.path() / "held").string() + " is being recorded to by another program");
 }
 
 }  // namespace

@@ -79,8 +79,11 @@ class CommandLineTest(harness.SystemTest):
         self.expect(self.run_plain("-c", first, "save-config", second), f"{second} written\n")
         self.assertEqual(first.read_text(), second.read_text())
         self.expect(self.run_plain("--a2l", a2l.name, "save-config", "plain.json", cwd=a2l.parent), "plain.json written\n")
-        done = self.run_plain("--a2l", a2l.name, "save-config", second, cwd=a2l.parent)
-        self.assertRegex(done.stderr, rf"^\[.*\[warning\] {second}: the A2L file {a2l.name} is not found from there\n$")
+        self.assertEqual(json.loads((a2l.parent / "plain.json").read_text())["a2l"], a2l.name)
+        self.expect(self.run_plain("--a2l", a2l.name, "save-config", second, cwd=a2l.parent), f"{second} written\n")
+        self.assertEqual(json.loads(second.read_text())["a2l"], str(a2l))
+        done = self.run_plain("--a2l", "no.a2l", "save-config", second, cwd=a2l.parent)
+        self.assertRegex(done.stderr, rf"^\[.*\[warning\] {second}: the A2L file no.a2l is not found from there\n$")
 
     def test_list(self):
         a2l = self.write_a2l()
@@ -109,8 +112,62 @@ class CommandLineTest(harness.SystemTest):
             address = re.search(rf"(?s)/begin \w+ {name} (?:(?!/end).)*?(0x[0-9A-Fa-f]+)", text)
             number = int(address.group(1), 16) if address else 0
             self.assertIn(f"{kind}  {name:<50} {type_name:<13} {unit:<8} 0x{number:08X}{access}", everything)
+        for arguments, names in ((["CAL_l?mited"], ["cal_limited"]), (["l?mited"], []), (["*limit?d"], ["cal_limited"]),
+                                 (["sample COUNTER of"], []), (["-d", "sample COUNTER of the event"], ["counter_1ms"])):
+            self.assertEqual([line.split()[1] for line in listed(*arguments)][:1], names, arguments)
+        for name, details in (("engine_speed", 'limits 0 to 16383.75, event 1, Intel, "'),
+                              ("cal_curve", "limits 0 to 65535, 4 element(s), Intel"),
+                              ("cal_block", 'limits -32768 to 32767, 4 element(s), Intel, "Block of four values"')):
+            done = self.run_plain("--a2l", a2l, "list", "-l", name)
+            self.assertEqual((done.stdout.count("\n"), done.stderr), (2, "1 object(s)\n"))
+            self.assertIn(f"\n     {details}", done.stdout)
         a2l.write_text(text.replace('"rpm"', '"\x1b[2J°"'), encoding="utf-8")
         self.assertIn(" \\x1B[2J° 0x", listed("engine_speed")[0])
+
+    def test_describe_and_info_without_an_ecu(self):
+        """Each row: a command and lines that it prints; more objects are in the file than the simulated ECU has."""
+        a2l = self.write_a2l()
+        more = """/begin AXIS_PTS ax "Speeds" 0x1000 engine_speed RL.CURVE 0 CM.SPEED 8 0 16000 /end AXIS_PTS
+            /begin CHARACTERISTIC shared "On ax" MAP 0x2000 RL.CURVE 0 no_such_method -1 1
+              /begin AXIS_DESCR COM_AXIS engine_speed CM.SPEED 8 0 16000 AXIS_PTS_REF ax /end AXIS_DESCR
+              /begin AXIS_DESCR STD_AXIS NO_INPUT_QUANTITY CM.IDENTICAL 4 0 3 /end AXIS_DESCR
+            /end CHARACTERISTIC
+            /begin INSTANCE i /end INSTANCE /include grammar.aml /include rest.a2l"""
+        a2l.write_text(a2l.read_text().replace("/end MODULE", more + "\n/end MODULE"))
+        ccp, tcp = self.dir / "ccp.a2l", self.dir / "tcp.a2l"
+        tcp.write_text(a2l.read_text().replace("XCP_ON_UDP_IP", "XCP_ON_TCP_IP")
+                       .replace("/begin XCP_ON_CAN", "/begin XCP_ON_USB /end XCP_ON_USB /begin XCP_ON_CAN"))
+        ccp.write_text('/begin PROJECT p "" /begin MODULE m "" /begin IF_DATA ASAP1B_CCP /end IF_DATA /end MODULE /end PROJECT')
+        rows = [
+            (a2l, ["describe", "engine_speed"], ["engine_speed (measurement)", "  limits         0 to 16383.75",
+                "  events         1 (cyclic_10ms)", "  conversion     CM.SPEED: LINEAR, unit rpm, format %8.2, \"Quarter turns\"",
+                "                 physical = 0.25 * raw + 0", "  used as        input of axis 1 of cal_curve",
+                "                 input of axis 1 of shared", "                 input of ax"]),
+            (a2l, ["describe", "shared"], ["  type           MAP", "  conversion     no_such_method, which is not in the A2L",
+                "  axis 1         COM_AXIS, input engine_speed, 8 points at most, limits 0 to 16000, conversion CM.SPEED, points in ax",
+                "  not readable   only scalar (VALUE) parameters are supported yet"]),
+            (a2l, ["describe", "ax"], ["ax (axis)", "  input          engine_speed", "  used as        points of axis 1 of shared"]),
+            (a2l, ["describe", "CM.SWITCH"], ["                 2 = \"test mode\"", "                 conversion of cal_injector"]),
+            (a2l, ["list", "-l", "shared"], ["     limits -1 to 1, 8 x 4 element(s), Intel, \"On ax\""]),
+            (a2l, ["info", "--offline"], ["XCP on CAN     CMD 0x7E0, RES 0x7E1, 500000 bit/s", "  event 3   crank_tooth          not cyclic, "
+                "DAQ, priority 0", "XCP on UDP/IP  host 127.0.0.1, port 5555"]),
+            (tcp, ["info", "--offline"], ["XCP on TCP/IP  host 127.0.0.1, port 5555 (not supported yet)", "XCP_ON_USB     not supported"]),
+            (ccp, ["info", "--offline"], ["protocol       CCP only (ASAP1B_CCP), which this program does not speak"]),
+        ]
+        for file, arguments, lines in rows:
+            with self.subTest(arguments):
+                done = self.run_plain("--a2l", file, *arguments)
+                self.assertEqual((done.returncode, [line for line in lines if line not in done.stdout.splitlines()]), (0, []))
+                self.assertEqual("left out: 1 INSTANCE (not read by this version)" in done.stderr, file != ccp)
+                self.assertEqual(("/include 'rest.a2l'" in done.stderr, "grammar.aml" in done.stderr), (file != ccp, False))
+        told = json.loads(self.run_plain("--a2l", a2l, "describe", "shared", "--json").stdout)["object"]
+        self.assertEqual([told["kind"], told["limits"], told["recordLayout"]["type"], told["axes"][0]["axisPoints"]],
+                         ["parameter", [-1, 1], "UWORD", "ax"])
+        self.assertIn("/include 'grammar.aml'", self.run_plain("--a2l", a2l, "list", "-v").stderr)
+        sim = self.start_sim()
+        self.assertIn("hint: ax is an AXIS_PTS, ", self.run_plain("--a2l", a2l, *sim.reach, "get", "ax").stderr)
+        described, alone = self.run_cli(sim, "info").stdout, self.run_plain(*sim.reach, "info")
+        self.expect(alone, re.sub(r"^ECU            \w+ ", "ECU            unnamed ", described))
 
     def test_closed_pipes_end_quietly(self):
         sim = self.start_sim()

@@ -239,6 +239,8 @@ class ExportTest(SystemTest):
         recording = self.several()
         self.export(recording, "m.csv", "--merge", "--absolute", "--a2l-format")
         self.assertEqual((self.dir / "m.csv").read_bytes().count(b"\r\n"), len(self.rows("m.csv")))
+        streamed = self.run_plain("export", recording, "-o", "-", "--merge", "--absolute", "--a2l-format")
+        self.assertEqual(streamed.stdout, (self.dir / "m.csv").read_text(encoding="utf-8"))
         header, *lines = self.rows("m.csv")
         self.assertEqual((header[0], header[1], header.index("keys")), ("time [UTC]", "plain@alle Arten [°C]", 22))
         times = sorted(t for g in self.groups for t in g.times)
@@ -334,6 +336,9 @@ class ExportTest(SystemTest):
                 (("x.mf4", "--format", "xls"), "unknown format 'xls' (mf4 or csv)"),
                 (("x.mf4", "--merge"), "--merge is for CSV files"),
                 (("x.mf4", "--gaps"), "--gaps is for CSV files, an MF4 file holds outages and gaps as events"),
+                (("-",), "standard output takes one table, not the 4 of these groups: --merge, or -s for signals of one of them"),
+                (("-", "--merge", "--gaps"), "--gaps writes a file of its own: give -o a name"),
+                (("-", "--format", "mf4"), "an MF4 file is not written from front to back: -o - is for CSV"),
                 (("x.csv", "--every", "0"), "--every: 0 is not a number of records"),
                 (("x.mf4", "-s", "plain", "-s", "nix*"), "no signal matches 'nix*' in this recording"),
                 (("x.mf4", "--from", "soon"), f"'soon' {usual}")]

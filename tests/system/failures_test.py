@@ -141,6 +141,45 @@ class FailuresTest(harness.SystemTest):
             done = self.run_cli(self.start_sim(*options), "measure", "-s", "wave")
             self.expect(done, err=f"measure: {message}\n", code=1)
 
+    def test_causes_and_mends_are_told(self):
+        """The line of the error stays as it is, its hint follows."""
+        file, closed = self.dir / "file", udp_socket()
+        file.touch()
+        nowhere, gone = file / "x.json", closed.getsockname()[1]
+        closed.close()
+        sim = self.start_sim("--fault", "error:SET_DAQ_LIST_MODE:2:1:0x22")
+        quick = ["-c", self.quick_config(), "--a2l", sim.a2l]
+        ecu = [*quick, *sim.reach]
+        rows = [
+            (["--udp", f"127.0.0.1:{gone}", "info"], f"no one answers at host 127.0.0.1, port {gone}: the ECU is off, "),
+            (["info"], "-i INTERFACE, --serial PORT[:BAUD] or --udp HOST[:PORT] names one"),
+            (["save-config", nowhere], "Not a directory"),
+            ([*ecu, "measure", "-s", "wave", "-r", nowhere], "Not a directory"),
+            ([*ecu, "measure", "-s", "gear@1", "-s", "bad_address@1"],
+             "the ECU refused bad_address (4 byte(s) at 0xDEAD0000) in event 1 (cyclic_10ms): "),
+            ([*ecu, "measure", "-s", "wave@0", "-s", "gear@2", "-s", "throttle@2"],
+             "the ECU refused event 2 (cyclic_100ms), which gear and 1 more signal(s) should be measured in"),
+            ([*ecu, "set", "gear=1"], "gear: `set -m` overwrites measurements, too"),
+            ([*ecu, "set", "cal_injector=of"], "cal_injector takes 'off', 'on', 'test mode', or a raw number"),
+            ([*ecu, "get", "Engine_Speed"], "Engine_Speed: did you mean 'engine_speed'?"),
+            ([*ecu, "get", "cal_limted"], "cal_limted: did you mean 'cal_limited'?"),
+            ([*ecu, "set", "temp_class=1"], "temp_class: did you mean 'oil_temp_class' or 'cal_temp_class'?"),
+            (["describe", "egnine_speed"], "egnine_speed: did you mean 'engine_speed'?"),
+            ([*ecu, "measure", "-s", "gaer@1"], "gaer: did you mean 'gear'?"),
+        ]
+        for arguments, hint in rows:
+            with self.subTest(arguments):
+                done = self.run_plain(*(arguments if sim.reach[0] in arguments else [*quick, *arguments]))
+                self.assertEqual(done.returncode, 1)
+                hints = [line for line in done.stderr.splitlines() if line.startswith("hint: ")]
+                self.assertEqual([line[:len(hint) + 6] for line in hints], [f"hint: {hint}"], done.stderr)
+        done = self.run_cli(sim, "get", "nothing_like_it", "gear@1")
+        self.assertEqual(done.stderr, "hint: gear@1: did you mean 'gear'?\n")
+        silent = self.start_sim("--fault", "silence:SHORT_UPLOAD:2")
+        done = self.run_cli(silent, "-c", self.quick_config(), "get", "gear", "cal_limited", "cal_gain")
+        self.assertEqual(done.stderr.count("hint: "), 1)
+        self.assertIn(f"\nhint: the ECU (XCP on UDP/IP, 127.0.0.1:{silent.port}) answered CONNECT: it went away ", done.stderr)
+
     def test_no_thread_to_be_had(self):
         """Memory for so many threads only: whichever one is missing, the start fails as a whole."""
         sim = self.start_sim()
@@ -157,7 +196,7 @@ class FailuresTest(harness.SystemTest):
         missing = ["session: cannot start the printer of messages", "session: cannot watch for signals",
                    "connect: XCP on UDP: cannot start the receive thread", "measure: cannot start the printer",
                    "measure: cannot start the flushing thread", "measure: cannot start the recording thread",
-                   "measure: cannot start the supervision"]
+                   "measure: cannot start the watch of the disk", "measure: cannot start the supervision"]
         measure = harness.record(directory, ["counter_1ms"], 0.1, every=1)
         for threads, what in enumerate(missing):
             reason = "Resource temporarily unavailable (limits of threads and memory: `ulimit -a`)"

@@ -221,7 +221,9 @@ class SystemTest(unittest.TestCase):
         return parameters
 
     def expect(self, done, out="", err="", code=0):
-        self.assertEqual((done.stderr, done.stdout, done.returncode), (err, out, code))
+        """All that a program printed, and how it ended; hints count where `err` has one."""
+        told = done.stderr if "hint: " in err else without_hints(done.stderr)
+        self.assertEqual((told, done.stdout, done.returncode), (err, out, code))
 
     def statistics(self, err, directory=None):
         """The counts of the one statistics line, and the groups of the recording, which must hold as many records."""
@@ -269,6 +271,10 @@ class SystemTest(unittest.TestCase):
         path = self.dir / name
         path.write_text(text, encoding="utf-8")
         return path
+
+
+def without_hints(text):
+    return re.sub(r"(?m)^hint: .*\n", "", text)
 
 
 def stop(program, number=signal.SIGINT):

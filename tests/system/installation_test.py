@@ -19,6 +19,11 @@ COMPLETED = [
     ("xcplumo-cli -c none.json measure -s ignition_a", ""),
     ("xcplumo-cli recording show x --f", "--from"),
     ("xcplumo-sim --timestamp-", "--timestamp-size --timestamp-fixed"),
+    ("xcplumo-cli -c examples/demo.json measure -s wave@cyclic_10", "wave@cyclic_10ms wave@cyclic_100ms"),
+    ("xcplumo-cli --a2l=examples/demo.a2l measure -t 1 -s wave@cr", "wave@crank_tooth"),
+    ("xcplumo-cli recording show rec -s wa", "wave"),
+    ("xcplumo-cli export rec -o x.csv -s ", "wave gear"),
+    ("xcplumo-cli export re", ":files"),
 ]
 
 
@@ -34,13 +39,19 @@ class InstallationTest(harness.SystemTest):
             page = gzip.decompress((share / f"man/man1/{program}.1.gz").read_bytes()).decode()
             self.assertRegex(page, rf'\A\.TH {program} 1 "" "{program} \d+\.\d+\.\d+"')
             self.assertIn(heading, page)
+        self.run_cli(self.start_sim(), *harness.record(share / "doc/xcplumo-cli/rec", ["wave@0", "gear@1"], 0.1))
+        for shell in ("zsh/site-functions/_xcplumo-cli", "zsh/vendor-completions/_xcplumo-cli", "fish/vendor_completions.d/xcplumo-sim.fish"):
+            self.assertIn("bash-completion/completions/xcplumo-cli", (share / shell).read_text())
         environment = dict(self.env, PATH=f"{self.dir}/bin:/usr/bin:/bin", XCPLUMO_COMPLETION_SECONDS=str(harness.PATIENCE))
-        complete = 'source "$0"; COMP_LINE=$1 COMP_POINT=${#1}; _xcplumo_complete; echo "${COMPREPLY[*]}"'
+        # bash completes what stands behind the last @ only; zsh and fish ask for whole words.
+        complete = 'source "$0"; COMP_WORDBREAKS="@=:" COMP_LINE=$1 COMP_POINT=${#1}; _xcplumo_bash; echo "${COMPREPLY[*]}"'
         for line, words in COMPLETED:
             with self.subTest(line):
                 script = share / "bash-completion/completions" / line.split()[0]
-                offered = self.run_checked("bash", "-c", complete, script, line, env=environment, cwd=share / "doc/xcplumo-cli")
-                self.assertEqual(offered, words + "\n")
+                offered = [self.run_checked("bash", *how, line, env=environment, cwd=share / "doc/xcplumo-cli").split()
+                           for how in ((script,), ("-c", complete, script))]
+                behind = [word.split("@")[-1] for word in words.split() if word != ":files"]
+                self.assertEqual(offered, [words.split(), behind])
 
 
 if __name__ == "__main__":

@@ -43,7 +43,7 @@ def recording_text(told):
 
 def check_text(told):
     verdict = "sound" if told["sound"] else f"{len(told['findings'])} fault(s)"
-    return ("".join(f["text"] + "\n" * f["mendable"] for f in told["findings"])
+    return ("".join(f"{f['text']} (repair {f['repair']})\n" for f in told["findings"])
             + f"{told['directory']}: {told['groups']} group(s), {told['records']} record(s), {verdict}\n")
 
 
@@ -58,7 +58,9 @@ def values_text(told):
 
 def told_beside(told):
     rows = [(v["name"], f"the ECU now holds {v['held']['text']}" if "held" in v else v.get("deviation")) for v in told["values"]]
-    return "".join(f"{name}: {text}\n" for name, text in rows if text)
+    hints = [v["error"].get("hint") for v in told["values"] if "error" in v]
+    return ("".join(f"{name}: {text}\n" for name, text in rows if text)
+            + "".join(f"hint: {hint}\n" for hint in hints if hint))
 
 
 class JsonTest(SystemTest):
@@ -105,16 +107,17 @@ class JsonTest(SystemTest):
     def test_errors_are_objects_and_lines(self):
         sim = self.start_sim()
         damaged = "caf\N{REPLACEMENT CHARACTER}\x01"
-        rows = [("notFound", "cannot open A2L file none", ["--a2l", "none", "list"], "none"),
-                ("notFound", f"no recording in {damaged}", ["recording", "check", "caf\udce9\x01"], damaged),
-                ("invalidArgument", "unknown reconnect policy x", ["--reconnect", "x", "info"], None),
-                ("notFound", "'none' is neither a MEASUREMENT nor a CHARACTERISTIC",
-                 self.arguments(sim, "measure", "-s", "none")[1:], None)]
-        for code, message, arguments, name in rows:
+        rows = [("notFound", "cannot open A2L file none", ["--a2l", "none", "list"],
+                 {"hint": "No such file or directory", "name": "none"}),
+                ("notFound", f"no recording in {damaged}", ["recording", "check", "caf\udce9\x01"], {"name": damaged}),
+                ("invalidArgument", "unknown reconnect policy x", ["--reconnect", "x", "info"], {}),
+                ("notFound", "'wavy' is neither a MEASUREMENT nor a CHARACTERISTIC",
+                 self.arguments(sim, "measure", "-s", "wavy")[1:], {"hint": "wavy: did you mean 'wave'?"})]
+        for code, message, arguments, more in rows:
             with self.subTest(arguments):
                 told, done = self.told(*arguments)
-                self.assertEqual(told["errors"], [{"code": code, "message": message} | ({"name": name} if name else {})])
-                self.assertEqual((done.returncode, done.stderr.count("\n")), (1, 1))
+                self.assertEqual(told["errors"], [{"code": code, "message": message} | more])
+                self.assertEqual((done.returncode, done.stderr.count("\n")), (1, 2 if "hint" in more else 1))
 
     def test_a_measurement_tells_every_record(self):
         sim, directory = self.start_sim(), self.dir / "rec"

@@ -3,6 +3,8 @@ import hashlib
 import time
 import unittest
 
+from harness import stop
+from recording import Recording
 from recording_check import ModelCase, forty_signals
 
 
@@ -28,6 +30,22 @@ class RecordingTest(ModelCase):
             self.assertTrue(earliest <= meta[key] <= latest, meta)
         for group in recording.groups:
             self.check_times(group, meta["startHostNs"], after[0])
+
+    def test_what_is_told_beside_the_records(self):
+        sim, here = self.start_sim(), self.dir / "here"
+        here.mkdir()
+        measure = ["measure", "-t", 0.2, "-s", "counter_1ms@0", "-r"]
+        done = self.run_cli(sim, *measure, ".", cwd=here)
+        recording = Recording(here)
+        self.assertEqual(recording.meta["name"], "here")
+        zero = (recording.groups[0].timestamps[0] - recording.meta["startHostNs"]) / 1e9
+        self.assertIn(f"printed times count from the first record, {abs(zero):.3f} s {'before' if zero < 0 else 'after'} "
+                      "the start of the recording\n", done.stderr)
+        self.assertIn("measure: -r names no directory", self.run_cli(sim, *measure, "").stderr)
+        program = self.start_cli(sim, "measure", "-p", 0, "-t", 1e13, "-s", "counter_1ms@0", "-r", self.dir / "long")
+        program.wait_for_err("measuring 1 signal(s)")
+        self.assertEqual(stop(program)[0], 0)
+        self.assertRegex(program.err, f"recording: the disk of {self.dir}/long will not hold the measurement: it is full in about ")
 
     def check_times(self, group, start, end):
         """The times lie in the measurement and follow the ECU's clock, not the jitter of the reception."""

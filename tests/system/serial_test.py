@@ -74,6 +74,8 @@ class SerialTest(ModelCase):
     def test_load_of_the_line(self):
         sim = self.start_serial_sim()
         measure = ["measure", *signals(["counter_10ms@1", "engine_speed@1"])]
+        done = self.run_cli(sim, *measure, "-t", "0.3", "-s", "counter_async@3")
+        self.assertIn(" 14.8 % - Ctrl-C to stop\nthe estimated bus load leaves out crank_tooth: no cycle is known\n", done.stderr)
         done = self.run_cli(sim, *measure, "-t", "0.3")
         self.assertIn("measuring 2 signal(s) in 1 DAQ list(s), estimated bus load 14.8 % - Ctrl-C to stop\n", done.stderr)
         sim.reach[1] = f"{sim.line}:9600"

@@ -22,26 +22,6 @@ class TextLinesTest : public ::testing::Test {
     TextLines lines_{[this](std::string_view line) { log_.append("<").append(line).append(">"); }};
 };
 
-TEST(PrintableText, CannotControlATerminal) {
-    const std::pair<std::string_view, std::string> rows[] = {
-        {"plain\ttext ~", "plain\ttext ~"},
-        {"\x1B[2J\a\b\x7F", "\\x1B[2J\\x07\\x08\\x7F"},
-        {{"a\0b\r", 4}, "a\\x00b\\x0D"},
-        {"20 \u00B0C \u20AC \U0001F600", "20 \u00B0C \u20AC \U0001F600"},
-        {"\u0080\u009B2J\u009F\u00A0", "\\xC2\\x80\\xC2\\x9B2J\\xC2\\x9F\u00A0"},
-        {"\x9B"
-         "2J\xB0\xFF\xFE",
-         "\\x9B2J\\xB0\\xFF\\xFE"},
-        {"\xC0\x80\xE2\x82", "\\xC0\\x80\\xE2\\x82"},
-        {"\xE2\x82"
-         "A\xED\xA0\x80\xF5\x80\x80\x80",
-         "\\xE2\\x82A\\xED\\xA0\\x80\\xF5\\x80\\x80\\x80"},
-    };
-    for (const auto& [bytes, expected] : rows) {
-        EXPECT_EQ(printableText(bytes), expected);
-    }
-}
-
 TEST_F(TextLinesTest, EndAtLineFeeds) {
     add("one\r\n\ntwo\r\r\nth");
     EXPECT_EQ(taken(), "<one><><two>");

@@ -56,22 +56,23 @@ std::vector<Finding> checkEvents(const std::filesystem::path& directory, const R
     const bool isWhole = events.file == RecordingEvents::File::read;
     switch (mendOf(events)) {
         case Mend::begin:
-            findings.push_back({events.trouble});
+            findings.push_back({events.trouble, "begins it again, the outages stay unknown"});
             break;
         case Mend::endLine:
-            findings.push_back({path + ": the last line lacks its line feed"});
+            findings.push_back({path + ": the last line lacks its line feed", "adds it"});
             break;
         case Mend::cut:
             findings.push_back({fmt::format("{}: {} bytes of a torn line at byte {}", path, events.tornBytes,
-                                            events.wholeBytes)});
+                                            events.wholeBytes),
+                                "cuts them off"});
             break;
         case Mend::none:
             // One that was begun again is as sound as it can be.
-            if (!isWhole && !events.trouble.empty()) findings.push_back({events.trouble, false});
+            if (!isWhole && !events.trouble.empty()) findings.push_back({events.trouble, ""});
             break;
     }
     for (const EventFault& fault : events.faults)
-        findings.push_back({fmt::format("{}: line {} {}", path, fault.line, fault.text), false});
+        findings.push_back({fmt::format("{}: line {} {}", path, fault.line, fault.text), ""});
     return findings;
 }
 

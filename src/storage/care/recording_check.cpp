@@ -24,6 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* kMadeAgain = "makes it again from the records";
 constexpr std::int64_t kLeastNs = std::numeric_limits<std::int64_t>::min();
 /// What was on its way when the recording started is older by far less.
 constexpr std::int64_t kBeforeStartNs = 60'000'000'000;
@@ -70,8 +71,8 @@ class GroupChecker {
     void lookAtIndex(std::span<const std::uint8_t> stored);
     bool indexIsOfAnother() const;
     ComparedFile& fileNumber(std::size_t number);
-    void report(std::string text, bool mendable = true) {
-        check_.findings.push_back({std::move(text), mendable});
+    void report(std::string text, std::string repair = {}) {
+        check_.findings.push_back({std::move(text), std::move(repair)});
     }
     void reportOrder();
     void reportSummaries();
@@ -101,7 +102,7 @@ Result<GroupCheck> GroupChecker::run() {
     auto opened = GroupReader::openUnchecked(directory_, number_, group_);
     if (!opened) {
         check_.header = GroupCheck::Header::unreadable;
-        report(opened.error().text() + "; the records of group " + group_.name + " are lost", false);
+        report(opened.error().text() + "; the records of group " + group_.name + " are lost");
         return std::move(check_);
     }
     const GroupReader& reader = opened.value();
@@ -111,19 +112,18 @@ Result<GroupCheck> GroupChecker::run() {
     if (auto fits = reader.checkHeader(); !fits) headerError_ = fits.error();
     if (headerError_ && headerError_->code != ErrorCode::invalidArgument) {
         check_.header = GroupCheck::Header::unreadable;
-        report(headerError_->text(), false);
+        report(headerError_->text());
         return std::move(check_);
     }
     if (auto compared = compareAll(reader); !compared) {
         if (compared.error().isStop()) return compared.error();
-        report(compared.error().text(), false);
+        report(compared.error().text());
         return std::move(check_);
     }
     if (!headerError_ && indexIsOfAnother()) {
         check_.header = GroupCheck::Header::unreadable;
         report(reader.file().path().string() +
-                   ": no entry of its index fits the records; one of the two may be of another recording",
-               false);
+               ": no entry of its index fits the records; one of the two may be of another recording");
         return std::move(check_);
     }
     checkHeader(reader);
@@ -138,16 +138,17 @@ void GroupChecker::checkHeader(const GroupReader& reader) {
     const std::string path = reader.file().path().string();
     if (reader.file().size() < kHeaderSize) {
         check_.header = GroupCheck::Header::mendable;
-        report(path + ": shorter than its header, holds no records");
+        report(path + ": shorter than its header, holds no records", "writes the header");
     } else if (headerError_) {
         const bool proven = proof_.holds();
         check_.header = proven ? GroupCheck::Header::mendable : GroupCheck::Header::unreadable;
         report(headerError_->text() + (proven ? "; the records behind the header are this group's"
                                               : "; nothing shows whose records stand behind the header"),
-               proven);
+               proven ? "writes the header again" : "");
     } else if (check_.tornBytes > 0 && !check_.beingWritten) {
         report(fmt::format("{}: {} bytes of a torn record at byte {}, behind {} whole records", path,
-                           check_.tornBytes, reader.offsetOf(check_.records), check_.records));
+                           check_.tornBytes, reader.offsetOf(check_.records), check_.records),
+               "cuts them off");
     }
 }
 
@@ -239,15 +240,13 @@ void GroupChecker::reportOrder() {
     if (beforeStart_ > 0) {
         report(
             fmt::format("{}: {} record(s) far before the start of the recording, as in a file of another one",
-                        (directory_ / recordFileName(number_)).string(), beforeStart_),
-            false);
+                        (directory_ / recordFileName(number_)).string(), beforeStart_));
     }
     if (unordered_ == 0) return;
     report(fmt::format("{}: {} older than the record before, the first is {}; its place in time is lost",
                        (directory_ / recordFileName(number_)).string(),
                        unordered_ == 1 ? "1 record is" : fmt::format("{} records are", unordered_),
-                       firstUnordered_),
-           false);
+                       firstUnordered_));
 }
 
 void GroupChecker::reportSummaries() {
@@ -262,22 +261,24 @@ void GroupChecker::reportSummary(std::size_t number, const ComparedFile& file) {
     const std::string path = SummaryFile::path(directory_, number_, number).string();
     if (!file.reader) {
         // The writer makes a level with its first entry.
-        if (!check_.beingWritten) report(file.trouble);
+        if (!check_.beingWritten) report(file.trouble, kMadeAgain);
         return;
     }
     if (file.wrong > 0) {
-        report(fmt::format(
-            "{}: {} the records, the first is entry {} (byte {})", path,
-            file.wrong == 1 ? "1 entry does not fit" : fmt::format("{} entries do not fit", file.wrong),
-            file.firstWrong, file.reader->offsetOf(file.firstWrong)));
+        report(fmt::format("{}: {} the records, the first is entry {} (byte {})", path,
+                           file.wrong == 1 ? "1 entry does not fit"
+                                           : fmt::format("{} entries do not fit", file.wrong),
+                           file.firstWrong, file.reader->offsetOf(file.firstWrong)),
+               kMadeAgain);
     }
     if (check_.beingWritten) return;
     const std::uint64_t count = file.reader->count();
     if (count != file.expected) {
-        report(fmt::format("{}: {} entries instead of {}", path, count, file.expected));
+        report(fmt::format("{}: {} entries instead of {}", path, count, file.expected), kMadeAgain);
     } else if (file.reader->tornBytes() > 0) {
         report(fmt::format("{}: {} bytes behind the last entry (byte {})", path, file.reader->tornBytes(),
-                           file.reader->offsetOf(count)));
+                           file.reader->offsetOf(count)),
+               kMadeAgain);
     }
 }
 
@@ -288,7 +289,7 @@ void GroupChecker::reportSurplusLevels() {
         std::error_code failure;
         if (!fs::exists(fs::symlink_status(path, failure))) continue;
         check_.surplusFiles.push_back(level);
-        report(path.string() + ": belongs to no record of this recording");
+        report(path.string() + ": belongs to no record of this recording", "removes it");
     }
 }
 

@@ -18,8 +18,10 @@
 namespace lm::storage {
 
 struct Finding {
-    std::string text;      ///< "FILE: what is wrong, and where"
-    bool mendable = true;  ///< by repairRecording()
+    std::string text;    ///< "FILE: what is wrong, and where"
+    std::string repair;  ///< what repairRecording() does about it ("removes it"), empty: it cannot be mended
+
+    bool mendable() const { return !repair.empty(); }
 };
 
 /// What is wrong with the files of one group.
@@ -35,7 +37,7 @@ struct GroupCheck {
     std::uint64_t records = 0;
     std::uint64_t tornBytes = 0;
     bool beingWritten = false;
-    std::vector<std::size_t> wrongFiles;    ///< summary files (SummaryFile) to be made anew
+    std::vector<std::size_t> wrongFiles;    ///< summary files (SummaryFile) to be made again
     std::vector<std::size_t> surplusFiles;  ///< levels that the group is too short for
     std::vector<Finding> findings;
 };

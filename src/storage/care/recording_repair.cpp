@@ -126,7 +126,7 @@ Result<void> GroupRepair::mendRecordFile(const GroupCheck& check, int descriptor
         const FileHeader header = recordHeader(group_.recordSize);
         const Written done = writeAt(descriptor, 0, header.data(), header.size());
         if (done.systemError != 0) return writeError(path, done.systemError);
-        tell_(path.string() + ": header written anew");
+        tell_(path.string() + ": header written again");
     }
     if (check.tornBytes > 0) {
         const std::uint64_t end =
@@ -155,7 +155,7 @@ Result<void> GroupRepair::makeSummaries(const std::vector<std::size_t>& numbers)
     }
     for (Replacement& file : files) {
         if (auto placed = file.takePlace(); !placed) return placed;
-        tell_(fmt::format("{}: made anew with {} entries", file.path().string(), file.entries()));
+        tell_(fmt::format("{}: made again with {} entries", file.path().string(), file.entries()));
     }
     return written(directory_, flushDirectoryToDisk(directory_));
 }
@@ -217,7 +217,7 @@ Result<std::vector<Finding>> repairRecording(const fs::path& directory, const St
         auto check = checkGroup(directory, i, recording.value().info(), stop);
         if (!check) return check.error();
         const std::vector<Finding>& findings = check.value().findings;
-        const auto mendable = [](const Finding& finding) { return finding.mendable; };
+        const auto mendable = [](const Finding& finding) { return finding.mendable(); };
         std::copy_if(findings.begin(), findings.end(), std::back_inserter(left), std::not_fn(mendable));
         if (std::none_of(findings.begin(), findings.end(), mendable)) continue;
         GroupRepair repair(directory, i, groups[i], stop, tell);

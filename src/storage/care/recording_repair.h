@@ -1,4 +1,4 @@
-// Mends a recording after a crash: cuts torn records off, makes index and levels anew from the records.
+// Mends a recording after a crash: cuts torn records off, makes index and levels again from the records.
 // Whole records are never touched, and index and levels are replaced only by files that are complete.
 //
 // Threads: one thread; no other program may record or repair there, which is checked. Lifetime: nothing is

@@ -1,5 +1,6 @@
 #include "storage/format/recording_faults.h"
 
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -16,8 +17,10 @@ void RecordingFaults::reportWriteError() {
 
 void RecordingFaults::reportMissingLevel(const std::filesystem::path& file, const Error& error) {
     if (std::exchange(levelMissing_, true)) return;
+    const std::string reason =
+        error.sysErrno == 0 ? error.text() : std::generic_category().message(error.sysErrno);
     spdlog::error("recording: cannot create {}: {} (further levels may be missing; the data is complete)",
-                  file.string(), std::generic_category().message(error.sysErrno));
+                  file.string(), reason);
 }
 
 }  // namespace lm::storage

@@ -16,7 +16,7 @@ class RecordingFaults {
 
     /// A write, flush or close of some file failed.
     void reportWriteError();
-    /// A level file could not be made; `error` carries the errno.
+    /// A level file could not be made; `error` carries the errno, if there is one.
     void reportMissingLevel(const std::filesystem::path& file, const Error& error);
 
     bool writeFailed() const { return writeFailed_; }

@@ -34,8 +34,9 @@ Result<void> MetaFile::stage(const RecordingInfo& info) {
     if (isThere(path)) return alreadyRecorded(directory_);
     const int refused = file_.createAs(temporary);
     if (refused == EWOULDBLOCK) return recordedByAnother(directory_);
-    if (refused != 0) return Error{codeFromErrno(refused), "cannot write " + temporary, refused};
-    // Asked again now that nobody else can put one in place.
+    if (refused != 0)
+        return Error::withReasonAsHint(codeFromErrno(refused), refused, "cannot write " + temporary);
+    // Asked again now that no one else can put one in place.
     if (isThere(path)) return alreadyRecorded(directory_);
     if (const int failure = file_.write(metaToJson(info)); failure != 0) {
         return Error::fromErrno(failure, "cannot write meta.json");
@@ -51,7 +52,7 @@ Result<void> MetaFile::commit() {
     if (failure == 0) failure = file_.close();
     if (failure == 0) failure = flushDirectoryToDisk(directory_.empty() ? "." : directory_);
     if (failure == 0) return {};
-    return Error{codeFromErrno(failure), "cannot write " + path.string(), failure};
+    return Error::withReasonAsHint(codeFromErrno(failure), failure, "cannot write " + path.string());
 }
 
 Result<void> checkSignalPlaces(const GroupInfo& group) {

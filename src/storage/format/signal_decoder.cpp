@@ -25,10 +25,8 @@ struct SignalDecoder::Loops {
     template <typename Word, ByteOrder kOrder>
     struct Masked {
         static double read(const SignalDecoder& self, const std::uint8_t* bytes) {
-            const auto mask = static_cast<Word>(self.coding_.bitMask);
-            const auto field = static_cast<std::int64_t>(
-                std::uint64_t{static_cast<Word>(readBytes<Word>(bytes, kOrder) & mask)} >> self.shift_);
-            return static_cast<double>((field ^ self.sign_) - self.sign_);
+            const std::uint64_t value = self.field_.valueIn(readBytes<Word>(bytes, kOrder));
+            return static_cast<double>(static_cast<std::int64_t>(value));
         }
     };
     template <ByteOrder kOrder>
@@ -145,17 +143,11 @@ struct SignalDecoder::Loops {
 SignalDecoder::SignalDecoder(const SignalInfo& signal)
     : offset_(signal.recordOffset),
       coding_(signal.coding),
+      field_(signal.coding),
       decode_(value::rawDecoder(signal.coding)),
       conversion_(signal.conversion.get()) {
     using value::Conversion;
     const Conversion::Kind& kind = signal.conversion->kind();
-    if (coding_.bitMask != 0) {
-        shift_ = static_cast<unsigned>(std::countr_zero(coding_.bitMask));
-        // Mask bits beyond the type do not count.
-        const std::uint64_t inType = coding_.bitMask & (~std::uint64_t{0} >> (64U - 8U * coding_.size()));
-        if (value::isSigned(coding_.dataType))
-            sign_ = static_cast<std::int64_t>(std::bit_floor(inType) >> shift_);
-    }
     if (const auto* linear = std::get_if<Conversion::Linear>(&kind)) {
         factor_ = linear->a;
         addend_ = linear->b;

@@ -46,9 +46,8 @@ class SignalDecoder {
     std::uint32_t offset_ = 0;
     double factor_ = 1;
     double addend_ = 0;
-    unsigned shift_ = 0;     ///< of the mask
-    std::int64_t sign_ = 0;  ///< the sign bit of a signed field, 0 for an unsigned one
     value::RawCoding coding_;
+    value::IntegerField field_;
     value::RawDecodeFunction decode_ = nullptr;
     const value::Conversion* conversion_ = nullptr;
     const value::TablePairs* pairs_ = nullptr;  ///< of a table

@@ -57,7 +57,7 @@ Result<void> GroupFollower::lookAt(std::size_t number, bool live) {
         return error.sysErrno != 0 && error.code != ErrorCode::notFound ? Result<void>(error)
                                                                         : Result<void>();
     }
-    // One that nobody writes meanwhile is left from an older recording.
+    // One that no one writes meanwhile is left from an older recording.
     if (live && !isLockedByAnother(opened.value().file().descriptor())) return {};
     reader = std::move(opened).value();
     return {};

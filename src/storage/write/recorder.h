@@ -15,6 +15,7 @@
 
 #include "core/result.h"
 #include "storage/format/recording_info.h"
+#include "storage/write/disk_watch.h"
 #include "storage/write/recording_writer.h"
 
 namespace lm::storage {
@@ -49,12 +50,13 @@ class Recorder {
 
     GroupRange add(std::vector<GroupInfo> groups);
 
-    /// Makes the recording; nothing is added any more. Errors: those of RecordingWriter::create().
-    Result<void> begin(const std::filesystem::path& directory);
+    /// Makes the recording, of so many seconds (0: open), and watches its disk; nothing is added any more.
+    /// Errors: those of RecordingWriter::create(), "cannot start the watch of the disk: REASON".
+    Result<void> begin(const std::filesystem::path& directory, DiskForecast::Seconds duration);
     /// As of RecordingWriter: one of both ends what begin() began. These and the counters: not before begin()
     /// has succeeded.
-    Result<void> close() { return writer_->close(); }
-    Result<void> discard() { return writer_->discard(); }
+    Result<void> close();
+    Result<void> discard();
 
     std::uint64_t recordsWritten() const { return writer_->recordsWritten(); }
     std::uint64_t recordsDropped() const { return writer_->recordsDropped(); }
@@ -64,6 +66,7 @@ class Recorder {
 
     RecordingInfo info_;                       ///< until begin()
     std::unique_ptr<RecordingWriter> writer_;  ///< constant since begin()
+    DiskWatch disk_;
 };
 
 }  // namespace lm::storage

@@ -144,7 +144,7 @@ Result<void> RecordingWriter::State::prepare() {
 Result<void> RecordingWriter::State::makeDirectory() {
     std::error_code failure;
     const auto failed = [this](int reason) {
-        return Error{codeFromErrno(reason), "cannot create " + path.string(), reason};
+        return Error::withReasonAsHint(codeFromErrno(reason), reason, "cannot create " + path.string());
     };
     for (const fs::path& directory : missingDirectories(path)) {
         const bool made = fs::create_directory(directory, failure);

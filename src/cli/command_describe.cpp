@@ -1,0 +1,305 @@
+#include "cli/command_describe.h"
+
+#include <array>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <CLI/App.hpp>
+#include <fmt/format.h>
+
+#include "a2l/object.h"
+#include "a2l/similar_names.h"
+#include "cli/conversion_facts.h"
+#include "cli/object_facts.h"
+#include "cli/offline_a2l.h"
+#include "core/text.h"
+
+namespace lm::cli {
+namespace {
+
+constexpr std::string_view kConversionKind = "conversion";
+
+/// Lines of a label and a text; of several texts under one label the first line has the label.
+class Sheet {
+  public:
+    explicit Sheet(Output& output) : output_(output) {}
+
+    void line(std::string_view label, std::string_view text) {
+        output_.append("  ");
+        output_.appendPadded(label, 14);
+        output_.append(' ');
+        output_.appendPadded(text, 0);
+        output_.append('\n');
+    }
+    void lineIf(std::string_view label, std::string_view text) {
+        if (!text.empty()) line(label, text);
+    }
+    void lines(std::string_view label, const std::vector<std::string>& texts) {
+        for (const std::string& text : texts)
+            line(std::exchange(label, ""), text);
+    }
+
+  private:
+    Output& output_;
+};
+
+std::string rangeText(const std::pair<double, double>& range) {
+    return fmt::format("{} to {}", formatShortest(range.first), formatShortest(range.second));
+}
+
+std::string bitsText(const a2l::BitField& bits) {
+    std::string text;
+    const auto add = [&text](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
+    if (bits.mask != 0 || bits.emptyMask) add(fmt::format("mask 0x{:X}", bits.mask));
+    if (bits.leftShift != 0) add(fmt::format("left shift {}", bits.leftShift));
+    if (bits.rightShift != 0) add(fmt::format("right shift {}", bits.rightShift));
+    if (bits.signExtend) add("sign extended");
+    return text;
+}
+
+class DescribeReport final : public IReport {
+  public:
+    DescribeReport(const a2l::Description& description, const ObjectFacts& object)
+        : description_(description), object_(object), uses_(usesOf(description, object)) {}
+
+    void print(Output& output) const override {
+        output.appendPadded(fmt::format("{} ({})", object_.name, object_.kind), 0);
+        output.append('\n');
+        Sheet sheet(output);
+        sheet.lineIf("description", object_.description);
+        sheet.lineIf("display name", object_.displayName);
+        printValue(sheet);
+        printMemory(sheet);
+        printAccess(sheet);
+        printAxes(sheet);
+        sheet.lines("conversion", conversionLines(description_, object_.conversion));
+        printUses(sheet);
+    }
+
+    void write(JsonWriter& json) const override {
+        json.key("object").beginObject();
+        json.member("kind", object_.kind);
+        json.member("name", object_.name);
+        json.member("description", object_.description);
+        if (!object_.displayName.empty()) json.member("displayName", object_.displayName);
+        if (object_.kind != kConversionKind) {
+            writeValue(json);
+            writeMemory(json);
+            writeAccess(json);
+            writeAxes(json);
+        }
+        writeConversion(json, description_, object_.conversion);
+        writeUses(json);
+        json.endObject();
+    }
+
+  private:
+    static constexpr std::size_t kMostUses = 20;
+
+    const a2l::CompuMethod* method() const { return description_.findCompuMethod(object_.conversion); }
+    std::string_view unit() const {
+        if (object_.physUnit) return *object_.physUnit;
+        return method() == nullptr ? std::string_view() : method()->unit;
+    }
+    std::string_view format() const {
+        if (!object_.format.empty()) return object_.format;
+        return method() == nullptr ? std::string_view() : method()->format;
+    }
+    const a2l::RecordLayout* layout() const { return description_.findRecordLayout(object_.recordLayout); }
+
+    void printValue(Sheet& sheet) const {
+        sheet.lineIf("type", object_.type);
+        if (object_.limits) sheet.line("limits", rangeText(*object_.limits));
+        if (object_.extendedLimits) sheet.line("extended", rangeText(*object_.extendedLimits));
+        if (object_.elementCount > 1) sheet.line("elements", std::to_string(object_.elementCount));
+        if (object_.kind == kConversionKind) return;  // which tells them with its formula
+        sheet.lineIf("unit", unit());
+        sheet.lineIf("format", format());
+    }
+
+    void writeValue(JsonWriter& json) const {
+        json.member("type", object_.type);
+        if (object_.limits)
+            json.listMember("limits", std::array{object_.limits->first, object_.limits->second});
+        if (object_.extendedLimits) {
+            json.listMember("extendedLimits",
+                            std::array{object_.extendedLimits->first, object_.extendedLimits->second});
+        }
+        json.member("elements", object_.elementCount);
+        json.member("unit", unit());
+        json.member("format", format());
+    }
+
+    void printMemory(Sheet& sheet) const {
+        if (object_.address) {
+            const std::string extension =
+                object_.addressExtension == 0 ? "" : fmt::format(", extension {}", object_.addressExtension);
+            sheet.line("address", fmt::format("0x{:08X}{}{}", *object_.address, extension,
+                                              object_.isPointer ? ", of a pointer to the value" : ""));
+        }
+        if (object_.isVirtual) sheet.line("address", "none, it is computed (VIRTUAL_CHARACTERISTIC)");
+        if (object_.byteOrder) sheet.line("byte order", byteOrderName(*object_.byteOrder));
+        sheet.lineIf("bits", bitsText(object_.bits));
+        sheet.lineIf("record layout", layoutText());
+    }
+
+    std::string layoutText() const {
+        if (object_.recordLayout.empty()) return {};
+        std::string text(object_.recordLayout);
+        if (layout() == nullptr) return text + ", which is not in the A2L";
+        if (!layout()->fncValues) return text;
+        const auto& values = *layout()->fncValues;
+        return text + fmt::format(": values {}, {}, {}", value::dataTypeName(values.dataType),
+                                  values.indexMode, values.addressType);
+    }
+
+    void writeMemory(JsonWriter& json) const {
+        json.key("address");
+        object_.address ? json.value(*object_.address) : json.null();
+        json.member("addressExtension", object_.addressExtension);
+        if (object_.byteOrder) json.member("byteOrder", byteOrderName(*object_.byteOrder));
+        json.member("pointer", object_.isPointer);
+        json.member("virtual", object_.isVirtual);
+        if (const std::string text = bitsText(object_.bits); !text.empty()) {
+            json.key("bits").beginObject();
+            json.member("mask", object_.bits.mask);
+            json.member("leftShift", object_.bits.leftShift);
+            json.member("rightShift", object_.bits.rightShift);
+            json.member("signExtend", object_.bits.signExtend);
+            json.endObject();
+        }
+        if (object_.recordLayout.empty()) return;
+        json.key("recordLayout").beginObject();
+        json.member("name", object_.recordLayout);
+        if (layout() != nullptr && layout()->fncValues) {
+            json.member("type", value::dataTypeName(layout()->fncValues->dataType));
+            json.member("indexMode", layout()->fncValues->indexMode);
+            json.member("addressType", layout()->fncValues->addressType);
+        }
+        json.endObject();
+    }
+
+    /// Why this program cannot read it; empty when it can.
+    std::string obstacle() const {
+        if (!object_.writable) return {};  // no measurement or parameter
+        const auto found = a2l::findObject(description_, object_.name);
+        if (found) return {};
+        const std::string text = found.error().text();
+        const std::string prefix = std::string(object_.name) + ": ";
+        return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
+    }
+
+    void printAccess(Sheet& sheet) const {
+        const bool isMeasurement = object_.kind == "measurement";
+        if (const std::string text = obstacle(); !text.empty()) {
+            sheet.line("not readable", text);
+        } else if (object_.writable) {
+            sheet.line("access", *object_.writable ? "read and write"
+                                 : isMeasurement   ? "read (`set -m` writes it, too)"
+                                                   : "read only");
+        }
+        if (!object_.events.empty()) sheet.line("events", eventsText());
+    }
+
+    /// Numbers, with names where the A2L has them.
+    std::string eventsText() const {
+        std::vector<std::string> texts;
+        for (const std::uint16_t number : object_.events) {
+            std::string text = std::to_string(number);
+            if (description_.xcp.daq) {
+                for (const a2l::XcpEvent& event : description_.xcp.daq->events)
+                    if (event.channel == number) text += " (" + event.name + ")";
+            }
+            texts.push_back(std::move(text));
+        }
+        return fmt::format("{}", fmt::join(texts, ", "));
+    }
+
+    void writeAccess(JsonWriter& json) const {
+        if (object_.writable) json.member("writable", *object_.writable);
+        json.listMember("events", object_.events);
+        if (const std::string text = obstacle(); !text.empty()) json.member("notReadable", text);
+    }
+
+    void printAxes(Sheet& sheet) const {
+        sheet.lineIf("input", object_.inputQuantity);
+        if (object_.maxAxisPoints) sheet.line("points", fmt::format("{} at most", *object_.maxAxisPoints));
+        for (std::size_t i = 0; i < object_.axes.size(); ++i) {
+            const a2l::AxisDescription& axis = object_.axes[i];
+            const std::string points =
+                axis.axisPointsRef.empty() ? "" : fmt::format(", points in {}", axis.axisPointsRef);
+            sheet.line(fmt::format("axis {}", i + 1),
+                       fmt::format("{}, input {}, {} points at most, limits {}, conversion {}{}",
+                                   axis.attribute, axis.inputQuantity, axis.maxAxisPoints,
+                                   rangeText({axis.lowerLimit, axis.upperLimit}), axis.conversion, points));
+        }
+    }
+
+    void writeAxes(JsonWriter& json) const {
+        if (!object_.inputQuantity.empty()) json.member("inputQuantity", object_.inputQuantity);
+        if (object_.maxAxisPoints) json.member("maxAxisPoints", *object_.maxAxisPoints);
+        json.key("axes").beginArray();
+        for (const a2l::AxisDescription& axis : object_.axes) {
+            json.beginObject();
+            json.member("attribute", axis.attribute);
+            json.member("inputQuantity", axis.inputQuantity);
+            json.member("conversion", axis.conversion);
+            json.member("maxAxisPoints", axis.maxAxisPoints);
+            json.listMember("limits", std::array{axis.lowerLimit, axis.upperLimit});
+            if (!axis.axisPointsRef.empty()) json.member("axisPoints", axis.axisPointsRef);
+            json.endObject();
+        }
+        json.endArray();
+    }
+
+    void printUses(Sheet& sheet) const {
+        std::vector<std::string> texts;
+        for (std::size_t i = 0; i < uses_.size() && i < kMostUses; ++i) {
+            const Use& use = uses_[i];
+            texts.push_back(use.axis == 0 ? fmt::format("{} of {}", use.how, use.by)
+                                          : fmt::format("{} of axis {} of {}", use.how, use.axis, use.by));
+        }
+        if (uses_.size() > kMostUses)
+            texts.push_back(fmt::format("and {} more (--json tells all)", uses_.size() - kMostUses));
+        sheet.lines("used as", texts);
+    }
+
+    void writeUses(JsonWriter& json) const {
+        json.key("uses").beginArray();
+        for (const Use& use : uses_) {
+            json.beginObject();
+            json.member("by", use.by);
+            json.member("as", use.how);
+            if (use.axis != 0) json.member("axis", use.axis);
+            json.endObject();
+        }
+        json.endArray();
+    }
+
+    const a2l::Description& description_;
+    const ObjectFacts& object_;
+    const std::vector<Use> uses_;
+};
+
+}  // namespace
+
+void DescribeCommand::addOptions(CLI::App& app) {
+    app.add_option("name", name_, "MEASUREMENT, CHARACTERISTIC, AXIS_PTS or COMPU_METHOD name")->required();
+}
+
+int DescribeCommand::run(Workplace& place) {
+    const auto description = loadA2l(place);
+    if (!description) return 1;
+    const auto object = findFacts(*description, name_);
+    if (!object) {
+        Error unknown{ErrorCode::notFound, "'" + name_ + "' is not in the A2L"};
+        unknown.hint = a2l::unknownNameHint(*description, name_);
+        place.results.fail("describe", unknown, name_);
+        return 1;
+    }
+    place.results.show(DescribeReport(*description, *object));
+    return 0;
+}
+
+}  // namespace lm::cli

@@ -1,0 +1,21 @@
+// The subcommand `describe`: all that the A2L says about one object, its conversion, and where it is used.
+//
+// Threads: one thread. Lifetime: nothing is kept.
+#pragma once
+
+#include <string>
+
+#include "cli/command.h"
+
+namespace lm::cli {
+
+class DescribeCommand final : public ICommand {
+  public:
+    void addOptions(CLI::App& app) override;
+    int run(Workplace& place) override;
+
+  private:
+    std::string name_;
+};
+
+}  // namespace lm::cli

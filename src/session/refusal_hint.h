@@ -1,0 +1,17 @@
+// In the words of the user, what of a measurement the ECU refused: signals and events, not ODT entries.
+//
+// Threads: pure functions. Lifetime: results own their text.
+#pragma once
+
+#include <string>
+
+#include "session/measurement_types.h"
+#include "xcp/daq_setup.h"
+
+namespace lm::session {
+
+/// Empty when the refusal was of the measurement as a whole.
+std::string refusalHint(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities,
+                        const xcp::DaqRefusal& refusal);
+
+}  // namespace lm::session
