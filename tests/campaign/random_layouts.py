@@ -42,7 +42,7 @@ class World:
         return frame.replace("SYSTEM_CONSTANT", f"ECU_CALIBRATION_OFFSET {self.near:#x} SYSTEM_CONSTANT" if self.near else "SYSTEM_CONSTANT")
 
     def take(self, size, aligned=False):
-        """A free place for so many bytes, at any address."""
+        """A free place for so many bytes, at any address, or at one where every type may lie."""
         begin = self.next + self.chance.randrange(9)
         begin += -begin % 16 if aligned else 0
         self.next = begin + size
@@ -51,10 +51,8 @@ class World:
         return BASE + begin
 
     def target(self, pointer, size):
-        if pointer != "PBYTE":
-            return self.take(size)
-        self.small += size
-        return BASE + self.small - size
+        self.small += size if pointer == "PBYTE" else 0
+        return BASE + self.small - size if pointer == "PBYTE" else self.take(size)
 
     def pointer(self, size):
         """A kind of pointer that can lead to so many bytes; near ones only where the module says what they count from."""
@@ -101,18 +99,12 @@ class Axis:
             self.trend, self.monotony = "up", ""
 
     def fix(self, chance):
-        self.form = chance.choice(("FIX_AXIS_PAR", "FIX_AXIS_PAR_DIST", "FIX_AXIS_PAR_LIST", "SHIFT_OP", "DIST_OP"))
-        offset = chance.randint(-20, 50)
-        if self.form == "FIX_AXIS_PAR":
-            self.numbers = (offset, chance.randint(0, 6), self.most)
-        elif self.form == "FIX_AXIS_PAR_DIST":
-            self.numbers = (offset, chance.choice((1, 10, 2.5, -4)), self.most)
-        elif self.form == "FIX_AXIS_PAR_LIST":
-            self.numbers = tuple(offset + i * i + chance.choice((0, 0.5)) for i in range(self.most))
-        words = " ".join(map(str, self.numbers))
-        self.options = f"/begin {self.form} {words} /end {self.form}" if self.form.endswith("LIST") else f"{self.form} {words}"
-        if self.form.endswith("_OP"):
-            self.options = ""
+        offset, n = chance.randint(-20, 50), self.most
+        forms = {"FIX_AXIS_PAR": (offset, chance.randint(0, 6), n), "FIX_AXIS_PAR_DIST": (offset, chance.choice((1, 10, 2.5, -4)), n),
+                 "FIX_AXIS_PAR_LIST": tuple(offset + i * i + chance.choice((0, 0.5)) for i in range(n)), "SHIFT_OP": (), "DIST_OP": ()}
+        self.form, self.numbers = chance.choice(list(forms.items()))
+        words = f"{self.form} {' '.join(map(str, self.numbers))}" if self.numbers else ""
+        self.options = f"/begin {words} /end {self.form}" if self.form.endswith("LIST") else words
 
     def text(self):
         limits = "-1e300 1e300" if self.kind != "CURVE_AXIS" else f"0 {self.most - 1}"
@@ -345,7 +337,7 @@ class Thing:
             elif what.startswith(("SHIFT_OP_", "DIST_OP_")):
                 self.numbers[what, index] = chance.randint(0 if what[0] == "S" else 1, 6)
         for name, axis, count, shared in zip(AXES, self.axes, self.used, self.shared):
-            memory = {what: number for (what, _), number in ((k, n) for k, n in self.numbers.items() if k and isinstance(k[0], str))}
+            memory = {k[0]: n for k, n in self.numbers.items() if k and isinstance(k[0], str)}
             if axis.kind == "RESCALE":
                 indices = sorted(chance.sample(range(1, 120), count - 1))
                 self.pairs = list(zip(sorted(chance.sample(range(120), count)), [0, *indices]))
