@@ -129,7 +129,7 @@ class BadObjectsTest(SystemTest):
         for i in range(20):
             write(f"twice{i}", f'/include "twice{i + 1}"\n' * 2 if i < 19 else "")
         write("circle", '/include "circle"\n')
-        write("wide", "".join(f'/include "leaf"\n' for _ in range(1500)))
+        write("wide", "".join('/include "leaf"\n' for _ in range(1500)))
         write("leaf", "")
         for text, told in (('/include "twice0"', "twice"), ('/include "circle"', "circle"), ('/include "wide"', "wide line 1000"),
                            ('/include "nothing"', "nothing"), ("/include .", ""), ('/include "/dev/zero"', "/dev/zero"),
