@@ -91,15 +91,17 @@ std::size_t brokenMonotony(std::span<const value::Value> before, std::span<const
                            Monotony monotony) {
     struct Way {
         std::ptrdiff_t oldBreaks;
-        std::size_t firstNew;  ///< break that was none before
+        std::size_t firstNew;  ///< break beside a point that changes
     };
     std::vector<Way> ways;
     for (const bool up : {true, false}) {
         const std::vector<bool> was = breaksOf(before, monotony, up);
         const std::vector<bool> is = breaksOf(after, monotony, up);
         if (std::find(is.begin(), is.end(), true) == is.end()) return after.size();
+        // A break between two points that stay may wait until it is mended.
+        const auto stays = [&](std::size_t i) { return std::is_eq(compare(before[i], after[i])); };
         std::size_t i = 0;
-        while (i < is.size() && (!is[i] || was[i]))
+        while (i < is.size() && (!is[i] || (stays(i) && stays(i - 1))))
             ++i;
         ways.push_back({std::count(was.begin(), was.end(), true), i});
     }

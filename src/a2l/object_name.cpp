@@ -1,5 +1,6 @@
 #include "a2l/object_name.h"
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <numeric>
@@ -44,11 +45,15 @@ std::string counted(std::size_t count, const char* one, const char* more) {
 }
 
 Result<void> checkIndices(const ObjectName& name, std::span<const std::uint32_t> dimensions) {
-    if (name.indices.size() != dimensions.size()) {
+    // Some generators fill MATRIX_DIM with ones: no one writes an index for them.
+    const bool isShort = name.indices.size() < dimensions.size() &&
+                         std::all_of(dimensions.begin() + static_cast<std::ptrdiff_t>(name.indices.size()),
+                                     dimensions.end(), [](std::uint32_t count) { return count == 1; });
+    if (name.indices.size() != dimensions.size() && !isShort) {
         return refused(name, "has " + counted(dimensions.size(), "dimension", "dimensions") + ", not " +
                                  std::to_string(name.indices.size()));
     }
-    for (std::size_t i = 0; i < dimensions.size(); ++i) {
+    for (std::size_t i = 0; i < name.indices.size(); ++i) {
         if (!name.indices[i] || *name.indices[i] < dimensions[i]) continue;
         return refused(name, "index " + std::to_string(*name.indices[i]) + " is beyond the last one, " +
                                  std::to_string(dimensions[i] - 1));
@@ -110,7 +115,7 @@ Result<std::vector<std::size_t>> selectElements(const ObjectName& name,
     // Dimension by dimension: what is chosen so far, once for each index that is chosen here.
     numbers = {0};
     std::size_t stride = 1;
-    for (std::size_t i = 0; i < dimensions.size(); ++i) {
+    for (std::size_t i = 0; i < name.indices.size(); ++i) {
         std::vector<std::size_t> more;
         const std::uint32_t first = name.indices[i].value_or(0);
         const std::uint32_t last = name.indices[i].value_or(dimensions[i] - 1);

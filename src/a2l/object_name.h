@@ -33,8 +33,8 @@ struct ObjectName {
 /// with the longest name. Errors (notFound): "'TEXT' is neither a MEASUREMENT nor a CHARACTERISTIC".
 Result<ObjectName> parseObjectName(const Description& description, std::string_view text);
 
-/// The numbers of the elements that the indices choose, in the order of the elements; all for no index and
-/// for a single `*`. Errors (invalidArgument): "TEXT: ...".
+/// The numbers of the elements that the indices choose (those of last dimensions of 1 may be missing), in the
+/// order of the elements; all for no index and for a single `*`. Errors (invalidArgument): "TEXT: ...".
 Result<std::vector<std::size_t>> selectElements(const ObjectName& name,
                                                 std::span<const std::uint32_t> dimensions);
 

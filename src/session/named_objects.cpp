@@ -154,7 +154,10 @@ bool NamedObjects::exists(std::string_view name) const {
 
 bool NamedObjects::hasDependents(std::string_view name) const {
     const auto dependents = a2l::dependentsOf(description_, std::span(&name, 1));
-    return !dependents.ok() || !dependents.value().empty();
+    if (!dependents.ok()) return true;
+    return std::any_of(dependents.value().begin(), dependents.value().end(), [](const auto* dependency) {
+        return dependency->kind == a2l::DependencyKind::dependentCharacteristic;
+    });
 }
 
 Result<ObjectReading> NamedObjects::read(std::string_view text) {
