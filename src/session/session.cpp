@@ -275,10 +275,25 @@ std::string Session::ecuName() const {
 }
 
 void Session::changeState(SessionState state, const std::string& message) {
-    state_.exchange(state);
+    const SessionState before = state_.exchange(state);
+    const bool lost = before == SessionState::measuring &&
+                      (state == SessionState::reconnecting || state == SessionState::failed);
     if (state == SessionState::connected || state == SessionState::measuring) terminationTold_ = false;
     if (!message.empty()) spdlog::info("session: {} - {}", sessionStateName(state), message);
-    if (ISessionListener* listener = listener_.load()) listener->onStateChanged(state, message);
+    if (ISessionListener* listener = listener_.load()) {
+        listener->onStateChanged(state, message, lost ? lossHint() : "");
+    }
+}
+
+/// Why the connection may have been lost: what is known, else all that may be.
+std::string Session::lossHint() const {
+    if (terminationTold_) {
+        return "the ECU itself ended the session (EV_SESSION_TERMINATED): it answers again after a new "
+               "CONNECT";
+    }
+    if (medium_->lost()) return "the device is gone: a plug was pulled or an adapter was switched off";
+    return "the ECU is off or out of reach, has stopped the measurement, or another master has connected to "
+           "it (one ECU serves one master, the last)";
 }
 
 void Session::onEvent(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t /*length*/,

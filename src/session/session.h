@@ -127,6 +127,7 @@ class Session final : private xcp::IMasterListener {
     void onTransportEvent(const xcp::TransportEvent& event) override;
 
     void changeState(SessionState state, const std::string& message);
+    std::string lossHint() const;
     Result<void> beginRecording(const MeasurementOptions& options);
     Result<void> beginMeasurement(const MeasurementOptions& options);
     void warnAboutByteOrder() const;
