@@ -164,9 +164,17 @@ Error Session::afterConnect(Error error) const {
     return error;
 }
 
+/// The ECU waits meanwhile: the hints of a long list of names that are all unknown take no time of note.
+Result<a2l::Object> Session::findScalar(std::string_view name) {
+    constexpr std::size_t kMostExplained = 10;
+    auto object = a2l::findScalar(description_, name, unknownNames_ < kMostExplained);
+    if (!object && object.error().code == ErrorCode::notFound) ++unknownNames_;
+    return object;
+}
+
 std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
     auto outcome = values_.read(names.size(), [&](std::size_t i) -> Result<value::Element> {
-        const auto object = a2l::findScalar(description_, names[i]);
+        const auto object = findScalar(names[i]);
         if (!object.ok()) return object.error();
         return object.value().element();
     });
@@ -178,7 +186,7 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
 }
 
 WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
-    const auto object = a2l::findScalar(description_, name);
+    const auto object = findScalar(name);
     if (!object.ok()) return {object.error()};
     if (auto allowed = checkWritable(object.value(), allowMeasurements); !allowed.ok())
         return {allowed.error()};
