@@ -103,7 +103,7 @@ _xcplumo_complete() {
         *)
             case ${command[*]}:$word in
                 *:-* | :* | recording:*) _xcplumo_offer "$word" "$(_xcplumo_help_words "${words[0]}" "${command[@]}")" ;;
-                get:*) _xcplumo_names "$word" ;;
+                get:* | describe:*) _xcplumo_names "$word" ;;
                 set:*=*) ;;
                 set:*)
                     compopt -o nospace 2>/dev/null

@@ -14,6 +14,7 @@ std::string_view assumptionText(Assumption assumption) {
         "holes in the positions of a record reserve no memory",
         "values of an array touch, whatever their border",
         "values that alternate with points are aligned one by one",
+        "values that alternate with points keep their distance where the first lies beside its border",
         "rows of a STATIC_RECORD_LAYOUT keep the distance that the largest size gives them",
         "with STATIC_ADDRESS_OFFSETS the parts keep their places, what is in them is packed",
         "INDEX_DECR turns the values together with their points",

@@ -18,6 +18,7 @@ enum class Assumption : std::uint8_t {
     positionGap,        ///< positions with a hole
     borderInArray,      ///< a border above the size of an array's values
     alternateBorder,    ///< ALTERNATE_WITH_x of values of several sizes
+    alternateUnmoved,   ///< such values begin beside their border
     staticStride,       ///< rows of a STATIC_RECORD_LAYOUT keep their distance
     staticOffsets,      ///< STATIC_ADDRESS_OFFSETS
     decreasingPairs,    ///< INDEX_DECR of an axis turns the values too

@@ -82,6 +82,7 @@ Result<void> buildComputed(const AxisPart& part, Axis& axis) {
 
 /// An axis whose points are an AXIS_PTS: that has type, form and monotony, the AXIS_DESCR all that is shown.
 Result<void> buildShared(const AxisPart& part, Axis& axis) {
+    if (axis.reference.empty()) return objectFault(part.name, "AXIS_PTS_REF is missing");
     auto built = buildObject(part.description, axis.reference, part.referencesLeft - 1);
     if (!built || built.value().kind != ObjectKind::axisPoints) {
         const bool found = built || part.description.findAxisPoints(axis.reference) != nullptr;
@@ -114,6 +115,7 @@ Result<void> buildShared(const AxisPart& part, Axis& axis) {
 }
 
 Result<void> buildCurveAxis(const AxisPart& part, Axis& axis) {
+    if (axis.reference.empty()) return objectFault(part.name, "CURVE_AXIS_REF is missing");
     auto curve = buildObject(part.description, axis.reference, part.referencesLeft - 1);
     if (!curve) return objectFault(part.name, curve.error().text());
     if (curve.value().kind != ObjectKind::characteristic || curve.value().type != CharacteristicType::curve)

@@ -58,6 +58,13 @@ class Sum {
     double number_ = 0;
 };
 
+std::vector<bool> breaksOf(std::span<const value::Value> points, Monotony monotony, bool up) {
+    std::vector<bool> breaks(points.size());
+    for (std::size_t i = 1; i < points.size(); ++i)
+        breaks[i] = !isAllowed(compare(points[i - 1], points[i]), monotony, up);
+    return breaks;
+}
+
 }  // namespace
 
 std::vector<double> rescaledPoints(std::span<const double> pairs, std::uint32_t count) {
@@ -80,16 +87,26 @@ std::vector<double> rescaledPoints(std::span<const double> pairs, std::uint32_t 
     return points;
 }
 
-std::size_t brokenMonotony(std::span<const value::Value> points, Monotony monotony,
-                           const std::vector<bool>& isChanged) {
-    if (points.size() < 2) return points.size();
-    // The ends of an axis say which way it goes.
-    const bool up = std::is_lteq(compare(points.front(), points.back()));
-    for (std::size_t i = 1; i < points.size(); ++i) {
-        const bool concerned = isChanged[i] || isChanged[i - 1];
-        if (concerned && !isAllowed(compare(points[i - 1], points[i]), monotony, up)) return i;
+std::size_t brokenMonotony(std::span<const value::Value> before, std::span<const value::Value> after,
+                           Monotony monotony) {
+    struct Way {
+        std::ptrdiff_t oldBreaks;
+        std::size_t firstNew;  ///< break that was none before
+    };
+    std::vector<Way> ways;
+    for (const bool up : {true, false}) {
+        const std::vector<bool> was = breaksOf(before, monotony, up);
+        const std::vector<bool> is = breaksOf(after, monotony, up);
+        if (std::find(is.begin(), is.end(), true) == is.end()) return after.size();
+        std::size_t i = 0;
+        while (i < is.size() && (!is[i] || was[i]))
+            ++i;
+        ways.push_back({std::count(was.begin(), was.end(), true), i});
     }
-    return points.size();
+    // The way it goes is the one with fewer breaks; with as many, whichever suits the change.
+    if (ways[0].oldBreaks != ways[1].oldBreaks)
+        return ways[0].oldBreaks < ways[1].oldBreaks ? ways[0].firstNew : ways[1].firstNew;
+    return std::max(ways[0].firstNew, ways[1].firstNew);
 }
 
 Result<std::vector<value::Value>> PlacedAxis::raw(const MemoryImage& image) const {

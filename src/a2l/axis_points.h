@@ -18,9 +18,10 @@ namespace lm::a2l {
 /// range, each is mapped back linearly between two pairs.
 std::vector<double> rescaledPoints(std::span<const double> pairs, std::uint32_t count);
 
-/// The first point that breaks the monotony with the one before it, when one of the two is marked as changed.
-/// Size of `points`: none does.
-std::size_t brokenMonotony(std::span<const value::Value> points, Monotony monotony,
-                           const std::vector<bool>& isChanged);
+/// The first point of `after` that breaks the monotony with the one before it where `before`, the same axis
+/// until now, does not: an axis that is out of order can be mended step by step. An axis that may go either
+/// way goes one way as a whole. Size of `after`: none does.
+std::size_t brokenMonotony(std::span<const value::Value> before, std::span<const value::Value> after,
+                           Monotony monotony);
 
 }  // namespace lm::a2l

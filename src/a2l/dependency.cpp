@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "a2l/description.h"
+#include "a2l/structure.h"
 
 namespace lm::a2l {
 namespace {
@@ -97,14 +98,24 @@ class Reach {
     std::unordered_map<const Dependency*, std::size_t> waits_;
 };
 
+/// The COMPU_METHOD of a virtual measurement or leaf; empty for neither.
+std::string_view conversionOf(const Description& description, std::string_view name) {
+    if (const Measurement* measurement = description.findMeasurement(name)) return measurement->conversion;
+    const auto leaf = findLeaf(description, name);
+    if (!leaf) return {};
+    for (const Overwrite* overwrite : leaf.value().overwrites)
+        if (overwrite->axis == 0 && !overwrite->conversion.empty()) return overwrite->conversion;
+    const auto* measurement = std::get_if<const Measurement*>(&leaf.value().record);
+    return measurement == nullptr ? std::string_view() : (*measurement)->conversion;
+}
+
 /// The formula of a virtual measurement; a single source without a conversion is the value.
 std::string_view methodFormula(const Description& description, const Dependency& dependency) {
-    const Measurement* measurement = description.findMeasurement(dependency.name);
-    if (measurement == nullptr) return {};
-    const CompuMethod* method = description.findCompuMethod(measurement->conversion);
+    const std::string_view conversion = conversionOf(description, dependency.name);
+    const CompuMethod* method = description.findCompuMethod(conversion);
     if (method != nullptr && method->type == ConversionType::form) return method->formula;
-    const bool identical = measurement->conversion == "NO_COMPU_METHOD" ||
-                           (method != nullptr && method->type == ConversionType::identical);
+    const bool identical =
+        conversion == "NO_COMPU_METHOD" || (method != nullptr && method->type == ConversionType::identical);
     return identical && dependency.sourceCount == 1 ? "X1" : "";
 }
 

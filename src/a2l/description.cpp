@@ -89,8 +89,17 @@ std::span<const std::uint32_t> Description::dimensions(const Extent& extent) con
     return std::span(store_->dimensions).subspan(extent.first, extent.count);
 }
 
+std::string_view Description::typeName(const Instance& instance) const {
+    return store_->instanceTypes[instance.type];
+}
+
+const InstanceDetails& Description::details(const Instance& instance) const {
+    return store_->instanceDetails[instance.details];
+}
+
 std::span<const Overwrite> Description::overwrites(const Instance& instance) const {
-    return std::span(store_->overwrites).subspan(instance.firstOverwrite, instance.overwriteCount);
+    const InstanceDetails& own = details(instance);
+    return std::span(store_->overwrites).subspan(own.firstOverwrite, own.overwriteCount);
 }
 
 const Folder* Description::findGroup(std::string_view name) const {
@@ -102,7 +111,19 @@ const Folder* Description::findFunction(std::string_view name) const {
 }
 
 const Dependency* Description::findDependency(std::string_view name) const {
-    return store_->dependencies.lookUp(dependencies, name);
+    for (;;) {
+        const Dependency* found = store_->dependencies.lookUp(dependencies, name);
+        // An element of a leaf bears its name and an index.
+        const bool isElement = found == nullptr && !typeDependencies.empty() && name.ends_with(']');
+        if (!isElement) return found;
+        const std::size_t index = name.rfind('[');
+        if (index == std::string_view::npos) return nullptr;
+        name = name.substr(0, index);
+    }
+}
+
+const Dependency* Description::findTypeDependency(std::string_view name) const {
+    return store_->typeDependencies.lookUp(typeDependencies, name);
 }
 
 std::span<const std::string_view> Description::sources(const Dependency& dependency) const {
@@ -149,6 +170,11 @@ std::string_view Description::nameOf(NameNumber number) const {
             return store_->others[record].name;
     }
     return {};
+}
+
+std::span<const std::uint16_t> Description::events(const Instance& instance) const {
+    const InstanceDetails& own = details(instance);
+    return std::span(store_->events).subspan(own.firstEvent, own.eventCount);
 }
 
 std::span<const std::uint16_t> Description::events(const Measurement& measurement) const {

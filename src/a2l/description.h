@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "a2l/calibration_access.h"
 #include "a2l/dependency.h"
 #include "a2l/folders.h"
 #include "a2l/record_layout.h"
@@ -105,7 +106,8 @@ struct Characteristic {
     std::optional<ByteOrder> byteOrder;
     bool wordSwapped = false;  ///< a BYTE_ORDER that swaps words, which nothing here reads
     bool guardRails = false;
-    bool readOnly = false;
+    CalibrationAccess access = CalibrationAccess::notGiven;
+    bool readOnly = false;   ///< READ_ONLY, or an `access` that forbids to write
     bool isVirtual = false;  ///< VIRTUAL_CHARACTERISTIC: computed by tools, has no place in ECU memory
     std::vector<AxisDescription> axes;
 };
@@ -131,7 +133,8 @@ struct AxisPoints {
     std::optional<ByteOrder> byteOrder;
     bool wordSwapped = false;  ///< a BYTE_ORDER that swaps words, which nothing here reads
     bool guardRails = false;
-    bool readOnly = false;
+    CalibrationAccess access = CalibrationAccess::notGiven;
+    bool readOnly = false;  ///< READ_ONLY, or an `access` that forbids to write
 };
 
 enum class ConversionType : std::uint8_t { identical, linear, ratFunc, tabIntp, tabNointp, tabVerb, form };
@@ -209,8 +212,11 @@ class Description {
 
     const Folder* findGroup(std::string_view name) const;
     const Folder* findFunction(std::string_view name) const;
-    /// How the object of that name is computed; nullptr when it is not.
+    /// How the object or leaf of that name is computed, or the one that it is an element of; nullptr when it
+    /// is not.
     const Dependency* findDependency(std::string_view name) const;
+    /// The same of a TYPEDEF_MEASUREMENT or TYPEDEF_CHARACTERISTIC.
+    const Dependency* findTypeDependency(std::string_view name) const;
     std::span<const std::string_view> sources(const Dependency& dependency) const;
 
     std::span<const FolderList> lists(const Folder& folder) const;
@@ -220,10 +226,14 @@ class Description {
     std::optional<NameNumber> numberOf(std::string_view name) const;
 
     std::span<const std::uint32_t> dimensions(const Extent& extent) const;
+    std::string_view typeName(const Instance& instance) const;
+    const InstanceDetails& details(const Instance& instance) const;
     std::span<const Overwrite> overwrites(const Instance& instance) const;
 
     /// Event channels that the measurement's own XCP interface data names, in file order.
     std::span<const std::uint16_t> events(const Measurement& measurement) const;
+    /// Those of an instance, for the measurements in it that name none.
+    std::span<const std::uint16_t> events(const Instance& instance) const;
     /// The numbers of MATRIX_DIM as written, or the one of ARRAY_SIZE or NUMBER.
     std::span<const std::uint32_t> dimensions(PoolRange range) const;
     /// The names of a MAP_LIST.
@@ -254,7 +264,8 @@ class Description {
     std::vector<StructureType> structureTypes;        ///< TYPEDEF_STRUCTURE
     std::vector<Folder> groups;
     std::vector<Folder> functions;
-    std::vector<Dependency> dependencies;
+    std::vector<Dependency> dependencies;      ///< of objects, and of the leaves of instances
+    std::vector<Dependency> typeDependencies;  ///< of TYPEDEF_...; sources may begin with THIS
     std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
     XcpInterface xcp;
 

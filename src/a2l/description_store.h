@@ -32,6 +32,7 @@ struct Description::Store {
     NameIndex groups;
     NameIndex functions;
     NameIndex dependencies;
+    NameIndex typeDependencies;
     NameIndex otherNames;
     std::vector<OtherName> others;
     std::vector<FolderList> lists;
@@ -41,6 +42,8 @@ struct Description::Store {
     std::vector<std::uint32_t> dimensions;
     std::vector<std::string_view> maps;
     std::vector<Overwrite> overwrites;
+    std::vector<std::string_view> instanceTypes;
+    std::vector<InstanceDetails> instanceDetails = {{}};
 };
 
 }  // namespace lm::a2l

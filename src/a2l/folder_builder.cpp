@@ -32,16 +32,33 @@ std::span<const ListWord> listWords(FolderKind kind) {
 /// Not a number that a name gets.
 constexpr NameNumber kOpen = 0xFFFFFFFF;
 
-/// Each text once, in the order of the first ones.
-void keepOnce(std::vector<OtherName>& names, NameIndex& index, ModelStore& store) {
-    std::vector<bool> repeated(names.size());
-    for (const std::uint32_t number : index.build(names))
-        repeated[number] = true;
-    std::size_t next = 0;
-    std::erase_if(names, [&](const OtherName&) { return repeated[next++]; });
+/// Each text once, in the order of the first ones. For each of those before: where its text stands now.
+std::vector<std::uint32_t> keepOnce(std::vector<OtherName>& names, NameIndex& index, ModelStore& store) {
+    const std::vector<std::uint32_t> repeated = index.build(names);
+    std::vector<std::uint32_t> places(names.size());
+    auto next = repeated.begin();
+    std::uint32_t kept = 0;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        const bool isFirst = next == repeated.end() || *next != i;
+        if (isFirst) {
+            places[i] = kept++;
+            continue;
+        }
+        ++next;
+        places[i] = places[static_cast<std::size_t>(index.lookUp(names, names[i].name) - names.data())];
+    }
+    next = repeated.begin();
+    std::size_t number = 0;
+    std::erase_if(names, [&](const OtherName&) {
+        const bool isRepeated = next != repeated.end() && *next == number;
+        ++number;
+        if (isRepeated) ++next;
+        return isRepeated;
+    });
     for (OtherName& other : names)
         other.name = store.texts.keep(other.name);
-    index.build(names);
+    if (!repeated.empty()) index.build(names);
+    return places;
 }
 
 }  // namespace
@@ -87,23 +104,21 @@ void FolderBuilder::finish(Description& description, ModelStore& store, const Po
         function.kind = FolderKind::function;
         description.functions.push_back(function);
     }
-    std::vector<std::string_view> open;  // names that have no number yet, in the order of kOpen
     const auto enter = [&](std::string_view name) {
         pools.numbers.push_back(description.numberOf(name).value_or(kOpen));
-        if (pools.numbers.back() == kOpen) open.push_back(name);
+        // Names that have no number yet, in the order of kOpen.
+        if (pools.numbers.back() == kOpen) pools.otherNames.push_back({name});
     };
     for (auto* folders : {&description.groups, &description.functions}) {
         for (Folder& folder : *folders)
             enterLists(folder, pools, enter);
     }
-    for (const std::string_view name : open)
-        pools.otherNames.push_back({name});
-    keepOnce(pools.otherNames, pools.otherIndex, store);
-    auto next = open.begin();
+    *this = FolderBuilder();  // a name may stand there a million times: room for the tables
+    const std::vector<std::uint32_t> places = keepOnce(pools.otherNames, pools.otherIndex, store);
+    auto next = places.begin();
     for (NameNumber& number : pools.numbers) {
-        if (number == kOpen) number = *description.numberOf(*next++);
+        if (number == kOpen) number = *description.numberOf(pools.otherNames[*next++].name);
     }
-    *this = FolderBuilder();
 }
 
 void FolderBuilder::enterLists(Folder& folder, const Pools& pools,

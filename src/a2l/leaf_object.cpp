@@ -28,12 +28,24 @@ void overwriteAxis(auto& axis, const Overwrite& overwrite) {
 
 /// The record as an object of its own. Its texts are the leaf's.
 template <typename Record>
-Record placed(const Record& type, const Leaf& leaf) {
+Record placed(const Description& description, const Record& type, const Leaf& leaf) {
     Record record = type;
     record.name = leaf.name;
-    if (record.longIdentifier.empty()) record.longIdentifier = leaf.instance->longIdentifier;
+    if (record.longIdentifier.empty())
+        record.longIdentifier = description.details(*leaf.instance).longIdentifier;
     record.readOnly = record.readOnly || leaf.instance->readOnly;
+    if constexpr (requires { record.access; }) {
+        if (!forbidsWriting(record.access)) record.access = leaf.instance->access;
+    }
     return record;
+}
+
+/// A structure has no byte order of its own: its pointers have that of the file, whatever they lead to.
+std::vector<PointerHop> hopsOf(const Description& description, const Leaf& leaf) {
+    std::vector<PointerHop> hops = leaf.hops;
+    for (PointerHop& hop : hops)
+        hop.byteOrder = description.byteOrder.value_or(ByteOrder::littleEndian);
+    return hops;
 }
 
 /// Pointers on the way, and the numbers that are not in the name.
@@ -41,7 +53,8 @@ Result<Object> withWay(const Description& description, const Leaf& leaf, Result<
     if (!built) return built;
     Object& object = built.value();
     object.assumptions.add(leaf.assumptions);
-    object.hops.insert(object.hops.begin(), leaf.hops.begin(), leaf.hops.end());
+    const std::vector<PointerHop> hops = hopsOf(description, leaf);
+    object.hops.insert(object.hops.begin(), hops.begin(), hops.end());
     object.record.nearPointerOffset = description.defaults.calibrationOffset;
     object.assumptions.add(leaf.assumptions);
     if (leaf.dimensions.empty()) return built;
@@ -61,18 +74,24 @@ struct LeafBuilder {
     std::size_t referencesLeft;
 
     Result<Object> operator()(const Measurement* type) const {
-        Measurement record = placed(*type, leaf);
+        Measurement record = placed(description, *type, leaf);
         record.ecuAddress = leaf.address.address;
         record.addressExtension = leaf.address.extension;
-        record.hasAddress = true;
+        record.hasAddress = description.findTypeDependency(type->name) == nullptr;  // else virtual
         record.readWrite = record.readWrite || leaf.instance->readWrite;
+        if (record.eventCount == 0) {  // events of the type itself are nearer
+            const InstanceDetails& own = description.details(*leaf.instance);
+            record.firstEvent = own.firstEvent;
+            record.eventCount = own.eventCount;
+            record.preferredEvent = own.preferredEvent;
+        }
         for (const Overwrite* overwrite : leaf.overwrites)
             if (overwrite->axis == 0) overwriteValues(record, *overwrite);
         return withWay(description, leaf, buildMeasurement(description, record));
     }
 
     Result<Object> operator()(const Characteristic* type) const {
-        Characteristic record = placed(*type, leaf);
+        Characteristic record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         std::vector<std::string> references;
@@ -88,7 +107,7 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const AxisPoints* type) const {
-        AxisPoints record = placed(*type, leaf);
+        AxisPoints record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         for (const Overwrite* overwrite : leaf.overwrites)
@@ -97,11 +116,11 @@ struct LeafBuilder {
     }
 
     Result<Object> operator()(const Blob* type) const {
-        Blob record = placed(*type, leaf);
+        Blob record = placed(description, *type, leaf);
         record.address = leaf.address.address;
         record.addressExtension = leaf.address.extension;
         auto built = buildBlob(record);
-        if (built) built.value().hops = leaf.hops;
+        if (built) built.value().hops = hopsOf(description, leaf);
         return built;
     }
 };
@@ -121,6 +140,7 @@ Result<Object> buildBlob(const Blob& blob) {
     object.kind = ObjectKind::blob;
     object.type = CharacteristicType::valBlk;
     object.writable = !blob.readOnly;
+    object.access = blob.access;
     object.dimensions = {blob.size};
     object.first.name = blob.name;
     object.first.address = {blob.address, blob.addressExtension};

@@ -64,7 +64,8 @@ struct Object {
     ObjectKind kind = ObjectKind::measurement;
     /// Of a measurement `value` or `valBlk`; of AXIS_PTS `curve`; of a BLOB `valBlk`.
     CharacteristicType type = CharacteristicType::value;
-    bool writable = false;    ///< characteristic: not READ_ONLY; measurement: READ_WRITE
+    bool writable = false;  ///< characteristic: not READ_ONLY; measurement: READ_WRITE
+    CalibrationAccess access = CalibrationAccess::notGiven;  ///< why it may be not writable
     bool guardRails = false;  ///< the outermost values are made of their neighbours
     TextEncoding encoding = TextEncoding::notGiven;
     std::vector<std::uint16_t> events;            ///< event channels the A2L names for a measurement

@@ -219,6 +219,7 @@ Result<Object> buildCharacteristic(const Description& description, const Charact
     object.kind = ObjectKind::characteristic;
     object.type = characteristic.type;
     object.writable = !characteristic.readOnly;
+    object.access = characteristic.access;
     object.guardRails = characteristic.guardRails;
     object.encoding = characteristic.encoding;
     object.assumptions.add(forRecord.assumptions);
@@ -226,6 +227,8 @@ Result<Object> buildCharacteristic(const Description& description, const Charact
     if (!object.record.entries.empty() &&
         characteristic.address % object.record.border(object.record.entries.front().dataType) != 0) {
         object.assumptions.add(Assumption::firstEntryUnmoved);
+        if (object.record.entries.front().indexMode > IndexMode::columnDir)
+            object.assumptions.add(Assumption::alternateUnmoved);
     }
     return withParts(description, characteristic, std::move(object), referencesLeft);
 }
@@ -249,6 +252,7 @@ Result<Object> buildAxisPoints(const Description& description, const AxisPoints&
     object.kind = ObjectKind::axisPoints;
     object.type = CharacteristicType::curve;
     object.writable = !points.readOnly;
+    object.access = points.access;
     object.guardRails = points.guardRails;
     object.assumptions.add(forRecord.assumptions);
     object.record = std::move(record).value();

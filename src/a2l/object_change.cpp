@@ -27,8 +27,9 @@ Result<void> encodeAt(MemoryImage& image, const value::Element& element, const v
 /// The raw value of a point that need not fit the type of the steps.
 Result<value::Value> wideRaw(value::Element element, const value::Value& physical) {
     element.coding.byteOrder = ByteOrder::littleEndian;
-    element.coding.dataType =
-        value::isFloat(element.coding.dataType) ? value::DataType::float64 : value::DataType::int64;
+    // A float has the precision of its type, or the steps beside it would hold what rounding leaves.
+    value::DataType& type = element.coding.dataType;
+    if (!value::isFloat(type) && type != value::DataType::uint64) type = value::DataType::int64;
     std::array<std::uint8_t, sizeof(std::uint64_t)> bytes{};
     if (auto encoded = value::encodePhysical(element, physical, bytes); !encoded) return encoded.error();
     return value::rawValue(element, bytes.data());
@@ -71,13 +72,13 @@ class AxisChange {
         if (auto allowed = checkAllowed(); !allowed) return allowed;
         auto points = axis_.raw(image_);
         if (!points) return points.error();
-        points_ = std::move(points).value();
+        points_ = points.value();
         isChanged_.assign(points_.size(), false);
         for (const auto& [point, physical] : values)
             if (auto set = setPoint(point, physical); !set) return set;
         if (axis_.about().difference)
             if (auto stored = storeSteps(); !stored) return stored;
-        return checkMonotony();
+        return checkMonotony(points.value());
     }
 
   private:
@@ -126,9 +127,9 @@ class AxisChange {
         return {};
     }
 
-    Result<void> checkMonotony() const {
+    Result<void> checkMonotony(const std::vector<value::Value>& before) const {
         const Monotony monotony = axis_.about().monotony;
-        const std::size_t broken = brokenMonotony(points_, monotony, isChanged_);
+        const std::size_t broken = brokenMonotony(before, points_, monotony);
         if (broken == points_.size()) return {};
         const auto shown = [&](std::size_t point) {
             const value::Element element = axis_.element(point);

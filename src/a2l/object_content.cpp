@@ -33,6 +33,7 @@ Result<ObjectContent> readObject(const Object& object, const ReadMemory& read, s
     ObjectContent content{std::move(placed).value(), {}};
     if (auto loaded = content.image.load(content.placed.spans(bytesPerPacket), read); !loaded)
         return loaded.error();
+    if (auto same = content.placed.checkMaps(content.image); !same) return same.error();
     return content;
 }
 

@@ -31,7 +31,8 @@ struct ObjectContent {
     std::string text() const;
 };
 
-/// Places an object and reads what it holds. Errors: those of place() and of `read`.
+/// Places an object and reads what it holds. Errors: those of place(), of `read` and of
+/// PlacedObject::checkMaps().
 Result<ObjectContent> readObject(const Object& object, const ReadMemory& read, std::size_t bytesPerPacket);
 
 /// One element or point that gets another value.

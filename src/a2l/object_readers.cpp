@@ -19,6 +19,7 @@ enum class Word : std::uint8_t {
     arraySize,
     bitMask,
     byteOrder,
+    calibrationAccess,
     deposit,
     displayIdentifier,
     ecuAddress,
@@ -70,7 +71,7 @@ constexpr std::array kCharacteristicKeywords = {
     Keyword{"MATRIX_DIM", 0, Word::matrixDim},
     Keyword{"NUMBER", 1, Word::number},
     Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-    Keyword{"CALIBRATION_ACCESS", 1, Word::other},
+    Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
     Keyword{"COMPARISON_QUANTITY", 1, Word::other},
     Keyword{"ENCODING", 1, Word::encoding},
     Keyword{"MAX_REFRESH", 2, Word::other},
@@ -91,7 +92,7 @@ constexpr std::array kAxisPointsKeywords = {
     Keyword{"DISPLAY_IDENTIFIER", 1, Word::displayIdentifier},
     Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::ecuAddressExtension},
     Keyword{"SYMBOL_LINK", 2, Word::other},
-    Keyword{"CALIBRATION_ACCESS", 1, Word::other},
+    Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
     Keyword{"EXTENDED_LIMITS", 2, Word::other},
     Keyword{"MODEL_LINK", 1, Word::other},
     Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
@@ -194,6 +195,12 @@ void readCommon(Object& object, Word word, const Block& block, std::size_t value
         case Word::byteOrder:
             readObjectByteOrder(object, block, value);
             break;
+        case Word::calibrationAccess:
+            if constexpr (requires { object.access; }) {
+                object.access = calibrationAccessFromName(readIdentifier(block, value, "CALIBRATION_ACCESS"));
+                object.readOnly = object.readOnly || forbidsWriting(object.access);
+            }
+            break;
         case Word::guardRails:
             if constexpr (requires { object.guardRails; }) object.guardRails = true;
             break;
@@ -244,6 +251,21 @@ std::string_view ModelStore::ownPlain(std::string_view text) {
     return texts.keep(withPlainQuotes(text));
 }
 
+EventRange readEvents(const Block& block, ModelStore& store) {
+    EventRange range;
+    range.first = static_cast<std::uint32_t>(store.events.size());
+    PreferredEvent preferred{store.events.size()};
+    for (const Block& child : block.children())
+        if (isXcpInterfaceData(child)) collectEvents(child, EventList::other, store.events, preferred);
+    const std::size_t count =
+        std::min<std::size_t>(store.events.size() - range.first, std::numeric_limits<std::uint16_t>::max());
+    store.events.resize(range.first + count);
+    range.count = static_cast<std::uint16_t>(count);
+    const std::size_t position = preferred.position - range.first;
+    if (position < count) range.preferred = static_cast<std::uint16_t>(position);
+    return range;
+}
+
 Measurement readMeasurement(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 8;
     Measurement object;
@@ -275,20 +297,15 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
     object.longIdentifier = store.own(longIdentifier);
     object.conversion = store.common(conversion);
 
-    object.firstEvent = static_cast<std::uint32_t>(store.events.size());
-    PreferredEvent preferred{store.events.size()};
+    const EventRange events = readEvents(block, store);
+    object.firstEvent = events.first;
+    object.eventCount = events.count;
+    object.preferredEvent = events.preferred;
     for (const Block& child : block.children()) {
-        if (isXcpInterfaceData(child)) collectEvents(child, EventList::other, store.events, preferred);
         // Computed by tools: an address of 0 is then no place in ECU memory.
         if (child.keyword == "VIRTUAL" && object.ecuAddress == 0) object.hasAddress = false;
         if (child.keyword == "BIT_OPERATION") readBitOperation(child, object.bits);
     }
-    const std::size_t count = std::min<std::size_t>(store.events.size() - object.firstEvent,
-                                                    std::numeric_limits<std::uint16_t>::max());
-    store.events.resize(object.firstEvent + count);
-    object.eventCount = static_cast<std::uint16_t>(count);
-    const std::size_t position = preferred.position - object.firstEvent;
-    if (position < count) object.preferredEvent = static_cast<std::uint16_t>(position);
     return object;
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "a2l/arguments.h"
@@ -23,7 +24,10 @@ struct ModelStore {
     std::vector<std::uint32_t>& dimensions;
     std::vector<std::string_view>& maps;
     std::vector<Overwrite>& overwrites;
-    bool hasQuotes = false;  ///< of the block that is read
+    std::vector<std::string_view>& instanceTypes;
+    std::vector<InstanceDetails>& instanceDetails;
+    std::unordered_map<std::string_view, std::uint32_t> typeNumbers = {};  ///< of instanceTypes
+    bool hasQuotes = false;                                                ///< of the block that is read
 
     /// A string of which almost every object has its own.
     std::string_view own(std::string_view text) {
@@ -42,6 +46,14 @@ struct ModelStore {
 
 /// A TYPEDEF_... has no address among its arguments.
 enum class Placed : std::uint8_t { no, yes };
+
+/// Event channels of an object's interface data, in the description's pool; `preferred` is one of them.
+struct EventRange {
+    std::uint32_t first = 0;
+    std::uint16_t count = 0;
+    std::uint16_t preferred = 0;
+};
+EventRange readEvents(const Block& block, ModelStore& store);
 
 Measurement readMeasurement(const Block& block, ModelStore& store);
 Characteristic readCharacteristic(const Block& block, ModelStore& store, Placed placed = Placed::yes);

@@ -32,9 +32,10 @@ std::uint32_t readCalibrationOffset(const Block& block, std::size_t index) {
 
 Parser::Parser(const SourceLines* lines)
     : shared_(description_.store_->texts),
-      modelStore_{description_.store_->texts,  shared_,
-                  description_.store_->events, description_.store_->dimensions,
-                  description_.store_->maps,   description_.store_->overwrites},
+      modelStore_{description_.store_->texts,         shared_,
+                  description_.store_->events,        description_.store_->dimensions,
+                  description_.store_->maps,          description_.store_->overwrites,
+                  description_.store_->instanceTypes, description_.store_->instanceDetails},
       diagnostics_(lines) {}
 
 Parser::Kind Parser::kindOf(std::string_view keyword) {
@@ -87,7 +88,8 @@ BlockVisitor::Step Parser::opened(std::string_view keyword, std::size_t depth) {
 void Parser::collected(const Block& block) {
     try {
         read(block);
-        if (kind_ <= Kind::axisPoints) noteSideTables(block);
+        const bool isValueType = kind_ == Kind::measurementType || kind_ == Kind::characteristicType;
+        if (kind_ <= Kind::axisPoints || isValueType) noteSideTables(block);
     } catch (const BlockError& error) {
         const bool named = kind_ < Kind::modCommon;
         diagnostics_.skipped(block.keyword, named ? textAt(block, 0) : std::string_view(), block.line,
@@ -269,7 +271,8 @@ void Parser::readModPar(const Block& block) {
 void Parser::noteSideTables(const Block& block) {
     for (const Block& child : block.children()) {
         try {
-            if (child.keyword == "FUNCTION_LIST") folders_.link(child, textAt(block, 0));
+            if (child.keyword == "FUNCTION_LIST" && kind_ <= Kind::axisPoints)
+                folders_.link(child, textAt(block, 0));
             if (child.keyword == "DEPENDENT_CHARACTERISTIC")
                 noteDependency(block, child, DependencyKind::dependentCharacteristic);
             if (child.keyword == "VIRTUAL_CHARACTERISTIC")
@@ -292,7 +295,8 @@ void Parser::noteDependency(const Block& object, const Block& block, DependencyK
         sources.push_back(modelStore_.common(readIdentifier(block, i, "source")));
     dependency.sourceCount = static_cast<std::uint32_t>(sources.size()) - dependency.firstSource;
     dependency.name = modelStore_.common(textAt(object, 0));
-    description_.dependencies.push_back(dependency);
+    const bool isType = kind_ > Kind::axisPoints;
+    (isType ? description_.typeDependencies : description_.dependencies).push_back(dependency);
 }
 
 }  // namespace lm::a2l

@@ -70,6 +70,7 @@ class Parser : public BlockVisitor {
     void tellLeftOut(const Block& block);
     void noteSideTables(const Block& block);
     void noteDependency(const Block& object, const Block& block, DependencyKind kind);
+    void addLeafDependencies();
     void indexSideTables();
 
     template <typename Record>

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "a2l/parser.h"
+#include "a2l/structure.h"
 #include "a2l/structure_links.h"
 
 namespace lm::a2l {
@@ -85,6 +86,38 @@ void Parser::indexSideTables() {
     store.dependencies.build(d.dependencies);
 }
 
+// What a type says of its values becomes a dependency of each leaf, so that leaves are found like objects.
+void Parser::addLeafDependencies() {
+    Description& d = description_;
+    constexpr std::size_t kMost = 100000;  // far above real files; structures can stand for more than fits
+    std::size_t walked = 0;
+    const auto add = [&](const Leaf& leaf) {
+        const auto nameOf = [](const auto* record) { return record->name; };
+        const Dependency* type = d.findTypeDependency(std::visit(nameOf, leaf.record));
+        if (type == nullptr) return;
+        auto& sources = d.store_->sources;
+        Dependency dependency = *type;
+        dependency.name = modelStore_.texts.keep(leaf.name);
+        dependency.firstSource = static_cast<std::uint32_t>(sources.size());
+        for (std::uint32_t i = 0; i < type->sourceCount; ++i)
+            sources.push_back(modelStore_.common(resolveReference(leaf, sources[type->firstSource + i])));
+        d.dependencies.push_back(dependency);
+    };
+    modelStore_.hasQuotes = false;
+    for (std::size_t i = 0; i < d.instances.size(); ++i) {
+        const Instance& instance = d.instances[i];
+        if (!isComputed(d, d.typeName(instance))) continue;
+        walkLeaves(d, instance, [&](const Result<Leaf>& leaf) {
+            if (leaf) add(leaf.value());
+            return ++walked < kMost;
+        });
+        if (walked < kMost) continue;
+        diagnostics_.skipped("INSTANCE", instance.name, instanceLines_[i],
+                             "it has too many parts to tell which of them are computed");
+        return;
+    }
+}
+
 // Files come with thousands of such objects, whoever made them: one of them and the count will do.
 void Parser::tellInfiniteLimits() {
     if (infiniteLimits_ == 0) return;
@@ -128,9 +161,11 @@ void Parser::tellNamesInCommon() {
 void Parser::tellInstancesWithoutType() {
     const auto& instances = description_.instances;
     for (std::size_t i = 0; i < instances.size(); ++i) {
-        if (!std::holds_alternative<std::monostate>(findType(description_, instances[i].typeName))) continue;
+        if (!std::holds_alternative<std::monostate>(
+                findType(description_, description_.typeName(instances[i]))))
+            continue;
         diagnostics_.skipped("INSTANCE", instances[i].name, instanceLines_[i],
-                             "type '" + std::string(instances[i].typeName) + "' not found");
+                             "type '" + std::string(description_.typeName(instances[i])) + "' not found");
     }
 }
 
@@ -154,7 +189,9 @@ Result<Description> Parser::finish() {
     index(store.axisTypes, d.axisTypes, axisTypeLines_, "TYPEDEF_AXIS");
     index(store.blobTypes, d.blobTypes, blobTypeLines_, "TYPEDEF_BLOB");
     index(store.structureTypes, d.structureTypes, structureTypeLines_, "TYPEDEF_STRUCTURE");
+    store.typeDependencies.build(d.typeDependencies);
     linkStructures(d, structureTypeLines_, diagnostics_);
+    addLeafDependencies();
     indexSideTables();
     tellInfiniteLimits();
     tellNamesInCommon();

@@ -117,4 +117,28 @@ std::vector<MemorySpan> PlacedObject::spans(std::size_t bytesPerPacket) const {
     return merged(std::move(all), 0);
 }
 
+Result<void> PlacedObject::checkMaps(const MemoryImage& image) const {
+    for (const PlacedObject& map : maps_) {
+        for (std::size_t i = 0; i < map.axes_.size(); ++i) {
+            const PlacedAxis& first = maps_.front().axes_[i];
+            const PlacedAxis& axis = map.axes_[i];
+            const auto wanted = first.raw(image);
+            const auto points = axis.raw(image);
+            if (!wanted) return wanted.error();
+            if (!points) return points.error();
+            const auto isSame = [&](const value::Value& a, const value::Value& b) {
+                return value::toDouble(first.physical(a)) == value::toDouble(axis.physical(b));
+            };
+            const bool allSame = std::equal(wanted.value().begin(), wanted.value().end(),
+                                            points.value().begin(), points.value().end(), isSame);
+            if (allSame) continue;
+            return Error{ErrorCode::invalidArgument,
+                         object_->name + ": the maps '" + maps_.front().object_->name + "' and '" +
+                             map.object_->name + "' of MAP_LIST differ in the points of axis " +
+                             std::string(axisSuffix(i).substr(1))};
+        }
+    }
+    return {};
+}
+
 }  // namespace lm::a2l

@@ -85,6 +85,10 @@ class PlacedObject {
     /// What has to be read to know every value and point, shared axes included.
     std::vector<MemorySpan> spans(std::size_t bytesPerPacket) const;
 
+    /// The maps of a MAP_LIST share their axes, also where each has points of its own. Error
+    /// (invalidArgument): "NAME: the maps 'A' and 'B' of MAP_LIST differ in the points of axis x".
+    Result<void> checkMaps(const MemoryImage& image) const;
+
   private:
     friend class Placer;
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "a2l/largest_record.h"
 #include "a2l/structure_links.h"
 
 namespace lm::a2l {
@@ -24,27 +25,6 @@ std::size_t sizeOf(const Measurement& type) {
     return each * type.elementCount;
 }
 
-/// The bytes of a characteristic without axes.
-std::optional<std::uint64_t> sizeOf(const Description& description, const Characteristic& type) {
-    const RecordLayout* layout = description.findRecordLayout(type.deposit);
-    if (layout == nullptr || layout->entries.size() != 1 || !type.axes.empty()) return {};
-    const RecordLayout::Entry* values = layout->find(RecordLayout::Field::functionValues);
-    if (values == nullptr) return {};
-    const bool pointer = isPointer(values->addressType);
-    if (pointer) return pointerSize(values->addressType);
-    return std::uint64_t{value::dataTypeSize(values->dataType)} * type.elementCount;
-}
-
-/// From one element of an array to the next; none when nothing tells.
-std::optional<std::uint64_t> strideOf(const Description& description, const TypeRecord& type) {
-    if (const auto* structure = std::get_if<const StructureType*>(&type)) return (*structure)->size;
-    if (const auto* measurement = std::get_if<const Measurement*>(&type)) return sizeOf(**measurement);
-    if (const auto* blob = std::get_if<const Blob*>(&type)) return (*blob)->size;
-    if (const auto* characteristic = std::get_if<const Characteristic*>(&type))
-        return sizeOf(description, **characteristic);
-    return {};
-}
-
 /// The place of an element in an array: X runs fastest, in COLUMN_DIR Y.
 std::uint64_t placeOf(std::span<const std::uint32_t> indices, std::span<const std::uint32_t> dimensions,
                       bool columnDir) {
@@ -56,6 +36,12 @@ std::uint64_t placeOf(std::span<const std::uint32_t> indices, std::span<const st
     return place;
 }
 
+std::string inOwner(const std::string& owner, std::string_view reference) {
+    constexpr std::string_view kThis = "THIS.";
+    if (!reference.starts_with(kThis)) return std::string(reference);
+    return owner + "." + std::string(reference.substr(kThis.size()));
+}
+
 /// The way from an instance down to a leaf, as far as it has come.
 struct Way {
     const Description* description;
@@ -65,8 +51,10 @@ struct Way {
     std::string owner;
     std::uint64_t address = 0;
     std::vector<PointerHop> hops;
-    std::uint64_t behind = 0;  ///< bytes after the last hop
-    bool beyond = false;       ///< of 32-bit addresses
+    std::uint64_t behind = 0;                  ///< bytes after the last hop
+    bool beyond = false;                       ///< of 32-bit addresses
+    bool typeOnly = false;                     ///< where it leads to does not matter
+    std::optional<std::uint64_t> stride = {};  ///< of the array that it has come to, once it is known
     Assumptions assumptions = {};
 
     Way(const Description& in, const Instance& of)
@@ -93,20 +81,42 @@ struct Way {
         if (dimensions.size() > 2 && extent.columnDir) assumptions.add(Assumption::columnDirection);
         for (const std::uint32_t index : indices)
             name += "[" + std::to_string(index) + "]";
-        if (place == 0) return {};
-        const auto stride = strideOf(*description, type);
-        if (!stride) return fault(name, "the distance between elements of this type is not known");
+        if (place == 0 || typeOnly) return {};
+        if (auto found = findStride(type); !found) return found;
         advance(saturatedProduct(place, *stride));
         return {};
     }
+    Result<void> findStride(const TypeRecord& type);
     void descend(const StructureComponent& component) {
         owner = name;
         name += "." + std::string(component.name);
         part += (part.empty() ? "" : ".") + std::string(component.name);
+        stride.reset();
         advance(component.offset);
     }
     Result<Leaf> leaf(const TypeRecord& type, std::span<const std::uint32_t> open, bool columnDir) const;
 };
+
+std::uint32_t pointsOf(const Description& description, const std::string& axis);
+
+/// From one element of an array to the next.
+Result<void> Way::findStride(const TypeRecord& type) {
+    if (stride) return {};
+    Result<std::uint64_t> size = fault(name, "has a type that is not known");
+    if (const auto* structure = std::get_if<const StructureType*>(&type)) size = (*structure)->size;
+    if (const auto* measurement = std::get_if<const Measurement*>(&type)) size = sizeOf(**measurement);
+    if (const auto* blob = std::get_if<const Blob*>(&type)) size = (*blob)->size;
+    if (const auto* points = std::get_if<const AxisPoints*>(&type))
+        size = largestRecord(*description, **points);
+    if (const auto* characteristic = std::get_if<const Characteristic*>(&type)) {
+        size = largestRecord(*description, **characteristic, [this](std::string_view axis) {
+            return pointsOf(*description, inOwner(owner, axis));
+        });
+    }
+    if (!size) return fault(name, "the distance between its elements is not known: " + size.error().text());
+    stride = size.value();
+    return {};
+}
 
 /// One pointer for the whole part, whether the part or its type asks for it.
 std::uint8_t pointerOf(const Extent& extent, const TypeRecord& type) {
@@ -239,6 +249,20 @@ const Instance* instanceOf(const Description& description, std::string_view name
     return nullptr;
 }
 
+/// The most points of an AXIS_PTS or of a part that is one; 0 for none.
+std::uint32_t pointsOf(const Description& description, const std::string& axis) {
+    if (const AxisPoints* points = description.findAxisPoints(axis)) return points->maxAxisPoints;
+    const Instance* instance = instanceOf(description, axis);
+    if (instance == nullptr) return 0;
+    Way way(description, *instance);
+    way.typeOnly = true;
+    const std::string_view rest = std::string_view(axis).substr(instance->name.size());
+    const auto leaf =
+        descend(std::move(way), description.typeName(*instance), description.details(*instance).extent, rest);
+    const auto* points = leaf ? std::get_if<const AxisPoints*>(&leaf.value().record) : nullptr;
+    return points == nullptr ? 0 : (*points)->maxAxisPoints;
+}
+
 class Walker {
   public:
     explicit Walker(const std::function<bool(Result<Leaf>)>& use) : use_(use) {}
@@ -252,6 +276,8 @@ class Walker {
         way.follow(pointerOf(extent, type), extent);
         if (isPlainValue(type)) return use_(way.leaf(type, dimensions, extent.columnDir));
         std::vector<std::uint32_t> indices(dimensions.size());
+        // Once for all elements; an error comes again with each of them.
+        if (!dimensions.empty()) static_cast<void>(way.findStride(type));
         do {
             Way element = way;
             if (auto chosen = element.choose(indices, extent, type); !chosen) {
@@ -296,23 +322,23 @@ Result<Leaf> findLeaf(const Description& description, std::string_view name) {
     const Instance* instance = instanceOf(description, name);
     if (instance == nullptr)
         return Error{ErrorCode::notFound, "'" + std::string(name) + "' is not part of an INSTANCE"};
-    return descend(Way(description, *instance), instance->typeName, instance->extent,
-                   name.substr(instance->name.size()));
+    return descend(Way(description, *instance), description.typeName(*instance),
+                   description.details(*instance).extent, name.substr(instance->name.size()));
 }
 
 std::uint64_t leafCount(const Description& description, const Instance& instance) {
-    return countLeaves(description, findType(description, instance.typeName), instance.extent);
+    return countLeaves(description, findType(description, description.typeName(instance)),
+                       description.details(instance).extent);
 }
 
 void walkLeaves(const Description& description, const Instance& instance,
                 const std::function<bool(Result<Leaf>)>& use) {
-    Walker(use).walk(Way(description, instance), instance.typeName, instance.extent);
+    Walker(use).walk(Way(description, instance), description.typeName(instance),
+                     description.details(instance).extent);
 }
 
 std::string resolveReference(const Leaf& leaf, std::string_view reference) {
-    constexpr std::string_view kThis = "THIS.";
-    if (!reference.starts_with(kThis)) return std::string(reference);
-    return leaf.owner + "." + std::string(reference.substr(kThis.size()));
+    return inOwner(leaf.owner, reference);
 }
 
 }  // namespace lm::a2l

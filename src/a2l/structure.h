@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,6 +21,7 @@
 #include "a2l/assumptions.h"
 #include "a2l/description.h"
 #include "a2l/structure_records.h"
+#include "core/bytes.h"
 #include "core/ecu_address.h"
 #include "core/result.h"
 
@@ -30,6 +32,7 @@ namespace lm::a2l {
 struct PointerHop {
     std::uint8_t size = 0;
     std::uint32_t offset = 0;
+    std::optional<ByteOrder> byteOrder = {};  ///< none: that of the object at the end of the way
 };
 
 struct Leaf {

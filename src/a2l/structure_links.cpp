@@ -57,6 +57,7 @@ class Linker {
             const std::uint64_t leaves = countLeaves(description_, of, component.extent);
             const std::uint64_t left = std::numeric_limits<std::uint64_t>::max() - type.leafCount;
             type.leafCount += std::min(leaves, left);
+            type.computed = type.computed || isComputed(description_, component.typeName);
         }
     }
 
@@ -102,6 +103,11 @@ TypeRecord findType(const Description& description, std::string_view name) {
     if (const auto* found = description.findAxisType(name)) return found;
     if (const auto* found = description.findBlobType(name)) return found;
     return {};
+}
+
+bool isComputed(const Description& description, std::string_view type) {
+    const StructureType* structure = description.findStructureType(type);
+    return structure != nullptr ? structure->computed : description.findTypeDependency(type) != nullptr;
 }
 
 bool isPlainValue(const TypeRecord& type) {

@@ -20,6 +20,9 @@ using TypeRecord = std::variant<std::monostate, const Measurement*, const Charac
                                 const Blob*, const StructureType*>;
 TypeRecord findType(const Description& description, std::string_view name);
 
+/// Whether values of that type, or some of their parts, are computed by tools.
+bool isComputed(const Description& description, std::string_view type);
+
 /// Plain values, of which an array is one leaf.
 bool isPlainValue(const TypeRecord& type);
 

@@ -89,8 +89,8 @@ void readPlaced(Object& object, Word word, const Block& block, std::size_t value
         object.addressExtension = readCount<std::uint8_t>(block, value, "ECU_ADDRESS_EXTENSION");
     if (word == Word::readOnly) object.readOnly = true;
     if (word == Word::calibrationAccess) {
-        const std::string_view access = readIdentifier(block, value, "CALIBRATION_ACCESS");
-        object.readOnly = object.readOnly || access == "NO_CALIBRATION" || access == "NOT_IN_MCD_SYSTEM";
+        object.access = calibrationAccessFromName(readIdentifier(block, value, "CALIBRATION_ACCESS"));
+        object.readOnly = object.readOnly || forbidsWriting(object.access);
     }
 }
 
@@ -133,6 +133,15 @@ Overwrite readOverwrite(const Block& block, ModelStore& store) {
     return overwrite;
 }
 
+std::uint32_t typeNumber(std::string_view name, ModelStore& store) {
+    if (const auto known = store.typeNumbers.find(name); known != store.typeNumbers.end())
+        return known->second;
+    const auto number = static_cast<std::uint32_t>(store.instanceTypes.size());
+    store.instanceTypes.push_back(store.common(name));
+    store.typeNumbers.emplace(store.instanceTypes.back(), number);
+    return number;
+}
+
 }  // namespace
 
 StructureType readStructureType(const Block& block, ModelStore& store) {
@@ -155,25 +164,37 @@ StructureType readStructureType(const Block& block, ModelStore& store) {
 Instance readInstance(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 4;
     Instance instance;
+    InstanceDetails details;
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
-    instance.typeName = store.common(readIdentifier(block, 2, "type"));
+    const std::string_view type = readIdentifier(block, 2, "type");
     instance.address = readCount<std::uint32_t>(block, 3, "address");
     forEachOptional<Word>(block, kPositional, kPartKeywords, [&](Word word, std::size_t value) {
-        readExtent(instance.extent, word, block, value, store);
+        readExtent(details.extent, word, block, value, store);
         readPlaced(instance, word, block, value);
         if (word == Word::readWrite) instance.readWrite = true;
     });
-    instance.firstOverwrite = static_cast<std::uint32_t>(store.overwrites.size());
+    const EventRange events = readEvents(block, store);
+    details.firstEvent = events.first;
+    details.eventCount = events.count;
+    details.preferredEvent = events.preferred;
+    details.firstOverwrite = static_cast<std::uint32_t>(store.overwrites.size());
     for (const Block& child : block.children()) {
         if (child.keyword != "OVERWRITE") continue;
-        if (instance.overwriteCount == std::numeric_limits<std::uint16_t>::max())
+        if (details.overwriteCount == std::numeric_limits<std::uint16_t>::max())
             throw BlockError("too many OVERWRITE");
         store.overwrites.push_back(readOverwrite(child, store));
-        ++instance.overwriteCount;
+        ++details.overwriteCount;
     }
     instance.name = store.own(name);
-    instance.longIdentifier = store.own(longIdentifier);
+    instance.type = typeNumber(type, store);
+    details.longIdentifier = store.own(longIdentifier);
+    const Extent& extent = details.extent;
+    const bool isPlain = extent.count == 0 && extent.pointerSize == 0 && details.overwriteCount == 0 &&
+                         details.eventCount == 0;
+    if (isPlain && longIdentifier.empty()) return instance;
+    instance.details = static_cast<std::uint32_t>(store.instanceDetails.size());
+    store.instanceDetails.push_back(details);
     return instance;
 }
 

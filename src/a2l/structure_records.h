@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "a2l/calibration_access.h"
+
 namespace lm::a2l {
 
 /// BLOB, and TYPEDEF_BLOB without a place.
@@ -18,7 +20,8 @@ struct Blob {
     std::uint32_t address = 0;
     std::uint32_t size = 0;
     std::uint8_t addressExtension = 0;
-    bool readOnly = false;
+    CalibrationAccess access = CalibrationAccess::notGiven;
+    bool readOnly = false;  ///< READ_ONLY, or an `access` that forbids to write
 };
 
 /// Elements side by side that one name of a structure or instance stands for: MATRIX_DIM, LAYOUT and
@@ -49,6 +52,7 @@ struct StructureType {
     std::vector<std::uint32_t> byName;  ///< numbers of the components, sorted by name
     std::uint64_t leafCount = 0;        ///< of one element, nested ones included, saturated
     bool usable = false;                ///< neither in itself nor nested too deep
+    bool computed = false;              ///< has leaves that tools compute
 };
 
 /// OVERWRITE of an INSTANCE: what one of its parts says otherwise than its type.
@@ -64,18 +68,27 @@ struct Overwrite {
     std::optional<std::pair<double, double>> extendedLimits;
 };
 
-/// INSTANCE.
+/// What few instances have: kept apart, as files have hundreds of thousands of them.
+struct InstanceDetails {
+    std::string_view longIdentifier;
+    std::uint32_t firstOverwrite = 0;  ///< in the description's pool
+    std::uint32_t firstEvent = 0;      ///< in the description's pool: those of all measurements in it
+    std::uint16_t overwriteCount = 0;
+    std::uint16_t eventCount = 0;
+    std::uint16_t preferredEvent = 0;  ///< which of them is to be taken first
+    Extent extent;
+};
+
+/// INSTANCE. The description has the name of its type and its details.
 struct Instance {
     std::string_view name;
-    std::string_view longIdentifier;
-    std::string_view typeName;
+    std::uint32_t type = 0;     ///< in the description's pool
+    std::uint32_t details = 0;  ///< in the description's pool, of which the first has none
     std::uint32_t address = 0;
-    std::uint32_t firstOverwrite = 0;  ///< in the description's pool
-    std::uint16_t overwriteCount = 0;
     std::uint8_t addressExtension = 0;
-    bool readOnly = false;   ///< READ_ONLY, or a CALIBRATION_ACCESS that forbids to write
+    CalibrationAccess access = CalibrationAccess::notGiven;
+    bool readOnly = false;   ///< READ_ONLY, or an `access` that forbids to write
     bool readWrite = false;  ///< READ_WRITE
-    Extent extent;
 };
 
 }  // namespace lm::a2l

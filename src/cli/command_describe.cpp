@@ -12,6 +12,7 @@
 #include "a2l/similar_names.h"
 #include "cli/conversion_facts.h"
 #include "cli/object_facts.h"
+#include "cli/object_parts.h"
 #include "cli/offline_a2l.h"
 #include "core/text.h"
 
@@ -61,7 +62,11 @@ std::string bitsText(const a2l::BitField& bits) {
 class DescribeReport final : public IReport {
   public:
     DescribeReport(const a2l::Description& description, const ObjectFacts& object)
-        : description_(description), object_(object), uses_(usesOf(description, object)) {}
+        : description_(description),
+          object_(object),
+          uses_(usesOf(description, object)),
+          parts_(partsOf(description, object.name)),
+          relations_(relationsOf(description, object.name, object.instance)) {}
 
     void print(Output& output) const override {
         output.appendPadded(fmt::format("{} ({})", object_.name, object_.kind), 0);
@@ -73,8 +78,12 @@ class DescribeReport final : public IReport {
         printMemory(sheet);
         printAccess(sheet);
         printAxes(sheet);
+        sheet.lineIf("computed from", relations_.computedFrom);
         sheet.lines("conversion", conversionLines(description_, object_.conversion));
         printUses(sheet);
+        sheet.lines("dependents", relations_.dependents);
+        sheet.lines("folders", relations_.folders);
+        sheet.lines("rests on", parts_.restsOn);
     }
 
     void write(JsonWriter& json) const override {
@@ -88,6 +97,8 @@ class DescribeReport final : public IReport {
             writeMemory(json);
             writeAccess(json);
             writeAxes(json);
+            writeParts(json, parts_);
+            writeRelations(json, relations_);
         }
         writeConversion(json, description_, object_.conversion);
         writeUses(json);
@@ -110,9 +121,15 @@ class DescribeReport final : public IReport {
 
     void printValue(Sheet& sheet) const {
         sheet.lineIf("type", object_.type);
+        sheet.lineIf("defined as", object_.typeDefinition);
+        if (object_.instance != object_.name) sheet.lineIf("part of", object_.instance);
         if (object_.limits) sheet.line("limits", rangeText(*object_.limits));
         if (object_.extendedLimits) sheet.line("extended", rangeText(*object_.extendedLimits));
-        if (object_.elementCount > 1) sheet.line("elements", std::to_string(object_.elementCount));
+        if (!parts_.dimensions.empty())
+            sheet.line("elements", fmt::format("{}", fmt::join(parts_.dimensions, " x ")));
+        else if (object_.elementCount > 1)
+            sheet.line("elements", std::to_string(object_.elementCount));
+        if (object_.leafCount) sheet.line("parts", fmt::format("{}", *object_.leafCount));
         if (object_.kind == kConversionKind) return;  // which tells them with its formula
         sheet.lineIf("unit", unit());
         sheet.lineIf("format", format());
@@ -120,6 +137,9 @@ class DescribeReport final : public IReport {
 
     void writeValue(JsonWriter& json) const {
         json.member("type", object_.type);
+        if (!object_.typeDefinition.empty()) json.member("typeDefinition", object_.typeDefinition);
+        if (!object_.instance.empty()) json.member("instance", object_.instance);
+        if (object_.leafCount) json.member("leaves", *object_.leafCount);
         if (object_.limits)
             json.listMember("limits", std::array{object_.limits->first, object_.limits->second});
         if (object_.extendedLimits) {
@@ -141,7 +161,20 @@ class DescribeReport final : public IReport {
         if (object_.isVirtual) sheet.line("address", "none, it is computed (VIRTUAL_CHARACTERISTIC)");
         if (object_.byteOrder) sheet.line("byte order", byteOrderName(*object_.byteOrder));
         sheet.lineIf("bits", bitsText(object_.bits));
+        sheet.lines("pointers", object_.pointers);
         sheet.lineIf("record layout", layoutText());
+        sheet.lines("parts", partLines());
+    }
+
+    /// Of more than one value, where each part lies.
+    std::vector<std::string> partLines() const {
+        std::vector<std::string> lines;
+        if (parts_.dimensions.empty() && object_.axes.empty() && !parts_.memoryTells) return lines;
+        for (const MemoryPart& part : parts_.parts)
+            lines.push_back(fmt::format("0x{:08X}, {} byte(s): {}", part.address, part.size, part.name));
+        if (parts_.memoryTells) lines.emplace_back("where they lie depends on what the ECU's memory holds");
+        if (!parts_.notPlaced.empty()) lines.push_back(parts_.notPlaced);
+        return lines;
     }
 
     std::string layoutText() const {
@@ -186,7 +219,7 @@ class DescribeReport final : public IReport {
     /// Why this program cannot read it; empty when it can.
     std::string obstacle() const {
         if (!object_.writable) return {};  // no measurement or parameter
-        const auto found = a2l::findScalar(description_, object_.name);
+        const auto found = a2l::findObject(description_, object_.name);
         if (found) return {};
         const std::string text = found.error().text();
         const std::string prefix = std::string(object_.name) + ": ";
@@ -283,12 +316,15 @@ class DescribeReport final : public IReport {
     const a2l::Description& description_;
     const ObjectFacts& object_;
     const std::vector<Use> uses_;
+    const ObjectParts parts_;
+    const Relations relations_;
 };
 
 }  // namespace
 
 void DescribeCommand::addOptions(CLI::App& app) {
-    app.add_option("name", name_, "MEASUREMENT, CHARACTERISTIC, AXIS_PTS or COMPU_METHOD name")->required();
+    app.add_option("name", name_, "Name of an object, an INSTANCE, one of its parts, or a COMPU_METHOD")
+        ->required();
 }
 
 int DescribeCommand::run(Workplace& place) {
@@ -298,6 +334,7 @@ int DescribeCommand::run(Workplace& place) {
     if (!object) {
         Error unknown{ErrorCode::notFound, "'" + name_ + "' is not in the A2L"};
         unknown.hint = a2l::unknownNameHint(*description, name_);
+        if (a2l::belongsToInstance(*description, name_)) unknown = a2l::findLeaf(*description, name_).error();
         place.results.fail("describe", unknown, name_);
         return 1;
     }

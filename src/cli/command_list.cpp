@@ -6,16 +6,22 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "a2l/description.h"
+#include "a2l/object.h"
+#include "a2l/structure.h"
 #include "cli/message_output.h"
 #include "cli/offline_a2l.h"
+#include "cli/options.h"
 #include "cli/stop_signal.h"
 #include "core/text.h"
+#include "session/folder_filter.h"
 #include "storage/read/signal_selection.h"
 
 namespace lm::cli {
@@ -69,95 +75,223 @@ void appendHex(Output& output, std::uint32_t value) {
     output.append({text.data(), text.size()});
 }
 
-/// What `list` shows of one object, of either kind.
+/// What `list` shows of one object, of whatever kind.
 struct Row {
-    bool isParameter;
+    char letter = 'M';
+    std::string_view kind;
     std::string_view name;
-    std::string_view type;
-    std::string_view unit;
-    std::optional<std::uint32_t> address;
-    bool isWritable;
-    std::string_view mark;  ///< what is told of writing where it is not what one expects
+    std::string_view type = {};
+    std::string_view unit = {};
+    std::optional<std::uint32_t> address = {};
+    bool isWritable = false;
+    std::string_view mark = "\n";  ///< what is told of writing where it is not what one expects
     // For -l and JSON.
-    std::string_view description;
-    double lowerLimit;
-    double upperLimit;
-    ByteOrder byteOrder;
-    std::span<const std::uint16_t> events;
-    std::uint32_t elementCount;
-    std::span<const a2l::AxisDescription> axes;
+    std::string_view description = {};
+    std::optional<std::pair<double, double>> limits = {};
+    std::optional<ByteOrder> byteOrder = {};
+    std::span<const std::uint16_t> events = {};
+    std::uint32_t elementCount = 1;
+    std::span<const a2l::AxisDescription> axes = {};
+    std::span<const std::uint32_t> arrayOf = {};  ///< of an instance or one of its parts
 };
 
+constexpr std::string_view kReadOnly = "  read-only\n";
+
 /// The lengths in all directions, none for a scalar.
-std::vector<std::uint32_t> dimensions(const Row& row) {
+std::vector<std::uint32_t> dimensions(const a2l::Description& description, const Row& row) {
+    if (!row.arrayOf.empty()) return {row.arrayOf.begin(), row.arrayOf.end()};
     std::vector<std::uint32_t> lengths;
     for (const a2l::AxisDescription& axis : row.axes)
         lengths.push_back(axis.maxAxisPoints);
-    if (lengths.empty() && row.elementCount > 1) lengths.push_back(row.elementCount);
-    return lengths;
+    if (!lengths.empty() || row.elementCount <= 1) return lengths;
+    const auto object = a2l::findObject(description, row.name);
+    return object ? object.value().dimensions : std::vector{row.elementCount};
 }
 
 Row rowOf(const a2l::Description& description, const a2l::Measurement& object, Units& units) {
-    return {false,
-            object.name,
-            value::dataTypeName(object.dataType),
-            units.of(object.conversion),
-            object.hasAddress ? std::optional(object.ecuAddress) : std::nullopt,
-            object.readWrite,
-            object.readWrite ? "  rw\n" : "\n",
-            object.longIdentifier,
-            object.lowerLimit,
-            object.upperLimit,
-            byteOrderOf(description, object.byteOrder),
-            description.events(object),
-            object.elementCount,
-            {}};
+    Row row{.letter = 'M', .kind = "measurement", .name = object.name};
+    row.type = value::dataTypeName(object.dataType);
+    row.unit = units.of(object.conversion);
+    if (object.hasAddress) row.address = object.ecuAddress;
+    row.isWritable = object.readWrite;
+    if (object.readWrite) row.mark = "  rw\n";
+    row.description = object.longIdentifier;
+    row.limits = {object.lowerLimit, object.upperLimit};
+    row.byteOrder = byteOrderOf(description, object.byteOrder);
+    row.events = description.events(object);
+    row.elementCount = object.elementCount;
+    return row;
 }
 
 Row rowOf(const a2l::Description& description, const a2l::Characteristic& object, Units& units) {
-    return {true,
-            object.name,
-            typeName(object.type),
-            units.of(object.conversion),
-            object.address,
-            !object.readOnly,
-            object.readOnly ? "  read-only\n" : "\n",
-            object.longIdentifier,
-            object.lowerLimit,
-            object.upperLimit,
-            byteOrderOf(description, object.byteOrder),
-            {},
-            object.elementCount,
-            object.axes};
+    Row row{.letter = 'P', .kind = "parameter", .name = object.name};
+    row.type = typeName(object.type);
+    row.unit = units.of(object.conversion);
+    row.address = object.address;
+    row.isWritable = !object.readOnly;
+    if (object.readOnly) row.mark = kReadOnly;
+    row.description = object.longIdentifier;
+    row.limits = {object.lowerLimit, object.upperLimit};
+    row.byteOrder = byteOrderOf(description, object.byteOrder);
+    row.elementCount = object.elementCount;
+    row.axes = object.axes;
+    return row;
 }
 
-/// Hands on the matching objects, measurements first, each kind in file order. Returns how many there are.
-template <typename Taker>
-std::size_t forEachMatch(const a2l::Description& description, const ListCommand::Options& options,
-                         const Taker& take) {
-    TextFilter filter(options.pattern);
-    Units units(description);
-    std::size_t count = 0;
-    const auto takeMatches = [&](const auto& objects) {
-        for (const auto& object : objects) {
-            const bool matches = filter.matches(object.name) ||
-                                 (options.inDescriptions && filter.matches(object.longIdentifier));
-            if (!matches) continue;
-            take(rowOf(description, object, units));
-            ++count;
-        }
-    };
-    if (options.onlyMeasurements || !options.onlyParameters) takeMatches(description.measurements);
-    if (options.onlyParameters || !options.onlyMeasurements) takeMatches(description.characteristics);
-    return count;
+Row rowOf(const a2l::Description& description, const a2l::AxisPoints& object, Units& units) {
+    Row row{.letter = 'A', .kind = "axis", .name = object.name};
+    row.type = "AXIS_PTS";
+    row.unit = units.of(object.conversion);
+    row.address = object.address;
+    row.isWritable = !object.readOnly;
+    if (object.readOnly) row.mark = kReadOnly;
+    row.description = object.longIdentifier;
+    row.limits = {object.lowerLimit, object.upperLimit};
+    row.byteOrder = byteOrderOf(description, object.byteOrder);
+    row.elementCount = object.maxAxisPoints;
+    return row;
 }
+
+Row rowOf(const a2l::Description& /*description*/, const a2l::Blob& object, Units& /*units*/) {
+    Row row{.letter = 'B', .kind = "blob", .name = object.name};
+    row.type = "BLOB";
+    row.address = object.address;
+    row.isWritable = !object.readOnly;
+    if (object.readOnly) row.mark = kReadOnly;
+    row.description = object.longIdentifier;
+    row.elementCount = object.size;
+    return row;
+}
+
+Row rowOf(const a2l::Description& description, const a2l::Instance& object, Units& /*units*/) {
+    Row row{.letter = 'I', .kind = "instance", .name = object.name};
+    row.type = description.typeName(object);
+    row.address = object.address;
+    row.isWritable = !object.readOnly;
+    if (object.readOnly) row.mark = kReadOnly;
+    row.description = description.details(object).longIdentifier;
+    row.events = description.events(object);
+    row.arrayOf = description.dimensions(description.details(object).extent);
+    return row;
+}
+
+/// Of a part of an instance: what its type says, at its own place.
+Row rowOf(const a2l::Description& description, const a2l::Leaf& leaf, Units& units) {
+    const bool readOnly = leaf.instance->readOnly;
+    Row row = std::visit([&](const auto* record) { return rowOf(description, *record, units); }, leaf.record);
+    row.name = leaf.name;
+    row.address = leaf.address.address;
+    if (row.letter == 'M') row.isWritable = row.isWritable || leaf.instance->readWrite;
+    if (row.letter == 'M') row.mark = row.isWritable ? "  rw\n" : "\n";
+    if (row.letter != 'M' && readOnly) row.mark = kReadOnly;
+    row.isWritable = row.isWritable && !readOnly;
+    if (row.description.empty()) row.description = description.details(*leaf.instance).longIdentifier;
+    if (row.letter == 'M' && row.events.empty()) row.events = description.events(*leaf.instance);
+    row.arrayOf = leaf.dimensions;
+    for (const a2l::Overwrite* overwrite : leaf.overwrites) {
+        if (overwrite->axis != 0) continue;
+        if (!overwrite->conversion.empty()) row.unit = units.of(overwrite->conversion);
+        if (overwrite->limits) row.limits = overwrite->limits;
+    }
+    return row;
+}
+
+/// Hands on the matching objects, kind by kind, each in file order.
+template <typename Taker>
+class Matcher {
+  public:
+    Matcher(const a2l::Description& description, const ListCommand::Options& options,
+            const session::FolderFilter& folders, const Taker& take)
+        : description_(description),
+          options_(options),
+          folders_(folders),
+          take_(take),
+          filter_(options.pattern),
+          units_(description) {
+        lowerAsciiInto(pattern_, options.pattern);
+    }
+
+    /// How many there are.
+    std::size_t run() {
+        const bool all = !options_.onlyMeasurements && !options_.onlyParameters && !options_.onlyAxes;
+        if (all || options_.onlyMeasurements) takeMatches(description_.measurements);
+        if (all || options_.onlyParameters) takeMatches(description_.characteristics);
+        if (options_.onlyAxes) takeMatches(description_.axisPoints);
+        if (all) takeMatches(description_.blobs);
+        for (const a2l::Instance& instance : description_.instances) {
+            if (all) takeIfMatching(instance);
+            if (options_.leaves || reachesBelow(instance.name)) takeLeaves(instance);
+        }
+        return count_;
+    }
+
+  private:
+    void takeMatches(const auto& objects) {
+        for (const auto& object : objects)
+            takeIfMatching(object);
+    }
+
+    std::string_view descriptionOf(const auto& object) const { return object.longIdentifier; }
+    std::string_view descriptionOf(const a2l::Instance& object) const {
+        return description_.details(object).longIdentifier;
+    }
+
+    void takeIfMatching(const auto& object) {
+        const bool matches = filter_.matches(object.name) ||
+                             (options_.inDescriptions && filter_.matches(descriptionOf(object)));
+        if (!matches || !folders_.takes(object.name)) return;
+        take_(rowOf(description_, object, units_));
+        ++count_;
+    }
+
+    /// The pattern begins with the instance and goes on with a part of it.
+    bool reachesBelow(std::string_view instance) {
+        if (pattern_.size() <= instance.size()) return false;
+        const char next = pattern_[instance.size()];
+        if (next != '.' && next != '[') return false;
+        lowerAsciiInto(name_, instance);
+        return pattern_.starts_with(name_);
+    }
+
+    bool isWanted(const Row& row) const {
+        const bool all = !options_.onlyMeasurements && !options_.onlyParameters && !options_.onlyAxes;
+        return all || (row.letter == 'M' && options_.onlyMeasurements) ||
+               (row.letter == 'P' && options_.onlyParameters) || (row.letter == 'A' && options_.onlyAxes);
+    }
+
+    void takeLeaves(const a2l::Instance& instance) {
+        a2l::walkLeaves(description_, instance, [this](const Result<a2l::Leaf>& found) {
+            if (stopRequested()) return false;
+            if (!found) return true;
+            const a2l::Leaf& leaf = found.value();
+            const bool matches = filter_.matches(leaf.name);
+            if (!matches || !folders_.takes(leaf.name)) return true;
+            const Row row = rowOf(description_, leaf, units_);
+            if (!isWanted(row)) return true;
+            take_(row);
+            ++count_;
+            return true;
+        });
+    }
+
+    const a2l::Description& description_;
+    const ListCommand::Options& options_;
+    const session::FolderFilter& folders_;
+    const Taker& take_;
+    TextFilter filter_;
+    Units units_;
+    std::string pattern_;
+    std::string name_;  // its storage serves all names
+    std::size_t count_ = 0;
+};
 
 void appendLine(const Row& row, Output& output) {
-    output.append(row.isParameter ? "P  " : "M  ");
+    const std::array<char, 3> letter = {row.letter, ' ', ' '};
+    output.append({letter.data(), letter.size()});
     output.appendPadded(row.name, 50);
     output.append(' ');
     output.appendPadded(
-        row.isParameter && row.type != typeName(a2l::CharacteristicType::value) ? "CURVE/MAP..." : row.type,
+        row.letter == 'P' && row.type != typeName(a2l::CharacteristicType::value) ? "CURVE/MAP..." : row.type,
         13);
     output.append(' ');
     output.appendPadded(row.unit, 8);
@@ -166,57 +300,94 @@ void appendLine(const Row& row, Output& output) {
     output.append(row.mark);
 }
 
+/// "COM_AXIS speed_axis, FIX_AXIS over load": what each axis is and what it is about.
+std::string axesText(const Row& row) {
+    std::vector<std::string> texts;
+    for (const a2l::AxisDescription& axis : row.axes) {
+        std::string text(a2l::axisKindName(axis.kind));
+        if (!axis.reference.empty()) text += fmt::format(" {}", axis.reference);
+        if (axis.inputQuantity != "NO_INPUT_QUANTITY") text += fmt::format(" over {}", axis.inputQuantity);
+        texts.push_back(std::move(text));
+    }
+    return fmt::format("{}", fmt::join(texts, ", "));
+}
+
 /// What -l tells of an object, in a second line: no name is too long for it.
-void appendDetails(const Row& row, Output& output) {
-    std::string text =
-        fmt::format("     limits {} to {}", formatShortest(row.lowerLimit), formatShortest(row.upperLimit));
-    if (!row.events.empty()) text += fmt::format(", event {}", fmt::join(row.events, " "));
-    const auto lengths = dimensions(row);
-    if (!lengths.empty()) text += fmt::format(", {} element(s)", fmt::join(lengths, " x "));
-    text += fmt::format(", {}", byteOrderName(row.byteOrder));
-    if (!row.description.empty()) text += fmt::format(", \"{}\"", row.description);
-    output.appendPadded(text, 0);
+void appendDetails(const a2l::Description& description, const Row& row, Output& output) {
+    std::vector<std::string> texts;
+    if (row.limits) {
+        texts.push_back(fmt::format("limits {} to {}", formatShortest(row.limits->first),
+                                    formatShortest(row.limits->second)));
+    }
+    if (!row.events.empty()) texts.push_back(fmt::format("event {}", fmt::join(row.events, " ")));
+    const auto lengths = dimensions(description, row);
+    if (!lengths.empty()) texts.push_back(fmt::format("{} element(s)", fmt::join(lengths, " x ")));
+    if (!row.axes.empty()) texts.push_back(axesText(row));
+    if (row.byteOrder) texts.emplace_back(byteOrderName(*row.byteOrder));
+    if (!row.description.empty()) texts.push_back(fmt::format("\"{}\"", row.description));
+    output.appendPadded(fmt::format("     {}", fmt::join(texts, ", ")), 0);
     output.append('\n');
+}
+
+void writeRow(const a2l::Description& description, const Row& row, JsonWriter& json) {
+    json.beginObject();
+    json.member("name", row.name);
+    json.member("kind", row.kind);
+    json.member("type", row.type);
+    json.member("unit", row.unit);
+    json.key("address");
+    row.address ? json.value(*row.address) : json.null();
+    json.member("writable", row.isWritable);
+    if (row.limits) json.listMember("limits", std::array{row.limits->first, row.limits->second});
+    json.listMember("events", row.events);
+    json.listMember("dimensions", dimensions(description, row));
+    if (row.byteOrder) json.member("byteOrder", byteOrderName(*row.byteOrder));
+    json.member("description", row.description);
+    if (!row.axes.empty()) {
+        json.key("axes").beginArray();
+        for (const a2l::AxisDescription& axis : row.axes) {
+            json.beginObject();
+            json.member("attribute", a2l::axisKindName(axis.kind));
+            json.member("inputQuantity", axis.inputQuantity);
+            if (!axis.reference.empty()) json.member("axisPoints", axis.reference);
+            json.endObject();
+        }
+        json.endArray();
+    }
+    json.endObject();
 }
 
 class ListReport final : public IReport {
   public:
-    ListReport(const a2l::Description& description, const ListCommand::Options& options)
-        : description_(description), options_(options) {}
+    ListReport(const a2l::Description& description, const ListCommand::Options& options,
+               const session::FolderFilter& folders)
+        : description_(description), options_(options), folders_(folders) {}
 
     void print(Output& output) const override {
-        const std::size_t count = forEachMatch(description_, options_, [this, &output](const Row& row) {
+        const std::size_t count = forEachMatch([this, &output](const Row& row) {
             appendLine(row, output);
-            if (options_.details) appendDetails(row, output);
+            if (options_.details) appendDetails(description_, row, output);
         });
         if (output.flush()) printMessage(std::to_string(count) + " object(s)\n");
     }
 
     void write(JsonWriter& json) const override {
         json.key("objects").beginArray();
-        const std::size_t count = forEachMatch(description_, options_, [&json](const Row& row) {
-            json.beginObject();
-            json.member("name", row.name);
-            json.member("kind", row.isParameter ? "parameter" : "measurement");
-            json.member("type", row.type);
-            json.member("unit", row.unit);
-            json.key("address");
-            row.address ? json.value(*row.address) : json.null();
-            json.member("writable", row.isWritable);
-            json.listMember("limits", std::array{row.lowerLimit, row.upperLimit});
-            json.listMember("events", row.events);
-            json.listMember("dimensions", dimensions(row));
-            json.member("byteOrder", byteOrderName(row.byteOrder));
-            json.member("description", row.description);
-            json.endObject();
-        });
+        const std::size_t count =
+            forEachMatch([this, &json](const Row& row) { writeRow(description_, row, json); });
         json.endArray();
         json.member("count", count);
     }
 
   private:
+    template <typename Taker>
+    std::size_t forEachMatch(const Taker& take) const {
+        return Matcher(description_, options_, folders_, take).run();
+    }
+
     const a2l::Description& description_;
     const ListCommand::Options& options_;
+    const session::FolderFilter& folders_;
 };
 
 }  // namespace
@@ -225,15 +396,23 @@ void ListCommand::addOptions(CLI::App& app) {
     app.add_option("pattern", options_.pattern, "Part of the name (case-insensitive)");
     app.add_flag("-p,--parameters", options_.onlyParameters, "Only parameters");
     app.add_flag("-m,--measurements", options_.onlyMeasurements, "Only measurements");
+    app.add_flag("--axes", options_.onlyAxes, "Only shared axes (AXIS_PTS)");
+    app.add_flag("--leaves", options_.leaves, "Also the parts of instances of structures");
+    addFolders(app, options_.groups, options_.functions);
     app.add_flag("-l,--long", options_.details,
-                 "Also limits, events, dimensions, byte order and description");
+                 "Also limits, events, dimensions, axes, byte order and description");
     app.add_flag("-d,--descriptions", options_.inDescriptions, "Also search in descriptions");
 }
 
 int ListCommand::run(Workplace& place) {
     const auto description = loadA2l(place);
     if (!description) return 1;
-    place.results.show(ListReport(*description, options_));
+    const auto folders = session::FolderFilter::create(*description, options_.groups, options_.functions);
+    if (!folders) {
+        place.results.fail("list", folders.error());
+        return 1;
+    }
+    place.results.show(ListReport(*description, options_, folders.value()));
     return stopRequested() ? 1 : 0;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "cli/command.h"
 
@@ -13,8 +14,12 @@ class ListCommand final : public ICommand {
   public:
     struct Options {
         std::string pattern;
+        std::vector<std::string> groups;
+        std::vector<std::string> functions;
         bool onlyParameters = false;
         bool onlyMeasurements = false;
+        bool onlyAxes = false;
+        bool leaves = false;
         bool details = false;
         bool inDescriptions = false;
     };

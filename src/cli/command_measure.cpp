@@ -286,6 +286,7 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
 
 void MeasureCommand::addOptions(CLI::App& app) {
     app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
+    addFolders(app, options_.groups, options_.functions);
     app.add_option("--signals-from", options_.signalsFrom, "File with more signals, one a line");
     app.add_option("--event", options_.event,
                    "Event of names without one: its number, its name, or auto (the A2L names it)")
@@ -334,6 +335,8 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* 
     }
     session::MeasurementOptions measurement;
     measurement.signals = options_.signals;
+    measurement.groups = options_.groups;
+    measurement.functions = options_.functions;
     measurement.recordDirectory = options_.recordDirectory;
     measurement.duration = Seconds(options_.durationSeconds);
     measurement.sink = &console;

@@ -49,6 +49,8 @@ class MeasureCommand final : public ICommand {
   public:
     struct Options {
         std::vector<std::string> signals;
+        std::vector<std::string> groups;
+        std::vector<std::string> functions;
         std::optional<std::string> signalsFrom;  ///< a file that names more of them
         std::optional<std::string> event;
         double durationSeconds = 0;

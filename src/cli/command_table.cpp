@@ -52,21 +52,30 @@ constexpr CommandRow kCommands[] = {
   xcplumo-cli --a2l demo.a2l list -p cal_
   xcplumo-cli --a2l demo.a2l list -l "cal_*_limit"
   xcplumo-cli --a2l demo.a2l list -d injector
+  xcplumo-cli --a2l demo.a2l list "engine.cyl[1].*"
+  xcplumo-cli --a2l demo.a2l list --group Tables
 A pattern with * or ? is the whole name.)",
      Needs::configuration, Form::json, make<ListCommand>},
     {"get", "Read values by name",
      R"(  xcplumo-cli -c demo.json get engine_speed
   xcplumo-cli -c demo.json get engine_speed gear cal_gain --exact
-  xcplumo-cli -c demo.json get engine_speed --json)",
+  xcplumo-cli -c demo.json get engine_speed --json
+  xcplumo-cli -c demo.json get cal_ignition_map "cal_ignition_map[2][3]" "engine.*"
+  xcplumo-cli -c demo.json get cal_ignition_map cal_torque_curve --plot)",
      Needs::connection, Form::json, make<GetCommand>},
     {"set", "Write parameters: NAME=VALUE (number or verbal text)",
      R"(  xcplumo-cli -c demo.json set cal_gain=1.5
   xcplumo-cli -c demo.json set cal_idle_speed=0x3B6 "cal_injector=test mode"
-  xcplumo-cli -c demo.json set -m throttle=20)",
+  xcplumo-cli -c demo.json set -m throttle=20
+  xcplumo-cli -c demo.json set "cal_ignition_map[2][3]=12" "cal_torque_curve.x[1]=12"
+  xcplumo-cli -c demo.json set "cal_gains=[1,2,3,4,5,6]" "cal_offsets[*]=0" cal_vin=WDB123
+  xcplumo-cli -c demo.json set cal_ignition_map=@map.csv
+With a list or a file the order is that of docs/values.md: a line of a CSV file holds all of X.)",
      Needs::connection, Form::json, make<SetCommand>},
     {"measure", "DAQ measurement with optional recording",
      R"(  xcplumo-cli -c demo.json measure
   xcplumo-cli -c demo.json measure -s engine_speed@1 -s wave@0 -t 10 -r first
+  xcplumo-cli -c demo.json measure -s "engine.cyl[2].*" -s "cal_gains[1]" --event auto
   xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s engine_speed@cyclic_10ms
   xcplumo-cli -c demo.json measure --table
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
@@ -82,6 +91,7 @@ With --json -p is 1 when it is not given.)",
      Needs::configuration, Form::text, make<SaveConfigCommand>},
     {"describe", "All that the A2L says about one object (no connection)",
      R"(  xcplumo-cli --a2l demo.a2l describe engine_speed
+  xcplumo-cli --a2l demo.a2l describe "engine.cyl[1].temp"
   xcplumo-cli -c demo.json describe cal_curve --json)",
      Needs::configuration, Form::json, make<DescribeCommand>},
     {"recording", "Look at, check or repair a recording (no connection)",

@@ -1,13 +1,21 @@
 #include "cli/command_values.h"
 
+#include <algorithm>
+#include <iterator>
 #include <span>
+#include <unistd.h>
 
 #include <CLI/App.hpp>
+#include <fmt/format.h>
 
 #include "cli/message_output.h"
+#include "cli/object_report.h"
 #include "cli/options.h"
+#include "cli/recording_plot.h"
 #include "cli/stop_signal.h"
 #include "cli/value_json.h"
+#include "core/printable_text.h"
+#include "session/name_pattern.h"
 #include "session/session.h"
 #include "value/typed_text.h"
 
@@ -103,26 +111,91 @@ class WriteReport final : public ReadReport {
     std::string deviation_;
 };
 
-int getAll(const std::vector<std::string>& names, Workplace& place) {
-    const value::NumberStyle style = numberStyle(place.session->config());
+/// What the names stand for, patterns taken apart. One that matches nothing stays, and is no name either.
+std::vector<std::string> expanded(const std::vector<std::string>& names, Workplace& place) {
+    const a2l::Description& description = place.session->description();
+    std::vector<std::string> all;
+    for (const std::string& name : names) {
+        if (!session::isNamePattern(description, name)) {
+            all.push_back(name);
+            continue;
+        }
+        std::vector<std::string> matches = session::namesMatching(description, name);
+        const std::size_t found = matches.size();
+        std::erase_if(matches,
+                      [&](const std::string& match) { return !place.session->objects().exists(match); });
+        if (matches.size() < found && !matches.empty()) {
+            printMessage(
+                fmt::format("'{}' matches {} object(s), {} of which cannot be read and are left out\n",
+                            printableText(name), found, found - matches.size()));
+        }
+        if (matches.empty()) matches.push_back(name);
+        std::move(matches.begin(), matches.end(), std::back_inserter(all));
+    }
+    return all;
+}
+
+/// Reads and shows the first scalars of the names, or the object that is the first; returns how many.
+std::size_t getSome(std::span<const std::string> names, const ObjectStyle& style, Workplace& place,
+                    int& exitCode) {
+    session::Session& session = *place.session;
+    const auto count = static_cast<std::size_t>(
+        std::find_if(names.begin(), names.end(),
+                     [&](const std::string& name) { return !session.objects().isScalar(name); }) -
+        names.begin());
+    if (count == 0) {
+        const auto reading = session.readObject(names.front());
+        place.results.show(ObjectReport(names.front(), reading, style));
+        if (reading) return 1;
+        place.results.hint(reading.error());
+        exitCode = 1;
+        return 1;
+    }
+    const auto values = session.read(names.first(count));
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        place.results.show(ReadReport(names[i], values[i], style.numbers));
+        if (values[i]) continue;
+        place.results.hint(values[i].error());
+        exitCode = 1;
+    }
+    return values.size();
+}
+
+int getAll(const std::vector<std::string>& typed, bool plot, Workplace& place) {
+    ObjectStyle style{numberStyle(place.session->config()), std::nullopt};
+    if (plot) style.plot = plotStyleFor(STDOUT_FILENO);
+    const std::vector<std::string> names = expanded(typed, place);
     int exitCode = 0;
     for (std::span<const std::string> rest(names); !rest.empty();) {
         if (stopRequested()) return 1;
-        const auto values = place.session->read(rest);
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            place.results.show(ReadReport(rest[i], values[i], style));
-            if (values[i]) continue;
-            place.results.hint(values[i].error());
-            exitCode = 1;
-        }
+        rest = rest.subspan(getSome(rest, style, place, exitCode));
         // Each value appears soon after it is read, however slow the next one is.
         if (!place.results.output().flush()) break;
-        rest = rest.subspan(values.size());
     }
     return exitCode;
 }
 
-bool assign(const std::string& assignment, bool allowMeasurements, Workplace& place) {
+void announceDependents(std::string_view name, const std::vector<std::string>& dependents) {
+    printMessage(printableText(fmt::format("{}: what depends on it is computed and written, too: {}", name,
+                                           fmt::join(dependents, ", "))) +
+                 "\n");
+}
+
+bool assignObject(const session::WriteWish& wish, Workplace& place) {
+    const auto writing = place.session->writeObject(
+        wish, [&](const std::vector<std::string>& dependents) { announceDependents(wish.name, dependents); });
+    const ObjectStyle style{numberStyle(place.session->config()), std::nullopt};
+    place.results.show(ObjectWriteReport(wish, writing, style));
+    if (!writing.value) place.results.hint(writing.value.error());
+    return writing.value.ok();
+}
+
+struct AssignOptions {
+    bool measurements = false;
+    bool dependents = true;
+};
+
+bool assign(const std::string& assignment, AssignOptions options, Workplace& place) {
     const auto refuse = [&](const Error& error) {
         place.results.fail(assignment, error, assignment);
         return false;
@@ -131,7 +204,10 @@ bool assign(const std::string& assignment, bool allowMeasurements, Workplace& pl
     const auto parts = splitAssignment(assignment);
     if (!parts) return refuse({ErrorCode::invalidArgument, "expected NAME=VALUE"});
     const auto& [name, text] = *parts;
-    const auto outcome = place.session->write(name, text, allowMeasurements);
+    const session::NamedObjects& objects = place.session->objects();
+    if (!objects.isScalar(name) || (options.dependents && objects.hasDependents(name)))
+        return assignObject({name, text, options.measurements, options.dependents}, place);
+    const auto outcome = place.session->write(name, text, options.measurements);
     place.results.show(WriteReport(name, text, outcome, numberStyle(place.session->config())));
     if (!outcome.value) place.results.hint(outcome.value.error());
     return outcome.value.ok();
@@ -156,7 +232,12 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
 }
 
 void GetCommand::addOptions(CLI::App& app) {
-    app.add_option("names", names_, "MEASUREMENT or CHARACTERISTIC names")->required();
+    app.add_option(
+           "names", names_,
+           "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
+           "axis; * and ? match")
+        ->required();
+    app.add_flag("--plot", plot_, "Draw curves as lines and colour maps");
     addExact(app, exact_);
 }
 
@@ -165,13 +246,17 @@ void GetCommand::overrule(session::SessionConfig& config) const {
 }
 
 int GetCommand::run(Workplace& place) {
-    return listValues(place, [&] { return getAll(names_, place); });
+    return listValues(place, [&] { return getAll(names_, plot_, place); });
 }
 
 void SetCommand::addOptions(CLI::App& app) {
-    app.add_option("assignments", assignments_, "NAME=VALUE")->required();
+    app.add_option("assignments", assignments_,
+                   "NAME=VALUE, NAME[1][2]=VALUE, NAME='[[1,2],[3,4]]', NAME[*]=VALUE, NAME=@FILE.csv")
+        ->required();
     app.add_flag("-m,--measurements", allowMeasurements_,
                  "Also overwrite measurements (without READ_WRITE in the A2L)");
+    app.add_flag("--no-dependents", noDependents_,
+                 "Leave the parameters that are computed from what is written");
     addExact(app, exact_);
 }
 
@@ -183,7 +268,7 @@ int SetCommand::run(Workplace& place) {
     return listValues(place, [&] {
         int exitCode = 0;
         for (const std::string& assignment : assignments_) {
-            if (!assign(assignment, allowMeasurements_, place)) exitCode = 1;
+            if (!assign(assignment, {allowMeasurements_, !noDependents_}, place)) exitCode = 1;
         }
         return exitCode;
     });

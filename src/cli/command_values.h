@@ -16,7 +16,8 @@ namespace lm::cli {
 /// NAME=VALUE cut at the first '='; none when there is no '=' or nothing before it.
 std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std::string_view text);
 
-/// Prints one line per name; a failure does not stop the rest, a stop request and a failed output do.
+/// Prints one line per scalar and a table per curve or map; a failure does not stop the rest, a stop request
+/// and a failed output do.
 class GetCommand final : public ICommand {
   public:
     void addOptions(CLI::App& app) override;
@@ -27,6 +28,7 @@ class GetCommand final : public ICommand {
   private:
     std::vector<std::string> names_;
     bool exact_ = false;
+    bool plot_ = false;
 };
 
 /// Writes each value and prints it as read back. A failed output stops nothing: what was asked for is
@@ -40,6 +42,7 @@ class SetCommand final : public ICommand {
   private:
     std::vector<std::string> assignments_;
     bool allowMeasurements_ = false;
+    bool noDependents_ = false;
     bool exact_ = false;
 };
 

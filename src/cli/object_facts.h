@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "a2l/description.h"
+#include "a2l/structure.h"
 
 namespace lm::cli {
 
@@ -23,7 +25,7 @@ struct Use {
 
 /// A field that the kind does not have, or the file does not tell, is empty.
 struct ObjectFacts {
-    std::string_view kind;  ///< "measurement", "parameter", "axis", "conversion"
+    std::string_view kind;  ///< "measurement", "parameter", "axis", "blob", "instance", "conversion"
     std::string_view name;
     std::string_view description;
     std::string_view displayName;
@@ -46,9 +48,15 @@ struct ObjectFacts {
     std::string_view inputQuantity;              ///< of an axis object
     std::optional<std::uint32_t> maxAxisPoints;  ///< of an axis object
     std::span<const a2l::AxisDescription> axes;
+    std::string_view typeDefinition = {};         ///< TYPEDEF_... of an instance or one of its parts
+    std::string_view instance = {};               ///< of a part
+    std::optional<std::uint64_t> leafCount = {};  ///< of an instance
+    std::vector<std::string> pointers = {};       ///< on the way to a part
+    std::shared_ptr<const a2l::Leaf> leaf = {};   ///< holds the name of a part
 };
 
-/// Looks for a measurement, a parameter, an axis and a conversion, in this order.
+/// Looks for a measurement, a parameter, an axis, a blob, an instance or a part of one, and a conversion, in
+/// this order.
 std::optional<ObjectFacts> findFacts(const a2l::Description& description, std::string_view name);
 
 /// In the order of the file, parameters before axis objects; one pass over all objects.

@@ -86,6 +86,12 @@ void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional
     command.add_option("--to", to, helpTo);
 }
 
+void addFolders(CLI::App& command, std::vector<std::string>& groups, std::vector<std::string>& functions) {
+    command.add_option("--group", groups, "Patterns take only what lies in this GROUP of the A2L or below")
+        ->allow_extra_args(false);
+    command.add_option("--function", functions, "Likewise a FUNCTION")->allow_extra_args(false);
+}
+
 CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help,
                          CLI::Option& directory) {
     const auto take = [&signals, &directory](std::vector<std::string> words) {

@@ -46,6 +46,8 @@ void addDuration(CLI::App& command, double& seconds, const char* help);
 /// --from, --to.
 void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional<std::string>& to,
               const char* helpTo);
+/// --group, --function.
+void addFolders(CLI::App& command, std::vector<std::string>& groups, std::vector<std::string>& functions);
 /// -s, which takes all words behind it and may stand before the directory all the same: that option has been
 /// added before.
 CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help,

@@ -11,7 +11,11 @@
 
 namespace lm::cli {
 
-/// The members "raw" and "physical": integers stay integers where the conversion changes nothing.
+/// A raw value, and what is physical of it: integers stay integers where the conversion changes nothing.
+void writeRaw(JsonWriter& json, const value::Element& element, const value::Value& raw);
+void writePhysical(JsonWriter& json, const value::Element& element, const value::Value& raw);
+
+/// The members "raw" and "physical" of bytes: integers stay integers where the conversion changes nothing.
 void writeNumbers(JsonWriter& json, const value::Element& element, const std::uint8_t* bytes);
 
 /// The whole object.

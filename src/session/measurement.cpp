@@ -263,6 +263,8 @@ Result<void> Measurement::restartDaq() {
     if (!capabilities.ok()) return capabilities.error();
     auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());
     if (!fits.ok()) return fits;
+    auto placed = checkPlaces(plan_.placedBy, memoryReader(context_.master));
+    if (!placed.ok()) return placed;
     auto started = startLists(capabilities.value());
     if (started.ok()) outages_.end(steadyNowNs());
     // An ECU that was only out of reach may still run the old lists and refuse others meanwhile.

@@ -29,7 +29,7 @@ namespace lm::session {
 
 class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
   public:
-    /// Plans and claims the load; nothing is sent.
+    /// Plans and claims the load; nothing is written to the ECU.
     static Result<std::unique_ptr<Measurement>> plan(MeasurementContext context,
                                                      const MeasurementOptions& options);
 

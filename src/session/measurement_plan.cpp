@@ -13,15 +13,14 @@ namespace lm::session {
 namespace {
 
 PlannedSignal plannedSignal(ChosenSignal chosen) {
-    a2l::Object& object = chosen.object;
+    const a2l::Object& object = *chosen.object;
     PlannedSignal signal;
     signal.event = chosen.event;
-    const auto& events = object.events;
-    signal.isForeignEvent =
-        !events.empty() && std::find(events.begin(), events.end(), signal.event) == events.end();
-    signal.element = object.element();
-    signal.description = std::move(object.description);
-    signal.displayName = std::move(object.displayName);
+    signal.isForeignEvent = !object.events.empty() && std::find(object.events.begin(), object.events.end(),
+                                                                signal.event) == object.events.end();
+    signal.element = std::move(chosen.element);
+    signal.description = object.description;
+    signal.displayName = object.displayName;
     return signal;
 }
 
@@ -45,22 +44,23 @@ std::uint64_t periodNs(const xcp::DaqList& list, const xcp::DaqCapabilities& cap
 
 }  // namespace
 
-Result<MeasurementPlan> planMeasurement(const a2l::Description& description,
-                                        const std::vector<std::string>& signalTexts,
-                                        const SessionConfig::Daq& daq,
-                                        const xcp::DaqCapabilities& capabilities,
-                                        const xcp::ConnectInfo& connection, bool recorded) {
+Result<MeasurementPlan> planMeasurement(SignalSource source, const std::vector<std::string>& signalTexts,
+                                        const SessionConfig::Daq& daq, const xcp::ConnectInfo& connection,
+                                        bool recorded) {
+    const xcp::DaqCapabilities& capabilities = source.capabilities;
     const xcp::DaqPlanOptions options{connection.maxDto, connection.granularity(), daq.useTimestamps};
     const auto canMeasure = [&](const ChosenSignal& signal) -> Result<void> {
-        const value::Element element = signal.object.element();
+        const value::Element& element = signal.element;
         if (auto fits = xcp::checkSignal(daqSignal(element, signal.event), capabilities, options); !fits.ok())
             return Error{fits.error().code, element.name + ": " + fits.error().text()};
         return recorded ? requireRecordable(element) : Result<void>();
     };
-    auto choice = chooseSignals(description, signalTexts, daq.defaultEvent, capabilities, canMeasure);
+    source.bareEvent = daq.defaultEvent;
+    auto choice = chooseSignals(source, signalTexts, canMeasure);
     if (!choice.ok()) return choice.error();
     MeasurementPlan plan;
     plan.warnings = std::move(choice.value().warnings);
+    plan.placedBy = std::move(choice.value().placedBy);
     std::vector<xcp::DaqSignal> signals;
     for (ChosenSignal& chosen : choice.value().chosen) {
         plan.planned.push_back(plannedSignal(std::move(chosen)));

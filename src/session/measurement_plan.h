@@ -12,6 +12,7 @@
 #include "session/bus_load.h"
 #include "session/measurement_types.h"
 #include "session/session_config.h"
+#include "session/signal_choice.h"
 #include "storage/format/recording_info.h"
 #include "xcp/daq_plan.h"
 #include "xcp/packet.h"
@@ -19,13 +20,11 @@
 namespace lm::session {
 
 /// Chooses the signals and packs the DAQ lists. A pattern takes nothing that a recording could not hold when
-/// the measurement is `recorded`. Errors: those of chooseSignals(), "no signals to measure", those of
-/// xcp::planDaq.
-Result<MeasurementPlan> planMeasurement(const a2l::Description& description,
-                                        const std::vector<std::string>& signalTexts,
-                                        const SessionConfig::Daq& daq,
-                                        const xcp::DaqCapabilities& capabilities,
-                                        const xcp::ConnectInfo& connection, bool recorded = false);
+/// the measurement is `recorded`; `daq` gives the event of names without one, not the source. Errors: those
+/// of chooseSignals(), "no signals to measure", those of xcp::planDaq.
+Result<MeasurementPlan> planMeasurement(SignalSource source, const std::vector<std::string>& signalTexts,
+                                        const SessionConfig::Daq& daq, const xcp::ConnectInfo& connection,
+                                        bool recorded = false);
 
 /// The lists as the load estimate wants them.
 LoadInput loadInput(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities);

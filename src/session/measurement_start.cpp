@@ -7,16 +7,32 @@
 #include <spdlog/spdlog.h>
 
 #include "core/platform.h"
+#include "session/byte_access.h"
 #include "session/measurement_plan.h"
 
 namespace lm::session {
 
+a2l::ReadMemory memoryReader(xcp::Master& master) {
+    return [&master](xcp::Address address, std::size_t size) {
+        return xcp::inStep(master, [&] { return uploadBytes(master, address, size); });
+    };
+}
+
 Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const MeasurementOptions& options) {
-    const auto& texts = options.signals.empty() ? context.config.measurement : options.signals;
+    auto folders = FolderFilter::create(context.description, options.groups, options.functions);
+    if (!folders.ok()) return folders.error();
+    const std::vector<std::string> wholeFolders{"*"};
+    const auto& unnamed = folders.value().takesAll() ? context.config.measurement : wholeFolders;
+    const auto& texts = options.signals.empty() ? unnamed : options.signals;
     xcp::ConnectInfo connection = context.master.connectInfo();
     connection.maxDto = context.medium.largestDto(connection.maxDto);
-    auto plan = planMeasurement(context.description, texts, context.config.daq, context.capabilities,
-                                connection, !options.recordDirectory.empty());
+    SignalSource source{context.description,
+                        context.capabilities,
+                        {},
+                        memoryReader(context.master),
+                        std::move(folders).value()};
+    auto plan = planMeasurement(std::move(source), texts, context.config.daq, connection,
+                                !options.recordDirectory.empty());
     if (!plan.ok()) return plan.error();
     if (!options.recordDirectory.empty()) {
         if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();

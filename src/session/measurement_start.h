@@ -36,14 +36,17 @@ struct MeasurementContext {
     std::function<void(SessionState, const std::string&)> changeState;
 };
 
+/// Answers are certainly those to the questions.
+a2l::ReadMemory memoryReader(xcp::Master& master);
+
 struct AcceptedPlan {
     MeasurementPlan plan;
     double busLoad = 0;  ///< of all ECUs on the line, fraction of 1; this ECU's part is claimed
 };
 
-/// Plans the signals of the options, else of the configuration, warns of what the user may not expect, and
-/// claims the load. Errors, with nothing claimed: those of planMeasurement, requireRecordable and
-/// IMedium::claimLoad.
+/// Plans the signals of the options, else of the configuration, reads where they lie when only the memory
+/// tells it, warns of what the user may not expect, and claims the load. Errors, with nothing claimed: those
+/// of planMeasurement, requireRecordable and IMedium::claimLoad.
 Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const MeasurementOptions& options);
 
 /// What a recording of the plan, beginning now, says about itself and its groups.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "session/medium.h"
+#include "session/signal_elements.h"
 #include "value/element.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/daq_plan.h"
@@ -35,6 +36,7 @@ struct MeasurementPlan {
     std::vector<PlannedSignal> planned;  ///< in the order asked for, repetitions included
     xcp::DaqPlan daq;                    ///< lists in ascending event order
     std::vector<std::string> warnings;   ///< of patterns that left something out
+    std::vector<PlaceBytes> placedBy;    ///< must still hold after a reconnection
 };
 
 struct MeasurementOptions {
@@ -47,6 +49,8 @@ struct MeasurementOptions {
     /// How long it is meant to last, 0: open. It tells whether the disk holds the recording, and ends
     /// nothing.
     std::chrono::duration<double> duration{0};
+    std::vector<std::string> groups = {};     ///< patterns take only what lies in them
+    std::vector<std::string> functions = {};  ///< or in these; without signals all measurements there
 };
 
 struct PlanSummary {

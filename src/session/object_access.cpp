@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "session/byte_access.h"
 #include "xcp/memory.h"
 
 namespace lm::session {
@@ -17,7 +18,7 @@ std::vector<std::uint8_t> bytesAt(const a2l::MemoryImage& image, const a2l::Memo
 }  // namespace
 
 a2l::ReadMemory ObjectAccess::reader() {
-    return [this](xcp::Address address, std::size_t size) { return master_.upload(address, size); };
+    return [this](xcp::Address address, std::size_t size) { return uploadBytes(master_, address, size); };
 }
 
 Result<a2l::ObjectContent> ObjectAccess::readUnconfirmed(const a2l::Object& object) {
@@ -51,7 +52,7 @@ Result<a2l::ObjectContent> ObjectAccess::download(const a2l::ObjectContent& befo
                                                   const a2l::MemoryImage& wanted,
                                                   const std::vector<a2l::MemorySpan>& spans) {
     for (const a2l::MemorySpan& span : spans) {
-        auto downloaded = master_.download(span.address, bytesAt(wanted, span));
+        auto downloaded = downloadBytes(master_, span.address, bytesAt(wanted, span));
         if (!downloaded) return downloaded.error();
     }
     const a2l::Object& object = before.placed.object();
@@ -70,10 +71,14 @@ Result<a2l::ObjectContent> ObjectAccess::download(const a2l::ObjectContent& befo
 std::vector<HeldSpan> ObjectAccess::held(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
                                          const std::vector<a2l::MemorySpan>& spans) {
     std::vector<HeldSpan> all;
+    bool isSilent = false;
     for (const a2l::MemorySpan& span : spans) {
         HeldSpan& one = all.emplace_back();
         one.span = span;
-        auto bytes = xcp::inStep(master_, [&] { return master_.upload(span.address, span.size); });
+        // Who did not answer is not asked for each piece again.
+        if (isSilent) continue;
+        auto bytes = xcp::inStep(master_, [&] { return uploadBytes(master_, span.address, span.size); });
+        isSilent = !bytes && (bytes.error().code == ErrorCode::timeout || bytes.error().isStop());
         if (!bytes) continue;
         one.bytes = std::move(bytes).value();
         one.state = HeldSpan::State::other;

@@ -9,6 +9,7 @@
 #include "a2l/object.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
+#include "session/write_rights.h"
 #include "value/typed_text.h"
 
 namespace lm::session {
@@ -29,19 +30,6 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
     options.connectAttempts = static_cast<std::int32_t>(std::min(config.connectAttempts, kMost));
     options.useShortUpload = config.useShortUpload;
     return options;
-}
-
-Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements) {
-    const bool isMeasurement = object.kind == a2l::ObjectKind::measurement;
-    if (!object.writable && !(isMeasurement && allowMeasurements)) {
-        const char* reason = isMeasurement ? " is a measurement without READ_WRITE" : " is not writable";
-        Error refused{ErrorCode::permissionDenied, object.name + reason};
-        if (isMeasurement) refused.hint = object.name + ": `set -m` overwrites measurements, too";
-        return refused;
-    }
-    if (!object.first.emptyMask) return {};
-    return Error{ErrorCode::permissionDenied,
-                 object.name + ": BIT_MASK 0x0 leaves no bit that may be written"};
 }
 
 bool namesTransport(const SessionConfig& config) {
@@ -94,7 +82,8 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
       medium_(std::move(medium)),
       master_(std::make_unique<xcp::Master>(medium_->transport(),
                                             masterOptions(config_.xcp, description_.xcp), stop_.token())),
-      values_(*master_, stop_.token()) {
+      values_(*master_, stop_.token()),
+      objects_(description_, *master_, stop_.token()) {
     master_->setListener(this);
     medium_->setTextSink(&console_);
 }
@@ -192,6 +181,7 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, bool a
         return {allowed.error()};
     const value::Element element = object.value().element();
     const auto typed = value::parseText(element, text);
+    logAssumptions(object.value());
     if (typed.ok()) {
         auto outcome = values_.write(element, typed.value());
         if (!outcome.value.ok()) outcome.value = afterConnect(outcome.value.error());
@@ -200,6 +190,21 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, bool a
     // That an ECU cannot be read counts more than a slip of the pen.
     const auto current = values_.read(element);
     return {current.ok() ? typed.error() : afterConnect(current.error())};
+}
+
+Result<ObjectReading> Session::readObject(std::string_view name) {
+    auto reading = objects_.read(name);
+    if (reading.ok()) return reading;
+    if (reading.error().code == ErrorCode::timeout) silent_ = true;
+    return afterConnect(reading.error());
+}
+
+ObjectWriting Session::writeObject(const WriteWish& wish, const NamedObjects::Announce& announce) {
+    auto writing = objects_.write(wish, announce);
+    if (writing.value.ok()) return writing;
+    if (writing.value.error().code == ErrorCode::timeout) silent_ = true;
+    writing.value = afterConnect(writing.value.error());
+    return writing;
 }
 
 Result<void> Session::sendText(std::string_view line) {

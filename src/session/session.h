@@ -23,6 +23,7 @@
 #include "session/console_log.h"
 #include "session/measurement_types.h"
 #include "session/medium.h"
+#include "session/named_objects.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
 #include "session/value_access.h"
@@ -84,6 +85,13 @@ class Session final : private xcp::IMasterListener {
     /// 0x0 leaves no bit that may be written".
     WriteOutcome write(std::string_view name, std::string_view text, bool allowMeasurements);
 
+    /// Which names are scalars, and which have dependents; readObject() and writeObject() serve all others.
+    const NamedObjects& objects() const { return objects_; }
+    /// NamedObjects::read().
+    Result<ObjectReading> readObject(std::string_view name);
+    /// NamedObjects::write().
+    ObjectWriting writeObject(const WriteWish& wish, const NamedObjects::Announce& announce);
+
     /// Sends a line of text to the ECU. Errors: those of IMedium::sendText.
     Result<void> sendText(std::string_view line);
     /// What the ECU on a serial line printed and what was sent to it.
@@ -144,6 +152,7 @@ class Session final : private xcp::IMasterListener {
     // One thread at a time.
     std::unique_ptr<xcp::Master> master_;
     ValueAccess values_;
+    NamedObjects objects_;
     std::optional<xcp::DaqCapabilities> capabilities_;
     // The running or the last ones, for their statistics. The measurement borrows the recording.
     std::unique_ptr<storage::Recorder> recording_;

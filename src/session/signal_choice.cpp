@@ -1,14 +1,16 @@
 #include "session/signal_choice.h"
 
+#include <algorithm>
 #include <optional>
 #include <set>
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
 
+#include "a2l/structure.h"
 #include "core/printable_text.h"
 #include "core/text.h"
-#include "storage/read/signal_selection.h"
+#include "session/name_pattern.h"
 
 namespace lm::session {
 namespace {
@@ -18,10 +20,6 @@ Error invalid(std::string message) {
 }
 
 // No word of an A2L file holds one of * ? @, so none of its names is mistaken for a pattern or cut.
-
-bool isPattern(std::string_view name) {
-    return name.find_first_of("*?") != std::string_view::npos;
-}
 
 struct SignalText {
     std::string_view name;
@@ -66,22 +64,24 @@ Result<std::uint16_t> eventOf(std::string_view text, const xcp::DaqCapabilities&
 /// What all texts have in common, and what has been chosen so far.
 class Chooser {
   public:
-    Chooser(const a2l::Description& description, const DefaultEvent& bare,
-            const xcp::DaqCapabilities& capabilities, const CanMeasure& canMeasure)
-        : description_(description), bare_(bare), capabilities_(capabilities), canMeasure_(canMeasure) {}
+    Chooser(const SignalSource& source, const CanMeasure& canMeasure)
+        : source_(source), canMeasure_(canMeasure) {}
 
     Result<void> add(std::string_view text) {
         const SignalText signal = split(text);
-        Events events{bare_.number, bare_.automatic};
-        if (signal.event || !bare_.name.empty()) {
-            const auto event = signal.event ? eventOf(*signal.event, capabilities_) : bareEvent();
+        const DefaultEvent& bare = source_.bareEvent;
+        Events events{bare.number, bare.automatic};
+        if (signal.event || !bare.name.empty()) {
+            const auto event = signal.event ? eventOf(*signal.event, source_.capabilities) : bareEvent();
             if (!event.ok()) return event.error();
             events = {event.value(), false};
         }
-        if (isPattern(signal.name)) return addPattern(signal.name, events);
-        auto object = a2l::findScalar(description_, signal.name);
-        if (!object.ok()) return object.error();
-        take(chosenOf(std::move(object).value(), events));
+        if (isNamePattern(source_.description, signal.name)) return addPattern(signal.name, events);
+        auto found = findElements(signal.name);
+        if (!found.ok()) return found.error();
+        takePlace(found.value());
+        for (ChosenSignal& chosen : chosenOf(std::move(found).value(), events))
+            take(std::move(chosen));
         return {};
     }
 
@@ -101,30 +101,59 @@ class Chooser {
     };
 
     Result<std::uint16_t> bareEvent() const {
-        const auto named = eventNamed(bare_.name, capabilities_);
+        const std::string& name = source_.bareEvent.name;
+        const auto named = eventNamed(name, source_.capabilities);
         if (!named.ok()) return named.error();
         if (named.value()) return *named.value();
-        return invalid("no event is called '" + bare_.name +
+        return invalid("no event is called '" + name +
                        "': the event of bare names is a number, a name that `info` prints, or auto");
     }
 
-    static ChosenSignal chosenOf(a2l::Object object, Events events) {
+    Result<SignalElements> findElements(std::string_view name) const {
+        return findSignalElements(source_.description, name, source_.read,
+                                  kMostSignals - std::min(kMostSignals, choice_.chosen.size()));
+    }
+
+    static std::vector<ChosenSignal> chosenOf(SignalElements found, Events events) {
         const std::uint16_t event =
-            events.automatic ? object.preferredEvent.value_or(events.number) : events.number;
-        return {std::move(object), event};
+            events.automatic ? found.object->preferredEvent.value_or(events.number) : events.number;
+        std::vector<ChosenSignal> signals;
+        signals.reserve(found.elements.size());
+        for (value::Element& element : found.elements)
+            signals.push_back({found.object, std::move(element), event});
+        return signals;
+    }
+
+    void takePlace(const SignalElements& found) {
+        choice_.placedBy.insert(choice_.placedBy.end(), found.placedBy.begin(), found.placedBy.end());
     }
 
     void take(ChosenSignal signal) {
-        known_.emplace(signal.object.name, signal.event);
+        known_.emplace(signal.element.name, signal.event);
         choice_.chosen.push_back(std::move(signal));
     }
 
+    /// A pattern is held against each part: of a structure with too many of them no one would see the end.
+    Result<void> checkParts(std::string_view pattern) const {
+        constexpr std::uint64_t kMostParts = 4'000'000;
+        for (const a2l::Instance& instance : source_.description.instances) {
+            if (!mayMatchBelow(instance.name, pattern)) continue;
+            const std::uint64_t count = a2l::leafCount(source_.description, instance);
+            if (count <= kMostParts) continue;
+            return invalid(fmt::format("'{}' reaches into {}, which has {} parts: name those to be measured",
+                                       pattern, instance.name, count));
+        }
+        return {};
+    }
+
     Result<void> addPattern(std::string_view pattern, Events events) {
+        if (auto walkable = checkParts(pattern); !walkable.ok()) return walkable;
         const char* kind = "measurement";
-        Matches matches = addMatches(description_.measurements, pattern, events);
+        Matches matches =
+            addMatches(namesMatching(source_.description, pattern, NameKind::measurements), events);
         if (matches.all == 0) {
             kind = "parameter";
-            matches = addMatches(description_.characteristics, pattern, events);
+            matches = addMatches(namesMatching(source_.description, pattern, NameKind::parameters), events);
         }
         if (matches.all == 0) {
             return Error{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", pattern)};
@@ -141,31 +170,33 @@ class Chooser {
         return {};
     }
 
-    Matches addMatches(const auto& objects, std::string_view pattern, Events events) {
+    Matches addMatches(const std::vector<std::string>& names, Events events) {
         Matches matches;
-        for (const auto& source : objects) {
-            if (!storage::matchesPattern(source.name, pattern)) continue;
+        for (const std::string& name : names) {
+            if (!source_.folders.takes(name)) continue;
             ++matches.all;
-            if (auto added = addMatch(source.name, events); !added.ok()) {
+            if (auto added = addMatch(name, events); !added.ok()) {
                 if (matches.leftOut++ == 0) matches.firstReason = added.error().text();
             }
         }
         return matches;
     }
 
+    /// All elements of an object, or none.
     Result<void> addMatch(std::string_view name, Events events) {
-        auto object = a2l::findScalar(description_, name);
-        if (!object.ok()) return object.error();
-        ChosenSignal signal = chosenOf(std::move(object).value(), events);
-        if (known_.contains({signal.object.name, signal.event})) return {};
-        if (auto able = canMeasure_(signal); !able.ok()) return able;
-        take(std::move(signal));
+        auto found = findElements(name);
+        if (!found.ok()) return found.error();
+        const std::vector<PlaceBytes> placedBy = found.value().placedBy;
+        std::vector<ChosenSignal> signals = chosenOf(std::move(found).value(), events);
+        for (const ChosenSignal& signal : signals)
+            if (auto able = canMeasure_(signal); !able.ok()) return able;
+        choice_.placedBy.insert(choice_.placedBy.end(), placedBy.begin(), placedBy.end());
+        for (ChosenSignal& signal : signals)
+            if (!known_.contains({signal.element.name, signal.event})) take(std::move(signal));
         return {};
     }
 
-    const a2l::Description& description_;
-    const DefaultEvent& bare_;
-    const xcp::DaqCapabilities& capabilities_;
+    const SignalSource& source_;
     const CanMeasure& canMeasure_;
     std::set<std::pair<std::string, std::uint16_t>> known_;
     SignalChoice choice_;
@@ -173,10 +204,9 @@ class Chooser {
 
 }  // namespace
 
-Result<SignalChoice> chooseSignals(const a2l::Description& description, const std::vector<std::string>& texts,
-                                   const DefaultEvent& bare, const xcp::DaqCapabilities& capabilities,
+Result<SignalChoice> chooseSignals(const SignalSource& source, const std::vector<std::string>& texts,
                                    const CanMeasure& canMeasure) {
-    Chooser chooser(description, bare, capabilities, canMeasure);
+    Chooser chooser(source, canMeasure);
     for (const std::string& text : texts) {
         if (auto added = chooser.add(text); !added.ok()) return added.error();
     }

@@ -52,6 +52,11 @@ Value rawValue(const Element& element, const std::uint8_t* bytes) {
     return exactInteger(decodeInteger(bytes, element.coding), element.coding);
 }
 
+Value wholeRaw(const Element& element, const std::uint8_t* bytes) {
+    if (isFloat(element.coding.dataType)) return decodeRaw(bytes, element.coding);
+    return exactInteger(decodeInteger(bytes, element.coding), element.coding);
+}
+
 Value physicalValue(const Element& element, const Value& raw) {
     if (const auto text = element.conversion->verbalText(toDouble(raw))) return std::string(*text);
     return element.conversion->toPhysical(raw);

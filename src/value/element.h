@@ -39,6 +39,9 @@ struct Element {
 /// The raw value in `bytes`, which hold at least size() of them.
 Value rawValue(const Element& element, const std::uint8_t* bytes);
 
+/// The same with all digits, also where no conversion keeps them.
+Value wholeRaw(const Element& element, const std::uint8_t* bytes);
+
 /// The physical value of a raw one: its verbal text where it has one, else a number.
 Value physicalValue(const Element& element, const Value& raw);
 

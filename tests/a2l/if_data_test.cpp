@@ -105,9 +105,10 @@ TEST(IfData, LeavesOutWhatItCannotRead) {
         {"XCP_ON_UDP_IP 1 65536", "port must be a non-negative integer"},
         {"XCP_ON_UDP_IP 1 2 ADDRESS 10", "ADDRESS must be a string"},
         {"XCP_ON_SxI 1", "missing baud rate"},
+        {"XCP_ON_TCP_IP", "missing version"},
     };
     for (const auto& [text, problem] : rows) {
-        EXPECT_EQ(read(block("IF_DATA XCP " + block(text) + " /begin XCP_ON_TCP_IP /end XCP_ON_TCP_IP")),
+        EXPECT_EQ(read(block("IF_DATA XCP " + block(text) + " /begin XCP_ON_TCP_IP 1 2 /end XCP_ON_TCP_IP")),
                   fmt::format("tcp\nskipped: {} (line 1): {}", text.substr(0, text.find(' ')), problem));
     }
     EXPECT_EQ(read(block("IF_DATA XCP /begin DAQ DYNAMIC\n/begin EVENT \"a\" 1 /end EVENT\n"

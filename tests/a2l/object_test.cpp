@@ -1,5 +1,4 @@
 #include "a2l/object.h"
-#include "a2l/object_error.h"
 
 #include <map>
 #include <string>
@@ -7,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "a2l/object_error.h"
 #include "value/typed_text.h"
 
 namespace lm::a2l {

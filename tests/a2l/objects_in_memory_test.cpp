@@ -62,6 +62,22 @@ const std::string kCommon = R"A2L(
 /begin INSTANCE inst "" S 0x4000 MATRIX_DIM 2 /end INSTANCE
 /begin INSTANCE away "" T 0x7000 READ_WRITE /begin OVERWRITE curve 0 CONVERSION tenth /end OVERWRITE /end INSTANCE
 /begin BLOB blob "" 0x4000 2 /end BLOB
+/begin RECORD_LAYOUT L64 AXIS_PTS_X 1 A_UINT64 INDEX_INCR DIRECT /end RECORD_LAYOUT
+/begin RECORD_LAYOUT LF AXIS_PTS_X 1 FLOAT32_IEEE INDEX_INCR DIRECT /end RECORD_LAYOUT
+/begin COMPU_METHOD plus "" LINEAR "%9.2" "" COEFFS_LINEAR 0.1 3 /end COMPU_METHOD
+/begin AXIS_PTS ax64 "" 0x100 NO_INPUT_QUANTITY L64 0 NO_COMPU_METHOD 1 0 1e20 DEPOSIT DIFFERENCE /end AXIS_PTS
+/begin AXIS_PTS axf "" 0x100 NO_INPUT_QUANTITY LF 0 plus 3 0 100 DEPOSIT DIFFERENCE MONOTONY MON_DECREASE /end AXIS_PTS
+/begin AXIS_PTS axe "" 0x100 NO_INPUT_QUANTITY L7 0 NO_COMPU_METHOD 3 0 255 MONOTONY STRICT_MON CALIBRATION_ACCESS OFFLINE_CALIBRATION /end AXIS_PTS
+/begin TYPEDEF_CHARACTERISTIC tStd "" CURVE L1 0 NO_COMPU_METHOD -100 1000
+  /begin AXIS_DESCR STD_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 4 0 255 /end AXIS_DESCR /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_CHARACTERISTIC tText "" ASCII LROW 0 NO_COMPU_METHOD 0 255 NUMBER 3 /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_STRUCTURE A "" 99 /begin STRUCTURE_COMPONENT ax tAxis 0 MATRIX_DIM 2 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT curve tAt1 4 MATRIX_DIM 3 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT std tStd 10 MATRIX_DIM 2 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT text tText 42 MATRIX_DIM 2 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
+/begin TYPEDEF_CHARACTERISTIC tAt1 "" CURVE LROW 0 NO_COMPU_METHOD 0 255
+  /begin AXIS_DESCR COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 9 0 255 AXIS_PTS_REF THIS.ax[1] /end AXIS_DESCR /end TYPEDEF_CHARACTERISTIC
+/begin INSTANCE arr "" A 0x8000 /end INSTANCE
 /begin MEASUREMENT far "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1200 ADDRESS_TYPE PLONG ARRAY_SIZE 2 /end MEASUREMENT
 )A2L";
 
@@ -108,6 +124,8 @@ const std::string kText = "/begin PROJECT P \"\" /begin MODULE M \"\"" + kCommon
     curve("chuge", "CURVE 0 LW", "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 1000000000 0 1 FIX_AXIS_PAR 0 0 1000000000") +
     curve("ccirc", "CURVE 0 LW", "CURVE_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 1 CURVE_AXIS_REF ccirc") +
     curve("calt", "CURVE 0x3600 L6", kFixX) +
+    curve("cnoref", "CURVE 0x3600 LW", "COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255") +
+    map("mxb", "MAP 0x120 LXA", kX3, kY2) + cuboid("cubd", "LROW", "MAP_LIST mxa mxb") +
     "/end MODULE /end PROJECT";
 // clang-format on
 
@@ -216,6 +234,9 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
         {"c1", {{0x1000, c1}}, "10 20 30 | -10 0 10"},
         {"c1s", {{0x1020, {3, 10, 20, 30, 0, 0, 0xF6, 0xFF, 0, 0, 10, 0}}}, "10 20 30 | -10 0 10"},
         {"c1d", {{0x1000, c1}}, "30 20 10 | 10 0 -10"},
+        {"arr.curve[2]", {{0x8002, {3, 4}}, {0x8008, {7, 8}}}, "3 4 | 7 8"},
+        {"arr.std[1]", {{0x8018, c1}}, "10 20 30 | -10 0 10"},
+        {"arr.text[1]", {{0x802D, {'a', 'b', 'c'}}}, "abc"},
         {"m2r", {{0x1100, m2}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
         {"m2c", {{0x1100, m2}}, "10 20 30 | 1 2 | 11 13 22 12 21 23"},
         {"ax3", {{0x2000, ax3}}, "-100 0 100 200"},
@@ -309,6 +330,34 @@ TEST_F(ObjectsInMemory, ChangeInTheBytesThatMustDiffer) {
     EXPECT_EQ(setText("t16", "\u00E4\U0001F600"), "3300: 00 E4 D8 3D DE 00 00 00");
 }
 
+TEST_F(ObjectsInMemory, AxesKeepTheirMonotonyAsStored) {
+    struct Row {
+        const char* name;
+        Bytes memory;
+        double value;
+        const char* differs;
+    };
+    const Bytes equalFloats = {0, 0, 0x80, 0x40, 0, 0, 0x80, 0xBF, 0, 0, 0, 0};  // 4, then 3, then 3
+    const Row rows[] = {
+        {"axe[0]", {10, 20, 30}, 80, "axe[1]: 20 after 80 breaks STRICT_MON"},
+        {"axe[2]", {10, 20, 30}, 20, "axe[2]: 20 after 20 breaks STRICT_MON"},
+        {"axe[*]", {10, 20, 30}, 20, "axe[1]: 20 after 20 breaks STRICT_MON"},
+        {"axe[1]", {30, 20, 10}, 15, "101: 0F"},
+        {"axe[0]", {10, 30, 20}, 40, "100: 28"},
+        {"axe[2]", {10, 30, 20}, 40, "102: 28"},
+        {"axe[1]", {10, 10, 10}, 12, "101: 0C"},
+        {"axf[1]", equalFloats, 3.3, ""},
+        {"ax64[0]", {0, 0, 0, 0, 0, 0, 0, 0}, 9223372036854775808.0, "100: 00 00 00 00 00 00 00 80"},
+    };
+    for (const Row& row : rows) {
+        put(0x100, row.memory);
+        EXPECT_EQ(set(row.name, row.value), row.differs) << row.name << " " << row.value;
+    }
+    const Object offline = findObject(description, "axe").value();
+    EXPECT_FALSE(offline.writable);
+    EXPECT_EQ(calibrationAccessName(offline.access), "OFFLINE_CALIBRATION");
+}
+
 TEST_F(ObjectsInMemory, AreRefusedWhenTheyDoNotFit) {
     struct Row {
         const char* name;
@@ -331,6 +380,13 @@ TEST_F(ObjectsInMemory, AreRefusedWhenTheyDoNotFit) {
          "calt: RECORD_LAYOUT 'L6' lets the values alternate with an axis that it does not store"},
         {"cend", {}, 0, "cend: reaches beyond the last address"},
         {"chuge", {}, 0, "chuge: is larger than 64 MiB"},
+        {"cnoref", {}, 0, "cnoref.x: AXIS_PTS_REF is missing"},
+        {"cubd", Bytes(64, 1), 0x100, "1 1 1 | 1 1 | 1 2 | 1 1 1 1 1 1 1 1 1 1 1 1"},
+        {"cubd",
+         {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+          0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 2, 1, 1, 1, 1},
+         0x100,
+         "cubd: the maps 'mxa' and 'mxb' of MAP_LIST differ in the points of axis x"},
         {"cfix", {0, 0, 9, 0}, 0x3600, "cfix: 9 points on axis x, at most 8 are possible"},
     };
     for (const Row& row : rows) {

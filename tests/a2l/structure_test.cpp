@@ -1,5 +1,6 @@
 #include "a2l/structure.h"
 
+#include <chrono>
 #include <string>
 
 #include <fmt/format.h>
@@ -130,6 +131,28 @@ TEST(Structures, AreWalkedInOrderAndAsFarAsAsked) {
     EXPECT_EQ(same, leafCount(d, *d.findInstance("t")));
 }
 
+TEST(Structures, LeavesAreComputedAsTheirTypesSay) {
+    const Description d = parsed(R"(
+/begin TYPEDEF_MEASUREMENT m "" UWORD NO_COMPU_METHOD 0 0 0 9 /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_CHARACTERISTIC dep "" VALUE L 0 NO_COMPU_METHOD 0 9
+  /begin DEPENDENT_CHARACTERISTIC "X1+X2" THIS.a other /end DEPENDENT_CHARACTERISTIC /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_MEASUREMENT virt "" UWORD NO_COMPU_METHOD 0 0 0 9 /begin VIRTUAL THIS.k[1] /end VIRTUAL /end TYPEDEF_MEASUREMENT
+/begin TYPEDEF_STRUCTURE S "" 8 /begin STRUCTURE_COMPONENT a m 0 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT k dep 2 MATRIX_DIM 2 /end STRUCTURE_COMPONENT
+  /begin STRUCTURE_COMPONENT v virt 6 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
+/begin INSTANCE s "" S 0 MATRIX_DIM 2 /end INSTANCE)");
+    std::string text;
+    for (const std::string_view name : {"s[1].k", "s[1].k[0]", "s[1].v", "s[1].a"}) {
+        const Dependency* found = d.findDependency(name);
+        if (found == nullptr) continue;
+        text += fmt::format("{} = f({}); ", found->name, fmt::join(d.sources(*found), ", "));
+        EXPECT_TRUE(formulaOf(d, *found).ok()) << name;
+    }
+    EXPECT_EQ(text, "s[1].k = f(s[1].a, other); s[1].k = f(s[1].a, other); s[1].v = f(s[1].k[1]); ");
+    const std::string_view changed = "s[0].a";
+    EXPECT_EQ(dependentsOf(d, std::span(&changed, 1)).value().front()->name, "s[0].k");
+}
+
 // 64 structures, each of two of the next: too many leaves to count, and none of them made.
 TEST(Structures, BombsAreHarmless) {
     std::string content =
@@ -147,6 +170,29 @@ TEST(Structures, BombsAreHarmless) {
     EXPECT_EQ(shown(findLeaf(d, "i2.a[7].a[5].a")), "i2.a[7].a[5].a c:0 [1000000000]");
     EXPECT_EQ(shown(findLeaf(d, "i69.a[0]")), "i69: its structure contains itself or is nested too deep");
     ASSERT_EQ(d.warnings.size(), 6U);
+}
+
+// A bound that a search through all of them, or names made of all of them, would not hold.
+TEST(Structures, AmongManyInstancesALeafIsFoundAtOnce) {
+    std::string content =
+        R"(/begin TYPEDEF_MEASUREMENT m "" ULONG NO_COMPU_METHOD 0 0 0 1 /end TYPEDEF_MEASUREMENT
+        /begin TYPEDEF_STRUCTURE S "" 160 )";
+    for (int i = 0; i < 40; ++i)
+        content += fmt::format("/begin STRUCTURE_COMPONENT part{} m {} /end STRUCTURE_COMPONENT\n", i, 4 * i);
+    content += "/end TYPEDEF_STRUCTURE\n";
+    for (int i = 0; i < 50'000; ++i)
+        content += fmt::format("/begin INSTANCE unit_{} \"\" S {} /end INSTANCE\n", i, 160 * i);
+    const Description d = parsed(content);
+    constexpr int kSearches = 1000;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < kSearches; ++i) {
+        const auto leaf = findLeaf(d, fmt::format("unit_{}.part{}", 49'999 - i, i % 40));
+        ASSERT_EQ(leaf.value().address.address, 160U * (49'999U - i) + 4U * (i % 40U));
+    }
+    const std::chrono::duration<double, std::milli> each =
+        (std::chrono::steady_clock::now() - begin) / kSearches;
+    EXPECT_LT(each.count(), 1.0);
+    RecordProperty("microseconds", fmt::format("{:.2f}", each.count() * 1000));
 }
 
 }  // namespace

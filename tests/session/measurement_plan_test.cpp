@@ -31,7 +31,7 @@ class MeasurementPlanTest : public ::testing::Test {
     }
 
     Result<MeasurementPlan> plan(const std::vector<std::string>& signalTexts) const {
-        return planMeasurement(description_, signalTexts, daq_, capabilities_, connection_);
+        return planMeasurement({description_, capabilities_}, signalTexts, daq_, connection_);
     }
     MeasurementPlan planned() const {
         return std::move(plan({"load@1", "speed", "speed@1", "speed@1"})).value();
@@ -109,7 +109,7 @@ TEST_F(MeasurementPlanTest, SignalsAreChosenByPatternAndEventName) {
     for (const auto& row : rows) {
         daq_.defaultEvent = row.bare;
         const auto result =
-            planMeasurement(description_, row.texts, daq_, capabilities_, connection_, row.recorded);
+            planMeasurement({description_, capabilities_}, row.texts, daq_, connection_, row.recorded);
         std::string text = result.ok() ? "" : result.error().text();
         if (result.ok()) {
             for (const PlannedSignal& signal : result.value().planned)
@@ -150,6 +150,16 @@ TEST_F(MeasurementPlanTest, AnEcuThatCameBackDifferentIsRefused) {
     capabilities_.tickNs = 5;
     connection_.maxDto = 64;
     EXPECT_TRUE(checkPlanFits(result.daq, capabilities_, connection_).ok()) << "more room does no harm";
+}
+
+TEST_F(MeasurementPlanTest, AnObjectThatMovedIsNoticed) {
+    std::vector<std::uint8_t> memory = {7, 0};
+    const a2l::ReadMemory read = [&](xcp::Address, std::size_t) { return Result(memory); };
+    const std::vector<PlaceBytes> placedBy = {{"curve", {0x500}, memory}};
+    EXPECT_TRUE(checkPlaces(placedBy, read).ok());
+    memory[0] = 8;
+    EXPECT_EQ(checkPlaces(placedBy, read).error().text(),
+              "the ECU came back with another place or size of curve");
 }
 
 }  // namespace

@@ -89,10 +89,9 @@ class FailuresTest(harness.SystemTest):
             ("nope", "ERROR 'nope' is neither a MEASUREMENT nor a CHARACTERISTIC"),
             ("bad_address", "ERROR SHORT_UPLOAD: ERR_OUT_OF_RANGE (0x22)"),
             ("virtual_power", "ERROR virtual_power: measurement has no ECU_ADDRESS"),
-            ("cal_virtual", "ERROR cal_virtual: virtual characteristic has no ECU address"),
+            ("cal_virtual", "14.000"),
             ("cal_no_values", "ERROR cal_no_values: RECORD_LAYOUT 'RL.EMPTY' without FNC_VALUES"),
-            ("cylinder_pressure", "ERROR cylinder_pressure: arrays are not supported yet"),
-            ("cal_curve", "ERROR cal_curve: only scalar (VALUE) parameters are supported yet"),
+            ("cylinder_torque[4]", "ERROR cylinder_torque[4]: index 4 is beyond the last one, 3"),
             ("cal_injector", "on"),
         ]
         done = self.run_cli(sim, "-c", self.quick_config(), "get", *[name for name, _ in rows])

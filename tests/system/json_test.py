@@ -23,7 +23,7 @@ def list_text(told):
     def mark(o):
         return "  rw" * o["writable"] if o["kind"] == "measurement" else "  read-only" * (not o["writable"])
     return "".join(f"{o['kind'][0].upper()}  {o['name']:<50} "
-                   f"{o['type'] if o['kind'] == 'measurement' or o['type'] == 'VALUE' else 'CURVE/MAP...':<13} "
+                   f"{o['type'] if o['kind'] != 'parameter' or o['type'] == 'VALUE' else 'CURVE/MAP...':<13} "
                    f"{o['unit']:<8} 0x{o['address'] or 0:08X}{mark(o)}\n" for o in told["objects"])
 
 
@@ -86,7 +86,7 @@ class JsonTest(SystemTest):
         rows = [(info_text, ["info"]), (list_text, ["list"]), (list_text, ["list", "-p", "lim"]),
                 (recording_text, ["recording", "info", directory]), (check_text, ["recording", "check", directory]),
                 (check_text, ["recording", "check", damaged]),
-                (values_text, ["get", "cal_injector", "cal_uint64_lsb", "cal_lambda", "none", "cylinder_pressure"]),
+                (values_text, ["get", "cal_injector", "cal_uint64_lsb", "cal_lambda", "none", "cal_gains[9]"]),
                 (values_text, ["set", "--exact", "cal_lambda=0.85", "cal_uint64_lsb=0x1FFFFFFFFFFFFFFF", "cal_injector=test mode",
                                "cal_stubborn=1", "cal_limited=1,5"]),
                 (export_text, ["export", directory, "--force", "-o", self.dir / "x.csv"])]

@@ -1,4 +1,4 @@
-"""The README's tour, run line by line: what is printed there is what the programs print, but for the numbers."""
+"""The README's tour and its second page, run line by line: what is printed there is what the programs print, but for the numbers."""
 import json
 import os
 import re
@@ -21,7 +21,8 @@ class ReadmeTest(harness.SystemTest):
     def tour(self):
         """Each command with the lines printed below it."""
         commands = []
-        for line in re.findall(r"(?m)^    (.*)$", (ROOT / "README.md").read_text(encoding="utf-8")):
+        pages = "".join((ROOT / page).read_text(encoding="utf-8") for page in ("README.md", "docs/tour-maps.md"))
+        for line in re.findall(r"(?m)^    (.*)$", pages):
             if line.startswith("$ "):
                 commands.append((line[2:], []))
             elif commands:

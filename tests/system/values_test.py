@@ -19,7 +19,7 @@ REFUSED = (
     ("nothing=1", "'nothing' is neither a MEASUREMENT nor a CHARACTERISTIC"),
 )
 REFUSED_WITH_M = (
-    ("cylinder_pressure=1", "cylinder_pressure: arrays are not supported yet"),
+    ("cylinder_torque[4]=1", "cylinder_torque[4]: index 4 is beyond the last one, 3"),
     ("bad_address=1", "SHORT_UPLOAD: ERR_OUT_OF_RANGE (0x22)"),
     ("program_id=1", "DOWNLOAD: ERR_WRITE_PROTECTED (0x23)"),
 )

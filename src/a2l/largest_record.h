@@ -1,0 +1,22 @@
+// How far apart the elements of an array of curves, maps, axes, texts or blocks lie: the bytes that one takes
+// with all the points that there can be.
+//
+// Threads: pure functions. Lifetime: nothing is kept.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+#include "a2l/description.h"
+#include "core/result.h"
+
+namespace lm::a2l {
+
+/// `pointsOf` gives the most points of the AXIS_PTS that an axis refers to, 0 for none. Errors: a layout that
+/// is not there or does not fit, a CUBOID with MAP_LIST, which has no record.
+Result<std::uint64_t> largestRecord(const Description& description, const Characteristic& type,
+                                    const std::function<std::uint32_t(std::string_view)>& pointsOf);
+Result<std::uint64_t> largestRecord(const Description& description, const AxisPoints& type);
+
+}  // namespace lm::a2l

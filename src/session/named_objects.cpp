@@ -1,0 +1,383 @@
+#include "session/named_objects.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include <spdlog/fmt/fmt.h>
+
+#include "a2l/conversion_builder.h"
+#include "a2l/structure.h"
+#include "session/byte_access.h"
+#include "session/dependents.h"
+#include "session/write_rights.h"
+
+namespace lm::session {
+namespace {
+
+using a2l::ObjectContent;
+using a2l::ObjectName;
+
+/// As a2l::parseObjectName(), but that a pattern matches nothing and what is wrong below an instance are
+/// told.
+Result<ObjectName> parseName(const a2l::Description& description, std::string_view text) {
+    auto name = a2l::parseObjectName(description, text);
+    if (name) return name;
+    if (text.find_first_of("*?") != std::string_view::npos)
+        return Error{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", text)};
+    if (!a2l::belongsToInstance(description, text)) return name;
+    const auto object = a2l::findObject(description, text);
+    return object ? name.error() : object.error();
+}
+
+NumberReading numberReading(value::Element element, const value::Value& raw, value::Value wholeRaw) {
+    value::Value physical = value::physicalValue(element, raw);
+    return {std::move(element), std::move(wholeRaw), std::move(physical)};
+}
+
+NumberReading numberOf(value::Element element, const std::uint8_t* bytes) {
+    const value::Value raw = value::rawValue(element, bytes);
+    value::Value whole = value::wholeRaw(element, bytes);
+    return numberReading(std::move(element), raw, std::move(whole));
+}
+
+/// A number of what was read: of the values, or of an axis.
+NumberReading numberOf(const ObjectContent& content, const ObjectName& name, std::size_t number) {
+    value::Element element = elementOf(name, content.placed, number);
+    const bool isAxisObject = content.placed.object().kind == a2l::ObjectKind::axisPoints;
+    const bool isPoint = name.axis || (isAxisObject && content.placed.axes().front().about().difference);
+    if (!isPoint) return numberOf(std::move(element), content.bytes(number));
+    const value::Value raw = content.points(name.axis.value_or(0))[number];
+    return numberReading(std::move(element), raw, raw);
+}
+
+Result<ObjectReading> readingOf(ObjectContent content, const ObjectName& name) {
+    if (name.isWhole() && !content.placed.dimensions().empty()) return ObjectReading{std::move(content)};
+    const auto chosen = chooseNumbers(name, content.placed);
+    if (!chosen) return chosen.error();
+    ObjectReading reading;
+    for (const std::size_t number : chosen.value().numbers)
+        reading.numbers.push_back(numberOf(content, name, number));
+    return reading;
+}
+
+/// What is shown after a write: one number, else all of the object.
+Result<ObjectReading> writtenReading(ObjectContent content, const ObjectName& name) {
+    const auto chosen = chooseNumbers(name, content.placed);
+    if (name.isWhole() || (chosen && chosen.value().numbers.size() == 1))
+        return readingOf(std::move(content), name);
+    return ObjectReading{std::move(content)};
+}
+
+/// How a value is shown that has no place in the ECU.
+Result<value::Element> virtualElement(const a2l::Description& description, std::string_view name) {
+    const auto made = [&](const auto& record) -> Result<value::Element> {
+        auto method = a2l::buildConversion(description, record.conversion);
+        if (!method) {
+            return Error{ErrorCode::invalidArgument, std::string(name) + ": " + method.error().text()};
+        }
+        const std::string format(record.format.empty() ? method.value().formatText() : record.format);
+        const std::string unit(record.physUnit.value_or(method.value().unit()));
+        value::Element element;
+        element.name = name;
+        element.coding.dataType = value::DataType::float64;
+        element.conversion =
+            std::make_shared<const value::Conversion>(value::Conversion::Identical(), format, unit);
+        return element;
+    };
+    if (const a2l::Measurement* measurement = description.findMeasurement(name)) return made(*measurement);
+    if (const a2l::Characteristic* parameter = description.findCharacteristic(name)) return made(*parameter);
+    return Error{ErrorCode::notFound, std::string(name) + ": has no place in the ECU"};
+}
+
+std::vector<double> physicalNumbers(const ObjectContent& content) {
+    const ObjectName whole{content.placed.object().name, content.placed.object().name, {}, {}};
+    std::vector<double> numbers;
+    for (std::size_t i = 0; i < content.placed.elementCount(); ++i) {
+        const NumberReading number = numberOf(content, whole, i);
+        numbers.push_back(value::toDouble(number.element.conversion->toPhysical(number.raw)));
+    }
+    return numbers;
+}
+
+bool contains(const a2l::MemorySpan& span, const value::Element& element) {
+    return span.address.extension == element.address.extension &&
+           span.address.address <= element.address.address &&
+           std::uint64_t{element.address.address} + element.size() <= span.end();
+}
+
+HeldObject heldObject(const ObjectContent& before, const a2l::MemoryImage& wanted,
+                      const std::vector<HeldSpan>& spans) {
+    HeldObject held{before.placed.object().name, {}, before};
+    if (spans.empty()) held.content.reset();  // it could not even be read
+    for (const HeldSpan& span : spans) {
+        if (span.state == HeldSpan::State::unknown) {
+            held.content.reset();
+        } else if (held.content) {
+            held.content->image.add(span.span.address, span.bytes);
+        }
+    }
+    const auto take = [&](const value::Element& element) {
+        const std::size_t size = element.size();
+        const auto span = std::find_if(spans.begin(), spans.end(),
+                                       [&](const HeldSpan& one) { return contains(one.span, element); });
+        const bool differs =
+            std::memcmp(before.image.at(element.address, size), wanted.at(element.address, size), size) != 0;
+        if (!differs || (span == spans.end() && !spans.empty())) return;
+        held.numbers.push_back({element, spans.empty() ? HeldSpan::State::unknown : span->state});
+    };
+    for (std::size_t i = 0; i < before.placed.elementCount(); ++i)
+        take(before.placed.element(i));
+    for (const a2l::PlacedAxis& axis : before.placed.axes()) {
+        const bool isOwn = axis.isOwn() && before.placed.object().kind != a2l::ObjectKind::axisPoints;
+        for (std::uint32_t i = 0; isOwn && i < axis.count(); ++i)
+            take(axis.element(i));
+    }
+    return held;
+}
+
+}  // namespace
+
+NamedObjects::NamedObjects(const a2l::Description& description, xcp::Master& master, StopToken stop)
+    : description_(description), master_(master), stop_(stop), access_(master, std::move(stop)) {}
+
+bool NamedObjects::isScalar(std::string_view name) const {
+    if (a2l::findScalar(description_, name).ok()) return true;
+    return name.find_first_of("*?") == std::string_view::npos &&
+           !a2l::belongsToInstance(description_, name) && !a2l::parseObjectName(description_, name).ok();
+}
+
+bool NamedObjects::exists(std::string_view name) const {
+    return a2l::findObject(description_, name).ok() || virtualOf(description_, name) != nullptr;
+}
+
+bool NamedObjects::hasDependents(std::string_view name) const {
+    const auto dependents = a2l::dependentsOf(description_, std::span(&name, 1));
+    return !dependents.ok() || !dependents.value().empty();
+}
+
+Result<ObjectReading> NamedObjects::read(std::string_view text) {
+    const auto name = parseName(description_, text);
+    if (!name) return name.error();
+    const a2l::Dependency* const dependency = virtualOf(description_, name.value().object);
+    if (dependency != nullptr && name.value().isWhole()) return readVirtual(*dependency);
+    const auto object = a2l::findObject(description_, name.value().object);
+    if (!object) return object.error();
+    const bool isPoint = name.value().axis || object.value().kind == a2l::ObjectKind::axisPoints;
+    if (name.value().isElement() && !isPoint) return readElement(name.value(), object.value());
+    auto content = access_.read(object.value());
+    if (!content) return content.error();
+    return readingOf(std::move(content).value(), name.value());
+}
+
+/// Not more than the element, and what it takes to find it.
+Result<ObjectReading> NamedObjects::readElement(const ObjectName& name, const a2l::Object& object) {
+    const a2l::ReadMemory memory = [this](xcp::Address address, std::size_t size) {
+        return uploadBytes(master_, address, size);
+    };
+    return xcp::inStep(master_, [&]() -> Result<ObjectReading> {
+        const auto placed = a2l::place(object, memory);
+        if (!placed) return placed.error();
+        const auto chosen = chooseNumbers(name, placed.value());
+        if (!chosen) return chosen.error();
+        value::Element element = placed.value().element(chosen.value().numbers.front());
+        const auto bytes = uploadBytes(master_, element.address, element.size());
+        if (!bytes) return bytes.error();
+        ObjectReading reading;
+        reading.numbers.push_back(numberOf(std::move(element), bytes.value().data()));
+        return reading;
+    });
+}
+
+Result<std::vector<double>> NamedObjects::readNumbers(std::string_view name) {
+    auto reading = read(name);
+    if (!reading) return reading.error();
+    if (reading.value().whole) return physicalNumbers(*reading.value().whole);
+    std::vector<double> numbers;
+    for (const NumberReading& number : reading.value().numbers)
+        numbers.push_back(value::toDouble(number.element.conversion->toPhysical(number.raw)));
+    return numbers;
+}
+
+Result<ObjectReading> NamedObjects::readVirtual(const a2l::Dependency& dependency) {
+    const auto shown = virtualElement(description_, dependency.name);
+    if (!shown) return shown.error();
+    Computation computation(description_, [this](std::string_view name) { return readNumbers(name); });
+    const auto numbers = computation.compute(dependency);
+    if (!numbers) return numbers.error();
+    ObjectReading reading;
+    for (const double number : numbers.value()) {
+        value::Element element = shown.value();
+        if (numbers.value().size() > 1) element.name += fmt::format("[{}]", reading.numbers.size());
+        reading.numbers.push_back({std::move(element), std::numeric_limits<double>::quiet_NaN(), number});
+    }
+    return reading;
+}
+
+Result<a2l::Object> NamedObjects::writableObject(const WriteWish& wish, const ObjectName& name) const {
+    if (virtualOf(description_, name.object) != nullptr) {
+        return Error{ErrorCode::permissionDenied,
+                     name.object + " is computed from others and has no place in the ECU"};
+    }
+    auto object = a2l::findObject(description_, name.object);
+    if (!object) return object;
+    if (auto allowed = checkWritable(object.value(), wish.allowMeasurements); !allowed)
+        return allowed.error();
+    return object;
+}
+
+Result<a2l::MemoryImage> NamedObjects::wantedImage(const ObjectName& name, std::string_view text,
+                                                   const ObjectContent& before,
+                                                   std::vector<TypedChange>& typed) {
+    if (before.placed.object().isText() && name.isWhole()) return a2l::changedText(before, text);
+    auto changes = typedChanges(name, before.placed, text, stop_);
+    if (!changes) return changes.error();
+    typed = std::move(changes).value();
+    std::vector<a2l::ObjectChange> plain;
+    plain.reserve(typed.size());
+    for (const TypedChange& change : typed)
+        plain.push_back(change.change);
+    return a2l::changed(before, plain);
+}
+
+ObjectWriting NamedObjects::write(const WriteWish& wish, const Announce& announce) {
+    const auto name = parseName(description_, wish.name);
+    if (!name) return {name.error()};
+    const auto object = writableObject(wish, name.value());
+    if (!object) return {object.error()};
+    const std::string_view changed = name.value().object;
+    if (!wish.withDependents) return writeAlone(name.value(), object.value(), wish.text);
+    const auto dependents = a2l::dependentsOf(description_, std::span(&changed, 1));
+    if (!dependents) return {dependents.error()};
+    if (dependents.value().empty()) return writeAlone(name.value(), object.value(), wish.text);
+    return writeTogether(name.value(), object.value(), wish.text, dependents.value(), announce);
+}
+
+ObjectWriting NamedObjects::writeAlone(const ObjectName& name, const a2l::Object& object,
+                                       std::string_view text) {
+    ObjectWriting writing{Error{ErrorCode::closed, ""}};
+    std::optional<ObjectContent> before;
+    a2l::MemoryImage wanted;
+    auto outcome = access_.write(object, [&](const ObjectContent& content) -> Result<a2l::MemoryImage> {
+        auto image = wantedImage(name, text, content, writing.typed);
+        if (!image) return image;
+        logAssumptions(object);
+        before = content;
+        wanted = image.value();
+        return image;
+    });
+    if (!outcome.held.empty()) writing.held.push_back(heldObject(*before, wanted, outcome.held));
+    if (!outcome.content) {
+        writing.value = outcome.content.error();
+        return writing;
+    }
+    writing.value = writtenReading(std::move(outcome.content).value(), name);
+    return writing;
+}
+
+ObjectWriting NamedObjects::writeTogether(const ObjectName& name, const a2l::Object& object,
+                                          std::string_view text,
+                                          const std::vector<const a2l::Dependency*>& dependents,
+                                          const Announce& announce) {
+    std::vector<TypedChange> typed;
+    auto before = access_.read(object);
+    if (!before) return {before.error()};
+    auto wanted = wantedImage(name, text, before.value(), typed);
+    if (!wanted) return {wanted.error()};
+    std::vector<Step> steps;
+    steps.push_back({object, std::move(before).value(), std::move(wanted).value()});
+    auto planned = planDependents(dependents, steps.front());
+    if (!planned) return {planned.error()};
+    std::move(planned.value().begin(), planned.value().end(), std::back_inserter(steps));
+    std::vector<std::string> names;
+    for (const Step& step : steps) {
+        logAssumptions(step.object);
+        if (&step != &steps.front()) names.push_back(step.object.name);
+    }
+    if (!names.empty()) announce(names);
+    ObjectWriting writing = carryOut(name, steps);
+    writing.typed = std::move(typed);
+    return writing;
+}
+
+Result<std::vector<NamedObjects::Step>> NamedObjects::planDependents(
+    const std::vector<const a2l::Dependency*>& dependents, const Step& changed) {
+    Computation computation(description_, [this](std::string_view name) { return readNumbers(name); });
+    computation.assume(changed.object.name, physicalNumbers({changed.before.placed, changed.wanted}));
+    std::vector<Step> steps;
+    for (const a2l::Dependency* dependency : dependents) {
+        auto numbers = computation.compute(*dependency);
+        if (!numbers) return numbers.error();
+        if (dependency->kind != a2l::DependencyKind::dependentCharacteristic) {
+            computation.assume(dependency->name, std::move(numbers).value());
+            continue;
+        }
+        auto object = a2l::findObject(description_, dependency->name);
+        if (!object) return object.error();
+        auto before = access_.read(object.value());
+        if (!before) return before.error();
+        const std::size_t count = before.value().placed.elementCount();
+        if (numbers.value().size() == 1) numbers.value().resize(count, numbers.value().front());
+        if (numbers.value().size() != count) {
+            return Error{ErrorCode::invalidArgument,
+                         fmt::format("{}: {} values are computed for its {} elements", dependency->name,
+                                     numbers.value().size(), count)};
+        }
+        std::vector<a2l::ObjectChange> changes;
+        for (std::size_t i = 0; i < count; ++i)
+            changes.push_back({std::nullopt, i, numbers.value()[i]});
+        auto wanted = a2l::changed(before.value(), changes);
+        if (!wanted) return wanted.error();
+        computation.assume(dependency->name, physicalNumbers({before.value().placed, wanted.value()}));
+        steps.push_back({std::move(object).value(), std::move(before).value(), std::move(wanted).value()});
+    }
+    return steps;
+}
+
+ObjectWriting NamedObjects::carryOut(const ObjectName& name, const std::vector<Step>& steps) {
+    // Once begun, all of it is done, whatever stop comes.
+    const auto finishing = master_.finishing();
+    if (stop_.requested()) return {Error::stopped(name.text + ": stopped")};
+    ObjectAccess access(master_, StopToken());
+    ObjectWriting writing{Error{ErrorCode::closed, ""}};
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const Step& step = steps[i];
+        auto outcome = access.write(
+            step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> { return step.wanted; });
+        if (!outcome.content) {
+            writing.value = outcome.content.error();
+            takeBack(steps, i + (outcome.held.empty() ? 0 : 1), writing);
+            return writing;
+        }
+        if (i == 0) {
+            writing.value = writtenReading(std::move(outcome.content).value(), name);
+        } else {
+            writing.dependents.push_back({step.object.name, std::move(outcome.content).value()});
+        }
+    }
+    return writing;
+}
+
+/// Gives the first `count` objects what they held before, the last one first.
+void NamedObjects::takeBack(const std::vector<Step>& steps, std::size_t count, ObjectWriting& writing) {
+    ObjectAccess access(master_, StopToken());
+    writing.dependents.clear();
+    writing.restored = count > 0;
+    bool isSilent = false;
+    for (std::size_t i = count; i-- > 0;) {
+        const Step& step = steps[i];
+        if (isSilent) {
+            writing.held.push_back(heldObject(step.before, step.wanted, {}));
+            continue;
+        }
+        auto outcome = access.write(
+            step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> { return step.before.image; });
+        if (outcome.content) continue;
+        writing.restored = false;
+        isSilent = outcome.content.error().code == ErrorCode::timeout;
+        writing.held.push_back(heldObject(step.before, step.wanted, outcome.held));
+    }
+}
+
+}  // namespace lm::session
