@@ -165,6 +165,8 @@ class FailuresTest(harness.SystemTest):
             ([*ecu, "set", "temp_class=1"], "temp_class: did you mean 'oil_temp_class' or 'cal_temp_class'?"),
             (["describe", "egnine_speed"], "egnine_speed: did you mean 'engine_speed'?"),
             ([*ecu, "measure", "-s", "gaer@1"], "gaer: did you mean 'gear'?"),
+            ([*ecu, "measure", "-s", "Gea?"], "names differ in case: gear"),
+            ([*ecu, "measure", "-s", "gear@cyclic"], "events are 0 cyclic_1ms, 1 cyclic_10ms, "),
         ]
         for arguments, hint in rows:
             with self.subTest(arguments):
