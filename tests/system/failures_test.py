@@ -176,7 +176,7 @@ class FailuresTest(harness.SystemTest):
                 self.assertEqual([line[:len(hint) + 6] for line in hints], [f"hint: {hint}"], done.stderr)
         done = self.run_cli(sim, "get", "nothing_like_it", "gear@1")
         self.assertEqual(done.stderr, "hint: gear@1: did you mean 'gear'?\n")
-        done = self.run_cli(sim, "get", *(f"gear_{i}" for i in range(12)))
+        done = self.run_cli(sim, "get", *(f"engine_speed{i}" for i in range(12)))
         self.assertEqual(done.stderr.count("hint: "), 10)
         for code, hint in ((0x11, "lists were running in the ECU when it came to event 1 "),
                            (0x25, r"the ECU refused event 1 .*: it is locked \(seed and key\)$"),
