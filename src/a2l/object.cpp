@@ -46,7 +46,7 @@ Result<Object> findObject(const Description& description, std::string_view name)
     return buildObject(description, name);
 }
 
-Result<Object> findScalar(const Description& description, std::string_view name) {
+Result<Object> findScalar(const Description& description, std::string_view name, bool explains) {
     if (const Measurement* measurement = description.findMeasurement(name)) {
         if (auto scalar = checkScalar(*measurement); !scalar) return scalar.error();
         return buildMeasurement(description, *measurement);
@@ -55,7 +55,7 @@ Result<Object> findScalar(const Description& description, std::string_view name)
     if (characteristic == nullptr) {
         Error unknown{ErrorCode::notFound,
                       "'" + std::string(name) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
-        unknown.hint = unknownNameHint(description, name);
+        if (explains) unknown.hint = unknownNameHint(description, name);
         return unknown;
     }
     if (auto scalar = checkScalar(description, *characteristic); !scalar) return scalar.error();

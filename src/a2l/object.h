@@ -94,8 +94,9 @@ Result<Object> findObject(const Description& description, std::string_view name)
 // The scalar view: one number to an object.
 
 /// An object of one element whose place the A2L tells. Errors as findObject(), and (notFound) "NAME: arrays
-/// are not supported yet", "NAME: only scalar (VALUE) parameters are supported yet" and the like.
-Result<Object> findScalar(const Description& description, std::string_view name);
+/// are not supported yet", "NAME: only scalar (VALUE) parameters are supported yet" and the like. With
+/// `explains` an unknown name has a hint, which takes a look at all names (unknownNameHint).
+Result<Object> findScalar(const Description& description, std::string_view name, bool explains = true);
 
 /// As findScalar(), whose error it throws as an ObjectError (object_error.h).
 Object resolve(const Description& description, std::string_view name);

@@ -22,11 +22,6 @@ std::size_t pieceLength(std::string_view text) {
     return lineEnd == std::string_view::npos ? NonblockingOutput::kMaxWrite : lineEnd + 1;
 }
 
-constexpr std::string_view kLossHint =
-    "hint: the ECU is off or out of reach, has stopped the measurement, or another master has connected to "
-    "it "
-    "(one ECU serves one master, the last)\n";
-
 std::uint64_t countLines(std::string_view text) {
     return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
 }
@@ -88,13 +83,18 @@ void Console::enqueueLine(const std::string& line) {
     enqueue({0, kWholeLine, line.size()}, line.data());
 }
 
-void Console::onStateChanged(session::SessionState state, const std::string& message) {
-    if (lines_) enqueueLine(lines_->state(state, message));
+void Console::onStateChanged(session::SessionState state, const std::string& message,
+                             const std::string& hint) {
+    if (lines_) enqueueLine(lines_->state(state, message, hint));
     if (message.empty()) return;
     std::string lines = std::string("** ") + session::sessionStateName(state) + ": " + message + "\n";
-    const bool lost = state == session::SessionState::reconnecting || state == session::SessionState::failed;
-    if (lost && !lossExplained_.exchange(true)) lines += kLossHint;
+    if (!hint.empty() && isNewHint(hint)) lines += "hint: " + hint + "\n";
     printMessage(lines);
+}
+
+bool Console::isNewHint(const std::string& hint) {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(lastHint_, hint) != hint;
 }
 
 void Console::finishPrinting(std::chrono::milliseconds limit) {

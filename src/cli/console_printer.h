@@ -51,7 +51,9 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     void onRecord(const xcp::DaqRecord& record) override;
 
     /// "** STATE: MESSAGE\n" on standard error, nothing there for an empty message.
-    void onStateChanged(session::SessionState state, const std::string& message) override;
+    /// The hint follows, unless it was the last one already.
+    void onStateChanged(session::SessionState state, const std::string& message,
+                        const std::string& hint) override;
 
     /// Prints what is queued, for `limit` at most; the rest counts as skipped. Records are not printed any
     /// more.
@@ -84,6 +86,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     void enqueue(const QueuedHeader& header, const void* data);
     void enqueueLine(const std::string& line);
     void printLoop();
+    bool isNewHint(const std::string& hint);
     bool takeBatch();
     void appendLine(std::string& text, const QueuedHeader& header, const std::uint8_t* data) const;
     bool writeLines(std::string& text);
@@ -93,7 +96,6 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     const int descriptor_;
     UniqueFd wakeUp_;  ///< eventfd: a deadline has been set
     std::uint32_t interval_ = 0;
-    std::atomic<bool> lossExplained_{false};
     std::unique_ptr<const IMeasurementLines> lines_;
 
     std::thread printer_;
@@ -111,6 +113,7 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     std::vector<std::uint8_t> queue_;
     std::size_t queuedLines_ = 0;
     std::uint64_t skipped_ = 0;
+    std::string lastHint_;
     std::optional<std::chrono::steady_clock::time_point> deadline_;  ///< set once printing is to end
 };
 

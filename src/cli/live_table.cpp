@@ -30,6 +30,17 @@ double inSeconds(std::chrono::nanoseconds time) {
     return std::chrono::duration<double>(time).count();
 }
 
+/// A number is not cut, it loses digits: those of a fraction first.
+std::string numberWithin(std::size_t width, double number) {
+    constexpr int kAllDigits = 17;
+    constexpr int kLeastDigits = 6;
+    int digits = kAllDigits;
+    std::string text = fmt::format("{:.{}g}", number, digits);
+    while (text.size() > width && digits > kLeastDigits)
+        text = fmt::format("{:.{}g}", number, --digits);
+    return text;
+}
+
 std::string rateText(double perSecond) {
     return formatFixed(perSecond, perSecond >= 100 ? 0 : perSecond >= 10 ? 1 : 2) + "/s";
 }
@@ -140,7 +151,9 @@ TableStatus LiveTable::status(const session::Session& session, double seconds) {
                                  session::sessionStateName(session.state()), stats.records,
                                  losses.empty() ? ", no losses" : "", size_.empty() ? "" : ", " + size_);
     if (!losses.empty()) status.losses = "LOSSES: " + losses;
-    status.message = lastMessage();
+    // A hint below it is for later.
+    const std::string message = lastMessage();
+    status.message = message.substr(0, message.find('\n'));
     return status;
 }
 
@@ -150,8 +163,8 @@ std::string LiveTable::valueText(const Column& column, bool known, const SignalE
     if (text.size() <= greatestNumber()) return text;
     const value::Value physical =
         value::physicalValue(column.element, value::rawValue(column.element, bytes.data()));
-    // A number is not cut.
-    return std::holds_alternative<std::string>(physical) ? text : formatGeneral(value::toDouble(physical));
+    if (std::holds_alternative<std::string>(physical)) return text;
+    return numberWithin(greatestNumber(), value::toDouble(physical));
 }
 
 std::size_t LiveTable::greatestNumber() const {

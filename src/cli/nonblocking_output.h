@@ -31,6 +31,9 @@ class NonblockingOutput {
     /// How many bytes were taken, 0 when the reader takes none now. Error: ioError with the errno.
     Result<std::size_t> tryWrite(std::string_view text);
 
+    /// To which it writes, for signal handlers.
+    int descriptor() const { return descriptor_; }
+
     /// Waits until a write may succeed or fail, until `wakeUp` is readable, or for `limit` (negative: ever).
     void waitWritable(int wakeUp, std::chrono::milliseconds limit) const;
 

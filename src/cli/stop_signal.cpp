@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <utility>
 
+#include "cli/terminal_screen.h"
 #include "core/thread.h"
 
 namespace lm::cli {
@@ -43,6 +44,7 @@ void onStopSignal(int number) {
     if (stopSource->requestFromSignalHandler()) {
         stoppedMs.store(nowMs());
     } else if (number != SIGHUP && nowMs() - stoppedMs.load() >= kOneStopMs) {
+        restoreTerminal();
         setAction(number, SIG_DFL);
         raise(number);  // delivered when the handler has returned
     }

@@ -1,5 +1,6 @@
 #include "cli/terminal_screen.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -20,7 +21,7 @@ namespace {
 // Another screen without cursor and without line wrap, and the way back.
 constexpr std::string_view kEnter = "\033[?1049h\033[?25l\033[?7l\033[2J";
 constexpr std::string_view kLeave = "\033[m\033[?7h\033[?25h\033[?1049l";
-constexpr std::chrono::seconds kLongestLeave{1};
+constexpr std::chrono::milliseconds kLongestLeave{1000};
 
 // What the signal handlers need: they can touch no object.
 std::atomic<bool> stopAsked{false};
@@ -29,16 +30,50 @@ std::atomic<bool> mustRestore{false};
 int restoredOutput = -1;
 termios restoredModes = {};
 
-/// The modes of a terminal are changed by its foreground alone; others would be stopped.
+bool isInForeground(int descriptor) {
+    const pid_t group = ::tcgetpgrp(descriptor);
+    // Not our controlling terminal: no job control, it is ours.
+    return group < 0 || group == ::getpgrp();
+}
+
+/// A terminal is changed by its foreground alone; others would be stopped.
+class TerminalAccess {
+  public:
+    TerminalAccess() {
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, SIGTTOU);
+        pthread_sigmask(SIG_BLOCK, &blocked, &before_);
+    }
+    ~TerminalAccess() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    TerminalAccess(const TerminalAccess&) = delete;
+    TerminalAccess& operator=(const TerminalAccess&) = delete;
+
+  private:
+    sigset_t before_;
+};
+
 bool setModes(int descriptor, const termios& modes) {
-    sigset_t blocked;
-    sigset_t before;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGTTOU);
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
-    const bool done = ::tcsetattr(descriptor, TCSANOW, &modes) == 0;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return done;
+    const TerminalAccess access;
+    return ::tcsetattr(descriptor, TCSANOW, &modes) == 0;
+}
+
+/// Undoes a Ctrl-S. TCOON alone continues only what TCOOFF has stopped.
+void resumeOutput(int descriptor) {
+    const TerminalAccess access;
+    ::tcflow(descriptor, TCOOFF);
+    ::tcflow(descriptor, TCOON);
+}
+
+/// Drops what the reader of the terminal has not taken.
+void discardOutput(int descriptor) {
+    const TerminalAccess access;
+    ::tcflush(descriptor, TCOFLUSH);
+}
+
+bool isReady(int descriptor) {
+    pollfd ready = {descriptor, POLLOUT, 0};
+    return ::poll(&ready, 1, 0) > 0;
 }
 
 void onStop(int /*number*/) {
@@ -51,14 +86,7 @@ void onContinue(int /*number*/) {
 
 /// SA_RESETHAND: the signal then does what it always does.
 void onAbort(int number) {
-    if (mustRestore.exchange(false)) {
-        // A terminal that takes nothing keeps its screen.
-        pollfd ready = {restoredOutput, POLLOUT, 0};
-        if (::poll(&ready, 1, 0) > 0) {
-            [[maybe_unused]] const auto count = ::write(restoredOutput, kLeave.data(), kLeave.size());
-        }
-        setModes(restoredOutput, restoredModes);
-    }
+    restoreTerminal();
     raise(number);
 }
 
@@ -79,6 +107,17 @@ void handBack(int number, void (*handler)(int)) {
     now = {};
     now.sa_handler = SIG_DFL;
     sigaction(number, &now, nullptr);
+}
+
+/// Those that end the program unless someone handles or ignores them, the faults among them; what cannot be
+/// handled is refused. The numbers above the named ones end it, too.
+template <typename Do>
+void forEachDeath(Do apply) {
+    constexpr std::array<int, 8> kHarmless = {SIGCHLD, SIGCONT, SIGSTOP, SIGTSTP,
+                                              SIGTTIN, SIGTTOU, SIGURG,  SIGWINCH};
+    for (int number = 1; number <= SIGRTMAX; ++number) {
+        if (std::find(kHarmless.begin(), kHarmless.end(), number) == kHarmless.end()) apply(number);
+    }
 }
 
 constexpr std::array<std::pair<std::string_view, Key>, 12> kKeys = {{
@@ -121,6 +160,19 @@ std::string styled(const ScreenLine& line) {
 
 }  // namespace
 
+void restoreTerminal() {
+    if (!mustRestore.exchange(false)) return;
+    const bool ours = isInForeground(restoredOutput);
+    if (ours) {
+        resumeOutput(restoredOutput);
+        if (!isReady(restoredOutput)) discardOutput(restoredOutput);
+        setModes(restoredOutput, restoredModes);
+    }
+    // A terminal that takes nothing keeps its screen.
+    if (!isReady(restoredOutput)) return;
+    [[maybe_unused]] const auto count = ::write(restoredOutput, kLeave.data(), kLeave.size());
+}
+
 Result<void> TerminalScreen::check(int output) {
     const char* const kind = std::getenv("TERM");
     if (::isatty(output) == 0)
@@ -135,16 +187,14 @@ TerminalScreen::TerminalScreen(int output, int input)
     // A reader of a job that was stopped must see it stop: the terminal is given back first.
     handle(SIGTSTP, &onStop, 0);
     handle(SIGCONT, &onContinue, SA_RESTART);
-    handle(SIGQUIT, &onAbort, SA_RESETHAND | SA_NODEFER);
-    handle(SIGABRT, &onAbort, SA_RESETHAND | SA_NODEFER);
+    forEachDeath([](int number) { handle(number, &onAbort, SA_RESETHAND | SA_NODEFER); });
 }
 
 TerminalScreen::~TerminalScreen() {
     leave();
     handBack(SIGTSTP, &onStop);
     handBack(SIGCONT, &onContinue);
-    handBack(SIGQUIT, &onAbort);
-    handBack(SIGABRT, &onAbort);
+    forEachDeath([](int number) { handBack(number, &onAbort); });
 }
 
 ScreenSize TerminalScreen::size() const {
@@ -154,9 +204,7 @@ ScreenSize TerminalScreen::size() const {
 }
 
 bool TerminalScreen::inForeground() const {
-    const pid_t group = ::tcgetpgrp(output_);
-    // Not our controlling terminal: no job control, it is ours.
-    return group < 0 || group == ::getpgrp();
+    return isInForeground(output_);
 }
 
 void TerminalScreen::enter() {
@@ -165,7 +213,7 @@ void TerminalScreen::enter() {
             failure_ = errno;
             return;
         }
-        restoredOutput = output_;
+        restoredOutput = writer_.descriptor();
     }
     termios modes = restoredModes;
     // Ctrl-C and Ctrl-Z go on being signals.
@@ -182,15 +230,30 @@ void TerminalScreen::enter() {
 
 void TerminalScreen::leave() {
     if (!entered_) return;
-    const auto deadline = std::chrono::steady_clock::now() + kLongestLeave;
+    // What is left of a drawing is not worth a wait; a sequence that was cut ends at the next escape. The way
+    // to the other screen must come before the way back.
+    if (!shown_.empty()) unsent_.clear();
+    const bool ours = inForeground();
+    if (ours) resumeOutput(output_);
     send(std::string(kLeave));
+    waitUntilSent(kLongestLeave / 2);
+    if (!unsent_.empty() && failure_ == 0) {
+        if (ours) discardOutput(output_);
+        unsent_ = kLeave;
+        waitUntilSent(kLongestLeave / 2);
+    }
+    entered_ = false;
+    // In the background the shell has set its own.
+    if (mustRestore.exchange(false) && ours) setModes(output_, restoredModes);
+}
+
+void TerminalScreen::waitUntilSent(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    flush();
     while (!unsent_.empty() && failure_ == 0 && std::chrono::steady_clock::now() < deadline) {
         writer_.waitWritable(-1, std::chrono::milliseconds(50));
         flush();
     }
-    entered_ = false;
-    // In the background the shell has set its own.
-    if (mustRestore.exchange(false) && inForeground()) setModes(output_, restoredModes);
 }
 
 void TerminalScreen::followSignals() {
@@ -200,9 +263,10 @@ void TerminalScreen::followSignals() {
         raise(SIGTSTP);
         handle(SIGTSTP, &onStop, 0);
     }
-    // Who stopped us in another way has left the terminal in modes of its own.
-    const bool again = continued.exchange(false) || !entered_;
-    if (again && inForeground()) enter();
+    if (!inForeground()) return;
+    // Who stopped us in another way has left the terminal in modes of its own. A shell may continue us in the
+    // background: then that waits until we are in the foreground.
+    if (continued.exchange(false) || !entered_) enter();
 }
 
 void TerminalScreen::draw(const std::vector<ScreenLine>& lines) {

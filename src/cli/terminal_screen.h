@@ -1,5 +1,5 @@
 // The terminal as a screen that is drawn in place, and its arrow keys. Whatever ends the drawing, the
-// terminal is then as it was: the end of the object, Ctrl-Z until `fg`, a signal that aborts the program.
+// terminal is then as it was: the end of the object, Ctrl-Z until `fg`, a signal that ends the program.
 //
 // In the background the terminal is others': nothing is drawn and no key is read until the program comes to
 // the foreground.
@@ -20,6 +20,10 @@
 #include "core/result.h"
 
 namespace lm::cli {
+
+/// Gives the terminal back at once, for a program that is about to end by a signal. A terminal that takes
+/// nothing loses what waits for it. Without a screen it does nothing. From any thread and any signal handler.
+void restoreTerminal();
 
 enum class Key : std::uint8_t { up, down, pageUp, pageDown, home, end };
 
@@ -56,6 +60,7 @@ class TerminalScreen {
     bool inForeground() const;
     void send(const std::string& text);
     void flush();
+    void waitUntilSent(std::chrono::milliseconds limit);
 
     const int output_;
     const int input_;

@@ -50,6 +50,7 @@ class CanMedium final : public IMedium {
     std::string silenceHint() const override;
 
     Result<void> reopenIfLost() override { return channel_->reopenIfLost(); }
+    bool lost() const override { return channel_->lost(); }
     void reportTrouble() override;
     /// Warnings that a user can act upon, the rest for the curious. Of a controller that changes its state
     /// again and again some changes are told, the others counted; that it is off the bus is told whenever the

@@ -66,6 +66,8 @@ class SharedChannel final : private broker::IFrameHandler {
     /// and registrations that it has. The first of its sessions that asks does it for all. Errors: those of
     /// opening; the channel then stays closed until the next call.
     Result<void> reopenIfLost();
+    /// Reception failed since it was opened. From any thread.
+    bool lost() const { return lost_.load(); }
 
   private:
     SharedChannel(hal::ICanAdapter& adapter, std::unique_ptr<hal::ICanChannel> channel);

@@ -87,7 +87,8 @@ Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
         master, [&] { return master.configureDaq(plan_.daq, context_.config.daq.firstPid, refusal); });
     if (!firstPids.ok()) {
         Error error = firstPids.error();
-        if (error.detail != Error::kNoDetail) error.hint = refusalHint(plan_, capabilities, refusal);
+        if (error.detail != Error::kNoDetail)
+            error.hint = refusalHint(plan_, capabilities, refusal, error.detail);
         return error;
     }
     removeDecoder();

@@ -143,7 +143,7 @@ NamedObjects::NamedObjects(const a2l::Description& description, xcp::Master& mas
     : description_(description), master_(master), stop_(stop), access_(master, std::move(stop)) {}
 
 bool NamedObjects::isScalar(std::string_view name) const {
-    if (a2l::findScalar(description_, name).ok()) return true;
+    if (a2l::findScalar(description_, name, false).ok()) return true;
     return name.find_first_of("*?") == std::string_view::npos &&
            !a2l::belongsToInstance(description_, name) && !a2l::parseObjectName(description_, name).ok();
 }

@@ -3,6 +3,7 @@
 // Threads: pure functions. Lifetime: results own their text.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "session/measurement_types.h"
@@ -10,8 +11,8 @@
 
 namespace lm::session {
 
-/// Empty when the refusal was of the measurement as a whole.
+/// `code` is the ECU's error code. Empty when the refusal was of the measurement as a whole.
 std::string refusalHint(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities,
-                        const xcp::DaqRefusal& refusal);
+                        const xcp::DaqRefusal& refusal, std::int32_t code);
 
 }  // namespace lm::session

@@ -153,9 +153,17 @@ Error Session::afterConnect(Error error) const {
     return error;
 }
 
+/// The ECU waits meanwhile: the hints of a long list of names that are all unknown take no time of note.
+Result<a2l::Object> Session::findScalar(std::string_view name) {
+    constexpr std::size_t kMostExplained = 10;
+    auto object = a2l::findScalar(description_, name, unknownNames_ < kMostExplained);
+    if (!object && object.error().code == ErrorCode::notFound) ++unknownNames_;
+    return object;
+}
+
 std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
     auto outcome = values_.read(names.size(), [&](std::size_t i) -> Result<value::Element> {
-        const auto object = a2l::findScalar(description_, names[i]);
+        const auto object = findScalar(names[i]);
         if (!object.ok()) return object.error();
         return object.value().element();
     });
@@ -167,7 +175,7 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
 }
 
 WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
-    const auto object = a2l::findScalar(description_, name);
+    const auto object = findScalar(name);
     if (!object.ok()) return {object.error()};
     if (auto allowed = checkWritable(object.value(), allowMeasurements); !allowed.ok())
         return {allowed.error()};
@@ -280,10 +288,25 @@ std::string Session::ecuName() const {
 }
 
 void Session::changeState(SessionState state, const std::string& message) {
-    state_.exchange(state);
+    const SessionState before = state_.exchange(state);
+    const bool lost = before == SessionState::measuring &&
+                      (state == SessionState::reconnecting || state == SessionState::failed);
     if (state == SessionState::connected || state == SessionState::measuring) terminationTold_ = false;
     if (!message.empty()) spdlog::info("session: {} - {}", sessionStateName(state), message);
-    if (ISessionListener* listener = listener_.load()) listener->onStateChanged(state, message);
+    if (ISessionListener* listener = listener_.load()) {
+        listener->onStateChanged(state, message, lost ? lossHint() : "");
+    }
+}
+
+/// Why the connection may have been lost: what is known, else all that may be.
+std::string Session::lossHint() const {
+    if (terminationTold_) {
+        return "the ECU itself ended the session (EV_SESSION_TERMINATED): it answers again after a new "
+               "CONNECT";
+    }
+    if (medium_->lost()) return "the device is gone: a plug was pulled or an adapter was switched off";
+    return "the ECU is off or out of reach, has stopped the measurement, or another master has connected to "
+           "it (one ECU serves one master, the last)";
 }
 
 void Session::onEvent(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t /*length*/,

@@ -135,6 +135,8 @@ class Session final : private xcp::IMasterListener {
     void onTransportEvent(const xcp::TransportEvent& event) override;
 
     void changeState(SessionState state, const std::string& message);
+    std::string lossHint() const;
+    Result<a2l::Object> findScalar(std::string_view name);
     Result<void> beginRecording(const MeasurementOptions& options);
     Result<void> beginMeasurement(const MeasurementOptions& options);
     void warnAboutByteOrder() const;
@@ -163,6 +165,7 @@ class Session final : private xcp::IMasterListener {
     std::atomic<ISessionListener*> listener_{nullptr};
     std::atomic<std::uint64_t> overloadEvents_{0};  ///< of the running or the last measurement
     std::atomic<std::uint64_t> holes_{0};           ///< places where the line lost packets
+    std::size_t unknownNames_ = 0;                  ///< asked for so far
     std::atomic<bool> terminationTold_{false};      ///< since the ECU was connected last
 };
 

@@ -24,8 +24,8 @@ class ISessionListener {
   public:
     virtual ~ISessionListener() = default;
 
-    /// `message` may be empty; it is valid during the call.
-    virtual void onStateChanged(SessionState state, const std::string& message) = 0;
+    /// `message` may be empty; `hint` is, but for a lost connection. Both are valid during the call.
+    virtual void onStateChanged(SessionState state, const std::string& message, const std::string& hint) = 0;
 };
 
 }  // namespace lm::session

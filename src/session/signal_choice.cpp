@@ -6,11 +6,13 @@
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
+#include <spdlog/fmt/ranges.h>
 
 #include "a2l/structure.h"
 #include "core/printable_text.h"
 #include "core/text.h"
 #include "session/name_pattern.h"
+#include "storage/read/signal_selection.h"
 
 namespace lm::session {
 namespace {
@@ -57,8 +59,32 @@ Result<std::uint16_t> eventOf(std::string_view text, const xcp::DaqCapabilities&
     if (number.ok()) return static_cast<std::uint16_t>(number.value());
     const auto named = eventNamed(text, capabilities);
     if (!named.ok()) return named.error();
-    if (!named.value()) return number.error();
-    return *named.value();
+    if (named.value()) return *named.value();
+    Error unknown = number.error();
+    for (const xcp::EventChannel& event : capabilities.events)
+        unknown.hint += fmt::format("{}{} {}", unknown.hint.empty() ? "events are " : ", ", event.number,
+                                    shownName(event));
+    return unknown;
+}
+
+/// Names that a pattern would match but for their case, some of them; empty when there is none.
+std::string caseHint(const a2l::Description& description, std::string_view pattern) {
+    constexpr std::size_t kMost = 3;
+    std::string small;
+    std::string lowered;
+    lowerAsciiInto(small, pattern);
+    std::vector<std::string_view> names;
+    const auto look = [&](const auto& objects) {
+        for (const auto& object : objects) {
+            if (names.size() == kMost) return;
+            lowerAsciiInto(lowered, object.name);
+            const bool asTyped = storage::matchesPattern(object.name, pattern);
+            if (!asTyped && storage::matchesPattern(lowered, small)) names.emplace_back(object.name);
+        }
+    };
+    look(description.measurements);
+    look(description.characteristics);
+    return names.empty() ? "" : fmt::format("names differ in case: {}", fmt::join(names, ", "));
 }
 
 /// What all texts have in common, and what has been chosen so far.
@@ -81,7 +107,7 @@ class Chooser {
         if (!found.ok()) return found.error();
         takePlace(found.value());
         for (ChosenSignal& chosen : chosenOf(std::move(found).value(), events))
-            take(std::move(chosen));
+            if (!matched_.contains({chosen.element.name, chosen.event})) take(std::move(chosen));
         return {};
     }
 
@@ -156,7 +182,9 @@ class Chooser {
             matches = addMatches(namesMatching(source_.description, pattern, NameKind::parameters), events);
         }
         if (matches.all == 0) {
-            return Error{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", pattern)};
+            Error none{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", pattern)};
+            none.hint = caseHint(source_.description, pattern);
+            return none;
         }
         if (matches.leftOut == 0) return {};
         if (matches.leftOut == matches.all) {
@@ -191,14 +219,17 @@ class Chooser {
         for (const ChosenSignal& signal : signals)
             if (auto able = canMeasure_(signal); !able.ok()) return able;
         choice_.placedBy.insert(choice_.placedBy.end(), placedBy.begin(), placedBy.end());
-        for (ChosenSignal& signal : signals)
+        for (ChosenSignal& signal : signals) {
+            matched_.emplace(signal.element.name, signal.event);
             if (!known_.contains({signal.element.name, signal.event})) take(std::move(signal));
+        }
         return {};
     }
 
     const SignalSource& source_;
     const CanMeasure& canMeasure_;
     std::set<std::pair<std::string, std::uint16_t>> known_;
+    std::set<std::pair<std::string, std::uint16_t>> matched_;  ///< by patterns
     SignalChoice choice_;
 };
 

@@ -100,7 +100,7 @@ Result<std::vector<value::Element>> elementsOf(const a2l::ObjectName& name, cons
 Result<SignalElements> findSignalElements(const a2l::Description& description, std::string_view name,
                                           const a2l::ReadMemory& read, std::size_t most) {
     SignalElements found;
-    if (auto scalar = a2l::findScalar(description, name)) {
+    if (auto scalar = a2l::findScalar(description, name, false)) {
         found.object = std::make_shared<const a2l::Object>(std::move(scalar).value());
         found.elements.push_back(found.object->element());
         return found;

@@ -48,7 +48,8 @@ class CanSession : public testing::Test, private ISessionListener {
         return session;
     }
 
-    void onStateChanged(SessionState /*state*/, const std::string& message) override {
+    void onStateChanged(SessionState /*state*/, const std::string& message,
+                        const std::string& /*hint*/) override {
         const std::lock_guard lock(mutex_);
         message_ = message;
         changed_.notify_all();

@@ -26,6 +26,14 @@ TEST(DiskForecast, WarnsOnceOfADiskThatIsTooSmallAndOnceAnHourBeforeItIsFull) {
         {1,
          60,
          {{0, 59, "will not hold the measurement: it is full in about 59 s, 59.0 MB are free"}, {5, 54, ""}}},
+        // Others wrote much for a minute, and their files went again: the warning that was wrong comes again.
+        {1,
+         9000,
+         {{0, 20000, ""},
+          {60, 8000, "will not hold the measurement: it is full in about 40 s, 8.0 GB are free"},
+          {120, 20000, ""},
+          {180, 8000, "will not hold the measurement: it is full in about 40 s, 8.0 GB are free"},
+          {190, 7990, ""}}},
         // No cycle tells what the recording will need: what the disk loses does.
         {0,
          0,

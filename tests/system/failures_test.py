@@ -165,6 +165,8 @@ class FailuresTest(harness.SystemTest):
             ([*ecu, "set", "temp_class=1"], "temp_class: did you mean 'oil_temp_class' or 'cal_temp_class'?"),
             (["describe", "egnine_speed"], "egnine_speed: did you mean 'engine_speed'?"),
             ([*ecu, "measure", "-s", "gaer@1"], "gaer: did you mean 'gear'?"),
+            ([*ecu, "measure", "-s", "Gea?"], "names differ in case: gear"),
+            ([*ecu, "measure", "-s", "gear@cyclic"], "events are 0 cyclic_1ms, 1 cyclic_10ms, "),
         ]
         for arguments, hint in rows:
             with self.subTest(arguments):
@@ -174,6 +176,14 @@ class FailuresTest(harness.SystemTest):
                 self.assertEqual([line[:len(hint) + 6] for line in hints], [f"hint: {hint}"], done.stderr)
         done = self.run_cli(sim, "get", "nothing_like_it", "gear@1")
         self.assertEqual(done.stderr, "hint: gear@1: did you mean 'gear'?\n")
+        done = self.run_cli(sim, "get", *(f"engine_speed{i}" for i in range(12)))
+        self.assertEqual(done.stderr.count("hint: "), 10)
+        for code, hint in ((0x11, "lists were running in the ECU when it came to event 1 "),
+                           (0x25, r"the ECU refused event 1 .*: it is locked \(seed and key\)$"),
+                           (0x29, "the ECU refused event 1 .* in$")):
+            sim = self.start_sim("--fault", f"error:SET_DAQ_LIST_MODE:1:1:0x{code:x}")
+            done = self.run_cli(sim, "measure", "-s", "gear@1")
+            self.assertRegex(done.stderr, rf"(?m)^hint: {hint}")
         silent = self.start_sim("--fault", "silence:SHORT_UPLOAD:2")
         done = self.run_cli(silent, "-c", self.quick_config(), "get", "gear", "cal_limited", "cal_gain")
         self.assertEqual(done.stderr.count("hint: "), 1)

@@ -73,6 +73,8 @@ class ReconnectTest(harness.SystemTest):
                     act(relay)
                 self.assertEqual(program.finish(), 2, program.err)
                 self.assertEqual(re.findall(r"(?m)^\*\* .*", program.err), [f"** failed: connection lost: {reason}"])
+                cause = "itself ended the session" if faults else "is off or out of reach"
+                self.assertRegex(program.err, rf"(?m)^hint: the ECU {cause}")
                 records = self.statistics(program.err)[0]["records"]
                 self.assertTrue(records == 3 if faults else records >= 1, program.err)
 

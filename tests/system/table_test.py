@@ -118,6 +118,7 @@ class TableTest(SystemTest):
         sim.signal(signal.SIGSTOP)
         table.wait_for(lambda lines: any(re.match(r"\*\* reconnecting: ", line) for line in lines[:4]), "the state")
         self.assertRegex(table.lines()[0], "reconnecting")
+        self.assertNotIn("hint: ", "\n".join(table.lines()))
         sim.signal(signal.SIGCONT)
         table.wait_for(lambda lines: "** measuring: reconnected" in "\n".join(lines), "the way back")
         table.terminal.process.send_signal(signal.SIGINT)
@@ -148,6 +149,21 @@ class TableTest(SystemTest):
             shell.terminal.type(b"stty -a; exit\n")
             shell.terminal.wait_for("")
             self.assertRegex(shell.terminal.screen, r" icanon .* echo ")
+
+    def test_every_death_gives_the_terminal_back(self):
+        sim = self.start_sim()
+        for number in (signal.SIGUSR1, signal.SIGALRM, signal.SIGSEGV, signal.SIGXCPU, signal.SIGRTMIN + 3):
+            table = self.start_table(sim, "-s", "counter_1ms")
+            table.wait_rows(1, "counter_1ms")
+            table.terminal.process.send_signal(number)
+            self.assertEqual(table.end()[0], -number)
+        # Ctrl-S, and the time is up.
+        table = self.start_table(sim, "-s", "counter_1ms", "-t", "2")
+        table.wait_rows(1, "counter_1ms")
+        table.terminal.type(b"\x13")
+        code, around = table.end()
+        self.assertEqual((code, table.lines() and table.screen.alternate), (0, False))
+        self.assertIn("records, lost ODTs", around)
 
     def test_what_cannot_be_a_table_is_refused(self):
         sim = self.start_sim()

@@ -79,6 +79,9 @@ std::string DiskForecast::look(Seconds sinceStart, std::uint64_t freeBytes) {
     const Seconds left(static_cast<double>(freeBytes) / rate);
     const bool isOpen = duration_.count() <= 0;
     const bool tooShort = !isOpen && left < duration_ - sinceStart;
+    // Room that came back, or a minute of much writing by others: what was told is no longer so.
+    shortTold_ = shortTold_ && tooShort;
+    hourTold_ = hourTold_ && left <= 2 * kHour;
     if (!isOpen && !tooShort) return {};
     const bool tellShort = tooShort && !shortTold_;
     const bool tellHour = left < kHour && !hourTold_;

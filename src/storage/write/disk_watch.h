@@ -30,7 +30,8 @@ class DiskForecast {
     DiskForecast(double expectedBytesPerSecond, Seconds duration)
         : expected_(expectedBytesPerSecond), duration_(duration) {}
 
-    /// What is to be told of `freeBytes`, so long after the start; each warning comes once, else it is empty.
+    /// What is to be told of `freeBytes`, so long after the start. Each warning comes once, and once more
+    /// after it has turned out to be wrong; else it is empty.
     std::string look(Seconds sinceStart, std::uint64_t freeBytes);
 
   private:
