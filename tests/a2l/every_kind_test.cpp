@@ -1,5 +1,4 @@
-// Each kind of object that A2L 1.61 and 1.71 have is found, and placed over memory that holds a one wherever
-// it is read.
+// Each kind of object that A2L 1.61 and 1.71 have is found and gets its place in memory.
 #include <algorithm>
 #include <string>
 #include <vector>
