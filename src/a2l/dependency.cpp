@@ -4,6 +4,7 @@
 #include <cmath>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "a2l/description.h"
 #include "a2l/structure.h"
@@ -15,6 +16,20 @@ Error fault(const Dependency& dependency, const std::string& what) {
     return {ErrorCode::invalidArgument, std::string(dependency.name) + ": " + what};
 }
 
+/// Without the indices at its end.
+std::string_view arrayOf(std::string_view name) {
+    while (name.ends_with(']') && name.find('[') != std::string_view::npos)
+        name = name.substr(0, name.rfind('['));
+    return name;
+}
+
+/// Whether two names of one arrayOf() have elements in common.
+bool overlap(std::string_view a, std::string_view b) {
+    if (a.size() > b.size()) std::swap(a, b);
+    if (a.find('*') != std::string_view::npos || b.find('*') != std::string_view::npos) return true;
+    return b.starts_with(a) && (b.size() == a.size() || b[a.size()] == '[');
+}
+
 /// The parameters that a change reaches, and of how many of them each waits.
 class Reach {
   public:
@@ -22,24 +37,25 @@ class Reach {
         for (const Dependency& dependency : description.dependencies) {
             if (dependency.kind == DependencyKind::virtualMeasurement) continue;
             for (const std::string_view source : description.sources(dependency))
-                users_[source].push_back(&dependency);
+                users_[arrayOf(source)].push_back({source, &dependency});
         }
     }
 
     void spread(std::span<const std::string_view> changed) {
         std::vector<std::string_view> open(changed.begin(), changed.end());
         while (!open.empty()) {
-            const auto users = users_.find(open.back());
+            const std::string_view name = open.back();
             open.pop_back();
-            if (users == users_.end()) continue;
-            for (const Dependency* user : users->second) {
+            for (const Dependency* user : usersOf(name)) {
                 if (waits_.emplace(user, 0).second) open.push_back(user->name);
             }
         }
-        for (auto& [dependency, waits] : waits_) {
-            for (const std::string_view source : description_.sources(*dependency))
-                waits += reached(source) == nullptr ? 0 : 1;
-        }
+        std::vector<const Dependency*> reached;
+        for (const auto& [dependency, waits] : waits_)
+            reached.push_back(dependency);
+        for (const Dependency* dependency : reached)
+            for (const Dependency* user : usersOf(dependency->name))
+                ++waits_[user];
     }
 
     /// In an order in which each comes after its sources.
@@ -50,9 +66,7 @@ class Reach {
             if (found != waits_.end() && found->second == 0) order.push_back(&dependency);
         }
         for (std::size_t i = 0; i < order.size(); ++i) {
-            const auto users = users_.find(order[i]->name);
-            if (users == users_.end()) continue;
-            for (const Dependency* user : users->second) {
+            for (const Dependency* user : usersOf(order[i]->name)) {
                 if (--waits_[user] == 0) order.push_back(user);
             }
         }
@@ -61,19 +75,36 @@ class Reach {
     }
 
   private:
-    const Dependency* reached(std::string_view name) const {
-        const Dependency* dependency = description_.findDependency(name);
-        return dependency != nullptr && waits_.contains(dependency) ? dependency : nullptr;
+    struct Use {
+        std::string_view source;
+        const Dependency* user;
+    };
+
+    /// Who computes with it or with some of its elements, once for each source.
+    std::vector<const Dependency*> usersOf(std::string_view name) const {
+        std::vector<const Dependency*> users;
+        const auto uses = users_.find(arrayOf(name));
+        if (uses == users_.end()) return users;
+        for (const Use& use : uses->second)
+            if (overlap(use.source, name)) users.push_back(use.user);
+        return users;
+    }
+    /// One that waits itself and computes what `user` waits for.
+    const Dependency* waitingSource(const Dependency* user) const {
+        const Dependency* found = nullptr;
+        for (const Dependency& candidate : description_.dependencies) {
+            const auto waiting = waits_.find(&candidate);
+            if (waiting == waits_.end() || waiting->second == 0) continue;
+            const auto users = usersOf(candidate.name);
+            if (std::find(users.begin(), users.end(), user) != users.end()) found = &candidate;
+        }
+        return found;
     }
     /// What still waits has a source that does: going from source to source comes back.
     Error circle() const {
         std::vector<const Dependency*> path = {firstWaiting()};
         for (;;) {
-            const Dependency* next = nullptr;
-            for (const std::string_view source : description_.sources(*path.back())) {
-                const Dependency* candidate = reached(source);
-                if (candidate != nullptr && waits_.at(candidate) > 0) next = candidate;
-            }
+            const Dependency* const next = waitingSource(path.back());
             const auto known = std::find(path.begin(), path.end(), next);
             if (known == path.end()) {
                 path.push_back(next);
@@ -94,7 +125,7 @@ class Reach {
     }
 
     const Description& description_;
-    std::unordered_map<std::string_view, std::vector<const Dependency*>> users_;  // by source
+    std::unordered_map<std::string_view, std::vector<Use>> users_;  // by arrayOf(source)
     std::unordered_map<const Dependency*, std::size_t> waits_;
 };
 

@@ -32,7 +32,8 @@ struct Dependency {
 };
 
 /// What is to be computed again when the named objects change, through all steps, virtual parameters
-/// included; each after its sources. Error (invalidArgument): "A depends on itself: A <- B <- A".
+/// included; each after its sources. A name stands for its elements, too, and NAME[1] for a part of NAME.
+/// Error (invalidArgument): "A depends on itself: A <- B <- A".
 Result<std::vector<const Dependency*>> dependentsOf(const Description& description,
                                                     std::span<const std::string_view> changed);
 

@@ -16,10 +16,21 @@ value::Value ObjectContent::raw(std::size_t element) const {
 }
 
 value::Value ObjectContent::physical(std::size_t element) const {
-    const value::Element one = placed.element(element);
-    if (placed.object().kind == ObjectKind::axisPoints && placed.axes().front().about().difference)
-        return value::physicalValue(one, points(0)[element]);
-    return value::physicalValue(one, value::rawValue(one, image.at(one.address, one.size())));
+    return physicals(element, 1).front();
+}
+
+std::vector<value::Value> ObjectContent::physicals(std::size_t first, std::size_t count) const {
+    const bool areSteps =
+        placed.object().kind == ObjectKind::axisPoints && placed.axes().front().about().difference;
+    const std::vector<value::Value> sums = areSteps ? points(0) : std::vector<value::Value>();
+    std::vector<value::Value> values;
+    values.reserve(count);
+    for (std::size_t i = first; i < first + count; ++i) {
+        const value::Element one = placed.element(i);
+        values.push_back(value::physicalValue(
+            one, areSteps ? sums[i] : value::rawValue(one, image.at(one.address, one.size()))));
+    }
+    return values;
 }
 
 std::vector<value::Value> ObjectContent::points(std::size_t axis) const {

@@ -25,6 +25,8 @@ struct ObjectContent {
     const std::uint8_t* bytes(std::size_t element) const;
     value::Value raw(std::size_t element) const;
     value::Value physical(std::size_t element) const;
+    /// As many physical() calls, but the points of DEPOSIT DIFFERENCE are added up once.
+    std::vector<value::Value> physicals(std::size_t first, std::size_t count) const;
     /// Raw values of an axis' points, in logical order.
     std::vector<value::Value> points(std::size_t axis) const;
     /// A text in UTF-8, up to its first zero; what is no character of its ENCODING becomes U+FFFD.

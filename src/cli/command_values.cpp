@@ -111,8 +111,10 @@ class WriteReport final : public ReadReport {
     std::string deviation_;
 };
 
-/// What the names stand for, patterns taken apart. One that matches nothing stays, and is no name either.
-std::vector<std::string> expanded(const std::vector<std::string>& names, Workplace& place) {
+/// What the names stand for, patterns taken apart. One that matches nothing stays, and is no name either; one
+/// that reaches too far is told and left out.
+std::vector<std::string> expanded(const std::vector<std::string>& names, const ObjectStyle& style,
+                                  Workplace& place, int& exitCode) {
     const a2l::Description& description = place.session->description();
     std::vector<std::string> all;
     for (const std::string& name : names) {
@@ -120,10 +122,18 @@ std::vector<std::string> expanded(const std::vector<std::string>& names, Workpla
             all.push_back(name);
             continue;
         }
-        std::vector<std::string> matches = session::namesMatching(description, name);
+        if (auto few = session::checkParts(description, name, "read"); !few) {
+            place.results.show(ObjectReport(name, few.error(), style));
+            exitCode = 1;
+            continue;
+        }
+        std::vector<std::string> matches =
+            session::namesMatching(description, name, session::NameKind::all, stopToken());
         const std::size_t found = matches.size();
-        std::erase_if(matches,
-                      [&](const std::string& match) { return !place.session->objects().exists(match); });
+        std::erase_if(matches, [&](const std::string& match) {
+            return !stopRequested() && !place.session->objects().exists(match);
+        });
+        if (stopRequested()) return {};
         if (matches.size() < found && !matches.empty()) {
             printMessage(
                 fmt::format("'{}' matches {} object(s), {} of which cannot be read and are left out\n",
@@ -164,8 +174,8 @@ std::size_t getSome(std::span<const std::string> names, const ObjectStyle& style
 int getAll(const std::vector<std::string>& typed, bool plot, Workplace& place) {
     ObjectStyle style{numberStyle(place.session->config()), std::nullopt};
     if (plot) style.plot = plotStyleFor(STDOUT_FILENO);
-    const std::vector<std::string> names = expanded(typed, place);
     int exitCode = 0;
+    const std::vector<std::string> names = expanded(typed, style, place, exitCode);
     for (std::span<const std::string> rest(names); !rest.empty();) {
         if (stopRequested()) return 1;
         rest = rest.subspan(getSome(rest, style, place, exitCode));

@@ -47,8 +47,9 @@ void writeValues(JsonWriter& json, const a2l::ObjectContent& content, value::Num
     }
     writeNested(json.key("physical"), dimensions,
                 [&](std::size_t number) { writePhysical(json, placed.element(number), raw[number]); });
+    const std::vector<value::Value> physical = content.physicals(0, placed.elementCount());
     writeNested(json.key("text"), dimensions, [&](std::size_t number) {
-        json.value(shownText(placed.element(number), content.physical(number), style));
+        json.value(shownText(placed.element(number), physical[number], style));
     });
 }
 

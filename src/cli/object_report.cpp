@@ -71,13 +71,18 @@ std::string deviationOf(const std::vector<session::TypedChange>& typed, value::N
     return more == 0 ? first : first + fmt::format(" (and {} more like it)", more);
 }
 
-std::string namesOf(const HeldObject& held, HeldSpan::State state) {
+std::string namesOf(const HeldObject& held, HeldSpan::State state, value::NumberStyle style) {
     constexpr std::size_t kMost = 4;
     std::string text;
     std::size_t count = 0;
     for (const HeldObject::Number& number : held.numbers) {
         if (number.state != state || ++count > kMost) continue;
-        text += (text.empty() ? "" : ", ") + number.element.name;
+        const value::Element& element = number.element;
+        text += (text.empty() ? "" : ", ") + element.name;
+        // Neither what was typed nor what was there before: no one could guess it.
+        if (state != HeldSpan::State::other || !held.content) continue;
+        const std::uint8_t* const bytes = held.content->image.at(element.address, element.size());
+        text += " (" + value::valueText(element, bytes, style) + ")";
     }
     return count > kMost ? text + fmt::format(" and {} more", count - kMost) : text;
 }
@@ -97,17 +102,17 @@ std::string heldText(const HeldObject& held, value::NumberStyle style) {
         HeldSpan::State state;
         const char* text;
     };
-    constexpr std::array<Part, 4> kParts = {
-        Part{HeldSpan::State::after, "the ECU now holds the new values of "},
-        {HeldSpan::State::before, "the former values of "},
-        {HeldSpan::State::other, "other values of "},
-        {HeldSpan::State::unknown, "what the ECU now holds is not known of "}};
+    constexpr std::array<Part, 3> kParts = {Part{HeldSpan::State::after, "the new values of "},
+                                            {HeldSpan::State::before, "the former values of "},
+                                            {HeldSpan::State::other, "other values of "}};
     std::string text;
     for (const Part& part : kParts) {
-        const std::string names = namesOf(held, part.state);
-        if (!names.empty()) text += (text.empty() ? "" : "; ") + std::string(part.text) + names;
+        const std::string names = namesOf(held, part.state, style);
+        if (!names.empty()) text += (text.empty() ? "the ECU now holds " : "; ") + (part.text + names);
     }
-    return text;
+    const std::string unknown = namesOf(held, HeldSpan::State::unknown, style);
+    if (unknown.empty()) return text;
+    return text + (text.empty() ? "" : "; ") + "what the ECU now holds is not known of " + unknown;
 }
 
 }  // namespace
@@ -195,7 +200,7 @@ void ObjectWriteReport::writeMembers(JsonWriter& json) const {
     ObjectReport::writeMembers(json);
     if (!deviation_.empty()) json.member("deviation", deviation_);
     if (writing_.restored) json.member("restored", true);
-    const auto isDependent = [&](const HeldObject& held) { return !name_.starts_with(held.name); };
+    const auto isDependent = [](const HeldObject& held) { return held.isDependent; };
     for (const HeldObject& held : writing_.held) {
         if (!isDependent(held)) writeHeld(json, held);
     }

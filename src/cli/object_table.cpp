@@ -43,8 +43,9 @@ Texts valueTexts(const a2l::ObjectContent& content, std::size_t first, std::size
                  value::NumberStyle style) {
     Texts texts;
     texts.reserve(count);
-    for (std::size_t i = first; i < first + count; ++i)
-        texts.push_back(shownText(content.placed.element(i), content.physical(i), style));
+    const std::vector<value::Value> values = content.physicals(first, count);
+    for (std::size_t i = 0; i < count; ++i)
+        texts.push_back(shownText(content.placed.element(first + i), values[i], style));
     return texts;
 }
 

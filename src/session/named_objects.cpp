@@ -1,15 +1,17 @@
 #include "session/named_objects.h"
 
 #include <algorithm>
+#include <cmath>
+#include <compare>
 #include <cstring>
 #include <limits>
+#include <numeric>
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
 
 #include "a2l/conversion_builder.h"
 #include "a2l/structure.h"
-#include "session/byte_access.h"
 #include "session/dependents.h"
 #include "session/write_rights.h"
 
@@ -42,14 +44,20 @@ NumberReading numberOf(value::Element element, const std::uint8_t* bytes) {
     return numberReading(std::move(element), raw, std::move(whole));
 }
 
-/// A number of what was read: of the values, or of an axis.
-NumberReading numberOf(const ObjectContent& content, const ObjectName& name, std::size_t number) {
-    value::Element element = elementOf(name, content.placed, number);
+/// Numbers of what was read: of the values, or of an axis.
+std::vector<NumberReading> numbersOf(const ObjectContent& content, const ObjectName& name,
+                                     const std::vector<std::size_t>& numbers) {
     const bool isAxisObject = content.placed.object().kind == a2l::ObjectKind::axisPoints;
-    const bool isPoint = name.axis || (isAxisObject && content.placed.axes().front().about().difference);
-    if (!isPoint) return numberOf(std::move(element), content.bytes(number));
-    const value::Value raw = content.points(name.axis.value_or(0))[number];
-    return numberReading(std::move(element), raw, raw);
+    const bool arePoints = name.axis || (isAxisObject && content.placed.axes().front().about().difference);
+    const auto points = arePoints ? content.points(name.axis.value_or(0)) : std::vector<value::Value>();
+    std::vector<NumberReading> readings;
+    readings.reserve(numbers.size());
+    for (const std::size_t number : numbers) {
+        value::Element element = elementOf(name, content.placed, number);
+        readings.push_back(arePoints ? numberReading(std::move(element), points[number], points[number])
+                                     : numberOf(std::move(element), content.bytes(number)));
+    }
+    return readings;
 }
 
 Result<ObjectReading> readingOf(ObjectContent content, const ObjectName& name) {
@@ -57,8 +65,7 @@ Result<ObjectReading> readingOf(ObjectContent content, const ObjectName& name) {
     const auto chosen = chooseNumbers(name, content.placed);
     if (!chosen) return chosen.error();
     ObjectReading reading;
-    for (const std::size_t number : chosen.value().numbers)
-        reading.numbers.push_back(numberOf(content, name, number));
+    reading.numbers = numbersOf(content, name, chosen.value().numbers);
     return reading;
 }
 
@@ -93,11 +100,11 @@ Result<value::Element> virtualElement(const a2l::Description& description, std::
 
 std::vector<double> physicalNumbers(const ObjectContent& content) {
     const ObjectName whole{content.placed.object().name, content.placed.object().name, {}, {}};
+    std::vector<std::size_t> all(content.placed.elementCount());
+    std::iota(all.begin(), all.end(), std::size_t{0});
     std::vector<double> numbers;
-    for (std::size_t i = 0; i < content.placed.elementCount(); ++i) {
-        const NumberReading number = numberOf(content, whole, i);
+    for (const NumberReading& number : numbersOf(content, whole, all))
         numbers.push_back(value::toDouble(number.element.conversion->toPhysical(number.raw)));
-    }
     return numbers;
 }
 
@@ -107,9 +114,61 @@ bool contains(const a2l::MemorySpan& span, const value::Element& element) {
            std::uint64_t{element.address.address} + element.size() <= span.end();
 }
 
+bool equal(const value::Value& a, const value::Value& b) {
+    const auto* const exactA = std::get_if<value::Exact>(&a);
+    const auto* const exactB = std::get_if<value::Exact>(&b);
+    if (exactA != nullptr && exactB != nullptr) return std::is_eq(*exactA <=> *exactB);
+    const double numberA = value::toDouble(a);
+    const double numberB = value::toDouble(b);
+    return numberA == numberB || (std::isnan(numberA) && std::isnan(numberB));
+}
+
+/// Of one element: a piece holds many, some of them written when the write failed.
+HeldSpan::State stateOf(const value::Element& element, const HeldSpan& held, const ObjectContent& before,
+                        const a2l::MemoryImage& wanted) {
+    if (held.state == HeldSpan::State::unknown) return held.state;
+    const std::uint8_t* const bytes =
+        held.bytes.data() + (element.address.address - held.span.address.address);
+    const auto is = [&](const a2l::MemoryImage& image) {
+        return equal(value::rawValue(element, image.at(element.address, element.size())),
+                     value::rawValue(element, bytes));
+    };
+    if (is(wanted)) return HeldSpan::State::after;
+    return is(before.image) ? HeldSpan::State::before : HeldSpan::State::other;
+}
+
+/// Whether some share bytes.
+bool overlap(const std::vector<ObjectContent>& contents) {
+    std::vector<a2l::MemorySpan> all;
+    for (const ObjectContent& content : contents) {
+        const auto spans = content.placed.spans(0);
+        all.insert(all.end(), spans.begin(), spans.end());
+    }
+    const auto size = [](const std::vector<a2l::MemorySpan>& spans) {
+        return std::accumulate(spans.begin(), spans.end(), std::size_t{0},
+                               [](std::size_t sum, const auto& span) { return sum + span.size; });
+    };
+    return size(a2l::merged(all, 0)) < size(all);
+}
+
+/// Of one object, whatever became of bits beside them.
+bool sameValues(const ObjectContent& a, const ObjectContent& b) {
+    if (a.placed.spans(0) != b.placed.spans(0)) return false;
+    if (a2l::differences(a, b.image).empty()) return true;
+    for (std::size_t i = 0; i < a.placed.elementCount(); ++i)
+        if (!equal(a.raw(i), b.raw(i))) return false;
+    for (std::size_t i = 0; i < a.placed.axes().size(); ++i) {
+        const auto pointsA = a.points(i);
+        const auto pointsB = b.points(i);
+        if (!std::equal(pointsA.begin(), pointsA.end(), pointsB.begin(), pointsB.end(), equal)) return false;
+    }
+    return true;
+}
+
+/// `before` and `wanted` are those of the wish, which is not always the last write.
 HeldObject heldObject(const ObjectContent& before, const a2l::MemoryImage& wanted,
-                      const std::vector<HeldSpan>& spans) {
-    HeldObject held{before.placed.object().name, {}, before};
+                      const std::vector<HeldSpan>& spans, bool isDependent) {
+    HeldObject held{before.placed.object().name, isDependent, {}, before};
     if (spans.empty()) held.content.reset();  // it could not even be read
     for (const HeldSpan& span : spans) {
         if (span.state == HeldSpan::State::unknown) {
@@ -125,7 +184,8 @@ HeldObject heldObject(const ObjectContent& before, const a2l::MemoryImage& wante
         const bool differs =
             std::memcmp(before.image.at(element.address, size), wanted.at(element.address, size), size) != 0;
         if (!differs || (span == spans.end() && !spans.empty())) return;
-        held.numbers.push_back({element, spans.empty() ? HeldSpan::State::unknown : span->state});
+        held.numbers.push_back(
+            {element, spans.empty() ? HeldSpan::State::unknown : stateOf(element, *span, before, wanted)});
     };
     for (std::size_t i = 0; i < before.placed.elementCount(); ++i)
         take(before.placed.element(i));
@@ -176,16 +236,14 @@ Result<ObjectReading> NamedObjects::read(std::string_view text) {
 
 /// Not more than the element, and what it takes to find it.
 Result<ObjectReading> NamedObjects::readElement(const ObjectName& name, const a2l::Object& object) {
-    const a2l::ReadMemory memory = [this](xcp::Address address, std::size_t size) {
-        return uploadBytes(master_, address, size);
-    };
+    const a2l::ReadMemory memory = access_.reader();
     return xcp::inStep(master_, [&]() -> Result<ObjectReading> {
         const auto placed = a2l::place(object, memory);
         if (!placed) return placed.error();
         const auto chosen = chooseNumbers(name, placed.value());
         if (!chosen) return chosen.error();
         value::Element element = placed.value().element(chosen.value().numbers.front());
-        const auto bytes = uploadBytes(master_, element.address, element.size());
+        const auto bytes = memory(element.address, element.size());
         if (!bytes) return bytes.error();
         ObjectReading reading;
         reading.numbers.push_back(numberOf(std::move(element), bytes.value().data()));
@@ -249,7 +307,9 @@ ObjectWriting NamedObjects::write(const WriteWish& wish, const Announce& announc
     if (!name) return {name.error()};
     const auto object = writableObject(wish, name.value());
     if (!object) return {object.error()};
-    const std::string_view changed = name.value().object;
+    const std::string_view changed = name.value().isElement() && !name.value().axis
+                                         ? std::string_view(name.value().text)
+                                         : std::string_view(name.value().object);
     if (!wish.withDependents) return writeAlone(name.value(), object.value(), wish.text);
     const auto dependents = a2l::dependentsOf(description_, std::span(&changed, 1));
     if (!dependents) return {dependents.error()};
@@ -270,7 +330,7 @@ ObjectWriting NamedObjects::writeAlone(const ObjectName& name, const a2l::Object
         wanted = image.value();
         return image;
     });
-    if (!outcome.held.empty()) writing.held.push_back(heldObject(*before, wanted, outcome.held));
+    if (!outcome.held.empty()) writing.held.push_back(heldObject(*before, wanted, outcome.held, false));
     if (!outcome.content) {
         writing.value = outcome.content.error();
         return writing;
@@ -289,7 +349,9 @@ ObjectWriting NamedObjects::writeTogether(const ObjectName& name, const a2l::Obj
     auto wanted = wantedImage(name, text, before.value(), typed);
     if (!wanted) return {wanted.error()};
     std::vector<Step> steps;
-    steps.push_back({object, std::move(before).value(), std::move(wanted).value()});
+    steps.push_back({object, std::move(before).value(), std::move(wanted).value(), {}, std::string(text)});
+    for (const TypedChange& change : typed)
+        steps.front().changes.push_back(change.change);
     auto planned = planDependents(dependents, steps.front());
     if (!planned) return {planned.error()};
     std::move(planned.value().begin(), planned.value().end(), std::back_inserter(steps));
@@ -307,7 +369,9 @@ ObjectWriting NamedObjects::writeTogether(const ObjectName& name, const a2l::Obj
 Result<std::vector<NamedObjects::Step>> NamedObjects::planDependents(
     const std::vector<const a2l::Dependency*>& dependents, const Step& changed) {
     Computation computation(description_, [this](std::string_view name) { return readNumbers(name); });
-    computation.assume(changed.object.name, physicalNumbers({changed.before.placed, changed.wanted}));
+    // Each step is planned on the memory that those before it leave.
+    ObjectAccess::Assumed assumed(access_);
+    assumed.add(changed.before, changed.wanted);
     std::vector<Step> steps;
     for (const a2l::Dependency* dependency : dependents) {
         auto numbers = computation.compute(*dependency);
@@ -318,6 +382,7 @@ Result<std::vector<NamedObjects::Step>> NamedObjects::planDependents(
         }
         auto object = a2l::findObject(description_, dependency->name);
         if (!object) return object.error();
+        if (auto allowed = checkMask(object.value()); !allowed) return allowed.error();
         auto before = access_.read(object.value());
         if (!before) return before.error();
         const std::size_t count = before.value().placed.elementCount();
@@ -332,33 +397,73 @@ Result<std::vector<NamedObjects::Step>> NamedObjects::planDependents(
             changes.push_back({std::nullopt, i, numbers.value()[i]});
         auto wanted = a2l::changed(before.value(), changes);
         if (!wanted) return wanted.error();
-        computation.assume(dependency->name, physicalNumbers({before.value().placed, wanted.value()}));
-        steps.push_back({std::move(object).value(), std::move(before).value(), std::move(wanted).value()});
+        assumed.add(before.value(), wanted.value());
+        steps.push_back({std::move(object).value(),
+                         std::move(before).value(),
+                         std::move(wanted).value(),
+                         std::move(changes),
+                         {}});
     }
     return steps;
 }
 
-ObjectWriting NamedObjects::carryOut(const ObjectName& name, const std::vector<Step>& steps) {
+/// Makes the bytes of what the ECU holds by now: an earlier step may have changed bits of the same ones.
+ObjectWriteOutcome NamedObjects::carryOut(ObjectAccess& access, Step& step) {
+    return access.write(step.object, [&](const ObjectContent& now) -> Result<a2l::MemoryImage> {
+        if (now.placed.spans(0) != step.before.placed.spans(0)) {
+            return Error{ErrorCode::protocolError,
+                         step.object.name + ": its place or size changed meanwhile"};
+        }
+        auto wanted =
+            step.changes.empty() ? a2l::changedText(now, step.text) : a2l::changed(now, step.changes);
+        if (!wanted) return wanted;
+        step.before = now;
+        step.wanted = wanted.value();
+        return wanted;
+    });
+}
+
+/// What was written holds still after all that was written later, which may lie in the same bytes.
+Result<void> NamedObjects::readAgain(ObjectAccess& access, const std::vector<Step>& steps,
+                                     std::vector<ObjectContent>& contents) {
+    if (!overlap(contents)) return {};
+    for (std::size_t i = 0; i + 1 < steps.size(); ++i) {
+        auto again = access.read(steps[i].object);
+        if (!again) return again.error();
+        if (!sameValues(contents[i], again.value())) {
+            return Error{
+                ErrorCode::invalidArgument,
+                steps[i].object.name + ": does not keep its value when what depends on it is written"};
+        }
+        contents[i] = std::move(again).value();
+    }
+    return {};
+}
+
+ObjectWriting NamedObjects::carryOut(const ObjectName& name, std::vector<Step>& steps) {
     // Once begun, all of it is done, whatever stop comes.
     const auto finishing = master_.finishing();
     if (stop_.requested()) return {Error::stopped(name.text + ": stopped")};
     ObjectAccess access(master_, StopToken());
     ObjectWriting writing{Error{ErrorCode::closed, ""}};
+    std::vector<ObjectContent> contents;
     for (std::size_t i = 0; i < steps.size(); ++i) {
-        const Step& step = steps[i];
-        auto outcome = access.write(
-            step.object, [&](const ObjectContent&) -> Result<a2l::MemoryImage> { return step.wanted; });
+        auto outcome = carryOut(access, steps[i]);
         if (!outcome.content) {
             writing.value = outcome.content.error();
             takeBack(steps, i + (outcome.held.empty() ? 0 : 1), writing);
             return writing;
         }
-        if (i == 0) {
-            writing.value = writtenReading(std::move(outcome.content).value(), name);
-        } else {
-            writing.dependents.push_back({step.object.name, std::move(outcome.content).value()});
-        }
+        contents.push_back(std::move(outcome.content).value());
     }
+    if (auto kept = readAgain(access, steps, contents); !kept) {
+        writing.value = kept.error();
+        takeBack(steps, steps.size(), writing);
+        return writing;
+    }
+    writing.value = writtenReading(std::move(contents.front()), name);
+    for (std::size_t i = 1; i < steps.size(); ++i)
+        writing.dependents.push_back({steps[i].object.name, std::move(contents[i])});
     return writing;
 }
 
@@ -371,7 +476,7 @@ void NamedObjects::takeBack(const std::vector<Step>& steps, std::size_t count, O
     for (std::size_t i = count; i-- > 0;) {
         const Step& step = steps[i];
         if (isSilent) {
-            writing.held.push_back(heldObject(step.before, step.wanted, {}));
+            writing.held.push_back(heldObject(step.before, step.wanted, {}, i > 0));
             continue;
         }
         auto outcome = access.write(
@@ -379,7 +484,7 @@ void NamedObjects::takeBack(const std::vector<Step>& steps, std::size_t count, O
         if (outcome.content) continue;
         writing.restored = false;
         isSilent = outcome.content.error().code == ErrorCode::timeout;
-        writing.held.push_back(heldObject(step.before, step.wanted, outcome.held));
+        writing.held.push_back(heldObject(step.before, step.wanted, outcome.held, i > 0));
     }
 }
 

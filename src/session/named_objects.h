@@ -51,6 +51,7 @@ struct HeldObject {
         HeldSpan::State state = HeldSpan::State::unknown;
     };
     std::string name;
+    bool isDependent = false;  ///< it was to change because another one did
     std::vector<Number> numbers;
     std::optional<a2l::ObjectContent> content;  ///< none when the ECU told not all of it
 };
@@ -99,8 +100,10 @@ class NamedObjects {
     /// An object on its way to other bytes.
     struct Step {
         a2l::Object object;
-        a2l::ObjectContent before;
+        a2l::ObjectContent before;  ///< what it will hold when its turn comes, then what it did hold
         a2l::MemoryImage wanted;
+        std::vector<a2l::ObjectChange> changes;
+        std::string text;  ///< instead of changes, of a text as a whole
     };
 
     Result<ObjectReading> readElement(const a2l::ObjectName& name, const a2l::Object& object);
@@ -115,7 +118,10 @@ class NamedObjects {
                                 const Announce& announce);
     Result<std::vector<Step>> planDependents(const std::vector<const a2l::Dependency*>& dependents,
                                              const Step& changed);
-    ObjectWriting carryOut(const a2l::ObjectName& name, const std::vector<Step>& steps);
+    ObjectWriting carryOut(const a2l::ObjectName& name, std::vector<Step>& steps);
+    static ObjectWriteOutcome carryOut(ObjectAccess& access, Step& step);
+    static Result<void> readAgain(ObjectAccess& access, const std::vector<Step>& steps,
+                                  std::vector<a2l::ObjectContent>& contents);
     void takeBack(const std::vector<Step>& steps, std::size_t count, ObjectWriting& writing);
 
     const a2l::Description& description_;

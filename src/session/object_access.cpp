@@ -1,6 +1,7 @@
 #include "session/object_access.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -15,10 +16,34 @@ std::vector<std::uint8_t> bytesAt(const a2l::MemoryImage& image, const a2l::Memo
     return {bytes, bytes + span.size};
 }
 
+bool holdsAll(const a2l::MemoryImage& image, const a2l::ObjectContent& content) {
+    const auto spans = content.placed.spans(0);
+    return std::all_of(spans.begin(), spans.end(), [&](const a2l::MemorySpan& span) {
+        return image.at(span.address, span.size) != nullptr;
+    });
+}
+
 }  // namespace
 
+void ObjectAccess::Assumed::add(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted) {
+    for (const a2l::MemorySpan& span : a2l::differences(before, wanted))
+        access_.assumed_.push_back({span, bytesAt(wanted, span)});
+}
+
 a2l::ReadMemory ObjectAccess::reader() {
-    return [this](xcp::Address address, std::size_t size) { return uploadBytes(master_, address, size); };
+    return [this](xcp::Address address, std::size_t size) {
+        auto bytes = uploadBytes(master_, address, size);
+        if (!bytes) return bytes;
+        const a2l::MemorySpan read{address, size};
+        for (const Piece& piece : assumed_) {
+            const std::uint64_t first = std::max(piece.span.address.address, address.address);
+            const std::uint64_t end = std::min(piece.span.end(), read.end());
+            if (piece.span.address.extension != address.extension || first >= end) continue;
+            std::memcpy(bytes.value().data() + (first - address.address),
+                        piece.bytes.data() + (first - piece.span.address.address), end - first);
+        }
+        return bytes;
+    };
 }
 
 Result<a2l::ObjectContent> ObjectAccess::readUnconfirmed(const a2l::Object& object) {
@@ -37,6 +62,9 @@ ObjectWriteOutcome ObjectAccess::write(const a2l::Object& object, const Change& 
     if (!before) return {before.error()};
     auto wanted = change(before.value());
     if (!wanted) return {wanted.error()};
+    if (!holdsAll(wanted.value(), before.value())) {
+        return {Error{ErrorCode::protocolError, object.name + ": its place or size changed meanwhile"}};
+    }
     const auto spans = a2l::differences(before.value(), wanted.value());
     if (spans.empty()) return {std::move(before)};
     // From here on a stop is carried out when the object has been read back.

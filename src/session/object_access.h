@@ -41,16 +41,39 @@ class ObjectAccess {
     /// a2l::readObject, xcp::Master::upload and xcp::inStep.
     Result<a2l::ObjectContent> read(const a2l::Object& object);
 
+    /// Reads bytes of the memory, with what is assumed in place.
+    a2l::ReadMemory reader();
+
+    /// While it lives, reads find the bytes that are planned where the ECU still holds others, counts and
+    /// pointers included. Nothing is to be written meanwhile. Borrows the access.
+    class Assumed {
+      public:
+        explicit Assumed(ObjectAccess& access) : access_(access) {}
+        ~Assumed() { access_.assumed_.clear(); }
+        Assumed(const Assumed&) = delete;
+        Assumed& operator=(const Assumed&) = delete;
+        /// All in which the wanted bytes differ from what the object holds.
+        void add(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted);
+
+      private:
+        ObjectAccess& access_;
+    };
+
     /// What the memory shall be, of what the object holds: a2l::changed() and a2l::changedText() make it.
     using Change = std::function<Result<a2l::MemoryImage>(const a2l::ObjectContent&)>;
 
     /// Reads the object, writes the pieces that `change` makes differ, and reads the object back. A stop
     /// request that comes after the writing has begun waits for all of it. Errors: those of read() and
-    /// `change`, the master's, "NAME: stopped", "NAME: read back value differs from the written value".
+    /// `change`, the master's, "NAME: stopped", "NAME: read back value differs from the written value",
+    /// "NAME: its place or size changed meanwhile" when the wanted bytes are those of another place.
     ObjectWriteOutcome write(const a2l::Object& object, const Change& change);
 
   private:
-    a2l::ReadMemory reader();
+    struct Piece {
+        a2l::MemorySpan span;
+        std::vector<std::uint8_t> bytes;
+    };
+
     Result<a2l::ObjectContent> readUnconfirmed(const a2l::Object& object);
     Result<a2l::ObjectContent> download(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
                                         const std::vector<a2l::MemorySpan>& spans);
@@ -59,6 +82,7 @@ class ObjectAccess {
 
     xcp::Master& master_;
     const StopToken stop_;
+    std::vector<Piece> assumed_;
 };
 
 }  // namespace lm::session

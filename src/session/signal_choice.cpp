@@ -8,7 +8,6 @@
 #include <spdlog/fmt/fmt.h>
 #include <spdlog/fmt/ranges.h>
 
-#include "a2l/structure.h"
 #include "core/printable_text.h"
 #include "core/text.h"
 #include "session/name_pattern.h"
@@ -159,21 +158,8 @@ class Chooser {
         choice_.chosen.push_back(std::move(signal));
     }
 
-    /// A pattern is held against each part: of a structure with too many of them no one would see the end.
-    Result<void> checkParts(std::string_view pattern) const {
-        constexpr std::uint64_t kMostParts = 4'000'000;
-        for (const a2l::Instance& instance : source_.description.instances) {
-            if (!mayMatchBelow(instance.name, pattern)) continue;
-            const std::uint64_t count = a2l::leafCount(source_.description, instance);
-            if (count <= kMostParts) continue;
-            return invalid(fmt::format("'{}' reaches into {}, which has {} parts: name those to be measured",
-                                       pattern, instance.name, count));
-        }
-        return {};
-    }
-
     Result<void> addPattern(std::string_view pattern, Events events) {
-        if (auto walkable = checkParts(pattern); !walkable.ok()) return walkable;
+        if (auto few = checkParts(source_.description, pattern, "measured"); !few.ok()) return few;
         const char* kind = "measurement";
         Matches matches =
             addMatches(namesMatching(source_.description, pattern, NameKind::measurements), events);

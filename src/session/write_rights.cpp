@@ -14,6 +14,10 @@ Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements) {
         if (isMeasurement) refused.hint = object.name + ": `set -m` overwrites measurements, too";
         return refused;
     }
+    return checkMask(object);
+}
+
+Result<void> checkMask(const a2l::Object& object) {
     if (!object.first.emptyMask) return {};
     return Error{ErrorCode::permissionDenied,
                  object.name + ": BIT_MASK 0x0 leaves no bit that may be written"};

@@ -12,6 +12,9 @@ namespace lm::session {
 /// `allowMeasurements` waives), "NAME: BIT_MASK 0x0 leaves no bit that may be written".
 Result<void> checkWritable(const a2l::Object& object, bool allowMeasurements);
 
+/// Whether the A2L leaves a bit to write. Error: that of checkWritable.
+Result<void> checkMask(const a2l::Object& object);
+
 /// Logs what an object that is about to be written rests on.
 void logAssumptions(const a2l::Object& object);
 

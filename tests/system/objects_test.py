@@ -55,6 +55,41 @@ REFUSED = (
     ("cal_virtual=1", "cal_virtual is computed from others and has no place in the ECU"),
 )
 
+# Objects in the spare memory, of which some share bytes, and which depend on others.
+U1 = "U1 0 NO_COMPU_METHOD 0 255"
+SPARE = "/begin RECORD_LAYOUT U1 FNC_VALUES 1 UBYTE ROW_DIR DIRECT /end RECORD_LAYOUT " \
+    "/begin RECORD_LAYOUT CV NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT FNC_VALUES 3 UBYTE ROW_DIR DIRECT /end RECORD_LAYOUT " \
+    f'/begin TYPEDEF_CHARACTERISTIC tv "" VALUE {U1} /end TYPEDEF_CHARACTERISTIC ' \
+    '/begin TYPEDEF_STRUCTURE S "" 8 /begin STRUCTURE_COMPONENT b tv 0 MATRIX_DIM 3 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE ' \
+    '/begin INSTANCE st "" S 0x200080 /end INSTANCE /begin INSTANCE huge "" S 0x200000 MATRIX_DIM 1000000 1000000 /end INSTANCE ' + "".join(
+        f'/begin CHARACTERISTIC {name} "" {place} {options} ' + (
+            f'/begin DEPENDENT_CHARACTERISTIC "{depends[0]}" {depends[1]} /end DEPENDENT_CHARACTERISTIC ' if depends else "") +
+        "/end CHARACTERISTIC " for name, place, options, *depends in (
+            ("lo", f"VALUE 0x200000 {U1}", "BIT_MASK 0x0F"), ("hi", f"VALUE 0x200000 {U1}", "BIT_MASK 0xF0", "15-X1", "lo"),
+            ("n", f"VALUE 0x200010 {U1}", ""), ("dc", f"CURVE 0x200010 {U1.replace('U1', 'CV')}", "/begin AXIS_DESCR STD_AXIS "
+             "NO_INPUT_QUANTITY NO_COMPU_METHOD 10 0 255 /end AXIS_DESCR", "X1", "n"),
+            ("ds", f"VAL_BLK 0x200090 {U1}", "MATRIX_DIM 3", "X1", "st.b"), ("ds1", f"VALUE 0x200098 {U1}", "", "X1", "st.b[1]"),
+            ("m0", f"VALUE 0x200211 {U1}", ""), ("t", f"VALUE 0x200210 {U1}", "BIT_MASK 0x0", "X1", "m0"),
+            ("cal", f"VAL_BLK 0x2001C0 {U1}", "MATRIX_DIM 3", "X1", "cal_2"), ("cal_2", f"VAL_BLK 0x2001D0 {U1}", "MATRIX_DIM 3"),
+            ("bl", f"VAL_BLK 0x200070 {U1}", "MATRIX_DIM 12")))
+
+# What is set one after the other, what is held of it and of what depends on it.
+DEPENDENTS = (
+    ("lo=3", {"lo": 3, "hi": 12}),
+    ("n=5", {"n": 5, "dc": [5] * 5}),
+    ("st.b[1]=7", {"st.b": [1, 7, 3], "ds": [1, 7, 3], "ds1": 7}),
+    ("st.b=[9,8,6]", {"st.b": [9, 8, 6], "ds": [9, 8, 6], "ds1": 8}),
+    ("m0=5", {"m0": 0}),
+)
+
+# The fault, what is set, what is told of what the ECU holds after it; in JSON the first values of it, and what depends on it and is held.
+HALF_WAY = (
+    ("error:DOWNLOAD:2:0", "cal_2=[1,2,3]", "cal_2: the ECU now holds the new values of cal_2[0], cal_2[1], cal_2[2]\n", [1, 2, 3], []),
+    ("error:DOWNLOAD:2:1", f"bl={[*range(1, 13)]}", "bl: the ECU now holds the new values of bl[0], bl[1], bl[2], bl[3] and 2 more; "
+     "the former values of bl[6], bl[7], bl[8], bl[9] and 2 more\n", [1, 2, 3, 4, 5, 6], []),
+    ("silence:DOWNLOAD:2", "cal_2=[1,2,3]", "cal: what the ECU now holds is not known", None, ["cal"]),
+)
+
 
 class ObjectsTest(SystemTest):
     def setUp(self):
@@ -126,6 +161,33 @@ class ObjectsTest(SystemTest):
             name = "cal_speed_limit" if "2000" in new else "cal_speed_warning"
             self.assertEqual(self.values(sim, "set", name + "=1000")[0]["error"]["message"], message)
         self.expect(self.run_cli(sim, "get", *names), value_line(names[0], "7000.000") + "".join(lines[1:]))
+
+    def start_spare(self, *options):
+        sim = self.start_sim("--spare-bytes", 1024, *options)
+        text = sim.a2l.read_text(encoding="utf-8")
+        sim.a2l.write_text(text.replace("  /end MODULE", SPARE + "\n  /end MODULE"), encoding="utf-8")
+        return sim
+
+    def test_dependents_share_bytes_and_counts_with_what_is_set(self):
+        sim = self.start_spare()
+        self.run_cli(sim, "set", "--no-dependents", "n=3", "m0=0", "st.b=[1,2,3]")
+        for assignment, held in DEPENDENTS:
+            with self.subTest(assignment):
+                told = self.values(sim, "set", assignment)[0]
+                refused = assignment == "m0=5" and "t: BIT_MASK 0x0 leaves no bit that may be written"
+                self.assertEqual(told.get("error", {}).get("message", False), refused)
+                self.assertEqual({name: self.physical(sim, name) for name in held}, held)
+        self.assertEqual(self.values(sim, "get", "huge*")[0]["error"]["message"],
+                         "'huge*' reaches into huge, which has 1000000000000 parts: name those to be read")
+
+    def test_what_is_held_is_told_element_by_element(self):
+        for fault, assignment, text, held, dependents in HALF_WAY:
+            with self.subTest(fault=fault, set=assignment):
+                arguments = ("-c", self.quick_config(), "set", assignment)
+                self.assertIn(text, self.run_cli(self.start_spare("--max-cto", 8, "--fault", fault), *arguments).stderr)
+                value = self.values(self.start_spare("--max-cto", 8, "--fault", fault), *arguments)[0]
+                self.assertEqual(value["held"] and value["held"]["physical"][:len(held)], held, value)
+                self.assertEqual([one["name"] for one in value.get("dependents", [])], dependents)
 
     def test_a_write_that_fails_half_way_tells_what_is_held(self):
         for fault, held, told in (
