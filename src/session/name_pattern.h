@@ -22,7 +22,8 @@ enum class NameKind : std::uint8_t { all, measurements, parameters };
 bool mayMatchBelow(std::string_view instance, std::string_view pattern);
 
 /// The measurements, parameters, axes, blobs and leaves that match (storage::matchesPattern), each kind in
-/// the order of the file.
+/// the order of the file. Where only the end of the pattern is indices of an array that the rest matches, the
+/// name bears them: NAME[1].
 std::vector<std::string> namesMatching(const a2l::Description& description, std::string_view pattern,
                                        NameKind kind = NameKind::all);
 
