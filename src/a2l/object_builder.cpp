@@ -104,6 +104,7 @@ Result<Object> withMaps(const Description& description, const Characteristic& ch
             return objectFault(object.name, "MAP_LIST names '" + std::string(name) + "', which is no MAP" +
                                                 (map ? "" : ": " + map.error().text()));
         object.assumptions.add(map.value().assumptions);
+        object.writable = object.writable && map.value().writable;
         object.maps.push_back(std::make_shared<const Object>(std::move(map).value()));
     }
     const Object& first = *object.maps.front();
