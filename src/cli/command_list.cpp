@@ -198,6 +198,7 @@ Row rowOf(const a2l::Description& description, const a2l::Leaf& leaf, Units& uni
     for (const a2l::Overwrite* overwrite : leaf.overwrites) {
         if (overwrite->axis != 0) continue;
         if (!overwrite->conversion.empty()) row.unit = units.of(overwrite->conversion);
+        if (overwrite->physUnit) row.unit = *overwrite->physUnit;  // also when empty
         if (overwrite->limits) row.limits = overwrite->limits;
     }
     return row;
