@@ -32,7 +32,7 @@ _xcplumo_path_after() { # OPTION...
 }
 
 # Of what the A2L calls an event; a name that a shell would take apart is offered as its number.
-_xcplumo_events() { # SIGNAL@BEGIN
+_xcplumo_events() { # BEGIN or SIGNAL@BEGIN
     local config a2l
     config=$(_xcplumo_path_after -c --config)
     a2l=$(_xcplumo_path_after --a2l)
@@ -74,7 +74,7 @@ _xcplumo_names() { # WORD [-m | -p], with the words of the line in `words`
 _xcplumo_complete() {
     COMPREPLY=()
     files='' word=''
-    local line=${COMP_LINE:0:COMP_POINT} words=() command=() known i
+    local line=${COMP_LINE:0:COMP_POINT} words=() command=() events known i before
     # The shell's own words end at each of @ = : too.
     mapfile -t words < <(xargs printf '%s\n' <<<"$line" 2>/dev/null)
     case $line in
@@ -87,10 +87,22 @@ _xcplumo_complete() {
         [ ${#command[@]} -eq 0 ] && [[ ${words[i]} != -* && $known == *" ${words[i]} "* ]] && command=("${words[i]}")
         [[ ${command[0]} = recording && ${words[i]} =~ ^(info|check|repair|show)$ ]] && command=(recording "${words[i]}")
     done
-    case ${words[-2]} in
+    before=${words[-2]}
+    # Several signals may come after one -s.
+    for ((i = ${#words[@]} - 2; i > 0; --i)); do
+        [[ ${words[i]} = -* ]] || continue
+        [[ $word = -* || ! ${words[i]} =~ ^(-s|--signal)$ ]] || before=-s
+        break
+    done
+    case $before in
         -c | --config | --a2l | --signals-from | --serial* | -o | --output | -r | --record | --memory-file | --write-*) _xcplumo_files ;;
         -i | --interface | --can) _xcplumo_offer "$word" "$(ls /sys/class/net)" ;;
-        --event) _xcplumo_offer "$word" auto ;;
+        --event)
+            _xcplumo_events "$word"
+            events=("${COMPREPLY[@]}")
+            _xcplumo_offer "$word" auto
+            COMPREPLY+=("${events[@]}")
+            ;;
         --reconnect) _xcplumo_offer "$word" abort retry retry_forever ;;
         --fail-on) _xcplumo_offer "$word" losses outage empty ;;
         -s | --signal)
@@ -103,7 +115,7 @@ _xcplumo_complete() {
         *)
             case ${command[*]}:$word in
                 *:-* | :* | recording:*) _xcplumo_offer "$word" "$(_xcplumo_help_words "${words[0]}" "${command[@]}")" ;;
-                get:* | describe:*) _xcplumo_names "$word" ;;
+                get:* | describe:* | list:*) _xcplumo_names "$word" ;;
                 set:*=*) ;;
                 set:*)
                     compopt -o nospace 2>/dev/null

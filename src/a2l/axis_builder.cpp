@@ -85,7 +85,8 @@ Result<void> buildShared(const AxisPart& part, Axis& axis) {
     if (axis.reference.empty()) return objectFault(part.name, "AXIS_PTS_REF is missing");
     auto built = buildObject(part.description, axis.reference, part.referencesLeft - 1);
     if (!built || built.value().kind != ObjectKind::axisPoints) {
-        const bool found = built || part.description.findAxisPoints(axis.reference) != nullptr;
+        const bool found = built || part.description.findAxisPoints(axis.reference) != nullptr ||
+                           belongsToInstance(part.description, axis.reference);
         return objectFault(part.name, built   ? inQuotes(axis.reference) + " is no AXIS_PTS"
                                       : found ? built.error().text()
                                               : "AXIS_PTS " + inQuotes(axis.reference) + " not found");

@@ -7,7 +7,9 @@
 #include <variant>
 #include <vector>
 
+#include "a2l/largest_record.h"
 #include "a2l/object_builder.h"
+#include "a2l/record_part.h"
 
 namespace lm::a2l {
 namespace {
@@ -46,6 +48,24 @@ std::vector<PointerHop> hopsOf(const Description& description, const Leaf& leaf)
     for (PointerHop& hop : hops)
         hop.byteOrder = description.byteOrder.value_or(ByteOrder::littleEndian);
     return hops;
+}
+
+/// An array of records with more than the value, or with pointers to it: all of them as one object.
+Result<void> spreadRecords(const Description& description, const Characteristic& type, Object& object) {
+    const RecordLayout::Entry& values = *object.record.find(RecordLayout::Field::functionValues);
+    const auto byOne = [&](const char* why) {
+        return objectFault(object.name, std::string(why) + ": name one, as in " + object.name + "[0]");
+    };
+    if (isPointer(values.addressType)) return byOne("each of its elements has a pointer of its own");
+    if (object.record.entries.size() == 1) return {};
+    const auto stride = largestRecord(description, type, [](std::string_view) { return 0U; });
+    if (!stride) return stride.error();
+    for (std::size_t i = 1; i < object.record.entries.size(); ++i) {
+        if (stride.value() % borderOf(object.record.entries[i], object.record) != 0)
+            return byOne("borders put its elements at uneven distances");
+    }
+    object.recordStride = stride.value();
+    return {};
 }
 
 /// Pointers on the way, and the numbers that are not in the name.
@@ -87,6 +107,10 @@ struct LeafBuilder {
         }
         for (const Overwrite* overwrite : leaf.overwrites)
             if (overwrite->axis == 0) overwriteValues(record, *overwrite);
+        if (isPointer(type->addressType) && !leaf.dimensions.empty()) {
+            return objectFault(leaf.name, "each of its elements has a pointer of its own: name one, as in " +
+                                              leaf.name + "[0]");
+        }
         return withWay(description, leaf, buildMeasurement(description, record));
     }
 
@@ -103,7 +127,12 @@ struct LeafBuilder {
             if (overwrite->axis > 0 && overwrite->axis <= record.axes.size())
                 overwriteAxis(record.axes[overwrite->axis - 1], *overwrite);
         }
-        return withWay(description, leaf, buildCharacteristic(description, record, referencesLeft));
+        auto built = buildCharacteristic(description, record, referencesLeft);
+        if (built && !leaf.dimensions.empty()) {
+            if (auto spread = spreadRecords(description, *type, built.value()); !spread)
+                return spread.error();
+        }
+        return withWay(description, leaf, std::move(built));
     }
 
     Result<Object> operator()(const AxisPoints* type) const {

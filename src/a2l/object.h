@@ -75,6 +75,7 @@ struct Object {
     std::vector<Axis> axes;  ///< X, Y, ...; of AXIS_PTS its points
     Record record;
     bool columnDir = false;                           ///< of a measurement: Y runs fastest
+    std::optional<std::uint64_t> recordStride;        ///< each element has a record of its own, so far apart
     std::vector<PointerHop> hops;                     ///< pointers on the way from the address to the object
     std::vector<std::shared_ptr<const Object>> maps;  ///< of a CUBOID with MAP_LIST: one per point of Z
     Assumptions assumptions;                          ///< what it rests on

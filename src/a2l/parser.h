@@ -82,6 +82,7 @@ class Parser : public BlockVisitor {
     void tellInfiniteLimits();
     void tellNamesInCommon();
     void tellInstancesWithoutType();
+    void tellOverwritesOfNothing();
 
     Description description_;
     TextInterner shared_;

@@ -1,5 +1,6 @@
 // What a Parser does when the whole text is read: names to tables, and what only then can be told.
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -44,6 +45,31 @@ struct NamesInCommon {
                " (" + diagnostics.where(line) + ")" + more + ": the " + std::string(used) + " is used";
     }
 };
+
+/// Axes that an OVERWRITE of a value can name.
+std::size_t axisCount(const TypeRecord& type) {
+    if (const auto* const* found = std::get_if<const Characteristic*>(&type)) return (*found)->axes.size();
+    return std::holds_alternative<const AxisPoints*>(type) ? 1 : 0;
+}
+
+/// Whether an OVERWRITE names a value, or an axis of one. True where the type is not known: that is told.
+bool hasEffect(const Description& description, const Instance& instance, const Overwrite& overwrite) {
+    TypeRecord type = findType(description, description.typeName(instance));
+    std::string_view rest = overwrite.part == "THIS" ? std::string_view() : overwrite.part;
+    while (!rest.empty() && !std::holds_alternative<std::monostate>(type)) {
+        const auto* const* structure = std::get_if<const StructureType*>(&type);
+        if (structure == nullptr) return false;
+        const std::string_view name = rest.substr(0, rest.find('.'));
+        rest.remove_prefix(std::min(name.size() + 1, rest.size()));
+        const auto& parts = (*structure)->components;
+        const auto part = std::find_if(parts.begin(), parts.end(),
+                                       [&](const StructureComponent& one) { return one.name == name; });
+        if (part == parts.end()) return false;
+        type = findType(description, part->typeName);
+    }
+    if (std::holds_alternative<std::monostate>(type)) return true;
+    return !std::holds_alternative<const StructureType*>(type) && overwrite.axis <= axisCount(type);
+}
 
 }  // namespace
 
@@ -158,6 +184,24 @@ void Parser::tellNamesInCommon() {
     if (common.count > 0) diagnostics_.odd(common.line, common.text(diagnostics_));
 }
 
+void Parser::tellOverwritesOfNothing() {
+    std::size_t count = 0;
+    std::uint32_t line = 0;
+    std::string first;
+    for (std::size_t i = 0; i < description_.instances.size(); ++i) {
+        const Instance& instance = description_.instances[i];
+        for (const Overwrite& overwrite : description_.overwrites(instance)) {
+            if (hasEffect(description_, instance, overwrite) || count++ > 0) continue;
+            line = instanceLines_[i];
+            first = "OVERWRITE '" + std::string(overwrite.part) + "' " + std::to_string(overwrite.axis) +
+                    " of INSTANCE '" + std::string(instance.name) + "' (" + diagnostics_.where(line) + ")";
+        }
+    }
+    if (count == 0) return;
+    const std::string more = count == 1 ? "" : " and " + std::to_string(count - 1) + " more";
+    diagnostics_.odd(line, first + more + ": no value or axis is called so, it changes nothing");
+}
+
 void Parser::tellInstancesWithoutType() {
     const auto& instances = description_.instances;
     for (std::size_t i = 0; i < instances.size(); ++i) {
@@ -196,6 +240,7 @@ Result<Description> Parser::finish() {
     tellInfiniteLimits();
     tellNamesInCommon();
     tellInstancesWithoutType();
+    tellOverwritesOfNothing();
     d.warnings = diagnostics_.take();
     if (std::string text = leftOut_.text(); !text.empty()) d.warnings.push_back(std::move(text));
     return std::move(d);

@@ -31,7 +31,8 @@ Grid Placer::valueGrid(Grid grid, const Entry& entry) const {
         strides.push_back(record().staticRecord ? *sizing(i) : *counts_[i]);
         grid.decreasing.push_back(!object_->axes.empty() && isDecreasing(*object_, i));
     }
-    grid.strides = stridesOf(strides, grid.size, entry.indexMode == IndexMode::columnDir);
+    const std::uint64_t step = object_->recordStride.value_or(grid.size);
+    grid.strides = stridesOf(strides, step, entry.indexMode == IndexMode::columnDir);
     return grid;
 }
 
@@ -71,8 +72,8 @@ void Placer::finishAlternation() {
 /// What pointers lead to may reach too far, too.
 Result<PlacedObject> Placer::checked() {
     const auto fits = [](const Grid& grid) { return grid.base.address + grid.extent() <= kAddresses; };
-    if (saturatedProduct(placed_.dimensions_, object_->first.size()) > kLargestObject)
-        return fault("is larger than 64 MiB");
+    const std::uint64_t each = object_->recordStride.value_or(object_->first.size());
+    if (saturatedProduct(placed_.dimensions_, each) > kLargestObject) return fault("is larger than 64 MiB");
     bool all = fits(placed_.values_);
     for (const PlacedAxis& axis : placed_.axes_)
         all = all && fits(axis.grid_);

@@ -31,6 +31,7 @@ std::optional<std::uint64_t> Placer::elementsOf(const Entry& entry) const {
         const auto pairs = sizing(0);
         return pairs ? std::optional(kPair * *pairs) : std::nullopt;
     }
+    if (object_->recordStride) return 1;  // of the first record, as which the others are laid out
     std::vector<std::uint32_t> counts;
     for (std::size_t i = 0; i < object_->dimensions.size(); ++i) {
         const auto count = sizing(i);

@@ -1,5 +1,6 @@
 #include "cli/command_describe.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
@@ -9,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "a2l/object.h"
+#include "a2l/object_name.h"
 #include "a2l/similar_names.h"
 #include "cli/conversion_facts.h"
 #include "cli/object_facts.h"
@@ -258,13 +260,18 @@ class DescribeReport final : public IReport {
         if (const std::string text = obstacle(); !text.empty()) json.member("notReadable", text);
     }
 
+    std::string reference(const a2l::AxisDescription& axis) const {
+        return object_.leaf == nullptr ? std::string(axis.reference)
+                                       : a2l::resolveReference(*object_.leaf, axis.reference);
+    }
+
     void printAxes(Sheet& sheet) const {
         sheet.lineIf("input", object_.inputQuantity);
         if (object_.maxAxisPoints) sheet.line("points", fmt::format("{} at most", *object_.maxAxisPoints));
         for (std::size_t i = 0; i < object_.axes.size(); ++i) {
             const a2l::AxisDescription& axis = object_.axes[i];
             const std::string points =
-                axis.reference.empty() ? "" : fmt::format(", points in {}", axis.reference);
+                axis.reference.empty() ? "" : fmt::format(", points in {}", reference(axis));
             sheet.line(fmt::format("axis {}", i + 1),
                        fmt::format("{}, input {}, {} points at most, limits {}, conversion {}{}",
                                    a2l::axisKindName(axis.kind), axis.inputQuantity, axis.maxAxisPoints,
@@ -283,7 +290,7 @@ class DescribeReport final : public IReport {
             json.member("conversion", axis.conversion);
             json.member("maxAxisPoints", axis.maxAxisPoints);
             json.listMember("limits", std::array{axis.lowerLimit, axis.upperLimit});
-            if (!axis.reference.empty()) json.member("axisPoints", axis.reference);
+            if (!axis.reference.empty()) json.member("axisPoints", reference(axis));
             json.endObject();
         }
         json.endArray();
@@ -320,6 +327,21 @@ class DescribeReport final : public IReport {
     const Relations relations_;
 };
 
+/// The object that an element or an axis is a part of; the name itself when it has no such part.
+std::string wholeOf(const a2l::Description& description, const a2l::ObjectName& part) {
+    const auto object = a2l::findObject(description, part.object);
+    if (!object) return part.object;  // what keeps it from being read is told there
+    const a2l::Object& whole = object.value();
+    if (part.axis && *part.axis >= whole.axes.size()) return part.text;
+    std::vector<std::uint32_t> dimensions = whole.dimensions;
+    if (part.axis) dimensions = {whole.axes[*part.axis].maxPoints};
+    const bool fits = part.indices.empty() ||
+                      (part.indices.size() == dimensions.size() &&
+                       std::equal(part.indices.begin(), part.indices.end(), dimensions.begin(),
+                                  [](const auto& index, auto count) { return index.value_or(0) < count; }));
+    return fits ? part.object : part.text;
+}
+
 }  // namespace
 
 void DescribeCommand::addOptions(CLI::App& app) {
@@ -330,7 +352,10 @@ void DescribeCommand::addOptions(CLI::App& app) {
 int DescribeCommand::run(Workplace& place) {
     const auto description = loadA2l(place);
     if (!description) return 1;
-    const auto object = findFacts(*description, name_);
+    auto object = findFacts(*description, name_);
+    // Of an element or an axis there is no more to say than the object that it lies in tells.
+    if (const auto part = a2l::parseObjectName(*description, name_); !object && part)
+        object = findFacts(*description, wholeOf(*description, part.value()));
     if (!object) {
         Error unknown{ErrorCode::notFound, "'" + name_ + "' is not in the A2L"};
         unknown.hint = a2l::unknownNameHint(*description, name_);

@@ -22,6 +22,7 @@
 #include "cli/stop_signal.h"
 #include "core/text.h"
 #include "session/folder_filter.h"
+#include "session/name_pattern.h"
 #include "storage/read/signal_selection.h"
 
 namespace lm::cli {
@@ -93,6 +94,11 @@ struct Row {
     std::uint32_t elementCount = 1;
     std::span<const a2l::AxisDescription> axes = {};
     std::span<const std::uint32_t> arrayOf = {};  ///< of an instance or one of its parts
+    const a2l::Leaf* leaf = nullptr;              ///< of a part: what THIS stands for
+
+    std::string reference(const a2l::AxisDescription& axis) const {
+        return leaf == nullptr ? std::string(axis.reference) : a2l::resolveReference(*leaf, axis.reference);
+    }
 };
 
 constexpr std::string_view kReadOnly = "  read-only\n";
@@ -188,9 +194,11 @@ Row rowOf(const a2l::Description& description, const a2l::Leaf& leaf, Units& uni
     if (row.description.empty()) row.description = description.details(*leaf.instance).longIdentifier;
     if (row.letter == 'M' && row.events.empty()) row.events = description.events(*leaf.instance);
     row.arrayOf = leaf.dimensions;
+    row.leaf = &leaf;
     for (const a2l::Overwrite* overwrite : leaf.overwrites) {
         if (overwrite->axis != 0) continue;
         if (!overwrite->conversion.empty()) row.unit = units.of(overwrite->conversion);
+        if (overwrite->physUnit) row.unit = *overwrite->physUnit;  // also when empty
         if (overwrite->limits) row.limits = overwrite->limits;
     }
     return row;
@@ -216,11 +224,13 @@ class Matcher {
         const bool all = !options_.onlyMeasurements && !options_.onlyParameters && !options_.onlyAxes;
         if (all || options_.onlyMeasurements) takeMatches(description_.measurements);
         if (all || options_.onlyParameters) takeMatches(description_.characteristics);
-        if (options_.onlyAxes) takeMatches(description_.axisPoints);
+        // Who names a folder wants all of it; there may be thousands of axes outside.
+        if (options_.onlyAxes || (all && !folders_.takesAll())) takeMatches(description_.axisPoints);
         if (all) takeMatches(description_.blobs);
         for (const a2l::Instance& instance : description_.instances) {
             if (all) takeIfMatching(instance);
-            if (options_.leaves || reachesBelow(instance.name)) takeLeaves(instance);
+            const bool inFolder = !folders_.takes(instance.name) && folders_.takesPartsOf(instance.name);
+            if (options_.leaves || inFolder || reachesBelow(instance.name)) takeLeaves(instance);
         }
         return count_;
     }
@@ -244,8 +254,14 @@ class Matcher {
         ++count_;
     }
 
-    /// The pattern begins with the instance and goes on with a part of it.
+    /// The pattern begins with the instance and goes on with a part of it, or may match some by its
+    /// wildcards.
     bool reachesBelow(std::string_view instance) {
+        if (pattern_.find_first_of("*?") != std::string::npos &&
+            pattern_.find_first_of(".[") != std::string::npos) {
+            lowerAsciiInto(name_, instance);
+            return session::mayMatchBelow(name_, pattern_);
+        }
         if (pattern_.size() <= instance.size()) return false;
         const char next = pattern_[instance.size()];
         if (next != '.' && next != '[') return false;
@@ -305,7 +321,7 @@ std::string axesText(const Row& row) {
     std::vector<std::string> texts;
     for (const a2l::AxisDescription& axis : row.axes) {
         std::string text(a2l::axisKindName(axis.kind));
-        if (!axis.reference.empty()) text += fmt::format(" {}", axis.reference);
+        if (!axis.reference.empty()) text += fmt::format(" {}", row.reference(axis));
         if (axis.inputQuantity != "NO_INPUT_QUANTITY") text += fmt::format(" over {}", axis.inputQuantity);
         texts.push_back(std::move(text));
     }
@@ -349,7 +365,7 @@ void writeRow(const a2l::Description& description, const Row& row, JsonWriter& j
             json.beginObject();
             json.member("attribute", a2l::axisKindName(axis.kind));
             json.member("inputQuantity", axis.inputQuantity);
-            if (!axis.reference.empty()) json.member("axisPoints", axis.reference);
+            if (!axis.reference.empty()) json.member("axisPoints", row.reference(axis));
             json.endObject();
         }
         json.endArray();

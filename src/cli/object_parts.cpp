@@ -67,7 +67,13 @@ std::vector<MemoryPart> placedParts(const a2l::PlacedObject& placed) {
 ObjectParts partsOf(const a2l::Description& description, std::string_view name) {
     ObjectParts parts;
     const auto object = a2l::findObject(description, name);
-    if (!object) return parts;
+    if (!object) {
+        if (const a2l::Instance* instance = description.findInstance(name)) {
+            const auto dimensions = description.dimensions(description.details(*instance).extent);
+            parts.dimensions.assign(dimensions.begin(), dimensions.end());
+        }
+        return parts;
+    }
     parts.dimensions = object.value().dimensions;
     for (const a2l::Assumption assumption : object.value().assumptions.list())
         parts.restsOn.emplace_back(a2l::assumptionText(assumption));

@@ -17,8 +17,12 @@ Result<FolderFilter> FolderFilter::create(const a2l::Description& description,
     FolderFilter filter;
     filter.takesAll_ = groups.empty() && functions.empty();
     const auto add = [&](const a2l::Folder& folder) {
-        for (const std::string_view name : a2l::objectsIn(description, folder))
+        for (const std::string_view name : a2l::objectsIn(description, folder)) {
             filter.names_.insert(name);
+            for (std::size_t end = name.find_first_of(".["); end != std::string_view::npos;
+                 end = name.find_first_of(".[", end + 1))
+                filter.owners_.insert(name.substr(0, end));
+        }
     };
     for (const std::string& name : groups) {
         const a2l::Folder* const group = description.findGroup(name);

@@ -27,10 +27,13 @@ class FolderFilter {
     bool takesAll() const { return takesAll_; }
     /// A part of an instance is in the folders that have the instance, a structure in it, or the part.
     bool takes(std::string_view name) const;
+    /// Whether parts of the instance are named one by one.
+    bool takesPartsOf(std::string_view instance) const { return owners_.contains(instance); }
 
   private:
     bool takesAll_ = true;
     std::unordered_set<std::string_view> names_;
+    std::unordered_set<std::string_view> owners_;  ///< what the names are parts of
 };
 
 }  // namespace lm::session

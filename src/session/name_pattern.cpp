@@ -17,14 +17,54 @@ bool isOfKind(const a2l::Leaf& leaf, NameKind kind) {
     return kind == NameKind::all || isMeasurement == (kind == NameKind::measurements);
 }
 
-/// Whether parts of the instance may match: they begin with its name.
+/// A pattern whose last indices choose elements: "*.pressure[1]" of the arrays that "*.pressure" matches.
+struct ElementPattern {
+    std::string_view array;
+    std::string_view indices;
+};
+
+/// The ways to read the end of a pattern as indices, the one with the fewest first.
+std::vector<ElementPattern> elementPatterns(std::string_view pattern) {
+    std::vector<ElementPattern> ways;
+    std::string_view array = pattern;
+    while (array.ends_with(']')) {
+        const std::size_t open = array.rfind('[');
+        if (open == std::string_view::npos || open == 0) break;
+        const std::string_view inside = array.substr(open + 1, array.size() - open - 2);
+        const bool isNumber =
+            !inside.empty() && inside.find_first_not_of("0123456789") == std::string_view::npos;
+        if (!isNumber && inside != "*") break;
+        array = array.substr(0, open);
+        ways.push_back({array, pattern.substr(open)});
+    }
+    return ways;
+}
+
+bool isArray(const a2l::Measurement& record) {
+    return record.elementCount > 1;
+}
+bool isArray(const a2l::Characteristic& record) {
+    const bool isNumbers = record.type != a2l::CharacteristicType::ascii;
+    return isNumbers && (record.elementCount > 1 || !record.axes.empty());
+}
+bool isArray(const a2l::AxisPoints& /*record*/) {
+    return true;
+}
+bool isArray(const a2l::Blob& /*record*/) {
+    return true;
+}
+bool isArray(const a2l::Leaf& leaf) {
+    const bool hasParts = std::visit([](const auto* record) { return isArray(*record); }, leaf.record);
+    return hasParts || !leaf.dimensions.empty();
+}
+
+}  // namespace
+
 bool mayMatchBelow(std::string_view instance, std::string_view pattern) {
     const std::string_view plain = pattern.substr(0, pattern.find_first_of("*?"));
     const std::size_t common = std::min(plain.size(), instance.size());
     return plain.substr(0, common) == instance.substr(0, common);
 }
-
-}  // namespace
 
 Result<void> checkParts(const a2l::Description& description, std::string_view pattern,
                         std::string_view purpose) {
@@ -48,12 +88,22 @@ bool isNamePattern(const a2l::Description& description, std::string_view text) {
 std::vector<std::string> namesMatching(const a2l::Description& description, std::string_view pattern,
                                        NameKind kind, const StopToken& stop) {
     std::vector<std::string> names;
-    const auto take = [&](std::string_view name) {
-        if (storage::matchesPattern(name, pattern)) names.emplace_back(name);
+    const std::vector<ElementPattern> ways = elementPatterns(pattern);
+    const auto take = [&](const auto& record) {
+        const std::string_view name = record.name;
+        if (storage::matchesPattern(name, pattern)) {
+            names.emplace_back(name);
+            return;
+        }
+        for (const ElementPattern& way : ways) {
+            if (!isArray(record) || !storage::matchesPattern(name, way.array)) continue;
+            names.emplace_back(std::string(name) + std::string(way.indices));
+            return;
+        }
     };
     const auto takeAll = [&](const auto& records) {
         for (const auto& record : records)
-            take(record.name);
+            take(record);
     };
     if (kind != NameKind::parameters) takeAll(description.measurements);
     if (kind != NameKind::measurements) {
@@ -64,7 +114,7 @@ std::vector<std::string> namesMatching(const a2l::Description& description, std:
     for (const a2l::Instance& instance : description.instances) {
         if (!mayMatchBelow(instance.name, pattern)) continue;
         a2l::walkLeaves(description, instance, [&](const Result<a2l::Leaf>& leaf) {
-            if (leaf.ok() && isOfKind(leaf.value(), kind)) take(leaf.value().name);
+            if (leaf.ok() && isOfKind(leaf.value(), kind)) take(leaf.value());
             return !stop.requested();
         });
     }

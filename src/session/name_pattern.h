@@ -20,6 +20,9 @@ bool isNamePattern(const a2l::Description& description, std::string_view text);
 /// Parameters are all that is no measurement: axes and blobs, too.
 enum class NameKind : std::uint8_t { all, measurements, parameters };
 
+/// Whether parts of the instance may match: they begin with its name.
+bool mayMatchBelow(std::string_view instance, std::string_view pattern);
+
 /// A pattern is held against each part: of a structure with too many of them no one would see the end.
 /// `purpose` says what the names are for: "measured". Error (invalidArgument): "'PATTERN' reaches into
 /// INSTANCE, which has N parts: name those to be measured".
@@ -27,7 +30,8 @@ Result<void> checkParts(const a2l::Description& description, std::string_view pa
                         std::string_view purpose);
 
 /// The measurements, parameters, axes, blobs and leaves that match (storage::matchesPattern), each kind in
-/// the order of the file. A stop ends the search with what was found.
+/// the order of the file. Where only the end of the pattern is indices of an array that the rest matches, the
+/// name bears them: NAME[1]. A stop ends the search with what was found.
 std::vector<std::string> namesMatching(const a2l::Description& description, std::string_view pattern,
                                        NameKind kind = NameKind::all, const StopToken& stop = {});
 

@@ -167,6 +167,13 @@ class Chooser {
             kind = "parameter";
             matches = addMatches(namesMatching(source_.description, pattern, NameKind::parameters), events);
         }
+        if (matches.all == 0 && !source_.folders.takesAll() &&
+            !namesMatching(source_.description, pattern).empty()) {
+            return Error{ErrorCode::notFound,
+                         fmt::format("'{}' matches names of the A2L, none of them in the groups and "
+                                     "functions that were named",
+                                     pattern)};
+        }
         if (matches.all == 0) {
             Error none{ErrorCode::notFound, fmt::format("'{}' matches no name of the A2L", pattern)};
             none.hint = caseHint(source_.description, pattern);

@@ -78,6 +78,16 @@ const std::string kCommon = R"A2L(
 /begin TYPEDEF_CHARACTERISTIC tAt1 "" CURVE LROW 0 NO_COMPU_METHOD 0 255
   /begin AXIS_DESCR COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 9 0 255 AXIS_PTS_REF THIS.ax[1] /end AXIS_DESCR /end TYPEDEF_CHARACTERISTIC
 /begin INSTANCE arr "" A 0x8000 /end INSTANCE
+/begin TYPEDEF_CHARACTERISTIC tRec "" VALUE LBEFORE 0 NO_COMPU_METHOD 0 65535 /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_CHARACTERISTIC tOdd "" VALUE LODD 0 NO_COMPU_METHOD 0 65535 /end TYPEDEF_CHARACTERISTIC
+/begin TYPEDEF_CHARACTERISTIC tPtr "" VALUE LPTR 0 NO_COMPU_METHOD 0 65535 /end TYPEDEF_CHARACTERISTIC
+/begin RECORD_LAYOUT LODD RESERVED 1 BYTE FNC_VALUES 2 UWORD ROW_DIR DIRECT RESERVED 3 BYTE /end RECORD_LAYOUT
+/begin RECORD_LAYOUT LPTR FNC_VALUES 1 UWORD ROW_DIR PLONG /end RECORD_LAYOUT
+/begin INSTANCE rec "" tRec 0x9000 MATRIX_DIM 2 2 /end INSTANCE
+/begin INSTANCE odd "" tOdd 0x9000 MATRIX_DIM 2 /end INSTANCE
+/begin INSTANCE ptr "" tPtr 0x9000 MATRIX_DIM 2 /end INSTANCE
+/begin TYPEDEF_AXIS tBadAxis "" NO_INPUT_QUANTITY L7 0 none_such 2 0 255 /end TYPEDEF_AXIS
+/begin INSTANCE badAxis "" tBadAxis 0x9000 /end INSTANCE
 /begin MEASUREMENT far "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1200 ADDRESS_TYPE PLONG ARRAY_SIZE 2 /end MEASUREMENT
 )A2L";
 
@@ -119,6 +129,7 @@ const std::string kText = "/begin PROJECT P \"\" /begin MODULE M \"\"" + kCommon
     curve("cres", "CURVE 0x3500 LROW", "RES_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 9 0 255 AXIS_PTS_REF res") +
     curve("cfix", "CURVE 0x3600 LFIX", "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255") +
     curve("cbad", "CURVE 0x3600 LW", "COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255 AXIS_PTS_REF gone") +
+    curve("cpart", "CURVE 0x3600 LW", "COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255 AXIS_PTS_REF badAxis") +
     curve("cnone", "CURVE 0x3600 LAX", kX3) + curve("cstd", "CURVE 0x3600 LW", kX3) +
     curve("cend", "CURVE 0xFFFFFFFE LW", "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 1 FIX_AXIS_PAR 0 0 2") +
     curve("chuge", "CURVE 0 LW", "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 1000000000 0 1 FIX_AXIS_PAR 0 0 1000000000") +
@@ -225,6 +236,7 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
                       0, 0, 0x80, 0x3F, 0, 0, 0xC0, 0x3F, 0, 0, 0, 0xC0};
     const Bytes ax3 = {4, 0, 0x9C, 0xFF, 0, 0, 0x64, 0, 0xC8, 0};
     const Bytes m2 = {11, 12, 13, 21, 22, 23};
+    const Bytes rec = {9, 9, 9, 0, 1, 0, 9, 9, 9, 0, 2, 0, 9, 9, 9, 0, 3, 0, 9, 9, 9, 0, 4, 0};
     const Bytes inst = {1, 0, 0, 0, 10, 0, 20, 0, 30, 0, 0xFB, 0, 2, 0, 0, 0, 40, 0, 50, 0, 60, 0, 5, 0};
     Bytes c52 = c5;
     c52.erase(c52.begin() + 5, c52.begin() + 7);
@@ -273,6 +285,10 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
         {"inst[1].b", {{0x4000, inst}}, "40 50 60"},
         {"blob", {{0x4000, inst}}, "1 0"},
         {"away.curve", {{0x7000, {0, 0x70, 1, 0}}, {0x17000, {1, 2, 3, 4}}}, "1 2 | 0.3 0.4"},
+        {"rec", {{0x9000, rec}}, "1 2 3 4"},
+        {"rec[1][0]", {{0x9000, rec}}, "2"},
+        {"rec[0][1]", {{0x9000, rec}}, "3"},
+        {"ptr[1]", {{0x9004, {0, 0x60, 0, 0}}, {0x6000, {7, 0}}}, "7"},
         {"late", {{0x1101, {9, 9, 9, 0x34, 0x12}}}, "4660"},
     };
     for (const Row& row : rows) {
@@ -373,6 +389,9 @@ TEST_F(ObjectsInMemory, AreRefusedWhenTheyDoNotFit) {
         {"c10", {1, 10, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF}, 0x5000, "no memory at fffffffe"},
         {"c10", {3, 10, 20, 30, 0xFE, 0xFF, 0xFF, 0xFF}, 0x5000, "c10: reaches beyond the last address"},
         {"cbad", {}, 0, "cbad.x: AXIS_PTS 'gone' not found"},
+        {"cpart", {}, 0, "cpart.x: badAxis: COMPU_METHOD 'none_such' not found"},
+        {"odd", {}, 0, "odd: borders put its elements at uneven distances: name one, as in odd[0]"},
+        {"ptr", {}, 0, "ptr: each of its elements has a pointer of its own: name one, as in ptr[0]"},
         {"cnone", {}, 0, "cnone: RECORD_LAYOUT 'LAX' without FNC_VALUES"},
         {"cstd", {}, 0, "cstd.x: RECORD_LAYOUT 'LW' without the points of this STD_AXIS"},
         {"calt",

@@ -39,7 +39,8 @@ constexpr std::string_view kTypes = R"(
 /begin TYPEDEF_STRUCTURE D "" 4 /begin STRUCTURE_COMPONENT c C 0 /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE
 /begin INSTANCE inst "" S 0x4000 MATRIX_DIM 2 /end INSTANCE
 /begin INSTANCE t "" T 0x5000 ECU_ADDRESS_EXTENSION 3 ADDRESS_TYPE PWORD
-  /begin OVERWRITE s.b 0 LIMITS 1 2 /end OVERWRITE /begin OVERWRITE THIS 0 FORMAT "%1" /end OVERWRITE /end INSTANCE
+  /begin OVERWRITE s.b 0 LIMITS 1 2 /end OVERWRITE /begin OVERWRITE THIS 0 FORMAT "%1" /end OVERWRITE
+  /begin OVERWRITE k 2 FORMAT "%1" /end OVERWRITE /begin OVERWRITE gone 0 FORMAT "%1" /end OVERWRITE /begin OVERWRITE k 1 FORMAT "%1" /end OVERWRITE /end INSTANCE
 /begin INSTANCE plain "" tB 0x6000 MATRIX_DIM 1000000000
   /begin OVERWRITE THIS 0 PHYS_UNIT "" CONVERSION cm /end OVERWRITE /end INSTANCE
 /begin INSTANCE huge "" S 0xFFFFFFF0 MATRIX_DIM 100000 10000 /end INSTANCE
@@ -97,8 +98,10 @@ TEST(Structures, FindLeaves) {
               "skipped: STRUCTURE_COMPONENT 'T.lost' (line 12): type 'none' not found\n"
               "skipped: TYPEDEF_STRUCTURE 'C' (line 20): it contains itself, or a structure that does\n"
               "skipped: TYPEDEF_STRUCTURE 'D' (line 21): it contains itself, or a structure that does\n"
-              "'plain' names a BLOB and an INSTANCE (line 25): the BLOB is used\n"
-              "skipped: INSTANCE 'un.typed' (line 28): type 'none' not found");
+              "OVERWRITE 'THIS' 0 of INSTANCE 't' (line 23) and 2 more: no value or axis is called so, it "
+              "changes nothing\n"
+              "'plain' names a BLOB and an INSTANCE (line 26): the BLOB is used\n"
+              "skipped: INSTANCE 'un.typed' (line 29): type 'none' not found");
 }
 
 TEST(Structures, AreWalkedInOrderAndAsFarAsAsked) {

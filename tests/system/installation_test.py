@@ -23,6 +23,10 @@ COMPLETED = [
     ("xcplumo-cli --a2l=examples/demo.a2l measure -t 1 -s wave@cr", "wave@crank_tooth"),
     ("xcplumo-cli recording show rec -s wa", "wave"),
     ("xcplumo-cli export rec -o x.csv -s ", "wave gear"),
+    ("xcplumo-cli export rec -s gear wa", "wave"),
+    ("xcplumo-cli -c examples/demo.json measure -s wave ignition_an", "ignition_angle"),
+    ("xcplumo-cli -c examples/demo.json measure --event c", "cyclic_1ms cyclic_10ms cyclic_100ms crank_tooth"),
+    ("xcplumo-cli -c examples/demo.json list ignition_an", "ignition_angle"),
     ("xcplumo-cli export re", ":files"),
 ]
 

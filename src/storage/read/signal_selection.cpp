@@ -130,6 +130,18 @@ std::optional<std::int64_t> parseIsoTime(std::string_view text) {
     return time;
 }
 
+/// NAME stands for its elements, NAME[0] or NAME[0][3], too.
+bool standsFor(std::string_view pattern, std::string_view signal) {
+    if (matchesPattern(signal, pattern)) return true;
+    while (signal.ends_with(']')) {
+        const std::size_t open = signal.rfind('[');
+        if (open == std::string_view::npos || open == 0) return false;
+        signal = signal.substr(0, open);
+        if (matchesPattern(signal, pattern)) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 bool matchesPattern(std::string_view text, std::string_view pattern) {
@@ -167,7 +179,7 @@ Result<std::vector<SignalPlace>> selectSignals(const RecordingInfo& info,
         for (std::size_t s = 0; s < info.groups[g].signals.size(); ++s) {
             bool wanted = patterns.empty();
             for (std::size_t p = 0; p < patterns.size(); ++p) {
-                if (!matchesPattern(info.groups[g].signals[s].name, patterns[p])) continue;
+                if (!standsFor(patterns[p], info.groups[g].signals[s].name)) continue;
                 used[p] = true;
                 wanted = true;
             }

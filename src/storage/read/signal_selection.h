@@ -25,6 +25,7 @@ struct SignalPlace {
 bool matchesPattern(std::string_view text, std::string_view pattern);
 
 /// The signals whose name matches one of the patterns, all for no patterns, in the order of the recording.
+/// "NAME" stands for its elements "NAME[0]", too.
 /// Errors: notFound "no signal matches 'PATTERN' in this recording" for a pattern without a match.
 Result<std::vector<SignalPlace>> selectSignals(const RecordingInfo& info,
                                                const std::vector<std::string>& patterns);
