@@ -201,11 +201,11 @@ void readCommon(Object& object, Word word, const Block& block, std::size_t value
                 object.readOnly = object.readOnly || forbidsWriting(object.access);
             }
             break;
-        case Word::guardRails:
-            if constexpr (requires { object.guardRails; }) object.guardRails = true;
-            break;
         case Word::displayIdentifier:
             object.displayIdentifier = store.own(readIdentifier(block, value, "DISPLAY_IDENTIFIER"));
+            break;
+        case Word::guardRails:
+            if constexpr (requires { object.guardRails; }) object.guardRails = true;
             break;
         case Word::ecuAddressExtension:
             object.addressExtension = readCount<std::uint8_t>(block, value, "ECU_ADDRESS_EXTENSION");
