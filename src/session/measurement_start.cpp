@@ -58,7 +58,7 @@ std::string directoryName(const std::filesystem::path& directory) {
         const auto normal = path.lexically_normal();
         return (normal.has_filename() ? normal : normal.parent_path()).filename().string();
     };
-    const std::string name = lastPart(directory);
+    std::string name = lastPart(directory);
     if (name != "." && name != "..") return name;
     std::error_code failure;
     const auto real = std::filesystem::weakly_canonical(directory, failure);
