@@ -46,7 +46,10 @@ Result<std::vector<double>> Computation::compute(const a2l::Dependency& dependen
     std::size_t count = 1;
     for (const std::string_view source : description_.sources(dependency)) {
         auto numbers = numbersOf(source);
-        if (!numbers) return numbers.error();
+        if (!numbers) {
+            path_.clear();
+            return numbers.error();
+        }
         count = std::max(count, numbers.value().size());
         sources.push_back(std::move(numbers).value());
     }
