@@ -26,11 +26,9 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     const auto& texts = options.signals.empty() ? unnamed : options.signals;
     xcp::ConnectInfo connection = context.master.connectInfo();
     connection.maxDto = context.medium.largestDto(connection.maxDto);
-    SignalSource source{context.description,
-                        context.capabilities,
-                        {},
-                        memoryReader(context.master),
-                        std::move(folders).value()};
+    SignalSource source{.description = context.description, .capabilities = context.capabilities};
+    source.read = memoryReader(context.master);
+    source.folders = std::move(folders).value();
     auto plan = planMeasurement(std::move(source), texts, context.config.daq, connection,
                                 !options.recordDirectory.empty());
     if (!plan.ok()) return plan.error();

@@ -72,18 +72,17 @@ TEST_F(MeasurementPlanTest, SignalsAreChosenByPatternAndEventName) {
     capabilities_.events.push_back({4, 0, 1, std::string("twin\0", 5)});
     const std::vector<xcp::EventChannel> twins = {{5, 0, 1, "same"}, {6, 0, 1, "same"}};
     capabilities_.events.insert(capabilities_.events.end(), twins.begin(), twins.end());
-    const DefaultEvent automatic{2, "", true};
     const std::string kTurned =
         "turned: a recording cannot say what its BIT_OPERATION does, measure it without recording";
     const struct {
         std::vector<std::string> texts;
-        DefaultEvent bare;
+        const char* bare;
         bool recorded;
         std::string result;
     } rows[] = {
-        {{"*e*", "speed@1", "l?ad"}, {}, false, "speed@0 turned@0 speed@1 load@0 "},
+        {{"*e*", "speed@1", "l?ad"}, "0", false, "speed@0 turned@0 speed@1 load@0 "},
         {{"*", "*ed"},
-         automatic,
+         "auto",
          true,
          "speed@1 load@2 '*' matches 3 measurement(s), 1 of which cannot be measured "
          "and are left out: " +
@@ -91,23 +90,23 @@ TEST_F(MeasurementPlanTest, SignalsAreChosenByPatternAndEventName) {
              "'*ed' matches 2 measurement(s), 1 of which cannot be measured and are left "
              "out: " +
              kTurned},
-        {{"load@10 ms", "speed@twin", "speed@1"}, {}, false, "load@1 speed@4 speed@1 "},
-        {{"s*"}, {0, "10 ms"}, false, "speed@1 "},
-        {{"p*@2"}, {}, false, "p@2 "},
-        {{"speed@same"}, {}, false, "events 5 and 6 are both called 'same', give the number"},
-        {{"speed@"}, {}, false, "stoul: '' is not a number from 0 to 65535"},
-        {{"speed@9 ms"}, {}, false, "stoul: '9 ms' is not a number from 0 to 65535"},
-        {{"x*"}, {}, false, "'x*' matches no name of the A2L"},
-        {{"t*"}, {}, true, "'t*' matches 1 measurement(s), none of which can be measured: " + kTurned},
+        {{"load@10 ms", "speed@twin", "speed@1"}, "0", false, "load@1 speed@4 speed@1 "},
+        {{"s*"}, "10 ms", false, "speed@1 "},
+        {{"p*@2"}, "0", false, "p@2 "},
+        {{"speed@same"}, "0", false, "events 5 and 6 are both called 'same', give the number"},
+        {{"speed@"}, "0", false, "stoul: '' is not a number from 0 to 65535"},
+        {{"speed@9 ms"}, "0", false, "stoul: '9 ms' is not a number from 0 to 65535"},
+        {{"x*"}, "0", false, "'x*' matches no name of the A2L"},
+        {{"t*"}, "0", true, "'t*' matches 1 measurement(s), none of which can be measured: " + kTurned},
         {{"*@7"},
-         {},
+         "0",
          false,
          "'*' matches 3 measurement(s), none of which can be measured: speed: event channel 7 does "
          "not exist"},
-        {{"x"}, {}, false, "'x' is neither a MEASUREMENT nor a CHARACTERISTIC"},
+        {{"x"}, "0", false, "'x' is neither a MEASUREMENT nor a CHARACTERISTIC"},
     };
     for (const auto& row : rows) {
-        daq_.defaultEvent = row.bare;
+        daq_.defaultEvent = parseDefaultEvent(row.bare, {2});
         const auto result =
             planMeasurement({description_, capabilities_}, row.texts, daq_, connection_, row.recorded);
         std::string text = result.ok() ? "" : result.error().text();
