@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -35,6 +36,32 @@ struct EventChannel {
     std::uint8_t priority = 0;
 };
 
+struct OdtEntry {
+    Address address = {};
+    std::uint16_t size = 0;    ///< bytes
+    std::uint16_t offset = 0;  ///< inside the ODT's payload
+};
+
+struct Odt {
+    std::vector<OdtEntry> entries = {};
+    std::uint16_t payloadSize = 0;   ///< bytes of all entries; identification and timestamp not included
+    std::uint32_t recordOffset = 0;  ///< where the payload lies in the list's record
+    std::uint8_t pid = 0;            ///< absolute PID, or the ODT's number in its list
+};
+
+/// A DAQ list that the slave has from the start: a static one, whose entries the master writes, or a
+/// predefined one, which it can only start.
+struct DaqListInfo {
+    std::uint16_t number = 0;
+    bool predefined = false;
+    bool offersDaq = true;        ///< direction slave to master; else it takes data only (STIM)
+    std::uint8_t maxOdt = 0;      ///< ODTs of the list
+    std::uint8_t maxEntries = 0;  ///< entries of each ODT
+    std::optional<std::uint16_t> fixedEvent = {};  ///< the only event channel that it can be given
+    std::optional<std::uint8_t> firstPid = {};     ///< as far as the A2L tells
+    std::vector<Odt> odts = {};                    ///< of a predefined one: what each ODT carries
+};
+
 struct DaqCapabilities {
     bool dynamicConfiguration = false;
     bool prescalerSupported = false;
@@ -54,6 +81,7 @@ struct DaqCapabilities {
     bool timestampFixed = false;
     std::int64_t tickNs = 0;  ///< nanoseconds per timestamp tick, 0: unknown
     std::vector<EventChannel> events = {};
+    std::vector<DaqListInfo> lists = {};  ///< static and predefined ones, by number; none: not known
 
     /// The channel of that number, nullptr when it is not known.
     const EventChannel* findEvent(std::uint16_t number) const;
@@ -71,19 +99,6 @@ struct DaqPlanOptions {
     std::uint16_t maxDto = 8;
     std::uint8_t addressGranularity = 1;  ///< bytes per address element, from CONNECT
     bool useTimestamps = true;
-};
-
-struct OdtEntry {
-    Address address = {};
-    std::uint16_t size = 0;    ///< bytes
-    std::uint16_t offset = 0;  ///< inside the ODT's payload
-};
-
-struct Odt {
-    std::vector<OdtEntry> entries = {};
-    std::uint16_t payloadSize = 0;   ///< bytes of all entries; identification and timestamp not included
-    std::uint32_t recordOffset = 0;  ///< where the payload lies in the list's record
-    std::uint8_t pid = 0;            ///< absolute PID, or the ODT's number in its list
 };
 
 struct DaqList {

@@ -1,4 +1,4 @@
-// DAQ of the slave through a connection: what it can do, the allocation of a plan, start and stop.
+// DAQ of the slave through a connection: the allocation of a plan, start and stop.
 //
 // Threads: any; each operation holds the line until it is done. Lifetime: the connection is borrowed and must
 // outlive this.
@@ -36,7 +36,6 @@ class DaqSetup {
     explicit DaqSetup(Connection& connection) : connection_(connection) {}
 
     /// See Master, which hands these on.
-    Result<DaqCapabilities> capabilities();
     Result<std::vector<std::uint8_t>> configure(const DaqPlan& plan, FirstPids source, DaqRefusal& refusal);
     Result<void> start();
     Result<void> stop();
@@ -44,10 +43,6 @@ class DaqSetup {
   private:
     using Turn = Connection::Turn;
 
-    static Result<void> readResolution(Turn& turn, DaqCapabilities& capabilities);
-    static Result<void> readEvents(Turn& turn, DaqCapabilities& capabilities);
-    static Result<EventChannel> readEvent(Turn& turn, std::uint16_t channel);
-    static Result<std::optional<EventChannel>> tryEvent(Turn& turn, std::uint16_t channel, Repeats& repeats);
     static Result<void> allocate(Turn& turn, const DaqPlan& plan);
     static Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
                                  DaqRefusal& refusal);

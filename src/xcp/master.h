@@ -22,6 +22,7 @@
 #include "xcp/connection.h"
 #include "xcp/counter.h"
 #include "xcp/daq_plan.h"
+#include "xcp/daq_queries.h"
 #include "xcp/daq_setup.h"
 #include "xcp/master_options.h"
 #include "xcp/memory.h"
@@ -97,7 +98,7 @@ class Master final : public IPacketSink {
 
     /// Asks the slave. Errors: unsupported "slave does not offer the DAQ resource", shortResponse(). A slave
     /// without GET_DAQ_EVENT_INFO gives no `events`.
-    Result<DaqCapabilities> daqCapabilities() { return daq_.capabilities(); }
+    Result<DaqCapabilities> daqCapabilities() { return readDaqCapabilities(connection_); }
     /// Allocates, writes and selects the lists of the plan. Returns the first PID of each list. Further
     /// errors: protocolError "START_STOP_DAQ_LIST: the ECU's first PIDs ..." when with absolute
     /// identification the slave's own numbers collide.
