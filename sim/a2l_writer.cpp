@@ -4,7 +4,7 @@
 
 #include "sim/a2l_objects.h"
 #include "sim/event_cycle.h"
-#include "sim/protocol.h"
+#include "sim/offered_commands.h"
 
 namespace lm::sim {
 namespace {
@@ -27,9 +27,10 @@ std::string protocolLayer(const Options& options) {
         "        ADDRESS_GRANULARITY_{}\n",
         options.maxCto, options.maxDto, orderWord(options.order), granularityWord(options.granularity));
     for (const CommandInfo& command : kCommands) {
-        if (!command.optional || options.without.count(command.code) != 0) continue;
+        if (command.presence == Presence::mandatory || !isOffered(command, options)) continue;
         text += fmt::format("        OPTIONAL_CMD {}\n", command.name);
     }
+    if (options.lock.resources != 0) text += "        SEED_AND_KEY_EXTERNAL_FUNCTION \"demo_key.dll\"\n";
     return text + "      /end PROTOCOL_LAYER\n";
 }
 

@@ -19,6 +19,7 @@
 #include "sim/runner.h"
 #include "sim/serial_medium.h"
 #include "sim/udp_medium.h"
+#include "sim/variant_options.h"
 
 namespace lm::sim {
 namespace {
@@ -59,6 +60,7 @@ constexpr const char* kFaultHelp =
 
 struct Arguments {
     Options options;
+    VariantOptions variants;
     std::string order = "intel";
     std::string overload = "event";
     std::string sameFirstPid;
@@ -217,6 +219,8 @@ Result<void> complete(Arguments& arguments) {
         const Result<void> done = completeCan(arguments);
         if (!done.ok()) return done.error();
     }
+    const Result<void> varied = arguments.variants.complete(o);
+    if (!varied.ok()) return varied.error();
     if (o.maxCto % o.granularity != 0 || o.maxDto % o.granularity != 0) {
         return Error{ErrorCode::invalidArgument, "--max-cto and --max-dto: multiples of the granularity"};
     }
@@ -285,6 +289,7 @@ int main(int argc, char** argv) {
     lm::sim::addCanOptions(app, arguments);
     lm::sim::addSerialOptions(app, arguments);
     lm::sim::addSlaveOptions(app, arguments);
+    arguments.variants.add(app, arguments.options);
     app.footer(lm::sim::kFaultHelp);
     app.set_version_flag("--version", std::string("xcplumo-sim ") + XCPLUMO_VERSION);
     if (argc == 2 && std::string_view(argv[1]) == lm::help::kManOption) {

@@ -19,6 +19,17 @@ enum class SameFirstPid : std::uint8_t { no, told, sent };
 /// How lost samples are told to the master (fault "overload").
 enum class OverloadIndication : std::uint8_t { none, topBit, event };
 
+/// Seed & key, and what is odd about it.
+struct LockOptions {
+    std::uint8_t resources = 0;   ///< locked after every CONNECT: bits of Resource
+    std::uint8_t seedBytes = 4;   ///< 1 to 255
+    std::uint8_t keyBytes = 0;    ///< 0: as many as the seed has
+    bool grantsOnce = false;      ///< a grant serves one command
+    bool locksReads = false;      ///< UPLOAD and SHORT_UPLOAD belong to CAL/PAG
+    bool locksQueries = false;    ///< what asks about DAQ, and its clock, belongs to DAQ
+    bool statusIsSilent = false;  ///< GET_STATUS and UNLOCK tell that nothing is locked
+};
+
 struct Options {
     // The slave.
     ByteOrder order = ByteOrder::littleEndian;
@@ -42,6 +53,7 @@ struct Options {
     bool selectStopped = false;                    ///< refuses to select a list that runs
     bool synchClears = false;             ///< SYNCH sets memory and DAQ pointer back to their first places
     std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
+    LockOptions lock = {};
 
     // The world.
     std::uint32_t fastEventUs = 1000;  ///< cycle of event 0 in microseconds

@@ -15,6 +15,8 @@ enum Command : std::uint8_t {
     kGetStatus = 0xFD,
     kSynch = 0xFC,
     kGetCommModeInfo = 0xFB,
+    kGetSeed = 0xF8,
+    kUnlock = 0xF7,
     kSetMta = 0xF6,
     kUpload = 0xF5,
     kShortUpload = 0xF4,
@@ -34,6 +36,9 @@ enum Command : std::uint8_t {
     kAllocOdtEntry = 0xD3,
 };
 
+/// Groups of commands, as CONNECT, GET_STATUS and GET_SEED name them.
+enum Resource : std::uint8_t { kCalibration = 0x01, kDaq = 0x04, kStim = 0x08, kPgm = 0x10 };
+
 enum PacketId : std::uint8_t { kResponse = 0xFF, kErrorPacket = 0xFE, kEventPacket = 0xFD };
 
 enum EventCode : std::uint8_t { kEvCmdPending = 0x05, kEvDaqOverload = 0x06, kEvSessionTerminated = 0x07 };
@@ -46,42 +51,52 @@ enum class Err : std::uint8_t {
     cmdSyntax = 0x21,
     outOfRange = 0x22,
     writeProtected = 0x23,
+    accessLocked = 0x25,
     modeNotValid = 0x27,
     sequence = 0x29,
     daqConfig = 0x2A,
     memoryOverflow = 0x30,
 };
 
+/// What makes the slave know a command.
+enum class Presence : std::uint8_t {
+    mandatory,  ///< always there, and in no OPTIONAL_CMD list of an A2L file
+    usual,      ///< there unless --without takes it away
+    withLock,   ///< there when a resource is locked
+};
+
 struct CommandInfo {
     Command code;
     std::string_view name;
     std::uint8_t length;  ///< shortest packet of the command
-    bool optional;        ///< named in the OPTIONAL_CMD list of the A2L file
+    Presence presence;
 };
 
 inline constexpr CommandInfo kCommands[] = {
-    {kConnect, "CONNECT", 2, false},
-    {kDisconnect, "DISCONNECT", 1, false},
-    {kGetStatus, "GET_STATUS", 1, false},
-    {kSynch, "SYNCH", 1, false},
-    {kGetCommModeInfo, "GET_COMM_MODE_INFO", 1, true},
-    {kSetMta, "SET_MTA", 8, true},
-    {kUpload, "UPLOAD", 2, true},
-    {kShortUpload, "SHORT_UPLOAD", 8, true},
-    {kDownload, "DOWNLOAD", 3, true},
-    {kSetDaqPtr, "SET_DAQ_PTR", 6, true},
-    {kWriteDaq, "WRITE_DAQ", 8, true},
-    {kSetDaqListMode, "SET_DAQ_LIST_MODE", 8, true},
-    {kStartStopDaqList, "START_STOP_DAQ_LIST", 4, true},
-    {kStartStopSynch, "START_STOP_SYNCH", 2, true},
-    {kGetDaqClock, "GET_DAQ_CLOCK", 1, true},
-    {kGetDaqProcessorInfo, "GET_DAQ_PROCESSOR_INFO", 1, true},
-    {kGetDaqResolutionInfo, "GET_DAQ_RESOLUTION_INFO", 1, true},
-    {kGetDaqEventInfo, "GET_DAQ_EVENT_INFO", 4, true},
-    {kFreeDaq, "FREE_DAQ", 1, true},
-    {kAllocDaq, "ALLOC_DAQ", 4, true},
-    {kAllocOdt, "ALLOC_ODT", 5, true},
-    {kAllocOdtEntry, "ALLOC_ODT_ENTRY", 6, true},
+    {kConnect, "CONNECT", 2, Presence::mandatory},
+    {kDisconnect, "DISCONNECT", 1, Presence::mandatory},
+    {kGetStatus, "GET_STATUS", 1, Presence::mandatory},
+    {kSynch, "SYNCH", 1, Presence::mandatory},
+    {kGetCommModeInfo, "GET_COMM_MODE_INFO", 1, Presence::usual},
+    {kGetSeed, "GET_SEED", 3, Presence::withLock},
+    {kUnlock, "UNLOCK", 2, Presence::withLock},
+    {kSetMta, "SET_MTA", 8, Presence::usual},
+    {kUpload, "UPLOAD", 2, Presence::usual},
+    {kShortUpload, "SHORT_UPLOAD", 8, Presence::usual},
+    {kDownload, "DOWNLOAD", 3, Presence::usual},
+    {kSetDaqPtr, "SET_DAQ_PTR", 6, Presence::usual},
+    {kWriteDaq, "WRITE_DAQ", 8, Presence::usual},
+    {kSetDaqListMode, "SET_DAQ_LIST_MODE", 8, Presence::usual},
+    {kStartStopDaqList, "START_STOP_DAQ_LIST", 4, Presence::usual},
+    {kStartStopSynch, "START_STOP_SYNCH", 2, Presence::usual},
+    {kGetDaqClock, "GET_DAQ_CLOCK", 1, Presence::usual},
+    {kGetDaqProcessorInfo, "GET_DAQ_PROCESSOR_INFO", 1, Presence::usual},
+    {kGetDaqResolutionInfo, "GET_DAQ_RESOLUTION_INFO", 1, Presence::usual},
+    {kGetDaqEventInfo, "GET_DAQ_EVENT_INFO", 4, Presence::usual},
+    {kFreeDaq, "FREE_DAQ", 1, Presence::usual},
+    {kAllocDaq, "ALLOC_DAQ", 4, Presence::usual},
+    {kAllocOdt, "ALLOC_ODT", 5, Presence::usual},
+    {kAllocOdtEntry, "ALLOC_ODT_ENTRY", 6, Presence::usual},
 };
 
 constexpr const CommandInfo* findCommand(std::uint8_t code) {

@@ -4,12 +4,11 @@
 #include <cstring>
 
 #include "sim/event_cycle.h"
+#include "sim/offered_commands.h"
 
 namespace lm::sim {
 namespace {
 
-constexpr std::uint8_t kResourceCalibration = 0x01;
-constexpr std::uint8_t kResourceDaq = 0x04;
 constexpr std::uint8_t kOptionalInfo = 0x80;  // COMM_MODE_BASIC: GET_COMM_MODE_INFO is there
 constexpr std::uint8_t kDaqRunning = 0x40;
 constexpr std::uint8_t kDriverVersion = 0x10;
@@ -22,13 +21,18 @@ constexpr bool isDaqCommand(std::uint8_t code) {
 }  // namespace
 
 Slave::Slave(const Options& options, const Catalog& catalog, World& world, FaultPlan& faults)
-    : options_(options), catalog_(catalog), world_(world), daq_(options, world, faults) {}
+    : options_(options),
+      catalog_(catalog),
+      world_(world),
+      daq_(options, world, faults),
+      security_(options.lock, options.maxCto) {}
 
 void Slave::reset() {
     connected_ = false;
     mta_ = 0;
     mtaExtension_ = 0;
     daq_.reset();
+    security_.lockAll();
 }
 
 void Slave::command(Packet packet, std::uint64_t ticks, Outbox& out) {
@@ -44,9 +48,10 @@ void Slave::command(Packet packet, std::uint64_t ticks, Outbox& out) {
 Slave::Refusal Slave::execute(Packet packet, std::uint64_t ticks) {
     const std::uint8_t code = packet[0];
     const CommandInfo* info = findCommand(code);
-    if (info == nullptr || options_.without.count(code) != 0) return Err::cmdUnknown;
+    if (info == nullptr || !isOffered(*info, options_)) return Err::cmdUnknown;
     if (isDaqCommand(code) && !options_.daq) return Err::cmdUnknown;
     if (packet.size() < info->length || packet.size() > options_.maxCto) return Err::cmdSyntax;
+    if (!security_.admit(code)) return Err::accessLocked;
     answer(1);
     switch (code) {
         case kConnect:
@@ -64,6 +69,9 @@ Slave::Refusal Slave::execute(Packet packet, std::uint64_t ticks) {
         case kGetCommModeInfo:
             commModeInfo();
             return std::nullopt;
+        case kGetSeed:
+        case kUnlock:
+            return executeSecurity(packet);
         case kGetDaqClock:
         case kGetDaqProcessorInfo:
         case kGetDaqResolutionInfo:
@@ -72,6 +80,22 @@ Slave::Refusal Slave::execute(Packet packet, std::uint64_t ticks) {
         default:
             return isDaqCommand(code) ? executeDaq(packet) : executeMemory(packet);
     }
+}
+
+Slave::Refusal Slave::executeSecurity(Packet packet) {
+    if (packet[0] == kGetSeed) {
+        const Refusal refusal = security_.requestSeed(packet[1], packet[2]);
+        if (refusal) return refusal;
+        const std::vector<std::uint8_t> part = security_.seedPart();
+        answer(2 + part.size())[1] = security_.seedLeft();
+        std::copy(part.begin(), part.end(), answer_.begin() + 2);
+        security_.seedPartSent();
+        return std::nullopt;
+    }
+    const Refusal refusal = security_.unlock(packet[1], packet.subspan(2));
+    if (refusal == Err::accessLocked) reset();
+    if (!refusal) answer(2)[1] = security_.toldLocked();
+    return refusal;
 }
 
 Slave::Refusal Slave::executeMemory(Packet packet) {
@@ -143,7 +167,7 @@ void Slave::connect() {
     reset();
     connected_ = true;
     std::uint8_t* to = answer(8);
-    to[1] = static_cast<std::uint8_t>(kResourceCalibration | (options_.daq ? kResourceDaq : 0));
+    to[1] = static_cast<std::uint8_t>(kCalibration | (options_.daq ? kDaq : 0));
     const std::uint8_t granularity = options_.granularity == 4 ? 0x04 : options_.granularity == 2 ? 0x02 : 0;
     to[2] = static_cast<std::uint8_t>((options_.order == ByteOrder::bigEndian ? 0x01 : 0) | granularity |
                                       (options_.without.count(kGetCommModeInfo) != 0 ? 0 : kOptionalInfo));
@@ -160,7 +184,9 @@ void Slave::clearPointers() {
 }
 
 void Slave::status() {
-    answer(6)[1] = daq_.running() ? kDaqRunning : 0;
+    std::uint8_t* to = answer(6);
+    to[1] = daq_.running() ? kDaqRunning : 0;
+    to[2] = security_.toldLocked();
 }
 
 void Slave::commModeInfo() {

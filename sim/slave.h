@@ -14,6 +14,7 @@
 #include "sim/options.h"
 #include "sim/outbox.h"
 #include "sim/protocol.h"
+#include "sim/security.h"
 #include "sim/world.h"
 
 namespace lm::sim {
@@ -42,6 +43,7 @@ class Slave {
     using Packet = std::span<const std::uint8_t>;
 
     Refusal execute(Packet packet, std::uint64_t ticks);
+    Refusal executeSecurity(Packet packet);
     Refusal executeMemory(Packet packet);
     Refusal executeDaqInfo(Packet packet, std::uint64_t ticks);
     Refusal executeDaq(Packet packet);
@@ -65,6 +67,7 @@ class Slave {
     const Catalog& catalog_;
     World& world_;
     DaqLists daq_;
+    Security security_;
     bool connected_ = false;
     std::uint8_t mtaExtension_ = 0;
     std::uint32_t mta_ = 0;

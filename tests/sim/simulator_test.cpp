@@ -13,6 +13,7 @@
 #include "sim/can_medium.h"
 #include "sim/catalog.h"
 #include "sim/ecu.h"
+#include "sim/security.h"
 #include "support/hex.h"
 
 namespace lm::sim {
@@ -284,6 +285,58 @@ TEST(Ecu, WorksOffInOrderWhatCameDuringAHalt) {
         EXPECT_EQ(bench.pass(1), row.at100) << row.rules[0];
         EXPECT_EQ(bench.pass(10), row.at110) << row.rules[0];
     }
+}
+
+/// The answers to GET_SEED and UNLOCK in parts, the key spoilt by `error`; the last answer.
+std::string unlock(SimBench& bench, std::uint8_t resource, std::size_t keyBytes, std::size_t room,
+                   int error) {
+    std::vector<std::uint8_t> seed;
+    for (std::size_t left = 1; left > 0;) {
+        const std::string part = bench.send(fmt::format("F8 0{} {:02X}", seed.empty() ? 0 : 1, resource))[0];
+        const std::vector<std::uint8_t> bytes = test::hex(part);
+        seed.insert(seed.end(), bytes.begin() + 2, bytes.end());
+        left = bytes[1] + 2U - bytes.size();
+    }
+    std::vector<std::uint8_t> key = keyOf(seed, resource, keyBytes);
+    key.back() = static_cast<std::uint8_t>(key.back() + error);
+    std::string answer;
+    for (std::size_t at = 0; at < key.size(); at += room) {
+        const auto part = std::span(key).subspan(at, std::min(room, key.size() - at));
+        answer = bench.send(fmt::format("F7 {:02X} {}", key.size() - at, hexOf(part)))[0];
+    }
+    return answer;
+}
+
+TEST(Slave, UnlocksByKeyAlone) {
+    Options options;
+    options.maxCto = 8;
+    options.lock.resources = kCalibration | kDaq;
+    options.lock.seedBytes = 20;
+    options.lock.keyBytes = 13;
+    SimBench bench(options);
+    bench.drive({"FF 00"});
+    const std::pair<const char*, const char*> refusals[] = {
+        {"FD", "FF 00 05 00 00 00"},    {"F8 02 01", "FE 22"}, {"F8 00 03", "FE 22"},
+        {"F8 00 08", "FF 00"},          {"F8 01 01", "FE 29"}, {"F7 00", "FE 21"},
+        {"F7 01 00", "FE 29"},          {"F0 01 00", "FE 25"}, {"D6", "FE 25"},
+        {"E2 00 00 00 00 00", "FE 25"}, {"DD 00", "FE 25"},    {"F6 00 00 00 02 00 01 00", "FF"},
+        {"F5 02", "FF 80 0C"},
+    };
+    for (const auto& [command, answer] : refusals)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    EXPECT_EQ(unlock(bench, kCalibration, 13, 6, 0), "FF 04");
+    bench.drive({"F6 00 00 00 02 00 01 00", "F0 02 80 0C"});
+    EXPECT_EQ(bench.send("F7 01 00"), Packets{"FE 29"});  // a seed serves one key
+    EXPECT_EQ(bench.send("F8 00 01"), Packets{"FF 00"});
+    EXPECT_EQ(unlock(bench, kDaq, 13, 5, 1), "FE 25");
+    EXPECT_EQ(bench.send("FD"), Packets{});  // disconnected
+    bench.drive({"FF 00"});
+    EXPECT_EQ(bench.send("F0 02 80 0C"), Packets{"FE 25"});
+    EXPECT_EQ(unlock(bench, kDaq, 12, 6, 0), "FE 25");  // too short
+    bench.drive({"FF 00"});
+    EXPECT_EQ(unlock(bench, kDaq, 13, 6, 0), "FF 01");
+    bench.drive({"D6", "FF 00"});
+    EXPECT_EQ(bench.send("D6"), Packets{"FE 25"});
 }
 
 TEST(Slave, LosesItsPointersOnSynch) {

@@ -1,0 +1,32 @@
+// The options that make the simulated ECU differ from the plain one as ECUs in the field do.
+//
+// Threads: one thread at a time. Lifetime: the parser and the options must live until complete() has
+// returned.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "core/result.h"
+#include "sim/options.h"
+
+namespace CLI {
+class App;
+}
+
+namespace lm::sim {
+
+class VariantOptions {
+  public:
+    void add(CLI::App& app, Options& options);
+    /// Turns what was typed into options, once all else is known. Errors: invalidArgument with the option.
+    Result<void> complete(Options& options);
+
+  private:
+    void addLock(CLI::App& app, Options& options);
+
+    std::vector<std::string> lock_;
+    std::vector<std::string> lockQuirks_;
+};
+
+}  // namespace lm::sim
