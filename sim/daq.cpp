@@ -7,13 +7,17 @@ namespace lm::sim {
 namespace {
 
 constexpr std::size_t kMaxOdtsPerList = 252;  // relative ODT numbers end below the packet identifiers
+constexpr std::uint8_t kModeSelected = 0x01;
 constexpr std::uint8_t kModeTimestamp = 0x10;
+constexpr std::uint8_t kModeRunning = 0x40;
 constexpr std::uint8_t kModeUnsupported = 0x23;  // alternating, direction STIM, PID off
 
 }  // namespace
 
 DaqLists::DaqLists(const Options& options, const World& world, FaultPlan& faults)
-    : options_(options), world_(world), faults_(faults) {}
+    : options_(options), world_(world), faults_(faults) {
+    reset();
+}
 
 void DaqLists::free() {
     lists_.clear();
@@ -25,6 +29,26 @@ void DaqLists::free() {
 void DaqLists::reset() {
     free();
     stage_ = Stage::idle;
+    for (const StaticList& one : options_.staticLists)
+        lists_.push_back(makeList(one));
+}
+
+DaqLists::List DaqLists::makeList(const StaticList& from) const {
+    List list;
+    list.fixed = &from;
+    list.event = from.event.value_or(0);
+    list.odts.assign(from.maxOdts, Odt{});
+    for (std::size_t i = 0; i < list.odts.size(); ++i) {
+        Odt& odt = list.odts[i];
+        if (from.predefined.empty()) odt.entries.assign(from.maxEntries, Entry{});
+        if (from.predefined.empty()) continue;
+        for (const StaticList::Entry& entry : from.predefined[i]) {
+            const std::uint8_t* at = world_.read(entry.extension, entry.address, entry.size);
+            odt.entries.push_back({at, entry.size, entry.address, entry.extension});
+            odt.bytes += entry.size;
+        }
+    }
+    return list;
 }
 
 DaqLists::Refusal DaqLists::allocLists(std::uint16_t count) {
@@ -64,9 +88,9 @@ DaqLists::Refusal DaqLists::allocEntries(std::uint16_t list, std::uint8_t odt, s
     return std::nullopt;
 }
 
-DaqLists::List* DaqLists::find(std::uint16_t list) {
-    if (list < options_.minDaq || list - options_.minDaq >= count()) return nullptr;
-    return &lists_[list - options_.minDaq];
+const DaqLists::List* DaqLists::find(std::uint16_t list) const {
+    if (list < firstList() || list - firstList() >= count()) return nullptr;
+    return &lists_[list - firstList()];
 }
 
 DaqLists::Refusal DaqLists::setPointer(std::uint16_t list, std::uint8_t odt, std::uint8_t entry) {
@@ -86,7 +110,10 @@ DaqLists::Refusal DaqLists::setPointer(std::uint16_t list, std::uint8_t odt, std
 DaqLists::Refusal DaqLists::writeEntry(std::uint8_t bitOffset, std::size_t size, std::uint8_t extension,
                                        std::uint32_t address) {
     if (!pointerValid_) return Err::sequence;
-    Odt& odt = find(pointerList_)->odts[pointerOdt_];
+    List& list = *find(pointerList_);
+    if (list.fixed != nullptr && list.running) return Err::daqActive;
+    if (list.fixed != nullptr && !list.fixed->predefined.empty()) return Err::writeProtected;
+    Odt& odt = list.odts[pointerOdt_];
     if (pointerEntry_ >= odt.entries.size()) return Err::outOfRange;
     const std::uint8_t* at = world_.read(extension, address, size);
     if (bitOffset != 0xFF || size == 0 || size > options_.maxOdtEntrySize() || at == nullptr ||
@@ -97,35 +124,77 @@ DaqLists::Refusal DaqLists::writeEntry(std::uint8_t bitOffset, std::size_t size,
     const std::size_t bytes = odt.bytes - entry.size + size;
     if (options_.identificationSize() + bytes > options_.maxDto) return Err::daqConfig;
     odt.bytes = bytes;
-    entry = {at, size};
+    entry = {at, size, address, extension};
     ++pointerEntry_;
     return std::nullopt;
 }
 
-DaqLists::Refusal DaqLists::setMode(std::uint16_t list, std::uint8_t mode, std::uint16_t event,
-                                    std::uint8_t prescaler) {
+std::variant<DaqLists::Entry, Err> DaqLists::readEntry() {
+    if (!pointerValid_) return Err::sequence;
+    const Odt& odt = find(pointerList_)->odts[pointerOdt_];
+    if (pointerEntry_ >= odt.entries.size()) return Err::outOfRange;
+    return odt.entries[pointerEntry_++];
+}
+
+DaqLists::Refusal DaqLists::clear(std::uint16_t list) {
     List* target = find(list);
-    if (target == nullptr || event >= kEventCount || prescaler == 0) return Err::outOfRange;
+    if (target == nullptr) return Err::outOfRange;
+    *target = makeList(*target->fixed);
+    pointerValid_ = false;
+    return std::nullopt;
+}
+
+DaqLists::Refusal DaqLists::setMode(std::uint16_t list, const Mode& mode) {
+    List* target = find(list);
+    if (target == nullptr || mode.event >= kEventCount || mode.prescaler == 0) return Err::outOfRange;
+    if (mode.prescaler != 1 && !options_.prescaler) return Err::outOfRange;
+    const StaticList* fixed = target->fixed;
+    if (fixed != nullptr && (mode.priority != 0 || fixed->event.value_or(mode.event) != mode.event)) {
+        return Err::outOfRange;
+    }
     if (target->running) return Err::daqActive;
-    const bool timestamp = (mode & kModeTimestamp) != 0;
+    const bool timestamp = (mode.bits & kModeTimestamp) != 0;
     const bool impossible = timestamp ? options_.timestampSize == 0 : options_.timestampFixed;
-    if ((mode & kModeUnsupported) != 0 || impossible) return Err::modeNotValid;
-    target->event = event;
-    target->prescaler = prescaler;
+    if ((mode.bits & kModeUnsupported) != 0 || impossible) return Err::modeNotValid;
+    target->event = mode.event;
+    target->prescaler = mode.prescaler;
     target->timestamp = timestamp;
     return std::nullopt;
 }
 
-/// Every entry written, every ODT within MAX_DTO (the first one with the timestamp), a mode set.
-bool DaqLists::complete(const List& list) const {
-    if (list.prescaler == 0 || list.odts.empty()) return false;
+std::optional<DaqLists::Mode> DaqLists::mode(std::uint16_t list) const {
+    const List* target = find(list);
+    if (target == nullptr) return std::nullopt;
+    const int bits = (target->selected ? kModeSelected : 0) | (target->timestamp ? kModeTimestamp : 0) |
+                     (target->running ? kModeRunning : 0);
+    return Mode{static_cast<std::uint8_t>(bits), target->event, std::max<std::uint8_t>(target->prescaler, 1),
+                0};
+}
+
+std::optional<DaqLists::Info> DaqLists::info(std::uint16_t list) const {
+    const List* target = find(list);
+    if (target == nullptr) return std::nullopt;
+    const StaticList& fixed = *target->fixed;
+    return Info{!fixed.predefined.empty(), fixed.maxOdts, fixed.maxEntries, fixed.event};
+}
+
+/// Dynamic: every entry written. Static: no gap before the last one written, neither in an ODT nor between.
+bool DaqLists::whole(const List& list) const {
     const auto written = [](const Entry& entry) { return entry.at != nullptr; };
-    const auto whole = [&](const Odt& odt) {
-        return !odt.entries.empty() && std::all_of(odt.entries.begin(), odt.entries.end(), written);
-    };
+    const auto used = [](const Odt& odt) { return odt.bytes != 0; };
+    const bool dynamic = list.fixed == nullptr;
+    return std::is_partitioned(list.odts.begin(), list.odts.end(), used) &&
+           std::all_of(list.odts.begin(), list.odts.end(), [&](const Odt& odt) {
+               if (dynamic && (odt.entries.empty() || !written(odt.entries.back()))) return false;
+               return std::is_partitioned(odt.entries.begin(), odt.entries.end(), written);
+           });
+}
+
+/// Something to send, whole, every ODT within MAX_DTO (the first one with the timestamp), a mode set.
+bool DaqLists::complete(const List& list) const {
+    if (list.prescaler == 0 || list.odts.empty() || list.odts[0].bytes == 0 || !whole(list)) return false;
     const std::size_t stamp = list.timestamp ? options_.timestampSize : 0U;
-    return std::all_of(list.odts.begin(), list.odts.end(), whole) &&
-           options_.identificationSize() + stamp + list.odts[0].bytes <= options_.maxDto;
+    return options_.identificationSize() + stamp + list.odts[0].bytes <= options_.maxDto;
 }
 
 void DaqLists::start(List& list) {
@@ -133,6 +202,8 @@ void DaqLists::start(List& list) {
     list.selected = false;
     list.overloaded = false;
     list.skipped = 0;
+    const auto used = [](const Odt& odt) { return odt.bytes != 0; };
+    list.used = static_cast<std::size_t>(std::count_if(list.odts.begin(), list.odts.end(), used));
 }
 
 DaqLists::Refusal DaqLists::startStop(std::uint16_t list, std::uint8_t mode) {
@@ -161,6 +232,7 @@ DaqLists::Refusal DaqLists::startStopSelected(std::uint8_t mode) {
 std::uint8_t DaqLists::firstPid(std::uint16_t list) const {
     if (options_.identification != 0) return 0;
     if (options_.sameFirstPid == SameFirstPid::sent) return options_.firstPid;
+    if (options_.isStatic()) return lists_[list].fixed->firstPid;
     std::size_t pid = options_.firstPid;
     for (std::size_t i = 0; i + options_.minDaq < list; ++i)
         pid += lists_[i].odts.size();
@@ -178,10 +250,10 @@ void DaqLists::sample(std::uint8_t event, std::uint64_t ticks, Outbox& out) {
         if (++list.skipped < list.prescaler) continue;
         list.skipped = 0;
         ++counters_.samples;
-        counters_.dtos += list.odts.size();
+        counters_.dtos += list.used;
         if (faults_.due(StreamFault::overload)) {
             ++counters_.samplesLost;
-            counters_.dtosLost += list.odts.size();
+            counters_.dtosLost += list.used;
             list.overloaded = true;
             if (options_.overload == OverloadIndication::event) {
                 out.append(std::array<std::uint8_t, 2>{kEventPacket, kEvDaqOverload});
@@ -195,7 +267,7 @@ void DaqLists::sample(std::uint8_t event, std::uint64_t ticks, Outbox& out) {
 void DaqLists::sampleList(std::size_t index, std::uint64_t ticks, Outbox& out) {
     List& list = lists_[index];
     const std::size_t head = options_.identificationSize();
-    for (std::size_t odt = 0; odt < list.odts.size(); ++odt) {
+    for (std::size_t odt = 0; odt < list.used; ++odt) {
         const Odt& source = list.odts[odt];
         const std::size_t stamp = odt == 0 && list.timestamp ? options_.timestampSize : 0U;
         const std::size_t whole = head + stamp + source.bytes;
@@ -210,6 +282,7 @@ void DaqLists::sampleList(std::size_t index, std::uint64_t ticks, Outbox& out) {
         if (stamp != 0) writeSized(to, ticks, stamp, ByteOrder::littleEndian);
         to += stamp;
         for (const Entry& entry : source.entries) {
+            if (entry.at == nullptr) break;
             std::memcpy(to, entry.at, entry.size);
             to += entry.size;
         }
@@ -218,7 +291,7 @@ void DaqLists::sampleList(std::size_t index, std::uint64_t ticks, Outbox& out) {
 }
 
 void DaqLists::writeHead(std::uint8_t* to, std::size_t list, std::size_t odt, bool overloaded) const {
-    const std::size_t number = list + options_.minDaq;
+    const std::size_t number = list + firstList();
     to[0] = static_cast<std::uint8_t>(odt);
     switch (options_.identification) {
         case 0:

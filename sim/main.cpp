@@ -106,7 +106,6 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
         ->check(CLI::IsMember({"told", "sent"}));
     app.add_flag("--select-stopped", o.selectStopped, "Refuse to select a running DAQ list");
     app.add_flag("--synch-clears", o.synchClears, "SYNCH sets memory and DAQ pointer to their first places");
-    app.add_flag("--static-daq", o.staticDaq, "Report static DAQ lists");
     app.add_flag("--no-daq", arguments.noDaq, "Do not offer the DAQ resource");
     app.add_option("--without", arguments.without, "Answer this command with ERR_CMD_UNKNOWN; repeatable")
         ->allow_extra_args(false);

@@ -10,7 +10,16 @@ namespace lm::sim {
 
 inline bool isOffered(const CommandInfo& command, const Options& options) {
     if (options.without.count(command.code) != 0) return false;
-    return command.presence != Presence::withLock || options.lock.resources != 0;
+    switch (command.presence) {
+        case Presence::withLock:
+            return options.lock.resources != 0;
+        case Presence::withStaticLists:
+            return options.isStatic();
+        case Presence::withDynamicLists:
+            return !options.isStatic();
+        default:
+            return true;
+    }
 }
 
 }  // namespace lm::sim

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/bytes.h"
+#include "sim/static_list.h"
 
 namespace lm::sim {
 
@@ -33,21 +34,22 @@ struct LockOptions {
 struct Options {
     // The slave.
     ByteOrder order = ByteOrder::littleEndian;
-    std::uint8_t granularity = 1;      ///< bytes of one addressable element: 1, 2 or 4
-    std::uint8_t maxCto = 248;         ///< 8 to 255, a multiple of the granularity
-    std::uint16_t maxDto = 1400;       ///< 8 to 65535, a multiple of the granularity
-    std::uint8_t identification = 1;   ///< identification field type 0 to 3
-    std::uint8_t timestampSize = 4;    ///< bytes: 0 (none), 1, 2 or 4
-    std::int8_t tickUnit = -1;         ///< tick length 10^unit ns, 0 to 9; -1: 1 us, 100 us, 1 ms by size
-    bool timestampFixed = false;       ///< every list carries a timestamp
-    std::uint64_t clockStart = 0;      ///< ticks that the clock shows at the start
-    std::int32_t clockPpm = 0;         ///< how much faster than the host's clock it runs, in millionths
-    double clockWander = 0;            ///< seconds after which `clockPpm` changes its sign, 0: never
-    bool daq = true;                   ///< offers the DAQ resource
-    bool staticDaq = false;            ///< reports static instead of dynamic DAQ lists
-    std::uint8_t minDaq = 0;           ///< number of the first dynamic list
-    std::uint8_t firstPid = 0;         ///< with identification type 0: PID of the first ODT
-    std::uint32_t daqEntries = 20000;  ///< DAQ memory: ODT entries in all lists together
+    std::uint8_t granularity = 1;     ///< bytes of one addressable element: 1, 2 or 4
+    std::uint8_t maxCto = 248;        ///< 8 to 255, a multiple of the granularity
+    std::uint16_t maxDto = 1400;      ///< 8 to 65535, a multiple of the granularity
+    std::uint8_t identification = 1;  ///< identification field type 0 to 3
+    std::uint8_t timestampSize = 4;   ///< bytes: 0 (none), 1, 2 or 4
+    std::int8_t tickUnit = -1;        ///< tick length 10^unit ns, 0 to 9; -1: 1 us, 100 us, 1 ms by size
+    bool timestampFixed = false;      ///< every list carries a timestamp
+    std::uint64_t clockStart = 0;     ///< ticks that the clock shows at the start
+    std::int32_t clockPpm = 0;        ///< how much faster than the host's clock it runs, in millionths
+    double clockWander = 0;           ///< seconds after which `clockPpm` changes its sign, 0: never
+    bool daq = true;                  ///< offers the DAQ resource
+    std::vector<StaticList> staticLists = {};  ///< the lists that there are; empty: dynamic ones
+    bool prescaler = true;                     ///< takes prescalers other than 1
+    std::uint8_t minDaq = 0;                   ///< number of the first dynamic list
+    std::uint8_t firstPid = 0;                 ///< with identification type 0: PID of the first ODT
+    std::uint32_t daqEntries = 20000;          ///< DAQ memory: ODT entries in all lists together
     OverloadIndication overload = OverloadIndication::event;
     SameFirstPid sameFirstPid = SameFirstPid::no;  ///< with identification type 0
     bool selectStopped = false;                    ///< refuses to select a list that runs
@@ -95,6 +97,14 @@ struct Options {
     unsigned tickExponent() const {
         if (tickUnit >= 0) return static_cast<unsigned>(tickUnit);
         return timestampSize == 4 ? 3U : timestampSize == 2 ? 5U : 6U;
+    }
+    bool isStatic() const { return !staticLists.empty(); }
+    /// MIN_DAQ: how many numbers come before the first list that can be configured.
+    std::uint8_t reservedLists() const {
+        std::uint8_t predefined = 0;
+        for (const StaticList& list : staticLists)
+            predefined = static_cast<std::uint8_t>(predefined + (list.predefined.empty() ? 0 : 1));
+        return isStatic() ? predefined : minDaq;
     }
     /// Largest payload of a CAN frame.
     std::uint8_t maxDlc() const { return canFd ? 64 : 8; }

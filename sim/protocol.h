@@ -21,14 +21,18 @@ enum Command : std::uint8_t {
     kUpload = 0xF5,
     kShortUpload = 0xF4,
     kDownload = 0xF0,
+    kClearDaqList = 0xE3,
     kSetDaqPtr = 0xE2,
     kWriteDaq = 0xE1,
     kSetDaqListMode = 0xE0,
+    kGetDaqListMode = 0xDF,
     kStartStopDaqList = 0xDE,
     kStartStopSynch = 0xDD,
     kGetDaqClock = 0xDC,
+    kReadDaq = 0xDB,
     kGetDaqProcessorInfo = 0xDA,
     kGetDaqResolutionInfo = 0xD9,
+    kGetDaqListInfo = 0xD8,
     kGetDaqEventInfo = 0xD7,
     kFreeDaq = 0xD6,
     kAllocDaq = 0xD5,
@@ -63,6 +67,8 @@ enum class Presence : std::uint8_t {
     mandatory,  ///< always there, and in no OPTIONAL_CMD list of an A2L file
     usual,      ///< there unless --without takes it away
     withLock,   ///< there when a resource is locked
+    withStaticLists,
+    withDynamicLists,
 };
 
 struct CommandInfo {
@@ -84,19 +90,23 @@ inline constexpr CommandInfo kCommands[] = {
     {kUpload, "UPLOAD", 2, Presence::usual},
     {kShortUpload, "SHORT_UPLOAD", 8, Presence::usual},
     {kDownload, "DOWNLOAD", 3, Presence::usual},
+    {kClearDaqList, "CLEAR_DAQ_LIST", 4, Presence::withStaticLists},
     {kSetDaqPtr, "SET_DAQ_PTR", 6, Presence::usual},
     {kWriteDaq, "WRITE_DAQ", 8, Presence::usual},
     {kSetDaqListMode, "SET_DAQ_LIST_MODE", 8, Presence::usual},
+    {kGetDaqListMode, "GET_DAQ_LIST_MODE", 4, Presence::withStaticLists},
     {kStartStopDaqList, "START_STOP_DAQ_LIST", 4, Presence::usual},
     {kStartStopSynch, "START_STOP_SYNCH", 2, Presence::usual},
     {kGetDaqClock, "GET_DAQ_CLOCK", 1, Presence::usual},
+    {kReadDaq, "READ_DAQ", 1, Presence::withStaticLists},
     {kGetDaqProcessorInfo, "GET_DAQ_PROCESSOR_INFO", 1, Presence::usual},
     {kGetDaqResolutionInfo, "GET_DAQ_RESOLUTION_INFO", 1, Presence::usual},
+    {kGetDaqListInfo, "GET_DAQ_LIST_INFO", 4, Presence::withStaticLists},
     {kGetDaqEventInfo, "GET_DAQ_EVENT_INFO", 4, Presence::usual},
-    {kFreeDaq, "FREE_DAQ", 1, Presence::usual},
-    {kAllocDaq, "ALLOC_DAQ", 4, Presence::usual},
-    {kAllocOdt, "ALLOC_ODT", 5, Presence::usual},
-    {kAllocOdtEntry, "ALLOC_ODT_ENTRY", 6, Presence::usual},
+    {kFreeDaq, "FREE_DAQ", 1, Presence::withDynamicLists},
+    {kAllocDaq, "ALLOC_DAQ", 4, Presence::withDynamicLists},
+    {kAllocOdt, "ALLOC_ODT", 5, Presence::withDynamicLists},
+    {kAllocOdtEntry, "ALLOC_ODT_ENTRY", 6, Presence::withDynamicLists},
 };
 
 constexpr const CommandInfo* findCommand(std::uint8_t code) {

@@ -49,8 +49,12 @@ std::uint8_t Security::resourceOf(std::uint8_t code) const {
         case kGetDaqClock:
         case kGetDaqProcessorInfo:
         case kGetDaqResolutionInfo:
+        case kGetDaqListInfo:
+        case kGetDaqListMode:
         case kGetDaqEventInfo:
             return options_.locksQueries ? kDaq : 0;
+        case kClearDaqList:
+        case kReadDaq:
         case kSetDaqPtr:
         case kWriteDaq:
         case kSetDaqListMode:

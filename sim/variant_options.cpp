@@ -16,6 +16,7 @@ bool holds(const std::vector<std::string>& words, const char* word) {
 }  // namespace
 
 void VariantOptions::add(CLI::App& app, Options& options) {
+    addStaticLists(app, options);
     addLock(app, options);
 }
 
@@ -47,8 +48,52 @@ void VariantOptions::addLock(CLI::App& app, Options& options) {
         ->needs(lock);
 }
 
+void VariantOptions::addStaticLists(CLI::App& app, Options& options) {
+    constexpr const char* kGroup = "Static DAQ lists";
+    app.add_flag("--static-daq", staticDaq_, "As --static-lists 10x7,10x7,10x7,4x7")->group(kGroup);
+    app.add_option(
+           "--static-lists", staticLists_.lists,
+           "The DAQ lists that there are, each ODTSxENTRIES[@EVENT], by commas; 4x7@1 is on event 1 for "
+           "ever")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->group(kGroup);
+    app.add_option("--predefined", staticLists_.predefined,
+                   "A list before those that holds SIGNAL,SIGNAL...[@EVENT] for ever; repeatable")
+        ->allow_extra_args(false)
+        ->group(kGroup);
+    app.add_option("--list-first-pid", staticLists_.firstPids,
+                   "First PID of each list, by commas, with --identification 0 (one after the other)")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->group(kGroup);
+    app.add_flag("!--no-prescaler", options.prescaler, "Refuse prescalers other than 1")->group(kGroup);
+}
+
 Result<void> VariantOptions::complete(Options& options) {
-    LockOptions& lock = options.lock;
+    completeLock(options.lock);
+    return completeStaticLists(options);
+}
+
+Result<void> VariantOptions::completeStaticLists(Options& options) {
+    StaticListTexts& texts = staticLists_;
+    const bool asked = staticDaq_ || !texts.lists.empty() || !texts.predefined.empty();
+    if (!asked && !texts.firstPids.empty()) {
+        return Error{ErrorCode::invalidArgument, "--list-first-pid: needs --static-daq or --static-lists"};
+    }
+    if (!asked) return {};
+    if (options.minDaq != 0) {
+        return Error{ErrorCode::invalidArgument,
+                     "--min-daq: with static lists --predefined makes that number"};
+    }
+    if (texts.lists.empty() && staticDaq_) texts.lists = kSomeLists;
+    Result<std::vector<StaticList>> lists = makeStaticLists(texts, options, Catalog(options));
+    if (!lists.ok()) return lists.error();
+    options.staticLists = std::move(lists).value();
+    return {};
+}
+
+void VariantOptions::completeLock(LockOptions& lock) const {
     lock.resources = static_cast<std::uint8_t>(
         (holds(lock_, "cal") ? kCalibration : 0) | (holds(lock_, "daq") ? kDaq : 0) |
         (holds(lock_, "stim") ? kStim : 0) | (holds(lock_, "pgm") ? kPgm : 0));
@@ -56,7 +101,6 @@ Result<void> VariantOptions::complete(Options& options) {
     lock.locksReads = holds(lockQuirks_, "reads");
     lock.locksQueries = holds(lockQuirks_, "queries");
     lock.statusIsSilent = holds(lockQuirks_, "silent");
-    return {};
 }
 
 }  // namespace lm::sim

@@ -9,6 +9,7 @@
 
 #include "core/result.h"
 #include "sim/options.h"
+#include "sim/static_lists.h"
 
 namespace CLI {
 class App;
@@ -24,9 +25,14 @@ class VariantOptions {
 
   private:
     void addLock(CLI::App& app, Options& options);
+    void addStaticLists(CLI::App& app, Options& options);
+    void completeLock(LockOptions& lock) const;
+    Result<void> completeStaticLists(Options& options);
 
     std::vector<std::string> lock_;
     std::vector<std::string> lockQuirks_;
+    bool staticDaq_ = false;
+    StaticListTexts staticLists_;
 };
 
 }  // namespace lm::sim

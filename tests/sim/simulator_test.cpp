@@ -14,6 +14,7 @@
 #include "sim/catalog.h"
 #include "sim/ecu.h"
 #include "sim/security.h"
+#include "sim/static_lists.h"
 #include "support/hex.h"
 
 namespace lm::sim {
@@ -337,6 +338,64 @@ TEST(Slave, UnlocksByKeyAlone) {
     EXPECT_EQ(unlock(bench, kDaq, 13, 6, 0), "FF 01");
     bench.drive({"D6", "FF 00"});
     EXPECT_EQ(bench.send("D6"), Packets{"FE 25"});
+}
+
+TEST(Slave, HasStaticLists) {
+    Options options;
+    options.identification = 0;
+    options.firstPid = 2;
+    options.maxDto = 9;
+    options.timestampSize = 2;
+    const StaticListTexts texts{{"2x2", "3x1@2"}, {"counter_1ms,gear,counter_10ms@0"}};
+    options.staticLists = makeStaticLists(texts, options, Catalog(options)).value();
+    SimBench bench(options);
+    const std::string gear = "E1 FF 01 00 90 20 01 00";
+    const std::pair<std::string, const char*> exchanges[] = {
+        {"FF 00", "FF 05 80 F8 09 00 01 01"},
+        {"DA", "FF 92 03 00 04 00 01 00"},
+        {"D8 00 00 00", "FF 07 02 02 00 00"},
+        {"D8 00 01 00", "FF 04 02 02 00 00"},
+        {"D8 00 02 00", "FF 06 03 01 02 00"},
+        {"D8 00 03 00", "FE 22"},
+        {"D6", "FE 20"},
+        {"D5 00 01 00", "FE 20"},
+        {"E1 FF 01 00 00 20 01 00", "FE 29"},
+        {"DB", "FE 29"},
+        {"E2 00 00 00 00 00", "FF"},
+        {"DB", "FF FF 04 00 00 20 01 00"},
+        {"E1 FF 01 00 00 20 01 00", "FE 23"},
+        {"DB", "FF FF 01 00 90 20 01 00"},
+        {"DB", "FE 22"},
+        {"DE 02 00 00", "FE 2A"},  // no mode yet
+        {"E0 10 00 00 01 00 01 00", "FE 22"},
+        {"E0 10 00 00 00 00 01 01", "FE 22"},
+        {"E0 12 00 00 00 00 01 00", "FE 27"},
+        {"E0 10 00 00 00 00 02 00", "FF"},
+        {"E2 00 01 00 02 00", "FE 22"},
+        {"E2 00 01 00 00 02", "FE 22"},
+        {"E0 00 01 00 00 00 01 00", "FF"},
+        {"DE 02 01 00", "FE 2A"},  // no entry
+        {"E2 00 01 00 01 00", "FF"},
+        {gear, "FF"},
+        {"DE 01 01 00", "FE 2A"},  // a gap
+        {"E2 00 01 00 00 00", "FF"},
+        {gear, "FF"},
+        {gear, "FF"},
+        {gear, "FE 22"},
+        {"DF 00 00 00", "FF 10 00 00 00 00 02 00"},
+        {"DE 02 00 00", "FF 02"},
+        {"DE 02 01 00", "FF 04"},
+        {"DD 01", "FF"},
+        {"DF 00 01 00", "FF 40 00 00 00 00 01 00"},
+        {gear, "FE 11"},
+        {"E2 00 01 00 00 00", "FE 11"},
+        {"E3 00 01 00", "FF"},
+        {"DF 00 01 00", "FF 00 00 00 00 00 01 00"},
+        {"E3 00 03 00", "FE 22"},
+    };
+    for (const auto& [command, answer] : exchanges)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    EXPECT_EQ(bench.pass(2), (Packets{"02 14 00 02 00 00 00 00", "03 00 00 00 00"}));  // every other sample
 }
 
 TEST(Slave, LosesItsPointersOnSynch) {

@@ -1,0 +1,158 @@
+#include "sim/daq_commands.h"
+
+#include "sim/event_cycle.h"
+
+namespace lm::sim {
+
+DaqCommands::Refusal DaqCommands::execute(Packet packet, std::uint64_t ticks, Answer& answer) {
+    switch (packet[0]) {
+        case kFreeDaq:
+        case kAllocDaq:
+        case kAllocOdt:
+        case kAllocOdtEntry:
+            return allocate(packet, answer);
+        case kClearDaqList:
+        case kSetDaqPtr:
+        case kWriteDaq:
+        case kSetDaqListMode:
+            return configure(packet, answer);
+        case kStartStopDaqList:
+        case kStartStopSynch:
+            return run(packet, answer);
+        default:
+            return tell(packet, ticks, answer);
+    }
+}
+
+DaqCommands::Refusal DaqCommands::allocate(Packet packet, const Answer& answer) {
+    switch (packet[0]) {
+        case kFreeDaq:
+            lists_.free();
+            return std::nullopt;
+        case kAllocDaq:
+            return lists_.allocLists(answer.word(packet, 2));
+        case kAllocOdt:
+            return lists_.allocOdts(answer.word(packet, 2), packet[4]);
+        default:
+            return lists_.allocEntries(answer.word(packet, 2), packet[4], packet[5]);
+    }
+}
+
+DaqCommands::Refusal DaqCommands::configure(Packet packet, const Answer& answer) {
+    switch (packet[0]) {
+        case kClearDaqList:
+            return lists_.clear(answer.word(packet, 2));
+        case kSetDaqPtr:
+            return lists_.setPointer(answer.word(packet, 2), packet[4], packet[5]);
+        case kWriteDaq:
+            return lists_.writeEntry(packet[1], std::size_t{packet[2]} * options_.granularity, packet[3],
+                                     answer.dword(packet, 4));
+        default:
+            return lists_.setMode(answer.word(packet, 2),
+                                  {packet[1], answer.word(packet, 4), packet[6], packet[7]});
+    }
+}
+
+DaqCommands::Refusal DaqCommands::run(Packet packet, Answer& answer) {
+    if (packet[0] == kStartStopSynch) return lists_.startStopSelected(packet[1]);
+    const std::uint16_t list = answer.word(packet, 2);
+    const Refusal refusal = lists_.startStop(list, packet[1]);
+    if (refusal) return refusal;
+    answer.begin(2)[1] =
+        options_.sameFirstPid == SameFirstPid::told ? options_.firstPid : lists_.firstPid(list);
+    return std::nullopt;
+}
+
+DaqCommands::Refusal DaqCommands::tell(Packet packet, std::uint64_t ticks, Answer& answer) {
+    switch (packet[0]) {
+        case kGetDaqClock:
+            answer.begin(8);
+            answer.putDword(4, static_cast<std::uint32_t>(ticks));
+            return std::nullopt;
+        case kGetDaqProcessorInfo:
+            processorInfo(answer);
+            return std::nullopt;
+        case kGetDaqResolutionInfo:
+            resolutionInfo(answer);
+            return std::nullopt;
+        case kGetDaqListInfo:
+            return listInfo(answer.word(packet, 2), answer);
+        case kGetDaqListMode:
+            return listMode(answer.word(packet, 2), answer);
+        case kReadDaq:
+            return readEntry(answer);
+        default:
+            return eventInfo(answer.word(packet, 2), answer);
+    }
+}
+
+void DaqCommands::processorInfo(Answer& answer) const {
+    std::uint8_t* to = answer.begin(8);
+    const bool topBit = options_.overload == OverloadIndication::topBit;
+    const bool event = options_.overload == OverloadIndication::event;
+    to[1] = static_cast<std::uint8_t>((options_.isStatic() ? 0 : 0x01) | (options_.prescaler ? 0x02 : 0) |
+                                      (options_.timestampSize != 0 ? 0x10 : 0) | (topBit ? 0x40 : 0) |
+                                      (event ? 0x80 : 0));
+    answer.putWord(2, lists_.firstList() + std::size_t{lists_.count()});
+    answer.putWord(4, kEventCount);
+    to[6] = options_.reservedLists();
+    to[7] = static_cast<std::uint8_t>(options_.identification << 6);
+}
+
+void DaqCommands::resolutionInfo(Answer& answer) const {
+    std::uint8_t* to = answer.begin(8);
+    to[1] = options_.granularity;
+    to[2] = static_cast<std::uint8_t>(options_.maxOdtEntrySize());
+    to[3] = options_.granularity;
+    if (options_.timestampSize == 0) return;
+    to[5] = static_cast<std::uint8_t>(options_.tickExponent() << 4 | (options_.timestampFixed ? 0x08 : 0) |
+                                      options_.timestampSize);
+    answer.putWord(6, 1);
+}
+
+DaqCommands::Refusal DaqCommands::eventInfo(std::uint16_t event, Answer& answer) const {
+    if (event >= kEventCount) return Err::outOfRange;
+    const EventCycle cycle = eventCycle(options_, static_cast<std::uint8_t>(event));
+    std::uint8_t* to = answer.begin(7);
+    to[1] = 0x04;  // direction DAQ
+    to[2] = 0xFF;  // any number of lists
+    to[3] = static_cast<std::uint8_t>(catalog_.eventNames()[event].size());
+    to[4] = cycle.count;
+    to[5] = cycle.unit;
+    return std::nullopt;
+}
+
+DaqCommands::Refusal DaqCommands::listInfo(std::uint16_t list, Answer& answer) const {
+    const std::optional<DaqLists::Info> info = lists_.info(list);
+    if (!info) return Err::outOfRange;
+    std::uint8_t* to = answer.begin(6);
+    to[1] = static_cast<std::uint8_t>((info->predefined ? 0x01 : 0) | (info->event ? 0x02 : 0) | 0x04);
+    to[2] = info->maxOdts;
+    to[3] = info->maxEntries;
+    answer.putWord(4, info->event.value_or(0));
+    return std::nullopt;
+}
+
+DaqCommands::Refusal DaqCommands::listMode(std::uint16_t list, Answer& answer) const {
+    const std::optional<DaqLists::Mode> mode = lists_.mode(list);
+    if (!mode) return Err::outOfRange;
+    std::uint8_t* to = answer.begin(8);
+    to[1] = mode->bits;
+    answer.putWord(4, mode->event);
+    to[6] = mode->prescaler;
+    return std::nullopt;
+}
+
+DaqCommands::Refusal DaqCommands::readEntry(Answer& answer) {
+    const std::variant<DaqLists::Entry, Err> read = lists_.readEntry();
+    if (const Err* refusal = std::get_if<Err>(&read)) return *refusal;
+    const auto& entry = std::get<DaqLists::Entry>(read);
+    std::uint8_t* to = answer.begin(8);
+    to[1] = 0xFF;  // no single bit
+    to[2] = static_cast<std::uint8_t>(entry.size / options_.granularity);
+    to[3] = entry.extension;
+    answer.putDword(4, entry.address);
+    return std::nullopt;
+}
+
+}  // namespace lm::sim
