@@ -3,6 +3,13 @@
 #include "sim/event_cycle.h"
 
 namespace lm::sim {
+namespace {
+
+std::uint8_t toldTimestampSize(const Options& options) {
+    return options.tells.timestampSize.value_or(options.timestampSize);
+}
+
+}  // namespace
 
 DaqCommands::Refusal DaqCommands::execute(Packet packet, std::uint64_t ticks, Answer& answer) {
     switch (packet[0]) {
@@ -91,7 +98,7 @@ void DaqCommands::processorInfo(Answer& answer) const {
     const bool topBit = options_.overload == OverloadIndication::topBit;
     const bool event = options_.overload == OverloadIndication::event;
     to[1] = static_cast<std::uint8_t>((options_.isStatic() ? 0 : 0x01) | (options_.prescaler ? 0x02 : 0) |
-                                      (options_.timestampSize != 0 ? 0x10 : 0) | (topBit ? 0x40 : 0) |
+                                      (toldTimestampSize(options_) != 0 ? 0x10 : 0) | (topBit ? 0x40 : 0) |
                                       (event ? 0x80 : 0));
     answer.putWord(2, lists_.firstList() + std::size_t{lists_.count()});
     answer.putWord(4, kEventCount);
@@ -101,12 +108,12 @@ void DaqCommands::processorInfo(Answer& answer) const {
 
 void DaqCommands::resolutionInfo(Answer& answer) const {
     std::uint8_t* to = answer.begin(8);
-    to[1] = options_.granularity;
+    to[1] = to[3] = options_.tells.granularity.value_or(options_.granularity);
     to[2] = static_cast<std::uint8_t>(options_.maxOdtEntrySize());
-    to[3] = options_.granularity;
-    if (options_.timestampSize == 0) return;
-    to[5] = static_cast<std::uint8_t>(options_.tickExponent() << 4 | (options_.timestampFixed ? 0x08 : 0) |
-                                      options_.timestampSize);
+    const std::uint8_t size = toldTimestampSize(options_);
+    if (size == 0) return;
+    const unsigned unit = options_.tells.tickExponent.value_or(options_.tickExponent());
+    to[5] = static_cast<std::uint8_t>(unit << 4 | (options_.timestampFixed ? 0x08 : 0) | size);
     answer.putWord(6, 1);
 }
 

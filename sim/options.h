@@ -31,6 +31,17 @@ struct LockOptions {
     bool statusIsSilent = false;  ///< GET_STATUS and UNLOCK tell that nothing is locked
 };
 
+/// What CONNECT, GET_STATUS and the queries about DAQ tell though it is not so.
+struct Tales {
+    std::optional<std::uint8_t> granularity = {};
+    std::optional<ByteOrder> order = {};
+    std::optional<std::uint8_t> maxCto = {};
+    std::optional<std::uint16_t> maxDto = {};
+    std::optional<std::uint8_t> timestampSize = {};
+    std::optional<std::uint8_t> tickExponent = {};
+    bool running = false;  ///< some DAQ list runs
+};
+
 struct Options {
     // The slave.
     ByteOrder order = ByteOrder::littleEndian;
@@ -56,6 +67,7 @@ struct Options {
     bool synchClears = false;             ///< SYNCH sets memory and DAQ pointer back to their first places
     std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
     LockOptions lock = {};
+    Tales tells = {};
 
     // The world.
     std::uint32_t fastEventUs = 1000;  ///< cycle of event 0 in microseconds

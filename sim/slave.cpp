@@ -122,11 +122,13 @@ void Slave::connect() {
     connected_ = true;
     std::uint8_t* to = answer_.begin(8);
     to[1] = static_cast<std::uint8_t>(kCalibration | (options_.daq ? kDaq : 0));
-    const std::uint8_t granularity = options_.granularity == 4 ? 0x04 : options_.granularity == 2 ? 0x02 : 0;
-    to[2] = static_cast<std::uint8_t>((options_.order == ByteOrder::bigEndian ? 0x01 : 0) | granularity |
+    const std::uint8_t told = options_.tells.granularity.value_or(options_.granularity);
+    const std::uint8_t granularity = told == 4 ? 0x04 : told == 2 ? 0x02 : 0;
+    const ByteOrder order = options_.tells.order.value_or(options_.order);
+    to[2] = static_cast<std::uint8_t>((order == ByteOrder::bigEndian ? 0x01 : 0) | granularity |
                                       (options_.without.count(kGetCommModeInfo) != 0 ? 0 : kOptionalInfo));
-    to[3] = options_.maxCto;
-    answer_.putWord(4, options_.maxDto);
+    to[3] = options_.tells.maxCto.value_or(options_.maxCto);
+    answer_.putWord(4, options_.tells.maxDto.value_or(options_.maxDto));
     to[6] = kProtocolVersion;
     to[7] = kProtocolVersion;
 }
@@ -139,7 +141,7 @@ void Slave::clearPointers() {
 
 void Slave::status() {
     std::uint8_t* to = answer_.begin(6);
-    to[1] = daq_.running() ? kDaqRunning : 0;
+    to[1] = daq_.running() || options_.tells.running ? kDaqRunning : 0;
     to[2] = security_.toldLocked();
 }
 

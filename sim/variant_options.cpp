@@ -4,10 +4,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include "core/text.h"
 #include "sim/protocol.h"
 
 namespace lm::sim {
 namespace {
+
+constexpr std::uint64_t kNoNumber = ~std::uint64_t{0};
 
 bool holds(const std::vector<std::string>& words, const char* word) {
     return std::find(words.begin(), words.end(), word) != words.end();
@@ -18,6 +21,7 @@ bool holds(const std::vector<std::string>& words, const char* word) {
 void VariantOptions::add(CLI::App& app, Options& options) {
     addStaticLists(app, options);
     addLock(app, options);
+    addOddities(app);
 }
 
 void VariantOptions::addLock(CLI::App& app, Options& options) {
@@ -70,9 +74,50 @@ void VariantOptions::addStaticLists(CLI::App& app, Options& options) {
     app.add_flag("!--no-prescaler", options.prescaler, "Refuse prescalers other than 1")->group(kGroup);
 }
 
+void VariantOptions::addOddities(CLI::App& app) {
+    app.add_option(
+           "--tells", tells_,
+           "Tells what is not so, KEY=VALUE by commas: granularity=1|2|4, order=little|big, max-cto=N, "
+           "max-dto=N, timestamp=0|1|2|4, tick-unit=0..9, running=1")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->group("Oddities");
+}
+
 Result<void> VariantOptions::complete(Options& options) {
     completeLock(options.lock);
+    const Result<void> told = completeTales(options.tells);
+    if (!told.ok()) return told.error();
     return completeStaticLists(options);
+}
+
+Result<void> VariantOptions::completeTales(Tales& tales) const {
+    for (const std::string& tale : tells_) {
+        const std::size_t equals = std::min(tale.find('='), tale.size());
+        const std::string key = tale.substr(0, equals);
+        const std::string value = tale.substr(std::min(equals + 1, tale.size()));
+        const Result<std::uint64_t> parsed = parseUnsigned(value, NumberBase::automatic, 0xFFFF);
+        const std::uint64_t number = parsed.ok() ? parsed.value() : kNoNumber;
+        const auto byte = static_cast<std::uint8_t>(number);
+        if (key == "order" && (value == "big" || value == "little")) {
+            tales.order = value == "big" ? ByteOrder::bigEndian : ByteOrder::littleEndian;
+        } else if (key == "granularity" && (number == 1 || number == 2 || number == 4)) {
+            tales.granularity = byte;
+        } else if (key == "max-cto" && number <= 0xFF) {
+            tales.maxCto = byte;
+        } else if (key == "max-dto" && number != kNoNumber) {
+            tales.maxDto = static_cast<std::uint16_t>(number);
+        } else if (key == "timestamp" && (number <= 2 || number == 4)) {
+            tales.timestampSize = byte;
+        } else if (key == "tick-unit" && number <= 9) {
+            tales.tickExponent = byte;
+        } else if (key == "running" && number <= 1) {
+            tales.running = number == 1;
+        } else {
+            return Error{ErrorCode::invalidArgument, "--tells '" + tale + "': --help shows what it can be"};
+        }
+    }
+    return {};
 }
 
 Result<void> VariantOptions::completeStaticLists(Options& options) {

@@ -26,13 +26,16 @@ class VariantOptions {
   private:
     void addLock(CLI::App& app, Options& options);
     void addStaticLists(CLI::App& app, Options& options);
+    void addOddities(CLI::App& app);
     void completeLock(LockOptions& lock) const;
     Result<void> completeStaticLists(Options& options);
+    Result<void> completeTales(Tales& tales) const;
 
     std::vector<std::string> lock_;
     std::vector<std::string> lockQuirks_;
     bool staticDaq_ = false;
     StaticListTexts staticLists_;
+    std::vector<std::string> tells_;
 };
 
 }  // namespace lm::sim
