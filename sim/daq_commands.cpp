@@ -21,6 +21,7 @@ DaqCommands::Refusal DaqCommands::execute(Packet packet, std::uint64_t ticks, An
         case kClearDaqList:
         case kSetDaqPtr:
         case kWriteDaq:
+        case kWriteDaqMultiple:
         case kSetDaqListMode:
             return configure(packet, answer);
         case kStartStopDaqList:
@@ -54,10 +55,27 @@ DaqCommands::Refusal DaqCommands::configure(Packet packet, const Answer& answer)
         case kWriteDaq:
             return lists_.writeEntry(packet[1], std::size_t{packet[2]} * options_.granularity, packet[3],
                                      answer.dword(packet, 4));
+        case kWriteDaqMultiple:
+            return writeMultiple(packet, answer);
         default:
             return lists_.setMode(answer.word(packet, 2),
                                   {packet[1], answer.word(packet, 4), packet[6], packet[7]});
     }
+}
+
+/// The entries before one that is refused stay written.
+DaqCommands::Refusal DaqCommands::writeMultiple(Packet packet, const Answer& answer) {
+    constexpr std::size_t kEntryBytes = 8;
+    const std::size_t count = packet[1];
+    if (count == 0 || 2 + count * kEntryBytes > options_.maxCto) return Err::outOfRange;
+    if (packet.size() < 2 + count * kEntryBytes) return Err::cmdSyntax;
+    for (std::size_t i = 0; i < count; ++i) {
+        const Packet entry = packet.subspan(2 + i * kEntryBytes, kEntryBytes);
+        const Refusal refusal = lists_.writeEntry(entry[0], std::size_t{entry[1]} * options_.granularity,
+                                                  entry[6], answer.dword(entry, 2));
+        if (refusal) return refusal;
+    }
+    return std::nullopt;
 }
 
 DaqCommands::Refusal DaqCommands::run(Packet packet, Answer& answer) {

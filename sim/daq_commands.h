@@ -25,6 +25,7 @@ class DaqCommands {
   private:
     Refusal allocate(Packet packet, const Answer& answer);
     Refusal configure(Packet packet, const Answer& answer);
+    Refusal writeMultiple(Packet packet, const Answer& answer);
     Refusal run(Packet packet, Answer& answer);
     Refusal tell(Packet packet, std::uint64_t ticks, Answer& answer);
     void processorInfo(Answer& answer) const;

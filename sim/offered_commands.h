@@ -17,6 +17,8 @@ inline bool isOffered(const CommandInfo& command, const Options& options) {
             return options.isStatic();
         case Presence::withDynamicLists:
             return !options.isStatic();
+        case Presence::onRequest:
+            return options.offer.count(command.code) != 0;
         default:
             return true;
     }

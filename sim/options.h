@@ -66,6 +66,7 @@ struct Options {
     bool selectStopped = false;                    ///< refuses to select a list that runs
     bool synchClears = false;             ///< SYNCH sets memory and DAQ pointer back to their first places
     std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
+    std::set<std::uint8_t> offer = {};    ///< codes of commands that are there on request alone
     LockOptions lock = {};
     Tales tells = {};
 

@@ -21,6 +21,7 @@ enum Command : std::uint8_t {
     kUpload = 0xF5,
     kShortUpload = 0xF4,
     kDownload = 0xF0,
+    kModifyBits = 0xEC,
     kClearDaqList = 0xE3,
     kSetDaqPtr = 0xE2,
     kWriteDaq = 0xE1,
@@ -38,6 +39,7 @@ enum Command : std::uint8_t {
     kAllocDaq = 0xD5,
     kAllocOdt = 0xD4,
     kAllocOdtEntry = 0xD3,
+    kWriteDaqMultiple = 0xC7,
 };
 
 /// Groups of commands, as CONNECT, GET_STATUS and GET_SEED name them.
@@ -69,6 +71,7 @@ enum class Presence : std::uint8_t {
     withLock,   ///< there when a resource is locked
     withStaticLists,
     withDynamicLists,
+    onRequest,  ///< there with --offer
 };
 
 struct CommandInfo {
@@ -90,6 +93,7 @@ inline constexpr CommandInfo kCommands[] = {
     {kUpload, "UPLOAD", 2, Presence::usual},
     {kShortUpload, "SHORT_UPLOAD", 8, Presence::usual},
     {kDownload, "DOWNLOAD", 3, Presence::usual},
+    {kModifyBits, "MODIFY_BITS", 6, Presence::onRequest},
     {kClearDaqList, "CLEAR_DAQ_LIST", 4, Presence::withStaticLists},
     {kSetDaqPtr, "SET_DAQ_PTR", 6, Presence::usual},
     {kWriteDaq, "WRITE_DAQ", 8, Presence::usual},
@@ -107,6 +111,7 @@ inline constexpr CommandInfo kCommands[] = {
     {kAllocDaq, "ALLOC_DAQ", 4, Presence::withDynamicLists},
     {kAllocOdt, "ALLOC_ODT", 5, Presence::withDynamicLists},
     {kAllocOdtEntry, "ALLOC_ODT_ENTRY", 6, Presence::withDynamicLists},
+    {kWriteDaqMultiple, "WRITE_DAQ_MULTIPLE", 2, Presence::onRequest},
 };
 
 constexpr const CommandInfo* findCommand(std::uint8_t code) {

@@ -42,6 +42,7 @@ void Security::forgetSeed() {
 std::uint8_t Security::resourceOf(std::uint8_t code) const {
     switch (code) {
         case kDownload:
+        case kModifyBits:
             return kCalibration;
         case kUpload:
         case kShortUpload:
@@ -57,6 +58,7 @@ std::uint8_t Security::resourceOf(std::uint8_t code) const {
         case kReadDaq:
         case kSetDaqPtr:
         case kWriteDaq:
+        case kWriteDaqMultiple:
         case kSetDaqListMode:
         case kStartStopDaqList:
         case kStartStopSynch:

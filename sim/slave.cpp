@@ -14,7 +14,7 @@ constexpr std::uint8_t kDriverVersion = 0x10;
 constexpr std::uint8_t kProtocolVersion = 1;
 
 constexpr bool isDaqCommand(std::uint8_t code) {
-    return code <= kClearDaqList && code >= kAllocOdtEntry;
+    return (code <= kClearDaqList && code >= kAllocOdtEntry) || code == kWriteDaqMultiple;
 }
 
 }  // namespace
@@ -112,6 +112,8 @@ Slave::Refusal Slave::executeMemory(Packet packet) {
             return std::nullopt;
         case kDownload:
             return download(packet);
+        case kModifyBits:
+            return modifyBits(packet);
         default:
             return upload(packet[1]);
     }
@@ -165,16 +167,33 @@ Slave::Refusal Slave::download(Packet packet) {
     const std::size_t size = std::size_t{packet[1]} * options_.granularity;
     if (size == 0 || mta_ % options_.granularity != 0) return Err::outOfRange;
     if (packet.size() < head + size) return Err::cmdSyntax;
-    switch (world_.write(mtaExtension_, mta_, packet.subspan(head, size))) {
+    const Refusal refusal = write(packet.subspan(head, size));
+    if (!refusal) mta_ += static_cast<std::uint32_t>(size);
+    return refusal;
+}
+
+/// Changes 32 bits in one go, so that none is lost which the ECU changes meanwhile.
+Slave::Refusal Slave::modifyBits(Packet packet) {
+    const std::uint8_t shift = packet[1];
+    const std::uint8_t* at = world_.read(mtaExtension_, mta_, sizeof(std::uint32_t));
+    if (shift > 31 || at == nullptr || mta_ % options_.granularity != 0) return Err::outOfRange;
+    const std::uint32_t cleared = (~std::uint32_t{answer_.word(packet, 2)} & 0xFFFFU) << shift;
+    const std::uint32_t inverted = std::uint32_t{answer_.word(packet, 4)} << shift;
+    const auto old = readBytes<std::uint32_t>(at, options_.order);
+    std::array<std::uint8_t, sizeof(std::uint32_t)> bytes{};
+    writeBytes(bytes.data(), (old & ~cleared) ^ inverted, options_.order);
+    return write(bytes);
+}
+
+Slave::Refusal Slave::write(std::span<const std::uint8_t> bytes) {
+    switch (world_.write(mtaExtension_, mta_, bytes)) {
         case Access::outOfRange:
             return Err::outOfRange;
         case Access::writeProtected:
             return Err::writeProtected;
         case Access::granted:
-            break;
+            ++writes_;
     }
-    mta_ += static_cast<std::uint32_t>(size);
-    ++writes_;
     return std::nullopt;
 }
 

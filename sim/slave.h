@@ -51,6 +51,9 @@ class Slave {
     void commModeInfo();
     Refusal upload(std::size_t elements);
     Refusal download(Packet packet);
+    Refusal modifyBits(Packet packet);
+    /// To where the memory pointer stands.
+    Refusal write(std::span<const std::uint8_t> bytes);
 
     const Options& options_;
     const Catalog& catalog_;

@@ -75,20 +75,41 @@ void VariantOptions::addStaticLists(CLI::App& app, Options& options) {
 }
 
 void VariantOptions::addOddities(CLI::App& app) {
+    app.add_option("--offer", offer_, "Knows these too, by commas: MODIFY_BITS, WRITE_DAQ_MULTIPLE")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->group("Rarities and oddities");
     app.add_option(
            "--tells", tells_,
            "Tells what is not so, KEY=VALUE by commas: granularity=1|2|4, order=little|big, max-cto=N, "
            "max-dto=N, timestamp=0|1|2|4, tick-unit=0..9, running=1")
         ->delimiter(',')
         ->allow_extra_args(false)
-        ->group("Oddities");
+        ->group("Rarities and oddities");
 }
 
 Result<void> VariantOptions::complete(Options& options) {
     completeLock(options.lock);
+    const Result<void> offered = completeOffer(options.offer);
+    if (!offered.ok()) return offered.error();
     const Result<void> told = completeTales(options.tells);
     if (!told.ok()) return told.error();
     return completeStaticLists(options);
+}
+
+Result<void> VariantOptions::completeOffer(std::set<std::uint8_t>& offer) const {
+    for (const std::string& typed : offer_) {
+        std::string name = typed;  // modify-bits will do
+        for (char& c : name)
+            c = c == '-' ? '_' : c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+        const std::optional<std::uint8_t> code = commandCode(name);
+        if (!code || findCommand(*code)->presence != Presence::onRequest) {
+            return Error{ErrorCode::invalidArgument,
+                         "--offer '" + typed + "': MODIFY_BITS or WRITE_DAQ_MULTIPLE expected"};
+        }
+        offer.insert(*code);
+    }
+    return {};
 }
 
 Result<void> VariantOptions::completeTales(Tales& tales) const {

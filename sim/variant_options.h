@@ -4,6 +4,7 @@
 // returned.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,7 @@ class VariantOptions {
     void addOddities(CLI::App& app);
     void completeLock(LockOptions& lock) const;
     Result<void> completeStaticLists(Options& options);
+    Result<void> completeOffer(std::set<std::uint8_t>& offer) const;
     Result<void> completeTales(Tales& tales) const;
 
     std::vector<std::string> lock_;
@@ -36,6 +38,7 @@ class VariantOptions {
     bool staticDaq_ = false;
     StaticListTexts staticLists_;
     std::vector<std::string> tells_;
+    std::vector<std::string> offer_;
 };
 
 }  // namespace lm::sim

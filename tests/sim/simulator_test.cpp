@@ -150,6 +150,8 @@ TEST(Slave, AnswersInIntelOrder) {
         {"FC", "FE 00"},
         {"FB", "FF 00 00 00 00 00 00 10"},
         {"FA 00", "FE 20"},
+        {"EC 00 FF FF 00 00", "FE 20"},
+        {"C7 00", "FE 20"},
         {"F6 00 00 00 02 00 01", "FE 21"},
         {"F4 02 00 00 02 00 01 00", "FF 80 0C"},
         {"F5 04", "FF 00 00 80 3F"},  // goes on behind: cal_gain
@@ -396,6 +398,45 @@ TEST(Slave, HasStaticLists) {
     for (const auto& [command, answer] : exchanges)
         EXPECT_EQ(bench.send(command), Packets{answer}) << command;
     EXPECT_EQ(bench.pass(2), (Packets{"02 14 00 02 00 00 00 00", "03 00 00 00 00"}));  // every other sample
+}
+
+TEST(Slave, ChangesBitsAndWritesEntriesInOneGo) {
+    Options options;
+    options.maxCto = 26;
+    options.offer = {kModifyBits, kWriteDaqMultiple};
+    SimBench bench(options);
+    const std::string read = "F4 04 00 00 10 04 01 00";  // cal_control_word
+    bench.drive({"FF 00", "F6 00 00 00 10 04 01 00"});
+    bench.pass(1);
+    const std::pair<std::string, const char*> exchanges[] = {
+        {read, "FF 00 32 00 80"},
+        {"F6 00 00 00 10 04 01 00", "FF"},
+        {"EC 00 F0 FF 05 00", "FF"},
+        {read, "FF 05 32 00 80"},
+        {"F6 00 00 00 10 04 01 00", "FF"},
+        {"EC 08 FF FF FF 00", "FF"},  // inverts, clears nothing
+        {"EC 10 FF FF 00 80", "FF"},  // the pointer stays
+        {"EC 20 FF FF 00 00", "FE 22"},
+        {"EC 00 FF FF 00", "FE 21"},
+        {read, "FF 05 CD 00 00"},
+        {"F6 00 00 01 00 00 08 00", "FF"},
+        {"EC 00 FF FF 00 00", "FE 23"},
+        {"D6", "FF"},
+        {"D5 00 01 00", "FF"},
+        {"D4 00 00 00 01", "FF"},
+        {"D3 00 00 00 00 02", "FF"},
+        {"E2 00 00 00 00 00", "FF"},
+        {"C7 03 FF 04 00 20 01 00 00 00", "FE 21"},
+        {"C7 04 FF 04 00 20 01 00 00 00", "FE 22"},
+        {"C7 02 FF 04 00 20 01 00 00 00 FF 01 90 20 01 00 00 00", "FF"},
+        {"C7 01 FF 01 90 20 01 00 00 00", "FE 22"},  // the ODT is full
+        {"E0 00 00 00 00 00 01 00", "FF"},
+        {"DE 01 00 00", "FF 00"},
+    };
+    for (const auto& [command, answer] : exchanges)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    EXPECT_EQ(bench.pass(1), Packets{"00 00 02 00 00 00 00"});
+    EXPECT_EQ(bench.send(read), Packets{"FF 05 CD 00 80"});  // it inverts what it finds
 }
 
 TEST(Slave, LosesItsPointersOnSynch) {
