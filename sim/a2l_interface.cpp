@@ -110,6 +110,7 @@ std::string daqBlock(const Options& options, const Catalog& catalog) {
             : options.overload == OverloadIndication::topBit ? "        OVERLOAD_INDICATION_PID\n"
                                                              : "        NO_OVERLOAD_INDICATION\n";
     if (options.prescaler) text += "        PRESCALER_SUPPORTED\n";
+    if (options.pidOff) text += "        PID_OFF_SUPPORTED\n";
     return text + timestamps(options) + daqLists(options) + events(options, catalog) + "      /end DAQ\n";
 }
 
@@ -122,13 +123,22 @@ std::string onCan(const Options& options) {
         "        BAUDRATE 500000\n",
         options.canCmdId, options.canResId);
     if (options.maxDlcRequired) text += "        MAX_DLC_REQUIRED\n";
-    if (options.canDaqId) {
+    if (options.canDaqId && options.canListIds.empty()) {
         text += fmt::format(
             "        /begin DAQ_LIST_CAN_ID\n"
             "          {} FIXED 0x{:X}\n"
             "        /end DAQ_LIST_CAN_ID\n",
             options.minDaq, *options.canDaqId);
     }
+    for (std::size_t i = 0; i < options.canListIds.size(); ++i) {
+        text += fmt::format(
+            "        /begin DAQ_LIST_CAN_ID\n"
+            "          {} {}\n"
+            "        /end DAQ_LIST_CAN_ID\n",
+            i, options.canListIdsVariable ? "VARIABLE" : fmt::format("FIXED 0x{:X}", options.canListIds[i]));
+    }
+    if (!options.canListIds.empty()) text += "        OPTIONAL_TL_SUBCMD GET_DAQ_ID\n";
+    if (options.canListIdsVariable) text += "        OPTIONAL_TL_SUBCMD SET_DAQ_ID\n";
     if (options.canFd) {
         text += fmt::format(
             "        /begin CAN_FD\n"

@@ -1,7 +1,6 @@
 #include "sim/daq.h"
 
 #include <algorithm>
-#include <array>
 
 namespace lm::sim {
 namespace {
@@ -9,8 +8,9 @@ namespace {
 constexpr std::size_t kMaxOdtsPerList = 252;  // relative ODT numbers end below the packet identifiers
 constexpr std::uint8_t kModeSelected = 0x01;
 constexpr std::uint8_t kModeTimestamp = 0x10;
+constexpr std::uint8_t kModePidOff = 0x20;
 constexpr std::uint8_t kModeRunning = 0x40;
-constexpr std::uint8_t kModeUnsupported = 0x23;  // alternating, direction STIM, PID off
+constexpr std::uint8_t kModeUnsupported = 0x03;  // alternating, direction STIM
 
 }  // namespace
 
@@ -30,11 +30,12 @@ void DaqLists::reset() {
     free();
     stage_ = Stage::idle;
     for (const StaticList& one : options_.staticLists)
-        lists_.push_back(makeList(one));
+        lists_.push_back(makeList(one, lists_.size()));
 }
 
-DaqLists::List DaqLists::makeList(const StaticList& from) const {
+DaqLists::List DaqLists::makeList(const StaticList& from, std::size_t number) const {
     List list;
+    list.canId = givenCanId(number);
     list.fixed = &from;
     list.event = from.event.value_or(0);
     list.odts.assign(from.maxOdts, Odt{});
@@ -56,6 +57,8 @@ DaqLists::Refusal DaqLists::allocLists(std::uint16_t count) {
     const std::size_t limit = options_.identification == 1 ? 256U - options_.minDaq : 4096U;
     if (count > limit) return Err::memoryOverflow;
     lists_.assign(count, List{});
+    for (std::size_t i = 0; i < lists_.size(); ++i)
+        lists_[i].canId = givenCanId(i + options_.minDaq);
     stage_ = Stage::lists;
     return std::nullopt;
 }
@@ -122,7 +125,8 @@ DaqLists::Refusal DaqLists::writeEntry(std::uint8_t bitOffset, std::size_t size,
     }
     Entry& entry = odt.entries[pointerEntry_];
     const std::size_t bytes = odt.bytes - entry.size + size;
-    if (options_.identificationSize() + bytes > options_.maxDto) return Err::daqConfig;
+    const std::size_t head = options_.pidOff ? 0 : options_.identificationSize();
+    if (head + bytes > options_.maxDto) return Err::daqConfig;
     odt.bytes = bytes;
     entry = {at, size, address, extension};
     ++pointerEntry_;
@@ -139,7 +143,9 @@ std::variant<DaqLists::Entry, Err> DaqLists::readEntry() {
 DaqLists::Refusal DaqLists::clear(std::uint16_t list) {
     List* target = find(list);
     if (target == nullptr) return Err::outOfRange;
-    *target = makeList(*target->fixed);
+    const std::uint32_t canId = target->canId;
+    *target = makeList(*target->fixed, list);
+    target->canId = canId;
     pointerValid_ = false;
     return std::nullopt;
 }
@@ -155,10 +161,14 @@ DaqLists::Refusal DaqLists::setMode(std::uint16_t list, const Mode& mode) {
     if (target->running) return Err::daqActive;
     const bool timestamp = (mode.bits & kModeTimestamp) != 0;
     const bool impossible = timestamp ? options_.timestampSize == 0 : options_.timestampFixed;
-    if ((mode.bits & kModeUnsupported) != 0 || impossible) return Err::modeNotValid;
+    const bool pidOff = (mode.bits & kModePidOff) != 0;
+    if ((mode.bits & kModeUnsupported) != 0 || impossible || (pidOff && !canOmitPid(*target))) {
+        return Err::modeNotValid;
+    }
     target->event = mode.event;
     target->prescaler = mode.prescaler;
     target->timestamp = timestamp;
+    target->pidOff = pidOff;
     return std::nullopt;
 }
 
@@ -166,7 +176,7 @@ std::optional<DaqLists::Mode> DaqLists::mode(std::uint16_t list) const {
     const List* target = find(list);
     if (target == nullptr) return std::nullopt;
     const int bits = (target->selected ? kModeSelected : 0) | (target->timestamp ? kModeTimestamp : 0) |
-                     (target->running ? kModeRunning : 0);
+                     (target->pidOff ? kModePidOff : 0) | (target->running ? kModeRunning : 0);
     return Mode{static_cast<std::uint8_t>(bits), target->event, std::max<std::uint8_t>(target->prescaler, 1),
                 0};
 }
@@ -193,8 +203,40 @@ bool DaqLists::whole(const List& list) const {
 /// Something to send, whole, every ODT within MAX_DTO (the first one with the timestamp), a mode set.
 bool DaqLists::complete(const List& list) const {
     if (list.prescaler == 0 || list.odts.empty() || list.odts[0].bytes == 0 || !whole(list)) return false;
-    const std::size_t stamp = list.timestamp ? options_.timestampSize : 0U;
-    return options_.identificationSize() + stamp + list.odts[0].bytes <= options_.maxDto;
+    if (list.pidOff && !canOmitPid(list)) return false;
+    const std::size_t head = headSize(list) + (list.timestamp ? options_.timestampSize : 0U);
+    return head + list.odts[0].bytes <= options_.maxDto &&
+           std::all_of(list.odts.begin(), list.odts.end(),
+                       [&](const Odt& odt) { return headSize(list) + odt.bytes <= options_.maxDto; });
+}
+
+std::uint32_t DaqLists::givenCanId(std::size_t number) const {
+    return number < options_.canListIds.size() ? options_.canListIds[number] : 0;
+}
+
+std::optional<std::uint32_t> DaqLists::canId(std::uint16_t list) const {
+    const List* target = find(list);
+    if (target == nullptr) return std::nullopt;
+    return target->canId != 0 ? target->canId : options_.canDtoId();
+}
+
+DaqLists::Refusal DaqLists::setCanId(std::uint16_t list, std::uint32_t id) {
+    List* target = find(list);
+    if (target == nullptr || !isCanId(id)) return Err::outOfRange;
+    if (target->running) return Err::daqActive;
+    target->canId = id;
+    return std::nullopt;
+}
+
+/// One ODT, on an identifier that nothing else is sent on.
+bool DaqLists::canOmitPid(const List& list) const {
+    const auto used = [](const Odt& odt) { return odt.bytes != 0; };
+    const bool dynamic = list.fixed == nullptr;
+    const auto odts = dynamic ? static_cast<std::ptrdiff_t>(list.odts.size())
+                              : std::count_if(list.odts.begin(), list.odts.end(), used);
+    const auto shares = [&](const List& other) { return &other != &list && other.canId == list.canId; };
+    return options_.pidOff && odts <= 1 && list.canId != 0 && list.canId != options_.canResId &&
+           list.canId != options_.canDtoId() && std::none_of(lists_.begin(), lists_.end(), shares);
 }
 
 void DaqLists::start(List& list) {
@@ -241,69 +283,6 @@ std::uint8_t DaqLists::firstPid(std::uint16_t list) const {
 
 bool DaqLists::running() const {
     return std::any_of(lists_.begin(), lists_.end(), [](const List& list) { return list.running; });
-}
-
-void DaqLists::sample(std::uint8_t event, std::uint64_t ticks, Outbox& out) {
-    for (std::size_t i = 0; i < lists_.size(); ++i) {
-        List& list = lists_[i];
-        if (!list.running || list.event != event) continue;
-        if (++list.skipped < list.prescaler) continue;
-        list.skipped = 0;
-        ++counters_.samples;
-        counters_.dtos += list.used;
-        if (faults_.due(StreamFault::overload)) {
-            ++counters_.samplesLost;
-            counters_.dtosLost += list.used;
-            list.overloaded = true;
-            if (options_.overload == OverloadIndication::event) {
-                out.append(std::array<std::uint8_t, 2>{kEventPacket, kEvDaqOverload});
-            }
-            continue;
-        }
-        sampleList(i, ticks, out);
-    }
-}
-
-void DaqLists::sampleList(std::size_t index, std::uint64_t ticks, Outbox& out) {
-    List& list = lists_[index];
-    const std::size_t head = options_.identificationSize();
-    for (std::size_t odt = 0; odt < list.used; ++odt) {
-        const Odt& source = list.odts[odt];
-        const std::size_t stamp = odt == 0 && list.timestamp ? options_.timestampSize : 0U;
-        const std::size_t whole = head + stamp + source.bytes;
-        if (faults_.due(StreamFault::loseOdt)) {
-            ++counters_.dtosLost;
-            continue;
-        }
-        std::uint8_t* to =
-            out.append(std::min<std::size_t>(whole + options_.pad, options_.maxDto), true).data();
-        writeHead(to, index, odt, odt == 0 && list.overloaded);
-        to += head;
-        if (stamp != 0) writeSized(to, ticks, stamp, ByteOrder::littleEndian);
-        to += stamp;
-        for (const Entry& entry : source.entries) {
-            if (entry.at == nullptr) break;
-            std::memcpy(to, entry.at, entry.size);
-            to += entry.size;
-        }
-    }
-    list.overloaded = false;
-}
-
-void DaqLists::writeHead(std::uint8_t* to, std::size_t list, std::size_t odt, bool overloaded) const {
-    const std::size_t number = list + firstList();
-    to[0] = static_cast<std::uint8_t>(odt);
-    switch (options_.identification) {
-        case 0:
-            to[0] = static_cast<std::uint8_t>(firstPid(static_cast<std::uint16_t>(number)) + odt);
-            break;
-        case 1:
-            to[1] = static_cast<std::uint8_t>(number);
-            break;
-        default:
-            writeLittle(to + options_.identification - 1, static_cast<std::uint16_t>(number));
-    }
-    if (overloaded && options_.overload == OverloadIndication::topBit) to[0] |= 0x80;
 }
 
 }  // namespace lm::sim

@@ -1,4 +1,5 @@
-// The DAQ lists of the simulated slave: their configuration by command and the DTOs of one event.
+// The DAQ lists of the simulated slave: their configuration by command (daq.cpp) and the DTOs of one event
+// (daq_sampling.cpp).
 //
 // Threads: one thread at a time. Lifetime: options, world and fault plan must live as long as the lists.
 #pragma once
@@ -74,6 +75,10 @@ class DaqLists {
     std::optional<Mode> mode(std::uint16_t list) const;
     std::optional<Info> info(std::uint16_t list) const;
 
+    /// The CAN identifier of the list's DTOs; none: there is no such list.
+    std::optional<std::uint32_t> canId(std::uint16_t list) const;
+    Refusal setCanId(std::uint16_t list, std::uint32_t id);
+
     /// START_STOP_DAQ_LIST: mode 0 stops, 1 starts, 2 selects.
     Refusal startStop(std::uint16_t list, std::uint8_t mode);
     /// START_STOP_SYNCH: mode 0 stops all, 1 starts the selected lists, 2 stops the selected ones.
@@ -98,15 +103,20 @@ class DaqLists {
         std::uint16_t event = 0;
         std::uint8_t prescaler = 0;  ///< 0: no mode set yet
         bool timestamp = false;
+        bool pidOff = false;
         bool selected = false;
         bool running = false;
         bool overloaded = false;
         std::uint32_t skipped = 0;
-        std::size_t used = 0;  ///< ODTs that are sent while it runs
+        std::uint32_t canId = 0;  ///< of its own, 0: none
+        std::size_t used = 0;     ///< ODTs that are sent while it runs
     };
     enum class Stage : std::uint8_t { idle, freed, lists, odts, entries };
 
-    List makeList(const StaticList& from) const;
+    List makeList(const StaticList& from, std::size_t number) const;
+    std::uint32_t givenCanId(std::size_t number) const;
+    bool canOmitPid(const List& list) const;
+    std::size_t headSize(const List& list) const { return list.pidOff ? 0 : options_.identificationSize(); }
     const List* find(std::uint16_t list) const;
     List* find(std::uint16_t list) { return const_cast<List*>(std::as_const(*this).find(list)); }
     bool atEntry() const;

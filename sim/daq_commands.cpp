@@ -27,6 +27,8 @@ DaqCommands::Refusal DaqCommands::execute(Packet packet, std::uint64_t ticks, An
         case kStartStopDaqList:
         case kStartStopSynch:
             return run(packet, answer);
+        case kTransportLayerCmd:
+            return identify(packet, answer);
         default:
             return tell(packet, ticks, answer);
     }
@@ -88,6 +90,20 @@ DaqCommands::Refusal DaqCommands::run(Packet packet, Answer& answer) {
     return std::nullopt;
 }
 
+/// The CAN identifiers of the lists.
+DaqCommands::Refusal DaqCommands::identify(Packet packet, Answer& answer) {
+    const bool sets = packet[1] == kSetDaqId && options_.canListIdsVariable;
+    if (!sets && packet[1] != kGetDaqId) return Err::cmdUnknown;
+    if (packet.size() < (sets ? 8U : 4U)) return Err::cmdSyntax;
+    const std::uint16_t list = answer.word(packet, 2);
+    if (sets) return lists_.setCanId(list, answer.dword(packet, 4));
+    const std::optional<std::uint32_t> id = lists_.canId(list);
+    if (!id) return Err::outOfRange;
+    answer.begin(8)[1] = options_.canListIdsVariable ? 0 : 1;
+    answer.putDword(4, *id);
+    return std::nullopt;
+}
+
 DaqCommands::Refusal DaqCommands::tell(Packet packet, std::uint64_t ticks, Answer& answer) {
     switch (packet[0]) {
         case kGetDaqClock:
@@ -115,9 +131,10 @@ void DaqCommands::processorInfo(Answer& answer) const {
     std::uint8_t* to = answer.begin(8);
     const bool topBit = options_.overload == OverloadIndication::topBit;
     const bool event = options_.overload == OverloadIndication::event;
-    to[1] = static_cast<std::uint8_t>((options_.isStatic() ? 0 : 0x01) | (options_.prescaler ? 0x02 : 0) |
-                                      (toldTimestampSize(options_) != 0 ? 0x10 : 0) | (topBit ? 0x40 : 0) |
-                                      (event ? 0x80 : 0));
+    to[1] =
+        static_cast<std::uint8_t>((options_.isStatic() ? 0 : 0x01) | (options_.prescaler ? 0x02 : 0) |
+                                  (toldTimestampSize(options_) != 0 ? 0x10 : 0) |
+                                  (options_.pidOff ? 0x20 : 0) | (topBit ? 0x40 : 0) | (event ? 0x80 : 0));
     answer.putWord(2, lists_.firstList() + std::size_t{lists_.count()});
     answer.putWord(4, kEventCount);
     to[6] = options_.reservedLists();

@@ -27,6 +27,7 @@ class DaqCommands {
     Refusal configure(Packet packet, const Answer& answer);
     Refusal writeMultiple(Packet packet, const Answer& answer);
     Refusal run(Packet packet, Answer& answer);
+    Refusal identify(Packet packet, Answer& answer);
     Refusal tell(Packet packet, std::uint64_t ticks, Answer& answer);
     void processorInfo(Answer& answer) const;
     void resolutionInfo(Answer& answer) const;

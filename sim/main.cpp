@@ -131,6 +131,12 @@ void addCanOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--cmd-id", o.canCmdId, "CAN identifier of commands (0x7E0); bit 31 marks 29-bit ones");
     app.add_option("--res-id", o.canResId, "CAN identifier of answers and DTOs (0x7E1)");
     app.add_option("--daq-id", o.canDaqId, "CAN identifier of DTOs, if of their own");
+    app.add_option("--daq-ids", o.canListIds, "CAN identifiers of the DTOs of DAQ list 0, 1, ...; by commas")
+        ->delimiter(',')
+        ->allow_extra_args(false);
+    app.add_flag("--daq-ids-variable", o.canListIdsVariable, "SET_DAQ_ID changes them");
+    app.add_flag("--pid-off", o.pidOff,
+                 "A list with one ODT and an identifier of its own can leave out the PID");
     app.add_flag("--can-fd", o.canFd, "CAN FD frames with bit-rate switch");
     app.add_flag("--max-dlc-required", o.maxDlcRequired, "Hear and send CAN frames of full length only");
     app.add_option("--fill-byte", o.fillByte, "Fills CAN frames that are longer than their packet")
@@ -180,12 +186,20 @@ Result<void> writeText(const std::string& path, const std::string& text) {
 Result<void> completeCan(Arguments& arguments) {
     Options& o = arguments.options;
     if (o.serial) return Error{ErrorCode::invalidArgument, "--can and --serial exclude each other"};
-    for (const std::uint32_t id : {o.canCmdId, o.canResId, o.canDaqId.value_or(0)}) {
-        const std::uint32_t largest = (id & 0x80000000) != 0 ? 0x9FFFFFFF : 0x7FF;
-        if (id > largest) {
+    std::vector<std::uint32_t> ids = o.canListIds;
+    ids.insert(ids.end(), {o.canCmdId, o.canResId, o.canDaqId.value_or(0)});
+    for (const std::uint32_t id : ids) {
+        if (!isCanId(id)) {
             return Error{ErrorCode::invalidArgument,
                          fmt::format("0x{:X} is no CAN identifier (29-bit ones have bit 31 set)", id)};
         }
+    }
+    if (o.canListIdsVariable && o.canListIds.empty()) {
+        return Error{ErrorCode::invalidArgument,
+                     "--daq-ids-variable: needs --daq-ids, what they are at first"};
+    }
+    if (o.pidOff && (o.identification != 0 || o.canListIds.empty())) {
+        return Error{ErrorCode::invalidArgument, "--pid-off: needs --identification 0 and --daq-ids"};
     }
     if (arguments.maxCto->count() == 0) o.maxCto = o.maxDlc();
     if (arguments.maxDto->count() == 0) o.maxDto = o.maxDlc();
@@ -217,6 +231,8 @@ Result<void> complete(Arguments& arguments) {
     if (!o.can.empty()) {
         const Result<void> done = completeCan(arguments);
         if (!done.ok()) return done.error();
+    } else if (!o.canListIds.empty() || o.canListIdsVariable || o.pidOff) {
+        return Error{ErrorCode::invalidArgument, "--daq-ids, --daq-ids-variable and --pid-off: need --can"};
     }
     const Result<void> varied = arguments.variants.complete(o);
     if (!varied.ok()) return varied.error();

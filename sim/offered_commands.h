@@ -19,6 +19,8 @@ inline bool isOffered(const CommandInfo& command, const Options& options) {
             return !options.isStatic();
         case Presence::onRequest:
             return options.offer.count(command.code) != 0;
+        case Presence::withListCanIds:
+            return !options.canListIds.empty();
         default:
             return true;
     }

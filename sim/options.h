@@ -42,6 +42,11 @@ struct Tales {
     bool running = false;  ///< some DAQ list runs
 };
 
+/// Whether bit 31 and the others make an identifier.
+constexpr bool isCanId(std::uint32_t id) {
+    return id <= ((id & 0x80000000) != 0 ? 0x9FFFFFFF : 0x7FF);
+}
+
 struct Options {
     // The slave.
     ByteOrder order = ByteOrder::littleEndian;
@@ -62,6 +67,7 @@ struct Options {
     std::uint8_t firstPid = 0;                 ///< with identification type 0: PID of the first ODT
     std::uint32_t daqEntries = 20000;          ///< DAQ memory: ODT entries in all lists together
     OverloadIndication overload = OverloadIndication::event;
+    bool pidOff = false;  ///< leaves out the identification field on request, with type 0 on CAN
     SameFirstPid sameFirstPid = SameFirstPid::no;  ///< with identification type 0
     bool selectStopped = false;                    ///< refuses to select a list that runs
     bool synchClears = false;             ///< SYNCH sets memory and DAQ pointer back to their first places
@@ -94,6 +100,8 @@ struct Options {
     std::uint32_t canCmdId = 0x7E0;           ///< of commands; bit 31 marks 29-bit identifiers here and below
     std::uint32_t canResId = 0x7E1;           ///< of answers and DTOs
     std::optional<std::uint32_t> canDaqId{};  ///< of DTOs, if of their own
+    std::vector<std::uint32_t> canListIds{};  ///< of the DTOs of list 0, 1, ...: of their own
+    bool canListIdsVariable = false;          ///< SET_DAQ_ID changes them
     bool canFd = false;                       ///< CAN FD frames with bit-rate switch
     bool maxDlcRequired = false;              ///< all frames, heard and sent, have the full length
     std::uint8_t fillByte = 0;                ///< of frames longer than their packet
@@ -119,6 +127,8 @@ struct Options {
             predefined = static_cast<std::uint8_t>(predefined + (list.predefined.empty() ? 0 : 1));
         return isStatic() ? predefined : minDaq;
     }
+    /// The CAN identifier of DTOs that have none of their list.
+    std::uint32_t canDtoId() const { return canDaqId.value_or(canResId); }
     /// Largest payload of a CAN frame.
     std::uint8_t maxDlc() const { return canFd ? 64 : 8; }
     /// Largest ODT entry in bytes.

@@ -20,6 +20,7 @@ enum Command : std::uint8_t {
     kSetMta = 0xF6,
     kUpload = 0xF5,
     kShortUpload = 0xF4,
+    kTransportLayerCmd = 0xF2,
     kDownload = 0xF0,
     kModifyBits = 0xEC,
     kClearDaqList = 0xE3,
@@ -44,6 +45,9 @@ enum Command : std::uint8_t {
 
 /// Groups of commands, as CONNECT, GET_STATUS and GET_SEED name them.
 enum Resource : std::uint8_t { kCalibration = 0x01, kDaq = 0x04, kStim = 0x08, kPgm = 0x10 };
+
+/// Of TRANSPORT_LAYER_CMD on CAN.
+enum CanSubcommand : std::uint8_t { kGetDaqId = 0xFE, kSetDaqId = 0xFD };
 
 enum PacketId : std::uint8_t { kResponse = 0xFF, kErrorPacket = 0xFE, kEventPacket = 0xFD };
 
@@ -71,7 +75,8 @@ enum class Presence : std::uint8_t {
     withLock,   ///< there when a resource is locked
     withStaticLists,
     withDynamicLists,
-    onRequest,  ///< there with --offer
+    onRequest,       ///< there with --offer
+    withListCanIds,  ///< there on CAN, when lists have identifiers of their own
 };
 
 struct CommandInfo {
@@ -92,6 +97,7 @@ inline constexpr CommandInfo kCommands[] = {
     {kSetMta, "SET_MTA", 8, Presence::usual},
     {kUpload, "UPLOAD", 2, Presence::usual},
     {kShortUpload, "SHORT_UPLOAD", 8, Presence::usual},
+    {kTransportLayerCmd, "TRANSPORT_LAYER_CMD", 2, Presence::withListCanIds},
     {kDownload, "DOWNLOAD", 3, Presence::usual},
     {kModifyBits, "MODIFY_BITS", 6, Presence::onRequest},
     {kClearDaqList, "CLEAR_DAQ_LIST", 4, Presence::withStaticLists},

@@ -14,7 +14,8 @@ constexpr std::uint8_t kDriverVersion = 0x10;
 constexpr std::uint8_t kProtocolVersion = 1;
 
 constexpr bool isDaqCommand(std::uint8_t code) {
-    return (code <= kClearDaqList && code >= kAllocOdtEntry) || code == kWriteDaqMultiple;
+    return (code <= kClearDaqList && code >= kAllocOdtEntry) || code == kWriteDaqMultiple ||
+           code == kTransportLayerCmd;
 }
 
 }  // namespace

@@ -439,6 +439,61 @@ TEST(Slave, ChangesBitsAndWritesEntriesInOneGo) {
     EXPECT_EQ(bench.send(read), Packets{"FF 05 CD 00 80"});  // it inverts what it finds
 }
 
+TEST(Slave, SendsListsOnIdentifiersOfTheirOwn) {
+    Options options;
+    options.maxCto = 8;
+    options.maxDto = 8;
+    options.identification = 0;
+    options.timestampSize = 0;
+    options.pidOff = true;
+    options.canListIds = {0x600, 0x601};
+    options.canListIdsVariable = true;
+    SimBench bench(options);
+    const std::string counter = "E1 FF 04 00 00 20 01 00";
+    const std::pair<std::string, const char*> exchanges[] = {
+        {"FF 00", "FF 05 80 08 08 00 01 01"},
+        {"DA", "FF A3 00 00 04 00 00 00"},
+        {"D6", "FF"},
+        {"D5 00 03 00", "FF"},
+        {"D4 00 00 00 01", "FF"},
+        {"D4 00 01 00 02", "FF"},
+        {"D4 00 02 00 01", "FF"},
+        {"D3 00 00 00 00 02", "FF"},
+        {"D3 00 02 00 00 01", "FF"},
+        {"E2 00 00 00 00 00", "FF"},
+        {counter, "FF"},
+        {counter, "FF"},  // eight bytes without a PID
+        {"E2 00 02 00 00 00", "FF"},
+        {counter, "FF"},
+        {"E0 20 01 00 00 00 01 00", "FE 27"},  // two ODTs
+        {"E0 20 02 00 00 00 01 00", "FE 27"},  // no identifier of its own
+        {"E0 00 02 00 00 00 01 00", "FF"},
+        {"E0 00 00 00 00 00 01 00", "FF"},
+        {"DE 02 00 00", "FE 2A"},  // too long with a PID
+        {"F2 FE 00 00", "FF 00 00 00 00 06 00 00"},
+        {"F2 FE 02 00", "FF 00 00 00 E1 07 00 00"},
+        {"F2 FE 03 00", "FE 22"},
+        {"F2 FD 00 00 00 08 00 00", "FE 22"},
+        {"F2 FD 00 00 01 06 00 00", "FF"},
+        {"E0 20 00 00 00 00 01 00", "FE 27"},  // that of list 1
+        {"F2 FD 00 00 00 08 00 80", "FF"},
+        {"E0 20 00 00 00 00 01 00", "FF"},
+        {"F2 FF 00 00", "FE 20"},
+        {"DE 01 00 00", "FF 00"},
+        {"DE 01 02 00", "FF 03"},
+        {"F2 FD 00 00 00 06 00 00", "FE 11"},
+    };
+    for (const auto& [command, answer] : exchanges)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    Outbox out;
+    bench.ecu.advance(1'000'000, out);
+    ASSERT_EQ(out.packets().size(), 2U);
+    EXPECT_EQ(hexOf(out.bytes(out.packets()[0])), "01 00 00 00 01 00 00 00");
+    EXPECT_EQ(out.packets()[0].canId, 0x80000800);
+    EXPECT_EQ(hexOf(out.bytes(out.packets()[1])), "03 01 00 00 00");
+    EXPECT_EQ(out.packets()[1].canId, 0U);
+}
+
 TEST(Slave, LosesItsPointersOnSynch) {
     Options options;
     options.synchClears = true;
