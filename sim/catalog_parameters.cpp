@@ -22,7 +22,7 @@ void addEngine(RowList& rows) {
     rows.add("cal_ignition_trim", "Trim of the ignition angle", T::sbyte, "CM.HALF").limits(-20, 20);
     rows.add("cal_pressure_offset", "Offset of the manifold pressure", T::sword, "CM.IDENTICAL")
         .limits(-2000, 2000)
-        .attributes("FORMAT \"%5.1\"\nPHYS_UNIT \"hPa\"\n");
+        .attributes("EXTENDED_LIMITS -5000 5000\nFORMAT \"%5.1\"\nPHYS_UNIT \"hPa\"\n");
 }
 
 void addTypeMatrix(RowList& rows) {

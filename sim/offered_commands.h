@@ -10,6 +10,7 @@ namespace lm::sim {
 
 inline bool isOffered(const CommandInfo& command, const Options& options) {
     if (options.without.count(command.code) != 0) return false;
+    if (isDaqCommand(command.code) && !options.daq) return false;
     switch (command.presence) {
         case Presence::withLock:
             return options.lock.resources != 0;

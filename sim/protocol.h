@@ -134,4 +134,10 @@ constexpr std::optional<std::uint8_t> commandCode(std::string_view name) {
     return std::nullopt;
 }
 
+/// Those that only a slave with DAQ lists has.
+constexpr bool isDaqCommand(std::uint8_t code) {
+    return (code <= kClearDaqList && code >= kAllocOdtEntry) || code == kWriteDaqMultiple ||
+           code == kTransportLayerCmd;
+}
+
 }  // namespace lm::sim

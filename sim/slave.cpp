@@ -13,11 +13,6 @@ constexpr std::uint8_t kDaqRunning = 0x40;
 constexpr std::uint8_t kDriverVersion = 0x10;
 constexpr std::uint8_t kProtocolVersion = 1;
 
-constexpr bool isDaqCommand(std::uint8_t code) {
-    return (code <= kClearDaqList && code >= kAllocOdtEntry) || code == kWriteDaqMultiple ||
-           code == kTransportLayerCmd;
-}
-
 }  // namespace
 
 Slave::Slave(const Options& options, const Catalog& catalog, World& world, FaultPlan& faults)
@@ -51,7 +46,6 @@ Slave::Refusal Slave::execute(Packet packet, std::uint64_t ticks) {
     const std::uint8_t code = packet[0];
     const CommandInfo* info = findCommand(code);
     if (info == nullptr || !isOffered(*info, options_)) return Err::cmdUnknown;
-    if (isDaqCommand(code) && !options_.daq) return Err::cmdUnknown;
     if (packet.size() < info->length || packet.size() > options_.maxCto) return Err::cmdSyntax;
     if (!security_.admit(code)) return Err::accessLocked;
     answer_.begin(1);
