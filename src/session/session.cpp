@@ -9,7 +9,6 @@
 #include "a2l/object.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
-#include "session/write_rights.h"
 #include "value/typed_text.h"
 
 namespace lm::session {
@@ -174,17 +173,18 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
     return std::move(outcome.values);
 }
 
-WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
-    const auto object = findScalar(name);
+WriteOutcome Session::write(std::string_view name, std::string_view text, WriteRights rights) {
+    auto object = findScalar(name);
     if (!object.ok()) return {object.error()};
-    if (auto allowed = checkWritable(object.value(), allowMeasurements); !allowed.ok())
-        return {allowed.error()};
+    if (auto allowed = checkWritable(object.value(), rights); !allowed.ok()) return {allowed.error()};
+    if (rights.extendedLimits) a2l::takeExtendedLimits(object.value());
     const value::Element element = object.value().element();
     const auto typed = value::parseText(element, text);
     logAssumptions(object.value());
     if (typed.ok()) {
         auto outcome = values_.write(element, typed.value());
         if (!outcome.value.ok()) outcome.value = afterConnect(outcome.value.error());
+        if (outcome.value.ok()) warnBeyondLimits(element, typed.value());
         return outcome;
     }
     // That an ECU cannot be read counts more than a slip of the pen.
