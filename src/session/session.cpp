@@ -7,6 +7,7 @@
 #include <spdlog/spdlog.h>
 
 #include "a2l/object.h"
+#include "session/connect_patience.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
 #include "value/typed_text.h"
@@ -95,9 +96,8 @@ Session::~Session() {
 }
 
 Result<void> Session::open() {
-    if (auto reopened = medium_->reopenIfLost(); !reopened.ok()) return reopened;
-    medium_->reportTrouble();
-    if (auto connected = master_->connect(); !connected.ok()) {
+    const auto connected = connectPatiently(*medium_, *master_, config_.xcp.connectTimeout, stopToken());
+    if (!connected.ok()) {
         Error error = connected.error();
         if (error.code == ErrorCode::timeout) error.hint = medium_->texts().silence;
         return error;
