@@ -32,6 +32,17 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
     return options;
 }
 
+/// An A2L that names optional commands names all there are.
+bool modifiesBits(const SessionConfig::Xcp& config, const a2l::XcpInterface& interface) {
+    if (!config.modifyBits) return false;
+    const std::vector<std::string> none;
+    const auto& offered = interface.protocolLayer ? interface.protocolLayer->optionalCommands : none;
+    const bool isOffered =
+        offered.empty() || std::find(offered.begin(), offered.end(), "MODIFY_BITS") != offered.end();
+    if (!isOffered) spdlog::info("xcp.modifyBits: the A2L does not name MODIFY_BITS among the commands");
+    return isOffered;
+}
+
 bool namesTransport(const SessionConfig& config) {
     return !config.can.interface.empty() || !config.udp.host.empty() || !config.serial.port.empty();
 }
@@ -82,7 +93,7 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
       medium_(std::move(medium)),
       master_(std::make_unique<xcp::Master>(medium_->transport(),
                                             masterOptions(config_.xcp, description_.xcp), stop_.token())),
-      values_(*master_, stop_.token()),
+      values_(*master_, stop_.token(), modifiesBits(config_.xcp, description_.xcp)),
       objects_(description_, *master_, stop_.token()) {
     master_->setListener(this);
     medium_->setTextSink(&console_);

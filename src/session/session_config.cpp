@@ -271,6 +271,7 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
         section.readTimeouts("timeoutsMs", config.xcp.timeoutsMs);
         section.read("useShortUpload", config.xcp.useShortUpload);
         section.read("connectAttempts", config.xcp.connectAttempts);
+        section.read("modifyBits", config.xcp.modifyBits);
         section.readMilliseconds("connectTimeoutMs", 0, config.xcp.connectTimeout);
     });
     document.section("daq", [&](Section& section) {
@@ -347,6 +348,7 @@ ordered_json documentOf(const SessionConfig& config) {
     if (config.xcp.timeoutsMs) xcp["timeoutsMs"] = *config.xcp.timeoutsMs;
     xcp["useShortUpload"] = config.xcp.useShortUpload;
     xcp["connectAttempts"] = config.xcp.connectAttempts;
+    if (config.xcp.modifyBits) xcp["modifyBits"] = true;
     if (config.xcp.connectTimeout) xcp["connectTimeoutMs"] = config.xcp.connectTimeout->count();
     auto& daq = document["daq"];
     daq["useTimestamps"] = config.daq.useTimestamps;
