@@ -5,7 +5,6 @@
 #include <span>
 #include <unistd.h>
 
-#include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "cli/message_output.h"
@@ -241,14 +240,14 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
     return std::pair(text.substr(0, equals), text.substr(equals + 1));
 }
 
-void GetCommand::addOptions(CLI::App& app) {
-    app.add_option(
-           "names", names_,
-           "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
-           "axis; * and ? match")
-        ->required();
-    app.add_flag("--plot", plot_, "Draw curves as lines and colour maps");
-    addExact(app, exact_);
+void GetCommand::addOptions(OptionSet& options) {
+    options
+        .add("names", names_,
+             "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
+             "axis; * and ? match")
+        .required();
+    options.addFlag("--plot", plot_, "Draw curves as lines and colour maps");
+    addExact(options, exact_);
 }
 
 void GetCommand::overrule(session::SessionConfig& config) const {
@@ -259,17 +258,18 @@ int GetCommand::run(Workplace& place) {
     return listValues(place, [&] { return getAll(names_, plot_, place); });
 }
 
-void SetCommand::addOptions(CLI::App& app) {
-    app.add_option("assignments", assignments_,
-                   "NAME=VALUE, NAME[1][2]=VALUE, NAME='[[1,2],[3,4]]', NAME[*]=VALUE, NAME=@FILE.csv")
-        ->required();
-    app.add_flag("-m,--measurements", allowMeasurements_,
-                 "Also overwrite measurements (without READ_WRITE in the A2L)");
-    app.add_flag("--extended-limits", extendedLimits_,
-                 "Up to the EXTENDED_LIMITS of the A2L, beyond the limits");
-    app.add_flag("--no-dependents", noDependents_,
-                 "Leave the parameters that are computed from what is written");
-    addExact(app, exact_);
+void SetCommand::addOptions(OptionSet& options) {
+    options
+        .add("assignments", assignments_,
+             "NAME=VALUE, NAME[1][2]=VALUE, NAME='[[1,2],[3,4]]', NAME[*]=VALUE, NAME=@FILE.csv")
+        .required();
+    options.addFlag("-m,--measurements", allowMeasurements_,
+                    "Also overwrite measurements (without READ_WRITE in the A2L)");
+    options.addFlag("--extended-limits", extendedLimits_,
+                    "Up to the EXTENDED_LIMITS of the A2L, beyond the limits");
+    options.addFlag("--no-dependents", noDependents_,
+                    "Leave the parameters that are computed from what is written");
+    addExact(options, exact_);
 }
 
 void SetCommand::overrule(session::SessionConfig& config) const {
