@@ -26,7 +26,8 @@ ARROWS = {
     "sim": {"core", "hal", "help"},
 }
 # Library header -> folders or single files that may include it. The parser takes seconds to compile.
-PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_page.cpp", "sim/main.cpp"}
+PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_page.cpp", "sim/main.cpp",
+          "sim/variant_options.cpp"}
 LIBRARIES = {"CLI/": PARSER, "nlohmann/": {"session", "storage"}, "zlib.h": {"exporter"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)

@@ -128,7 +128,7 @@ void CanMedium::send(const Outbox& packets, std::int64_t /*nowNs*/) {
         }
         const bool malformed = faults_.due(StreamFault::malformed);
         const std::span<const std::uint8_t> bytes = packets.bytes(packet);
-        transmit(options_.canDaqId.value_or(options_.canResId), malformed ? bytes.first(1) : bytes);
+        transmit(packet.canId != 0 ? packet.canId : options_.canDtoId(), malformed ? bytes.first(1) : bytes);
         if (malformed) ++counters_.packetsMalformed;
     }
 }

@@ -48,6 +48,7 @@ struct Row {
     std::vector<std::uint16_t> sizes = {};  ///< elements along each direction, X first; empty: not told
     Record record = {};                     ///< what it holds, if that is more than elements of one type
     std::uint32_t border = 0;               ///< its address is a multiple of this; 0: of the type's size
+    bool toggles = false;                   ///< the model inverts what memory holds, whatever that is
     bool ignoresWrites = false;             ///< a DOWNLOAD succeeds and changes nothing
     std::string shape = "VALUE";            ///< A2L type of a characteristic
     std::string deposit = {};               ///< record layout; empty: the one of the data type

@@ -148,6 +148,15 @@ void addOddFields(RowList& rows) {
         .limits(-524288, 524287);
 }
 
+void addHeartbeat(RowList& rows) {
+    rows.add("control_alive", "Top bit of cal_control_word, inverted at each occurrence", T::ulong,
+             "CM.ON_OFF")
+        .on(kEvent1ms, SIM_WHOLE(n % 2))
+        .mask(0x80000000, "cal_control_word")
+        .limits(0, 1);
+    rows.last().toggles = true;
+}
+
 void addSlow(RowList& rows) {
     rows.add("coolant_temp", "Coolant temperature", T::ubyte, "CM.TEMP")
         .on(kEvent100ms, SIM_WHOLE(40 + tri(n, 400)))
@@ -264,6 +273,7 @@ std::vector<Row> measurementRows() {
     addOperatingPoint(rows);
     addArrays(rows);
     addEngineStructure(rows);
+    addHeartbeat(rows);
     return rows.take();
 }
 

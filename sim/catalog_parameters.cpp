@@ -22,7 +22,7 @@ void addEngine(RowList& rows) {
     rows.add("cal_ignition_trim", "Trim of the ignition angle", T::sbyte, "CM.HALF").limits(-20, 20);
     rows.add("cal_pressure_offset", "Offset of the manifold pressure", T::sword, "CM.IDENTICAL")
         .limits(-2000, 2000)
-        .attributes("FORMAT \"%5.1\"\nPHYS_UNIT \"hPa\"\n");
+        .attributes("EXTENDED_LIMITS -5000 5000\nFORMAT \"%5.1\"\nPHYS_UNIT \"hPa\"\n");
 }
 
 void addTypeMatrix(RowList& rows) {
@@ -123,6 +123,19 @@ void addShapes(RowList& rows) {
         .shape("VALUE", "RL.EMPTY", 1);
 }
 
+/// Words that the model writes too: only a change of single bits leaves its bits alone.
+void addShared(RowList& rows) {
+    rows.add("cal_control_word", "The word of the fields below and of control_alive", T::ulong, "CM.HEX")
+        .initial({0x00003200});
+    rows.add("cal_control_pump", "Bit 0", T::ulong, "CM.ON_OFF").mask(0x01, "cal_control_word").limits(0, 1);
+    rows.add("cal_control_fan", "Bits 1 to 3", T::ulong, "CM.IDENTICAL")
+        .mask(0x0E, "cal_control_word")
+        .limits(0, 7);
+    rows.add("cal_control_level", "Bits 8 to 23", T::ulong, "CM.IDENTICAL")
+        .mask(0x00FFFF00, "cal_control_word")
+        .limits(0, 65535);
+}
+
 }  // namespace
 
 std::vector<Row> parameterRows() {
@@ -134,6 +147,7 @@ std::vector<Row> parameterRows() {
     addGuarded(list);
     addShapes(list);
     addTables(list);
+    addShared(list);
     std::vector<Row> rows = list.take();
     for (Row& row : rows) {
         if (row.kind == Kind::measurement) row.kind = Kind::characteristic;

@@ -1,19 +1,23 @@
 #include "sim/daq.h"
 
 #include <algorithm>
-#include <array>
 
 namespace lm::sim {
 namespace {
 
 constexpr std::size_t kMaxOdtsPerList = 252;  // relative ODT numbers end below the packet identifiers
+constexpr std::uint8_t kModeSelected = 0x01;
 constexpr std::uint8_t kModeTimestamp = 0x10;
-constexpr std::uint8_t kModeUnsupported = 0x23;  // alternating, direction STIM, PID off
+constexpr std::uint8_t kModePidOff = 0x20;
+constexpr std::uint8_t kModeRunning = 0x40;
+constexpr std::uint8_t kModeUnsupported = 0x03;  // alternating, direction STIM
 
 }  // namespace
 
 DaqLists::DaqLists(const Options& options, const World& world, FaultPlan& faults)
-    : options_(options), world_(world), faults_(faults) {}
+    : options_(options), world_(world), faults_(faults) {
+    reset();
+}
 
 void DaqLists::free() {
     lists_.clear();
@@ -25,6 +29,27 @@ void DaqLists::free() {
 void DaqLists::reset() {
     free();
     stage_ = Stage::idle;
+    for (const StaticList& one : options_.staticLists)
+        lists_.push_back(makeList(one, lists_.size()));
+}
+
+DaqLists::List DaqLists::makeList(const StaticList& from, std::size_t number) const {
+    List list;
+    list.canId = givenCanId(number);
+    list.fixed = &from;
+    list.event = from.event.value_or(0);
+    list.odts.assign(from.maxOdts, Odt{});
+    for (std::size_t i = 0; i < list.odts.size(); ++i) {
+        Odt& odt = list.odts[i];
+        if (from.predefined.empty()) odt.entries.assign(from.maxEntries, Entry{});
+        if (from.predefined.empty()) continue;
+        for (const StaticList::Entry& entry : from.predefined[i]) {
+            const std::uint8_t* at = world_.read(entry.extension, entry.address, entry.size);
+            odt.entries.push_back({at, entry.size, entry.address, entry.extension});
+            odt.bytes += entry.size;
+        }
+    }
+    return list;
 }
 
 DaqLists::Refusal DaqLists::allocLists(std::uint16_t count) {
@@ -32,6 +57,8 @@ DaqLists::Refusal DaqLists::allocLists(std::uint16_t count) {
     const std::size_t limit = options_.identification == 1 ? 256U - options_.minDaq : 4096U;
     if (count > limit) return Err::memoryOverflow;
     lists_.assign(count, List{});
+    for (std::size_t i = 0; i < lists_.size(); ++i)
+        lists_[i].canId = givenCanId(i + options_.minDaq);
     stage_ = Stage::lists;
     return std::nullopt;
 }
@@ -64,9 +91,9 @@ DaqLists::Refusal DaqLists::allocEntries(std::uint16_t list, std::uint8_t odt, s
     return std::nullopt;
 }
 
-DaqLists::List* DaqLists::find(std::uint16_t list) {
-    if (list < options_.minDaq || list - options_.minDaq >= count()) return nullptr;
-    return &lists_[list - options_.minDaq];
+const DaqLists::List* DaqLists::find(std::uint16_t list) const {
+    if (list < firstList() || list - firstList() >= count()) return nullptr;
+    return &lists_[list - firstList()];
 }
 
 DaqLists::Refusal DaqLists::setPointer(std::uint16_t list, std::uint8_t odt, std::uint8_t entry) {
@@ -86,7 +113,10 @@ DaqLists::Refusal DaqLists::setPointer(std::uint16_t list, std::uint8_t odt, std
 DaqLists::Refusal DaqLists::writeEntry(std::uint8_t bitOffset, std::size_t size, std::uint8_t extension,
                                        std::uint32_t address) {
     if (!pointerValid_) return Err::sequence;
-    Odt& odt = find(pointerList_)->odts[pointerOdt_];
+    List& list = *find(pointerList_);
+    if (list.fixed != nullptr && list.running) return Err::daqActive;
+    if (list.fixed != nullptr && !list.fixed->predefined.empty()) return Err::writeProtected;
+    Odt& odt = list.odts[pointerOdt_];
     if (pointerEntry_ >= odt.entries.size()) return Err::outOfRange;
     const std::uint8_t* at = world_.read(extension, address, size);
     if (bitOffset != 0xFF || size == 0 || size > options_.maxOdtEntrySize() || at == nullptr ||
@@ -95,37 +125,118 @@ DaqLists::Refusal DaqLists::writeEntry(std::uint8_t bitOffset, std::size_t size,
     }
     Entry& entry = odt.entries[pointerEntry_];
     const std::size_t bytes = odt.bytes - entry.size + size;
-    if (options_.identificationSize() + bytes > options_.maxDto) return Err::daqConfig;
+    const std::size_t head = options_.pidOff ? 0 : options_.identificationSize();
+    if (head + bytes > options_.maxDto) return Err::daqConfig;
     odt.bytes = bytes;
-    entry = {at, size};
+    entry = {at, size, address, extension};
     ++pointerEntry_;
     return std::nullopt;
 }
 
-DaqLists::Refusal DaqLists::setMode(std::uint16_t list, std::uint8_t mode, std::uint16_t event,
-                                    std::uint8_t prescaler) {
+std::variant<DaqLists::Entry, Err> DaqLists::readEntry() {
+    if (!pointerValid_) return Err::sequence;
+    const Odt& odt = find(pointerList_)->odts[pointerOdt_];
+    if (pointerEntry_ >= odt.entries.size()) return Err::outOfRange;
+    return odt.entries[pointerEntry_++];
+}
+
+DaqLists::Refusal DaqLists::clear(std::uint16_t list) {
     List* target = find(list);
-    if (target == nullptr || event >= kEventCount || prescaler == 0) return Err::outOfRange;
-    if (target->running) return Err::daqActive;
-    const bool timestamp = (mode & kModeTimestamp) != 0;
-    const bool impossible = timestamp ? options_.timestampSize == 0 : options_.timestampFixed;
-    if ((mode & kModeUnsupported) != 0 || impossible) return Err::modeNotValid;
-    target->event = event;
-    target->prescaler = prescaler;
-    target->timestamp = timestamp;
+    if (target == nullptr) return Err::outOfRange;
+    const std::uint32_t canId = target->canId;
+    *target = makeList(*target->fixed, list);
+    target->canId = canId;
+    pointerValid_ = false;
     return std::nullopt;
 }
 
-/// Every entry written, every ODT within MAX_DTO (the first one with the timestamp), a mode set.
-bool DaqLists::complete(const List& list) const {
-    if (list.prescaler == 0 || list.odts.empty()) return false;
+DaqLists::Refusal DaqLists::setMode(std::uint16_t list, const Mode& mode) {
+    List* target = find(list);
+    if (target == nullptr || mode.event >= kEventCount || mode.prescaler == 0) return Err::outOfRange;
+    if (mode.prescaler != 1 && !options_.prescaler) return Err::outOfRange;
+    const StaticList* fixed = target->fixed;
+    if (fixed != nullptr && (mode.priority != 0 || fixed->event.value_or(mode.event) != mode.event)) {
+        return Err::outOfRange;
+    }
+    if (target->running) return Err::daqActive;
+    const bool timestamp = (mode.bits & kModeTimestamp) != 0;
+    const bool impossible = timestamp ? options_.timestampSize == 0 : options_.timestampFixed;
+    const bool pidOff = (mode.bits & kModePidOff) != 0;
+    if ((mode.bits & kModeUnsupported) != 0 || impossible || (pidOff && !canOmitPid(*target))) {
+        return Err::modeNotValid;
+    }
+    target->event = mode.event;
+    target->prescaler = mode.prescaler;
+    target->timestamp = timestamp;
+    target->pidOff = pidOff;
+    return std::nullopt;
+}
+
+std::optional<DaqLists::Mode> DaqLists::mode(std::uint16_t list) const {
+    const List* target = find(list);
+    if (target == nullptr) return std::nullopt;
+    const int bits = (target->selected ? kModeSelected : 0) | (target->timestamp ? kModeTimestamp : 0) |
+                     (target->pidOff ? kModePidOff : 0) | (target->running ? kModeRunning : 0);
+    return Mode{static_cast<std::uint8_t>(bits), target->event, std::max<std::uint8_t>(target->prescaler, 1),
+                0};
+}
+
+std::optional<DaqLists::Info> DaqLists::info(std::uint16_t list) const {
+    const List* target = find(list);
+    if (target == nullptr) return std::nullopt;
+    const StaticList& fixed = *target->fixed;
+    return Info{!fixed.predefined.empty(), fixed.maxOdts, fixed.maxEntries, fixed.event};
+}
+
+/// Dynamic: every entry written. Static: no gap before the last one written, neither in an ODT nor between.
+bool DaqLists::whole(const List& list) const {
     const auto written = [](const Entry& entry) { return entry.at != nullptr; };
-    const auto whole = [&](const Odt& odt) {
-        return !odt.entries.empty() && std::all_of(odt.entries.begin(), odt.entries.end(), written);
-    };
-    const std::size_t stamp = list.timestamp ? options_.timestampSize : 0U;
-    return std::all_of(list.odts.begin(), list.odts.end(), whole) &&
-           options_.identificationSize() + stamp + list.odts[0].bytes <= options_.maxDto;
+    const auto used = [](const Odt& odt) { return odt.bytes != 0; };
+    const bool dynamic = list.fixed == nullptr;
+    return std::is_partitioned(list.odts.begin(), list.odts.end(), used) &&
+           std::all_of(list.odts.begin(), list.odts.end(), [&](const Odt& odt) {
+               if (dynamic && (odt.entries.empty() || !written(odt.entries.back()))) return false;
+               return std::is_partitioned(odt.entries.begin(), odt.entries.end(), written);
+           });
+}
+
+/// Something to send, whole, every ODT within MAX_DTO (the first one with the timestamp), a mode set.
+bool DaqLists::complete(const List& list) const {
+    if (list.prescaler == 0 || list.odts.empty() || list.odts[0].bytes == 0 || !whole(list)) return false;
+    if (list.pidOff && !canOmitPid(list)) return false;
+    const std::size_t head = headSize(list) + (list.timestamp ? options_.timestampSize : 0U);
+    return head + list.odts[0].bytes <= options_.maxDto &&
+           std::all_of(list.odts.begin(), list.odts.end(),
+                       [&](const Odt& odt) { return headSize(list) + odt.bytes <= options_.maxDto; });
+}
+
+std::uint32_t DaqLists::givenCanId(std::size_t number) const {
+    return number < options_.canListIds.size() ? options_.canListIds[number] : 0;
+}
+
+std::optional<std::uint32_t> DaqLists::canId(std::uint16_t list) const {
+    const List* target = find(list);
+    if (target == nullptr) return std::nullopt;
+    return target->canId != 0 ? target->canId : options_.canDtoId();
+}
+
+DaqLists::Refusal DaqLists::setCanId(std::uint16_t list, std::uint32_t id) {
+    List* target = find(list);
+    if (target == nullptr || !isCanId(id)) return Err::outOfRange;
+    if (target->running) return Err::daqActive;
+    target->canId = id;
+    return std::nullopt;
+}
+
+/// One ODT, on an identifier that nothing else is sent on.
+bool DaqLists::canOmitPid(const List& list) const {
+    const auto used = [](const Odt& odt) { return odt.bytes != 0; };
+    const bool dynamic = list.fixed == nullptr;
+    const auto odts = dynamic ? static_cast<std::ptrdiff_t>(list.odts.size())
+                              : std::count_if(list.odts.begin(), list.odts.end(), used);
+    const auto shares = [&](const List& other) { return &other != &list && other.canId == list.canId; };
+    return options_.pidOff && odts <= 1 && list.canId != 0 && list.canId != options_.canResId &&
+           list.canId != options_.canDtoId() && std::none_of(lists_.begin(), lists_.end(), shares);
 }
 
 void DaqLists::start(List& list) {
@@ -133,6 +244,8 @@ void DaqLists::start(List& list) {
     list.selected = false;
     list.overloaded = false;
     list.skipped = 0;
+    const auto used = [](const Odt& odt) { return odt.bytes != 0; };
+    list.used = static_cast<std::size_t>(std::count_if(list.odts.begin(), list.odts.end(), used));
 }
 
 DaqLists::Refusal DaqLists::startStop(std::uint16_t list, std::uint8_t mode) {
@@ -161,6 +274,7 @@ DaqLists::Refusal DaqLists::startStopSelected(std::uint8_t mode) {
 std::uint8_t DaqLists::firstPid(std::uint16_t list) const {
     if (options_.identification != 0) return 0;
     if (options_.sameFirstPid == SameFirstPid::sent) return options_.firstPid;
+    if (options_.isStatic()) return lists_[list].fixed->firstPid;
     std::size_t pid = options_.firstPid;
     for (std::size_t i = 0; i + options_.minDaq < list; ++i)
         pid += lists_[i].odts.size();
@@ -169,68 +283,6 @@ std::uint8_t DaqLists::firstPid(std::uint16_t list) const {
 
 bool DaqLists::running() const {
     return std::any_of(lists_.begin(), lists_.end(), [](const List& list) { return list.running; });
-}
-
-void DaqLists::sample(std::uint8_t event, std::uint64_t ticks, Outbox& out) {
-    for (std::size_t i = 0; i < lists_.size(); ++i) {
-        List& list = lists_[i];
-        if (!list.running || list.event != event) continue;
-        if (++list.skipped < list.prescaler) continue;
-        list.skipped = 0;
-        ++counters_.samples;
-        counters_.dtos += list.odts.size();
-        if (faults_.due(StreamFault::overload)) {
-            ++counters_.samplesLost;
-            counters_.dtosLost += list.odts.size();
-            list.overloaded = true;
-            if (options_.overload == OverloadIndication::event) {
-                out.append(std::array<std::uint8_t, 2>{kEventPacket, kEvDaqOverload});
-            }
-            continue;
-        }
-        sampleList(i, ticks, out);
-    }
-}
-
-void DaqLists::sampleList(std::size_t index, std::uint64_t ticks, Outbox& out) {
-    List& list = lists_[index];
-    const std::size_t head = options_.identificationSize();
-    for (std::size_t odt = 0; odt < list.odts.size(); ++odt) {
-        const Odt& source = list.odts[odt];
-        const std::size_t stamp = odt == 0 && list.timestamp ? options_.timestampSize : 0U;
-        const std::size_t whole = head + stamp + source.bytes;
-        if (faults_.due(StreamFault::loseOdt)) {
-            ++counters_.dtosLost;
-            continue;
-        }
-        std::uint8_t* to =
-            out.append(std::min<std::size_t>(whole + options_.pad, options_.maxDto), true).data();
-        writeHead(to, index, odt, odt == 0 && list.overloaded);
-        to += head;
-        if (stamp != 0) writeSized(to, ticks, stamp, ByteOrder::littleEndian);
-        to += stamp;
-        for (const Entry& entry : source.entries) {
-            std::memcpy(to, entry.at, entry.size);
-            to += entry.size;
-        }
-    }
-    list.overloaded = false;
-}
-
-void DaqLists::writeHead(std::uint8_t* to, std::size_t list, std::size_t odt, bool overloaded) const {
-    const std::size_t number = list + options_.minDaq;
-    to[0] = static_cast<std::uint8_t>(odt);
-    switch (options_.identification) {
-        case 0:
-            to[0] = static_cast<std::uint8_t>(firstPid(static_cast<std::uint16_t>(number)) + odt);
-            break;
-        case 1:
-            to[1] = static_cast<std::uint8_t>(number);
-            break;
-        default:
-            writeLittle(to + options_.identification - 1, static_cast<std::uint16_t>(number));
-    }
-    if (overloaded && options_.overload == OverloadIndication::topBit) to[0] |= 0x80;
 }
 
 }  // namespace lm::sim

@@ -19,6 +19,7 @@
 #include "sim/runner.h"
 #include "sim/serial_medium.h"
 #include "sim/udp_medium.h"
+#include "sim/variant_options.h"
 
 namespace lm::sim {
 namespace {
@@ -59,6 +60,7 @@ constexpr const char* kFaultHelp =
 
 struct Arguments {
     Options options;
+    VariantOptions variants;
     std::string order = "intel";
     std::string overload = "event";
     std::string sameFirstPid;
@@ -104,7 +106,6 @@ void addSlaveOptions(CLI::App& app, Arguments& arguments) {
         ->check(CLI::IsMember({"told", "sent"}));
     app.add_flag("--select-stopped", o.selectStopped, "Refuse to select a running DAQ list");
     app.add_flag("--synch-clears", o.synchClears, "SYNCH sets memory and DAQ pointer to their first places");
-    app.add_flag("--static-daq", o.staticDaq, "Report static DAQ lists");
     app.add_flag("--no-daq", arguments.noDaq, "Do not offer the DAQ resource");
     app.add_option("--without", arguments.without, "Answer this command with ERR_CMD_UNKNOWN; repeatable")
         ->allow_extra_args(false);
@@ -130,6 +131,12 @@ void addCanOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--cmd-id", o.canCmdId, "CAN identifier of commands (0x7E0); bit 31 marks 29-bit ones");
     app.add_option("--res-id", o.canResId, "CAN identifier of answers and DTOs (0x7E1)");
     app.add_option("--daq-id", o.canDaqId, "CAN identifier of DTOs, if of their own");
+    app.add_option("--daq-ids", o.canListIds, "CAN identifiers of the DTOs of DAQ list 0, 1, ...; by commas")
+        ->delimiter(',')
+        ->allow_extra_args(false);
+    app.add_flag("--daq-ids-variable", o.canListIdsVariable, "SET_DAQ_ID changes them");
+    app.add_flag("--pid-off", o.pidOff,
+                 "A list with one ODT and an identifier of its own can leave out the PID");
     app.add_flag("--can-fd", o.canFd, "CAN FD frames with bit-rate switch");
     app.add_flag("--max-dlc-required", o.maxDlcRequired, "Hear and send CAN frames of full length only");
     app.add_option("--fill-byte", o.fillByte, "Fills CAN frames that are longer than their packet")
@@ -179,12 +186,20 @@ Result<void> writeText(const std::string& path, const std::string& text) {
 Result<void> completeCan(Arguments& arguments) {
     Options& o = arguments.options;
     if (o.serial) return Error{ErrorCode::invalidArgument, "--can and --serial exclude each other"};
-    for (const std::uint32_t id : {o.canCmdId, o.canResId, o.canDaqId.value_or(0)}) {
-        const std::uint32_t largest = (id & 0x80000000) != 0 ? 0x9FFFFFFF : 0x7FF;
-        if (id > largest) {
+    std::vector<std::uint32_t> ids = o.canListIds;
+    ids.insert(ids.end(), {o.canCmdId, o.canResId, o.canDaqId.value_or(0)});
+    for (const std::uint32_t id : ids) {
+        if (!isCanId(id)) {
             return Error{ErrorCode::invalidArgument,
                          fmt::format("0x{:X} is no CAN identifier (29-bit ones have bit 31 set)", id)};
         }
+    }
+    if (o.canListIdsVariable && o.canListIds.empty()) {
+        return Error{ErrorCode::invalidArgument,
+                     "--daq-ids-variable: needs --daq-ids, what they are at first"};
+    }
+    if (o.pidOff && (o.identification != 0 || o.canListIds.empty())) {
+        return Error{ErrorCode::invalidArgument, "--pid-off: needs --identification 0 and --daq-ids"};
     }
     if (arguments.maxCto->count() == 0) o.maxCto = o.maxDlc();
     if (arguments.maxDto->count() == 0) o.maxDto = o.maxDlc();
@@ -216,7 +231,11 @@ Result<void> complete(Arguments& arguments) {
     if (!o.can.empty()) {
         const Result<void> done = completeCan(arguments);
         if (!done.ok()) return done.error();
+    } else if (!o.canListIds.empty() || o.canListIdsVariable || o.pidOff) {
+        return Error{ErrorCode::invalidArgument, "--daq-ids, --daq-ids-variable and --pid-off: need --can"};
     }
+    const Result<void> varied = arguments.variants.complete(o);
+    if (!varied.ok()) return varied.error();
     if (o.maxCto % o.granularity != 0 || o.maxDto % o.granularity != 0) {
         return Error{ErrorCode::invalidArgument, "--max-cto and --max-dto: multiples of the granularity"};
     }
@@ -285,6 +304,7 @@ int main(int argc, char** argv) {
     lm::sim::addCanOptions(app, arguments);
     lm::sim::addSerialOptions(app, arguments);
     lm::sim::addSlaveOptions(app, arguments);
+    arguments.variants.add(app, arguments.options);
     app.footer(lm::sim::kFaultHelp);
     app.set_version_flag("--version", std::string("xcplumo-sim ") + XCPLUMO_VERSION);
     if (argc == 2 && std::string_view(argv[1]) == lm::help::kManOption) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/bytes.h"
+#include "sim/static_list.h"
 
 namespace lm::sim {
 
@@ -19,29 +20,61 @@ enum class SameFirstPid : std::uint8_t { no, told, sent };
 /// How lost samples are told to the master (fault "overload").
 enum class OverloadIndication : std::uint8_t { none, topBit, event };
 
+/// Seed & key, and what is odd about it.
+struct LockOptions {
+    std::uint8_t resources = 0;   ///< locked after every CONNECT: bits of Resource
+    std::uint8_t seedBytes = 4;   ///< 1 to 255
+    std::uint8_t keyBytes = 0;    ///< 0: as many as the seed has
+    bool grantsOnce = false;      ///< a grant serves one command
+    bool locksReads = false;      ///< UPLOAD and SHORT_UPLOAD belong to CAL/PAG
+    bool locksQueries = false;    ///< what asks about DAQ, and its clock, belongs to DAQ
+    bool statusIsSilent = false;  ///< GET_STATUS and UNLOCK tell that nothing is locked
+};
+
+/// What CONNECT, GET_STATUS and the queries about DAQ tell though it is not so.
+struct Tales {
+    std::optional<std::uint8_t> granularity = {};
+    std::optional<ByteOrder> order = {};
+    std::optional<std::uint8_t> maxCto = {};
+    std::optional<std::uint16_t> maxDto = {};
+    std::optional<std::uint8_t> timestampSize = {};
+    std::optional<std::uint8_t> tickExponent = {};
+    bool running = false;  ///< some DAQ list runs
+};
+
+/// Whether bit 31 and the others make an identifier.
+constexpr bool isCanId(std::uint32_t id) {
+    return id <= ((id & 0x80000000) != 0 ? 0x9FFFFFFF : 0x7FF);
+}
+
 struct Options {
     // The slave.
     ByteOrder order = ByteOrder::littleEndian;
-    std::uint8_t granularity = 1;      ///< bytes of one addressable element: 1, 2 or 4
-    std::uint8_t maxCto = 248;         ///< 8 to 255, a multiple of the granularity
-    std::uint16_t maxDto = 1400;       ///< 8 to 65535, a multiple of the granularity
-    std::uint8_t identification = 1;   ///< identification field type 0 to 3
-    std::uint8_t timestampSize = 4;    ///< bytes: 0 (none), 1, 2 or 4
-    std::int8_t tickUnit = -1;         ///< tick length 10^unit ns, 0 to 9; -1: 1 us, 100 us, 1 ms by size
-    bool timestampFixed = false;       ///< every list carries a timestamp
-    std::uint64_t clockStart = 0;      ///< ticks that the clock shows at the start
-    std::int32_t clockPpm = 0;         ///< how much faster than the host's clock it runs, in millionths
-    double clockWander = 0;            ///< seconds after which `clockPpm` changes its sign, 0: never
-    bool daq = true;                   ///< offers the DAQ resource
-    bool staticDaq = false;            ///< reports static instead of dynamic DAQ lists
-    std::uint8_t minDaq = 0;           ///< number of the first dynamic list
-    std::uint8_t firstPid = 0;         ///< with identification type 0: PID of the first ODT
-    std::uint32_t daqEntries = 20000;  ///< DAQ memory: ODT entries in all lists together
+    std::uint8_t granularity = 1;     ///< bytes of one addressable element: 1, 2 or 4
+    std::uint8_t maxCto = 248;        ///< 8 to 255, a multiple of the granularity
+    std::uint16_t maxDto = 1400;      ///< 8 to 65535, a multiple of the granularity
+    std::uint8_t identification = 1;  ///< identification field type 0 to 3
+    std::uint8_t timestampSize = 4;   ///< bytes: 0 (none), 1, 2 or 4
+    std::int8_t tickUnit = -1;        ///< tick length 10^unit ns, 0 to 9; -1: 1 us, 100 us, 1 ms by size
+    bool timestampFixed = false;      ///< every list carries a timestamp
+    std::uint64_t clockStart = 0;     ///< ticks that the clock shows at the start
+    std::int32_t clockPpm = 0;        ///< how much faster than the host's clock it runs, in millionths
+    double clockWander = 0;           ///< seconds after which `clockPpm` changes its sign, 0: never
+    bool daq = true;                  ///< offers the DAQ resource
+    std::vector<StaticList> staticLists = {};  ///< the lists that there are; empty: dynamic ones
+    bool prescaler = true;                     ///< takes prescalers other than 1
+    std::uint8_t minDaq = 0;                   ///< number of the first dynamic list
+    std::uint8_t firstPid = 0;                 ///< with identification type 0: PID of the first ODT
+    std::uint32_t daqEntries = 20000;          ///< DAQ memory: ODT entries in all lists together
     OverloadIndication overload = OverloadIndication::event;
+    bool pidOff = false;  ///< leaves out the identification field on request, with type 0 on CAN
     SameFirstPid sameFirstPid = SameFirstPid::no;  ///< with identification type 0
     bool selectStopped = false;                    ///< refuses to select a list that runs
     bool synchClears = false;             ///< SYNCH sets memory and DAQ pointer back to their first places
     std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
+    std::set<std::uint8_t> offer = {};    ///< codes of commands that are there on request alone
+    LockOptions lock = {};
+    Tales tells = {};
 
     // The world.
     std::uint32_t fastEventUs = 1000;  ///< cycle of event 0 in microseconds
@@ -67,6 +100,8 @@ struct Options {
     std::uint32_t canCmdId = 0x7E0;           ///< of commands; bit 31 marks 29-bit identifiers here and below
     std::uint32_t canResId = 0x7E1;           ///< of answers and DTOs
     std::optional<std::uint32_t> canDaqId{};  ///< of DTOs, if of their own
+    std::vector<std::uint32_t> canListIds{};  ///< of the DTOs of list 0, 1, ...: of their own
+    bool canListIdsVariable = false;          ///< SET_DAQ_ID changes them
     bool canFd = false;                       ///< CAN FD frames with bit-rate switch
     bool maxDlcRequired = false;              ///< all frames, heard and sent, have the full length
     std::uint8_t fillByte = 0;                ///< of frames longer than their packet
@@ -84,6 +119,16 @@ struct Options {
         if (tickUnit >= 0) return static_cast<unsigned>(tickUnit);
         return timestampSize == 4 ? 3U : timestampSize == 2 ? 5U : 6U;
     }
+    bool isStatic() const { return !staticLists.empty(); }
+    /// MIN_DAQ: how many numbers come before the first list that can be configured.
+    std::uint8_t reservedLists() const {
+        std::uint8_t predefined = 0;
+        for (const StaticList& list : staticLists)
+            predefined = static_cast<std::uint8_t>(predefined + (list.predefined.empty() ? 0 : 1));
+        return isStatic() ? predefined : minDaq;
+    }
+    /// The CAN identifier of DTOs that have none of their list.
+    std::uint32_t canDtoId() const { return canDaqId.value_or(canResId); }
     /// Largest payload of a CAN frame.
     std::uint8_t maxDlc() const { return canFd ? 64 : 8; }
     /// Largest ODT entry in bytes.

@@ -16,13 +16,14 @@ class Outbox {
         std::size_t offset;
         std::size_t length;
         bool dto;
+        std::uint32_t canId;  ///< of its own on CAN, 0: none
     };
 
     /// Room for one packet, all zero, to be filled before the next call.
-    std::span<std::uint8_t> append(std::size_t length, bool dto) {
+    std::span<std::uint8_t> append(std::size_t length, bool dto, std::uint32_t canId = 0) {
         const std::size_t offset = bytes_.size();
         bytes_.resize(offset + length);
-        packets_.push_back({offset, length, dto});
+        packets_.push_back({offset, length, dto, canId});
         return {bytes_.data() + offset, length};
     }
     void append(std::span<const std::uint8_t> packet) {

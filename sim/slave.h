@@ -5,15 +5,17 @@
 // slave.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
 
+#include "sim/answer.h"
 #include "sim/daq.h"
+#include "sim/daq_commands.h"
 #include "sim/options.h"
 #include "sim/outbox.h"
 #include "sim/protocol.h"
+#include "sim/security.h"
 #include "sim/world.h"
 
 namespace lm::sim {
@@ -39,38 +41,31 @@ class Slave {
 
   private:
     using Refusal = DaqLists::Refusal;
-    using Packet = std::span<const std::uint8_t>;
 
     Refusal execute(Packet packet, std::uint64_t ticks);
+    Refusal executeSecurity(Packet packet);
     Refusal executeMemory(Packet packet);
-    Refusal executeDaqInfo(Packet packet, std::uint64_t ticks);
-    Refusal executeDaq(Packet packet);
     void connect();
     void clearPointers();
     void status();
     void commModeInfo();
     Refusal upload(std::size_t elements);
     Refusal download(Packet packet);
-    void processorInfo();
-    void resolutionInfo();
-    Refusal eventInfo(std::uint16_t event);
-
-    std::uint16_t word(Packet packet, std::size_t at) const;
-    std::uint32_t dword(Packet packet, std::size_t at) const;
-    /// Starts the positive answer of that many bytes, all zero behind the packet identifier.
-    std::uint8_t* answer(std::size_t size);
-    void putWord(std::size_t at, std::size_t value);
+    Refusal modifyBits(Packet packet);
+    /// To where the memory pointer stands.
+    Refusal write(std::span<const std::uint8_t> bytes);
 
     const Options& options_;
     const Catalog& catalog_;
     World& world_;
     DaqLists daq_;
+    DaqCommands daqCommands_;
+    Security security_;
+    Answer answer_;
     bool connected_ = false;
     std::uint8_t mtaExtension_ = 0;
     std::uint32_t mta_ = 0;
     std::uint64_t writes_ = 0;
-    std::array<std::uint8_t, 256> answer_{};
-    std::size_t answerSize_ = 0;
 };
 
 }  // namespace lm::sim

@@ -99,6 +99,7 @@ void World::step(std::uint8_t event) {
             RawValue value;
             if (row.model.whole != nullptr) value.whole = row.model.whole(n, inputs_, i);
             if (row.model.real != nullptr) value.real = row.model.real(n, inputs_, i);
+            if (row.toggles) value.whole = 1 - loadRaw(signal.at, row.type, signal.order, row.mask).whole;
             storeRaw(signal.at + k * size, row.type, signal.order, row.mask, value);
         }
     }

@@ -13,6 +13,8 @@
 #include "sim/can_medium.h"
 #include "sim/catalog.h"
 #include "sim/ecu.h"
+#include "sim/security.h"
+#include "sim/static_lists.h"
 #include "support/hex.h"
 
 namespace lm::sim {
@@ -148,6 +150,8 @@ TEST(Slave, AnswersInIntelOrder) {
         {"FC", "FE 00"},
         {"FB", "FF 00 00 00 00 00 00 10"},
         {"FA 00", "FE 20"},
+        {"EC 00 FF FF 00 00", "FE 20"},
+        {"C7 00", "FE 20"},
         {"F6 00 00 00 02 00 01", "FE 21"},
         {"F4 02 00 00 02 00 01 00", "FF 80 0C"},
         {"F5 04", "FF 00 00 80 3F"},  // goes on behind: cal_gain
@@ -284,6 +288,210 @@ TEST(Ecu, WorksOffInOrderWhatCameDuringAHalt) {
         EXPECT_EQ(bench.pass(1), row.at100) << row.rules[0];
         EXPECT_EQ(bench.pass(10), row.at110) << row.rules[0];
     }
+}
+
+/// The answers to GET_SEED and UNLOCK in parts, the key spoilt by `error`; the last answer.
+std::string unlock(SimBench& bench, std::uint8_t resource, std::size_t keyBytes, std::size_t room,
+                   int error) {
+    std::vector<std::uint8_t> seed;
+    for (std::size_t left = 1; left > 0;) {
+        const std::string part = bench.send(fmt::format("F8 0{} {:02X}", seed.empty() ? 0 : 1, resource))[0];
+        const std::vector<std::uint8_t> bytes = test::hex(part);
+        seed.insert(seed.end(), bytes.begin() + 2, bytes.end());
+        left = bytes[1] + 2U - bytes.size();
+    }
+    std::vector<std::uint8_t> key = keyOf(seed, resource, keyBytes);
+    key.back() = static_cast<std::uint8_t>(key.back() + error);
+    std::string answer;
+    for (std::size_t at = 0; at < key.size(); at += room) {
+        const auto part = std::span(key).subspan(at, std::min(room, key.size() - at));
+        answer = bench.send(fmt::format("F7 {:02X} {}", key.size() - at, hexOf(part)))[0];
+    }
+    return answer;
+}
+
+TEST(Slave, UnlocksByKeyAlone) {
+    Options options;
+    options.maxCto = 8;
+    options.lock.resources = kCalibration | kDaq;
+    options.lock.seedBytes = 20;
+    options.lock.keyBytes = 13;
+    SimBench bench(options);
+    bench.drive({"FF 00"});
+    const std::pair<const char*, const char*> refusals[] = {
+        {"FD", "FF 00 05 00 00 00"},    {"F8 02 01", "FE 22"}, {"F8 00 03", "FE 22"},
+        {"F8 00 08", "FF 00"},          {"F8 01 01", "FE 29"}, {"F7 00", "FE 21"},
+        {"F7 01 00", "FE 29"},          {"F0 01 00", "FE 25"}, {"D6", "FE 25"},
+        {"E2 00 00 00 00 00", "FE 25"}, {"DD 00", "FE 25"},    {"F6 00 00 00 02 00 01 00", "FF"},
+        {"F5 02", "FF 80 0C"},
+    };
+    for (const auto& [command, answer] : refusals)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    EXPECT_EQ(unlock(bench, kCalibration, 13, 6, 0), "FF 04");
+    bench.drive({"F6 00 00 00 02 00 01 00", "F0 02 80 0C"});
+    EXPECT_EQ(bench.send("F7 01 00"), Packets{"FE 29"});  // a seed serves one key
+    EXPECT_EQ(bench.send("F8 00 01"), Packets{"FF 00"});
+    EXPECT_EQ(unlock(bench, kDaq, 13, 5, 1), "FE 25");
+    EXPECT_EQ(bench.send("FD"), Packets{});  // disconnected
+    bench.drive({"FF 00"});
+    EXPECT_EQ(bench.send("F0 02 80 0C"), Packets{"FE 25"});
+    EXPECT_EQ(unlock(bench, kDaq, 12, 6, 0), "FE 25");  // too short
+    bench.drive({"FF 00"});
+    EXPECT_EQ(unlock(bench, kDaq, 13, 6, 0), "FF 01");
+    bench.drive({"D6", "FF 00"});
+    EXPECT_EQ(bench.send("D6"), Packets{"FE 25"});
+}
+
+TEST(Slave, HasStaticLists) {
+    Options options;
+    options.identification = 0;
+    options.firstPid = 2;
+    options.maxDto = 9;
+    options.timestampSize = 2;
+    const StaticListTexts texts{{"2x2", "3x1@2"}, {"counter_1ms,gear,counter_10ms@0"}};
+    options.staticLists = makeStaticLists(texts, options, Catalog(options)).value();
+    SimBench bench(options);
+    const std::string gear = "E1 FF 01 00 90 20 01 00";
+    const std::pair<std::string, const char*> exchanges[] = {
+        {"FF 00", "FF 05 80 F8 09 00 01 01"},
+        {"DA", "FF 92 03 00 04 00 01 00"},
+        {"D8 00 00 00", "FF 07 02 02 00 00"},
+        {"D8 00 01 00", "FF 04 02 02 00 00"},
+        {"D8 00 02 00", "FF 06 03 01 02 00"},
+        {"D8 00 03 00", "FE 22"},
+        {"D6", "FE 20"},
+        {"D5 00 01 00", "FE 20"},
+        {"E1 FF 01 00 00 20 01 00", "FE 29"},
+        {"DB", "FE 29"},
+        {"E2 00 00 00 00 00", "FF"},
+        {"DB", "FF FF 04 00 00 20 01 00"},
+        {"E1 FF 01 00 00 20 01 00", "FE 23"},
+        {"DB", "FF FF 01 00 90 20 01 00"},
+        {"DB", "FE 22"},
+        {"DE 02 00 00", "FE 2A"},  // no mode yet
+        {"E0 10 00 00 01 00 01 00", "FE 22"},
+        {"E0 10 00 00 00 00 01 01", "FE 22"},
+        {"E0 12 00 00 00 00 01 00", "FE 27"},
+        {"E0 10 00 00 00 00 02 00", "FF"},
+        {"E2 00 01 00 02 00", "FE 22"},
+        {"E2 00 01 00 00 02", "FE 22"},
+        {"E0 00 01 00 00 00 01 00", "FF"},
+        {"DE 02 01 00", "FE 2A"},  // no entry
+        {"E2 00 01 00 01 00", "FF"},
+        {gear, "FF"},
+        {"DE 01 01 00", "FE 2A"},  // a gap
+        {"E2 00 01 00 00 00", "FF"},
+        {gear, "FF"},
+        {gear, "FF"},
+        {gear, "FE 22"},
+        {"DF 00 00 00", "FF 10 00 00 00 00 02 00"},
+        {"DE 02 00 00", "FF 02"},
+        {"DE 02 01 00", "FF 04"},
+        {"DD 01", "FF"},
+        {"DF 00 01 00", "FF 40 00 00 00 00 01 00"},
+        {gear, "FE 11"},
+        {"E2 00 01 00 00 00", "FE 11"},
+        {"E3 00 01 00", "FF"},
+        {"DF 00 01 00", "FF 00 00 00 00 00 01 00"},
+        {"E3 00 03 00", "FE 22"},
+    };
+    for (const auto& [command, answer] : exchanges)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    EXPECT_EQ(bench.pass(2), (Packets{"02 14 00 02 00 00 00 00", "03 00 00 00 00"}));  // every other sample
+}
+
+TEST(Slave, ChangesBitsAndWritesEntriesInOneGo) {
+    Options options;
+    options.maxCto = 26;
+    options.offer = {kModifyBits, kWriteDaqMultiple};
+    SimBench bench(options);
+    const std::string read = "F4 04 00 00 10 04 01 00";  // cal_control_word
+    bench.drive({"FF 00", "F6 00 00 00 10 04 01 00"});
+    bench.pass(1);
+    const std::pair<std::string, const char*> exchanges[] = {
+        {read, "FF 00 32 00 80"},
+        {"F6 00 00 00 10 04 01 00", "FF"},
+        {"EC 00 F0 FF 05 00", "FF"},
+        {read, "FF 05 32 00 80"},
+        {"F6 00 00 00 10 04 01 00", "FF"},
+        {"EC 08 FF FF FF 00", "FF"},  // inverts, clears nothing
+        {"EC 10 FF FF 00 80", "FF"},  // the pointer stays
+        {"EC 20 FF FF 00 00", "FE 22"},
+        {"EC 00 FF FF 00", "FE 21"},
+        {read, "FF 05 CD 00 00"},
+        {"F6 00 00 01 00 00 08 00", "FF"},
+        {"EC 00 FF FF 00 00", "FE 23"},
+        {"D6", "FF"},
+        {"D5 00 01 00", "FF"},
+        {"D4 00 00 00 01", "FF"},
+        {"D3 00 00 00 00 02", "FF"},
+        {"E2 00 00 00 00 00", "FF"},
+        {"C7 03 FF 04 00 20 01 00 00 00", "FE 21"},
+        {"C7 04 FF 04 00 20 01 00 00 00", "FE 22"},
+        {"C7 02 FF 04 00 20 01 00 00 00 FF 01 90 20 01 00 00 00", "FF"},
+        {"C7 01 FF 01 90 20 01 00 00 00", "FE 22"},  // the ODT is full
+        {"E0 00 00 00 00 00 01 00", "FF"},
+        {"DE 01 00 00", "FF 00"},
+    };
+    for (const auto& [command, answer] : exchanges)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    EXPECT_EQ(bench.pass(1), Packets{"00 00 02 00 00 00 00"});
+    EXPECT_EQ(bench.send(read), Packets{"FF 05 CD 00 80"});  // it inverts what it finds
+}
+
+TEST(Slave, SendsListsOnIdentifiersOfTheirOwn) {
+    Options options;
+    options.maxCto = 8;
+    options.maxDto = 8;
+    options.identification = 0;
+    options.timestampSize = 0;
+    options.pidOff = true;
+    options.canListIds = {0x600, 0x601};
+    options.canListIdsVariable = true;
+    SimBench bench(options);
+    const std::string counter = "E1 FF 04 00 00 20 01 00";
+    const std::pair<std::string, const char*> exchanges[] = {
+        {"FF 00", "FF 05 80 08 08 00 01 01"},
+        {"DA", "FF A3 00 00 04 00 00 00"},
+        {"D6", "FF"},
+        {"D5 00 03 00", "FF"},
+        {"D4 00 00 00 01", "FF"},
+        {"D4 00 01 00 02", "FF"},
+        {"D4 00 02 00 01", "FF"},
+        {"D3 00 00 00 00 02", "FF"},
+        {"D3 00 02 00 00 01", "FF"},
+        {"E2 00 00 00 00 00", "FF"},
+        {counter, "FF"},
+        {counter, "FF"},  // eight bytes without a PID
+        {"E2 00 02 00 00 00", "FF"},
+        {counter, "FF"},
+        {"E0 20 01 00 00 00 01 00", "FE 27"},  // two ODTs
+        {"E0 20 02 00 00 00 01 00", "FE 27"},  // no identifier of its own
+        {"E0 00 02 00 00 00 01 00", "FF"},
+        {"E0 00 00 00 00 00 01 00", "FF"},
+        {"DE 02 00 00", "FE 2A"},  // too long with a PID
+        {"F2 FE 00 00", "FF 00 00 00 00 06 00 00"},
+        {"F2 FE 02 00", "FF 00 00 00 E1 07 00 00"},
+        {"F2 FE 03 00", "FE 22"},
+        {"F2 FD 00 00 00 08 00 00", "FE 22"},
+        {"F2 FD 00 00 01 06 00 00", "FF"},
+        {"E0 20 00 00 00 00 01 00", "FE 27"},  // that of list 1
+        {"F2 FD 00 00 00 08 00 80", "FF"},
+        {"E0 20 00 00 00 00 01 00", "FF"},
+        {"F2 FF 00 00", "FE 20"},
+        {"DE 01 00 00", "FF 00"},
+        {"DE 01 02 00", "FF 03"},
+        {"F2 FD 00 00 00 06 00 00", "FE 11"},
+    };
+    for (const auto& [command, answer] : exchanges)
+        EXPECT_EQ(bench.send(command), Packets{answer}) << command;
+    Outbox out;
+    bench.ecu.advance(1'000'000, out);
+    ASSERT_EQ(out.packets().size(), 2U);
+    EXPECT_EQ(hexOf(out.bytes(out.packets()[0])), "01 00 00 00 01 00 00 00");
+    EXPECT_EQ(out.packets()[0].canId, 0x80000800);
+    EXPECT_EQ(hexOf(out.bytes(out.packets()[1])), "03 01 00 00 00");
+    EXPECT_EQ(out.packets()[1].canId, 0U);
 }
 
 TEST(Slave, LosesItsPointersOnSynch) {

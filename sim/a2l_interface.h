@@ -1,0 +1,16 @@
+// Writes what the A2L description says about XCP: protocol, DAQ and transport layer.
+//
+// Threads: a pure function. Lifetime: nothing is kept.
+#pragma once
+
+#include <string>
+
+#include "sim/catalog.h"
+#include "sim/options.h"
+
+namespace lm::sim {
+
+/// The blocks inside the IF_DATA of the module.
+std::string a2lInterface(const Options& options, const Catalog& catalog);
+
+}  // namespace lm::sim
