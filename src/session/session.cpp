@@ -4,9 +4,8 @@
 #include <limits>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
 #include "a2l/object.h"
+#include "core/log.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
 #include "session/write_rights.h"
@@ -46,9 +45,9 @@ Error noA2lConfigured() {
 
 void logWarnings(const a2l::Description& description) {
     for (const std::string& warning : description.warnings)
-        spdlog::warn("A2L: {}", warning);
+        log::warn("A2L: {}", warning);
     for (const std::string& note : description.notes)
-        spdlog::info("A2L: {}", note);
+        log::info("A2L: {}", note);
 }
 
 Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback,
@@ -65,7 +64,7 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
             callback(warning);
     }
     if (description.value().xcp.isCcpOnly())
-        spdlog::warn("A2L: the file describes an ECU that speaks CCP, not XCP (ASAP1B_CCP)");
+        log::warn("A2L: the file describes an ECU that speaks CCP, not XCP (ASAP1B_CCP)");
     auto own = StopSource::create(stop);
     if (!own.ok()) return own.error();
     auto medium = chooseTransport(config, description.value().xcp, pool, own.value().token());
@@ -90,7 +89,7 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
 
 Session::~Session() {
     const auto closed = close();
-    if (!closed.ok()) spdlog::warn("{}", closed.error().text());
+    if (!closed.ok()) log::warn("{}", closed.error().text());
     measurement_.reset();
     master_->setListener(nullptr);
 }
@@ -109,7 +108,7 @@ Result<void> Session::open() {
         if (capabilities.ok()) {
             capabilities_ = std::move(capabilities).value();
         } else if (!stopToken().requested()) {
-            spdlog::warn("DAQ capabilities not available: {}", capabilities.error().text());
+            log::warn("DAQ capabilities not available: {}", capabilities.error().text());
         }
     }
     warnAboutByteOrder();
@@ -124,8 +123,8 @@ void Session::warnAboutByteOrder() const {
         layer && layer->byteOrder ? layer->byteOrder : description_.byteOrder;
     const ByteOrder actual = master_->connectInfo().byteOrder();
     if (!described || *described == actual) return;
-    spdlog::warn("the ECU says that its byte order is {}, the A2L says otherwise: values may be wrong",
-                 actual == ByteOrder::bigEndian ? "Motorola" : "Intel");
+    log::warn("the ECU says that its byte order is {}, the A2L says otherwise: values may be wrong",
+              actual == ByteOrder::bigEndian ? "Motorola" : "Intel");
 }
 
 Result<void> Session::close() {
@@ -133,7 +132,7 @@ Result<void> Session::close() {
     if (master_->connected()) {
         // An ECU that did not answer the stop, or was lost before, is not waited for a second time.
         const auto disconnected = silent_ ? master_->disconnectWithoutWaiting() : master_->disconnectOnce();
-        if (!disconnected.ok()) spdlog::info("{}", disconnected.error().text());
+        if (!disconnected.ok()) log::info("{}", disconnected.error().text());
     }
     medium_->transport().close();
     if (state() != SessionState::disconnected) changeState(SessionState::disconnected, "");
@@ -241,7 +240,7 @@ Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
     if (started.ok()) return started;
     if (recording_) {
         const auto removed = recording_->discard();
-        if (!removed.ok()) spdlog::warn("{}", removed.error().text());
+        if (!removed.ok()) log::warn("{}", removed.error().text());
     }
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
     return started;
@@ -265,7 +264,7 @@ Result<void> Session::stopMeasurement() {
     stop_.reset();
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
     if (stopped.ok()) return recorded;
-    if (!recorded.ok()) spdlog::warn("{}", recorded.error().text());
+    if (!recorded.ok()) log::warn("{}", recorded.error().text());
     return afterConnect(stopped.error());
 }
 
@@ -292,7 +291,7 @@ void Session::changeState(SessionState state, const std::string& message) {
     const bool lost = before == SessionState::measuring &&
                       (state == SessionState::reconnecting || state == SessionState::failed);
     if (state == SessionState::connected || state == SessionState::measuring) terminationTold_ = false;
-    if (!message.empty()) spdlog::info("session: {} - {}", sessionStateName(state), message);
+    if (!message.empty()) log::info("session: {} - {}", sessionStateName(state), message);
     if (ISessionListener* listener = listener_.load()) {
         listener->onStateChanged(state, message, lost ? lossHint() : "");
     }
@@ -313,13 +312,13 @@ void Session::onEvent(std::uint8_t code, const std::uint8_t* /*packet*/, std::si
                       xcp::ReceiveTime /*time*/) {
     if (code == xcp::kEvDaqOverload) ++overloadEvents_;
     if (code == xcp::kEvSessionTerminated && !terminationTold_.exchange(true)) {
-        spdlog::warn("the ECU ended the session (EV_SESSION_TERMINATED)");
+        log::warn("the ECU ended the session (EV_SESSION_TERMINATED)");
     }
-    spdlog::info("XCP event {}", xcp::eventName(code));
+    log::info("XCP event {}", xcp::eventName(code));
 }
 
 void Session::onServiceRequest(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t length) {
-    spdlog::debug("XCP service request 0x{:02X}, {} bytes", code, length);
+    log::debug("XCP service request 0x{:02X}, {} bytes", code, length);
 }
 
 void Session::onTransportEvent(const xcp::TransportEvent& event) {

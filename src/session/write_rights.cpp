@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <spdlog/spdlog.h>
+#include "core/log.h"
 
 namespace lm::session {
 
@@ -25,7 +25,7 @@ Result<void> checkMask(const a2l::Object& object) {
 
 void logAssumptions(const a2l::Object& object) {
     for (const a2l::Assumption assumption : object.assumptions.list())
-        spdlog::info("{} rests on: {}", object.name, a2l::assumptionText(assumption));
+        log::info("{} rests on: {}", object.name, a2l::assumptionText(assumption));
 }
 
 }  // namespace lm::session
