@@ -200,7 +200,7 @@ bool assignObject(const session::WriteWish& wish, Workplace& place) {
 }
 
 struct AssignOptions {
-    bool measurements = false;
+    session::WriteRights rights;
     bool dependents = true;
 };
 
@@ -215,8 +215,8 @@ bool assign(const std::string& assignment, AssignOptions options, Workplace& pla
     const auto& [name, text] = *parts;
     const session::NamedObjects& objects = place.session->objects();
     if (!objects.isScalar(name) || (options.dependents && objects.hasDependents(name)))
-        return assignObject({name, text, options.measurements, options.dependents}, place);
-    const auto outcome = place.session->write(name, text, options.measurements);
+        return assignObject({name, text, options.rights, options.dependents}, place);
+    const auto outcome = place.session->write(name, text, options.rights);
     place.results.show(WriteReport(name, text, outcome, numberStyle(place.session->config())));
     if (!outcome.value) place.results.hint(outcome.value.error());
     return outcome.value.ok();
@@ -265,6 +265,8 @@ void SetCommand::addOptions(OptionSet& options) {
         .required();
     options.addFlag("-m,--measurements", allowMeasurements_,
                     "Also overwrite measurements (without READ_WRITE in the A2L)");
+    options.addFlag("--extended-limits", extendedLimits_,
+                    "Up to the EXTENDED_LIMITS of the A2L, beyond the limits");
     options.addFlag("--no-dependents", noDependents_,
                     "Leave the parameters that are computed from what is written");
     addExact(options, exact_);
@@ -278,7 +280,8 @@ int SetCommand::run(Workplace& place) {
     return listValues(place, [&] {
         int exitCode = 0;
         for (const std::string& assignment : assignments_) {
-            if (!assign(assignment, {allowMeasurements_, !noDependents_}, place)) exitCode = 1;
+            if (!assign(assignment, {{allowMeasurements_, extendedLimits_}, !noDependents_}, place))
+                exitCode = 1;
         }
         return exitCode;
     });

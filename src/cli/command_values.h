@@ -42,6 +42,7 @@ class SetCommand final : public ICommand {
   private:
     std::vector<std::string> assignments_;
     bool allowMeasurements_ = false;
+    bool extendedLimits_ = false;
     bool noDependents_ = false;
     bool exact_ = false;
 };

@@ -76,6 +76,7 @@ template AddedOption OptionSet::add(const char*, std::string&, const char*);
 template AddedOption OptionSet::add(const char*, std::optional<std::string>&, const char*);
 template AddedOption OptionSet::add(const char*, std::vector<std::string>&, const char*);
 template AddedOption OptionSet::add(const char*, std::filesystem::path&, const char*);
+template AddedOption OptionSet::add(const char*, std::optional<double>&, const char*);
 template AddedOption OptionSet::add(const char*, double&, const char*);
 template AddedOption OptionSet::add(const char*, std::int32_t&, const char*);
 template AddedOption OptionSet::add(const char*, std::uint32_t&, const char*);

@@ -50,8 +50,8 @@ class OptionSet {
     explicit OptionSet(CLI::App& app) : app_(app) {}
 
     /// Names: "-s,--long", or one word for an argument without an option. Target: a std::string, a path, a
-    /// double, a number of 32 bits, a std::uint64_t; an optional std::string or std::uint32_t, empty when it
-    /// was not given; a vector of std::string, which takes all words that follow.
+    /// double, a number of 32 bits, a std::uint64_t; an optional std::string, double or std::uint32_t, empty
+    /// when it was not given; a vector of std::string, which takes all words that follow.
     template <typename Target>
     AddedOption add(const char* names, Target& target, const char* help);
     /// Like a vector of std::string, handed to `take`.

@@ -57,6 +57,9 @@ void addProgramOptions(OptionSet& set, Options& options) {
     set.add("--res-id", options.resId, "CAN-ID ECU->master (A2L notation)");
     set.add("-b,--bitrate", options.bitrate, "CAN bitrate in bit/s (set by the tool)");
     set.addFlag("--no-short-upload", options.noShortUpload, "Do not use SHORT_UPLOAD (QTR, REQ-XCP-017)");
+    set.add("--connect-timeout", options.connectTimeout,
+            "Send CONNECT again and again until so many seconds have passed")
+        .checkNumber(isDuration, "a number of seconds from 0");
     set.add("--reconnect", options.reconnect, "abort | retry | retry_forever");
     set.addFlag("-v,--verbose", options.verbose, "Log details");
 }
@@ -151,6 +154,11 @@ Result<void> applyOverrides(const Options& options, session::SessionConfig& conf
     if (auto done = overrideId(options.cmdId, config.can.cmdId); !done) return done;
     if (auto done = overrideId(options.resId, config.can.resId); !done) return done;
     if (options.bitrate != 0) config.can.bitrate = options.bitrate;
+    if (options.connectTimeout) {
+        constexpr double kMost = UINT32_MAX / 1000.0;  // as of the configuration
+        config.xcp.connectTimeout =
+            std::chrono::milliseconds(std::llround(std::min(*options.connectTimeout, kMost) * 1000));
+    }
     if (options.noShortUpload) config.xcp.useShortUpload = false;
     if (options.reconnect) {
         auto policy = session::parseReconnectPolicy(*options.reconnect);

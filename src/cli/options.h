@@ -28,6 +28,7 @@ struct Options {
     std::optional<std::string> resId;
     std::uint32_t bitrate = 0;  ///< 0: not given
     bool noShortUpload = false;
+    std::optional<double> connectTimeout;  ///< seconds
     std::optional<std::string> reconnect;
     bool verbose = false;
 };
