@@ -25,10 +25,11 @@ ARROWS = {
     "cli": {"core", "value", "a2l", "xcp", "storage", "exporter", "session", "help"},
     "sim": {"core", "hal", "help"},
 }
-# Library header -> folders or single files that may include it. The parser takes seconds to compile.
+# Library header -> folders or single files that may include it. The parser and the log take seconds to compile.
 PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_page.cpp", "sim/main.cpp",
           "sim/variant_options.cpp"}
-LIBRARIES = {"CLI/": PARSER, "nlohmann/": {"session", "storage"}, "zlib.h": {"exporter"}}
+LOG = {"src/core/log.cpp", "src/cli/message_output.cpp"}
+LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"session", "storage"}, "zlib.h": {"exporter"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 

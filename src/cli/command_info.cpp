@@ -3,11 +3,11 @@
 #include <cstdint>
 
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
 
 #include "cli/offline_info.h"
 #include "cli/option_set.h"
 #include "cli/stop_signal.h"
+#include "core/log.h"
 #include "core/printable_text.h"
 #include "core/text.h"
 
@@ -50,7 +50,7 @@ void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq) {
 class InfoReport final : public IReport {
   public:
     explicit InfoReport(session::Session& session) : session_(session), status_(session.status()) {
-        if (!status_) spdlog::warn("status not available: {}", status_.error().text());
+        if (!status_) log::warn("status not available: {}", status_.error().text());
     }
 
     void print(Output& output) const override {

@@ -10,7 +10,6 @@
 #include <utility>
 
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
 
 #include "cli/command_info.h"
 #include "cli/console_printer.h"
@@ -21,6 +20,7 @@
 #include "cli/signal_list.h"
 #include "cli/stop_signal.h"
 #include "cli/terminal_screen.h"
+#include "core/log.h"
 #include "core/printable_text.h"
 #include "core/text.h"
 
@@ -58,11 +58,11 @@ double measureUntilEnd(double duration, const session::Session& session, const C
 
 void warnAboutLosses(const session::MeasurementStats& stats, const Console& console) {
     const std::string losses = otherLosses(stats);
-    if (!losses.empty()) spdlog::warn("measure: {}", losses);
+    if (!losses.empty()) log::warn("measure: {}", losses);
     for (const std::string& line : silentLists(stats))
-        spdlog::warn("measure: {}", line);
+        log::warn("measure: {}", line);
     if (const auto skipped = console.skippedLines(); skipped != 0) {
-        spdlog::warn("measure: {} line(s) not printed, standard output did not take them", skipped);
+        log::warn("measure: {} line(s) not printed, standard output did not take them", skipped);
     }
 }
 
@@ -352,7 +352,7 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* 
 int MeasureCommand::run(Workplace& place) {
     session::Session& session = *place.session;
     if (recordsNowhere_) {
-        spdlog::warn("measure: -r names no directory (a variable that is not set?), nothing is recorded");
+        log::warn("measure: -r names no directory (a variable that is not set?), nothing is recorded");
     }
     std::optional<LiveTable> table;
     if (options_.table) table.emplace(numberStyle(session.config()), options_.recordDirectory);
@@ -383,7 +383,7 @@ int MeasureCommand::finish(Workplace& place, const session::PlanSummary& summary
         printMessage(statisticsLine(seconds, stats) + "\n" + uncheckedLine(summary));
     } else {
         place.results.fail("stop", stopped.error());
-        spdlog::warn("measure: {}", countsWithoutStop(stats));
+        log::warn("measure: {}", countsWithoutStop(stats));
         exitCode = failed ? 2 : 1;
     }
     const auto firstNs = console.firstNs();

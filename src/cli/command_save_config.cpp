@@ -3,9 +3,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include <spdlog/spdlog.h>
-
 #include "cli/option_set.h"
+#include "core/log.h"
 
 namespace lm::cli {
 
@@ -39,7 +38,7 @@ int SaveConfigCommand::run(Workplace& place) {
     }
     const fs::path& a2l = place.config.a2l;
     if (lost && a2l.is_relative())
-        spdlog::warn("{}: the A2L file {} is not found from there", file_, a2l.string());
+        log::warn("{}: the A2L file {} is not found from there", file_, a2l.string());
     place.results.output().append(file_ + " written\n");
     return 0;
 }

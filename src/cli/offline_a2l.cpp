@@ -4,8 +4,6 @@
 #include <filesystem>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
 #include "cli/stop_signal.h"
 #include "session/session.h"
 

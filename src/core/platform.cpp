@@ -12,8 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "core/unique_fd.h"
 
 namespace lm {
@@ -40,7 +39,7 @@ void raiseOpenFileLimit() {
         const rlim_t before = limit.rlim_cur;
         limit.rlim_cur = limit.rlim_max;
         if (setrlimit(RLIMIT_NOFILE, &limit) == 0) {
-            spdlog::info("open file limit raised from {} to {}", before, limit.rlim_max);
+            log::info("open file limit raised from {} to {}", before, limit.rlim_max);
         }
     });
 }

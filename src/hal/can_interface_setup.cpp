@@ -3,8 +3,9 @@
 #include <cerrno>
 #include <utility>
 
-#include <spdlog/spdlog.h>
+#include <fmt/format.h>
 
+#include "core/log.h"
 #include "core/platform.h"
 
 namespace lm::hal {
@@ -46,7 +47,7 @@ Result<CanInterfaceState> reconfigure(const CanChannelConfig& config, const CanI
     const std::string dataPart = config.fd && config.dataBitrate
                                      ? fmt::format(", data bitrate {} bit/s", config.dataBitrate->bitrate)
                                      : "";
-    spdlog::info("{}: setting bitrate {} bit/s{}", name, config.bitrate->bitrate, dataPart);
+    log::info("{}: setting bitrate {} bit/s{}", name, config.bitrate->bitrate, dataPart);
     if (before.up) {
         if (const auto down = interfaces.switchDown(name); !down) return down.error();
     }
@@ -70,7 +71,7 @@ Error withPermissionHint(Error error) {
 
 Result<CanBusState> checkVirtual(const CanChannelConfig& config, const CanInterfaceState& state) {
     const std::string& name = config.interfaceName;
-    if (config.bitrate) spdlog::info("{}: virtual interface, bit timing ignored", name);
+    if (config.bitrate) log::info("{}: virtual interface, bit timing ignored", name);
     if (!state.up) {
         return isDown(name + " is down. Switch it on in a terminal: `sudo ip link set " + name + " up`");
     }

@@ -14,8 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "core/thread.h"
 #include "hal/can_interface_setup.h"
 #include "hal/can_socket.h"
@@ -123,7 +122,7 @@ void SocketCanChannel::close() {
     if (thread_.joinable()) {
         // Neither full nor interruptible: the counter holds 0 and the descriptor does not block.
         if (::eventfd_write(stopEvent_.get(), 1) != 0) {
-            spdlog::error("{}: stop event: {}", config_.interfaceName, std::strerror(errno));
+            log::error("{}: stop event: {}", config_.interfaceName, std::strerror(errno));
         }
         thread_.join();
     }
@@ -210,7 +209,7 @@ bool SocketCanChannel::receive(Batch& batch, CanReceiver& receiver, bool& failin
 }
 
 void SocketCanChannel::onReceiveFailure(CanReceiver& receiver, int systemError) {
-    spdlog::warn("{}: receive failed: {}", config_.interfaceName, std::strerror(systemError));
+    log::warn("{}: receive failed: {}", config_.interfaceName, std::strerror(systemError));
     receiver.reportFailure(systemError, CanClocks::read().steadyNs);
 }
 

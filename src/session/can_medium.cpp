@@ -4,8 +4,9 @@
 #include <chrono>
 #include <utility>
 
-#include <spdlog/spdlog.h>
+#include <fmt/format.h>
 
+#include "core/log.h"
 #include "session/session_config.h"
 #include "storage/format/recording_source.h"
 #include "xcp/transport_event.h"
@@ -66,7 +67,7 @@ std::vector<std::uint32_t> furtherIds(const a2l::XcpOnCan& described, std::uint3
         if (const auto valid = checkId(id); valid.ok()) {
             ids.push_back(id);
         } else {
-            spdlog::warn("A2L: identifier of a DAQ list ignored: {}", valid.error().text());
+            log::warn("A2L: identifier of a DAQ list ignored: {}", valid.error().text());
         }
     }
     return ids;
@@ -88,12 +89,11 @@ xcp::CanTransportConfig transportConfig(const SessionConfig::Can& config, const 
 
 void warnAboutSettings(const SessionConfig::Can& config, const a2l::XcpOnCan& described) {
     if (described.fd && !config.fd) {
-        spdlog::warn("the A2L says that the ECU speaks CAN FD, and the configuration does not (can.fd)");
+        log::warn("the A2L says that the ECU speaks CAN FD, and the configuration does not (can.fd)");
     }
     if (config.dataBitrate && !config.bitrate) {
-        spdlog::warn(
-            "{}: can.dataBitrate alone only counts for the load estimate; with can.bitrate it is set",
-            config.interface);
+        log::warn("{}: can.dataBitrate alone only counts for the load estimate; with can.bitrate it is set",
+                  config.interface);
     }
 }
 
@@ -145,8 +145,8 @@ CanMedium::CanMedium(std::shared_ptr<SharedChannel> channel, xcp::CanTransportCo
 CanMedium::~CanMedium() {
     transport_.close();
     if (hidden_ > 0) {
-        spdlog::warn("{}: {} further change(s) of state not told, now {}", channel_->name(), hidden_,
-                     stateText(channel_->busState()));
+        log::warn("{}: {} further change(s) of state not told, now {}", channel_->name(), hidden_,
+                  stateText(channel_->busState()));
     }
     channel_->releaseIds(this);
 }
@@ -174,8 +174,8 @@ CanTiming CanMedium::timing() const {
 std::uint16_t CanMedium::largestDto(std::uint16_t told) const {
     const std::size_t frame = config_.fd ? hal::CanFrame::kMaxData : hal::CanFrame::kMaxClassicData;
     if (told <= frame) return told;
-    spdlog::warn("the ECU says MAX_DTO {}, a CAN frame holds {} bytes: its ODTs are made for those", told,
-                 frame);
+    log::warn("the ECU says MAX_DTO {}, a CAN frame holds {} bytes: its ODTs are made for those", told,
+              frame);
     return static_cast<std::uint16_t>(frame);
 }
 
@@ -219,11 +219,11 @@ bool CanMedium::report(const xcp::TransportEvent& told) {
             break;
         case CanChannelEventKind::framesLost:
             if (!lossReported_.exchange(true)) {
-                spdlog::warn("{}: {} frame(s) lost; further losses are only counted", name, event->value);
+                log::warn("{}: {} frame(s) lost; further losses are only counted", name, event->value);
             }
             return true;
         case CanChannelEventKind::errorFrame:
-            spdlog::debug("{}: error frame, classes 0x{:X}", name, event->value);
+            log::debug("{}: error frame, classes 0x{:X}", name, event->value);
             break;
         case CanChannelEventKind::receiveFailed:
             break;  // the channel has said so itself, once for all its users
@@ -242,7 +242,7 @@ void CanMedium::reportState(hal::CanBusState state, std::int64_t timeNs) {
     const std::string& name = channel_->name();
     const bool trouble = state == hal::CanBusState::busOff || state == hal::CanBusState::errorPassive;
     const bool over = trouble_ && state == hal::CanBusState::errorActive;
-    if (!trouble && !over) return spdlog::info("{}: {}", name, stateName(state));
+    if (!trouble && !over) return log::info("{}: {}", name, stateName(state));
     trouble_ = trouble;
 
     const std::int64_t due = std::max(spentNs_, timeNs);
@@ -257,7 +257,7 @@ void CanMedium::reportState(hal::CanBusState state, std::int64_t timeNs) {
     if (over) text += " again";
     if (hidden_ > 0) text += fmt::format(" ({} changes before it not told)", hidden_);
     if (spentNs_ - timeNs > (kMessagesAtOnce - 1) * kMessagePauseNs) text += kWillHide;
-    spdlog::warn("{}: {}", name, text);
+    log::warn("{}: {}", name, text);
     told_ = state;
     hidden_ = 0;
 }

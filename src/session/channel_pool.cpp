@@ -5,8 +5,7 @@
 #include <cstdio>
 #include <optional>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "hal/socketcan_adapter.h"
 
 namespace lm::session {
@@ -20,8 +19,7 @@ Result<void> checkSetting(const std::string& channel, const char* setting,
                           const std::optional<hal::CanBitTiming>& requested) {
     if (!requested) return {};
     if (!inUse) {
-        spdlog::warn("{}: {} {} ignored, the channel is already in use", channel, setting,
-                     requested->bitrate);
+        log::warn("{}: {} {} ignored, the channel is already in use", channel, setting, requested->bitrate);
         return {};
     }
     if (inUse->bitrate == requested->bitrate) return {};
@@ -79,7 +77,7 @@ CanBitrates SharedChannel::bitrates() const {
 std::optional<hal::CanInterfaceState> SharedChannel::interfaceState() const {
     const auto interfaces = adapter_.listInterfaces();
     if (!interfaces.ok()) {
-        spdlog::info("{}: state of the interface not known: {}", name(), interfaces.error().text());
+        log::info("{}: state of the interface not known: {}", name(), interfaces.error().text());
         return std::nullopt;
     }
     for (const hal::CanInterfaceInfo& interface : interfaces.value()) {

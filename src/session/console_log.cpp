@@ -4,14 +4,13 @@
 #include <iterator>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "core/printable_text.h"
 
 namespace lm::session {
 
 void ConsoleLog::onText(std::string_view line) {
-    spdlog::debug("ECU: {}", line);
+    log::debug("ECU: {}", line);
     add(ConsoleLineKind::received, std::string(line));
 }
 

@@ -4,8 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "core/platform.h"
 #include "session/byte_access.h"
 #include "session/measurement_plan.h"
@@ -39,11 +38,11 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
                                                context.config.daq.maxBusLoad);
     if (!load.ok()) return load.error();
     for (const std::string& warning : plan.value().warnings)
-        spdlog::warn("measure: {}", warning);
+        log::warn("measure: {}", warning);
     const std::string warning = foreignEventWarning(plan.value());
-    if (!warning.empty()) spdlog::warn("{}", warning);
+    if (!warning.empty()) log::warn("{}", warning);
     if (plan.value().daq.timestampSize == 0) {
-        spdlog::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
+        log::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
     }
     return AcceptedPlan{std::move(plan).value(), load.value()};
 }

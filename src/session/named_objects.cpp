@@ -9,10 +9,10 @@
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
-#include <spdlog/spdlog.h>
 
 #include "a2l/conversion_builder.h"
 #include "a2l/structure.h"
+#include "core/log.h"
 #include "session/dependents.h"
 
 namespace lm::session {
@@ -146,7 +146,7 @@ void warnOfAllBeyond(const std::vector<TypedChange>& changes) {
     if (first == changes.end()) return;
     warnBeyondLimits(first->element, first->change.physical);
     const auto others = std::count_if(first + 1, changes.end(), isBeyond);
-    if (others > 0) spdlog::warn("{}: and so are {} more of its values", first->element.name, others);
+    if (others > 0) log::warn("{}: and so are {} more of its values", first->element.name, others);
 }
 
 /// Whether some share bytes.

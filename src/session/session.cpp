@@ -4,9 +4,8 @@
 #include <limits>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
 #include "a2l/object.h"
+#include "core/log.h"
 #include "session/connect_patience.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
@@ -39,7 +38,7 @@ bool modifiesBits(const SessionConfig::Xcp& config, const a2l::XcpInterface& int
     const auto& offered = interface.protocolLayer ? interface.protocolLayer->optionalCommands : none;
     const bool isOffered =
         offered.empty() || std::find(offered.begin(), offered.end(), "MODIFY_BITS") != offered.end();
-    if (!isOffered) spdlog::info("xcp.modifyBits: the A2L does not name MODIFY_BITS among the commands");
+    if (!isOffered) log::info("xcp.modifyBits: the A2L does not name MODIFY_BITS among the commands");
     return isOffered;
 }
 
@@ -57,9 +56,9 @@ Error noA2lConfigured() {
 
 void logWarnings(const a2l::Description& description) {
     for (const std::string& warning : description.warnings)
-        spdlog::warn("A2L: {}", warning);
+        log::warn("A2L: {}", warning);
     for (const std::string& note : description.notes)
-        spdlog::info("A2L: {}", note);
+        log::info("A2L: {}", note);
 }
 
 Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const WarningCallback& callback,
@@ -76,7 +75,7 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
             callback(warning);
     }
     if (description.value().xcp.isCcpOnly())
-        spdlog::warn("A2L: the file describes an ECU that speaks CCP, not XCP (ASAP1B_CCP)");
+        log::warn("A2L: the file describes an ECU that speaks CCP, not XCP (ASAP1B_CCP)");
     auto own = StopSource::create(stop);
     if (!own.ok()) return own.error();
     auto medium = chooseTransport(config, description.value().xcp, pool, own.value().token());
@@ -101,7 +100,7 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
 
 Session::~Session() {
     const auto closed = close();
-    if (!closed.ok()) spdlog::warn("{}", closed.error().text());
+    if (!closed.ok()) log::warn("{}", closed.error().text());
     measurement_.reset();
     master_->setListener(nullptr);
 }
@@ -119,7 +118,7 @@ Result<void> Session::open() {
         if (capabilities.ok()) {
             capabilities_ = std::move(capabilities).value();
         } else if (!stopToken().requested()) {
-            spdlog::warn("DAQ capabilities not available: {}", capabilities.error().text());
+            log::warn("DAQ capabilities not available: {}", capabilities.error().text());
         }
     }
     warnAboutByteOrder();
@@ -134,8 +133,8 @@ void Session::warnAboutByteOrder() const {
         layer && layer->byteOrder ? layer->byteOrder : description_.byteOrder;
     const ByteOrder actual = master_->connectInfo().byteOrder();
     if (!described || *described == actual) return;
-    spdlog::warn("the ECU says that its byte order is {}, the A2L says otherwise: values may be wrong",
-                 actual == ByteOrder::bigEndian ? "Motorola" : "Intel");
+    log::warn("the ECU says that its byte order is {}, the A2L says otherwise: values may be wrong",
+              actual == ByteOrder::bigEndian ? "Motorola" : "Intel");
 }
 
 Result<void> Session::close() {
@@ -143,7 +142,7 @@ Result<void> Session::close() {
     if (master_->connected()) {
         // An ECU that did not answer the stop, or was lost before, is not waited for a second time.
         const auto disconnected = silent_ ? master_->disconnectWithoutWaiting() : master_->disconnectOnce();
-        if (!disconnected.ok()) spdlog::info("{}", disconnected.error().text());
+        if (!disconnected.ok()) log::info("{}", disconnected.error().text());
     }
     medium_->transport().close();
     if (state() != SessionState::disconnected) changeState(SessionState::disconnected, "");
@@ -252,7 +251,7 @@ Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
     if (started.ok()) return started;
     if (recording_) {
         const auto removed = recording_->discard();
-        if (!removed.ok()) spdlog::warn("{}", removed.error().text());
+        if (!removed.ok()) log::warn("{}", removed.error().text());
     }
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
     return started;
@@ -276,7 +275,7 @@ Result<void> Session::stopMeasurement() {
     stop_.reset();
     if (state() == SessionState::measuring) changeState(SessionState::connected, "");
     if (stopped.ok()) return recorded;
-    if (!recorded.ok()) spdlog::warn("{}", recorded.error().text());
+    if (!recorded.ok()) log::warn("{}", recorded.error().text());
     return afterConnect(stopped.error());
 }
 
@@ -303,7 +302,7 @@ void Session::changeState(SessionState state, const std::string& message) {
     const bool lost = before == SessionState::measuring &&
                       (state == SessionState::reconnecting || state == SessionState::failed);
     if (state == SessionState::connected || state == SessionState::measuring) terminationTold_ = false;
-    if (!message.empty()) spdlog::info("session: {} - {}", sessionStateName(state), message);
+    if (!message.empty()) log::info("session: {} - {}", sessionStateName(state), message);
     if (ISessionListener* listener = listener_.load()) {
         listener->onStateChanged(state, message, lost ? lossHint() : "");
     }
@@ -324,13 +323,13 @@ void Session::onEvent(std::uint8_t code, const std::uint8_t* /*packet*/, std::si
                       xcp::ReceiveTime /*time*/) {
     if (code == xcp::kEvDaqOverload) ++overloadEvents_;
     if (code == xcp::kEvSessionTerminated && !terminationTold_.exchange(true)) {
-        spdlog::warn("the ECU ended the session (EV_SESSION_TERMINATED)");
+        log::warn("the ECU ended the session (EV_SESSION_TERMINATED)");
     }
-    spdlog::info("XCP event {}", xcp::eventName(code));
+    log::info("XCP event {}", xcp::eventName(code));
 }
 
 void Session::onServiceRequest(std::uint8_t code, const std::uint8_t* /*packet*/, std::size_t length) {
-    spdlog::debug("XCP service request 0x{:02X}, {} bytes", code, length);
+    log::debug("XCP service request 0x{:02X}, {} bytes", code, length);
 }
 
 void Session::onTransportEvent(const xcp::TransportEvent& event) {

@@ -10,10 +10,11 @@
 #include <unistd.h>
 #include <utility>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <spdlog/spdlog.h>
 
 #include "core/durable_file.h"
+#include "core/log.h"
 #include "core/stoppable_input.h"
 #include "core/text.h"
 
@@ -182,7 +183,7 @@ class Section {
         const json* value = find(key);
         if (value == nullptr) return;
         if (!value->is_object()) {
-            spdlog::warn("configuration: {} is not an object and is ignored", pathOf(key));
+            log::warn("configuration: {} is not an object and is ignored", pathOf(key));
             return;
         }
         Section inner(*value, pathOf(key), failure_);
@@ -192,7 +193,7 @@ class Section {
 
     void warnUnknown() const {
         for (const auto& [key, value] : object_.items()) {
-            if (!known_.contains(key)) spdlog::warn("configuration: unknown key {}", pathOf(key));
+            if (!known_.contains(key)) log::warn("configuration: unknown key {}", pathOf(key));
         }
     }
 
@@ -301,8 +302,7 @@ json parseWarningOfDuplicates(std::string_view text) {
             keys.pop_back();
         } else if (event == json::parse_event_t::key &&
                    !keys.back().insert(parsed.get<std::string>()).second) {
-            spdlog::warn("configuration: key {} stands twice, the last one counts",
-                         parsed.get<std::string>());
+            log::warn("configuration: key {} stands twice, the last one counts", parsed.get<std::string>());
         }
         return true;
     };
@@ -420,7 +420,7 @@ Result<SessionConfig> sessionConfigFromJson(std::string_view text,
         const json document = parseWarningOfDuplicates(text);
         SessionConfig config;
         if (!document.is_object()) {
-            spdlog::warn("configuration: the document is not an object and is ignored");
+            log::warn("configuration: the document is not an object and is ignored");
             return config;
         }
         std::optional<Error> failure;

@@ -3,8 +3,7 @@
 #include <pthread.h>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "core/thread.h"
 
 namespace lm::session {
@@ -93,13 +92,13 @@ bool Supervisor::recover() {
         const Result<void> connected = supervised_.reconnect();
         if (stop_.requested()) return false;
         if (!connected.ok()) {
-            spdlog::warn("reconnect attempt {}: {}", attempt, connected.error().text());
+            log::warn("reconnect attempt {}: {}", attempt, connected.error().text());
             continue;
         }
         const Result<void> restarted = supervised_.restartDaq();
         if (stop_.requested()) return false;
         if (!restarted.ok()) {
-            spdlog::warn("reconnect attempt {}: DAQ: {}", attempt, restarted.error().text());
+            log::warn("reconnect attempt {}: DAQ: {}", attempt, restarted.error().text());
             continue;
         }
         supervised_.changeState(SessionState::measuring,

@@ -1,8 +1,9 @@
 #include "session/udp_medium.h"
 
-#include <spdlog/spdlog.h>
+#include <fmt/format.h>
 
 #include "a2l/xcp_interface.h"
+#include "core/log.h"
 #include "session/session_config.h"
 #include "storage/format/recording_source.h"
 #include "xcp/transport_event.h"
@@ -41,7 +42,7 @@ class UdpMedium final : public IMedium {
 
     bool report(const xcp::TransportEvent& event) override {
         if (const auto* failed = std::get_if<xcp::ReceiveFailed>(&event.what)) {
-            spdlog::warn("receiving failed (error {})", failed->error);
+            log::warn("receiving failed (error {})", failed->error);
         }
         return std::holds_alternative<xcp::PacketsLost>(event.what);
     }

@@ -4,8 +4,7 @@
 #include <string>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "session/masked_write.h"
 
 namespace lm::session {
@@ -73,8 +72,8 @@ Result<bool> ValueAccess::storeBits(const value::Element& element, const std::ve
         const auto stored = master_.modifyBits(word.address, word.mask, word.bits);
         if (stored) continue;
         if (stored.error().detail != xcp::kErrCmdUnknown) return stored.error();
-        spdlog::warn("{}: the ECU has no MODIFY_BITS, the bits beside it are written as they were read",
-                     element.name);
+        log::warn("{}: the ECU has no MODIFY_BITS, the bits beside it are written as they were read",
+                  element.name);
         modifiesBits_ = false;
         return false;
     }

@@ -2,8 +2,7 @@
 
 #include <string>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "core/text.h"
 #include "value/value_text.h"
 
@@ -28,14 +27,14 @@ Result<void> checkMask(const a2l::Object& object) {
 
 void warnBeyondLimits(const value::Element& element, const value::Value& physical) {
     if (!value::isBeyondLimits(element, physical)) return;
-    spdlog::warn("{}: {} is outside the limits [{}, {}], the extended ones allow it", element.name,
-                 value::valueText(element, physical, value::NumberStyle::exact),
-                 formatGeneral(element.lowerLimit), formatGeneral(element.upperLimit));
+    log::warn("{}: {} is outside the limits [{}, {}], the extended ones allow it", element.name,
+              value::valueText(element, physical, value::NumberStyle::exact),
+              formatGeneral(element.lowerLimit), formatGeneral(element.upperLimit));
 }
 
 void logAssumptions(const a2l::Object& object) {
     for (const a2l::Assumption assumption : object.assumptions.list())
-        spdlog::info("{} rests on: {}", object.name, a2l::assumptionText(assumption));
+        log::info("{} rests on: {}", object.name, a2l::assumptionText(assumption));
 }
 
 }  // namespace lm::session

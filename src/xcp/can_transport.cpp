@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "xcp/transport_event.h"
 
 namespace lm::xcp {
@@ -84,8 +83,8 @@ void CanTransport::onChannelEvent(const hal::CanChannelEvent& event) {
 }
 
 void CanTransport::trace(const char* direction, const hal::CanFrame& frame) const {
-    if (!spdlog::should_log(spdlog::level::debug)) return;
-    spdlog::debug("{} {} {}", broker_.interfaceName(), direction, hal::formatCanFrame(frame));
+    if (!log::isWanted(log::Level::debug)) return;
+    log::debug("{} {} {}", broker_.interfaceName(), direction, hal::formatCanFrame(frame));
 }
 
 }  // namespace lm::xcp

@@ -5,7 +5,8 @@
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
-#include <spdlog/spdlog.h>
+
+#include "core/log.h"
 
 namespace lm::xcp {
 namespace {
@@ -95,7 +96,7 @@ Error Connection::errorOf(const Packet& command, const Packet& reply) {
 /// After a timeout: SYNCH, unless there were repeats enough.
 Result<void> Connection::recover(const Packet& command, const Exchange& rules, Repeats& repeats) {
     if (repeats.synch >= options_.synchRepeatLimit) return noResponse(command, rules.timeoutIndex);
-    spdlog::warn("{}: timeout, SYNCH and repeat", nameOf(command));
+    log::warn("{}: timeout, SYNCH and repeat", nameOf(command));
     if (auto synched = sendSynchs(); !synched) {
         Error error = synched.error();
         if (error.isStop()) return stopped(command);
@@ -155,8 +156,8 @@ Result<void> Connection::accept(const Packet& response) {
     }
     ++number_;
     care_ = 0;
-    spdlog::info("XCP connected: MAX_CTO={} MAX_DTO={} AG={} {}", info.maxCto, info.maxDto,
-                 info.granularity(), info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel");
+    log::info("XCP connected: MAX_CTO={} MAX_DTO={} AG={} {}", info.maxCto, info.maxDto, info.granularity(),
+              info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel");
     return {};
 }
 

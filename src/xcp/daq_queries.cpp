@@ -5,8 +5,7 @@
 #include <string>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "xcp/memory.h"
 
 namespace lm::xcp {
@@ -81,7 +80,7 @@ Result<void> readResolution(Turn& turn, DaqCapabilities& capabilities) {
         parseResolutionInfo(reply.value(), turn.slave().byteOrder(), capabilities);
         return {};
     }
-    if (reply) spdlog::warn("GET_DAQ_RESOLUTION_INFO: the answer is too short, DTOs carry no timestamps");
+    if (reply) log::warn("GET_DAQ_RESOLUTION_INFO: the answer is too short, DTOs carry no timestamps");
     capabilities.entryGranularity = 1;
     capabilities.maxEntrySize = static_cast<std::uint8_t>(std::min(turn.slave().maxDto - 1, 255));
     capabilities.timestampSupported = false;

@@ -2,8 +2,7 @@
 // for others.
 #include <algorithm>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "xcp/connection.h"
 
 namespace lm::xcp {
@@ -113,7 +112,7 @@ Result<void> Connection::meet() {
         }
     }
     if (synchs_ != Synchs::never) return isClear() ? Result<void>() : sendSynchs();
-    spdlog::warn(
+    log::warn(
         "the ECU does not answer SYNCH and is asked for its status instead: an answer that comes twice can "
         "be taken for another command's unnoticed where it reads like the status");
     return {};

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
-#include <spdlog/spdlog.h>
 
+#include "core/log.h"
 #include "core/thread.h"
 #include "xcp/serial_frame.h"
 #include "xcp/text_lines.h"
@@ -223,7 +223,7 @@ void SerialTransport::receiveLoop(std::unique_ptr<Reception> reception) {
 
 /// Gives the device up at once: as long as it is held, a pulled adapter comes back under another name.
 void SerialTransport::loseConnection(const std::string& reason) {
-    spdlog::info("XCP on serial: {}", "connection lost: " + reason);
+    log::info("XCP on serial: {}", "connection lost: " + reason);
     {
         const std::lock_guard lock(sendMutex_);
         lossReason_ = reason;

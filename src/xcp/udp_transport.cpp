@@ -15,9 +15,9 @@
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
-#include <spdlog/spdlog.h>
 
 #include "core/bytes.h"
+#include "core/log.h"
 #include "core/thread.h"
 #include "xcp/transport_event.h"
 
@@ -57,16 +57,16 @@ Result<UdpTransport::AddressList> resolve(const UdpTransportConfig& config) {
 void prepareSocket(int socket) {
     const timeval limit = {.tv_sec = 0, .tv_usec = kReceiveWaitMs * 1000};
     if (::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
-        spdlog::debug("XCP on UDP: receive time limit: {}", std::strerror(errno));
+        log::debug("XCP on UDP: receive time limit: {}", std::strerror(errno));
     }
     const int size = kReceiveBufferBytes;
     if (::setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
         ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
-        spdlog::debug("XCP on UDP: receive buffer: {}", std::strerror(errno));
+        log::debug("XCP on UDP: receive buffer: {}", std::strerror(errno));
     }
     const int on = 1;
     if (::setsockopt(socket, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on) != 0) {
-        spdlog::debug("XCP on UDP: drop counter: {}", std::strerror(errno));
+        log::debug("XCP on UDP: drop counter: {}", std::strerror(errno));
     }
 }
 
@@ -189,8 +189,8 @@ void UdpTransport::close() {
     if (thread_.joinable()) {
         const std::uint64_t one = 1;
         if (::shutdown(socket_.get(), SHUT_RD) != 0 || ::write(wakeUp_.get(), &one, sizeof one) < 0) {
-            spdlog::debug("XCP on UDP: wake-up: {}",
-                          std::strerror(errno));  // the time limit of the wait ends the thread
+            log::debug("XCP on UDP: wake-up: {}",
+                       std::strerror(errno));  // the time limit of the wait ends the thread
         }
         thread_.join();
     }

@@ -4,7 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include <spdlog/spdlog.h>
+#include "core/log.h"
 
 namespace lm::storage {
 
@@ -12,15 +12,15 @@ RecordingFaults::RecordingFaults(std::filesystem::path directory) : directory_(s
 
 void RecordingFaults::reportWriteError() {
     if (std::exchange(writeFailed_, true)) return;
-    spdlog::error("recording: write error in {}", directory_.string());
+    log::error("recording: write error in {}", directory_.string());
 }
 
 void RecordingFaults::reportMissingLevel(const std::filesystem::path& file, const Error& error) {
     if (std::exchange(levelMissing_, true)) return;
     const std::string reason =
         error.sysErrno == 0 ? error.text() : std::generic_category().message(error.sysErrno);
-    spdlog::error("recording: cannot create {}: {} (further levels may be missing; the data is complete)",
-                  file.string(), reason);
+    log::error("recording: cannot create {}: {} (further levels may be missing; the data is complete)",
+               file.string(), reason);
 }
 
 }  // namespace lm::storage

@@ -6,8 +6,8 @@
 #include <sys/statvfs.h>
 
 #include <spdlog/fmt/fmt.h>
-#include <spdlog/spdlog.h>
 
+#include "core/log.h"
 #include "core/text.h"
 #include "core/thread.h"
 #include "storage/format/recording_format.h"
@@ -41,7 +41,7 @@ bool look(const std::filesystem::path& directory, DiskForecast& forecast, Second
     const auto free = freeBytes(directory);
     if (!free) return false;
     const std::string warning = forecast.look(sinceStart, *free);
-    if (!warning.empty()) spdlog::warn("recording: the disk of {} {}", directory.string(), warning);
+    if (!warning.empty()) log::warn("recording: the disk of {} {}", directory.string(), warning);
     return true;
 }
 

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include <spdlog/spdlog.h>
-
+#include "core/log.h"
 #include "storage/format/recording_events.h"
 
 namespace lm::storage {
@@ -48,7 +47,7 @@ void EventFile::close() {
     dropped_ += static_cast<std::uint64_t>(std::count(waiting_.begin(), waiting_.end(), '\n'));
     if (dropped_ > 0) {
         faults_->reportWriteError();
-        spdlog::error("recording: {} line(s) of {} could not be written", dropped_, file_.path().string());
+        log::error("recording: {} line(s) of {} could not be written", dropped_, file_.path().string());
     }
     if (file_.flushToDisk() != 0) faults_->reportWriteError();
     if (file_.close() != 0) faults_->reportWriteError();
