@@ -70,6 +70,9 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
     if (!own.ok()) return own.error();
     auto medium = chooseTransport(config, description.value().xcp, pool, own.value().token());
     if (!medium.ok()) return medium.error();
+    a2l::XcpInterface& interface = description.value().xcp;
+    if (const auto* described = describedMedium(config, interface))
+        interface.overrule(a2l::XcpOfMedium(*described));  // a copy: it is part of what changes
     return std::unique_ptr<Session>(new Session(std::move(config), std::move(description).value(),
                                                 std::move(own).value(), std::move(medium).value()));
 }

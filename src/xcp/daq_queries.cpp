@@ -7,6 +7,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include "core/time_unit.h"
 #include "xcp/memory.h"
 
 namespace lm::xcp {
@@ -23,16 +24,6 @@ constexpr std::size_t kEventInfoLength = 7;
 Error shortDaqResponse(Command command) {
     return {.code = ErrorCode::protocolError,
             .message = std::string(commandName(static_cast<std::uint8_t>(command))) + " response too short"};
-}
-
-/// count x 10^unit nanoseconds; 0 for a unit above 1 s.
-std::int64_t unitNs(std::uint32_t count, unsigned unit) {
-    if (unit > 9) return 0;
-    std::int64_t result = count;
-    for (unsigned i = 0; i < unit; ++i) {
-        result *= 10;
-    }
-    return result;
 }
 
 void parseProcessorInfo(const Packet& reply, ByteOrder order, DaqCapabilities& capabilities) {
