@@ -7,6 +7,8 @@
 #include <spdlog/fmt/fmt.h>
 #include <spdlog/spdlog.h>
 
+#include "xcp/connect_overrides.h"
+
 namespace lm::xcp {
 namespace {
 
@@ -139,7 +141,7 @@ Result<void> Connection::connect(ConnectMode mode, std::int32_t attempts) {
 
 Result<void> Connection::accept(const Packet& response) {
     if (response.code() == kPidError) return errorOf(buildConnect(0), response);
-    const auto parsed = parseConnect(response.view());
+    const auto parsed = parseConnect(overruled(response, options_.overrides).view());
     if (!parsed) return parsed.error();
     const ConnectInfo& info = parsed.value();
     if (info.maxCto > transport_.maxPacketSize()) {
