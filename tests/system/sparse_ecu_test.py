@@ -16,7 +16,7 @@ class SparseEcuTest(harness.SystemTest):
                 ("GET_DAQ_RESOLUTION_INFO", "the ECU does not tell its DAQ resolution"),
                 ("GET_DAQ_EVENT_INFO", "the ECU does not tell its events")]
         for command, told in rows:
-            for options in (["--without", command], ["--fault", f"ignore:{command}"]):
+            for options in (["--without", command], ["--fault", f"ignore:{command}:1:0"]):
                 with self.subTest(options):
                     sim = self.start_sim(*options)
                     done = self.measure(sim, self.quick_config())
