@@ -4,6 +4,8 @@
 #include <string_view>
 
 #include "a2l/arguments.h"
+#include "a2l/block_parts.h"
+#include "a2l/daq_block.h"
 
 namespace lm::a2l {
 namespace {
@@ -42,50 +44,16 @@ XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
     return layer;
 }
 
-XcpEvent readEvent(const Block& block, Diagnostics&) {
-    XcpEvent event;
-    event.name = withPlainQuotes(readString(block, 0, "name"));
-    event.shortName = withPlainQuotes(readString(block, 1, "short name"));
-    event.channel = readCount<std::uint16_t>(block, 2, "channel");
-    event.direction = readIdentifier(block, 3, "direction");
-    event.maxDaqList = readCount<std::uint8_t>(block, 4, "max DAQ list");
-    event.timeCycle = readCount<std::uint8_t>(block, 5, "time cycle");
-    event.timeUnit = readCount<std::uint8_t>(block, 6, "time unit");
-    event.priority = readCount<std::uint8_t>(block, 7, "priority");
-    return event;
-}
-
-// The block's record, or nothing and a diagnostic.
-template <typename Part>
-std::optional<Part> readPart(const Block& block, Part (*read)(const Block&, Diagnostics&),
-                             Diagnostics& diagnostics) {
-    try {
-        return read(block, diagnostics);
-    } catch (const BlockError& error) {
-        diagnostics.skipped(block.keyword, {}, block.line, error.what());
-        return std::nullopt;
+/// Whether the block was one that counts for the medium around it alone.
+bool readOfMedium(XcpOfMedium& medium, const Block& child, Diagnostics& diagnostics) {
+    if (child.keyword == "PROTOCOL_LAYER") {
+        readFirst(medium.protocolLayer, child, readProtocolLayer, diagnostics);
+    } else if (child.keyword == "DAQ") {
+        readFirst(medium.daq, child, readDaq, diagnostics);
+    } else {
+        return false;
     }
-}
-
-std::optional<std::uint8_t> timestampSize(const Block& block) {
-    for (const Token& token : block.tokens()) {
-        if (token.is("SIZE_BYTE")) return std::uint8_t{1};
-        if (token.is("SIZE_WORD")) return std::uint8_t{2};
-        if (token.is("SIZE_DWORD")) return std::uint8_t{4};
-    }
-    return std::nullopt;
-}
-
-XcpDaq readDaq(const Block& block, Diagnostics& diagnostics) {
-    XcpDaq daq;
-    daq.dynamic = readIdentifier(block, 0, "mode") == "DYNAMIC";
-    if (const Block* timestamp = block.child("TIMESTAMP_SUPPORTED"))
-        daq.timestampSize = timestampSize(*timestamp);
-    for (const Block& child : block.children()) {
-        if (child.keyword != "EVENT") continue;
-        if (auto event = readPart(child, readEvent, diagnostics)) daq.events.push_back(std::move(*event));
-    }
-    return daq;
+    return true;
 }
 
 struct CanFd {
@@ -112,15 +80,20 @@ CanFd readCanFd(const Block& block, Diagnostics&) {
     return fd;
 }
 
-// The identifier of a DAQ_LIST_CAN_ID block: the list's number, then VARIABLE or FIXED and the identifier.
-std::optional<std::uint32_t> readFixedListId(const Block& block, Diagnostics&) {
-    for (std::size_t i = 0; i < block.tokens().size(); ++i) {
-        if (block.tokens()[i].is("FIXED")) return readCount<std::uint32_t>(block, i + 1, "FIXED");
+// The list's number, then VARIABLE or FIXED and the identifier.
+XcpDaqListId readListId(const Block& block, Diagnostics&) {
+    XcpDaqListId id;
+    id.list = readCount<std::uint16_t>(block, 0, "list number");
+    for (std::size_t i = 1; i < block.tokens().size(); ++i) {
+        if (!block.tokens()[i].is("FIXED")) continue;
+        id.id = readCount<std::uint32_t>(block, i + 1, "FIXED");
+        break;
     }
-    return std::nullopt;
+    return id;
 }
 
 void readCanChild(XcpOnCan& can, const Block& child, Diagnostics& diagnostics) {
+    if (readOfMedium(can, child, diagnostics)) return;
     if (child.keyword == "CAN_FD") {
         const auto fd = readPart(child, readCanFd, diagnostics);
         if (!fd || can.fd) return;
@@ -129,8 +102,7 @@ void readCanChild(XcpOnCan& can, const Block& child, Diagnostics& diagnostics) {
         can.maxDlc = fd->maxDlc;
         can.maxDlcRequired = can.maxDlcRequired || fd->maxDlcRequired;
     } else if (child.keyword == "DAQ_LIST_CAN_ID") {
-        const auto id = readPart(child, readFixedListId, diagnostics);
-        if (id && *id) can.daqListIds.push_back(**id);
+        if (const auto id = readPart(child, readListId, diagnostics)) can.daqListIds.push_back(*id);
     }
 }
 
@@ -159,7 +131,7 @@ XcpOnCan readCan(const Block& block, Diagnostics& diagnostics) {
     return can;
 }
 
-XcpOnUdp readUdp(const Block& block, Diagnostics&) {
+XcpOnUdp readUdp(const Block& block, Diagnostics& diagnostics) {
     XcpOnUdp udp;
     readNumber(block, 0, "version");
     udp.port = readCount<std::uint16_t>(block, 1, "port");
@@ -168,18 +140,18 @@ XcpOnUdp readUdp(const Block& block, Diagnostics&) {
         if (!tokens[i].is("ADDRESS") && !tokens[i].is("IPV6") && !tokens[i].is("HOST_NAME")) continue;
         udp.host = readString(block, i + 1, tokens[i].text);
     }
+    for (const Block& child : block.children())
+        readOfMedium(udp, child, diagnostics);
     return udp;
 }
 
-XcpOnSerial readSerial(const Block& block, Diagnostics&) {
+XcpOnSerial readSerial(const Block& block, Diagnostics& diagnostics) {
+    XcpOnSerial serial;
     readNumber(block, 0, "version");
-    return {readCount<std::uint32_t>(block, 1, "baud rate")};
-}
-
-template <typename Part>
-void readFirst(std::optional<Part>& part, const Block& block, Part (*read)(const Block&, Diagnostics&),
-               Diagnostics& diagnostics) {
-    if (!part) part = readPart(block, read, diagnostics);
+    serial.baudrate = readCount<std::uint32_t>(block, 1, "baud rate");
+    for (const Block& child : block.children())
+        readOfMedium(serial, child, diagnostics);
+    return serial;
 }
 
 }  // namespace

@@ -29,7 +29,19 @@ void writeConnection(JsonWriter& json, const xcp::ConnectInfo& info) {
     json.member("maxDto", info.maxDto);
 }
 
-void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq) {
+void writeList(JsonWriter& json, const xcp::DaqListInfo& list) {
+    json.beginObject();
+    json.member("list", list.number);
+    json.member("direction", list.offersDaq ? "DAQ" : "STIM");
+    json.member("maxOdt", list.maxOdt);
+    json.member("maxEntries", list.maxEntries);
+    if (list.firstPid) json.member("firstPid", *list.firstPid);
+    if (list.fixedEvent) json.member("fixedEvent", *list.fixedEvent);
+    json.member("predefined", list.predefined);
+    json.endObject();
+}
+
+void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq, const session::DaqOrigins& origins) {
     json.key("daq").beginObject();
     json.member("dynamic", daq.dynamicConfiguration);
     json.member("timestampBytes", daq.timestampSize);
@@ -44,12 +56,26 @@ void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq) {
         json.endObject();
     }
     json.endArray();
+    json.key("lists").beginArray();
+    for (const xcp::DaqListInfo& list : daq.lists)
+        writeList(json, list);
+    json.endArray();
+    json.key("toldBy").beginObject();
+    json.member("configuration", session::originName(origins.configuration));
+    json.member("resolution", session::originName(origins.resolution));
+    json.member("events", session::originName(origins.events));
+    json.member("lists", session::originName(origins.lists));
+    json.endObject();
     json.endObject();
 }
 
 class InfoReport final : public IReport {
   public:
     explicit InfoReport(session::Session& session) : session_(session), status_(session.status()) {
+        const auto completed = session.completeDaq();
+        if (!completed)
+            log::warn("DAQ lists not available: {}{}{}", completed.error().text(),
+                         completed.error().hint.empty() ? "" : "; ", completed.error().hint);
         if (!status_) log::warn("status not available: {}", status_.error().text());
     }
 
@@ -58,7 +84,9 @@ class InfoReport final : public IReport {
         output.append(fmt::format("ECU            {} ({})\n", printableText(name),
                                   session_.medium().texts().description));
         output.append(connectLines(session_.connectInfo()));
-        if (session_.daqCapabilities()) output.append(daqLines(*session_.daqCapabilities()));
+        if (session_.daqCapabilities())
+            output.append(daqLines(*session_.daqCapabilities()) +
+                          daqSourceLines(*session_.daqCapabilities(), session_.daqOrigins()));
         if (!status_) return;
         output.append(fmt::format("status         session 0x{:02X}{}\n", status_.value().sessionStatus,
                                   status_.value().daqRunning() ? ", DAQ running" : ""));
@@ -67,7 +95,7 @@ class InfoReport final : public IReport {
     void write(JsonWriter& json) const override {
         writeEcu(json, session_);
         writeConnection(json, session_.connectInfo());
-        if (session_.daqCapabilities()) writeDaq(json, *session_.daqCapabilities());
+        if (session_.daqCapabilities()) writeDaq(json, *session_.daqCapabilities(), session_.daqOrigins());
         if (!status_) return;
         json.key("status").beginObject();
         json.member("session", status_.value().sessionStatus);
@@ -110,6 +138,26 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
         if (name.size() < 20) name.resize(20, ' ');
         lines += fmt::format("  event {:<3} {} {}\n", event.number, name, cycle);
     }
+    return lines;
+}
+
+std::string daqSourceLines(const xcp::DaqCapabilities& daq, const session::DaqOrigins& origins) {
+    std::string lines;
+    for (const xcp::DaqListInfo& list : daq.lists) {
+        lines +=
+            fmt::format("  list {:<4} {} ODT(s) of {} entries", list.number, list.maxOdt, list.maxEntries);
+        if (!list.offersDaq) lines += ", STIM";
+        if (list.firstPid) lines += fmt::format(", first PID {}", *list.firstPid);
+        if (list.fixedEvent) lines += fmt::format(", event {} only", *list.fixedEvent);
+        if (list.predefined) lines += ", predefined";
+        lines += "\n";
+    }
+    const std::pair<const char*, session::Origin> parts[] = {{"configuration", origins.configuration},
+                                                             {"resolution", origins.resolution},
+                                                             {"events", origins.events},
+                                                             {"lists", origins.lists}};
+    for (const auto& [part, origin] : parts)
+        if (origin == session::Origin::a2l) lines += fmt::format("  from the A2L   {}\n", part);
     return lines;
 }
 

@@ -16,6 +16,9 @@ std::string connectLines(const xcp::ConnectInfo& info);
 /// The line "DAQ" and one line per event channel.
 std::string daqLines(const xcp::DaqCapabilities& daq);
 
+/// One line per static or predefined list, and one for each part that the A2L told instead of the ECU.
+std::string daqSourceLines(const xcp::DaqCapabilities& daq, const session::DaqOrigins& origins);
+
 /// The member "ecu" of JSON objects.
 void writeEcu(JsonWriter& json, const session::Session& session);
 

@@ -8,21 +8,13 @@
 
 #include <fmt/format.h>
 
+#include "cli/described_daq.h"
 #include "cli/offline_a2l.h"
 #include "core/printable_text.h"
-#include "core/text.h"
+#include "session/transport_choice.h"
 
 namespace lm::cli {
 namespace {
-
-/// count x 10^unit nanoseconds, 0 for an event that is not cyclic and for a unit above 1 s.
-std::int64_t cycleNs(const a2l::XcpEvent& event) {
-    if (event.timeUnit > 9) return 0;
-    std::int64_t cycle = event.timeCycle;
-    for (int i = 0; i < event.timeUnit; ++i)
-        cycle *= 10;
-    return cycle;
-}
 
 /// Words with commas between them.
 class Parts {
@@ -55,8 +47,10 @@ std::string canText(const a2l::XcpOnCan& can) {
     parts.add("data {} bit/s", can.dataBaudrate);
     parts.add("MAX_DLC {}", can.maxDlc);
     if (can.maxDlcRequired) parts.add("MAX_DLC required");
-    for (const std::uint32_t id : can.daqListIds)
-        parts.add(fmt::format("DAQ list 0x{:X}", id));
+    for (const a2l::XcpDaqListId& list : can.daqListIds) {
+        parts.add(list.id ? fmt::format("DAQ list {} 0x{:X}", list.list, *list.id)
+                          : fmt::format("DAQ list {} variable", list.list));
+    }
     return parts.text();
 }
 
@@ -78,12 +72,15 @@ std::string layerText(const a2l::XcpProtocolLayer& layer) {
 
 class OfflineReport final : public IReport {
   public:
-    OfflineReport(const a2l::Description& description, std::string file)
-        : description_(description), xcp_(description.xcp), file_(std::move(file)) {}
+    /// Of protocol layer and DAQ those of the medium, where its block has some of its own.
+    OfflineReport(const a2l::Description& description, const session::SessionConfig& config)
+        : description_(description), xcp_(description.xcp), file_(config.a2l.string()) {
+        if (const auto* medium = session::describedMedium(config, description.xcp)) xcp_.overrule(*medium);
+    }
 
     void print(Output& output) const override {
         std::string lines = header() + protocol() + transports();
-        if (xcp_.daq) lines += daq(*xcp_.daq);
+        if (xcp_.daq) lines += describedDaqLines(*xcp_.daq);
         lines +=
             line("objects", fmt::format("{} measurement(s), {} parameter(s), {} axis object(s), {} "
                                         "conversion(s)",
@@ -111,7 +108,7 @@ class OfflineReport final : public IReport {
         json.key("transports").beginObject();
         writeTransports(json);
         json.endObject();
-        if (xcp_.daq) writeDaq(json, *xcp_.daq);
+        if (xcp_.daq) writeDescribedDaq(json, *xcp_.daq);
     }
 
   private:
@@ -163,21 +160,6 @@ class OfflineReport final : public IReport {
         return lines;
     }
 
-    static std::string daq(const a2l::XcpDaq& daq) {
-        const std::string timestamp =
-            daq.timestampSize ? fmt::format("timestamp {} byte", *daq.timestampSize) : "no timestamp";
-        std::string lines = line("DAQ", fmt::format("{}, {}", daq.dynamic ? "dynamic" : "static", timestamp));
-        for (const a2l::XcpEvent& event : daq.events) {
-            const std::int64_t cycle = cycleNs(event);
-            const std::string text =
-                cycle == 0 ? "not cyclic" : formatShortest(static_cast<double>(cycle) / 1e6) + " ms";
-            lines +=
-                fmt::format("  event {:<3} {:<20} {}, {}, priority {}\n", event.channel,
-                            printableText(event.name), text, printableText(event.direction), event.priority);
-        }
-        return lines;
-    }
-
     static void writeLayer(JsonWriter& json, const a2l::XcpProtocolLayer& layer) {
         json.key("protocolLayer").beginObject();
         json.member("version", version(layer.version));
@@ -202,6 +184,21 @@ class OfflineReport final : public IReport {
         json.endObject();
     }
 
+    static void writeListIds(JsonWriter& json, const std::vector<a2l::XcpDaqListId>& lists) {
+        std::vector<std::uint32_t> fixed;
+        for (const a2l::XcpDaqListId& list : lists)
+            if (list.id) fixed.push_back(*list.id);
+        json.listMember("daqListIds", fixed);
+        json.key("daqLists").beginArray();
+        for (const a2l::XcpDaqListId& list : lists) {
+            json.beginObject();
+            json.member("list", list.list);
+            member(json, "id", list.id);
+            json.endObject();
+        }
+        json.endArray();
+    }
+
     void writeTransports(JsonWriter& json) const {
         if (xcp_.can) {
             json.key("can").beginObject();
@@ -213,7 +210,7 @@ class OfflineReport final : public IReport {
             member(json, "dataBitrate", xcp_.can->dataBaudrate);
             member(json, "maxDlc", xcp_.can->maxDlc);
             json.member("maxDlcRequired", xcp_.can->maxDlcRequired);
-            json.listMember("daqListIds", xcp_.can->daqListIds);
+            writeListIds(json, xcp_.can->daqListIds);
             json.endObject();
         }
         if (xcp_.udp) writeTarget(json, "udp", *xcp_.udp);
@@ -224,28 +221,8 @@ class OfflineReport final : public IReport {
         json.endObject();
     }
 
-    static void writeDaq(JsonWriter& json, const a2l::XcpDaq& daq) {
-        json.key("daq").beginObject();
-        json.member("dynamic", daq.dynamic);
-        json.member("timestampBytes", daq.timestampSize.value_or(0));
-        json.key("events").beginArray();
-        for (const a2l::XcpEvent& event : daq.events) {
-            json.beginObject();
-            json.member("event", event.channel);
-            json.member("name", event.name);
-            json.member("shortName", event.shortName);
-            json.member("cycleNs", cycleNs(event));
-            json.member("direction", event.direction);
-            json.member("maxDaqList", event.maxDaqList);
-            json.member("priority", event.priority);
-            json.endObject();
-        }
-        json.endArray();
-        json.endObject();
-    }
-
     const a2l::Description& description_;
-    const a2l::XcpInterface& xcp_;
+    a2l::XcpInterface xcp_;
     const std::string file_;
 };
 
@@ -254,7 +231,7 @@ class OfflineReport final : public IReport {
 int showOfflineInfo(Workplace& place) {
     const auto description = loadA2l(place);
     if (!description) return 1;
-    place.results.show(OfflineReport(*description, place.config.a2l.string()));
+    place.results.show(OfflineReport(*description, place.config));
     return 0;
 }
 

@@ -62,7 +62,9 @@ hal::CanChannelConfig channelConfig(const SessionConfig::Can& config) {
 /// The fixed identifiers of DAQ lists that the response identifier does not cover.
 std::vector<std::uint32_t> furtherIds(const a2l::XcpOnCan& described, std::uint32_t resId) {
     std::vector<std::uint32_t> ids;
-    for (const std::uint32_t id : described.daqListIds) {
+    for (const a2l::XcpDaqListId& list : described.daqListIds) {
+        if (!list.id) continue;
+        const std::uint32_t id = *list.id;
         if (id == resId || std::find(ids.begin(), ids.end(), id) != ids.end()) continue;
         if (const auto valid = checkId(id); valid.ok()) {
             ids.push_back(id);
@@ -138,7 +140,8 @@ CanMedium::CanMedium(std::shared_ptr<SharedChannel> channel, xcp::CanTransportCo
       config_(std::move(config)),
       texts_(std::move(texts)),
       described_{described.baudrate.value_or(0), described.dataBaudrate.value_or(0)},
-      listIdsFixed_(!described.daqListIds.empty()),
+      listIdsFixed_(std::any_of(described.daqListIds.begin(), described.daqListIds.end(),
+                                [](const a2l::XcpDaqListId& list) { return list.id.has_value(); })),
       interfaceState_(channel_->interfaceState()),
       transport_(config_, channel_->broker()) {}
 

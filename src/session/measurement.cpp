@@ -4,6 +4,7 @@
 #include <chrono>
 #include <limits>
 
+#include "core/log.h"
 #include "session/measurement_plan.h"
 #include "session/refusal_hint.h"
 
@@ -242,12 +243,20 @@ Result<bool> Measurement::daqRunning() {
     const auto ask = [this] { return context_.master.getStatus(); };
     auto status = ask();
     // Only an answer that is certainly the ECU's may end a measurement.
-    if (status.ok() && !status.value().daqRunning()) status = xcp::inStep(context_.master, ask);
+    if (!context_.config.xcp.overrides.ignoreDaqRunningBit && status.ok() && !status.value().daqRunning())
+        status = xcp::inStep(context_.master, ask);
     if (!status.ok()) return status.error();
+    if (context_.config.xcp.overrides.ignoreDaqRunningBit && !status.value().daqRunning()) {
+        if (!bitIgnored_)
+            log::warn("the ECU says that no DAQ list runs: ignored (xcp.overrides.ignoreDaqRunningBit)");
+        bitIgnored_ = true;
+        return true;
+    }
     return status.value().daqRunning();
 }
 
 Result<void> Measurement::reconnect() {
+    bitIgnored_ = false;
     // A device that has gone is opened again: a CAN channel here, a serial port by CONNECT. An attempt that
     // never ended would take the decision from the reconnect policy.
     if (auto reopened = context_.medium.reopenIfLost(); !reopened.ok()) return reopened;
@@ -258,14 +267,15 @@ Result<void> Measurement::reconnect() {
 }
 
 Result<void> Measurement::restartDaq() {
-    const auto capabilities =
-        xcp::inStep(context_.master, [this] { return context_.master.daqCapabilities(); });
-    if (!capabilities.ok()) return capabilities.error();
-    auto fits = checkPlanFits(plan_.daq, capabilities.value(), context_.master.connectInfo());
+    xcp::DaqCapabilities capabilities;
+    auto origins = context_.daqSource.ask(capabilities);
+    if (!origins.ok()) return origins.error();
+    if (auto listed = context_.daqSource.askLists(capabilities, origins.value()); !listed.ok()) return listed;
+    auto fits = checkPlanFits(plan_.daq, capabilities, context_.master.connectInfo());
     if (!fits.ok()) return fits;
     auto placed = checkPlaces(plan_.placedBy, memoryReader(context_.master));
     if (!placed.ok()) return placed;
-    auto started = startLists(capabilities.value());
+    auto started = startLists(capabilities);
     if (started.ok()) outages_.end(steadyNowNs());
     // An ECU that was only out of reach may still run the old lists and refuse others meanwhile.
     if (!started.ok() && started.error().detail != Error::kNoDetail) {

@@ -93,6 +93,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     xcp::DaqDecoderCounters totals_;  ///< of the decoders before this one
     std::vector<bool> delivered_;     ///< lists that gave them a record
 
+    bool bitIgnored_ = false;  ///< since the ECU was connected last; the supervisor's thread alone
     std::unique_ptr<Supervisor> supervisor_;
 };
 

@@ -14,6 +14,7 @@
 #include "a2l/description.h"
 #include "core/result.h"
 #include "core/stop_token.h"
+#include "session/daq_source.h"
 #include "session/measurement_types.h"
 #include "session/medium.h"
 #include "session/session_config.h"
@@ -31,6 +32,7 @@ struct MeasurementContext {
     xcp::Master& master;
     StopSource& stop;  ///< of the waits of medium and master
     const xcp::DaqCapabilities& capabilities;
+    const DaqSource& daqSource;
     const std::atomic<std::uint64_t>& holes;  ///< as of xcp::DaqDecoder::setHoles
     std::string ecuName;
     std::function<void(SessionState, const std::string&)> changeState;

@@ -28,6 +28,8 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
     constexpr std::uint32_t kMost = std::numeric_limits<std::int32_t>::max();
     options.connectAttempts = static_cast<std::int32_t>(std::min(config.connectAttempts, kMost));
     options.useShortUpload = config.useShortUpload;
+    options.ignoreDaqRunningBit = config.overrides.ignoreDaqRunningBit;
+    options.overrides = {config.overrides.granularity, config.overrides.byteOrder, config.overrides.maxDto};
     return options;
 }
 
@@ -80,6 +82,9 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
     if (!own.ok()) return own.error();
     auto medium = chooseTransport(config, description.value().xcp, pool, own.value().token());
     if (!medium.ok()) return medium.error();
+    a2l::XcpInterface& interface = description.value().xcp;
+    if (const auto* described = describedMedium(config, interface))
+        interface.overrule(a2l::XcpOfMedium(*described));  // a copy: it is part of what changes
     return std::unique_ptr<Session>(new Session(std::move(config), std::move(description).value(),
                                                 std::move(own).value(), std::move(medium).value()));
 }
@@ -93,7 +98,8 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
       master_(std::make_unique<xcp::Master>(medium_->transport(),
                                             masterOptions(config_.xcp, description_.xcp), stop_.token())),
       values_(*master_, stop_.token(), modifiesBits(config_.xcp, description_.xcp)),
-      objects_(description_, *master_, stop_.token()) {
+      objects_(description_, *master_, stop_.token()),
+      daqSource_(*master_, config_, description_.xcp) {
     master_->setListener(this);
     medium_->setTextSink(&console_);
 }
@@ -112,18 +118,44 @@ Result<void> Session::open() {
         if (error.code == ErrorCode::timeout) error.hint = medium_->texts().silence;
         return error;
     }
-    capabilities_.reset();
-    if (master_->connectInfo().offersDaq()) {
-        auto capabilities = xcp::inStep(*master_, [this] { return master_->daqCapabilities(); });
-        if (capabilities.ok()) {
-            capabilities_ = std::move(capabilities).value();
-        } else if (!stopToken().requested()) {
-            log::warn("DAQ capabilities not available: {}", capabilities.error().text());
-        }
-    }
+    askForDaq();
     warnAboutByteOrder();
     silent_ = false;
     changeState(SessionState::connected, "");
+    return {};
+}
+
+void Session::askForDaq() {
+    capabilities_.reset();
+    noDaq_ = {ErrorCode::unsupported, "the slave offers no DAQ"};
+    daqCompleted_ = false;
+    if (!master_->connectInfo().offersDaq()) return;
+    xcp::DaqCapabilities capabilities;
+    const auto origins = daqSource_.ask(capabilities);
+    if (origins.ok()) {
+        capabilities_ = std::move(capabilities);
+        daqOrigins_ = origins.value();
+        return;
+    }
+    if (stopToken().requested()) return;
+    const Error& error = origins.error();
+    noDaq_.hint = error.hint.empty() ? error.text() : error.text() + "; " + error.hint;
+    log::warn("DAQ capabilities not available: {}", error.text());
+    if (!error.hint.empty()) log::warn("{}", error.hint);
+}
+
+Result<void> Session::completeDaq() {
+    if (!capabilities_ || daqCompleted_) return {};
+    if (auto listed = daqSource_.askLists(*capabilities_, daqOrigins_); !listed.ok()) return listed;
+    daqCompleted_ = true;
+    for (const std::string& warning :
+         {daqSource_.contradiction(*capabilities_, daqOrigins_), daqSource_.advice(daqOrigins_)})
+        if (!warning.empty()) log::warn("{}", warning);
+    if (config_.daq.source == DaqTold::a2l && !description_.xcp.daq)
+        log::warn("daq.source is \"a2l\", and the A2L has no DAQ block: the ECU was asked");
+    log::info("DAQ: configuration from {}, resolution {}, events {}, lists {}",
+                 originName(daqOrigins_.configuration), originName(daqOrigins_.resolution),
+                 originName(daqOrigins_.events), originName(daqOrigins_.lists));
     return {};
 }
 
@@ -223,12 +255,13 @@ Result<void> Session::sendText(std::string_view line) {
 
 Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options) {
     if (running_) return Error{ErrorCode::alreadyOpen, "measurement already running"};
-    if (!capabilities_) return Error{ErrorCode::unsupported, "the slave offers no DAQ"};
+    if (!capabilities_) return noDaq_;
+    if (auto completed = completeDaq(); !completed.ok()) return afterConnect(completed.error());
     measurement_.reset();
     overloadEvents_ = 0;
     recording_.reset();
     auto planned = Measurement::plan(
-        {config_, description_, *medium_, *master_, stop_, *capabilities_, holes_, ecuName(),
+        {config_, description_, *medium_, *master_, stop_, *capabilities_, daqSource_, holes_, ecuName(),
          [this](SessionState state, const std::string& message) { changeState(state, message); }},
         options);
     if (!planned.ok()) return planned.error();

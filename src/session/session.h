@@ -21,6 +21,7 @@
 #include "core/stop_token.h"
 #include "session/channel_pool.h"
 #include "session/console_log.h"
+#include "session/daq_source.h"
 #include "session/measurement_types.h"
 #include "session/medium.h"
 #include "session/named_objects.h"
@@ -125,6 +126,10 @@ class Session final : private xcp::IMasterListener {
     Result<xcp::SlaveStatus> status();
     /// Absent before open() and for an ECU without DAQ.
     const std::optional<xcp::DaqCapabilities>& daqCapabilities() const { return capabilities_; }
+    const DaqOrigins& daqOrigins() const { return daqOrigins_; }
+    /// Asks for the static and predefined lists, once per connection, and warns of what the A2L says
+    /// otherwise. Errors: those of DaqSource::askLists().
+    Result<void> completeDaq();
 
   private:
     Session(SessionConfig config, a2l::Description description, StopSource stop,
@@ -140,6 +145,7 @@ class Session final : private xcp::IMasterListener {
     Result<a2l::Object> findScalar(std::string_view name);
     Result<void> beginRecording(const MeasurementOptions& options);
     Result<void> beginMeasurement(const MeasurementOptions& options);
+    void askForDaq();
     void warnAboutByteOrder() const;
     Error afterConnect(Error error) const;
 
@@ -154,7 +160,11 @@ class Session final : private xcp::IMasterListener {
     std::unique_ptr<xcp::Master> master_;
     ValueAccess values_;
     NamedObjects objects_;
+    DaqSource daqSource_;
     std::optional<xcp::DaqCapabilities> capabilities_;
+    DaqOrigins daqOrigins_;                                           ///< of the capabilities
+    Error noDaq_{ErrorCode::unsupported, "the slave offers no DAQ"};  ///< when there are none
+    bool daqCompleted_ = false;                                       ///< since the ECU was connected last
     // The running or the last ones, for their statistics. The measurement borrows the recording.
     std::unique_ptr<storage::Recorder> recording_;
     std::int64_t recordingStartNs_ = 0;

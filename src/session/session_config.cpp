@@ -53,6 +53,13 @@ class Section {
         }
     }
 
+    void read(const char* key, std::optional<bool>& target) {
+        bool value = false;
+        if (find(key) == nullptr) return;
+        read(key, value);
+        target = value;
+    }
+
     void read(const char* key, bool& target) {
         if (const json* value = find(key)) {
             if (value->is_boolean()) {
@@ -177,6 +184,38 @@ class Section {
         target = text == "ecu" ? xcp::FirstPids::told : xcp::FirstPids::planned;
     }
 
+    /// A text that is one of two.
+    void readChoice(const char* key, std::pair<const char*, const char*> texts,
+                    std::optional<bool>& isSecond) {
+        if (find(key) == nullptr) return;
+        std::string text;
+        read(key, text);
+        if (failure_) return;
+        if (text != texts.first && text != texts.second) {
+            return fail(key,
+                        fmt::format("'{}' is neither \"{}\" nor \"{}\"", text, texts.first, texts.second));
+        }
+        isSecond = text == texts.second;
+    }
+
+    /// One of some small numbers.
+    void readOneOf(const char* key, std::initializer_list<std::uint8_t> allowed,
+                   std::optional<std::uint8_t>& target) {
+        read(key, target);
+        if (failure_ || !target || find(key) == nullptr) return;
+        if (std::find(allowed.begin(), allowed.end(), *target) == allowed.end())
+            fail(key, fmt::format("{} is none of {}", *target, fmt::join(allowed, ", ")));
+    }
+
+    /// A number from `minimum` on.
+    template <std::unsigned_integral T>
+    void readFrom(const char* key, T minimum, std::optional<T>& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (const auto number = unsignedNumber(key, *value, minimum, std::numeric_limits<T>::max()))
+            target = static_cast<T>(*number);
+    }
+
     /// Runs `fill` on the object below `key` when there is one.
     template <typename Fill>
     void section(const char* key, Fill fill) {
@@ -251,6 +290,21 @@ void fillReconnect(Section& section, SessionConfig::Reconnect& reconnect) {
     section.readMilliseconds("heartbeatMs", 1, reconnect.heartbeat);
 }
 
+void fillOverrides(Section& section, SessionConfig::Overrides& overrides) {
+    constexpr std::uint16_t kLeastDto = 8;
+    section.readOneOf("granularity", {1, 2, 4}, overrides.granularity);
+    std::optional<bool> isMotorola;
+    section.readChoice("byteOrder", {"intel", "motorola"}, isMotorola);
+    if (isMotorola) overrides.byteOrder = *isMotorola ? ByteOrder::bigEndian : ByteOrder::littleEndian;
+    section.readFrom("maxDto", kLeastDto, overrides.maxDto);
+    section.section("timestamp", [&](Section& stamp) {
+        stamp.readOneOf("size", {0, 1, 2, 4}, overrides.timestamp.size);
+        stamp.readFrom("tickNs", std::uint32_t{1}, overrides.timestamp.tickNs);
+        stamp.read("fixed", overrides.timestamp.fixed);
+    });
+    section.read("ignoreDaqRunningBit", overrides.ignoreDaqRunningBit);
+}
+
 void fillConfig(Section& document, const std::filesystem::path& baseDirectory, SessionConfig& config) {
     document.read("name", config.name);
     std::string a2l;
@@ -274,12 +328,16 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
         section.read("connectAttempts", config.xcp.connectAttempts);
         section.read("modifyBits", config.xcp.modifyBits);
         section.readMilliseconds("connectTimeoutMs", 0, config.xcp.connectTimeout);
+        section.section("overrides", [&](Section& inner) { fillOverrides(inner, config.xcp.overrides); });
     });
     document.section("daq", [&](Section& section) {
         section.read("useTimestamps", config.daq.useTimestamps);
         section.readFraction("maxBusLoad", config.daq.maxBusLoad);
         section.readDefaultEvent("defaultEvent", config.daq.defaultEvent);
         section.readFirstPid("firstPid", config.daq.firstPid);
+        std::optional<bool> isA2l;
+        section.readChoice("source", {"ecu", "a2l"}, isA2l);
+        if (isA2l) config.daq.source = *isA2l ? DaqTold::a2l : DaqTold::ecu;
     });
     document.section("reconnect", [&](Section& section) { fillReconnect(section, config.reconnect); });
     document.readTexts("measurement", config.measurement);
@@ -329,6 +387,21 @@ ordered_json defaultEventDocument(const DefaultEvent& event) {
     return event.number;
 }
 
+/// Null when nothing is overruled.
+ordered_json overridesDocument(const SessionConfig::Overrides& overrides) {
+    ordered_json section;
+    if (overrides.granularity) section["granularity"] = *overrides.granularity;
+    if (overrides.byteOrder)
+        section["byteOrder"] = *overrides.byteOrder == ByteOrder::bigEndian ? "motorola" : "intel";
+    if (overrides.maxDto) section["maxDto"] = *overrides.maxDto;
+    const SessionConfig::Timestamp& stamp = overrides.timestamp;
+    if (stamp.size) section["timestamp"]["size"] = *stamp.size;
+    if (stamp.tickNs) section["timestamp"]["tickNs"] = *stamp.tickNs;
+    if (stamp.fixed) section["timestamp"]["fixed"] = *stamp.fixed;
+    if (overrides.ignoreDaqRunningBit) section["ignoreDaqRunningBit"] = true;
+    return section;
+}
+
 ordered_json documentOf(const SessionConfig& config) {
     ordered_json document;
     document["name"] = config.name;
@@ -350,11 +423,14 @@ ordered_json documentOf(const SessionConfig& config) {
     xcp["connectAttempts"] = config.xcp.connectAttempts;
     if (config.xcp.modifyBits) xcp["modifyBits"] = true;
     if (config.xcp.connectTimeout) xcp["connectTimeoutMs"] = config.xcp.connectTimeout->count();
+    if (auto overrides = overridesDocument(config.xcp.overrides); !overrides.is_null())
+        xcp["overrides"] = std::move(overrides);
     auto& daq = document["daq"];
     daq["useTimestamps"] = config.daq.useTimestamps;
     daq["maxBusLoad"] = config.daq.maxBusLoad;
     daq["defaultEvent"] = defaultEventDocument(config.daq.defaultEvent);
     if (config.daq.firstPid == xcp::FirstPids::planned) daq["firstPid"] = "plan";
+    if (config.daq.source == DaqTold::a2l) daq["source"] = "a2l";
     auto& reconnect = document["reconnect"];
     reconnect["policy"] = reconnectPolicyName(config.reconnect.policy);
     reconnect["attempts"] = config.reconnect.attempts;

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/bytes.h"
 #include "core/result.h"
 #include "core/stop_token.h"
 #include "xcp/daq_setup.h"
@@ -44,6 +45,12 @@ struct DefaultEvent {
 /// N, NAME or auto, not empty; `before` gives the number for what auto finds no event for.
 DefaultEvent parseDefaultEvent(const std::string& text, const DefaultEvent& before);
 
+/// Who tells what an ECU can do in DAQ.
+enum class DaqTold : std::uint8_t {
+    ecu,  ///< the ECU
+    a2l,  ///< the A2L; the ECU is asked for what the A2L leaves out
+};
+
 /// Defaults are those of a document without any key. What is absent is taken from the A2L, else from the
 /// protocol's own default.
 struct SessionConfig {
@@ -71,12 +78,31 @@ struct SessionConfig {
 
         bool operator==(const Serial&) const = default;
     };
+    /// Of the DAQ timestamps.
+    struct Timestamp {
+        std::optional<std::uint8_t> size;  ///< bytes: 0, 1, 2 or 4
+        std::optional<std::uint32_t> tickNs;
+        std::optional<bool> fixed;
+
+        bool operator==(const Timestamp&) const = default;
+    };
+    /// What counts instead of what the ECU says of itself.
+    struct Overrides {
+        std::optional<std::uint8_t> granularity;  ///< 1, 2 or 4
+        std::optional<ByteOrder> byteOrder;
+        std::optional<std::uint16_t> maxDto;  ///< at least 8
+        Timestamp timestamp;
+        bool ignoreDaqRunningBit = false;
+
+        bool operator==(const Overrides&) const = default;
+    };
     struct Xcp {
         std::optional<std::array<std::uint16_t, 7>> timeoutsMs;  ///< T1 to T7
         bool useShortUpload = true;
         std::uint32_t connectAttempts = 3;
         bool modifyBits = false;  ///< masked writes by MODIFY_BITS, where the ECU offers it
         std::optional<std::chrono::milliseconds> connectTimeout;  ///< instead of a number of attempts
+        Overrides overrides;
 
         bool operator==(const Xcp&) const = default;
     };
@@ -85,6 +111,7 @@ struct SessionConfig {
         double maxBusLoad = 0.8;  ///< fraction of 1
         DefaultEvent defaultEvent = {};
         xcp::FirstPids firstPid = xcp::FirstPids::told;
+        DaqTold source = DaqTold::ecu;
 
         bool operator==(const Daq&) const = default;
     };

@@ -26,4 +26,11 @@ Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config, co
     return missing;
 }
 
+const a2l::XcpOfMedium* describedMedium(const SessionConfig& config, const a2l::XcpInterface& ifData) {
+    if (!config.can.interface.empty()) return ifData.can ? &*ifData.can : nullptr;
+    if (!config.udp.host.empty()) return ifData.udp ? &*ifData.udp : nullptr;
+    if (!config.serial.port.empty()) return ifData.serial ? &*ifData.serial : nullptr;
+    return nullptr;
+}
+
 }  // namespace lm::session

@@ -21,4 +21,7 @@ namespace lm::session {
 Result<std::unique_ptr<IMedium>> chooseTransport(const SessionConfig& config, const a2l::XcpInterface& ifData,
                                                  ChannelPool& pool, const StopToken& stop = {});
 
+/// The block of the medium that chooseTransport() chooses, nullptr when the A2L has none. Part of `ifData`.
+const a2l::XcpOfMedium* describedMedium(const SessionConfig& config, const a2l::XcpInterface& ifData);
+
 }  // namespace lm::session

@@ -8,6 +8,8 @@
 
 #include "core/log.h"
 
+#include "xcp/connect_overrides.h"
+
 namespace lm::xcp {
 namespace {
 
@@ -140,7 +142,7 @@ Result<void> Connection::connect(ConnectMode mode, std::int32_t attempts) {
 
 Result<void> Connection::accept(const Packet& response) {
     if (response.code() == kPidError) return errorOf(buildConnect(0), response);
-    const auto parsed = parseConnect(response.view());
+    const auto parsed = parseConnect(overruled(response, options_.overrides).view());
     if (!parsed) return parsed.error();
     const ConnectInfo& info = parsed.value();
     if (info.maxCto > transport_.maxPacketSize()) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/log.h"
+#include "core/time_unit.h"
 #include "xcp/memory.h"
 
 namespace lm::xcp {
@@ -17,21 +18,13 @@ using Turn = Connection::Turn;
 constexpr std::size_t kProcessorInfoLength = 8;
 constexpr std::size_t kResolutionInfoLength = 8;
 constexpr std::size_t kEventInfoLength = 7;
+constexpr std::int32_t kErrOutOfRange = 0x22;
+constexpr std::int32_t kErrDaqConfig = 0x2A;
 
 /// A DAQ information answer that is too short names its command first.
 Error shortDaqResponse(Command command) {
     return {.code = ErrorCode::protocolError,
             .message = std::string(commandName(static_cast<std::uint8_t>(command))) + " response too short"};
-}
-
-/// count x 10^unit nanoseconds; 0 for a unit above 1 s.
-std::int64_t unitNs(std::uint32_t count, unsigned unit) {
-    if (unit > 9) return 0;
-    std::int64_t result = count;
-    for (unsigned i = 0; i < unit; ++i) {
-        result *= 10;
-    }
-    return result;
 }
 
 void parseProcessorInfo(const Packet& reply, ByteOrder order, DaqCapabilities& capabilities) {
@@ -62,29 +55,51 @@ void parseResolutionInfo(const Packet& reply, ByteOrder order, DaqCapabilities& 
     capabilities.tickNs = unitNs(readBytes<std::uint16_t>(reply.data() + 6, order), mode >> 4U);
 }
 
+/// Some old slaves tell the unit in the upper half of the byte.
+unsigned eventUnit(std::uint8_t told) {
+    constexpr unsigned kLargestUnit = 0x0C;
+    return told > kLargestUnit && (told & 0x0FU) == 0 ? told >> 4U : told;
+}
+
 EventChannel parseEventInfo(const Packet& reply, std::uint16_t number) {
     EventChannel event;
     event.number = number;
     event.properties = reply.bytes[1];
     event.maxDaqList = reply.bytes[2];
-    event.cycleNs = unitNs(reply.bytes[4], reply.bytes[5]);
+    event.cycleNs = unitNs(reply.bytes[4], eventUnit(reply.bytes[5]));
     event.priority = reply.bytes[6];
     return event;
 }
 
-Result<void> readResolution(Turn& turn, DaqCapabilities& capabilities) {
-    const auto reply =
-        turn.transact(buildPlain(Command::getDaqResolutionInfo), {.minimumLength = kResolutionInfoLength});
-    if (!reply && reply.error().detail != kErrCmdUnknown) return reply.error();
-    if (reply && reply.value().size() >= kResolutionInfoLength) {
-        parseResolutionInfo(reply.value(), turn.slave().byteOrder(), capabilities);
-        return {};
+/// The answer to a question that a slave need not know; nothing when it does not.
+Result<std::optional<Packet>> askOptional(Turn& turn, const Packet& question, std::size_t minimumLength) {
+    Repeats repeats;
+    for (bool heard = false;; heard = true) {
+        auto answer = turn.attempt(question, minimumLength, repeats);
+        if (answer && answer.value()) return answer;
+        if (answer) continue;  // SYNCH was answered
+        const Error& error = answer.error();
+        const bool silent = heard && error.code == ErrorCode::timeout;
+        if (!silent && error.detail != kErrCmdUnknown) return error;
+        log::info("{}; taken as not known to the ECU", error.text());
+        return std::optional<Packet>{};
     }
-    if (reply) log::warn("GET_DAQ_RESOLUTION_INFO: the answer is too short, DTOs carry no timestamps");
+}
+
+/// False: what is least is taken for what the slave does not tell.
+Result<bool> readResolution(Turn& turn, DaqCapabilities& capabilities) {
+    const auto reply = askOptional(turn, buildPlain(Command::getDaqResolutionInfo), kResolutionInfoLength);
+    if (!reply) return reply.error();
+    if (reply.value() && reply.value()->size() >= kResolutionInfoLength) {
+        parseResolutionInfo(*reply.value(), turn.slave().byteOrder(), capabilities);
+        return true;
+    }
+    if (reply.value())
+        log::warn("GET_DAQ_RESOLUTION_INFO: the answer is too short, DTOs carry no timestamps");
     capabilities.entryGranularity = 1;
     capabilities.maxEntrySize = static_cast<std::uint8_t>(std::min(turn.slave().maxDto - 1, 255));
     capabilities.timestampSupported = false;
-    return {};
+    return false;
 }
 
 /// Only the slave knows where the name lies: GET_DAQ_EVENT_INFO sets the MTA to its start. So after an answer
@@ -114,43 +129,173 @@ Result<std::optional<EventChannel>> tryEvent(Turn& turn, std::uint16_t channel, 
     return std::optional<EventChannel>(std::move(event));
 }
 
-Result<EventChannel> readEvent(Turn& turn, std::uint16_t channel) {
+/// `heard`: the slave left something unanswered, and answered SYNCH after it.
+Result<EventChannel> readEvent(Turn& turn, std::uint16_t channel, bool& heard) {
     for (Repeats repeats;;) {
         auto event = tryEvent(turn, channel, repeats);
         if (!event) return event.error();
         if (event.value()) return *std::move(event).value();
+        heard = true;
     }
 }
 
-Result<void> readEvents(Turn& turn, DaqCapabilities& capabilities) {
+/// False: the number of channels is all there is to know.
+Result<bool> readEvents(Turn& turn, DaqCapabilities& capabilities) {
     for (std::uint16_t channel = 0; channel < capabilities.maxEventChannel; ++channel) {
-        auto event = readEvent(turn, channel);
-        // The command is optional: without it the number of channels is all there is to know.
-        if (!event && channel == 0 && event.error().detail == kErrCmdUnknown) return {};
+        bool heard = false;
+        auto event = readEvent(turn, channel, heard);
+        const bool silent = !event && heard && event.error().code == ErrorCode::timeout;
+        if (!event && channel == 0 && (silent || event.error().detail == kErrCmdUnknown)) return false;
         if (!event) return event.error();
         capabilities.events.push_back(std::move(event).value());
+    }
+    return true;
+}
+
+Result<DaqListInfo> parseListInfo(const Packet& reply, std::uint16_t number, const Turn& turn,
+                                  const DaqCapabilities& capabilities) {
+    constexpr unsigned kPredefined = 0x01;
+    constexpr unsigned kFixedEvent = 0x02;
+    constexpr unsigned kDaq = 0x04;
+    constexpr std::size_t kWithEvent = 6;
+    const unsigned properties = reply.bytes[1];
+    DaqListInfo list;
+    list.number = number;
+    list.predefined = (properties & kPredefined) != 0 || number < capabilities.minDaq;
+    list.offersDaq = (properties & kDaq) != 0;
+    list.maxOdt = reply.bytes[2];
+    list.maxEntries = reply.bytes[3];
+    if ((properties & kFixedEvent) == 0) return list;
+    if (reply.size() < kWithEvent) return shortDaqResponse(Command::getDaqListInfo);
+    list.fixedEvent = readBytes<std::uint16_t>(reply.data() + 4, turn.slave().byteOrder());
+    return list;
+}
+
+/// Nothing behind the last entry.
+Result<std::optional<OdtEntry>> readEntry(Turn& turn, std::uint16_t list, std::uint8_t odt,
+                                          std::uint8_t entry) {
+    constexpr std::size_t kWithoutCode = 7;  // of slaves that leave the first byte of the answer out
+    const ByteOrder order = turn.slave().byteOrder();
+    const auto point = [&turn, list, odt, entry, order] {
+        return turn.perform(buildSetDaqPtr(list, odt, entry, order));
+    };
+    // A READ_DAQ whose answer was lost has advanced the pointer.
+    const Exchange rules{.minimumLength = kWithoutCode, .beforeRepeat = point};
+    const auto reply = turn.transact(buildPlain(Command::readDaq), rules);
+    if (!reply && (reply.error().detail == kErrOutOfRange || reply.error().detail == kErrDaqConfig))
+        return std::optional<OdtEntry>{};
+    if (!reply) return reply.error();
+    if (reply.value().size() < kWithoutCode) return shortDaqResponse(Command::readDaq);
+    const std::uint8_t* const fields = reply.value().data() + (reply.value().size() == kWithoutCode ? 0 : 1);
+    if (fields[1] == 0) return std::optional<OdtEntry>{};
+    OdtEntry found;
+    found.size = static_cast<std::uint16_t>(fields[1] * turn.slave().granularity());
+    found.address = {readBytes<std::uint32_t>(fields + 3, order), fields[2]};
+    return std::optional<OdtEntry>(found);
+}
+
+Result<Odt> readOdt(Turn& turn, const DaqListInfo& list, std::uint8_t number) {
+    Odt odt;
+    odt.pid = number;
+    if (auto pointed = turn.perform(buildSetDaqPtr(list.number, number, 0, turn.slave().byteOrder()));
+        !pointed)
+        return pointed.error();
+    for (unsigned entry = 0; entry < list.maxEntries; ++entry) {
+        auto found = readEntry(turn, list.number, number, static_cast<std::uint8_t>(entry));
+        if (!found) return found.error();
+        if (!found.value()) break;
+        OdtEntry& next = odt.entries.emplace_back(*found.value());
+        next.offset = odt.payloadSize;
+        odt.payloadSize = static_cast<std::uint16_t>(odt.payloadSize + next.size);
+    }
+    return odt;
+}
+
+/// As far as the slave tells it.
+Result<void> readLayout(Turn& turn, DaqListInfo& list) {
+    std::uint32_t recordSize = 0;
+    for (unsigned number = 0; number < list.maxOdt; ++number) {
+        auto odt = readOdt(turn, list, static_cast<std::uint8_t>(number));
+        if (!odt && odt.error().detail == Error::kNoDetail) return odt.error();
+        if (!odt) log::info("DAQ list {}: {}", list.number, odt.error().text());
+        if (!odt || odt.value().entries.empty()) return {};
+        odt.value().recordOffset = recordSize;
+        recordSize += odt.value().payloadSize;
+        list.odts.push_back(std::move(odt).value());
     }
     return {};
 }
 
+/// Nothing behind the last list.
+Result<std::optional<DaqListInfo>> readList(Turn& turn, std::uint16_t number,
+                                            const DaqCapabilities& capabilities, bool& told) {
+    constexpr std::size_t kListInfoLength = 4;
+    const auto reply =
+        askOptional(turn, buildGetDaqListInfo(number, turn.slave().byteOrder()), kListInfoLength);
+    const bool beyond = !reply && number > 0 && reply.error().detail == kErrOutOfRange;
+    if (!reply && !beyond) return reply.error();
+    told = beyond || reply.value().has_value();
+    if (beyond || !told) return std::optional<DaqListInfo>{};
+    if (reply.value()->size() < kListInfoLength) return shortDaqResponse(Command::getDaqListInfo);
+    auto list = parseListInfo(*reply.value(), number, turn, capabilities);
+    if (!list) return list.error();
+    if (list.value().predefined) {
+        if (auto read = readLayout(turn, list.value()); !read) return read.error();
+    }
+    return std::optional<DaqListInfo>(std::move(list).value());
+}
+
 }  // namespace
 
-Result<DaqCapabilities> readDaqCapabilities(Connection& connection) {
+Result<DaqParts> askDaqParts(Connection& connection, const DaqParts& wanted, DaqCapabilities& capabilities) {
     auto held = connection.turn();
     if (!held) return held.error();
     Turn& turn = held.value();
     if (!turn.slave().offersDaq()) {
         return Error{.code = ErrorCode::unsupported, .message = "slave does not offer the DAQ resource"};
     }
-    const auto reply =
-        turn.transact(buildPlain(Command::getDaqProcessorInfo), {.minimumLength = kProcessorInfoLength});
-    if (!reply) return reply.error();
-    if (reply.value().size() < kProcessorInfoLength) return shortDaqResponse(Command::getDaqProcessorInfo);
+    DaqParts told = wanted;
+    if (wanted.processor) {
+        const auto reply =
+            turn.transact(buildPlain(Command::getDaqProcessorInfo), {.minimumLength = kProcessorInfoLength});
+        if (!reply) return reply.error();
+        if (reply.value().size() < kProcessorInfoLength)
+            return shortDaqResponse(Command::getDaqProcessorInfo);
+        parseProcessorInfo(reply.value(), turn.slave().byteOrder(), capabilities);
+    }
+    if (wanted.resolution) {
+        const auto read = readResolution(turn, capabilities);
+        if (!read) return read.error();
+        told.resolution = read.value();
+    }
+    if (wanted.events) {
+        capabilities.events.clear();
+        const auto read = readEvents(turn, capabilities);
+        if (!read) return read.error();
+        told.events = read.value();
+    }
+    return told;
+}
 
+Result<bool> askDaqLists(Connection& connection, DaqCapabilities& capabilities) {
+    capabilities.lists.clear();
+    auto held = connection.turn();
+    if (!held) return held.error();
+    const std::uint16_t count = capabilities.dynamicConfiguration ? capabilities.minDaq : capabilities.maxDaq;
+    bool told = true;
+    for (std::uint16_t number = 0; number < count; ++number) {
+        auto list = readList(held.value(), number, capabilities, told);
+        if (!list) return list.error();
+        if (!told) capabilities.lists.clear();
+        if (!list.value()) break;
+        capabilities.lists.push_back(*std::move(list).value());
+    }
+    return told;
+}
+
+Result<DaqCapabilities> readDaqCapabilities(Connection& connection) {
     DaqCapabilities capabilities;
-    parseProcessorInfo(reply.value(), turn.slave().byteOrder(), capabilities);
-    if (auto read = readResolution(turn, capabilities); !read) return read.error();
-    if (auto read = readEvents(turn, capabilities); !read) return read.error();
+    if (auto told = askDaqParts(connection, {}, capabilities); !told) return told.error();
     return capabilities;
 }
 

@@ -158,9 +158,14 @@ Result<void> DaqSetup::start() {
         if (started.value()) return {};
         // Its answer was lost, or the command: of a slave that runs the lists the selection is used up, and
         // some refuse to select a list that runs.
-        const auto status = turn.transact(buildPlain(Command::getStatus), {.minimumLength = kStatusLength});
-        if (!status) return status.error();
-        if ((status.value().bytes[1] & kStatusDaqRunning) != 0) return {};
+        if (connection_.options().ignoreDaqRunningBit) {
+            if (auto stopped = turn.perform(buildStopAll()); !stopped) return stopped;
+        } else {
+            const auto status =
+                turn.transact(buildPlain(Command::getStatus), {.minimumLength = kStatusLength});
+            if (!status) return status.error();
+            if ((status.value().bytes[1] & kStatusDaqRunning) != 0) return {};
+        }
         for (const Packet& select : selection_) {
             if (auto done = turn.perform(select); !done) return done;
         }

@@ -103,6 +103,13 @@ class Master final : public IPacketSink {
     /// Asks the slave. Errors: unsupported "slave does not offer the DAQ resource", shortResponse(). A slave
     /// without GET_DAQ_EVENT_INFO gives no `events`.
     Result<DaqCapabilities> daqCapabilities() { return readDaqCapabilities(connection_); }
+    /// See daq_queries.h.
+    Result<DaqParts> askDaqParts(const DaqParts& wanted, DaqCapabilities& capabilities) {
+        return xcp::askDaqParts(connection_, wanted, capabilities);
+    }
+    Result<bool> askDaqLists(DaqCapabilities& capabilities) {
+        return xcp::askDaqLists(connection_, capabilities);
+    }
     /// Allocates, writes and selects the lists of the plan. Returns the first PID of each list. Further
     /// errors: protocolError "START_STOP_DAQ_LIST: the ECU's first PIDs ..." when with absolute
     /// identification the slave's own numbers collide.

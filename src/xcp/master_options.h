@@ -8,8 +8,18 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
+
+#include "core/bytes.h"
 
 namespace lm::xcp {
+
+/// What counts instead of what the slave says at CONNECT.
+struct ConnectOverrides {
+    std::optional<std::uint8_t> granularity = {};  ///< bytes per address element: 1, 2 or 4
+    std::optional<ByteOrder> byteOrder = {};
+    std::optional<std::uint16_t> maxDto = {};
+};
 
 struct MasterOptions {
     std::uint64_t t1 = 1000;  ///< XCP timeouts in milliseconds
@@ -23,6 +33,8 @@ struct MasterOptions {
     std::int32_t connectAttempts = 3;   ///< below 1: without limit
     std::int32_t busyRepeatLimit = 20;
     bool useShortUpload = true;
+    bool ignoreDaqRunningBit = false;  ///< of GET_STATUS: it does not tell whether lists run
+    ConnectOverrides overrides = {};
 };
 
 enum class ConnectMode : std::uint8_t { normal = 0, userDefined = 1 };

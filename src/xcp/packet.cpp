@@ -270,6 +270,12 @@ Packet buildModifyBits(std::uint8_t shift, std::uint16_t andMask, std::uint16_t 
     return packet;
 }
 
+Packet buildGetDaqListInfo(std::uint16_t list, ByteOrder order) {
+    Packet packet = makePacket(Command::getDaqListInfo, 4);
+    put(packet, 2, list, order);
+    return packet;
+}
+
 Packet buildGetDaqEventInfo(std::uint16_t channel, ByteOrder order) {
     Packet packet = makePacket(Command::getDaqEventInfo, 4);
     put(packet, 2, channel, order);

@@ -32,12 +32,14 @@ enum class Command : std::uint8_t {
     modifyBits = 0xEC,
     setDaqPtr = 0xE2,
     writeDaq = 0xE1,
+    readDaq = 0xDB,
     setDaqListMode = 0xE0,
     startStopDaqList = 0xDE,
     startStopSynch = 0xDD,
     getDaqClock = 0xDC,
     getDaqProcessorInfo = 0xDA,
     getDaqResolutionInfo = 0xD9,
+    getDaqListInfo = 0xD8,
     getDaqEventInfo = 0xD7,
     freeDaq = 0xD6,
     allocDaq = 0xD5,
@@ -148,6 +150,7 @@ Result<Packet> buildDownload(std::span<const std::uint8_t> data, std::uint8_t gr
                              std::uint16_t maxCto);
 /// The word of 32 bits at the MTA becomes (it & ~(~andMask << shift)) ^ (xorMask << shift).
 Packet buildModifyBits(std::uint8_t shift, std::uint16_t andMask, std::uint16_t xorMask, ByteOrder order);
+Packet buildGetDaqListInfo(std::uint16_t list, ByteOrder order);
 Packet buildGetDaqEventInfo(std::uint16_t channel, ByteOrder order);
 Packet buildAllocDaq(std::uint16_t count, ByteOrder order);
 Packet buildAllocOdt(std::uint16_t list, std::uint8_t count, ByteOrder order);

@@ -1,6 +1,7 @@
 // Fixed answers, memory access and DAQ configuration: the exact packets and what is made of them.
 #include <gtest/gtest.h>
 
+#include "xcp/connect_overrides.h"
 #include "xcp/master.h"
 #include "xcp/packet.h"
 #include "xcp/scripted_slave.h"
@@ -83,8 +84,11 @@ TEST(MasterDaq, GathersCapabilitiesAndEventNames) {
          "D7 00 00 00 > FF 04 01 09 01 07 02; F5 07 > FF 31 20 6D 73 20 65 76; F5 02; FC > FE 00; "
          "D7 00 00 00 > FF 04 01 09 01 07 02; F5 07 > FF 31 20 6D 73 20 65 76; F5 02; FC > FE 00; "
          "D7 00 00 00 > FF 04 01 09 01 07 02; F5 07 > FF 31 20 6D 73 20 65 76; F5 02 > FF 65 6E; "
-         "D7 00 00 01 > FF 04 FF 00 00 07 00",
-         "1111 1000 1-5 id 1 2 entry 1/6 stamp 2/25000000: 1 ms even/10000000 /0"},
+         "D7 00 00 01 > FF 04 FF 00 02 60 00",  // the unit in the upper half
+         "1111 1000 1-5 id 1 2 entry 1/6 stamp 2/25000000: 1 ms even/10000000 /2000000"},
+        {"@; DA > FF 13 00 00 01 00 00 00; D9; FC > FE 00; D9; FC > FE 00; D9; FC > FE 00; "
+         "D7 00 00 00; FC > FE 00; D7 00 00 00; FC > FE 00; D7 00 00 00",
+         "1100 0000 0-0 id 0 0 entry 1/7 stamp 0/0:"},
         {"FF 01 00 08 08 00 01 01", "slave does not offer the DAQ resource"},
         {"@; DA > FF 13 00 00 00 00 00", "GET_DAQ_PROCESSOR_INFO response too short"},
         {"@; DA > FF 13 00 00 01 00 00 00; D9 > FE 20; D7 00 00 00 > FF 00 00 00 00 00",
@@ -99,6 +103,67 @@ TEST(MasterDaq, GathersCapabilitiesAndEventNames) {
         bench.run("connect");
         const auto read = bench.master.daqCapabilities();
         EXPECT_EQ(read ? text(read.value()) : read.error().text(), row.second);
+    }
+}
+
+std::string text(const DaqListInfo& list) {
+    std::string result = fmt::format("{}{:d}{:d} {}x{}", list.number, list.predefined, list.offersDaq,
+                                     list.maxOdt, list.maxEntries);
+    if (list.fixedEvent) result += fmt::format(" @{}", *list.fixedEvent);
+    for (const Odt& odt : list.odts) {
+        result += fmt::format(" [{}", odt.recordOffset);
+        for (const OdtEntry& e : odt.entries)
+            result += fmt::format(" {:x}/{}/{}/{}", e.address.address, e.address.extension, e.size, e.offset);
+        result += ']';
+    }
+    return result + "; ";
+}
+
+TEST(MasterDaq, AsksForListsAndForWhatPredefinedOnesCarry) {
+    const std::pair<const char*, const char*> rows[] = {
+        // A short answer without a fixed event; entries up to the end, to size 0 and in 7 bytes; no list 3.
+        {"DA > FF 00 05 00 00 00 01 00; D8 00 00 00 > FF 04 02 03 00 00; E2 00 00 00 00 00 > FF; "
+         "DB > FF FF 02 01 00 10 00 00; DB > FF 04 00 78 56 34 12; DB; FC > FE 00; E2 00 00 00 00 02 > FF; "
+         "DB > FF 03 01 00 00 20 00 00; E2 00 00 00 01 00 > FF; DB > FF FF 00 00 00 00 00 00; "
+         "D8 00 01 00 > FF 06 05 07 2C 01; D8 00 02 00 > FF 08 01 01; D8 00 03 00 > FE 22",
+         "011 2x3 [0 1000/1/2/0 12345678/0/4/2 2000/0/1/6]; 101 5x7 @300; 200 1x1; "},
+        {"DA > FF 01 00 00 00 00 00 00", ""},  // dynamic, none predefined: nothing is asked
+        {"DA > FF 01 00 00 00 00 01 00; D8 00 00 00 > FF 05 01 01; E2 00 00 00 00 00 > FF; DB > FE 20",
+         "011 1x1; "},
+        {"DA > FF 00 01 00 00 00 00 00; D8 00 00 00 > FE 20", "not told"},
+        {"DA > FF 00 01 00 00 00 00 00; D8 00 00 00 > FF 06 01 01", "GET_DAQ_LIST_INFO response too short"},
+        {"DA > FF 00 01 00 00 00 00 00; D8 00 00 00 > FE 25", "GET_DAQ_LIST_INFO: ERR_ACCESS_LOCKED (0x25)"},
+    };
+    for (const auto& [script, lists] : rows) {
+        Bench bench(std::string("FF 00 > @; ") + script);
+        bench.run("connect");
+        DaqCapabilities capabilities;
+        ASSERT_TRUE(bench.master.askDaqParts({true, false, false}, capabilities).ok());
+        const auto told = bench.master.askDaqLists(capabilities);
+        std::string result = !told ? told.error().text() : told.value() ? "" : "not told";
+        for (const DaqListInfo& list : capabilities.lists)
+            if (told) result += text(list);
+        EXPECT_EQ(result, lists) << script;
+    }
+}
+
+TEST(Master, OverridesCountInsteadOfTheAnswerToConnect) {
+    const std::pair<ConnectOverrides, const char*> rows[] = {
+        {{}, "CONNECT: reserved address granularity"},
+        {{.granularity = std::uint8_t{2}}, "2 1 2064"},
+        {{.granularity = std::uint8_t{4}, .byteOrder = ByteOrder::littleEndian}, "4 0 4104"},
+        {{.granularity = std::uint8_t{1}, .maxDto = std::uint16_t{64}}, "1 1 64"},
+    };
+    for (const auto& [overrides, result] : rows) {
+        Packet answer;
+        for (const std::uint8_t byte : hex("FF 05 07 08 08 10 01 01"))
+            answer.bytes[answer.length++] = byte;
+        const auto parsed = parseConnect(overruled(answer, overrides).view());
+        EXPECT_EQ(parsed
+                      ? fmt::format("{} {:d} {}", parsed.value().granularity(),
+                                    parsed.value().byteOrder() == ByteOrder::bigEndian, parsed.value().maxDto)
+                      : parsed.error().text(),
+                  result);
     }
 }
 
