@@ -289,6 +289,12 @@ Packet buildAllocOdtEntry(std::uint16_t list, std::uint8_t odt, std::uint8_t cou
     return packet;
 }
 
+Packet buildClearDaqList(std::uint16_t list, ByteOrder order) {
+    Packet packet = makePacket(Command::clearDaqList, 4);
+    put(packet, 2, list, order);
+    return packet;
+}
+
 Packet buildSetDaqPtr(std::uint16_t list, std::uint8_t odt, std::uint8_t entry, ByteOrder order) {
     Packet packet = makePacket(Command::setDaqPtr, 6);
     put(packet, 2, list, order);

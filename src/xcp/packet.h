@@ -29,6 +29,7 @@ enum class Command : std::uint8_t {
     upload = 0xF5,
     shortUpload = 0xF4,
     download = 0xF0,
+    clearDaqList = 0xE3,
     setDaqPtr = 0xE2,
     writeDaq = 0xE1,
     setDaqListMode = 0xE0,
@@ -149,6 +150,7 @@ Packet buildGetDaqEventInfo(std::uint16_t channel, ByteOrder order);
 Packet buildAllocDaq(std::uint16_t count, ByteOrder order);
 Packet buildAllocOdt(std::uint16_t list, std::uint8_t count, ByteOrder order);
 Packet buildAllocOdtEntry(std::uint16_t list, std::uint8_t odt, std::uint8_t count, ByteOrder order);
+Packet buildClearDaqList(std::uint16_t list, ByteOrder order);
 Packet buildSetDaqPtr(std::uint16_t list, std::uint8_t odt, std::uint8_t entry, ByteOrder order);
 /// One whole element (bit offset 0xFF) of `elements` address elements.
 Packet buildWriteDaq(std::uint8_t elements, Address address, ByteOrder order);

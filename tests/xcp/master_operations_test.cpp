@@ -141,5 +141,27 @@ TEST(MasterDaq, ConfiguresListByListAndTakesDisjointFirstPids) {
     EXPECT_TRUE(bench.master.startDaq() && bench.master.stopDaq());
 }
 
+TEST(MasterDaq, WritesStaticListsAndStartsPredefinedOnes) {
+    DaqCapabilities capabilities{.prescalerSupported = true, .maxEventChannel = 9};
+    const Odt ready{.entries = {{{0x40, 0}, 2, 0}}};
+    capabilities.lists = {{.number = 1, .predefined = true, .maxOdt = 4, .odts = {ready, ready}},
+                          {.number = 3, .maxOdt = 2, .maxEntries = 1}};
+    const DaqSignal signals[] = {{{0x10, 0}, 4, 5, 8}, {{0x20, 0}, 4, 5, 8}, {{0x40, 0}, 2, 6, 1}};
+    const DaqPlan plan = planDaq(signals, capabilities, {.maxDto = 8}).value();
+    const std::string prepared =
+        "FF 00 > @; DD 00 > FE 2A; E3 00 03 00; FC > FE 00; E3 00 03 00 > FF; "
+        "E2 00 03 00 00 00 > FF; E1 FF 04 00 10 00 00 00 > FF; E2 00 03 00 01 00 > FF; "
+        "E1 FF 04 00 20 00 00 00 > FF; E0 00 03 00 05 00 08 00 > FF; E0 00 01 00 06 00 01 00 > FF; ";
+    // Told, by one, by none.
+    for (const auto& [answers, expected] : {std::pair{"DE 02 03 00 > FF 20; DE 02 01 00 > FF 30", "20 30"},
+                                            std::pair{"DE 02 03 00 > FF 20; DE 02 01 00 > FF", "20 00"},
+                                            std::pair{"DE 02 03 00 > FF; DE 02 01 00 > FF", "04 00"}}) {
+        Bench bench(prepared + answers);
+        bench.run("connect");
+        const auto pids = bench.master.configureDaq(plan).value();
+        EXPECT_EQ(test::hexText(pids.data(), pids.size()), expected);
+    }
+}
+
 }  // namespace
 }  // namespace lm::xcp
