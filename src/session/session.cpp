@@ -29,6 +29,11 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
     constexpr std::uint32_t kMost = std::numeric_limits<std::int32_t>::max();
     options.connectAttempts = static_cast<std::int32_t>(std::min(config.connectAttempts, kMost));
     options.useShortUpload = config.useShortUpload;
+    if (interface.protocolLayer) {
+        const auto& offered = interface.protocolLayer->optionalCommands;
+        options.offersWriteDaqMultiple =
+            std::find(offered.begin(), offered.end(), "WRITE_DAQ_MULTIPLE") != offered.end();
+    }
     return options;
 }
 

@@ -1,5 +1,8 @@
 #include "xcp/daq_setup.h"
 
+#include <algorithm>
+#include <span>
+
 #include <spdlog/fmt/fmt.h>
 
 namespace lm::xcp {
@@ -123,6 +126,14 @@ Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t num
         return turn.perform(buildSetDaqPtr(list, number, static_cast<std::uint8_t>(entry), order));
     };
     if (auto pointed = point(0); !pointed) return pointed;
+    const bool together = turn.mayWriteDaqMultiple() && withoutMultiple_ != turn.connectionNumber() &&
+                          odt.entries.size() > 1 && mostDaqElements(turn.slave().maxCto) > 1;
+    if (together) {
+        const auto written = writeTogether(turn, odt);
+        if (!written) return written.error();
+        if (written.value()) return {};
+        if (auto pointed = point(0); !pointed) return pointed;
+    }
     for (std::size_t entry = 0; entry < odt.entries.size(); ++entry) {
         const auto elements = static_cast<std::uint8_t>(odt.entries[entry].size / turn.slave().granularity());
         // A WRITE_DAQ whose answer was lost has advanced the pointer.
@@ -133,6 +144,27 @@ Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t num
         return written.error();
     }
     return {};
+}
+
+/// The ODT at the pointer. False when the slave refused or an answer was lost: the pointer stands somewhere,
+/// and one entry after the other tells which of them is refused.
+Result<bool> DaqSetup::writeTogether(Turn& turn, const Odt& odt) {
+    const std::size_t most = mostDaqElements(turn.slave().maxCto);
+    std::vector<DaqElement> elements;
+    for (const OdtEntry& entry : odt.entries) {
+        const auto size = static_cast<std::uint8_t>(entry.size / turn.slave().granularity());
+        elements.push_back({entry.address, size});
+    }
+    Repeats repeats;
+    for (std::span<const DaqElement> rest = elements; !rest.empty();) {
+        const auto part = rest.first(std::min(most, rest.size()));
+        const auto done = turn.attempt(buildWriteDaqMultiple(part, turn.slave().byteOrder()), 1, repeats);
+        if (!done && done.error().detail == Error::kNoDetail) return done.error();
+        if (!done && done.error().detail == kErrCmdUnknown) withoutMultiple_ = turn.connectionNumber();
+        if (!done || !done.value()) return false;
+        rest = rest.subspan(part.size());
+    }
+    return true;
 }
 
 Result<void> DaqSetup::setModes(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal) {

@@ -46,9 +46,10 @@ class DaqSetup {
 
     static Result<void> allocate(Turn& turn, const DaqPlan& plan);
     static Result<void> clear(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
-    static Result<void> writeLists(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
-    static Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
-                                 DaqRefusal& refusal);
+    Result<void> writeLists(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
+    Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
+                          DaqRefusal& refusal);
+    Result<bool> writeTogether(Turn& turn, const Odt& odt);
     static Result<void> setModes(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
     Result<std::vector<std::uint8_t>> select(Turn& turn, const DaqPlan& plan, FirstPids source);
 
@@ -56,6 +57,7 @@ class DaqSetup {
 
     // Whoever holds the line.
     std::vector<Packet> selection_;      ///< the commands that selected the lists
+    std::uint64_t withoutMultiple_ = 0;  ///< the connection whose slave does not know WRITE_DAQ_MULTIPLE
 };
 
 }  // namespace lm::xcp

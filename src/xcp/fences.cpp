@@ -66,6 +66,7 @@ bool Connection::needsWhatWasBefore(const Packet& command) {
         case Command::upload:
         case Command::download:
         case Command::writeDaq:
+        case Command::writeDaqMultiple:
         case Command::allocDaq:
         case Command::allocOdt:
         case Command::allocOdtEntry:

@@ -23,6 +23,7 @@ struct MasterOptions {
     std::int32_t connectAttempts = 3;   ///< below 1: without limit
     std::int32_t busyRepeatLimit = 20;
     bool useShortUpload = true;
+    bool offersWriteDaqMultiple = false;  ///< as the A2L tells: several ODT entries in one command
 };
 
 enum class ConnectMode : std::uint8_t { normal = 0, userDefined = 1 };
