@@ -57,6 +57,10 @@ double readNumber(const Block& block, std::size_t index, std::string_view label)
     return token.value;
 }
 
+std::pair<double, double> readPair(const Block& block, std::size_t index, std::string_view label) {
+    return {readNumber(block, index, label), readNumber(block, index + 1, label)};
+}
+
 std::uint64_t readUnsigned(const Block& block, std::size_t index, std::string_view label,
                            std::uint64_t maximum) {
     constexpr double kTwoTo64 = 18446744073709551616.0;

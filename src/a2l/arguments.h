@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "a2l/block.h"
 #include "core/bytes.h"
@@ -38,6 +39,9 @@ std::string withPlainQuotes(std::string_view text);
 
 /// "LABEL must be a number, got 'TEXT'".
 double readNumber(const Block& block, std::size_t index, std::string_view label);
+
+/// Two numbers.
+std::pair<double, double> readPair(const Block& block, std::size_t index, std::string_view label);
 
 /// An integral number from 0 to `maximum`, exact over all 64 bits. "LABEL must be a non-negative integer".
 std::uint64_t readUnsigned(const Block& block, std::size_t index, std::string_view label,

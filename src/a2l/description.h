@@ -126,6 +126,7 @@ struct AxisPoints {
     std::uint32_t maxAxisPoints = 0;
     double lowerLimit = 0;
     double upperLimit = 0;
+    std::optional<std::pair<double, double>> extendedLimits;
     BitField bits;  ///< none; the objects have it in common
     std::uint8_t addressExtension = 0;
     Deposit pointDeposit = Deposit::notGiven;

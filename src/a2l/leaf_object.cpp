@@ -20,6 +20,9 @@ void overwriteValues(auto& record, const Overwrite& overwrite) {
     if (!overwrite.format.empty()) record.format = overwrite.format;
     if (overwrite.physUnit) record.physUnit = overwrite.physUnit;
     if (overwrite.limits) std::tie(record.lowerLimit, record.upperLimit) = *overwrite.limits;
+    if constexpr (requires { record.extendedLimits; }) {
+        if (overwrite.extendedLimits) record.extendedLimits = overwrite.extendedLimits;
+    }
 }
 
 void overwriteAxis(auto& axis, const Overwrite& overwrite) {

@@ -46,6 +46,12 @@ Result<Object> findObject(const Description& description, std::string_view name)
     return buildObject(description, name);
 }
 
+void takeExtendedLimits(Object& object) {
+    object.first.takesExtended = true;
+    for (Axis& axis : object.axes)
+        axis.point.takesExtended = true;
+}
+
 Result<Object> findScalar(const Description& description, std::string_view name, bool explains) {
     if (const Measurement* measurement = description.findMeasurement(name)) {
         if (auto scalar = checkScalar(*measurement); !scalar) return scalar.error();

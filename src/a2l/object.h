@@ -92,6 +92,9 @@ struct Object {
 /// CHARACTERISTIC", "NAME: REASON".
 Result<Object> findObject(const Description& description, std::string_view name);
 
+/// From now on its values and points may go up to the extended limits.
+void takeExtendedLimits(Object& object);
+
 // The scalar view: one number to an object.
 
 /// An object of one element whose place the A2L tells. Errors as findObject(), and (notFound) "NAME: arrays

@@ -52,6 +52,7 @@ Result<Object> buildCommon(const Description& description, const auto& source, v
     element.emptyMask = source.bits.emptyMask && !value::isFloat(type);
     element.lowerLimit = source.lowerLimit;
     element.upperLimit = source.upperLimit;
+    if constexpr (requires { source.extendedLimits; }) element.extendedLimits = source.extendedLimits;
     auto conversion =
         buildConversionOf(description, source.name, source.conversion, source.format, source.physUnit);
     if (!conversion) return conversion.error();

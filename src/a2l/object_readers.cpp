@@ -93,7 +93,7 @@ constexpr std::array kAxisPointsKeywords = {
     Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::ecuAddressExtension},
     Keyword{"SYMBOL_LINK", 2, Word::other},
     Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
-    Keyword{"EXTENDED_LIMITS", 2, Word::other},
+    Keyword{"EXTENDED_LIMITS", 2, Word::extendedLimits},
     Keyword{"MODEL_LINK", 1, Word::other},
     Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
     Keyword{"STEP_SIZE", 1, Word::other},
@@ -323,8 +323,7 @@ Characteristic readCharacteristic(const Block& block, ModelStore& store, Placed 
     object.upperLimit = readNumber(block, next + 4, "upper limit");
     forEachOptional<Word>(block, next + 5, kCharacteristicKeywords, [&](Word word, std::size_t value) {
         if (word == Word::extendedLimits) {
-            object.extendedLimits = {readNumber(block, value, "EXTENDED_LIMITS"),
-                                     readNumber(block, value + 1, "EXTENDED_LIMITS")};
+            object.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
         } else if (word == Word::number) {
             readDimensions(object, block, value, "NUMBER", store);
         } else if (word == Word::encoding) {
@@ -358,7 +357,9 @@ AxisPoints readAxisPoints(const Block& block, ModelStore& store, Placed placed) 
     object.lowerLimit = readNumber(block, next + 5, "lower limit");
     object.upperLimit = readNumber(block, next + 6, "upper limit");
     forEachOptional<Word>(block, next + 7, kAxisPointsKeywords, [&](Word word, std::size_t value) {
-        if (word == Word::deposit) {
+        if (word == Word::extendedLimits) {
+            object.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
+        } else if (word == Word::deposit) {
             object.pointDeposit = readDeposit(block, value);
         } else if (word == Word::monotony) {
             object.monotony = readMonotony(block, value);

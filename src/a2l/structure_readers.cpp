@@ -107,10 +107,6 @@ StructureComponent readComponent(const Block& block, ModelStore& store) {
     return component;
 }
 
-std::pair<double, double> readPair(const Block& block, std::size_t value, std::string_view label) {
-    return {readNumber(block, value, label), readNumber(block, value + 1, label)};
-}
-
 Overwrite readOverwrite(const Block& block, ModelStore& store) {
     constexpr std::size_t kPositional = 2;
     Overwrite overwrite;

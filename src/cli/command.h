@@ -11,12 +11,10 @@
 #include "cli/results.h"
 #include "session/session.h"
 
-namespace CLI {
-class App;
-}
 namespace lm::cli {
 
 class Console;
+class OptionSet;
 struct Options;
 
 /// What is there when a command runs; each kind has all of those before it.
@@ -42,7 +40,7 @@ class ICommand {
     virtual ~ICommand() = default;
 
     /// The command's own options, kept in the command.
-    virtual void addOptions(CLI::App& /*app*/) {}
+    virtual void addOptions(OptionSet& /*options*/) {}
     /// Lays them over the configuration.
     virtual void overrule(session::SessionConfig& /*config*/) const {}
     /// What can be found out before anything is opened. Error: why the command cannot run.

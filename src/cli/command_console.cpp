@@ -13,7 +13,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "cli/line_keeper.h"
@@ -180,8 +179,8 @@ std::string consoleLine(const session::ConsoleLine& line) {
                        (sinceEpoch % std::chrono::seconds(1)).count(), marker, line.text);
 }
 
-void ConsoleCommand::addOptions(CLI::App& app) {
-    addDuration(app, durationSeconds_, "Seconds (0 = until Ctrl-C or end of input)");
+void ConsoleCommand::addOptions(OptionSet& options) {
+    addDuration(options, durationSeconds_, "Seconds (0 = until Ctrl-C or end of input)");
 }
 
 int ConsoleCommand::run(Workplace& place) {

@@ -20,7 +20,7 @@ std::string consoleLine(const session::ConsoleLine& line);
 /// opened (or could not be), or with a duration of 0 until the end of input. Closes the session.
 class ConsoleCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 
   private:

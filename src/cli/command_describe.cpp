@@ -6,7 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "a2l/object.h"
@@ -16,6 +15,7 @@
 #include "cli/object_facts.h"
 #include "cli/object_parts.h"
 #include "cli/offline_a2l.h"
+#include "cli/option_set.h"
 #include "core/text.h"
 
 namespace lm::cli {
@@ -344,9 +344,9 @@ std::string wholeOf(const a2l::Description& description, const a2l::ObjectName& 
 
 }  // namespace
 
-void DescribeCommand::addOptions(CLI::App& app) {
-    app.add_option("name", name_, "Name of an object, an INSTANCE, one of its parts, or a COMPU_METHOD")
-        ->required();
+void DescribeCommand::addOptions(OptionSet& options) {
+    options.add("name", name_, "Name of an object, an INSTANCE, one of its parts, or a COMPU_METHOD")
+        .required();
 }
 
 int DescribeCommand::run(Workplace& place) {

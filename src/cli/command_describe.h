@@ -11,7 +11,7 @@ namespace lm::cli {
 
 class DescribeCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 
   private:

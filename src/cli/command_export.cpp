@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "cli/options.h"
@@ -149,24 +148,23 @@ class ExportReport final : public IReport {
 
 }  // namespace
 
-void ExportCommand::addOptions(CLI::App& app) {
+void ExportCommand::addOptions(OptionSet& options) {
     exporter::ExportOptions& output = options_.output;
-    CLI::Option* directory =
-        app.add_option("directory", options_.directory, "Recording directory")->required();
-    app.add_option("-o,--output", output.output,
-                   "Output file, NAME.mf4 or NAME.csv; - is standard output, as CSV")
-        ->required();
-    app.add_option("--format", options_.format, "mf4 | csv (default: as the output's name ends)");
-    app.add_flag("--force", output.force, "Overwrite existing files");
-    addPatterns(app, output.signals, "NAME, or a pattern with * and ? (default: all)", *directory);
-    addTimes(app, output.from, output.to, "Seconds from the start, or ISO 8601; records before it");
-    app.add_option("--every", output.every, "Only every n-th record of each group")->default_str("1");
-    app.add_flag("--no-compress", options_.noCompress, "MF4: copy the records as they lie");
-    app.add_flag("--merge", output.merge, "CSV: all groups in one file, on one time axis");
-    app.add_flag("--raw", output.raw, "CSV: raw values");
-    app.add_flag("--absolute", output.absolute, "CSV: ISO 8601 times in UTC");
-    app.add_flag("--a2l-format", output.a2lFormat, "CSV: decimals as the A2L says");
-    app.add_flag("--gaps", output.gaps, "CSV: list outages and gaps in NAME_gaps.csv");
+    AddedOption directory = options.add("directory", options_.directory, "Recording directory").required();
+    options
+        .add("-o,--output", output.output, "Output file, NAME.mf4 or NAME.csv; - is standard output, as CSV")
+        .required();
+    options.add("--format", options_.format, "mf4 | csv (default: as the output's name ends)");
+    options.addFlag("--force", output.force, "Overwrite existing files");
+    addPatterns(options, output.signals, "NAME, or a pattern with * and ? (default: all)", directory);
+    addTimes(options, output.from, output.to, "Seconds from the start, or ISO 8601; records before it");
+    options.add("--every", output.every, "Only every n-th record of each group").showDefault("1");
+    options.addFlag("--no-compress", options_.noCompress, "MF4: copy the records as they lie");
+    options.addFlag("--merge", output.merge, "CSV: all groups in one file, on one time axis");
+    options.addFlag("--raw", output.raw, "CSV: raw values");
+    options.addFlag("--absolute", output.absolute, "CSV: ISO 8601 times in UTC");
+    options.addFlag("--a2l-format", output.a2lFormat, "CSV: decimals as the A2L says");
+    options.addFlag("--gaps", output.gaps, "CSV: list outages and gaps in NAME_gaps.csv");
 }
 
 int ExportCommand::run(Workplace& place) {

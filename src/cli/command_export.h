@@ -21,7 +21,7 @@ class ExportCommand final : public ICommand {
         bool noCompress = false;
     };
 
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 
   private:

@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-#include <CLI/App.hpp>
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
 #include "cli/offline_info.h"
+#include "cli/option_set.h"
 #include "cli/stop_signal.h"
 #include "core/printable_text.h"
 #include "core/text.h"
@@ -121,8 +121,8 @@ void writeEcu(JsonWriter& json, const session::Session& session) {
     json.endObject();
 }
 
-void InfoCommand::addOptions(CLI::App& app) {
-    app.add_flag("--offline", offline_, "What the A2L says: transports, protocol, DAQ (no connection)");
+void InfoCommand::addOptions(OptionSet& options) {
+    options.addFlag("--offline", offline_, "What the A2L says: transports, protocol, DAQ (no connection)");
 }
 
 int InfoCommand::run(Workplace& place) {

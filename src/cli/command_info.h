@@ -21,7 +21,7 @@ void writeEcu(JsonWriter& json, const session::Session& session);
 
 class InfoCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     Needs needs(Needs most) const override { return offline_ ? Needs::configuration : most; }
     session::SessionOptions sessionOptions() const override { return {.a2lOptional = true}; }
     int run(Workplace& place) override;

@@ -7,7 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include <CLI/CLI.hpp>
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
 
 #include "cli/command_table.h"
 #include "cli/output.h"
@@ -56,8 +58,9 @@ void addCommands(CLI::App& app, std::span<const CommandRow> rows, const std::str
         candidates.push_back(std::make_unique<Candidate>(Candidate{row, before + row.name, row.make()}));
         Candidate& candidate = *candidates.back();
         sub->callback([&candidate] { candidate.chosen = true; });
-        candidate.command->addOptions(*sub);
-        if (row.json != Form::text) sub->add_flag("--json", candidate.json, "Print JSON (docs/json.md)");
+        OptionSet options(*sub);
+        candidate.command->addOptions(options);
+        if (row.json != Form::text) options.addFlag("--json", candidate.json, "Print JSON (docs/json.md)");
     }
 }
 
@@ -76,7 +79,8 @@ struct Parser {
     Parser() {
         app.fallthrough();
         app.require_subcommand(0, 1);
-        addProgramOptions(app, options);
+        OptionSet set(app);
+        addProgramOptions(set, options);
         app.set_version_flag("--version", std::string("xcplumo-cli ") + XCPLUMO_VERSION);
         addCommands(app, commandTable(), "", candidates);
         app.footer(std::string("Examples:\n") + kExamples);  // after the subcommands, which would inherit it

@@ -10,7 +10,6 @@
 #include <variant>
 #include <vector>
 
-#include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "a2l/description.h"
@@ -408,16 +407,16 @@ class ListReport final : public IReport {
 
 }  // namespace
 
-void ListCommand::addOptions(CLI::App& app) {
-    app.add_option("pattern", options_.pattern, "Part of the name (case-insensitive)");
-    app.add_flag("-p,--parameters", options_.onlyParameters, "Only parameters");
-    app.add_flag("-m,--measurements", options_.onlyMeasurements, "Only measurements");
-    app.add_flag("--axes", options_.onlyAxes, "Only shared axes (AXIS_PTS)");
-    app.add_flag("--leaves", options_.leaves, "Also the parts of instances of structures");
-    addFolders(app, options_.groups, options_.functions);
-    app.add_flag("-l,--long", options_.details,
-                 "Also limits, events, dimensions, axes, byte order and description");
-    app.add_flag("-d,--descriptions", options_.inDescriptions, "Also search in descriptions");
+void ListCommand::addOptions(OptionSet& options) {
+    options.add("pattern", options_.pattern, "Part of the name (case-insensitive)");
+    options.addFlag("-p,--parameters", options_.onlyParameters, "Only parameters");
+    options.addFlag("-m,--measurements", options_.onlyMeasurements, "Only measurements");
+    options.addFlag("--axes", options_.onlyAxes, "Only shared axes (AXIS_PTS)");
+    options.addFlag("--leaves", options_.leaves, "Also the parts of instances of structures");
+    addFolders(options, options_.groups, options_.functions);
+    options.addFlag("-l,--long", options_.details,
+                    "Also limits, events, dimensions, axes, byte order and description");
+    options.addFlag("-d,--descriptions", options_.inDescriptions, "Also search in descriptions");
 }
 
 int ListCommand::run(Workplace& place) {

@@ -24,7 +24,7 @@ class ListCommand final : public ICommand {
         bool inDescriptions = false;
     };
 
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
     const Options& options() const { return options_; }
 

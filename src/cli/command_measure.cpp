@@ -9,9 +9,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include <CLI/App.hpp>
-#include <CLI/Option.hpp>
-#include <CLI/Validators.hpp>
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
@@ -286,26 +283,27 @@ std::string countsWithoutStop(const session::MeasurementStats& stats) {
     return text + recordedText(stats);
 }
 
-void MeasureCommand::addOptions(CLI::App& app) {
-    app.add_option("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
-    addFolders(app, options_.groups, options_.functions);
-    app.add_option("--signals-from", options_.signalsFrom, "File with more signals, one a line");
-    app.add_option("--event", options_.event,
-                   "Event of names without one: its number, its name, or auto (the A2L names it)")
-        ->check(notEmpty, "");
-    addDuration(app, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
-    app.add_option("-r,--record", options_.recordDirectory, "Recording directory")
-        ->each([this](const std::string& directory) { recordsNowhere_ = directory.empty(); });
-    app.add_option("-p,--print-every", options_.printEvery, "Print every n-th record per DAQ list (0 = none)")
-        ->default_str("100");
-    app.add_flag("--table", options_.table, "Show all signals in place, in a terminal");
-    addExact(app, options_.exact);
-    app.add_option("--fail-on", options_.failOn,
-                   "losses,outage,empty: exit code 3 when samples were lost, the connection was lost, or a "
-                   "DAQ list gave no record")
-        ->delimiter(',')
-        ->allow_extra_args(false)
-        ->check(CLI::IsMember({"losses", "outage", "empty"}));
+void MeasureCommand::addOptions(OptionSet& options) {
+    options.add("-s,--signal", options_.signals, "NAME or NAME@EVENT (default: configuration)");
+    addFolders(options, options_.groups, options_.functions);
+    options.add("--signals-from", options_.signalsFrom, "File with more signals, one a line");
+    options
+        .add("--event", options_.event,
+             "Event of names without one: its number, its name, or auto (the A2L names it)")
+        .check(notEmpty);
+    addDuration(options, options_.durationSeconds, "Seconds (0 = until Ctrl-C)");
+    options.add("-r,--record", options_.recordDirectory, "Recording directory")
+        .each([this](const std::string& directory) { recordsNowhere_ = directory.empty(); });
+    options.add("-p,--print-every", options_.printEvery, "Print every n-th record per DAQ list (0 = none)")
+        .showDefault("100");
+    options.addFlag("--table", options_.table, "Show all signals in place, in a terminal");
+    addExact(options, options_.exact);
+    options
+        .add("--fail-on", options_.failOn,
+             "losses,outage,empty: exit code 3 when samples were lost, the connection was lost, or a "
+             "DAQ list gave no record")
+        .oneEach(',')
+        .oneOf({"losses", "outage", "empty"});
 }
 
 Result<void> MeasureCommand::prepare(Form form) {

@@ -61,7 +61,7 @@ class MeasureCommand final : public ICommand {
         std::vector<std::string> failOn;  ///< of "losses", "outage", "empty"
     };
 
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
     session::SessionOptions sessionOptions() const override {

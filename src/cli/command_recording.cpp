@@ -4,8 +4,6 @@
 #include <string>
 #include <unistd.h>
 
-#include <CLI/App.hpp>
-#include <CLI/Option.hpp>
 #include <spdlog/fmt/fmt.h>
 
 #include "cli/options.h"
@@ -27,8 +25,8 @@ int fail(Results& results, const Error& error, const std::string& directory) {
     return 1;
 }
 
-CLI::Option* addDirectory(CLI::App& app, std::string& directory) {
-    return app.add_option("directory", directory, "Recording directory")->required();
+AddedOption addDirectory(OptionSet& options, std::string& directory) {
+    return options.add("directory", directory, "Recording directory").required();
 }
 
 /// As a shell takes it.
@@ -100,9 +98,9 @@ Result<value::NumberStyle> numberStyle(bool exact, const Options& options) {
 
 }  // namespace
 
-void RecordingInfoCommand::addOptions(CLI::App& app) {
-    addDirectory(app, directory_);
-    addExact(app, exact_);
+void RecordingInfoCommand::addOptions(OptionSet& options) {
+    addDirectory(options, directory_);
+    addExact(options, exact_);
 }
 
 int RecordingInfoCommand::run(Workplace& place) {
@@ -122,8 +120,8 @@ int RecordingInfoCommand::run(Workplace& place) {
     return exitCode;
 }
 
-void RecordingCheckCommand::addOptions(CLI::App& app) {
-    addDirectory(app, directory_);
+void RecordingCheckCommand::addOptions(OptionSet& options) {
+    addDirectory(options, directory_);
 }
 
 int RecordingCheckCommand::run(Workplace& place) {
@@ -133,8 +131,8 @@ int RecordingCheckCommand::run(Workplace& place) {
     return check.value().findings.empty() ? 0 : 1;
 }
 
-void RecordingRepairCommand::addOptions(CLI::App& app) {
-    addDirectory(app, directory_);
+void RecordingRepairCommand::addOptions(OptionSet& options) {
+    addDirectory(options, directory_);
 }
 
 int RecordingRepairCommand::run(Workplace& place) {
@@ -158,10 +156,10 @@ int RecordingRepairCommand::run(Workplace& place) {
     return left.value().empty() ? 0 : 1;
 }
 
-void RecordingShowCommand::addOptions(CLI::App& app) {
-    CLI::Option* directory = addDirectory(app, directory_);
-    addPatterns(app, options_.signals, "NAME, or a pattern with * and ?", *directory)->required();
-    addTimes(app, options_.from, options_.to, "Seconds from the start, or ISO 8601");
+void RecordingShowCommand::addOptions(OptionSet& options) {
+    AddedOption directory = addDirectory(options, directory_);
+    addPatterns(options, options_.signals, "NAME, or a pattern with * and ?", directory).required();
+    addTimes(options, options_.from, options_.to, "Seconds from the start, or ISO 8601");
 }
 
 int RecordingShowCommand::run(Workplace& place) {

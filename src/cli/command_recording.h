@@ -13,7 +13,7 @@ namespace lm::cli {
 
 class RecordingInfoCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 
   private:
@@ -24,7 +24,7 @@ class RecordingInfoCommand final : public ICommand {
 /// The exit code tells damage, too.
 class RecordingCheckCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 
   private:
@@ -34,7 +34,7 @@ class RecordingCheckCommand final : public ICommand {
 /// The exit code tells damage that could not be mended, too.
 class RecordingRepairCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 
   private:
@@ -43,7 +43,7 @@ class RecordingRepairCommand final : public ICommand {
 
 class RecordingShowCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
     const std::string& directory() const { return directory_; }
     const PlotOptions& options() const { return options_; }

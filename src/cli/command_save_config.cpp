@@ -3,15 +3,16 @@
 #include <filesystem>
 #include <system_error>
 
-#include <CLI/App.hpp>
 #include <spdlog/spdlog.h>
+
+#include "cli/option_set.h"
 
 namespace lm::cli {
 
 namespace fs = std::filesystem;
 
-void SaveConfigCommand::addOptions(CLI::App& app) {
-    app.add_option("file", file_, "Output file")->required();
+void SaveConfigCommand::addOptions(OptionSet& options) {
+    options.add("file", file_, "Output file").required();
 }
 
 /// The relative path of the A2L would lead to another file, or to none, from where the configuration goes.

@@ -12,7 +12,7 @@ namespace lm::cli {
 
 class SaveConfigCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 
   private:

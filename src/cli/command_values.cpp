@@ -5,7 +5,6 @@
 #include <span>
 #include <unistd.h>
 
-#include <CLI/App.hpp>
 #include <fmt/format.h>
 
 #include "cli/message_output.h"
@@ -201,7 +200,7 @@ bool assignObject(const session::WriteWish& wish, Workplace& place) {
 }
 
 struct AssignOptions {
-    bool measurements = false;
+    session::WriteRights rights;
     bool dependents = true;
 };
 
@@ -216,8 +215,8 @@ bool assign(const std::string& assignment, AssignOptions options, Workplace& pla
     const auto& [name, text] = *parts;
     const session::NamedObjects& objects = place.session->objects();
     if (!objects.isScalar(name) || (options.dependents && objects.hasDependents(name)))
-        return assignObject({name, text, options.measurements, options.dependents}, place);
-    const auto outcome = place.session->write(name, text, options.measurements);
+        return assignObject({name, text, options.rights, options.dependents}, place);
+    const auto outcome = place.session->write(name, text, options.rights);
     place.results.show(WriteReport(name, text, outcome, numberStyle(place.session->config())));
     if (!outcome.value) place.results.hint(outcome.value.error());
     return outcome.value.ok();
@@ -241,14 +240,14 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
     return std::pair(text.substr(0, equals), text.substr(equals + 1));
 }
 
-void GetCommand::addOptions(CLI::App& app) {
-    app.add_option(
-           "names", names_,
-           "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
-           "axis; * and ? match")
-        ->required();
-    app.add_flag("--plot", plot_, "Draw curves as lines and colour maps");
-    addExact(app, exact_);
+void GetCommand::addOptions(OptionSet& options) {
+    options
+        .add("names", names_,
+             "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
+             "axis; * and ? match")
+        .required();
+    options.addFlag("--plot", plot_, "Draw curves as lines and colour maps");
+    addExact(options, exact_);
 }
 
 void GetCommand::overrule(session::SessionConfig& config) const {
@@ -259,15 +258,18 @@ int GetCommand::run(Workplace& place) {
     return listValues(place, [&] { return getAll(names_, plot_, place); });
 }
 
-void SetCommand::addOptions(CLI::App& app) {
-    app.add_option("assignments", assignments_,
-                   "NAME=VALUE, NAME[1][2]=VALUE, NAME='[[1,2],[3,4]]', NAME[*]=VALUE, NAME=@FILE.csv")
-        ->required();
-    app.add_flag("-m,--measurements", allowMeasurements_,
-                 "Also overwrite measurements (without READ_WRITE in the A2L)");
-    app.add_flag("--no-dependents", noDependents_,
-                 "Leave the parameters that are computed from what is written");
-    addExact(app, exact_);
+void SetCommand::addOptions(OptionSet& options) {
+    options
+        .add("assignments", assignments_,
+             "NAME=VALUE, NAME[1][2]=VALUE, NAME='[[1,2],[3,4]]', NAME[*]=VALUE, NAME=@FILE.csv")
+        .required();
+    options.addFlag("-m,--measurements", allowMeasurements_,
+                    "Also overwrite measurements (without READ_WRITE in the A2L)");
+    options.addFlag("--extended-limits", extendedLimits_,
+                    "Up to the EXTENDED_LIMITS of the A2L, beyond the limits");
+    options.addFlag("--no-dependents", noDependents_,
+                    "Leave the parameters that are computed from what is written");
+    addExact(options, exact_);
 }
 
 void SetCommand::overrule(session::SessionConfig& config) const {
@@ -278,7 +280,8 @@ int SetCommand::run(Workplace& place) {
     return listValues(place, [&] {
         int exitCode = 0;
         for (const std::string& assignment : assignments_) {
-            if (!assign(assignment, {allowMeasurements_, !noDependents_}, place)) exitCode = 1;
+            if (!assign(assignment, {{allowMeasurements_, extendedLimits_}, !noDependents_}, place))
+                exitCode = 1;
         }
         return exitCode;
     });

@@ -20,7 +20,7 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
 /// and a failed output do.
 class GetCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     int run(Workplace& place) override;
     const std::vector<std::string>& names() const { return names_; }
@@ -35,13 +35,14 @@ class GetCommand final : public ICommand {
 /// written.
 class SetCommand final : public ICommand {
   public:
-    void addOptions(CLI::App& app) override;
+    void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     int run(Workplace& place) override;
 
   private:
     std::vector<std::string> assignments_;
     bool allowMeasurements_ = false;
+    bool extendedLimits_ = false;
     bool noDependents_ = false;
     bool exact_ = false;
 };

@@ -7,19 +7,13 @@
 #include <system_error>
 #include <utility>
 
-#include <CLI/CLI.hpp>
-
 #include "core/text.h"
 
 namespace lm::cli {
 namespace {
 
-/// What is wrong with it, empty for nothing.
-std::string checkDuration(const std::string& text) {
-    double seconds = 0;
-    if (!CLI::detail::lexical_cast(text, seconds)) return "";  // the conversion tells it
-    if (std::isfinite(seconds) && seconds >= 0) return "";
-    return "'" + text + "' is not a number of seconds from 0";
+bool isDuration(double seconds) {
+    return std::isfinite(seconds) && seconds >= 0;
 }
 
 Result<void> overrideId(const std::optional<std::string>& text, std::optional<std::uint32_t>& target) {
@@ -51,66 +45,69 @@ Result<void> overrideSerial(const std::string& text, session::SessionConfig& con
 
 }  // namespace
 
-void addProgramOptions(CLI::App& app, Options& options) {
-    app.add_option("-c,--config", options.configFile, "Session configuration (JSON)");
-    app.add_option("--a2l", options.a2l, "A2L file (overrides the configuration)");
-    app.add_option("-i,--interface", options.interface, "CAN interface, e.g. can1");
-    app.add_option("--udp", options.udp, "XCP on UDP/IP: HOST[:PORT] (instead of a CAN interface)");
-    app.add_option("--serial", options.serial,
-                   "XCP over a serial line: PORT[:BAUD] (instead of a CAN interface)");
-    app.add_option("--reset-delay", options.resetDelayMs,
-                   "Serial: wait after opening the port in ms (default 2000, Arduino reset)");
-    app.add_option("--cmd-id", options.cmdId, "CAN-ID master->ECU (A2L notation)");
-    app.add_option("--res-id", options.resId, "CAN-ID ECU->master (A2L notation)");
-    app.add_option("-b,--bitrate", options.bitrate, "CAN bitrate in bit/s (set by the tool)");
-    app.add_flag("--no-short-upload", options.noShortUpload, "Do not use SHORT_UPLOAD (QTR, REQ-XCP-017)");
-    app.add_option("--reconnect", options.reconnect, "abort | retry | retry_forever");
-    app.add_flag("-v,--verbose", options.verbose, "Log details");
+void addProgramOptions(OptionSet& set, Options& options) {
+    set.add("-c,--config", options.configFile, "Session configuration (JSON)");
+    set.add("--a2l", options.a2l, "A2L file (overrides the configuration)");
+    set.add("-i,--interface", options.interface, "CAN interface, e.g. can1");
+    set.add("--udp", options.udp, "XCP on UDP/IP: HOST[:PORT] (instead of a CAN interface)");
+    set.add("--serial", options.serial, "XCP over a serial line: PORT[:BAUD] (instead of a CAN interface)");
+    set.add("--reset-delay", options.resetDelayMs,
+            "Serial: wait after opening the port in ms (default 2000, Arduino reset)");
+    set.add("--cmd-id", options.cmdId, "CAN-ID master->ECU (A2L notation)");
+    set.add("--res-id", options.resId, "CAN-ID ECU->master (A2L notation)");
+    set.add("-b,--bitrate", options.bitrate, "CAN bitrate in bit/s (set by the tool)");
+    set.addFlag("--no-short-upload", options.noShortUpload, "Do not use SHORT_UPLOAD (QTR, REQ-XCP-017)");
+    set.add("--connect-timeout", options.connectTimeout,
+            "Send CONNECT again and again until so many seconds have passed")
+        .checkNumber(isDuration, "a number of seconds from 0");
+    set.add("--reconnect", options.reconnect, "abort | retry | retry_forever");
+    set.addFlag("-v,--verbose", options.verbose, "Log details");
 }
 
-void addExact(CLI::App& command, bool& exact) {
-    command.add_flag("--exact", exact, "Numbers with all their digits, whatever the display format");
+void addExact(OptionSet& command, bool& exact) {
+    command.addFlag("--exact", exact, "Numbers with all their digits, whatever the display format");
 }
 
 value::NumberStyle numberStyle(const session::SessionConfig& config) {
     return config.display.exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
 }
 
-void addDuration(CLI::App& command, double& seconds, const char* help) {
-    command.add_option("-t,--duration", seconds, help)->check(checkDuration, "")->capture_default_str();
+void addDuration(OptionSet& command, double& seconds, const char* help) {
+    command.add("-t,--duration", seconds, help)
+        .checkNumber(isDuration, "a number of seconds from 0")
+        .showDefault();
 }
 
-void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional<std::string>& to,
+void addTimes(OptionSet& command, std::optional<std::string>& from, std::optional<std::string>& to,
               const char* helpTo) {
-    command.add_option("--from", from, "Seconds from the start, or ISO 8601");
-    command.add_option("--to", to, helpTo);
+    command.add("--from", from, "Seconds from the start, or ISO 8601");
+    command.add("--to", to, helpTo);
 }
 
-void addFolders(CLI::App& command, std::vector<std::string>& groups, std::vector<std::string>& functions) {
-    command.add_option("--group", groups, "Patterns take only what lies in this GROUP of the A2L or below")
-        ->allow_extra_args(false);
-    command.add_option("--function", functions, "Likewise a FUNCTION")->allow_extra_args(false);
+void addFolders(OptionSet& command, std::vector<std::string>& groups, std::vector<std::string>& functions) {
+    command.add("--group", groups, "Patterns take only what lies in this GROUP of the A2L or below")
+        .oneEach();
+    command.add("--function", functions, "Likewise a FUNCTION").oneEach();
 }
 
-CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help,
-                         CLI::Option& directory) {
-    const auto take = [&signals, &directory](std::vector<std::string> words) {
+AddedOption addPatterns(OptionSet& command, std::vector<std::string>& signals, const char* help,
+                        AddedOption directory) {
+    const auto take = [&signals, directory](std::vector<std::string> words) {
         // The parser leaves the last word of all to the directory, but takes one before other options.
-        if (directory.count() == 0) {
+        if (!directory.given()) {
             const auto isDirectory = [](const std::string& word) {
                 std::error_code unknown;
                 return std::filesystem::is_directory(word, unknown);
             };
             const auto found = std::find_if(words.begin() + 1, words.end(), isDirectory);
             if (found != words.end()) {
-                directory.add_result(*found);
-                directory.run_callback();
+                directory.give(*found);
                 words.erase(found);
             }
         }
         signals = std::move(words);
     };
-    return command.add_option_function<std::vector<std::string>>("-s,--signal", take, help);
+    return command.addWords("-s,--signal", take, help);
 }
 
 Result<UdpTarget> splitUdpTarget(std::string_view text) {
@@ -157,6 +154,11 @@ Result<void> applyOverrides(const Options& options, session::SessionConfig& conf
     if (auto done = overrideId(options.cmdId, config.can.cmdId); !done) return done;
     if (auto done = overrideId(options.resId, config.can.resId); !done) return done;
     if (options.bitrate != 0) config.can.bitrate = options.bitrate;
+    if (options.connectTimeout) {
+        constexpr double kMost = UINT32_MAX / 1000.0;  // as of the configuration
+        config.xcp.connectTimeout =
+            std::chrono::milliseconds(std::llround(std::min(*options.connectTimeout, kMost) * 1000));
+    }
     if (options.noShortUpload) config.xcp.useShortUpload = false;
     if (options.reconnect) {
         auto policy = session::parseReconnectPolicy(*options.reconnect);

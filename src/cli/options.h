@@ -9,14 +9,10 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/option_set.h"
 #include "core/result.h"
 #include "session/session_config.h"
 #include "value/value_text.h"
-
-namespace CLI {
-class App;
-class Option;
-}  // namespace CLI
 
 namespace lm::cli {
 
@@ -32,26 +28,27 @@ struct Options {
     std::optional<std::string> resId;
     std::uint32_t bitrate = 0;  ///< 0: not given
     bool noShortUpload = false;
+    std::optional<double> connectTimeout;  ///< seconds
     std::optional<std::string> reconnect;
     bool verbose = false;
 };
 
-void addProgramOptions(CLI::App& app, Options& options);
+void addProgramOptions(OptionSet& set, Options& options);
 
 // Options that several commands have.
-void addExact(CLI::App& command, bool& exact);
+void addExact(OptionSet& command, bool& exact);
 value::NumberStyle numberStyle(const session::SessionConfig& config);
 /// -t; refuses what is no number of seconds from 0.
-void addDuration(CLI::App& command, double& seconds, const char* help);
+void addDuration(OptionSet& command, double& seconds, const char* help);
 /// --from, --to.
-void addTimes(CLI::App& command, std::optional<std::string>& from, std::optional<std::string>& to,
+void addTimes(OptionSet& command, std::optional<std::string>& from, std::optional<std::string>& to,
               const char* helpTo);
 /// --group, --function.
-void addFolders(CLI::App& command, std::vector<std::string>& groups, std::vector<std::string>& functions);
+void addFolders(OptionSet& command, std::vector<std::string>& groups, std::vector<std::string>& functions);
 /// -s, which takes all words behind it and may stand before the directory all the same: that option has been
 /// added before.
-CLI::Option* addPatterns(CLI::App& command, std::vector<std::string>& signals, const char* help,
-                         CLI::Option& directory);
+AddedOption addPatterns(OptionSet& command, std::vector<std::string>& signals, const char* help,
+                        AddedOption directory);
 
 /// HOST, HOST:PORT, [ADDRESS] or [ADDRESS]:PORT; an address with several colons and no brackets is the host
 /// as a whole. Error: parseUnsigned's for the port.

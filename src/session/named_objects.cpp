@@ -9,11 +9,11 @@
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
+#include <spdlog/spdlog.h>
 
 #include "a2l/conversion_builder.h"
 #include "a2l/structure.h"
 #include "session/dependents.h"
-#include "session/write_rights.h"
 
 namespace lm::session {
 namespace {
@@ -135,6 +135,18 @@ HeldSpan::State stateOf(const value::Element& element, const HeldSpan& held, con
     };
     if (is(wanted)) return HeldSpan::State::after;
     return is(before.image) ? HeldSpan::State::before : HeldSpan::State::other;
+}
+
+/// One line, whatever their number.
+void warnOfAllBeyond(const std::vector<TypedChange>& changes) {
+    const auto isBeyond = [](const TypedChange& change) {
+        return value::isBeyondLimits(change.element, change.change.physical);
+    };
+    const auto first = std::find_if(changes.begin(), changes.end(), isBeyond);
+    if (first == changes.end()) return;
+    warnBeyondLimits(first->element, first->change.physical);
+    const auto others = std::count_if(first + 1, changes.end(), isBeyond);
+    if (others > 0) spdlog::warn("{}: and so are {} more of its values", first->element.name, others);
 }
 
 /// Whether some share bytes.
@@ -283,8 +295,8 @@ Result<a2l::Object> NamedObjects::writableObject(const WriteWish& wish, const Ob
     }
     auto object = a2l::findObject(description_, name.object);
     if (!object) return object;
-    if (auto allowed = checkWritable(object.value(), wish.allowMeasurements); !allowed)
-        return allowed.error();
+    if (auto allowed = checkWritable(object.value(), wish.rights); !allowed) return allowed.error();
+    if (wish.rights.extendedLimits) a2l::takeExtendedLimits(object.value());
     return object;
 }
 
@@ -299,7 +311,9 @@ Result<a2l::MemoryImage> NamedObjects::wantedImage(const ObjectName& name, std::
     plain.reserve(typed.size());
     for (const TypedChange& change : typed)
         plain.push_back(change.change);
-    return a2l::changed(before, plain);
+    auto image = a2l::changed(before, plain);
+    if (image) warnOfAllBeyond(typed);
+    return image;
 }
 
 ObjectWriting NamedObjects::write(const WriteWish& wish, const Announce& announce) {
@@ -383,6 +397,7 @@ Result<std::vector<NamedObjects::Step>> NamedObjects::planDependents(
         auto object = a2l::findObject(description_, dependency->name);
         if (!object) return object.error();
         if (auto allowed = checkMask(object.value()); !allowed) return allowed.error();
+        if (changed.before.placed.object().first.takesExtended) a2l::takeExtendedLimits(object.value());
         auto before = access_.read(object.value());
         if (!before) return before.error();
         const std::size_t count = before.value().placed.elementCount();

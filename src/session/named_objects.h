@@ -20,6 +20,7 @@
 #include "core/stop_token.h"
 #include "session/object_access.h"
 #include "session/typed_change.h"
+#include "session/write_rights.h"
 #include "xcp/master.h"
 
 namespace lm::session {
@@ -40,7 +41,7 @@ struct ObjectReading {
 struct WriteWish {
     std::string_view name;
     std::string_view text;
-    bool allowMeasurements = false;
+    WriteRights rights = {};
     bool withDependents = true;
 };
 

@@ -7,9 +7,9 @@
 #include <spdlog/spdlog.h>
 
 #include "a2l/object.h"
+#include "session/connect_patience.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
-#include "session/write_rights.h"
 #include "value/typed_text.h"
 
 namespace lm::session {
@@ -35,6 +35,17 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
             std::find(offered.begin(), offered.end(), "WRITE_DAQ_MULTIPLE") != offered.end();
     }
     return options;
+}
+
+/// An A2L that names optional commands names all there are.
+bool modifiesBits(const SessionConfig::Xcp& config, const a2l::XcpInterface& interface) {
+    if (!config.modifyBits) return false;
+    const std::vector<std::string> none;
+    const auto& offered = interface.protocolLayer ? interface.protocolLayer->optionalCommands : none;
+    const bool isOffered =
+        offered.empty() || std::find(offered.begin(), offered.end(), "MODIFY_BITS") != offered.end();
+    if (!isOffered) spdlog::info("xcp.modifyBits: the A2L does not name MODIFY_BITS among the commands");
+    return isOffered;
 }
 
 bool namesTransport(const SessionConfig& config) {
@@ -87,7 +98,7 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
       medium_(std::move(medium)),
       master_(std::make_unique<xcp::Master>(medium_->transport(),
                                             masterOptions(config_.xcp, description_.xcp), stop_.token())),
-      values_(*master_, stop_.token()),
+      values_(*master_, stop_.token(), modifiesBits(config_.xcp, description_.xcp)),
       objects_(description_, *master_, stop_.token()) {
     master_->setListener(this);
     medium_->setTextSink(&console_);
@@ -101,9 +112,8 @@ Session::~Session() {
 }
 
 Result<void> Session::open() {
-    if (auto reopened = medium_->reopenIfLost(); !reopened.ok()) return reopened;
-    medium_->reportTrouble();
-    if (auto connected = master_->connect(); !connected.ok()) {
+    const auto connected = connectPatiently(*medium_, *master_, config_.xcp.connectTimeout, stopToken());
+    if (!connected.ok()) {
         Error error = connected.error();
         if (error.code == ErrorCode::timeout) error.hint = medium_->texts().silence;
         return error;
@@ -179,17 +189,18 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
     return std::move(outcome.values);
 }
 
-WriteOutcome Session::write(std::string_view name, std::string_view text, bool allowMeasurements) {
-    const auto object = findScalar(name);
+WriteOutcome Session::write(std::string_view name, std::string_view text, WriteRights rights) {
+    auto object = findScalar(name);
     if (!object.ok()) return {object.error()};
-    if (auto allowed = checkWritable(object.value(), allowMeasurements); !allowed.ok())
-        return {allowed.error()};
+    if (auto allowed = checkWritable(object.value(), rights); !allowed.ok()) return {allowed.error()};
+    if (rights.extendedLimits) a2l::takeExtendedLimits(object.value());
     const value::Element element = object.value().element();
     const auto typed = value::parseText(element, text);
     logAssumptions(object.value());
     if (typed.ok()) {
         auto outcome = values_.write(element, typed.value());
         if (!outcome.value.ok()) outcome.value = afterConnect(outcome.value.error());
+        if (outcome.value.ok()) warnBeyondLimits(element, typed.value());
         return outcome;
     }
     // That an ECU cannot be read counts more than a slip of the pen.

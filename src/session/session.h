@@ -27,6 +27,7 @@
 #include "session/session_config.h"
 #include "session/session_state.h"
 #include "session/value_access.h"
+#include "session/write_rights.h"
 #include "storage/write/recorder.h"
 #include "xcp/master.h"
 
@@ -83,7 +84,7 @@ class Session final : private xcp::IMasterListener {
     /// ValueAccess::write() of a number or verbal text. Further errors: those of a2l::findScalar and
     /// value::parseText, "NAME is not writable", "NAME is a measurement without READ_WRITE", "NAME: BIT_MASK
     /// 0x0 leaves no bit that may be written".
-    WriteOutcome write(std::string_view name, std::string_view text, bool allowMeasurements);
+    WriteOutcome write(std::string_view name, std::string_view text, WriteRights rights);
 
     /// Which names are scalars, and which have dependents; readObject() and writeObject() serve all others.
     const NamedObjects& objects() const { return objects_; }

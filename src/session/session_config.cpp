@@ -91,7 +91,7 @@ class Section {
         target = number;
     }
 
-    void readMilliseconds(const char* key, std::uint64_t minimum, std::chrono::milliseconds& target) {
+    void readMilliseconds(const char* key, std::uint64_t minimum, auto& target) {
         const json* value = find(key);
         if (value == nullptr) return;
         // 49 days: no duration of a session comes near, and sums of time points stay far from overflow.
@@ -271,6 +271,8 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
         section.readTimeouts("timeoutsMs", config.xcp.timeoutsMs);
         section.read("useShortUpload", config.xcp.useShortUpload);
         section.read("connectAttempts", config.xcp.connectAttempts);
+        section.read("modifyBits", config.xcp.modifyBits);
+        section.readMilliseconds("connectTimeoutMs", 0, config.xcp.connectTimeout);
     });
     document.section("daq", [&](Section& section) {
         section.read("useTimestamps", config.daq.useTimestamps);
@@ -346,6 +348,8 @@ ordered_json documentOf(const SessionConfig& config) {
     if (config.xcp.timeoutsMs) xcp["timeoutsMs"] = *config.xcp.timeoutsMs;
     xcp["useShortUpload"] = config.xcp.useShortUpload;
     xcp["connectAttempts"] = config.xcp.connectAttempts;
+    if (config.xcp.modifyBits) xcp["modifyBits"] = true;
+    if (config.xcp.connectTimeout) xcp["connectTimeoutMs"] = config.xcp.connectTimeout->count();
     auto& daq = document["daq"];
     daq["useTimestamps"] = config.daq.useTimestamps;
     daq["maxBusLoad"] = config.daq.maxBusLoad;

@@ -75,6 +75,8 @@ struct SessionConfig {
         std::optional<std::array<std::uint16_t, 7>> timeoutsMs;  ///< T1 to T7
         bool useShortUpload = true;
         std::uint32_t connectAttempts = 3;
+        bool modifyBits = false;  ///< masked writes by MODIFY_BITS, where the ECU offers it
+        std::optional<std::chrono::milliseconds> connectTimeout;  ///< instead of a number of attempts
 
         bool operator==(const Xcp&) const = default;
     };

@@ -4,7 +4,22 @@
 #include <string>
 #include <utility>
 
+#include <spdlog/spdlog.h>
+
+#include "session/masked_write.h"
+
 namespace lm::session {
+namespace {
+
+bool sameBits(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b,
+              const std::vector<std::uint8_t>& mask) {
+    for (std::size_t i = 0; i < mask.size(); ++i) {
+        if (((a[i] ^ b[i]) & mask[i]) != 0) return false;
+    }
+    return true;
+}
+
+}  // namespace
 
 ReadOutcome ValueAccess::read(std::size_t count, const ElementSource& source) {
     constexpr auto kLongest = std::chrono::milliseconds(50);
@@ -52,13 +67,39 @@ WriteOutcome ValueAccess::write(const value::Element& element, const value::Valu
     return {std::move(stored), {}, physical, std::move(bytes)};
 }
 
+/// Not done when the slave has no MODIFY_BITS.
+Result<bool> ValueAccess::storeBits(const value::Element& element, const std::vector<std::uint8_t>& bytes) {
+    for (const MaskedWord& word : maskedWords(element, bytes, master_.connectInfo().byteOrder())) {
+        const auto stored = master_.modifyBits(word.address, word.mask, word.bits);
+        if (stored) continue;
+        if (stored.error().detail != xcp::kErrCmdUnknown) return stored.error();
+        spdlog::warn("{}: the ECU has no MODIFY_BITS, the bits beside it are written as they were read",
+                     element.name);
+        modifiesBits_ = false;
+        return false;
+    }
+    return true;
+}
+
+Result<void> ValueAccess::store(const value::Element& element, const std::vector<std::uint8_t>& bytes) {
+    if (modifiesBits_ && isMasked(element)) {
+        const auto stored = storeBits(element, bytes);
+        if (!stored) return stored.error();
+        if (stored.value()) return {};
+    }
+    return master_.download(element.address, bytes);
+}
+
 /// Writes, compares what the ECU then holds, and reads the value once more.
 Result<Reading> ValueAccess::download(const value::Element& element, const std::vector<std::uint8_t>& bytes) {
-    if (auto downloaded = master_.download(element.address, bytes); !downloaded) return downloaded.error();
+    if (auto stored = store(element, bytes); !stored) return stored.error();
+    const bool ownBits = modifiesBits_ && isMasked(element);
     return xcp::inStep(master_, [&]() -> Result<Reading> {
         const auto readBack = master_.upload(element.address, element.size());
         if (!readBack) return readBack.error();
-        if (readBack.value() != bytes) {
+        const bool holds =
+            ownBits ? sameBits(readBack.value(), bytes, maskBytes(element)) : readBack.value() == bytes;
+        if (!holds) {
             return Error{ErrorCode::protocolError,
                          element.name + ": read back value differs from the written value"};
         }

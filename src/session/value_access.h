@@ -44,8 +44,10 @@ struct WriteOutcome {
 
 class ValueAccess {
   public:
-    /// `stop` is that of the master's waits.
-    ValueAccess(xcp::Master& master, StopToken stop) : master_(master), stop_(std::move(stop)) {}
+    /// `stop` is that of the master's waits. With `modifiesBits` elements with a bit mask are written by
+    /// MODIFY_BITS, as long as the slave has it.
+    ValueAccess(xcp::Master& master, StopToken stop, bool modifiesBits = false)
+        : master_(master), stop_(std::move(stop)), modifiesBits_(modifiesBits) {}
 
     /// Which element is read as the N-th one, or why none is.
     using ElementSource = std::function<Result<value::Element>(std::size_t index)>;
@@ -66,10 +68,13 @@ class ValueAccess {
 
   private:
     Result<Reading> readUnconfirmed(value::Element element);
+    Result<void> store(const value::Element& element, const std::vector<std::uint8_t>& bytes);
+    Result<bool> storeBits(const value::Element& element, const std::vector<std::uint8_t>& bytes);
     Result<Reading> download(const value::Element& element, const std::vector<std::uint8_t>& bytes);
 
     xcp::Master& master_;
     const StopToken stop_;
+    bool modifiesBits_;
 };
 
 }  // namespace lm::session

@@ -15,20 +15,37 @@ Error fault(const Element& element, const std::string& what) {
     return {ErrorCode::invalidArgument, element.name + ": " + what};
 }
 
-Result<void> checkLimits(const Element& element, double physical) {
-    if (std::isinf(physical)) return fault(element, "value is not finite");
-    const double lower = element.lowerLimit;
-    const double upper = element.upperLimit;
+bool isWithin(double physical, double lower, double upper) {
     double tolerance = 1;
     for (const double limit : {lower, upper})
         if (std::isfinite(limit)) tolerance = std::max(tolerance, std::fabs(limit));
     tolerance *= 1e-9;
     const bool aboveLower = std::isfinite(lower) ? physical >= lower - tolerance : !std::isnan(physical);
     const bool belowUpper = std::isfinite(upper) ? physical <= upper + tolerance : !std::isnan(physical);
-    if (aboveLower && belowUpper) return {};
+    return aboveLower && belowUpper;
+}
+
+bool isWithinExtended(const Element& element, double physical) {
+    const auto& wider = element.extendedLimits;
+    return wider && isWithin(physical, wider->first, wider->second);
+}
+
+Result<void> checkLimits(const Element& element, double physical) {
+    if (std::isinf(physical)) return fault(element, "value is not finite");
+    if (isWithin(physical, element.lowerLimit, element.upperLimit)) return {};
+    const bool may = isWithinExtended(element, physical);
+    if (may && element.takesExtended) return {};
+    const bool wide = element.takesExtended && element.extendedLimits;
+    const auto [lower, upper] =
+        wide ? *element.extendedLimits : std::pair(element.lowerLimit, element.upperLimit);
     Error error = fault(element, formatGeneral(physical) + " outside the limits [" + formatGeneral(lower) +
                                      ", " + formatGeneral(upper) + "]");
     if (error.message.size() > kLongestLimitMessage) error.message.resize(kLongestLimitMessage);
+    if (may) {
+        error.hint = element.name + ": the extended limits are [" +
+                     formatGeneral(element.extendedLimits->first) + ", " +
+                     formatGeneral(element.extendedLimits->second) + "], `set --extended-limits` goes so far";
+    }
     return error;
 }
 
@@ -60,6 +77,13 @@ Value wholeRaw(const Element& element, const std::uint8_t* bytes) {
 Value physicalValue(const Element& element, const Value& raw) {
     if (const auto text = element.conversion->verbalText(toDouble(raw))) return std::string(*text);
     return element.conversion->toPhysical(raw);
+}
+
+bool isBeyondLimits(const Element& element, const Value& physical) {
+    const auto* text = std::get_if<std::string>(&physical);
+    const Result<double> number =
+        text != nullptr ? element.conversion->rawFromText(*text) : Result<double>(toDouble(physical));
+    return number && !isWithin(number.value(), element.lowerLimit, element.upperLimit);
 }
 
 Result<void> encodePhysical(const Element& element, const Value& physical, std::span<std::uint8_t> buffer) {

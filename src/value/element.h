@@ -9,8 +9,10 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "core/ecu_address.h"
 #include "core/result.h"
@@ -29,6 +31,9 @@ struct Element {
     // Of the physical value. One that is not finite is none.
     double lowerLimit = -std::numeric_limits<double>::infinity();
     double upperLimit = std::numeric_limits<double>::infinity();
+    /// Wider ones (EXTENDED_LIMITS), and whether they count instead.
+    std::optional<std::pair<double, double>> extendedLimits = std::nullopt;
+    bool takesExtended = false;
     bool emptyMask = false;  ///< BIT_MASK 0x0: reads like no mask, and no bit may change
 
     std::size_t size() const { return coding.size(); }
@@ -44,6 +49,9 @@ Value wholeRaw(const Element& element, const std::uint8_t* bytes);
 
 /// The physical value of a raw one: its verbal text where it has one, else a number.
 Value physicalValue(const Element& element, const Value& raw);
+
+/// Whether a value is outside the limits; the extended ones do not count.
+bool isBeyondLimits(const Element& element, const Value& physical);
 
 /// Limit check, inverse conversion, raw encode of a number (rounded to what the element can hold) or a verbal
 /// text. `buffer` holds the current ECU bytes (their bits outside a mask stay). Errors (invalidArgument or

@@ -65,6 +65,7 @@ bool Connection::needsWhatWasBefore(const Packet& command) {
     switch (static_cast<Command>(command.code())) {
         case Command::upload:
         case Command::download:
+        case Command::modifyBits:
         case Command::writeDaq:
         case Command::writeDaqMultiple:
         case Command::allocDaq:

@@ -96,6 +96,10 @@ class Master final : public IPacketSink {
         return memory_.download(address, bytes);
     }
 
+    Result<void> modifyBits(Address address, std::uint32_t mask, std::uint32_t bits) {
+        return memory_.modifyBits(address, mask, bits);
+    }
+
     /// Asks the slave. Errors: unsupported "slave does not offer the DAQ resource", shortResponse(). A slave
     /// without GET_DAQ_EVENT_INFO gives no `events`.
     Result<DaqCapabilities> daqCapabilities() { return readDaqCapabilities(connection_); }

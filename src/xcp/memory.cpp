@@ -1,6 +1,7 @@
 #include "xcp/memory.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace lm::xcp {
 namespace {
@@ -112,6 +113,26 @@ Result<void> Memory::download(Address address, std::span<const std::uint8_t> byt
         const Address here = advanced(address, at);
         const Exchange rules{.beforeRepeat = [&turn, here] { return point(turn, here); }};
         if (auto written = turn.transact(command.value(), rules); !written) return written.error();
+    }
+    return {};
+}
+
+Result<void> Memory::modifyBits(Address address, std::uint32_t mask, std::uint32_t bits) {
+    auto held = connection_.turn();
+    if (!held) return held.error();
+    Connection::Turn& turn = held.value();
+    if (auto set = point(turn, address); !set) return set;
+    const Exchange rules{.beforeRepeat = [&turn, address] { return point(turn, address); }};
+    while (mask != 0) {
+        const auto shift = static_cast<unsigned>(std::countr_zero(mask));
+        const auto part = static_cast<std::uint16_t>(mask >> shift);
+        const auto keep = static_cast<std::uint16_t>(~part);
+        const auto wanted = static_cast<std::uint16_t>(bits >> shift & part);
+        // The MTA stays, and to set the same bits twice does no harm.
+        const Packet command =
+            buildModifyBits(static_cast<std::uint8_t>(shift), keep, wanted, turn.slave().byteOrder());
+        if (auto done = turn.transact(command, rules); !done) return done.error();
+        mask &= ~(std::uint32_t{part} << shift);
     }
     return {};
 }

@@ -25,6 +25,9 @@ class Memory {
     /// Errors (invalidArgument) "download size must be a non-zero multiple of AG", and the connection's; what
     /// was written before a failure stays written.
     Result<void> download(Address address, std::span<const std::uint8_t> bytes);
+    /// The bits of `mask` in the word of 32 bits at an address become those of `bits`, up to 16 side by side
+    /// in one step of the slave (MODIFY_BITS). Errors: the connection's.
+    Result<void> modifyBits(Address address, std::uint32_t mask, std::uint32_t bits);
     Result<void> setMta(Address address);
 
     /// Address elements that an answer to UPLOAD or SHORT_UPLOAD holds.

@@ -264,6 +264,14 @@ Result<Packet> buildDownload(std::span<const std::uint8_t> data, std::uint8_t gr
     return packet;
 }
 
+Packet buildModifyBits(std::uint8_t shift, std::uint16_t andMask, std::uint16_t xorMask, ByteOrder order) {
+    Packet packet = makePacket(Command::modifyBits, 6);
+    packet.bytes[1] = shift;
+    writeBytes(&packet.bytes[2], andMask, order);
+    writeBytes(&packet.bytes[4], xorMask, order);
+    return packet;
+}
+
 Packet buildGetDaqEventInfo(std::uint16_t channel, ByteOrder order) {
     Packet packet = makePacket(Command::getDaqEventInfo, 4);
     put(packet, 2, channel, order);

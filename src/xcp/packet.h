@@ -29,6 +29,7 @@ enum class Command : std::uint8_t {
     upload = 0xF5,
     shortUpload = 0xF4,
     download = 0xF0,
+    modifyBits = 0xEC,
     clearDaqList = 0xE3,
     setDaqPtr = 0xE2,
     writeDaq = 0xE1,
@@ -147,6 +148,8 @@ Packet buildShortUpload(std::uint8_t elements, Address address, ByteOrder order)
 /// 255).
 Result<Packet> buildDownload(std::span<const std::uint8_t> data, std::uint8_t granularity,
                              std::uint16_t maxCto);
+/// The word of 32 bits at the MTA becomes (it & ~(~andMask << shift)) ^ (xorMask << shift).
+Packet buildModifyBits(std::uint8_t shift, std::uint16_t andMask, std::uint16_t xorMask, ByteOrder order);
 Packet buildGetDaqEventInfo(std::uint16_t channel, ByteOrder order);
 Packet buildAllocDaq(std::uint16_t count, ByteOrder order);
 Packet buildAllocOdt(std::uint16_t list, std::uint8_t count, ByteOrder order);

@@ -1,0 +1,34 @@
+// The bits of an element that MODIFY_BITS is to set, so that those beside them stay as the ECU has them at
+// that moment.
+//
+// Threads: pure functions. Lifetime: results own everything.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "core/bytes.h"
+#include "core/ecu_address.h"
+#include "value/element.h"
+
+namespace lm::session {
+
+/// Bits of one aligned word of 32 bits, as the slave reads it.
+struct MaskedWord {
+    xcp::Address address;
+    std::uint32_t mask = 0;  ///< which bits
+    std::uint32_t bits = 0;  ///< what they become; none beside the mask
+};
+
+/// Whether a write changes some bits of an element and leaves others.
+bool isMasked(const value::Element& element);
+
+/// Which bytes and bits of an element a write changes.
+std::vector<std::uint8_t> maskBytes(const value::Element& element);
+
+/// `bytes` are the element's as they shall be. One result for each word with such bits.
+std::vector<MaskedWord> maskedWords(const value::Element& element, std::span<const std::uint8_t> bytes,
+                                    ByteOrder slaveOrder);
+
+}  // namespace lm::session
