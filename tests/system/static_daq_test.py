@@ -54,7 +54,7 @@ class StaticDaqTest(ModelCase):
         lists = "lists 0 to 1 (1 ODT(s) x 1 entries, any event), list 2 (1 ODT(s) x 1 entries, event 2)"
         rows = [
             (["--static-lists", "1x1,1x1,1x1@2"], FEW, "2 of 4 signal(s) fit into the ECU's static DAQ lists (event 1: 0 of 2): "
-             + lists + "; 1396 byte(s) an ODT, 1392 the first"),
+             + lists + "; 1398 byte(s) an ODT, 1394 the first"),
             (["--static-lists", "1x1@2"], ["wave@0"], "wave: no DAQ list of the ECU can be given event 0"),
             (["--predefined", "gear@1"], ["throttle@1"],
              r"throttle: no DAQ list that can be given event 1 carries 1 byte(s) at 0x"),
@@ -108,7 +108,7 @@ class StaticDaqTest(ModelCase):
         done = self.run_cli(sim, "measure", "--json", "-s", "wave@cyclic_1ms/8", "-s", "counter_1ms/8", "-t", 0.3)
         lines = [json.loads(line) for line in done.stdout.splitlines()]
         self.assertEqual([(g["cycleNs"], g["prescaler"]) for g in lines[0]["groups"]], [(8000000, 8)])
-        counts = [line["values"]["counter_1ms"] for line in lines if line["type"] == "record"]
+        counts = [line["values"]["counter_1ms"]["raw"] for line in lines if line["type"] == "record"]
         self.assertGreater(len(counts), 10)
         self.assertEqual(counts, list(range(counts[0], counts[-1] + 1, 8)))
         self.assertEqual(lines[-1]["statistics"]["missedCycles"], 0)
