@@ -130,6 +130,7 @@ Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilitie
         byEvent[signals[i].eventChannel].add(signals[i], i);
     }
     std::vector<SignalGroup> groups;
+    groups.reserve(byEvent.size());
     for (auto& [event, group] : byEvent)
         groups.push_back(std::move(group));
 
