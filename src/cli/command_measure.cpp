@@ -23,6 +23,7 @@
 #include "core/log.h"
 #include "core/printable_text.h"
 #include "core/text.h"
+#include "session/measurement_plan.h"
 
 namespace lm::cli {
 namespace {
@@ -127,14 +128,15 @@ std::string startMembers(const session::Session& session, const session::Measure
     writeEcu(json, session);
     json.key("groups").beginArray();
     for (std::size_t i = 0; i < plan.daq.lists.size(); ++i) {
-        const std::uint16_t number = plan.daq.lists[i].eventChannel;
-        const xcp::EventChannel* event =
-            session.daqCapabilities() ? session.daqCapabilities()->findEvent(number) : nullptr;
+        const xcp::DaqList& list = plan.daq.lists[i];
+        const auto& capabilities = session.daqCapabilities();
+        const xcp::EventChannel* event = capabilities ? capabilities->findEvent(list.eventChannel) : nullptr;
         json.beginObject();
         json.member("group", i);
-        json.member("event", number);
+        json.member("event", list.eventChannel);
         json.member("name", event != nullptr ? event->name.c_str() : "");
-        json.member("cycleNs", event != nullptr ? event->cycleNs : 0);
+        json.member("cycleNs", event != nullptr ? session::periodNs(list, *capabilities) : std::uint64_t{0});
+        json.member("prescaler", list.prescaler);
         json.endObject();
     }
     json.endArray();

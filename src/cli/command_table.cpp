@@ -79,7 +79,7 @@ With a list or a file the order is that of docs/values.md: a line of a CSV file 
   xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s engine_speed@cyclic_10ms
   xcplumo-cli -c demo.json measure --table
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
-With --json -p is 1 when it is not given.)",
+NAME@EVENT/8 takes every eighth sample. With --json -p is 1 when it is not given.)",
      Needs::connection, Form::jsonLines, make<MeasureCommand>},
     {"console", "Serial line: show the text output of the ECU, send lines from stdin",
      R"(  xcplumo-cli --a2l ecu.a2l --serial /dev/ttyACM0:115200 console

@@ -205,9 +205,10 @@ void Measurement::addSilentLists(MeasurementStats& stats) const {
         if (delivered_[i] || (decoder_ && decoder_->recordsOf(i) != 0)) continue;
         const xcp::DaqList& list = plan_.daq.lists[i];
         const xcp::EventChannel* const event = context_.capabilities.findEvent(list.eventChannel);
-        stats.silentLists.push_back(event == nullptr
-                                        ? SilentList{list.eventChannel, "", 0}
-                                        : SilentList{list.eventChannel, event->name, event->cycleNs});
+        stats.silentLists.push_back(
+            event == nullptr ? SilentList{list.eventChannel, "", 0}
+                             : SilentList{list.eventChannel, event->name,
+                                          static_cast<std::int64_t>(periodNs(list, context_.capabilities))});
     }
     const auto& silent = stats.silentLists;
     const bool suspicious = silent.size() == delivered_.size() ||

@@ -24,8 +24,9 @@ PlannedSignal plannedSignal(ChosenSignal chosen) {
     return signal;
 }
 
-xcp::DaqSignal daqSignal(const value::Element& element, std::uint16_t event) {
-    return {element.address, static_cast<std::uint32_t>(element.size()), event, 1};
+xcp::DaqSignal daqSignal(const ChosenSignal& signal) {
+    const auto size = static_cast<std::uint32_t>(signal.element.size());
+    return {signal.element.address, size, signal.event, signal.prescaler};
 }
 
 Result<void> requireRecordable(const value::Element& element) {
@@ -35,11 +36,47 @@ Result<void> requireRecordable(const value::Element& element) {
         element.name + ": a recording cannot say what its BIT_OPERATION does, measure it without recording"};
 }
 
-/// Period of a list's records in nanoseconds, 0 when its event is not cyclic.
-std::uint64_t periodNs(const xcp::DaqList& list, const xcp::DaqCapabilities& capabilities) {
-    const xcp::EventChannel* event = capabilities.findEvent(list.eventChannel);
-    if (event == nullptr || event->cycleNs <= 0) return 0;
-    return static_cast<std::uint64_t>(event->cycleNs) * std::max<std::uint8_t>(list.prescaler, 1);
+/// A static slave may need more than one list for an event.
+bool several(const xcp::DaqPlan& plan, std::uint16_t event) {
+    return std::count_if(plan.lists.begin(), plan.lists.end(),
+                         [event](const xcp::DaqList& list) { return list.eventChannel == event; }) > 1;
+}
+
+bool sameEntries(const std::vector<xcp::Odt>& planned, const std::vector<xcp::Odt>& now) {
+    for (std::size_t i = 0; i < std::max(planned.size(), now.size()); ++i) {
+        const std::size_t count = i < now.size() ? now[i].entries.size() : 0;
+        if (i >= planned.size()) {
+            if (count != 0) return false;
+            continue;
+        }
+        const auto& entries = planned[i].entries;
+        if (count != entries.size()) return false;
+        for (std::size_t j = 0; j < count; ++j) {
+            const xcp::OdtEntry& entry = now[i].entries[j];
+            if (entry.address != entries[j].address || entry.size != entries[j].size) return false;
+        }
+    }
+    return true;
+}
+
+/// Whether the slave still has room for the list, or still sends it as it stands in the plan.
+bool isStillThere(const xcp::DaqList& list, const xcp::DaqCapabilities& capabilities) {
+    const auto found = std::find_if(capabilities.lists.begin(), capabilities.lists.end(),
+                                    [&list](const auto& now) { return now.number == list.number; });
+    if (found == capabilities.lists.end()) return false;
+    if (found->fixedEvent && *found->fixedEvent != list.eventChannel) return false;
+    const bool predefined = found->predefined || found->number < capabilities.minDaq;
+    if (predefined != list.predefined) return false;
+    if (predefined) return sameEntries(list.odts, found->odts);
+    return list.odts.size() <= found->maxOdt &&
+           std::all_of(list.odts.begin(), list.odts.end(),
+                       [&found](const xcp::Odt& odt) { return odt.entries.size() <= found->maxEntries; });
+}
+
+bool sameLists(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities) {
+    if (plan.dynamicConfiguration) return capabilities.minDaq == plan.lists.front().number;
+    return std::all_of(plan.lists.begin(), plan.lists.end(),
+                       [&](const xcp::DaqList& list) { return isStillThere(list, capabilities); });
 }
 
 }  // namespace
@@ -49,11 +86,14 @@ Result<MeasurementPlan> planMeasurement(SignalSource source, const std::vector<s
                                         bool recorded) {
     const xcp::DaqCapabilities& capabilities = source.capabilities;
     const xcp::DaqPlanOptions options{connection.maxDto, connection.granularity(), daq.useTimestamps};
+    const auto fitsAlone = [&](const ChosenSignal& signal) -> Result<void> {
+        auto fits = xcp::checkSignal(daqSignal(signal), capabilities, options);
+        if (fits.ok()) return fits;
+        return Error{fits.error().code, signal.element.name + ": " + fits.error().text()};
+    };
     const auto canMeasure = [&](const ChosenSignal& signal) -> Result<void> {
-        const value::Element& element = signal.element;
-        if (auto fits = xcp::checkSignal(daqSignal(element, signal.event), capabilities, options); !fits.ok())
-            return Error{fits.error().code, element.name + ": " + fits.error().text()};
-        return recorded ? requireRecordable(element) : Result<void>();
+        if (auto fits = fitsAlone(signal); !fits.ok()) return fits;
+        return recorded ? requireRecordable(signal.element) : Result<void>();
     };
     source.bareEvent = daq.defaultEvent;
     auto choice = chooseSignals(source, signalTexts, canMeasure);
@@ -63,8 +103,11 @@ Result<MeasurementPlan> planMeasurement(SignalSource source, const std::vector<s
     plan.placedBy = std::move(choice.value().placedBy);
     std::vector<xcp::DaqSignal> signals;
     for (ChosenSignal& chosen : choice.value().chosen) {
+        if (!capabilities.dynamicConfiguration && !capabilities.lists.empty()) {
+            if (auto fits = fitsAlone(chosen); !fits.ok()) return fits.error();
+        }
+        signals.push_back(daqSignal(chosen));
         plan.planned.push_back(plannedSignal(std::move(chosen)));
-        signals.push_back(daqSignal(plan.planned.back().element, plan.planned.back().event));
     }
     if (signals.empty()) return Error{ErrorCode::invalidArgument, "no signals to measure"};
 
@@ -76,6 +119,12 @@ Result<MeasurementPlan> planMeasurement(SignalSource source, const std::vector<s
         plan.planned[i].recordOffset = static_cast<std::uint32_t>(plan.daq.signals[i].offset);
     }
     return plan;
+}
+
+std::uint64_t periodNs(const xcp::DaqList& list, const xcp::DaqCapabilities& capabilities) {
+    const xcp::EventChannel* event = capabilities.findEvent(list.eventChannel);
+    if (event == nullptr || event->cycleNs <= 0) return 0;
+    return static_cast<std::uint64_t>(event->cycleNs) * std::max<std::uint8_t>(list.prescaler, 1);
 }
 
 LoadInput loadInput(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities) {
@@ -107,10 +156,14 @@ Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities&
     const auto differs = [](const std::string& what) {
         return Error{ErrorCode::protocolError, "the ECU came back with another " + what};
     };
-    if (!capabilities.dynamicConfiguration) return differs("DAQ configuration type");
+    if (capabilities.dynamicConfiguration != plan.dynamicConfiguration) {
+        return differs("DAQ configuration type");
+    }
     if (capabilities.identification != plan.identification) return differs("identification field type");
     if (capabilities.overloadInPid != plan.overloadInPid) return differs("overload indication");
-    if (capabilities.minDaq != plan.firstListNumber) return differs("number of predefined DAQ lists");
+    if (!sameLists(plan, capabilities)) {
+        return differs(plan.dynamicConfiguration ? "number of predefined DAQ lists" : "set of DAQ lists");
+    }
     const bool timestampGone = plan.timestampSize != 0 && capabilities.timestampSize != plan.timestampSize;
     const bool timestampForced =
         plan.timestampSize == 0 && capabilities.timestampFixed && capabilities.timestampSize != 0;
@@ -124,9 +177,11 @@ Result<void> checkPlanFits(const xcp::DaqPlan& plan, const xcp::DaqCapabilities&
         if (!known) return differs("set of event channels");
         for (const xcp::Odt& odt : list.odts) {
             const bool first = &odt == &list.odts.front();
-            largestDto = std::max<std::uint32_t>(
-                largestDto, plan.identificationSize + odt.payloadSize + (first ? plan.timestampSize : 0U));
+            largestDto =
+                std::max<std::uint32_t>(largestDto, plan.identificationSize + odt.payloadSize +
+                                                        (first && list.timestamp ? plan.timestampSize : 0U));
             for (const xcp::OdtEntry& entry : odt.entries) {
+                if (list.predefined) continue;
                 largestEntry = std::max<std::uint32_t>(largestEntry, entry.size);
                 if (entry.size % capabilities.entryGranularity != 0) return differs("ODT entry granularity");
                 if (entry.size % connection.granularity() != 0) return differs("address granularity");
@@ -154,6 +209,7 @@ storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::Daq
         const xcp::EventChannel* event = capabilities.findEvent(list.eventChannel);
         const bool named = event != nullptr && !event->name.empty();
         group.name = named ? event->name : "event " + std::to_string(list.eventChannel);
+        if (several(plan.daq, list.eventChannel)) group.name += " (list " + std::to_string(list.number) + ")";
         group.recordSize = list.recordSize;
         group.cycleNs = static_cast<std::int64_t>(periodNs(list, capabilities));
         info.groups.push_back(std::move(group));

@@ -29,6 +29,9 @@ Result<MeasurementPlan> planMeasurement(SignalSource source, const std::vector<s
 /// The lists as the load estimate wants them.
 LoadInput loadInput(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities);
 
+/// Period of a list's records in nanoseconds, its prescaler included; 0 when its event is not cyclic.
+std::uint64_t periodNs(const xcp::DaqList& list, const xcp::DaqCapabilities& capabilities);
+
 /// Shortest nominal period of the lists in nanoseconds, 0 when none is cyclic.
 std::uint64_t shortestPeriodNs(const xcp::DaqPlan& plan, const xcp::DaqCapabilities& capabilities);
 

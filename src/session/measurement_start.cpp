@@ -17,6 +17,24 @@ a2l::ReadMemory memoryReader(xcp::Master& master) {
     };
 }
 
+namespace {
+
+void warnWithoutTimestamps(const xcp::DaqPlan& plan) {
+    if (plan.timestampSize == 0) {
+        log::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
+        return;
+    }
+    for (const xcp::DaqList& list : plan.lists) {
+        if (list.timestamp) continue;
+        log::warn(
+            "measure: the predefined DAQ list {} leaves no room for timestamps, so cycles that it "
+            "loses cannot be noticed",
+            list.number);
+    }
+}
+
+}  // namespace
+
 Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const MeasurementOptions& options) {
     auto folders = FolderFilter::create(context.description, options.groups, options.functions);
     if (!folders.ok()) return folders.error();
@@ -41,9 +59,7 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
         log::warn("measure: {}", warning);
     const std::string warning = foreignEventWarning(plan.value());
     if (!warning.empty()) log::warn("{}", warning);
-    if (plan.value().daq.timestampSize == 0) {
-        log::warn("measure: the DTOs carry no timestamps, so cycles that get lost cannot be noticed");
-    }
+    warnWithoutTimestamps(plan.value().daq);
     return AcceptedPlan{std::move(plan).value(), load.value()};
 }
 

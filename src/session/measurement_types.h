@@ -67,7 +67,7 @@ struct PlanSummary {
 struct SilentList {
     std::uint16_t event = 0;
     std::string eventName;     ///< may be empty
-    std::int64_t cycleNs = 0;  ///< 0: not cyclic, or not known
+    std::int64_t cycleNs = 0;  ///< of its records; 0: not cyclic, or not known
 };
 
 /// Counters since the start of the measurement.

@@ -30,6 +30,11 @@ xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::Xc
     options.useShortUpload = config.useShortUpload;
     options.ignoreDaqRunningBit = config.overrides.ignoreDaqRunningBit;
     options.overrides = {config.overrides.granularity, config.overrides.byteOrder, config.overrides.maxDto};
+    if (interface.protocolLayer) {
+        const auto& offered = interface.protocolLayer->optionalCommands;
+        options.offersWriteDaqMultiple =
+            std::find(offered.begin(), offered.end(), "WRITE_DAQ_MULTIPLE") != offered.end();
+    }
     return options;
 }
 

@@ -1,8 +1,10 @@
 #include "session/signal_choice.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
@@ -31,6 +33,24 @@ SignalText split(std::string_view text) {
     const std::size_t at = text.find('@');
     if (at == std::string_view::npos) return {text, std::nullopt};
     return {text.substr(0, at), text.substr(at + 1)};
+}
+
+/// "REST/NUMBER"; without the number when there is none.
+struct Scaled {
+    std::string_view rest;
+    std::optional<std::string_view> prescaler;
+};
+
+Scaled splitPrescaler(std::string_view text) {
+    const std::size_t slash = text.rfind('/');
+    if (slash == std::string_view::npos) return {text, std::nullopt};
+    return {text.substr(0, slash), text.substr(slash + 1)};
+}
+
+Result<std::uint8_t> prescalerOf(std::string_view number, std::string_view text) {
+    const auto parsed = parseUnsigned(number, NumberBase::decimal, UINT8_MAX);
+    if (parsed.ok() && parsed.value() != 0) return static_cast<std::uint8_t>(parsed.value());
+    return invalid(fmt::format("'{}': a prescaler is a number from 1 to 255", text));
 }
 
 /// As it is shown: what the ECU sends may have NUL bytes behind the name.
@@ -86,6 +106,21 @@ std::string caseHint(const a2l::Description& description, std::string_view patte
     return names.empty() ? "" : fmt::format("names differ in case: {}", fmt::join(names, ", "));
 }
 
+/// A list has one prescaler, and the ECU samples each event channel for one list.
+Result<void> checkPrescalers(const std::vector<ChosenSignal>& signals) {
+    std::map<std::uint16_t, const ChosenSignal*> firsts;
+    for (const ChosenSignal& signal : signals) {
+        const ChosenSignal& first = *firsts.try_emplace(signal.event, &signal).first->second;
+        if (first.prescaler == signal.prescaler) continue;
+        Error error = invalid(fmt::format("{}@{}/{} and {}@{}/{}: signals of one event have one prescaler",
+                                          first.element.name, first.event, first.prescaler,
+                                          signal.element.name, signal.event, signal.prescaler));
+        error.hint = "a signal without /PRESCALER has 1";
+        return error;
+    }
+    return {};
+}
+
 /// What all texts have in common, and what has been chosen so far.
 class Chooser {
   public:
@@ -93,20 +128,23 @@ class Chooser {
         : source_(source), canMeasure_(canMeasure) {}
 
     Result<void> add(std::string_view text) {
-        const SignalText signal = split(text);
+        SignalText signal = split(text);
+        const auto prescaler = takePrescaler(text, signal);
+        if (!prescaler.ok()) return prescaler.error();
         const DefaultEvent& bare = source_.bareEvent;
-        Events events{bare.number, bare.automatic};
+        Events events{bare.number, bare.automatic, prescaler.value()};
         if (signal.event || !bare.name.empty()) {
             const auto event = signal.event ? eventOf(*signal.event, source_.capabilities) : bareEvent();
             if (!event.ok()) return event.error();
-            events = {event.value(), false};
+            events = {event.value(), false, prescaler.value()};
         }
         if (isNamePattern(source_.description, signal.name)) return addPattern(signal.name, events);
         auto found = findElements(signal.name);
         if (!found.ok()) return found.error();
         takePlace(found.value());
         for (ChosenSignal& chosen : chosenOf(std::move(found).value(), events))
-            if (!matched_.contains({chosen.element.name, chosen.event})) take(std::move(chosen));
+            if (!matched_.contains({chosen.element.name, chosen.event, chosen.prescaler}))
+                take(std::move(chosen));
         return {};
     }
 
@@ -116,6 +154,7 @@ class Chooser {
     struct Events {
         std::uint16_t number;
         bool automatic;  ///< the object's own first
+        std::uint8_t prescaler;
     };
 
     /// What a pattern came upon.
@@ -124,6 +163,27 @@ class Chooser {
         std::size_t leftOut = 0;
         std::string firstReason = {};
     };
+
+    /// Cuts it off the event, else off the name. What is a name with all its slashes has none.
+    Result<std::uint8_t> takePrescaler(std::string_view text, SignalText& signal) const {
+        std::string_view& holder = signal.event ? *signal.event : signal.name;
+        const Scaled scaled = splitPrescaler(holder);
+        if (!scaled.prescaler) return std::uint8_t{1};
+        if (signal.event) {
+            const auto whole = eventNamed(holder, source_.capabilities);
+            if (!whole.ok() || whole.value()) return std::uint8_t{1};
+        } else if (scaled.prescaler->find_first_not_of("0123456789") != std::string_view::npos ||
+                   a2l::findObject(source_.description, holder).ok()) {
+            return std::uint8_t{1};
+        }
+        auto prescaler = prescalerOf(*scaled.prescaler, text);
+        if (!prescaler.ok()) return prescaler;
+        if (prescaler.value() > 1 && !source_.capabilities.prescalerSupported) {
+            return Error{ErrorCode::unsupported, fmt::format("'{}': the ECU offers no prescalers", text)};
+        }
+        holder = scaled.rest;
+        return prescaler;
+    }
 
     Result<std::uint16_t> bareEvent() const {
         const std::string& name = source_.bareEvent.name;
@@ -145,7 +205,7 @@ class Chooser {
         std::vector<ChosenSignal> signals;
         signals.reserve(found.elements.size());
         for (value::Element& element : found.elements)
-            signals.push_back({found.object, std::move(element), event});
+            signals.push_back({found.object, std::move(element), event, events.prescaler});
         return signals;
     }
 
@@ -213,7 +273,7 @@ class Chooser {
             if (auto able = canMeasure_(signal); !able.ok()) return able;
         choice_.placedBy.insert(choice_.placedBy.end(), placedBy.begin(), placedBy.end());
         for (ChosenSignal& signal : signals) {
-            matched_.emplace(signal.element.name, signal.event);
+            matched_.emplace(signal.element.name, signal.event, signal.prescaler);
             if (!known_.contains({signal.element.name, signal.event})) take(std::move(signal));
         }
         return {};
@@ -222,7 +282,7 @@ class Chooser {
     const SignalSource& source_;
     const CanMeasure& canMeasure_;
     std::set<std::pair<std::string, std::uint16_t>> known_;
-    std::set<std::pair<std::string, std::uint16_t>> matched_;  ///< by patterns
+    std::set<std::tuple<std::string, std::uint16_t, std::uint8_t>> matched_;  ///< by patterns
     SignalChoice choice_;
 };
 
@@ -234,7 +294,9 @@ Result<SignalChoice> chooseSignals(const SignalSource& source, const std::vector
     for (const std::string& text : texts) {
         if (auto added = chooser.add(text); !added.ok()) return added.error();
     }
-    return std::move(chooser).result();
+    SignalChoice choice = std::move(chooser).result();
+    if (auto one = checkPrescalers(choice.chosen); !one.ok()) return one.error();
+    return choice;
 }
 
 }  // namespace lm::session

@@ -1,5 +1,5 @@
-// From the texts that name the signals of a measurement, NAME or NAME@EVENT with patterns, to objects of the
-// A2L and the event channels that sample them.
+// From the texts that name the signals of a measurement, NAME[@EVENT[/PRESCALER]] with patterns, to objects
+// of the A2L, the event channels that sample them, and each how many of their samples is taken.
 //
 // Threads: pure functions. Lifetime: results own everything.
 #pragma once
@@ -26,6 +26,7 @@ struct ChosenSignal {
     std::shared_ptr<const a2l::Object> object;
     value::Element element;
     std::uint16_t event = 0;
+    std::uint8_t prescaler = 1;
 };
 
 struct SignalChoice {
@@ -50,11 +51,14 @@ struct SignalSource {
 /// More signals than any ECU has memory for.
 constexpr std::size_t kMostSignals = 100'000;
 
-/// Reads each text as NAME or NAME@EVENT. A name of several elements stands for all of them, NAME[3] for one.
-/// A name with * or ? stands for the measurements that match, parts of instances included, for the parameters
-/// when there are none; what cannot be measured is left out, and so is what is chosen already. EVENT is a
-/// number, else a name as EventChannel has it. Errors: "stoul: ..." for an event that is neither,
-/// findSignalElements', "'PATTERN' matches ...", that a name is no event's or that of several.
+/// Reads each text as NAME, NAME@EVENT, NAME@EVENT/PRESCALER or NAME/PRESCALER; a name that stands in the
+/// A2L, or is an event's, is not taken apart. A name of several elements stands for all of them, NAME[3] for
+/// one. A name with * or ? stands for the measurements that match, parts of instances included, for the
+/// parameters when there are none; what cannot be measured is left out, and so is what is chosen already.
+/// EVENT is a number, else a name as EventChannel has it. Errors: "stoul: ..." for an event that is neither,
+/// findSignalElements', "'PATTERN' matches ...", that a name is no event's or that of several, that a
+/// prescaler is no number from 1 to 255, that the ECU offers none, or that the signals of one event have
+/// several.
 Result<SignalChoice> chooseSignals(const SignalSource& source, const std::vector<std::string>& texts,
                                    const CanMeasure& canMeasure);
 

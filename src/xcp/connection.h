@@ -186,6 +186,7 @@ class Connection::Turn {
     const ConnectInfo& slave() const { return connection_->info_; }
     std::uint64_t connectionNumber() const { return connection_->number(); }
     bool mayUseShortUpload() const { return connection_->options_.useShortUpload; }
+    bool mayWriteDaqMultiple() const { return connection_->options_.offersWriteDaqMultiple; }
 
   private:
     friend class Connection;

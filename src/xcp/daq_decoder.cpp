@@ -11,6 +11,7 @@ namespace lm::xcp {
 namespace {
 
 constexpr std::uint8_t kOverloadBit = 0x80;
+constexpr std::uint16_t kNoList = 0xFFFF;
 constexpr std::int64_t kLongestHeldNs = 10'000'000'000;  // packets are not held up for longer
 
 /// The list number travels least-significant byte first for slaves of either byte order.
@@ -33,14 +34,13 @@ DaqDecoder::DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
       identificationSize_(plan.identificationSize),
       timestampSize_(plan.timestampSize),
       overloadInPid_(plan.overloadInPid),
-      firstListNumber_(plan.firstListNumber),
       clock_(plan.timestampSize, capabilities.tickNs),
       lists_(plan.lists.size()) {
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         const DaqList& planned = plan.lists[i];
         const EventChannel* const event = capabilities.findEvent(planned.eventChannel);
         List& list = lists_[i];
-        list.number = plan.listNumber(i);
+        list.number = planned.number;
         list.timestamp = planned.timestamp;
         list.periodNs = event == nullptr ? 0 : event->cycleNs * planned.prescaler;
         list.mayHide = list.timestamp && clock_.usable() && clock_.wrapNs() <= kLongestHeldNs &&
@@ -50,7 +50,19 @@ DaqDecoder::DaqDecoder(const DaqPlan& plan, const DaqCapabilities& capabilities,
             list.odts.push_back({odt.payloadSize, odt.recordOffset});
         }
     }
+    numberLists();
     numberPids(plan, firstPids);
+}
+
+/// A static slave's own numbers may stand far apart.
+void DaqDecoder::numberLists() {
+    if (lists_.empty()) return;
+    const auto [least, most] = std::minmax_element(
+        lists_.begin(), lists_.end(), [](const List& a, const List& b) { return a.number < b.number; });
+    firstListNumber_ = least->number;
+    listsByNumber_.assign(std::size_t{most->number} - least->number + 1U, kNoList);
+    for (std::size_t i = 0; i < lists_.size(); ++i)
+        listsByNumber_[lists_[i].number - firstListNumber_] = static_cast<std::uint16_t>(i);
 }
 
 void DaqDecoder::numberPids(const DaqPlan& plan, std::span<const std::uint8_t> firstPids) {
@@ -75,8 +87,9 @@ DaqDecoder::Place DaqDecoder::find(const std::uint8_t* data, std::uint8_t pid) {
         odt = entry.odt;
     } else {
         const std::uint16_t number = listNumberOf(identification_, data);
-        if (number < firstListNumber_) return {nullptr, 0};
-        index = static_cast<std::size_t>(number - firstListNumber_);
+        const auto at = static_cast<std::uint16_t>(number - firstListNumber_);  // lower ones: far above
+        if (at >= listsByNumber_.size()) return {nullptr, 0};
+        index = listsByNumber_[at];
     }
     if (index >= lists_.size() || odt >= lists_[index].odts.size()) return {nullptr, 0};
     return {&lists_[index], odt};

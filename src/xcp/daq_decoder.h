@@ -125,6 +125,7 @@ class DaqDecoder final : public IDtoSink {
     };
 
     void decode(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    void numberLists();
     void numberPids(const DaqPlan& plan, std::span<const std::uint8_t> firstPids);
     Place find(const std::uint8_t* data, std::uint8_t pid);
     bool beginRecord(List& list, const std::uint8_t* data, std::size_t length, std::int64_t receiveNs);
@@ -144,7 +145,8 @@ class DaqDecoder final : public IDtoSink {
     std::uint8_t identificationSize_;
     std::uint8_t timestampSize_;
     bool overloadInPid_;
-    std::uint16_t firstListNumber_;
+    std::uint16_t firstListNumber_ = 0;
+    std::vector<std::uint16_t> listsByNumber_ = {};  ///< from firstListNumber_ on: indices of lists_
     std::array<PidEntry, 256> pids_ = {};
     IDaqRecordSink* sink_ = nullptr;
     const std::atomic<std::uint64_t>* holes_ = nullptr;

@@ -40,6 +40,7 @@ struct OdtEntry {
     Address address = {};
     std::uint16_t size = 0;    ///< bytes
     std::uint16_t offset = 0;  ///< inside the ODT's payload
+    bool oneBit = false;       ///< carries a single bit of that place, not what is in memory there
 };
 
 struct Odt {
@@ -92,7 +93,7 @@ struct DaqSignal {
     Address address = {};
     std::uint32_t size = 0;  ///< bytes
     std::uint16_t eventChannel = 0;
-    std::uint8_t prescaler = 1;  ///< 0 counts as 1; the first signal of an event channel decides
+    std::uint8_t prescaler = 1;  ///< each n-th sample; 0 counts as 1; the first of an event channel decides
 };
 
 struct DaqPlanOptions {
@@ -102,6 +103,8 @@ struct DaqPlanOptions {
 };
 
 struct DaqList {
+    std::uint16_t number = 0;  ///< on the wire
+    bool predefined = false;   ///< its entries stand already
     std::uint16_t eventChannel = 0;
     std::uint8_t prescaler = 1;
     bool timestamp = false;  ///< the first ODT carries one
@@ -118,14 +121,11 @@ struct SignalPlace {
 struct DaqPlan {
     DaqIdentification identification = DaqIdentification::absoluteOdt;
     std::uint8_t identificationSize = 1;
-    std::uint8_t timestampSize = 0;     ///< in use: 0, 1, 2 or 4
-    std::uint16_t firstListNumber = 0;  ///< lists[i] is DAQ list firstListNumber + i
+    std::uint8_t timestampSize = 0;  ///< in use: 0, 1, 2 or 4
+    bool dynamicConfiguration = true;
     bool overloadInPid = false;
-    std::vector<DaqList> lists = {};        ///< ascending event channels
+    std::vector<DaqList> lists = {};        ///< ascending event channels, then numbers
     std::vector<SignalPlace> signals = {};  ///< one per requested signal, in the order asked for
-
-    /// The DAQ list number on the wire of lists[index].
-    std::uint16_t listNumber(std::size_t index) const;
 };
 
 /// Whether planDaq() could take the signal; its errors of a single signal, and those of all plans.
@@ -133,11 +133,12 @@ Result<void> checkSignal(const DaqSignal& signal, const DaqCapabilities& capabil
                          const DaqPlanOptions& options);
 
 /// Groups the signals by event channel and packs each group into ODTs: distinct values largest first, each
-/// into the first ODT with room. Errors: unsupported "static DAQ configuration is not supported";
-/// invalidArgument "MAX_DTO too small for identification field and timestamp", "signal of N bytes does not
-/// fit into an ODT entry (max M)", "event channel N does not exist", "first ODT of event N is empty (signals
-/// too large next to the timestamp)", "N ODTs exceed the LIMIT available PIDs", "DAQ list N exceeds LIMIT,
-/// the largest number in the identification field".
+/// into the first ODT with room. A slave with dynamic lists gets one list for each event; of one with static
+/// lists those that fit are chosen (see planStaticLists()). Errors: invalidArgument "MAX_DTO too small for
+/// identification field and timestamp", "signal of N bytes does not fit into an ODT entry (max M)", "event
+/// channel N does not exist", "first ODT of event N is empty (signals too large next to the timestamp)", "N
+/// ODTs exceed the LIMIT available PIDs", "DAQ list N exceeds LIMIT, the largest number in the identification
+/// field", and those of planStaticLists().
 Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilities& capabilities,
                         const DaqPlanOptions& options);
 

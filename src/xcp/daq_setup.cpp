@@ -1,5 +1,8 @@
 #include "xcp/daq_setup.h"
 
+#include <algorithm>
+#include <span>
+
 #include <spdlog/fmt/fmt.h>
 
 namespace lm::xcp {
@@ -41,13 +44,13 @@ std::vector<Packet> allocation(const DaqPlan& plan, ByteOrder order) {
                                     buildAllocDaq(static_cast<std::uint16_t>(plan.lists.size()), order)};
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         const auto count = static_cast<std::uint8_t>(plan.lists[i].odts.size());
-        commands.push_back(buildAllocOdt(plan.listNumber(i), count, order));
+        commands.push_back(buildAllocOdt(plan.lists[i].number, count, order));
     }
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         for (std::size_t odt = 0; odt < plan.lists[i].odts.size(); ++odt) {
             const auto count = static_cast<std::uint8_t>(plan.lists[i].odts[odt].entries.size());
             commands.push_back(
-                buildAllocOdtEntry(plan.listNumber(i), static_cast<std::uint8_t>(odt), count, order));
+                buildAllocOdtEntry(plan.lists[i].number, static_cast<std::uint8_t>(odt), count, order));
         }
     }
     return commands;
@@ -61,16 +64,9 @@ Result<std::vector<std::uint8_t>> DaqSetup::configure(const DaqPlan& plan, First
     auto held = connection_.turn();
     if (!held) return held.error();
     Turn& turn = held.value();
-    if (auto allocated = allocate(turn, plan); !allocated) return allocated.error();
-    for (std::size_t i = 0; i < plan.lists.size(); ++i) {
-        for (std::size_t odt = 0; odt < plan.lists[i].odts.size(); ++odt) {
-            auto written = writeOdt(turn, plan.listNumber(i), static_cast<std::uint8_t>(odt),
-                                    plan.lists[i].odts[odt], refusal);
-            if (written) continue;
-            refusal.list = i;
-            return written.error();
-        }
-    }
+    auto ready = plan.dynamicConfiguration ? allocate(turn, plan) : clear(turn, plan, refusal);
+    if (!ready) return ready.error();
+    if (auto written = writeLists(turn, plan, refusal); !written) return written.error();
     if (auto set = setModes(turn, plan, refusal); !set) return set.error();
     return select(turn, plan, source);
 }
@@ -93,6 +89,36 @@ Result<void> DaqSetup::allocate(Turn& turn, const DaqPlan& plan) {
     return {};
 }
 
+/// For lists that the slave has from the start. One that an earlier session left selected would start with
+/// those of the plan, and one that it left running takes no mode. A slave in which none runs may refuse to
+/// stop them; what it really minds it says at the next command.
+Result<void> DaqSetup::clear(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal) {
+    const auto stopped = turn.transact(buildStopAll());
+    if (!stopped && stopped.error().detail == Error::kNoDetail) return stopped.error();
+    for (std::size_t i = 0; i < plan.lists.size(); ++i) {
+        if (plan.lists[i].predefined) continue;
+        auto done = turn.perform(buildClearDaqList(plan.lists[i].number, turn.slave().byteOrder()));
+        if (done) continue;
+        refusal.list = i;
+        return done;
+    }
+    return {};
+}
+
+Result<void> DaqSetup::writeLists(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal) {
+    for (std::size_t i = 0; i < plan.lists.size(); ++i) {
+        const DaqList& list = plan.lists[i];
+        for (std::size_t odt = 0; odt < list.odts.size() && !list.predefined; ++odt) {
+            auto written =
+                writeOdt(turn, list.number, static_cast<std::uint8_t>(odt), list.odts[odt], refusal);
+            if (written) continue;
+            refusal.list = i;
+            return written;
+        }
+    }
+    return {};
+}
+
 Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
                                 DaqRefusal& refusal) {
     const ByteOrder order = turn.slave().byteOrder();
@@ -100,6 +126,14 @@ Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t num
         return turn.perform(buildSetDaqPtr(list, number, static_cast<std::uint8_t>(entry), order));
     };
     if (auto pointed = point(0); !pointed) return pointed;
+    const bool together = turn.mayWriteDaqMultiple() && withoutMultiple_ != turn.connectionNumber() &&
+                          odt.entries.size() > 1 && mostDaqElements(turn.slave().maxCto) > 1;
+    if (together) {
+        const auto written = writeTogether(turn, odt);
+        if (!written) return written.error();
+        if (written.value()) return {};
+        if (auto pointed = point(0); !pointed) return pointed;
+    }
     for (std::size_t entry = 0; entry < odt.entries.size(); ++entry) {
         const auto elements = static_cast<std::uint8_t>(odt.entries[entry].size / turn.slave().granularity());
         // A WRITE_DAQ whose answer was lost has advanced the pointer.
@@ -112,13 +146,34 @@ Result<void> DaqSetup::writeOdt(Turn& turn, std::uint16_t list, std::uint8_t num
     return {};
 }
 
+/// The ODT at the pointer. False when the slave refused or an answer was lost: the pointer stands somewhere,
+/// and one entry after the other tells which of them is refused.
+Result<bool> DaqSetup::writeTogether(Turn& turn, const Odt& odt) {
+    const std::size_t most = mostDaqElements(turn.slave().maxCto);
+    std::vector<DaqElement> elements;
+    for (const OdtEntry& entry : odt.entries) {
+        const auto size = static_cast<std::uint8_t>(entry.size / turn.slave().granularity());
+        elements.push_back({entry.address, size});
+    }
+    Repeats repeats;
+    for (std::span<const DaqElement> rest = elements; !rest.empty();) {
+        const auto part = rest.first(std::min(most, rest.size()));
+        const auto done = turn.attempt(buildWriteDaqMultiple(part, turn.slave().byteOrder()), 1, repeats);
+        if (!done && done.error().detail == Error::kNoDetail) return done.error();
+        if (!done && done.error().detail == kErrCmdUnknown) withoutMultiple_ = turn.connectionNumber();
+        if (!done || !done.value()) return false;
+        rest = rest.subspan(part.size());
+    }
+    return true;
+}
+
 Result<void> DaqSetup::setModes(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal) {
     const ByteOrder order = turn.slave().byteOrder();
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         const DaqList& list = plan.lists[i];
         const std::uint8_t mode = list.timestamp ? kListModeTimestamp : std::uint8_t{0};
-        auto done = turn.perform(
-            buildSetDaqListMode(mode, plan.listNumber(i), list.eventChannel, list.prescaler, order));
+        auto done =
+            turn.perform(buildSetDaqListMode(mode, list.number, list.eventChannel, list.prescaler, order));
         if (done) continue;
         refusal.list = i;
         return done;
@@ -132,7 +187,7 @@ Result<std::vector<std::uint8_t>> DaqSetup::select(Turn& turn, const DaqPlan& pl
     bool told = false;
     selection_.clear();
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
-        selection_.push_back(buildStartStopDaqList(kSelectList, plan.listNumber(i), order));
+        selection_.push_back(buildStartStopDaqList(kSelectList, plan.lists[i].number, order));
         const auto reply = turn.transact(selection_.back(), {.minimumLength = 2});  // with FIRST_PID
         if (!reply) return reply.error();
         const bool here = reply.value().size() > 1 && source == FirstPids::told;
@@ -143,7 +198,8 @@ Result<std::vector<std::uint8_t>> DaqSetup::select(Turn& turn, const DaqPlan& pl
         told = told || here;
     }
     const bool absolute = plan.identification == DaqIdentification::absoluteOdt;
-    if (absolute && told && !disjoint(plan, firstPids)) return collision(firstPids);
+    const bool planned = plan.dynamicConfiguration && !told;  // then they are disjoint
+    if (absolute && !planned && !disjoint(plan, firstPids)) return collision(firstPids);
     return firstPids;
 }
 

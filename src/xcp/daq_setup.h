@@ -1,4 +1,5 @@
-// DAQ of the slave through a connection: the allocation of a plan, start and stop.
+// DAQ of the slave through a connection: a plan is written into lists that are allocated or stand ready;
+// start and stop.
 //
 // Threads: any; each operation holds the line until it is done. Lifetime: the connection is borrowed and must
 // outlive this.
@@ -44,13 +45,19 @@ class DaqSetup {
     using Turn = Connection::Turn;
 
     static Result<void> allocate(Turn& turn, const DaqPlan& plan);
-    static Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
-                                 DaqRefusal& refusal);
+    static Result<void> clear(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
+    Result<void> writeLists(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
+    Result<void> writeOdt(Turn& turn, std::uint16_t list, std::uint8_t number, const Odt& odt,
+                          DaqRefusal& refusal);
+    Result<bool> writeTogether(Turn& turn, const Odt& odt);
     static Result<void> setModes(Turn& turn, const DaqPlan& plan, DaqRefusal& refusal);
     Result<std::vector<std::uint8_t>> select(Turn& turn, const DaqPlan& plan, FirstPids source);
 
     Connection& connection_;
-    std::vector<Packet> selection_;  ///< the commands that selected the lists; whoever holds the line
+
+    // Whoever holds the line.
+    std::vector<Packet> selection_;      ///< the commands that selected the lists
+    std::uint64_t withoutMultiple_ = 0;  ///< the connection whose slave does not know WRITE_DAQ_MULTIPLE
 };
 
 }  // namespace lm::xcp

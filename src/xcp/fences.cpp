@@ -66,6 +66,7 @@ bool Connection::needsWhatWasBefore(const Packet& command) {
         case Command::download:
         case Command::modifyBits:
         case Command::writeDaq:
+        case Command::writeDaqMultiple:
         case Command::allocDaq:
         case Command::allocOdt:
         case Command::allocOdtEntry:

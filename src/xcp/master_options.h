@@ -35,6 +35,7 @@ struct MasterOptions {
     bool useShortUpload = true;
     bool ignoreDaqRunningBit = false;  ///< of GET_STATUS: it does not tell whether lists run
     ConnectOverrides overrides = {};
+    bool offersWriteDaqMultiple = false;  ///< as the A2L tells: several ODT entries in one command
 };
 
 enum class ConnectMode : std::uint8_t { normal = 0, userDefined = 1 };

@@ -10,6 +10,8 @@ namespace lm::xcp {
 namespace {
 
 constexpr std::uint8_t kLowestCommand = 0xC7;
+constexpr std::size_t kMultipleHead = 2;
+constexpr std::size_t kDaqElementSize = 8;
 
 /// From 0xFF downwards to kLowestCommand.
 constexpr std::array<std::string_view, 57> kCommandNames = {
@@ -303,6 +305,12 @@ Packet buildAllocOdtEntry(std::uint16_t list, std::uint8_t odt, std::uint8_t cou
     return packet;
 }
 
+Packet buildClearDaqList(std::uint16_t list, ByteOrder order) {
+    Packet packet = makePacket(Command::clearDaqList, 4);
+    put(packet, 2, list, order);
+    return packet;
+}
+
 Packet buildSetDaqPtr(std::uint16_t list, std::uint8_t odt, std::uint8_t entry, ByteOrder order) {
     Packet packet = makePacket(Command::setDaqPtr, 6);
     put(packet, 2, list, order);
@@ -316,6 +324,26 @@ Packet buildWriteDaq(std::uint8_t elements, Address address, ByteOrder order) {
     packet.bytes[1] = 0xFF;
     packet.bytes[2] = elements;
     putAddress(packet, address, order);
+    return packet;
+}
+
+std::size_t mostDaqElements(std::uint16_t maxCto) {
+    const std::size_t limit = std::min<std::size_t>(maxCto, Packet::kCapacity);
+    return limit < kMultipleHead ? 0 : (limit - kMultipleHead) / kDaqElementSize;
+}
+
+Packet buildWriteDaqMultiple(std::span<const DaqElement> elements, ByteOrder order) {
+    const auto length = static_cast<std::uint8_t>(kMultipleHead + elements.size() * kDaqElementSize);
+    Packet packet = makePacket(Command::writeDaqMultiple, length);
+    packet.bytes[1] = static_cast<std::uint8_t>(elements.size());
+    std::size_t at = kMultipleHead;
+    for (const DaqElement& element : elements) {
+        packet.bytes[at] = 0xFF;
+        packet.bytes[at + 1] = element.elements;
+        put(packet, at + 2, element.address.address, order);
+        packet.bytes[at + 6] = element.address.extension;
+        at += kDaqElementSize;
+    }
     return packet;
 }
 

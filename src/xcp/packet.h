@@ -30,6 +30,7 @@ enum class Command : std::uint8_t {
     shortUpload = 0xF4,
     download = 0xF0,
     modifyBits = 0xEC,
+    clearDaqList = 0xE3,
     setDaqPtr = 0xE2,
     writeDaq = 0xE1,
     readDaq = 0xDB,
@@ -45,6 +46,7 @@ enum class Command : std::uint8_t {
     allocDaq = 0xD5,
     allocOdt = 0xD4,
     allocOdtEntry = 0xD3,
+    writeDaqMultiple = 0xC7,
 };
 
 /// First byte of a packet from the slave; everything below kPidService is a DTO.
@@ -155,9 +157,19 @@ Packet buildGetDaqEventInfo(std::uint16_t channel, ByteOrder order);
 Packet buildAllocDaq(std::uint16_t count, ByteOrder order);
 Packet buildAllocOdt(std::uint16_t list, std::uint8_t count, ByteOrder order);
 Packet buildAllocOdtEntry(std::uint16_t list, std::uint8_t odt, std::uint8_t count, ByteOrder order);
+Packet buildClearDaqList(std::uint16_t list, ByteOrder order);
 Packet buildSetDaqPtr(std::uint16_t list, std::uint8_t odt, std::uint8_t entry, ByteOrder order);
 /// One whole element (bit offset 0xFF) of `elements` address elements.
 Packet buildWriteDaq(std::uint8_t elements, Address address, ByteOrder order);
+/// One whole element of a place in memory, as of WRITE_DAQ.
+struct DaqElement {
+    Address address = {};
+    std::uint8_t elements = 0;  ///< address elements
+};
+/// How many of them a WRITE_DAQ_MULTIPLE holds.
+std::size_t mostDaqElements(std::uint16_t maxCto);
+/// At most mostDaqElements() of them.
+Packet buildWriteDaqMultiple(std::span<const DaqElement> elements, ByteOrder order);
 Packet buildSetDaqListMode(std::uint8_t mode, std::uint16_t list, std::uint16_t event, std::uint8_t prescaler,
                            ByteOrder order);
 Packet buildStartStopDaqList(std::uint8_t mode, std::uint16_t list, ByteOrder order);

@@ -14,11 +14,25 @@
 namespace lm::fuzz {
 namespace {
 
+/// Far enough apart for their PIDs to be their own.
+void takeLists(Input& input, xcp::DaqCapabilities& capabilities) {
+    capabilities.minDaq = 0;
+    const auto count = static_cast<std::uint16_t>(1 + input.takeBelow(8));
+    for (std::uint16_t i = 0; i < count; ++i) {
+        xcp::DaqListInfo list{.number = static_cast<std::uint16_t>(i * 30U)};
+        list.maxOdt = static_cast<std::uint8_t>(input.takeBelow(15));
+        list.maxEntries = static_cast<std::uint8_t>(input.takeBelow(20));
+        list.firstPid = static_cast<std::uint8_t>(i * 15U);
+        if (input.takeBelow(2) != 0) list.fixedEvent = static_cast<std::uint16_t>(input.takeBelow(4));
+        capabilities.lists.push_back(std::move(list));
+    }
+}
+
 xcp::DaqCapabilities takeCapabilities(Input& input) {
     xcp::DaqCapabilities capabilities;
     const auto flags = input.take<std::uint8_t>();
     constexpr std::array<std::uint8_t, 4> kSizes = {0, 1, 2, 4};
-    capabilities.dynamicConfiguration = true;
+    capabilities.dynamicConfiguration = (flags & 0x80U) == 0;
     capabilities.timestampSupported = (flags & 0x01U) != 0;
     capabilities.timestampFixed = (flags & 0x02U) != 0;
     capabilities.overloadInPid = (flags & 0x04U) != 0;
@@ -34,6 +48,7 @@ xcp::DaqCapabilities takeCapabilities(Input& input) {
         capabilities.tickNs *= 10;
     for (std::uint16_t i = input.take<std::uint8_t>() & 3U; i > 0; --i)
         capabilities.events.push_back({.number = i, .cycleNs = input.take<std::uint8_t>() * 1'000'000LL});
+    if (!capabilities.dynamicConfiguration) takeLists(input, capabilities);
     return capabilities;
 }
 
@@ -76,7 +91,7 @@ class Records final : public xcp::IDaqRecordSink {
     void onRecord(const xcp::DaqRecord& record) override {
         require(record.listIndex < plan_.lists.size(), "a record of a list");
         require(record.size == plan_.lists[record.listIndex].recordSize, "of its size");
-        require(record.listNumber == plan_.listNumber(record.listIndex), "with its number");
+        require(record.listNumber == plan_.lists[record.listIndex].number, "with its number");
         require(record.timeNs() <= record.receiveTimeNs, "not from the future");
         auto [last, first] = lastNs.try_emplace(record.listIndex, record.timeNs());
         require(first || record.timeNs() >= last->second, "time does not step back");
@@ -127,7 +142,7 @@ struct Bench {
 
   private:
     Bytes header(std::size_t index, std::uint8_t pid) const {
-        const unsigned number = plan.listNumber(index);
+        const unsigned number = plan.lists[index].number;
         Bytes bytes = {pid, static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(number >> 8U)};
         if (plan.identification == xcp::DaqIdentification::relativeWordAligned)
             bytes.insert(bytes.begin() + 1, 0xAA);
@@ -163,8 +178,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     patient.holdBack();
     fuzz::Bench bench{plan, decoder, records, patient};
     // The slave's own PIDs may overlap here: then a cycle need not arrive.
-    const bool cycles =
-        !plan.lists.empty() && firstPids.empty() && plan.firstListNumber + plan.lists.size() <= 256;
+    const bool cycles = !plan.lists.empty() && firstPids.empty() && plan.lists.back().number <= 255;
     while (!input.empty()) {
         const auto step = input.take<std::uint8_t>();
         bench.now += std::int64_t{1} << (input.take<std::uint8_t>() % 42U);

@@ -135,8 +135,10 @@ class FailuresTest(harness.SystemTest):
         for directory, name in mine.items():
             self.assertEqual([(path.name, path.read_text()) for path in directory.iterdir()], [(name, "mine")])
         self.assertFalse((made / "below").exists())
-        done = self.run_cli(self.start_sim("--no-daq"), "measure", "-s", "wave")
-        self.expect(done, err="measure: the slave offers no DAQ\n", code=1)
+        for options, message in ((["--no-daq"], "the slave offers no DAQ"),
+                                 (["--static-daq", "--without", "GET_DAQ_LIST_INFO"], "the ECU has static DAQ lists and tells nothing about them")):
+            done = self.run_cli(self.start_sim(*options), "measure", "-s", "wave")
+            self.expect(done, err=f"measure: {message}\n", code=1)
 
     def test_causes_and_mends_are_told(self):
         """The line of the error stays as it is, its hint follows."""

@@ -206,5 +206,70 @@ TEST(MasterDaq, ConfiguresListByListAndTakesDisjointFirstPids) {
     EXPECT_TRUE(bench.master.startDaq() && bench.master.stopDaq());
 }
 
+TEST(MasterDaq, WritesStaticListsAndStartsPredefinedOnes) {
+    DaqCapabilities capabilities{.prescalerSupported = true, .maxEventChannel = 9};
+    const Odt ready{.entries = {{{0x40, 0}, 2, 0}}};
+    capabilities.lists = {{.number = 1, .predefined = true, .maxOdt = 4, .odts = {ready, ready}},
+                          {.number = 3, .maxOdt = 2, .maxEntries = 1}};
+    const DaqSignal signals[] = {{{0x10, 0}, 4, 5, 8}, {{0x20, 0}, 4, 5, 8}, {{0x40, 0}, 2, 6, 1}};
+    const DaqPlan plan = planDaq(signals, capabilities, {.maxDto = 8}).value();
+    const std::string prepared =
+        "FF 00 > @; DD 00 > FE 2A; E3 00 03 00; FC > FE 00; E3 00 03 00 > FF; "
+        "E2 00 03 00 00 00 > FF; E1 FF 04 00 10 00 00 00 > FF; E2 00 03 00 01 00 > FF; "
+        "E1 FF 04 00 20 00 00 00 > FF; E0 00 03 00 05 00 08 00 > FF; E0 00 01 00 06 00 01 00 > FF; ";
+    // Told, by one, by none.
+    for (const auto& [answers, expected] : {std::pair{"DE 02 03 00 > FF 20; DE 02 01 00 > FF 30", "20 30"},
+                                            std::pair{"DE 02 03 00 > FF 20; DE 02 01 00 > FF", "20 00"},
+                                            std::pair{"DE 02 03 00 > FF; DE 02 01 00 > FF", "04 00"}}) {
+        Bench bench(prepared + answers);
+        bench.run("connect");
+        const auto pids = bench.master.configureDaq(plan).value();
+        EXPECT_EQ(test::hexText(pids.data(), pids.size()), expected);
+    }
+}
+
+TEST(MasterDaq, WritesEntriesTogetherWhereTheSlaveCan) {
+    std::vector<DaqSignal> signals;
+    for (std::uint32_t i = 0; i < 3; ++i)
+        signals.push_back({{0x10 + i, 1}, 1, 0, 1});
+    signals.push_back({{0x20, 0}, 5, 0, 1});
+    signals.push_back({{0x30, 0}, 1, 0, 1});
+    const DaqCapabilities capabilities{.dynamicConfiguration = true, .maxEventChannel = 9};
+    const DaqPlan plan = planDaq(signals, capabilities, {.maxDto = 8}).value();
+    const std::string together = "C7 02 FF 05 20 00 00 00 00 00 FF 01 10 00 00 00 01 00";
+    const std::string plain =
+        "E2 00 00 00 00 00 > FF; E1 FF 05 00 20 00 00 00 > FF; E1 FF 01 01 10 00 00 00 > ";
+    const std::string secondTogether =
+        "E2 00 00 00 01 00 > FF; C7 02 FF 01 12 00 00 00 01 00 FF 01 30 00 00 00 00 00 > FF; ";
+    const std::string secondPlain =
+        "E2 00 00 00 01 00 > FF; E1 FF 01 01 12 00 00 00 > FF; E1 FF 01 00 30 00 00 00 > FF; ";
+    const std::string rest = "E0 00 00 00 00 00 01 00 > FF; DE 02 00 00 > FF 00";
+    const std::string third = "E1 FF 01 01 11 00 00 00 > FF; ";
+    const struct {
+        const char* what;
+        std::string script;
+        const char* result;
+    } rows[] = {
+        {"known", together + " > FF; C7 01 FF 01 11 00 00 00 01 00 > FF; " + secondTogether + rest, "ok"},
+        {"not known", together + " > FE 20; " + plain + "FF; " + third + secondPlain + rest, "ok"},
+        {"an entry is refused", together + " > FE 22; " + plain + "FE 22",
+         "WRITE_DAQ: ERR_OUT_OF_RANGE (0x22)"},
+        {"an answer is lost", together + "; FC > FE 00; " + plain + "FF; " + third + secondTogether + rest,
+         "ok"},
+    };
+    for (const auto& row : rows) {
+        Bench bench(
+            "FF 00 > FF 05 00 12 08 00 01 01; D6 > FF; D5 00 01 00 > FF; D4 00 00 00 02 > FF; "
+            "D3 00 00 00 00 03 > FF; D3 00 00 00 01 02 > FF; E2 00 00 00 00 00 > FF; " +
+                row.script,
+            {.t1 = 20, .t7 = 0, .offersWriteDaqMultiple = true});
+        bench.run("connect");
+        DaqRefusal refusal;
+        const auto done = bench.master.configureDaq(plan, FirstPids::told, refusal);
+        EXPECT_EQ(done ? "ok" : done.error().text(), row.result) << row.what;
+        EXPECT_EQ(refusal.offset.has_value(), !done.ok());
+    }
+}
+
 }  // namespace
 }  // namespace lm::xcp
