@@ -61,6 +61,7 @@ Result<std::vector<std::uint8_t>> DaqSetup::configure(const DaqPlan& plan, First
     auto held = connection_.turn();
     if (!held) return held.error();
     Turn& turn = held.value();
+    if (auto open = turn.unlockBefore(Resource::daq); !open) return open.error();
     if (auto allocated = allocate(turn, plan); !allocated) return allocated.error();
     for (std::size_t i = 0; i < plan.lists.size(); ++i) {
         for (std::size_t odt = 0; odt < plan.lists[i].odts.size(); ++odt) {
