@@ -7,7 +7,9 @@
 #include <spdlog/spdlog.h>
 
 #include "a2l/object.h"
+#include "core/printable_text.h"
 #include "session/connect_patience.h"
+#include "session/key_helper.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
 #include "value/typed_text.h"
@@ -15,8 +17,20 @@
 namespace lm::session {
 namespace {
 
-xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::XcpInterface& interface) {
+/// What stands behind "RESOURCE is locked (seed and key)".
+std::string keyHint(const a2l::XcpInterface& interface) {
+    std::string hint =
+        ": \"security\" in the configuration names what computes the key (docs/seed-and-key.md)";
+    if (!interface.protocolLayer || interface.protocolLayer->keyLibrary.empty()) return hint;
+    return hint + "; the A2L calls its library " + printableText(interface.protocolLayer->keyLibrary);
+}
+
+xcp::MasterOptions masterOptions(const SessionConfig& whole, const a2l::XcpInterface& interface,
+                                 const StopToken& stop) {
+    const SessionConfig::Xcp& config = whole.xcp;
     xcp::MasterOptions options;
+    if (whole.security.configured()) options.keys = KeyHelper(whole.security, stop);
+    options.keyHint = keyHint(interface);
     std::array<std::uint64_t*, 7> fields = {&options.t1, &options.t2, &options.t3, &options.t4,
                                             &options.t5, &options.t6, &options.t7};
     for (std::size_t i = 0; i < fields.size(); ++i) {
@@ -91,8 +105,8 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
       description_(std::move(description)),
       stop_(std::move(stop)),
       medium_(std::move(medium)),
-      master_(std::make_unique<xcp::Master>(medium_->transport(),
-                                            masterOptions(config_.xcp, description_.xcp), stop_.token())),
+      master_(std::make_unique<xcp::Master>(
+          medium_->transport(), masterOptions(config_, description_.xcp, stop_.token()), stop_.token())),
       values_(*master_, stop_.token(), modifiesBits(config_.xcp, description_.xcp)),
       objects_(description_, *master_, stop_.token()) {
     master_->setListener(this);
@@ -114,12 +128,15 @@ Result<void> Session::open() {
         return error;
     }
     capabilities_.reset();
+    whyNoDaq_.clear();
     if (master_->connectInfo().offersDaq()) {
         auto capabilities = xcp::inStep(*master_, [this] { return master_->daqCapabilities(); });
         if (capabilities.ok()) {
             capabilities_ = std::move(capabilities).value();
         } else if (!stopToken().requested()) {
-            spdlog::warn("DAQ capabilities not available: {}", capabilities.error().text());
+            const Error& error = capabilities.error();
+            whyNoDaq_ = error.hint.empty() ? error.text() : error.text() + ": " + error.hint;
+            spdlog::warn("DAQ capabilities not available: {}", error.text());
         }
     }
     warnAboutByteOrder();
@@ -152,6 +169,36 @@ Result<void> Session::close() {
 
 Result<xcp::SlaveStatus> Session::status() {
     return xcp::inStep(*master_, [this] { return master_->getStatus(); });
+}
+
+Result<std::vector<LockOutcome>> Session::unlock(std::span<const xcp::Resource> resources) {
+    const auto before = status();
+    if (!before.ok()) return afterConnect(before.error());
+    std::vector<LockOutcome> outcomes;
+    for (const xcp::Resource resource : xcp::kResources) {
+        const bool named = std::find(resources.begin(), resources.end(), resource) != resources.end();
+        const bool locked = before.value().isLocked(resource);
+        const bool offered = (connectInfo().resource & static_cast<std::uint8_t>(resource)) != 0 || locked;
+        if (resources.empty() ? !offered : !named) continue;
+        outcomes.push_back(unlockOne(resource, locked));
+    }
+    return outcomes;
+}
+
+/// Some ECUs do not tell what is locked: where there is a key, the answer to GET_SEED counts.
+LockOutcome Session::unlockOne(xcp::Resource resource, bool isLocked) {
+    using State = LockOutcome::State;
+    if (!isLocked && !config_.security.configured()) return {resource};
+    bool opened = isLocked;
+    const auto done = xcp::inStep(*master_, [&] {
+        auto unlocked = master_->unlock(resource);
+        opened = opened || (unlocked.ok() && unlocked.value() == xcp::Unlocking::opened);
+        return unlocked;
+    });
+    if (done.ok()) return {resource, opened ? State::unlocked : State::open};
+    const std::int32_t code = done.error().detail;
+    if (!isLocked && (code == xcp::kErrCmdUnknown || code == xcp::kErrOutOfRange)) return {resource};
+    return {resource, State::locked, afterConnect(done.error())};
 }
 
 /// With a hint where an ECU that had answered CONNECT is silent.
@@ -224,7 +271,11 @@ Result<void> Session::sendText(std::string_view line) {
 
 Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options) {
     if (running_) return Error{ErrorCode::alreadyOpen, "measurement already running"};
-    if (!capabilities_) return Error{ErrorCode::unsupported, "the slave offers no DAQ"};
+    if (!capabilities_) {
+        Error none{ErrorCode::unsupported, "the slave offers no DAQ"};
+        none.hint = whyNoDaq_;
+        return none;
+    }
     measurement_.reset();
     overloadEvents_ = 0;
     recording_.reset();
