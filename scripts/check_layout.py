@@ -23,6 +23,7 @@ ARROWS = {
     "exporter": {"core", "value", "storage"},
     "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage"},
     "cli": {"core", "value", "a2l", "xcp", "storage", "exporter", "session", "help"},
+    "key": {"core"},
     "sim": {"core", "hal", "help"},
 }
 # Library header -> folders or single files that may include it. The parser and the log take seconds to compile.

@@ -14,7 +14,7 @@ template <typename Id>
 using Keyword = OptionalKeyword<Id>;
 
 XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
-    enum class Word : std::uint8_t { other, little, big, byte, word, dword, command };
+    enum class Word : std::uint8_t { other, little, big, byte, word, dword, command, keys };
     static constexpr std::array kKeywords = {
         Keyword<Word>{"BYTE_ORDER_MSB_LAST", 0, Word::little},
         Keyword<Word>{"BYTE_ORDER_MSB_FIRST", 0, Word::big},
@@ -23,6 +23,7 @@ XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
         Keyword<Word>{"ADDRESS_GRANULARITY_DWORD", 0, Word::dword},
         Keyword<Word>{"OPTIONAL_CMD", 1, Word::command},
         Keyword<Word>{"OPTIONAL_LEVEL1_CMD", 1, Word::other},
+        Keyword<Word>{"SEED_AND_KEY_EXTERNAL_FUNCTION", 1, Word::keys},
     };
     XcpProtocolLayer layer;
     layer.version = readNumber(block, 0, "version");
@@ -37,6 +38,7 @@ XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
         if (word == Word::byte) layer.addressGranularity = std::uint8_t{1};
         if (word == Word::word) layer.addressGranularity = std::uint8_t{2};
         if (word == Word::dword) layer.addressGranularity = std::uint8_t{4};
+        if (word == Word::keys) layer.keyLibrary = readString(block, value, "SEED_AND_KEY_EXTERNAL_FUNCTION");
         if (word == Word::command) {
             layer.optionalCommands.emplace_back(readIdentifier(block, value, "OPTIONAL_CMD"));
         }

@@ -24,6 +24,7 @@ struct XcpProtocolLayer {
     std::optional<ByteOrder> byteOrder;
     std::optional<std::uint8_t> addressGranularity;  ///< 1, 2 or 4
     std::vector<std::string> optionalCommands;       ///< OPTIONAL_CMD names in file order
+    std::string keyLibrary;                          ///< SEED_AND_KEY_EXTERNAL_FUNCTION; never loaded
 };
 
 /// One EVENT of the DAQ block.

@@ -8,6 +8,7 @@
 #include "cli/command_measure.h"
 #include "cli/command_recording.h"
 #include "cli/command_save_config.h"
+#include "cli/command_unlock.h"
 #include "cli/command_values.h"
 #include "cli/stop_signal.h"
 
@@ -89,6 +90,11 @@ NAME@EVENT/8 takes every eighth sample. With --json -p is 1 when it is not given
      R"(  xcplumo-cli --a2l demo.a2l --udp 127.0.0.1 save-config demo.json
   xcplumo-cli -c demo.json --reconnect retry save-config other.json)",
      Needs::configuration, Form::text, make<SaveConfigCommand>},
+    {"unlock", "Try seed & key: unlock the ECU and say what opened",
+     R"(  xcplumo-cli -c locked.json unlock
+  xcplumo-cli -c locked.json unlock daq --json
+The ECU locks everything again when the command ends; other commands unlock what they need.)",
+     Needs::connection, Form::json, make<UnlockCommand>},
     {"describe", "All that the A2L says about one object (no connection)",
      R"(  xcplumo-cli --a2l demo.a2l describe engine_speed
   xcplumo-cli --a2l demo.a2l describe "engine.cyl[1].temp"

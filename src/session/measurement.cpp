@@ -25,6 +25,10 @@ std::int64_t leastGapNs(const xcp::DaqPlan& plan, const MeasurementContext& cont
     return four > 0 ? std::min(four, heartbeatNs(context)) : heartbeatNs(context);
 }
 
+std::string withCause(std::string hint, const std::string& cause) {
+    return hint.empty() || cause.empty() ? hint + cause : hint + ": " + cause;
+}
+
 void add(xcp::DaqDecoderCounters& total, const xcp::DaqDecoderCounters& part) {
     total.dtos += part.dtos;
     total.records += part.records;
@@ -89,7 +93,7 @@ Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
     if (!firstPids.ok()) {
         Error error = firstPids.error();
         if (error.detail != Error::kNoDetail)
-            error.hint = refusalHint(plan_, capabilities, refusal, error.detail);
+            error.hint = withCause(refusalHint(plan_, capabilities, refusal, error.detail), error.hint);
         return error;
     }
     removeDecoder();

@@ -67,6 +67,7 @@ ObjectWriteOutcome ObjectAccess::write(const a2l::Object& object, const Change& 
     }
     const auto spans = a2l::differences(before.value(), wanted.value());
     if (spans.empty()) return {std::move(before)};
+    if (auto open = master_.unlockBefore(xcp::Resource::calPag); !open) return {open.error()};
     // From here on a stop is carried out when the object has been read back.
     const auto finishing = master_.finishing();
     if (stop_.requested()) return {Error::stopped(object.name + ": stopped")};

@@ -10,7 +10,6 @@ constexpr std::int32_t kBusy = 0x10;
 constexpr std::int32_t kDaqActive = 0x11;
 constexpr std::int32_t kOutOfRange = 0x22;
 constexpr std::int32_t kAccessDenied = 0x24;
-constexpr std::int32_t kAccessLocked = 0x25;
 
 /// "event 1 (cyclic_10ms)"
 std::string eventText(std::uint16_t number, const xcp::DaqCapabilities& capabilities) {
@@ -26,8 +25,6 @@ std::string told(std::int32_t code, const std::string& what) {
             return "the ECU was busy when it came to " + what + ": try again";
         case kDaqActive:
             return "lists were running in the ECU when it came to " + what + ": does another tool measure?";
-        case kAccessLocked:
-            return "the ECU refused " + what + ": it is locked (seed and key)";
         default:
             return "the ECU refused " + what;
     }

@@ -6,7 +6,9 @@
 
 #include "a2l/object.h"
 #include "core/log.h"
+#include "core/printable_text.h"
 #include "session/connect_patience.h"
+#include "session/key_helper.h"
 #include "session/measurement.h"
 #include "session/transport_choice.h"
 #include "value/typed_text.h"
@@ -14,8 +16,20 @@
 namespace lm::session {
 namespace {
 
-xcp::MasterOptions masterOptions(const SessionConfig::Xcp& config, const a2l::XcpInterface& interface) {
+/// What stands behind "RESOURCE is locked (seed and key)".
+std::string keyHint(const a2l::XcpInterface& interface) {
+    std::string hint =
+        ": \"security\" in the configuration names what computes the key (docs/seed-and-key.md)";
+    if (!interface.protocolLayer || interface.protocolLayer->keyLibrary.empty()) return hint;
+    return hint + "; the A2L calls its library " + printableText(interface.protocolLayer->keyLibrary);
+}
+
+xcp::MasterOptions masterOptions(const SessionConfig& whole, const a2l::XcpInterface& interface,
+                                 const StopToken& stop) {
+    const SessionConfig::Xcp& config = whole.xcp;
     xcp::MasterOptions options;
+    if (whole.security.configured()) options.keys = KeyHelper(whole.security, stop);
+    options.keyHint = keyHint(interface);
     std::array<std::uint64_t*, 7> fields = {&options.t1, &options.t2, &options.t3, &options.t4,
                                             &options.t5, &options.t6, &options.t7};
     for (std::size_t i = 0; i < fields.size(); ++i) {
@@ -100,8 +114,8 @@ Session::Session(SessionConfig config, a2l::Description description, StopSource 
       description_(std::move(description)),
       stop_(std::move(stop)),
       medium_(std::move(medium)),
-      master_(std::make_unique<xcp::Master>(medium_->transport(),
-                                            masterOptions(config_.xcp, description_.xcp), stop_.token())),
+      master_(std::make_unique<xcp::Master>(
+          medium_->transport(), masterOptions(config_, description_.xcp, stop_.token()), stop_.token())),
       values_(*master_, stop_.token(), modifiesBits(config_.xcp, description_.xcp)),
       objects_(description_, *master_, stop_.token()),
       daqSource_(*master_, config_, description_.xcp) {
@@ -159,8 +173,8 @@ Result<void> Session::completeDaq() {
     if (config_.daq.source == DaqTold::a2l && !description_.xcp.daq)
         log::warn("daq.source is \"a2l\", and the A2L has no DAQ block: the ECU was asked");
     log::info("DAQ: configuration from {}, resolution {}, events {}, lists {}",
-                 originName(daqOrigins_.configuration), originName(daqOrigins_.resolution),
-                 originName(daqOrigins_.events), originName(daqOrigins_.lists));
+              originName(daqOrigins_.configuration), originName(daqOrigins_.resolution),
+              originName(daqOrigins_.events), originName(daqOrigins_.lists));
     return {};
 }
 
@@ -188,6 +202,36 @@ Result<void> Session::close() {
 
 Result<xcp::SlaveStatus> Session::status() {
     return xcp::inStep(*master_, [this] { return master_->getStatus(); });
+}
+
+Result<std::vector<LockOutcome>> Session::unlock(std::span<const xcp::Resource> resources) {
+    const auto before = status();
+    if (!before.ok()) return afterConnect(before.error());
+    std::vector<LockOutcome> outcomes;
+    for (const xcp::Resource resource : xcp::kResources) {
+        const bool named = std::find(resources.begin(), resources.end(), resource) != resources.end();
+        const bool locked = before.value().isLocked(resource);
+        const bool offered = (connectInfo().resource & static_cast<std::uint8_t>(resource)) != 0 || locked;
+        if (resources.empty() ? !offered : !named) continue;
+        outcomes.push_back(unlockOne(resource, locked));
+    }
+    return outcomes;
+}
+
+/// Some ECUs do not tell what is locked: where there is a key, the answer to GET_SEED counts.
+LockOutcome Session::unlockOne(xcp::Resource resource, bool isLocked) {
+    using State = LockOutcome::State;
+    if (!isLocked && !config_.security.configured()) return {resource};
+    bool opened = isLocked;
+    const auto done = xcp::inStep(*master_, [&] {
+        auto unlocked = master_->unlock(resource);
+        opened = opened || (unlocked.ok() && unlocked.value() == xcp::Unlocking::opened);
+        return unlocked;
+    });
+    if (done.ok()) return {resource, opened ? State::unlocked : State::open};
+    const std::int32_t code = done.error().detail;
+    if (!isLocked && (code == xcp::kErrCmdUnknown || code == xcp::kErrOutOfRange)) return {resource};
+    return {resource, State::locked, afterConnect(done.error())};
 }
 
 /// With a hint where an ECU that had answered CONNECT is silent.

@@ -47,6 +47,15 @@ Error noA2lConfigured();
 /// Logs what was left out of a description or is odd about it; what nobody misses for `-v` only.
 void logWarnings(const a2l::Description& description);
 
+/// What became of a resource that seed & key may protect.
+struct LockOutcome {
+    enum class State : std::uint8_t { open, unlocked, locked };
+
+    xcp::Resource resource = xcp::Resource::calPag;
+    State state = State::open;
+    std::optional<Error> error = std::nullopt;  ///< why it stayed locked
+};
+
 class Session final : private xcp::IMasterListener {
   public:
     /// Called with every warning about the A2L, beside the log.
@@ -124,6 +133,8 @@ class Session final : private xcp::IMasterListener {
     std::string ecuName() const;
     xcp::ConnectInfo connectInfo() const { return master_->connectInfo(); }
     Result<xcp::SlaveStatus> status();
+    /// Tries to unlock these resources, or with none given all that the ECU offers. Errors: status()'s.
+    Result<std::vector<LockOutcome>> unlock(std::span<const xcp::Resource> resources);
     /// Absent before open() and for an ECU without DAQ.
     const std::optional<xcp::DaqCapabilities>& daqCapabilities() const { return capabilities_; }
     const DaqOrigins& daqOrigins() const { return daqOrigins_; }
@@ -148,6 +159,7 @@ class Session final : private xcp::IMasterListener {
     void askForDaq();
     void warnAboutByteOrder() const;
     Error afterConnect(Error error) const;
+    LockOutcome unlockOne(xcp::Resource resource, bool isLocked);
 
     // Constant after construction.
     const SessionConfig config_;

@@ -7,6 +7,7 @@
 #include <limits>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -17,6 +18,7 @@
 #include "core/log.h"
 #include "core/stoppable_input.h"
 #include "core/text.h"
+#include "core/trusted_file.h"
 
 namespace lm::session {
 namespace {
@@ -151,6 +153,25 @@ class Section {
         target = std::move(texts);
     }
 
+    /// One text or several, each a SHA-256.
+    void readDigests(const char* key, std::vector<std::string>& target) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        std::vector<std::string> texts;
+        if (value->is_string()) {
+            texts = {value->get<std::string>()};
+        } else {
+            readTexts(key, texts);
+        }
+        for (std::string& text : texts) {
+            lowerAsciiInto(text, std::string(text));
+            const auto isHex = [](char c) { return hexDigit(c).has_value(); };
+            if (text.size() != 64 || !std::all_of(text.begin(), text.end(), isHex))
+                return fail(key, "'" + text + "' is not a SHA-256 of 64 hexadecimal digits");
+        }
+        target = std::move(texts);
+    }
+
     void readPolicy(const char* key, ReconnectPolicy& target) {
         std::string text(reconnectPolicyName(target));
         read(key, text);
@@ -236,6 +257,10 @@ class Section {
         }
     }
 
+    void fail(const char* key, const std::string& reason) {
+        failure_ = Error{ErrorCode::invalidArgument, "configuration: " + pathOf(key) + ": " + reason};
+    }
+
   private:
     std::string pathOf(const std::string& key) const { return path_.empty() ? key : path_ + "." + key; }
 
@@ -244,10 +269,6 @@ class Section {
         if (failure_) return nullptr;
         const auto found = object_.find(key);
         return found == object_.end() ? nullptr : &*found;
-    }
-
-    void fail(const char* key, const std::string& reason) {
-        failure_ = Error{ErrorCode::invalidArgument, "configuration: " + pathOf(key) + ": " + reason};
     }
 
     void failType(const char* key, const char* wanted, const json& value) {
@@ -283,6 +304,33 @@ void fillCan(Section& section, SessionConfig::Can& can) {
     section.read("maxDlcRequired", can.maxDlcRequired);
 }
 
+std::filesystem::path below(const std::filesystem::path& directory, const std::string& text) {
+    const std::filesystem::path path = text;
+    // An empty text means "none", not the directory itself.
+    return text.empty() || path.has_root_directory() ? path : directory / path;
+}
+
+/// The same wherever it is written to or used from.
+std::filesystem::path fromRoot(const std::filesystem::path& path) {
+    std::error_code failure;
+    const auto whole = path.empty() ? path : std::filesystem::absolute(path, failure).lexically_normal();
+    return failure ? path : whole;
+}
+
+void fillSecurity(Section& section, const std::filesystem::path& baseDirectory,
+                  SessionConfig::Security& security) {
+    std::string library;
+    section.read("library", library);
+    security.library = fromRoot(below(baseDirectory, library));
+    section.readTexts("command", security.command);
+    if (!security.command.empty() && security.command.front().find('/') != std::string::npos)
+        security.command.front() = fromRoot(below(baseDirectory, security.command.front())).string();
+    section.readMilliseconds("timeoutMs", 1, security.timeout);
+    section.readDigests("sha256", security.sha256);
+    if (!security.library.empty() && !security.command.empty())
+        section.fail("command", "there is a library, too: one of them computes the keys");
+}
+
 void fillReconnect(Section& section, SessionConfig::Reconnect& reconnect) {
     section.readPolicy("policy", reconnect.policy);
     section.read("attempts", reconnect.attempts);
@@ -309,9 +357,7 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
     document.read("name", config.name);
     std::string a2l;
     document.read("a2l", a2l);
-    config.a2l = a2l;
-    // An empty text means "none", not the directory itself.
-    if (!a2l.empty() && !config.a2l.has_root_directory()) config.a2l = baseDirectory / config.a2l;
+    config.a2l = below(baseDirectory, a2l);
     document.section("can", [&](Section& section) { fillCan(section, config.can); });
     document.section("udp", [&](Section& section) {
         section.read("host", config.udp.host);
@@ -340,6 +386,8 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
         if (isA2l) config.daq.source = *isA2l ? DaqTold::a2l : DaqTold::ecu;
     });
     document.section("reconnect", [&](Section& section) { fillReconnect(section, config.reconnect); });
+    document.section("security",
+                     [&](Section& section) { fillSecurity(section, baseDirectory, config.security); });
     document.readTexts("measurement", config.measurement);
     document.section("display", [&](Section& section) { section.read("exact", config.display.exact); });
 }
@@ -402,6 +450,15 @@ ordered_json overridesDocument(const SessionConfig::Overrides& overrides) {
     return section;
 }
 
+ordered_json securityDocument(const SessionConfig::Security& security) {
+    ordered_json section;
+    if (!security.library.empty()) section["library"] = security.library.generic_string();
+    if (!security.command.empty()) section["command"] = security.command;
+    section["timeoutMs"] = security.timeout.count();
+    if (!security.sha256.empty()) section["sha256"] = security.sha256;
+    return section;
+}
+
 ordered_json documentOf(const SessionConfig& config) {
     ordered_json document;
     document["name"] = config.name;
@@ -436,6 +493,7 @@ ordered_json documentOf(const SessionConfig& config) {
     reconnect["attempts"] = config.reconnect.attempts;
     reconnect["intervalMs"] = config.reconnect.interval.count();
     reconnect["heartbeatMs"] = config.reconnect.heartbeat.count();
+    if (config.security.configured()) document["security"] = securityDocument(config.security);
     document["measurement"] = config.measurement;
     if (config.display != SessionConfig::Display{}) document["display"]["exact"] = config.display.exact;
     return document;
@@ -445,13 +503,15 @@ std::string dumped(const ordered_json& document, ordered_json::error_handler_t o
     return document.dump(2, ' ', false, onBadText);
 }
 
-Result<std::string> readWhole(const std::filesystem::path& path, const StopToken& stop) {
+/// `others`: why the text may be another's.
+Result<std::string> readWhole(const std::filesystem::path& path, const StopToken& stop, std::string& others) {
     const UniqueFd file = openForReading(path);
     if (!file.valid()) {
         const int reason = errno;
         return Error::withReasonAsHint(ErrorCode::notFound, reason,
                                        "cannot open configuration " + path.string());
     }
+    others = whyOthersMayWrite(file.get()).value_or("");
     std::string text;
     std::array<char, 16384> block;
     ssize_t count = 0;
@@ -515,9 +575,12 @@ std::string sessionConfigToJson(const SessionConfig& config) {
 }
 
 Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, const StopToken& stop) {
-    auto text = readWhole(path, stop);
+    std::string others;
+    auto text = readWhole(path, stop, others);
     if (!text) return text.error();
     auto config = sessionConfigFromJson(text.value(), path.parent_path());
+    if (config && config.value().security.configured() && !others.empty())
+        config.value().security.refusal = "\"security\" in " + path.string() + " is refused: " + others;
     if (config) return config;
     Error error = config.error();
     error.message = path.string() + ": " + error.message;

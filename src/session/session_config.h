@@ -115,6 +115,18 @@ struct SessionConfig {
 
         bool operator==(const Daq&) const = default;
     };
+    /// What computes the keys of an ECU with seed & key: a library or a program, or neither.
+    struct Security {
+        std::filesystem::path library;     ///< a shared object
+        std::vector<std::string> command;  ///< a program and its arguments
+        std::chrono::milliseconds timeout{5000};
+        std::vector<std::string> sha256;  ///< of the library, or of files among the command; lower case
+        /// Why nothing of this is used: others can have changed the file that it stands in. Not written.
+        std::string refusal;
+
+        bool configured() const { return !library.empty() || !command.empty(); }
+        bool operator==(const Security&) const = default;
+    };
     struct Reconnect {
         ReconnectPolicy policy = ReconnectPolicy::abort;
         std::uint32_t attempts = 5;
@@ -138,16 +150,17 @@ struct SessionConfig {
     Xcp xcp;
     Daq daq;
     Reconnect reconnect;
+    Security security;                     ///< written only when it is not the default
     std::vector<std::string> measurement;  ///< default signals, see chooseSignals()
     Display display;                       ///< written only when it is not the default
 
     bool operator==(const SessionConfig&) const = default;
 };
 
-/// Reads a document (comments allowed); a relative `a2l` is taken from `baseDirectory`. A document that is
-/// not an object, and a section that is not one, keep the defaults; an unknown key is logged as a warning.
-/// Errors (invalidArgument): "configuration: ..." with line and column of a syntax error or the path of the
-/// value ("configuration: can.bitrate: ..."), "unknown reconnect policy 'TEXT'".
+/// Reads a document (comments allowed); a relative `a2l` or `security.library` is taken from `baseDirectory`.
+/// A document that is not an object, and a section that is not one, keep the defaults; an unknown key is
+/// logged as a warning. Errors (invalidArgument): "configuration: ..." with line and column of a syntax error
+/// or the path of the value ("configuration: can.bitrate: ..."), "unknown reconnect policy 'TEXT'".
 Result<SessionConfig> sessionConfigFromJson(std::string_view text,
                                             const std::filesystem::path& baseDirectory);
 

@@ -58,6 +58,7 @@ WriteOutcome ValueAccess::write(const value::Element& element, const value::Valu
     if (!current) return {current.error()};
     std::vector<std::uint8_t> bytes = std::move(current).value().bytes;
     if (auto encoded = value::encodePhysical(element, physical, bytes); !encoded) return {encoded.error()};
+    if (auto open = master_.unlockBefore(xcp::Resource::calPag); !open) return {open.error()};
     // From here on a stop is carried out when the value has been read back.
     const auto finishing = master_.finishing();
     if (stop_.requested()) return {Error::stopped(element.name + ": stopped")};

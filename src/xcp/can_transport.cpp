@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "core/log.h"
+#include "xcp/packet.h"
 #include "xcp/transport_event.h"
 
 namespace lm::xcp {
@@ -66,6 +67,7 @@ Result<void> CanTransport::send(const std::uint8_t* data, std::size_t length) {
     if (config_.maxDlcRequired) frame.length = config_.maxDlc;
     std::copy_n(data, length, frame.data.begin());
     std::fill(frame.data.begin() + length, frame.data.begin() + frame.length, config_.fillByte);
+    watchForSecrets(*data);
     trace(">", frame);
     return broker_.send(frame);
 }
@@ -82,8 +84,23 @@ void CanTransport::onChannelEvent(const hal::CanChannelEvent& event) {
     if (IPacketSink* const sink = sink_.load()) sink->onTransportEvent({.what = event});
 }
 
+/// After a SYNCH the answer to an earlier GET_SEED may still come.
+void CanTransport::watchForSecrets(std::uint8_t command) {
+    const auto code = static_cast<Command>(command);
+    if (code != Command::synch) secret_ = code == Command::getSeed || code == Command::unlock;
+}
+
 void CanTransport::trace(const char* direction, const hal::CanFrame& frame) const {
     if (!log::isWanted(log::Level::debug)) return;
+    const bool mayTell =
+        frame.data[0] == kPidResponse || frame.data[0] == static_cast<std::uint8_t>(Command::unlock);
+    if (secret_ && mayTell && frame.length > 1) {
+        hal::CanFrame shown = frame;
+        shown.length = 1;
+        log::debug("{} {} {} (seed and key: the rest is not shown)", broker_.interfaceName(), direction,
+                   hal::formatCanFrame(shown));
+        return;
+    }
     log::debug("{} {} {}", broker_.interfaceName(), direction, hal::formatCanFrame(frame));
 }
 

@@ -67,10 +67,12 @@ class CanTransport final : public ITransport, public broker::IFrameHandler {
 
   private:
     void trace(const char* direction, const hal::CanFrame& frame) const;
+    void watchForSecrets(std::uint8_t command);
 
     const CanTransportConfig config_;
     broker::ChannelBroker& broker_;
     std::atomic<IPacketSink*> sink_{nullptr};
+    std::atomic<bool> secret_{false};            ///< seeds and keys may be under way, which no log shows
     std::optional<std::uint32_t> subscription_;  ///< the broker's id; owner's thread only
 };
 

@@ -7,7 +7,6 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "core/log.h"
-
 #include "xcp/connect_overrides.h"
 
 namespace lm::xcp {
@@ -64,14 +63,20 @@ Result<Packet> Connection::transact(const Packet& command, const Exchange& rules
 
 Result<std::optional<Packet>> Connection::Turn::attempt(const Packet& command, std::size_t minimumLength,
                                                         Repeats& repeats) {
+    return connection_->attemptInGroup(command, minimumLength, repeats);
+}
+
+Result<std::optional<Packet>> Connection::attemptInGroup(const Packet& command, std::size_t minimumLength,
+                                                         Repeats& repeats) {
     const Exchange rules{.minimumLength = minimumLength};
-    auto answer = connection_->attempt(command, rules, repeats);
+    auto answer = attempt(command, rules, repeats);
     if (!answer || answer.value()) return answer;
-    if (auto recovered = connection_->recover(command, rules, repeats); !recovered) return recovered.error();
+    if (auto recovered = recover(command, rules, repeats); !recovered) return recovered.error();
     return answer;
 }
 
-/// Until the command is answered by anything but busy; nothing after a timeout.
+/// Until the command is answered by anything but busy or locked; nothing after a timeout, or when a SYNCH
+/// went out on the way.
 Result<std::optional<Packet>> Connection::attempt(const Packet& command, const Exchange& rules,
                                                   Repeats& repeats) {
     for (;;) {
@@ -82,6 +87,12 @@ Result<std::optional<Packet>> Connection::attempt(const Packet& command, const E
         const Packet& reply = *answer.value();
         if (reply.code() != kPidError) return answer;
         Error error = errorOf(command, reply);
+        if (error.detail == kErrAccessLocked) {
+            const auto unlocked = unlockFor(command, std::move(error), repeats);
+            if (!unlocked) return unlocked.error();
+            if (unlocked.value()) continue;
+            return std::optional<Packet>{};
+        }
         // ERR_CMD_BUSY and ERR_PGM_ACTIVE pass, ERR_DAQ_ACTIVE between them stays.
         const bool busy = (static_cast<unsigned>(error.detail) & 0xFDU) == 0x10U;
         if (!busy || repeats.busy >= options_.busyRepeatLimit) return error;
@@ -97,6 +108,7 @@ Error Connection::errorOf(const Packet& command, const Packet& reply) {
 
 /// After a timeout: SYNCH, unless there were repeats enough.
 Result<void> Connection::recover(const Packet& command, const Exchange& rules, Repeats& repeats) {
+    if (std::exchange(repeats.inStep, false)) return {};
     if (repeats.synch >= options_.synchRepeatLimit) return noResponse(command, rules.timeoutIndex);
     log::warn("{}: timeout, SYNCH and repeat", nameOf(command));
     if (auto synched = sendSynchs(); !synched) {
@@ -122,6 +134,12 @@ Result<void> Connection::pauseBusy(const Packet& command) {
 
 Result<void> Connection::connect(ConnectMode mode, std::int32_t attempts) {
     const std::lock_guard lock(commandMutex_);
+    refused_ = 0;
+    reopened_ = false;
+    return open(mode, attempts);
+}
+
+Result<void> Connection::open(ConnectMode mode, std::int32_t attempts) {
     if (auto opened = transport_.open(); !opened) return opened;
     const Packet command = buildConnect(static_cast<std::uint8_t>(mode));
     for (std::int32_t attempt = 1;; attempt = attempts < 1 ? 1 : attempt + 1) {
@@ -160,6 +178,7 @@ Result<void> Connection::accept(const Packet& response) {
     care_ = 0;
     log::info("XCP connected: MAX_CTO={} MAX_DTO={} AG={} {}", info.maxCto, info.maxDto, info.granularity(),
               info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel");
+    askWhatIsLocked();
     return {};
 }
 

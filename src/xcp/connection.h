@@ -11,6 +11,11 @@
 // to learn whether the slave hears at all. A slave that has ever answered a SYNCH must go on doing so. One
 // that never did is asked for its status instead, twice, which tells less: that is said once.
 //
+// Seed & key. With a source of keys the status is asked for after CONNECT, and what a command is locked by is
+// unlocked before the command is sent again, twice at most. Between GET_SEED and UNLOCK nothing else is sent;
+// after a timeout the round begins again. A slave that refuses a key ends the session: it is opened again,
+// once per connect(), and no second key is computed for that resource until the next connect().
+//
 // Stop. Once one is requested commands fail at once; what still goes out (DISCONNECT, stopping DAQ, the last
 // confirm(), all that is done while a Finishing lives) waits for t1 in all while the slave is silent.
 // EV_CMD_PENDING draws out nothing any more.
@@ -28,7 +33,9 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "core/stop_token.h"
 #include "xcp/answer_matcher.h"
@@ -50,7 +57,12 @@ struct Exchange {
 struct Repeats {
     std::int32_t synch = 0;
     std::int32_t busy = 0;
+    std::int32_t unlocked = 0;
+    bool inStep = false;  ///< nothing timed out, but a SYNCH went out: the group begins again without another
 };
+
+/// What became of a resource that was to be unlocked.
+enum class Unlocking : std::uint8_t { wasOpen, opened };
 
 /// Errors of every command: notOpen "XCP slave not connected"; timeout "COMMAND: no response from slave
 /// (t1)"; timeout "COMMAND: SYNCH: no response from slave"; the ERR reply of errorReply() with the XCP code
@@ -78,6 +90,8 @@ class Connection {
     /// `command` in one exchange of t1 at most, also after a stop.
     Result<void> once(const Packet& command);
     Result<void> withoutWaiting(const Packet& command);
+    /// See Master.
+    Result<Unlocking> unlock(Resource resource);
     /// CONNECT, `command`, DISCONNECT in t1 in all: for a slave that ended the session on its own.
     Result<void> onceMore(const Packet& command);
 
@@ -106,9 +120,22 @@ class Connection {
     Result<void> recover(const Packet& command, const Exchange& rules, Repeats& repeats);
     Result<void> pauseBusy(const Packet& command);
     Error errorOf(const Packet& command, const Packet& reply);
+    Result<std::optional<Packet>> attemptInGroup(const Packet& command, std::size_t minimumLength,
+                                                 Repeats& repeats);
+    Result<void> open(ConnectMode mode, std::int32_t attempts);
     Result<void> accept(const Packet& response);
     Result<std::optional<Packet>> lastWords(const Packet& command, Clock::duration limit);
     Result<void> judgeLast(const Packet& command, const Result<std::optional<Packet>>& answer);
+
+    // unlock.cpp; the command mutex is held.
+    void askWhatIsLocked();
+    Result<void> unlockBefore(Resource resource);
+    Result<bool> unlockFor(const Packet& command, Error locked, Repeats& repeats);
+    Result<Unlocking> unlockHeld(Resource resource);
+    Result<std::optional<Unlocking>> tryUnlock(Resource resource, Repeats& repeats);
+    Result<std::optional<std::vector<std::uint8_t>>> fetchSeed(Resource resource, Repeats& repeats);
+    Result<bool> presentKey(Resource resource, std::span<const std::uint8_t> key, Repeats& repeats);
+    Error keyRefused(Resource resource);
 
     // fences.cpp; the command mutex is held.
     Result<void> fence();
@@ -144,6 +171,11 @@ class Connection {
     Synchs synchs_ = Synchs::unknown;
     int care_ = 0;  ///< 1: each command that can be behind a fence is; 2: and copies are waited for
     ConnectInfo info_;
+    // Bits of Resource.
+    std::uint8_t locked_ = 0;   ///< as the slave said last
+    std::uint8_t refused_ = 0;  ///< of which it refused a key
+    bool reopened_ = false;     ///< after a key was refused
+    std::uint64_t synchsSent_ = 0;
 
     // Answer mutex.
     mutable std::mutex answerMutex_;
@@ -181,6 +213,9 @@ class Connection::Turn {
     /// Likewise for a command of a group that cannot be repeated on its own: nothing when it timed out and a
     /// SYNCH was answered since, so that the group can begin again.
     Result<std::optional<Packet>> attempt(const Packet& command, std::size_t minimumLength, Repeats& repeats);
+
+    /// Before commands that belong to a resource: unlocks it when it is locked and there is a source of keys.
+    Result<void> unlockBefore(Resource resource) { return connection_->unlockBefore(resource); }
 
     /// What the slave said at CONNECT.
     const ConnectInfo& slave() const { return connection_->info_; }

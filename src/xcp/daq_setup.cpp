@@ -64,6 +64,7 @@ Result<std::vector<std::uint8_t>> DaqSetup::configure(const DaqPlan& plan, First
     auto held = connection_.turn();
     if (!held) return held.error();
     Turn& turn = held.value();
+    if (auto open = turn.unlockBefore(Resource::daq); !open) return open.error();
     auto ready = plan.dynamicConfiguration ? allocate(turn, plan) : clear(turn, plan, refusal);
     if (!ready) return ready.error();
     if (auto written = writeLists(turn, plan, refusal); !written) return written.error();

@@ -56,6 +56,7 @@ Result<std::optional<Packet>> Connection::exchange(const Packet& command, Clock:
     lock.unlock();
 
     ++commands_;
+    if (kind == Kind::synch) ++synchsSent_;
     const auto sent = transport_.send(command.data(), command.size());
     lock.lock();
     const bool interrupted = sent && !await(lock, limit, kind, pendings);

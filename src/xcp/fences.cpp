@@ -58,8 +58,8 @@ Result<void> Connection::fence() {
     return synchs_ == Synchs::unknown && untouched ? meet() : sendSynchs();
 }
 
-/// Commands that work on what the one before set up: the pointers that a SYNCH may clear, an allocation under
-/// way.
+/// Commands that work on what the one before set up: the pointers that a SYNCH may clear, an allocation or a
+/// seed under way.
 bool Connection::needsWhatWasBefore(const Packet& command) {
     switch (static_cast<Command>(command.code())) {
         case Command::upload:
@@ -70,7 +70,10 @@ bool Connection::needsWhatWasBefore(const Packet& command) {
         case Command::allocDaq:
         case Command::allocOdt:
         case Command::allocOdtEntry:
+        case Command::unlock:
             return true;
+        case Command::getSeed:
+            return command.bytes[1] != 0;
         default:
             return false;
     }

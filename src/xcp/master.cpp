@@ -23,6 +23,12 @@ Result<void> Master::connect(ConnectMode mode, std::optional<std::int32_t> attem
     return connection_.connect(mode, attempts.value_or(connection_.options().connectAttempts));
 }
 
+Result<void> Master::unlockBefore(Resource resource) {
+    auto turn = connection_.turn();
+    if (!turn) return turn.error();
+    return turn.value().unlockBefore(resource);
+}
+
 Result<Packet> Master::transact(const Packet& command, const Exchange& rules) {
     auto turn = connection_.turn();
     if (!turn) return turn.error();

@@ -88,6 +88,16 @@ class Master final : public IPacketSink {
     /// One command with recovery. The positive response; ERR replies are errors.
     Result<Packet> transact(const Packet& command, const Exchange& rules);
 
+    /// GET_SEED, the key of MasterOptions::keys, UNLOCK: lasts until DISCONNECT. Errors: the key source's;
+    /// permissionDenied "UNLOCK: the ECU refused the key for RESOURCE and ended the session", after which
+    /// the session was opened again if it was the first such; unsupported "there is no key for RESOURCE"
+    /// without a source.
+    Result<Unlocking> unlock(Resource resource) { return connection_.unlock(resource); }
+
+    /// Before something that must not be left half-way: unlocks what the slave said to be locked, where there
+    /// is a source of keys. Writing and configuring DAQ do it themselves.
+    Result<void> unlockBefore(Resource resource);
+
     /// See Memory.
     Result<std::vector<std::uint8_t>> upload(Address address, std::size_t size) {
         return memory_.upload(address, size);

@@ -1,16 +1,22 @@
 // What the user of the XCP master sets, what it counts, and the clock it waits by.
 //
-// Threads: plain values; a clock is called from every thread that sends a command. Lifetime: a clock is
-// borrowed and must outlive the master.
+// Threads: plain values; a clock and a key source are called from every thread that sends a command.
+// Lifetime: a clock, and what a key source uses, are borrowed and must outlive the master.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "core/bytes.h"
+#include "core/result.h"
+#include "xcp/packet.h"
 
 namespace lm::xcp {
 
@@ -20,6 +26,11 @@ struct ConnectOverrides {
     std::optional<ByteOrder> byteOrder = {};
     std::optional<std::uint16_t> maxDto = {};
 };
+
+/// Computes the key of 1 to 255 bytes to the seed of a resource. It may take seconds, in which no other
+/// command is sent; a stop must end it.
+using KeySource =
+    std::function<Result<std::vector<std::uint8_t>>(Resource resource, std::span<const std::uint8_t> seed)>;
 
 struct MasterOptions {
     std::uint64_t t1 = 1000;  ///< XCP timeouts in milliseconds
@@ -36,6 +47,8 @@ struct MasterOptions {
     bool ignoreDaqRunningBit = false;  ///< of GET_STATUS: it does not tell whether lists run
     ConnectOverrides overrides = {};
     bool offersWriteDaqMultiple = false;  ///< as the A2L tells: several ODT entries in one command
+    KeySource keys = {};                  ///< none: what is locked stays locked
+    std::string keyHint = {};             ///< what to do about a locked resource while there is none
 };
 
 enum class ConnectMode : std::uint8_t { normal = 0, userDefined = 1 };

@@ -105,6 +105,7 @@ Result<void> Memory::download(Address address, std::span<const std::uint8_t> byt
     }
     const std::size_t header = unit == 4 ? 4 : 2;
     const std::size_t perCommand = std::min((maxCto - header) / unit, kMostElements) * unit;
+    if (auto open = turn.unlockBefore(Resource::calPag); !open) return open;
     if (auto set = point(turn, address); !set) return set;
     for (std::size_t at = 0; at < bytes.size(); at += perCommand) {
         const auto chunk = bytes.subspan(at, std::min(perCommand, bytes.size() - at));
@@ -121,6 +122,7 @@ Result<void> Memory::modifyBits(Address address, std::uint32_t mask, std::uint32
     auto held = connection_.turn();
     if (!held) return held.error();
     Connection::Turn& turn = held.value();
+    if (auto open = turn.unlockBefore(Resource::calPag); !open) return open;
     if (auto set = point(turn, address); !set) return set;
     const Exchange rules{.beforeRepeat = [&turn, address] { return point(turn, address); }};
     while (mask != 0) {

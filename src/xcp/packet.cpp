@@ -137,6 +137,31 @@ void putAddress(Packet& packet, Address address, ByteOrder order) {
 
 }  // namespace
 
+std::string_view resourceName(Resource resource) {
+    switch (resource) {
+        case Resource::calPag:
+            return "CAL/PAG";
+        case Resource::daq:
+            return "DAQ";
+        case Resource::stim:
+            return "STIM";
+        case Resource::pgm:
+            break;
+    }
+    return "PGM";
+}
+
+std::optional<Resource> protectedBy(std::uint8_t command) {
+    constexpr std::uint8_t kWriteDaqMultiple = 0xC7;
+    constexpr std::uint8_t kClearDaqList = 0xE3;
+    constexpr std::uint8_t kAllocOdtEntry = 0xD3;
+    constexpr std::uint8_t kSetMta = 0xF6;
+    if (command > kSetMta) return std::nullopt;
+    if (command > kClearDaqList) return Resource::calPag;
+    if (command >= kAllocOdtEntry || command == kWriteDaqMultiple) return Resource::daq;
+    return Resource::pgm;
+}
+
 std::string_view commandName(std::uint8_t code) {
     if (code < kLowestCommand) return "UNKNOWN_CMD";
     return kCommandNames[0xFFU - code];
@@ -224,6 +249,21 @@ Packet buildPlain(Command command) {
 Packet buildConnect(std::uint8_t mode) {
     Packet packet = makePacket(Command::connect, 2);
     packet.bytes[1] = mode;
+    return packet;
+}
+
+Packet buildGetSeed(bool first, Resource resource) {
+    Packet packet = makePacket(Command::getSeed, 3);
+    packet.bytes[1] = first ? 0 : 1;
+    packet.bytes[2] = static_cast<std::uint8_t>(resource);
+    return packet;
+}
+
+Packet buildUnlock(std::size_t left, std::span<const std::uint8_t> part) {
+    assert(left <= UINT8_MAX && part.size() + 2 <= Packet::kCapacity);
+    Packet packet = makePacket(Command::unlock, static_cast<std::uint8_t>(2 + part.size()));
+    packet.bytes[1] = static_cast<std::uint8_t>(left);
+    std::copy(part.begin(), part.end(), packet.bytes.begin() + 2);
     return packet;
 }
 

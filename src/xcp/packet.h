@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -25,6 +26,8 @@ enum class Command : std::uint8_t {
     getStatus = 0xFD,
     synch = 0xFC,
     getCommModeInfo = 0xFB,
+    getSeed = 0xF8,
+    unlock = 0xF7,
     setMta = 0xF6,
     upload = 0xF5,
     shortUpload = 0xF4,
@@ -58,6 +61,9 @@ inline constexpr std::uint8_t kPidService = 0xFC;
 /// Error codes that the master acts upon.
 inline constexpr std::uint8_t kErrCmdSynch = 0x00;
 inline constexpr std::uint8_t kErrCmdUnknown = 0x20;
+inline constexpr std::uint8_t kErrOutOfRange = 0x22;
+inline constexpr std::uint8_t kErrAccessLocked = 0x25;
+inline constexpr std::uint8_t kErrSequence = 0x29;
 inline constexpr std::uint8_t kErrGeneric = 0x31;
 
 /// Event codes that the master acts upon.
@@ -70,6 +76,16 @@ inline constexpr std::uint8_t kEvUser = 0xFE;
 inline constexpr std::uint8_t kResourceDaq = 0x04;
 /// Session status bit of GET_STATUS: at least one DAQ list runs.
 inline constexpr std::uint8_t kStatusDaqRunning = 0x40;
+
+/// What seed & key can protect; the bits of RESOURCE and of the protection status.
+enum class Resource : std::uint8_t { calPag = 0x01, daq = 0x04, stim = 0x08, pgm = 0x10 };
+inline constexpr std::array kResources = {Resource::calPag, Resource::daq, Resource::stim, Resource::pgm};
+
+/// "CAL/PAG", "DAQ", "STIM", "PGM".
+std::string_view resourceName(Resource resource);
+
+/// What a command that the slave refused as locked belongs to; nothing for those that are never locked.
+std::optional<Resource> protectedBy(std::uint8_t command);
 
 /// Names of the XCP standard; "UNKNOWN_CMD", "ERR_UNKNOWN_CODE" and "EV_UNKNOWN" for what it does not know.
 std::string_view commandName(std::uint8_t code);
@@ -122,6 +138,9 @@ struct SlaveStatus {
     std::uint8_t protectionStatus = 0;
     std::uint16_t sessionConfigurationId = 0;
 
+    bool isLocked(Resource resource) const {
+        return (protectionStatus & static_cast<std::uint8_t>(resource)) != 0;
+    }
     bool daqRunning() const { return (sessionStatus & kStatusDaqRunning) != 0; }
 };
 
@@ -142,6 +161,10 @@ Result<CommModeInfo> parseCommModeInfo(std::span<const std::uint8_t> response);
 /// A command that consists of its code alone.
 Packet buildPlain(Command command);
 Packet buildConnect(std::uint8_t mode);
+/// `resource` has one bit; of a seed's first part or a later one.
+Packet buildGetSeed(bool first, Resource resource);
+/// A part of a key of which, with this part, `left` bytes are still to come.
+Packet buildUnlock(std::size_t left, std::span<const std::uint8_t> part);
 Packet buildSetMta(Address address, ByteOrder order);
 Packet buildUpload(std::uint8_t elements);
 Packet buildShortUpload(std::uint8_t elements, Address address, ByteOrder order);

@@ -3,6 +3,7 @@
 // answer passes for another command's; nor when it answers late or several times, where the steps are
 // confirmed.
 #include <array>
+#include <span>
 #include <vector>
 
 #include "fuzz_input.h"
@@ -30,6 +31,10 @@ struct Records final : xcp::IDaqRecordSink {
     }
 };
 
+Result<Bytes> seedItself(xcp::Resource, std::span<const std::uint8_t> seed) {
+    return Bytes(seed.begin(), seed.end());
+}
+
 xcp::MasterOptions takeOptions(Input& input) {
     const auto shape = input.take<std::uint8_t>();
     return {.t1 = kT1,
@@ -42,7 +47,8 @@ xcp::MasterOptions takeOptions(Input& input) {
             .synchRepeatLimit = shape & 0x03,
             .connectAttempts = 1 + (shape >> 2 & 0x03),
             .busyRepeatLimit = shape >> 4 & 0x03,
-            .useShortUpload = (shape & 0x40) != 0};
+            .useShortUpload = (shape & 0x40) != 0,
+            .keys = (shape & 0x80) != 0 ? xcp::KeySource(seedItself) : xcp::KeySource()};
 }
 
 class Run {
@@ -85,7 +91,7 @@ class Run {
                 run.uploadInStep({0, 100, 200});
             },
             [](Run& run) { run.download(); },
-            [](Run& run) { run.download(); },
+            [](Run& run) { run.end(run.master_.unlock(xcp::Resource::calPag)); },
             [](Run& run) { run.measure(); },
             [](Run& run) { run.slave_.sendRaw(); },
             [](Run& run) { run.end(run.master_.synch()); },

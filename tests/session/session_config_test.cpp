@@ -77,6 +77,10 @@ TEST(SessionConfig, SurvivesWritingAndReading) {
         config.daq = {coin(), number() / 1e9, events[number() % 3]};
         config.reconnect = {static_cast<ReconnectPolicy>(number() % 3), number(),
                             std::chrono::milliseconds(1 + number() / 2), std::chrono::milliseconds(1)};
+        if (coin()) config.security = {"/a/b c.so", {}, std::chrono::milliseconds(number() / 2), {}, ""};
+        if (number() % 3 == 0) config.security = {"", {"x", text()}, {}, {std::string(64, 'a')}, ""};
+        config.security.timeout += std::chrono::milliseconds(1);
+        if (!config.security.configured()) config.security = {};
         config.measurement.assign(number() % 4, text());
         config.display.exact = coin();
         ASSERT_EQ(parsed(sessionConfigToJson(config)), config) << sessionConfigToJson(config);
@@ -100,6 +104,10 @@ TEST(SessionConfig, RefusesWithThePlace) {
          "daq.defaultEvent: 65536 is not a whole number from 0 to 65535"},
         {R"({"daq":{"defaultEvent":""}})",
          "daq.defaultEvent: must be a number, the name of an event, or \"auto\""},
+        {R"({"security":{"library":"a","command":["b"]}})",
+         "security.command: there is a library, too: one of them computes the keys"},
+        {R"({"security":{"library":"a","sha256":["12"]}})",
+         "security.sha256: '12' is not a SHA-256 of 64 hexadecimal digits"},
         {R"({"measurement":["a",1]})", "measurement: must be an array of texts, but is number"},
     };
     for (const auto& row : rows) {

@@ -179,7 +179,7 @@ class FailuresTest(harness.SystemTest):
         done = self.run_cli(sim, "get", *(f"engine_speed{i}" for i in range(12)))
         self.assertEqual(done.stderr.count("hint: "), 10)
         for code, hint in ((0x11, "lists were running in the ECU when it came to event 1 "),
-                           (0x25, r"the ECU refused event 1 .*: it is locked \(seed and key\)$"),
+                           (0x25, r"the ECU refused event 1 .*: DAQ is locked \(seed and key\): \"security\" in the configuration "),
                            (0x29, "the ECU refused event 1 .* in$")):
             sim = self.start_sim("--fault", f"error:SET_DAQ_LIST_MODE:1:1:0x{code:x}")
             done = self.run_cli(sim, "measure", "-s", "gear@1")

@@ -127,6 +127,10 @@ struct Bench {
             return !confirmed ? confirmed.error().text() : confirmed.value() ? "in step" : "out of step";
         }
         if (name == "upload") return told(master.upload({0x12345678, 1}, std::stoul(argument)));
+        if (name == "unlock") {
+            const auto done = master.unlock(static_cast<Resource>(std::stoul(argument)));
+            return !done ? done.error().text() : done.value() == Unlocking::opened ? "opened" : "open";
+        }
         if (name == "download") return told(master.download({0x10, 0}, hex(argument)));
         if (name == "stopUnconnected") return told(master.stopDaqUnconnected());
         if (name == "stopOnce") return told(master.stopDaqOnce());
