@@ -86,7 +86,7 @@ std::vector<std::vector<std::uint8_t>> dtosOf(const xcp::DaqPlan& plan) {
             for (std::size_t i = 0; i < dto.size(); ++i)
                 dto[i] = static_cast<std::uint8_t>(i * 31 + list);
             dto[0] = static_cast<std::uint8_t>(odt);
-            writeLittle(&dto[1], plan.listNumber(list));
+            writeLittle(&dto[1], plan.lists[list].number);
             dtos.push_back(std::move(dto));
         }
     }

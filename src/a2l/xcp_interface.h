@@ -55,10 +55,12 @@ struct XcpTimestamp {
 };
 
 struct XcpOdtEntry {
+    static constexpr std::uint8_t kWholeElement = 0xFF;  ///< as bit offset
+
     std::uint8_t number = 0;
     xcp::Address address = {};
-    std::uint8_t size = 0;          ///< in address elements
-    std::uint8_t bitOffset = 0xFF;  ///< 0xFF: whole elements
+    std::uint8_t size = 0;  ///< in address elements
+    std::uint8_t bitOffset = kWholeElement;
 };
 
 struct XcpOdt {

@@ -33,7 +33,8 @@ std::vector<xcp::Odt> describedOdts(const std::vector<a2l::XcpOdt>& described, s
         odt.recordOffset = recordSize;
         for (const a2l::XcpOdtEntry& entry : from.entries) {
             const auto size = static_cast<std::uint16_t>(entry.size * granularity);
-            odt.entries.push_back({entry.address, size, odt.payloadSize});
+            odt.entries.push_back(
+                {entry.address, size, odt.payloadSize, entry.bitOffset != a2l::XcpOdtEntry::kWholeElement});
             odt.payloadSize = static_cast<std::uint16_t>(odt.payloadSize + size);
         }
         recordSize += odt.payloadSize;
@@ -195,8 +196,8 @@ void DaqSource::overrule(xcp::DaqCapabilities& capabilities) const {
     const SessionConfig::Timestamp& stamp = config_.xcp.overrides.timestamp;
     const auto apply = [](const char* what, auto& value, auto counts, const char* key) {
         if (value == counts) return;
-        log::warn("the DAQ timestamp's {} is told as {}: {} counts (xcp.overrides.timestamp.{})", what,
-                     value, counts, key);
+        log::warn("the DAQ timestamp's {} is told as {}: {} counts (xcp.overrides.timestamp.{})", what, value,
+                  counts, key);
         value = counts;
     };
     if (stamp.size) {

@@ -220,6 +220,12 @@ class Connection::Turn {
     /// What the slave said at CONNECT.
     const ConnectInfo& slave() const { return connection_->info_; }
     std::uint64_t connectionNumber() const { return connection_->number(); }
+    /// Of a command that failed with a timeout: after each repeat but the last one the slave answered.
+    bool answeredAllSynchs(const Repeats& repeats) const {
+        return repeats.synch > 0 && repeats.synch >= connection_->options_.synchRepeatLimit;
+    }
+    /// Answers so far that came too late or were nobody's.
+    std::uint64_t droppedAnswers() const { return connection_->unexpectedResponses_.load(); }
     bool mayUseShortUpload() const { return connection_->options_.useShortUpload; }
     bool mayWriteDaqMultiple() const { return connection_->options_.offersWriteDaqMultiple; }
 

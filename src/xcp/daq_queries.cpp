@@ -71,16 +71,32 @@ EventChannel parseEventInfo(const Packet& reply, std::uint16_t number) {
     return event;
 }
 
+/// Finds out that a slave never answers a question. One in trouble is told from it by its SYNCHs, which it
+/// leaves unanswered, and by its answers, which come too late.
+class Silence {
+  public:
+    explicit Silence(const Turn& turn) : turn_(turn), dropped_(turn.droppedAnswers()) {}
+
+    bool means(const Error& error, const Repeats& repeats) const {
+        return error.code == ErrorCode::timeout && turn_.answeredAllSynchs(repeats) &&
+               turn_.droppedAnswers() == dropped_;
+    }
+
+  private:
+    const Turn& turn_;
+    const std::uint64_t dropped_;
+};
+
 /// The answer to a question that a slave need not know; nothing when it does not.
 Result<std::optional<Packet>> askOptional(Turn& turn, const Packet& question, std::size_t minimumLength) {
     Repeats repeats;
-    for (bool heard = false;; heard = true) {
+    const Silence silence(turn);
+    for (;;) {
         auto answer = turn.attempt(question, minimumLength, repeats);
         if (answer && answer.value()) return answer;
         if (answer) continue;  // SYNCH was answered
         const Error& error = answer.error();
-        const bool silent = heard && error.code == ErrorCode::timeout;
-        if (!silent && error.detail != kErrCmdUnknown) return error;
+        if (!silence.means(error, repeats) && error.detail != kErrCmdUnknown) return error;
         log::info("{}; taken as not known to the ECU", error.text());
         return std::optional<Packet>{};
     }
@@ -129,25 +145,27 @@ Result<std::optional<EventChannel>> tryEvent(Turn& turn, std::uint16_t channel, 
     return std::optional<EventChannel>(std::move(event));
 }
 
-/// `heard`: the slave left something unanswered, and answered SYNCH after it.
-Result<EventChannel> readEvent(Turn& turn, std::uint16_t channel, bool& heard) {
+/// Nothing when the slave does not know or never answers the question about the first channel.
+Result<std::optional<EventChannel>> readEvent(Turn& turn, std::uint16_t channel) {
+    const Silence silence(turn);
     for (Repeats repeats;;) {
         auto event = tryEvent(turn, channel, repeats);
-        if (!event) return event.error();
-        if (event.value()) return *std::move(event).value();
-        heard = true;
+        if (event && event.value()) return event;
+        if (event) continue;
+        const Error& error = event.error();
+        const bool unknown = error.detail == kErrCmdUnknown || silence.means(error, repeats);
+        if (!unknown || channel > 0) return error;
+        return std::optional<EventChannel>{};
     }
 }
 
 /// False: the number of channels is all there is to know.
 Result<bool> readEvents(Turn& turn, DaqCapabilities& capabilities) {
     for (std::uint16_t channel = 0; channel < capabilities.maxEventChannel; ++channel) {
-        bool heard = false;
-        auto event = readEvent(turn, channel, heard);
-        const bool silent = !event && heard && event.error().code == ErrorCode::timeout;
-        if (!event && channel == 0 && (silent || event.error().detail == kErrCmdUnknown)) return false;
+        auto event = readEvent(turn, channel);
         if (!event) return event.error();
-        capabilities.events.push_back(std::move(event).value());
+        if (!event.value()) return false;
+        capabilities.events.push_back(*std::move(event).value());
     }
     return true;
 }
@@ -174,7 +192,8 @@ Result<DaqListInfo> parseListInfo(const Packet& reply, std::uint16_t number, con
 /// Nothing behind the last entry.
 Result<std::optional<OdtEntry>> readEntry(Turn& turn, std::uint16_t list, std::uint8_t odt,
                                           std::uint8_t entry) {
-    constexpr std::size_t kWithoutCode = 7;  // of slaves that leave the first byte of the answer out
+    constexpr std::uint8_t kWholeElement = 0xFF;  // as bit offset
+    constexpr std::size_t kWithoutCode = 7;       // of slaves that leave the first byte of the answer out
     const ByteOrder order = turn.slave().byteOrder();
     const auto point = [&turn, list, odt, entry, order] {
         return turn.perform(buildSetDaqPtr(list, odt, entry, order));
@@ -191,6 +210,7 @@ Result<std::optional<OdtEntry>> readEntry(Turn& turn, std::uint16_t list, std::u
     OdtEntry found;
     found.size = static_cast<std::uint16_t>(fields[1] * turn.slave().granularity());
     found.address = {readBytes<std::uint32_t>(fields + 3, order), fields[2]};
+    found.oneBit = fields[0] != kWholeElement;
     return std::optional<OdtEntry>(found);
 }
 

@@ -41,6 +41,7 @@ SESSIONS = {
 MODEL = measurements()
 START = types.SimpleNamespace(**{name: raw for name, (_, raw, _, _) in PARAMETERS.items()})
 SIGNALS = 0x12000  # memory that the model changes all the time
+ALIVE = (0x10413, 0x80)  # and a bit among the parameters: control_alive
 
 
 def changed(before, after):
@@ -145,6 +146,9 @@ class Answers(campaign.Campaign):
         outside = 0
         for (extension, base, before), (_, _, after) in zip(Answers.memory, Memory(self.image).regions):
             before, after = bytearray(before), bytearray(after)
+            for data in before, after:
+                if extension == 0 and 0 <= ALIVE[0] - base < len(data):
+                    data[ALIVE[0] - base] &= ~ALIVE[1]
             for address, field, start, typed, _ in targets.values():
                 place = slice(address - base, address - base + field.size)
                 if extension != 0 or not 0 <= address - base < len(before):

@@ -34,7 +34,7 @@ TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
         SessionConfig config;
         config.udp = {row.host, row.port};
         a2l::XcpInterface interface;
-        if (row.a2lPort) interface.udp = a2l::XcpOnUdp{row.a2lPort, ""};
+        if (row.a2lPort) interface.udp = a2l::XcpOnUdp{{}, row.a2lPort, ""};
         interface.tcp = row.tcpOnly;
         EXPECT_EQ(textsOf(chooseTransport(config, interface, ChannelPool::ofThisMachine())), row.outcome);
     }
@@ -44,7 +44,7 @@ TEST(TransportChoice, TakesTheFirstMediumThatIsConfigured) {
         SessionConfig config;
         config.serial = {"/dev/by-id/a:b", configured, {}};
         a2l::XcpInterface interface;
-        interface.serial = a2l::XcpOnSerial{described};
+        interface.serial = a2l::XcpOnSerial{{}, described};
         EXPECT_EQ(textsOf(chooseTransport(config, interface, ChannelPool::ofThisMachine())),
                   fmt::format("serial:/dev/by-id/a:b|XCP on serial, /dev/by-id/a:b, {} baud|"
                               "XCP on serial /dev/by-id/a:b",
@@ -81,8 +81,10 @@ void expectCan(const SessionConfig::Can& can, const std::optional<a2l::XcpOnCan>
 }
 
 TEST(TransportChoice, CanTakesTheConfigurationThenTheInterfaceThenTheA2l) {
-    const a2l::XcpOnCan full{0x600, 0x80000601, {}, 250'000, false, true, 1'000'000, 32, {0x601, 0x601}};
-    const a2l::XcpOnCan bare{0x600, 0x80000601, {}, {}, true, true, {}, {}, {0x80000601, 0x800}};
+    const a2l::XcpOnCan full{{},    0x600, 0x80000601, {}, 250'000,
+                             false, true,  1'000'000,  32, {{0, 0x601}, {1, 0x601}}};
+    const a2l::XcpOnCan bare{{},   0x600, 0x80000601, {}, {},
+                             true, true,  {},         {}, {{0, 0x80000601}, {1, 0x800}}};
     const SessionConfig::Can plain{"can0", {}, {}, false, 0x7E0, 0x7E8, false};
     expectCan(plain, {}, 0,
               "CMD 0x7E0, RES 0x7E8 on can0 +0 8 bytes, 0/0 set, load at 0/0DTOs were expected with the "

@@ -136,7 +136,7 @@ class FailuresTest(harness.SystemTest):
             self.assertEqual([(path.name, path.read_text()) for path in directory.iterdir()], [(name, "mine")])
         self.assertFalse((made / "below").exists())
         for options, message in ((["--no-daq"], "the slave offers no DAQ"),
-                                 (["--static-daq", "--without", "GET_DAQ_LIST_INFO"], "the ECU has static DAQ lists and tells nothing about them")):
+                                 (["--static-daq", "--without", "GET_DAQ_LIST_INFO"], "the ECU does not tell its static DAQ lists (GET_DAQ_LIST_INFO)")):
             done = self.run_cli(self.start_sim(*options), "measure", "-s", "wave")
             self.expect(done, err=f"measure: {message}\n", code=1)
 
