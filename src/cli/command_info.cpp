@@ -75,7 +75,7 @@ class InfoReport final : public IReport {
         const auto completed = session.completeDaq();
         if (!completed)
             log::warn("DAQ lists not available: {}{}{}", completed.error().text(),
-                         completed.error().hint.empty() ? "" : "; ", completed.error().hint);
+                      completed.error().hint.empty() ? "" : "; ", completed.error().hint);
         if (!status_) log::warn("status not available: {}", status_.error().text());
     }
 

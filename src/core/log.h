@@ -1,5 +1,6 @@
-// What is told beside results and errors: a line with a level, of which the program decides what its user sees and where.
-// The library behind it takes seconds to compile in each file that includes it, so all others see this header alone.
+// What is told beside results and errors: a line with a level, of which the program decides what its user
+// sees and where. The library behind it takes seconds to compile in each file that includes it, so all others
+// see this header alone.
 //
 // Threads: any. Lifetime: nothing is kept.
 #pragma once
