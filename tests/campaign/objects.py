@@ -190,9 +190,12 @@ class Deeds:
             new = axis.random_points(self.chance, len(old), field)
         steps = differences(new) if axis.difference and field.whole else []
         allowed = is_monotonous(new, axis.monotony) and all(low <= s <= high for s in steps)
-        if allowed:
-            self.thing.points[which] = new
         numbers = [typed(physical(axis.method, point)) for point in new]
+        if allowed:  # the inverse of a falling line makes -0 of what is typed for 0
+            back = [point if field.whole or axis.difference or not (whole or i == at)
+                    else field.stored(conversion(axis.method).to_raw(physical(axis.method, point)))
+                    for i, point in enumerate(new)]
+            self.thing.points[which] = back
         own = name if axis.kind == "AXIS_PTS" else f"{name}.{which.lower()}"
         return (f"{name}=[{','.join(numbers)}]" if whole else f"{own}[{at}]={numbers[at]}"), allowed
 
