@@ -95,7 +95,10 @@ AT_EACH = {"late": late, "lost": lost, "doubled": doubled, "other": other, "halt
 # Two of the lists are used; the first is too small.
 STATIC = "--static-lists=1x1,2x5,2x5"
 STATIC_COMMANDS = 12  # more than with dynamic lists: they are asked for
-CLASSES = (*AT_EACH, "synch odd", "overtaking", "start", "static")
+# Seeds and keys of two packets each.
+LOCKED = ("--lock=cal,daq", "--seed-bytes=255")
+LOCKED_COMMANDS = 11
+CLASSES = (*AT_EACH, "synch odd", "overtaking", "start", "static", "locked")
 
 
 def cases(chosen, positions):
@@ -112,6 +115,11 @@ def cases(chosen, positions):
                     for number in range(1, sum(commands.values()) + STATIC_COMMANDS + 1):
                         for fault in (lost, doubled, late, other):
                             yield from ((name, session, STATIC, *rules) for rules in fault(number))
+            elif name == "locked":
+                if session in ("set", "measure"):
+                    for number in range(1, sum(commands.values()) + LOCKED_COMMANDS + 1):
+                        for fault in (lost, doubled, late, other):
+                            yield from ((name, session, *LOCKED, *rules) for rules in fault(number))
             elif name != "start":
                 for number in range(1, sum(commands.values()) + 1):
                     yield from ((name, session, *rules) for rules in AT_EACH[name](number))

@@ -65,6 +65,12 @@ class Answers(campaign.Campaign):
         with Answers.lock:
             Answers.figures[self.kind].update(figures)
 
+    def security(self):
+        key = self.dir / "demo_key.py"
+        shutil.copyfile(Path(__file__).with_name(key.name), key)
+        key.chmod(0o600)
+        return {"command": [sys.executable, str(key)]}
+
     def judge_value(self, right, what):
         self.count(values=1)
         if not right:
@@ -81,7 +87,8 @@ class Answers(campaign.Campaign):
         sim = self.start_sim("--memory-file", self.image, *options)
         self.must_succeed = kind in ("synch odd", "start") or (kind == "lost" and len(faults) == 1 and faults[0].endswith(":1"))
         t1 = 5 * T1 if self.must_succeed else T1  # a busy machine must not look like one fault more
-        config = self.quick_config(xcp={"timeoutsMs": [t1] * 6 + [20]}, reconnect={"heartbeatMs": 60000})
+        config = self.quick_config(xcp={"timeoutsMs": [t1] * 6 + [20]}, reconnect={"heartbeatMs": 60000},
+                                   **({"security": self.security()} if kind == "locked" else {}))
         done = self.run_cli(sim, "-c", config, *SESSIONS[session], cwd=self.dir)
         self.counters = harness.counters(sim)
         self.count(cases=1)
