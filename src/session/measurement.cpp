@@ -25,7 +25,7 @@ std::int64_t leastGapNs(const xcp::DaqPlan& plan, const MeasurementContext& cont
     return four > 0 ? std::min(four, heartbeatNs(context)) : heartbeatNs(context);
 }
 
-std::string withCause(std::string hint, const std::string& cause) {
+std::string withCause(const std::string& hint, const std::string& cause) {
     return hint.empty() || cause.empty() ? hint + cause : hint + ": " + cause;
 }
 
