@@ -157,8 +157,10 @@ class Run {
         const auto capabilities = xcp::inStep(master_, [this] { return master_.daqCapabilities(); });
         end(capabilities);
         if (!capabilities) return;
-        require(!(slave_.honest() || slave_.complete()) || capabilities.value().events.size() == 2,
-                "the events that there are");
+        const std::size_t events = capabilities.value().events.size();
+        require(!slave_.complete() || events == 2, "the events that there are");
+        // One that never answers the question is taken for one that does not know it.
+        require(!slave_.honest() || events == 2 || events == 0, "all events that there are, or none");
         std::vector<xcp::DaqSignal> signals;
         for (std::size_t i = input_.takeBelow(16); i > 0; --i) {
             signals.push_back({.address = {input_.take<std::uint8_t>(), 0},
