@@ -6,6 +6,7 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "core/log.h"
+
 namespace lm::session {
 namespace {
 

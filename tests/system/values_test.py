@@ -1,8 +1,9 @@
 """`set` where it must refuse, or fails: what is told, and what the ECU's memory holds. Values: the campaign set_safety."""
+import socket
 import unittest
 
 from ecu_model import Memory
-from harness import SystemTest, signals, value_line, without_hints
+from harness import SystemTest, counters, signals, stop, value_line, without_hints
 
 BASE, ROOM = 0x10000, 0xC0
 
@@ -42,6 +43,45 @@ class ValuesTest(SystemTest):
             told = [f"{name}: the ECU now holds {held}\n" for name, held in SENT.items() if f"{name} " in done.stdout]
             self.expect(done, "".join(lines), "".join(told), code=1)
         self.assertEqual(Memory(image).bytes(BASE, ROOM).hex(), before.hex())
+
+    def test_only_who_asks_writes_beyond_the_limits(self):
+        sim = self.start_sim()
+        rows = ((["cal_extended=150"], "ERROR cal_extended: 150 outside the limits [0, 100]", "the extended limits are [0, 200]"),
+                (["--extended-limits", "cal_extended=150"], "150.000", "150 is outside the limits [0, 100], the extended ones allow it"),
+                (["--extended-limits", "cal_extended=201"], "ERROR cal_extended: 201 outside the limits [0, 200]", ""))
+        for words, line, told in rows:
+            done = self.run_cli(sim, "set", *words)
+            self.assertEqual(done.stdout, value_line("cal_extended", line))
+            self.assertIn(told, done.stderr)
+        self.expect(self.run_cli(sim, "get", "cal_extended"), value_line("cal_extended", "150.000"))
+
+    def test_bits_of_a_word_that_the_ecu_changes(self):
+        """Without MODIFY_BITS, which the A2L promises, they are written as ever, and that is told."""
+        offer = ["--offer", "modify-bits"]
+        for names, options in ((("cal_control_fan", "cal_control_level"), offer), (("cal_mode_low", "cal_mode_middle"), [])):
+            sim = self.start_sim(*options)
+            sim.a2l = self.write_a2l(*offer)
+            done = self.run_cli(sim, "-c", self.quick_config(xcp={"modifyBits": True}), "set", *(f"{name}=5" for name in names))
+            told = [] if options else [f"{names[0]}: the ECU has no MODIFY_BITS, the bits beside it are written as they were read"]
+            self.assertEqual((done.returncode, [line.split("] ")[-1] for line in done.stderr.splitlines()]), (0, told), done.stdout)
+            self.assertEqual([float(line.split()[1]) for line in done.stdout.splitlines()], [5, 5])
+            sent = counters(sim)
+            self.assertEqual((sent.get("command-MODIFY_BITS", 0) > 1, "command-DOWNLOAD" in sent), (bool(options), not options))
+
+    def test_an_ecu_that_starts_late_is_waited_for(self):
+        """Longer than the attempts that there would be otherwise."""
+        sim = self.start_sim()
+        stop(sim)
+        config = self.quick_config(xcp={"connectAttempts": 1})
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+            silent.bind(("127.0.0.1", sim.port))
+            silent.settimeout(60)
+            waiting = self.start(self.arguments(sim, "--connect-timeout", 60, "-c", config, "get", "cal_limited"))
+            for _ in range(3):
+                self.assertEqual(silent.recv(100)[4], 0xFF)
+        self.start_sim(port=sim.port)
+        waiting.await_end()
+        self.assertEqual((waiting.process.wait(), waiting.out), (0, value_line("cal_limited", "7.000")), waiting.err)
 
     def test_a_write_that_fails_half_way_tells_what_the_ecu_holds(self):
         """The value takes two DOWNLOADs; the second one meets the fault."""
