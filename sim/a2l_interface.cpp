@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "sim/checksums.h"
 #include "sim/event_cycle.h"
 #include "sim/offered_commands.h"
 
@@ -28,6 +29,12 @@ std::string protocolLayer(const Options& options) {
     for (const CommandInfo& command : kCommands) {
         if (command.presence == Presence::mandatory || !isOffered(command, options)) continue;
         text += fmt::format("        OPTIONAL_CMD {}\n", command.name);
+    }
+    const BlockOptions& blocks = options.blocks;
+    if (blocks.answers || blocks.maxBs != 0) {
+        text +=
+            fmt::format("        COMMUNICATION_MODE_SUPPORTED BLOCK{}{}\n", blocks.answers ? " SLAVE" : "",
+                        blocks.maxBs == 0 ? "" : fmt::format(" MASTER {} {}", blocks.maxBs, blocks.pause));
     }
     if (options.lock.resources != 0) text += "        SEED_AND_KEY_EXTERNAL_FUNCTION \"demo_key.dll\"\n";
     return text + "      /end PROTOCOL_LAYER\n";
@@ -114,6 +121,35 @@ std::string daqBlock(const Options& options, const Catalog& catalog) {
     return text + timestamps(options) + daqLists(options) + events(options, catalog) + "      /end DAQ\n";
 }
 
+std::string pagBlock(const Options& options, const Catalog& catalog) {
+    if (options.paging.pages == 0) return {};
+    return fmt::format(
+        "      /begin PAG\n"
+        "        {}{}\n"
+        "      /end PAG\n",
+        catalog.segments().size(), options.paging.freeze ? " FREEZE_SUPPORTED" : "");
+}
+
+std::string segment(std::size_t number, const SegmentPlace& place, const PageOptions& paging) {
+    std::string text = fmt::format(
+        "      /begin MEMORY_SEGMENT parameters_{0} \"\" DATA FLASH INTERN 0x{1:08X} 0x{2:X} -1 -1 -1 -1 -1\n"
+        "        /begin IF_DATA XCP\n"
+        "          /begin SEGMENT {0} {3} {4} 0 0\n"
+        "            /begin CHECKSUM {5}{6} /end CHECKSUM\n",
+        number, place.base, place.size, paging.pages, place.extension, checksumWord(paging.checksumType),
+        paging.checksumType == 0xFF ? " EXTERNAL_FUNCTION \"demo_sum.dll\"" : "");
+    for (unsigned page = 0; page < paging.pages; ++page) {
+        text += fmt::format(
+            "            /begin PAGE {} ECU_ACCESS_DONT_CARE XCP_READ_ACCESS_DONT_CARE XCP_WRITE_ACCESS_{}"
+            " INIT_SEGMENT {} /end PAGE\n",
+            page, page == 0 && paging.pages > 1 ? "NOT_ALLOWED" : "DONT_CARE", number);
+    }
+    return text +
+           "          /end SEGMENT\n"
+           "        /end IF_DATA\n"
+           "      /end MEMORY_SEGMENT\n";
+}
+
 std::string onCan(const Options& options) {
     std::string text = fmt::format(
         "      /begin XCP_ON_CAN\n"
@@ -169,8 +205,18 @@ std::string transportLayer(const Options& options) {
 
 }  // namespace
 
+std::string a2lSoftware(const Options& options, const Catalog& catalog) {
+    std::string text;
+    if (!options.paging.epk.empty())
+        text = fmt::format("      EPK \"{}\"\n      ADDR_EPK 0x{:08X}\n", options.paging.epk, kEpkBase);
+    for (std::size_t i = 0; i < catalog.segments().size(); ++i)
+        text += segment(i, catalog.segments()[i], options.paging);
+    return text;
+}
+
 std::string a2lInterface(const Options& options, const Catalog& catalog) {
-    return protocolLayer(options) + daqBlock(options, catalog) + transportLayer(options);
+    return protocolLayer(options) + daqBlock(options, catalog) + pagBlock(options, catalog) +
+           transportLayer(options);
 }
 
 }  // namespace lm::sim

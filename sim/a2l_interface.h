@@ -11,6 +11,8 @@
 namespace lm::sim {
 
 /// The blocks inside the IF_DATA of the module.
+/// What MOD_PAR tells of the software and the memory.
+std::string a2lSoftware(const Options& options, const Catalog& catalog);
 std::string a2lInterface(const Options& options, const Catalog& catalog);
 
 }  // namespace lm::sim

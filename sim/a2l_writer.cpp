@@ -26,14 +26,15 @@ std::string head(const Options& options, const Catalog& catalog) {
         "      ALIGNMENT_FLOAT32_IEEE 4\n"
         "      ALIGNMENT_FLOAT64_IEEE 8\n"
         "    /end MOD_COMMON\n"
-        "    /begin MOD_PAR \"\"\n"
+        "    /begin MOD_PAR \"\"\n{}"
         "      SYSTEM_CONSTANT \"K_VOLT_PER_COUNT\" \"1 / $(K_COUNTS_PER_VOLT)\"\n"
         "      SYSTEM_CONSTANT \"K_COUNTS_PER_VOLT\" \"100\"\n"
         "      SYSTEM_CONSTANT \"K_VOLT_OFFSET\" \"-0.5\"\n"
         "    /end MOD_PAR\n\n"
         "    /begin IF_DATA XCP\n{}"
         "    /end IF_DATA\n",
-        options.a2lVersion % 100, orderWord(options.order), a2lInterface(options, catalog));
+        options.a2lVersion % 100, orderWord(options.order), a2lSoftware(options, catalog),
+        a2lInterface(options, catalog));
 }
 
 bool isArrayOrLeaf(const Row& row) {

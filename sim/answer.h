@@ -26,6 +26,7 @@ class Answer {
         size_ = size;
         return bytes_.data();
     }
+    void setByte(std::size_t at, std::uint8_t value) { bytes_[at] = value; }
     void putWord(std::size_t at, std::size_t value) {
         writeBytes(&bytes_[at], static_cast<std::uint16_t>(value), order_);
     }

@@ -160,7 +160,40 @@ void Catalog::layOut() {
     }
     if (options_.spareBytes != 0)
         regions_.push_back({0, kSpareBase, roundUp(options_.spareBytes, kRegionStep), true});
+    if (options_.paging.pages != 0) divide();
     regions_.push_back({kNameExtension, 0, static_cast<std::uint32_t>(kEventCount * kNameSlot), false});
+    const PageOptions& paging = options_.paging;
+    if (!paging.epk.empty() && !paging.unreadableEpk)
+        regions_.push_back(
+            {0, kEpkBase, roundUp(static_cast<std::uint32_t>(paging.epk.size()) + 1, kRegionStep), false});
+    if (!paging.epk.empty() || paging.pages != 0)
+        regions_.push_back({kIdExtension, 0, kIdTypes * kIdSlot, false});
+}
+
+/// No object lies across the border.
+void Catalog::divide() {
+    const Region& region = regions_.front();
+    std::uint32_t border = region.base + region.size;
+    for (const Row& row : rows_) {
+        const bool begins = row.place == Place::parameters && row.sharesWith.empty();
+        const bool behind = row.address >= region.base + region.size / 2 && row.address % kWideBorder == 0;
+        if (begins && behind) border = std::min(border, row.address);
+    }
+    segments_ = {{region.extension, region.base, border - region.base},
+                 {region.extension, border, region.base + region.size - border}};
+}
+
+std::string Catalog::epkInMemory() const {
+    std::string epk = options_.paging.epk;
+    if (options_.paging.wrongEpk && !epk.empty()) epk.back() = epk.back() == '?' ? '!' : '?';
+    return epk;
+}
+
+std::string Catalog::idText(std::uint8_t type) const {
+    constexpr std::uint8_t kText = 0;
+    constexpr std::uint8_t kA2lName = 1;
+    constexpr std::uint8_t kEpk = 5;
+    return type == kText ? "Simulated ECU" : type == kA2lName ? "ecu" : type == kEpk ? epkInMemory() : "";
 }
 
 const Row* Catalog::find(std::string_view name) const {

@@ -70,12 +70,26 @@ struct Region {
     bool writable;
 };
 
+/// A part of the memory that has calibration pages.
+struct SegmentPlace {
+    std::uint8_t extension;
+    std::uint32_t base;
+    std::uint32_t size;
+};
+
 class Catalog {
   public:
     explicit Catalog(const Options& options);
 
     const std::vector<Row>& rows() const { return rows_; }
     const std::vector<Region>& regions() const { return regions_; }
+    /// Those with pages: the parameters in two halves, none without --pages.
+    const std::vector<SegmentPlace>& segments() const { return segments_; }
+    /// What GET_ID tells, empty when there is no text of that type.
+    std::string idText(std::uint8_t type) const;
+    /// What the memory at kEpkBase holds.
+    std::string epkInMemory() const;
+    const Options& options() const { return options_; }
     /// The row of that name, null when there is none.
     const Row* find(std::string_view name) const;
     /// The names of the event channels, by number.
@@ -86,16 +100,22 @@ class Catalog {
 
   private:
     void layOut();
+    void divide();
 
     Options options_;
     std::vector<Row> rows_;
     std::vector<Region> regions_;
+    std::vector<SegmentPlace> segments_;
     std::vector<std::string> eventNames_;
 };
 
 inline constexpr std::uint64_t kLoadStep = 7919;  ///< load_NNNN has the value n + NNNN * kLoadStep
 inline constexpr std::uint8_t kFlashExtension = 1;
-inline constexpr std::uint8_t kNameExtension = 0xFE;     ///< region of the event names, in no A2L file
+inline constexpr std::uint8_t kNameExtension = 0xFE;  ///< region of the event names, in no A2L file
+inline constexpr std::uint8_t kIdExtension = 0xFD;    ///< region of the texts of GET_ID, likewise
+inline constexpr std::uint32_t kIdSlot = 256;         ///< bytes kept for one of them
+inline constexpr std::uint8_t kIdTypes = 7;
+inline constexpr std::uint32_t kEpkBase = 0x00090000;    ///< the EPK, flash
 inline constexpr std::uint32_t kNameSlot = 32;           ///< bytes kept for one event name
 inline constexpr std::uint32_t kSpareBase = 0x00200000;  ///< region that no object of the catalogue lies in
 

@@ -13,6 +13,7 @@ namespace {
 constexpr std::size_t kBatchBytes = 512 * 1024;
 constexpr int kBatchEvents = 256;
 constexpr std::int64_t kNsPerMs = 1'000'000;
+constexpr std::int64_t kPauseUnitNs = 100'000;  // of MIN_ST
 constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max();
 constexpr int kPendingEvents = 4;
 constexpr std::array<std::uint8_t, 2> kPendingPacket{kEventPacket, kEvCmdPending};
@@ -82,6 +83,9 @@ void Ecu::jump(std::uint32_t milliseconds, std::int64_t ecuNs) {
 
 void Ecu::receive(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out) {
     if (packet.empty() || silent(nowNs)) return;
+    const std::int64_t sinceLastNs = nowNs - std::exchange(lastCommandNs_, nowNs);
+    // Half of it: what left in time may come together.
+    if (packet[0] == kDownloadNext && sinceLastNs < options_.blocks.pause * kPauseUnitNs / 2) return;
     ++commands_;
     ++commandsOfCode_[packet[0]];
     const Fault fault = faults_.onCommand(packet[0]);
@@ -138,7 +142,23 @@ void Ecu::execute(std::span<const std::uint8_t> packet, const Fault& fault, std:
     if (packet[0] == kConnect || packet[0] == kDisconnect) pendingEveryNs_ = 0;
     scratch_.clear();
     slave_.command(packet, ticks(ecuTime(nowNs)), scratch_);
-    if (!scratch_.packets().empty()) answer(scratch_.bytes(scratch_.packets()[0]), fault, nowNs, out);
+    answerAll(fault, nowNs, out);
+}
+
+/// What else befalls an answer befalls the first packet of several.
+void Ecu::answerAll(const Fault& fault, std::int64_t nowNs, Outbox& out) {
+    const auto& packets = scratch_.packets();
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+        const auto packet = scratch_.bytes(packets[i]);
+        const bool isMeant = fault.argument == i + 1;
+        if (fault.kind == FaultKind::losePart && isMeant) continue;
+        if (fault.kind == FaultKind::extraPart && isMeant) send(packet, nowNs, out);
+        if (i == 0) {
+            answer(packet, fault, nowNs, out);
+        } else if (fault.kind != FaultKind::lose) {
+            send(packet, nowNs, out);
+        }
+    }
 }
 
 void Ecu::answer(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out) {

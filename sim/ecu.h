@@ -74,6 +74,7 @@ class Ecu {
     void jump(std::uint32_t milliseconds, std::int64_t ecuNs);
     bool halted(std::int64_t nowNs) const { return nowNs < haltedUntilNs_; }
     void execute(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out);
+    void answerAll(const Fault& fault, std::int64_t nowNs, Outbox& out);
     void answer(std::span<const std::uint8_t> packet, const Fault& fault, std::int64_t nowNs, Outbox& out);
     void send(std::span<const std::uint8_t> packet, std::int64_t nowNs, Outbox& out);
     void delay(std::span<const std::uint8_t> packet, std::int64_t dueNs, bool inOrder);
@@ -91,6 +92,7 @@ class Ecu {
     Slave slave_;
     std::int64_t startNs_;
     std::int64_t silentUntilNs_;
+    std::int64_t lastCommandNs_ = 0;
     std::int64_t stalledUntilNs_;
     double drift_;                                   ///< nanoseconds that the ECU's clock gains per one
     double wanderNs_;                                ///< of the host, after which the drift turns round

@@ -21,6 +21,8 @@ constexpr KindName kKinds[] = {
     {"lose", FaultKind::lose, 0, false},
     {"late", FaultKind::late, 300, false},
     {"double", FaultKind::twice, 0, false},
+    {"lose-part", FaultKind::losePart, 2, false},
+    {"extra-part", FaultKind::extraPart, 2, false},
     {"short", FaultKind::cut, 1, false},
     {"wrong", FaultKind::wrong, 0, false},
     {"stray", FaultKind::stray, 0, false},

@@ -24,6 +24,8 @@ enum class FaultKind : std::uint8_t {
     late,       ///< answered after ARGUMENT ms (300), and so is all that is asked meanwhile
     overtaken,  ///< answered after ARGUMENT ms, what is asked meanwhile before it; 0: after the next answer
     twice,      ///< answered twice, the second time ARGUMENT ms later (0), before what is asked meanwhile
+    losePart,   ///< of the packets of an answer that number ARGUMENT (2), from 1, is not sent
+    extraPart,  ///< and that one is sent twice
     cut,        ///< answer cut to ARGUMENT bytes (1)
     wrong,      ///< every byte of the answer but the first inverted
     stray,      ///< a one-byte positive response before the answer

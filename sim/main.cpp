@@ -37,6 +37,7 @@ constexpr const char* kFaultHelp =
     "  late     answered after ARGUMENT ms (300), and so is what is asked meanwhile\n"
     "  overtaken  after ARGUMENT ms, what is asked meanwhile before it; 0: after the next answer\n"
     "  double   answered twice, the second time ARGUMENT ms later (0)\n"
+    "  lose-part  packet ARGUMENT (2) of a block of answers is lost; extra-part: it is sent twice\n"
     "  short    answer cut to ARGUMENT bytes (1)     wrong    answer with its bytes inverted\n"
     "  stray    a stray answer before the right one  busy     refused with ERR_CMD_BUSY\n"
     "  error    refused with code ARGUMENT (0x31)    positive answered FF, not executed\n"

@@ -20,6 +20,12 @@ inline bool isOffered(const CommandInfo& command, const Options& options) {
             return !options.isStatic();
         case Presence::onRequest:
             return options.offer.count(command.code) != 0;
+        case Presence::withIdentity:
+            return !options.paging.epk.empty() || options.paging.pages != 0;
+        case Presence::withMasterBlocks:
+            return options.blocks.maxBs != 0;
+        case Presence::withPages:
+            return options.paging.pages != 0;
         case Presence::withListCanIds:
             return !options.canListIds.empty();
         default:

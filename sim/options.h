@@ -39,7 +39,29 @@ struct Tales {
     std::optional<std::uint16_t> maxDto = {};
     std::optional<std::uint8_t> timestampSize = {};
     std::optional<std::uint8_t> tickExponent = {};
-    bool running = false;  ///< some DAQ list runs
+    std::optional<bool> running{};  ///< some DAQ list runs
+};
+
+/// Block transfer.
+struct BlockOptions {
+    bool answers = false;    ///< UPLOADs of more than one packet are answered with several
+    std::uint8_t maxBs = 0;  ///< most packets of a DOWNLOAD with its DOWNLOAD_NEXTs; 0: there are none
+    std::uint8_t pause = 0;  ///< MIN_ST: one that comes sooner than 100 us times that is not heard
+};
+
+/// The software's name, and the pages of the parameters.
+struct PageOptions {
+    std::string epk = {};              ///< empty: none
+    std::uint8_t pages = 0;            ///< of each segment; 0: no segments
+    std::uint8_t checksumType = 0x09;  ///< of BUILD_CHECKSUM
+    std::uint32_t checksumBlock = 0;   ///< most bytes of one, 0: any number
+    bool freeze = true;                ///< pages can be stored
+    // What goes wrong.
+    bool wrongEpk = false;       ///< memory holds another one than the A2L file tells
+    bool unreadableEpk = false;  ///< and none at all
+    bool apart = false;          ///< XCP is on page 0 at first, the ECU is not
+    bool stuck = false;          ///< SET_CAL_PAGE is answered and does nothing
+    bool switched = false;       ///< the first DOWNLOAD finds both sides on page 0
 };
 
 /// Whether bit 31 and the others make an identifier.
@@ -74,6 +96,8 @@ struct Options {
     std::set<std::uint8_t> without = {};  ///< command codes answered with ERR_CMD_UNKNOWN
     std::set<std::uint8_t> offer = {};    ///< codes of commands that are there on request alone
     LockOptions lock = {};
+    PageOptions paging = {};
+    BlockOptions blocks = {};
     Tales tells = {};
 
     // The world.

@@ -15,14 +15,26 @@ enum Command : std::uint8_t {
     kGetStatus = 0xFD,
     kSynch = 0xFC,
     kGetCommModeInfo = 0xFB,
+    kGetId = 0xFA,
+    kSetRequest = 0xF9,
     kGetSeed = 0xF8,
     kUnlock = 0xF7,
     kSetMta = 0xF6,
     kUpload = 0xF5,
     kShortUpload = 0xF4,
+    kBuildChecksum = 0xF3,
     kTransportLayerCmd = 0xF2,
     kDownload = 0xF0,
+    kDownloadNext = 0xEF,
     kModifyBits = 0xEC,
+    kSetCalPage = 0xEB,
+    kGetCalPage = 0xEA,
+    kGetPagProcessorInfo = 0xE9,
+    kGetSegmentInfo = 0xE8,
+    kGetPageInfo = 0xE7,
+    kSetSegmentMode = 0xE6,
+    kGetSegmentMode = 0xE5,
+    kCopyCalPage = 0xE4,
     kClearDaqList = 0xE3,
     kSetDaqPtr = 0xE2,
     kWriteDaq = 0xE1,
@@ -62,7 +74,9 @@ enum class Err : std::uint8_t {
     outOfRange = 0x22,
     writeProtected = 0x23,
     accessLocked = 0x25,
+    pageNotValid = 0x26,
     modeNotValid = 0x27,
+    segmentNotValid = 0x28,
     sequence = 0x29,
     daqConfig = 0x2A,
     memoryOverflow = 0x30,
@@ -75,7 +89,10 @@ enum class Presence : std::uint8_t {
     withLock,   ///< there when a resource is locked
     withStaticLists,
     withDynamicLists,
-    onRequest,       ///< there with --offer
+    onRequest,     ///< there with --offer
+    withIdentity,  ///< there when the ECU has an EPK or pages
+    withMasterBlocks,
+    withPages,       ///< there when its parameters have pages
     withListCanIds,  ///< there on CAN, when lists have identifiers of their own
 };
 
@@ -92,14 +109,26 @@ inline constexpr CommandInfo kCommands[] = {
     {kGetStatus, "GET_STATUS", 1, Presence::mandatory},
     {kSynch, "SYNCH", 1, Presence::mandatory},
     {kGetCommModeInfo, "GET_COMM_MODE_INFO", 1, Presence::usual},
+    {kGetId, "GET_ID", 2, Presence::withIdentity},
+    {kSetRequest, "SET_REQUEST", 4, Presence::withPages},
     {kGetSeed, "GET_SEED", 3, Presence::withLock},
     {kUnlock, "UNLOCK", 2, Presence::withLock},
     {kSetMta, "SET_MTA", 8, Presence::usual},
     {kUpload, "UPLOAD", 2, Presence::usual},
     {kShortUpload, "SHORT_UPLOAD", 8, Presence::usual},
+    {kBuildChecksum, "BUILD_CHECKSUM", 8, Presence::withPages},
     {kTransportLayerCmd, "TRANSPORT_LAYER_CMD", 2, Presence::withListCanIds},
     {kDownload, "DOWNLOAD", 3, Presence::usual},
+    {kDownloadNext, "DOWNLOAD_NEXT", 3, Presence::withMasterBlocks},
     {kModifyBits, "MODIFY_BITS", 6, Presence::onRequest},
+    {kSetCalPage, "SET_CAL_PAGE", 4, Presence::withPages},
+    {kGetCalPage, "GET_CAL_PAGE", 3, Presence::withPages},
+    {kGetPagProcessorInfo, "GET_PAG_PROCESSOR_INFO", 1, Presence::withPages},
+    {kGetSegmentInfo, "GET_SEGMENT_INFO", 5, Presence::withPages},
+    {kGetPageInfo, "GET_PAGE_INFO", 4, Presence::withPages},
+    {kSetSegmentMode, "SET_SEGMENT_MODE", 3, Presence::withPages},
+    {kGetSegmentMode, "GET_SEGMENT_MODE", 3, Presence::withPages},
+    {kCopyCalPage, "COPY_CAL_PAGE", 5, Presence::withPages},
     {kClearDaqList, "CLEAR_DAQ_LIST", 4, Presence::withStaticLists},
     {kSetDaqPtr, "SET_DAQ_PTR", 6, Presence::usual},
     {kWriteDaq, "WRITE_DAQ", 8, Presence::usual},
@@ -132,6 +161,12 @@ constexpr std::optional<std::uint8_t> commandCode(std::string_view name) {
         if (info.name == name) return info.code;
     }
     return std::nullopt;
+}
+
+/// Those about pages, identification and checksums.
+constexpr bool isPageCommand(std::uint8_t code) {
+    return (code <= kSetCalPage && code >= kCopyCalPage) || code == kGetId || code == kSetRequest ||
+           code == kBuildChecksum;
 }
 
 /// Those that only a slave with DAQ lists has.

@@ -42,7 +42,11 @@ void Security::forgetSeed() {
 std::uint8_t Security::resourceOf(std::uint8_t code) const {
     switch (code) {
         case kDownload:
+        case kDownloadNext:
         case kModifyBits:
+        case kSetCalPage:
+        case kSetSegmentMode:
+        case kCopyCalPage:
             return kCalibration;
         case kUpload:
         case kShortUpload:

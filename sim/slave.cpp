@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "sim/offered_commands.h"
 
@@ -9,7 +10,10 @@ namespace lm::sim {
 namespace {
 
 constexpr std::uint8_t kOptionalInfo = 0x80;  // COMM_MODE_BASIC: GET_COMM_MODE_INFO is there
+constexpr std::uint8_t kSendsBlocks = 0x40;   // and several packets answer one UPLOAD
+constexpr std::uint8_t kTakesBlocks = 0x01;   // COMM_MODE_OPTIONAL
 constexpr std::uint8_t kDaqRunning = 0x40;
+constexpr std::uint8_t kStoringPages = 0x01;
 constexpr std::uint8_t kDriverVersion = 0x10;
 constexpr std::uint8_t kProtocolVersion = 1;
 
@@ -21,23 +25,37 @@ Slave::Slave(const Options& options, const Catalog& catalog, World& world, Fault
       world_(world),
       daq_(options, world, faults),
       daqCommands_(options, catalog, daq_),
+      pageCommands_(options, catalog, world),
       security_(options.lock, options.maxCto),
       answer_(options.order) {}
 
 void Slave::reset() {
     connected_ = false;
-    mta_ = 0;
-    mtaExtension_ = 0;
+    mta_ = {};
+    toCome_ = 0;
     daq_.reset();
     security_.lockAll();
 }
 
 void Slave::command(Packet packet, std::uint64_t ticks, Outbox& out) {
     if (packet.empty() || (!connected_ && packet[0] != kConnect)) return;
+    const std::size_t expected = toCome_;
+    if (packet[0] != kDownloadNext) toCome_ = 0;
     const Refusal refusal = execute(packet, ticks);
-    if (refusal) {
+    if (refusal == Err::sequence && packet[0] == kDownloadNext) {
+        out.append(std::array<std::uint8_t, 3>{kErrorPacket, static_cast<std::uint8_t>(*refusal),
+                                               static_cast<std::uint8_t>(expected)});
+    } else if (refusal) {
         out.append(std::array<std::uint8_t, 2>{kErrorPacket, static_cast<std::uint8_t>(*refusal)});
-    } else {
+    } else if (toCome_ == 0) {
+        out.append(answer_.bytes());
+        sendRestOfBlock(out);
+    }
+}
+
+void Slave::sendRestOfBlock(Outbox& out) {
+    while (toSend_ != 0) {
+        upload(toSend_, true);
         out.append(answer_.bytes());
     }
 }
@@ -71,11 +89,11 @@ Slave::Refusal Slave::execute(Packet packet, std::uint64_t ticks) {
         case kGetDaqEventInfo: {
             const Refusal refusal = daqCommands_.execute(packet, ticks, answer_);
             if (refusal) return refusal;
-            mtaExtension_ = kNameExtension;
-            mta_ = catalog_.eventNameAddress(answer_.word(packet, 2));
+            mta_ = {kNameExtension, catalog_.eventNameAddress(answer_.word(packet, 2))};
             return std::nullopt;
         }
         default:
+            if (isPageCommand(code)) return pageCommands_.execute(packet, answer_, mta_);
             return isDaqCommand(code) ? daqCommands_.execute(packet, ticks, answer_) : executeMemory(packet);
     }
 }
@@ -99,18 +117,18 @@ Slave::Refusal Slave::executeSecurity(Packet packet) {
 
 Slave::Refusal Slave::executeMemory(Packet packet) {
     if (packet[0] == kSetMta || packet[0] == kShortUpload) {
-        mtaExtension_ = packet[3];
-        mta_ = answer_.dword(packet, 4);
+        mta_ = {packet[3], answer_.dword(packet, 4)};
     }
     switch (packet[0]) {
         case kSetMta:
             return std::nullopt;
         case kDownload:
+        case kDownloadNext:
             return download(packet);
         case kModifyBits:
             return modifyBits(packet);
         default:
-            return upload(packet[1]);
+            return upload(packet[1], packet[0] == kUpload && options_.blocks.answers);
     }
 }
 
@@ -123,6 +141,7 @@ void Slave::connect() {
     const std::uint8_t granularity = told == 4 ? 0x04 : told == 2 ? 0x02 : 0;
     const ByteOrder order = options_.tells.order.value_or(options_.order);
     to[2] = static_cast<std::uint8_t>((order == ByteOrder::bigEndian ? 0x01 : 0) | granularity |
+                                      (options_.blocks.answers ? kSendsBlocks : 0) |
                                       (options_.without.count(kGetCommModeInfo) != 0 ? 0 : kOptionalInfo));
     to[3] = options_.tells.maxCto.value_or(options_.maxCto);
     answer_.putWord(4, options_.tells.maxDto.value_or(options_.maxDto));
@@ -131,47 +150,63 @@ void Slave::connect() {
 }
 
 void Slave::clearPointers() {
-    mtaExtension_ = 0;
-    mta_ = catalog_.regions().front().base;
+    mta_ = {0, catalog_.regions().front().base};
     daq_.clearPointer();
 }
 
 void Slave::status() {
     std::uint8_t* to = answer_.begin(6);
-    to[1] = daq_.running() || options_.tells.running ? kDaqRunning : 0;
+    to[1] = options_.tells.running.value_or(daq_.running()) ? kDaqRunning : 0;
+    if (pageCommands_.storing()) to[1] |= kStoringPages;
     to[2] = security_.toldLocked();
 }
 
 void Slave::commModeInfo() {
-    answer_.begin(8)[7] = kDriverVersion;
+    std::uint8_t* to = answer_.begin(8);
+    to[2] = options_.blocks.maxBs != 0 ? kTakesBlocks : std::uint8_t{0};
+    to[4] = options_.blocks.maxBs;
+    to[5] = options_.blocks.pause;
+    to[7] = kDriverVersion;
 }
 
-Slave::Refusal Slave::upload(std::size_t elements) {
-    const std::size_t size = elements * options_.granularity;
+Slave::Refusal Slave::upload(std::size_t elements, bool inBlocks) {
     const std::size_t head = options_.granularity;
+    const std::size_t all = elements * options_.granularity;
+    const std::size_t size = inBlocks ? std::min<std::size_t>(all, options_.maxCto - head) : all;
+    toSend_ = 0;
     if (elements == 0 || head + size > options_.maxCto) return Err::outOfRange;
-    const std::uint8_t* from = world_.read(mtaExtension_, mta_, size);
-    if (from == nullptr || mta_ % options_.granularity != 0) return Err::outOfRange;
+    const std::uint8_t* from = world_.readByXcp(mta_.extension, mta_.address, all);
+    if (from == nullptr || mta_.address % options_.granularity != 0) return Err::outOfRange;
     std::memcpy(answer_.begin(head + size) + head, from, size);
-    mta_ += static_cast<std::uint32_t>(size);
+    mta_.address += static_cast<std::uint32_t>(size);
+    toSend_ = (all - size) / options_.granularity;
     return std::nullopt;
 }
 
+/// A DOWNLOAD tells the elements of its whole block, DOWNLOAD_NEXT those that are still to come.
 Slave::Refusal Slave::download(Packet packet) {
-    const std::size_t head = options_.granularity == 4 ? 4 : 2;
-    const std::size_t size = std::size_t{packet[1]} * options_.granularity;
-    if (size == 0 || mta_ % options_.granularity != 0) return Err::outOfRange;
-    if (packet.size() < head + size) return Err::cmdSyntax;
-    const Refusal refusal = write(packet.subspan(head, size));
-    if (!refusal) mta_ += static_cast<std::uint32_t>(size);
-    return refusal;
+    const std::size_t unit = options_.granularity;
+    const std::size_t head = unit == 4 ? 4 : 2;
+    const std::size_t each = (options_.maxCto - head) / unit;
+    const std::size_t elements = packet[1];
+    const bool isNext = packet[0] == kDownloadNext;
+    if (isNext && elements != std::exchange(toCome_, 0)) return Err::sequence;
+    if (elements == 0 || mta_.address % unit != 0) return Err::outOfRange;
+    const std::size_t here = options_.blocks.maxBs == 0 ? elements : std::min(elements, each);
+    if (!isNext && elements > here && elements > options_.blocks.maxBs * each) return Err::outOfRange;
+    if (packet.size() < head + here * unit) return Err::cmdSyntax;
+    const Refusal refusal = write(packet.subspan(head, here * unit));
+    if (refusal) return refusal;
+    mta_.address += static_cast<std::uint32_t>(here * unit);
+    toCome_ = elements - here;
+    return std::nullopt;
 }
 
 /// Changes 32 bits in one go, so that none is lost which the ECU changes meanwhile.
 Slave::Refusal Slave::modifyBits(Packet packet) {
     const std::uint8_t shift = packet[1];
-    const std::uint8_t* at = world_.read(mtaExtension_, mta_, sizeof(std::uint32_t));
-    if (shift > 31 || at == nullptr || mta_ % options_.granularity != 0) return Err::outOfRange;
+    const std::uint8_t* at = world_.readByXcp(mta_.extension, mta_.address, sizeof(std::uint32_t));
+    if (shift > 31 || at == nullptr || mta_.address % options_.granularity != 0) return Err::outOfRange;
     const std::uint32_t cleared = (~std::uint32_t{answer_.word(packet, 2)} & 0xFFFFU) << shift;
     const std::uint32_t inverted = std::uint32_t{answer_.word(packet, 4)} << shift;
     const auto old = readBytes<std::uint32_t>(at, options_.order);
@@ -181,7 +216,8 @@ Slave::Refusal Slave::modifyBits(Packet packet) {
 }
 
 Slave::Refusal Slave::write(std::span<const std::uint8_t> bytes) {
-    switch (world_.write(mtaExtension_, mta_, bytes)) {
+    pageCommands_.beforeWrite();
+    switch (world_.write(mta_.extension, mta_.address, bytes)) {
         case Access::outOfRange:
             return Err::outOfRange;
         case Access::writeProtected:

@@ -14,6 +14,7 @@
 #include "sim/daq_commands.h"
 #include "sim/options.h"
 #include "sim/outbox.h"
+#include "sim/page_commands.h"
 #include "sim/protocol.h"
 #include "sim/security.h"
 #include "sim/world.h"
@@ -49,7 +50,8 @@ class Slave {
     void clearPointers();
     void status();
     void commModeInfo();
-    Refusal upload(std::size_t elements);
+    Refusal upload(std::size_t elements, bool inBlocks);
+    void sendRestOfBlock(Outbox& out);
     Refusal download(Packet packet);
     Refusal modifyBits(Packet packet);
     /// To where the memory pointer stands.
@@ -60,11 +62,13 @@ class Slave {
     World& world_;
     DaqLists daq_;
     DaqCommands daqCommands_;
+    PageCommands pageCommands_;
     Security security_;
     Answer answer_;
     bool connected_ = false;
-    std::uint8_t mtaExtension_ = 0;
-    std::uint32_t mta_ = 0;
+    MemoryPointer mta_;
+    std::size_t toSend_ = 0;  ///< elements of the block that UPLOAD asked for
+    std::size_t toCome_ = 0;  ///< elements that DOWNLOAD_NEXT is to bring
     std::uint64_t writes_ = 0;
 };
 

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "core/text.h"
+#include "sim/checksums.h"
 #include "sim/protocol.h"
 
 namespace lm::sim {
@@ -21,6 +22,8 @@ bool holds(const std::vector<std::string>& words, const char* word) {
 void VariantOptions::add(CLI::App& app, Options& options) {
     addStaticLists(app, options);
     addLock(app, options);
+    addPages(app, options);
+    addBlocks(app, options.blocks);
     addOddities(app);
 }
 
@@ -74,6 +77,20 @@ void VariantOptions::addStaticLists(CLI::App& app, Options& options) {
     app.add_flag("!--no-prescaler", options.prescaler, "Refuse prescalers other than 1")->group(kGroup);
 }
 
+void VariantOptions::addBlocks(CLI::App& app, BlockOptions& blocks) {
+    constexpr const char* kGroup = "Block transfer";
+    app.add_flag("--slave-blocks", blocks.answers, "Several packets answer an UPLOAD of up to 255 elements")
+        ->group(kGroup);
+    CLI::Option* const most = app.add_option("--master-blocks", blocks.maxBs,
+                                             "Packets of a DOWNLOAD with its DOWNLOAD_NEXTs at most")
+                                  ->check(CLI::Range(2, 255))
+                                  ->group(kGroup);
+    app.add_option("--min-st", blocks.pause, "100 us times that between them, or they are not heard")
+        ->needs(most)
+        ->check(CLI::Range(0, 255))
+        ->group(kGroup);
+}
+
 void VariantOptions::addOddities(CLI::App& app) {
     app.add_option("--offer", offer_, "Knows these too, by commas: MODIFY_BITS, WRITE_DAQ_MULTIPLE")
         ->delimiter(',')
@@ -82,14 +99,65 @@ void VariantOptions::addOddities(CLI::App& app) {
     app.add_option(
            "--tells", tells_,
            "Tells what is not so, KEY=VALUE by commas: granularity=1|2|4, order=little|big, max-cto=N, "
-           "max-dto=N, timestamp=0|1|2|4, tick-unit=0..9, running=1")
+           "max-dto=N, timestamp=0|1|2|4, tick-unit=0..9, running=0|1")
         ->delimiter(',')
         ->allow_extra_args(false)
         ->group("Rarities and oddities");
 }
 
+void VariantOptions::addPages(CLI::App& app, Options& options) {
+    constexpr const char* kGroup = "Identity and pages";
+    PageOptions& paging = options.paging;
+    app.add_option("--epk", paging.epk, "The software's name, in memory at 0x90000 and in the A2L file")
+        ->check(CLI::Validator(
+            [](std::string& text) { return text.empty() || text.size() > 255 ? "1 to 255 bytes" : ""; },
+            "TEXT"))
+        ->group(kGroup);
+    CLI::Option* pages =
+        app.add_option("--pages", paging.pages,
+                       "The parameters lie in two segments of so many pages; of several the first is flash")
+            ->check(CLI::Range(1, 8))
+            ->group(kGroup);
+    app.add_option("--checksum", checksum_,
+                   "Type of BUILD_CHECKSUM: add-11, add-12, add-14, add-22, add-24, add-44, crc-16, "
+                   "crc-16-citt, crc-32, user")
+        ->needs(pages)
+        ->capture_default_str()
+        ->group(kGroup);
+    app.add_option("--checksum-block", paging.checksumBlock, "Most bytes that one BUILD_CHECKSUM takes")
+        ->check(CLI::Range(8, 1 << 24))
+        ->needs(pages)
+        ->group(kGroup);
+    app.add_flag("!--no-freeze", paging.freeze, "Pages cannot be stored")->needs(pages)->group(kGroup);
+    app.add_option("--page-faults", pageFaults_,
+                   "What goes wrong, by commas: wrong-epk and unreadable-epk (another one, none in memory), "
+                   "apart (XCP is on page 0 at first, the ECU on page 1), stuck (SET_CAL_PAGE does nothing), "
+                   "switched (the first DOWNLOAD finds both sides on page 0)")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(CLI::IsMember({"wrong-epk", "unreadable-epk", "apart", "stuck", "switched"}))
+        ->group(kGroup);
+}
+
+Result<void> VariantOptions::completePages(PageOptions& paging, std::uint8_t granularity) const {
+    const std::optional<std::uint8_t> type = checksumNumber(checksum_);
+    if (!type)
+        return Error{ErrorCode::invalidArgument, "--checksum '" + checksum_ + "': --help shows the types"};
+    paging.checksumType = *type;
+    if (paging.checksumBlock % std::max(granularity, checksumStep(*type)) != 0)
+        return Error{ErrorCode::invalidArgument, "--checksum-block: a multiple of what is added at once"};
+    paging.wrongEpk = holds(pageFaults_, "wrong-epk");
+    paging.unreadableEpk = holds(pageFaults_, "unreadable-epk");
+    paging.apart = holds(pageFaults_, "apart");
+    paging.stuck = holds(pageFaults_, "stuck");
+    paging.switched = holds(pageFaults_, "switched");
+    return {};
+}
+
 Result<void> VariantOptions::complete(Options& options) {
     completeLock(options.lock);
+    const Result<void> paged = completePages(options.paging, options.granularity);
+    if (!paged.ok()) return paged.error();
     const Result<void> offered = completeOffer(options.offer);
     if (!offered.ok()) return offered.error();
     const Result<void> told = completeTales(options.tells);

@@ -27,14 +27,19 @@ class VariantOptions {
   private:
     void addLock(CLI::App& app, Options& options);
     void addStaticLists(CLI::App& app, Options& options);
+    void addBlocks(CLI::App& app, BlockOptions& blocks);
     void addOddities(CLI::App& app);
+    void addPages(CLI::App& app, Options& options);
     void completeLock(LockOptions& lock) const;
+    Result<void> completePages(PageOptions& paging, std::uint8_t granularity) const;
     Result<void> completeStaticLists(Options& options);
     Result<void> completeOffer(std::set<std::uint8_t>& offer) const;
     Result<void> completeTales(Tales& tales) const;
 
     std::vector<std::string> lock_;
     std::vector<std::string> lockQuirks_;
+    std::vector<std::string> pageFaults_;
+    std::string checksum_ = "crc-32";
     bool staticDaq_ = false;
     StaticListTexts staticLists_;
     std::vector<std::string> tells_;

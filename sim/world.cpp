@@ -7,10 +7,13 @@
 
 namespace lm::sim {
 
-World::World(const Catalog& catalog) : catalog_(catalog) {
+World::World(const Catalog& catalog) : catalog_(catalog), pages_(catalog.options()) {
     for (const Region& region : catalog.regions()) {
         memory_.push_back(std::make_unique<std::uint8_t[]>(region.size));
     }
+    for (const SegmentPlace& place : catalog.segments())
+        pages_.add(place, locate(place.extension, place.base, place.size, nullptr));
+    // The ECU itself changes nothing in a page.
     for (const Row& row : catalog.rows()) {
         std::uint8_t* at = locate(row.extension, row.address, row.size(), nullptr);
         if (at == nullptr || row.place == Place::nowhere) continue;
@@ -18,7 +21,7 @@ World::World(const Catalog& catalog) : catalog_(catalog) {
             load_.push_back(at);
             loadSize_ = row.size();
             loadOrder_ = catalog.order(row);
-        } else if (row.isModelled()) {
+        } else if (row.isModelled() && !pages_.view(row.extension, row.address, 1)) {
             signals_[row.event].push_back({&row, at, catalog.order(row)});
         }
     }
@@ -65,8 +68,20 @@ void World::restart() {
         std::uint8_t* at = locate(kNameExtension, catalog_.eventNameAddress(event), kNameSlot, nullptr);
         std::copy(name.begin(), name.end(), at);
     }
+    storeTexts();
+    pages_.restart();
     counters_ = {};
     inputsStale_ = true;
+}
+
+void World::storeTexts() {
+    const auto store = [this](std::uint8_t extension, std::uint32_t address, const std::string& text) {
+        std::uint8_t* at = locate(extension, address, text.size(), nullptr);
+        if (at != nullptr) std::copy(text.begin(), text.end(), at);
+    };
+    store(0, kEpkBase, catalog_.epkInMemory());
+    for (std::uint8_t type = 0; type < kIdTypes; ++type)
+        store(kIdExtension, type * kIdSlot, catalog_.idText(type));
 }
 
 void World::readInputs() {
@@ -128,9 +143,18 @@ const std::uint8_t* World::read(std::uint8_t extension, std::uint32_t address, s
     return locate(extension, address, size, nullptr);
 }
 
+const std::uint8_t* World::readByXcp(std::uint8_t extension, std::uint32_t address, std::size_t size) {
+    if (const auto seen = pages_.view(extension, address, size)) return seen->bytes;
+    return read(extension, address, size);
+}
+
 Access World::write(std::uint8_t extension, std::uint32_t address, std::span<const std::uint8_t> bytes) {
     bool writable = false;
     std::uint8_t* at = locate(extension, address, bytes.size(), &writable);
+    if (const auto seen = pages_.view(extension, address, bytes.size())) {
+        at = seen->bytes;
+        writable = seen->writable;
+    }
     if (at == nullptr) return Access::outOfRange;
     if (!writable) return Access::writeProtected;
     const std::vector<std::uint8_t> old(at, at + bytes.size());

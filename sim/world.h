@@ -13,6 +13,7 @@
 
 #include "core/result.h"
 #include "sim/catalog.h"
+#include "sim/pages.h"
 
 namespace lm::sim {
 
@@ -30,10 +31,16 @@ class World {
     /// How often the event has occurred since the start.
     std::uint32_t counter(std::uint8_t event) const { return counters_[event]; }
 
-    /// `size` bytes of memory, null when they are not all in one region.
+    /// `size` bytes of memory as the ECU uses it, null when they are not all in one region.
     const std::uint8_t* read(std::uint8_t extension, std::uint32_t address, std::size_t size) const;
+    /// Likewise as XCP sees it, which may be on another page.
+    const std::uint8_t* readByXcp(std::uint8_t extension, std::uint32_t address, std::size_t size);
     /// Writes whole or not at all; bytes of an object that ignores writes keep their value.
     Access write(std::uint8_t extension, std::uint32_t address, std::span<const std::uint8_t> bytes);
+
+    Pages& pages() { return pages_; }
+    /// Parameters have changed by another way than write().
+    void memoryChanged() { inputsStale_ = true; }
 
     /// Every region: extension, base address and size (32 bits each, least significant byte first), bytes.
     Result<void> saveMemory(const std::string& path) const;
@@ -57,7 +64,10 @@ class World {
     void readInputs();
     Table table(std::string_view name) const;
 
+    void storeTexts();
+
     const Catalog& catalog_;
+    Pages pages_;
     std::vector<std::unique_ptr<std::uint8_t[]>> memory_;  ///< bytes of each region of the catalogue
     std::array<std::uint32_t, kEventCount> counters_{};
     std::array<std::vector<Signal>, kEventCount> signals_;
