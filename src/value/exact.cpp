@@ -133,6 +133,9 @@ double Exact::toDouble() const {
 }
 
 std::string Exact::fixed(int decimals) const {
+    // What is lost lies below the 120th binary place.
+    if (exponent < -kMostBits)
+        return Exact{shiftedDown(units, -kMostBits - exponent), -kMostBits}.fixed(decimals);
     return formatted(*this, decimals);
 }
 
@@ -140,6 +143,8 @@ std::string Exact::shortest() const {
     const Unsigned128 magnitude = magnitudeOf(units);
     // Of the multiples of 2^exponent, a double that holds them all this far is the nearest to its own text.
     const bool isDouble = bitWidth(magnitude) <= std::numeric_limits<double>::digits;
+    // The digits of one as small as that are more than anyone could read.
+    if (exponent < -kMostBits) return formatShortest(toDouble());
     const bool isFraction = exponent < 0 && (magnitude & ((Unsigned128{1} << -exponent) - 1)) != 0;
     return isDouble && isFraction ? formatShortest(toDouble()) : formatted(*this, std::nullopt);
 }

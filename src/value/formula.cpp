@@ -2,68 +2,11 @@
 
 #include <array>
 #include <cmath>
-#include <limits>
 
 #include "value/formula_opcode.h"
+#include "value/formula_operations.h"
 
 namespace lm::value {
-namespace {
-
-/// Truncation towards zero that is defined for every double: out of range saturates, NaN is 0.
-std::int64_t truncated(double value) {
-    if (value >= 0x1p63) return std::numeric_limits<std::int64_t>::max();
-    if (value >= -0x1p63) return static_cast<std::int64_t>(value);
-    return std::isnan(value) ? 0 : std::numeric_limits<std::int64_t>::min();
-}
-
-double shiftedLeft(double value, double count) {
-    const auto bits = static_cast<std::uint64_t>(truncated(value));
-    return static_cast<double>(static_cast<std::int64_t>(bits << (truncated(count) & 63)));
-}
-
-double shiftedRight(double value, double count) {
-    return static_cast<double>(truncated(value) >> (truncated(count) & 63));
-}
-
-double truth(bool value) {
-    return value ? 1.0 : 0.0;
-}
-
-double applyFunction(std::uint8_t opcode, double x) {
-    switch (opcode) {
-        case kSin:
-            return std::sin(x);
-        case kCos:
-            return std::cos(x);
-        case kTan:
-            return std::tan(x);
-        case kAsin:
-            return std::asin(x);
-        case kAcos:
-            return std::acos(x);
-        case kAtan:
-            return std::atan(x);
-        case kSinh:
-            return std::sinh(x);
-        case kCosh:
-            return std::cosh(x);
-        case kTanh:
-            return std::tanh(x);
-        case kExp:
-            return std::exp(x);
-        case kLog:
-            return std::log(x);
-        case kLog10:
-            return std::log10(x);
-        case kSqrt:
-            return std::sqrt(x);
-        default:
-            return std::fabs(x);
-    }
-}
-
-}  // namespace
-
 std::size_t Formula::variableCount() const {
     std::size_t count = 0;
     for (const Instruction& step : program_) {

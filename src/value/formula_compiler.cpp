@@ -9,6 +9,7 @@
 #include "core/text.h"
 #include "value/formula.h"
 #include "value/formula_opcode.h"
+#include "value/formula_operations.h"
 
 namespace lm::value {
 namespace {
@@ -21,38 +22,6 @@ constexpr unsigned kNestingLimit = 1000;
 constexpr std::size_t kExpandedLimit = std::size_t{1} << 20U;
 
 constexpr int kExpansionPasses = 16;
-
-constexpr std::array<std::string_view, 15> kFunctionNames = {  // from kSin on
-    "sin",  "cos", "tan", "asin",  "acos", "atan", "sinh", "cosh",
-    "tanh", "exp", "log", "log10", "sqrt", "abs",  "pow"};
-
-struct BinaryOperator {
-    std::string_view text;
-    FormulaOpcode opcode;
-    int precedence;
-};
-
-/// In the order in which they are tried: two characters before their one-character prefixes.
-constexpr std::array<BinaryOperator, 18> kBinaryOperators = {{
-    {"||", kOr, 1},
-    {"&&", kAnd, 2},
-    {"==", kEqual, 6},
-    {"!=", kNotEqual, 6},
-    {"<=", kLessEqual, 7},
-    {">=", kGreaterEqual, 7},
-    {"<<", kShiftLeft, 8},
-    {">>", kShiftRight, 8},
-    {"|", kBitOr, 3},
-    {"^", kBitXor, 4},
-    {"&", kBitAnd, 5},
-    {"<", kLess, 7},
-    {">", kGreater, 7},
-    {"+", kAdd, 9},
-    {"-", kSubtract, 9},
-    {"*", kMultiply, 10},
-    {"/", kDivide, 10},
-    {"%", kRemainder, 10},
-}};
 
 constexpr bool isWordStart(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';

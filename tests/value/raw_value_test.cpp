@@ -14,41 +14,24 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
-TEST(RawValue, BytesAndRefusalsAsTheyAreTold) {
-    struct Row {
+// Integers, masks and refusals are those of the campaign `set_safety`; here stand floats that no one can
+// type.
+TEST(RawValue, FloatsTakeWhatNoOneTypes) {
+    const struct {
         double value;
         RawCoding coding;
-        Bytes before;
         Bytes after;
-        std::string error = {};
-    };
-    constexpr auto kLittle = ByteOrder::littleEndian;
-    constexpr auto kBig = ByteOrder::bigEndian;
-    // clang-format off
-    const Row rows[] = {
-        {255.4, {DataType::ubyte, kLittle, 0}, {0}, {0xFF}},
-        {255.5, {DataType::ubyte, kLittle, 0}, {7}, {7}, "raw value 256.000000 outside the range of UBYTE"},
-        {-0.5, {DataType::sbyte, kLittle, 0}, {7}, {0xFF}},
-        {-3, {DataType::sword, kBig, 0x0FF0}, {0xA5, 0xA5}, {0xAF, 0xD5}},
-        {-129, {DataType::sword, kBig, 0x0FF0}, {7, 7}, {7, 7}, "raw value -129.000000 outside the range of SWORD"},
-        {5, {DataType::ulong, kLittle, 0x5A00}, {1, 0xFF, 3, 4}, {1, 0xAF, 3, 4}},
-        {0x1p64, {DataType::uint64, kLittle, 0}, Bytes(8), Bytes(8), "raw value 18446744073709551616.000000 outside the range of A_UINT64"},
-        {-kInfinity, {DataType::ulong, kLittle, 0}, Bytes(4), Bytes(4), "raw value -inf outside the range of ULONG"},
-        {kNan, {DataType::slong, kLittle, 0}, Bytes(4), Bytes(4), "value is not a number"},
-        {1, {DataType::float64, kLittle, 0}, Bytes(7), Bytes(7), "buffer too small"},
-        {1.5, {DataType::float32, kBig, 0xFF}, Bytes(4), {0x3F, 0xC0, 0, 0}},
-        {kNan, {DataType::float32, kBig, 0}, Bytes(4), {0x7F, 0xC0, 0, 0}},
-        {1e300, {DataType::float32, kLittle, 0}, Bytes(4), {0, 0, 0x80, 0x7F}},
-        {65519.99, {DataType::float16, kBig, 0}, Bytes(2), {0x7B, 0xFF}},
-        {65520, {DataType::float16, kBig, 0}, Bytes(2), {0x7C, 0}}
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        Bytes bytes = row.before;
-        const Result<void> result = encodeRaw(row.value, row.coding, bytes);
-        EXPECT_EQ(result ? "" : result.error().text(), row.error) << row.value;
+    } rows[] = {{1.5, {DataType::float32, ByteOrder::bigEndian, 0xFF}, {0x3F, 0xC0, 0, 0}},
+                {kNan, {DataType::float32, ByteOrder::bigEndian, 0}, {0x7F, 0xC0, 0, 0}},
+                {1e300, {DataType::float32, ByteOrder::littleEndian, 0}, {0, 0, 0x80, 0x7F}}};
+    for (const auto& row : rows) {
+        Bytes bytes(4);
+        EXPECT_TRUE(encodeRaw(row.value, row.coding, bytes).ok());
         EXPECT_EQ(bytes, row.after) << row.value;
     }
+    Bytes small(7);
+    EXPECT_EQ(encodeRaw(1, {DataType::float64, ByteOrder::bigEndian, 0}, small).error().text(),
+              "buffer too small");
 }
 
 double halfValue(int bits) {
