@@ -1,7 +1,7 @@
 // Another program run to its end: started without a shell, given a text, heard out, ended when it takes too
 // long or a stop comes. It sees the standard descriptors and those that are handed on, and gets default
-// signal handling and a process group of its own, which is killed at the end, so that nothing it started
-// stays.
+// signal handling and a process group of its own, which is killed at the end with all that it started and
+// that did not leave the group.
 //
 // Threads: any. Lifetime: nothing is kept; descriptors are borrowed for the call.
 #pragma once

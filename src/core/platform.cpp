@@ -23,12 +23,24 @@ std::filesystem::path executablePath() {
     return failure ? std::filesystem::path() : path;
 }
 
-std::filesystem::path userConfigDirectory() {
-    const char* configured = std::getenv("XDG_CONFIG_HOME");
+namespace {
+
+std::filesystem::path userDirectory(const char* variable, const char* belowHome) {
+    const char* configured = std::getenv(variable);
     if (configured != nullptr && *configured != '\0') return configured;
     const char* home = std::getenv("HOME");
-    if (home != nullptr && *home != '\0') return std::filesystem::path(home) / ".config";
+    if (home != nullptr && *home != '\0') return std::filesystem::path(home) / belowHome;
     return {};
+}
+
+}  // namespace
+
+std::filesystem::path userConfigDirectory() {
+    return userDirectory("XDG_CONFIG_HOME", ".config");
+}
+
+std::filesystem::path userStateDirectory() {
+    return userDirectory("XDG_STATE_HOME", ".local/state");
 }
 
 void raiseOpenFileLimit() {

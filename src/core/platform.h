@@ -1,4 +1,4 @@
-// Process-level services of Linux: own path, configuration directory, mapped files, the open-file limit, the
+// Process-level services of Linux: own path, directories of the user, mapped files, the open-file limit, the
 // local time.
 //
 // Threads: the functions may be called from any thread; a MappedFile belongs to one thread at a time.
@@ -19,6 +19,8 @@ std::filesystem::path executablePath();
 
 /// $XDG_CONFIG_HOME, else $HOME/.config, else an empty path; an empty variable counts as unset.
 std::filesystem::path userConfigDirectory();
+/// $XDG_STATE_HOME, else $HOME/.local/state, else an empty path; likewise.
+std::filesystem::path userStateDirectory();
 
 /// Raises the soft limit of open files to the hard limit, once per process; a refusal is ignored.
 void raiseOpenFileLimit();

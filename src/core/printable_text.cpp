@@ -1,5 +1,6 @@
 #include "core/printable_text.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include <spdlog/fmt/fmt.h>
@@ -41,6 +42,27 @@ std::string printableText(std::string_view bytes) {
         bytes.remove_prefix(taken);
     }
     return text;
+}
+
+std::string commandText(std::span<const std::string> words) {
+    constexpr std::string_view kPlain = "%+,-./:=@_";
+    const auto isPlain = [&](char c) {
+        const auto small = static_cast<char>(static_cast<unsigned char>(c) | 0x20U);
+        return isDigit(c) || (small >= 'a' && small <= 'z') || kPlain.find(c) != std::string_view::npos;
+    };
+    std::string text;
+    for (const std::string& word : words) {
+        if (!text.empty()) text += ' ';
+        if (!word.empty() && std::all_of(word.begin(), word.end(), isPlain)) {
+            text += word;
+            continue;
+        }
+        text += '\'';
+        for (const char c : word)
+            text += c == '\'' ? "'\\''" : std::string(1, c);
+        text += '\'';
+    }
+    return printableText(text);
 }
 
 }  // namespace lm

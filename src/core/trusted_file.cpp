@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 namespace lm {
 namespace {
 
+constexpr int kMostLinks = 40;  ///< as many as Linux follows
 constexpr std::size_t kMostCopied = std::size_t{256} << 20U;
 
 std::optional<std::string> whyNot(const struct stat& status, const std::string& name) {
@@ -58,6 +60,34 @@ int sealedCopy(const std::string& bytes, UniqueFd& copy) {
     return 0;
 }
 
+/// Why others can lead a path to another file, of all links and directories on its way; the file itself is
+/// not looked at.
+std::optional<std::string> whyOthersMayLead(const std::filesystem::path& path) {
+    std::error_code failure;
+    const auto start = std::filesystem::absolute(path, failure);
+    if (failure) return "the directory that it is taken from is not known";
+    auto at = start.root_path();
+    std::deque<std::filesystem::path> ahead(start.begin(), start.end());
+    for (int links = 0; !ahead.empty();) {
+        const auto name = ahead.front();
+        ahead.pop_front();
+        at = name == ".." ? at.parent_path() : name == "." || name.empty() ? at : at / name;
+        struct stat status {};
+        if (::lstat(at.c_str(), &status) != 0) return "the rights of " + at.string() + " are not known";
+        if (S_ISDIR(status.st_mode)) {
+            if (auto reason = whyNot(status, at.string())) return reason;
+        } else if (S_ISLNK(status.st_mode)) {
+            status.st_mode = S_IFLNK;  // its bits mean nothing: who may write to the directory may replace it
+            if (auto reason = whyNot(status, at.string())) return reason;
+            const auto target = std::filesystem::read_symlink(at, failure);
+            if (failure || ++links > kMostLinks) return at.string() + " is a link that cannot be followed";
+            ahead.insert(ahead.begin(), target.begin(), target.end());
+            at = target.is_absolute() ? target.root_path() : at.parent_path();
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<std::string> whyOthersMayWrite(int descriptor) {
@@ -90,8 +120,9 @@ Result<VouchedFile> vouchFor(const std::filesystem::path& path, std::span<const 
         if (failure != 0) return Error::fromErrno(failure, "cannot copy " + path.string());
         if (named) return vouched;
     }
-    if (auto reason = whyOthersMayWrite(file.get()))
-        return Error{ErrorCode::permissionDenied, path.string() + " is refused: " + *reason};
+    auto reason = whyOthersMayLead(path);
+    if (!reason) reason = whyOthersMayWrite(file.get());
+    if (reason) return Error{ErrorCode::permissionDenied, path.string() + " is refused: " + *reason};
     return vouched;
 }
 

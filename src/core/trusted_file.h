@@ -25,8 +25,10 @@ struct VouchedFile {
     UniqueFd copy = UniqueFd();
 };
 
-/// `digests` are lower-case hexadecimal. Errors: by errno "cannot open PATH: REASON" and "cannot copy PATH:
-/// REASON", invalidArgument "PATH is not a regular file", permissionDenied "PATH is refused: REASON".
+/// `digests` are lower-case hexadecimal. Without one, each directory and link that `path` goes through is
+/// looked at as well, so `path` itself leads to the same file later. Errors: by errno "cannot open PATH:
+/// REASON" and "cannot copy PATH: REASON", invalidArgument "PATH is not a regular file", permissionDenied
+/// "PATH is refused: REASON".
 Result<VouchedFile> vouchFor(const std::filesystem::path& path, std::span<const std::string> digests);
 
 }  // namespace lm

@@ -49,6 +49,11 @@ TEST(PrintableText, CannotControlATerminal) {
     }
 }
 
+TEST(PrintableText, CommandsCanBeTypedAgain) {
+    const std::string words[] = {"a-b", "--x=1,2", "", "rises(n>1)", "it's \x1B", "{n}"};
+    EXPECT_EQ(commandText(words), R"(a-b --x=1,2 '' 'rises(n>1)' 'it'\''s \x1B' '{n}')");
+}
+
 TEST(Text, UnsignedNumbersUseUpTheWholeText) {
     constexpr std::uint64_t kMaximum = 0xFFFFFFFF;
     const std::map<std::string, std::uint64_t> rows = {
