@@ -1,7 +1,6 @@
 #include "a2l/dependency.h"
 
 #include <algorithm>
-#include <cmath>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -170,17 +169,6 @@ Result<value::Formula> formulaOf(const Description& description, const Dependenc
     if (used <= dependency.sourceCount) return formula;
     return fault(dependency, "the formula uses X" + std::to_string(used) + ", but there are " +
                                  std::to_string(dependency.sourceCount) + " sources");
-}
-
-Result<double> evaluate(const Description& description, const Dependency& dependency,
-                        std::span<const double> sources) {
-    const Result<value::Formula> formula = formulaOf(description, dependency);
-    if (!formula) return formula.error();
-    if (sources.size() != dependency.sourceCount)
-        return fault(dependency, "needs " + std::to_string(dependency.sourceCount) + " values");
-    const double result = formula.value().evaluate(sources.data(), sources.size());
-    if (!std::isfinite(result)) return fault(dependency, "the formula gives no number");
-    return result;
 }
 
 }  // namespace lm::a2l

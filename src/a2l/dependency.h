@@ -42,8 +42,4 @@ Result<std::vector<const Dependency*>> dependentsOf(const Description& descripti
 /// formula" for a virtual measurement whose conversion is none.
 Result<value::Formula> formulaOf(const Description& description, const Dependency& dependency);
 
-/// The physical value. Errors: as formulaOf(), "needs 2 values", "the formula gives no number".
-Result<double> evaluate(const Description& description, const Dependency& dependency,
-                        std::span<const double> sources);
-
 }  // namespace lm::a2l

@@ -22,6 +22,7 @@
 #include "a2l/calibration_access.h"
 #include "a2l/dependency.h"
 #include "a2l/folders.h"
+#include "a2l/memory_segments.h"
 #include "a2l/record_layout.h"
 #include "a2l/structure_records.h"
 #include "a2l/xcp_interface.h"
@@ -268,6 +269,7 @@ class Description {
     std::vector<Dependency> dependencies;      ///< of objects, and of the leaves of instances
     std::vector<Dependency> typeDependencies;  ///< of TYPEDEF_...; sources may begin with THIS
     std::unordered_map<std::string_view, std::string_view> systemConstants;  ///< MOD_PAR: name to value text
+    ModuleParameters parameters;  ///< MOD_PAR: the software, and the segments of memory
     XcpInterface xcp;
 
     /// What was left out while loading ("skipped: ..." with object kind, name, reason and line), and what is

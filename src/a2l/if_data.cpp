@@ -14,7 +14,7 @@ template <typename Id>
 using Keyword = OptionalKeyword<Id>;
 
 XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
-    enum class Word : std::uint8_t { other, little, big, byte, word, dword, command, keys };
+    enum class Word : std::uint8_t { other, little, big, byte, word, dword, command, keys, blocks };
     static constexpr std::array kKeywords = {
         Keyword<Word>{"BYTE_ORDER_MSB_LAST", 0, Word::little},
         Keyword<Word>{"BYTE_ORDER_MSB_FIRST", 0, Word::big},
@@ -22,6 +22,7 @@ XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
         Keyword<Word>{"ADDRESS_GRANULARITY_WORD", 0, Word::word},
         Keyword<Word>{"ADDRESS_GRANULARITY_DWORD", 0, Word::dword},
         Keyword<Word>{"OPTIONAL_CMD", 1, Word::command},
+        Keyword<Word>{"MASTER", 2, Word::blocks},  // of COMMUNICATION_MODE_SUPPORTED BLOCK
         Keyword<Word>{"OPTIONAL_LEVEL1_CMD", 1, Word::other},
         Keyword<Word>{"SEED_AND_KEY_EXTERNAL_FUNCTION", 1, Word::keys},
     };
@@ -39,11 +40,23 @@ XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
         if (word == Word::word) layer.addressGranularity = std::uint8_t{2};
         if (word == Word::dword) layer.addressGranularity = std::uint8_t{4};
         if (word == Word::keys) layer.keyLibrary = readString(block, value, "SEED_AND_KEY_EXTERNAL_FUNCTION");
+        if (word == Word::blocks) {
+            layer.writeBlocks = {readCount<std::uint8_t>(block, value, "MAX_BS"),
+                                 readCount<std::uint8_t>(block, value + 1, "MIN_ST")};
+        }
         if (word == Word::command) {
             layer.optionalCommands.emplace_back(readIdentifier(block, value, "OPTIONAL_CMD"));
         }
     });
     return layer;
+}
+
+XcpPag readPag(const Block& block, Diagnostics&) {
+    XcpPag pag;
+    pag.maxSegments = readCount<std::uint8_t>(block, 0, "MAX_SEGMENTS");
+    for (const Token& token : block.tokens())
+        pag.freeze = pag.freeze || token.is("FREEZE_SUPPORTED");
+    return pag;
 }
 
 /// Whether the block was one that counts for the medium around it alone.
@@ -173,6 +186,7 @@ void readXcpInterface(const Block& ifData, XcpInterface& xcp, Diagnostics& diagn
         if (block.keyword == "PROTOCOL_LAYER")
             readFirst(xcp.protocolLayer, block, readProtocolLayer, diagnostics);
         if (block.keyword == "DAQ") readFirst(xcp.daq, block, readDaq, diagnostics);
+        if (block.keyword == "PAG") readFirst(xcp.pag, block, readPag, diagnostics);
         if (block.keyword == "XCP_ON_CAN") readFirst(xcp.can, block, readCan, diagnostics);
         if (block.keyword == "XCP_ON_UDP_IP") readFirst(xcp.udp, block, readUdp, diagnostics);
         if (block.keyword == "XCP_ON_TCP_IP") {

@@ -67,4 +67,14 @@ Result<std::uint64_t> largestRecord(const Description& description, const AxisPo
     return sizeOf(object);
 }
 
+std::optional<MemorySpan> largestPlace(const Object& object) {
+    const bool hasRecord = object.kind == ObjectKind::characteristic || object.kind == ObjectKind::axisPoints;
+    if (!hasRecord || !object.hops.empty() || !object.maps.empty()) return std::nullopt;
+    const auto size = sizeOf(object);
+    const xcp::Address address = object.first.address;
+    if (!size || size.value() == 0 || std::uint64_t{address.address} + size.value() > kAddresses)
+        return std::nullopt;
+    return MemorySpan{address, static_cast<std::size_t>(size.value())};
+}
+
 }  // namespace lm::a2l

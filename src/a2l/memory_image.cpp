@@ -61,6 +61,13 @@ void MemoryImage::add(xcp::Address address, std::span<const std::uint8_t> bytes)
         start = std::min<std::uint64_t>(start, last->first.second);
         end = std::max(end, last->first.second + last->second.size());
     }
+    if (first != last && std::next(first) == last && first->first.second == start) {
+        std::vector<std::uint8_t>& piece = first->second;
+        // It grows at its end, as it does when memory is read from front to back.
+        if (piece.size() < end - start) piece.resize(end - start);
+        std::memcpy(piece.data() + (address.address - start), bytes.data(), bytes.size());
+        return;
+    }
     std::vector<std::uint8_t> joined(end - start);
     for (auto piece = first; piece != last; ++piece)
         std::memcpy(joined.data() + (piece->first.second - start), piece->second.data(),

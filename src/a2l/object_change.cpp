@@ -135,8 +135,19 @@ class AxisChange {
             const value::Element element = axis_.element(point);
             return value::valueText(element, axis_.physical(points_[point]), value::NumberStyle::exact);
         };
-        return fault(axis_.element(broken).name, shown(broken) + " after " + shown(broken - 1) + " breaks " +
-                                                     std::string(monotonyName(monotony)));
+        // The order is that of the stored values: under a falling conversion those shown go the other way.
+        const auto rises = [](const value::Value& a, const value::Value& b) {
+            return value::toDouble(a) < value::toDouble(b);
+        };
+        const value::Value& from = points_[broken - 1];
+        const value::Value& to = points_[broken];
+        const bool falls = rises(from, to)
+                               ? rises(axis_.physical(to), axis_.physical(from))
+                               : rises(to, from) && rises(axis_.physical(from), axis_.physical(to));
+        return fault(axis_.element(broken).name,
+                     shown(broken) + " after " + shown(broken - 1) + " breaks " +
+                         std::string(monotonyName(monotony)) +
+                         (falls ? " of the stored values, which fall where these rise" : ""));
     }
 
     const PlacedAxis& axis_;
@@ -170,7 +181,8 @@ Result<MemoryImage> changed(const ObjectContent& content, std::span<const Object
     }
     for (const auto& [axis, values] : axes) {
         if (axis >= placed.axes().size())
-            return fault(placed.object().name, "has " + std::to_string(placed.axes().size()) + " axes");
+            return fault(placed.object().name, "has " + std::to_string(placed.axes().size()) +
+                                                   (placed.axes().size() == 1 ? " axis" : " axes"));
         if (auto made = AxisChange(placed, axis, image).make(values); !made) return made.error();
     }
     return image;

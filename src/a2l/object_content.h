@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -20,7 +21,7 @@ namespace lm::a2l {
 
 struct ObjectContent {
     PlacedObject placed;
-    MemoryImage image;  ///< holds all of placed.spans()
+    MemoryImage image;  ///< holds all of placed.spans(), of readElement() those of the element
 
     const std::uint8_t* bytes(std::size_t element) const;
     value::Value raw(std::size_t element) const;
@@ -33,9 +34,17 @@ struct ObjectContent {
     std::string text() const;
 };
 
-/// Places an object and reads what it holds. Errors: those of place(), of `read` and of
-/// PlacedObject::checkMaps().
+/// Places an object and reads what it holds. What placed it is read once more, last, and when that is no
+/// longer the same all is read again, some times. Errors: those of place(), of `read` and of
+/// PlacedObject::checkMaps(); (protocolError) "NAME: its place or size changed meanwhile".
 Result<ObjectContent> readObject(const Object& object, const ReadMemory& read, std::size_t bytesPerPacket);
+
+/// Which element is wanted, once it is known how many there are.
+using ChooseElement = std::function<Result<std::size_t>(const PlacedObject&)>;
+
+/// The same with one element only. Further errors: those of `choose`.
+Result<ObjectContent> readElement(const Object& object, const ChooseElement& choose, const ReadMemory& read,
+                                  std::size_t bytesPerPacket);
 
 /// One element or point that gets another value.
 struct ObjectChange {

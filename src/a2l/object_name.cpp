@@ -44,23 +44,6 @@ std::string counted(std::size_t count, const char* one, const char* more) {
     return std::to_string(count) + " " + (count == 1 ? one : more);
 }
 
-Result<void> checkIndices(const ObjectName& name, std::span<const std::uint32_t> dimensions) {
-    // Some generators fill MATRIX_DIM with ones: no one writes an index for them.
-    const bool isShort = name.indices.size() < dimensions.size() &&
-                         std::all_of(dimensions.begin() + static_cast<std::ptrdiff_t>(name.indices.size()),
-                                     dimensions.end(), [](std::uint32_t count) { return count == 1; });
-    if (name.indices.size() != dimensions.size() && !isShort) {
-        return refused(name, "has " + counted(dimensions.size(), "dimension", "dimensions") + ", not " +
-                                 std::to_string(name.indices.size()));
-    }
-    for (std::size_t i = 0; i < name.indices.size(); ++i) {
-        if (!name.indices[i] || *name.indices[i] < dimensions[i]) continue;
-        return refused(name, "index " + std::to_string(*name.indices[i]) + " is beyond the last one, " +
-                                 std::to_string(dimensions[i] - 1));
-    }
-    return {};
-}
-
 }  // namespace
 
 bool ObjectName::isElement() const {
@@ -99,14 +82,26 @@ Result<ObjectName> parseObjectName(const Description& description, std::string_v
                  "'" + std::string(text) + "' is neither a MEASUREMENT nor a CHARACTERISTIC"};
 }
 
+Result<void> checkIndices(const ObjectName& name, std::span<const std::uint32_t> dimensions) {
+    if (dimensions.empty()) return refused(name, "is a single value and has no index");
+    if (name.indices.size() > dimensions.size()) {
+        return refused(name, "has " + counted(dimensions.size(), "dimension", "dimensions") + ", not " +
+                                 std::to_string(name.indices.size()));
+    }
+    for (std::size_t i = 0; i < name.indices.size(); ++i) {
+        if (!name.indices[i] || *name.indices[i] < dimensions[i]) continue;
+        return refused(name, "index " + std::to_string(*name.indices[i]) + " is beyond the last one, " +
+                                 std::to_string(dimensions[i] - 1));
+    }
+    return {};
+}
+
 Result<std::vector<std::size_t>> selectElements(const ObjectName& name,
                                                 std::span<const std::uint32_t> dimensions) {
     std::size_t count =
         std::accumulate(dimensions.begin(), dimensions.end(), std::size_t{1}, std::multiplies());
     std::vector<std::size_t> numbers;
-    const bool all =
-        name.indices.empty() || (name.indices.size() == 1 && !name.indices.front() && !dimensions.empty());
-    if (all) {
+    if (name.indices.empty()) {
         numbers.resize(count);
         std::iota(numbers.begin(), numbers.end(), std::size_t{0});
         return numbers;
@@ -115,13 +110,14 @@ Result<std::vector<std::size_t>> selectElements(const ObjectName& name,
     // Dimension by dimension: what is chosen so far, once for each index that is chosen here.
     numbers = {0};
     std::size_t stride = 1;
-    for (std::size_t i = 0; i < name.indices.size(); ++i) {
+    for (std::size_t i = 0; i < dimensions.size(); ++i) {
         std::vector<std::size_t> more;
-        const std::uint32_t first = name.indices[i].value_or(0);
-        const std::uint32_t last = name.indices[i].value_or(dimensions[i] - 1);
-        for (std::uint32_t index = first; index <= last; ++index)
+        const auto index = i < name.indices.size() ? name.indices[i] : std::nullopt;
+        const std::uint32_t first = index.value_or(0);
+        const std::uint32_t last = index.value_or(dimensions[i] - 1);
+        for (std::uint32_t at = first; at <= last; ++at)
             for (const std::size_t number : numbers)
-                more.push_back(number + index * stride);
+                more.push_back(number + at * stride);
         numbers = std::move(more);
         stride *= dimensions[i];
     }

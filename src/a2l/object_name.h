@@ -1,4 +1,4 @@
-// What users call objects and their parts: NAME, NAME[1][2], NAME[1][*], NAME.x[3].
+// What users call objects and their parts: NAME, NAME[1][2], NAME[1][*] or NAME[1] for a row, NAME.x[3].
 //
 // Threads: pure functions. Lifetime: results own everything.
 #pragma once
@@ -25,7 +25,7 @@ struct ObjectName {
 
     /// No index and no axis.
     bool isWhole() const { return !axis && indices.empty(); }
-    /// One element, whatever the number of dimensions.
+    /// One element where no dimension is left without an index; with fewer of them a row.
     bool isElement() const;
 };
 
@@ -33,8 +33,11 @@ struct ObjectName {
 /// with the longest name. Errors (notFound): "'TEXT' is neither a MEASUREMENT nor a CHARACTERISTIC".
 Result<ObjectName> parseObjectName(const Description& description, std::string_view text);
 
-/// The numbers of the elements that the indices choose (those of last dimensions of 1 may be missing), in the
-/// order of the elements; all for no index and for a single `*`. Errors (invalidArgument): "TEXT: ...".
+/// Whether there are such elements. Errors (invalidArgument): "TEXT: ...".
+Result<void> checkIndices(const ObjectName& name, std::span<const std::uint32_t> dimensions);
+
+/// The numbers of the elements that the indices choose, in the order of the elements; all of a dimension that
+/// has none or a `*`. Errors: those of checkIndices().
 Result<std::vector<std::size_t>> selectElements(const ObjectName& name,
                                                 std::span<const std::uint32_t> dimensions);
 

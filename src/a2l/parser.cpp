@@ -9,6 +9,7 @@
 #include "a2l/conversion_readers.h"
 #include "a2l/if_data.h"
 #include "a2l/layout_readers.h"
+#include "a2l/memory_segments.h"
 #include "a2l/structure_links.h"
 #include "a2l/structure_readers.h"
 
@@ -252,6 +253,7 @@ void Parser::readModCommon(const Block& block) {
 }
 
 void Parser::readModPar(const Block& block) {
+    readModuleParameters(block, description_.parameters, diagnostics_);
     const auto tokens = block.tokens();
     for (std::size_t i = 0; i < tokens.size(); ++i) {
         if (tokens[i].is("ECU_CALIBRATION_OFFSET"))

@@ -26,6 +26,7 @@ Result<void> Placer::followHops() {
         const auto bytes = read_(base_, hop.size);
         if (!bytes) return bytes.error();
         if (bytes.value().size() != hop.size) return fault("a pointer could not be read");
+        placed_.placedBy_.push_back({base_, bytes.value()});
         const auto target = readPointer(bytes.value(), hop.byteOrder);
         if (!target) return target.error();
         if (target.value() + hop.offset > 0xFFFFFFFFU)
@@ -103,6 +104,8 @@ Result<void> Placer::startShared(const Axis& axis, PlacedAxis& placed) {
     placed.name_ = axis.shared->name;
     placed.stored_ = points.stored_;
     placed.isPairs_ = points.isPairs_;
+    placed.pointsAway_ = points.pointsAway_;
+    placed.placedBy_ = shared.value().placedBy();
     placed.grid_ = points.grid_;
     placed.count_ = axis.kind == AxisKind::rescale ? axis.maxPoints : points.count_;
     return {};

@@ -182,7 +182,9 @@ Result<void> Placer::layOutAll() {
         if (auto loaded = image.load(merged(std::move(spans), kSmallPacket), read_); !loaded) return loaded;
         for (const Slot& slot : small) {
             const std::size_t size = sizeOfSlot(*slot.entry);
-            if (auto taken = take(slot, {image.at(addressOf(slot), size), size}); !taken) return taken;
+            const std::span<const std::uint8_t> bytes(image.at(addressOf(slot), size), size);
+            placed_.placedBy_.push_back({addressOf(slot), {bytes.begin(), bytes.end()}, true});
+            if (auto taken = take(slot, bytes); !taken) return taken;
         }
     }
 }

@@ -90,31 +90,58 @@ value::Element PlacedObject::element(std::size_t number) const {
     return element;
 }
 
-std::vector<MemorySpan> PlacedObject::spans(std::size_t bytesPerPacket) const {
+std::vector<MemorySpan> PlacedObject::spans(std::size_t bytesPerPacket,
+                                            std::optional<std::size_t> only) const {
     std::vector<MemorySpan> all;
-    const auto add = [&](const std::vector<MemorySpan>& record) {
-        const auto joined = merged(record, bytesPerPacket);
+    const auto add = [&](std::vector<MemorySpan> record) {
+        const auto joined = merged(std::move(record), bytesPerPacket);
         all.insert(all.end(), joined.begin(), joined.end());
+    };
+    const auto addPlaces = [&](const std::vector<PlacedBy>& places, std::vector<MemorySpan>& record) {
+        for (const PlacedBy& place : places)
+            (place.inRecord ? record : all).push_back(place.span());
     };
     // What lies between the parts of a record belongs to it. What lies between objects may not be there.
     std::vector<MemorySpan> record;
     std::vector<MemorySpan> pointed;
-    if (maps_.empty()) addSpans(values_, pointsAway_ ? pointed : record);
+    std::vector<MemorySpan>& values = pointsAway_ ? pointed : record;
+    if (maps_.empty() && only) values.push_back({address(*only), object_->first.size()});
+    if (maps_.empty() && !only) addSpans(values_, values);
+    addPlaces(placedBy_, record);
     for (const PlacedAxis& axis : axes_) {
-        if (!axis.isStored() && !axis.hasPairs()) continue;
         std::vector<MemorySpan> points;
-        addSpans(axis.grid_, points);
-        if (axis.axis_->shared || axis.pointsAway_) {
-            add(points);
-        } else {
-            record.insert(record.end(), points.begin(), points.end());
-        }
+        if (!only && (axis.isStored() || axis.hasPairs())) addSpans(axis.grid_, points);
+        if (axis.pointsAway_) add(std::exchange(points, {}));
+        addPlaces(axis.placedBy_, points);
+        if (axis.axis_->shared) add(std::exchange(points, {}));
+        record.insert(record.end(), points.begin(), points.end());
     }
     add(record);
     add(pointed);
+    const std::size_t perMap = maps_.empty() ? 1 : maps_.front().elementCount();
+    if (!maps_.empty() && only) add(maps_[*only / perMap].spans(bytesPerPacket, *only % perMap));
     for (const PlacedObject& map : maps_)
-        add(map.spans(bytesPerPacket));
+        if (!only) add(map.spans(bytesPerPacket));
     return merged(std::move(all), 0);
+}
+
+std::vector<PlacedBy> PlacedObject::placedBy() const {
+    std::vector<PlacedBy> all = placedBy_;
+    for (const PlacedAxis& axis : axes_)
+        all.insert(all.end(), axis.placedBy_.begin(), axis.placedBy_.end());
+    for (const PlacedObject& map : maps_) {
+        const auto places = map.placedBy();
+        all.insert(all.end(), places.begin(), places.end());
+    }
+    return all;
+}
+
+bool PlacedObject::isStillPlaced(const MemoryImage& image) const {
+    const auto places = placedBy();
+    return std::all_of(places.begin(), places.end(), [&](const PlacedBy& place) {
+        const std::uint8_t* const now = image.at(place.address, place.bytes.size());
+        return now == nullptr || std::equal(place.bytes.begin(), place.bytes.end(), now);
+    });
 }
 
 Result<void> PlacedObject::checkMaps(const MemoryImage& image) const {

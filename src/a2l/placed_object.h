@@ -35,6 +35,15 @@ struct Grid {
     std::uint64_t extent() const;
 };
 
+/// A count, a pointer or a parameter in memory that tells where something lies, as it was read.
+struct PlacedBy {
+    xcp::Address address;
+    std::vector<std::uint8_t> bytes;
+    bool inRecord = false;  ///< beside the values: what lies between belongs to the object, too
+
+    MemorySpan span() const { return {address, bytes.size()}; }
+};
+
 class PlacedAxis {
   public:
     /// How many points are in use.
@@ -67,6 +76,7 @@ class PlacedAxis {
     // Of a fixed axis whose parameters lie in memory, as they were read.
     double offset_ = 0;
     double step_ = 1;
+    std::vector<PlacedBy> placedBy_;  ///< of a shared one
 };
 
 class PlacedObject {
@@ -82,8 +92,13 @@ class PlacedObject {
     /// Where it lies.
     xcp::Address address(std::size_t number) const;
 
-    /// What has to be read to know every value and point, shared axes included.
-    std::vector<MemorySpan> spans(std::size_t bytesPerPacket) const;
+    /// What has to be read to know every value and point, shared axes included, or `only` one element; and
+    /// all that it was placed by.
+    std::vector<MemorySpan> spans(std::size_t bytesPerPacket, std::optional<std::size_t> only = {}) const;
+    /// Of the object, its shared axes and its maps; none where the A2L tells the place.
+    std::vector<PlacedBy> placedBy() const;
+    /// Whether the memory would place it here again; what the image lacks of placedBy() does not count.
+    bool isStillPlaced(const MemoryImage& image) const;
 
     /// The maps of a MAP_LIST share their axes, also where each has points of its own. Error
     /// (invalidArgument): "NAME: the maps 'A' and 'B' of MAP_LIST differ in the points of axis x".
@@ -98,6 +113,7 @@ class PlacedObject {
     Grid values_;
     bool pointsAway_ = false;         ///< the values lie where a pointer in the record says
     std::vector<PlacedObject> maps_;  ///< of a MAP_LIST
+    std::vector<PlacedBy> placedBy_;  ///< but for shared axes and maps
 };
 
 /// Finds out where the elements lie: follows pointers, reads the counts of points in use and the parameters

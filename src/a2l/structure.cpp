@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "a2l/largest_record.h"
+#include "a2l/leaf_search.h"
 #include "a2l/structure_links.h"
 
 namespace lm::a2l {
@@ -190,8 +191,11 @@ Result<std::vector<std::uint32_t>> takeIndices(const Way& way, std::string_view&
     for (const std::uint32_t dimension : dimensions) {
         const auto index = takeIndex(rest);
         if (!index) {
+            std::string first = way.name;
+            for (std::size_t i = 0; i < dimensions.size(); ++i)
+                first += "[0]";
             return fault(way.name, "has " + std::to_string(dimensions.size()) +
-                                       " dimension(s): each needs an index, as in " + way.name + "[0]");
+                                       " dimension(s): each needs an index, as in " + first);
         }
         if (*index >= dimension) {
             return fault(way.name, "index " + std::to_string(*index) + " is above the largest, " +
@@ -265,27 +269,32 @@ std::uint32_t pointsOf(const Description& description, const std::string& axis) 
 
 class Walker {
   public:
-    explicit Walker(const std::function<bool(Result<Leaf>)>& use) : use_(use) {}
+    Walker(const NameBeginning& beginning, const std::function<bool(Result<Leaf>)>& use)
+        : beginning_(beginning), use_(use) {}
 
     /// False: to go no further.
     bool walk(Way way, std::string_view typeName, const Extent& extent) {
         const Description& description = *way.description;
         const TypeRecord type = findType(description, typeName);
-        if (countLeaves(description, type, extent) == 0) return true;
+        if (countLeaves(description, type, extent) == 0 || !beginning_.allows(way.name)) return true;
         const auto dimensions = description.dimensions(extent);
         way.follow(pointerOf(extent, type), extent);
         if (isPlainValue(type)) return use_(way.leaf(type, dimensions, extent.columnDir));
-        std::vector<std::uint32_t> indices(dimensions.size());
+        std::vector<std::uint32_t> indices = beginning_.indicesAfter(way.name, dimensions.size());
+        const std::size_t given = indices.size();
+        for (std::size_t i = 0; i < given; ++i)
+            if (indices[i] >= dimensions[i]) return true;
+        indices.resize(dimensions.size());
         // Once for all elements; an error comes again with each of them.
         if (!dimensions.empty()) static_cast<void>(way.findStride(type));
         do {
             Way element = way;
             if (auto chosen = element.choose(indices, extent, type); !chosen) {
                 if (!use_(chosen.error())) return false;
-            } else if (!walkElement(element, type)) {
+            } else if (beginning_.allows(element.name) && !walkElement(element, type)) {
                 return false;
             }
-        } while (next(indices, dimensions));
+        } while (next(indices, dimensions, given));
         return true;
     }
 
@@ -300,15 +309,17 @@ class Walker {
         }
         return true;
     }
-    /// The next element, the last index fastest.
-    static bool next(std::vector<std::uint32_t>& indices, std::span<const std::uint32_t> dimensions) {
-        for (std::size_t i = indices.size(); i-- > 0;) {
+    /// The next element, the last index fastest; the first `given` ones stay.
+    static bool next(std::vector<std::uint32_t>& indices, std::span<const std::uint32_t> dimensions,
+                     std::size_t given) {
+        for (std::size_t i = indices.size(); i-- > given;) {
             if (++indices[i] < dimensions[i]) return true;
             indices[i] = 0;
         }
         return false;
     }
 
+    const NameBeginning& beginning_;
     const std::function<bool(Result<Leaf>)>& use_;
 };
 
@@ -333,8 +344,14 @@ std::uint64_t leafCount(const Description& description, const Instance& instance
 
 void walkLeaves(const Description& description, const Instance& instance,
                 const std::function<bool(Result<Leaf>)>& use) {
-    Walker(use).walk(Way(description, instance), description.typeName(instance),
-                     description.details(instance).extent);
+    walkLeaves(description, instance, NameBeginning(""), use);
+}
+
+void walkLeaves(const Description& description, const Instance& instance, const NameBeginning& beginning,
+                const std::function<bool(Result<Leaf>)>& use) {
+    Walker(beginning, use)
+        .walk(Way(description, instance), description.typeName(instance),
+              description.details(instance).extent);
 }
 
 std::string resolveReference(const Leaf& leaf, std::string_view reference) {

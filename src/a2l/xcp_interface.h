@@ -22,9 +22,10 @@ struct XcpProtocolLayer {
     std::uint8_t maxCto = 0;
     std::uint16_t maxDto = 0;
     std::optional<ByteOrder> byteOrder;
-    std::optional<std::uint8_t> addressGranularity;  ///< 1, 2 or 4
-    std::vector<std::string> optionalCommands;       ///< OPTIONAL_CMD names in file order
-    std::string keyLibrary;                          ///< SEED_AND_KEY_EXTERNAL_FUNCTION; never loaded
+    std::optional<std::uint8_t> addressGranularity;       ///< 1, 2 or 4
+    std::vector<std::string> optionalCommands;            ///< OPTIONAL_CMD names in file order
+    std::pair<std::uint8_t, std::uint8_t> writeBlocks{};  ///< MAX_BS and MIN_ST of master block mode
+    std::string keyLibrary;                               ///< SEED_AND_KEY_EXTERNAL_FUNCTION; never loaded
 };
 
 /// One EVENT of the DAQ block.
@@ -110,6 +111,12 @@ struct XcpOfMedium {
     std::optional<XcpDaq> daq;
 };
 
+/// PAG: calibration pages.
+struct XcpPag {
+    std::uint8_t maxSegments = 0;
+    bool freeze = false;  ///< the ECU can store pages
+};
+
 /// DAQ_LIST_CAN_ID.
 struct XcpDaqListId {
     std::uint16_t list = 0;
@@ -145,6 +152,7 @@ struct XcpOnSerial : XcpOfMedium {
 struct XcpInterface {
     std::optional<XcpProtocolLayer> protocolLayer;
     std::optional<XcpDaq> daq;
+    std::optional<XcpPag> pag;
     std::optional<XcpOnCan> can;
     std::optional<XcpOnUdp> udp;
     bool tcp = false;                   ///< an XCP_ON_TCP_IP block is there

@@ -19,36 +19,22 @@ namespace {
 const std::string kCommon = R"A2L(
 /begin MOD_COMMON "" BYTE_ORDER MSB_LAST DEPOSIT ABSOLUTE ALIGNMENT_BYTE 1 ALIGNMENT_WORD 2 ALIGNMENT_LONG 4 ALIGNMENT_FLOAT32_IEEE 4 /end MOD_COMMON
 /begin COMPU_METHOD tenth "" LINEAR "%6.1" "" COEFFS_LINEAR 0.1 0 /end COMPU_METHOD
-/begin COMPU_METHOD half "" LINEAR "%6.1" "" COEFFS_LINEAR 0.5 0 /end COMPU_METHOD
 /begin RECORD_LAYOUT L1 NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT FNC_VALUES 3 SWORD ROW_DIR DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT L1S NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT FNC_VALUES 3 SWORD ROW_DIR DIRECT STATIC_RECORD_LAYOUT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT L1D NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_DECR DIRECT FNC_VALUES 3 SWORD ROW_DIR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LROW FNC_VALUES 1 UBYTE ROW_DIR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LCOL FNC_VALUES 1 UBYTE COLUMN_DIR DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT LAX NO_AXIS_PTS_X 1 UWORD AXIS_PTS_X 2 SWORD INDEX_INCR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LW FNC_VALUES 1 UWORD ROW_DIR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT L7 AXIS_PTS_X 1 UBYTE INDEX_INCR DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT L5 NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT FNC_VALUES 3 FLOAT32_IEEE ROW_DIR DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT L52 NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT FNC_VALUES 3 FLOAT32_IEEE ROW_DIR DIRECT ALIGNMENT_FLOAT32_IEEE 2 /end RECORD_LAYOUT
-/begin RECORD_LAYOUT L51 NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT FNC_VALUES 3 FLOAT32_IEEE ROW_DIR DIRECT ALIGNMENT_FLOAT32_IEEE 1 /end RECORD_LAYOUT
 /begin RECORD_LAYOUT L6 FIX_NO_AXIS_PTS_X 2 AXIS_PTS_X 1 UWORD INDEX_INCR DIRECT FNC_VALUES 2 UWORD ALTERNATE_WITH_X DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LXA AXIS_PTS_X 1 UBYTE INDEX_INCR DIRECT AXIS_PTS_Y 3 UBYTE INDEX_INCR DIRECT FNC_VALUES 2 UBYTE ALTERNATE_WITH_X DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT LXV AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT AXIS_PTS_Y 3 UBYTE INDEX_INCR DIRECT FNC_VALUES 1 UBYTE ALTERNATE_WITH_X DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT LYA AXIS_PTS_X 3 UBYTE INDEX_INCR DIRECT AXIS_PTS_Y 1 UBYTE INDEX_INCR DIRECT FNC_VALUES 2 UBYTE ALTERNATE_WITH_Y DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT L10 NO_AXIS_PTS_X 1 UBYTE AXIS_PTS_X 2 UBYTE INDEX_INCR DIRECT FNC_VALUES 3 UWORD ROW_DIR PLONG /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LRES NO_RESCALE_X 1 UBYTE RESERVED 2 BYTE AXIS_RESCALE_X 3 UBYTE 5 INDEX_INCR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LFIX OFFSET_X 1 UBYTE SHIFT_OP_X 2 UBYTE NO_AXIS_PTS_X 3 UBYTE FNC_VALUES 4 UBYTE ROW_DIR DIRECT /end RECORD_LAYOUT
 /begin RECORD_LAYOUT LBEFORE IDENTIFICATION 1 UWORD RESERVED 2 BYTE FNC_VALUES 4 UWORD ROW_DIR DIRECT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT LS NO_AXIS_PTS_X 1 UBYTE FNC_VALUES 2 UBYTE ROW_DIR DIRECT STATIC_RECORD_LAYOUT /end RECORD_LAYOUT
-/begin RECORD_LAYOUT LO NO_AXIS_PTS_X 1 UBYTE FNC_VALUES 2 UBYTE ROW_DIR DIRECT STATIC_ADDRESS_OFFSETS /end RECORD_LAYOUT
-/begin AXIS_PTS ax3 "" 0x2000 NO_INPUT_QUANTITY LAX 0 NO_COMPU_METHOD 5 -1000 1000 MONOTONY STRICT_INCREASE /end AXIS_PTS
 /begin AXIS_PTS ax7 "" 0x3200 NO_INPUT_QUANTITY L7 0 NO_COMPU_METHOD 4 0 255 DEPOSIT DIFFERENCE /end AXIS_PTS
 /begin AXIS_PTS res "" 0x3400 NO_INPUT_QUANTITY LRES 0 NO_COMPU_METHOD 5 0 255 /end AXIS_PTS
 /begin CHARACTERISTIC t8 "" ASCII 0x3300 LROW 0 NO_COMPU_METHOD 0 255 NUMBER 8 /end CHARACTERISTIC
 /begin CHARACTERISTIC t16 "" ASCII 0x3300 LROW 0 NO_COMPU_METHOD 0 255 NUMBER 8 ENCODING UTF16 BYTE_ORDER MSB_FIRST /end CHARACTERISTIC
-/begin CHARACTERISTIC blk "" VAL_BLK 0x1100 LW 0 NO_COMPU_METHOD 0 65535 MATRIX_DIM 3 2 1 /end CHARACTERISTIC
 /begin CHARACTERISTIC late "" VALUE 0x1101 LBEFORE 0 NO_COMPU_METHOD 0 65535 /end CHARACTERISTIC
-/begin MEASUREMENT matrix "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1100 MATRIX_DIM 3 2 1 LAYOUT COLUMN_DIR /end MEASUREMENT
 /begin TYPEDEF_MEASUREMENT tA "" ULONG NO_COMPU_METHOD 0 0 0 1000 /end TYPEDEF_MEASUREMENT
 /begin TYPEDEF_MEASUREMENT tB "" UWORD NO_COMPU_METHOD 0 0 0 1000 /end TYPEDEF_MEASUREMENT
 /begin TYPEDEF_MEASUREMENT tC "" SBYTE NO_COMPU_METHOD 0 0 -100 100 /end TYPEDEF_MEASUREMENT
@@ -88,7 +74,6 @@ const std::string kCommon = R"A2L(
 /begin INSTANCE ptr "" tPtr 0x9000 MATRIX_DIM 2 /end INSTANCE
 /begin TYPEDEF_AXIS tBadAxis "" NO_INPUT_QUANTITY L7 0 none_such 2 0 255 /end TYPEDEF_AXIS
 /begin INSTANCE badAxis "" tBadAxis 0x9000 /end INSTANCE
-/begin MEASUREMENT far "" UWORD NO_COMPU_METHOD 0 0 0 65535 ECU_ADDRESS 0x1200 ADDRESS_TYPE PLONG ARRAY_SIZE 2 /end MEASUREMENT
 )A2L";
 
 std::string curve(const std::string& name, const std::string& place, const std::string& axis) {
@@ -107,36 +92,22 @@ const std::string kY2 = "STD_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 255";
 const std::string kFixX = "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 3 0 255 FIX_AXIS_PAR_DIST 10 10 3";
 const std::string kFixY = "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 255 FIX_AXIS_PAR 1 0 2";
 
-std::string cuboid(const std::string& name, const std::string& layout, const std::string& maps = "") {
+std::string cuboid(const std::string& name, const std::string& maps) {
     const std::string axis = "/begin AXIS_DESCR " + kFixY + " /end AXIS_DESCR ";
-    return fmt::format("/begin CHARACTERISTIC {} \"\" CUBOID 0x100 {} 0 NO_COMPU_METHOD 0 255\n{}{} /end CHARACTERISTIC\n", name,
-                       layout, axis, maps.empty() ? axis + axis : fmt::format("/begin {} /end MAP_LIST", maps));
+    return fmt::format("/begin CHARACTERISTIC {} \"\" CUBOID 0x100 LROW 0 NO_COMPU_METHOD 0 255\n{}/begin MAP_LIST {} /end MAP_LIST"
+                       " /end CHARACTERISTIC\n", name, axis, maps);
 }
 
 const std::string kText = "/begin PROJECT P \"\" /begin MODULE M \"\"" + kCommon +
-    curve("c1", "CURVE 0x1000 L1", kStd4) + curve("c1s", "CURVE 0x1020 L1S", kStd4) +
-    curve("c1d", "CURVE 0x1000 L1D", kStd4) +
+    curve("c1", "CURVE 0x1000 L1", kStd4) +
     map("m2r", "MAP 0x1100 LROW", kFixX, kFixY) + map("m2c", "MAP 0x1100 LCOL", kFixX, kFixY) +
-    curve("c3", "CURVE 0x2100 LW", "COM_AXIS NO_INPUT_QUANTITY tenth 8 -100 100 AXIS_PTS_REF ax3") +
-    curve("c4", "CURVE 0x2200 LW", "FIX_AXIS NO_INPUT_QUANTITY half 4 0 200 FIX_AXIS_PAR_DIST 100 50 4") +
-    curve("c5", "CURVE 0x3000 L5", kStd4) + curve("c52", "CURVE 0x3000 L52", kStd4) +
-    curve("c51", "CURVE 0x3000 L51", kStd4) + curve("c6", "CURVE 0x3100 L6", kY2) +
     curve("c10", "CURVE 0x5000 L10", kStd4) +
-    cuboid("cubr", "LROW") + cuboid("cubc", "LCOL") + cuboid("cubm", "LROW", "MAP_LIST m2r m2c") +
-    map("ms", "MAP 0x100 LS", kFixX, kFixY) + map("mo", "MAP 0x100 LO", kFixX, kFixY) +
-    map("mxa", "MAP 0x100 LXA", kX3, kY2) + map("mxv", "MAP 0x100 LXV", kX3, kY2) +
-    map("mya", "MAP 0x100 LYA", kX3, kY2) +
-    curve("cres", "CURVE 0x3500 LROW", "RES_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 9 0 255 AXIS_PTS_REF res") +
+    cuboid("cubm", "m2r m2c") +
+    map("mxa", "MAP 0x100 LXA", kX3, kY2) +
     curve("cfix", "CURVE 0x3600 LFIX", "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255") +
-    curve("cbad", "CURVE 0x3600 LW", "COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255 AXIS_PTS_REF gone") +
     curve("cpart", "CURVE 0x3600 LW", "COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255 AXIS_PTS_REF badAxis") +
-    curve("cnone", "CURVE 0x3600 LAX", kX3) + curve("cstd", "CURVE 0x3600 LW", kX3) +
-    curve("cend", "CURVE 0xFFFFFFFE LW", "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 1 FIX_AXIS_PAR 0 0 2") +
-    curve("chuge", "CURVE 0 LW", "FIX_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 1000000000 0 1 FIX_AXIS_PAR 0 0 1000000000") +
-    curve("ccirc", "CURVE 0 LW", "CURVE_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 2 0 1 CURVE_AXIS_REF ccirc") +
     curve("calt", "CURVE 0x3600 L6", kFixX) +
-    curve("cnoref", "CURVE 0x3600 LW", "COM_AXIS NO_INPUT_QUANTITY NO_COMPU_METHOD 8 0 255") +
-    map("mxb", "MAP 0x120 LXA", kX3, kY2) + cuboid("cubd", "LROW", "MAP_LIST mxa mxb") +
+    map("mxb", "MAP 0x120 LXA", kX3, kY2) + cuboid("cubd", "mxa mxb") +
     "/end MODULE /end PROJECT";
 // clang-format on
 
@@ -225,6 +196,8 @@ class ObjectsInMemory : public testing::Test {
     }
 };
 
+// Layouts, axes and structures of every sort are those of the campaign `objects`; here stands what it leaves
+// out.
 TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
     struct Row {
         const char* name;
@@ -232,57 +205,18 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
         const char* shown;
     };
     const Bytes c1 = {3, 10, 20, 30, 0xF6, 0xFF, 0, 0, 10, 0};
-    const Bytes c5 = {4, 1, 2,    3,    4, 0, 0,    0,    0, 0, 0, 0x3F,
-                      0, 0, 0x80, 0x3F, 0, 0, 0xC0, 0x3F, 0, 0, 0, 0xC0};
-    const Bytes ax3 = {4, 0, 0x9C, 0xFF, 0, 0, 0x64, 0, 0xC8, 0};
     const Bytes m2 = {11, 12, 13, 21, 22, 23};
     const Bytes rec = {9, 9, 9, 0, 1, 0, 9, 9, 9, 0, 2, 0, 9, 9, 9, 0, 3, 0, 9, 9, 9, 0, 4, 0};
     const Bytes inst = {1, 0, 0, 0, 10, 0, 20, 0, 30, 0, 0xFB, 0, 2, 0, 0, 0, 40, 0, 50, 0, 60, 0, 5, 0};
-    Bytes c52 = c5;
-    c52.erase(c52.begin() + 5, c52.begin() + 7);
-    Bytes c51 = c5;
-    c51.erase(c51.begin() + 5, c51.begin() + 8);
     const Row rows[] = {
         {"c1", {{0x1000, c1}}, "10 20 30 | -10 0 10"},
-        {"c1s", {{0x1020, {3, 10, 20, 30, 0, 0, 0xF6, 0xFF, 0, 0, 10, 0}}}, "10 20 30 | -10 0 10"},
-        {"c1d", {{0x1000, c1}}, "30 20 10 | 10 0 -10"},
         {"arr.curve[2]", {{0x8002, {3, 4}}, {0x8008, {7, 8}}}, "3 4 | 7 8"},
         {"arr.std[1]", {{0x8018, c1}}, "10 20 30 | -10 0 10"},
         {"arr.text[1]", {{0x802D, {'a', 'b', 'c'}}}, "abc"},
-        {"m2r", {{0x1100, m2}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
-        {"m2c", {{0x1100, m2}}, "10 20 30 | 1 2 | 11 13 22 12 21 23"},
-        {"ax3", {{0x2000, ax3}}, "-100 0 100 200"},
-        {"c3", {{0x2000, ax3}, {0x2100, {1, 0, 2, 0, 3, 0, 4, 0}}}, "-10 0 10 20 | 1 2 3 4"},
-        {"c4", {{0x2200, {5, 0, 6, 0, 7, 0, 8, 0}}}, "50 75 100 125 | 5 6 7 8"},
-        {"c5", {{0x3000, c5}}, "1 2 3 4 | 0.5 1 1.5 -2"},
-        {"c52", {{0x3000, c52}}, "1 2 3 4 | 0.5 1 1.5 -2"},
-        {"c51", {{0x3000, c51}}, "1 2 3 4 | 0.5 1 1.5 -2"},
-        {"c6", {{0x3100, {10, 0, 100, 0, 20, 0, 200, 0}}}, "10 20 | 100 200"},
-        {"mxa", {{0x100, {10, 11, 21, 20, 12, 22, 30, 13, 23, 1, 2}}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
-        {"mxv", {{0x100, {11, 21, 10, 12, 22, 20, 13, 23, 30, 1, 2}}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
-        {"mya", {{0x100, {1, 11, 12, 13, 2, 21, 22, 23, 10, 20, 30}}}, "10 20 30 | 1 2 | 11 12 13 21 22 23"},
-        {"cubr", {{0x100, {1, 2, 3, 4, 5, 6, 7, 8}}}, "1 2 | 1 2 | 1 2 | 1 2 3 4 5 6 7 8"},
-        {"cubc", {{0x100, {1, 2, 3, 4, 5, 6, 7, 8}}}, "1 2 | 1 2 | 1 2 | 1 3 2 4 5 7 6 8"},
         {"cubm", {{0x1100, m2}}, "10 20 30 | 1 2 | 1 2 | 11 12 13 21 22 23 11 13 22 12 21 23"},
-        {"ms", {{0x100, {2, 1, 2, 0, 3, 4, 0}}}, "10 20 | 1 2 | 1 2 3 4"},
-        {"mo", {{0x100, {2, 1, 2, 3, 4, 0, 0}}}, "10 20 | 1 2 | 1 2 3 4"},
-        {"ax7", {{0x3200, {10, 5, 5, 20}}}, "10 15 20 40"},
         {"t8", {{0x3300, {0x41, 0x42, 0x43, 0, 0xFF, 0xFF, 0xFF, 0xFF}}}, "ABC"},
         {"t16", {{0x3300, {0, 0x41, 0x20, 0xAC, 0xD8, 0x3D, 0xDE, 0}}}, "A\u20AC\U0001F600"},
-        {"c10", {{0x5000, {3, 10, 20, 30, 0, 0x60, 0, 0}}, {0x6000, {7, 0, 8, 0, 9, 0}}}, "10 20 30 | 7 8 9"},
-        {"cres",
-         {{0x3400, {3, 0xFF, 0, 0, 100, 192, 216, 255}}, {0x3500, {1, 2, 3, 4, 5, 6, 7, 8, 9}}},
-         "0 16.67 33.33 50 66.67 83.33 100 158 216 | 1 2 3 4 5 6 7 8 9"},
         {"res", {{0x3400, {3, 0xFF, 0, 0, 100, 192, 216, 255}}}, "0 0 100 192 216 255"},
-        {"cfix", {{0x3600, {5, 2, 3, 7, 8, 9}}}, "5 9 13 | 7 8 9"},
-        {"blk", {{0x1100, {1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0}}}, "1 2 3 4 5 6"},
-        {"matrix", {{0x1100, {1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0}}}, "1 3 5 2 4 6"},
-        {"far", {{0x1200, {0, 0x60, 0, 0}}, {0x6000, {1, 0, 2, 0}}}, "1 2"},
-        {"inst[0].a", {{0x4000, inst}}, "1"},
-        {"inst[0].b", {{0x4000, inst}}, "10 20 30"},
-        {"inst[0].c", {{0x4000, inst}}, "-5"},
-        {"inst[1].a", {{0x4000, inst}}, "2"},
-        {"inst[1].b", {{0x4000, inst}}, "40 50 60"},
         {"blob", {{0x4000, inst}}, "1 0"},
         {"away.curve", {{0x7000, {0, 0x70, 1, 0}}, {0x17000, {1, 2, 3, 4}}}, "1 2 | 0.3 0.4"},
         {"rec", {{0x9000, rec}}, "1 2 3 4"},
@@ -302,48 +236,17 @@ TEST_F(ObjectsInMemory, AreReadAsTheirLayoutsSay) {
 
 TEST_F(ObjectsInMemory, ChangeInTheBytesThatMustDiffer) {
     put(0x1000, {3, 10, 20, 30, 0xF6, 0xFF, 0, 0, 10, 0});
-    put(0x2000, {4, 0, 0x9C, 0xFF, 0, 0, 0x64, 0, 0xC8, 0});
-    put(0x2100, {1, 0, 2, 0, 3, 0, 4, 0});
     put(0x1100, {11, 12, 13, 21, 22, 23});
     put(0x3200, {10, 5, 5, 20});
-    put(0x4000, Bytes(24));
     put(0x3300, {0x41, 0x42, 0x43, 0, 0xFF, 0xFF, 0xFF, 0xFF});
-    struct Row {
-        const char* name;
-        double value;
-        const char* differs;
-    };
-    const Row rows[] = {
-        {"c1[1]", 5, "1006: 05 00"},
-        {"c1[*]", 0, "1004: 00 00, 1008: 00 00"},
-        {"c1.x[1]", 15, "1002: 0F"},
-        {"c1d[0]", 1, "1008: 01 00"},
-        {"m2r[2][1]", 9, "1105: 09"},
-        {"m2c[2][*]", 9, "1104: 09 09"},
-        {"m2r[*][1]", 9, "1103: 09 09 09"},
-        {"ax7[1]", 12, "3201: 02 08"},
-        {"ax7[3]", 20, "3203: 00"},
-        {"ax3[3]", 101, "2008: 65 00"},
-        {"inst[1].b[2]", 7, "4014: 07 00"},
-        {"c1[0]", 1001, "c1[0]: 1001 outside the limits [-100, 1000]"},
-        {"c1[3]", 0, "c1[3]: index 3 is beyond the last one, 2"},
-        {"m2r[0]", 0, "m2r[0]: has 2 dimensions, not 1"},
-        {"c1.x[1]", 31, "c1.x[2]: 30 after 31 breaks MON_INCREASE"},
-        {"ax3[1]", -100, "ax3[1]: -100 after -100 breaks STRICT_INCREASE"},
-        {"ax7[1]", 30, "ax7[2]: the step from the point before would be -10, which a UBYTE does not hold"},
-        {"c3.x[1]", 1, "c3.x: its points are those of AXIS_PTS 'ax3': set them there"},
-        {"m2r.x[1]", 1, "m2r.x: its points are computed and cannot be set"},
-        {"gone[1]", 1, "'gone[1]' is neither a MEASUREMENT nor a CHARACTERISTIC"},
-        {"c1[-1]", 1, "'c1[-1]' is neither a MEASUREMENT nor a CHARACTERISTIC"},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(set(row.name, row.value), row.differs) << row.name;
-    EXPECT_EQ(setText("t8", "HELLO"), "3300: 48 45 4C 4C 4F 00 00 00");
+    EXPECT_EQ(set("m2c[2][*]", 9), "1104: 09 09");
+    EXPECT_EQ(set("m2r[0]", 0), "1100: 00, 1103: 00");
+    EXPECT_EQ(set("c1.x[1]", 31), "c1.x[2]: 30 after 31 breaks MON_INCREASE");
+    EXPECT_EQ(set("ax7[1]", 30),
+              "ax7[2]: the step from the point before would be -10, which a UBYTE does not hold");
     EXPECT_EQ(setText("t8", "exactly8"), "3300: 65 78 61 63 74 6C 79 38");
-    EXPECT_EQ(setText("t8", "too long "), "t8: the text takes 9 bytes, there is room for 8");
     EXPECT_EQ(setText("t8", "\u20AC"),
               "t8: the text has characters beyond U+00FF, the object has one byte for each");
-    EXPECT_EQ(setText("t16", "\u00E4\U0001F600"), "3300: 00 E4 D8 3D DE 00 00 00");
 }
 
 TEST_F(ObjectsInMemory, AxesKeepTheirMonotonyAsStored) {
@@ -375,6 +278,7 @@ TEST_F(ObjectsInMemory, AxesKeepTheirMonotonyAsStored) {
     EXPECT_EQ(calibrationAccessName(offline.access), "OFFLINE_CALIBRATION");
 }
 
+// More of these are in the whole-program tests of bad objects.
 TEST_F(ObjectsInMemory, AreRefusedWhenTheyDoNotFit) {
     struct Row {
         const char* name;
@@ -383,24 +287,16 @@ TEST_F(ObjectsInMemory, AreRefusedWhenTheyDoNotFit) {
         const char* why;
     };
     const Row rows[] = {
-        {"c1", {0, 1}, 0x1000, "c1: 0 points on axis x, at least 1 is needed"},
-        {"c1", {5, 1}, 0x1000, "c1: 5 points on axis x, at most 4 are possible"},
-        {"c1", {3, 1}, 0x1000, "no memory at 1001"},
+        {"c1", {3, 1}, 0x1000, "no memory at 1007"},
         {"c10", {1, 10, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF}, 0x5000, "no memory at fffffffe"},
         {"c10", {3, 10, 20, 30, 0xFE, 0xFF, 0xFF, 0xFF}, 0x5000, "c10: reaches beyond the last address"},
-        {"cbad", {}, 0, "cbad.x: AXIS_PTS 'gone' not found"},
         {"cpart", {}, 0, "cpart.x: badAxis: COMPU_METHOD 'none_such' not found"},
         {"odd", {}, 0, "odd: borders put its elements at uneven distances: name one, as in odd[0]"},
         {"ptr", {}, 0, "ptr: each of its elements has a pointer of its own: name one, as in ptr[0]"},
-        {"cnone", {}, 0, "cnone: RECORD_LAYOUT 'LAX' without FNC_VALUES"},
-        {"cstd", {}, 0, "cstd.x: RECORD_LAYOUT 'LW' without the points of this STD_AXIS"},
         {"calt",
          {},
          0,
          "calt: RECORD_LAYOUT 'L6' lets the values alternate with an axis that it does not store"},
-        {"cend", {}, 0, "cend: reaches beyond the last address"},
-        {"chuge", {}, 0, "chuge: is larger than 64 MiB"},
-        {"cnoref", {}, 0, "cnoref.x: AXIS_PTS_REF is missing"},
         {"cubd", Bytes(64, 1), 0x100, "1 1 1 | 1 1 | 1 2 | 1 1 1 1 1 1 1 1 1 1 1 1"},
         {"cubd",
          {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
@@ -414,7 +310,6 @@ TEST_F(ObjectsInMemory, AreRefusedWhenTheyDoNotFit) {
         put(row.address, row.memory);
         EXPECT_EQ(shown(row.name), row.why) << row.name;
     }
-    EXPECT_NE(shown("ccirc").find("in a circle"), std::string::npos);
 }
 
 }  // namespace

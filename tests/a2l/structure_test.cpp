@@ -7,6 +7,8 @@
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
+#include "a2l/leaf_search.h"
+
 namespace lm::a2l {
 namespace {
 
@@ -81,7 +83,7 @@ TEST(Structures, FindLeaves) {
         {"inst[0].", "inst[0]: has no part ''"},
         {"inst[0].z.y", "inst[0]: has no part 'z'"},
         {"inst[0].a.y", "inst[0].a: has no part '.y'"},
-        {"t.s[1].b", "t.s: has 2 dimension(s): each needs an index, as in t.s[0]"},
+        {"t.s[1].b", "t.s: has 2 dimension(s): each needs an index, as in t.s[0][0]"},
         {"t.lost", "t.lost: type 'none' not found"},
         {"huge[1][0].b[0]", "huge[1][0].b[0]: lies beyond the last address"},
         {"ring.d.c.d", "ring: its structure contains itself or is nested too deep"},
@@ -170,6 +172,18 @@ TEST(Structures, BombsAreHarmless) {
     const Description d = parsed(content);
     EXPECT_EQ(leafCount(d, *d.findInstance("i2")), 1000000000000000000U);
     EXPECT_EQ(leafCount(d, *d.findInstance("i9")), UINT64_MAX);
+    // Where the beginning gives the indices no other elements are looked at.
+    const std::pair<const char*, std::uint64_t> beginnings[] = {
+        {"", 1000000000000000000U}, {"i2.a[7].", 1000000000}, {"I2.a[7].A[5].a[3]", 1},
+        {"i2.a[1000000000].", 0},   {"i2.a[7].b", 0},         {"i2.a[7].a[5", 1000000000}};
+    for (const auto& [text, count] : beginnings)
+        EXPECT_EQ(leafCount(d, *d.findInstance("i2"), NameBeginning(text)), count) << text;
+    std::string walked;
+    walkLeaves(d, *d.findInstance("i2"), NameBeginning("i2.a[7].a[5].a"), [&](const Result<Leaf>& leaf) {
+        walked += shown(leaf);
+        return true;
+    });
+    EXPECT_EQ(walked, "i2.a[7].a[5].a c:0 [1000000000]");
     EXPECT_EQ(shown(findLeaf(d, "i2.a[7].a[5].a")), "i2.a[7].a[5].a c:0 [1000000000]");
     EXPECT_EQ(shown(findLeaf(d, "i69.a[0]")), "i69: its structure contains itself or is nested too deep");
     ASSERT_EQ(d.warnings.size(), 6U);
