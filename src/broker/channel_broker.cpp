@@ -66,6 +66,14 @@ std::uint32_t ChannelBroker::registerHandler(std::vector<Filter> filters, IFrame
     return nextId_++;
 }
 
+void ChannelBroker::setFilters(std::uint32_t id, std::vector<Filter> filters) {
+    requireOutsideDispatch("setFilters");
+    const std::lock_guard lock(registryMutex_);
+    const auto found = std::find_if(registrations_.begin(), registrations_.end(),
+                                    [id](const Registration& registration) { return registration.id == id; });
+    if (found != registrations_.end()) found->filters = std::move(filters);
+}
+
 void ChannelBroker::unregisterHandler(std::uint32_t id) {
     requireOutsideDispatch("unregisterHandler");
     const std::lock_guard lock(registryMutex_);

@@ -1,8 +1,8 @@
 // Lets several users share one CAN channel: it is the channel's only sink, hands each received frame to every
 // handler with a filter that matches, passes channel events to all, and serialises sending.
 //
-// Threads: registerHandler, unregisterHandler and send from any thread. Handlers are called on the channel's
-// receive thread under the registry mutex, so registering waits for a dispatch to end, and once
+// Threads: registerHandler, setFilters, unregisterHandler and send from any thread. Handlers are called on
+// the channel's receive thread under the registry mutex, so registering waits for a dispatch to end, and once
 // unregisterHandler has returned its handler is not called any more. A handler may send from inside its
 // callback; registering or unregistering there is a programming fault, which ends the process with a line on
 // standard error. Lifetime: borrows the channel, which must outlive the broker and be closed before the
@@ -53,6 +53,9 @@ class ChannelBroker final : public hal::IFrameSink {
 
     /// Returns the id of the registration: 1, 2, 3..., never reused.
     std::uint32_t registerHandler(std::vector<Filter> filters, IFrameHandler& handler);
+
+    /// Exchanges the filters of a registration between two frames. An unknown id is ignored.
+    void setFilters(std::uint32_t id, std::vector<Filter> filters);
 
     /// An unknown id is ignored.
     void unregisterHandler(std::uint32_t id);

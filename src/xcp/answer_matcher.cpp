@@ -42,6 +42,8 @@ void AnswerMatcher::sent(Kind kind, std::size_t minimumLength, std::int64_t nowN
     waiting_ = true;
     answer_.reset();
     aside_.reset();
+    wanted_ = {};
+    parts_.clear();
     if (kind == Kind::synch) {
         doubt_ = doubt_ || synchsBefore_ + synchsAfter_ > 0;
         ++synchsAfter_;
@@ -54,18 +56,26 @@ void AnswerMatcher::sent(Kind kind, std::size_t minimumLength, std::int64_t nowN
     last_.reset();
 }
 
+void AnswerMatcher::sentForParts(const AnswerParts& parts, std::int64_t nowNs) {
+    sent(Kind::command, parts.length, nowNs);
+    wanted_ = parts;
+    owed_ += static_cast<std::uint32_t>(parts.count - 1 + parts.refusals);
+}
+
 AnswerMatcher::Verdict AnswerMatcher::came(std::span<const std::uint8_t> packet, std::int64_t receivedNs) {
     const bool stale = waiting_ && receivedNs != 0 && receivedNs < sentNs_;
     if (isSynchAnswer(packet)) return cameSynch(stale);
     const bool wanted = waiting_ && kind_ != Kind::synch && !answer_;
     if (!wanted) return dropOlder(packet, 0);
-    if (stale) return dropOlder(packet, 1);
+    const auto own = static_cast<std::uint32_t>(wanted_.count - parts_.size() + wanted_.refusals);
+    if (stale) return dropOlder(packet, own);
     if (kind_ == Kind::connect) {
         if (!fitsConnect(packet)) return dropOlder(packet, 1);
-    } else if (owed_ > 1) {
+    } else if (owed_ > own) {
         if (kind_ == Kind::last) aside_ = copyOf(packet);
-        return dropOlder(packet, 1);
+        return dropOlder(packet, own);
     }
+    if (wanted_.count > 1 && packet[0] == kPidResponse) return camePart(packet);
     if (packet[0] == kPidResponse && packet.size() < minimumLength_) {
         leftOver_ = leftOver_ || aside_;
         aside_ = copyOf(packet);
@@ -73,6 +83,24 @@ AnswerMatcher::Verdict AnswerMatcher::came(std::span<const std::uint8_t> packet,
     }
     leftOver_ = leftOver_ || aside_;
     take(copyOf(packet));
+    return Verdict::taken;
+}
+
+AnswerMatcher::Verdict AnswerMatcher::camePart(std::span<const std::uint8_t> packet) {
+    const bool isLast = parts_.size() + 1 == wanted_.count;
+    if (packet.size() < (isLast ? wanted_.lastLength : wanted_.length)) {
+        settleSynchsBefore();
+        --owed_;
+        answer_ = copyOf(packet);
+        return Verdict::taken;
+    }
+    parts_.push_back(copyOf(packet));
+    if (isLast) {
+        take(parts_.back());
+    } else {
+        settleSynchsBefore();
+        --owed_;
+    }
     return Verdict::taken;
 }
 
@@ -119,12 +147,16 @@ bool AnswerMatcher::fitsConnect(std::span<const std::uint8_t> packet) {
 
 void AnswerMatcher::take(const Packet& packet) {
     owed_ = kind_ == Kind::connect ? owed_ - 1 : 0;
-    if (kind_ != Kind::probe) {
-        synchsBefore_ = 0;
-        doubt_ = false;
-    }
+    if (packet.code() == kPidError) owed_ += static_cast<std::uint32_t>(wanted_.refusals);
+    settleSynchsBefore();
     answer_ = packet;
     last_ = packet;
+}
+
+void AnswerMatcher::settleSynchsBefore() {
+    if (kind_ == Kind::probe) return;
+    synchsBefore_ = 0;
+    doubt_ = false;
 }
 
 std::optional<Packet> AnswerMatcher::endWait() {

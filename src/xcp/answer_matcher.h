@@ -19,7 +19,9 @@
 //     own answer: that slave answers all twice.
 //  5. An answer shorter than its command's layout waits for a better one. It counts when none has come until
 //     the timeout; when one comes it is left over.
-//  6. While answers of earlier commands may come, CONNECT takes only what reads as a CONNECT answer; one
+//  6. A command that several packets answer is owed each of them, and has its answer with the last. One that
+//     is shorter than its place demands shows that one before it was lost, and ends it; so does an ERR.
+//  7. While answers of earlier commands may come, CONNECT takes only what reads as a CONNECT answer; one
 //     unlike the last connection's, or a refusal, only the second time.
 // It cannot see an answer lost and another doubled between the same two fences, a doubled FE 00 beside
 // another doubled answer, a copy that comes more than t1 after what was before it, of a slave that stood
@@ -34,10 +36,19 @@
 #include <optional>
 #include <span>
 #include <utility>
+#include <vector>
 
 #include "xcp/packet.h"
 
 namespace lm::xcp {
+
+/// The positive responses that answer one command; all but the last have the same least length.
+struct AnswerParts {
+    std::size_t count = 1;
+    std::size_t length = 1;
+    std::size_t lastLength = 1;
+    std::size_t refusals = 0;  ///< ERR that may follow the first: each packet of a block may have its own
+};
 
 class AnswerMatcher {
   public:
@@ -53,12 +64,17 @@ class AnswerMatcher {
     /// A packet goes out now, on the host's steady clock; its answer is waited for. `minimumLength`: bytes of
     /// the shortest positive response that fits it.
     void sent(Kind kind, std::size_t minimumLength, std::int64_t nowNs);
+    /// Likewise a command of several packets, or one that several answer.
+    void sentForParts(const AnswerParts& parts, std::int64_t nowNs);
 
     /// A RES or ERR came; `receivedNs` on the same clock, 0 when not known.
     Verdict came(std::span<const std::uint8_t> packet, std::int64_t receivedNs);
 
     /// Whether the packet waited for has its answer; of a SYNCH: whether the fence is closed.
     bool answered() const { return answer_.has_value(); }
+
+    /// What came so far of the parts waited for, in their order.
+    const std::vector<Packet>& parts() const { return parts_; }
 
     /// Ends the wait: the answer, or the short one that was set aside, or nothing.
     std::optional<Packet> endWait();
@@ -90,7 +106,9 @@ class AnswerMatcher {
     Verdict cameSynch(bool stale);
     bool fitsConnect(std::span<const std::uint8_t> packet);
     Verdict dropOlder(std::span<const std::uint8_t> packet, std::uint32_t own);
+    Verdict camePart(std::span<const std::uint8_t> packet);
     void take(const Packet& packet);
+    void settleSynchsBefore();
     void closeFence();
 
     // What is owed.
@@ -116,6 +134,8 @@ class AnswerMatcher {
     std::int64_t sentNs_ = 0;
     std::optional<Packet> answer_ = {};
     std::optional<Packet> aside_ = {};
+    AnswerParts wanted_ = {};
+    std::vector<Packet> parts_ = {};  ///< when it is more than one
 
     // CONNECT.
     std::optional<Packet> known_ = {};     ///< what opened the last connection

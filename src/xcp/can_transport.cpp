@@ -30,7 +30,7 @@ bool isValidMaxDlc(const CanTransportConfig& config) {
 }  // namespace
 
 CanTransport::CanTransport(CanTransportConfig config, broker::ChannelBroker& broker)
-    : config_(std::move(config)), broker_(broker) {}
+    : config_(std::move(config)), broker_(broker), listIds_(config_.extraIds) {}
 
 CanTransport::~CanTransport() {
     close();
@@ -39,12 +39,20 @@ CanTransport::~CanTransport() {
 Result<void> CanTransport::open() {
     if (subscription_) return {};
     if (!isValidMaxDlc(config_)) return invalid("invalid XCP on CAN MAX_DLC");
-    std::vector<broker::Filter> filters = {filterFor(config_.resId)};
-    for (const CanId& id : config_.extraIds) {
-        filters.push_back(filterFor(id));
-    }
-    subscription_ = broker_.registerHandler(std::move(filters), *this);
+    subscription_ = broker_.registerHandler(filters(), *this);
     return {};
+}
+
+std::vector<broker::Filter> CanTransport::filters() const {
+    std::vector<broker::Filter> filters = {filterFor(config_.resId)};
+    for (const CanId& id : listIds_)
+        filters.push_back(filterFor(id));
+    return filters;
+}
+
+void CanTransport::setListIds(std::vector<CanId> ids) {
+    listIds_ = std::move(ids);
+    if (subscription_) broker_.setFilters(*subscription_, filters());
 }
 
 void CanTransport::close() {

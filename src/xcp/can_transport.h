@@ -2,10 +2,10 @@
 // through a broker, so that several transports can share one channel. At log level debug every frame is
 // printed in the text notation.
 //
-// Threads: open, close and setSink belong to the owner and must not run at the same time, nor inside a
-// callback; send may be called from any thread. The sink is called on the channel's receive thread. Lifetime:
-// the broker is borrowed and must outlive the transport; the sink is borrowed, set before open(), and must
-// outlive the transport or be replaced first.
+// Threads: open, close, setListIds and setSink belong to the owner and must not run at the same time, nor
+// inside a callback; send may be called from any thread. The sink is called on the channel's receive thread.
+// Lifetime: the broker is borrowed and must outlive the transport; the sink is borrowed, set before open(),
+// and must outlive the transport or be replaced first.
 #pragma once
 
 #include <atomic>
@@ -35,7 +35,7 @@ struct CanId {
 struct CanTransportConfig {
     CanId cmdId = {};                  ///< frames from master to slave (CMD, STIM)
     CanId resId = {};                  ///< frames from slave to master (RES, ERR, EV, SERV, DAQ)
-    std::vector<CanId> extraIds = {};  ///< further identifiers whose frames are packets for this transport
+    std::vector<CanId> extraIds = {};  ///< of DAQ lists, until setListIds()
     bool maxDlcRequired = false;       ///< every frame is sent with `maxDlc` bytes
     bool fd = false;                   ///< frames are CAN FD
     bool brs = false;                  ///< CAN FD frames are sent with bit-rate switch
@@ -57,6 +57,9 @@ class CanTransport final : public ITransport, public broker::IFrameHandler {
     Result<void> open() override;
     void close() override;
 
+    /// Further identifiers whose frames are packets for this transport, in place of those it had.
+    void setListIds(std::vector<CanId> ids);
+
     /// Errors: invalidArgument "XCP packet does not fit into a CAN frame", else the channel's.
     Result<void> send(const std::uint8_t* data, std::size_t length) override;
 
@@ -66,14 +69,17 @@ class CanTransport final : public ITransport, public broker::IFrameHandler {
     void onChannelEvent(const hal::CanChannelEvent& event) override;
 
   private:
+    std::vector<broker::Filter> filters() const;
     void trace(const char* direction, const hal::CanFrame& frame) const;
     void watchForSecrets(std::uint8_t command);
 
     const CanTransportConfig config_;
     broker::ChannelBroker& broker_;
     std::atomic<IPacketSink*> sink_{nullptr};
-    std::atomic<bool> secret_{false};            ///< seeds and keys may be under way, which no log shows
-    std::optional<std::uint32_t> subscription_;  ///< the broker's id; owner's thread only
+    std::atomic<bool> secret_{false};  ///< seeds and keys may be under way, which no log shows
+    // The owner's, one thread at a time.
+    std::optional<std::uint32_t> subscription_;  ///< the broker's id
+    std::vector<CanId> listIds_;
 };
 
 }  // namespace lm::xcp

@@ -66,6 +66,14 @@ Result<std::optional<Packet>> Connection::Turn::attempt(const Packet& command, s
     return connection_->attemptInGroup(command, minimumLength, repeats);
 }
 
+Result<std::optional<Packet>> Connection::Turn::askOnce(const Packet& command, std::size_t minimumLength) {
+    Repeats repeats;
+    auto answer = connection_->attempt(command, {.minimumLength = minimumLength}, repeats);
+    if (!answer || answer.value() || repeats.inStep) return answer;
+    if (auto synched = connection_->sendSynchs(); !synched) return synched.error();
+    return answer;
+}
+
 Result<std::optional<Packet>> Connection::attemptInGroup(const Packet& command, std::size_t minimumLength,
                                                          Repeats& repeats) {
     const Exchange rules{.minimumLength = minimumLength};
@@ -103,6 +111,7 @@ Result<std::optional<Packet>> Connection::attempt(const Packet& command, const E
 
 Error Connection::errorOf(const Packet& command, const Packet& reply) {
     ++errorResponses_;
+    refusal_ = reply;
     return errorReply(command.code(), reply.length > 1 ? reply.bytes[1] : kErrGeneric);
 }
 
@@ -132,18 +141,20 @@ Result<void> Connection::pauseBusy(const Packet& command) {
 
 // Connection
 
-Result<void> Connection::connect(ConnectMode mode, std::int32_t attempts) {
+Result<void> Connection::connect(ConnectMode mode, std::int32_t attempts,
+                                 const std::optional<std::chrono::milliseconds>& longest) {
     const std::lock_guard lock(commandMutex_);
-    refused_ = 0;
     reopened_ = false;
-    return open(mode, attempts);
+    return open(mode, attempts, longest);
 }
 
-Result<void> Connection::open(ConnectMode mode, std::int32_t attempts) {
+Result<void> Connection::open(ConnectMode mode, std::int32_t attempts,
+                              const std::optional<std::chrono::milliseconds>& longest) {
     if (auto opened = transport_.open(); !opened) return opened;
     const Packet command = buildConnect(static_cast<std::uint8_t>(mode));
     for (std::int32_t attempt = 1;; attempt = attempts < 1 ? 1 : attempt + 1) {
-        const auto answer = exchange(command, timeout(kT1), Kind::connect, kConnectLength);
+        const auto limit = longest ? std::min<Clock::duration>(timeout(kT1), *longest) : timeout(kT1);
+        const auto answer = exchange(command, limit, Kind::connect, kConnectLength);
         if (!answer) {
             Error error = answer.error();
             if (!error.isStop()) error.message = "CONNECT: " + error.text();
@@ -176,6 +187,7 @@ Result<void> Connection::accept(const Packet& response) {
     }
     ++number_;
     care_ = 0;
+    opened_ = 0;
     log::info("XCP connected: MAX_CTO={} MAX_DTO={} AG={} {}", info.maxCto, info.maxDto, info.granularity(),
               info.byteOrder() == ByteOrder::bigEndian ? "Motorola" : "Intel");
     askWhatIsLocked();
@@ -208,7 +220,16 @@ Result<void> Connection::judgeLast(const Packet& command, const Result<std::opti
 Result<void> Connection::once(const Packet& command) {
     auto own = turn();
     if (!own) return own.error();
-    return judgeLast(command, lastWords(command, timeout(kT1)));
+    auto answer = lastWords(command, timeout(kT1));
+    const bool refused = answer && answer.value() && answer.value()->code() == kPidError;
+    const auto resource = protectedBy(command.code());
+    if (refused && resource && options_.keys && (refused_ & static_cast<std::uint8_t>(*resource)) == 0 &&
+        errorOf(command, *answer.value()).detail == kErrAccessLocked) {
+        const Finishing finishing(*this);
+        if (const auto opened = unlockHeld(*resource); !opened) return opened.error();
+        answer = lastWords(command, timeout(kT1));
+    }
+    return judgeLast(command, answer);
 }
 
 Result<void> Connection::disconnectOnce() {

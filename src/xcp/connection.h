@@ -14,7 +14,8 @@
 // Seed & key. With a source of keys the status is asked for after CONNECT, and what a command is locked by is
 // unlocked before the command is sent again, twice at most. Between GET_SEED and UNLOCK nothing else is sent;
 // after a timeout the round begins again. A slave that refuses a key ends the session: it is opened again,
-// once per connect(), and no second key is computed for that resource until the next connect().
+// once per connect(), and no second key is computed for that resource as long as the connection lives: slaves
+// that count wrong keys lock themselves for good.
 //
 // Stop. Once one is requested commands fail at once; what still goes out (DISCONNECT, stopping DAQ, the last
 // confirm(), all that is done while a Finishing lives) waits for t1 in all while the slave is silent.
@@ -61,6 +62,14 @@ struct Repeats {
     bool inStep = false;  ///< nothing timed out, but a SYNCH went out: the group begins again without another
 };
 
+/// What a block was answered with, which is not asked for again by itself.
+struct TransferAnswer {
+    /// As many as were asked for, or less than that after a packet was lost.
+    std::vector<Packet> parts;
+    bool isWhole = false;
+    std::optional<Error> refusal;  ///< an ERR reply
+};
+
 /// What became of a resource that was to be unlocked.
 enum class Unlocking : std::uint8_t { wasOpen, opened };
 
@@ -80,18 +89,24 @@ class Connection {
     Result<Turn> turn();
 
     /// See Master, which hands these on.
-    Result<void> connect(ConnectMode mode, std::int32_t attempts);
+    Result<void> connect(ConnectMode mode, std::int32_t attempts,
+                         const std::optional<std::chrono::milliseconds>& longest = {});
     Result<void> disconnect();
     Result<void> disconnectOnce();
     Result<void> disconnectWithoutWaiting();
     Result<void> synch();
     Result<bool> confirm();
     void beMoreCareful();
-    /// `command` in one exchange of t1 at most, also after a stop.
+    /// `command` in one exchange of t1 at most, also after a stop; in another one after an unlock when a
+    /// slave with a key says that it is locked.
     Result<void> once(const Packet& command);
     Result<void> withoutWaiting(const Packet& command);
     /// See Master.
     Result<Unlocking> unlock(Resource resource);
+    /// Whether a key opened it since CONNECT.
+    bool openedByKey(Resource resource) const {
+        return (opened_.load() & static_cast<std::uint8_t>(resource)) != 0;
+    }
     /// CONNECT, `command`, DISCONNECT in t1 in all: for a slave that ended the session on its own.
     Result<void> onceMore(const Packet& command);
 
@@ -112,6 +127,10 @@ class Connection {
     using Kind = AnswerMatcher::Kind;
     enum class Synchs : std::uint8_t { unknown, answered, never };
 
+    // block_exchange.cpp; the command mutex is held.
+    Result<TransferAnswer> exchangeBlock(std::span<const Packet> packets, const AnswerParts& parts,
+                                         Clock::duration pause);
+
     // connection.cpp; the command mutex is held.
     static Error stopped(const Packet& command);
     static bool needsWhatWasBefore(const Packet& command);
@@ -122,7 +141,8 @@ class Connection {
     Error errorOf(const Packet& command, const Packet& reply);
     Result<std::optional<Packet>> attemptInGroup(const Packet& command, std::size_t minimumLength,
                                                  Repeats& repeats);
-    Result<void> open(ConnectMode mode, std::int32_t attempts);
+    Result<void> open(ConnectMode mode, std::int32_t attempts,
+                      const std::optional<std::chrono::milliseconds>& longest = {});
     Result<void> accept(const Packet& response);
     Result<std::optional<Packet>> lastWords(const Packet& command, Clock::duration limit);
     Result<void> judgeLast(const Packet& command, const Result<std::optional<Packet>>& answer);
@@ -141,6 +161,10 @@ class Connection {
     Result<void> fence();
     Result<void> fenceBefore(const Packet& command);
     bool isClear();
+    bool isAtFence();
+    bool provedLate();
+    bool isInStep();
+    std::uint64_t pendingsSoFar();
     Result<void> sendSynchs();
     Result<void> meet();
     Result<void> calmDown();
@@ -151,6 +175,11 @@ class Connection {
     // exchange.cpp
     Result<std::optional<Packet>> exchange(const Packet& command, Clock::duration limit, Kind kind,
                                            std::size_t minimumLength);
+    Result<std::optional<Packet>> exchange(std::span<const Packet> packets, Clock::duration limit, Kind kind,
+                                           const AnswerParts& parts,
+                                           Clock::duration pause = Clock::duration::zero());
+    Result<void> sendAll(std::unique_lock<std::mutex>& lock, std::span<const Packet> packets,
+                         Clock::duration pause);
     bool await(std::unique_lock<std::mutex>& lock, Clock::duration limit, Kind kind, std::uint64_t pendings);
     // The answer mutex is held.
     bool stopping();
@@ -176,6 +205,7 @@ class Connection {
     std::uint8_t refused_ = 0;  ///< of which it refused a key
     bool reopened_ = false;     ///< after a key was refused
     std::uint64_t synchsSent_ = 0;
+    Packet refusal_;  ///< the ERR reply that came last
 
     // Answer mutex.
     mutable std::mutex answerMutex_;
@@ -189,6 +219,7 @@ class Connection {
     Clock::duration silence_{0};  ///< waited for nothing since the stop, or since the answer after it
 
     // Atomic.
+    std::atomic<std::uint8_t> opened_{0};  ///< bits of Resource: by a key, since CONNECT
     std::atomic<bool> connected_{false};
     std::atomic<std::uint64_t> number_{0};
     std::atomic<std::uint64_t> commands_{0};
@@ -214,9 +245,24 @@ class Connection::Turn {
     /// SYNCH was answered since, so that the group can begin again.
     Result<std::optional<Packet>> attempt(const Packet& command, std::size_t minimumLength, Repeats& repeats);
 
+    /// For a question that may stay open: nothing, and no warning, when it timed out and a SYNCH was answered
+    /// since.
+    Result<std::optional<Packet>> askOnce(const Packet& command, std::size_t minimumLength);
+
+    /// A command of one or several packets with a pause between them, and all the packets that answer it.
+    /// What failed, an ERR reply or fewer packets than there should be, is no error here.
+    Result<TransferAnswer> exchangeBlock(std::span<const Packet> packets, const AnswerParts& parts,
+                                         std::chrono::microseconds pause = {}) {
+        return connection_->exchangeBlock(packets, parts, pause);
+    }
+    /// Since the answers were not in step, each command stands on its own.
+    bool isCareful() const { return connection_->care_ != 0; }
+
     /// Before commands that belong to a resource: unlocks it when it is locked and there is a source of keys.
     Result<void> unlockBefore(Resource resource) { return connection_->unlockBefore(resource); }
 
+    /// The ERR reply that came last: some tell more than their code.
+    const Packet& refusal() const { return connection_->refusal_; }
     /// What the slave said at CONNECT.
     const ConnectInfo& slave() const { return connection_->info_; }
     std::uint64_t connectionNumber() const { return connection_->number(); }

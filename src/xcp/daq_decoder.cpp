@@ -114,6 +114,8 @@ void DaqDecoder::decode(const std::uint8_t* data, std::size_t length, ReceiveTim
     const bool overload = overloadInPid_ && (data[0] & kOverloadBit) != 0;
     const std::uint8_t pid = overload ? static_cast<std::uint8_t>(data[0] & ~kOverloadBit) : data[0];
     const Place place = find(data, pid);
+    if (fit_ != nullptr && !fit_->finished()) [[unlikely]]
+        examine(data, length, place, time.hostNs);
     if (place.list == nullptr) {
         unknownDtos_.add(1);
         return;
@@ -144,6 +146,19 @@ void DaqDecoder::decode(const std::uint8_t* data, std::size_t length, ReceiveTim
     std::memcpy(list.record.data() + odt.recordOffset, data + start, odt.payloadSize);
     list.nextOdt = place.odt + 1;
     if (list.nextOdt == list.odts.size()) finishRecord(list);
+}
+
+void DaqDecoder::examine(const std::uint8_t* data, std::size_t length, const Place& place,
+                         std::int64_t hostNs) {
+    if (place.list == nullptr) return fit_->onStranger(hostNs);
+    const bool stamped = place.odt == 0 && place.list->timestamp;
+    const std::size_t head = identificationSize_ + std::size_t{stamped ? timestampSize_ : std::uint8_t{0}};
+    std::optional<std::uint32_t> stamp;
+    if (stamped && length >= head)
+        stamp = static_cast<std::uint32_t>(
+            readSized(data + identificationSize_, timestampSize_, ByteOrder::littleEndian));
+    const auto list = static_cast<std::size_t>(place.list - lists_.data());
+    fit_->onDto(list, place.odt == 0, head + place.list->odts[place.odt].payloadSize, length, stamp, hostNs);
 }
 
 bool DaqDecoder::beginRecord(List& list, const std::uint8_t* data, std::size_t length,

@@ -21,6 +21,7 @@
 #include "xcp/counter.h"
 #include "xcp/daq_clock.h"
 #include "xcp/daq_plan.h"
+#include "xcp/dto_fit.h"
 #include "xcp/held_records.h"
 #include "xcp/transport.h"
 
@@ -80,6 +81,8 @@ class DaqDecoder final : public IDtoSink {
         holes_ = holes;
         holesSeen_ = holes->load();
     }
+    /// Looks at the DTOs for as long as it wants to. Borrowed.
+    void setFit(DtoFit* fit) { fit_ = fit; }
     /// From now on records whose time is uncertain are handed on some time later, in order, once those that
     /// follow have told it (see HeldRecords). Needs calls of settle() lest none follow.
     void holdBack();
@@ -125,6 +128,7 @@ class DaqDecoder final : public IDtoSink {
     };
 
     void decode(const std::uint8_t* data, std::size_t length, ReceiveTime time);
+    void examine(const std::uint8_t* data, std::size_t length, const Place& place, std::int64_t hostNs);
     void numberLists();
     void numberPids(const DaqPlan& plan, std::span<const std::uint8_t> firstPids);
     Place find(const std::uint8_t* data, std::uint8_t pid);
@@ -150,6 +154,7 @@ class DaqDecoder final : public IDtoSink {
     std::array<PidEntry, 256> pids_ = {};
     IDaqRecordSink* sink_ = nullptr;
     const std::atomic<std::uint64_t>* holes_ = nullptr;
+    DtoFit* fit_ = nullptr;
 
     // Receive thread only; while records are held back, under holdMutex_.
     std::uint64_t holesSeen_ = 0;

@@ -89,9 +89,15 @@ void layOutRecord(DaqList& list) {
     }
 }
 
-Error firstOdtEmpty(std::uint16_t eventChannel) {
-    return invalid(fmt::format("first ODT of event {} is empty (signals too large next to the timestamp)",
-                               eventChannel));
+Error firstOdtEmpty(std::uint16_t eventChannel, const DaqRoom& room) {
+    Error error = invalid(fmt::format(
+        "first ODT of event {} is empty (signals too large next to the timestamp)", eventChannel));
+    error.hint = fmt::format(
+        "add a signal of at most {} byte(s) to event {}, or measure without timestamps (\"useTimestamps\": "
+        "false "
+        "under \"daq\" in the configuration), where the ECU can leave them out",
+        room.firstPayload, eventChannel);
+    return error;
 }
 
 }  // namespace lm::xcp

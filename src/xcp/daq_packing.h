@@ -74,6 +74,6 @@ std::optional<EntryPlace> placeEntry(std::vector<Odt>& odts, const SignalGroup::
 /// Lets the ODTs stand back to back in the record.
 void layOutRecord(DaqList& list);
 
-Error firstOdtEmpty(std::uint16_t eventChannel);
+Error firstOdtEmpty(std::uint16_t eventChannel, const DaqRoom& room);
 
 }  // namespace lm::xcp

@@ -26,7 +26,7 @@ Result<void> packGroup(const SignalGroup& group, const DaqRoom& room, DaqPlan& p
     std::vector<EntryPlace> places(group.entries.size());
     for (const std::size_t index : group.largestFirst())
         places[index] = *placeEntry(list.odts, group.entries[index], room, {});
-    if (list.odts.front().entries.empty()) return firstOdtEmpty(list.eventChannel);
+    if (list.odts.front().entries.empty()) return firstOdtEmpty(list.eventChannel, room);
     layOutRecord(list);
     for (const auto& use : group.uses) {
         const EntryPlace& place = places[use.second];
@@ -137,7 +137,7 @@ Result<DaqPlan> planDaq(std::span<const DaqSignal> signals, const DaqCapabilitie
     plan.signals.resize(signals.size());
     auto planned = capabilities.dynamicConfiguration
                        ? planDynamicLists(groups, room.value(), capabilities, plan)
-                       : planStaticLists(groups, room.value(), capabilities, plan);
+                       : planStaticLists(signals, groups, room.value(), capabilities, plan);
     if (!planned) return planned.error();
     return plan;
 }

@@ -9,6 +9,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/ecu_address.h"
@@ -94,6 +95,7 @@ struct DaqSignal {
     std::uint32_t size = 0;  ///< bytes
     std::uint16_t eventChannel = 0;
     std::uint8_t prescaler = 1;  ///< each n-th sample; 0 counts as 1; the first of an event channel decides
+    std::string_view name = {};  ///< for messages; borrowed for the call
 };
 
 struct DaqPlanOptions {

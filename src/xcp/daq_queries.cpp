@@ -8,6 +8,7 @@
 #include "core/log.h"
 #include "core/time_unit.h"
 #include "xcp/memory.h"
+#include "xcp/optional_question.h"
 
 namespace lm::xcp {
 
@@ -69,37 +70,6 @@ EventChannel parseEventInfo(const Packet& reply, std::uint16_t number) {
     event.cycleNs = unitNs(reply.bytes[4], eventUnit(reply.bytes[5]));
     event.priority = reply.bytes[6];
     return event;
-}
-
-/// Finds out that a slave never answers a question. One in trouble is told from it by its SYNCHs, which it
-/// leaves unanswered, and by its answers, which come too late.
-class Silence {
-  public:
-    explicit Silence(const Turn& turn) : turn_(turn), dropped_(turn.droppedAnswers()) {}
-
-    bool means(const Error& error, const Repeats& repeats) const {
-        return error.code == ErrorCode::timeout && turn_.answeredAllSynchs(repeats) &&
-               turn_.droppedAnswers() == dropped_;
-    }
-
-  private:
-    const Turn& turn_;
-    const std::uint64_t dropped_;
-};
-
-/// The answer to a question that a slave need not know; nothing when it does not.
-Result<std::optional<Packet>> askOptional(Turn& turn, const Packet& question, std::size_t minimumLength) {
-    Repeats repeats;
-    const Silence silence(turn);
-    for (;;) {
-        auto answer = turn.attempt(question, minimumLength, repeats);
-        if (answer && answer.value()) return answer;
-        if (answer) continue;  // SYNCH was answered
-        const Error& error = answer.error();
-        if (!silence.means(error, repeats) && error.detail != kErrCmdUnknown) return error;
-        log::info("{}; taken as not known to the ECU", error.text());
-        return std::optional<Packet>{};
-    }
 }
 
 /// False: what is least is taken for what the slave does not tell.
@@ -189,18 +159,33 @@ Result<DaqListInfo> parseListInfo(const Packet& reply, std::uint16_t number, con
     return list;
 }
 
+/// The answer to READ_DAQ at this place. A READ_DAQ whose answer was lost has advanced the pointer. Silence
+/// at the first question of all is that of a slave that does not know it; later a layout with a hole would
+/// come of that.
+Result<Packet> fetchEntry(Turn& turn, const Packet& pointer, bool isFirst) {
+    constexpr std::size_t kWithoutCode = 7;
+    Repeats repeats;
+    const Silence silence(turn);
+    for (;;) {
+        auto answer = turn.attempt(buildPlain(Command::readDaq), kWithoutCode, repeats);
+        if (answer && answer.value()) return *answer.value();
+        if (!answer && isFirst && silence.means(answer.error(), repeats)) {
+            Error unknown = answer.error();
+            unknown.detail = kErrCmdUnknown;
+            return unknown;
+        }
+        if (!answer) return answer.error();
+        if (auto pointed = turn.perform(pointer); !pointed) return pointed.error();
+    }
+}
+
 /// Nothing behind the last entry.
 Result<std::optional<OdtEntry>> readEntry(Turn& turn, std::uint16_t list, std::uint8_t odt,
-                                          std::uint8_t entry) {
+                                          std::uint8_t entry, bool isFirst) {
     constexpr std::uint8_t kWholeElement = 0xFF;  // as bit offset
     constexpr std::size_t kWithoutCode = 7;       // of slaves that leave the first byte of the answer out
     const ByteOrder order = turn.slave().byteOrder();
-    const auto point = [&turn, list, odt, entry, order] {
-        return turn.perform(buildSetDaqPtr(list, odt, entry, order));
-    };
-    // A READ_DAQ whose answer was lost has advanced the pointer.
-    const Exchange rules{.minimumLength = kWithoutCode, .beforeRepeat = point};
-    const auto reply = turn.transact(buildPlain(Command::readDaq), rules);
+    const auto reply = fetchEntry(turn, buildSetDaqPtr(list, odt, entry, order), isFirst);
     if (!reply && (reply.error().detail == kErrOutOfRange || reply.error().detail == kErrDaqConfig))
         return std::optional<OdtEntry>{};
     if (!reply) return reply.error();
@@ -214,15 +199,16 @@ Result<std::optional<OdtEntry>> readEntry(Turn& turn, std::uint16_t list, std::u
     return std::optional<OdtEntry>(found);
 }
 
-Result<Odt> readOdt(Turn& turn, const DaqListInfo& list, std::uint8_t number) {
+Result<Odt> readOdt(Turn& turn, const DaqListInfo& list, std::uint8_t number, bool& readsAny) {
     Odt odt;
     odt.pid = number;
     if (auto pointed = turn.perform(buildSetDaqPtr(list.number, number, 0, turn.slave().byteOrder()));
         !pointed)
         return pointed.error();
     for (unsigned entry = 0; entry < list.maxEntries; ++entry) {
-        auto found = readEntry(turn, list.number, number, static_cast<std::uint8_t>(entry));
+        auto found = readEntry(turn, list.number, number, static_cast<std::uint8_t>(entry), !readsAny);
         if (!found) return found.error();
+        readsAny = true;
         if (!found.value()) break;
         OdtEntry& next = odt.entries.emplace_back(*found.value());
         next.offset = odt.payloadSize;
@@ -231,13 +217,20 @@ Result<Odt> readOdt(Turn& turn, const DaqListInfo& list, std::uint8_t number) {
     return odt;
 }
 
+/// What is known of READ_DAQ.
+struct Reading {
+    bool any = false;      ///< it was answered
+    bool unknown = false;  ///< it never is
+};
+
 /// As far as the slave tells it.
-Result<void> readLayout(Turn& turn, DaqListInfo& list) {
+Result<void> readLayout(Turn& turn, DaqListInfo& list, Reading& reading) {
     std::uint32_t recordSize = 0;
-    for (unsigned number = 0; number < list.maxOdt; ++number) {
-        auto odt = readOdt(turn, list, static_cast<std::uint8_t>(number));
+    for (unsigned number = 0; number < list.maxOdt && !reading.unknown; ++number) {
+        auto odt = readOdt(turn, list, static_cast<std::uint8_t>(number), reading.any);
         if (!odt && odt.error().detail == Error::kNoDetail) return odt.error();
         if (!odt) log::info("DAQ list {}: {}", list.number, odt.error().text());
+        reading.unknown = !odt && odt.error().detail == kErrCmdUnknown;
         if (!odt || odt.value().entries.empty()) return {};
         odt.value().recordOffset = recordSize;
         recordSize += odt.value().payloadSize;
@@ -248,7 +241,8 @@ Result<void> readLayout(Turn& turn, DaqListInfo& list) {
 
 /// Nothing behind the last list.
 Result<std::optional<DaqListInfo>> readList(Turn& turn, std::uint16_t number,
-                                            const DaqCapabilities& capabilities, bool& told) {
+                                            const DaqCapabilities& capabilities, bool& told,
+                                            Reading& reading) {
     constexpr std::size_t kListInfoLength = 4;
     const auto reply =
         askOptional(turn, buildGetDaqListInfo(number, turn.slave().byteOrder()), kListInfoLength);
@@ -260,7 +254,7 @@ Result<std::optional<DaqListInfo>> readList(Turn& turn, std::uint16_t number,
     auto list = parseListInfo(*reply.value(), number, turn, capabilities);
     if (!list) return list.error();
     if (list.value().predefined) {
-        if (auto read = readLayout(turn, list.value()); !read) return read.error();
+        if (auto read = readLayout(turn, list.value(), reading); !read) return read.error();
     }
     return std::optional<DaqListInfo>(std::move(list).value());
 }
@@ -297,14 +291,38 @@ Result<DaqParts> askDaqParts(Connection& connection, const DaqParts& wanted, Daq
     return told;
 }
 
+Result<DaqParts> glanceAtDaq(Connection& connection, DaqCapabilities& capabilities) {
+    DaqParts told{.processor = false, .resolution = false, .events = false};
+    auto held = connection.turn();
+    if (!held) return held.error();
+    Turn& turn = held.value();
+    const auto ask = [&](Command question, std::size_t length) -> Result<std::optional<Packet>> {
+        auto answer = turn.askOnce(buildPlain(question), length);
+        if (!answer && answer.error().detail != Error::kNoDetail) return std::optional(Packet{});
+        return answer;
+    };
+    const auto processor = ask(Command::getDaqProcessorInfo, kProcessorInfoLength);
+    if (!processor) return processor.error();
+    if (!processor.value()) return told;
+    const ByteOrder order = turn.slave().byteOrder();
+    told.processor = processor.value()->size() >= kProcessorInfoLength;
+    if (told.processor) parseProcessorInfo(*processor.value(), order, capabilities);
+    const auto resolution = ask(Command::getDaqResolutionInfo, kResolutionInfoLength);
+    if (!resolution) return resolution.error();
+    told.resolution = resolution.value() && resolution.value()->size() >= kResolutionInfoLength;
+    if (told.resolution) parseResolutionInfo(*resolution.value(), order, capabilities);
+    return told;
+}
+
 Result<bool> askDaqLists(Connection& connection, DaqCapabilities& capabilities) {
     capabilities.lists.clear();
     auto held = connection.turn();
     if (!held) return held.error();
     const std::uint16_t count = capabilities.dynamicConfiguration ? capabilities.minDaq : capabilities.maxDaq;
     bool told = true;
+    Reading reading;
     for (std::uint16_t number = 0; number < count; ++number) {
-        auto list = readList(held.value(), number, capabilities, told);
+        auto list = readList(held.value(), number, capabilities, told, reading);
         if (!list) return list.error();
         if (!told) capabilities.lists.clear();
         if (!list.value()) break;

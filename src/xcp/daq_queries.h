@@ -22,6 +22,11 @@ struct DaqParts {
 /// not answered.
 Result<DaqParts> askDaqParts(Connection& connection, const DaqParts& wanted, DaqCapabilities& capabilities);
 
+/// What the slave says of itself to one question each, told without a warning: a slave that stays silent at
+/// the first is not asked the second. The parts that it did not tell are not touched. Errors: those of a
+/// line that is gone.
+Result<DaqParts> glanceAtDaq(Connection& connection, DaqCapabilities& capabilities);
+
 /// Likewise the static and predefined lists, with what each predefined one carries as far as READ_DAQ tells
 /// it. False: the slave does not tell its lists, and there are none in `capabilities`.
 Result<bool> askDaqLists(Connection& connection, DaqCapabilities& capabilities);

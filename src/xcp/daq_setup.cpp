@@ -161,9 +161,13 @@ Result<bool> DaqSetup::writeTogether(Turn& turn, const Odt& odt) {
         const auto part = rest.first(std::min(most, rest.size()));
         const auto done = turn.attempt(buildWriteDaqMultiple(part, turn.slave().byteOrder()), 1, repeats);
         if (!done && done.error().detail == Error::kNoDetail) return done.error();
-        if (!done && done.error().detail == kErrCmdUnknown) withoutMultiple_ = turn.connectionNumber();
-        if (!done || !done.value()) return false;
-        rest = rest.subspan(part.size());
+        if (done && done.value()) {
+            rest = rest.subspan(part.size());
+            continue;
+        }
+        // A slave that leaves it unanswered once would cost t1 at each ODT.
+        withoutMultiple_ = turn.connectionNumber();
+        return false;
     }
     return true;
 }

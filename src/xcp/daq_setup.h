@@ -56,8 +56,9 @@ class DaqSetup {
     Connection& connection_;
 
     // Whoever holds the line.
-    std::vector<Packet> selection_;      ///< the commands that selected the lists
-    std::uint64_t withoutMultiple_ = 0;  ///< the connection whose slave does not know WRITE_DAQ_MULTIPLE
+    std::vector<Packet> selection_;  ///< the commands that selected the lists
+    std::uint64_t withoutMultiple_ =
+        0;  ///< the connection whose slave refused or did not answer WRITE_DAQ_MULTIPLE
 };
 
 }  // namespace lm::xcp

@@ -48,17 +48,26 @@ bool Connection::stopping() {
 /// An exchange without a value timed out.
 Result<std::optional<Packet>> Connection::exchange(const Packet& command, Clock::duration limit, Kind kind,
                                                    std::size_t minimumLength) {
+    return exchange(std::span(&command, 1), limit, kind, {.length = minimumLength});
+}
+
+/// The packets belong to one command, and what they are answered with may be several packets too.
+Result<std::optional<Packet>> Connection::exchange(std::span<const Packet> packets, Clock::duration limit,
+                                                   Kind kind, const AnswerParts& parts,
+                                                   Clock::duration pause) {
+    const Packet& command = packets.front();
     std::unique_lock lock(answerMutex_);
     if (!mayGoOn() || (patienceEnded() && kind != Kind::last)) return stopped(command);
-    matcher_.sent(kind, minimumLength, nowNs());
+    if (kind == Kind::command) {
+        matcher_.sentForParts(parts, nowNs());
+    } else {
+        matcher_.sent(kind, parts.length, nowNs());
+    }
     terminated_ = false;
     const std::uint64_t pendings = pendings_;
-    lock.unlock();
 
-    ++commands_;
     if (kind == Kind::synch) ++synchsSent_;
-    const auto sent = transport_.send(command.data(), command.size());
-    lock.lock();
+    const auto sent = sendAll(lock, packets, pause);
     const bool interrupted = sent && !await(lock, limit, kind, pendings);
     auto answer = matcher_.endWait();
     if (!sent) return sent.error();
@@ -71,17 +80,39 @@ Result<std::optional<Packet>> Connection::exchange(const Packet& command, Clock:
     return answer;
 }
 
+/// Until one of them is answered before its turn.
+Result<void> Connection::sendAll(std::unique_lock<std::mutex>& lock, std::span<const Packet> packets,
+                                 Clock::duration pause) {
+    for (const Packet& packet : packets) {
+        if (&packet != &packets.front()) {
+            const auto until = clock_.now() + pause;
+            while (!matcher_.answered() && clock_.now() < until)
+                clock_.wait(lock, wakeUp_, until);
+            if (matcher_.answered()) return {};
+        }
+        lock.unlock();
+        ++commands_;
+        auto sent = transport_.send(packet.data(), packet.size());
+        lock.lock();
+        if (!sent) return sent;
+    }
+    return {};
+}
+
 /// False when a stop ended the wait.
 bool Connection::await(std::unique_lock<std::mutex>& lock, Clock::duration limit, Kind kind,
                        std::uint64_t pendings) {
     const auto begin = clock_.now();
     auto deadline = begin + limit;
+    std::size_t came = 0;
     while (!matcher_.answered()) {
         if (!mayGoOn()) return false;
         const auto now = clock_.now();
         const bool isStopping = stopping();
         if (pendings != pendings_ && !isStopping && kind != Kind::last) deadline = now + limit;
         pendings = pendings_;
+        if (came != matcher_.parts().size()) deadline = now + limit;
+        came = matcher_.parts().size();
         const auto patience = std::max(begin, stopAt_.value_or(begin)) + (timeout(0) - silence_);
         const auto until = isStopping ? std::min(deadline, patience) : deadline;
         if (now >= until) break;

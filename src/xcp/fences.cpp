@@ -32,6 +32,21 @@ bool Connection::isClear() {
     return matcher_.clear();
 }
 
+bool Connection::isAtFence() {
+    const std::lock_guard lock(answerMutex_);
+    return matcher_.atFence();
+}
+
+bool Connection::isInStep() {
+    const std::lock_guard lock(answerMutex_);
+    return matcher_.inStep();
+}
+
+std::uint64_t Connection::pendingsSoFar() {
+    const std::lock_guard lock(answerMutex_);
+    return pendings_;
+}
+
 /// Until the fence is closed.
 Result<void> Connection::sendSynchs() {
     const std::int64_t sends = std::int64_t{options_.synchRepeatLimit} + 1;
@@ -46,7 +61,18 @@ Result<void> Connection::sendSynchs() {
     return noSynch();
 }
 
+/// What was taken for a slave without SYNCH answered one after all: what its status showed meanwhile says
+/// nothing.
+bool Connection::provedLate() {
+    const std::lock_guard lock(answerMutex_);
+    return synchs_ == Synchs::never && matcher_.synchSeen();
+}
+
 Result<void> Connection::fence() {
+    if (provedLate()) {
+        synchs_ = Synchs::answered;
+        return sendSynchs();
+    }
     bool untouched = false;
     {
         const std::lock_guard lock(answerMutex_);
@@ -65,6 +91,7 @@ bool Connection::needsWhatWasBefore(const Packet& command) {
         case Command::upload:
         case Command::download:
         case Command::modifyBits:
+        case Command::buildChecksum:
         case Command::writeDaq:
         case Command::writeDaqMultiple:
         case Command::allocDaq:
@@ -83,7 +110,8 @@ Result<void> Connection::fenceBefore(const Packet& command) {
     if (needsWhatWasBefore(command)) return {};
     {
         const std::lock_guard lock(answerMutex_);
-        if (matcher_.clear() && (care_ == 0 || synchs_ != Synchs::answered)) return {};
+        const bool late = synchs_ == Synchs::never && matcher_.synchSeen();
+        if (matcher_.clear() && !late && (care_ == 0 || synchs_ != Synchs::answered)) return {};
     }
     auto closed = fence();
     if (closed) return closed;
@@ -95,22 +123,25 @@ Result<void> Connection::fenceBefore(const Packet& command) {
 
 /// The first fence, when nothing is owed: SYNCH; when that stays unanswered for a quarter of t1 the status,
 /// which every slave answers, and SYNCH again for the rest of t1. A slave that hears the status and neither
-/// SYNCH beside it does not know SYNCH.
+/// SYNCH beside it does not know SYNCH, unless it puts one off.
 Result<void> Connection::meet() {
     const auto quarter = timeout(kT1) / 4;
     const Packet synch = buildPlain(Command::synch);
+    const std::uint64_t pendings = pendingsSoFar();
     const auto first = exchange(synch, quarter, Kind::synch, 2);
     if (!first) return first.error();
     if (first.value()) return isClear() ? Result<void>() : sendSynchs();
+    if (pendingsSoFar() != pendings) return sendSynchs();
     const auto status = exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::probe, kStatusLength);
     if (!status) return status.error();
     const bool hears = status.value() && status.value()->code() == kPidResponse;
+    const std::uint64_t pendingsBefore = pendingsSoFar();
     const auto second = hears ? exchange(synch, 3 * quarter, Kind::synch, 2) : std::optional<Packet>{};
     if (!second) return second.error();
     {
         const std::lock_guard lock(answerMutex_);
         if (stop_.requested()) return noSynch();
-        if (hears && !matcher_.synchSeen() && !matcher_.leavesOver()) {
+        if (hears && pendings_ == pendingsBefore && !matcher_.synchSeen() && !matcher_.leavesOver()) {
             matcher_.settle();
             synchs_ = Synchs::never;
         }
@@ -160,19 +191,18 @@ Result<bool> Connection::confirm() {
         const std::lock_guard lock(answerMutex_);
         matcher_.beCertain();
     }
-    if (synchs_ == Synchs::never) return confirmByStatus();
-    if (auto closed = fence(); !closed) return closed.error();
-    const std::lock_guard lock(answerMutex_);
-    return matcher_.inStep();
+    if (provedLate() || synchs_ != Synchs::never) {
+        if (auto closed = fence(); !closed) return closed.error();
+    } else if (isAtFence()) {
+        return isInStep();
+    }
+    // One that just failed to answer SYNCH may be late: its status has to show it as well.
+    return synchs_ == Synchs::never ? confirmByStatus() : Result<bool>(isInStep());
 }
 
 /// Of a slave without SYNCH: what is left over comes before the status, and passes for it; then the next one
 /// differs.
 Result<bool> Connection::confirmByStatus() {
-    {
-        const std::lock_guard lock(answerMutex_);
-        if (matcher_.atFence()) return matcher_.inStep();
-    }
     const auto ask = [this] {
         return exchange(buildPlain(Command::getStatus), timeout(kT1), Kind::probe, kStatusLength);
     };
@@ -185,8 +215,9 @@ Result<bool> Connection::confirmByStatus() {
     const bool equal = answered && std::ranges::equal(first.value()->view(), second.value()->view());
     if (!equal && !staysSilent(begin)) return noSynch();
     const std::lock_guard lock(answerMutex_);
-    if (equal) matcher_.settle();
-    return matcher_.inStep() && equal;
+    const bool shown = equal && !matcher_.synchSeen();
+    if (shown) matcher_.settle();
+    return matcher_.inStep() && shown;
 }
 
 void Connection::beMoreCareful() {

@@ -10,6 +10,7 @@ Master::Master(ITransport& transport, const MasterOptions& options, StopToken st
     : transport_(transport),
       connection_(transport, options, std::move(stop), clock),
       memory_(connection_),
+      pages_(connection_),
       daq_(connection_) {
     transport_.setSink(this);
 }
@@ -19,8 +20,9 @@ Master::~Master() {
     transport_.setSink(nullptr);
 }
 
-Result<void> Master::connect(ConnectMode mode, std::optional<std::int32_t> attempts) {
-    return connection_.connect(mode, attempts.value_or(connection_.options().connectAttempts));
+Result<void> Master::connect(ConnectMode mode, std::optional<std::int32_t> attempts,
+                             std::optional<std::chrono::milliseconds> longest) {
+    return connection_.connect(mode, attempts.value_or(connection_.options().connectAttempts), longest);
 }
 
 Result<void> Master::unlockBefore(Resource resource) {

@@ -19,8 +19,10 @@
 #include <thread>
 #include <vector>
 
+#include "xcp/calibration_pages.h"
 #include "xcp/connection.h"
 #include "xcp/counter.h"
+#include "xcp/daq_ids.h"
 #include "xcp/daq_plan.h"
 #include "xcp/daq_queries.h"
 #include "xcp/daq_setup.h"
@@ -62,7 +64,9 @@ class Master final : public IPacketSink {
     /// (MasterOptions::connectAttempts when not given; below 1 without limit). Further errors: timeout
     /// "CONNECT: no response from slave after N attempt(s)", the parser's, protocolError "CONNECT: MAX_CTO N
     /// exceeds transport packet size M". A failed attempt leaves an earlier connection's state as it was.
-    Result<void> connect(ConnectMode mode = ConnectMode::normal, std::optional<std::int32_t> attempts = {});
+    /// No attempt waits for longer than `longest`, where it is given.
+    Result<void> connect(ConnectMode mode = ConnectMode::normal, std::optional<std::int32_t> attempts = {},
+                         std::optional<std::chrono::milliseconds> longest = {});
 
     /// DISCONNECT; succeeds at once when not connected. A failed DISCONNECT leaves connected() true.
     Result<void> disconnect() { return connection_.disconnect(); }
@@ -93,6 +97,7 @@ class Master final : public IPacketSink {
     /// the session was opened again if it was the first such; unsupported "there is no key for RESOURCE"
     /// without a source.
     Result<Unlocking> unlock(Resource resource) { return connection_.unlock(resource); }
+    bool openedByKey(Resource resource) const { return connection_.openedByKey(resource); }
 
     /// Before something that must not be left half-way: unlocks what the slave said to be locked, where there
     /// is a source of keys. Writing and configuring DAQ do it themselves.
@@ -102,23 +107,43 @@ class Master final : public IPacketSink {
     Result<std::vector<std::uint8_t>> upload(Address address, std::size_t size) {
         return memory_.upload(address, size);
     }
+    bool usesShortUpload() const { return memory_.usesShortUpload(); }
     Result<void> download(Address address, std::span<const std::uint8_t> bytes) {
         return memory_.download(address, bytes);
+    }
+
+    Result<std::vector<std::uint8_t>> uploadBlocks(Address address, std::size_t size) {
+        return memory_.uploadBlocks(address, size);
+    }
+    bool readsBlocks() const { return memory_.readsBlocks(); }
+    Result<void> downloadBlocks(Address address, std::span<const std::uint8_t> bytes) {
+        return memory_.downloadBlocks(address, bytes);
     }
 
     Result<void> modifyBits(Address address, std::uint32_t mask, std::uint32_t bits) {
         return memory_.modifyBits(address, mask, bits);
     }
 
+    /// Pages, identification, checksums. Lives as long as the master.
+    CalibrationPages& pages() { return pages_; }
+
     /// Asks the slave. Errors: unsupported "slave does not offer the DAQ resource", shortResponse(). A slave
     /// without GET_DAQ_EVENT_INFO gives no `events`.
     Result<DaqCapabilities> daqCapabilities() { return readDaqCapabilities(connection_); }
     /// See daq_queries.h.
+    Result<DaqParts> glanceAtDaq(DaqCapabilities& capabilities) {
+        return xcp::glanceAtDaq(connection_, capabilities);
+    }
     Result<DaqParts> askDaqParts(const DaqParts& wanted, DaqCapabilities& capabilities) {
         return xcp::askDaqParts(connection_, wanted, capabilities);
     }
     Result<bool> askDaqLists(DaqCapabilities& capabilities) {
         return xcp::askDaqLists(connection_, capabilities);
+    }
+    /// See daq_ids.h.
+    Result<DaqIdAnswer> askDaqId(std::uint16_t list) { return xcp::askDaqId(connection_, list); }
+    Result<void> setDaqId(std::uint16_t list, std::uint32_t id) {
+        return xcp::setDaqId(connection_, list, id);
     }
     /// Allocates, writes and selects the lists of the plan. Returns the first PID of each list. Further
     /// errors: protocolError "START_STOP_DAQ_LIST: the ECU's first PIDs ..." when with absolute
@@ -188,6 +213,7 @@ class Master final : public IPacketSink {
     ITransport& transport_;
     Connection connection_;
     Memory memory_;
+    CalibrationPages pages_;
     DaqSetup daq_;
     Receiver<IDtoSink> dtoSink_;
     Receiver<IMasterListener> listener_;

@@ -12,6 +12,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/bytes.h"
@@ -47,8 +48,10 @@ struct MasterOptions {
     bool ignoreDaqRunningBit = false;  ///< of GET_STATUS: it does not tell whether lists run
     ConnectOverrides overrides = {};
     bool offersWriteDaqMultiple = false;  ///< as the A2L tells: several ODT entries in one command
-    KeySource keys = {};                  ///< none: what is locked stays locked
-    std::string keyHint = {};             ///< what to do about a locked resource while there is none
+    /// As the A2L tells MAX_BS and MIN_ST of DOWNLOAD_NEXT, for a slave that does not tell them itself.
+    std::pair<std::uint8_t, std::uint8_t> writeBlocks{};
+    KeySource keys = {};       ///< none: what is locked stays locked
+    std::string keyHint = {};  ///< what to do about a locked resource while there is none
 };
 
 enum class ConnectMode : std::uint8_t { normal = 0, userDefined = 1 };

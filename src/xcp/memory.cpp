@@ -6,21 +6,15 @@
 namespace lm::xcp {
 namespace {
 
-constexpr std::size_t kMostElements = 255;
-
 Error invalid(const char* message) {
     return {.code = ErrorCode::invalidArgument, .message = message};
 }
 
-Address advanced(Address address, std::size_t bytes) {
-    return {address.address + static_cast<std::uint32_t>(bytes), address.extension};
-}
+}  // namespace
 
-Result<void> point(Connection::Turn& turn, Address address) {
+Result<void> Memory::point(Connection::Turn& turn, Address address) {
     return turn.perform(buildSetMta(address, turn.slave().byteOrder()));
 }
-
-}  // namespace
 
 std::size_t Memory::elementsPerResponse(const ConnectInfo& slave) {
     const std::size_t unit = slave.granularity();
@@ -55,38 +49,42 @@ Result<std::vector<std::uint8_t>> Memory::upload(Address address, std::size_t si
     const std::size_t unit = turn.slave().granularity();
     if (size == 0 || size % unit != 0) return invalid("upload size must be a non-zero multiple of AG");
 
-    const std::size_t elements = size / unit;
+    return readPlain(turn, address, size / unit);
+}
+
+Result<std::vector<std::uint8_t>> Memory::readPlain(Connection::Turn& turn, Address address,
+                                                    std::size_t elements) {
     const bool fits = elements <= elementsPerResponse(turn.slave());
-    if (fits && turn.mayUseShortUpload() && withoutShortUpload_ != turn.connectionNumber()) {
+    if (fits && usesShortUpload()) {
         std::vector<std::uint8_t> bytes;
         const Packet command =
             buildShortUpload(static_cast<std::uint8_t>(elements), address, turn.slave().byteOrder());
-        auto read = readBlock(turn, command, {}, bytes);
+        auto read = readPacket(turn, command, {}, bytes);
         if (read) return bytes;
         if (read.error().detail != kErrCmdUnknown) return read.error();
         withoutShortUpload_ = turn.connectionNumber();
     }
-    return readBlocks(turn, address, elements);
+    return readPackets(turn, address, elements);
 }
 
-Result<std::vector<std::uint8_t>> Memory::readBlocks(Connection::Turn& turn, Address address,
-                                                     std::size_t elements) {
+Result<std::vector<std::uint8_t>> Memory::readPackets(Connection::Turn& turn, Address address,
+                                                      std::size_t elements) {
     if (auto set = point(turn, address); !set) return set.error();
     std::vector<std::uint8_t> bytes;
     while (elements > 0) {
         const std::size_t count = std::min(elements, elementsPerResponse(turn.slave()));
         const Address block = advanced(address, bytes.size());
         const auto beforeRepeat = [&turn, block] { return point(turn, block); };
-        auto read = readBlock(turn, buildUpload(static_cast<std::uint8_t>(count)), beforeRepeat, bytes);
+        auto read = readPacket(turn, buildUpload(static_cast<std::uint8_t>(count)), beforeRepeat, bytes);
         if (!read) return read.error();
         elements -= count;
     }
     return bytes;
 }
 
-Result<void> Memory::readBlock(Connection::Turn& turn, const Packet& command,
-                               const std::function<Result<void>()>& beforeRepeat,
-                               std::vector<std::uint8_t>& bytes) {
+Result<void> Memory::readPacket(Connection::Turn& turn, const Packet& command,
+                                const std::function<Result<void>()>& beforeRepeat,
+                                std::vector<std::uint8_t>& bytes) {
     const std::size_t elements = command.bytes[1];
     const auto answer = turn.transact(
         command, {.minimumLength = answerLength(elements, turn.slave()), .beforeRepeat = beforeRepeat});
@@ -99,13 +97,24 @@ Result<void> Memory::download(Address address, std::span<const std::uint8_t> byt
     if (!held) return held.error();
     Connection::Turn& turn = held.value();
     const std::uint8_t unit = turn.slave().granularity();
-    const std::uint16_t maxCto = turn.slave().maxCto;
     if (bytes.empty() || bytes.size() % unit != 0) {
         return invalid("download size must be a non-zero multiple of AG");
     }
-    const std::size_t header = unit == 4 ? 4 : 2;
-    const std::size_t perCommand = std::min((maxCto - header) / unit, kMostElements) * unit;
     if (auto open = turn.unlockBefore(Resource::calPag); !open) return open;
+    return writePlain(turn, address, bytes);
+}
+
+std::size_t Memory::bytesPerDownload(const ConnectInfo& slave) {
+    const std::size_t unit = slave.granularity();
+    const std::size_t header = unit == 4 ? 4 : 2;
+    return std::min((slave.maxCto - header) / unit, kMostElements) * unit;
+}
+
+Result<void> Memory::writePlain(Connection::Turn& turn, Address address,
+                                std::span<const std::uint8_t> bytes) {
+    const std::uint8_t unit = turn.slave().granularity();
+    const std::uint16_t maxCto = turn.slave().maxCto;
+    const std::size_t perCommand = bytesPerDownload(turn.slave());
     if (auto set = point(turn, address); !set) return set;
     for (std::size_t at = 0; at < bytes.size(); at += perCommand) {
         const auto chunk = bytes.subspan(at, std::min(perCommand, bytes.size() - at));

@@ -157,6 +157,7 @@ std::optional<Resource> protectedBy(std::uint8_t command) {
     constexpr std::uint8_t kAllocOdtEntry = 0xD3;
     constexpr std::uint8_t kSetMta = 0xF6;
     if (command > kSetMta) return std::nullopt;
+    if (command == static_cast<std::uint8_t>(Command::transportLayer)) return Resource::daq;
     if (command > kClearDaqList) return Resource::calPag;
     if (command >= kAllocOdtEntry || command == kWriteDaqMultiple) return Resource::daq;
     return Resource::pgm;
@@ -315,6 +316,21 @@ Packet buildModifyBits(std::uint8_t shift, std::uint16_t andMask, std::uint16_t 
 Packet buildGetDaqListInfo(std::uint16_t list, ByteOrder order) {
     Packet packet = makePacket(Command::getDaqListInfo, 4);
     put(packet, 2, list, order);
+    return packet;
+}
+
+Packet buildGetDaqId(std::uint16_t list, ByteOrder order) {
+    Packet packet = makePacket(Command::transportLayer, 4);
+    packet.bytes[1] = 0xFE;
+    put(packet, 2, list, order);
+    return packet;
+}
+
+Packet buildSetDaqId(std::uint16_t list, std::uint32_t id, ByteOrder order) {
+    Packet packet = makePacket(Command::transportLayer, 8);
+    packet.bytes[1] = 0xFD;
+    put(packet, 2, list, order);
+    put(packet, 4, id, order);
     return packet;
 }
 

@@ -26,13 +26,26 @@ enum class Command : std::uint8_t {
     getStatus = 0xFD,
     synch = 0xFC,
     getCommModeInfo = 0xFB,
+    getId = 0xFA,
+    setRequest = 0xF9,
     getSeed = 0xF8,
     unlock = 0xF7,
     setMta = 0xF6,
     upload = 0xF5,
     shortUpload = 0xF4,
+    buildChecksum = 0xF3,
+    transportLayer = 0xF2,
     download = 0xF0,
+    downloadNext = 0xEF,
     modifyBits = 0xEC,
+    setCalPage = 0xEB,
+    getCalPage = 0xEA,
+    getPagProcessorInfo = 0xE9,
+    getSegmentInfo = 0xE8,
+    getPageInfo = 0xE7,
+    setSegmentMode = 0xE6,
+    getSegmentMode = 0xE5,
+    copyCalPage = 0xE4,
     clearDaqList = 0xE3,
     setDaqPtr = 0xE2,
     writeDaq = 0xE1,
@@ -62,6 +75,8 @@ inline constexpr std::uint8_t kPidService = 0xFC;
 inline constexpr std::uint8_t kErrCmdSynch = 0x00;
 inline constexpr std::uint8_t kErrCmdUnknown = 0x20;
 inline constexpr std::uint8_t kErrOutOfRange = 0x22;
+inline constexpr std::uint8_t kErrWriteProtected = 0x23;
+inline constexpr std::uint8_t kErrAccessDenied = 0x24;
 inline constexpr std::uint8_t kErrAccessLocked = 0x25;
 inline constexpr std::uint8_t kErrSequence = 0x29;
 inline constexpr std::uint8_t kErrGeneric = 0x31;
@@ -76,6 +91,8 @@ inline constexpr std::uint8_t kEvUser = 0xFE;
 inline constexpr std::uint8_t kResourceDaq = 0x04;
 /// Session status bit of GET_STATUS: at least one DAQ list runs.
 inline constexpr std::uint8_t kStatusDaqRunning = 0x40;
+/// Likewise: pages are being stored.
+inline constexpr std::uint8_t kStatusStoringPages = 0x01;
 
 /// What seed & key can protect; the bits of RESOURCE and of the protection status.
 enum class Resource : std::uint8_t { calPag = 0x01, daq = 0x04, stim = 0x08, pgm = 0x10 };
@@ -130,6 +147,8 @@ struct ConnectInfo {
 
     ByteOrder byteOrder() const { return byteOrderOf(commModeBasic); }
     std::uint8_t granularity() const { return granularityOf(commModeBasic); }
+    bool sendsBlocks() const { return (commModeBasic & 0x40U) != 0; }  ///< several packets to one UPLOAD
+    bool hasCommModeInfo() const { return (commModeBasic & 0x80U) != 0; }
     bool offersDaq() const { return (resource & kResourceDaq) != 0; }
 };
 
@@ -141,6 +160,7 @@ struct SlaveStatus {
     bool isLocked(Resource resource) const {
         return (protectionStatus & static_cast<std::uint8_t>(resource)) != 0;
     }
+    bool storingPages() const { return (sessionStatus & kStatusStoringPages) != 0; }
     bool daqRunning() const { return (sessionStatus & kStatusDaqRunning) != 0; }
 };
 
@@ -176,6 +196,9 @@ Result<Packet> buildDownload(std::span<const std::uint8_t> data, std::uint8_t gr
 /// The word of 32 bits at the MTA becomes (it & ~(~andMask << shift)) ^ (xorMask << shift).
 Packet buildModifyBits(std::uint8_t shift, std::uint16_t andMask, std::uint16_t xorMask, ByteOrder order);
 Packet buildGetDaqListInfo(std::uint16_t list, ByteOrder order);
+/// Commands of the transport layer CAN; the identifier in A2L notation.
+Packet buildGetDaqId(std::uint16_t list, ByteOrder order);
+Packet buildSetDaqId(std::uint16_t list, std::uint32_t id, ByteOrder order);
 Packet buildGetDaqEventInfo(std::uint16_t channel, ByteOrder order);
 Packet buildAllocDaq(std::uint16_t count, ByteOrder order);
 Packet buildAllocOdt(std::uint16_t list, std::uint8_t count, ByteOrder order);

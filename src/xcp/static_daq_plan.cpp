@@ -61,9 +61,9 @@ std::optional<Carried> findIn(const std::vector<Odt>& odts, std::size_t list,
 /// Chooses the lists, first for all groups together, then one list after the other for the plan.
 class StaticPlanner {
   public:
-    StaticPlanner(const std::vector<SignalGroup>& groups, const DaqRoom& room,
-                  const DaqCapabilities& capabilities, DaqPlan& plan)
-        : groups_(groups), room_(room), capabilities_(capabilities), plan_(plan) {
+    StaticPlanner(std::span<const DaqSignal> signals, const std::vector<SignalGroup>& groups,
+                  const DaqRoom& room, const DaqCapabilities& capabilities, DaqPlan& plan)
+        : signals_(signals), groups_(groups), room_(room), capabilities_(capabilities), plan_(plan) {
         for (const SignalGroup& group : groups) {
             wanted_.push_back({&group, group.largestFirst()});
             carried_.emplace_back(group.entries.size());
@@ -187,9 +187,11 @@ class StaticPlanner {
     }
 
     Error refusal() const;
+    std::string withoutRoom() const;
     std::string listTexts() const;
     std::string textOf(const DaqListInfo& list) const;
 
+    const std::span<const DaqSignal> signals_;
     const std::vector<SignalGroup>& groups_;
     const DaqRoom& room_;
     const DaqCapabilities& capabilities_;
@@ -211,7 +213,7 @@ Error StaticPlanner::refusal() const {
         const bool tooLarge = std::all_of(entries.begin(), entries.end(), [&](std::size_t entry) {
             return group.entries[entry].size > room_.firstPayload;
         });
-        if (!entries.empty() && tooLarge) return firstOdtEmpty(group.eventChannel);
+        if (!entries.empty() && tooLarge) return firstOdtEmpty(group.eventChannel, room_);
         const auto fits = static_cast<std::size_t>(
             std::count_if(group.uses.begin(), group.uses.end(),
                           [&](const auto& use) { return carried_[i][use.second].has_value(); }));
@@ -222,8 +224,27 @@ Error StaticPlanner::refusal() const {
     }
     Error error = invalid(fmt::format("{} of {} signal(s) fit into the ECU's static DAQ lists ({}): {}", fit,
                                       all, fmt::join(events, ", "), listTexts()));
-    error.hint = "measure fewer signals, or some at an event whose lists have room";
+    error.hint = "measure fewer signals, or some at an event whose lists have room" + withoutRoom();
     return error;
+}
+
+/// Which signals have no place, the first of them by name.
+std::string StaticPlanner::withoutRoom() const {
+    constexpr std::size_t kMost = 8;
+    std::vector<std::size_t> left;
+    for (std::size_t i = 0; i < groups_.size(); ++i)
+        for (const auto& [signal, entry] : groups_[i].uses)
+            if (!carried_[i][entry]) left.push_back(signal);
+    std::sort(left.begin(), left.end());
+    std::vector<std::string> names;
+    for (const std::size_t signal : left) {
+        if (names.size() == kMost || signals_[signal].name.empty()) break;
+        names.push_back(fmt::format("{}@{}", signals_[signal].name, signals_[signal].eventChannel));
+    }
+    if (names.empty()) return {};
+    const std::size_t more = left.size() - names.size();
+    return fmt::format("; there is no room for {}{}", fmt::join(names, ", "),
+                       more == 0 ? "" : fmt::format(" and {} more", more));
 }
 
 /// Neighbours that are alike are told together.
@@ -287,9 +308,9 @@ Result<void> checkStaticSignal(const DaqSignal& signal, const DaqRoom& room,
                                signal.eventChannel, signal.size, signal.address.address));
 }
 
-Result<void> planStaticLists(const std::vector<SignalGroup>& groups, const DaqRoom& room,
-                             const DaqCapabilities& capabilities, DaqPlan& plan) {
-    return StaticPlanner(groups, room, capabilities, plan).run();
+Result<void> planStaticLists(std::span<const DaqSignal> signals, const std::vector<SignalGroup>& groups,
+                             const DaqRoom& room, const DaqCapabilities& capabilities, DaqPlan& plan) {
+    return StaticPlanner(signals, groups, room, capabilities, plan).run();
 }
 
 }  // namespace lm::xcp

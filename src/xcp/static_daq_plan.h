@@ -4,6 +4,7 @@
 // Threads: pure functions. Lifetime: everything is borrowed for the call.
 #pragma once
 
+#include <span>
 #include <vector>
 
 #include "core/result.h"
@@ -23,7 +24,7 @@ Result<void> checkStaticSignal(const DaqSignal& signal, const DaqRoom& room,
 /// it, or several when none does; what the configurable lists cannot take is measured by predefined ones
 /// that carry it. Errors (invalidArgument): firstOdtEmpty(); "N of M signal(s) fit into the ECU's static DAQ
 /// lists ...", with the lists and the mend.
-Result<void> planStaticLists(const std::vector<SignalGroup>& groups, const DaqRoom& room,
-                             const DaqCapabilities& capabilities, DaqPlan& plan);
+Result<void> planStaticLists(std::span<const DaqSignal> signals, const std::vector<SignalGroup>& groups,
+                             const DaqRoom& room, const DaqCapabilities& capabilities, DaqPlan& plan);
 
 }  // namespace lm::xcp

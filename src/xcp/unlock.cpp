@@ -16,6 +16,9 @@ constexpr std::int32_t kMostRounds = 3;
 constexpr std::size_t kStatusLength = 6;
 constexpr std::size_t kHeader = 2;  ///< of the answer to GET_SEED, and of UNLOCK
 constexpr std::size_t kLongestKey = 255;
+constexpr const char* kForeignKey =
+    "the library or program under \"security\" in the configuration belongs to another ECU or software; no "
+    "second key is given for it, since many ECUs count wrong ones";
 
 std::uint8_t bitOf(Resource resource) {
     return static_cast<std::uint8_t>(resource);
@@ -76,7 +79,8 @@ Result<void> Connection::unlockBefore(Resource resource) {
 /// meanwhile, which may have cost what the command relies on.
 Result<bool> Connection::unlockFor(const Packet& command, Error locked, Repeats& repeats) {
     const auto resource = protectedBy(command.code());
-    // In a slave whose DAQ is locked nothing runs that would have to be stopped.
+    // What comes before or after a failed start stops lists that may run, and does not depend on it; once()
+    // unlocks for the end of a measurement.
     const bool stopsAll = std::ranges::equal(command.view(), buildStopAll().view());
     if (!resource || stopsAll) return locked;
     if (!options_.keys) {
@@ -105,7 +109,8 @@ Result<Unlocking> Connection::unlockHeld(Resource resource) {
     }
     if ((refused_ & bitOf(resource)) != 0) {
         return Error{.code = ErrorCode::permissionDenied,
-                     .message = fmt::format("the ECU refused the key for {} before", name)};
+                     .message = fmt::format("the ECU refused the key for {} before", name),
+                     .hint = kForeignKey};
     }
     std::int32_t rounds = 1;
     for (Repeats repeats;;) {
@@ -118,7 +123,10 @@ Result<Unlocking> Connection::unlockHeld(Resource resource) {
             care_ = std::max(care_, 1);  // the next round is behind a fence
         } else if (done.value()) {
             locked_ = static_cast<std::uint8_t>(locked_ & ~bitOf(resource));
-            if (*done.value() == Unlocking::opened) log::info("XCP unlocked: {}", name);
+            if (*done.value() == Unlocking::opened) {
+                opened_ = static_cast<std::uint8_t>(opened_ | bitOf(resource));
+                log::info("XCP unlocked: {}", name);
+            }
             return *done.value();
         }
     }
@@ -177,9 +185,7 @@ Error Connection::keyRefused(Resource resource) {
     Error error{.code = ErrorCode::permissionDenied,
                 .message = fmt::format("UNLOCK: the ECU refused the key for {} and ended the session",
                                        resourceName(resource)),
-                .hint =
-                    "the library or program under \"security\" in the configuration belongs to another "
-                    "ECU or software"};
+                .hint = kForeignKey};
     if (std::exchange(reopened_, true)) return error;
     log::warn("the ECU refused the key for {}: the session is opened again", resourceName(resource));
     const auto opened = open(ConnectMode::normal, std::max(options_.connectAttempts, 1));

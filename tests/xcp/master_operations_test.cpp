@@ -64,6 +64,76 @@ TEST(MasterMemory, ARepeatGoesOnAtItsBlock) {
     EXPECT_EQ(writing.run("connect; download 00 01 02 03 04 05 06 07 08 09"), "ok; ok");
 }
 
+TEST(MasterMemory, ReadsBlocksAndWhatIsLostOfThemOnceMore) {
+    const std::string point = "F6 00 00 01 78 56 34 12 > FF; ", ask = point + "F5 0F > ";
+    const std::string first = "FF 00 01 02 03 04 05 06", second = "FF 07 08 09 0A 0B 0C 0D", third = "FF 0E";
+    const std::string whole = ask + first + ", " + second + ", " + third;
+    const std::string plain = point + "F5 07 > " + first + "; F5 07 > " + second + "; F5 01 > " + third;
+    const std::string inStep = "; FC > FE 00", lossInStep = "; FC > FE 00; FC > FE 00";
+    const std::string shorts = "F4 07 00 01 78 56 34 12 > " + first + "; F4 07 00 01 7F 56 34 12 > " +
+                               second + "; F4 01 00 01 86 56 34 12 > " + third;
+    const std::string lost = ask + first + ", " + second + inStep + "; " + plain;
+    const std::string lostBeforeLast = ask + first + ", " + third + inStep + "; " + plain;
+    const std::string bytes = "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E";
+    struct Row {
+        const char* what;
+        std::string script;
+        int blocks;
+        bool isInStep = true;
+    };
+    const Row rows[] = {
+        {"whole ones", whole + "; " + whole + inStep, 2},
+        {"the third loss is the last",
+         lost + "; " + lostBeforeLast + "; " + lost + "; " + shorts + lossInStep, 4},
+        {"no such command", ask + "FE 20; " + plain + "; " + shorts + inStep, 2},
+        {"busy for once", ask + "FE 10; " + plain + "; " + whole + inStep, 2},
+        {"silence", point + "F5 0F" + inStep + "; " + plain + "; " + shorts + lossInStep, 2},
+        {"refused on the way", ask + first + ", FE 29; " + plain + "; " + shorts + inStep, 2},
+        {"one too many", whole + ", " + third + ", FF 11" + inStep, 1, false},
+        {"what cannot be read", ask + "FE 22; " + point + "F5 07 > FE 22; " + whole + inStep, 2},
+    };
+    for (const Row& row : rows) {
+        Bench bench("FF 00 > FF 05 40 08 08 00 01 01; " + row.script);
+        bench.run("connect");
+        std::string expected;
+        for (int i = 0; i < row.blocks; ++i) {
+            const bool isRefused = i == 0 && row.script.find("F5 07 > FE 22") != std::string::npos;
+            EXPECT_EQ(bench.run("uploadBlocks 15"), isRefused ? "UPLOAD: ERR_OUT_OF_RANGE (0x22)" : bytes)
+                << row.what << i;
+        }
+        EXPECT_EQ(bench.run("confirm"), row.isInStep ? "in step" : "out of step") << row.what;
+    }
+}
+
+TEST(MasterMemory, WritesBlocksAndWhatIsRefusedOfThemOnceMore) {
+    const std::string data = "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13";
+    const std::string info = "FB > FF 00 01 00 03 02 00 10; ", point = "F6 00 00 00 10 00 00 00 > FF; ";
+    const std::string block =
+        point + "F0 12 00 01 02 03 04 05; EF 0C 06 07 08 09 0A 0B; EF 06 0C 0D 0E 0F 10 11";
+    const std::string plain =
+        "F6 00 00 00 10 00 00 00 > FF; F0 06 00 01 02 03 04 05 > FF; "
+        "F0 06 06 07 08 09 0A 0B > FF; F0 06 0C 0D 0E 0F 10 11 > FF; ";
+    const std::string rest = "F6 00 00 00 22 00 00 00 > FF; F0 02 12 13 > FF";
+    const std::string allPlain = plain + "F0 02 12 13 > FF", synch = "; FC > FE 00; ";
+    const std::pair<std::string, int> rows[] = {
+        {info + block + " > FF; " + rest + "; " + block + " > FF; " + rest, 2},
+        {"FB > FE 20; " + allPlain, 1},
+        {info + block + " > FE 29 0C" + synch + plain + rest + "; " + allPlain, 2},
+        {info + block + synch + plain + rest + "; " + allPlain, 2},
+        // Refused at its first packet: nothing else of it is sent.
+        {info + point + "F0 12 00 01 02 03 04 05 > FE 20" + synch + plain + rest + "; " + allPlain, 2},
+    };
+    for (const auto& [script, count] : rows) {
+        Bench bench("FF 00 > FF 05 80 08 08 00 01 01; " + script);
+        bench.run("connect");
+        const auto begin = bench.clock.nowNs();
+        for (int i = 0; i < count; ++i)
+            EXPECT_EQ(bench.run("downloadBlocks " + data), "ok") << script;
+        const bool isSent = script.find("EF 06") != std::string::npos;
+        EXPECT_GE(bench.clock.nowNs() - begin, isSent ? 400'000 : 0) << script;
+    }
+}
+
 std::string text(const DaqCapabilities& daq) {
     std::string result = fmt::format(
         "{:d}{:d}{:d}{:d} {:d}{:d}{:d}{:d} {}-{} id {} {} entry {}/{} stamp {}/{}:", daq.dynamicConfiguration,
@@ -254,7 +324,7 @@ TEST(MasterDaq, WritesEntriesTogetherWhereTheSlaveCan) {
         {"not known", together + " > FE 20; " + plain + "FF; " + third + secondPlain + rest, "ok"},
         {"an entry is refused", together + " > FE 22; " + plain + "FE 22",
          "WRITE_DAQ: ERR_OUT_OF_RANGE (0x22)"},
-        {"an answer is lost", together + "; FC > FE 00; " + plain + "FF; " + third + secondTogether + rest,
+        {"an answer is lost", together + "; FC > FE 00; " + plain + "FF; " + third + secondPlain + rest,
          "ok"},
     };
     for (const auto& row : rows) {

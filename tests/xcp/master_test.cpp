@@ -130,18 +130,26 @@ TEST(Master, ConfirmsThatAnswersBelongToTheirCommands) {
          "; F5 02 > FF 11 11; FC > FE 00; F5 02 > FF 22 22; FC; FC; FC; FC; FC; FC",
          "FF 11 11; in step; FF 22 22; SYNCH: no response from slave; GET_STATUS: SYNCH: no response from "
          "slave"},
+        // One that puts SYNCH off knows it.
+        {"fetch; confirm", "; F5 02 > FF 11 11; FC > FD 05; FC > FE 00, FE 00", "FF 11 11; in step"},
         // One that answers the status but no SYNCH, or answers it oddly, is asked for the status from then
         // on. After an answer that was lost the status shows that no more follow.
         {"fetch; confirm; fetch; confirm; status; confirm",
-         "; F5 02 > FF 11 11; FC; FD > FF 00 00 00 00 00; FC; F5 02 > FF 22 22; FD > FF 00 00 00 00 00; FD > "
-         "FF "
-         "00 00 00 00 00; "
-         "FD > FF 01 00 00 00 00; FD > FF 01 00 00 00 00; FD > FF 00 00 00 00 00, FF 00 00 00 00 00",
+         "; F5 02 > FF 11 11; FC; FD > FF 00 00 00 00 00; FC; FD > FF 00 00 00 00 00; FD > FF 00 00 00 00 "
+         "00; "
+         "F5 02 > FF 22 22; FD > FF 00 00 00 00 00; FD > FF 00 00 00 00 00; FD > FF 01 00 00 00 00; FD > FF "
+         "01 00 00 00 00; FD > FF 00 00 00 00 00, FF 00 00 00 00 00",
          "FF 11 11; in step; FF 22 22; in step; 01; out of step"},
         {"fetch; confirm; fetch; status",
-         "; F5 02 > FF 11 11; FC > FE 20; FD > FF 00 00 00 00 00; FC > FE 20; F5 02; FC; FC; FC; "
+         "; F5 02 > FF 11 11; FC > FE 20; FD > FF 00 00 00 00 00; FC > FE 20; "
+         "FD > FF 00 00 00 00 00; FD > FF 00 00 00 00 00; F5 02; FC; FC; FC; "
          "FD > FF 00 00 00 00 00; FD > FF 07 00 00 00 00",
          "FF 11 11; in step; UPLOAD: SYNCH: no response from slave; 07"},
+        // One that answers SYNCH after all was late: its status shows nothing, and SYNCH is sent again.
+        {"fetch; confirm; fetch; fetch; confirm",
+         "; F5 02 > FF 11 11; FC; FD > FF 00 00 00 00 00; FC; FD > FF 00 00 00 00 00; FD > FF 00 00 00 00 "
+         "00; F5 02 > FE 00, FE 00, FF 22 22; F5 02 > FF 33 33; FC > FE 00",
+         "FF 11 11; in step; FF 22 22; FF 33 33; in step"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.script);

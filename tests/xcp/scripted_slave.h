@@ -131,6 +131,8 @@ struct Bench {
             const auto done = master.unlock(static_cast<Resource>(std::stoul(argument)));
             return !done ? done.error().text() : done.value() == Unlocking::opened ? "opened" : "open";
         }
+        if (name == "uploadBlocks") return told(master.uploadBlocks({0x12345678, 1}, std::stoul(argument)));
+        if (name == "downloadBlocks") return told(master.downloadBlocks({0x10, 0}, hex(argument)));
         if (name == "download") return told(master.download({0x10, 0}, hex(argument)));
         if (name == "stopUnconnected") return told(master.stopDaqUnconnected());
         if (name == "stopOnce") return told(master.stopDaqOnce());
