@@ -163,8 +163,17 @@ std::string fileNamePart(std::string name) {
     return name;
 }
 
-std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& groups,
-                                             const ExportOptions& options) {
+Result<void> oneTable(const std::vector<ExportGroup>& groups, const ExportOptions& options) {
+    if (options.merge || groups.size() == 1) return {};
+    return Error{ErrorCode::invalidArgument,
+                 "standard output takes one table, not the " + std::to_string(groups.size()) +
+                     " of these groups: --merge, or -s for signals of one of them"};
+}
+
+}  // namespace
+
+std::vector<std::filesystem::path> csvFiles(const std::vector<ExportGroup>& groups,
+                                            const ExportOptions& options) {
     std::vector<std::filesystem::path> files;
     const std::string extension = options.output.extension().string();
     const auto add = [&](const std::string& part, const std::string& otherwise) {
@@ -188,15 +197,6 @@ std::vector<std::filesystem::path> fileNames(const std::vector<ExportGroup>& gro
     return files;
 }
 
-Result<void> oneTable(const std::vector<ExportGroup>& groups, const ExportOptions& options) {
-    if (options.merge || groups.size() == 1) return {};
-    return Error{ErrorCode::invalidArgument,
-                 "standard output takes one table, not the " + std::to_string(groups.size()) +
-                     " of these groups: --merge, or -s for signals of one of them"};
-}
-
-}  // namespace
-
 Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInfo& info,
                                                      const std::vector<ExportGroup>& groups,
                                                      const std::vector<storage::Outage>& outages,
@@ -211,7 +211,7 @@ Result<std::vector<std::filesystem::path>> exportCsv(const storage::RecordingInf
     }
     // The groups' files stand beside it: "/dev/null" must not give files in /dev.
     if (auto fits = checkTarget(options.output, true); !fits) return fits.error();
-    const std::vector<std::filesystem::path> names = fileNames(groups, options);
+    const std::vector<std::filesystem::path> names = csvFiles(groups, options);
     std::vector<OutputFile> files;
     for (const std::filesystem::path& name : names) {
         auto file = OutputFile::create(name, options.force);

@@ -12,6 +12,10 @@
 
 namespace lm::exporter {
 
+/// What exportCsv() calls its files.
+std::vector<std::filesystem::path> csvFiles(const std::vector<ExportGroup>& groups,
+                                            const ExportOptions& options);
+
 /// Writes one file for all groups (`merge`, or there is only one group): that of the options. Else one per
 /// group, with the group's name in its own: "out.csv" gives "out_cyclic_1ms.csv". With `gaps` one more,
 /// "out_gaps.csv". Either all appear or none, unless renaming the last ones fails. Returns the files: none

@@ -38,7 +38,7 @@ Result<std::vector<ExportGroup>> planExport(const storage::RecordingReader& reco
     for (const storage::SignalPlace& place : places.value()) {
         const storage::GroupInfo& group = info.groups[place.group];
         if (groups.empty() || groups.back().reader.number() != place.group) {
-            auto reader = storage::GroupReader::open(recording.directory(), place.group, group);
+            auto reader = recording.openGroup(place.group);
             if (!reader) return reader.error();
             auto range = reader.value().find(times.value());
             if (!range) return range.error();

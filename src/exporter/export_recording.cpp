@@ -23,7 +23,7 @@ Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& record
                                           const ExportOptions& options) {
     auto times = exportedTimes(recording.info(), options);
     if (!times) return times.error();
-    storage::RecordingEvents events = storage::readEvents(recording.directory(), recording.info());
+    storage::RecordingEvents events = recording.events();
     std::vector<storage::Outage>& outages = events.outages;
     outages.erase(std::remove_if(outages.begin(), outages.end(),
                                  [&times](const storage::Outage& outage) {
@@ -47,6 +47,14 @@ void noteOutages(const storage::RecordingEvents& events, const ExportOptions& op
 }
 
 }  // namespace
+
+Result<std::vector<std::filesystem::path>> exportedFiles(const storage::RecordingReader& recording,
+                                                         const ExportOptions& options) {
+    if (options.format == Format::mf4) return std::vector<std::filesystem::path>{options.output};
+    auto groups = planExport(recording, options);
+    if (!groups) return groups.error();
+    return csvFiles(groups.value(), options);
+}
 
 Result<ExportSummary> exportRecording(const storage::RecordingReader& recording, const ExportOptions& options,
                                       const ProgressFunction& progress, const StopToken& stop) {

@@ -22,6 +22,10 @@ struct ExportSummary {
     std::vector<std::string> notes;  ///< what the user ought to know
 };
 
+/// The files that it would make. Errors: what is wrong with the recording or the selection.
+Result<std::vector<std::filesystem::path>> exportedFiles(const storage::RecordingReader& recording,
+                                                         const ExportOptions& options);
+
 /// Errors: what is wrong with the recording, the selection or the output; Error::stopped "stopped". A failure
 /// leaves no output behind.
 Result<ExportSummary> exportRecording(const storage::RecordingReader& recording, const ExportOptions& options,

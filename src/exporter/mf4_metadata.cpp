@@ -9,6 +9,7 @@
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
+#include <spdlog/fmt/ranges.h>
 
 #include "core/platform.h"
 #include "core/text.h"
@@ -69,6 +70,10 @@ Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
     property("source", info.source);
     property("A2L", info.a2lName);
     property("A2L SHA-256", info.a2lSha256);
+    property("EPK", info.ecuEpk);
+    property("A2L EPK", info.a2lEpk);
+    if (info.part) property("part", std::to_string(info.part->number));
+    property("command line", fmt::format("{}", fmt::join(info.commandLine, " ")));
     property("tool", "xcplumo-cli " XCPLUMO_VERSION);
     return blocks.comment("HDcomment", xmlElement("TX", info.name) + "<common_properties>" + properties +
                                            "</common_properties>");

@@ -34,8 +34,9 @@ TEST(RecordingMeta, WritesEveryKeyInItsPlace) {
 }
 
 TEST(RecordingMeta, KeepsWhatEarlierVersionsDidNotTell) {
-    std::string text = replaced(kSmallMeta, R"("ecu":"ECU1",)",
-                                R"("ecu":"ECU1","utcOffsetMin":-210,"a2lName":"a.a2l","a2lSha256":"0f",)");
+    std::string text = replaced(
+        kSmallMeta, R"("ecu":"ECU1",)",
+        R"("ecu":"ECU1","utcOffsetMin":-210,"a2lName":"a.a2l","a2lSha256":"0f","ecuEpk":"e","a2lEpk":"a",)");
     text = replaced(text, R"("recordOffset":2,)", R"("recordOffset":2,"limits":["-inf",63.5],)");
     EXPECT_EQ(withoutSpace(metaToJson(metaFromJson(text).value())), text);
 }

@@ -78,7 +78,7 @@ TEST_F(RecordingReaderTest, GivesTheExtremesOfAnyStretchWhateverLevelsThereAre) 
         if (fs::exists(file(damage))) fs::resize_file(file(damage), fs::file_size(file(damage)) / 2);
         const auto recording = RecordingReader::open(path());
         const auto group = recording.value().openGroup(0);
-        PyramidReader pyramid(path(), group.value());
+        PyramidReader pyramid(group.value());
         for (int i = 0; i < 300; ++i) {
             RecordRange range{random() % values.size(), random() % (values.size() + 1)};
             if (range.end < range.first) std::swap(range.first, range.end);
@@ -108,7 +108,7 @@ TEST_F(RecordingReaderTest, FindsEveryLostRecordByTheIndex) {
             fs::resize_file(file("g0000.tix"), indexSize);
             const auto recording = RecordingReader::open(path());
             const auto group = recording.value().openGroup(0);
-            const Gaps gaps = findGaps(path(), group.value()).value();
+            const Gaps gaps = findGaps(group.value()).value();
             ASSERT_EQ(gaps.count, 2U) << lost << ' ' << indexSize;
             EXPECT_EQ(gaps.longest.beginNs, 49 * kCycle + kCycle / 5);
             EXPECT_EQ(gaps.longest.lengthNs(), 3 * kCycle);

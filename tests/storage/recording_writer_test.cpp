@@ -82,7 +82,7 @@ TEST_F(RecordingWriterTest, TwoMeasurementsRecordIntoTheirOwnGroupsAlone) {
     Recorder recorder{RecordingInfo{}};
     const GroupRange first = recorder.add(small);
     const GroupRange second = recorder.add({GroupInfo{"big", 45, 0, {}}, small[0]});
-    ASSERT_TRUE(recorder.begin(path_, {}).ok());
+    ASSERT_TRUE(recorder.begin({path_}, {}).ok());
     EXPECT_TRUE(first.write(0, 1, Bytes(3).data(), 3));
     EXPECT_TRUE(second.write(1, 2, Bytes(3).data(), 3));
     EXPECT_FALSE(first.write(2, 3, Bytes(3).data(), 3)) << "a group of the second one";

@@ -64,6 +64,11 @@ class EventReader {
         if (*kind == "clock") return takeClock(json, *time);
         if (*kind == "outageBegin") return takeBegin(json, *time);
         if (*kind == "outageEnd") return takeEnd(json, *time);
+        if (*kind == "ecuChanged") return takeChange(json, *time);
+        if (*kind == "clockStep") return takeStep(json, *time);
+        if (*kind == "ecu") return takeEcu(json, *time);
+        if (*kind == "partBegin") return takeBorder(json, *time, events_.begin);
+        if (*kind == "partEnd") return takeBorder(json, *time, events_.end);
         // A kind of a later program.
     }
     /// A first line that tells of which recording the file is.
@@ -108,6 +113,40 @@ class EventReader {
         if (!utc) return fault("is no event");
         events_.clocks.push_back({time, *utc});
     }
+    void takeStep(const Json& json, std::int64_t time) {
+        const auto utc = integerAt(json, "utcNs");
+        const auto by = integerAt(json, "byNs");
+        if (!utc || !by) return fault("is no event");
+        events_.steps.push_back({{time, *utc}, *by});
+    }
+    void takeEcu(const Json& json, std::int64_t time) {
+        EcuNote note{time, textAt(json, "epk").value_or(""), textAt(json, "trouble").value_or("")};
+        for (const Json& told : json.value("checksums", Json::array())) {
+            const auto segment = integerAt(told, "segment");
+            const auto address = integerAt(told, "address");
+            const auto size = integerAt(told, "size");
+            const auto sums = textAt(told, "sums");
+            if (!segment || !address || !size || !sums) return fault("is no event");
+            EcuNote::Sum sum{static_cast<std::uint8_t>(*segment),
+                             {},
+                             static_cast<std::uint32_t>(*address),
+                             static_cast<std::uint32_t>(*size),
+                             *sums};
+            if (const auto page = integerAt(told, "page")) sum.page = static_cast<std::uint8_t>(*page);
+            note.sums.push_back(std::move(sum));
+        }
+        events_.ecus.push_back(std::move(note));
+    }
+    void takeBorder(const Json& json, std::int64_t time, std::optional<PartBorder>& into) {
+        PartBorder border{time, {}, textAt(json, "next").value_or("")};
+        const Json records = json.value("records", Json());
+        if (!records.is_array() || records.size() != info_.groups.size()) return fault("is no event");
+        for (const Json& number : records) {
+            if (!number.is_number_unsigned()) return fault("is no event");
+            border.records.push_back(number.get<std::uint64_t>());
+        }
+        into = std::move(border);
+    }
     void takeBegin(const Json& json, std::int64_t time) {
         auto reason = textAt(json, "reason");
         if (!reason) return fault("is no event");
@@ -125,6 +164,13 @@ class EventReader {
         outage.endNs = std::max(time, outage.beginNs);
         outage.recovered = recovered->get<bool>();
         outage.outcome = std::move(*outcome);
+    }
+
+    void takeChange(const Json& json, std::int64_t time) {
+        auto what = textAt(json, "what");
+        auto text = textAt(json, "text");
+        if (!what || !text) return fault("is no event");
+        events_.ecuChanges.push_back({time, std::move(*what), std::move(*text)});
     }
 
     void fault(const char* text) {
@@ -186,6 +232,65 @@ std::string outageEndLine(std::int64_t timeNs, bool recovered, const std::string
 
 std::string clockLine(const ClockPair& clocks) {
     return lineOf({{"event", "clock"}, {"timeNs", clocks.hostNs}, {"utcNs", clocks.utcNs}});
+}
+
+std::string ecuChangedLine(std::int64_t timeNs, std::string_view what, const std::string& text) {
+    return lineOf({{"event", "ecuChanged"}, {"timeNs", timeNs}, {"what", what}, {"text", text}});
+}
+
+std::string clockStepLine(const ClockStep& step) {
+    return lineOf({{"event", "clockStep"},
+                   {"timeNs", step.after.hostNs},
+                   {"utcNs", step.after.utcNs},
+                   {"byNs", step.byNs}});
+}
+
+std::string ecuLine(const EcuNote& note) {
+    OrderedJson json = {{"event", "ecu"}, {"timeNs", note.timeNs}};
+    if (!note.epk.empty()) json["epk"] = note.epk;
+    if (!note.trouble.empty()) json["trouble"] = note.trouble;
+    OrderedJson sums = OrderedJson::array();
+    for (const EcuNote::Sum& sum : note.sums) {
+        OrderedJson one = {{"segment", sum.segment}};
+        if (sum.page) one["page"] = *sum.page;
+        one["address"] = sum.address;
+        one["size"] = sum.size;
+        one["sums"] = sum.sums;
+        sums.push_back(std::move(one));
+    }
+    if (!sums.empty()) json["checksums"] = std::move(sums);
+    return lineOf(json);
+}
+
+std::string partBeginLine(const PartBorder& border) {
+    return lineOf({{"event", "partBegin"}, {"timeNs", border.timeNs}, {"records", border.records}});
+}
+
+std::string partEndLine(const PartBorder& border) {
+    return lineOf({{"event", "partEnd"},
+                   {"timeNs", border.timeNs},
+                   {"records", border.records},
+                   {"next", border.next}});
+}
+
+std::string partRemovedLine(std::int64_t timeNs, const std::string& name) {
+    return lineOf({{"event", "partRemoved"}, {"timeNs", timeNs}, {"name", name}});
+}
+
+void StandingEvents::take(std::string_view line) {
+    const Json json = EventReader::parsed(line);
+    const auto kind = textAt(json, "event");
+    if (kind == "outageBegin") outage_ = textAt(json, "reason").value_or("");
+    if (kind == "outageEnd") outage_.reset();
+    if (kind == "ecu") ecu_ = line;
+}
+
+std::string StandingEvents::endLines(std::int64_t timeNs) const {
+    return outage_ ? outageEndLine(timeNs, false, std::string(kOutageGoesOn)) : "";
+}
+
+std::string StandingEvents::beginLines(std::int64_t timeNs) const {
+    return ecu_ + (outage_ ? outageBeginLine(timeNs, *outage_) : "");
 }
 
 RecordingEvents readEvents(const std::filesystem::path& directory, const RecordingInfo& info) {

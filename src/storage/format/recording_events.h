@@ -27,6 +27,13 @@ struct Outage {
     std::string outcome;  ///< how it ended
 };
 
+/// What an ECU turned out to be after an outage.
+struct EcuChange {
+    std::int64_t timeNs = 0;
+    std::string what;  ///< as of ecuChangedLine()
+    std::string text;
+};
+
 /// True when some of it lies in `times`; one without an end lasts for ever.
 bool overlaps(const Outage& outage, const TimeRange& times);
 
@@ -36,6 +43,35 @@ struct ClockPair {
     std::int64_t utcNs = 0;
 };
 
+/// The clock of the system was set while the recording was made.
+struct ClockStep {
+    ClockPair after;
+    std::int64_t byNs = 0;  ///< UTC against the clock of the timestamps
+};
+
+/// What ran in the ECU, as far as it told: at the start of the recording and after each reconnection.
+struct EcuNote {
+    struct Sum {
+        std::uint8_t segment = 0;
+        std::optional<std::uint8_t> page = {};  ///< that XCP was on
+        std::uint32_t address = 0;
+        std::uint32_t size = 0;
+        std::string sums = {};  ///< kind and values, as `check` shows them
+    };
+    std::int64_t timeNs = 0;
+    std::string epk;      ///< empty when it is not known
+    std::string trouble;  ///< what could not be asked, and why
+    std::vector<Sum> sums = {};
+};
+
+/// Where a part begins or ends in its series: one number for each group, of records counted from 0 in the
+/// first part. `records` are those of the first record here, or of the one after the last.
+struct PartBorder {
+    std::int64_t timeNs = 0;
+    std::vector<std::uint64_t> records;
+    std::string next;  ///< of an end: the folder of the part that continues
+};
+
 // Lines as they stand in the file, with their line feeds. Bytes that are not UTF-8 become U+FFFD.
 std::string startLine(const RecordingInfo& info);
 /// The first line of a file whose lines were lost.
@@ -43,6 +79,31 @@ std::string startAgainLine(const RecordingInfo& info);
 std::string outageBeginLine(std::int64_t timeNs, const std::string& reason);
 std::string outageEndLine(std::int64_t timeNs, bool recovered, const std::string& outcome);
 std::string clockLine(const ClockPair& clocks);
+/// After an outage: `what` is "software", "parameters" or "writtenAgain".
+std::string ecuChangedLine(std::int64_t timeNs, std::string_view what, const std::string& text);
+std::string clockStepLine(const ClockStep& step);
+std::string ecuLine(const EcuNote& note);
+std::string partBeginLine(const PartBorder& border);
+std::string partEndLine(const PartBorder& border);
+/// A part of the same series is gone, as it was ordered.
+std::string partRemovedLine(std::int64_t timeNs, const std::string& name);
+
+/// The outcome of an outage that a split cut in two.
+inline constexpr std::string_view kOutageGoesOn = "goes on in the next part";
+
+/// What a part has to tell again at its start, because the part before told it: the outage that is open, and
+/// what ran in the ECU. Belongs to one thread at a time.
+class StandingEvents {
+  public:
+    void take(std::string_view line);
+    /// The lines that end a part at this time, and those that begin the next one.
+    std::string endLines(std::int64_t timeNs) const;
+    std::string beginLines(std::int64_t timeNs) const;
+
+  private:
+    std::optional<std::string> outage_;  ///< the reason of the one that is open
+    std::string ecu_;                    ///< the last line
+};
 
 /// What is wrong with one line.
 struct EventFault {
@@ -64,12 +125,17 @@ struct RecordingEvents {
     std::string trouble;
     bool begunAgain = false;      ///< by a repair: what had been told before is lost, which is the `trouble`
     std::vector<Outage> outages;  ///< in the order of the file
-    std::vector<ClockPair> clocks;   ///< the first one is that of "meta.json"
-    std::vector<EventFault> faults;  ///< the first ones; lines of unknown kinds are none
-    std::uint64_t wholeBytes = 0;    ///< up to the last line feed
-    std::uint64_t tornBytes = 0;     ///< behind it
-    bool lastLineIsWhole = false;    ///< what stands there lacks nothing but the line feed
-    bool beingWritten = false;       ///< another program has the file open for recording
+    std::vector<EcuChange> ecuChanges;  ///< likewise
+    std::vector<ClockPair> clocks;      ///< the first one is that of "meta.json"
+    std::vector<ClockStep> steps;
+    std::vector<EcuNote> ecus;
+    std::optional<PartBorder> begin;  ///< of a part; none for the first one
+    std::optional<PartBorder> end;    ///< likewise; none for the last one
+    std::vector<EventFault> faults;   ///< the first ones; lines of unknown kinds are none
+    std::uint64_t wholeBytes = 0;     ///< up to the last line feed
+    std::uint64_t tornBytes = 0;      ///< behind it
+    bool lastLineIsWhole = false;     ///< what stands there lacks nothing but the line feed
+    bool beingWritten = false;        ///< another program has the file open for recording
 };
 
 /// Reads the file in constant memory but for what it returns.

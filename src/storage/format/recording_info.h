@@ -31,6 +31,17 @@ struct GroupInfo {
     std::uint32_t recordSize = 0;  ///< bytes of one DAQ record as stored, without its timestamp
     std::int64_t cycleNs = 0;      ///< nominal period, 0 when not periodic
     std::vector<SignalInfo> signals;
+    /// Whose clock its timestamps follow, laid on that of the host; none: recordings of earlier versions.
+    enum class Clock : std::uint8_t { ecu, host };
+    std::optional<Clock> clock = {};
+};
+
+/// Of a recording that continues another one: the parts of a series are whole recordings, one after the
+/// other.
+struct PartInfo {
+    std::string series;        ///< the same in all parts
+    std::uint64_t number = 1;  ///< in the series, from 1
+    std::string previous;      ///< the folder of the part before, empty for the first one
 };
 
 struct RecordingInfo {
@@ -44,6 +55,10 @@ struct RecordingInfo {
     std::optional<std::int32_t> utcOffsetMinutes;  ///< of the recording host's local time
     std::string a2lName;                           ///< the file's name without its directory, may be empty
     std::string a2lSha256;                         ///< in hexadecimal, may be empty
+    std::string ecuEpk;                    ///< the name of the software in the ECU, empty when not known
+    std::string a2lEpk;                    ///< the one that the A2L is for, likewise
+    std::vector<std::string> commandLine;  ///< of the program that recorded, may be empty
+    std::optional<PartInfo> part;
     std::vector<GroupInfo> groups;
 };
 

@@ -107,6 +107,7 @@ OrderedJson groupToJson(const GroupInfo& group) {
     json["recordSize"] = group.recordSize;
     json["cycleNs"] = group.cycleNs;
     json["name"] = group.name;
+    if (group.clock) json["clock"] = *group.clock == GroupInfo::Clock::ecu ? "ecu" : "host";
     OrderedJson signals = OrderedJson::array();
     for (const SignalInfo& signal : group.signals)
         signals.push_back(signalToJson(signal));
@@ -259,6 +260,9 @@ SignalInfo signalFrom(const Json& json) {
 GroupInfo groupFrom(const Json& json) {
     GroupInfo group;
     group.name = textAt(json, "name");
+    const std::string clock = textOrEmpty(json, "clock");
+    if (clock == "ecu") group.clock = GroupInfo::Clock::ecu;
+    if (clock == "host") group.clock = GroupInfo::Clock::host;
     group.recordSize = static_cast<std::uint32_t>(unsignedAt(json, "recordSize", kMaxRecordSize));
     group.cycleNs = static_cast<std::int64_t>(
         unsignedAt(json, "cycleNs", static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())));
@@ -294,6 +298,21 @@ std::int32_t utcOffsetFrom(const Json& json) {
     return static_cast<std::int32_t>(minutes);
 }
 
+PartInfo partFrom(const Json& json) {
+    PartInfo part;
+    part.series = textAt(json, "series");
+    part.number = unsignedAt(json, "number", std::numeric_limits<std::uint64_t>::max());
+    part.previous = textOrEmpty(json, "previous");
+    if (part.series.empty() || part.number == 0) throw MetaError("\"part\" has no series or number");
+    return part;
+}
+
+OrderedJson partToJson(const PartInfo& part) {
+    OrderedJson json = {{"series", part.series}, {"number", part.number}};
+    if (!part.previous.empty()) json["previous"] = part.previous;
+    return json;
+}
+
 Result<RecordingInfo> infoFrom(const Json& json) {
     if (auto error = checkVersion(json)) return *std::move(error);
     RecordingInfo info;
@@ -305,6 +324,13 @@ Result<RecordingInfo> infoFrom(const Json& json) {
     if (json.contains("utcOffsetMin")) info.utcOffsetMinutes = utcOffsetFrom(json);
     info.a2lName = textOrEmpty(json, "a2lName");
     info.a2lSha256 = textOrEmpty(json, "a2lSha256");
+    info.ecuEpk = textOrEmpty(json, "ecuEpk");
+    info.a2lEpk = textOrEmpty(json, "a2lEpk");
+    if (json.contains("commandLine")) {
+        for (const Json& word : arrayAt(json, "commandLine"))
+            info.commandLine.push_back(word.get<std::string>());
+    }
+    if (json.contains("part")) info.part = partFrom(json.at("part"));
     for (const Json& group : arrayAt(json, "groups"))
         info.groups.push_back(groupFrom(group));
     return info;
@@ -323,6 +349,10 @@ std::string metaToJson(const RecordingInfo& info) {
     if (info.utcOffsetMinutes) json["utcOffsetMin"] = *info.utcOffsetMinutes;
     if (!info.a2lName.empty()) json["a2lName"] = info.a2lName;
     if (!info.a2lSha256.empty()) json["a2lSha256"] = info.a2lSha256;
+    if (!info.ecuEpk.empty()) json["ecuEpk"] = info.ecuEpk;
+    if (!info.a2lEpk.empty()) json["a2lEpk"] = info.a2lEpk;
+    if (!info.commandLine.empty()) json["commandLine"] = info.commandLine;
+    if (info.part) json["part"] = partToJson(*info.part);
     OrderedJson groups = OrderedJson::array();
     for (const GroupInfo& group : info.groups)
         groups.push_back(groupToJson(group));

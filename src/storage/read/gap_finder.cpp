@@ -17,25 +17,26 @@ class GapFinder {
     explicit GapFinder(const GroupReader& group)
         : group_(group), cycleNs_(group.info().cycleNs), search_(cycleNs_) {}
 
+    /// The pieces come in their order, each first with its index, if it has one.
     /// Blocks of 16 records by their first and last timestamps.
-    Result<void> lookThroughIndex(EntryReader& index) {
-        const std::uint64_t blocks = std::min(index.count(), group_.recordCount() / kBlockLength);
-        while (next_ < blocks * kBlockLength) {
-            const std::uint64_t first = next_ / kBlockLength;
+    Result<void> lookThroughIndex(const GroupPiece& piece, EntryReader& index) {
+        const std::uint64_t blocks = std::min(index.count(), piece.count / kBlockLength);
+        while (next_ - piece.first < blocks * kBlockLength) {
+            const std::uint64_t first = (next_ - piece.first) / kBlockLength;
             auto entries = index.read(first, blocks - first);
             if (!entries) return entries.error();
             for (std::size_t at = 0; at < entries.value().size(); at += kIndexEntrySize) {
                 const std::uint8_t* entry = &entries.value()[at];
-                auto looked = lookAtBlock(static_cast<std::int64_t>(readLittle<std::uint64_t>(entry)),
-                                          static_cast<std::int64_t>(readLittle<std::uint64_t>(entry + 8)));
+                auto looked = lookAtBlock(timeAt(entry, piece), timeAt(entry + 8, piece));
                 if (!looked) return looked;
             }
         }
         return {};
     }
 
-    Result<void> lookThroughRecords() {
-        RecordStream stream = group_.read({next_, group_.recordCount()});
+    Result<void> lookThroughRecords(const GroupPiece& piece) {
+        RecordStream stream = group_.read({next_, piece.end()});
+        next_ = piece.end();
         for (;;) {
             auto batch = stream.next();
             if (!batch) return batch.error();
@@ -47,6 +48,11 @@ class GapFinder {
     Gaps take() { return search_.take(); }
 
   private:
+    static std::int64_t timeAt(const std::uint8_t* bytes, const GroupPiece& piece) {
+        return static_cast<std::int64_t>(readLittle<std::uint64_t>(bytes) +
+                                         static_cast<std::uint64_t>(piece.shiftNs));
+    }
+
     Result<void> lookAtBlock(std::int64_t firstNs, std::int64_t lastNs) {
         search_.lookAt(firstNs);
         constexpr std::int64_t kIntervals = kBlockLength - 1;
@@ -75,16 +81,19 @@ class GapFinder {
 
 }  // namespace
 
-Result<Gaps> findGaps(const std::filesystem::path& directory, const GroupReader& group) {
+Result<Gaps> findGaps(const GroupReader& group) {
     // A day between two samples is no cycle to keep, and its multiples must not overflow.
     constexpr std::int64_t kMaxCycleNs = std::int64_t{86400} * 1000000000;
     const std::int64_t cycle = group.info().cycleNs;
     if (cycle <= 0 || cycle > kMaxCycleNs) return Gaps{};
     GapFinder finder(group);
-    if (auto index = EntryReader::open(directory, group.number(), group.info(), SummaryFile::kIndex)) {
-        if (auto looked = finder.lookThroughIndex(index.value()); !looked) return looked.error();
+    for (const GroupPiece& piece : group.pieces()) {
+        auto index = EntryReader::open(piece.directory(), group.number(), group.info(), SummaryFile::kIndex);
+        if (index) {
+            if (auto looked = finder.lookThroughIndex(piece, index.value()); !looked) return looked.error();
+        }
+        if (auto looked = finder.lookThroughRecords(piece); !looked) return looked.error();
     }
-    if (auto looked = finder.lookThroughRecords(); !looked) return looked.error();
     return finder.take();
 }
 

@@ -3,8 +3,6 @@
 // Threads: pure functions. Lifetime: nothing is kept.
 #pragma once
 
-#include <filesystem>
-
 #include "core/result.h"
 #include "storage/read/gap_search.h"
 #include "storage/read/group_reader.h"
@@ -14,6 +12,6 @@ namespace lm::storage {
 /// Looks through the time index, and into those of its blocks that took half a cycle too long: one lost
 /// record is found, a record that only came late need not be. Where the index is missing or ends, all
 /// records are looked at. Errors: those of InputFile::readAt().
-Result<Gaps> findGaps(const std::filesystem::path& directory, const GroupReader& group);
+Result<Gaps> findGaps(const GroupReader& group);
 
 }  // namespace lm::storage

@@ -6,8 +6,20 @@
 #include <utility>
 
 #include "core/file_lock.h"
+#include "storage/read/gap_search.h"
 
 namespace lm::storage {
+namespace {
+
+/// The piece with record `n`, which there is.
+const GroupPiece& pieceOf(const std::vector<GroupPiece>& pieces, std::uint64_t n) {
+    if (n < pieces.front().end()) return pieces.front();
+    return *std::upper_bound(
+        pieces.begin(), pieces.end(), n,
+        [](std::uint64_t record, const GroupPiece& piece) { return record < piece.end(); });
+}
+
+}  // namespace
 
 Result<GroupReader> GroupReader::open(const std::filesystem::path& directory, std::size_t number,
                                       const GroupInfo& group) {
@@ -25,11 +37,11 @@ Result<GroupReader> GroupReader::openUnchecked(const std::filesystem::path& dire
 }
 
 Result<void> GroupReader::checkHeader() const {
-    if (file_.size() < kHeaderSize) return {};
+    if (file().size() < kHeaderSize) return {};
     FileHeader header{};
-    if (auto read = file_.readAt(0, header.data(), header.size()); !read) return read;
+    if (auto read = file().readAt(0, header.data(), header.size()); !read) return read;
     const FileHeader expected = recordHeader(info_->recordSize);
-    const std::string path = file_.path().string();
+    const std::string path = file().path().string();
     const auto recordSize = readLittle<std::uint32_t>(&header[12]);
     const auto stride = readLittle<std::uint32_t>(&header[16]);
     const std::string sizes = "records of " + std::to_string(recordSize) + " bytes every " +
@@ -51,32 +63,64 @@ Result<void> GroupReader::checkHeader() const {
 }
 
 GroupReader::GroupReader(InputFile file, std::size_t number, const GroupInfo& group)
-    : file_(std::move(file)),
-      info_(&group),
-      number_(number),
-      stride_(std::size_t{group.recordSize} + kTimestampSize),
-      beingWritten_(isLockedByAnother(file_.descriptor())) {
+    : info_(&group), number_(number), stride_(std::size_t{group.recordSize} + kTimestampSize) {
+    const bool beingWritten = isLockedByAnother(file.descriptor());
+    pieces_.push_back({std::move(file), 0, 0, 0, beingWritten});
     countRecords();
 }
 
+Result<void> GroupReader::append(GroupReader next, std::int64_t shiftNs) {
+    auto here = timeSpan();
+    if (!here) return here.error();
+    auto there = next.timeSpan();
+    if (!there) return there.error();
+    if (!here.value().isEmpty() && !there.value().isEmpty() &&
+        timeBetween(here.value().lastNs, there.value().firstNs) + shiftNs < 0) {
+        return Error{ErrorCode::invalidArgument, next.pieces_.front().directory().string() +
+                                                     " begins before " + pieces_.back().directory().string() +
+                                                     " ends: they do not follow each other"};
+    }
+    for (GroupPiece& piece : next.pieces_) {
+        piece.shiftNs += shiftNs;
+        pieces_.push_back(std::move(piece));
+    }
+    countRecords();
+    return {};
+}
+
 Result<void> GroupReader::refresh() {
-    auto looked = file_.refresh();
+    auto looked = pieces_.back().file.refresh();
     countRecords();
     return looked;
 }
 
 void GroupReader::countRecords() {
-    recordCount_ = file_.size() < kHeaderSize ? 0 : (file_.size() - kHeaderSize) / stride_;
+    recordCount_ = 0;
+    for (GroupPiece& piece : pieces_) {
+        const std::uint64_t size = piece.file.size();
+        piece.first = recordCount_;
+        piece.count = size < kHeaderSize ? 0 : (size - kHeaderSize) / stride_;
+        recordCount_ += piece.count;
+    }
 }
 
 std::uint64_t GroupReader::tornBytes() const {
-    return file_.size() < kHeaderSize ? file_.size() : file_.size() - offsetOf(recordCount_);
+    std::uint64_t bytes = 0;
+    for (const GroupPiece& piece : pieces_) {
+        const std::uint64_t size = piece.file.size();
+        bytes += size < kHeaderSize ? size : size - offsetOf(piece.count);
+    }
+    return bytes;
 }
 
 Result<std::int64_t> GroupReader::timestampNs(std::uint64_t n) const {
+    const GroupPiece& piece = pieceOf(pieces_, n);
     std::array<std::uint8_t, kTimestampSize> bytes{};
-    if (auto read = file_.readAt(offsetOf(n), bytes.data(), bytes.size()); !read) return read.error();
-    return static_cast<std::int64_t>(readLittle<std::uint64_t>(bytes.data()));
+    const std::uint64_t offset = kHeaderSize + (n - piece.first) * stride_;
+    if (auto read = piece.file.readAt(offset, bytes.data(), bytes.size()); !read) return read.error();
+    // Damaged timestamps may be any numbers.
+    return static_cast<std::int64_t>(readLittle<std::uint64_t>(bytes.data()) +
+                                     static_cast<std::uint64_t>(piece.shiftNs));
 }
 
 Result<TimeSpan> GroupReader::timeSpan() const {
@@ -139,12 +183,12 @@ Result<std::uint64_t> GroupReader::guess(std::int64_t timeNs) const {
 }
 
 RecordStream GroupReader::read(RecordRange range, std::size_t batchBytes) const {
-    return {file_, range, stride_, batchBytes};
+    return {pieces_, range, stride_, batchBytes};
 }
 
-RecordStream::RecordStream(const InputFile& file, RecordRange range, std::size_t stride,
+RecordStream::RecordStream(const std::vector<GroupPiece>& pieces, RecordRange range, std::size_t stride,
                            std::size_t batchBytes)
-    : file_(&file), left_(range), stride_(stride) {
+    : pieces_(&pieces), left_(range), stride_(stride) {
     const auto records =
         std::min<std::uint64_t>(range.count(), std::max<std::size_t>(batchBytes / stride, 1));
     buffer_.resize(static_cast<std::size_t>(records) * stride);
@@ -156,12 +200,16 @@ Result<RecordBatch> RecordStream::next() {
     batch.firstNumber = left_.first;
     count_ = 0;
     if (left_.count() == 0) return batch;
-    batch.count = static_cast<std::size_t>(std::min<std::uint64_t>(left_.count(), buffer_.size() / stride_));
-    const std::uint64_t offset = kHeaderSize + left_.first * stride_;
-    if (auto read = file_->readAt(offset, buffer_.data(), batch.count * stride_); !read) return read.error();
+    const GroupPiece& piece = pieceOf(*pieces_, left_.first);
+    const std::uint64_t most = std::min(left_.count(), piece.end() - left_.first);
+    batch.count = static_cast<std::size_t>(std::min<std::uint64_t>(most, buffer_.size() / stride_));
+    const std::uint64_t offset = kHeaderSize + (left_.first - piece.first) * stride_;
+    if (auto read = piece.file.readAt(offset, buffer_.data(), batch.count * stride_); !read)
+        return read.error();
     batch.bytes = buffer_.data();
     left_.first += batch.count;
     count_ = batch.count;
+    if (piece.shiftNs != 0) countTimesFrom(-piece.shiftNs);
     return batch;
 }
 

@@ -1,10 +1,11 @@
 // Reads the records of one group of a recording: by number, by time, batch by batch in constant memory.
-// A recording that is still being written, or that ends in a torn record, is read up to the last record that
+// Groups of recordings that follow each other can be joined and are then read as one, piece after piece. A
+// recording that is still being written, or that ends in a torn record, is read up to the last record that
 // was whole when the group was opened, or at the last refresh().
 //
 // Threads: one at a time; several readers of one group do not disturb each other. Lifetime: borrows the
 // description of the group, which must outlive it (that of a RecordingReader survives moving the reader);
-// owns its file.
+// owns its files.
 #pragma once
 
 #include <algorithm>
@@ -63,7 +64,20 @@ struct RecordBatch {
     const std::uint8_t* data(std::size_t i) const { return bytes + i * stride + kTimestampSize; }
 };
 
-/// One pass over some records. Borrows its GroupReader's file: the reader must outlive it and stay in place.
+/// What one file holds of a group: so many records from `first` on. Its timestamps count from another instant
+/// when it is of another series, which is `shiftNs` away.
+struct GroupPiece {
+    InputFile file;
+    std::uint64_t first = 0;
+    std::uint64_t count = 0;
+    std::int64_t shiftNs = 0;
+    bool beingWritten = false;
+
+    std::filesystem::path directory() const { return file.path().parent_path(); }
+    std::uint64_t end() const { return first + count; }
+};
+
+/// One pass over some records. Borrows its GroupReader's files: the reader must outlive it and stay in place.
 class RecordStream {
   public:
     /// The next records; a batch of none at the end. Its bytes are valid until the next call.
@@ -75,9 +89,10 @@ class RecordStream {
 
   private:
     friend class GroupReader;
-    RecordStream(const InputFile& file, RecordRange range, std::size_t stride, std::size_t batchBytes);
+    RecordStream(const std::vector<GroupPiece>& pieces, RecordRange range, std::size_t stride,
+                 std::size_t batchBytes);
 
-    const InputFile* file_;
+    const std::vector<GroupPiece>* pieces_;
     RecordRange left_;
     std::size_t stride_;
     std::vector<std::uint8_t> buffer_;
@@ -102,7 +117,12 @@ class GroupReader {
     /// What open() has to say about the header.
     Result<void> checkHeader() const;
 
-    /// Takes up the records that the file has now. Errors: those of InputFile::refresh().
+    /// The records of `next` follow these, their timestamps moved by `shiftNs`; it is of a like group. Error
+    /// (invalidArgument): "DIRECTORY begins before DIRECTORY ends".
+    Result<void> append(GroupReader next, std::int64_t shiftNs);
+    const std::vector<GroupPiece>& pieces() const { return pieces_; }
+
+    /// Takes up the records that the (last) file has now. Errors: those of InputFile::refresh().
     Result<void> refresh();
 
     const GroupInfo& info() const { return *info_; }
@@ -113,13 +133,14 @@ class GroupReader {
     RecordRange all() const { return {0, recordCount_}; }
     /// Bytes from one record to the next.
     std::size_t stride() const { return stride_; }
-    /// Place of record `n` in the file.
+    /// Place of record `n` in the file of a group that is not joined.
     std::uint64_t offsetOf(std::uint64_t n) const { return kHeaderSize + n * stride_; }
-    /// Bytes behind the last whole record.
+    /// Bytes behind the last whole record, in all files.
     std::uint64_t tornBytes() const;
-    /// True when, at its opening, another program had the file open for recording.
-    bool isBeingWritten() const { return beingWritten_; }
-    const InputFile& file() const { return file_; }
+    /// True when, at its opening, another program had the (last) file open for recording.
+    bool isBeingWritten() const { return pieces_.back().beingWritten; }
+    /// The first one.
+    const InputFile& file() const { return pieces_.front().file; }
 
     /// The timestamp of record `n`, which is below recordCount().
     Result<std::int64_t> timestampNs(std::uint64_t n) const;
@@ -140,12 +161,11 @@ class GroupReader {
     Result<std::uint64_t> firstNotBefore(std::int64_t timeNs) const;
     Result<std::uint64_t> guess(std::int64_t timeNs) const;
 
-    InputFile file_;
+    std::vector<GroupPiece> pieces_;  ///< at least one
     const GroupInfo* info_;
     std::size_t number_;
     std::size_t stride_;
     std::uint64_t recordCount_ = 0;
-    bool beingWritten_ = false;
 };
 
 }  // namespace lm::storage

@@ -16,60 +16,76 @@ float floatAt(const std::uint8_t* bytes) {
 
 }  // namespace
 
-PyramidReader::PyramidReader(const std::filesystem::path& directory, const GroupReader& group)
-    : group_(&group), levels_(1) {
+PyramidReader::PyramidReader(const GroupReader& group) : group_(&group) {
     const GroupInfo& info = group.info();
     decoders_.reserve(info.signals.size());
     for (const SignalInfo& signal : info.signals)
         decoders_.emplace_back(signal);
-    if (info.signals.empty()) return;
-    for (std::size_t level = 1;
-         level <= SummaryFile::kMaxLevel && SummaryFile::span(level) <= group.recordCount(); ++level) {
-        auto file = EntryReader::open(directory, group.number(), info, level);
-        levels_.push_back(file ? std::optional(std::move(file).value()) : std::nullopt);
+    for (const GroupPiece& records : group.pieces()) {
+        Piece& piece = pieces_.emplace_back(Piece{&records});
+        piece.levels.resize(1);
+        if (info.signals.empty()) continue;
+        for (std::size_t level = 1;
+             level <= SummaryFile::kMaxLevel && SummaryFile::span(level) <= records.count; ++level) {
+            auto file = EntryReader::open(records.directory(), group.number(), info, level);
+            piece.levels.push_back(file ? std::optional(std::move(file).value()) : std::nullopt);
+        }
     }
 }
 
 /// Entries that whole blocks of records stand behind.
-std::uint64_t PyramidReader::entriesOf(std::size_t level) const {
-    if (!levels_[level]) return 0;
-    return std::min(levels_[level]->count(), group_->recordCount() / SummaryFile::span(level));
+std::uint64_t PyramidReader::Piece::entriesOf(std::size_t level) const {
+    if (!levels[level]) return 0;
+    return std::min(levels[level]->count(), records->count / SummaryFile::span(level));
 }
 
 Result<std::vector<ValueRange>> PyramidReader::extremes(RecordRange records,
                                                         std::span<const std::size_t> signals) {
     std::vector<ValueRange> ranges(signals.size());
-    while (records.count() > 0) {
-        const Step step = nextStep(records);
-        if (step.level == 0) {
-            const RecordRange part{records.first, records.first + step.entries};
-            if (auto added = addRecords(part, signals, ranges); !added) return added.error();
-            records.first = part.end;
-        } else {
-            const std::uint64_t span = SummaryFile::span(step.level);
-            auto added = addEntries(step.level, records.first / span, step.entries, signals, ranges);
-            if (!added) return added.error();
-            records.first += step.entries * span;
-        }
+    for (Piece& piece : pieces_) {
+        const GroupPiece& here = *piece.records;
+        const RecordRange part{std::max(records.first, here.first), std::min(records.end, here.end())};
+        if (part.count() == 0) continue;
+        auto added = addPiece(piece, {part.first - here.first, part.end - here.first}, signals, ranges);
+        if (!added) return added.error();
     }
     return ranges;
 }
 
+Result<void> PyramidReader::addPiece(Piece& piece, RecordRange records, std::span<const std::size_t> signals,
+                                     std::vector<ValueRange>& ranges) {
+    while (records.count() > 0) {
+        const Step step = piece.nextStep(records);
+        if (step.level == 0) {
+            const std::uint64_t first = piece.records->first + records.first;
+            if (auto added = addRecords({first, first + step.entries}, signals, ranges); !added) return added;
+            records.first += step.entries;
+        } else {
+            const std::uint64_t span = SummaryFile::span(step.level);
+            auto added =
+                addEntries(*piece.levels[step.level], records.first / span, step.entries, signals, ranges);
+            if (!added) return added;
+            records.first += step.entries * span;
+        }
+    }
+    return {};
+}
+
 // The highest level with an entry that begins here and ends in time, up to where a higher one takes over.
-PyramidReader::Step PyramidReader::nextStep(RecordRange records) const {
-    for (std::size_t level = levels_.size() - 1; level > 0; --level) {
+PyramidReader::Step PyramidReader::Piece::nextStep(RecordRange range) const {
+    for (std::size_t level = levels.size() - 1; level > 0; --level) {
         const std::uint64_t span = SummaryFile::span(level);
-        const std::uint64_t first = records.first / span;
-        const std::uint64_t end = std::min(records.end / span, entriesOf(level));
-        if (records.first % span != 0 || first >= end) continue;
+        const std::uint64_t first = range.first / span;
+        const std::uint64_t end = std::min(range.end / span, entriesOf(level));
+        if (range.first % span != 0 || first >= end) continue;
         const std::uint64_t untilHigher = kBlockLength - first % kBlockLength;
-        const bool isHighest = level + 1 == levels_.size();
+        const bool isHighest = level + 1 == levels.size();
         return {level, isHighest ? end - first : std::min(untilHigher, end - first)};
     }
     // To the next entry of level 1, if there is one to come.
-    const std::uint64_t nextBlock = (records.first / kBlockLength + 1) * kBlockLength;
-    const bool levelFollows = levels_.size() > 1 && nextBlock / kBlockLength < entriesOf(1);
-    return {0, levelFollows ? std::min(nextBlock - records.first, records.count()) : records.count()};
+    const std::uint64_t nextBlock = (range.first / kBlockLength + 1) * kBlockLength;
+    const bool levelFollows = levels.size() > 1 && nextBlock / kBlockLength < entriesOf(1);
+    return {0, levelFollows ? std::min(nextBlock - range.first, range.count()) : range.count()};
 }
 
 Result<void> PyramidReader::addRecords(RecordRange records, std::span<const std::size_t> signals,
@@ -85,10 +101,9 @@ Result<void> PyramidReader::addRecords(RecordRange records, std::span<const std:
     }
 }
 
-Result<void> PyramidReader::addEntries(std::size_t level, std::uint64_t first, std::uint64_t count,
+Result<void> PyramidReader::addEntries(EntryReader& file, std::uint64_t first, std::uint64_t count,
                                        std::span<const std::size_t> signals,
                                        std::vector<ValueRange>& ranges) {
-    EntryReader& file = *levels_[level];
     while (count > 0) {
         auto bytes = file.read(first, count);
         if (!bytes) return bytes.error();

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <span>
 #include <vector>
@@ -21,7 +20,7 @@ namespace lm::storage {
 
 class PyramidReader {
   public:
-    PyramidReader(const std::filesystem::path& directory, const GroupReader& group);
+    explicit PyramidReader(const GroupReader& group);
 
     /// One range for each of `signals` (places in the group's "signals"), over `records`, which lie in the
     /// group; empty where a signal has no valid value. What comes from a level is rounded outward to floats.
@@ -35,16 +34,25 @@ class PyramidReader {
         std::uint64_t entries = 0;
     };
 
-    Step nextStep(RecordRange records) const;
-    std::uint64_t entriesOf(std::size_t level) const;
+    /// The levels of one file of the group; ranges count from its first record.
+    struct Piece {
+        const GroupPiece* records = nullptr;
+        std::vector<std::optional<EntryReader>> levels = {};  ///< by level; the first is no level
+
+        Step nextStep(RecordRange range) const;
+        std::uint64_t entriesOf(std::size_t level) const;
+    };
+
+    Result<void> addPiece(Piece& piece, RecordRange records, std::span<const std::size_t> signals,
+                          std::vector<ValueRange>& ranges);
     Result<void> addRecords(RecordRange records, std::span<const std::size_t> signals,
                             std::vector<ValueRange>& ranges) const;
-    Result<void> addEntries(std::size_t level, std::uint64_t first, std::uint64_t count,
-                            std::span<const std::size_t> signals, std::vector<ValueRange>& ranges);
+    static Result<void> addEntries(EntryReader& file, std::uint64_t first, std::uint64_t count,
+                                   std::span<const std::size_t> signals, std::vector<ValueRange>& ranges);
 
     const GroupReader* group_;
     std::vector<SignalDecoder> decoders_;
-    std::vector<std::optional<EntryReader>> levels_;  ///< by level; the first is no level
+    std::vector<Piece> pieces_;
 };
 
 }  // namespace lm::storage

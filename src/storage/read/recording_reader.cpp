@@ -1,5 +1,6 @@
 #include "storage/read/recording_reader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "storage/format/recording_meta.h"
+#include "storage/read/gap_search.h"
 #include "storage/read/input_file.h"
 
 namespace lm::storage {
@@ -27,6 +29,21 @@ Result<RecordingInfo> readMeta(const std::filesystem::path& path) {
     return metaFromJson({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
+bool sameSignal(const SignalInfo& a, const SignalInfo& b) {
+    return a.name == b.name && a.coding.dataType == b.coding.dataType &&
+           a.coding.byteOrder == b.coding.byteOrder && a.coding.bitMask == b.coding.bitMask &&
+           a.recordOffset == b.recordOffset;
+}
+
+bool recordsTheSame(const RecordingInfo& a, const RecordingInfo& b) {
+    const auto sameGroup = [](const GroupInfo& left, const GroupInfo& right) {
+        return left.recordSize == right.recordSize && left.cycleNs == right.cycleNs &&
+               std::equal(left.signals.begin(), left.signals.end(), right.signals.begin(),
+                          right.signals.end(), sameSignal);
+    };
+    return std::equal(a.groups.begin(), a.groups.end(), b.groups.begin(), b.groups.end(), sameGroup);
+}
+
 }  // namespace
 
 Result<RecordingReader> RecordingReader::open(const std::filesystem::path& directory) {
@@ -35,6 +52,72 @@ Result<RecordingReader> RecordingReader::open(const std::filesystem::path& direc
     const Error& error = info.error();
     if (error.sysErrno != ENOENT && error.sysErrno != ENOTDIR) return error;
     return Error{ErrorCode::notFound, "no recording in " + directory.string()};
+}
+
+Result<RecordingReader> RecordingReader::join(std::vector<RecordingReader> recordings,
+                                              const std::string& name) {
+    RecordingReader joined = std::move(recordings.front());
+    for (std::size_t i = 1; i < recordings.size(); ++i) {
+        RecordingReader& next = recordings[i];
+        if (!recordsTheSame(joined.info_, next.info_)) {
+            return Error{ErrorCode::invalidArgument,
+                         next.directory_.string() + ": records other signals than " +
+                             joined.directory_.string() + ", the two cannot be read as one"};
+        }
+        const bool sameSeries =
+            joined.info_.part && next.info_.part && joined.info_.part->series == next.info_.part->series;
+        const std::int64_t shiftNs = sameSeries
+                                         ? 0
+                                         : timeBetween(joined.info_.startUtcNs, next.info_.startUtcNs) -
+                                               timeBetween(joined.info_.startHostNs, next.info_.startHostNs);
+        joined.more_.push_back({std::move(next.directory_), std::move(next.info_), shiftNs});
+    }
+    if (!name.empty()) joined.info_.name = name;
+    return joined;
+}
+
+Result<GroupReader> RecordingReader::openGroup(std::size_t number) const {
+    auto group = GroupReader::open(directory_, number, info_.groups[number]);
+    if (!group) return group;
+    for (const RecordingPart& part : more_) {
+        auto next = GroupReader::open(part.directory, number, part.info.groups[number]);
+        if (!next) return next;
+        auto joined = group.value().append(std::move(next).value(), part.shiftNs);
+        if (!joined) return joined.error();
+    }
+    return group;
+}
+
+RecordingEvents RecordingReader::events() const {
+    RecordingEvents all = readEvents(directory_, info_);
+    for (const RecordingPart& part : more_) {
+        RecordingEvents events = readEvents(part.directory, part.info);
+        if (all.trouble.empty()) all.trouble = events.trouble;
+        all.beingWritten = events.beingWritten;
+        for (Outage& outage : events.outages) {
+            outage.beginNs += part.shiftNs;
+            if (outage.endNs) *outage.endNs += part.shiftNs;
+            const bool goesOn = !all.outages.empty() && all.outages.back().outcome == kOutageGoesOn &&
+                                all.outages.back().endNs == outage.beginNs;
+            if (goesOn) outage.beginNs = all.outages.back().beginNs;
+            if (goesOn) all.outages.pop_back();
+            all.outages.push_back(std::move(outage));
+        }
+        for (ClockPair& pair : events.clocks)
+            all.clocks.push_back({pair.hostNs + part.shiftNs, pair.utcNs});
+        for (ClockStep& step : events.steps) {
+            step.after.hostNs += part.shiftNs;
+            all.steps.push_back(step);
+        }
+        for (EcuNote& note : events.ecus) {
+            note.timeNs += part.shiftNs;
+            // What a split repeats is not new.
+            if (all.ecus.empty() || all.ecus.back().timeNs != note.timeNs)
+                all.ecus.push_back(std::move(note));
+        }
+        all.end = events.end;
+    }
+    return all;
 }
 
 TimeSpan RecordingReader::timeSpan() const {

@@ -12,13 +12,25 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "core/result.h"
+#include "storage/format/recording_events.h"
 #include "storage/format/recording_info.h"
 #include "storage/read/group_reader.h"
 
 namespace lm::storage {
+
+/// One of several recordings that are read as one.
+struct RecordingPart {
+    std::filesystem::path directory;
+    RecordingInfo info;
+    /// From its timestamps to those of the first one: parts of a series share a clock, others are placed by
+    /// UTC.
+    std::int64_t shiftNs = 0;
+};
 
 class RecordingReader {
   public:
@@ -27,14 +39,22 @@ class RecordingReader {
     /// and what is wrong with it.
     static Result<RecordingReader> open(const std::filesystem::path& directory);
 
+    /// Recordings that follow each other, in their order, as one. Errors: invalidArgument "DIRECTORY: records
+    /// other signals than DIRECTORY".
+    static Result<RecordingReader> join(std::vector<RecordingReader> recordings, const std::string& name);
+
+    /// Those that follow the first one, which is what the functions below tell of.
+    const std::vector<RecordingPart>& more() const { return more_; }
+
     const std::filesystem::path& directory() const { return directory_; }
     const RecordingInfo& info() const { return info_; }
 
     /// `number` is below info().groups.size(). The group reader borrows from this object, which may be moved
-    /// meanwhile. Errors: those of GroupReader::open().
-    Result<GroupReader> openGroup(std::size_t number) const {
-        return GroupReader::open(directory_, number, info_.groups[number]);
-    }
+    /// meanwhile. Errors: those of GroupReader::open() and append().
+    Result<GroupReader> openGroup(std::size_t number) const;
+
+    /// Of all parts. An outage that a split cut in two is one.
+    RecordingEvents events() const;
 
     /// Of all groups that can be read.
     TimeSpan timeSpan() const;
@@ -45,6 +65,7 @@ class RecordingReader {
 
     std::filesystem::path directory_;
     RecordingInfo info_;
+    std::vector<RecordingPart> more_;
 };
 
 }  // namespace lm::storage

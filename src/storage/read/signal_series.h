@@ -18,9 +18,8 @@ namespace lm::storage {
 class SignalSeries {
   public:
     /// `signal` is a place in the group's "signals".
-    SignalSeries(const std::filesystem::path& directory, const GroupReader& group, std::size_t signal,
-                 const std::vector<Outage>& outages)
-        : group_(group), signal_(signal), pyramid_(directory, group), outages_(outages) {}
+    SignalSeries(const GroupReader& group, std::size_t signal, const std::vector<Outage>& outages)
+        : group_(group), signal_(signal), pyramid_(group), outages_(outages) {}
 
     const SignalInfo& info() const { return group_.info().signals[signal_]; }
 

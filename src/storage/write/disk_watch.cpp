@@ -1,7 +1,6 @@
 #include "storage/write/disk_watch.h"
 
 #include <algorithm>
-#include <optional>
 #include <pthread.h>
 #include <sys/statvfs.h>
 
@@ -30,15 +29,9 @@ std::string aboutText(Seconds time) {
     return fmt::format("{:.0f} days", time / (24 * kHour));
 }
 
-std::optional<std::uint64_t> freeBytes(const std::filesystem::path& directory) {
-    struct statvfs disk {};
-    if (::statvfs(directory.c_str(), &disk) != 0) return std::nullopt;
-    return std::uint64_t{disk.f_bavail} * disk.f_frsize;
-}
-
 /// Warns when there is something to tell. False when the disk cannot be asked.
 bool look(const std::filesystem::path& directory, DiskForecast& forecast, Seconds sinceStart) {
-    const auto free = freeBytes(directory);
+    const auto free = freeDiskBytes(directory);
     if (!free) return false;
     const std::string warning = forecast.look(sinceStart, *free);
     if (!warning.empty()) log::warn("recording: the disk of {} {}", directory.string(), warning);
@@ -46,6 +39,12 @@ bool look(const std::filesystem::path& directory, DiskForecast& forecast, Second
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> freeDiskBytes(const std::filesystem::path& path) {
+    struct statvfs disk {};
+    if (::statvfs(path.c_str(), &disk) != 0) return std::nullopt;
+    return std::uint64_t{disk.f_bavail} * disk.f_frsize;
+}
 
 double expectedBytesPerSecond(const RecordingInfo& info) {
     double total = 0;

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -17,6 +18,9 @@
 #include "storage/format/recording_info.h"
 
 namespace lm::storage {
+
+/// Of the disk that holds a path; none when it cannot be asked.
+std::optional<std::uint64_t> freeDiskBytes(const std::filesystem::path& path);
 
 /// Bytes per second that the groups with a cycle take on the disk, index and levels included.
 double expectedBytesPerSecond(const RecordingInfo& info);

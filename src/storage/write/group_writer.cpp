@@ -37,6 +37,7 @@ GroupWriter::GroupWriter(std::uint32_t recordSize, AppendFile records, SummaryWr
       counters_(&counters) {}
 
 void GroupWriter::append(std::int64_t timestampNs, const std::uint8_t* data) {
+    ++place_.number;
     std::uint8_t* place = records_.reserve();
     if (place == nullptr && !stalled_) {
         flushRecords();
@@ -46,8 +47,8 @@ void GroupWriter::append(std::int64_t timestampNs, const std::uint8_t* data) {
         counters_->recordsDropped.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    lastTimestampNs_ = std::max(lastTimestampNs_, timestampNs);
-    writeLittle(place, static_cast<std::uint64_t>(lastTimestampNs_));
+    place_.lastTimestampNs = std::max(place_.lastTimestampNs, timestampNs);
+    writeLittle(place, static_cast<std::uint64_t>(place_.lastTimestampNs));
     if (recordSize_ > 0) std::memcpy(place + kTimestampSize, data, recordSize_);
     records_.commit();
 }

@@ -28,6 +28,13 @@ struct RecordingCounters {
 
 class GroupWriter {
   public:
+    /// How far a group has come: the number of its next record, in all parts together, and the time of its
+    /// last.
+    struct Place {
+        std::uint64_t number = 0;
+        std::int64_t lastTimestampNs = std::numeric_limits<std::int64_t>::min();
+    };
+
     /// Makes the record file, its header on the disk, and the index. Errors: those of ClaimedFile::create();
     /// then neither file is left.
     static Result<GroupWriter> create(std::size_t groupIndex, const GroupInfo& group, RecordingFaults& faults,
@@ -36,6 +43,10 @@ class GroupWriter {
     /// `data` holds the group's recordSize bytes. A timestamp before the previous one becomes that one.
     void append(std::int64_t timestampNs, const std::uint8_t* data);
     void flush();
+    /// Records that the disk did not take have a number all the same.
+    Place place() const { return place_; }
+    /// Before the first record: this group goes on where another one ended.
+    void continueAfter(const Place& before) { place_ = before; }
     /// Of the file of records, open until close().
     int recordDescriptor() const { return records_.file().descriptor(); }
     /// Flushes, the records also to the disk, and closes; records that still did not get into the file count
@@ -56,7 +67,7 @@ class GroupWriter {
     SummaryWriter summary_;
     RecordingFaults* faults_;
     RecordingCounters* counters_;
-    std::int64_t lastTimestampNs_ = std::numeric_limits<std::int64_t>::min();
+    Place place_;
     bool stalled_ = false;  ///< the last flush failed; only the next timed flush tries again
 };
 

@@ -1,9 +1,14 @@
 #include "storage/write/recorder.h"
 
+#include <chrono>
 #include <iterator>
 #include <limits>
+#include <unistd.h>
+
+#include <spdlog/fmt/fmt.h>
 
 #include "core/platform.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::storage {
 
@@ -24,29 +29,81 @@ GroupRange Recorder::add(std::vector<GroupInfo> groups) {
     return range;
 }
 
-Result<void> Recorder::begin(const std::filesystem::path& directory, DiskForecast::Seconds duration) {
+Result<void> Recorder::begin(const RecordingPlace& place, DiskForecast::Seconds duration) {
     // Every group keeps two files open and one more per summary level.
     raiseOpenFileLimit();
     WriterOptions options;
     options.queueBytes = recommendedQueueBytes(info_);
-    const DiskForecast forecast(expectedBytesPerSecond(info_), duration);
-    auto writer = RecordingWriter::create(directory, std::move(info_), options);
+    options.companions = place.companions;
+    if (auto claimed = claimDirectory(place, options); !claimed) return claimed;
+    auto writer = RecordingWriter::create(directory_, info_, options);
     if (!writer) return writer.error();
     writer_ = std::move(writer).value();
-    auto watched = disk_.start(directory, forecast);
+    auto begun = beginSeries(place);
+    // What may be removed for the sake of room is no reason to warn of little room.
+    if (begun && !place.keep.any())
+        begun = disk_.start(directory_, DiskForecast(expectedBytesPerSecond(info_), duration));
     // The reason is what counts.
-    if (!watched) static_cast<void>(writer_->discard());
-    return watched;
+    if (!begun) static_cast<void>(discard());
+    return begun;
+}
+
+Result<void> Recorder::claimDirectory(const RecordingPlace& place, WriterOptions& options) {
+    directory_ = place.directory;
+    if (place.split.any()) {
+        names_ =
+            PartNames::forParts(place.directory, place.name.empty() ? "{time}_{n}" : place.name, info_.ecu);
+        info_.part = PartInfo{fmt::format("{:x}-{:x}", info_.startUtcNs, ::getpid()), 1, ""};
+    } else if (!place.name.empty()) {
+        names_ = PartNames::forRecordings(place.directory, place.name, info_.ecu);
+    }
+    if (!names_) return {};
+    auto claimed = names_->claim(1, info_.startUtcNs);
+    if (!claimed) return claimed.error();
+    directory_ = claimed.value().path;
+    options.newDirectories = claimed.value().made;
+    info_.name = directory_.filename().string();
+    return {};
+}
+
+Result<void> Recorder::beginSeries(const RecordingPlace& place) {
+    if (!place.split.any() && place.care == nullptr) return {};
+    const auto noteRemoved = [this](const std::string& part) {
+        using namespace std::chrono;
+        const auto now = nanoseconds(steady_clock::now().time_since_epoch()).count();
+        writer_->note(partRemovedLine(now, part));
+    };
+    keeper_ = std::make_unique<PartKeeper>(
+        PartKeeper::Series{info_.part ? info_.part->series : "", info_.ecu, place.directory}, place.keep,
+        place.care, noteRemoved);
+    if (auto started = keeper_->start(); !started) return started;
+    if (!place.split.any()) return {};
+    series_ = std::make_unique<PartSeries>(
+        *writer_, *keeper_,
+        PartSeries::Plan{info_, directory_, *names_, place.split, place.keep, place.companions});
+    return series_->start();
 }
 
 Result<void> Recorder::close() {
     disk_.stop();
-    return writer_->close();
+    if (series_) {
+        series_->stop();
+        directory_ = series_->lastPart();
+    }
+    auto closed = writer_->close();
+    if (keeper_) keeper_->add(directory_);
+    if (series_ && series_->failedPart()) return RecordingWriter::writeErrorIn(*series_->failedPart());
+    return closed;
 }
 
 Result<void> Recorder::discard() {
     disk_.stop();
+    if (series_) series_->stop();
     return writer_->discard();
+}
+
+void Recorder::finishCare() {
+    if (keeper_) keeper_->finish();
 }
 
 }  // namespace lm::storage

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +17,9 @@
 #include "core/result.h"
 #include "storage/format/recording_info.h"
 #include "storage/write/disk_watch.h"
+#include "storage/write/part_keeper.h"
+#include "storage/write/part_names.h"
+#include "storage/write/part_series.h"
 #include "storage/write/recording_writer.h"
 
 namespace lm::storage {
@@ -41,6 +45,17 @@ class GroupRange {
     std::size_t count_;
 };
 
+/// Where a recording goes and what becomes of it.
+struct RecordingPlace {
+    /// Of the recording; with a name or a split, the folder below which it gets directories of its own.
+    std::filesystem::path directory;
+    std::string name = {};  ///< a pattern, see PartNames; empty with a split: "{time}_{n}"
+    SplitRule split = {};
+    KeepRule keep = {};                          ///< of the closed parts
+    ICareForParts* care = nullptr;               ///< of each recording that is closed; borrowed
+    std::vector<CompanionFile> companions = {};  ///< in each of them
+};
+
 class Recorder {
   public:
     /// `about` tells all but the groups.
@@ -52,11 +67,18 @@ class Recorder {
 
     /// Makes the recording, of so many seconds (0: open), and watches its disk; nothing is added any more.
     /// Errors: those of RecordingWriter::create(), "cannot start the watch of the disk: REASON".
-    Result<void> begin(const std::filesystem::path& directory, DiskForecast::Seconds duration);
+    Result<void> begin(const RecordingPlace& place, DiskForecast::Seconds duration);
     /// As of RecordingWriter: one of both ends what begin() began. These and the counters: not before begin()
     /// has succeeded.
     Result<void> close();
     Result<void> discard();
+    /// After close(): waits until all that was closed has been cared for. The destructor waits likewise.
+    void finishCare();
+
+    /// The directory of the recording, or of its last part after close().
+    const std::filesystem::path& directory() const { return directory_; }
+    /// So far, from any thread; 0: it was not to be split.
+    std::uint64_t parts() const { return series_ ? series_->count() : 0; }
 
     std::uint64_t recordsWritten() const { return writer_->recordsWritten(); }
     std::uint64_t recordsDropped() const { return writer_->recordsDropped(); }
@@ -64,8 +86,15 @@ class Recorder {
   private:
     friend class GroupRange;
 
-    RecordingInfo info_;                       ///< until begin()
+    Result<void> claimDirectory(const RecordingPlace& place, WriterOptions& options);
+    Result<void> beginSeries(const RecordingPlace& place);
+
+    RecordingInfo info_;
+    std::filesystem::path directory_;
+    std::optional<PartNames> names_;
     std::unique_ptr<RecordingWriter> writer_;  ///< constant since begin()
+    std::unique_ptr<PartKeeper> keeper_;       ///< where something is to be cared for or kept
+    std::unique_ptr<PartSeries> series_;       ///< where there is a split
     DiskWatch disk_;
 };
 

@@ -1,28 +1,21 @@
 #include "storage/write/recording_writer.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
-#include <optional>
 #include <pthread.h>
 #include <string>
-#include <system_error>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include "core/durable_file.h"
+#include "core/log.h"
 #include "core/thread.h"
 #include "storage/format/recording_events.h"
-#include "storage/format/recording_faults.h"
-#include "storage/format/recording_meta.h"
 #include "storage/write/byte_ring.h"
-#include "storage/write/disk_flusher.h"
-#include "storage/write/event_file.h"
-#include "storage/write/group_writer.h"
 
 namespace lm::storage {
 namespace {
@@ -33,152 +26,84 @@ namespace fs = std::filesystem;
 constexpr std::chrono::milliseconds kIdleWait{2};
 /// Entries taken from the queue between two looks at the clock.
 constexpr std::size_t kBatch = 64;
-/// The group number has 16 bits in the queue.
-constexpr std::size_t kMaxGroups = 65536;
 /// How often it is noted how the clock of the timestamps stands to UTC.
 constexpr std::int64_t kClockIntervalMs = 60'000;
+
+ClockPair clocksNow() {
+    const auto ns = [](auto sinceEpoch) {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(sinceEpoch).count();
+    };
+    return {ns(Clock::now().time_since_epoch()), ns(std::chrono::system_clock::now().time_since_epoch())};
+}
 
 std::int64_t millisecondsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-/// The directory and its parents as far as they are not there, the outermost first.
-std::vector<fs::path> missingDirectories(const fs::path& directory) {
-    std::vector<fs::path> missing;
-    std::error_code failure;
-    for (fs::path at = directory; !at.empty() && !fs::exists(at, failure); at = at.parent_path())
-        missing.push_back(at);
-    std::reverse(missing.begin(), missing.end());
-    return missing;
-}
-
-Result<void> removeFile(const fs::path& path) {
-    std::error_code failure;
-    fs::remove(path, failure);
-    if (!failure) return {};
-    return Error::fromErrno(failure.value(), "cannot remove " + path.string());
-}
-
 }  // namespace
 
 struct RecordingWriter::State {
-    State(const fs::path& directory, RecordingInfo recording, const WriterOptions& options)
-        : path(directory),
-          info(std::move(recording)),
-          flushIntervalMs(options.flushIntervalMs),
-          ring(options.queueBytes),
-          faults(directory) {}
+    State(const fs::path& directory, const RecordingInfo& recording, const WriterOptions& options)
+        : path(directory), flushIntervalMs(options.flushIntervalMs), ring(options.queueBytes) {
+        for (const GroupInfo& group : recording.groups)
+            recordSizes.push_back(group.recordSize);
+    }
 
-    Result<void> prepare();
-    Result<void> makeDirectory();
-    Result<void> checkGroups() const;
-    Result<void> startThread();
+    Result<void> prepare(RecordingInfo info, const WriterOptions& options);
     void stopThread();
-    Result<void> removeNewFiles();
 
     void run();
     bool takeBatch();
     void takeNotes();
-    void noteClocks();
+    void takeNext();
+    void lookAtClocks();
+    void noteClocks(const ClockPair& now);
     void flushAll();
     bool waitForMore();
 
     // Constant after create().
     const fs::path path;
-    const RecordingInfo info;
+    std::vector<std::uint32_t> recordSizes;
     const std::int64_t flushIntervalMs;
-    std::vector<fs::path> madeDirectories;  ///< the outermost first
-    bool madeMeta = false;
 
     // Safe from any thread.
     ByteRing ring;
     RecordingCounters counters;
 
     // The file thread's while it runs.
-    RecordingFaults faults;
-    std::vector<GroupWriter> groups;
-    std::optional<EventFile> events;
-    DiskFlusher flusher;  ///< ends before the files that it borrows
+    std::unique_ptr<RecordingFiles> files;
     Clock::time_point lastFlush = Clock::now();
     Clock::time_point lastClocks = lastFlush;
+    ClockPair knownClocks = clocksNow();  ///< at the last look
 
     std::mutex noteMutex;
-    std::vector<std::string> notes;  ///< under noteMutex: lines for `events`
+    std::vector<std::string> notes;  ///< under noteMutex: lines for the events
 
     // The owner's.
     std::thread thread;
+
+    std::mutex partMutex;
+    std::condition_variable partChanged;
+    std::unique_ptr<RecordingFiles> next;    ///< under partMutex: to go on in
+    std::unique_ptr<RecordingFiles> before;  ///< under partMutex: the files that it went on from
+    std::atomic<bool> hasNext{false};
 
     std::mutex stopMutex;
     std::condition_variable stopChanged;
     bool stopping = false;  ///< under stopMutex
 };
 
-// --- Making the recording
-
-Result<void> RecordingWriter::State::prepare() {
+Result<void> RecordingWriter::State::prepare(RecordingInfo info, const WriterOptions& options) {
     if (ring.capacity() == 0) {
         return Error{ErrorCode::ioError, "not enough memory for the recording queue"};
     }
-    if (auto made = makeDirectory(); !made) return made;
-    if (auto fit = checkGroups(); !fit) return fit;
-    MetaFile meta(path);
-    if (auto staged = meta.stage(info); !staged) return staged;
-    for (std::size_t i = 0; i < info.groups.size(); ++i) {
-        auto files = GroupWriter::create(i, info.groups[i], faults, counters);
-        if (!files) return files.error();
-        groups.push_back(std::move(files).value());
-    }
-    auto made = EventFile::create(info, faults);
+    auto made =
+        RecordingFiles::create(path, std::move(info), counters, options.companions, options.newDirectories);
     if (!made) return made.error();
-    events.emplace(std::move(made).value());
-    // What says that there is a recording comes last: a crash before leaves none, a crash after a whole one.
-    if (const int failure = flushDirectoryToDisk(path); failure != 0) {
-        return Error::fromErrno(failure, "cannot write " + path.string());
-    }
-    auto committed = meta.commit();
-    madeMeta = meta.isInPlace();
-    if (!committed) return committed;
-    return startThread();
-}
-
-Result<void> RecordingWriter::State::makeDirectory() {
-    std::error_code failure;
-    const auto failed = [this](int reason) {
-        return Error::withReasonAsHint(codeFromErrno(reason), reason, "cannot create " + path.string());
-    };
-    for (const fs::path& directory : missingDirectories(path)) {
-        const bool made = fs::create_directory(directory, failure);
-        if (failure) return failed(failure.value());
-        if (made) madeDirectories.push_back(directory);
-    }
-    if (!fs::is_directory(path, failure)) return failed(failure ? failure.value() : ENOTDIR);
-    for (const fs::path& directory : madeDirectories) {
-        const fs::path parent = directory.has_parent_path() ? directory.parent_path() : ".";
-        if (const int lost = flushDirectoryToDisk(parent); lost != 0) return failed(lost);
-    }
-    return {};
-}
-
-Result<void> RecordingWriter::State::checkGroups() const {
-    if (info.groups.size() > kMaxGroups) return Error{ErrorCode::invalidArgument, "too many groups"};
-    for (const GroupInfo& group : info.groups) {
-        if (group.recordSize > kMaxRecordSize) {
-            return Error{ErrorCode::invalidArgument, group.name + ": record too large"};
-        }
-        if (auto placed = checkSignalPlaces(group); !placed) return placed;
-    }
-    return {};
-}
-
-Result<void> RecordingWriter::State::startThread() {
-    std::vector<int> files;
-    for (const GroupWriter& group : groups)
-        files.push_back(group.recordDescriptor());
-    files.push_back(events->file().descriptor());
-    if (auto flushing = flusher.start(std::move(files)); !flushing) return flushing;
+    files = std::move(made).value();
     auto started = lm::startThread("cannot start the recording thread", [this] { run(); });
     if (!started) {
-        flusher.stop();
+        static_cast<void>(files->remove());
         return started.error();
     }
     thread = std::move(started).value();
@@ -193,42 +118,56 @@ void RecordingWriter::State::run() {
     while (more) {
         const bool emptied = !takeBatch();
         takeNotes();
+        takeNext();
         if (millisecondsSince(lastFlush) >= flushIntervalMs) flushAll();
         if (emptied) more = waitForMore();
     }
-    flusher.stop();
-    if (flusher.failed()) faults.reportWriteError();
-    // After all writes the disk can take them together.
-    for (GroupWriter& group : groups)
-        group.flush();
-    noteClocks();
+    takeNext();
+    noteClocks(clocksNow());
     takeNotes();
-    for (GroupWriter& group : groups)
-        group.close();
-    events->close();
+    files->close();
 }
 
-/// Lines go to the file as they come, and from there to the disk without waiting for the next flush.
 void RecordingWriter::State::takeNotes() {
     std::vector<std::string> lines;
     {
         const std::scoped_lock lock(noteMutex);
         lines.swap(notes);
     }
-    if (lines.empty()) return;
-    for (const std::string& line : lines)
-        events->append(line);
-    if (events->flush()) flusher.request();
+    files->note(lines);
 }
 
-void RecordingWriter::State::noteClocks() {
-    const auto ns = [](auto sinceEpoch) {
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(sinceEpoch).count();
-    };
+/// Between two records: what came before is in the files of the part before.
+void RecordingWriter::State::takeNext() {
+    if (!hasNext.load(std::memory_order_relaxed)) return;
+    const ClockPair now = clocksNow();
+    noteClocks(now);
+    takeNotes();
+    const std::scoped_lock lock(partMutex);
+    files->continueIn(*next, now.hostNs);
+    before = std::exchange(files, std::move(next));
+    hasNext = false;
+    partChanged.notify_one();
+}
+
+/// A step is what no clock that is only slowed down or hurried does between two looks.
+void RecordingWriter::State::lookAtClocks() {
+    constexpr std::int64_t kLeastStepNs = 100'000'000;
+    const ClockPair now = clocksNow();
+    const std::int64_t byNs = (now.utcNs - knownClocks.utcNs) - (now.hostNs - knownClocks.hostNs);
+    knownClocks = now;
+    if (std::abs(byNs) >= kLeastStepNs) {
+        log::warn("recording: the system's clock was set by {:+.3f} s", static_cast<double>(byNs) / 1e9);
+        const std::scoped_lock lock(noteMutex);
+        notes.push_back(clockStepLine({now, byNs}));
+    }
+    if (millisecondsSince(lastClocks) >= kClockIntervalMs) noteClocks(now);
+}
+
+void RecordingWriter::State::noteClocks(const ClockPair& now) {
     lastClocks = Clock::now();
-    const std::int64_t utcNs = ns(std::chrono::system_clock::now().time_since_epoch());
     const std::scoped_lock lock(noteMutex);
-    notes.push_back(clockLine({ns(lastClocks.time_since_epoch()), utcNs}));
+    notes.push_back(clockLine(now));
 }
 
 /// False when the queue was found empty.
@@ -236,19 +175,16 @@ bool RecordingWriter::State::takeBatch() {
     for (std::size_t i = 0; i < kBatch; ++i) {
         const auto entry = ring.front();
         if (!entry) return false;
-        groups[entry->group].append(entry->timestampNs, entry->data);
+        files->append(entry->group, entry->timestampNs, entry->data);
         ring.pop();
     }
     return true;
 }
 
 void RecordingWriter::State::flushAll() {
-    for (GroupWriter& group : groups)
-        group.flush();
-    if (millisecondsSince(lastClocks) >= kClockIntervalMs) noteClocks();
-    events->flush();
-    flusher.request();
-    if (flusher.failed()) faults.reportWriteError();
+    lookAtClocks();
+    takeNotes();
+    files->flush();
     lastFlush = Clock::now();
 }
 
@@ -270,27 +206,6 @@ void RecordingWriter::State::stopThread() {
     if (thread.joinable()) thread.join();
 }
 
-Result<void> RecordingWriter::State::removeNewFiles() {
-    Result<void> result;
-    std::vector<fs::path> files;
-    for (const GroupWriter& group : groups) {
-        for (fs::path& file : group.newFiles())
-            files.push_back(std::move(file));
-    }
-    if (events && events->file().isNew()) files.push_back(events->file().path());
-    if (std::exchange(madeMeta, false)) files.push_back(path / kMetaFileName);
-    for (const fs::path& file : files) {
-        auto removed = removeFile(file);
-        if (!removed && result) result = std::move(removed);
-    }
-    groups.clear();
-    events.reset();
-    // rmdir leaves a directory with somebody else's files alone.
-    for (; !madeDirectories.empty(); madeDirectories.pop_back())
-        ::rmdir(madeDirectories.back().c_str());
-    return result;
-}
-
 // --- The owner's side
 
 std::uint64_t recommendedQueueBytes(const RecordingInfo& info) {
@@ -302,13 +217,9 @@ std::uint64_t recommendedQueueBytes(const RecordingInfo& info) {
 }
 
 Result<std::unique_ptr<RecordingWriter>> RecordingWriter::create(const fs::path& path, RecordingInfo info,
-                                                                 WriterOptions options) {
-    auto state = std::make_unique<State>(path, std::move(info), options);
-    if (auto prepared = state->prepare(); !prepared) {
-        auto removed = state->removeNewFiles();
-        static_cast<void>(removed);  // the first error says what to mend
-        return prepared.error();
-    }
+                                                                 const WriterOptions& options) {
+    auto state = std::make_unique<State>(path, info, options);
+    if (auto prepared = state->prepare(std::move(info), options); !prepared) return prepared.error();
     return std::unique_ptr<RecordingWriter>(new RecordingWriter(std::move(state)));
 }
 
@@ -320,8 +231,8 @@ RecordingWriter::~RecordingWriter() {
 
 bool RecordingWriter::write(std::size_t groupIndex, std::int64_t timestampNs, const std::uint8_t* data,
                             std::size_t length) {
-    const std::vector<GroupInfo>& groups = state_->info.groups;
-    if (groupIndex < groups.size() && length == groups[groupIndex].recordSize &&
+    const std::vector<std::uint32_t>& sizes = state_->recordSizes;
+    if (groupIndex < sizes.size() && length == sizes[groupIndex] &&
         state_->ring.push(static_cast<std::uint16_t>(groupIndex), timestampNs, data, length)) {
         return true;
     }
@@ -334,15 +245,32 @@ void RecordingWriter::note(std::string line) {
     state_->notes.push_back(std::move(line));
 }
 
+std::unique_ptr<RecordingFiles> RecordingWriter::continueIn(std::unique_ptr<RecordingFiles> next) {
+    std::unique_lock lock(state_->partMutex);
+    state_->next = std::move(next);
+    state_->hasNext = true;
+    state_->partChanged.wait(lock, [this] { return state_->before != nullptr; });
+    return std::move(state_->before);
+}
+
+Result<std::unique_ptr<RecordingFiles>> RecordingWriter::prepareNext(
+    const fs::path& path, RecordingInfo info, const std::vector<CompanionFile>& companions) {
+    return RecordingFiles::create(path, std::move(info), state_->counters, companions, {path});
+}
+
 Result<void> RecordingWriter::close() {
     state_->stopThread();
-    if (!state_->faults.writeFailed()) return {};
-    return Error{ErrorCode::ioError, "write error in " + state_->path.string()};
+    if (!state_->files || !state_->files->writeFailed()) return {};
+    return writeErrorIn(state_->files->path());
 }
 
 Result<void> RecordingWriter::discard() {
     state_->stopThread();
-    return state_->removeNewFiles();
+    return state_->files->remove();
+}
+
+Error RecordingWriter::writeErrorIn(const fs::path& directory) {
+    return {ErrorCode::ioError, "write error in " + directory.string()};
 }
 
 std::uint64_t RecordingWriter::recordsWritten() const {

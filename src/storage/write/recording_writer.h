@@ -12,9 +12,11 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/result.h"
 #include "storage/format/recording_info.h"
+#include "storage/write/recording_files.h"
 
 namespace lm::storage {
 
@@ -25,6 +27,8 @@ struct WriterOptions {
     std::uint64_t queueBytes = std::uint64_t{64} << 20U;
     /// How often everything buffered goes to the files: what a crash of the process can cost.
     std::int64_t flushIntervalMs = 1000;
+    std::vector<CompanionFile> companions = {};              ///< as of RecordingFiles::create()
+    std::vector<std::filesystem::path> newDirectories = {};  ///< likewise
 };
 
 /// 64 MiB, or more when eight records of the largest group need more.
@@ -38,7 +42,7 @@ class RecordingWriter {
     /// "cannot write meta.json: REASON", "cannot write FILE", "cannot create FILE: REASON". A failure leaves
     /// nothing behind that was not there before.
     static Result<std::unique_ptr<RecordingWriter>> create(const std::filesystem::path& path,
-                                                           RecordingInfo info, WriterOptions options);
+                                                           RecordingInfo info, const WriterOptions& options);
 
     /// close() without its result.
     ~RecordingWriter();
@@ -54,8 +58,20 @@ class RecordingWriter {
     /// milliseconds. Nothing after close().
     void note(std::string line);
 
+    // The recording can go on in another directory, record by record: these two belong to one thread beside
+    // the owner's, which the owner ends before close().
+    /// The files of the next part, in a directory that was just made for them. Errors: those of create().
+    Result<std::unique_ptr<RecordingFiles>> prepareNext(const std::filesystem::path& path, RecordingInfo info,
+                                                        const std::vector<CompanionFile>& companions);
+    /// All records that have not been taken from the queue go to `next`. Returns the files before, with every
+    /// record before written and none on its way; the caller closes them.
+    std::unique_ptr<RecordingFiles> continueIn(std::unique_ptr<RecordingFiles> next);
+
+    /// ioError "write error in DIRECTORY".
+    static Error writeErrorIn(const std::filesystem::path& directory);
+
     /// Writes what is queued, closes all files and joins the thread; a second call returns the same.
-    /// Errors: ioError "write error in PATH" when any write failed during the recording.
+    /// Errors: writeErrorIn() when any write to its (last) directory failed.
     Result<void> close();
 
     /// For a measurement that did not start: closes and removes the files and directories that this writer
