@@ -31,13 +31,17 @@ Result<std::vector<std::uint8_t>> uploadBytes(xcp::Master& master, xcp::Address 
                                      all.begin() + static_cast<std::ptrdiff_t>(units.before + size));
 }
 
-Result<void> downloadBytes(xcp::Master& master, xcp::Address address, std::span<const std::uint8_t> bytes) {
+Result<void> downloadBytes(xcp::Master& master, xcp::Address address, std::span<const std::uint8_t> bytes,
+                           bool inBlocks) {
+    const auto download = [&](xcp::Address to, std::span<const std::uint8_t> wholeUnits) {
+        return inBlocks ? master.downloadBlocks(to, wholeUnits) : master.download(to, wholeUnits);
+    };
     const Units units = unitsOf(master, address, bytes.size());
-    if (units.size == bytes.size()) return master.download(address, bytes);
+    if (units.size == bytes.size()) return download(address, bytes);
     auto whole = xcp::inStep(master, [&] { return master.upload(units.address, units.size); });
     if (!whole) return whole.error();
     std::copy(bytes.begin(), bytes.end(), whole.value().begin() + static_cast<std::ptrdiff_t>(units.before));
-    return master.download(units.address, whole.value());
+    return download(units.address, whole.value());
 }
 
 }  // namespace lm::session

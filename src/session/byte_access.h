@@ -17,7 +17,9 @@ namespace lm::session {
 /// Errors: those of xcp::Master::upload.
 Result<std::vector<std::uint8_t>> uploadBytes(xcp::Master& master, xcp::Address address, std::size_t size);
 
-/// Bytes around are read first and written as they are. Errors: those of xcp::Master::upload and download.
-Result<void> downloadBytes(xcp::Master& master, xcp::Address address, std::span<const std::uint8_t> bytes);
+/// Bytes around are read first and written as they are, all of them in block transfer if so wanted. Errors:
+/// those of xcp::Master::upload and download.
+Result<void> downloadBytes(xcp::Master& master, xcp::Address address, std::span<const std::uint8_t> bytes,
+                           bool inBlocks = false);
 
 }  // namespace lm::session

@@ -1,6 +1,7 @@
 #include "session/can_medium.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <utility>
 
@@ -59,29 +60,48 @@ hal::CanChannelConfig channelConfig(const SessionConfig::Can& config) {
     return channel;
 }
 
-/// The fixed identifiers of DAQ lists that the response identifier does not cover.
-std::vector<std::uint32_t> furtherIds(const a2l::XcpOnCan& described, std::uint32_t resId) {
-    std::vector<std::uint32_t> ids;
-    for (const a2l::XcpDaqListId& list : described.daqListIds) {
-        if (!list.id) continue;
-        const std::uint32_t id = *list.id;
+/// Those of DAQ lists that the response identifier does not cover.
+std::vector<xcp::CanId> furtherIds(const std::vector<DaqListId>& lists, const xcp::CanId& resId) {
+    std::vector<xcp::CanId> ids;
+    for (const DaqListId& list : lists) {
+        const auto id = xcp::CanId::fromA2l(list.id);
         if (id == resId || std::find(ids.begin(), ids.end(), id) != ids.end()) continue;
-        if (const auto valid = checkId(id); valid.ok()) {
+        if (const auto valid = checkId(list.id); valid.ok()) {
             ids.push_back(id);
         } else {
-            log::warn("A2L: identifier of a DAQ list ignored: {}", valid.error().text());
+            log::warn("{}: identifier of DAQ list {} ignored: {}",
+                      list.source == DaqListId::Source::a2l ? "A2L" : "GET_DAQ_ID", list.list,
+                      valid.error().text());
         }
     }
     return ids;
 }
 
+/// An A2L that names optional commands names all there are.
+bool mayKnowIds(const a2l::XcpInterface& ifData) {
+    if (!ifData.protocolLayer || ifData.protocolLayer->optionalCommands.empty()) return true;
+    const auto& offered = ifData.protocolLayer->optionalCommands;
+    return std::find(offered.begin(), offered.end(), "TRANSPORT_LAYER_CMD") != offered.end();
+}
+
+Result<void> checkListIds(const DaqListIds& listIds, const CanIdByList& wanted, std::uint32_t cmdId) {
+    for (const auto& [list, id] : wanted) {
+        auto valid = checkId(id);
+        if (valid.ok() && id == cmdId)
+            valid = Error{ErrorCode::invalidArgument, fmt::format("CAN-ID 0x{:X} is that of commands", id)};
+        if (valid.ok()) continue;
+        return Error{ErrorCode::invalidArgument,
+                     fmt::format("can.daqIds: DAQ list {}: {}", list, valid.error().text())};
+    }
+    return listIds.check();
+}
+
 xcp::CanTransportConfig transportConfig(const SessionConfig::Can& config, const a2l::XcpOnCan& described,
-                                        std::uint32_t cmdId, std::uint32_t resId) {
+                                        const DaqListIds& listIds, std::uint32_t cmdId, std::uint32_t resId) {
     xcp::CanTransportConfig transport;
     transport.cmdId = xcp::CanId::fromA2l(cmdId);
     transport.resId = xcp::CanId::fromA2l(resId);
-    for (const std::uint32_t id : furtherIds(described, resId))
-        transport.extraIds.push_back(xcp::CanId::fromA2l(id));
+    transport.extraIds = furtherIds(listIds.given(), transport.resId);
     transport.maxDlcRequired = config.maxDlcRequired || described.maxDlcRequired;
     transport.fd = config.fd;
     transport.brs = config.fd;
@@ -117,6 +137,8 @@ Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, cons
     for (const std::uint32_t id : {*cmdId, *resId}) {
         if (const auto valid = checkId(id); !valid.ok()) return valid.error();
     }
+    DaqListIds listIds(can.daqIds, described.daqListIds, mayKnowIds(ifData));
+    if (const auto checked = checkListIds(listIds, can.daqIds, *cmdId); !checked.ok()) return checked.error();
     warnAboutSettings(can, described);
     auto channel = pool.acquire(channelConfig(can));
     if (!channel.ok()) return channel.error();
@@ -126,24 +148,25 @@ Result<std::unique_ptr<IMedium>> makeCanMedium(const SessionConfig& config, cons
         fmt::format("{} {}", storage::kCanSource, can.interface),
         fmt::format("no one answers to CMD 0x{:X} with RES 0x{:X} on {}: the ECU is off, "
                     "identifiers, bit rate or CAN FD are others, or another master is connected",
-                    *cmdId, *resId, can.interface)};
-    auto medium = std::make_unique<CanMedium>(std::move(channel).value(),
-                                              transportConfig(can, described, *cmdId, *resId),
-                                              std::move(texts), described);
+                    *cmdId, *resId, can.interface),
+        fmt::format("can:{}:0x{:X}:0x{:X}", can.interface, *cmdId, *resId)};
+    auto transport = transportConfig(can, described, listIds, *cmdId, *resId);
+    auto medium = std::make_unique<CanMedium>(std::move(channel).value(), std::move(transport),
+                                              std::move(texts), described, std::move(listIds));
     if (const auto claimed = medium->claimIds(); !claimed.ok()) return claimed.error();
     return std::unique_ptr<IMedium>(std::move(medium));
 }
 
 CanMedium::CanMedium(std::shared_ptr<SharedChannel> channel, xcp::CanTransportConfig config,
-                     MediumTexts texts, const a2l::XcpOnCan& described)
+                     MediumTexts texts, const a2l::XcpOnCan& described, DaqListIds listIds)
     : channel_(std::move(channel)),
       config_(std::move(config)),
       texts_(std::move(texts)),
       described_{described.baudrate.value_or(0), described.dataBaudrate.value_or(0)},
-      listIdsFixed_(std::any_of(described.daqListIds.begin(), described.daqListIds.end(),
-                                [](const a2l::XcpDaqListId& list) { return list.id.has_value(); })),
       interfaceState_(channel_->interfaceState()),
-      transport_(config_, channel_->broker()) {}
+      transport_(config_, channel_->broker()),
+      listIds_(std::move(listIds)),
+      listIdsKnown_(!listIds_.given().empty()) {}
 
 CanMedium::~CanMedium() {
     transport_.close();
@@ -154,11 +177,35 @@ CanMedium::~CanMedium() {
     channel_->releaseIds(this);
 }
 
-Result<void> CanMedium::claimIds() {
+Result<void> CanMedium::claim(const std::vector<xcp::CanId>& listIds) {
     std::vector<std::uint32_t> received = {config_.resId.toA2l()};
-    for (const xcp::CanId& id : config_.extraIds)
+    for (const xcp::CanId& id : listIds)
         received.push_back(id.toA2l());
     return channel_->registerIds(this, received);
+}
+
+Result<void> CanMedium::prepareLists(xcp::Master& master, std::span<const std::uint16_t> lists) {
+    auto settled = xcp::inStep(master, [&] { return listIds_.settle(master, lists); });
+    if (!settled) return settled.error();
+    std::vector<DaqListId>& ids = settled.value();
+    for (const DaqListId& told : ids)
+        log::info("DAQ list {}: CAN-ID 0x{:X} ({})", told.list, told.id, sourceName(told.source));
+    const auto given = listIds_.given();
+    ids.insert(ids.end(), given.begin(), given.end());
+    const auto heard = furtherIds(ids, config_.resId);
+    if (auto claimed = claim(heard); !claimed) return claimed;
+    transport_.setListIds(heard);
+    listIdsKnown_ = !ids.empty();
+    return {};
+}
+
+Result<std::vector<DaqListId>> CanMedium::listIds(xcp::Master& master, std::span<const std::uint16_t> lists) {
+    auto ids = xcp::inStep(master, [&] { return listIds_.find(master, lists); });
+    if (!ids) return ids;
+    for (const DaqListId& given : listIds_.given()) {
+        if (std::find(lists.begin(), lists.end(), given.list) == lists.end()) ids.value().push_back(given);
+    }
+    return ids;
 }
 
 CanTiming CanMedium::timing() const {
@@ -182,6 +229,12 @@ std::uint16_t CanMedium::largestDto(std::uint16_t told) const {
     return static_cast<std::uint16_t>(frame);
 }
 
+bool CanMedium::mayFill(std::size_t planned, std::size_t length) const {
+    constexpr std::array<std::size_t, 8> kLengths{8, 12, 16, 20, 24, 32, 48, 64};
+    if (length == kLengths.front() || (config_.fd && length == config_.maxDlc)) return true;
+    return config_.fd && length == *std::lower_bound(kLengths.begin(), kLengths.end() - 1, planned);
+}
+
 Result<double> CanMedium::claimLoad(const LoadInput& input, double limit) {
     const double own = estimateCanLoad(input, timing()).fraction;
     const double others = channel_->claimLoad(this, own);
@@ -203,11 +256,11 @@ std::vector<MediumCounter> CanMedium::counters() const {
 }
 
 std::string CanMedium::silenceHint() const {
-    if (listIdsFixed_) return {};
+    if (listIdsKnown_) return {};
     return fmt::format(
-        "DTOs were expected with the identifier 0x{:X} only, since the A2L fixes none for DAQ lists "
-        "(DAQ_LIST_CAN_ID is VARIABLE or missing); if the ECU sends them with another one, write that into "
-        "the A2L: /begin DAQ_LIST_CAN_ID 0 FIXED 0x123 /end DAQ_LIST_CAN_ID",
+        "DTOs were expected with the identifier 0x{:X} only, since neither the A2L fixes one for DAQ lists "
+        "(DAQ_LIST_CAN_ID is VARIABLE or missing) nor the ECU tells one (GET_DAQ_ID); if it sends them with "
+        "another one, write that into the A2L: /begin DAQ_LIST_CAN_ID 0 FIXED 0x123 /end DAQ_LIST_CAN_ID",
         config_.resId.toA2l());
 }
 

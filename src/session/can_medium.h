@@ -10,11 +10,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "a2l/xcp_interface.h"
 #include "session/channel_pool.h"
+#include "session/daq_list_ids.h"
 #include "session/medium.h"
 #include "xcp/can_transport.h"
 
@@ -23,7 +25,7 @@ namespace lm::session {
 class CanMedium final : public IMedium {
   public:
     CanMedium(std::shared_ptr<SharedChannel> channel, xcp::CanTransportConfig config, MediumTexts texts,
-              const a2l::XcpOnCan& described);
+              const a2l::XcpOnCan& described, DaqListIds listIds);
     ~CanMedium() override;
     CanMedium(const CanMedium&) = delete;
     CanMedium& operator=(const CanMedium&) = delete;
@@ -33,11 +35,14 @@ class CanMedium final : public IMedium {
     const xcp::CanTransportConfig& transportConfig() const { return config_; }
     const SharedChannel& channel() const { return *channel_; }
 
-    /// Claims the response identifier and the fixed identifiers of DAQ lists. Error: the channel's.
-    Result<void> claimIds();
+    /// Claims the response identifier and those of DAQ lists that A2L or configuration name. Error: the
+    /// channel's.
+    Result<void> claimIds() { return claim(config_.extraIds); }
 
     /// On a bus of short frames longer DTOs would never come.
     std::uint16_t largestDto(std::uint16_t told) const override;
+    /// To the next length that a frame can have, or to the longest.
+    bool mayFill(std::size_t planned, std::size_t length) const override;
     Result<double> claimLoad(const LoadInput& input, double limit) override;
     void releaseLoad() override { channel_->claimLoad(this, 0); }
     /// Bit rates of the configuration, else of the interface, else of the A2L; a CAN FD channel whose data
@@ -46,7 +51,11 @@ class CanMedium final : public IMedium {
 
     /// Of the whole channel, other ECUs' included.
     std::vector<MediumCounter> counters() const override;
-    /// Only the response identifier is heard where the A2L names no fixed ones of DAQ lists.
+    /// From now on the identifiers of these lists are heard, beside those that were claimed first.
+    Result<void> prepareLists(xcp::Master& master, std::span<const std::uint16_t> lists) override;
+    Result<std::vector<DaqListId>> listIds(xcp::Master& master,
+                                           std::span<const std::uint16_t> lists) override;
+    /// Only the response identifier is heard where no one tells those of DAQ lists.
     std::string silenceHint() const override;
 
     Result<void> reopenIfLost() override { return channel_->reopenIfLost(); }
@@ -58,6 +67,7 @@ class CanMedium final : public IMedium {
     bool report(const xcp::TransportEvent& event) override;
 
   private:
+    Result<void> claim(const std::vector<xcp::CanId>& listIds);
     void reportState(hal::CanBusState state, std::int64_t timeNs);
     std::string stateText(hal::CanBusState state) const;
 
@@ -66,12 +76,13 @@ class CanMedium final : public IMedium {
     const xcp::CanTransportConfig config_;
     const MediumTexts texts_;
     const CanBitrates described_;
-    const bool listIdsFixed_;
     /// Asked once: the receive thread must not wait for the kernel.
     const std::optional<hal::CanInterfaceState> interfaceState_;
 
     xcp::CanTransport transport_;  ///< uses the channel's broker
 
+    DaqListIds listIds_;  ///< one thread at a time
+    std::atomic<bool> listIdsKnown_;
     std::atomic<bool> lossReported_{false};  ///< said once
 
     std::mutex stateMutex_;  // everything below

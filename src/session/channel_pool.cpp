@@ -96,6 +96,7 @@ Result<void> SharedChannel::registerIds(Owner owner, const std::vector<std::uint
                       id & ~kExtendedBit, name().c_str());
         return Error{ErrorCode::alreadyOpen, text.data()};
     }
+    std::erase_if(ids_, [owner](const auto& entry) { return entry.second == owner; });
     for (const std::uint32_t id : ids)
         ids_[id] = owner;
     return {};

@@ -52,8 +52,8 @@ class SharedChannel final : private broker::IFrameHandler {
     /// The bit rates it was opened with, where absent those that the interface has now.
     CanBitrates bitrates() const;
 
-    /// Claims identifiers in A2L notation, all or none. Error: alreadyOpen "CAN-ID 0xID is already used by
-    /// another ECU on NAME" (without bit 31).
+    /// Claims identifiers in A2L notation in place of those that the owner had, all or none. Error:
+    /// alreadyOpen "CAN-ID 0xID is already used by another ECU on NAME" (without bit 31).
     Result<void> registerIds(Owner owner, const std::vector<std::uint32_t>& ids);
 
     /// Gives up every identifier and the load of the owner.

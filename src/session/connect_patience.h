@@ -15,7 +15,8 @@
 namespace lm::session {
 
 /// Opens the transport, again when its device was lost, and connects: as often as the master's options say,
-/// or until `within` has passed, at least once, whatever goes wrong meanwhile. Takes t1 longer at most.
+/// or until `within` has passed, at least once, whatever goes wrong meanwhile. Warns once of
+/// what is waited for, after a second of silence, and of each other reason.
 /// Errors: those of the transport and of CONNECT, the last one; timeout "CONNECT: no response from slave
 /// within N s".
 Result<void> connectPatiently(IMedium& medium, xcp::Master& master,

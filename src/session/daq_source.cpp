@@ -11,6 +11,8 @@ namespace lm::session {
 namespace {
 
 constexpr const char* kMend = "\"source\": \"a2l\" under \"daq\" in the configuration takes it from the A2L";
+constexpr const char* kEcuCounts = "the ECU";
+constexpr const char* kA2lCounts = "the A2L";
 
 xcp::EventChannel describedEvent(const a2l::XcpEvent& event) {
     constexpr std::uint8_t kDaq = 0x04;
@@ -57,10 +59,10 @@ xcp::DaqListInfo describedList(const a2l::XcpDaqList& list, bool predefined, std
 }
 
 template <typename Told>
-std::string differs(std::string_view what, const Told& ecu, const Told& a2l) {
+std::string differs(std::string_view what, const Told& ecu, const Told& a2l, const char* counts) {
     return fmt::format(
-        "the A2L's DAQ block does not fit the ECU: its {} is {}, the A2L says {} (the ECU counts)", what, ecu,
-        a2l);
+        "the A2L's DAQ block does not fit the ECU: its {} is {}, the A2L says {} ({} counts{})", what, ecu,
+        a2l, counts, counts == kA2lCounts ? ": daq.source" : "");
 }
 
 const char* configurationName(bool dynamic) {
@@ -212,28 +214,60 @@ void DaqSource::overrule(xcp::DaqCapabilities& capabilities) const {
     if (stamp.fixed) apply("fixed mode", capabilities.timestampFixed, *stamp.fixed, "fixed");
 }
 
-std::string DaqSource::contradiction(const xcp::DaqCapabilities& capabilities,
-                                     const DaqOrigins& origins) const {
-    if (!interface_.daq || origins.configuration != Origin::ecu) return {};
+std::vector<std::string> DaqSource::contradictions(const xcp::DaqCapabilities& capabilities,
+                                                   const DaqOrigins& origins) const {
+    if (!interface_.daq) return {};
+    xcp::DaqCapabilities ecu = capabilities;
+    xcp::DaqParts told{origins.configuration == Origin::ecu, origins.resolution == Origin::ecu, false};
+    if (prefersA2l()) {
+        const auto glanced = xcp::inStep(master_, [&] { return master_.glanceAtDaq(ecu); });
+        if (!glanced)
+            log::info("the A2L's DAQ block is not compared with the ECU: {}", glanced.error().text());
+        told = glanced ? glanced.value() : xcp::DaqParts{false, false, false};
+    }
+    const char* const counts = origins.configuration == Origin::a2l ? kA2lCounts : kEcuCounts;
     const a2l::XcpDaq& a2l = *interface_.daq;
-    if (a2l.dynamic != capabilities.dynamicConfiguration)
-        return differs("configuration", configurationName(capabilities.dynamicConfiguration),
-                       configurationName(a2l.dynamic));
-    const auto identification = static_cast<unsigned>(capabilities.identification);
-    if (a2l.knowsIdentification && a2l.identification != identification)
-        return differs("type of identification field", identification, unsigned{a2l.identification});
-    if (!a2l.dynamic && capabilities.maxDaq < a2l.maxDaq)
-        return differs("number of DAQ lists", capabilities.maxDaq, a2l.maxDaq);
-    if (a2l.minDaq != capabilities.minDaq)
-        return differs("number of predefined DAQ lists", unsigned{capabilities.minDaq}, unsigned{a2l.minDaq});
+    std::vector<std::string> found;
+    if (told.processor && a2l.dynamic != ecu.dynamicConfiguration) {
+        // Numbers of lists mean something else then.
+        return {differs("configuration", configurationName(ecu.dynamicConfiguration),
+                        configurationName(a2l.dynamic), counts)};
+    }
+    if (told.processor) {
+        const auto compare = [&](const char* what, unsigned inEcu, unsigned inA2l) {
+            if (inEcu != inA2l) found.push_back(differs(what, inEcu, inA2l, counts));
+        };
+        if (a2l.knowsIdentification)
+            compare("type of identification field", static_cast<unsigned>(ecu.identification),
+                    a2l.identification);
+        if (!a2l.dynamic && ecu.maxDaq < a2l.maxDaq) compare("number of DAQ lists", ecu.maxDaq, a2l.maxDaq);
+        compare("number of predefined DAQ lists", ecu.minDaq, a2l.minDaq);
+    }
+    if (told.resolution)
+        compareTimestamp(ecu, origins.resolution == Origin::a2l ? kA2lCounts : kEcuCounts, found);
+    return found;
+}
+
+/// An override settles what it overrules, and nothing else.
+void DaqSource::compareTimestamp(const xcp::DaqCapabilities& ecu, const char* counts,
+                                 std::vector<std::string>& found) const {
+    const auto& a2l = interface_.daq->timestamp;
+    const SessionConfig::Timestamp& overruled = config_.xcp.overrides.timestamp;
+    if (!a2l) return;
+    if (!overruled.size && a2l->size != ecu.timestampSize)
+        found.push_back(differs("timestamp size", unsigned{ecu.timestampSize}, unsigned{a2l->size}, counts));
+    const std::int64_t tickNs = a2l->tickNs();
+    if (!overruled.tickNs && tickNs != 0 && tickNs != ecu.tickNs)
+        found.push_back(differs("timestamp tick in ns", ecu.tickNs, tickNs, counts));
+}
+
+std::string DaqSource::layoutTold(const DaqOrigins& origins) const {
+    const bool a2l = origins.configuration == Origin::a2l || origins.resolution == Origin::a2l;
     const bool overruled = config_.xcp.overrides.timestamp != SessionConfig::Timestamp{};
-    if (origins.resolution != Origin::ecu || !a2l.timestamp || overruled) return {};
-    if (a2l.timestamp->size != capabilities.timestampSize)
-        return differs("timestamp size", unsigned{capabilities.timestampSize}, unsigned{a2l.timestamp->size});
-    const std::int64_t tickNs = a2l.timestamp->tickNs();
-    if (tickNs != 0 && tickNs != capabilities.tickNs)
-        return differs("timestamp tick in ns", capabilities.tickNs, tickNs);
-    return {};
+    if (!a2l && !overruled) return {};
+    return fmt::format("how a DTO is laid out was told by {}{}{}",
+                       a2l ? "the A2L's DAQ block (daq.source \"a2l\")" : "", a2l && overruled ? " and " : "",
+                       overruled ? "xcp.overrides.timestamp" : "");
 }
 
 std::string DaqSource::advice(const DaqOrigins& origins) const {

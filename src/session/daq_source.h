@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "a2l/xcp_interface.h"
 #include "core/result.h"
@@ -50,8 +51,13 @@ class DaqSource {
     /// xcp::askDaqLists for an ECU that cannot be measured without an answer, with a hint likewise.
     Result<void> askLists(xcp::DaqCapabilities& capabilities, DaqOrigins& origins) const;
 
-    /// The first thing that the ECU says otherwise than the A2L, as a sentence; empty when there is none.
-    std::string contradiction(const xcp::DaqCapabilities& capabilities, const DaqOrigins& origins) const;
+    /// What the ECU says otherwise than the A2L, a sentence each; overrides speak for themselves. An ECU that
+    /// was not asked so far is asked now, once for each part, and may be silent.
+    std::vector<std::string> contradictions(const xcp::DaqCapabilities& capabilities,
+                                            const DaqOrigins& origins) const;
+
+    /// Who told how a DTO is laid out, when it was not the ECU, as a sentence; else empty.
+    std::string layoutTold(const DaqOrigins& origins) const;
 
     /// What the ECU did not tell and the A2L would, as a sentence; empty when there is nothing.
     std::string advice(const DaqOrigins& origins) const;
@@ -62,6 +68,8 @@ class DaqSource {
     void overrule(xcp::DaqCapabilities& capabilities) const;
     bool takeDescribedLists(xcp::DaqCapabilities& capabilities) const;
     void completeLayouts(xcp::DaqCapabilities& capabilities) const;
+    void compareTimestamp(const xcp::DaqCapabilities& ecu, const char* counts,
+                          std::vector<std::string>& found) const;
 
     xcp::Master& master_;
     const SessionConfig& config_;

@@ -27,6 +27,8 @@ class FolderFilter {
     bool takesAll() const { return takesAll_; }
     /// A part of an instance is in the folders that have the instance, a structure in it, or the part.
     bool takes(std::string_view name) const;
+    /// Whether it takes the instance or parts of it.
+    bool reachesInto(std::string_view instance) const { return takes(instance) || takesPartsOf(instance); }
     /// Whether parts of the instance are named one by one.
     bool takesPartsOf(std::string_view instance) const { return owners_.contains(instance); }
 

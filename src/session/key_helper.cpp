@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@
 #include "core/printable_text.h"
 #include "core/text.h"
 #include "core/trusted_file.h"
+#include "session/helper_errors.h"
 
 namespace lm::session {
 namespace {
@@ -54,6 +56,17 @@ std::filesystem::path keyProgram() {
     return directory.parent_path() / "libexec" / "xcplumo-cli" / "xcplumo-key";
 }
 
+/// The program that the first line of a script names; empty for others.
+std::string interpreterOf(const std::filesystem::path& program) {
+    std::ifstream file(program, std::ios::binary);
+    std::string line(256, '\0');  // as much as Linux looks at
+    file.read(line.data(), static_cast<std::streamsize>(line.size()));
+    line.resize(static_cast<std::size_t>(file.gcount()));
+    if (!line.starts_with("#!")) return {};
+    const std::size_t from = std::min(line.find_first_not_of(" \t", 2), line.size());
+    return line.substr(from, line.find_first_of(" \t\n", from) - from);
+}
+
 std::string toHex(std::span<const std::uint8_t> bytes) {
     return fmt::format("{:02X}", fmt::join(bytes, ""));
 }
@@ -72,19 +85,17 @@ std::optional<std::vector<std::uint8_t>> parseKey(std::string text) {
     return key;
 }
 
-/// Logs all lines but the last one of a program that failed, which it gives: it says why.
-std::string tellErrors(std::string_view text, bool failed) {
+/// Logs what the program said, but for the last line of one that failed, which it gives: it says why.
+std::string tellErrors(const std::string& text, bool failed, std::span<const Secret> secrets) {
+    auto lines = linesToShow(withoutSecrets(text, secrets));
     std::string last;
-    while (!text.empty()) {
-        const std::string_view line = text.substr(0, text.find('\n'));
-        text.remove_prefix(std::min(text.size(), line.size() + 1));
-        if (line.empty()) continue;
-        if (!last.empty()) log::warn("security: {}", last);
-        last = printableText(line);
+    if (failed && !lines.empty()) {
+        last = std::move(lines.back());
+        lines.pop_back();
     }
-    if (failed || last.empty()) return last;
-    log::warn("security: {}", last);
-    return {};
+    for (const std::string& line : lines)
+        log::warn("security: {}", line);
+    return last;
 }
 
 /// The helper as it will be started, and what keeps its files as they were looked at.
@@ -107,18 +118,22 @@ class Helper {
     Result<void> checkFiles() {
         if (!config_.refusal.empty()) return Error{ErrorCode::permissionDenied, config_.refusal};
         run_.program = config_.library.empty() ? findProgram(config_.command.front()) : keyProgram();
-        if (config_.library.empty()) {
-            auto vouched = vouch(run_.program);
-            if (!vouched) return vouched.error();
-            run_.program = vouched.value();
-        } else {
-            byHand_.replace(0, run_.arguments.front().size(), run_.program.string());
+        std::error_code unknown;
+        if (!config_.library.empty() && !std::filesystem::exists(run_.program, unknown)) {
+            return Error{ErrorCode::notFound,
+                         "xcplumo-key, which runs security.library, is missing: " + run_.program.string(), 0,
+                         Error::kNoDetail,
+                         "it is installed along with xcplumo-cli; beside a copy of that it works, too"};
         }
+        const bool isOwn = !config_.library.empty();
+        if (isOwn) byHand_.replace(0, run_.arguments.front().size(), run_.program.string());
+        // A digest stands for what the maker of the ECU gave, not for the tool's own part.
+        auto program = vouch(run_.program, isOwn ? std::span<const std::string>{} : config_.sha256);
+        if (!program) return program.error();
+        source_ = std::exchange(run_.program, program.value());
         for (std::size_t i = 1; i + 1 < run_.arguments.size(); ++i) {
-            std::error_code unknown;
-            const bool isLibrary = !config_.library.empty();
-            if (!isLibrary && !std::filesystem::is_regular_file(run_.arguments[i], unknown)) continue;
-            auto vouched = vouch(run_.arguments[i]);
+            if (!isOwn && !std::filesystem::is_regular_file(run_.arguments[i], unknown)) continue;
+            auto vouched = vouch(run_.arguments[i], config_.sha256);
             if (!vouched) return vouched.error();
             run_.arguments[i] = vouched.value();
         }
@@ -131,17 +146,19 @@ class Helper {
     Result<std::vector<std::uint8_t>> run(std::span<const std::uint8_t> seed, const StopToken& stop) {
         run_.input = toHex(seed) + "\n";
         const auto done = runChild(run_, stop);
-        if (!done) return done.error();
+        if (!done) return done.error().isStop() ? done.error() : cannotStart(done.error());
         const ChildEnd& end = done.value();
         const bool failed = end.late || end.signal != 0 || end.exitCode != 0;
-        const std::string last = tellErrors(end.errors, failed);
+        auto key = parseKey(end.output);
+        std::vector<Secret> secrets = {Secret(seed.begin(), seed.end())};
+        if (key && !key->empty()) secrets.push_back(*key);
+        const std::string last = tellErrors(endedInLine(end.errors), failed, secrets);
         if (end.late) {
             Error late = failure(fmt::format("{}: no key within {} ms", subject_, config_.timeout.count()));
             late.hint = "security.timeoutMs in the configuration is the limit";
             return late;
         }
         if (failed) return hinted(failure(subject_ + ": " + reasonOf(end, last)));
-        auto key = parseKey(end.output);
         if (!key) {
             return hinted(failure(fmt::format("{}: {} byte(s) of output that are not a key in hexadecimal",
                                               subject_, end.output.size())));
@@ -152,12 +169,13 @@ class Helper {
 
   private:
     /// The path to use for a file: its own, or that of the copy that a digest stands for.
-    Result<std::string> vouch(const std::filesystem::path& path) {
-        auto vouched = vouchFor(path, config_.sha256);
+    Result<std::string> vouch(const std::filesystem::path& path, std::span<const std::string> digests) {
+        auto vouched = vouchFor(path, digests);
         if (!vouched) {
             Error error = vouched.error();
             error.message = subject_ + ": " + error.message;
-            return hinted(std::move(error));
+            // No one is invited to run by hand what is not to be trusted.
+            return error.code == ErrorCode::permissionDenied ? error : hinted(std::move(error));
         }
         if (!vouched.value().copy.valid())
             return path.is_absolute() ? vouched.value().path.string() : path.string();
@@ -165,6 +183,21 @@ class Helper {
         copies_.push_back(std::move(vouched.value().copy));
         run_.handedOn.push_back(copies_.back().get());
         return fmt::format("/proc/self/fd/{}", number);
+    }
+
+    Error cannotStart(Error error) const {
+        const std::string interpreter = interpreterOf(source_);
+        std::error_code unknown;
+        error.message = subject_ + ": " +
+                        (interpreter.empty() || std::filesystem::exists(interpreter, unknown)
+                             ? error.message
+                             : "its first line names " + printableText(interpreter) + ", which is missing");
+        return hinted(std::move(error));
+    }
+
+    /// A line that was cut may end within a seed, which is not known again then.
+    std::string endedInLine(const std::string& text) const {
+        return text.size() < run_.mostOutput ? text : text.substr(0, text.rfind('\n'));
     }
 
     std::string reasonOf(const ChildEnd& end, const std::string& last) const {
@@ -186,6 +219,7 @@ class Helper {
     const SessionConfig::Security& config_;
     std::string subject_;
     std::string byHand_;
+    std::filesystem::path source_;  ///< of the program, where that is a copy
     ChildRun run_;
     std::vector<UniqueFd> copies_;
 };
@@ -194,9 +228,17 @@ class Helper {
 
 Result<std::vector<std::uint8_t>> KeyHelper::operator()(xcp::Resource resource,
                                                         std::span<const std::uint8_t> seed) const {
+    if (use_->ended) {
+        return Error{
+            .code = ErrorCode::permissionDenied,
+            .message = "not tried: a key was refused",
+            .hint = "many ECUs count wrong keys: \"security\" in the configuration has to be mended first"};
+    }
     Helper helper(config_, resource);
     if (auto checked = helper.checkFiles(); !checked) return checked.error();
-    return helper.run(seed, stop_);
+    auto key = helper.run(seed, stop_);
+    if (key) use_->given.fetch_or(static_cast<std::uint8_t>(resource));
+    return key;
 }
 
 }  // namespace lm::session

@@ -4,7 +4,9 @@
 // Threads: any. Lifetime: owns its copy of the configuration. Seeds and keys are kept and logged nowhere.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -15,21 +17,28 @@
 
 namespace lm::session {
 
+/// What a session knows of its keys and decides about them.
+struct KeyUse {
+    std::atomic<std::uint8_t> given{0};  ///< bits of xcp::Resource
+    std::atomic<bool> ended{false};      ///< no more keys
+};
+
 class KeyHelper {
   public:
-    KeyHelper(SessionConfig::Security config, StopToken stop)
-        : config_(std::move(config)), stop_(std::move(stop)) {}
+    KeyHelper(SessionConfig::Security config, StopToken stop, std::shared_ptr<KeyUse> use)
+        : config_(std::move(config)), stop_(std::move(stop)), use_(std::move(use)) {}
 
     /// An xcp::KeySource. What the program says on standard error is logged. Errors: permissionDenied for
-    /// files that others can have changed, those of vouchFor() and runChild(), and ioError
-    /// "security.library PATH: ..." or "security.command PROGRAM: ..." for a crash, an exit code, no key
-    /// within the time, and what is not a key.
+    /// files that others can have changed and after KeyUse::ended, those of vouchFor() and runChild(), and
+    /// ioError "security.library PATH: ..." or "security.command PROGRAM: ..." for a crash, an exit code, no
+    /// key within the time, and what is not a key.
     Result<std::vector<std::uint8_t>> operator()(xcp::Resource resource,
                                                  std::span<const std::uint8_t> seed) const;
 
   private:
     SessionConfig::Security config_;
     StopToken stop_;
+    std::shared_ptr<KeyUse> use_;
 };
 
 }  // namespace lm::session

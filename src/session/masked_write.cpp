@@ -1,6 +1,8 @@
 #include "session/masked_write.h"
 
+#include <algorithm>
 #include <array>
+#include <utility>
 
 namespace lm::session {
 
@@ -45,6 +47,38 @@ std::vector<MaskedWord> maskedWords(const value::Element& element, std::span<con
         if (word.mask != 0) words.push_back(word);
     }
     return words;
+}
+
+bool sameBits(std::span<const std::uint8_t> a, std::span<const std::uint8_t> b,
+              std::span<const std::uint8_t> mask) {
+    for (std::size_t i = 0; i < mask.size(); ++i)
+        if (((a[i] ^ b[i]) & mask[i]) != 0) return false;
+    return true;
+}
+
+Result<void> writeUnder(IMemory& memory, const std::string& name, xcp::Address address,
+                        const std::vector<std::uint8_t>& bytes, const std::vector<std::uint8_t>& mask) {
+    using value::DataType;
+    constexpr std::array<std::pair<std::size_t, DataType>, 4> kTypes = {
+        {{8, DataType::uint64}, {4, DataType::ulong}, {2, DataType::uword}, {1, DataType::ubyte}}};
+    const bool isWhole = std::all_of(mask.begin(), mask.end(), [](auto bits) { return bits == 0xFF; });
+    for (std::size_t at = 0; !isWhole && memory.modifiesBits() && at < bytes.size();) {
+        const auto* const type = std::find_if(
+            kTypes.begin(), kTypes.end(), [&](const auto& one) { return one.first <= bytes.size() - at; });
+        value::Element part;
+        part.name = name;
+        part.address = {static_cast<std::uint32_t>(address.address + at), address.extension};
+        part.coding.dataType = type->second;
+        for (std::size_t i = 0; i < type->first; ++i)
+            part.coding.bitMask |= std::uint64_t{mask[at + i]} << (8U * i);
+        const auto* const first = bytes.data() + at;
+        at += type->first;
+        if (part.coding.bitMask == 0) continue;
+        const auto stored = memory.writeBits(part, {first, first + type->first});
+        if (!stored) return stored.error();
+    }
+    if (!isWhole && memory.modifiesBits()) return {};
+    return memory.write(name, address, bytes);
 }
 
 }  // namespace lm::session

@@ -5,8 +5,10 @@
 #include <limits>
 
 #include "core/log.h"
+#include "session/ecu_note.h"
 #include "session/measurement_plan.h"
 #include "session/refusal_hint.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::session {
 namespace {
@@ -23,6 +25,18 @@ std::int64_t heartbeatNs(const MeasurementContext& context) {
 std::int64_t leastGapNs(const xcp::DaqPlan& plan, const MeasurementContext& context) {
     const auto four = static_cast<std::int64_t>(4 * shortestPeriodNs(plan, context.capabilities));
     return four > 0 ? std::min(four, heartbeatNs(context)) : heartbeatNs(context);
+}
+
+constexpr const char* kByA2l =
+    "the lists are set up as the A2L's DAQ block describes them (\"source\": \"a2l\" under \"daq\" in the "
+    "configuration), which the ECU does not take: it may have others than those; without that key it is "
+    "asked";
+
+std::vector<std::uint16_t> listNumbers(const xcp::DaqPlan& plan) {
+    std::vector<std::uint16_t> numbers;
+    for (const xcp::DaqList& list : plan.lists)
+        numbers.push_back(list.number);
+    return numbers;
 }
 
 std::string withCause(const std::string& hint, const std::string& cause) {
@@ -53,6 +67,7 @@ Result<std::unique_ptr<Measurement>> Measurement::plan(MeasurementContext contex
 Result<void> Measurement::start(const MeasurementOptions& options) {
     sink_ = options.sink;
     if (options.onPlanned) options.onPlanned(plan_);
+    noteWhatRuns();
     auto started = startLists(context_.capabilities);
     if (started.ok()) {
         changeState(SessionState::measuring, "");
@@ -94,18 +109,40 @@ Result<void> Measurement::startLists(const xcp::DaqCapabilities& capabilities) {
         Error error = firstPids.error();
         if (error.detail != Error::kNoDetail)
             error.hint = withCause(refusalHint(plan_, capabilities, refusal, error.detail), error.hint);
+        // What is wrong with an entry lies in that entry.
+        const bool ofLists = error.detail != Error::kNoDetail && !refusal.offset;
+        if (ofLists && context_.config.daq.source == DaqTold::a2l && context_.description.xcp.daq)
+            error.hint += (error.hint.empty() ? "" : "; ") + std::string(kByA2l);
         return error;
     }
+    if (auto heard = context_.medium.prepareLists(master, listNumbers(plan_.daq)); !heard) return heard;
     removeDecoder();
     {
         const std::lock_guard lock(decoderMutex_);
         decoder_ = std::make_unique<xcp::DaqDecoder>(plan_.daq, capabilities, firstPids.value());
         decoder_->setSink(this);
         decoder_->setHoles(&context_.holes);
+        if (!misfitTold_ && !context_.layoutTold.empty()) {
+            const auto mayFill = [this](std::size_t planned, std::size_t length) {
+                return context_.medium.mayFill(planned, length);
+            };
+            fit_ = std::make_unique<xcp::DtoFit>(plan_.daq.lists.size(), plan_.daq.timestampSize,
+                                                 capabilities.tickNs, mayFill);
+            decoder_->setFit(fit_.get());
+        }
         decoder_->holdBack();
     }
     context_.master.setDtoSink(decoder_.get());
     return context_.master.startDaq();
+}
+
+/// Once, when it is known; decoderMutex_ is held.
+void Measurement::tellMisfit() {
+    if (!fit_ || misfitTold_) return;
+    const std::string misfit = fit_->misfit();
+    if (misfit.empty()) return;
+    misfitTold_ = true;
+    log::warn("{}: values and times are wrong or missing; {}", misfit, context_.layoutTold);
 }
 
 void Measurement::removeDecoder() {
@@ -113,6 +150,7 @@ void Measurement::removeDecoder() {
     const std::lock_guard lock(decoderMutex_);
     if (!decoder_) return;
     decoder_->settle(std::numeric_limits<std::int64_t>::max());
+    tellMisfit();
     add(totals_, decoder_->counters());
     for (std::size_t i = 0; i < delivered_.size(); ++i)
         delivered_[i] = delivered_[i] || decoder_->recordsOf(i) != 0;
@@ -193,6 +231,7 @@ MeasurementStats Measurement::statistics() const {
     stats.withoutSamples = std::chrono::nanoseconds(outages_.beforeReconnectionsNs());
     stats.failedReconnects = stats.reconnects - std::min(outages_.ended(), stats.reconnects);
     stats.withoutSamplesToEnd = std::chrono::nanoseconds(outages_.upToEndNs());
+    stats.supervisionTurns = supervisor_->turns();
     addSilentLists(stats);
     stats.medium = context_.medium.counters();
     for (std::size_t i = 0; i < stats.medium.size(); ++i) {
@@ -230,6 +269,7 @@ std::uint64_t Measurement::recordsReceived() const {
 void Measurement::settleSamples() {
     const std::lock_guard lock(decoderMutex_);
     if (decoder_) decoder_->settle(steadyNowNs());
+    if (decoder_ && fit_ && fit_->finished()) tellMisfit();
 }
 
 void Measurement::countReconnect() {
@@ -271,6 +311,17 @@ Result<void> Measurement::reconnect() {
     return context_.master.connect(xcp::ConnectMode::normal, static_cast<std::int32_t>(attempts));
 }
 
+/// Before DAQ runs again, so that no sample is of parameters that are put right a moment later.
+Result<std::string> Measurement::lookAgain() {
+    auto back = context_.lookAgain();
+    if (!back) return back.error();
+    for (const EcuReturn::Note& note : back.value().notes) {
+        log::warn("{}", note.text);
+        if (recording_) recording_->note(storage::ecuChangedLine(steadyNowNs(), note.what, note.text));
+    }
+    return std::move(back.value().ending);
+}
+
 Result<void> Measurement::restartDaq() {
     xcp::DaqCapabilities capabilities;
     auto origins = context_.daqSource.ask(capabilities);
@@ -292,6 +343,17 @@ Result<void> Measurement::restartDaq() {
 void Measurement::changeState(SessionState state, const std::string& message) {
     if (recording_) notes_.onState(state, message, outages_.latestNs(), steadyNowNs(), *recording_);
     context_.changeState(state, message);
+    // At the start that was done before.
+    if (state == SessionState::measuring && !message.empty()) noteWhatRuns();
+}
+
+void Measurement::noteWhatRuns() {
+    if (!recording_) return;
+    const storage::EcuNote note =
+        noteEcu(context_.master, context_.description, context_.config, context_.stop.token(), steadyNowNs());
+    if (!note.trouble.empty()) log::info("not known what runs in the ECU: {}", note.trouble);
+    if (!note.epk.empty() || !note.sums.empty() || !note.trouble.empty())
+        recording_->note(storage::ecuLine(note));
 }
 
 }  // namespace lm::session

@@ -33,6 +33,8 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     static Result<std::unique_ptr<Measurement>> plan(MeasurementContext context,
                                                      const MeasurementOptions& options);
 
+    const MeasurementPlan& accepted() const { return plan_; }
+
     /// What a recording of it holds: its groups, and all about its ECU.
     storage::RecordingInfo recordingInfo(const std::filesystem::path& directory) const {
         return describeRecording(context_, plan_, directory);
@@ -62,7 +64,9 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
 
     Result<void> startLists(const xcp::DaqCapabilities& capabilities);
     void removeDecoder();
+    void tellMisfit();
     void abandonStart();
+    void noteWhatRuns();
     void addSilentLists(MeasurementStats& stats) const;
 
     void onRecord(const xcp::DaqRecord& record) override;
@@ -71,6 +75,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     Result<bool> daqRunning() override;
     void settleSamples() override;
     Result<void> reconnect() override;
+    Result<std::string> lookAgain() override;
     Result<void> restartDaq() override;
     void countReconnect() override;
     void changeState(SessionState state, const std::string& message) override;
@@ -89,9 +94,11 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
 
     // Under decoderMutex_: replaced by the supervisor at a reconnection while statistics are read.
     mutable std::mutex decoderMutex_;
+    std::unique_ptr<xcp::DtoFit> fit_;  ///< none where the ECU told the layout
     std::unique_ptr<xcp::DaqDecoder> decoder_;
     xcp::DaqDecoderCounters totals_;  ///< of the decoders before this one
-    std::vector<bool> delivered_;     ///< lists that gave them a record
+    bool misfitTold_ = false;
+    std::vector<bool> delivered_;  ///< lists that gave them a record
 
     bool bitIgnored_ = false;  ///< since the ECU was connected last; the supervisor's thread alone
     std::unique_ptr<Supervisor> supervisor_;

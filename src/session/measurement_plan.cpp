@@ -102,12 +102,14 @@ Result<MeasurementPlan> planMeasurement(SignalSource source, const std::vector<s
     plan.warnings = std::move(choice.value().warnings);
     plan.placedBy = std::move(choice.value().placedBy);
     std::vector<xcp::DaqSignal> signals;
+    plan.planned.reserve(choice.value().chosen.size());  // names are borrowed from there
     for (ChosenSignal& chosen : choice.value().chosen) {
         if (!capabilities.dynamicConfiguration && !capabilities.lists.empty()) {
             if (auto fits = fitsAlone(chosen); !fits.ok()) return fits.error();
         }
         signals.push_back(daqSignal(chosen));
         plan.planned.push_back(plannedSignal(std::move(chosen)));
+        signals.back().name = plan.planned.back().element.name;
     }
     if (signals.empty()) return Error{ErrorCode::invalidArgument, "no signals to measure"};
 
@@ -212,6 +214,8 @@ storage::RecordingInfo recordingInfo(const MeasurementPlan& plan, const xcp::Daq
         if (several(plan.daq, list.eventChannel)) group.name += " (list " + std::to_string(list.number) + ")";
         group.recordSize = list.recordSize;
         group.cycleNs = static_cast<std::int64_t>(periodNs(list, capabilities));
+        const bool stamped = plan.daq.timestampSize != 0 && list.timestamp;
+        group.clock = stamped ? storage::GroupInfo::Clock::ecu : storage::GroupInfo::Clock::host;
         info.groups.push_back(std::move(group));
     }
     std::set<std::pair<std::size_t, std::string_view>> seen;

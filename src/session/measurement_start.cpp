@@ -1,5 +1,6 @@
 #include "session/measurement_start.h"
 
+#include <algorithm>
 #include <chrono>
 #include <system_error>
 #include <utility>
@@ -8,6 +9,8 @@
 #include "core/platform.h"
 #include "session/byte_access.h"
 #include "session/measurement_plan.h"
+#include "session/signal_choice.h"
+#include "session/signal_elements.h"
 
 namespace lm::session {
 
@@ -35,6 +38,57 @@ void warnWithoutTimestamps(const xcp::DaqPlan& plan) {
 
 }  // namespace
 
+namespace {
+
+using PlanFor = std::function<Result<MeasurementPlan>(const std::vector<std::string>&)>;
+
+/// With the event that the A2L names, where it does and the ECU has it: that of names without one is for the
+/// signals that the user chose for it.
+std::string atItsEvent(const MeasurementContext& context, const std::string& name) {
+    const auto found =
+        findSignalElements(context.description, name, memoryReader(context.master), kMostSignals);
+    if (!found.ok() || !found.value().object->preferredEvent) return name;
+    const std::uint16_t event = *found.value().object->preferredEvent;
+    return context.capabilities.findEvent(event) == nullptr ? name : name + "@" + std::to_string(event);
+}
+
+/// The signals of `texts`, then those of `needed` that are not among them.
+Result<MeasurementPlan> planWithNeeded(const PlanFor& planFor, std::vector<std::string> texts,
+                                       const std::vector<std::string>& needed,
+                                       const MeasurementContext& context) {
+    if (needed.empty()) return planFor(texts);
+    std::vector<std::string> missing = needed;
+    if (!texts.empty()) {
+        auto plan = planFor(texts);
+        if (!plan.ok()) return plan;
+        std::erase_if(missing, [&](const std::string& text) {
+            const auto& planned = plan.value().planned;
+            return std::any_of(planned.begin(), planned.end(), [&](const PlannedSignal& signal) {
+                return isNamed(signal, text, context.capabilities);
+            });
+        });
+        if (missing.empty()) return plan;
+    }
+    for (std::string& name : missing)
+        name = atItsEvent(context, name);
+    texts.insert(texts.end(), missing.begin(), missing.end());
+    auto plan = planFor(texts);
+    if (plan.ok()) plan.value().added = std::move(missing);
+    return plan;
+}
+
+}  // namespace
+
+bool isNamed(const PlannedSignal& signal, std::string_view text, const xcp::DaqCapabilities& capabilities) {
+    if (signal.element.name == text) return true;
+    const std::size_t at = text.rfind('@');
+    if (at == std::string_view::npos || signal.element.name != text.substr(0, at)) return false;
+    const std::string_view event = text.substr(at + 1);
+    if (event == std::to_string(signal.event)) return true;
+    const xcp::EventChannel* const channel = capabilities.findEvent(signal.event);
+    return channel != nullptr && channel->name == event;
+}
+
 Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const MeasurementOptions& options) {
     auto folders = FolderFilter::create(context.description, options.groups, options.functions);
     if (!folders.ok()) return folders.error();
@@ -43,13 +97,17 @@ Result<AcceptedPlan> acceptPlan(const MeasurementContext& context, const Measure
     const auto& texts = options.signals.empty() ? unnamed : options.signals;
     xcp::ConnectInfo connection = context.master.connectInfo();
     connection.maxDto = context.medium.largestDto(connection.maxDto);
-    SignalSource source{.description = context.description, .capabilities = context.capabilities};
-    source.read = memoryReader(context.master);
-    source.folders = std::move(folders).value();
-    auto plan = planMeasurement(std::move(source), texts, context.config.daq, connection,
-                                !options.recordDirectory.empty());
+    const bool recorded = !options.recording.directory.empty() || options.recordedBySink;
+    const auto planFor = [&](const std::vector<std::string>& wanted) {
+        SignalSource source{.description = context.description, .capabilities = context.capabilities};
+        source.read = memoryReader(context.master);
+        source.folders = folders.value();
+        return planMeasurement(std::move(source), wanted, context.config.daq, connection, recorded);
+    };
+    auto plan = planWithNeeded(planFor, options.neededAlone ? std::vector<std::string>() : texts,
+                               options.needed, context);
     if (!plan.ok()) return plan.error();
-    if (!options.recordDirectory.empty()) {
+    if (recorded) {
         if (const auto able = requireRecordable(plan.value()); !able.ok()) return able.error();
     }
     const auto load = context.medium.claimLoad(loadInput(plan.value().daq, context.capabilities),

@@ -17,6 +17,7 @@
 #include "session/daq_source.h"
 #include "session/measurement_types.h"
 #include "session/medium.h"
+#include "session/return_check.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
 #include "storage/format/recording_info.h"
@@ -34,8 +35,10 @@ struct MeasurementContext {
     const xcp::DaqCapabilities& capabilities;
     const DaqSource& daqSource;
     const std::atomic<std::uint64_t>& holes;  ///< as of xcp::DaqDecoder::setHoles
+    std::string layoutTold;                   ///< as of DaqSource::layoutTold
     std::string ecuName;
     std::function<void(SessionState, const std::string&)> changeState;
+    std::function<Result<EcuReturn>()> lookAgain;  ///< after a reconnection
 };
 
 /// Answers are certainly those to the questions.

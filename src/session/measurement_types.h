@@ -13,8 +13,10 @@
 #include <string_view>
 #include <vector>
 
+#include "core/result.h"
 #include "session/medium.h"
 #include "session/signal_elements.h"
+#include "storage/write/recorder.h"
 #include "value/element.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/daq_plan.h"
@@ -37,21 +39,34 @@ struct MeasurementPlan {
     xcp::DaqPlan daq;                    ///< lists in ascending event order
     std::vector<std::string> warnings;   ///< of patterns that left something out
     std::vector<PlaceBytes> placedBy;    ///< must still hold after a reconnection
+    std::vector<std::string> added;      ///< what of MeasurementOptions::needed was not asked for otherwise
 };
 
 struct MeasurementOptions {
-    std::vector<std::string> signals;       ///< see chooseSignals(); empty: the configuration's list
-    std::filesystem::path recordDirectory;  ///< empty: no recording
-    xcp::IDaqRecordSink* sink = nullptr;    ///< gets every record; may be null
+    std::vector<std::string> signals;        ///< see chooseSignals(); empty: the configuration's list
+    storage::RecordingPlace recording = {};  ///< without a directory: no recording
+    xcp::IDaqRecordSink* sink = nullptr;     ///< gets every record; may be null
     /// Called once with the plan before the first record can arrive. The plan lives until the measurement is
     /// stopped.
     std::function<void(const MeasurementPlan&)> onPlanned = {};
     /// How long it is meant to last, 0: open. It tells whether the disk holds the recording, and ends
     /// nothing.
     std::chrono::duration<double> duration{0};
-    std::vector<std::string> groups = {};     ///< patterns take only what lies in them
-    std::vector<std::string> functions = {};  ///< or in these; without signals all measurements there
+    std::vector<std::string> groups = {};       ///< patterns take only what lies in them
+    std::vector<std::string> functions = {};    ///< or in these; without signals all measurements there
+    std::vector<std::string> commandLine = {};  ///< of the program, for the recording
+    /// NAME or NAME@EVENT of numbers that are measured in addition, unless they are so already; a NAME at the
+    /// event that the A2L names for it.
+    std::vector<std::string> needed = {};
+    bool neededAlone = false;     ///< and nothing else
+    bool recordedBySink = false;  ///< what no recording can hold is refused as with a directory
+    /// Called once before anything is recorded or started, which an error prevents. The plan lives until the
+    /// measurement is stopped.
+    std::function<Result<void>(const MeasurementPlan&)> onAccepted = {};
 };
+
+/// Whether a signal is the one that NAME or NAME@EVENT names.
+bool isNamed(const PlannedSignal& signal, std::string_view text, const xcp::DaqCapabilities& capabilities);
 
 struct PlanSummary {
     std::size_t signalCount = 0;
@@ -81,6 +96,9 @@ struct MeasurementStats {
     std::uint64_t recorded = 0;
     std::uint64_t recordedDropped = 0;  ///< records that the writer could not keep
     std::int64_t recordingStartNs = 0;  ///< on the clock of the records
+    // Once it has been stopped.
+    std::filesystem::path recordingDirectory = {};  ///< of a recording in parts the last one
+    std::uint64_t parts = 0;                        ///< 0: it was not to be split
 
     // Losses that the statistics line does not name.
     std::chrono::nanoseconds withoutSamples{0};  ///< in the outages that a reconnection ended
@@ -90,6 +108,9 @@ struct MeasurementStats {
     std::uint64_t unknownDtos = 0;
     std::uint64_t malformedDtos = 0;
     std::vector<MediumCounter> medium = {};  ///< see IMedium::counters
+
+    /// Goes on as long as someone watches over the ECU, or tries to reach it again.
+    std::uint64_t supervisionTurns = 0;
 
     std::vector<SilentList> silentLists = {};
     /// Why they may have stayed silent, when the medium knows; else empty.

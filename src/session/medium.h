@@ -2,12 +2,13 @@
 //
 // Threads: texts() is constant; counters(), silenceHint(), lost() and sendText() may be called from any
 // thread; report() comes on the receive thread; the rest belongs to the session's thread, and reopenIfLost()
-// also to the supervisor while a measurement runs. Lifetime: a medium owns its transport; the text sink is
-// borrowed until the transport is closed.
+// and prepareLists() also to the supervisor while a measurement runs. Lifetime: a medium owns its transport;
+// the text sink is borrowed until the transport is closed.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "core/result.h"
 #include "core/stop_token.h"
 #include "session/bus_load.h"
+#include "session/daq_list_ids.h"
 #include "xcp/text_sink.h"
 #include "xcp/transport.h"
 
@@ -33,6 +35,7 @@ struct MediumTexts {
     std::string description;  ///< as `info` shows it: "XCP on UDP/IP, HOST:PORT"
     std::string source;       ///< as a recording tells it, see storage/format/recording_source.h
     std::string silence;      ///< where no one answered, and why that may be
+    std::string place;        ///< what tells this ECU from others: the name, on CAN with the identifiers
 };
 
 /// Counters that the statistics line shows whatever the medium is.
@@ -55,6 +58,8 @@ class IMedium {
 
     /// The largest DTO that can come from an ECU that says `told`; warns when it is less.
     virtual std::uint16_t largestDto(std::uint16_t told) const { return told; }
+    /// Whether a DTO of `planned` bytes may have been filled up to `length` on its way.
+    virtual bool mayFill(std::size_t /*planned*/, std::size_t /*length*/) const { return false; }
     /// The load of all ECUs on the line (fraction of 1), once this session's measurement has its part of it.
     /// Error: invalidArgument "estimated ... exceeds the limit of ...", with nothing claimed.
     virtual Result<double> claimLoad(const LoadInput& input, double limit) = 0;
@@ -66,6 +71,18 @@ class IMedium {
     virtual std::vector<MediumCounter> counters() const = 0;
     /// Why DTOs of this ECU may stay unheard, and what to do about it; empty when nothing is known.
     virtual std::string silenceHint() const { return {}; }
+
+    /// Before lists are started, which exist and do not run: sees to it that their DTOs are heard. Errors:
+    /// the master's, those of the line's other users.
+    virtual Result<void> prepareLists(xcp::Master& /*master*/, std::span<const std::uint16_t> /*lists*/) {
+        return {};
+    }
+    /// The CAN identifiers of these lists and of those that A2L or configuration name, as far as known.
+    /// Errors: the master's.
+    virtual Result<std::vector<DaqListId>> listIds(xcp::Master& /*master*/,
+                                                   std::span<const std::uint16_t> /*lists*/) {
+        return std::vector<DaqListId>{};
+    }
 
     /// Makes good what CONNECT's opening of the transport does not: a device under it that was lost. Errors:
     /// those of opening it.

@@ -1,12 +1,13 @@
 #include "session/name_pattern.h"
 
-#include <algorithm>
 #include <variant>
 
 #include <spdlog/fmt/fmt.h>
 
+#include "a2l/leaf_search.h"
 #include "a2l/object_name.h"
 #include "a2l/structure.h"
+#include "core/text.h"
 #include "storage/read/signal_selection.h"
 
 namespace lm::session {
@@ -60,22 +61,45 @@ bool isArray(const a2l::Leaf& leaf) {
 
 }  // namespace
 
-bool mayMatchBelow(std::string_view instance, std::string_view pattern) {
-    const std::string_view plain = pattern.substr(0, pattern.find_first_of("*?"));
-    const std::size_t common = std::min(plain.size(), instance.size());
-    return plain.substr(0, common) == instance.substr(0, common);
+NamePattern::NamePattern(std::string_view text, Reading reading)
+    : reading_(reading), hasWildcards_(text.find_first_of("*?") != std::string_view::npos), text_(text) {
+    if (reading == Reading::search) lowerAsciiInto(text_, text);
+}
+
+bool NamePattern::matches(std::string_view name) {
+    if (reading_ == Reading::exact) return storage::matchesPattern(name, text_);
+    if (text_.empty()) return true;
+    lowerAsciiInto(name_, name);
+    if (hasWildcards_) return storage::matchesPattern(name_, text_);
+    return name_.find(text_) != std::string::npos;
+}
+
+std::string_view NamePattern::beginning() const {
+    if (reading_ == Reading::search && !hasWildcards_) return {};
+    return std::string_view(text_).substr(0, text_.find_first_of("*?"));
+}
+
+bool NamePattern::mayMatchBelow(std::string_view instance) const {
+    return a2l::NameBeginning(beginning()).allows(instance);
+}
+
+Result<void> checkParts(const a2l::Description& description, const a2l::Instance& instance,
+                        std::string_view beginning, std::string_view pattern, std::string_view purpose) {
+    constexpr std::uint64_t kMostParts = 4'000'000;
+    const std::uint64_t count = a2l::leafCount(description, instance, a2l::NameBeginning(beginning));
+    if (count <= kMostParts) return {};
+    return Error{ErrorCode::invalidArgument,
+                 fmt::format("'{}' reaches into {}, which has {} parts: name those to be {}", pattern,
+                             instance.name, count, purpose)};
 }
 
 Result<void> checkParts(const a2l::Description& description, std::string_view pattern,
-                        std::string_view purpose) {
-    constexpr std::uint64_t kMostParts = 4'000'000;
+                        std::string_view purpose, const FolderFilter& folders) {
+    const NamePattern names(pattern, NamePattern::Reading::exact);
     for (const a2l::Instance& instance : description.instances) {
-        if (!mayMatchBelow(instance.name, pattern)) continue;
-        const std::uint64_t count = a2l::leafCount(description, instance);
-        if (count <= kMostParts) continue;
-        return Error{ErrorCode::invalidArgument,
-                     fmt::format("'{}' reaches into {}, which has {} parts: name those to be {}", pattern,
-                                 instance.name, count, purpose)};
+        if (!folders.reachesInto(instance.name)) continue;
+        auto few = checkParts(description, instance, names.beginning(), pattern, purpose);
+        if (!few.ok()) return few;
     }
     return {};
 }
@@ -86,11 +110,13 @@ bool isNamePattern(const a2l::Description& description, std::string_view text) {
 }
 
 std::vector<std::string> namesMatching(const a2l::Description& description, std::string_view pattern,
-                                       NameKind kind, const StopToken& stop) {
+                                       NameKind kind, const StopToken& stop, const FolderFilter& folders) {
     std::vector<std::string> names;
+    const a2l::NameBeginning beginning(NamePattern(pattern, NamePattern::Reading::exact).beginning());
     const std::vector<ElementPattern> ways = elementPatterns(pattern);
     const auto take = [&](const auto& record) {
         const std::string_view name = record.name;
+        if (!folders.takes(name)) return;
         if (storage::matchesPattern(name, pattern)) {
             names.emplace_back(name);
             return;
@@ -112,8 +138,8 @@ std::vector<std::string> namesMatching(const a2l::Description& description, std:
         takeAll(description.blobs);
     }
     for (const a2l::Instance& instance : description.instances) {
-        if (!mayMatchBelow(instance.name, pattern)) continue;
-        a2l::walkLeaves(description, instance, [&](const Result<a2l::Leaf>& leaf) {
+        if (!folders.reachesInto(instance.name)) continue;
+        a2l::walkLeaves(description, instance, beginning, [&](const Result<a2l::Leaf>& leaf) {
             if (leaf.ok() && isOfKind(leaf.value(), kind)) take(leaf.value());
             return !stop.requested();
         });

@@ -1,9 +1,6 @@
 #include "session/named_objects.h"
 
 #include <algorithm>
-#include <cmath>
-#include <compare>
-#include <cstring>
 #include <limits>
 #include <numeric>
 #include <utility>
@@ -14,6 +11,7 @@
 #include "a2l/structure.h"
 #include "core/log.h"
 #include "session/dependents.h"
+#include "session/name_pattern.h"
 
 namespace lm::session {
 namespace {
@@ -31,6 +29,14 @@ Result<ObjectName> parseName(const a2l::Description& description, std::string_vi
     if (!a2l::belongsToInstance(description, text)) return name;
     const auto object = a2l::findObject(description, text);
     return object ? name.error() : object.error();
+}
+
+/// One number, not a row of them.
+bool isNumber(const ObjectName& name, const a2l::Object& object) {
+    const auto& dimensions = object.dimensions;
+    return name.isElement() && std::all_of(dimensions.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                                                    name.indices.size(), dimensions.size())),
+                                           dimensions.end(), [](std::uint32_t count) { return count == 1; });
 }
 
 NumberReading numberReading(value::Element element, const value::Value& raw, value::Value wholeRaw) {
@@ -66,6 +72,7 @@ Result<ObjectReading> readingOf(ObjectContent content, const ObjectName& name) {
     if (!chosen) return chosen.error();
     ObjectReading reading;
     reading.numbers = numbersOf(content, name, chosen.value().numbers);
+    reading.isRow = name.isElement() && chosen.value().dimensions.size() == 1;
     return reading;
 }
 
@@ -108,35 +115,6 @@ std::vector<double> physicalNumbers(const ObjectContent& content) {
     return numbers;
 }
 
-bool contains(const a2l::MemorySpan& span, const value::Element& element) {
-    return span.address.extension == element.address.extension &&
-           span.address.address <= element.address.address &&
-           std::uint64_t{element.address.address} + element.size() <= span.end();
-}
-
-bool equal(const value::Value& a, const value::Value& b) {
-    const auto* const exactA = std::get_if<value::Exact>(&a);
-    const auto* const exactB = std::get_if<value::Exact>(&b);
-    if (exactA != nullptr && exactB != nullptr) return std::is_eq(*exactA <=> *exactB);
-    const double numberA = value::toDouble(a);
-    const double numberB = value::toDouble(b);
-    return numberA == numberB || (std::isnan(numberA) && std::isnan(numberB));
-}
-
-/// Of one element: a piece holds many, some of them written when the write failed.
-HeldSpan::State stateOf(const value::Element& element, const HeldSpan& held, const ObjectContent& before,
-                        const a2l::MemoryImage& wanted) {
-    if (held.state == HeldSpan::State::unknown) return held.state;
-    const std::uint8_t* const bytes =
-        held.bytes.data() + (element.address.address - held.span.address.address);
-    const auto is = [&](const a2l::MemoryImage& image) {
-        return equal(value::rawValue(element, image.at(element.address, element.size())),
-                     value::rawValue(element, bytes));
-    };
-    if (is(wanted)) return HeldSpan::State::after;
-    return is(before.image) ? HeldSpan::State::before : HeldSpan::State::other;
-}
-
 /// One line, whatever their number.
 void warnOfAllBeyond(const std::vector<TypedChange>& changes) {
     const auto isBeyond = [](const TypedChange& change) {
@@ -163,56 +141,10 @@ bool overlap(const std::vector<ObjectContent>& contents) {
     return size(a2l::merged(all, 0)) < size(all);
 }
 
-/// Of one object, whatever became of bits beside them.
-bool sameValues(const ObjectContent& a, const ObjectContent& b) {
-    if (a.placed.spans(0) != b.placed.spans(0)) return false;
-    if (a2l::differences(a, b.image).empty()) return true;
-    for (std::size_t i = 0; i < a.placed.elementCount(); ++i)
-        if (!equal(a.raw(i), b.raw(i))) return false;
-    for (std::size_t i = 0; i < a.placed.axes().size(); ++i) {
-        const auto pointsA = a.points(i);
-        const auto pointsB = b.points(i);
-        if (!std::equal(pointsA.begin(), pointsA.end(), pointsB.begin(), pointsB.end(), equal)) return false;
-    }
-    return true;
-}
-
-/// `before` and `wanted` are those of the wish, which is not always the last write.
-HeldObject heldObject(const ObjectContent& before, const a2l::MemoryImage& wanted,
-                      const std::vector<HeldSpan>& spans, bool isDependent) {
-    HeldObject held{before.placed.object().name, isDependent, {}, before};
-    if (spans.empty()) held.content.reset();  // it could not even be read
-    for (const HeldSpan& span : spans) {
-        if (span.state == HeldSpan::State::unknown) {
-            held.content.reset();
-        } else if (held.content) {
-            held.content->image.add(span.span.address, span.bytes);
-        }
-    }
-    const auto take = [&](const value::Element& element) {
-        const std::size_t size = element.size();
-        const auto span = std::find_if(spans.begin(), spans.end(),
-                                       [&](const HeldSpan& one) { return contains(one.span, element); });
-        const bool differs =
-            std::memcmp(before.image.at(element.address, size), wanted.at(element.address, size), size) != 0;
-        if (!differs || (span == spans.end() && !spans.empty())) return;
-        held.numbers.push_back(
-            {element, spans.empty() ? HeldSpan::State::unknown : stateOf(element, *span, before, wanted)});
-    };
-    for (std::size_t i = 0; i < before.placed.elementCount(); ++i)
-        take(before.placed.element(i));
-    for (const a2l::PlacedAxis& axis : before.placed.axes()) {
-        const bool isOwn = axis.isOwn() && before.placed.object().kind != a2l::ObjectKind::axisPoints;
-        for (std::uint32_t i = 0; isOwn && i < axis.count(); ++i)
-            take(axis.element(i));
-    }
-    return held;
-}
-
 }  // namespace
 
-NamedObjects::NamedObjects(const a2l::Description& description, xcp::Master& master, StopToken stop)
-    : description_(description), master_(master), stop_(stop), access_(master, std::move(stop)) {}
+NamedObjects::NamedObjects(const a2l::Description& description, IMemory& memory, StopToken stop)
+    : description_(description), memory_(memory), stop_(stop), access_(memory, std::move(stop)) {}
 
 bool NamedObjects::isScalar(std::string_view name) const {
     if (a2l::findScalar(description_, name, false).ok()) return true;
@@ -236,31 +168,30 @@ Result<ObjectReading> NamedObjects::read(std::string_view text) {
     const auto name = parseName(description_, text);
     if (!name) return name.error();
     const a2l::Dependency* const dependency = virtualOf(description_, name.value().object);
-    if (dependency != nullptr && name.value().isWhole()) return readVirtual(*dependency);
+    if (dependency != nullptr) return readVirtual(*dependency, name.value());
     const auto object = a2l::findObject(description_, name.value().object);
     if (!object) return object.error();
     const bool isPoint = name.value().axis || object.value().kind == a2l::ObjectKind::axisPoints;
-    if (name.value().isElement() && !isPoint) return readElement(name.value(), object.value());
+    if (isNumber(name.value(), object.value()) && !isPoint) return readElement(name.value(), object.value());
     auto content = access_.read(object.value());
     if (!content) return content.error();
     return readingOf(std::move(content).value(), name.value());
 }
 
-/// Not more than the element, and what it takes to find it.
 Result<ObjectReading> NamedObjects::readElement(const ObjectName& name, const a2l::Object& object) {
-    const a2l::ReadMemory memory = access_.reader();
-    return xcp::inStep(master_, [&]() -> Result<ObjectReading> {
-        const auto placed = a2l::place(object, memory);
-        if (!placed) return placed.error();
-        const auto chosen = chooseNumbers(name, placed.value());
-        if (!chosen) return chosen.error();
-        value::Element element = placed.value().element(chosen.value().numbers.front());
-        const auto bytes = memory(element.address, element.size());
-        if (!bytes) return bytes.error();
-        ObjectReading reading;
-        reading.numbers.push_back(numberOf(std::move(element), bytes.value().data()));
-        return reading;
-    });
+    std::size_t number = 0;
+    const auto content =
+        access_.readElement(object, [&](const a2l::PlacedObject& placed) -> Result<std::size_t> {
+            const auto chosen = chooseNumbers(name, placed);
+            if (!chosen) return chosen.error();
+            number = chosen.value().numbers.front();
+            return number;
+        });
+    if (!content) return content.error();
+    ObjectReading reading;
+    reading.numbers.push_back(
+        numberOf(content.value().placed.element(number), content.value().bytes(number)));
+    return reading;
 }
 
 Result<std::vector<double>> NamedObjects::readNumbers(std::string_view name) {
@@ -273,17 +204,23 @@ Result<std::vector<double>> NamedObjects::readNumbers(std::string_view name) {
     return numbers;
 }
 
-Result<ObjectReading> NamedObjects::readVirtual(const a2l::Dependency& dependency) {
+Result<ObjectReading> NamedObjects::readVirtual(const a2l::Dependency& dependency, const ObjectName& name) {
+    if (name.axis) return Error{ErrorCode::invalidArgument, name.text + ": is computed and has no axes"};
     const auto shown = virtualElement(description_, dependency.name);
     if (!shown) return shown.error();
-    Computation computation(description_, [this](std::string_view name) { return readNumbers(name); });
+    Computation computation(description_, [this](std::string_view source) { return readNumbers(source); });
     const auto numbers = computation.compute(dependency);
     if (!numbers) return numbers.error();
     ObjectReading reading;
-    for (const double number : numbers.value()) {
+    const auto count = static_cast<std::uint32_t>(numbers.value().size());
+    const std::vector<std::uint32_t> dimensions(count > 1 ? 1 : 0, count);
+    const auto chosen = a2l::selectElements(name, dimensions);
+    if (!chosen) return chosen.error();
+    for (const std::size_t i : chosen.value()) {
         value::Element element = shown.value();
-        if (numbers.value().size() > 1) element.name += fmt::format("[{}]", reading.numbers.size());
-        reading.numbers.push_back({std::move(element), std::numeric_limits<double>::quiet_NaN(), number});
+        element.name += a2l::indexText(i, dimensions);
+        reading.numbers.push_back(
+            {std::move(element), std::numeric_limits<double>::quiet_NaN(), numbers.value()[i]});
     }
     return reading;
 }
@@ -300,11 +237,16 @@ Result<a2l::Object> NamedObjects::writableObject(const WriteWish& wish, const Ob
     return object;
 }
 
-Result<a2l::MemoryImage> NamedObjects::wantedImage(const ObjectName& name, std::string_view text,
+Result<a2l::MemoryImage> NamedObjects::wantedImage(const ObjectName& name, const WriteWish& wish,
                                                    const ObjectContent& before,
                                                    std::vector<TypedChange>& typed) {
-    if (before.placed.object().isText() && name.isWhole()) return a2l::changedText(before, text);
-    auto changes = typedChanges(name, before.placed, text, stop_);
+    const bool isRelative = wish.relation != Relation::value;
+    if (before.placed.object().isText() && name.isWhole()) {
+        if (!isRelative) return a2l::changedText(before, wish.text);
+        return Error{ErrorCode::invalidArgument, name.text + ": is a text, no number"};
+    }
+    auto changes = isRelative ? relativeChanges(name, before, wish.relation, wish.text)
+                              : typedChanges(name, before.placed, wish.text, stop_);
     if (!changes) return changes.error();
     typed = std::move(changes).value();
     std::vector<a2l::ObjectChange> plain;
@@ -317,31 +259,39 @@ Result<a2l::MemoryImage> NamedObjects::wantedImage(const ObjectName& name, std::
 }
 
 ObjectWriting NamedObjects::write(const WriteWish& wish, const Announce& announce) {
+    if (isNamePattern(description_, wish.name)) {
+        return {Error{ErrorCode::invalidArgument,
+                      fmt::format("'{}' is a pattern: name one object to be written", wish.name)}};
+    }
     const auto name = parseName(description_, wish.name);
     if (!name) return {name.error()};
     const auto object = writableObject(wish, name.value());
     if (!object) return {object.error()};
-    const std::string_view changed = name.value().isElement() && !name.value().axis
+    const std::string_view changed = isNumber(name.value(), object.value()) && !name.value().axis
                                          ? std::string_view(name.value().text)
                                          : std::string_view(name.value().object);
-    if (!wish.withDependents) return writeAlone(name.value(), object.value(), wish.text);
+    if (!wish.withDependents) return writeAlone(name.value(), object.value(), wish);
     const auto dependents = a2l::dependentsOf(description_, std::span(&changed, 1));
     if (!dependents) return {dependents.error()};
-    if (dependents.value().empty()) return writeAlone(name.value(), object.value(), wish.text);
-    return writeTogether(name.value(), object.value(), wish.text, dependents.value(), announce);
+    if (dependents.value().empty()) return writeAlone(name.value(), object.value(), wish);
+    return writeTogether(name.value(), object.value(), wish, dependents.value(), announce);
 }
 
 ObjectWriting NamedObjects::writeAlone(const ObjectName& name, const a2l::Object& object,
-                                       std::string_view text) {
+                                       const WriteWish& wish) {
     ObjectWriting writing{Error{ErrorCode::closed, ""}};
     std::optional<ObjectContent> before;
     a2l::MemoryImage wanted;
     auto outcome = access_.write(object, [&](const ObjectContent& content) -> Result<a2l::MemoryImage> {
-        auto image = wantedImage(name, text, content, writing.typed);
+        auto image = wantedImage(name, wish, content, writing.typed);
         if (!image) return image;
         logAssumptions(object);
         before = content;
         wanted = image.value();
+        const bool isOne = isNumber(name, object) || object.elementCount() == 1;
+        if (!wish.beforeWriting || (isOne && !wish.tellsOne)) return image;
+        if (const auto change = bytesOfChange(content, wanted); !change.pieces.empty())
+            wish.beforeWriting({change});
         return image;
     });
     if (!outcome.held.empty()) writing.held.push_back(heldObject(*before, wanted, outcome.held, false));
@@ -349,21 +299,23 @@ ObjectWriting NamedObjects::writeAlone(const ObjectName& name, const a2l::Object
         writing.value = outcome.content.error();
         return writing;
     }
+    if (before) writing.written.push_back({std::move(*before), outcome.content.value()});
     writing.value = writtenReading(std::move(outcome.content).value(), name);
     return writing;
 }
 
 ObjectWriting NamedObjects::writeTogether(const ObjectName& name, const a2l::Object& object,
-                                          std::string_view text,
+                                          const WriteWish& wish,
                                           const std::vector<const a2l::Dependency*>& dependents,
                                           const Announce& announce) {
     std::vector<TypedChange> typed;
     auto before = access_.read(object);
     if (!before) return {before.error()};
-    auto wanted = wantedImage(name, text, before.value(), typed);
+    auto wanted = wantedImage(name, wish, before.value(), typed);
     if (!wanted) return {wanted.error()};
     std::vector<Step> steps;
-    steps.push_back({object, std::move(before).value(), std::move(wanted).value(), {}, std::string(text)});
+    steps.push_back(
+        {object, std::move(before).value(), std::move(wanted).value(), {}, std::string(wish.text)});
     for (const TypedChange& change : typed)
         steps.front().changes.push_back(change.change);
     auto planned = planDependents(dependents, steps.front());
@@ -375,6 +327,14 @@ ObjectWriting NamedObjects::writeTogether(const ObjectName& name, const a2l::Obj
         if (&step != &steps.front()) names.push_back(step.object.name);
     }
     if (!names.empty()) announce(names);
+    if (wish.beforeWriting) {
+        std::vector<ObjectBytes> bytes;
+        bytes.reserve(steps.size());
+        for (const Step& step : steps)
+            bytes.push_back(bytesOfChange(step.before, step.wanted));
+        std::erase_if(bytes, [](const ObjectBytes& one) { return one.pieces.empty(); });
+        if (!bytes.empty()) wish.beforeWriting(bytes);
+    }
     ObjectWriting writing = carryOut(name, steps);
     writing.typed = std::move(typed);
     return writing;
@@ -422,6 +382,39 @@ Result<std::vector<NamedObjects::Step>> NamedObjects::planDependents(
     return steps;
 }
 
+Result<std::vector<std::string>> NamedObjects::unfitDependents(std::span<const Change> changes) {
+    std::vector<std::string_view> names;
+    ObjectAccess::Assumed assumed(access_);
+    for (const Change& change : changes) {
+        names.push_back(change.before.placed.object().name);
+        assumed.add(change.before, change.wanted);
+    }
+    const auto dependents = a2l::dependentsOf(description_, names);
+    if (!dependents) return dependents.error();
+    Computation computation(description_, [this](std::string_view name) { return readNumbers(name); });
+    std::vector<std::string> unfit;
+    for (const a2l::Dependency* dependency : dependents.value()) {
+        auto numbers = computation.compute(*dependency);
+        if (!numbers) return numbers.error();
+        if (dependency->kind != a2l::DependencyKind::dependentCharacteristic) {
+            computation.assume(dependency->name, std::move(numbers).value());
+            continue;
+        }
+        const auto object = a2l::findObject(description_, dependency->name);
+        if (!object) return object.error();
+        const auto held = access_.read(object.value());
+        if (!held) return held.error();
+        const std::size_t count = held.value().placed.elementCount();
+        std::vector<a2l::ObjectChange> wanted;
+        for (std::size_t i = 0; i < count && !numbers.value().empty(); ++i)
+            wanted.push_back({std::nullopt, i, numbers.value()[i % numbers.value().size()]});
+        const auto image = a2l::changed(held.value(), wanted);
+        if (!image || !a2l::differences(held.value(), image.value()).empty())
+            unfit.emplace_back(dependency->name);
+    }
+    return unfit;
+}
+
 /// Makes the bytes of what the ECU holds by now: an earlier step may have changed bits of the same ones.
 ObjectWriteOutcome NamedObjects::carryOut(ObjectAccess& access, Step& step) {
     return access.write(step.object, [&](const ObjectContent& now) -> Result<a2l::MemoryImage> {
@@ -457,9 +450,9 @@ Result<void> NamedObjects::readAgain(ObjectAccess& access, const std::vector<Ste
 
 ObjectWriting NamedObjects::carryOut(const ObjectName& name, std::vector<Step>& steps) {
     // Once begun, all of it is done, whatever stop comes.
-    const auto finishing = master_.finishing();
+    const auto finishing = memory_.finishing();
     if (stop_.requested()) return {Error::stopped(name.text + ": stopped")};
-    ObjectAccess access(master_, StopToken());
+    ObjectAccess access(memory_, StopToken());
     ObjectWriting writing{Error{ErrorCode::closed, ""}};
     std::vector<ObjectContent> contents;
     for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -476,6 +469,8 @@ ObjectWriting NamedObjects::carryOut(const ObjectName& name, std::vector<Step>& 
         takeBack(steps, steps.size(), writing);
         return writing;
     }
+    for (std::size_t i = 0; i < steps.size(); ++i)
+        writing.written.push_back({steps[i].before, contents[i]});
     writing.value = writtenReading(std::move(contents.front()), name);
     for (std::size_t i = 1; i < steps.size(); ++i)
         writing.dependents.push_back({steps[i].object.name, std::move(contents[i])});
@@ -484,7 +479,7 @@ ObjectWriting NamedObjects::carryOut(const ObjectName& name, std::vector<Step>& 
 
 /// Gives the first `count` objects what they held before, the last one first.
 void NamedObjects::takeBack(const std::vector<Step>& steps, std::size_t count, ObjectWriting& writing) {
-    ObjectAccess access(master_, StopToken());
+    ObjectAccess access(memory_, StopToken());
     writing.dependents.clear();
     writing.restored = count > 0;
     bool isSilent = false;

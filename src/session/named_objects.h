@@ -1,13 +1,14 @@
 // Reads and writes what users name: whole objects, elements and points of them, values that are computed
 // from others. A parameter is written together with those that depend on it, or not at all.
 //
-// Threads: one at a time; a stop may be requested from any. Lifetime: description and master are borrowed;
+// Threads: one at a time; a stop may be requested from any. Lifetime: description and memory are borrowed;
 // what is returned owns everything.
 #pragma once
 
 #include <cstddef>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,10 +19,13 @@
 #include "a2l/object_name.h"
 #include "core/result.h"
 #include "core/stop_token.h"
+#include "session/ecu_memory.h"
+#include "session/held_object.h"
 #include "session/object_access.h"
+#include "session/object_bytes.h"
+#include "session/relative_change.h"
 #include "session/typed_change.h"
 #include "session/write_rights.h"
-#include "xcp/master.h"
 
 namespace lm::session {
 
@@ -36,6 +40,7 @@ struct NumberReading {
 struct ObjectReading {
     std::optional<a2l::ObjectContent> whole;  ///< a curve, a map, a block, a text, an axis
     std::vector<NumberReading> numbers = {};  ///< else its parts
+    bool isRow = false;                       ///< the numbers along the one dimension without an index
 };
 
 struct WriteWish {
@@ -43,18 +48,15 @@ struct WriteWish {
     std::string_view text;
     WriteRights rights = {};
     bool withDependents = true;
+    Relation relation = Relation::value;
+    BeforeWriting beforeWriting = {};  ///< of more than one number, or `tellsOne`
+    bool tellsOne = false;
 };
 
-/// An object whose writing failed: what was to change, and what the ECU holds of it.
-struct HeldObject {
-    struct Number {
-        value::Element element;
-        HeldSpan::State state = HeldSpan::State::unknown;
-    };
-    std::string name;
-    bool isDependent = false;  ///< it was to change because another one did
-    std::vector<Number> numbers;
-    std::optional<a2l::ObjectContent> content;  ///< none when the ECU told not all of it
+/// An object that was written: what it held, and what was read back.
+struct WrittenObject {
+    a2l::ObjectContent before;
+    a2l::ObjectContent after;
 };
 
 /// A parameter that was written because another one was.
@@ -67,6 +69,7 @@ struct ObjectWriting {
     Result<ObjectReading> value;  ///< as read back: a single number, else the whole object
     std::vector<TypedChange> typed = {};
     std::vector<WrittenDependent> dependents = {};
+    std::vector<WrittenObject> written = {};  ///< of a write that succeeded: all of them
     // Of a write that failed on its way: objects that do not hold what they held before.
     std::vector<HeldObject> held = {};
     bool restored = false;  ///< all that had been written was taken back
@@ -74,8 +77,8 @@ struct ObjectWriting {
 
 class NamedObjects {
   public:
-    /// `stop` is that of the master's waits.
-    NamedObjects(const a2l::Description& description, xcp::Master& master, StopToken stop);
+    /// `stop` is that of the memory's waits.
+    NamedObjects(const a2l::Description& description, IMemory& memory, StopToken stop);
 
     /// Whether a name is that of one number at a place that the A2L tells, which ValueAccess serves, or that
     /// of nothing and no pattern either.
@@ -97,6 +100,15 @@ class NamedObjects {
     /// typedChanges(), a2l::changed(), a2l::changedText(), ObjectAccess::write() and a2l::dependentsOf().
     ObjectWriting write(const WriteWish& wish, const Announce& announce);
 
+    /// An object that gets other bytes, or got them.
+    struct Change {
+        const a2l::ObjectContent& before;
+        const a2l::MemoryImage& wanted;
+    };
+    /// The parameters that depend on these and do not hold what is computed from them, once they are changed.
+    /// Errors: those of read(), Computation::compute() and a2l::dependentsOf().
+    Result<std::vector<std::string>> unfitDependents(std::span<const Change> changes);
+
   private:
     /// An object on its way to other bytes.
     struct Step {
@@ -108,13 +120,13 @@ class NamedObjects {
     };
 
     Result<ObjectReading> readElement(const a2l::ObjectName& name, const a2l::Object& object);
-    Result<ObjectReading> readVirtual(const a2l::Dependency& dependency);
+    Result<ObjectReading> readVirtual(const a2l::Dependency& dependency, const a2l::ObjectName& name);
     Result<std::vector<double>> readNumbers(std::string_view name);
     Result<a2l::Object> writableObject(const WriteWish& wish, const a2l::ObjectName& name) const;
-    Result<a2l::MemoryImage> wantedImage(const a2l::ObjectName& name, std::string_view text,
+    Result<a2l::MemoryImage> wantedImage(const a2l::ObjectName& name, const WriteWish& wish,
                                          const a2l::ObjectContent& before, std::vector<TypedChange>& typed);
-    ObjectWriting writeAlone(const a2l::ObjectName& name, const a2l::Object& object, std::string_view text);
-    ObjectWriting writeTogether(const a2l::ObjectName& name, const a2l::Object& object, std::string_view text,
+    ObjectWriting writeAlone(const a2l::ObjectName& name, const a2l::Object& object, const WriteWish& wish);
+    ObjectWriting writeTogether(const a2l::ObjectName& name, const a2l::Object& object, const WriteWish& wish,
                                 const std::vector<const a2l::Dependency*>& dependents,
                                 const Announce& announce);
     Result<std::vector<Step>> planDependents(const std::vector<const a2l::Dependency*>& dependents,
@@ -126,7 +138,7 @@ class NamedObjects {
     void takeBack(const std::vector<Step>& steps, std::size_t count, ObjectWriting& writing);
 
     const a2l::Description& description_;
-    xcp::Master& master_;
+    IMemory& memory_;
     const StopToken stop_;
     ObjectAccess access_;
 };

@@ -1,7 +1,7 @@
 // Reads and writes whole objects of the ECU: curves, maps, blocks, texts, axes. What is told was certainly
 // read from where it should be; what was written was read back.
 //
-// Threads: one at a time; a stop may be requested from any. Lifetime: the master is borrowed; what is
+// Threads: one at a time; a stop may be requested from any. Lifetime: the memory is borrowed; what is
 // returned owns everything.
 #pragma once
 
@@ -12,7 +12,7 @@
 #include "a2l/object_content.h"
 #include "core/result.h"
 #include "core/stop_token.h"
-#include "xcp/master.h"
+#include "session/ecu_memory.h"
 
 namespace lm::session {
 
@@ -34,15 +34,14 @@ struct ObjectWriteOutcome {
 
 class ObjectAccess {
   public:
-    /// `stop` is that of the master's waits.
-    ObjectAccess(xcp::Master& master, StopToken stop) : master_(master), stop_(std::move(stop)) {}
+    /// `stop` is that of the memory's waits.
+    ObjectAccess(IMemory& memory, StopToken stop) : memory_(memory), stop_(std::move(stop)) {}
 
     /// Reads counts and pointers, then all bytes in as few packets as they need. Errors: those of
-    /// a2l::readObject, xcp::Master::upload and xcp::inStep.
+    /// a2l::readObject, the memory's.
     Result<a2l::ObjectContent> read(const a2l::Object& object);
-
-    /// Reads bytes of the memory, with what is assumed in place.
-    a2l::ReadMemory reader();
+    /// Not more than the element, and what it takes to find it. Errors: likewise, of a2l::readElement.
+    Result<a2l::ObjectContent> readElement(const a2l::Object& object, const a2l::ChooseElement& choose);
 
     /// While it lives, reads find the bytes that are planned where the ECU still holds others, counts and
     /// pointers included. Nothing is to be written meanwhile. Borrows the access.
@@ -64,7 +63,7 @@ class ObjectAccess {
 
     /// Reads the object, writes the pieces that `change` makes differ, and reads the object back. A stop
     /// request that comes after the writing has begun waits for all of it. Errors: those of read() and
-    /// `change`, the master's, "NAME: stopped", "NAME: read back value differs from the written value",
+    /// `change`, the memory's, "NAME: stopped", "NAME: read back value differs from the written value",
     /// "NAME: its place or size changed meanwhile" when the wanted bytes are those of another place.
     ObjectWriteOutcome write(const a2l::Object& object, const Change& change);
 
@@ -74,13 +73,14 @@ class ObjectAccess {
         std::vector<std::uint8_t> bytes;
     };
 
+    a2l::ReadMemory reader(const std::string& name);
     Result<a2l::ObjectContent> readUnconfirmed(const a2l::Object& object);
     Result<a2l::ObjectContent> download(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
                                         const std::vector<a2l::MemorySpan>& spans);
     std::vector<HeldSpan> held(const a2l::ObjectContent& before, const a2l::MemoryImage& wanted,
                                const std::vector<a2l::MemorySpan>& spans);
 
-    xcp::Master& master_;
+    IMemory& memory_;
     const StopToken stop_;
     std::vector<Piece> assumed_;
 };

@@ -10,6 +10,7 @@ constexpr std::int32_t kBusy = 0x10;
 constexpr std::int32_t kDaqActive = 0x11;
 constexpr std::int32_t kOutOfRange = 0x22;
 constexpr std::int32_t kAccessDenied = 0x24;
+constexpr std::int32_t kMemoryOverflow = 0x30;
 
 /// "event 1 (cyclic_10ms)"
 std::string eventText(std::uint16_t number, const xcp::DaqCapabilities& capabilities) {
@@ -34,6 +35,12 @@ std::string told(std::int32_t code, const std::string& what) {
 
 std::string refusalHint(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities,
                         const xcp::DaqRefusal& refusal, std::int32_t code) {
+    if (code == kMemoryOverflow) {
+        return fmt::format(
+            "{} signal(s) do not fit into the ECU's DAQ memory: measure fewer of them; of an "
+            "array, curve or map NAME[0] is one element",
+            plan.planned.size());
+    }
     if (!refusal.list) return {};
     const PlannedSignal* first = nullptr;
     std::size_t count = 0;

@@ -11,7 +11,8 @@
 
 namespace lm::session {
 
-/// `code` is the ECU's error code. Empty when the refusal was of the measurement as a whole.
+/// `code` is the ECU's error code. Empty when the refusal was of the measurement as a whole, but for want of
+/// memory.
 std::string refusalHint(const MeasurementPlan& plan, const xcp::DaqCapabilities& capabilities,
                         const xcp::DaqRefusal& refusal, std::int32_t code);
 

@@ -22,7 +22,8 @@ class SerialMedium final : public IMedium {
               fmt::format("{} {}", storage::kSerialSource, config.port),
               fmt::format("no one answers on {} at {} baud: the ECU is off or still starting "
                           "(--reset-delay), port or baud rate is another one, or another master is connected",
-                          config.port, config.baudrate)},
+                          config.port, config.baudrate),
+              "serial:" + config.port},
           baudrate_(config.baudrate) {}
 
     const MediumTexts& texts() const override { return texts_; }

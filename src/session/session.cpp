@@ -9,9 +9,11 @@
 #include "core/printable_text.h"
 #include "session/connect_patience.h"
 #include "session/key_helper.h"
+#include "session/masked_write.h"
 #include "session/measurement.h"
+#include "session/signal_choice.h"
+#include "session/signal_elements.h"
 #include "session/transport_choice.h"
-#include "value/typed_text.h"
 
 namespace lm::session {
 namespace {
@@ -25,10 +27,17 @@ std::string keyHint(const a2l::XcpInterface& interface) {
 }
 
 xcp::MasterOptions masterOptions(const SessionConfig& whole, const a2l::XcpInterface& interface,
-                                 const StopToken& stop) {
+                                 const StopToken& stop, const std::shared_ptr<KeyUse>& use) {
     const SessionConfig::Xcp& config = whole.xcp;
     xcp::MasterOptions options;
-    if (whole.security.configured()) options.keys = KeyHelper(whole.security, stop);
+    if (whole.security.configured()) {
+        // Who asks for a key after a stop does so for the last words, which nothing but a limit may end.
+        options.keys = [usual = KeyHelper(whole.security, stop, use),
+                        last = KeyHelper(whole.security, StopToken(), use),
+                        stop](xcp::Resource resource, std::span<const std::uint8_t> seed) {
+            return stop.requested() ? last(resource, seed) : usual(resource, seed);
+        };
+    }
     options.keyHint = keyHint(interface);
     std::array<std::uint64_t*, 7> fields = {&options.t1, &options.t2, &options.t3, &options.t4,
                                             &options.t5, &options.t6, &options.t7};
@@ -46,8 +55,11 @@ xcp::MasterOptions masterOptions(const SessionConfig& whole, const a2l::XcpInter
     options.overrides = {config.overrides.granularity, config.overrides.byteOrder, config.overrides.maxDto};
     if (interface.protocolLayer) {
         const auto& offered = interface.protocolLayer->optionalCommands;
-        options.offersWriteDaqMultiple =
-            std::find(offered.begin(), offered.end(), "WRITE_DAQ_MULTIPLE") != offered.end();
+        const auto isOffered = [&offered](std::string_view command) {
+            return std::find(offered.begin(), offered.end(), command) != offered.end();
+        };
+        options.offersWriteDaqMultiple = isOffered("WRITE_DAQ_MULTIPLE");
+        if (isOffered("DOWNLOAD_NEXT")) options.writeBlocks = interface.protocolLayer->writeBlocks;
     }
     return options;
 }
@@ -105,20 +117,28 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
     if (const auto* described = describedMedium(config, interface))
         interface.overrule(a2l::XcpOfMedium(*described));  // a copy: it is part of what changes
     return std::unique_ptr<Session>(new Session(std::move(config), std::move(description).value(),
-                                                std::move(own).value(), std::move(medium).value()));
+                                                std::move(own).value(), std::move(medium).value(), options));
 }
 
 Session::Session(SessionConfig config, a2l::Description description, StopSource stop,
-                 std::unique_ptr<IMedium> medium)
+                 std::unique_ptr<IMedium> medium, SessionOptions options)
     : config_(std::move(config)),
+      options_(options),
       description_(std::move(description)),
       stop_(std::move(stop)),
       medium_(std::move(medium)),
-      master_(std::make_unique<xcp::Master>(
-          medium_->transport(), masterOptions(config_, description_.xcp, stop_.token()), stop_.token())),
-      values_(*master_, stop_.token(), modifiesBits(config_.xcp, description_.xcp)),
-      objects_(description_, *master_, stop_.token()),
-      daqSource_(*master_, config_, description_.xcp) {
+      master_(std::make_unique<xcp::Master>(medium_->transport(),
+                                            masterOptions(config_, description_.xcp, stop_.token(), keyUse_),
+                                            stop_.token())),
+      numbers_(*master_, {.modifiesBits = modifiesBits(config_.xcp, description_.xcp)}),
+      wholes_(*master_, {.wholeUnits = true, .modifiesBits = numbers_.modifiesBits()}),
+      blocks_(*master_, {.wholeUnits = true, .modifiesBits = numbers_.modifiesBits(), .writesBlocks = true}),
+      values_(description_, numbers_, stop_.token()),
+      objects_(description_, wholes_, stop_.token()),
+      pages_(*master_, description_, stop_.token()),
+      daqSource_(*master_, config_, description_.xcp),
+      watch_(*master_, description_, writes_, stop_.token()),
+      returns_(*master_, description_, config_, options_.ignoresIdentity, watch_) {
     master_->setListener(this);
     medium_->setTextSink(&console_);
 }
@@ -137,10 +157,91 @@ Result<void> Session::open() {
         if (error.code == ErrorCode::timeout) error.hint = medium_->texts().silence;
         return error;
     }
+    if (auto known = identified_ ? tellReturn() : identify(); !known.ok()) return known;
     askForDaq();
     warnAboutByteOrder();
     silent_ = false;
     changeState(SessionState::connected, "");
+    return {};
+}
+
+Result<void> Session::openAgain() {
+    const Identity before = identity();
+    if (auto opened = open(); !opened.ok()) return opened;
+    const Identity now = identity();
+    if (now.state != before.state || now.ecu != before.ecu)
+        return Error{ErrorCode::permissionDenied, "another software answers now: " + now.text()};
+    return checkIdentity();
+}
+
+const std::string& Session::ecuText() {
+    if (ecuText_) return *ecuText_;
+    const auto text =
+        ask([](xcp::Master& master) { return master.pages().identification(xcp::IdType::text); });
+    return ecuText_.emplace(text.ok() ? text.value() : std::string());
+}
+
+std::string Session::pagesText() {
+    if (!hasPages(description_)) return {};
+    const auto overview = pages_.look();
+    if (!overview.ok()) return {};
+    std::string text;
+    for (const SegmentState& segment : overview.value().segments) {
+        if (!segment.xcpPage || segment.pages.size() < 2) continue;
+        text += text.empty() ? "" : "; ";
+        text += segment.name.empty() ? "segment " + std::to_string(segment.number) : segment.name;
+        text += ": page " + std::to_string(*segment.xcpPage);
+        if (segment.ecuPage && *segment.ecuPage != *segment.xcpPage)
+            text += ", the ECU used page " + std::to_string(*segment.ecuPage);
+    }
+    return text;
+}
+
+Result<void> Session::identify() {
+    using Check = SessionConfig::IdentityCheck;
+    identified_ = true;
+    if (config_.identityCheck == Check::off) return {};
+    const Identity identity = readIdentity(wholes_, description_.parameters);
+    returns_.setIdentity(identity);
+    if (identity.state == Identity::State::unreadable && !stopToken().requested())
+        log::info("{}", identity.text());
+    if (identity.state != Identity::State::different || options_.otherSoftware == OtherSoftware::shown)
+        return {};
+    const bool refuses = config_.identityCheck == Check::refuse && !options_.ignoresIdentity;
+    if (refuses && options_.otherSoftware == OtherSoftware::asConfigured) return otherSoftware(identity);
+    log::warn("{}: values may be wrong", identity.text());
+    identityWarned_ = true;
+    return {};
+}
+
+/// Of an ECU that was connected before, which may be another one by now.
+Result<void> Session::tellReturn() {
+    const auto back = returns_.look(ecuName());
+    if (!back.ok()) return back.error();
+    for (const EcuReturn::Note& note : back.value().notes)
+        log::warn("{}", note.text);
+    const Identity identity = returns_.identity();
+    const bool refuses = config_.identityCheck == SessionConfig::IdentityCheck::refuse &&
+                         !options_.ignoresIdentity && options_.otherSoftware == OtherSoftware::asConfigured;
+    if (refuses && identity.state == Identity::State::different) return otherSoftware(identity);
+    return {};
+}
+
+Result<void> Session::checkIdentity() {
+    const Identity identity = returns_.identity();
+    const bool different = identity.state == Identity::State::different;
+    if (different && !options_.ignoresIdentity) return otherSoftware(identity);
+    const bool isAsked = config_.identityCheck != SessionConfig::IdentityCheck::off;
+    if (isAsked && deniesByteOrder() && !options_.ignoresIdentity) {
+        Error error{ErrorCode::permissionDenied, byteOrderText()};
+        error.hint =
+            "this A2L is for another ECU, or xcp.overrides.byteOrder tells what is so; "
+            "--ignore-identity goes on all the same";
+        return error;
+    }
+    if (identity.state != Identity::State::unreadable || identityWarned_) return {};
+    log::warn("{}: what is written may belong to another software", identity.text());
+    identityWarned_ = true;
     return {};
 }
 
@@ -158,7 +259,9 @@ void Session::askForDaq() {
     }
     if (stopToken().requested()) return;
     const Error& error = origins.error();
-    noDaq_.hint = error.hint.empty() ? error.text() : error.text() + "; " + error.hint;
+    if (error.detail == xcp::kErrAccessLocked) noDaq_.detail = error.detail;
+    noDaq_.hint = "the ECU has DAQ, but does not tell what it can do in it: " + error.text();
+    if (!error.hint.empty()) noDaq_.hint += "; " + error.hint;
     log::warn("DAQ capabilities not available: {}", error.text());
     if (!error.hint.empty()) log::warn("{}", error.hint);
 }
@@ -167,9 +270,9 @@ Result<void> Session::completeDaq() {
     if (!capabilities_ || daqCompleted_) return {};
     if (auto listed = daqSource_.askLists(*capabilities_, daqOrigins_); !listed.ok()) return listed;
     daqCompleted_ = true;
-    for (const std::string& warning :
-         {daqSource_.contradiction(*capabilities_, daqOrigins_), daqSource_.advice(daqOrigins_)})
-        if (!warning.empty()) log::warn("{}", warning);
+    for (const std::string& warning : daqSource_.contradictions(*capabilities_, daqOrigins_))
+        log::warn("{}", warning);
+    if (const auto advice = daqSource_.advice(daqOrigins_); !advice.empty()) log::warn("{}", advice);
     if (config_.daq.source == DaqTold::a2l && !description_.xcp.daq)
         log::warn("daq.source is \"a2l\", and the A2L has no DAQ block: the ECU was asked");
     log::info("DAQ: configuration from {}, resolution {}, events {}, lists {}",
@@ -178,14 +281,29 @@ Result<void> Session::completeDaq() {
     return {};
 }
 
-void Session::warnAboutByteOrder() const {
+Result<std::vector<DaqListId>> Session::listIds() {
+    std::vector<std::uint16_t> numbers;
+    for (const xcp::DaqListInfo& list :
+         capabilities_ ? capabilities_->lists : std::vector<xcp::DaqListInfo>{})
+        numbers.push_back(list.number);
+    return medium_->listIds(*master_, numbers);
+}
+
+bool Session::deniesByteOrder() const {
     const auto& layer = description_.xcp.protocolLayer;
     const std::optional<ByteOrder> described =
         layer && layer->byteOrder ? layer->byteOrder : description_.byteOrder;
-    const ByteOrder actual = master_->connectInfo().byteOrder();
-    if (!described || *described == actual) return;
-    log::warn("the ECU says that its byte order is {}, the A2L says otherwise: values may be wrong",
-              actual == ByteOrder::bigEndian ? "Motorola" : "Intel");
+    return described && *described != master_->connectInfo().byteOrder();
+}
+
+std::string Session::byteOrderText() const {
+    const bool isBig = master_->connectInfo().byteOrder() == ByteOrder::bigEndian;
+    return std::string("the ECU says that its byte order is ") + (isBig ? "Motorola" : "Intel") +
+           ", the A2L says otherwise";
+}
+
+void Session::warnAboutByteOrder() const {
+    if (deniesByteOrder()) log::warn("{}: values may be wrong", byteOrderText());
 }
 
 Result<void> Session::close() {
@@ -207,20 +325,35 @@ Result<xcp::SlaveStatus> Session::status() {
 Result<std::vector<LockOutcome>> Session::unlock(std::span<const xcp::Resource> resources) {
     const auto before = status();
     if (!before.ok()) return afterConnect(before.error());
+    // One that was refused since CONNECT, as for the questions about DAQ.
+    keyUse_->ended = std::ranges::any_of(xcp::kResources, [&](xcp::Resource resource) {
+        return gaveKey(resource) && before.value().isLocked(resource) && !master_->openedByKey(resource);
+    });
     std::vector<LockOutcome> outcomes;
     for (const xcp::Resource resource : xcp::kResources) {
         const bool named = std::find(resources.begin(), resources.end(), resource) != resources.end();
-        const bool locked = before.value().isLocked(resource);
+        const bool refused = resource == xcp::Resource::daq && noDaq_.detail == xcp::kErrAccessLocked;
+        const bool locked = before.value().isLocked(resource) || refused;
         const bool offered = (connectInfo().resource & static_cast<std::uint8_t>(resource)) != 0 || locked;
         if (resources.empty() ? !offered : !named) continue;
         outcomes.push_back(unlockOne(resource, locked));
+        // Of those that come after a key, only a refusal of it is so.
+        const auto& error = outcomes.back().error;
+        if (error && gaveKey(resource) && error->code == ErrorCode::permissionDenied &&
+            error->detail == Error::kNoDetail)
+            keyUse_->ended = true;
     }
     return outcomes;
+}
+
+bool Session::gaveKey(xcp::Resource resource) const {
+    return (keyUse_->given & static_cast<std::uint8_t>(resource)) != 0;
 }
 
 /// Some ECUs do not tell what is locked: where there is a key, the answer to GET_SEED counts.
 LockOutcome Session::unlockOne(xcp::Resource resource, bool isLocked) {
     using State = LockOutcome::State;
+    if (!isLocked && master_->openedByKey(resource)) return {resource, State::unlocked};
     if (!isLocked && !config_.security.configured()) return {resource};
     bool opened = isLocked;
     const auto done = xcp::inStep(*master_, [&] {
@@ -243,20 +376,8 @@ Error Session::afterConnect(Error error) const {
     return error;
 }
 
-/// The ECU waits meanwhile: the hints of a long list of names that are all unknown take no time of note.
-Result<a2l::Object> Session::findScalar(std::string_view name) {
-    constexpr std::size_t kMostExplained = 10;
-    auto object = a2l::findScalar(description_, name, unknownNames_ < kMostExplained);
-    if (!object && object.error().code == ErrorCode::notFound) ++unknownNames_;
-    return object;
-}
-
 std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
-    auto outcome = values_.read(names.size(), [&](std::size_t i) -> Result<value::Element> {
-        const auto object = findScalar(names[i]);
-        if (!object.ok()) return object.error();
-        return object.value().element();
-    });
+    auto outcome = values_.read(names);
     if (!outcome.confirmed) silent_ = true;
     for (Result<Reading>& value : outcome.values) {
         if (!value.ok()) value = afterConnect(value.error());
@@ -264,23 +385,19 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
     return std::move(outcome.values);
 }
 
-WriteOutcome Session::write(std::string_view name, std::string_view text, WriteRights rights) {
-    auto object = findScalar(name);
-    if (!object.ok()) return {object.error()};
-    if (auto allowed = checkWritable(object.value(), rights); !allowed.ok()) return {allowed.error()};
-    if (rights.extendedLimits) a2l::takeExtendedLimits(object.value());
-    const value::Element element = object.value().element();
-    const auto typed = value::parseText(element, text);
-    logAssumptions(object.value());
-    if (typed.ok()) {
-        auto outcome = values_.write(element, typed.value());
-        if (!outcome.value.ok()) outcome.value = afterConnect(outcome.value.error());
-        if (outcome.value.ok()) warnBeyondLimits(element, typed.value());
+WriteOutcome Session::write(std::string_view name, std::string_view text, WriteRights rights,
+                            const BeforeWriting& beforeWriting) {
+    if (auto right = checkIdentity(); !right.ok()) return {right.error()};
+    auto outcome = values_.write(name, text, rights, beforeWriting);
+    if (outcome.value.ok()) {
+        const value::Element& element = outcome.value.value().element;
+        noteWrite({element.name, {{element.address, outcome.before, outcome.written, maskBytes(element)}}});
         return outcome;
     }
-    // That an ECU cannot be read counts more than a slip of the pen.
-    const auto current = values_.read(element);
-    return {current.ok() ? typed.error() : afterConnect(current.error())};
+    const auto object = a2l::findScalar(description_, name, false);
+    outcome.value = object ? afterWrite(outcome.value.error(), object.value().element().address.address)
+                           : afterConnect(outcome.value.error());
+    return outcome;
 }
 
 Result<ObjectReading> Session::readObject(std::string_view name) {
@@ -290,12 +407,64 @@ Result<ObjectReading> Session::readObject(std::string_view name) {
     return afterConnect(reading.error());
 }
 
+Result<void> Session::readTogether(std::span<const a2l::Object> objects,
+                                   const JointReading::Progress& progress, const JointReading::Take& take) {
+    ObjectAccess access(blocks_, stop_.token());
+    auto read = JointReading(*master_, access, progress).run(objects, take);
+    if (read.ok()) return read;
+    if (read.error().code == ErrorCode::timeout) silent_ = true;
+    return afterConnect(read.error());
+}
+
 ObjectWriting Session::writeObject(const WriteWish& wish, const NamedObjects::Announce& announce) {
+    if (auto right = checkIdentity(); !right.ok()) return {right.error()};
     auto writing = objects_.write(wish, announce);
-    if (writing.value.ok()) return writing;
+    if (writing.value.ok()) {
+        for (const WrittenObject& object : writing.written)
+            noteWrite(bytesOfChange(object.before, object.after.image));
+        return writing;
+    }
     if (writing.value.error().code == ErrorCode::timeout) silent_ = true;
-    writing.value = afterConnect(writing.value.error());
+    writing.value = afterWrite(writing.value.error(), {});
     return writing;
+}
+
+void Session::noteWrites(std::vector<ObjectBytes> changes) {
+    ObjectBytes all;  // sums take their time
+    for (const ObjectBytes& change : changes)
+        all.pieces.insert(all.pieces.end(), change.pieces.begin(), change.pieces.end());
+    watch_.onWrite(all);
+    for (ObjectBytes& change : changes)
+        writes_.add(std::move(change));
+}
+
+void Session::noteWrite(ObjectBytes change) {
+    watch_.onWrite(change);
+    writes_.add(std::move(change));
+}
+
+Error Session::explainWrite(const Error& error) {
+    if (error.code == ErrorCode::timeout) silent_ = true;
+    return afterWrite(error, {});
+}
+
+std::vector<std::string> Session::pageRemarks() {
+    if (silent_ || stopToken().requested() || !master_->connected()) return {};
+    std::vector<std::string> fresh = pages_.remarks();
+    std::erase_if(fresh, [this](const std::string& remark) { return !toldRemarks_.insert(remark).second; });
+    return fresh;
+}
+
+/// A page that no one can write is the cause that a refusal does not name.
+Error Session::afterWrite(Error error, std::optional<std::uint32_t> place) {
+    error = afterConnect(std::move(error));
+    const bool refused = error.detail == xcp::kErrWriteProtected || error.detail == xcp::kErrAccessDenied;
+    if (!refused || !error.hint.empty() || stopToken().requested()) return error;
+    for (const std::string& remark : pages_.remarks(place)) {
+        if (error.hint.empty()) error.hint = "the cause, most likely: " + remark;
+        toldRemarks_.insert(remark);
+    }
+    return error;
 }
 
 Result<void> Session::sendText(std::string_view line) {
@@ -310,12 +479,22 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
     overloadEvents_ = 0;
     recording_.reset();
     auto planned = Measurement::plan(
-        {config_, description_, *medium_, *master_, stop_, *capabilities_, daqSource_, holes_, ecuName(),
-         [this](SessionState state, const std::string& message) { changeState(state, message); }},
+        {config_, description_, *medium_, *master_, stop_, *capabilities_, daqSource_, holes_,
+         daqSource_.layoutTold(daqOrigins_), ecuName(),
+         [this](SessionState state, const std::string& message) { changeState(state, message); },
+         [this] { return returns_.look(ecuName()); }},
         options);
     if (!planned.ok()) return planned.error();
     measurement_ = std::move(planned).value();
+    if (options.onAccepted) {
+        if (auto taken = options.onAccepted(measurement_->accepted()); !taken.ok()) {
+            measurement_.reset();
+            return taken.error();
+        }
+    }
+    if (config_.reconnect.policy != ReconnectPolicy::abort) watch_.begin();
     if (const auto begun = beginMeasurement(options); !begun.ok()) {
+        watch_.end();
         measurement_.reset();
         recording_.reset();
         return afterConnect(begun.error());
@@ -326,7 +505,7 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
 
 /// With its recording, of which a failure leaves no file that it made.
 Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
-    if (!options.recordDirectory.empty()) {
+    if (!options.recording.directory.empty()) {
         if (auto begun = beginRecording(options); !begun.ok()) return begun;
     }
     auto started = measurement_->start(options);
@@ -339,19 +518,45 @@ Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
     return started;
 }
 
+storage::RecordingInfo Session::describeRecording(const std::filesystem::path& directory) const {
+    storage::RecordingInfo info = measurement_->recordingInfo(directory);
+    info.ecuEpk = identity().ecu;
+    info.a2lEpk = description_.parameters.epk;
+    return info;
+}
+
+Result<value::Element> Session::signalElement(std::string_view text) {
+    const std::string_view whole = text;
+    const auto find = [this](std::string_view name) {
+        return findSignalElements(description_, name, memoryReader(*master_), kMostSignals);
+    };
+    auto found = find(text);
+    // An event stands behind the name, unless that has an @ itself.
+    if (const std::size_t at = whole.rfind('@'); !found.ok() && at != std::string_view::npos)
+        found = find(whole.substr(0, at));
+    if (!found.ok()) return found.error();
+    std::vector<value::Element>& elements = found.value().elements;
+    if (elements.size() == 1) return std::move(elements.front());
+    std::string mend = elements.empty() ? "" : ": name one of them, as in " + elements.front().name;
+    return Error{ErrorCode::invalidArgument, std::string(text) + " has " + std::to_string(elements.size()) +
+                                                 " elements" + std::move(mend)};
+}
+
 Result<void> Session::beginRecording(const MeasurementOptions& options) {
-    storage::RecordingInfo info = measurement_->recordingInfo(options.recordDirectory);
+    storage::RecordingInfo info = describeRecording(options.recording.directory);
+    info.commandLine = options.commandLine;
     recordingStartNs_ = info.startHostNs;
     std::vector<storage::GroupInfo> groups = std::exchange(info.groups, {});
     recording_ = std::make_unique<storage::Recorder>(std::move(info));
     measurement_->recordTo(recording_->add(std::move(groups)));
-    return recording_->begin(options.recordDirectory, options.duration);
+    return recording_->begin(options.recording, options.duration);
 }
 
 Result<void> Session::stopMeasurement() {
     if (!running_) return {};
     running_ = false;
     auto stopped = measurement_->stop([this] { return state(); });
+    watch_.end();
     auto recorded = recording_ ? recording_->close() : Result<void>();
     silent_ = state() != SessionState::measuring || !stopped.ok();
     stop_.reset();
@@ -359,6 +564,10 @@ Result<void> Session::stopMeasurement() {
     if (stopped.ok()) return recorded;
     if (!recorded.ok()) log::warn("{}", recorded.error().text());
     return afterConnect(stopped.error());
+}
+
+void Session::finishRecording() {
+    if (recording_) recording_->finishCare();
 }
 
 MeasurementStats Session::statistics() const {
@@ -369,6 +578,8 @@ MeasurementStats Session::statistics() const {
         stats.recordingStartNs = recordingStartNs_;
         stats.recorded = recording_->recordsWritten();
         stats.recordedDropped = recording_->recordsDropped();
+        stats.recordingDirectory = recording_->directory();
+        stats.parts = recording_->parts();
     }
     // An ECU that tells overloads in both ways means the same ones; some only do it the way they do not say.
     stats.overloads = std::max(stats.overloads, overloadEvents_.load());

@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -22,12 +23,21 @@
 #include "session/channel_pool.h"
 #include "session/console_log.h"
 #include "session/daq_source.h"
+#include "session/identity.h"
+#include "session/joint_reading.h"
+#include "session/key_helper.h"
+#include "session/master_memory.h"
 #include "session/measurement_types.h"
 #include "session/medium.h"
 #include "session/named_objects.h"
+#include "session/named_values.h"
+#include "session/page_control.h"
+#include "session/paged_write.h"
+#include "session/return_check.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
 #include "session/value_access.h"
+#include "session/values.h"
 #include "session/write_rights.h"
 #include "storage/write/recorder.h"
 #include "xcp/master.h"
@@ -36,9 +46,18 @@ namespace lm::session {
 
 class Measurement;
 
+/// What open() does about an ECU of another software than the A2L's.
+enum class OtherSoftware : std::uint8_t {
+    asConfigured,  ///< identity.check
+    warned,        ///< no refusal: nothing is read whose meaning the A2L tells
+    shown,         ///< the command tells of it itself
+};
+
 struct SessionOptions {
-    bool digest = false;       ///< recordings tell the A2L's SHA-256
-    bool a2lOptional = false;  ///< a configuration that names a transport will do
+    bool digest = false;           ///< recordings tell the A2L's SHA-256
+    bool a2lOptional = false;      ///< a configuration that names a transport will do
+    bool ignoresIdentity = false;  ///< an ECU of another software is read from and written to
+    OtherSoftware otherSoftware = OtherSoftware::asConfigured;
 };
 
 /// "no A2L file configured"
@@ -56,7 +75,7 @@ struct LockOutcome {
     std::optional<Error> error = std::nullopt;  ///< why it stayed locked
 };
 
-class Session final : private xcp::IMasterListener {
+class Session final : public IValues, private xcp::IMasterListener {
   public:
     /// Called with every warning about the A2L, beside the log.
     using WarningCallback = std::function<void(const std::string&)>;
@@ -81,27 +100,53 @@ class Session final : private xcp::IMasterListener {
     bool transportLost() const { return medium_->lost(); }
 
     /// Opens the transport (again when its device was lost), connects and reads the ECU's DAQ capabilities
-    /// (without which it goes on). Errors: those of the transport and of CONNECT.
+    /// (without which it goes on); it compares the EPK with the A2L's before, and once watchForReset() was
+    /// called the parameters of an ECU that comes back. Errors: those of the transport and of CONNECT; with
+    /// identity.check "refuse" otherSoftware().
     Result<void> open();
 
     /// Stops a running measurement, disconnects, closes the transport. Idempotent; takes no longer than the
     /// stop of a measurement and t1. The error is that of the measurement's stop.
     Result<void> close();
 
-    /// ValueAccess::read() of what the names stand for. Further errors of a value: a2l::findScalar's.
-    std::vector<Result<Reading>> read(std::span<const std::string> names);
+    /// Remembers what the ECU holds now: a further open() tells when that is lost. A measurement that would
+    /// reconnect does so by itself.
+    void watchForReset() { watch_.begin(); }
 
-    /// ValueAccess::write() of a number or verbal text. Further errors: those of a2l::findScalar and
-    /// value::parseText, "NAME is not writable", "NAME is a measurement without READ_WRITE", "NAME: BIT_MASK
-    /// 0x0 leaves no bit that may be written".
-    WriteOutcome write(std::string_view name, std::string_view text, WriteRights rights);
+    /// open() of an ECU that ended the session or was away, in the middle of something that writes. Further
+    /// errors: checkIdentity()'s, and (permissionDenied) that another software answers than before.
+    Result<void> openAgain();
 
-    /// Which names are scalars, and which have dependents; readObject() and writeObject() serve all others.
-    const NamedObjects& objects() const { return objects_; }
-    /// NamedObjects::read().
-    Result<ObjectReading> readObject(std::string_view name);
-    /// NamedObjects::write().
-    ObjectWriting writeObject(const WriteWish& wish, const NamedObjects::Announce& announce);
+    /// What open() or a reconnection found out about the ECU's software, the latest.
+    Identity identity() const { return returns_.identity(); }
+    /// Whether open(), a reconnection or a write warned of it.
+    bool identityWarned() const { return identityWarned_ || returns_.sawOtherSoftware(); }
+    /// Before anything is written: warns once of an EPK that cannot be read. Errors: otherSoftware(), and
+    /// that the ECU has another byte order than the A2L says. write() and writeObject() ask for it
+    /// themselves.
+    Result<void> checkIdentity();
+
+    std::vector<Result<Reading>> read(std::span<const std::string> names) override;
+    WriteOutcome write(std::string_view name, std::string_view text, WriteRights rights,
+                       const BeforeWriting& beforeWriting = {}) override;
+    const NamedObjects& objects() const override { return objects_; }
+    bool canRead(const std::string& name) override { return objects_.exists(name); }
+    Result<ObjectReading> readObject(std::string_view name) override;
+    ObjectWriting writeObject(const WriteWish& wish, const NamedObjects::Announce& announce) override;
+    /// JointReading::run(): many objects in as few packets as their bytes need.
+    Result<void> readTogether(std::span<const a2l::Object> objects, const JointReading::Progress& progress,
+                              const JointReading::Take& take);
+
+    /// The ECU's, in which whole objects are written; checkIdentity() comes before, noteWrites() after.
+    IMemory& objectMemory() { return blocks_; }
+    /// What was written in it and read back: from now on these are writes of the session.
+    void noteWrites(std::vector<ObjectBytes> changes);
+    /// On which pages a set is written in it.
+    std::unique_ptr<PagedWrite> pagedWrite() {
+        return std::make_unique<PagedWrite>(*master_, pages_, description_);
+    }
+    /// What else is to be known of an error of it.
+    Error explainWrite(const Error& error);
 
     /// Sends a line of text to the ECU. Errors: those of IMedium::sendText.
     Result<void> sendText(std::string_view line);
@@ -117,6 +162,17 @@ class Session final : private xcp::IMasterListener {
     /// nothing runs. Errors: the ECU's to the stop command in state "measuring", "write error in DIRECTORY".
     Result<void> stopMeasurement();
 
+    /// After stopMeasurement(): waits until what the recording's place wants done with each closed recording
+    /// is done.
+    void finishRecording();
+
+    /// What a recording of the running measurement, beginning now, says about itself and its groups. From
+    /// any thread until startMeasurement() is called again.
+    storage::RecordingInfo describeRecording(const std::filesystem::path& directory) const;
+
+    /// What NAME or NAME@EVENT stands for, a number or text. Errors: those of findSignalElements() above one.
+    Result<value::Element> signalElement(std::string_view text);
+
     /// Counters of the running or the last measurement.
     MeasurementStats statistics() const;
 
@@ -125,12 +181,29 @@ class Session final : private xcp::IMasterListener {
     void requestStop() { stop_.request(); }
     StopToken stopToken() const { return stop_.token(); }
 
+    /// What `step` makes of the master, once its answers are certainly their commands'.
+    template <typename Step>
+    auto ask(const Step& step) -> decltype(step(std::declval<xcp::Master&>())) {
+        return xcp::inStep(*master_, [&] { return step(*master_); });
+    }
+    /// The ECU's calibration pages. Before one is changed: checkIdentity().
+    PageControl& pages() { return pages_; }
+    /// PageControl::remarks() that were not told yet, unless the ECU was silent or a stop is requested.
+    std::vector<std::string> pageRemarks();
+
     SessionState state() const { return state_.load(); }
     const SessionConfig& config() const { return config_; }
-    const a2l::Description& description() const { return description_; }
+    const a2l::Description& description() const override { return description_; }
     const IMedium& medium() const { return *medium_; }
     /// The configuration's name, else the A2L module's.
     std::string ecuName() const;
+    /// "parameters_0: page 1, the ECU used page 0; ..." of the pages that XCP sees; empty for an A2L without
+    /// segments of several pages, of which the ECU is not asked, and for an ECU that does not tell.
+    std::string pagesText();
+    /// What it calls itself (GET_ID), asked for once; empty when it does not tell.
+    const std::string& ecuText();
+    /// How it is reached, as files of several ECUs tell them apart.
+    const std::string& ecuPlace() const { return medium_->texts().place; }
     xcp::ConnectInfo connectInfo() const { return master_->connectInfo(); }
     Result<xcp::SlaveStatus> status();
     /// Tries to unlock these resources, or with none given all that the ECU offers. Errors: status()'s.
@@ -141,10 +214,12 @@ class Session final : private xcp::IMasterListener {
     /// Asks for the static and predefined lists, once per connection, and warns of what the A2L says
     /// otherwise. Errors: those of DaqSource::askLists().
     Result<void> completeDaq();
+    /// The CAN identifiers of DAQ lists, as far as known; completeDaq() comes before. Errors: the ECU's.
+    Result<std::vector<DaqListId>> listIds();
 
   private:
     Session(SessionConfig config, a2l::Description description, StopSource stop,
-            std::unique_ptr<IMedium> medium);
+            std::unique_ptr<IMedium> medium, SessionOptions options);
 
     void onEvent(std::uint8_t code, const std::uint8_t* packet, std::size_t length,
                  xcp::ReceiveTime time) override;
@@ -153,26 +228,45 @@ class Session final : private xcp::IMasterListener {
 
     void changeState(SessionState state, const std::string& message);
     std::string lossHint() const;
-    Result<a2l::Object> findScalar(std::string_view name);
     Result<void> beginRecording(const MeasurementOptions& options);
     Result<void> beginMeasurement(const MeasurementOptions& options);
+    Result<void> identify();
+    Result<void> tellReturn();
+    void noteWrite(ObjectBytes change);
     void askForDaq();
+    bool deniesByteOrder() const;
+    std::string byteOrderText() const;
     void warnAboutByteOrder() const;
     Error afterConnect(Error error) const;
+    Error afterWrite(Error error, std::optional<std::uint32_t> place);
+    bool gaveKey(xcp::Resource resource) const;
     LockOutcome unlockOne(xcp::Resource resource, bool isLocked);
 
     // Constant after construction.
     const SessionConfig config_;
+    const SessionOptions options_;
     const a2l::Description description_;
     StopSource stop_;     ///< also of the measurement alone, and then reset
     ConsoleLog console_;  ///< outlives the medium, whose text it takes
     const std::unique_ptr<IMedium> medium_;
 
     // One thread at a time.
+    const std::shared_ptr<KeyUse> keyUse_ = std::make_shared<KeyUse>();
     std::unique_ptr<xcp::Master> master_;
-    ValueAccess values_;
+    MasterMemory numbers_;  ///< for values_
+    MasterMemory wholes_;   ///< for objects_
+    MasterMemory blocks_;   ///< for many objects, one after the other
+    NamedValues values_;
     NamedObjects objects_;
+    PageControl pages_;
     DaqSource daqSource_;
+    SessionWrites writes_;
+    ParameterWatch watch_;
+    ReturnCheck returns_;
+    bool identified_ = false;
+    bool identityWarned_ = false;
+    std::optional<std::string> ecuText_;
+    std::set<std::string> toldRemarks_;  ///< of pages
     std::optional<xcp::DaqCapabilities> capabilities_;
     DaqOrigins daqOrigins_;                                           ///< of the capabilities
     Error noDaq_{ErrorCode::unsupported, "the slave offers no DAQ"};  ///< when there are none
@@ -188,7 +282,6 @@ class Session final : private xcp::IMasterListener {
     std::atomic<ISessionListener*> listener_{nullptr};
     std::atomic<std::uint64_t> overloadEvents_{0};  ///< of the running or the last measurement
     std::atomic<std::uint64_t> holes_{0};           ///< places where the line lost packets
-    std::size_t unknownNames_ = 0;                  ///< asked for so far
     std::atomic<bool> terminationTold_{false};      ///< since the ECU was connected last
 };
 

@@ -125,6 +125,18 @@ class Section {
         target = static_cast<std::uint32_t>(number.value());
     }
 
+    /// An object whose keys are numbers of DAQ lists.
+    void readIdsByList(CanIdByList& target) {
+        for (const auto& [key, value] : object_.items()) {
+            std::optional<std::uint32_t> id;
+            readCanId(key.c_str(), id);
+            const auto list = parseUnsigned(key, NumberBase::decimal, UINT16_MAX);
+            if (failure_) return;
+            if (!list) return fail(key.c_str(), "the key is not the number of a DAQ list");
+            target[static_cast<std::uint16_t>(list.value())] = *id;
+        }
+    }
+
     void readTimeouts(const char* key, std::optional<std::array<std::uint16_t, 7>>& target) {
         const json* value = find(key);
         if (value == nullptr) return;
@@ -237,6 +249,12 @@ class Section {
             target = static_cast<T>(*number);
     }
 
+    /// For a section that is not left out without harm.
+    void wantObject(const char* key) {
+        const json* value = find(key);
+        if (value != nullptr && !value->is_object()) failType(key, "an object", *value);
+    }
+
     /// Runs `fill` on the object below `key` when there is one.
     template <typename Fill>
     void section(const char* key, Fill fill) {
@@ -257,7 +275,9 @@ class Section {
         }
     }
 
+    /// Of several faults the first one counts.
     void fail(const char* key, const std::string& reason) {
+        if (failure_) return;
         failure_ = Error{ErrorCode::invalidArgument, "configuration: " + pathOf(key) + ": " + reason};
     }
 
@@ -302,6 +322,7 @@ void fillCan(Section& section, SessionConfig::Can& can) {
     section.readCanId("cmdId", can.cmdId);
     section.readCanId("resId", can.resId);
     section.read("maxDlcRequired", can.maxDlcRequired);
+    section.section("daqIds", [&](Section& ids) { ids.readIdsByList(can.daqIds); });
 }
 
 std::filesystem::path below(const std::filesystem::path& directory, const std::string& text) {
@@ -317,6 +338,19 @@ std::filesystem::path fromRoot(const std::filesystem::path& path) {
     return failure ? path : whole;
 }
 
+using IdentityCheck = SessionConfig::IdentityCheck;
+constexpr std::array kIdentityChecks = {std::pair("warn", IdentityCheck::warn),
+                                        std::pair("refuse", IdentityCheck::refuse),
+                                        std::pair("off", IdentityCheck::off)};
+
+std::string_view identityCheckName(IdentityCheck check) {
+    return kIdentityChecks.at(static_cast<std::size_t>(check)).first;
+}
+
+using OnReset = SessionConfig::OnReset;
+constexpr std::array kOnResets = {std::pair("tell", OnReset::tell), std::pair("stop", OnReset::stop),
+                                  std::pair("reapply", OnReset::reapply)};
+
 void fillSecurity(Section& section, const std::filesystem::path& baseDirectory,
                   SessionConfig::Security& security) {
     std::string library;
@@ -329,6 +363,8 @@ void fillSecurity(Section& section, const std::filesystem::path& baseDirectory,
     section.readDigests("sha256", security.sha256);
     if (!security.library.empty() && !security.command.empty())
         section.fail("command", "there is a library, too: one of them computes the keys");
+    if (security.library.empty() && (security.command.empty() || security.command.front().empty()))
+        section.fail("library", "neither a library nor a command is named, so nothing computes keys");
 }
 
 void fillReconnect(Section& section, SessionConfig::Reconnect& reconnect) {
@@ -351,6 +387,27 @@ void fillOverrides(Section& section, SessionConfig::Overrides& overrides) {
         stamp.read("fixed", overrides.timestamp.fixed);
     });
     section.read("ignoreDaqRunningBit", overrides.ignoreDaqRunningBit);
+}
+
+void fillIdentity(Section& section, SessionConfig::IdentityCheck& check) {
+    std::string text(identityCheckName(check));
+    section.read("check", text);
+    for (const auto& [name, value] : kIdentityChecks) {
+        if (text == name) check = value;
+    }
+    if (text == identityCheckName(check)) return;
+    section.fail("check", fmt::format("'{}' is none of \"refuse\", \"warn\" and \"off\"", text));
+}
+
+void fillCalibration(Section& section, OnReset& onReset) {
+    std::string text(kOnResets.at(static_cast<std::size_t>(onReset)).first);
+    section.read("onReset", text);
+    for (const auto& [name, value] : kOnResets) {
+        if (text != name) continue;
+        onReset = value;
+        return;
+    }
+    section.fail("onReset", fmt::format("'{}' is none of \"tell\", \"stop\" and \"reapply\"", text));
 }
 
 void fillConfig(Section& document, const std::filesystem::path& baseDirectory, SessionConfig& config) {
@@ -386,8 +443,11 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
         if (isA2l) config.daq.source = *isA2l ? DaqTold::a2l : DaqTold::ecu;
     });
     document.section("reconnect", [&](Section& section) { fillReconnect(section, config.reconnect); });
+    document.wantObject("security");
     document.section("security",
                      [&](Section& section) { fillSecurity(section, baseDirectory, config.security); });
+    document.section("identity", [&](Section& section) { fillIdentity(section, config.identityCheck); });
+    document.section("calibration", [&](Section& section) { fillCalibration(section, config.onReset); });
     document.readTexts("measurement", config.measurement);
     document.section("display", [&](Section& section) { section.read("exact", config.display.exact); });
 }
@@ -426,6 +486,8 @@ ordered_json canDocument(const SessionConfig::Can& can) {
     if (can.cmdId) section["cmdId"] = fmt::format("0x{:X}", *can.cmdId);
     if (can.resId) section["resId"] = fmt::format("0x{:X}", *can.resId);
     section["maxDlcRequired"] = can.maxDlcRequired;
+    for (const auto& [list, id] : can.daqIds)
+        section["daqIds"][std::to_string(list)] = fmt::format("0x{:X}", id);
     return section;
 }
 
@@ -494,6 +556,10 @@ ordered_json documentOf(const SessionConfig& config) {
     reconnect["intervalMs"] = config.reconnect.interval.count();
     reconnect["heartbeatMs"] = config.reconnect.heartbeat.count();
     if (config.security.configured()) document["security"] = securityDocument(config.security);
+    if (config.identityCheck != SessionConfig::IdentityCheck::warn)
+        document["identity"]["check"] = identityCheckName(config.identityCheck);
+    if (config.onReset != SessionConfig::OnReset::tell)
+        document["calibration"]["onReset"] = kOnResets.at(static_cast<std::size_t>(config.onReset)).first;
     document["measurement"] = config.measurement;
     if (config.display != SessionConfig::Display{}) document["display"]["exact"] = config.display.exact;
     return document;

@@ -16,6 +16,7 @@
 #include "core/bytes.h"
 #include "core/result.h"
 #include "core/stop_token.h"
+#include "session/daq_list_ids.h"
 #include "xcp/daq_setup.h"
 
 namespace lm::session {
@@ -62,6 +63,7 @@ struct SessionConfig {
         std::optional<std::uint32_t> cmdId;  ///< master to ECU; bit 31 marks a 29-bit identifier
         std::optional<std::uint32_t> resId;  ///< ECU to master; likewise
         bool maxDlcRequired = false;
+        CanIdByList daqIds = {};  ///< set in the ECU before lists are started
 
         bool operator==(const Can&) const = default;
     };
@@ -136,6 +138,20 @@ struct SessionConfig {
         bool operator==(const Reconnect&) const = default;
     };
 
+    /// What an ECU of another software than the A2L's means.
+    enum class IdentityCheck : std::uint8_t {
+        warn,    ///< nothing is written; reading warns
+        refuse,  ///< nothing is read either
+        off,     ///< no one asks
+    };
+
+    /// What follows when an ECU comes back without the parameters that it had.
+    enum class OnReset : std::uint8_t {
+        tell,
+        stop,     ///< the measurement ends
+        reapply,  ///< what this session wrote is written again
+    };
+
     struct Display {
         bool exact = false;  ///< integers with all digits, others with the shortest text that reads back
 
@@ -150,17 +166,20 @@ struct SessionConfig {
     Xcp xcp;
     Daq daq;
     Reconnect reconnect;
-    Security security;                     ///< written only when it is not the default
-    std::vector<std::string> measurement;  ///< default signals, see chooseSignals()
-    Display display;                       ///< written only when it is not the default
+    Security security;                                  ///< written only when it is not the default
+    std::vector<std::string> measurement;               ///< default signals, see chooseSignals()
+    IdentityCheck identityCheck = IdentityCheck::warn;  ///< written only when it is not the default
+    OnReset onReset = OnReset::tell;                    ///< written only when it is not the default
+    Display display;                                    ///< written only when it is not the default
 
     bool operator==(const SessionConfig&) const = default;
 };
 
 /// Reads a document (comments allowed); a relative `a2l` or `security.library` is taken from `baseDirectory`.
-/// A document that is not an object, and a section that is not one, keep the defaults; an unknown key is
-/// logged as a warning. Errors (invalidArgument): "configuration: ..." with line and column of a syntax error
-/// or the path of the value ("configuration: can.bitrate: ..."), "unknown reconnect policy 'TEXT'".
+/// A document that is not an object, and a section that is not one (but "security"), keep the defaults; an
+/// unknown key is logged as a warning. Errors (invalidArgument): "configuration: ..." with line and column of
+/// a syntax error or the path of the value ("configuration: can.bitrate: ..."), "unknown reconnect policy
+/// 'TEXT'".
 Result<SessionConfig> sessionConfigFromJson(std::string_view text,
                                             const std::filesystem::path& baseDirectory);
 

@@ -172,6 +172,7 @@ class Chooser {
         if (signal.event) {
             const auto whole = eventNamed(holder, source_.capabilities);
             if (!whole.ok() || whole.value()) return std::uint8_t{1};
+            if (auto formed = checkForm(text, scaled.rest); !formed) return formed.error();
         } else if (scaled.prescaler->find_first_not_of("0123456789") != std::string_view::npos ||
                    a2l::findObject(source_.description, holder).ok()) {
             return std::uint8_t{1};
@@ -183,6 +184,18 @@ class Chooser {
         }
         holder = scaled.rest;
         return prescaler;
+    }
+
+    /// Of what stands between '@' and the last '/'.
+    Result<void> checkForm(std::string_view text, std::string_view event) const {
+        if (event.empty())
+            return invalid(fmt::format(
+                "'{}': no event between '@' and '/'; NAME/PRESCALER takes the default one", text));
+        if (event.find('/') == std::string_view::npos) return {};
+        const auto named = eventNamed(event, source_.capabilities);
+        if (!named.ok() || named.value()) return {};
+        return invalid(fmt::format("'{}': '{}' is no event; one prescaler is possible, NAME@EVENT/PRESCALER",
+                                   text, event));
     }
 
     Result<std::uint16_t> bareEvent() const {

@@ -21,8 +21,8 @@ Error unsupported(const std::string& name, const std::string& why) {
 Error unknownName(const a2l::Description& description, std::string_view name) {
     if (a2l::belongsToInstance(description, name)) {
         Error error = a2l::findLeaf(description, name).error();
-        error.hint =
-            fmt::format("'{}.*' stands for all parts of a structure", name.substr(0, name.find('.')));
+        if (error.message.find("is a structure") != std::string::npos)
+            error.hint = fmt::format("'{}.*' stands for all parts of a structure", name);
         return error;
     }
     return a2l::findScalar(description, name).error();
@@ -59,7 +59,8 @@ Result<Part> partOf(const a2l::ObjectName& name, const a2l::PlacedObject& placed
         return Part{placed.dimensions()};
     }
     if (*name.axis >= placed.axes().size())
-        return unsupported(name.text, fmt::format("has {} axes", placed.axes().size()));
+        return unsupported(name.text, fmt::format("has {} {}", placed.axes().size(),
+                                                  placed.axes().size() == 1 ? "axis" : "axes"));
     const a2l::PlacedAxis& axis = placed.axes()[*name.axis];
     if (axis.about().shared)
         return unsupported(name.text, "the points are those of " + axis.about().reference + ", measure that");
@@ -68,23 +69,29 @@ Result<Part> partOf(const a2l::ObjectName& name, const a2l::PlacedObject& placed
     return Part{{axis.count()}, &axis};
 }
 
-Error tooMany(const std::string& name, std::uint64_t count, std::size_t most) {
+Error tooMany(const std::string& name, std::uint64_t count, std::size_t most, const std::string& one) {
     return {
         ErrorCode::invalidArgument,
         fmt::format("{}: has {} elements, and {} more signals are all that fit into a measurement: choose "
-                    "some of them, as in {}[0]",
-                    name, count, most, name)};
+                    "some of them, as in {}",
+                    name, count, most, one)};
 }
 
 Result<std::vector<value::Element>> elementsOf(const a2l::ObjectName& name, const a2l::PlacedObject& placed,
                                                std::size_t most) {
     const auto part = partOf(name, placed);
     if (!part) return part.error();
+    const std::vector<std::uint32_t>& dimensions = part.value().dimensions;
     std::uint64_t count = 1;
-    for (const std::uint32_t dimension : part.value().dimensions)
-        count *= dimension;  // at most 64 MiB, or it would not have been placed
-    if (!name.isElement() && count > most) return tooMany(name.text, count, most);
-    const auto numbers = a2l::selectElements(name, part.value().dimensions);
+    for (std::size_t i = 0; i < dimensions.size(); ++i) {
+        const bool isOpen = i >= name.indices.size() || !name.indices[i];
+        count *= isOpen ? dimensions[i] : 1;  // at most 64 MiB, or it would not have been placed
+    }
+    if (count > most) {
+        const std::string axis(name.axis ? a2l::axisSuffix(*name.axis) : "");
+        return tooMany(name.text, count, most, name.object + axis + a2l::indexText(0, dimensions));
+    }
+    const auto numbers = a2l::selectElements(name, dimensions);
     if (!numbers) return numbers.error();
     std::vector<value::Element> elements;
     elements.reserve(numbers.value().size());
@@ -131,8 +138,11 @@ Result<void> checkPlaces(const std::vector<PlaceBytes>& placedBy, const a2l::Rea
         const auto bytes = read(known.address, known.bytes.size());
         if (!bytes) return bytes.error();
         if (bytes.value() == known.bytes) continue;
-        return Error{ErrorCode::protocolError,
-                     "the ECU came back with another place or size of " + known.object};
+        Error moved{ErrorCode::protocolError,
+                    "the ECU came back with another place or size of " + known.object};
+        moved.hint =
+            "start the measurement again: it goes on only when the ECU gets back what it held at its start";
+        return moved;
     }
     return {};
 }

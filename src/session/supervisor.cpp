@@ -58,14 +58,25 @@ void Supervisor::run() {
 }
 
 /// True when a stop was asked for.
+bool Supervisor::pause(std::chrono::milliseconds time) {
+    constexpr std::chrono::milliseconds kTurn{500};
+    for (; time > kTurn; time -= kTurn) {
+        turns_.fetch_add(1);
+        if (stop_.waitFor(kTurn)) return true;
+    }
+    turns_.fetch_add(1);
+    return stop_.waitFor(time);
+}
+
+/// Likewise.
 bool Supervisor::waitHeartbeat() {
     auto left = options_.heartbeat;
     if (std::exchange(justStarted_, false) && left > kFirstSettling) {
-        if (stop_.waitFor(kFirstSettling)) return true;
+        if (pause(kFirstSettling)) return true;
         supervised_.settleSamples();
         left -= kFirstSettling;
     }
-    const bool stopped = stop_.waitFor(left);
+    const bool stopped = pause(left);
     if (!stopped) supervised_.settleSamples();
     return stopped;
 }
@@ -86,19 +97,34 @@ std::string Supervisor::connectionLoss() {
 /// True when the measurement runs again, false when supervision ends.
 bool Supervisor::recover() {
     std::uint64_t attempt = 0;
+    std::string toldHint;
     while (options_.policy == ReconnectPolicy::retryForever || attempt < options_.attempts) {
         ++attempt;
-        if (stop_.waitFor(options_.interval)) return false;
+        if (pause(options_.interval)) return false;
         const Result<void> connected = supervised_.reconnect();
         if (stop_.requested()) return false;
         if (!connected.ok()) {
             log::warn("reconnect attempt {}: {}", attempt, connected.error().text());
             continue;
         }
+        const Result<std::string> looked = supervised_.lookAgain();
+        if (stop_.requested()) return false;
+        if (!looked.ok()) {
+            log::warn("reconnect attempt {}: {}", attempt, looked.error().text());
+            continue;
+        }
+        if (!looked.value().empty()) {
+            supervised_.changeState(SessionState::failed, looked.value());
+            return false;
+        }
         const Result<void> restarted = supervised_.restartDaq();
         if (stop_.requested()) return false;
         if (!restarted.ok()) {
             log::warn("reconnect attempt {}: DAQ: {}", attempt, restarted.error().text());
+            if (restarted.error().hint != toldHint) {
+                toldHint = restarted.error().hint;
+                if (!toldHint.empty()) log::warn("hint: {}", toldHint);
+            }
             continue;
         }
         supervised_.changeState(SessionState::measuring,

@@ -4,6 +4,7 @@
 // also makes all calls of ISupervised. Lifetime: the ISupervised is borrowed and must outlive the supervisor.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -32,6 +33,10 @@ class ISupervised {
 
     /// CONNECT for one reconnection attempt.
     virtual Result<void> reconnect() = 0;
+
+    /// What became of the ECU meanwhile, after reconnect(): why the measurement must not go on, else empty.
+    /// Errors are those that a further attempt may mend.
+    virtual Result<std::string> lookAgain() = 0;
 
     /// Configures and starts the DAQ lists of the running measurement once more.
     virtual Result<void> restartDaq() = 0;
@@ -67,10 +72,13 @@ class Supervisor {
     void join();
 
     bool watchesData() const;
+    /// Counts on, twice a second, but while a call of ISupervised takes longer. From any thread.
+    std::uint64_t turns() const { return turns_.load(); }
 
   private:
     void run();
     bool waitHeartbeat();
+    bool pause(std::chrono::milliseconds time);
     std::string connectionLoss();
     bool recover();
 
@@ -78,6 +86,8 @@ class Supervisor {
     ISupervised& supervised_;
     const SupervisorOptions options_;
     const StopToken stop_;
+
+    std::atomic<std::uint64_t> turns_{0};
 
     // The supervisor's thread alone.
     std::uint64_t recordsAtLastTick_ = 0;

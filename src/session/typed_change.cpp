@@ -1,13 +1,11 @@
 #include "session/typed_change.h"
 
-#include <array>
-#include <cerrno>
+#include <algorithm>
 #include <utility>
 
 #include <spdlog/fmt/fmt.h>
 
-#include "core/stoppable_input.h"
-#include "core/unique_fd.h"
+#include "core/whole_file.h"
 #include "session/typed_list.h"
 #include "value/typed_text.h"
 
@@ -17,33 +15,26 @@ namespace {
 /// The longest number of an object has far less than this for each of its bytes.
 constexpr std::size_t kMaxFile = std::size_t{256} << 20U;
 
-Result<std::string> readWhole(const std::filesystem::path& path, const StopToken& stop) {
-    const UniqueFd file(openForReading(path));
-    if (!file.valid()) return Error::fromErrno(errno, "cannot open " + path.string());
-    std::string text;
-    std::array<char, 16384> block;
-    for (;;) {
-        const ssize_t count = readUnlessStopped(file.get(), block.data(), block.size(), stop);
-        if (count < 0 && errno == ECANCELED) return Error::stopped("cannot read " + path.string());
-        if (count < 0) return Error::fromErrno(errno, "cannot read " + path.string());
-        if (count == 0) return text;
-        text.append(block.data(), static_cast<std::size_t>(count));
-        if (text.size() > kMaxFile)
-            return Error{ErrorCode::invalidArgument, path.string() + " is larger than 256 MiB"};
-    }
-}
-
 /// One text for each number.
 Result<std::vector<std::string>> typedTexts(const a2l::ObjectName& name, const ChosenNumbers& chosen,
                                             std::string_view text, const StopToken& stop) {
-    if (!chosen.dimensions.empty() && isList(text)) return parseList(name.text, text, chosen.dimensions);
+    if (!chosen.dimensions.empty() && isList(text)) {
+        auto list = parseList(name.text, text, chosen.dimensions);
+        if (list || text.find(',') != std::string_view::npos || text.find(' ') == std::string_view::npos)
+            return list;
+        Error error = list.error();
+        error.message += " (commas separate them)";
+        return error;
+    }
     if (!chosen.dimensions.empty() && text.starts_with('@')) {
         const std::string path(text.substr(1));
-        auto content = readWhole(path, stop);
+        auto content = readWholeFile(path, kMaxFile, stop);
         if (!content) return content.error();
         return parseCsv(path, content.value(), chosen.dimensions);
     }
-    if (!name.indices.empty() || chosen.dimensions.empty())
+    const bool asksForAll =
+        std::any_of(name.indices.begin(), name.indices.end(), [](const auto& index) { return !index; });
+    if (asksForAll || chosen.dimensions.empty())
         return std::vector<std::string>(chosen.numbers.size(), std::string(text));
     Error error{ErrorCode::invalidArgument,
                 fmt::format("{}: '{}' is no list of its {} values", name.text, text, chosen.numbers.size())};
@@ -61,16 +52,19 @@ Result<ChosenNumbers> chooseNumbers(const a2l::ObjectName& name, const a2l::Plac
     if (name.axis) {
         if (*name.axis >= object.axes().size()) {
             return Error{ErrorCode::invalidArgument,
-                         fmt::format("{}: {} has {} axes", name.text, name.object, object.axes().size())};
+                         fmt::format("{}: {} has {} {}", name.text, name.object, object.axes().size(),
+                                     object.axes().size() == 1 ? "axis" : "axes")};
         }
         dimensions = {object.axes()[*name.axis].count()};
     }
     auto numbers = a2l::selectElements(name, dimensions);
     if (!numbers) return numbers.error();
     ChosenNumbers chosen{std::move(numbers).value(), {}};
-    const bool all = name.indices.size() < dimensions.size();  // none, or a single *
     for (std::size_t i = 0; i < dimensions.size(); ++i) {
-        if (all || !name.indices[i]) chosen.dimensions.push_back(dimensions[i]);
+        // Some generators fill MATRIX_DIM with ones: no one writes an index for them.
+        const bool isMissing = i >= name.indices.size() && (name.indices.empty() || dimensions[i] != 1);
+        const bool isAny = i < name.indices.size() && !name.indices[i];
+        if (isMissing || isAny) chosen.dimensions.push_back(dimensions[i]);
     }
     return chosen;
 }

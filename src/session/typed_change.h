@@ -35,7 +35,7 @@ Result<ChosenNumbers> chooseNumbers(const a2l::ObjectName& name, const a2l::Plac
 /// The element of a number: of the values, or of the axis that the name has.
 value::Element elementOf(const a2l::ObjectName& name, const a2l::PlacedObject& object, std::size_t number);
 
-/// Reads the text as one value for all chosen numbers where the name has an index, as a list (parseList) or,
+/// Reads the text as one value for a single number and for all that a `*` chooses, as a list (parseList) or,
 /// behind `@`, as the CSV file of that name (parseCsv). Errors: those of chooseNumbers, value::parseText,
 /// reading the file, and (invalidArgument) that a list is needed.
 Result<std::vector<TypedChange>> typedChanges(const a2l::ObjectName& name, const a2l::PlacedObject& object,

@@ -14,6 +14,12 @@ namespace {
 
 constexpr std::uint16_t kDefaultPort = 5555;
 
+/// This machine has many names.
+std::string placeOf(const std::string& host) {
+    const bool isHere = host == "localhost" || host == "::1" || host == "[::1]";
+    return isHere ? "127.0.0.1" : host;
+}
+
 class UdpMedium final : public IMedium {
   public:
     explicit UdpMedium(const xcp::UdpTransportConfig& config) : transport_(config) {
@@ -21,7 +27,8 @@ class UdpMedium final : public IMedium {
         texts_ = {"udp:" + place, "XCP on UDP/IP, " + place, fmt::format("{} {}", storage::kUdpSource, place),
                   fmt::format("no one answers at host {}, port {}: the ECU is off, the host or port is "
                               "another one, a firewall drops the packets, or another master is connected",
-                              config.host, config.port)};
+                              config.host, config.port),
+                  fmt::format("udp:{}:{}", placeOf(config.host), config.port)};
     }
 
     const MediumTexts& texts() const override { return texts_; }

@@ -4,22 +4,9 @@
 #include <string>
 #include <utility>
 
-#include "core/log.h"
 #include "session/masked_write.h"
 
 namespace lm::session {
-namespace {
-
-bool sameBits(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b,
-              const std::vector<std::uint8_t>& mask) {
-    for (std::size_t i = 0; i < mask.size(); ++i) {
-        if (((a[i] ^ b[i]) & mask[i]) != 0) return false;
-    }
-    return true;
-}
-
-}  // namespace
-
 ReadOutcome ValueAccess::read(std::size_t count, const ElementSource& source) {
     constexpr auto kLongest = std::chrono::milliseconds(50);
     ReadOutcome outcome;
@@ -34,7 +21,7 @@ ReadOutcome ValueAccess::read(std::size_t count, const ElementSource& source) {
         }
         return {};
     };
-    if (const auto sure = xcp::inStep(master_, readSome); !sure) {
+    if (const auto sure = memory_.confirm(readSome); !sure) {
         outcome.confirmed = false;
         for (auto& value : values) {
             if (value) value = sure.error();
@@ -44,62 +31,50 @@ ReadOutcome ValueAccess::read(std::size_t count, const ElementSource& source) {
 }
 
 Result<Reading> ValueAccess::read(const value::Element& element) {
-    return xcp::inStep(master_, [&] { return readUnconfirmed(element); });
+    return confirmed(memory_, [&] { return readUnconfirmed(element); });
 }
 
 Result<Reading> ValueAccess::readUnconfirmed(value::Element element) {
-    auto bytes = master_.upload(element.address, element.size());
+    auto bytes = memory_.read(element.name, element.address, element.size());
     if (!bytes) return bytes.error();
     return Reading{std::move(element), std::move(bytes).value()};
 }
 
-WriteOutcome ValueAccess::write(const value::Element& element, const value::Value& physical) {
+WriteOutcome ValueAccess::write(const value::Element& element, const value::Value& physical,
+                                const BeforeWriting& beforeWriting) {
     auto current = read(element);
     if (!current) return {current.error()};
     std::vector<std::uint8_t> bytes = std::move(current).value().bytes;
+    std::vector<std::uint8_t> before = bytes;
     if (auto encoded = value::encodePhysical(element, physical, bytes); !encoded) return {encoded.error()};
-    if (auto open = master_.unlockBefore(xcp::Resource::calPag); !open) return {open.error()};
+    if (auto open = memory_.openForWriting(); !open) return {open.error()};
     // From here on a stop is carried out when the value has been read back.
-    const auto finishing = master_.finishing();
+    const auto finishing = memory_.finishing();
     if (stop_.requested()) return {Error::stopped(element.name + ": stopped")};
+    if (const auto change = bytesOfChange(element, before, bytes); beforeWriting && !change.pieces.empty())
+        beforeWriting({change});
     auto stored = download(element, bytes);
-    if (!stored) return {stored.error(), read(element)};
-    return {std::move(stored), {}, physical, std::move(bytes)};
-}
-
-/// Not done when the slave has no MODIFY_BITS.
-Result<bool> ValueAccess::storeBits(const value::Element& element, const std::vector<std::uint8_t>& bytes) {
-    for (const MaskedWord& word : maskedWords(element, bytes, master_.connectInfo().byteOrder())) {
-        const auto stored = master_.modifyBits(word.address, word.mask, word.bits);
-        if (stored) continue;
-        if (stored.error().detail != xcp::kErrCmdUnknown) return stored.error();
-        log::warn("{}: the ECU has no MODIFY_BITS, the bits beside it are written as they were read",
-                  element.name);
-        modifiesBits_ = false;
-        return false;
-    }
-    return true;
+    if (!stored) return {stored.error(), read(element), physical, {}, std::move(before)};
+    return {std::move(stored), {}, physical, std::move(bytes), std::move(before)};
 }
 
 Result<void> ValueAccess::store(const value::Element& element, const std::vector<std::uint8_t>& bytes) {
-    if (modifiesBits_ && isMasked(element)) {
-        const auto stored = storeBits(element, bytes);
+    if (memory_.modifiesBits() && isMasked(element)) {
+        const auto stored = memory_.writeBits(element, bytes);
         if (!stored) return stored.error();
         if (stored.value()) return {};
     }
-    return master_.download(element.address, bytes);
+    return memory_.write(element.name, element.address, bytes);
 }
 
 /// Writes, compares what the ECU then holds, and reads the value once more.
 Result<Reading> ValueAccess::download(const value::Element& element, const std::vector<std::uint8_t>& bytes) {
     if (auto stored = store(element, bytes); !stored) return stored.error();
-    const bool ownBits = modifiesBits_ && isMasked(element);
-    return xcp::inStep(master_, [&]() -> Result<Reading> {
-        const auto readBack = master_.upload(element.address, element.size());
+    return confirmed(memory_, [&]() -> Result<Reading> {
+        const auto readBack = memory_.read(element.name, element.address, element.size());
         if (!readBack) return readBack.error();
-        const bool holds =
-            ownBits ? sameBits(readBack.value(), bytes, maskBytes(element)) : readBack.value() == bytes;
-        if (!holds) {
+        // Bits beside those of the element may change at any moment.
+        if (!sameBits(readBack.value(), bytes, maskBytes(element))) {
             return Error{ErrorCode::protocolError,
                          element.name + ": read back value differs from the written value"};
         }

@@ -13,7 +13,7 @@
 namespace lm::session {
 namespace {
 
-/// Two simulated ECUs on one CAN bus, which answer before send() returns.
+/// Simulated ECUs on one CAN bus, which answer before send() returns.
 class CanSession : public testing::Test, private ISessionListener {
   protected:
     CanSession() {
@@ -21,28 +21,41 @@ class CanSession : public testing::Test, private ISessionListener {
         options_.timestampSize = 2;
         boastful_ = options_;
         boastful_.maxDto = 64;
+        listed_ = options_;
+        listed_.can = "can0";
+        listed_.canListIds = {0x123, 0x601};
+        listed_.canListIdsVariable = true;
         std::ofstream(directory_.path() / "a2l") << sim::a2lText(options_, sim::Catalog(options_));
         bus_.onSend = [this](const hal::CanFrame& frame) {
             sim::Outbox out;
-            ecus_[frame.id == 0x600 ? 0 : 1].receive({frame.data.data(), frame.length}, nowNs(), out);
-            for (const auto& packet : out.packets()) {
-                hal::CanFrame answer{.timestampNs = nowNs(), .id = frame.id + 1, .flags = frame.flags};
-                answer.length = static_cast<std::uint8_t>(packet.length);
-                std::copy_n(out.bytes(packet).begin(), packet.length, answer.data.begin());
-                bus_.sink->onFrames(&answer, 1);
-            }
+            ecus_[frame.id == 0x600   ? 0
+                  : frame.id == 0x700 ? 1
+                                      : 2]
+                .receive({frame.data.data(), frame.length}, nowNs(), out);
+            answer(frame, out);
         };
+    }
+
+    void answer(const hal::CanFrame& frame, const sim::Outbox& out) {
+        for (const auto& packet : out.packets()) {
+            hal::CanFrame answer{.timestampNs = nowNs(), .id = frame.id + 1, .flags = frame.flags};
+            answer.length = static_cast<std::uint8_t>(packet.length);
+            std::copy_n(out.bytes(packet).begin(), packet.length, answer.data.begin());
+            bus_.sink->onFrames(&answer, 1);
+        }
     }
 
     static std::int64_t nowNs() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
 
-    Result<std::unique_ptr<Session>> create(std::uint32_t cmdId) {
+    Result<std::unique_ptr<Session>> create(
+        std::uint32_t cmdId, const std::function<void(SessionConfig&)>& change = [](SessionConfig&) {}) {
         SessionConfig config;
         config.a2l = directory_.path() / "a2l";
         config.can = {"can0", 500'000, {}, false, cmdId, cmdId + 1, false};
         config.reconnect.policy = ReconnectPolicy::retryForever;
         // Too short to watch the data of any event: the ECU's status is watched.
         config.reconnect.interval = config.reconnect.heartbeat = std::chrono::milliseconds(3);
+        change(config);
         auto session = Session::create(config, {}, pool_);
         if (session) session.value()->setListener(this);
         return session;
@@ -63,7 +76,9 @@ class CanSession : public testing::Test, private ISessionListener {
     lm::test::TempDir directory_;
     sim::Options options_;
     sim::Options boastful_;  ///< says a MAX_DTO that no frame of this bus holds
-    std::array<sim::Ecu, 2> ecus_{sim::Ecu{options_, {}, nowNs()}, sim::Ecu{boastful_, {}, nowNs()}};
+    sim::Options listed_;    ///< has identifiers for its lists, which only it tells
+    std::array<sim::Ecu, 3> ecus_{sim::Ecu{options_, {}, nowNs()}, sim::Ecu{boastful_, {}, nowNs()},
+                                  sim::Ecu{listed_, {}, nowNs()}};
     broker::test::FakeCan bus_;
     ChannelPool pool_{bus_};
     std::mutex mutex_;
@@ -100,6 +115,68 @@ TEST_F(CanSession, TwoEcusShareLoadAndReconnectionOfOneChannel) {
     first.value().reset();
     const auto other = create(0x500);  // takes the place in memory that was freed
     EXPECT_TRUE(other && create(0x80000600)) << "so are the identifiers";
+}
+
+TEST_F(CanSession, AnEcuThatWasResetGetsWhatTheSessionWroteAgain) {
+    ::setenv("XDG_STATE_HOME", directory_.path().c_str(), 1);
+    const std::vector<std::string> names = {"cal_gain", "cal_mode_low", "cal_offsets[1][1]"};
+    for (const std::uint8_t pages : {std::uint8_t{0}, std::uint8_t{2}}) {
+        options_.paging.pages = pages;
+        std::ofstream(directory_.path() / "a2l") << sim::a2lText(options_, sim::Catalog(options_));
+        auto faults = sim::FaultPlan::parse({"restart:GET_PAG_PROCESSOR_INFO"});
+        sim::Ecu ecu(options_, std::move(faults).value(), nowNs());
+        bus_.onSend = [&](const hal::CanFrame& frame) {
+            sim::Outbox out;
+            ecu.receive({frame.data.data(), frame.length}, nowNs(), out);
+            answer(frame, out);
+        };
+        const lm::test::LogCapture log;
+        auto session = create(0x600, [](SessionConfig& config) {
+            config.onReset = SessionConfig::OnReset::reapply;
+            config.xcp.timeoutsMs = {30, 30, 30, 30, 30, 30, 30};
+        });
+        ASSERT_TRUE(session && session.value()->open());
+        ASSERT_TRUE(session.value()->startMeasurement({{"wave@0"}, {}, nullptr}));
+        for (const char* gain : {"1.5", "2.5"})
+            ASSERT_TRUE(session.value()->write("cal_gain", gain, {}).value);
+        ASSERT_TRUE(session.value()->write("cal_mode_low", "5", {}).value);
+        ASSERT_TRUE(session.value()->write("cal_mode_signed", "3", {}).value);
+        ASSERT_TRUE(session.value()->writeObject({.name = names[2], .text = "7"}, {}).value);
+        ASSERT_TRUE(session.value()->write("cal_mode_signed", "0", {}).value);
+        message_.clear();
+        EXPECT_FALSE(
+            session.value()->ask([](xcp::Master& master) { return master.pages().processorInfo(); }));
+        awaitMessage("reconnected after ");
+        const auto told = log.text();
+        EXPECT_NE(told.find("4 of 4 object(s) that this session wrote are written again"), std::string::npos)
+            << told;
+        EXPECT_EQ(told.find("segment 0 (parameters_0)") != std::string::npos, pages != 0) << told;
+        EXPECT_EQ(value::toDouble(session.value()->readObject(names[2]).value().numbers.front().physical), 7);
+        const auto values = session.value()->read(std::span(names).first(2));
+        EXPECT_EQ(value::toDouble(values[0].value().physical()), 2.5);
+        EXPECT_EQ(value::toDouble(values[1].value().physical()), 5) << "of a word with others";
+        // Both at the start, one after each write, both at the comparison and after it: none for a record.
+        EXPECT_EQ(ecu.commands(sim::kBuildChecksum), pages == 0 ? 0U : 2 + 6 + 2 + 2);
+        EXPECT_TRUE(session.value()->stopMeasurement());
+    }
+}
+
+TEST_F(CanSession, AnIdentifierOfAListThatAnotherEcuHasEndsTheStart) {
+    std::ofstream(directory_.path() / "a2l") << sim::a2lText(listed_, sim::Catalog(listed_));
+    auto first = create(0x80000600);
+    auto second = create(0x680);
+    ASSERT_TRUE(first && second && second.value()->open());
+    const auto measure = [&](std::vector<std::string> signals) -> Result<void> {
+        const auto started = second.value()->startMeasurement({std::move(signals), {}, nullptr});
+        return started ? second.value()->stopMeasurement() : started.error();
+    };
+    EXPECT_TRUE(measure({"wave@0", "counter_10ms@1"})) << "0x601 of the first has 29 bits";
+    EXPECT_TRUE(measure({"wave@0"})) << "which gives 0x601 back";
+    first.value().reset();
+    first = create(0x600);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(measure({"wave@0", "counter_10ms@1"}).error().text(),
+              "CAN-ID 0x601 is already used by another ECU on can0");
 }
 
 TEST_F(CanSession, AFlappingControllerIsToldInMeasure) {

@@ -2,6 +2,7 @@
 // the ECU refuses or does not keep it.
 #include "session/object_access.h"
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <string>
@@ -9,6 +10,9 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "core/bytes.h"
+#include "session/joint_reading.h"
+#include "session/master_memory.h"
 #include "support/model_slave.h"
 #include "support/virtual_clock.h"
 
@@ -83,7 +87,8 @@ class ObjectAccesses : public testing::Test {
     ModelEcu ecu;
     StopSource stop = StopSource::create().value();
     xcp::Master master{ecu, {.t1 = 20, .t7 = 0}, stop.token(), clock};
-    ObjectAccess access{master, stop.token()};
+    MasterMemory memory{master, {.wholeUnits = true}};
+    ObjectAccess access{memory, stop.token()};
 };
 
 TEST_F(ObjectAccesses, ReadInNoMorePacketsThanTheBytesNeed) {
@@ -97,6 +102,91 @@ TEST_F(ObjectAccesses, ReadInNoMorePacketsThanTheBytesNeed) {
     EXPECT_TRUE(access.read(a2l::findObject(description, "curve").value()).ok());
     EXPECT_EQ(ecu.sent[kUpload], 0);
     EXPECT_EQ(ecu.sent[kShortUpload], 2);
+}
+
+TEST_F(ObjectAccesses, ReadAgainWhatGetsAnotherSizeMeanwhile) {
+    const ModelEcu::Bytes small = {3, 10, 20, 30, 1, 2, 3};
+    const ModelEcu::Bytes large = {5, 10, 20, 30, 40, 50, 11, 12, 13, 14, 15};
+    struct Case {
+        bool startsLarge;
+        int firstChange;  // the command before which the ECU takes the other size
+        int lastChange;
+        const char* whole;
+        const char* element;
+    };
+    const char* const changing = "curve: its place or size changed meanwhile";
+    // Of the large one the last bytes are read first, and its count last.
+    for (const Case& c : {Case{false, 2, 2, "11 12 13 14 15 ", "13 "},
+                          {true, 2, 2, "1 2 3 ", "3 "},
+                          {true, 3, 3, "1 2 3 ", "3 "},
+                          {false, 2, 1000, changing, changing}}) {
+        const auto read = [&](const auto& reading) {
+            bool isLarge = c.startsLarge;
+            ecu.put(0x100, isLarge ? large : small);
+            int commands = 0;
+            ecu.fault = [&](std::span<const std::uint8_t> command) -> ModelEcu::Bytes {
+                const bool isUpload = command[0] == kShortUpload || command[0] == kUpload;
+                if (isUpload && ++commands >= c.firstChange && commands <= c.lastChange)
+                    ecu.put(0x100, (isLarge = !isLarge) ? large : small);
+                return {};
+            };
+            const Result<a2l::ObjectContent> content = reading(a2l::findObject(description, "curve").value());
+            if (!content) return content.error().text();
+            std::string values;
+            for (std::size_t i = 0; i < content.value().placed.elementCount(); ++i) {
+                if (content.value().bytes(i) != nullptr)
+                    values += fmt::format("{} ", *content.value().bytes(i));
+            }
+            return values;
+        };
+        EXPECT_EQ(read([&](const a2l::Object& curve) { return access.read(curve); }), c.whole);
+        const auto third = [](const a2l::PlacedObject&) { return std::size_t{2}; };
+        const auto element = read([&](const a2l::Object& curve) { return access.readElement(curve, third); });
+        EXPECT_NE(element.find(c.element), std::string::npos) << element;
+    }
+}
+
+TEST_F(ObjectAccesses, ReadTogetherWhatGetsAnotherSizeMeanwhile) {
+    const ModelEcu::Bytes small = {3, 10, 20, 30, 1, 2, 3};
+    const ModelEcu::Bytes large = {5, 10, 20, 30, 40, 50, 11, 12, 13, 14, 15};
+    std::vector<a2l::Object> objects;
+    for (const char* name : {"curve", "map"})
+        objects.push_back(a2l::findObject(description, name).value());
+    // Whatever upload the change comes before, all that is told is of the one size or of the other.
+    for (const bool shortUpload : {true, false}) {
+        for (int change = 1; change <= 8; ++change) {
+            xcp::Master other{ecu, {.t1 = 20, .t7 = 0, .useShortUpload = shortUpload}, stop.token(), clock};
+            ASSERT_TRUE(other.connect().ok());
+            MasterMemory ofOther{other, {.wholeUnits = true}};
+            ObjectAccess alone{ofOther, stop.token()};
+            ecu.put(0x100, change % 2 == 0 ? large : small);
+            int uploads = 0;
+            std::uint32_t at = 0;
+            ecu.fault = [&](std::span<const std::uint8_t> command) -> ModelEcu::Bytes {
+                constexpr std::uint8_t kSetMta = 0xF6;
+                if (command[0] == kSetMta || command[0] == kShortUpload)
+                    at = readBytes<std::uint32_t>(command.data() + 4, ByteOrder::littleEndian);
+                const bool isUpload = command[0] == kShortUpload || command[0] == kUpload;
+                if (isUpload && at < 0x10000 && ++uploads == change)
+                    ecu.put(0x100, change % 2 == 0 ? small : large);
+                return {};
+            };
+            std::vector<std::string> told;
+            const auto run =
+                JointReading(other, alone, {})
+                    .run(objects, [&](std::size_t, Result<a2l::ObjectContent> content) {
+                        std::string values;
+                        for (std::size_t i = 0;
+                             content && i < std::min<std::size_t>(6, content.value().placed.elementCount());
+                             ++i)
+                            values += fmt::format("{} ", *content.value().bytes(i));
+                        told.push_back(content ? values : content.error().text());
+                    });
+            ASSERT_TRUE(run.ok()) << run.error().text();
+            ASSERT_EQ(told.size(), 2U);
+            EXPECT_TRUE(told[0] == "1 2 3 " || told[0] == "11 12 13 14 15 ") << change << ": " << told[0];
+        }
+    }
 }
 
 TEST_F(ObjectAccesses, WriteWhatDiffersAndTellWhatIsHeldAfterAFailure) {

@@ -83,6 +83,8 @@ TEST(SessionConfig, SurvivesWritingAndReading) {
         if (!config.security.configured()) config.security = {};
         config.measurement.assign(number() % 4, text());
         config.display.exact = coin();
+        config.onReset = static_cast<SessionConfig::OnReset>(number() % 3);
+        config.identityCheck = static_cast<SessionConfig::IdentityCheck>(number() % 3);
         ASSERT_EQ(parsed(sessionConfigToJson(config)), config) << sessionConfigToJson(config);
     }
 }
@@ -106,8 +108,15 @@ TEST(SessionConfig, RefusesWithThePlace) {
          "daq.defaultEvent: must be a number, the name of an event, or \"auto\""},
         {R"({"security":{"library":"a","command":["b"]}})",
          "security.command: there is a library, too: one of them computes the keys"},
+        {R"({"security":{"library":"","command":[]}})",
+         "security.library: neither a library nor a command is named, so nothing computes keys"},
+        {R"({"security":{"sha256":[7]}})", "security.sha256: must be an array of texts, but is number"},
+        {R"({"security":"key.so"})", "security: must be an object, but is string"},
         {R"({"security":{"library":"a","sha256":["12"]}})",
          "security.sha256: '12' is not a SHA-256 of 64 hexadecimal digits"},
+        {R"({"identity":{"check":""}})", "identity.check: '' is none of \"refuse\", \"warn\" and \"off\""},
+        {R"({"calibration":{"onReset":"no"}})",
+         "calibration.onReset: 'no' is none of \"tell\", \"stop\" and \"reapply\""},
         {R"({"measurement":["a",1]})", "measurement: must be an array of texts, but is number"},
     };
     for (const auto& row : rows) {
