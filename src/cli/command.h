@@ -48,6 +48,10 @@ class ICommand {
     /// What it needs under its options, of what its row says.
     virtual Needs needs(Needs most) const { return most; }
     virtual session::SessionOptions sessionOptions() const { return {}; }
+    /// The exit code when no ECU answers at the beginning.
+    virtual int unansweredCode() const { return 1; }
+    /// The ECU could not be connected to, which has been told; run() is not called.
+    virtual void notConnected(const Error& /*error*/) {}
     /// Returns the exit code; errors have been told to the results.
     virtual int run(Workplace& place) = 0;
 };
@@ -59,7 +63,7 @@ struct CommandRow {
     Needs needs;
     Form json;  ///< what --json makes of it; Form::text: it has no such option
     std::unique_ptr<ICommand> (*make)();
-    std::span<const CommandRow> actions = {};  ///< commands behind its name; then `make` is null
+    std::span<const CommandRow> actions = {};  ///< commands behind its name; `make` null: one must be given
 };
 
 template <typename Command>

@@ -21,6 +21,9 @@ std::string consoleLine(const session::ConsoleLine& line);
 class ConsoleCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
+    session::SessionOptions sessionOptions() const override {
+        return {.otherSoftware = session::OtherSoftware::warned};
+    }
     int run(Workplace& place) override;
 
   private:

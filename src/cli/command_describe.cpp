@@ -327,19 +327,19 @@ class DescribeReport final : public IReport {
     const Relations relations_;
 };
 
-/// The object that an element or an axis is a part of; the name itself when it has no such part.
-std::string wholeOf(const a2l::Description& description, const a2l::ObjectName& part) {
+/// Whether an object may have such an element or axis, as far as the A2L tells it. Errors: those of `get`.
+Result<void> checkPart(const a2l::Description& description, const a2l::ObjectName& part) {
     const auto object = a2l::findObject(description, part.object);
-    if (!object) return part.object;  // what keeps it from being read is told there
+    if (!object) return {};  // what keeps it from being read is told there
     const a2l::Object& whole = object.value();
-    if (part.axis && *part.axis >= whole.axes.size()) return part.text;
+    if (part.axis && *part.axis >= whole.axes.size()) {
+        return Error{ErrorCode::invalidArgument,
+                     fmt::format("{}: {} has {} {}", part.text, part.object, whole.axes.size(),
+                                 whole.axes.size() == 1 ? "axis" : "axes")};
+    }
     std::vector<std::uint32_t> dimensions = whole.dimensions;
     if (part.axis) dimensions = {whole.axes[*part.axis].maxPoints};
-    const bool fits = part.indices.empty() ||
-                      (part.indices.size() == dimensions.size() &&
-                       std::equal(part.indices.begin(), part.indices.end(), dimensions.begin(),
-                                  [](const auto& index, auto count) { return index.value_or(0) < count; }));
-    return fits ? part.object : part.text;
+    return part.indices.empty() ? Result<void>() : a2l::checkIndices(part, dimensions);
 }
 
 }  // namespace
@@ -354,8 +354,13 @@ int DescribeCommand::run(Workplace& place) {
     if (!description) return 1;
     auto object = findFacts(*description, name_);
     // Of an element or an axis there is no more to say than the object that it lies in tells.
-    if (const auto part = a2l::parseObjectName(*description, name_); !object && part)
-        object = findFacts(*description, wholeOf(*description, part.value()));
+    if (const auto part = a2l::parseObjectName(*description, name_); !object && part) {
+        if (auto fits = checkPart(*description, part.value()); !fits) {
+            place.results.fail("describe", fits.error(), name_);
+            return 1;
+        }
+        object = findFacts(*description, part.value().object);
+    }
     if (!object) {
         Error unknown{ErrorCode::notFound, "'" + name_ + "' is not in the A2L"};
         unknown.hint = a2l::unknownNameHint(*description, name_);

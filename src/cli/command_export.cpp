@@ -1,56 +1,23 @@
 #include "cli/command_export.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "cli/options.h"
+#include "cli/progress_line.h"
 #include "cli/stop_signal.h"
-#include "core/text.h"
 #include "exporter/export_recording.h"
-#include "storage/read/recording_reader.h"
+#include "storage/read/recording_parts.h"
 
 namespace lm::cli {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-/// A line on the terminal that is written over and over; nothing when standard error is none.
-class ProgressLine {
-  public:
-    explicit ProgressLine(bool shown) : isTerminal_(shown && ::isatty(STDERR_FILENO) == 1) {}
-    ~ProgressLine() {
-        if (shown_) std::fputs("\r\033[K", stderr);
-    }
-    ProgressLine(const ProgressLine&) = delete;
-    ProgressLine& operator=(const ProgressLine&) = delete;
-
-    void show(std::uint64_t done, std::uint64_t total) {
-        const auto now = Clock::now();
-        if (!isTerminal_ || total == 0 || now < next_) return;
-        next_ = now + std::chrono::milliseconds(100);
-        const double seconds = std::chrono::duration<double>(now - start_).count();
-        const double rate = seconds > 0 ? static_cast<double>(done) / 1e6 / seconds : 0;
-        const std::string line = fmt::format("\rexporting {:3} %  of {} MB  {} MB/s\033[K",
-                                             done * 100 / total, total / 1000000, formatFixed(rate, 0));
-        std::fputs(line.c_str(), stderr);
-        shown_ = true;
-    }
-
-  private:
-    const bool isTerminal_;
-    bool shown_ = false;
-    const Clock::time_point start_ = Clock::now();
-    Clock::time_point next_ = start_ + std::chrono::milliseconds(300);  // what is quick needs no progress
-};
 
 Error invalid(std::string message) {
     return {ErrorCode::invalidArgument, std::move(message)};
@@ -108,9 +75,9 @@ Result<exporter::ExportSummary> exportWithProgress(const ExportCommand::Options&
             return output.flush() ? Result<void>() : Error::stopped("standard output takes no more");
         };
     }
-    auto recording = storage::RecordingReader::open(request.directory);
+    auto recording = storage::openRecordings({request.directories.begin(), request.directories.end()});
     if (!recording) return recording.error();
-    ProgressLine line(!toStream);
+    ProgressLine line(!toStream, "exporting");
     const auto show = [&line](std::uint64_t done, std::uint64_t total) { line.show(done, total); };
     return exporter::exportRecording(recording.value(), options.value(), show, stopToken());
 }
@@ -150,7 +117,7 @@ class ExportReport final : public IReport {
 
 void ExportCommand::addOptions(OptionSet& options) {
     exporter::ExportOptions& output = options_.output;
-    AddedOption directory = options.add("directory", options_.directory, "Recording directory").required();
+    AddedOption directory = options.add("directory", options_.directories, kDirectoriesHelp).required();
     options
         .add("-o,--output", output.output, "Output file, NAME.mf4 or NAME.csv; - is standard output, as CSV")
         .required();

@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/command.h"
 #include "exporter/export_plan.h"
@@ -15,7 +16,7 @@ namespace lm::cli {
 class ExportCommand final : public ICommand {
   public:
     struct Options {
-        std::string directory;
+        std::vector<std::string> directories;
         exporter::ExportOptions output;     ///< without what the two below say
         std::optional<std::string> format;  ///< none: as the output's name ends
         bool noCompress = false;

@@ -1,6 +1,8 @@
 #include "cli/command_info.h"
 
 #include <cstdint>
+#include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -41,7 +43,8 @@ void writeList(JsonWriter& json, const xcp::DaqListInfo& list) {
     json.endObject();
 }
 
-void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq, const session::DaqOrigins& origins) {
+void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq, const session::DaqOrigins& origins,
+              const std::vector<session::DaqListId>& listIds) {
     json.key("daq").beginObject();
     json.member("dynamic", daq.dynamicConfiguration);
     json.member("timestampBytes", daq.timestampSize);
@@ -60,6 +63,17 @@ void writeDaq(JsonWriter& json, const xcp::DaqCapabilities& daq, const session::
     for (const xcp::DaqListInfo& list : daq.lists)
         writeList(json, list);
     json.endArray();
+    if (!listIds.empty()) {
+        json.key("canIds").beginArray();
+        for (const session::DaqListId& told : listIds) {
+            json.beginObject();
+            json.member("list", told.list);
+            json.member("canId", told.id);
+            json.member("toldBy", session::sourceName(told.source));
+            json.endObject();
+        }
+        json.endArray();
+    }
     json.key("toldBy").beginObject();
     json.member("configuration", session::originName(origins.configuration));
     json.member("resolution", session::originName(origins.resolution));
@@ -76,6 +90,11 @@ class InfoReport final : public IReport {
         if (!completed)
             log::warn("DAQ lists not available: {}{}{}", completed.error().text(),
                       completed.error().hint.empty() ? "" : "; ", completed.error().hint);
+        if (auto ids = session.listIds(); ids) {
+            listIds_ = std::move(ids).value();
+        } else {
+            log::warn("CAN-IDs of the DAQ lists not available: {}", ids.error().text());
+        }
         if (!status_) log::warn("status not available: {}", status_.error().text());
     }
 
@@ -86,26 +105,43 @@ class InfoReport final : public IReport {
         output.append(connectLines(session_.connectInfo()));
         if (session_.daqCapabilities())
             output.append(daqLines(*session_.daqCapabilities()) +
-                          daqSourceLines(*session_.daqCapabilities(), session_.daqOrigins()));
+                          daqSourceLines(*session_.daqCapabilities(), session_.daqOrigins()) +
+                          canIdLines(listIds_));
         if (!status_) return;
         output.append(fmt::format("status         session 0x{:02X}{}\n", status_.value().sessionStatus,
                                   status_.value().daqRunning() ? ", DAQ running" : ""));
+        const auto locked = lockedNames();
+        if (!locked.empty())
+            output.append(fmt::format("locked         {} (seed and key)\n", fmt::join(locked, ", ")));
     }
 
     void write(JsonWriter& json) const override {
         writeEcu(json, session_);
         writeConnection(json, session_.connectInfo());
-        if (session_.daqCapabilities()) writeDaq(json, *session_.daqCapabilities(), session_.daqOrigins());
+        if (session_.daqCapabilities())
+            writeDaq(json, *session_.daqCapabilities(), session_.daqOrigins(), listIds_);
         if (!status_) return;
         json.key("status").beginObject();
         json.member("session", status_.value().sessionStatus);
         json.member("daqRunning", status_.value().daqRunning());
+        json.key("locked").beginArray();
+        for (const std::string_view name : lockedNames())
+            json.value(name);
+        json.endArray();
         json.endObject();
     }
 
   private:
+    std::vector<std::string_view> lockedNames() const {
+        std::vector<std::string_view> names;
+        for (const xcp::Resource resource : xcp::kResources)
+            if (status_.value().isLocked(resource)) names.push_back(xcp::resourceName(resource));
+        return names;
+    }
+
     const session::Session& session_;
     const Result<xcp::SlaveStatus> status_;
+    std::vector<session::DaqListId> listIds_;
 };
 
 }  // namespace
@@ -137,6 +173,18 @@ std::string daqLines(const xcp::DaqCapabilities& daq) {
         // By bytes, as everywhere in this output.
         if (name.size() < 20) name.resize(20, ' ');
         lines += fmt::format("  event {:<3} {} {}\n", event.number, name, cycle);
+    }
+    return lines;
+}
+
+std::string canIdLines(const std::vector<session::DaqListId>& listIds) {
+    using Source = session::DaqListId::Source;
+    std::string lines;
+    for (const session::DaqListId& told : listIds) {
+        const char* by = told.source == Source::a2l   ? "by the A2L"
+                         : told.source == Source::ecu ? "by the ECU"
+                                                      : "by the configuration, set when it is measured";
+        lines += fmt::format("  list {:<4} on CAN-ID 0x{:X}, {}\n", told.list, told.id, by);
     }
     return lines;
 }

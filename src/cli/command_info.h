@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "cli/command.h"
 #include "session/session.h"
@@ -19,6 +20,9 @@ std::string daqLines(const xcp::DaqCapabilities& daq);
 /// One line per static or predefined list, and one for each part that the A2L told instead of the ECU.
 std::string daqSourceLines(const xcp::DaqCapabilities& daq, const session::DaqOrigins& origins);
 
+/// One line per DAQ list whose CAN identifier is known.
+std::string canIdLines(const std::vector<session::DaqListId>& listIds);
+
 /// The member "ecu" of JSON objects.
 void writeEcu(JsonWriter& json, const session::Session& session);
 
@@ -26,7 +30,9 @@ class InfoCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
     Needs needs(Needs most) const override { return offline_ ? Needs::configuration : most; }
-    session::SessionOptions sessionOptions() const override { return {.a2lOptional = true}; }
+    session::SessionOptions sessionOptions() const override {
+        return {.a2lOptional = true, .otherSoftware = session::OtherSoftware::warned};
+    }
     int run(Workplace& place) override;
 
   private:

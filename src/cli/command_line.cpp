@@ -55,12 +55,15 @@ void addCommands(CLI::App& app, std::span<const CommandRow> rows, const std::str
             addCommands(*sub, row.actions, before + row.name + " ", candidates);
             continue;
         }
+        if (!row.actions.empty()) sub->require_subcommand(0, 1);
         candidates.push_back(std::make_unique<Candidate>(Candidate{row, before + row.name, row.make()}));
         Candidate& candidate = *candidates.back();
         sub->callback([&candidate] { candidate.chosen = true; });
         OptionSet options(*sub);
         candidate.command->addOptions(options);
         if (row.json != Form::text) options.addFlag("--json", candidate.json, "Print JSON (docs/json.md)");
+        // Behind the command itself, of which the last that was chosen counts.
+        addCommands(*sub, row.actions, before + row.name + " ", candidates);
     }
 }
 

@@ -4,46 +4,24 @@
 // Threads: the main thread; records are printed meanwhile (see console_printer.h). Lifetime: nothing is kept.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/recording_care.h"
+#include "cli/recording_options.h"
+#include "cli/run_log.h"
+#include "cli/test_report.h"
+#include "cli/watch_options.h"
 #include "session/measurement_types.h"
 
 namespace lm::cli {
 
 class LiveTable;
-
-/// "measuring 3 signal(s) in 2 DAQ list(s), estimated bus load 1.5 % ... - Ctrl-C to stop".
-std::string startLine(const session::PlanSummary& summary, const std::string& recordDirectory);
-
-/// The line that says which events the load of the start line does not count; empty when there are none.
-std::string outsideLoadLine(const session::PlanSummary& summary);
-
-/// The counters of the statistics line, without its newline.
-std::string statisticsLine(double seconds, const session::MeasurementStats& stats);
-
-/// The line that says of which events "missed cycles" counts nothing; empty when there are none.
-std::string uncheckedLine(const session::PlanSummary& summary);
-
-/// Every loss that the statistics line does not name ("unknown DTOs 3, UDP counter gaps 1"); empty when there
-/// was none.
-std::string otherLosses(const session::MeasurementStats& stats);
-
-/// A line for each DAQ list that gave no record, then why, when that is known; without newlines.
-std::vector<std::string> silentLists(const session::MeasurementStats& stats);
-
-/// Every loss that either of them names, empty when there was none.
-std::string lossesInWords(const session::MeasurementStats& stats);
-
-/// Whether something of `failOn` ("losses", "outage", "empty") happened.
-bool failsOn(const std::vector<std::string>& failOn, const session::MeasurementStats& stats);
-
-/// What is told instead of the statistics line when the ECU did not confirm the stop: the records, and every
-/// count of that line that is not zero.
-std::string countsWithoutStop(const session::MeasurementStats& stats);
+class WatchedRun;
 
 class MeasureCommand final : public ICommand {
   public:
@@ -54,28 +32,50 @@ class MeasureCommand final : public ICommand {
         std::optional<std::string> signalsFrom;  ///< a file that names more of them
         std::optional<std::string> event;
         double durationSeconds = 0;
-        std::string recordDirectory;
+        RecordingOptions recording;
         std::optional<std::uint32_t> printEvery;  ///< none: 100, as JSON 1
         bool exact = false;
         bool table = false;
+        std::optional<std::string> logEvery;
         std::vector<std::string> failOn;  ///< of "losses", "outage", "empty"
+        WatchOptions watch;
+        std::optional<std::string> report;
     };
 
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
     session::SessionOptions sessionOptions() const override {
-        return {.digest = !options_.recordDirectory.empty()};
+        return {.digest = options_.recording.records()};
     }
+    void notConnected(const Error& error) override;
     int run(Workplace& place) override;
     const Options& options() const { return options_; }
 
   private:
-    Result<session::PlanSummary> start(Workplace& place, LiveTable* table) const;
-    int finish(Workplace& place, const session::PlanSummary& summary, double seconds) const;
+    /// The exit code without verdicts, and why it is not 0.
+    struct Ending {
+        int exitCode = 0;
+        std::string reason;
+    };
+
+    Result<storage::RecordingPlace> recordingPlace(Workplace& place, RecordingCare& care) const;
+    Result<session::PlanSummary> start(Workplace& place, LiveTable* table, WatchedRun* watched,
+                                       RecordingCare& care) const;
+    Result<std::chrono::nanoseconds> logInterval() const;
+    int runWatched(Workplace& place, WatchedRun* watched);
+    int finish(Workplace& place, const session::PlanSummary& summary, double seconds, WatchedRun* watched,
+               const RecordingCare& care) const;
+    int judge(Workplace& place, double seconds, const Ending& ending, const session::MeasurementStats& stats,
+              const WatchedRun* watched) const;
+    int failStart(Workplace& place, const Error& error) const;
+    Result<void> writeReport(const std::string& ecu, double seconds, int exitCode, std::string reason,
+                             const WatchedRun* watched) const;
 
     Options options_;
-    bool recordsNowhere_ = false;  ///< -r was given, and is empty
+    WatchPlan watchPlan_;
+    std::optional<TestReport> report_;
+    std::optional<RunLog> log_;  ///< since prepare()
 };
 
 }  // namespace lm::cli

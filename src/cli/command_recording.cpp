@@ -1,6 +1,9 @@
 #include "cli/command_recording.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 
@@ -13,6 +16,7 @@
 #include "cli/stop_signal.h"
 #include "storage/care/recording_check.h"
 #include "storage/care/recording_repair.h"
+#include "storage/read/recording_parts.h"
 #include "storage/read/recording_reader.h"
 
 namespace lm::cli {
@@ -25,8 +29,12 @@ int fail(Results& results, const Error& error, const std::string& directory) {
     return 1;
 }
 
-AddedOption addDirectory(OptionSet& options, std::string& directory) {
-    return options.add("directory", directory, "Recording directory").required();
+AddedOption addDirectories(OptionSet& options, std::vector<std::string>& directories) {
+    return options.add("directory", directories, kDirectoriesHelp).required();
+}
+
+std::vector<std::filesystem::path> pathsOf(const std::vector<std::string>& directories) {
+    return {directories.begin(), directories.end()};
 }
 
 /// As a shell takes it.
@@ -41,8 +49,8 @@ std::string quoted(const std::string& text) {
 
 class CheckReport final : public IReport {
   public:
-    CheckReport(const std::string& directory, const storage::RecordingCheck& check)
-        : directory_(directory), check_(check) {}
+    CheckReport(const std::string& directory, std::size_t recordings, const storage::RecordingCheck& check)
+        : directory_(directory), recordings_(recordings), check_(check) {}
 
     void print(Output& output) const override {
         bool mendable = false;
@@ -52,7 +60,9 @@ class CheckReport final : public IReport {
             mendable = mendable || finding.mendable();
         }
         output.append(fmt::format(
-            "{}: {} group(s), {} record(s), {}\n", directory_, check_.groups, check_.records,
+            "{}: {}{} group(s), {} record(s), {}\n", directory_,
+            recordings_ == 1 ? "" : fmt::format("{} recordings, ", recordings_), check_.groups,
+            check_.records,
             check_.findings.empty() ? "sound" : fmt::format("{} fault(s)", check_.findings.size())));
         output.flush();
         if (check_.beingWritten) {
@@ -66,6 +76,7 @@ class CheckReport final : public IReport {
 
     void write(JsonWriter& json) const override {
         json.member("directory", directory_);
+        json.member("recordings", recordings_);
         json.member("groups", check_.groups);
         json.member("records", check_.records);
         json.member("beingWritten", check_.beingWritten);
@@ -83,6 +94,7 @@ class CheckReport final : public IReport {
 
   private:
     const std::string& directory_;
+    const std::size_t recordings_;
     const storage::RecordingCheck& check_;
 };
 
@@ -99,7 +111,7 @@ Result<value::NumberStyle> numberStyle(bool exact, const Options& options) {
 }  // namespace
 
 void RecordingInfoCommand::addOptions(OptionSet& options) {
-    addDirectory(options, directory_);
+    addDirectories(options, directories_);
     addExact(options, exact_);
 }
 
@@ -109,11 +121,11 @@ int RecordingInfoCommand::run(Workplace& place) {
         place.results.fail("configuration", style.error(), *place.options.configFile);
         return 1;
     }
-    auto recording = storage::RecordingReader::open(directory_);
-    if (!recording) return fail(place.results, recording.error(), directory_);
+    auto recording = storage::openRecordings(pathsOf(directories_));
+    if (!recording) return fail(place.results, recording.error(), directories_.front());
     int exitCode = 0;
     const auto overview = overviewOf(recording.value(), style.value(), [&](const Error& error) {
-        place.results.fail(kPrefix, error, directory_);
+        place.results.fail(kPrefix, error, directories_.front());
         exitCode = 1;
     });
     place.results.show(RecordingReport(overview));
@@ -121,50 +133,75 @@ int RecordingInfoCommand::run(Workplace& place) {
 }
 
 void RecordingCheckCommand::addOptions(OptionSet& options) {
-    addDirectory(options, directory_);
+    addDirectories(options, directories_);
 }
 
 int RecordingCheckCommand::run(Workplace& place) {
-    const auto check = storage::checkRecording(directory_, stopToken());
-    if (!check) return fail(place.results, check.error(), directory_);
-    place.results.show(CheckReport(directory_, check.value()));
-    return check.value().findings.empty() ? 0 : 1;
+    auto parts = storage::findRecordings(pathsOf(directories_));
+    if (!parts) return fail(place.results, parts.error(), directories_.front());
+    storage::RecordingCheck whole;
+    for (const storage::RecordingReader& part : parts.value()) {
+        auto check = storage::checkRecording(part.directory(), stopToken());
+        if (!check) return fail(place.results, check.error(), part.directory().string());
+        whole.groups = check.value().groups;
+        whole.records += check.value().records;
+        whole.beingWritten = whole.beingWritten || check.value().beingWritten;
+        std::vector<storage::Finding>& findings = check.value().findings;
+        std::move(findings.begin(), findings.end(), std::back_inserter(whole.findings));
+    }
+    const std::size_t count = parts.value().size();
+    const auto joined = storage::RecordingReader::join(std::move(parts).value(), "");
+    if (!joined) return fail(place.results, joined.error(), directories_.front());
+    for (storage::PartBreak& found : storage::findBreaks(joined.value())) {
+        if (found.isLoss) whole.findings.push_back({std::move(found.text), ""});
+    }
+    place.results.show(CheckReport(directories_.front(), count, whole));
+    return whole.findings.empty() ? 0 : 1;
 }
 
 void RecordingRepairCommand::addOptions(OptionSet& options) {
-    addDirectory(options, directory_);
+    addDirectories(options, directories_);
 }
 
 int RecordingRepairCommand::run(Workplace& place) {
+    const auto parts = storage::findRecordings(pathsOf(directories_));
+    if (!parts) return fail(place.results, parts.error(), directories_.front());
+    int exitCode = 0;
+    for (const storage::RecordingReader& part : parts.value())
+        exitCode = std::max(exitCode, repairOne(place, part.directory().string()));
+    return exitCode;
+}
+
+int RecordingRepairCommand::repairOne(Workplace& place, const std::string& directory) {
     Output& output = place.results.output();
     bool changed = false;
-    auto left = storage::repairRecording(directory_, stopToken(), [&](const std::string& change) {
+    auto left = storage::repairRecording(directory, stopToken(), [&](const std::string& change) {
         changed = true;
         output.append(change + "\n");
     });
     output.flush();
     if (!left) {
-        const int exitCode = fail(place.results, left.error(), directory_);
+        const int exitCode = fail(place.results, left.error(), directory);
         if (changed) std::fputs("what is told above is done; the rest is as it was\n", stderr);
         return exitCode;
     }
     for (const storage::Finding& finding : left.value())
         output.append(finding.text + " (cannot be mended)\n");
     if (left.value().empty()) {
-        output.append(directory_ + (changed ? ": repaired\n" : ": sound, nothing to repair\n"));
+        output.append(directory + (changed ? ": repaired\n" : ": sound, nothing to repair\n"));
     }
     return left.value().empty() ? 0 : 1;
 }
 
 void RecordingShowCommand::addOptions(OptionSet& options) {
-    AddedOption directory = addDirectory(options, directory_);
+    AddedOption directory = addDirectories(options, directories_);
     addPatterns(options, options_.signals, "NAME, or a pattern with * and ?", directory).required();
     addTimes(options, options_.from, options_.to, "Seconds from the start, or ISO 8601");
 }
 
 int RecordingShowCommand::run(Workplace& place) {
-    auto recording = storage::RecordingReader::open(directory_);
-    if (!recording) return fail(place.results, recording.error(), directory_);
+    auto recording = storage::openRecordings(pathsOf(directories_));
+    if (!recording) return fail(place.results, recording.error(), directories_.front());
     return plotSignals(recording.value(), options_, plotStyleFor(STDOUT_FILENO), place.results.output());
 }
 

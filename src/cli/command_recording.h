@@ -1,10 +1,11 @@
-// The subcommands of `recording`: what is in a recording directory, whether it is sound, how to mend it, and
-// how its signals look.
+// The subcommands of `recording`, each for one or several recordings: what is in them, whether it is sound,
+// how to mend it, and how its signals look.
 //
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "cli/command.h"
 #include "cli/recording_plot.h"
@@ -17,7 +18,7 @@ class RecordingInfoCommand final : public ICommand {
     int run(Workplace& place) override;
 
   private:
-    std::string directory_;
+    std::vector<std::string> directories_;
     bool exact_ = false;
 };
 
@@ -28,7 +29,7 @@ class RecordingCheckCommand final : public ICommand {
     int run(Workplace& place) override;
 
   private:
-    std::string directory_;
+    std::vector<std::string> directories_;
 };
 
 /// The exit code tells damage that could not be mended, too.
@@ -38,18 +39,20 @@ class RecordingRepairCommand final : public ICommand {
     int run(Workplace& place) override;
 
   private:
-    std::string directory_;
+    static int repairOne(Workplace& place, const std::string& directory);
+
+    std::vector<std::string> directories_;
 };
 
 class RecordingShowCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
-    const std::string& directory() const { return directory_; }
+    const std::vector<std::string>& directories() const { return directories_; }
     const PlotOptions& options() const { return options_; }
 
   private:
-    std::string directory_;
+    std::vector<std::string> directories_;
     PlotOptions options_;
 };
 

@@ -26,6 +26,11 @@ bool SaveConfigCommand::isA2lLost(const fs::path& a2l) const {
 }
 
 int SaveConfigCommand::run(Workplace& place) {
+    // In a file that only its owner writes to it would be believed.
+    if (const std::string& refusal = place.config.security.refusal; !refusal.empty()) {
+        place.results.fail("save", Error{ErrorCode::permissionDenied, refusal + "; it is not copied"}, file_);
+        return 1;
+    }
     const bool lost = isA2lLost(place.config.a2l);
     std::error_code ignored;
     if (lost && fs::exists(place.config.a2l, ignored)) {

@@ -57,7 +57,9 @@ class UnlockReport final : public IReport {
 }  // namespace
 
 void UnlockCommand::addOptions(OptionSet& options) {
-    options.add("resources", names_, "cal, daq, stim, pgm (all that the ECU offers when none is given)")
+    options
+        .add("resources", names_,
+             "cal (CAL/PAG), daq, stim, pgm (all that the ECU offers when none is given)")
         .oneOf({kNames.begin(), kNames.end()});
 }
 

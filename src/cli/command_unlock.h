@@ -13,7 +13,9 @@ namespace lm::cli {
 class UnlockCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
-    session::SessionOptions sessionOptions() const override { return {.a2lOptional = true}; }
+    session::SessionOptions sessionOptions() const override {
+        return {.a2lOptional = true, .otherSoftware = session::OtherSoftware::warned};
+    }
     int run(Workplace& place) override;
 
   private:

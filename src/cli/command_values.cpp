@@ -1,7 +1,9 @@
 #include "cli/command_values.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
+#include <memory>
 #include <span>
 #include <unistd.h>
 
@@ -10,10 +12,13 @@
 #include "cli/message_output.h"
 #include "cli/object_report.h"
 #include "cli/options.h"
+#include "cli/page_remarks.h"
 #include "cli/recording_plot.h"
 #include "cli/stop_signal.h"
 #include "cli/value_json.h"
+#include "cli/write_journal.h"
 #include "core/printable_text.h"
+#include "session/folder_filter.h"
 #include "session/name_pattern.h"
 #include "session/session.h"
 #include "value/typed_text.h"
@@ -22,6 +27,23 @@ namespace lm::cli {
 namespace {
 
 using session::Reading;
+
+/// The pattern of a whole folder.
+constexpr std::string_view kAll = "*";
+
+/// Where values come from and go to, and where that is told.
+struct ValueDesk {
+    session::IValues& values;
+    Results& results;
+    const value::NumberStyle numbers;
+    const bool isImage;
+    WriteJournal* journal = nullptr;  ///< of what is written to an ECU
+};
+
+ValueDesk deskOf(Workplace& place, session::ImageValues* image) {
+    if (image != nullptr) return {*image, place.results, numberStyle(place.config), true};
+    return {*place.session, place.results, numberStyle(place.session->config()), false};
+}
 
 std::string shownText(const Reading& reading, value::NumberStyle style) {
     const std::string text = value::valueText(reading.element, reading.physical(), style);
@@ -110,76 +132,106 @@ class WriteReport final : public ReadReport {
     std::string deviation_;
 };
 
-/// What the names stand for, patterns taken apart. One that matches nothing stays, and is no name either; one
-/// that reaches too far is told and left out.
-std::vector<std::string> expanded(const std::vector<std::string>& names, const ObjectStyle& style,
-                                  Workplace& place, int& exitCode) {
-    const a2l::Description& description = place.session->description();
-    std::vector<std::string> all;
-    for (const std::string& name : names) {
-        if (!session::isNamePattern(description, name)) {
-            all.push_back(name);
-            continue;
+/// What the names stand for, patterns taken apart; patterns take what lies in the folders alone.
+class NameExpansion {
+  public:
+    NameExpansion(const session::FolderFilter& folders, const ObjectStyle& style, const ValueDesk& desk)
+        : folders_(folders), style_(style), desk_(desk), description_(desk.values.description()) {}
+
+    /// Names that were not found stay, and are none later either. What is refused is told and left out.
+    std::vector<std::string> run(const std::vector<std::string>& typed) {
+        for (const std::string& name : typed) {
+            if (!session::isNamePattern(description_, name)) {
+                names_.push_back(name);
+            } else if (auto added = addMatches(name); !added) {
+                desk_.results.show(ObjectReport(name, added.error(), style_));
+                isComplete_ = false;
+            }
+            if (stopRequested()) return {};
         }
-        if (auto few = session::checkParts(description, name, "read"); !few) {
-            place.results.show(ObjectReport(name, few.error(), style));
-            exitCode = 1;
-            continue;
-        }
+        return std::move(names_);
+    }
+    bool isComplete() const { return isComplete_; }
+
+  private:
+    Result<void> addMatches(const std::string& pattern) {
+        if (auto few = session::checkParts(description_, pattern, "read", folders_); !few) return few;
         std::vector<std::string> matches =
-            session::namesMatching(description, name, session::NameKind::all, stopToken());
+            session::namesMatching(description_, pattern, session::NameKind::all, stopToken(), folders_);
         const std::size_t found = matches.size();
         std::erase_if(matches, [&](const std::string& match) {
-            return !stopRequested() && !place.session->objects().exists(match);
+            return !stopRequested() && !desk_.values.canRead(match);
         });
         if (stopRequested()) return {};
+        if (matches.empty() && found > 0 && desk_.isImage) {
+            return Error{
+                ErrorCode::notFound,
+                fmt::format("'{}' matches {} object(s), none of which the image holds", pattern, found)};
+        }
+        if (matches.empty() && !folders_.takesAll()) return outsideFolders(pattern);
         if (matches.size() < found && !matches.empty()) {
             printMessage(
                 fmt::format("'{}' matches {} object(s), {} of which cannot be read and are left out\n",
-                            printableText(name), found, found - matches.size()));
+                            printableText(pattern), found, found - matches.size()));
         }
-        if (matches.empty()) matches.push_back(name);
-        std::move(matches.begin(), matches.end(), std::back_inserter(all));
+        if (matches.empty()) matches.push_back(pattern);
+        std::move(matches.begin(), matches.end(), std::back_inserter(names_));
+        return {};
     }
-    return all;
-}
+
+    static Error outsideFolders(const std::string& pattern) {
+        return {
+            ErrorCode::notFound,
+            pattern == kAll
+                ? "nothing that can be read lies in the groups and functions that were named"
+                : fmt::format("'{}' matches no name in the groups and functions that were named", pattern)};
+    }
+
+    const session::FolderFilter& folders_;
+    const ObjectStyle& style_;
+    const ValueDesk& desk_;
+    const a2l::Description& description_;
+    std::vector<std::string> names_;
+    bool isComplete_ = true;
+};
 
 /// Reads and shows the first scalars of the names, or the object that is the first; returns how many.
-std::size_t getSome(std::span<const std::string> names, const ObjectStyle& style, Workplace& place,
+std::size_t getSome(std::span<const std::string> names, const ObjectStyle& style, const ValueDesk& desk,
                     int& exitCode) {
-    session::Session& session = *place.session;
     const auto count = static_cast<std::size_t>(
         std::find_if(names.begin(), names.end(),
-                     [&](const std::string& name) { return !session.objects().isScalar(name); }) -
+                     [&](const std::string& name) { return !desk.values.objects().isScalar(name); }) -
         names.begin());
     if (count == 0) {
-        const auto reading = session.readObject(names.front());
-        place.results.show(ObjectReport(names.front(), reading, style));
+        const auto reading = desk.values.readObject(names.front());
+        desk.results.show(ObjectReport(names.front(), reading, style));
         if (reading) return 1;
-        place.results.hint(reading.error());
+        desk.results.hint(reading.error());
         exitCode = 1;
         return 1;
     }
-    const auto values = session.read(names.first(count));
+    const auto values = desk.values.read(names.first(count));
     for (std::size_t i = 0; i < values.size(); ++i) {
-        place.results.show(ReadReport(names[i], values[i], style.numbers));
+        desk.results.show(ReadReport(names[i], values[i], style.numbers));
         if (values[i]) continue;
-        place.results.hint(values[i].error());
+        desk.results.hint(values[i].error());
         exitCode = 1;
     }
     return values.size();
 }
 
-int getAll(const std::vector<std::string>& typed, bool plot, Workplace& place) {
-    ObjectStyle style{numberStyle(place.session->config()), std::nullopt};
+int getAll(const std::vector<std::string>& typed, const session::FolderFilter& folders, bool plot,
+           const ValueDesk& desk) {
+    ObjectStyle style{desk.numbers, std::nullopt};
     if (plot) style.plot = plotStyleFor(STDOUT_FILENO);
-    int exitCode = 0;
-    const std::vector<std::string> names = expanded(typed, style, place, exitCode);
+    NameExpansion expansion(folders, style, desk);
+    const std::vector<std::string> names = expansion.run(typed);
+    int exitCode = expansion.isComplete() ? 0 : 1;
     for (std::span<const std::string> rest(names); !rest.empty();) {
         if (stopRequested()) return 1;
-        rest = rest.subspan(getSome(rest, style, place, exitCode));
+        rest = rest.subspan(getSome(rest, style, desk, exitCode));
         // Each value appears soon after it is read, however slow the next one is.
-        if (!place.results.output().flush()) break;
+        if (!desk.results.output().flush()) break;
     }
     return exitCode;
 }
@@ -190,13 +242,35 @@ void announceDependents(std::string_view name, const std::vector<std::string>& d
                  "\n");
 }
 
-bool assignObject(const session::WriteWish& wish, Workplace& place) {
-    const auto writing = place.session->writeObject(
+bool assignObject(session::WriteWish wish, const ValueDesk& desk) {
+    if (desk.journal != nullptr)
+        wish.beforeWriting = [&](const auto& changes) { desk.journal->keepUndo(changes); };
+    wish.tellsOne = desk.journal != nullptr && desk.journal->keepsSingles();
+    const auto writing = desk.values.writeObject(
         wish, [&](const std::vector<std::string>& dependents) { announceDependents(wish.name, dependents); });
-    const ObjectStyle style{numberStyle(place.session->config()), std::nullopt};
-    place.results.show(ObjectWriteReport(wish, writing, style));
-    if (!writing.value) place.results.hint(writing.value.error());
+    const ObjectStyle style{desk.numbers, std::nullopt};
+    desk.results.show(ObjectWriteReport(wish, writing, style));
+    if (!writing.value) desk.results.hint(writing.value.error());
+    if (desk.journal != nullptr) desk.journal->note(writing);
     return writing.value.ok();
+}
+
+struct Assignment {
+    std::string_view name;
+    std::string_view text;
+    session::Relation relation = session::Relation::value;
+};
+
+/// NAME+=5 unless the A2L has a name that ends with the sign.
+Assignment assignmentOf(std::string_view name, std::string_view text, const a2l::Description& description) {
+    constexpr std::string_view kSigns = "+-*";
+    constexpr std::array<session::Relation, 3> kRelations = {
+        session::Relation::plus, session::Relation::minus, session::Relation::times};
+    const auto sign = kSigns.find(name.back());
+    if (sign == std::string_view::npos || a2l::parseObjectName(description, name)) return {name, text};
+    const std::string_view before = name.substr(0, name.size() - 1);
+    if (!a2l::parseObjectName(description, before)) return {name, text};
+    return {before, text, kRelations.at(sign)};
 }
 
 struct AssignOptions {
@@ -204,22 +278,35 @@ struct AssignOptions {
     bool dependents = true;
 };
 
-bool assign(const std::string& assignment, AssignOptions options, Workplace& place) {
+bool assign(const std::string& assignment, AssignOptions options, const ValueDesk& desk) {
     const auto refuse = [&](const Error& error) {
-        place.results.fail(assignment, error, assignment);
+        desk.results.fail(assignment, error, assignment);
         return false;
     };
     if (stopRequested()) return refuse(Error::stopped("not written, stopped"));
     const auto parts = splitAssignment(assignment);
     if (!parts) return refuse({ErrorCode::invalidArgument, "expected NAME=VALUE"});
-    const auto& [name, text] = *parts;
-    const session::NamedObjects& objects = place.session->objects();
-    if (!objects.isScalar(name) || (options.dependents && objects.hasDependents(name)))
-        return assignObject({name, text, options.rights, options.dependents}, place);
-    const auto outcome = place.session->write(name, text, options.rights);
-    place.results.show(WriteReport(name, text, outcome, numberStyle(place.session->config())));
-    if (!outcome.value) place.results.hint(outcome.value.error());
+    const Assignment wish = assignmentOf(parts->first, parts->second, desk.values.description());
+    const auto name = wish.name;
+    const auto text = wish.text;
+    const session::NamedObjects& objects = desk.values.objects();
+    if (wish.relation != session::Relation::value || !objects.isScalar(name) ||
+        (options.dependents && objects.hasDependents(name)))
+        return assignObject({name, text, options.rights, options.dependents, wish.relation, {}}, desk);
+    session::BeforeWriting keep;
+    if (desk.journal != nullptr && desk.journal->keepsSingles())
+        keep = [&](const auto& changes) { desk.journal->keepUndo(changes); };
+    const auto outcome = desk.values.write(name, text, options.rights, keep);
+    desk.results.show(WriteReport(name, text, outcome, desk.numbers));
+    if (!outcome.value) desk.results.hint(outcome.value.error());
+    if (desk.journal != nullptr) desk.journal->note(outcome);
     return outcome.value.ok();
+}
+
+/// Of the pages and of the identity of the ECU.
+int withWarnings(int exitCode, const std::vector<std::string>& failOn, Workplace& place) {
+    tellPages(place);
+    return withIdentity(exitCode, failOn, place.session->identityWarned());
 }
 
 /// `work` shows the values one after the other and gives the exit code.
@@ -241,13 +328,15 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
 }
 
 void GetCommand::addOptions(OptionSet& options) {
-    options
-        .add("names", names_,
-             "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
-             "axis; * and ? match")
-        .required();
+    options.add("names", names_,
+                "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "
+                "axis; * and ? match. None: all that lies in --group and --function");
+    addFolders(options, groups_, functions_);
+    options.requireWhen("names", [this] { return names_.empty() && groups_.empty() && functions_.empty(); });
     options.addFlag("--plot", plot_, "Draw curves as lines and colour maps");
+    image_.addOption(options);
     addExact(options, exact_);
+    addFailOnIdentity(options, failOn_);
 }
 
 void GetCommand::overrule(session::SessionConfig& config) const {
@@ -255,13 +344,26 @@ void GetCommand::overrule(session::SessionConfig& config) const {
 }
 
 int GetCommand::run(Workplace& place) {
-    return listValues(place, [&] { return getAll(names_, plot_, place); });
+    std::unique_ptr<session::ImageValues> image;
+    if (image_.isGiven() && !(image = image_.open(place, ImageSource::Purpose::reading))) return 1;
+    const ValueDesk desk = deskOf(place, image.get());
+    const auto folders = session::FolderFilter::create(desk.values.description(), groups_, functions_);
+    if (!folders) {
+        place.results.fail("get", folders.error());
+        return 1;
+    }
+    const std::vector<std::string> all = {std::string(kAll)};
+    const int exitCode = listValues(
+        place, [&] { return getAll(names_.empty() ? all : names_, folders.value(), plot_, desk); });
+    return image ? withIdentity(exitCode, failOn_, image_.identityWarned())
+                 : withWarnings(exitCode, failOn_, place);
 }
 
 void SetCommand::addOptions(OptionSet& options) {
     options
         .add("assignments", assignments_,
-             "NAME=VALUE, NAME[1][2]=VALUE, NAME='[[1,2],[3,4]]', NAME[*]=VALUE, NAME=@FILE.csv")
+             "NAME=VALUE, NAME[1][2]=VALUE, NAME='[[1,2],[3,4]]', NAME[*]=VALUE, NAME=@FILE.csv; NAME+=5, "
+             "NAME-=5, NAME*=1.05 from what is held")
         .required();
     options.addFlag("-m,--measurements", allowMeasurements_,
                     "Also overwrite measurements (without READ_WRITE in the A2L)");
@@ -269,7 +371,21 @@ void SetCommand::addOptions(OptionSet& options) {
                     "Up to the EXTENDED_LIMITS of the A2L, beyond the limits");
     options.addFlag("--no-dependents", noDependents_,
                     "Leave the parameters that are computed from what is written");
+    image_.addOption(options);
+    options.add("-o,--output", output_, "With --hex: the new file, in the form that its name ends with");
     addExact(options, exact_);
+    addFailOnIdentity(options, failOn_);
+}
+
+Result<void> SetCommand::prepare(Form /*form*/) {
+    if (image_.isGiven() != output_.has_value()) {
+        return Error{ErrorCode::invalidArgument,
+                     image_.isGiven() ? "--hex leaves its file as it is: --output FILE names the new one"
+                                      : "--output is the new image of --hex IMAGE, which was not given"};
+    }
+    if (!image_.isGiven()) return {};
+    if (const auto ending = params::memoryFileEnding(*output_); !ending) return ending.error();
+    return params::checkNewFile(*output_);
 }
 
 void SetCommand::overrule(session::SessionConfig& config) const {
@@ -277,14 +393,45 @@ void SetCommand::overrule(session::SessionConfig& config) const {
 }
 
 int SetCommand::run(Workplace& place) {
-    return listValues(place, [&] {
-        int exitCode = 0;
+    std::unique_ptr<session::ImageValues> image;
+    if (image_.isGiven() && !(image = image_.open(place, ImageSource::Purpose::writing))) return 1;
+    ValueDesk desk = deskOf(place, image.get());
+    std::optional<WriteJournal> journal;
+    if (!image) desk.journal = &journal.emplace(*place.session, assignments_);
+    std::size_t failed = 0;
+    const int exitCode = listValues(place, [&] {
         for (const std::string& assignment : assignments_) {
-            if (!assign(assignment, {{allowMeasurements_, extendedLimits_}, !noDependents_}, place))
-                exitCode = 1;
+            if (!assign(assignment, {{allowMeasurements_, extendedLimits_}, !noDependents_}, desk)) ++failed;
         }
-        return exitCode;
+        return failed == 0 ? 0 : 1;
     });
+    if (journal) journal->end();
+    if (!image) return withWarnings(exitCode, failOn_, place);
+    return withIdentity(finishImage(*image, failed, place), failOn_, image_.identityWarned());
+}
+
+/// A file with half of what was asked for would pass for one with all of it.
+int SetCommand::finishImage(const session::ImageValues& image, std::size_t failed, Workplace& place) const {
+    Result<void> written;
+    if (failed > 0) {
+        written =
+            Error{ErrorCode::invalidArgument, fmt::format("{} is not written: {} of {} assignment(s) failed",
+                                                          *output_, failed, assignments_.size())};
+    } else if (stopRequested()) {
+        written = Error::stopped(*output_ + " is not written, stopped");
+    } else {
+        written = params::writeMemoryFile(*output_, image.file());
+    }
+    if (!written) {
+        place.results.fail("set", written.error(), *output_);
+        return 1;
+    }
+    if (JsonWriter* const json = place.results.json(); json != nullptr) {
+        json->member("output", *output_);
+    } else {
+        place.results.output().append(printableText(*output_) + " written\n");
+    }
+    return 0;
 }
 
 }  // namespace lm::cli

@@ -1,4 +1,4 @@
-// The subcommands `get` and `set`: values of the ECU by name.
+// The subcommands `get` and `set`: values of the ECU, or of an image of its memory, by name.
 //
 // Threads: one thread. Lifetime: nothing is kept.
 #pragma once
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/image_source.h"
 
 namespace lm::cli {
 
@@ -22,28 +23,40 @@ class GetCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
+    Needs needs(Needs most) const override { return image_.needs(most); }
     int run(Workplace& place) override;
     const std::vector<std::string>& names() const { return names_; }
 
   private:
     std::vector<std::string> names_;
+    std::vector<std::string> groups_;
+    std::vector<std::string> functions_;
+    ImageSource image_;
+    std::vector<std::string> failOn_;
     bool exact_ = false;
     bool plot_ = false;
 };
 
 /// Writes each value and prints it as read back. A failed output stops nothing: what was asked for is
-/// written.
+/// written. Of an image all is written or, when one value was refused, no file at all.
 class SetCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
+    Result<void> prepare(Form form) override;
+    Needs needs(Needs most) const override { return image_.needs(most); }
     int run(Workplace& place) override;
 
   private:
+    int finishImage(const session::ImageValues& image, std::size_t failed, Workplace& place) const;
+
     std::vector<std::string> assignments_;
+    ImageSource image_;
+    std::optional<std::string> output_;
     bool allowMeasurements_ = false;
     bool extendedLimits_ = false;
     bool noDependents_ = false;
+    std::vector<std::string> failOn_;
     bool exact_ = false;
 };
 

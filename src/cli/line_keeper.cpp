@@ -44,6 +44,7 @@ bool LineKeeper::openFirst() {
     const Result<void> opened = session_.openTransport();
     const Result<void> connected = opened.ok() ? session_.open() : Result<void>();
     const Error* failure = !opened.ok() ? &opened.error() : !connected.ok() ? &connected.error() : nullptr;
+    if (failure == nullptr) watch();
     // What a stop has ended did not fail.
     if (failure == nullptr || stop_.requested()) return opened.ok();
     Error told = *failure;
@@ -53,6 +54,11 @@ bool LineKeeper::openFirst() {
     told_ = failure->text();
     session_.consoleLog().onNotice("no line yet, trying again each second");
     return false;
+}
+
+/// Once: each connection after it compares, and remembers what it found.
+void LineKeeper::watch() {
+    if (!std::exchange(watches_, true)) session_.watchForReset();
 }
 
 bool LineKeeper::openAgain() {
@@ -66,6 +72,7 @@ bool LineKeeper::openAgain() {
     }
     told_.clear();
     const Result<void> connected = session_.open();
+    if (connected.ok()) watch();
     if (!stop_.requested()) {
         session_.consoleLog().onNotice(connected.ok() ? "connected"
                                                       : "connect: " + textOnly(connected.error()));

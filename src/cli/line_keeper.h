@@ -33,6 +33,7 @@ class LineKeeper {
 
   private:
     void keep();
+    void watch();
     bool openFirst();
     bool openAgain();
 
@@ -41,7 +42,9 @@ class LineKeeper {
 
     std::atomic<bool> begun_{false};
 
-    std::string told_;  // the thread's alone: why the line is not open, as told last
+    // The thread's alone.
+    std::string told_;      ///< why the line is not open, as told last
+    bool watches_ = false;  ///< the ECU was connected
 
     std::thread thread_;
 };

@@ -8,13 +8,13 @@
 
 #include <fmt/format.h>
 
-#include "cli/command_measure.h"
+#include "cli/measurement_counts.h"
 #include "cli/measurement_lines.h"
 #include "cli/message_output.h"
-#include "cli/recording_overview.h"
 #include "cli/recording_report.h"
 #include "core/printable_text.h"
 #include "core/text.h"
+#include "storage/write/part_keeper.h"
 
 namespace lm::cli {
 namespace {
@@ -142,7 +142,7 @@ double LiveTable::rateOf(std::size_t number, Clock::time_point now) const {
 TableStatus LiveTable::status(const session::Session& session, double seconds) {
     const session::MeasurementStats stats = session.statistics();
     if (!recording_.empty() && Clock::now() >= nextSize_) {
-        size_ = sizeText(directorySize(recording_)) + " recorded";
+        size_ = sizeText(storage::directoryBytes(recording_)) + " recorded";
         nextSize_ = Clock::now() + kBetweenSizes;
     }
     const std::string losses = lossesInWords(stats);

@@ -8,12 +8,15 @@
 
 #include <fmt/format.h>
 
+#include "cli/diff_report.h"
 #include "cli/message_output.h"
 #include "cli/object_json.h"
 #include "cli/object_plot.h"
 #include "cli/object_table.h"
 #include "cli/value_json.h"
 #include "core/printable_text.h"
+#include "params/parameter_diff.h"
+#include "session/parameter_reading.h"
 #include "value/typed_text.h"
 
 namespace lm::cli {
@@ -124,10 +127,26 @@ void ObjectReport::print(Output& output) const {
     if (reading.whole)
         return printObject(output, reading.whole->placed.object().name, *reading.whole, style_);
     const bool isOne = reading.numbers.size() == 1;
+    if (reading.isRow && !isOne) return printRow(output);
     for (const NumberReading& number : reading.numbers) {
         output.appendValueLine(isOne ? name_ : number.element.name,
                                shownText(number.element, number.physical, style_.numbers));
     }
+}
+
+/// Under the indices that are open in the name.
+void ObjectReport::printRow(Output& output) const {
+    const auto& numbers = reading_.value().numbers;
+    std::vector<std::string> heads;
+    std::vector<std::string> values;
+    for (const NumberReading& number : numbers) {
+        heads.push_back("[" + std::to_string(heads.size()) + "]");
+        values.push_back(shownText(number.element, number.physical, style_.numbers));
+    }
+    const std::string& unit = numbers.front().element.conversion->unit();
+    output.appendValueLine(
+        name_, fmt::format("{} values{}", numbers.size(), unit.empty() ? "" : ", " + printableText(unit)));
+    output.append(lineTable("", heads, values));
 }
 
 void ObjectReport::write(JsonWriter& json) const {
@@ -168,8 +187,21 @@ void ObjectWriteReport::tell(const std::string& what) const {
     printMessage(printableText(what) + "\n");
 }
 
+/// From the former to the new values.
+bool ObjectWriteReport::printChange(Output& output) const {
+    if (wish_.relation == session::Relation::value || !reading_ || writing_.written.empty()) return false;
+    params::ParameterSet before;
+    params::ParameterSet after;
+    before.parameters.push_back(session::parameterOf(writing_.written.front().before, {}));
+    after.parameters.push_back(session::parameterOf(writing_.written.front().after, {}));
+    const auto difference = params::compare(before, after);
+    for (const params::ParameterDifference& one : difference.parameters)
+        printDifference(one, output);
+    return !difference.parameters.empty();
+}
+
 void ObjectWriteReport::print(Output& output) const {
-    ObjectReport::print(output);
+    if (!printChange(output)) ObjectReport::print(output);
     for (const session::WrittenDependent& dependent : writing_.dependents)
         printObject(output, dependent.name, dependent.content, style_);
     output.flush();

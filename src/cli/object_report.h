@@ -36,6 +36,9 @@ class ObjectReport : public IReport {
     const std::string_view name_;
     const Result<session::ObjectReading>& reading_;
     const ObjectStyle style_;
+
+  private:
+    void printRow(Output& output) const;
 };
 
 /// What became of an assignment to an object, and of the parameters that depend on it.
@@ -49,6 +52,7 @@ class ObjectWriteReport final : public ObjectReport {
   private:
     void writeMembers(JsonWriter& json) const override;
     void writeHeld(JsonWriter& json, const session::HeldObject& held) const;
+    bool printChange(Output& output) const;
     void tell(const std::string& what) const;
 
     const session::WriteWish& wish_;

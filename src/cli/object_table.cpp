@@ -16,7 +16,7 @@ constexpr std::size_t kNumbersPerLine = 10;
 
 using Texts = std::vector<std::string>;
 
-std::size_t widest(const Texts& texts, std::size_t width) {
+std::size_t widest(std::span<const std::string> texts, std::size_t width) {
     for (const std::string& text : texts)
         width = std::max(width, characterCount(text));
     return width;
@@ -47,20 +47,6 @@ Texts valueTexts(const a2l::ObjectContent& content, std::size_t first, std::size
     for (std::size_t i = 0; i < count; ++i)
         texts.push_back(shownText(content.placed.element(first + i), values[i], style));
     return texts;
-}
-
-std::string lineTable(const a2l::ObjectContent& content, value::NumberStyle style) {
-    const std::size_t count = content.placed.elementCount();
-    const Texts heads = pointTexts(content, 0, style);
-    const Texts values = valueTexts(content, 0, count, style);
-    const std::size_t width = widest(values, widest(heads, 0));
-    std::string text;
-    for (std::size_t i = 0; i < count; i += kNumbersPerLine) {
-        const std::size_t some = std::min(kNumbersPerLine, count - i);
-        appendRow(text, hasAxes(content.placed) ? "x" : "", 1, std::span(heads).subspan(i, some), width);
-        appendRow(text, "", 1, std::span(values).subspan(i, some), width);
-    }
-    return text;
 }
 
 /// One map of an object: what stands above it, and the number of its first element.
@@ -179,6 +165,18 @@ std::vector<std::string> pointTexts(const a2l::ObjectContent& content, std::size
     return texts;
 }
 
+std::string lineTable(std::string_view label, std::span<const std::string> heads,
+                      std::span<const std::string> values) {
+    const std::size_t width = widest(values, widest(heads, 0));
+    std::string text;
+    for (std::size_t i = 0; i < values.size(); i += kNumbersPerLine) {
+        const std::size_t some = std::min(kNumbersPerLine, values.size() - i);
+        appendRow(text, std::string(label), 1, heads.subspan(i, some), width);
+        appendRow(text, "", 1, values.subspan(i, some), width);
+    }
+    return text;
+}
+
 std::string axisLines(const a2l::ObjectContent& content) {
     std::string text;
     for (std::size_t i = 0; hasAxes(content.placed) && i < content.placed.axes().size(); ++i) {
@@ -194,7 +192,10 @@ std::string axisLines(const a2l::ObjectContent& content) {
 std::string objectTable(const a2l::ObjectContent& content, value::NumberStyle style,
                         const Decorate& decorate) {
     std::string text = axisLines(content);
-    if (content.placed.dimensions().size() == 1) return text + lineTable(content, style);
+    if (content.placed.dimensions().size() == 1) {
+        return text + lineTable(hasAxes(content.placed) ? "x" : "", pointTexts(content, 0, style),
+                                valueTexts(content, 0, content.placed.elementCount(), style));
+    }
     for (const Page& page : pagesOf(content, style))
         text += pageTable(content, page, style, decorate);
     return text;

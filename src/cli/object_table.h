@@ -28,6 +28,10 @@ std::string shownText(const value::Element& element, const value::Value& physica
 std::vector<std::string> pointTexts(const a2l::ObjectContent& content, std::size_t dimension,
                                     value::NumberStyle style);
 
+/// Numbers side by side, ten to a line, below their heads; `label` stands before those.
+std::string lineTable(std::string_view label, std::span<const std::string> heads,
+                      std::span<const std::string> values);
+
 /// A line for each axis, indented: "  x: engine_speed (rpm), shared cal_speed_axis".
 std::string axisLines(const a2l::ObjectContent& content);
 

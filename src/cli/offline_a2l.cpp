@@ -9,8 +9,12 @@
 
 namespace lm::cli {
 
+const session::SessionConfig& configOf(const Workplace& place) {
+    return place.session != nullptr ? place.session->config() : place.config;
+}
+
 std::optional<a2l::Description> loadA2l(Workplace& place) {
-    const std::filesystem::path& file = place.config.a2l;
+    const std::filesystem::path& file = configOf(place).a2l;
     if (file.empty()) {
         place.results.fail("session", session::noA2lConfigured());
         return std::nullopt;

@@ -11,6 +11,9 @@
 
 namespace lm::cli {
 
+/// The session's, when there is one.
+const session::SessionConfig& configOf(const Workplace& place);
+
 /// The configured A2L, with its warnings logged. None when an error was told or a stop was requested.
 std::optional<a2l::Description> loadA2l(Workplace& place);
 

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "cli/described_daq.h"
+#include "cli/described_memory.h"
 #include "cli/offline_a2l.h"
 #include "core/printable_text.h"
 #include "session/transport_choice.h"
@@ -81,6 +82,7 @@ class OfflineReport final : public IReport {
     void print(Output& output) const override {
         std::string lines = header() + protocol() + transports();
         if (xcp_.daq) lines += describedDaqLines(*xcp_.daq);
+        lines += describedMemoryLines(description_.parameters, xcp_.pag);
         lines +=
             line("objects", fmt::format("{} measurement(s), {} parameter(s), {} axis object(s), {} "
                                         "conversion(s)",
@@ -109,6 +111,7 @@ class OfflineReport final : public IReport {
         writeTransports(json);
         json.endObject();
         if (xcp_.daq) writeDescribedDaq(json, *xcp_.daq);
+        writeDescribedMemory(json, description_.parameters, xcp_.pag);
     }
 
   private:

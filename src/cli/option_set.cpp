@@ -5,6 +5,7 @@
 #include <optional>
 
 #include <CLI/App.hpp>
+#include <CLI/Error.hpp>
 #include <CLI/Option.hpp>
 #include <CLI/Validators.hpp>
 
@@ -90,6 +91,12 @@ AddedOption OptionSet::addWords(const char* names, const std::function<void(std:
 
 void OptionSet::addFlag(const char* names, bool& target, const char* help) {
     app_.add_flag(names, target, help);
+}
+
+void OptionSet::requireWhen(const char* name, const std::function<bool()>& isMissing) {
+    app_.parse_complete_callback([name = std::string(name), isMissing] {
+        if (isMissing()) throw CLI::RequiredError(name);
+    });
 }
 
 }  // namespace lm::cli

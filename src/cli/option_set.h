@@ -58,6 +58,8 @@ class OptionSet {
     AddedOption addWords(const char* names, const std::function<void(std::vector<std::string>)>& take,
                          const char* help);
     void addFlag(const char* names, bool& target, const char* help);
+    /// Asked once all is parsed: then an option that is not required in itself is missing. One of them.
+    void requireWhen(const char* name, const std::function<bool()>& isMissing);
 
   private:
     CLI::App& app_;

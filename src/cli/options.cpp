@@ -61,11 +61,26 @@ void addProgramOptions(OptionSet& set, Options& options) {
             "Send CONNECT again and again until so many seconds have passed")
         .checkNumber(isDuration, "a number of seconds from 0");
     set.add("--reconnect", options.reconnect, "abort | retry | retry_forever");
+    set.addFlag("--ignore-identity", options.ignoreIdentity,
+                "Go on with an ECU whose EPK is not that of the A2L: write to it, too");
     set.addFlag("-v,--verbose", options.verbose, "Log details");
 }
 
 void addExact(OptionSet& command, bool& exact) {
     command.addFlag("--exact", exact, "Numbers with all their digits, whatever the display format");
+}
+
+void addFailOnIdentity(OptionSet& command, std::vector<std::string>& failOn) {
+    command
+        .add("--fail-on", failOn,
+             "identity: exit code 3 when the ECU's EPK is not that of the A2L, or a write could not know")
+        .oneEach(',')
+        .oneOf({"identity"});
+}
+
+int withIdentity(int exitCode, const std::vector<std::string>& failOn, bool warned) {
+    const bool fails = std::find(failOn.begin(), failOn.end(), "identity") != failOn.end();
+    return exitCode == 0 && fails && warned ? 3 : exitCode;
 }
 
 value::NumberStyle numberStyle(const session::SessionConfig& config) {

@@ -30,13 +30,20 @@ struct Options {
     bool noShortUpload = false;
     std::optional<double> connectTimeout;  ///< seconds
     std::optional<std::string> reconnect;
+    bool ignoreIdentity = false;
     bool verbose = false;
 };
 
 void addProgramOptions(OptionSet& set, Options& options);
 
 // Options that several commands have.
+inline constexpr const char* kDirectoriesHelp =
+    "Recording directory; several, or a folder of recordings, are read as one";
 void addExact(OptionSet& command, bool& exact);
+/// --fail-on identity.
+void addFailOnIdentity(OptionSet& command, std::vector<std::string>& failOn);
+/// 3 instead of 0 when that was given and the session warned of it.
+int withIdentity(int exitCode, const std::vector<std::string>& failOn, bool warned);
 value::NumberStyle numberStyle(const session::SessionConfig& config);
 /// -t; refuses what is no number of seconds from 0.
 void addDuration(OptionSet& command, double& seconds, const char* help);

@@ -17,6 +17,7 @@
 #include "storage/read/gap_finder.h"
 #include "storage/read/pyramid_reader.h"
 #include "storage/read/signal_selection.h"
+#include "storage/write/part_keeper.h"
 #include "value/conversion.h"
 
 namespace lm::cli {
@@ -26,12 +27,11 @@ using storage::GroupReader;
 using storage::RecordingInfo;
 using storage::SignalInfo;
 
-Result<std::vector<SignalRange>> extremesFromLevels(const GroupReader& group,
-                                                    const std::filesystem::path& directory) {
+Result<std::vector<SignalRange>> extremesFromLevels(const GroupReader& group) {
     const std::vector<SignalInfo>& signals = group.info().signals;
     std::vector<std::size_t> all(signals.size());
     std::iota(all.begin(), all.end(), 0U);
-    auto extremes = storage::PyramidReader(directory, group).extremes(group.all(), all);
+    auto extremes = storage::PyramidReader(group).extremes(group.all(), all);
     if (!extremes) return extremes.error();
     std::vector<SignalRange> shown(signals.size());
     for (std::size_t i = 0; i < signals.size(); ++i) {
@@ -71,33 +71,20 @@ Result<GroupOverview> openGroup(const storage::RecordingReader& recording, std::
 }
 
 /// What is behind the counts of a group, as far as it can be read.
-Result<void> lookInto(GroupOverview& group, const std::filesystem::path& directory,
-                      value::NumberStyle style) {
+Result<void> lookInto(GroupOverview& group, value::NumberStyle style) {
     if (group.reader.info().cycleNs > 0) {
-        auto gaps = storage::findGaps(directory, group.reader);
+        auto gaps = storage::findGaps(group.reader);
         if (!gaps) return gaps.error();
         group.gaps = gaps.value();
     }
     auto ranges = style == value::NumberStyle::exact ? extremesFromRecords(group.reader)
-                                                     : extremesFromLevels(group.reader, directory);
+                                                     : extremesFromLevels(group.reader);
     if (!ranges) return ranges.error();
     group.ranges = std::move(ranges).value();
     return {};
 }
 
 }  // namespace
-
-std::uint64_t directorySize(const std::filesystem::path& directory) {
-    std::uint64_t size = 0;
-    std::error_code failure;
-    for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
-         entry.increment(failure)) {
-        std::error_code unknown;
-        const std::uint64_t bytes = entry->is_regular_file(unknown) ? entry->file_size(unknown) : 0;
-        if (!unknown) size += bytes;
-    }
-    return size;
-}
 
 std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
     return fmt::format("{:.3f} s", secondsBetween(info.startHostNs, timeNs));
@@ -129,10 +116,13 @@ RecordingOverview overviewOf(const storage::RecordingReader& recording, value::N
         overview.beingWritten = overview.beingWritten || group.reader.isBeingWritten();
         overview.groups.push_back(std::move(group));
     }
-    overview.bytes = directorySize(recording.directory());
-    overview.events = storage::readEvents(recording.directory(), recording.info());
+    overview.bytes = storage::directoryBytes(recording.directory());
+    for (const storage::RecordingPart& part : recording.more())
+        overview.bytes += storage::directoryBytes(part.directory);
+    overview.events = recording.events();
+    overview.breaks = storage::findBreaks(recording);
     for (GroupOverview& group : overview.groups) {
-        if (auto looked = lookInto(group, recording.directory(), style); !looked) fail(looked.error());
+        if (auto looked = lookInto(group, style); !looked) fail(looked.error());
     }
     return overview;
 }

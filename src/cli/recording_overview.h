@@ -16,6 +16,7 @@
 #include "core/result.h"
 #include "storage/format/recording_events.h"
 #include "storage/read/gap_finder.h"
+#include "storage/read/recording_parts.h"
 #include "storage/read/recording_reader.h"
 #include "value/value_text.h"
 
@@ -50,10 +51,8 @@ struct RecordingOverview {
     bool beingWritten = false;
     std::uint64_t bytes = 0;
     storage::RecordingEvents events = {};
+    std::vector<storage::PartBreak> breaks = {};  ///< of several recordings
 };
-
-/// Bytes of the files in a directory, of those that can be asked.
-std::uint64_t directorySize(const std::filesystem::path& directory);
 
 /// What cannot be read goes to `fail`; the rest is there all the same. With exact numbers the extremes come
 /// from the records, all of which are read: the summary levels round.

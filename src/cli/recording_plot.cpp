@@ -71,7 +71,7 @@ Result<void> plotSignal(const RecordingReader& recording, const SignalPlace& pla
                         const std::vector<storage::Outage>& outages, const PlotStyle& style, Output& output) {
     auto group = recording.openGroup(place.group);
     if (!group) return group.error();
-    storage::SignalSeries signal(recording.directory(), group.value(), place.signal, outages);
+    storage::SignalSeries signal(group.value(), place.signal, outages);
     const std::string& unit = signal.info().conversion->unit();
     output.append(printableText(signal.info().name + (unit.empty() ? "" : " (" + unit + ")") + ", " +
                                 group.value().info().name));
@@ -124,7 +124,7 @@ int plotSignals(const RecordingReader& recording, const PlotOptions& options, co
         printError("recording", times.error());
         return 1;
     }
-    const storage::RecordingEvents events = storage::readEvents(recording.directory(), recording.info());
+    const storage::RecordingEvents events = recording.events();
     if (!events.trouble.empty()) {
         printMessage("outages not known: " + printableText(events.trouble) + "\n");
     }

@@ -104,6 +104,11 @@ void printOutages(const storage::RecordingEvents& events, const RecordingInfo& i
     if (shown < events.outages.size()) {
         output.append(fmt::format("  and {} more\n", events.outages.size() - shown));
     }
+    for (std::size_t i = 0; i < std::min(events.ecuChanges.size(), kMostShown); ++i) {
+        const storage::EcuChange& change = events.ecuChanges[i];
+        output.append(fmt::format("  at {:.3f} s: {}\n", secondsBetween(info.startHostNs, change.timeNs),
+                                  printableText(change.text)));
+    }
 }
 
 /// How far UTC and the clock of the timestamps have moved apart since the start.
@@ -118,10 +123,64 @@ void printClocks(const storage::RecordingEvents& events, const RecordingInfo& in
                               moved, secondsText(last.hostNs, info)));
 }
 
+/// Times of day are those of the recording host.
+void printClockSteps(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+    for (const storage::ClockStep& step : events.steps) {
+        output.append(fmt::format("clock set      by {:+.3f} s at {}\n", static_cast<double>(step.byNs) / 1e9,
+                                  secondsText(step.after.hostNs, info)));
+    }
+}
+
+/// What ran in the ECU, and what was no longer the same after a reconnection.
+void printEcuNotes(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+    const storage::EcuNote* before = nullptr;
+    for (const storage::EcuNote& note : events.ecus) {
+        const bool sameSums =
+            before != nullptr && std::equal(before->sums.begin(), before->sums.end(), note.sums.begin(),
+                                            note.sums.end(), [](const auto& a, const auto& b) {
+                                                return a.segment == b.segment && a.sums == b.sums;
+                                            });
+        if (before != nullptr && sameSums && before->epk == note.epk && note.trouble.empty()) continue;
+        before = &note;
+        std::string text = note.epk.empty() ? "" : ", EPK \"" + note.epk + "\"";
+        for (const storage::EcuNote::Sum& sum : note.sums)
+            text += fmt::format(", segment {}{} {}", sum.segment,
+                                sum.page ? fmt::format(" page {}", *sum.page) : "", sum.sums);
+        if (!note.trouble.empty()) text += ", not all known: " + note.trouble;
+        output.append("ECU ran        " +
+                      printableText(fmt::format("at {}{}", secondsText(note.timeNs, info), text)) + "\n");
+    }
+}
+
+void printParts(const RecordingOverview& overview, Output& output) {
+    const auto& more = overview.recording.more();
+    if (!more.empty()) {
+        output.append(printableText(fmt::format("recordings     {}, from {} to {}", more.size() + 1,
+                                                overview.recording.directory().filename().string(),
+                                                more.back().directory.filename().string())) +
+                      "\n");
+    } else if (const auto& part = overview.recording.info().part) {
+        const auto& end = overview.events.end;
+        output.append(printableText(fmt::format("part           {}{}{}", part->number,
+                                                part->previous.empty() ? "" : ", after " + part->previous,
+                                                end ? ", before " + end->next : "")) +
+                      "\n");
+    }
+    for (const storage::PartBreak& found : overview.breaks)
+        output.append("  " + printableText(found.text) + "\n");
+}
+
+std::string_view clockName(storage::GroupInfo::Clock clock) {
+    return clock == storage::GroupInfo::Clock::ecu ? "timestamps of the ECU, laid on the host's clock"
+                                                   : "the host's, when a record came";
+}
+
 void printGroup(const GroupOverview& group, const RecordingInfo& info, Output& output) {
     const std::int64_t cycle = group.reader.info().cycleNs;
     output.append(fmt::format("group {:<8} {}, {}\n", group.reader.number(),
                               printableText(group.reader.info().name), cycleText(cycle)));
+    if (const auto clock = group.reader.info().clock)
+        output.append(fmt::format("  times        {}\n", clockName(*clock)));
     printCounts(group.reader, group.span, info, output);
     if (cycle <= 0) {
         output.append("  gaps         not known, no cycle says when the next record is due\n");
@@ -138,10 +197,17 @@ void printHead(const RecordingOverview& overview, Output& output) {
     const std::string source = info.source.empty() ? "" : " (" + info.source + ")";
     output.append("ECU            " + printableText(info.ecu + source) + "\n");
     output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
+    printParts(overview, output);
     output.append(fmt::format("duration       {:.3f} s\n", secondsOf(overview.span)));
     output.append("size           " + formatSize(overview.bytes) + "\n");
     printOutages(overview.events, info, overview.span, output);
     printClocks(overview.events, info, output);
+    printClockSteps(overview.events, info, output);
+    printEcuNotes(overview.events, info, output);
+    if (!info.a2lName.empty())
+        output.append("A2L            " + printableText(info.a2lName) +
+                      (info.a2lSha256.empty() ? "" : ", SHA-256 " + info.a2lSha256) + "\n");
+    if (!info.commandLine.empty()) output.append("command        " + commandText(info.commandLine) + "\n");
 }
 
 /// Wraps rather than overflows: times of damaged files are any number.
@@ -162,6 +228,64 @@ void writeEvents(JsonWriter& json, const storage::RecordingEvents& events, const
         json.member("recovered", outage.recovered);
         json.member("reason", outage.reason);
         json.member("outcome", outage.outcome);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("ecuChanges").beginArray();
+    for (const storage::EcuChange& change : events.ecuChanges) {
+        json.beginObject();
+        json.member("atNs", sinceStart(change.timeNs, info));
+        json.member("what", change.what);
+        json.member("text", change.text);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+/// What ran, and how the clocks went.
+void writeWhatRan(JsonWriter& json, const RecordingOverview& overview) {
+    const RecordingInfo& info = overview.recording.info();
+    json.member("a2lName", info.a2lName);
+    json.member("a2lSha256", info.a2lSha256);
+    json.listMember("commandLine", info.commandLine);
+    json.key("clockSteps").beginArray();
+    for (const storage::ClockStep& step : overview.events.steps) {
+        json.beginObject();
+        json.member("atNs", sinceStart(step.after.hostNs, info));
+        json.member("byNs", step.byNs);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("ecuRan").beginArray();
+    for (const storage::EcuNote& note : overview.events.ecus) {
+        json.beginObject();
+        json.member("atNs", sinceStart(note.timeNs, info));
+        json.member("epk", note.epk);
+        json.member("trouble", note.trouble);
+        json.key("checksums").beginArray();
+        for (const storage::EcuNote::Sum& sum : note.sums) {
+            json.beginObject();
+            json.member("segment", sum.segment);
+            json.member("sums", sum.sums);
+            json.endObject();
+        }
+        json.endArray();
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void writeParts(JsonWriter& json, const RecordingOverview& overview) {
+    json.key("recordings").beginArray();
+    json.value(overview.recording.directory().string());
+    for (const storage::RecordingPart& part : overview.recording.more())
+        json.value(part.directory.string());
+    json.endArray();
+    json.key("breaks").beginArray();
+    for (const storage::PartBreak& found : overview.breaks) {
+        json.beginObject();
+        json.member("text", found.text);
+        json.member("isLoss", found.isLoss);
         json.endObject();
     }
     json.endArray();
@@ -196,6 +320,8 @@ void writeGroup(JsonWriter& json, const GroupOverview& group, const RecordingInf
     json.member("group", group.reader.number());
     json.member("name", group.reader.info().name);
     json.member("cycleNs", group.reader.info().cycleNs);
+    if (const auto clock = group.reader.info().clock)
+        json.member("clock", *clock == storage::GroupInfo::Clock::ecu ? "ecu" : "host");
     json.member("records", group.reader.recordCount());
     if (!group.span.isEmpty()) {
         json.member("firstNs", sinceStart(group.span.firstNs, info));
@@ -244,6 +370,8 @@ void RecordingReport::write(JsonWriter& json) const {
     json.member("seconds", secondsOf(overview_.span));
     json.member("bytes", overview_.bytes);
     writeEvents(json, overview_.events, info);
+    writeWhatRan(json, overview_);
+    writeParts(json, overview_);
     json.key("groups").beginArray();
     for (const GroupOverview& group : overview_.groups)
         writeGroup(json, group, info);

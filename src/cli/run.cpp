@@ -50,7 +50,8 @@ int runInSession(const CommandLine& line, Workplace& place) {
     if (line.row->needs == Needs::connection) {
         if (auto opened = place.session->open(); !opened) {
             place.results.fail("connect", opened.error());
-            return 1;
+            line.command->notConnected(opened.error());
+            return opened.error().code == ErrorCode::timeout ? line.command->unansweredCode() : 1;
         }
     }
     return line.command->run(place);
@@ -58,9 +59,10 @@ int runInSession(const CommandLine& line, Workplace& place) {
 
 int runSession(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
-    auto created =
-        session::Session::create(std::move(place.config), {}, session::ChannelPool::ofThisMachine(),
-                                 stopToken(), line.command->sessionOptions());
+    session::SessionOptions sessionOptions = line.command->sessionOptions();
+    sessionOptions.ignoresIdentity = line.options.ignoreIdentity;
+    auto created = session::Session::create(
+        std::move(place.config), {}, session::ChannelPool::ofThisMachine(), stopToken(), sessionOptions);
     if (!created) {
         place.results.fail("session", created.error());
         return 1;

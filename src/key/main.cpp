@@ -9,11 +9,15 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <elf.h>
+#include <fstream>
+#include <optional>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -60,6 +64,59 @@ template <typename Function>
 Function find(void* library, const char* name) {
     // POSIX promises that the pointer of a function fits.
     return reinterpret_cast<Function>(::dlsym(library, name));  // NOLINT(*-reinterpret-cast)
+}
+
+std::string processorName(unsigned machine) {
+    switch (machine) {
+        case EM_386:
+            return "x86 of 32 bits";
+        case EM_X86_64:
+            return "x86-64";
+        case EM_ARM:
+            return "ARM of 32 bits";
+        case EM_AARCH64:
+            return "ARM of 64 bits (aarch64)";
+        case EM_PPC:
+            return "PowerPC";
+        case EM_PPC64:
+            return "PowerPC of 64 bits";
+        case EM_RISCV:
+            return "RISC-V";
+        default:
+            return "another processor (ELF machine " + std::to_string(machine) + ")";
+    }
+}
+
+/// The beginning of a file, as far as it tells what the file is for.
+std::string headOf(const char* path) {
+    std::string head(sizeof(Elf32_Ehdr), '\0');
+    std::ifstream file(path, std::ios::binary);
+    file.read(head.data(), static_cast<std::streamsize>(head.size()));
+    head.resize(static_cast<std::size_t>(file.gcount()));
+    return head;
+}
+
+/// Nothing when it is no ELF file.
+std::optional<unsigned> machineOf(const std::string& head) {
+    if (head.size() < sizeof(Elf32_Ehdr) || !head.starts_with(ELFMAG)) return std::nullopt;
+    constexpr std::size_t kAt = offsetof(Elf32_Ehdr, e_machine);  // the same in both classes
+    const bool bigEndian = head[EI_DATA] == ELFDATA2MSB;
+    const auto first = static_cast<std::uint8_t>(head[bigEndian ? kAt : kAt + 1]);
+    const auto second = static_cast<std::uint8_t>(head[bigEndian ? kAt + 1 : kAt]);
+    return static_cast<unsigned>(first << 8U | second);
+}
+
+/// The dynamic linker says of a library for another processor that there is no such file.
+std::string whyNotLoaded(const char* path, const std::string& told) {
+    const std::string head = headOf(path);
+    if (head.starts_with("MZ"))
+        return "it is a library for Windows; security.command can name a program that computes the key "
+               "instead";
+    const auto its = machineOf(head);
+    const auto own = machineOf(headOf("/proc/self/exe"));
+    if (!its || !own || *its == *own) return told;
+    return "it is for " + processorName(*its) + ", and this is " + processorName(*own) +
+           "; security.command can run it in an emulator (docs/seed-and-key.md)";
 }
 
 std::string reasonOf(std::uint32_t result) {
@@ -122,7 +179,7 @@ int main(int argc, char** argv) {
     const int output = ::dup(STDOUT_FILENO);
     if (output < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) fail("no descriptor for standard output");
     void* const library = ::dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) fail(::dlerror());
+    if (library == nullptr) fail(whyNotLoaded(argv[1], ::dlerror()));
 
     static Buffer key;
     key.fill(kGuard);

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/command_info.h"
-#include "cli/command_measure.h"
+#include "cli/measurement_counts.h"
 
 namespace lm::cli {
 namespace {

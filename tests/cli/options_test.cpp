@@ -101,7 +101,7 @@ TEST(Options, GlobalOptionsStandBeforeAndBehindTheSubcommand) {
     const auto line = parsed({"recording", "show", "-s", "a*", ".", "-s", "b", "--from", "-1.5"});
     const auto& show = as<RecordingShowCommand>(line);
     EXPECT_EQ(line.name, "recording show");
-    EXPECT_EQ(show.directory(), ".");
+    EXPECT_EQ(show.directories(), std::vector<std::string>{"."});
     EXPECT_EQ(show.options().signals, (std::vector<std::string>{"a*", "b"}));
     EXPECT_EQ(show.options().from, "-1.5");
 }
