@@ -7,6 +7,7 @@ import argparse
 import json
 import os
 import re
+import shutil
 import statistics
 import subprocess
 import sys
@@ -169,6 +170,38 @@ def bench_line_rate(table, tools, directory, duration=20):
         print(warning, file=sys.stderr)
 
 
+def bench_conditions(table, tools, directory, duration=8, rounds=3):
+    """What 50 assertions cost, and with them 10 triggers of which one records all as a take, beside a plain recording."""
+    model, names = line_rate_model(directory)
+    asserted = [part for i in range(50)
+                for part in ("--assert", f"s{i * 5}>=-40" if i % 5 else f"s{i}>=-40 && s{i + 1}<1e300")]
+    triggers = [part for i in range(10) for part in ("--start-when", f"s{i * 3}>1e299" if i else "s0>=-40")]
+
+    def measured(arguments):
+        slave = subprocess.Popen([tools.bin / "bare_slave", str(RATE), str(DATAGRAM)], stdout=subprocess.PIPE, text=True)
+        port = slave.stdout.readline().split()[1]
+        recording = tempfile.mkdtemp(dir=directory)
+        command = [tools.cli, "--a2l", model, "--udp", f"127.0.0.1:{port}", "measure", "-p", "0", "-t", duration, "-r",
+                   recording, *arguments] + [part for name in names for part in ("-s", name)]
+        tool = subprocess.Popen([str(part) for part in command], stderr=subprocess.PIPE, text=True)
+        said = tool.stderr.read()
+        _, status, usage = os.wait4(tool.pid, 0)
+        slave.terminate()
+        slave.wait()
+        shutil.rmtree(recording)
+        done = re.search(r"(\d+) records, lost ODTs (\d+).*recorded (\d+) \(dropped (\d+)\)", said)
+        records, lost, recorded, dropped = map(int, done.groups())
+        complete = records == recorded and lost == dropped == 0 and "measure:" not in said and status == 0
+        return (usage.ru_utime + usage.ru_stime) / records * 1e6, complete
+
+    runs = [[measured(arguments) for arguments in ([], asserted, asserted + triggers)] for _ in range(rounds)]
+    best = [min(run[i][0] for run in runs) for i in range(3)]
+    complete = all(one[1] for run in runs for one in run)
+    for name, ours in zip(("50 assertions", "50 assertions, 10 triggers, as a take"), best[1:]):
+        table.add(f"{RATE:,} datagrams/s, {name}", f"{ours:.2f} us a record", f"plain recording: {best[0]:.2f} us",
+                  f"{ours / best[0]:.3f}", "at most 1.1, none lost", ours / best[0] <= 1.1 and complete)
+
+
 def bench_values(table, tools):
     text = subprocess.run([tools.bin / "values", "--benchmark_min_time=0.05", f"--benchmark_repetitions={ROUNDS}",
                            "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
@@ -230,17 +263,18 @@ def bench_steady(table, tools, seconds):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--bin", type=Path, required=True, help="where the programs were built")
-    parser.add_argument("--only", help="list,start,receive,line,values,get,steady: some of them")
+    parser.add_argument("--only", help="list,start,receive,line,conditions,values,get,steady: some of them")
     parser.add_argument("--steady-seconds", type=int, default=600)
     tools = parser.parse_args()
     tools.bin = tools.bin.resolve()
     tools.cli = tools.bin / "xcplumo-cli"
-    wanted = (tools.only or "list,start,receive,line,values,get,steady").split(",")
+    wanted = (tools.only or "list,start,receive,line,conditions,values,get,steady").split(",")
     table = Table()
     with tempfile.TemporaryDirectory(prefix="bench-") as directory:
         steps = {"list": lambda: bench_list(table, tools, directory), "start": lambda: bench_start(table, tools),
                  "receive": lambda: bench_receive(table, tools),
-                 "line": lambda: bench_line_rate(table, tools, directory), "values": lambda: bench_values(table, tools),
+                 "line": lambda: bench_line_rate(table, tools, directory),
+                 "conditions": lambda: bench_conditions(table, tools, directory), "values": lambda: bench_values(table, tools),
                  "get": lambda: bench_get(table, tools, directory),
                  "steady": lambda: bench_steady(table, tools, tools.steady_seconds)}
         for name in wanted:

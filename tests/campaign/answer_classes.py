@@ -98,7 +98,10 @@ STATIC_COMMANDS = 12  # more than with dynamic lists: they are asked for
 # Seeds and keys of two packets each.
 LOCKED = ("--lock=cal,daq", "--seed-bytes=255")
 LOCKED_COMMANDS = 11
-CLASSES = (*AT_EACH, "synch odd", "overtaking", "start", "static", "locked")
+# The EPK is read before all else, and the pages at the end.
+IDENTITY = ("--epk=SIM 1.0", "--pages=2")
+IDENTITY_COMMANDS = 12
+CLASSES = (*AT_EACH, "synch odd", "overtaking", "start", "static", "locked", "identity")
 
 
 def cases(chosen, positions):
@@ -120,6 +123,11 @@ def cases(chosen, positions):
                     for number in range(1, sum(commands.values()) + LOCKED_COMMANDS + 1):
                         for fault in (lost, doubled, late, other):
                             yield from ((name, session, *LOCKED, *rules) for rules in fault(number))
+            elif name == "identity":
+                if session in ("get", "get by UPLOAD", "set"):
+                    for number in range(1, sum(commands.values()) + IDENTITY_COMMANDS + 1):
+                        for fault in (lost, doubled, late, other):
+                            yield from ((name, session, *IDENTITY, *rules) for rules in fault(number))
             elif name != "start":
                 for number in range(1, sum(commands.values()) + 1):
                     yield from ((name, session, *rules) for rules in AT_EACH[name](number))

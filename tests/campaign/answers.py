@@ -53,13 +53,13 @@ class Answers(campaign.Campaign):
     """One case: its class, a name of SESSIONS, then rules and options of the simulated ECU."""
 
     lock = threading.Lock()
-    a2l = memory = info = None  # of every case: the description, the memory at the start, what `info` tells
+    a2l = identity_a2l = memory = info = None  # of every case: the description, the memory at the start, what `info` tells
     heard = {}  # how often each command is heard in a session without faults
     figures = collections.defaultdict(collections.Counter)
     reported = collections.defaultdict(list)  # by place of the fault, of each case whether something was wrong
 
     def write_a2l(self, *options):
-        return Answers.a2l
+        return Answers.identity_a2l if self.kind == "identity" else Answers.a2l
 
     def count(self, **figures):
         with Answers.lock:
@@ -109,6 +109,8 @@ class Answers(campaign.Campaign):
     def judge(self, done):
         judge = {"info": self.judge_info, "set": self.judge_set, "measure": self.judge_measure}
         judge.get(self.session, self.judge_get)(done)
+        self.assertNotIn("the ECU runs", done.stderr)  # no answer is taken for the EPK
+        self.assertNotIn("XCP is on page 0", done.stderr)
         self.judge_memory(TARGETS if self.session == "set" else {})
         self.assertEqual(self.wrong, [], done.stderr)
         if self.must_succeed:
@@ -204,6 +206,8 @@ class Answers(campaign.Campaign):
 class FaultFree(Answers):
     """A session without faults; keeps what the others are compared with."""
 
+    kind = "none"
+
     def run_case(self, session):
         image = self.dir / "memory"
         sim = self.start_sim("--memory-file", image)
@@ -221,7 +225,9 @@ def positions():
     directory = tempfile.mkdtemp(prefix="xcplumo-")
     try:
         Answers.a2l = Path(directory) / "ecu.a2l"
-        harness.subprocess.run([harness.SIM, "--write-a2l", Answers.a2l], check=True)
+        Answers.identity_a2l = Path(directory) / "identity.a2l"
+        for path, options in ((Answers.a2l, ()), (Answers.identity_a2l, answer_classes.IDENTITY)):
+            harness.subprocess.run([harness.SIM, *options, "--write-a2l", path], check=True)
         yield {session: campaign.run(FaultFree, session) for session in SESSIONS}
     finally:
         shutil.rmtree(directory)

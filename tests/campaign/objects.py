@@ -310,13 +310,15 @@ class Objects(campaign.Campaign):
             for each in [index] if index is not None else list(thing.numbers):
                 wanted[Deeds(thing).name_of(each)] = thing.numbers[each], physical(thing.shape.method, thing.numbers[each])
             wanted[None] = [*wanted.get(None, []), "-s", (thing.name if index is None else Deeds(thing).name_of(index)) + "@0"]
-        done = self.run_cli(sim, "measure", "--json", "-t", 0.2, *wanted.pop(None, []))
+        # Into a file: the last lines wait a second for a reader, which this process with its threads may not be.
+        done = self.start_cli(sim, "measure", "--json", "-t", 0.2, *wanted.pop(None, []))
+        done.finish()
         shown = {}
-        for line in done.stdout.splitlines():
+        for line in done.out.splitlines():
             shown |= json.loads(line, parse_float=Fraction).get("values", {})
         bad = [(name, value, shown.get(name)) for name, value in wanted.items()
                if name not in shown or not same([shown[name]["raw"], shown[name]["physical"]], list(value))]
-        self.assertEqual((bad, shown.keys() - wanted.keys()), ([], set()), done.stderr)
+        self.assertEqual((bad, shown.keys() - wanted.keys()), ([], set()), done.err)
 
 
 def cases():

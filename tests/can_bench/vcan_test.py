@@ -65,6 +65,63 @@ class VcanCommandsTest(VcanCase):
         self.assertGreater(flood.sent, 1000)
 
 
+class VcanListIdsTest(VcanCase):
+    IDS = ["--daq-ids", "0x310,0x311,0x9FFF0312"]
+    OWN = {"0": "0x320", "1": "0x321", "2": "0x98FF0322"}
+
+    def test_values_with_an_identifier_for_each_list(self):
+        """However the identifiers become known, all values come, with those identifiers and no others."""
+        given, own = [0x310, 0x311, 0x9FFF0312], [0x320, 0x321, 0x98FF0322]
+        rows = [(self.IDS, {}, given), ([*self.IDS, "--daq-ids-variable"], {}, given),
+                ([*self.IDS, "--daq-ids-variable", "--byte-order", "motorola"], self.OWN, own),
+                ([*self.IDS, "--daq-ids-variable", "--static-lists", "9x7,9x7,9x7"], self.OWN, own)]
+        for options, wanted, ids in rows:
+            with self.subTest(options, wanted=wanted):
+                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.patient_config(can={"daqIds": wanted})])
+                listener = Listener(self, self.vcan, *given, *own)
+                self.check_recording(sim, self.start_measured(sim, SLOW, 1))
+                listener.end()
+                self.assertEqual(sorted({identifier for identifier, _, _ in listener.frames}), ids)
+                sim.kill()
+
+    def test_a_lost_ecu_gets_its_identifiers_again(self):
+        options = [*self.IDS, "--daq-ids-variable"]
+        for wanted in ({}, self.OWN):
+            with self.subTest(wanted=wanted):
+                config = self.quick_config(can={"daqIds": wanted}, reconnect={"policy": "retry_forever"})
+                sim = self.start_ecu(self.vcan, *options, reach=["-c", config])
+                program = self.start_cli(sim, *record(self.dir / f"lost{len(wanted)}", ["counter_10ms@1", "throttle@1"], every=1))
+                program.wait_for_out("counter_10ms", 3)
+                sim.kill()
+                program.wait_for_err("** reconnecting: connection lost")
+                sim = self.start_ecu(self.vcan, *options)
+                program.wait_for_err("** measuring: reconnected")
+                program.wait_for_out("counter_10ms", program.out.count("\n") + 3)
+                program.signal(signal.SIGINT)
+                self.assertEqual(program.finish(), 0, program.err)
+                sim.kill()
+
+    def test_identifiers_that_cannot_be(self):
+        rows = [(self.IDS, {"1": "0x320"}, "session: can.daqIds: the A2L fixes CAN-ID 0x311 for DAQ list 1\n"),
+                ([], {"0": "0x7E0"}, "session: can.daqIds: DAQ list 0: CAN-ID 0x7E0 is that of commands\n"),
+                ([], {"0": 2048}, "session: can.daqIds: DAQ list 0: CAN-ID 0x800: CAN identifier out of range"),
+                ([], {"first": 1}, "configuration: can.daqIds.first: the key is not the number of a DAQ list"),
+                ([], {"0": "0x320"}, "SET_DAQ_ID 0x320 for DAQ list 0: TRANSPORT_LAYER_CMD: ERR_CMD_UNKNOWN (0x20)\n"
+                 "hint: without the key \"0\" under \"can.daqIds\"")]
+        for options, wanted, message in rows:
+            with self.subTest(message):
+                sim = self.start_ecu(self.vcan, *options, reach=["-c", self.patient_config(can={"daqIds": wanted})])
+                done = self.run_cli(sim, "measure", "-t", 1, "-s", "counter_10ms@1", "-s", "throttle@1")
+                self.assertIn(message, done.stderr)
+                self.assertEqual((done.stdout, done.returncode), ("", 1))
+                sim.kill()
+
+    def test_info_shows_them(self):
+        sim = self.start_ecu(self.vcan, *self.IDS, "--daq-ids-variable", "--static-daq",
+                             reach=["-c", self.patient_config()])
+        self.assertIn("  list 2    on CAN-ID 0x9FFF0312, by the ECU\n", self.run_cli(sim, "info").stdout)
+
+
 class VcanTroubleTest(VcanCase):
     def test_drops_of_the_kernel_are_counted(self):
         """A program that sleeps while 50,000 frames pass: what is missing in the recording is told, to the frame."""

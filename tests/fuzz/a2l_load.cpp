@@ -147,9 +147,9 @@ void useDependencies(const a2l::Description& description) {
     for (std::size_t i = 0; i < std::min(kFew, description.dependencies.size()); ++i) {
         const a2l::Dependency& dependency = description.dependencies[i];
         const auto sources = description.sources(dependency);
-        const std::vector<double> ones(sources.size(), 1.0);
-        const auto value = a2l::evaluate(description, dependency, ones);
-        if (!value) require(value.error().text().starts_with(dependency.name), "the error names the object");
+        const auto formula = a2l::formulaOf(description, dependency);
+        if (!formula)
+            require(formula.error().text().starts_with(dependency.name), "the error names the object");
         const auto order = a2l::dependentsOf(description, sources);
         if (!order) continue;
         std::set<std::string_view> open;

@@ -31,9 +31,8 @@ void checkSearch(const storage::GroupReader& reader, const PlainRecords& plain, 
 }
 
 /// A step of 16 cycles makes any block long; one of 1.5 cycles may hide behind records that came early.
-void checkGaps(const fs::path& directory, const storage::GroupReader& reader, const PlainRecords& plain,
-               bool sound) {
-    auto found = storage::findGaps(directory, reader);
+void checkGaps(const storage::GroupReader& reader, const PlainRecords& plain, bool sound) {
+    auto found = storage::findGaps(reader);
     require(found.ok(), "a search for gaps ends");
     const storage::Gaps& gaps = found.value();
     constexpr std::int64_t kFarNs = std::int64_t{1} << 61U;
@@ -67,12 +66,12 @@ storage::ValueRange plainRange(const storage::SignalInfo& signal, const PlainRec
     return range;
 }
 
-void checkExtremes(const fs::path& directory, const storage::GroupReader& reader, const PlainRecords& plain,
+void checkExtremes(const storage::GroupReader& reader, const PlainRecords& plain,
                    storage::RecordRange records, bool sound) {
     const auto& signals = reader.info().signals;
     std::vector<std::size_t> places(std::min<std::size_t>(signals.size(), 4));
     std::iota(places.begin(), places.end(), 0);
-    auto found = storage::PyramidReader(directory, reader).extremes(records, places);
+    auto found = storage::PyramidReader(reader).extremes(records, places);
     require(found.ok() && found.value().size() == places.size(), "extremes are found");
     for (std::size_t i = 0; sound && i < places.size(); ++i) {
         const storage::ValueRange& range = found.value()[i];
@@ -153,8 +152,8 @@ void checkReading(const fs::path& directory, const storage::GroupReader& reader,
     // One nanosecond beside a record, too.
     const std::int64_t beside = input.take<std::uint8_t>() & 1;
     checkSearch(reader, plain, {plain.times[from] ^ beside, plain.times[end] ^ beside}, sound);
-    checkGaps(directory, reader, plain, sound);
-    checkExtremes(directory, reader, plain, {std::min(from, end), std::max(from, end) + 1}, sound);
+    checkGaps(reader, plain, sound);
+    checkExtremes(reader, plain, {std::min(from, end), std::max(from, end) + 1}, sound);
 }
 
 void checkExport(const storage::RecordingReader& recording, const fs::path& to, Input& input) {

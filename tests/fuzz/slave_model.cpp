@@ -10,7 +10,9 @@ SlaveModel::SlaveModel(Input& input, test::VirtualClock& clock) : input_(input),
     slave_.granularity = std::size_t{1} << ((shape >> 1U & 0x03U) % 3U);
     slave_.synchClearsPointers = (shape & 0x06U) == 0x06U;
     slave_.maxCto = static_cast<std::uint8_t>(8 + 4 * (shape >> 3U));
-    slave_.maxDto = static_cast<std::uint16_t>(8 + 4 * input.take<std::uint8_t>());
+    const auto dto = input.take<std::uint8_t>();
+    slave_.maxDto = static_cast<std::uint16_t>(8 + 4 * dto);
+    slave_.blocks = (dto & 0x01U) != 0;
 }
 
 Result<void> SlaveModel::send(const std::uint8_t* data, std::size_t length) {
@@ -19,12 +21,22 @@ Result<void> SlaveModel::send(const std::uint8_t* data, std::size_t length) {
     const auto kind = static_cast<std::uint8_t>(input_.take<std::uint8_t>() & 0x0FU);
     const bool synch = data[0] == static_cast<std::uint8_t>(xcp::Command::synch);
     const bool connect = data[0] == static_cast<std::uint8_t>(xcp::Command::connect);
-    honest_ = honest_ && (!connect || clock_.nowNs() >= connectAnsweredNs_);
+    honest_ = honest_ && (!connect || clock_.idle() || clock_.nowNs() > connectAnsweredNs_);
     complete_ = complete_ && (!connect || clock_.idle());
     complete_ = complete_ && (kind < 6 || kind == 7 || (kind == 8 && !synch) || kind == 14);
+    doubled_ = doubled_ || kind == 8;
     if (kind == 15) return Error{ErrorCode::ioError, "send fails"};
     if (kind == 5) answerIn(10 * input_.take<std::uint8_t>(), {});
-    disturb(kind, slave_.answer({data, length}));
+    const Bytes answer = slave_.answer({data, length});
+    const std::vector<Bytes> more = slave_.more;
+    // A packet of a block that is not the last has none.
+    if (!answer.empty()) disturb(kind, answer);
+    for (const Bytes& part : more) {
+        const auto partKind = static_cast<std::uint8_t>(input_.take<std::uint8_t>() & 0x0FU);
+        complete_ = complete_ && (partKind < 6 || partKind == 7 || partKind == 8 || partKind == 14);
+        doubled_ = doubled_ || partKind == 8;
+        disturb(partKind, part);
+    }
     if (connect && !clock_.idle()) connectAnsweredNs_ = clock_.lastNs();
     return {};
 }
@@ -57,6 +69,8 @@ void SlaveModel::deliver(const Bytes& packet) {
 void SlaveModel::answerIn(std::int64_t milliseconds, const Bytes& packet) {
     if (milliseconds == 0 && clock_.idle()) return deliver(packet);
     const std::int64_t due = std::max(clock_.nowNs() + milliseconds * 1'000'000, clock_.lastNs());
+    stoodStill_ = stoodStill_ || due - clock_.lastNs() > kT1 * 1'000'000;
+    complete_ = complete_ && !(doubled_ && stoodStill_);
     clock_.at(due, [this, packet] { deliver(packet); });
 }
 

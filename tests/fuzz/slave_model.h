@@ -15,6 +15,8 @@
 
 namespace lm::fuzz {
 
+constexpr std::int64_t kT1 = 100;  ///< milliseconds, of the master too
+
 class SlaveModel final : public xcp::ITransport {
   public:
     SlaveModel(Input& input, test::VirtualClock& clock);
@@ -36,7 +38,8 @@ class SlaveModel final : public xcp::ITransport {
     /// was under way at the next one: no one can tell the two apart.
     bool honest() const { return honest_; }
     /// Every answer so far was the right one, in order, however late; those to SYNCH once,
-    /// others at least once; and none was under way at a CONNECT.
+    /// others at least once; and none was under way at a CONNECT. Nor did it stand still for t1 beside
+    /// answers that came twice: no one can tell such copies from answers.
     bool complete() const { return complete_; }
 
   private:
@@ -51,6 +54,8 @@ class SlaveModel final : public xcp::ITransport {
     test::ModelSlave slave_;
     bool honest_ = true;
     bool complete_ = true;
+    bool doubled_ = false;
+    bool stoodStill_ = false;
     std::int64_t connectAnsweredNs_ = 0;
     std::uint64_t packets_ = 0;
 };

@@ -2,19 +2,19 @@
 // bounded time, with a value or an error. As long as the slave answers rightly, though late or not at all, no
 // answer passes for another command's; nor when it answers late or several times, where the steps are
 // confirmed.
+#include <algorithm>
 #include <array>
 #include <span>
 #include <vector>
 
 #include "fuzz_input.h"
 #include "slave_model.h"
+#include "xcp/connect_overrides.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/master.h"
 
 namespace lm::fuzz {
 namespace {
-
-constexpr std::int64_t kT1 = 100;
 
 struct Listener final : xcp::IMasterListener {
     void onEvent(std::uint8_t, const std::uint8_t*, std::size_t length, xcp::ReceiveTime) override {
@@ -85,7 +85,7 @@ class Run {
             [](Run& run) { run.end(run.master_.connect()); },
             [](Run& run) { run.end(run.master_.getStatus()); },
             [](Run& run) { run.end(run.master_.getCommModeInfo()); },
-            [](Run& run) { run.upload(); },
+            [](Run& run) { run.upload(); },  // with blocks by bit 4, the next three too
             [](Run& run) { run.uploadInStep({0}); },
             [](Run& run) {
                 run.uploadInStep({0, 100, 200});
@@ -99,6 +99,11 @@ class Run {
             [](Run& run) { run.end(run.master_.stopDaqOnce()); },
             [](Run& run) { run.end(run.master_.disconnectWithoutWaiting()); },
             [](Run& run) { run.end(run.master_.disconnect()); }};
+        static constexpr std::array<Operation, 3> kRare = {[](Run& run) { run.measureInLists(); },
+                                                           [](Run& run) { run.modifyBits(); },
+                                                           [](Run& run) { run.overrule(); }};
+        if (operation >= 0xF0) return kRare[operation % kRare.size()](*this);
+        inBlocks_ = (operation & 0x10U) != 0;
         kOperations[operation % kOperations.size()](*this);
     }
 
@@ -107,12 +112,17 @@ class Run {
             require(bytes[i] == slave_.memory(address + static_cast<std::uint32_t>(i)), what);
     }
 
+    Result<Bytes> read(std::uint16_t address, std::size_t size) {
+        return inBlocks_ ? master_.uploadBlocks({address, 0}, size * 4) : master_.upload({address, 0}, size);
+    }
+    std::size_t asked(std::size_t size) const { return inBlocks_ ? size * 4 : size; }
+
     void upload() {
         const auto address = input_.take<std::uint16_t>();
         const std::size_t size = input_.take<std::uint8_t>();
-        const auto read = master_.upload({address, 0}, size);
+        const auto read = this->read(address, size);
         end(read);
-        if (read) requireRead(address, size, read.value(), slave_.honest());
+        if (read) requireRead(address, asked(size), read.value(), slave_.honest());
     }
 
     /// Uploads as one step, of sizes that differ by these from the one given: some fit an answer, some do
@@ -127,7 +137,7 @@ class Run {
         const auto step = [&]() -> Result<void> {
             all.clear();
             for (std::size_t i = 0; i < differences.size(); ++i)
-                all.push_back(master_.upload({address, 0}, sizeOf(i)));
+                all.push_back(read(address, sizeOf(i)));
             return {};
         };
         const auto sure = xcp::inStep(master_, step);
@@ -135,7 +145,8 @@ class Run {
         if (!sure) return;
         for (std::size_t i = 0; i < all.size(); ++i) {
             end(all[i]);
-            if (all[i]) requireRead(address, sizeOf(i), all[i].value(), slave_.honest() || slave_.complete());
+            if (all[i])
+                requireRead(address, asked(sizeOf(i)), all[i].value(), slave_.honest() || slave_.complete());
         }
     }
 
@@ -148,7 +159,8 @@ class Run {
     void download() {
         const auto address = input_.take<std::uint16_t>();
         const auto bytes = input_.takeBytes(input_.takeBelow(64));
-        const auto written = master_.download({address, 0}, bytes);
+        const auto written =
+            inBlocks_ ? master_.downloadBlocks({address, 0}, bytes) : master_.download({address, 0}, bytes);
         end(written);
         if (written && slave_.honest()) requireMemory(address, bytes, "what is confirmed is written");
     }
@@ -161,21 +173,70 @@ class Run {
         require(!slave_.complete() || events == 2, "the events that there are");
         // One that never answers the question is taken for one that does not know it.
         require(!slave_.honest() || events == 2 || events == 0, "all events that there are, or none");
+        measureWith(capabilities.value());
+    }
+
+    /// What the slave says of its static and predefined lists is planned with and configured.
+    void measureInLists() {
+        xcp::DaqCapabilities capabilities{
+            .dynamicConfiguration = input_.take<std::uint8_t>() % 4 == 0,
+            .maxDaq = input_.take<std::uint8_t>(),
+            .minDaq = static_cast<std::uint8_t>(input_.takeBelow(8)),
+            .identification = static_cast<xcp::DaqIdentification>(input_.takeBelow(4)),
+            .entryGranularity = 1,
+            .maxEntrySize = input_.take<std::uint8_t>(),
+            .timestampSize = static_cast<std::uint8_t>(input_.takeBelow(2) * 4)};
+        capabilities.timestampSupported = capabilities.timestampSize != 0;
+        const auto told = xcp::inStep(master_, [&] { return master_.askDaqLists(capabilities); });
+        end(told);
+        if (!told) return;
+        require(told.value() || capabilities.lists.empty(), "no lists of a slave that does not tell them");
+        measureWith(capabilities);
+    }
+
+    void modifyBits() {
+        const auto address = input_.take<std::uint16_t>();
+        const auto mask = input_.take<std::uint32_t>();
+        const auto bits = input_.take<std::uint32_t>() & mask;
+        end(master_.modifyBits({address, 0}, mask, bits));
+    }
+
+    /// Whatever length and content a response to CONNECT has.
+    void overrule() {
+        const auto choice = input_.take<std::uint8_t>();
+        xcp::ConnectOverrides overrides;
+        if ((choice & 1U) != 0) overrides.granularity = static_cast<std::uint8_t>(1U << (choice >> 6U) % 3);
+        if ((choice & 2U) != 0) overrides.byteOrder = ByteOrder::bigEndian;
+        if ((choice & 4U) != 0) overrides.maxDto = input_.take<std::uint16_t>();
+        const auto bytes = input_.takeBytes(input_.takeBelow(12));
+        xcp::Packet told;
+        std::copy(bytes.begin(), bytes.end(), told.bytes.begin());
+        told.length = static_cast<std::uint8_t>(bytes.size());
+        const auto counts = xcp::overruled(told, overrides);
+        require(counts.size() == told.size(), "a response keeps its length");
+        const auto read = xcp::overruled(counts, overrides);
+        require(read.bytes == counts.bytes, "what is overruled once stays");
+    }
+
+    void measureWith(const xcp::DaqCapabilities& capabilities) {
         std::vector<xcp::DaqSignal> signals;
         for (std::size_t i = input_.takeBelow(16); i > 0; --i) {
             signals.push_back({.address = {input_.take<std::uint8_t>(), 0},
                                .size = i % 2 == 0 ? 4U : 8U,
                                .eventChannel = static_cast<std::uint16_t>(i % 3 == 0 ? 1 : 0)});
         }
-        const auto plan = xcp::planDaq(signals, capabilities.value(),
+        const auto plan = xcp::planDaq(signals, capabilities,
                                        {.maxDto = master_.connectInfo().maxDto,
                                         .addressGranularity = master_.connectInfo().granularity()});
         if (!plan) return;
         const auto firstPids = xcp::inStep(master_, [&] { return master_.configureDaq(plan.value()); });
         end(firstPids);
         if (!firstPids) return;
+        const auto id = xcp::inStep(master_, [&] { return master_.askDaqId(0); });
+        end(id);
+        if (!id) return;
         Records records;
-        xcp::DaqDecoder decoder(plan.value(), capabilities.value(), firstPids.value());
+        xcp::DaqDecoder decoder(plan.value(), capabilities, firstPids.value());
         decoder.setSink(&records);
         master_.setDtoSink(&decoder);
         end(master_.startDaq());
@@ -186,6 +247,7 @@ class Run {
     }
 
     Input& input_;
+    bool inBlocks_ = false;
     Listener listener_;
     test::VirtualClock clock_;
     SlaveModel slave_;

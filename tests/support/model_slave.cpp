@@ -24,6 +24,26 @@ ModelSlave::Bytes ModelSlave::read(std::size_t elements) {
     return bytes;
 }
 
+ModelSlave::Bytes ModelSlave::readBlock(std::size_t elements) {
+    const std::size_t each = maxCto / granularity - 1;
+    Bytes first = read(std::min(elements, each));
+    for (std::size_t done = each; done < elements; done += each)
+        more.push_back(read(std::min(elements - done, each)));
+    return first;
+}
+
+ModelSlave::Bytes ModelSlave::write(std::span<const std::uint8_t> command) {
+    const std::size_t head = granularity == 4 ? 4 : 2;
+    const bool isNext = command[0] == static_cast<std::uint8_t>(xcp::Command::downloadNext);
+    const std::size_t elements = command.size() > 1 ? command[1] : 0;
+    if (isNext && elements != toCome_) return {xcp::kPidError, kSequence, static_cast<std::uint8_t>(toCome_)};
+    for (const std::uint8_t byte : command.subspan(std::min(head, command.size())))
+        written[mta_++] = byte;
+    const std::size_t here = (maxCto - head) / granularity;
+    toCome_ = blocks && elements > here ? elements - here : 0;
+    return toCome_ == 0 ? Bytes{kOk} : Bytes{};
+}
+
 /// Eight bytes, of which `value` takes the two at `place`.
 ModelSlave::Bytes ModelSlave::packet(Bytes bytes, std::size_t place, std::uint16_t value) const {
     bytes.resize(8);
@@ -58,10 +78,11 @@ ModelSlave::Bytes ModelSlave::answer(std::span<const std::uint8_t> command) {
         const std::array<std::uint8_t, 4> bytes = {at(i), at(i + 1), at(i + 2), at(i + 3)};
         return readBytes<std::uint32_t>(bytes.data(), order);
     };
+    more.clear();
     switch (static_cast<xcp::Command>(command[0])) {
         case xcp::Command::connect: {
             const auto mode = static_cast<std::uint8_t>((order == ByteOrder::bigEndian ? 1U : 0U) |
-                                                        (granularity / 2) << 1U);
+                                                        (granularity / 2) << 1U | (blocks ? 0xC0U : 0U));
             return packet({kOk, 0x05, mode, maxCto}, 4, maxDto);
         }
         case xcp::Command::synch:
@@ -78,12 +99,12 @@ ModelSlave::Bytes ModelSlave::answer(std::span<const std::uint8_t> command) {
             if (command[0] == static_cast<std::uint8_t>(xcp::Command::setMta)) return {kOk};
             return read(at(1));
         case xcp::Command::upload:
-            return read(at(1));
+            return blocks ? readBlock(at(1)) : read(at(1));
         case xcp::Command::download:
-            for (const std::uint8_t byte :
-                 command.subspan(std::min<std::size_t>(granularity == 4 ? 4 : 2, command.size())))
-                written[mta_++] = byte;
-            return {kOk};
+        case xcp::Command::downloadNext:
+            return write(command);
+        case xcp::Command::getCommModeInfo:
+            return {kOk, 0, static_cast<std::uint8_t>(blocks), 0, kMostPackets, 1, 0, 0};
         case xcp::Command::getStatus:
             return {kOk, static_cast<std::uint8_t>(running ? xcp::kStatusDaqRunning : 0), 0, 0, 0, 0};
         case xcp::Command::getDaqProcessorInfo:

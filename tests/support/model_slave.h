@@ -25,12 +25,14 @@ class ModelSlave {
 
     static constexpr std::string_view kEventName = "10 ms raster";
     static constexpr std::uint16_t kEvents = 2;
+    static constexpr std::uint8_t kMostPackets = 3;
 
     ByteOrder order = ByteOrder::littleEndian;
     std::size_t granularity = 1;
     std::uint8_t maxCto = 8;
     std::uint16_t maxDto = 8;
     bool synchClearsPointers = false;
+    bool blocks = false;  ///< block transfer both ways, writing in up to kMostPackets
     /// How SYNCH is answered; empty: not at all.
     Bytes synchAnswer = {xcp::kPidError, xcp::kErrCmdSynch};
 
@@ -45,9 +47,13 @@ class ModelSlave {
 
     /// Empty: no answer.
     Bytes answer(std::span<const std::uint8_t> command);
+    /// What else answers that command.
+    std::vector<Bytes> more;
 
   private:
     Bytes read(std::size_t elements);
+    Bytes readBlock(std::size_t elements);
+    Bytes write(std::span<const std::uint8_t> command);
     Bytes allocate(std::span<const std::uint8_t> command);
     std::uint16_t word(std::span<const std::uint8_t> command, std::size_t place) const {
         return place + 2 <= command.size() ? readBytes<std::uint16_t>(&command[place], order)
@@ -56,6 +62,7 @@ class ModelSlave {
     Bytes packet(Bytes bytes, std::size_t place, std::uint16_t value) const;
 
     std::uint32_t mta_ = 0;
+    std::size_t toCome_ = 0;  ///< elements by DOWNLOAD_NEXT
     bool mtaIsName_ = false;
     Entry pointer_ = {};
     std::vector<std::vector<unsigned>> lists_;  ///< entries of each ODT

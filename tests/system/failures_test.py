@@ -217,7 +217,7 @@ class FailuresTest(harness.SystemTest):
     def test_a_limit_on_file_sizes_is_a_full_disk(self):
         directory = self.dir / "rec"
         done = self.run_cli(self.start_sim(), *harness.record(directory, ["counter_1ms@0"], 0.4),
-                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (900, 900)))
+                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (3000, 3000)))
         self.assertIn(f"stop: write error in {directory}\n", done.stderr)
         self.assertEqual(done.returncode, 1)
 

@@ -152,7 +152,8 @@ class SystemTest(unittest.TestCase):
     def setUp(self):
         self.dir = Path(tempfile.mkdtemp(prefix="xcplumo-"))
         self.addCleanup(shutil.rmtree, self.dir, ignore_errors=True)
-        self.env = dict(os.environ, HOME=str(self.dir), XDG_CONFIG_HOME=str(self.dir / "config"))
+        self.env = dict(os.environ, HOME=str(self.dir), XDG_CONFIG_HOME=str(self.dir / "config"),
+                        XDG_STATE_HOME=str(self.dir / "state"))
 
     def start(self, arguments, **streams):
         program = Program([str(a) for a in arguments], self.dir, self.env, **streams)

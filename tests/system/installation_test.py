@@ -28,6 +28,7 @@ COMPLETED = [
     ("xcplumo-cli -c examples/demo.json measure --event c", "cyclic_1ms cyclic_10ms cyclic_100ms crank_tooth"),
     ("xcplumo-cli -c examples/demo.json list ignition_an", "ignition_angle"),
     ("xcplumo-cli export re", ":files"),
+    ("xcplumo-cli get --hex exa", ":files"),
 ]
 
 

@@ -1,5 +1,6 @@
 """--json: one object for each result that says what the text output says, a line for each record of a measurement."""
 import json
+import shlex
 import shutil
 import unittest
 
@@ -30,10 +31,13 @@ def list_text(told):
 def recording_text(told):
     text = (f"recording      {told['name']}\nECU            {told['ecu']} ({told['source']})\n"
             f"start          {told['start'][:23]}Z\nduration       {told['seconds']:.3f} s\n"
-            f"size           {told['bytes'] / 1000:.1f} kB\noutages        {told['outages'] or 'none'}\n")
+            f"size           {told['bytes'] / 1000:.1f} kB\noutages        {told['outages'] or 'none'}\n"
+            f"A2L            {told['a2lName']}, SHA-256 {told['a2lSha256']}\ncommand        {shlex.join(told['commandLine'])}\n")
+    clocks = {"ecu": "timestamps of the ECU, laid on the host's clock", "host": "the host's, when a record came"}
     for group in told["groups"]:
         first, last, count = group["firstNs"] / 1e9, group["lastNs"] / 1e9, group["records"]
         text += (f"group {group['group']:<8} {group['name']}, {group['cycleNs'] // 1000000} ms\n"
+                 f"  times        {clocks[group['clock']]}\n"
                  f"  records      {count}, {(count - 1) / (last - first):.1f}/s, from {first:.3f} s to {last:.3f} s\n"
                  f"  gaps         {group['gaps']['count'] or 'none'}\n")
         text += "".join(f"  {s['name']:<40} {s['type']:<13} {s['least']['text']:>12} {s['greatest']['text']:>12}\n"

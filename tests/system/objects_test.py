@@ -13,6 +13,7 @@ WRITES = (
     ("cal_ignition_map[2][3]=20.5", "cal_ignition_map", [*MAP[:2], [*MAP[2][:3], 20.5, *MAP[2][4:]], *MAP[3:]]),
     (f"cal_ignition_map={MAP}", "cal_ignition_map", MAP),
     ("cal_ignition_map[1][*]=[1,2,3,4,5,6,7,8]", "cal_ignition_map", [MAP[0], [*range(1, 9)], *MAP[2:]]),
+    ("cal_ignition_map[1]=[8,7,6,5,4,3,2,1]", "cal_ignition_map", [MAP[0], [*range(8, 0, -1)], *MAP[2:]]),
     ("cal_ignition_map=@map.csv", "cal_ignition_map", [[x + y for y in range(8)] for x in range(8)]),
     ("cal_torque_curve.x[1]=12", "cal_torque_curve[*]", TORQUE),
     ("cal_speed_axis[7]=7000", "cal_speed_axis", [*SPEEDS[:7], 7000]),
@@ -31,6 +32,10 @@ WRITES = (
 # What is refused, and with which words.
 REFUSED = (
     ("cal_ignition_map=1", "cal_ignition_map: '1' is no list of its 64 values"),
+    ("cal_ignition_map[1]=5", "cal_ignition_map[1]: '5' is no list of its 8 values"),
+    ("cal_*=0", "'cal_*' is a pattern: name one object to be written"),
+    ("cal_gain[0]=1", "cal_gain[0]: is a single value and has no index"),
+    ("cal_ignition_map[0]=[1 2 3 4 5 6 7 8]", "cal_ignition_map[0]: 8 values are needed, there are 1 (commas separate them)"),
     ("cal_ignition_map=[[1,2],[3]]", "cal_ignition_map[0]: 8 values are needed, there are 2"),
     ("cal_ignition_map=[1,2]", "cal_ignition_map[0]: a list of 8 values is needed"),
     ("cal_gains=[1,2,3,4,5,6,7]", "cal_gains: 6 values are needed, there are more"),
@@ -48,7 +53,7 @@ REFUSED = (
     ("cal_torque_curve.x[1]=90", "cal_torque_curve.x[2]: 20 after 90.19607843137256 breaks STRICT_INCREASE"),
     ("cal_ignition_map.x[1]=1", "cal_ignition_map.x: its points are those of AXIS_PTS 'cal_speed_axis': set them there"),
     ("cal_fan_curve.x[1]=1", "cal_fan_curve.x: its points are computed and cannot be set"),
-    ("cal_fan_curve.y[1]=1", "cal_fan_curve.y[1]: cal_fan_curve has 1 axes"),
+    ("cal_fan_curve.y[1]=1", "cal_fan_curve.y[1]: cal_fan_curve has 1 axis"),
     ("cal_vin=123456789012345678901", "cal_vin: the text takes 21 bytes, there is room for 20"),
     ("program_version=x", "program_version is not writable"),
     ("cylinder_torque[0]=1", "cylinder_torque is a measurement without READ_WRITE"),
@@ -71,7 +76,9 @@ SPARE = "/begin RECORD_LAYOUT U1 FNC_VALUES 1 UBYTE ROW_DIR DIRECT /end RECORD_L
             ("ds", f"VAL_BLK 0x200090 {U1}", "MATRIX_DIM 3", "X1", "st.b"), ("ds1", f"VALUE 0x200098 {U1}", "", "X1", "st.b[1]"),
             ("m0", f"VALUE 0x200211 {U1}", ""), ("t", f"VALUE 0x200210 {U1}", "BIT_MASK 0x0", "X1", "m0"),
             ("cal", f"VAL_BLK 0x2001C0 {U1}", "MATRIX_DIM 3", "X1", "cal_2"), ("cal_2", f"VAL_BLK 0x2001D0 {U1}", "MATRIX_DIM 3"),
-            ("bl", f"VAL_BLK 0x200070 {U1}", "MATRIX_DIM 12")))
+            ("bl", f"VAL_BLK 0x200070 {U1}", "MATRIX_DIM 12"))) + \
+    f'/begin CHARACTERISTIC vs "" VAL_BLK 0 {U1} MATRIX_DIM 3 /begin VIRTUAL_CHARACTERISTIC "X1*2" cal_2 /end VIRTUAL_CHARACTERISTIC ' \
+    "/end CHARACTERISTIC"
 
 # What is set one after the other, what is held of it and of what depends on it.
 DEPENDENTS = (
@@ -88,6 +95,17 @@ HALF_WAY = (
     ("error:DOWNLOAD:2:1", f"bl={[*range(1, 13)]}", "bl: the ECU now holds the new values of bl[0], bl[1], bl[2], bl[3] and 2 more; "
      "the former values of bl[6], bl[7], bl[8], bl[9] and 2 more\n", [1, 2, 3, 4, 5, 6], []),
     ("silence:DOWNLOAD:2", "cal_2=[1,2,3]", "cal: what the ECU now holds is not known", None, ["cal"]),
+)
+
+
+# What is asked of folders, the exit code, names of the values or the error.
+FOLDERS = (
+    (["--group", "Axes"], 0, ["cal_speed_axis", "cal_load_axis", "cal_time_axis", "cal_rescale_axis"]),
+    (["--group", "Axes", "*_time_*", "gear"], 0, ["cal_time_axis", "gear"]),
+    (["--function", "Limits", "cal_spare*"], 0, ["cal_spare_limit.curve"]),
+    (["--group", "Axes", "cal_g*"], 1, "'cal_g*' matches no name in the groups and functions that were named"),
+    (["--group", "Nope"], 1, "get: the A2L has no GROUP 'Nope'\n"),
+    ([], 106, "names is required\n"),
 )
 
 
@@ -119,6 +137,17 @@ class ObjectsTest(SystemTest):
                          [f"cal_spare_limit.{part}" for part in ("speed", "curve", "hysteresis", "state")] +
                          [f"cal_torque_curve.x[{i}]" for i in range(8)] + ["shaft_power"])
         self.assertEqual([told[-2]["value"]["raw"], told[-1]["value"]["raw"]], [255, None])
+
+    def test_folders_are_read_whole_or_filtered(self):
+        sim = self.start_sim()
+        for asked, code, told in FOLDERS:
+            with self.subTest(asked=asked):
+                done = self.run_cli(sim, "get", *asked)
+                self.assertEqual(done.returncode, code, done.stderr)
+                if code == 0:
+                    self.assertEqual([line.split()[0] for line in done.stdout.splitlines() if not line.startswith(" ")], told)
+                else:
+                    self.assertIn(told, done.stdout + done.stderr)
 
     def test_what_is_written_is_held(self):
         sim = self.start_sim()
@@ -177,8 +206,14 @@ class ObjectsTest(SystemTest):
                 refused = assignment == "m0=5" and "t: BIT_MASK 0x0 leaves no bit that may be written"
                 self.assertEqual(told.get("error", {}).get("message", False), refused)
                 self.assertEqual({name: self.physical(sim, name) for name in held}, held)
+        self.run_cli(sim, "set", "--no-dependents", "cal_2=[1,2,3]")
+        self.assertEqual([value["value"]["physical"] for value in self.values(sim, "get", "vs[1]", "vs[*]")], [4, 2, 4, 6])
         self.assertEqual(self.values(sim, "get", "huge*")[0]["error"]["message"],
                          "'huge*' reaches into huge, which has 1000000000000 parts: name those to be read")
+        for pattern, code, told in (("huge[5][7].*", 0, "1 object(s)\n"), ("huge[5][7].", 0, "1 object(s)\n"), ("*", 0, None),
+                                    ("huge[*", 1, "list: 'huge[*' reaches into huge, which has 1000000000000 parts: name those to be listed\n")):
+            done = self.run_plain("--a2l", sim.a2l, "list", pattern)
+            self.assertEqual((done.returncode, told in (None, done.stderr)), (code, True), done.stderr)
 
     def test_what_is_held_is_told_element_by_element(self):
         for fault, assignment, text, held, dependents in HALF_WAY:

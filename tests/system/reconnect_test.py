@@ -214,6 +214,44 @@ class ReconnectTest(harness.SystemTest):
         program.signal(signal.SIGTERM)
         self.check_end(program, 0, ["** reconnecting: " + NO_DATA, "** measuring: reconnected after N"] * 3, 3)
 
+    def test_an_ecu_that_was_reset(self):
+        """What it lost is told and noted; `stop` ends the measurement; without a reconnection to come nothing is asked."""
+        lost = "the ECU lost parameters while it was away, by a reset most likely; not as before: segment 0 (parameters_0)\n"
+        epk = ("--epk", "PUMP 3.1", "--pages", 2)
+        for options, after, config, told, what, code, sums in (
+                (epk, None, {}, lost, ["parameters"], 0, 8), (epk, None, {"calibration": {"onReset": "stop"}}, lost, ["parameters"], 2, 6),
+                (epk, None, {"calibration": {"onReset": "reapply"}}, "this session wrote nothing that", ["parameters", "writtenAgain"], 0, 8),
+                (epk, (*epk, "--page-faults", "wrong-epk"), {}, 'came back with another software: the ECU runs "PUMP 3.?"', ["software", "parameters"], 0, 8),
+                (epk, (*epk, "--page-faults", "wrong-epk"), {"identity": {"check": "refuse"}}, 'the ECU runs "PUMP 3.?"', ["software"], 2, 4),
+                ((*epk, "--fault", "error:BUILD_CHECKSUM:3:0"), None, {}, "is not known: segment 0 (parameters_0): BUILD_CHECKSUM", ["parameters"], 0, 6),
+                ((*epk, "--without", "BUILD_CHECKSUM"), None, {}, None, [], 0, 6), ((), None, {}, None, [], 0, 0),
+                (epk, None, {"reconnect": {"policy": "abort", "heartbeatMs": 300}}, None, [], 2, 2)):
+            with self.subTest(options=options, after=after, config=config):
+                relay = self.start_relay(*options)
+                other = after and self.start_sim(*after)
+                self.assertEqual(self.run_cli(relay.sim, "set", "cal_gain=2").returncode, 0)
+                quick = {"reconnect": {"policy": "retry_forever", "heartbeatMs": 300}} | config
+                directory = self.dir / f"rec{len(list(self.dir.iterdir()))}"
+                program = self.start_cli(relay, "-c", self.quick_config(**quick), *harness.record(directory, ["counter_1ms@0"], every=20))
+                program.wait_for_out("counter_1ms")
+                if other:
+                    relay.hide()
+                    relay.aim(other)
+                else:
+                    relay.sim.signal(signal.SIGUSR1)
+                if code == 0:
+                    program.wait_for_err("** measuring: reconnected after")
+                    program.signal(signal.SIGINT)
+                self.assertEqual(program.finish(), code, program.err)
+                if told:
+                    self.assertEqual(program.err.count(told), 1 + (code == 2 and what == ["software"]), program.err)
+                noted = [event for event in recording.events(directory) if event["event"] == "ecuChanged"]
+                self.assertEqual([event["what"] for event in noted], what)
+                asked = relay.names().count("0xf3")  # BUILD_CHECKSUM: the recording notes them, too, unless it ends before
+                self.assertTrue(asked <= sums and (asked > 0) == (sums > 0), asked)
+                info = self.run_plain("recording", "info", directory).stdout
+                self.assertTrue(all(event["text"] in info for event in noted), info)
+
 
 if __name__ == "__main__":
     unittest.main()

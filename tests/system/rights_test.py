@@ -72,6 +72,8 @@ class RightsTest(harness.SystemTest):
             made = {self.without_kind(path): found[0] for path, found in tree(root).items() if before.get(path) != found}
             expected = {f"a/b/c/{name}": "-" + rights for name in FILES}
             expected["a/b/c/rec"] = "d" + rights.replace("rw-", "rwx").replace("r--", "r-x")
+            # What others have no business with, whatever the umask says.
+            expected |= {"home/xcplumo": "drwx------", "home/xcplumo/changes-_______n.jsonl": "-rw-------"}
             self.assertEqual(made, expected)
             exported = work / "out.mf4"
             exported.chmod(0o640)

@@ -50,11 +50,23 @@ class StaticDaqTest(ModelCase):
                                                    ("cyclic_10ms (list 1)", ["counter_10ms"]),
                                                    ("cyclic_10ms (list 3)", ["engine_speed"])])
 
+    def test_predefined_lists_that_the_ecu_does_not_read_out(self):
+        """The A2L tells what they hold; the question is left without an answer, or refused, once."""
+        for options in (["--fault", "ignore:READ_DAQ:1:0"], ["--without", "READ_DAQ"]):
+            with self.subTest(options):
+                sim = self.start_sim("--predefined", "counter_10ms,engine_speed@1", "--predefined", "counter_1ms,wave", *options)
+                sim.reach += ["-c", self.quick_config()]
+                self.assertEqual(self.measure(sim, *FEW), [("cyclic_1ms", ["counter_1ms", "wave"]),
+                                                           ("cyclic_10ms", ["counter_10ms", "engine_speed"])])
+
     def test_what_does_not_fit(self):
         lists = "lists 0 to 1 (1 ODT(s) x 1 entries, any event), list 2 (1 ODT(s) x 1 entries, event 2)"
         rows = [
             (["--static-lists", "1x1,1x1,1x1@2"], FEW, "2 of 4 signal(s) fit into the ECU's static DAQ lists (event 1: 0 of 2): "
-             + lists + "; 1398 byte(s) an ODT, 1394 the first"),
+             + lists + "; 1398 byte(s) an ODT, 1394 the first\nhint: measure fewer signals, or some at an event whose lists have room; "
+             "there is no room for counter_10ms@1, engine_speed@1\n"),
+            (["--max-dto", "8"], ["wave@0"], "first ODT of event 0 is empty (signals too large next to the timestamp)\n"
+             "hint: add a signal of at most 2 byte(s) to event 0, or measure without timestamps (\"useTimestamps\": false"),
             (["--static-lists", "1x1@2"], ["wave@0"], "wave: no DAQ list of the ECU can be given event 0"),
             (["--predefined", "gear@1"], ["throttle@1"],
              r"throttle: no DAQ list that can be given event 1 carries 1 byte(s) at 0x"),
@@ -64,6 +76,11 @@ class StaticDaqTest(ModelCase):
                 done = self.run_cli(self.start_sim(*options), "measure", *harness.signals(names))
                 self.assertEqual(done.returncode, 1)
                 self.assertIn(f"measure: {message}", done.stderr)
+
+    def test_many_entries_at_once_without_an_answer(self):
+        sim = self.start_sim("--max-dto", 16, "--offer", "WRITE_DAQ_MULTIPLE", "--fault", "ignore:WRITE_DAQ_MULTIPLE:1:0")
+        done = self.run_cli(sim, "-c", self.quick_config(), "measure", "-t", 0.3, "-p", 0, *harness.signals(forty_signals()))
+        self.assertEqual((done.returncode, done.stderr.count("WRITE_DAQ_MULTIPLE: timeout")), (0, 1), done.stderr)
 
     def test_reconnection(self):
         """The lists are set up again as they were; an ECU that came back with others is not measured wrongly."""
@@ -96,6 +113,8 @@ class StaticDaqTest(ModelCase):
             ("wave@cyclic_1ms/x", "'wave@cyclic_1ms/x': a prescaler is a number from 1 to 255"),
             ("wave/0", "'wave/0': a prescaler is a number from 1 to 255"),
             ("wave@nine/8", "stoul: 'nine' is not a number"),
+            ("wave@/8", "'wave@/8': no event between '@' and '/'"),
+            ("wave@1/8/8", "'wave@1/8/8': '1/8' is no event; one prescaler is possible"),
             ("gear@0", "wave@0/8 and gear@0/1: signals of one event have one prescaler"),
             ("c*_1ms@0/2", "wave@0/8 and counter_1ms@0/2: signals of one event have one prescaler"),
         ]

@@ -1,5 +1,6 @@
 """`set` where it must refuse, or fails: what is told, and what the ECU's memory holds. Values: the campaign set_safety."""
 import socket
+import time
 import unittest
 
 from ecu_model import Memory
@@ -82,6 +83,19 @@ class ValuesTest(SystemTest):
         self.start_sim(port=sim.port)
         waiting.await_end()
         self.assertEqual((waiting.process.wait(), waiting.out), (0, value_line("cal_limited", "7.000")), waiting.err)
+
+    def test_waiting_for_an_ecu_ends_in_time_and_says_why(self):
+        """Before the timeout of one CONNECT; a reason that stays is told once."""
+        sim = self.start_sim("--fault", "ignore:CONNECT:1:0")
+        for reach, t1, within, told in ((sim.reach, 60000, "0.5", "CONNECT: no response from slave within 0.5 s"),
+                                        (sim.reach, 200, "2.5", "waiting up to 2.5 s for udp:"),
+                                        (["--serial", self.dir / "none"], 200, "0.5", "waiting up to 0.5 s for serial:")):
+            with self.subTest(told):
+                config = self.quick_config(xcp={"timeoutsMs": [t1] * 7})
+                begin = time.monotonic()
+                done = self.run_plain("--a2l", sim.a2l, *reach, "-c", config, "--connect-timeout", within, "info")
+                self.assertLess(time.monotonic() - begin, 30, done.stderr)
+                self.assertEqual((done.returncode, done.stderr.count(told)), (1, 1), done.stderr)
 
     def test_a_write_that_fails_half_way_tells_what_the_ecu_holds(self):
         """The value takes two DOWNLOADs; the second one meets the fault."""
