@@ -95,7 +95,7 @@ _xcplumo_complete() {
         break
     done
     case $before in
-        -c | --config | --a2l | --signals-from | --serial* | -o | --output | -r | --record | --memory-file | --write-*) _xcplumo_files ;;
+        -c | --config | --a2l | --hex | --signals-from | --serial* | -o | --output | -r | --record | --memory-file | --write-*) _xcplumo_files ;;
         -i | --interface | --can) _xcplumo_offer "$word" "$(ls /sys/class/net)" ;;
         --event)
             _xcplumo_events "$word"

@@ -19,10 +19,12 @@ ARROWS = {
     "xcp": {"core", "hal", "broker"},
     "value": {"core"},
     "a2l": {"core", "value"},
+    "params": {"core", "value"},
     "storage": {"core", "value"},
     "exporter": {"core", "value", "storage"},
-    "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage"},
-    "cli": {"core", "value", "a2l", "xcp", "storage", "exporter", "session", "help"},
+    "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage", "params"},
+    "watch": {"core", "value", "xcp", "storage", "session"},
+    "cli": {"core", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
     "key": {"core"},
     "sim": {"core", "hal", "help"},
 }
@@ -30,7 +32,7 @@ ARROWS = {
 PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_page.cpp", "sim/main.cpp",
           "sim/variant_options.cpp"}
 LOG = {"src/core/log.cpp", "src/cli/message_output.cpp"}
-LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"session", "storage"}, "zlib.h": {"exporter"}}
+LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 

@@ -1,0 +1,6 @@
+// What every test file includes.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "precompiled.h"
