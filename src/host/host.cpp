@@ -108,7 +108,6 @@ void Host::addJob(Job::Kind kind, http::Request& request, const http::Reply& rep
     if (kind == Job::Kind::begin) {
         request.watch->onGone([this] {
             const std::lock_guard lock(mutex_);
-            ++gone_;
             changed_.notify_all();
         });
     }
@@ -120,7 +119,10 @@ void Host::addJob(Job::Kind kind, http::Request& request, const http::Reply& rep
 
 Result<Host::Own> Host::own() {
     const StopToken stop = setup_.session.stopToken();
-    const StopCallback wake(stop, [this] { changed_.notify_all(); });
+    const StopCallback wake(stop, [this] {
+        const std::lock_guard lock(mutex_);
+        changed_.notify_all();
+    });
     std::unique_lock lock(mutex_);
     ownWaits_ = true;
     const bool granted = changed_.wait_for(

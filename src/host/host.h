@@ -110,7 +110,6 @@ class Host {
     bool ownHolds_ = false;
     bool working_ = false;  ///< a job, or the end of a lease
     bool stopping_ = false;
-    std::uint64_t gone_ = 0;  ///< counts clients that vanished
 
     // The thread's; `lease_` is looked at under mutex_.
     std::optional<Lease> lease_;
