@@ -108,7 +108,9 @@ Result<void> Sharing::serve(session::Session& session, bool readOnly) {
     if (!socket) return socket.error();
     std::vector<http::Listener> listeners;
     listeners.push_back({std::move(socket).value(), std::move(access).value()});
-    auto server = http::Server::start(std::move(router), {}, std::move(listeners));
+    http::Limits limits;
+    limits.workers = 1;  // requests are only queued
+    auto server = http::Server::start(std::move(router), limits, std::move(listeners));
     if (!server) return server.error();
     server_ = std::move(server).value();
     return {};

@@ -46,13 +46,19 @@ Result<void> writeHolder(int descriptor, const Holder& holder, const fs::path& p
 }  // namespace
 
 Result<HostClaim> HostClaim::take(const Holder& holder) {
-    const auto folder = runtimeFolder();
+    const auto folder = runtimeFolder(Make::yes);
     if (!folder) return folder.error();
     const fs::path base = folder.value() / fileNameOf(holder.place);
     const fs::path lockPath = base.string() + ".lock";
-    UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwner));
-    if (!lock.valid()) return Error::fromErrno(errno, "cannot create " + lockPath.string());
-    if (!lockForWriting(lock.get())) {
+    UniqueFd lock;
+    bool isMine = false;
+    // Who held the lock before removes the file with it.
+    do {
+        lock = UniqueFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwner));
+        if (!lock.valid()) return Error::fromErrno(errno, "cannot create " + lockPath.string());
+        isMine = lockForWriting(lock.get());
+    } while (isMine && !standsAt(lock.get(), lockPath));
+    if (!isMine) {
         const Holder other = holderIn(lock.get(), holder.place);
         Error error{ErrorCode::alreadyOpen, fmt::format("{} is held by {}", holder.place, other.text())};
         error.hint =
@@ -60,7 +66,7 @@ Result<HostClaim> HostClaim::take(const Holder& holder) {
             "measurement";
         return error;
     }
-    HostClaim claim(base.string() + ".sock", std::move(lock));
+    HostClaim claim(base.string() + ".sock", lockPath, std::move(lock));
     if (auto written = writeHolder(claim.lock_.get(), holder, lockPath); !written) return written.error();
     if (::unlink(claim.socket_.c_str()) != 0 && errno != ENOENT)
         return Error::fromErrno(errno, "cannot remove " + claim.socket_.string());
@@ -71,11 +77,14 @@ Result<HostClaim> HostClaim::take(const Holder& holder) {
 }
 
 HostClaim::~HostClaim() {
-    if (lock_.valid()) ::unlink(socket_.c_str());
+    if (!lock_.valid()) return;
+    ::unlink(socket_.c_str());
+    ::unlink(lockPath_.c_str());
 }
 
 Result<std::optional<FoundHost>> findHost(const std::string& place) {
-    const auto folder = runtimeFolder();
+    const auto folder = runtimeFolder(Make::no);
+    if (!folder && folder.error().sysErrno == ENOENT) return std::optional<FoundHost>();
     if (!folder) return folder.error();
     const fs::path base = folder.value() / fileNameOf(place);
     const std::string lockPath = base.string() + ".lock";

@@ -25,16 +25,17 @@ class HostClaim {
     static Result<HostClaim> take(const Holder& holder);
     HostClaim(HostClaim&&) noexcept = default;
     HostClaim& operator=(HostClaim&&) = delete;
-    /// Removes the socket while the lock is still held.
+    /// Removes both files while the lock is still held.
     ~HostClaim();
 
     const std::filesystem::path& socketPath() const { return socket_; }
 
   private:
-    HostClaim(std::filesystem::path socket, UniqueFd lock)
-        : socket_(std::move(socket)), lock_(std::move(lock)) {}
+    HostClaim(std::filesystem::path socket, std::filesystem::path lockPath, UniqueFd lock)
+        : socket_(std::move(socket)), lockPath_(std::move(lockPath)), lock_(std::move(lock)) {}
 
     std::filesystem::path socket_;
+    std::filesystem::path lockPath_;
     UniqueFd lock_;
     std::optional<Presence> presence_;
 };

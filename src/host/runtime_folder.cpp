@@ -21,10 +21,10 @@ namespace {
 namespace fs = std::filesystem;
 
 /// Made, or found as nobody else can have made it. Links are not followed.
-Result<fs::path> ownFolder(fs::path folder) {
+Result<fs::path> ownFolder(fs::path folder, Make make) {
     constexpr mode_t kOwner = 0700;
     constexpr mode_t kOthers = 0077;
-    if (::mkdir(folder.c_str(), kOwner) != 0 && errno != EEXIST)
+    if (make == Make::yes && ::mkdir(folder.c_str(), kOwner) != 0 && errno != EEXIST)
         return Error::fromErrno(errno, "cannot create " + folder.string());
     struct stat found {};
     if (::lstat(folder.c_str(), &found) != 0) return Error::fromErrno(errno, "cannot use " + folder.string());
@@ -39,13 +39,13 @@ Result<fs::path> ownFolder(fs::path folder) {
 
 }  // namespace
 
-Result<fs::path> runtimeFolder() {
+Result<fs::path> runtimeFolder(Make make) {
     const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime != nullptr && runtime[0] == '/') return ownFolder(fs::path(runtime) / "xcplumo");
+    if (runtime != nullptr && runtime[0] == '/') return ownFolder(fs::path(runtime) / "xcplumo", make);
     std::error_code failure;
     fs::path temporary = fs::temp_directory_path(failure);
     if (failure) temporary = "/tmp";
-    return ownFolder(temporary / fmt::format("xcplumo-{}", ::geteuid()));
+    return ownFolder(temporary / fmt::format("xcplumo-{}", ::geteuid()), make);
 }
 
 std::string fileNameOf(std::string_view place) {

@@ -4,6 +4,7 @@
 // Threads: pure functions. Lifetime: nothing is kept.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -15,7 +16,8 @@ namespace lm::host {
 /// "xcplumo" in $XDG_RUNTIME_DIR, else "xcplumo-UID" among the temporary files; made with mode 0700 when it
 /// is not there. Errors: by errno "cannot create FOLDER: REASON", permissionDenied "FOLDER is not used:
 /// REASON".
-Result<std::filesystem::path> runtimeFolder();
+enum class Make : std::uint8_t { no, yes };
+Result<std::filesystem::path> runtimeFolder(Make make);
 
 /// The name of the files of the ECU at this place, without an ending: letters, digits, and a sum that tells
 /// places apart whose letters are the same.

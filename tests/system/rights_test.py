@@ -39,7 +39,7 @@ class RightsTest(harness.SystemTest):
 
     def run_everything(self, mask, home, work, reach):
         """Each command once, in a directory of its own."""
-        env = dict(os.environ, HOME=str(home), TMPDIR=str(home), XDG_CONFIG_HOME=str(home), XDG_STATE_HOME=str(home),
+        env = dict(os.environ, HOME=str(home), TMPDIR=str(home), XDG_CONFIG_HOME=str(home), XDG_STATE_HOME=str(home), XDG_RUNTIME_DIR=str(home),
                    XDG_CACHE_HOME=str(home), LANG=EVIL, LC_ALL=EVIL, LANGUAGE=EVIL, TZ=":" + EVIL, HOSTALIASES=EVIL,
                    SPDLOG_LEVEL=EVIL, TERM=EVIL, COLUMNS=EVIL)
         for command in ([*reach, "info"], [*reach, "list"], [*reach, "get", "..", "engine_speed"],
