@@ -12,6 +12,7 @@
 #include "cli/command_page.h"
 #include "cli/command_recording.h"
 #include "cli/command_save_config.h"
+#include "cli/command_serve.h"
 #include "cli/command_snapshot.h"
 #include "cli/command_unlock.h"
 #include "cli/command_values.h"
@@ -109,6 +110,12 @@ With a list or a file the order is that of docs/values.md: a line of a CSV file 
   xcplumo-cli -c demo.json measure -p 0 -r night --split 1h,2GB --keep 14d --export mf4 --log-every 1min
 NAME@EVENT/8 takes every eighth sample. With --json -p is 1 when it is not given.)",
      Needs::connection, Form::jsonLines, make<MeasureCommand>},
+    {"serve", "Hold the ECU and offer it over HTTP: values, measurement, recordings, streams",
+     R"(  xcplumo-cli -c demo.json serve
+  xcplumo-cli -c demo.json serve --recordings recordings
+  xcplumo-cli -c demo.json serve --listen 192.168.0.5:8080 --allow-writes
+Any address but 127.0.0.1 is read-only without --allow-writes. The printed address holds the token.)",
+     Needs::session, Form::text, make<ServeCommand>},
     {"console", "Serial line: show the text output of the ECU, send lines from stdin",
      R"(  xcplumo-cli --a2l ecu.a2l --serial /dev/ttyACM0:115200 console
   xcplumo-cli --a2l ecu.a2l --serial /dev/ttyACM0 --reset-delay 0 console -t 10)",
