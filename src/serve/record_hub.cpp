@@ -202,10 +202,7 @@ void RecordHub::stop() {
 
 void RecordHub::setMeasured(std::shared_ptr<const Measured> measured) {
     const std::lock_guard lock(mutex_);
-    // What is left was measured with another plan.
-    batch_.missed += batch_.records.size();
-    batch_.records.clear();
-    batch_.bytes.clear();
+    if (!batch_.records.empty() || batch_.missed > 0) older_.push_back(std::exchange(batch_, {}));
     batch_.measured = std::move(measured);
     changed_.notify_all();
 }
@@ -262,6 +259,7 @@ void RecordHub::onRecord(const xcp::DaqRecord& record) {
 void RecordHub::run() {
     pthread_setname_np(pthread_self(), "stream");
     Batch taken;
+    std::vector<Batch> older;
     for (;;) {
         {
             std::unique_lock lock(mutex_);
@@ -276,10 +274,14 @@ void RecordHub::run() {
             taken.missed = 0;
             taken.measured = batch_.measured;
             std::swap(taken, batch_);
+            older.swap(older_);
             for (auto& watcher : fresh_)
                 watchers_.push_back(std::move(watcher));
             fresh_.clear();
         }
+        for (const Batch& batch : older)
+            deliver(batch);
+        older.clear();
         deliver(taken);
         std::erase_if(watchers_, [](const auto& watcher) { return watcher->gone(); });
         const std::lock_guard lock(mutex_);

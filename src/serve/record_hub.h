@@ -101,6 +101,7 @@ class RecordHub final : public xcp::IDaqRecordSink {
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     Batch batch_;
+    std::vector<Batch> older_;  ///< of measurements before, not yet delivered
     std::vector<std::unique_ptr<Watcher>> fresh_;
     std::size_t watcherCount_ = 0;
     bool stopping_ = false;
