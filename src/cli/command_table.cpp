@@ -110,12 +110,6 @@ With a list or a file the order is that of docs/values.md: a line of a CSV file 
   xcplumo-cli -c demo.json measure -p 0 -r night --split 1h,2GB --keep 14d --export mf4 --log-every 1min
 NAME@EVENT/8 takes every eighth sample. With --json -p is 1 when it is not given.)",
      Needs::connection, Form::jsonLines, make<MeasureCommand>},
-    {"serve", "Hold the ECU and offer it over HTTP: values, measurement, recordings, streams",
-     R"(  xcplumo-cli -c demo.json serve
-  xcplumo-cli -c demo.json serve --recordings recordings
-  xcplumo-cli -c demo.json serve --listen 192.168.0.5:8080 --allow-writes
-Any address but 127.0.0.1 is read-only without --allow-writes. The printed address holds the token.)",
-     Needs::session, Form::text, make<ServeCommand>},
     {"console", "Serial line: show the text output of the ECU, send lines from stdin",
      R"(  xcplumo-cli --a2l ecu.a2l --serial /dev/ttyACM0:115200 console
   xcplumo-cli --a2l ecu.a2l --serial /dev/ttyACM0 --reset-delay 0 console -t 10)",
@@ -130,6 +124,12 @@ Any address but 127.0.0.1 is read-only without --allow-writes. The printed addre
   xcplumo-cli -c demo.json wait 'coolant_temp>90' --timeout 10min --report warm.xml
 Exit code 0: it held, 3: not within the timeout, 4: no one answered, 1: any other error.)",
      Needs::connection, Form::json, make<WaitCommand>},
+    {"serve", "Hold the ECU and offer it over HTTP: values, measurement, recordings, streams",
+     R"(  xcplumo-cli -c demo.json serve
+  xcplumo-cli -c demo.json serve --recordings recordings
+  xcplumo-cli -c demo.json serve --listen 192.168.0.5:8080 --allow-writes
+Any address but 127.0.0.1 is read-only without --allow-writes. The printed address holds the token.)",
+     Needs::session, Form::text, make<ServeCommand>},
     {"snapshot", "Keep the values of all parameters in a file",
      R"(  xcplumo-cli -c demo.json snapshot before.json
   xcplumo-cli -c demo.json snapshot maps.json "cal_*_map" --group Tables
