@@ -5,7 +5,9 @@
 
 #include <string>
 
+#include "a2l/description.h"
 #include "cli/command.h"
+#include "cli/json_writer.h"
 
 namespace lm::cli {
 
@@ -18,5 +20,9 @@ class DescribeCommand final : public ICommand {
   private:
     std::string name_;
 };
+
+/// The members that `describe` has about an object. Errors: notFound, and of a part that the object does not
+/// have.
+Result<void> writeDescription(const a2l::Description& description, const std::string& name, JsonWriter& json);
 
 }  // namespace lm::cli
