@@ -24,9 +24,10 @@ ARROWS = {
     "storage": {"core", "value"},
     "exporter": {"core", "value", "storage"},
     "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage", "params"},
+    "host": {"core", "http", "xcp", "value", "a2l", "storage", "session"},
     "watch": {"core", "value", "xcp", "storage", "session"},
     "serve": {"core", "http", "value", "a2l", "xcp", "storage", "exporter", "session"},
-    "cli": {"serve", "core", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
+    "cli": {"core", "serve", "host", "http", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
     "key": {"core"},
     "sim": {"core", "hal", "help"},
 }
@@ -35,7 +36,7 @@ PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_pa
           "sim/variant_options.cpp"}
 LOG = {"src/core/log.cpp", "src/cli/message_output.cpp"}
 ASIO = {"src/http/connection.h", "src/http/connection.cpp", "src/http/server.cpp"}
-LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"http", "serve", "session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"},
+LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"http", "host", "serve", "session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"},
              "boost/": ASIO}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <poll.h>
@@ -15,9 +16,11 @@
 
 #include <fmt/format.h>
 
+#include "cli/input_lines.h"
 #include "cli/line_keeper.h"
 #include "cli/message_output.h"
 #include "cli/options.h"
+#include "cli/sharing.h"
 #include "cli/stop_signal.h"
 #include "core/thread.h"
 
@@ -27,9 +30,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kPauseMs = 50;
-
-// What is longer is no line but a file without line ends.
-constexpr std::size_t kLongestLine = std::size_t{64} << 10U;
 
 /// What the command shares with the thread that reads standard input.
 struct Input {
@@ -43,47 +43,14 @@ struct Input {
 bool sendLine(Input& input, const std::string& line) {
     const std::lock_guard lock(input.mutex);
     if (input.session == nullptr || input.ending || stopRequested()) return false;
-    const Result<void> sent = line.size() <= kLongestLine
-                                  ? input.session->sendText(line)
-                                  : Error{ErrorCode::invalidArgument,
-                                          fmt::format("a line beyond {} bytes is not sent", kLongestLine)};
+    const Result<void> sent =
+        line.size() <= InputLines::kLongest
+            ? input.session->sendText(line)
+            : Error{ErrorCode::invalidArgument,
+                    fmt::format("a line beyond {} bytes is not sent", InputLines::kLongest)};
     if (!sent.ok()) printError("send", sent.error());
     return true;
 }
-
-/// Cuts standard input into lines and sends them.
-class InputLines {
-  public:
-    explicit InputLines(Input& input) : input_(input) {}
-
-    /// False when the command is over.
-    bool add(std::string_view block) {
-        for (;;) {
-            const auto end = block.find('\n');
-            if (!skipping_) line_ += block.substr(0, end);
-            if (line_.size() > kLongestLine) {
-                if (!sendOpenLine()) return false;
-                skipping_ = true;
-            }
-            if (end == std::string_view::npos) return true;
-            if (!skipping_ && !sendOpenLine()) return false;
-            skipping_ = false;
-            block.remove_prefix(end + 1);
-        }
-    }
-
-    /// The last line, when it has no line end.
-    void finish() {
-        if (!line_.empty()) sendOpenLine();
-    }
-
-  private:
-    bool sendOpenLine() { return sendLine(input_, std::exchange(line_, {})); }
-
-    Input& input_;
-    std::string line_;
-    bool skipping_ = false;  ///< to the end of a line that was refused
-};
 
 /// Waits for input: what has come, empty at the end of input, after an error, or when a stop is asked for.
 std::string_view readSome(std::array<char, 4096>& block) {
@@ -105,7 +72,7 @@ void sendInput(const std::shared_ptr<Input>& input) {
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
     std::array<char, 4096> block{};
-    InputLines lines(*input);
+    InputLines lines([&](const std::string& line) { return sendLine(*input, line); });
     for (auto text = readSome(block); !text.empty(); text = readSome(block)) {
         if (!lines.add(text)) return;
     }
@@ -145,11 +112,12 @@ class LogPrinter {
 
 /// Shows the text until something ends it.
 Result<void> show(LineKeeper& keeper, LogPrinter& printer, double duration,
-                  const std::shared_ptr<Input>& input) {
+                  const std::shared_ptr<Input>& input, const std::function<void()>& onBegun) {
     if (auto started = keeper.start(); !started.ok()) return started;
     while (!keeper.begun()) {
         if (!printer.print() || !pauseUnlessOver()) return {};
     }
+    onBegun();
     auto reader = startThread("cannot read standard input", [input] { sendInput(input); });
     if (!reader.ok()) return reader.error();
     reader.value().detach();
@@ -181,6 +149,7 @@ std::string consoleLine(const session::ConsoleLine& line) {
 
 void ConsoleCommand::addOptions(OptionSet& options) {
     addDuration(options, durationSeconds_, "Seconds (0 = until Ctrl-C or end of input)");
+    addReadOnly(options, readOnly_);
 }
 
 int ConsoleCommand::run(Workplace& place) {
@@ -193,7 +162,9 @@ int ConsoleCommand::run(Workplace& place) {
     input->session = &session;
     LogPrinter printer(session.consoleLog(), place.results.output());
     LineKeeper keeper(session);
-    const Result<void> shown = show(keeper, printer, durationSeconds_, input);
+    const Result<void> shown =
+        show(keeper, printer, durationSeconds_, input, [&] { place.sharing->start(session, readOnly_); });
+    place.sharing->stop();
     if (!shown.ok()) place.results.fail("console", shown.error());
     input->ending.store(true);
     keeper.end();  // ends the sending of a line, too

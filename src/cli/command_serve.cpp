@@ -1,8 +1,7 @@
 #include "cli/command_serve.h"
 
-#include <cstdlib>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <memory>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -10,6 +9,7 @@
 #include "cli/option_set.h"
 #include "cli/options.h"
 #include "cli/serve_forms.h"
+#include "cli/sharing.h"
 #include "cli/stop_signal.h"
 #include "core/log.h"
 #include "core/text.h"
@@ -43,20 +43,6 @@ Result<HostPort> parseListen(const std::string& text) {
     const auto port = parseUnsigned(text.substr(colon + 1), NumberBase::decimal, 65535);
     if (!port) return bad();
     return HostPort{host, static_cast<std::uint16_t>(port.value())};
-}
-
-/// In a folder that is the user's alone; none where there is no such folder.
-fs::path socketPath() {
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime == nullptr || *runtime == '\0') return {};
-    const fs::path folder = fs::path(runtime) / "xcplumo";
-    if (::mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) return {};
-    struct stat facts {};
-    if (::lstat(folder.c_str(), &facts) != 0 || !S_ISDIR(facts.st_mode) || facts.st_uid != ::geteuid() ||
-        (facts.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        return {};
-    }
-    return folder / fmt::format("serve-{}.sock", ::getpid());
 }
 
 }  // namespace
@@ -102,8 +88,22 @@ int ServeCommand::run(Workplace& place) {
     options.readOnly = readOnly_;
     options.allowWrites = allowWrites_;
     options.recordings = recordings_;
-    options.socket = socketPath();
+    // Clients over the socket of the sharing and programs that go through this one are served at one place.
+    serve::Service* running = nullptr;
+    Sharing& sharing = *place.sharing;
+    host::Host* const host =
+        sharing.host(session, readOnly_, [&running] { return running->recordingDirectory(); });
+    if (host != nullptr) {
+        options.socket = sharing.socketPath();
+        options.addRoutes = [host](http::Router& router) { host->addRoutes(router); };
+        options.alone = [host]() -> Result<std::shared_ptr<void>> {
+            auto own = host->own();
+            if (!own) return own.error();
+            return std::shared_ptr<void>(std::make_shared<host::Host::Own>(std::move(own).value()));
+        };
+    }
     serve::Service service(session, options, serveForms(numberStyle(session.config())));
+    running = &service;
     const auto addresses = service.start();
     if (!addresses) {
         place.results.fail("serve", addresses.error());
@@ -122,10 +122,9 @@ int ServeCommand::run(Workplace& place) {
     }
     while (!stopToken().waitFor(std::chrono::milliseconds(60000))) {
     }
+    sharing.endWork();
     const Result<void> stopped = service.stop();
-    if (!options.socket.empty() && ::unlink(options.socket.c_str()) != 0) {
-        log::warn("serve: cannot remove {}", options.socket.string());
-    }
+    sharing.stop();
     if (stopped) return 0;
     place.results.fail("serve", stopped.error());
     return 1;

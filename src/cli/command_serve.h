@@ -17,6 +17,7 @@ class ServeCommand final : public ICommand {
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
     int run(Workplace& place) override;
+    SharingRole sharing() const override { return SharingRole::holds; }
 
   private:
     std::string listen_;

@@ -268,7 +268,7 @@ void Service::mark(http::Request& request, const http::Reply& reply) {
     const auto text = body.value().at("text").get<std::string>();
     if (text.size() > kMostBytes)
         return reply.fail(Error{ErrorCode::invalidArgument, "a mark has 1000 bytes at most"});
-    const Result<void> marked = recordings_.mark(text, request.peer.address);
+    const Result<void> marked = recordings_.mark(text);
     marked ? reply.send(json::object()) : reply.fail(marked.error());
 }
 

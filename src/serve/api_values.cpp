@@ -7,6 +7,9 @@
 
 #include "http/target.h"
 #include "serve/service.h"
+#include "session/change_log.h"
+#include "session/object_bytes.h"
+#include "session/parameter_reading.h"
 
 namespace lm::serve {
 namespace {
@@ -166,6 +169,11 @@ void Service::writeMany(http::Request& request, const http::Reply& reply) {
 
 std::string Service::write(session::Session& session, const std::string& name, const std::string& text,
                            const std::string& client, bool& failed) {
+    session::ChangeLog changes(name_, "serve, " + client,
+                               [this](std::string_view object, const std::string& before,
+                                      const std::string& after, const std::string& by) {
+                                   recordings_.noteWrite({0, std::string(object), before, after, by});
+                               });
     const auto finish = [&](const auto& value) {
         if (value) return;
         failed = true;
@@ -177,11 +185,16 @@ std::string Service::write(session::Session& session, const std::string& name, c
             session.writeObject(wish, {[](const std::vector<std::string>&) {}});
         finish(writing.value);
         for (const session::WrittenObject& object : writing.written) {
-            noteWritten({{"name", object.after.placed.object().name},
-                         {"client", client},
-                         {"old", json::parse(forms_.content(object.before))},
-                         {"new", json::parse(forms_.content(object.after))}});
+            const auto bytes = session::bytesOfChange(object.before, object.after.image);
+            if (bytes.pieces.empty()) continue;
+            changes.add(session::parameterOf(object.before, {}), session::parameterOf(object.after, {}),
+                        bytes);
+            writes_.note({{"name", object.after.placed.object().name},
+                          {"client", client},
+                          {"old", json::parse(forms_.content(object.before))},
+                          {"new", json::parse(forms_.content(object.after))}});
         }
+        changes.flush();
         return forms_.objectWrite(wish, writing);
     }
     const session::WriteOutcome outcome = session.write(name, text, {});
@@ -194,14 +207,12 @@ std::string Service::write(session::Session& session, const std::string& name, c
                    {"new", json::parse(forms_.value(now.element, now.bytes))}};
         if (outcome.before.size() >= now.element.size())
             entry["old"] = json::parse(forms_.value(now.element, outcome.before));
-        noteWritten(std::move(entry));
+        changes.add(now.element.name, session::Reading{now.element, outcome.before}.physical(),
+                    now.physical());
+        changes.flush();
+        writes_.note(std::move(entry));
     }
     return forms_.write(name, text, outcome);
-}
-
-void Service::noteWritten(json entry) {
-    recordings_.noteWrite(entry);
-    writes_.note(std::move(entry));
 }
 
 }  // namespace lm::serve

@@ -72,6 +72,11 @@ void EcuDesk::run() {
                 queue_.pop_front();
             }
         }
+        const auto alone = alone_ ? alone_() : Result<std::shared_ptr<void>>(nullptr);
+        if (!alone) {
+            if (one) one->reply.fail(alone.error());
+            continue;
+        }
         if (one) runOne(*one);
         heartbeat();
         look_(session_);

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "core/result.h"
 #include "core/stop_token.h"
@@ -31,7 +32,12 @@ class EcuDesk {
     using Clock = std::chrono::steady_clock;
     using Task = std::function<void(session::Session&)>;
 
-    EcuDesk(session::Session& session, Chronicle& chronicle) : session_(session), chronicle_(chronicle) {}
+    /// While the result lives no one else has the ECU's commands. Errors: timeout, those of a stop.
+    using Alone = std::function<Result<std::shared_ptr<void>>()>;
+
+    /// Without `alone` there is no one else.
+    EcuDesk(session::Session& session, Chronicle& chronicle, Alone alone)
+        : session_(session), chronicle_(chronicle), alone_(std::move(alone)) {}
     ~EcuDesk() { stop(); }
     EcuDesk(const EcuDesk&) = delete;
     EcuDesk& operator=(const EcuDesk&) = delete;
@@ -67,6 +73,7 @@ class EcuDesk {
 
     session::Session& session_;
     Chronicle& chronicle_;
+    const Alone alone_;
     std::function<void(session::Session&)> look_;
     std::thread thread_;
     std::thread limits_;

@@ -7,7 +7,6 @@
 
 #include <fmt/format.h>
 
-#include "storage/format/recording_events.h"
 #include "storage/format/recording_meta.h"
 
 namespace lm::serve {
@@ -30,10 +29,6 @@ bool isName(const std::string& name) {
 
 std::int64_t nowNs() {
     return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-std::string lineOf(const nlohmann::json& json) {
-    return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 /// A link could lead anywhere.
@@ -111,18 +106,16 @@ Result<void> Recordings::stop() {
     return recorder->close();
 }
 
-Result<void> Recordings::mark(const std::string& text, const std::string& client) {
+Result<void> Recordings::mark(const std::string& text) {
     const std::lock_guard lock(mutex_);
     if (!recorder_) return Error{ErrorCode::notOpen, "nothing is being recorded"};
-    hub_.note(lineOf({{"event", "mark"}, {"timeNs", nowNs()}, {"text", text}, {"client", client}}));
+    hub_.note(storage::markerLine({nowNs(), text}));
     return {};
 }
 
-void Recordings::noteWrite(const nlohmann::json& entry) {
-    nlohmann::json line = entry;
-    line["event"] = "write";
-    line["timeNs"] = nowNs();
-    hub_.note(lineOf(line));
+void Recordings::noteWrite(storage::ParameterWrite write) {
+    write.timeNs = nowNs();
+    hub_.note(storage::parameterLine(write));
 }
 
 void Recordings::noteOutage(bool begins, const std::string& text) {

@@ -19,6 +19,7 @@
 #include "core/result.h"
 #include "serve/record_hub.h"
 #include "session/session.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::serve {
 
@@ -40,9 +41,9 @@ class Recordings {
     Result<void> stop();
 
     /// A text at this moment. Error: notOpen.
-    Result<void> mark(const std::string& text, const std::string& client);
-    /// Who wrote what; nothing without a recording.
-    void noteWrite(const nlohmann::json& entry);
+    Result<void> mark(const std::string& text);
+    /// Who wrote what, now; nothing without a recording.
+    void noteWrite(storage::ParameterWrite write);
     void noteOutage(bool begins, const std::string& text);
 
     /// {"name", "recorded", "dropped"}; null when nothing is recorded.

@@ -50,7 +50,7 @@ Service::Service(session::Session& session, ServiceOptions options, Forms forms)
       forms_(std::move(forms)),
       name_(session.ecuName()),
       recordings_(options_.recordings, hub_),
-      desk_(session, log_) {}
+      desk_(session, log_, options_.alone) {}
 
 Service::~Service() {
     static_cast<void>(stop());
@@ -108,6 +108,17 @@ void Service::onStateChanged(session::SessionState state, const std::string& mes
     if (state == session::SessionState::measuring) recordings_.noteOutage(false, message);
 }
 
+/// By a program that goes through this one; what clients of this server write is noted where it is written.
+void Service::onParameterWritten(const storage::ParameterWrite& write) {
+    recordings_.noteWrite(write);
+    writes_.note({{"name", write.name}, {"client", write.by}, {"old", write.before}, {"new", write.after}});
+}
+
+std::string Service::recordingDirectory() const {
+    const json state = recordings_.state();
+    return state.is_null() ? "" : (options_.recordings / state["name"].get<std::string>()).string();
+}
+
 http::Router Service::routes() {
     http::Router router;
     addGeneral(router);
@@ -115,6 +126,7 @@ http::Router Service::routes() {
     addValues(router);
     addMeasurement(router);
     addRecordings(router);
+    if (options_.addRoutes) options_.addRoutes(router);
     return router;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -29,6 +30,10 @@ struct ServiceOptions {
     bool allowWrites = false;  ///< at an address that other machines reach
     std::filesystem::path recordings = {};
     std::filesystem::path socket = {};  ///< empty: no Unix socket
+    /// What else the server answers.
+    std::function<void(http::Router&)> addRoutes = {};
+    /// See EcuDesk.
+    EcuDesk::Alone alone = {};
 };
 
 /// Where the service is found, to be told its user and no one else.
@@ -50,11 +55,15 @@ class Service final : private session::ISessionListener {
     /// Ends recording, measurement and all connections. Error: of the recording or the measurement.
     Result<void> stop();
 
+    /// The directory of the recording that runs; empty without one. From any thread.
+    std::string recordingDirectory() const;
+
   private:
     using Milliseconds = std::chrono::milliseconds;
 
     void onStateChanged(session::SessionState state, const std::string& message,
                         const std::string& hint) override;
+    void onParameterWritten(const storage::ParameterWrite& write) override;
 
     http::Router routes();
     void addGeneral(http::Router& router);
@@ -88,7 +97,6 @@ class Service final : private session::ISessionListener {
               bool one);
     std::string write(session::Session& session, const std::string& name, const std::string& text,
                       const std::string& client, bool& failed);
-    void noteWritten(nlohmann::json entry);
     Result<session::PlanSummary> begin(session::Session& session, std::vector<std::string> signals);
     Result<void> end(session::Session& session);
     void look(session::Session& session);

@@ -7,6 +7,10 @@
 #include <cstdint>
 #include <string>
 
+namespace lm::storage {
+struct ParameterWrite;
+}
+
 namespace lm::session {
 
 enum class SessionState : std::uint8_t {
@@ -26,6 +30,9 @@ class ISessionListener {
 
     /// `message` may be empty; `hint` is, but for a lost connection. Both are valid during the call.
     virtual void onStateChanged(SessionState state, const std::string& message, const std::string& hint) = 0;
+
+    /// Session::noteParameter() was called, on the thread of that; the time is not set.
+    virtual void onParameterWritten(const storage::ParameterWrite& /*write*/) {}
 };
 
 }  // namespace lm::session
