@@ -35,7 +35,85 @@ std::string jsonText(const nlohmann::json& json) {
     return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+/// The least, the greatest and the last of some values. Not a number is neither least nor greatest.
+struct Extremes {
+    double least = 0;
+    double greatest = 0;
+    double last = 0;
+    std::uint64_t count = 0;
+
+    void take(double value) { join({value, value, value, 1}); }
+    void join(const Extremes& later) {
+        if (later.count == 0) return;
+        if (count == 0 || std::isnan(least) || later.least < least) least = later.least;
+        if (count == 0 || std::isnan(greatest) || later.greatest > greatest) greatest = later.greatest;
+        last = later.last;
+        count += later.count;
+    }
+};
+
+/// What a batch of records comes to, computed once for all clients with a window.
+struct Summary {
+    struct List {
+        std::uint64_t records = 0;
+        std::int64_t firstNs = 0;
+        std::int64_t lastNs = 0;
+    };
+    std::vector<Extremes> signals;  ///< as in Measured; of those that no one wants none
+    std::vector<List> lists;
+};
+
 }  // namespace
+
+/// Makes the summaries of one measurement.
+class RecordHub::Summarizer {
+  public:
+    explicit Summarizer(std::shared_ptr<const Measured> measured) : measured_(std::move(measured)) {
+        for (const MeasuredSignal& signal : measured_->signals) {
+            decoders_.push_back(value::rawDecoder(signal.element.coding));
+            lists_.resize(std::max(lists_.size(), signal.list + 1));
+        }
+        wanted_.resize(decoders_.size());
+    }
+
+    bool isOf(const std::shared_ptr<const Measured>& measured) const { return measured_ == measured; }
+    void clear() {
+        for (auto& list : lists_)
+            list.clear();
+        wanted_.assign(wanted_.size(), false);
+    }
+    void want(std::size_t signal) {
+        if (wanted_[signal]) return;
+        wanted_[signal] = true;
+        lists_[measured_->signals[signal].list].push_back(signal);
+    }
+
+    const Summary& of(const Batch& batch) {
+        summary_.signals.assign(decoders_.size(), {});
+        summary_.lists.assign(lists_.size(), {});
+        for (const Copied& record : batch.records) {
+            if (record.list >= lists_.size()) continue;
+            Summary::List& list = summary_.lists[record.list];
+            if (list.records++ == 0) list.firstNs = record.timeNs;
+            list.lastNs = record.timeNs;
+            const std::uint8_t* data = batch.bytes.data() + record.offset;
+            for (const std::size_t number : lists_[record.list]) {
+                const MeasuredSignal& signal = measured_->signals[number];
+                const value::RawCoding& coding = signal.element.coding;
+                summary_.signals[number].take(
+                    signal.element.conversion->toPhysical(decoders_[number](data + signal.offset, coding)));
+            }
+        }
+        return summary_;
+    }
+
+  private:
+    const std::shared_ptr<const Measured> measured_;
+    std::vector<value::RawDecodeFunction> decoders_;
+    std::vector<std::vector<std::size_t>> lists_;  ///< numbers of the wanted signals of each
+    std::vector<bool> wanted_;
+    Summary summary_;
+};
 
 /// One client: what it wants, and what has come of it since it was told last.
 class RecordHub::Watcher {
@@ -52,25 +130,48 @@ class RecordHub::Watcher {
         measured_ = measured;
         told_ = true;
         lists_.clear();
-        names_.clear();
+        columns_.clear();
+        extremes_.clear();
         if (measured_) choose();
         stream_->push("signals", signalsText());
     }
 
-    void take(const Copied& record, const std::uint8_t* data) {
+    bool hasWindow() const { return window_.count() != 0; }
+
+    void takeRecord(const Copied& record, const std::uint8_t* data) {
         if (record.list >= lists_.size() || lists_[record.list].empty()) return;
         ++count_;
-        if (window_.count() == 0) return takeWhole(record, data);
-        if (firstNs_ == 0) firstNs_ = record.timeNs;
-        lastNs_ = record.timeNs;
-        for (Chosen& one : lists_[record.list]) {
-            const double value = one.valueIn(data);
-            one.last = value;
-            if (one.count++ == 0) one.least = one.greatest = value;
-            // Not a number is neither.
-            if (!(one.least <= value)) one.least = value;
-            if (!(one.greatest >= value)) one.greatest = value;
+        text_ += text_.empty() ? "{\"records\":[" : ",";
+        text_ += fmt::format("{{\"group\":{},\"tNs\":{},\"values\":[", record.list,
+                             record.timeNs - measured_->startNs);
+        bool first = true;
+        for (const std::size_t column : lists_[record.list]) {
+            if (!std::exchange(first, false)) text_ += ',';
+            const MeasuredSignal& signal = measured_->signals[columns_[column]];
+            const value::Element& element = signal.element;
+            appendNumber(text_, element.conversion->toPhysical(
+                                    value::decodeRaw(data + signal.offset, element.coding)));
         }
+        text_ += "]}";
+        constexpr std::size_t kEventBytes = 64U << 10U;
+        if (text_.size() > kEventBytes) tell();
+    }
+
+    void wantOf(Summarizer& summarizer) const {
+        for (const std::size_t signal : columns_)
+            summarizer.want(signal);
+    }
+
+    void takeSummary(const Summary& summary) {
+        for (std::size_t i = 0; i < lists_.size(); ++i) {
+            const Summary::List& list = summary.lists[i];
+            if (lists_[i].empty() || list.records == 0) continue;
+            firstNs_ = count_ == 0 ? list.firstNs : std::min(firstNs_, list.firstNs);
+            lastNs_ = count_ == 0 ? list.lastNs : std::max(lastNs_, list.lastNs);
+            count_ += list.records;
+        }
+        for (std::size_t i = 0; i < columns_.size(); ++i)
+            extremes_[i].join(summary.signals[columns_[i]]);
     }
 
     void tellWhenDue(Clock::time_point now) {
@@ -80,56 +181,30 @@ class RecordHub::Watcher {
     }
 
   private:
-    struct Chosen {
-        std::size_t column;
-        const value::Element* element;
-        std::uint32_t offset;
-        double least = 0;
-        double greatest = 0;
-        double last = 0;
-        std::uint64_t count = 0;
-
-        double valueIn(const std::uint8_t* data) const {
-            return element->conversion->toPhysical(value::decodeRaw(data + offset, element->coding));
-        }
-    };
-
     void choose() {
-        for (const MeasuredSignal& signal : measured_->signals) {
+        for (std::size_t i = 0; i < measured_->signals.size(); ++i) {
+            const MeasuredSignal& signal = measured_->signals[i];
             const bool wanted =
                 wanted_.empty() || std::find(wanted_.begin(), wanted_.end(), signal.name) != wanted_.end();
             if (!wanted) continue;
             lists_.resize(std::max(lists_.size(), signal.list + 1));
-            lists_[signal.list].push_back({names_.size(), &signal.element, signal.offset});
-            names_.push_back(&signal);
+            lists_[signal.list].push_back(columns_.size());
+            columns_.push_back(i);
         }
+        extremes_.assign(columns_.size(), {});
     }
 
     std::string signalsText() const {
         nlohmann::json signals = nlohmann::json::array();
-        for (const MeasuredSignal* signal : names_) {
-            signals.push_back({{"name", signal->name},
-                               {"unit", signal->element.conversion->unit()},
-                               {"group", signal->list}});
+        for (const std::size_t column : columns_) {
+            const MeasuredSignal& signal = measured_->signals[column];
+            signals.push_back(
+                {{"name", signal.name}, {"unit", signal.element.conversion->unit()}, {"group", signal.list}});
         }
         return jsonText({{"measuring", measured_ != nullptr},
                          {"startUtcNs", measured_ ? measured_->startUtcNs : 0},
                          {"windowMs", window_.count()},
                          {"signals", std::move(signals)}});
-    }
-
-    void takeWhole(const Copied& record, const std::uint8_t* data) {
-        text_ += text_.empty() ? "{\"records\":[" : ",";
-        text_ += fmt::format("{{\"group\":{},\"tNs\":{},\"values\":[", record.list,
-                             record.timeNs - measured_->startNs);
-        bool first = true;
-        for (const Chosen& one : lists_[record.list]) {
-            if (!std::exchange(first, false)) text_ += ',';
-            appendNumber(text_, one.valueIn(data));
-        }
-        text_ += "]}";
-        constexpr std::size_t kEventBytes = 64U << 10U;
-        if (text_.size() > kEventBytes) tell();
     }
 
     void tell() {
@@ -141,27 +216,27 @@ class RecordHub::Watcher {
         }
         text_.clear();
         count_ = 0;
-        firstNs_ = 0;
     }
 
     std::string windowText() {
-        std::vector<std::string> columns(names_.size(), "null");
-        for (auto& list : lists_) {
-            for (Chosen& one : list) {
-                if (std::exchange(one.count, 0) == 0) continue;
-                std::string& column = columns[one.column];
-                column = "[";
-                appendNumber(column, one.least);
-                column += ',';
-                appendNumber(column, one.greatest);
-                column += ',';
-                appendNumber(column, one.last);
-                column += ']';
+        std::string values;
+        for (Extremes& extremes : extremes_) {
+            if (!values.empty()) values += ',';
+            const Extremes one = std::exchange(extremes, {});
+            if (one.count == 0) {
+                values += "null";
+                continue;
             }
+            values += '[';
+            appendNumber(values, one.least);
+            values += ',';
+            appendNumber(values, one.greatest);
+            values += ',';
+            appendNumber(values, one.last);
+            values += ']';
         }
         return fmt::format("{{\"fromNs\":{},\"toNs\":{},\"records\":{},\"values\":[{}]}}",
-                           firstNs_ - measured_->startNs, lastNs_ - measured_->startNs, count_,
-                           fmt::join(columns, ","));
+                           firstNs_ - measured_->startNs, lastNs_ - measured_->startNs, count_, values);
     }
 
     const std::shared_ptr<http::EventStream> stream_;
@@ -169,8 +244,9 @@ class RecordHub::Watcher {
     const milliseconds window_;
     std::shared_ptr<const Measured> measured_;
     bool told_ = false;
-    std::vector<std::vector<Chosen>> lists_;  ///< by number of the DAQ list
-    std::vector<const MeasuredSignal*> names_;
+    std::vector<std::size_t> columns_;             ///< numbers of the signals that it wants
+    std::vector<std::vector<std::size_t>> lists_;  ///< the columns of each DAQ list
+    std::vector<Extremes> extremes_;               ///< of the columns
     Clock::time_point due_ = Clock::now();
     std::uint64_t count_ = 0;  ///< of records since it was told
     std::int64_t firstNs_ = 0;
@@ -295,10 +371,28 @@ void RecordHub::deliver(const Batch& batch) {
     for (const auto& watcher : watchers_) {
         watcher->begin(batch.measured);
         if (batch.missed > 0) watcher->miss(batch.missed);
-        for (const Copied& record : batch.records)
-            watcher->take(record, batch.bytes.data() + record.offset);
-        watcher->tellWhenDue(now);
     }
+    if (batch.measured && !batch.records.empty()) {
+        if (!summarizer_ || !summarizer_->isOf(batch.measured)) {
+            summarizer_ = std::make_unique<Summarizer>(batch.measured);
+        }
+        summarizer_->clear();
+        for (const auto& watcher : watchers_) {
+            if (watcher->hasWindow()) watcher->wantOf(*summarizer_);
+        }
+        const Summary& summary = summarizer_->of(batch);
+        for (const auto& watcher : watchers_) {
+            if (watcher->hasWindow()) {
+                watcher->takeSummary(summary);
+                continue;
+            }
+            for (const Copied& record : batch.records) {
+                watcher->takeRecord(record, batch.bytes.data() + record.offset);
+            }
+        }
+    }
+    for (const auto& watcher : watchers_)
+        watcher->tellWhenDue(now);
 }
 
 }  // namespace lm::serve

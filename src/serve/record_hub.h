@@ -74,6 +74,7 @@ class RecordHub final : public xcp::IDaqRecordSink {
 
   private:
     class Watcher;
+    class Summarizer;
     struct Copied {
         std::size_t list;
         std::int64_t timeNs;
@@ -105,7 +106,8 @@ class RecordHub final : public xcp::IDaqRecordSink {
     std::vector<std::unique_ptr<Watcher>> fresh_;
     std::size_t watcherCount_ = 0;
     bool stopping_ = false;
-    std::vector<std::unique_ptr<Watcher>> watchers_;  ///< the stream thread's alone
+    std::vector<std::unique_ptr<Watcher>> watchers_;  ///< the stream thread's alone, as the next
+    std::unique_ptr<Summarizer> summarizer_;
 };
 
 }  // namespace lm::serve
