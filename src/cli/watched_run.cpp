@@ -49,6 +49,9 @@ void WatchedRun::joinTo(session::MeasurementOptions& measurement) {
     companions_ = std::move(measurement.recording.companions);
     measurement.recording = {};
     measurement.recordedBySink = true;
+    measurement.onEcuEvent = [this](std::int64_t timeNs, const std::string& line) {
+        takes_->onEcuEvent(timeNs, line);
+    };
 }
 
 Result<void> WatchedRun::bind(const session::MeasurementPlan& plan) {

@@ -18,7 +18,7 @@ void noteUnfinished(const std::vector<ExportGroup>& groups, std::vector<std::str
     }
 }
 
-/// What is known of the outages in the times that are exported.
+/// What is known of outages and triggers in the times that are exported.
 Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& recording,
                                           const ExportOptions& options) {
     auto times = exportedTimes(recording.info(), options);
@@ -30,15 +30,24 @@ Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& record
                                      return !storage::overlaps(outage, times.value());
                                  }),
                   outages.end());
+    std::vector<storage::Trigger>& triggers = events.triggers;
+    triggers.erase(std::remove_if(triggers.begin(), triggers.end(),
+                                  [&times](const storage::Trigger& trigger) {
+                                      return trigger.timeNs < times.value().fromNs ||
+                                             trigger.timeNs >= times.value().endNs;
+                                  }),
+                   triggers.end());
     return events;
 }
 
-void noteOutages(const storage::RecordingEvents& events, const ExportOptions& options,
-                 std::vector<std::string>& notes) {
+void noteEvents(const storage::RecordingEvents& events, const ExportOptions& options,
+                std::vector<std::string>& notes) {
     if (!events.trouble.empty()) notes.push_back("outages not known: " + events.trouble);
     if (events.file == storage::RecordingEvents::File::absent && options.gaps) {
         notes.emplace_back("outages not known: the recording has no events.jsonl, an older program made it");
     }
+    if (!events.triggers.empty() && options.format == Format::mf4)
+        notes.push_back(std::to_string(events.triggers.size()) + " trigger(s), in the file as events");
     const std::size_t count = events.outages.size();
     if (count == 0 || options.gaps) return;
     notes.push_back(std::to_string(count) + (options.format == Format::mf4
@@ -62,7 +71,6 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
     if (!groups) return groups.error();
     auto events = eventsOf(recording, options);
     if (!events) return events.error();
-    const std::vector<storage::Outage>& outages = events.value().outages;
     Progress meter(progress, totalBytes(groups.value()), stop);
     ExportSummary summary;
     summary.groups = groups.value().size();
@@ -71,16 +79,16 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
         summary.records += group.recordCount();
     }
     if (options.format == Format::mf4) {
-        auto notes = exportMf4(recording.info(), groups.value(), outages, options, meter);
+        auto notes = exportMf4(recording.info(), groups.value(), events.value(), options, meter);
         if (!notes) return notes.error();
         summary.files = {options.output};
         summary.notes = std::move(notes).value();
     } else {
-        auto files = exportCsv(recording.info(), groups.value(), outages, options, meter);
+        auto files = exportCsv(recording.info(), groups.value(), events.value().outages, options, meter);
         if (!files) return files.error();
         summary.files = std::move(files).value();
     }
-    noteOutages(events.value(), options, summary.notes);
+    noteEvents(events.value(), options, summary.notes);
     noteUnfinished(groups.value(), summary.notes);
     return summary;
 }

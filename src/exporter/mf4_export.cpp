@@ -59,7 +59,7 @@ std::vector<std::string> notesOf(const std::vector<ExportGroup>& groups,
 
 Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
                                            const std::vector<ExportGroup>& groups,
-                                           const std::vector<storage::Outage>& outages,
+                                           const storage::RecordingEvents& recorded,
                                            const ExportOptions& options, Progress& progress) {
     std::vector<Mf4Layout> layouts;
     for (const ExportGroup& group : groups) {
@@ -83,7 +83,8 @@ Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
     }
     const std::uint64_t place = (file.size() + 7) & ~std::uint64_t{7};
     Mf4Events events = makeEvents(info, groups, gaps, metadata, place);
-    addOutages(events, info, outages);
+    addOutages(events, info, recorded.outages);
+    addTriggers(events, info, recorded.triggers);
     if (auto written = writeEvents(file, events); !written) return written.error();
     if (auto committed = file.commit(); !committed) return committed.error();
     return notesOf(groups, gaps);

@@ -1,4 +1,4 @@
-// Outages as events of an MDF file, which hold for all its groups.
+// Outages and triggers as events of an MDF file, which hold for all its groups.
 //
 // Threads: pure functions. Lifetime: nothing is kept.
 #pragma once
@@ -14,5 +14,9 @@ namespace lm::exporter {
 /// single one for an outage without an end.
 void addOutages(Mf4Events& events, const storage::RecordingInfo& info,
                 const std::vector<storage::Outage>& outages);
+
+/// Likewise: a start or stop trigger each.
+void addTriggers(Mf4Events& events, const storage::RecordingInfo& info,
+                 const std::vector<storage::Trigger>& triggers);
 
 }  // namespace lm::exporter

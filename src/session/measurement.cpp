@@ -66,6 +66,7 @@ Result<std::unique_ptr<Measurement>> Measurement::plan(MeasurementContext contex
 
 Result<void> Measurement::start(const MeasurementOptions& options) {
     sink_ = options.sink;
+    onEcuEvent_ = options.onEcuEvent;
     if (options.onPlanned) options.onPlanned(plan_);
     noteWhatRuns();
     auto started = startLists(context_.capabilities);
@@ -317,7 +318,8 @@ Result<std::string> Measurement::lookAgain() {
     if (!back) return back.error();
     for (const EcuReturn::Note& note : back.value().notes) {
         log::warn("{}", note.text);
-        if (recording_) recording_->note(storage::ecuChangedLine(steadyNowNs(), note.what, note.text));
+        const std::int64_t nowNs = steadyNowNs();
+        tellOfEcu(nowNs, storage::ecuChangedLine(nowNs, note.what, note.text));
     }
     return std::move(back.value().ending);
 }
@@ -347,13 +349,18 @@ void Measurement::changeState(SessionState state, const std::string& message) {
     if (state == SessionState::measuring && !message.empty()) noteWhatRuns();
 }
 
+void Measurement::tellOfEcu(std::int64_t timeNs, const std::string& line) const {
+    if (recording_) recording_->note(line);
+    if (onEcuEvent_) onEcuEvent_(timeNs, line);
+}
+
 void Measurement::noteWhatRuns() {
-    if (!recording_) return;
+    if (!recording_ && !onEcuEvent_) return;
     const storage::EcuNote note =
         noteEcu(context_.master, context_.description, context_.config, context_.stop.token(), steadyNowNs());
     if (!note.trouble.empty()) log::info("not known what runs in the ECU: {}", note.trouble);
     if (!note.epk.empty() || !note.sums.empty() || !note.trouble.empty())
-        recording_->note(storage::ecuLine(note));
+        tellOfEcu(note.timeNs, storage::ecuLine(note));
 }
 
 }  // namespace lm::session

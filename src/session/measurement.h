@@ -67,6 +67,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     void tellMisfit();
     void abandonStart();
     void noteWhatRuns();
+    void tellOfEcu(std::int64_t timeNs, const std::string& line) const;
     void addSilentLists(MeasurementStats& stats) const;
 
     void onRecord(const xcp::DaqRecord& record) override;
@@ -85,6 +86,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     const MeasurementPlan plan_;
     const double busLoad_;
     xcp::IDaqRecordSink* sink_ = nullptr;
+    std::function<void(std::int64_t, const std::string&)> onEcuEvent_;
     std::optional<storage::GroupRange> recording_;
     OutageNotes notes_;  ///< the supervisor's while that one runs
 

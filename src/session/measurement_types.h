@@ -60,6 +60,9 @@ struct MeasurementOptions {
     std::vector<std::string> needed = {};
     bool neededAlone = false;     ///< and nothing else
     bool recordedBySink = false;  ///< what no recording can hold is refused as with a directory
+    /// What a recording is told of the ECU, as lines of its events: what runs in it, at the start and after
+    /// each reconnection, and what came back changed. On the thread that starts or reconnects.
+    std::function<void(std::int64_t timeNs, const std::string& line)> onEcuEvent = {};
     /// Called once before anything is recorded or started, which an error prevents. The plan lives until the
     /// measurement is stopped.
     std::function<Result<void>(const MeasurementPlan&)> onAccepted = {};
