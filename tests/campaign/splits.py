@@ -60,7 +60,7 @@ class Splits(FileCalls):
         self.assertEqual(done.returncode, 0, done.stderr)
         self.check_whole(self.joined(folder))
         self.succeed("recording", "check", folder)
-        told = json.loads(self.run_plain("--json", "recording", "info", folder).stdout)
+        told = json.loads(self.run_plain("recording", "info", folder, "--json").stdout)
         self.assertGreaterEqual(len(told["recordings"]), 3)
         self.assertEqual((told["breaks"], [round(step["byNs"] / 1e9) for step in told["clockSteps"]]), ([], [3600 * hours]))
         endings.append("clock set, parts continue each other")
