@@ -11,6 +11,7 @@ namespace lm::cli {
 
 class DescribeCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     int run(Workplace& place) override;
 

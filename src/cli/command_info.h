@@ -28,6 +28,7 @@ void writeEcu(JsonWriter& json, const session::Session& session);
 
 class InfoCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     Needs needs(Needs most) const override { return offline_ ? Needs::configuration : most; }
     session::SessionOptions sessionOptions() const override {

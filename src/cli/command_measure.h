@@ -21,10 +21,12 @@
 namespace lm::cli {
 
 class LiveTable;
+class MeasureInput;
 class WatchedRun;
 
 class MeasureCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::holds; }
     struct Options {
         std::vector<std::string> signals;
         std::vector<std::string> groups;
@@ -40,6 +42,8 @@ class MeasureCommand final : public ICommand {
         std::vector<std::string> failOn;  ///< of "losses", "outage", "empty"
         WatchOptions watch;
         std::optional<std::string> report;
+        bool takesLines = false;  ///< from standard input
+        bool readOnly = false;    ///< for those who come through this program
     };
 
     void addOptions(OptionSet& options) override;
@@ -60,6 +64,7 @@ class MeasureCommand final : public ICommand {
     };
 
     Result<storage::RecordingPlace> recordingPlace(Workplace& place, RecordingCare& care) const;
+    Result<storage::RecordingPlace> nextPlace(Workplace& place, RecordingCare& care, bool takes) const;
     Result<session::PlanSummary> start(Workplace& place, LiveTable* table, WatchedRun* watched,
                                        RecordingCare& care) const;
     Result<std::chrono::nanoseconds> logInterval() const;

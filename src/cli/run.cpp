@@ -12,6 +12,7 @@
 #include "cli/message_output.h"
 #include "cli/output.h"
 #include "cli/results.h"
+#include "cli/sharing.h"
 #include "cli/stop_signal.h"
 #include "session/session.h"
 
@@ -61,6 +62,10 @@ int runSession(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
     session::SessionOptions sessionOptions = line.command->sessionOptions();
     sessionOptions.ignoresIdentity = line.options.ignoreIdentity;
+    Sharing sharing(line.command->sharing(), line.options);  // outlives the session that goes through it
+    sessionOptions.adoptMedium = [&](auto medium, const auto& config, const auto& stop) {
+        return sharing.adopt(std::move(medium), config, stop);
+    };
     auto created = session::Session::create(
         std::move(place.config), {}, session::ChannelPool::ofThisMachine(), stopToken(), sessionOptions);
     if (!created) {
@@ -77,11 +82,14 @@ int runSession(const CommandLine& line, Workplace& place) {
         } else {
             place.session = &session;
             place.console = &console;
+            place.sharing = &sharing;
             exitCode = runInSession(line, place);
             place.session = nullptr;
             place.console = nullptr;
+            place.sharing = nullptr;
         }
     }
+    sharing.stop();
     if (auto closed = session.close(); !closed) {
         place.results.fail("close", closed.error());
         exitCode = std::max(exitCode, 1);

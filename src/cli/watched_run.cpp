@@ -49,8 +49,8 @@ void WatchedRun::joinTo(session::MeasurementOptions& measurement) {
     companions_ = std::move(measurement.recording.companions);
     measurement.recording = {};
     measurement.recordedBySink = true;
-    measurement.onEcuEvent = [this](std::int64_t timeNs, const std::string& line) {
-        takes_->onEcuEvent(timeNs, line);
+    measurement.noteTo = [this](std::int64_t timeNs, const std::string& line) {
+        if (takes_) takes_->note(timeNs, line);
     };
 }
 

@@ -18,7 +18,7 @@ void noteUnfinished(const std::vector<ExportGroup>& groups, std::vector<std::str
     }
 }
 
-/// What is known of outages and triggers in the times that are exported.
+/// What is known of what happened in the times that are exported.
 Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& recording,
                                           const ExportOptions& options) {
     auto times = exportedTimes(recording.info(), options);
@@ -30,24 +30,32 @@ Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& record
                                      return !storage::overlaps(outage, times.value());
                                  }),
                   outages.end());
-    std::vector<storage::Trigger>& triggers = events.triggers;
-    triggers.erase(std::remove_if(triggers.begin(), triggers.end(),
-                                  [&times](const storage::Trigger& trigger) {
-                                      return trigger.timeNs < times.value().fromNs ||
-                                             trigger.timeNs >= times.value().endNs;
-                                  }),
-                   triggers.end());
+    const auto isOutside = [&times](const auto& event) {
+        return event.timeNs < times.value().fromNs || event.timeNs >= times.value().endNs;
+    };
+    std::erase_if(events.markers, isOutside);
+    std::erase_if(events.writes, isOutside);
+    std::erase_if(events.triggers, isOutside);
     return events;
 }
 
-void noteEvents(const storage::RecordingEvents& events, const ExportOptions& options,
-                std::vector<std::string>& notes) {
+void noteMarkers(const storage::RecordingEvents& events, const ExportOptions& options,
+                 std::vector<std::string>& notes) {
+    if (!events.triggers.empty() && options.format == Format::mf4)
+        notes.push_back(std::to_string(events.triggers.size()) + " trigger(s), in the file as events");
+    const std::size_t count = events.markers.size() + events.writes.size();
+    if (count == 0) return;
+    notes.push_back(std::to_string(count) + " marker(s) and written parameter(s)" +
+                    (options.format == Format::mf4 ? ", in the file as events"
+                                                   : " in this time, `recording info` lists them"));
+}
+
+void noteOutages(const storage::RecordingEvents& events, const ExportOptions& options,
+                 std::vector<std::string>& notes) {
     if (!events.trouble.empty()) notes.push_back("outages not known: " + events.trouble);
     if (events.file == storage::RecordingEvents::File::absent && options.gaps) {
         notes.emplace_back("outages not known: the recording has no events.jsonl, an older program made it");
     }
-    if (!events.triggers.empty() && options.format == Format::mf4)
-        notes.push_back(std::to_string(events.triggers.size()) + " trigger(s), in the file as events");
     const std::size_t count = events.outages.size();
     if (count == 0 || options.gaps) return;
     notes.push_back(std::to_string(count) + (options.format == Format::mf4
@@ -88,7 +96,8 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
         if (!files) return files.error();
         summary.files = std::move(files).value();
     }
-    noteEvents(events.value(), options, summary.notes);
+    noteOutages(events.value(), options, summary.notes);
+    noteMarkers(events.value(), options, summary.notes);
     noteUnfinished(groups.value(), summary.notes);
     return summary;
 }

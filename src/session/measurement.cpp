@@ -66,9 +66,10 @@ Result<std::unique_ptr<Measurement>> Measurement::plan(MeasurementContext contex
 
 Result<void> Measurement::start(const MeasurementOptions& options) {
     sink_ = options.sink;
-    onEcuEvent_ = options.onEcuEvent;
+    noteTo_ = options.noteTo;
     if (options.onPlanned) options.onPlanned(plan_);
     noteWhatRuns();
+    started_ = true;
     auto started = startLists(context_.capabilities);
     if (started.ok()) {
         changeState(SessionState::measuring, "");
@@ -76,6 +77,18 @@ Result<void> Measurement::start(const MeasurementOptions& options) {
     }
     if (!started.ok()) abandonStart();
     return started;
+}
+
+void Measurement::recordTo(const storage::GroupRange& recording) {
+    const std::int64_t nowNs = steadyNowNs();
+    recording_.begin(recording, nowNs, started_ ? nowNs : std::numeric_limits<std::int64_t>::min());
+    if (started_) noteWhatRuns();
+}
+
+bool Measurement::note(const std::function<std::string(std::int64_t)>& line) {
+    const std::int64_t nowNs = steadyNowNs();
+    if (noteTo_) noteTo_(nowNs, line(nowNs));
+    return recording_.note(line(nowNs)) || noteTo_;
 }
 
 Measurement::Measurement(MeasurementContext context, AcceptedPlan accepted)
@@ -193,12 +206,9 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
                                : Stop::unanswered,
                     supervisor_->watchesData());
     context_.medium.releaseLoad();
-    if (recording_) {
-        if (outages_.upToEndNs() != 0) {
-            notes_.endSilent(outages_.latestNs(), endNs, *recording_);
-        }
-        notes_.end(steadyNowNs(), *recording_);
-    }
+    std::optional<OutageNotes::Silence> silence;
+    if (outages_.upToEndNs() != 0) silence = {outages_.latestNs(), endNs};
+    recording_.finish(silence, steadyNowNs());
     return stopped;
 }
 
@@ -282,7 +292,7 @@ void Measurement::onRecord(const xcp::DaqRecord& record) {
     outages_.onRecord(record.timeNs(), record.receiveTimeNs);
     if (sink_ != nullptr) sink_->onRecord(record);
     // A record that the recording cannot take is in its own count of dropped ones.
-    if (recording_) recording_->write(record.listIndex, record.timeNs(), record.data, record.size);
+    recording_.write(record.listIndex, record.timeNs(), record.data, record.size);
 }
 
 Result<bool> Measurement::daqRunning() {
@@ -343,19 +353,19 @@ Result<void> Measurement::restartDaq() {
 }
 
 void Measurement::changeState(SessionState state, const std::string& message) {
-    if (recording_) notes_.onState(state, message, outages_.latestNs(), steadyNowNs(), *recording_);
+    recording_.onState(state, message, outages_.latestNs(), steadyNowNs());
     context_.changeState(state, message);
     // At the start that was done before.
     if (state == SessionState::measuring && !message.empty()) noteWhatRuns();
 }
 
-void Measurement::tellOfEcu(std::int64_t timeNs, const std::string& line) const {
-    if (recording_) recording_->note(line);
-    if (onEcuEvent_) onEcuEvent_(timeNs, line);
+void Measurement::tellOfEcu(std::int64_t timeNs, const std::string& line) {
+    recording_.note(line);
+    if (noteTo_) noteTo_(timeNs, line);
 }
 
 void Measurement::noteWhatRuns() {
-    if (!recording_ && !onEcuEvent_) return;
+    if (!recording_.isOn() && !noteTo_) return;
     const storage::EcuNote note =
         noteEcu(context_.master, context_.description, context_.config, context_.stop.token(), steadyNowNs());
     if (!note.trouble.empty()) log::info("not known what runs in the ECU: {}", note.trouble);

@@ -239,18 +239,20 @@ void TakeRecorder::onState(session::SessionState state, const std::string& messa
     }
 }
 
-void TakeRecorder::onEcuEvent(std::int64_t timeNs, const std::string& line) {
+void TakeRecorder::note(std::int64_t timeNs, const std::string& line) {
     const std::lock_guard lock(mutex_);
-    ecuEvents_.push_back({timeNs, line});
+    events_.push_back({timeNs, line});
     forgetEvents();
 }
 
-/// Those that no take will hold become what is told at the start of one.
+/// Those that no take will hold become what is told at the start of one; of very many the oldest go.
 void TakeRecorder::forgetEvents() {
+    constexpr std::size_t kMost = 10'000;
     const std::int64_t oldestNs = nowNs_ == INT64_MIN ? INT64_MIN : nowNs_ - options_.pre.count();
-    while (pending_.empty() && !ecuEvents_.empty() && ecuEvents_.front().timeNs < oldestNs) {
-        standing_.take(ecuEvents_.front().line);
-        ecuEvents_.pop_front();
+    while (!events_.empty() &&
+           (events_.size() > kMost || (pending_.empty() && events_.front().timeNs < oldestNs))) {
+        standing_.take(events_.front().line);
+        events_.pop_front();
     }
 }
 
@@ -298,7 +300,7 @@ std::uint64_t TakeRecorder::skip(Source& source) {
 void TakeRecorder::noteBegin(const Take& take, const storage::GroupRange& groups) const {
     const std::lock_guard lock(mutex_);
     storage::StandingEvents standing = standing_;
-    for (const EcuEvent& event : ecuEvents_)
+    for (const Event& event : events_)
         if (event.timeNs < take.firstNs) standing.take(event.line);
     groups.note(standing.beginLines(take.firstNs));
     if (take.start) groups.note(storage::triggerLine({take.triggerNs, true, options_.starts[*take.start]}));
@@ -307,7 +309,7 @@ void TakeRecorder::noteBegin(const Take& take, const storage::GroupRange& groups
 void TakeRecorder::noteEnd(const Take& take, const storage::GroupRange& groups) const {
     noteOutages(take, groups);
     const std::lock_guard lock(mutex_);
-    for (const EcuEvent& event : ecuEvents_)
+    for (const Event& event : events_)
         if (event.timeNs >= take.firstNs && (event.timeNs <= take.lastNs || take.cutOff))
             groups.note(event.line);
     if (take.stop) groups.note(storage::triggerLine({take.stopNs, false, options_.stops[*take.stop]}));

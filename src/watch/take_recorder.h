@@ -6,7 +6,7 @@
 // The thread that writes a take's files takes its records right out of that memory.
 //
 // Threads: begin() and finish() belong to the owner; onRecord() where records come, onState() and
-// onEcuEvent() from any; the queries from any. A thread named "take-writer" makes and closes the recordings,
+// note() from any; the queries from any. A thread named "take-writer" makes and closes the recordings,
 // and calls the listener; that of each recording fills it. Lifetime: listener and `describe` are borrowed
 // until finish().
 #pragma once
@@ -22,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/result.h"
@@ -91,9 +92,9 @@ class TakeRecorder {
 
     void onRecord(const xcp::DaqRecord& record, const Fired& fired);
     void onState(session::SessionState state, const std::string& message);
-    /// A line for the events of the takes that hold this time; the newest one about what runs in the ECU is
-    /// told to later takes as well.
-    void onEcuEvent(std::int64_t timeNs, const std::string& line);
+    /// An event, a line of "events.jsonl", for the takes of that time; the newest one about what runs in the
+    /// ECU is told to later takes as well. From any thread.
+    void note(std::int64_t timeNs, const std::string& line);
 
     /// All takes that were asked for are recorded.
     bool isComplete() const { return complete_.load(); }
@@ -118,7 +119,7 @@ class TakeRecorder {
         std::string reason = {};
         std::string outcome = {};
     };
-    struct EcuEvent {
+    struct Event {
         std::int64_t timeNs;
         std::string line;
     };
@@ -161,7 +162,7 @@ class TakeRecorder {
     std::int64_t cutNs_ = INT64_MIN;  ///< of the newest record that had to go for lack of room
     std::vector<Outage> outages_;
     storage::StandingEvents standing_;  ///< of events that were before all takes to come
-    std::deque<EcuEvent> ecuEvents_;
+    std::deque<Event> events_;
     std::vector<Take> takes_;
     bool stopping_ = false;
 };

@@ -123,6 +123,14 @@ RecordingEvents RecordingReader::events() const {
             if (all.ecus.empty() || all.ecus.back().timeNs != note.timeNs)
                 all.ecus.push_back(std::move(note));
         }
+        for (Marker& marker : events.markers) {
+            marker.timeNs += part.shiftNs;
+            all.markers.push_back(std::move(marker));
+        }
+        for (ParameterWrite& write : events.writes) {
+            write.timeNs += part.shiftNs;
+            all.writes.push_back(std::move(write));
+        }
         all.end = events.end;
     }
     return all;
