@@ -68,6 +68,11 @@ Result<void> MeasureCommand::prepare(Form form) {
         return Error{ErrorCode::invalidArgument, "--table and --stdin exclude each other"};
     const auto logInterval = this->logInterval();
     if (!logInterval) return logInterval.error();
+    // Before what these options ask of each other, which would be bad advice.
+    if (options_.watch.recordsTakes() && !options_.recording.takesAreEnough())
+        return Error{ErrorCode::invalidArgument,
+                     "--start-when and --stop-when record takes: --split, --keep, --name and --export do not "
+                     "go with them (`export` does it afterwards)"};
     if (auto able = options_.recording.check(); !able) return able;
     if (options_.signalsFrom) {
         auto names = readSignalList(*options_.signalsFrom, stopToken());
@@ -77,10 +82,6 @@ Result<void> MeasureCommand::prepare(Form form) {
     auto watched = parseWatchOptions(options_.watch, options_.recording.directory(), stopToken());
     if (!watched) return watched.error();
     watchPlan_ = std::move(watched).value();
-    if (watchPlan_.recordsTakes() && !options_.recording.takesAreEnough())
-        return Error{ErrorCode::invalidArgument,
-                     "--start-when and --stop-when record takes: --split, --keep, --name and --export do not "
-                     "go with them (`export` does it afterwards)"};
     log_.emplace(logInterval.value(), options_.recording.directory());
     log_->waitForEcu();
     return {};

@@ -91,6 +91,11 @@ std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
     return fmt::format("{:.3f} s", secondsBetween(info.startHostNs, timeNs));
 }
 
+std::string triggerText(const storage::Trigger& trigger, const RecordingInfo& info) {
+    return printableText("'" + trigger.text + "'") + " at " + secondsText(trigger.timeNs, info) +
+           (trigger.isStart ? " began it" : " ended it");
+}
+
 std::string outageText(const storage::Outage& outage, const RecordingInfo& info) {
     return "from " + secondsText(outage.beginNs, info) + " to " +
            (outage.endNs ? secondsText(*outage.endNs, info) : std::string("the end")) + ": " +

@@ -66,6 +66,9 @@ std::string physicalText(double value, const storage::SignalInfo& signal);
 /// "1.204 s" from the start.
 std::string secondsText(std::int64_t timeNs, const storage::RecordingInfo& info);
 
+/// "'EXPRESSION' at 1.204 s began it"
+std::string triggerText(const storage::Trigger& trigger, const storage::RecordingInfo& info);
+
 /// "from 1.204 s to 3.400 s: REASON; OUTCOME", "... to the end: ..." for one without an end.
 std::string outageText(const storage::Outage& outage, const storage::RecordingInfo& info);
 

@@ -209,6 +209,8 @@ void printHead(const RecordingOverview& overview, Output& output) {
     printParts(overview, output);
     output.append(fmt::format("duration       {:.3f} s\n", secondsOf(overview.span)));
     output.append("size           " + formatSize(overview.bytes) + "\n");
+    for (const storage::Trigger& trigger : overview.events.triggers)
+        output.append("trigger        " + triggerText(trigger, info) + "\n");
     printOutages(overview.events, info, overview.span, output);
     printHappenings(overview.events, info, output);
     printClocks(overview.events, info, output);
@@ -282,6 +284,15 @@ void writeWhatRan(JsonWriter& json, const RecordingOverview& overview) {
         json.beginObject();
         json.member("atNs", sinceStart(step.after.hostNs, info));
         json.member("byNs", step.byNs);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("triggers").beginArray();
+    for (const storage::Trigger& trigger : overview.events.triggers) {
+        json.beginObject();
+        json.member("atNs", sinceStart(trigger.timeNs, info));
+        json.member("what", trigger.isStart ? "start" : "stop");
+        json.member("text", trigger.text);
         json.endObject();
     }
     json.endArray();

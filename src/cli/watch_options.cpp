@@ -69,16 +69,18 @@ Error needs(const char* what, const char* other) {
 Result<void> parseTakes(const WatchOptions& options, const std::string& recordDirectory, WatchPlan& plan) {
     watch::TakeOptions& takes = plan.takes;
     takes.directory = recordDirectory;
-    takes.hasStart = !plan.starts.empty();
-    takes.hasStop = !plan.stops.empty();
+    for (const WantedExpression& wanted : plan.starts)
+        takes.starts.push_back(wanted.expression.text());
+    for (const WantedExpression& wanted : plan.stops)
+        takes.stops.push_back(wanted.expression.text());
+    const bool hasStart = !takes.starts.empty();
     takes.repeat = options.repeat.value_or(1);
     if (plan.recordsTakes() && recordDirectory.empty())
-        return needs(takes.hasStart ? "--start-when" : "--stop-when",
-                     "-r DIRECTORY, below which the takes go");
-    if (options.pre && !takes.hasStart) return needs("--pre", "--start-when");
-    if (options.repeat && !takes.hasStart) return needs("--repeat", "--start-when");
+        return needs(hasStart ? "--start-when" : "--stop-when", "-r DIRECTORY, below which the takes go");
+    if (options.pre && !hasStart) return needs("--pre", "--start-when");
+    if (options.repeat && !hasStart) return needs("--repeat", "--start-when");
     if (options.post && !plan.recordsTakes()) return needs("--post", "--start-when or --stop-when");
-    const bool endsTakes = takes.hasStop || options.post;
+    const bool endsTakes = !takes.stops.empty() || options.post;
     if (options.repeat && takes.repeat != 1 && !endsTakes)
         return needs("--repeat", "--stop-when or --post, which end a take");
     if (options.pre) {

@@ -26,6 +26,8 @@ struct WatchOptions {
     std::optional<std::string> pre;
     std::optional<std::string> post;
     std::optional<std::uint32_t> repeat;
+
+    bool recordsTakes() const { return !startWhen.empty() || !stopWhen.empty(); }
 };
 
 void addWatchOptions(OptionSet& options, WatchOptions& target);
@@ -46,7 +48,7 @@ struct WatchPlan {
     std::vector<WantedExpression> stops;
     watch::TakeOptions takes;
 
-    bool recordsTakes() const { return takes.hasStart || takes.hasStop; }
+    bool recordsTakes() const { return !starts.empty() || !stops.empty(); }
     bool isEmpty() const { return assertions.empty() && !recordsTakes(); }
 };
 

@@ -35,11 +35,14 @@ Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& record
     };
     std::erase_if(events.markers, isOutside);
     std::erase_if(events.writes, isOutside);
+    std::erase_if(events.triggers, isOutside);
     return events;
 }
 
 void noteMarkers(const storage::RecordingEvents& events, const ExportOptions& options,
                  std::vector<std::string>& notes) {
+    if (!events.triggers.empty() && options.format == Format::mf4)
+        notes.push_back(std::to_string(events.triggers.size()) + " trigger(s), in the file as events");
     const std::size_t count = events.markers.size() + events.writes.size();
     if (count == 0) return;
     notes.push_back(std::to_string(count) + " marker(s) and written parameter(s)" +

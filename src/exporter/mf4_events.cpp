@@ -11,7 +11,7 @@ namespace {
 constexpr std::size_t kNext = 0;
 constexpr double kSecondsPerNs = 1e-9;
 
-enum class Type : std::uint8_t { acquisitionInterrupt = 2, marker = 6 };
+enum class Type : std::uint8_t { acquisitionInterrupt = 2, startTrigger = 3, stopTrigger = 4, marker = 6 };
 enum class Range : std::uint8_t { point = 0, begin = 1, end = 2 };
 enum class Cause : std::uint8_t { other = 0, user = 4 };
 
@@ -34,9 +34,12 @@ class EventChain {
         events_.blocks.setLink(last, kNext, events_.first);
         events_.first = first;
     }
+    void addPoint(Type type, Cause cause, const std::string& name, std::int64_t timeNs) {
+        const auto point = add(type, Range::point, cause, 0, name, timeNs);
+        putInFront(point, point);
+    }
     void addMarker(const std::string& name, std::int64_t timeNs) {
-        const auto marker = add(Type::marker, Range::point, Cause::user, 0, name, timeNs);
-        putInFront(marker, marker);
+        addPoint(Type::marker, Cause::user, name, timeNs);
     }
 
   private:
@@ -71,6 +74,9 @@ void addHappenings(Mf4Events& events, const storage::RecordingInfo& info,
         chain.addMarker(marker->text, marker->timeNs);
     for (auto outage = happenings.outages.rbegin(); outage != happenings.outages.rend(); ++outage)
         addOutage(chain, events.blocks, *outage);
+    for (auto trigger = happenings.triggers.rbegin(); trigger != happenings.triggers.rend(); ++trigger)
+        chain.addPoint(trigger->isStart ? Type::startTrigger : Type::stopTrigger, Cause::other, trigger->text,
+                       trigger->timeNs);
 }
 
 }  // namespace lm::exporter

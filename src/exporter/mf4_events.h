@@ -9,7 +9,8 @@
 namespace lm::exporter {
 
 /// Puts in front of `events` a pair (begin and end of an acquisition interrupt) for each outage, a single one
-/// for an outage without an end, and a marker for each remark and each parameter that was written.
+/// for an outage without an end, and a marker for each remark and each parameter that was
+/// written, a start or stop trigger for each trigger.
 void addHappenings(Mf4Events& events, const storage::RecordingInfo& info,
                    const storage::RecordingEvents& happenings);
 

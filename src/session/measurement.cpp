@@ -328,7 +328,8 @@ Result<std::string> Measurement::lookAgain() {
     if (!back) return back.error();
     for (const EcuReturn::Note& note : back.value().notes) {
         log::warn("{}", note.text);
-        recording_.note(storage::ecuChangedLine(steadyNowNs(), note.what, note.text));
+        const std::int64_t nowNs = steadyNowNs();
+        tellOfEcu(nowNs, storage::ecuChangedLine(nowNs, note.what, note.text));
     }
     return std::move(back.value().ending);
 }
@@ -358,13 +359,18 @@ void Measurement::changeState(SessionState state, const std::string& message) {
     if (state == SessionState::measuring && !message.empty()) noteWhatRuns();
 }
 
+void Measurement::tellOfEcu(std::int64_t timeNs, const std::string& line) {
+    recording_.note(line);
+    if (noteTo_) noteTo_(timeNs, line);
+}
+
 void Measurement::noteWhatRuns() {
-    if (!recording_.isOn()) return;
+    if (!recording_.isOn() && !noteTo_) return;
     const storage::EcuNote note =
         noteEcu(context_.master, context_.description, context_.config, context_.stop.token(), steadyNowNs());
     if (!note.trouble.empty()) log::info("not known what runs in the ECU: {}", note.trouble);
     if (!note.epk.empty() || !note.sums.empty() || !note.trouble.empty())
-        recording_.note(storage::ecuLine(note));
+        tellOfEcu(note.timeNs, storage::ecuLine(note));
 }
 
 }  // namespace lm::session

@@ -71,6 +71,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     void tellMisfit();
     void abandonStart();
     void noteWhatRuns();
+    void tellOfEcu(std::int64_t timeNs, const std::string& line);
     void addSilentLists(MeasurementStats& stats) const;
 
     void onRecord(const xcp::DaqRecord& record) override;

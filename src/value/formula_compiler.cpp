@@ -156,10 +156,7 @@ class FormulaCompiler {
 
     const BinaryOperator* peekOperator() {
         peek();
-        const std::string_view rest = text_.substr(at_);
-        for (const BinaryOperator& candidate : kBinaryOperators)
-            if (rest.substr(0, candidate.text.size()) == candidate.text) return &candidate;
-        return nullptr;
+        return operatorAt(text_.substr(at_));
     }
 
     bool parseExpression(int minimumPrecedence) {

@@ -46,6 +46,13 @@ inline constexpr std::array<BinaryOperator, 18> kBinaryOperators = {{
     {"%", kRemainder, 10},
 }};
 
+/// The operator with which the text begins; null: none.
+inline const BinaryOperator* operatorAt(std::string_view text) {
+    for (const BinaryOperator& candidate : kBinaryOperators)
+        if (text.starts_with(candidate.text)) return &candidate;
+    return nullptr;
+}
+
 /// Truncation towards zero that is defined for every double: out of range saturates, NaN is 0.
 inline std::int64_t truncated(double value) {
     if (value >= 0x1p63) return std::numeric_limits<std::int64_t>::max();

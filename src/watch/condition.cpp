@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include "value/formula_operations.h"
 
@@ -133,6 +134,25 @@ bool Condition::append(const Node& node, const SlotOf& slotOf) {
     return true;
 }
 
+/// Makes one instruction of each value that is compared with a number: most of a condition are such.
+void Condition::fuse() {
+    std::vector<Instruction> fused;
+    for (const Instruction& step : program_) {
+        const std::size_t size = fused.size();
+        const bool fits = isComparison(step.opcode) && size >= 2 && fused[size - 2].opcode == kSlot &&
+                          fused[size - 1].opcode == value::kConstant;
+        if (!fits) {
+            fused.push_back(step);
+            continue;
+        }
+        fused[size - 2].opcode = kSlotCompared;
+        fused[size - 2].comparison = step.opcode;
+        fused[size - 2].constant = fused[size - 1].constant;
+        fused.pop_back();
+    }
+    program_ = std::move(fused);
+}
+
 Result<Condition> Condition::compile(const Expression& expression, const SlotOf& slotOf) {
     Condition condition;
     std::size_t depth = 0;
@@ -150,6 +170,7 @@ Result<Condition> Condition::compile(const Expression& expression, const SlotOf&
         condition.comparison_ = condition.program_.back().opcode;
         condition.program_.pop_back();
     }
+    condition.fuse();
     return condition;
 }
 
@@ -195,7 +216,9 @@ double Condition::evaluate(const double* values, std::int64_t nowNs) {
     stack[0] = stack[1] = stack[2] = 0;
     double* top = stack.data();
     for (const Instruction& step : program_) {
-        if (step.opcode == kSlot) {
+        if (step.opcode == kSlotCompared) {
+            *++top = compared(step.comparison, values[step.index], step.constant);
+        } else if (step.opcode == kSlot) {
             *++top = values[step.index];
         } else if (step.opcode == value::kConstant) {
             *++top = step.constant;

@@ -52,10 +52,11 @@ class Condition {
 
   private:
     /// Beyond those of the formula language.
-    enum Opcode : std::uint8_t { kSlot = 100, kRises, kFalls, kHeld };
+    enum Opcode : std::uint8_t { kSlotCompared = 99, kSlot = 100, kRises, kFalls, kHeld };
     struct Instruction {
         std::uint8_t opcode = 0;
-        std::uint32_t index = 0;  ///< of a value, or of a history
+        std::uint8_t comparison = 0;  ///< of a slot with the constant, all in one instruction
+        std::uint32_t index = 0;      ///< of a value, or of a history
         double constant = 0;
         std::int64_t durationNs = 0;
     };
@@ -67,6 +68,7 @@ class Condition {
     };
 
     bool append(const Node& node, const SlotOf& slotOf);
+    void fuse();
     double compareLast(double left, double right);
     double lookBack(const Instruction& step, double truth, std::int64_t nowNs);
 

@@ -110,10 +110,7 @@ class ExpressionParser {
 
     const value::BinaryOperator* peekOperator() {
         peek();
-        const std::string_view rest = text_.substr(at_);
-        for (const value::BinaryOperator& candidate : value::kBinaryOperators)
-            if (rest.starts_with(candidate.text)) return &candidate;
-        return nullptr;
+        return value::operatorAt(text_.substr(at_));
     }
 
     /// 1 < x < 3 would compare a truth with 3.

@@ -24,6 +24,7 @@ RecordMemory::RecordMemory(std::uint64_t bytes) {
 
 bool RecordMemory::push(std::size_t group, std::int64_t timeNs, const std::uint8_t* data, std::size_t size) {
     const std::uint64_t needed = rounded(sizeof(Header) + size);
+    if (begin_ == end_ && needed <= capacity_) rewind();
     const std::uint64_t behind = capacity_ - end_ % capacity_;
     const std::uint64_t skipped = behind < needed ? behind : 0;
     if (size >= kSkip || end_ - begin_ + skipped + needed > capacity_) return false;
@@ -35,6 +36,12 @@ bool RecordMemory::push(std::size_t group, std::int64_t timeNs, const std::uint8
     if (size != 0) std::memcpy(place + sizeof header, data, size);
     end_ += needed;
     return true;
+}
+
+/// Begins at the start of the block again, so that it touches no more of it than it holds at once.
+void RecordMemory::rewind() {
+    const std::uint64_t place = end_ % capacity_;
+    if (place != 0) begin_ = end_ += capacity_ - place;
 }
 
 RecordMemory::Entry RecordMemory::at(Position position) const {

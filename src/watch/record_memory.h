@@ -1,8 +1,9 @@
 // The newest records of a measurement, in one block of memory of a fixed size: a queue whose reader may come
 // back to what it has read, as long as that was not dropped.
 //
-// Threads: none of its own; its owner's lock. Lifetime: owns its bytes; what at() returns is valid until that
-// entry is dropped.
+// Threads: none of its own; its owner's lock, which at() does not need for what is before an end() seen under
+// it and is not dropped meanwhile. Lifetime: owns its bytes; what at() returns is valid until that entry is
+// dropped.
 #pragma once
 
 #include <cstddef>
@@ -33,12 +34,14 @@ class RecordMemory {
 
     /// False when there is no room, nothing is kept then.
     bool push(std::size_t group, std::int64_t timeNs, const std::uint8_t* data, std::size_t size);
-    /// From begin() and before end().
+    /// From begin() and before end(). The end of an empty memory is no place of a later entry, begin() is.
     Entry at(Position position) const;
     /// Not when it is empty.
     void dropOldest();
 
   private:
+    void rewind();
+
     struct Header {
         std::uint32_t size;  ///< kSkip: go on at the start of the block
         std::uint32_t group;

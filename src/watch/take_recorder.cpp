@@ -20,9 +20,6 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kIdleWait{5};
-constexpr std::size_t kBatchBytes = std::size_t{256} << 10U;
-/// Of records under way to the files: far less than the queue of a recording takes.
-constexpr std::uint64_t kMostUnderWay = std::uint64_t{24} << 20U;
 constexpr std::string_view kTakePrefix = "take";
 
 /// For the time before a trigger, and for some seconds in which files are made or closed.
@@ -45,6 +42,68 @@ std::size_t takeNumber(const std::string& name) {
 }
 
 }  // namespace
+
+/// Reads without the lock: what is between a take's next record and an end of the memory that was seen under
+/// the lock stays as it is until that next record moves on.
+class TakeRecorder::Source final : public storage::IRecordSource {
+  public:
+    Source(TakeRecorder& takes, Pending& pending)
+        : takes_(takes),
+          pending_(pending),
+          memory_(*takes.memory_),
+          lastNs_(pending.take.firstNs),
+          at_(pending.next),
+          freed_(at_),
+          end_(at_) {}
+
+    std::optional<storage::QueuedRecord> front() override {
+        while (at_ < end_ || look()) {
+            const RecordMemory::Entry entry = memory_.at(at_);
+            next_ = entry.next;
+            if (entry.timeNs >= pending_.beginNs) {
+                lastNs_ = std::max(lastNs_, entry.timeNs);
+                return storage::QueuedRecord{static_cast<std::uint16_t>(entry.group), entry.timeNs,
+                                             entry.data, entry.size};
+            }
+            pop();
+        }
+        return std::nullopt;
+    }
+
+    void pop() override {
+        // Now and then is enough, and costs little: the place of what was read is wanted for others.
+        constexpr std::uint64_t kPortion = std::uint64_t{64} << 10U;
+        at_ = next_;
+        if (at_ - freed_ >= kPortion) look();
+    }
+
+    /// There is nothing more to come.
+    bool isOver() const {
+        const std::lock_guard lock(takes_.mutex_);
+        return takes_.isOver(pending_);
+    }
+
+  private:
+    /// Gives back what was read; false when there is nothing new.
+    bool look() {
+        const std::lock_guard lock(takes_.mutex_);
+        at_ = std::max(at_, memory_.begin());  // nothing of this take goes, but an empty memory begins again
+        pending_.next = freed_ = at_;
+        pending_.take.lastNs = lastNs_;
+        end_ = pending_.end.value_or(memory_.end());
+        if (takes_.isOver(pending_)) takes_.changed_.notify_one();
+        return at_ < end_;
+    }
+
+    TakeRecorder& takes_;
+    Pending& pending_;
+    const RecordMemory& memory_;
+    std::int64_t lastNs_;
+    RecordMemory::Position at_;
+    RecordMemory::Position next_ = 0;
+    RecordMemory::Position freed_;
+    RecordMemory::Position end_;  ///< up to here it may be read
+};
 
 // --- The owner's side
 
@@ -102,8 +161,9 @@ std::vector<Take> TakeRecorder::takes() const {
 /// What no take needs any more may go.
 RecordMemory::Position TakeRecorder::needed() const {
     RecordMemory::Position least = memory_->end();
-    for (const Pending& pending : pending_)
-        least = std::min(least, pending.next);
+    for (const Pending& pending : pending_) {
+        if (!isOver(pending)) least = std::min(least, pending.next);
+    }
     return least;
 }
 
@@ -134,7 +194,7 @@ void TakeRecorder::open(const xcp::DaqRecord& record, const Fired& fired) {
     pending.beginNs = record.timeNs() - options_.pre.count();
     pending.take.preCut = cutNs_ >= pending.beginNs;
     pending.next = memory_->begin();
-    if (options_.post && !options_.hasStop) pending.endNs = record.timeNs() + options_.post->count();
+    if (options_.post && options_.stops.empty()) pending.endNs = record.timeNs() + options_.post->count();
     pending_.push_back(std::move(pending));
     open_ = &pending_.back();
     changed_.notify_one();
@@ -153,11 +213,12 @@ void TakeRecorder::onRecord(const xcp::DaqRecord& record, const Fired& fired) {
         if (fired.start) ++open_->take.triggersInside;
     } else if (!mayOpen) {
         return;
-    } else if (fired.start || !options_.hasStart) {
+    } else if (fired.start || options_.starts.empty()) {
         open(record, fired);
     }
     if (open_ != nullptr && !open_->endNs && fired.stop) {
         open_->take.stop = fired.stop;
+        open_->take.stopNs = record.timeNs();
         open_->endNs = record.timeNs() + options_.post.value_or(std::chrono::nanoseconds(0)).count();
     }
     keep(record);
@@ -179,10 +240,20 @@ void TakeRecorder::onState(session::SessionState state, const std::string& messa
 }
 
 void TakeRecorder::note(std::int64_t timeNs, const std::string& line) {
-    constexpr std::size_t kMost = 10'000;
     const std::lock_guard lock(mutex_);
-    notes_.emplace_back(timeNs, line);
-    if (notes_.size() > kMost) notes_.pop_front();
+    events_.push_back({timeNs, line});
+    forgetEvents();
+}
+
+/// Those that no take will hold become what is told at the start of one; of very many the oldest go.
+void TakeRecorder::forgetEvents() {
+    constexpr std::size_t kMost = 10'000;
+    const std::int64_t oldestNs = nowNs_ == INT64_MIN ? INT64_MIN : nowNs_ - options_.pre.count();
+    while (!events_.empty() &&
+           (events_.size() > kMost || (pending_.empty() && events_.front().timeNs < oldestNs))) {
+        standing_.take(events_.front().line);
+        events_.pop_front();
+    }
 }
 
 // --- The thread of the takes
@@ -199,6 +270,7 @@ void TakeRecorder::run() {
         lock.lock();
         takes_.push_back(std::move(oldest.take));
         pending_.pop_front();
+        forgetEvents();
         complete_ = options_.repeat != 0 && takes_.size() >= options_.repeat;
     }
 }
@@ -206,7 +278,7 @@ void TakeRecorder::run() {
 /// Of its oldest record in the memory.
 std::int64_t TakeRecorder::firstTimeOf(const Pending& pending) const {
     const std::lock_guard lock(mutex_);
-    for (auto at = pending.next; at < memory_->end();) {
+    for (auto at = std::max(pending.next, memory_->begin()); at < memory_->end();) {
         const RecordMemory::Entry entry = memory_->at(at);
         if (entry.timeNs >= pending.beginNs) return entry.timeNs;
         at = entry.next;
@@ -214,53 +286,36 @@ std::int64_t TakeRecorder::firstTimeOf(const Pending& pending) const {
     return pending.take.triggerNs;
 }
 
-/// False when there is nothing more to come.
-bool TakeRecorder::takeBatch(Pending& pending, Batch& batch) {
-    batch.records.clear();
-    batch.bytes.clear();
-    const std::lock_guard lock(mutex_);
-    const RecordMemory::Position end = pending.end.value_or(memory_->end());
-    while (pending.next < end && batch.bytes.size() < kBatchBytes) {
-        const RecordMemory::Entry entry = memory_->at(pending.next);
-        pending.next = entry.next;
-        if (entry.timeNs < pending.beginNs) continue;
-        batch.records.push_back({entry.group, entry.timeNs, batch.bytes.size(), entry.size});
-        batch.bytes.insert(batch.bytes.end(), entry.data, entry.data + entry.size);
-    }
-    return pending.next < end || !pending.end;
-}
-
-void TakeRecorder::write(Pending& pending, storage::Recorder& recorder, const storage::GroupRange& groups) {
-    Batch batch;
-    std::uint64_t given = 0;
-    std::uint64_t largest = 1;
-    for (bool more = true; more;) {
-        more = takeBatch(pending, batch);
-        for (const Batch::Record& record : batch.records) {
-            largest = std::max<std::uint64_t>(largest, record.size + 24);
-            groups.write(record.group, record.timeNs, batch.bytes.data() + record.offset, record.size);
-            ++given;
-            pending.take.lastNs = std::max(pending.take.lastNs, record.timeNs);
-        }
-        while ((given - recorder.recordsWritten() - recorder.recordsDropped()) * largest > kMostUnderWay)
-            std::this_thread::sleep_for(kIdleWait);
-        if (more && batch.records.empty()) std::this_thread::sleep_for(kIdleWait);
-    }
-}
-
 /// Returns how many records that were.
-std::uint64_t TakeRecorder::skip(Pending& pending) {
-    Batch batch;
+std::uint64_t TakeRecorder::skip(Source& source) {
     std::uint64_t missed = 0;
-    for (bool more = true; more;) {
-        more = takeBatch(pending, batch);
-        missed += batch.records.size();
-        if (more && batch.records.empty()) std::this_thread::sleep_for(kIdleWait);
+    for (;;) {
+        for (; source.front(); source.pop())
+            ++missed;
+        if (source.isOver()) return missed;
+        std::this_thread::sleep_for(kIdleWait);
     }
-    return missed;
 }
 
-void TakeRecorder::noteEvents(const Take& take, const storage::GroupRange& groups) const {
+void TakeRecorder::noteBegin(const Take& take, const storage::GroupRange& groups) const {
+    const std::lock_guard lock(mutex_);
+    storage::StandingEvents standing = standing_;
+    for (const Event& event : events_)
+        if (event.timeNs < take.firstNs) standing.take(event.line);
+    groups.note(standing.beginLines(take.firstNs));
+    if (take.start) groups.note(storage::triggerLine({take.triggerNs, true, options_.starts[*take.start]}));
+}
+
+void TakeRecorder::noteEnd(const Take& take, const storage::GroupRange& groups) const {
+    noteOutages(take, groups);
+    const std::lock_guard lock(mutex_);
+    for (const Event& event : events_)
+        if (event.timeNs >= take.firstNs && (event.timeNs <= take.lastNs || take.cutOff))
+            groups.note(event.line);
+    if (take.stop) groups.note(storage::triggerLine({take.stopNs, false, options_.stops[*take.stop]}));
+}
+
+void TakeRecorder::noteOutages(const Take& take, const storage::GroupRange& groups) const {
     const std::lock_guard lock(mutex_);
     for (const Outage& outage : outages_) {
         const bool overlaps =
@@ -271,9 +326,6 @@ void TakeRecorder::noteEvents(const Take& take, const storage::GroupRange& group
         groups.note(
             storage::outageEndLine(outage.endNs.value_or(nowNs_), outage.endNs.has_value(),
                                    outage.outcome.empty() ? "the measurement ended" : outage.outcome));
-    }
-    for (const auto& [timeNs, line] : notes_) {
-        if (timeNs >= take.firstNs && timeNs <= take.lastNs) groups.note(line);
     }
 }
 
@@ -292,22 +344,28 @@ void TakeRecorder::record(Pending& pending) {
     info.startUtcNs -= info.startHostNs - take.firstNs;
     info.startHostNs = take.firstNs;
     std::vector<storage::GroupInfo> groups = std::exchange(info.groups, {});
+    Source source(*this, pending);
     storage::Recorder recorder(std::move(info));
     const storage::GroupRange range = recorder.add(std::move(groups));
     storage::RecordingPlace place;
     place.directory = take.directory;
     place.companions = companions_;
+    place.source = &source;
     if (auto begun = recorder.begin(place, storage::DiskForecast::Seconds(0)); !begun) {
         take.error = begun.error();
         tellBegun(pending);
-        const std::uint64_t missed = skip(pending);
+        const std::uint64_t missed = skip(source);
         take.dropped += missed;
         listener_.onTakeEnded(take);
         return;
     }
     tellBegun(pending);
-    write(pending, recorder, range);
-    noteEvents(take, range);
+    noteBegin(take, range);
+    {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return isOver(pending); });
+    }
+    noteEnd(take, range);
     if (auto closed = recorder.close(); !closed) take.error = closed.error();
     take.recorded = recorder.recordsWritten();
     take.dropped += recorder.recordsDropped();

@@ -3,10 +3,12 @@
 //
 // All records go through a memory of constant size. What is before a trigger comes from there, and what comes
 // while the files of a take are being made or closed waits there; so nothing of the next take is lost either.
+// The thread that writes a take's files takes its records right out of that memory.
 //
-// Threads: begin() and finish() belong to the owner; onRecord() where records come, onState() from any; the
-// queries from any. A thread named "take-writer" makes, fills and closes the recordings, and calls the
-// listener. Lifetime: listener and `describe` are borrowed until finish().
+// Threads: begin() and finish() belong to the owner; onRecord() where records come, onState() and
+// note() from any; the queries from any. A thread named "take-writer" makes and closes the recordings,
+// and calls the listener; that of each recording fills it. Lifetime: listener and `describe` are borrowed
+// until finish().
 #pragma once
 
 #include <atomic>
@@ -25,6 +27,7 @@
 
 #include "core/result.h"
 #include "session/session_state.h"
+#include "storage/format/recording_events.h"
 #include "storage/write/recorder.h"
 #include "watch/record_memory.h"
 #include "watch/watcher.h"
@@ -38,6 +41,7 @@ struct Take {
     std::optional<std::size_t> stop = {};   ///< none: its time was over, or the measurement
     bool cutOff = false;                    ///< the measurement ended first
     std::int64_t triggerNs = 0;             ///< these on the clock of the records
+    std::int64_t stopNs = 0;                ///< of `stop`
     std::int64_t firstNs = 0;
     std::int64_t lastNs = 0;
     std::uint64_t recorded = 0;
@@ -57,8 +61,9 @@ class ITakeListener {
 
 struct TakeOptions {
     std::filesystem::path directory;
-    bool hasStart = false;  ///< else the first record begins the only take
-    bool hasStop = false;
+    // Texts of the triggers; without a start the first record begins the only take.
+    std::vector<std::string> starts = {};
+    std::vector<std::string> stops = {};
     std::chrono::nanoseconds pre{0};
     /// After the stop, or without one after the start; none: not at all, or up to the end.
     std::optional<std::chrono::nanoseconds> post = {};
@@ -87,7 +92,8 @@ class TakeRecorder {
 
     void onRecord(const xcp::DaqRecord& record, const Fired& fired);
     void onState(session::SessionState state, const std::string& message);
-    /// An event, a line of "events.jsonl", for the takes of that time. From any thread.
+    /// An event, a line of "events.jsonl", for the takes of that time; the newest one about what runs in the
+    /// ECU is told to later takes as well. From any thread.
     void note(std::int64_t timeNs, const std::string& line);
 
     /// All takes that were asked for are recorded.
@@ -104,7 +110,7 @@ class TakeRecorder {
         Take take;
         std::int64_t beginNs = 0;
         std::optional<std::int64_t> endNs = {};  ///< no later records
-        RecordMemory::Position next = 0;         ///< to be written
+        RecordMemory::Position next = 0;         ///< to be written; what is before may go
         std::optional<RecordMemory::Position> end = {};
     };
     struct Outage {
@@ -113,17 +119,12 @@ class TakeRecorder {
         std::string reason = {};
         std::string outcome = {};
     };
-    /// Records out of the memory, so that they are written without its lock.
-    struct Batch {
-        struct Record {
-            std::size_t group;
-            std::int64_t timeNs;
-            std::size_t offset;
-            std::size_t size;
-        };
-        std::vector<Record> records;
-        std::vector<std::uint8_t> bytes;
+    struct Event {
+        std::int64_t timeNs;
+        std::string line;
     };
+    /// The records of a take, for the thread that writes its files.
+    class Source;
 
     Result<void> prepareDirectory();
     void open(const xcp::DaqRecord& record, const Fired& fired);
@@ -135,10 +136,12 @@ class TakeRecorder {
     void record(Pending& pending);
     void tellBegun(const Pending& pending);
     std::int64_t firstTimeOf(const Pending& pending) const;
-    bool takeBatch(Pending& pending, Batch& batch);
-    void write(Pending& pending, storage::Recorder& recorder, const storage::GroupRange& groups);
-    std::uint64_t skip(Pending& pending);
-    void noteEvents(const Take& take, const storage::GroupRange& groups) const;
+    bool isOver(const Pending& pending) const { return pending.end && pending.next >= *pending.end; }
+    static std::uint64_t skip(Source& source);
+    void noteBegin(const Take& take, const storage::GroupRange& groups) const;
+    void noteEnd(const Take& take, const storage::GroupRange& groups) const;
+    void noteOutages(const Take& take, const storage::GroupRange& groups) const;
+    void forgetEvents();
 
     const TakeOptions options_;
     const Describe describe_;
@@ -158,7 +161,8 @@ class TakeRecorder {
     std::int64_t nowNs_ = INT64_MIN;
     std::int64_t cutNs_ = INT64_MIN;  ///< of the newest record that had to go for lack of room
     std::vector<Outage> outages_;
-    std::deque<std::pair<std::int64_t, std::string>> notes_;  ///< the latest
+    storage::StandingEvents standing_;  ///< of events that were before all takes to come
+    std::deque<Event> events_;
     std::vector<Take> takes_;
     bool stopping_ = false;
 };

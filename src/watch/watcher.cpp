@@ -171,6 +171,20 @@ void Watcher::evaluate(Watched& watched, Fired& fired) {
     watched.wasTrue = isTrue;
 }
 
+/// What nearly all records come to, told by one comparison: a plain assertion holds or does not as before.
+bool Watcher::staysAsItWas(Watched& watched) {
+    const double margin = watched.margin.of(values_[watched.margin.slot]);
+    // A value that is not a number is never as before.
+    if (!(margin >= watched.leastMargin) || watched.margin.holds(margin) == watched.wasViolated) return false;
+    if (watched.wasViolated) {
+        ++watched.stillViolated;
+        watched.violatedNs = nowNs_;
+    } else {
+        ++watched.stillHeld;
+    }
+    return true;
+}
+
 Fired Watcher::onRecord(const xcp::DaqRecord& record) {
     Fired fired;
     const std::lock_guard lock(mutex_);
@@ -185,14 +199,7 @@ Fired Watcher::onRecord(const xcp::DaqRecord& record) {
     for (const std::size_t index : list.conditions) {
         Watched& watched = watched_[index];
         if (watched.missing != 0) continue;
-        if (watched.margin.isPlain && !watched.wasViolated) {
-            const double margin = watched.margin.of(values_[watched.margin.slot]);
-            if (margin >= watched.leastMargin && watched.margin.holds(margin)) {
-                ++watched.uneventful;
-                continue;
-            }
-        }
-        evaluate(watched, fired);
+        if (!watched.margin.isPlain || !staysAsItWas(watched)) evaluate(watched, fired);
     }
     return fired;
 }
@@ -212,7 +219,12 @@ std::vector<Verdict> Watcher::verdicts() const {
     const std::lock_guard lock(mutex_);
     std::vector<Verdict> verdicts = verdicts_;
     for (const Watched& watched : watched_) {
-        if (watched.role == Role::assertion) verdicts[watched.index].records += watched.uneventful;
+        if (watched.role != Role::assertion) continue;
+        Verdict& verdict = verdicts[watched.index];
+        verdict.records += watched.stillHeld + watched.stillViolated;
+        verdict.violated += watched.stillViolated;
+        if (watched.stillViolated != 0)
+            verdict.lastNs = std::max(verdict.lastNs, watched.violatedNs - *firstNs_);
     }
     return verdicts;
 }

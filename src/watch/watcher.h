@@ -117,7 +117,10 @@ class Watcher {
         Margin margin;
         double leastMargin = std::numeric_limits<double>::quiet_NaN();  ///< until there is one
         std::size_t missing = 0;                                        ///< signals without a value
-        std::uint64_t uneventful = 0;  ///< records with which a plain assertion held, and better than before
+        // Records with which a plain assertion held, or was violated, as before and no worse.
+        std::uint64_t stillHeld = 0;
+        std::uint64_t stillViolated = 0;
+        std::int64_t violatedNs = 0;  ///< the last of these
         bool wasTrue = false;
         bool wasViolated = false;
         bool undecided = false;  ///< at least once
@@ -156,6 +159,7 @@ class Watcher {
     void take(Column& column, const std::uint8_t* bytes);
     void setKnown(Slot& slot);
     void judge(Watched& watched, double truth);
+    bool staysAsItWas(Watched& watched);
     void evaluate(Watched& watched, Fired& fired);
 
     std::vector<Wanted> expressions_;  ///< constant since bind()

@@ -7,6 +7,8 @@
 //   CALLS_STRIKE  N:ERRNO:MODE. once: the N-th call fails. on: all from the N-th on fail. short: a write
 //                 takes half of its bytes. torn: the same, and the two calls behind it fail. kill: the
 //                 program ends there, a write half-way.
+//   CALLS_CLOCK   MILLISECONDS:SECONDS. So long after its first look at it, the program finds the system's
+//                 clock set by so much.
 //
 // Threads: any. Lifetime: the whole of the process.
 #include <atomic>
@@ -17,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <string>
@@ -46,6 +49,18 @@ Strike readStrike() {
         std::abort();
     }
     return strike;
+}
+
+struct ClockSet {
+    long after = 0;  ///< milliseconds
+    long seconds = 0;
+};
+
+ClockSet readClockSet() {
+    ClockSet set;
+    const char* text = std::getenv("CALLS_CLOCK");
+    if (text != nullptr && std::sscanf(text, "%ld:%ld", &set.after, &set.seconds) != 2) std::abort();
+    return set;
 }
 
 bool isBelow(std::string_view path) {
@@ -185,6 +200,21 @@ int fsync(int descriptor) {
 
 int fdatasync(int descriptor) {
     return Call("sync", pathOf(descriptor)).run([&](std::size_t) { return ORIGINAL(fdatasync)(descriptor); });
+}
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    static const auto real = ORIGINAL(clock_gettime);
+    const auto milliseconds = [] {
+        timespec now{};
+        real(CLOCK_MONOTONIC, &now);
+        return static_cast<long>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+    };
+    static const ClockSet set = readClockSet();
+    static const long first = milliseconds();
+    const int result = real(clock, time);
+    if (clock == CLOCK_REALTIME && result == 0 && set.seconds != 0 && milliseconds() - first >= set.after)
+        time->tv_sec += set.seconds;
+    return result;
 }
 
 int close(int descriptor) {

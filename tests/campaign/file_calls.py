@@ -15,12 +15,12 @@ class FileCalls(campaign.Campaign):
     kept = {}  # recordings that all cases start from
     keeping = threading.RLock()
 
-    def run_noted(self, arguments, strike=None):
+    def run_noted(self, arguments, strike=None, clock=None):
         """Runs the tool; returns how it ended and its calls for files below the directory `below`."""
         below, log = self.dir / "below", self.dir / "calls"
         below.mkdir(exist_ok=True)
         env = dict(self.env, LD_PRELOAD=LIBRARY, CALLS_BELOW=str(below), CALLS_LOG=str(log))
-        done = self.run_plain(*arguments, env=env | ({"CALLS_STRIKE": strike} if strike else {}))
+        done = self.run_plain(*arguments, env=env | ({"CALLS_STRIKE": strike} if strike else {}) | ({"CALLS_CLOCK": clock} if clock else {}))
         lines = log.read_text().splitlines() if log.exists() else []
         calls = [Call(int(number), name, path, *map(int, rest)) for number, name, path, *rest in map(str.split, lines)]
         return done, calls

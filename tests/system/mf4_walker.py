@@ -22,6 +22,8 @@ def need(condition, what):
     if not condition:
         raise ValueError(what)
 
+TRIGGERS = {3: "start trigger ", 4: "stop trigger "}  # by the kind of an event
+
 
 class Block:
     def __init__(self, file, place, kinds):
@@ -116,13 +118,13 @@ class File:
     def event(self, block):
         kind, sync, mode, cause, *zero, scopes, attachments, _, base, factor = block.unpack("<8BIHHqd")
         need((sync, any(zero), attachments) == (1, False, 0) and len(block.links) == 5 + scopes, "event")
-        need((kind, cause) == (2, 0) or (kind, cause, mode, scopes) == (6, 4, 0, 0), "interrupt or marker")
-        need(kind == 6 or scopes == (not self.text(block.links[3]).startswith("outage")), "scope")
+        need((kind, cause) == (2, 0) or (kind, cause, mode, scopes) in ((6, 4, 0, 0), (3, 0, 0, 0), (4, 0, 0, 0)), "kind of event")
+        need(kind != 2 or scopes == (not self.text(block.links[3]).startswith("outage")), "scope")
         scope = next((g.name for g in self.groups if scopes and g.place == block.links[5]), None)
         need((mode == 2) == (block.links[2] != 0), "an end without a begin")
         if mode == 2:
             need(self.block(block.links[2], "EV").unpack("<BBB")[2] == 1, "an end of no begin")
-        return self.text(block.links[3]), scope, mode, base * factor
+        return TRIGGERS.get(kind, "") + self.text(block.links[3]), scope, mode, base * factor
 
     def check_cover(self):
         """Every byte belongs to one block that was reached, or is zero and stands before an 8 byte or page border."""

@@ -74,8 +74,9 @@ class WatchTest(harness.SystemTest):
                 ([*takes, *start, "--repeat", 2], "--repeat needs --stop-when or --post, which end a take"),
                 ([*takes, *start, "--pre", "5"], "--pre: '5' is no time (2s, 500ms, 1.5min or 1h)"),
                 ([*takes, *start, "--post", "-5s"], "--post: '-5s' is no time (2s, 500ms, 1.5min or 1h)"),
-                ([*takes, *start, "--split", "1h"],
-                 "--start-when and --stop-when record takes: --split, --keep, --name and --export do not go with them (`export` does it afterwards)"),
+                *(([*takes, *start, *option], "--start-when and --stop-when record takes: --split, --keep, --name and --export do not "
+                   "go with them (`export` does it afterwards)")
+                  for option in (["--split", "1h"], ["--keep", "1d"], ["--name", "{n}"], ["--export", "mf4"])),
                 (["-r", self.dir / "old", *start], f"{self.dir}/old already contains a recording"),
                 (["--assert", ": wave>1"], "--assert ': wave>1': a name belongs in front of the colon"),
                 (["--assert-file", self.dir / "none"], f"cannot open {self.dir}/none: No such file or directory"),
@@ -120,8 +121,8 @@ class WatchTest(harness.SystemTest):
         self.assertEqual((done.returncode, kind, message[:16]), (1, "error", "connect: CONNECT"))
 
     def test_takes(self):
-        """Numbers go on behind those that are there; what is open at the end is closed, by Ctrl-C too."""
-        sim = self.start_sim()
+        """Numbers go on behind those that are there; what is open at the end is closed, by Ctrl-C too. Each tells what ran."""
+        sim = self.start_sim("--epk", "PUMP 3.1", "--pages", 2)
         takes = self.dir / "takes"
         rising = ["-r", takes, "--start-when", "rises(counter_10ms%20==0)", "--pre", "55ms", "--post", "35ms"]
         done = self.measure(sim, *rising, "--repeat", 3, seconds=harness.PATIENCE)
@@ -131,8 +132,15 @@ class WatchTest(harness.SystemTest):
         tool.wait_for_err("recording to")
         self.assertEqual(harness.stop(tool)[0], 0, tool.err)
         self.assertIn("the measurement ended, recorded", tool.err)
+        shown = self.run_plain("recording", "show", takes / "take004", "-s", "counter_10ms").stdout
+        self.assertIn("trigger 'counter_10ms%20==10' at 0.000 s began it\n", shown)
         self.assertEqual(sorted(p.name for p in takes.iterdir()), [f"take{n:03}" for n in range(1, 5)])
         for number in (1, 2, 3):
+            told = json.loads(self.run_plain("recording", "info", takes / f"take{number:03}", "--json").stdout)
+            stamps = Recording(takes / f"take{number:03}").groups[0].timestamps
+            self.assertEqual(told["triggers"], [{"atNs": stamps[-4] - stamps[0], "what": "start", "text": rising[3]}])
+            self.assertEqual([(ran["epk"], len(ran["checksums"])) for ran in told["ecuRan"]], [("PUMP 3.1", 2)])
+            self.assertEqual((told["commandLine"][-1], len(told["a2lSha256"])), ("3", 64))
             held = Recording(takes / f"take{number:03}").groups[0].counters()
             trigger = held[-4]
             self.assertEqual((trigger % 20, held), (0, list(range(trigger - len(held) + 4, trigger + 4))))
@@ -147,7 +155,7 @@ class WatchTest(harness.SystemTest):
 
     def test_a_take_over_an_outage(self):
         """The outage stands in the take; for() begins again behind it."""
-        sim = self.start_sim()
+        sim = self.start_sim("--epk", "PUMP 3.1")
         config = self.quick_config()
         tool = self.start_cli(sim, "-c", config, "--reconnect", "retry_forever", "measure", "-p", 0,
                               *harness.signals(["counter_10ms@1"]), "-r", self.dir / "takes", "--start-when", "counter_10ms>0",
@@ -155,13 +163,15 @@ class WatchTest(harness.SystemTest):
         tool.wait_for_err("recording to")
         sim.kill()
         tool.wait_for_err("** reconnecting")
-        self.start_sim(port=sim.port)
+        self.start_sim("--epk", "PUMP 3.1", port=sim.port)
         self.assertEqual(tool.finish(), 0, tool.err)
         told = recording.events(self.dir / "takes" / "take001")
         outage = [event for event in told if event["event"].startswith("outage")]
         self.assertEqual([event["event"] for event in outage], ["outageBegin", "outageEnd"], told)
         behind = [t for t in Recording(self.dir / "takes" / "take001").groups[0].timestamps if t > outage[0]["timeNs"]]
         self.assertGreaterEqual(behind[-1] - behind[0], 3 * 10**9)
+        self.assertEqual([event["event"] for event in told].count("ecu"), 2, "at the start and after the reconnection")
+        self.assertEqual([(event["what"], event["timeNs"]) for event in told if event["event"] == "trigger"][1], ("stop", behind[-1]))
 
     def test_wait(self):
         report, waiting = self.dir / "wait.xml", r"^waiting for .*, up to \d+m?s - Ctrl-C to stop\n$"

@@ -67,6 +67,7 @@ class EventReader {
         if (*kind == "ecuChanged") return takeChange(json, *time);
         if (*kind == "clockStep") return takeStep(json, *time);
         if (*kind == "ecu") return takeEcu(json, *time);
+        if (*kind == "trigger") return takeTrigger(json, *time);
         if (*kind == "marker") return takeMarker(json, *time);
         if (*kind == "parameter") return takeWrite(json, *time);
         if (*kind == "partBegin") return takeBorder(json, *time, events_.begin);
@@ -120,6 +121,12 @@ class EventReader {
         const auto by = integerAt(json, "byNs");
         if (!utc || !by) return fault("is no event");
         events_.steps.push_back({{time, *utc}, *by});
+    }
+    void takeTrigger(const Json& json, std::int64_t time) {
+        const auto what = textAt(json, "what");
+        auto text = textAt(json, "text");
+        if ((what != "start" && what != "stop") || !text) return fault("is no event");
+        events_.triggers.push_back({time, what == "start", std::move(*text)});
     }
     void takeEcu(const Json& json, std::int64_t time) {
         EcuNote note{time, textAt(json, "epk").value_or(""), textAt(json, "trouble").value_or("")};
@@ -275,6 +282,13 @@ std::string ecuLine(const EcuNote& note) {
     }
     if (!sums.empty()) json["checksums"] = std::move(sums);
     return lineOf(json);
+}
+
+std::string triggerLine(const Trigger& trigger) {
+    return lineOf({{"event", "trigger"},
+                   {"timeNs", trigger.timeNs},
+                   {"what", trigger.isStart ? "start" : "stop"},
+                   {"text", trigger.text}});
 }
 
 std::string markerLine(const Marker& marker) {

@@ -49,6 +49,13 @@ struct ClockStep {
     std::int64_t byNs = 0;  ///< UTC against the clock of the timestamps
 };
 
+/// A condition that began a recording around it, or ended it.
+struct Trigger {
+    std::int64_t timeNs = 0;  ///< of the record with which it became true
+    bool isStart = true;
+    std::string text;  ///< the expression
+};
+
 /// What ran in the ECU, as far as it told: at the start of the recording and after each reconnection.
 struct EcuNote {
     struct Sum {
@@ -99,6 +106,7 @@ std::string clockLine(const ClockPair& clocks);
 std::string ecuChangedLine(std::int64_t timeNs, std::string_view what, const std::string& text);
 std::string clockStepLine(const ClockStep& step);
 std::string ecuLine(const EcuNote& note);
+std::string triggerLine(const Trigger& trigger);
 std::string markerLine(const Marker& marker);
 std::string parameterLine(const ParameterWrite& write);
 std::string partBeginLine(const PartBorder& border);
@@ -147,6 +155,7 @@ struct RecordingEvents {
     std::vector<ClockPair> clocks;      ///< the first one is that of "meta.json"
     std::vector<ClockStep> steps;
     std::vector<EcuNote> ecus;
+    std::vector<Trigger> triggers;
     std::vector<Marker> markers;
     std::vector<ParameterWrite> writes;
     std::optional<PartBorder> begin;  ///< of a part; none for the first one

@@ -109,6 +109,14 @@ RecordingEvents RecordingReader::events() const {
             step.after.hostNs += part.shiftNs;
             all.steps.push_back(step);
         }
+        for (EcuChange& change : events.ecuChanges) {
+            change.timeNs += part.shiftNs;
+            all.ecuChanges.push_back(std::move(change));
+        }
+        for (Trigger& trigger : events.triggers) {
+            trigger.timeNs += part.shiftNs;
+            all.triggers.push_back(std::move(trigger));
+        }
         for (EcuNote& note : events.ecus) {
             note.timeNs += part.shiftNs;
             // What a split repeats is not new.

@@ -62,7 +62,7 @@ void ByteRing::close() {
     closed_ = true;
 }
 
-std::optional<ByteRing::Entry> ByteRing::front() {
+std::optional<QueuedRecord> ByteRing::front() {
     std::uint64_t position = read_.load(std::memory_order_relaxed);
     if (position == written_.load(std::memory_order_acquire)) return std::nullopt;
     auto length = readLittle<std::uint32_t>(at(position));
@@ -72,9 +72,9 @@ std::optional<ByteRing::Entry> ByteRing::front() {
     }
     const std::uint8_t* entry = at(position);
     frontEnd_ = position + roundUpToFour(kLengthField + length);
-    return Entry{readLittle<std::uint16_t>(entry + 4),
-                 static_cast<std::int64_t>(readLittle<std::uint64_t>(entry + 12)), entry + kEntryHeader,
-                 length - (kEntryHeader - kLengthField)};
+    return QueuedRecord{readLittle<std::uint16_t>(entry + 4),
+                        static_cast<std::int64_t>(readLittle<std::uint64_t>(entry + 12)),
+                        entry + kEntryHeader, length - (kEntryHeader - kLengthField)};
 }
 
 void ByteRing::pop() {

@@ -13,22 +13,17 @@
 #include <mutex>
 #include <optional>
 
+#include "storage/write/record_source.h"
+
 namespace lm::storage {
 
 /// An entry in memory: 4 bytes length L (16 + record bytes), 2 bytes group, 6 zero bytes, 8 bytes timestamp,
 /// the record; rounded up to a multiple of 4. An entry never wraps: when it does not fit before the end of
 /// the buffer, the length 0xFFFFFFFF stands there and the entry at the start.
-class ByteRing {
+class ByteRing final : public IRecordSource {
   public:
     static constexpr std::uint64_t kEntryHeader = 20;  ///< bytes of an entry in front of its record
     static constexpr std::uint64_t kMaxCapacity = std::uint64_t{1} << 62U;
-
-    struct Entry {
-        std::uint16_t group = 0;
-        std::int64_t timestampNs = 0;
-        const std::uint8_t* data = nullptr;
-        std::size_t length = 0;
-    };
 
     /// `bytes` (at most kMaxCapacity) is rounded up to a power of two, at least 64. Without so much memory
     /// the capacity is 0. The memory is not touched before it is used.
@@ -42,13 +37,11 @@ class ByteRing {
     /// From now on push() refuses; what is queued stays.
     void close();
 
-    /// The oldest entry, none when the ring is empty.
-    std::optional<Entry> front();
-    /// Frees the entry that front() returned last.
-    void pop();
+    std::optional<QueuedRecord> front() override;
+    void pop() override;
     /// Lets an empty ring begin at its start again, so that only as much of its memory is ever touched as was
     /// queued at once. Does nothing while there are entries or a producer is at work.
-    void rewind();
+    void rewind() override;
 
   private:
     std::uint8_t* at(std::uint64_t position) { return &buffer_[position & mask_]; }

@@ -35,6 +35,7 @@ Result<void> Recorder::begin(const RecordingPlace& place, DiskForecast::Seconds 
     WriterOptions options;
     options.queueBytes = recommendedQueueBytes(info_);
     options.companions = place.companions;
+    options.source = place.source;
     if (auto claimed = claimDirectory(place, options); !claimed) return claimed;
     auto writer = RecordingWriter::create(directory_, info_, options);
     if (!writer) return writer.error();

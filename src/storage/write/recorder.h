@@ -54,6 +54,7 @@ struct RecordingPlace {
     KeepRule keep = {};                          ///< of the closed parts
     ICareForParts* care = nullptr;               ///< of each recording that is closed; borrowed
     std::vector<CompanionFile> companions = {};  ///< in each of them
+    IRecordSource* source = nullptr;             ///< as WriterOptions::source; borrowed
 };
 
 class Recorder {

@@ -44,7 +44,10 @@ std::int64_t millisecondsSince(Clock::time_point start) {
 
 struct RecordingWriter::State {
     State(const fs::path& directory, const RecordingInfo& recording, const WriterOptions& options)
-        : path(directory), flushIntervalMs(options.flushIntervalMs), ring(options.queueBytes) {
+        : path(directory),
+          flushIntervalMs(options.flushIntervalMs),
+          ring(options.source != nullptr ? 0 : options.queueBytes),
+          source(options.source != nullptr ? *options.source : ring) {
         for (const GroupInfo& group : recording.groups)
             recordSizes.push_back(group.recordSize);
     }
@@ -60,6 +63,10 @@ struct RecordingWriter::State {
     void noteClocks(const ClockPair& now);
     void flushAll();
     bool waitForMore();
+    bool fits(std::size_t group, std::size_t length) const {
+        return group < recordSizes.size() && length == recordSizes[group];
+    }
+    void drop() { counters.recordsDropped.fetch_add(1, std::memory_order_relaxed); }
 
     // Constant after create().
     const fs::path path;
@@ -68,6 +75,7 @@ struct RecordingWriter::State {
 
     // Safe from any thread.
     ByteRing ring;
+    IRecordSource& source;  ///< the file thread's
     RecordingCounters counters;
 
     // The file thread's while it runs.
@@ -173,10 +181,14 @@ void RecordingWriter::State::noteClocks(const ClockPair& now) {
 /// False when the queue was found empty.
 bool RecordingWriter::State::takeBatch() {
     for (std::size_t i = 0; i < kBatch; ++i) {
-        const auto entry = ring.front();
-        if (!entry) return false;
-        files->append(entry->group, entry->timestampNs, entry->data);
-        ring.pop();
+        const auto record = source.front();
+        if (!record) return false;
+        if (fits(record->group, record->length)) {
+            files->append(record->group, record->timestampNs, record->data);
+        } else {
+            drop();
+        }
+        source.pop();
     }
     return true;
 }
@@ -190,10 +202,10 @@ void RecordingWriter::State::flushAll() {
 
 /// False when the queue is empty and stays so.
 bool RecordingWriter::State::waitForMore() {
-    ring.rewind();
+    source.rewind();
     std::unique_lock lock(stopMutex);
     const bool stop = stopChanged.wait_for(lock, kIdleWait, [this] { return stopping; });
-    return !stop || ring.front().has_value();
+    return !stop || source.front().has_value();
 }
 
 void RecordingWriter::State::stopThread() {
@@ -231,12 +243,11 @@ RecordingWriter::~RecordingWriter() {
 
 bool RecordingWriter::write(std::size_t groupIndex, std::int64_t timestampNs, const std::uint8_t* data,
                             std::size_t length) {
-    const std::vector<std::uint32_t>& sizes = state_->recordSizes;
-    if (groupIndex < sizes.size() && length == sizes[groupIndex] &&
+    if (state_->fits(groupIndex, length) &&
         state_->ring.push(static_cast<std::uint16_t>(groupIndex), timestampNs, data, length)) {
         return true;
     }
-    state_->counters.recordsDropped.fetch_add(1, std::memory_order_relaxed);
+    state_->drop();
     return false;
 }
 

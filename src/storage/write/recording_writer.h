@@ -16,6 +16,7 @@
 
 #include "core/result.h"
 #include "storage/format/recording_info.h"
+#include "storage/write/record_source.h"
 #include "storage/write/recording_files.h"
 
 namespace lm::storage {
@@ -29,6 +30,9 @@ struct WriterOptions {
     std::int64_t flushIntervalMs = 1000;
     std::vector<CompanionFile> companions = {};              ///< as of RecordingFiles::create()
     std::vector<std::filesystem::path> newDirectories = {};  ///< likewise
+    /// Instead of the queue, write() takes nothing then: all that it holds when close() is called is written.
+    /// Borrowed until close().
+    IRecordSource* source = nullptr;
 };
 
 /// 64 MiB, or more when eight records of the largest group need more.
