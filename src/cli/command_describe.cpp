@@ -16,7 +16,9 @@
 #include "cli/object_parts.h"
 #include "cli/offline_a2l.h"
 #include "cli/option_set.h"
+#include "core/log.h"
 #include "core/text.h"
+#include "session/ecu_group.h"
 
 namespace lm::cli {
 namespace {
@@ -349,27 +351,51 @@ void DescribeCommand::addOptions(OptionSet& options) {
         .required();
 }
 
-int DescribeCommand::run(Workplace& place) {
-    const auto description = loadA2l(place);
-    if (!description) return 1;
-    auto object = findFacts(*description, name_);
+int DescribeCommand::show(Workplace& place, const a2l::Description& description,
+                          const std::string& name) const {
+    auto object = findFacts(description, name);
     // Of an element or an axis there is no more to say than the object that it lies in tells.
-    if (const auto part = a2l::parseObjectName(*description, name_); !object && part) {
-        if (auto fits = checkPart(*description, part.value()); !fits) {
-            place.results.fail("describe", fits.error(), name_);
+    if (const auto part = a2l::parseObjectName(description, name); !object && part) {
+        if (auto fits = checkPart(description, part.value()); !fits) {
+            place.results.fail("describe", fits.error(), name);
             return 1;
         }
-        object = findFacts(*description, part.value().object);
+        object = findFacts(description, part.value().object);
     }
     if (!object) {
-        Error unknown{ErrorCode::notFound, "'" + name_ + "' is not in the A2L"};
-        unknown.hint = a2l::unknownNameHint(*description, name_);
-        if (a2l::belongsToInstance(*description, name_)) unknown = a2l::findLeaf(*description, name_).error();
-        place.results.fail("describe", unknown, name_);
+        Error unknown{ErrorCode::notFound, "'" + name + "' is not in the A2L"};
+        unknown.hint = a2l::unknownNameHint(description, name);
+        if (a2l::belongsToInstance(description, name)) unknown = a2l::findLeaf(description, name).error();
+        place.results.fail("describe", unknown, name);
         return 1;
     }
-    place.results.show(DescribeReport(*description, *object));
+    place.results.show(DescribeReport(description, *object));
     return 0;
+}
+
+int DescribeCommand::run(Workplace& place) {
+    if (place.ecuConfigs.empty()) {
+        const auto description = loadA2l(place);
+        return description ? show(place, *description, name_) : 1;
+    }
+    std::vector<a2l::Description> descriptions;
+    descriptions.reserve(place.ecuConfigs.size());  // they are borrowed
+    std::vector<session::NameSearch::Ecu> ecus;
+    for (const session::SessionConfig& ecu : place.ecuConfigs) {
+        const log::Subject subject(ecu.name);
+        place.config = ecu;
+        auto description = loadA2l(place);
+        if (!description) return 1;
+        descriptions.push_back(std::move(*description));
+        ecus.push_back({ecu.name, &descriptions.back()});
+    }
+    const auto found = session::NameSearch(std::move(ecus)).find(name_);
+    if (!found) {
+        place.results.fail("describe", found.error(), name_);
+        return 1;
+    }
+    const auto& one = found.value().front();
+    return show(place, descriptions[one.ecu], one.text);
 }
 
 }  // namespace lm::cli

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "a2l/description.h"
 #include "cli/command.h"
 
 namespace lm::cli {
@@ -12,9 +13,12 @@ namespace lm::cli {
 class DescribeCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
+    bool takesSeveralEcus() const override { return true; }
     int run(Workplace& place) override;
 
   private:
+    int show(Workplace& place, const a2l::Description& description, const std::string& name) const;
+
     std::string name_;
 };
 

@@ -45,6 +45,7 @@ class MeasureCommand final : public ICommand {
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
+    bool takesSeveralEcus() const override { return true; }
     session::SessionOptions sessionOptions() const override {
         return {.digest = options_.recording.records()};
     }
@@ -59,6 +60,9 @@ class MeasureCommand final : public ICommand {
         std::string reason;
     };
 
+    int runOnSeveral(Workplace& place);
+    int measure(Workplace& place);
+    Result<void> addParameters(Workplace& place, storage::RecordingPlace& recording) const;
     Result<storage::RecordingPlace> recordingPlace(Workplace& place, RecordingCare& care) const;
     Result<session::PlanSummary> start(Workplace& place, LiveTable* table, WatchedRun* watched,
                                        RecordingCare& care) const;

@@ -85,7 +85,8 @@ class TakeRecorder {
     Result<void> begin();
 
     void onRecord(const xcp::DaqRecord& record, const Fired& fired);
-    void onState(session::SessionState state, const std::string& message);
+    /// `ecu` is which of several.
+    void onState(session::SessionState state, const std::string& message, const std::string& ecu = {});
 
     /// All takes that were asked for are recorded.
     bool isComplete() const { return complete_.load(); }
@@ -109,6 +110,7 @@ class TakeRecorder {
         std::optional<std::int64_t> endNs = {};
         std::string reason = {};
         std::string outcome = {};
+        std::string ecu = {};
     };
     /// Records out of the memory, so that they are written without its lock.
     struct Batch {

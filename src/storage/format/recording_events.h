@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,7 +25,18 @@ struct Outage {
     std::optional<std::int64_t> endNs;  ///< none: the program was killed meanwhile
     bool recovered = false;             ///< the measurement went on
     std::string reason;
-    std::string outcome;  ///< how it ended
+    std::string outcome;   ///< how it ended
+    std::string ecu = {};  ///< of which of several
+};
+
+/// How the clock of an ECU ran against the one of the timestamps.
+struct EcuClock {
+    std::int64_t timeNs = 0;  ///< up to when it is known
+    std::int64_t offsetNs = 0;
+    double driftPpm = 0;
+    double residualNs = 0;
+    std::int64_t spanNs = 0;
+    std::string ecu = {};
 };
 
 /// What an ECU turned out to be after an outage.
@@ -32,6 +44,7 @@ struct EcuChange {
     std::int64_t timeNs = 0;
     std::string what;  ///< as of ecuChangedLine()
     std::string text;
+    std::string ecu = {};
 };
 
 /// True when some of it lies in `times`; one without an end lasts for ever.
@@ -62,6 +75,7 @@ struct EcuNote {
     std::string epk;      ///< empty when it is not known
     std::string trouble;  ///< what could not be asked, and why
     std::vector<Sum> sums = {};
+    std::string ecu = {};
 };
 
 /// Where a part begins or ends in its series: one number for each group, of records counted from 0 in the
@@ -83,6 +97,9 @@ std::string clockLine(const ClockPair& clocks);
 std::string ecuChangedLine(std::int64_t timeNs, std::string_view what, const std::string& text);
 std::string clockStepLine(const ClockStep& step);
 std::string ecuLine(const EcuNote& note);
+std::string ecuClockLine(const EcuClock& clock);
+/// A line that is about one of several ECUs: it tells which.
+std::string lineOfEcu(const std::string& line, const std::string& ecu);
 std::string partBeginLine(const PartBorder& border);
 std::string partEndLine(const PartBorder& border);
 /// A part of the same series is gone, as it was ordered.
@@ -101,8 +118,11 @@ class StandingEvents {
     std::string beginLines(std::int64_t timeNs) const;
 
   private:
-    std::optional<std::string> outage_;  ///< the reason of the one that is open
-    std::string ecu_;                    ///< the last line
+    struct OfEcu {
+        std::optional<std::string> outage;  ///< the reason of the one that is open
+        std::string ran;                    ///< the last line
+    };
+    std::map<std::string, OfEcu> ecus_;  ///< by name, empty where there is one
 };
 
 /// What is wrong with one line.
@@ -129,6 +149,7 @@ struct RecordingEvents {
     std::vector<ClockPair> clocks;      ///< the first one is that of "meta.json"
     std::vector<ClockStep> steps;
     std::vector<EcuNote> ecus;
+    std::vector<EcuClock> ecuClocks;  ///< of each ECU what was told last
     std::optional<PartBorder> begin;  ///< of a part; none for the first one
     std::optional<PartBorder> end;    ///< likewise; none for the last one
     std::vector<EventFault> faults;   ///< the first ones; lines of unknown kinds are none
