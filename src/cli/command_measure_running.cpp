@@ -171,8 +171,7 @@ int MeasureCommand::runOnSeveral(Workplace& place) {
             watched.push_back(&wanted.expression);
     }
     const bool configured = options_.groups.empty() && options_.functions.empty();
-    const auto errors =
-        openEcus(place, ecusToMeasure(*place.ecus, options_.signals, configured, watched));
+    const auto errors = openEcus(place, ecusToMeasure(*place.ecus, options_.signals, configured, watched));
     for (const std::optional<Error>& error : errors) {
         if (!error) continue;
         notConnected(*error);

@@ -250,10 +250,9 @@ bool assignObject(session::WriteWish wish, const ValueDesk& desk) {
     if (desk.journal != nullptr)
         wish.beforeWriting = [&](const auto& changes) { desk.journal->keepUndo(changes); };
     wish.tellsOne = desk.journal != nullptr && desk.journal->keepsSingles();
-    const auto writing = desk.values.writeObject(
-        wish, [&](const std::vector<std::string>& dependents) {
-            announceDependents(desk.before + std::string(wish.name), dependents);
-        });
+    const auto writing = desk.values.writeObject(wish, [&](const std::vector<std::string>& dependents) {
+        announceDependents(desk.before + std::string(wish.name), dependents);
+    });
     const ObjectStyle style{desk.numbers, std::nullopt, desk.before};
     desk.results.show(ObjectWriteReport(wish, writing, style));
     if (!writing.value) desk.results.hint(writing.value.error());
@@ -342,8 +341,8 @@ void openAndTell(Workplace& place, std::vector<EcuWord>& words) {
 /// The desk of one of several.
 ValueDesk deskOf(Workplace& place, std::size_t ecu) {
     session::Session& session = place.ecus->at(ecu);
-    return {session, place.results, numberStyle(session.config()), false, nullptr,
-            place.ecus->name(ecu) + "/"};
+    return {session, place.results, numberStyle(session.config()),
+            false,   nullptr,       place.ecus->name(ecu) + "/"};
 }
 
 void showRefused(const EcuWord& word, Results& results) {

@@ -92,8 +92,8 @@ void Console::onEcuStateChanged(const std::string& ecu, session::SessionState st
                                 const std::string& message, const std::string& hint) {
     if (lines_) enqueueLine(lines_->state(ecu, state, message, hint));
     if (message.empty()) return;
-    std::string lines = "** " + (ecu.empty() ? "" : ecu + ": ") + session::sessionStateName(state) + ": " +
-                        message + "\n";
+    std::string lines =
+        "** " + (ecu.empty() ? "" : ecu + ": ") + session::sessionStateName(state) + ": " + message + "\n";
     if (!hint.empty() && isNewHint(hint)) lines += "hint: " + hint + "\n";
     printMessage(lines);
 }

@@ -3,9 +3,9 @@
 // Messages that would tear the screen wait until it is left; the last one stands in the table. The thread
 // that receives records never waits for the terminal: it only notes them (signal_extremes.h).
 //
-// Threads: belongs to one thread; sink() is called on the receive thread. Lifetime: what is measured is borrowed
-// during a call, nothing of the plan is kept. Whoever has called begin() gets the terminal back with finish()
-// or the end of the object.
+// Threads: belongs to one thread; sink() is called on the receive thread. Lifetime: what is measured is
+// borrowed during a call, nothing of the plan is kept. Whoever has called begin() gets the terminal back with
+// finish() or the end of the object.
 #pragma once
 
 #include <chrono>

@@ -102,7 +102,7 @@ std::string ecuLines(const session::MeasurementStats& stats) {
         if (ecu.state == session::SessionState::failed) lines += ", its connection was lost";
         if (const auto& clock = ecu.clock)
             lines += ", clock: " + ecuClockText(clock->offsetNs - stats.recordingStartNs, clock->driftPpm,
-                                             clock->residualNs, clock->spanNs);
+                                                clock->residualNs, clock->spanNs);
         lines += '\n';
     }
     return lines;

@@ -209,8 +209,8 @@ void ObjectWriteReport::print(Output& output) const {
     if (!deviation_.empty()) tell(deviation_);
     if (writing_.restored) tell(name_ + ": all that had been written was taken back");
     for (const HeldObject& held : writing_.held)
-        tell(style_.before + (held.numbers.size() == 1 ? held.numbers.front().element.name : held.name) + ": " +
-             heldText(held, style_.numbers));
+        tell(style_.before + (held.numbers.size() == 1 ? held.numbers.front().element.name : held.name) +
+             ": " + heldText(held, style_.numbers));
 }
 
 void ObjectWriteReport::writeHeld(JsonWriter& json, const HeldObject& held) const {

@@ -188,14 +188,11 @@ Result<void> applyOverrides(const Options& options, session::SessionConfig& conf
 }
 
 std::string_view optionOfOneEcu(const Options& options) {
-    const std::pair<std::string_view, bool> given[] = {{"--a2l", options.a2l.has_value()},
-                                                       {"--interface", options.interface.has_value()},
-                                                       {"--udp", options.udp.has_value()},
-                                                       {"--serial", options.serial.has_value()},
-                                                       {"--reset-delay", options.resetDelayMs >= 0},
-                                                       {"--cmd-id", options.cmdId.has_value()},
-                                                       {"--res-id", options.resId.has_value()},
-                                                       {"--bitrate", options.bitrate != 0}};
+    const std::pair<std::string_view, bool> given[] = {
+        {"--a2l", options.a2l.has_value()},           {"--interface", options.interface.has_value()},
+        {"--udp", options.udp.has_value()},           {"--serial", options.serial.has_value()},
+        {"--reset-delay", options.resetDelayMs >= 0}, {"--cmd-id", options.cmdId.has_value()},
+        {"--res-id", options.resId.has_value()},      {"--bitrate", options.bitrate != 0}};
     const auto found = std::ranges::find_if(given, [](const auto& option) { return option.second; });
     return found == std::end(given) ? std::string_view() : found->first;
 }

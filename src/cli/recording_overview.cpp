@@ -93,7 +93,8 @@ std::string secondsText(std::int64_t timeNs, const RecordingInfo& info) {
 std::string outageText(const storage::Outage& outage, const RecordingInfo& info) {
     return "from " + secondsText(outage.beginNs, info) + " to " +
            (outage.endNs ? secondsText(*outage.endNs, info) : std::string("the end")) + ": " +
-           printableText((outage.ecu.empty() ? "" : outage.ecu + ": ") + outage.reason + (outage.outcome.empty() ? "" : "; " + outage.outcome));
+           printableText((outage.ecu.empty() ? "" : outage.ecu + ": ") + outage.reason +
+                         (outage.outcome.empty() ? "" : "; " + outage.outcome));
 }
 
 std::string physicalText(double value, const SignalInfo& signal) {

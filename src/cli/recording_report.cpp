@@ -84,6 +84,10 @@ std::string lengthText(const storage::RecordingEvents& events, const storage::Ti
     return fmt::format("{}{:.3f} s in all", isKnown ? "" : "at least ", seconds);
 }
 
+std::string beforeEcu(const std::string& ecu) {
+    return ecu.empty() ? "" : ecu + ": ";
+}
+
 void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info,
                   const storage::TimeSpan& span, Output& output) {
     using File = storage::RecordingEvents::File;
@@ -108,7 +112,7 @@ void printOutages(const storage::RecordingEvents& events, const RecordingInfo& i
     for (std::size_t i = 0; i < std::min(events.ecuChanges.size(), kMostShown); ++i) {
         const storage::EcuChange& change = events.ecuChanges[i];
         output.append(fmt::format("  at {:.3f} s: {}\n", secondsBetween(info.startHostNs, change.timeNs),
-                                  printableText((change.ecu.empty() ? "" : change.ecu + ": ") + change.text)));
+                                  printableText(beforeEcu(change.ecu) + change.text)));
     }
 }
 
@@ -149,18 +153,16 @@ void printEcuNotes(const storage::RecordingEvents& events, const RecordingInfo& 
                                 sum.page ? fmt::format(" page {}", *sum.page) : "", sum.sums);
         if (!note.trouble.empty()) text += ", not all known: " + note.trouble;
         output.append("ECU ran        " +
-                      printableText(fmt::format("{}at {}{}", beforeEcu(note.ecu), secondsText(note.timeNs, info), text)) + "\n");
+                      printableText(fmt::format("{}at {}{}", beforeEcu(note.ecu),
+                                                secondsText(note.timeNs, info), text)) +
+                      "\n");
     }
-}
-
-std::string beforeEcu(const std::string& ecu) {
-    return ecu.empty() ? "" : ecu + ": ";
 }
 
 void printEcuClocks(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
     for (const storage::EcuClock& clock : events.ecuClocks) {
-        const std::string text = ecuClockText(clock.offsetNs - info.startHostNs, clock.driftPpm,
-                                           clock.residualNs, clock.spanNs);
+        const std::string text =
+            ecuClockText(clock.offsetNs - info.startHostNs, clock.driftPpm, clock.residualNs, clock.spanNs);
         output.append("ECU clock      " + printableText(beforeEcu(clock.ecu)) + text + "\n");
     }
 }

@@ -114,8 +114,8 @@ int runOnSeveral(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the sessions that call it
     session::SessionOptions sessionOptions = line.command->sessionOptions();
     sessionOptions.ignoresIdentity = line.options.ignoreIdentity;
-    auto group = session::EcuGroup::create(std::move(place.ecuConfigs),
-                                           session::ChannelPool::ofThisMachine(), stopToken(), sessionOptions);
+    auto group = session::EcuGroup::create(std::move(place.ecuConfigs), session::ChannelPool::ofThisMachine(),
+                                           stopToken(), sessionOptions);
     if (!group) {
         place.results.failOrStopped("session", group.error());
         return 1;

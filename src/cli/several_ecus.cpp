@@ -26,9 +26,10 @@ Result<void> chooseEcu(const Options& options, session::ConfigDocument& document
     if (!options.ecu) {
         const std::string_view own = optionOfOneEcu(options);
         if (!document.isOfSeveral() || own.empty()) return {};
-        return Error{ErrorCode::invalidArgument,
-                     fmt::format("{} is of one ECU, and the configuration has several: --ecu chooses one ({})",
-                                 own, namesOf(document.ecus))};
+        return Error{
+            ErrorCode::invalidArgument,
+            fmt::format("{} is of one ECU, and the configuration has several: --ecu chooses one ({})", own,
+                        namesOf(document.ecus))};
     }
     if (!document.isOfSeveral()) {
         return Error{ErrorCode::invalidArgument,
@@ -79,8 +80,7 @@ std::vector<std::optional<Error>> openEcus(Workplace& place, std::vector<std::si
     std::sort(ecus.begin(), ecus.end());
     ecus.erase(std::unique(ecus.begin(), ecus.end()), ecus.end());
     std::vector<std::optional<Error>> errors(place.ecus->count());
-    const auto opened =
-        place.ecus->tryEach(ecus, [](session::Session& session) { return session.open(); });
+    const auto opened = place.ecus->tryEach(ecus, [](session::Session& session) { return session.open(); });
     for (std::size_t i = 0; i < ecus.size(); ++i) {
         if (opened[i]) continue;
         errors[ecus[i]] = opened[i].error();
@@ -89,8 +89,8 @@ std::vector<std::optional<Error>> openEcus(Workplace& place, std::vector<std::si
     return errors;
 }
 
-std::vector<std::size_t> ecusToMeasure(const session::EcuGroup& group, const std::vector<std::string>& signals,
-                                       bool configured,
+std::vector<std::size_t> ecusToMeasure(const session::EcuGroup& group,
+                                       const std::vector<std::string>& signals, bool configured,
                                        const std::vector<const watch::Expression*>& watched) {
     const session::NameSearch names = group.names();
     std::vector<std::size_t> ecus;

@@ -42,7 +42,8 @@ std::vector<std::optional<Error>> openEcus(Workplace& place, std::vector<std::si
 
 /// Those of which something is to be measured: named by these texts, or having signals in the configuration,
 /// and named in expressions. All, where nothing tells.
-std::vector<std::size_t> ecusToMeasure(const session::EcuGroup& group, const std::vector<std::string>& signals,
-                                       bool configured, const std::vector<const watch::Expression*>& watched);
+std::vector<std::size_t> ecusToMeasure(const session::EcuGroup& group,
+                                       const std::vector<std::string>& signals, bool configured,
+                                       const std::vector<const watch::Expression*>& watched);
 
 }  // namespace lm::cli

@@ -2,8 +2,8 @@
 // and the takes that they start.
 //
 // Threads: the main thread; records come on the receive thread, states on any, takes are told on the thread
-// that writes them. Lifetime: what is measured, its listener and the sink of the options are borrowed until the
-// object is gone, which must outlive the measurement.
+// that writes them. Lifetime: what is measured, its listener and the sink of the options are borrowed until
+// the object is gone, which must outlive the measurement.
 #pragma once
 
 #include <atomic>

@@ -10,7 +10,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "a2l/load.h"
 #include "a2l/object_name.h"
 #include "a2l/similar_names.h"
 #include "core/log.h"
@@ -32,9 +31,11 @@ std::string_view nameIn(std::string_view text) {
 }
 
 bool hasName(const a2l::Description& description, std::string_view name) {
-    if (!hasWildcards(name) || !isNamePattern(description, name))
-        return a2l::parseObjectName(description, name).ok();
-    return !namesMatching(description, name).empty();
+    if (hasWildcards(name) && isNamePattern(description, name))
+        return !namesMatching(description, name).empty();
+    // NAME[*] stands for elements of an object.
+    return a2l::parseObjectName(description, name).ok() ||
+           (hasWildcards(name) && a2l::parseObjectName(description, name.substr(0, name.find('['))).ok());
 }
 
 /// Where an ECU is reached, told as the same text for the same place.
@@ -70,7 +71,8 @@ Result<void> nameEcus(std::vector<SessionConfig>& ecus, const StopToken& stop) {
             wrong = "two ECUs are called '" + ecu.name + "'";
         if (!wrong.empty()) {
             Error error{ErrorCode::invalidArgument, "configuration: ecus: " + wrong};
-            error.hint = "\"name\" in each of the \"ecus\" tells them apart; without, the A2L's module counts";
+            error.hint =
+                "\"name\" in each of the \"ecus\" tells them apart; without, the A2L's module counts";
             return error;
         }
         names.push_back(ecu.name);
@@ -84,8 +86,8 @@ EcuText splitEcu(std::string_view text, const std::vector<std::string>& names) {
     const std::string_view before = text.substr(0, slash);
     EcuText found{{}, text.substr(slash + 1)};
     for (std::size_t i = 0; i < names.size(); ++i) {
-        const bool isMeant = hasWildcards(before) ? storage::matchesPattern(names[i], before)
-                                                  : names[i] == before;
+        const bool isMeant =
+            hasWildcards(before) ? storage::matchesPattern(names[i], before) : names[i] == before;
         if (isMeant) found.ecus.push_back(i);
     }
     return found.ecus.empty() ? EcuText{{}, text} : found;

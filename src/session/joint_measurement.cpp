@@ -197,13 +197,12 @@ void JointMeasurement::addPlan(Part& part) {
 }
 
 Result<void> JointMeasurement::accept(const MeasurementOptions& options) {
-    auto accepted = allOf(group_.tryEach(
-        ecus(), [this](Session& session) -> Result<void> {
-            for (const auto& part : parts_) {
-                if (&sessionOf(*part) == &session) return session.acceptMeasurement(part->options);
-            }
-            return {};
-        }));
+    auto accepted = allOf(group_.tryEach(ecus(), [this](Session& session) -> Result<void> {
+        for (const auto& part : parts_) {
+            if (&sessionOf(*part) == &session) return session.acceptMeasurement(part->options);
+        }
+        return {};
+    }));
     if (!accepted.ok()) return accepted;
     for (const auto& part : parts_)
         addPlan(*part);
@@ -293,8 +292,7 @@ PlanSummary JointMeasurement::summary() const {
 
 Result<void> JointMeasurement::stopMeasurement() {
     if (!std::exchange(running_, false)) return {};
-    auto stopped = allOf(
-        group_.tryEach(ecus(), [](Session& session) { return session.stopMeasurement(); }));
+    auto stopped = allOf(group_.tryEach(ecus(), [](Session& session) { return session.stopMeasurement(); }));
     auto recorded = recording_ ? recording_->close() : Result<void>();
     if (stopped.ok()) return recorded;
     if (!recorded.ok()) log::warn("{}", recorded.error().text());
@@ -308,7 +306,8 @@ void JointMeasurement::finishRecording() {
 Result<void> JointMeasurement::close() {
     auto stopped = stopMeasurement();
     auto closed = group_.close();
-    return stopped.ok() ? closed : stopped;
+    if (!stopped.ok()) return stopped;
+    return closed;
 }
 
 // --- What it is and how it goes
@@ -326,8 +325,7 @@ storage::RecordingInfo JointMeasurement::describeRecording(const std::filesystem
                 signal.name.insert(0, before);
         }
         sources.push_back(own.source);
-        all.ecus.push_back(
-            {nameOf(*part), own.source, own.a2lName, own.a2lSha256, own.ecuEpk, own.a2lEpk});
+        all.ecus.push_back({nameOf(*part), own.source, own.a2lName, own.a2lSha256, own.ecuEpk, own.a2lEpk});
         std::move(own.groups.begin(), own.groups.end(), std::back_inserter(all.groups));
         all.startHostNs = own.startHostNs;
         all.startUtcNs = own.startUtcNs;

@@ -1,8 +1,8 @@
 // One measurement of several ECUs: planned for each, started and stopped for all, on one time base (that of
 // the host, on which each ECU's timestamps are laid), in one recording.
 //
-// Signals are called ECU/NAME, in what is asked for and in plan, records and recording. The lists of all stand
-// one behind the other; a record of the second ECU bears its list's number among all.
+// Signals are called ECU/NAME, in what is asked for and in plan, records and recording. The lists of all
+// stand one behind the other; a record of the second ECU bears its list's number among all.
 //
 // Threads: as of IMeasured; the sink is called on the receive thread of each ECU, one at a time. Lifetime:
 // borrows the group.

@@ -102,10 +102,10 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     xcp::DaqDecoderCounters totals_;  ///< of the decoders before this one
     bool misfitTold_ = false;
     std::optional<xcp::ClockFigures> clockBefore_;  ///< of the decoders before, the one that saw most of it
-    std::vector<bool> delivered_;  ///< lists that gave them a record
+    std::vector<bool> delivered_;                   ///< lists that gave them a record
 
     std::int64_t clockNotedNs_ = 0;  ///< the supervisor's thread, then the owner's
-    bool bitIgnored_ = false;  ///< since the ECU was connected last; the supervisor's thread alone
+    bool bitIgnored_ = false;        ///< since the ECU was connected last; the supervisor's thread alone
     std::unique_ptr<Supervisor> supervisor_;
 };
 

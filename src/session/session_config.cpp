@@ -268,7 +268,7 @@ class Section {
             if (!(*value)[i].is_object()) return failType(place.c_str(), "an object", (*value)[i]);
             Section inner((*value)[i], pathOf(place), failure_);
             fill(inner);
-            inner.warnUnknown();
+            if (!failure_) inner.warnUnknown();
         }
     }
 
@@ -431,7 +431,7 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
     document.read("name", config.name);
     std::string a2l;
     document.read("a2l", a2l);
-    config.a2l = below(baseDirectory, a2l);
+    if (document.has("a2l")) config.a2l = below(baseDirectory, a2l);
     document.section("can", [&](Section& section) { fillCan(section, config.can); });
     document.section("udp", [&](Section& section) {
         section.read("host", config.udp.host);
@@ -501,8 +501,7 @@ void fillEcu(Section& ecu, const std::filesystem::path& baseDirectory, const Ses
 void fillDocument(Section& root, const std::filesystem::path& baseDirectory, ConfigDocument& document) {
     if (root.has(kEcus)) refuseOwnKeys(root);
     fillConfig(root, baseDirectory, document.one);
-    root.eachSection(kEcus,
-                     [&](Section& ecu) { fillEcu(ecu, baseDirectory, document.one, document.ecus); });
+    root.eachSection(kEcus, [&](Section& ecu) { fillEcu(ecu, baseDirectory, document.one, document.ecus); });
     if (document.isOfSeveral()) document.one = {};
 }
 

@@ -168,9 +168,8 @@ void TakeRecorder::onState(session::SessionState state, const std::string& messa
     const std::lock_guard lock(mutex_);
     const std::int64_t nowNs =
         std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
-    const auto open = std::find_if(outages_.begin(), outages_.end(), [&](const Outage& outage) {
-        return !outage.endNs && outage.ecu == ecu;
-    });
+    const auto open = std::find_if(outages_.begin(), outages_.end(),
+                                   [&](const Outage& outage) { return !outage.endNs && outage.ecu == ecu; });
     const bool isOpen = open != outages_.end();
     if (state == SessionState::reconnecting || state == SessionState::failed) {
         if (isOpen) open->outcome = message;

@@ -67,8 +67,7 @@ ClockFit::Line ClockFit::fit(double farthest, const Line& against) const {
     const auto eachPoint = [&](const auto& take) {
         for (const Point& point : points_) {
             if (distance(against, point) > farthest) continue;
-            const auto x =
-                static_cast<double>(difference(point.receiveNs, origin_.receiveNs)) / kNsPerSecond;
+            const auto x = static_cast<double>(difference(point.receiveNs, origin_.receiveNs)) / kNsPerSecond;
             take(x, distance(zero, point));
         }
     };

@@ -4,9 +4,9 @@
 // Threads: onDto runs on one thread, the transport's receive thread; setSink, holdBack and the constructor
 // before the decoder is installed at the master; counters() and settle() from any thread. The sink is called
 // on the receive thread, or, for records that were held back, inside settle(), never on two at a time. onDto
-// allocates nothing, and takes a lock only while records are held back and a few times a second. Lifetime: the plan and the
-// capabilities are copied as far as needed; the sink is borrowed and must outlive the last onDto; the bytes
-// of a record are valid during the sink's call only.
+// allocates nothing, and takes a lock only while records are held back and a few times a second. Lifetime:
+// the plan and the capabilities are copied as far as needed; the sink is borrowed and must outlive the last
+// onDto; the bytes of a record are valid during the sink's call only.
 #pragma once
 
 #include <array>
