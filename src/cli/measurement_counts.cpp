@@ -218,6 +218,13 @@ void writeCounts(JsonWriter& json, const session::MeasurementStats& stats,
     writeMediumCounters(json, stats);
 }
 
+void writeSilentEvents(JsonWriter& json, const session::MeasurementStats& stats) {
+    json.key("silentEvents").beginArray();
+    for (const session::SilentList& list : stats.silentLists)
+        json.value(list.event);
+    json.endArray();
+}
+
 void writeEcuCounts(JsonWriter& json, const session::MeasurementStats& stats) {
     if (stats.ecus.empty()) return writeClock(json, stats);
     json.key("ecus").beginArray();
@@ -226,6 +233,7 @@ void writeEcuCounts(JsonWriter& json, const session::MeasurementStats& stats) {
         json.member("name", ecu.ecu);
         json.member("state", session::sessionStateName(ecu.state));
         writeCounts(json, ecu, nullptr);
+        writeSilentEvents(json, ecu);
         writeClock(json, ecu);
         json.endObject();
     }
@@ -247,10 +255,7 @@ void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummar
         json.member("recordingDirectory", stats.recordingDirectory.string());
         if (stats.parts != 0) json.member("parts", stats.parts);
     }
-    json.key("silentEvents").beginArray();
-    for (const session::SilentList& list : stats.silentLists)
-        json.value(list.event);
-    json.endArray();
+    writeSilentEvents(json, stats);
     json.endObject();
 }
 

@@ -6,7 +6,8 @@ namespace lm::xcp {
 namespace {
 
 constexpr std::int64_t kFirstWindowNs = 100'000'000;
-constexpr std::size_t kLeastPoints = 3;
+constexpr std::size_t kLeastPoints = 10;  // a second: less tells the noise
+constexpr double kLeastForLine = 3;
 constexpr double kNsPerSecond = 1e9;
 
 /// Times of absurd tick lengths wrap instead of being undefined.
@@ -76,7 +77,7 @@ ClockFit::Line ClockFit::fit(double farthest, const Line& against) const {
         sumX += x;
         sumY += y;
     });
-    if (count < static_cast<double>(kLeastPoints)) return against;
+    if (count < kLeastForLine) return against;
     const double meanX = sumX / count;
     const double meanY = sumY / count;
     double xx = 0;

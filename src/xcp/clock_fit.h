@@ -36,7 +36,7 @@ class ClockFit {
     /// began anew: what was before does not count.
     void add(std::int64_t offsetNs, std::int64_t receiveNs, std::uint32_t generation);
 
-    /// None before there are three windows.
+    /// None in the first second.
     std::optional<ClockFigures> figures() const;
 
   private:

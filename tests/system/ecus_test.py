@@ -111,7 +111,9 @@ class EcusTest(SystemTest):
         self.assertEqual([e["ecu"] for e in shown["ecuClocks"]], ["engine", "gearbox"])
         self.expect(self.run_plain("recording", "check", directory), self.run_plain("recording", "check", directory).stdout)
         subprocess.run([harness.CLI, "export", directory, "-o", self.dir / "both.mf4"], check=True, capture_output=True)
-        groups = File(self.dir / "both.mf4").groups
+        mf4 = File(self.dir / "both.mf4")
+        self.addCleanup(mf4.stream.close)
+        groups = mf4.groups
         self.assertEqual([g.source[0] for g in groups], ["engine", "gearbox"])
         self.assertEqual([g.source[1].split()[2] for g in groups], ["UDP", "serial"])
 
