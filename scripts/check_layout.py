@@ -15,6 +15,7 @@ ARROWS = {
     "core": set(),
     "help": set(),
     "hal": {"core"},
+    "http": {"core"},
     "broker": {"core", "hal"},
     "xcp": {"core", "hal", "broker"},
     "value": {"core"},
@@ -23,8 +24,9 @@ ARROWS = {
     "storage": {"core", "value"},
     "exporter": {"core", "value", "storage"},
     "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage", "params"},
+    "host": {"core", "http", "xcp", "value", "a2l", "storage", "session"},
     "watch": {"core", "value", "xcp", "storage", "session"},
-    "cli": {"core", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
+    "cli": {"core", "host", "http", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
     "key": {"core"},
     "sim": {"core", "hal", "help"},
 }
@@ -32,7 +34,9 @@ ARROWS = {
 PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_page.cpp", "sim/main.cpp",
           "sim/variant_options.cpp"}
 LOG = {"src/core/log.cpp", "src/cli/message_output.cpp"}
-LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"}}
+ASIO = {"src/http/connection.h", "src/http/connection.cpp", "src/http/server.cpp"}
+LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"http", "host", "session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"},
+             "boost/": ASIO}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 

@@ -25,7 +25,7 @@ need() {
         apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libpugixml-dev zlib1g-dev)
+build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libpugixml-dev zlib1g-dev libboost-dev)
 test_packages=(libgtest-dev python3)
 can_packages=(qemu-system-x86 busybox-static iproute2 gcc-12 make xz-utils libelf1)
 package_packages=(dpkg-dev lintian debootstrap)

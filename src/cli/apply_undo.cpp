@@ -8,6 +8,7 @@
 #include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/stop_signal.h"
+#include "cli/write_journal.h"
 #include "core/printable_text.h"
 #include "session/change_log.h"
 
@@ -112,7 +113,7 @@ PutBack ApplyUndo::putBack(session::Session& session, const session::ObjectBytes
 
 /// What places others was written before them.
 std::vector<PutBack> ApplyUndo::putAllBack(session::Session& session) {
-    session::ChangeLog log(session.ecuName(), "undo");
+    session::ChangeLog log(session.ecuName(), "undo", tellSession(session));
     std::vector<PutBack> all;
     std::vector<session::ObjectBytes> restored;
     for (std::size_t i = file_->objects.size(); i-- > 0 && !isOver_ && !stopRequested();) {

@@ -17,6 +17,7 @@ namespace lm::cli {
 
 class Console;
 class OptionSet;
+class Sharing;
 struct Options;
 
 /// What is there when a command runs; each kind has all of those before it.
@@ -25,6 +26,13 @@ enum class Needs : std::uint8_t {
     configuration,  ///< the configuration in force, which names the A2L
     session,        ///< the A2L and the way to the ECU, which is not opened
     connection,     ///< a connected ECU
+};
+
+/// What a command does about an ECU that another program of the user holds (docs/sharing.md).
+enum class SharingRole : std::uint8_t {
+    alone,     ///< it needs the ECU for itself: it is refused
+    attaches,  ///< goes through that program
+    holds,     ///< is such a program: it is refused, and lets others in otherwise
 };
 
 /// What the program gives a command.
@@ -37,8 +45,10 @@ struct Workplace {
     // Needs::session and above; else null.
     session::Session* session = nullptr;
     Console* console = nullptr;
+    Sharing* sharing = nullptr;
     /// Of several ECUs, instead of `session`; the command opens those that it needs.
     session::EcuGroup* ecus = nullptr;
+    std::vector<std::unique_ptr<Sharing>>* ecuSharings = nullptr;  ///< instead of `sharing`, one for each
     session::IMeasured* measured = nullptr;  ///< the session, or what a command makes of several
 };
 
@@ -57,6 +67,7 @@ class ICommand {
     /// What it needs under its options, of what its row says.
     virtual Needs needs(Needs most) const { return most; }
     virtual session::SessionOptions sessionOptions() const { return {}; }
+    virtual SharingRole sharing() const { return SharingRole::alone; }
     /// The exit code when no ECU answers at the beginning.
     virtual int unansweredCode() const { return 1; }
     /// The ECU could not be connected to, which has been told; run() is not called.

@@ -18,6 +18,7 @@
 #include "cli/progress_line.h"
 #include "cli/question.h"
 #include "cli/stop_signal.h"
+#include "cli/write_journal.h"
 #include "core/printable_text.h"
 #include "params/parameter_diff.h"
 #include "params/parameter_file.h"
@@ -317,6 +318,8 @@ Result<std::optional<std::filesystem::path>> ApplyCommand::keepUndo(const Target
 }
 
 int ApplyCommand::writeAll(const Target& target, const session::ApplyPlan& plan) {
+    std::optional<session::SharedOperation> whole;  // no one else writes or moves pages in between
+    if (target.image == nullptr) whole.emplace(target.place.session->sharing());
     Results& results = target.place.results;
     std::vector<session::NamedObjects::Change> changes;
     changes.reserve(plan.steps.size());
@@ -366,13 +369,16 @@ int ApplyCommand::writeAll(const Target& target, const session::ApplyPlan& plan)
 session::ApplyOutcome ApplyCommand::write(const Target& target, const session::ApplyPlan& plan) const {
     std::optional<session::ChangeLog> log;
     std::set<std::string_view> logged;
-    if (target.image == nullptr) log.emplace(target.place.session->ecuName(), "apply " + *file_);
+    if (target.image == nullptr)
+        log.emplace(target.place.session->ecuName(), "apply " + *file_, tellSession(*target.place.session));
     session::ApplyOutcome outcome;
     {
         ProgressLine line(true, "writing");
         session::ApplyOptions options = optionsOf(target, plan);
         options.progress = [&](std::size_t done, std::size_t total) { line.show(done, total); };
         if (target.image == nullptr) options.reconnect = [&] { return target.place.session->openAgain(); };
+        if (target.image == nullptr)
+            options.writing = [&](const auto& step) { target.place.session->announceWrite(step.change); };
         options.written = [&](const session::ApplyStep& step) {
             if (!log) return;
             logged.insert(step.object.name);

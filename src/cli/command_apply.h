@@ -20,6 +20,7 @@ namespace lm::cli {
 /// 4 no ECU answered, 1 any other error.
 class ApplyCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     Result<void> prepare(Form form) override;
     Needs needs(Needs most) const override { return image_.needs(most); }

@@ -15,6 +15,7 @@ namespace lm::cli {
 /// Exit code 0 when all is as wanted, 3 when something differs, 4 when no one answered, 1 for all else.
 class CheckCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     Result<void> prepare(Form form) override;
     session::SessionOptions sessionOptions() const override {

@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "cli/input_lines.h"
 #include "cli/line_keeper.h"
 #include "cli/message_output.h"
 #include "cli/options.h"
@@ -28,9 +29,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kPauseMs = 50;
 
-// What is longer is no line but a file without line ends.
-constexpr std::size_t kLongestLine = std::size_t{64} << 10U;
-
 /// What the command shares with the thread that reads standard input.
 struct Input {
     std::mutex mutex;
@@ -43,47 +41,14 @@ struct Input {
 bool sendLine(Input& input, const std::string& line) {
     const std::lock_guard lock(input.mutex);
     if (input.session == nullptr || input.ending || stopRequested()) return false;
-    const Result<void> sent = line.size() <= kLongestLine
-                                  ? input.session->sendText(line)
-                                  : Error{ErrorCode::invalidArgument,
-                                          fmt::format("a line beyond {} bytes is not sent", kLongestLine)};
+    const Result<void> sent =
+        line.size() <= InputLines::kLongest
+            ? input.session->sendText(line)
+            : Error{ErrorCode::invalidArgument,
+                    fmt::format("a line beyond {} bytes is not sent", InputLines::kLongest)};
     if (!sent.ok()) printError("send", sent.error());
     return true;
 }
-
-/// Cuts standard input into lines and sends them.
-class InputLines {
-  public:
-    explicit InputLines(Input& input) : input_(input) {}
-
-    /// False when the command is over.
-    bool add(std::string_view block) {
-        for (;;) {
-            const auto end = block.find('\n');
-            if (!skipping_) line_ += block.substr(0, end);
-            if (line_.size() > kLongestLine) {
-                if (!sendOpenLine()) return false;
-                skipping_ = true;
-            }
-            if (end == std::string_view::npos) return true;
-            if (!skipping_ && !sendOpenLine()) return false;
-            skipping_ = false;
-            block.remove_prefix(end + 1);
-        }
-    }
-
-    /// The last line, when it has no line end.
-    void finish() {
-        if (!line_.empty()) sendOpenLine();
-    }
-
-  private:
-    bool sendOpenLine() { return sendLine(input_, std::exchange(line_, {})); }
-
-    Input& input_;
-    std::string line_;
-    bool skipping_ = false;  ///< to the end of a line that was refused
-};
 
 /// Waits for input: what has come, empty at the end of input, after an error, or when a stop is asked for.
 std::string_view readSome(std::array<char, 4096>& block) {
@@ -105,7 +70,7 @@ void sendInput(const std::shared_ptr<Input>& input) {
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
     std::array<char, 4096> block{};
-    InputLines lines(*input);
+    InputLines lines([&](const std::string& line) { return sendLine(*input, line); });
     for (auto text = readSome(block); !text.empty(); text = readSome(block)) {
         if (!lines.add(text)) return;
     }

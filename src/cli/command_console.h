@@ -20,6 +20,7 @@ std::string consoleLine(const session::ConsoleLine& line);
 /// opened (or could not be), or with a duration of 0 until the end of input. Closes the session.
 class ConsoleCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::holds; }
     void addOptions(OptionSet& options) override;
     session::SessionOptions sessionOptions() const override {
         return {.otherSoftware = session::OtherSoftware::warned};

@@ -12,6 +12,7 @@ namespace lm::cli {
 
 class DescribeCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     bool takesSeveralEcus() const override { return true; }
     int run(Workplace& place) override;

@@ -22,6 +22,7 @@ namespace lm::cli {
 /// cannot be read.
 class DiffCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     Result<void> prepare(Form form) override;
     Needs needs(Needs most) const override { return hasEcu() ? image_.needs(most) : Needs::configuration; }

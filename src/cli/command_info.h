@@ -30,6 +30,7 @@ void writeEcu(JsonWriter& json, const session::Session& session);
 
 class InfoCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     Needs needs(Needs most) const override { return offline_ ? Needs::configuration : most; }
     bool takesSeveralEcus() const override { return !offline_; }

@@ -42,6 +42,10 @@ void MeasureCommand::addOptions(OptionSet& options) {
              "DAQ list gave no record or no trigger came, or the ECU's EPK is not that of the A2L")
         .oneEach(',')
         .oneOf({"losses", "outage", "empty", "identity"});
+    options.addFlag("--stdin", options_.takesLines,
+                    "Take lines from standard input meanwhile: set NAME=VALUE, mark TEXT, record on, record "
+                    "off, quit; -r is then the folder of the recordings");
+    addReadOnly(options, options_.readOnly);
     addWatchOptions(options, options_.watch);
     addReport(options, options_.report);
 }
@@ -60,6 +64,8 @@ Result<void> MeasureCommand::prepare(Form form) {
             return Error{ErrorCode::invalidArgument, "--table and --json exclude each other"};
         if (auto able = TerminalScreen::check(STDOUT_FILENO); !able) return able;
     }
+    if (options_.table && options_.takesLines)
+        return Error{ErrorCode::invalidArgument, "--table and --stdin exclude each other"};
     const auto logInterval = this->logInterval();
     if (!logInterval) return logInterval.error();
     if (auto able = options_.recording.check(); !able) return able;

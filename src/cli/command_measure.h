@@ -21,10 +21,12 @@
 namespace lm::cli {
 
 class LiveTable;
+class MeasureInput;
 class WatchedRun;
 
 class MeasureCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::holds; }
     struct Options {
         std::vector<std::string> signals;
         std::vector<std::string> groups;
@@ -40,12 +42,15 @@ class MeasureCommand final : public ICommand {
         std::vector<std::string> failOn;  ///< of "losses", "outage", "empty"
         WatchOptions watch;
         std::optional<std::string> report;
+        bool takesLines = false;  ///< from standard input
+        bool readOnly = false;    ///< for those who come through this program
     };
 
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
-    bool takesSeveralEcus() const override { return true; }
+    /// Lines of standard input go to one ECU.
+    bool takesSeveralEcus() const override { return !options_.takesLines; }
     session::SessionOptions sessionOptions() const override {
         return {.digest = options_.recording.records()};
     }
@@ -64,6 +69,7 @@ class MeasureCommand final : public ICommand {
     int measure(Workplace& place);
     Result<void> addParameters(Workplace& place, storage::RecordingPlace& recording) const;
     Result<storage::RecordingPlace> recordingPlace(Workplace& place, RecordingCare& care) const;
+    Result<storage::RecordingPlace> nextPlace(Workplace& place, RecordingCare& care, bool takes) const;
     Result<session::PlanSummary> start(Workplace& place, LiveTable* table, WatchedRun* watched,
                                        RecordingCare& care) const;
     Result<std::chrono::nanoseconds> logInterval() const;

@@ -13,11 +13,13 @@
 #include "cli/command_snapshot.h"
 #include "cli/console_printer.h"
 #include "cli/live_table.h"
+#include "cli/measure_input.h"
 #include "cli/measurement_counts.h"
 #include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/output.h"
 #include "cli/several_ecus.h"
+#include "cli/sharing.h"
 #include "cli/stop_signal.h"
 #include "cli/watched_run.h"
 #include "core/log.h"
@@ -31,20 +33,22 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
 // One look at everything that ends a measurement from outside; waits up to 50 ms for it to happen.
-bool stopAskedFor(const Console& console, LiveTable* table, Seconds left) {
+bool stopAskedFor(const Console& console, LiveTable* table, MeasureInput* input, Seconds left) {
     const double limitMs = std::clamp(std::ceil(left.count() * 1000), 0.0, 50.0);
-    std::array<pollfd, 3> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0},
-                                   pollfd{table != nullptr ? table->keyDescriptor() : -1, POLLIN, 0}};
+    std::array<pollfd, 4> waits = {pollfd{stopToken().descriptor(), POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0},
+                                   pollfd{table != nullptr ? table->keyDescriptor() : -1, POLLIN, 0},
+                                   pollfd{input != nullptr ? input->descriptor() : -1, POLLIN, 0}};
     const int ready = ::poll(waits.data(), waits.size(), static_cast<int>(limitMs));
     if (ready > 0 && waits[2].revents != 0) table->takeKeys();
+    if (ready > 0 && waits[3].revents != 0) input->take();
     const bool readerGone = ready > 0 && (waits[1].revents & (POLLERR | POLLHUP)) != 0;
     return stopRequested() || readerGone || console.failure() != 0 ||
-           (table != nullptr && table->failure() != 0);
+           (input != nullptr && input->quitAskedFor()) || (table != nullptr && table->failure() != 0);
 }
 
 // Returns the seconds measured.
 double measureUntilEnd(double duration, const session::IMeasured& session, const Console& console,
-                       LiveTable* table, WatchedRun* watched, RunLog& runLog) {
+                       LiveTable* table, MeasureInput* input, WatchedRun* watched, RunLog& runLog) {
     const auto start = Clock::now();
     for (;;) {
         const Seconds elapsed = Clock::now() - start;
@@ -54,7 +58,7 @@ double measureUntilEnd(double duration, const session::IMeasured& session, const
         if (duration > 0 && elapsed.count() >= duration) return elapsed.count();
         const Seconds left = duration > 0 ? Seconds(duration) - elapsed : Seconds(1);
         if (table != nullptr) table->update(session, elapsed.count());
-        if (stopAskedFor(console, table, left)) return Seconds(Clock::now() - start).count();
+        if (stopAskedFor(console, table, input, left)) return Seconds(Clock::now() - start).count();
     }
 }
 
@@ -123,9 +127,21 @@ Result<storage::RecordingPlace> MeasureCommand::recordingPlace(Workplace& place,
     auto recording = options_.recording.place();
     if (!recording) return recording;
     if (options_.recording.caresForRecordings()) recording.value().care = &care;
+    const bool isFolder = options_.takesLines && options_.recording.records() && !watchPlan_.recordsTakes();
+    if (isFolder && recording.value().name.empty()) recording.value().name = "{time}_{n}";
     if (!options_.recording.withParameters()) return recording;
     if (auto added = addParameters(place, recording.value()); !added) return added.error();
     return recording;
+}
+
+/// Of a recording that a line of standard input begins.
+Result<storage::RecordingPlace> MeasureCommand::nextPlace(Workplace& place, RecordingCare& care,
+                                                          bool takes) const {
+    if (takes)
+        return Error{ErrorCode::unsupported, "the takes of --start-when and --stop-when are the recordings"};
+    if (!options_.recording.records())
+        return Error{ErrorCode::invalidArgument, "-r FOLDER names no folder for recordings"};
+    return recordingPlace(place, care);
 }
 
 Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* table, WatchedRun* watched,
@@ -211,8 +227,12 @@ int MeasureCommand::runWatched(Workplace& place, WatchedRun* watched) {
     printMessage(startLine(summary.value(), takes ? "" : options_.recording.directory()) + "\n" +
                  outsideLoadLine(summary.value()) + (watched != nullptr ? watched->startLine() : ""));
     if (table) table->begin();
-    const double seconds =
-        measureUntilEnd(options_.durationSeconds, session, *place.console, shown, watched, *log_);
+    startSharing(place, options_.readOnly);
+    std::optional<MeasureInput> input;
+    if (options_.takesLines) input.emplace(place, [&] { return nextPlace(place, care, takes); });
+    const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console, shown,
+                                           input ? &*input : nullptr, watched, *log_);
+    stopSharing(place);
     log_->end();
     if (table) table->finish();
     return finish(place, summary.value(), seconds, watched, care);

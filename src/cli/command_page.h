@@ -13,6 +13,7 @@ namespace lm::cli {
 /// Shows segments and pages.
 class PageCommand : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     session::SessionOptions sessionOptions() const override {
         return {.otherSoftware = session::OtherSoftware::warned};
     }
@@ -23,6 +24,7 @@ class PageCommand : public ICommand {
 /// the pages as they are afterwards.
 class PageChange : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     int run(Workplace& place) final;
 
   protected:

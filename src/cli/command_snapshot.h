@@ -41,6 +41,7 @@ Result<std::string> snapshotText(Workplace& place);
 /// leave no file.
 class SnapshotCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     Result<void> prepare(Form form) override;
     session::SessionOptions sessionOptions() const override { return {.digest = true}; }

@@ -23,6 +23,7 @@ namespace {
 
 class ConnectCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     int run(Workplace& /*place*/) override { return stopRequested() ? 1 : 0; }
 };
 

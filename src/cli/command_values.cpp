@@ -369,6 +369,19 @@ std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std
     return std::pair(text.substr(0, equals), text.substr(equals + 1));
 }
 
+bool assignOne(const std::string& assignment, Workplace& place) {
+    ValueDesk desk = deskOf(place, nullptr);
+    WriteJournal journal(*place.session, {assignment});
+    desk.journal = &journal;
+    bool done = false;
+    listValues(place, [&] {
+        done = assign(assignment, {}, desk);
+        return 0;
+    });
+    journal.end();
+    return done;
+}
+
 void GetCommand::addOptions(OptionSet& options) {
     options.add("names", names_,
                 "MEASUREMENT or CHARACTERISTIC names, NAME[1][2] for an element, NAME.x[3] for a point of an "

@@ -18,10 +18,15 @@ namespace lm::cli {
 /// NAME=VALUE cut at the first '='; none when there is no '=' or nothing before it.
 std::optional<std::pair<std::string_view, std::string_view>> splitAssignment(std::string_view text);
 
+/// Writes NAME=VALUE as `set` does, dependents included, and shows it as `set` does. False when it failed,
+/// which has been told.
+bool assignOne(const std::string& assignment, Workplace& place);
+
 /// Prints one line per scalar and a table per curve or map; a failure does not stop the rest, a stop request
 /// and a failed output do.
 class GetCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Needs needs(Needs most) const override { return image_.needs(most); }
@@ -45,6 +50,7 @@ class GetCommand final : public ICommand {
 /// written. Of an image all is written or, when one value was refused, no file at all.
 class SetCommand final : public ICommand {
   public:
+    SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;

@@ -58,6 +58,9 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     void onEcuStateChanged(const std::string& ecu, session::SessionState state, const std::string& message,
                            const std::string& hint) override;
 
+    /// A whole line among the others. From any thread, after setLines().
+    void showLine(const std::string& line) { enqueueLine(line); }
+
     /// Prints what is queued, for `limit` at most; the rest counts as skipped. Records are not printed any
     /// more.
     void finishPrinting(std::chrono::milliseconds limit = std::chrono::seconds(1));

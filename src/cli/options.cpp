@@ -65,6 +65,10 @@ void addProgramOptions(OptionSet& set, Options& options) {
     set.add("--reconnect", options.reconnect, "abort | retry | retry_forever");
     set.addFlag("--ignore-identity", options.ignoreIdentity,
                 "Go on with an ECU whose EPK is not that of the A2L: write to it, too");
+    set.addFlag("--direct", options.direct,
+                "Go past the program that holds the ECU: its measurement may end");
+    set.addFlag("--take-over", options.takeOver,
+                "Go on though another user's program holds the ECU: what that does may end");
     set.addFlag("-v,--verbose", options.verbose, "Log details");
 }
 
@@ -93,6 +97,10 @@ void addDuration(OptionSet& command, double& seconds, const char* help) {
     command.add("-t,--duration", seconds, help)
         .checkNumber(isDuration, "a number of seconds from 0")
         .showDefault();
+}
+
+void addReadOnly(OptionSet& command, bool& readOnly) {
+    command.addFlag("--read-only", readOnly, "Refuse what others would write through this program");
 }
 
 void addTimes(OptionSet& command, std::optional<std::string>& from, std::optional<std::string>& to,

@@ -32,6 +32,8 @@ struct Options {
     std::optional<double> connectTimeout;  ///< seconds
     std::optional<std::string> reconnect;
     bool ignoreIdentity = false;
+    bool direct = false;
+    bool takeOver = false;
     bool verbose = false;
 };
 
@@ -48,6 +50,8 @@ int withIdentity(int exitCode, const std::vector<std::string>& failOn, bool warn
 value::NumberStyle numberStyle(const session::SessionConfig& config);
 /// -t; refuses what is no number of seconds from 0.
 void addDuration(OptionSet& command, double& seconds, const char* help);
+/// --read-only.
+void addReadOnly(OptionSet& command, bool& readOnly);
 /// --from, --to.
 void addTimes(OptionSet& command, std::optional<std::string>& from, std::optional<std::string>& to,
               const char* helpTo);

@@ -1,5 +1,6 @@
 #include "cli/recording_overview.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <numeric>
@@ -95,6 +96,21 @@ std::string outageText(const storage::Outage& outage, const RecordingInfo& info)
            (outage.endNs ? secondsText(*outage.endNs, info) : std::string("the end")) + ": " +
            printableText((outage.ecu.empty() ? "" : outage.ecu + ": ") + outage.reason +
                          (outage.outcome.empty() ? "" : "; " + outage.outcome));
+}
+
+std::vector<Happening> happenings(const storage::RecordingEvents& events, const RecordingInfo& info) {
+    std::vector<Happening> all;
+    for (const storage::Marker& marker : events.markers)
+        all.push_back({marker.timeNs, "marker", marker.text});
+    for (const storage::ParameterWrite& write : events.writes)
+        all.push_back(
+            {write.timeNs, "written",
+             fmt::format("{} = {}, before {}, by {}", write.name, write.after, write.before, write.by)});
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Happening& a, const Happening& b) { return a.timeNs < b.timeNs; });
+    for (Happening& one : all)
+        one.text = fmt::format("at {}: {}", secondsText(one.timeNs, info), printableText(one.text));
+    return all;
 }
 
 std::string physicalText(double value, const SignalInfo& signal) {

@@ -69,4 +69,14 @@ std::string secondsText(std::int64_t timeNs, const storage::RecordingInfo& info)
 /// "from 1.204 s to 3.400 s: REASON; OUTCOME", "... to the end: ..." for one without an end.
 std::string outageText(const storage::Outage& outage, const storage::RecordingInfo& info);
 
+/// A remark, or a parameter that was written.
+struct Happening {
+    std::int64_t timeNs = 0;
+    const char* kind = "";  ///< "marker" or "written"
+    std::string text;       ///< "at 1.204 s: TEXT", fit for a terminal
+};
+
+/// By time.
+std::vector<Happening> happenings(const storage::RecordingEvents& events, const storage::RecordingInfo& info);
+
 }  // namespace lm::cli

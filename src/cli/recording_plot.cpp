@@ -143,6 +143,10 @@ int plotSignals(const RecordingReader& recording, const PlotOptions& options, co
         if (storage::overlaps(outage, told))
             output.append("outage " + outageText(outage, recording.info()) + "\n");
     }
+    for (const Happening& one : happenings(events, recording.info())) {
+        if (one.timeNs >= told.fromNs && one.timeNs < told.endNs)
+            output.append(fmt::format("{} {}\n", one.kind, one.text));
+    }
     return stopRequested() ? 1 : exitCode;
 }
 

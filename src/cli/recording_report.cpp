@@ -116,6 +116,15 @@ void printOutages(const storage::RecordingEvents& events, const RecordingInfo& i
     }
 }
 
+/// Remarks, and parameters that were written meanwhile.
+void printHappenings(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+    constexpr std::size_t kMostShown = 50;
+    const auto all = happenings(events, info);
+    for (std::size_t i = 0; i < std::min(all.size(), kMostShown); ++i)
+        output.append(fmt::format("{:<14} {}\n", all[i].kind, all[i].text));
+    if (all.size() > kMostShown) output.append(fmt::format("  and {} more\n", all.size() - kMostShown));
+}
+
 /// How far UTC and the clock of the timestamps have moved apart since the start.
 void printClocks(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
     if (events.clocks.size() < 2) return;
@@ -226,6 +235,7 @@ void printHead(const RecordingOverview& overview, Output& output) {
     output.append(fmt::format("duration       {:.3f} s\n", secondsOf(overview.span)));
     output.append("size           " + formatSize(overview.bytes) + "\n");
     printOutages(overview.events, info, overview.span, output);
+    printHappenings(overview.events, info, output);
     printClocks(overview.events, info, output);
     printClockSteps(overview.events, info, output);
     printEcuNotes(overview.events, info, output);
@@ -291,6 +301,25 @@ void writeEcus(JsonWriter& json, const RecordingOverview& overview) {
         json.member("driftPpm", clock.driftPpm);
         json.member("residualNs", clock.residualNs);
         json.member("spanNs", clock.spanNs);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("markers").beginArray();
+    for (const storage::Marker& marker : events.markers) {
+        json.beginObject();
+        json.member("atNs", sinceStart(marker.timeNs, info));
+        json.member("text", marker.text);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("writes").beginArray();
+    for (const storage::ParameterWrite& write : events.writes) {
+        json.beginObject();
+        json.member("atNs", sinceStart(write.timeNs, info));
+        json.member("name", write.name);
+        json.member("old", write.before);
+        json.member("new", write.after);
+        json.member("by", write.by);
         json.endObject();
     }
     json.endArray();

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <chrono>
+#include <utility>
 
 #include "cli/message_output.h"
 
@@ -34,9 +35,9 @@ std::string objectStart(std::string_view command) {
     return text;
 }
 
-Results::Results(Output& output, std::string_view command, Form form)
+Results::Results(Output& output, std::string_view command, Form form, std::string_view lineType)
     : output_(output), form_(form), text_(objectStart(command)), json_(text_) {
-    if (form_ == Form::jsonLines) json_.member("type", "end");
+    if (form_ == Form::jsonLines) json_.member("type", lineType);
 }
 
 void Results::show(const IReport& report) {
@@ -74,6 +75,11 @@ int Results::finish(int exitCode) {
     endObject(exitCode);
     output_.append(text_);
     return form_ == Form::json ? output_.finish(exitCode) : output_.finishWithin(kLastLineLimit, exitCode);
+}
+
+std::string Results::takeLine(int exitCode) {
+    endObject(exitCode);
+    return std::move(text_);
 }
 
 void Results::endObject(int exitCode) {

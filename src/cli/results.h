@@ -36,7 +36,8 @@ enum class Form : std::uint8_t {
 
 class Results {
   public:
-    Results(Output& output, std::string_view command, Form form);
+    /// `lineType` is the "type" as JSON lines.
+    Results(Output& output, std::string_view command, Form form, std::string_view lineType = "end");
     Results(const Results&) = delete;
     Results& operator=(const Results&) = delete;
 
@@ -59,6 +60,9 @@ class Results {
     /// Lines were written to standard output by another way, which could not write all of them (`failed`) or
     /// not the whole of the last one.
     void afterLines(bool failed, bool insideLine);
+
+    /// As JSON: the whole object with its line end, for whoever prints it instead of finish().
+    std::string takeLine(int exitCode);
 
     /// Writes what is left; the exit code is Output::finish's. As JSON lines no one waits for a reader longer
     /// than a second.

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <unistd.h>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "cli/command_line.h"
 #include "cli/console_printer.h"
@@ -13,6 +15,7 @@
 #include "cli/output.h"
 #include "cli/results.h"
 #include "cli/several_ecus.h"
+#include "cli/sharing.h"
 #include "cli/stop_signal.h"
 #include "session/ecu_group.h"
 #include "session/session.h"
@@ -88,6 +91,10 @@ int runSession(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the session that calls it
     session::SessionOptions sessionOptions = line.command->sessionOptions();
     sessionOptions.ignoresIdentity = line.options.ignoreIdentity;
+    Sharing sharing(line.command->sharing(), line.options);  // outlives the session that goes through it
+    sessionOptions.adoptMedium = [&](auto medium, const auto& config, const auto& stop) {
+        return sharing.adopt(std::move(medium), config, stop);
+    };
     auto created = session::Session::create(
         std::move(place.config), {}, session::ChannelPool::ofThisMachine(), stopToken(), sessionOptions);
     if (!created) {
@@ -99,10 +106,13 @@ int runSession(const CommandLine& line, Workplace& place) {
     place.session = &session;
     place.measured = &session;
     place.console = &console;
+    place.sharing = &sharing;
     int exitCode = runWatchingSignals(place.results, [&] { return runInSession(line, place); });
     place.session = nullptr;
     place.measured = nullptr;
     place.console = nullptr;
+    place.sharing = nullptr;
+    sharing.stop();
     if (auto closed = session.close(); !closed) {
         place.results.fail("close", closed.error());
         exitCode = std::max(exitCode, 1);
@@ -114,6 +124,11 @@ int runOnSeveral(const CommandLine& line, Workplace& place) {
     Console console(STDOUT_FILENO);  // outlives the sessions that call it
     session::SessionOptions sessionOptions = line.command->sessionOptions();
     sessionOptions.ignoresIdentity = line.options.ignoreIdentity;
+    std::vector<std::unique_ptr<Sharing>> sharings;  // outlive the sessions that go through them
+    sessionOptions.adoptMedium = [&](auto medium, const auto& config, const auto& stop) {
+        sharings.push_back(std::make_unique<Sharing>(line.command->sharing(), line.options));
+        return sharings.back()->adopt(std::move(medium), config, stop);
+    };
     auto group = session::EcuGroup::create(std::move(place.ecuConfigs), session::ChannelPool::ofThisMachine(),
                                            stopToken(), sessionOptions);
     if (!group) {
@@ -121,10 +136,14 @@ int runOnSeveral(const CommandLine& line, Workplace& place) {
         return 1;
     }
     place.ecus = group.value().get();
+    place.ecuSharings = &sharings;
     place.console = &console;
     int exitCode = runWatchingSignals(place.results, [&] { return line.command->run(place); });
     place.ecus = nullptr;
+    place.ecuSharings = nullptr;
     place.console = nullptr;
+    for (const auto& sharing : sharings)
+        sharing->stop();
     if (auto closed = group.value()->close(); !closed) {
         place.results.fail("close", closed.error());
         exitCode = std::max(exitCode, 1);

@@ -5,7 +5,9 @@
 
 #include <fmt/format.h>
 
+#include "cli/sharing.h"
 #include "cli/stop_signal.h"
+#include "core/log.h"
 
 namespace lm::cli {
 namespace {
@@ -87,6 +89,23 @@ std::vector<std::optional<Error>> openEcus(Workplace& place, std::vector<std::si
         place.results.failOrStopped("connect", opened[i].error(), place.ecus->name(ecus[i]));
     }
     return errors;
+}
+
+void startSharing(Workplace& place, bool readOnly) {
+    if (place.ecus == nullptr) return place.sharing->start(*place.session, readOnly);
+    for (const std::size_t ecu : place.ecus->all()) {
+        Sharing& sharing = *place.ecuSharings->at(ecu);
+        session::Session& session = place.ecus->at(ecu);
+        const log::Subject subject(place.ecus->name(ecu));
+        const bool isOpen = session.state() != session::SessionState::disconnected;
+        isOpen ? sharing.start(session, readOnly) : sharing.stop();
+    }
+}
+
+void stopSharing(Workplace& place) {
+    if (place.ecus == nullptr) return place.sharing->stop();
+    for (const auto& sharing : *place.ecuSharings)
+        sharing->stop();
 }
 
 std::vector<std::size_t> ecusToMeasure(const session::EcuGroup& group,

@@ -40,6 +40,10 @@ std::vector<EcuWord> ecuWords(const session::NameSearch& names, const session::E
 /// Those of the others are empty.
 std::vector<std::optional<Error>> openEcus(Workplace& place, std::vector<std::size_t> ecus);
 
+/// Sharing::start() for the ECU, or for each of several that is open; the others are given up.
+void startSharing(Workplace& place, bool readOnly);
+void stopSharing(Workplace& place);
+
 /// Those of which something is to be measured: named by these texts, or having signals in the configuration,
 /// and named in expressions. All, where nothing tells.
 std::vector<std::size_t> ecusToMeasure(const session::EcuGroup& group,

@@ -49,6 +49,9 @@ void WatchedRun::joinTo(session::MeasurementOptions& measurement) {
     companions_ = std::move(measurement.recording.companions);
     measurement.recording = {};
     measurement.recordedBySink = true;
+    measurement.noteTo = [this](std::int64_t timeNs, const std::string& line) {
+        if (takes_) takes_->note(timeNs, line);
+    };
 }
 
 Result<void> WatchedRun::bind(const session::MeasurementPlan& plan) {

@@ -30,8 +30,17 @@ bool holdsWhatItHeld(const session::HeldObject& object) {
 
 }  // namespace
 
+session::ChangeLog::Tell tellSession(session::Session& session) {
+    return [&session](std::string_view object, const std::string& before, const std::string& after,
+                      const std::string& by) {
+        session.noteParameter({0, std::string(object), before, after, by});
+    };
+}
+
 WriteJournal::WriteJournal(session::Session& session, const std::vector<std::string>& assignments)
-    : session_(session), log_(session.ecuName(), "set"), keepsSingles_(assignments.size() > 1) {
+    : session_(session),
+      log_(session.ecuName(), "set", tellSession(session)),
+      keepsSingles_(assignments.size() > 1) {
     undo_.ecu = session_.ecuName();
     undo_.epk = session_.identity().ecu;
     undo_.a2lSha256 = session_.description().sha256;

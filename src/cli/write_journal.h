@@ -15,6 +15,9 @@
 
 namespace lm::cli {
 
+/// For a ChangeLog: what was written goes into the recording that runs.
+session::ChangeLog::Tell tellSession(session::Session& session);
+
 class WriteJournal {
   public:
     WriteJournal(session::Session& session, const std::vector<std::string>& assignments);

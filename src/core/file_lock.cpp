@@ -27,6 +27,12 @@ bool isLockedByAnother(int descriptor) {
     return ::fcntl(descriptor, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
+bool isLockedForWriting(int descriptor) {
+    struct flock lock = wholeFile();
+    lock.l_type = F_RDLCK;
+    return ::fcntl(descriptor, F_OFD_GETLK, &lock) == 0 && lock.l_type == F_WRLCK;
+}
+
 bool standsAt(int descriptor, const std::filesystem::path& path) {
     struct stat opened {};
     struct stat named {};

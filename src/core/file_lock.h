@@ -16,6 +16,9 @@ bool lockForWriting(int descriptor);
 /// True when another open file has the lock; takes none.
 bool isLockedByAnother(int descriptor);
 
+/// The same for a file that others may read: nobody who can only read it can pretend to hold that lock.
+bool isLockedForWriting(int descriptor);
+
 /// True while `path` names the open file: whoever held the lock before may have removed or renamed it.
 bool standsAt(int descriptor, const std::filesystem::path& path);
 

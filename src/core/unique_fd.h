@@ -26,6 +26,8 @@ class UniqueFd {
 
     int get() const { return descriptor_; }
     bool valid() const { return descriptor_ >= 0; }
+    /// Who takes it closes it.
+    int release() { return std::exchange(descriptor_, -1); }
     /// 0 or the errno of a late failure. After EINTR the descriptor is gone all the same.
     int close() {
         if (!valid()) return 0;

@@ -18,7 +18,7 @@ void noteUnfinished(const std::vector<ExportGroup>& groups, std::vector<std::str
     }
 }
 
-/// What is known of the outages in the times that are exported.
+/// What is known of what happened in the times that are exported.
 Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& recording,
                                           const ExportOptions& options) {
     auto times = exportedTimes(recording.info(), options);
@@ -30,7 +30,21 @@ Result<storage::RecordingEvents> eventsOf(const storage::RecordingReader& record
                                      return !storage::overlaps(outage, times.value());
                                  }),
                   outages.end());
+    const auto isOutside = [&times](const auto& event) {
+        return event.timeNs < times.value().fromNs || event.timeNs >= times.value().endNs;
+    };
+    std::erase_if(events.markers, isOutside);
+    std::erase_if(events.writes, isOutside);
     return events;
+}
+
+void noteMarkers(const storage::RecordingEvents& events, const ExportOptions& options,
+                 std::vector<std::string>& notes) {
+    const std::size_t count = events.markers.size() + events.writes.size();
+    if (count == 0) return;
+    notes.push_back(std::to_string(count) + " marker(s) and written parameter(s)" +
+                    (options.format == Format::mf4 ? ", in the file as events"
+                                                   : " in this time, `recording info` lists them"));
 }
 
 void noteOutages(const storage::RecordingEvents& events, const ExportOptions& options,
@@ -62,7 +76,6 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
     if (!groups) return groups.error();
     auto events = eventsOf(recording, options);
     if (!events) return events.error();
-    const std::vector<storage::Outage>& outages = events.value().outages;
     Progress meter(progress, totalBytes(groups.value()), stop);
     ExportSummary summary;
     summary.groups = groups.value().size();
@@ -71,16 +84,17 @@ Result<ExportSummary> exportRecording(const storage::RecordingReader& recording,
         summary.records += group.recordCount();
     }
     if (options.format == Format::mf4) {
-        auto notes = exportMf4(recording.info(), groups.value(), outages, options, meter);
+        auto notes = exportMf4(recording.info(), groups.value(), events.value(), options, meter);
         if (!notes) return notes.error();
         summary.files = {options.output};
         summary.notes = std::move(notes).value();
     } else {
-        auto files = exportCsv(recording.info(), groups.value(), outages, options, meter);
+        auto files = exportCsv(recording.info(), groups.value(), events.value().outages, options, meter);
         if (!files) return files.error();
         summary.files = std::move(files).value();
     }
     noteOutages(events.value(), options, summary.notes);
+    noteMarkers(events.value(), options, summary.notes);
     noteUnfinished(groups.value(), summary.notes);
     return summary;
 }

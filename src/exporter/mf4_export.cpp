@@ -7,8 +7,8 @@
 #include <spdlog/fmt/fmt.h>
 
 #include "core/bytes.h"
+#include "exporter/mf4_events.h"
 #include "exporter/mf4_metadata.h"
-#include "exporter/mf4_outages.h"
 #include "exporter/mf4_samples.h"
 #include "exporter/output_file.h"
 #include "storage/read/gap_search.h"
@@ -59,7 +59,7 @@ std::vector<std::string> notesOf(const std::vector<ExportGroup>& groups,
 
 Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
                                            const std::vector<ExportGroup>& groups,
-                                           const std::vector<storage::Outage>& outages,
+                                           const storage::RecordingEvents& happenings,
                                            const ExportOptions& options, Progress& progress) {
     std::vector<Mf4Layout> layouts;
     for (const ExportGroup& group : groups) {
@@ -83,7 +83,7 @@ Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
     }
     const std::uint64_t place = (file.size() + 7) & ~std::uint64_t{7};
     Mf4Events events = makeEvents(info, groups, gaps, metadata, place);
-    addOutages(events, info, outages);
+    addHappenings(events, info, happenings);
     if (auto written = writeEvents(file, events); !written) return written.error();
     if (auto committed = file.commit(); !committed) return committed.error();
     return notesOf(groups, gaps);

@@ -16,7 +16,7 @@ namespace lm::exporter {
 /// recording, of OutputFile, of `progress`; there is no file then.
 Result<std::vector<std::string>> exportMf4(const storage::RecordingInfo& info,
                                            const std::vector<ExportGroup>& groups,
-                                           const std::vector<storage::Outage>& outages,
+                                           const storage::RecordingEvents& happenings,
                                            const ExportOptions& options, Progress& progress);
 
 }  // namespace lm::exporter

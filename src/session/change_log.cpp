@@ -38,6 +38,13 @@ std::string hexOf(const ObjectBytes& bytes, bool isBefore) {
     return jsonText(text);
 }
 
+/// A value of a line as people read it.
+std::string displayed(const std::string& value) {
+    if (value == "null") return "not known";
+    if (value.empty() || value.front() != '"') return value;
+    return nlohmann::json::parse(value).get<std::string>();
+}
+
 std::string userName() {
     constexpr std::size_t kRoom = 4096;
     std::vector<char> room(kRoom);
@@ -80,6 +87,7 @@ void ChangeLog::addLine(std::string_view object, const std::string& before, cons
     lines_ += fmt::format("{{\"time\":{},\"user\":{},\"command\":{},\"object\":{},\"old\":{},\"new\":{}}}\n",
                           jsonText(utcTime()), jsonText(kUser), jsonText(command_), jsonText(object), before,
                           after);
+    if (tell_) tell_(object, displayed(before), displayed(after), kUser + ", " + command_);
 }
 
 void ChangeLog::flush() {

@@ -5,9 +5,11 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/unique_fd.h"
 #include "params/parameter_diff.h"
@@ -18,7 +20,12 @@ namespace lm::session {
 
 class ChangeLog {
   public:
-    ChangeLog(std::string_view ecu, std::string_view command) : ecu_(ecu), command_(command) {}
+    /// Told of each change too, with the values as texts.
+    using Tell = std::function<void(std::string_view object, const std::string& before,
+                                    const std::string& after, const std::string& by)>;
+
+    ChangeLog(std::string_view ecu, std::string_view command, Tell tell = {})
+        : ecu_(ecu), command_(command), tell_(std::move(tell)) {}
 
     /// A file that cannot be written is one warning: what was written to the ECU is written.
     void add(std::string_view object, const value::Value& before, const value::Value& after);
@@ -37,6 +44,7 @@ class ChangeLog {
 
     const std::string ecu_;
     const std::string command_;
+    const Tell tell_;
     std::string lines_;
     UniqueFd file_;
     std::optional<std::filesystem::path> path_ = {};

@@ -20,6 +20,11 @@
 
 namespace lm::session {
 
+struct MemoryPiece {
+    xcp::Address address;
+    std::size_t size = 0;
+};
+
 class IMemory {
   public:
     virtual ~IMemory() = default;
@@ -45,6 +50,9 @@ class IMemory {
     virtual Result<void> openForWriting() = 0;
     /// While the result lives, a stop lets all operations go on: for what must not be left half-way.
     [[nodiscard]] virtual std::shared_ptr<const void> finishing() = 0;
+
+    /// These will be read next, one after the other: a hint.
+    virtual void foresee(std::span<const MemoryPiece> /*pieces*/) {}
 
     /// A gap between bytes that are wanted is read along where that saves a packet of so many bytes; 0: none
     /// is.

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "core/log.h"
+#include "storage/format/recording_events.h"
 
 namespace lm::session {
 namespace {
@@ -176,6 +177,12 @@ Result<void> JointMeasurement::share(const MeasurementOptions& options) {
         part->options.neededAlone = part->options.signals.empty();
         part->options.recordedBySink = options.recordedBySink || !options.recording.directory.empty();
         if (options.sink != nullptr) part->options.sink = part.get();
+        if (options.noteTo) {
+            part->options.noteTo = [to = options.noteTo, ecu = nameOf(*part)](std::int64_t timeNs,
+                                                                              const std::string& line) {
+                to(timeNs, storage::lineOfEcu(line, ecu));
+            };
+        }
     }
     if (parts_.empty()) return Error{ErrorCode::invalidArgument, "no signals to measure"};
     return {};

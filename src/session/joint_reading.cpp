@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "a2l/largest_record.h"
+#include "session/master_memory.h"
 #include "xcp/memory.h"
 
 namespace lm::session {
@@ -289,8 +290,12 @@ std::vector<MemorySpan> JointReading::nextGroup(std::deque<MemorySpan>& spans) c
 /// What the ECU refuses stays missing: the objects in it are read one by one, and tell why.
 Result<void> JointReading::loadConfirmed(std::span<const MemorySpan> pieces, a2l::MemoryImage& image) {
     std::vector<Result<std::vector<std::uint8_t>>> got;
+    std::vector<MemoryPiece> ahead;
+    for (const MemorySpan& piece : pieces)
+        ahead.push_back({piece.address, piece.size});
     auto sure = xcp::inStep(master_, [&]() -> Result<void> {
         got.clear();
+        if (!master_.readsBlocks()) foreseeReads(master_, ahead);
         for (const MemorySpan& piece : pieces) {
             got.push_back(master_.uploadBlocks(piece.address, piece.size));
             if (!got.back() && endsAll(got.back().error())) return got.back().error();

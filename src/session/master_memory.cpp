@@ -44,6 +44,21 @@ std::shared_ptr<const void> MasterMemory::finishing() {
     return std::shared_ptr<const Finishing>(new Finishing(master_.finishing()));
 }
 
+/// Only what is read by one command each; where one address stands for several bytes, more would be read.
+void foreseeReads(xcp::Master& master, std::span<const MemoryPiece> pieces) {
+    const xcp::ConnectInfo slave = master.connectInfo();
+    if (slave.maxCto == 0 || slave.granularity() != 1 || !master.usesShortUpload()) return;
+    const std::size_t most = xcp::Memory::elementsPerResponse(slave);
+    std::vector<xcp::Packet> commands;
+    commands.reserve(pieces.size());
+    for (const MemoryPiece& piece : pieces) {
+        if (piece.size > 0 && piece.size <= most)
+            commands.push_back(xcp::buildShortUpload(static_cast<std::uint8_t>(piece.size), piece.address,
+                                                     slave.byteOrder()));
+    }
+    master.foresee(commands);
+}
+
 std::size_t MasterMemory::bytesPerPacket() const {
     const xcp::ConnectInfo slave = master_.connectInfo();
     return slave.maxCto == 0 ? 0 : xcp::Memory::elementsPerResponse(slave) * slave.granularity();

@@ -17,6 +17,9 @@ struct MasterMemoryOptions {
     bool writesBlocks = false;
 };
 
+/// IMemory::foresee() for reads that take one command each.
+void foreseeReads(xcp::Master& master, std::span<const MemoryPiece> pieces);
+
 /// Errors: those of xcp::Master::upload, download and modifyBits, and of xcp::inStep.
 class MasterMemory final : public IMemory {
   public:
@@ -31,6 +34,7 @@ class MasterMemory final : public IMemory {
     Result<void> confirm(const std::function<Result<void>()>& step) override;
     Result<void> openForWriting() override;
     std::shared_ptr<const void> finishing() override;
+    void foresee(std::span<const MemoryPiece> pieces) override { foreseeReads(master_, pieces); }
     std::size_t bytesPerPacket() const override;
 
   private:

@@ -66,8 +66,10 @@ Result<std::unique_ptr<Measurement>> Measurement::plan(MeasurementContext contex
 
 Result<void> Measurement::start(const MeasurementOptions& options) {
     sink_ = options.sink;
+    noteTo_ = options.noteTo;
     if (options.onPlanned) options.onPlanned(plan_);
     noteWhatRuns();
+    started_ = true;
     auto started = startLists(context_.capabilities);
     if (started.ok()) {
         changeState(SessionState::measuring, "");
@@ -75,6 +77,18 @@ Result<void> Measurement::start(const MeasurementOptions& options) {
     }
     if (!started.ok()) abandonStart();
     return started;
+}
+
+void Measurement::recordTo(const storage::GroupRange& recording) {
+    const std::int64_t nowNs = steadyNowNs();
+    recording_.begin(recording, nowNs, started_ ? nowNs : std::numeric_limits<std::int64_t>::min());
+    if (started_) noteWhatRuns();
+}
+
+bool Measurement::note(const std::function<std::string(std::int64_t)>& line) {
+    const std::int64_t nowNs = steadyNowNs();
+    if (noteTo_) noteTo_(nowNs, line(nowNs));
+    return recording_.note(line(nowNs)) || noteTo_;
 }
 
 Measurement::Measurement(MeasurementContext context, AcceptedPlan accepted)
@@ -172,7 +186,7 @@ std::optional<xcp::ClockFigures> Measurement::clock() const {
 }
 
 void Measurement::noteClock() {
-    if (!recording_) return;
+    if (!recording_.isOn()) return;
     clockNotedNs_ = steadyNowNs();
     std::optional<xcp::ClockFigures> found;
     {
@@ -180,7 +194,7 @@ void Measurement::noteClock() {
         found = clock();
     }
     if (!found) return;
-    recording_->note(storage::ecuClockLine(
+    recording_.note(storage::ecuClockLine(
         {clockNotedNs_, found->offsetNs, found->driftPpm, found->residualNs, found->spanNs}));
 }
 
@@ -219,13 +233,10 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
                                : Stop::unanswered,
                     supervisor_->watchesData());
     context_.medium.releaseLoad();
-    if (recording_) {
-        noteClock();
-        if (outages_.upToEndNs() != 0) {
-            notes_.endSilent(outages_.latestNs(), endNs, *recording_);
-        }
-        notes_.end(steadyNowNs(), *recording_);
-    }
+    noteClock();
+    std::optional<OutageNotes::Silence> silence;
+    if (outages_.upToEndNs() != 0) silence = {outages_.latestNs(), endNs};
+    recording_.finish(silence, steadyNowNs());
     return stopped;
 }
 
@@ -314,7 +325,7 @@ void Measurement::onRecord(const xcp::DaqRecord& record) {
     outages_.onRecord(record.timeNs(), record.receiveTimeNs);
     if (sink_ != nullptr) sink_->onRecord(record);
     // A record that the recording cannot take is in its own count of dropped ones.
-    if (recording_) recording_->write(record.listIndex, record.timeNs(), record.data, record.size);
+    recording_.write(record.listIndex, record.timeNs(), record.data, record.size);
 }
 
 Result<bool> Measurement::daqRunning() {
@@ -350,7 +361,7 @@ Result<std::string> Measurement::lookAgain() {
     if (!back) return back.error();
     for (const EcuReturn::Note& note : back.value().notes) {
         log::warn("{}", note.text);
-        if (recording_) recording_->note(storage::ecuChangedLine(steadyNowNs(), note.what, note.text));
+        recording_.note(storage::ecuChangedLine(steadyNowNs(), note.what, note.text));
     }
     return std::move(back.value().ending);
 }
@@ -374,19 +385,19 @@ Result<void> Measurement::restartDaq() {
 }
 
 void Measurement::changeState(SessionState state, const std::string& message) {
-    if (recording_) notes_.onState(state, message, outages_.latestNs(), steadyNowNs(), *recording_);
+    recording_.onState(state, message, outages_.latestNs(), steadyNowNs());
     context_.changeState(state, message);
     // At the start that was done before.
     if (state == SessionState::measuring && !message.empty()) noteWhatRuns();
 }
 
 void Measurement::noteWhatRuns() {
-    if (!recording_) return;
+    if (!recording_.isOn()) return;
     const storage::EcuNote note =
         noteEcu(context_.master, context_.description, context_.config, context_.stop.token(), steadyNowNs());
     if (!note.trouble.empty()) log::info("not known what runs in the ECU: {}", note.trouble);
     if (!note.epk.empty() || !note.sums.empty() || !note.trouble.empty())
-        recording_->note(storage::ecuLine(note));
+        recording_.note(storage::ecuLine(note));
 }
 
 }  // namespace lm::session

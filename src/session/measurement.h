@@ -19,7 +19,7 @@
 #include "session/measurement_start.h"
 #include "session/measurement_types.h"
 #include "session/outage_meter.h"
-#include "session/outage_notes.h"
+#include "session/recording_switch.h"
 #include "session/session_state.h"
 #include "session/supervisor.h"
 #include "storage/write/recorder.h"
@@ -39,8 +39,12 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     storage::RecordingInfo recordingInfo(const std::filesystem::path& directory) const {
         return describeRecording(context_, plan_, directory);
     }
-    /// Before start(): records and outages also go to `recording`, whose owner closes it after stop().
-    void recordTo(const storage::GroupRange& recording) { recording_ = recording; }
+    /// From now on records and events also go to `recording`, until it is said otherwise or stop(): then its
+    /// owner may close it.
+    void recordTo(const storage::GroupRange& recording);
+    void endRecording() { recording_.end(); }
+    /// An event of now, a line made of the time. False: nothing is recorded. From any thread.
+    bool note(const std::function<std::string(std::int64_t timeNs)>& line);
 
     /// A failure leaves no list running in the ECU.
     Result<void> start(const MeasurementOptions& options);
@@ -88,8 +92,8 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     const MeasurementPlan plan_;
     const double busLoad_;
     xcp::IDaqRecordSink* sink_ = nullptr;
-    std::optional<storage::GroupRange> recording_;
-    OutageNotes notes_;  ///< the supervisor's while that one runs
+    RecordingSwitch recording_;
+    std::function<void(std::int64_t, const std::string&)> noteTo_;  ///< as of MeasurementOptions
 
     std::atomic<std::uint64_t> reconnects_{0};
     OutageMeter outages_;
@@ -104,6 +108,7 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     std::optional<xcp::ClockFigures> clockBefore_;  ///< of the decoders before, the one that saw most of it
     std::vector<bool> delivered_;                   ///< lists that gave them a record
 
+    std::atomic<bool> started_{false};
     std::int64_t clockNotedNs_ = 0;  ///< the supervisor's thread, then the owner's
     bool bitIgnored_ = false;        ///< since the ECU was connected last; the supervisor's thread alone
     std::unique_ptr<Supervisor> supervisor_;

@@ -63,7 +63,9 @@ struct MeasurementOptions {
     /// NAME or NAME@EVENT of numbers that are measured in addition, unless they are so already; a NAME at the
     /// event that the A2L names for it.
     std::vector<std::string> needed = {};
-    bool neededAlone = false;     ///< and nothing else
+    bool neededAlone = false;  ///< and nothing else
+    /// Gets each event (its time, its line in "events.jsonl") that belongs into recordings of the sink's own.
+    std::function<void(std::int64_t timeNs, const std::string& line)> noteTo = {};
     bool recordedBySink = false;  ///< what no recording can hold is refused as with a directory
     /// Called once before anything is recorded or started, which an error prevents. The plan lives until the
     /// measurement is stopped.

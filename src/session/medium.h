@@ -27,6 +27,7 @@ struct XcpInterface;
 namespace lm::session {
 
 class ChannelPool;
+class ISharing;
 struct SessionConfig;
 
 /// The medium in the words of its users.
@@ -93,6 +94,9 @@ class IMedium {
     virtual void reportTrouble() {}
     /// Tells what is worth telling of an event. True when packets were lost.
     virtual bool report(const xcp::TransportEvent& /*event*/) { return false; }
+
+    /// Of a medium that goes through another program's connection; else null.
+    virtual ISharing* sharing() { return nullptr; }
 
     /// Whether the ECU prints text beside its packets and reads lines. Without: setTextSink() does nothing
     /// and sendText() fails.

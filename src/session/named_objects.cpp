@@ -289,9 +289,10 @@ ObjectWriting NamedObjects::writeAlone(const ObjectName& name, const a2l::Object
         before = content;
         wanted = image.value();
         const bool isOne = isNumber(name, object) || object.elementCount() == 1;
-        if (!wish.beforeWriting || (isOne && !wish.tellsOne)) return image;
-        if (const auto change = bytesOfChange(content, wanted); !change.pieces.empty())
-            wish.beforeWriting({change});
+        const auto change = bytesOfChange(content, wanted);
+        if (change.pieces.empty()) return image;
+        if (wish.announce) wish.announce({change});
+        if (wish.beforeWriting && (!isOne || wish.tellsOne)) wish.beforeWriting({change});
         return image;
     });
     if (!outcome.held.empty()) writing.held.push_back(heldObject(*before, wanted, outcome.held, false));
@@ -327,13 +328,14 @@ ObjectWriting NamedObjects::writeTogether(const ObjectName& name, const a2l::Obj
         if (&step != &steps.front()) names.push_back(step.object.name);
     }
     if (!names.empty()) announce(names);
-    if (wish.beforeWriting) {
+    if (wish.beforeWriting || wish.announce) {
         std::vector<ObjectBytes> bytes;
         bytes.reserve(steps.size());
         for (const Step& step : steps)
             bytes.push_back(bytesOfChange(step.before, step.wanted));
         std::erase_if(bytes, [](const ObjectBytes& one) { return one.pieces.empty(); });
-        if (!bytes.empty()) wish.beforeWriting(bytes);
+        if (!bytes.empty() && wish.announce) wish.announce(bytes);
+        if (!bytes.empty() && wish.beforeWriting) wish.beforeWriting(bytes);
     }
     ObjectWriting writing = carryOut(name, steps);
     writing.typed = std::move(typed);

@@ -51,6 +51,7 @@ struct WriteWish {
     Relation relation = Relation::value;
     BeforeWriting beforeWriting = {};  ///< of more than one number, or `tellsOne`
     bool tellsOne = false;
+    BeforeWriting announce = {};  ///< whatever is written
 };
 
 /// An object that was written: what it held, and what was read back.

@@ -345,6 +345,7 @@ ApplyOutcome carryOut(IMemory& memory, const StopToken& stop, const ApplyPlan& p
         if (options.progress) options.progress(i, plan.steps.size());
         outcome.stopped = stop.requested();
         if (outcome.stopped) break;
+        if (options.writing) options.writing(plan.steps[i]);
         auto written = write(memory, plan.steps[i]);
         if (written.content) {
             outcome.written.push_back(i);

@@ -57,6 +57,8 @@ struct ApplyOutcome {
 struct ApplyOptions {
     bool keepGoing = false;
     std::function<void(std::size_t done, std::size_t total)> progress = {};
+    /// Before each object is written.
+    std::function<void(const ApplyStep&)> writing = {};
     /// After each object that was written.
     std::function<void(const ApplyStep&)> written = {};
     /// Once, when the ECU has ended the session, or was silent, before all was taken back. Error: why nothing

@@ -112,6 +112,8 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
     auto own = StopSource::create(stop);
     if (!own.ok()) return own.error();
     auto medium = chooseTransport(config, description.value().xcp, pool, own.value().token());
+    if (medium.ok() && options.adoptMedium)
+        medium = options.adoptMedium(std::move(medium).value(), config, own.value().token());
     if (!medium.ok()) return medium.error();
     a2l::XcpInterface& interface = description.value().xcp;
     if (const auto* described = describedMedium(config, interface))
@@ -377,6 +379,7 @@ Error Session::afterConnect(Error error) const {
 }
 
 std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
+    const auto operation = this->operation();
     auto outcome = values_.read(names);
     if (!outcome.confirmed) silent_ = true;
     for (Result<Reading>& value : outcome.values) {
@@ -387,8 +390,9 @@ std::vector<Result<Reading>> Session::read(std::span<const std::string> names) {
 
 WriteOutcome Session::write(std::string_view name, std::string_view text, WriteRights rights,
                             const BeforeWriting& beforeWriting) {
+    const auto operation = this->operation();
     if (auto right = checkIdentity(); !right.ok()) return {right.error()};
-    auto outcome = values_.write(name, text, rights, beforeWriting);
+    auto outcome = values_.write(name, text, rights, announcing(beforeWriting));
     if (outcome.value.ok()) {
         const value::Element& element = outcome.value.value().element;
         noteWrite({element.name, {{element.address, outcome.before, outcome.written, maskBytes(element)}}});
@@ -401,6 +405,7 @@ WriteOutcome Session::write(std::string_view name, std::string_view text, WriteR
 }
 
 Result<ObjectReading> Session::readObject(std::string_view name) {
+    const auto operation = this->operation();
     auto reading = objects_.read(name);
     if (reading.ok()) return reading;
     if (reading.error().code == ErrorCode::timeout) silent_ = true;
@@ -417,8 +422,11 @@ Result<void> Session::readTogether(std::span<const a2l::Object> objects,
 }
 
 ObjectWriting Session::writeObject(const WriteWish& wish, const NamedObjects::Announce& announce) {
+    const auto operation = this->operation();
     if (auto right = checkIdentity(); !right.ok()) return {right.error()};
-    auto writing = objects_.write(wish, announce);
+    WriteWish announced = wish;
+    announced.announce = announcing({});
+    auto writing = objects_.write(announced, announce);
     if (writing.value.ok()) {
         for (const WrittenObject& object : writing.written)
             noteWrite(bytesOfChange(object.before, object.after.image));
@@ -430,6 +438,7 @@ ObjectWriting Session::writeObject(const WriteWish& wish, const NamedObjects::An
 }
 
 void Session::noteWrites(std::vector<ObjectBytes> changes) {
+    if (ISharing* const sharing = medium_->sharing()) sharing->tellWritten(changes);
     ObjectBytes all;  // sums take their time
     for (const ObjectBytes& change : changes)
         all.pieces.insert(all.pieces.end(), change.pieces.begin(), change.pieces.end());
@@ -438,7 +447,22 @@ void Session::noteWrites(std::vector<ObjectBytes> changes) {
         writes_.add(std::move(change));
 }
 
+/// Of a write that goes through another program.
+BeforeWriting Session::announcing(const BeforeWriting& beforeWriting) {
+    ISharing* const sharing = medium_->sharing();
+    if (sharing == nullptr) return beforeWriting;
+    return [sharing, beforeWriting](const std::vector<ObjectBytes>& changes) {
+        sharing->announce(changes);
+        if (beforeWriting) beforeWriting(changes);
+    };
+}
+
+void Session::announceWrite(const ObjectBytes& change) {
+    if (ISharing* const sharing = medium_->sharing()) sharing->announce({change});
+}
+
 void Session::noteWrite(ObjectBytes change) {
+    if (ISharing* const sharing = medium_->sharing()) sharing->tellWritten({change});
     watch_.onWrite(change);
     writes_.add(std::move(change));
 }
@@ -483,6 +507,7 @@ Result<void> Session::acceptMeasurement(const MeasurementOptions& options) {
     measurement_.reset();
     overloadEvents_ = 0;
     recording_.reset();
+    recordingsBefore_.clear();
     auto planned = Measurement::plan(
         {config_, description_, *medium_, *master_, stop_, *capabilities_, daqSource_, holes_,
          daqSource_.layoutTold(daqOrigins_), ecuName(),
@@ -524,11 +549,15 @@ Result<void> Session::beginMeasurement(const MeasurementOptions& options,
     if (recording) {
         measurement_->recordTo(*recording);
     } else if (!options.recording.directory.empty()) {
-        if (auto begun = beginRecording(options); !begun.ok()) return begun;
+        if (auto begun = beginRecording(options.recording, options.commandLine, options.duration);
+            !begun.ok())
+            return begun;
     }
     auto started = measurement_->start(options);
     if (started.ok()) return started;
     if (recording_) {
+        measurement_->endRecording();
+        tellRecording({});
         const auto removed = recording_->discard();
         if (!removed.ok()) log::warn("{}", removed.error().text());
     }
@@ -560,14 +589,65 @@ Result<value::Element> Session::signalElement(std::string_view text) {
                                                  " elements" + std::move(mend)};
 }
 
-Result<void> Session::beginRecording(const MeasurementOptions& options) {
-    storage::RecordingInfo info = describeRecording(options.recording.directory);
-    info.commandLine = options.commandLine;
-    recordingStartNs_ = info.startHostNs;
+Result<void> Session::beginRecording(const storage::RecordingPlace& place,
+                                     std::vector<std::string> commandLine,
+                                     std::chrono::duration<double> duration) {
+    storage::RecordingInfo info = describeRecording(place.directory);
+    info.commandLine = std::move(commandLine);
+    if (recordingsBefore_.empty()) recordingStartNs_ = info.startHostNs;
     std::vector<storage::GroupInfo> groups = std::exchange(info.groups, {});
-    recording_ = std::make_unique<storage::Recorder>(std::move(info));
-    measurement_->recordTo(recording_->add(std::move(groups)));
-    return recording_->begin(options.recording, options.duration);
+    auto recorder = std::make_unique<storage::Recorder>(std::move(info));
+    const storage::GroupRange range = recorder->add(std::move(groups));
+    if (auto begun = recorder->begin(place, duration); !begun.ok()) return begun;
+    recording_ = std::move(recorder);
+    tellRecording(recording_->directory().string());
+    measurement_->recordTo(range);
+    return {};
+}
+
+Result<void> Session::startRecording(const storage::RecordingPlace& place,
+                                     std::vector<std::string> commandLine) {
+    if (!running_) return Error{ErrorCode::notOpen, "no measurement runs"};
+    if (recording_)
+        return Error{ErrorCode::alreadyOpen, recording_->directory().string() + " is being recorded to"};
+    return beginRecording(place, std::move(commandLine), {});
+}
+
+Result<void> Session::stopRecording() {
+    if (!isRecording()) return Error{ErrorCode::notOpen, "nothing is recorded"};
+    measurement_->endRecording();
+    tellRecording({});
+    recordingsBefore_.push_back(std::move(recording_));
+    return recordingsBefore_.back()->close();
+}
+
+Result<std::int64_t> Session::mark(const std::string& text) {
+    std::int64_t atNs = 0;
+    const bool noted = running_ && measurement_->note([&](std::int64_t nowNs) {
+        atNs = nowNs;
+        return storage::markerLine({nowNs, text});
+    });
+    if (!noted) return Error{ErrorCode::notOpen, "nothing is recorded"};
+    return atNs;
+}
+
+void Session::tellRecording(const std::string& directory) {
+    const std::lock_guard lock(directoryMutex_);
+    directory_ = directory;
+}
+
+std::string Session::recordingDirectory() const {
+    const std::lock_guard lock(directoryMutex_);
+    return directory_;
+}
+
+void Session::noteParameter(storage::ParameterWrite write) {
+    if (ISharing* const sharing = medium_->sharing()) sharing->tellParameter(write);
+    if (!running_) return;
+    measurement_->note([&](std::int64_t nowNs) {
+        write.timeNs = nowNs;
+        return storage::parameterLine(write);
+    });
 }
 
 Result<void> Session::stopMeasurement() {
@@ -575,6 +655,8 @@ Result<void> Session::stopMeasurement() {
     running_ = false;
     auto stopped = measurement_->stop([this] { return state(); });
     watch_.end();
+    measurement_->endRecording();
+    tellRecording({});
     auto recorded = recording_ ? recording_->close() : Result<void>();
     silent_ = state() != SessionState::measuring || !stopped.ok();
     stop_.reset();
@@ -585,20 +667,25 @@ Result<void> Session::stopMeasurement() {
 }
 
 void Session::finishRecording() {
+    for (const auto& recorder : recordingsBefore_)
+        recorder->finishCare();
     if (recording_) recording_->finishCare();
 }
 
 MeasurementStats Session::statistics() const {
     if (!measurement_) return {};
     MeasurementStats stats = measurement_->statistics();
-    if (recording_) {
+    const auto add = [&](const storage::Recorder& recorder) {
         stats.recording = true;
         stats.recordingStartNs = recordingStartNs_;
-        stats.recorded = recording_->recordsWritten();
-        stats.recordedDropped = recording_->recordsDropped();
-        stats.recordingDirectory = recording_->directory();
-        stats.parts = recording_->parts();
-    }
+        stats.recorded += recorder.recordsWritten();
+        stats.recordedDropped += recorder.recordsDropped();
+        stats.recordingDirectory = recorder.directory();
+        stats.parts += recorder.parts();
+    };
+    for (const auto& recorder : recordingsBefore_)
+        add(*recorder);
+    if (recording_) add(*recording_);
     // An ECU that tells overloads in both ways means the same ones; some only do it the way they do not say.
     stats.overloads = std::max(stats.overloads, overloadEvents_.load());
     return stats;

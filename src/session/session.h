@@ -7,9 +7,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
@@ -37,9 +39,11 @@
 #include "session/return_check.h"
 #include "session/session_config.h"
 #include "session/session_state.h"
+#include "session/sharing.h"
 #include "session/value_access.h"
 #include "session/values.h"
 #include "session/write_rights.h"
+#include "storage/format/recording_events.h"
 #include "storage/write/recorder.h"
 #include "xcp/master.h"
 
@@ -59,6 +63,10 @@ struct SessionOptions {
     bool a2lOptional = false;      ///< a configuration that names a transport will do
     bool ignoresIdentity = false;  ///< an ECU of another software is read from and written to
     OtherSoftware otherSoftware = OtherSoftware::asConfigured;
+    /// May put another medium in the place of the one that the configuration names, which is not opened yet.
+    std::function<Result<std::unique_ptr<IMedium>>(std::unique_ptr<IMedium> medium,
+                                                   const SessionConfig& config, const StopToken& stop)>
+        adoptMedium = {};
 };
 
 /// "no A2L file configured"
@@ -178,6 +186,21 @@ class Session final : public IValues, public IMeasured, private xcp::IMasterList
     /// is done.
     void finishRecording() override;
 
+    /// Records the running measurement from now on. Errors: alreadyOpen "DIRECTORY is being recorded to",
+    /// notOpen "no measurement runs", those of storage::Recorder::begin().
+    Result<void> startRecording(const storage::RecordingPlace& place, std::vector<std::string> commandLine);
+    /// Ends the recording; the measurement goes on. Errors: notOpen "nothing is recorded", "write error in
+    /// DIRECTORY".
+    Result<void> stopRecording();
+    bool isRecording() const { return running_ && recording_ != nullptr; }
+    /// Where the recording that runs goes, empty without one. From any thread.
+    std::string recordingDirectory() const;
+    /// A remark in the recording that runs: when it was made, on the clock of the records. From any thread
+    /// while a measurement runs. Error: notOpen "nothing is recorded".
+    Result<std::int64_t> mark(const std::string& text);
+    /// A parameter that was written, in the recording that runs, if any. Likewise.
+    void noteParameter(storage::ParameterWrite write);
+
     /// What a recording of the running measurement, beginning now, says about itself and its groups. From
     /// any thread until startMeasurement() is called again.
     storage::RecordingInfo describeRecording(const std::filesystem::path& directory) const override;
@@ -196,6 +219,14 @@ class Session final : public IValues, public IMeasured, private xcp::IMasterList
     /// of use then. stopMeasurement() takes the request back, also one that comes while it runs.
     void requestStop() { stop_.request(); }
     StopToken stopToken() const { return stop_.token(); }
+
+    /// For whoever lets others send commands to the ECU.
+    xcp::Master& master() { return *master_; }
+    ISharing* sharing() { return medium_->sharing(); }
+    /// Until the result is gone no one else's commands come between those of this session.
+    [[nodiscard]] SharedOperation operation() { return SharedOperation(medium_->sharing()); }
+    /// Before an object is written other than by write() and writeObject().
+    void announceWrite(const ObjectBytes& change);
 
     /// What `step` makes of the master, once its answers are certainly their commands'.
     template <typename Step>
@@ -244,12 +275,15 @@ class Session final : public IValues, public IMeasured, private xcp::IMasterList
 
     void changeState(SessionState state, const std::string& message);
     std::string lossHint() const;
-    Result<void> beginRecording(const MeasurementOptions& options);
+    Result<void> beginRecording(const storage::RecordingPlace& place, std::vector<std::string> commandLine,
+                                std::chrono::duration<double> duration);
     Result<void> beginMeasurement(const MeasurementOptions& options,
                                   const std::optional<storage::GroupRange>& recording);
     Result<void> identify();
     Result<void> tellReturn();
     void noteWrite(ObjectBytes change);
+    void tellRecording(const std::string& directory);
+    BeforeWriting announcing(const BeforeWriting& beforeWriting);
     void askForDaq();
     bool deniesByteOrder() const;
     std::string byteOrderText() const;
@@ -289,10 +323,13 @@ class Session final : public IValues, public IMeasured, private xcp::IMasterList
     Error noDaq_{ErrorCode::unsupported, "the slave offers no DAQ"};  ///< when there are none
     bool daqCompleted_ = false;                                       ///< since the ECU was connected last
     // The running or the last ones, for their statistics. The measurement borrows the recording.
+    mutable std::mutex directoryMutex_;
+    std::string directory_;  ///< of the recording that runs, under directoryMutex_
     std::unique_ptr<storage::Recorder> recording_;
-    std::int64_t recordingStartNs_ = 0;
+    std::vector<std::unique_ptr<storage::Recorder>> recordingsBefore_;  ///< of the same measurement, closed
+    std::int64_t recordingStartNs_ = 0;                                 ///< of the first one
     std::unique_ptr<Measurement> measurement_;
-    bool running_ = false;
+    std::atomic<bool> running_{false};
     bool silent_ = false;  ///< the ECU did not answer last: DISCONNECT is not waited for
 
     std::atomic<SessionState> state_{SessionState::disconnected};

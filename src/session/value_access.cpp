@@ -1,5 +1,6 @@
 #include "session/value_access.h"
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -15,9 +16,10 @@ ReadOutcome ValueAccess::read(std::size_t count, const ElementSource& source) {
         values.clear();
         const auto end = std::chrono::steady_clock::now() + kLongest;
         while (values.size() < count) {
-            auto element = source(values.size());
-            values.push_back(element ? readUnconfirmed(std::move(element).value()) : element.error());
-            if (std::chrono::steady_clock::now() >= end || stop_.requested()) break;
+            for (auto& element : elementsAhead(values.size(), count, source)) {
+                values.push_back(element ? readUnconfirmed(std::move(element).value()) : element.error());
+                if (std::chrono::steady_clock::now() >= end || stop_.requested()) return {};
+            }
         }
         return {};
     };
@@ -28,6 +30,21 @@ ReadOutcome ValueAccess::read(std::size_t count, const ElementSource& source) {
         }
     }
     return outcome;
+}
+
+std::vector<Result<value::Element>> ValueAccess::elementsAhead(std::size_t first, std::size_t count,
+                                                               const ElementSource& source) {
+    constexpr std::size_t kMost = 256;
+    std::vector<Result<value::Element>> elements;
+    std::vector<MemoryPiece> pieces;
+    for (std::size_t i = first; i < std::min(count, first + kMost); ++i) {
+        elements.push_back(source(i));
+        if (!elements.back()) continue;
+        const value::Element& element = elements.back().value();
+        pieces.push_back({element.address, element.size()});
+    }
+    memory_.foresee(pieces);
+    return elements;
 }
 
 Result<Reading> ValueAccess::read(const value::Element& element) {

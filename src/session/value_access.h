@@ -68,6 +68,9 @@ class ValueAccess {
     Result<Reading> read(const value::Element& element);
 
   private:
+    /// The first elements from there on, of which the memory is told that they will be read.
+    std::vector<Result<value::Element>> elementsAhead(std::size_t first, std::size_t count,
+                                                      const ElementSource& source);
     Result<Reading> readUnconfirmed(value::Element element);
     Result<void> store(const value::Element& element, const std::vector<std::uint8_t>& bytes);
     Result<Reading> download(const value::Element& element, const std::vector<std::uint8_t>& bytes);

@@ -181,6 +181,13 @@ void TakeRecorder::onState(session::SessionState state, const std::string& messa
     }
 }
 
+void TakeRecorder::note(std::int64_t timeNs, const std::string& line) {
+    constexpr std::size_t kMost = 10'000;
+    const std::lock_guard lock(mutex_);
+    notes_.emplace_back(timeNs, line);
+    if (notes_.size() > kMost) notes_.pop_front();
+}
+
 // --- The thread of the takes
 
 void TakeRecorder::run() {
@@ -256,7 +263,7 @@ std::uint64_t TakeRecorder::skip(Pending& pending) {
     return missed;
 }
 
-void TakeRecorder::noteOutages(const Take& take, const storage::GroupRange& groups) const {
+void TakeRecorder::noteEvents(const Take& take, const storage::GroupRange& groups) const {
     const std::lock_guard lock(mutex_);
     for (const Outage& outage : outages_) {
         const bool overlaps =
@@ -267,6 +274,9 @@ void TakeRecorder::noteOutages(const Take& take, const storage::GroupRange& grou
         note(storage::outageBeginLine(outage.beginNs, outage.reason));
         note(storage::outageEndLine(outage.endNs.value_or(nowNs_), outage.endNs.has_value(),
                                     outage.outcome.empty() ? "the measurement ended" : outage.outcome));
+    }
+    for (const auto& [timeNs, line] : notes_) {
+        if (timeNs >= take.firstNs && timeNs <= take.lastNs) groups.note(line);
     }
 }
 
@@ -300,7 +310,7 @@ void TakeRecorder::record(Pending& pending) {
     }
     tellBegun(pending);
     write(pending, recorder, range);
-    noteOutages(take, range);
+    noteEvents(take, range);
     if (auto closed = recorder.close(); !closed) take.error = closed.error();
     take.recorded = recorder.recordsWritten();
     take.dropped += recorder.recordsDropped();

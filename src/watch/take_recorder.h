@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/result.h"
@@ -87,6 +88,8 @@ class TakeRecorder {
     void onRecord(const xcp::DaqRecord& record, const Fired& fired);
     /// `ecu` is which of several.
     void onState(session::SessionState state, const std::string& message, const std::string& ecu = {});
+    /// An event, a line of "events.jsonl", for the takes of that time. From any thread.
+    void note(std::int64_t timeNs, const std::string& line);
 
     /// All takes that were asked for are recorded.
     bool isComplete() const { return complete_.load(); }
@@ -137,7 +140,7 @@ class TakeRecorder {
     bool takeBatch(Pending& pending, Batch& batch);
     void write(Pending& pending, storage::Recorder& recorder, const storage::GroupRange& groups);
     std::uint64_t skip(Pending& pending);
-    void noteOutages(const Take& take, const storage::GroupRange& groups) const;
+    void noteEvents(const Take& take, const storage::GroupRange& groups) const;
 
     const TakeOptions options_;
     const Describe describe_;
@@ -157,6 +160,7 @@ class TakeRecorder {
     std::int64_t nowNs_ = INT64_MIN;
     std::int64_t cutNs_ = INT64_MIN;  ///< of the newest record that had to go for lack of room
     std::vector<Outage> outages_;
+    std::deque<std::pair<std::int64_t, std::string>> notes_;  ///< the latest
     std::vector<Take> takes_;
     bool stopping_ = false;
 };

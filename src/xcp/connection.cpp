@@ -182,6 +182,7 @@ Result<void> Connection::accept(const Packet& response) {
     {
         const std::lock_guard lock(answerMutex_);
         info_ = info;
+        connectAnswer_ = response;
         matcher_.connected();
         connected_ = !terminated_;
     }
@@ -277,6 +278,11 @@ Result<void> Connection::disconnectWithoutWaiting() {
 ConnectInfo Connection::info() const {
     const std::lock_guard lock(answerMutex_);
     return info_;
+}
+
+Packet Connection::connectAnswer() const {
+    const std::lock_guard lock(answerMutex_);
+    return connectAnswer_;
 }
 
 MasterStatistics Connection::statistics() const {

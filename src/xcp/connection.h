@@ -112,6 +112,10 @@ class Connection {
 
     bool connected() const { return connected_.load(); }
     ConnectInfo info() const;
+    /// What the slave answered to CONNECT, byte by byte.
+    Packet connectAnswer() const;
+    /// See ITransport.
+    void foresee(std::span<const Packet> commands) { transport_.foresee(commands); }
     /// How many CONNECTs succeeded: what was learned of the slave holds for one of them.
     std::uint64_t number() const { return number_.load(); }
     const MasterOptions& options() const { return options_; }
@@ -200,6 +204,7 @@ class Connection {
     Synchs synchs_ = Synchs::unknown;
     int care_ = 0;  ///< 1: each command that can be behind a fence is; 2: and copies are waited for
     ConnectInfo info_;
+    Packet connectAnswer_;
     // Bits of Resource.
     std::uint8_t locked_ = 0;   ///< as the slave said last
     std::uint8_t refused_ = 0;  ///< of which it refused a key
@@ -233,6 +238,12 @@ class Connection {
 /// The right to send commands, for as long as one operation lasts. Borrows the connection.
 class Connection::Turn {
   public:
+    ~Turn() {
+        if (lock_.owns_lock()) connection_->transport_.operationEnded();
+    }
+    Turn(Turn&&) = default;
+    Turn& operator=(Turn&&) = delete;
+
     /// One command with recovery. The positive response; ERR replies are errors.
     Result<Packet> transact(const Packet& command, const Exchange& rules = {}) {
         return connection_->transact(command, rules);

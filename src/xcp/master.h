@@ -89,6 +89,14 @@ class Master final : public IPacketSink {
     /// are waited for too.
     void beMoreCareful() { connection_.beMoreCareful(); }
 
+    /// For whole operations of commands that are not known here.
+    Result<Connection::Turn> turn() { return connection_.turn(); }
+    Packet connectAnswer() const { return connection_.connectAnswer(); }
+    std::uint64_t connectionNumber() const { return connection_.number(); }
+    const MasterOptions& options() const { return connection_.options(); }
+    /// See ITransport.
+    void foresee(std::span<const Packet> commands) { connection_.foresee(commands); }
+
     /// One command with recovery. The positive response; ERR replies are errors.
     Result<Packet> transact(const Packet& command, const Exchange& rules);
 

@@ -69,6 +69,11 @@ Result<std::vector<std::uint8_t>> Memory::readPlain(Connection::Turn& turn, Addr
 
 Result<std::vector<std::uint8_t>> Memory::readPackets(Connection::Turn& turn, Address address,
                                                       std::size_t elements) {
+    const std::size_t most = elementsPerResponse(turn.slave());
+    std::vector<Packet> commands{buildSetMta(address, turn.slave().byteOrder())};
+    for (std::size_t left = elements; left > 0; left -= std::min(left, most))
+        commands.push_back(buildUpload(static_cast<std::uint8_t>(std::min(left, most))));
+    connection_.foresee(commands);
     if (auto set = point(turn, address); !set) return set.error();
     std::vector<std::uint8_t> bytes;
     while (elements > 0) {

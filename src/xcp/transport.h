@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "core/result.h"
 
@@ -23,6 +24,8 @@ struct ReceiveTime {
 
 /// See transport_event.h.
 struct TransportEvent;
+/// See packet.h.
+struct Packet;
 
 class IPacketSink {
   public:
@@ -51,6 +54,13 @@ class ITransport {
     virtual Result<void> send(const std::uint8_t* data, std::size_t length) = 0;
 
     virtual std::size_t maxPacketSize() const = 0;
+
+    /// These commands are most likely the next, in this order: a transport whose way is long may fetch the
+    /// answers in one go.
+    virtual void foresee(std::span<const Packet> /*commands*/) {}
+
+    /// Whoever held the right to send has let go of it: what follows may be another operation's.
+    virtual void operationEnded() {}
 };
 
 }  // namespace lm::xcp

@@ -278,13 +278,16 @@ class ExportTest(SystemTest):
         lines = [{"event": "start", "timeNs": START_HOST, "utcNs": START_UTC, "version": 1},
                  {"event": "outageBegin", "timeNs": first, "reason": "lost, \"so\""}, {"event": "later", "timeNs": first},
                  {"event": "outageEnd", "timeNs": first + 10, "recovered": True, "outcome": "back"},
+                 {"event": "marker", "timeNs": second, "text": "now \u00e4"},
+                 {"event": "parameter", "timeNs": second, "name": "p", "old": "1", "new": "2", "by": "me"},
                  {"event": "outageBegin", "timeNs": second, "reason": "again"}]
         (directory / "events.jsonl").write_text("".join(json.dumps(line) + "\n" for line in lines), encoding="utf-8")
         read = self.mf4(directory, "o.mf4")
         both = [("outage: lost, \"so\"; back", None, 1), ("outage: lost, \"so\"; back", None, 2)]
         self.assertEqual([event[:3] for event in read.events],
-                         [*both, ("outage to the end: again", None, 0), *(("gap in cyclic", "cyclic", n) for n in (1, 2))])
-        for event, time in zip(read.events, (first, first + 10, second)):
+                         [*both, ("outage to the end: again", None, 0), ("now \u00e4", None, 0),
+                          ("p = 2, before 1, by me", None, 0), *(("gap in cyclic", "cyclic", n) for n in (1, 2))])
+        for event, time in zip(read.events, (first, first + 10, second, second, second)):
             self.assertAlmostEqual(event[3], (time - START_HOST) / 1e9, places=9)
         done = self.export(directory, "o.csv", "--gaps")
         self.assertEqual(done.stdout, "".join(f"{self.dir}/o_{name}.csv written\n" for name in ("cyclic", "tooth, odd", "gaps")))

@@ -153,7 +153,9 @@ class SystemTest(unittest.TestCase):
         self.dir = Path(tempfile.mkdtemp(prefix="xcplumo-"))
         self.addCleanup(shutil.rmtree, self.dir, ignore_errors=True)
         self.env = dict(os.environ, HOME=str(self.dir), XDG_CONFIG_HOME=str(self.dir / "config"),
-                        XDG_STATE_HOME=str(self.dir / "state"))
+                        XDG_STATE_HOME=str(self.dir / "state"), XDG_RUNTIME_DIR=str(self.dir / "run"),
+                        TMPDIR=str(self.dir))
+        (self.dir / "run").mkdir(mode=0o700)
 
     def start(self, arguments, **streams):
         program = Program([str(a) for a in arguments], self.dir, self.env, **streams)

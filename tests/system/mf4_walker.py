@@ -114,9 +114,10 @@ class File:
         return start, zone if flags else None
 
     def event(self, block):
-        kind, sync, mode, *zero, scopes, attachments, _, base, factor = block.unpack("<8BIHHqd")
-        need((kind, sync, any(zero), attachments) == (2, 1, False, 0) and len(block.links) == 5 + scopes, "event")
-        need(scopes == (not self.text(block.links[3]).startswith("outage")), "scope")
+        kind, sync, mode, cause, *zero, scopes, attachments, _, base, factor = block.unpack("<8BIHHqd")
+        need((sync, any(zero), attachments) == (1, False, 0) and len(block.links) == 5 + scopes, "event")
+        need((kind, cause) == (2, 0) or (kind, cause, mode, scopes) == (6, 4, 0, 0), "interrupt or marker")
+        need(kind == 6 or scopes == (not self.text(block.links[3]).startswith("outage")), "scope")
         scope = next((g.name for g in self.groups if scopes and g.place == block.links[5]), None)
         need((mode == 2) == (block.links[2] != 0), "an end without a begin")
         if mode == 2:

@@ -74,6 +74,8 @@ class EventReader {
         if (*kind == "clockStep") return takeStep(json, *time);
         if (*kind == "ecu") return takeEcu(json, *time);
         if (*kind == "ecuClock") return takeEcuClock(json, *time);
+        if (*kind == "marker") return takeMarker(json, *time);
+        if (*kind == "parameter") return takeWrite(json, *time);
         if (*kind == "partBegin") return takeBorder(json, *time, events_.begin);
         if (*kind == "partEnd") return takeBorder(json, *time, events_.end);
         // A kind of a later program.
@@ -195,6 +197,19 @@ class EventReader {
         events_.ecuChanges.push_back({time, std::move(*what), std::move(*text), ecuOf(json)});
     }
 
+    void takeMarker(const Json& json, std::int64_t time) {
+        auto text = textAt(json, "text");
+        if (!text) return fault("is no event");
+        events_.markers.push_back({time, std::move(*text)});
+    }
+    void takeWrite(const Json& json, std::int64_t time) {
+        auto name = textAt(json, "name");
+        auto after = textAt(json, "new");
+        if (!name || !after) return fault("is no event");
+        events_.writes.push_back({time, std::move(*name), textAt(json, "old").value_or(""), std::move(*after),
+                                  textAt(json, "by").value_or("")});
+    }
+
     void fault(const char* text) {
         if (events_.faults.size() < kMostFaults) events_.faults.push_back({number_, text});
     }
@@ -298,6 +313,19 @@ std::string lineOfEcu(const std::string& line, const std::string& ecu) {
     const OrderedJson name = ecu;
     return std::string("{\"") + kEcuKey +
            "\":" + name.dump(-1, ' ', false, OrderedJson::error_handler_t::replace) + "," + line.substr(1);
+}
+
+std::string markerLine(const Marker& marker) {
+    return lineOf({{"event", "marker"}, {"timeNs", marker.timeNs}, {"text", marker.text}});
+}
+
+std::string parameterLine(const ParameterWrite& write) {
+    return lineOf({{"event", "parameter"},
+                   {"timeNs", write.timeNs},
+                   {"name", write.name},
+                   {"old", write.before},
+                   {"new", write.after},
+                   {"by", write.by}});
 }
 
 std::string partBeginLine(const PartBorder& border) {

@@ -78,6 +78,22 @@ struct EcuNote {
     std::string ecu = {};
 };
 
+/// A remark of whoever measured.
+struct Marker {
+    std::int64_t timeNs = 0;
+    std::string text;
+};
+
+/// A parameter that was written while the recording was made; numbers with the digits that they need, and
+/// texts.
+struct ParameterWrite {
+    std::int64_t timeNs = 0;
+    std::string name;
+    std::string before;  ///< empty: not known
+    std::string after;
+    std::string by;
+};
+
 /// Where a part begins or ends in its series: one number for each group, of records counted from 0 in the
 /// first part. `records` are those of the first record here, or of the one after the last.
 struct PartBorder {
@@ -100,6 +116,8 @@ std::string ecuLine(const EcuNote& note);
 std::string ecuClockLine(const EcuClock& clock);
 /// A line that is about one of several ECUs: it tells which.
 std::string lineOfEcu(const std::string& line, const std::string& ecu);
+std::string markerLine(const Marker& marker);
+std::string parameterLine(const ParameterWrite& write);
 std::string partBeginLine(const PartBorder& border);
 std::string partEndLine(const PartBorder& border);
 /// A part of the same series is gone, as it was ordered.
@@ -150,6 +168,8 @@ struct RecordingEvents {
     std::vector<ClockStep> steps;
     std::vector<EcuNote> ecus;
     std::vector<EcuClock> ecuClocks;  ///< of each ECU what was told last
+    std::vector<Marker> markers;
+    std::vector<ParameterWrite> writes;
     std::optional<PartBorder> begin;  ///< of a part; none for the first one
     std::optional<PartBorder> end;    ///< likewise; none for the last one
     std::vector<EventFault> faults;   ///< the first ones; lines of unknown kinds are none

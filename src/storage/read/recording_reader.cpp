@@ -132,6 +132,14 @@ RecordingEvents RecordingReader::events() const {
             std::erase_if(all.ecuClocks, [&](const EcuClock& before) { return before.ecu == clock.ecu; });
             all.ecuClocks.push_back(std::move(clock));
         }
+        for (Marker& marker : events.markers) {
+            marker.timeNs += part.shiftNs;
+            all.markers.push_back(std::move(marker));
+        }
+        for (ParameterWrite& write : events.writes) {
+            write.timeNs += part.shiftNs;
+            all.writes.push_back(std::move(write));
+        }
         all.end = events.end;
     }
     return all;
