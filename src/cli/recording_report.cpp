@@ -278,6 +278,25 @@ void writeEvents(JsonWriter& json, const storage::RecordingEvents& events, const
         json.endObject();
     }
     json.endArray();
+    json.key("markers").beginArray();
+    for (const storage::Marker& marker : events.markers) {
+        json.beginObject();
+        json.member("atNs", sinceStart(marker.timeNs, info));
+        json.member("text", marker.text);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("writes").beginArray();
+    for (const storage::ParameterWrite& write : events.writes) {
+        json.beginObject();
+        json.member("atNs", sinceStart(write.timeNs, info));
+        json.member("name", write.name);
+        json.member("old", write.before);
+        json.member("new", write.after);
+        json.member("by", write.by);
+        json.endObject();
+    }
+    json.endArray();
 }
 
 void writeEcus(JsonWriter& json, const RecordingOverview& overview) {
@@ -301,25 +320,6 @@ void writeEcus(JsonWriter& json, const RecordingOverview& overview) {
         json.member("driftPpm", clock.driftPpm);
         json.member("residualNs", clock.residualNs);
         json.member("spanNs", clock.spanNs);
-        json.endObject();
-    }
-    json.endArray();
-    json.key("markers").beginArray();
-    for (const storage::Marker& marker : events.markers) {
-        json.beginObject();
-        json.member("atNs", sinceStart(marker.timeNs, info));
-        json.member("text", marker.text);
-        json.endObject();
-    }
-    json.endArray();
-    json.key("writes").beginArray();
-    for (const storage::ParameterWrite& write : events.writes) {
-        json.beginObject();
-        json.member("atNs", sinceStart(write.timeNs, info));
-        json.member("name", write.name);
-        json.member("old", write.before);
-        json.member("new", write.after);
-        json.member("by", write.by);
         json.endObject();
     }
     json.endArray();
