@@ -26,7 +26,8 @@ ARROWS = {
     "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage", "params"},
     "host": {"core", "http", "xcp", "value", "a2l", "storage", "session"},
     "watch": {"core", "value", "xcp", "storage", "session"},
-    "cli": {"core", "host", "http", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
+    "serve": {"core", "http", "value", "a2l", "xcp", "storage", "exporter", "session"},
+    "cli": {"core", "serve", "host", "http", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
     "key": {"core"},
     "sim": {"core", "hal", "help"},
 }
@@ -35,7 +36,7 @@ PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_pa
           "sim/variant_options.cpp"}
 LOG = {"src/core/log.cpp", "src/cli/message_output.cpp"}
 ASIO = {"src/http/connection.h", "src/http/connection.cpp", "src/http/server.cpp"}
-LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"http", "host", "session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"},
+LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"http", "host", "serve", "session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"},
              "boost/": ASIO}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <poll.h>
@@ -19,6 +20,7 @@
 #include "cli/line_keeper.h"
 #include "cli/message_output.h"
 #include "cli/options.h"
+#include "cli/sharing.h"
 #include "cli/stop_signal.h"
 #include "core/thread.h"
 
@@ -110,11 +112,12 @@ class LogPrinter {
 
 /// Shows the text until something ends it.
 Result<void> show(LineKeeper& keeper, LogPrinter& printer, double duration,
-                  const std::shared_ptr<Input>& input) {
+                  const std::shared_ptr<Input>& input, const std::function<void()>& onBegun) {
     if (auto started = keeper.start(); !started.ok()) return started;
     while (!keeper.begun()) {
         if (!printer.print() || !pauseUnlessOver()) return {};
     }
+    onBegun();
     auto reader = startThread("cannot read standard input", [input] { sendInput(input); });
     if (!reader.ok()) return reader.error();
     reader.value().detach();
@@ -146,6 +149,7 @@ std::string consoleLine(const session::ConsoleLine& line) {
 
 void ConsoleCommand::addOptions(OptionSet& options) {
     addDuration(options, durationSeconds_, "Seconds (0 = until Ctrl-C or end of input)");
+    addReadOnly(options, readOnly_);
 }
 
 int ConsoleCommand::run(Workplace& place) {
@@ -158,7 +162,9 @@ int ConsoleCommand::run(Workplace& place) {
     input->session = &session;
     LogPrinter printer(session.consoleLog(), place.results.output());
     LineKeeper keeper(session);
-    const Result<void> shown = show(keeper, printer, durationSeconds_, input);
+    const Result<void> shown =
+        show(keeper, printer, durationSeconds_, input, [&] { place.sharing->start(session, readOnly_); });
+    place.sharing->stop();
     if (!shown.ok()) place.results.fail("console", shown.error());
     input->ending.store(true);
     keeper.end();  // ends the sending of a line, too

@@ -29,6 +29,7 @@ class ConsoleCommand final : public ICommand {
 
   private:
     double durationSeconds_ = 0;
+    bool readOnly_ = false;  ///< for those who come through this program
 };
 
 }  // namespace lm::cli

@@ -344,6 +344,21 @@ Result<void> checkPart(const a2l::Description& description, const a2l::ObjectNam
     return part.indices.empty() ? Result<void>() : a2l::checkIndices(part, dimensions);
 }
 
+/// What the name stands for. Errors: as of writeDescription().
+Result<ObjectFacts> factsOf(const a2l::Description& description, const std::string& name) {
+    auto object = findFacts(description, name);
+    // Of an element or an axis there is no more to say than the object that it lies in tells.
+    if (const auto part = a2l::parseObjectName(description, name); !object && part) {
+        if (auto fits = checkPart(description, part.value()); !fits) return fits.error();
+        object = findFacts(description, part.value().object);
+    }
+    if (object) return std::move(*object);
+    if (a2l::belongsToInstance(description, name)) return a2l::findLeaf(description, name).error();
+    Error unknown{ErrorCode::notFound, "'" + name + "' is not in the A2L"};
+    unknown.hint = a2l::unknownNameHint(description, name);
+    return unknown;
+}
+
 }  // namespace
 
 void DescribeCommand::addOptions(OptionSet& options) {
@@ -353,23 +368,12 @@ void DescribeCommand::addOptions(OptionSet& options) {
 
 int DescribeCommand::show(Workplace& place, const a2l::Description& description,
                           const std::string& name) const {
-    auto object = findFacts(description, name);
-    // Of an element or an axis there is no more to say than the object that it lies in tells.
-    if (const auto part = a2l::parseObjectName(description, name); !object && part) {
-        if (auto fits = checkPart(description, part.value()); !fits) {
-            place.results.fail("describe", fits.error(), name);
-            return 1;
-        }
-        object = findFacts(description, part.value().object);
-    }
+    const auto object = factsOf(description, name);
     if (!object) {
-        Error unknown{ErrorCode::notFound, "'" + name + "' is not in the A2L"};
-        unknown.hint = a2l::unknownNameHint(description, name);
-        if (a2l::belongsToInstance(description, name)) unknown = a2l::findLeaf(description, name).error();
-        place.results.fail("describe", unknown, name);
+        place.results.fail("describe", object.error(), name);
         return 1;
     }
-    place.results.show(DescribeReport(description, *object));
+    place.results.show(DescribeReport(description, object.value()));
     return 0;
 }
 
@@ -396,6 +400,14 @@ int DescribeCommand::run(Workplace& place) {
     }
     const auto& one = found.value().front();
     return show(place, descriptions[one.ecu], one.text);
+}
+
+Result<void> writeDescription(const a2l::Description& description, const std::string& name,
+                              JsonWriter& json) {
+    const auto object = factsOf(description, name);
+    if (!object) return object.error();
+    DescribeReport(description, object.value()).write(json);
+    return {};
 }
 
 }  // namespace lm::cli

@@ -7,6 +7,7 @@
 
 #include "a2l/description.h"
 #include "cli/command.h"
+#include "cli/json_writer.h"
 
 namespace lm::cli {
 
@@ -22,5 +23,9 @@ class DescribeCommand final : public ICommand {
 
     std::string name_;
 };
+
+/// The members that `describe` has about an object. Errors: notFound, and of a part that the object does not
+/// have.
+Result<void> writeDescription(const a2l::Description& description, const std::string& name, JsonWriter& json);
 
 }  // namespace lm::cli

@@ -191,6 +191,15 @@ class ListReport final : public IReport {
 
 }  // namespace
 
+Result<void> writeList(const a2l::Description& description, const ListCommand::Options& options,
+                       JsonWriter& json) {
+    const auto folders = session::FolderFilter::create(description, options.groups, options.functions);
+    if (!folders) return folders.error();
+    if (auto few = checkReach(description, options, folders.value()); !few) return few;
+    ListReport(description, options, folders.value()).write(json);
+    return {};
+}
+
 void ListCommand::addOptions(OptionSet& options) {
     options.add("pattern", options_.pattern, "Part of the name (case-insensitive)");
     options.addFlag("-p,--parameters", options_.onlyParameters, "Only parameters");

@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "a2l/description.h"
 #include "cli/command.h"
+#include "cli/json_writer.h"
 
 namespace lm::cli {
 
@@ -32,5 +34,10 @@ class ListCommand final : public ICommand {
   private:
     Options options_;
 };
+
+/// The members "objects" and "count" of what `list` with these options finds. Errors: an unknown folder, too
+/// many parts.
+Result<void> writeList(const a2l::Description& description, const ListCommand::Options& options,
+                       JsonWriter& json);
 
 }  // namespace lm::cli

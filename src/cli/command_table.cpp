@@ -12,6 +12,7 @@
 #include "cli/command_page.h"
 #include "cli/command_recording.h"
 #include "cli/command_save_config.h"
+#include "cli/command_serve.h"
 #include "cli/command_snapshot.h"
 #include "cli/command_unlock.h"
 #include "cli/command_values.h"
@@ -126,6 +127,12 @@ NAME@EVENT/8 takes every eighth sample. With --json -p is 1 when it is not given
   xcplumo-cli -c demo.json wait 'coolant_temp>90' --timeout 10min --report warm.xml
 Exit code 0: it held, 3: not within the timeout, 4: no one answered, 1: any other error.)",
      Needs::connection, Form::json, make<WaitCommand>},
+    {"serve", "Hold the ECU and offer it over HTTP: values, measurement, recordings, streams",
+     R"(  xcplumo-cli -c demo.json serve
+  xcplumo-cli -c demo.json serve --recordings recordings
+  xcplumo-cli -c demo.json serve --listen 192.168.0.5:8080 --allow-writes
+Any address but 127.0.0.1 is read-only without --allow-writes. The printed address holds the token.)",
+     Needs::session, Form::text, make<ServeCommand>},
     {"snapshot", "Keep the values of all parameters in a file",
      R"(  xcplumo-cli -c demo.json snapshot before.json
   xcplumo-cli -c demo.json snapshot maps.json "cal_*_map" --group Tables

@@ -94,10 +94,29 @@ void Sharing::start(session::Session& session, bool readOnly) {
     }
 }
 
-Result<void> Sharing::serve(session::Session& session, bool readOnly) {
-    auto host = host::Host::start({session, self(session.ecuPlace()), a2l_, readOnly});
+Result<void> Sharing::startHost(session::Session& session, bool readOnly,
+                                std::function<std::string()> recording) {
+    auto host = host::Host::start({session, self(session.ecuPlace()), a2l_, readOnly, std::move(recording)});
     if (!host) return host.error();
     host_ = std::move(host).value();
+    return {};
+}
+
+host::Host* Sharing::host(session::Session& session, bool readOnly, std::function<std::string()> recording) {
+    if (!claim_) return nullptr;
+    if (auto started = startHost(session, readOnly, std::move(recording)); !started) {
+        log::warn("nothing is shared with other programs: {}", started.error().text());
+        stop();
+    }
+    return host_.get();
+}
+
+void Sharing::endWork() {
+    if (host_) host_->stop();
+}
+
+Result<void> Sharing::serve(session::Session& session, bool readOnly) {
+    if (auto started = startHost(session, readOnly, {}); !started) return started;
     http::Router router;
     host_->addRoutes(router);
     http::AccessSetup own;

@@ -4,8 +4,11 @@
 // Threads: the main thread. Lifetime: outlives the session; stop() comes before that is closed.
 #pragma once
 
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "cli/command.h"
 #include "cli/options.h"
@@ -32,6 +35,14 @@ class Sharing {
 
     /// From now on others may come, if this command is one that holds. What stands in the way is logged.
     void start(session::Session& session, bool readOnly);
+    /// As start(), of a command with a server of its own: it adds the routes to that, and listens at
+    /// socketPath() too. None: nothing is shared.
+    host::Host* host(session::Session& session, bool readOnly, std::function<std::string()> recording);
+    std::filesystem::path socketPath() const {
+        return claim_ ? claim_->socketPath() : std::filesystem::path();
+    }
+    /// No one's commands come any more; routes answer so.
+    void endWork();
     /// While the result lives no one else's commands come between. Errors: those of host::Host::own().
     Result<std::optional<host::Host::Own>> own();
     /// No one comes any more, and who is at work is let finish a write.
@@ -43,6 +54,7 @@ class Sharing {
                                                      const session::SessionConfig& config,
                                                      const StopToken& stop);
     Result<void> claim(const std::string& place);
+    Result<void> startHost(session::Session& session, bool readOnly, std::function<std::string()> recording);
     Result<void> serve(session::Session& session, bool readOnly);
 
     const SharingRole role_;

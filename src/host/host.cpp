@@ -61,7 +61,7 @@ nlohmann::json Host::facts() const {
     const xcp::Packet connect = setup_.session.master().connectAnswer();
     return {{"pid", setup_.holder.pid},
             {"command", setup_.holder.command},
-            {"recording", setup_.session.recordingDirectory()},
+            {"recording", setup_.recording ? setup_.recording() : setup_.session.recordingDirectory()},
             {"readOnly", setup_.readOnly},
             {"ecu", setup_.session.ecuName()},
             {"a2l", setup_.a2l.path},
@@ -185,8 +185,9 @@ std::optional<Host::Job> Host::nextJob(std::unique_lock<std::mutex>& lock) {
         for (auto job = jobs_.begin(); job != jobs_.end(); ++job) {
             const bool isOfLease = lease_ && job->connection == lease_->connection();
             const bool mayBegin = !lease_ && !ownHolds_ && !ownWaits_;
-            const bool isFree = job->kind == Job::Kind::written;
-            if (!(job->kind == Job::Kind::begin ? mayBegin : isOfLease || isFree || !lease_)) continue;
+            // What was written may be told beside another client's lease, but not between the owner's deeds.
+            const bool isFree = !ownHolds_ && (job->kind == Job::Kind::written || !lease_);
+            if (!(job->kind == Job::Kind::begin ? mayBegin : isOfLease || isFree)) continue;
             Job next = std::move(*job);
             jobs_.erase(job);
             working_ = true;

@@ -38,6 +38,8 @@ struct HostSetup {
     Holder holder;
     A2lFile a2l;            ///< as it was when it was read
     bool readOnly = false;  ///< every write of a client is refused
+    /// The recording that runs, as clients are told it; from any thread. None: the session's.
+    std::function<std::string()> recording = {};
 };
 
 class Host {

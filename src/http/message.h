@@ -35,7 +35,8 @@ struct Peer {
 class PeerWatch {
   public:
     bool gone() const;
-    /// Called once, on the server's own thread (which it must not hold up); at once when the peer is gone.
+    /// Called once, on the server's own thread (which it must not hold up); at once when the peer is gone. It
+    /// is kept as long as the connection: one that serves many requests adds to it once.
     void onGone(std::function<void()> function);
     /// The server's own.
     void tellGone();

@@ -75,6 +75,14 @@ void JointMeasurement::Listener::onStateChanged(SessionState state, const std::s
         listener->onEcuStateChanged(joint.group_.name(ecu), state, message, hint);
 }
 
+void JointMeasurement::Listener::onParameterWritten(const storage::ParameterWrite& write) {
+    ISessionListener* const listener = joint.listener_.load();
+    if (listener == nullptr) return;
+    storage::ParameterWrite named = write;
+    named.name.insert(0, joint.group_.name(ecu) + "/");
+    listener->onParameterWritten(named);
+}
+
 void JointMeasurement::Part::onRecord(const xcp::DaqRecord& record) {
     xcp::DaqRecord among = record;
     among.listIndex += firstList;

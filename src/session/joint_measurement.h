@@ -65,6 +65,7 @@ class JointMeasurement final : public IMeasured {
     struct Listener final : ISessionListener {
         Listener(JointMeasurement& all, std::size_t number) : joint(all), ecu(number) {}
         void onStateChanged(SessionState state, const std::string& message, const std::string& hint) override;
+        void onParameterWritten(const storage::ParameterWrite& write) override;
 
         JointMeasurement& joint;
         const std::size_t ecu;

@@ -643,6 +643,7 @@ std::string Session::recordingDirectory() const {
 
 void Session::noteParameter(storage::ParameterWrite write) {
     if (ISharing* const sharing = medium_->sharing()) sharing->tellParameter(write);
+    if (ISessionListener* const listener = listener_.load()) listener->onParameterWritten(write);
     if (!running_) return;
     measurement_->note([&](std::int64_t nowNs) {
         write.timeNs = nowNs;

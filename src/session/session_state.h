@@ -7,6 +7,10 @@
 #include <cstdint>
 #include <string>
 
+namespace lm::storage {
+struct ParameterWrite;
+}
+
 namespace lm::session {
 
 enum class SessionState : std::uint8_t {
@@ -31,6 +35,9 @@ class ISessionListener {
                                    const std::string& hint) {
         onStateChanged(state, message.empty() ? message : ecu + ": " + message, hint);
     }
+
+    /// Session::noteParameter() was called, on the thread of that; the time is not set.
+    virtual void onParameterWritten(const storage::ParameterWrite& /*write*/) {}
 };
 
 }  // namespace lm::session

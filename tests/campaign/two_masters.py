@@ -38,7 +38,7 @@ class TwoMasters(campaign.Campaign):
             measure = harness.record(directory, ["counter_1ms@0", "counter_10ms@1"], SECONDS)
             arguments = {"get": ["get", *names * 10], "set": ["set", *self.typed], "measure": measure,
                          "retry": ["--reconnect", "retry_forever", *measure]}[tool]
-            started.append((tool, self.start_cli(sim, "-c", config, *arguments), names * 10, directory))
+            started.append((tool, self.start_cli(sim, "-c", config, "--direct", *arguments), names * 10, directory))
             time.sleep(chance.choice((0.005, 0.03, 0.4)) * chance.random())  # a moment is what is tried here
         for tool, program, names, directory in started:
             code = program.finish()

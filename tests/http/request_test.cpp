@@ -117,7 +117,9 @@ TEST(Access, JudgesByTheHead) {
         const std::optional<Response> refusal = access->judge(one.credentials, one.demand);
         EXPECT_EQ(refusal ? refusal->status : 200, one.status)
             << one.credentials.host << one.credentials.origin << one.credentials.authorization;
-        if (refusal) EXPECT_EQ(refusal->body.find(access->token()), std::string::npos);
+        if (refusal) {
+            EXPECT_EQ(refusal->body.find(access->token()), std::string::npos);
+        }
     }
     for (int i = 0; i < 64; ++i)
         ASSERT_TRUE(access->login(access->token()).ok());

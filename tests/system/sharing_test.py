@@ -16,11 +16,12 @@ HELD = r"through pid {} \(\S+: xcplumo-cli .*measure.*\), recording to {}\n"
 
 
 class SharingTest(harness.SystemTest):
-    def measure(self, sim, *arguments, stdin=subprocess.DEVNULL):
+    def measure(self, sim, *arguments, stdin=subprocess.DEVNULL, names=("counter_1ms@0", "counter_10ms@1")):
         """A measurement that others may come to."""
-        names = harness.signals(["counter_1ms@0", "counter_10ms@1"])
-        program = self.start(self.arguments(sim, "measure", "-p", 0, *names, *arguments), stdin=stdin)
-        program.wait_for_err("measuring 2 signal(s)")
+        signals = harness.signals(names)
+        options = [*arguments[:2]] if arguments[:1] == ("-c",) else []
+        program = self.start(self.arguments(sim, *options, "measure", "-p", 0, *signals, *arguments[len(options):]), stdin=stdin)
+        program.wait_for_err(f"measuring {len(names)} signal(s)")
         sockets = self.dir / "run" / "xcplumo"
         program.wait_for(lambda: list(sockets.glob("*.sock")) or "--direct" in map(str, arguments), "a socket")
         return program
@@ -174,6 +175,66 @@ class SharingTest(harness.SystemTest):
         self.assertEqual(harness.stop(program)[0], 0)
         write, = self.info(self.dir / "r")["writes"]
         self.assertEqual((write["name"], write["new"]), ("cal_gains", "0x" + after.hex().upper()))
+
+
+    def test_console_lets_others_in(self):
+        sim = self.start_serial_sim()
+        program = self.start_cli(sim, "console", "-t", 60)
+        program.wait_for(lambda: list((self.dir / "run" / "xcplumo").glob("*.sock")), "a socket")
+        done = self.run_cli(sim, "set", "cal_gain=3")
+        self.assertRegex(done.stderr, rf"^through pid {program.process.pid} \(\S+: xcplumo-cli .*console.*\)\n$")
+        self.assertEqual((done.stdout, done.returncode), (harness.value_line("cal_gain", "3.000"), 0))
+        self.assertEqual(harness.stop(program)[0], 0)
+
+    def test_host_killed_within_a_write(self):
+        """Whichever command it is at: the client says so, and the ECU holds what it did before or all that was written."""
+        ends, config = {0: 0, 1: 0}, self.quick_config()
+        for step in range(1, 40):
+            relay = self.start_relay()
+            program = self.measure(relay, "-c", config, "-r", self.dir / f"k{step}", names=["counter_10ms@1"])
+            begun = len(relay.commands)
+
+            def change(datagram):
+                if len(relay.commands) >= begun + step and program.process.poll() is None:
+                    program.signal(signal.SIGKILL)
+                return datagram
+
+            relay.change = change
+            done = self.run_cli(relay, "-c", config, "set", "cal_gain=3")
+            alone = program.process.poll() is None
+            program.kill()
+            self.assertEqual(done.returncode, int("has ended, which held the ECU" in done.stderr + done.stdout), (step, done))
+            held = self.run_cli(relay.sim, "get", "cal_gain").stdout.split()[1]
+            self.assertIn(held, ("1.000", "3.000"), (step, done))
+            ends[done.returncode] += 1
+            if alone:
+                break
+        self.assertTrue(alone and ends[1] > 5, (step, ends))
+
+    def test_presence_and_another_way_in(self):
+        """A host that cannot be reached is named to whoever comes, until it has gone; a set that came through it is its own."""
+        relay = self.start_relay("--epk", "PUMP 3.1", "--pages", 2)
+        quick = {"reconnect": {"policy": "retry_forever", "heartbeatMs": 300}, "calibration": {"onReset": "reapply"}}
+        values = self.dir / "v.json"
+        self.assertEqual(self.run_cli(relay, "snapshot", values, "cal_gain").returncode, 0)
+        values.write_text(values.read_text().replace('"value": 1', '"value": 5'))
+        program = self.measure(relay, "-c", self.quick_config(**quick), "-r", self.dir / "r")
+        other = self.dir / "elsewhere"
+        other.mkdir(mode=0o700)
+        there = dict(self.env, XDG_RUNTIME_DIR=str(other))
+        refused = self.run_cli(relay, "get", "cal_gain", env=there)
+        self.assertIn(f"is held by pid {program.process.pid} (", refused.stderr)
+        self.assertIn("hint: --take-over goes on", refused.stderr)
+        done = self.run_cli(relay, "apply", "--yes", values)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        relay.sim.signal(signal.SIGUSR1)
+        program.wait_for_err("1 of 1 object(s) that this session wrote are written again and read back")
+        program.wait_for_err("** measuring: reconnected after")
+        self.assertEqual(self.run_cli(relay, "get", "cal_gain").stdout, harness.value_line("cal_gain", "5.000"))
+        taken = self.run_cli(relay, "--take-over", "get", "cal_gain", env=there)
+        self.expect(taken, harness.value_line("cal_gain", "5.000"))
+        program.kill()
+        self.expect(self.run_cli(relay, "get", "cal_gain", env=there), harness.value_line("cal_gain", "5.000"))
 
 
 class Client:

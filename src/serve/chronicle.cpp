@@ -1,0 +1,38 @@
+#include "serve/chronicle.h"
+
+#include <chrono>
+#include <utility>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+namespace lm::serve {
+
+std::int64_t utcNs() {
+    return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+std::string utcText() {
+    const std::int64_t ms = utcNs() / 1000000;
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(static_cast<std::time_t>(ms / 1000)),
+                       ms % 1000);
+}
+
+void Chronicle::note(nlohmann::json entry) {
+    const std::lock_guard lock(mutex_);
+    entry["number"] = ++last_;
+    entry["time"] = utcText();
+    if (entries_.size() == kMost) entries_.pop_front();
+    entries_.push_back(std::move(entry));
+}
+
+nlohmann::json Chronicle::after(std::uint64_t after) const {
+    const std::lock_guard lock(mutex_);
+    nlohmann::json entries = nlohmann::json::array();
+    for (const nlohmann::json& entry : entries_) {
+        if (entry["number"].get<std::uint64_t>() > after) entries.push_back(entry);
+    }
+    return {{"entries", std::move(entries)}, {"last", last_}};
+}
+
+}  // namespace lm::serve
