@@ -1,6 +1,7 @@
 #include "cli/command_list.h"
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -142,7 +143,7 @@ Result<void> checkReach(const a2l::Description& description, const ListCommand::
 /// What `list` looks through: the A2L of an ECU.
 struct ListSource {
     std::string before;  ///< in front of each name: "ECU/" of one of several
-    a2l::Description description;
+    const a2l::Description* description;
     ListCommand::Options options;
     session::FolderFilter folders;
 };
@@ -154,7 +155,7 @@ class ListReport final : public IReport {
     void print(Output& output) const override {
         const std::size_t count = forEachMatch([&output](const ListSource& source, const ListRow& row) {
             appendLine(row, output);
-            if (source.options.details) appendDetails(source.description, row, output);
+            if (source.options.details) appendDetails(*source.description, row, output);
         });
         if (output.flush()) printMessage(std::to_string(count) + " object(s)\n");
     }
@@ -162,7 +163,7 @@ class ListReport final : public IReport {
     void write(JsonWriter& json) const override {
         json.key("objects").beginArray();
         const std::size_t count = forEachMatch([&json](const ListSource& source, const ListRow& row) {
-            writeRow(source.description, row, json);
+            writeRow(*source.description, row, json);
         });
         json.endArray();
         json.member("count", count);
@@ -181,7 +182,7 @@ class ListReport final : public IReport {
                 named.name = name;
                 take(source, named);
             };
-            count += Matcher(source.description, source.options, source.folders, takeNamed).run();
+            count += Matcher(*source.description, source.options, source.folders, takeNamed).run();
         }
         return count;
     }
@@ -196,7 +197,8 @@ Result<void> writeList(const a2l::Description& description, const ListCommand::O
     const auto folders = session::FolderFilter::create(description, options.groups, options.functions);
     if (!folders) return folders.error();
     if (auto few = checkReach(description, options, folders.value()); !few) return few;
-    ListReport(description, options, folders.value()).write(json);
+    const std::vector<ListSource> sources{{"", &description, options, folders.value()}};
+    ListReport(sources).write(json);
     return {};
 }
 
@@ -217,14 +219,17 @@ int ListCommand::run(Workplace& place) {
     for (const session::SessionConfig& ecu : place.ecuConfigs)
         names.push_back(ecu.name);
     const session::EcuText wanted = session::splitEcu(options_.pattern, names);
+    std::vector<std::unique_ptr<a2l::Description>> descriptions;
     std::vector<ListSource> sources;
     for (std::size_t i = 0; i < std::max<std::size_t>(names.size(), 1); ++i) {
         const bool isOther = std::find(wanted.ecus.begin(), wanted.ecus.end(), i) == wanted.ecus.end();
         if (!wanted.ecus.empty() && isOther) continue;
         if (!names.empty()) place.config = place.ecuConfigs[i];
         const log::Subject subject(names.empty() ? "" : names[i]);
-        auto description = loadA2l(place);
-        if (!description) return 1;
+        auto loaded = loadA2l(place);
+        if (!loaded) return 1;
+        const auto& description =
+            descriptions.emplace_back(std::make_unique<a2l::Description>(std::move(*loaded)));
         auto folders = session::FolderFilter::create(*description, options_.groups, options_.functions);
         // Of several ECUs one may have no such folder.
         if (!folders && i + 1 < names.size()) continue;
@@ -239,7 +244,7 @@ int ListCommand::run(Workplace& place) {
             place.results.fail("list", few.error());
             return 1;
         }
-        sources.push_back({names.empty() ? "" : names[i] + "/", std::move(*description), std::move(options),
+        sources.push_back({names.empty() ? "" : names[i] + "/", description.get(), std::move(options),
                            std::move(folders).value()});
     }
     place.results.show(ListReport(sources));
