@@ -287,6 +287,32 @@ def bench_get(table, tools, directory, count=10_000):
               "at least 0.7", b / a >= 0.7)
 
 
+def bench_ecus(table, tools, directory, duration=20):
+    """Two simulated ECUs at 20,000 datagrams/s each, in one recording: what they sent is what is in it."""
+    rate, sims, ecus = 20_000, [], []
+    model = Path(directory, "fast.a2l")
+    fast = ["--fast-event-us", str(1_000_000 // rate)]
+    subprocess.run([tools.bin / "xcplumo-sim", *fast, "--write-a2l", model], check=True)
+    try:
+        for name in ("left", "right"):
+            sims.append(subprocess.Popen([tools.bin / "xcplumo-sim", *fast], stdout=subprocess.PIPE, text=True))
+            port = int(sims[-1].stdout.readline().split()[1])
+            ecus.append({"name": name, "udp": {"host": "127.0.0.1", "port": port}, "measurement": ["counter_1ms@0", "wave@0"]})
+        config = Path(directory, "ecus.json")
+        config.write_text(json.dumps({"a2l": str(model), "ecus": ecus}), encoding="utf-8")
+        done = subprocess.run([tools.cli, "-c", config, "measure", "-p", "0", "-t", str(duration), "-r", Path(directory, "ecus"),
+                               "--json", "--fail-on", "losses"], stdout=subprocess.PIPE, text=True, check=False)
+    finally:
+        for sim in sims:
+            sim.terminate()
+            sim.wait()
+    told = json.loads(done.stdout.splitlines()[-1])["statistics"]
+    least = min(ecu["records"] for ecu in told["ecus"]) / told["seconds"]
+    lost = told["lostOdts"] + told["missedCycles"] + told["recordedDropped"] + sum(c["count"] for c in told["medium"] if c["isLoss"])
+    table.add("two ECUs, recorded", f"{least:,.0f} datagrams/s of each, {lost} lost", f"{rate:,} datagrams/s sent by each",
+              f"{least / rate:.3f}", "nothing lost", done.returncode == 0 and lost == 0 and least > 0.99 * rate)
+
+
 def bench_steady(table, tools, seconds):
     with tempfile.NamedTemporaryFile("r", suffix=".csv") as out:
         subprocess.run([sys.executable, ROOT / "bench/steady.py", "--cli", tools.cli, "--sim", tools.bin / "xcplumo-sim",
@@ -306,12 +332,12 @@ def bench_steady(table, tools, seconds):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--bin", type=Path, required=True, help="where the programs were built")
-    parser.add_argument("--only", help="list,start,receive,line,conditions,splits,values,get,steady: some of them")
+    parser.add_argument("--only", help="list,start,receive,line,conditions,splits,values,get,ecus,steady: some of them")
     parser.add_argument("--steady-seconds", type=int, default=600)
     tools = parser.parse_args()
     tools.bin = tools.bin.resolve()
     tools.cli = tools.bin / "xcplumo-cli"
-    wanted = (tools.only or "list,start,receive,line,conditions,splits,values,get,steady").split(",")
+    wanted = (tools.only or "list,start,receive,line,conditions,splits,values,get,ecus,steady").split(",")
     table = Table()
     with tempfile.TemporaryDirectory(prefix="bench-") as directory:
         steps = {"list": lambda: bench_list(table, tools, directory), "start": lambda: bench_start(table, tools),
@@ -320,6 +346,7 @@ def main():
                  "conditions": lambda: bench_conditions(table, tools, directory),
                  "splits": lambda: bench_splits(table, tools, directory), "values": lambda: bench_values(table, tools),
                  "get": lambda: bench_get(table, tools, directory),
+                 "ecus": lambda: bench_ecus(table, tools, directory),
                  "steady": lambda: bench_steady(table, tools, tools.steady_seconds)}
         for name in wanted:
             steps[name]()

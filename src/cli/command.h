@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <vector>
 
 #include "cli/results.h"
+#include "session/ecu_group.h"
 #include "session/session.h"
 
 namespace lm::cli {
@@ -38,10 +40,16 @@ struct Workplace {
     const Options& options;
     Results& results;
     session::SessionConfig config = {};  ///< Needs::configuration; a session has its own
+    /// Of several ECUs, instead of `config`.
+    std::vector<session::SessionConfig> ecuConfigs = {};
     // Needs::session and above; else null.
     session::Session* session = nullptr;
     Console* console = nullptr;
     Sharing* sharing = nullptr;
+    /// Of several ECUs, instead of `session`; the command opens those that it needs.
+    session::EcuGroup* ecus = nullptr;
+    std::vector<std::unique_ptr<Sharing>>* ecuSharings = nullptr;  ///< instead of `sharing`, one for each
+    session::IMeasured* measured = nullptr;  ///< the session, or what a command makes of several
 };
 
 class ICommand {
@@ -52,6 +60,8 @@ class ICommand {
     virtual void addOptions(OptionSet& /*options*/) {}
     /// Lays them over the configuration.
     virtual void overrule(session::SessionConfig& /*config*/) const {}
+    /// Whether it works on several ECUs: else one of them must be chosen.
+    virtual bool takesSeveralEcus() const { return false; }
     /// What can be found out before anything is opened. Error: why the command cannot run.
     virtual Result<void> prepare(Form /*form*/) { return {}; }
     /// What it needs under its options, of what its row says.

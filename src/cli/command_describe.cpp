@@ -16,7 +16,9 @@
 #include "cli/object_parts.h"
 #include "cli/offline_a2l.h"
 #include "cli/option_set.h"
+#include "core/log.h"
 #include "core/text.h"
+#include "session/ecu_group.h"
 
 namespace lm::cli {
 namespace {
@@ -364,16 +366,40 @@ void DescribeCommand::addOptions(OptionSet& options) {
         .required();
 }
 
-int DescribeCommand::run(Workplace& place) {
-    const auto description = loadA2l(place);
-    if (!description) return 1;
-    const auto object = factsOf(*description, name_);
+int DescribeCommand::show(Workplace& place, const a2l::Description& description,
+                          const std::string& name) const {
+    const auto object = factsOf(description, name);
     if (!object) {
-        place.results.fail("describe", object.error(), name_);
+        place.results.fail("describe", object.error(), name);
         return 1;
     }
-    place.results.show(DescribeReport(*description, object.value()));
+    place.results.show(DescribeReport(description, object.value()));
     return 0;
+}
+
+int DescribeCommand::run(Workplace& place) {
+    if (place.ecuConfigs.empty()) {
+        const auto description = loadA2l(place);
+        return description ? show(place, *description, name_) : 1;
+    }
+    std::vector<a2l::Description> descriptions;
+    descriptions.reserve(place.ecuConfigs.size());  // they are borrowed
+    std::vector<session::NameSearch::Ecu> ecus;
+    for (const session::SessionConfig& ecu : place.ecuConfigs) {
+        const log::Subject subject(ecu.name);
+        place.config = ecu;
+        auto description = loadA2l(place);
+        if (!description) return 1;
+        descriptions.push_back(std::move(*description));
+        ecus.push_back({ecu.name, &descriptions.back()});
+    }
+    const auto found = session::NameSearch(std::move(ecus)).find(name_);
+    if (!found) {
+        place.results.fail("describe", found.error(), name_);
+        return 1;
+    }
+    const auto& one = found.value().front();
+    return show(place, descriptions[one.ecu], one.text);
 }
 
 Result<void> writeDescription(const a2l::Description& description, const std::string& name,

@@ -15,9 +15,12 @@ class DescribeCommand final : public ICommand {
   public:
     SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
+    bool takesSeveralEcus() const override { return true; }
     int run(Workplace& place) override;
 
   private:
+    int show(Workplace& place, const a2l::Description& description, const std::string& name) const;
+
     std::string name_;
 };
 

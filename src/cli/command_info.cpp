@@ -2,12 +2,14 @@
 
 #include <cstdint>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 
 #include "cli/offline_info.h"
 #include "cli/option_set.h"
+#include "cli/several_ecus.h"
 #include "cli/stop_signal.h"
 #include "core/log.h"
 #include "core/printable_text.h"
@@ -209,11 +211,15 @@ std::string daqSourceLines(const xcp::DaqCapabilities& daq, const session::DaqOr
     return lines;
 }
 
-void writeEcu(JsonWriter& json, const session::Session& session) {
-    json.key("ecu").beginObject();
+void writeEcuMembers(JsonWriter& json, const session::Session& session) {
     json.member("name", session.ecuName());
     json.member("address", session.medium().texts().name);
     json.member("description", session.medium().texts().description);
+}
+
+void writeEcu(JsonWriter& json, const session::Session& session) {
+    json.key("ecu").beginObject();
+    writeEcuMembers(json, session);
     json.endObject();
 }
 
@@ -221,7 +227,28 @@ void InfoCommand::addOptions(OptionSet& options) {
     options.addFlag("--offline", offline_, "What the A2L says: transports, protocol, DAQ (no connection)");
 }
 
+/// Those that answer; the others have been told.
+int InfoCommand::runOnSeveral(Workplace& place) const {
+    const auto errors = openEcus(place, place.ecus->all());
+    JsonWriter* const json = place.results.json();
+    if (json != nullptr) json->key("ecus").beginArray();
+    int exitCode = 0;
+    bool isFirst = true;
+    for (const std::size_t ecu : place.ecus->all()) {
+        if (errors[ecu]) exitCode = 1;
+        if (errors[ecu]) continue;
+        const log::Subject subject(place.ecus->name(ecu));
+        if (json != nullptr) json->beginObject();
+        if (json == nullptr && !std::exchange(isFirst, false)) place.results.output().append('\n');
+        place.results.show(InfoReport(place.ecus->at(ecu)));
+        if (json != nullptr) json->endObject();
+    }
+    if (json != nullptr) json->endArray();
+    return stopRequested() ? 1 : exitCode;
+}
+
 int InfoCommand::run(Workplace& place) {
+    if (place.ecus != nullptr) return runOnSeveral(place);
     if (offline_) return showOfflineInfo(place);
     place.results.show(InfoReport(*place.session));
     return stopRequested() ? 1 : 0;

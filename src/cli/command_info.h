@@ -23,7 +23,9 @@ std::string daqSourceLines(const xcp::DaqCapabilities& daq, const session::DaqOr
 /// One line per DAQ list whose CAN identifier is known.
 std::string canIdLines(const std::vector<session::DaqListId>& listIds);
 
-/// The member "ecu" of JSON objects.
+/// The members "name", "address" and "description".
+void writeEcuMembers(JsonWriter& json, const session::Session& session);
+/// An object of them as member "ecu".
 void writeEcu(JsonWriter& json, const session::Session& session);
 
 class InfoCommand final : public ICommand {
@@ -31,12 +33,15 @@ class InfoCommand final : public ICommand {
     SharingRole sharing() const override { return SharingRole::attaches; }
     void addOptions(OptionSet& options) override;
     Needs needs(Needs most) const override { return offline_ ? Needs::configuration : most; }
+    bool takesSeveralEcus() const override { return !offline_; }
     session::SessionOptions sessionOptions() const override {
         return {.a2lOptional = true, .otherSoftware = session::OtherSoftware::warned};
     }
     int run(Workplace& place) override;
 
   private:
+    int runOnSeveral(Workplace& place) const;
+
     bool offline_ = false;
 };
 

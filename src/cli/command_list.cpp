@@ -1,7 +1,11 @@
 #include "cli/command_list.h"
 
+#include <algorithm>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "a2l/description.h"
 #include "a2l/leaf_search.h"
@@ -10,6 +14,8 @@
 #include "cli/offline_a2l.h"
 #include "cli/options.h"
 #include "cli/stop_signal.h"
+#include "core/log.h"
+#include "session/ecu_group.h"
 #include "session/folder_filter.h"
 #include "session/name_pattern.h"
 
@@ -134,24 +140,31 @@ Result<void> checkReach(const a2l::Description& description, const ListCommand::
     return {};
 }
 
+/// What `list` looks through: the A2L of an ECU.
+struct ListSource {
+    std::string before;  ///< in front of each name: "ECU/" of one of several
+    const a2l::Description* description;
+    ListCommand::Options options;
+    session::FolderFilter folders;
+};
+
 class ListReport final : public IReport {
   public:
-    ListReport(const a2l::Description& description, const ListCommand::Options& options,
-               const session::FolderFilter& folders)
-        : description_(description), options_(options), folders_(folders) {}
+    explicit ListReport(const std::vector<ListSource>& sources) : sources_(sources) {}
 
     void print(Output& output) const override {
-        const std::size_t count = forEachMatch([this, &output](const ListRow& row) {
+        const std::size_t count = forEachMatch([&output](const ListSource& source, const ListRow& row) {
             appendLine(row, output);
-            if (options_.details) appendDetails(description_, row, output);
+            if (source.options.details) appendDetails(*source.description, row, output);
         });
         if (output.flush()) printMessage(std::to_string(count) + " object(s)\n");
     }
 
     void write(JsonWriter& json) const override {
         json.key("objects").beginArray();
-        const std::size_t count =
-            forEachMatch([this, &json](const ListRow& row) { writeRow(description_, row, json); });
+        const std::size_t count = forEachMatch([&json](const ListSource& source, const ListRow& row) {
+            writeRow(*source.description, row, json);
+        });
         json.endArray();
         json.member("count", count);
     }
@@ -159,12 +172,22 @@ class ListReport final : public IReport {
   private:
     template <typename Taker>
     std::size_t forEachMatch(const Taker& take) const {
-        return Matcher(description_, options_, folders_, take).run();
+        std::size_t count = 0;
+        for (const ListSource& source : sources_) {
+            std::string name;
+            const auto takeNamed = [&](const ListRow& row) {
+                if (source.before.empty()) return take(source, row);
+                ListRow named = row;
+                name = source.before + std::string(row.name);
+                named.name = name;
+                take(source, named);
+            };
+            count += Matcher(*source.description, source.options, source.folders, takeNamed).run();
+        }
+        return count;
     }
 
-    const a2l::Description& description_;
-    const ListCommand::Options& options_;
-    const session::FolderFilter& folders_;
+    const std::vector<ListSource>& sources_;
 };
 
 }  // namespace
@@ -174,7 +197,8 @@ Result<void> writeList(const a2l::Description& description, const ListCommand::O
     const auto folders = session::FolderFilter::create(description, options.groups, options.functions);
     if (!folders) return folders.error();
     if (auto few = checkReach(description, options, folders.value()); !few) return few;
-    ListReport(description, options, folders.value()).write(json);
+    const std::vector<ListSource> sources{{"", &description, options, folders.value()}};
+    ListReport(sources).write(json);
     return {};
 }
 
@@ -191,18 +215,39 @@ void ListCommand::addOptions(OptionSet& options) {
 }
 
 int ListCommand::run(Workplace& place) {
-    const auto description = loadA2l(place);
-    if (!description) return 1;
-    const auto folders = session::FolderFilter::create(*description, options_.groups, options_.functions);
-    if (!folders) {
-        place.results.fail("list", folders.error());
-        return 1;
+    std::vector<std::string> names;
+    for (const session::SessionConfig& ecu : place.ecuConfigs)
+        names.push_back(ecu.name);
+    const session::EcuText wanted = session::splitEcu(options_.pattern, names);
+    std::vector<std::unique_ptr<a2l::Description>> descriptions;
+    std::vector<ListSource> sources;
+    for (std::size_t i = 0; i < std::max<std::size_t>(names.size(), 1); ++i) {
+        const bool isOther = std::find(wanted.ecus.begin(), wanted.ecus.end(), i) == wanted.ecus.end();
+        if (!wanted.ecus.empty() && isOther) continue;
+        if (!names.empty()) place.config = place.ecuConfigs[i];
+        const log::Subject subject(names.empty() ? "" : names[i]);
+        auto loaded = loadA2l(place);
+        if (!loaded) return 1;
+        const auto& description =
+            descriptions.emplace_back(std::make_unique<a2l::Description>(std::move(*loaded)));
+        auto folders = session::FolderFilter::create(*description, options_.groups, options_.functions);
+        // Of several ECUs one may have no such folder.
+        if (!folders && i + 1 < names.size()) continue;
+        if (!folders && sources.empty()) {
+            place.results.fail("list", folders.error());
+            return 1;
+        }
+        if (!folders) continue;
+        Options options = options_;
+        options.pattern = std::string(wanted.rest);
+        if (auto few = checkReach(*description, options, folders.value()); !few) {
+            place.results.fail("list", few.error());
+            return 1;
+        }
+        sources.push_back({names.empty() ? "" : names[i] + "/", description.get(), std::move(options),
+                           std::move(folders).value()});
     }
-    if (auto few = checkReach(*description, options_, folders.value()); !few) {
-        place.results.fail("list", few.error());
-        return 1;
-    }
-    place.results.show(ListReport(*description, options_, folders.value()));
+    place.results.show(ListReport(sources));
     return stopRequested() ? 1 : 0;
 }
 

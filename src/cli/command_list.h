@@ -27,6 +27,7 @@ class ListCommand final : public ICommand {
     };
 
     void addOptions(OptionSet& options) override;
+    bool takesSeveralEcus() const override { return true; }
     int run(Workplace& place) override;
     const Options& options() const { return options_; }
 

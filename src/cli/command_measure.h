@@ -49,6 +49,8 @@ class MeasureCommand final : public ICommand {
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
+    /// Lines of standard input go to one ECU.
+    bool takesSeveralEcus() const override { return !options_.takesLines; }
     session::SessionOptions sessionOptions() const override {
         return {.digest = options_.recording.records()};
     }
@@ -63,6 +65,9 @@ class MeasureCommand final : public ICommand {
         std::string reason;
     };
 
+    int runOnSeveral(Workplace& place);
+    int measure(Workplace& place);
+    Result<void> addParameters(Workplace& place, storage::RecordingPlace& recording) const;
     Result<storage::RecordingPlace> recordingPlace(Workplace& place, RecordingCare& care) const;
     Result<storage::RecordingPlace> nextPlace(Workplace& place, RecordingCare& care, bool takes) const;
     Result<session::PlanSummary> start(Workplace& place, LiveTable* table, WatchedRun* watched,

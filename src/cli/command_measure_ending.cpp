@@ -35,7 +35,7 @@ bool endLines(Workplace& place) {
 }
 
 /// Waits until the closed recordings have been checked and exported; no ECU waits that long.
-bool isRecordingSound(session::Session& session, const RecordingCare& care) {
+bool isRecordingSound(session::IMeasured& session, const RecordingCare& care) {
     if (auto closed = session.close(); !closed) log::warn("{}", closed.error().text());
     session.finishRecording();
     if (care.failures() == 0) return true;
@@ -48,7 +48,7 @@ bool isRecordingSound(session::Session& session, const RecordingCare& care) {
 /// The exit code.
 int MeasureCommand::failStart(Workplace& place, const Error& error) const {
     place.results.fail("measure", error);
-    if (auto written = writeReport(place.session->ecuName(), 0, 1, "measure: " + error.text(), nullptr);
+    if (auto written = writeReport(place.measured->ecuName(), 0, 1, "measure: " + error.text(), nullptr);
         !written)
         place.results.fail("report", written.error());
     if (place.results.json() != nullptr) endLines(place);
@@ -57,9 +57,11 @@ int MeasureCommand::failStart(Workplace& place, const Error& error) const {
 
 int MeasureCommand::finish(Workplace& place, const session::PlanSummary& summary, double seconds,
                            WatchedRun* watched, const RecordingCare& care) const {
-    session::Session& session = *place.session;
+    session::IMeasured& session = *place.measured;
     Console& console = *place.console;
-    const bool failed = session.state() == session::SessionState::failed;
+    bool failed = session.state() == session::SessionState::failed;
+    for (const session::MeasurementStats& ecu : session.statistics().ecus)
+        failed = failed || ecu.state == session::SessionState::failed;
     const auto stopped = session.stopMeasurement();
     if (watched != nullptr) watched->finish();
     console.finishPrinting();
@@ -71,7 +73,7 @@ int MeasureCommand::finish(Workplace& place, const session::PlanSummary& summary
     }
     int exitCode = failed ? 2 : 0;
     if (stopped) {
-        printMessage(statisticsLine(seconds, stats) + "\n" + uncheckedLine(summary));
+        printMessage(statisticsLine(seconds, stats) + "\n" + ecuLines(stats) + uncheckedLine(summary));
     } else {
         place.results.fail("stop", stopped.error());
         log::warn("measure: {}", countsWithoutStop(stats));
@@ -107,7 +109,7 @@ int MeasureCommand::finish(Workplace& place, const session::PlanSummary& summary
 /// The exit code, after the report of it.
 int MeasureCommand::judge(Workplace& place, double seconds, const Ending& ending,
                           const session::MeasurementStats& stats, const WatchedRun* watched) const {
-    session::Session& session = *place.session;
+    session::IMeasured& session = *place.measured;
     auto [exitCode, reason] = ending;
     const bool empty =
         std::find(options_.failOn.begin(), options_.failOn.end(), "empty") != options_.failOn.end();

@@ -18,10 +18,12 @@
 #include "cli/message_output.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "cli/several_ecus.h"
 #include "cli/sharing.h"
 #include "cli/stop_signal.h"
 #include "cli/watched_run.h"
 #include "core/log.h"
+#include "session/joint_measurement.h"
 #include "session/measurement_plan.h"
 
 namespace lm::cli {
@@ -45,7 +47,7 @@ bool stopAskedFor(const Console& console, LiveTable* table, MeasureInput* input,
 }
 
 // Returns the seconds measured.
-double measureUntilEnd(double duration, const session::Session& session, const Console& console,
+double measureUntilEnd(double duration, const session::IMeasured& session, const Console& console,
                        LiveTable* table, MeasureInput* input, WatchedRun* watched, RunLog& runLog) {
     const auto start = Clock::now();
     for (;;) {
@@ -60,18 +62,35 @@ double measureUntilEnd(double duration, const session::Session& session, const C
     }
 }
 
-/// Members of the first JSON line: the ECU and the DAQ lists.
-std::string startMembers(const session::Session& session, const session::MeasurementPlan& plan) {
+void writeEcus(JsonWriter& json, const std::vector<session::IMeasured::Member>& members) {
+    if (members.front().name == nullptr) return writeEcu(json, *members.front().session);
+    json.key("ecus").beginArray();
+    for (const session::IMeasured::Member& member : members) {
+        json.beginObject();
+        writeEcuMembers(json, *member.session);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+/// Members of the first JSON line: the ECUs and the DAQ lists.
+std::string startMembers(const session::IMeasured& measured, const session::MeasurementPlan& plan) {
     std::string text = ",";  // they stand behind others
     JsonWriter json(text);
-    writeEcu(json, session);
+    const auto members = measured.members();
+    writeEcus(json, members);
     json.key("groups").beginArray();
     for (std::size_t i = 0; i < plan.daq.lists.size(); ++i) {
         const xcp::DaqList& list = plan.daq.lists[i];
-        const auto& capabilities = session.daqCapabilities();
+        const bool isOfSeveral = !plan.listEcus.empty();
+        const auto member = std::find_if(members.begin(), members.end(), [&](const auto& one) {
+            return !isOfSeveral || *one.name == plan.listEcus[i];
+        });
+        const auto& capabilities = member->session->daqCapabilities();
         const xcp::EventChannel* event = capabilities ? capabilities->findEvent(list.eventChannel) : nullptr;
         json.beginObject();
         json.member("group", i);
+        if (isOfSeveral) json.member("ecu", plan.listEcus[i]);
         json.member("event", list.eventChannel);
         json.member("name", event != nullptr ? event->name.c_str() : "");
         json.member("cycleNs", event != nullptr ? session::periodNs(list, *capabilities) : std::uint64_t{0});
@@ -84,7 +103,26 @@ std::string startMembers(const session::Session& session, const session::Measure
 
 }  // namespace
 
-/// With the snapshot, which is read from the ECU before anything is measured.
+/// Snapshots, which are read from each ECU before anything is measured.
+Result<void> MeasureCommand::addParameters(Workplace& place, storage::RecordingPlace& recording) const {
+    const auto add = [&](std::string file) -> Result<void> {
+        auto parameters = snapshotText(place);
+        if (!parameters) return parameters.error();
+        recording.companions.push_back({std::move(file), std::move(parameters).value()});
+        return {};
+    };
+    if (place.ecus == nullptr) return add(std::string(storage::kParametersFileName));
+    Result<void> added;
+    for (const std::size_t ecu : place.ecus->all()) {
+        place.session = &place.ecus->at(ecu);
+        if (!added || place.session->state() != session::SessionState::connected) continue;
+        std::string file(storage::kParametersFileName);
+        added = add(file.insert(file.rfind('.'), "_" + place.ecus->name(ecu)));
+    }
+    place.session = nullptr;
+    return added;
+}
+
 Result<storage::RecordingPlace> MeasureCommand::recordingPlace(Workplace& place, RecordingCare& care) const {
     auto recording = options_.recording.place();
     if (!recording) return recording;
@@ -92,10 +130,7 @@ Result<storage::RecordingPlace> MeasureCommand::recordingPlace(Workplace& place,
     const bool isFolder = options_.takesLines && options_.recording.records() && !watchPlan_.recordsTakes();
     if (isFolder && recording.value().name.empty()) recording.value().name = "{time}_{n}";
     if (!options_.recording.withParameters()) return recording;
-    auto parameters = snapshotText(place);
-    if (!parameters) return parameters.error();
-    recording.value().companions.push_back(
-        {std::string(storage::kParametersFileName), std::move(parameters).value()});
+    if (auto added = addParameters(place, recording.value()); !added) return added.error();
     return recording;
 }
 
@@ -111,7 +146,7 @@ Result<storage::RecordingPlace> MeasureCommand::nextPlace(Workplace& place, Reco
 
 Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* table, WatchedRun* watched,
                                                    RecordingCare& care) const {
-    session::Session& session = *place.session;
+    session::IMeasured& session = *place.measured;
     Console& console = *place.console;
     const bool isJson = place.results.json() != nullptr;
     auto recording = recordingPlace(place, care);
@@ -131,7 +166,7 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* 
     if (table != nullptr) measurement.sink = &table->sink();
     measurement.onPlanned = [&](const session::MeasurementPlan& plan) {
         if (table != nullptr) return table->setPlan(plan);
-        const auto style = numberStyle(session.config());
+        const auto style = numberStyle(place);
         console.setLines(isJson ? jsonLines(plan, style, objectStart("measure"), startMembers(session, plan))
                                 : textLines(plan, style),
                          plan.daq.lists.size());
@@ -141,7 +176,33 @@ Result<session::PlanSummary> MeasureCommand::start(Workplace& place, LiveTable* 
 }
 
 int MeasureCommand::run(Workplace& place) {
-    session::Session& session = *place.session;
+    return place.ecus != nullptr ? runOnSeveral(place) : measure(place);
+}
+
+/// Each that is to be measured must be there at the start: what a recording holds is settled then.
+int MeasureCommand::runOnSeveral(Workplace& place) {
+    std::vector<const watch::Expression*> watched;
+    for (const auto* const list : {&watchPlan_.assertions, &watchPlan_.starts, &watchPlan_.stops}) {
+        for (const WantedExpression& wanted : *list)
+            watched.push_back(&wanted.expression);
+    }
+    const bool configured = options_.groups.empty() && options_.functions.empty();
+    const auto errors = openEcus(place, ecusToMeasure(*place.ecus, options_.signals, configured, watched));
+    for (const std::optional<Error>& error : errors) {
+        if (!error) continue;
+        notConnected(*error);
+        return 1;
+    }
+    session::JointMeasurement joint(*place.ecus);
+    joint.setListener(place.console);
+    place.measured = &joint;
+    const int exitCode = measure(place);
+    place.measured = nullptr;
+    return exitCode;
+}
+
+int MeasureCommand::measure(Workplace& place) {
+    session::IMeasured& session = *place.measured;
     if (options_.recording.recordsNowhere()) {
         log::warn("measure: -r names no directory (a variable that is not set?), nothing is recorded");
     }
@@ -155,9 +216,9 @@ int MeasureCommand::run(Workplace& place) {
 }
 
 int MeasureCommand::runWatched(Workplace& place, WatchedRun* watched) {
-    session::Session& session = *place.session;
+    session::IMeasured& session = *place.measured;
     std::optional<LiveTable> table;
-    if (options_.table) table.emplace(numberStyle(session.config()), options_.recording.directory());
+    if (options_.table) table.emplace(numberStyle(place), options_.recording.directory());
     LiveTable* const shown = table ? &*table : nullptr;
     RecordingCare care(options_.recording.exportAs());
     const auto summary = start(place, shown, watched, care);
@@ -166,12 +227,12 @@ int MeasureCommand::runWatched(Workplace& place, WatchedRun* watched) {
     printMessage(startLine(summary.value(), takes ? "" : options_.recording.directory()) + "\n" +
                  outsideLoadLine(summary.value()) + (watched != nullptr ? watched->startLine() : ""));
     if (table) table->begin();
-    place.sharing->start(session, options_.readOnly);
+    startSharing(place, options_.readOnly);
     std::optional<MeasureInput> input;
     if (options_.takesLines) input.emplace(place, [&] { return nextPlace(place, care, takes); });
     const double seconds = measureUntilEnd(options_.durationSeconds, session, *place.console, shown,
                                            input ? &*input : nullptr, watched, *log_);
-    place.sharing->stop();
+    stopSharing(place);
     log_->end();
     if (table) table->finish();
     return finish(place, summary.value(), seconds, watched, care);

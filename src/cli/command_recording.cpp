@@ -101,9 +101,11 @@ class CheckReport final : public IReport {
 /// How `info` shows numbers: of a configuration that is given, this alone counts.
 Result<value::NumberStyle> numberStyle(bool exact, const Options& options) {
     if (options.configFile) {
-        auto config = session::loadSessionConfig(*options.configFile, stopToken());
+        auto config = session::loadConfigDocument(*options.configFile, stopToken());
         if (!config) return config.error();
-        exact = exact || config.value().display.exact;
+        const auto& ecus = config.value().ecus;
+        exact = exact || config.value().one.display.exact ||
+                std::any_of(ecus.begin(), ecus.end(), [](const auto& ecu) { return ecu.display.exact; });
     }
     return exact ? value::NumberStyle::exact : value::NumberStyle::formatted;
 }

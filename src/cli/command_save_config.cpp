@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <system_error>
+#include <vector>
 
 #include "cli/option_set.h"
 #include "core/log.h"
@@ -25,24 +26,39 @@ bool SaveConfigCommand::isA2lLost(const fs::path& a2l) const {
     return !fs::equivalent(a2l, fromThere, ignored);
 }
 
-int SaveConfigCommand::run(Workplace& place) {
+/// Makes what it names findable from the new place.
+Result<void> SaveConfigCommand::carryOver(session::SessionConfig& config) const {
     // In a file that only its owner writes to it would be believed.
-    if (const std::string& refusal = place.config.security.refusal; !refusal.empty()) {
-        place.results.fail("save", Error{ErrorCode::permissionDenied, refusal + "; it is not copied"}, file_);
-        return 1;
-    }
-    const bool lost = isA2lLost(place.config.a2l);
+    if (const std::string& refusal = config.security.refusal; !refusal.empty())
+        return Error{ErrorCode::permissionDenied, refusal + "; it is not copied"};
+    if (!isA2lLost(config.a2l)) return {};
     std::error_code ignored;
-    if (lost && fs::exists(place.config.a2l, ignored)) {
-        const fs::path absolute = fs::absolute(place.config.a2l, ignored).lexically_normal();
-        if (!ignored) place.config.a2l = absolute;
+    if (fs::exists(config.a2l, ignored)) {
+        const fs::path absolute = fs::absolute(config.a2l, ignored).lexically_normal();
+        if (!ignored) config.a2l = absolute;
     }
-    if (auto saved = session::saveSessionConfig(file_, place.config); !saved) {
+    return {};
+}
+
+int SaveConfigCommand::run(Workplace& place) {
+    session::ConfigDocument document{place.config, place.ecuConfigs};
+    std::vector<session::SessionConfig*> configs{&document.one};
+    for (session::SessionConfig& ecu : document.ecus)
+        configs.push_back(&ecu);
+    std::vector<fs::path> lost;
+    for (session::SessionConfig* const config : configs) {
+        const bool wasLost = isA2lLost(config->a2l);
+        if (auto carried = carryOver(*config); !carried) {
+            place.results.fail("save", carried.error(), file_);
+            return 1;
+        }
+        if (wasLost && config->a2l.is_relative()) lost.push_back(config->a2l);
+    }
+    if (auto saved = session::saveConfigDocument(file_, document); !saved) {
         place.results.fail("save", saved.error(), file_);
         return 1;
     }
-    const fs::path& a2l = place.config.a2l;
-    if (lost && a2l.is_relative())
+    for (const fs::path& a2l : lost)
         log::warn("{}: the A2L file {} is not found from there", file_, a2l.string());
     place.results.output().append(file_ + " written\n");
     return 0;

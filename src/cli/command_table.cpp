@@ -85,6 +85,7 @@ A pattern with * or ? is the whole name.)",
   xcplumo-cli -c demo.json get engine_speed --json
   xcplumo-cli -c demo.json get cal_ignition_map "cal_ignition_map[2][3]" "engine.*"
   xcplumo-cli -c demo.json get --group Tables
+  xcplumo-cli -c two_ecus.json get engine/engine_speed "*/cal_gain"
   xcplumo-cli -c demo.json get cal_ignition_map cal_torque_curve --plot
   xcplumo-cli --a2l demo.a2l get --hex data.s19 "cal_*")",
      Needs::connection, Form::json, make<GetCommand>},
@@ -105,6 +106,7 @@ With a list or a file the order is that of docs/values.md: a line of a CSV file 
   xcplumo-cli -c demo.json measure -s "engine.cyl[2].*" -s "cal_gains[1]" --event auto
   xcplumo-cli -c demo.json measure --event auto -s "counter_*" -s engine_speed@cyclic_10ms
   xcplumo-cli -c demo.json measure --table
+  xcplumo-cli -c two_ecus.json measure -s engine/wave@0 "gearbox/counter_*" -r both
   xcplumo-cli -c demo.json --reconnect retry measure -p 0 -r first --fail-on losses,outage
   xcplumo-cli -c demo.json measure -t 60 -p 0 --assert 'coolant_temp<110' --report result.xml
   xcplumo-cli -c demo.json measure -p 0 -r takes --start-when 'engine_speed>1200' --pre 5s --post 2s --repeat 3

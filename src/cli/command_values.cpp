@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <span>
 #include <unistd.h>
@@ -14,9 +15,11 @@
 #include "cli/options.h"
 #include "cli/page_remarks.h"
 #include "cli/recording_plot.h"
+#include "cli/several_ecus.h"
 #include "cli/stop_signal.h"
 #include "cli/value_json.h"
 #include "cli/write_journal.h"
+#include "core/log.h"
 #include "core/printable_text.h"
 #include "session/folder_filter.h"
 #include "session/name_pattern.h"
@@ -38,6 +41,7 @@ struct ValueDesk {
     const value::NumberStyle numbers;
     const bool isImage;
     WriteJournal* journal = nullptr;  ///< of what is written to an ECU
+    std::string before = {};          ///< in front of each name: "ECU/" of one of several
 };
 
 ValueDesk deskOf(Workplace& place, session::ImageValues* image) {
@@ -57,8 +61,8 @@ void writeReading(JsonWriter& json, const Reading& reading, value::NumberStyle s
 /// A value that was read, or why it was not.
 class ReadReport : public IReport {
   public:
-    ReadReport(std::string_view name, const Result<Reading>& value, value::NumberStyle style)
-        : name_(name), value_(value), style_(style) {}
+    ReadReport(std::string name, const Result<Reading>& value, value::NumberStyle style)
+        : name_(std::move(name)), value_(value), style_(style) {}
 
     void print(Output& output) const override {
         output.appendValueLine(name_,
@@ -80,7 +84,7 @@ class ReadReport : public IReport {
         json.endObject();
     }
 
-    const std::string_view name_;
+    const std::string name_;
     const Result<Reading>& value_;
     const value::NumberStyle style_;
 };
@@ -88,7 +92,7 @@ class ReadReport : public IReport {
 /// What became of an assignment.
 class WriteReport final : public ReadReport {
   public:
-    WriteReport(std::string_view name, std::string_view typed, const session::WriteOutcome& outcome,
+    WriteReport(const std::string& name, std::string_view typed, const session::WriteOutcome& outcome,
                 value::NumberStyle style)
         : ReadReport(name, outcome.value, style), typed_(typed), outcome_(outcome) {
         if (!value_) return;
@@ -125,7 +129,7 @@ class WriteReport final : public ReadReport {
         return "what the ECU now holds is not known: " + held.error().text();
     }
 
-    void tell(const std::string& what) const { printMessage(std::string(name_) + ": " + what + "\n"); }
+    void tell(const std::string& what) const { printMessage(name_ + ": " + what + "\n"); }
 
     const std::string_view typed_;
     const session::WriteOutcome& outcome_;
@@ -212,7 +216,7 @@ std::size_t getSome(std::span<const std::string> names, const ObjectStyle& style
     }
     const auto values = desk.values.read(names.first(count));
     for (std::size_t i = 0; i < values.size(); ++i) {
-        desk.results.show(ReadReport(names[i], values[i], style.numbers));
+        desk.results.show(ReadReport(desk.before + names[i], values[i], style.numbers));
         if (values[i]) continue;
         desk.results.hint(values[i].error());
         exitCode = 1;
@@ -222,7 +226,7 @@ std::size_t getSome(std::span<const std::string> names, const ObjectStyle& style
 
 int getAll(const std::vector<std::string>& typed, const session::FolderFilter& folders, bool plot,
            const ValueDesk& desk) {
-    ObjectStyle style{desk.numbers, std::nullopt};
+    ObjectStyle style{desk.numbers, std::nullopt, desk.before};
     if (plot) style.plot = plotStyleFor(STDOUT_FILENO);
     NameExpansion expansion(folders, style, desk);
     const std::vector<std::string> names = expansion.run(typed);
@@ -246,9 +250,10 @@ bool assignObject(session::WriteWish wish, const ValueDesk& desk) {
     if (desk.journal != nullptr)
         wish.beforeWriting = [&](const auto& changes) { desk.journal->keepUndo(changes); };
     wish.tellsOne = desk.journal != nullptr && desk.journal->keepsSingles();
-    const auto writing = desk.values.writeObject(
-        wish, [&](const std::vector<std::string>& dependents) { announceDependents(wish.name, dependents); });
-    const ObjectStyle style{desk.numbers, std::nullopt};
+    const auto writing = desk.values.writeObject(wish, [&](const std::vector<std::string>& dependents) {
+        announceDependents(desk.before + std::string(wish.name), dependents);
+    });
+    const ObjectStyle style{desk.numbers, std::nullopt, desk.before};
     desk.results.show(ObjectWriteReport(wish, writing, style));
     if (!writing.value) desk.results.hint(writing.value.error());
     if (desk.journal != nullptr) desk.journal->note(writing);
@@ -280,7 +285,7 @@ struct AssignOptions {
 
 bool assign(const std::string& assignment, AssignOptions options, const ValueDesk& desk) {
     const auto refuse = [&](const Error& error) {
-        desk.results.fail(assignment, error, assignment);
+        desk.results.fail(desk.before + assignment, error, desk.before + assignment);
         return false;
     };
     if (stopRequested()) return refuse(Error::stopped("not written, stopped"));
@@ -297,7 +302,7 @@ bool assign(const std::string& assignment, AssignOptions options, const ValueDes
     if (desk.journal != nullptr && desk.journal->keepsSingles())
         keep = [&](const auto& changes) { desk.journal->keepUndo(changes); };
     const auto outcome = desk.values.write(name, text, options.rights, keep);
-    desk.results.show(WriteReport(name, text, outcome, desk.numbers));
+    desk.results.show(WriteReport(desk.before + std::string(name), text, outcome, desk.numbers));
     if (!outcome.value) desk.results.hint(outcome.value.error());
     if (desk.journal != nullptr) desk.journal->note(outcome);
     return outcome.value.ok();
@@ -307,6 +312,43 @@ bool assign(const std::string& assignment, AssignOptions options, const ValueDes
 int withWarnings(int exitCode, const std::vector<std::string>& failOn, Workplace& place) {
     tellPages(place);
     return withIdentity(exitCode, failOn, place.session->identityWarned());
+}
+
+/// Of several ECUs, those that were open.
+int withWarningsOfAll(int exitCode, const std::vector<std::string>& failOn, Workplace& place) {
+    for (const std::size_t ecu : place.ecus->all()) {
+        const log::Subject subject(place.ecus->name(ecu));
+        place.session = &place.ecus->at(ecu);
+        if (place.session->state() == session::SessionState::connected)
+            exitCode = withWarnings(exitCode, failOn, place);
+    }
+    place.session = nullptr;
+    return exitCode;
+}
+
+/// The ECUs of words; one that could not be opened tells so in each of its words.
+void openAndTell(Workplace& place, std::vector<EcuWord>& words) {
+    std::vector<std::size_t> ecus;
+    for (const EcuWord& word : words) {
+        if (!word.error) ecus.push_back(word.ecu);
+    }
+    const auto errors = openEcus(place, std::move(ecus));
+    for (EcuWord& word : words) {
+        if (!word.error) word.error = errors[word.ecu];
+    }
+}
+
+/// The desk of one of several.
+ValueDesk deskOf(Workplace& place, std::size_t ecu) {
+    session::Session& session = place.ecus->at(ecu);
+    return {session, place.results, numberStyle(session.config()),
+            false,   nullptr,       place.ecus->name(ecu) + "/"};
+}
+
+void showRefused(const EcuWord& word, Results& results) {
+    const Result<session::ObjectReading> refused = *word.error;
+    results.show(ObjectReport(word.typed, refused, {value::NumberStyle::formatted, std::nullopt}));
+    results.hint(*word.error);
 }
 
 /// `work` shows the values one after the other and gives the exit code.
@@ -356,7 +398,43 @@ void GetCommand::overrule(session::SessionConfig& config) const {
     config.display.exact = config.display.exact || exact_;
 }
 
+/// Words of one ECU that stand side by side are read together.
+int GetCommand::runOnSeveral(Workplace& place) {
+    std::vector<EcuWord> words;
+    if (names_.empty()) {
+        for (const std::size_t ecu : place.ecus->all())
+            words.push_back({ecu, std::string(kAll), place.ecus->name(ecu) + "/*", std::nullopt});
+    } else {
+        words = ecuWords(place.ecus->names(), *place.ecus, names_);
+    }
+    openAndTell(place, words);
+    const int exitCode = listValues(place, [&] {
+        int code = 0;
+        for (std::size_t i = 0; i < words.size() && !stopRequested();) {
+            const EcuWord& first = words[i];
+            std::vector<std::string> texts;
+            for (; !first.error && i < words.size() && !words[i].error && words[i].ecu == first.ecu; ++i)
+                texts.push_back(words[i].text);
+            if (first.error) {
+                showRefused(first, place.results);
+                code = 1;
+                ++i;
+                continue;
+            }
+            const log::Subject subject(place.ecus->name(first.ecu));
+            const ValueDesk desk = deskOf(place, first.ecu);
+            const auto folders =
+                session::FolderFilter::create(desk.values.description(), groups_, functions_);
+            if (!folders) place.results.fail("get", folders.error(), place.ecus->name(first.ecu));
+            if (!folders || getAll(texts, folders.value(), plot_, desk) != 0) code = 1;
+        }
+        return code;
+    });
+    return withWarningsOfAll(exitCode, failOn_, place);
+}
+
 int GetCommand::run(Workplace& place) {
+    if (place.ecus != nullptr) return runOnSeveral(place);
     std::unique_ptr<session::ImageValues> image;
     if (image_.isGiven() && !(image = image_.open(place, ImageSource::Purpose::reading))) return 1;
     const ValueDesk desk = deskOf(place, image.get());
@@ -405,7 +483,66 @@ void SetCommand::overrule(session::SessionConfig& config) const {
     config.display.exact = config.display.exact || exact_;
 }
 
+/// ECU/NAME=VALUE; what follows the name may hold slashes of its own. A sign before the equals sign is no
+/// part of a name without an ECU.
+std::vector<EcuWord> SetCommand::assignmentsByEcu(const Workplace& place) const {
+    const session::NameSearch names = place.ecus->names();
+    std::vector<EcuWord> words;
+    for (const std::string& assignment : assignments_) {
+        const auto parts = splitAssignment(assignment);
+        if (!parts) {
+            words.push_back(
+                {0, assignment, assignment, Error{ErrorCode::invalidArgument, "expected NAME=VALUE"}});
+            continue;
+        }
+        auto found = names.find(parts->first);
+        const bool isSigned = std::string_view("+-*").find(parts->first.back()) != std::string_view::npos;
+        std::string sign = "=";
+        if (!found && isSigned) {
+            found = names.find(parts->first.substr(0, parts->first.size() - 1));
+            sign = parts->first.back() + sign;
+        }
+        if (!found) {
+            words.push_back({0, assignment, assignment, found.error()});
+            continue;
+        }
+        for (const session::NameSearch::Found& one : found.value()) {
+            const std::string text = one.text + sign + std::string(parts->second);
+            words.push_back({one.ecu, text, place.ecus->name(one.ecu) + "/" + text, std::nullopt});
+        }
+    }
+    return words;
+}
+
+int SetCommand::runOnSeveral(Workplace& place) {
+    std::vector<EcuWord> words = assignmentsByEcu(place);
+    openAndTell(place, words);
+    std::map<std::size_t, WriteJournal> journals;
+    for (const EcuWord& word : words) {
+        if (!word.error) journals.try_emplace(word.ecu, place.ecus->at(word.ecu), assignments_);
+    }
+    const int exitCode = listValues(place, [&] {
+        int code = 0;
+        for (const EcuWord& word : words) {
+            if (word.error) {
+                place.results.fail(word.typed, *word.error, word.typed);
+                code = 1;
+                continue;
+            }
+            const log::Subject subject(place.ecus->name(word.ecu));
+            ValueDesk desk = deskOf(place, word.ecu);
+            desk.journal = &journals.at(word.ecu);
+            if (!assign(word.text, {{allowMeasurements_, extendedLimits_}, !noDependents_}, desk)) code = 1;
+        }
+        return code;
+    });
+    for (auto& [ecu, journal] : journals)
+        journal.end();
+    return withWarningsOfAll(exitCode, failOn_, place);
+}
+
 int SetCommand::run(Workplace& place) {
+    if (place.ecus != nullptr) return runOnSeveral(place);
     std::unique_ptr<session::ImageValues> image;
     if (image_.isGiven() && !(image = image_.open(place, ImageSource::Purpose::writing))) return 1;
     ValueDesk desk = deskOf(place, image.get());

@@ -11,6 +11,7 @@
 
 #include "cli/command.h"
 #include "cli/image_source.h"
+#include "cli/several_ecus.h"
 
 namespace lm::cli {
 
@@ -29,10 +30,13 @@ class GetCommand final : public ICommand {
     void addOptions(OptionSet& options) override;
     void overrule(session::SessionConfig& config) const override;
     Needs needs(Needs most) const override { return image_.needs(most); }
+    bool takesSeveralEcus() const override { return !image_.isGiven(); }
     int run(Workplace& place) override;
     const std::vector<std::string>& names() const { return names_; }
 
   private:
+    int runOnSeveral(Workplace& place);
+
     std::vector<std::string> names_;
     std::vector<std::string> groups_;
     std::vector<std::string> functions_;
@@ -51,9 +55,12 @@ class SetCommand final : public ICommand {
     void overrule(session::SessionConfig& config) const override;
     Result<void> prepare(Form form) override;
     Needs needs(Needs most) const override { return image_.needs(most); }
+    bool takesSeveralEcus() const override { return !image_.isGiven(); }
     int run(Workplace& place) override;
 
   private:
+    int runOnSeveral(Workplace& place);
+    std::vector<EcuWord> assignmentsByEcu(const Workplace& place) const;
     int finishImage(const session::ImageValues& image, std::size_t failed, Workplace& place) const;
 
     std::vector<std::string> assignments_;

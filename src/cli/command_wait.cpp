@@ -8,10 +8,12 @@
 
 #include "cli/console_printer.h"
 #include "cli/message_output.h"
+#include "cli/several_ecus.h"
 #include "cli/stop_signal.h"
 #include "core/log.h"
 #include "core/printable_text.h"
 #include "core/text.h"
+#include "session/joint_measurement.h"
 #include "session/value_access.h"
 
 namespace lm::cli {
@@ -26,7 +28,7 @@ constexpr std::chrono::milliseconds kPoll{20};
 /// Notes that the condition has held; a lost connection ends what the signals were.
 class WaitSink final : public xcp::IDaqRecordSink, public session::ISessionListener {
   public:
-    WaitSink(watch::Watcher& watcher, session::Session& session, session::ISessionListener& next)
+    WaitSink(watch::Watcher& watcher, session::IMeasured& session, session::ISessionListener& next)
         : watcher_(watcher), session_(session), next_(next) {
         session_.setListener(this);
     }
@@ -41,14 +43,23 @@ class WaitSink final : public xcp::IDaqRecordSink, public session::ISessionListe
     }
     void onStateChanged(session::SessionState state, const std::string& message,
                         const std::string& hint) override {
-        using session::SessionState;
-        if (state == SessionState::reconnecting || state == SessionState::failed) watcher_.forget();
+        takeState("", state);
         next_.onStateChanged(state, message, hint);
+    }
+    void onEcuStateChanged(const std::string& ecu, session::SessionState state, const std::string& message,
+                           const std::string& hint) override {
+        takeState(ecu, state);
+        next_.onEcuStateChanged(ecu, state, message, hint);
     }
 
   private:
+    void takeState(const std::string& ecu, session::SessionState state) {
+        using session::SessionState;
+        if (state == SessionState::reconnecting || state == SessionState::failed) watcher_.forget(ecu);
+    }
+
     watch::Watcher& watcher_;
-    session::Session& session_;
+    session::IMeasured& session_;
     session::ISessionListener& next_;
     std::atomic<bool> held_{false};
 };
@@ -156,7 +167,7 @@ WaitCommand::Outcome WaitCommand::outcomeOf(bool held, Seconds waited, const wat
 }
 
 WaitCommand::Outcome WaitCommand::waitMeasuring(Workplace& place, watch::Watcher& watcher) const {
-    session::Session& session = *place.session;
+    session::IMeasured& session = *place.measured;
     WaitSink sink(watcher, session, *place.console);
     session::MeasurementOptions measurement;
     measurement.needed = watcher.signalNames();
@@ -164,7 +175,7 @@ WaitCommand::Outcome WaitCommand::waitMeasuring(Workplace& place, watch::Watcher
     measurement.sink = &sink;
     measurement.onAccepted = [&](const session::MeasurementPlan& plan) {
         return watcher.bind(plan, [&](const session::PlannedSignal& signal, const std::string& name) {
-            return isNamed(signal, name, *session.daqCapabilities());
+            return session.isSignal(signal, name);
         });
     };
     if (const auto started = session.startMeasurement(measurement); !started) {
@@ -233,7 +244,26 @@ WaitCommand::Outcome WaitCommand::waitPolling(Workplace& place, watch::Watcher& 
 }
 
 int WaitCommand::run(Workplace& place) {
-    session::Session& session = *place.session;
+    return place.ecus != nullptr ? runOnSeveral(place) : wait(place);
+}
+
+int WaitCommand::runOnSeveral(Workplace& place) {
+    const auto errors = openEcus(place, ecusToMeasure(*place.ecus, {}, false, {&wanted_->expression}));
+    for (const std::optional<Error>& error : errors) {
+        if (!error) continue;
+        notConnected(*error);
+        return error->code == ErrorCode::timeout ? kNoOneAnswered : 1;
+    }
+    session::JointMeasurement joint(*place.ecus);
+    joint.setListener(place.console);
+    place.measured = &joint;
+    const int exitCode = wait(place);
+    place.measured = nullptr;
+    return exitCode;
+}
+
+int WaitCommand::wait(Workplace& place) {
+    session::IMeasured& session = *place.measured;
     const auto start = Clock::now();
     watch::Watcher watcher;
     Outcome outcome;
@@ -248,7 +278,9 @@ int WaitCommand::run(Workplace& place) {
         watcher.addStop(std::move(wanted_->expression));
         const std::string limit = timeout_.count() == 0 ? "" : ", up to " + timeoutText_;
         printMessage(printableText("waiting for " + text_ + limit) + " - Ctrl-C to stop\n");
-        outcome = session.daqCapabilities() ? waitMeasuring(place, watcher) : waitPolling(place, watcher);
+        // Of several ECUs the clocks are needed: none is asked over and over instead.
+        const bool measures = place.ecus != nullptr || place.session->daqCapabilities();
+        outcome = measures ? waitMeasuring(place, watcher) : waitPolling(place, watcher);
         for (const std::string& remark : watcher.takeRemarks())
             log::warn("wait: {}", remark);
         const Seconds waited = Clock::now() - start;

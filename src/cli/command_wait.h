@@ -20,6 +20,7 @@ class WaitCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
     Result<void> prepare(Form form) override;
+    bool takesSeveralEcus() const override { return true; }
     int unansweredCode() const override;
     void notConnected(const Error& error) override;
     int run(Workplace& place) override;
@@ -33,6 +34,8 @@ class WaitCommand final : public ICommand {
         std::string message;
     };
 
+    int runOnSeveral(Workplace& place);
+    int wait(Workplace& place);
     Outcome waitMeasuring(Workplace& place, watch::Watcher& watcher) const;
     Outcome waitPolling(Workplace& place, watch::Watcher& watcher) const;
     Outcome outcomeOf(bool held, Seconds waited, const watch::Watcher& watcher) const;

@@ -85,9 +85,15 @@ void Console::enqueueLine(const std::string& line) {
 
 void Console::onStateChanged(session::SessionState state, const std::string& message,
                              const std::string& hint) {
-    if (lines_) enqueueLine(lines_->state(state, message, hint));
+    onEcuStateChanged("", state, message, hint);
+}
+
+void Console::onEcuStateChanged(const std::string& ecu, session::SessionState state,
+                                const std::string& message, const std::string& hint) {
+    if (lines_) enqueueLine(lines_->state(ecu, state, message, hint));
     if (message.empty()) return;
-    std::string lines = std::string("** ") + session::sessionStateName(state) + ": " + message + "\n";
+    std::string lines =
+        "** " + (ecu.empty() ? "" : ecu + ": ") + session::sessionStateName(state) + ": " + message + "\n";
     if (!hint.empty() && isNewHint(hint)) lines += "hint: " + hint + "\n";
     printMessage(lines);
 }

@@ -54,6 +54,9 @@ class Console final : public xcp::IDaqRecordSink, public session::ISessionListen
     /// The hint follows, unless it was the last one already.
     void onStateChanged(session::SessionState state, const std::string& message,
                         const std::string& hint) override;
+    /// "** ECU: STATE: MESSAGE\n", else likewise.
+    void onEcuStateChanged(const std::string& ecu, session::SessionState state, const std::string& message,
+                           const std::string& hint) override;
 
     /// A whole line among the others. From any thread, after setLines().
     void showLine(const std::string& line) { enqueueLine(line); }

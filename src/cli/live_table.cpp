@@ -139,7 +139,7 @@ double LiveTable::rateOf(std::size_t number, Clock::time_point now) const {
     return silence > 2 / perSecond + inSeconds(kGrace) ? 0 : perSecond;
 }
 
-TableStatus LiveTable::status(const session::Session& session, double seconds) {
+TableStatus LiveTable::status(const session::IMeasured& session, double seconds) {
     const session::MeasurementStats stats = session.statistics();
     if (!recording_.empty() && Clock::now() >= nextSize_) {
         size_ = sizeText(storage::directoryBytes(recording_)) + " recorded";
@@ -180,7 +180,7 @@ SignalRow LiveTable::row(std::size_t signal, Clock::time_point now) const {
             valueText(column, seen.ranged, seen.greatest), rateText(rateOf(column.list, now))};
 }
 
-void LiveTable::update(const session::Session& session, double seconds) {
+void LiveTable::update(const session::IMeasured& session, double seconds) {
     const auto now = Clock::now();
     if (now < nextDraw_) return;
     nextDraw_ = now + kBetweenDrawings;

@@ -3,9 +3,9 @@
 // Messages that would tear the screen wait until it is left; the last one stands in the table. The thread
 // that receives records never waits for the terminal: it only notes them (signal_extremes.h).
 //
-// Threads: belongs to one thread; sink() is called on the receive thread. Lifetime: the session is borrowed
-// during a call, nothing of the plan is kept. Whoever has called begin() gets the terminal back with finish()
-// or the end of the object.
+// Threads: belongs to one thread; sink() is called on the receive thread. Lifetime: what is measured is
+// borrowed during a call, nothing of the plan is kept. Whoever has called begin() gets the terminal back with
+// finish() or the end of the object.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@
 #include "cli/signal_extremes.h"
 #include "cli/signal_table.h"
 #include "cli/terminal_screen.h"
-#include "session/session.h"
+#include "session/measured.h"
 #include "value/value_text.h"
 
 namespace lm::cli {
@@ -38,7 +38,7 @@ class LiveTable {
 
     void begin();
     /// Draws when it is time to. To be called again at nextDraw(), and when a key has been pressed.
-    void update(const session::Session& session, double seconds);
+    void update(const session::IMeasured& session, double seconds);
     Clock::time_point nextDraw() const { return nextDraw_; }
     int keyDescriptor() const { return screen_ ? screen_->keyDescriptor() : -1; }
     void takeKeys();
@@ -62,7 +62,7 @@ class LiveTable {
     void scroll(std::ptrdiff_t by);
     void countRecords(Clock::time_point now);
     double rateOf(std::size_t list, Clock::time_point now) const;
-    TableStatus status(const session::Session& session, double seconds);
+    TableStatus status(const session::IMeasured& session, double seconds);
     std::size_t greatestNumber() const;
     std::string valueText(const Column& column, bool known, const SignalExtremes::Bytes& bytes) const;
     SignalRow row(std::size_t signal, Clock::time_point now) const;

@@ -95,7 +95,12 @@ bool MeasureInput::perform(std::string_view line, Results& results) {
 }
 
 bool MeasureInput::assign(std::string_view assignment, Results& results) {
-    Workplace place{place_.options, results, {}, place_.session, place_.console, place_.sharing};
+    Workplace place{.options = place_.options,
+                    .results = results,
+                    .session = place_.session,
+                    .console = place_.console,
+                    .sharing = place_.sharing,
+                    .measured = place_.measured};
     return assignOne(std::string(assignment), place);
 }
 

@@ -93,6 +93,27 @@ std::string statisticsLine(double seconds, const session::MeasurementStats& stat
     return line + recordedText(stats);
 }
 
+std::string ecuLines(const session::MeasurementStats& stats) {
+    std::string lines;
+    for (const session::MeasurementStats& ecu : stats.ecus) {
+        const std::string losses = lossesInWords(ecu);
+        lines += fmt::format("  {}: {} records, {}", printableText(ecu.ecu), ecu.records,
+                             losses.empty() ? "no losses" : losses);
+        if (ecu.state == session::SessionState::failed) lines += ", its connection was lost";
+        if (const auto& clock = ecu.clock)
+            lines += ", clock: " + ecuClockText(clock->offsetNs - stats.recordingStartNs, clock->driftPpm,
+                                                clock->residualNs, clock->spanNs);
+        lines += '\n';
+    }
+    return lines;
+}
+
+std::string ecuClockText(std::int64_t offsetNs, double driftPpm, double residualNs, std::int64_t spanNs) {
+    return fmt::format("offset {:.6f} s, drift {:+.1f} ppm, residual {:.3f} ms over {:.1f} s",
+                       static_cast<double>(offsetNs) / 1e9, driftPpm, residualNs / 1e6,
+                       static_cast<double>(spanNs) / 1e9);
+}
+
 std::string uncheckedLine(const session::PlanSummary& summary) {
     if (summary.withoutCycle.empty()) return "";
     return "missed cycles cannot be checked in " + joined(summary.withoutCycle) + ": no cycle is known\n";
@@ -166,15 +187,26 @@ std::string zeroLine(const session::MeasurementStats& stats, std::int64_t firstN
                        formatFixed(std::fabs(seconds), 3), seconds < 0 ? "before" : "after");
 }
 
-void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummary& summary,
-                     const session::MeasurementStats& stats) {
-    json.key("statistics").beginObject();
-    json.member("seconds", seconds);
-    json.member("busLoad", summary.busLoad);
+namespace {
+
+void writeClock(JsonWriter& json, const session::MeasurementStats& stats) {
+    json.key("clock");
+    if (!stats.clock) return json.null();
+    json.beginObject();
+    json.member("offsetNs", stats.clock->offsetNs);
+    json.member("driftPpm", stats.clock->driftPpm);
+    json.member("residualNs", stats.clock->residualNs);
+    json.member("spanNs", stats.clock->spanNs);
+    json.endObject();
+}
+
+/// What each ECU has a part in; the summary is of all.
+void writeCounts(JsonWriter& json, const session::MeasurementStats& stats,
+                 const session::PlanSummary* summary) {
     json.member("records", stats.records);
     json.member("lostOdts", stats.lostOdts);
     json.member("missedCycles", stats.missedCycles);
-    json.listMember("missedCyclesUnknownIn", summary.withoutCycle);
+    if (summary != nullptr) json.listMember("missedCyclesUnknownIn", summary->withoutCycle);
     json.member("overloads", stats.overloads);
     json.member("reconnects", stats.reconnects);
     json.member("failedReconnects", stats.failedReconnects);
@@ -184,16 +216,46 @@ void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummar
     json.member("unknownDtos", stats.unknownDtos);
     json.member("malformedDtos", stats.malformedDtos);
     writeMediumCounters(json, stats);
+}
+
+void writeSilentEvents(JsonWriter& json, const session::MeasurementStats& stats) {
+    json.key("silentEvents").beginArray();
+    for (const session::SilentList& list : stats.silentLists)
+        json.value(list.event);
+    json.endArray();
+}
+
+void writeEcuCounts(JsonWriter& json, const session::MeasurementStats& stats) {
+    if (stats.ecus.empty()) return writeClock(json, stats);
+    json.key("ecus").beginArray();
+    for (const session::MeasurementStats& ecu : stats.ecus) {
+        json.beginObject();
+        json.member("name", ecu.ecu);
+        json.member("state", session::sessionStateName(ecu.state));
+        writeCounts(json, ecu, nullptr);
+        writeSilentEvents(json, ecu);
+        writeClock(json, ecu);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+}  // namespace
+
+void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummary& summary,
+                     const session::MeasurementStats& stats) {
+    json.key("statistics").beginObject();
+    json.member("seconds", seconds);
+    json.member("busLoad", summary.busLoad);
+    writeCounts(json, stats, &summary);
+    writeEcuCounts(json, stats);
     if (stats.recording) {
         json.member("recorded", stats.recorded);
         json.member("recordedDropped", stats.recordedDropped);
         json.member("recordingDirectory", stats.recordingDirectory.string());
         if (stats.parts != 0) json.member("parts", stats.parts);
     }
-    json.key("silentEvents").beginArray();
-    for (const session::SilentList& list : stats.silentLists)
-        json.value(list.event);
-    json.endArray();
+    writeSilentEvents(json, stats);
     json.endObject();
 }
 

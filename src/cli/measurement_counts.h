@@ -21,6 +21,9 @@ std::string outsideLoadLine(const session::PlanSummary& summary);
 /// The counters of the statistics line, without its newline.
 std::string statisticsLine(double seconds, const session::MeasurementStats& stats);
 
+/// Of several ECUs a line for each: what it counted, and how its clock ran.
+std::string ecuLines(const session::MeasurementStats& stats);
+
 /// The line that says of which events "missed cycles" counts nothing; empty when there are none.
 std::string uncheckedLine(const session::PlanSummary& summary);
 
@@ -43,6 +46,10 @@ std::string countsWithoutStop(const session::MeasurementStats& stats);
 
 /// The line that says where a recording has the zero of the printed times: its own is its start.
 std::string zeroLine(const session::MeasurementStats& stats, std::int64_t firstNs);
+
+/// "offset 1.234567 s, drift +50.1 ppm, residual 0.012 ms over 9.9 s": `offsetNs` is counted from where the
+/// caller likes.
+std::string ecuClockText(std::int64_t offsetNs, double driftPpm, double residualNs, std::int64_t spanNs);
 
 /// The member "statistics" of the last JSON line.
 void writeStatistics(JsonWriter& json, double seconds, const session::PlanSummary& summary,

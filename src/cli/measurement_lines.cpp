@@ -45,8 +45,8 @@ class TextLines final : public IMeasurementLines {
     }
 
     std::string start() const override { return ""; }
-    std::string state(session::SessionState /*state*/, const std::string& /*message*/,
-                      const std::string& /*hint*/) const override {
+    std::string state(const std::string& /*ecu*/, session::SessionState /*state*/,
+                      const std::string& /*message*/, const std::string& /*hint*/) const override {
         return "";
     }
 
@@ -94,11 +94,12 @@ class JsonLines final : public IMeasurementLines {
 
     std::string start() const override { return start_; }
 
-    std::string state(session::SessionState state, const std::string& message,
+    std::string state(const std::string& ecu, session::SessionState state, const std::string& message,
                       const std::string& hint) const override {
         std::string text = lineStart_;
         JsonWriter json(text);
         json.member("type", "state");
+        if (!ecu.empty()) json.member("ecu", ecu);
         json.member("state", session::sessionStateName(state));
         json.member("message", message);
         if (!hint.empty()) json.member("hint", hint);

@@ -23,7 +23,8 @@ class IMeasurementLines {
 
     /// Whole lines, empty for none.
     virtual std::string start() const = 0;
-    virtual std::string state(session::SessionState state, const std::string& message,
+    /// `ecu` is which of several, else empty.
+    virtual std::string state(const std::string& ecu, session::SessionState state, const std::string& message,
                               const std::string& hint) const = 0;
     /// Appends the line of a record of DaqPlan::lists[list]; `sinceFirstNs` from the first record of all.
     virtual void appendRecord(std::string& text, std::size_t list, std::int64_t sinceFirstNs,

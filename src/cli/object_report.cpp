@@ -125,11 +125,12 @@ void ObjectReport::print(Output& output) const {
     const session::ObjectReading& reading = reading_.value();
     // What was typed may have been a part of it.
     if (reading.whole)
-        return printObject(output, reading.whole->placed.object().name, *reading.whole, style_);
+        return printObject(output, style_.before + reading.whole->placed.object().name, *reading.whole,
+                           style_);
     const bool isOne = reading.numbers.size() == 1;
     if (reading.isRow && !isOne) return printRow(output);
     for (const NumberReading& number : reading.numbers) {
-        output.appendValueLine(isOne ? name_ : number.element.name,
+        output.appendValueLine(isOne ? name_ : style_.before + number.element.name,
                                shownText(number.element, number.physical, style_.numbers));
     }
 }
@@ -154,7 +155,7 @@ void ObjectReport::write(JsonWriter& json) const {
     if (reading_ && !reading_.value().whole && reading_.value().numbers.size() > 1) {
         for (const NumberReading& number : reading_.value().numbers) {
             json.beginObject();
-            json.member("name", number.element.name);
+            json.member("name", style_.before + number.element.name);
             writeNumber(json.key("value"), number, style_.numbers);
             json.endObject();
         }
@@ -203,13 +204,13 @@ bool ObjectWriteReport::printChange(Output& output) const {
 void ObjectWriteReport::print(Output& output) const {
     if (!printChange(output)) ObjectReport::print(output);
     for (const session::WrittenDependent& dependent : writing_.dependents)
-        printObject(output, dependent.name, dependent.content, style_);
+        printObject(output, style_.before + dependent.name, dependent.content, style_);
     output.flush();
     if (!deviation_.empty()) tell(deviation_);
-    if (writing_.restored) tell(std::string(name_) + ": all that had been written was taken back");
+    if (writing_.restored) tell(name_ + ": all that had been written was taken back");
     for (const HeldObject& held : writing_.held)
-        tell((held.numbers.size() == 1 ? held.numbers.front().element.name : held.name) + ": " +
-             heldText(held, style_.numbers));
+        tell(style_.before + (held.numbers.size() == 1 ? held.numbers.front().element.name : held.name) +
+             ": " + heldText(held, style_.numbers));
 }
 
 void ObjectWriteReport::writeHeld(JsonWriter& json, const HeldObject& held) const {

@@ -18,6 +18,7 @@ namespace lm::cli {
 struct ObjectStyle {
     value::NumberStyle numbers = value::NumberStyle::formatted;
     std::optional<PlotStyle> plot;  ///< draw where there is something to draw
+    std::string before = {};        ///< in front of each name: "ECU/" of one of several
 };
 
 /// What was read under a name, or why nothing was.
@@ -25,7 +26,7 @@ class ObjectReport : public IReport {
   public:
     ObjectReport(std::string_view name, const Result<session::ObjectReading>& reading,
                  const ObjectStyle& style)
-        : name_(name), reading_(reading), style_(style) {}
+        : name_(style.before + std::string(name)), reading_(reading), style_(style) {}
 
     void print(Output& output) const override;
     void write(JsonWriter& json) const override;
@@ -33,7 +34,7 @@ class ObjectReport : public IReport {
   protected:
     virtual void writeMembers(JsonWriter& json) const;
 
-    const std::string_view name_;
+    const std::string name_;
     const Result<session::ObjectReading>& reading_;
     const ObjectStyle style_;
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -47,6 +48,7 @@ Result<void> overrideSerial(const std::string& text, session::SessionConfig& con
 
 void addProgramOptions(OptionSet& set, Options& options) {
     set.add("-c,--config", options.configFile, "Session configuration (JSON)");
+    set.add("--ecu", options.ecu, "This one of the ECUs of the configuration, as if it were alone");
     set.add("--a2l", options.a2l, "A2L file (overrides the configuration)");
     set.add("-i,--interface", options.interface, "CAN interface, e.g. can1");
     set.add("--udp", options.udp, "XCP on UDP/IP: HOST[:PORT] (instead of a CAN interface)");
@@ -191,6 +193,16 @@ Result<void> applyOverrides(const Options& options, session::SessionConfig& conf
         config.reconnect.policy = policy.value();
     }
     return {};
+}
+
+std::string_view optionOfOneEcu(const Options& options) {
+    const std::pair<std::string_view, bool> given[] = {
+        {"--a2l", options.a2l.has_value()},           {"--interface", options.interface.has_value()},
+        {"--udp", options.udp.has_value()},           {"--serial", options.serial.has_value()},
+        {"--reset-delay", options.resetDelayMs >= 0}, {"--cmd-id", options.cmdId.has_value()},
+        {"--res-id", options.resId.has_value()},      {"--bitrate", options.bitrate != 0}};
+    const auto found = std::ranges::find_if(given, [](const auto& option) { return option.second; });
+    return found == std::end(given) ? std::string_view() : found->first;
 }
 
 }  // namespace lm::cli

@@ -19,6 +19,7 @@ namespace lm::cli {
 /// The options of the program, which stand before or behind any command; one that was not given is absent.
 struct Options {
     std::optional<std::string> configFile;
+    std::optional<std::string> ecu;  ///< of several in the configuration
     std::optional<std::string> a2l;
     std::optional<std::string> interface;
     std::optional<std::string> udp;
@@ -80,5 +81,8 @@ Result<SerialTarget> splitSerialTarget(std::string_view text);
 /// Lays the options over the configuration. Errors (the whole line to print): "unknown reconnect policy
 /// TEXT", parseUnsigned's "stoul: ..."; the configuration is then to be thrown away.
 Result<void> applyOverrides(const Options& options, session::SessionConfig& config);
+
+/// The first of the options that were given and concern one ECU alone: how it is reached, its A2L. None: "".
+std::string_view optionOfOneEcu(const Options& options);
 
 }  // namespace lm::cli

@@ -99,7 +99,8 @@ std::string triggerText(const storage::Trigger& trigger, const RecordingInfo& in
 std::string outageText(const storage::Outage& outage, const RecordingInfo& info) {
     return "from " + secondsText(outage.beginNs, info) + " to " +
            (outage.endNs ? secondsText(*outage.endNs, info) : std::string("the end")) + ": " +
-           printableText(outage.reason + (outage.outcome.empty() ? "" : "; " + outage.outcome));
+           printableText((outage.ecu.empty() ? "" : outage.ecu + ": ") + outage.reason +
+                         (outage.outcome.empty() ? "" : "; " + outage.outcome));
 }
 
 std::vector<Happening> happenings(const storage::RecordingEvents& events, const RecordingInfo& info) {

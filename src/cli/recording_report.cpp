@@ -8,6 +8,7 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "cli/measurement_counts.h"
 #include "core/printable_text.h"
 #include "core/text.h"
 #include "storage/read/signal_selection.h"
@@ -83,6 +84,10 @@ std::string lengthText(const storage::RecordingEvents& events, const storage::Ti
     return fmt::format("{}{:.3f} s in all", isKnown ? "" : "at least ", seconds);
 }
 
+std::string beforeEcu(const std::string& ecu) {
+    return ecu.empty() ? "" : ecu + ": ";
+}
+
 void printOutages(const storage::RecordingEvents& events, const RecordingInfo& info,
                   const storage::TimeSpan& span, Output& output) {
     using File = storage::RecordingEvents::File;
@@ -107,7 +112,7 @@ void printOutages(const storage::RecordingEvents& events, const RecordingInfo& i
     for (std::size_t i = 0; i < std::min(events.ecuChanges.size(), kMostShown); ++i) {
         const storage::EcuChange& change = events.ecuChanges[i];
         output.append(fmt::format("  at {:.3f} s: {}\n", secondsBetween(info.startHostNs, change.timeNs),
-                                  printableText(change.text)));
+                                  printableText(beforeEcu(change.ecu) + change.text)));
     }
 }
 
@@ -157,7 +162,26 @@ void printEcuNotes(const storage::RecordingEvents& events, const RecordingInfo& 
                                 sum.page ? fmt::format(" page {}", *sum.page) : "", sum.sums);
         if (!note.trouble.empty()) text += ", not all known: " + note.trouble;
         output.append("ECU ran        " +
-                      printableText(fmt::format("at {}{}", secondsText(note.timeNs, info), text)) + "\n");
+                      printableText(fmt::format("{}at {}{}", beforeEcu(note.ecu),
+                                                secondsText(note.timeNs, info), text)) +
+                      "\n");
+    }
+}
+
+void printEcuClocks(const storage::RecordingEvents& events, const RecordingInfo& info, Output& output) {
+    for (const storage::EcuClock& clock : events.ecuClocks) {
+        const std::string text =
+            ecuClockText(clock.offsetNs - info.startHostNs, clock.driftPpm, clock.residualNs, clock.spanNs);
+        output.append("ECU clock      " + printableText(beforeEcu(clock.ecu)) + text + "\n");
+    }
+}
+
+void printEcus(const RecordingInfo& info, Output& output) {
+    for (const storage::EcuInfo& ecu : info.ecus) {
+        std::string text = fmt::format("{} ({})", ecu.name, ecu.source);
+        if (!ecu.a2lName.empty()) text += ", A2L " + ecu.a2lName;
+        if (!ecu.a2lSha256.empty()) text += ", SHA-256 " + ecu.a2lSha256;
+        output.append("  ECU          " + printableText(text) + "\n");
     }
 }
 
@@ -205,6 +229,7 @@ void printHead(const RecordingOverview& overview, Output& output) {
                   (overview.beingWritten ? ", still being recorded" : "") + "\n");
     const std::string source = info.source.empty() ? "" : " (" + info.source + ")";
     output.append("ECU            " + printableText(info.ecu + source) + "\n");
+    printEcus(info, output);
     output.append("start          " + storage::utcText(info.startHostNs, info, 3) + "\n");
     printParts(overview, output);
     output.append(fmt::format("duration       {:.3f} s\n", secondsOf(overview.span)));
@@ -216,6 +241,7 @@ void printHead(const RecordingOverview& overview, Output& output) {
     printClocks(overview.events, info, output);
     printClockSteps(overview.events, info, output);
     printEcuNotes(overview.events, info, output);
+    printEcuClocks(overview.events, info, output);
     if (!info.a2lName.empty())
         output.append("A2L            " + printableText(info.a2lName) +
                       (info.a2lSha256.empty() ? "" : ", SHA-256 " + info.a2lSha256) + "\n");
@@ -240,6 +266,7 @@ void writeEvents(JsonWriter& json, const storage::RecordingEvents& events, const
         json.member("recovered", outage.recovered);
         json.member("reason", outage.reason);
         json.member("outcome", outage.outcome);
+        if (!outage.ecu.empty()) json.member("ecu", outage.ecu);
         json.endObject();
     }
     json.endArray();
@@ -249,6 +276,7 @@ void writeEvents(JsonWriter& json, const storage::RecordingEvents& events, const
         json.member("atNs", sinceStart(change.timeNs, info));
         json.member("what", change.what);
         json.member("text", change.text);
+        if (!change.ecu.empty()) json.member("ecu", change.ecu);
         json.endObject();
     }
     json.endArray();
@@ -268,6 +296,32 @@ void writeEvents(JsonWriter& json, const storage::RecordingEvents& events, const
         json.member("old", write.before);
         json.member("new", write.after);
         json.member("by", write.by);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void writeEcus(JsonWriter& json, const RecordingOverview& overview) {
+    const RecordingInfo& info = overview.recording.info();
+    if (!info.ecus.empty()) json.key("ecus").beginArray();
+    for (const storage::EcuInfo& ecu : info.ecus) {
+        json.beginObject();
+        json.member("name", ecu.name);
+        json.member("source", ecu.source);
+        json.member("a2lName", ecu.a2lName);
+        json.member("a2lSha256", ecu.a2lSha256);
+        json.endObject();
+    }
+    if (!info.ecus.empty()) json.endArray();
+    json.key("ecuClocks").beginArray();
+    for (const storage::EcuClock& clock : overview.events.ecuClocks) {
+        json.beginObject();
+        if (!clock.ecu.empty()) json.member("ecu", clock.ecu);
+        json.member("atNs", sinceStart(clock.timeNs, info));
+        json.member("offsetNs", sinceStart(clock.offsetNs, info));
+        json.member("driftPpm", clock.driftPpm);
+        json.member("residualNs", clock.residualNs);
+        json.member("spanNs", clock.spanNs);
         json.endObject();
     }
     json.endArray();
@@ -300,6 +354,7 @@ void writeWhatRan(JsonWriter& json, const RecordingOverview& overview) {
     for (const storage::EcuNote& note : overview.events.ecus) {
         json.beginObject();
         json.member("atNs", sinceStart(note.timeNs, info));
+        if (!note.ecu.empty()) json.member("ecu", note.ecu);
         json.member("epk", note.epk);
         json.member("trouble", note.trouble);
         json.key("checksums").beginArray();
@@ -359,6 +414,7 @@ void writeGroup(JsonWriter& json, const GroupOverview& group, const RecordingInf
     json.beginObject();
     json.member("group", group.reader.number());
     json.member("name", group.reader.info().name);
+    if (!group.reader.info().ecu.empty()) json.member("ecu", group.reader.info().ecu);
     json.member("cycleNs", group.reader.info().cycleNs);
     if (const auto clock = group.reader.info().clock)
         json.member("clock", *clock == storage::GroupInfo::Clock::ecu ? "ecu" : "host");
@@ -411,6 +467,7 @@ void RecordingReport::write(JsonWriter& json) const {
     json.member("bytes", overview_.bytes);
     writeEvents(json, overview_.events, info);
     writeWhatRan(json, overview_);
+    writeEcus(json, overview_);
     writeParts(json, overview_);
     json.key("groups").beginArray();
     for (const GroupOverview& group : overview_.groups)

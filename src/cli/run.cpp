@@ -2,18 +2,22 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <unistd.h>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "cli/command_line.h"
 #include "cli/console_printer.h"
 #include "cli/message_output.h"
 #include "cli/output.h"
 #include "cli/results.h"
+#include "cli/several_ecus.h"
 #include "cli/sharing.h"
 #include "cli/stop_signal.h"
+#include "session/ecu_group.h"
 #include "session/session.h"
 
 namespace lm::cli {
@@ -28,23 +32,37 @@ void occupyStandardDescriptors() {
 }
 
 /// The configuration in force; an error has been told.
-std::optional<session::SessionConfig> effectiveConfig(const CommandLine& line, Results& results) {
-    session::SessionConfig config;
+std::optional<session::ConfigDocument> effectiveConfig(const CommandLine& line, Results& results) {
+    session::ConfigDocument document;
     const Options& options = line.options;
     if (options.configFile) {
-        auto loaded = session::loadSessionConfig(*options.configFile, stopToken());
+        auto loaded = session::loadConfigDocument(*options.configFile, stopToken());
         if (!loaded) {
             results.fail("configuration", loaded.error(), *options.configFile);
             return std::nullopt;
         }
-        config = std::move(loaded).value();
+        document = std::move(loaded).value();
     }
-    if (auto done = applyOverrides(options, config); !done) {
-        results.fail("", done.error());
+    if (auto chosen = chooseEcu(options, document); !chosen) {
+        results.failOrStopped("", chosen.error());
         return std::nullopt;
     }
-    line.command->overrule(config);
-    return config;
+    if (document.isOfSeveral() && !line.command->takesSeveralEcus()) {
+        results.fail("", needsOneEcu(line.name, document.ecus));
+        return std::nullopt;
+    }
+    auto& ecus = document.ecus;
+    std::vector<session::SessionConfig*> configs{&document.one};
+    for (session::SessionConfig& ecu : ecus)
+        configs.push_back(&ecu);
+    for (session::SessionConfig* const config : configs) {
+        if (auto done = applyOverrides(options, *config); !done) {
+            results.fail("", done.error());
+            return std::nullopt;
+        }
+        line.command->overrule(*config);
+    }
+    return document;
 }
 
 int runInSession(const CommandLine& line, Workplace& place) {
@@ -56,6 +74,17 @@ int runInSession(const CommandLine& line, Workplace& place) {
         }
     }
     return line.command->run(place);
+}
+
+/// While its signals are watched, which end what `work` waits for.
+template <typename Work>
+int runWatchingSignals(Results& results, const Work& work) {
+    StopWatcher stop;
+    if (auto watching = stop.start(); !watching) {
+        results.fail("session", watching.error());
+        return 1;
+    }
+    return work();
 }
 
 int runSession(const CommandLine& line, Workplace& place) {
@@ -74,23 +103,48 @@ int runSession(const CommandLine& line, Workplace& place) {
     }
     session::Session& session = *created.value();
     session.setListener(&console);
-    int exitCode = 1;
-    {
-        StopWatcher stop;
-        if (auto watching = stop.start(); !watching) {
-            place.results.fail("session", watching.error());
-        } else {
-            place.session = &session;
-            place.console = &console;
-            place.sharing = &sharing;
-            exitCode = runInSession(line, place);
-            place.session = nullptr;
-            place.console = nullptr;
-            place.sharing = nullptr;
-        }
-    }
+    place.session = &session;
+    place.measured = &session;
+    place.console = &console;
+    place.sharing = &sharing;
+    int exitCode = runWatchingSignals(place.results, [&] { return runInSession(line, place); });
+    place.session = nullptr;
+    place.measured = nullptr;
+    place.console = nullptr;
+    place.sharing = nullptr;
     sharing.stop();
     if (auto closed = session.close(); !closed) {
+        place.results.fail("close", closed.error());
+        exitCode = std::max(exitCode, 1);
+    }
+    return exitCode;
+}
+
+int runOnSeveral(const CommandLine& line, Workplace& place) {
+    Console console(STDOUT_FILENO);  // outlives the sessions that call it
+    session::SessionOptions sessionOptions = line.command->sessionOptions();
+    sessionOptions.ignoresIdentity = line.options.ignoreIdentity;
+    std::vector<std::unique_ptr<Sharing>> sharings;  // outlive the sessions that go through them
+    sessionOptions.adoptMedium = [&](auto medium, const auto& config, const auto& stop) {
+        sharings.push_back(std::make_unique<Sharing>(line.command->sharing(), line.options));
+        return sharings.back()->adopt(std::move(medium), config, stop);
+    };
+    auto group = session::EcuGroup::create(std::move(place.ecuConfigs), session::ChannelPool::ofThisMachine(),
+                                           stopToken(), sessionOptions);
+    if (!group) {
+        place.results.failOrStopped("session", group.error());
+        return 1;
+    }
+    place.ecus = group.value().get();
+    place.ecuSharings = &sharings;
+    place.console = &console;
+    int exitCode = runWatchingSignals(place.results, [&] { return line.command->run(place); });
+    place.ecus = nullptr;
+    place.ecuSharings = nullptr;
+    place.console = nullptr;
+    for (const auto& sharing : sharings)
+        sharing->stop();
+    if (auto closed = group.value()->close(); !closed) {
         place.results.fail("close", closed.error());
         exitCode = std::max(exitCode, 1);
     }
@@ -109,9 +163,12 @@ int runConfigured(const CommandLine& line, Workplace& place) {
     }
     auto config = effectiveConfig(line, place.results);
     if (!config) return place.results.finish(1);
-    place.config = std::move(*config);
-    const bool hasSession = line.command->needs(line.row->needs) >= Needs::session;
-    return place.results.finish(hasSession ? runSession(line, place) : line.command->run(place));
+    place.config = std::move(config->one);
+    place.ecuConfigs = std::move(config->ecus);
+    if (line.command->needs(line.row->needs) < Needs::session)
+        return place.results.finish(line.command->run(place));
+    return place.results.finish(place.ecuConfigs.empty() ? runSession(line, place)
+                                                         : runOnSeveral(line, place));
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 
 namespace lm::cli {
 
-WatchedRun::WatchedRun(const WatchPlan& plan, session::Session& session, session::ISessionListener& next)
+WatchedRun::WatchedRun(const WatchPlan& plan, session::IMeasured& session, session::ISessionListener& next)
     : plan_(plan), session_(session), nextListener_(next) {
     session_.setListener(this);
 }
@@ -56,7 +56,7 @@ void WatchedRun::joinTo(session::MeasurementOptions& measurement) {
 
 Result<void> WatchedRun::bind(const session::MeasurementPlan& plan) {
     auto bound = watcher_.bind(plan, [this](const session::PlannedSignal& signal, const std::string& name) {
-        return isNamed(signal, name, *session_.daqCapabilities());
+        return session_.isSignal(signal, name);
     });
     if (!bound) return bound;
     added_ = plan.added;
@@ -109,12 +109,22 @@ void WatchedRun::onRecord(const xcp::DaqRecord& record) {
     if (takes_) takes_->onRecord(record, fired);
 }
 
+void WatchedRun::takeState(const std::string& ecu, session::SessionState state, const std::string& message) {
+    using session::SessionState;
+    if (state == SessionState::reconnecting || state == SessionState::failed) watcher_.forget(ecu);
+    if (takes_) takes_->onState(state, message, ecu);
+}
+
 void WatchedRun::onStateChanged(session::SessionState state, const std::string& message,
                                 const std::string& hint) {
-    using session::SessionState;
-    if (state == SessionState::reconnecting || state == SessionState::failed) watcher_.forget();
-    if (takes_) takes_->onState(state, message);
+    takeState("", state, message);
     nextListener_.onStateChanged(state, message, hint);
+}
+
+void WatchedRun::onEcuStateChanged(const std::string& ecu, session::SessionState state,
+                                   const std::string& message, const std::string& hint) {
+    takeState(ecu, state, message);
+    nextListener_.onEcuStateChanged(ecu, state, message, hint);
 }
 
 std::string WatchedRun::timeText(std::int64_t timeNs) const {

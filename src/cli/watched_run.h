@@ -2,8 +2,8 @@
 // and the takes that they start.
 //
 // Threads: the main thread; records come on the receive thread, states on any, takes are told on the thread
-// that writes them. Lifetime: the session, its listener and the sink of the options are borrowed until the
-// object is gone, which must outlive the measurement.
+// that writes them. Lifetime: what is measured, its listener and the sink of the options are borrowed until
+// the object is gone, which must outlive the measurement.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@
 #include "cli/json_writer.h"
 #include "cli/test_report.h"
 #include "cli/watch_options.h"
-#include "session/session.h"
+#include "session/measured.h"
 #include "watch/take_recorder.h"
 #include "watch/watcher.h"
 
@@ -24,8 +24,8 @@ class WatchedRun final : public xcp::IDaqRecordSink,
                          public session::ISessionListener,
                          private watch::ITakeListener {
   public:
-    /// Becomes the listener of the session, in front of `next`.
-    WatchedRun(const WatchPlan& plan, session::Session& session, session::ISessionListener& next);
+    /// Becomes the listener of what is measured, in front of `next`.
+    WatchedRun(const WatchPlan& plan, session::IMeasured& session, session::ISessionListener& next);
     ~WatchedRun() override;
     WatchedRun(const WatchedRun&) = delete;
     WatchedRun& operator=(const WatchedRun&) = delete;
@@ -60,15 +60,18 @@ class WatchedRun final : public xcp::IDaqRecordSink,
     void onRecord(const xcp::DaqRecord& record) override;
     void onStateChanged(session::SessionState state, const std::string& message,
                         const std::string& hint) override;
+    void onEcuStateChanged(const std::string& ecu, session::SessionState state, const std::string& message,
+                           const std::string& hint) override;
 
   private:
     Result<void> bind(const session::MeasurementPlan& plan);
     void onTakeBegun(const watch::Take& take) override;
     void onTakeEnded(const watch::Take& take) override;
     std::string timeText(std::int64_t timeNs) const;
+    void takeState(const std::string& ecu, session::SessionState state, const std::string& message);
 
     WatchPlan plan_;
-    session::Session& session_;
+    session::IMeasured& session_;
     session::ISessionListener& nextListener_;
     xcp::IDaqRecordSink* nextSink_ = nullptr;
     watch::Watcher watcher_;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include <fmt/core.h>
 
@@ -17,6 +18,22 @@ enum class Level : std::uint8_t { debug, info, warning, error };
 bool isWanted(Level level);
 /// Tells it when the level is wanted.
 void tell(Level level, fmt::string_view format, fmt::format_args values);
+
+/// What this thread tells is about one of several while it lives: "NAME: " stands before each line. Threads
+/// that are started meanwhile (core/thread.h) take it over. Without a name nothing changes.
+class Subject {
+  public:
+    explicit Subject(std::string name);
+    ~Subject();
+    Subject(const Subject&) = delete;
+    Subject& operator=(const Subject&) = delete;
+
+    /// That of this thread, empty for none.
+    static const std::string& current();
+
+  private:
+    std::string before_;
+};
 
 template <typename... Values>
 void debug(fmt::format_string<Values...> format, Values&&... values) {

@@ -9,17 +9,24 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
+#include "core/log.h"
 #include "core/result.h"
 
 namespace lm {
 
-/// Error: by errno "CONTEXT: REASON", with the mend where a limit was met.
+/// What it logs is about what its starter's lines are about. Error: by errno "CONTEXT: REASON", with the mend
+/// where a limit was met.
 template <typename Function>
 Result<std::thread> startThread(std::string_view context, Function&& function) {
     try {
-        return std::thread(std::forward<Function>(function));
+        return std::thread([about = log::Subject::current(),
+                            run = std::decay_t<Function>(std::forward<Function>(function))]() mutable {
+            const log::Subject subject(std::move(about));
+            run();
+        });
     } catch (const std::system_error& failure) {
         Error error = Error::fromErrno(failure.code().value(), context);
         if (error.sysErrno == EAGAIN) error.message += " (limits of threads and memory: `ulimit -a`)";

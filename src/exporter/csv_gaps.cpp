@@ -29,7 +29,8 @@ std::string gapList(const storage::RecordingInfo& info, const std::vector<Export
     };
     for (const storage::Outage& outage : outages) {
         const std::string outcome = outage.outcome.empty() ? "" : "; " + outage.outcome;
-        add("outage", "", outage.beginNs, outage.endNs, outage.reason + outcome);
+        const std::string ecu = outage.ecu.empty() ? "" : outage.ecu + ": ";
+        add("outage", "", outage.beginNs, outage.endNs, ecu + outage.reason + outcome);
     }
     for (std::size_t i = 0; i < groups.size(); ++i) {
         const std::string& name = groups[i].reader.info().name;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -63,7 +64,7 @@ Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
     std::string properties;
     const auto property = [&properties](std::string_view name, std::string_view value) {
         if (value.empty()) return;
-        properties += fmt::format("<e name=\"{}\">{}</e>", name, xmlText(value));
+        properties += fmt::format("<e name=\"{}\">{}</e>", xmlText(name), xmlText(value));
     };
     property("subject", info.ecu);
     property("recording", info.name);
@@ -72,6 +73,13 @@ Link addHeaderComment(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
     property("A2L SHA-256", info.a2lSha256);
     property("EPK", info.ecuEpk);
     property("A2L EPK", info.a2lEpk);
+    for (const storage::EcuInfo& ecu : info.ecus) {
+        property(ecu.name + " source", ecu.source);
+        property(ecu.name + " A2L", ecu.a2lName);
+        property(ecu.name + " A2L SHA-256", ecu.a2lSha256);
+        property(ecu.name + " EPK", ecu.ecuEpk);
+        property(ecu.name + " A2L EPK", ecu.a2lEpk);
+    }
     if (info.part) property("part", std::to_string(info.part->number));
     property("command line", fmt::format("{}", fmt::join(info.commandLine, " ")));
     property("tool", "xcplumo-cli " XCPLUMO_VERSION);
@@ -85,11 +93,11 @@ std::uint8_t busNumber(storage::BusKind bus) {
     return kNumbers.at(static_cast<std::size_t>(bus));
 }
 
-Link addSource(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
-    const std::uint8_t bus = busNumber(storage::busKindOf(info.source));
+Link addSource(Mf4Blocks& blocks, const std::string& ecu, const std::string& source) {
+    const std::uint8_t bus = busNumber(storage::busKindOf(source));
     constexpr std::uint8_t kEcu = 1;
-    const Link name = info.ecu.empty() ? 0 : blocks.text(info.ecu);
-    const Link path = info.source.empty() ? 0 : blocks.text(info.source);
+    const Link name = ecu.empty() ? 0 : blocks.text(ecu);
+    const Link path = source.empty() ? 0 : blocks.text(source);
     return blocks.add("SI", {name, path, 0}, Mf4Fields().put(kEcu).put(bus).zeros(6));
 }
 
@@ -192,6 +200,15 @@ Link addChannelGroup(Mf4Blocks& blocks, const std::string& time, const ExportGro
     return blocks.add("CG", {0, first, blocks.text(about.name), source, 0, comment}, data);
 }
 
+/// Of each of several ECUs, by name; of the only one under the empty name that its groups tell.
+std::map<std::string, Link> addSources(Mf4Blocks& blocks, const storage::RecordingInfo& info) {
+    std::map<std::string, Link> sources;
+    for (const storage::EcuInfo& ecu : info.ecus)
+        sources[ecu.name] = addSource(blocks, ecu.name, ecu.source);
+    if (info.ecus.empty()) sources[""] = addSource(blocks, info.ecu, info.source);
+    return sources;
+}
+
 }  // namespace
 
 Mf4Metadata makeMetadata(const storage::RecordingInfo& info, const std::vector<ExportGroup>& groups,
@@ -205,11 +222,14 @@ Mf4Metadata makeMetadata(const storage::RecordingInfo& info, const std::vector<E
     const Link header = addHeader(blocks, info);
     blocks.setLink(header, kHistory, addHistory(blocks, nowUtcNs));
     blocks.setLink(header, kComment, addHeaderComment(blocks, info));
-    const Link source = addSource(blocks, info);
+    const auto sources = addSources(blocks, info);
     const std::string time = timeName(groups);
     Link before = header;
     for (std::size_t i = 0; i < groups.size(); ++i) {
-        const Link channelGroup = addChannelGroup(blocks, time, groups[i], layouts[i], source);
+        // That of a group of no one's is none.
+        const auto source = sources.find(groups[i].reader.info().ecu);
+        const Link channelGroup = addChannelGroup(blocks, time, groups[i], layouts[i],
+                                                  source == sources.end() ? 0 : source->second);
         const Link dataGroup = blocks.add("DG", {0, channelGroup, 0, 0}, Mf4Fields().zeros(8));
         // The next data group is the first link of a data group, and the first one that of the header.
         blocks.setLink(before, kFirstDataGroup, dataGroup);

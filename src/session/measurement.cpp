@@ -166,9 +166,36 @@ void Measurement::removeDecoder() {
     decoder_->settle(std::numeric_limits<std::int64_t>::max());
     tellMisfit();
     add(totals_, decoder_->counters());
+    keepClock();
     for (std::size_t i = 0; i < delivered_.size(); ++i)
         delivered_[i] = delivered_[i] || decoder_->recordsOf(i) != 0;
     decoder_.reset();
+}
+
+/// Of a decoder that ends; decoderMutex_ is held.
+void Measurement::keepClock() {
+    const auto latest = decoder_->clockFigures();
+    if (latest && (!clockBefore_ || clockBefore_->spanNs <= latest->spanNs)) clockBefore_ = latest;
+}
+
+/// The latest, unless an earlier one was seen for longer; decoderMutex_ is held.
+std::optional<xcp::ClockFigures> Measurement::clock() const {
+    const auto latest = decoder_ ? decoder_->clockFigures() : std::nullopt;
+    if (!clockBefore_ || (latest && latest->spanNs >= clockBefore_->spanNs)) return latest;
+    return clockBefore_;
+}
+
+void Measurement::noteClock() {
+    if (!recording_.isOn()) return;
+    clockNotedNs_ = steadyNowNs();
+    std::optional<xcp::ClockFigures> found;
+    {
+        const std::lock_guard lock(decoderMutex_);
+        found = clock();
+    }
+    if (!found) return;
+    recording_.note(storage::ecuClockLine(
+        {clockNotedNs_, found->offsetNs, found->driftPpm, found->residualNs, found->spanNs}));
 }
 
 void Measurement::abandonStart() {
@@ -206,6 +233,7 @@ Result<void> Measurement::stop(const std::function<SessionState()>& state) {
                                : Stop::unanswered,
                     supervisor_->watchesData());
     context_.medium.releaseLoad();
+    noteClock();
     std::optional<OutageNotes::Silence> silence;
     if (outages_.upToEndNs() != 0) silence = {outages_.latestNs(), endNs};
     recording_.finish(silence, steadyNowNs());
@@ -229,6 +257,7 @@ MeasurementStats Measurement::statistics() const {
     {
         const std::lock_guard lock(decoderMutex_);
         decoded = totals_;
+        stats.clock = clock();
         if (decoder_) add(decoded, decoder_->counters());
     }
     stats.records = decoded.records;
@@ -278,6 +307,10 @@ std::uint64_t Measurement::recordsReceived() const {
 }
 
 void Measurement::settleSamples() {
+    // Each part of a long recording is to tell of the clock, and so is one that is never closed.
+    constexpr std::int64_t kBetweenNotesNs = 20'000'000'000;
+    if (clockNotedNs_ == 0) clockNotedNs_ = steadyNowNs();
+    if (steadyNowNs() - clockNotedNs_ >= kBetweenNotesNs) noteClock();
     const std::lock_guard lock(decoderMutex_);
     if (decoder_) decoder_->settle(steadyNowNs());
     if (decoder_ && fit_ && fit_->finished()) tellMisfit();

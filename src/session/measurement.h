@@ -73,6 +73,9 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     void noteWhatRuns();
     void tellOfEcu(std::int64_t timeNs, const std::string& line);
     void addSilentLists(MeasurementStats& stats) const;
+    void keepClock();
+    std::optional<xcp::ClockFigures> clock() const;
+    void noteClock();
 
     void onRecord(const xcp::DaqRecord& record) override;
 
@@ -103,10 +106,12 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     std::unique_ptr<xcp::DaqDecoder> decoder_;
     xcp::DaqDecoderCounters totals_;  ///< of the decoders before this one
     bool misfitTold_ = false;
-    std::vector<bool> delivered_;  ///< lists that gave them a record
+    std::optional<xcp::ClockFigures> clockBefore_;  ///< of the decoders before, the one that saw most of it
+    std::vector<bool> delivered_;                   ///< lists that gave them a record
 
     std::atomic<bool> started_{false};
-    bool bitIgnored_ = false;  ///< since the ECU was connected last; the supervisor's thread alone
+    std::int64_t clockNotedNs_ = 0;  ///< the supervisor's thread, then the owner's
+    bool bitIgnored_ = false;        ///< since the ECU was connected last; the supervisor's thread alone
     std::unique_ptr<Supervisor> supervisor_;
 };
 

@@ -9,15 +9,18 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "core/result.h"
 #include "session/medium.h"
+#include "session/session_state.h"
 #include "session/signal_elements.h"
 #include "storage/write/recorder.h"
 #include "value/element.h"
+#include "xcp/clock_fit.h"
 #include "xcp/daq_decoder.h"
 #include "xcp/daq_plan.h"
 
@@ -40,6 +43,8 @@ struct MeasurementPlan {
     std::vector<std::string> warnings;   ///< of patterns that left something out
     std::vector<PlaceBytes> placedBy;    ///< must still hold after a reconnection
     std::vector<std::string> added;      ///< what of MeasurementOptions::needed was not asked for otherwise
+    /// Of several ECUs that of each list, whose signals are called ECU/NAME; else empty.
+    std::vector<std::string> listEcus;
 };
 
 struct MeasurementOptions {
@@ -117,6 +122,13 @@ struct MeasurementStats {
     std::vector<SilentList> silentLists = {};
     /// Why they may have stayed silent, when the medium knows; else empty.
     std::string silenceHint = {};
+
+    /// None without timestamps of the ECU, in the first moments, and of several ECUs.
+    std::optional<xcp::ClockFigures> clock = {};
+
+    std::string ecu = {};  ///< of one of several
+    SessionState state = SessionState::disconnected;
+    std::vector<MeasurementStats> ecus = {};  ///< of several each one's own, of which the others are the sums
 
     /// 0 when the medium does not count that.
     std::uint64_t mediumCount(std::string_view name) const {

@@ -496,6 +496,11 @@ Result<void> Session::sendText(std::string_view line) {
 }
 
 Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options) {
+    if (auto accepted = acceptMeasurement(options); !accepted.ok()) return accepted.error();
+    return beginAccepted(options, {});
+}
+
+Result<void> Session::acceptMeasurement(const MeasurementOptions& options) {
     if (running_) return Error{ErrorCode::alreadyOpen, "measurement already running"};
     if (!capabilities_) return noDaq_;
     if (auto completed = completeDaq(); !completed.ok()) return afterConnect(completed.error());
@@ -511,26 +516,39 @@ Result<PlanSummary> Session::startMeasurement(const MeasurementOptions& options)
         options);
     if (!planned.ok()) return planned.error();
     measurement_ = std::move(planned).value();
-    if (options.onAccepted) {
-        if (auto taken = options.onAccepted(measurement_->accepted()); !taken.ok()) {
-            measurement_.reset();
-            return taken.error();
-        }
-    }
+    if (!options.onAccepted) return {};
+    auto taken = options.onAccepted(measurement_->accepted());
+    if (!taken.ok()) dropAccepted();
+    return taken;
+}
+
+const MeasurementPlan& Session::acceptedPlan() const {
+    return measurement_->accepted();
+}
+
+void Session::dropAccepted() {
+    measurement_.reset();
+    recording_.reset();
+}
+
+Result<PlanSummary> Session::beginAccepted(const MeasurementOptions& options,
+                                           const std::optional<storage::GroupRange>& recording) {
     if (config_.reconnect.policy != ReconnectPolicy::abort) watch_.begin();
-    if (const auto begun = beginMeasurement(options); !begun.ok()) {
+    if (const auto begun = beginMeasurement(options, recording); !begun.ok()) {
         watch_.end();
-        measurement_.reset();
-        recording_.reset();
+        dropAccepted();
         return afterConnect(begun.error());
     }
     running_ = true;
     return measurement_->summary();
 }
 
-/// With its recording, of which a failure leaves no file that it made.
-Result<void> Session::beginMeasurement(const MeasurementOptions& options) {
-    if (!options.recording.directory.empty()) {
+/// With its own recording, of which a failure leaves no file that it made, or a range of another one.
+Result<void> Session::beginMeasurement(const MeasurementOptions& options,
+                                       const std::optional<storage::GroupRange>& recording) {
+    if (recording) {
+        measurement_->recordTo(*recording);
+    } else if (!options.recording.directory.empty()) {
         if (auto begun = beginRecording(options.recording, options.commandLine, options.duration);
             !begun.ok())
             return begun;

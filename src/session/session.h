@@ -29,6 +29,7 @@
 #include "session/joint_reading.h"
 #include "session/key_helper.h"
 #include "session/master_memory.h"
+#include "session/measured.h"
 #include "session/measurement_types.h"
 #include "session/medium.h"
 #include "session/named_objects.h"
@@ -83,7 +84,7 @@ struct LockOutcome {
     std::optional<Error> error = std::nullopt;  ///< why it stayed locked
 };
 
-class Session final : public IValues, private xcp::IMasterListener {
+class Session final : public IValues, public IMeasured, private xcp::IMasterListener {
   public:
     /// Called with every warning about the A2L, beside the log.
     using WarningCallback = std::function<void(const std::string&)>;
@@ -99,7 +100,7 @@ class Session final : public IValues, private xcp::IMasterListener {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    void setListener(ISessionListener* listener) { listener_.store(listener); }
+    void setListener(ISessionListener* listener) override { listener_.store(listener); }
 
     /// Opens the transport and does not connect: the text of a serial line arrives from now on. A serial port
     /// that was lost is opened again. Errors: those of the transport.
@@ -115,7 +116,7 @@ class Session final : public IValues, private xcp::IMasterListener {
 
     /// Stops a running measurement, disconnects, closes the transport. Idempotent; takes no longer than the
     /// stop of a measurement and t1. The error is that of the measurement's stop.
-    Result<void> close();
+    Result<void> close() override;
 
     /// Remembers what the ECU holds now: a further open() tells when that is lost. A measurement that would
     /// reconnect does so by itself.
@@ -128,7 +129,7 @@ class Session final : public IValues, private xcp::IMasterListener {
     /// What open() or a reconnection found out about the ECU's software, the latest.
     Identity identity() const { return returns_.identity(); }
     /// Whether open(), a reconnection or a write warned of it.
-    bool identityWarned() const { return identityWarned_ || returns_.sawOtherSoftware(); }
+    bool identityWarned() const override { return identityWarned_ || returns_.sawOtherSoftware(); }
     /// Before anything is written: warns once of an EPK that cannot be read. Errors: otherSoftware(), and
     /// that the ECU has another byte order than the A2L says. write() and writeObject() ask for it
     /// themselves.
@@ -164,15 +165,26 @@ class Session final : public IValues, private xcp::IMasterListener {
     /// Starts DAQ for the signals; the session is left "connected" with nothing started when it fails.
     /// Errors: those of planMeasurement, of the recording writer and of the DAQ configuration, "measurement
     /// already running", "the slave offers no DAQ".
-    Result<PlanSummary> startMeasurement(const MeasurementOptions& options);
+    Result<PlanSummary> startMeasurement(const MeasurementOptions& options) override;
+
+    // Its two halves, where several ECUs are measured: nothing runs before each of them can.
+    /// Plans, and claims the load.
+    Result<void> acceptMeasurement(const MeasurementOptions& options);
+    const MeasurementPlan& acceptedPlan() const;
+    /// With a range of a recording that another one began, and closes after stopMeasurement(); else with that
+    /// of the options. The state of the session tells nothing before.
+    Result<PlanSummary> beginAccepted(const MeasurementOptions& options,
+                                      const std::optional<storage::GroupRange>& recording);
+    /// Instead of beginAccepted(), or after its failure.
+    void dropAccepted();
 
     /// Ends supervision, DAQ and recording; see docs/architecture.md for what each state sends. Succeeds when
     /// nothing runs. Errors: the ECU's to the stop command in state "measuring", "write error in DIRECTORY".
-    Result<void> stopMeasurement();
+    Result<void> stopMeasurement() override;
 
     /// After stopMeasurement(): waits until what the recording's place wants done with each closed recording
     /// is done.
-    void finishRecording();
+    void finishRecording() override;
 
     /// Records the running measurement from now on. Errors: alreadyOpen "DIRECTORY is being recorded to",
     /// notOpen "no measurement runs", those of storage::Recorder::begin().
@@ -191,13 +203,17 @@ class Session final : public IValues, private xcp::IMasterListener {
 
     /// What a recording of the running measurement, beginning now, says about itself and its groups. From
     /// any thread until startMeasurement() is called again.
-    storage::RecordingInfo describeRecording(const std::filesystem::path& directory) const;
+    storage::RecordingInfo describeRecording(const std::filesystem::path& directory) const override;
 
     /// What NAME or NAME@EVENT stands for, a number or text. Errors: those of findSignalElements() above one.
-    Result<value::Element> signalElement(std::string_view text);
+    Result<value::Element> signalElement(std::string_view text) override;
+    bool isSignal(const PlannedSignal& signal, const std::string& text) const override {
+        return isNamed(signal, text, *capabilities_);
+    }
+    std::vector<Member> members() const override { return {{nullptr, this}}; }
 
     /// Counters of the running or the last measurement.
-    MeasurementStats statistics() const;
+    MeasurementStats statistics() const override;
 
     /// Ends every wait for the ECU at once; running operations fail. Only close() and stopMeasurement() are
     /// of use then. stopMeasurement() takes the request back, also one that comes while it runs.
@@ -222,12 +238,12 @@ class Session final : public IValues, private xcp::IMasterListener {
     /// PageControl::remarks() that were not told yet, unless the ECU was silent or a stop is requested.
     std::vector<std::string> pageRemarks();
 
-    SessionState state() const { return state_.load(); }
+    SessionState state() const override { return state_.load(); }
     const SessionConfig& config() const { return config_; }
     const a2l::Description& description() const override { return description_; }
     const IMedium& medium() const { return *medium_; }
     /// The configuration's name, else the A2L module's.
-    std::string ecuName() const;
+    std::string ecuName() const override;
     /// "parameters_0: page 1, the ECU used page 0; ..." of the pages that XCP sees; empty for an A2L without
     /// segments of several pages, of which the ECU is not asked, and for an ECU that does not tell.
     std::string pagesText();
@@ -261,7 +277,8 @@ class Session final : public IValues, private xcp::IMasterListener {
     std::string lossHint() const;
     Result<void> beginRecording(const storage::RecordingPlace& place, std::vector<std::string> commandLine,
                                 std::chrono::duration<double> duration);
-    Result<void> beginMeasurement(const MeasurementOptions& options);
+    Result<void> beginMeasurement(const MeasurementOptions& options,
+                                  const std::optional<storage::GroupRange>& recording);
     Result<void> identify();
     Result<void> tellReturn();
     void noteWrite(ObjectBytes change);

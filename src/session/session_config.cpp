@@ -255,6 +255,23 @@ class Section {
         if (value != nullptr && !value->is_object()) failType(key, "an object", *value);
     }
 
+    bool has(const char* key) const { return object_.contains(key); }
+
+    /// Runs `fill` on each object of the array below `key`.
+    template <typename Fill>
+    void eachSection(const char* key, Fill fill) {
+        const json* value = find(key);
+        if (value == nullptr) return;
+        if (!value->is_array() || value->empty()) return failType(key, "an array of objects", *value);
+        for (std::size_t i = 0; i < value->size() && !failure_; ++i) {
+            const std::string place = fmt::format("{}[{}]", key, i);
+            if (!(*value)[i].is_object()) return failType(place.c_str(), "an object", (*value)[i]);
+            Section inner((*value)[i], pathOf(place), failure_);
+            fill(inner);
+            if (!failure_) inner.warnUnknown();
+        }
+    }
+
     /// Runs `fill` on the object below `key` when there is one.
     template <typename Fill>
     void section(const char* key, Fill fill) {
@@ -414,7 +431,7 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
     document.read("name", config.name);
     std::string a2l;
     document.read("a2l", a2l);
-    config.a2l = below(baseDirectory, a2l);
+    if (document.has("a2l")) config.a2l = below(baseDirectory, a2l);
     document.section("can", [&](Section& section) { fillCan(section, config.can); });
     document.section("udp", [&](Section& section) {
         section.read("host", config.udp.host);
@@ -450,6 +467,42 @@ void fillConfig(Section& document, const std::filesystem::path& baseDirectory, S
     document.section("calibration", [&](Section& section) { fillCalibration(section, config.onReset); });
     document.readTexts("measurement", config.measurement);
     document.section("display", [&](Section& section) { section.read("exact", config.display.exact); });
+}
+
+constexpr const char* kEcus = "ecus";
+
+/// Beside "ecus" it would be for all of them, which cannot be.
+void refuseOwnKeys(Section& root) {
+    for (const char* key : {"name", "udp", "serial", "measurement"}) {
+        if (root.has(key)) root.fail(key, "stands in each of the \"ecus\", not beside them");
+    }
+}
+
+void checkEcuName(Section& ecu, const std::string& name, const std::vector<SessionConfig>& before) {
+    if (name.empty()) return;  // that of the A2L
+    if (const std::string why = whyNoEcuName(name); !why.empty()) return ecu.fail("name", why);
+    for (const SessionConfig& other : before) {
+        if (other.name == name) return ecu.fail("name", "another ECU is called '" + name + "', too");
+    }
+}
+
+void fillEcu(Section& ecu, const std::filesystem::path& baseDirectory, const SessionConfig& defaults,
+             std::vector<SessionConfig>& ecus) {
+    if (ecu.has(kEcus)) return ecu.fail(kEcus, "an ECU holds no others");
+    SessionConfig config = defaults;
+    // Of the media CAN comes first: the bus that the others share is not for an ECU that names another one.
+    if ((ecu.has("udp") || ecu.has("serial")) && !ecu.has("can")) config.can = {};
+    if (ecu.has("security")) config.security = {};
+    fillConfig(ecu, baseDirectory, config);
+    checkEcuName(ecu, config.name, ecus);
+    ecus.push_back(std::move(config));
+}
+
+void fillDocument(Section& root, const std::filesystem::path& baseDirectory, ConfigDocument& document) {
+    if (root.has(kEcus)) refuseOwnKeys(root);
+    fillConfig(root, baseDirectory, document.one);
+    root.eachSection(kEcus, [&](Section& ecu) { fillEcu(ecu, baseDirectory, document.one, document.ecus); });
+    if (document.isOfSeveral()) document.one = {};
 }
 
 constexpr int kMaxDepth = 64;
@@ -565,6 +618,19 @@ ordered_json documentOf(const SessionConfig& config) {
     return document;
 }
 
+ordered_json documentOf(const ConfigDocument& document) {
+    if (!document.isOfSeveral()) return documentOf(document.one);
+    ordered_json ecus = ordered_json::array();
+    for (const SessionConfig& ecu : document.ecus)
+        ecus.push_back(documentOf(ecu));
+    return {{kEcus, std::move(ecus)}};
+}
+
+Result<SessionConfig> onlyEcu(ConfigDocument document) {
+    if (!document.isOfSeveral()) return std::move(document.one);
+    return Error{ErrorCode::invalidArgument, "configuration: several ECUs, where one is wanted"};
+}
+
 std::string dumped(const ordered_json& document, ordered_json::error_handler_t onBadText) {
     return document.dump(2, ' ', false, onBadText);
 }
@@ -616,47 +682,85 @@ DefaultEvent parseDefaultEvent(const std::string& text, const DefaultEvent& befo
     return {0, text};
 }
 
-Result<SessionConfig> sessionConfigFromJson(std::string_view text,
-                                            const std::filesystem::path& baseDirectory) {
+std::string whyNoEcuName(std::string_view name) {
+    const auto stands = [](char c) {
+        return static_cast<unsigned char>(c) <= ' ' || c == '\x7f' ||
+               std::string_view("/@*?=\"").find(c) != std::string_view::npos;
+    };
+    if (name.empty()) return "the name is empty";
+    if (std::none_of(name.begin(), name.end(), stands)) return {};
+    return fmt::format("'{}' is no name for one of several ECUs: blanks and / @ * ? = \" have no place in it",
+                       name);
+}
+
+Result<ConfigDocument> configDocumentFromJson(std::string_view text,
+                                              const std::filesystem::path& baseDirectory) {
     try {
-        const json document = parseWarningOfDuplicates(text);
-        SessionConfig config;
-        if (!document.is_object()) {
+        const json parsed = parseWarningOfDuplicates(text);
+        ConfigDocument document;
+        if (!parsed.is_object()) {
             log::warn("configuration: the document is not an object and is ignored");
-            return config;
+            return document;
         }
         std::optional<Error> failure;
-        Section root(document, "", failure);
-        fillConfig(root, baseDirectory, config);
+        Section root(parsed, "", failure);
+        fillDocument(root, baseDirectory, document);
         if (failure) return *failure;
         root.warnUnknown();
-        return config;
+        return document;
     } catch (const std::exception& e) {
         return Error{ErrorCode::invalidArgument, std::string("configuration: ") + e.what()};
     }
+}
+
+Result<SessionConfig> sessionConfigFromJson(std::string_view text,
+                                            const std::filesystem::path& baseDirectory) {
+    auto document = configDocumentFromJson(text, baseDirectory);
+    if (!document) return document.error();
+    return onlyEcu(std::move(document).value());
 }
 
 std::string sessionConfigToJson(const SessionConfig& config) {
     return dumped(documentOf(config), ordered_json::error_handler_t::replace);
 }
 
-Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, const StopToken& stop) {
+std::string configDocumentToJson(const ConfigDocument& document) {
+    return dumped(documentOf(document), ordered_json::error_handler_t::replace);
+}
+
+Result<ConfigDocument> loadConfigDocument(const std::filesystem::path& path, const StopToken& stop) {
     std::string others;
     auto text = readWhole(path, stop, others);
     if (!text) return text.error();
-    auto config = sessionConfigFromJson(text.value(), path.parent_path());
-    if (config && config.value().security.configured() && !others.empty())
-        config.value().security.refusal = "\"security\" in " + path.string() + " is refused: " + others;
-    if (config) return config;
-    Error error = config.error();
-    error.message = path.string() + ": " + error.message;
-    return error;
+    auto document = configDocumentFromJson(text.value(), path.parent_path());
+    if (!document) {
+        Error error = document.error();
+        error.message = path.string() + ": " + error.message;
+        return error;
+    }
+    const auto refuse = [&](SessionConfig& config) {
+        if (config.security.configured() && !others.empty())
+            config.security.refusal = "\"security\" in " + path.string() + " is refused: " + others;
+    };
+    refuse(document.value().one);
+    std::for_each(document.value().ecus.begin(), document.value().ecus.end(), refuse);
+    return document;
+}
+
+Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, const StopToken& stop) {
+    auto document = loadConfigDocument(path, stop);
+    if (!document) return document.error();
+    return onlyEcu(std::move(document).value());
 }
 
 Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionConfig& config) {
+    return saveConfigDocument(path, {config, {}});
+}
+
+Result<void> saveConfigDocument(const std::filesystem::path& path, const ConfigDocument& document) {
     std::string text;
     try {
-        text = dumped(documentOf(config), ordered_json::error_handler_t::strict) + "\n";
+        text = dumped(documentOf(document), ordered_json::error_handler_t::strict) + "\n";
     } catch (const json::exception& e) {
         return Error{ErrorCode::invalidArgument, "cannot write " + path.string() + ": " + e.what()};
     }

@@ -1,5 +1,5 @@
-// The session configuration: everything needed to reach one ECU and measure it, read from and written to a
-// JSON document.
+// The session configuration: everything needed to reach one ECU and measure it, or several, read from and
+// written to a JSON document.
 //
 // Threads: a plain record and pure functions. Lifetime: owns everything.
 #pragma once
@@ -175,6 +175,19 @@ struct SessionConfig {
     bool operator==(const SessionConfig&) const = default;
 };
 
+/// A whole configuration: one ECU, or several.
+struct ConfigDocument {
+    SessionConfig one;                ///< without "ecus"
+    std::vector<SessionConfig> ecus;  ///< each with what stands beside "ecus" under what it says itself
+
+    bool isOfSeveral() const { return !ecus.empty(); }
+    bool operator==(const ConfigDocument&) const = default;
+};
+
+/// Empty, or why an ECU beside others cannot have that name: it stands before a slash in the names of
+/// signals, and beside patterns and events.
+std::string whyNoEcuName(std::string_view name);
+
 /// Reads a document (comments allowed); a relative `a2l` or `security.library` is taken from `baseDirectory`.
 /// A document that is not an object, and a section that is not one (but "security"), keep the defaults; an
 /// unknown key is logged as a warning. Errors (invalidArgument): "configuration: ..." with line and column of
@@ -183,18 +196,27 @@ struct SessionConfig {
 Result<SessionConfig> sessionConfigFromJson(std::string_view text,
                                             const std::filesystem::path& baseDirectory);
 
+/// The same of one that may have "ecus". Further errors: that beside them stands what each must say itself,
+/// that a name is given twice or is none.
+Result<ConfigDocument> configDocumentFromJson(std::string_view text,
+                                              const std::filesystem::path& baseDirectory);
+
 /// The document, indented by 2 blanks, without a final newline. Bytes of a text (a file name) that are
 /// not UTF-8 become U+FFFD.
 std::string sessionConfigToJson(const SessionConfig& config);
+std::string configDocumentToJson(const ConfigDocument& document);
 
 /// A stop ends the reading. Errors: notFound "cannot open configuration PATH", ioError "cannot read
 /// configuration PATH" (both with the errno), and "PATH: " with an error of the conversion.
+Result<ConfigDocument> loadConfigDocument(const std::filesystem::path& path, const StopToken& stop = {});
+/// The same of one ECU. Further error: that it is of several.
 Result<SessionConfig> loadSessionConfig(const std::filesystem::path& path, const StopToken& stop = {});
 
 /// Replaces the file that `path` names by a new one, whole and on the disk, of the same owner (as far as the
 /// system allows) and rights, or writes to the device or pipe. Errors: "cannot write PATH" with the errno, a
 /// file is then the whole old or the whole new one; invalidArgument "cannot write PATH: ..." when a text of
 /// the configuration is not UTF-8, the file is then untouched.
+Result<void> saveConfigDocument(const std::filesystem::path& path, const ConfigDocument& document);
 Result<void> saveSessionConfig(const std::filesystem::path& path, const SessionConfig& config);
 
 }  // namespace lm::session

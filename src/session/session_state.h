@@ -30,6 +30,11 @@ class ISessionListener {
 
     /// `message` may be empty; `hint` is, but for a lost connection. Both are valid during the call.
     virtual void onStateChanged(SessionState state, const std::string& message, const std::string& hint) = 0;
+    /// The same of one of several ECUs.
+    virtual void onEcuStateChanged(const std::string& ecu, SessionState state, const std::string& message,
+                                   const std::string& hint) {
+        onStateChanged(state, message.empty() ? message : ecu + ": " + message, hint);
+    }
 
     /// Session::noteParameter() was called, on the thread of that; the time is not set.
     virtual void onParameterWritten(const storage::ParameterWrite& /*write*/) {}

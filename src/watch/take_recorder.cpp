@@ -224,18 +224,21 @@ void TakeRecorder::onRecord(const xcp::DaqRecord& record, const Fired& fired) {
     keep(record);
 }
 
-void TakeRecorder::onState(session::SessionState state, const std::string& message) {
+void TakeRecorder::onState(session::SessionState state, const std::string& message, const std::string& ecu) {
     using session::SessionState;
     const std::lock_guard lock(mutex_);
     const std::int64_t nowNs =
         std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
-    const bool isOpen = !outages_.empty() && !outages_.back().endNs;
+    const auto open = std::find_if(outages_.begin(), outages_.end(),
+                                   [&](const Outage& outage) { return !outage.endNs && outage.ecu == ecu; });
+    const bool isOpen = open != outages_.end();
     if (state == SessionState::reconnecting || state == SessionState::failed) {
-        if (isOpen) outages_.back().outcome = message;
-        if (!isOpen && nowNs_ != INT64_MIN) outages_.push_back({.beginNs = nowNs_, .reason = message});
+        if (isOpen) open->outcome = message;
+        if (!isOpen && nowNs_ != INT64_MIN)
+            outages_.push_back({.beginNs = nowNs_, .reason = message, .ecu = ecu});
     } else if (state == SessionState::measuring && isOpen) {
-        outages_.back().endNs = nowNs;
-        outages_.back().outcome = message;
+        open->endNs = nowNs;
+        open->outcome = message;
     }
 }
 
@@ -322,10 +325,10 @@ void TakeRecorder::noteOutages(const Take& take, const storage::GroupRange& grou
             outage.beginNs >= take.firstNs &&
             (outage.beginNs < take.lastNs || (take.cutOff && outage.beginNs == take.lastNs));
         if (!overlaps) continue;
-        groups.note(storage::outageBeginLine(outage.beginNs, outage.reason));
-        groups.note(
-            storage::outageEndLine(outage.endNs.value_or(nowNs_), outage.endNs.has_value(),
-                                   outage.outcome.empty() ? "the measurement ended" : outage.outcome));
+        const auto note = [&](const std::string& line) { groups.note(storage::lineOfEcu(line, outage.ecu)); };
+        note(storage::outageBeginLine(outage.beginNs, outage.reason));
+        note(storage::outageEndLine(outage.endNs.value_or(nowNs_), outage.endNs.has_value(),
+                                    outage.outcome.empty() ? "the measurement ended" : outage.outcome));
     }
 }
 

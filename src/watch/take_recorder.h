@@ -91,7 +91,8 @@ class TakeRecorder {
     Result<void> begin();
 
     void onRecord(const xcp::DaqRecord& record, const Fired& fired);
-    void onState(session::SessionState state, const std::string& message);
+    /// `ecu` is which of several.
+    void onState(session::SessionState state, const std::string& message, const std::string& ecu = {});
     /// An event, a line of "events.jsonl", for the takes of that time; the newest one about what runs in the
     /// ECU is told to later takes as well. From any thread.
     void note(std::int64_t timeNs, const std::string& line);
@@ -118,6 +119,7 @@ class TakeRecorder {
         std::optional<std::int64_t> endNs = {};
         std::string reason = {};
         std::string outcome = {};
+        std::string ecu = {};
     };
     struct Event {
         std::int64_t timeNs;

@@ -66,6 +66,8 @@ std::size_t Watcher::slotOf(const session::MeasurementPlan& plan, const IsNamed&
 Result<void> Watcher::bind(const session::MeasurementPlan& plan, const IsNamed& isNamed) {
     const std::lock_guard lock(mutex_);
     lists_.assign(plan.daq.lists.size(), {});
+    for (std::size_t i = 0; i < plan.listEcus.size(); ++i)
+        lists_[i].ecu = plan.listEcus[i];
     slots_.clear();
     watched_.clear();
     for (const Wanted& wanted : expressions_) {
@@ -204,14 +206,18 @@ Fired Watcher::onRecord(const xcp::DaqRecord& record) {
     return fired;
 }
 
-void Watcher::forget() {
+void Watcher::forget(const std::string& ecu) {
     const std::lock_guard lock(mutex_);
-    unknown_ = slots_.size();
-    for (Slot& slot : slots_)
-        slot.known = false;
-    for (Watched& watched : watched_) {
-        watched.missing = watched.condition.slots().size();
-        watched.condition.forget();
+    for (const List& list : lists_) {
+        if (list.ecu != ecu) continue;
+        for (const Column& column : list.columns) {
+            if (!std::exchange(slots_[column.slot].known, false)) continue;
+            ++unknown_;
+            for (const std::size_t index : slots_[column.slot].conditions)
+                ++watched_[index].missing;
+        }
+        for (const std::size_t index : list.conditions)
+            watched_[index].condition.forget();
     }
 }
 

@@ -79,8 +79,9 @@ class Watcher {
 
     Fired onRecord(const xcp::DaqRecord& record);
 
-    /// The connection was lost: no value holds any more until its signal comes again.
-    void forget();
+    /// The connection was lost, to this one of several ECUs: no value of it holds any more until its signal
+    /// comes again.
+    void forget(const std::string& ecu = {});
 
     std::vector<Verdict> verdicts() const;
     std::vector<LastValue> lastValues() const;
@@ -143,6 +144,7 @@ class Watcher {
         std::string text = {};  ///< of the table; empty: the number counts
     };
     struct List {
+        std::string ecu;  ///< of several
         std::vector<Column> columns;
         std::vector<std::size_t> conditions;  ///< of these columns
     };

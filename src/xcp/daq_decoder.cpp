@@ -269,6 +269,7 @@ void DaqDecoder::deliver(const UntimedRecord& record, const std::uint8_t* data) 
         timeNs = clock_.mapTicks(list.clock, record.ticks, record.receiveNs);
         if (list.clockGeneration != clock_.generation()) list.hasPrevious = false;
         list.clockGeneration = clock_.generation();
+        clockFit_.add(clock_.offsetNs(record.ticks, record.receiveNs), record.receiveNs, clock_.generation());
     }
     if (list.timestamp) checkCycle(list, timeNs);
     if (sink_ == nullptr) return;

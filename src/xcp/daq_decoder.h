@@ -4,9 +4,9 @@
 // Threads: onDto runs on one thread, the transport's receive thread; setSink, holdBack and the constructor
 // before the decoder is installed at the master; counters() and settle() from any thread. The sink is called
 // on the receive thread, or, for records that were held back, inside settle(), never on two at a time. onDto
-// allocates nothing, and takes a lock only while records are held back. Lifetime: the plan and the
-// capabilities are copied as far as needed; the sink is borrowed and must outlive the last onDto; the bytes
-// of a record are valid during the sink's call only.
+// allocates nothing, and takes a lock only while records are held back and a few times a second. Lifetime:
+// the plan and the capabilities are copied as far as needed; the sink is borrowed and must outlive the last
+// onDto; the bytes of a record are valid during the sink's call only.
 #pragma once
 
 #include <array>
@@ -15,9 +15,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <vector>
 
+#include "xcp/clock_fit.h"
 #include "xcp/counter.h"
 #include "xcp/daq_clock.h"
 #include "xcp/daq_plan.h"
@@ -92,6 +94,8 @@ class DaqDecoder final : public IDtoSink {
     void onDto(const std::uint8_t* data, std::size_t length, ReceiveTime time) override;
     /// What is held back counts as received.
     DaqDecoderCounters counters() const;
+    /// How the slave's clock ran so far, from any thread; none without timestamps, and in the first moments.
+    std::optional<ClockFigures> clockFigures() const { return clockFit_.figures(); }
     /// Records of DaqPlan::lists[index].
     std::uint64_t recordsOf(std::size_t index) const { return lists_[index].records.get(); }
 
@@ -159,6 +163,7 @@ class DaqDecoder final : public IDtoSink {
     // Receive thread only; while records are held back, under holdMutex_.
     std::uint64_t holesSeen_ = 0;
     SlaveClock clock_;
+    ClockFit clockFit_;
     std::vector<List> lists_;
     std::unique_ptr<HeldRecords> held_;  ///< none without holdBack()
 

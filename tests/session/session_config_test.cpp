@@ -118,13 +118,45 @@ TEST(SessionConfig, RefusesWithThePlace) {
         {R"({"calibration":{"onReset":"no"}})",
          "calibration.onReset: 'no' is none of \"tell\", \"stop\" and \"reapply\""},
         {R"({"measurement":["a",1]})", "measurement: must be an array of texts, but is number"},
+        {R"({"ecus":[]})", "ecus: must be an array of objects, but is array"},
+        {R"({"ecus":[{"name":"a"},7]})", "ecus[1]: must be an object, but is number"},
+        {R"({"udp":{"host":"x"},"ecus":[{"name":"a"}]})",
+         "udp: stands in each of the \"ecus\", not beside them"},
+        {R"({"ecus":[{"name":"a"},{"name":"a"}]})", "ecus[1].name: another ECU is called 'a', too"},
+        {R"({"ecus":[{"name":"a","ecus":[]}]})", "ecus[0].ecus: an ECU holds no others"},
+        {R"({"ecus":[{"name":"a","can":{"fd":1}}]})", "ecus[0].can.fd: must be true or false, but is number"},
+        {R"({"ecus":[{"name":"a/b"}]})",
+         "ecus[0].name: 'a/b' is no name for one of several ECUs: blanks and / @ * ? = \" have no place in "
+         "it"},
     };
     for (const auto& row : rows) {
-        const auto config = sessionConfigFromJson(row[0], "");
+        const auto config = configDocumentFromJson(row[0], "");
         ASSERT_FALSE(config.ok()) << row[0];
         EXPECT_EQ(config.error().message, std::string("configuration: ") + row[1]);
         EXPECT_EQ(config.error().code, ErrorCode::invalidArgument);
     }
+}
+
+TEST(SessionConfig, GivesEachEcuWhatStandsBesideThem) {
+    const auto document = configDocumentFromJson(R"({
+        "a2l": "both.a2l", "can": {"interface": "can0", "bitrate": 500000}, "xcp": {"connectAttempts": 7},
+        "security": {"library": "key.so"},
+        "ecus": [{"name": "a", "can": {"cmdId": 1}, "xcp": {"modifyBits": true}},
+                 {"a2l": "b.a2l", "udp": {"host": "h"}, "security": {"command": ["key"]}}]})",
+                                                 "/base");
+    ASSERT_TRUE(document.ok()) << document.error().text();
+    const auto& ecus = document.value().ecus;
+    ASSERT_EQ(ecus.size(), 2U);
+    EXPECT_EQ(ecus[0].a2l, "/base/both.a2l");
+    EXPECT_EQ(ecus[1].a2l, "/base/b.a2l");
+    EXPECT_EQ(ecus[0].can.interface + std::to_string(*ecus[0].can.bitrate), "can0500000");
+    EXPECT_TRUE(ecus[0].can.cmdId == 1U && ecus[0].xcp.modifyBits && ecus[0].xcp.connectAttempts == 7);
+    // An ECU on another medium, with another key.
+    EXPECT_EQ(ecus[1].can, SessionConfig::Can());
+    EXPECT_TRUE(ecus[1].security.library.empty() && !ecus[0].security.library.empty());
+    const auto again = configDocumentFromJson(configDocumentToJson(document.value()), "/other");
+    ASSERT_TRUE(again.ok()) << again.error().text();
+    EXPECT_EQ(again.value(), document.value());
 }
 
 TEST(SessionConfig, RefusesWhatIsCutOrNoJson) {

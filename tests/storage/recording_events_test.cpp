@@ -10,6 +10,7 @@
 #include "storage/format/recording_format.h"
 #include "storage/read/recording_reader.h"
 #include "storage/recording_fixture.h"
+#include "storage/write/recorder.h"
 #include "support/log_capture.h"
 
 namespace lm::storage {
@@ -29,6 +30,33 @@ class RecordingEventsTest : public test::CheckedRecordingTest {
         return {bytes.begin(), bytes.end()};
     }
 };
+
+TEST_F(RecordingEventsTest, KeepsTheEcusApart) {
+    Recorder recorder(test::smallRecording());
+    const GroupRange left = recorder.add({}, "left");
+    const GroupRange right = recorder.add({}, "a \"b\"");
+    ASSERT_TRUE(recorder.begin({.directory = path()}, DiskForecast::Seconds(1)).ok());
+    left.note(outageBeginLine(1000000000, "pulled"));
+    right.note(outageBeginLine(1100000000, "off"));
+    left.note(outageEndLine(1200000000, true, "back"));
+    left.note(ecuClockLine({1300000000, 5, 50.25, 7, 9}));
+    left.note(ecuClockLine({1400000000, -6, 50.5, 8, 10}));
+    ASSERT_TRUE(recorder.close().ok());
+    EXPECT_EQ(check(), "");
+    const RecordingEvents events = readEvents(path(), test::smallRecording());
+    ASSERT_EQ(events.outages.size(), 2U);
+    EXPECT_EQ(events.outages[0].ecu + events.outages[0].outcome, "leftback");
+    EXPECT_TRUE(events.outages[1].ecu == "a \"b\"" && !events.outages[1].endNs);
+    ASSERT_EQ(events.ecuClocks.size(), 1U);
+    EXPECT_TRUE(events.ecuClocks[0].ecu == "left" && events.ecuClocks[0].offsetNs == -6 &&
+                events.ecuClocks[0].driftPpm == 50.5 && events.ecuClocks[0].spanNs == 10);
+    // What stands open at a split ends and begins again, each under its ECU.
+    StandingEvents standing;
+    for (const char* ecu : {"left", "right"})
+        standing.take(lineOfEcu(outageBeginLine(1, ecu), ecu));
+    standing.take(lineOfEcu(outageEndLine(2, true, ""), "left"));
+    EXPECT_EQ(standing.beginLines(3), lineOfEcu(outageBeginLine(3, "right"), "right"));
+}
 
 TEST_F(RecordingEventsTest, MendsTheFileCutAtAnyByteAndLosesNoWholeLine) {
     auto writer = RecordingWriter::create(path(), test::smallRecording(), {}).value();

@@ -49,6 +49,12 @@ std::optional<std::string> textAt(const Json& json, const char* key) {
     return found->get<std::string>();
 }
 
+constexpr const char* kEcuKey = "ecu";
+
+std::string ecuOf(const Json& json) {
+    return textAt(json, kEcuKey).value_or("");
+}
+
 /// Takes the lines of a file one after the other.
 class EventReader {
   public:
@@ -68,6 +74,7 @@ class EventReader {
         if (*kind == "clockStep") return takeStep(json, *time);
         if (*kind == "ecu") return takeEcu(json, *time);
         if (*kind == "trigger") return takeTrigger(json, *time);
+        if (*kind == "ecuClock") return takeEcuClock(json, *time);
         if (*kind == "marker") return takeMarker(json, *time);
         if (*kind == "parameter") return takeWrite(json, *time);
         if (*kind == "partBegin") return takeBorder(json, *time, events_.begin);
@@ -144,7 +151,19 @@ class EventReader {
             if (const auto page = integerAt(told, "page")) sum.page = static_cast<std::uint8_t>(*page);
             note.sums.push_back(std::move(sum));
         }
+        note.ecu = ecuOf(json);
         events_.ecus.push_back(std::move(note));
+    }
+    void takeEcuClock(const Json& json, std::int64_t time) {
+        const auto offset = integerAt(json, "offsetNs");
+        const auto drift = json.find("driftPpm");
+        const auto residual = json.find("residualNs");
+        const auto span = integerAt(json, "spanNs");
+        const auto isNumber = [&](const auto& found) { return found != json.end() && found->is_number(); };
+        if (!offset || !isNumber(drift) || !isNumber(residual) || !span) return fault("is no event");
+        EcuClock clock{time, *offset, drift->get<double>(), residual->get<double>(), *span, ecuOf(json)};
+        std::erase_if(events_.ecuClocks, [&](const EcuClock& before) { return before.ecu == clock.ecu; });
+        events_.ecuClocks.push_back(std::move(clock));
     }
     void takeBorder(const Json& json, std::int64_t time, std::optional<PartBorder>& into) {
         PartBorder border{time, {}, textAt(json, "next").value_or("")};
@@ -159,16 +178,19 @@ class EventReader {
     void takeBegin(const Json& json, std::int64_t time) {
         auto reason = textAt(json, "reason");
         if (!reason) return fault("is no event");
-        if (isOpen_) return fault("begins an outage within another one");
-        isOpen_ = true;
-        events_.outages.push_back({time, std::nullopt, false, std::move(*reason), ""});
+        const std::string ecu = ecuOf(json);
+        if (!open_.emplace(ecu, events_.outages.size()).second)
+            return fault("begins an outage within another one");
+        events_.outages.push_back({time, std::nullopt, false, std::move(*reason), "", ecu});
     }
     void takeEnd(const Json& json, std::int64_t time) {
         auto outcome = textAt(json, "outcome");
         const auto recovered = json.find("recovered");
         if (!outcome || recovered == json.end() || !recovered->is_boolean()) return fault("is no event");
-        if (!std::exchange(isOpen_, false)) return fault("ends an outage that did not begin");
-        Outage& outage = events_.outages.back();
+        const auto open = open_.find(ecuOf(json));
+        if (open == open_.end()) return fault("ends an outage that did not begin");
+        Outage& outage = events_.outages[open->second];
+        open_.erase(open);
         if (time < outage.beginNs) fault("ends an outage before its begin");
         outage.endNs = std::max(time, outage.beginNs);
         outage.recovered = recovered->get<bool>();
@@ -179,7 +201,7 @@ class EventReader {
         auto what = textAt(json, "what");
         auto text = textAt(json, "text");
         if (!what || !text) return fault("is no event");
-        events_.ecuChanges.push_back({time, std::move(*what), std::move(*text)});
+        events_.ecuChanges.push_back({time, std::move(*what), std::move(*text), ecuOf(json)});
     }
 
     void takeMarker(const Json& json, std::int64_t time) {
@@ -202,7 +224,7 @@ class EventReader {
     const RecordingInfo& info_;
     RecordingEvents& events_;
     std::uint64_t number_ = 0;
-    bool isOpen_ = false;  ///< the last outage
+    std::map<std::string, std::size_t> open_;  ///< outages by ECU
 };
 
 /// Hands whole lines to the reader; returns what stands behind the last one.
@@ -291,6 +313,22 @@ std::string triggerLine(const Trigger& trigger) {
                    {"text", trigger.text}});
 }
 
+std::string ecuClockLine(const EcuClock& clock) {
+    return lineOf({{"event", "ecuClock"},
+                   {"timeNs", clock.timeNs},
+                   {"offsetNs", clock.offsetNs},
+                   {"driftPpm", clock.driftPpm},
+                   {"residualNs", clock.residualNs},
+                   {"spanNs", clock.spanNs}});
+}
+
+std::string lineOfEcu(const std::string& line, const std::string& ecu) {
+    if (ecu.empty() || !line.starts_with('{')) return line;
+    const OrderedJson name = ecu;
+    return std::string("{\"") + kEcuKey +
+           "\":" + name.dump(-1, ' ', false, OrderedJson::error_handler_t::replace) + "," + line.substr(1);
+}
+
 std::string markerLine(const Marker& marker) {
     return lineOf({{"event", "marker"}, {"timeNs", marker.timeNs}, {"text", marker.text}});
 }
@@ -322,17 +360,28 @@ std::string partRemovedLine(std::int64_t timeNs, const std::string& name) {
 void StandingEvents::take(std::string_view line) {
     const Json json = EventReader::parsed(line);
     const auto kind = textAt(json, "event");
-    if (kind == "outageBegin") outage_ = textAt(json, "reason").value_or("");
-    if (kind == "outageEnd") outage_.reset();
-    if (kind == "ecu") ecu_ = line;
+    const auto ofEcu = [&]() -> OfEcu& { return ecus_[ecuOf(json)]; };
+    if (kind == "outageBegin") ofEcu().outage = textAt(json, "reason").value_or("");
+    if (kind == "outageEnd") ofEcu().outage.reset();
+    if (kind == "ecu") ofEcu().ran = line;
 }
 
 std::string StandingEvents::endLines(std::int64_t timeNs) const {
-    return outage_ ? outageEndLine(timeNs, false, std::string(kOutageGoesOn)) : "";
+    std::string lines;
+    for (const auto& [ecu, standing] : ecus_) {
+        if (standing.outage)
+            lines += lineOfEcu(outageEndLine(timeNs, false, std::string(kOutageGoesOn)), ecu);
+    }
+    return lines;
 }
 
 std::string StandingEvents::beginLines(std::int64_t timeNs) const {
-    return ecu_ + (outage_ ? outageBeginLine(timeNs, *outage_) : "");
+    std::string lines;
+    for (const auto& [ecu, standing] : ecus_) {
+        lines += standing.ran;
+        if (standing.outage) lines += lineOfEcu(outageBeginLine(timeNs, *standing.outage), ecu);
+    }
+    return lines;
 }
 
 RecordingEvents readEvents(const std::filesystem::path& directory, const RecordingInfo& info) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,7 +25,18 @@ struct Outage {
     std::optional<std::int64_t> endNs;  ///< none: the program was killed meanwhile
     bool recovered = false;             ///< the measurement went on
     std::string reason;
-    std::string outcome;  ///< how it ended
+    std::string outcome;   ///< how it ended
+    std::string ecu = {};  ///< of which of several
+};
+
+/// How the clock of an ECU ran against the one of the timestamps.
+struct EcuClock {
+    std::int64_t timeNs = 0;  ///< up to when it is known
+    std::int64_t offsetNs = 0;
+    double driftPpm = 0;
+    double residualNs = 0;
+    std::int64_t spanNs = 0;
+    std::string ecu = {};
 };
 
 /// What an ECU turned out to be after an outage.
@@ -32,6 +44,7 @@ struct EcuChange {
     std::int64_t timeNs = 0;
     std::string what;  ///< as of ecuChangedLine()
     std::string text;
+    std::string ecu = {};
 };
 
 /// True when some of it lies in `times`; one without an end lasts for ever.
@@ -69,6 +82,7 @@ struct EcuNote {
     std::string epk;      ///< empty when it is not known
     std::string trouble;  ///< what could not be asked, and why
     std::vector<Sum> sums = {};
+    std::string ecu = {};
 };
 
 /// A remark of whoever measured.
@@ -107,6 +121,9 @@ std::string ecuChangedLine(std::int64_t timeNs, std::string_view what, const std
 std::string clockStepLine(const ClockStep& step);
 std::string ecuLine(const EcuNote& note);
 std::string triggerLine(const Trigger& trigger);
+std::string ecuClockLine(const EcuClock& clock);
+/// A line that is about one of several ECUs: it tells which.
+std::string lineOfEcu(const std::string& line, const std::string& ecu);
 std::string markerLine(const Marker& marker);
 std::string parameterLine(const ParameterWrite& write);
 std::string partBeginLine(const PartBorder& border);
@@ -127,8 +144,11 @@ class StandingEvents {
     std::string beginLines(std::int64_t timeNs) const;
 
   private:
-    std::optional<std::string> outage_;  ///< the reason of the one that is open
-    std::string ecu_;                    ///< the last line
+    struct OfEcu {
+        std::optional<std::string> outage;  ///< the reason of the one that is open
+        std::string ran;                    ///< the last line
+    };
+    std::map<std::string, OfEcu> ecus_;  ///< by name, empty where there is one
 };
 
 /// What is wrong with one line.
@@ -156,6 +176,7 @@ struct RecordingEvents {
     std::vector<ClockStep> steps;
     std::vector<EcuNote> ecus;
     std::vector<Trigger> triggers;
+    std::vector<EcuClock> ecuClocks;  ///< of each ECU what was told last
     std::vector<Marker> markers;
     std::vector<ParameterWrite> writes;
     std::optional<PartBorder> begin;  ///< of a part; none for the first one

@@ -34,6 +34,17 @@ struct GroupInfo {
     /// Whose clock its timestamps follow, laid on that of the host; none: recordings of earlier versions.
     enum class Clock : std::uint8_t { ecu, host };
     std::optional<Clock> clock = {};
+    std::string ecu = {};  ///< of a recording of several ECUs, whose signals are called ECU/NAME then
+};
+
+/// One of several ECUs of a recording; of a single one the recording tells this itself.
+struct EcuInfo {
+    std::string name;
+    std::string source;
+    std::string a2lName = {};
+    std::string a2lSha256 = {};
+    std::string ecuEpk = {};
+    std::string a2lEpk = {};
 };
 
 /// Of a recording that continues another one: the parts of a series are whole recordings, one after the
@@ -59,6 +70,7 @@ struct RecordingInfo {
     std::string a2lEpk;                    ///< the one that the A2L is for, likewise
     std::vector<std::string> commandLine;  ///< of the program that recorded, may be empty
     std::optional<PartInfo> part;
+    std::vector<EcuInfo> ecus;  ///< none: a recording of one ECU
     std::vector<GroupInfo> groups;
 };
 

@@ -107,6 +107,7 @@ OrderedJson groupToJson(const GroupInfo& group) {
     json["recordSize"] = group.recordSize;
     json["cycleNs"] = group.cycleNs;
     json["name"] = group.name;
+    if (!group.ecu.empty()) json["ecu"] = group.ecu;
     if (group.clock) json["clock"] = *group.clock == GroupInfo::Clock::ecu ? "ecu" : "host";
     OrderedJson signals = OrderedJson::array();
     for (const SignalInfo& signal : group.signals)
@@ -260,6 +261,7 @@ SignalInfo signalFrom(const Json& json) {
 GroupInfo groupFrom(const Json& json) {
     GroupInfo group;
     group.name = textAt(json, "name");
+    group.ecu = textOrEmpty(json, "ecu");
     const std::string clock = textOrEmpty(json, "clock");
     if (clock == "ecu") group.clock = GroupInfo::Clock::ecu;
     if (clock == "host") group.clock = GroupInfo::Clock::host;
@@ -313,6 +315,24 @@ OrderedJson partToJson(const PartInfo& part) {
     return json;
 }
 
+EcuInfo ecuFrom(const Json& json) {
+    EcuInfo ecu{textAt(json, "name"), textOrEmpty(json, "source")};
+    ecu.a2lName = textOrEmpty(json, "a2lName");
+    ecu.a2lSha256 = textOrEmpty(json, "a2lSha256");
+    ecu.ecuEpk = textOrEmpty(json, "ecuEpk");
+    ecu.a2lEpk = textOrEmpty(json, "a2lEpk");
+    return ecu;
+}
+
+OrderedJson ecuToJson(const EcuInfo& ecu) {
+    OrderedJson json = {{"name", ecu.name}, {"source", ecu.source}};
+    if (!ecu.a2lName.empty()) json["a2lName"] = ecu.a2lName;
+    if (!ecu.a2lSha256.empty()) json["a2lSha256"] = ecu.a2lSha256;
+    if (!ecu.ecuEpk.empty()) json["ecuEpk"] = ecu.ecuEpk;
+    if (!ecu.a2lEpk.empty()) json["a2lEpk"] = ecu.a2lEpk;
+    return json;
+}
+
 Result<RecordingInfo> infoFrom(const Json& json) {
     if (auto error = checkVersion(json)) return *std::move(error);
     RecordingInfo info;
@@ -331,6 +351,10 @@ Result<RecordingInfo> infoFrom(const Json& json) {
             info.commandLine.push_back(word.get<std::string>());
     }
     if (json.contains("part")) info.part = partFrom(json.at("part"));
+    if (json.contains("ecus")) {
+        for (const Json& ecu : arrayAt(json, "ecus"))
+            info.ecus.push_back(ecuFrom(ecu));
+    }
     for (const Json& group : arrayAt(json, "groups"))
         info.groups.push_back(groupFrom(group));
     return info;
@@ -353,6 +377,8 @@ std::string metaToJson(const RecordingInfo& info) {
     if (!info.a2lEpk.empty()) json["a2lEpk"] = info.a2lEpk;
     if (!info.commandLine.empty()) json["commandLine"] = info.commandLine;
     if (info.part) json["part"] = partToJson(*info.part);
+    for (const EcuInfo& ecu : info.ecus)
+        json["ecus"].push_back(ecuToJson(ecu));
     OrderedJson groups = OrderedJson::array();
     for (const GroupInfo& group : info.groups)
         groups.push_back(groupToJson(group));

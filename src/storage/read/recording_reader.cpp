@@ -97,10 +97,15 @@ RecordingEvents RecordingReader::events() const {
         for (Outage& outage : events.outages) {
             outage.beginNs += part.shiftNs;
             if (outage.endNs) *outage.endNs += part.shiftNs;
-            const bool goesOn = !all.outages.empty() && all.outages.back().outcome == kOutageGoesOn &&
-                                all.outages.back().endNs == outage.beginNs;
-            if (goesOn) outage.beginNs = all.outages.back().beginNs;
-            if (goesOn) all.outages.pop_back();
+            const auto before =
+                std::find_if(all.outages.begin(), all.outages.end(), [&](const Outage& earlier) {
+                    return earlier.ecu == outage.ecu && earlier.outcome == kOutageGoesOn &&
+                           earlier.endNs == outage.beginNs;
+                });
+            if (before != all.outages.end()) {
+                outage.beginNs = before->beginNs;
+                all.outages.erase(before);
+            }
             all.outages.push_back(std::move(outage));
         }
         for (ClockPair& pair : events.clocks)
@@ -120,8 +125,20 @@ RecordingEvents RecordingReader::events() const {
         for (EcuNote& note : events.ecus) {
             note.timeNs += part.shiftNs;
             // What a split repeats is not new.
-            if (all.ecus.empty() || all.ecus.back().timeNs != note.timeNs)
-                all.ecus.push_back(std::move(note));
+            const bool isKnown = std::any_of(all.ecus.begin(), all.ecus.end(), [&](const EcuNote& before) {
+                return before.timeNs == note.timeNs && before.ecu == note.ecu;
+            });
+            if (!isKnown) all.ecus.push_back(std::move(note));
+        }
+        for (EcuChange& change : events.ecuChanges) {
+            change.timeNs += part.shiftNs;
+            all.ecuChanges.push_back(std::move(change));
+        }
+        for (EcuClock& clock : events.ecuClocks) {
+            clock.timeNs += part.shiftNs;
+            clock.offsetNs += part.shiftNs;
+            std::erase_if(all.ecuClocks, [&](const EcuClock& before) { return before.ecu == clock.ecu; });
+            all.ecuClocks.push_back(std::move(clock));
         }
         for (Marker& marker : events.markers) {
             marker.timeNs += part.shiftNs;

@@ -19,12 +19,12 @@ bool GroupRange::write(std::size_t group, std::int64_t timestampNs, const std::u
     return recorder_->writer_->write(group < count_ ? first_ + group : kNone, timestampNs, data, length);
 }
 
-void GroupRange::note(std::string line) const {
-    recorder_->writer_->note(std::move(line));
+void GroupRange::note(const std::string& line) const {
+    recorder_->writer_->note(lineOfEcu(line, ecu_));
 }
 
-GroupRange Recorder::add(std::vector<GroupInfo> groups) {
-    const GroupRange range(*this, info_.groups.size(), groups.size());
+GroupRange Recorder::add(std::vector<GroupInfo> groups, std::string ecu) {
+    GroupRange range(*this, info_.groups.size(), groups.size(), std::move(ecu));
     std::move(groups.begin(), groups.end(), std::back_inserter(info_.groups));
     return range;
 }

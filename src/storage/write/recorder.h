@@ -32,17 +32,18 @@ class GroupRange {
     /// As RecordingWriter::write(); `group` counts from 0 in the range. Not before Recorder::begin().
     bool write(std::size_t group, std::int64_t timestampNs, const std::uint8_t* data,
                std::size_t length) const;
-    /// As RecordingWriter::note().
-    void note(std::string line) const;
+    /// As RecordingWriter::note(), of the ECU of the range.
+    void note(const std::string& line) const;
 
   private:
     friend class Recorder;
-    GroupRange(const Recorder& recorder, std::size_t first, std::size_t count)
-        : recorder_(&recorder), first_(first), count_(count) {}
+    GroupRange(const Recorder& recorder, std::size_t first, std::size_t count, std::string ecu)
+        : recorder_(&recorder), first_(first), count_(count), ecu_(std::move(ecu)) {}
 
     const Recorder* recorder_;
     std::size_t first_;
     std::size_t count_;
+    std::string ecu_;
 };
 
 /// Where a recording goes and what becomes of it.
@@ -64,7 +65,8 @@ class Recorder {
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
-    GroupRange add(std::vector<GroupInfo> groups);
+    /// Of one of several ECUs with its name: what is noted through the range tells it.
+    GroupRange add(std::vector<GroupInfo> groups, std::string ecu = {});
 
     /// Makes the recording, of so many seconds (0: open), and watches its disk; nothing is added any more.
     /// Errors: those of RecordingWriter::create(), "cannot start the watch of the disk: REASON".
