@@ -162,8 +162,7 @@ class EventReader {
         const auto isNumber = [&](const auto& found) { return found != json.end() && found->is_number(); };
         if (!offset || !isNumber(drift) || !isNumber(residual) || !span) return fault("is no event");
         EcuClock clock{time, *offset, drift->get<double>(), residual->get<double>(), *span, ecuOf(json)};
-        std::erase_if(events_.ecuClocks, [&](const EcuClock& before) { return before.ecu == clock.ecu; });
-        events_.ecuClocks.push_back(std::move(clock));
+        replaceClock(events_.ecuClocks, std::move(clock));
     }
     void takeBorder(const Json& json, std::int64_t time, std::optional<PartBorder>& into) {
         PartBorder border{time, {}, textAt(json, "next").value_or("")};
@@ -304,6 +303,16 @@ std::string ecuLine(const EcuNote& note) {
     }
     if (!sums.empty()) json["checksums"] = std::move(sums);
     return lineOf(json);
+}
+
+void replaceClock(std::vector<EcuClock>& clocks, EcuClock clock) {
+    const auto at = std::find_if(clocks.begin(), clocks.end(),
+                                 [&](const EcuClock& other) { return other.ecu >= clock.ecu; });
+    if (at != clocks.end() && at->ecu == clock.ecu) {
+        *at = std::move(clock);
+    } else {
+        clocks.insert(at, std::move(clock));
+    }
 }
 
 std::string triggerLine(const Trigger& trigger) {

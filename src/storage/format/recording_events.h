@@ -39,6 +39,9 @@ struct EcuClock {
     std::string ecu = {};
 };
 
+/// In the place of the one that the ECU had, ordered by the names of the ECUs.
+void replaceClock(std::vector<EcuClock>& clocks, EcuClock clock);
+
 /// What an ECU turned out to be after an outage.
 struct EcuChange {
     std::int64_t timeNs = 0;

@@ -137,8 +137,7 @@ RecordingEvents RecordingReader::events() const {
         for (EcuClock& clock : events.ecuClocks) {
             clock.timeNs += part.shiftNs;
             clock.offsetNs += part.shiftNs;
-            std::erase_if(all.ecuClocks, [&](const EcuClock& before) { return before.ecu == clock.ecu; });
-            all.ecuClocks.push_back(std::move(clock));
+            replaceClock(all.ecuClocks, std::move(clock));
         }
         for (Marker& marker : events.markers) {
             marker.timeNs += part.shiftNs;
