@@ -111,7 +111,10 @@ void Service::onStateChanged(session::SessionState state, const std::string& mes
 /// By a program that goes through this one; what clients of this server write is noted where it is written.
 void Service::onParameterWritten(const storage::ParameterWrite& write) {
     recordings_.noteWrite(write);
-    writes_.note({{"name", write.name}, {"client", write.by}, {"old", write.before}, {"new", write.after}});
+    writes_.note({{"name", write.name},
+                  {"client", write.by},
+                  {"old", {{"text", write.before}}},
+                  {"new", {{"text", write.after}}}});
 }
 
 std::string Service::recordingDirectory() const {

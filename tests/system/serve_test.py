@@ -116,7 +116,7 @@ class ServeTest(SystemTest):
         through = self.run_cli(self.sim, "set", "cal_gain=4")
         self.assertRegex(through.stderr, f"^through pid {self.host.process.pid} .*, recording to {self.dir / 'first'}\n$")
         self.assertEqual(ecu["cal_gain"], 4)
-        self.assertEqual(ecu.ask("GET", f"{self.base}/writes")["entries"][-1]["new"], "4")
+        self.assertEqual(ecu.ask("GET", f"{self.base}/writes")["entries"][-1]["new"], {"text": "4"})
         for count in range(1, 1500):
             later, values = next(records)
             self.assertEqual(values["counter_1ms"], first["counter_1ms"] + count)
