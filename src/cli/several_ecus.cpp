@@ -14,6 +14,7 @@ namespace {
 
 std::string namesOf(const std::vector<session::SessionConfig>& ecus) {
     std::vector<std::string> names;
+    names.reserve(ecus.size());
     for (const session::SessionConfig& ecu : ecus)
         names.push_back(ecu.name);
     return session::joinedNames(names);

@@ -71,8 +71,11 @@ Result<HostClaim> HostClaim::take(const Holder& holder) {
     if (::unlink(claim.socket_.c_str()) != 0 && errno != ENOENT)
         return Error::fromErrno(errno, "cannot remove " + claim.socket_.string());
     auto presence = Presence::announce(holder);
-    if (presence) claim.presence_.emplace(std::move(presence).value());
-    if (!presence) log::info("other users cannot see who holds the ECU: {}", presence.error().text());
+    if (presence) {
+        claim.presence_.emplace(std::move(presence).value());
+    } else {
+        log::info("other users cannot see who holds the ECU: {}", presence.error().text());
+    }
     return claim;
 }
 

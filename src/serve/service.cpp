@@ -83,7 +83,11 @@ Result<Addresses> Service::start() {
         return desk.error();
     Result<std::unique_ptr<http::Server>> server = http::Server::start(routes(), {}, std::move(listeners));
     if (!server) return server.error();
-    server_ = std::move(server).value();
+    {
+        // Clients may ask already.
+        const std::lock_guard lock(mutex_);
+        server_ = std::move(server).value();
+    }
     const bool isV6 = options_.listenHost.find(':') != std::string::npos;
     const std::string host = isV6 ? "[" + options_.listenHost + "]" : options_.listenHost;
     return Addresses{fmt::format("http://{}:{}/#token={}", host, port.port, tcp_->token()), readOnly,
@@ -191,10 +195,11 @@ void Service::addGeneral(http::Router& router) {
 }
 
 void Service::state(http::Request& /*request*/, const http::Reply& reply) {
-    const http::ServerCounts counts = server_ ? server_->counts() : http::ServerCounts{};
+    http::ServerCounts counts;
     json statistics;
     {
         const std::lock_guard lock(mutex_);
+        if (server_) counts = server_->counts();
         statistics = statistics_;
     }
     const session::SessionState state = session_.state();

@@ -197,11 +197,13 @@ class WatchTest(harness.SystemTest):
             tool = self.start_cli(sim, "wait", "engine_speed<0", "--timeout", "0s")
             tool.wait_for_err("waiting for engine_speed<0 - Ctrl-C to stop\n")
             self.assertEqual(harness.stop(tool, signal.SIGTERM)[0], 1, tool.err)
-        lost = self.start_cli(sim := self.start_sim(), "-c", self.quick_config(), "wait", "engine_speed<0")
-        lost.wait_for_err("waiting for")
-        sim.kill()
+        relay, seen = self.start_relay(), []
+        relay.change = lambda datagram: seen.append(datagram[4]) or datagram
+        lost = self.start_cli(relay, "-c", self.quick_config(), "wait", "engine_speed<0")
+        lost.wait_for(lambda: any(first < 0xFC for first in seen), "a DTO")
+        relay.hide()
         self.assertEqual(lost.finish(), 1, lost.err)
-        self.assertEqual(self.run_cli(sim, "-c", self.quick_config(), "wait", "engine_speed>1", "--report", report).returncode, 4)
+        self.assertEqual(self.run_cli(relay, "-c", self.quick_config(), "wait", "engine_speed>1", "--report", report).returncode, 4)
         self.assertEqual([kind for kind, _ in self.cases(report).values()], ["error"])
 
 
