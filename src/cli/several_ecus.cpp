@@ -104,9 +104,10 @@ void startSharing(Workplace& place, bool readOnly) {
 }
 
 void stopSharing(Workplace& place) {
-    if (place.ecus == nullptr) return place.sharing->stop();
+    // The servers end later, so that the ECU is stopped at once.
+    if (place.ecus == nullptr) return place.sharing->endWork();
     for (const auto& sharing : *place.ecuSharings)
-        sharing->stop();
+        sharing->endWork();
 }
 
 std::vector<std::size_t> ecusToMeasure(const session::EcuGroup& group,

@@ -206,7 +206,7 @@ void Connection::onHead(Failure failure) {
     request_.path = std::move(target.value().path);
     request_.query = std::move(target.value().query);
     std::variant<const Route*, Response> admitted = owner_.admit(request_, credentials(), listener_);
-    if (auto* refusal = std::get_if<Response>(&admitted)) return refuse(std::move(*refusal));
+    if (auto* refusal = std::get_if<Response>(&admitted)) return refuse(*refusal);
     route_ = std::get<const Route*>(admitted);
     readBody();
 }
@@ -295,7 +295,7 @@ void Connection::refuse(int status, ErrorCode code, const std::string& message) 
     refuse(errorResponse(status, Error{code, message}));
 }
 
-void Connection::refuse(Response response) {
+void Connection::refuse(const Response& response) {
     keepAlive_ = parser_->is_header_done() && parser_->is_done() && parser_->keep_alive();
     owner_.countAnswer(true);
     state_ = State::answering;

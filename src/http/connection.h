@@ -90,7 +90,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void handle();
     void watchPeer();
     void refuse(int status, ErrorCode code, const std::string& message);
-    void refuse(Response response);
+    void refuse(const Response& response);
     void write(std::string bytes);
     void writeNext();
     void onWritten();
