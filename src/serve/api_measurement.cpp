@@ -168,7 +168,8 @@ void Service::plan(http::Request& request, const http::Reply& reply) {
            });
 }
 
-Result<session::PlanSummary> Service::begin(session::Session& session, std::vector<std::string> signals) {
+Result<session::PlanSummary> Service::begin(session::Session& session,
+                                            const std::vector<std::string>& signals) {
     session::MeasurementOptions options;
     options.signals = signals;
     options.sink = &hub_;

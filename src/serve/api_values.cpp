@@ -94,7 +94,7 @@ void Service::read(const http::Request& request, const http::Reply& reply, std::
                    bool one) {
     atDesk(request, reply, true, [this, reply, names = std::move(names), one](session::Session& session) {
         std::string text;
-        const auto add = [&](std::string piece, const Error* error) {
+        const auto add = [&](const std::string& piece, const Error* error) {
             if (!text.empty()) text += ',';
             text += piece;
             if (error != nullptr && error->code == ErrorCode::timeout) desk_.doubt();

@@ -292,7 +292,7 @@ void RecordHub::recordTo(std::shared_ptr<storage::Recorder> recorder,
                          std::optional<storage::GroupRange> groups) {
     const std::lock_guard lock(recordingMutex_);
     recorder_ = std::move(recorder);
-    groups_ = groups;
+    groups_ = std::move(groups);
 }
 
 void RecordHub::note(const std::string& line) {

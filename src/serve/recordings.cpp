@@ -73,6 +73,7 @@ Result<std::vector<std::string>> Recordings::names() const {
     if (failure) return Error::fromErrno(failure.value(), "cannot read " + folder_.string());
     std::sort(found.begin(), found.end());
     std::vector<std::string> names;
+    names.reserve(found.size());
     for (auto& [time, name] : found)
         names.push_back(std::move(name));
     return names;

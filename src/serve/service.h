@@ -97,7 +97,7 @@ class Service final : private session::ISessionListener {
               bool one);
     std::string write(session::Session& session, const std::string& name, const std::string& text,
                       const std::string& client, bool& failed);
-    Result<session::PlanSummary> begin(session::Session& session, std::vector<std::string> signals);
+    Result<session::PlanSummary> begin(session::Session& session, const std::vector<std::string>& signals);
     Result<void> end(session::Session& session);
     void look(session::Session& session);
     nlohmann::json planJson(const session::MeasurementPlan& plan, session::Session& session) const;

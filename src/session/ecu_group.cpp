@@ -192,6 +192,7 @@ std::vector<Result<void>> EcuGroup::tryEach(const std::vector<std::size_t>& ecus
         if (!byEcu[ecu].ok()) byEcu[ecu] = ofEcu(name(ecu), byEcu[ecu].error());
     });
     std::vector<Result<void>> results;
+    results.reserve(ecus.size());
     for (const std::size_t ecu : ecus)
         results.push_back(std::move(byEcu[ecu]));
     return results;

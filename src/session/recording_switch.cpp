@@ -31,10 +31,10 @@ void RecordingSwitch::write(std::size_t list, std::int64_t timeNs, const std::ui
     if (recording_ && timeNs >= sinceNs_) recording_->write(list, timeNs, data, size);
 }
 
-bool RecordingSwitch::note(std::string line) {
+bool RecordingSwitch::note(const std::string& line) {
     const std::lock_guard lock(mutex_);
     if (!recording_) return false;
-    recording_->note(std::move(line));
+    recording_->note(line);
     return true;
 }
 

@@ -25,7 +25,7 @@ class RecordingSwitch {
 
     void write(std::size_t list, std::int64_t timeNs, const std::uint8_t* data, std::size_t size);
     /// False: nothing is recorded.
-    bool note(std::string line);
+    bool note(const std::string& line);
     /// As of OutageNotes.
     void onState(SessionState state, const std::string& message, std::int64_t lastSampleNs,
                  std::int64_t nowNs);
