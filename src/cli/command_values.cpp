@@ -500,7 +500,7 @@ std::vector<EcuWord> SetCommand::assignmentsByEcu(const Workplace& place) const 
         std::string sign = "=";
         if (!found && isSigned) {
             found = names.find(parts->first.substr(0, parts->first.size() - 1));
-            sign = parts->first.back() + sign;
+            sign.insert(sign.begin(), parts->first.back());
         }
         if (!found) {
             words.push_back({0, assignment, assignment, found.error()});

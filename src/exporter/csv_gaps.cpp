@@ -28,9 +28,10 @@ std::string gapList(const storage::RecordingInfo& info, const std::vector<Export
         text += "\r\n";
     };
     for (const storage::Outage& outage : outages) {
-        const std::string outcome = outage.outcome.empty() ? "" : "; " + outage.outcome;
-        const std::string ecu = outage.ecu.empty() ? "" : outage.ecu + ": ";
-        add("outage", "", outage.beginNs, outage.endNs, ecu + outage.reason + outcome);
+        std::string what = outage.ecu.empty() ? "" : outage.ecu + ": ";
+        what += outage.reason;
+        if (!outage.outcome.empty()) what += "; " + outage.outcome;
+        add("outage", "", outage.beginNs, outage.endNs, what);
     }
     for (std::size_t i = 0; i < groups.size(); ++i) {
         const std::string& name = groups[i].reader.info().name;

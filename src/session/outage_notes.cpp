@@ -8,8 +8,8 @@
 namespace lm::session {
 namespace {
 
-void note(const storage::GroupRange* recording, std::string line) {
-    if (recording != nullptr) recording->note(std::move(line));
+void note(const storage::GroupRange* recording, const std::string& line) {
+    if (recording != nullptr) recording->note(line);
 }
 
 }  // namespace

@@ -119,13 +119,14 @@ Result<std::unique_ptr<Session>> Session::create(SessionConfig config, const War
     if (const auto* described = describedMedium(config, interface))
         interface.overrule(a2l::XcpOfMedium(*described));  // a copy: it is part of what changes
     return std::unique_ptr<Session>(new Session(std::move(config), std::move(description).value(),
-                                                std::move(own).value(), std::move(medium).value(), options));
+                                                std::move(own).value(), std::move(medium).value(),
+                                                std::move(options)));
 }
 
 Session::Session(SessionConfig config, a2l::Description description, StopSource stop,
                  std::unique_ptr<IMedium> medium, SessionOptions options)
     : config_(std::move(config)),
-      options_(options),
+      options_(std::move(options)),
       description_(std::move(description)),
       stop_(std::move(stop)),
       medium_(std::move(medium)),
