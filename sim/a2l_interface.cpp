@@ -9,10 +9,6 @@
 namespace lm::sim {
 namespace {
 
-std::string_view orderWord(ByteOrder order) {
-    return order == ByteOrder::bigEndian ? "MSB_FIRST" : "MSB_LAST";
-}
-
 std::string_view granularityWord(std::uint8_t granularity) {
     return granularity == 4 ? "DWORD" : granularity == 2 ? "WORD" : "BYTE";
 }
@@ -204,6 +200,10 @@ std::string transportLayer(const Options& options) {
 }
 
 }  // namespace
+
+std::string_view orderWord(ByteOrder order) {
+    return order == ByteOrder::bigEndian ? "MSB_FIRST" : "MSB_LAST";
+}
 
 std::string a2lSoftware(const Options& options, const Catalog& catalog) {
     std::string text;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "sim/catalog.h"
 #include "sim/options.h"
@@ -13,6 +14,7 @@ namespace lm::sim {
 /// The blocks inside the IF_DATA of the module.
 /// What MOD_PAR tells of the software and the memory.
 std::string a2lSoftware(const Options& options, const Catalog& catalog);
+std::string_view orderWord(ByteOrder order);
 std::string a2lInterface(const Options& options, const Catalog& catalog);
 
 }  // namespace lm::sim

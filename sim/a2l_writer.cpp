@@ -8,10 +8,6 @@
 namespace lm::sim {
 namespace {
 
-std::string_view orderWord(ByteOrder order) {
-    return order == ByteOrder::bigEndian ? "MSB_FIRST" : "MSB_LAST";
-}
-
 std::string head(const Options& options, const Catalog& catalog) {
     return fmt::format(
         "ASAP2_VERSION 1 {}\n"

@@ -15,9 +15,7 @@
 namespace lm::sim {
 namespace {
 
-constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kRetryNs = 50'000'000;
-constexpr int kSocketBuffer = 8 * 1024 * 1024;
 // A full send queue empties at the speed of the bus: 50 ms are more than 100 frames at 500 kbit/s.
 constexpr int kSendAttempts = 500;
 constexpr auto kSendPause = std::chrono::microseconds(100);

@@ -18,7 +18,7 @@ void addCounters(RowList& rows) {
     }
 }
 
-void addTypeMatrix(RowList& rows) {
+void addMeasurementTypes(RowList& rows) {
     const std::array<Model, kTypes.size()> models{
         SIM_WHOLE(n),
         SIM_WHOLE(0 - n),
@@ -262,7 +262,7 @@ void addEngineStructure(RowList& rows) {
 std::vector<Row> measurementRows() {
     RowList rows;
     addCounters(rows);
-    addTypeMatrix(rows);
+    addMeasurementTypes(rows);
     addFast(rows);
     addMedium(rows);
     addStatusBits(rows);

@@ -25,7 +25,7 @@ void addEngine(RowList& rows) {
         .attributes("EXTENDED_LIMITS -5000 5000\nFORMAT \"%5.1\"\nPHYS_UNIT \"hPa\"\n");
 }
 
-void addTypeMatrix(RowList& rows) {
+void addParameterTypes(RowList& rows) {
     for (std::size_t i = 0; i < kTypes.size(); ++i) {
         for (const ObjectOrder order : {ObjectOrder::lsbFirst, ObjectOrder::msbFirst}) {
             const char* suffix = order == ObjectOrder::lsbFirst ? "lsb" : "msb";
@@ -141,7 +141,7 @@ void addShared(RowList& rows) {
 std::vector<Row> parameterRows() {
     RowList list;
     addEngine(list);
-    addTypeMatrix(list);
+    addParameterTypes(list);
     addMasked(list);
     addConverted(list);
     addGuarded(list);

@@ -5,7 +5,7 @@
 namespace lm::sim {
 namespace {
 
-struct Kind {
+struct ChecksumKind {
     std::uint8_t number;
     std::string_view name;
     std::string_view word;
@@ -17,7 +17,7 @@ struct Kind {
     std::uint32_t finish = 0;
 };
 
-constexpr Kind kKinds[] = {
+constexpr ChecksumKind kChecksumKinds[] = {
     {0x01, "add-11", "XCP_ADD_11", 1, 8},
     {0x02, "add-12", "XCP_ADD_12", 1, 16},
     {0x03, "add-14", "XCP_ADD_14", 1, 32},
@@ -30,11 +30,11 @@ constexpr Kind kKinds[] = {
     {0xFF, "user", "XCP_USER_DEFINED", 1, 32},
 };
 
-const Kind& kindOf(std::uint8_t number) {
-    for (const Kind& kind : kKinds) {
+const ChecksumKind& kindOf(std::uint8_t number) {
+    for (const ChecksumKind& kind : kChecksumKinds) {
         if (kind.number == number) return kind;
     }
-    return kKinds[0];
+    return kChecksumKinds[0];
 }
 
 std::uint32_t mirror(std::uint32_t value, unsigned bits) {
@@ -45,7 +45,7 @@ std::uint32_t mirror(std::uint32_t value, unsigned bits) {
 }
 
 /// From the highest bit down, as the polynomials are written.
-std::uint32_t crc(const Kind& kind, std::span<const std::uint8_t> bytes) {
+std::uint32_t crc(const ChecksumKind& kind, std::span<const std::uint8_t> bytes) {
     const std::uint32_t top = 1U << (kind.width - 1U);
     std::uint32_t value = kind.start;
     for (const std::uint8_t byte : bytes) {
@@ -60,7 +60,7 @@ std::uint32_t crc(const Kind& kind, std::span<const std::uint8_t> bytes) {
 }  // namespace
 
 std::optional<std::uint8_t> checksumNumber(std::string_view name) {
-    for (const Kind& kind : kKinds) {
+    for (const ChecksumKind& kind : kChecksumKinds) {
         if (kind.name == name) return kind.number;
     }
     return std::nullopt;
@@ -75,7 +75,7 @@ std::uint8_t checksumStep(std::uint8_t number) {
 }
 
 std::uint32_t checksumOf(std::uint8_t number, std::span<const std::uint8_t> bytes, ByteOrder order) {
-    const Kind& kind = kindOf(number);
+    const ChecksumKind& kind = kindOf(number);
     if (kind.polynomial != 0) return crc(kind, bytes);
     std::uint64_t sum = 0;
     for (std::size_t at = 0; at < bytes.size(); at += kind.step) {

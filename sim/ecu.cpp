@@ -12,7 +12,6 @@ namespace {
 
 constexpr std::size_t kBatchBytes = 512 * 1024;
 constexpr int kBatchEvents = 256;
-constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kPauseUnitNs = 100'000;  // of MIN_ST
 constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max();
 constexpr int kPendingEvents = 4;

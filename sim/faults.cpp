@@ -16,7 +16,7 @@ struct KindName {
     bool ofSamples;          ///< may stand with DAQ
 };
 
-constexpr KindName kKinds[] = {
+constexpr KindName kFaultKinds[] = {
     {"ignore", FaultKind::ignore, 0, false},
     {"lose", FaultKind::lose, 0, false},
     {"late", FaultKind::late, 300, false},
@@ -69,7 +69,7 @@ std::optional<std::uint64_t> numberAt(const std::vector<std::string>& parts, std
 }
 
 const KindName* findKind(std::string_view name) {
-    for (const KindName& kind : kKinds) {
+    for (const KindName& kind : kFaultKinds) {
         if (kind.name == name) return &kind;
     }
     return nullptr;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <poll.h>
 #include <span>
 #include <vector>
@@ -13,6 +14,10 @@
 #include "sim/outbox.h"
 
 namespace lm::sim {
+
+/// A time that does not come.
+inline constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+inline constexpr int kSocketBuffer = 8 * 1024 * 1024;
 
 struct MediumCounters {
     std::uint64_t packetsSent = 0;

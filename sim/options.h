@@ -14,6 +14,8 @@
 
 namespace lm::sim {
 
+inline constexpr std::int64_t kNsPerMs = 1'000'000;
+
 /// Who gives all lists one FIRST_PID: no one, the answer that tells it, or the DTOs too.
 enum class SameFirstPid : std::uint8_t { no, told, sent };
 

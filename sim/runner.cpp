@@ -15,7 +15,6 @@ namespace lm::sim {
 namespace {
 
 constexpr std::int64_t kNsPerSecond = 1'000'000'000;
-constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 
 }  // namespace
 

@@ -9,8 +9,6 @@
 namespace lm::sim {
 namespace {
 
-constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kLookForPeerNs = 10 * kNsPerMs;
 constexpr std::int64_t kTextPieceNs = kNsPerMs;
 constexpr std::size_t kTextPiece = 16;

@@ -17,7 +17,6 @@ namespace {
 constexpr std::size_t kHeader = 4;
 constexpr std::size_t kLargestDatagram = 65000;
 constexpr std::size_t kSendBatch = 64;
-constexpr int kSocketBuffer = 8 * 1024 * 1024;
 constexpr int kPortAttempts = 50;
 constexpr int kSendWaitMs = 10;
 constexpr std::int64_t kHoldNs = 20'000'000;

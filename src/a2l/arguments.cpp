@@ -89,4 +89,9 @@ ByteOrder readByteOrder(const Block& block, std::size_t index) {
     failUnknown("byte order", word);
 }
 
+void tellOdd(const Block& block, const std::string& what, Diagnostics& diagnostics) {
+    diagnostics.odd(block.line,
+                    std::string(block.keyword) + " (" + diagnostics.where(block.line) + "): " + what);
+}
+
 }  // namespace lm::a2l

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "a2l/block.h"
+#include "a2l/diagnostics.h"
 #include "core/bytes.h"
 #include "value/data_type.h"
 
@@ -57,6 +58,9 @@ value::DataType readDataType(const Block& block, std::size_t index);
 
 /// MSB_FIRST, BIG_ENDIAN, MSB_LAST, LITTLE_ENDIAN. "unknown byte order 'WORD'".
 ByteOrder readByteOrder(const Block& block, std::size_t index);
+
+/// A warning about something odd in a block, with its keyword and its place.
+void tellOdd(const Block& block, const std::string& what, Diagnostics& diagnostics);
 
 /// A keyword that may stand behind the positional arguments, and how many values follow it. Keywords whose
 /// values are names have to be known even when nobody needs them: a name may look like another keyword.

@@ -9,15 +9,15 @@
 namespace lm::a2l {
 namespace {
 
-enum class Word : std::uint8_t { other, coeffs, coeffsLinear, compuTabRef, statusStringRef };
-using Keyword = OptionalKeyword<Word>;
+enum class ConversionWord : std::uint8_t { other, coeffs, coeffsLinear, compuTabRef, statusStringRef };
+using ConversionKeyword = OptionalKeyword<ConversionWord>;
 
 constexpr std::array kMethodKeywords = {
-    Keyword{"COEFFS", 0, Word::coeffs},
-    Keyword{"COEFFS_LINEAR", 0, Word::coeffsLinear},
-    Keyword{"COMPU_TAB_REF", 1, Word::compuTabRef},
-    Keyword{"STATUS_STRING_REF", 1, Word::statusStringRef},
-    Keyword{"REF_UNIT", 1, Word::other},
+    ConversionKeyword{"COEFFS", 0, ConversionWord::coeffs},
+    ConversionKeyword{"COEFFS_LINEAR", 0, ConversionWord::coeffsLinear},
+    ConversionKeyword{"COMPU_TAB_REF", 1, ConversionWord::compuTabRef},
+    ConversionKeyword{"STATUS_STRING_REF", 1, ConversionWord::statusStringRef},
+    ConversionKeyword{"REF_UNIT", 1, ConversionWord::other},
 };
 
 ConversionType readConversionType(const Block& block, std::size_t index) {
@@ -93,16 +93,17 @@ CompuMethod readCompuMethod(const Block& block, ModelStore& store) {
     method.format = store.common(readString(block, 3, "format"));
     method.unit = store.common(readString(block, 4, "unit"));
     Coefficients coefficients;
-    forEachOptional<Word>(block, kPositional, kMethodKeywords, [&](Word word, std::size_t value) {
-        if (word == Word::coeffs) coefficients.rational = numbersFrom(block, value);
-        if (word == Word::coeffsLinear) coefficients.linear = numbersFrom(block, value);
-        if (word == Word::compuTabRef) {
-            method.tableRef = store.common(readIdentifier(block, value, "COMPU_TAB_REF"));
-        }
-        if (word == Word::statusStringRef) {
-            method.statusStringRef = store.common(readIdentifier(block, value, "STATUS_STRING_REF"));
-        }
-    });
+    forEachOptional<ConversionWord>(
+        block, kPositional, kMethodKeywords, [&](ConversionWord word, std::size_t value) {
+            if (word == ConversionWord::coeffs) coefficients.rational = numbersFrom(block, value);
+            if (word == ConversionWord::coeffsLinear) coefficients.linear = numbersFrom(block, value);
+            if (word == ConversionWord::compuTabRef) {
+                method.tableRef = store.common(readIdentifier(block, value, "COMPU_TAB_REF"));
+            }
+            if (word == ConversionWord::statusStringRef) {
+                method.statusStringRef = store.common(readIdentifier(block, value, "STATUS_STRING_REF"));
+            }
+        });
     const Block* formula = block.child("FORMULA");
     if (formula != nullptr) readFormula(method, *formula, store);
     checkMethod(method, coefficients, formula != nullptr);

@@ -13,9 +13,6 @@
 namespace lm::a2l {
 namespace {
 
-template <typename Id>
-using Keyword = OptionalKeyword<Id>;
-
 /// The value of the word behind a prefix: IDENTIFICATION_FIELD_TYPE_ + RELATIVE_BYTE.
 struct Choice {
     std::string_view prefix;
@@ -54,11 +51,6 @@ constexpr std::array<std::string_view, 13> kUnits = {
     "UNIT_10MS", "UNIT_100MS", "UNIT_1S",    "UNIT_1PS", "UNIT_10PS", "UNIT_100PS"};
 
 constexpr std::array<std::string_view, 4> kSizes = {"SIZE_BYTE", "SIZE_WORD", "", "SIZE_DWORD"};
-
-void tellOdd(const Block& block, const std::string& what, Diagnostics& diagnostics) {
-    diagnostics.odd(block.line,
-                    std::string(block.keyword) + " (" + diagnostics.where(block.line) + "): " + what);
-}
 
 /// What is odd in a block's first part: told once, however much of it is missing.
 class Oddity {
@@ -118,11 +110,11 @@ void readPositions(XcpDaq& daq, const Block& block, Diagnostics& diagnostics) {
 void readFlags(XcpDaq& daq, const Block& block) {
     enum class Word : std::uint8_t { pid, event, prescaler, resume, pidOff };
     static constexpr std::array kKeywords = {
-        Keyword<Word>{"OVERLOAD_INDICATION_PID", 0, Word::pid},
-        Keyword<Word>{"OVERLOAD_INDICATION_EVENT", 0, Word::event},
-        Keyword<Word>{"PRESCALER_SUPPORTED", 0, Word::prescaler},
-        Keyword<Word>{"RESUME_SUPPORTED", 0, Word::resume},
-        Keyword<Word>{"PID_OFF_SUPPORTED", 0, Word::pidOff},
+        OptionalKeyword<Word>{"OVERLOAD_INDICATION_PID", 0, Word::pid},
+        OptionalKeyword<Word>{"OVERLOAD_INDICATION_EVENT", 0, Word::event},
+        OptionalKeyword<Word>{"PRESCALER_SUPPORTED", 0, Word::prescaler},
+        OptionalKeyword<Word>{"RESUME_SUPPORTED", 0, Word::resume},
+        OptionalKeyword<Word>{"PID_OFF_SUPPORTED", 0, Word::pidOff},
     };
     forEachOptional<Word>(block, 1, kKeywords, [&daq](Word word, std::size_t) {
         if (word == Word::pid) daq.overloadInPid = true;
@@ -168,7 +160,7 @@ XcpEvent readEvent(const Block& block, Diagnostics&) {
     event.timeUnit = readCount<std::uint8_t>(block, 6, "time unit");
     event.priority = readCount<std::uint8_t>(block, 7, "priority");
     enum class Word : std::uint8_t { consistency };
-    static constexpr std::array kKeywords = {Keyword<Word>{"CONSISTENCY", 1, Word::consistency}};
+    static constexpr std::array kKeywords = {OptionalKeyword<Word>{"CONSISTENCY", 1, Word::consistency}};
     forEachOptional<Word>(block, 8, kKeywords, [&](Word, std::size_t value) {
         event.consistency = readIdentifier(block, value, "CONSISTENCY");
     });
@@ -179,7 +171,7 @@ XcpOdt readOdt(const Block& block, Diagnostics&) {
     XcpOdt odt;
     odt.number = readCount<std::uint8_t>(block, 0, "ODT number");
     enum class Word : std::uint8_t { entry };
-    static constexpr std::array kKeywords = {Keyword<Word>{"ODT_ENTRY", 5, Word::entry}};
+    static constexpr std::array kKeywords = {OptionalKeyword<Word>{"ODT_ENTRY", 5, Word::entry}};
     forEachOptional<Word>(block, 1, kKeywords, [&](Word, std::size_t at) {
         XcpOdtEntry entry;
         entry.number = readCount<std::uint8_t>(block, at, "ODT_ENTRY number");
@@ -203,9 +195,11 @@ void readPredefined(XcpDaqList& list, const Block& block, Diagnostics& diagnosti
 XcpDaqList readList(const Block& block, Diagnostics& diagnostics) {
     enum class Word : std::uint8_t { type, maxOdt, maxEntries, firstPid, event };
     static constexpr std::array kKeywords = {
-        Keyword<Word>{"DAQ_LIST_TYPE", 1, Word::type},         Keyword<Word>{"MAX_ODT", 1, Word::maxOdt},
-        Keyword<Word>{"MAX_ODT_ENTRIES", 1, Word::maxEntries}, Keyword<Word>{"FIRST_PID", 1, Word::firstPid},
-        Keyword<Word>{"EVENT_FIXED", 1, Word::event},
+        OptionalKeyword<Word>{"DAQ_LIST_TYPE", 1, Word::type},
+        OptionalKeyword<Word>{"MAX_ODT", 1, Word::maxOdt},
+        OptionalKeyword<Word>{"MAX_ODT_ENTRIES", 1, Word::maxEntries},
+        OptionalKeyword<Word>{"FIRST_PID", 1, Word::firstPid},
+        OptionalKeyword<Word>{"EVENT_FIXED", 1, Word::event},
     };
     XcpDaqList list;
     list.number = readCount<std::uint16_t>(block, 0, "list number");

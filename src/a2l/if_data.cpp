@@ -10,21 +10,18 @@
 namespace lm::a2l {
 namespace {
 
-template <typename Id>
-using Keyword = OptionalKeyword<Id>;
-
 XcpProtocolLayer readProtocolLayer(const Block& block, Diagnostics&) {
     enum class Word : std::uint8_t { other, little, big, byte, word, dword, command, keys, blocks };
     static constexpr std::array kKeywords = {
-        Keyword<Word>{"BYTE_ORDER_MSB_LAST", 0, Word::little},
-        Keyword<Word>{"BYTE_ORDER_MSB_FIRST", 0, Word::big},
-        Keyword<Word>{"ADDRESS_GRANULARITY_BYTE", 0, Word::byte},
-        Keyword<Word>{"ADDRESS_GRANULARITY_WORD", 0, Word::word},
-        Keyword<Word>{"ADDRESS_GRANULARITY_DWORD", 0, Word::dword},
-        Keyword<Word>{"OPTIONAL_CMD", 1, Word::command},
-        Keyword<Word>{"MASTER", 2, Word::blocks},  // of COMMUNICATION_MODE_SUPPORTED BLOCK
-        Keyword<Word>{"OPTIONAL_LEVEL1_CMD", 1, Word::other},
-        Keyword<Word>{"SEED_AND_KEY_EXTERNAL_FUNCTION", 1, Word::keys},
+        OptionalKeyword<Word>{"BYTE_ORDER_MSB_LAST", 0, Word::little},
+        OptionalKeyword<Word>{"BYTE_ORDER_MSB_FIRST", 0, Word::big},
+        OptionalKeyword<Word>{"ADDRESS_GRANULARITY_BYTE", 0, Word::byte},
+        OptionalKeyword<Word>{"ADDRESS_GRANULARITY_WORD", 0, Word::word},
+        OptionalKeyword<Word>{"ADDRESS_GRANULARITY_DWORD", 0, Word::dword},
+        OptionalKeyword<Word>{"OPTIONAL_CMD", 1, Word::command},
+        OptionalKeyword<Word>{"MASTER", 2, Word::blocks},  // of COMMUNICATION_MODE_SUPPORTED BLOCK
+        OptionalKeyword<Word>{"OPTIONAL_LEVEL1_CMD", 1, Word::other},
+        OptionalKeyword<Word>{"SEED_AND_KEY_EXTERNAL_FUNCTION", 1, Word::keys},
     };
     XcpProtocolLayer layer;
     layer.version = readNumber(block, 0, "version");
@@ -80,9 +77,9 @@ struct CanFd {
 CanFd readCanFd(const Block& block, Diagnostics&) {
     enum class Word : std::uint8_t { maxDlc, dataBaudrate, maxDlcRequired };
     static constexpr std::array kKeywords = {
-        Keyword<Word>{"MAX_DLC", 1, Word::maxDlc},
-        Keyword<Word>{"CAN_FD_DATA_TRANSFER_BAUDRATE", 1, Word::dataBaudrate},
-        Keyword<Word>{"MAX_DLC_REQUIRED", 0, Word::maxDlcRequired},
+        OptionalKeyword<Word>{"MAX_DLC", 1, Word::maxDlc},
+        OptionalKeyword<Word>{"CAN_FD_DATA_TRANSFER_BAUDRATE", 1, Word::dataBaudrate},
+        OptionalKeyword<Word>{"MAX_DLC_REQUIRED", 0, Word::maxDlcRequired},
     };
     CanFd fd;
     forEachOptional<Word>(block, 0, kKeywords, [&](Word word, std::size_t value) {
@@ -124,11 +121,11 @@ void readCanChild(XcpOnCan& can, const Block& child, Diagnostics& diagnostics) {
 XcpOnCan readCan(const Block& block, Diagnostics& diagnostics) {
     enum class Word : std::uint8_t { broadcast, master, slave, baudrate, maxDlcRequired };
     static constexpr std::array kKeywords = {
-        Keyword<Word>{"CAN_ID_BROADCAST", 1, Word::broadcast},
-        Keyword<Word>{"CAN_ID_MASTER", 1, Word::master},
-        Keyword<Word>{"CAN_ID_SLAVE", 1, Word::slave},
-        Keyword<Word>{"BAUDRATE", 1, Word::baudrate},
-        Keyword<Word>{"MAX_DLC_REQUIRED", 0, Word::maxDlcRequired},
+        OptionalKeyword<Word>{"CAN_ID_BROADCAST", 1, Word::broadcast},
+        OptionalKeyword<Word>{"CAN_ID_MASTER", 1, Word::master},
+        OptionalKeyword<Word>{"CAN_ID_SLAVE", 1, Word::slave},
+        OptionalKeyword<Word>{"BAUDRATE", 1, Word::baudrate},
+        OptionalKeyword<Word>{"MAX_DLC_REQUIRED", 0, Word::maxDlcRequired},
     };
     XcpOnCan can;
     const auto number = [&](std::size_t index, std::string_view label) {

@@ -10,7 +10,7 @@
 namespace lm::a2l {
 namespace {
 
-constexpr std::size_t kMaxDepth = 16;
+constexpr std::size_t kMaxIncludeDepth = 16;
 constexpr std::size_t kMaxFiles = 1000;
 
 Error refused(ErrorCode code, std::string message, int systemError = 0) {
@@ -61,9 +61,9 @@ Result<std::filesystem::path> IncludedFiles::find(std::string_view name) const {
 }
 
 Result<SourceTexts::Source> IncludedFiles::enter(std::string_view name) {
-    if (open_.size() > kMaxDepth)
+    if (open_.size() > kMaxIncludeDepth)
         return refused(ErrorCode::invalidArgument,
-                       "included files are nested deeper than " + std::to_string(kMaxDepth));
+                       "included files are nested deeper than " + std::to_string(kMaxIncludeDepth));
     if (texts_.size() == kMaxFiles)
         return refused(ErrorCode::invalidArgument,
                        "more than " + std::to_string(kMaxFiles) + " included files");

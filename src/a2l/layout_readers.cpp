@@ -139,7 +139,7 @@ constexpr std::array<std::string_view, 7> kMonotonies = {"NOT_MON",         "MON
                                                          "STRICT_INCREASE", "STRICT_DECREASE", "MONOTONOUS",
                                                          "STRICT_MON"};
 
-enum class Word : std::uint8_t {
+enum class LayoutWord : std::uint8_t {
     other,
     reference,
     byteOrder,
@@ -151,53 +151,53 @@ enum class Word : std::uint8_t {
     fixDistance,
     readOnly,
 };
-using Keyword = OptionalKeyword<Word>;
+using LayoutKeyword = OptionalKeyword<LayoutWord>;
 
 constexpr std::array kAxisKeywords = {
-    Keyword{"AXIS_PTS_REF", 1, Word::reference},
-    Keyword{"CURVE_AXIS_REF", 1, Word::reference},
-    Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-    Keyword{"DEPOSIT", 1, Word::deposit},
-    Keyword{"MONOTONY", 1, Word::monotony},
-    Keyword{"PHYS_UNIT", 1, Word::physUnit},
-    Keyword{"FORMAT", 1, Word::format},
-    Keyword{"FIX_AXIS_PAR", 3, Word::fixShift},
-    Keyword{"FIX_AXIS_PAR_DIST", 3, Word::fixDistance},
-    Keyword{"READ_ONLY", 0, Word::readOnly},
-    Keyword{"EXTENDED_LIMITS", 2, Word::other},
-    Keyword{"MAX_GRAD", 1, Word::other},
-    Keyword{"STEP_SIZE", 1, Word::other},
+    LayoutKeyword{"AXIS_PTS_REF", 1, LayoutWord::reference},
+    LayoutKeyword{"CURVE_AXIS_REF", 1, LayoutWord::reference},
+    LayoutKeyword{"BYTE_ORDER", 1, LayoutWord::byteOrder},
+    LayoutKeyword{"DEPOSIT", 1, LayoutWord::deposit},
+    LayoutKeyword{"MONOTONY", 1, LayoutWord::monotony},
+    LayoutKeyword{"PHYS_UNIT", 1, LayoutWord::physUnit},
+    LayoutKeyword{"FORMAT", 1, LayoutWord::format},
+    LayoutKeyword{"FIX_AXIS_PAR", 3, LayoutWord::fixShift},
+    LayoutKeyword{"FIX_AXIS_PAR_DIST", 3, LayoutWord::fixDistance},
+    LayoutKeyword{"READ_ONLY", 0, LayoutWord::readOnly},
+    LayoutKeyword{"EXTENDED_LIMITS", 2, LayoutWord::other},
+    LayoutKeyword{"MAX_GRAD", 1, LayoutWord::other},
+    LayoutKeyword{"STEP_SIZE", 1, LayoutWord::other},
 };
 
-void readAxisOption(AxisDescription& axis, Word word, const Block& block, std::size_t value,
+void readAxisOption(AxisDescription& axis, LayoutWord word, const Block& block, std::size_t value,
                     ModelStore& store) {
     switch (word) {
-        case Word::reference:
+        case LayoutWord::reference:
             axis.reference = store.common(readIdentifier(block, value, "AXIS_PTS_REF"));
             break;
-        case Word::byteOrder:
+        case LayoutWord::byteOrder:
             readObjectByteOrder(axis, block, value);
             break;
-        case Word::deposit:
+        case LayoutWord::deposit:
             axis.deposit = readDeposit(block, value);
             break;
-        case Word::monotony:
+        case LayoutWord::monotony:
             axis.monotony = readMonotony(block, value);
             break;
-        case Word::physUnit:
+        case LayoutWord::physUnit:
             axis.physUnit = store.common(readString(block, value, "PHYS_UNIT"));
             break;
-        case Word::format:
+        case LayoutWord::format:
             axis.format = store.common(readString(block, value, "FORMAT"));
             break;
-        case Word::fixShift:
-        case Word::fixDistance:
-            axis.fixed = readFixedAxis(block, value, word == Word::fixShift);
+        case LayoutWord::fixShift:
+        case LayoutWord::fixDistance:
+            axis.fixed = readFixedAxis(block, value, word == LayoutWord::fixShift);
             break;
-        case Word::readOnly:
+        case LayoutWord::readOnly:
             axis.readOnly = true;
             break;
-        case Word::other:
+        case LayoutWord::other:
             break;
     }
 }
@@ -296,7 +296,7 @@ AxisDescription readAxisDescription(const Block& block, ModelStore& store) {
     axis.maxAxisPoints = readCount<std::uint32_t>(block, 3, "max axis points");
     axis.lowerLimit = readNumber(block, 4, "lower limit");
     axis.upperLimit = readNumber(block, 5, "upper limit");
-    forEachOptional<Word>(block, kPositional, kAxisKeywords, [&](Word word, std::size_t value) {
+    forEachOptional<LayoutWord>(block, kPositional, kAxisKeywords, [&](LayoutWord word, std::size_t value) {
         readAxisOption(axis, word, block, value, store);
     });
     if (const Block* list = block.child("FIX_AXIS_PAR_LIST")) axis.fixed = readFixedList(*list);

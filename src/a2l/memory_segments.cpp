@@ -11,18 +11,10 @@
 namespace lm::a2l {
 namespace {
 
-template <typename Id>
-using Keyword = OptionalKeyword<Id>;
-
 constexpr std::uint8_t kUserDefined = 0xFF;
 /// By the number of BUILD_CHECKSUM, from 1.
 constexpr std::array<std::string_view, 9> kChecksums = {"ADD_11", "ADD_12", "ADD_14",      "ADD_22", "ADD_24",
                                                         "ADD_44", "CRC_16", "CRC_16_CITT", "CRC_32"};
-
-void tellOdd(const Block& block, const std::string& what, Diagnostics& diagnostics) {
-    diagnostics.odd(block.line,
-                    std::string(block.keyword) + " (" + diagnostics.where(block.line) + "): " + what);
-}
 
 std::uint8_t checksumType(std::string_view word) {
     if (word.starts_with("XCP_")) word.remove_prefix(4);
@@ -35,9 +27,9 @@ std::uint8_t checksumType(std::string_view word) {
 XcpChecksum readChecksum(const Block& block, Diagnostics& diagnostics) {
     enum class Word : std::uint8_t { size, alignment, function };
     static constexpr std::array kKeywords = {
-        Keyword<Word>{"MAX_BLOCK_SIZE", 1, Word::size},
-        Keyword<Word>{"MTA_BLOCK_SIZE_ALIGN", 1, Word::alignment},
-        Keyword<Word>{"EXTERNAL_FUNCTION", 1, Word::function},
+        OptionalKeyword<Word>{"MAX_BLOCK_SIZE", 1, Word::size},
+        OptionalKeyword<Word>{"MTA_BLOCK_SIZE_ALIGN", 1, Word::alignment},
+        OptionalKeyword<Word>{"EXTERNAL_FUNCTION", 1, Word::function},
     };
     XcpChecksum checksum;
     checksum.word = readIdentifier(block, 0, "type");

@@ -13,7 +13,7 @@
 namespace lm::a2l {
 namespace {
 
-enum class Word : std::uint8_t {
+enum class ObjectWord : std::uint8_t {
     other,
     addressType,
     arraySize,
@@ -36,67 +36,67 @@ enum class Word : std::uint8_t {
     readOnly,
     readWrite,
 };
-using Keyword = OptionalKeyword<Word>;
+using ObjectKeyword = OptionalKeyword<ObjectWord>;
 
 constexpr std::array kMeasurementKeywords = {
-    Keyword{"ECU_ADDRESS", 1, Word::ecuAddress},
-    Keyword{"FORMAT", 1, Word::format},
-    Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::ecuAddressExtension},
-    Keyword{"SYMBOL_LINK", 2, Word::other},
-    Keyword{"DISPLAY_IDENTIFIER", 1, Word::displayIdentifier},
-    Keyword{"PHYS_UNIT", 1, Word::physUnit},
-    Keyword{"BIT_MASK", 1, Word::bitMask},
-    Keyword{"READ_WRITE", 0, Word::readWrite},
-    Keyword{"READ_ONLY", 0, Word::readOnly},
-    Keyword{"MATRIX_DIM", 0, Word::matrixDim},
-    Keyword{"ARRAY_SIZE", 1, Word::arraySize},
-    Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-    Keyword{"LAYOUT", 1, Word::layout},
-    Keyword{"ADDRESS_TYPE", 1, Word::addressType},
-    Keyword{"ERROR_MASK", 1, Word::other},
-    Keyword{"MAX_REFRESH", 2, Word::other},
-    Keyword{"MODEL_LINK", 1, Word::other},
-    Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
+    ObjectKeyword{"ECU_ADDRESS", 1, ObjectWord::ecuAddress},
+    ObjectKeyword{"FORMAT", 1, ObjectWord::format},
+    ObjectKeyword{"ECU_ADDRESS_EXTENSION", 1, ObjectWord::ecuAddressExtension},
+    ObjectKeyword{"SYMBOL_LINK", 2, ObjectWord::other},
+    ObjectKeyword{"DISPLAY_IDENTIFIER", 1, ObjectWord::displayIdentifier},
+    ObjectKeyword{"PHYS_UNIT", 1, ObjectWord::physUnit},
+    ObjectKeyword{"BIT_MASK", 1, ObjectWord::bitMask},
+    ObjectKeyword{"READ_WRITE", 0, ObjectWord::readWrite},
+    ObjectKeyword{"READ_ONLY", 0, ObjectWord::readOnly},
+    ObjectKeyword{"MATRIX_DIM", 0, ObjectWord::matrixDim},
+    ObjectKeyword{"ARRAY_SIZE", 1, ObjectWord::arraySize},
+    ObjectKeyword{"BYTE_ORDER", 1, ObjectWord::byteOrder},
+    ObjectKeyword{"LAYOUT", 1, ObjectWord::layout},
+    ObjectKeyword{"ADDRESS_TYPE", 1, ObjectWord::addressType},
+    ObjectKeyword{"ERROR_MASK", 1, ObjectWord::other},
+    ObjectKeyword{"MAX_REFRESH", 2, ObjectWord::other},
+    ObjectKeyword{"MODEL_LINK", 1, ObjectWord::other},
+    ObjectKeyword{"REF_MEMORY_SEGMENT", 1, ObjectWord::other},
 };
 
 constexpr std::array kCharacteristicKeywords = {
-    Keyword{"FORMAT", 1, Word::format},
-    Keyword{"EXTENDED_LIMITS", 2, Word::extendedLimits},
-    Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::ecuAddressExtension},
-    Keyword{"SYMBOL_LINK", 2, Word::other},
-    Keyword{"DISPLAY_IDENTIFIER", 1, Word::displayIdentifier},
-    Keyword{"PHYS_UNIT", 1, Word::physUnit},
-    Keyword{"BIT_MASK", 1, Word::bitMask},
-    Keyword{"READ_ONLY", 0, Word::readOnly},
-    Keyword{"MATRIX_DIM", 0, Word::matrixDim},
-    Keyword{"NUMBER", 1, Word::number},
-    Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-    Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
-    Keyword{"COMPARISON_QUANTITY", 1, Word::other},
-    Keyword{"ENCODING", 1, Word::encoding},
-    Keyword{"MAX_REFRESH", 2, Word::other},
-    Keyword{"MODEL_LINK", 1, Word::other},
-    Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
-    Keyword{"STEP_SIZE", 1, Word::other},
-    Keyword{"GUARD_RAILS", 0, Word::guardRails},
+    ObjectKeyword{"FORMAT", 1, ObjectWord::format},
+    ObjectKeyword{"EXTENDED_LIMITS", 2, ObjectWord::extendedLimits},
+    ObjectKeyword{"ECU_ADDRESS_EXTENSION", 1, ObjectWord::ecuAddressExtension},
+    ObjectKeyword{"SYMBOL_LINK", 2, ObjectWord::other},
+    ObjectKeyword{"DISPLAY_IDENTIFIER", 1, ObjectWord::displayIdentifier},
+    ObjectKeyword{"PHYS_UNIT", 1, ObjectWord::physUnit},
+    ObjectKeyword{"BIT_MASK", 1, ObjectWord::bitMask},
+    ObjectKeyword{"READ_ONLY", 0, ObjectWord::readOnly},
+    ObjectKeyword{"MATRIX_DIM", 0, ObjectWord::matrixDim},
+    ObjectKeyword{"NUMBER", 1, ObjectWord::number},
+    ObjectKeyword{"BYTE_ORDER", 1, ObjectWord::byteOrder},
+    ObjectKeyword{"CALIBRATION_ACCESS", 1, ObjectWord::calibrationAccess},
+    ObjectKeyword{"COMPARISON_QUANTITY", 1, ObjectWord::other},
+    ObjectKeyword{"ENCODING", 1, ObjectWord::encoding},
+    ObjectKeyword{"MAX_REFRESH", 2, ObjectWord::other},
+    ObjectKeyword{"MODEL_LINK", 1, ObjectWord::other},
+    ObjectKeyword{"REF_MEMORY_SEGMENT", 1, ObjectWord::other},
+    ObjectKeyword{"STEP_SIZE", 1, ObjectWord::other},
+    ObjectKeyword{"GUARD_RAILS", 0, ObjectWord::guardRails},
 };
 
 constexpr std::array kAxisPointsKeywords = {
-    Keyword{"BYTE_ORDER", 1, Word::byteOrder},
-    Keyword{"DEPOSIT", 1, Word::deposit},
-    Keyword{"MONOTONY", 1, Word::monotony},
-    Keyword{"FORMAT", 1, Word::format},
-    Keyword{"PHYS_UNIT", 1, Word::physUnit},
-    Keyword{"READ_ONLY", 0, Word::readOnly},
-    Keyword{"GUARD_RAILS", 0, Word::guardRails},
-    Keyword{"DISPLAY_IDENTIFIER", 1, Word::displayIdentifier},
-    Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::ecuAddressExtension},
-    Keyword{"SYMBOL_LINK", 2, Word::other},
-    Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
-    Keyword{"EXTENDED_LIMITS", 2, Word::extendedLimits},
-    Keyword{"MODEL_LINK", 1, Word::other},
-    Keyword{"REF_MEMORY_SEGMENT", 1, Word::other},
-    Keyword{"STEP_SIZE", 1, Word::other},
+    ObjectKeyword{"BYTE_ORDER", 1, ObjectWord::byteOrder},
+    ObjectKeyword{"DEPOSIT", 1, ObjectWord::deposit},
+    ObjectKeyword{"MONOTONY", 1, ObjectWord::monotony},
+    ObjectKeyword{"FORMAT", 1, ObjectWord::format},
+    ObjectKeyword{"PHYS_UNIT", 1, ObjectWord::physUnit},
+    ObjectKeyword{"READ_ONLY", 0, ObjectWord::readOnly},
+    ObjectKeyword{"GUARD_RAILS", 0, ObjectWord::guardRails},
+    ObjectKeyword{"DISPLAY_IDENTIFIER", 1, ObjectWord::displayIdentifier},
+    ObjectKeyword{"ECU_ADDRESS_EXTENSION", 1, ObjectWord::ecuAddressExtension},
+    ObjectKeyword{"SYMBOL_LINK", 2, ObjectWord::other},
+    ObjectKeyword{"CALIBRATION_ACCESS", 1, ObjectWord::calibrationAccess},
+    ObjectKeyword{"EXTENDED_LIMITS", 2, ObjectWord::extendedLimits},
+    ObjectKeyword{"MODEL_LINK", 1, ObjectWord::other},
+    ObjectKeyword{"REF_MEMORY_SEGMENT", 1, ObjectWord::other},
+    ObjectKeyword{"STEP_SIZE", 1, ObjectWord::other},
 };
 
 // The numbers of MATRIX_DIM, of which older files fill unused ones with 0, or the one of ARRAY_SIZE and
@@ -186,41 +186,41 @@ void readBitOperation(const Block& block, BitField& bits) {
 
 // What measurements and characteristics have in common.
 template <typename Object>
-void readCommon(Object& object, Word word, const Block& block, std::size_t value, ModelStore& store) {
+void readCommon(Object& object, ObjectWord word, const Block& block, std::size_t value, ModelStore& store) {
     switch (word) {
-        case Word::bitMask:
+        case ObjectWord::bitMask:
             object.bits.mask = readCount<std::uint64_t>(block, value, "BIT_MASK");
             object.bits.emptyMask = object.bits.mask == 0;
             break;
-        case Word::byteOrder:
+        case ObjectWord::byteOrder:
             readObjectByteOrder(object, block, value);
             break;
-        case Word::calibrationAccess:
+        case ObjectWord::calibrationAccess:
             if constexpr (requires { object.access; }) {
                 object.access = calibrationAccessFromName(readIdentifier(block, value, "CALIBRATION_ACCESS"));
                 object.readOnly = object.readOnly || forbidsWriting(object.access);
             }
             break;
-        case Word::displayIdentifier:
+        case ObjectWord::displayIdentifier:
             object.displayIdentifier = store.own(readIdentifier(block, value, "DISPLAY_IDENTIFIER"));
             break;
-        case Word::guardRails:
+        case ObjectWord::guardRails:
             if constexpr (requires { object.guardRails; }) object.guardRails = true;
             break;
-        case Word::ecuAddressExtension:
+        case ObjectWord::ecuAddressExtension:
             object.addressExtension = readCount<std::uint8_t>(block, value, "ECU_ADDRESS_EXTENSION");
             break;
-        case Word::format:
+        case ObjectWord::format:
             object.format = store.common(readString(block, value, "FORMAT"));
             break;
-        case Word::matrixDim:
+        case ObjectWord::matrixDim:
             if constexpr (requires { object.dimensions; })
                 readDimensions(object, block, value, "MATRIX_DIM", store);
             break;
-        case Word::physUnit:
+        case ObjectWord::physUnit:
             object.physUnit = store.common(readString(block, value, "PHYS_UNIT"));
             break;
-        case Word::readOnly:
+        case ObjectWord::readOnly:
             object.readOnly = true;
             break;
         default:
@@ -277,22 +277,23 @@ Measurement readMeasurement(const Block& block, ModelStore& store) {
     readNumber(block, 5, "accuracy");
     object.lowerLimit = readNumber(block, 6, "lower limit");
     object.upperLimit = readNumber(block, 7, "upper limit");
-    forEachOptional<Word>(block, kPositional, kMeasurementKeywords, [&](Word word, std::size_t value) {
-        if (word == Word::ecuAddress) {
-            object.ecuAddress = readCount<std::uint32_t>(block, value, "ECU_ADDRESS");
-            object.hasAddress = true;
-        } else if (word == Word::arraySize) {
-            readDimensions(object, block, value, "ARRAY_SIZE", store);
-        } else if (word == Word::readWrite) {
-            object.readWrite = true;
-        } else if (word == Word::addressType) {
-            object.addressType = readAddressType(block, value, "ADDRESS_TYPE");
-        } else if (word == Word::layout) {
-            object.columnDir = readIdentifier(block, value, "LAYOUT") == "COLUMN_DIR";
-        } else {
-            readCommon(object, word, block, value, store);
-        }
-    });
+    forEachOptional<ObjectWord>(
+        block, kPositional, kMeasurementKeywords, [&](ObjectWord word, std::size_t value) {
+            if (word == ObjectWord::ecuAddress) {
+                object.ecuAddress = readCount<std::uint32_t>(block, value, "ECU_ADDRESS");
+                object.hasAddress = true;
+            } else if (word == ObjectWord::arraySize) {
+                readDimensions(object, block, value, "ARRAY_SIZE", store);
+            } else if (word == ObjectWord::readWrite) {
+                object.readWrite = true;
+            } else if (word == ObjectWord::addressType) {
+                object.addressType = readAddressType(block, value, "ADDRESS_TYPE");
+            } else if (word == ObjectWord::layout) {
+                object.columnDir = readIdentifier(block, value, "LAYOUT") == "COLUMN_DIR";
+            } else {
+                readCommon(object, word, block, value, store);
+            }
+        });
     object.name = store.own(name);
     object.longIdentifier = store.own(longIdentifier);
     object.conversion = store.common(conversion);
@@ -321,17 +322,18 @@ Characteristic readCharacteristic(const Block& block, ModelStore& store, Placed 
     object.conversion = store.common(readIdentifier(block, next + 2, "conversion"));
     object.lowerLimit = readNumber(block, next + 3, "lower limit");
     object.upperLimit = readNumber(block, next + 4, "upper limit");
-    forEachOptional<Word>(block, next + 5, kCharacteristicKeywords, [&](Word word, std::size_t value) {
-        if (word == Word::extendedLimits) {
-            object.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
-        } else if (word == Word::number) {
-            readDimensions(object, block, value, "NUMBER", store);
-        } else if (word == Word::encoding) {
-            object.encoding = readEncoding(block, value);
-        } else {
-            readCommon(object, word, block, value, store);
-        }
-    });
+    forEachOptional<ObjectWord>(block, next + 5, kCharacteristicKeywords,
+                                [&](ObjectWord word, std::size_t value) {
+                                    if (word == ObjectWord::extendedLimits) {
+                                        object.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
+                                    } else if (word == ObjectWord::number) {
+                                        readDimensions(object, block, value, "NUMBER", store);
+                                    } else if (word == ObjectWord::encoding) {
+                                        object.encoding = readEncoding(block, value);
+                                    } else {
+                                        readCommon(object, word, block, value, store);
+                                    }
+                                });
     for (const Block& child : block.children()) {
         if (child.keyword == "AXIS_DESCR") object.axes.push_back(readAxisDescription(child, store));
         if (child.keyword == "MAP_LIST") object.maps = readMapList(child, store);
@@ -356,17 +358,18 @@ AxisPoints readAxisPoints(const Block& block, ModelStore& store, Placed placed) 
     object.maxAxisPoints = readCount<std::uint32_t>(block, next + 4, "max axis points");
     object.lowerLimit = readNumber(block, next + 5, "lower limit");
     object.upperLimit = readNumber(block, next + 6, "upper limit");
-    forEachOptional<Word>(block, next + 7, kAxisPointsKeywords, [&](Word word, std::size_t value) {
-        if (word == Word::extendedLimits) {
-            object.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
-        } else if (word == Word::deposit) {
-            object.pointDeposit = readDeposit(block, value);
-        } else if (word == Word::monotony) {
-            object.monotony = readMonotony(block, value);
-        } else {
-            readCommon(object, word, block, value, store);
-        }
-    });
+    forEachOptional<ObjectWord>(block, next + 7, kAxisPointsKeywords,
+                                [&](ObjectWord word, std::size_t value) {
+                                    if (word == ObjectWord::extendedLimits) {
+                                        object.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
+                                    } else if (word == ObjectWord::deposit) {
+                                        object.pointDeposit = readDeposit(block, value);
+                                    } else if (word == ObjectWord::monotony) {
+                                        object.monotony = readMonotony(block, value);
+                                    } else {
+                                        readCommon(object, word, block, value, store);
+                                    }
+                                });
     object.name = store.own(name);
     object.longIdentifier = store.own(longIdentifier);
     return object;

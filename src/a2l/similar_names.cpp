@@ -15,7 +15,7 @@ constexpr std::size_t kPart = 10;  ///< the rank of names that only have it as a
 constexpr std::size_t kNotSimilar = 1000;
 
 /// Which characters a text holds: what differs here in more than two bits per edit is no slip.
-std::uint64_t charactersOf(std::string_view text) {
+std::uint64_t characterSet(std::string_view text) {
     std::uint64_t set = 0;
     for (const char c : text)
         set |= std::uint64_t{1} << (static_cast<unsigned char>(c) % 64U);
@@ -52,7 +52,7 @@ class Likeness {
     explicit Likeness(std::string_view typed)
         : limit_(typed.size() < 3 ? 0 : std::clamp<std::size_t>(typed.size() / 4, 1, 3)) {
         lowerAsciiInto(typed_, typed);
-        characters_ = charactersOf(typed_);
+        characters_ = characterSet(typed_);
     }
 
     /// The smaller, the more alike.
@@ -61,7 +61,7 @@ class Likeness {
         if (name.size() + limit_ < typed_.size()) return kNotSimilar;
         lowerAsciiInto(name_, name);
         if (name_ == typed_) return 0;
-        const std::uint64_t characters = charactersOf(name_);
+        const std::uint64_t characters = characterSet(name_);
         const bool near = name.size() <= typed_.size() + limit_;
         if (near && static_cast<std::size_t>(std::popcount(characters ^ characters_)) <= 2 * limit_) {
             const std::size_t distance = editDistance(typed_, name_, limit_);

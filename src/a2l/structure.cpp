@@ -160,7 +160,7 @@ const StructureComponent* findComponent(const StructureType& type, std::string_v
 }
 
 /// "[3]" at the beginning of `rest`, which it is taken from.
-std::optional<std::uint32_t> takeIndex(std::string_view& rest) {
+std::optional<std::uint32_t> takeElementIndex(std::string_view& rest) {
     if (!rest.starts_with('[')) return {};
     std::uint32_t index = 0;
     const char* const end = rest.data() + rest.size();
@@ -189,7 +189,7 @@ Result<std::vector<std::uint32_t>> takeIndices(const Way& way, std::string_view&
     if (isPlainValue(type) && rest.empty()) return std::vector<std::uint32_t>();
     std::vector<std::uint32_t> indices;
     for (const std::uint32_t dimension : dimensions) {
-        const auto index = takeIndex(rest);
+        const auto index = takeElementIndex(rest);
         if (!index) {
             std::string first = way.name;
             for (std::size_t i = 0; i < dimensions.size(); ++i)

@@ -8,7 +8,7 @@ namespace lm::a2l {
 namespace {
 
 // Real structures nest some five levels; whoever walks over them may go down by calling itself.
-constexpr std::uint32_t kMaxDepth = 64;
+constexpr std::uint32_t kMaxStructureDepth = 64;
 
 /// Which structures are parts of which: none is counted before all of its parts are.
 class Linker {
@@ -50,7 +50,7 @@ class Linker {
         }
     }
     void complete(StructureType& type, std::uint32_t depth) {
-        type.usable = depth <= kMaxDepth;
+        type.usable = depth <= kMaxStructureDepth;
         if (!type.usable) return;
         for (const StructureComponent& component : type.components) {
             const TypeRecord of = findType(description_, component.typeName);

@@ -9,7 +9,7 @@
 namespace lm::a2l {
 namespace {
 
-enum class Word : std::uint8_t {
+enum class StructureWord : std::uint8_t {
     other,
     addressExtension,
     addressType,
@@ -26,29 +26,32 @@ enum class Word : std::uint8_t {
     readOnly,
     readWrite,
 };
-using Keyword = OptionalKeyword<Word>;
+using StructureKeyword = OptionalKeyword<StructureWord>;
 
 // Of TYPEDEF_STRUCTURE, STRUCTURE_COMPONENT, INSTANCE and BLOB.
 constexpr std::array kPartKeywords = {
-    Keyword{"MATRIX_DIM", 0, Word::matrixDim},
-    Keyword{"LAYOUT", 1, Word::layout},
-    Keyword{"ADDRESS_TYPE", 1, Word::addressType},
-    Keyword{"CALIBRATION_ACCESS", 1, Word::calibrationAccess},
-    Keyword{"READ_ONLY", 0, Word::readOnly},
-    Keyword{"READ_WRITE", 0, Word::readWrite},
-    Keyword{"ECU_ADDRESS_EXTENSION", 1, Word::addressExtension},
-    Keyword{"DISPLAY_IDENTIFIER", 1, Word::other},
-    Keyword{"MAX_REFRESH", 2, Word::other},
-    Keyword{"MODEL_LINK", 1, Word::other},
-    Keyword{"SYMBOL_LINK", 2, Word::other},
-    Keyword{"SYMBOL_TYPE_LINK", 1, Word::other},
+    StructureKeyword{"MATRIX_DIM", 0, StructureWord::matrixDim},
+    StructureKeyword{"LAYOUT", 1, StructureWord::layout},
+    StructureKeyword{"ADDRESS_TYPE", 1, StructureWord::addressType},
+    StructureKeyword{"CALIBRATION_ACCESS", 1, StructureWord::calibrationAccess},
+    StructureKeyword{"READ_ONLY", 0, StructureWord::readOnly},
+    StructureKeyword{"READ_WRITE", 0, StructureWord::readWrite},
+    StructureKeyword{"ECU_ADDRESS_EXTENSION", 1, StructureWord::addressExtension},
+    StructureKeyword{"DISPLAY_IDENTIFIER", 1, StructureWord::other},
+    StructureKeyword{"MAX_REFRESH", 2, StructureWord::other},
+    StructureKeyword{"MODEL_LINK", 1, StructureWord::other},
+    StructureKeyword{"SYMBOL_LINK", 2, StructureWord::other},
+    StructureKeyword{"SYMBOL_TYPE_LINK", 1, StructureWord::other},
 };
 
 constexpr std::array kOverwriteKeywords = {
-    Keyword{"CONVERSION", 1, Word::conversion}, Keyword{"LIMITS", 2, Word::limits},
-    Keyword{"FORMAT", 1, Word::format},         Keyword{"EXTENDED_LIMITS", 2, Word::extendedLimits},
-    Keyword{"PHYS_UNIT", 1, Word::physUnit},    Keyword{"INPUT_QUANTITY", 1, Word::inputQuantity},
-    Keyword{"MONOTONY", 1, Word::monotony},
+    StructureKeyword{"CONVERSION", 1, StructureWord::conversion},
+    StructureKeyword{"LIMITS", 2, StructureWord::limits},
+    StructureKeyword{"FORMAT", 1, StructureWord::format},
+    StructureKeyword{"EXTENDED_LIMITS", 2, StructureWord::extendedLimits},
+    StructureKeyword{"PHYS_UNIT", 1, StructureWord::physUnit},
+    StructureKeyword{"INPUT_QUANTITY", 1, StructureWord::inputQuantity},
+    StructureKeyword{"MONOTONY", 1, StructureWord::monotony},
 };
 
 std::uint8_t readPointerSize(const Block& block, std::size_t index) {
@@ -76,19 +79,21 @@ void readMatrix(Extent& extent, const Block& block, std::size_t first, ModelStor
     } while (i < block.tokens().size() && block.tokens()[i].kind == TokenKind::number);
 }
 
-void readExtent(Extent& extent, Word word, const Block& block, std::size_t value, ModelStore& store) {
-    if (word == Word::matrixDim) readMatrix(extent, block, value, store);
-    if (word == Word::layout) extent.columnDir = readIdentifier(block, value, "LAYOUT") == "COLUMN_DIR";
-    if (word == Word::addressType) extent.pointerSize = readPointerSize(block, value);
+void readExtent(Extent& extent, StructureWord word, const Block& block, std::size_t value,
+                ModelStore& store) {
+    if (word == StructureWord::matrixDim) readMatrix(extent, block, value, store);
+    if (word == StructureWord::layout)
+        extent.columnDir = readIdentifier(block, value, "LAYOUT") == "COLUMN_DIR";
+    if (word == StructureWord::addressType) extent.pointerSize = readPointerSize(block, value);
 }
 
 /// What INSTANCE and BLOB say of their place and of writing.
 template <typename Object>
-void readPlaced(Object& object, Word word, const Block& block, std::size_t value) {
-    if (word == Word::addressExtension)
+void readPlaced(Object& object, StructureWord word, const Block& block, std::size_t value) {
+    if (word == StructureWord::addressExtension)
         object.addressExtension = readCount<std::uint8_t>(block, value, "ECU_ADDRESS_EXTENSION");
-    if (word == Word::readOnly) object.readOnly = true;
-    if (word == Word::calibrationAccess) {
+    if (word == StructureWord::readOnly) object.readOnly = true;
+    if (word == StructureWord::calibrationAccess) {
         object.access = calibrationAccessFromName(readIdentifier(block, value, "CALIBRATION_ACCESS"));
         object.readOnly = object.readOnly || forbidsWriting(object.access);
     }
@@ -100,9 +105,10 @@ StructureComponent readComponent(const Block& block, ModelStore& store) {
     const std::string_view name = readIdentifier(block, 0, "name");
     component.typeName = store.common(readIdentifier(block, 1, "type"));
     component.offset = readCount<std::uint32_t>(block, 2, "offset");
-    forEachOptional<Word>(block, kPositional, kPartKeywords, [&](Word word, std::size_t value) {
-        readExtent(component.extent, word, block, value, store);
-    });
+    forEachOptional<StructureWord>(block, kPositional, kPartKeywords,
+                                   [&](StructureWord word, std::size_t value) {
+                                       readExtent(component.extent, word, block, value, store);
+                                   });
     component.name = store.common(name);
     return component;
 }
@@ -115,17 +121,20 @@ Overwrite readOverwrite(const Block& block, ModelStore& store) {
     const auto word = [&](std::size_t value, std::string_view label) {
         return store.common(readIdentifier(block, value, label));
     };
-    forEachOptional<Word>(block, kPositional, kOverwriteKeywords, [&](Word keyword, std::size_t value) {
-        if (keyword == Word::conversion) overwrite.conversion = word(value, "CONVERSION");
-        if (keyword == Word::inputQuantity) overwrite.inputQuantity = word(value, "INPUT_QUANTITY");
-        if (keyword == Word::monotony) overwrite.monotony = word(value, "MONOTONY");
-        if (keyword == Word::format) overwrite.format = store.common(readString(block, value, "FORMAT"));
-        if (keyword == Word::physUnit)
-            overwrite.physUnit = store.common(readString(block, value, "PHYS_UNIT"));
-        if (keyword == Word::limits) overwrite.limits = readPair(block, value, "LIMITS");
-        if (keyword == Word::extendedLimits)
-            overwrite.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
-    });
+    forEachOptional<StructureWord>(
+        block, kPositional, kOverwriteKeywords, [&](StructureWord keyword, std::size_t value) {
+            if (keyword == StructureWord::conversion) overwrite.conversion = word(value, "CONVERSION");
+            if (keyword == StructureWord::inputQuantity)
+                overwrite.inputQuantity = word(value, "INPUT_QUANTITY");
+            if (keyword == StructureWord::monotony) overwrite.monotony = word(value, "MONOTONY");
+            if (keyword == StructureWord::format)
+                overwrite.format = store.common(readString(block, value, "FORMAT"));
+            if (keyword == StructureWord::physUnit)
+                overwrite.physUnit = store.common(readString(block, value, "PHYS_UNIT"));
+            if (keyword == StructureWord::limits) overwrite.limits = readPair(block, value, "LIMITS");
+            if (keyword == StructureWord::extendedLimits)
+                overwrite.extendedLimits = readPair(block, value, "EXTENDED_LIMITS");
+        });
     return overwrite;
 }
 
@@ -146,9 +155,11 @@ StructureType readStructureType(const Block& block, ModelStore& store) {
     const std::string_view name = readIdentifier(block, 0, "name");
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
     type.size = readCount<std::uint32_t>(block, 2, "size");
-    forEachOptional<Word>(block, kPositional, kPartKeywords, [&](Word word, std::size_t value) {
-        if (word == Word::addressType) type.pointerSize = readPointerSize(block, value);
-    });
+    forEachOptional<StructureWord>(block, kPositional, kPartKeywords,
+                                   [&](StructureWord word, std::size_t value) {
+                                       if (word == StructureWord::addressType)
+                                           type.pointerSize = readPointerSize(block, value);
+                                   });
     for (const Block& child : block.children()) {
         if (child.keyword == "STRUCTURE_COMPONENT") type.components.push_back(readComponent(child, store));
     }
@@ -165,11 +176,12 @@ Instance readInstance(const Block& block, ModelStore& store) {
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
     const std::string_view type = readIdentifier(block, 2, "type");
     instance.address = readCount<std::uint32_t>(block, 3, "address");
-    forEachOptional<Word>(block, kPositional, kPartKeywords, [&](Word word, std::size_t value) {
-        readExtent(details.extent, word, block, value, store);
-        readPlaced(instance, word, block, value);
-        if (word == Word::readWrite) instance.readWrite = true;
-    });
+    forEachOptional<StructureWord>(block, kPositional, kPartKeywords,
+                                   [&](StructureWord word, std::size_t value) {
+                                       readExtent(details.extent, word, block, value, store);
+                                       readPlaced(instance, word, block, value);
+                                       if (word == StructureWord::readWrite) instance.readWrite = true;
+                                   });
     const EventRange events = readEvents(block, store);
     details.firstEvent = events.first;
     details.eventCount = events.count;
@@ -201,8 +213,9 @@ Blob readBlob(const Block& block, ModelStore& store) {
     const std::string_view longIdentifier = readString(block, 1, "long identifier");
     blob.address = readCount<std::uint32_t>(block, 2, "address");
     blob.size = readCount<std::uint32_t>(block, 3, "size");
-    forEachOptional<Word>(block, kPositional, kPartKeywords,
-                          [&](Word word, std::size_t value) { readPlaced(blob, word, block, value); });
+    forEachOptional<StructureWord>(
+        block, kPositional, kPartKeywords,
+        [&](StructureWord word, std::size_t value) { readPlaced(blob, word, block, value); });
     blob.name = store.own(name);
     blob.longIdentifier = store.own(longIdentifier);
     return blob;

@@ -12,7 +12,7 @@ namespace lm::a2l {
 namespace {
 
 // Real files nest some ten levels; the limit keeps everything that walks the tree from exhausting the stack.
-constexpr std::size_t kMaxDepth = 250;
+constexpr std::size_t kMaxBlockDepth = 250;
 
 enum class Class : std::uint8_t { other, blank, lineFeed, word, quote, slash };
 
@@ -215,8 +215,8 @@ bool BlockScanner::beginBlock() {
     std::string_view keyword;
     if (!readKeyword(keyword)) return false;
     if (keyword == "A2ML") return skipA2ml(line);
-    if (open_.size() > kMaxDepth) {
-        return fail("blocks nested deeper than " + std::to_string(kMaxDepth) + " levels");
+    if (open_.size() > kMaxBlockDepth) {
+        return fail("blocks nested deeper than " + std::to_string(kMaxBlockDepth) + " levels");
     }
     openBlock(keyword, line);
     return true;

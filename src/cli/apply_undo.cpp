@@ -19,10 +19,6 @@ using session::PutBack;
 
 constexpr std::string_view kLast = "last";
 
-void tell(const std::string& line) {
-    printMessage(printableText(line) + "\n");
-}
-
 bool isAway(const PutBack& object) {
     return object.error &&
            (object.error->code == ErrorCode::notOpen || object.error->code == ErrorCode::timeout);
@@ -45,7 +41,7 @@ Result<void> checkEcu(Workplace& place, const session::SoftwareOf& file) {
 
 void markAsUsed(const std::string& undoFile) {
     if (auto marked = session::markUsed(undoFile); !marked)
-        tell("'last' will take this undo file again: " + marked.error().text());
+        printMessageLine("'last' will take this undo file again: " + marked.error().text());
 }
 
 Result<void> ApplyUndo::prepare() {
@@ -61,10 +57,10 @@ Result<void> ApplyUndo::findLast(Workplace& place) {
         session::lastUndoFile({place.session->ecuName(), place.session->ecuPlace()}, stopToken());
     if (!path) return path.error();
     path_ = path.value().string();
-    tell("undo file: " + path_);
+    printMessageLine("undo file: " + path_);
     if (auto read = prepare(); !read) return read;
-    tell(fmt::format("it takes back \"{}\" of {}: {} object(s)", file_->command, file_->time,
-                     file_->objects.size()));
+    printMessageLine(fmt::format("it takes back \"{}\" of {}: {} object(s)", file_->command, file_->time,
+                                 file_->objects.size()));
     if (JsonWriter* const json = place.results.json()) {
         json->member("undoFile", path_);
         json->member("undone", file_->command);
@@ -140,7 +136,7 @@ int ApplyUndo::run(Workplace& place) {
     if (!file_) {
         if (auto found = findLast(place); !found) return fail(found.error());
     } else if (!file_->used.empty()) {
-        tell(fmt::format("all of this undo file was put back before, at {}", file_->used));
+        printMessageLine(fmt::format("all of this undo file was put back before, at {}", file_->used));
     }
     if (auto right = check(place); !right) return fail(right.error());
     if (auto there = goToPages(session); !there) return fail(there.error());
@@ -148,7 +144,7 @@ int ApplyUndo::run(Workplace& place) {
     if (wasThere_) {
         const auto finishing = session.objectMemory().finishing();
         for (const std::string& text : session::returnToPages(session.pages(), *wasThere_, file_->pages))
-            tell(text);
+            printMessageLine(text);
     }
     place.results.show(PutBackReport(objects));
     const std::size_t missing = file_->objects.size() - objects.size();

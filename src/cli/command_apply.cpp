@@ -54,10 +54,6 @@ Error withName(const std::string& name, Error error) {
     return error;
 }
 
-void tell(const std::string& line) {
-    printMessage(printableText(line) + "\n");
-}
-
 std::vector<const session::ObjectBytes*> changesOf(const session::ApplyPlan& plan) {
     std::vector<const session::ObjectBytes*> changes;
     for (const session::ApplyStep& step : plan.steps)
@@ -67,7 +63,7 @@ std::vector<const session::ObjectBytes*> changesOf(const session::ApplyPlan& pla
 
 void tellPages(const session::PagedWrite* pages, Results& results) {
     if (pages == nullptr || !pages->switches()) return;
-    tell(fmt::format("written on {}, which the ECU uses now", pages->placeText()));
+    printMessageLine(fmt::format("written on {}, which the ECU uses now", pages->placeText()));
     JsonWriter* const json = results.json();
     if (json == nullptr) return;
     json->key("pages").beginArray();
@@ -83,9 +79,10 @@ void tellPages(const session::PagedWrite* pages, Results& results) {
 
 void tellUnfit(const Result<std::vector<std::string>>& unfit, Results& results) {
     if (!unfit) {
-        tell("what depends on the parameters written was not checked: " + unfit.error().text());
+        printMessageLine("what depends on the parameters written was not checked: " + unfit.error().text());
     } else if (!unfit.value().empty()) {
-        tell(fmt::format("no longer fit what they depend on: {}", fmt::join(unfit.value(), ", ")));
+        printMessageLine(
+            fmt::format("no longer fit what they depend on: {}", fmt::join(unfit.value(), ", ")));
         if (JsonWriter* const json = results.json()) json->listMember("unfit", unfit.value());
     }
 }
@@ -192,7 +189,7 @@ bool ApplyCommand::takeImage(Workplace& place, const session::ImageValues* besid
 int ApplyCommand::run(Workplace& place) {
     if (undoing_) return undoing_->run(place);
     for (const std::string& note : notes_)
-        tell(note);
+        printMessageLine(note);
     std::unique_ptr<session::ImageValues> image;
     if (image_.isGiven() && !(image = image_.open(place, ImageSource::Purpose::writing))) return 1;
     if (params::memoryFileEnding(*file_) && !takeImage(place, image.get())) return 1;
@@ -290,8 +287,8 @@ int ApplyCommand::applyTo(const Target& target) {
         return problems.empty() ? 0 : 1;
     }
     if (!problems.empty()) {
-        tell(fmt::format("nothing is written: {} of {} parameter(s) cannot be", problems.size(),
-                         set_.parameters.size()));
+        printMessageLine(fmt::format("nothing is written: {} of {} parameter(s) cannot be", problems.size(),
+                                     set_.parameters.size()));
         return 1;
     }
     return writeAll(target, plan.value());
@@ -329,7 +326,7 @@ int ApplyCommand::writeAll(const Target& target, const session::ApplyPlan& plan)
         session::NamedObjects(target.description, target.memory, stopToken()).unfitDependents(changes);
     const auto wanted = isPageWanted(target, plan);
     if (!wanted || !wanted.value()) {
-        if (wanted) tell("nothing is written");
+        if (wanted) printMessageLine("nothing is written");
         if (!wanted) results.failOrStopped("apply", wanted.error(), *file_);
         return 1;
     }
@@ -340,7 +337,7 @@ int ApplyCommand::writeAll(const Target& target, const session::ApplyPlan& plan)
     }
     std::optional<std::string> undoName;
     if (kept.value()) undoName = kept.value()->string();
-    if (undoName) tell("undo file: " + *undoName);
+    if (undoName) printMessageLine("undo file: " + *undoName);
 
     if (target.pages != nullptr && !plan.steps.empty()) {
         if (auto entered = target.pages->enter(); !entered) {
@@ -352,8 +349,9 @@ int ApplyCommand::writeAll(const Target& target, const session::ApplyPlan& plan)
     results.show(ApplyReport(plan, outcome, undoName));
     const std::size_t lost = notPutBack(outcome.takenBack);
     if (lost > 0 && undoName)
-        tell(fmt::format("{} parameter(s) are not as they were: apply --undo {}", lost, *undoName));
-    if (outcome.stopped) tell(lost > 0 ? "stopped" : "stopped, nothing stays written");
+        printMessageLine(
+            fmt::format("{} parameter(s) are not as they were: apply --undo {}", lost, *undoName));
+    if (outcome.stopped) printMessageLine(lost > 0 ? "stopped" : "stopped, nothing stays written");
     if (undoName && lost == 0 && outcome.written.empty()) markAsUsed(*undoName);
     if (!outcome.written.empty()) tellPages(target.pages, results);
     if (!outcome.failed.empty() || outcome.stopped) return 1;

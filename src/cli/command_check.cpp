@@ -15,7 +15,6 @@ namespace {
 using session::CheckLine;
 
 constexpr int kDifferent = 3;
-constexpr int kNoOneAnswered = 4;
 
 std::string textOf(const CheckLine& line, const char* expectedBy) {
     std::string ecu = printableText(line.ecu);

@@ -19,10 +19,6 @@
 namespace lm::cli {
 namespace {
 
-Error invalid(std::string message) {
-    return {ErrorCode::invalidArgument, std::move(message)};
-}
-
 bool goesToStandardOutput(const ExportCommand::Options& request) {
     return request.output.output == "-";
 }
@@ -34,9 +30,9 @@ Result<exporter::Format> formatOf(const ExportCommand::Options& request) {
     if (word == "mf4" || word == ".mf4") return exporter::Format::mf4;
     if (word == "csv" || word == ".csv") return exporter::Format::csv;
     if (!request.format && goesToStandardOutput(request)) return exporter::Format::csv;
-    if (request.format) return invalid("unknown format '" + *request.format + "' (mf4 or csv)");
-    return invalid("the name " + request.output.output.string() +
-                   " does not end in .mf4 or .csv, give --format mf4 or --format csv");
+    if (request.format) return invalidArgument("unknown format '" + *request.format + "' (mf4 or csv)");
+    return invalidArgument("the name " + request.output.output.string() +
+                           " does not end in .mf4 or .csv, give --format mf4 or --format csv");
 }
 
 Result<exporter::ExportOptions> checkedOptions(const ExportCommand::Options& request) {
@@ -60,7 +56,7 @@ Result<exporter::ExportOptions> checkedOptions(const ExportCommand::Options& req
         {options.every == 0, "--every: 0 is not a number of records"},
     };
     for (const auto& [wrong, message] : onlyOne) {
-        if (wrong) return invalid(message);
+        if (wrong) return invalidArgument(message);
     }
     return options;
 }
@@ -136,7 +132,8 @@ void ExportCommand::addOptions(OptionSet& options) {
 
 int ExportCommand::run(Workplace& place) {
     if (goesToStandardOutput(options_) && place.results.json() != nullptr) {
-        place.results.fail("export", invalid("--json and -o - would both write to standard output"), "");
+        place.results.fail("export", invalidArgument("--json and -o - would both write to standard output"),
+                           "");
         return 1;
     }
     Output& output = place.results.output();

@@ -47,9 +47,10 @@ std::string quoted(const std::string& text) {
     return result + "'";
 }
 
-class CheckReport final : public IReport {
+class RecordingCheckReport final : public IReport {
   public:
-    CheckReport(const std::string& directory, std::size_t recordings, const storage::RecordingCheck& check)
+    RecordingCheckReport(const std::string& directory, std::size_t recordings,
+                         const storage::RecordingCheck& check)
         : directory_(directory), recordings_(recordings), check_(check) {}
 
     void print(Output& output) const override {
@@ -157,7 +158,7 @@ int RecordingCheckCommand::run(Workplace& place) {
     for (storage::PartBreak& found : storage::findBreaks(joined.value())) {
         if (found.isLoss) whole.findings.push_back({std::move(found.text), ""});
     }
-    place.results.show(CheckReport(directories_.front(), count, whole));
+    place.results.show(RecordingCheckReport(directories_.front(), count, whole));
     return whole.findings.empty() ? 0 : 1;
 }
 

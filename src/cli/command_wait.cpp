@@ -21,7 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int kNotWithin = 3;
-constexpr int kNoOneAnswered = 4;
 constexpr std::chrono::milliseconds kLook{5};
 constexpr std::chrono::milliseconds kPoll{20};
 

@@ -14,7 +14,7 @@ constexpr std::string_view kNoMethod = "NO_COMPU_METHOD";
 using Lines = std::vector<std::string>;
 
 /// In the words of an A2L.
-std::string_view typeName(a2l::ConversionType type) {
+std::string_view conversionTypeName(a2l::ConversionType type) {
     static constexpr std::array<std::string_view, 7> kNames = {
         "IDENTICAL", "LINEAR", "RAT_FUNC", "TAB_INTP", "TAB_NOINTP", "TAB_VERB", "FORM"};
     return kNames.at(static_cast<std::size_t>(type));
@@ -84,7 +84,7 @@ void writeTexts(JsonWriter& json, const a2l::CompuVtab& table) {
 
 void writeMethod(JsonWriter& json, const a2l::Description& description, const a2l::CompuMethod& method) {
     json.member("description", method.longIdentifier);
-    json.member("type", typeName(method.type));
+    json.member("type", conversionTypeName(method.type));
     json.member("unit", method.unit);
     json.member("format", method.format);
     if (!method.coefficients.empty()) json.listMember("coefficients", method.coefficients);
@@ -105,7 +105,7 @@ Lines conversionLines(const a2l::Description& description, std::string_view name
     if (name == kNoMethod) return {"none, the raw value is the physical one"};
     const a2l::CompuMethod* const method = description.findCompuMethod(name);
     if (method == nullptr) return {fmt::format("{}, which is not in the A2L", name)};
-    std::string first = fmt::format("{}: {}", name, typeName(method->type));
+    std::string first = fmt::format("{}: {}", name, conversionTypeName(method->type));
     if (!method->unit.empty()) first += fmt::format(", unit {}", method->unit);
     if (!method->format.empty()) first += fmt::format(", format {}", method->format);
     if (!method->longIdentifier.empty()) first += fmt::format(", \"{}\"", method->longIdentifier);

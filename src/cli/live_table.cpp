@@ -26,7 +26,7 @@ constexpr std::chrono::seconds kRateSpan{1};
 constexpr std::chrono::milliseconds kGrace{500};
 constexpr std::chrono::seconds kBetweenSizes{1};
 
-double inSeconds(std::chrono::nanoseconds time) {
+double asSeconds(std::chrono::nanoseconds time) {
     return std::chrono::duration<double>(time).count();
 }
 
@@ -135,8 +135,8 @@ double LiveTable::rateOf(std::size_t number, Clock::time_point now) const {
     }
     if (records == 0 || list.lastNs <= sinceNs) return 0;
     const double perSecond = static_cast<double>(records) * 1e9 / static_cast<double>(list.lastNs - sinceNs);
-    const double silence = inSeconds(now.time_since_epoch()) - static_cast<double>(list.lastNs) / 1e9;
-    return silence > 2 / perSecond + inSeconds(kGrace) ? 0 : perSecond;
+    const double silence = asSeconds(now.time_since_epoch()) - static_cast<double>(list.lastNs) / 1e9;
+    return silence > 2 / perSecond + asSeconds(kGrace) ? 0 : perSecond;
 }
 
 TableStatus LiveTable::status(const session::IMeasured& session, double seconds) {

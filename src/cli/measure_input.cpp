@@ -14,16 +14,10 @@
 #include "cli/recording_options.h"
 #include "cli/sharing.h"
 #include "core/printable_text.h"
+#include "core/text.h"
 
 namespace lm::cli {
 namespace {
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view kSpace = " \t\r";
-    const auto begin = text.find_first_not_of(kSpace);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(kSpace) - begin + 1);
-}
 
 /// What stands behind the first word.
 std::string_view behind(std::string_view line, std::string_view word) {

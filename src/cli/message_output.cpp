@@ -176,6 +176,10 @@ void printMessage(std::string_view text) {
     printLogLine(text, text);
 }
 
+void printMessageLine(const std::string& line) {
+    printMessage(printableText(line) + "\n");
+}
+
 void holdMessages() {
     MessageOutput* const output = started.load();
     if (output != nullptr && ::isatty(STDERR_FILENO) == 1) output->hold();

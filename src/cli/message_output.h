@@ -70,6 +70,8 @@ class MessageOutput {
 
 /// Whole lines on standard error: through the MessageOutput that has been started, else directly.
 void printMessage(std::string_view text);
+/// The same for one line; what does not print is escaped.
+void printMessageLine(const std::string& line);
 
 /// Keeps what is printed from now on, where standard error is a terminal: it would tear the screen that is
 /// drawn there.

@@ -40,6 +40,8 @@ struct Options {
 void addProgramOptions(OptionSet& set, Options& options);
 
 // Options that several commands have.
+/// What a command ends with that stands for the state of an ECU when no ECU answered.
+inline constexpr int kNoOneAnswered = 4;
 inline constexpr const char* kDirectoriesHelp =
     "Recording directory; several, or a folder of recordings, are read as one";
 void addExact(OptionSet& command, bool& exact);

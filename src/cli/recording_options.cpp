@@ -21,20 +21,16 @@ struct Unit {
 constexpr Unit kUnits[] = {{"s", 1, 0},    {"min", 60, 0}, {"h", 3600, 0}, {"d", 86400, 0},
                            {"kB", 0, 1e3}, {"MB", 0, 1e6}, {"GB", 0, 1e9}, {"TB", 0, 1e12}};
 
-Error invalid(std::string message) {
-    return {ErrorCode::invalidArgument, std::move(message)};
-}
-
 /// All values of an option as one rule.
 template <typename Rule>
 Result<Rule> ruleOf(const char* option, const std::vector<std::string>& values) {
     Rule rule;
     for (const std::string& value : values) {
         const auto parsed = parseTimeOrSize(value);
-        if (!parsed) return invalid(std::string(option) + ": " + parsed.error().text());
+        if (!parsed) return invalidArgument(std::string(option) + ": " + parsed.error().text());
         const bool isTime = parsed.value().time.count() != 0;
         if (isTime ? rule.time.count() != 0 : rule.bytes != 0)
-            return invalid(fmt::format("{}: two {} are given", option, isTime ? "times" : "sizes"));
+            return invalidArgument(fmt::format("{}: two {} are given", option, isTime ? "times" : "sizes"));
         if (isTime) rule.time = parsed.value().time;
         if (!isTime) rule.bytes = parsed.value().bytes;
     }
@@ -45,7 +41,7 @@ Result<Rule> ruleOf(const char* option, const std::vector<std::string>& values) 
 
 Result<TimeOrSize> parseTimeOrSize(std::string_view text) {
     const Error wrong =
-        invalid(fmt::format("'{}' is no time and no size (90s, 15min, 1h, 14d, 500MB, 2GB)", text));
+        invalidArgument(fmt::format("'{}' is no time and no size (90s, 15min, 1h, 14d, 500MB, 2GB)", text));
     double number = 0;
     const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (failure != std::errc() || !std::isfinite(number) || number <= 0) return wrong;
@@ -89,9 +85,9 @@ void RecordingOptions::addOptions(OptionSet& options) {
 Result<void> RecordingOptions::check() const {
     const bool isAny = !split_.empty() || !keep_.empty() || name_ || !exportAs_.empty() || withParameters_;
     if (isAny && directory_.empty())
-        return invalid(
+        return invalidArgument(
             "--split, --keep, --name, --export and --with-parameters are about a recording: give -r");
-    if (!keep_.empty() && split_.empty()) return invalid("--keep removes closed parts: give --split");
+    if (!keep_.empty() && split_.empty()) return invalidArgument("--keep removes closed parts: give --split");
     if (auto able = place(); !able) return able.error();
     return {};
 }
@@ -105,13 +101,13 @@ Result<storage::RecordingPlace> RecordingOptions::place() const {
     constexpr std::uint64_t kSmallest = 100'000;
     const bool tooShort = place.split.time.count() != 0 && place.split.time < kShortest;
     if (tooShort || (place.split.bytes != 0 && place.split.bytes < kSmallest))
-        return invalid("--split: a part has at least 1s or 100kB");
+        return invalidArgument("--split: a part has at least 1s or 100kB");
     auto keep = ruleOf<storage::KeepRule>("--keep", keep_);
     if (!keep) return keep.error();
     place.keep = keep.value();
     if (name_) {
         if (auto good = storage::PartNames::check(*name_); !good)
-            return invalid("--name: " + good.error().text());
+            return invalidArgument("--name: " + good.error().text());
         place.name = *name_;
     }
     return place;

@@ -19,7 +19,7 @@ namespace {
 
 using session::Reading;
 
-void writeReading(JsonWriter& json, const Reading& reading, value::NumberStyle style) {
+void writeReadingValue(JsonWriter& json, const Reading& reading, value::NumberStyle style) {
     const std::string text = value::valueText(reading.element, reading.physical(), style);
     writeValue(json, reading.element, reading.bytes.data(), text.empty() ? "?" : text);
 }
@@ -31,7 +31,7 @@ void writeErrorObject(JsonWriter& json, std::string_view key, const Error& error
 }
 
 void writeResult(JsonWriter& json, const Result<Reading>& value, value::NumberStyle style) {
-    if (value) return writeReading(json.key("value"), value.value(), style);
+    if (value) return writeReadingValue(json.key("value"), value.value(), style);
     writeErrorObject(json, "error", value.error());
 }
 
@@ -58,7 +58,7 @@ std::string writeText(std::string_view name, std::string_view typed, const sessi
             value::deviationText(outcome.value.value().element, typed, outcome.asked, outcome.written, style);
         if (!deviation.empty()) json.member("deviation", deviation);
     }
-    if (outcome.held && *outcome.held) writeReading(json.key("held"), outcome.held->value(), style);
+    if (outcome.held && *outcome.held) writeReadingValue(json.key("held"), outcome.held->value(), style);
     if (outcome.held && !*outcome.held) {
         json.key("held").null();
         writeErrorObject(json, "heldError", outcome.held->error());
@@ -147,7 +147,7 @@ serve::Forms serveForms(value::NumberStyle style) {
     forms.value = [style](const value::Element& element, const std::vector<std::uint8_t>& bytes) {
         std::string text;
         JsonWriter json(text);
-        writeReading(json, {element, bytes}, style);
+        writeReadingValue(json, {element, bytes}, style);
         return text;
     };
     forms.content = [style](const a2l::ObjectContent& content) {

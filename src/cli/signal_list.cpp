@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "core/stoppable_input.h"
+#include "core/text.h"
 #include "core/unique_fd.h"
 
 namespace lm::cli {
@@ -28,13 +29,6 @@ Result<std::string> readWhole(const std::filesystem::path& path, const StopToken
         if (text.size() <= kMaxSize) continue;
         return Error{ErrorCode::invalidArgument, "signal list " + path.string() + " is larger than 16 MiB"};
     }
-}
-
-std::string_view trimmed(std::string_view line) {
-    constexpr std::string_view kBlanks = " \t\r";
-    const auto begin = line.find_first_not_of(kBlanks);
-    if (begin == std::string_view::npos) return {};
-    return line.substr(begin, line.find_last_not_of(kBlanks) - begin + 1);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "core/text.h"
 #include "core/whole_file.h"
 #include "watch/duration.h"
 
@@ -9,13 +10,6 @@ namespace lm::cli {
 namespace {
 
 constexpr std::size_t kMostFileBytes = std::size_t{16} << 20U;
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r";
-    const auto begin = text.find_first_not_of(kBlanks);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
-}
 
 /// "NAME: EXPRESSION", or an expression that is its own name. None has a colon but in quotation marks.
 Result<WantedExpression> parseAssertion(std::string place, std::string_view text) {

@@ -58,6 +58,11 @@ struct Error {
     static Error withReasonAsHint(ErrorCode code, int systemError, std::string message);
 };
 
+/// ErrorCode::invalidArgument with the text.
+inline Error invalidArgument(std::string message) {
+    return {.code = ErrorCode::invalidArgument, .message = std::move(message)};
+}
+
 namespace detail {
 [[noreturn]] void abortOnMissingValue(const Error& error);
 [[noreturn]] void abortOnMissingError();

@@ -63,6 +63,13 @@ constexpr std::array<char, 256> kLower = [] {
 
 }  // namespace
 
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r\n";
+    const std::size_t first = std::min(text.find_first_not_of(kBlanks), text.size());
+    text.remove_prefix(first);
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
 void lowerAsciiInto(std::string& lowered, std::string_view text) {
     lowered.resize(text.size());
     for (std::size_t i = 0; i < text.size(); ++i)

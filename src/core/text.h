@@ -34,6 +34,9 @@ constexpr std::optional<unsigned> hexDigit(char c) {
     return std::nullopt;
 }
 
+/// Without the blanks, tabs and line ends at both ends.
+std::string_view trimmed(std::string_view text);
+
 /// ASCII letters become small, all other bytes stay; `lowered` keeps its storage for many texts.
 void lowerAsciiInto(std::string& lowered, std::string_view text);
 

@@ -9,6 +9,7 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "core/text.h"
 #include "params/file_number.h"
 
 namespace lm::params {

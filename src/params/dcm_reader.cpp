@@ -18,7 +18,7 @@ namespace lm::params {
 namespace {
 
 /// What the comment in the first line calls the encoding, in small letters; empty when it does not.
-std::string declaredEncoding(std::string_view bytes) {
+std::string encodingOfDcm(std::string_view bytes) {
     const std::string_view line = bytes.substr(0, bytes.find_first_of("\r\n"));
     std::string lowered;
     lowerAsciiInto(lowered, line);
@@ -94,7 +94,7 @@ Result<void> DcmReader::decode(std::string_view bytes) {
         return reading_.error(lineOf(bytes, zero), "a byte 0, so this is no DCM text; save it as UTF-8");
     const bool isMarked = bytes.starts_with(kMark);
     if (isMarked) bytes.remove_prefix(kMark.size());
-    const std::string encoding = declaredEncoding(bytes);
+    const std::string encoding = encodingOfDcm(bytes);
     if (isMarked || encoding == "utf-8" || encoding == "utf8") {
         if (const std::size_t good = lengthOfUtf8(bytes); good < bytes.size())
             return reading_.error(lineOf(bytes, good), "not UTF-8, though the first line says so");

@@ -21,13 +21,14 @@ using Values = std::span<const value::Value>;
 constexpr std::size_t kPerLine = 6;
 constexpr std::string_view kAxisLetters = "XY";
 
-bool isText(const value::Value& value) {
+bool holdsText(const value::Value& value) {
     return std::holds_alternative<std::string>(value);
 }
 
 bool isMixed(Values values) {
-    return std::any_of(values.begin(), values.end(),
-                       [&](const value::Value& value) { return isText(value) != isText(values.front()); });
+    return std::any_of(values.begin(), values.end(), [&](const value::Value& value) {
+        return holdsText(value) != holdsText(values.front());
+    });
 }
 
 /// One or more lines of numbers with the first keyword, or of texts with the second.

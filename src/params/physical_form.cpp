@@ -76,11 +76,4 @@ std::string asLine(std::string_view text) {
     return line;
 }
 
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r\n";
-    const std::size_t first = std::min(text.find_first_not_of(kBlanks), text.size());
-    text.remove_prefix(first);
-    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
-}
-
 }  // namespace lm::params

@@ -54,6 +54,4 @@ bool isPlainName(std::string_view name);
 /// A unit or a description as a line of a file holds it: control characters are blanks.
 std::string asLine(std::string_view text);
 
-std::string_view trimmed(std::string_view text);
-
 }  // namespace lm::params

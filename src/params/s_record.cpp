@@ -18,9 +18,9 @@ constexpr std::array<std::size_t, 10> kAddressBytes = {2, 2, 3, 4, 0, 2, 3, 4, 3
 constexpr std::size_t kMost16 = 0xFFFF;
 constexpr std::size_t kMost24 = 0xFFFFFF;
 
-class Reader {
+class SRecordReader {
   public:
-    explicit Reader(std::string_view text) : lines_(text) {}
+    explicit SRecordReader(std::string_view text) : lines_(text) {}
 
     Result<MemoryFile> read() {
         while (lines_.next()) {
@@ -100,9 +100,9 @@ class Reader {
     std::size_t endLine_ = 0;
 };
 
-class Writer {
+class SRecordWriter {
   public:
-    Writer(const MemoryFile& file, std::size_t addressBytes)
+    SRecordWriter(const MemoryFile& file, std::size_t addressBytes)
         : file_(file),
           lineEnd_(file.layout().hasCarriageReturns ? "\r\n" : "\n"),
           addressBytes_(std::max(addressBytes,
@@ -166,11 +166,11 @@ class Writer {
 }  // namespace
 
 Result<MemoryFile> parseSRecords(std::string_view text) {
-    return Reader(text).read();
+    return SRecordReader(text).read();
 }
 
 std::string sRecordText(const MemoryFile& file, std::size_t addressBytes) {
-    return Writer(file, addressBytes).text();
+    return SRecordWriter(file, addressBytes).text();
 }
 
 }  // namespace lm::params

@@ -20,13 +20,13 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t kBodyDepth = 4;
+constexpr std::size_t kPlanDepth = 4;
 constexpr std::chrono::milliseconds kLeastWindow{20};
 constexpr std::chrono::milliseconds kMostWindow{60000};
 
 /// "signals" of the body; empty: those of the configuration.
 Result<std::vector<std::string>> signalsOf(const http::Request& request) {
-    const Result<json> body = http::parseBody(request.body, kBodyDepth);
+    const Result<json> body = http::parseBody(request.body, kPlanDepth);
     if (!body) return body.error();
     if (!body.value().contains("signals")) return std::vector<std::string>();
     return body.value()["signals"].get<std::vector<std::string>>();
@@ -241,7 +241,7 @@ void Service::stream(http::Request& request, const http::Reply& reply) {
 }
 
 void Service::startRecording(http::Request& request, const http::Reply& reply) {
-    const Result<json> body = http::parseBody(request.body, kBodyDepth);
+    const Result<json> body = http::parseBody(request.body, kPlanDepth);
     if (!body) return reply.fail(body.error());
     atDesk(request, reply, false,
            [this, reply, name = body.value().at("name").get<std::string>(),
@@ -263,7 +263,7 @@ void Service::stopRecording(http::Request& request, const http::Reply& reply) {
 }
 
 void Service::mark(http::Request& request, const http::Reply& reply) {
-    const Result<json> body = http::parseBody(request.body, kBodyDepth);
+    const Result<json> body = http::parseBody(request.body, kPlanDepth);
     if (!body) return reply.fail(body.error());
     constexpr std::size_t kMostBytes = 1000;
     const auto text = body.value().at("text").get<std::string>();

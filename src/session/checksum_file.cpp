@@ -17,10 +17,9 @@ namespace {
 using nlohmann::json;
 using nlohmann::ordered_json;
 
-constexpr int kSchema = 1;
-constexpr std::string_view kKind = "xcplumo checksums";
-constexpr std::size_t kMostBytes = std::size_t{64} << 20U;
-constexpr int kMostDepth = 8;
+constexpr int kSumsSchema = 1;
+constexpr std::string_view kSumsKind = "xcplumo checksums";
+constexpr std::size_t kMostSumsBytes = std::size_t{64} << 20U;
 
 SavedSums segmentFrom(const json& entry) {
     SavedSums saved;
@@ -52,11 +51,6 @@ ordered_json documentOf(const SavedSums& saved) {
     return entry;
 }
 
-bool refuseDeepNesting(int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
-    if (depth > kMostDepth) throw std::length_error("nested deeper than 8 levels");
-    return true;
-}
-
 }  // namespace
 
 const SavedSums* ChecksumFile::find(std::uint8_t segment) const {
@@ -67,8 +61,8 @@ const SavedSums* ChecksumFile::find(std::uint8_t segment) const {
 
 std::string checksumFileText(const ChecksumFile& file) {
     ordered_json document;
-    document["kind"] = kKind;
-    document["schema"] = kSchema;
+    document["kind"] = kSumsKind;
+    document["schema"] = kSumsSchema;
     if (!file.ecuEpk.empty()) document["ecuEpk"] = file.ecuEpk;
     document["segments"] = ordered_json::array();
     for (const SavedSums& saved : file.segments)
@@ -82,9 +76,9 @@ Result<ChecksumFile> checksumFileFrom(std::string_view text, const std::string& 
     };
     try {
         const json document = json::parse(text, &refuseDeepNesting);
-        if (!document.is_object() || document.value("kind", "") != kKind)
+        if (!document.is_object() || document.value("kind", "") != kSumsKind)
             return wrong("no file that `check --save` wrote");
-        if (document.value("schema", 0) != kSchema) return wrong("of another version of this program");
+        if (document.value("schema", 0) != kSumsSchema) return wrong("of another version of this program");
         ChecksumFile file;
         file.ecuEpk = document.value("ecuEpk", "");
         for (const json& entry : document.at("segments"))
@@ -102,7 +96,7 @@ Result<ChecksumFile> loadChecksums(const std::filesystem::path& path) {
     char piece[4096];
     while (file.read(piece, sizeof piece) || file.gcount() > 0) {
         text.append(piece, static_cast<std::size_t>(file.gcount()));
-        if (text.size() > kMostBytes)
+        if (text.size() > kMostSumsBytes)
             return Error{ErrorCode::invalidArgument, path.string() + ": larger than 64 MiB"};
     }
     if (file.bad()) return Error::fromErrno(errno, "cannot read " + path.string());

@@ -11,11 +11,6 @@
 namespace lm::session {
 namespace {
 
-std::vector<std::uint8_t> bytesAt(const a2l::MemoryImage& image, const a2l::MemorySpan& span) {
-    const std::uint8_t* const bytes = image.at(span.address, span.size);
-    return {bytes, bytes + span.size};
-}
-
 bool holdsAll(const a2l::MemoryImage& image, const a2l::ObjectContent& content) {
     const auto spans = content.placed.spans(0);
     return std::all_of(spans.begin(), spans.end(), [&](const a2l::MemorySpan& span) {

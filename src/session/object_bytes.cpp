@@ -8,11 +8,6 @@
 namespace lm::session {
 namespace {
 
-std::vector<std::uint8_t> bytesAt(const a2l::MemoryImage& image, const a2l::MemorySpan& span) {
-    const std::uint8_t* const bytes = image.at(span.address, span.size);
-    return {bytes, bytes + span.size};
-}
-
 /// The bits of `bits` where the mask has them, else those of `now`.
 std::vector<std::uint8_t> merged(const BytePiece& piece, const std::vector<std::uint8_t>& bits,
                                  const std::uint8_t* now) {
@@ -87,6 +82,11 @@ Result<void> writeSide(IMemory& memory, const ObjectBytes& change, Side side,
 }
 
 }  // namespace
+
+std::vector<std::uint8_t> bytesAt(const a2l::MemoryImage& image, const a2l::MemorySpan& span) {
+    const std::uint8_t* const bytes = image.at(span.address, span.size);
+    return {bytes, bytes + span.size};
+}
 
 void forEachOwnElement(const a2l::PlacedObject& placed,
                        const std::function<void(const value::Element&)>& take) {

@@ -33,6 +33,9 @@ struct ObjectBytes {
 /// Called when all is checked, before the first write, with what is about to change.
 using BeforeWriting = std::function<void(const std::vector<ObjectBytes>&)>;
 
+/// The bytes of a piece of memory that the image holds.
+std::vector<std::uint8_t> bytesAt(const a2l::MemoryImage& image, const a2l::MemorySpan& span);
+
 /// Called with the values of the object and the points that are its own, one after the other.
 void forEachOwnElement(const a2l::PlacedObject& placed,
                        const std::function<void(const value::Element&)>& take);

@@ -25,7 +25,7 @@ using params::Shape;
 using value::Element;
 using value::Value;
 
-constexpr std::size_t kLongest = sizeof(std::uint64_t);
+constexpr std::size_t kLongestValue = sizeof(std::uint64_t);
 
 /// Whatever the limits say: what an ECU holds is kept as it is.
 Element withoutLimits(Element element) {
@@ -99,7 +99,7 @@ class Numbers {
     static constexpr value::DataType kDouble = value::DataType::float64;
 
     bool givesBack(const Value& physical, const std::uint8_t* bytes) const {
-        std::array<std::uint8_t, kLongest> buffer{};
+        std::array<std::uint8_t, kLongestValue> buffer{};
         std::memcpy(buffer.data(), bytes, element_.size());
         // What does not write a bit must not seem to give it back.
         for (std::size_t i = 0; i < element_.size(); ++i)

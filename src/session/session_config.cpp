@@ -29,7 +29,7 @@ using nlohmann::ordered_json;
 constexpr std::array<std::string_view, 3> kPolicyNames = {"abort", "retry", "retry_forever"};
 
 // A whole number written with a point or an exponent (5e5) is a whole number all the same.
-std::optional<std::uint64_t> wholeNumber(const json& value) {
+std::optional<std::uint64_t> unsignedNumber(const json& value) {
     if (value.is_number_unsigned()) return value.get<std::uint64_t>();
     if (!value.is_number_float()) return std::nullopt;
     constexpr double kExactLimit = 9007199254740992.0;  // 2^53
@@ -76,7 +76,7 @@ class Section {
     void read(const char* key, T& target) {
         const json* value = find(key);
         if (value == nullptr) return;
-        if (const auto number = unsignedNumber(key, *value, 0, std::numeric_limits<T>::max())) {
+        if (const auto number = wholeNumber(key, *value, 0, std::numeric_limits<T>::max())) {
             target = static_cast<T>(*number);
         }
     }
@@ -105,7 +105,7 @@ class Section {
         const json* value = find(key);
         if (value == nullptr) return;
         // 49 days: no duration of a session comes near, and sums of time points stay far from overflow.
-        if (const auto number = unsignedNumber(key, *value, minimum, UINT32_MAX)) {
+        if (const auto number = wholeNumber(key, *value, minimum, UINT32_MAX)) {
             target = std::chrono::milliseconds(*number);
         }
     }
@@ -115,7 +115,7 @@ class Section {
         if (value == nullptr) return;
         if (!value->is_string()) {
             if (!value->is_number()) return failType(key, "a number or text", *value);
-            if (const auto number = unsignedNumber(key, *value, 0, UINT32_MAX)) {
+            if (const auto number = wholeNumber(key, *value, 0, UINT32_MAX)) {
                 target = static_cast<std::uint32_t>(*number);
             }
             return;
@@ -146,7 +146,7 @@ class Section {
             return fail(key, "needs 7 numbers, but has " + std::to_string(value->size()));
         }
         for (std::size_t i = 0; i < timeouts.size(); ++i) {
-            const auto number = unsignedNumber(key, (*value)[i], 0, UINT16_MAX);
+            const auto number = wholeNumber(key, (*value)[i], 0, UINT16_MAX);
             if (!number) return;
             timeouts[i] = static_cast<std::uint16_t>(*number);
         }
@@ -203,7 +203,7 @@ class Section {
             target = parseDefaultEvent(value->get<std::string>(), target);
         } else if (!value->is_number()) {
             fail(key, "must be a number, the name of an event, or \"auto\"");
-        } else if (const auto number = unsignedNumber(key, *value, 0, UINT16_MAX)) {
+        } else if (const auto number = wholeNumber(key, *value, 0, UINT16_MAX)) {
             target = {static_cast<std::uint16_t>(*number)};
         }
     }
@@ -245,7 +245,7 @@ class Section {
     void readFrom(const char* key, T minimum, std::optional<T>& target) {
         const json* value = find(key);
         if (value == nullptr) return;
-        if (const auto number = unsignedNumber(key, *value, minimum, std::numeric_limits<T>::max()))
+        if (const auto number = wholeNumber(key, *value, minimum, std::numeric_limits<T>::max()))
             target = static_cast<T>(*number);
     }
 
@@ -312,13 +312,13 @@ class Section {
         fail(key, std::string("must be ") + wanted + ", but is " + value.type_name());
     }
 
-    std::optional<std::uint64_t> unsignedNumber(const char* key, const json& value, std::uint64_t minimum,
-                                                std::uint64_t maximum) {
+    std::optional<std::uint64_t> wholeNumber(const char* key, const json& value, std::uint64_t minimum,
+                                             std::uint64_t maximum) {
         if (!value.is_number()) {
             failType(key, "a number", value);
             return std::nullopt;
         }
-        const auto number = wholeNumber(value);
+        const auto number = unsignedNumber(value);
         if (number && *number >= minimum && *number <= maximum) return number;
         fail(key, value.dump() + " is not a whole number from " + std::to_string(minimum) + " to " +
                       std::to_string(maximum));

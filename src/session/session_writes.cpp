@@ -17,7 +17,7 @@ void giveUp(BytePiece& older, const BytePiece& newer) {
     }
 }
 
-bool isEmpty(const BytePiece& piece) {
+bool holdsNoBit(const BytePiece& piece) {
     return std::all_of(piece.mask.begin(), piece.mask.end(), [](std::uint8_t bits) { return bits == 0; });
 }
 
@@ -29,7 +29,7 @@ void SessionWrites::add(ObjectBytes change) {
         for (BytePiece& piece : object.pieces)
             for (const BytePiece& newer : change.pieces)
                 giveUp(piece, newer);
-        std::erase_if(object.pieces, isEmpty);
+        std::erase_if(object.pieces, holdsNoBit);
     }
     std::erase_if(objects_, [](const ObjectBytes& object) { return object.pieces.empty(); });
     if (!change.pieces.empty()) objects_.push_back(std::move(change));

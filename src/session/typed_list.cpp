@@ -7,6 +7,8 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "core/text.h"
+
 namespace lm::session {
 namespace {
 
@@ -14,12 +16,6 @@ constexpr std::string_view kBlanks = " \t\r\n";
 
 Error refused(const std::string& where, const std::string& why) {
     return {ErrorCode::invalidArgument, where + ": " + why};
-}
-
-std::string_view trimmed(std::string_view text) {
-    const auto begin = text.find_first_not_of(kBlanks);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
 
 std::size_t product(std::span<const std::uint32_t> dimensions) {

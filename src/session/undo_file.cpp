@@ -28,7 +28,6 @@ using nlohmann::ordered_json;
 constexpr int kSchema = 1;
 constexpr std::string_view kKind = "xcplumo undo";
 constexpr std::size_t kMostBytes = std::size_t{1} << 30U;
-constexpr int kMostDepth = 8;
 constexpr std::size_t kMostKept = 100;  ///< of a kind, when they are old
 constexpr std::size_t kMostYoung = 1000;
 constexpr std::chrono::hours kYoung{24 * 7};
@@ -83,11 +82,6 @@ BytePiece pieceFrom(const json& entry) {
     if (std::uint64_t{piece.address.address} + piece.before.size() > std::uint64_t{1} << 32U)
         throw std::invalid_argument("bytes beyond the last address");
     return piece;
-}
-
-bool refuseDeepNesting(int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
-    if (depth > kMostDepth) throw std::length_error("nested deeper than 8 levels");
-    return true;
 }
 
 /// Eight digits tell ECUs apart whose names and places look the same in a file's name.

@@ -23,7 +23,7 @@ using params::Parameter;
 using value::Element;
 using value::Value;
 
-Error fault(const std::string& name, const std::string& what) {
+Error faultOf(const std::string& name, const std::string& what) {
     return {ErrorCode::invalidArgument, name + ": " + what};
 }
 
@@ -54,8 +54,8 @@ bool isSignedZero(const Value& value) {
     return number != nullptr && *number == 0 && std::signbit(*number);
 }
 
-/// Numbers of one kind: the values, or the points of an axis.
-struct Numbers {
+/// ValueList of one kind: the values, or the points of an axis.
+struct ValueList {
     const std::vector<Value>& values;
     const std::vector<Value>& raws;
 };
@@ -68,7 +68,7 @@ class Wanting {
 
     Result<MemoryImage> run() {
         const std::string why = params::whyNotComparable(held_, wanted_, "the ECU", "the file");
-        if (!why.empty()) return fault(name(), why);
+        if (!why.empty()) return faultOf(name(), why);
         if (held_.shape == params::Shape::text) return text();
         if (auto taken = takeAll(); !taken) return taken.error();
         auto image = a2l::changed(content_, changes_);
@@ -92,7 +92,7 @@ class Wanting {
 
     Result<MemoryImage> text() {
         const auto* const characters = std::get_if<std::string>(&wanted_.values.front());
-        if (characters == nullptr) return fault(name(), "is a text, the file has a number");
+        if (characters == nullptr) return faultOf(name(), "is a text, the file has a number");
         if (wanted_.raws.empty()) {
             const bool isSameText = params::isSame(held_.values.front(), wanted_.values.front());
             if (isSameText && !wantsOtherBytes()) return content_.image;
@@ -102,7 +102,7 @@ class Wanting {
         const auto bytes = digits != nullptr ? bytesOfText(*digits) : std::nullopt;
         const std::size_t size = placed_.elementCount() * placed_.object().first.size();
         if (!bytes || bytes->size() != size)
-            return fault(name(), fmt::format("its raw value is not 0x with {} bytes of two digits", size));
+            return faultOf(name(), fmt::format("its raw value is not 0x with {} bytes of two digits", size));
         a2l::ObjectContent after = content_;
         after.image.add(placed_.address(0), *bytes);
         if (after.text() != *characters) return misfit(name(), after.text(), *characters);
@@ -124,7 +124,7 @@ class Wanting {
         return {};
     }
 
-    Result<void> take(Numbers held, Numbers wanted, std::optional<std::size_t> axis) {
+    Result<void> take(ValueList held, ValueList wanted, std::optional<std::size_t> axis) {
         for (std::size_t i = 0; i < std::min(held.values.size(), wanted.values.size()); ++i) {
             const Value& value = wanted.values[i];
             if (!wanted.raws.empty()) {
@@ -139,7 +139,7 @@ class Wanting {
             if (isHeld) continue;
             const auto* const number = std::get_if<double>(&value);
             if (number != nullptr && !std::isfinite(*number))
-                return fault(elementOf(axis, i).name, "the file has no finite number");
+                return faultOf(elementOf(axis, i).name, "the file has no finite number");
             changes_.push_back({axis, i, asTheA2lHasIt(axis, i, value)});
         }
         return {};
@@ -191,15 +191,15 @@ class Wanting {
         const a2l::PlacedAxis* const axis = axisOf(change);
         const Element element = elementOf(change.axis, change.number);
         if (axis != nullptr && !axis->isOwn() && change.axis)
-            return fault(element.name, "its points are not stored here and cannot be set");
+            return faultOf(element.name, "its points are not stored here and cannot be set");
         std::uint8_t* const bytes = image.at(element.address, element.size());
         const std::vector<std::uint8_t> before(bytes, bytes + element.size());
         const std::span<std::uint8_t> buffer(bytes, element.size());
         if (auto encoded = encode(change, axis, element, buffer); !encoded)
-            return fault(element.name, encoded.error().text());
+            return faultOf(element.name, encoded.error().text());
         if (std::equal(before.begin(), before.end(), bytes)) return {};
         if (change.axis && axis != nullptr && axis->about().readOnly)
-            return fault(element.name, "is read-only");
+            return faultOf(element.name, "is read-only");
         const bool isStep = axis != nullptr && axis->about().difference;
         if (isStep) return {};  // that of the point is seen once all are there
         const double physical =
@@ -243,20 +243,20 @@ class Wanting {
     }
 
     static Result<void> checkLimits(const Element& element, double physical) {
-        if (std::isnan(physical)) return fault(element.name, "the file has no finite number");
+        if (std::isnan(physical)) return faultOf(element.name, "the file has no finite number");
         if (!value::isBeyondLimits(element, physical)) return {};
         Element wider = element;
         if (element.takesExtended && element.extendedLimits)
             std::tie(wider.lowerLimit, wider.upperLimit) = *element.extendedLimits;
         if (!value::isBeyondLimits(wider, physical)) return {};
-        return fault(element.name,
-                     fmt::format("{} outside the limits [{}, {}]", formatGeneral(physical),
-                                 formatGeneral(wider.lowerLimit), formatGeneral(wider.upperLimit)));
+        return faultOf(element.name,
+                       fmt::format("{} outside the limits [{}, {}]", formatGeneral(physical),
+                                   formatGeneral(wider.lowerLimit), formatGeneral(wider.upperLimit)));
     }
 
     static Error misfit(const std::string& where, const Value& meant, const Value& beside) {
-        Error error = fault(where, fmt::format("its raw value means {}, the value beside it is {}",
-                                               shown(meant), shown(beside)));
+        Error error = faultOf(where, fmt::format("its raw value means {}, the value beside it is {}",
+                                                 shown(meant), shown(beside)));
         error.hint = "after changing a value by hand remove its \"raw\" or \"raws\"";
         return error;
     }
@@ -299,7 +299,7 @@ class Wanting {
             if (!before || !after) continue;
             const auto broken = a2l::brokenMonotony(before.value(), after.value(), axis.about().monotony);
             if (broken < after.value().size())
-                return fault(axis.element(broken).name, "breaks the monotony of its axis");
+                return faultOf(axis.element(broken).name, "breaks the monotony of its axis");
         }
         return {};
     }

@@ -1,4 +1,4 @@
-// Whole numbers of files that this program wrote and anyone may have changed.
+// Whole numbers and nesting of files that this program wrote and anyone may have changed.
 //
 // Threads: pure functions.
 #pragma once
@@ -22,6 +22,13 @@ T wholeNumber(const nlohmann::json& entry) {
         throw std::out_of_range(entry.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
                                 " is no whole number from 0 to " + std::to_string(kMost));
     return static_cast<T>(entry.get<std::uint64_t>());
+}
+
+/// For the JSON library to call while it parses: throws std::length_error where the text is nested too deep.
+inline bool refuseDeepNesting(int depth, nlohmann::json::parse_event_t /*event*/,
+                              nlohmann::json& /*parsed*/) {
+    if (depth > 8) throw std::length_error("nested deeper than 8 levels");
+    return true;
 }
 
 }  // namespace lm::session

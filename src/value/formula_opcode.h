@@ -67,4 +67,8 @@ enum FormulaOpcode : std::uint8_t {
     kVariableDivideConstant = 49,
 };
 
+constexpr bool isComparison(std::uint8_t opcode) {
+    return opcode >= kLess && opcode <= kNotEqual;
+}
+
 }  // namespace lm::value

@@ -6,16 +6,13 @@
 #include <limits>
 #include <utility>
 
+#include "value/formula_opcode.h"
 #include "value/formula_operations.h"
 
 namespace lm::watch {
 namespace {
 
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
-
-bool isComparison(std::uint8_t opcode) {
-    return opcode >= value::kLess && opcode <= value::kNotEqual;
-}
 
 double negated(double truth) {
     return std::isnan(truth) ? truth : value::truth(truth == 0);
@@ -80,7 +77,7 @@ double combined(std::uint8_t opcode, double left, double right) {
         case value::kOr:
             return negated(both(negated(left), negated(right)));
         default:
-            return isComparison(opcode) ? compared(opcode, left, right) : ofBits(opcode, left, right);
+            return value::isComparison(opcode) ? compared(opcode, left, right) : ofBits(opcode, left, right);
     }
 }
 
@@ -139,7 +136,7 @@ void Condition::fuse() {
     std::vector<Instruction> fused;
     for (const Instruction& step : program_) {
         const std::size_t size = fused.size();
-        const bool fits = isComparison(step.opcode) && size >= 2 && fused[size - 2].opcode == kSlot &&
+        const bool fits = value::isComparison(step.opcode) && size >= 2 && fused[size - 2].opcode == kSlot &&
                           fused[size - 1].opcode == value::kConstant;
         if (!fits) {
             fused.push_back(step);
@@ -165,7 +162,7 @@ Result<Condition> Condition::compile(const Expression& expression, const SlotOf&
     }
     if (deepest > value::kFormulaStackSize)
         return Error{ErrorCode::invalidArgument, "the expression is too complex"};
-    if (isComparison(condition.program_.back().opcode)) {
+    if (value::isComparison(condition.program_.back().opcode)) {
         condition.compares_ = true;
         condition.comparison_ = condition.program_.back().opcode;
         condition.program_.pop_back();

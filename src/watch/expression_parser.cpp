@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/text.h"
+#include "value/formula_opcode.h"
 #include "value/formula_operations.h"
 #include "watch/duration.h"
 #include "watch/expression.h"
@@ -27,10 +28,6 @@ constexpr bool isSpace(char c) {
 constexpr bool continuesCharacter(char c) {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
 }
-bool isComparison(std::uint8_t opcode) {
-    return opcode >= value::kLess && opcode <= value::kNotEqual;
-}
-
 }  // namespace
 
 /// Precedence climbing, with the operators and the precedence of the formula language.
@@ -115,8 +112,8 @@ class ExpressionParser {
 
     /// 1 < x < 3 would compare a truth with 3.
     bool comparesTruth(std::uint8_t opcode, const Node& operand) const {
-        return isComparison(opcode) && operand.kind == NodeKind::binary && isComparison(operand.opcode) &&
-               !operand.inBrackets;
+        return value::isComparison(opcode) && operand.kind == NodeKind::binary &&
+               value::isComparison(operand.opcode) && !operand.inBrackets;
     }
 
     bool parseExpression(int minimumPrecedence) {

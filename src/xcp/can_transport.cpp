@@ -10,10 +10,6 @@
 namespace lm::xcp {
 namespace {
 
-Error invalid(const char* message) {
-    return {.code = ErrorCode::invalidArgument, .message = message};
-}
-
 broker::Filter filterFor(const CanId& id) {
     if (id.extended) {
         return {.id = id.id, .mask = hal::CanFrame::kExtendedIdMask, .format = broker::FrameFormat::extended};
@@ -38,7 +34,7 @@ CanTransport::~CanTransport() {
 
 Result<void> CanTransport::open() {
     if (subscription_) return {};
-    if (!isValidMaxDlc(config_)) return invalid("invalid XCP on CAN MAX_DLC");
+    if (!isValidMaxDlc(config_)) return invalidArgument("invalid XCP on CAN MAX_DLC");
     subscription_ = broker_.registerHandler(filters(), *this);
     return {};
 }
@@ -63,7 +59,7 @@ void CanTransport::close() {
 
 Result<void> CanTransport::send(const std::uint8_t* data, std::size_t length) {
     if (length == 0 || length > config_.maxDlc || length > hal::CanFrame::kMaxData) {
-        return invalid("XCP packet does not fit into a CAN frame");
+        return invalidArgument("XCP packet does not fit into a CAN frame");
     }
     hal::CanFrame frame;
     frame.id = config_.cmdId.id;

@@ -11,7 +11,7 @@ constexpr double kLeastForLine = 3;
 constexpr double kNsPerSecond = 1e9;
 
 /// Times of absurd tick lengths wrap instead of being undefined.
-std::int64_t difference(std::int64_t a, std::int64_t b) {
+std::int64_t wrappedDifference(std::int64_t a, std::int64_t b) {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
 }
 
@@ -54,8 +54,8 @@ void ClockFit::halve() {
 }
 
 double ClockFit::distance(const Line& line, const Point& point) const {
-    const auto x = static_cast<double>(difference(point.receiveNs, origin_.receiveNs)) / kNsPerSecond;
-    const auto y = static_cast<double>(difference(point.offsetNs, origin_.offsetNs));
+    const auto x = static_cast<double>(wrappedDifference(point.receiveNs, origin_.receiveNs)) / kNsPerSecond;
+    const auto y = static_cast<double>(wrappedDifference(point.offsetNs, origin_.offsetNs));
     return y - line.at0 - line.slope * x;
 }
 
@@ -68,7 +68,8 @@ ClockFit::Line ClockFit::fit(double farthest, const Line& against) const {
     const auto eachPoint = [&](const auto& take) {
         for (const Point& point : points_) {
             if (distance(against, point) > farthest) continue;
-            const auto x = static_cast<double>(difference(point.receiveNs, origin_.receiveNs)) / kNsPerSecond;
+            const auto x =
+                static_cast<double>(wrappedDifference(point.receiveNs, origin_.receiveNs)) / kNsPerSecond;
             take(x, distance(zero, point));
         }
     };
@@ -105,8 +106,8 @@ std::optional<ClockFigures> ClockFit::figures() const {
     const Line found = line();
     const std::int64_t endNs = points_.back().receiveNs;
     ClockFigures figures{.residualNs = found.residual,
-                         .spanNs = difference(endNs, points_.front().receiveNs)};
-    const double lengthS = static_cast<double>(difference(endNs, origin_.receiveNs)) / kNsPerSecond;
+                         .spanNs = wrappedDifference(endNs, points_.front().receiveNs)};
+    const double lengthS = static_cast<double>(wrappedDifference(endNs, origin_.receiveNs)) / kNsPerSecond;
     figures.offsetNs = origin_.offsetNs + std::llround(found.at0 + found.slope * lengthS);
     // The slope is of the host's seconds; a slave that is fast by p counts 1 + p of its own in each.
     figures.driftPpm = -found.slope * 1e6 / kNsPerSecond;

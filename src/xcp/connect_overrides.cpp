@@ -7,7 +7,6 @@
 namespace lm::xcp {
 namespace {
 
-constexpr std::size_t kConnectLength = 8;
 constexpr std::size_t kCommMode = 2;
 constexpr std::size_t kMaxDto = 4;
 constexpr std::uint8_t kByteOrderBit = 0x01;

@@ -12,9 +12,7 @@
 namespace lm::xcp {
 namespace {
 
-constexpr unsigned kT1 = 0;
 constexpr unsigned kT7 = 6;
-constexpr std::size_t kConnectLength = 8;
 
 std::string nameOf(const Packet& command) {
     return std::string(commandName(command.code()));

@@ -188,8 +188,9 @@ class Connection {
     // The answer mutex is held.
     bool stopping();
     bool mayGoOn() const { return !stop_.requested() || finishing_ != 0; }
-    bool patienceEnded() { return stopping() && silence_ >= timeout(0); }
+    bool patienceEnded() { return stopping() && silence_ >= timeout(kT1); }
 
+    static constexpr unsigned kT1 = 0;  ///< the index of the timeout of most commands
     Clock::duration timeout(unsigned index) const;
     std::int64_t nowNs();
 

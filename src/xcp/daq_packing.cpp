@@ -10,16 +10,12 @@ namespace {
 
 constexpr std::size_t kMaxElementsPerEntry = 255;
 
-Error invalid(std::string message) {
-    return {.code = ErrorCode::invalidArgument, .message = std::move(message)};
-}
-
 }  // namespace
 
 Result<DaqRoom> measureRoom(const DaqPlan& plan, const DaqCapabilities& capabilities,
                             const DaqPlanOptions& options) {
     if (options.maxDto <= plan.identificationSize + plan.timestampSize) {
-        return invalid("MAX_DTO too small for identification field and timestamp");
+        return invalidArgument("MAX_DTO too small for identification field and timestamp");
     }
     DaqRoom room;
     room.payload = static_cast<std::size_t>(options.maxDto - plan.identificationSize);
@@ -36,15 +32,15 @@ Result<DaqRoom> measureRoom(const DaqPlan& plan, const DaqCapabilities& capabili
 
 Result<void> checkEntrySize(const DaqSignal& signal, const DaqRoom& room) {
     if (signal.size != 0 && signal.size <= room.entryLimit && signal.size % room.entryUnit == 0) return {};
-    return invalid(fmt::format("signal of {} bytes does not fit into an ODT entry (max {})", signal.size,
-                               room.largestEntry));
+    return invalidArgument(fmt::format("signal of {} bytes does not fit into an ODT entry (max {})",
+                                       signal.size, room.largestEntry));
 }
 
 Result<void> checkEventExists(std::uint16_t event, const DaqCapabilities& capabilities) {
     const bool exists = capabilities.events.empty() ? event < capabilities.maxEventChannel
                                                     : capabilities.findEvent(event) != nullptr;
     if (exists) return {};
-    return invalid(fmt::format("event channel {} does not exist", event));
+    return invalidArgument(fmt::format("event channel {} does not exist", event));
 }
 
 void SignalGroup::add(const DaqSignal& signal, std::size_t index) {
@@ -90,7 +86,7 @@ void layOutRecord(DaqList& list) {
 }
 
 Error firstOdtEmpty(std::uint16_t eventChannel, const DaqRoom& room) {
-    Error error = invalid(fmt::format(
+    Error error = invalidArgument(fmt::format(
         "first ODT of event {} is empty (signals too large next to the timestamp)", eventChannel));
     error.hint = fmt::format(
         "add a signal of at most {} byte(s) to event {}, or measure without timestamps (\"useTimestamps\": "

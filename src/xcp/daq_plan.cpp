@@ -16,10 +16,6 @@ namespace {
 constexpr std::size_t kPids = 252;
 constexpr std::size_t kPidsWithOverload = 124;
 
-Error invalid(std::string message) {
-    return {.code = ErrorCode::invalidArgument, .message = std::move(message)};
-}
-
 /// The list of an event channel of a slave with dynamic ones.
 Result<void> packGroup(const SignalGroup& group, const DaqRoom& room, DaqPlan& plan) {
     DaqList& list = plan.lists.back();
@@ -48,7 +44,8 @@ Result<void> numberOdts(DaqPlan& plan) {
         }
         most = std::max(most, next);
     }
-    if (most > limit) return invalid(fmt::format("{} ODTs exceed the {} available PIDs", most, limit));
+    if (most > limit)
+        return invalidArgument(fmt::format("{} ODTs exceed the {} available PIDs", most, limit));
     return {};
 }
 
@@ -57,7 +54,7 @@ Result<void> checkListNumbers(const DaqPlan& plan) {
     const std::size_t last =
         plan.lists.empty() ? 0 : std::size_t{plan.lists.front().number} + plan.lists.size() - 1;
     if (last <= limit) return {};
-    return invalid(
+    return invalidArgument(
         fmt::format("DAQ list {} exceeds {}, the largest number in the identification field", last, limit));
 }
 

@@ -9,7 +9,6 @@ namespace lm::xcp {
 
 namespace {
 
-constexpr std::size_t kStatusLength = 6;
 constexpr std::uint8_t kListModeTimestamp = 0x10;
 constexpr std::uint8_t kSelectList = 2;
 constexpr std::uint8_t kStopAll = 0;

@@ -7,13 +7,13 @@
 namespace lm::xcp {
 namespace {
 
-constexpr std::int64_t kMillisecond = 1'000'000;
-constexpr std::int64_t kWatchedNs = 1000 * kMillisecond;
-constexpr std::uint64_t kFewest = 4;              // DTOs that are more than an accident
-constexpr std::uint64_t kFewestJumps = 3;         // one stands for a packet out of order
-constexpr double kLateNs = 500.0 * kMillisecond;  // by which one packet may be held up
-constexpr double kUnevenNs = 100.0 * kMillisecond;
-constexpr double kLeastHostNs = 200.0 * kMillisecond;  // that tell a pace
+constexpr std::int64_t kMillisecondNs = 1'000'000;
+constexpr std::int64_t kWatchedNs = 1000 * kMillisecondNs;
+constexpr std::uint64_t kFewest = 4;                // DTOs that are more than an accident
+constexpr std::uint64_t kFewestJumps = 3;           // one stands for a packet out of order
+constexpr double kLateNs = 500.0 * kMillisecondNs;  // by which one packet may be held up
+constexpr double kUnevenNs = 100.0 * kMillisecondNs;
+constexpr double kLeastHostNs = 200.0 * kMillisecondNs;  // that tell a pace
 
 }  // namespace
 

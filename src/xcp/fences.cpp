@@ -8,9 +8,7 @@
 namespace lm::xcp {
 namespace {
 
-constexpr unsigned kT1 = 0;
 constexpr int kMostCare = 2;
-constexpr std::size_t kStatusLength = 6;
 constexpr int kMostSilences = 20;  ///< times t1: a slave that works off a queue has so long
 /// A slave that answers all twice does so at once.
 constexpr auto kCopyComesWithin = std::chrono::milliseconds(10);

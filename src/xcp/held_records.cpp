@@ -7,9 +7,9 @@ namespace lm::xcp {
 
 namespace {
 
-constexpr std::int64_t kMillisecond = 1'000'000;
-constexpr std::int64_t kStartNs = 500 * kMillisecond;
-constexpr std::int64_t kLongestSilenceNs = 50 * kMillisecond;
+constexpr std::int64_t kOneMillisecond = 1'000'000;
+constexpr std::int64_t kStartNs = 500 * kOneMillisecond;
+constexpr std::int64_t kLongestSilenceNs = 50 * kOneMillisecond;
 
 /// What tells a backlog from an event that paused: so much that it catches up, or that passes without.
 std::int64_t evidenceNs(const SlaveClock& clock) {

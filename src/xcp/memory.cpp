@@ -4,13 +4,7 @@
 #include <bit>
 
 namespace lm::xcp {
-namespace {
-
-Error invalid(const char* message) {
-    return {.code = ErrorCode::invalidArgument, .message = message};
-}
-
-}  // namespace
+namespace {}  // namespace
 
 Result<void> Memory::point(Connection::Turn& turn, Address address) {
     return turn.perform(buildSetMta(address, turn.slave().byteOrder()));
@@ -47,7 +41,8 @@ Result<std::vector<std::uint8_t>> Memory::upload(Address address, std::size_t si
     if (!held) return held.error();
     Connection::Turn& turn = held.value();
     const std::size_t unit = turn.slave().granularity();
-    if (size == 0 || size % unit != 0) return invalid("upload size must be a non-zero multiple of AG");
+    if (size == 0 || size % unit != 0)
+        return invalidArgument("upload size must be a non-zero multiple of AG");
 
     return readPlain(turn, address, size / unit);
 }
@@ -103,7 +98,7 @@ Result<void> Memory::download(Address address, std::span<const std::uint8_t> byt
     Connection::Turn& turn = held.value();
     const std::uint8_t unit = turn.slave().granularity();
     if (bytes.empty() || bytes.size() % unit != 0) {
-        return invalid("download size must be a non-zero multiple of AG");
+        return invalidArgument("download size must be a non-zero multiple of AG");
     }
     if (auto open = turn.unlockBefore(Resource::calPag); !open) return open;
     return writePlain(turn, address, bytes);

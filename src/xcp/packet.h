@@ -19,6 +19,10 @@
 
 namespace lm::xcp {
 
+/// The shortest responses to CONNECT and GET_STATUS, in bytes.
+inline constexpr std::size_t kConnectLength = 8;
+inline constexpr std::size_t kStatusLength = 6;
+
 /// First byte of a command packet; only the commands this master sends.
 enum class Command : std::uint8_t {
     connect = 0xFF,

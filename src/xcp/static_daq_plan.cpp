@@ -14,10 +14,6 @@
 namespace lm::xcp {
 namespace {
 
-Error invalid(std::string message) {
-    return {.code = ErrorCode::invalidArgument, .message = std::move(message)};
-}
-
 /// Where an entry of a group travels.
 struct Carried {
     std::size_t list = 0;  ///< into DaqCapabilities::lists
@@ -222,8 +218,9 @@ Error StaticPlanner::refusal() const {
         all += group.uses.size();
         fit += fits;
     }
-    Error error = invalid(fmt::format("{} of {} signal(s) fit into the ECU's static DAQ lists ({}): {}", fit,
-                                      all, fmt::join(events, ", "), listTexts()));
+    Error error =
+        invalidArgument(fmt::format("{} of {} signal(s) fit into the ECU's static DAQ lists ({}): {}", fit,
+                                    all, fmt::join(events, ", "), listTexts()));
     error.hint = "measure fewer signals, or some at an event whose lists have room" + withoutRoom();
     return error;
 }
@@ -303,9 +300,11 @@ Result<void> checkStaticSignal(const DaqSignal& signal, const DaqRoom& room,
     if (std::any_of(lists.begin(), lists.end(), carries)) return {};
     if (canWrite) return sized;
     if (std::none_of(lists.begin(), lists.end(), usable))
-        return invalid(fmt::format("no DAQ list of the ECU can be given event {}", signal.eventChannel));
-    return invalid(fmt::format("no DAQ list that can be given event {} carries {} byte(s) at 0x{:08X}",
-                               signal.eventChannel, signal.size, signal.address.address));
+        return invalidArgument(
+            fmt::format("no DAQ list of the ECU can be given event {}", signal.eventChannel));
+    return invalidArgument(
+        fmt::format("no DAQ list that can be given event {} carries {} byte(s) at 0x{:08X}",
+                    signal.eventChannel, signal.size, signal.address.address));
 }
 
 Result<void> planStaticLists(std::span<const DaqSignal> signals, const std::vector<SignalGroup>& groups,

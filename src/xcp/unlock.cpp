@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::int32_t kMostUnlocks = 2;  ///< for one command: some slaves lock again after each
 constexpr std::int32_t kMostRounds = 3;
-constexpr std::size_t kStatusLength = 6;
 constexpr std::size_t kHeader = 2;  ///< of the answer to GET_SEED, and of UNLOCK
 constexpr std::size_t kLongestKey = 255;
 constexpr const char* kForeignKey =

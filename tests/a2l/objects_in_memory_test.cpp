@@ -98,7 +98,7 @@ std::string cuboid(const std::string& name, const std::string& maps) {
                        " /end CHARACTERISTIC\n", name, axis, maps);
 }
 
-const std::string kText = "/begin PROJECT P \"\" /begin MODULE M \"\"" + kCommon +
+const std::string kMemoryText = "/begin PROJECT P \"\" /begin MODULE M \"\"" + kCommon +
     curve("c1", "CURVE 0x1000 L1", kStd4) +
     map("m2r", "MAP 0x1100 LROW", kFixX, kFixY) + map("m2c", "MAP 0x1100 LCOL", kFixX, kFixY) +
     curve("c10", "CURVE 0x5000 L10", kStd4) +
@@ -180,7 +180,7 @@ class ObjectsInMemory : public testing::Test {
         return difference(read.value(), changedText(read.value(), text));
     }
 
-    Description description = parseDescription(kText).value();
+    Description description = parseDescription(kMemoryText).value();
     Memory memory;
 
   private:

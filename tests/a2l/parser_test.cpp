@@ -25,7 +25,7 @@ std::string inModule(std::string_view content) {
 
 const std::string kGood = R"(/begin MEASUREMENT good "" UBYTE c 0 0 0 1 /end MEASUREMENT)";
 
-Description parsed(std::string_view content) {
+Description parsedModule(std::string_view content) {
     auto result = parseDescription(inModule(content));
     EXPECT_TRUE(result.ok()) << content;
     return result.ok() ? std::move(result).value() : Description();
@@ -80,7 +80,7 @@ TEST(Parser, ReadsMeasurements) {
          " x1 mask 0 '' '' '' events 1,2,3:2"},
     };
     for (const auto& [optional, dump] : rows) {
-        const auto d = parsed(fmt::format(
+        const auto d = parsedModule(fmt::format(
             "/begin MEASUREMENT m \"d\" UWORD NO_COMPU_METHOD 1 2 0 10 {} /end MEASUREMENT", optional));
         ASSERT_EQ(d.measurements.size(), 1U) << optional << fmt::format("{}", d.warnings);
         EXPECT_EQ(dumped(d, d.measurements[0]), "m 'd' UWORD NO_COMPU_METHOD [0 10]" + dump) << optional;
@@ -108,7 +108,7 @@ const std::string kObjects = R"(
 /begin GROUP g "" /begin CHARACTERISTIC nested /end CHARACTERISTIC /end GROUP)";
 
 TEST(Parser, ReadsTheOtherObjects) {
-    const auto d = parsed(kObjects);
+    const auto d = parsedModule(kObjects);
     ASSERT_EQ(fmt::format("{}", d.warnings), "[]");
     const Characteristic& c = *d.findCharacteristic("c");
     EXPECT_EQ(
@@ -180,7 +180,7 @@ TEST(Parser, SkipsWhatItCannotRead) {
         words >> keyword >> name;
         name.erase(std::remove(name.begin(), name.end(), '"'), name.end());
         if (!name.empty()) name = " '" + name + "'";
-        const auto d = parsed(fmt::format("/begin {} /end {}\n{}", object, keyword, kGood));
+        const auto d = parsedModule(fmt::format("/begin {} /end {}\n{}", object, keyword, kGood));
         EXPECT_EQ(fmt::format("{}", fmt::join(d.warnings, "\n")),
                   fmt::format("skipped: {}{} (line 2): {}", keyword, name, problem));
         EXPECT_NE(d.findMeasurement("good"), nullptr);
@@ -200,7 +200,7 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
     content +=
         "/begin CHARACTERISTIC m1 \"\" VALUE 0 d 0 c 0 1 /end CHARACTERISTIC\n"
         "/begin MOD_PAR \"\" SYSTEM_CONSTANT \"k\" \"1\" SYSTEM_CONSTANT \"k\" \"2\" /end MOD_PAR";
-    auto first = parsed(content);
+    auto first = parsedModule(content);
     const Description d = std::move(first);  // texts and indices go with it
     EXPECT_EQ(fmt::format("{}", fmt::join(d.warnings, "\n")),
               "skipped: /include 'a.a2l' (line 2): included files are not read\n"
@@ -221,7 +221,7 @@ TEST(Parser, KeepsTheFirstOfEqualNames) {
 }
 
 TEST(Parser, TellsWhatItLeavesOut) {
-    const auto d = parsed(
+    const auto d = parsedModule(
         "/begin IF_DATA ASAP1B_CCP /end IF_DATA /begin TRANSFORMER i /end TRANSFORMER\n"
         "/include sub/b.a2l /begin TRANSFORMER j /end TRANSFORMER "
         "/begin VARIANT_CODING /end VARIANT_CODING /begin GROUP g \"\" /end GROUP /include XCP.aml");
@@ -305,7 +305,7 @@ TEST(Parser, TellsOnceOfEachOddity) {
 /begin CHARACTERISTIC q "" VALUE 0 l 0 c 0 1 /end CHARACTERISTIC
 /begin CHARACTERISTIC good "" VALUE 0 l 0 c 0 1 /end CHARACTERISTIC
 /begin CHARACTERISTIC M "" VALUE 0 l 0 c 0 1 /end CHARACTERISTIC)";
-    EXPECT_EQ(parsed(limits + names + kGood).warnings,
+    EXPECT_EQ(parsedModule(limits + names + kGood).warnings,
               (std::vector<std::string>{
                   "MEASUREMENT 'm' (line 2) and 1 more object(s): a limit beyond the range of a 64-bit float "
                   "counts as none",

@@ -12,7 +12,7 @@
 namespace lm::a2l {
 namespace {
 
-Description parsed(std::string_view content) {
+Description parsedStructures(std::string_view content) {
     auto result = parseDescription(
         fmt::format("/begin PROJECT P \"\" /begin MODULE M \"\"\n{}\n/end MODULE /end PROJECT", content));
     EXPECT_TRUE(result.ok()) << content;
@@ -60,7 +60,7 @@ std::string shown(const Result<Leaf>& found) {
 }
 
 TEST(Structures, FindLeaves) {
-    const Description d = parsed(kTypes);
+    const Description d = parsedStructures(kTypes);
     const std::pair<std::string_view, std::string_view> rows[] = {
         {"inst[0].a", "inst[0].a 4000:0"},
         {"inst[1].b[2]", "inst[1].b[2] 4014:0"},
@@ -107,7 +107,7 @@ TEST(Structures, FindLeaves) {
 }
 
 TEST(Structures, AreWalkedInOrderAndAsFarAsAsked) {
-    const Description d = parsed(kTypes);
+    const Description d = parsedStructures(kTypes);
     const std::pair<std::string_view, std::string_view> rows[] = {
         {"inst", "4: inst[0].a 4000:0, inst[0].b 4004:0 [3], inst[1].a 400c:0"},
         {"plain", "1: plain 6000:0 [1000000000]!"},
@@ -137,7 +137,7 @@ TEST(Structures, AreWalkedInOrderAndAsFarAsAsked) {
 }
 
 TEST(Structures, LeavesAreComputedAsTheirTypesSay) {
-    const Description d = parsed(R"(
+    const Description d = parsedStructures(R"(
 /begin TYPEDEF_MEASUREMENT m "" UWORD NO_COMPU_METHOD 0 0 0 9 /end TYPEDEF_MEASUREMENT
 /begin TYPEDEF_CHARACTERISTIC dep "" VALUE L 0 NO_COMPU_METHOD 0 9
   /begin DEPENDENT_CHARACTERISTIC "X1+X2" THIS.a other /end DEPENDENT_CHARACTERISTIC /end TYPEDEF_CHARACTERISTIC
@@ -169,7 +169,7 @@ TEST(Structures, BombsAreHarmless) {
             " /end STRUCTURE_COMPONENT /end TYPEDEF_STRUCTURE /begin INSTANCE i{} \"\" S{} 0 /end INSTANCE\n",
             i, of, i, i);
     }
-    const Description d = parsed(content);
+    const Description d = parsedStructures(content);
     EXPECT_EQ(leafCount(d, *d.findInstance("i2")), 1000000000000000000U);
     EXPECT_EQ(leafCount(d, *d.findInstance("i9")), UINT64_MAX);
     // Where the beginning gives the indices no other elements are looked at.
@@ -199,7 +199,7 @@ TEST(Structures, AmongManyInstancesALeafIsFoundAtOnce) {
     content += "/end TYPEDEF_STRUCTURE\n";
     for (int i = 0; i < 50'000; ++i)
         content += fmt::format("/begin INSTANCE unit_{} \"\" S {} /end INSTANCE\n", i, 160 * i);
-    const Description d = parsed(content);
+    const Description d = parsedStructures(content);
     constexpr int kSearches = 1000;
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < kSearches; ++i) {

@@ -11,8 +11,8 @@ namespace lm::value {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+constexpr double kUnbounded = std::numeric_limits<double>::infinity();
+constexpr double kNoNumber = std::numeric_limits<double>::quiet_NaN();
 
 // Integers, masks and refusals are those of the campaign `set_safety`; here stand floats that no one can
 // type.
@@ -22,7 +22,7 @@ TEST(RawValue, FloatsTakeWhatNoOneTypes) {
         RawCoding coding;
         Bytes after;
     } rows[] = {{1.5, {DataType::float32, ByteOrder::bigEndian, 0xFF}, {0x3F, 0xC0, 0, 0}},
-                {kNan, {DataType::float32, ByteOrder::bigEndian, 0}, {0x7F, 0xC0, 0, 0}},
+                {kNoNumber, {DataType::float32, ByteOrder::bigEndian, 0}, {0x7F, 0xC0, 0, 0}},
                 {1e300, {DataType::float32, ByteOrder::littleEndian, 0}, {0, 0, 0x80, 0x7F}}};
     for (const auto& row : rows) {
         Bytes bytes(4);
@@ -56,7 +56,7 @@ TEST(RawValue, EveryHalfFloatDecodesAndComesBack) {
         }
         double expected =
             exponent == 0 ? std::ldexp(fraction, -24) : std::ldexp(fraction + 1024, exponent - 25);
-        if (exponent == 31) expected = kInfinity;
+        if (exponent == 31) expected = kUnbounded;
         ASSERT_EQ(value, bits < 0x8000 ? expected : -expected) << bits;
         ASSERT_EQ(halfBits(value), bits);
     }

@@ -8,7 +8,7 @@
 namespace lm::xcp {
 namespace {
 
-constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kFitMs = 1'000'000;
 constexpr std::int64_t kOffset = 7'000'000'000'000;
 
 /// Stamps each millisecond of a clock that is fast by `ppm`, received 20 us late at best, some of them by
@@ -18,9 +18,9 @@ void feed(ClockFit& fit, double ppm, double seconds, std::uint32_t generation = 
     std::exponential_distribution<double> usual(1 / 100e3);
     std::uniform_int_distribution<int> rare(0, 999);
     for (std::int64_t at = 0; at < std::llround(seconds * 1e3); ++at) {
-        const std::int64_t host = beginNs + at * kMs;
-        const std::int64_t held = rare(random) < 300 && at % 4000 < 700 ? 30 * kMs : 0;
-        const auto slave = static_cast<std::int64_t>(static_cast<double>(at * kMs) * (1 + ppm / 1e6));
+        const std::int64_t host = beginNs + at * kFitMs;
+        const std::int64_t held = rare(random) < 300 && at % 4000 < 700 ? 30 * kFitMs : 0;
+        const auto slave = static_cast<std::int64_t>(static_cast<double>(at * kFitMs) * (1 + ppm / 1e6));
         const std::int64_t receive = host + 20'000 + std::llround(usual(random)) + held;
         fit.add(receive - slave + kOffset - beginNs, receive, generation);
     }
@@ -49,10 +49,10 @@ TEST(ClockFit, FindsDriftAndOffset) {
 TEST(ClockFit, BeginsAgainWithTheClock) {
     ClockFit fit;
     feed(fit, 50, 5);
-    feed(fit, -200, 5, 2, 6'000 * kMs);
+    feed(fit, -200, 5, 2, 6'000 * kFitMs);
     ASSERT_TRUE(fit.figures());
     EXPECT_NEAR(fit.figures()->driftPpm, -200, 5);
-    EXPECT_LT(fit.figures()->spanNs, 5'100 * kMs);
+    EXPECT_LT(fit.figures()->spanNs, 5'100 * kFitMs);
 }
 
 }  // namespace

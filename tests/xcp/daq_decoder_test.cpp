@@ -11,22 +11,22 @@ using test::Bytes;
 using test::hex;
 using test::hexText;
 
-constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kDecoderMs = 1'000'000;
 
 /// Event 0 of 10 ms; dynamic lists from number 1 on.
 DaqCapabilities capabilities(DaqIdentification identification) {
     return {.dynamicConfiguration = true,
             .minDaq = 1,
             .identification = identification,
-            .events = {{.number = 0, .cycleNs = 10 * kMs}, {.number = 3}}};
+            .events = {{.number = 0, .cycleNs = 10 * kDecoderMs}, {.number = 3}}};
 }
 
 /// What a decoder makes of packets.
-class Bench final : public IDaqRecordSink {
+class DecoderBench final : public IDaqRecordSink {
   public:
     /// One list per event channel; its signals are 2 bytes long, and so is the payload of an ODT.
-    Bench(const DaqCapabilities& slave, const std::vector<std::uint16_t>& eventsOfSignals,
-          std::span<const std::uint8_t> firstPids = {})
+    DecoderBench(const DaqCapabilities& slave, const std::vector<std::uint16_t>& eventsOfSignals,
+                 std::span<const std::uint8_t> firstPids = {})
         : decoder(plan(slave, eventsOfSignals), slave, firstPids) {
         decoder.setSink(this);
     }
@@ -77,30 +77,30 @@ TEST(DaqDecoder, CountsEveryKindOfLoss) {
          "2/1[31 32]1/0[11 12 13 14 15 16] 0 0 0 0 0"},  // lists interleave
     };
     for (const auto& row : rows) {
-        Bench bench(capabilities(DaqIdentification::absoluteOdt), {0, 0, 0, 3});
+        DecoderBench bench(capabilities(DaqIdentification::absoluteOdt), {0, 0, 0, 3});
         EXPECT_EQ(bench.decode(row.dtos), row.result);
     }
-    Bench wide(capabilities(DaqIdentification::relativeWordAligned), {0});
+    DecoderBench wide(capabilities(DaqIdentification::relativeWordAligned), {0});
     EXPECT_EQ(wide.decode({"00", "00 00", "00 00 01", "00 AA 02 00"}), " 0 0 0 1 3");
     const Bytes firstPids = {0x20, 0x10};
-    Bench told(capabilities(DaqIdentification::absoluteOdt), {0, 0, 3}, firstPids);
+    DecoderBench told(capabilities(DaqIdentification::absoluteOdt), {0, 0, 3}, firstPids);
     EXPECT_EQ(told.decode({"20 11 12", "10 31 32", "21 13 14 99", "00 11 12", "02 31 32"}),
               "2/1[31 32]1/0[11 12 13 14] 0 0 0 2 0");
     DaqCapabilities stamped = capabilities(DaqIdentification::relativeByte);
     stamped.timestampSize = 2;
     stamped.timestampFixed = true;
-    Bench tickUnknown(stamped, {0});
+    DecoderBench tickUnknown(stamped, {0});
     EXPECT_EQ(tickUnknown.decode({"00 01 00", "00 00 00 00 AB CD", "00 01 00 00 AB CD"}),
               "1/0[AB CD] 0 0 0 1 1");
     DaqCapabilities overloading = capabilities(DaqIdentification::absoluteOdt);
     overloading.overloadInPid = true;
-    Bench bench(overloading, {0, 0, 3});
+    DecoderBench bench(overloading, {0, 0, 3});
     EXPECT_EQ(bench.decode({"80 11 12", "02 31 32", "01 13 14", "00 11 12", "01 13 14"}),
               "2/1[31 32]1/0![11 12 13 14]1/0[11 12 13 14] 0 0 1 0 0");
 }
 
 TEST(DaqDecoder, JoinsNoRecordAcrossAHole) {
-    Bench bench(capabilities(DaqIdentification::absoluteOdt), {0, 0, 3});
+    DecoderBench bench(capabilities(DaqIdentification::absoluteOdt), {0, 0, 3});
     std::atomic<std::uint64_t> holes{4};
     bench.decoder.setHoles(&holes);
     bench.decode({"00 11 12"});
@@ -122,15 +122,15 @@ TEST(DaqDecoder, CountsMissedCycles) {
     DaqCapabilities stamped = capabilities(DaqIdentification::relativeByte);
     stamped.timestampSize = 2;
     stamped.timestampFixed = true;
-    stamped.tickNs = kMs;
+    stamped.tickNs = kDecoderMs;
     const std::pair<std::vector<int>, std::uint64_t> rows[] = {
         {{0, 30}, 2}, {{0, 10, 20, 30}, 0}, {{0, 14, 30}, 1}, {{0, 15}, 1}, {{0, 0, 10}, 0}};
     for (const auto& [times, missed] : rows) {
-        Bench bench(stamped, {0});
+        DecoderBench bench(stamped, {0});
         for (const int at : times) {
             const int stamp = at + 0xF8;  // over the end of the low byte
             const Bytes dto = hex(fmt::format("00 01 {:02X} {:02X} AB CD", stamp & 0xFF, stamp >> 8));
-            bench.decoder.onDto(dto.data(), dto.size(), {(1000 + at) * kMs, 0});
+            bench.decoder.onDto(dto.data(), dto.size(), {(1000 + at) * kDecoderMs, 0});
         }
         EXPECT_EQ(bench.decoder.counters().missedCycles, missed);
     }

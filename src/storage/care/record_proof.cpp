@@ -10,11 +10,11 @@
 namespace lm::storage {
 namespace {
 
-constexpr std::int64_t kSecondNs = 1'000'000'000;
+constexpr std::int64_t kProofSecondNs = 1'000'000'000;
 /// What was on its way when the recording started is a little older than that.
-constexpr std::int64_t kBeforeStartNs = kSecondNs;
+constexpr std::int64_t kBeforeStartNs = kProofSecondNs;
 /// Longer than any pause that is worth a guess.
-constexpr std::int64_t kLongestPauseNs = std::int64_t{30} * 86400 * kSecondNs;
+constexpr std::int64_t kLongestPauseNs = std::int64_t{30} * 86400 * kProofSecondNs;
 constexpr std::uint64_t kFewestCyclic = 2;
 /// Without a cycle only order and range speak for them.
 constexpr std::uint64_t kFewestNotCyclic = 8;

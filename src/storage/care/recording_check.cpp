@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 constexpr const char* kMadeAgain = "makes it again from the records";
 constexpr std::int64_t kLeastNs = std::numeric_limits<std::int64_t>::min();
 /// What was on its way when the recording started is older by far less.
-constexpr std::int64_t kBeforeStartNs = 60'000'000'000;
+constexpr std::int64_t kClockBeforeStartNs = 60'000'000'000;
 
 /// One summary file and how far it has been compared.
 struct ComparedFile {
@@ -57,7 +57,7 @@ class GroupChecker {
         : directory_(std::move(directory)),
           number_(number),
           group_(recording.groups[number]),
-          earliestNs_(std::max(recording.startHostNs, kLeastNs + kBeforeStartNs) - kBeforeStartNs),
+          earliestNs_(std::max(recording.startHostNs, kLeastNs + kClockBeforeStartNs) - kClockBeforeStartNs),
           stop_(stop),
           proof_(recording, group_) {}
 

@@ -43,7 +43,7 @@ std::optional<std::int64_t> integerAt(const Json& json, const char* key) {
     return found->get<std::int64_t>();
 }
 
-std::optional<std::string> textAt(const Json& json, const char* key) {
+std::optional<std::string> optionalTextAt(const Json& json, const char* key) {
     const auto found = json.find(key);
     if (found == json.end() || !found->is_string()) return std::nullopt;
     return found->get<std::string>();
@@ -52,7 +52,7 @@ std::optional<std::string> textAt(const Json& json, const char* key) {
 constexpr const char* kEcuKey = "ecu";
 
 std::string ecuOf(const Json& json) {
-    return textAt(json, kEcuKey).value_or("");
+    return optionalTextAt(json, kEcuKey).value_or("");
 }
 
 /// Takes the lines of a file one after the other.
@@ -63,7 +63,7 @@ class EventReader {
     void takeLine(std::string_view line) {
         ++number_;
         const Json json = parsed(line);
-        const auto kind = textAt(json, "event");
+        const auto kind = optionalTextAt(json, "event");
         const auto time = integerAt(json, "timeNs");
         if (number_ == 1) return takeStart(json, kind);
         if (!kind || !time) return fault("is no event");
@@ -130,18 +130,19 @@ class EventReader {
         events_.steps.push_back({{time, *utc}, *by});
     }
     void takeTrigger(const Json& json, std::int64_t time) {
-        const auto what = textAt(json, "what");
-        auto text = textAt(json, "text");
+        const auto what = optionalTextAt(json, "what");
+        auto text = optionalTextAt(json, "text");
         if ((what != "start" && what != "stop") || !text) return fault("is no event");
         events_.triggers.push_back({time, what == "start", std::move(*text)});
     }
     void takeEcu(const Json& json, std::int64_t time) {
-        EcuNote note{time, textAt(json, "epk").value_or(""), textAt(json, "trouble").value_or("")};
+        EcuNote note{time, optionalTextAt(json, "epk").value_or(""),
+                     optionalTextAt(json, "trouble").value_or("")};
         for (const Json& told : json.value("checksums", Json::array())) {
             const auto segment = integerAt(told, "segment");
             const auto address = integerAt(told, "address");
             const auto size = integerAt(told, "size");
-            const auto sums = textAt(told, "sums");
+            const auto sums = optionalTextAt(told, "sums");
             if (!segment || !address || !size || !sums) return fault("is no event");
             EcuNote::Sum sum{static_cast<std::uint8_t>(*segment),
                              {},
@@ -165,7 +166,7 @@ class EventReader {
         replaceClock(events_.ecuClocks, std::move(clock));
     }
     void takeBorder(const Json& json, std::int64_t time, std::optional<PartBorder>& into) {
-        PartBorder border{time, {}, textAt(json, "next").value_or("")};
+        PartBorder border{time, {}, optionalTextAt(json, "next").value_or("")};
         const Json records = json.value("records", Json());
         if (!records.is_array() || records.size() != info_.groups.size()) return fault("is no event");
         for (const Json& number : records) {
@@ -175,7 +176,7 @@ class EventReader {
         into = std::move(border);
     }
     void takeBegin(const Json& json, std::int64_t time) {
-        auto reason = textAt(json, "reason");
+        auto reason = optionalTextAt(json, "reason");
         if (!reason) return fault("is no event");
         const std::string ecu = ecuOf(json);
         if (!open_.emplace(ecu, events_.outages.size()).second)
@@ -183,7 +184,7 @@ class EventReader {
         events_.outages.push_back({time, std::nullopt, false, std::move(*reason), "", ecu});
     }
     void takeEnd(const Json& json, std::int64_t time) {
-        auto outcome = textAt(json, "outcome");
+        auto outcome = optionalTextAt(json, "outcome");
         const auto recovered = json.find("recovered");
         if (!outcome || recovered == json.end() || !recovered->is_boolean()) return fault("is no event");
         const auto open = open_.find(ecuOf(json));
@@ -197,23 +198,23 @@ class EventReader {
     }
 
     void takeChange(const Json& json, std::int64_t time) {
-        auto what = textAt(json, "what");
-        auto text = textAt(json, "text");
+        auto what = optionalTextAt(json, "what");
+        auto text = optionalTextAt(json, "text");
         if (!what || !text) return fault("is no event");
         events_.ecuChanges.push_back({time, std::move(*what), std::move(*text), ecuOf(json)});
     }
 
     void takeMarker(const Json& json, std::int64_t time) {
-        auto text = textAt(json, "text");
+        auto text = optionalTextAt(json, "text");
         if (!text) return fault("is no event");
         events_.markers.push_back({time, std::move(*text)});
     }
     void takeWrite(const Json& json, std::int64_t time) {
-        auto name = textAt(json, "name");
-        auto after = textAt(json, "new");
+        auto name = optionalTextAt(json, "name");
+        auto after = optionalTextAt(json, "new");
         if (!name || !after) return fault("is no event");
-        events_.writes.push_back({time, std::move(*name), textAt(json, "old").value_or(""), std::move(*after),
-                                  textAt(json, "by").value_or("")});
+        events_.writes.push_back({time, std::move(*name), optionalTextAt(json, "old").value_or(""),
+                                  std::move(*after), optionalTextAt(json, "by").value_or("")});
     }
 
     void fault(const char* text) {
@@ -368,9 +369,9 @@ std::string partRemovedLine(std::int64_t timeNs, const std::string& name) {
 
 void StandingEvents::take(std::string_view line) {
     const Json json = EventReader::parsed(line);
-    const auto kind = textAt(json, "event");
+    const auto kind = optionalTextAt(json, "event");
     const auto ofEcu = [&]() -> OfEcu& { return ecus_[ecuOf(json)]; };
-    if (kind == "outageBegin") ofEcu().outage = textAt(json, "reason").value_or("");
+    if (kind == "outageBegin") ofEcu().outage = optionalTextAt(json, "reason").value_or("");
     if (kind == "outageEnd") ofEcu().outage.reset();
     if (kind == "ecu") ofEcu().ran = line;
 }
@@ -420,7 +421,7 @@ RecordingEvents readEvents(const std::filesystem::path& directory, const Recordi
     if (!reader.knowsRecording() && !reader.isFirst()) return events;
     events.tornBytes = file.value().size() - events.wholeBytes;
     const Json last = EventReader::parsed(rest.value());
-    events.lastLineIsWhole = !reader.isFirst() && textAt(last, "event") && integerAt(last, "timeNs");
+    events.lastLineIsWhole = !reader.isFirst() && optionalTextAt(last, "event") && integerAt(last, "timeNs");
     if (events.lastLineIsWhole) reader.takeLine(rest.value());
     return events;
 }

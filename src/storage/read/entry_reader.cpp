@@ -7,7 +7,7 @@
 namespace lm::storage {
 namespace {
 
-constexpr std::size_t kBufferSize = 64 * 1024;
+constexpr std::size_t kReadBufferSize = 64 * 1024;
 /// Bytes of a header that mean something: the rest is reserved.
 constexpr std::size_t kIndexHeaderUsed = 20;
 constexpr std::size_t kLevelHeaderUsed = 24;
@@ -47,7 +47,7 @@ std::uint64_t EntryReader::tornBytes() const {
 }
 
 Result<std::span<const std::uint8_t>> EntryReader::read(std::uint64_t first, std::uint64_t most) {
-    const std::uint64_t fitting = std::max<std::size_t>(kBufferSize / entrySize_, 1);
+    const std::uint64_t fitting = std::max<std::size_t>(kReadBufferSize / entrySize_, 1);
     const auto size = static_cast<std::size_t>(std::min(most, fitting)) * entrySize_;
     if (buffer_.size() < size) buffer_.resize(size);
     if (auto read = file_.readAt(offsetOf(first), buffer_.data(), size); !read) return read.error();

@@ -70,9 +70,8 @@ Result<void> Recorder::claimDirectory(const RecordingPlace& place, WriterOptions
 Result<void> Recorder::beginSeries(const RecordingPlace& place) {
     if (!place.split.any() && place.care == nullptr) return {};
     const auto noteRemoved = [this](const std::string& part) {
-        using namespace std::chrono;
-        const auto now = nanoseconds(steady_clock::now().time_since_epoch()).count();
-        writer_->note(partRemovedLine(now, part));
+        const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
+        writer_->note(partRemovedLine(now.count(), part));
     };
     keeper_ = std::make_unique<PartKeeper>(
         PartKeeper::Series{info_.part ? info_.part->series : "", info_.ecu, place.directory}, place.keep,
