@@ -447,6 +447,7 @@ class ApplyTest(SystemTest):
                     done = self.run_cli(relay, "apply", "--undo", "last")
                     self.assertEqual(done.returncode, 0, (step, done.stdout, done.stderr))
                 after = held()
+                sim.kill()
                 if programs:  # it came to its end
                     break
                 with self.subTest(number=number, step=step):

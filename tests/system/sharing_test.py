@@ -205,6 +205,7 @@ class SharingTest(harness.SystemTest):
             program.kill()
             self.assertEqual(done.returncode, int("has ended, which held the ECU" in done.stderr + done.stdout), (step, done))
             held = self.run_cli(relay.sim, "get", "cal_gain").stdout.split()[1]
+            relay.sim.kill()
             self.assertIn(held, ("1.000", "3.000"), (step, done))
             ends[done.returncode] += 1
             if alone:
