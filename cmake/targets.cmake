@@ -7,8 +7,9 @@ add_library(xcplumo_options INTERFACE)
 target_compile_options(xcplumo_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wno-sign-conversion -Wold-style-cast -Wnon-virtual-dtor
     -Woverloaded-virtual -Wcast-align -Wformat=2 -Wimplicit-fallthrough -Werror
-    # Where sources are compiled together, a name of one may hide one of another.
+    # Where sources are compiled together, a local name of one may hide a name of another.
     $<$<NOT:$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wshadow>
+    $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
     $<$<CXX_COMPILER_ID:Clang>:-Wreserved-identifier>
     # GCC 12 sees overlapping copies in "text" + std::string (its bug 105651) as soon as it optimises.
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
@@ -22,7 +23,7 @@ else()
 endif()
 
 # The standard library's headers cost the sanitizer builds a fifth of their time, those of GoogleTest its tests a third. The
-# everyday build goes without, so that a missing include shows.
+# others go without, so that in the preset edit a missing include shows.
 option(XCPLUMO_PRECOMPILED "Precompile the headers of the standard library, and GoogleTest for the tests" OFF)
 
 # xcplumo_precompile(NAME HEADER LINKS...): an object library that holds the header and what the targets that use it link.

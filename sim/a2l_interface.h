@@ -11,10 +11,11 @@
 
 namespace lm::sim {
 
-/// The blocks inside the IF_DATA of the module.
+/// The byte order as the A2L writes it.
+std::string_view orderWord(ByteOrder order);
 /// What MOD_PAR tells of the software and the memory.
 std::string a2lSoftware(const Options& options, const Catalog& catalog);
-std::string_view orderWord(ByteOrder order);
+/// The blocks inside the IF_DATA of the module.
 std::string a2lInterface(const Options& options, const Catalog& catalog);
 
 }  // namespace lm::sim

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "cli/option_set.h"
+#include "cli/options.h"
 #include "cli/stop_signal.h"
 #include "core/printable_text.h"
 #include "session/ecu_check.h"

@@ -54,7 +54,7 @@ bool isSignedZero(const Value& value) {
     return number != nullptr && *number == 0 && std::signbit(*number);
 }
 
-/// ValueList of one kind: the values, or the points of an axis.
+/// Numbers of one kind: the values, or the points of an axis.
 struct ValueList {
     const std::vector<Value>& values;
     const std::vector<Value>& raws;
