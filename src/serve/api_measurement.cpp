@@ -195,8 +195,8 @@ Result<void> Service::end(session::Session& session) {
         if (!std::exchange(measuring_, false)) return {};
         statistics_ = nullptr;
     }
-    Result<void> recorded = recordings_.state().is_null() ? Result<void>() : recordings_.stop();
     Result<void> stopped = session.stopMeasurement();
+    Result<void> recorded = recordings_.state().is_null() ? Result<void>() : recordings_.stop();
     hub_.setMeasured(nullptr);
     log_.note("info", "the measurement has ended");
     return stopped ? std::move(recorded) : std::move(stopped);
@@ -254,7 +254,8 @@ void Service::startRecording(http::Request& request, const http::Reply& reply) {
 }
 
 void Service::stopRecording(http::Request& request, const http::Reply& reply) {
-    atDesk(request, reply, false, [this, reply](session::Session& /*session*/) {
+    atDesk(request, reply, false, [this, reply](session::Session& session) {
+        session.handOnHeldRecords();
         const Result<void> stopped = recordings_.stop();
         if (!stopped) return reply.fail(stopped.error());
         log_.note("info", "the recording has ended");

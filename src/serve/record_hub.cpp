@@ -293,6 +293,7 @@ void RecordHub::recordTo(std::shared_ptr<storage::Recorder> recorder,
     const std::lock_guard lock(recordingMutex_);
     recorder_ = std::move(recorder);
     groups_ = std::move(groups);
+    recordedSinceNs_ = std::chrono::nanoseconds(Clock::now().time_since_epoch()).count();
 }
 
 void RecordHub::note(const std::string& line) {
@@ -320,7 +321,9 @@ void RecordHub::onRecord(const xcp::DaqRecord& record) {
     {
         const std::lock_guard lock(recordingMutex_);
         // Its writer counts what it cannot keep.
-        if (groups_) static_cast<void>(groups_->write(record.listIndex, timeNs, record.data, record.size));
+        const bool isNew = timeNs >= recordedSinceNs_;  // records of the start come half a second late
+        if (groups_ && isNew)
+            static_cast<void>(groups_->write(record.listIndex, timeNs, record.data, record.size));
     }
     if (!watched_) return;
     const std::lock_guard lock(mutex_);

@@ -56,8 +56,8 @@ class RecordHub final : public xcp::IDaqRecordSink {
     void setMeasured(std::shared_ptr<const Measured> measured);
     std::shared_ptr<const Measured> measured() const;
 
-    /// From now on every record goes there, too; null: no longer. Nothing is written any more once it
-    /// returns.
+    /// From now on every record that is no older goes there, too; null: no longer. Nothing is written any more
+    /// once it returns.
     void recordTo(std::shared_ptr<storage::Recorder> recorder, std::optional<storage::GroupRange> groups);
     /// An event of the recording; nothing without one.
     void note(const std::string& line);
@@ -98,6 +98,7 @@ class RecordHub final : public xcp::IDaqRecordSink {
     std::mutex recordingMutex_;
     std::shared_ptr<storage::Recorder> recorder_;
     std::optional<storage::GroupRange> groups_;
+    std::int64_t recordedSinceNs_ = 0;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;

@@ -306,6 +306,17 @@ std::uint64_t Measurement::recordsReceived() const {
     return totals_.records + (decoder_ ? decoder_->counters().records : 0);
 }
 
+void Measurement::endRecording() {
+    if (!recording_.isOn()) return;
+    handOnHeld();
+    recording_.end();
+}
+
+void Measurement::handOnHeld() {
+    const std::lock_guard lock(decoderMutex_);
+    if (decoder_) decoder_->settle(std::numeric_limits<std::int64_t>::max());
+}
+
 void Measurement::settleSamples() {
     // Each part of a long recording is to tell of the clock, and so is one that is never closed.
     constexpr std::int64_t kBetweenNotesNs = 20'000'000'000;

@@ -42,7 +42,9 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     /// From now on records and events also go to `recording`, until it is said otherwise or stop(): then its
     /// owner may close it.
     void recordTo(const storage::GroupRange& recording);
-    void endRecording() { recording_.end(); }
+    /// It gets all that has been received, also what was held back until more would tell its time.
+    void endRecording();
+    void handOnHeld();
     /// An event of now, a line made of the time. False: nothing is recorded. From any thread.
     bool note(const std::function<std::string(std::int64_t timeNs)>& line);
 

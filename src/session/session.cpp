@@ -622,6 +622,10 @@ Result<void> Session::stopRecording() {
     return recordingsBefore_.back()->close();
 }
 
+void Session::handOnHeldRecords() {
+    if (running_) measurement_->handOnHeld();
+}
+
 Result<std::int64_t> Session::mark(const std::string& text) {
     std::int64_t atNs = 0;
     const bool noted = running_ && measurement_->note([&](std::int64_t nowNs) {
