@@ -22,7 +22,9 @@ class EcusTest(SystemTest):
         self.engine = self.start_sim()
         reach = {"udp": {"host": "127.0.0.1", "port": second.port}} if second.reach[0] == "--udp" else {
             "serial": {"port": str(second.line), "resetDelayMs": 20}}
-        ecus = [{"name": "engine", "a2l": str(self.engine.a2l), "udp": {"host": "127.0.0.1", "port": self.engine.port}},
+        # The engine is not to be taken for lost where the machine stands still for a moment.
+        ecus = [{"name": "engine", "a2l": str(self.engine.a2l), "udp": {"host": "127.0.0.1", "port": self.engine.port},
+                 "xcp": {"timeoutsMs": [5 * harness.QUICK_MS] * 7}, "reconnect": {"heartbeatMs": 5 * harness.HEARTBEAT_MS}},
                 {"name": "gearbox", "a2l": str(second.a2l), "reconnect": {"policy": policy}} | reach]
         return self.write(ecus)
 
