@@ -31,11 +31,11 @@ export class Control {
         this.canWrite = true;
         this.planned = "";
         this.markKey = kept(MARK_KEY) ?? "m";
-        this.start = button("● Measure", () => this.toggleMeasurement(), { title: "Ctrl+Enter", class: "primary" });
+        this.start = button("▶ Measure", () => this.toggleMeasurement(), { title: "Ctrl+Enter", class: "primary" });
         this.plan = make("span", { class: "plan", "aria-label": "plan" });
         this.name = make("input", { type: "text", "aria-label": "name of the recording", placeholder: "name of the recording", size: "18", maxlength: "100", pattern: "[A-Za-z0-9_\\-][A-Za-z0-9_.\\-]*", spellcheck: "false",
             onkeydown: (/** @type {KeyboardEvent} */ event) => { if (event.key === "Enter" && !this.state.recording) this.toggleRecording(); } });
-        this.record = button("⏺ Record", () => this.toggleRecording(), { title: "Ctrl+Shift+R" });
+        this.record = button("● Record", () => this.toggleRecording(), { title: "Ctrl+Shift+R" });
         this.markText = make("input", { type: "text", "aria-label": "text of the mark", placeholder: "mark", size: "10", maxlength: "200",
             onkeydown: (/** @type {KeyboardEvent} */ event) => { if (event.key === "Enter") this.mark(); } });
         this.markButton = button("▼ Mark", () => this.mark());
@@ -97,9 +97,9 @@ export class Control {
     show() {
         const { state } = this;
         const recording = state.recording;
-        setText(this.start, this.isMeasuring ? "■ Stop" : "● Measure");
+        setText(this.start, this.isMeasuring ? "■ Stop" : "▶ Measure");
         this.start.setAttribute("aria-pressed", String(this.isMeasuring));
-        setText(this.record, recording ? "■ Stop recording" : "⏺ Record");
+        setText(this.record, recording ? "■ Stop recording" : "● Record");
         this.record.classList.toggle("active", Boolean(recording));
         this.record.setAttribute("aria-pressed", String(Boolean(recording)));
         this.record.disabled = !this.isMeasuring && !recording;

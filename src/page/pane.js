@@ -124,13 +124,18 @@ export class Pane {
         this.actions.onChoose(this);
     }
 
+    /** @param {Shown} one @returns {string} the key of its scale */
+    keyOf(one) {
+        return this.own.has(one.name) || one.facts?.texts ? `=${one.name}` : `unit ${one.facts?.unit ?? ""}`;
+    }
+
     /** Scales in the order of their first signals: one for each unit, and those of signals that have their own. */
     collectScales() {
         /** @type {Map<string, {scale: Scale, members: Shown[]}>} */
         const found = new Map();
         for (const one of this.shown.values()) {
-            const isOwn = this.own.has(one.name) || one.facts?.texts;
-            const key = isOwn ? `=${one.name}` : `unit ${one.facts?.unit ?? ""}`;
+            const key = this.keyOf(one);
+            const isOwn = key.startsWith("=");
             const entry = found.get(key);
             if (entry) entry.members.push(one);
             else {

@@ -35,6 +35,7 @@ export class Plots {
         this.hover = /** @type {number | null} */ (null);
         this.active = /** @type {"a" | "b"} */ ("a");
         this.axis = new Axis();
+        this.gutter = SCALE_WIDTH;
         this.pictures = 0;
         this.drawMs = 0;
         this.asked = false;
@@ -48,7 +49,7 @@ export class Plots {
 
     /** @param {HTMLElement} tools */
     makeTools(tools) {
-        this.followButton = button("⏸ Pause", () => this.follow(!this.view.follows), { title: "f: pause or follow" });
+        this.followButton = button("‖ Pause", () => this.follow(!this.view.follows), { title: "f: pause or follow" });
         const spans = /** @type {[number, string][]} */ ([[1, "1 s"], [5, "5 s"], [10, "10 s"], [30, "30 s"], [60, "1 min"], [300, "5 min"], [1800, "30 min"], [7200, "2 h"], [36000, "10 h"]]);
         this.spanSelect = make("select", { "aria-label": "length of time shown", onchange: () => {
             if (Number(this.spanSelect.value) > 0) this.view.setSpan(Number(this.spanSelect.value));
@@ -165,8 +166,6 @@ export class Plots {
     /** Takes what the sources know now. */
     rearrange() {
         for (const pane of this.panes) pane.arrange(this.sources);
-        const many = Math.max(1, ...this.panes.map((pane) => pane.collectScales().length));
-        this.gutter = SCALE_WIDTH * Math.min(many, this.host.clientWidth < 600 ? 1 : 3);
         this.request();
     }
 
@@ -203,7 +202,7 @@ export class Plots {
 
     changed() {
         const follows = this.isLive && this.view.follows;
-        setText(this.followButton, follows ? "⏸ Pause" : "▶ Follow");
+        setText(this.followButton, follows ? "‖ Pause" : "» Follow");
         this.followButton.hidden = !this.isLive;
         this.followButton.classList.toggle("urgent", this.isLive && !follows);
         const span = [...this.spanSelect.options].find((option) => Math.abs(Number(option.value) / this.view.span - 1) < 1e-3);
@@ -230,10 +229,12 @@ export class Plots {
         const begin = performance.now();
         if (this.isLive) this.view.follow(this.live.store.newest);
         const theme = themeNow();
-        const gutter = this.gutter ?? SCALE_WIDTH;
-        const happenings = this.sources.flatMap((source) => source.happenings);
         const width = this.panes[0]?.plot.clientWidth ?? 0;
         if (width === 0) return;
+        const many = Math.max(1, ...this.panes.map((pane) => pane.collectScales().length));
+        const gutter = SCALE_WIDTH * Math.min(many, width < 380 ? 1 : width < 620 ? 2 : 3);
+        this.gutter = gutter;
+        const happenings = this.sources.flatMap((source) => source.happenings);
         if (!this.isLive) {
             const columns = Math.min(8190, Math.round((width - gutter) * (window.devicePixelRatio || 1)));
             for (const source of this.recorded) source.want(this.names, this.view.from, this.view.to, columns);
