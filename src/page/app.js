@@ -68,8 +68,8 @@ class Cockpit {
     showEcus() {
         const select = byId("ecu");
         select.replaceChildren(...this.told.ecus.map((/** @type {any} */ one) => make("option", { value: one.name, text: one.name })));
-        select.hidden = !this.hasEcu;
-        select.disabled = this.told.ecus.length < 2;
+        select.hidden = this.told.ecus.length < 2;
+        byId("title").textContent = this.hasEcu ? plain(this.ecu) : "XCP-Lumo";
         select.title = this.told.ecus.map((/** @type {any} */ one) => `${one.name} ${one.address}`).join("\n");
         document.title = this.hasEcu ? `${plain(this.ecu)} – XCP-Lumo` : "Recordings – XCP-Lumo";
         select.addEventListener("change", () => location.reload());
@@ -196,7 +196,7 @@ class Cockpit {
         if (!this.plots.names.some(known)) this.plots.addSignals(sources[0].signals.slice(0, 4).map((signal) => signal.name), this.plots.panes[0]);
         this.plots.setMode(false, sources);
         if (wasLive || sources.length === 1) this.plots.fit();
-        setText(byId("mode"), `recording ${sources.map((source) => plain(source.label ? `${source.label} ${source.name}` : source.name)).join(" · ")}`);
+        setText(byId("mode"), `Recording ${sources.map((source) => plain(source.label ? `${source.label} ${source.name}` : source.name)).join(" · ")}`);
         byId("mode").hidden = false;
     }
 
@@ -214,8 +214,9 @@ class Cockpit {
             if (this.plots.isLive) return say("This takes what is seen of a recording: open one on the left.");
             return this.recordings.exportSeen(form, this.plots.names, this.plots.view.from, this.plots.view.to);
         };
+        byId("tools").prepend(mode);
         byId("tools").append(button("SVG", () => this.saveSvg(), { title: "a picture of what is seen" }), button("MF4", () => seen("mf4"), { title: "what is seen of the recording, as MF4" }),
-            button("CSV", () => seen("csv"), { title: "what is seen of the recording, as CSV" }), mode);
+            button("CSV", () => seen("csv"), { title: "what is seen of the recording, as CSV" }), this.plots.readout);
     }
 
     saveSvg() {
@@ -223,9 +224,8 @@ class Cockpit {
         const theme = themeNow();
         const panes = plots.panes.map((pane) => ({ height: Math.max(80, pane.size.height), sourceWidth: (pane.size.width - (plots.gutter ?? 0)) * pane.size.ratio,
             traces: [...pane.shown.values()].filter((one) => one.columns.count).map((one) => {
-                const number = pane.signals.indexOf(one.name);
                 const range = pane.ranges.get(pane.keyOf(one)) ?? { low: 0, high: 1 };
-                return { tag: one.tag, name: one.name, unit: one.facts?.unit ?? "", color: theme.palette[number % theme.palette.length], second: plots.sources.indexOf(/** @type {any} */ (one.source)) % 2 === 1,
+                return { tag: one.tag, name: one.name, unit: one.facts?.unit ?? "", color: one.color, second: plots.sources.indexOf(/** @type {any} */ (one.source)) % 2 === 1,
                     steps: Boolean(one.facts?.integer), low: range.low, high: range.high, columns: one.columns };
             }) }));
         const title = plots.isLive ? `${this.ecu}, ${new Date().toISOString()}` : plots.recorded.map((source) => source.name).join(", ");

@@ -33,10 +33,10 @@ export class Control {
         this.markKey = kept(MARK_KEY) ?? "m";
         this.start = button("▶ Measure", () => this.toggleMeasurement(), { title: "Ctrl+Enter", class: "primary" });
         this.plan = make("span", { class: "plan", "aria-label": "plan" });
-        this.name = make("input", { type: "text", "aria-label": "name of the recording", placeholder: "name of the recording", size: "18", maxlength: "100", pattern: "[A-Za-z0-9_\\-][A-Za-z0-9_.\\-]*", spellcheck: "false",
+        this.name = make("input", { type: "text", "aria-label": "name of the recording", placeholder: "recording's name", size: "14", maxlength: "100", pattern: "[A-Za-z0-9_\\-][A-Za-z0-9_.\\-]*", spellcheck: "false",
             onkeydown: (/** @type {KeyboardEvent} */ event) => { if (event.key === "Enter" && !this.state.recording) this.toggleRecording(); } });
         this.record = button("● Record", () => this.toggleRecording(), { title: "Ctrl+Shift+R" });
-        this.markText = make("input", { type: "text", "aria-label": "text of the mark", placeholder: "mark", size: "10", maxlength: "200",
+        this.markText = make("input", { type: "text", "aria-label": "text of the mark", placeholder: "text of mark", size: "9", maxlength: "200",
             onkeydown: (/** @type {KeyboardEvent} */ event) => { if (event.key === "Enter") this.mark(); } });
         this.markButton = button("▼ Mark", () => this.mark());
         byId("controls").append(this.start, this.plan, this.name, this.record, this.markText, this.markButton);

@@ -184,7 +184,7 @@ export class LiveStore {
         const first = Math.max(level.first, this.rowAt(level, from) - margin);
         const end = Math.min(level.rows, this.rowAt(level, to) + margin);
         const size = Math.max(0, end - first);
-        const strip = { count: 0, time: new Float64Array(size), least: new Float32Array(size),
+        const strip = { count: 0, time: new Float64Array(size), begin: new Float64Array(size), least: new Float32Array(size),
             greatest: new Float32Array(size), last: new Float64Array(size), broken: new Uint8Array(size) };
         if (!track) return strip;
         let broken = 0;
@@ -196,6 +196,7 @@ export class LiveStore {
             if (last !== last) continue;
             const i = strip.count++;
             strip.time[i] = level.end[row];
+            strip.begin[i] = level.begin[row];
             strip.least[i] = track.least[row];
             strip.greatest[i] = track.greatest[row];
             strip.last[i] = last;

@@ -13,7 +13,7 @@ import { formatNumber, plain } from "./text.js";
  * @typedef {import("./sources.js").Facts} Facts
  * @typedef {{label: string, factsOf(name: string): Facts | null,
  *            strip(name: string, from: number, to: number, width: number): Strip}} Source
- * @typedef {{key: string, name: string, source: Source, facts: Facts | null, tag: string, strip: Strip | null,
+ * @typedef {{key: string, name: string, source: Source, facts: Facts | null, tag: string, color: string, known: Map<number, ReturnType<typeof valueAt>>, strip: Strip | null,
  *            columns: Columns, row: Row}} Shown
  * @typedef {{element: HTMLTableRowElement, name: HTMLElement, swatch: HTMLElement, value: HTMLElement, unit: HTMLElement,
  *            a: HTMLElement, b: HTMLElement, difference: HTMLElement, own: HTMLElement}} Row
@@ -86,7 +86,7 @@ export class Pane {
                 const old = this.shown.get(key);
                 const row = old?.row ?? this.makeRow(name);
                 const facts = source.factsOf(name);
-                shown.set(key, { key, name, source, facts, tag, strip: null, columns: old?.columns ?? new Columns(), row });
+                shown.set(key, { key, name, source, facts, tag, color: "", known: old?.known ?? new Map(), strip: null, columns: old?.columns ?? new Columns(), row });
                 setText(row.name, plain(name) + (source.label ? ` (${source.label})` : ""));
                 row.name.title = plain([name, facts?.description, facts ? "" : "not measured"].filter(Boolean).join(" – "));
                 row.element.classList.toggle("absent", !facts);
@@ -167,7 +167,8 @@ export class Pane {
             scale.range = this.rangeOf(scale.key, members);
             for (const one of members) {
                 const number = this.signals.indexOf(one.name);
-                const color = theme.palette[number % theme.palette.length];
+                const color = theme.palette[(number * state.sources.length + state.sources.indexOf(one.source)) % theme.palette.length];
+                one.color = color;
                 if (members.length === 1) scale.color = color;
                 one.row.swatch.style.background = color;
                 setText(one.row.swatch, one.tag);
@@ -197,6 +198,20 @@ export class Pane {
     }
 
     /**
+     * A cursor outside of what is shown keeps the value that it had when it was inside.
+     * @param {Shown} one
+     * @param {number} time
+     * @param {import("./view.js").TimeView} view
+     */
+    valueOf(one, time, view) {
+        if (time < view.from || time > view.to) return one.known.get(time) ?? null;
+        const value = valueAt(/** @type {Strip} */ (one.strip), time);
+        if (one.known.size > 8) one.known.clear();
+        if (time === view.cursors.a || time === view.cursors.b) one.known.set(time, value);
+        return value;
+    }
+
+    /**
      * The numbers of the legend.
      * @param {import("./view.js").TimeView} view
      * @param {number | null} hover the time at the pointer
@@ -206,9 +221,9 @@ export class Pane {
         const { a, b } = view.cursors;
         this.table.classList.toggle("a", a !== null);
         this.table.classList.toggle("b", b !== null);
-        setText(this.heads[0], hover !== null ? "pointer" : live && view.follows ? "now" : "at the right");
+        setText(this.heads[0], hover !== null ? "pointer" : live && view.follows ? "now" : "edge");
         for (const one of this.shown.values()) {
-            const at = (/** @type {number | null} */ time) => (time === null || !one.strip ? null : valueAt(one.strip, time));
+            const at = (/** @type {number | null} */ time) => (time === null || !one.strip ? null : this.valueOf(one, time, view));
             const told = (/** @type {ReturnType<typeof at>} */ found) => {
                 if (!found) return "–";
                 const isOne = found.least === found.greatest || Math.abs(found.greatest - found.least) < 1e-6 * Math.abs(found.greatest);

@@ -109,7 +109,9 @@ export class Parameters {
         item.table = new Table(name, { onWrite, isWritable, onSelect: () => this.drawPicture(item) });
         if (value.axes?.length) {
             item.picture = new Picture();
-            card.append(make("div", { class: "picturebox" }, item.picture.canvas, item.point));
+            const box = make("div", { class: "picturebox" }, item.picture.canvas, item.point);
+            card.append(box);
+            new ResizeObserver(() => this.drawPicture(item)).observe(box);
             item.inputs = value.axes.slice(0, 2).map((/** @type {any} */ axis) => axis.inputQuantity).filter((/** @type {string} */ one) => one && one !== "NO_INPUT_QUANTITY");
         }
         card.append(item.table.element);

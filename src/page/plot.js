@@ -20,6 +20,8 @@ export const SCALE_WIDTH = 58;
 /** More traces than that are drawn by pixels. */
 const MOST_LINES = 24;
 const EDGE = 4;
+/** Pixels of a window that is drawn as a box. */
+const WIDE = 12;
 const FONT = "11px system-ui, sans-serif";
 
 /**
@@ -140,8 +142,15 @@ function pathOf({ columns, scale, steps, dots }, device, edge) {
         const first = isBroken ? y : beforeY;
         // A ramp from the value before to this one is no envelope; a peak beside it is.
         if (top < Math.min(first, y) - 0.7 || bottom > Math.max(first, y) + 0.7) {
-            path.lineTo(x, bottom);
-            path.lineTo(x, top);
+            const length = x - device.left - columns.from[i];
+            if (length > WIDE && bottom > top + 0.7) {
+                // Where in a long window its peaks were is not known: they count for all of it.
+                path.rect(x - length, top, length, bottom - top);
+                path.moveTo(x, y);
+            } else {
+                path.lineTo(x, bottom);
+                path.lineTo(x, top);
+            }
         }
         path.lineTo(x, y);
         const isAlone = isBroken && (i + 1 === columns.count || columns.broken[i + 1]);

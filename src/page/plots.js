@@ -63,7 +63,6 @@ export class Plots {
             button("Fit", () => this.fit(), { title: "h: all of the time, scales that fit" }),
             button("A", () => this.toggleCursor("a"), { "aria-label": "cursor A", title: "cursor A: click in a plot, or key a" }),
             button("B", () => this.toggleCursor("b"), { "aria-label": "cursor B", title: "cursor B: Shift+click in a plot, or key b" }),
-            this.readout,
             button("+ Pane", () => this.addPane(), { title: "a further pane" }));
     }
 
@@ -212,6 +211,7 @@ export class Plots {
         const parts = [a !== null && `A ${formatTime(a, 6)}`, b !== null && `B ${formatTime(b, 6)}`,
             difference && `B − A ${formatTime(difference.seconds, 6)} (${formatNumber(difference.hertz, 5)} Hz)`];
         setText(this.readout, parts.filter(Boolean).join(" · "));
+        byId("plots").classList.toggle("compared", a !== null || b !== null);
         this.toldAt = 0;
         this.request();
     }

@@ -35,9 +35,8 @@ export class Recordings {
         this.opened = make("div", { class: "opened" });
         this.signalFilter = make("input", { type: "search", "aria-label": "search signals of the open recordings", placeholder: "Search their signals", oninput: () => this.showSignals() });
         this.signals = make("ul", { class: "signals", "aria-label": "signals of the open recordings" });
-        const head = ["", "recording", "length", "size", "lost"].map((text) => make("th", { scope: "col", text }));
         host.append(make("div", { class: "find" }, this.filter, make("div", { class: "group" }, button("Reload", () => this.load()), this.count)), this.opened,
-            make("div", { class: "scroll" }, make("table", { class: "list" }, make("thead", {}, make("tr", {}, ...head)), this.body)));
+            make("div", { class: "scroll" }, make("table", { class: "list" }, this.body)));
         this.showOpened();
     }
 
@@ -59,15 +58,16 @@ export class Recordings {
         setText(this.count, `${found.length} of ${this.total ?? this.list.length}`);
         this.body.replaceChildren(...found.map((one) => {
             const losses = (one.lost ?? 0) + (one.missedCycles ?? 0);
-            const trouble = [losses && `⚠ ${losses}`, one.outages && `▨ ${one.outages}`, one.complete === false && "not ended"].filter(Boolean).join(" ");
+            const trouble = [losses && `⚠ ${losses} lost`, one.outages && `▨ ${one.outages} outage(s)`, one.complete === false && "not ended"].filter(Boolean).join(" ");
             const isOpen = this.open.some((source) => source.name === one.name);
             const box = make("input", { type: "checkbox", "aria-label": `open ${one.name}`, onchange: () => this.toggle(one.name, box.checked) });
             box.checked = isOpen;
             const ecus = one.ecus?.join(", ") ?? one.ecu ?? "";
             const name = button(one.name, () => this.only(one.name), { class: "link", title: `${one.name}\n${ecus}\n${one.records ?? "?"} records\nopens it alone; the box beside it opens it over the others` });
-            return make("tr", {}, make("td", {}, box), make("td", {}, name, make("div", { class: "soft", text: [dateText(one.startUtcNs), ecus].filter(Boolean).join(" · ") })),
-                make("td", { text: one.durationNs === undefined ? "" : formatTime(one.durationNs / 1e9, one.durationNs < 6e10 ? 1 : 0) }),
-                make("td", { text: one.bytes === undefined ? "" : formatBytes(one.bytes) }), make("td", { class: trouble ? "bad" : "", text: one.name && trouble ? trouble : "0" }));
+            const length = one.durationNs === undefined ? "" : formatTime(one.durationNs / 1e9, one.durationNs < 6e10 ? 1 : 0);
+            const facts = [length, one.bytes !== undefined && formatBytes(one.bytes), ecus].filter(Boolean).join(" · ");
+            return make("tr", {}, make("td", {}, box), make("td", {}, name, make("div", { class: "soft", text: dateText(one.startUtcNs) }), make("div", { class: "soft", text: facts }),
+                make("div", { class: trouble ? "bad" : "soft", text: trouble || (one.lost === undefined ? "" : "nothing lost") })));
         }));
     }
 
@@ -110,13 +110,14 @@ export class Recordings {
     showOpened() {
         this.opened.hidden = this.open.length === 0;
         const rows = this.open.map((source) => {
-            const shift = make("input", { type: "text", size: "8", value: String(source.shift), "aria-label": `shift of ${source.name} in seconds`, onchange: () => {
+            const shift = make("input", { type: "text", size: "5", value: String(source.shift), "aria-label": `shift of ${source.name} in seconds`, onchange: () => {
                 const seconds = Number(shift.value.replace(",", "."));
                 if (Number.isFinite(seconds)) source.shift = seconds;
                 shift.value = String(source.shift);
                 this.actions.redraw();
             } });
-            return make("tr", {}, make("td", {}, make("strong", { text: source.label }), button(source.name, () => this.toggle(source.name, false), { class: "link", title: "close" })), make("td", {}, shift, make("span", { class: "soft", text: " s" })));
+            return make("tr", {}, make("td", {}, make("strong", { text: source.label ? `${source.label} ` : "" }), make("span", { text: source.name })), make("td", {}, make("span", { class: "soft", text: "+ " }), shift, make("span", { class: "soft", text: " s" })),
+                make("td", {}, button("✕", () => this.toggle(source.name, false), { class: "small", "aria-label": `close ${source.name}` })));
         });
         const align = make("select", { "aria-label": "alignment", onchange: () => {
             this.byClock = align.value === "clock";

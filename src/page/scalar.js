@@ -55,12 +55,12 @@ export class Scalar {
         this.shown = "";
         this.unit = make("span", { class: "soft" });
         const [least, greatest] = this.limits;
-        const limits = texts.length || least === undefined ? "" : `${formatNumber(least)} … ${formatNumber(greatest)}`;
+        const limits = texts.length || least === undefined ? "" : `limits ${formatNumber(least)} … ${formatNumber(greatest)}`;
         this.note = make("div", { class: "note", role: "status" });
         this.element = make("div", { class: "scalar" }, make("div", { class: "group" },
             canStep && button("−", () => this.stepBy(-1), { "aria-label": `${name}: one step less`, title }), this.field,
             canStep && button("+", () => this.stepBy(1), { "aria-label": `${name}: one step more`, title }), this.unit,
-            make("span", { class: "soft limits", text: limits, title: "limits" })), this.note);
+            make("span", { class: "soft limits", text: limits })), this.note);
     }
 
     /** @param {any} value @param {any} reference */

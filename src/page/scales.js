@@ -89,7 +89,7 @@ export function timeTickText(seconds, step, long) {
 export function fittingRange(least, greatest, before) {
     if (!(least <= greatest)) return before ?? { low: 0, high: 1 };
     const size = greatest - least || Math.max(Math.abs(greatest) * 0.1, 1e-9, Number.isInteger(greatest) ? 1 : 0);
-    const step = roundStep(size * 1.1, 4);
+    const step = roundStep(size * 1.1, 16);
     const low = Math.floor((least - size * 0.03) / step) * step;
     const high = Math.ceil((greatest + size * 0.03) / step) * step;
     if (before && before.low <= least && before.high >= greatest && before.high - before.low <= 2 * (high - low)) return before;

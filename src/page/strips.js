@@ -5,7 +5,8 @@
 
 /**
  * `broken[i]`: nothing is known between the stretch before and this one: they are not joined.
- * @typedef {{count: number, time: Float64Array, least: ArrayLike<number>, greatest: ArrayLike<number>,
+ * `begin`: where each stretch begins, when that is not where the one before ends or `time` itself.
+ * @typedef {{count: number, time: Float64Array, begin?: Float64Array, least: ArrayLike<number>, greatest: ArrayLike<number>,
  *            last: ArrayLike<number>, broken: Uint8Array, exact?: boolean}} Strip
  */
 
@@ -21,6 +22,7 @@ export class Columns {
     /** @param {number} size */
     reserve(size) {
         this.x = new Float64Array(size);
+        this.from = new Float64Array(size);
         this.least = new Float64Array(size);
         this.greatest = new Float64Array(size);
         this.last = new Float64Array(size);
@@ -28,14 +30,16 @@ export class Columns {
     }
 
     /**
+     * @param {number} from
      * @param {number} x
      * @param {number} least
      * @param {number} greatest
      * @param {number} last
      * @param {number} broken
      */
-    add(x, least, greatest, last, broken) {
+    add(from, x, least, greatest, last, broken) {
         const i = this.count++;
+        this.from[i] = from;
         this.x[i] = x;
         this.least[i] = least;
         this.greatest[i] = greatest;
@@ -88,7 +92,7 @@ export function columnsOf(strip, from, to, width, columns) {
         if (columns.count === columns.x.length) break;
         pixel = column;
         place = columns.count;
-        columns.add(x, least, greatest, last, strip.broken[i]);
+        columns.add(strip.begin ? (strip.begin[i] - from) * scale : x, x, least, greatest, last, strip.broken[i]);
     }
     columns.low = low;
     columns.high = high;
