@@ -7,28 +7,12 @@
 
 #include "core/text.h"
 #include "http/target.h"
+#include "serve/page_routes.h"
 
 namespace lm::serve {
 namespace {
 
 using nlohmann::json;
-
-/// What a browser gets at the printed address: it exchanges the token for a cookie and shows the state.
-constexpr std::string_view kPage =
-    R"(<!doctype html><meta charset="utf-8"><title>xcplumo</title><pre id="out">...</pre><script>
-(async () => {
-  const token = new URLSearchParams(location.hash.slice(1)).get("token");
-  if (token) {
-    history.replaceState(null, "", "/");
-    await fetch("/v1/login", {method: "POST", body: JSON.stringify({token})});
-  }
-  const answer = await (await fetch("/v1")).json();
-  const ecus = await Promise.all((answer.ecus || []).map(async one =>
-    (await fetch("/v1/ecus/" + encodeURIComponent(one.name) + "/state")).json()));
-  document.getElementById("out").textContent = JSON.stringify([answer, ...ecus], null, 2);
-})();
-</script>
-)";
 
 }  // namespace
 
@@ -156,15 +140,7 @@ void Service::atDesk(const http::Request& request, const http::Reply& reply, boo
 
 void Service::addGeneral(http::Router& router) {
     const http::Demand open{false, true, false};
-    router.add("GET", "/", open, [](http::Request&, const http::Reply& reply) {
-        http::Response page;
-        page.contentType = "text/html; charset=utf-8";
-        page.body = kPage;
-        page.headers.emplace_back(
-            "Content-Security-Policy",
-            "default-src 'none'; connect-src 'self'; script-src 'unsafe-inline'; frame-ancestors 'none'");
-        reply.send(std::move(page));
-    });
+    addPage(router);
     router.add("POST", "/v1/login", open, [this](http::Request& request, const http::Reply& reply) {
         const Result<json> body = http::parseBody(request.body, 4);
         if (!body) return reply.fail(body.error());

@@ -1,0 +1,14 @@
+// The page in the browser: its files, without a token, as they hold nothing of anyone. All that the page
+// shows it asks for with the cookie that it got for the token.
+//
+// Threads: routes are added by one; handlers run on the workers. Lifetime: the routes own what they send.
+#pragma once
+
+#include "http/router.h"
+
+namespace lm::serve {
+
+/// GET / and GET /page/{name}.
+void addPage(http::Router& router);
+
+}  // namespace lm::serve
