@@ -40,7 +40,12 @@ export class Parameters {
             button("Compare, apply…", () => this.file.click(), { title: "a parameter file: what differs, and apply it" }), this.file);
         this.host.append(make("div", { class: "head" }, make("h2", { text: "Parameters" }), make("div", { class: "group" }, this.undoButton, this.redoButton)),
             this.files, this.wholeFiles, this.report, this.empty, this.list);
-        this.host.addEventListener("dragover", (event) => event.preventDefault());
+        this.host.addEventListener("dragover", (/** @type {DragEvent} */ event) => event.preventDefault());
+        this.host.addEventListener("drop", (/** @type {DragEvent} */ event) => {
+            event.preventDefault();
+            const [kind, name] = (event.dataTransfer?.getData("text/plain") ?? "").split("\t");
+            if (name && kind !== "m") this.add(name);
+        });
         document.addEventListener("keydown", (event) => {
             if (!event.ctrlKey || inTextField(event) || event.defaultPrevented) return;
             const key = event.key.toLowerCase();

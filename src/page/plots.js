@@ -36,6 +36,8 @@ export class Plots {
         this.active = /** @type {"a" | "b"} */ ("a");
         this.axis = new Axis();
         this.gutter = SCALE_WIDTH;
+        this.followButton = button("‖ Pause", () => this.follow(!this.view.follows), { title: "f: pause or follow" });
+        this.readout = make("output", { class: "readout", "aria-label": "cursors" });
         this.pictures = 0;
         this.drawMs = 0;
         this.asked = false;
@@ -44,26 +46,25 @@ export class Plots {
         this.host = byId("panes");
         byId("axis").append(this.axis.canvas);
         new ResizeObserver(() => this.request()).observe(this.host);
-        this.makeTools(byId("tools"));
+        this.spanSelect = this.makeTools(byId("tools"));
     }
 
     /** @param {HTMLElement} tools */
     makeTools(tools) {
-        this.followButton = button("‖ Pause", () => this.follow(!this.view.follows), { title: "f: pause or follow" });
         const spans = /** @type {[number, string][]} */ ([[1, "1 s"], [5, "5 s"], [10, "10 s"], [30, "30 s"], [60, "1 min"], [300, "5 min"], [1800, "30 min"], [7200, "2 h"], [36000, "10 h"]]);
-        this.spanSelect = make("select", { "aria-label": "length of time shown", onchange: () => {
-            if (Number(this.spanSelect.value) > 0) this.view.setSpan(Number(this.spanSelect.value));
+        const select = make("select", { "aria-label": "length of time shown", onchange: () => {
+            if (Number(select.value) > 0) this.view.setSpan(Number(select.value));
             this.changed();
         } }, ...spans.map(([value, text]) => make("option", { value: String(value), text })), make("option", { value: "0", text: "other" }));
-        this.readout = make("output", { class: "readout", "aria-label": "cursors" });
         tools.append(
-            this.followButton, this.spanSelect,
+            this.followButton, select,
             button("−", () => { this.view.zoom(2); this.changed(); }, { "aria-label": "zoom out", title: "zoom out (−)" }),
             button("+", () => { this.view.zoom(0.5); this.changed(); }, { "aria-label": "zoom in", title: "zoom in (+)" }),
             button("Fit", () => this.fit(), { title: "h: all of the time, scales that fit" }),
             button("A", () => this.toggleCursor("a"), { "aria-label": "cursor A", title: "cursor A: click in a plot, or key a" }),
             button("B", () => this.toggleCursor("b"), { "aria-label": "cursor B", title: "cursor B: Shift+click in a plot, or key b" }),
             button("+ Pane", () => this.addPane(), { title: "a further pane" }));
+        return select;
     }
 
     /** @returns {(import("./sources.js").LiveSource | import("./sources.js").RecordedSource)[]} */

@@ -67,13 +67,14 @@ export class Scalar {
     show(value, reference) {
         this.value = value;
         setText(this.unit, plain(value.unit ?? ""));
-        const isList = this.field instanceof HTMLSelectElement;
+        const { field } = this;
+        const isList = field instanceof HTMLSelectElement;
         // All digits that the ECU holds, so that what is typed comes back as it was.
         const text = value.text === undefined ? "" : isList || typeof value.physical !== "number" ? String(value.text) : numberText(value, this.step);
-        if (isList && ![...this.field.options].some((option) => option.value === text)) {
+        if (isList && ![...field.options].some((option) => option.value === text)) {
             const option = make("option", { text });
             option.value = text;
-            this.field.append(option);
+            field.append(option);
         }
         if (document.activeElement !== this.field || this.field.value === this.shown || isList) this.field.value = text;
         this.shown = text;

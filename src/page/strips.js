@@ -14,7 +14,13 @@
 export class Columns {
     constructor() {
         this.count = 0;
-        this.reserve(1024);
+        const size = 1024;
+        this.from = new Float64Array(size);
+        this.x = new Float64Array(size);
+        this.least = new Float64Array(size);
+        this.greatest = new Float64Array(size);
+        this.last = new Float64Array(size);
+        this.broken = new Uint8Array(size);
         this.low = NaN;
         this.high = NaN;
     }
