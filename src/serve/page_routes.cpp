@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "http/stored_body.h"
+#include "http/target.h"
 #include "page/page_files.h"
 
 namespace lm::serve {
@@ -50,6 +51,20 @@ void addPage(http::Router& router) {
     router.add("GET", "/page/{name}", open, [send](http::Request& request, const http::Reply& reply) {
         send(request.part("name"), request, reply);
     });
+}
+
+void addLogin(http::Router& router, std::shared_ptr<http::Access> access) {
+    const http::Demand open{false, true, false};
+    router.add("POST", "/v1/login", open,
+               [access = std::move(access)](http::Request& request, const http::Reply& reply) {
+                   const Result<nlohmann::json> body = http::parseBody(request.body, 4);
+                   if (!body) return reply.fail(body.error());
+                   const Result<std::string> cookie = access->login(body.value().value("token", ""));
+                   if (!cookie) return reply.send(http::errorResponse(401, cookie.error()));
+                   http::Response response = http::jsonResponse(nlohmann::json::object());
+                   response.headers.emplace_back("Set-Cookie", cookie.value());
+                   reply.send(std::move(response));
+               });
 }
 
 }  // namespace lm::serve

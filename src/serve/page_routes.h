@@ -4,11 +4,16 @@
 // Threads: routes are added by one; handlers run on the workers. Lifetime: the routes own what they send.
 #pragma once
 
+#include <memory>
+
+#include "http/access.h"
 #include "http/router.h"
 
 namespace lm::serve {
 
 /// GET / and GET /page/{name}.
 void addPage(http::Router& router);
+/// POST /v1/login: a cookie for the token.
+void addLogin(http::Router& router, std::shared_ptr<http::Access> access);
 
 }  // namespace lm::serve
