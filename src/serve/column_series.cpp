@@ -13,9 +13,13 @@ namespace {
 constexpr std::int64_t kSlackNs = 10'000'000;
 constexpr std::int64_t kForEver = std::numeric_limits<std::int64_t>::max();
 
+/// It may hold records: an ECU that was only out of reach goes on sending.
 bool liesBetween(const Break& outage, std::int64_t beforeNs, std::int64_t nextNs) {
-    return outage.beginNs < nextNs && storage::timeBetween(beforeNs, outage.beginNs) >= -kSlackNs &&
-           (outage.endNs == kForEver || storage::timeBetween(outage.endNs, nextNs) >= -kSlackNs);
+    if (outage.beginNs >= nextNs) return false;
+    if (outage.beginNs >= beforeNs) return true;
+    const bool endsBefore =
+        outage.endNs == kForEver || storage::timeBetween(outage.endNs, nextNs) >= -kSlackNs;
+    return endsBefore && storage::timeBetween(outage.beginNs, beforeNs) <= kSlackNs;
 }
 
 }  // namespace
