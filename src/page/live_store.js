@@ -2,7 +2,10 @@
 // What came of a running measurement, for as long as there is room: windows of some milliseconds, and coarser
 // ones of eight, 64 and 512 of them, so that its size is fixed and hours are still there. No DOM.
 
-/** @typedef {import("./strips.js").Strip} Strip */
+/**
+ * @typedef {import("./strips.js").Strip} Strip
+ * @typedef {{count: number, time: Float64Array, begin: Float64Array, least: Float32Array, greatest: Float32Array, last: Float64Array, broken: Uint8Array}} OwnStrip
+ */
 
 const ROWS = 4096;
 const FACTOR = 8;
@@ -30,6 +33,12 @@ class Track {
         this.greatest = new Float32Array(ROWS).fill(NaN);
         this.last = new Float64Array(ROWS).fill(NaN);
     }
+}
+
+/** @param {number} size @returns {OwnStrip} */
+function roomFor(size) {
+    return { count: 0, time: new Float64Array(size), begin: new Float64Array(size), least: new Float32Array(size), greatest: new Float32Array(size),
+        last: new Float64Array(size), broken: new Uint8Array(size) };
 }
 
 export class LiveStore {
@@ -132,16 +141,17 @@ export class LiveStore {
      * @param {number} from
      * @param {number} to
      * @param {number} width
+     * @param {Strip | null} [before] of an earlier picture, whose room is used again
      * @returns {Strip}
      */
-    strip(name, from, to, width) {
+    strip(name, from, to, width, before = null) {
         let level = this.levels[0];
         for (const one of this.levels) {
             level = one;
             const reaches = one.first === 0 || one.begin[one.first % ROWS] <= from;
             if (reaches && this.rowsIn(one, from, to) <= 2 * width + 16) break;
         }
-        return this.stripOf(level, name, from, to);
+        return this.stripOf(level, name, from, to, /** @type {OwnStrip | null} */ (before));
     }
 
     /**
@@ -174,9 +184,10 @@ export class LiveStore {
      * @param {string} name
      * @param {number} from
      * @param {number} to
+     * @param {OwnStrip | null} before
      * @returns {Strip}
      */
-    stripOf(level, name, from, to) {
+    stripOf(level, name, from, to, before) {
         const track = level.tracks.get(name);
         const cycle = this.facts.get(name)?.cycle ?? 0;
         // One more on either side: lines go on to the edges. Slow signals have rows without a value there.
@@ -184,11 +195,11 @@ export class LiveStore {
         const first = Math.max(level.first, this.rowAt(level, from) - margin);
         const end = Math.min(level.rows, this.rowAt(level, to) + margin);
         const size = Math.max(0, end - first);
-        const strip = { count: 0, time: new Float64Array(size), begin: new Float64Array(size), least: new Float32Array(size),
-            greatest: new Float32Array(size), last: new Float64Array(size), broken: new Uint8Array(size) };
+        const strip = before && before.time.length >= size ? before : roomFor(size + 64);
+        strip.count = 0;
         if (!track) return strip;
         let broken = 0;
-        let before = NaN;
+        let heard = NaN;
         for (let number = first; number < end; ++number) {
             const row = number % ROWS;
             broken |= level.broken[row];
@@ -200,9 +211,9 @@ export class LiveStore {
             strip.least[i] = track.least[row];
             strip.greatest[i] = track.greatest[row];
             strip.last[i] = last;
-            const late = cycle > 0 && level.begin[row] - before > CYCLES * cycle + this.gap;
+            const late = cycle > 0 && level.begin[row] - heard > CYCLES * cycle + this.gap;
             strip.broken[i] = broken || late ? 1 : 0;
-            before = level.end[row];
+            heard = level.end[row];
             broken = 0;
         }
         return strip;

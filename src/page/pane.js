@@ -12,7 +12,7 @@ import { formatNumber, plain } from "./text.js";
  * @typedef {import("./strips.js").Strip} Strip
  * @typedef {import("./sources.js").Facts} Facts
  * @typedef {{label: string, factsOf(name: string): Facts | null,
- *            strip(name: string, from: number, to: number, width: number): Strip}} Source
+ *            strip(name: string, from: number, to: number, width: number, before: Strip | null): Strip}} Source
  * @typedef {{key: string, name: string, source: Source, facts: Facts | null, tag: string, color: string, known: Map<number, ReturnType<typeof valueAt>>, strip: Strip | null,
  *            columns: Columns, row: Row}} Shown
  * @typedef {{element: HTMLTableRowElement, name: HTMLElement, swatch: HTMLElement, value: HTMLElement, unit: HTMLElement,
@@ -60,10 +60,15 @@ export class Pane {
         this.element.addEventListener("focusin", () => actions.onChoose(this));
         this.element.addEventListener("pointerdown", () => actions.onChoose(this));
         this.size = { width: 0, height: 0, ratio: 1 };
+        this.sized = false;
+        new ResizeObserver(() => { this.sized = false; }).observe(this.plot);
     }
 
     measureSize() {
         const ratio = window.devicePixelRatio || 1;
+        // Asking for it makes the browser lay out the page: not for each picture.
+        if (this.sized && ratio === this.size.ratio) return;
+        this.sized = true;
         const { clientWidth: width, clientHeight: height } = this.plot;
         if (width === this.size.width && height === this.size.height && ratio === this.size.ratio) return;
         this.size = { width, height, ratio };
@@ -158,7 +163,7 @@ export class Pane {
         if (width <= gutter || height < 10) return;
         const columns = Math.round((width - gutter) * ratio);
         for (const one of this.shown.values()) {
-            one.strip = one.source.strip(one.name, view.from, view.to, columns);
+            one.strip = one.source.strip(one.name, view.from, view.to, columns, one.strip);
             columnsOf(one.strip, view.from, view.to, columns, one.columns);
         }
         const scales = this.collectScales();

@@ -37,9 +37,12 @@ export function drawPane(context, width, height, ratio, picture) {
     context.fillStyle = picture.theme.background;
     context.fillRect(0, 0, context.canvas.width, context.canvas.height);
     const device = { left: Math.round(area.left * ratio), width: Math.round(area.width * ratio), height: Math.round(height * ratio) };
-    drawGrid(context, device, ratio, picture);
-    if (picture.traces.length > MOST_LINES) drawRaster(context, device, ratio, picture);
-    else drawLines(context, device, ratio, picture);
+    if (picture.traces.length > MOST_LINES) {
+        drawRaster(context, device, ratio, picture);
+    } else {
+        drawGrid(context, device, ratio, picture);
+        drawLines(context, device, ratio, picture);
+    }
     context.setTransform(ratio, 0, 0, ratio, 0, 0);
     drawHappenings(context, area, picture);
     drawScales(context, area, picture);
@@ -76,25 +79,25 @@ function ticksOf(scale, height) {
  * @param {Picture} picture
  */
 function drawGrid(context, device, ratio, picture) {
-    context.strokeStyle = picture.theme.grid;
-    context.lineWidth = 1;
-    context.beginPath();
+    const { across, up } = gridOf(device, ratio, picture);
+    context.fillStyle = picture.theme.grid;
+    for (const x of across) context.fillRect(device.left + x, 0, 1, device.height);
+    for (const y of up) context.fillRect(device.left, y, device.width, 1);
+}
+
+/**
+ * Device pixels of the lines of the grid.
+ * @param {Device} device
+ * @param {number} ratio
+ * @param {Picture} picture
+ */
+function gridOf(device, ratio, picture) {
     const step = timeStep(picture.to - picture.from, Math.max(2, device.width / ratio / 110));
-    for (const tick of ticks(picture.from, picture.to, step)) {
-        const x = device.left + Math.round(((tick - picture.from) / (picture.to - picture.from)) * device.width) + 0.5;
-        context.moveTo(x, 0);
-        context.lineTo(x, device.height);
-    }
+    const across = ticks(picture.from, picture.to, step).map((tick) => Math.round(((tick - picture.from) / (picture.to - picture.from)) * device.width));
     const scale = picture.scales[0];
-    if (scale) {
-        const toY = yOf(scale, device.height / ratio);
-        for (const tick of ticksOf(scale, device.height / ratio).list) {
-            const y = Math.round(toY(tick) * ratio) + 0.5;
-            context.moveTo(device.left, y);
-            context.lineTo(device.left + device.width, y);
-        }
-    }
-    context.stroke();
+    const height = device.height / ratio;
+    const up = scale ? ticksOf(scale, height).list.map((tick) => Math.round(yOf(scale, height)(tick) * ratio)) : [];
+    return { across, up };
 }
 
 /**
@@ -163,6 +166,19 @@ function pathOf({ columns, scale, steps, dots }, device, edge) {
     return path;
 }
 
+/** @type {WeakMap<CanvasRenderingContext2D, ImageData>} */
+const images = new WeakMap();
+
+/** @param {CanvasRenderingContext2D} context @param {number} width @param {number} height */
+function imageOf(context, width, height) {
+    let image = images.get(context);
+    if (!image || image.width !== width || image.height !== height) {
+        image = context.createImageData(width, height);
+        images.set(context, image);
+    }
+    return image;
+}
+
 /**
  * @param {CanvasRenderingContext2D} context
  * @param {Device} device
@@ -170,11 +186,18 @@ function pathOf({ columns, scale, steps, dots }, device, edge) {
  * @param {Picture} picture
  */
 function drawRaster(context, device, ratio, picture) {
-    const image = context.getImageData(device.left, 0, device.width, device.height);
+    // What the canvas has is not read back, which costs more than to draw the grid once more.
+    const image = imageOf(context, device.width, device.height);
     const raster = { pixels: new Uint32Array(image.data.buffer), width: device.width, height: device.height };
+    raster.pixels.fill(pixelOf(picture.theme.background));
+    const { across, up } = gridOf(device, ratio, picture);
+    const grid = pixelOf(picture.theme.grid);
+    for (const x of across) for (let at = x; x >= 0 && x < device.width && at < raster.pixels.length; at += device.width) raster.pixels[at] = grid;
+    for (const y of up) if (y >= 0 && y < device.height) raster.pixels.fill(grid, y * device.width, (y + 1) * device.width);
     for (const trace of picture.traces) {
         const color = pixelOf(trace.faint ? picture.theme.faint : trace.color);
-        rasterTrace(raster, trace.columns, yOf(trace.scale, device.height, EDGE * ratio), trace.steps, color);
+        const toY = yOf(trace.scale, device.height, EDGE * ratio);
+        rasterTrace(raster, trace.columns, toY(0), toY(0) - toY(1), trace.steps, color);
     }
     context.putImageData(image, device.left, 0);
 }

@@ -230,7 +230,8 @@ export class Plots {
         const begin = performance.now();
         if (this.isLive) this.view.follow(this.live.store.newest);
         const theme = themeNow();
-        const width = this.panes[0]?.plot.clientWidth ?? 0;
+        this.panes[0]?.measureSize();
+        const width = this.panes[0]?.size.width ?? 0;
         if (width === 0) return;
         const many = Math.max(1, ...this.panes.map((pane) => pane.collectScales().length));
         const gutter = SCALE_WIDTH * Math.min(many, width < 380 ? 1 : width < 620 ? 2 : 3);

@@ -15,39 +15,42 @@
  */
 function bar({ pixels, width, height }, x, top, bottom, color) {
     if (x < 0 || x >= width) return;
-    const first = Math.max(0, Math.min(top, bottom));
-    const last = Math.min(height - 1, Math.max(top, bottom));
+    const first = top < 0 ? 0 : top;
+    const last = bottom >= height ? height - 1 : bottom;
     for (let at = first * width + x, end = last * width + x; at <= end; at += width) pixels[at] = color;
 }
 
 /**
+ * A value v lies `zero` - v * `factor` pixels below the upper edge.
  * @param {Raster} raster
  * @param {Columns} columns
- * @param {(value: number) => number} yOf pixels
+ * @param {number} zero
+ * @param {number} factor
  * @param {boolean} steps
  * @param {number} color as the pixels hold it
  */
-export function rasterTrace(raster, columns, yOf, steps, color) {
+export function rasterTrace(raster, columns, zero, factor, steps, color) {
     let beforeX = 0;
     let beforeY = 0;
     let joined = false;
     for (let i = 0; i < columns.count; ++i) {
         const x = Math.floor(columns.x[i]);
-        const y = Math.round(yOf(columns.last[i]));
+        const y = Math.round(zero - columns.last[i] * factor);
+        let top = Math.round(zero - columns.greatest[i] * factor);
+        let bottom = Math.round(zero - columns.least[i] * factor);
         if (joined && !columns.broken[i]) {
-            const first = Math.max(beforeX + 1, 0);
-            const last = Math.min(x, raster.width);
-            if (steps) {
-                for (let at = first; at < last; ++at) bar(raster, at, beforeY, beforeY, color);
-                bar(raster, x, beforeY, y, color);
-            } else {
-                const slope = (y - beforeY) / Math.max(x - beforeX, 1);
-                for (let at = first; at <= last; ++at) {
-                    bar(raster, at, Math.round(beforeY + slope * (at - 1 - beforeX)), Math.round(beforeY + slope * (at - beforeX)), color);
-                }
+            const slope = steps ? 0 : (y - beforeY) / Math.max(x - beforeX, 1);
+            let from = beforeY;
+            for (let at = beforeX + 1; at < x; ++at) {
+                const to = Math.round(beforeY + slope * (at - beforeX));
+                bar(raster, at, from < to ? from : to, from < to ? to : from, color);
+                from = to;
             }
+            // The last piece of the way lies in the column of the value.
+            if (from < top) top = from;
+            if (from > bottom) bottom = from;
         }
-        bar(raster, x, Math.round(yOf(columns.greatest[i])), Math.round(yOf(columns.least[i])), color);
+        bar(raster, x, top, bottom, color);
         beforeX = x;
         beforeY = y;
         joined = true;

@@ -57,9 +57,9 @@ export class LiveSource {
         return this.facts.get(name) ?? null;
     }
 
-    /** @param {string} name @param {number} from @param {number} to @param {number} width @returns {Strip} */
-    strip(name, from, to, width) {
-        return this.store.strip(name, from, to, width);
+    /** @param {string} name @param {number} from @param {number} to @param {number} width @param {Strip | null} before its room is used again @returns {Strip} */
+    strip(name, from, to, width, before) {
+        return this.store.strip(name, from, to, width, before);
     }
 
     /** @param {number} utcMs */

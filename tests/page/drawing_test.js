@@ -117,7 +117,7 @@ test("pixels of our own meet where the values do, and stop at gaps", () => {
         const columns = new Columns();
         for (const [x, least, greatest, last, broken] of rows) columns.add(x, x, least, greatest, last, broken);
         const raster = { pixels: new Uint32Array(60), width: 10, height: 6 };
-        rasterTrace(raster, columns, (value) => 5 - value, steps, 1);
+        rasterTrace(raster, columns, 5, 1, steps, 1);
         return Array.from({ length: 6 }, (_none, y) => Array.from(raster.pixels.subarray(10 * y, 10 * y + 10)).map((one) => (one ? "#" : ".")).join(""));
     };
     same(draw([[0, 0, 0, 0, 1], [4, 4, 4, 4, 0], [8, 1, 3, 2, 1]], false), ["..........", "....#.....", "...##...#.", "..##....#.", ".##.....#.", "##........"]);
