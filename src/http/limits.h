@@ -23,7 +23,8 @@ struct Limits {
     std::chrono::milliseconds writeTime{10000};  ///< for 64 KiB of an answer
     std::chrono::milliseconds lingerTime{1000};  ///< for a client to read why it was refused
     std::chrono::milliseconds heartbeat{10000};  ///< of a stream without events, which finds who has vanished
-    std::size_t workers = 4;                     ///< threads of handlers, of the whole server
+    std::chrono::milliseconds frameHeartbeat{1000};  ///< of one of frames, whose client watches for it
+    std::size_t workers = 4;                         ///< threads of handlers, of the whole server
 };
 
 }  // namespace lm::http

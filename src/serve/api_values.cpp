@@ -38,6 +38,7 @@ void Service::addObjects(http::Router& router) {
     router.add("GET", "/v1/ecus/{ecu}/objects", {}, ofEcu(&Service::list));
     router.add("GET", "/v1/ecus/{ecu}/objects/{name}", {}, ofEcu(&Service::describe));
     router.add("GET", "/v1/ecus/{ecu}/groups", {}, ofEcu(&Service::groups));
+    router.add("GET", "/v1/ecus/{ecu}/names", {}, ofEcu(&Service::names));
 }
 
 void Service::list(http::Request& request, const http::Reply& reply) {
@@ -55,6 +56,17 @@ void Service::list(http::Request& request, const http::Reply& reply) {
 void Service::describe(http::Request& request, const http::Reply& reply) {
     Result<std::string> text = forms_.describe(session_.description(), request.part("name"));
     text ? reply.send(textResponse(std::move(text).value())) : reply.fail(text.error(), request.part("name"));
+}
+
+/// Hundreds of thousands are gathered and compressed once, away from the workers.
+void Service::names(http::Request& request, const http::Reply& reply) {
+    recordingDesk_.post([this, request, reply] {
+        std::call_once(namesMade_, [this] {
+            namesBody_ = std::make_unique<http::StoredBody>("text/plain; charset=utf-8",
+                                                            forms_.names(session_.description()));
+        });
+        reply.send(namesBody_->responseTo(request));
+    });
 }
 
 void Service::groups(http::Request& /*request*/, const http::Reply& reply) {

@@ -26,6 +26,11 @@ void Chronicle::note(nlohmann::json entry) {
     entries_.push_back(std::move(entry));
 }
 
+std::uint64_t Chronicle::last() const {
+    const std::lock_guard lock(mutex_);
+    return last_;
+}
+
 nlohmann::json Chronicle::after(std::uint64_t after) const {
     const std::lock_guard lock(mutex_);
     nlohmann::json entries = nlohmann::json::array();

@@ -25,6 +25,7 @@ class Chronicle {
 
     /// {"entries": those numbered above `after`, the oldest first, "last": the newest number}.
     nlohmann::json after(std::uint64_t after) const;
+    std::uint64_t last() const;
 
   private:
     static constexpr std::size_t kMost = 2000;

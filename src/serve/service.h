@@ -14,10 +14,12 @@
 
 #include "core/result.h"
 #include "http/server.h"
+#include "http/stored_body.h"
 #include "serve/chronicle.h"
 #include "serve/ecu_desk.h"
 #include "serve/forms.h"
 #include "serve/record_hub.h"
+#include "serve/recording_desk.h"
 #include "serve/recordings.h"
 #include "session/session.h"
 
@@ -29,6 +31,7 @@ struct ServiceOptions {
     bool readOnly = false;
     bool allowWrites = false;  ///< at an address that other machines reach
     std::filesystem::path recordings = {};
+    std::string version = {};           ///< of the program
     std::filesystem::path socket = {};  ///< empty: no Unix socket
     /// What else the server answers.
     std::function<void(http::Router&)> addRoutes = {};
@@ -42,6 +45,9 @@ struct Addresses {
     bool readOnly = false;
     bool reachable = false;  ///< from other machines
 };
+
+Addresses addressesOf(const std::string& host, std::uint16_t port, const std::string& token, bool readOnly,
+                      bool reachable);
 
 class Service final : private session::ISessionListener {
   public:
@@ -79,6 +85,7 @@ class Service final : private session::ISessionListener {
     void describe(http::Request& request, const http::Reply& reply);
     void list(http::Request& request, const http::Reply& reply);
     void groups(http::Request& request, const http::Reply& reply);
+    void names(http::Request& request, const http::Reply& reply);
     void state(http::Request& request, const http::Reply& reply);
     void readOne(http::Request& request, const http::Reply& reply);
     void readMany(http::Request& request, const http::Reply& reply);
@@ -91,7 +98,6 @@ class Service final : private session::ISessionListener {
     void startRecording(http::Request& request, const http::Reply& reply);
     void stopRecording(http::Request& request, const http::Reply& reply);
     void mark(http::Request& request, const http::Reply& reply);
-    void exportRecording(http::Request& request, const http::Reply& reply);
 
     void read(const http::Request& request, const http::Reply& reply, std::vector<std::string> names,
               bool one);
@@ -100,6 +106,7 @@ class Service final : private session::ISessionListener {
     Result<session::PlanSummary> begin(session::Session& session, const std::vector<std::string>& signals);
     Result<void> end(session::Session& session);
     void look(session::Session& session);
+    nlohmann::json stateJson() const;
     nlohmann::json planJson(const session::MeasurementPlan& plan, session::Session& session) const;
 
     session::Session& session_;
@@ -110,10 +117,12 @@ class Service final : private session::ISessionListener {
     Chronicle writes_;
     RecordHub hub_;
     Recordings recordings_;
+    RecordingDesk recordingDesk_;
     EcuDesk desk_;
     std::shared_ptr<http::Access> tcp_;
     std::unique_ptr<http::Server> server_;
-    std::mutex exporting_;
+    std::once_flag namesMade_;
+    std::unique_ptr<http::StoredBody> namesBody_;
 
     mutable std::mutex mutex_;
     nlohmann::json statistics_;         ///< of the measurement, a tenth of a second old at most
