@@ -32,7 +32,7 @@ class RecordingDesk {
 
     /// Error: that of a thread.
     Result<void> start();
-    /// What waits is left without an answer, what runs is finished.
+    /// What waits is still answered; an export ends early when the stop was requested.
     void stop();
 
     void addRoutes(http::Router& router);
