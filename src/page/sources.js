@@ -127,6 +127,8 @@ export class RecordedSource {
         this.facts = told.signals.map(factsOf);
         this.own = (told.events ?? []).map((/** @type {any} */ one) => ({
             from: one.tNs / 1e9, to: (one.untilNs ?? one.tNs) / 1e9, kind: one.kind, text: one.text ?? "" }));
+        if (told.eventsLeftOut > 0)
+            this.own.push({ from: this.begin, to: this.begin, kind: "gap", text: `${told.eventsLeftOut} more events or gaps are not marked` });
     }
 
     get range() {

@@ -1,6 +1,7 @@
 #include "serve/column_series.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -11,7 +12,15 @@ namespace {
 
 /// An outage begins when the last record came, which may lie a little before or behind its timestamp.
 constexpr std::int64_t kSlackNs = 10'000'000;
+/// Others wait for the recording, and the program for its end.
+constexpr std::chrono::seconds kLongest{20};
 constexpr std::int64_t kForEver = std::numeric_limits<std::int64_t>::max();
+
+Error tooSlow() {
+    Error error{ErrorCode::timeout, "the recording takes too long to read"};
+    error.hint = "`recording repair` makes its summary levels where they are missing";
+    return error;
+}
 
 /// It may hold records: an ECU that was only out of reach goes on sending.
 bool liesBetween(const Break& outage, std::int64_t beforeNs, std::int64_t nextNs) {
@@ -109,7 +118,9 @@ Result<ColumnSeries::Columns> ColumnSeries::columns(std::int64_t fromNs, std::in
     std::uint64_t first = begin.value().first;
     std::vector<double> heldValues(signals.size());
     std::uint64_t heldOf = kForEver;
+    const auto deadline = std::chrono::steady_clock::now() + kLongest;
     for (std::size_t i = 0; i < count; ++i) {
+        if (std::chrono::steady_clock::now() > deadline) return tooSlow();
         const std::int64_t beginNs = columnBegin(fromNs, toNs, count, i);
         const std::int64_t endNs = columnBegin(fromNs, toNs, count, i + 1);
         auto found = group_.reader.find({endNs, kForEver});

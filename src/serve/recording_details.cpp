@@ -23,14 +23,16 @@ class EventList {
     explicit EventList(std::int64_t startNs) : startNs_(startNs) {}
 
     void add(const char* kind, std::int64_t timeNs, const std::string& text) {
-        if (isFull()) return;
+        if (isFull()) return leaveOut();
         list_.push_back({{"kind", kind}, {"tNs", storage::timeBetween(startNs_, timeNs)}, {"text", text}});
     }
     void addStretch(const char* kind, std::int64_t beginNs, std::int64_t endNs, const std::string& text) {
-        if (isFull()) return;
+        if (isFull()) return leaveOut();
         add(kind, beginNs, text);
         list_.back()["untilNs"] = storage::timeBetween(startNs_, endNs);
     }
+    void leaveOut(std::uint64_t count = 1) { leftOut_ += count; }
+    std::uint64_t leftOut() const { return leftOut_; }
     json take() {
         std::stable_sort(list_.begin(), list_.end(), [](const json& a, const json& b) {
             return a["tNs"].get<std::int64_t>() < b["tNs"].get<std::int64_t>();
@@ -43,6 +45,7 @@ class EventList {
 
     const std::int64_t startNs_;
     json list_ = json::array();
+    std::uint64_t leftOut_ = 0;
 };
 
 json eventsOf(OpenedRecording& recording, const storage::TimeSpan& span) {
@@ -68,14 +71,18 @@ json eventsOf(OpenedRecording& recording, const storage::TimeSpan& span) {
         list.add("clock", step.after.hostNs, fmt::format("the clock was set by {} ns", step.byNs));
     for (std::size_t i = 0; i < recording.info().groups.size(); ++i) {
         const auto gaps = recording.gaps(i);
-        if (!gaps) continue;
+        if (!gaps) {
+            list.leaveOut();
+            continue;
+        }
+        list.leaveOut(gaps.value()->count - gaps.value()->gaps.size());
         for (const storage::Gap& gap : gaps.value()->gaps) {
             list.addStretch("gap", gap.beginNs, gap.endNs,
                             fmt::format("no record of {} for {:.3f} ms", recording.info().groups[i].name,
                                         static_cast<double>(gap.lengthNs()) / 1e6));
         }
     }
-    return list.take();
+    return {{"events", list.take()}, {"eventsLeftOut", list.leftOut()}};
 }
 
 std::string textOf(const json& told) {
@@ -134,7 +141,7 @@ json readDetails(const std::filesystem::path& directory) {
 
 }  // namespace
 
-Result<std::string> signalsOf(OpenedRecording& recording) {
+Result<std::string> signalsText(OpenedRecording& recording) {
     const storage::RecordingInfo& info = recording.info();
     json signals = json::array();
     json groups = json::array();
@@ -157,12 +164,13 @@ Result<std::string> signalsOf(OpenedRecording& recording) {
         }
     }
     if (span.isEmpty()) span = {info.startHostNs, info.startHostNs};
-    return textOf({{"startUtcNs", info.startUtcNs},
-                   {"fromNs", storage::timeBetween(info.startHostNs, span.firstNs)},
-                   {"toNs", storage::timeBetween(info.startHostNs, span.lastNs)},
-                   {"signals", std::move(signals)},
-                   {"groups", std::move(groups)},
-                   {"events", eventsOf(recording, span)}});
+    json told = eventsOf(recording, span);
+    told.update({{"startUtcNs", info.startUtcNs},
+                 {"fromNs", storage::timeBetween(info.startHostNs, span.firstNs)},
+                 {"toNs", storage::timeBetween(info.startHostNs, span.lastNs)},
+                 {"signals", std::move(signals)},
+                 {"groups", std::move(groups)}});
+    return textOf(told);
 }
 
 json Catalogue::detailsOf(const std::string& name, const std::filesystem::path& directory) {
