@@ -134,7 +134,7 @@ json readDetails(const std::filesystem::path& directory) {
 
 }  // namespace
 
-Result<std::string> signalsOf(OpenedRecording& recording) {
+Result<std::string> pictureOf(OpenedRecording& recording) {
     const storage::RecordingInfo& info = recording.info();
     json signals = json::array();
     json groups = json::array();
