@@ -136,6 +136,7 @@ export class Parameters {
     arrange() {
         this.empty.hidden = this.items.size > 0;
         this.files.hidden = this.items.size === 0;
+        this.host.classList.toggle("tables", [...this.items.values()].some((item) => item.table) || !this.report.hidden);
         this.host.classList.toggle("empty", this.items.size === 0 && this.report.hidden);
         this.tell();
     }
