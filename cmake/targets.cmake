@@ -44,11 +44,13 @@ function(xcplumo_precompiled name)
     endif()
 endfunction()
 
-# With a sanitizer it takes as long to optimise a test as to compile it, and most tests run for milliseconds.
+# It takes as long to optimise a test as to compile it, and most tests run for milliseconds.
 add_library(xcplumo_plain_tests INTERFACE)
 target_link_libraries(xcplumo_plain_tests INTERFACE xcplumo_options)
 if(XCPLUMO_SANITIZE)
     target_compile_options(xcplumo_plain_tests INTERFACE -O0)
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+    target_compile_options(xcplumo_plain_tests INTERFACE -O1) # hardening needs that much
 endif()
 function(xcplumo_precompiled_test name)
     if(XCPLUMO_PRECOMPILED)

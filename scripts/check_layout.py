@@ -16,6 +16,7 @@ ARROWS = {
     "help": set(),
     "hal": {"core"},
     "http": {"core"},
+    "page": set(),
     "broker": {"core", "hal"},
     "xcp": {"core", "hal", "broker"},
     "value": {"core"},
@@ -26,7 +27,7 @@ ARROWS = {
     "session": {"core", "hal", "broker", "value", "a2l", "xcp", "storage", "params"},
     "host": {"core", "http", "xcp", "value", "a2l", "storage", "session"},
     "watch": {"core", "value", "xcp", "storage", "session"},
-    "serve": {"core", "http", "value", "a2l", "xcp", "storage", "exporter", "session"},
+    "serve": {"core", "http", "page", "value", "a2l", "xcp", "storage", "exporter", "session"},
     "cli": {"core", "serve", "host", "http", "value", "a2l", "xcp", "storage", "exporter", "session", "params", "watch", "help"},
     "key": {"core"},
     "sim": {"core", "hal", "help"},
@@ -36,7 +37,7 @@ PARSER = {"src/cli/command_line.cpp", "src/cli/option_set.cpp", "src/help/man_pa
           "sim/variant_options.cpp"}
 LOG = {"src/core/log.cpp", "src/cli/message_output.cpp"}
 ASIO = {"src/http/connection.h", "src/http/connection.cpp", "src/http/server.cpp"}
-LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"http", "host", "serve", "session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter"},
+LIBRARIES = {"CLI/": PARSER, "spdlog/spdlog.h": LOG, "nlohmann/": {"http", "host", "serve", "session", "storage", "params"}, "pugixml.hpp": {"params"}, "zlib.h": {"exporter", "http"},
              "boost/": ASIO}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)

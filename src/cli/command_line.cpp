@@ -92,6 +92,10 @@ struct Parser {
 
 }  // namespace
 
+const char* programVersion() {
+    return XCPLUMO_VERSION;
+}
+
 std::string helpText() {
     return Parser().app.help();
 }

@@ -20,6 +20,9 @@ struct CommandLine {
     Form form = Form::text;
 };
 
+/// "1.2.3"
+const char* programVersion();
+
 /// The help of the program as a whole.
 std::string helpText();
 

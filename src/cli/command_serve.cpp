@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "cli/command_line.h"
 #include "cli/message_output.h"
 #include "cli/option_set.h"
 #include "cli/options.h"
@@ -21,12 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct HostPort {
-    std::string host;
-    std::uint16_t port = 0;
-};
+}  // namespace
 
-/// "127.0.0.1:8080", "[::1]:8080".
 Result<HostPort> parseListen(const std::string& text) {
     const auto bad = [&] {
         return Error{ErrorCode::invalidArgument,
@@ -44,8 +41,6 @@ Result<HostPort> parseListen(const std::string& text) {
     if (!port) return bad();
     return HostPort{host, static_cast<std::uint16_t>(port.value())};
 }
-
-}  // namespace
 
 void ServeCommand::addOptions(OptionSet& options) {
     options.add("--listen", listen_,
@@ -88,6 +83,7 @@ int ServeCommand::run(Workplace& place) {
     options.readOnly = readOnly_;
     options.allowWrites = allowWrites_;
     options.recordings = recordings_;
+    options.version = programVersion();
     // Clients over the socket of the sharing and programs that go through this one are served at one place.
     serve::Service* running = nullptr;
     Sharing& sharing = *place.sharing;

@@ -11,6 +11,13 @@
 
 namespace lm::cli {
 
+struct HostPort {
+    std::string host;
+    std::uint16_t port = 0;
+};
+/// "127.0.0.1:8080", "[::1]:8080". Error: invalidArgument.
+Result<HostPort> parseListen(const std::string& text);
+
 class ServeCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;

@@ -16,6 +16,7 @@
 #include "cli/command_snapshot.h"
 #include "cli/command_unlock.h"
 #include "cli/command_values.h"
+#include "cli/command_view.h"
 #include "cli/command_wait.h"
 #include "cli/stop_signal.h"
 
@@ -133,6 +134,11 @@ Exit code 0: it held, 3: not within the timeout, 4: no one answered, 1: any othe
   xcplumo-cli -c demo.json serve --listen 192.168.0.5:8080 --allow-writes
 Any address but 127.0.0.1 is read-only without --allow-writes. The printed address holds the token.)",
      Needs::session, Form::text, make<ServeCommand>},
+    {"view", "Show recordings in the browser (no connection)",
+     R"(  xcplumo-cli view first
+  xcplumo-cli view recordings more/second
+It serves them on 127.0.0.1 until Ctrl-C. The printed address holds the token.)",
+     Needs::nothing, Form::text, make<ViewCommand>},
     {"snapshot", "Keep the values of all parameters in a file",
      R"(  xcplumo-cli -c demo.json snapshot before.json
   xcplumo-cli -c demo.json snapshot maps.json "cal_*_map" --group Tables

@@ -8,6 +8,7 @@
 #include "cli/command_list.h"
 #include "cli/json_writer.h"
 #include "cli/object_json.h"
+#include "cli/object_names.h"
 #include "cli/object_report.h"
 #include "cli/recording_overview.h"
 #include "cli/recording_report.h"
@@ -131,6 +132,7 @@ serve::Forms serveForms(value::NumberStyle style) {
     serve::Forms forms;
     forms.list = listText;
     forms.describe = describeText;
+    forms.names = objectNames;
     forms.reading = [style](std::string_view name, const Result<Reading>& value) {
         return readingText(name, value, style);
     };

@@ -26,12 +26,20 @@ std::string_view reasonOf(int status) {
 
 std::string headOf(const Response& response, std::uint64_t length, bool keepAlive) {
     std::string head = fmt::format(
-        "HTTP/1.1 {} {}\r\nContent-Type: {}\r\nContent-Length: {}\r\nCache-Control: no-store\r\n"
+        "HTTP/1.1 {} {}\r\nContent-Type: {}\r\nContent-Length: {}\r\nCache-Control: {}\r\n"
         "X-Content-Type-Options: nosniff\r\n",
-        response.status, reasonOf(response.status), response.contentType, length);
+        response.status, reasonOf(response.status), response.contentType, length, response.cacheControl);
     for (const auto& [name, value] : response.headers)
         head += fmt::format("{}: {}\r\n", name, value);
     return head + (keepAlive ? "\r\n" : "Connection: close\r\n\r\n");
+}
+
+/// "gzip, deflate, br": yes; "gzip;q=0": no.
+bool acceptsGzip(std::string_view encodings) {
+    const std::size_t at = encodings.find("gzip");
+    if (at == std::string_view::npos) return false;
+    const std::string_view weight = encodings.substr(at + 4, encodings.substr(at + 4).find(','));
+    return weight.find("q=0") == std::string_view::npos || weight.find("q=0.") != std::string_view::npos;
 }
 
 /// How a handler's answer, from whatever thread and however late, finds the connection, or that there is
@@ -51,7 +59,7 @@ class ReplyTarget final : public IReplyTarget {
         });
     }
 
-    std::shared_ptr<EventStream> stream() override {
+    std::shared_ptr<EventStream> stream(StreamForm form) override {
         const std::shared_ptr<IConnectionOwner> owner = owner_.lock();
         if (!owner) return nullptr;
         if (!owner->takeStream(listener_)) {
@@ -59,9 +67,10 @@ class ReplyTarget final : public IReplyTarget {
                 503, Error{ErrorCode::wouldBlock, "there are as many open streams as the server allows"}));
             return nullptr;
         }
-        auto stream = std::make_shared<EventStream>(streamBytes_, [owner = owner_, connection = connection_] {
-            runAt(owner, connection, [](Connection& own) { own.flushStream(); });
-        });
+        auto stream =
+            std::make_shared<EventStream>(form, streamBytes_, [owner = owner_, connection = connection_] {
+                runAt(owner, connection, [](Connection& own) { own.flushStream(); });
+            });
         // Without a connection there is no one to give it back later.
         owner->runHere([owner = owner_, connection = connection_, stream, listener = listener_] {
             const std::shared_ptr<IConnectionOwner> at = owner.lock();
@@ -164,7 +173,7 @@ void Connection::disarm() {
 }
 
 void Connection::onDeadline() {
-    if (state_ == State::streaming && !writing_) return write(": alive\n\n");
+    if (state_ == State::streaming && !writing_) return write(stream_->alive());
     const bool partOfHead = state_ == State::head && parser_->got_some();
     if (partOfHead || state_ == State::body)
         return refuse(408, ErrorCode::timeout, "the request took too long");
@@ -215,6 +224,12 @@ Request Connection::requestOfHead() const {
     Request request;
     const auto method = parser_->get().method_string();
     request.method.assign(method.data(), method.size());
+    const auto textOf = [&](beast::http::field field) {
+        const auto text = parser_->get()[field];
+        return std::string(text.data(), text.size());
+    };
+    request.acceptsGzip = acceptsGzip(textOf(beast::http::field::accept_encoding));
+    request.ifNoneMatch = textOf(beast::http::field::if_none_match);
     request.peer = peer_;
     request.connection = number_;
     request.watch = watch_;
@@ -401,9 +416,11 @@ void Connection::beginStream(std::shared_ptr<EventStream> stream) {
     owner_.countAnswer(false);
     state_ = State::streaming;
     stream_ = std::move(stream);
+    const bool isEvents = stream_->form() == StreamForm::events;
     write(
-        "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-store\r\n"
-        "X-Content-Type-Options: nosniff\r\nConnection: close\r\n\r\n");
+        fmt::format("HTTP/1.1 200 OK\r\nContent-Type: {}\r\nCache-Control: no-store\r\n"
+                    "X-Content-Type-Options: nosniff\r\nConnection: close\r\n\r\n",
+                    isEvents ? "text/event-stream" : "application/octet-stream"));
     discard();
 }
 
@@ -411,7 +428,8 @@ void Connection::flushStream() {
     if (state_ != State::streaming || writing_) return;
     std::string bytes = stream_->take();
     if (!bytes.empty()) return write(std::move(bytes));
-    if (!stream_->finished()) return arm(limits_.heartbeat);
+    if (!stream_->finished())
+        return arm(stream_->form() == StreamForm::events ? limits_.heartbeat : limits_.frameHeartbeat);
     stream_->close();
     owner_.giveStreamBack(listener_);
     stream_.reset();

@@ -12,7 +12,6 @@ namespace lm::http {
 struct Limits {
     std::size_t headBytes = 16U << 10U;
     std::size_t bodyBytes = 4U << 20U;
-    std::size_t jsonDepth = 16;
     std::size_t connections = 256;
     std::size_t connectionsPerPeer = 64;  ///< of an address; of a process on a Unix socket
     std::size_t streams = 32;
@@ -23,7 +22,8 @@ struct Limits {
     std::chrono::milliseconds writeTime{10000};  ///< for 64 KiB of an answer
     std::chrono::milliseconds lingerTime{1000};  ///< for a client to read why it was refused
     std::chrono::milliseconds heartbeat{10000};  ///< of a stream without events, which finds who has vanished
-    std::size_t workers = 4;                     ///< threads of handlers, of the whole server
+    std::chrono::milliseconds frameHeartbeat{1000};  ///< of one of frames, whose client watches for it
+    std::size_t workers = 4;                         ///< threads of handlers, of the whole server
 };
 
 }  // namespace lm::http

@@ -53,6 +53,8 @@ struct Request {
     Texts parts;                    ///< the segments that stand for {NAME} in the route
     Texts query;
     std::string body;
+    bool acceptsGzip = false;  ///< of an answer
+    std::string ifNoneMatch;   ///< tags of what the client has
     Peer peer;
     std::uint64_t connection = 0;  ///< the same for all requests of one connection, never used again
     std::shared_ptr<PeerWatch> watch = std::make_shared<PeerWatch>();
@@ -66,6 +68,7 @@ struct Response {
     int status = 200;
     std::string contentType = "application/json";
     std::string body;
+    std::string cacheControl = "no-store";
     std::vector<std::pair<std::string, std::string>> headers;
     /// A body too large to hold: called on a worker until `length` bytes came, after `body`. An error or an
     /// empty piece before that ends the connection, so that the client sees that something is missing.

@@ -17,16 +17,34 @@
 
 namespace lm::http {
 
-/// Server-sent events for one client. What a client does not take in time is dropped whole and counted, never
+/// How a stream stands on the wire.
+enum class StreamForm : std::uint8_t {
+    events,  ///< server-sent events
+    frames,  ///< u32 length of what follows, u8 kind, 3 bytes 0, payload; numbers little-endian
+};
+
+/// What a frame holds.
+enum class FrameKind : std::uint8_t {
+    event = 1,   ///< JSON {"event": NAME, ...}
+    window = 2,  ///< of a measurement, in numbers
+    alive = 3,   ///< nothing
+};
+
+/// Events for one client. What a client does not take in time is dropped whole and counted, never
 /// waited for: the next that it gets is then `event: missed` with {"missed": N}.
 class EventStream {
   public:
     /// `wake` is called when there is something to take, and nothing was since the last take().
-    EventStream(std::size_t maxBytes, std::function<void()> wake)
-        : maxBytes_(maxBytes), wake_(std::move(wake)) {}
+    EventStream(StreamForm form, std::size_t maxBytes, std::function<void()> wake)
+        : form_(form), maxBytes_(maxBytes), wake_(std::move(wake)) {}
 
-    /// `data` is one line. `weight`: what dropping it adds to N. False when it was dropped.
+    StreamForm form() const { return form_; }
+    /// `data` is one line, a JSON object. `weight`: what dropping it adds to N. False when it was dropped.
     bool push(std::string_view event, std::string_view data, std::uint64_t weight = 1);
+    /// What the events after it cannot be understood without: never dropped while the client is there.
+    bool pushAlways(std::string_view event, std::string_view data);
+    /// The same of a stream of frames.
+    bool pushFrame(FrameKind kind, std::string_view payload, std::uint64_t weight = 1);
     /// What was lost before it came here, told like what was dropped here.
     void addMissed(std::uint64_t count);
     /// The last: the connection is closed when the client has taken all.
@@ -39,11 +57,17 @@ class EventStream {
     /// All that waits, as bytes to send.
     std::string take();
     bool finished() const;
+    /// What tells a client that there is nothing.
+    std::string alive() const;
     void close() { closed_.store(true); }
 
   private:
+    bool add(std::string_view bytes, std::uint64_t weight, bool mayDrop = true);
+    std::string formed(std::string_view event, std::string_view data) const;
+    void addMissedText();
     void wakeIfIdle(bool wasIdle);
 
+    const StreamForm form_;
     const std::size_t maxBytes_;
     const std::function<void()> wake_;
     mutable std::mutex mutex_;
@@ -60,7 +84,7 @@ class IReplyTarget {
     virtual ~IReplyTarget() = default;
     virtual void send(Response response) = 0;
     /// None: there are as many as the limits allow, and the request was answered so.
-    virtual std::shared_ptr<EventStream> stream() = 0;
+    virtual std::shared_ptr<EventStream> stream(StreamForm form) = 0;
 };
 
 /// Copies stand for the same answer; the first one that is given counts. When the last copy goes without one,
@@ -73,7 +97,7 @@ class Reply {
     void send(const nlohmann::json& json) const { send(jsonResponse(json)); }
     void fail(const Error& error, std::string_view name = {}) const { send(errorResponse(error, name)); }
     /// Answers with a stream of events. None: see IReplyTarget, or it was answered already.
-    std::shared_ptr<EventStream> stream() const;
+    std::shared_ptr<EventStream> stream(StreamForm form = StreamForm::events) const;
 
   private:
     struct State;

@@ -1,19 +1,13 @@
 // Measurement, recordings and streams of `serve`.
 #include <algorithm>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 
 #include <fmt/format.h>
 
-#include "core/file_write.h"
 #include "core/text.h"
-#include "exporter/export_recording.h"
 #include "http/target.h"
 #include "serve/service.h"
 #include "session/measurement_plan.h"
-#include "storage/read/recording_reader.h"
 
 namespace lm::serve {
 namespace {
@@ -54,35 +48,17 @@ Result<std::chrono::milliseconds> windowOf(const http::Request& request) {
     return std::chrono::milliseconds(window.value());
 }
 
-std::shared_ptr<Measured> measuredOf(const session::MeasurementPlan& plan) {
+std::shared_ptr<Measured> measuredOf(const session::MeasurementPlan& plan,
+                                     const xcp::DaqCapabilities& capabilities) {
     auto measured = std::make_shared<Measured>();
     for (const session::PlannedSignal& signal : plan.planned) {
-        measured->signals.push_back(
-            {signal.element.name, signal.element, signal.listIndex, signal.recordOffset});
+        measured->signals.push_back({signal.element.name, signal.element, signal.listIndex,
+                                     signal.recordOffset,
+                                     session::periodNs(plan.daq.lists[signal.listIndex], capabilities)});
     }
     measured->startNs = std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
     measured->startUtcNs = utcNs();
     return measured;
-}
-
-/// An open file that has no name any more, piece by piece.
-http::Response fileResponse(UniqueFd file, std::uint64_t size, const std::string& name) {
-    http::Response response;
-    response.contentType = "application/octet-stream";
-    response.headers.emplace_back("Content-Disposition", fmt::format("attachment; filename=\"{}\"", name));
-    response.length = size;
-    auto shared = std::make_shared<UniqueFd>(std::move(file));
-    response.more = [shared]() -> Result<std::string> {
-        std::string piece(std::size_t{256} << 10U, '\0');
-        ssize_t count = 0;
-        do {
-            count = ::read(shared->get(), piece.data(), piece.size());
-        } while (count < 0 && errno == EINTR);
-        if (count < 0) return Error::fromErrno(errno, "cannot read an export");
-        piece.resize(static_cast<std::size_t>(count));
-        return piece;
-    };
-    return response;
 }
 
 }  // namespace
@@ -98,21 +74,6 @@ void Service::addRecordings(http::Router& router) {
     router.add("PUT", "/v1/ecus/{ecu}/recording", {}, ofEcu(&Service::startRecording));
     router.add("DELETE", "/v1/ecus/{ecu}/recording", {}, ofEcu(&Service::stopRecording));
     router.add("POST", "/v1/ecus/{ecu}/recording/marks", {}, ofEcu(&Service::mark));
-    router.add("GET", "/v1/recordings", {}, [this](http::Request&, const http::Reply& reply) {
-        const Result<std::vector<std::string>> names = recordings_.names();
-        names ? reply.send(json{{"recordings", names.value()}}) : reply.fail(names.error());
-    });
-    router.add("GET", "/v1/recordings/{name}", {}, [this](http::Request& request, const http::Reply& reply) {
-        const Result<std::filesystem::path> path = recordings_.pathOf(request.part("name"));
-        if (!path) return reply.fail(path.error());
-        Result<std::string> text = forms_.recordingInfo(path.value());
-        if (!text) return reply.fail(text.error());
-        http::Response response;
-        response.body = std::move(text).value() + "\n";
-        reply.send(std::move(response));
-    });
-    router.add("GET", "/v1/recordings/{name}/export", {},
-               [this](http::Request& request, const http::Reply& reply) { exportRecording(request, reply); });
 }
 
 json Service::planJson(const session::MeasurementPlan& plan, session::Session& session) const {
@@ -174,12 +135,16 @@ Result<session::PlanSummary> Service::begin(session::Session& session,
     options.signals = signals;
     options.sink = &hub_;
     options.recordedBySink = !options_.recordings.empty();
-    options.onPlanned = [this](const session::MeasurementPlan& plan) { hub_.setMeasured(measuredOf(plan)); };
+    options.noteTo = [this](std::int64_t, const std::string& line) { noteOfEcu(line); };
+    options.onPlanned = [this, &session](const session::MeasurementPlan& plan) {
+        hub_.setMeasured(measuredOf(plan, *session.daqCapabilities()));
+    };
     Result<session::PlanSummary> summary = session.startMeasurement(options);
     if (!summary) {
         hub_.setMeasured(nullptr);
         return summary;
     }
+    asked_ = signals;
     const std::lock_guard lock(mutex_);
     signals_.clear();
     for (const MeasuredSignal& signal : hub_.measured()->signals)
@@ -188,15 +153,27 @@ Result<session::PlanSummary> Service::begin(session::Session& session,
     return summary;
 }
 
+/// What runs in the ECU, its clock, and that it is another one than before.
+void Service::noteOfEcu(const std::string& line) {
+    const json told = json::parse(line, nullptr, false);
+    const std::string event = told.is_object() ? told.value("event", "") : "";
+    if (!event.starts_with("ecu")) return;  // marks and writes are noted where they are made
+    hub_.note(line);
+    if (event == "ecuChanged")
+        log_.note("warning", fmt::format("the ECU is not as it was: {}: {}", told.value("what", ""),
+                                         told.value("text", "")));
+}
+
 /// With the recording, which needs its records.
 Result<void> Service::end(session::Session& session) {
     {
         const std::lock_guard lock(mutex_);
         if (!std::exchange(measuring_, false)) return {};
+        asked_.reset();
         statistics_ = nullptr;
     }
-    Result<void> recorded = recordings_.state().is_null() ? Result<void>() : recordings_.stop();
     Result<void> stopped = session.stopMeasurement();
+    Result<void> recorded = recordings_.state().is_null() ? Result<void>() : recordings_.stop();
     hub_.setMeasured(nullptr);
     log_.note("info", "the measurement has ended");
     return stopped ? std::move(recorded) : std::move(stopped);
@@ -212,11 +189,18 @@ void Service::measure(http::Request& request, const http::Reply& reply) {
                    return reply.fail(
                        Error{ErrorCode::alreadyOpen, "a recording runs: its signals cannot be changed"});
                }
+               const auto before = asked_;
                if (Result<void> ended = end(session); !ended) return reply.fail(ended.error());
                const auto summary = begin(session, signals);
                if (!summary) {
                    desk_.doubt();
-                   return reply.fail(summary.error());
+                   Error error = summary.error();
+                   const bool isBack = before && begin(session, *before);
+                   if (before && !error.hint.empty()) error.hint += "; ";
+                   if (before)
+                       error.hint +=
+                           isBack ? "what was measured before goes on" : "nothing is measured any more";
+                   return reply.fail(error);
                }
                log_.note("info",
                          fmt::format("{} measures {} signal(s)", client, summary.value().signalCount));
@@ -236,7 +220,13 @@ void Service::endMeasurement(http::Request& request, const http::Reply& reply) {
 void Service::stream(http::Request& request, const http::Reply& reply) {
     const Result<std::chrono::milliseconds> window = windowOf(request);
     if (!window) return reply.fail(window.error());
-    const std::shared_ptr<http::EventStream> stream = reply.stream();
+    const std::string form = request.queryText("form");
+    if (!form.empty() && form != "binary")
+        return reply.fail(Error{ErrorCode::invalidArgument, "form: binary, or none for server-sent events"});
+    if (!form.empty() && window.value().count() == 0)
+        return reply.fail(Error{ErrorCode::invalidArgument, "form=binary needs windowMs"});
+    const std::shared_ptr<http::EventStream> stream =
+        reply.stream(form.empty() ? http::StreamForm::events : http::StreamForm::frames);
     if (stream) hub_.addWatcher(stream, splitNames(request.queryText("signals")), window.value());
 }
 
@@ -248,13 +238,16 @@ void Service::startRecording(http::Request& request, const http::Reply& reply) {
             client = request.peer.address](session::Session& session) {
                const Result<void> started = recordings_.start(session, name);
                if (!started) return reply.fail(started.error());
+               session.noteWhatRuns();
                log_.note("info", fmt::format("{} records to {}", client, name));
                reply.send(recordings_.state());
            });
 }
 
 void Service::stopRecording(http::Request& request, const http::Reply& reply) {
-    atDesk(request, reply, false, [this, reply](session::Session& /*session*/) {
+    atDesk(request, reply, false, [this, reply](session::Session& session) {
+        session.handOnHeldRecords();
+        session.noteClock();
         const Result<void> stopped = recordings_.stop();
         if (!stopped) return reply.fail(stopped.error());
         log_.note("info", "the recording has ended");
@@ -271,34 +264,6 @@ void Service::mark(http::Request& request, const http::Reply& reply) {
         return reply.fail(Error{ErrorCode::invalidArgument, "a mark has 1000 bytes at most"});
     const Result<void> marked = recordings_.mark(text);
     marked ? reply.send(json::object()) : reply.fail(marked.error());
-}
-
-void Service::exportRecording(http::Request& request, const http::Reply& reply) {
-    const Result<std::filesystem::path> path = recordings_.pathOf(request.part("name"));
-    if (!path) return reply.fail(path.error());
-    const std::string form = request.queryText("form").empty() ? "mf4" : request.queryText("form");
-    if (form != "mf4" && form != "csv")
-        return reply.fail(Error{ErrorCode::invalidArgument, "form: mf4 or csv"});
-    const std::unique_lock lock(exporting_, std::try_to_lock);
-    if (!lock.owns_lock()) return reply.fail(Error{ErrorCode::wouldBlock, "another export is running"});
-    const Result<storage::RecordingReader> recording = storage::RecordingReader::open(path.value());
-    if (!recording) return reply.fail(recording.error());
-    exporter::ExportOptions options;
-    options.output =
-        path.value().parent_path() / fmt::format(".export-{}-{}.{}", ::getpid(), request.connection, form);
-    options.format = form == "mf4" ? exporter::Format::mf4 : exporter::Format::csv;
-    options.merge = true;
-    const auto done = exporter::exportRecording(recording.value(), options, {}, session_.stopToken());
-    if (!done) return reply.fail(done.error());
-    UniqueFd file(::open(options.output.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    struct stat facts {};
-    const bool opened = file.valid() && ::fstat(file.get(), &facts) == 0;
-    const int failure = errno;
-    if (::unlink(options.output.c_str()) != 0)
-        log_.note("warning", "cannot remove " + options.output.string());
-    if (!opened) return reply.fail(Error::fromErrno(failure, "cannot read the export"));
-    reply.send(fileResponse(std::move(file), static_cast<std::uint64_t>(facts.st_size),
-                            request.part("name") + "." + form));
 }
 
 }  // namespace lm::serve

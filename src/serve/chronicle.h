@@ -25,12 +25,19 @@ class Chronicle {
 
     /// {"entries": those numbered above `after`, the oldest first, "last": the newest number}.
     nlohmann::json after(std::uint64_t after) const;
+    std::uint64_t last() const;
 
   private:
     static constexpr std::size_t kMost = 2000;
+    static constexpr std::size_t kMostBytes = std::size_t{4} << 20U;  ///< as text
+    struct Entry {
+        nlohmann::json json;
+        std::size_t bytes;
+    };
 
     mutable std::mutex mutex_;
-    std::deque<nlohmann::json> entries_;
+    std::deque<Entry> entries_;
+    std::size_t bytes_ = 0;
     std::uint64_t last_ = 0;
 };
 

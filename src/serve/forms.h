@@ -27,10 +27,12 @@ struct Search {
     bool descriptions = false;  ///< searched, too
 };
 
-/// Each gives one JSON object or value as text.
+/// Each but `names` gives one JSON object or value as text.
 struct Forms {
     std::function<Result<std::string>(const a2l::Description&, const Search&)> list;
     std::function<Result<std::string>(const a2l::Description&, const std::string& name)> describe;
+    /// All objects in short, a line for each.
+    std::function<std::string(const a2l::Description&)> names;
     /// {"name", "value" or "error"}
     std::function<std::string(std::string_view name, const Result<session::Reading>&)> reading;
     std::function<std::string(std::string_view name, const Result<session::ObjectReading>&)> object;

@@ -10,6 +10,8 @@
 
 #include "core/text.h"
 #include "core/thread.h"
+#include "serve/signal_facts.h"
+#include "serve/window_frame.h"
 #include "value/conversion.h"
 
 namespace lm::serve {
@@ -19,6 +21,7 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds kTick{10};
+constexpr milliseconds kNews{100};
 /// Copied and not yet delivered.
 constexpr std::size_t kMostBytes = std::size_t{32} << 20U;
 constexpr std::size_t kMostRecords = 400000;
@@ -34,23 +37,6 @@ void appendNumber(std::string& text, double number) {
 std::string jsonText(const nlohmann::json& json) {
     return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
-
-/// The least, the greatest and the last of some values. Not a number is neither least nor greatest.
-struct Extremes {
-    double least = 0;
-    double greatest = 0;
-    double last = 0;
-    std::uint64_t count = 0;
-
-    void take(double value) { join({value, value, value, 1}); }
-    void join(const Extremes& later) {
-        if (later.count == 0) return;
-        if (count == 0 || std::isnan(least) || later.least < least) least = later.least;
-        if (count == 0 || std::isnan(greatest) || later.greatest > greatest) greatest = later.greatest;
-        last = later.last;
-        count += later.count;
-    }
-};
 
 /// What a batch of records comes to, computed once for all clients with a window.
 struct Summary {
@@ -133,9 +119,11 @@ class RecordHub::Watcher {
         columns_.clear();
         extremes_.clear();
         if (measured_) choose();
-        stream_->push("signals", signalsText());
+        stream_->pushAlways("signals", signalsText());
     }
 
+    bool hasFrames() const { return stream_->form() == http::StreamForm::frames; }
+    void tellNews(const StreamNews& news, Clock::time_point now) { news.tell(*stream_, newsTold_, now); }
     bool hasWindow() const { return window_.count() != 0; }
 
     void takeRecord(const Copied& record, const std::uint8_t* data) {
@@ -198,8 +186,11 @@ class RecordHub::Watcher {
         nlohmann::json signals = nlohmann::json::array();
         for (const std::size_t column : columns_) {
             const MeasuredSignal& signal = measured_->signals[column];
-            signals.push_back(
-                {{"name", signal.name}, {"unit", signal.element.conversion->unit()}, {"group", signal.list}});
+            nlohmann::json& one = signals.emplace_back(nlohmann::json{
+                {"name", signal.name}, {"unit", signal.element.conversion->unit()}, {"group", signal.list}});
+            if (!hasFrames()) continue;
+            addSignalFacts(one, signal.element);
+            one["cycleNs"] = signal.cycleNs;
         }
         return jsonText({{"measuring", measured_ != nullptr},
                          {"startUtcNs", measured_ ? measured_->startUtcNs : 0},
@@ -211,6 +202,12 @@ class RecordHub::Watcher {
         if (count_ == 0) return;
         if (window_.count() == 0) {
             stream_->push("records", text_ + "]}", count_);
+        } else if (hasFrames()) {
+            stream_->pushFrame(
+                http::FrameKind::window,
+                windowFrame(firstNs_ - measured_->startNs, lastNs_ - measured_->startNs, count_, extremes_),
+                count_);
+            extremes_.assign(columns_.size(), {});
         } else {
             stream_->push("window", windowText(), count_);
         }
@@ -252,6 +249,7 @@ class RecordHub::Watcher {
     std::int64_t firstNs_ = 0;
     std::int64_t lastNs_ = 0;
     std::string text_;
+    StreamNews::Told newsTold_;
 };
 
 RecordHub::RecordHub() = default;
@@ -260,7 +258,8 @@ RecordHub::~RecordHub() {
     stop();
 }
 
-Result<void> RecordHub::start() {
+Result<void> RecordHub::start(std::unique_ptr<StreamNews> news) {
+    news_ = std::move(news);
     Result<std::thread> thread = startThread("cannot start the thread of the streams", [this] { run(); });
     if (!thread) return thread.error();
     thread_ = std::move(thread).value();
@@ -293,6 +292,7 @@ void RecordHub::recordTo(std::shared_ptr<storage::Recorder> recorder,
     const std::lock_guard lock(recordingMutex_);
     recorder_ = std::move(recorder);
     groups_ = std::move(groups);
+    recordedSinceNs_ = std::chrono::nanoseconds(Clock::now().time_since_epoch()).count();
 }
 
 void RecordHub::note(const std::string& line) {
@@ -320,7 +320,9 @@ void RecordHub::onRecord(const xcp::DaqRecord& record) {
     {
         const std::lock_guard lock(recordingMutex_);
         // Its writer counts what it cannot keep.
-        if (groups_) static_cast<void>(groups_->write(record.listIndex, timeNs, record.data, record.size));
+        const bool isNew = timeNs >= recordedSinceNs_;  // records of the start come half a second late
+        if (groups_ && isNew)
+            static_cast<void>(groups_->write(record.listIndex, timeNs, record.data, record.size));
     }
     if (!watched_) return;
     const std::lock_guard lock(mutex_);
@@ -359,10 +361,24 @@ void RecordHub::run() {
             deliver(batch);
         older.clear();
         deliver(taken);
+        tellNews();
         std::erase_if(watchers_, [](const auto& watcher) { return watcher->gone(); });
         const std::lock_guard lock(mutex_);
         watcherCount_ = watchers_.size() + fresh_.size();
         watched_ = watcherCount_ > 0;
+    }
+}
+
+void RecordHub::tellNews() {
+    const Clock::time_point now = Clock::now();
+    if (!news_ || now < newsDue_) return;
+    newsDue_ = now + kNews;
+    const bool isWanted = std::any_of(watchers_.begin(), watchers_.end(),
+                                      [](const auto& watcher) { return watcher->hasFrames(); });
+    if (!isWanted) return;
+    news_->look();
+    for (const auto& watcher : watchers_) {
+        if (watcher->hasFrames()) watcher->tellNews(*news_, now);
     }
 }
 

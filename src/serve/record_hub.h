@@ -22,6 +22,7 @@
 
 #include "core/result.h"
 #include "http/reply.h"
+#include "serve/stream_news.h"
 #include "session/measurement_types.h"
 #include "storage/write/recorder.h"
 #include "value/element.h"
@@ -35,6 +36,7 @@ struct MeasuredSignal {
     value::Element element;
     std::size_t list = 0;
     std::uint32_t offset = 0;
+    std::uint64_t cycleNs = 0;  ///< of its records; 0: not cyclic
 };
 struct Measured {
     std::vector<MeasuredSignal> signals;
@@ -49,15 +51,16 @@ class RecordHub final : public xcp::IDaqRecordSink {
     RecordHub(const RecordHub&) = delete;
     RecordHub& operator=(const RecordHub&) = delete;
 
-    Result<void> start();
+    /// `news`: what streams of frames tell beside the records; may be null.
+    Result<void> start(std::unique_ptr<StreamNews> news);
     void stop();
 
     /// A measurement begins, or (null) has ended.
     void setMeasured(std::shared_ptr<const Measured> measured);
     std::shared_ptr<const Measured> measured() const;
 
-    /// From now on every record goes there, too; null: no longer. Nothing is written any more once it
-    /// returns.
+    /// From now on every record that is no older goes there, too; null: no longer. Nothing is written any
+    /// more once it returns.
     void recordTo(std::shared_ptr<storage::Recorder> recorder, std::optional<storage::GroupRange> groups);
     /// An event of the recording; nothing without one.
     void note(const std::string& line);
@@ -90,6 +93,7 @@ class RecordHub final : public xcp::IDaqRecordSink {
 
     void run();
     void deliver(const Batch& batch);
+    void tellNews();
 
     std::thread thread_;
     std::atomic<bool> watched_{false};
@@ -98,6 +102,7 @@ class RecordHub final : public xcp::IDaqRecordSink {
     std::mutex recordingMutex_;
     std::shared_ptr<storage::Recorder> recorder_;
     std::optional<storage::GroupRange> groups_;
+    std::int64_t recordedSinceNs_ = 0;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
@@ -108,6 +113,8 @@ class RecordHub final : public xcp::IDaqRecordSink {
     bool stopping_ = false;
     std::vector<std::unique_ptr<Watcher>> watchers_;  ///< the stream thread's alone, as the next
     std::unique_ptr<Summarizer> summarizer_;
+    std::unique_ptr<StreamNews> news_;
+    std::chrono::steady_clock::time_point newsDue_{};
 };
 
 }  // namespace lm::serve

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "serve/layouts.h"
 #include "storage/format/recording_meta.h"
 
 namespace lm::serve {
@@ -31,13 +32,6 @@ std::int64_t nowNs() {
     return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-/// A link could lead anywhere.
-bool isRecording(const fs::path& path) {
-    std::error_code ignored;
-    return fs::symlink_status(path, ignored).type() == fs::file_type::directory &&
-           fs::symlink_status(path / storage::kMetaFileName, ignored).type() == fs::file_type::regular;
-}
-
 }  // namespace
 
 Result<fs::path> Recordings::freePath(const std::string& name) const {
@@ -54,7 +48,7 @@ Result<fs::path> Recordings::freePath(const std::string& name) const {
 
 Result<fs::path> Recordings::pathOf(const std::string& name) const {
     Result<fs::path> path = freePath(name);
-    if (path && !isRecording(path.value()))
+    if (path && !isRecordingAt(path.value()))
         return Error{ErrorCode::notFound, fmt::format("there is no recording '{}'", name)};
     return path;
 }
@@ -66,7 +60,7 @@ Result<std::vector<std::string>> Recordings::names() const {
     for (fs::directory_iterator at(folder_, failure), end; !failure && at != end; at.increment(failure)) {
         const std::string name = at->path().filename().string();
         std::error_code ignored;
-        if (isName(name) && isRecording(at->path())) {
+        if (isName(name) && isRecordingAt(at->path())) {
             found.emplace_back(fs::last_write_time(at->path() / storage::kMetaFileName, ignored), name);
         }
     }
@@ -82,6 +76,11 @@ Result<std::vector<std::string>> Recordings::names() const {
 Result<void> Recordings::start(session::Session& session, const std::string& name) {
     const Result<fs::path> path = freePath(name);
     if (!path) return path.error();
+    if (name == kLayoutsFolder)
+        return Error{ErrorCode::invalidArgument, fmt::format("'{}' is the folder of the layouts", name)};
+    std::error_code failure;
+    if (fs::is_symlink(fs::symlink_status(path.value(), failure)))
+        return Error{ErrorCode::invalidArgument, fmt::format("'{}' is a link to another place", name)};
     const std::lock_guard lock(mutex_);
     if (recorder_) return Error{ErrorCode::alreadyOpen, fmt::format("'{}' is being recorded", name_)};
     if (!hub_.measured()) return Error{ErrorCode::notOpen, "nothing is measured that could be recorded"};
@@ -100,10 +99,14 @@ Result<void> Recordings::start(session::Session& session, const std::string& nam
 }
 
 Result<void> Recordings::stop() {
-    const std::lock_guard lock(mutex_);
-    if (!recorder_) return Error{ErrorCode::notOpen, "nothing is being recorded"};
-    hub_.recordTo(nullptr, std::nullopt);
-    const std::shared_ptr<storage::Recorder> recorder = std::exchange(recorder_, nullptr);
+    std::shared_ptr<storage::Recorder> recorder;
+    {
+        const std::lock_guard lock(mutex_);
+        if (!recorder_) return Error{ErrorCode::notOpen, "nothing is being recorded"};
+        hub_.recordTo(nullptr, std::nullopt);
+        recorder = std::exchange(recorder_, nullptr);
+    }
+    // It waits for the disk, which whoever asks for the state does not.
     return recorder->close();
 }
 

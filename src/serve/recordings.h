@@ -18,20 +18,18 @@
 
 #include "core/result.h"
 #include "serve/record_hub.h"
+#include "serve/recording_shelf.h"
 #include "session/session.h"
 #include "storage/format/recording_events.h"
 
 namespace lm::serve {
 
-class Recordings {
+class Recordings final : public IRecordingShelf {
   public:
     Recordings(std::filesystem::path folder, RecordHub& hub) : folder_(std::move(folder)), hub_(hub) {}
 
-    /// Of a recording that is there. Errors: notFound, invalidArgument for what is no name, unsupported
-    /// without a folder.
-    Result<std::filesystem::path> pathOf(const std::string& name) const;
-    /// Names, the oldest first. Errors: "cannot read FOLDER: REASON".
-    Result<std::vector<std::string>> names() const;
+    Result<std::filesystem::path> pathOf(const std::string& name) const override;
+    Result<std::vector<std::string>> names() const override;
 
     /// Records what the running measurement gives from now on. Errors: alreadyOpen, those of pathOf() and
     /// Recorder::begin().

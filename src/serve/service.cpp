@@ -7,28 +7,12 @@
 
 #include "core/text.h"
 #include "http/target.h"
+#include "serve/page_routes.h"
 
 namespace lm::serve {
 namespace {
 
 using nlohmann::json;
-
-/// What a browser gets at the printed address: it exchanges the token for a cookie and shows the state.
-constexpr std::string_view kPage =
-    R"(<!doctype html><meta charset="utf-8"><title>xcplumo</title><pre id="out">...</pre><script>
-(async () => {
-  const token = new URLSearchParams(location.hash.slice(1)).get("token");
-  if (token) {
-    history.replaceState(null, "", "/");
-    await fetch("/v1/login", {method: "POST", body: JSON.stringify({token})});
-  }
-  const answer = await (await fetch("/v1")).json();
-  const ecus = await Promise.all((answer.ecus || []).map(async one =>
-    (await fetch("/v1/ecus/" + encodeURIComponent(one.name) + "/state")).json()));
-  document.getElementById("out").textContent = JSON.stringify([answer, ...ecus], null, 2);
-})();
-</script>
-)";
 
 }  // namespace
 
@@ -44,12 +28,20 @@ Result<std::chrono::milliseconds> limitOf(const http::Request& request) {
     return std::chrono::milliseconds(limit.value());
 }
 
+Addresses addressesOf(const std::string& host, std::uint16_t port, const std::string& token, bool readOnly,
+                      bool reachable) {
+    const bool isV6 = host.find(':') != std::string::npos;
+    return {fmt::format("http://{}:{}/#token={}", isV6 ? "[" + host + "]" : host, port, token), readOnly,
+            reachable};
+}
+
 Service::Service(session::Session& session, ServiceOptions options, Forms forms)
     : session_(session),
       options_(std::move(options)),
       forms_(std::move(forms)),
       name_(session.ecuName()),
       recordings_(options_.recordings, hub_),
+      recordingDesk_(recordings_, options_.recordings, forms_.recordingInfo, session.stopToken()),
       desk_(session, log_, options_.alone) {}
 
 Service::~Service() {
@@ -78,9 +70,13 @@ Result<Addresses> Service::start() {
         listeners.push_back({std::move(socket).value(), own.value()});
     }
     session_.setListener(this);
-    if (Result<void> hub = hub_.start(); !hub) return hub.error();
+    if (Result<void> hub =
+            hub_.start(std::make_unique<StreamNews>([this] { return stateJson(); }, log_, writes_));
+        !hub)
+        return hub.error();
     if (Result<void> desk = desk_.start([this](session::Session& at) { look(at); }); !desk)
         return desk.error();
+    if (Result<void> readers = recordingDesk_.start(); !readers) return readers.error();
     Result<std::unique_ptr<http::Server>> server = http::Server::start(routes(), {}, std::move(listeners));
     if (!server) return server.error();
     {
@@ -88,14 +84,12 @@ Result<Addresses> Service::start() {
         const std::lock_guard lock(mutex_);
         server_ = std::move(server).value();
     }
-    const bool isV6 = options_.listenHost.find(':') != std::string::npos;
-    const std::string host = isV6 ? "[" + options_.listenHost + "]" : options_.listenHost;
-    return Addresses{fmt::format("http://{}:{}/#token={}", host, port.port, tcp_->token()), readOnly,
-                     !port.loopback};
+    return addressesOf(options_.listenHost, port.port, tcp_->token(), readOnly, !port.loopback);
 }
 
 Result<void> Service::stop() {
     desk_.stop();
+    recordingDesk_.stop();
     if (server_) server_->stop();
     Result<void> ended = end(session_);
     hub_.stop();
@@ -133,6 +127,7 @@ http::Router Service::routes() {
     addValues(router);
     addMeasurement(router);
     addRecordings(router);
+    recordingDesk_.addRoutes(router);
     if (options_.addRoutes) options_.addRoutes(router);
     return router;
 }
@@ -155,30 +150,18 @@ void Service::atDesk(const http::Request& request, const http::Reply& reply, boo
 }
 
 void Service::addGeneral(http::Router& router) {
-    const http::Demand open{false, true, false};
-    router.add("GET", "/", open, [](http::Request&, const http::Reply& reply) {
-        http::Response page;
-        page.contentType = "text/html; charset=utf-8";
-        page.body = kPage;
-        page.headers.emplace_back(
-            "Content-Security-Policy",
-            "default-src 'none'; connect-src 'self'; script-src 'unsafe-inline'; frame-ancestors 'none'");
-        reply.send(std::move(page));
-    });
-    router.add("POST", "/v1/login", open, [this](http::Request& request, const http::Reply& reply) {
-        const Result<json> body = http::parseBody(request.body, 4);
-        if (!body) return reply.fail(body.error());
-        const Result<std::string> cookie = tcp_->login(body.value().value("token", ""));
-        if (!cookie) return reply.send(http::errorResponse(401, cookie.error()));
-        http::Response response = http::jsonResponse(json::object());
-        response.headers.emplace_back("Set-Cookie", cookie.value());
-        reply.send(std::move(response));
-    });
+    addPage(router);
+    addLogin(router, tcp_);
     router.add("GET", "/v1", {}, [this](http::Request& request, const http::Reply& reply) {
+        const bool readOnly = request.peer.local ? options_.readOnly : tcp_->readOnly();
         reply.send(json{{"schema", 1},
+                        {"kind", "serve"},
+                        {"version", options_.version},
                         {"ecus", json::array({{{"name", name_}, {"address", session_.ecuPlace()}}})},
-                        {"readOnly", request.peer.local ? options_.readOnly : tcp_->readOnly()},
-                        {"recordings", !options_.recordings.empty()}});
+                        {"readOnly", readOnly},
+                        {"canWrite", !readOnly},
+                        {"recordings", !options_.recordings.empty()},
+                        {"layouts", recordingDesk_.layouts().kept()}});
     });
     router.add("GET", "/v1/ecus/{ecu}/state", {}, ofEcu(&Service::state));
     const auto entries = [](const Chronicle& chronicle) {
@@ -195,6 +178,10 @@ void Service::addGeneral(http::Router& router) {
 }
 
 void Service::state(http::Request& /*request*/, const http::Reply& reply) {
+    reply.send(stateJson());
+}
+
+json Service::stateJson() const {
     http::ServerCounts counts;
     json statistics;
     {
@@ -204,18 +191,17 @@ void Service::state(http::Request& /*request*/, const http::Reply& reply) {
     }
     const session::SessionState state = session_.state();
     const bool isIdle = state == session::SessionState::connected || state == session::SessionState::failed;
-    reply.send(
-        json{{"ecu", name_},
-             {"address", session_.ecuPlace()},
-             {"state", isIdle && !desk_.connected() ? "disconnected" : session::sessionStateName(state)},
-             {"measurement", std::move(statistics)},
-             {"recording", recordings_.state()},
-             {"clients",
-              {{"connections", counts.connections},
-               {"streams", counts.streams},
-               {"requests", counts.requests},
-               {"refused", counts.refused},
-               {"displaced", counts.displaced}}}});
+    return json{{"ecu", name_},
+                {"address", session_.ecuPlace()},
+                {"state", isIdle && !desk_.connected() ? "disconnected" : session::sessionStateName(state)},
+                {"measurement", std::move(statistics)},
+                {"recording", recordings_.state()},
+                {"clients",
+                 {{"connections", counts.connections},
+                  {"streams", counts.streams},
+                  {"requests", counts.requests},
+                  {"refused", counts.refused},
+                  {"displaced", counts.displaced}}}};
 }
 
 /// On the desk's thread: what state() tells without waiting for it.

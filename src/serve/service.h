@@ -14,11 +14,14 @@
 
 #include "core/result.h"
 #include "http/server.h"
+#include "http/stored_body.h"
 #include "serve/chronicle.h"
 #include "serve/ecu_desk.h"
 #include "serve/forms.h"
 #include "serve/record_hub.h"
+#include "serve/recording_desk.h"
 #include "serve/recordings.h"
+#include "session/change_log.h"
 #include "session/session.h"
 
 namespace lm::serve {
@@ -29,6 +32,7 @@ struct ServiceOptions {
     bool readOnly = false;
     bool allowWrites = false;  ///< at an address that other machines reach
     std::filesystem::path recordings = {};
+    std::string version = {};           ///< of the program
     std::filesystem::path socket = {};  ///< empty: no Unix socket
     /// What else the server answers.
     std::function<void(http::Router&)> addRoutes = {};
@@ -42,6 +46,9 @@ struct Addresses {
     bool readOnly = false;
     bool reachable = false;  ///< from other machines
 };
+
+Addresses addressesOf(const std::string& host, std::uint16_t port, const std::string& token, bool readOnly,
+                      bool reachable);
 
 class Service final : private session::ISessionListener {
   public:
@@ -79,6 +86,7 @@ class Service final : private session::ISessionListener {
     void describe(http::Request& request, const http::Reply& reply);
     void list(http::Request& request, const http::Reply& reply);
     void groups(http::Request& request, const http::Reply& reply);
+    void names(http::Request& request, const http::Reply& reply);
     void state(http::Request& request, const http::Reply& reply);
     void readOne(http::Request& request, const http::Reply& reply);
     void readMany(http::Request& request, const http::Reply& reply);
@@ -91,15 +99,18 @@ class Service final : private session::ISessionListener {
     void startRecording(http::Request& request, const http::Reply& reply);
     void stopRecording(http::Request& request, const http::Reply& reply);
     void mark(http::Request& request, const http::Reply& reply);
-    void exportRecording(http::Request& request, const http::Reply& reply);
 
     void read(const http::Request& request, const http::Reply& reply, std::vector<std::string> names,
               bool one);
+    void noteHeld(const std::string& name, const std::string& client, const session::WriteOutcome& outcome,
+                  session::ChangeLog& changes);
     std::string write(session::Session& session, const std::string& name, const std::string& text,
                       const std::string& client, bool& failed);
     Result<session::PlanSummary> begin(session::Session& session, const std::vector<std::string>& signals);
     Result<void> end(session::Session& session);
+    void noteOfEcu(const std::string& line);
     void look(session::Session& session);
+    nlohmann::json stateJson() const;
     nlohmann::json planJson(const session::MeasurementPlan& plan, session::Session& session) const;
 
     session::Session& session_;
@@ -110,10 +121,15 @@ class Service final : private session::ISessionListener {
     Chronicle writes_;
     RecordHub hub_;
     Recordings recordings_;
+    RecordingDesk recordingDesk_;
     EcuDesk desk_;
     std::shared_ptr<http::Access> tcp_;
     std::unique_ptr<http::Server> server_;
-    std::mutex exporting_;
+    std::once_flag namesMade_;
+    std::unique_ptr<http::StoredBody> namesBody_;
+
+    std::optional<std::vector<std::string>>
+        asked_;  ///< of the measurement that runs; the desk's thread alone
 
     mutable std::mutex mutex_;
     nlohmann::json statistics_;         ///< of the measurement, a tenth of a second old at most

@@ -186,7 +186,7 @@ std::optional<xcp::ClockFigures> Measurement::clock() const {
 }
 
 void Measurement::noteClock() {
-    if (!recording_.isOn()) return;
+    if (!recording_.isOn() && !noteTo_) return;
     clockNotedNs_ = steadyNowNs();
     std::optional<xcp::ClockFigures> found;
     {
@@ -194,8 +194,8 @@ void Measurement::noteClock() {
         found = clock();
     }
     if (!found) return;
-    recording_.note(storage::ecuClockLine(
-        {clockNotedNs_, found->offsetNs, found->driftPpm, found->residualNs, found->spanNs}));
+    tellOfEcu(clockNotedNs_, storage::ecuClockLine({clockNotedNs_, found->offsetNs, found->driftPpm,
+                                                    found->residualNs, found->spanNs}));
 }
 
 void Measurement::abandonStart() {
@@ -304,6 +304,17 @@ void Measurement::addSilentLists(MeasurementStats& stats) const {
 std::uint64_t Measurement::recordsReceived() const {
     const std::lock_guard lock(decoderMutex_);
     return totals_.records + (decoder_ ? decoder_->counters().records : 0);
+}
+
+void Measurement::endRecording() {
+    if (!recording_.isOn()) return;
+    handOnHeld();
+    recording_.end();
+}
+
+void Measurement::handOnHeld() {
+    const std::lock_guard lock(decoderMutex_);
+    if (decoder_) decoder_->settle(std::numeric_limits<std::int64_t>::max());
 }
 
 void Measurement::settleSamples() {

@@ -192,6 +192,13 @@ class Session final : public IValues, public IMeasured, private xcp::IMasterList
     /// Ends the recording; the measurement goes on. Errors: notOpen "nothing is recorded", "write error in
     /// DIRECTORY".
     Result<void> stopRecording();
+    /// To who records by itself: all that has been received comes to the sink before it returns, also what is
+    /// held back until more of it would tell its time.
+    void handOnHeldRecords();
+    /// Likewise, by MeasurementOptions::noteTo: the EPK and checksums of the ECU, which it is asked for, and
+    /// what is known of its clock.
+    void noteWhatRuns();
+    void noteClock();
     bool isRecording() const { return running_ && recording_ != nullptr; }
     /// Where the recording that runs goes, empty without one. From any thread.
     std::string recordingDirectory() const;

@@ -131,11 +131,16 @@ bool Condition::append(const Node& node, const SlotOf& slotOf) {
     return true;
 }
 
-/// Makes one instruction of each value that is compared with a number: most of a condition are such.
+/// Makes one instruction of each value that is compared with a number, which may be negative: most of a
+/// condition are such.
 void Condition::fuse() {
     std::vector<Instruction> fused;
     for (const Instruction& step : program_) {
         const std::size_t size = fused.size();
+        if (step.opcode == value::kNegate && size >= 1 && fused[size - 1].opcode == value::kConstant) {
+            fused[size - 1].constant = -fused[size - 1].constant;
+            continue;
+        }
         const bool fits = value::isComparison(step.opcode) && size >= 2 && fused[size - 2].opcode == kSlot &&
                           fused[size - 1].opcode == value::kConstant;
         if (!fits) {
@@ -231,11 +236,19 @@ double Condition::evaluate(const double* values, std::int64_t nowNs) {
     return compares_ ? compareLast(top[-1], *top) : *top;
 }
 
-std::optional<Condition::Plain> Condition::plain() const {
-    if (!compares_ || program_.size() != 2 || program_[0].opcode != kSlot ||
-        program_[1].opcode != value::kConstant)
-        return std::nullopt;
-    return Plain{program_[0].index, comparison_, program_[1].constant};
+std::vector<Condition::Plain> Condition::plainParts() const {
+    if (compares_) {
+        if (program_.size() != 2 || program_[0].opcode != kSlot || program_[1].opcode != value::kConstant)
+            return {};
+        return {{program_[0].index, comparison_, program_[1].constant}};
+    }
+    std::vector<Plain> parts;
+    for (const Instruction& step : program_) {
+        if (step.opcode == value::kAnd) continue;
+        if (step.opcode != kSlotCompared) return {};
+        parts.push_back({step.index, step.comparison, step.constant});
+    }
+    return parts;
 }
 
 void Condition::forget() {

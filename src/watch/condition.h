@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,13 +41,14 @@ class Condition {
     /// Each once.
     const std::vector<std::size_t>& slots() const { return slots_; }
 
-    /// A value compared with a number, which is what nearly all conditions are.
+    /// A value compared with a number.
     struct Plain {
         std::size_t slot = 0;
         std::uint8_t opcode = 0;  ///< a value::FormulaOpcode
         double number = 0;
     };
-    std::optional<Plain> plain() const;
+    /// Those that must all hold, when the condition is no more than that, which nearly all are; else none.
+    std::vector<Plain> plainParts() const;
 
   private:
     /// Beyond those of the formula language.

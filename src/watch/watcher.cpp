@@ -1,6 +1,7 @@
 #include "watch/watcher.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -49,15 +50,14 @@ std::size_t Watcher::slotOf(const session::MeasurementPlan& plan, const IsNamed&
             column.coding.hasBitOperation() ? &value::decodeRaw : value::rawDecoder(column.coding);
         column.offset = signal.recordOffset;
         column.size = static_cast<std::uint32_t>(signal.element.size());
-        column.slot = slots_.size() - 1;
+        column.slot = static_cast<std::uint32_t>(slots_.size() - 1);
         const auto& kind = signal.element.conversion->kind();
         const auto* const linear = std::get_if<value::Conversion::Linear>(&kind);
         column.isLinear = text.empty() && (linear != nullptr || signal.element.conversion->isVerbal() ||
                                            std::holds_alternative<value::Conversion::Identical>(kind));
         if (linear != nullptr) column.a = linear->a;
         if (linear != nullptr) column.b = linear->b;
-        column.element = signal.element;
-        column.text = text;
+        column.of = std::make_unique<const Watching>(Watching{signal.element, text});
         lists_.at(signal.listIndex).columns.push_back(std::move(column));
     }
     return slots_.size() - 1;
@@ -65,11 +65,15 @@ std::size_t Watcher::slotOf(const session::MeasurementPlan& plan, const IsNamed&
 
 Result<void> Watcher::bind(const session::MeasurementPlan& plan, const IsNamed& isNamed) {
     const std::lock_guard lock(mutex_);
-    lists_.assign(plan.daq.lists.size(), {});
+    lists_.clear();
+    lists_.resize(plan.daq.lists.size());
     for (std::size_t i = 0; i < plan.listEcus.size(); ++i)
         lists_[i].ecu = plan.listEcus[i];
     slots_.clear();
     watched_.clear();
+    checks_.clear();
+    ranges_.clear();
+    plains_.clear();
     for (const Wanted& wanted : expressions_) {
         const std::string prefix = "'" + wanted.expression.text() + "': ";
         for (const std::string& name : wanted.expression.signalNames()) {
@@ -87,9 +91,15 @@ Result<void> Watcher::bind(const session::MeasurementPlan& plan, const IsNamed& 
         Watched& watched = watched_.emplace_back();
         watched.role = wanted.role;
         watched.index = wanted.index;
-        watched.missing = condition.value().slots().size();
+        Check& check = checks_.emplace_back();
+        check.missing = static_cast<std::uint32_t>(condition.value().slots().size());
         watched.condition = std::move(condition).value();
-        if (watched.role == Role::assertion) watched.margin = marginOf(watched.condition);
+        const std::vector<Condition::Plain> plains = watched.condition.plainParts();
+        check.first = static_cast<std::uint32_t>(ranges_.size());
+        check.ranges = static_cast<std::uint32_t>(plains.size());
+        plains_.insert(plains_.end(), plains.begin(), plains.end());
+        for (const Condition::Plain& plain : plains)
+            ranges_.push_back({.slot = static_cast<std::uint32_t>(plain.slot)});
     }
     for (List& list : lists_) {
         for (const Column& column : list.columns) {
@@ -105,39 +115,68 @@ Result<void> Watcher::bind(const session::MeasurementPlan& plan, const IsNamed& 
     return {};
 }
 
-Watcher::Margin Watcher::marginOf(const Condition& condition) {
-    const auto plain = condition.plain();
-    if (!plain) return {};
-    Margin margin{.slot = static_cast<std::uint32_t>(plain->slot), .isPlain = true, .number = plain->number};
-    const std::uint8_t opcode = plain->opcode;
-    margin.isDistance = opcode == value::kEqual || opcode == value::kNotEqual;
-    margin.isStrict = opcode == value::kLess || opcode == value::kGreater || opcode == value::kNotEqual;
-    if (opcode == value::kLess || opcode == value::kLessEqual || opcode == value::kEqual) margin.sign = -1;
-    return margin;
+/// Of the values with which it is true, or false. None where these are no range, and each is to be looked at.
+Watcher::Range Watcher::rangeOf(const Condition::Plain& plain, bool isTrue) {
+    constexpr double kAny = std::numeric_limits<double>::infinity();
+    const double below = std::nextafter(plain.number, -kAny);
+    const double above = std::nextafter(plain.number, kAny);
+    Range range{.slot = static_cast<std::uint32_t>(plain.slot)};
+    const auto between = [&range](double low, double high) {
+        range.low = low;
+        range.high = high;
+    };
+    switch (plain.opcode) {
+        case value::kLess:
+            isTrue ? between(-kAny, below) : between(plain.number, kAny);
+            break;
+        case value::kLessEqual:
+            isTrue ? between(-kAny, plain.number) : between(above, kAny);
+            break;
+        case value::kGreater:
+            isTrue ? between(above, kAny) : between(-kAny, plain.number);
+            break;
+        case value::kGreaterEqual:
+            isTrue ? between(plain.number, kAny) : between(-kAny, below);
+            break;
+        default:
+            if (isTrue == (plain.opcode == value::kEqual)) between(plain.number, plain.number);
+            break;
+    }
+    return range;
 }
 
-void Watcher::take(Column& column, const std::uint8_t* bytes) {
-    column.raw = column.decode(bytes, column.coding);
-    double& target = values_[column.slot];
-    if (column.isLinear) {
-        target = column.a * column.raw + column.b;
-    } else if (column.text.empty()) {
-        target = column.element.conversion->toPhysical(column.raw);
-    } else {
-        const auto text = column.element.conversion->verbalText(column.raw);
-        target = std::isnan(column.raw) ? column.raw : text && *text == column.text ? 1 : 0;
-    }
-    if (unknown_ != 0) setKnown(slots_[column.slot]);
+double Watcher::valueOf(const Column& column) {
+    const value::Conversion& conversion = *column.of->element.conversion;
+    if (column.of->text.empty()) return conversion.toPhysical(column.raw);
+    const auto text = conversion.verbalText(column.raw);
+    return std::isnan(column.raw) ? column.raw : text && *text == column.of->text ? 1 : 0;
 }
 
 void Watcher::setKnown(Slot& slot) {
     if (std::exchange(slot.known, true)) return;
     --unknown_;
     for (const std::size_t index : slot.conditions)
-        --watched_[index].missing;
+        --checks_[index].missing;
 }
 
-void Watcher::judge(Watched& watched, double truth) {
+void Watcher::evaluate(std::size_t index, Fired& fired) {
+    Watched& watched = watched_[index];
+    const double truth = watched.condition.evaluate(values_.data(), nowNs_);
+    const bool undecided = std::isnan(truth);
+    watched.undecided = watched.undecided || undecided;
+    if (watched.role == Role::assertion) return judge(watched, checks_[index], truth);
+    if (undecided) return;
+    const bool isTrue = truth != 0;
+    if (watched.role == Role::stop) {
+        if (isTrue && !fired.stop) fired.stop = watched.index;
+    } else if (isTrue && !watched.wasTrue && !fired.start) {
+        fired.start = watched.index;
+    }
+    watched.wasTrue = isTrue;
+    expectTheSame(watched, checks_[index], isTrue);
+}
+
+void Watcher::judge(Watched& watched, Check& check, double truth) {
     Verdict& verdict = verdicts_[watched.index];
     ++verdict.records;
     const Condition& condition = watched.condition;
@@ -148,43 +187,43 @@ void Watcher::judge(Watched& watched, double truth) {
             verdict.worstNs = nowNs_ - *firstNs_;
         }
     }
-    if (truth != 0) {  // NaN is neither, and leaves open whether a violation goes on
-        watched.wasViolated = watched.wasViolated && std::isnan(truth);
-        if (std::isnan(truth)) ++verdict.undecided;
+    if (std::isnan(truth)) {  // neither; it leaves open whether a violation goes on
+        ++verdict.undecided;
         return;
     }
-    verdict.lastNs = nowNs_ - *firstNs_;
-    if (verdict.violated++ == 0) verdict.firstNs = verdict.lastNs;
-    if (!std::exchange(watched.wasViolated, true)) ++verdict.times;
+    watched.violatedNs = truth == 0 ? nowNs_ : lastViolationNs(watched, check);
+    const bool wasViolated = std::exchange(check.wasViolated, truth == 0);
+    if (check.wasViolated) {
+        if (verdict.violated++ == 0) verdict.firstNs = nowNs_ - *firstNs_;
+        if (!wasViolated) ++verdict.times;
+    }
+    expectTheSame(watched, check, truth != 0);
 }
 
-void Watcher::evaluate(Watched& watched, Fired& fired) {
-    const double truth = watched.condition.evaluate(values_.data(), nowNs_);
-    const bool undecided = std::isnan(truth);
-    watched.undecided = watched.undecided || undecided;
-    if (watched.role == Role::assertion) return judge(watched, truth);
-    if (undecided) return;
-    const bool isTrue = truth != 0;
-    if (watched.role == Role::stop) {
-        if (isTrue && !fired.stop) fired.stop = watched.index;
-        return;
-    }
-    if (isTrue && !watched.wasTrue && !fired.start) fired.start = watched.index;
-    watched.wasTrue = isTrue;
+/// Of those so far; what changed nothing while it held came before that.
+std::int64_t Watcher::lastViolationNs(const Watched& watched, const Check& check) {
+    return check.wasViolated ? std::max(watched.violatedNs, check.lastNs) : watched.violatedNs;
 }
 
-/// What nearly all records come to, told by one comparison: a plain assertion holds or does not as before.
-bool Watcher::staysAsItWas(Watched& watched) {
-    const double margin = watched.margin.of(values_[watched.margin.slot]);
-    // A value that is not a number is never as before.
-    if (!(margin >= watched.leastMargin) || watched.margin.holds(margin) == watched.wasViolated) return false;
-    if (watched.wasViolated) {
-        ++watched.stillViolated;
-        watched.violatedNs = nowNs_;
-    } else {
-        ++watched.stillHeld;
+/// Nothing is the same for a stop that fires, and where several comparisons do not all hold: these are looked
+/// at each time.
+void Watcher::expectTheSame(const Watched& watched, const Check& check, bool isTrue) {
+    const bool isOne = check.ranges == 1;
+    const bool isLookedAt = isTrue ? watched.role == Role::stop : !isOne;
+    for (std::uint32_t i = check.first; i < check.first + check.ranges; ++i) {
+        Range& range = ranges_[i];
+        range = isLookedAt ? Range{.slot = range.slot} : rangeOf(plains_[i], isTrue);
+        if (watched.role != Role::assertion || !isOne) continue;
+        // A worse value is news.
+        const std::optional<double>& worst = verdicts_[watched.index].worst;
+        const std::uint8_t opcode = plains_[i].opcode;
+        if (!worst)
+            range.low = std::numeric_limits<double>::quiet_NaN();
+        else if (opcode == value::kGreater || opcode == value::kGreaterEqual)
+            range.low = std::max(range.low, *worst);
+        else if (opcode == value::kLess || opcode == value::kLessEqual)
+            range.high = std::min(range.high, *worst);
     }
-    return true;
 }
 
 Fired Watcher::onRecord(const xcp::DaqRecord& record) {
@@ -196,12 +235,35 @@ Fired Watcher::onRecord(const xcp::DaqRecord& record) {
     if (list.columns.empty()) return fired;
     nowNs_ = std::max(nowNs_, record.timeNs());
     for (Column& column : list.columns) {
-        if (column.offset + column.size <= record.size) take(column, record.data + column.offset);
+        if (column.offset + column.size > record.size) continue;
+        const double raw = column.decode(record.data + column.offset, column.coding);
+        // What a table or a formula tells is the same as long as the raw value is, bit for bit.
+        const bool isSame = std::bit_cast<std::uint64_t>(raw) == std::bit_cast<std::uint64_t>(column.raw);
+        column.raw = raw;
+        if (column.isLinear) {
+            values_[column.slot] = column.a * raw + column.b;
+        } else if (!isSame || !column.isConverted) {
+            values_[column.slot] = valueOf(column);
+            column.isConverted = true;
+        }
+        if (unknown_ != 0) setKnown(slots_[column.slot]);
     }
+    const double* const values = values_.data();
+    const Range* const ranges = ranges_.data();
     for (const std::size_t index : list.conditions) {
-        Watched& watched = watched_[index];
-        if (watched.missing != 0) continue;
-        if (!watched.margin.isPlain || !staysAsItWas(watched)) evaluate(watched, fired);
+        Check& check = checks_[index];
+        if (check.missing != 0) continue;
+        bool stays = check.ranges != 0;
+        for (const Range *range = ranges + check.first, *end = range + check.ranges; range != end; ++range) {
+            const double now = values[range->slot];
+            stays = stays && now >= range->low && now <= range->high;  // never with NaN
+        }
+        if (stays) {
+            ++check.still[check.wasViolated ? 1 : 0];
+            check.lastNs = nowNs_;
+        } else {
+            evaluate(index, fired);
+        }
     }
     return fired;
 }
@@ -214,7 +276,7 @@ void Watcher::forget(const std::string& ecu) {
             if (!std::exchange(slots_[column.slot].known, false)) continue;
             ++unknown_;
             for (const std::size_t index : slots_[column.slot].conditions)
-                ++watched_[index].missing;
+                ++checks_[index].missing;
         }
         for (const std::size_t index : list.conditions)
             watched_[index].condition.forget();
@@ -224,13 +286,13 @@ void Watcher::forget(const std::string& ecu) {
 std::vector<Verdict> Watcher::verdicts() const {
     const std::lock_guard lock(mutex_);
     std::vector<Verdict> verdicts = verdicts_;
-    for (const Watched& watched : watched_) {
-        if (watched.role != Role::assertion) continue;
-        Verdict& verdict = verdicts[watched.index];
-        verdict.records += watched.stillHeld + watched.stillViolated;
-        verdict.violated += watched.stillViolated;
-        if (watched.stillViolated != 0)
-            verdict.lastNs = std::max(verdict.lastNs, watched.violatedNs - *firstNs_);
+    for (std::size_t i = 0; i < watched_.size(); ++i) {
+        if (watched_[i].role != Role::assertion) continue;
+        Verdict& verdict = verdicts[watched_[i].index];
+        const Check& check = checks_[i];
+        verdict.records += check.still[0] + check.still[1];
+        verdict.violated += check.still[1];
+        if (verdict.violated != 0) verdict.lastNs = lastViolationNs(watched_[i], check) - *firstNs_;
     }
     return verdicts;
 }
@@ -240,13 +302,13 @@ std::vector<LastValue> Watcher::lastValues() const {
     std::vector<LastValue> values;
     for (const List& list : lists_) {
         for (const Column& column : list.columns) {
-            const std::string& name = column.element.name;
+            const std::string& name = column.of->element.name;
             const bool told = std::any_of(values.begin(), values.end(),
                                           [&name](const LastValue& value) { return value.name == name; });
             if (told) continue;
             values.push_back({.name = name});
             if (!slots_[column.slot].known) continue;
-            const value::Conversion& conversion = *column.element.conversion;
+            const value::Conversion& conversion = *column.of->element.conversion;
             values.back().number = conversion.toPhysical(column.raw);
             values.back().text = conversion.format(column.raw);
             if (!conversion.unit().empty() && !conversion.isVerbal())

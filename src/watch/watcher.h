@@ -9,11 +9,13 @@
 // plan is kept.
 #pragma once
 
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -97,51 +99,52 @@ class Watcher {
         std::size_t index;  ///< among those of its role
         Expression expression;
     };
-    /// By how much an assertion that is a plain comparison holds: sign * (value - number), or without its
-    /// sign.
-    struct Margin {
+    /// Within these a value compares as before, and no worse; none at first.
+    struct Range {
+        double low = std::numeric_limits<double>::quiet_NaN();
+        double high = std::numeric_limits<double>::quiet_NaN();
         std::uint32_t slot = 0;
-        bool isPlain = false;
-        bool isStrict = false;  ///< 0 is not enough
-        bool isDistance = false;
-        double sign = 1;
-        double number = 0;
-
-        double of(double value) const {
-            const double difference = value - number;
-            return sign * (isDistance ? std::fabs(difference) : difference);
-        }
-        bool holds(double margin) const { return margin > 0 || (margin == 0 && !isStrict); }
     };
-    // What is needed for each record stands first, side by side.
-    struct Watched {
-        Margin margin;
-        double leastMargin = std::numeric_limits<double>::quiet_NaN();  ///< until there is one
-        std::size_t missing = 0;                                        ///< signals without a value
-        // Records with which a plain assertion held, or was violated, as before and no worse.
-        std::uint64_t stillHeld = 0;
-        std::uint64_t stillViolated = 0;
-        std::int64_t violatedNs = 0;  ///< the last of these
-        bool wasTrue = false;
+    /// What nearly all records come to, told by a few comparisons: a condition holds or does not as before.
+    /// Small, as all of them are gone through for each record.
+    struct Check {
+        // Of one plain comparison, or several that must all hold; none: it is neither.
+        std::uint32_t first = 0;
+        std::uint32_t ranges = 0;
+        std::uint32_t missing = 0;  ///< signals without a value
         bool wasViolated = false;
+        std::array<std::uint64_t, 2> still =
+            {};                           ///< records that changed nothing: while it held, while violated
+        std::int64_t lastNs = INT64_MIN;  ///< of these
+    };
+    struct Watched {
+        double leastMargin = std::numeric_limits<double>::quiet_NaN();  ///< until there is one
+        bool wasTrue = false;
         bool undecided = false;  ///< at least once
         bool undecidedTold = false;
         Role role = Role::assertion;
         std::size_t index = 0;
         Condition condition = {};
+        std::int64_t violatedNs =
+            INT64_MIN;  ///< the last record with which it was, but for those of the check
     };
+    struct Watching {
+        value::Element element;
+        std::string text;  ///< of the table; empty: the number counts
+    };
+    /// Small, as all of them are gone through for each record.
     struct Column {
         value::RawDecodeFunction decode = nullptr;
         value::RawCoding coding = {};
         std::uint32_t offset = 0;
         std::uint32_t size = 0;
-        std::size_t slot = 0;
-        bool isLinear = false;  ///< factor and offset are all of its conversion
+        std::uint32_t slot = 0;
+        bool isLinear = false;     ///< factor and offset are all of its conversion
+        bool isConverted = false;  ///< the value is that of `raw`
         double a = 1;
         double b = 0;
         double raw = 0;
-        value::Element element = {};
-        std::string text = {};  ///< of the table; empty: the number counts
+        std::unique_ptr<const Watching> of = {};
     };
     struct List {
         std::string ecu;  ///< of several
@@ -157,12 +160,13 @@ class Watcher {
 
     std::size_t slotOf(const session::MeasurementPlan& plan, const IsNamed& isNamed, const std::string& name,
                        const std::string& text);
-    static Margin marginOf(const Condition& condition);
-    void take(Column& column, const std::uint8_t* bytes);
+    static Range rangeOf(const Condition::Plain& plain, bool isTrue);
+    static double valueOf(const Column& column);
     void setKnown(Slot& slot);
-    void judge(Watched& watched, double truth);
-    bool staysAsItWas(Watched& watched);
-    void evaluate(Watched& watched, Fired& fired);
+    void evaluate(std::size_t index, Fired& fired);
+    void judge(Watched& watched, Check& check, double truth);
+    static std::int64_t lastViolationNs(const Watched& watched, const Check& check);
+    void expectTheSame(const Watched& watched, const Check& check, bool isTrue);
 
     std::vector<Wanted> expressions_;  ///< constant since bind()
     std::size_t starts_ = 0;
@@ -174,6 +178,9 @@ class Watcher {
     std::vector<double> values_;  ///< of the slots
     std::size_t unknown_ = 0;     ///< slots without a value
     std::vector<Watched> watched_;
+    std::vector<Check> checks_;             ///< of each of `watched_`
+    std::vector<Range> ranges_;             ///< of `checks_`
+    std::vector<Condition::Plain> plains_;  ///< of each of `ranges_`
     std::vector<Verdict> verdicts_;
     std::optional<std::int64_t> firstNs_;
     std::int64_t nowNs_ = INT64_MIN;

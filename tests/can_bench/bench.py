@@ -29,7 +29,7 @@ def parsed():
     parser = argparse.ArgumentParser(
         description="Runs the CAN tests in a guest with real SocketCAN interfaces. Further arguments go to ctest, for "
         "instance -R NAME.", allow_abbrev=False)
-    parser.add_argument("--build", type=Path, default=SOURCE / "build/dev", help="the build to test (build/dev)")
+    parser.add_argument("--build", type=Path, default=SOURCE / "build/release", help="the build to test (build/release)")
     parser.add_argument("--limit", type=float, default=600, help="seconds until the guest is killed (%(default)s)")
     parser.add_argument("--script", type=Path, help="run this shell script in the guest instead of the tests")
     return parser.parse_known_args()

@@ -6,7 +6,7 @@ import signal
 import unittest
 from pathlib import Path
 
-from harness import SystemTest, counters, without_hints
+from harness import EVERY, SystemTest, counters, without_hints
 from identity_test import EPK, UNREADABLE, WITH_EPK, WRONG
 from raw_master import RawMaster
 
@@ -422,7 +422,7 @@ class ApplyTest(SystemTest):
     def test_struck_at_each_step_between_pages(self):
         """After kill -9 at each step an undo leaves the ECU what it saw before; Ctrl-C leaves all of the set or nothing of it."""
         for number in (signal.SIGKILL, signal.SIGINT):
-            for step in range(1, 100):
+            for step in range(1, 100, EVERY):
                 image = self.dir / "memory"
                 relay = self.start_relay("--pages", 3, "--memory-file", image)
                 sim = relay.sim

@@ -22,6 +22,8 @@ from relay import Relay
 
 CLI = os.environ["XCPLUMO_CLI"]
 SIM = os.environ["XCPLUMO_SIM"]
+# Under a sanitizer every third step or shape has to do where there are dozens of a kind; what is installed is tried with all.
+EVERY = int(os.environ.get("XCPLUMO_EVERY", "1"))
 # Sanitizers and shared machines are slow; a test that waits this long has failed.
 PATIENCE = 60.0
 # Timeout of the protocol and supervision interval of quick_config: short to wait for, long for a busy machine.

@@ -134,7 +134,8 @@ class ServeTest(SystemTest):
         self.assertEqual([(line["name"], line["old"], line["new"]) for line in lines
                           if line["event"] == "parameter"], [("cal_gain", "1", "2"), ("cal_gain", "2", "4")])
         self.assertEqual(self.run_plain("recording", "check", self.dir / "first").returncode, 0)
-        self.assertEqual(ecu.ask("GET", "/v1/recordings"), {"recordings": ["first"]})
+        listed = ecu.ask("GET", "/v1/recordings")
+        self.assertEqual((listed["recordings"], listed["total"], [one["name"] for one in listed["details"]]), (["first"], 1, ["first"]))
         told = ecu.ask("GET", "/v1/recordings/first")
         expected = json.loads(self.run_plain("recording", "info", self.dir / "first", "--json").stdout)
         self.assertEqual({key: expected[key] for key in told}, told)
