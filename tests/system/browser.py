@@ -83,7 +83,7 @@ class Browser:
         return self.wait(lambda: self.run(script, selector, name), f"{name!r} on the page")
 
     def click(self, name, selector="button, input, select, [role]"):
-        self.named(name, selector).click()
+        self.wait(lambda: self.named(name, selector).click() or True, f"a click on {name!r}")
 
     def keys(self, *keys):
         """Typed where the focus is."""
