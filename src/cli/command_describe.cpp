@@ -18,6 +18,7 @@
 #include "cli/option_set.h"
 #include "core/log.h"
 #include "core/text.h"
+#include "session/dependents.h"
 #include "session/ecu_group.h"
 
 namespace lm::cli {
@@ -70,7 +71,8 @@ class DescribeReport final : public IReport {
           object_(object),
           uses_(usesOf(description, object)),
           parts_(partsOf(description, object.name)),
-          relations_(relationsOf(description, object.name, object.instance)) {}
+          relations_(relationsOf(description, object.name, object.instance)),
+          computed_(session::virtualOf(description, object.name)) {}
 
     void print(Output& output) const override {
         output.appendPadded(fmt::format("{} ({})", object_.name, object_.kind), 0);
@@ -223,9 +225,15 @@ class DescribeReport final : public IReport {
     /// Why this program cannot read it; empty when it can.
     std::string obstacle() const {
         if (!object_.writable) return {};  // no measurement or parameter
-        const auto found = a2l::findObject(description_, object_.name);
-        if (found) return {};
-        const std::string text = found.error().text();
+        if (computed_ != nullptr) return withoutName(a2l::formulaOf(description_, *computed_));
+        return withoutName(a2l::findObject(description_, object_.name));
+    }
+
+    /// Of an error its text, of all else nothing.
+    template <typename T>
+    std::string withoutName(const Result<T>& result) const {
+        if (result) return {};
+        const std::string text = result.error().text();
         const std::string prefix = std::string(object_.name) + ": ";
         return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
     }
@@ -234,6 +242,8 @@ class DescribeReport final : public IReport {
         const bool isMeasurement = object_.kind == "measurement";
         if (const std::string text = obstacle(); !text.empty()) {
             sheet.line("not readable", text);
+        } else if (computed_ != nullptr) {
+            sheet.line("access", "read only, computed when it is read");
         } else if (object_.writable) {
             sheet.line("access", *object_.writable ? "read and write"
                                  : isMeasurement   ? "read (`set -m` writes it, too)"
@@ -257,7 +267,7 @@ class DescribeReport final : public IReport {
     }
 
     void writeAccess(JsonWriter& json) const {
-        if (object_.writable) json.member("writable", *object_.writable);
+        if (object_.writable) json.member("writable", *object_.writable && computed_ == nullptr);
         json.listMember("events", object_.events);
         if (const std::string text = obstacle(); !text.empty()) json.member("notReadable", text);
     }
@@ -327,6 +337,7 @@ class DescribeReport final : public IReport {
     const std::vector<Use> uses_;
     const ObjectParts parts_;
     const Relations relations_;
+    const a2l::Dependency* const computed_;  ///< of what has no place in the ECU
 };
 
 /// Whether an object may have such an element or axis, as far as the A2L tells it. Errors: those of `get`.

@@ -72,6 +72,7 @@ bool MeasureInput::answer(const std::string& line) {
 bool MeasureInput::perform(std::string_view line, Results& results) {
     const std::string_view word = line.substr(0, line.find_first_of(" \t"));
     if (word == "quit" && word == line) return quit_ = true;
+    if (word == "mark") return mark(behind(line, word), results);  // of now, whoever is at work
     // No client's commands come between those of a line.
     const auto own = place_.sharing->own();
     if (!own) {
@@ -79,7 +80,6 @@ bool MeasureInput::perform(std::string_view line, Results& results) {
         return false;
     }
     if (word == "set") return assign(behind(line, word), results);
-    if (word == "mark") return mark(behind(line, word), results);
     if (word == "record") return record(behind(line, word), results);
     results.fail("stdin",
                  {ErrorCode::invalidArgument,

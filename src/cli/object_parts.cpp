@@ -96,7 +96,8 @@ Relations relationsOf(const a2l::Description& description, std::string_view name
     if (!instance.empty() && instance != name) addMemberships(description, instance, relations.folders);
     if (const a2l::Dependency* dependency = description.findDependency(name)) {
         relations.computedFrom = fmt::format("{}", fmt::join(description.sources(*dependency), ", "));
-        if (!dependency->formula.empty()) relations.computedFrom += fmt::format(": {}", dependency->formula);
+        if (!relations.computedFrom.empty() && !dependency->formula.empty()) relations.computedFrom += ": ";
+        relations.computedFrom += dependency->formula;
     }
     for (const a2l::Dependency& dependency : description.dependencies) {
         const auto sources = description.sources(dependency);

@@ -10,9 +10,12 @@
 #include "core/printable_text.h"
 #include "core/thread.h"
 #include "host/runtime_folder.h"
+#include "http/target.h"
 
 namespace lm::host {
 namespace {
+
+constexpr std::size_t kJsonDepth = 8;
 
 using std::chrono::milliseconds;
 
@@ -70,8 +73,9 @@ nlohmann::json Host::facts() const {
 
 /// The digests are made only when the system's facts of the files differ.
 void Host::attach(const http::Request& request, const http::Reply& reply) {
-    const auto body = nlohmann::json::parse(request.body, nullptr, false);
-    const A2lFile theirs = a2lOf(body);
+    const Result<nlohmann::json> body = http::parseBody(request.body, kJsonDepth);
+    if (!body) return reply.fail(body.error());
+    const A2lFile theirs = a2lOf(body.value());
     if (theirs.path.empty() || setup_.a2l.path.empty() || setup_.a2l.isFile(theirs))
         return reply.send(facts());
     if (theirs.sha256.empty()) {
@@ -97,7 +101,9 @@ void Host::attach(const http::Request& request, const http::Reply& reply) {
 
 void Host::addJob(Job::Kind kind, http::Request& request, const http::Reply& reply) {
     Job job{.kind = kind, .reply = reply};
-    job.body = nlohmann::json::parse(request.body, nullptr, false);
+    Result<nlohmann::json> body = http::parseBody(request.body, kJsonDepth);
+    if (!body) return reply.fail(body.error());
+    job.body = std::move(body).value();
     job.client = {request.peer.pid, userName(request.peer.uid),
                   printableText(textAt(job.body, "command").value_or(""))};
     job.connection = request.connection;

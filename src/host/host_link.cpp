@@ -78,7 +78,7 @@ Result<std::unique_ptr<HostLink>> HostLink::attach(const FoundHost& found, std::
 
 Result<Json> HostLink::ask(std::string_view route, Json body, milliseconds limit, const StopToken& stop) {
     const Error gone{ErrorCode::closed, facts_.holder.text() + " has ended, which held the ECU"};
-    if (broken_) return gone;
+    if (broken_) return brokenBy_.value_or(gone);
     body["command"] = command_;
     auto answer = client_.askJson("POST", route, body, limit, stop);
     if (answer) return answer;
@@ -93,7 +93,11 @@ Result<void> HostLink::begin(milliseconds longest, const StopToken& stop) {
     const auto answer = ask(kBeginRoute, {{"waitMs", longest.count()}}, longest + kMargin, stop);
     if (answer) return {};
     // Without an answer the begin is still under way.
-    broken_ = broken_ || answer.error().code == ErrorCode::timeout;
+    if (!broken_ && answer.error().code == ErrorCode::timeout) {
+        broken_ = true;
+        brokenBy_ = answer.error();
+        brokenBy_->code = ErrorCode::closed;
+    }
     return answer.error();
 }
 

@@ -62,6 +62,7 @@ class HostLink {
     HostFacts facts_;
     const std::string command_;
     bool broken_ = false;
+    std::optional<Error> brokenBy_;  ///< none: its program has ended
 };
 
 }  // namespace lm::host

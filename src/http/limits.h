@@ -12,7 +12,6 @@ namespace lm::http {
 struct Limits {
     std::size_t headBytes = 16U << 10U;
     std::size_t bodyBytes = 4U << 20U;
-    std::size_t jsonDepth = 16;
     std::size_t connections = 256;
     std::size_t connectionsPerPeer = 64;  ///< of an address; of a process on a Unix socket
     std::size_t streams = 32;

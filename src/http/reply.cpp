@@ -29,17 +29,21 @@ bool EventStream::push(std::string_view event, std::string_view data, std::uint6
     return add(formed(event, data), weight);
 }
 
+bool EventStream::pushAlways(std::string_view event, std::string_view data) {
+    return add(formed(event, data), 0, false);
+}
+
 bool EventStream::pushFrame(FrameKind kind, std::string_view payload, std::uint64_t weight) {
     return add(frameOf(kind, payload), weight);
 }
 
-bool EventStream::add(std::string_view bytes, std::uint64_t weight) {
+bool EventStream::add(std::string_view bytes, std::uint64_t weight, bool mayDrop) {
     bool wasIdle = false;
     {
         const std::lock_guard lock(mutex_);
         if (finished_ || closed()) return false;
         wasIdle = waiting_.empty();
-        if (waiting_.size() + bytes.size() > maxBytes_) {
+        if (mayDrop && waiting_.size() + bytes.size() > maxBytes_) {
             missed_ += weight;
             missedInAll_ += weight;
             return false;

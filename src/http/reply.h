@@ -41,6 +41,8 @@ class EventStream {
     StreamForm form() const { return form_; }
     /// `data` is one line, a JSON object. `weight`: what dropping it adds to N. False when it was dropped.
     bool push(std::string_view event, std::string_view data, std::uint64_t weight = 1);
+    /// What the events after it cannot be understood without: never dropped while the client is there.
+    bool pushAlways(std::string_view event, std::string_view data);
     /// The same of a stream of frames.
     bool pushFrame(FrameKind kind, std::string_view payload, std::uint64_t weight = 1);
     /// What was lost before it came here, told like what was dropped here.
@@ -60,7 +62,7 @@ class EventStream {
     void close() { closed_.store(true); }
 
   private:
-    bool add(std::string_view bytes, std::uint64_t weight);
+    bool add(std::string_view bytes, std::uint64_t weight, bool mayDrop = true);
     std::string formed(std::string_view event, std::string_view data) const;
     void addMissedText();
     void wakeIfIdle(bool wasIdle);

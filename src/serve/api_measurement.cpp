@@ -135,6 +135,7 @@ Result<session::PlanSummary> Service::begin(session::Session& session,
     options.signals = signals;
     options.sink = &hub_;
     options.recordedBySink = !options_.recordings.empty();
+    options.noteTo = [this](std::int64_t, const std::string& line) { noteOfEcu(line); };
     options.onPlanned = [this, &session](const session::MeasurementPlan& plan) {
         hub_.setMeasured(measuredOf(plan, *session.daqCapabilities()));
     };
@@ -143,6 +144,7 @@ Result<session::PlanSummary> Service::begin(session::Session& session,
         hub_.setMeasured(nullptr);
         return summary;
     }
+    asked_ = signals;
     const std::lock_guard lock(mutex_);
     signals_.clear();
     for (const MeasuredSignal& signal : hub_.measured()->signals)
@@ -151,11 +153,23 @@ Result<session::PlanSummary> Service::begin(session::Session& session,
     return summary;
 }
 
+/// What runs in the ECU, its clock, and that it is another one than before.
+void Service::noteOfEcu(const std::string& line) {
+    const json told = json::parse(line, nullptr, false);
+    const std::string event = told.is_object() ? told.value("event", "") : "";
+    if (!event.starts_with("ecu")) return;  // marks and writes are noted where they are made
+    hub_.note(line);
+    if (event == "ecuChanged")
+        log_.note("warning", fmt::format("the ECU is not as it was: {}: {}", told.value("what", ""),
+                                         told.value("text", "")));
+}
+
 /// With the recording, which needs its records.
 Result<void> Service::end(session::Session& session) {
     {
         const std::lock_guard lock(mutex_);
         if (!std::exchange(measuring_, false)) return {};
+        asked_.reset();
         statistics_ = nullptr;
     }
     Result<void> stopped = session.stopMeasurement();
@@ -175,11 +189,18 @@ void Service::measure(http::Request& request, const http::Reply& reply) {
                    return reply.fail(
                        Error{ErrorCode::alreadyOpen, "a recording runs: its signals cannot be changed"});
                }
+               const auto before = asked_;
                if (Result<void> ended = end(session); !ended) return reply.fail(ended.error());
                const auto summary = begin(session, signals);
                if (!summary) {
                    desk_.doubt();
-                   return reply.fail(summary.error());
+                   Error error = summary.error();
+                   const bool isBack = before && begin(session, *before);
+                   if (before && !error.hint.empty()) error.hint += "; ";
+                   if (before)
+                       error.hint +=
+                           isBack ? "what was measured before goes on" : "nothing is measured any more";
+                   return reply.fail(error);
                }
                log_.note("info",
                          fmt::format("{} measures {} signal(s)", client, summary.value().signalCount));
@@ -217,6 +238,7 @@ void Service::startRecording(http::Request& request, const http::Reply& reply) {
             client = request.peer.address](session::Session& session) {
                const Result<void> started = recordings_.start(session, name);
                if (!started) return reply.fail(started.error());
+               session.noteWhatRuns();
                log_.note("info", fmt::format("{} records to {}", client, name));
                reply.send(recordings_.state());
            });
@@ -225,6 +247,7 @@ void Service::startRecording(http::Request& request, const http::Reply& reply) {
 void Service::stopRecording(http::Request& request, const http::Reply& reply) {
     atDesk(request, reply, false, [this, reply](session::Session& session) {
         session.handOnHeldRecords();
+        session.noteClock();
         const Result<void> stopped = recordings_.stop();
         if (!stopped) return reply.fail(stopped.error());
         log_.note("info", "the recording has ended");

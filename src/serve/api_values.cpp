@@ -17,6 +17,7 @@ namespace {
 using nlohmann::json;
 
 constexpr std::size_t kBodyDepth = 12;
+constexpr std::size_t kMostAnswer = std::size_t{64} << 20U;
 constexpr std::size_t kMostNames = 100000;
 
 http::Response textResponse(std::string text) {
@@ -104,40 +105,53 @@ void Service::readMany(http::Request& request, const http::Reply& reply) {
 
 void Service::read(const http::Request& request, const http::Reply& reply, std::vector<std::string> names,
                    bool one) {
-    atDesk(request, reply, true, [this, reply, names = std::move(names), one](session::Session& session) {
-        std::string text;
-        const auto add = [&](const std::string& piece, const Error* error) {
-            if (!text.empty()) text += ',';
-            text += piece;
-            if (error != nullptr && error->code == ErrorCode::timeout) desk_.doubt();
-        };
-        for (std::span<const std::string> rest(names); !rest.empty();) {
-            const auto count = static_cast<std::size_t>(
-                std::find_if(rest.begin(), rest.end(),
-                             [&](const std::string& name) { return !session.objects().isScalar(name); }) -
-                rest.begin());
-            if (count == 0) {
-                const auto reading = session.readObject(rest.front());
-                if (one && !reading) {
-                    if (reading.error().code == ErrorCode::timeout) desk_.doubt();
-                    return reply.fail(reading.error(), rest.front());
+    const Result<Milliseconds> limit = limitOf(request);
+    if (!limit) return reply.fail(limit.error());
+    const auto end = EcuDesk::Clock::now() + limit.value();
+    atDesk(
+        request, reply, true, [this, reply, names = std::move(names), one, end](session::Session& session) {
+            std::string text;
+            const auto add = [&](const std::string& piece, const Error* error) {
+                if (!text.empty()) text += ',';
+                text += piece;
+                if (error != nullptr && error->code == ErrorCode::timeout) desk_.doubt();
+            };
+            for (std::span<const std::string> rest(names); !rest.empty();) {
+                // Others wait, and so does the memory.
+                if (text.size() > kMostAnswer)
+                    return reply.fail(Error{ErrorCode::invalidArgument,
+                                            fmt::format("the answer is above {} MiB", kMostAnswer >> 20U)});
+                if (!text.empty() && EcuDesk::Clock::now() > end) {
+                    return reply.fail(
+                        Error{ErrorCode::timeout, fmt::format("{} of {} values are read within the limit",
+                                                              names.size() - rest.size(), names.size())});
                 }
-                add(forms_.object(rest.front(), reading), reading ? nullptr : &reading.error());
-                rest = rest.subspan(1);
-                continue;
-            }
-            const auto values = session.read(rest.first(count));
-            for (std::size_t i = 0; i < values.size(); ++i) {
-                if (one && !values[i]) {
-                    if (values[i].error().code == ErrorCode::timeout) desk_.doubt();
-                    return reply.fail(values[i].error(), rest[i]);
+                const auto count = static_cast<std::size_t>(
+                    std::find_if(rest.begin(), rest.end(),
+                                 [&](const std::string& name) { return !session.objects().isScalar(name); }) -
+                    rest.begin());
+                if (count == 0) {
+                    const auto reading = session.readObject(rest.front());
+                    if (one && !reading) {
+                        if (reading.error().code == ErrorCode::timeout) desk_.doubt();
+                        return reply.fail(reading.error(), rest.front());
+                    }
+                    add(forms_.object(rest.front(), reading), reading ? nullptr : &reading.error());
+                    rest = rest.subspan(1);
+                    continue;
                 }
-                add(forms_.reading(rest[i], values[i]), values[i] ? nullptr : &values[i].error());
+                const auto values = session.read(rest.first(count));
+                for (std::size_t i = 0; i < values.size(); ++i) {
+                    if (one && !values[i]) {
+                        if (values[i].error().code == ErrorCode::timeout) desk_.doubt();
+                        return reply.fail(values[i].error(), rest[i]);
+                    }
+                    add(forms_.reading(rest[i], values[i]), values[i] ? nullptr : &values[i].error());
+                }
+                rest = rest.subspan(values.size());
             }
-            rest = rest.subspan(values.size());
-        }
-        reply.send(textResponse(one ? text : "{\"values\":[" + text + "]}"));
-    });
+            reply.send(textResponse(one ? text : "{\"values\":[" + text + "]}"));
+        });
 }
 
 void Service::writeOne(http::Request& request, const http::Reply& reply) {
@@ -177,6 +191,29 @@ void Service::writeMany(http::Request& request, const http::Reply& reply) {
             if (failed) response.status = 422;
             reply.send(std::move(response));
         });
+}
+
+/// Of a write that failed, but may have changed the ECU.
+void Service::noteHeld(const std::string& name, const std::string& client,
+                       const session::WriteOutcome& outcome, session::ChangeLog& changes) {
+    json entry{{"name", name},
+               {"client", client},
+               {"old", nullptr},
+               {"new", nullptr},
+               {"error", outcome.value.error().text()}};
+    const Result<session::Reading>& held = *outcome.held;
+    if (held) {
+        const session::Reading& now = held.value();
+        if (now.bytes == outcome.before) return;
+        entry["old"] = json::parse(forms_.value(now.element, outcome.before));
+        entry["new"] = json::parse(forms_.value(now.element, now.bytes));
+        changes.add(now.element.name, session::Reading{now.element, outcome.before}.physical(),
+                    now.physical());
+        changes.flush();
+    } else {
+        recordings_.noteWrite({0, name, "unknown", "unknown", "serve, " + client});
+    }
+    writes_.note(std::move(entry));
 }
 
 std::string Service::write(session::Session& session, const std::string& name, const std::string& text,
@@ -224,6 +261,7 @@ std::string Service::write(session::Session& session, const std::string& name, c
         changes.flush();
         writes_.note(std::move(entry));
     }
+    if (!outcome.value && outcome.held && !outcome.before.empty()) noteHeld(name, client, outcome, changes);
     return forms_.write(name, text, outcome);
 }
 

@@ -22,8 +22,13 @@ void Chronicle::note(nlohmann::json entry) {
     const std::lock_guard lock(mutex_);
     entry["number"] = ++last_;
     entry["time"] = utcText();
-    if (entries_.size() == kMost) entries_.pop_front();
-    entries_.push_back(std::move(entry));
+    const std::size_t bytes = entry.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).size();
+    while (!entries_.empty() && (entries_.size() == kMost || bytes_ + bytes > kMostBytes)) {
+        bytes_ -= entries_.front().bytes;
+        entries_.pop_front();
+    }
+    bytes_ += bytes;
+    entries_.push_back({std::move(entry), bytes});
 }
 
 std::uint64_t Chronicle::last() const {
@@ -34,8 +39,8 @@ std::uint64_t Chronicle::last() const {
 nlohmann::json Chronicle::after(std::uint64_t after) const {
     const std::lock_guard lock(mutex_);
     nlohmann::json entries = nlohmann::json::array();
-    for (const nlohmann::json& entry : entries_) {
-        if (entry["number"].get<std::uint64_t>() > after) entries.push_back(entry);
+    for (const Entry& entry : entries_) {
+        if (entry.json["number"].get<std::uint64_t>() > after) entries.push_back(entry.json);
     }
     return {{"entries", std::move(entries)}, {"last", last_}};
 }

@@ -29,9 +29,15 @@ class Chronicle {
 
   private:
     static constexpr std::size_t kMost = 2000;
+    static constexpr std::size_t kMostBytes = std::size_t{4} << 20U;  ///< as text
+    struct Entry {
+        nlohmann::json json;
+        std::size_t bytes;
+    };
 
     mutable std::mutex mutex_;
-    std::deque<nlohmann::json> entries_;
+    std::deque<Entry> entries_;
+    std::size_t bytes_ = 0;
     std::uint64_t last_ = 0;
 };
 

@@ -62,17 +62,21 @@ void EcuDesk::post(const http::Reply& reply, milliseconds limit, bool needsEcu, 
 void EcuDesk::run() {
     pthread_setname_np(pthread_self(), "ecu-desk");
     for (;;) {
-        std::optional<Waiting> one;
         {
             std::unique_lock lock(mutex_);
             changed_.wait_for(lock, kLook, [this] { return stopping_ || !queue_.empty(); });
             if (stopping_) return;
+        }
+        // What waits for others meanwhile stays in the queue, where its limit is watched.
+        const auto alone = alone_ ? alone_() : Result<std::shared_ptr<void>>(nullptr);
+        std::optional<Waiting> one;
+        {
+            const std::lock_guard lock(mutex_);
             if (!queue_.empty()) {
                 one = std::move(queue_.front());
                 queue_.pop_front();
             }
         }
-        const auto alone = alone_ ? alone_() : Result<std::shared_ptr<void>>(nullptr);
         if (!alone) {
             if (one) one->reply.fail(alone.error());
             continue;

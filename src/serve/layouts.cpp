@@ -47,7 +47,7 @@ Error layoutError(int systemError) {
 
 }  // namespace
 
-Layouts::Layouts(const fs::path& folder) : folder_(folder.empty() ? fs::path() : folder / "layouts") {}
+Layouts::Layouts(const fs::path& folder) : folder_(folder.empty() ? fs::path() : folder / kLayoutsFolder) {}
 
 Result<fs::path> Layouts::pathOf(const std::string& name) const {
     if (!kept()) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -13,6 +14,8 @@
 #include "core/result.h"
 
 namespace lm::serve {
+
+inline constexpr std::string_view kLayoutsFolder = "layouts";  ///< among the recordings
 
 class Layouts {
   public:

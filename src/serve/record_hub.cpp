@@ -119,7 +119,7 @@ class RecordHub::Watcher {
         columns_.clear();
         extremes_.clear();
         if (measured_) choose();
-        stream_->push("signals", signalsText());
+        stream_->pushAlways("signals", signalsText());
     }
 
     bool hasFrames() const { return stream_->form() == http::StreamForm::frames; }

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "serve/layouts.h"
 #include "storage/format/recording_meta.h"
 
 namespace lm::serve {
@@ -75,6 +76,11 @@ Result<std::vector<std::string>> Recordings::names() const {
 Result<void> Recordings::start(session::Session& session, const std::string& name) {
     const Result<fs::path> path = freePath(name);
     if (!path) return path.error();
+    if (name == kLayoutsFolder)
+        return Error{ErrorCode::invalidArgument, fmt::format("'{}' is the folder of the layouts", name)};
+    std::error_code failure;
+    if (fs::is_symlink(fs::symlink_status(path.value(), failure)))
+        return Error{ErrorCode::invalidArgument, fmt::format("'{}' is a link to another place", name)};
     const std::lock_guard lock(mutex_);
     if (recorder_) return Error{ErrorCode::alreadyOpen, fmt::format("'{}' is being recorded", name_)};
     if (!hub_.measured()) return Error{ErrorCode::notOpen, "nothing is measured that could be recorded"};

@@ -21,6 +21,7 @@
 #include "serve/record_hub.h"
 #include "serve/recording_desk.h"
 #include "serve/recordings.h"
+#include "session/change_log.h"
 #include "session/session.h"
 
 namespace lm::serve {
@@ -101,10 +102,13 @@ class Service final : private session::ISessionListener {
 
     void read(const http::Request& request, const http::Reply& reply, std::vector<std::string> names,
               bool one);
+    void noteHeld(const std::string& name, const std::string& client, const session::WriteOutcome& outcome,
+                  session::ChangeLog& changes);
     std::string write(session::Session& session, const std::string& name, const std::string& text,
                       const std::string& client, bool& failed);
     Result<session::PlanSummary> begin(session::Session& session, const std::vector<std::string>& signals);
     Result<void> end(session::Session& session);
+    void noteOfEcu(const std::string& line);
     void look(session::Session& session);
     nlohmann::json stateJson() const;
     nlohmann::json planJson(const session::MeasurementPlan& plan, session::Session& session) const;
@@ -123,6 +127,9 @@ class Service final : private session::ISessionListener {
     std::unique_ptr<http::Server> server_;
     std::once_flag namesMade_;
     std::unique_ptr<http::StoredBody> namesBody_;
+
+    std::optional<std::vector<std::string>>
+        asked_;  ///< of the measurement that runs; the desk's thread alone
 
     mutable std::mutex mutex_;
     nlohmann::json statistics_;         ///< of the measurement, a tenth of a second old at most

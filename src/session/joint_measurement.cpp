@@ -377,17 +377,17 @@ MeasurementStats JointMeasurement::statistics() const {
 SessionState JointMeasurement::state() const {
     if (parts_.empty()) return SessionState::disconnected;
     bool isOut = false;
-    bool anyGoesOn = false;
+    std::optional<SessionState> goingOn;
     for (const auto& part : parts_) {
         const Session& session = sessionOf(*part);
         const SessionState own = session.state();
         const bool failed = own == SessionState::failed;
         if (failed && session.config().reconnect.policy == ReconnectPolicy::abort) return own;
         isOut = isOut || own == SessionState::reconnecting;
-        anyGoesOn = anyGoesOn || !failed;
+        if (!failed && !goingOn) goingOn = own;
     }
-    if (!anyGoesOn) return SessionState::failed;
-    return isOut ? SessionState::reconnecting : sessionOf(*parts_.front()).state();
+    if (!goingOn) return SessionState::failed;
+    return isOut ? SessionState::reconnecting : *goingOn;
 }
 
 }  // namespace lm::session

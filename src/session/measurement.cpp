@@ -186,7 +186,7 @@ std::optional<xcp::ClockFigures> Measurement::clock() const {
 }
 
 void Measurement::noteClock() {
-    if (!recording_.isOn()) return;
+    if (!recording_.isOn() && !noteTo_) return;
     clockNotedNs_ = steadyNowNs();
     std::optional<xcp::ClockFigures> found;
     {
@@ -194,8 +194,8 @@ void Measurement::noteClock() {
         found = clock();
     }
     if (!found) return;
-    recording_.note(storage::ecuClockLine(
-        {clockNotedNs_, found->offsetNs, found->driftPpm, found->residualNs, found->spanNs}));
+    tellOfEcu(clockNotedNs_, storage::ecuClockLine({clockNotedNs_, found->offsetNs, found->driftPpm,
+                                                    found->residualNs, found->spanNs}));
 }
 
 void Measurement::abandonStart() {

@@ -45,6 +45,10 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     /// It gets all that has been received, also what was held back until more would tell its time.
     void endRecording();
     void handOnHeld();
+    /// To the recording, or to MeasurementOptions::noteTo: what runs in the ECU, which is asked for, and its
+    /// clock.
+    void noteWhatRuns();
+    void noteClock();
     /// An event of now, a line made of the time. False: nothing is recorded. From any thread.
     bool note(const std::function<std::string(std::int64_t timeNs)>& line);
 
@@ -72,12 +76,10 @@ class Measurement final : private ISupervised, private xcp::IDaqRecordSink {
     void removeDecoder();
     void tellMisfit();
     void abandonStart();
-    void noteWhatRuns();
     void tellOfEcu(std::int64_t timeNs, const std::string& line);
     void addSilentLists(MeasurementStats& stats) const;
     void keepClock();
     std::optional<xcp::ClockFigures> clock() const;
-    void noteClock();
 
     void onRecord(const xcp::DaqRecord& record) override;
 

@@ -626,6 +626,14 @@ void Session::handOnHeldRecords() {
     if (running_) measurement_->handOnHeld();
 }
 
+void Session::noteWhatRuns() {
+    if (running_) measurement_->noteWhatRuns();
+}
+
+void Session::noteClock() {
+    if (running_) measurement_->noteClock();
+}
+
 Result<std::int64_t> Session::mark(const std::string& text) {
     std::int64_t atNs = 0;
     const bool noted = running_ && measurement_->note([&](std::int64_t nowNs) {

@@ -195,6 +195,10 @@ class Session final : public IValues, public IMeasured, private xcp::IMasterList
     /// To who records by itself: all that has been received comes to the sink before it returns, also what is
     /// held back until more of it would tell its time.
     void handOnHeldRecords();
+    /// Likewise, by MeasurementOptions::noteTo: the EPK and checksums of the ECU, which it is asked for, and
+    /// what is known of its clock.
+    void noteWhatRuns();
+    void noteClock();
     bool isRecording() const { return running_ && recording_ != nullptr; }
     /// Where the recording that runs goes, empty without one. From any thread.
     std::string recordingDirectory() const;

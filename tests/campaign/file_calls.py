@@ -28,7 +28,7 @@ class FileCalls(campaign.Campaign):
     def measurement(self, directory, seconds):
         """The arguments of a measurement with an ECU of its own."""
         # What a busy machine answers late is not what is tried here.
-        config = self.quick_config(xcp={"timeoutsMs": [5000] * 7})
+        config = self.quick_config(xcp={"timeoutsMs": [5000] * 7}, reconnect={"heartbeatMs": 20000})
         names = ["counter_1ms@0", "wave@0", "counter_10ms@1"]
         return self.arguments(self.start_sim(), "-c", config, *harness.record(directory, names, seconds))[1:]
 

@@ -133,6 +133,9 @@ class CommandLineTest(harness.SystemTest):
               /begin AXIS_DESCR COM_AXIS engine_speed CM.SPEED 8 0 16000 AXIS_PTS_REF ax /end AXIS_DESCR
               /begin AXIS_DESCR STD_AXIS NO_INPUT_QUANTITY CM.IDENTICAL 4 0 3 /end AXIS_DESCR
             /end CHARACTERISTIC
+            /begin CHARACTERISTIC constant "Of words" VALUE 0 RL.CURVE 0 CM.IDENTICAL 0 1
+              /begin VIRTUAL_CHARACTERISTIC "sysc(words)" /end VIRTUAL_CHARACTERISTIC /end CHARACTERISTIC
+            /begin MOD_PAR "" SYSTEM_CONSTANT "words" "Text" /end MOD_PAR
             /begin TRANSFORMER t /end TRANSFORMER /include grammar.aml"""
         a2l.write_text(a2l.read_text().replace("/end MODULE", more + "\n/end MODULE"))
         ccp, tcp = self.dir / "ccp.a2l", self.dir / "tcp.a2l"
@@ -147,6 +150,8 @@ class CommandLineTest(harness.SystemTest):
             (a2l, ["describe", "shared"], ["  type           MAP", "  conversion     no_such_method, which is not in the A2L",
                 "  axis 1         COM_AXIS, input engine_speed, 8 points at most, limits 0 to 16000, conversion CM.SPEED, points in ax",
                 "  not readable   COMPU_METHOD 'no_such_method' not found"]),
+            (a2l, ["describe", "shaft_power"], ["  access         read only, computed when it is read"]),
+            (a2l, ["describe", "constant"], ["  not readable   formula 'sysc(words)': unknown identifier 'Text'", "  computed from  sysc(words)"]),
             (a2l, ["describe", "ax"], ["ax (axis)", "  input          engine_speed", "  used as        points of axis 1 of shared"]),
             (a2l, ["describe", "CM.SWITCH"], ["                 2 = \"test mode\"", "                 conversion of cal_injector"]),
             (a2l, ["list", "-l", "shared"], ["     limits -1 to 1, 8 x 4 element(s), COM_AXIS ax over engine_speed, STD_AXIS, Intel, \"On ax\""]),
