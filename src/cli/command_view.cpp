@@ -21,7 +21,7 @@ void ViewCommand::addOptions(OptionSet& options) {
     options.add("--listen", listen_, "ADDRESS:PORT instead of a free port of 127.0.0.1");
 }
 
-Result<void> ViewCommand::prepare(Form /*form*/) {
+Result<void> ViewCommand::checkOptions() {
     for (const std::string& directory : directories_) {
         std::error_code failure;
         if (!std::filesystem::is_directory(directory, failure))
@@ -36,6 +36,10 @@ Result<void> ViewCommand::prepare(Form /*form*/) {
 }
 
 int ViewCommand::run(Workplace& place) {
+    if (const Result<void> checked = checkOptions(); !checked) {
+        place.results.fail("view", checked.error());
+        return 1;
+    }
     serve::ViewerOptions options;
     options.listenHost = host_;
     options.listenPort = port_;

@@ -14,10 +14,11 @@ namespace lm::cli {
 class ViewCommand final : public ICommand {
   public:
     void addOptions(OptionSet& options) override;
-    Result<void> prepare(Form form) override;
     int run(Workplace& place) override;
 
   private:
+    Result<void> checkOptions();
+
     std::vector<std::string> directories_;
     std::string listen_;
     std::string host_ = "127.0.0.1";

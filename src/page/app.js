@@ -32,7 +32,7 @@ class Cockpit {
         this.plots = new Plots(this.live, { onSignals: () => this.signalsChanged(), onDrop: (text, pane) => this.drop(text, pane) });
         this.control = new Control({ ecu: () => this.ecu, wanted: () => this.wanted, onStarted: () => this.plots.follow(true) });
         this.control.onMark = (text) => this.live.note({ from: this.live.store.newest, to: this.live.store.newest, kind: "mark", text });
-        this.parameters = new Parameters({ ecu: () => this.ecu, canWrite: () => told.canWrite !== false && !told.readOnly, onInputs: () => this.signalsChanged(),
+        this.parameters = new Parameters({ ecu: () => this.ecu, canWrite: () => told.canWrite !== false && !told.readOnly, hasFiles: () => Boolean(told.parameterFiles), onInputs: () => this.signalsChanged(),
             valueOf: (name) => this.live.store.lastOf(name), factsOf: (name) => this.live.factsOf(name) });
         this.side = makeSide(byId("side"), this.hasEcu);
         this.objects = new Objects(this.side.panels[0], { onUse: (name, kind, fresh) => this.use(name, kind, fresh) });

@@ -6,7 +6,7 @@ import { ticks, timeStep, timeTickText } from "./scales.js";
 import { plain } from "./text.js";
 
 const HEIGHT = 40;
-const SIGNS = /** @type {Record<string, string>} */ ({ mark: "▼", write: "✎", outage: "▨", lost: "▨", overload: "!", change: "◆" });
+const SIGNS = /** @type {Record<string, string>} */ ({ mark: "▼", write: "✎", outage: "▨", lost: "▨", overload: "!", gap: "▨", trigger: "◆", ecu: "◆", clock: "◷" });
 
 export class Axis {
     constructor() {

@@ -33,7 +33,7 @@ export class Control {
         this.markKey = kept(MARK_KEY) ?? "m";
         this.start = button("▶ Measure", () => this.toggleMeasurement(), { title: "Ctrl+Enter", class: "primary" });
         this.plan = make("span", { class: "plan", "aria-label": "plan" });
-        this.name = make("input", { type: "text", "aria-label": "name of the recording", placeholder: "recording's name", size: "14", maxlength: "100", pattern: "[A-Za-z0-9_\\-][A-Za-z0-9_.\\-]*", spellcheck: "false",
+        this.name = make("input", { type: "text", "aria-label": "name of the recording", placeholder: "recording's name", size: "12", maxlength: "100", pattern: "[A-Za-z0-9_\\-][A-Za-z0-9_.\\-]*", spellcheck: "false",
             onkeydown: (/** @type {KeyboardEvent} */ event) => { if (event.key === "Enter" && !this.state.recording) this.toggleRecording(); } });
         this.record = button("● Record", () => this.toggleRecording(), { title: "Ctrl+Shift+R" });
         this.markText = make("input", { type: "text", "aria-label": "text of the mark", placeholder: "text of mark", size: "9", maxlength: "200",

@@ -17,7 +17,7 @@ export class Layouts {
         this.own = new Map();
         this.name = "";
         this.select = make("select", { "aria-label": "layout", title: "layouts", onchange: () => this.open(this.select.value) });
-        host.append(this.select, button("Save layout", () => this.save(), { title: "panes, signals, parameters and time" }), button("✕", () => this.remove(), { "aria-label": "delete this layout", title: "delete this layout" }));
+        host.append(this.select, button("Save…", () => this.save(), { "aria-label": "save the layout", title: "save the layout: panes, signals, parameters and time" }), button("✕", () => this.remove(), { "aria-label": "delete this layout", title: "delete this layout" }));
         this.show([]);
     }
 

@@ -20,7 +20,7 @@ const RELOAD_MS = 150;
  */
 
 export class Parameters {
-    /** @param {{ecu(): string, canWrite(): boolean, onInputs(): void, valueOf(name: string): number, factsOf(name: string): import("./sources.js").Facts | null}} page */
+    /** @param {{ecu(): string, canWrite(): boolean, hasFiles(): boolean, onInputs(): void, valueOf(name: string): number, factsOf(name: string): import("./sources.js").Facts | null}} page */
     constructor(page) {
         this.page = page;
         /** @type {Map<string, Item>} */
@@ -38,6 +38,7 @@ export class Parameters {
             button("Back to reference", () => this.backToReference(), { title: "writes the reference's values, as one step" }), this.summary);
         this.wholeFiles = make("div", { class: "group" }, button("Save all…", () => this.save(), { title: "all parameters of the ECU as a file, as `snapshot` writes it" }),
             button("Compare, apply…", () => this.file.click(), { title: "a parameter file: what differs, and apply it" }), this.file);
+        this.wholeFiles.hidden = !page.hasFiles();
         this.host.append(make("div", { class: "head" }, make("h2", { text: "Parameters" }), make("div", { class: "group" }, this.undoButton, this.redoButton)),
             this.files, this.wholeFiles, this.report, this.empty, this.list);
         this.host.addEventListener("dragover", (/** @type {DragEvent} */ event) => event.preventDefault());
@@ -136,6 +137,7 @@ export class Parameters {
     arrange() {
         this.empty.hidden = this.items.size > 0;
         this.files.hidden = this.items.size === 0;
+        this.host.classList.toggle("tables", [...this.items.values()].some((item) => item.table) || !this.report.hidden);
         this.host.classList.toggle("empty", this.items.size === 0 && this.report.hidden);
         this.tell();
     }

@@ -279,7 +279,7 @@ function drawHappenings(context, area, picture) {
     for (const one of picture.happenings) {
         if (one.to < picture.from || one.from > picture.to) continue;
         const x = area.left + (one.from - picture.from) * scale;
-        if (one.kind === "outage" || one.kind === "lost") {
+        if (one.kind === "outage" || one.kind === "gap") {
             hatch(context, Math.max(x, area.left), Math.min(area.left + (one.to - picture.from) * scale, area.left + area.width), area.height, picture.theme.outage);
             continue;
         }

@@ -234,7 +234,7 @@ export class Plots {
         const width = this.panes[0]?.size.width ?? 0;
         if (width === 0) return;
         const many = Math.max(1, ...this.panes.map((pane) => pane.collectScales().length));
-        const gutter = SCALE_WIDTH * Math.min(many, width < 380 ? 1 : width < 620 ? 2 : 3);
+        const gutter = SCALE_WIDTH * Math.min(many, width < 260 ? 1 : width < 560 ? 2 : 3);
         this.gutter = gutter;
         const happenings = this.sources.flatMap((source) => source.happenings);
         if (!this.isLive) {

@@ -67,7 +67,7 @@ export class Recordings {
             const length = one.durationNs === undefined ? "" : formatTime(one.durationNs / 1e9, one.durationNs < 6e10 ? 1 : 0);
             const facts = [length, one.bytes !== undefined && formatBytes(one.bytes), ecus].filter(Boolean).join(" · ");
             return make("tr", {}, make("td", {}, box), make("td", {}, name, make("div", { class: "soft", text: dateText(one.startUtcNs) }), make("div", { class: "soft", text: facts }),
-                make("div", { class: trouble ? "bad" : "soft", text: trouble || (one.lost === undefined ? "" : "nothing lost") })));
+                make("div", { class: trouble ? "bad" : "soft", text: trouble || (one.outages === 0 ? "no outage" : "") })));
         }));
     }
 

@@ -64,7 +64,8 @@ function columnsIn(buffer, at, count, from, to) {
     for (let i = 0; i < count; ++i) {
         time[i] = from + ((i + 0.5) * (to - from)) / count;
         if (filled[i] === 0) last[i] = NaN;
-        broken[i] = filled[i] !== 0 && i > 0 && filled[i - 1] === 0 ? 1 : 0;
+        // 3: there is a gap before or among its samples.
+        broken[i] = filled[i] === 3 || (filled[i] !== 0 && i > 0 && filled[i - 1] === 0) ? 1 : 0;
     }
     return { count, time, least, greatest, last, broken };
 }

@@ -37,7 +37,7 @@ export function svgOf(drawing) {
         if (one.to < drawing.from || one.from > drawing.to) continue;
         const x = LEFT + ((Math.max(one.from, drawing.from) - drawing.from) / (drawing.to - drawing.from)) * drawing.width;
         const end = LEFT + ((Math.min(one.to, drawing.to) - drawing.from) / (drawing.to - drawing.from)) * drawing.width;
-        const opacity = one.kind === "outage" ? 0.25 : 0.8;
+        const opacity = one.kind === "outage" || one.kind === "gap" ? 0.25 : 0.8;
         parts.push(`<rect x="${number(x)}" y="24" width="${number(Math.max(end - x, 1))}" height="${top - 34}" fill="${drawing.outage}" opacity="${opacity}"><title>${escapeXml(`${one.kind} ${one.text}`)}</title></rect>`,
             `<text x="${number(x)}" y="${top + 24}" fill="${drawing.outage}">${escapeXml(one.text.slice(0, 40))}</text>`);
     }

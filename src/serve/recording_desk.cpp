@@ -145,7 +145,7 @@ void RecordingDesk::addRoutes(http::Router& router) {
                }));
     router.add("GET", "/v1/recordings/{name}/signals", {},
                ofRecording([this](const http::Request&, const http::Reply& reply, const fs::path& path) {
-                   Result<std::string> text = open_.use(path, signalsText);
+                   Result<std::string> text = open_.use(path, pictureOf);
                    text ? reply.send(madeOf(std::move(text).value(), "application/json"))
                         : reply.fail(text.error());
                }));

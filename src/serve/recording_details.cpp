@@ -141,7 +141,7 @@ json readDetails(const std::filesystem::path& directory) {
 
 }  // namespace
 
-Result<std::string> signalsText(OpenedRecording& recording) {
+Result<std::string> pictureOf(OpenedRecording& recording) {
     const storage::RecordingInfo& info = recording.info();
     json signals = json::array();
     json groups = json::array();

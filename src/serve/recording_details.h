@@ -14,9 +14,9 @@
 
 namespace lm::serve {
 
-/// {"startUtcNs", "fromNs", "toNs", "signals", "groups", "events"}; times count from the start of the
-/// recording. Errors: those of reading.
-Result<std::string> signalsText(OpenedRecording& recording);
+/// {"startUtcNs", "fromNs", "toNs", "signals", "groups", "events", "eventsLeftOut"}; times count from the
+/// start of the recording. Errors: those of reading.
+Result<std::string> pictureOf(OpenedRecording& recording);
 
 /// One line of a list each, kept while the files do not change.
 class Catalogue {

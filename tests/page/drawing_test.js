@@ -99,14 +99,14 @@ test("columns and samples of a recording", () => {
     view.setFloat64(24, 4e9, true);
     [7, 0, 4, 0].forEach((one, i) => view.setUint32(32 + 4 * i, one, true));
     [1, 0, 3, 4, 2, 0, 3, 9, 2, 0, 3, 5].forEach((one, i) => view.setFloat32(48 + 4 * i, one, true));
-    [1, 0, 2, 1].forEach((one, i) => view.setUint8(96 + i, one));
+    [1, 0, 2, 3].forEach((one, i) => view.setUint8(96 + i, one));
     [8, 1, 2, 0].forEach((one, i) => view.setUint32(104 + 4 * i, one, true));
     [1e9, 3e9, 0.1, -7].forEach((one, i) => view.setFloat64(120 + 8 * i, one, true));
     [0, 1].forEach((one, i) => view.setUint8(152 + i, one));
     const { strips, to } = parseSeries(bytes);
     same([to, [...strips.keys()]], [4, [7, 8]]);
     const [columns, samples] = [strips.get(7), strips.get(8)].map((strip) => /** @type {import("/page/strips.js").Strip} */ (strip));
-    same([columns.time, columns.last, columns.broken], [[0.5, 1.5, 2.5, 3.5], [2, NaN, 3, 5], [0, 0, 1, 0]]);
+    same([columns.time, columns.last, columns.broken], [[0.5, 1.5, 2.5, 3.5], [2, NaN, 3, 5], [0, 0, 1, 1]]);
     same([valueAt(columns, 3.6), valueAt(columns, 1.6), valueAt(columns, 0.6)], [null, null, null], "the edge, the gap, before it:");
     same([samples.time, samples.last, samples.broken, samples.exact], [[1, 3], [0.1, -7], [0, 1], true]);
     throws(() => parseSeries(bytes.slice(0, 120)), /cut off/);

@@ -41,7 +41,7 @@ class Browser:
     def __init__(self, directory, width=1280, height=800, ratio=1, dark=False):
         options = webdriver.ChromeOptions()
         options.binary_location = shutil.which("chromium")
-        for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--hide-scrollbars", "--force-color-profile=srgb"):
+        for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--hide-scrollbars", "--force-color-profile=srgb", "--disable-lcd-text"):
             options.add_argument(argument)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.downloads = Path(directory) / "downloads"
@@ -83,7 +83,7 @@ class Browser:
         return self.wait(lambda: self.run(script, selector, name), f"{name!r} on the page")
 
     def click(self, name, selector="button, input, select, [role]"):
-        self.named(name, selector).click()
+        self.wait(lambda: self.named(name, selector).click() or True, f"a click on {name!r}")
 
     def keys(self, *keys):
         """Typed where the focus is."""

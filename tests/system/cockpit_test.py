@@ -137,7 +137,7 @@ class CockpitTest(BrowserCase, SystemTest):
         self.assertRegex(svg, r"counter_1ms</text>")
         page.click("Fit")
         page.wait(lambda: page.run("return cockpit.plots.sources[0].happenings.filter((one) => one.kind === 'mark').length") == 1, "the mark")
-        page.click("Save layout")
+        page.click("save the layout")
         page.driver.switch_to.alert.send_keys("mine")
         page.driver.switch_to.alert.accept()
         page.wait_for_text("#status", "Layout mine saved")
