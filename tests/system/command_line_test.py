@@ -151,7 +151,7 @@ class CommandLineTest(harness.SystemTest):
                 "  axis 1         COM_AXIS, input engine_speed, 8 points at most, limits 0 to 16000, conversion CM.SPEED, points in ax",
                 "  not readable   COMPU_METHOD 'no_such_method' not found"]),
             (a2l, ["describe", "shaft_power"], ["  access         read only, computed when it is read"]),
-            (a2l, ["describe", "constant"], ["  not readable   formula 'sysc(words)': unknown identifier 'Text'", "  computed from  sysc(words)"]),
+            (a2l, ["describe", "constant"], ["  not readable   formula '(Text)': unknown identifier 'Text'", "  computed from  sysc(words)"]),
             (a2l, ["describe", "ax"], ["ax (axis)", "  input          engine_speed", "  used as        points of axis 1 of shared"]),
             (a2l, ["describe", "CM.SWITCH"], ["                 2 = \"test mode\"", "                 conversion of cal_injector"]),
             (a2l, ["list", "-l", "shared"], ["     limits -1 to 1, 8 x 4 element(s), COM_AXIS ax over engine_speed, STD_AXIS, Intel, \"On ax\""]),
