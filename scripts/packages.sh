@@ -27,6 +27,7 @@ need() {
 
 build_packages=(g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libpugixml-dev zlib1g-dev libboost-dev)
 test_packages=(libgtest-dev python3)
+browser_packages=(chromium chromium-driver python3-selenium)
 can_packages=(qemu-system-x86 busybox-static iproute2 gcc-12 make xz-utils libelf1)
 package_packages=(dpkg-dev lintian debootstrap)
 check_packages=(clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 libbenchmark-dev python3)
