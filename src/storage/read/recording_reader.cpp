@@ -130,10 +130,6 @@ RecordingEvents RecordingReader::events() const {
             });
             if (!isKnown) all.ecus.push_back(std::move(note));
         }
-        for (EcuChange& change : events.ecuChanges) {
-            change.timeNs += part.shiftNs;
-            all.ecuChanges.push_back(std::move(change));
-        }
         for (EcuClock& clock : events.ecuClocks) {
             clock.timeNs += part.shiftNs;
             clock.offsetNs += part.shiftNs;
