@@ -101,9 +101,10 @@ class Browser:
         Path(path).write_bytes(base64.b64decode(data))
 
     def troubles(self):
-        """What the browser complained of: scripts that failed, what the policy blocked; not that the server refused a value."""
+        """What the browser complained of: scripts that failed, what the policy blocked; not that the server refused a value, or a plan in
+        the moment in which the measurement begins."""
         told = [entry["message"] for entry in self.driver.get_log("browser") if entry["level"] == "SEVERE"]
-        return [one for one in told if "status of 422" not in one]
+        return [one for one in told if "status of 422" not in one and not ("/measurement/plan" in one and "status of 409" in one)]
 
     def names(self):
         """Role and name of all that screen readers are told of."""
