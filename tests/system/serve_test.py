@@ -3,12 +3,14 @@ import http.client
 import json
 import re
 import signal
+import socket
 import subprocess
 import sys
 import unittest
 from pathlib import Path
 
 from harness import PATIENCE, SystemTest, wait_until
+from recording import events
 
 ROOT = Path(__file__).resolve().parents[2]
 EXAMPLES = ROOT / "examples" / "python"
@@ -153,6 +155,44 @@ class ServeTest(SystemTest):
         self.start_sim(port=port)
         wait_until(lambda: self.client.state()["state"] == "connected", "the ECU")
         self.assertEqual(self.client["cal_gain"], 1)
+
+    def test_what_goes_wrong_stands_where_one_looks(self):
+        """A write without an answer, a reset, a signal that is not known, names that lead elsewhere, JSON without a bottom."""
+        sim = self.start_sim("--epk", "PUMP 3.1", "--fault", "lose:DOWNLOAD:2:3")
+        recordings, elsewhere = self.dir / "recordings", self.dir / "elsewhere"
+        recordings.mkdir()
+        elsewhere.mkdir()
+        (recordings / "link").symlink_to(elsewhere)
+        self.serve("-c", self.quick_config(), "--recordings", recordings, sim=sim)
+        ecu = self.client
+        ecu.measure(["counter_1ms@0"])
+        for name in ("link", "layouts", ".."):
+            with self.assertRaises(EcuError):
+                ecu.record(name)
+        self.assertEqual(list(elsewhere.iterdir()), [])
+        ecu.record("first")
+        ecu["cal_gain"] = 1.5
+        with self.assertRaises(EcuError):
+            ecu["cal_gain"] = 3.5
+        self.assertEqual(ecu["cal_gain"], 3.5)
+        told = [(one["old"]["physical"], one["new"]["physical"], "error" in one) for one in ecu.ask("GET", f"{self.base}/writes")["entries"]]
+        self.assertEqual(told, [(1, 1.5, False), (1.5, 3.5, True)])
+        sim.signal(signal.SIGUSR1)
+        wait_until(lambda: any("is not as it was" in one["text"] for one in ecu.ask("GET", f"{self.base}/log")["entries"]), "the reset in the log")
+        ecu.end_recording()
+        kinds = [one["event"] for one in events(recordings / "first")]
+        self.assertEqual([kinds.count(kind) for kind in ("parameter", "ecuChanged", "ecuClock")], [2, 1, 1], kinds)
+        self.assertIn("ecu", kinds)
+        with self.assertRaisesRegex(EcuError, "wavee"):
+            ecu.measure(["wavee@0"])
+        self.assertEqual(ecu.state()["state"], "measuring")
+        link = socket.socket(socket.AF_UNIX)
+        self.addCleanup(link.close)
+        link.connect(self.host.out.splitlines()[2].removeprefix("unix:"))
+        body = '{"commands":' + "[" * 1000000
+        link.sendall(f"POST /v1/share/begin HTTP/1.1\r\nHost: localhost\r\nContent-Length: {len(body)}\r\n\r\n{body}".encode())
+        self.assertRegex(link.recv(100), b"^HTTP/1.1 400 ")
+        self.assertEqual(ecu["cal_gain"], 1)
 
     def test_the_description_of_the_api_and_the_examples(self):
         self.serve("--recordings", self.dir)
