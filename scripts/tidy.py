@@ -68,7 +68,8 @@ def check(read):
 
 def main():
     units = [unit(entry) for entry in configure()]
-    units = [read for read in units if pathlib.Path(read[1][0]).is_relative_to(ROOT)]
+    # What the build makes itself is read by no one.
+    units = [read for read in units if read[1][0].is_relative_to(ROOT) and not read[1][0].is_relative_to(BUILD)]
     listed = subprocess.run(["git", "-C", ROOT, "ls-files", "src/*.cpp", "sim/*.cpp"], capture_output=True, text=True,
                             check=True)
     missed = {ROOT / name for name in listed.stdout.split()} - {source for read in units for source in read[1]}
