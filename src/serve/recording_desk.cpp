@@ -95,10 +95,10 @@ Result<exporter::ExportOptions> exportOptionsOf(const http::Request& request,
 
 /// Beside the recording, or where files may lie for a while when that cannot be written to.
 fs::path exportFolder(const fs::path& recording) {
-    const fs::path beside = recording.parent_path();
+    fs::path beside = recording.parent_path();
     if (::access(beside.c_str(), W_OK) == 0) return beside;
     std::error_code ignored;
-    const fs::path other = fs::temp_directory_path(ignored);
+    fs::path other = fs::temp_directory_path(ignored);
     return other.empty() ? beside : other;
 }
 
